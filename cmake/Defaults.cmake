@@ -1,0 +1,39 @@
+# Language level, warnings and the helper that every folder uses to declare its target.
+set(CMAKE_CXX_STANDARD 20)
+set(CMAKE_CXX_STANDARD_REQUIRED ON)
+set(CMAKE_CXX_EXTENSIONS OFF)
+set(CMAKE_EXPORT_COMPILE_COMMANDS ON)
+set(CMAKE_POSITION_INDEPENDENT_CODE ON)
+if(NOT CMAKE_BUILD_TYPE)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo)
+endif()
+
+set(POS_SANITIZE "" CACHE STRING "Value of -fsanitize= for every target, or empty")
+if(POS_SANITIZE)
+  add_compile_options(-fsanitize=${POS_SANITIZE} -fno-omit-frame-pointer -fno-sanitize-recover=all)
+  add_link_options(-fsanitize=${POS_SANITIZE})
+endif()
+
+find_program(CCACHE ccache)
+if(CCACHE)
+  set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})
+endif()
+
+add_library(pos_warnings INTERFACE)
+target_compile_options(pos_warnings INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Wsign-conversion -Wold-style-cast
+  -Wnon-virtual-dtor -Woverloaded-virtual -Wnull-dereference -Wextra-semi -Werror)
+if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
+  # GCC 12 reports -Wnull-dereference and -Wmaybe-uninitialized inside boost::optional when it
+  # inlines across instrumented code.
+  target_compile_options(pos_warnings INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
+endif()
+
+# pos_library(<target> SOURCES … [PUBLIC …] [PRIVATE …]): one folder, one static library. Headers are
+# included from the root of the repository ("clients/gnssClientImpl.h").
+function(pos_library target)
+  cmake_parse_arguments(ARG "" "" "SOURCES;PUBLIC;PRIVATE" ${ARGN})
+  add_library(${target} STATIC ${ARG_SOURCES})
+  target_include_directories(${target} PUBLIC ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${target} PUBLIC ${ARG_PUBLIC} PRIVATE ${ARG_PRIVATE} pos_warnings)
+endfunction()

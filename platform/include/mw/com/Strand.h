@@ -1,0 +1,50 @@
+/// A strand runs the work given to it one piece at a time and in order, on whichever thread is at hand.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+namespace mw::com {
+
+/// Work is handed over in two steps, so that a receiver can fix the order of two datagrams before it lets
+/// another worker receive the next one, and still run the first handler itself without a hop:
+/// enqueue() under the receiver's own order, run() afterwards.
+class Strand {
+ public:
+  Strand() = default;
+  /// Same as close().
+  ~Strand();
+  Strand(const Strand&) = delete;
+  Strand& operator=(const Strand&) = delete;
+
+  /// Appends `work`. Returns true when the strand was free: the caller now owns it and must call run()
+  /// (soon, from any one thread). Returns false when another thread is running the strand and will take
+  /// the work along, or when the strand is closed and the work was dropped.
+  [[nodiscard]] bool enqueue(std::function<void()> work);
+
+  /// Runs queued work until none is left. Only after an enqueue() that returned true.
+  void run();
+
+  /// enqueue() and, when the strand was free, run(): inline on the calling thread.
+  void dispatch(std::function<void()> work);
+
+  /// Drops what is queued and everything that comes later, and waits until the running piece has ended
+  /// (not waited for when called from within that piece).
+  void close();
+
+  [[nodiscard]] bool running_in_this_thread() const;
+
+ private:
+  mutable std::mutex mutex_;  ///< guards all members below; never held while work runs
+  std::condition_variable idle_;
+  std::deque<std::function<void()>> queue_;
+  std::thread::id runner_;
+  bool busy_ = false;
+  bool closed_ = false;
+};
+
+}  // namespace mw::com

@@ -1,0 +1,33 @@
+/// The worker threads on which everything from the network runs. Their number is fixed at construction.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+
+namespace mw::com {
+
+class static_thread_pool {
+ public:
+  /// `threads` must be at least 1. The workers start with all signals as the constructing thread has
+  /// them blocked.
+  explicit static_thread_pool(std::size_t threads);
+  /// Stops and joins the workers; work that has not begun is dropped. Not callable from a worker.
+  ~static_thread_pool();
+  static_thread_pool(const static_thread_pool&) = delete;
+  static_thread_pool& operator=(const static_thread_pool&) = delete;
+
+  /// Runs `work` on a worker, later. Work that throws ends the process.
+  void post(std::function<void()> work);
+  /// Same as the destructor's stop: idempotent, joins the workers.
+  void stop();
+
+  /// The event loop that the workers run; known to the platform's implementation only.
+  class Loop;
+  [[nodiscard]] Loop& loop() const { return *loop_; }
+
+ private:
+  std::unique_ptr<Loop> loop_;
+};
+
+}  // namespace mw::com

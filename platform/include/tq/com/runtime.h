@@ -1,0 +1,151 @@
+/// The low-level face of the communication middleware: bytes in, bytes out, elements by name.
+/// The proxy and skeleton templates of mw/com/cpp_binding stand on it, platform/linux/com implements
+/// it over SOME/IP. Applications use the templates, not this header.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace tq::com {
+
+using Payload = std::span<const std::byte>;
+
+/// Return code of a SOME/IP response. Values 0x20 to 0x3F belong to the service interface.
+enum class Return_code : std::uint8_t {
+  ok = 0x00,
+  not_ok = 0x01,
+  unknown_service = 0x02,
+  unknown_method = 0x03,
+  not_ready = 0x04,
+  not_reachable = 0x05,  ///< internal: the instance is not offered (any more)
+  timeout = 0x06,        ///< internal: no response in time
+  wrong_protocol_version = 0x07,
+  wrong_interface_version = 0x08,
+  malformed_message = 0x09,
+  wrong_message_type = 0x0A,
+};
+
+/// Where an offered instance is reachable. Only the runtime knows what is inside.
+class Remote_instance;
+
+/// One offered instance of a service, as a search found it. Cheap to copy.
+struct Found_instance {
+  std::string service;
+  std::uint16_t instance = 0;
+  std::shared_ptr<const Remote_instance> where;
+};
+
+/// Ids of one element of a service interface, as the deployment manifest gives them. An id that the
+/// element does not have (a field without setter) is empty.
+struct Element_ids {
+  std::optional<std::uint16_t> method;    ///< of a method
+  std::optional<std::uint16_t> getter;    ///< of a field
+  std::optional<std::uint16_t> setter;    ///< of a field
+  std::optional<std::uint16_t> notifier;  ///< of a field (notification) or an event
+};
+
+/// Called with one notification's payload, one call at a time and in order of arrival. The payload is
+/// valid during the call only.
+using Notification_handler = std::function<void(Payload)>;
+
+/// Called when the state of a subscription changes: true once it is acknowledged, false when it ended.
+using Subscription_state_handler = std::function<void(bool subscribed)>;
+
+/// Called once per request: with ok and the response's payload, or with the reason of the failure and
+/// an empty payload.
+using Response_handler = std::function<void(Return_code, Payload)>;
+
+/// A provider's answer to one request.
+struct Response {
+  Return_code code = Return_code::ok;
+  std::vector<std::byte> payload;
+};
+/// Called on a worker thread for each request; requests of one provider may run in parallel.
+/// What it throws is answered with Return_code::not_ok.
+using Method_handler = std::function<Response(Payload)>;
+
+/// Called with every offered instance that matches a search, at the start and on each change, one call
+/// at a time, on a worker thread. In the order in which the instances were first offered.
+using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
+
+enum class Find_token : std::uint64_t {};
+
+/// One client's connection to one instance. Destroying it unsubscribes and waits until no handler of it
+/// runs any more, unless it is destroyed from within such a handler. All members may be called from any
+/// thread.
+class Consumer {
+ public:
+  virtual ~Consumer() = default;
+
+  [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
+
+  /// Asks for the notifications of an event or field. The runtime subscribes to its event group, renews
+  /// the subscription with every offer and calls `handler` for each notification, the initial value of
+  /// a field included. A second call for the same element replaces the handlers.
+  virtual void subscribe(std::string_view element,
+                         Notification_handler handler,
+                         Subscription_state_handler on_state) = 0;
+  /// Returns once no handler of this element runs any more (not waited for inside that handler).
+  virtual void unsubscribe(std::string_view element) = 0;
+
+  /// Sends a request. Every call ends in exactly one call of `handler`, at the latest after the time-out
+  /// of the manifest ("requestTimeoutMs").
+  virtual void call(std::uint16_t method, Payload arguments, Response_handler handler) = 0;
+  virtual void call_no_return(std::uint16_t method, Payload arguments) = 0;
+};
+
+/// One provided instance. All members may be called from any thread. Destruction stops the offer and
+/// waits until no method handler runs any more.
+class Provider {
+ public:
+  virtual ~Provider() = default;
+
+  [[nodiscard]] virtual std::string_view service() const = 0;
+  [[nodiscard]] virtual std::uint16_t instance() const = 0;
+  [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
+
+  /// Handlers must be set before offer().
+  virtual void set_method_handler(std::uint16_t method, Method_handler handler) = 0;
+
+  virtual void offer() = 0;
+  virtual void stop_offer() = 0;
+
+  /// Sets the current value of a field: kept for new subscribers and notified to the present ones.
+  virtual void update_field(std::uint16_t notifier, Payload value) = 0;
+  /// Sends an event to the present subscribers; nothing is kept.
+  virtual void send_event(std::uint16_t event, Payload value) = 0;
+};
+
+/// The process's node on the network. Created by mw::com::runtime::Component_singleton.
+class Runtime {
+ public:
+  virtual ~Runtime() = default;
+
+  /// The process's runtime. Throws std::logic_error while no Component_singleton exists.
+  static Runtime& instance();
+
+  /// `service` is the interface's full name in the manifest. Without `instance` every instance matches.
+  /// Throws std::runtime_error naming the manifest and the key when the service is not deployed.
+  [[nodiscard]] virtual Find_token start_find_service(std::string_view service,
+                                                      std::optional<std::uint16_t> instance,
+                                                      Find_handler handler) = 0;
+  /// Returns once the handler does not run any more (not waited for inside that handler).
+  virtual void stop_find_service(Find_token token) = 0;
+
+  [[nodiscard]] virtual std::unique_ptr<Consumer> connect(const Found_instance& instance) = 0;
+
+  /// `specifier` names the instance in the manifest. Throws std::runtime_error naming the manifest and
+  /// the key when there is none.
+  [[nodiscard]] virtual std::unique_ptr<Provider> provide(std::string_view service,
+                                                          std::string_view specifier) = 0;
+};
+
+}  // namespace tq::com

@@ -1,0 +1,124 @@
+/// What the deployment manifest says, as plain values: the node, its discovery timing, the services with
+/// their ids, the bounds. platform/linux/com reads the file, platform/someip works from these values.
+#pragma once
+
+#include <boost/asio/ip/address.hpp>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace someip {
+
+using Milliseconds = std::chrono::milliseconds;
+
+/// Service discovery ("serviceDiscovery"). Defaults are the customary ones of AUTOSAR deployments.
+struct Discovery_timing {
+  boost::asio::ip::address multicast_address = boost::asio::ip::make_address("239.192.0.77");
+  std::uint16_t port = 30490;
+  Milliseconds initial_delay_min{10};
+  Milliseconds initial_delay_max{100};
+  Milliseconds repetitions_base_delay{200};
+  std::uint32_t repetitions_max = 3;
+  Milliseconds cyclic_offer_delay{1000};
+  Milliseconds request_response_delay_min{0};
+  Milliseconds request_response_delay_max{20};
+  /// Lifetime of own offers and of own subscriptions, in seconds; 0xFFFFFF never ends.
+  std::uint32_t offer_ttl = 3;
+  std::uint32_t subscribe_ttl = 3;
+};
+
+/// Bounds on what a peer can make grow ("limits"). Past a bound the newcomer is refused and counted.
+struct Limits {
+  std::size_t subscribers_per_event_group = 128;
+  std::size_t reassemblies = 32;                     ///< segment trains in flight, over all peers
+  std::size_t reassemblies_per_peer = 8;
+  Milliseconds reassembly_timeout{5000};
+  std::size_t message_bytes = 256 * 1024;            ///< one SOME/IP message, header included
+  std::size_t tcp_connections = 64;                  ///< accepted ones; also the bound of outgoing ones
+  std::size_t tcp_send_queue_bytes = 512 * 1024;     ///< per connection; a slower reader is disconnected
+  std::size_t pending_calls = 256;
+  std::size_t entries_per_discovery_message = 256;
+  std::size_t remote_instances = 1024;               ///< offered instances remembered
+  std::size_t discovery_peers = 256;                 ///< session counters and reboot flags remembered
+  std::size_t queued_notifications = 64;             ///< per event waiting for a slow handler
+};
+
+enum class Transport : std::uint8_t { udp, tcp };
+
+struct Method_deployment {
+  std::string name;
+  std::uint16_t id = 0;
+  Transport transport = Transport::udp;
+  bool fire_and_forget = false;
+};
+
+struct Event_deployment {
+  std::string name;
+  std::uint16_t id = 0;  ///< 0x8000 and above
+  std::uint16_t event_group = 0;
+  Transport transport = Transport::udp;
+};
+
+struct Field_deployment {
+  std::string name;
+  std::optional<std::uint16_t> getter;
+  std::optional<std::uint16_t> setter;
+  std::optional<std::uint16_t> notifier;
+  std::uint16_t event_group = 0;  ///< of the notifier
+  Transport transport = Transport::udp;
+};
+
+struct Multicast_deployment {
+  std::uint16_t event_group = 0;
+  boost::asio::ip::address address;
+  std::uint16_t port = 0;
+  std::uint32_t threshold = 0;  ///< 0: unicast only; n: multicast from n subscribers on
+};
+
+/// An instance that a node of this manifest provides.
+struct Instance_deployment {
+  std::uint16_t id = 0;
+  std::string specifier;
+  std::string node;  ///< the node that provides it
+  std::optional<std::uint16_t> udp_port;
+  std::optional<std::uint16_t> tcp_port;
+  std::vector<Multicast_deployment> multicast;
+};
+
+struct Service_deployment {
+  std::string name;  ///< full interface name, such as "lumo::services::gnss::GNSS"
+  std::uint16_t id = 0;
+  std::uint8_t major_version = 0;
+  std::uint32_t minor_version = 0;
+  std::vector<Method_deployment> methods;
+  std::vector<Event_deployment> events;
+  std::vector<Field_deployment> fields;
+  std::vector<Instance_deployment> instances;
+  /// Addresses that may talk to or provide this service; empty: all.
+  std::vector<boost::asio::ip::address> allowed_peers;
+};
+
+struct Node_deployment {
+  std::string name;
+  /// The first free one is taken. Application nodes have one, tools several.
+  std::vector<boost::asio::ip::address> addresses;
+  std::uint8_t prefix_length = 8;  ///< of the subnet: endpoints outside of it are refused; 0: no check
+  std::size_t workers = 2;
+  std::uint16_t client_id = 1;
+  /// Ports for a client's own endpoints: 0 lets the kernel choose.
+  std::uint16_t client_port = 0;
+  Milliseconds request_timeout{2000};
+};
+
+struct Deployment {
+  std::string source;  ///< file name of the manifest, or "built-in manifest"
+  std::vector<Node_deployment> nodes;
+  Discovery_timing discovery;
+  Limits limits;
+  std::vector<Service_deployment> services;
+};
+
+}  // namespace someip
