@@ -1,0 +1,105 @@
+/// Log contexts. An application calls InitLogging once, before it starts threads, and each part of
+/// it creates the logger of its own context.
+#pragma once
+
+#include <atomic>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ara/log/common.h"
+#include "ara/log/log_stream.h"
+
+namespace ara::log {
+
+/// Names the application (1 to 4 characters) and opens what `mode` asks for. `directoryPath` is the
+/// folder of kFile and otherwise unused.
+///
+/// With kRemote, messages go to the DLT daemon when one is there, else to standard error, never to
+/// both. A daemon that comes or goes later is noticed. Neither start nor exit waits for a daemon.
+/// The environment variable POS_LOG_LEVEL replaces `defaultLevel` and sets single contexts:
+/// "debug" or "info,GNSS=warn,TRCE=verbose". With a daemon, levels can be changed at run time from
+/// there.
+///
+/// Loggers created earlier stay valid and take part from now on. A second call is ignored with a
+/// warning. Throws std::invalid_argument for a bad `appId` and std::runtime_error, with path and
+/// reason, when the file of kFile cannot be opened.
+void InitLogging(std::string_view appId,
+                 std::string_view description,
+                 LogLevel defaultLevel,
+                 LogMode mode,
+                 std::string_view directoryPath);
+
+/// One context. Any number of threads may log through one logger.
+class Logger {
+ public:
+  Logger(const Logger&) = delete;
+  Logger& operator=(const Logger&) = delete;
+
+  /// One relaxed load: a level changed at run time takes effect soon, in no order with other
+  /// memory.
+  [[nodiscard]] bool IsEnabled(LogLevel level) const noexcept {
+    return level <= level_.load(std::memory_order_relaxed);
+  }
+
+  [[nodiscard]] LogStream LogFatal() const noexcept { return Stream(LogLevel::kFatal); }
+  [[nodiscard]] LogStream LogError() const noexcept { return Stream(LogLevel::kError); }
+  [[nodiscard]] LogStream LogWarn() const noexcept { return Stream(LogLevel::kWarn); }
+  [[nodiscard]] LogStream LogInfo() const noexcept { return Stream(LogLevel::kInfo); }
+  [[nodiscard]] LogStream LogDebug() const noexcept { return Stream(LogLevel::kDebug); }
+  [[nodiscard]] LogStream LogVerbose() const noexcept { return Stream(LogLevel::kVerbose); }
+
+  /// A level known at run time only; kOff is never enabled.
+  [[nodiscard]] LogStream Stream(LogLevel level) const noexcept {
+    return {level != LogLevel::kOff && IsEnabled(level) ? this : nullptr, level};
+  }
+  /// A message of one argument.
+  void Log(LogLevel level, std::string_view text) const noexcept { Stream(level) << text; }
+
+  [[nodiscard]] LogLevel Level() const noexcept { return level_.load(std::memory_order_relaxed); }
+  /// Until the daemon says otherwise.
+  void SetLevel(LogLevel level) noexcept;
+  [[nodiscard]] const std::string& ContextId() const noexcept;
+
+ private:
+  friend class Backend;
+  friend class LogStream;
+  struct Context;
+  explicit Logger(Context& context) noexcept : context_(context) {}
+  ~Logger() = default;
+
+  std::atomic<LogLevel> level_{LogLevel::kInfo};
+  Context& context_;
+};
+
+/// The logger of the context `ctxId` (1 to 4 printable characters), which lives to the end of the
+/// process; the same id gives the same logger, whose description and level are those of the first
+/// call. `level` replaces the default level for this context, POS_LOG_LEVEL's entry for it replaces
+/// both. Throws std::invalid_argument for a bad id.
+Logger& CreateLogger(std::string_view ctxId,
+                     std::string_view description,
+                     std::optional<LogLevel> level = std::nullopt);
+
+/// The application's default context: its id is the application id ("POS" for this application).
+Logger& DefaultLogger();
+
+[[nodiscard]] inline LogStream LogFatal() {
+  return DefaultLogger().LogFatal();
+}
+[[nodiscard]] inline LogStream LogError() {
+  return DefaultLogger().LogError();
+}
+[[nodiscard]] inline LogStream LogWarn() {
+  return DefaultLogger().LogWarn();
+}
+[[nodiscard]] inline LogStream LogInfo() {
+  return DefaultLogger().LogInfo();
+}
+[[nodiscard]] inline LogStream LogDebug() {
+  return DefaultLogger().LogDebug();
+}
+[[nodiscard]] inline LogStream LogVerbose() {
+  return DefaultLogger().LogVerbose();
+}
+
+}  // namespace ara::log

@@ -1,0 +1,26 @@
+/// Alive supervision: a checkpoint reached in time proves that its thread still runs.
+#pragma once
+
+#include <cstdint>
+
+#include "ara/phm/phm_client.h"
+
+namespace ara::phm {
+
+class SupervisionEntity {
+ public:
+  /// `client` must outlive the entity.
+  explicit SupervisionEntity(Phm_client& client) : client_(client) {}
+  SupervisionEntity(const SupervisionEntity&) = delete;
+  SupervisionEntity& operator=(const SupervisionEntity&) = delete;
+
+  /// Reports the alive checkpoint `checkpointId` of the supervised entity `entityId`. Callable from
+  /// any thread, does not wait. Not supervised: nothing happens. Throws std::runtime_error with the
+  /// reason when the report could not be sent.
+  void CheckpointReached(std::uint16_t entityId, std::uint16_t checkpointId) const;
+
+ private:
+  Phm_client& client_;
+};
+
+}  // namespace ara::phm

@@ -1,0 +1,44 @@
+/// Component states that state management asks for.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "ara/core/instance_specifier.h"
+
+namespace ara::stm {
+
+/// Called on a thread of the platform, one request at a time. It should end soon, but need not have
+/// confirmed by then. It must not throw.
+using StateChangeHandler =
+    std::function<void(const std::string& newState, std::uint32_t sequenceNumber)>;
+
+class ComponentClient {
+ public:
+  /// Waits for a handler call under way (not when called from within it); requests that were not
+  /// confirmed by then are answered with an error.
+  virtual ~ComponentClient() = default;
+  ComponentClient(const ComponentClient&) = delete;
+  ComponentClient& operator=(const ComponentClient&) = delete;
+
+  /// Answers the request `sequenceNumber`; `result` 0 is accepted. A confirmation without a request
+  /// is published only: a state change that did not come from state management is known to it this
+  /// way. Callable from any thread, also from within the handler; does not wait, does not throw.
+  virtual void confirm(std::uint32_t sequenceNumber,
+                       const std::string& newState,
+                       std::uint32_t result) = 0;
+
+ protected:
+  ComponentClient() = default;
+};
+
+/// Registers the component `instance` at state management. The handler may be called before this
+/// function has returned: a handler that confirms has to wait until its caller holds the client.
+/// Without a state management (no bus) one warning is logged and the client works without effect.
+/// Throws std::invalid_argument for an empty handler.
+[[nodiscard]] std::unique_ptr<ComponentClient> createComponentClient(
+    const core::InstanceSpecifier& instance, StateChangeHandler handler);
+
+}  // namespace ara::stm
