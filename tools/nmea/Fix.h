@@ -1,0 +1,84 @@
+/// What a receiver said about one instant: the result of the NMEA reader.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+namespace nmea {
+
+using Utc_time = std::chrono::sys_time<std::chrono::nanoseconds>;
+
+struct Coordinates {
+  double latitude =
+      0;  ///< degrees, north positive; the double nearest to the sentence's decimal value
+  double longitude = 0;  ///< degrees, east positive
+  friend bool operator==(const Coordinates&, const Coordinates&) = default;
+};
+
+/// How the position was found; the numbers of GGA's quality field.
+enum class Fix_quality : std::uint8_t {
+  none = 0,
+  autonomous = 1,
+  differential = 2,
+  precise = 3,
+  rtk_fixed = 4,
+  rtk_float = 5,
+  estimated = 6,
+  manual = 7,
+  simulated = 8,
+};
+
+/// The numbers of GSA's fix field.
+enum class Fix_dimension : std::uint8_t { none = 1, two = 2, three = 3 };
+
+enum class Gnss_system : std::uint8_t { unknown, gps, glonass, galileo, beidou, qzss, navic, sbas };
+
+struct Satellite {
+  Gnss_system system = Gnss_system::unknown;
+  std::uint16_t id = 0;          ///< as the sentence numbers it
+  std::optional<int> elevation;  ///< degrees, -90..90
+  std::optional<int> azimuth;    ///< degrees from north, 0..359
+  std::optional<int> signal;     ///< carrier to noise density, dBHz; absent: not tracked
+  bool in_use = false;
+  friend bool operator==(const Satellite&, const Satellite&) = default;
+};
+
+/// What no sentence of the instant says is absent.
+struct Fix {
+  /// Time of day when no sentence has told the date yet; the date is carried on from earlier fixes.
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::optional<Utc_time> utc;
+
+  /// False: the receiver itself marks position, speed and course as not to be used.
+  bool valid = false;
+  std::optional<Coordinates> position;
+  std::optional<double> altitude_msl;      ///< metres
+  std::optional<double> geoid_separation;  ///< metres, WGS84 ellipsoid to mean sea level
+  std::optional<double> speed;             ///< metres per second over ground
+  std::optional<double> course;            ///< degrees from true north
+
+  std::optional<Fix_quality> quality;
+  std::optional<Fix_dimension> dimension;
+  std::optional<double> pdop;
+  std::optional<double> hdop;
+  std::optional<double> vdop;
+
+  /// The larger of the counted (GGA, GNS) and the listed (GSA) satellites: some receivers stop
+  /// counting at 12, some count one system only.
+  std::optional<unsigned> satellites_in_use;
+  std::optional<unsigned> satellites_in_view;
+  std::optional<unsigned> satellites_tracked;
+  /// In the order of the sentences, each satellite once (with its strongest signal); absent when
+  /// the instant brought no complete list.
+  std::optional<std::vector<Satellite>> satellites;
+
+  /// Metres above the WGS84 ellipsoid.
+  [[nodiscard]] std::optional<double> altitude_wgs84() const {
+    if (!altitude_msl || !geoid_separation) return std::nullopt;
+    return *altitude_msl + *geoid_separation;
+  }
+};
+
+}  // namespace nmea

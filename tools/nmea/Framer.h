@@ -1,0 +1,62 @@
+/// Finds NMEA 0183 sentences in arbitrary bytes: line noise, binary packets and comment lines in
+/// between are passed over and counted.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string_view>
+
+namespace nmea {
+
+/// What was passed over, by reason. Only ever grows.
+struct Counters {
+  std::uint64_t sentences = 0;        ///< understood
+  std::uint64_t other_sentences = 0;  ///< sound, but proprietary, of another talker or type
+  std::uint64_t noise_bytes = 0;      ///< outside of any sentence
+  std::uint64_t comment_lines = 0;    ///< lines that begin with '#'
+  std::uint64_t too_long = 0;         ///< sentences longer than Framer::max_length
+  std::uint64_t bad_character = 0;    ///< sentences with a byte outside of printable ASCII
+  std::uint64_t incomplete = 0;       ///< sentences cut by the next '$' or by the end of the input
+  std::uint64_t checksum_missing = 0;
+  std::uint64_t checksum_mismatch = 0;
+  std::uint64_t malformed_field =
+      0;                         ///< right checksum, but a field is not what its place asks for
+  std::uint64_t duplicates = 0;  ///< same type and time as one that is there already
+  std::uint64_t incomplete_groups = 0;  ///< GSV groups of which a sentence is missing
+
+  /// Everything that a healthy receiver on a healthy line would not have sent.
+  [[nodiscard]] std::uint64_t errors() const {
+    return too_long + bad_character + incomplete + checksum_missing + checksum_mismatch +
+           malformed_field + incomplete_groups;
+  }
+};
+
+class Framer {
+ public:
+  /// The standard says 82 with '$' and line end; receivers with many decimals send up to about 120.
+  static constexpr std::size_t max_length = 160;
+
+  explicit Framer(Counters& counters) : counters_(counters) {}
+
+  /// Consumes from the front of `input` until a sentence is complete; returns what stands between
+  /// '$' and the line end (checksum not verified yet), valid until the next call. Without a result
+  /// all of `input` has been consumed.
+  [[nodiscard]] std::optional<std::string_view> next(std::span<const std::byte>& input);
+
+  /// The input has ended: what has begun is counted as incomplete.
+  void finish();
+
+ private:
+  enum class State : std::uint8_t { outside, comment, sentence };
+
+  Counters& counters_;
+  std::array<char, max_length> line_{};
+  std::size_t length_ = 0;
+  State state_ = State::outside;
+  bool at_line_start_ = true;
+};
+
+}  // namespace nmea
