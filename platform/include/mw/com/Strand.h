@@ -1,4 +1,5 @@
-/// A strand runs the work given to it one piece at a time and in order, on whichever thread is at hand.
+/// A strand runs the work given to it one piece at a time and in order, on whichever thread is at
+/// hand.
 #pragma once
 
 #include <condition_variable>
@@ -10,9 +11,9 @@
 
 namespace mw::com {
 
-/// Work is handed over in two steps, so that a receiver can fix the order of two datagrams before it lets
-/// another worker receive the next one, and still run the first handler itself without a hop:
-/// enqueue() under the receiver's own order, run() afterwards.
+/// Work is handed over in two steps, so that a receiver can fix the order of two datagrams before
+/// it lets another worker receive the next one, and still run the first handler itself without a
+/// hop: enqueue() under the receiver's own order, run() afterwards.
 class Strand {
  public:
   Strand() = default;
@@ -21,9 +22,9 @@ class Strand {
   Strand(const Strand&) = delete;
   Strand& operator=(const Strand&) = delete;
 
-  /// Appends `work`. Returns true when the strand was free: the caller now owns it and must call run()
-  /// (soon, from any one thread). Returns false when another thread is running the strand and will take
-  /// the work along, or when the strand is closed and the work was dropped.
+  /// Appends `work`. Returns true when the strand was free: the caller now owns it and must call
+  /// run() (soon, from any one thread). Returns false when another thread is running the strand and
+  /// will take the work along, or when the strand is closed and the work was dropped.
   [[nodiscard]] bool enqueue(std::function<void()> work);
 
   /// Runs queued work until none is left. Only after an enqueue() that returned true.
@@ -32,8 +33,8 @@ class Strand {
   /// enqueue() and, when the strand was free, run(): inline on the calling thread.
   void dispatch(std::function<void()> work);
 
-  /// Drops what is queued and everything that comes later, and waits until the running piece has ended
-  /// (not waited for when called from within that piece).
+  /// Drops what is queued and everything that comes later, and waits until the running piece has
+  /// ended (not waited for when called from within that piece).
   void close();
 
   [[nodiscard]] bool running_in_this_thread() const;

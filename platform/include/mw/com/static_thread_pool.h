@@ -1,4 +1,5 @@
-/// The worker threads on which everything from the network runs. Their number is fixed at construction.
+/// The worker threads on which everything from the network runs. Their number is fixed at
+/// construction.
 #pragma once
 
 #include <cstddef>
@@ -9,8 +10,8 @@ namespace mw::com {
 
 class static_thread_pool {
  public:
-  /// `threads` must be at least 1. The workers start with all signals as the constructing thread has
-  /// them blocked.
+  /// `threads` must be at least 1. The workers start with all signals as the constructing thread
+  /// has them blocked.
   explicit static_thread_pool(std::size_t threads);
   /// Stops and joins the workers; work that has not begun is dropped. Not callable from a worker.
   ~static_thread_pool();

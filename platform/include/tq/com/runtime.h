@@ -1,6 +1,6 @@
 /// The low-level face of the communication middleware: bytes in, bytes out, elements by name.
-/// The proxy and skeleton templates of mw/com/cpp_binding stand on it, platform/linux/com implements
-/// it over SOME/IP. Applications use the templates, not this header.
+/// The proxy and skeleton templates of mw/com/cpp_binding stand on it, platform/linux/com
+/// implements it over SOME/IP. Applications use the templates, not this header.
 #pragma once
 
 #include <chrono>
@@ -52,15 +52,16 @@ struct Element_ids {
   std::optional<std::uint16_t> notifier;  ///< of a field (notification) or an event
 };
 
-/// Called with one notification's payload, one call at a time and in order of arrival. The payload is
-/// valid during the call only.
+/// Called with one notification's payload, one call at a time and in order of arrival. The payload
+/// is valid during the call only.
 using Notification_handler = std::function<void(Payload)>;
 
-/// Called when the state of a subscription changes: true once it is acknowledged, false when it ended.
+/// Called when the state of a subscription changes: true once it is acknowledged, false when it
+/// ended.
 using Subscription_state_handler = std::function<void(bool subscribed)>;
 
-/// Called once per request: with ok and the response's payload, or with the reason of the failure and
-/// an empty payload.
+/// Called once per request: with ok and the response's payload, or with the reason of the failure
+/// and an empty payload.
 using Response_handler = std::function<void(Return_code, Payload)>;
 
 /// A provider's answer to one request.
@@ -72,38 +73,38 @@ struct Response {
 /// What it throws is answered with Return_code::not_ok.
 using Method_handler = std::function<Response(Payload)>;
 
-/// Called with every offered instance that matches a search, at the start and on each change, one call
-/// at a time, on a worker thread. In the order in which the instances were first offered.
+/// Called with every offered instance that matches a search, at the start and on each change, one
+/// call at a time, on a worker thread. In the order in which the instances were first offered.
 using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
 
 enum class Find_token : std::uint64_t {};
 
-/// One client's connection to one instance. Destroying it unsubscribes and waits until no handler of it
-/// runs any more, unless it is destroyed from within such a handler. All members may be called from any
-/// thread.
+/// One client's connection to one instance. Destroying it unsubscribes and waits until no handler
+/// of it runs any more, unless it is destroyed from within such a handler. All members may be
+/// called from any thread.
 class Consumer {
  public:
   virtual ~Consumer() = default;
 
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
-  /// Asks for the notifications of an event or field. The runtime subscribes to its event group, renews
-  /// the subscription with every offer and calls `handler` for each notification, the initial value of
-  /// a field included. A second call for the same element replaces the handlers.
+  /// Asks for the notifications of an event or field. The runtime subscribes to its event group,
+  /// renews the subscription with every offer and calls `handler` for each notification, the
+  /// initial value of a field included. A second call for the same element replaces the handlers.
   virtual void subscribe(std::string_view element,
                          Notification_handler handler,
                          Subscription_state_handler on_state) = 0;
   /// Returns once no handler of this element runs any more (not waited for inside that handler).
   virtual void unsubscribe(std::string_view element) = 0;
 
-  /// Sends a request. Every call ends in exactly one call of `handler`, at the latest after the time-out
-  /// of the manifest ("requestTimeoutMs").
+  /// Sends a request. Every call ends in exactly one call of `handler`, at the latest after the
+  /// time-out of the manifest ("requestTimeoutMs").
   virtual void call(std::uint16_t method, Payload arguments, Response_handler handler) = 0;
   virtual void call_no_return(std::uint16_t method, Payload arguments) = 0;
 };
 
-/// One provided instance. All members may be called from any thread. Destruction stops the offer and
-/// waits until no method handler runs any more.
+/// One provided instance. All members may be called from any thread. Destruction stops the offer
+/// and waits until no method handler runs any more.
 class Provider {
  public:
   virtual ~Provider() = default;
@@ -132,8 +133,9 @@ class Runtime {
   /// The process's runtime. Throws std::logic_error while no Component_singleton exists.
   static Runtime& instance();
 
-  /// `service` is the interface's full name in the manifest. Without `instance` every instance matches.
-  /// Throws std::runtime_error naming the manifest and the key when the service is not deployed.
+  /// `service` is the interface's full name in the manifest. Without `instance` every instance
+  /// matches. Throws std::runtime_error naming the manifest and the key when the service is not
+  /// deployed.
   [[nodiscard]] virtual Find_token start_find_service(std::string_view service,
                                                       std::optional<std::uint16_t> instance,
                                                       Find_handler handler) = 0;
@@ -142,8 +144,8 @@ class Runtime {
 
   [[nodiscard]] virtual std::unique_ptr<Consumer> connect(const Found_instance& instance) = 0;
 
-  /// `specifier` names the instance in the manifest. Throws std::runtime_error naming the manifest and
-  /// the key when there is none.
+  /// `specifier` names the instance in the manifest. Throws std::runtime_error naming the manifest
+  /// and the key when there is none.
   [[nodiscard]] virtual std::unique_ptr<Provider> provide(std::string_view service,
                                                           std::string_view specifier) = 0;
 };

@@ -1,0 +1,444 @@
+/// Encoding and decoding of everything that travels: numbers, strings, arrays, vectors, string maps
+/// and described records. Top-level entry points are encode() and decode(); proxies and skeletons
+/// reach them through mw::com::cpp_binding::Serialization.
+#pragma once
+
+#include <array>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "binding/payload.h"
+#include "binding/record.h"
+#include "binding/trace_json.h"
+#include "mw/com/cpp_binding/serialization.h"
+
+namespace binding {
+
+/// Settings of an encoded type; specialise for a type that differs.
+template <class T>
+inline constexpr Serialization_settings settings_of{};
+
+/// Codec<T> handles the bare value, without the length field that a nested item has:
+///   static constexpr Wire_type wire_type;             as a TLV member
+///   static std::uint64_t length_field(settings);      size of its own length field when nested or,
+///   for
+///                                                     containers, at the top level
+///   static constexpr bool top_level_length_field;     containers keep theirs at the top level,
+///   records not static std::size_t size(const T&, settings); static std::byte* write(const T&,
+///   std::byte* to, settings); static void read(Cursor&, std::size_t end, T&, settings); static
+///   void trace(const T&, Trace_json&, unsigned position);
+template <class T>
+struct Codec;
+
+using mw::com::cpp_binding::Trace_json;
+
+template <class T>
+concept Scalar = std::is_arithmetic_v<T> || std::is_enum_v<T>;
+
+template <Scalar T>
+struct Codec<T> {
+  static constexpr Wire_type wire_type = static_cast<Wire_type>(std::countr_zero(sizeof(T)));
+  static constexpr bool top_level_length_field = false;
+  static constexpr std::uint64_t length_field(const Serialization_settings&) { return 0; }
+  static constexpr std::size_t size(T, const Serialization_settings&) { return sizeof(T); }
+  static std::byte* write(T value, std::byte* to, const Serialization_settings& settings) {
+    return store(to, value, settings.byte_order);
+  }
+  static T load_value(const std::byte* from, const Serialization_settings& settings) {
+    if constexpr (std::is_same_v<T, bool>) {
+      // Only the lowest bit counts (someip_817); any other pattern would not be a bool in memory.
+      return (std::to_integer<unsigned>(*from) & 1U) != 0;
+    } else {
+      return load<T>(from, settings.byte_order);
+    }
+  }
+  static void read(Cursor& cursor, std::size_t, T& value, const Serialization_settings& settings) {
+    cursor.ensure_available(sizeof(T));
+    value = load_value(cursor.data() + cursor.position(), settings);
+    cursor.skip(sizeof(T));
+  }
+  static void trace(T value, Trace_json& json, unsigned position) {
+    if constexpr (sizeof(T) == 1) {
+      json.uint8(position, std::bit_cast<std::uint8_t>(value));
+    } else if constexpr (sizeof(T) == 2) {
+      json.uint16(position, std::bit_cast<std::uint16_t>(value));
+    } else {
+      json.undefined(position);
+    }
+  }
+};
+
+/// An item with its length field (when it has one) in front.
+template <class T>
+std::size_t nested_size(const T& value, const Serialization_settings& settings) {
+  return Codec<T>::length_field(settings) + Codec<T>::size(value, settings);
+}
+template <class T>
+std::byte* write_nested(const T& value, std::byte* to, const Serialization_settings& settings) {
+  if (const auto field = Codec<T>::length_field(settings); field != 0) {
+    to = store_length_field(to, field, Codec<T>::size(value, settings), settings);
+  }
+  return Codec<T>::write(value, to, settings);
+}
+template <class T>
+void read_nested(Cursor& cursor, T& value, const Serialization_settings& settings) {
+  const auto field = Codec<T>::length_field(settings);
+  if (field == 0) {
+    Codec<T>::read(cursor, cursor.size(), value, settings);
+    return;
+  }
+  const auto length = read_length_field(field, cursor, settings);
+  const auto end = end_position(cursor.position(), cursor.size(), length);
+  Codec<T>::read(cursor, end, value, settings);
+  finish_item(cursor, end);
+}
+
+/// Raw bytes, no byte-order mark, no terminator.
+template <>
+struct Codec<std::string> {
+  static constexpr Wire_type wire_type = Wire_type::configured_length;
+  static constexpr bool top_level_length_field = true;
+  static std::uint64_t length_field(const Serialization_settings& settings) {
+    return settings.string_length_field_size;
+  }
+  static std::size_t size(const std::string& value, const Serialization_settings&) {
+    return value.size();
+  }
+  static std::byte* write(const std::string& value, std::byte* to, const Serialization_settings&) {
+    std::memcpy(to, value.data(), value.size());
+    return to + value.size();
+  }
+  static void read(Cursor& cursor,
+                   std::size_t end,
+                   std::string& value,
+                   const Serialization_settings&) {
+    value.resize(end - cursor.position());
+    cursor.read(value.data(), value.size());
+  }
+  static void trace(const std::string&, Trace_json& json, unsigned position) {
+    json.undefined(position);
+  }
+};
+
+template <class T>
+void trace_elements(const T& values, Trace_json& json, unsigned position, std::string_view kind) {
+  json.begin(position, kind);
+  unsigned element = 0;
+  for (const auto& value : values) {
+    Codec<std::remove_cvref_t<decltype(value)>>::trace(value, json, ++element);
+  }
+  json.end();
+}
+
+template <class T>
+struct Codec<std::vector<T>> {
+  static constexpr Wire_type wire_type = Wire_type::configured_length;
+  static constexpr bool top_level_length_field = true;
+  static std::uint64_t length_field(const Serialization_settings& settings) {
+    return settings.array_length_field_size;
+  }
+  static std::size_t size(const std::vector<T>& values, const Serialization_settings& settings) {
+    if constexpr (Scalar<T>) {
+      return values.size() * sizeof(T);
+    } else {
+      std::size_t sum = 0;
+      for (const auto& value : values)
+        sum += nested_size(value, settings);
+      return sum;
+    }
+  }
+  static std::byte* write(const std::vector<T>& values,
+                          std::byte* to,
+                          const Serialization_settings& settings) {
+    if (settings.array_length_field_size == 0) throw_vector_without_length_field();
+    for (const auto& value : values)
+      to = write_nested(value, to, settings);
+    return to;
+  }
+  static void read(Cursor& cursor,
+                   std::size_t end,
+                   std::vector<T>& values,
+                   const Serialization_settings& settings) {
+    values.clear();
+    while (cursor.position() < end)
+      read_nested(cursor, values.emplace_back(), settings);
+  }
+  static void trace(const std::vector<T>& values, Trace_json& json, unsigned position) {
+    trace_elements(values, json, position, "vector");
+  }
+};
+
+template <class T, std::size_t Count>
+struct Codec<std::array<T, Count>> {
+  static constexpr Wire_type wire_type = Wire_type::configured_length;
+  static constexpr bool top_level_length_field = false;
+  static std::uint64_t length_field(const Serialization_settings& settings) {
+    return settings.array_length_field_size;
+  }
+  static std::size_t size(const std::array<T, Count>& values,
+                          const Serialization_settings& settings) {
+    std::size_t sum = 0;
+    for (const auto& value : values)
+      sum += nested_size(value, settings);
+    return sum;
+  }
+  static std::byte* write(const std::array<T, Count>& values,
+                          std::byte* to,
+                          const Serialization_settings& settings) {
+    for (const auto& value : values)
+      to = write_nested(value, to, settings);
+    return to;
+  }
+  static void read(Cursor& cursor,
+                   std::size_t,
+                   std::array<T, Count>& values,
+                   const Serialization_settings& settings) {
+    for (auto& value : values)
+      read_nested(cursor, value, settings);
+  }
+  static void trace(const std::array<T, Count>& values, Trace_json& json, unsigned position) {
+    trace_elements(values, json, position, "array");
+  }
+};
+
+/// Meta information of the diagnostic methods: keys and values, each with a length field of its
+/// own.
+template <>
+struct Codec<std::map<std::string, std::string>> {
+  using Map = std::map<std::string, std::string>;
+  static constexpr Wire_type wire_type = Wire_type::configured_length;
+  static constexpr bool top_level_length_field = true;
+  static std::uint64_t length_field(const Serialization_settings& settings) {
+    return settings.array_length_field_size;
+  }
+  static std::size_t size(const Map& map, const Serialization_settings& settings);
+  static std::byte* write(const Map& map, std::byte* to, const Serialization_settings& settings);
+  static void read(Cursor& cursor,
+                   std::size_t end,
+                   Map& map,
+                   const Serialization_settings& settings);
+  static void trace(const Map&, Trace_json& json, unsigned position) { json.undefined(position); }
+};
+
+/// Records without tags: members in declaration order.
+template <Plain_record Record>
+struct Codec<Record> {
+  static constexpr Wire_type wire_type = Wire_type::configured_length;
+  static constexpr bool top_level_length_field = false;
+  static std::uint64_t length_field(const Serialization_settings& settings) {
+    return settings.structure_length_field_size;
+  }
+  static std::size_t size(const Record& record, const Serialization_settings& settings) {
+    std::size_t sum = 0;
+    for_each_member<Record>(
+        [&](const auto& m) { sum += nested_size(record.*m.pointer, settings); });
+    return sum;
+  }
+  static std::byte* write(const Record& record,
+                          std::byte* to,
+                          const Serialization_settings& settings) {
+    for_each_member<Record>(
+        [&](const auto& m) { to = write_nested(record.*m.pointer, to, settings); });
+    return to;
+  }
+  static void read(Cursor& cursor,
+                   std::size_t,
+                   Record& record,
+                   const Serialization_settings& settings) {
+    for_each_member<Record>(
+        [&](const auto& m) { read_nested(cursor, record.*m.pointer, settings); });
+  }
+  static void trace(const Record& record, Trace_json& json, unsigned position) {
+    json.begin(position, "generated_type");
+    unsigned number = 0;
+    for_each_member<Record>([&](const auto& m) {
+      Codec<std::remove_cvref_t<decltype(record.*m.pointer)>>::trace(record.*m.pointer, json,
+                                                                     ++number);
+    });
+    json.end();
+  }
+};
+
+/// One line of a record's tag list, with what decodes the member behind that tag.
+struct Tag_entry {
+  std::uint16_t tag;
+  /// Decodes the member and marks it present; `end` is where the member's announced length ends.
+  void (*read)(Cursor& cursor,
+               std::size_t end,
+               void* record,
+               const Serialization_settings& settings);
+};
+
+/// Decodes TLV members from the current position to `end` in whatever order they come. A member
+/// sent twice keeps the last value, unknown data IDs are skipped.
+void read_members_in_any_order(Cursor& cursor,
+                               std::size_t end,
+                               std::span<const Tag_entry> tags,
+                               void* record,
+                               const Serialization_settings& settings);
+
+namespace detail {
+
+template <class M>
+using Value_of = typename std::remove_cvref_t<M>::value_type;
+
+template <class Member>
+constexpr std::uint16_t tag_of(const Member& member) {
+  return make_tag(Codec<typename Member::value_type>::wire_type, member.id);
+}
+
+template <class Record, std::size_t Index>
+void read_member(Cursor& cursor,
+                 std::size_t end,
+                 void* record,
+                 const Serialization_settings& settings) {
+  constexpr auto& described = std::get<Index>(members_of<Record>);
+  Value_of<decltype(described)> value{};
+  Codec<Value_of<decltype(described)>>::read(cursor, end, value, settings);
+  static_cast<Record*>(record)->*described.pointer = std::move(value);
+}
+
+template <class Record, std::size_t... Index>
+constexpr std::array<Tag_entry, sizeof...(Index)> make_tags(std::index_sequence<Index...>) {
+  return {Tag_entry{tag_of(std::get<Index>(members_of<Record>)), &read_member<Record, Index>}...};
+}
+
+}  // namespace detail
+
+/// Tags of all members in declaration order.
+template <Tlv_record Record>
+inline constexpr auto tag_list =
+    detail::make_tags<Record>(std::make_index_sequence<member_count<Record>>{});
+
+/// Records of tagged, optional members.
+template <Tlv_record Record>
+struct Codec<Record> {
+  static constexpr Wire_type wire_type = Wire_type::configured_length;
+  static constexpr bool top_level_length_field = false;
+  static std::uint64_t length_field(const Serialization_settings& settings) {
+    return settings.structure_length_field_size;
+  }
+
+  static std::size_t size(const Record& record, const Serialization_settings& settings) {
+    std::size_t sum = 0;
+    for_each_member<Record>([&]<class M>(const M& m) {
+      using Value_codec = Codec<typename M::value_type>;
+      const auto& value = record.*m.pointer;
+      if (value) {
+        sum += sizeof(std::uint16_t) + length_field_size(Value_codec::wire_type, settings) +
+               Value_codec::size(*value, settings);
+      }
+    });
+    return sum;
+  }
+
+  static std::byte* write(const Record& record,
+                          std::byte* to,
+                          const Serialization_settings& settings) {
+    for_each_member<Record>([&]<class M>(const M& m) {
+      using Value_codec = Codec<typename M::value_type>;
+      const auto& value = record.*m.pointer;
+      if (!value) return;
+      to = store(to, detail::tag_of(m), Byte_order::big_endian);
+      if constexpr (Value_codec::wire_type > Wire_type::bits_64) {
+        to = store_length_field(to, length_field_size(Value_codec::wire_type, settings),
+                                Value_codec::size(*value, settings), settings);
+      }
+      to = Value_codec::write(*value, to, settings);
+    });
+    return to;
+  }
+
+  /// Members in declaration order cost one comparison each and no search; the first that is not
+  /// where it was expected sends the rest to the decoder for any order.
+  static void read(Cursor& cursor,
+                   std::size_t end,
+                   Record& record,
+                   const Serialization_settings& settings) {
+    const auto* position = cursor.data() + cursor.position();
+    const auto* const last = cursor.data() + end;
+    for_each_member<Record>([&]<class M>(const M& m) {
+      using Value = typename M::value_type;
+      auto& value = record.*m.pointer;
+      if constexpr (Scalar<Value>) {
+        constexpr auto member_bytes =
+            static_cast<std::ptrdiff_t>(sizeof(std::uint16_t) + sizeof(Value));
+        if (last - position >= member_bytes &&
+            (load<std::uint16_t>(position, Byte_order::big_endian) & tag_mask) ==
+                detail::tag_of(m)) {
+          value = Codec<Value>::load_value(position + sizeof(std::uint16_t), settings);
+          position += member_bytes;
+          return;
+        }
+      }
+      value = boost::none;
+    });
+    cursor.seek(static_cast<std::size_t>(position - cursor.data()));
+    if (position != last) {
+      read_members_in_any_order(cursor, end, tag_list<Record>, &record, settings);
+    }
+  }
+
+  static void trace(const Record& record, Trace_json& json, unsigned position) {
+    json.begin(position, "generated_type");
+    unsigned number = 0;
+    for_each_member<Record>([&]<class M>(const M& m) {
+      ++number;
+      if (const auto& value = record.*m.pointer) {
+        Codec<typename M::value_type>::trace(*value, json, number);
+      }
+    });
+    json.end();
+  }
+};
+
+/// Appends a top-level value: containers with their length field, records without one.
+template <class T>
+void encode(const T& value, Buffer& out, const Serialization_settings& settings = settings_of<T>) {
+  const auto body = Codec<T>::size(value, settings);
+  const auto field = Codec<T>::top_level_length_field ? Codec<T>::length_field(settings) : 0;
+  if (Codec<T>::wire_type == Wire_type::configured_length && Codec<T>::top_level_length_field &&
+      field == 0) {
+    throw_vector_without_length_field();
+  }
+  const auto start = out.size();
+  auto* to = extend(out, static_cast<std::size_t>(field) + body);
+  try {
+    if (field != 0) to = store_length_field(to, field, body, settings);
+    Codec<T>::write(value, to, settings);
+  } catch (...) {
+    out.resize(start);
+    throw;
+  }
+}
+
+/// Reads a top-level value at the cursor. On an exception `value` is in an unspecified valid state.
+template <class T>
+void decode(Cursor& cursor, T& value, const Serialization_settings& settings = settings_of<T>) {
+  if constexpr (Codec<T>::top_level_length_field) {
+    read_nested(cursor, value, settings);
+  } else {
+    Codec<T>::read(cursor, cursor.size(), value, settings);
+  }
+}
+
+template <class T>
+concept Encodable = requires {
+  Codec<T>::wire_type;
+};
+
+}  // namespace binding
+
+template <binding::Encodable T>
+struct mw::com::cpp_binding::Serialization<T> {
+  static void encode(const T& value, std::vector<std::byte>& out) { binding::encode(value, out); }
+  static void decode(std::span<const std::byte>& in, T& value) {
+    binding::Cursor cursor{in};
+    binding::decode(cursor, value);
+    in = in.subspan(cursor.position());
+  }
+  static void trace(const T& value, Trace_json& json, unsigned position) {
+    binding::Codec<T>::trace(value, json, position);
+  }
+};

@@ -1,0 +1,175 @@
+/// How a record is described: one constexpr list of its members beside the plain struct. The tag
+/// list, the codec, the trace payload, the tables in docs/ and what the tools print are all loops
+/// over it.
+///
+///   template <>
+///   struct binding::Description<Sample> {
+///     static constexpr std::string_view name = "Sample";
+///     static constexpr auto entries = std::tuple{
+///         member(0, "counter", &Sample::counter, "", "counts the samples"),
+///         quantity(1, "speed", &Sample::speed, &Sample::speed_valueType, "m/s", "over ground")};
+///   };
+#pragma once
+
+#include <array>
+#include <boost/optional.hpp>
+#include <cstdint>
+#include <string_view>
+#include <tuple>
+#include <type_traits>
+#include <utility>
+
+namespace binding {
+
+/// Quality of a measured quantity, sent as a member of its own behind it.
+enum class Value_type : std::uint32_t {
+  init = 1,
+  error = 2,
+  logical_value = 3,
+  physical_value = 4
+};
+
+/// "Init", "Error", "LogicalValue", "PhysicalValue", "unknown", or "not set" for an absent one.
+[[nodiscard]] std::string_view to_text(const boost::optional<Value_type>& value_type);
+
+/// A member of a TLV record: optional, sent under its data ID.
+template <class Record, class Value>
+struct Member {
+  using record_type = Record;
+  using value_type = Value;
+
+  std::uint16_t id;
+  std::string_view name;
+  boost::optional<Value> Record::*pointer;
+  std::string_view unit;
+  std::string_view meaning;
+};
+
+/// A measured quantity and its quality, which belong together and have consecutive data IDs.
+template <class Record, class Value>
+struct Quantity {
+  Member<Record, Value> value;
+  Member<Record, Value_type> quality;
+};
+
+template <class Record, class Value>
+[[nodiscard]] constexpr Member<Record, Value> member(std::uint16_t id,
+                                                     std::string_view name,
+                                                     boost::optional<Value> Record::*pointer,
+                                                     std::string_view unit = {},
+                                                     std::string_view meaning = {}) {
+  return {id, name, pointer, unit, meaning};
+}
+
+template <class Record, class Value>
+[[nodiscard]] constexpr Quantity<Record, Value> quantity(
+    std::uint16_t id,
+    std::string_view name,
+    boost::optional<Value> Record::*value,
+    boost::optional<Value_type> Record::*quality,
+    std::string_view unit = {},
+    std::string_view meaning = {}) {
+  return {{id, name, value, unit, meaning},
+          {static_cast<std::uint16_t>(id + 1),
+           "valueType",
+           quality,
+           {},
+           "quality of the quantity above"}};
+}
+
+/// A member of a record without tags: always sent, in declaration order.
+template <class Record, class Value>
+struct Plain_member {
+  using record_type = Record;
+  using value_type = Value;
+
+  std::string_view name;
+  Value Record::*pointer;
+  std::string_view unit;
+  std::string_view meaning;
+};
+
+template <class Record, class Value>
+[[nodiscard]] constexpr Plain_member<Record, Value> plain(std::string_view name,
+                                                          Value Record::*pointer,
+                                                          std::string_view unit = {},
+                                                          std::string_view meaning = {}) {
+  return {name, pointer, unit, meaning};
+}
+
+/// Specialised for each record: `name` and `entries`, a tuple of Member and Quantity or of
+/// Plain_member.
+template <class Record>
+struct Description;
+
+template <class T>
+concept Described = requires {
+  Description<T>::name;
+  Description<T>::entries;
+};
+
+namespace detail {
+
+template <class Record, class Value>
+constexpr auto flatten(const Member<Record, Value>& entry) {
+  return std::tuple{entry};
+}
+template <class Record, class Value>
+constexpr auto flatten(const Quantity<Record, Value>& entry) {
+  return std::tuple{entry.value, entry.quality};
+}
+template <class Record, class Value>
+constexpr auto flatten(const Plain_member<Record, Value>& entry) {
+  return std::tuple{entry};
+}
+
+template <class Entry>
+struct Is_plain : std::false_type {};
+template <class Record, class Value>
+struct Is_plain<Plain_member<Record, Value>> : std::true_type {};
+
+template <class Tuple>
+struct All_plain;
+template <class... Entries>
+struct All_plain<std::tuple<Entries...>>
+    : std::bool_constant<(sizeof...(Entries) > 0) && (Is_plain<Entries>::value && ...)> {};
+
+template <class Record>
+inline constexpr bool is_plain =
+    All_plain<std::remove_cvref_t<decltype(Description<Record>::entries)>>::value;
+
+}  // namespace detail
+
+template <class T>
+concept Plain_record = Described<T> && detail::is_plain<T>;
+template <class T>
+concept Tlv_record = Described<T> && !detail::is_plain<T>;
+
+/// All members of a record, quantities taken apart, in declaration order.
+template <Described Record>
+inline constexpr auto members_of = std::apply(
+    [](const auto&... entries) {
+      return std::tuple_cat(std::tuple<>{}, detail::flatten(entries)...);
+    },
+    Description<Record>::entries);
+
+template <Described Record>
+inline constexpr std::size_t member_count =
+    std::tuple_size_v<std::remove_cvref_t<decltype(members_of<Record>)>>;
+
+/// Calls `visit(member)` for each member in declaration order.
+template <Described Record, class Visit>
+constexpr void for_each_member(Visit&& visit) {
+  std::apply([&](const auto&... members) { (visit(members), ...); }, members_of<Record>);
+}
+
+/// Calls `visit(quantity)` for each measured quantity, and only for those.
+template <Tlv_record Record, class Visit>
+constexpr void for_each_quantity(Visit&& visit) {
+  const auto pick = [&]<class Entry>(const Entry& entry) {
+    if constexpr (requires { entry.quality; }) visit(entry);
+  };
+  std::apply([&](const auto&... entries) { (pick(entries), ...); }, Description<Record>::entries);
+}
+
+}  // namespace binding

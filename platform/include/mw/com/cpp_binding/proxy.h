@@ -1,0 +1,362 @@
+/// The consumed side of a service: searching, connecting, events, fields and methods.
+#pragma once
+
+#include <algorithm>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "ara/com/types.h"
+#include "ara/core/future.h"
+#include "mw/com/cpp_binding/serialization.h"
+#include "mw/com/cpp_binding/service.h"
+#include "mw/com/cpp_binding/trace.h"
+#include "tq/com/runtime.h"
+
+namespace mw::com::cpp_binding::proxy {
+
+/// What every part of one proxy needs to know.
+struct Connection {
+  std::string_view service;
+  std::string instance;
+  std::unique_ptr<tq::com::Consumer> consumer;
+
+  [[nodiscard]] Trace_event event(Trace_id id, std::uint32_t element = 0) const {
+    return {.id = id, .service = service, .instance = instance, .element = element};
+  }
+};
+
+/// Samples of one event between reception and the application: a bounded queue over recycled slots.
+/// Survives its proxy as long as the application holds a sample.
+template <class Value>
+class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
+ public:
+  /// `capacity`: samples that may wait plus samples that the application may hold.
+  explicit Sample_cache(std::size_t capacity) : capacity_{capacity} {}
+
+  /// A slot to decode into: a free one, or the oldest sample that nobody fetched, or none when the
+  /// application holds them all.
+  [[nodiscard]] std::unique_ptr<Value> acquire() {
+    const std::lock_guard lock{mutex_};
+    if (!free_.empty()) {
+      auto slot = std::move(free_.back());
+      free_.pop_back();
+      return slot;
+    }
+    if (allocated_ < capacity_) {
+      ++allocated_;
+      return std::make_unique<Value>();
+    }
+    if (waiting_.empty()) return nullptr;
+    auto slot = std::move(waiting_.front());
+    waiting_.pop_front();
+    return slot;
+  }
+  void release(std::unique_ptr<Value> slot) {
+    const std::lock_guard lock{mutex_};
+    free_.push_back(std::move(slot));
+  }
+  void push(std::unique_ptr<Value> sample) {
+    const std::lock_guard lock{mutex_};
+    waiting_.push_back(std::move(sample));
+  }
+  [[nodiscard]] ara::com::SamplePtr<Value> pop() {
+    std::unique_ptr<Value> sample;
+    {
+      const std::lock_guard lock{mutex_};
+      if (waiting_.empty()) return nullptr;
+      sample = std::move(waiting_.front());
+      waiting_.pop_front();
+    }
+    return {sample.release(), [cache = this->shared_from_this()](const Value* held) {
+              cache->release(std::unique_ptr<Value>{const_cast<Value*>(held)});
+            }};
+  }
+  void clear() {
+    const std::lock_guard lock{mutex_};
+    for (auto& sample : waiting_)
+      free_.push_back(std::move(sample));
+    waiting_.clear();
+  }
+
+ private:
+  const std::size_t capacity_;
+  std::mutex mutex_;  ///< guards the members below
+  std::vector<std::unique_ptr<Value>> free_;
+  std::deque<std::unique_ptr<Value>> waiting_;
+  std::size_t allocated_ = 0;
+};
+
+/// An event of a proxy. Subscribe, SetReceiveHandler and Unsubscribe come from one thread at a
+/// time; GetNewSamples usually from the receive handler, which runs on a worker, one call at a
+/// time.
+template <class Value>
+class Event {
+ public:
+  using SampleType = Value;
+
+  Event(Connection& connection, std::string_view name)
+      : connection_{connection},
+        name_{name},
+        id_{connection.consumer->element(name).notifier.value_or(0)} {}
+  ~Event() { Unsubscribe(); }
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+
+  /// Called after each new sample. Set it before Subscribe.
+  void SetReceiveHandler(ara::com::EventReceiveHandler handler) { receive_ = std::move(handler); }
+  void SetSubscriptionStateChangeHandler(ara::com::SubscriptionStateChangeHandler handler) {
+    state_changed_ = std::move(handler);
+  }
+
+  /// `max_samples`: how many samples may wait or be held; a newer one then displaces the oldest
+  /// waiting.
+  void Subscribe(std::size_t max_samples) {
+    cache_ = std::make_shared<Sample_cache<Value>>(std::max<std::size_t>(max_samples, 1));
+    trace(Trace_id::Field_subscribe,
+          [&] { return connection_.event(Trace_id::Field_subscribe, id_); });
+    subscribed_ = true;
+    state_ = ara::com::SubscriptionState::kSubscriptionPending;
+    connection_.consumer->subscribe(
+        name_, [this](tq::com::Payload payload) { on_notification(payload); },
+        [this](bool acknowledged) { on_state(acknowledged); });
+  }
+  /// Waits for a running receive handler, unless called from it.
+  void Unsubscribe() {
+    if (!subscribed_) return;
+    subscribed_ = false;
+    trace(Trace_id::Field_unsubscribe,
+          [&] { return connection_.event(Trace_id::Field_unsubscribe, id_); });
+    connection_.consumer->unsubscribe(name_);
+    state_ = ara::com::SubscriptionState::kNotSubscribed;
+  }
+  [[nodiscard]] ara::com::SubscriptionState GetSubscriptionState() const { return state_; }
+
+  /// Calls `take(SamplePtr<Value>)` for each waiting sample, oldest first, at most `max` of them.
+  /// Returns how many there were.
+  template <class Take>
+  std::size_t GetNewSamples(Take&& take,
+                            std::size_t max = std::numeric_limits<std::size_t>::max()) {
+    std::size_t count = 0;
+    while (cache_ != nullptr && count < max) {
+      auto sample = cache_->pop();
+      if (sample == nullptr) break;
+      ++count;
+      take(std::move(sample));
+    }
+    return count;
+  }
+
+ private:
+  void on_notification(tq::com::Payload payload) {
+    const auto event = [&](Trace_id id) { return connection_.event(id, id_); };
+    trace(Trace_id::Event_update_rx, [&] { return event(Trace_id::Event_update_rx); });
+    if (state_ != ara::com::SubscriptionState::kSubscribed) {
+      // Ahead of the acknowledgement, or behind the end of the subscription; the value is good.
+      trace(Trace_id::Event_update_when_not_subscribed,
+            [&] { return event(Trace_id::Event_update_when_not_subscribed); });
+    }
+    auto slot = cache_->acquire();
+    if (slot == nullptr) return;
+    try {
+      Serialization<Value>::decode(payload, *slot);
+    } catch (const std::exception&) {
+      cache_->release(std::move(slot));
+      trace(Trace_id::Event_deserialize_exception,
+            [&] { return event(Trace_id::Event_deserialize_exception); });
+      return;
+    }
+    cache_->push(std::move(slot));
+    trace(Trace_id::Event_cache_update, [&] { return event(Trace_id::Event_cache_update); });
+    if (!receive_) return;
+    trace(Trace_id::Event_receive_handler, [&] { return event(Trace_id::Event_receive_handler); });
+    try {
+      trace_duration(Trace_id::Event_receive_handler_performance, receive_,
+                     [&] { return event(Trace_id::Event_receive_handler_performance); });
+    } catch (...) {
+      trace(Trace_id::Event_receive_handler_exception,
+            [&] { return event(Trace_id::Event_receive_handler_exception); });
+    }
+  }
+
+  void on_state(bool acknowledged) {
+    const auto state = acknowledged ? ara::com::SubscriptionState::kSubscribed
+                                    : ara::com::SubscriptionState::kSubscriptionPending;
+    if (state_.exchange(state) == state || !state_changed_) return;
+    try {
+      state_changed_(state);
+    } catch (...) {
+      trace(Trace_id::Event_state_handler_exception,
+            [&] { return connection_.event(Trace_id::Event_state_handler_exception, id_); });
+    }
+  }
+
+  Connection& connection_;
+  const std::string_view name_;
+  const std::uint16_t id_;
+  ara::com::EventReceiveHandler receive_;
+  ara::com::SubscriptionStateChangeHandler state_changed_;
+  std::shared_ptr<Sample_cache<Value>> cache_;
+  bool subscribed_ = false;
+  /// Written by the runtime's state handler, read by the notification handler on another worker.
+  std::atomic<ara::com::SubscriptionState> state_{ara::com::SubscriptionState::kNotSubscribed};
+};
+
+template <class Signature>
+class Method;
+
+/// A method of a proxy. Calls may come from any thread; the result is ready after the response, or
+/// with ara::com::ServiceError after the provider's error or the runtime's time-out.
+template <class Output, class... Inputs>
+class Method<Output(Inputs...)> {
+ public:
+  Method(Connection& connection, std::string_view name)
+      : Method{connection, connection.consumer->element(name).method} {}
+  Method(Connection& connection, std::optional<std::uint16_t> id)
+      : connection_{connection}, id_{id} {}
+
+  ara::core::Future<Output> operator()(const Inputs&... inputs) {
+    auto promise = std::make_shared<ara::core::Promise<Output>>();
+    auto future = promise->get_future();
+    if (!id_) {
+      promise->set_exception(
+          std::make_exception_ptr(ara::com::ServiceError{tq::com::Return_code::unknown_method}));
+      return future;
+    }
+    std::vector<std::byte> arguments;
+    (Serialization<Inputs>::encode(inputs, arguments), ...);
+    connection_.consumer->call(*id_, arguments,
+                               [promise](tq::com::Return_code code, tq::com::Payload payload) {
+                                 try {
+                                   if (code != tq::com::Return_code::ok)
+                                     throw ara::com::ServiceError{code};
+                                   if constexpr (std::is_void_v<Output>) {
+                                     promise->set_value();
+                                   } else {
+                                     Output output{};
+                                     Serialization<Output>::decode(payload, output);
+                                     promise->set_value(std::move(output));
+                                   }
+                                 } catch (...) {
+                                   promise->set_exception(std::current_exception());
+                                 }
+                               });
+    return future;
+  }
+
+ private:
+  Connection& connection_;
+  const std::optional<std::uint16_t> id_;
+};
+
+/// A field of a proxy: an event with Get and Set.
+template <class Value>
+class Field : public Event<Value> {
+ public:
+  Field(Connection& connection, std::string_view name)
+      : Event<Value>{connection, name},
+        Get{connection, connection.consumer->element(name).getter},
+        Set{connection, connection.consumer->element(name).setter} {}
+
+  Method<Value()> Get;
+  /// Returns the value that the provider took over.
+  Method<Value(Value)> Set;
+};
+
+/// Base of every proxy: one connection to one found instance of `Service`.
+template <class Service>
+class Proxy_impl {
+ public:
+  /// One offered instance, as a search returned it.
+  class Handle_type {
+   public:
+    explicit Handle_type(tq::com::Found_instance found) : found_{std::move(found)} {}
+    [[nodiscard]] ara::com::InstanceIdentifier GetInstanceId() const {
+      return ara::com::InstanceIdentifier{found_.instance};
+    }
+    [[nodiscard]] const tq::com::Found_instance& found() const { return found_; }
+
+   private:
+    tq::com::Found_instance found_;
+  };
+  using HandleType = Handle_type;
+
+  /// Searches for any instance, or for one, until StopFindService. The handler runs on a worker,
+  /// one call at a time, at the start and on each change.
+  static ara::com::FindServiceHandle StartFindService(
+      ara::com::FindServiceHandler<Handle_type> handler,
+      std::optional<std::uint16_t> instance = std::nullopt) {
+    const std::string text = instance ? std::to_string(*instance) : "any";
+    const auto event = [text](Trace_id id, std::string_view of_instance) {
+      return Trace_event{.id = id, .service = Service::name, .instance = of_instance};
+    };
+    trace(Trace_id::Find_service_start, [&] { return event(Trace_id::Find_service_start, text); });
+    // The token is known only after the search began, when its first result may already be on its
+    // way.
+    auto handle = std::make_shared<std::promise<ara::com::FindServiceHandle>>();
+    const auto known = handle->get_future().share();
+    const auto token = tq::com::Runtime::instance().start_find_service(
+        Service::name, instance,
+        [handler = std::move(handler), known, text,
+         event](const std::vector<tq::com::Found_instance>& found) {
+          trace(Trace_id::Find_service_result,
+                [&] { return event(Trace_id::Find_service_result, text); });
+          ara::com::ServiceHandleContainer<Handle_type> handles;
+          handles.reserve(found.size());
+          for (const auto& one : found) {
+            handles.emplace_back(one);
+            const auto id = std::to_string(one.instance);
+            trace(Trace_id::Service_handle, [&] { return event(Trace_id::Service_handle, id); });
+          }
+          try {
+            trace_duration(
+                Trace_id::Find_service_handler_performance,
+                [&] { handler(std::move(handles), known.get()); },
+                [&] { return event(Trace_id::Find_service_handler_performance, text); });
+          } catch (...) {
+            trace(Trace_id::Find_service_handler_exception,
+                  [&] { return event(Trace_id::Find_service_handler_exception, text); });
+          }
+        });
+    handle->set_value({token});
+    return {token};
+  }
+  /// Returns once the handler does not run any more, unless called from it.
+  static void StopFindService(ara::com::FindServiceHandle handle) {
+    trace(Trace_id::Find_service_stop, [] {
+      return Trace_event{
+          .id = Trace_id::Find_service_stop, .service = Service::name, .instance = {}};
+    });
+    tq::com::Runtime::instance().stop_find_service(handle.token);
+  }
+
+  explicit Proxy_impl(const Handle_type& handle)
+      : connection_{.service = Service::name,
+                    .instance = handle.GetInstanceId().ToString(),
+                    .consumer = tq::com::Runtime::instance().connect(handle.found())} {
+    trace(Trace_id::Service_proxy_constructed, [&] {
+      auto event = connection_.event(Trace_id::Service_proxy_constructed);
+      event.version = Service::version.packed();
+      event.short_name = short_name(Service::name);
+      return event;
+    });
+  }
+  Proxy_impl(const Proxy_impl&) = delete;
+  Proxy_impl& operator=(const Proxy_impl&) = delete;
+
+ protected:
+  ~Proxy_impl() = default;
+  /// Elements of the derived proxy are members behind this base, so they go before the connection
+  /// does.
+  [[nodiscard]] Connection& connection() { return connection_; }
+
+ private:
+  Connection connection_;
+};
+
+}  // namespace mw::com::cpp_binding::proxy

@@ -1,0 +1,286 @@
+/// The provided side of a service: offering, events, fields and methods.
+#pragma once
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
+
+#include "ara/com/types.h"
+#include "ara/core/future.h"
+#include "ara/core/instance_specifier.h"
+#include "mw/com/cpp_binding/serialization.h"
+#include "mw/com/cpp_binding/service.h"
+#include "mw/com/cpp_binding/trace.h"
+#include "tq/com/runtime.h"
+
+namespace mw::com::cpp_binding::skeleton {
+
+/// "Get handler enabled but not configured and Update not called; Method_id=" and
+/// "Notify enabled but Update not called; Event_id=", written to the runtime's log.
+void log_get_without_value(std::uint16_t method);
+void log_notify_without_value(std::uint16_t event);
+
+/// What every part of one skeleton needs to know.
+struct Provision {
+  std::string_view service;
+  std::string instance;
+  std::unique_ptr<tq::com::Provider> provider;
+  std::atomic<std::uint32_t> calls{0};  ///< numbers the requests in trace records
+
+  [[nodiscard]] Trace_event event(Trace_id id, std::uint32_t element = 0) const {
+    return {.id = id, .service = service, .instance = instance, .element = element};
+  }
+};
+
+namespace detail {
+
+template <class... Inputs>
+void describe_inputs(const void* object, Trace_json& json) {
+  std::apply(
+      [&](const auto&... inputs) {
+        unsigned position = 0;
+        (Serialization<std::remove_cvref_t<decltype(inputs)>>::trace(inputs, json, ++position),
+         ...);
+      },
+      *static_cast<const std::tuple<Inputs...>*>(object));
+}
+
+/// Decodes a request, calls `work` with its arguments, encodes what it returns.
+template <class Output, class... Inputs, class Work>
+tq::com::Response answer(Provision& provision,
+                         std::uint16_t id,
+                         tq::com::Payload payload,
+                         Work& work) {
+  const auto call = provision.calls.fetch_add(1, std::memory_order_relaxed) + 1;
+  const auto event = [&](Trace_id trace_id) {
+    auto made = provision.event(trace_id, id);
+    made.call = call;
+    return made;
+  };
+  const auto respond = [&](tq::com::Response response) {
+    if (response.code != tq::com::Return_code::ok) {
+      trace(Trace_id::Method_call_request_err, [&] {
+        auto made = event(Trace_id::Method_call_request_err);
+        made.error = static_cast<std::uint32_t>(response.code);
+        return made;
+      });
+    }
+    trace(Trace_id::Method_call_response_tx, [&] {
+      auto made = event(Trace_id::Method_call_response_tx);
+      made.error = static_cast<std::uint32_t>(response.code);
+      return made;
+    });
+    return response;
+  };
+
+  std::tuple<Inputs...> inputs;
+  try {
+    std::apply([&](auto&... input) { (Serialization<Inputs>::decode(payload, input), ...); },
+               inputs);
+  } catch (const std::exception&) {
+    return respond({.code = tq::com::Return_code::malformed_message, .payload = {}});
+  }
+  trace(Trace_id::Method_call_request_process, [&] {
+    auto made = event(Trace_id::Method_call_request_process);
+    made.payload = {&inputs, &describe_inputs<Inputs...>};
+    return made;
+  });
+  try {
+    tq::com::Response response;
+    if constexpr (std::is_void_v<Output>) {
+      std::apply(work, inputs).get();
+    } else {
+      const Output output = std::apply(work, inputs).get();
+      Serialization<Output>::encode(output, response.payload);
+    }
+    return respond(std::move(response));
+  } catch (const ara::com::ServiceError& error) {
+    return respond({.code = error.Code(), .payload = {}});
+  } catch (...) {
+    trace(Trace_id::Method_call_request_exception,
+          [&] { return event(Trace_id::Method_call_request_exception); });
+    return respond({.code = tq::com::Return_code::not_ok, .payload = {}});
+  }
+}
+
+}  // namespace detail
+
+/// Binds a method of the interface to `work`, a callable that takes the inputs and returns
+/// ara::core::Future<Output>. It runs on a worker, several calls possibly at once; the worker waits
+/// for the future. A ServiceError it throws is answered with its code, anything else with E_NOT_OK.
+template <class Output, class... Inputs, class Work>
+void provide(Provision& provision,
+             const cpp_binding::Method<Output(Inputs...)>& method,
+             Work work) {
+  const auto id = provision.provider->element(method.name).method.value_or(0);
+  provision.provider->set_method_handler(
+      id, [&provision, id, work = std::move(work)](tq::com::Payload payload) mutable {
+        return detail::answer<Output, std::decay_t<Inputs>...>(provision, id, payload, work);
+      });
+}
+
+/// An event of a skeleton. Send may be called from any thread.
+template <class Value>
+class Event {
+ public:
+  Event(Provision& provision, std::string_view name)
+      : provision_{provision}, id_{provision.provider->element(name).notifier.value_or(0)} {}
+  Event(const Event&) = delete;
+  Event& operator=(const Event&) = delete;
+
+  void Send(const Value& value) {
+    std::vector<std::byte> payload;
+    Serialization<Value>::encode(value, payload);
+    trace(Trace_id::Event_update_tx,
+          [&] { return provision_.event(Trace_id::Event_update_tx, id_); });
+    provision_.provider->send_event(id_, payload);
+  }
+
+ private:
+  Provision& provision_;
+  const std::uint16_t id_;
+};
+
+/// A field of a skeleton. Get is answered from the latest Update unless a handler is registered;
+/// Set is refused unless one is. Handlers must be registered before the service is offered.
+template <class Value>
+class Field {
+ public:
+  using GetHandler = std::function<ara::core::Future<Value>()>;
+  using SetHandler = std::function<ara::core::Future<Value>(const Value&)>;
+
+  Field(Provision& provision, std::string_view name)
+      : provision_{provision}, ids_{provision.provider->element(name)} {
+    if (ids_.getter) {
+      RegisterGetHandler([this] { return latest(); });
+    }
+  }
+  Field(const Field&) = delete;
+  Field& operator=(const Field&) = delete;
+
+  /// Keeps the value for Get and for new subscribers and notifies the present ones. Two updates at
+  /// the same time are sent in either order.
+  void Update(const Value& value) {
+    // Kept per thread so that an update costs no allocation.
+    thread_local std::vector<std::byte> payload;
+    payload.clear();
+    Serialization<Value>::encode(value, payload);
+    {
+      const std::lock_guard lock{mutex_};
+      payload_.assign(payload.begin(), payload.end());
+      has_value_ = true;
+    }
+    if (!ids_.notifier) return;
+    trace(Trace_id::Event_update_tx,
+          [&] { return provision_.event(Trace_id::Event_update_tx, *ids_.notifier); });
+    provision_.provider->update_field(*ids_.notifier, payload);
+  }
+  void RegisterGetHandler(GetHandler handler) {
+    if (!ids_.getter) return;
+    provision_.provider->set_method_handler(
+        *ids_.getter, [this, handler = std::move(handler)](tq::com::Payload payload) {
+          return detail::answer<Value>(provision_, *ids_.getter, payload, handler);
+        });
+  }
+  /// The value that the handler returns becomes the field's value.
+  void RegisterSetHandler(SetHandler handler) {
+    if (!ids_.setter) return;
+    set_ = [this, handler = std::move(handler)](const Value& wanted) {
+      ara::core::Promise<Value> promise;
+      Value taken = handler(wanted).get();
+      Update(taken);
+      promise.set_value(std::move(taken));
+      return promise.get_future();
+    };
+    provision_.provider->set_method_handler(*ids_.setter, [this](tq::com::Payload payload) {
+      return detail::answer<Value, Value>(provision_, *ids_.setter, payload, set_);
+    });
+  }
+
+ private:
+  ara::core::Future<Value> latest() {
+    std::vector<std::byte> payload;
+    {
+      const std::lock_guard lock{mutex_};
+      if (has_value_) payload = payload_;
+    }
+    if (payload.empty()) {
+      log_get_without_value(*ids_.getter);
+      trace(Trace_id::Event_request_update_err, [&] {
+        return provision_.event(Trace_id::Event_request_update_err, ids_.notifier.value_or(0));
+      });
+      throw ara::com::ServiceError{tq::com::Return_code::not_ok};
+    }
+    Value value{};
+    tq::com::Payload rest{payload};
+    Serialization<Value>::decode(rest, value);
+    ara::core::Promise<Value> promise;
+    promise.set_value(std::move(value));
+    return promise.get_future();
+  }
+
+  Provision& provision_;
+  const tq::com::Element_ids ids_;
+  SetHandler set_;
+  mutable std::mutex mutex_;  ///< guards the latest value, below
+  std::vector<std::byte> payload_;
+  bool has_value_ = false;
+};
+
+/// Base of every skeleton: one provided instance of `Service`, named by its specifier in the
+/// manifest.
+template <class Service>
+class Skeleton_impl {
+ public:
+  /// Throws std::runtime_error when the manifest has no such instance.
+  explicit Skeleton_impl(const ara::core::InstanceSpecifier& specifier) {
+    provision_.service = Service::name;
+    try {
+      provision_.provider =
+          tq::com::Runtime::instance().provide(Service::name, specifier.ToString());
+    } catch (...) {
+      trace(Trace_id::Service_instantiation_error, [&] {
+        return Trace_event{.id = Trace_id::Service_instantiation_error,
+                           .service = Service::name,
+                           .instance = specifier.ToString()};
+      });
+      throw;
+    }
+    provision_.instance = std::to_string(provision_.provider->instance());
+    trace(Trace_id::Service_skeleton_constructed, [&] {
+      auto event = provision_.event(Trace_id::Service_skeleton_constructed);
+      event.version = Service::version.packed();
+      event.short_name = short_name(Service::name);
+      return event;
+    });
+  }
+  Skeleton_impl(const Skeleton_impl&) = delete;
+  Skeleton_impl& operator=(const Skeleton_impl&) = delete;
+
+  void OfferService() {
+    provision_.provider->offer();
+    trace(Trace_id::Offer_service, [&] { return provision_.event(Trace_id::Offer_service); });
+  }
+  /// Returns at once; calls in progress are still answered.
+  void StopOfferService() {
+    provision_.provider->stop_offer();
+    trace(Trace_id::Stop_offer_service,
+          [&] { return provision_.event(Trace_id::Stop_offer_service); });
+  }
+
+ protected:
+  ~Skeleton_impl() = default;
+  [[nodiscard]] Provision& provision() { return provision_; }
+  /// For the destructor of a class that overrides methods: no call reaches it afterwards.
+  void disconnect() { provision_.provider.reset(); }
+
+ private:
+  Provision provision_;
+};
+
+}  // namespace mw::com::cpp_binding::skeleton

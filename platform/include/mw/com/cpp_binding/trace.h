@@ -1,0 +1,120 @@
+/// What the binding tells about its work: one event per thing that happened, in plain values.
+/// Whoever wants them installs a sink; without one, or with the event's level off, nothing is
+/// built.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+
+#include "mw/com/cpp_binding/serialization.h"
+
+namespace mw::com::cpp_binding {
+
+enum class Trace_id : std::uint8_t {
+  // provided side
+  Offer_service,
+  Stop_offer_service,
+  Service_skeleton_constructed,
+  Service_instantiation_error,
+  Method_call_request_process,
+  Method_call_request_err,
+  Method_call_request_exception,
+  Method_call_response_tx,
+  Event_update_tx,
+  Event_request_update_err,
+  // consumed side
+  Service_proxy_constructed,
+  Find_service_start,
+  Find_service_stop,
+  Find_service_result,
+  Service_handle,
+  Find_service_handler_performance,
+  Find_service_handler_exception,
+  Field_subscribe,
+  Field_unsubscribe,
+  Event_receive_handler,
+  Event_receive_handler_performance,
+  Event_receive_handler_exception,
+  Event_state_handler_exception,
+  Event_update_rx,
+  Event_update_when_not_subscribed,
+  Event_cache_update,
+  Event_deserialize_exception,
+};
+inline constexpr std::size_t trace_id_count = 27;
+
+/// A payload that can tell its JSON form when, and only when, a record is really written.
+struct Trace_payload {
+  const void* object = nullptr;
+  void (*describe)(const void* object, Trace_json& json) = nullptr;
+};
+
+/// Members that a record does not have keep their default. The texts must live until write()
+/// returns.
+struct Trace_event {
+  Trace_id id;
+  std::string_view service;
+  std::string_view instance;
+  std::uint32_t element = 0;  ///< method or event id
+  std::uint32_t call = 0;     ///< request of a method, counted per skeleton
+  std::uint32_t error = 0;    ///< return code
+  std::uint32_t version = 0;  ///< of the interface: major in the upper, minor in the lower 16 bits
+  std::string_view short_name = {};  ///< of the interface
+  std::chrono::microseconds duration{};
+  Trace_payload payload = {};
+};
+
+class Trace_sink {
+ public:
+  virtual ~Trace_sink() = default;
+  [[nodiscard]] virtual bool is_enabled(Trace_id id) const noexcept = 0;
+  virtual void write(const Trace_event& event) noexcept = 0;
+};
+
+namespace detail {
+inline std::atomic<Trace_sink*> trace_sink{nullptr};
+}
+
+/// The sink must outlive every proxy and skeleton, or be taken out with nullptr before.
+inline void set_trace_sink(Trace_sink* sink) {
+  detail::trace_sink.store(sink, std::memory_order_release);
+}
+
+/// Whether an event of this kind would be written; ask before measuring durations.
+[[nodiscard]] inline bool is_traced([[maybe_unused]] Trace_id id) {
+#if POS_TRACE
+  // acquire: what the sink points to was built by the thread that installed it.
+  const auto* sink = detail::trace_sink.load(std::memory_order_acquire);
+  return sink != nullptr && sink->is_enabled(id);
+#else
+  return false;
+#endif
+}
+
+/// Writes the event that `make` returns, if events of this kind are wanted.
+template <class Make>
+inline void trace(Trace_id id, Make&& make) {
+  if (is_traced(id)) detail::trace_sink.load(std::memory_order_acquire)->write(make());
+}
+
+/// Runs `work` and tells how long it took under `id`; the clock is read only when that is traced.
+template <class Work, class Make>
+void trace_duration(Trace_id id, Work&& work, Make&& make) {
+  if (!is_traced(id)) {
+    work();
+    return;
+  }
+  const auto start = std::chrono::steady_clock::now();
+  work();
+  const auto elapsed = std::chrono::steady_clock::now() - start;
+  trace(id, [&] {
+    auto event = make();
+    event.duration = std::chrono::duration_cast<std::chrono::microseconds>(elapsed);
+    return event;
+  });
+}
+
+}  // namespace mw::com::cpp_binding
