@@ -1,0 +1,129 @@
+#include "tools/drive/Drive.h"
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <numbers>
+#include <set>
+#include <utility>
+
+namespace drive {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr double metres_per_degree = 111'194;
+
+double metres_north(const Sample& from, const Sample& to) {
+  return (to.latitude - from.latitude) * metres_per_degree;
+}
+double metres_east(const Sample& from, const Sample& to) {
+  return (to.longitude - from.longitude) * metres_per_degree *
+         std::cos(from.latitude * std::numbers::pi / 180);
+}
+double turn(double from, double to) {
+  return std::remainder(to - from, 360);
+}
+
+TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
+  const Course course;
+  const auto step = 100ms;
+  double right = 0;
+  double left = 0;
+  for (auto time = std::chrono::nanoseconds(0); time < course.lap_time() + 2 * step; time += step) {
+    const Sample now = course.sample(time);
+    const Sample middle = course.sample(time + step / 2);
+    const Sample next = course.sample(time + step);
+    ASSERT_GE(now.speed, -1e-9);
+    ASSERT_LT(now.speed, 130 / 3.6);
+    ASSERT_LT(std::abs(now.acceleration), 3.0);
+    ASSERT_LT(std::abs(now.speed * now.yaw_rate * std::numbers::pi / 180), 4.5) << "lateral, m/s2";
+    ASSERT_GE(now.heading, 0);
+    ASSERT_LT(now.heading, 360);
+
+    const double distance = std::hypot(metres_north(now, next), metres_east(now, next));
+    ASSERT_NEAR(distance, middle.speed * 0.1, 0.02) << time.count();
+    ASSERT_NEAR(turn(now.heading, next.heading), middle.yaw_rate * 0.1, 0.15) << time.count();
+    ASSERT_NEAR(next.altitude_msl - now.altitude_msl, middle.climb * 0.1, 0.01);
+    if (distance > 0.5) {
+      const double direction =
+          std::atan2(metres_east(now, next), metres_north(now, next)) * 180 / std::numbers::pi;
+      ASSERT_NEAR(turn(direction, middle.heading), 0, 0.7) << time.count();
+    }
+    right = std::max(right, now.yaw_rate);
+    left = std::min(left, now.yaw_rate);
+  }
+  EXPECT_GT(right, 5);
+  EXPECT_LT(left, -3);
+}
+
+TEST(Drive, the_course_is_closed_and_repeats) {
+  const Course course;
+  const Sample start = course.sample(0s);
+  const Sample end = course.sample(course.lap_time() - 1ns);
+  EXPECT_LT(std::hypot(metres_north(start, end), metres_east(start, end)), 0.01);
+  EXPECT_GT(course.length(), 3000);
+  for (const auto time : {-7s, 50s, 200s}) {
+    const Sample once = course.sample(time);
+    const Sample again = course.sample(time + course.lap_time());
+    EXPECT_NEAR(once.latitude, again.latitude, 1e-9);
+    EXPECT_NEAR(once.heading, again.heading, 1e-5);
+    EXPECT_EQ(once.fix, again.fix);
+  }
+}
+
+TEST(Drive, a_round_has_a_stop_and_a_tunnel_in_which_only_dead_reckoning_goes_on) {
+  const Course course;
+  auto standing = 0s;
+  auto blind = 0s;
+  std::set<Fix_type> seen;
+  double accuracy_in_tunnel = 0;
+  for (auto time = 0s; time < course.lap_time(); ++time) {
+    const Sample sample = course.sample(time);
+    const Sky sky = course.sky(time, 24);
+    seen.insert(sample.fix);
+    if (sample.speed == 0) ++standing;
+    ASSERT_EQ(sky.satellites.size(), 24U);
+    if (sample.fix == Fix_type::none) {
+      ++blind;
+      EXPECT_EQ(sky.tracked + sky.in_use, 0U);
+      EXPECT_EQ(sky.hdop, 0);
+      EXPECT_GT(sample.speed, 5);
+      EXPECT_GT(sample.dr_accuracy, accuracy_in_tunnel);
+      accuracy_in_tunnel = sample.dr_accuracy;
+    } else {
+      EXPECT_GE(sky.in_use, 8U);
+    }
+  }
+  EXPECT_EQ(seen.size(), 3U);
+  EXPECT_GE(standing, 19s);
+  EXPECT_GE(blind, 20s);
+}
+
+TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {
+  const Course course;
+  for (const std::size_t count : {0U, 4U, 12U, 24U, 60U, 61U}) {
+    const Sky sky = course.sky(100s, count);
+    const Sky later = course.sky(101s, count);
+    ASSERT_EQ(sky.satellites.size(), std::min<std::size_t>(count, 60));
+    std::set<std::pair<int, int>> names;
+    for (std::size_t index = 0; index < sky.satellites.size(); ++index) {
+      const auto& satellite = sky.satellites[index];
+      names.emplace(satellite.system, satellite.id);
+      EXPECT_GT(satellite.elevation, 0);
+      EXPECT_LT(satellite.elevation, 90);
+      EXPECT_LT(std::abs(later.satellites[index].elevation - satellite.elevation), 0.05);
+      EXPECT_LT(std::abs(turn(later.satellites[index].azimuth, satellite.azimuth)), 0.05);
+    }
+    EXPECT_EQ(names.size(), sky.satellites.size());
+    if (sky.in_use >= 6) {
+      EXPECT_GT(sky.hdop, 0.3);
+      EXPECT_LT(sky.hdop, 4.0);
+      EXPECT_NEAR(sky.pdop, std::hypot(sky.hdop, sky.vdop), 1e-9);
+      EXPECT_GT(sky.gdop, sky.pdop);
+    }
+  }
+}
+
+}  // namespace
+}  // namespace drive
