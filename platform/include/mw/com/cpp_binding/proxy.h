@@ -13,6 +13,7 @@
 
 #include "ara/com/types.h"
 #include "ara/core/future.h"
+#include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/serialization.h"
 #include "mw/com/cpp_binding/service.h"
 #include "mw/com/cpp_binding/trace.h"
@@ -165,8 +166,9 @@ class Event {
     if (slot == nullptr) return;
     try {
       Serialization<Value>::decode(payload, *slot);
-    } catch (const std::exception&) {
+    } catch (const std::exception& error) {
       cache_->release(std::move(slot));
+      log_malformed_payload(connection_.service, name_, error.what());
       trace(Trace_id::Event_deserialize_exception,
             [&] { return event(Trace_id::Event_deserialize_exception); });
       return;

@@ -13,17 +13,13 @@
 #include "ara/com/types.h"
 #include "ara/core/future.h"
 #include "ara/core/instance_specifier.h"
+#include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/serialization.h"
 #include "mw/com/cpp_binding/service.h"
 #include "mw/com/cpp_binding/trace.h"
 #include "tq/com/runtime.h"
 
 namespace mw::com::cpp_binding::skeleton {
-
-/// "Get handler enabled but not configured and Update not called; Method_id=" and
-/// "Notify enabled but Update not called; Event_id=", written to the runtime's log.
-void log_get_without_value(std::uint16_t method);
-void log_notify_without_value(std::uint16_t event);
 
 /// What every part of one skeleton needs to know.
 struct Provision {
@@ -82,7 +78,8 @@ tq::com::Response answer(Provision& provision,
   try {
     std::apply([&](auto&... input) { (Serialization<Inputs>::decode(payload, input), ...); },
                inputs);
-  } catch (const std::exception&) {
+  } catch (const std::exception& error) {
+    log_malformed_payload(provision.service, std::to_string(id), error.what());
     return respond({.code = tq::com::Return_code::malformed_message, .payload = {}});
   }
   trace(Trace_id::Method_call_request_process, [&] {

@@ -1,0 +1,58 @@
+/// The binding's trace records: each event that proxies and skeletons tell of becomes one line of
+/// compact JSON. Tools read these lines, so names and keys are fixed; docs/trace.md lists them.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "ara/log/common.h"
+#include "ara/log/logger.h"
+#include "mw/com/cpp_binding/trace.h"
+
+namespace binding {
+
+/// Where trace lines go.
+class Trace_logger {
+ public:
+  virtual ~Trace_logger() = default;
+  [[nodiscard]] virtual bool is_enabled(ara::log::LogLevel level) const = 0;
+  virtual void log(ara::log::LogLevel level, std::string_view text) = 0;
+};
+
+/// Trace lines go into one context of the platform log.
+class Platform_trace_logger final : public Trace_logger {
+ public:
+  explicit Platform_trace_logger(ara::log::Logger& logger) : logger_{logger} {}
+  [[nodiscard]] bool is_enabled(ara::log::LogLevel level) const override;
+  void log(ara::log::LogLevel level, std::string_view text) override;
+
+ private:
+  ara::log::Logger& logger_;
+};
+
+/// The level at which records of this kind are written: the life of services at Info, nothing per
+/// message above Debug, failures at Error.
+[[nodiscard]] ara::log::LogLevel level_of(mw::com::cpp_binding::Trace_id id);
+[[nodiscard]] std::string_view name_of(mw::com::cpp_binding::Trace_id id);
+
+/// The record as text; throws when it cannot be built (a text that is not valid UTF-8).
+[[nodiscard]] std::string to_json(const mw::com::cpp_binding::Trace_event& event);
+
+/// Installed while it lives; one at a time.
+class Trace_records final : public mw::com::cpp_binding::Trace_sink {
+ public:
+  /// `logger` must outlive this.
+  explicit Trace_records(Trace_logger& logger);
+  ~Trace_records() override;
+  Trace_records(const Trace_records&) = delete;
+  Trace_records& operator=(const Trace_records&) = delete;
+
+  [[nodiscard]] bool is_enabled(mw::com::cpp_binding::Trace_id id) const noexcept override;
+  /// A record that cannot be built is written as an empty text; nothing is thrown.
+  void write(const mw::com::cpp_binding::Trace_event& event) noexcept override;
+
+ private:
+  Trace_logger& logger_;
+};
+
+}  // namespace binding

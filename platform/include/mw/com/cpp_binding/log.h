@@ -1,0 +1,21 @@
+/// The few plain lines that the binding writes into the platform log, beside its trace records.
+/// Context "MWCB", description "Communication binding".
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+namespace mw::com::cpp_binding {
+
+/// "Get handler enabled but not configured and Update not called; Method_id=" and the id.
+void log_get_without_value(std::uint16_t method);
+/// "Notify enabled but Update not called; Event_id=" and the id.
+void log_notify_without_value(std::uint16_t event);
+/// A payload that could not be decoded was dropped. `element` names the event or method; a peer can
+/// cause this at will, so no more than ten lines a second are written, the next one tells how many
+/// were not.
+void log_malformed_payload(std::string_view service,
+                           std::string_view element,
+                           std::string_view error);
+
+}  // namespace mw::com::cpp_binding
