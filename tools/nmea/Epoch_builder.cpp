@@ -95,7 +95,7 @@ void Epoch_builder::add_view(const Satellites_in_view& sentence) {
   pending_.next = 0;
   if (pending_.broken) return;
   auto& views = epoch_->views;
-  const auto same = std::find_if(views.begin(), views.end(), [&](const View& view) {
+  const auto same = std::find_if(views.begin(), views.end(), [&](const detail::View& view) {
     return view.talker == pending_.view.talker && view.signal == pending_.view.signal;
   });
   if (same != views.end()) {
@@ -105,7 +105,7 @@ void Epoch_builder::add_view(const Satellites_in_view& sentence) {
   }
 }
 
-void Epoch_builder::merge_satellites(const Epoch& epoch, Fix& fix) {
+void Epoch_builder::merge_satellites(const detail::Epoch& epoch, Fix& fix) {
   if (epoch.used_told) {
     const auto listed = static_cast<unsigned>(epoch.used.size());
     fix.satellites_in_use = std::max(fix.satellites_in_use.value_or(0), listed);
@@ -163,7 +163,7 @@ void Epoch_builder::resolve_date(Fix& fix) {
 
 std::optional<Fix> Epoch_builder::finish() {
   if (!epoch_) return std::nullopt;
-  const Epoch epoch = std::move(*epoch_);
+  const detail::Epoch epoch = std::move(*epoch_);
   epoch_.reset();
 
   Fix fix;

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 #include <charconv>
-#include <span>
+#include <cmath>
 
 namespace nmea {
 namespace {
@@ -183,7 +183,7 @@ std::optional<std::chrono::nanoseconds> time_of_day(Fields& fields, std::size_t 
   if (h.count() > 23 || m.count() > 59 || s.count() > 60) fields.reject();
   const auto fraction =
       static_cast<double>(result->numerator % result->scale) / static_cast<double>(result->scale);
-  return h + m + s + nanoseconds{static_cast<std::int64_t>(fraction * 1e9 + 0.5)};
+  return h + m + s + nanoseconds{std::llround(fraction * 1e9)};
 }
 
 std::optional<std::chrono::year_month_day> date(Fields& fields,
