@@ -1,6 +1,7 @@
 #include <chrono>
 #include <mutex>
 #include <string>
+#include <utility>
 
 #include "ara/com/types.h"
 #include "ara/log/logger.h"

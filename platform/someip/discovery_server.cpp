@@ -1,0 +1,263 @@
+#include "platform/someip/discovery_server.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace someip {
+
+namespace {
+
+Entry offer_entry(const Offer& offer, std::uint32_t ttl) {
+  Entry entry;
+  entry.type = Entry_type::offer_service;
+  entry.service = offer.key.service;
+  entry.instance = offer.key.instance;
+  entry.major_version = offer.key.major_version;
+  entry.minor_version = offer.minor_version;
+  entry.ttl = ttl;
+  return entry;
+}
+
+std::vector<Option> endpoint_options(const Instance_endpoints& endpoints) {
+  std::vector<Option> options;
+  if (endpoints.udp) options.push_back(Option::unicast(*endpoints.udp, udp_protocol));
+  if (endpoints.tcp) options.push_back(Option::unicast(*endpoints.tcp, tcp_protocol));
+  return options;
+}
+
+bool allowed(const Offer& offer, const Address& peer) {
+  return offer.allowed_peers.empty() ||
+         std::ranges::find(offer.allowed_peers, peer) != offer.allowed_peers.end();
+}
+
+}  // namespace
+
+void Discovery_server::send_offer(const Local& local,
+                                  std::uint32_t ttl,
+                                  const Discovery_outbox::Destination& to) {
+  outbox_.add(to, offer_entry(local.offer, ttl), endpoint_options(local.offer.endpoints));
+}
+
+void Discovery_server::offer(Offer offer, Time now) {
+  const Instance_key key = offer.key;
+  if (offers_.contains(key)) return;
+  Local local;
+  local.offer = std::move(offer);
+  local.next = delays_.end_of_initial_wait(now);
+  for (const auto& [group, transport] : local.offer.groups) local.groups[group];
+  offers_.emplace(key, std::move(local));
+}
+
+void Discovery_server::stop_offer(const Instance_key& key) {
+  const auto found = offers_.find(key);
+  if (found == offers_.end()) return;
+  if (found->second.phase != Phase::initial_wait) send_offer(found->second, 0, std::nullopt);
+  end_all_subscriptions(found->second);
+  offers_.erase(found);
+  std::erase_if(answers_, [&](const Answer& answer) { return answer.key == key; });
+}
+
+void Discovery_server::stop_all() {
+  while (!offers_.empty()) stop_offer(Instance_key(offers_.begin()->first));
+}
+
+void Discovery_server::end_all_subscriptions(Local& local) {
+  for (auto& [group, state] : local.groups) {
+    if (state.subscriptions.empty()) continue;
+    host_.subscribers_changed(local.offer.key, group, {}, {});
+  }
+}
+
+void Discovery_server::find(
+    const Entry& entry, const Endpoint& from, bool multicast, bool unicast_flag, Time now) {
+  for (auto& [key, local] : offers_) {
+    if (key.service != entry.service) continue;
+    if (entry.instance != any_instance && entry.instance != key.instance) continue;
+    if (entry.major_version != any_major_version && entry.major_version != key.major_version) {
+      continue;
+    }
+    if (entry.minor_version != any_minor_version &&
+        entry.minor_version != local.offer.minor_version) {
+      continue;
+    }
+    if (local.phase == Phase::initial_wait || !allowed(local.offer, from.address)) continue;
+    if (!unicast_flag) {
+      send_offer(local, timing_.offer_ttl, std::nullopt);
+    } else if (multicast) {
+      const bool waits = std::ranges::any_of(answers_, [&, &wanted = key](const Answer& answer) {
+        return answer.to == from && answer.key == wanted;
+      });
+      if (!waits) answers_.push_back({from, key, Time{}});
+    } else {
+      send_offer(local, timing_.offer_ttl, from);
+    }
+  }
+  // One delay for all entries of a message, so that their answers leave together.
+  const Time due = delays_.answer_to_multicast(now);
+  for (Answer& answer : answers_) {
+    if (answer.due != Time{}) continue;
+    const auto waiting = std::ranges::find_if(answers_, [&](const Answer& other) {
+      return other.to == answer.to && other.due > now;
+    });
+    answer.due = waiting == answers_.end() ? due : waiting->due;
+  }
+}
+
+void Discovery_server::refuse(Entry entry, const Endpoint& to) {
+  counters_.subscriptions_refused.add();
+  entry.type = Entry_type::subscribe_ack;
+  entry.ttl = 0;
+  entry.flags &= 0xFF0F;  // a refusal repeats reserved and counter only (someipsd_619)
+  outbox_.add(to, entry, {});
+}
+
+void Discovery_server::subscribe(const Entry& entry,
+                                 const Entry_options& options,
+                                 bool endpoints_acceptable,
+                                 const Endpoint& from,
+                                 bool explicit_initial_data,
+                                 Time now) {
+  const auto found = offers_.find({entry.service, entry.instance, entry.major_version});
+  const auto group = found == offers_.end() ? decltype(found->second.groups.begin()){}
+                                            : found->second.groups.find(entry.event_group);
+  const bool known = found != offers_.end() && group != found->second.groups.end();
+  const bool stop = entry.ttl == 0;
+  if (!known || options.fault || !endpoints_acceptable ||
+      !allowed(found->second.offer, from.address)) {
+    if (!stop) refuse(entry, from);
+    return;
+  }
+
+  auto& subscriptions = group->second.subscriptions;
+  const Subscriber subscriber{from, {options.udp, options.tcp}, entry.counter()};
+  const auto present = std::ranges::find_if(
+      subscriptions, [&](const Subscription& known_one) { return known_one.subscriber == subscriber; });
+  if (stop) {
+    if (present == subscriptions.end()) return;
+    subscriptions.erase(present);
+    group->second.changed = true;
+    return;
+  }
+
+  const Group_transport& transport = found->second.offer.groups.at(entry.event_group);
+  const bool needs_udp = transport.udp && transport.multicast_threshold != 1;
+  if ((needs_udp && !options.udp) || (transport.tcp && !options.tcp) ||
+      (transport.tcp && !host_.has_connection(found->second.offer, *options.tcp))) {
+    refuse(entry, from);
+    return;
+  }
+
+  const Time expires = end_of_life(now, entry.ttl);
+  if (present != subscriptions.end()) {
+    present->expires = expires;
+    if (explicit_initial_data && entry.initial_data_requested()) {
+      present->fresh = group->second.changed = true;
+    }
+  } else {
+    if (subscriptions.size() >= limits_.subscribers_per_event_group) {
+      counters_.refused_subscribers.add();
+      refuse(entry, from);
+      return;
+    }
+    const bool fresh = !explicit_initial_data || entry.initial_data_requested();
+    subscriptions.push_back({subscriber, expires, fresh});
+    group->second.changed = true;
+  }
+  counters_.subscriptions_accepted.add();
+
+  Entry ack = entry;
+  ack.type = Entry_type::subscribe_ack;
+  std::vector<Option> multicast;
+  if (transport.multicast && transport.multicast_threshold > 0) {
+    multicast.push_back(Option::multicast(*transport.multicast));
+  }
+  outbox_.add(from, ack, std::move(multicast));
+}
+
+template <class Predicate>
+std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
+  std::size_t ended = 0;
+  for (auto& [key, local] : offers_) {
+    for (auto& [group, state] : local.groups) {
+      const std::size_t count = std::erase_if(state.subscriptions, ends);
+      state.changed |= count > 0;
+      ended += count;
+    }
+  }
+  return ended;
+}
+
+void Discovery_server::forget_peer(const Endpoint& peer) {
+  end_subscriptions(
+      [&](const Subscription& subscription) { return subscription.subscriber.peer == peer; });
+  std::erase_if(answers_, [&](const Answer& answer) { return answer.to == peer; });
+}
+
+void Discovery_server::connection_lost(const Endpoint& client) {
+  end_subscriptions([&](const Subscription& subscription) {
+    return subscription.subscriber.endpoints.tcp == client;
+  });
+}
+
+void Discovery_server::deliver_changes() {
+  for (auto& [key, local] : offers_) {
+    for (auto& [group, state] : local.groups) {
+      if (!std::exchange(state.changed, false)) continue;
+      std::vector<Subscriber> all, fresh;
+      for (Subscription& subscription : state.subscriptions) {
+        all.push_back(subscription.subscriber);
+        if (std::exchange(subscription.fresh, false)) fresh.push_back(subscription.subscriber);
+      }
+      host_.subscribers_changed(key, group, all, fresh);
+    }
+  }
+}
+
+void Discovery_server::advance(Local& local, Time now) {
+  if (local.phase == Phase::initial_wait) {
+    local.phase = Phase::repetition;
+  } else if (local.phase == Phase::repetition) {
+    ++local.repetitions;
+  }
+  if (local.phase == Phase::repetition && local.repetitions >= timing_.repetitions_max) {
+    local.phase = Phase::main;
+  }
+  if (local.phase == Phase::repetition) {
+    local.next = now + delays_.repetition(local.repetitions);
+  } else {
+    local.next = timing_.cyclic_offer_delay.count() == 0 ? Time::max()
+                                                         : now + timing_.cyclic_offer_delay;
+  }
+}
+
+void Discovery_server::on_time(Time now) {
+  const std::size_t expired = end_subscriptions(
+      [&](const Subscription& subscription) { return subscription.expires <= now; });
+  counters_.subscriptions_expired.add(expired);
+  for (auto& [key, local] : offers_) {
+    if (local.next > now) continue;
+    send_offer(local, timing_.offer_ttl, std::nullopt);
+    advance(local, now);
+  }
+  std::erase_if(answers_, [&](const Answer& answer) {
+    if (answer.due > now) return false;
+    send_offer(offers_.at(answer.key), timing_.offer_ttl, answer.to);
+    return true;
+  });
+}
+
+Time Discovery_server::next_deadline() const {
+  Time next = Time::max();
+  for (const auto& [key, local] : offers_) {
+    next = std::min(next, local.next);
+    for (const auto& [group, state] : local.groups) {
+      for (const Subscription& subscription : state.subscriptions) {
+        next = std::min(next, subscription.expires);
+      }
+    }
+  }
+  for (const Answer& answer : answers_) next = std::min(next, answer.due);
+  return next;
+}
+
+}  // namespace someip

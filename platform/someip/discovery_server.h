@@ -1,0 +1,120 @@
+/// The providing side of service discovery: offers in their three phases, and the clients' subscriptions.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "platform/someip/counters.h"
+#include "platform/someip/discovery_outbox.h"
+#include "platform/someip/discovery_types.h"
+
+namespace someip {
+
+/// An instance as it is offered.
+struct Offer {
+  Instance_key key;
+  std::uint32_t minor_version = 0;
+  Instance_endpoints endpoints;
+  std::map<std::uint16_t, Group_transport> groups;
+  std::vector<Address> allowed_peers;  ///< empty: all
+};
+
+/// What the providing side needs to know from, and tells, its node.
+class Discovery_server_host {
+ public:
+  virtual ~Discovery_server_host() = default;
+  /// Has `client` an open TCP connection to the endpoint of the offer?
+  [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) const = 0;
+  /// The subscribers of a group have changed. `fresh` are those of them that shall get the present value
+  /// of the fields. Called after the acknowledgement has been sent.
+  virtual void subscribers_changed(const Instance_key& key,
+                                   std::uint16_t event_group,
+                                   const std::vector<Subscriber>& all,
+                                   const std::vector<Subscriber>& fresh) = 0;
+};
+
+/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it and then
+/// calls deliver_changes().
+class Discovery_server {
+ public:
+  Discovery_server(const Discovery_timing& timing,
+                   const Limits& limits,
+                   Discovery_delays& delays,
+                   Discovery_outbox& outbox,
+                   Counters& counters,
+                   Discovery_server_host& host)
+      : timing_(timing),
+        limits_(limits),
+        delays_(delays),
+        outbox_(outbox),
+        counters_(counters),
+        host_(host) {}
+
+  void offer(Offer offer, Time now);
+  void stop_offer(const Instance_key& key);
+  void stop_all();
+
+  void find(const Entry& entry, const Endpoint& from, bool multicast, bool unicast_flag, Time now);
+  /// `options` are those of the entry; `explicit_initial_data` is the flag of the message.
+  void subscribe(const Entry& entry,
+                 const Entry_options& options,
+                 bool endpoints_acceptable,
+                 const Endpoint& from,
+                 bool explicit_initial_data,
+                 Time now);
+  /// All subscriptions of a peer that has restarted end.
+  void forget_peer(const Endpoint& peer);
+  /// A client's TCP connection is gone, its subscriptions over it too.
+  void connection_lost(const Endpoint& client);
+
+  void deliver_changes();
+
+  void on_time(Time now);
+  [[nodiscard]] Time next_deadline() const;
+
+ private:
+  enum class Phase : std::uint8_t { initial_wait, repetition, main };
+  struct Subscription {
+    Subscriber subscriber;
+    Time expires;
+    bool fresh = false;  ///< initial values not yet sent
+  };
+  struct Group {
+    std::vector<Subscription> subscriptions;
+    bool changed = false;
+  };
+  struct Local {
+    Offer offer;
+    Phase phase = Phase::initial_wait;
+    std::uint32_t repetitions = 0;
+    Time next;
+    std::map<std::uint16_t, Group> groups;
+  };
+  struct Answer {
+    Endpoint to;
+    Instance_key key;
+    Time due;
+  };
+
+  void send_offer(const Local& local, std::uint32_t ttl, const Discovery_outbox::Destination& to);
+  void advance(Local& local, Time now);
+  void end_all_subscriptions(Local& local);
+  void refuse(Entry entry, const Endpoint& to);
+  template <class Predicate>
+  std::size_t end_subscriptions(Predicate&& ends);
+
+  const Discovery_timing& timing_;
+  const Limits& limits_;
+  Discovery_delays& delays_;
+  Discovery_outbox& outbox_;
+  Counters& counters_;
+  Discovery_server_host& host_;
+  std::map<Instance_key, Local> offers_;
+  std::vector<Answer> answers_;  ///< to finds that came by multicast, waiting for their delay
+};
+
+}  // namespace someip

@@ -1,0 +1,89 @@
+/// Words that the two sides of service discovery and their node share.
+#pragma once
+
+#include <chrono>
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "platform/someip/deployment.h"
+#include "platform/someip/endpoint.h"
+
+namespace someip {
+
+using Time = std::chrono::steady_clock::time_point;
+
+/// An instance of a service, in the version that its interface has.
+struct Instance_key {
+  std::uint16_t service = 0;
+  std::uint16_t instance = 0;
+  std::uint8_t major_version = 0;
+  friend auto operator<=>(const Instance_key&, const Instance_key&) = default;
+};
+
+/// Where an instance is reachable: at least one of the two.
+struct Instance_endpoints {
+  std::optional<Endpoint> udp;
+  std::optional<Endpoint> tcp;
+  friend bool operator==(const Instance_endpoints&, const Instance_endpoints&) = default;
+};
+
+/// How the events of a group travel.
+struct Group_transport {
+  bool udp = false;
+  bool tcp = false;
+  std::optional<Endpoint> multicast;
+  std::uint32_t multicast_threshold = 0;  ///< subscribers from which on multicast is used; 0: never
+};
+
+/// A client's entry in an event group.
+struct Subscriber {
+  Endpoint peer;  ///< its service discovery
+  Instance_endpoints endpoints;
+  std::uint8_t counter = 0;
+  friend bool operator==(const Subscriber&, const Subscriber&) = default;
+};
+
+/// Random delays. Entries that begin to wait while others wait in their first phase share the moment of
+/// those, so that they leave in one message (someipsd_65).
+class Discovery_delays {
+ public:
+  explicit Discovery_delays(const Discovery_timing& timing)
+      : timing_(timing), random_(std::random_device{}()) {}
+
+  [[nodiscard]] Time end_of_initial_wait(Time now) {
+    if (initial_wait_end_ <= now) {
+      initial_wait_end_ = now + between(timing_.initial_delay_min, timing_.initial_delay_max);
+    }
+    return initial_wait_end_;
+  }
+  [[nodiscard]] Milliseconds repetition(std::uint32_t sent) const {
+    return timing_.repetitions_base_delay * (1u << std::min(sent, 16u));
+  }
+  [[nodiscard]] Time answer_to_multicast(Time now) {
+    return now + between(timing_.request_response_delay_min, timing_.request_response_delay_max);
+  }
+
+ private:
+  [[nodiscard]] std::chrono::microseconds between(Milliseconds low, Milliseconds high) {
+    using std::chrono::microseconds;
+    std::uniform_int_distribution<std::int64_t> distribution(microseconds(low).count(),
+                                                             microseconds(high).count());
+    return microseconds(distribution(random_));
+  }
+
+  const Discovery_timing& timing_;
+  std::mt19937 random_;
+  Time initial_wait_end_{};
+};
+
+/// When an entry with this time to live ends.
+[[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds) {
+  constexpr std::uint32_t endless = 0xFFFFFF;
+  return ttl_seconds == endless ? Time::max() : now + std::chrono::seconds(ttl_seconds);
+}
+
+}  // namespace someip

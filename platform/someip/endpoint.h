@@ -1,0 +1,36 @@
+/// An address and a port, as the options of service discovery carry them.
+#pragma once
+
+#include <boost/asio/ip/address.hpp>
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <tuple>
+
+namespace someip {
+
+using Address = boost::asio::ip::address;
+
+struct Endpoint {
+  Address address;
+  std::uint16_t port = 0;
+
+  friend bool operator==(const Endpoint& a, const Endpoint& b) {
+    return a.port == b.port && a.address == b.address;
+  }
+  friend bool operator<(const Endpoint& a, const Endpoint& b) {
+    return std::tie(a.address, a.port) < std::tie(b.address, b.port);
+  }
+};
+
+[[nodiscard]] inline std::string to_string(const Endpoint& endpoint) {
+  const std::string address = endpoint.address.to_string();
+  return (endpoint.address.is_v6() ? "[" + address + "]" : address) + ":" +
+         std::to_string(endpoint.port);
+}
+
+/// May `address` be that of a peer on our link: unicast, specified, in the subnet of `own`? A prefix length
+/// of 0 turns the subnet check off (someipsd_1149).
+[[nodiscard]] bool reachable_peer(const Address& address, const Address& own, unsigned prefix_length);
+
+}  // namespace someip

@@ -1,0 +1,152 @@
+#include "platform/someip/udp_socket.h"
+
+#include <net/if.h>
+#include <ifaddrs.h>
+#include <sys/uio.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace someip {
+
+namespace {
+
+std::error_code last_error() { return {errno, std::generic_category()}; }
+
+template <class Value>
+std::error_code set(int descriptor, int level, int name, const Value& value) {
+  return ::setsockopt(descriptor, level, name, &value, sizeof value) == 0 ? std::error_code{}
+                                                                         : last_error();
+}
+
+in_addr v4(const Address& address) {
+  const auto bytes = address.to_v4().to_bytes();
+  in_addr result;
+  std::memcpy(&result, bytes.data(), sizeof result);
+  return result;
+}
+
+/// Index of the interface that owns an IPv6 address; 0 lets the kernel choose.
+unsigned interface_of(const Address& own) {
+  ifaddrs* list = nullptr;
+  if (getifaddrs(&list) != 0) return 0;
+  unsigned index = 0;
+  const auto bytes = own.to_v6().to_bytes();
+  for (const ifaddrs* at = list; at != nullptr && index == 0; at = at->ifa_next) {
+    if (at->ifa_addr == nullptr || at->ifa_addr->sa_family != AF_INET6) continue;
+    sockaddr_in6 address;
+    std::memcpy(&address, at->ifa_addr, sizeof address);
+    if (std::memcmp(&address.sin6_addr, bytes.data(), bytes.size()) == 0) {
+      index = if_nametoindex(at->ifa_name);
+    }
+  }
+  freeifaddrs(list);
+  return index;
+}
+
+iovec vector_of(Bytes bytes) {
+  // sendmsg() does not write; its interface only cannot say so.
+  return {const_cast<std::byte*>(bytes.data()), bytes.size()};
+}
+
+}  // namespace
+
+Socket_address::Socket_address(const Endpoint& endpoint) {
+  if (endpoint.address.is_v4()) {
+    storage_.v4.sin_family = AF_INET;
+    storage_.v4.sin_port = htons(endpoint.port);
+    storage_.v4.sin_addr = v4(endpoint.address);
+  } else {
+    const auto address = endpoint.address.to_v6();
+    const auto bytes = address.to_bytes();
+    storage_.v6.sin6_family = AF_INET6;
+    storage_.v6.sin6_port = htons(endpoint.port);
+    storage_.v6.sin6_scope_id = static_cast<std::uint32_t>(address.scope_id());
+    std::memcpy(&storage_.v6.sin6_addr, bytes.data(), bytes.size());
+  }
+}
+
+Endpoint Socket_address::endpoint() const {
+  if (storage_.any.sa_family == AF_INET) {
+    return {boost::asio::ip::address_v4(ntohl(storage_.v4.sin_addr.s_addr)),
+            ntohs(storage_.v4.sin_port)};
+  }
+  boost::asio::ip::address_v6::bytes_type bytes;
+  std::memcpy(bytes.data(), &storage_.v6.sin6_addr, bytes.size());
+  return {boost::asio::ip::address_v6(bytes, storage_.v6.sin6_scope_id),
+          ntohs(storage_.v6.sin6_port)};
+}
+
+socklen_t Socket_address::size() const {
+  return storage_.any.sa_family == AF_INET ? sizeof storage_.v4 : sizeof storage_.v6;
+}
+
+Udp_socket::Udp_socket(const Address& like)
+    : descriptor_(::socket(like.is_v4() ? AF_INET : AF_INET6,
+                           SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
+                           0)) {
+  if (descriptor_ < 0) throw std::system_error(last_error(), "socket");
+  // A burst of segments should fit while the workers are busy; the kernel caps it.
+  const int receive_buffer = 4 * 1024 * 1024;
+  static_cast<void>(set(descriptor_, SOL_SOCKET, SO_RCVBUF, receive_buffer));
+}
+
+Udp_socket::~Udp_socket() { ::close(descriptor_); }
+
+void Udp_socket::reuse_address() {
+  const int on = 1;
+  static_cast<void>(set(descriptor_, SOL_SOCKET, SO_REUSEADDR, on));
+}
+
+std::error_code Udp_socket::bind(const Endpoint& endpoint) {
+  const Socket_address address(endpoint);
+  return ::bind(descriptor_, address.data(), address.size()) == 0 ? std::error_code{} : last_error();
+}
+
+Endpoint Udp_socket::local() const {
+  Socket_address address;
+  socklen_t size = Socket_address::capacity();
+  ::getsockname(descriptor_, address.data(), &size);
+  return address.endpoint();
+}
+
+std::error_code Udp_socket::multicast_from(const Address& own) {
+  const int on = 1;
+  if (own.is_v4()) {
+    if (const auto error = set(descriptor_, IPPROTO_IP, IP_MULTICAST_LOOP, on)) return error;
+    return set(descriptor_, IPPROTO_IP, IP_MULTICAST_IF, v4(own));
+  }
+  if (const auto error = set(descriptor_, IPPROTO_IPV6, IPV6_MULTICAST_LOOP, on)) return error;
+  return set(descriptor_, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(interface_of(own)));
+}
+
+std::error_code Udp_socket::join(const Address& group, const Address& own) {
+  if (group.is_v4()) {
+    ip_mreq request{};
+    request.imr_multiaddr = v4(group);
+    request.imr_interface = v4(own);
+    return set(descriptor_, IPPROTO_IP, IP_ADD_MEMBERSHIP, request);
+  }
+  ipv6_mreq request{};
+  const auto bytes = group.to_v6().to_bytes();
+  std::memcpy(&request.ipv6mr_multiaddr, bytes.data(), bytes.size());
+  request.ipv6mr_interface = interface_of(own);
+  return set(descriptor_, IPPROTO_IPV6, IPV6_JOIN_GROUP, request);
+}
+
+std::error_code Udp_socket::send(Bytes head, Bytes rest, const Socket_address& to) const {
+  std::array<iovec, 2> parts{vector_of(head), vector_of(rest)};
+  msghdr message{};
+  message.msg_name = const_cast<sockaddr*>(to.data());
+  message.msg_namelen = to.size();
+  message.msg_iov = parts.data();
+  message.msg_iovlen = rest.empty() ? 1 : 2;
+  for (;;) {
+    if (::sendmsg(descriptor_, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return {};
+    if (errno != EINTR) return last_error();
+  }
+}
+
+}  // namespace someip

@@ -1,0 +1,60 @@
+/// A UDP socket as the hot path needs it: several datagrams per receive, header and payload per send,
+/// never waiting.
+#pragma once
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cstddef>
+#include <system_error>
+
+#include "platform/someip/byte_order.h"
+#include "platform/someip/endpoint.h"
+
+namespace someip {
+
+/// An endpoint in the form that the kernel takes.
+class Socket_address {
+ public:
+  Socket_address() = default;
+  explicit Socket_address(const Endpoint& endpoint);
+  [[nodiscard]] Endpoint endpoint() const;
+  [[nodiscard]] const sockaddr* data() const { return &storage_.any; }
+  [[nodiscard]] sockaddr* data() { return &storage_.any; }
+  [[nodiscard]] socklen_t size() const;
+  static constexpr socklen_t capacity() { return sizeof(Storage); }
+
+ private:
+  union Storage {
+    sockaddr any;
+    sockaddr_in v4;
+    sockaddr_in6 v6;
+  } storage_{};
+};
+
+/// Owns the descriptor. Sending is thread-safe; the rest is for one thread at a time.
+class Udp_socket {
+ public:
+  /// Opens for the address family of `like`. Throws std::system_error.
+  explicit Udp_socket(const Address& like);
+  ~Udp_socket();
+  Udp_socket(const Udp_socket&) = delete;
+  Udp_socket& operator=(const Udp_socket&) = delete;
+
+  [[nodiscard]] int descriptor() const { return descriptor_; }
+  void reuse_address();
+  [[nodiscard]] std::error_code bind(const Endpoint& endpoint);
+  [[nodiscard]] Endpoint local() const;
+  /// Multicast goes out, and is joined, on the interface that owns `own`.
+  [[nodiscard]] std::error_code multicast_from(const Address& own);
+  [[nodiscard]] std::error_code join(const Address& group, const Address& own);
+
+  /// One datagram of two parts. EAGAIN when the socket's buffer is full.
+  [[nodiscard]] std::error_code send(Bytes head, Bytes rest, const Socket_address& to) const;
+
+ private:
+  int descriptor_;
+};
+
+}  // namespace someip
