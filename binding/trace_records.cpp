@@ -1,7 +1,7 @@
 #include "binding/trace_records.h"
 
 #include <array>
-#include <cstdlib>
+#include <limits>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <vector>
@@ -16,11 +16,13 @@ using mw::com::cpp_binding::Trace_id;
 
 namespace {
 
-/// Keys sort by their numeric prefix: "2_…" before "10_…".
+/// Keys sort by their numeric prefix, "2_…" before "10_…"; keys without one come last.
 struct By_prefix {
   using is_transparent = void;
   bool operator()(std::string_view a, std::string_view b) const {
     const auto number = [](std::string_view key) {
+      if (key.empty() || key[0] < '0' || key[0] > '9')
+        return std::numeric_limits<unsigned long>::max();
       unsigned long value = 0;
       for (const char c : key) {
         if (c < '0' || c > '9') break;

@@ -1,0 +1,139 @@
+/// What a sender with a fault, an older or newer data model or bad intentions can put into a
+/// positions notification: each either decodes to what it says or is refused with the reason.
+#include <gmock/gmock.h>
+
+#include "binding/codec.h"
+#include "clients/GnssRecords.h"
+#include "tests/binding/bytes.h"
+
+namespace {
+
+using lumo::services::gnss::datatypes::DT_positions_struct;
+using test::hex;
+using test::notification;
+
+constexpr auto too_small =
+    "Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is possibly "
+    "due to a mismatch between the data models of sender and receiver.";
+constexpr auto beyond = "Read beyond the end of the data buffer";
+constexpr auto bad_end = "Deserialization calculated invalid end position.";
+constexpr auto bad_wire_type = "Invalid source tag wire type";
+constexpr auto accepted = "";
+
+constexpr auto counter = "2001 00000007";
+constexpr auto latitude = "3002 4048000000000000";
+
+struct Case {
+  const char* what;
+  binding::Buffer payload;
+  const char* error;        ///< empty: accepted
+  std::size_t records = 0;  ///< when accepted
+  bool has_latitude = false;
+};
+
+binding::Buffer one(const std::string& record) {
+  return notification({hex(record)});
+}
+
+std::vector<Case> cases() {
+  const std::string c = counter;
+  const std::string l = latitude;
+  std::vector<Case> table{
+      {"no byte at all", {}, beyond},
+      {"one byte of the vector length", hex("00"), beyond},
+      {"three bytes of the vector length", hex("000000"), beyond},
+      {"an empty vector", hex("00000000"), accepted, 0},
+      {"an empty vector and a surplus", hex("00000000 ffff"), accepted, 0},
+      {"vector length one too long", hex("00000001"), bad_end},
+      {"vector length of all ones", hex("ffffffff 00000000"), bad_end},
+      {"vector of one, two, three bytes: a torn record length", hex("00000003 000000"), beyond},
+      {"an empty record", one(""), accepted, 1},
+      {"three empty records", notification({{}, {}, {}}), accepted, 3},
+      {"record length one too long", hex("00000004 00000001"), bad_end},
+      {"record length of all ones", hex("00000004 ffffffff"), bad_end},
+      {"record length behind the vector, within the datagram",
+       hex("00000004 00000006 2001 00000007"), too_small},
+      {"one member", one(c), accepted, 1},
+      {"latitude", one(l), accepted, 1, true},
+      {"two records", notification({hex(c), hex(l)}), accepted, 2},
+      {"half a tag", one("20"), beyond},
+      {"a tag without value", one("2001"), beyond},
+      {"a value cut by one byte", one("2001 000000"), beyond},
+      {"a latitude cut by one byte", one("3002 40480000000000"), beyond},
+      {"record length that ends inside a value", hex("0000000a 00000005 2001 00000007"), too_small},
+      {"record length that ends inside a tag", hex("0000000a 00000001 2001 00000007"), too_small},
+      {"a tag split between a record and the next", hex("0000000e 00000001 2001 00000007 00000000"),
+       too_small},
+      {"latitude with wire type 2", one("2002 40480000"), bad_wire_type},
+      {"latitude with wire type 0", one("0002 40"), bad_wire_type},
+      {"latitude with wire type 4", one("4002 00000008 4048000000000000"), bad_wire_type},
+      {"latitude with wire type 7", one("7002 00000008 4048000000000000"), bad_wire_type},
+      {"counter with wire type 3", one("3001 0000000000000007"), bad_wire_type},
+      {"counter with wire type 1", one("1001 0007"), bad_wire_type},
+      {"a wrong wire type behind good members", one(c + l + "3004 00"), bad_wire_type},
+      {"reserved bit set", one("a001 00000007"), accepted, 1},
+      {"unknown ID of one byte", one("0fff 00" + l), accepted, 1, true},
+      {"unknown ID of two bytes", one("1064 0000" + l), accepted, 1, true},
+      {"unknown ID of four bytes", one("2064 00000000" + l), accepted, 1, true},
+      {"unknown ID of eight bytes", one("3064 0000000000000000" + l), accepted, 1, true},
+      {"unknown ID with one length byte", one("5064 03 ffffff" + l), accepted, 1, true},
+      {"unknown ID with two length bytes", one("6064 0000" + l), accepted, 1, true},
+      {"unknown ID with four length bytes", one("4064 00000001 ff" + l), accepted, 1, true},
+      {"unknown ID behind everything", one(l + "2064 00000000"), accepted, 1, true},
+      {"unknown ID cut short", one("3064 00000000"), beyond},
+      {"unknown ID with a giant length", one("7064 ffffffff" + l), beyond},
+      {"unknown ID whose length field is cut", one("6064 00"), beyond},
+      {"unknown ID that crosses its record's end", hex("0000000e 00000005 5064 03 ffffff 00000000"),
+       too_small},
+      {"members in descending order", one(l + c), accepted, 1, true},
+      {"a member sent twice", one(l + l), accepted, 1, true},
+      {"a member sent twice with another between", one(l + c + l), accepted, 1, true},
+      {"valueType without its value", one("2003 00000004"), accepted, 1},
+      {"valueType of no known meaning", one("2003 ffffffff"), accepted, 1},
+      {"a second record cut short", hex("00000010 00000006 2001 00000007 00000006 2001"), bad_end},
+      {"surplus behind the vector", one(c + l), accepted, 1, true},
+  };
+  table.back().payload.push_back(std::byte{0xEE});
+  return table;
+}
+
+TEST(A_positions_payload, is_accepted_or_refused_with_its_reason) {
+  const auto table = cases();
+  ASSERT_GE(table.size(), 40U);
+  std::vector<DT_positions_struct> records;
+  for (const auto& c : table) {
+    binding::Cursor cursor{c.payload};
+    std::string error;
+    try {
+      binding::decode(cursor, records);
+    } catch (const std::exception& caught) {
+      error = caught.what();
+    }
+    EXPECT_EQ(error, c.error) << c.what;
+    if (!error.empty() || *c.error != 0) continue;
+    EXPECT_EQ(records.size(), c.records) << c.what;
+    if (!records.empty()) {
+      EXPECT_EQ(records.back().LAT.has_value(), c.has_latitude) << c.what;
+      EXPECT_EQ(records.back().LAT.get_value_or(48.0), 48.0) << c.what;
+    }
+  }
+}
+
+TEST(A_member_sent_twice, keeps_the_last_value) {
+  const auto payload = one("3002 4048000000000000 3002 4049000000000000");
+  binding::Cursor cursor{payload};
+  std::vector<DT_positions_struct> records;
+  binding::decode(cursor, records);
+  EXPECT_EQ(records.at(0).LAT.get(), 50.0);
+}
+
+TEST(Every_truncation_of_a_good_payload, is_refused) {
+  const auto good = notification({hex(std::string{counter} + latitude), hex(latitude)});
+  for (std::size_t size = 0; size < good.size(); ++size) {
+    binding::Cursor cursor{std::span{good}.first(size)};
+    std::vector<DT_positions_struct> records;
+    EXPECT_THROW(binding::decode(cursor, records), std::out_of_range) << size;
+  }
+}
+
+}  // namespace

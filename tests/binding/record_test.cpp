@@ -1,0 +1,215 @@
+#include <gmock/gmock.h>
+
+#include "binding/codec.h"
+#include "clients/GnssRecords.h"
+#include "clients/TimeRecords.h"
+#include "posService/PositioningRecords.h"
+#include "tests/binding/bytes.h"
+
+namespace test_records {
+
+struct Inner {
+  std::uint8_t first = 0;
+  std::uint8_t second = 0;
+};
+struct Output {
+  std::array<std::uint8_t, 5> bytes{};
+  Inner inner;
+  std::uint16_t last = 0;
+};
+struct Message {
+  boost::optional<std::string> text;
+  boost::optional<std::uint16_t> number;
+  boost::optional<std::vector<std::uint8_t>> blob;
+};
+struct Nothing {};
+
+}  // namespace test_records
+
+template <>
+struct binding::Description<test_records::Inner> {
+  static constexpr std::string_view name = "Inner";
+  static constexpr auto entries = std::tuple{plain("first", &test_records::Inner::first),
+                                             plain("second", &test_records::Inner::second)};
+};
+template <>
+struct binding::Description<test_records::Output> {
+  static constexpr std::string_view name = "Output";
+  static constexpr auto entries = std::tuple{plain("bytes", &test_records::Output::bytes),
+                                             plain("inner", &test_records::Output::inner),
+                                             plain("last", &test_records::Output::last)};
+};
+template <>
+struct binding::Description<test_records::Message> {
+  static constexpr std::string_view name = "Message";
+  static constexpr auto entries = std::tuple{member(0, "text", &test_records::Message::text),
+                                             member(7, "number", &test_records::Message::number),
+                                             member(2, "blob", &test_records::Message::blob)};
+};
+template <>
+struct binding::Description<test_records::Nothing> {
+  static constexpr std::string_view name = "Nothing";
+  static constexpr std::tuple<> entries{};
+};
+
+namespace {
+
+using binding::Buffer;
+using binding::Cursor;
+using test::hex;
+
+template <class T>
+T decoded(const Buffer& bytes) {
+  Cursor cursor{bytes};
+  T value{};
+  binding::decode(cursor, value);
+  EXPECT_EQ(cursor.remaining(), 0U);
+  return value;
+}
+template <class T>
+Buffer encoded(const T& value) {
+  Buffer bytes;
+  binding::encode(value, bytes);
+  return bytes;
+}
+
+/// Sets every member to a value of its own, so that a swapped pair shows.
+template <class Record>
+Record filled() {
+  Record record;
+  unsigned number = 0;
+  binding::for_each_member<Record>([&]<class M>(const M& m) {
+    ++number;
+    using Value = typename M::value_type;
+    if constexpr (binding::Scalar<Value>) {
+      record.*m.pointer = static_cast<Value>(number);
+    } else {
+      record.*m.pointer = Value{"text"};
+    }
+  });
+  return record;
+}
+
+template <class Record>
+bool equal(const Record& a, const Record& b) {
+  bool same = true;
+  binding::for_each_member<Record>([&](const auto& m) { same &= a.*m.pointer == b.*m.pointer; });
+  return same;
+}
+
+template <class Record>
+class Every_record : public testing::Test {};
+namespace gnss = lumo::services::gnss::datatypes;
+namespace time_service = lumo::services::time::datatypes;
+namespace positioning = lumo::services::positioning::datatypes;
+using Records = testing::Types<gnss::DT_positions_struct,
+                               gnss::DT_positionsQuality_struct,
+                               gnss::DT_posGnssSatInfos_struct,
+                               time_service::DT_times_struct,
+                               time_service::DT_timeSettings_struct,
+                               positioning::DT_positions_struct,
+                               positioning::DT_posMapInfo_struct>;
+TYPED_TEST_SUITE(Every_record, Records);
+
+TYPED_TEST(Every_record, round_trips_full_empty_and_one_member_at_a_time) {
+  const auto full = filled<TypeParam>();
+  EXPECT_TRUE(equal(decoded<TypeParam>(encoded(full)), full));
+  EXPECT_TRUE(encoded(TypeParam{}).empty());
+  binding::for_each_member<TypeParam>([&](const auto& m) {
+    TypeParam one;
+    one.*m.pointer = full.*m.pointer;
+    EXPECT_TRUE(equal(decoded<TypeParam>(encoded(one)), one)) << m.name;
+  });
+}
+
+TYPED_TEST(Every_record, places_members_by_data_id_in_any_order) {
+  const auto full = filled<TypeParam>();
+  Buffer reversed;
+  binding::for_each_member<TypeParam>([&](const auto& m) {
+    TypeParam one;
+    one.*m.pointer = full.*m.pointer;
+    const auto bytes = encoded(one);
+    reversed.insert(reversed.begin(), bytes.begin(), bytes.end());
+  });
+  EXPECT_TRUE(equal(decoded<TypeParam>(reversed), full));
+}
+
+TYPED_TEST(Every_record, forgets_what_the_slot_held_before) {
+  auto slot = filled<TypeParam>();
+  const Buffer nothing;
+  Cursor cursor{nothing};
+  binding::decode(cursor, slot);
+  EXPECT_TRUE(equal(slot, TypeParam{}));
+}
+
+TYPED_TEST(Every_record, numbers_its_members_densely) {
+  for (std::size_t index = 0; index < binding::tag_list<TypeParam>.size(); ++index) {
+    EXPECT_EQ(binding::tag_list<TypeParam>[index].tag & binding::data_id_mask, index);
+  }
+}
+
+TEST(Wire_types_of_the_gnss_records, are_those_of_the_interface) {
+  const auto wire_types = [](const auto& tags) {
+    std::string text;
+    for (const auto& entry : tags)
+      text += static_cast<char>('0' + (entry.tag >> 12U));
+    return text;
+  };
+  EXPECT_EQ(wire_types(binding::tag_list<gnss::DT_positions_struct>),
+            "22323" + std::string(39, '2'));
+  EXPECT_EQ(wire_types(binding::tag_list<gnss::DT_positionsQuality_struct>),
+            "2222222220" + std::string(13, '2') + std::string(10, '0') + "2");
+  EXPECT_EQ(wire_types(binding::tag_list<gnss::DT_posGnssSatInfos_struct>), "222222222");
+}
+
+TEST(Positions_payload, has_a_length_field_per_record_and_one_for_the_vector) {
+  gnss::DT_positions_struct position;
+  position.messageCounter = 0x01020304;
+  position.LAT = -0.5;
+  position.LAT_valueType = binding::Value_type::physical_value;
+  EXPECT_EQ(encoded(std::vector{position, gnss::DT_positions_struct{}}),
+            hex("0000001e 00000016 2001 01020304 3002 bfe0000000000000 2003 00000004 00000000"));
+}
+
+TEST(Tlv_members, accept_any_length_field_wire_type_for_each_other) {
+  EXPECT_EQ(*decoded<test_records::Message>(hex("4000 00000002 6869")).text, "hi");
+  EXPECT_EQ(*decoded<test_records::Message>(hex("5000 02 6869")).text, "hi");
+  EXPECT_EQ(*decoded<test_records::Message>(hex("6000 0002 6869")).text, "hi");
+  EXPECT_EQ(*decoded<test_records::Message>(hex("7000 00000002 6869")).text, "hi");
+  const auto message = decoded<test_records::Message>(hex("e000 0002 6869 1007 1234 5002 01 ff"));
+  EXPECT_EQ(*message.text, "hi") << "the reserved bit does not count";
+  EXPECT_EQ(*message.number, 0x1234);
+  EXPECT_EQ(message.blob->at(0), 0xFF);
+}
+
+TEST(Tlv_members, without_a_tag_list_are_the_generators_error) {
+  EXPECT_NO_THROW(decoded<test_records::Nothing>({}));
+  EXPECT_THAT([] { decoded<test_records::Nothing>(hex("2000 00000000")); },
+              testing::ThrowsMessage<std::runtime_error>(
+                  "Deserialization of a type in TLV mode, but no tag list generated. This is an "
+                  "error in the generator."));
+}
+
+TEST(Plain_records, put_length_fields_before_nested_arrays_and_structures_only) {
+  const test_records::Output output{.bytes = {1, 2, 3, 4, 5}, .inner = {6, 7}, .last = 0x0809};
+  const auto bytes = hex("00000005 0102030405 00000002 0607 0809");
+  EXPECT_EQ(encoded(output), bytes);
+  EXPECT_EQ(decoded<test_records::Output>(bytes).inner.second, 7);
+  // A newer sender's longer inner structure is skipped, a shorter one is refused.
+  EXPECT_EQ(decoded<test_records::Output>(hex("00000005 0102030405 00000003 0607ff 0809")).last,
+            0x0809);
+  EXPECT_THAT([] { decoded<test_records::Output>(hex("00000005 0102030405 00000001 0607 0809")); },
+              testing::Throws<std::out_of_range>());
+}
+
+TEST(Value_type_text, names_the_four_values_and_the_rest) {
+  using binding::Value_type;
+  EXPECT_EQ(binding::to_text(Value_type::init), "Init");
+  EXPECT_EQ(binding::to_text(Value_type::error), "Error");
+  EXPECT_EQ(binding::to_text(Value_type::logical_value), "LogicalValue");
+  EXPECT_EQ(binding::to_text(Value_type::physical_value), "PhysicalValue");
+  EXPECT_EQ(binding::to_text(static_cast<Value_type>(0)), "unknown");
+  EXPECT_EQ(binding::to_text(boost::none), "not set");
+}
+
+}  // namespace
