@@ -44,9 +44,9 @@ class Capture {
                              std::chrono::milliseconds limit = std::chrono::seconds(5)) const;
   void Clear();
 
+  struct Store;  // platform/linux/log
+
  private:
-  friend class Backend;
-  struct Store;
   std::shared_ptr<Store> store_;  ///< shared with a thread that is logging while the capture ends
 };
 

@@ -108,6 +108,7 @@ class LogStream {
   void AddText(std::string_view value) noexcept;
   void AddHex(std::uint64_t value) noexcept;
   void Add(std::uint8_t type, const void* data, std::size_t size) noexcept;
+  void Append(std::uint8_t type, const void* data, std::size_t size) noexcept;
   void Send() noexcept;
 
   const Logger* logger_;

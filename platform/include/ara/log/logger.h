@@ -12,6 +12,8 @@
 
 namespace ara::log {
 
+struct Context;  // platform/linux/log
+
 /// Names the application (1 to 4 characters) and opens what `mode` asks for. `directoryPath` is the
 /// folder of kFile and otherwise unused.
 ///
@@ -62,9 +64,8 @@ class Logger {
   [[nodiscard]] const std::string& ContextId() const noexcept;
 
  private:
-  friend class Backend;
+  friend struct Context;
   friend class LogStream;
-  struct Context;
   explicit Logger(Context& context) noexcept : context_(context) {}
   ~Logger() = default;
 

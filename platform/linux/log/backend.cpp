@@ -1,0 +1,164 @@
+#include "platform/linux/log/backend.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/linux/log/arguments.h"
+#include "platform/linux/log/capture_store.h"
+
+namespace ara::log {
+namespace {
+
+/// The id of the default context until InitLogging names the application.
+constexpr std::string_view kUnnamed = "DFLT";
+
+void CheckId(std::string_view what, std::string_view id) {
+  const auto printable = [](char c) { return c > 0x20 && c < 0x7f; };
+  if (id.empty() || id.size() > 4 || !std::all_of(id.begin(), id.end(), printable)) {
+    throw std::invalid_argument(std::string(what) + " \"" + std::string(id.substr(0, 64)) +
+                                "\": expected 1 to 4 printable ASCII characters without blanks");
+  }
+}
+
+std::string_view EnvironmentLevels() {
+  const char* levels = std::getenv("POS_LOG_LEVEL");
+  return levels != nullptr ? levels : "";
+}
+
+}  // namespace
+
+Backend& Backend::Instance() {
+  static auto* instance = new Backend;  // NOLINT(cppcoreguidelines-owning-memory): lives to the end
+  return *instance;
+}
+
+Backend::Backend() : settings_(LevelSettings::Parse(EnvironmentLevels())), dlt_(*new DltSink) {
+  default_.store(&Add(std::string(kUnnamed), "default context", std::nullopt));
+}
+
+void Backend::Init(std::string_view app_id,
+                   std::string_view description,
+                   LogLevel default_level,
+                   LogMode mode,
+                   std::string_view directory) {
+  CheckId("application id", app_id);
+  {
+    const std::lock_guard lock(mutex_);
+    if (!std::exchange(initialised_, true)) {
+      if (Has(mode, LogMode::kFile)) {
+        std::string path(directory.empty() ? "." : directory);
+        path.append("/").append(app_id).append(".log");
+        file_ = std::make_unique<LogFile>(std::move(path));
+      }
+      application_ = app_id;
+      default_level_ = default_level;
+      if (auto* named = Find(app_id); named != nullptr) {
+        default_.store(named, std::memory_order_release);
+      } else {
+        Find(kUnnamed)->id = app_id;
+      }
+      for (auto* context = contexts(); context != nullptr; context = context->next) {
+        context->logger.SetLevel(LevelFor(*context));
+      }
+      dlt_.Configure(app_id, description);
+      modes_.store(mode, std::memory_order_release);
+      // Connects now when a daemon is there, so that the first message need not.
+      if (Has(mode, LogMode::kRemote)) (void)dlt_.Ready(contexts());
+      if (settings_.complaint.empty()) return;
+    }
+  }
+  if (settings_.complaint.empty()) {
+    Default().LogWarn() << "InitLogging was called again and ignored";
+  } else {
+    Default().LogWarn() << "environment variable POS_LOG_LEVEL: ignored" << settings_.complaint
+                        << "- expected a level or CTXT=level, separated by commas; levels are"
+                        << "off, fatal, error, warn, info, debug, verbose";
+  }
+}
+
+Logger& Backend::Create(std::string_view id,
+                        std::string_view description,
+                        std::optional<LogLevel> level) {
+  CheckId("log context id", id);
+  const std::lock_guard lock(mutex_);
+  if (auto* known = Find(id); known != nullptr) return known->logger;
+  auto& context = Add(std::string(id), std::string(description), level);
+  dlt_.Register(context);
+  return context.logger;
+}
+
+Context* Backend::Find(std::string_view id) const {
+  auto* context = contexts();
+  while (context != nullptr && context->id != id)
+    context = context->next;
+  return context;
+}
+
+Context& Backend::Add(std::string id, std::string description, std::optional<LogLevel> level) {
+  auto* context = new Context(std::move(id), std::move(description), level);
+  context->logger.SetLevel(LevelFor(*context));
+  context->next = contexts_.load(std::memory_order_relaxed);
+  contexts_.store(context, std::memory_order_release);
+  return *context;
+}
+
+LogLevel Backend::LevelFor(const Context& context) const {
+  const auto entry = settings_.contexts.find(context.id);
+  if (entry != settings_.contexts.end()) return entry->second;
+  return context.own_level.value_or(settings_.general.value_or(default_level_));
+}
+
+void Backend::Submit(Context& context, LogLevel level, std::string_view encoded) noexcept {
+  try {
+    if (capturing_.load(std::memory_order_acquire)) {
+      std::shared_ptr<Capture::Store> capture;
+      {
+        const std::lock_guard lock(capture_mutex_);
+        capture = capture_;
+      }
+      if (capture != nullptr) {
+        capture->Add(level, context.id, Arguments(encoded));
+        return;
+      }
+    }
+    const LogMode modes = modes_.load(std::memory_order_acquire);
+    const bool remote = Has(modes, LogMode::kRemote);
+    const bool sent = remote && SendToDaemon(context, level, encoded);
+    const bool console = Has(modes, LogMode::kConsole) || (remote && !sent);
+    if (!console && !Has(modes, LogMode::kFile)) return;
+    const std::string line = FormatLine(level, application_, context.id, Arguments(encoded).Text());
+    if (console) WriteToStandardError(line);
+    if (file_ != nullptr && !file_->Write(line) && !console) WriteToStandardError(line);
+  } catch (
+      ...) {  // NOLINT(bugprone-empty-catch): no memory for a log line; the application goes on
+  }
+}
+
+bool Backend::SendToDaemon(Context& context, LogLevel level, std::string_view encoded) {
+  const auto [ready, change] = dlt_.Ready(contexts());
+  if (change == DltSink::Change::kLost) {
+    WriteToStandardError(FormatLine(LogLevel::kWarn, application_, Default().ContextId(),
+                                    "The DLT daemon is gone, log messages follow here."));
+  } else if (change == DltSink::Change::kReturned) {
+    constexpr std::string_view kNotice =
+        "The DLT daemon is back, log messages went to standard error meanwhile.";
+    std::array<char, kArgumentHeaderSize + kNotice.size()> notice;
+    EncodeArgument(notice.data(), ArgumentType::kText, kNotice.data(), kNotice.size());
+    dlt_.Send(*default_.load(std::memory_order_acquire), LogLevel::kWarn,
+              Arguments({notice.data(), notice.size()}));
+  }
+  return ready && dlt_.Send(context, level, Arguments(encoded));
+}
+
+void Backend::SetCapture(std::shared_ptr<Capture::Store> capture) {
+  const std::lock_guard lock(capture_mutex_);
+  if (capture != nullptr && capture_ != nullptr)
+    throw std::logic_error("a log capture is running already");
+  capture_ = std::move(capture);
+  capturing_.store(capture_ != nullptr, std::memory_order_release);
+}
+
+}  // namespace ara::log

@@ -1,0 +1,66 @@
+/// The one place of the process that knows all contexts and all sinks.
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ara/log/capture.h"
+#include "platform/linux/log/context.h"
+#include "platform/linux/log/dlt_sink.h"
+#include "platform/linux/log/level_settings.h"
+#include "platform/linux/log/text_sink.h"
+
+namespace ara::log {
+
+/// Never destroyed: whatever ends late in the process may still log.
+class Backend {
+ public:
+  static Backend& Instance();
+  Backend(const Backend&) = delete;
+  Backend& operator=(const Backend&) = delete;
+
+  void Init(std::string_view app_id,
+            std::string_view description,
+            LogLevel default_level,
+            LogMode mode,
+            std::string_view directory);
+  Logger& Create(std::string_view id, std::string_view description, std::optional<LogLevel> level);
+  Logger& Default() { return default_.load(std::memory_order_acquire)->logger; }
+  /// Gives one message to the sinks. `encoded` as in arguments.h.
+  void Submit(Context& context, LogLevel level, std::string_view encoded) noexcept;
+  /// Null ends the capture.
+  void SetCapture(std::shared_ptr<Capture::Store> capture);
+  [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
+  void Close() { dlt_.Close(); }
+
+ private:
+  Backend();
+  ~Backend() = delete;
+  Context* Find(std::string_view id) const;
+  Context& Add(std::string id, std::string description, std::optional<LogLevel> level);
+  [[nodiscard]] LogLevel LevelFor(const Context& context) const;
+  bool SendToDaemon(Context& context, LogLevel level, std::string_view encoded);
+
+  const LevelSettings settings_;
+  std::mutex mutex_;  ///< guards creation of contexts, initialised_, default_level_
+  bool initialised_ = false;
+  LogLevel default_level_ = LogLevel::kInfo;
+  std::atomic<Context*> contexts_ = nullptr;
+  std::atomic<Context*> default_ = nullptr;
+
+  /// Written by Init before the process has threads; released by modes_.
+  std::string application_ = "-";
+  std::unique_ptr<LogFile> file_;
+  std::atomic<LogMode> modes_ = LogMode::kConsole;
+  DltSink& dlt_;
+
+  std::atomic<bool> capturing_ = false;
+  std::mutex capture_mutex_;  ///< guards capture_
+  std::shared_ptr<Capture::Store> capture_;
+};
+
+}  // namespace ara::log

@@ -1,0 +1,69 @@
+/// The way to the DLT daemon, and the knowledge whether there is one.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/log/arguments.h"
+#include "platform/linux/log/context.h"
+
+namespace ara::log {
+
+/// The DLT library buffers what it cannot deliver and does not say so; at exit it waits ten seconds
+/// and then drops the buffer. So it is left alone until a daemon reads its pipe, and is given a
+/// message only while one does, which costs one system call a message (a fifth of the library's own
+/// time). What the library still holds when a daemon dies reaches the next daemon.
+class DltSink {
+ public:
+  /// A change that the caller of Ready() is to put on record.
+  enum class Change : std::uint8_t {
+    kNone,
+    kLost,
+    /// The library does not know yet: it has to be given one message (which it keeps for the new
+    /// daemon) to find its end of the pipe dead. Ready() says no until it has had time to connect
+    /// again.
+    kReturned,
+  };
+  struct Readiness {
+    bool ready;
+    Change change;
+  };
+
+  DltSink() = default;
+  ~DltSink() = delete;
+  DltSink(const DltSink&) = delete;
+  DltSink& operator=(const DltSink&) = delete;
+
+  /// Before the first call of anything else.
+  void Configure(std::string_view application, std::string_view description);
+  /// Whether a daemon is there to take a message now; looks for one, at most twice a second, while
+  /// none is. Never waits. `contexts` are registered when one is found.
+  Readiness Ready(Context* contexts);
+  /// For a context that was created later.
+  void Register(Context& context);
+  /// Only after Ready(). False: the context is not registered yet.
+  bool Send(Context& context, LogLevel level, Arguments arguments);
+  /// At exit: from now on Ready() says no. Lets the library wait for a slow daemon, never for none.
+  void Close();
+
+ private:
+  enum class State : std::uint8_t { kNeverSeen, kConnected, kLost, kReturning, kClosed };
+
+  bool OpenPipe();
+  void StartLibrary();
+  void RegisterLocked(Context& context);
+
+  std::string application_;
+  std::string description_;
+  std::atomic<State> state_ = State::kNeverSeen;
+  std::atomic<std::int64_t> next_look_ =
+      0;              ///< coarse clock, ns; relaxed: only spaces the look-ups
+  std::mutex mutex_;  ///< guards the members below and registration; only ever tried while logging
+  int pipe_ = -1;     ///< our own end of the daemon's pipe: it reports the reader's death
+  bool library_started_ = false;
+};
+
+}  // namespace ara::log

@@ -1,0 +1,22 @@
+/// The environment variable POS_LOG_LEVEL: "info" or "info,GNSS=warn,TRCE=verbose".
+#pragma once
+
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "ara/log/common.h"
+
+namespace ara::log {
+
+struct LevelSettings {
+  std::optional<LogLevel> general;
+  std::map<std::string, LogLevel, std::less<>> contexts;
+  /// What could not be understood, for one warning; the rest holds.
+  std::string complaint;
+
+  static LevelSettings Parse(std::string_view text);
+};
+
+}  // namespace ara::log

@@ -1,0 +1,105 @@
+// A program that logs as it is told on standard input, for dlt_test.py. Every command is answered
+// by one line on standard output, so the test knows that it is done.
+#include <unistd.h>
+
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iostream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ara/log/logger.h"
+
+namespace {
+
+using namespace ara::log;  // NOLINT(google-build-using-namespace)
+
+/// Threads of this process that would handle SIGUSR1, other than this one.
+std::size_t ThreadsOpenForSignals() {
+  std::size_t open = 0;
+  const auto self = std::to_string(::getpid());
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == self) continue;
+    std::ifstream status(task.path() / "status");
+    for (std::string line; std::getline(status, line);) {
+      if (line.starts_with("SigBlk:")) {
+        const auto blocked = std::stoull(line.substr(7), nullptr, 16);
+        open += (blocked >> (SIGUSR1 - 1) & 1U) == 0 ? 1 : 0;
+      }
+    }
+  }
+  return open;
+}
+
+struct LogsInItsDestructor {
+  ~LogsInItsDestructor() { CreateLogger("LAST", "at exit").LogInfo() << "logged after main"; }
+};
+
+}  // namespace
+
+int main() {
+  static const LogsInItsDestructor late;
+  for (std::string line; std::getline(std::cin, line);) {
+    std::istringstream words(line);
+    std::string command;
+    words >> command;
+    if (command == "init") {
+      unsigned mode = 0;
+      std::string folder;
+      words >> mode >> folder;
+      InitLogging("POS", "POS application", LogLevel::kInfo, static_cast<LogMode>(mode), folder);
+    } else if (command == "log") {
+      std::string context;
+      unsigned level = 0;
+      std::string text;
+      words >> context >> level >> std::ws;
+      std::getline(words, text);
+      const Logger& logger =
+          context == "-" ? DefaultLogger() : CreateLogger(context, context + " description");
+      logger.Stream(static_cast<LogLevel>(level)) << text;
+    } else if (command == "types") {
+      CreateLogger("TYPE", "types").LogInfo()
+          << "text" << true << 'c' << std::int8_t{-8} << std::int16_t{-16} << std::int32_t{-32}
+          << std::int64_t{-64} << std::uint8_t{8} << std::uint16_t{16} << std::uint32_t{32}
+          << std::uint64_t{18446744073709551615U} << 0.1F << 48.123456789 << HexFormat(0x83D101U);
+    } else if (command == "long") {
+      std::size_t size = 0;
+      words >> size;
+      std::string text;
+      for (std::size_t i = 0; text.size() < size; ++i)
+        text += std::to_string(i) + "\u00e4,";
+      CreateLogger("LONG", "long").LogInfo() << "begin" << text << "end";
+    } else if (command == "arguments") {
+      int count = 0;
+      words >> count;
+      auto stream = CreateLogger("MANY", "many").LogInfo();
+      for (int i = 0; i < count; ++i)
+        stream << i;
+    } else if (command == "threads") {
+      std::vector<std::thread> threads;
+      for (int thread = 0; thread < 4; ++thread) {
+        threads.emplace_back([thread] {
+          const Logger& logger = CreateLogger("THR" + std::to_string(thread), "thread");
+          for (int i = 0; i < 50; ++i)
+            logger.LogInfo() << "number" << i;
+        });
+      }
+      for (auto& thread : threads)
+        thread.join();
+    } else if (command == "level") {
+      std::string context;
+      words >> context;
+      std::cout << static_cast<int>(CreateLogger(context, "level").Level()) << ' ';
+    } else if (command == "signals") {
+      std::cout << ThreadsOpenForSignals() << ' ';
+    } else if (command == "exit") {
+      DefaultLogger().LogInfo() << "last line";
+      return 0;
+    }
+    std::cout << "ok" << std::endl;  // NOLINT(performance-avoid-endl): the test waits for it
+  }
+  return 0;
+}

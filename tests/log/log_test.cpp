@@ -1,0 +1,143 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <limits>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ara/log/capture.h"
+#include "ara/log/logger.h"
+#include "platform/linux/log/level_settings.h"
+#include "platform/linux/log/text_sink.h"
+
+namespace ara::log {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+
+TEST(Logging, each_stream_argument_is_an_argument_of_the_message) {
+  const Logger& logger = CreateLogger("ARGS", "arguments");
+  const Capture capture;
+  const char* nothing = nullptr;
+
+  logger.LogInfo() << "label " << std::string("text") << true << 'c' << std::int8_t{-1}
+                   << std::uint8_t{255} << std::numeric_limits<std::int64_t>::min()
+                   << std::numeric_limits<std::uint64_t>::max() << 0.1F << 1.5
+                   << HexFormat(0x83D101U) << HexFormat(std::int8_t{-1}) << "" << nothing;
+
+  ASSERT_EQ(capture.Records().size(), 1U);
+  const auto record = capture.Records().front();
+  EXPECT_EQ(record.level, LogLevel::kInfo);
+  EXPECT_EQ(record.context, "ARGS");
+  EXPECT_THAT(record.arguments,
+              ElementsAre("label ", "text", "1", "c", "-1", "255", "-9223372036854775808",
+                          "18446744073709551615", "0.1", "1.5", "83d101", "ff", "", "(null)"));
+  EXPECT_EQ(
+      record.Text(),
+      "label  text 1 c -1 255 -9223372036854775808 18446744073709551615 0.1 1.5 83d101 ff  (null)");
+}
+
+TEST(Logging, a_message_is_written_when_its_level_is_enabled) {
+  Logger& logger = CreateLogger("LVLS", "levels", LogLevel::kWarn);
+  const Capture capture;
+
+  logger.LogFatal() << "fatal";
+  logger.LogError() << "error";
+  logger.LogWarn() << "warn";
+  logger.LogInfo() << "info";
+  logger.Log(LogLevel::kVerbose, "verbose");
+  logger.Log(LogLevel::kOff, "off");
+  EXPECT_THAT(capture.Texts("LVLS"), ElementsAre("fatal", "error", "warn"));
+
+  logger.SetLevel(LogLevel::kOff);
+  logger.LogFatal() << "fatal";
+  logger.SetLevel(LogLevel::kVerbose);
+  logger.LogVerbose() << "verbose";
+  logger.Log(LogLevel::kDebug, "debug");
+  EXPECT_THAT(capture.Texts("LVLS"), ElementsAre("fatal", "error", "warn", "verbose", "debug"));
+}
+
+TEST(Logging, the_same_context_id_gives_the_same_logger_with_its_first_level) {
+  Logger& first = CreateLogger("SAME", "first", LogLevel::kError);
+  Logger& second = CreateLogger("SAME", "second", LogLevel::kDebug);
+  EXPECT_EQ(&first, &second);
+  EXPECT_EQ(second.Level(), LogLevel::kError);
+  for (const auto* bad : {"", "LONG1", "A B", "\x01"}) {
+    EXPECT_THROW(CreateLogger(bad, "bad"), std::invalid_argument) << bad;
+  }
+}
+
+TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark) {
+  const Logger& logger = CreateLogger("LONG", "long messages");
+  const Capture capture;
+  const std::string text(40'000, 'x');
+
+  logger.LogInfo() << 1 << text << 2;
+  logger.LogInfo() << text << text << text << 3;
+
+  const auto records = capture.Records();
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_THAT(records[0].arguments, ElementsAre("1", text, "2"));
+  ASSERT_EQ(records[1].arguments.size(), 3U);
+  EXPECT_EQ(records[1].arguments[0], text);
+  EXPECT_LT(records[1].arguments[1].size(), text.size());
+  EXPECT_EQ(records[1].arguments[2], "[truncated]");
+}
+
+TEST(Logging, threads_may_share_a_logger_and_create_contexts_meanwhile) {
+  const Logger& logger = CreateLogger("THRD", "threads");
+  Capture capture;
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&logger, thread] {
+      for (int i = 0; i < 500; ++i)
+        logger.LogInfo() << "thread" << thread << "message" << i;
+      CreateLogger("T" + std::to_string(thread), "made by a thread").LogInfo() << "done";
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(capture.Texts("THRD").size(), 2000U);
+  EXPECT_EQ(capture.Records().size(), 2004U);
+}
+
+TEST(Capture, waits_for_a_message_of_another_thread) {
+  const Logger& logger = CreateLogger("WAIT", "waiting");
+  Capture capture;
+  std::thread other([&logger] {
+    logger.LogInfo() << "it"
+                     << "came";
+  });
+  EXPECT_TRUE(capture.WaitFor("it came"));
+  other.join();
+  EXPECT_FALSE(capture.WaitFor("it did not", std::chrono::milliseconds(1)));
+  EXPECT_THROW(Capture(), std::logic_error);
+  capture.Clear();
+  EXPECT_FALSE(capture.Has("it came"));
+}
+
+TEST(LevelSettings, take_a_general_level_and_contexts_and_name_what_they_cannot_read) {
+  const auto settings =
+      LevelSettings::Parse("info,GNSS=warn,,TRCE=verbose,loud,=info,TOOLONG=info,A=,B=5");
+  EXPECT_EQ(settings.general, LogLevel::kInfo);
+  EXPECT_EQ(settings.contexts.size(), 2U);
+  EXPECT_EQ(settings.contexts.at("GNSS"), LogLevel::kWarn);
+  EXPECT_EQ(settings.contexts.at("TRCE"), LogLevel::kVerbose);
+  EXPECT_EQ(settings.complaint, R"("loud", "=info", "TOOLONG=info", "A=", "B=5")");
+}
+
+TEST(TextSink, a_line_cannot_be_forged_by_what_is_logged) {
+  const auto line =
+      FormatLine(LogLevel::kWarn, "POS", "GNSS", "a\n2026/11/24 fatal POS GNSS b\x1b[31m");
+  EXPECT_THAT(
+      line, MatchesRegex(
+                "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9:]{8}\\.[0-9]{6} warn POS GNSS a 2026/11/24 fatal "
+                "POS GNSS b \\[31m\n"));
+}
+
+}  // namespace
+}  // namespace ara::log
