@@ -1,0 +1,48 @@
+/// The small periodic timer behind the alive supervision.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <future>
+#include <mutex>
+#include <thread>
+
+#include "ara/log/logger.h"
+
+/// Calls a function once per period, each time on a thread of its own, never twice at once: ticks
+/// that find the previous call still running are dropped.
+///
+/// start() and stop() belong to one thread.
+class Phm_timer {
+ public:
+  explicit Phm_timer(std::function<void()> callback);
+  /// Stops. An exception on the way ends the process.
+  ~Phm_timer();
+  Phm_timer(const Phm_timer&) = delete;
+  Phm_timer& operator=(const Phm_timer&) = delete;
+
+  /// After `initialDelay` the first call, then one per `period`. With period 0 there is one call
+  /// only, made by the timer thread itself, where an exception ends the process. To be called once:
+  /// starting over a thread that was not joined ends the process.
+  void start(std::chrono::milliseconds period, std::chrono::milliseconds initialDelay);
+
+  /// Returns when the current sleep (the initial delay or one period) and the pending call are
+  /// over. Stopped during the initial delay, the timer still makes its one call.
+  void stop();
+
+ private:
+  void loop(std::chrono::milliseconds initialDelay);
+  void launch();
+  void takeResult();
+  [[nodiscard]] bool running() const;
+
+  ara::log::Logger& logger_;
+  std::function<void()> callback_;
+  /// Not zero while the timer runs. Written by stop() under the loop's eyes; nothing else is
+  /// published with it.
+  std::atomic<std::chrono::milliseconds> period_{std::chrono::milliseconds::zero()};
+  std::mutex mutex_;  ///< guards pending_ while it is replaced or its result is taken
+  std::future<void> pending_;
+  std::thread thread_;
+};

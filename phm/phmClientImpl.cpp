@@ -1,0 +1,41 @@
+#include "phm/phmClientImpl.h"
+
+#include <chrono>
+#include <cstdint>
+
+#include "ara/core/instance_specifier.h"
+#include "phm/application_instance.h"
+
+namespace phmClient {
+namespace {
+
+constexpr std::uint16_t kSupervisedEntity = 6000;
+constexpr std::uint16_t kAliveCheckpoint = 6000;
+
+}  // namespace
+
+phmClientImpl::phmClientImpl()
+    : logger_(ara::log::CreateLogger("PHMC", "phmClientImpl class own logger")) {}
+
+void phmClientImpl::init() {
+  logger_.LogInfo() << "enter phmClientImpl::init()";
+  // The timer goes first: its calls must not meet an entity or a client that is being replaced.
+  timer_.reset();
+  supervisionEntity_.reset();
+  client_ =
+      std::make_unique<ara::phm::Phm_client>(ara::core::InstanceSpecifier(kApplicationInstance));
+  supervisionEntity_ = std::make_unique<ara::phm::SupervisionEntity>(*client_);
+  timer_ = std::make_unique<Phm_timer>([this] { alive(); });
+  timer_->start(std::chrono::milliseconds(1000), std::chrono::milliseconds::zero());
+}
+
+void phmClientImpl::stop() {
+  if (timer_) timer_->stop();
+}
+
+void phmClientImpl::alive() const {
+  logger_.LogVerbose() << "Alive checkpoint reached";
+  supervisionEntity_->CheckpointReached(kSupervisedEntity, kAliveCheckpoint);
+}
+
+}  // namespace phmClient

@@ -1,0 +1,36 @@
+/// The application's side of the alive supervision.
+#pragma once
+
+#include <memory>
+
+#include "ara/log/logger.h"
+#include "ara/phm/phm_client.h"
+#include "ara/phm/supervision_entity.h"
+#include "phm/Phm_timer.h"
+
+namespace phmClient {
+
+/// Reports one alive checkpoint per second from init() to stop(). Both belong to one thread.
+class phmClientImpl {
+ public:
+  phmClientImpl();
+  phmClientImpl(const phmClientImpl&) = delete;
+  phmClientImpl& operator=(const phmClientImpl&) = delete;
+
+  /// The first checkpoint is reported at once. Called again, it stops and replaces what runs.
+  /// Throws what the platform's health management throws; nothing runs then.
+  void init();
+
+  /// Takes up to one second, for the timer's current period. No effect before init().
+  void stop();
+
+ private:
+  void alive() const;
+
+  ara::log::Logger& logger_;
+  std::unique_ptr<ara::phm::Phm_client> client_;
+  std::unique_ptr<ara::phm::SupervisionEntity> supervisionEntity_;
+  std::unique_ptr<Phm_timer> timer_;  ///< last: its calls use the entity
+};
+
+}  // namespace phmClient

@@ -1,0 +1,263 @@
+#include "persistency/Persistency.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <memory>
+#include <stdexcept>
+
+#include "ara/log/capture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ara::log::LogLevel;
+using ara::per::KeyValueStorage;
+using ara::per::KvsType;
+using testing::ElementsAre;
+using testing::StartsWith;
+using Bytes = std::vector<std::uint8_t>;
+
+constexpr const char* kPort = "POS_Key_Value_Port";
+constexpr const char* kRetry =
+    "exception: ExceptionStorageLocationNotFound calling KeyValueStorage constructor again.";
+constexpr const char* kWarning =
+    "##### Warning: KeyValueStorage constructor threw an exception - file syntax could be "
+    "incorrect.initdata-Key_Value_Port.json file should be fixed, default values set in app logic "
+    "will be used. #####";
+
+class PersistencyTest : public testing::Test {
+ protected:
+  PersistencyTest() {
+    char pattern[] = "/tmp/persistency_test_XXXXXX";
+    folder_ = mkdtemp(pattern);
+    setenv("POS_STORAGE_DIR", (folder_ / "store").c_str(), 1);
+    unsetenv("POS_INITDATA_DIR");
+    fs::create_directory(folder_ / "store");
+  }
+  ~PersistencyTest() override { fs::remove_all(folder_); }
+
+  [[nodiscard]] fs::path file() const { return folder_ / "store" / (std::string(kPort) + ".json"); }
+  Persistency open() { return Persistency(kPort, logger_); }
+
+  fs::path folder_;
+  ara::log::Logger& logger_ = ara::log::CreateLogger("DBAC", "Persistency access");
+  ara::log::Capture log_;
+};
+
+TEST_F(PersistencyTest, a_missing_storage_folder_costs_one_retry) {
+  fs::remove(folder_ / "store");
+  Persistency persistency = open();
+  EXPECT_THAT(log_.Texts("DBAC"), ElementsAre(kRetry));
+  EXPECT_TRUE(persistency.gateway().isStorageUsable());
+}
+
+TEST_F(PersistencyTest, a_storage_folder_that_cannot_be_made_ends_the_construction) {
+  std::ofstream(folder_ / "taken") << "a file where a folder should be";
+  setenv("POS_STORAGE_DIR", (folder_ / "taken/store").c_str(), 1);
+  EXPECT_THROW(open(), ara::per::ExceptionStorageLocationNotFound);
+  EXPECT_THAT(log_.Texts("DBAC"), ElementsAre(kRetry));
+}
+
+TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {
+  const std::string broken = "{ \"a\": ";
+  std::ofstream(file()) << broken;
+  Persistency persistency = open();
+
+  ASSERT_EQ(log_.Records().size(), 2u);
+  EXPECT_THAT(log_.Texts("DBAC")[0], testing::HasSubstr(file().string()));
+  EXPECT_EQ(log_.Texts("DBAC")[1], kWarning);
+
+  EXPECT_FALSE(persistency.gateway().isStorageUsable());
+  EXPECT_EQ(persistency.getValue("a").GetStatus(), KvsType::Status::kGeneralError);
+  persistency.gateway().setValue("a", KvsType(true));
+  EXPECT_FALSE(persistency.gateway().hasKey("a"));
+  persistency.remove("a");
+  EXPECT_FALSE(persistency.controlledSaveBinaryData({1}, "blob"));
+  EXPECT_EQ(persistency.controlledReadBinaryData("blob"), boost::none);
+
+  std::ifstream left(file());
+  EXPECT_EQ(std::string(std::istreambuf_iterator<char>(left), {}), broken);
+}
+
+TEST_F(PersistencyTest, storing_can_be_forbidden_and_allowed_again) {
+  Persistency persistency = open();
+  persistency.gateway().setValue("x", KvsType(std::uint32_t{7}));
+  EXPECT_TRUE(persistency.isStoringAllowed());
+
+  persistency.setStoringAllowed(false);
+  EXPECT_FALSE(persistency.isStoringAllowed());
+  persistency.remove("x");
+  EXPECT_TRUE(persistency.gateway().hasKey("x"));
+  EXPECT_FALSE(persistency.controlledSaveBinaryData({1, 2}, "blob"));
+  EXPECT_FALSE(persistency.gateway().hasKey("blobbeforeRW"));
+
+  persistency.setStoringAllowed(true);
+  persistency.remove("x");
+  EXPECT_FALSE(persistency.gateway().hasKey("x"));
+
+  const auto records = log_.Records();
+  ASSERT_EQ(records.size(), 6u);
+  EXPECT_THAT(records[0].arguments, ElementsAre("Database: storing", "forbidden"));
+  EXPECT_THAT(records[1].arguments,
+              ElementsAre("Modifications not allowed. Tried to remove key x"));
+  EXPECT_THAT(records[2].arguments,
+              ElementsAre("blob, controlledSaveBinaryData will store 2 bytes"));
+  EXPECT_THAT(
+      records[3].arguments,
+      ElementsAre("Modifications not allowed. Tried to controlledSaveBinaryData with key blob"));
+  EXPECT_THAT(records[4].arguments, ElementsAre("Database: storing", "allowed"));
+  EXPECT_THAT(records[5].arguments, ElementsAre("Remove x"));
+  for (const auto& record : records)
+    EXPECT_EQ(record.level, LogLevel::kInfo);
+}
+
+TEST_F(PersistencyTest, a_blob_outlives_the_process) {
+  const Bytes blob{0, 255, 10, 13, 34};
+  {
+    Persistency persistency = open();
+    EXPECT_TRUE(persistency.controlledSaveBinaryData(blob, "b"));
+    EXPECT_TRUE(persistency.controlledSaveBinaryData({}, "empty"));
+  }
+  log_.Clear();
+  Persistency persistency = open();
+  EXPECT_EQ(persistency.controlledReadBinaryData("b"), blob);
+  EXPECT_THAT(log_.Texts("DBAC"),
+              ElementsAre("Got entry bbeforeRW=5", "Got entry bafterRW=5", "Got entry b=5 bytes",
+                          "controlledReadBinaryData loaded 5 bytes"));
+  EXPECT_EQ(persistency.controlledReadBinaryData("empty"), Bytes());
+  EXPECT_EQ(persistency.getValue("emptybeforeRW"), KvsType(std::uint64_t{0}));
+  EXPECT_EQ(persistency.getValue("emptyafterRW"), KvsType(std::uint64_t{0}));
+}
+
+TEST_F(PersistencyTest, an_interrupted_write_is_recognised) {
+  Persistency persistency = open();
+  auto& store = persistency.gateway();
+  store.setValue("bbeforeRW", KvsType(std::uint64_t{10}));
+  store.setValue("b", KvsType(Bytes(10)));
+  EXPECT_EQ(persistency.controlledReadBinaryData("b"), boost::none);
+  EXPECT_THAT(log_.Texts("DBAC"),
+              ElementsAre("Got entry bbeforeRW=10", "No such entry for bafterRW",
+                          "controlledReadBinaryData failed to load b size beforeRW: 0 size "
+                          "afterRW: 0"));
+
+  log_.Clear();
+  store.setValue("bafterRW", KvsType(std::uint64_t{12}));
+  EXPECT_EQ(persistency.controlledReadBinaryData("b"), boost::none);
+  EXPECT_THAT(log_.Texts("DBAC"),
+              ElementsAre("Got entry bbeforeRW=10", "Got entry bafterRW=12",
+                          "controlledReadBinaryData failed to load b size beforeRW: 12 size "
+                          "afterRW: 12"));
+}
+
+TEST_F(PersistencyTest, damaged_blob_entries_read_as_nothing) {
+  Persistency persistency = open();
+  auto& store = persistency.gateway();
+  EXPECT_EQ(persistency.controlledReadBinaryData("b"), boost::none);
+  EXPECT_THAT(log_.Texts("DBAC"),
+              ElementsAre("No such entry for bbeforeRW", "No such entry for bafterRW",
+                          "controlledReadBinaryData no data size b"));
+
+  const auto read_with = [&](std::uint64_t size, const KvsType& value) {
+    store.setValue("bbeforeRW", KvsType(size));
+    store.setValue("bafterRW", KvsType(size));
+    store.setValue("b", value);
+    log_.Clear();
+    return persistency.controlledReadBinaryData("b");
+  };
+  EXPECT_EQ(read_with(2, KvsType("no bytes")), boost::none);
+  EXPECT_EQ(log_.Texts("DBAC")[2], "No such entry for b");
+  EXPECT_EQ(read_with(2, KvsType(Bytes{1, 2, 3})), boost::none);
+  EXPECT_THAT(log_.Texts("DBAC")[2], StartsWith("Unable to extract value for key b"));
+  // Must fail before it becomes an allocation.
+  EXPECT_EQ(read_with(std::uint64_t{1} << 40, KvsType(Bytes{1})), boost::none);
+  EXPECT_EQ(log_.Texts("DBAC")[2], "Unable to extract value for key bsize is 1099511627776");
+  EXPECT_EQ(read_with(3, KvsType(Bytes{1})), Bytes({1, 0, 0}));
+}
+
+TEST_F(PersistencyTest, a_save_that_fails_half_way_leaves_no_entry) {
+  Persistency persistency = open();
+  fs::remove_all(folder_ / "store");
+  EXPECT_FALSE(persistency.controlledSaveBinaryData({1}, "b"));
+  const auto records = log_.Records();
+  ASSERT_EQ(records.size(), 6u);
+  EXPECT_EQ(records[1].level, LogLevel::kError);
+  EXPECT_THAT(records[1].Text(), StartsWith("Unable to store to DB: "));
+  EXPECT_THAT(log_.Texts("DBAC"), ElementsAre("b, controlledSaveBinaryData will store 1 bytes",
+                                              records[1].Text(), "controlledSaveBinaryData failed",
+                                              "Remove bbeforeRW", "Remove b", "Remove bafterRW"));
+  EXPECT_FALSE(persistency.gateway().hasKey("bbeforeRW"));
+}
+
+TEST_F(PersistencyTest, the_owner_hears_of_every_save_until_another_callback_is_set) {
+  Persistency persistency = open();
+  int first = 0;
+  int second = 0;
+  auto alive = std::make_shared<int>();
+  persistency.setCallback([&first, alive] { ++first; });
+  static_cast<void>(persistency.controlledSaveBinaryData({1}, "b"));
+  EXPECT_EQ(alive.use_count(), 2);
+  persistency.setCallback([&second] { ++second; });
+  EXPECT_EQ(alive.use_count(), 1);
+  static_cast<void>(persistency.controlledSaveBinaryData({1}, "b"));
+  persistency.setCallback({});
+  static_cast<void>(persistency.controlledSaveBinaryData({1}, "b"));
+  EXPECT_EQ(first, 1);
+  EXPECT_EQ(second, 1);
+}
+
+TEST_F(PersistencyTest, the_table_takes_the_place_of_the_storage) {
+  const std::vector<std::pair<std::string, KvsType>> entries{
+      {"binary", KvsType(Bytes{1, 2})},
+      {"bool", KvsType(true)},
+      {"double", KvsType(1.5)},
+      {"text", KvsType("text")},
+      {"u16", KvsType(std::uint16_t{16})},
+      {"u32", KvsType(std::uint32_t{32})},
+      {"u64", KvsType(std::uint64_t{64})},
+      {"u8", KvsType(std::uint8_t{8})},
+  };
+  {
+    Persistency persistency = open();
+    auto& gateway = persistency.gateway();
+    for (const auto& [key, value] : entries)
+      gateway.setValue(key, value);
+    gateway.setValue("signed", KvsType(std::int32_t{-1}));
+    gateway.sync();
+
+    gateway.fillTable();
+    EXPECT_THAT(log_.Texts("DBAC"),
+                ElementsAre("Left out of the table: signed\n\tNot supported KVS type"));
+    for (const auto& [key, value] : entries)
+      EXPECT_EQ(persistency.getValue(key), value) << key;
+    EXPECT_FALSE(gateway.hasKey("signed"));
+    EXPECT_EQ(persistency.getValue("signed").GetStatus(), KvsType::Status::kGeneralError);
+
+    // A write changes the type of an entry too, but makes no entries.
+    for (const auto& [key, value] : entries) {
+      gateway.setValue("bool", value);
+      EXPECT_EQ(persistency.getValue("bool"), value) << key;
+    }
+    EXPECT_THROW(gateway.setValue("u8", KvsType(1.0F)), std::out_of_range);
+    try {
+      gateway.setValue("unknown", KvsType(true));
+      FAIL();
+    } catch (const ara::per::ExceptionLogicError& error) {
+      EXPECT_STREQ(error.what(), "No such entry");
+    }
+    EXPECT_FALSE(persistency.controlledSaveBinaryData({1}, "blob"));
+    EXPECT_TRUE(log_.Has("Unable to store to DB: No such entry"));
+    gateway.removeKey("text");
+    EXPECT_FALSE(gateway.hasKey("text"));
+    gateway.sync();
+  }
+  Persistency untouched = open();
+  for (const auto& [key, value] : entries)
+    EXPECT_EQ(untouched.getValue(key), value) << key;
+}
+
+}  // namespace

@@ -1,0 +1,147 @@
+#include "phm/Phm_timer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <future>
+#include <semaphore>
+#include <stdexcept>
+
+#include "ara/log/capture.h"
+#include "phm/sleep.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using std::chrono::steady_clock;
+using testing::ElementsAre;
+
+constexpr auto kForever = std::chrono::milliseconds(24h);
+constexpr auto kPatience = 10s;
+
+TEST(Phm_timer, with_period_zero_calls_once_after_the_delay) {
+  const ara::log::Capture log;
+  std::atomic<int> calls{0};
+  std::promise<steady_clock::time_point> called;
+  Phm_timer timer([&] {
+    if (++calls == 1) called.set_value(steady_clock::now());
+  });
+  const auto start = steady_clock::now();
+  timer.start(0ms, 40ms);
+  auto result = called.get_future();
+  ASSERT_EQ(result.wait_for(kPatience), std::future_status::ready);
+  EXPECT_GE(result.get() - start, 40ms);
+  timer.stop();
+  EXPECT_EQ(calls, 1);
+  EXPECT_TRUE(log.Records().empty());
+}
+
+TEST(Phm_timer, a_slow_call_drops_ticks_and_never_overlaps_with_the_next) {
+  std::atomic<int> running{0};
+  std::atomic<bool> overlapped{false};
+  std::counting_semaphore<> started{0};
+  Phm_timer timer([&] {
+    if (++running > 1) overlapped = true;
+    started.release();
+    sleepResumed(50ms);
+    --running;
+  });
+  const auto start = steady_clock::now();
+  timer.start(20ms, 0ms);
+  for (int call = 0; call < 4; ++call)
+    ASSERT_TRUE(started.try_acquire_for(kPatience));
+  // Ticks at 20 and 40 find the call running, the one at 60 starts the next. Calls that were queued
+  // would follow each other every 50.
+  EXPECT_GE(steady_clock::now() - start, 180ms);
+  timer.stop();
+  EXPECT_EQ(running, 0);
+  EXPECT_FALSE(overlapped);
+}
+
+TEST(Phm_timer, what_a_call_throws_is_logged_and_the_timer_goes_on) {
+  const ara::log::Capture log;
+  std::atomic<int> calls{0};
+  Phm_timer timer([&] {
+    if (++calls % 2 != 0) throw std::runtime_error("no checkpoint");
+    throw 7;
+  });
+  timer.start(5ms, 0ms);
+  EXPECT_TRUE(log.WaitFor("Error in timer function: no checkpoint"));
+  EXPECT_TRUE(log.WaitFor("Error in timer function: unknown exception"));
+  timer.stop();
+  const auto first = log.Records().front();
+  EXPECT_EQ(first.level, ara::log::LogLevel::kError);
+  EXPECT_EQ(first.context, "PHMT");
+  EXPECT_THAT(first.arguments, ElementsAre("Error in timer function:", "no checkpoint"));
+}
+
+TEST(Phm_timer, stop_waits_for_the_pending_call_and_takes_its_result) {
+  const ara::log::Capture log;
+  std::binary_semaphore started{0};
+  std::binary_semaphore released{0};
+  Phm_timer timer([&] {
+    started.release();
+    released.acquire();
+    throw std::runtime_error("last words");
+  });
+  timer.start(1ms, 0ms);
+  ASSERT_TRUE(started.try_acquire_for(kPatience));
+  auto stopped = std::async(std::launch::async, [&] { timer.stop(); });
+  EXPECT_EQ(stopped.wait_for(30ms), std::future_status::timeout);
+  released.release();
+  ASSERT_EQ(stopped.wait_for(kPatience), std::future_status::ready);
+  EXPECT_TRUE(log.Has("Error in timer function: last words"));
+}
+
+TEST(Phm_timer, stopped_during_the_initial_delay_still_makes_one_call) {
+  int calls = 0;
+  Phm_timer timer([&] { ++calls; });
+  const auto start = steady_clock::now();
+  timer.start(kForever, 60ms);
+  timer.stop();
+  EXPECT_GE(steady_clock::now() - start, 60ms);
+  EXPECT_EQ(calls, 1);
+}
+
+TEST(Phm_timer, stop_without_start_does_nothing) {
+  const ara::log::Capture log;
+  Phm_timer timer([] {});
+  timer.stop();
+  EXPECT_TRUE(log.Records().empty());
+}
+
+TEST(Phm_timer, a_join_that_fails_is_logged) {
+  const ara::log::Capture log;
+  Phm_timer* self = nullptr;
+  Phm_timer timer([&self] { self->stop(); });  // on the timer thread, which cannot join itself
+  self = &timer;
+  timer.start(0ms, 0ms);
+  EXPECT_TRUE(log.WaitFor([](const auto& record) { return record.context == "PHMT"; }));
+  const auto record = log.Records().front();
+  EXPECT_EQ(record.level, ara::log::LogLevel::kError);
+  ASSERT_EQ(record.arguments.size(), 2u);
+  EXPECT_EQ(record.arguments[0], "Error when joining the timer thread:");
+}
+
+TEST(sleepResumed, is_not_shortened_by_signals) {
+  struct sigaction action {};
+  action.sa_handler = [](int) {};
+  struct sigaction before {};
+  sigaction(SIGUSR1, &action, &before);
+
+  std::promise<pthread_t> thread;
+  auto slept = std::async(std::launch::async, [&] {
+    const auto start = steady_clock::now();
+    thread.set_value(pthread_self());
+    sleepResumed(150ms);
+    return steady_clock::now() - start;
+  });
+  const pthread_t sleeper = thread.get_future().get();
+  while (slept.wait_for(1ms) != std::future_status::ready)
+    pthread_kill(sleeper, SIGUSR1);
+  EXPECT_GE(slept.get(), 150ms);
+  sigaction(SIGUSR1, &before, nullptr);
+}
+
+}  // namespace
