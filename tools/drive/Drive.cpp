@@ -215,7 +215,9 @@ Sample Course::sample(std::chrono::nanoseconds time) const {
   sample.latitude = start_latitude + degrees(point.north / earth.north);
   sample.longitude = start_longitude + degrees(point.east / earth.east);
   sample.altitude_msl = altitude_at(leg.start + along);
-  sample.climb = slope_at(leg.start + along) * sample.speed;
+  const double slope = slope_at(leg.start + along);
+  sample.climb = slope * sample.speed;
+  sample.pitch = degrees(std::atan(slope));
   sample.geoid_separation = geoid;
 
   // Dead reckoning drifts while nothing corrects it.
@@ -241,8 +243,9 @@ Sky Course::sky(std::chrono::nanoseconds time, std::size_t count) const {
     const double period = 3600 * (5 + 3 * spread);
     const double wave = std::sin(pi * (seconds / period + spread));
     Satellite satellite;
-    satellite.system = static_cast<std::uint8_t>(index % 4 + 1);
-    satellite.id = static_cast<std::uint16_t>(index / 4 + (satellite.system == 2 ? 65 : 1));
+    satellite.system = static_cast<Gnss_system>(index % 4);
+    satellite.id =
+        static_cast<std::uint16_t>(index / 4 + (satellite.system == Gnss_system::glonass ? 65 : 1));
     satellite.elevation = 6 + 80 * wave * wave;
     satellite.azimuth = wrapped(360 * (static_cast<double>(index) * 0.381966 + spread / 7) +
                                     (index % 2 == 0 ? 1 : -1) * seconds / period * 180,

@@ -23,13 +23,16 @@ struct Sample {
   double speed = 0;                ///< metres per second, horizontal
   double climb = 0;                ///< metres per second, up positive
   double yaw_rate = 0;             ///< degrees per second, to the right positive
+  double pitch = 0;                ///< degrees, nose up positive
   double acceleration = 0;         ///< metres per second squared, along the heading
   double dr_accuracy = 0;          ///< metres, one sigma, horizontal: grows in the tunnel
   double dr_heading_accuracy = 0;  ///< degrees, one sigma
 };
 
+enum class Gnss_system : std::uint8_t { gps, glonass, galileo, beidou };
+
 struct Satellite {
-  std::uint8_t system = 0;  ///< 1 GPS, 2 GLONASS, 3 Galileo, 4 BeiDou
+  Gnss_system system{};
   std::uint16_t id = 0;
   double elevation = 0;  ///< degrees
   double azimuth = 0;    ///< degrees, [0, 360)

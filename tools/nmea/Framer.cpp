@@ -2,6 +2,22 @@
 
 namespace nmea {
 
+Counters& Counters::operator+=(const Counters& other) {
+  sentences += other.sentences;
+  other_sentences += other.other_sentences;
+  noise_bytes += other.noise_bytes;
+  comment_lines += other.comment_lines;
+  too_long += other.too_long;
+  bad_character += other.bad_character;
+  incomplete += other.incomplete;
+  checksum_missing += other.checksum_missing;
+  checksum_mismatch += other.checksum_mismatch;
+  malformed_field += other.malformed_field;
+  duplicates += other.duplicates;
+  incomplete_groups += other.incomplete_groups;
+  return *this;
+}
+
 std::optional<std::string_view> Framer::next(std::span<const std::byte>& input) {
   for (std::size_t at = 0; at < input.size(); ++at) {
     const char c = static_cast<char>(input[at]);

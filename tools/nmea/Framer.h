@@ -27,6 +27,8 @@ struct Counters {
   std::uint64_t duplicates = 0;  ///< same type and time as one that is there already
   std::uint64_t incomplete_groups = 0;  ///< GSV groups of which a sentence is missing
 
+  Counters& operator+=(const Counters& other);
+
   /// Everything that a healthy receiver on a healthy line would not have sent.
   [[nodiscard]] std::uint64_t errors() const {
     return too_long + bad_character + incomplete + checksum_missing + checksum_mismatch +

@@ -106,7 +106,7 @@ TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {
     const Sky sky = course.sky(100s, count);
     const Sky later = course.sky(101s, count);
     ASSERT_EQ(sky.satellites.size(), std::min<std::size_t>(count, 60));
-    std::set<std::pair<int, int>> names;
+    std::set<std::pair<Gnss_system, int>> names;
     for (std::size_t index = 0; index < sky.satellites.size(); ++index) {
       const auto& satellite = sky.satellites[index];
       names.emplace(satellite.system, satellite.id);

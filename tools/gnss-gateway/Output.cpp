@@ -1,0 +1,127 @@
+#include "tools/gnss-gateway/Output.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "binding/codec.h"
+#include "clients/GNSS.h"
+#include "clients/Time.h"
+
+namespace gateway {
+namespace {
+
+using lumo::services::time::datatypes::DT_times_struct;
+using lumo::services::time::datatypes::DT_timeSettings_struct;
+using std::chrono::steady_clock;
+using tools::Stop_signal;
+
+ara::time::SynchSlaveTimeBase synchronized_time_base() {
+  using Proxy = ara::time::SlaveTimeBaseResourceProxy;
+  return Proxy(Proxy::FindResource("synchronized")).asSynchSlave();
+}
+
+/// The settings of a vehicle in central Europe, in winter.
+DT_timeSettings_struct default_time_settings() {
+  DT_timeSettings_struct settings;
+  settings.timeZoneOffset = 60;
+  settings.daylightSavingTime = false;
+  settings.timeFormat = 24U;
+  settings.dateFormat = 1U;
+  settings.timeZoneName = std::string("Europe/Zurich");
+  return settings;
+}
+
+constexpr std::uint32_t type_utc = 1;
+constexpr std::uint32_t type_platform_time = 2;
+/// TAI minus UTC since 2017.
+constexpr std::int32_t leap_seconds = 37;
+
+}  // namespace
+
+struct Output::Services {
+  lumo::services::gnss::skeleton::GNSSSkeleton gnss{
+      ara::core::InstanceSpecifier("GNSS_ProvidedSomeipServiceInstance")};
+  std::unique_ptr<lumo::services::time::skeleton::TimeSkeleton> time;
+};
+
+Output::Output(Stop_signal& stop_signal, const Output_options& options)
+    : stop_signal_(stop_signal),
+      options_(options),
+      time_base_(synchronized_time_base()),
+      services_(std::make_unique<Services>()) {
+  // Without a value a field has nothing to answer with.
+  services_->gnss.positions.Update({});
+  services_->gnss.positionsQuality.Update({});
+  services_->gnss.posGnssSatInfos.Update({});
+  services_->gnss.OfferService();
+  if (!options_.offer_time) return;
+
+  services_->time = std::make_unique<lumo::services::time::skeleton::TimeSkeleton>(
+      ara::core::InstanceSpecifier("Time_ProvidedSomeipServiceInstance"));
+  const auto accept = [](const auto& wanted) {
+    ara::core::Promise<std::decay_t<decltype(wanted)>> promise;
+    promise.set_value(wanted);
+    return promise.get_future();
+  };
+  services_->time->times.RegisterSetHandler(accept);
+  services_->time->timeSettings.RegisterSetHandler(accept);
+  services_->time->timeSettings.Update({default_time_settings()});
+  publish_time();
+  services_->time->OfferService();
+}
+
+Output::~Output() {
+  services_->gnss.StopOfferService();
+  if (services_->time) services_->time->StopOfferService();
+}
+
+void Output::publish_time() {
+  using namespace std::chrono;
+  const auto now = system_clock::now().time_since_epoch();
+  const auto whole = floor<seconds>(now);
+  DT_times_struct utc;
+  utc.type = type_utc;
+  utc.utcSeconds = static_cast<std::uint32_t>(whole.count());
+  utc.utcNanoseconds = static_cast<std::uint32_t>(nanoseconds(now - whole).count());
+  utc.leapSeconds = leap_seconds;
+  utc.syncState = 1U;
+  DT_times_struct platform;
+  platform.type = type_platform_time;
+  platform.syncState = 1U;
+  platform.pltOffset = options_.plt_offset_ns;
+  services_->time->times.Update({utc, platform});
+  next_time_record_ = steady_clock::now() + seconds(1);
+}
+
+Stop_signal::Wake Output::wait_until(steady_clock::time_point due, int input) {
+  const bool bounded = options_.max_duration.count() > 0;
+  const auto end = start_ + options_.max_duration;
+  while (true) {
+    if (options_.max_notifications != 0 && notifications_ >= options_.max_notifications) {
+      return Stop_signal::Wake::stopped;
+    }
+    auto next = due;
+    if (bounded) next = std::min(next, end);
+    if (services_->time) next = std::min(next, next_time_record_);
+    const auto wake = stop_signal_.wait_until(next, input);
+    if (wake != Stop_signal::Wake::due) return wake;
+
+    const auto now = steady_clock::now();
+    if (services_->time && now >= next_time_record_) publish_time();
+    if (bounded && now >= end) return Stop_signal::Wake::stopped;
+    if (now >= due) return wake;
+  }
+}
+
+void Output::publish(const std::function<Notification(Context)>& make) {
+  const Context context{.message_counter = static_cast<std::uint32_t>(notifications_),
+                        .precise_local_time = time_base_.getCurrentTime(),
+                        .update_rate_hz = {}};
+  const Notification notification = make(context);
+  services_->gnss.positions.Update(notification.positions);
+  services_->gnss.positionsQuality.Update(notification.quality);
+  if (notification.satellites) services_->gnss.posGnssSatInfos.Update(*notification.satellites);
+  ++notifications_;
+}
+
+}  // namespace gateway

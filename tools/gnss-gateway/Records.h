@@ -1,0 +1,42 @@
+/// From what a source knows to what the GNSS service says.
+///
+/// A quantity that the source never has is absent. One that the source has but cannot tell at this
+/// instant (no fix, standing still) carries valueType Error: with the receiver's own last value
+/// when it gives one, else without a value. Everything else carries PhysicalValue.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "clients/GnssRecords.h"
+#include "tools/drive/Drive.h"
+#include "tools/nmea/Fix.h"
+
+namespace gateway {
+
+/// What one instant gives to the three fields.
+struct Notification {
+  std::vector<lumo::services::gnss::datatypes::DT_positions_struct> positions;
+  std::vector<lumo::services::gnss::datatypes::DT_positionsQuality_struct> quality;
+  /// Absent: the source has no new list, the field keeps its value.
+  std::optional<std::vector<lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct>> satellites;
+};
+
+/// What does not come from the source itself.
+struct Context {
+  std::uint32_t message_counter = 0;
+  std::chrono::nanoseconds precise_local_time{};
+  std::optional<std::uint32_t> update_rate_hz;
+};
+
+/// A receiver without sensors: its dead-reckoning sample repeats the GNSS sample.
+[[nodiscard]] Notification to_notification(const nmea::Fix& fix, const Context& context);
+
+/// A receiver with dead reckoning, which goes on in the tunnel.
+[[nodiscard]] Notification to_notification(const drive::Sample& sample,
+                                           const drive::Sky& sky,
+                                           const Context& context);
+
+}  // namespace gateway

@@ -1,0 +1,40 @@
+/// What the gateway can take positions from. Each runs until its end or until the output says stop.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+
+#include "tools/gnss-gateway/Output.h"
+#include "tools/nmea/Framer.h"
+
+namespace gateway {
+
+struct Drive_options {
+  double rate_hz = 10;
+  std::size_t satellites = 24;
+  std::chrono::nanoseconds start{};  ///< instant of the drive to begin with
+};
+
+/// What a source has seen.
+struct Source_result {
+  std::uint64_t fixes = 0;        ///< instants with a valid fix
+  std::uint64_t without_fix = 0;  ///< instants without
+  nmea::Counters nmea;
+};
+
+[[nodiscard]] Source_result run_drive(const Drive_options& options, Output& output);
+
+struct Nmea_options {
+  std::string path;  ///< a recording; a device, pipe or "-" (standard input) is read as it comes
+  double speed_up = 1;
+  bool loop = false;
+  std::chrono::nanoseconds max_gap = std::chrono::seconds(2);
+};
+
+/// A recording is sent in its own time, divided by the speed-up; a gap in it takes at most
+/// `max_gap`. Throws std::runtime_error with the path when it cannot be read or holds no sentence
+/// with a fix to send.
+[[nodiscard]] Source_result run_nmea(const Nmea_options& options, Output& output);
+
+}  // namespace gateway

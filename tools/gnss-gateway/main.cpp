@@ -1,0 +1,132 @@
+/// gnss-gateway: a GNSS receiver as an ECU of the vehicle network. Offers the GNSS service (and,
+/// asked to, the Time service) with positions of a synthetic drive or of an NMEA 0183 receiver or
+/// recording.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+#include <exception>
+#include <iostream>
+#include <nlohmann/json.hpp>
+
+#include "mw/com/runtime.h"
+#include "tools/Stop_signal.h"
+#include "tools/gnss-gateway/Output.h"
+#include "tools/gnss-gateway/Sources.h"
+
+namespace {
+
+using Nanoseconds = std::chrono::nanoseconds;
+
+Nanoseconds from_seconds(double seconds) {
+  return std::chrono::duration_cast<Nanoseconds>(std::chrono::duration<double>(seconds));
+}
+
+struct Reason {
+  const char* name;
+  std::uint64_t nmea::Counters::*counter;
+};
+constexpr Reason reasons[] = {
+    {"tooLong", &nmea::Counters::too_long},
+    {"badCharacter", &nmea::Counters::bad_character},
+    {"incomplete", &nmea::Counters::incomplete},
+    {"checksumMissing", &nmea::Counters::checksum_missing},
+    {"checksumMismatch", &nmea::Counters::checksum_mismatch},
+    {"malformedField", &nmea::Counters::malformed_field},
+    {"incompleteGroups", &nmea::Counters::incomplete_groups},
+};
+
+void print(const gateway::Source_result& result,
+           std::uint64_t notifications,
+           bool nmea,
+           bool as_json) {
+  nlohmann::ordered_json json;
+  json["notifications"] = notifications;
+  json["fixes"] = result.fixes;
+  json["withoutFix"] = result.without_fix;
+  if (nmea) {
+    json["sentences"] = result.nmea.sentences;
+    json["otherSentences"] = result.nmea.other_sentences;
+    json["duplicates"] = result.nmea.duplicates;
+    json["noiseBytes"] = result.nmea.noise_bytes;
+    json["errors"] = result.nmea.errors();
+    for (const auto& reason : reasons) {
+      json["errorsByReason"][reason.name] = result.nmea.*reason.counter;
+    }
+  }
+  if (as_json) {
+    std::cout << json.dump() << std::endl;
+    return;
+  }
+  std::cout << notifications << " notifications, " << result.fixes << " with a fix, "
+            << result.without_fix << " without\n";
+  if (nmea) {
+    std::cout << result.nmea.sentences << " sentences, " << result.nmea.other_sentences
+              << " of other kinds, " << result.nmea.errors() << " faulty\n";
+    for (const auto& reason : reasons) {
+      if (const auto count = result.nmea.*reason.counter; count > 0) {
+        std::cout << "  " << reason.name << ": " << count << "\n";
+      }
+    }
+  }
+  std::cout << std::flush;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  CLI::App app{
+      "Offers the GNSS service with positions of a synthetic drive or of an NMEA 0183 receiver."};
+  gateway::Drive_options drive;
+  gateway::Nmea_options nmea;
+  gateway::Output_options output;
+  std::string node = "gnss-gateway";
+  double start_at = 0;
+  double max_gap = 2;
+  double seconds = 0;
+  bool once = false;
+  bool json = false;
+
+  app.add_option("--rate", drive.rate_hz, "Notifications per second of the synthetic drive")
+      ->check(CLI::Range(0.1, 1000.0))
+      ->capture_default_str();
+  app.add_option("--satellites", drive.satellites, "Satellites in view in the synthetic drive")
+      ->check(CLI::Range(0, 60))
+      ->capture_default_str();
+  app.add_option("--start-at", start_at, "Second of the synthetic drive to begin with")
+      ->check(CLI::Range(0.0, 1e6));
+  auto* file = app.add_option("--nmea", nmea.path,
+                              "Recording to replay; a device, a pipe or - is read as it comes");
+  app.add_option("--speed-up", nmea.speed_up, "How much faster than recorded")
+      ->check(CLI::Range(0.001, 1e6))
+      ->needs(file)
+      ->capture_default_str();
+  app.add_option("--max-gap", max_gap, "Longest wait in the recording's own time, in seconds")
+      ->check(CLI::Range(0.0, 86400.0))
+      ->needs(file)
+      ->capture_default_str();
+  auto* loop = app.add_flag("--loop", nmea.loop, "Begin again at the recording's end")->needs(file);
+  app.add_flag("--once", once, "End at the recording's end (default)")->needs(file)->excludes(loop);
+  app.add_flag("--time", output.offer_time, "Offer the Time service too");
+  app.add_option("--plt-offset", output.plt_offset_ns,
+                 "pltOffset of the Time service's record of type 2, in nanoseconds")
+      ->capture_default_str();
+  app.add_option("--count", output.max_notifications, "End after so many notifications");
+  app.add_option("--seconds", seconds, "End after so many seconds")->check(CLI::Range(0.0, 1e9));
+  app.add_option("--node", node, "Node of the manifest")->capture_default_str();
+  app.add_flag("--json", json, "Print the statistics at the end as JSON");
+  CLI11_PARSE(app, argc, argv);
+  drive.start = from_seconds(start_at);
+  nmea.max_gap = from_seconds(max_gap);
+  output.max_duration = from_seconds(seconds);
+
+  tools::Stop_signal stop_signal;
+  const mw::com::runtime::Component_singleton runtime(node, false);
+  gateway::Output services(stop_signal, output);
+  const bool from_nmea = !nmea.path.empty();
+  const auto result =
+      from_nmea ? gateway::run_nmea(nmea, services) : gateway::run_drive(drive, services);
+  print(result, services.notifications(), from_nmea, json);
+  return 0;
+} catch (const std::exception& error) {
+  std::fprintf(stderr, "gnss-gateway: %s\n", error.what());
+  return 1;
+}
