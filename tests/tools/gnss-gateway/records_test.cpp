@@ -3,6 +3,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <boost/optional/optional_io.hpp>
+
+namespace binding {
+// For failure messages.
+inline std::ostream& operator<<(std::ostream& out, Value_type value) {
+  return out << to_text(boost::optional<Value_type>(value));
+}
+}  // namespace binding
+
 namespace gateway {
 namespace {
 
@@ -106,10 +115,10 @@ TEST(Records, satellites_are_listed_and_counted_by_system) {
   EXPECT_EQ(list[2].usage, 1U);
   EXPECT_EQ(list[3].usage, 0U) << "a signal of 0 is not tracked";
   const auto& quality = notification.quality.at(0);
-  EXPECT_EQ(quality.satsInViewGPS, 2);
-  EXPECT_EQ(quality.satsInUseGPS, 1);
-  EXPECT_EQ(quality.satsInViewSBAS, 1);
-  EXPECT_EQ(quality.satsInViewGalileo, 0);
+  EXPECT_EQ(quality.satsInViewGPS, std::uint8_t{2});
+  EXPECT_EQ(quality.satsInUseGPS, std::uint8_t{1});
+  EXPECT_EQ(quality.satsInViewSBAS, std::uint8_t{1});
+  EXPECT_EQ(quality.satsInViewGalileo, std::uint8_t{0});
   EXPECT_EQ(quality.systemsInView, 0b110001U);
   EXPECT_EQ(quality.systemsTracked, 0b100001U);
   EXPECT_EQ(quality.systemsInUse, 0b000001U);
