@@ -1,0 +1,342 @@
+/// The seven data identifiers that a tester can read, each a service of two methods: interfaces,
+/// skeletons, proxies and what Read returns. docs/data-identifiers.md explains the bytes.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+#include <tuple>
+#include <vector>
+
+#include "ara/core/future.h"
+#include "binding/codec.h"
+#include "mw/com/cpp_binding/proxy.h"
+#include "mw/com/cpp_binding/skeleton.h"
+
+namespace lumo::services::diag {
+
+/// What the diagnostic manager tells about a request, such as its source. Not evaluated here.
+using MetaInfo = std::map<std::string, std::string>;
+
+/// Read output of d_14a0: one status byte per input sensor, in the order of the sensor setup.
+struct PositioningStatusInputs {
+  std::uint8_t gnss = 0;
+  std::uint8_t odometry = 0;
+  std::uint8_t frontCameraPosition = 0;
+  std::uint8_t frontCameraLandmarks = 0;
+  std::uint8_t topViewLandmarks = 0;
+  std::uint8_t lidarLandmarks = 0;
+  std::uint8_t radarLandmarks = 0;
+  std::uint8_t map = 0;
+  std::uint8_t timeMaster = 0;
+  std::uint8_t cameraLaneLines = 0;
+  std::uint8_t frontCameraOdometry = 0;
+};
+
+/// Read output of d_14a1: one status byte per output.
+struct PositioningStatusOutputs {
+  std::uint8_t mapMatched = 0;
+  std::uint8_t deadReckoning = 0;
+  std::uint8_t staticOutput = 0;
+};
+
+struct PositionState {
+  std::uint8_t validity = 0;
+  std::uint8_t matching = 0;
+};
+
+/// Read output of d_14a2: the last map-matched position. Numbers are big-endian.
+struct PositioningMMPos {
+  std::array<std::uint8_t, 5> latitude{};
+  std::array<std::uint8_t, 5> longitude{};
+  std::array<std::uint8_t, 3> altitude{};
+  std::array<std::uint8_t, 3> timeOfDay{};
+  PositionState state;
+};
+
+/// Read output of d_14a3: the 14 system status bytes in order; the last eight travel as 16-bit
+/// values whose high byte is the one with the lower number.
+struct PositioningStatusSystem {
+  std::uint8_t overall = 0;
+  std::uint8_t pgf = 0;
+  std::uint8_t system2 = 0;
+  std::uint8_t lbl = 0;
+  std::uint8_t system4 = 0;
+  std::uint8_t system5 = 0;
+  std::uint16_t system6And7 = 0;
+  std::uint16_t system8And9 = 0;
+  std::uint16_t system10And11 = 0;
+  std::uint16_t mapMatchingAnd13 = 0;
+};
+
+/// What can be wrong with a consumed service.
+enum class DataBusFault : std::uint8_t { notAvailable, errorValueReceived, implausible };
+
+/// Read outputs of d_1190, d_1191 and d_1192: five bytes for each affected element.
+template <DataBusFault Fault>
+struct DataBusFaults {
+  static constexpr DataBusFault fault = Fault;
+  std::vector<std::uint8_t> entries;
+};
+using BDPSomeipDataBusServiceNotAvailable = DataBusFaults<DataBusFault::notAvailable>;
+using BDPSomeipDataBusServiceErrorValueReceived = DataBusFaults<DataBusFault::errorValueReceived>;
+using BDPSomeipDataBusServiceImplausible = DataBusFaults<DataBusFault::implausible>;
+
+/// What every data identifier's interface has.
+template <class ReadOutput>
+struct DataIdentifier {
+  using Output = ReadOutput;
+  static constexpr mw::com::cpp_binding::Version version{1, 0};
+  static constexpr mw::com::cpp_binding::Method<Output(MetaInfo)> Read{"Read"};
+  static constexpr mw::com::cpp_binding::Method<void(MetaInfo)> Cancel{"Cancel"};
+  static constexpr auto elements = std::tuple{Read, Cancel};
+};
+
+template <class Interface>
+class DataIdentifierProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Interface> {
+  using Base = mw::com::cpp_binding::proxy::Proxy_impl<Interface>;
+
+ public:
+  explicit DataIdentifierProxy(const typename Base::Handle_type& handle) : Base{handle} {}
+
+  mw::com::cpp_binding::proxy::Method<typename Interface::Output(MetaInfo)> Read{
+      this->connection(), Interface::Read.name};
+  mw::com::cpp_binding::proxy::Method<void(MetaInfo)> Cancel{this->connection(),
+                                                             Interface::Cancel.name};
+};
+
+template <class Interface>
+class DataIdentifierSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Interface> {
+  using Base = mw::com::cpp_binding::skeleton::Skeleton_impl<Interface>;
+
+ public:
+  using Output = typename Interface::Output;
+
+  /// An implementation's destructor must begin with disconnect(), so that no call reaches it any
+  /// more.
+  explicit DataIdentifierSkeleton(const ara::core::InstanceSpecifier& specifier) : Base{specifier} {
+    mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Read,
+                                            [this](const MetaInfo& info) { return Read(info); });
+    mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Cancel,
+                                            [this](const MetaInfo& info) { return Cancel(info); });
+  }
+  virtual ~DataIdentifierSkeleton() { this->disconnect(); }
+
+  virtual ara::core::Future<Output> Read(const MetaInfo& info) = 0;
+  virtual ara::core::Future<void> Cancel(const MetaInfo& info) = 0;
+};
+
+namespace d_14a0 {
+struct DataIdentifier_PositioningStatusInputs : DataIdentifier<PositioningStatusInputs> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs";
+};
+namespace proxy {
+using DataIdentifier_PositioningStatusInputsProxy =
+    DataIdentifierProxy<DataIdentifier_PositioningStatusInputs>;
+}
+namespace skeleton {
+using DataIdentifier_PositioningStatusInputsSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_PositioningStatusInputs>;
+}
+}  // namespace d_14a0
+
+namespace d_14a1 {
+struct DataIdentifier_PositioningStatusOutputs : DataIdentifier<PositioningStatusOutputs> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_14a1::DataIdentifier_PositioningStatusOutputs";
+};
+namespace proxy {
+using DataIdentifier_PositioningStatusOutputsProxy =
+    DataIdentifierProxy<DataIdentifier_PositioningStatusOutputs>;
+}
+namespace skeleton {
+using DataIdentifier_PositioningStatusOutputsSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_PositioningStatusOutputs>;
+}
+}  // namespace d_14a1
+
+namespace d_14a2 {
+struct DataIdentifier_PositioningMMPos : DataIdentifier<PositioningMMPos> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_14a2::DataIdentifier_PositioningMMPos";
+};
+namespace proxy {
+using DataIdentifier_PositioningMMPosProxy = DataIdentifierProxy<DataIdentifier_PositioningMMPos>;
+}
+namespace skeleton {
+using DataIdentifier_PositioningMMPosSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_PositioningMMPos>;
+}
+}  // namespace d_14a2
+
+namespace d_14a3 {
+struct DataIdentifier_PositioningStatusSystem : DataIdentifier<PositioningStatusSystem> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_14a3::DataIdentifier_PositioningStatusSystem";
+};
+namespace proxy {
+using DataIdentifier_PositioningStatusSystemProxy =
+    DataIdentifierProxy<DataIdentifier_PositioningStatusSystem>;
+}
+namespace skeleton {
+using DataIdentifier_PositioningStatusSystemSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_PositioningStatusSystem>;
+}
+}  // namespace d_14a3
+
+namespace d_1190 {
+struct DataIdentifier_BDPSomeipDataBusServiceNotAvailable
+    : DataIdentifier<BDPSomeipDataBusServiceNotAvailable> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable";
+};
+namespace proxy {
+using DataIdentifier_BDPSomeipDataBusServiceNotAvailableProxy =
+    DataIdentifierProxy<DataIdentifier_BDPSomeipDataBusServiceNotAvailable>;
+}
+namespace skeleton {
+using DataIdentifier_BDPSomeipDataBusServiceNotAvailableSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceNotAvailable>;
+}
+}  // namespace d_1190
+
+namespace d_1191 {
+struct DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived
+    : DataIdentifier<BDPSomeipDataBusServiceErrorValueReceived> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived";
+};
+namespace proxy {
+using DataIdentifier_BDPSomeipDataBusServiceErrorValueReceivedProxy =
+    DataIdentifierProxy<DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>;
+}
+namespace skeleton {
+using DataIdentifier_BDPSomeipDataBusServiceErrorValueReceivedSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>;
+}
+}  // namespace d_1191
+
+namespace d_1192 {
+struct DataIdentifier_BDPSomeipDataBusServiceImplausible
+    : DataIdentifier<BDPSomeipDataBusServiceImplausible> {
+  static constexpr std::string_view name =
+      "lumo::services::diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible";
+};
+namespace proxy {
+using DataIdentifier_BDPSomeipDataBusServiceImplausibleProxy =
+    DataIdentifierProxy<DataIdentifier_BDPSomeipDataBusServiceImplausible>;
+}
+namespace skeleton {
+using DataIdentifier_BDPSomeipDataBusServiceImplausibleSkeleton =
+    DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceImplausible>;
+}
+}  // namespace d_1192
+
+}  // namespace lumo::services::diag
+
+template <>
+struct binding::Description<lumo::services::diag::PositioningStatusInputs> {
+  using Record = lumo::services::diag::PositioningStatusInputs;
+  static constexpr std::string_view name = "lumo::services::diag::PositioningStatusInputs";
+  static constexpr auto entries = std::tuple{
+      plain("gnss", &Record::gnss, "", "status of POS_Input_GNSS"),
+      plain("odometry", &Record::odometry, "", "status of POS_Input_Odometry"),
+      plain("frontCameraPosition",
+            &Record::frontCameraPosition,
+            "",
+            "status of POS_Input_Position_FrontCamera"),
+      plain("frontCameraLandmarks",
+            &Record::frontCameraLandmarks,
+            "",
+            "status of POS_Input_Landmarks_FrontCamera"),
+      plain("topViewLandmarks",
+            &Record::topViewLandmarks,
+            "",
+            "status of POS_Input_Landmarks_TopView"),
+      plain("lidarLandmarks", &Record::lidarLandmarks, "", "status of POS_Input_Landmarks_Lidar"),
+      plain("radarLandmarks", &Record::radarLandmarks, "", "status of POS_Input_Landmarks_Radar"),
+      plain("map", &Record::map, "", "status of POS_Input_Map"),
+      plain("timeMaster", &Record::timeMaster, "", "status of POS_Input_Time"),
+      plain("cameraLaneLines", &Record::cameraLaneLines, "", "status of POS_Input_BV_Lines"),
+      plain("frontCameraOdometry",
+            &Record::frontCameraOdometry,
+            "",
+            "status of POS_Input_Odometry_FrontCamera")};
+};
+
+template <>
+struct binding::Description<lumo::services::diag::PositioningStatusOutputs> {
+  using Record = lumo::services::diag::PositioningStatusOutputs;
+  static constexpr std::string_view name = "lumo::services::diag::PositioningStatusOutputs";
+  static constexpr auto entries = std::tuple{
+      plain("mapMatched", &Record::mapMatched, "", "status of POS_Output_MapMatched"),
+      plain("deadReckoning", &Record::deadReckoning, "", "status of POS_Output_DeadReckoning"),
+      plain("staticOutput", &Record::staticOutput, "", "status of POS_Output_Static")};
+};
+
+template <>
+struct binding::Description<lumo::services::diag::PositionState> {
+  using Record = lumo::services::diag::PositionState;
+  static constexpr std::string_view name = "lumo::services::diag::PositionState";
+  static constexpr auto entries = std::tuple{
+      plain("validity",
+            &Record::validity,
+            "",
+            "bit 0 latitude, 1 longitude, 2 altitude, 3 time are valid; bits 7 to 4 statusMap"),
+      plain("matching",
+            &Record::matching,
+            "",
+            "bits 3 to 0 statusMapMatching, bits 7 to 4 positionSource")};
+};
+
+template <>
+struct binding::Description<lumo::services::diag::PositioningMMPos> {
+  using Record = lumo::services::diag::PositioningMMPos;
+  static constexpr std::string_view name = "lumo::services::diag::PositioningMMPos";
+  static constexpr auto entries = std::tuple{
+      plain("latitude", &Record::latitude, "1e-9 deg", "signed, WGS 84, north positive"),
+      plain("longitude", &Record::longitude, "1e-9 deg", "signed, WGS 84, east positive"),
+      plain("altitude", &Record::altitude, "cm", "signed, above mean sea level"),
+      plain("timeOfDay", &Record::timeOfDay, "10 ms", "since midnight of the precise local time"),
+      plain("state", &Record::state, "", "what is valid, and the state of the map matching")};
+};
+
+template <>
+struct binding::Description<lumo::services::diag::PositioningStatusSystem> {
+  using Record = lumo::services::diag::PositioningStatusSystem;
+  static constexpr std::string_view name = "lumo::services::diag::PositioningStatusSystem";
+  static constexpr auto entries = std::tuple{
+      plain("overall",
+            &Record::overall,
+            "",
+            "status of POS_Overall_System and POS_LaneMatching_System"),
+      plain("pgf", &Record::pgf, "", "status of POS_PGF_System"),
+      plain("system2", &Record::system2, "", "reserved system function 2"),
+      plain("lbl", &Record::lbl, "", "status of POS_LBL_System"),
+      plain("system4", &Record::system4, "", "reserved system function 4"),
+      plain("system5", &Record::system5, "", "reserved system function 5"),
+      plain("system6And7", &Record::system6And7, "", "reserved system functions 6 and 7"),
+      plain("system8And9", &Record::system8And9, "", "reserved system functions 8 and 9"),
+      plain("system10And11", &Record::system10And11, "", "reserved system functions 10 and 11"),
+      plain("mapMatchingAnd13",
+            &Record::mapMatchingAnd13,
+            "",
+            "status of POS_MapMatching_System (high byte), reserved system function 13")};
+};
+
+template <lumo::services::diag::DataBusFault Fault>
+struct binding::Description<lumo::services::diag::DataBusFaults<Fault>> {
+  using Record = lumo::services::diag::DataBusFaults<Fault>;
+  static constexpr std::string_view name = std::array<std::string_view, 3>{
+      "lumo::services::diag::BDPSomeipDataBusServiceNotAvailable",
+      "lumo::services::diag::BDPSomeipDataBusServiceErrorValueReceived",
+      "lumo::services::diag::BDPSomeipDataBusServiceImplausible"}[static_cast<std::size_t>(Fault)];
+  static constexpr auto entries = std::tuple{
+      plain("entries",
+            &Record::entries,
+            "",
+            "service, element, 1 while the fault is present, occurrences (16 bit); repeated")};
+};

@@ -1,0 +1,95 @@
+/// The monitors of this application: identifier, name, and the status byte that each reports.
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <string_view>
+
+namespace diagnosisService {
+
+/// Values of a status byte.
+enum Status : std::uint8_t { kNominal = 0, kError = 1, kInit = 2, kNotAvailable = 3 };
+
+[[nodiscard]] constexpr std::string_view statusName(std::uint8_t status) {
+  constexpr std::array<std::string_view, 4> names{"Nominal", "Error", "Init", "NotAvailable"};
+  // The spelling is what tools that read this log look for.
+  return status < names.size() ? names[status] : "unknonw";
+}
+
+inline constexpr std::size_t kInputCount = 11;
+inline constexpr std::size_t kOutputCount = 3;
+inline constexpr std::size_t kSystemCount = 14;
+
+/// Bytes of the system status that govern others.
+inline constexpr std::size_t kSystemPgf = 1;
+inline constexpr std::size_t kSystemMapMatching = 12;
+
+/// Which part of the status block a byte belongs to.
+enum class StatusGroup : std::uint8_t { none, input, output, system };
+
+struct Monitor {
+  std::uint32_t identifier;
+  std::string_view name;
+  StatusGroup group;
+  std::uint8_t byte;  ///< within its group
+};
+
+/// In ascending order of the identifiers. Two monitors report system byte 0, deliberately.
+inline constexpr std::array kMonitors{
+    Monitor{0x83D100, "POS_Overall_System", StatusGroup::system, 0},
+    Monitor{0x83D101, "POS_Input_GNSS", StatusGroup::input, 0},
+    Monitor{0x83D102, "POS_Input_Odometry", StatusGroup::input, 1},
+    Monitor{0x83D103, "POS_Output_MapMatched", StatusGroup::output, 0},
+    Monitor{0x83D104, "POS_Output_DeadReckoning", StatusGroup::output, 1},
+    Monitor{0x83D105, "POS_Output_Static", StatusGroup::output, 2},
+    Monitor{0x83D106, "POS_Input_Landmarks_FrontCamera", StatusGroup::input, 3},
+    Monitor{0x83D107, "POS_Input_Landmarks_TopView", StatusGroup::input, 4},
+    Monitor{0x83D108, "POS_Input_Landmarks_Lidar", StatusGroup::input, 5},
+    Monitor{0x83D109, "POS_Input_Landmarks_Radar", StatusGroup::input, 6},
+    Monitor{0x83D10A, "POS_Input_Map", StatusGroup::input, 7},
+    Monitor{0x83D10B, "POS_Input_Time", StatusGroup::input, 8},
+    Monitor{0x83D10C, "POS_Input_BV_Lines", StatusGroup::input, 9},
+    Monitor{0x83D10D, "POS_Input_Odometry_FrontCamera", StatusGroup::input, 10},
+    Monitor{0x83D10E, "POS_Input_Position_FrontCamera", StatusGroup::input, 2},
+    Monitor{0x83D120, "POS_LBL_System", StatusGroup::system, 3},
+    Monitor{0x83D121, "POS_PGF_System", StatusGroup::system, kSystemPgf},
+    Monitor{0x83D122, "POS_MapMatching_System", StatusGroup::system, kSystemMapMatching},
+    Monitor{0x83D123, "POS_LaneMatching_System", StatusGroup::system, 0},
+    Monitor{0x83D401, "BDP_service_registry_not_attainable", StatusGroup::none, 0},
+    Monitor{0x83D501, "BDP_data_bus_service_not_available", StatusGroup::none, 0},
+    Monitor{0x83D502, "BDP_data_bus_service_error_value_received", StatusGroup::none, 0},
+    Monitor{0x83D503, "BDP_data_bus_service_implausible", StatusGroup::none, 0},
+};
+
+inline constexpr std::size_t kNoMonitor = kMonitors.size();
+
+static_assert(std::is_sorted(kMonitors.begin(), kMonitors.end(), [](const auto& a, const auto& b) {
+  return a.identifier < b.identifier;
+}));
+
+/// Place in kMonitors, kNoMonitor for an identifier that is not there.
+[[nodiscard]] constexpr std::size_t monitorIndex(std::uint32_t identifier) {
+  const auto found = std::lower_bound(
+      kMonitors.begin(), kMonitors.end(), identifier,
+      [](const Monitor& monitor, std::uint32_t wanted) { return monitor.identifier < wanted; });
+  return found != kMonitors.end() && found->identifier == identifier
+             ? static_cast<std::size_t>(found - kMonitors.begin())
+             : kNoMonitor;
+}
+
+/// Place in kMonitors of the first monitor that reports this byte.
+[[nodiscard]] constexpr std::size_t monitorIndex(StatusGroup group, std::size_t byte) {
+  const auto found = std::find_if(kMonitors.begin(), kMonitors.end(), [&](const Monitor& monitor) {
+    return monitor.group == group && monitor.byte == byte;
+  });
+  return static_cast<std::size_t>(found - kMonitors.begin());
+}
+
+[[nodiscard]] constexpr std::string_view monitorName(std::uint32_t identifier) {
+  const auto index = monitorIndex(identifier);
+  return index == kNoMonitor ? "unknown" : kMonitors[index].name;
+}
+
+}  // namespace diagnosisService

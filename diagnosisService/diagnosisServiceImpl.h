@@ -1,0 +1,168 @@
+/// The diagnosis service: keeps the status of every input, output and system function, turns it
+/// into Error when data stays away, and provides it through the data identifiers and the monitors.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "ara/log/logger.h"
+#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/DiagnosticMonitorServiceSkelImpl.h"
+#include "diagnosisService/EvaluationTimer.h"
+#include "diagnosisService/MonitorTable.h"
+
+namespace lumo::services::positioning::datatypes {
+struct DT_positions_struct;
+struct DT_posMapInfo_struct;
+}  // namespace lumo::services::positioning::datatypes
+
+namespace diagnosisService {
+
+using lumo::services::diag::DataBusFault;
+
+/// What a data-bus fault is about: the consumed service in the high byte, its field in the low
+/// byte, 0 for the service as a whole.
+enum class DataBusElement : std::uint16_t {
+  GNSS = 0x0100,
+  GNSS_positions = 0x0101,
+  GNSS_positionsQuality = 0x0102,
+  GNSS_posGnssSatInfos = 0x0103,
+  Time = 0x0200,
+  Time_times = 0x0201,
+  Time_timeSettings = 0x0202,
+};
+
+/// The last map-matched position: what d_14a2 returns, and what only the application sees.
+/// Numbers are big-endian.
+struct MapMatchedRecord {
+  lumo::services::diag::PositioningMMPos position;
+  std::array<std::uint8_t, 2> heading{};  ///< 0.01 deg, clockwise from true north
+  std::array<std::uint8_t, 2> speed{};    ///< 0.01 m/s, over ground
+  std::array<std::uint8_t, 2> day{};      ///< of the time, days since 1970-01-01
+  std::uint8_t messageCounter = 0;        ///< of the position, modulo 256
+};
+static_assert(sizeof(MapMatchedRecord) == 25);
+
+/// Every function may be called from any thread, init and startMonitors from one thread, once each.
+class diagnosisServiceImpl {
+ public:
+  using Clock = std::chrono::steady_clock;
+  using SensorSetup = std::array<bool, kInputCount>;
+
+  static constexpr std::uint64_t kLongestTimeoutMs = 24ULL * 60 * 60 * 1000;
+
+  diagnosisServiceImpl();
+  /// Waits for running calls of the data identifiers and monitors.
+  ~diagnosisServiceImpl();
+  diagnosisServiceImpl(const diagnosisServiceImpl&) = delete;
+  diagnosisServiceImpl& operator=(const diagnosisServiceImpl&) = delete;
+
+  /// Sets the initial statuses, starts the evaluation (ten times finer than the time-out: every
+  /// 500 ms for 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs,
+  /// is how long data may stay away before a status turns to Error. Throws std::invalid_argument
+  /// for another time-out, std::logic_error for a second call and std::runtime_error when the
+  /// manifest lacks an instance.
+  void init(std::uint64_t timeoutMs);
+  /// Offers one DiagnosticMonitor per monitor, under the instance specifier "DiagnosticMonitor_"
+  /// and its name. Results of before are dropped. Throws std::runtime_error when the manifest lacks
+  /// an instance.
+  void startMonitors();
+  /// Ends the evaluation and the offers, for good. Waits for a running evaluation.
+  void stop();
+
+  /// Takes effect at the next evaluation. Unknown identifiers are ignored. Never blocks.
+  void dataReceived(std::uint32_t identifier, Clock::time_point at = Clock::now()) noexcept;
+  /// Throws std::out_of_range for a byte above 13.
+  void setSystemStatus(std::size_t byte, std::uint8_t status);
+  /// In the order of the input status bytes. A sensor that is off is NotAvailable from now on.
+  void newSensorSetup(const SensorSetup& setup);
+  /// Replaces the record of d_14a2.
+  void refreshMapMatchedPosition(
+      const lumo::services::positioning::datatypes::DT_positions_struct& position,
+      const lumo::services::positioning::datatypes::DT_posMapInfo_struct& mapInfo);
+  [[nodiscard]] MapMatchedRecord mapMatchedPosition() const;
+  /// Enters that a fault appeared or went away into the record of d_1190, d_1191 or d_1192. Only a
+  /// change counts; repeating the present state is cheap.
+  void setDataBusFault(DataBusFault fault, DataBusElement element, bool present);
+  /// How often faults of this kind appeared since init, over all elements.
+  [[nodiscard]] std::uint32_t dataBusFaultCount(DataBusFault fault) const;
+
+  /// An input, map-matched or dead-reckoning monitor in Error becomes Nominal as if data had been
+  /// received at `at`.
+  void clear(std::uint32_t identifier, Clock::time_point at = Clock::now());
+  /// The monitor's status byte, 0 for an identifier without one.
+  [[nodiscard]] std::uint8_t status(std::uint32_t identifier) const;
+  /// One evaluation cycle. Logs each change and sends the monitor's new result.
+  void evaluate(Clock::time_point now);
+
+  /// Sends the monitor's result, kFailed in Error and kPassed otherwise; returns after it left.
+  void sendResult(std::uint32_t identifier);
+  /// Sends one event; dropped, with a line, while the monitors are not offered.
+  void sendEvent(std::uint32_t identifier, mw::dm::dem::MonitorActionType action);
+
+  /// What Read of the data identifier with this output returns.
+  template <class Output>
+  [[nodiscard]] Output read() const;
+
+  [[nodiscard]] const ara::log::Logger& logger() const { return logger_; }
+
+ private:
+  struct DataBusRecord {
+    std::uint32_t count = 0;
+    std::vector<std::uint8_t> entries;
+  };
+  struct StatusBlock {
+    std::array<std::uint8_t, kInputCount> input{kInit, kInit, kInit, kInit, kInit, kInit,
+                                                kInit, kInit, kInit, kInit, kInit};
+    std::array<std::uint8_t, kOutputCount> output{kInit, kInit, kNominal};
+    std::array<std::uint8_t, kSystemCount> system{kNominal, kInit,    kNominal, kInit,    kNominal,
+                                                  kNominal, kNominal, kNominal, kNominal, kNominal,
+                                                  kNominal, kNominal, kInit,    kInit};
+    MapMatchedRecord mapMatched;
+    std::array<DataBusRecord, 3> dataBus;  ///< indexed by DataBusFault
+  };
+  /// Times of the last data are kept as counts of Clock.
+  static constexpr Clock::rep kNotInTable = -1;
+  static constexpr Clock::rep kNoData = 0;
+
+  struct DataIdentifiers;
+
+  [[nodiscard]] std::uint8_t evaluated(std::size_t monitor,
+                                       std::uint8_t status,
+                                       Clock::time_point now) const;
+  [[nodiscard]] bool isStopped();
+  void withdraw();
+
+  const ara::log::Logger& logger_;
+
+  /// One per entry of kMonitors. Relaxed: each is a value on its own, and one evaluation earlier or
+  /// later makes no difference.
+  std::array<std::atomic<Clock::rep>, kMonitors.size()> lastData_;
+
+  mutable std::mutex mutex_;  ///< guards the members down to the blank line
+  StatusBlock block_;
+  SensorSetup sensorSetup_{};
+  std::chrono::microseconds timeout_{};
+  bool initialised_ = false;
+
+  std::mutex offerMutex_;  ///< guards the members down to the blank line
+  std::condition_variable sent_;
+  bool stopped_ = false;
+  bool monitorsOffered_ = false;
+  std::size_t sending_ = 0;  ///< calls of sendEvent that use a skeleton
+  /// Filled once, under offerMutex_, and emptied in the destructor; what they point to is safe to
+  /// use in between.
+  std::unique_ptr<DataIdentifiers> identifiers_;
+  std::vector<std::unique_ptr<DiagnosticMonitorServiceSkelImpl>> monitors_;
+
+  EvaluationTimer timer_;
+};
+
+}  // namespace diagnosisService
