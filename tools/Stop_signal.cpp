@@ -5,13 +5,23 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <csignal>
 #include <system_error>
 
 namespace tools {
+namespace {
+
+/// At most an hour: a far end (time_point::max()) would overflow on its way to a timespec.
+std::chrono::nanoseconds time_left(std::chrono::steady_clock::time_point due) {
+  using namespace std::chrono;
+  const auto now = steady_clock::now();
+  if (due <= now) return 0s;
+  return due > now + hours(1) ? nanoseconds(hours(1)) : nanoseconds(due - now);
+}
+
+}  // namespace
 
 Stop_signal::Stop_signal() {
   sigset_t signals;
@@ -32,7 +42,7 @@ Stop_signal::Wake Stop_signal::wait_until(std::chrono::steady_clock::time_point 
   using namespace std::chrono;
   std::array<pollfd, 2> descriptors{{{descriptor_, POLLIN, 0}, {input, POLLIN, 0}}};
   while (!stopped_) {
-    const auto left = std::clamp<nanoseconds>(due - steady_clock::now(), 0s, hours(1));
+    const auto left = time_left(due);
     const auto whole = floor<seconds>(left);
     const timespec timeout{.tv_sec = whole.count(), .tv_nsec = (left - whole).count()};
     const int ready = ppoll(descriptors.data(), descriptors.size(), &timeout, nullptr);

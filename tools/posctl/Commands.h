@@ -1,0 +1,21 @@
+/// The commands of posctl. Each returns the process's exit code; what they throw is printed by
+/// main().
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace posctl {
+
+struct Watch_options {
+  bool json = false;
+  std::uint64_t count = 0;  ///< 0: until interrupted
+  double timeout = 0;       ///< seconds; 0: none
+  std::string field;        ///< "positions" or "posMapInfo"; empty: both
+  std::string node = "posctl";
+};
+
+/// Prints each notification of the Positioning service on a line.
+int watch(const Watch_options& options);
+
+}  // namespace posctl
