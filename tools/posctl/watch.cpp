@@ -99,8 +99,8 @@ int watch(const Watch_options& options) {
   tools::Stop_signal stop_signal;
   const mw::com::runtime::Component_singleton runtime(options.node, false);
   Watch state(options);
-  std::optional<PositioningProxy>
-      proxy;  // touched by the search's handler only, until that has ended
+  // Touched by the search's handler only, until that has ended.
+  std::optional<PositioningProxy> proxy;
   const auto search = PositioningProxy::StartFindService([&](const auto& handles, auto) {
     if (handles.empty()) {
       proxy.reset();
