@@ -3,6 +3,7 @@
 
 #include <vector>
 
+#include "binding/codec.h"
 #include "clients/TimeRecords.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/cpp_binding/skeleton.h"

@@ -1,0 +1,26 @@
+#include "clients/TimemasterClientImpl.h"
+
+#include "clients/subscription.h"
+
+namespace TimemasterClient {
+
+TimemasterClientImpl::TimemasterClientImpl()
+    : logger_{ara::log::CreateLogger("TMCL", "TimemasterClientImpl class own context")},
+      client_{logger_} {}
+
+void TimemasterClientImpl::init() {
+  logger_.LogInfo() << "enter TimemasterClientImpl::init()";
+  client_.init([this](auto& proxy) { set_up(proxy); });
+}
+
+void TimemasterClientImpl::set_up(lumo::services::time::proxy::TimeProxy& proxy) {
+  clients::subscribe(proxy.times, [this](const auto& records) {
+    if (!on_times_) return;
+    for (const auto& record : records)
+      on_times_(record);
+  });
+  // Part of what this client asks the service for, but how time is shown concerns nobody here.
+  clients::subscribe(proxy.timeSettings, [](const auto&) {});
+}
+
+}  // namespace TimemasterClient

@@ -1,0 +1,86 @@
+#include "clients/gnssClientImpl.h"
+
+#include <string>
+#include <utility>
+
+#include "ara/log/logger.h"
+#include "clients/received_data_log.h"
+#include "clients/subscription.h"
+
+namespace gnssClient {
+namespace {
+
+/// Logs one received record as one string. The text is built only when the level is on, in a buffer
+/// that each thread keeps.
+template <class... Record>
+void log_received(const Record&... record) {
+  auto line = ara::log::LogInfo();
+  if (!line.IsEnabled()) return;
+  thread_local std::string text;
+  text.clear();
+  append_line(text, record...);
+  line << text;
+}
+
+ara::log::LogStream& operator<<(ara::log::LogStream& line,
+                                const boost::optional<std::uint32_t>& value) {
+  return value ? line << *value : line << "missing";
+}
+
+}  // namespace
+
+gnssClientImpl::gnssClientImpl(const timeutils& time)
+    : time_{time},
+      logger_{ara::log::CreateLogger("GNSS", "gnssClientImpl class own context")},
+      client_{logger_} {}
+
+void gnssClientImpl::init() {
+  logger_.LogInfo() << "enter gnssClientImpl::init()";
+  client_.init([this](auto& proxy) { set_up(proxy); });
+}
+
+void gnssClientImpl::set_up(lumo::services::gnss::proxy::GNSSProxy& proxy) {
+  clients::subscribe(proxy.positions, [this](const auto& samples) { receive(samples); });
+  clients::subscribe(proxy.positionsQuality, [this](const auto& records) { receive(records); });
+  clients::subscribe(proxy.posGnssSatInfos, [this](const auto& satellites) {
+    if (on_satellites_) on_satellites_(satellites);
+  });
+}
+
+void gnssClientImpl::receive(const std::vector<Position>& samples) const {
+  const auto now_us = time_.currentTimeUs();
+  if (log_received_) {
+    for (const auto& sample : samples)
+      log_received(sample, now_us);
+  }
+  const auto [chosen, other] = select(samples, wanted_);
+  if (chosen == nullptr || !on_position_) return;
+  if (other == nullptr && !replace_timestamps_) {
+    on_position_(*chosen);
+    return;
+  }
+  Position position = *chosen;
+  if (other != nullptr) complete(position, *other);
+  if (replace_timestamps_) replace_timestamp(position, now_us);
+  on_position_(position);
+}
+
+void gnssClientImpl::receive(const std::vector<Quality>& records) const {
+  for (const auto& record : records) {
+    if (log_received_) log_received(record);
+    if (on_quality_) on_quality_(record);
+  }
+}
+
+void gnssClientImpl::replace_timestamp(Position& position, std::uint64_t now_us) const {
+  const auto seconds = position.preciseLocalTimeSeconds;
+  const auto nanoseconds = position.preciseLocalTimeNanoseconds;
+  set_timestamp(position, now_us);
+  ara::log::LogInfo() << "REPLACING" << to_text(wanted_) << "POSITION TIMESTAMP, original seconds "
+                      << seconds << ", nanoseconds " << nanoseconds
+                      << "new timestamp for this sample: seconds "
+                      << *position.preciseLocalTimeSeconds << ", nanoseconds "
+                      << *position.preciseLocalTimeNanoseconds;
+}
+
+}  // namespace gnssClient

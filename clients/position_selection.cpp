@@ -1,0 +1,45 @@
+#include "clients/position_selection.h"
+
+namespace gnssClient {
+namespace {
+
+using binding::Value_type;
+using lumo::services::gnss::datatypes::DT_positions_struct;
+
+template <class Quantity>
+bool is_physical(const DT_positions_struct& sample, const Quantity& quantity) {
+  return sample.*quantity.value.pointer &&
+         sample.*quantity.quality.pointer == Value_type::physical_value;
+}
+
+}  // namespace
+
+Selection select(std::span<const DT_positions_struct> samples, Position_type wanted) {
+  Selection selection;
+  for (const auto& sample : samples) {
+    if (!sample.positionType) continue;
+    auto& place = *sample.positionType == static_cast<std::uint32_t>(wanted) ? selection.chosen
+                                                                             : selection.other;
+    place = &sample;
+  }
+  return selection;
+}
+
+void complete(DT_positions_struct& chosen, const DT_positions_struct& other) {
+  if (!chosen.messageCounter) chosen.messageCounter = other.messageCounter;
+  binding::for_each_quantity<DT_positions_struct>([&](const auto& quantity) {
+    if (is_physical(chosen, quantity) || !is_physical(other, quantity)) return;
+    chosen.*quantity.value.pointer = other.*quantity.value.pointer;
+    chosen.*quantity.quality.pointer = Value_type::physical_value;
+  });
+}
+
+void set_timestamp(DT_positions_struct& sample, std::uint64_t time_us) {
+  constexpr std::uint64_t us_per_s = 1'000'000;
+  sample.preciseLocalTimeSeconds = static_cast<std::uint32_t>(time_us / us_per_s);
+  sample.preciseLocalTimeSeconds_valueType = Value_type::physical_value;
+  sample.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(time_us % us_per_s * 1000);
+  sample.preciseLocalTimeNanoseconds_valueType = Value_type::physical_value;
+}
+
+}  // namespace gnssClient

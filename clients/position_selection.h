@@ -1,0 +1,41 @@
+/// From one `positions` notification to the one sample that is forwarded: selection by type,
+/// completion from the other type's sample, replacement of the timestamp.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string_view>
+
+#include "clients/GnssRecords.h"
+
+namespace gnssClient {
+
+enum class Position_type : std::uint32_t { gnss = 1, gnss_dr = 2 };
+
+/// "GNSS" or "GNSS-DR".
+[[nodiscard]] constexpr std::string_view to_text(Position_type type) {
+  return type == Position_type::gnss_dr ? "GNSS-DR" : "GNSS";
+}
+
+/// Samples of a notification; null where there is none.
+struct Selection {
+  const lumo::services::gnss::datatypes::DT_positions_struct* chosen = nullptr;
+  const lumo::services::gnss::datatypes::DT_positions_struct* other = nullptr;
+};
+
+/// The last sample of the wanted type and the last of any other type. Samples without a type count
+/// for neither.
+[[nodiscard]] Selection select(
+    std::span<const lumo::services::gnss::datatypes::DT_positions_struct> samples,
+    Position_type wanted);
+
+/// Takes over each physical value of `other` for which `chosen` has none, and the message counter
+/// when `chosen` has none. What is physical in `chosen` stays.
+void complete(lumo::services::gnss::datatypes::DT_positions_struct& chosen,
+              const lumo::services::gnss::datatypes::DT_positions_struct& other);
+
+/// Stamps the sample with a time on the precise local time base, as a physical value.
+void set_timestamp(lumo::services::gnss::datatypes::DT_positions_struct& sample,
+                   std::uint64_t time_us);
+
+}  // namespace gnssClient

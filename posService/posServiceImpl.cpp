@@ -1,0 +1,136 @@
+#include "posService/posServiceImpl.h"
+
+#include <bit>
+#include <string>
+
+#include "diagnosisService/diagnosisServiceImpl.h"
+#include "posService/posServiceSkelImpl.h"
+
+namespace {
+
+constexpr std::uint64_t us_per_s = 1'000'000;
+constexpr std::uint32_t counter_period = 100;
+
+/// Where a map-matched record comes from, its member positionSource.
+enum class Source : std::uint32_t { position_update = 1, dead_reckoning = 4 };
+
+posServiceImpl::Map_info map_matched(const posServiceImpl::Position& position, Source source) {
+  posServiceImpl::Map_info map_info;
+  map_info.statusMapMatching = 2;
+  map_info.statusMap = 3;
+  map_info.positionSource = static_cast<std::uint32_t>(source);
+  map_info.preciseLocalTimeSeconds = position.preciseLocalTimeSeconds;
+  map_info.preciseLocalTimeNanoseconds = position.preciseLocalTimeNanoseconds;
+  return map_info;
+}
+
+bool same_bits(const boost::optional<double>& a, const boost::optional<double>& b) {
+  return a && b && std::bit_cast<std::uint64_t>(*a) == std::bit_cast<std::uint64_t>(*b);
+}
+
+}  // namespace
+
+posServiceImpl::posServiceImpl(diagnosisService::diagnosisServiceImpl& diagnosis,
+                               const timeutils& time)
+    : diagnosis_{diagnosis},
+      time_{time},
+      logger_{ara::log::CreateLogger("PSRV", "posServiceImpl class own context")} {}
+
+posServiceImpl::~posServiceImpl() = default;
+
+void posServiceImpl::init() {
+  logger_.LogInfo() << "enter posServiceImpl::init(), setting dummy values for all fields";
+  skeleton_ = std::make_unique<posService::posServiceSkelImpl>();
+  updatePositions(boost::none, boost::none);
+  updateMapInfo(0);
+  skeleton_->OfferService();
+}
+
+void posServiceImpl::stop() {
+  if (skeleton_ != nullptr) skeleton_->StopOfferService();
+}
+
+void posServiceImpl::sendDR(const Position& position) {
+  // Unsigned, so that the 32-bit clock may wrap around.
+  const std::uint32_t elapsed_ms = now_ms() - last_mm_sent_ms_;
+  if (elapsed_ms > mm_interval_ms_) {
+    const auto map_info = map_matched(position, Source::dead_reckoning);
+    diagnosis_.refreshMapMatchedPosition(position, map_info);
+    sendMM(map_info);
+    logger_.LogInfo() << "DR position is being sent as MM, time from last MM sent pos: "
+                      << elapsed_ms << "ms";
+    last_mm_sent_ms_ = now_ms();
+  }
+
+  if (!position.preciseLocalTimeSeconds || !position.preciseLocalTimeNanoseconds) return;
+  if (!always_send_ && is_repeated(position)) return;
+  const auto stamp_us =
+      *position.preciseLocalTimeNanoseconds / 1000 + *position.preciseLocalTimeSeconds * us_per_s;
+  Position aged = position;
+  aged.age =
+      static_cast<std::uint32_t>(timeutils::absoluteDifference(stamp_us, time_.currentTimeUs()));
+  publish(aged);
+}
+
+void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
+                                     const boost::optional<double>& longitude) {
+  Position position;
+  const bool valid = latitude && longitude;
+  if (!valid) {
+    logger_.LogInfo() << "Invalid latitude, longitude values.";
+  } else {
+    if (auto line = logger_.LogInfo(); line.IsEnabled()) {
+      line << "POS Service update positions with latitude= " << std::to_string(*latitude)
+           << ", longitude = " << std::to_string(*longitude);
+    }
+    position.positionType = 2;
+    position.messageCounter = message_counter_;
+    position.LAT = latitude;
+    position.LON = longitude;
+    position.altitudeMeanSeaLevel = 120.0F;
+    position.yawAngle = 0.0F;
+    position.accuracyHorizontal = 1.0F;
+    position.accuracyVertical = 1.0F;
+    position.speed2D = 0.0F;
+    position.speedVertical = 0.0F;
+    position.pitchAngle = 0.0F;
+    position.rollAngle = 0.0F;
+    position.accuracySpeed2D = 1.0F;
+    position.accuracySpeedVertical = 1.0F;
+    position.accuracyYawAngle = 1.0F;
+    position.statusTime = 1;
+    position.statusMapMatching = 0;
+    message_counter_ = (message_counter_ + 1) % counter_period;
+  }
+  const auto now_us = time_.currentTimeUs();
+  position.preciseLocalTimeSeconds = static_cast<std::uint32_t>(now_us / us_per_s);
+  position.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(now_us % us_per_s * 1000);
+  publish(position);
+  if (valid) sendMM(map_matched(position, Source::position_update));
+}
+
+void posServiceImpl::updateMapInfo(std::uint32_t value) {
+  logger_.LogInfo() << "POS Service update map info";
+  Map_info map_info;
+  map_info.mapInfo = value;
+  sendMM(map_info);
+}
+
+void posServiceImpl::sendMM(const Map_info& map_info) {
+  if (skeleton_ != nullptr) skeleton_->publish(map_info);
+}
+
+void posServiceImpl::publish(const Position& position) {
+  if (skeleton_ == nullptr) return;
+  skeleton_->publish(position);
+  last_latitude_ = position.LAT;
+  last_longitude_ = position.LON;
+}
+
+bool posServiceImpl::is_repeated(const Position& position) const {
+  return same_bits(position.LAT, last_latitude_) && same_bits(position.LON, last_longitude_);
+}
+
+std::uint32_t posServiceImpl::now_ms() const {
+  return static_cast<std::uint32_t>(time_.currentTimeMs());
+}

@@ -1,0 +1,75 @@
+/// Publishes positions: dead-reckoned ones in the field `positions`, map-matched records in
+/// `posMapInfo`.
+#pragma once
+
+#include <boost/optional.hpp>
+#include <cstdint>
+#include <memory>
+
+#include "ara/log/logger.h"
+#include "clients/timeutils.h"
+#include "posService/PositioningRecords.h"
+
+namespace diagnosisService {
+class diagnosisServiceImpl;
+}
+namespace posService {
+class posServiceSkelImpl;
+}
+
+/// Calls come from one thread at a time: from the starting thread until init() has returned, then
+/// from the one receiver of positions. Only stop() may come from another thread meanwhile.
+class posServiceImpl {
+ public:
+  using Position = lumo::services::positioning::datatypes::DT_positions_struct;
+  using Map_info = lumo::services::positioning::datatypes::DT_posMapInfo_struct;
+
+  /// `diagnosis` is told each map-matched position.
+  explicit posServiceImpl(diagnosisService::diagnosisServiceImpl& diagnosis,
+                          const timeutils& time = timeutils::instance());
+  ~posServiceImpl();
+  posServiceImpl(const posServiceImpl&) = delete;
+  posServiceImpl& operator=(const posServiceImpl&) = delete;
+
+  /// On (until set): sendDR() publishes every position with a full timestamp. Off: only those whose
+  /// latitude and longitude are not both those of the position published before.
+  void setAlwaysSendAllValidPositions(bool on) { always_send_ = on; }
+  /// A position goes out as map-matched record too when more than this time has passed since the
+  /// last one; 1000 until set.
+  void setMmNewPositionCalculationIntervalMS(std::uint32_t interval) { mm_interval_ms_ = interval; }
+
+  /// Gives both fields their first values, a position with nothing but the time and map information
+  /// 0, and offers the service. Throws std::runtime_error when the manifest does not have it.
+  void init();
+  /// Ends the offer. Positions that still come are kept, not sent. May be called twice.
+  void stop();
+
+  // Before init() the following build and log their records but send nothing.
+
+  /// Publishes a dead-reckoned position when it has a full timestamp, with its age in microseconds,
+  /// and a map-matched record made from it when the interval has passed.
+  void sendDR(const Position& position);
+  /// Publishes a position made of the coordinates in degrees, whatever their values, and a
+  /// map-matched record. Without both coordinates only the time is published, as position.
+  void updatePositions(const boost::optional<double>& latitude,
+                       const boost::optional<double>& longitude);
+  /// Publishes map information with nothing but this value.
+  void updateMapInfo(std::uint32_t value);
+  void sendMM(const Map_info& map_info);
+
+ private:
+  void publish(const Position& position);
+  [[nodiscard]] bool is_repeated(const Position& position) const;
+  [[nodiscard]] std::uint32_t now_ms() const;
+
+  diagnosisService::diagnosisServiceImpl& diagnosis_;
+  const timeutils& time_;
+  const ara::log::Logger& logger_;
+  bool always_send_ = true;
+  std::uint32_t mm_interval_ms_ = 1000;
+  std::uint32_t last_mm_sent_ms_ = 0;
+  std::uint32_t message_counter_ = 0;  ///< 0 to 99
+  boost::optional<double> last_latitude_;
+  boost::optional<double> last_longitude_;
+  std::unique_ptr<posService::posServiceSkelImpl> skeleton_;
+};

@@ -1,0 +1,147 @@
+#include "clients/GeneralClientImpl.h"
+
+#include <gmock/gmock.h>
+
+#include <future>
+#include <string>
+#include <thread>
+
+#include "ara/log/capture.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+/// A proxy whose search results the test gives, and which tells of its life.
+struct Proxy {
+  struct Handle_type {
+    std::uint16_t id;
+    [[nodiscard]] ara::com::InstanceIdentifier GetInstanceId() const {
+      return ara::com::InstanceIdentifier{id};
+    }
+  };
+  using Handler = ara::com::FindServiceHandler<Handle_type>;
+
+  static ara::com::FindServiceHandle StartFindService(Handler handler) {
+    search = std::move(handler);
+    return {tq::com::Find_token{7}};
+  }
+  /// As promised by the middleware: returns once the handler does not run any more.
+  static void StopFindService(ara::com::FindServiceHandle handle) {
+    EXPECT_EQ(handle.token, tq::com::Find_token{7});
+    stop_requested.set_value();
+    if (running_handler.joinable()) running_handler.join();
+    search = nullptr;
+  }
+  static void result(std::vector<Handle_type> found) { search(std::move(found), {}); }
+
+  explicit Proxy(const Handle_type& handle) : id{handle.id} {
+    life.push_back("+" + std::to_string(id));
+  }
+  ~Proxy() { life.push_back("-" + std::to_string(id)); }
+
+  std::uint16_t id;
+
+  static inline Handler search;
+  static inline std::vector<std::string> life;
+  static inline std::promise<void> stop_requested;
+  static inline std::thread running_handler;
+};
+
+class GeneralClient : public ::testing::Test {
+ protected:
+  GeneralClient() {
+    Proxy::search = nullptr;
+    Proxy::life.clear();
+    Proxy::stop_requested = {};
+  }
+  void start() {
+    client_.init([](Proxy& proxy) { Proxy::life.push_back("set up " + std::to_string(proxy.id)); });
+  }
+  std::vector<std::vector<std::string>> lines() {
+    std::vector<std::vector<std::string>> all;
+    for (const auto& record : capture_.Records()) {
+      EXPECT_EQ(record.context, "TGCL");
+      EXPECT_EQ(record.level, ara::log::LogLevel::kInfo);
+      all.push_back(record.arguments);
+    }
+    return all;
+  }
+
+  ara::log::Logger& logger_ = ara::log::CreateLogger("TGCL", "the owner's context");
+  ara::log::Capture capture_;
+  GeneralClientImpl<Proxy> client_{logger_};
+};
+
+TEST_F(GeneralClient, connects_to_the_first_of_two_instances) {
+  start();
+  EXPECT_FALSE(client_.isAvailable());
+  Proxy::result({{5}, {2}});
+  EXPECT_TRUE(client_.isAvailable());
+  EXPECT_THAT(lines(),
+              ElementsAre(ElementsAre("generalClientImpl: Instance ", "5", " is available"),
+                          ElementsAre("generalClientImpl: Instance ", "2", " is available"),
+                          ElementsAre("generalClientImpl: connected to instance ", "5")));
+  EXPECT_THAT(Proxy::life, ElementsAre("+5", "set up 5"));
+}
+
+TEST_F(GeneralClient, keeps_its_proxy_when_the_last_instance_goes) {
+  start();
+  Proxy::result({{5}});
+  capture_.Clear();
+  Proxy::result({});
+  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_THAT(lines(), IsEmpty());
+  EXPECT_THAT(Proxy::life, ElementsAre("+5", "set up 5"));
+}
+
+TEST_F(GeneralClient, reconnects_on_each_later_result_and_ends_the_old_proxy_before_the_set_up) {
+  start();
+  Proxy::result({{5}});
+  Proxy::result({});
+  Proxy::result({{5}});
+  Proxy::result({{6}, {5}});
+  EXPECT_TRUE(client_.isAvailable());
+  EXPECT_THAT(Proxy::life,
+              ElementsAre("+5", "set up 5", "+5", "-5", "set up 5", "+6", "-5", "set up 6"));
+}
+
+TEST_F(GeneralClient, passes_a_failure_of_the_set_up_on_and_connects_again_later) {
+  bool fails = true;
+  client_.init([&](Proxy&) {
+    if (fails) throw std::runtime_error{"no subscription"};
+  });
+  EXPECT_THROW(Proxy::result({{5}}), std::runtime_error);
+  fails = false;
+  EXPECT_NO_THROW(Proxy::result({{5}}));
+}
+
+TEST_F(GeneralClient, stop_ends_search_and_proxy_once_and_init_starts_over) {
+  start();
+  Proxy::result({{5}});
+  client_.stop();
+  EXPECT_EQ(Proxy::search, nullptr);
+  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_THAT(Proxy::life, ElementsAre("+5", "set up 5", "-5"));
+  client_.stop();
+  start();
+  Proxy::result({{5}});
+  EXPECT_TRUE(client_.isAvailable());
+  Proxy::stop_requested = {};
+}
+
+TEST_F(GeneralClient, a_result_that_comes_in_during_stop_leaves_no_proxy_behind) {
+  std::promise<void> in_set_up;
+  client_.init([&](Proxy&) {
+    in_set_up.set_value();
+    Proxy::stop_requested.get_future().wait();
+  });
+  Proxy::running_handler = std::thread{[] { Proxy::result({{5}}); }};
+  in_set_up.get_future().wait();
+  client_.stop();
+  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_THAT(Proxy::life, ElementsAre("+5", "-5"));
+}
+
+}  // namespace

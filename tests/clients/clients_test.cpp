@@ -1,0 +1,208 @@
+#include <gmock/gmock.h>
+
+#include "ara/log/capture.h"
+#include "ara/log/logger.h"
+#include "clients/TimemasterClientImpl.h"
+#include "clients/gnssClientImpl.h"
+#include "tests/clients/fake_runtime.h"
+#include "tests/clients/fixed_time.h"
+#include "tests/clients/printing.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+using ::testing::IsEmpty;
+using ::testing::StartsWith;
+
+using gnssClient::gnssClientImpl;
+using Position = gnssClientImpl::Position;
+using Quality = gnssClientImpl::Quality;
+using Satellite = gnssClientImpl::Satellite;
+
+Position sample(boost::optional<std::uint32_t> type, std::uint32_t counter) {
+  Position position;
+  position.positionType = type;
+  position.messageCounter = counter;
+  return position;
+}
+
+class Gnss_client : public ::testing::Test {
+ protected:
+  Gnss_client() {
+    time_.now_us = 1'700'000'000'250'000;
+    client_.setPositionCallback([this](const Position& p) { positions_.push_back(p); });
+    client_.setPositionsQualityCallback([this](const Quality& q) { qualities_.push_back(q); });
+    client_.setSatInfosCallback(
+        [this](const std::vector<Satellite>& s) { satellites_.push_back(s.size()); });
+  }
+  void connect() {
+    client_.init();
+    runtime_.find({1});
+    capture_.Clear();
+  }
+  std::vector<std::string> pipeline_lines() {
+    return capture_.Texts(ara::log::DefaultLogger().ContextId());
+  }
+
+  Fake_runtime runtime_;
+  Fixed_time time_;
+  ara::log::Capture capture_;
+  gnssClientImpl client_{time_};
+  std::vector<Position> positions_;
+  std::vector<Quality> qualities_;
+  std::vector<std::size_t> satellites_;
+};
+
+TEST_F(Gnss_client, subscribes_to_its_three_fields_on_each_connection) {
+  client_.init();
+  EXPECT_TRUE(runtime_.searches());
+  runtime_.find({4, 3});
+  for (const auto* field : {"positions", "positionsQuality", "posGnssSatInfos"})
+    EXPECT_TRUE(runtime_.subscribed(field)) << field;
+  EXPECT_THAT(capture_.Texts("GNSS"), ElementsAre("enter gnssClientImpl::init()",
+                                                  "generalClientImpl: Instance  4  is available",
+                                                  "generalClientImpl: Instance  3  is available",
+                                                  "generalClientImpl: connected to instance  4"));
+  runtime_.find({});
+  runtime_.find({3});
+  EXPECT_EQ(runtime_.connections(), 2U);
+  runtime_.notify("positions", std::vector{sample(1, 1)});
+  EXPECT_EQ(positions_.size(), 1U);
+
+  client_.stop();
+  EXPECT_FALSE(runtime_.searches());
+  EXPECT_FALSE(runtime_.subscribed("positions"));
+}
+
+TEST_F(Gnss_client, forwards_the_last_sample_of_the_wanted_type_unchanged) {
+  connect();
+  auto last = sample(1, 2);
+  last.preciseLocalTimeSeconds = 5;
+  runtime_.notify("positions", std::vector{sample(1, 1), last});
+  ASSERT_EQ(positions_.size(), 1U);
+  EXPECT_EQ(positions_[0].messageCounter, 2U);
+  EXPECT_EQ(positions_[0].preciseLocalTimeSeconds, 5U);
+  EXPECT_FALSE(positions_[0].preciseLocalTimeNanoseconds);
+  EXPECT_THAT(pipeline_lines(), IsEmpty());
+}
+
+TEST_F(Gnss_client, forwards_nothing_without_a_sample_of_the_wanted_type) {
+  client_.setUseGNSSDR(true);
+  client_.setIgnoreGNSSTimestamps(true);
+  connect();
+  runtime_.notify("positions", std::vector{sample(1, 1), sample(boost::none, 2)});
+  runtime_.notify("positions", std::vector<Position>{});
+  EXPECT_THAT(positions_, IsEmpty());
+  EXPECT_THAT(pipeline_lines(), IsEmpty());
+}
+
+TEST_F(Gnss_client, completes_the_position_from_the_other_type) {
+  client_.setUseGNSSDR(true);
+  connect();
+  auto other = sample(1, 1);
+  other.LAT = 48.5;
+  other.LAT_valueType = binding::Value_type::physical_value;
+  runtime_.notify("positions", std::vector{sample(2, 2), other});
+  ASSERT_EQ(positions_.size(), 1U);
+  EXPECT_EQ(positions_[0].positionType, 2U);
+  EXPECT_EQ(positions_[0].messageCounter, 2U);
+  EXPECT_EQ(positions_[0].LAT, 48.5);
+}
+
+TEST_F(Gnss_client, replaces_timestamps_and_logs_what_was_received) {
+  client_.setIgnoreGNSSTimestamps(true);
+  connect();
+  auto stamped = sample(1, 1);
+  stamped.preciseLocalTimeSeconds = 1'600'000'000;
+  runtime_.notify("positions", std::vector{stamped});
+  client_.setUseGNSSDR(true);
+  runtime_.notify("positions", std::vector{sample(2, 2)});
+
+  ASSERT_EQ(positions_.size(), 2U);
+  for (const auto& position : positions_) {
+    EXPECT_EQ(position.preciseLocalTimeSeconds, 1'700'000'000U);
+    EXPECT_EQ(position.preciseLocalTimeNanoseconds, 250'000'000U);
+  }
+  const auto records = capture_.Records();
+  ASSERT_EQ(records.size(), 2U);
+  EXPECT_EQ(records[0].level, ara::log::LogLevel::kInfo);
+  EXPECT_THAT(
+      records[0].arguments,
+      ElementsAre("REPLACING", "GNSS", "POSITION TIMESTAMP, original seconds ", "1600000000",
+                  ", nanoseconds ", "missing", "new timestamp for this sample: seconds ",
+                  "1700000000", ", nanoseconds ", "250000000"));
+  EXPECT_EQ(records[1].Text(),
+            "REPLACING GNSS-DR POSITION TIMESTAMP, original seconds  missing , nanoseconds  missing"
+            " new timestamp for this sample: seconds  1700000000 , nanoseconds  250000000");
+}
+
+TEST_F(Gnss_client, logs_every_received_sample_as_one_string_with_a_common_arrival_time) {
+  client_.setRecievedGNSSDataLogging(true);
+  connect();
+  auto stamped = sample(boost::none, 3);
+  stamped.preciseLocalTimeSeconds = 1'700'000'000;
+  stamped.preciseLocalTimeNanoseconds = 0;
+  runtime_.notify("positions", std::vector{sample(2, 1), sample(1, 2), stamped});
+  const auto records = capture_.Records();
+  ASSERT_EQ(records.size(), 3U);
+  EXPECT_THAT(records[0].arguments, ElementsAre(StartsWith("###### position from gnss: position "
+                                                           "type=2, messageCounter=1, LAT value")));
+  EXPECT_THAT(records[1].arguments, ElementsAre(HasSubstr("position type=1, messageCounter=2,")));
+  EXPECT_THAT(records[2].arguments,
+              ElementsAre(HasSubstr(", sample is 250000 us old at arrival compared to PLT")));
+}
+
+TEST_F(Gnss_client, logs_a_quality_record_before_it_is_passed_on) {
+  client_.setRecievedGNSSDataLogging(true);
+  client_.setPositionsQualityCallback(
+      [this](const Quality&) { ara::log::LogInfo() << "passed on"; });
+  connect();
+  runtime_.notify("positionsQuality", std::vector<Quality>(2));
+  EXPECT_THAT(pipeline_lines(),
+              ElementsAre(StartsWith("###### positions quality from gnss: positionType value"),
+                          "passed on", StartsWith("###### positions quality"), "passed on"));
+}
+
+TEST_F(Gnss_client, passes_satellites_on_as_a_whole) {
+  connect();
+  runtime_.notify("posGnssSatInfos", std::vector<Satellite>(3));
+  runtime_.notify("posGnssSatInfos", std::vector<Satellite>{});
+  EXPECT_THAT(satellites_, ElementsAre(3, 0));
+}
+
+TEST_F(Gnss_client, a_malformed_payload_or_a_failing_callback_harms_no_later_sample) {
+  connect();
+  const std::vector<std::byte> malformed(7);
+  runtime_.notify_bytes("positions", malformed);
+  client_.setPositionCallback([](const Position&) { throw std::runtime_error{"no"}; });
+  runtime_.notify("positions", std::vector{sample(1, 1)});
+  client_.setPositionCallback([this](const Position& p) { positions_.push_back(p); });
+  runtime_.notify("positions", std::vector{sample(1, 2)});
+  ASSERT_EQ(positions_.size(), 1U);
+  EXPECT_EQ(positions_[0].messageCounter, 2U);
+}
+
+TEST(Time_client, passes_each_record_of_times_on_and_ignores_settings) {
+  Fake_runtime runtime;
+  const ara::log::Capture capture;
+  TimemasterClient::TimemasterClientImpl client;
+  std::vector<boost::optional<std::uint64_t>> offsets;
+  client.setTimesCallback([&](const auto& times) { offsets.push_back(times.pltOffset); });
+  client.init();
+  runtime.find({1});
+  EXPECT_THAT(capture.Texts("TMCL"), ElementsAre("enter TimemasterClientImpl::init()",
+                                                 "generalClientImpl: Instance  1  is available",
+                                                 "generalClientImpl: connected to instance  1"));
+  lumo::services::time::datatypes::DT_times_struct times;
+  times.pltOffset = 5'000'000'000;
+  runtime.notify("times", std::vector{times, {}});
+  lumo::services::time::datatypes::DT_timeSettings_struct settings;
+  settings.timeZoneName = "Europe/Vienna";
+  runtime.notify("timeSettings", std::vector{settings});
+  EXPECT_THAT(offsets, ElementsAre(times.pltOffset, boost::none));
+  client.stop();
+  EXPECT_FALSE(runtime.subscribed("times"));
+}
+
+}  // namespace

@@ -1,0 +1,267 @@
+#include "posService/posServiceImpl.h"
+
+#include <gmock/gmock.h>
+
+#include "ara/log/capture.h"
+#include "diagnosisService/diagnosisServiceImpl.h"
+#include "tests/clients/fake_runtime.h"
+#include "tests/clients/fixed_time.h"
+#include "tests/clients/printing.h"
+
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::SizeIs;
+
+using Position = posServiceImpl::Position;
+using Map_info = posServiceImpl::Map_info;
+
+/// What travels, which is what two records are compared by.
+template <class Record>
+std::vector<std::byte> bytes(const Record& record) {
+  std::vector<std::byte> payload;
+  binding::encode(record, payload);
+  return payload;
+}
+template <class Record>
+std::vector<std::vector<std::byte>> bytes_of_all(const std::vector<Record>& records) {
+  std::vector<std::vector<std::byte>> all;
+  for (const auto& record : records)
+    all.push_back(bytes(record));
+  return all;
+}
+
+constexpr std::uint64_t start_us = 1'700'000'000'123'456;
+
+Position at(std::uint64_t time_us, double latitude = 48.0, double longitude = 11.0) {
+  Position position;
+  position.LAT = latitude;
+  position.LON = longitude;
+  position.preciseLocalTimeSeconds = static_cast<std::uint32_t>(time_us / 1'000'000);
+  position.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(time_us % 1'000'000 * 1000);
+  return position;
+}
+
+class Pos_service : public ::testing::Test {
+ protected:
+  Pos_service() { time_.now_us = start_us; }
+  /// With a map-matched record just sent, so that the next one is one interval away.
+  void start() {
+    service_.init();
+    service_.sendDR(at(start_us));
+    runtime_.clear_updates();
+    capture_.Clear();
+  }
+  void pass_ms(std::uint64_t milliseconds) { time_.now_us += milliseconds * 1000; }
+  std::vector<Position> positions() { return runtime_.published<Position>("positions"); }
+  std::vector<Map_info> map_infos() { return runtime_.published<Map_info>("posMapInfo"); }
+
+  Fake_runtime runtime_;
+  Fixed_time time_;
+  ara::log::Capture capture_;
+  diagnosisService::diagnosisServiceImpl diagnosis_;
+  posServiceImpl service_{diagnosis_, time_};
+};
+
+TEST_F(Pos_service, sets_both_fields_before_it_is_offered_and_takes_the_offer_back) {
+  service_.init();
+  EXPECT_EQ(runtime_.specifier(), "Positioning_ProvidedSomeipServiceInstance");
+  EXPECT_TRUE(runtime_.offered());
+  Position only_time;
+  only_time.preciseLocalTimeSeconds = 1'700'000'000;
+  only_time.preciseLocalTimeNanoseconds = 123'456'000;
+  Map_info only_value;
+  only_value.mapInfo = 0;
+  EXPECT_THAT(bytes_of_all(positions()), ElementsAre(bytes(only_time)));
+  EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(only_value)));
+  EXPECT_THAT(capture_.Texts("PSRV"),
+              ElementsAre("enter posServiceImpl::init(), setting dummy values for all fields",
+                          "Invalid latitude, longitude values.", "POS Service update map info"));
+  service_.stop();
+  service_.stop();
+  EXPECT_FALSE(runtime_.offered());
+}
+
+TEST_F(Pos_service, sends_nothing_before_it_is_initialised) {
+  service_.stop();
+  service_.updatePositions(48.0, 11.0);
+  service_.updateMapInfo(1);
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(capture_.Texts("PSRV"), SizeIs(3));
+  service_.init();
+  EXPECT_THAT(positions(), SizeIs(1));
+}
+
+TEST_F(Pos_service, publishes_any_pair_of_coordinates_with_fixed_values_and_a_map_matched_record) {
+  start();
+  service_.updatePositions(1000.0, -11.25);
+  Position expected = at(start_us, 1000.0, -11.25);
+  expected.positionType = 2;
+  expected.messageCounter = 0;
+  expected.altitudeMeanSeaLevel = 120.0F;
+  expected.accuracyHorizontal = expected.accuracyVertical = 1.0F;
+  expected.yawAngle = expected.speed2D = expected.speedVertical = 0.0F;
+  expected.pitchAngle = expected.rollAngle = 0.0F;
+  expected.accuracySpeed2D = expected.accuracySpeedVertical = expected.accuracyYawAngle = 1.0F;
+  expected.statusTime = 1;
+  expected.statusMapMatching = 0;
+  EXPECT_THAT(bytes_of_all(positions()), ElementsAre(bytes(expected)));
+  Map_info map_info;
+  map_info.statusMapMatching = 2;
+  map_info.statusMap = 3;
+  map_info.positionSource = 1;
+  map_info.preciseLocalTimeSeconds = expected.preciseLocalTimeSeconds;
+  map_info.preciseLocalTimeNanoseconds = expected.preciseLocalTimeNanoseconds;
+  EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(map_info)));
+  ASSERT_THAT(capture_.Records(), SizeIs(1));
+  EXPECT_THAT(capture_.Records()[0].arguments,
+              ElementsAre("POS Service update positions with latitude= ", "1000.000000",
+                          ", longitude = ", "-11.250000"));
+}
+
+TEST_F(Pos_service, a_coordinate_alone_publishes_only_the_time) {
+  start();
+  service_.updatePositions(48.0, boost::none);
+  service_.updatePositions(boost::none, 11.0);
+  Position only_time;
+  only_time.preciseLocalTimeSeconds = at(start_us).preciseLocalTimeSeconds;
+  only_time.preciseLocalTimeNanoseconds = at(start_us).preciseLocalTimeNanoseconds;
+  EXPECT_THAT(bytes_of_all(positions()), ElementsAre(bytes(only_time), bytes(only_time)));
+  EXPECT_THAT(map_infos(), IsEmpty());
+}
+
+TEST_F(Pos_service, counts_position_updates_from_0_to_99_and_around) {
+  start();
+  for (int i = 0; i < 101; ++i) {
+    service_.updatePositions(48.0, 11.0);
+    service_.updatePositions(48.0, boost::none);
+  }
+  const auto all = positions();
+  EXPECT_EQ(all[0].messageCounter, 0U);
+  EXPECT_EQ(all[2].messageCounter, 1U);
+  EXPECT_EQ(all[198].messageCounter, 99U);
+  EXPECT_EQ(all[200].messageCounter, 0U);
+}
+
+TEST_F(Pos_service, a_position_goes_out_as_map_matched_when_more_than_the_interval_has_passed) {
+  start();
+  pass_ms(1000);
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(map_infos(), IsEmpty());
+  EXPECT_THAT(capture_.Records(), IsEmpty());
+
+  pass_ms(1);
+  auto position = at(start_us);
+  position.preciseLocalTimeNanoseconds = boost::none;
+  service_.sendDR(position);
+  Map_info expected;
+  expected.statusMapMatching = 2;
+  expected.statusMap = 3;
+  expected.positionSource = 4;
+  expected.preciseLocalTimeSeconds = position.preciseLocalTimeSeconds;
+  EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(expected)));
+  ASSERT_THAT(capture_.Records(), SizeIs(1));
+  EXPECT_THAT(
+      capture_.Records()[0].arguments,
+      ElementsAre("DR position is being sent as MM, time from last MM sent pos: ", "1001", "ms"));
+
+  service_.setMmNewPositionCalculationIntervalMS(5);
+  pass_ms(6);
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(map_infos(), SizeIs(2));
+}
+
+TEST_F(Pos_service, measures_the_interval_across_the_end_of_the_32_bit_milliseconds) {
+  start();
+  time_.now_us = ((1ULL << 32U) - 1) * 1000;
+  service_.sendDR(at(start_us));
+  runtime_.clear_updates();
+  pass_ms(1000);
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(map_infos(), IsEmpty());
+  pass_ms(1);
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(map_infos(), SizeIs(1));
+}
+
+TEST_F(Pos_service, tells_the_diagnosis_service_each_map_matched_position_and_no_other) {
+  start();
+  auto position = at(start_us, 50.0, 12.0);
+  position.messageCounter = 66;
+  service_.sendDR(position);
+  EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, 0);
+  pass_ms(1001);
+  position.messageCounter = 77;
+  service_.sendDR(position);
+  EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, 77);
+}
+
+TEST_F(Pos_service, publishes_a_position_with_its_age_only_when_its_timestamp_is_complete) {
+  start();
+  auto position = at(start_us - 2'500);
+  position.speed2D = 3.5F;
+  service_.sendDR(position);
+  position.age = 2'500;
+  auto future = at(start_us + 700);
+  service_.sendDR(future);
+  future.age = 700;
+  auto ancient = at(start_us - (1ULL << 32U) - 5);
+  service_.sendDR(ancient);
+  ancient.age = 5;
+  EXPECT_THAT(bytes_of_all(positions()),
+              ElementsAre(bytes(position), bytes(future), bytes(ancient)));
+
+  runtime_.clear_updates();
+  auto incomplete = at(start_us);
+  incomplete.preciseLocalTimeSeconds = boost::none;
+  service_.sendDR(incomplete);
+  incomplete = at(start_us);
+  incomplete.preciseLocalTimeNanoseconds = boost::none;
+  service_.sendDR(incomplete);
+  EXPECT_THAT(positions(), IsEmpty());
+}
+
+TEST_F(Pos_service, repeats_the_same_coordinates_only_when_told_to_send_all) {
+  start();
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(positions(), SizeIs(1));
+
+  service_.setAlwaysSendAllValidPositions(false);
+  runtime_.clear_updates();
+  service_.sendDR(at(start_us + 1));
+  EXPECT_THAT(positions(), IsEmpty());
+  service_.sendDR(at(start_us, 48.0, 11.5));
+  service_.sendDR(at(start_us, 48.5, 11.5));
+  service_.sendDR(at(start_us, 0.0, 11.5));
+  service_.sendDR(at(start_us, -0.0, 11.5));
+  EXPECT_THAT(positions(), SizeIs(4));
+  service_.sendDR(at(start_us, -0.0, 11.5));
+  EXPECT_THAT(positions(), SizeIs(4));
+
+  Position without_coordinates = at(start_us);
+  without_coordinates.LAT = without_coordinates.LON = boost::none;
+  service_.sendDR(without_coordinates);
+  service_.sendDR(without_coordinates);
+  EXPECT_THAT(positions(), SizeIs(6));
+
+  pass_ms(1001);
+  service_.sendDR(at(start_us));
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(positions(), SizeIs(7));
+  EXPECT_THAT(map_infos(), SizeIs(1));
+  pass_ms(1001);
+  service_.sendDR(at(start_us));
+  EXPECT_THAT(positions(), SizeIs(7));
+  EXPECT_THAT(map_infos(), SizeIs(2));
+}
+
+TEST_F(Pos_service, passes_a_map_matched_record_through) {
+  start();
+  Map_info map_info;
+  map_info.statusMap = 9;
+  service_.sendMM(map_info);
+  EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(map_info)));
+}
+
+}  // namespace
