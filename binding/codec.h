@@ -3,6 +3,7 @@
 /// reach them through mw::com::cpp_binding::Serialization.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <map>
 #include <string>
@@ -76,10 +77,11 @@ std::size_t nested_size(const T& value, const Serialization_settings& settings) 
 }
 template <class T>
 std::byte* write_nested(const T& value, std::byte* to, const Serialization_settings& settings) {
-  if (const auto field = Codec<T>::length_field(settings); field != 0) {
-    to = store_length_field(to, field, Codec<T>::size(value, settings), settings);
-  }
-  return Codec<T>::write(value, to, settings);
+  const auto field = Codec<T>::length_field(settings);
+  auto* const body = to + field;
+  auto* const end = Codec<T>::write(value, body, settings);
+  if (field != 0) store_length_field(to, field, static_cast<std::uint64_t>(end - body), settings);
+  return end;
 }
 template <class T>
 void read_nested(Cursor& cursor, T& value, const Serialization_settings& settings) {
@@ -260,6 +262,26 @@ struct Codec<Record> {
   }
 };
 
+/// A short member is written with its tag in one store that is wider than both: encode() keeps this
+/// many bytes free behind the payload, and what comes next overwrites the surplus.
+inline constexpr std::size_t write_slack = 8;
+
+template <Scalar Value>
+std::byte* store_member(std::byte* to,
+                        std::uint16_t tag,
+                        Value value,
+                        const Serialization_settings& settings) {
+  if constexpr (std::endian::native == std::endian::little && sizeof(Value) <= 4) {
+    auto bits = std::bit_cast<Bits_of<Value>>(value);
+    if (!is_native(settings.byte_order)) bits = detail::swap_bytes(bits);
+    const auto word = detail::swap_bytes(tag) | (std::uint64_t{bits} << 16U);
+    std::memcpy(to, &word, sizeof word);
+    return to + sizeof tag + sizeof bits;
+  } else {
+    return store(store(to, tag, Byte_order::big_endian), value, settings.byte_order);
+  }
+}
+
 /// One line of a record's tag list, with what decodes the member behind that tag.
 struct Tag_entry {
   std::uint16_t tag;
@@ -304,6 +326,78 @@ constexpr std::array<Tag_entry, sizeof...(Index)> make_tags(std::index_sequence<
   return {Tag_entry{tag_of(std::get<Index>(members_of<Record>)), &read_member<Record, Index>}...};
 }
 
+template <class M>
+constexpr std::ptrdiff_t scalar_bytes(const M&) {
+  if constexpr (Scalar<typename M::value_type>)
+    return sizeof(std::uint16_t) + sizeof(typename M::value_type);
+  return 0;
+}
+
+/// Bytes of a record with every member present, 0 when a member has no fixed size.
+template <class Record>
+inline constexpr std::ptrdiff_t full_size = std::apply(
+    [](const auto&... members) {
+      const bool fixed = ((scalar_bytes(members) != 0) && ...);
+      return fixed ? (std::ptrdiff_t{0} + ... + scalar_bytes(members)) : 0;
+    },
+    members_of<Record>);
+
+/// Where each member's tag is in a full record.
+template <class Record>
+inline constexpr auto full_offsets = std::apply(
+    [](const auto&... members) {
+      std::array<std::ptrdiff_t, sizeof...(members)> offsets{};
+      std::ptrdiff_t offset = 0;
+      std::size_t index = 0;
+      ((offsets[index++] = offset, offset += scalar_bytes(members)), ...);
+      return offsets;
+    },
+    members_of<Record>);
+
+/// The common case, every member present and in order: all tags are compared at once. Changes
+/// nothing and returns false when the record is a different one of the same size.
+template <class Record, std::size_t... Index>
+bool read_full(const std::byte* from,
+               Record& record,
+               const Serialization_settings& settings,
+               std::index_sequence<Index...>) {
+  constexpr auto& members = members_of<Record>;
+  constexpr auto& offsets = full_offsets<Record>;
+  const unsigned difference =
+      (0U | ... |
+       static_cast<unsigned>(load<std::uint16_t>(from + offsets[Index], Byte_order::big_endian) ^
+                             tag_of(std::get<Index>(members))));
+  if ((difference & tag_mask) != 0) return false;
+  ((record.*std::get<Index>(members).pointer =
+        Codec<Value_of<decltype(std::get<Index>(members))>>::load_value(
+            from + offsets[Index] + sizeof(std::uint16_t), settings)),
+   ...);
+  return true;
+}
+
+template <class Record>
+bool is_full(const Record& record) {
+  // Counting takes no branch per member, other than asking one after the other.
+  return std::apply(
+             [&](const auto&... members) {
+               return (0U + ... + static_cast<unsigned>((record.*members.pointer).has_value()));
+             },
+             members_of<Record>) == member_count<Record>;
+}
+
+template <class Record, std::size_t... Index>
+std::byte* write_full(std::byte* to,
+                      const Record& record,
+                      const Serialization_settings& settings,
+                      std::index_sequence<Index...>) {
+  constexpr auto& members = members_of<Record>;
+  constexpr auto& offsets = full_offsets<Record>;
+  (store_member(to + offsets[Index], tag_of(std::get<Index>(members)),
+                *(record.*std::get<Index>(members).pointer), settings),
+   ...);
+  return to + full_size<Record>;
+}
+
 }  // namespace detail
 
 /// Tags of all members in declaration order.
@@ -323,11 +417,14 @@ struct Codec<Record> {
   static std::size_t size(const Record& record, const Serialization_settings& settings) {
     std::size_t sum = 0;
     for_each_member<Record>([&]<class M>(const M& m) {
-      using Value_codec = Codec<typename M::value_type>;
+      using Value = typename M::value_type;
       const auto& value = record.*m.pointer;
-      if (value) {
-        sum += sizeof(std::uint16_t) + length_field_size(Value_codec::wire_type, settings) +
-               Value_codec::size(*value, settings);
+      if constexpr (Scalar<Value>) {
+        sum +=
+            static_cast<std::size_t>(value.has_value()) * (sizeof(std::uint16_t) + sizeof(Value));
+      } else if (value) {
+        sum += sizeof(std::uint16_t) + length_field_size(Codec<Value>::wire_type, settings) +
+               Codec<Value>::size(*value, settings);
       }
     });
     return sum;
@@ -336,16 +433,24 @@ struct Codec<Record> {
   static std::byte* write(const Record& record,
                           std::byte* to,
                           const Serialization_settings& settings) {
+    if constexpr (detail::full_size<Record> != 0) {
+      if (detail::is_full(record)) {
+        return detail::write_full(to, record, settings,
+                                  std::make_index_sequence<member_count<Record>>{});
+      }
+    }
     for_each_member<Record>([&]<class M>(const M& m) {
-      using Value_codec = Codec<typename M::value_type>;
+      using Value = typename M::value_type;
       const auto& value = record.*m.pointer;
       if (!value) return;
-      to = store(to, detail::tag_of(m), Byte_order::big_endian);
-      if constexpr (Value_codec::wire_type > Wire_type::bits_64) {
-        to = store_length_field(to, length_field_size(Value_codec::wire_type, settings),
-                                Value_codec::size(*value, settings), settings);
+      if constexpr (Scalar<Value>) {
+        to = store_member(to, detail::tag_of(m), *value, settings);
+      } else {
+        to = store(to, detail::tag_of(m), Byte_order::big_endian);
+        to = store_length_field(to, length_field_size(Codec<Value>::wire_type, settings),
+                                Codec<Value>::size(*value, settings), settings);
+        to = Codec<Value>::write(*value, to, settings);
       }
-      to = Value_codec::write(*value, to, settings);
     });
     return to;
   }
@@ -358,6 +463,14 @@ struct Codec<Record> {
                    const Serialization_settings& settings) {
     const auto* position = cursor.data() + cursor.position();
     const auto* const last = cursor.data() + end;
+    if constexpr (detail::full_size<Record> != 0) {
+      if (last - position == detail::full_size<Record> &&
+          detail::read_full(position, record, settings,
+                            std::make_index_sequence<member_count<Record>>{})) {
+        cursor.seek(end);
+        return;
+      }
+    }
     for_each_member<Record>([&]<class M>(const M& m) {
       using Value = typename M::value_type;
       auto& value = record.*m.pointer;
@@ -393,24 +506,61 @@ struct Codec<Record> {
   }
 };
 
-/// Appends a top-level value: containers with their length field, records without one.
+namespace detail {
+
+/// A size that is at least the encoded one and costs no look at the members where they are of fixed
+/// size.
 template <class T>
-void encode(const T& value, Buffer& out, const Serialization_settings& settings = settings_of<T>) {
-  const auto body = Codec<T>::size(value, settings);
-  const auto field = Codec<T>::top_level_length_field ? Codec<T>::length_field(settings) : 0;
-  if (Codec<T>::wire_type == Wire_type::configured_length && Codec<T>::top_level_length_field &&
-      field == 0) {
-    throw_vector_without_length_field();
+std::size_t bound(const T& value, const Serialization_settings& settings) {
+  if constexpr (Tlv_record<T>) {
+    if constexpr (full_size<T> != 0) return static_cast<std::size_t>(full_size<T>);
   }
-  const auto start = out.size();
-  auto* to = extend(out, static_cast<std::size_t>(field) + body);
+  return Codec<T>::size(value, settings);
+}
+template <Tlv_record T>
+std::size_t bound(const std::vector<T>& values, const Serialization_settings& settings) {
+  if constexpr (full_size<T> != 0) {
+    return values.size() *
+           (static_cast<std::size_t>(full_size<T>) + Codec<T>::length_field(settings));
+  }
+  return Codec<std::vector<T>>::size(values, settings);
+}
+
+template <class T>
+void encode_at(std::size_t start,
+               const T& value,
+               Buffer& out,
+               const Serialization_settings& settings) {
+  const auto before = out.size();
+  const auto field = Codec<T>::top_level_length_field ? Codec<T>::length_field(settings) : 0;
+  out.resize(start + static_cast<std::size_t>(field) + bound(value, settings) + write_slack);
+  auto* const to = out.data() + start;
   try {
-    if (field != 0) to = store_length_field(to, field, body, settings);
-    Codec<T>::write(value, to, settings);
+    const auto* end = Codec<T>::top_level_length_field ? write_nested(value, to, settings)
+                                                       : Codec<T>::write(value, to, settings);
+    out.resize(start + static_cast<std::size_t>(end - to));
   } catch (...) {
-    out.resize(start);
+    out.resize(std::min(before, start));
     throw;
   }
+}
+
+}  // namespace detail
+
+/// Appends a top-level value: containers with their length field, records without one. When it
+/// throws, `out` is as before.
+template <class T>
+void encode(const T& value, Buffer& out, const Serialization_settings& settings = settings_of<T>) {
+  detail::encode_at(out.size(), value, out, settings);
+}
+
+/// The same in place of what `out` held. Costs less for a buffer that is used again and again,
+/// whose bytes need not be cleared first. When it throws, `out` is empty.
+template <class T>
+void encode_over(const T& value,
+                 Buffer& out,
+                 const Serialization_settings& settings = settings_of<T>) {
+  detail::encode_at(0, value, out, settings);
 }
 
 /// Reads a top-level value at the cursor. On an exception `value` is in an unspecified valid state.
@@ -433,6 +583,9 @@ concept Encodable = requires {
 template <binding::Encodable T>
 struct mw::com::cpp_binding::Serialization<T> {
   static void encode(const T& value, std::vector<std::byte>& out) { binding::encode(value, out); }
+  static void encode_over(const T& value, std::vector<std::byte>& out) {
+    binding::encode_over(value, out);
+  }
   static void decode(std::span<const std::byte>& in, T& value) {
     binding::Cursor cursor{in};
     binding::decode(cursor, value);

@@ -55,34 +55,6 @@ void throw_unequal_length_field_sizes(const Serialization_settings& settings) {
       std::to_string(settings.structure_length_field_size) + ")"};
 }
 
-namespace {
-
-template <class T>
-std::byte* store_checked(std::byte* to, std::uint64_t value, Byte_order order) {
-  if (value > std::numeric_limits<T>::max()) throw_length_does_not_fit();
-  return store(to, static_cast<T>(value), order);
-}
-
-}  // namespace
-
-std::byte* store_length_field(std::byte* to,
-                              std::uint64_t size,
-                              std::uint64_t value,
-                              const Serialization_settings& settings) {
-  switch (size) {
-    case 0:
-      return to;
-    case 1:
-      return store_checked<std::uint8_t>(to, value, settings.byte_order);
-    case 2:
-      return store_checked<std::uint16_t>(to, value, settings.byte_order);
-    case 4:
-      return store_checked<std::uint32_t>(to, value, settings.byte_order);
-    default:
-      throw_invalid_length_field_size();
-  }
-}
-
 void write_length_field(std::uint64_t size,
                         std::uint64_t value,
                         Buffer& buffer,
@@ -90,21 +62,6 @@ void write_length_field(std::uint64_t size,
   std::byte field[4];
   std::byte* const end = store_length_field(field, size, value, settings);
   buffer.insert(buffer.end(), field, end);
-}
-
-std::uint64_t read_length_field(std::uint64_t size,
-                                Cursor& cursor,
-                                const Serialization_settings& settings) {
-  switch (size) {
-    case 1:
-      return cursor.read<std::uint8_t>(settings.byte_order);
-    case 2:
-      return cursor.read<std::uint16_t>(settings.byte_order);
-    case 4:
-      return cursor.read<std::uint32_t>(settings.byte_order);
-    default:
-      throw_invalid_length_field_size();
-  }
 }
 
 std::uint64_t length_field_size(Wire_type wire_type, const Serialization_settings& settings) {

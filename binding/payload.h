@@ -132,19 +132,33 @@ inline std::byte* store(std::byte* to, T value, Byte_order order) {
 
 using Buffer = std::vector<std::byte>;
 
-/// Appends `count` bytes to `buffer` and returns where they start.
-[[nodiscard]] inline std::byte* extend(Buffer& buffer, std::size_t count) {
-  const auto old = buffer.size();
-  buffer.resize(old + count);
-  return buffer.data() + old;
+namespace detail {
+template <class T>
+std::byte* store_checked(std::byte* to, std::uint64_t value, Byte_order order) {
+  if (value > std::numeric_limits<T>::max()) throw_length_does_not_fit();
+  return store(to, static_cast<T>(value), order);
 }
+}  // namespace detail
 
 /// Writes a length field of `size` bytes and returns the position behind it; size 0 writes nothing.
 /// Throws for a size other than 0, 1, 2, 4 and for a value that does not fit.
-std::byte* store_length_field(std::byte* to,
-                              std::uint64_t size,
-                              std::uint64_t value,
-                              const Serialization_settings& settings);
+inline std::byte* store_length_field(std::byte* to,
+                                     std::uint64_t size,
+                                     std::uint64_t value,
+                                     const Serialization_settings& settings) {
+  switch (size) {
+    case 0:
+      return to;
+    case 1:
+      return detail::store_checked<std::uint8_t>(to, value, settings.byte_order);
+    case 2:
+      return detail::store_checked<std::uint16_t>(to, value, settings.byte_order);
+    case 4:
+      return detail::store_checked<std::uint32_t>(to, value, settings.byte_order);
+    default:
+      throw_invalid_length_field_size();
+  }
+}
 /// The same, appended to a buffer, which stays as it was when this throws.
 void write_length_field(std::uint64_t size,
                         std::uint64_t value,
@@ -196,9 +210,20 @@ class Cursor {
 };
 
 /// Reads a length field of 1, 2 or 4 bytes.
-[[nodiscard]] std::uint64_t read_length_field(std::uint64_t size,
-                                              Cursor& cursor,
-                                              const Serialization_settings& settings);
+[[nodiscard]] inline std::uint64_t read_length_field(std::uint64_t size,
+                                                     Cursor& cursor,
+                                                     const Serialization_settings& settings) {
+  switch (size) {
+    case 1:
+      return cursor.read<std::uint8_t>(settings.byte_order);
+    case 2:
+      return cursor.read<std::uint16_t>(settings.byte_order);
+    case 4:
+      return cursor.read<std::uint32_t>(settings.byte_order);
+    default:
+      throw_invalid_length_field_size();
+  }
+}
 
 /// Size of the length field that follows a tag of this wire type, 0 for none. Wire type 4 requires
 /// three equal, non-zero length field sizes (PRS_SOMEIP_00215).

@@ -165,8 +165,7 @@ class Field {
   void Update(const Value& value) {
     // Kept per thread so that an update costs no allocation.
     thread_local std::vector<std::byte> payload;
-    payload.clear();
-    Serialization<Value>::encode(value, payload);
+    Serialization<Value>::encode_over(value, payload);
     {
       const std::lock_guard lock{mutex_};
       payload_.assign(payload.begin(), payload.end());
