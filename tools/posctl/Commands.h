@@ -18,4 +18,14 @@ struct Watch_options {
 /// Prints each notification of the Positioning service on a line.
 int watch(const Watch_options& options);
 
+struct Read_options {
+  std::string data_identifier;
+  bool json = false;
+  double timeout = 5;  ///< seconds
+  std::string node = "posctl";
+};
+
+/// Reads a diagnostic data identifier. Throws std::invalid_argument for one that there is not.
+int read(const Read_options& options);
+
 }  // namespace posctl
