@@ -23,8 +23,7 @@ class KeyValueStorageBase {
   /// A missing key gives a value without content, status kNotFound.
   [[nodiscard]] virtual KvsType GetValue(const std::string& key) const = 0;
   /// Creates or replaces. Throws ExceptionLogicError for an empty key, for a `value` without
-  /// content and for a key or text that is not UTF-8, and ExceptionPhysicalStorageError when the
-  /// store would grow past the size that a later start accepts (16 MiB of keys and values).
+  /// content and for a key or text that is not UTF-8.
   virtual void SetValue(const std::string& key, const KvsType& value) = 0;
   /// No effect when the key is missing.
   virtual void RemoveKey(const std::string& key) = 0;
@@ -32,8 +31,9 @@ class KeyValueStorageBase {
   [[nodiscard]] virtual std::vector<std::string> GetAllKeys() const = 0;
   /// Replaces the stored values by those in memory, all or nothing, also when power fails
   /// meanwhile; returns when they are on the medium, at once when nothing has changed. Throws
-  /// ExceptionPhysicalStorageError: the stored values are then still the old or already the new
-  /// ones, those in memory are kept and the next call tries again.
+  /// ExceptionPhysicalStorageError, also when there is more than a store can hold (16 MiB of text):
+  /// the stored values are then still the old or already the new ones, those in memory are kept and
+  /// the next call tries again.
   virtual void SyncToStorage() = 0;
 
  protected:

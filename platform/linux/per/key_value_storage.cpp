@@ -1,0 +1,137 @@
+#include "ara/per/key_value_storage.h"
+
+#include <cstdint>
+#include <mutex>
+#include <utility>
+
+#include "platform/linux/per/json_text.h"
+#include "platform/linux/per/location.h"
+#include "platform/linux/per/store_file.h"
+
+namespace ara::per {
+namespace {
+
+std::string CheckedPort(std::string_view port) {
+  constexpr std::size_t kMaxLength = 128;
+  if (port.empty() || port.size() > kMaxLength || port.front() == '.' ||
+      port.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos) {
+    throw ExceptionLogicError(
+        "storage port \"" + std::string(port.substr(0, kMaxLength)) +
+        "\": expected a file name of 1 to 128 characters that does not start with a dot");
+  }
+  return std::string(port);
+}
+
+std::string ReadyFolder() {
+  std::string folder = StorageFolder();
+  RequireFolder(folder);
+  return folder;
+}
+
+}  // namespace
+
+class KeyValueStorage::Store {
+ public:
+  explicit Store(const std::string& port)
+      : file_(ReadyFolder(), port + ".json", Files::OfTheSystem()) {
+    if (const auto text = file_.Read()) {
+      values_ = ParseValues(*text, file_.path());
+    } else {
+      const StoreFile initial(InitialDataFolder(), "initdata-" + port + ".json",
+                              Files::OfTheSystem());
+      if (const auto first = initial.Read()) {
+        values_ = ParseValues(*first, initial.path());
+        changes_ = 1;
+      }
+    }
+    file_.RemoveLeftover();
+  }
+
+  bool Has(const std::string& key) const {
+    const std::lock_guard lock(mutex_);
+    return values_.contains(key);
+  }
+
+  KvsType Get(const std::string& key) const {
+    const std::lock_guard lock(mutex_);
+    const auto found = values_.find(key);
+    return found != values_.end() ? found->second : KvsType(KvsType::Status::kNotFound);
+  }
+
+  void Set(const std::string& key, const KvsType& value) {
+    const std::lock_guard lock(mutex_);
+    values_.insert_or_assign(key, value);
+    ++changes_;
+  }
+
+  void Remove(const std::string& key) {
+    const std::lock_guard lock(mutex_);
+    if (values_.erase(key) != 0) ++changes_;
+  }
+
+  std::vector<std::string> Keys() const {
+    const std::lock_guard lock(mutex_);
+    std::vector<std::string> keys;
+    keys.reserve(values_.size());
+    for (const auto& [key, value] : values_)
+      keys.push_back(key);
+    return keys;
+  }
+
+  void Sync() {
+    const std::lock_guard writing(write_mutex_);
+    std::string text;
+    std::uint64_t changes = 0;
+    {
+      const std::lock_guard lock(mutex_);
+      if (changes_ == stored_changes_) return;
+      changes = changes_;
+      text = ToText(values_);
+    }
+    file_.Replace(text);
+    stored_changes_ = changes;
+  }
+
+ private:
+  const StoreFile file_;
+  std::mutex write_mutex_;  ///< one writer at a time; guards stored_changes_, taken before mutex_
+  std::uint64_t stored_changes_ = 0;  ///< what changes_ was for the file's content
+  mutable std::mutex mutex_;          ///< guards the members below, never held while writing
+  Values values_;
+  std::uint64_t changes_ = 0;
+};
+
+KeyValueStorage::KeyValueStorage(std::string_view port)
+    : store_(std::make_unique<Store>(CheckedPort(port))) {}
+KeyValueStorage::~KeyValueStorage() = default;
+
+bool KeyValueStorage::HasKey(const std::string& key) const {
+  return store_->Has(key);
+}
+KvsType KeyValueStorage::GetValue(const std::string& key) const {
+  return store_->Get(key);
+}
+
+void KeyValueStorage::SetValue(const std::string& key, const KvsType& value) {
+  if (key.empty()) throw ExceptionLogicError("storage: a value needs a key");
+  if (!IsUtf8(key)) throw ExceptionLogicError("storage: a key is not UTF-8");
+  if (value.GetType() == KvsType::Type::kNotSupported) {
+    throw ExceptionLogicError("storage: key \"" + key + "\" cannot be set to nothing");
+  }
+  if (value.GetType() == KvsType::Type::kString && !IsUtf8(value.GetString())) {
+    throw ExceptionLogicError("storage: the text for key \"" + key + "\" is not UTF-8");
+  }
+  store_->Set(key, value);
+}
+
+void KeyValueStorage::RemoveKey(const std::string& key) {
+  store_->Remove(key);
+}
+std::vector<std::string> KeyValueStorage::GetAllKeys() const {
+  return store_->Keys();
+}
+void KeyValueStorage::SyncToStorage() {
+  store_->Sync();
+}
+
+}  // namespace ara::per

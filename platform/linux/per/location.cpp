@@ -1,0 +1,81 @@
+#include "platform/linux/per/location.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <string_view>
+#include <system_error>
+
+#include "ara/per/exceptions.h"
+
+namespace ara::per {
+namespace {
+
+std::string Environment(const char* name) {
+  const char* value = std::getenv(name);
+  return value != nullptr ? value : "";
+}
+
+/// 0 or errno. The new entry is made lasting: a store in it is only as lasting as its folder.
+int CreateFolder(const std::filesystem::path& folder) {
+  const std::filesystem::path parent = folder.has_parent_path() ? folder.parent_path() : ".";
+  if (::mkdir(folder.c_str(), 0750) != 0) {
+    if (errno == EEXIST) return 0;
+    if (errno != ENOENT || parent == folder) return errno;
+    if (const int error = CreateFolder(parent); error != 0) return error;
+    if (::mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) return errno;
+  }
+  const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (fd >= 0) {
+    ::fsync(fd);
+    ::close(fd);
+  }
+  return 0;
+}
+
+}  // namespace
+
+std::string StorageFolder() {
+  if (auto folder = Environment("POS_STORAGE_DIR"); !folder.empty()) return folder;
+  // systemd joins several folders by colons; the unit's first one is for the stores.
+  if (auto folders = Environment("STATE_DIRECTORY"); !folders.empty())
+    return folders.substr(0, folders.find(':'));
+  if (auto folder = Environment("XDG_STATE_HOME"); folder.starts_with('/')) return folder + "/pos";
+  if (auto folder = Environment("HOME"); !folder.empty()) return folder + "/.local/state/pos";
+  throw ExceptionStorageLocationNotFound(
+      "no folder for the key-value storage: none of POS_STORAGE_DIR, STATE_DIRECTORY, "
+      "XDG_STATE_HOME and HOME is set");
+}
+
+void RequireFolder(const std::string& folder) {
+  struct stat status {};
+  if (::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return;
+  // Without a trailing slash the last component has a parent of its own.
+  std::string_view trimmed = folder;
+  while (trimmed.size() > 1 && trimmed.ends_with('/'))
+    trimmed.remove_suffix(1);
+  int error = CreateFolder(trimmed);
+  // Something else in the folder's place is no error of mkdir's.
+  if (error == 0 && (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
+    error = ENOTDIR;
+  if (error != 0) {
+    throw ExceptionStorageLocationNotFound(
+        "storage folder \"" + folder +
+        "\" is not there and cannot be created: " + std::generic_category().message(error));
+  }
+  throw ExceptionStorageLocationNotFound("storage folder \"" + folder +
+                                         "\" was not there; it has been created");
+}
+
+std::string InitialDataFolder() {
+  if (auto folder = Environment("POS_INITDATA_DIR"); !folder.empty()) return folder;
+  std::error_code error;
+  const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  return (program.parent_path().parent_path() / "share" / "pos").string();
+}
+
+}  // namespace ara::per

@@ -1,0 +1,138 @@
+#include "platform/linux/per/store_file.h"
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "ara/per/exceptions.h"
+
+namespace ara::per {
+namespace {
+
+constexpr mode_t kFileMode = 0640;
+
+template <typename Call>
+auto Retry(Call call) {
+  auto result = call();
+  while (result < 0 && errno == EINTR)
+    result = call();
+  return result;
+}
+
+[[noreturn]] void Fail(const std::string& what, const std::string& path, int error) {
+  throw ExceptionPhysicalStorageError("storage: cannot " + what + " \"" + path +
+                                      "\": " + std::generic_category().message(error));
+}
+
+/// Closes a descriptor when an exception leaves its scope; everywhere else it is closed by hand,
+/// because closing can fail.
+class Descriptor {
+ public:
+  Descriptor(Files& files, int fd) : files_(files), fd_(fd) {}
+  ~Descriptor() {
+    if (fd_ >= 0) files_.Close(fd_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+
+  [[nodiscard]] int get() const { return fd_; }
+  /// Linux closes the descriptor whatever it returns, so there is no second try.
+  [[nodiscard]] int Close() { return files_.Close(std::exchange(fd_, -1)); }
+
+ private:
+  Files& files_;
+  int fd_;
+};
+
+}  // namespace
+
+StoreFile::StoreFile(std::string folder, const std::string& name, Files& files)
+    : folder_(std::move(folder)),
+      path_(folder_ + "/" + name),
+      aside_(path_ + ".new"),
+      files_(files) {}
+
+std::optional<std::string> StoreFile::Read() const {
+  // O_NONBLOCK: a pipe in the file's place must not hold up the start.
+  Descriptor file(files_,
+                  Retry([&] { return files_.Open(path_, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0); }));
+  if (file.get() < 0) {
+    if (errno == ENOENT) return std::nullopt;
+    Fail("open", path_, errno);
+  }
+  struct stat status {};
+  if (files_.Fstat(file.get(), status) != 0) Fail("examine", path_, errno);
+  if (!S_ISREG(status.st_mode)) {
+    throw ExceptionValidation("storage file \"" + path_ + "\": expected a regular file, found " +
+                              (S_ISDIR(status.st_mode) ? "a folder" : "something else"));
+  }
+  const auto too_large = [&](std::size_t size) {
+    return ExceptionValidation("storage file \"" + path_ + "\": expected at most " +
+                               std::to_string(kMaxFileSize) + " bytes, found " +
+                               std::to_string(size) + " or more");
+  };
+  const auto size = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
+  if (size > kMaxFileSize) throw too_large(size);
+  std::string text;
+  text.reserve(size);
+  std::array<char, 16384> block;
+  for (;;) {
+    const ssize_t count =
+        Retry([&] { return files_.Read(file.get(), block.data(), block.size()); });
+    if (count < 0) Fail("read", path_, errno);
+    if (count == 0) break;
+    text.append(block.data(), static_cast<std::size_t>(count));
+    if (text.size() > kMaxFileSize) throw too_large(text.size());
+  }
+  return text;
+}
+
+void StoreFile::Replace(std::string_view text) const {
+  if (text.size() > kMaxFileSize) {
+    throw ExceptionPhysicalStorageError("storage file \"" + path_ + "\": can hold at most " +
+                                        std::to_string(kMaxFileSize) + " bytes, not " +
+                                        std::to_string(text.size()));
+  }
+  try {
+    WriteAside(text);
+    if (Retry([&] { return files_.Rename(aside_, path_); }) != 0) Fail("replace", path_, errno);
+  } catch (const ExceptionPhysicalStorageError&) {
+    RemoveLeftover();
+    throw;
+  }
+  SyncFolder();
+}
+
+void StoreFile::WriteAside(std::string_view text) const {
+  Descriptor file(files_, Retry([&] {
+                    return files_.Open(
+                        aside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode);
+                  }));
+  if (file.get() < 0) Fail("create", aside_, errno);
+  while (!text.empty()) {
+    const ssize_t count = Retry([&] { return files_.Write(file.get(), text.data(), text.size()); });
+    if (count <= 0) Fail("write", aside_, count < 0 ? errno : ENOSPC);
+    text.remove_prefix(static_cast<std::size_t>(count));
+  }
+  // The content before the name: a file system may otherwise make the rename last and the content
+  // not.
+  if (Retry([&] { return files_.Fsync(file.get()); }) != 0) Fail("write", aside_, errno);
+  if (file.Close() != 0 && errno != EINTR) Fail("close", aside_, errno);
+}
+
+void StoreFile::SyncFolder() const {
+  Descriptor folder(
+      files_, Retry([&] { return files_.Open(folder_, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0); }));
+  if (folder.get() < 0) Fail("open", folder_, errno);
+  if (Retry([&] { return files_.Fsync(folder.get()); }) != 0) Fail("write", folder_, errno);
+}
+
+void StoreFile::RemoveLeftover() const noexcept {
+  files_.Unlink(aside_);
+}
+
+}  // namespace ara::per

@@ -1,0 +1,152 @@
+#include "platform/linux/per/json_text.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <string>
+#include <vector>
+
+namespace ara::per {
+namespace {
+
+using ::testing::HasSubstr;
+
+TEST(JsonText, every_type_and_its_extremes_come_back) {
+  Values values;
+  values.emplace("bool", KvsType(true));
+  values.emplace("u8", KvsType(std::uint8_t{255}));
+  values.emplace("u16", KvsType(std::uint16_t{65535}));
+  values.emplace("u32", KvsType(std::uint32_t{4294967295U}));
+  values.emplace("u64", KvsType(std::numeric_limits<std::uint64_t>::max()));
+  values.emplace("s8", KvsType(std::int8_t{-128}));
+  values.emplace("s16", KvsType(std::int16_t{-32768}));
+  values.emplace("s32", KvsType(std::numeric_limits<std::int32_t>::min()));
+  values.emplace("s64", KvsType(std::numeric_limits<std::int64_t>::min()));
+  values.emplace("float", KvsType(0.1F));
+  values.emplace("largest float", KvsType(-std::numeric_limits<float>::max()));
+  values.emplace("double", KvsType(48.123456789012345));
+  values.emplace("smallest double", KvsType(std::numeric_limits<double>::denorm_min()));
+  values.emplace("infinite", KvsType(-std::numeric_limits<double>::infinity()));
+  values.emplace("text \"\\\n\t\x01\u00e4\u20ac", KvsType("\"quoted\" \\ \n \u00e4"));
+  values.emplace("empty text", KvsType(""));
+  values.emplace("binary", KvsType(std::vector<std::uint8_t>{0, 255, 16, 1}));
+  values.emplace("empty binary", KvsType(nullptr, 0));
+
+  const Values back = ParseValues(ToText(values), "file");
+
+  EXPECT_EQ(back, values);
+  EXPECT_EQ(back.at("u8").GetType(), KvsType::Type::kUInt8);
+  const auto nan = ParseValues(ToText({{"nan", KvsType(std::nan(""))}}), "file");
+  EXPECT_TRUE(std::isnan(nan.at("nan").GetDouble()));
+  EXPECT_TRUE(ParseValues(ToText({}), "file").empty());
+}
+
+TEST(JsonText, is_written_one_line_a_key) {
+  EXPECT_EQ(ToText({{"b", KvsType(std::uint32_t{1000})},
+                    {"a", KvsType(std::vector<std::uint8_t>{0xAB, 0})}}),
+            "{\n"
+            "  \"a\": {\"type\": \"Binary\", \"value\": \"ab00\"},\n"
+            "  \"b\": {\"type\": \"UInt32\", \"value\": 1000}\n"
+            "}\n");
+}
+
+TEST(JsonText, what_is_not_a_store_is_refused_with_the_place_and_what_was_expected) {
+  const std::string deep(1'000'000, '[');
+  const struct {
+    std::string text;
+    const char* expected;
+  } cases[] = {
+      {"", "line 1, column 1"},
+      {"{\n  \"a\": {\"type\": \"UInt8\" \"value\": 1}\n}", "line 2, column"},
+      {"{\"a\": {\"type\": \"UInt8\", \"value\": 1}} x", "line 1, column"},
+      {"\xff", "line 1, column 1"},
+      {"[]", "expected an object with one entry per key, found an array"},
+      {"5", "expected an object with one entry per key, found a number"},
+      {deep, "expected an object with one entry per key, found an array"},
+      {R"({"a": 1})", R"(key "a" is not an object with "type" and "value" but a number)"},
+      {R"({"a": {"type": "UInt8"}})", R"(key "a" has no "value")"},
+      {R"({"a": {"value": 1}})", R"(key "a" has no "type")"},
+      {R"({"a": {"type": "uint8", "value": 1}})",
+       R"(key "a" has the unknown type "uint8", expected one of Boolean, UInt8)"},
+      {R"({"a": {"type": 7, "value": 1}})", R"(key "a" has as "type" a number)"},
+      {R"({"a": {"type": "UInt8", "value": 1, "unit": "m"}})", R"(key "a" has a member "unit")"},
+      {R"({"a": {"type": "UInt8", "value": 1, "value": 2}})", R"(key "a" has its "value" twice)"},
+      {R"({"a": {"type": "UInt8", "value": 1}, "a": {"type": "UInt8", "value": 1}})",
+       R"(key "a" is there twice)"},
+      {R"({"a": {"type": "UInt8", "value": {}}})", R"(key "a" has as "value" an object)"},
+      {R"({"a": {"type": "UInt8", "value": [1]}})", R"(key "a" has as "value" an array)"},
+      {R"({"a": {"type": "UInt8", "value": 256}})",
+       R"(key "a" of type UInt8 needs as value an integer from 0 to 255)"},
+      {R"({"a": {"type": "UInt8", "value": -1}})", "an integer from 0 to 255"},
+      {R"({"a": {"type": "UInt32", "value": 1.5}})", "an integer from 0 to 4294967295"},
+      {R"({"a": {"type": "UInt64", "value": 18446744073709551616}})",
+       "an integer from 0 to 18446744073709551615"},
+      {R"({"a": {"type": "SInt64", "value": 9223372036854775808}})",
+       "an integer from -9223372036854775808"},
+      {R"({"a": {"type": "SInt16", "value": "1"}})", "an integer from -32768 to 32767"},
+      {R"({"a": {"type": "Boolean", "value": 1}})", "true or false"},
+      {R"({"a": {"type": "String", "value": null}})", "a text"},
+      {R"({"a": {"type": "Float", "value": 1e39}})", "a number that a float can hold"},
+      {R"({"a": {"type": "Double", "value": "1"}})", "a number, \"NaN\""},
+      {R"({"a": {"type": "Double", "value": 1e999}})",
+       R"(key "a" has a number that no type can hold)"},
+      {R"({"a": {"type": "Binary", "value": "abc"}})", "pairs of hexadecimal digits"},
+      {R"({"a": {"type": "Binary", "value": "+1-1"}})", "pairs of hexadecimal digits"},
+  };
+  for (const auto& [text, expected] : cases) {
+    try {
+      (void)ParseValues(text, "/store/POS.json");
+      ADD_FAILURE() << "accepted: " << text.substr(0, 100);
+    } catch (const ExceptionValidation& error) {
+      EXPECT_THAT(error.what(), HasSubstr("storage file \"/store/POS.json\": "))
+          << text.substr(0, 100);
+      EXPECT_THAT(error.what(), HasSubstr(expected)) << text.substr(0, 100);
+    } catch (const std::exception& error) {
+      ADD_FAILURE() << text.substr(0, 100) << ": " << error.what();
+    }
+  }
+}
+
+TEST(KvsType, a_mistyped_getter_names_both_types_and_nothing_is_converted) {
+  const KvsType value(std::int32_t{5});
+  EXPECT_EQ(value.GetType(), KvsType::Type::kSInt32);
+  EXPECT_EQ(value.GetStatus(), KvsType::Status::kSuccess);
+  EXPECT_EQ(value.GetSInt(), 5);
+  try {
+    (void)value.GetUInt();
+    ADD_FAILURE();
+  } catch (const ExceptionLogicError& error) {
+    EXPECT_STREQ(error.what(), "value of type SInt32 was read as UInt8, UInt16 or UInt32");
+  }
+  EXPECT_THROW((void)value.GetSInt64(), ExceptionLogicError);
+  EXPECT_THROW((void)KvsType(1.5F).GetDouble(), ExceptionLogicError);
+  EXPECT_THROW((void)KvsType().GetBool(), ExceptionLogicError);
+  EXPECT_NE(KvsType().GetStatus(), KvsType::Status::kSuccess);
+  EXPECT_EQ(KvsType("literal").GetType(), KvsType::Type::kString);
+}
+
+TEST(KvsType, type_numbers_are_those_of_the_platform) {
+  EXPECT_EQ(static_cast<int>(KvsType(true).GetType()), 13);
+  EXPECT_EQ(static_cast<int>(KvsType(std::uint8_t{}).GetType()), 7);
+  EXPECT_EQ(static_cast<int>(KvsType(std::uint16_t{}).GetType()), 8);
+  EXPECT_EQ(static_cast<int>(KvsType(std::uint32_t{}).GetType()), 9);
+  EXPECT_EQ(static_cast<int>(KvsType(std::uint64_t{}).GetType()), 10);
+  EXPECT_EQ(static_cast<int>(KvsType("").GetType()), 11);
+  EXPECT_EQ(static_cast<int>(KvsType(nullptr, 0).GetType()), 12);
+  EXPECT_EQ(static_cast<int>(KvsType(0.0).GetType()), 2);
+}
+
+TEST(KvsType, a_binary_is_copied_into_a_buffer_that_holds_it) {
+  const std::uint8_t bytes[] = {1, 2, 3};
+  const KvsType value(bytes, sizeof bytes);
+  std::vector<std::uint8_t> buffer(5, 9);
+  EXPECT_EQ(value.GetBinary(buffer.data(), buffer.size()), 3U);
+  EXPECT_EQ(buffer, (std::vector<std::uint8_t>{1, 2, 3, 9, 9}));
+  EXPECT_THROW(value.GetBinary(buffer.data(), 2), ExceptionLogicError);
+  EXPECT_EQ(KvsType(nullptr, 0).GetBinary(nullptr, 0), 0U);
+}
+
+}  // namespace
+}  // namespace ara::per

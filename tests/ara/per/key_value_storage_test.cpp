@@ -1,0 +1,258 @@
+#include "ara/per/key_value_storage.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <array>
+#include <csignal>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+
+namespace ara::per {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+namespace fs = std::filesystem;
+
+template <typename Error, typename Call>
+std::string TextOf(Call call) {
+  try {
+    call();
+  } catch (const Error& error) {
+    return error.what();
+  } catch (const std::exception& error) {
+    return std::string("another exception: ") + error.what();
+  }
+  return "no exception";
+}
+
+class KeyValueStorageTest : public ::testing::Test {
+ protected:
+  KeyValueStorageTest() {
+    std::string name = (fs::temp_directory_path() / "pos-per-XXXXXX").string();
+    root_ = ::mkdtemp(name.data());
+    folder_ = root_ / "store";
+    fs::create_directory(folder_);
+    fs::create_directory(root_ / "initdata");
+    ::setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
+    ::setenv("POS_INITDATA_DIR", (root_ / "initdata").c_str(), 1);
+  }
+  ~KeyValueStorageTest() override { fs::remove_all(root_); }
+
+  static std::string Read(const fs::path& path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+  }
+  static void Write(const fs::path& path, std::string_view text) {
+    std::ofstream(path, std::ios::binary) << text;
+  }
+
+  fs::path root_;
+  fs::path folder_;
+};
+
+TEST_F(KeyValueStorageTest, values_last_after_sync_only) {
+  {
+    KeyValueStorage storage("Port");
+    EXPECT_FALSE(storage.HasKey("a"));
+    EXPECT_EQ(storage.GetValue("a").GetStatus(), KvsType::Status::kNotFound);
+    storage.SetValue("b", KvsType(std::uint32_t{1000}));
+    storage.SetValue("a", KvsType(true));
+    storage.SyncToStorage();
+    storage.SetValue("c", KvsType("lost"));
+    storage.RemoveKey("a");
+    EXPECT_FALSE(storage.HasKey("a"));
+  }
+  KeyValueStorage storage("Port");
+  EXPECT_THAT(storage.GetAllKeys(), ElementsAre("a", "b"));
+  EXPECT_TRUE(storage.GetValue("a").GetBool());
+  storage.RemoveKey("b");
+  storage.RemoveKey("never there");
+  storage.SyncToStorage();
+  EXPECT_THAT(KeyValueStorage("Port").GetAllKeys(), ElementsAre("a"));
+  EXPECT_TRUE(KeyValueStorage("Other_Port").GetAllKeys().empty());
+}
+
+TEST_F(KeyValueStorageTest, sync_writes_when_something_changed_and_leaves_one_file) {
+  KeyValueStorage storage("Port");
+  storage.SyncToStorage();
+  EXPECT_FALSE(fs::exists(folder_ / "Port.json"));
+  storage.SetValue("a", KvsType(true));
+  storage.SyncToStorage();
+  struct stat first {};
+  ASSERT_EQ(::stat((folder_ / "Port.json").c_str(), &first), 0);
+  storage.SyncToStorage();
+  struct stat second {};
+  ASSERT_EQ(::stat((folder_ / "Port.json").c_str(), &second), 0);
+  EXPECT_EQ(first.st_ino, second.st_ino);
+  EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 1);
+}
+
+TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fails) {
+  const fs::path deep = root_ / "a" / "b" / "c";
+  ::setenv("POS_STORAGE_DIR", (deep.string() + "/").c_str(), 1);
+  EXPECT_THAT(TextOf<ExceptionStorageLocationNotFound>([] { KeyValueStorage("Port"); }),
+              HasSubstr("was not there; it has been created"));
+  KeyValueStorage storage("Port");
+  storage.SetValue("a", KvsType(true));
+  storage.SyncToStorage();
+  EXPECT_TRUE(fs::exists(deep / "Port.json"));
+}
+
+TEST_F(KeyValueStorageTest, a_folder_that_cannot_be_created_fails_each_time_with_the_reason) {
+  Write(root_ / "file", "");
+  for (const auto& folder : {root_ / "file", root_ / "file" / "below"}) {
+    ::setenv("POS_STORAGE_DIR", folder.c_str(), 1);
+    for (int attempt = 0; attempt < 2; ++attempt) {
+      EXPECT_THAT(TextOf<ExceptionStorageLocationNotFound>([] { KeyValueStorage("Port"); }),
+                  HasSubstr("cannot be created: Not a directory"));
+    }
+  }
+}
+
+TEST_F(KeyValueStorageTest, the_folder_comes_from_the_environment_in_order) {
+  const auto folder_named = [] {
+    return TextOf<ExceptionStorageLocationNotFound>([] { KeyValueStorage("Port"); });
+  };
+  ::setenv("STATE_DIRECTORY", (root_ / "systemd:/elsewhere").c_str(), 1);
+  ::setenv("XDG_STATE_HOME", (root_ / "xdg").c_str(), 1);
+  const char* home = std::getenv("HOME");
+  const std::string old_home = home != nullptr ? home : "";
+  ::setenv("HOME", (root_ / "home").c_str(), 1);
+  ::unsetenv("POS_STORAGE_DIR");
+  EXPECT_THAT(folder_named(), HasSubstr("\"" + (root_ / "systemd").string() + "\" was not there"));
+  ::unsetenv("STATE_DIRECTORY");
+  EXPECT_THAT(folder_named(),
+              HasSubstr("\"" + (root_ / "xdg" / "pos").string() + "\" was not there"));
+  ::unsetenv("XDG_STATE_HOME");
+  EXPECT_THAT(folder_named(),
+              HasSubstr("\"" + (root_ / "home/.local/state/pos").string() + "\" was not there"));
+  ::unsetenv("HOME");
+  EXPECT_THAT(folder_named(), HasSubstr("none of POS_STORAGE_DIR"));
+  ::setenv("HOME", old_home.c_str(), 1);
+}
+
+TEST_F(KeyValueStorageTest, first_values_fill_a_missing_store_only) {
+  const fs::path seed = root_ / "initdata" / "initdata-Port.json";
+  Write(seed, R"({"a": {"type": "UInt8", "value": 1}})");
+  {
+    KeyValueStorage storage("Port");
+    EXPECT_EQ(storage.GetValue("a").GetUInt(), 1U);
+    storage.SyncToStorage();
+  }
+  Write(seed, R"({"a": {"type": "UInt8", "value": 2}})");
+  EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetUInt(), 1U);
+  fs::remove(folder_ / "Port.json");
+  Write(seed, "{");
+  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+              HasSubstr(seed.string() + "\": parse error at line 1"));
+}
+
+TEST_F(KeyValueStorageTest, a_file_that_is_not_a_store_is_refused_and_left_as_it_is) {
+  const fs::path file = folder_ / "Port.json";
+  for (const std::string text :
+       {"", "{\"a\": ", "\0\0\0\0", "{\"a\": {\"type\": \"UInt8\", \"value\": 300}}"}) {
+    Write(file, text);
+    EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+                HasSubstr(file.string()));
+    EXPECT_EQ(Read(file), text);
+  }
+  Write(file, "");
+  fs::resize_file(file, 100'000'000);
+  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+              HasSubstr("expected at most 16777216 bytes, found 100000000"));
+  EXPECT_EQ(fs::file_size(file), 100'000'000U);
+
+  fs::remove(file);
+  fs::create_directory(file);
+  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+              HasSubstr("expected a regular file, found a folder"));
+  fs::remove(file);
+  ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
+  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+              HasSubstr("expected a regular file"));
+  fs::remove(file);
+  fs::create_symlink("Port.json", file);
+  EXPECT_THAT(TextOf<ExceptionPhysicalStorageError>([] { KeyValueStorage("Port"); }),
+              HasSubstr("cannot open"));
+}
+
+TEST_F(KeyValueStorageTest, a_failed_sync_keeps_the_old_file_and_the_new_values) {
+  KeyValueStorage storage("Port");
+  storage.SetValue("a", KvsType(std::uint8_t{1}));
+  storage.SyncToStorage();
+  const std::string before = Read(folder_ / "Port.json");
+  storage.SetValue("a", KvsType(std::string(20'000, 'x')));
+
+  // A file system that is full after the first bytes: the write comes back short, the next one
+  // fails.
+  rlimit old_limit{};
+  ASSERT_EQ(::getrlimit(RLIMIT_FSIZE, &old_limit), 0);
+  const rlimit small{1000, old_limit.rlim_max};
+  auto* const old_handler = std::signal(SIGXFSZ, SIG_IGN);
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &small), 0);
+  const std::string error = TextOf<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); });
+  ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &old_limit), 0);
+  std::signal(SIGXFSZ, old_handler);
+
+  EXPECT_EQ(error, "storage: cannot write \"" + (folder_ / "Port.json.new").string() +
+                       "\": File too large");
+  EXPECT_EQ(Read(folder_ / "Port.json"), before);
+  EXPECT_FALSE(fs::exists(folder_ / "Port.json.new"));
+  storage.SyncToStorage();
+  EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString().size(), 20'000U);
+
+  storage.SetValue("a", KvsType(std::string(std::size_t{17} << 20, 'x')));
+  EXPECT_THAT(TextOf<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); }),
+              HasSubstr("can hold at most"));
+  EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString().size(), 20'000U);
+}
+
+TEST_F(KeyValueStorageTest, a_leftover_of_an_interrupted_sync_is_removed) {
+  Write(folder_ / "Port.json", "{}");
+  Write(folder_ / "Port.json.new", "{\"half");
+  EXPECT_TRUE(KeyValueStorage("Port").GetAllKeys().empty());
+  EXPECT_FALSE(fs::exists(folder_ / "Port.json.new"));
+}
+
+TEST_F(KeyValueStorageTest, what_could_not_be_read_back_is_not_taken) {
+  KeyValueStorage storage("Port");
+  EXPECT_THROW(storage.SetValue("", KvsType(true)), ExceptionLogicError);
+  EXPECT_THROW(storage.SetValue("a", KvsType()), ExceptionLogicError);
+  EXPECT_THROW(storage.SetValue("a", KvsType("\xff")), ExceptionLogicError);
+  EXPECT_THROW(storage.SetValue("\xc3", KvsType(true)), ExceptionLogicError);
+  for (const auto* port : {"", ".hidden", "a/b", ".."}) {
+    EXPECT_THROW(KeyValueStorage{port}, ExceptionLogicError) << port;
+  }
+}
+
+TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
+  KeyValueStorage storage("Port");
+  std::array<std::thread, 4> threads;
+  for (std::size_t thread = 0; thread < threads.size(); ++thread) {
+    threads[thread] = std::thread([&storage, thread] {
+      for (std::uint32_t i = 0; i < 50; ++i) {
+        storage.SetValue("key" + std::to_string(thread), KvsType(i));
+        storage.SyncToStorage();
+      }
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  KeyValueStorage again("Port");
+  EXPECT_EQ(again.GetAllKeys().size(), threads.size());
+  for (const auto& key : again.GetAllKeys())
+    EXPECT_EQ(again.GetValue(key).GetUInt(), 49U);
+}
+
+}  // namespace
+}  // namespace ara::per
