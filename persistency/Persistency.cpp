@@ -153,7 +153,7 @@ void Persistency::remove(const std::string& key) {
 bool Persistency::controlledSaveBinaryData(const std::vector<std::uint8_t>& data,
                                            const std::string& key) {
   const bool saved = saveBinaryData(data, key);
-  if (callback_) callback_();
+  if (saved && callback_) callback_();
   return saved;
 }
 
@@ -205,7 +205,8 @@ bool Persistency::readEntry(const std::string& key, KvsType::Type type, Extract 
     return false;
   }
   try {
-    logger_.LogInfo() << "Got entry " + key + "=" + extract(value);
+    const std::string text = extract(value);  // first: a message is sent even when this throws
+    logger_.LogInfo() << "Got entry " + key + "=" + text;
     return true;
   } catch (const std::exception& error) {
     logger_.LogInfo() << "Unable to extract value for key " + key + error.what();

@@ -85,8 +85,8 @@ class Persistency {
   void setStoringAllowed(bool allowed);
   [[nodiscard]] bool isStoringAllowed() const { return storingAllowed_; }
 
-  /// The owner callback is called at the end of each controlled save, on the saving thread. It must
-  /// not replace itself.
+  /// The owner callback is called after each controlled save that succeeded, on the saving thread.
+  /// It must not replace itself.
   void setCallback(std::function<void()> callback);
 
   /// Does nothing but log while storing is forbidden.

@@ -1,0 +1,142 @@
+#include "app/ComponentClientWrapper.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "phm/application_instance.h"
+
+namespace {
+
+constexpr const char* kPrepareShutdown = "kPrepSD";
+constexpr const char* kOnState = "kOn";
+
+constexpr std::uint32_t kAccepted = 0;
+constexpr std::uint32_t kAlreadyPreparing = 1;
+
+}  // namespace
+
+ComponentClientWrapper::ComponentClientWrapper(Persistency* persistency, PrepareCallback prepare)
+    : logger_(ara::log::CreateLogger("CCSW", "ComponentClietWrapper class own context")),
+      persistency_(persistency),
+      prepareCallback_(std::move(prepare)) {
+  // The first request may come before the client is here; it waits for the lock.
+  const std::lock_guard lock(mutex_);
+  client_ =
+      ara::stm::createComponentClient(ara::core::InstanceSpecifier(kApplicationInstance),
+                                      [this](const std::string& newState, std::uint32_t seqNum) {
+                                        componentStateChangeRequest(newState, seqNum);
+                                      });
+}
+
+ComponentClientWrapper::~ComponentClientWrapper() {
+  waitForPreparation();
+  std::unique_ptr<ara::stm::ComponentClient> client;
+  {
+    const std::lock_guard lock(mutex_);
+    client = std::move(client_);
+  }
+  client.reset();        // waits for a request under way, which needs the lock
+  waitForPreparation();  // of such a request
+  persistency_->setCallback({});
+}
+
+void ComponentClientWrapper::componentStateChangeRequest(const std::string& newState,
+                                                         std::uint32_t seqNum) {
+  logger_.LogInfo() << "componentStateChangeRequest newState = " << newState
+                    << " seqNum = " << seqNum;
+  const std::lock_guard lock(mutex_);
+  if (newState != kPrepareShutdown) {
+    if (newState == kOnState && state_ == State::kOn) {
+      confirm(seqNum, newState, kAccepted);
+      return;
+    }
+    switchOn(seqNum, newState);
+    return;
+  }
+  switch (state_) {
+    case State::kOn:
+      if (prepareCallback_ && prepareCallback_()) {
+        finishPreparation(seqNum);
+      } else {
+        startPreparation(seqNum);
+      }
+      break;
+    case State::kTransitionPending:
+      confirm(seqNum, newState, kAlreadyPreparing);
+      break;
+    case State::kPreparedForShutdown:
+      confirm(seqNum, newState, kAccepted);
+      break;
+  }
+}
+
+void ComponentClientWrapper::switchOn(std::uint32_t seqNum, const std::string& newState) {
+  if (state_ == State::kTransitionPending) persistency_->setCallback({});
+  persistency_->setStoringAllowed(true);
+  state_ = State::kOn;
+  wakePreparation();
+  confirm(seqNum, newState, kAccepted);
+}
+
+void ComponentClientWrapper::finishPreparation(std::uint32_t seqNum) {
+  persistency_->setStoringAllowed(false);
+  state_ = State::kPreparedForShutdown;
+  confirm(seqNum, kPrepareShutdown, kAccepted);
+}
+
+void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
+  persistency_->setCallback([this] { wakePreparation(); });
+  state_ = State::kTransitionPending;
+  preparedSeqNum_ = seqNum;
+  deadline_ = Clock::now() + kWaitLimit;
+  {
+    const std::lock_guard wakeLock(wakeMutex_);
+    woken_ = false;
+  }
+  if (preparing_) return;
+  preparing_ = true;
+  preparation_ = std::async(std::launch::async, &ComponentClientWrapper::prepare, this);
+}
+
+void ComponentClientWrapper::prepare() {
+  std::unique_lock lock(mutex_);
+  while (state_ == State::kTransitionPending) {
+    const auto deadline = deadline_;
+    lock.unlock();
+    const bool woken = waitUntil(std::min(deadline, Clock::now() + kAskPeriod));
+    lock.lock();
+    if (state_ != State::kTransitionPending || deadline_ != deadline) continue;  // a newer request
+    const bool ready = prepareCallback_ ? prepareCallback_() : woken;
+    if (ready || Clock::now() >= deadline) finishPreparation(preparedSeqNum_);
+  }
+  preparing_ = false;
+}
+
+bool ComponentClientWrapper::waitUntil(Clock::time_point time) {
+  std::unique_lock lock(wakeMutex_);
+  wake_.wait_until(lock, time, [this] { return woken_; });
+  return std::exchange(woken_, false);
+}
+
+void ComponentClientWrapper::wakePreparation() {
+  {
+    const std::lock_guard lock(wakeMutex_);
+    woken_ = true;
+  }
+  wake_.notify_one();
+}
+
+void ComponentClientWrapper::waitForPreparation() {
+  std::future<void> preparation;
+  {
+    const std::lock_guard lock(mutex_);
+    preparation = std::move(preparation_);
+  }
+  if (preparation.valid()) preparation.wait();
+}
+
+void ComponentClientWrapper::confirm(std::uint32_t seqNum,
+                                     const std::string& newState,
+                                     std::uint32_t result) {
+  if (client_) client_->confirm(seqNum, newState, result);
+}

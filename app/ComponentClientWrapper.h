@@ -1,0 +1,80 @@
+/// Follows the component states that state management asks for.
+#pragma once
+
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include "ara/log/logger.h"
+#include "ara/stm/component_client.h"
+#include "persistency/Persistency.h"
+
+/// Allows storing while the application is on and forbids it once it is prepared for shutdown.
+///
+/// "kPrepSD" asks the prepare callback. When it says that the owner is ready, the request ends at
+/// once. Otherwise a preparation goes on in a thread of its own: it asks again every second and
+/// after each controlled save of the persistency (without a callback such a save is enough) and is
+/// over when the callback agrees, at the latest after 5 s. Any other state ends a preparation; its
+/// request then gets no confirmation of its own.
+class ComponentClientWrapper {
+ public:
+  /// Whether the owner is ready for shutdown. Called under the lock of the requests, which also
+  /// serialises the access to the persistency: it may store, but neither make a request nor wait
+  /// for one.
+  using PrepareCallback = std::function<bool()>;
+
+  /// Connects to state management, whose requests may arrive from now on. `persistency` is not
+  /// owned and must outlive this object; its owner callback belongs to this object.
+  ComponentClientWrapper(Persistency* persistency, PrepareCallback prepare);
+  /// Waits for a preparation (up to 5 s) and for a request under way.
+  ~ComponentClientWrapper();
+  ComponentClientWrapper(const ComponentClientWrapper&) = delete;
+  ComponentClientWrapper& operator=(const ComponentClientWrapper&) = delete;
+
+  /// "kPrepSD", or any other name for "kOn". Confirmed to state management with 0 (accepted) or 1
+  /// (a preparation is running already). Any thread may call.
+  void componentStateChangeRequest(const std::string& newState, std::uint32_t seqNum);
+
+ private:
+  enum class State : std::uint32_t { kOn = 0, kTransitionPending = 1, kPreparedForShutdown = 2 };
+
+  using Clock = std::chrono::steady_clock;
+
+  static constexpr std::chrono::seconds kWaitLimit{5};
+  static constexpr std::chrono::seconds kAskPeriod{1};
+
+  void switchOn(std::uint32_t seqNum, const std::string& newState);
+  void finishPreparation(std::uint32_t seqNum);
+  void startPreparation(std::uint32_t seqNum);
+  void prepare();
+  [[nodiscard]] bool waitUntil(Clock::time_point time);
+  void wakePreparation();
+  void waitForPreparation();
+  void confirm(std::uint32_t seqNum, const std::string& newState, std::uint32_t result);
+
+  std::unique_ptr<ara::stm::ComponentClient> client_;  ///< guarded by mutex_
+  ara::log::Logger& logger_;
+  State state_ = State::kOn;  ///< guarded by mutex_
+  /// Guards the state and every request to its end, and what the preparation works on. A
+  /// confirmation under it cannot come back: it neither waits nor calls the handler.
+  std::mutex mutex_;
+  Persistency* persistency_;
+  PrepareCallback prepareCallback_;
+  std::future<void> preparation_;  ///< guarded by mutex_
+
+  // Guarded by mutex_: the request that a preparation works for. A running one goes on with the
+  // newest, so that no request has to wait for its end.
+  bool preparing_ = false;
+  std::uint32_t preparedSeqNum_ = 0;
+  Clock::time_point deadline_;
+
+  /// Guards woken_. Apart from mutex_, because a prepare callback that stores gets here under it.
+  std::mutex wakeMutex_;
+  std::condition_variable wake_;
+  bool woken_ = false;
+};

@@ -1,0 +1,38 @@
+#include "app/Signal_thread.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+namespace {
+
+sigset_t handledSignals() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
+    sigaddset(&signals, signal);
+  return signals;
+}
+
+}  // namespace
+
+void Signal_thread::blockSignals() {
+  const sigset_t signals = handledSignals();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
+Signal_thread::Signal_thread(Handler handler)
+    : thread_([this, handler] {
+        const sigset_t signals = handledSignals();
+        for (;;) {
+          int signal = 0;
+          if (sigwait(&signals, &signal) != 0) continue;
+          if (ending_) return;
+          handler(signal);
+        }
+      }) {}
+
+Signal_thread::~Signal_thread() {
+  ending_ = true;
+  pthread_kill(thread_.native_handle(), SIGTERM);
+  thread_.join();
+}

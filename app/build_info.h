@@ -1,0 +1,14 @@
+/// What the build knows about itself, for the start-up log.
+#pragma once
+
+#include <string_view>
+
+namespace build_info {
+
+extern const std::string_view version;
+extern const std::string_view build_time;
+extern const std::string_view middleware_release;
+extern const std::string_view dfl_version;
+extern const std::string_view dm_extensions_version;
+
+}  // namespace build_info

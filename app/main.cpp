@@ -1,0 +1,5 @@
+#include "app/posMain.h"
+
+int main(int argc, char** argv) {
+  return posMain(argc, argv);
+}

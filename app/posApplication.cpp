@@ -1,0 +1,139 @@
+#include "app/posApplication.h"
+
+#include <signal.h>
+
+#include <chrono>
+#include <cstdint>
+#include <utility>
+#include <vector>
+
+#include "ara/exec/application_client.h"
+#include "ara/log/logger.h"
+#include "clients/timeutils.h"
+#include "diagnosisService/MonitorTable.h"
+#include "phm/sleep.h"
+
+namespace {
+
+constexpr std::chrono::milliseconds kShutdownPoll{500};
+constexpr std::uint64_t kDataTimeoutMs = 5000;
+
+constexpr std::uint32_t kMonitorInputGnss = 0x83D101;
+constexpr std::uint32_t kMonitorOutputDeadReckoning = 0x83D104;
+constexpr std::uint32_t kMonitorInputTime = 0x83D10B;
+
+constexpr std::size_t kSensorGnss = 0;
+constexpr std::size_t kSensorTimeMaster = 8;
+
+/// The type of a time that carries the platform offset.
+constexpr std::uint32_t kPlatformTime = 2;
+
+}  // namespace
+
+posApplication::posApplication(Persistency persistency)
+    : persistency_(std::move(persistency)), posService_(diagnosisService_) {
+  settings_.emplace(readSettings(persistency_));
+  gnssClient_.setRecievedGNSSDataLogging(settings_->recievedGNSSDataLogging);
+  gnssClient_.setIgnoreGNSSTimestamps(settings_->ignoreGNSSTimestamps);
+  gnssClient_.setUseGNSSDR(settings_->useGNSSDR);
+  posService_.setAlwaysSendAllValidPositions(settings_->alwaysSendAllValidPositions);
+  posService_.setMmNewPositionCalculationIntervalMS(settings_->mmNewPositionCalculationIntervalMS);
+  // Nothing here needs time before a shutdown.
+  componentClient_.emplace(&persistency_, [] { return true; });
+}
+
+int posApplication::run() {
+  const ara::exec::ApplicationClient executionClient;
+  executionClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
+  start();
+
+  for (const std::size_t byte : {12U, 13U, 1U}) {
+    diagnosisService_.setSystemStatus(byte, diagnosisService::kNotAvailable);
+  }
+  diagnosisService::diagnosisServiceImpl::SensorSetup sensors{};
+  sensors[kSensorGnss] = true;
+  sensors[kSensorTimeMaster] = settings_->timeClientEnabled;
+  diagnosisService_.newSensorSetup(sensors);
+  ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
+                         "be processed in receiver threads.";
+
+  while (!shutdown_)
+    sleepResumed(kShutdownPoll);
+
+  stop();
+  executionClient.ReportApplicationState(ara::exec::ApplicationState::kTerminating);
+  return 0;
+}
+
+void posApplication::start() {
+  phmClient_.init();
+  diagnosisService_.init(kDataTimeoutMs);
+  diagnosisService_.startMonitors();
+  outputDefaults_ = {2, 1, 2, 2, 2, 1, 0};
+  posService_.init();
+  initGnssClient();
+  if (settings_->timeClientEnabled) initTimemasterClient();
+}
+
+void posApplication::stop() {
+  posService_.stop();
+  gnssClient_.stop();
+  diagnosisService_.stop();
+  phmClient_.stop();
+  timemasterClient_.stop();
+}
+
+void posApplication::signalHandler(int sigId) {
+  constexpr const char* kReceived = "posApplication::signalHandler, received sigId =";
+  switch (sigId) {
+    case SIGUSR1:
+      ara::log::LogInfo() << kReceived << sigId << ", switching to state 'kPrepSD'";
+      componentClient_->componentStateChangeRequest("kPrepSD", 0);
+      break;
+    case SIGUSR2:
+      ara::log::LogInfo() << kReceived << sigId << ", switching to state 'kOn'";
+      componentClient_->componentStateChangeRequest("kOn", 0);
+      break;
+    default:
+      ara::log::LogInfo() << kReceived << sigId << ", starting gracefull shutdown procedure";
+      shutdown_ = true;
+      diagnosisService_.stop();
+      break;
+  }
+}
+
+void posApplication::initGnssClient() {
+  gnssClient_.setPositionsQualityCallback(
+      [this](const auto&) { diagnosisService_.dataReceived(kMonitorInputGnss); });
+  gnssClient_.setSatInfosCallback(
+      [this](const auto&) { diagnosisService_.dataReceived(kMonitorInputGnss); });
+  gnssClient_.setPositionCallback(
+      [this](const GnssPosition& position) { sendDRPosition(position); });
+  gnssClient_.init();
+}
+
+void posApplication::sendDRPosition(const GnssPosition& position) {
+  ara::log::LogInfo() << "Sending " << (settings_->useGNSSDR ? "GNSS-DR" : "GNSS")
+                      << " input position as POS output DR position.";
+  posService_.sendDR(posService::toPositioning(position, outputDefaults_));
+  diagnosisService_.dataReceived(kMonitorOutputDeadReckoning);
+  diagnosisService_.dataReceived(kMonitorInputGnss);
+}
+
+void posApplication::initTimemasterClient() {
+  timemasterClient_.setTimesCallback([this](const Times& times) { receiveTimes(times); });
+  timemasterClient_.init();
+}
+
+void posApplication::receiveTimes(const Times& times) {
+  {
+    auto line = ara::log::LogInfo();
+    line << "Times struct received from Timemaster: ";
+    times.type ? line << *times.type : line << "type missing, ";
+    times.pltOffset ? line << *times.pltOffset : line << "pltOffset missing";
+  }
+  if (times.type == kPlatformTime && times.pltOffset) {
+    timeutils::instance().setOffset(*times.pltOffset / 1000);
+  }
+  diagnosisService_.dataReceived(kMonitorInputTime);
+}

@@ -1,0 +1,57 @@
+/// The one application object: owns every part, starts and stops them in order, and carries
+/// positions from the GNSS client to the Positioning service.
+#pragma once
+
+#include <atomic>
+#include <optional>
+
+#include "app/ComponentClientWrapper.h"
+#include "app/Settings.h"
+#include "clients/TimemasterClientImpl.h"
+#include "clients/gnssClientImpl.h"
+#include "diagnosisService/diagnosisServiceImpl.h"
+#include "persistency/Persistency.h"
+#include "phm/phmClientImpl.h"
+#include "posService/conversion.h"
+#include "posService/posServiceImpl.h"
+
+class posApplication {
+ public:
+  /// Reads the settings; starts nothing but the connection to state management. The middleware's
+  /// runtime must exist and outlive this object.
+  explicit posApplication(Persistency persistency);
+  posApplication(const posApplication&) = delete;
+  posApplication& operator=(const posApplication&) = delete;
+
+  /// Starts everything, returns after a shutdown signal when everything has stopped. The result is
+  /// the process's exit code, 0.
+  int run();
+
+  /// SIGUSR1 and SIGUSR2 request the states "kPrepSD" and "kOn", every other number the shutdown.
+  /// Any thread may call, also while run() starts or stops.
+  void signalHandler(int sigId);
+
+ private:
+  using GnssPosition = lumo::services::gnss::datatypes::DT_positions_struct;
+  using Times = lumo::services::time::datatypes::DT_times_struct;
+
+  void start();
+  void stop();
+  void initGnssClient();
+  void initTimemasterClient();
+
+  // On workers of the middleware; settings_ and outputDefaults_ do not change any more then.
+  void sendDRPosition(const GnssPosition& position);
+  void receiveTimes(const Times& times);
+
+  Persistency persistency_;
+  gnssClient::gnssClientImpl gnssClient_;
+  diagnosisService::diagnosisServiceImpl diagnosisService_;
+  posServiceImpl posService_;
+  phmClient::phmClientImpl phmClient_;
+  TimemasterClient::TimemasterClientImpl timemasterClient_;
+  posService::OutputDefaults outputDefaults_{};
+  std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()
+  std::optional<Settings> settings_;
+  std::optional<ComponentClientWrapper> componentClient_;
+};

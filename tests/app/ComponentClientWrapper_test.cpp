@@ -1,0 +1,211 @@
+#include "app/ComponentClientWrapper.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <filesystem>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "ara/log/capture.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Confirmation = std::tuple<std::uint32_t, std::string, std::uint32_t>;
+
+/// The far side: what was registered and what was confirmed.
+struct State_management {
+  void confirmed(Confirmation confirmation) {
+    {
+      const std::lock_guard lock(mutex);
+      confirmations.push_back(std::move(confirmation));
+    }
+    changed.notify_all();
+  }
+  /// Waits until `count` confirmations are there and returns all.
+  std::vector<Confirmation> await(std::size_t count) {
+    std::unique_lock lock(mutex);
+    changed.wait_for(lock, 10s, [&] { return confirmations.size() >= count; });
+    return confirmations;
+  }
+
+  std::mutex mutex;  // guards the confirmations
+  std::condition_variable changed;
+  std::vector<Confirmation> confirmations;
+  std::string instance;
+  ara::stm::StateChangeHandler handler;
+  std::thread early;  // a request made before the client is returned
+  bool requestEarly = false;
+  std::atomic<bool> connected{false};
+};
+State_management* management = nullptr;
+
+class Client : public ara::stm::ComponentClient {
+ public:
+  Client() { management->connected = true; }
+  ~Client() override { management->connected = false; }
+  void confirm(std::uint32_t sequenceNumber,
+               const std::string& newState,
+               std::uint32_t result) override {
+    management->confirmed({sequenceNumber, newState, result});
+  }
+};
+
+}  // namespace
+
+std::unique_ptr<ara::stm::ComponentClient> ara::stm::createComponentClient(
+    const core::InstanceSpecifier& instance, StateChangeHandler handler) {
+  management->instance = instance.ToString();
+  management->handler = std::move(handler);
+  if (management->requestEarly) {
+    management->early = std::thread([] { management->handler("kOn", 1); });
+  }
+  return std::make_unique<Client>();
+}
+
+namespace {
+
+class ComponentClientWrapperTest : public testing::Test {
+ protected:
+  ComponentClientWrapperTest() {
+    char pattern[] = "/tmp/component_test_XXXXXX";
+    folder_ = mkdtemp(pattern);
+    setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
+    management = &management_;
+    log_.emplace();
+    persistency_.emplace("POS_Key_Value_Port",
+                         ara::log::CreateLogger("DBAC", "Persistency access"));
+  }
+  ~ComponentClientWrapperTest() override { fs::remove_all(folder_); }
+
+  void request(const std::string& state, std::uint32_t seqNum) {
+    management_.handler(state, seqNum);
+  }
+  void save() { static_cast<void>(persistency_->controlledSaveBinaryData({1}, "b")); }
+
+  State_management management_;
+  fs::path folder_;
+  std::optional<ara::log::Capture> log_;
+  std::optional<Persistency> persistency_;
+};
+
+TEST_F(ComponentClientWrapperTest, an_owner_that_is_ready_is_prepared_within_the_request) {
+  const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
+  EXPECT_EQ(management_.instance, "POS__ORVEL1_Sys_Adaptive_01_instance1");
+
+  request("kOn", 1);  // is on already: the persistency hears nothing
+  EXPECT_THAT(log_->Texts("DBAC"), IsEmpty());
+  request("kPrepSD", 2);
+  EXPECT_FALSE(persistency_->isStoringAllowed());
+  request("kPrepSD", 3);
+  request("kOn", 4);
+  EXPECT_TRUE(persistency_->isStoringAllowed());
+  request("kPrepSD", 5);
+  request("kUnknown", 6);
+  EXPECT_TRUE(persistency_->isStoringAllowed());
+  request("", 7);  // unlike "kOn", an unknown name sets the switch again
+
+  EXPECT_THAT(management_.confirmations,
+              ElementsAre(Confirmation{1, "kOn", 0}, Confirmation{2, "kPrepSD", 0},
+                          Confirmation{3, "kPrepSD", 0}, Confirmation{4, "kOn", 0},
+                          Confirmation{5, "kPrepSD", 0}, Confirmation{6, "kUnknown", 0},
+                          Confirmation{7, "", 0}));
+  EXPECT_THAT(log_->Texts("DBAC"),
+              ElementsAre("Database: storing forbidden", "Database: storing allowed",
+                          "Database: storing forbidden", "Database: storing allowed",
+                          "Database: storing allowed"));
+  const auto record = log_->Records().front();
+  EXPECT_EQ(record.context, "CCSW");
+  EXPECT_EQ(record.level, ara::log::LogLevel::kInfo);
+  EXPECT_THAT(record.arguments,
+              ElementsAre("componentStateChangeRequest newState = ", "kOn", " seqNum = ", "1"));
+}
+
+TEST_F(ComponentClientWrapperTest, a_request_before_the_client_is_returned_is_confirmed) {
+  management_.requestEarly = true;
+  const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
+  management_.early.join();
+  EXPECT_THAT(management_.confirmations, ElementsAre(Confirmation{1, "kOn", 0}));
+}
+
+TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_everything) {
+  // Each answer stores one of eight blobs, more than there are seconds: the next question must
+  // follow the save.
+  std::atomic<bool> busy{true};
+  int unsaved = 8;
+  ComponentClientWrapper wrapper(&*persistency_, [&] {
+    if (busy) return false;
+    save();
+    return --unsaved == 0;
+  });
+  request("kPrepSD", 1);
+  EXPECT_TRUE(persistency_->isStoringAllowed());
+  request("kPrepSD", 2);
+  EXPECT_THAT(management_.await(1), ElementsAre(Confirmation{2, "kPrepSD", 1}));
+  busy = false;
+  EXPECT_THAT(management_.await(2),
+              ElementsAre(Confirmation{2, "kPrepSD", 1}, Confirmation{1, "kPrepSD", 0}));
+  EXPECT_EQ(unsaved, 0);
+  EXPECT_FALSE(persistency_->isStoringAllowed());
+}
+
+TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {
+  ComponentClientWrapper wrapper(&*persistency_, {});
+  request("kPrepSD", 1);
+  request("kOn", 2);
+  save();  // too late to end anything
+  EXPECT_THAT(management_.await(1), ElementsAre(Confirmation{2, "kOn", 0}));
+  EXPECT_TRUE(persistency_->isStoringAllowed());
+
+  // Over and over, whether or not the earlier preparation has noticed its end.
+  for (std::uint32_t round = 0; round < 200; ++round) {
+    request("kPrepSD", 10 + 2 * round);
+    request("kOn", 11 + 2 * round);
+  }
+  request("kPrepSD", 1000);
+  save();
+  const auto confirmations = management_.await(202);
+  ASSERT_EQ(confirmations.size(), 202u);
+  EXPECT_EQ(confirmations.back(), Confirmation(1000, "kPrepSD", 0));
+  EXPECT_FALSE(persistency_->isStoringAllowed());
+}
+
+TEST_F(ComponentClientWrapperTest, destruction_waits_for_a_preparation_at_most_five_seconds) {
+  auto wrapper = std::make_unique<ComponentClientWrapper>(&*persistency_, [] { return false; });
+  const auto start = std::chrono::steady_clock::now();
+  request("kPrepSD", 1);
+  wrapper.reset();
+  const auto waited = std::chrono::steady_clock::now() - start;
+  EXPECT_GE(waited, 5s);
+  EXPECT_LT(waited, 10s);
+  EXPECT_THAT(management_.confirmations, ElementsAre(Confirmation{1, "kPrepSD", 0}));
+  EXPECT_FALSE(management_.connected);
+  save();  // nobody is called any more
+}
+
+TEST_F(ComponentClientWrapperTest, requests_from_several_threads_are_serialised) {
+  constexpr int kThreads = 4;
+  constexpr int kRequests = 250;
+  const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < kThreads; ++thread) {
+    threads.emplace_back([&, thread] {
+      for (int i = 0; i < kRequests; ++i)
+        request((i + thread) % 2 == 0 ? "kPrepSD" : "kOn", 0);
+    });
+  }
+  for (auto& thread : threads)
+    thread.join();
+  EXPECT_EQ(management_.confirmations.size(), std::size_t{kThreads * kRequests});
+  request("kOn", 0);
+  EXPECT_TRUE(persistency_->isStoringAllowed());
+}
+
+}  // namespace
