@@ -9,14 +9,16 @@ namespace posctl {
 
 struct Watch_options {
   bool json = false;
-  std::uint64_t count = 0;  ///< 0: until interrupted
+  std::uint64_t count = 0;  ///< lines; 0: until interrupted
   double timeout = 0;       ///< seconds; 0: none
   std::string field;        ///< "positions" or "posMapInfo"; empty: both
   std::string node = "posctl";
 };
-
 /// Prints each notification of the Positioning service on a line.
 int watch(const Watch_options& options);
+
+/// Prints the manifest in force and every record.
+int describe_deployment(bool as_json);
 
 struct Read_options {
   std::string data_identifier;
@@ -24,8 +26,26 @@ struct Read_options {
   double timeout = 5;  ///< seconds
   std::string node = "posctl";
 };
-
 /// Reads a diagnostic data identifier. Throws std::invalid_argument for one that there is not.
 int read(const Read_options& options);
+
+struct Monitor_options {
+  bool json = false;
+  std::uint64_t count = 0;  ///< lines; 0: until interrupted
+  double timeout = 0;       ///< seconds; 0: none
+  std::string node = "posctl";
+};
+/// Prints each action that a diagnostic monitor reports on a line.
+int monitors(const Monitor_options& options);
+
+struct Init_monitor_options {
+  std::string monitor;  ///< name or identifier
+  unsigned reason = 0;  ///< number of mw::dm::dem::InitMonitorReason
+  double timeout = 5;   ///< seconds
+  std::string node = "posctl";
+};
+/// Does what the diagnostic event manager does when it initialises a monitor. Throws
+/// std::invalid_argument for a monitor that there is not.
+int init_monitor(const Init_monitor_options& options);
 
 }  // namespace posctl

@@ -2,38 +2,80 @@
 #include <CLI/CLI.hpp>
 #include <cstdio>
 #include <exception>
+#include <map>
 
 #include "tools/posctl/Commands.h"
 
+namespace {
+
+void add_node(CLI::App& command, std::string& node) {
+  command.add_option("--node", node, "Node of the manifest")->capture_default_str();
+}
+void add_answer_timeout(CLI::App& command, double& timeout) {
+  command.add_option("--timeout", timeout, "Seconds to wait for service and answer")
+      ->check(CLI::Range(0.0, 1e6))
+      ->capture_default_str();
+}
+template <class Options>
+void add_stream_options(CLI::App& command, Options& options) {
+  command.add_flag("--json", options.json, "One JSON object a line");
+  command.add_option("--count", options.count, "End after so many lines");
+  command
+      .add_option("--timeout", options.timeout, "Seconds after which to give up with exit code 1")
+      ->check(CLI::Range(0.0, 1e9));
+  add_node(command, options.node);
+}
+
+}  // namespace
+
 int main(int argc, char** argv) try {
-  CLI::App app{"Shows what the POS application does."};
+  CLI::App app{"Shows what the POS application does, and what is configured."};
   app.require_subcommand(1);
   app.get_formatter()->column_width(34);
 
   posctl::Watch_options watch;
   auto* watch_command =
       app.add_subcommand("watch", "Print each notification of the Positioning service");
-  watch_command->add_flag("--json", watch.json, "One JSON object a line");
-  watch_command->add_option("--count", watch.count, "End after so many notifications");
-  watch_command
-      ->add_option("--timeout", watch.timeout, "Seconds after which to give up with exit code 1")
-      ->check(CLI::Range(0.0, 1e9));
+  add_stream_options(*watch_command, watch);
   watch_command->add_option("--field", watch.field, "Only this field")
       ->check(CLI::IsMember({"positions", "posMapInfo"}));
-  watch_command->add_option("--node", watch.node, "Node of the manifest")->capture_default_str();
+
+  bool describe_as_json = false;
+  auto* describe_command =
+      app.add_subcommand("describe", "Print nodes, services, ids and records in force");
+  describe_command->add_flag("--json", describe_as_json, "As a JSON object");
 
   posctl::Read_options read;
   auto* read_command = app.add_subcommand("read", "Read a diagnostic data identifier");
   read_command->add_option("did", read.data_identifier, "Such as d_14a0")->required();
   read_command->add_flag("--json", read.json, "As a JSON object");
-  read_command->add_option("--timeout", read.timeout, "Seconds to wait for service and answer")
-      ->check(CLI::Range(0.0, 1e6))
-      ->capture_default_str();
-  read_command->add_option("--node", read.node, "Node of the manifest")->capture_default_str();
+  add_answer_timeout(*read_command, read.timeout);
+  add_node(*read_command, read.node);
+
+  posctl::Monitor_options monitors;
+  auto* monitors_command =
+      app.add_subcommand("monitors", "Print each action that a diagnostic monitor reports");
+  add_stream_options(*monitors_command, monitors);
+
+  posctl::Init_monitor_options init_monitor;
+  auto* init_monitor_command =
+      app.add_subcommand("init-monitor", "Initialise a diagnostic monitor");
+  init_monitor_command
+      ->add_option("monitor", init_monitor.monitor, "Such as POS_Input_GNSS or 0x83D101")
+      ->required();
+  init_monitor_command->add_option("reason", init_monitor.reason, "kClear, kRestart or kReenabled")
+      ->required()
+      ->transform(CLI::CheckedTransformer(
+          std::map<std::string, unsigned>{{"kClear", 0}, {"kRestart", 1}, {"kReenabled", 2}}));
+  add_answer_timeout(*init_monitor_command, init_monitor.timeout);
+  add_node(*init_monitor_command, init_monitor.node);
 
   CLI11_PARSE(app, argc, argv);
   if (watch_command->parsed()) return posctl::watch(watch);
+  if (describe_command->parsed()) return posctl::describe_deployment(describe_as_json);
   if (read_command->parsed()) return posctl::read(read);
+  if (monitors_command->parsed()) return posctl::monitors(monitors);
+  if (init_monitor_command->parsed()) return posctl::init_monitor(init_monitor);
   return 0;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "posctl: %s\n", error.what());

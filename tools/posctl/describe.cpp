@@ -1,0 +1,251 @@
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "clients/GNSS.h"
+#include "clients/Time.h"
+#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/DiagnosticMonitor.h"
+#include "platform/linux/com/manifest.h"
+#include "posService/Positioning.h"
+#include "tools/describe/record_table.h"
+#include "tools/posctl/Commands.h"
+#include "tools/posctl/Record_json.h"
+
+namespace posctl {
+namespace {
+
+std::string hexadecimal(std::uint16_t id) {
+  std::array<char, 8> text{};
+  std::snprintf(text.data(), text.size(), "0x%04X", id);
+  return text.data();
+}
+
+/// What the code says about an element: name and type of what it carries.
+struct Element {
+  std::string_view name;
+  std::string type;
+};
+struct Interface {
+  std::string_view name;
+  std::vector<Element> elements;
+};
+
+class Catalogue {
+ public:
+  Catalogue() {
+    using namespace lumo::services;
+    add<gnss::GNSS>();
+    add<time::Time>();
+    add<positioning::Positioning>();
+    add<diag::d_14a0::DataIdentifier_PositioningStatusInputs>();
+    add<diag::d_14a1::DataIdentifier_PositioningStatusOutputs>();
+    add<diag::d_14a2::DataIdentifier_PositioningMMPos>();
+    add<diag::d_14a3::DataIdentifier_PositioningStatusSystem>();
+    add<diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable>();
+    add<diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>();
+    add<diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>();
+    add<mw::dm::dem::DiagnosticMonitor>();
+  }
+
+  /// Empty for an element that the code does not know.
+  [[nodiscard]] std::string type_of(std::string_view service, std::string_view element) const {
+    for (const auto& interface : interfaces_) {
+      if (interface.name != service) continue;
+      for (const auto& one : interface.elements) {
+        if (one.name == element) return one.type;
+      }
+    }
+    return "";
+  }
+  [[nodiscard]] const std::vector<describe::Table>& records() const { return records_; }
+
+ private:
+  template <class Service>
+  void add() {
+    Interface interface {
+      .name = Service::name, .elements = {}
+    };
+    std::apply([&](const auto&... elements) { (add(interface, elements), ...); },
+               Service::elements);
+    interfaces_.push_back(std::move(interface));
+  }
+  template <class E>
+  void add(Interface& interface, const E& element) {
+    if constexpr (requires { typename E::output_type; }) {
+      using Output = typename E::output_type;
+      std::string type = "no result";
+      if constexpr (!std::is_void_v<Output>) {
+        type = describe::type_name<Output>();
+        add_record<Output>();
+      }
+      interface.elements.push_back({element.name, type});
+    } else {
+      using Value = typename E::value_type;
+      interface.elements.push_back({element.name, describe::type_name<Value>()});
+      add_record<Value>();
+    }
+  }
+  /// The record, those in it, or those that a vector holds.
+  template <class T>
+  void add_record() {
+    if constexpr (binding::Described<T>) {
+      if (!known_.insert(binding::Description<T>::name).second) return;
+      records_.push_back(describe::table_of<T>());
+      binding::for_each_member<T>([&]<class M>(const M&) { add_record<typename M::value_type>(); });
+    } else if constexpr (!std::is_same_v<T, std::string> && requires { typename T::value_type; }) {
+      add_record<typename T::value_type>();
+    }
+  }
+
+  std::vector<Interface> interfaces_;
+  std::vector<describe::Table> records_;
+  std::set<std::string_view> known_;
+};
+
+Json with_type(Json json, std::string type) {
+  if (!type.empty()) json["type"] = std::move(type);
+  return json;
+}
+
+const char* name_of(someip::Transport transport) {
+  return transport == someip::Transport::tcp ? "tcp" : "udp";
+}
+
+Json to_json(const someip::Service_deployment& service, const Catalogue& catalogue) {
+  Json json{{"name", service.name},
+            {"id", hexadecimal(service.id)},
+            {"majorVersion", service.major_version},
+            {"minorVersion", service.minor_version}};
+  for (const auto& instance : service.instances) {
+    Json one{{"id", hexadecimal(instance.id)},
+             {"specifier", instance.specifier},
+             {"node", instance.node}};
+    if (instance.udp_port) one["udpPort"] = *instance.udp_port;
+    if (instance.tcp_port) one["tcpPort"] = *instance.tcp_port;
+    json["instances"].push_back(std::move(one));
+  }
+  for (const auto& method : service.methods) {
+    json["methods"].push_back(with_type({{"name", method.name},
+                                         {"id", hexadecimal(method.id)},
+                                         {"transport", name_of(method.transport)},
+                                         {"fireAndForget", method.fire_and_forget}},
+                                        catalogue.type_of(service.name, method.name)));
+  }
+  for (const auto& event : service.events) {
+    json["events"].push_back(with_type({{"name", event.name},
+                                        {"id", hexadecimal(event.id)},
+                                        {"eventGroup", hexadecimal(event.event_group)},
+                                        {"transport", name_of(event.transport)}},
+                                       catalogue.type_of(service.name, event.name)));
+  }
+  for (const auto& field : service.fields) {
+    Json one{{"name", field.name}};
+    if (field.getter) one["getter"] = hexadecimal(*field.getter);
+    if (field.setter) one["setter"] = hexadecimal(*field.setter);
+    if (field.notifier) {
+      one["notifier"] = hexadecimal(*field.notifier);
+      one["eventGroup"] = hexadecimal(field.event_group);
+    }
+    one["transport"] = name_of(field.transport);
+    json["fields"].push_back(
+        with_type(std::move(one), catalogue.type_of(service.name, field.name)));
+  }
+  return json;
+}
+
+Json to_json(const describe::Table& table) {
+  Json json{{"name", table.name}, {"members", Json::array()}};
+  for (const auto& row : table.rows) {
+    Json one;
+    if (table.tagged) {
+      one["dataId"] = std::stoi(row.data_id);
+      one["wireType"] = std::stoi(row.wire_type);
+    }
+    one["name"] = row.name;
+    one["type"] = row.type;
+    if (!row.unit.empty()) one["unit"] = row.unit;
+    if (!row.meaning.empty()) one["meaning"] = row.meaning;
+    json["members"].push_back(std::move(one));
+  }
+  return json;
+}
+
+Json to_json(const someip::Deployment& deployment, const Catalogue& catalogue) {
+  Json json{{"manifest", deployment.source}};
+  for (const auto& node : deployment.nodes) {
+    Json one{{"name", node.name}};
+    for (const auto& address : node.addresses)
+      one["addresses"].push_back(address.to_string());
+    json["nodes"].push_back(std::move(one));
+  }
+  json["serviceDiscovery"] = {
+      {"multicastAddress", deployment.discovery.multicast_address.to_string()},
+      {"port", deployment.discovery.port}};
+  for (const auto& service : deployment.services) {
+    json["services"].push_back(to_json(service, catalogue));
+  }
+  for (const auto& table : catalogue.records())
+    json["records"].push_back(to_json(table));
+  return json;
+}
+
+void print_list(const Json& service, const char* key, const char* what) {
+  if (!service.contains(key)) return;
+  for (const auto& element : service[key]) {
+    std::cout << "  " << what;
+    for (const auto& [name, value] : element.items()) {
+      if (name == "name") {
+        std::cout << " " << value.get<std::string>() << ":";
+      } else {
+        std::cout << " " << name << " "
+                  << (value.is_string() ? value.get<std::string>() : value.dump());
+      }
+    }
+    std::cout << "\n";
+  }
+}
+
+void print(const Json& json, const Catalogue& catalogue) {
+  std::cout << json["manifest"].get<std::string>() << "\n\n";
+  for (const auto& node : json["nodes"]) {
+    std::cout << "node " << node["name"].get<std::string>() << ":";
+    for (const auto& address : node["addresses"])
+      std::cout << " " << address.get<std::string>();
+    std::cout << "\n";
+  }
+  const auto& discovery = json["serviceDiscovery"];
+  std::cout << "service discovery: " << discovery["multicastAddress"].get<std::string>() << " port "
+            << discovery["port"] << "\n";
+  for (const auto& service : json["services"]) {
+    std::cout << "\nservice " << service["name"].get<std::string>() << ": id "
+              << service["id"].get<std::string>() << " version " << service["majorVersion"] << "."
+              << service["minorVersion"] << "\n";
+    print_list(service, "instances", "instance");
+    print_list(service, "methods", "method");
+    print_list(service, "events", "event");
+    print_list(service, "fields", "field");
+  }
+  std::cout << "\n";
+  for (const auto& table : catalogue.records())
+    std::cout << describe::markdown(table);
+  std::cout << std::flush;
+}
+
+}  // namespace
+
+int describe_deployment(bool as_json) {
+  const Catalogue catalogue;
+  const Json json = to_json(tq::com::load_deployment(), catalogue);
+  if (as_json) {
+    std::cout << json.dump(2) << std::endl;
+  } else {
+    print(json, catalogue);
+  }
+  return 0;
+}
+
+}  // namespace posctl

@@ -1,0 +1,148 @@
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <iostream>
+#include <map>
+#include <stdexcept>
+#include <string>
+
+#include "diagnosisService/DiagnosticMonitor.h"
+#include "diagnosisService/MonitorTable.h"
+#include "mw/com/runtime.h"
+#include "platform/linux/com/manifest.h"
+#include "tools/Stop_signal.h"
+#include "tools/posctl/Commands.h"
+#include "tools/posctl/Connect.h"
+#include "tools/posctl/Printer.h"
+#include "tools/posctl/Record_json.h"
+
+namespace posctl {
+namespace {
+
+using diagnosisService::kMonitors;
+using diagnosisService::Monitor;
+using mw::dm::dem::DiagnosticMonitor;
+using mw::dm::dem::InitMonitorReason;
+using mw::dm::dem::MonitorActionType;
+using mw::dm::dem::proxy::DiagnosticMonitorProxy;
+
+constexpr std::array<std::string_view, 10> action_names{"kPassed",
+                                                        "kFailed",
+                                                        "kPrepassed",
+                                                        "kPrefailed",
+                                                        "kFdcThresholdReached",
+                                                        "kResetTestFailed",
+                                                        "kFreezeDebouncing",
+                                                        "kResetDebouncing",
+                                                        "kPrestore",
+                                                        "kClearPrestore"};
+
+std::string name_of(MonitorActionType action) {
+  const auto number = static_cast<std::size_t>(action);
+  return number < action_names.size() ? std::string(action_names[number]) : std::to_string(number);
+}
+
+/// Which monitor an instance belongs to, by the manifest in force.
+std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
+  std::map<std::uint16_t, const Monitor*> result;
+  const auto deployment = tq::com::load_deployment();
+  for (const auto& service : deployment.services) {
+    if (service.name != DiagnosticMonitor::name) continue;
+    for (const auto& instance : service.instances) {
+      const auto* monitor =
+          std::find_if(kMonitors.begin(), kMonitors.end(), [&](const Monitor& one) {
+            return instance.specifier == "DiagnosticMonitor_" + std::string(one.name);
+          });
+      if (monitor != kMonitors.end()) result.emplace(instance.id, monitor);
+    }
+  }
+  return result;
+}
+
+std::string hexadecimal(std::uint32_t identifier) {
+  std::array<char, 16> text{};
+  std::snprintf(text.data(), text.size(), "0x%06X", identifier);
+  return text.data();
+}
+
+std::string line_of(const Monitor& monitor, MonitorActionType action, bool as_json) {
+  if (as_json) {
+    return Json{{"monitor", hexadecimal(monitor.identifier)},
+                {"name", monitor.name},
+                {"action", static_cast<unsigned>(action)},
+                {"actionName", name_of(action)}}
+        .dump();
+  }
+  return hexadecimal(monitor.identifier) + " " + std::string(monitor.name) + " " + name_of(action);
+}
+
+/// By name or identifier.
+std::uint16_t instance_of(const std::string& text) {
+  for (const auto& [instance, monitor] : monitors_by_instance()) {
+    if (text == monitor->name || text == hexadecimal(monitor->identifier) ||
+        text == std::to_string(monitor->identifier)) {
+      return instance;
+    }
+  }
+  throw std::invalid_argument("there is no monitor \"" + text +
+                              "\"; one such as POS_Input_GNSS or 0x83D101 is expected");
+}
+
+}  // namespace
+
+int monitors(const Monitor_options& options) {
+  tools::Stop_signal stop_signal;
+  const auto names = monitors_by_instance();
+  const mw::com::runtime::Component_singleton runtime(options.node, false);
+  Printer printer(options.count);
+  // Touched by the search's handler only, until that has ended.
+  std::map<std::uint16_t, std::unique_ptr<DiagnosticMonitorProxy>> proxies;
+  std::atomic<bool> found = false;
+
+  const auto search = DiagnosticMonitorProxy::StartFindService([&](const auto& handles, auto) {
+    std::erase_if(proxies, [&](const auto& known) {
+      return std::none_of(handles.begin(), handles.end(), [&](const auto& handle) {
+        return handle.GetInstanceId().Id() == known.first;
+      });
+    });
+    for (const auto& handle : handles) {
+      const auto name = names.find(handle.GetInstanceId().Id());
+      if (name == names.end() || proxies.contains(name->first)) continue;
+      found = true;
+      auto& proxy = proxies[name->first];
+      proxy = std::make_unique<DiagnosticMonitorProxy>(handle);
+      proxy->MonitorAction.SetReceiveHandler(
+          [&printer, &options, monitor = name->second, event = &proxy->MonitorAction] {
+            event->GetNewSamples([&](const auto& action) {
+              printer.print(line_of(*monitor, *action, options.json));
+            });
+          });
+      proxy->MonitorAction.Subscribe(16);
+    }
+  });
+  const bool timed_out = printer.wait(stop_signal, options.timeout);
+  DiagnosticMonitorProxy::StopFindService(search);
+  proxies.clear();
+
+  if (!timed_out || (options.count == 0 && found)) return 0;
+  if (!found) {
+    std::fprintf(stderr, "posctl: after %g s: no monitor was offered\n", options.timeout);
+  } else {
+    std::fprintf(stderr, "posctl: after %g s: %ju of %ju monitor actions came\n", options.timeout,
+                 static_cast<std::uintmax_t>(printer.printed()),
+                 static_cast<std::uintmax_t>(options.count));
+  }
+  return 1;
+}
+
+int init_monitor(const Init_monitor_options& options) {
+  const auto instance = instance_of(options.monitor);
+  const mw::com::runtime::Component_singleton runtime(options.node, false);
+  const auto deadline = deadline_in(options.timeout);
+  const auto proxy = connect<DiagnosticMonitorProxy>(DiagnosticMonitor::name, deadline, instance);
+  result_of(proxy->InitMonitor(static_cast<InitMonitorReason>(options.reason)),
+            DiagnosticMonitor::InitMonitor.name, deadline);
+  return 0;
+}
+
+}  // namespace posctl
