@@ -1,5 +1,6 @@
-/// What the deployment manifest says, as plain values: the node, its discovery timing, the services with
-/// their ids, the bounds. platform/linux/com reads the file, platform/someip works from these values.
+/// What the deployment manifest says, as plain values: the node, its discovery timing, the services
+/// with their ids, the bounds. platform/linux/com reads the file, platform/someip works from these
+/// values.
 #pragma once
 
 #include <boost/asio/ip/address.hpp>
@@ -30,20 +31,22 @@ struct Discovery_timing {
   std::uint32_t subscribe_ttl = 3;
 };
 
-/// Bounds on what a peer can make grow ("limits"). Past a bound the newcomer is refused and counted.
+/// Bounds on what a peer can make grow ("limits"). Past a bound the newcomer is refused and
+/// counted.
 struct Limits {
   std::size_t subscribers_per_event_group = 128;
-  std::size_t reassemblies = 32;                     ///< segment trains in flight, over all peers
+  std::size_t reassemblies = 32;  ///< segment trains in flight, over all peers
   std::size_t reassemblies_per_peer = 8;
   Milliseconds reassembly_timeout{5000};
-  std::size_t message_bytes = 256 * 1024;            ///< one SOME/IP message, header included
-  std::size_t tcp_connections = 64;                  ///< accepted ones; also the bound of outgoing ones
-  std::size_t tcp_send_queue_bytes = 512 * 1024;     ///< per connection; a slower reader is disconnected
+  std::size_t message_bytes = 256 * 1024;  ///< one SOME/IP message, header included
+  std::size_t tcp_connections = 64;        ///< accepted ones; also the bound of outgoing ones
+  std::size_t tcp_send_queue_bytes =
+      512 * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;
   std::size_t entries_per_discovery_message = 256;
-  std::size_t remote_instances = 1024;               ///< offered instances remembered
-  std::size_t discovery_peers = 256;                 ///< session counters and reboot flags remembered
-  std::size_t queued_notifications = 64;             ///< per event waiting for a slow handler
+  std::size_t remote_instances = 1024;    ///< offered instances remembered
+  std::size_t discovery_peers = 256;      ///< session counters and reboot flags remembered
+  std::size_t queued_notifications = 64;  ///< per event waiting for a slow handler
 };
 
 enum class Transport : std::uint8_t { udp, tcp };
@@ -105,7 +108,8 @@ struct Node_deployment {
   std::string name;
   /// The first free one is taken. Application nodes have one, tools several.
   std::vector<boost::asio::ip::address> addresses;
-  std::uint8_t prefix_length = 8;  ///< of the subnet: endpoints outside of it are refused; 0: no check
+  std::uint8_t prefix_length =
+      8;  ///< of the subnet: endpoints outside of it are refused; 0: no check
   std::size_t workers = 2;
   std::uint16_t client_id = 1;
   /// Ports for a client's own endpoints: 0 lets the kernel choose.

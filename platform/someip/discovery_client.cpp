@@ -134,6 +134,11 @@ void Discovery_client::unsubscribe(const Instance_key& key, std::uint16_t event_
   subscriptions_.erase(found);
 }
 
+bool Discovery_client::active(const Instance_key& key, std::uint16_t event_group) const {
+  const auto found = subscriptions_.find({key, event_group});
+  return found != subscriptions_.end() && found->second.state == State::active;
+}
+
 void Discovery_client::unsubscribe_all() {
   while (!subscriptions_.empty()) {
     const Group_key key = subscriptions_.begin()->first;
@@ -309,7 +314,8 @@ Time Discovery_client::next_deadline() const {
   for (const auto& [key, search] : searches_) {
     if (search.phase != Phase::silent) next = std::min(next, search.next);
   }
-  for (const auto& [key, remote] : remotes_) next = std::min(next, remote.expires);
+  for (const auto& [key, remote] : remotes_)
+    next = std::min(next, remote.expires);
   for (const auto& [key, subscription] : subscriptions_) {
     next = std::min(next, subscription.expires);
   }

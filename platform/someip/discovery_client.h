@@ -21,23 +21,28 @@ struct Remote_offer {
   Instance_endpoints endpoints;
 };
 
-/// What the using side needs to know from, and tells, its node. No member calls back into discovery.
+/// What the using side needs to know from, and tells, its node. No member calls back into
+/// discovery.
 class Discovery_client_host {
  public:
   virtual ~Discovery_client_host() = default;
   virtual void instance_available(const Instance_key& key, const Remote_offer& offer) = 0;
   virtual void instance_gone(const Instance_key& key) = 0;
   /// A subscription was acknowledged for the first time, or has ended.
-  virtual void subscription_changed(const Instance_key& key, std::uint16_t event_group, bool active) = 0;
+  virtual void subscription_changed(const Instance_key& key,
+                                    std::uint16_t event_group,
+                                    bool active) = 0;
   /// The acknowledgement names a multicast address on which events of the group may come.
-  virtual void listen_to(const Instance_key& key, std::uint16_t event_group, const Endpoint& group) = 0;
+  virtual void listen_to(const Instance_key& key,
+                         std::uint16_t event_group,
+                         const Endpoint& group) = 0;
   /// Did an acknowledged subscription to fields bring no value yet?
   [[nodiscard]] virtual bool initial_value_missing(const Instance_key& key,
                                                    std::uint16_t event_group) const = 0;
   /// Where events shall be sent to.
   [[nodiscard]] virtual Endpoint udp_endpoint() const = 0;
-  /// The own end of the TCP connection to `server`. Begins to connect, and gives nothing, while there is
-  /// none; Discovery_client::connected() follows.
+  /// The own end of the TCP connection to `server`. Begins to connect, and gives nothing, while
+  /// there is none; Discovery_client::connected() follows.
   [[nodiscard]] virtual std::optional<Endpoint> tcp_endpoint(const Endpoint& server) = 0;
 };
 
@@ -58,27 +63,35 @@ class Discovery_client {
         host_(host) {}
 
   /// `instance` may be any_instance. Searches are counted: each needs its stop.
-  void start_search(std::uint16_t service, std::uint16_t instance, std::uint8_t major_version, Time now);
+  void start_search(std::uint16_t service,
+                    std::uint16_t instance,
+                    std::uint8_t major_version,
+                    Time now);
   void stop_search(std::uint16_t service, std::uint16_t instance, std::uint8_t major_version);
 
-  /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for the
-  /// present values again.
+  /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for
+  /// the present values again.
   void subscribe(const Instance_key& key,
                  std::uint16_t event_group,
                  const Group_transport& transport,
                  Time now);
   void unsubscribe(const Instance_key& key, std::uint16_t event_group);
+  [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const;
   /// Sends a stop for every subscription.
   void unsubscribe_all();
 
-  /// An offer or, with time to live 0, a stop offer whose options and peer have been found acceptable.
+  /// An offer or, with time to live 0, a stop offer whose options and peer have been found
+  /// acceptable.
   void offered(const Entry& entry,
                const Instance_endpoints& endpoints,
                const Endpoint& from,
                bool multicast,
                bool explicit_initial_data,
                Time now);
-  void acknowledged(const Entry& entry, const Entry_options& options, const Endpoint& from, Time now);
+  void acknowledged(const Entry& entry,
+                    const Entry_options& options,
+                    const Endpoint& from,
+                    Time now);
   /// Everything that a peer has offered is void: it has restarted.
   void forget_peer(const Endpoint& peer, Time now);
   /// The TCP connection to `server` stands: what waited for it is subscribed now.
@@ -130,7 +143,10 @@ class Discovery_client {
   /// `restart`: searches that nothing satisfies any more begin again.
   Remotes::iterator remove(Remotes::iterator remote, bool restart, Time now);
   void trigger(const Instance_key& key, const Endpoint& peer, bool multicast, Time now);
-  void request(const Group_key& key, Subscription& subscription, const Remote& remote, bool by_multicast);
+  void request(const Group_key& key,
+               Subscription& subscription,
+               const Remote& remote,
+               bool by_multicast);
   void request_all(const Instance_key& key, bool by_multicast);
   void set_state(const Group_key& key, Subscription& subscription, State state);
   [[nodiscard]] Entry subscribe_entry(const Group_key& key, std::uint32_t ttl) const;

@@ -16,11 +16,20 @@ constexpr std::uint8_t explicit_initial_data_flag = 0x20;
 std::optional<Entry> read_entry(const std::byte* at) {
   Entry entry;
   switch (load8(at)) {
-    case 0x00: entry.type = Entry_type::find_service; break;
-    case 0x01: entry.type = Entry_type::offer_service; break;
-    case 0x06: entry.type = Entry_type::subscribe; break;
-    case 0x07: entry.type = Entry_type::subscribe_ack; break;
-    default: return std::nullopt;
+    case 0x00:
+      entry.type = Entry_type::find_service;
+      break;
+    case 0x01:
+      entry.type = Entry_type::offer_service;
+      break;
+    case 0x06:
+      entry.type = Entry_type::subscribe;
+      break;
+    case 0x07:
+      entry.type = Entry_type::subscribe_ack;
+      break;
+    default:
+      return std::nullopt;
   }
   const std::uint8_t counts = load8(at + 3);
   entry.runs[0] = {load8(at + 1), static_cast<std::uint8_t>(counts >> 4)};
@@ -63,13 +72,16 @@ enum class Option_kind { unknown, text, ipv4, ipv6 };
 Option_kind kind_of(std::uint8_t type) {
   switch (static_cast<Option_type>(type)) {
     case Option_type::configuration:
-    case Option_type::load_balancing: return Option_kind::text;
+    case Option_type::load_balancing:
+      return Option_kind::text;
     case Option_type::ipv4_endpoint:
     case Option_type::ipv4_multicast:
-    case Option_type::ipv4_discovery_endpoint: return Option_kind::ipv4;
+    case Option_type::ipv4_discovery_endpoint:
+      return Option_kind::ipv4;
     case Option_type::ipv6_endpoint:
     case Option_type::ipv6_multicast:
-    case Option_type::ipv6_discovery_endpoint: return Option_kind::ipv6;
+    case Option_type::ipv6_discovery_endpoint:
+      return Option_kind::ipv6;
   }
   return Option_kind::unknown;
 }
@@ -83,7 +95,8 @@ bool is_discovery_endpoint(const Option& option) {
          option.is(Option_type::ipv6_discovery_endpoint);
 }
 
-/// `content` is the option without length and type: reserved byte, then address, reserved, protocol, port.
+/// `content` is the option without length and type: reserved byte, then address, reserved,
+/// protocol, port.
 template <class Ip>
 void read_endpoint(Bytes content, Option& option) {
   typename Ip::bytes_type address;
@@ -92,7 +105,8 @@ void read_endpoint(Bytes content, Option& option) {
     return;
   }
   const std::byte* at = content.data() + 1;
-  for (auto& byte : address) byte = load8(at++);
+  for (auto& byte : address)
+    byte = load8(at++);
   option.endpoint = {Ip(address), load16(at + 2)};
   option.protocol = load8(at + 1);
   const bool known_protocol =
@@ -106,14 +120,20 @@ Option read_option(std::uint8_t type, Bytes content) {
   Option option;
   option.type = type;
   switch (kind_of(type)) {
-    case Option_kind::ipv4: read_endpoint<boost::asio::ip::address_v4>(content, option); break;
-    case Option_kind::ipv6: read_endpoint<boost::asio::ip::address_v6>(content, option); break;
+    case Option_kind::ipv4:
+      read_endpoint<boost::asio::ip::address_v4>(content, option);
+      break;
+    case Option_kind::ipv6:
+      read_endpoint<boost::asio::ip::address_v6>(content, option);
+      break;
     case Option_kind::text:
       option.content.assign(content.begin(), content.end());
-      option.valid = option.is(Option_type::load_balancing) ? content.size() == 5
-                                                            : configuration_items(content).has_value();
+      option.valid = option.is(Option_type::load_balancing)
+                         ? content.size() == 5
+                         : configuration_items(content).has_value();
       break;
-    case Option_kind::unknown: break;
+    case Option_kind::unknown:
+      break;
   }
   return option;
 }
@@ -122,7 +142,8 @@ std::vector<std::byte> option_bytes(const Option& option) {
   const Address& address = option.endpoint.address;
   std::vector<std::byte> bytes(4);
   const auto append = [&](const auto& octets) {
-    for (const unsigned char octet : octets) bytes.push_back(std::byte{octet});
+    for (const unsigned char octet : octets)
+      bytes.push_back(std::byte{octet});
   };
   if (address.is_v4()) {
     append(address.to_v4().to_bytes());
@@ -246,7 +267,8 @@ std::optional<std::vector<std::pair<std::string, std::optional<std::string>>>> c
     if (length == 0) return content.empty() ? std::optional(std::move(items)) : std::nullopt;
     if (length > content.size()) return std::nullopt;
     std::string text;
-    for (const std::byte byte : content.first(length)) text += static_cast<char>(byte);
+    for (const std::byte byte : content.first(length))
+      text += static_cast<char>(byte);
     content = content.subspan(length);
     const std::size_t equals = text.find('=');
     const std::string name = text.substr(0, equals);
@@ -254,9 +276,8 @@ std::optional<std::vector<std::pair<std::string, std::optional<std::string>>>> c
     if (!std::ranges::all_of(name, printable) || name.find_first_not_of(' ') == std::string::npos) {
       return std::nullopt;
     }
-    items.emplace_back(name, equals == std::string::npos
-                                 ? std::nullopt
-                                 : std::optional(text.substr(equals + 1)));
+    items.emplace_back(
+        name, equals == std::string::npos ? std::nullopt : std::optional(text.substr(equals + 1)));
   }
   return std::nullopt;  // no closing zero
 }
@@ -309,7 +330,8 @@ std::vector<std::byte> Discovery_writer::message(std::uint16_t session, bool reb
   append32(static_cast<std::uint32_t>(entries_.size()));
   bytes.insert(bytes.end(), entries_.begin(), entries_.end());
   append32(static_cast<std::uint32_t>(options_bytes_));
-  for (const auto& option : options_) bytes.insert(bytes.end(), option.begin(), option.end());
+  for (const auto& option : options_)
+    bytes.insert(bytes.end(), option.begin(), option.end());
   return bytes;
 }
 

@@ -1,4 +1,5 @@
-/// The messages of service discovery: entries, the options that they refer to, and the bytes of both.
+/// The messages of service discovery: entries, the options that they refer to, and the bytes of
+/// both.
 #pragma once
 
 #include <array>
@@ -55,10 +56,10 @@ struct Entry {
   std::uint16_t service = 0;
   std::uint16_t instance = 0;
   std::uint8_t major_version = 0;
-  std::uint32_t ttl = 0;  ///< seconds, 24 bits
+  std::uint32_t ttl = 0;            ///< seconds, 24 bits
   std::uint32_t minor_version = 0;  ///< of service entries
-  /// Of event group entries: reserved (8 bits), initial data requested, reserved (3), counter (4). An
-  /// answer repeats them as they came (someipsd_614).
+  /// Of event group entries: reserved (8 bits), initial data requested, reserved (3), counter (4).
+  /// An answer repeats them as they came (someipsd_614).
   std::uint16_t flags = 0;
   std::uint16_t event_group = 0;
 
@@ -71,13 +72,16 @@ struct Entry {
 };
 
 struct Option {
-  std::uint8_t type = 0;  ///< any value; unknown ones are kept so that the indexes stay right
-  bool valid = true;      ///< false: a known type whose length or content contradicts it
+  std::uint8_t type = 0;      ///< any value; unknown ones are kept so that the indexes stay right
+  bool valid = true;          ///< false: a known type whose length or content contradicts it
   std::uint8_t protocol = 0;  ///< of endpoint and multicast options
   Endpoint endpoint;
-  std::vector<std::byte> content;  ///< of configuration and load balancing options, from the reserved byte on
+  std::vector<std::byte>
+      content;  ///< of configuration and load balancing options, from the reserved byte on
 
-  [[nodiscard]] bool is(Option_type wanted) const { return type == static_cast<std::uint8_t>(wanted); }
+  [[nodiscard]] bool is(Option_type wanted) const {
+    return type == static_cast<std::uint8_t>(wanted);
+  }
   [[nodiscard]] static Option unicast(const Endpoint& endpoint, std::uint8_t protocol);
   [[nodiscard]] static Option multicast(const Endpoint& endpoint);
 };
@@ -97,19 +101,21 @@ struct Discovery_message {
   std::vector<Entry> entries;
   std::vector<Option> options;
 
-  /// The options that `entry` refers to. Those of the other address family than `ipv4` says, unknown
-  /// ones and those that no such entry needs are ignored.
+  /// The options that `entry` refers to. Those of the other address family than `ipv4` says,
+  /// unknown ones and those that no such entry needs are ignored.
   [[nodiscard]] Entry_options options_of(const Entry& entry, bool ipv4) const;
-  /// Where the sender's service discovery wants to be answered, when it says so itself (someipsd_1084).
+  /// Where the sender's service discovery wants to be answered, when it says so itself
+  /// (someipsd_1084).
   [[nodiscard]] std::optional<Endpoint> discovery_endpoint(bool ipv4) const;
 };
 
-/// Reads the payload of a discovery message. Empty when the lengths of its arrays contradict its size or
-/// it holds more than `max_entries` entries. Entries of unknown type are left out.
+/// Reads the payload of a discovery message. Empty when the lengths of its arrays contradict its
+/// size or it holds more than `max_entries` entries. Entries of unknown type are left out.
 [[nodiscard]] std::optional<Discovery_message> read_discovery_message(Bytes payload,
                                                                       std::size_t max_entries);
 
-/// Name and value pairs of a configuration option's content; empty when it is malformed. A name without
+/// Name and value pairs of a configuration option's content; empty when it is malformed. A name
+/// without
 /// "=" has no value.
 [[nodiscard]] std::optional<std::vector<std::pair<std::string, std::optional<std::string>>>>
 configuration_items(Bytes content);
@@ -117,8 +123,8 @@ configuration_items(Bytes content);
 /// Packs entries into one message and stores each different option once.
 class Discovery_writer {
  public:
-  /// Adds an entry with at most two options; its runs are set here. False, and nothing added, when the
-  /// message would grow beyond one unfragmented datagram.
+  /// Adds an entry with at most two options; its runs are set here. False, and nothing added, when
+  /// the message would grow beyond one unfragmented datagram.
   [[nodiscard]] bool add(Entry entry, const std::vector<Option>& options);
   [[nodiscard]] bool empty() const { return entries_.empty(); }
   [[nodiscard]] std::size_t entries() const { return entries_.size() / 16; }

@@ -42,8 +42,7 @@ Session_counter& Discovery_peers::towards(const Endpoint& peer, Time now) {
 }
 
 void Discovery_outbox::add(const Destination& to, const Entry& entry, std::vector<Option> options) {
-  auto parcel =
-      std::ranges::find_if(parcels_, [&](const Parcel& known) { return known.to == to; });
+  auto parcel = std::ranges::find_if(parcels_, [&](const Parcel& known) { return known.to == to; });
   if (parcel == parcels_.end()) parcel = parcels_.insert(parcels_.end(), Parcel{to, {}});
   parcel->items.push_back({entry, std::move(options)});
 }

@@ -22,6 +22,11 @@ class Discovery_peers {
   /// Takes note of a message. Refused: the table is full and nobody in it has been silent for long.
   [[nodiscard]] Verdict heard(
       const Endpoint& peer, bool multicast, std::uint16_t session, bool reboot_flag, Time now);
+  /// Time{} when nothing has been heard.
+  [[nodiscard]] Time last_contact(const Endpoint& peer) const {
+    const auto known = peers_.find(peer);
+    return known == peers_.end() ? Time{} : known->second.last_contact;
+  }
   /// The counter of unicast messages to `peer`.
   [[nodiscard]] Session_counter& towards(const Endpoint& peer, Time now);
   [[nodiscard]] Session_counter& towards_group() { return group_; }
@@ -39,8 +44,8 @@ class Discovery_peers {
   Session_counter group_;
 };
 
-/// Entries wait here until flush(), which sends one message to each destination (someipsd_836), more only
-/// when they do not fit.
+/// Entries wait here until flush(), which sends one message to each destination (someipsd_836),
+/// more only when they do not fit.
 class Discovery_outbox {
  public:
   /// No endpoint: the multicast group.

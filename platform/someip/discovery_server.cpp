@@ -44,7 +44,8 @@ void Discovery_server::offer(Offer offer, Time now) {
   Local local;
   local.offer = std::move(offer);
   local.next = delays_.end_of_initial_wait(now);
-  for (const auto& [group, transport] : local.offer.groups) local.groups[group];
+  for (const auto& [group, transport] : local.offer.groups)
+    local.groups[group];
   offers_.emplace(key, std::move(local));
 }
 
@@ -58,7 +59,8 @@ void Discovery_server::stop_offer(const Instance_key& key) {
 }
 
 void Discovery_server::stop_all() {
-  while (!offers_.empty()) stop_offer(Instance_key(offers_.begin()->first));
+  while (!offers_.empty())
+    stop_offer(Instance_key(offers_.begin()->first));
 }
 
 void Discovery_server::end_all_subscriptions(Local& local) {
@@ -96,9 +98,8 @@ void Discovery_server::find(
   const Time due = delays_.answer_to_multicast(now);
   for (Answer& answer : answers_) {
     if (answer.due != Time{}) continue;
-    const auto waiting = std::ranges::find_if(answers_, [&](const Answer& other) {
-      return other.to == answer.to && other.due > now;
-    });
+    const auto waiting = std::ranges::find_if(
+        answers_, [&](const Answer& other) { return other.to == answer.to && other.due > now; });
     answer.due = waiting == answers_.end() ? due : waiting->due;
   }
 }
@@ -130,8 +131,9 @@ void Discovery_server::subscribe(const Entry& entry,
 
   auto& subscriptions = group->second.subscriptions;
   const Subscriber subscriber{from, {options.udp, options.tcp}, entry.counter()};
-  const auto present = std::ranges::find_if(
-      subscriptions, [&](const Subscription& known_one) { return known_one.subscriber == subscriber; });
+  const auto present = std::ranges::find_if(subscriptions, [&](const Subscription& known_one) {
+    return known_one.subscriber == subscriber;
+  });
   if (stop) {
     if (present == subscriptions.end()) return;
     subscriptions.erase(present);
@@ -225,8 +227,8 @@ void Discovery_server::advance(Local& local, Time now) {
   if (local.phase == Phase::repetition) {
     local.next = now + delays_.repetition(local.repetitions);
   } else {
-    local.next = timing_.cyclic_offer_delay.count() == 0 ? Time::max()
-                                                         : now + timing_.cyclic_offer_delay;
+    local.next =
+        timing_.cyclic_offer_delay.count() == 0 ? Time::max() : now + timing_.cyclic_offer_delay;
   }
 }
 
@@ -256,7 +258,8 @@ Time Discovery_server::next_deadline() const {
       }
     }
   }
-  for (const Answer& answer : answers_) next = std::min(next, answer.due);
+  for (const Answer& answer : answers_)
+    next = std::min(next, answer.due);
   return next;
 }
 

@@ -1,4 +1,5 @@
-/// The providing side of service discovery: offers in their three phases, and the clients' subscriptions.
+/// The providing side of service discovery: offers in their three phases, and the clients'
+/// subscriptions.
 #pragma once
 
 #include <cstdint>
@@ -29,16 +30,16 @@ class Discovery_server_host {
   virtual ~Discovery_server_host() = default;
   /// Has `client` an open TCP connection to the endpoint of the offer?
   [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) const = 0;
-  /// The subscribers of a group have changed. `fresh` are those of them that shall get the present value
-  /// of the fields. Called after the acknowledgement has been sent.
+  /// The subscribers of a group have changed. `fresh` are those of them that shall get the present
+  /// value of the fields. Called after the acknowledgement has been sent.
   virtual void subscribers_changed(const Instance_key& key,
                                    std::uint16_t event_group,
                                    const std::vector<Subscriber>& all,
                                    const std::vector<Subscriber>& fresh) = 0;
 };
 
-/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it and then
-/// calls deliver_changes().
+/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it
+/// and then calls deliver_changes().
 class Discovery_server {
  public:
   Discovery_server(const Discovery_timing& timing,

@@ -47,8 +47,8 @@ struct Subscriber {
   friend bool operator==(const Subscriber&, const Subscriber&) = default;
 };
 
-/// Random delays. Entries that begin to wait while others wait in their first phase share the moment of
-/// those, so that they leave in one message (someipsd_65).
+/// Random delays. Entries that begin to wait while others wait in their first phase share the
+/// moment of those, so that they leave in one message (someipsd_65).
 class Discovery_delays {
  public:
   explicit Discovery_delays(const Discovery_timing& timing)

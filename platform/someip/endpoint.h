@@ -29,8 +29,10 @@ struct Endpoint {
          std::to_string(endpoint.port);
 }
 
-/// May `address` be that of a peer on our link: unicast, specified, in the subnet of `own`? A prefix length
-/// of 0 turns the subnet check off (someipsd_1149).
-[[nodiscard]] bool reachable_peer(const Address& address, const Address& own, unsigned prefix_length);
+/// May `address` be that of a peer on our link: unicast, specified, in the subnet of `own`? A
+/// prefix length of 0 turns the subnet check off (someipsd_1149).
+[[nodiscard]] bool reachable_peer(const Address& address,
+                                  const Address& own,
+                                  unsigned prefix_length);
 
 }  // namespace someip

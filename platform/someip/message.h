@@ -79,7 +79,8 @@ class Datagram_reader {
 
   /// The next message; empty at the end, and at the first message that does not fit.
   [[nodiscard]] std::optional<Message_view> next();
-  /// True once bytes were found that are no message: a cut header, or a length below 8 or beyond the end.
+  /// True once bytes were found that are no message: a cut header, or a length below 8 or beyond
+  /// the end.
   [[nodiscard]] bool malformed() const { return malformed_; }
 
  private:

@@ -78,8 +78,7 @@ Reassembler::Result Reassembler::add(const Endpoint& peer,
 
   complete_.header = header;
   complete_.header.type = static_cast<std::uint8_t>(header.type & ~segment_flag);
-  complete_.header.length =
-      static_cast<std::uint32_t>(length_before_payload + collected.size());
+  complete_.header.length = static_cast<std::uint32_t>(length_before_payload + collected.size());
   complete_.payload = std::move(collected);
   trains_.erase(train);
   return Result::complete;
@@ -90,6 +89,8 @@ void Reassembler::forget(const Address& peer) {
       std::erase_if(trains_, [&](const auto& entry) { return entry.first.peer.address == peer; });
 }
 
-std::size_t Reassembler::take_abandoned() { return std::exchange(abandoned_, 0); }
+std::size_t Reassembler::take_abandoned() {
+  return std::exchange(abandoned_, 0);
+}
 
 }  // namespace someip

@@ -21,21 +21,22 @@ inline constexpr std::size_t max_datagram_payload = 1400;
 inline constexpr std::size_t max_segment_payload = 1392;
 inline constexpr std::size_t segment_header_size = 4;
 
-/// Header and segment header of the segment that starts at `offset` of a payload of `total` bytes, and the
-/// part of the payload that it carries.
+/// Header and segment header of the segment that starts at `offset` of a payload of `total` bytes,
+/// and the part of the payload that it carries.
 struct Segment {
   std::array<std::byte, header_size + segment_header_size> head;
   Bytes part;
 };
 
-/// Calls `send(const Segment&)` for each segment of `payload`, in ascending order; stops when it returns
-/// false.
+/// Calls `send(const Segment&)` for each segment of `payload`, in ascending order; stops when it
+/// returns false.
 template <class Send>
 bool for_each_segment(Header header, Bytes payload, Send&& send);
 
-/// Puts trains together again. Segments must arrive in order; a gap, an overlap or a header that changes
-/// drops the whole train, a train of a later session of the same sender and message replaces one that
-/// never ended, and a train that stands still is dropped after a while. Not thread-safe.
+/// Puts trains together again. Segments must arrive in order; a gap, an overlap or a header that
+/// changes drops the whole train, a train of a later session of the same sender and message
+/// replaces one that never ended, and a train that stands still is dropped after a while. Not
+/// thread-safe.
 class Reassembler {
  public:
   using Time = std::chrono::steady_clock::time_point;
@@ -97,7 +98,8 @@ bool for_each_segment(Header header, Bytes payload, Send&& send) {
                                                segment.part.size());
     write_header(header, segment.head.data());
     // Offsets are multiples of 16: the low four bits hold the flags.
-    store32(segment.head.data() + header_size, static_cast<std::uint32_t>(offset) | (more ? 1u : 0u));
+    store32(segment.head.data() + header_size,
+            static_cast<std::uint32_t>(offset) | (more ? 1u : 0u));
     if (!send(static_cast<const Segment&>(segment))) return false;
   }
   return true;

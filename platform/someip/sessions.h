@@ -16,8 +16,8 @@ class Session_counter {
     }
     return last_;
   }
-  /// True until the first wrap: the reboot flag of service discovery (someipsd_41), to be asked after
-  /// next().
+  /// True until the first wrap: the reboot flag of service discovery (someipsd_41), to be asked
+  /// after next().
   [[nodiscard]] bool reboot_flag() const { return !wrapped_; }
 
  private:
@@ -25,8 +25,8 @@ class Session_counter {
   bool wrapped_ = false;
 };
 
-/// Detects the restart of a peer from the messages of one channel: multicast and unicast have one each
-/// (someipsd_765).
+/// Detects the restart of a peer from the messages of one channel: multicast and unicast have one
+/// each (someipsd_765).
 class Reboot_detector {
  public:
   /// Takes note of a message; true when the peer has restarted since the one before (someipsd_764).
@@ -36,8 +36,8 @@ class Reboot_detector {
     if (!old || !reboot_flag) return false;
     return !old->reboot_flag || old->session >= session;
   }
-  /// Forgets what was noted, once the restart showed on the other channel: the first message here is
-  /// then not taken for a second restart.
+  /// Forgets what was noted, once the restart showed on the other channel: the first message here
+  /// is then not taken for a second restart.
   void reset() { last_.reset(); }
 
  private:

@@ -1,4 +1,5 @@
-/// SOME/IP over TCP: messages of any fraction out of a byte stream, and the magic cookies between them.
+/// SOME/IP over TCP: messages of any fraction out of a byte stream, and the magic cookies between
+/// them.
 #pragma once
 
 #include <cstddef>
@@ -12,8 +13,8 @@ namespace someip {
 /// The cookie that marks a message boundary (someip_609); `from_client` is the direction.
 [[nodiscard]] Header_bytes magic_cookie(bool from_client);
 
-/// Collects received bytes and gives out whole messages. After bytes that cannot be a header the stream is
-/// searched for the next magic cookie; what lies between is dropped and counted.
+/// Collects received bytes and gives out whole messages. After bytes that cannot be a header the
+/// stream is searched for the next magic cookie; what lies between is dropped and counted.
 class Stream_reader {
  public:
   /// `max_message` bounds one message, header included.

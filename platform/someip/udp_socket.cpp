@@ -1,7 +1,7 @@
 #include "platform/someip/udp_socket.h"
 
-#include <net/if.h>
 #include <ifaddrs.h>
+#include <net/if.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -13,12 +13,14 @@ namespace someip {
 
 namespace {
 
-std::error_code last_error() { return {errno, std::generic_category()}; }
+std::error_code last_error() {
+  return {errno, std::generic_category()};
+}
 
 template <class Value>
 std::error_code set(int descriptor, int level, int name, const Value& value) {
   return ::setsockopt(descriptor, level, name, &value, sizeof value) == 0 ? std::error_code{}
-                                                                         : last_error();
+                                                                          : last_error();
 }
 
 in_addr v4(const Address& address) {
@@ -84,25 +86,32 @@ socklen_t Socket_address::size() const {
 }
 
 Udp_socket::Udp_socket(const Address& like)
-    : descriptor_(::socket(like.is_v4() ? AF_INET : AF_INET6,
-                           SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC,
-                           0)) {
+    : descriptor_(::socket(
+          like.is_v4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
   if (descriptor_ < 0) throw std::system_error(last_error(), "socket");
   // A burst of segments should fit while the workers are busy; the kernel caps it.
   const int receive_buffer = 4 * 1024 * 1024;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_RCVBUF, receive_buffer));
 }
 
-Udp_socket::~Udp_socket() { ::close(descriptor_); }
+Udp_socket::~Udp_socket() {
+  ::close(descriptor_);
+}
 
 void Udp_socket::reuse_address() {
   const int on = 1;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_REUSEADDR, on));
 }
 
+void Udp_socket::allow_missing_address() {
+  const int on = 1;
+  static_cast<void>(set(descriptor_, SOL_IP, IP_FREEBIND, on));
+}
+
 std::error_code Udp_socket::bind(const Endpoint& endpoint) {
   const Socket_address address(endpoint);
-  return ::bind(descriptor_, address.data(), address.size()) == 0 ? std::error_code{} : last_error();
+  return ::bind(descriptor_, address.data(), address.size()) == 0 ? std::error_code{}
+                                                                  : last_error();
 }
 
 Endpoint Udp_socket::local() const {

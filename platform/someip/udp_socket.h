@@ -1,5 +1,5 @@
-/// A UDP socket as the hot path needs it: several datagrams per receive, header and payload per send,
-/// never waiting.
+/// A UDP socket as the hot path needs it: several datagrams per receive, header and payload per
+/// send, never waiting.
 #pragma once
 
 #include <netinet/in.h>
@@ -44,6 +44,8 @@ class Udp_socket {
 
   [[nodiscard]] int descriptor() const { return descriptor_; }
   void reuse_address();
+  /// An address that no interface has yet can be bound: the network may come up later.
+  void allow_missing_address();
   [[nodiscard]] std::error_code bind(const Endpoint& endpoint);
   [[nodiscard]] Endpoint local() const;
   /// Multicast goes out, and is joined, on the interface that owns `own`.

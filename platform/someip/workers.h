@@ -15,16 +15,17 @@ namespace someip {
 class Readable {
  public:
   virtual ~Readable() = default;
-  /// Called on a worker when something has arrived since the descriptor was last found empty, by several
-  /// workers at once when it keeps arriving. Must read until the descriptor is empty.
+  /// Called on a worker when something has arrived since the descriptor was last found empty, by
+  /// several workers at once when it keeps arriving. Must read until the descriptor is empty.
   virtual void on_readable() = 0;
 };
 
 /// All members may be called from any thread.
 ///
-/// Two kinds of thread: the workers, which receive datagrams and run handlers, all of them waiting for
-/// the same descriptors so that an arrival wakes one of them and no other thread; and one control thread,
-/// on which discovery, timers and TCP streams live, without locks because it is one thread.
+/// Two kinds of thread: the workers, which receive datagrams and run handlers, all of them waiting
+/// for the same descriptors so that an arrival wakes one of them and no other thread; and one
+/// control thread, on which discovery, timers and TCP streams live, without locks because it is one
+/// thread.
 class Workers {
  public:
   enum class Watch : std::uint64_t {};

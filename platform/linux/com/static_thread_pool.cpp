@@ -68,7 +68,8 @@ static_thread_pool::Loop::Loop(std::size_t threads)
 
 static_thread_pool::Loop::~Loop() {
   stop();
-  for (const int descriptor : {epoll_, posted_event_, stop_event_}) ::close(descriptor);
+  for (const int descriptor : {epoll_, posted_event_, stop_event_})
+    ::close(descriptor);
 }
 
 void static_thread_pool::Loop::stop() {
@@ -76,7 +77,8 @@ void static_thread_pool::Loop::stop() {
     stopping_ = true;
     control_.stop();
     signal(stop_event_);
-    for (auto& thread : threads_) thread.join();
+    for (auto& thread : threads_)
+      thread.join();
     // What is dropped may own things that come back here while they go.
     std::deque<std::function<void()>> posted;
     std::unordered_map<std::uint64_t, std::shared_ptr<someip::Readable>> readers;
@@ -122,9 +124,14 @@ void static_thread_pool::Loop::work() noexcept {
     const int count = epoll_wait(epoll_, &event, 1, -1);
     if (count <= 0) continue;
     switch (event.data.u64) {
-      case stop_id: return;
-      case posted_id: run_posted(); break;
-      default: run_reader(event.data.u64); break;
+      case stop_id:
+        return;
+      case posted_id:
+        run_posted();
+        break;
+      default:
+        run_reader(event.data.u64);
+        break;
     }
   }
 }
@@ -140,7 +147,8 @@ void static_thread_pool::Loop::run_posted() {
       posted_.pop_front();
       more = !posted_.empty();
     }
-    // Several posts may have been seen as one edge: what is left must not wait for this piece of work.
+    // Several posts may have been seen as one edge: what is left must not wait for this piece of
+    // work.
     if (more) signal(posted_event_);
     work();
   }
@@ -160,7 +168,11 @@ void static_thread_pool::Loop::run_reader(std::uint64_t id) {
 static_thread_pool::static_thread_pool(std::size_t threads)
     : loop_(std::make_unique<Loop>(threads)) {}
 static_thread_pool::~static_thread_pool() = default;
-void static_thread_pool::post(std::function<void()> work) { loop_->post(std::move(work)); }
-void static_thread_pool::stop() { loop_->stop(); }
+void static_thread_pool::post(std::function<void()> work) {
+  loop_->post(std::move(work));
+}
+void static_thread_pool::stop() {
+  loop_->stop();
+}
 
 }  // namespace mw::com

@@ -12,6 +12,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace tq::com {
@@ -148,6 +149,10 @@ class Runtime {
   /// and the key when there is none.
   [[nodiscard]] virtual std::unique_ptr<Provider> provide(std::string_view service,
                                                           std::string_view specifier) = 0;
+
+  /// What has been received, sent, dropped and refused since the start, by name.
+  [[nodiscard]] virtual std::vector<std::pair<std::string_view, std::uint64_t>> counters()
+      const = 0;
 };
 
 }  // namespace tq::com

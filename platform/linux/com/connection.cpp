@@ -1,0 +1,173 @@
+#include "platform/linux/com/connection.h"
+
+#include <stdexcept>
+#include <utility>
+
+#include "platform/linux/com/element_ids.h"
+
+namespace tq::com {
+
+namespace {
+
+/// Over which transport a method, a getter or a setter travels.
+someip::Transport transport_of(const someip::Service_deployment& service, std::uint16_t method) {
+  for (const auto& one : service.methods) {
+    if (one.id == method) return one.transport;
+  }
+  for (const auto& field : service.fields) {
+    if (field.getter == method || field.setter == method) return field.transport;
+  }
+  return someip::Transport::udp;
+}
+
+}  // namespace
+
+Subscription::Subscription(std::uint8_t interface_version,
+                           std::size_t max_queued,
+                           Notification_handler handler,
+                           Subscription_state_handler on_state,
+                           someip::Workers& workers,
+                           someip::Counters& counters)
+    : Event_sink(interface_version),
+      max_queued_(max_queued),
+      handler_(std::move(handler)),
+      on_state_(std::move(on_state)),
+      workers_(workers),
+      counters_(counters) {}
+
+bool Subscription::enqueue(const someip::Received& notification) {
+  // Relaxed: the bound need not be exact, and the strand orders everything else.
+  if (queued_.load(std::memory_order_relaxed) >= max_queued_) {
+    counters_.refused_notifications.add();
+    return false;
+  }
+  queued_.fetch_add(1, std::memory_order_relaxed);
+  return strand_.enqueue([this, notification] {
+    queued_.fetch_sub(1, std::memory_order_relaxed);
+    handler_(notification.payload);
+  });
+}
+
+void Subscription::subscription_changed(bool active) {
+  if (!on_state_) return;
+  const bool free = strand_.enqueue([this, active] {
+    if (std::exchange(active_, active) != active) on_state_(active);
+  });
+  if (free) workers_.post([self = shared_from_this()] { self->run(); });
+}
+
+Connection::Connection(std::shared_ptr<const Remote_instance> remote,
+                       someip::Node& node,
+                       someip::Workers& workers,
+                       const someip::Limits& limits)
+    : remote_(std::move(remote)),
+      node_(node),
+      workers_(workers),
+      limits_(limits),
+      gate_(std::make_shared<Gate>()) {}
+
+Connection::~Connection() {
+  decltype(subscriptions_) subscriptions;
+  decltype(calls_) calls;
+  {
+    const std::lock_guard lock(mutex_);
+    subscriptions.swap(subscriptions_);
+    calls.swap(calls_);
+  }
+  for (const auto& [name, subscription] : subscriptions)
+    drop(subscription);
+  node_.cancel_calls(this);
+  // Responses that are already on their way to their handler find the call ended.
+  for (const auto& call : calls)
+    end(call, Return_code::not_reachable, {});
+  gate_->close();
+}
+
+Element_ids Connection::element(std::string_view name) const {
+  return element_ids(remote_->service, name);
+}
+
+void Connection::drop(const std::shared_ptr<Subscription>& subscription) {
+  node_.unsubscribe(subscription);
+  subscription->close();
+}
+
+void Connection::subscribe(std::string_view element,
+                           Notification_handler handler,
+                           Subscription_state_handler on_state) {
+  const auto& service = remote_->service;
+  someip::Event_selection selection;
+  selection.instance = remote_->key;
+  for (const auto& event : service.events) {
+    if (event.name != element) continue;
+    selection.event = event.id;
+    selection.event_group = event.event_group;
+    selection.transport = event.transport;
+  }
+  for (const auto& field : service.fields) {
+    if (field.name != element || !field.notifier) continue;
+    selection.event = *field.notifier;
+    selection.event_group = field.event_group;
+    selection.transport = field.transport;
+    selection.field = true;
+  }
+  if (selection.event == 0) {
+    throw std::runtime_error("services." + service.name + ": no event or notifier \"" +
+                             std::string(element) + "\" in the deployment manifest");
+  }
+  selection.group = someip::event_groups(service, nullptr).at(selection.event_group);
+
+  auto subscription = std::make_shared<Subscription>(
+      service.major_version, limits_.queued_notifications, std::move(handler), std::move(on_state),
+      workers_, node_.counters());
+  // The new one first: the provider then keeps the subscription and sends the values again.
+  node_.subscribe(selection, subscription);
+  std::shared_ptr<Subscription> replaced;
+  {
+    const std::lock_guard lock(mutex_);
+    replaced = std::exchange(subscriptions_[std::string(element)], std::move(subscription));
+  }
+  if (replaced) drop(replaced);
+}
+
+void Connection::unsubscribe(std::string_view element) {
+  std::shared_ptr<Subscription> ended;
+  {
+    const std::lock_guard lock(mutex_);
+    const auto found = subscriptions_.find(element);
+    if (found == subscriptions_.end()) return;
+    ended = std::move(found->second);
+    subscriptions_.erase(found);
+  }
+  drop(ended);
+}
+
+void Connection::end(const std::shared_ptr<Call>& call, Return_code code, Payload payload) {
+  if (!call->ended.exchange(true)) call->handler(code, payload);
+}
+
+void Connection::call(std::uint16_t method, Payload arguments, Response_handler handler) {
+  auto call = std::make_shared<Call>();
+  call->handler = std::move(handler);
+  {
+    const std::lock_guard lock(mutex_);
+    calls_.insert(call);
+  }
+  node_.call(remote_->key, method, transport_of(remote_->service, method), arguments, this,
+             [this, gate = gate_, call](someip::Return_code code, someip::Bytes payload) {
+               // Closed: the connection is gone, and has ended the call.
+               const Gate::Pass pass(*gate);
+               if (!pass) return;
+               {
+                 const std::lock_guard lock(mutex_);
+                 calls_.erase(call);
+               }
+               end(call, static_cast<Return_code>(code), payload);
+             });
+}
+
+void Connection::call_no_return(std::uint16_t method, Payload arguments) {
+  node_.call_no_return(remote_->key, method, transport_of(remote_->service, method), arguments);
+}
+
+}  // namespace tq::com

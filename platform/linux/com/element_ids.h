@@ -1,0 +1,32 @@
+/// From the name of a method, event or field to its ids.
+#pragma once
+
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "platform/someip/deployment.h"
+#include "tq/com/runtime.h"
+
+namespace tq::com {
+
+/// Throws std::runtime_error when the service has no such element.
+[[nodiscard]] inline Element_ids element_ids(const someip::Service_deployment& service,
+                                             std::string_view name) {
+  for (const auto& method : service.methods) {
+    if (method.name == name)
+      return {.method = method.id, .getter = {}, .setter = {}, .notifier = {}};
+  }
+  for (const auto& event : service.events) {
+    if (event.name == name) return {.method = {}, .getter = {}, .setter = {}, .notifier = event.id};
+  }
+  for (const auto& field : service.fields) {
+    if (field.name != name) continue;
+    return {
+        .method = {}, .getter = field.getter, .setter = field.setter, .notifier = field.notifier};
+  }
+  throw std::runtime_error("deployment manifest: services." + service.name +
+                           ": no method, event or field \"" + std::string(name) + "\"");
+}
+
+}  // namespace tq::com

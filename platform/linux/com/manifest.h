@@ -1,0 +1,23 @@
+/// The deployment manifest: which file is in force, and its contents as plain values.
+#pragma once
+
+#include <string>
+#include <string_view>
+
+#include "platform/someip/deployment.h"
+
+namespace tq::com {
+
+/// The manifest in force: the file that the environment variable POS_MANIFEST names, else
+/// share/pos/manifest.json of the installation that the executable belongs to, else the built-in
+/// copy for the loopback network. POS_NODE_ADDRESS, when set, replaces the addresses of the node
+/// `node_in_use`. Throws std::runtime_error that names file, key and what was expected.
+[[nodiscard]] someip::Deployment load_deployment(std::string_view node_in_use = {});
+
+/// `source` names the text in errors.
+[[nodiscard]] someip::Deployment parse_deployment(std::string_view text, const std::string& source);
+
+/// config/manifest.json as it was when this was built.
+[[nodiscard]] std::string_view built_in_manifest();
+
+}  // namespace tq::com

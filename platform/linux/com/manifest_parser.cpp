@@ -1,0 +1,350 @@
+#include <algorithm>
+#include <boost/asio/ip/address.hpp>
+#include <map>
+#include <set>
+#include <string>
+#include <tuple>
+
+#include "platform/linux/com/json_reader.h"
+#include "platform/linux/com/manifest.h"
+
+namespace tq::com {
+
+namespace {
+
+using someip::Deployment;
+using Members = Json_reader::Members;
+
+boost::asio::ip::address address(const Json_reader& value, bool multicast) {
+  boost::system::error_code error;
+  const std::string text = value.is_text() ? value.text() : "";
+  const auto result = boost::asio::ip::make_address(text, error);
+  if (error || result.is_unspecified() || result.is_multicast() != multicast) {
+    value.fail(multicast ? "a multicast IP address" : "a unicast IP address");
+  }
+  return result;
+}
+
+template <class Value>
+void read_number(
+    Members& members, const char* name, Value& value, std::uint64_t low, std::uint64_t high) {
+  if (const auto found = members.find(name)) value = found->number<Value>(low, high);
+}
+
+void read_milliseconds(Members& members, const char* name, someip::Milliseconds& value) {
+  if (const auto found = members.find(name)) {
+    value = someip::Milliseconds(found->number<std::int64_t>(0, 3'600'000));
+  }
+}
+
+std::optional<std::uint16_t> optional_id(Members& members,
+                                         const char* name,
+                                         std::uint64_t low,
+                                         std::uint64_t high) {
+  const auto found = members.find(name);
+  if (!found) return std::nullopt;
+  return found->number<std::uint16_t>(low, high);
+}
+
+someip::Node_deployment node(const std::string& name, const Json_reader& value) {
+  Members members(value);
+  someip::Node_deployment result;
+  result.name = name;
+  const auto one = members.find("address");
+  const auto several = members.find("addresses");
+  if (one.has_value() == several.has_value()) {
+    value.fail("either \"address\" or \"addresses\"");
+  }
+  if (one) result.addresses = {address(*one, false)};
+  if (several) {
+    for (const auto& element : several->elements()) {
+      result.addresses.push_back(address(element, false));
+    }
+    if (result.addresses.empty()) several->fail("at least one address");
+  }
+  const bool v4 = result.addresses.front().is_v4();
+  if (!v4) result.prefix_length = 64;
+  read_number(members, "prefixLength", result.prefix_length, 0, v4 ? 32 : 128);
+  read_number(members, "workers", result.workers, 1, 64);
+  read_number(members, "clientId", result.client_id, 0, 0xFFFF);
+  read_number(members, "clientPort", result.client_port, 0, 0xFFFF);
+  read_milliseconds(members, "requestTimeoutMs", result.request_timeout);
+  members.done();
+  return result;
+}
+
+someip::Discovery_timing discovery(const Json_reader& value) {
+  Members members(value);
+  someip::Discovery_timing result;
+  if (const auto found = members.find("multicastAddress")) {
+    result.multicast_address = address(*found, true);
+  }
+  read_number(members, "port", result.port, 1, 0xFFFF);
+  read_milliseconds(members, "initialDelayMinMs", result.initial_delay_min);
+  read_milliseconds(members, "initialDelayMaxMs", result.initial_delay_max);
+  read_milliseconds(members, "repetitionsBaseDelayMs", result.repetitions_base_delay);
+  read_number(members, "repetitionsMax", result.repetitions_max, 0, 10);
+  read_milliseconds(members, "cyclicOfferDelayMs", result.cyclic_offer_delay);
+  read_milliseconds(members, "requestResponseDelayMinMs", result.request_response_delay_min);
+  read_milliseconds(members, "requestResponseDelayMaxMs", result.request_response_delay_max);
+  read_number(members, "offerTtlS", result.offer_ttl, 1, 0xFFFFFF);
+  read_number(members, "subscribeTtlS", result.subscribe_ttl, 1, 0xFFFFFF);
+  members.done();
+  if (result.initial_delay_min > result.initial_delay_max) {
+    value.fail("initialDelayMinMs not above initialDelayMaxMs");
+  }
+  if (result.request_response_delay_min > result.request_response_delay_max) {
+    value.fail("requestResponseDelayMinMs not above requestResponseDelayMaxMs");
+  }
+  return result;
+}
+
+someip::Limits limits(const Json_reader& value) {
+  Members members(value);
+  someip::Limits result;
+  constexpr std::uint64_t many = 1'000'000;
+  constexpr std::uint64_t bytes = 1u << 30;
+  read_number(members, "subscribersPerEventGroup", result.subscribers_per_event_group, 1, many);
+  read_number(members, "reassemblies", result.reassemblies, 1, many);
+  read_number(members, "reassembliesPerPeer", result.reassemblies_per_peer, 1, many);
+  read_milliseconds(members, "reassemblyTimeoutMs", result.reassembly_timeout);
+  read_number(members, "messageBytes", result.message_bytes, 1500, bytes);
+  read_number(members, "tcpConnections", result.tcp_connections, 1, many);
+  read_number(members, "tcpSendQueueBytes", result.tcp_send_queue_bytes, 1500, bytes);
+  read_number(members, "pendingCalls", result.pending_calls, 1, 0xFFFE);
+  read_number(members, "entriesPerDiscoveryMessage", result.entries_per_discovery_message, 1, 4096);
+  read_number(members, "remoteInstances", result.remote_instances, 1, many);
+  read_number(members, "discoveryPeers", result.discovery_peers, 1, many);
+  read_number(members, "queuedNotifications", result.queued_notifications, 1, many);
+  members.done();
+  return result;
+}
+
+someip::Transport transport(Members& members) {
+  const auto found = members.find("transport");
+  if (!found) return someip::Transport::udp;
+  const std::string text = found->is_text() ? found->text() : "";
+  if (text != "udp" && text != "tcp") found->fail("\"udp\" or \"tcp\"");
+  return text == "udp" ? someip::Transport::udp : someip::Transport::tcp;
+}
+
+constexpr std::uint64_t max_method = 0x7FFF;
+constexpr std::uint64_t min_event = 0x8000;
+constexpr std::uint64_t max_event = 0xFFFE;
+
+/// Ids that may appear once only, with where they appeared.
+class Unique {
+ public:
+  explicit Unique(const char* what) : what_(what) {}
+  void add(std::uint64_t id, const Json_reader& where) {
+    const auto [known, added] = seen_.emplace(id, where.path());
+    if (!added) where.fail("a " + std::string(what_) + " that is not used yet by " + known->second);
+  }
+
+ private:
+  const char* what_;
+  std::map<std::uint64_t, std::string> seen_;
+};
+
+void read_elements(Members& members, someip::Service_deployment& service) {
+  Unique methods("method id"), events("event id");
+  std::map<std::string, std::string> names;
+  const auto name_of = [&](const std::string& name, const Json_reader& where) {
+    const auto [known, added] = names.emplace(name, where.path());
+    if (!added) where.fail("a name that is not used yet by " + known->second);
+    return name;
+  };
+  if (const auto found = members.find("methods")) {
+    for (const auto& [name, value] : found->named()) {
+      Members one(value);
+      someip::Method_deployment method;
+      method.name = name_of(name, value);
+      method.id = one.at("id").number<std::uint16_t>(1, max_method);
+      methods.add(method.id, value);
+      method.transport = transport(one);
+      if (const auto flag = one.find("fireAndForget")) method.fire_and_forget = flag->boolean();
+      one.done();
+      service.methods.push_back(method);
+    }
+  }
+  if (const auto found = members.find("events")) {
+    for (const auto& [name, value] : found->named()) {
+      Members one(value);
+      someip::Event_deployment event;
+      event.name = name_of(name, value);
+      event.id = one.at("id").number<std::uint16_t>(min_event, max_event);
+      events.add(event.id, value);
+      event.event_group = one.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
+      event.transport = transport(one);
+      one.done();
+      service.events.push_back(event);
+    }
+  }
+  if (const auto found = members.find("fields")) {
+    for (const auto& [name, value] : found->named()) {
+      Members one(value);
+      someip::Field_deployment field;
+      field.name = name_of(name, value);
+      field.getter = optional_id(one, "getter", 1, max_method);
+      field.setter = optional_id(one, "setter", 1, max_method);
+      field.notifier = optional_id(one, "notifier", min_event, max_event);
+      if (!field.getter && !field.setter && !field.notifier) {
+        value.fail("a getter, a setter or a notifier");
+      }
+      if (field.getter) methods.add(*field.getter, value);
+      if (field.setter) methods.add(*field.setter, value);
+      if (field.notifier) {
+        events.add(*field.notifier, value);
+        field.event_group = one.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
+      }
+      field.transport = transport(one);
+      one.done();
+      service.fields.push_back(field);
+    }
+  }
+}
+
+someip::Multicast_deployment multicast(const Json_reader& value) {
+  Members members(value);
+  someip::Multicast_deployment result;
+  result.event_group = members.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
+  result.address = address(members.at("address"), true);
+  result.port = members.at("port").number<std::uint16_t>(1, 0xFFFF);
+  result.threshold = members.at("threshold").number<std::uint32_t>(0, 0xFFFF);
+  members.done();
+  return result;
+}
+
+bool uses(const someip::Service_deployment& service, someip::Transport transport) {
+  const auto same = [&](const auto& element) { return element.transport == transport; };
+  return std::ranges::any_of(service.methods, same) || std::ranges::any_of(service.events, same) ||
+         std::ranges::any_of(service.fields, same);
+}
+
+someip::Instance_deployment instance(const Json_reader& value,
+                                     const someip::Service_deployment& service,
+                                     const Deployment& deployment) {
+  Members members(value);
+  someip::Instance_deployment result;
+  result.id = members.at("id").number<std::uint16_t>(1, 0xFFFE);
+  result.specifier = members.at("specifier").text();
+  const auto node = members.at("node");
+  result.node = node.text();
+  if (std::ranges::none_of(deployment.nodes,
+                           [&](const auto& known) { return known.name == result.node; })) {
+    node.fail("the name of one of the nodes");
+  }
+  for (const auto& [name, port] :
+       {std::pair{"udpPort", &result.udp_port}, std::pair{"tcpPort", &result.tcp_port}}) {
+    const auto found = members.find(name);
+    if (!found) continue;
+    *port = found->number<std::uint16_t>(1, 0xFFFF);
+    if (**port == deployment.discovery.port) {
+      found->fail("a port other than that of service discovery");
+    }
+  }
+  if (const auto found = members.find("multicast")) {
+    for (const auto& element : found->elements()) {
+      const auto& group = result.multicast.emplace_back(multicast(element));
+      const auto in_group = [&](const auto& one) { return one.event_group == group.event_group; };
+      if (std::ranges::none_of(service.events, in_group) &&
+          std::ranges::none_of(service.fields, in_group)) {
+        element.fail("an event group of the service");
+      }
+    }
+  }
+  members.done();
+  if (!result.udp_port && !result.tcp_port) value.fail("\"udpPort\" or \"tcpPort\"");
+  if (uses(service, someip::Transport::udp) && !result.udp_port) {
+    value.fail("\"udpPort\" for what travels over UDP");
+  }
+  if (uses(service, someip::Transport::tcp) && !result.tcp_port) {
+    value.fail("\"tcpPort\" for what travels over TCP");
+  }
+  return result;
+}
+
+someip::Service_deployment service(const std::string& name,
+                                   const Json_reader& value,
+                                   const Deployment& deployment) {
+  Members members(value);
+  someip::Service_deployment result;
+  result.name = name;
+  result.id = members.at("id").number<std::uint16_t>(1, 0xFFFD);
+  result.major_version = members.at("majorVersion").number<std::uint8_t>(0, 0xFE);
+  result.minor_version = members.at("minorVersion").number<std::uint32_t>(0, 0xFFFFFFFE);
+  read_elements(members, result);
+  if (const auto found = members.find("instances")) {
+    Unique ids("instance id");
+    // Instance ids are not in the messages: what tells two instances apart is the port
+    // (someip_445).
+    std::map<std::tuple<std::string, bool, std::uint16_t>, std::string> ports;
+    for (const auto& element : found->elements()) {
+      auto one = instance(element, result, deployment);
+      ids.add(one.id, element);
+      for (const auto& [port, tcp] :
+           {std::pair{one.udp_port, false}, std::pair{one.tcp_port, true}}) {
+        if (!port) continue;
+        const auto [known, added] = ports.emplace(std::tuple(one.node, tcp, *port), element.path());
+        if (!added) element.fail("a port that " + known->second + " of this service does not use");
+      }
+      result.instances.push_back(std::move(one));
+    }
+  }
+  if (const auto found = members.find("allowedPeers")) {
+    for (const auto& element : found->elements()) {
+      result.allowed_peers.push_back(address(element, false));
+    }
+  }
+  members.done();
+  return result;
+}
+
+}  // namespace
+
+Deployment parse_deployment(std::string_view text, const std::string& source) {
+  Json_reader::Json document;
+  // A key given twice would silently win over its first appearance.
+  std::vector<std::set<std::string>> keys;
+  const auto unique_keys = [&](int, nlohmann::json::parse_event_t event,
+                               Json_reader::Json& parsed) {
+    if (event == nlohmann::json::parse_event_t::object_start) keys.emplace_back();
+    if (event == nlohmann::json::parse_event_t::object_end) keys.pop_back();
+    if (event == nlohmann::json::parse_event_t::key &&
+        !keys.back().insert(parsed.get<std::string>()).second) {
+      throw std::runtime_error(source + ": " + parsed.dump() + ": expected once in its object");
+    }
+    return true;
+  };
+  try {
+    document = Json_reader::Json::parse(text, unique_keys);
+  } catch (const nlohmann::json::parse_error& error) {
+    throw std::runtime_error(source + ": not a JSON document: " + error.what());
+  }
+  const Json_reader root(document, "", source);
+  Members members(root);
+  Deployment result;
+  result.source = source;
+  for (const auto& [name, value] : members.at("nodes").named()) {
+    result.nodes.push_back(node(name, value));
+  }
+  if (const auto found = members.find("serviceDiscovery")) result.discovery = discovery(*found);
+  if (const auto found = members.find("limits")) result.limits = limits(*found);
+  Unique ids("service id");
+  std::map<std::string, std::string> specifiers;
+  for (const auto& [name, value] : members.at("services").named()) {
+    auto one = service(name, value, result);
+    ids.add(one.id, value);
+    for (const auto& instance : one.instances) {
+      const auto [known, added] = specifiers.emplace(instance.specifier, value.path());
+      if (!added)
+        value.fail("an instance specifier other than \"" + instance.specifier + "\", which " +
+                   known->second + " has");
+    }
+    result.services.push_back(std::move(one));
+  }
+  members.done();
+  return result;
+}
+
+}  // namespace tq::com

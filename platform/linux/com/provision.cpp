@@ -1,0 +1,75 @@
+#include "platform/linux/com/provision.h"
+
+#include <cstdio>
+#include <stdexcept>
+#include <utility>
+
+#include "platform/linux/com/element_ids.h"
+
+namespace tq::com {
+
+namespace {
+
+std::string hexadecimal(std::uint16_t id) {
+  char text[8];
+  std::snprintf(text, sizeof text, "0x%04X", static_cast<unsigned>(id));
+  return text;
+}
+
+}  // namespace
+
+Provision::Provision(std::shared_ptr<someip::Provided_instance> instance,
+                     someip::Node& node,
+                     std::string manifest)
+    : instance_(std::move(instance)),
+      node_(node),
+      manifest_(std::move(manifest)),
+      gate_(std::make_shared<Gate>()) {}
+
+Provision::~Provision() {
+  stop_offer();
+  gate_->close();
+}
+
+Element_ids Provision::element(std::string_view name) const {
+  return element_ids(instance_->service(), name);
+}
+
+void Provision::set_method_handler(std::uint16_t method, Method_handler handler) {
+  try {
+    instance_->set_handler(
+        method, [gate = gate_, handler = std::move(handler)](someip::Bytes arguments) {
+          const Gate::Pass pass(*gate);
+          if (!pass) return someip::Response{someip::Return_code::not_ok, {}};
+          Response response = handler(arguments);
+          return someip::Response{static_cast<someip::Return_code>(response.code),
+                                  std::move(response.payload)};
+        });
+  } catch (const std::out_of_range&) {
+    throw std::runtime_error(manifest_ + ": services." + instance_->service().name +
+                             ": no method " + hexadecimal(method));
+  }
+}
+
+void Provision::offer() {
+  node_.offer(instance_);
+}
+
+void Provision::stop_offer() {
+  node_.stop_offer(instance_);
+}
+
+void Provision::update_field(std::uint16_t notifier, Payload value) {
+  send_event(notifier, value);
+}
+
+void Provision::send_event(std::uint16_t event, Payload value) {
+  try {
+    instance_->event(event).notify(value);
+  } catch (const std::out_of_range&) {
+    throw std::runtime_error(manifest_ + ": services." + instance_->service().name + ": no event " +
+                             hexadecimal(event));
+  }
+}
+
+}  // namespace tq::com

@@ -1,0 +1,40 @@
+/// The runtime's own side of a provider.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+
+#include "platform/linux/com/gate.h"
+#include "platform/someip/node.h"
+#include "tq/com/runtime.h"
+
+namespace tq::com {
+
+class Provision final : public Provider {
+ public:
+  Provision(std::shared_ptr<someip::Provided_instance> instance,
+            someip::Node& node,
+            std::string manifest);
+  ~Provision() override;
+  Provision(const Provision&) = delete;
+  Provision& operator=(const Provision&) = delete;
+
+  [[nodiscard]] std::string_view service() const override { return instance_->service().name; }
+  [[nodiscard]] std::uint16_t instance() const override { return instance_->deployment().id; }
+  [[nodiscard]] Element_ids element(std::string_view name) const override;
+  void set_method_handler(std::uint16_t method, Method_handler handler) override;
+  void offer() override;
+  void stop_offer() override;
+  void update_field(std::uint16_t notifier, Payload value) override;
+  void send_event(std::uint16_t event, Payload value) override;
+
+ private:
+  const std::shared_ptr<someip::Provided_instance> instance_;
+  someip::Node& node_;
+  const std::string manifest_;
+  const std::shared_ptr<Gate> gate_;  ///< of method handlers; shared with requests that still wait
+};
+
+}  // namespace tq::com

@@ -1,0 +1,238 @@
+#include "mw/com/runtime.h"
+
+#include <algorithm>
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <stdexcept>
+#include <utility>
+
+#include "ara/log/logger.h"
+#include "mw/com/Strand.h"
+#include "mw/com/static_thread_pool.h"
+#include "platform/linux/com/connection.h"
+#include "platform/linux/com/loop.h"
+#include "platform/linux/com/make_runtime.h"
+#include "platform/linux/com/manifest.h"
+#include "platform/linux/com/provision.h"
+#include "platform/someip/node.h"
+
+namespace tq::com {
+
+namespace {
+
+/// A search on its way to its handler.
+class Running_search final : public someip::Search,
+                             public std::enable_shared_from_this<Running_search> {
+ public:
+  Running_search(const someip::Service_deployment& service,
+                 Find_handler handler,
+                 someip::Workers& workers)
+      : service_(service), handler_(std::move(handler)), workers_(workers) {}
+
+  void found(const std::vector<std::uint16_t>& instances) override {
+    std::vector<Found_instance> result;
+    for (const std::uint16_t instance : instances) {
+      result.push_back(
+          {service_.name, instance, std::make_shared<const Remote_instance>(service_, instance)});
+    }
+    if (strand_.enqueue([this, result = std::move(result)] { handler_(result); })) {
+      workers_.post([self = shared_from_this()] { self->strand_.run(); });
+    }
+  }
+  void close() { strand_.close(); }
+
+ private:
+  const someip::Service_deployment& service_;
+  const Find_handler handler_;
+  someip::Workers& workers_;
+  mw::com::Strand strand_;
+};
+
+void write_log(someip::Log_level level, const std::string& text) {
+  static ara::log::Logger& logger = ara::log::CreateLogger("SIPR", "SOME/IP runtime");
+  switch (level) {
+    case someip::Log_level::error:
+      logger.LogError() << text;
+      break;
+    case someip::Log_level::warning:
+      logger.LogWarn() << text;
+      break;
+    case someip::Log_level::info:
+      logger.LogInfo() << text;
+      break;
+    case someip::Log_level::debug:
+      logger.LogDebug() << text;
+      break;
+  }
+}
+
+class Someip_runtime final : public Runtime {
+ public:
+  Someip_runtime(someip::Deployment deployment, const std::string& node)
+      : deployment_(std::move(deployment)),
+        node_deployment_(find_node(deployment_, node)),
+        pool_(node_deployment_.workers),
+        node_(deployment_, node_deployment_, pool_.loop(), write_log) {}
+
+  ~Someip_runtime() override {
+    std::map<Find_token, std::shared_ptr<Running_search>> searches;
+    {
+      const std::lock_guard lock(mutex_);
+      searches.swap(searches_);
+    }
+    for (const auto& [token, search] : searches)
+      search->close();
+    node_.stop();
+    pool_.stop();
+  }
+
+  Find_token start_find_service(std::string_view service,
+                                std::optional<std::uint16_t> instance,
+                                Find_handler handler) override {
+    const auto& deployed = find_service(service);
+    auto search = std::make_shared<Running_search>(deployed, std::move(handler), pool_.loop());
+    Find_token token{};
+    {
+      const std::lock_guard lock(mutex_);
+      token = Find_token{++last_token_};
+      searches_.emplace(token, search);
+    }
+    node_.start_search(deployed, instance.value_or(someip::any_instance), std::move(search));
+    return token;
+  }
+
+  void stop_find_service(Find_token token) override {
+    std::shared_ptr<Running_search> search;
+    {
+      const std::lock_guard lock(mutex_);
+      const auto found = searches_.find(token);
+      if (found == searches_.end()) return;
+      search = std::move(found->second);
+      searches_.erase(found);
+    }
+    node_.stop_search(search);
+    search->close();
+  }
+
+  std::unique_ptr<Consumer> connect(const Found_instance& instance) override {
+    if (!instance.where) throw std::logic_error("connect: an instance that no search has found");
+    return std::make_unique<Connection>(instance.where, node_, pool_.loop(), deployment_.limits);
+  }
+
+  std::unique_ptr<Provider> provide(std::string_view service, std::string_view specifier) override {
+    const auto& deployed = find_service(service);
+    const auto found =
+        std::ranges::find(deployed.instances, specifier, &someip::Instance_deployment::specifier);
+    if (found == deployed.instances.end()) {
+      throw std::runtime_error(deployment_.source + ": services." + deployed.name +
+                               ".instances: none has the specifier \"" + std::string(specifier) +
+                               "\"");
+    }
+    if (found->node != node_deployment_.name) {
+      throw std::runtime_error(deployment_.source + ": services." + deployed.name +
+                               ".instances: \"" + found->specifier + "\" belongs to node \"" +
+                               found->node + "\", this is node \"" + node_deployment_.name + "\"");
+    }
+    return std::make_unique<Provision>(node_.provide(deployed, *found), node_, deployment_.source);
+  }
+
+  std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override {
+    std::vector<std::pair<std::string_view, std::uint64_t>> result;
+    for (const auto& [name, counter] : someip::counter_names) {
+      result.emplace_back(name, (node_.counters().*counter).value());
+    }
+    return result;
+  }
+
+ private:
+  static const someip::Node_deployment& find_node(const someip::Deployment& deployment,
+                                                  const std::string& name) {
+    const auto found = std::ranges::find(deployment.nodes, name, &someip::Node_deployment::name);
+    if (found == deployment.nodes.end()) {
+      throw std::runtime_error(deployment.source + ": nodes: expected a node \"" + name + "\"");
+    }
+    return *found;
+  }
+
+  const someip::Service_deployment& find_service(std::string_view name) const {
+    const auto found =
+        std::ranges::find(deployment_.services, name, &someip::Service_deployment::name);
+    if (found == deployment_.services.end()) {
+      throw std::runtime_error(deployment_.source + ": services: \"" + std::string(name) +
+                               "\" is not deployed");
+    }
+    return *found;
+  }
+
+  const someip::Deployment deployment_;
+  const someip::Node_deployment& node_deployment_;
+  mw::com::static_thread_pool pool_;
+  someip::Node node_;
+  std::mutex mutex_;  ///< guards the members below
+  std::uint64_t last_token_ = 0;
+  std::map<Find_token, std::shared_ptr<Running_search>> searches_;
+};
+
+/// What a passive process has: nothing that could be used.
+class Passive_runtime final : public Runtime {
+ public:
+  Find_token start_find_service(std::string_view,
+                                std::optional<std::uint16_t>,
+                                Find_handler) override {
+    refuse();
+  }
+  void stop_find_service(Find_token) override {}
+  std::unique_ptr<Consumer> connect(const Found_instance&) override { refuse(); }
+  std::unique_ptr<Provider> provide(std::string_view, std::string_view) override { refuse(); }
+  std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override { return {}; }
+
+ private:
+  [[noreturn]] static void refuse() {
+    throw std::logic_error("the communication middleware of this process is passive");
+  }
+};
+
+/// The process's runtime; set and cleared by Component_singleton.
+std::atomic<Runtime*> the_runtime{nullptr};
+
+}  // namespace
+
+std::unique_ptr<Runtime> make_runtime(someip::Deployment deployment, const std::string& node) {
+  return std::make_unique<Someip_runtime>(std::move(deployment), node);
+}
+
+Runtime& Runtime::instance() {
+  Runtime* const runtime = the_runtime.load();
+  if (runtime == nullptr) {
+    throw std::logic_error("the communication middleware is used without a Component_singleton");
+  }
+  return *runtime;
+}
+
+}  // namespace tq::com
+
+namespace mw::com::runtime {
+
+Component_singleton::Component_singleton(const std::string& name, bool passive) {
+  if (tq::com::the_runtime.load() != nullptr) {
+    throw std::logic_error("there is a Component_singleton already");
+  }
+  const std::string node = name.empty() ? "POS" : name;
+  auto deployment = tq::com::load_deployment(node);
+  if (passive) {
+    runtime_ = std::make_unique<tq::com::Passive_runtime>();
+  } else {
+    runtime_ = tq::com::make_runtime(std::move(deployment), node);
+  }
+  tq::com::Runtime* none = nullptr;
+  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
+    throw std::logic_error("there is a Component_singleton already");
+  }
+}
+
+Component_singleton::~Component_singleton() {
+  tq::com::the_runtime.store(nullptr);
+}
+
+}  // namespace mw::com::runtime

@@ -1,0 +1,83 @@
+/// Service discovery of one node: reads what peers send, judges it, and drives both sides. Without
+/// sockets and clocks: time and datagrams are handed in, messages are handed out.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "platform/someip/counters.h"
+#include "platform/someip/deployment.h"
+#include "platform/someip/discovery_client.h"
+#include "platform/someip/discovery_outbox.h"
+#include "platform/someip/discovery_server.h"
+#include "platform/someip/log.h"
+
+namespace someip {
+
+/// Everything happens on one thread. Every member may change next_deadline().
+class Discovery {
+ public:
+  struct Host {
+    Discovery_server_host& server;
+    Discovery_client_host& client;
+    Discovery_outbox::Send send;
+    /// Called before the entries of the message that showed it are worked on. What has been seen of
+    /// the peer after `last_contact` already belongs to its new life.
+    std::function<void(const Address& peer, Time last_contact)> peer_restarted;
+  };
+
+  /// `own` is the address of the node; the references outlive this object.
+  Discovery(const Deployment& deployment,
+            const Node_deployment& node,
+            const Address& own,
+            Counters& counters,
+            Log& log,
+            Host host);
+
+  /// A datagram that came to the group or to the own unicast endpoint.
+  void received(Bytes datagram, const Endpoint& from, bool multicast, Time now);
+  void on_time(Time now);
+  [[nodiscard]] Time next_deadline() const;
+
+  /// Runs `work(server, client)` and sends what it leaves.
+  template <class Work>
+  void change(Time now, Work&& work) {
+    std::forward<Work>(work)(server_, client_);
+    settle(now);
+  }
+
+ private:
+  void message(const Message_view& view, Endpoint from, bool multicast, Time now);
+  void entry(const Discovery_message& message,
+             const Entry& entry,
+             const Endpoint& from,
+             bool multicast,
+             Time now);
+  void offer_entry(const Discovery_message& message,
+                   const Entry& entry,
+                   const Endpoint& from,
+                   bool multicast,
+                   Time now);
+  [[nodiscard]] bool acceptable(const Endpoint& endpoint) const;
+  [[nodiscard]] bool acceptable(const Instance_endpoints& endpoints) const;
+  void drop(const Endpoint& from, const char* why);
+  void settle(Time now);
+
+  const Deployment& deployment_;
+  const Node_deployment& node_;
+  const Address own_;
+  Counters& counters_;
+  Log& log_;
+  Host host_;
+  std::map<std::pair<std::uint16_t, std::uint8_t>, const Service_deployment*> services_;
+  Discovery_delays delays_;
+  Discovery_peers peers_;
+  Discovery_outbox outbox_;
+  Discovery_server server_;
+  Discovery_client client_;
+};
+
+}  // namespace someip

@@ -1,0 +1,74 @@
+/// One event or field notifier of a provided instance, on its way to the subscribers.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "platform/someip/counters.h"
+#include "platform/someip/message.h"
+#include "platform/someip/sessions.h"
+#include "platform/someip/udp_port.h"
+
+namespace someip {
+
+/// A connection that takes whole messages.
+class Stream {
+ public:
+  virtual ~Stream() = default;
+  /// Queues a message and returns at once; a reader that is too slow loses the connection.
+  virtual void send(const Header& header, Bytes payload) = 0;
+};
+
+/// Where the notifications of an event go. Immutable once shared: sending needs no lock.
+struct Event_targets {
+  std::vector<Socket_address> udp;
+  std::vector<std::shared_ptr<Stream>> streams;
+};
+
+/// Thread-safe. Notifications leave in the order of the calls; no lock is held while they are sent.
+class Event_channel {
+ public:
+  using Targets = std::shared_ptr<const Event_targets>;
+
+  /// `udp` may be null when the event travels over TCP only.
+  Event_channel(std::uint16_t service,
+                std::uint16_t event,
+                std::uint8_t interface_version,
+                bool field,
+                std::shared_ptr<Udp_port> udp,
+                Counters& counters);
+
+  /// To all present targets. A field's value is kept.
+  void notify(Bytes payload);
+  /// From the next notification on; `fresh` get the present value of a field now.
+  void set_targets(Targets targets, Targets fresh);
+  [[nodiscard]] std::optional<std::vector<std::byte>> value() const;
+
+ private:
+  struct Job {
+    std::vector<std::byte> payload;
+    Targets targets;
+    std::uint16_t session;
+  };
+
+  void send(Bytes payload, const Event_targets& targets, std::uint16_t session);
+  void drain(std::unique_lock<std::mutex>& lock);
+
+  const Header header_;
+  const bool field_;
+  const std::shared_ptr<Udp_port> udp_;
+  Counters& counters_;
+
+  mutable std::mutex mutex_;  ///< guards the members below; not held while sending
+  bool sending_ = false;      ///< somebody sends and will take the queue along
+  std::deque<Job> queue_;
+  Targets targets_;
+  std::optional<std::vector<std::byte>> value_;
+  Session_counter sessions_;
+};
+
+}  // namespace someip

@@ -1,0 +1,64 @@
+/// From a received notification to those who subscribed to it.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/someip/deployment.h"
+#include "platform/someip/endpoint.h"
+#include "platform/someip/received.h"
+#include "platform/someip/task.h"
+
+namespace someip {
+
+/// A subscriber inside the process.
+class Event_sink : public Task {
+ public:
+  explicit Event_sink(std::uint8_t interface_version) : interface_version_(interface_version) {}
+  [[nodiscard]] std::uint8_t interface_version() const { return interface_version_; }
+  /// Appends a notification to those that wait for the handler. True when run() has to be called,
+  /// from any thread; false when somebody who runs already takes it along, or it was refused.
+  [[nodiscard]] virtual bool enqueue(const Received& notification) = 0;
+  /// The state of the subscription has changed. Called on the control thread; must not wait.
+  virtual void subscription_changed(bool active) = 0;
+
+  /// Has a notification come since the subscription became active?
+  [[nodiscard]] bool value_seen() const { return value_seen_.load(std::memory_order_relaxed); }
+  void set_value_seen(bool seen) { value_seen_.store(seen, std::memory_order_relaxed); }
+
+ private:
+  const std::uint8_t interface_version_;
+  std::atomic<bool> value_seen_{false};
+};
+
+/// Events are told apart by the endpoint that they come from, so two instances of a service never
+/// mix (someip_648). Thread-safe.
+class Event_routes {
+ public:
+  struct Key {
+    Endpoint from;  ///< the endpoint that the offer announced
+    Transport transport = Transport::udp;
+    std::uint16_t service = 0;
+    std::uint16_t event = 0;
+    friend bool operator==(const Key&, const Key&) = default;
+  };
+  using Sinks = std::vector<std::shared_ptr<Event_sink>>;
+
+  void add(const Key& key, std::shared_ptr<Event_sink> sink);
+  void remove(const Key& key, const Event_sink* sink);
+  /// Null when nobody wants it.
+  [[nodiscard]] std::shared_ptr<const Sinks> find(const Key& key) const;
+
+ private:
+  struct Hash {
+    std::size_t operator()(const Key& key) const;
+  };
+  mutable std::mutex mutex_;  ///< guards routes_
+  std::unordered_map<Key, std::shared_ptr<const Sinks>, Hash> routes_;
+};
+
+}  // namespace someip

@@ -1,0 +1,271 @@
+#include "platform/someip/node.h"
+
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <future>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
+
+namespace someip {
+
+/// A port with services behind it.
+class Node::Service_port final : public Udp_port::Receiver {
+ public:
+  Service_port(std::unique_ptr<Udp_socket> socket, Node& node)
+      : port(std::make_shared<Udp_port>(
+            std::move(socket), *this, node.workers_, node.reassembler_, node.counters_, node.log_)),
+        counters_(node.counters_) {}
+
+  void received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) override {
+    table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
+                   counters_);
+  }
+
+  Service_table table;
+  const std::shared_ptr<Udp_port> port;
+
+ private:
+  Counters& counters_;
+};
+
+namespace {
+
+std::string key_of(const Node_deployment& node) {
+  return "nodes." + node.name + (node.addresses.size() > 1 ? ".addresses" : ".address");
+}
+
+}  // namespace
+
+std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& service,
+                                                      const Instance_deployment* instance) {
+  std::map<std::uint16_t, Group_transport> groups;
+  const auto add = [&](std::uint16_t group, Transport transport) {
+    (transport == Transport::udp ? groups[group].udp : groups[group].tcp) = true;
+  };
+  for (const auto& event : service.events)
+    add(event.event_group, event.transport);
+  for (const auto& field : service.fields) {
+    if (field.notifier) add(field.event_group, field.transport);
+  }
+  if (instance == nullptr) return groups;
+  for (const Multicast_deployment& multicast : instance->multicast) {
+    const auto group = groups.find(multicast.event_group);
+    if (group == groups.end()) continue;
+    group->second.multicast = Endpoint{multicast.address, multicast.port};
+    group->second.multicast_threshold = multicast.threshold;
+  }
+  return groups;
+}
+
+Node::Node(const Deployment& deployment,
+           const Node_deployment& node,
+           Workers& workers,
+           Log_sink log)
+    : deployment_(deployment),
+      node_(node),
+      workers_(workers),
+      log_(std::move(log)),
+      reassembler_(deployment.limits),
+      calls_(deployment.limits.pending_calls),
+      timer_(workers.control()),
+      call_timer_(workers.control()) {
+  take_address();
+  client_port_ = open_client_port();
+  Discovery::Host host{
+      *this, *this,
+      [this](const std::vector<std::byte>& message, const Discovery_outbox::Destination& to) {
+        channel_->send(message, to);
+      },
+      [this](const Address& peer, Time) { reassembler_.forget(peer); }};
+  discovery_ =
+      std::make_unique<Discovery>(deployment, node, own_, counters_, log_, std::move(host));
+  client_port_->open();
+  on_control([this] {
+    channel_->start([this](Bytes datagram, const Endpoint& from, bool multicast) {
+      discovery_->received(datagram, from, multicast, std::chrono::steady_clock::now());
+      schedule();
+    });
+  });
+}
+
+Node::~Node() {
+  stop();
+}
+
+void Node::take_address() {
+  std::string tried;
+  for (const Address& address : node_.addresses) {
+    try {
+      channel_ = std::make_unique<Discovery_channel>(workers_.control(), deployment_.discovery,
+                                                     address, counters_, log_);
+      own_ = address;
+      return;
+    } catch (const std::system_error& error) {
+      const bool taken = error.code() == std::errc::address_in_use;
+      tried +=
+          (tried.empty() ? "" : "; ") + address.to_string() +
+          (taken ? " is taken by another process" : " cannot be used: " + error.code().message());
+    }
+  }
+  throw std::runtime_error(deployment_.source + ": " + key_of(node_) + ": " +
+                           (tried.empty() ? "no address given" : tried) +
+                           " (each process needs an address of its own, with port " +
+                           std::to_string(deployment_.discovery.port) + " free)");
+}
+
+std::shared_ptr<Udp_port> Node::open_client_port() {
+  auto socket = std::make_unique<Udp_socket>(own_);
+  socket->allow_missing_address();
+  if (const auto error = socket->bind({own_, node_.client_port})) {
+    throw std::runtime_error(deployment_.source + ": nodes." + node_.name + ".clientPort: port " +
+                             std::to_string(node_.client_port) + " of " + own_.to_string() +
+                             " cannot be used: " + error.message());
+  }
+  return std::make_shared<Udp_port>(std::move(socket), static_cast<Udp_port::Receiver&>(*this),
+                                    workers_, reassembler_, counters_, log_);
+}
+
+void Node::stop() {
+  std::call_once(stopped_once_, [this] {
+    std::promise<void> done;
+    boost::asio::post(workers_.control(), [this, &done] {
+      discovery_->change(std::chrono::steady_clock::now(),
+                         [](Discovery_server& server, Discovery_client& client) {
+                           client.unsubscribe_all();
+                           server.stop_all();
+                         });
+      stopped_ = true;
+      channel_->stop();
+      timer_.cancel();
+      call_timer_.cancel();
+      for (auto& [group, port] : multicast_ports_)
+        port.first->close();
+      done.set_value();
+    });
+    done.get_future().wait();
+    client_port_->close();
+    {
+      const std::lock_guard lock(ports_mutex_);
+      for (auto& [number, port] : service_ports_)
+        port->port->close();
+    }
+    expire_calls(true);
+  });
+}
+
+void Node::on_control(std::function<void()> work) {
+  boost::asio::post(workers_.control(), [this, work = std::move(work)] {
+    if (!stopped_) work();
+  });
+}
+
+void Node::change(const std::function<void(Discovery_server&, Discovery_client&)>& work) {
+  discovery_->change(std::chrono::steady_clock::now(), work);
+  schedule();
+}
+
+void Node::schedule() {
+  const Time next = discovery_->next_deadline();
+  if (stopped_ || next == Time::max()) return;
+  timer_.expires_at(next);
+  timer_.async_wait([this](const boost::system::error_code& cancelled) {
+    if (cancelled || stopped_) return;
+    discovery_->on_time(std::chrono::steady_clock::now());
+    schedule();
+  });
+}
+
+// Providing
+
+bool Node::has_connection(const Offer&, const Endpoint&) const {
+  return false;
+}
+
+std::shared_ptr<Node::Service_port> Node::service_port(const Instance_deployment& instance) {
+  if (!instance.udp_port) return nullptr;
+  const std::lock_guard lock(ports_mutex_);
+  auto& port = service_ports_[*instance.udp_port];
+  if (port) return port;
+  auto socket = std::make_unique<Udp_socket>(own_);
+  socket->allow_missing_address();
+  if (const auto error = socket->bind({own_, *instance.udp_port})) {
+    service_ports_.erase(*instance.udp_port);
+    throw std::runtime_error(deployment_.source + ": udpPort of instance \"" + instance.specifier +
+                             "\": port " + std::to_string(*instance.udp_port) + " of " +
+                             own_.to_string() + " cannot be used: " + error.message());
+  }
+  if (const auto error = socket->multicast_from(own_)) {
+    log_.limited(Log_level::warning, "multicast",
+                 "no multicast from " + own_.to_string() + ": " + error.message());
+  }
+  port = std::make_shared<Service_port>(std::move(socket), *this);
+  port->port->open();
+  return port;
+}
+
+std::shared_ptr<Provided_instance> Node::provide(const Service_deployment& service,
+                                                 const Instance_deployment& instance) {
+  const auto port = service_port(instance);
+  return std::make_shared<Provided_instance>(service, instance, port ? port->port : nullptr,
+                                             deployment_.limits, counters_);
+}
+
+void Node::offer(std::shared_ptr<Provided_instance> instance) {
+  if (const auto port = service_port(instance->deployment())) port->table.add(instance);
+  on_control([this, instance = std::move(instance)] {
+    const Service_deployment& service = instance->service();
+    const Instance_deployment& deployment = instance->deployment();
+    Offer offer;
+    offer.key = instance->key();
+    offer.minor_version = service.minor_version;
+    if (deployment.udp_port) offer.endpoints.udp = Endpoint{own_, *deployment.udp_port};
+    offer.groups = event_groups(service, &deployment);
+    offer.allowed_peers = service.allowed_peers;
+    offered_[offer.key] = instance;
+    change([&](Discovery_server& server, Discovery_client&) {
+      server.offer(std::move(offer), std::chrono::steady_clock::now());
+    });
+  });
+}
+
+void Node::stop_offer(std::shared_ptr<Provided_instance> instance) {
+  if (const auto port = service_port(instance->deployment())) port->table.remove(*instance);
+  on_control([this, instance = std::move(instance)] {
+    const auto found = offered_.find(instance->key());
+    if (found == offered_.end() || found->second != instance) return;
+    change(
+        [&](Discovery_server& server, Discovery_client&) { server.stop_offer(instance->key()); });
+    offered_.erase(instance->key());
+  });
+}
+
+void Node::subscribers_changed(const Instance_key& key,
+                               std::uint16_t event_group,
+                               const std::vector<Subscriber>& all,
+                               const std::vector<Subscriber>& fresh) {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return;
+  const auto targets_of = [](const std::vector<Subscriber>& subscribers) {
+    auto targets = std::make_shared<Event_targets>();
+    std::set<Endpoint> known;  // a client in two subscriptions gets each event once
+    for (const Subscriber& subscriber : subscribers) {
+      const auto& udp = subscriber.endpoints.udp;
+      if (udp && known.insert(*udp).second) targets->udp.emplace_back(*udp);
+    }
+    return targets;
+  };
+  auto targets = targets_of(all);
+  for (const Multicast_deployment& multicast : instance->second->deployment().multicast) {
+    if (multicast.event_group != event_group || multicast.threshold == 0) continue;
+    if (targets->udp.size() < multicast.threshold) continue;
+    targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
+  }
+  const auto initial = targets_of(fresh);
+  for (Event_channel* channel : instance->second->group(event_group)) {
+    channel->set_targets(targets, fresh.empty() ? nullptr : initial);
+  }
+}
+
+}  // namespace someip

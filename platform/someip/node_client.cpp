@@ -1,0 +1,355 @@
+// The using side of a node: searches, subscriptions, calls.
+#include <algorithm>
+#include <boost/asio/post.hpp>
+#include <string>
+#include <utility>
+
+#include "platform/someip/node.h"
+
+namespace someip {
+
+/// A response on its way to the handler.
+class Node::Answer final : public Task {
+ public:
+  Answer(Response_handler handler, Received message)
+      : handler_(std::move(handler)), message_(std::move(message)) {}
+  void run() override {
+    const bool ok = message_.header.code == 0;
+    handler_(static_cast<Return_code>(message_.header.code), ok ? message_.payload : Bytes{});
+  }
+
+ private:
+  const Response_handler handler_;
+  const Received message_;
+};
+
+void Node::start_search(const Service_deployment& service,
+                        std::uint16_t instance,
+                        std::shared_ptr<Search> search) {
+  on_control(
+      [this, id = service.id, major = service.major_version, instance, search = std::move(search)] {
+        searches_.push_back({id, instance, major, search});
+        change([&](Discovery_server&, Discovery_client& client) {
+          client.start_search(id, instance, major, std::chrono::steady_clock::now());
+        });
+        std::vector<std::uint16_t> found;
+        for (const Known_instance& known : known_) {
+          if (known.key.service == id && known.key.major_version == major &&
+              (instance == any_instance || instance == known.key.instance)) {
+            found.push_back(known.key.instance);
+          }
+        }
+        search->found(found);
+      });
+}
+
+void Node::stop_search(std::shared_ptr<Search> search) {
+  on_control([this, search = std::move(search)] {
+    const auto found =
+        std::ranges::find_if(searches_, [&](const auto& one) { return one.search == search; });
+    if (found == searches_.end()) return;
+    const Running_search ended = *found;
+    searches_.erase(found);
+    change([&](Discovery_server&, Discovery_client& client) {
+      client.stop_search(ended.service, ended.instance, ended.major_version);
+    });
+  });
+}
+
+void Node::tell_searches(std::uint16_t service) {
+  for (const Running_search& search : searches_) {
+    if (search.service != service) continue;
+    std::vector<std::uint16_t> found;
+    for (const Known_instance& known : known_) {
+      if (known.key.service == service && known.key.major_version == search.major_version &&
+          (search.instance == any_instance || search.instance == known.key.instance)) {
+        found.push_back(known.key.instance);
+      }
+    }
+    search.search->found(found);
+  }
+}
+
+void Node::instance_available(const Instance_key& key, const Remote_offer& offer) {
+  {
+    const std::lock_guard lock(known_mutex_);
+    known_.push_back({key, offer});
+  }
+  for (Client_event& event : events_) {
+    if (event.selection.instance == key) connect_route(event, offer);
+  }
+  tell_searches(key.service);
+}
+
+void Node::instance_gone(const Instance_key& key) {
+  {
+    const std::lock_guard lock(known_mutex_);
+    std::erase_if(known_, [&](const Known_instance& known) { return known.key == key; });
+  }
+  for (Client_event& event : events_) {
+    if (event.selection.instance != key || !event.route) continue;
+    routes_.remove(*std::exchange(event.route, std::nullopt), event.sink.get());
+  }
+  tell_searches(key.service);
+}
+
+void Node::connect_route(Client_event& event, const Remote_offer& offer) {
+  const auto& endpoint =
+      event.selection.transport == Transport::udp ? offer.endpoints.udp : offer.endpoints.tcp;
+  if (!endpoint) return;
+  event.route = Event_routes::Key{*endpoint, event.selection.transport,
+                                  event.selection.instance.service, event.selection.event};
+  event.sink->set_value_seen(false);
+  routes_.add(*event.route, event.sink);
+}
+
+void Node::subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink) {
+  on_control([this, selection, sink = std::move(sink)] {
+    Client_event& event = events_.emplace_back(Client_event{selection, sink, std::nullopt});
+    for (const Known_instance& known : known_) {
+      if (known.key == selection.instance) connect_route(event, known.offer);
+    }
+    change([&](Discovery_server&, Discovery_client& client) {
+      client.subscribe(selection.instance, selection.event_group, selection.group,
+                       std::chrono::steady_clock::now());
+      // A further subscriber of a group that is active already hears so at once.
+      if (client.active(selection.instance, selection.event_group))
+        sink->subscription_changed(true);
+    });
+  });
+}
+
+void Node::unsubscribe(std::shared_ptr<Event_sink> sink) {
+  on_control([this, sink = std::move(sink)] {
+    const auto found =
+        std::ranges::find_if(events_, [&](const auto& one) { return one.sink == sink; });
+    if (found == events_.end()) return;
+    const Client_event ended = std::move(*found);
+    events_.erase(found);
+    if (ended.route) routes_.remove(*ended.route, sink.get());
+    change([&](Discovery_server&, Discovery_client& client) {
+      client.unsubscribe(ended.selection.instance, ended.selection.event_group);
+    });
+    const bool still_wanted = std::ranges::any_of(events_, [&](const Client_event& event) {
+      return event.selection.instance == ended.selection.instance &&
+             event.selection.event_group == ended.selection.event_group;
+    });
+    if (!still_wanted) leave_multicast({ended.selection.instance, ended.selection.event_group});
+  });
+}
+
+void Node::subscription_changed(const Instance_key& key, std::uint16_t event_group, bool active) {
+  for (Client_event& event : events_) {
+    if (event.selection.instance != key || event.selection.event_group != event_group) continue;
+    if (!active) event.sink->set_value_seen(false);
+    event.sink->subscription_changed(active);
+  }
+  if (!active) leave_multicast({key, event_group});
+}
+
+bool Node::initial_value_missing(const Instance_key& key, std::uint16_t event_group) const {
+  return std::ranges::any_of(events_, [&](const Client_event& event) {
+    return event.selection.instance == key && event.selection.event_group == event_group &&
+           event.selection.field && !event.sink->value_seen();
+  });
+}
+
+void Node::listen_to(const Instance_key& key, std::uint16_t event_group, const Endpoint& group) {
+  auto& [port, users] = multicast_ports_[group];
+  users.insert({key, event_group});
+  if (port) return;
+  try {
+    auto socket = std::make_unique<Udp_socket>(own_);
+    socket->reuse_address();
+    auto error = socket->bind(group);
+    if (!error) error = socket->join(group.address, own_);
+    if (error) throw std::system_error(error);
+    port = std::make_shared<Udp_port>(std::move(socket), static_cast<Udp_port::Receiver&>(*this),
+                                      workers_, reassembler_, counters_, log_);
+    port->open();
+  } catch (const std::system_error& error) {
+    multicast_ports_.erase(group);
+    log_.limited(Log_level::warning, "group",
+                 "cannot listen to " + to_string(group) + ": " + error.code().message());
+  }
+}
+
+void Node::leave_multicast(const Group_key& key) {
+  for (auto at = multicast_ports_.begin(); at != multicast_ports_.end();) {
+    auto& [port, users] = at->second;
+    users.erase(key);
+    if (!users.empty()) {
+      ++at;
+      continue;
+    }
+    port->close();
+    at = multicast_ports_.erase(at);
+  }
+}
+
+std::optional<Endpoint> Node::tcp_endpoint(const Endpoint&) {
+  return std::nullopt;
+}
+
+void Node::received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) {
+  dispatch(std::move(message), from, Transport::udp, tasks);
+}
+
+void Node::dispatch(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
+  const Header& header = message.header;
+  if (header.protocol != protocol_version) {
+    counters_.dropped_wrong_version.add();
+    return;
+  }
+  if (header.is(Message_type::notification)) {
+    notification(std::move(message), from, transport, tasks);
+    return;
+  }
+  if (!header.is(Message_type::response) && !header.is(Message_type::error)) {
+    counters_.dropped_wrong_type.add();
+    return;
+  }
+  counters_.responses_received.add();
+  if (header.is(Message_type::error) && header.code == 0) {
+    counters_.dropped_wrong_type.add();  // an error without a reason (someip_683)
+    return;
+  }
+  if (header.client != node_.client_id) {
+    counters_.dropped_unexpected.add();
+    return;
+  }
+  auto call = calls_.take(header, from, transport);
+  if (!call) {
+    counters_.dropped_unexpected.add();
+    return;
+  }
+  tasks.push_back(std::make_shared<Answer>(std::move(call->handler), std::move(message)));
+}
+
+void Node::notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
+  const Header& header = message.header;
+  const auto sinks = routes_.find({from, transport, header.service, header.method});
+  if (!sinks || header.code != 0) {
+    counters_.dropped_unexpected.add();
+    return;
+  }
+  for (const auto& sink : *sinks) {
+    if (header.interface_version != sink->interface_version()) {
+      counters_.dropped_wrong_version.add();
+      continue;
+    }
+    counters_.notifications_received.add();
+    sink->set_value_seen(true);
+    if (sink->enqueue(message)) tasks.push_back(sink);
+  }
+}
+
+std::optional<Endpoint> Node::endpoint_of(const Instance_key& instance, Transport transport) {
+  const std::lock_guard lock(known_mutex_);
+  const auto known =
+      std::ranges::find_if(known_, [&](const Known_instance& one) { return one.key == instance; });
+  if (known == known_.end()) return std::nullopt;
+  const Instance_endpoints& endpoints = known->offer.endpoints;
+  return transport == Transport::udp ? endpoints.udp : endpoints.tcp;
+}
+
+void Node::send_request(const Header& header, Transport, const Endpoint& to, Bytes arguments) {
+  counters_.requests_sent.add();
+  const Socket_address address(to);
+  client_port_->send(header, arguments, std::span(&address, 1));
+}
+
+void Node::call(const Instance_key& instance,
+                std::uint16_t method,
+                Transport transport,
+                Bytes arguments,
+                const void* owner,
+                Response_handler handler) {
+  const auto server = endpoint_of(instance, transport);
+  if (!server) {
+    handler(Return_code::not_reachable, {});
+    return;
+  }
+  Pending_calls::Call call{instance.service,
+                           method,
+                           instance.major_version,
+                           *server,
+                           transport,
+                           owner,
+                           std::chrono::steady_clock::now() + node_.request_timeout,
+                           std::move(handler)};
+  const auto session = calls_.add(call);
+  if (!session) {
+    counters_.refused_calls.add();
+    call.handler(Return_code::not_ok, {});
+    return;
+  }
+  if (!calls_watched_.exchange(true)) on_control([this] { schedule_calls(); });
+
+  Header header;
+  header.service = instance.service;
+  header.method = method;
+  header.client = node_.client_id;
+  header.session = *session;
+  header.interface_version = instance.major_version;
+  header.type = static_cast<std::uint8_t>(Message_type::request);
+  send_request(header, transport, *server, arguments);
+}
+
+void Node::call_no_return(const Instance_key& instance,
+                          std::uint16_t method,
+                          Transport transport,
+                          Bytes arguments) {
+  const auto server = endpoint_of(instance, transport);
+  if (!server) return;
+  Header header;
+  header.service = instance.service;
+  header.method = method;
+  header.client = node_.client_id;
+  header.session = fire_and_forget_session();
+  header.interface_version = instance.major_version;
+  header.type = static_cast<std::uint8_t>(Message_type::request_no_return);
+  send_request(header, transport, *server, arguments);
+}
+
+std::uint16_t Node::fire_and_forget_session() {
+  std::uint16_t session = 0;
+  while (session == 0)
+    session = ++fire_and_forget_sessions_;
+  return session;
+}
+
+void Node::cancel_calls(const void* owner) {
+  for (const auto& call : calls_.take_if([&](const auto& one) { return one.owner == owner; })) {
+    call.handler(Return_code::not_reachable, {});
+  }
+}
+
+void Node::schedule_calls() {
+  // First, so that a call added from now on asks for another look.
+  calls_watched_ = false;
+  const Time next = calls_.next_deadline();
+  if (next == Time::max() || calls_watched_.exchange(true)) return;
+  call_timer_.expires_at(next);
+  call_timer_.async_wait([this](const boost::system::error_code& cancelled) {
+    if (cancelled || stopped_) return;
+    expire_calls(false);
+    schedule_calls();
+  });
+}
+
+void Node::expire_calls(bool all) {
+  const Time now = std::chrono::steady_clock::now();
+  auto expired = calls_.take_if([&](const auto& call) { return all || call.deadline <= now; });
+  if (all) {
+    for (const auto& call : expired)
+      call.handler(Return_code::not_reachable, {});
+    return;
+  }
+  counters_.calls_timed_out.add(expired.size());
+  for (auto& call : expired) {
+    workers_.post([handler = std::move(call.handler)] { handler(Return_code::timeout, {}); });
+  }
+}
+
+}  // namespace someip

@@ -1,0 +1,46 @@
+/// A received message and the buffer that it lies in.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <utility>
+
+#include "platform/someip/message.h"
+
+namespace someip {
+
+/// Reference-counted bytes. Those of the usual size come from, and return to, a list of the
+/// process, so that receiving does not allocate.
+class Buffer {
+ public:
+  static constexpr std::size_t usual_size = 2048;
+
+  Buffer() = default;
+  /// At least `size` bytes, not initialised.
+  explicit Buffer(std::size_t size);
+  Buffer(const Buffer& other) noexcept : block_(other.block_) { retain(); }
+  Buffer(Buffer&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
+  Buffer& operator=(Buffer other) noexcept {
+    std::swap(block_, other.block_);
+    return *this;
+  }
+  ~Buffer() { release(); }
+
+  [[nodiscard]] static Buffer copy_of(Bytes bytes);
+  [[nodiscard]] std::byte* data() const;
+  [[nodiscard]] std::size_t size() const;
+
+ private:
+  struct Block;
+  void retain() noexcept;
+  void release() noexcept;
+  Block* block_ = nullptr;
+};
+
+struct Received {
+  Header header;
+  Bytes payload;  ///< inside `buffer`
+  Buffer buffer;
+};
+
+}  // namespace someip

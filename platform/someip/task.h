@@ -1,0 +1,19 @@
+/// Work that a received message leaves behind: a handler to run.
+#pragma once
+
+#include <boost/container/small_vector.hpp>
+#include <memory>
+
+namespace someip {
+
+class Task {
+ public:
+  virtual ~Task() = default;
+  virtual void run() = 0;
+};
+
+/// In the order of arrival. Receivers fill the list while they hold the order of their socket; the
+/// tasks run afterwards.
+using Tasks = boost::container::small_vector<std::shared_ptr<Task>, 8>;
+
+}  // namespace someip

@@ -1,0 +1,98 @@
+/// A UDP endpoint of the node on which messages arrive: takes datagrams apart, puts segments
+/// together, hands the messages on and runs what they leave behind.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "platform/someip/counters.h"
+#include "platform/someip/log.h"
+#include "platform/someip/received.h"
+#include "platform/someip/segmentation.h"
+#include "platform/someip/task.h"
+#include "platform/someip/udp_socket.h"
+#include "platform/someip/workers.h"
+
+namespace someip {
+
+/// Shared by the ports of a node: trains of segments are bounded over all of them.
+class Shared_reassembler {
+ public:
+  explicit Shared_reassembler(const Limits& limits) : reassembler_(limits) {}
+
+  /// True when `header` and `payload`, those of a segment, completed a message, now in `message`.
+  [[nodiscard]] bool add(const Endpoint& peer,
+                         const Header& header,
+                         Bytes payload,
+                         Counters& counters,
+                         Reassembler::Message& message);
+  void forget(const Address& peer);
+
+ private:
+  std::mutex mutex_;  ///< guards reassembler_
+  Reassembler reassembler_;
+};
+
+class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_port> {
+ public:
+  /// Who gets the messages of a port.
+  class Receiver {
+   public:
+    virtual ~Receiver() = default;
+    /// Called in the order of arrival, on one thread at a time. Must not wait: handlers go to
+    /// `tasks`.
+    virtual void received(Received message, const Endpoint& from, Udp_port& port, Tasks& tasks) = 0;
+  };
+
+  /// `socket` is bound. Messages come once open() has been called.
+  Udp_port(std::unique_ptr<Udp_socket> socket,
+           Receiver& receiver,
+           Workers& workers,
+           Shared_reassembler& reassembler,
+           Counters& counters,
+           Log& log);
+
+  void open();
+  /// No message is handed on after it returns.
+  void close();
+
+  [[nodiscard]] const Endpoint& local() const { return local_; }
+  [[nodiscard]] Udp_socket& socket() { return *socket_; }
+
+  /// Sends a message to each destination, in segments when it is long. Thread-safe; does not wait:
+  /// a destination that cannot be reached now is counted and left out. `header.length` is set here.
+  void send(const Header& header, Bytes payload, std::span<const Socket_address> to);
+
+  void on_readable() override;
+
+ private:
+  struct Batch {
+    std::size_t datagrams = 0;
+    std::optional<Endpoint> malformed_from;
+  };
+  [[nodiscard]] Batch receive_batch(Tasks& tasks);
+  /// False when the datagram is malformed.
+  [[nodiscard]] bool split(const Buffer& buffer,
+                           std::size_t size,
+                           const Endpoint& from,
+                           Tasks& tasks);
+  [[nodiscard]] bool sent(std::error_code error, const Socket_address& to);
+
+  const std::unique_ptr<Udp_socket> socket_;
+  const Endpoint local_;
+  Receiver& receiver_;
+  Workers& workers_;
+  Shared_reassembler& reassembler_;
+  Counters& counters_;
+  Log& log_;
+  static constexpr std::size_t datagrams_per_batch = 8;
+
+  std::mutex receive_mutex_;  ///< keeps the order of datagrams; guards the members below
+  Workers::Watch watch_{};
+  bool open_ = false;
+  std::array<Buffer, datagrams_per_batch> buffers_;  ///< for the next batch
+};
+
+}  // namespace someip
