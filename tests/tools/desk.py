@@ -1,0 +1,103 @@
+"""Starts the application and the tools on a loopback network of the test's own, and ends them."""
+
+import json
+import os
+import pathlib
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+
+BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
+SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
+RECORDINGS = SOURCE.parent / "shared" / "nmea"
+APPLICATION = BUILD / "app/POS__ORVEL1_Sys_Adaptive_01_Exe"
+GATEWAY = BUILD / "tools/gnss-gateway/gnss-gateway"
+POSCTL = BUILD / "tools/posctl/posctl"
+
+DEADLINE = 30.0
+
+
+class Desk:
+    """`network` is the second number of all its addresses (127.network.0.x); one for each test file."""
+
+    def __init__(self, network):
+        self.folder = tempfile.TemporaryDirectory(prefix="pos-test-")
+        self.path = pathlib.Path(self.folder.name)
+        manifest = (SOURCE / "config/manifest.json").read_text(encoding="utf-8")
+        manifest = manifest.replace('"127.0.0.', f'"127.{network}.0.')
+        self.manifest = json.loads(manifest)
+        self.manifest["serviceDiscovery"]["multicastAddress"] = f"239.192.{network}.77"
+        manifest_path = self.path / "manifest.json"
+        manifest_path.write_text(json.dumps(self.manifest), encoding="utf-8")
+        self.environment = {
+            **os.environ,
+            "POS_MANIFEST": str(manifest_path),
+            "POS_STORAGE_DIR": str(self.path / "storage"),
+            "DLT_PIPE_DIR": str(self.path),  # no daemon there: the log goes to standard error
+        }
+        self.running = []
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *failure):
+        for process, log in reversed(self.running):
+            if process.poll() is None:
+                process.kill()
+                process.wait()
+            for stream in (process.stdout, process.stdin):
+                if stream is not None:
+                    stream.close()
+            if failure[0] is not None:
+                print(f"--- {log}\n{log.read_text(errors='replace')[-4000:]}", file=sys.stderr)
+        self.folder.cleanup()
+
+    def start(self, program, *arguments, **options):
+        """Standard output is a pipe of text."""
+        log = self.path / f"{len(self.running)}-{program.name}.log"
+        with open(log, "wb") as errors:
+            process = subprocess.Popen(
+                [str(program), *map(str, arguments)],
+                stdin=options.pop("stdin", subprocess.DEVNULL),
+                stdout=subprocess.PIPE,
+                stderr=errors,
+                env={**self.environment, **options.pop("environment", {})},
+                text=True,
+            )
+        process.log = log
+        self.running.append((process, log))
+        return process
+
+    def run(self, program, *arguments):
+        """Returns exit code, standard output and standard error."""
+        process = self.start(program, *arguments)
+        output, _ = process.communicate(timeout=DEADLINE)
+        return process.returncode, output, process.log.read_text(errors="replace")
+
+    def is_bound(self, node):
+        """Whether a process has the service discovery port of the node's address."""
+        address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()
+        bound = f" {address}:{self.manifest['serviceDiscovery']['port']:04X} "
+        return bound in pathlib.Path("/proc/net/udp").read_text(encoding="ascii")
+
+    @staticmethod
+    def stop(process, number=signal.SIGTERM):
+        """Returns the exit code and what was not read yet."""
+        process.send_signal(number)
+        output, _ = process.communicate(timeout=DEADLINE)
+        return process.returncode, output
+
+
+def until(condition, what):
+    """The first result of `condition` that counts as true."""
+    end = time.monotonic() + DEADLINE
+    while True:
+        result = condition()
+        if result:
+            return result
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {DEADLINE:g} s: {what}")
+        time.sleep(0.01)

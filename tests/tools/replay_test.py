@@ -1,0 +1,139 @@
+"""Recordings of real receivers through gateway, application and consumer: the positions that come out
+say what the sentences said, to the last printed digit."""
+
+import decimal
+import json
+import unittest
+
+from desk import APPLICATION, GATEWAY, POSCTL, RECORDINGS, Desk
+
+SPEED_UP = 100
+
+
+def sentences(path):
+    """Fields of each sentence with a right checksum, in order."""
+    for line in path.read_bytes().replace(b"\r", b"\n").split(b"\n"):
+        start = line.rfind(b"$")
+        body, star, checksum = line[start + 1 :].partition(b"*")
+        if start < 0 or not star or line.startswith(b"#"):
+            continue
+        value = 0
+        for byte in body:
+            value ^= byte
+        if f"{value:02X}".encode() == checksum:
+            yield body.decode().split(",")
+
+
+def told(path):
+    """What each instant with a valid fix says, by its time: name to printed digits."""
+    instants = {}
+    for fields in sentences(path):
+        kind = fields[0][2:]
+        if kind == "GGA" and fields[1] and fields[6] != "0":
+            instant = instants.setdefault(fields[1], {})
+            instant["altitude"] = fields[9]
+        elif kind == "RMC" and fields[2] == "A":
+            instant = instants.setdefault(fields[1], {})
+            instant["speed"], instant["course"] = fields[7], fields[8]
+        else:
+            continue
+        at = 2 if kind == "GGA" else 3
+        instant["position"] = fields[at : at + 4]
+    return list(instants.values())
+
+
+def digits(value, printed):
+    """`value` rounded to as many decimals as `printed` has, without leading zeros."""
+    exponent = decimal.Decimal(1).scaleb(-len(printed.partition(".")[2]))
+    return decimal.Decimal(value).quantize(exponent, rounding=decimal.ROUND_HALF_EVEN)
+
+
+def single(value):
+    """The exact value of a number that travelled in single precision."""
+    import struct
+
+    return struct.unpack("f", struct.pack("f", value))[0]
+
+
+def angle(value, printed):
+    value = abs(decimal.Decimal(value))
+    whole = int(value + decimal.Decimal("1e-12"))
+    return digits(whole * 100 + (value - whole) * 60, printed)
+
+
+class Replay(unittest.TestCase):
+    def replay(self, name):
+        path = RECORDINGS / name
+        if not path.exists():
+            self.skipTest(f"skipped: {path} is not there")
+        expected = told(path)
+        with Desk(61) as desk:
+            application = desk.start(APPLICATION)
+            consumer = desk.start(POSCTL, "watch", "--json", "--field", "positions")
+            # The initial value shows that the whole road is open; the gateway comes last and the
+            # application has to find it, so the recording goes round until everything was seen.
+            self.assertNotIn("LAT", json.loads(consumer.stdout.readline())["records"][0])
+            gateway = desk.start(GATEWAY, "--json", "--nmea", path, "--speed-up", SPEED_UP, "--loop")
+            positions = []
+            while len(positions) < 2 * len(expected):
+                record = json.loads(consumer.stdout.readline())["records"][0]
+                if "LAT" in record:
+                    positions.append(record)
+            code, statistics = desk.stop(gateway)
+            self.assertEqual(code, 0)
+            self.assertEqual(desk.stop(consumer)[0], 0)
+            self.assertEqual(desk.stop(application)[0], 0)
+        statistics = json.loads(statistics)
+        self.assertGreaterEqual(statistics["fixes"], len(expected))
+        self.compare(positions, expected)
+
+    def compare(self, positions, expected):
+        """The consumer may have come in anywhere in the recording."""
+
+        def mismatch(offset):
+            for index, record in enumerate(positions):
+                instant = expected[(offset + index) % len(expected)]
+                if not self.same(record, instant):
+                    return index, record, instant
+            return None
+
+        mismatches = [mismatch(offset) for offset in range(len(expected))]
+        if None not in mismatches:
+            self.fail(f"best attempt: {max(mismatches, key=lambda one: one[0])}")
+
+    @staticmethod
+    def same(record, instant):
+        latitude, north, longitude, east = instant["position"]
+        pairs = [
+            (angle(record["LAT"], latitude), latitude),
+            (angle(record["LON"], longitude), longitude),
+        ]
+        if (record["LAT"] < 0) != (north == "S") or (record["LON"] < 0) != (east == "W"):
+            return False
+        if instant.get("altitude"):
+            pairs.append((digits(single(record["altitudeMeanSeaLevel"]), instant["altitude"]), instant["altitude"]))
+        if instant.get("speed"):
+            knots = decimal.Decimal(single(record["speed2D"])) * 3600 / 1852
+            pairs.append((digits(knots, instant["speed"]), instant["speed"]))
+        if instant.get("course"):
+            pairs.append((digits(single(record["yawAngle"]), instant["course"]), instant["course"]))
+        return all(value == decimal.Decimal(printed) for value, printed in pairs)
+
+    def test_garmin(self):
+        self.replay("garmin25lp.log")
+
+    def test_haicom(self):
+        self.replay("haicom-305N.log")
+
+    def test_rtk(self):
+        self.replay("nmea-rtk.log")
+
+    def test_quectel(self):
+        self.replay("quectel-eg25-g.log")
+
+    def test_ublox(self):
+        self.replay("ublox-8.log")
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,152 @@
+"""posctl and gnss-gateway as their users see them."""
+
+import json
+import signal
+import subprocess
+import unittest
+
+from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+
+
+class Alone(unittest.TestCase):
+    """Without the application."""
+
+    def test_describe_tells_ids_and_records_of_every_service(self):
+        with Desk(62) as desk:
+            code, output, _ = desk.run(POSCTL, "describe", "--json")
+            self.assertEqual(code, 0)
+            told = json.loads(output)
+            self.assertEqual(told["manifest"], desk.environment["POS_MANIFEST"])
+            records = {record["name"]: record["members"] for record in told["records"]}
+            for service in told["services"]:
+                configured = desk.manifest["services"][service["name"]]
+                self.assertEqual(service["id"], configured["id"])
+                for kind in ("methods", "events", "fields"):
+                    self.assertEqual(
+                        {one["name"] for one in service.get(kind, [])}, set(configured.get(kind, {}))
+                    )
+                    for element in service.get(kind, []):
+                        self.assertIn("type", element, "an element that the code does not know")
+                        record = element["type"].removeprefix("vector of ")
+                        if "::" in record:
+                            self.assertIn(record, records)
+            positions = records["lumo::services::gnss::datatypes::DT_positions_struct"]
+            self.assertEqual([member["dataId"] for member in positions], list(range(44)))
+            self.assertEqual(positions[2]["wireType"], 3)
+
+            code, text, _ = desk.run(POSCTL, "describe")
+            self.assertEqual(code, 0)
+            self.assertIn("notifier 0x8001", text)
+
+    def test_watch_says_what_is_missing(self):
+        with Desk(63) as desk:
+            code, output, errors = desk.run(POSCTL, "watch", "--count", 1, "--timeout", 0.3)
+            self.assertEqual((code, output), (1, ""))
+            self.assertIn("posctl: after 0.3 s: no Positioning service was offered", errors)
+
+    def test_wrong_arguments_are_named(self):
+        with Desk(64) as desk:
+            code, _, errors = desk.run(POSCTL, "read", "d_9999")
+            self.assertEqual(code, 1)
+            self.assertIn('posctl: there is no data identifier "d_9999"', errors)
+            code, _, errors = desk.run(POSCTL, "init-monitor", "POS_Nothing", "kClear")
+            self.assertEqual(code, 1)
+            self.assertIn('posctl: there is no monitor "POS_Nothing"', errors)
+            code, _, errors = desk.run(GATEWAY, "--nmea", desk.path / "none.log")
+            self.assertEqual(code, 1)
+            self.assertIn(f'gnss-gateway: cannot read "{desk.path / "none.log"}": No such file', errors)
+            self.assertNotEqual(desk.run(GATEWAY, "--speed-up", 2)[0], 0)
+            self.assertNotEqual(desk.run(POSCTL)[0], 0)
+
+    def test_a_recording_without_sentences_is_an_error_even_in_a_loop(self):
+        with Desk(65) as desk:
+            path = desk.path / "empty.log"
+            path.write_text("# nothing\n$GPGGA,broken*00\n")
+            code, _, errors = desk.run(GATEWAY, "--nmea", path, "--loop")
+            self.assertEqual(code, 1)
+            self.assertIn("holds no NMEA 0183 sentence", errors)
+
+    def test_the_gateway_ends_with_its_statistics(self):
+        with Desk(66) as desk:
+            code, output, _ = desk.run(GATEWAY, "--count", 3, "--rate", 100, "--json", "--time")
+            self.assertEqual(code, 0)
+            self.assertEqual(json.loads(output), {"notifications": 3, "fixes": 3, "withoutFix": 0})
+
+            code, output, _ = desk.run(GATEWAY, "--seconds", 0.3, "--rate", 20)
+            self.assertEqual(code, 0)
+            self.assertRegex(output, r"^[567] notifications, [567] with a fix, 0 without\n$")
+
+            for number in (signal.SIGINT, signal.SIGTERM):
+                gateway = desk.start(GATEWAY, "--json")
+                until(lambda: desk.is_bound("gnss-gateway"), "the gateway takes its address")
+                code, _, errors = desk.run(GATEWAY, "--count", 1)
+                self.assertEqual(code, 1)
+                self.assertIn("nodes.gnss-gateway.address: 127.66.0.20 is taken", errors)
+                code, output = desk.stop(gateway, number)
+                self.assertEqual(code, 0)
+                self.assertGreater(json.loads(output)["notifications"], 0)
+
+    def test_a_live_receiver_is_sent_when_it_pauses(self):
+        with Desk(67) as desk:
+            gateway = desk.start(GATEWAY, "--nmea", "-", "--json", "--count", 1, stdin=subprocess.PIPE)
+            gateway.stdin.write("$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n$GPG")
+            gateway.stdin.flush()
+            # The stream stays open: only the silence can have ended the instant.
+            self.assertEqual(gateway.wait(30), 0)
+            told = json.loads(gateway.stdout.read())
+            self.assertEqual((told["notifications"], told["fixes"]), (1, 1))
+
+
+class Together(unittest.TestCase):
+    def test_positions_data_identifiers_and_monitors_of_a_running_application(self):
+        with Desk(68) as desk:
+            application = desk.start(APPLICATION)
+            self.assertEqual(desk.run(POSCTL, "watch", "--count", 2, "--timeout", 20)[0], 0)
+            code, output, _ = desk.run(POSCTL, "read", "d_14a0")
+            self.assertEqual(code, 0)
+            self.assertIn("gnss: 2 Init\n", output)
+
+            monitors = desk.start(POSCTL, "monitors", "--json")
+            gateway = desk.start(GATEWAY, "--rate", 20, "--satellites", 60)
+            code, output, _ = desk.run(
+                POSCTL, "watch", "--json", "--count", 30, "--timeout", 20, "--field", "positions"
+            )
+            self.assertEqual(code, 0)
+            records = [json.loads(line)["records"][0] for line in output.splitlines()]
+            self.assertEqual(len(records), 30)
+            moving = records[-1]
+            self.assertAlmostEqual(moving["LAT"], 46.948, delta=0.1)
+            for name in ("yawAngle", "yawRate", "altitudeWGS84", "speed2D", "age", "accuracyHorizontal"):
+                self.assertIn(name, moving)
+
+            # The evaluation runs twice a second.
+            until(
+                lambda: '"gnss":0' in desk.run(POSCTL, "read", "14A0", "--json")[1],
+                "the GNSS input is nominal",
+            )
+            position = json.loads(desk.run(POSCTL, "read", "0x14a2", "--json")[1])
+            self.assertAlmostEqual(position["latitude"], 46.948, delta=0.1)
+            self.assertAlmostEqual(position["altitude"], 545, delta=60)
+
+            told = json.loads(monitors.stdout.readline())
+            self.assertEqual(told["actionName"], "kPassed")
+            code, output, _ = desk.run(POSCTL, "init-monitor", "POS_Input_Map", "kRestart")
+            self.assertEqual((code, output), (0, ""))
+            while told["name"] != "POS_Input_Map":
+                told = json.loads(monitors.stdout.readline())
+            self.assertEqual((told["monitor"], told["action"]), ("0x83D10A", 0))
+
+            self.assertEqual(desk.stop(monitors)[0], 0)
+            self.assertEqual(desk.stop(gateway)[0], 0)
+
+            # Nobody moves any more, but the last value is still there.
+            code, output, errors = desk.run(
+                POSCTL, "watch", "--count", 5, "--timeout", 1.5, "--field", "positions"
+            )
+            self.assertEqual(code, 1)
+            self.assertIn("1 of 5 notifications of positions came", errors)
+            self.assertEqual(desk.stop(application)[0], 0)
+
+
+if __name__ == "__main__":
+    unittest.main()
