@@ -1,6 +1,6 @@
 #include "tests/clients/fake_runtime.h"
 
-#include <stdexcept>
+#include <algorithm>
 
 namespace {
 Fake_runtime* the_runtime = nullptr;
@@ -88,6 +88,7 @@ Fake_runtime::~Fake_runtime() {
 
 void Fake_runtime::find(const std::vector<std::uint16_t>& instances) {
   std::vector<tq::com::Found_instance> found;
+  found.reserve(instances.size());
   for (const auto instance : instances)
     found.push_back({.service = service_, .instance = instance, .where = nullptr});
   find_handler_(found);

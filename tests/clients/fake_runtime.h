@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,7 @@ class Fake_runtime : public tq::com::Runtime {
   std::unique_ptr<tq::com::Consumer> connect(const tq::com::Found_instance& instance) override;
   std::unique_ptr<tq::com::Provider> provide(std::string_view service,
                                              std::string_view specifier) override;
+  std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override { return {}; }
 
  private:
   class Consumer;

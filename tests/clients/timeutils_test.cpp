@@ -76,6 +76,7 @@ TEST(Timeutils, tells_and_throws_when_there_is_no_time_base_and_is_created_once_
   std::vector<const timeutils*> seen(8);
   {
     std::vector<std::jthread> threads;
+    threads.reserve(seen.size());
     for (auto& place : seen)
       threads.emplace_back([&place] { place = &timeutils::instance(); });
   }
