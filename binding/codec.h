@@ -162,9 +162,13 @@ struct Codec<std::vector<T>> {
                    std::size_t end,
                    std::vector<T>& values,
                    const Serialization_settings& settings) {
-    values.clear();
-    while (cursor.position() < end)
-      read_nested(cursor, values.emplace_back(), settings);
+    // Elements that are there already are read into: they need neither be destroyed nor cleared
+    // first.
+    std::size_t count = 0;
+    for (; cursor.position() < end; ++count) {
+      read_nested(cursor, count < values.size() ? values[count] : values.emplace_back(), settings);
+    }
+    values.resize(count);
   }
   static void trace(const std::vector<T>& values, Trace_json& json, unsigned position) {
     trace_elements(values, json, position, "vector");
@@ -489,7 +493,11 @@ struct Codec<Record> {
     });
     cursor.seek(static_cast<std::size_t>(position - cursor.data()));
     if (position != last) {
-      read_members_in_any_order(cursor, end, tag_list<Record>, &record, settings);
+      // A copy, so that the address of the cursor stays unknown outside and it can live in
+      // registers.
+      Cursor rest{cursor};
+      read_members_in_any_order(rest, end, tag_list<Record>, &record, settings);
+      cursor = rest;
     }
   }
 
