@@ -14,6 +14,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace ara::per {
 namespace {
@@ -211,7 +212,7 @@ TEST_F(KeyValueStorageTest, a_failed_sync_keeps_the_old_file_and_the_new_values)
   storage.SyncToStorage();
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString().size(), 20'000U);
 
-  storage.SetValue("a", KvsType(std::string(std::size_t{17} << 20, 'x')));
+  storage.SetValue("a", KvsType(std::vector<std::uint8_t>(std::size_t{9} << 20)));
   EXPECT_THAT(TextOf<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); }),
               HasSubstr("can hold at most"));
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString().size(), 20'000U);
@@ -240,7 +241,7 @@ TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
   std::array<std::thread, 4> threads;
   for (std::size_t thread = 0; thread < threads.size(); ++thread) {
     threads[thread] = std::thread([&storage, thread] {
-      for (std::uint32_t i = 0; i < 50; ++i) {
+      for (std::uint32_t i = 0; i < 20; ++i) {
         storage.SetValue("key" + std::to_string(thread), KvsType(i));
         storage.SyncToStorage();
       }
@@ -251,7 +252,7 @@ TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
   KeyValueStorage again("Port");
   EXPECT_EQ(again.GetAllKeys().size(), threads.size());
   for (const auto& key : again.GetAllKeys())
-    EXPECT_EQ(again.GetValue(key).GetUInt(), 49U);
+    EXPECT_EQ(again.GetValue(key).GetUInt(), 19U);
 }
 
 }  // namespace

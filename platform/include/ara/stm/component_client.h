@@ -17,7 +17,7 @@ using StateChangeHandler =
 
 class ComponentClient {
  public:
-  /// Waits for a handler call under way (not when called from within it); requests that were not
+  /// Waits for a handler call under way, so it must not run within one; requests that were not
   /// confirmed by then are answered with an error.
   virtual ~ComponentClient() = default;
   ComponentClient(const ComponentClient&) = delete;

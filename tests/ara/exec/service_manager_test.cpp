@@ -1,0 +1,111 @@
+// What the service manager receives on its notify socket, from execution and health management
+// alike.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "ara/exec/application_client.h"
+#include "ara/log/capture.h"
+#include "ara/phm/phm_client.h"
+#include "ara/phm/supervision_entity.h"
+
+namespace ara {
+namespace {
+
+using exec::ApplicationClient;
+using exec::ApplicationState;
+using ::testing::HasSubstr;
+
+class ServiceManager : public ::testing::Test {
+ protected:
+  ServiceManager() {
+    std::string name = (std::filesystem::temp_directory_path() / "pos-notify-XXXXXX").string();
+    folder_ = ::mkdtemp(name.data());
+    const std::string path = (folder_ / "socket").string();
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    socket_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    // NOLINTNEXTLINE(cppcoreguidelines-pro-type-reinterpret-cast): the way of the socket interface
+    EXPECT_EQ(::bind(socket_, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+    ::setenv("NOTIFY_SOCKET", path.c_str(), 1);
+  }
+  ~ServiceManager() override {
+    ::unsetenv("NOTIFY_SOCKET");
+    ::close(socket_);
+    std::filesystem::remove_all(folder_);
+  }
+
+  /// The next datagram, or "nothing".
+  std::string Received() const {
+    pollfd ready{socket_, POLLIN, 0};
+    if (::poll(&ready, 1, 0) != 1) return "nothing";
+    std::array<char, 512> buffer;
+    return {buffer.data(),
+            static_cast<std::size_t>(::recv(socket_, buffer.data(), buffer.size(), 0))};
+  }
+
+  std::filesystem::path folder_;
+  int socket_ = -1;
+};
+
+TEST_F(ServiceManager, is_told_the_application_states) {
+  const ApplicationClient client;
+  client.ReportApplicationState(ApplicationState::kInitializing);
+  EXPECT_EQ(Received(), "STATUS=initializing");
+  client.ReportApplicationState(ApplicationState::kRunning);
+  EXPECT_EQ(Received(), "READY=1\nSTATUS=running");
+  client.ReportApplicationState(ApplicationState::kTerminating);
+  EXPECT_EQ(Received(), "STOPPING=1\nSTATUS=terminating");
+  EXPECT_EQ(Received(), "nothing");
+}
+
+TEST_F(ServiceManager, has_its_watchdog_fed_by_each_checkpoint) {
+  phm::Phm_client client(core::InstanceSpecifier("Instance"));
+  const phm::SupervisionEntity entity(client);
+  entity.CheckpointReached(6000, 6000);
+  entity.CheckpointReached(1, 2);
+  EXPECT_EQ(Received(), "WATCHDOG=1");
+  EXPECT_EQ(Received(), "WATCHDOG=1");
+  EXPECT_EQ(Received(), "nothing");
+}
+
+TEST_F(ServiceManager, is_not_needed) {
+  ::unsetenv("NOTIFY_SOCKET");
+  const log::Capture capture;
+  phm::Phm_client client(core::InstanceSpecifier("Instance"));
+  ApplicationClient().ReportApplicationState(ApplicationState::kRunning);
+  EXPECT_NO_THROW(phm::SupervisionEntity(client).CheckpointReached(1, 2));
+  EXPECT_TRUE(capture.Records().empty());
+}
+
+TEST_F(ServiceManager, that_has_gone_is_reported) {
+  std::filesystem::remove(folder_ / "socket");
+  const log::Capture capture;
+  ApplicationClient().ReportApplicationState(ApplicationState::kRunning);
+  ASSERT_EQ(capture.Records().size(), 1U);
+  EXPECT_EQ(capture.Records()[0].level, log::LogLevel::kWarn);
+  EXPECT_THAT(capture.Records()[0].Text(), HasSubstr("No such file or directory"));
+  phm::Phm_client client(core::InstanceSpecifier("Instance"));
+  try {
+    phm::SupervisionEntity(client).CheckpointReached(7, 8);
+    ADD_FAILURE();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(
+        error.what(),
+        "checkpoint 8 of entity 7 of \"Instance\" could not be reported to the service manager: "
+        "No such file or directory");
+  }
+}
+
+}  // namespace
+}  // namespace ara

@@ -1,0 +1,300 @@
+// The component on a bus of its own, called by busctl as state management would.
+#include "ara/stm/component_client.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <functional>
+#include <future>
+#include <memory>
+#include <mutex>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "ara/log/capture.h"
+
+namespace ara::stm {
+namespace {
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+const core::InstanceSpecifier kInstance("POS__ORVEL1_Sys_Adaptive_01_instance1");
+constexpr auto kDeadline = 10s;
+
+pid_t Spawn(std::vector<std::string> words, int standard_output) {
+  std::vector<char*> arguments;
+  for (auto& word : words)
+    arguments.push_back(word.data());
+  arguments.push_back(nullptr);
+  posix_spawn_file_actions_t actions;
+  ::posix_spawn_file_actions_init(&actions);
+  ::posix_spawn_file_actions_adddup2(&actions, standard_output, STDOUT_FILENO);
+  pid_t pid = -1;
+  if (::posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ) != 0)
+    pid = -1;
+  ::posix_spawn_file_actions_destroy(&actions);
+  return pid;
+}
+
+/// A program whose output is read line by line; it ends with this object.
+class Program {
+ public:
+  explicit Program(std::vector<std::string> words) {
+    std::array<int, 2> ends{};
+    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
+    pid_ = Spawn(std::move(words), ends[1]);
+    ::close(ends[1]);
+    output_ = ::fdopen(ends[0], "r");
+    if (pid_ < 0) throw std::runtime_error("cannot start a program");
+  }
+  ~Program() { Stop(); }
+  Program(const Program&) = delete;
+  Program& operator=(const Program&) = delete;
+
+  void Stop() {
+    if (pid_ <= 0) return;
+    ::kill(pid_, SIGTERM);
+    ::waitpid(pid_, nullptr, 0);
+    std::fclose(output_);
+    pid_ = -1;
+  }
+
+  std::string Line() {
+    std::string line;
+    for (int c = std::fgetc(output_); c != EOF && c != '\n'; c = std::fgetc(output_))
+      line += static_cast<char>(c);
+    return line;
+  }
+
+ private:
+  pid_t pid_ = -1;
+  FILE* output_ = nullptr;
+};
+
+/// What busctl prints (standard error included) for a call of the component.
+std::string Request(const std::string& state, const std::string& sequence_number) {
+  const std::string command =
+      "busctl --user --timeout=8 call org.adaptive.pos "
+      "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1 "
+      "org.adaptive.pos.ComponentState1 RequestState su '" +
+      state + "' " + sequence_number + " 2>&1";
+  FILE* output =
+      ::popen(command.c_str(), "r");  // NOLINT(cert-env33-c): a fixed command of this test
+  std::string text;
+  for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output))
+    text += static_cast<char>(c);
+  ::pclose(output);
+  return text;
+}
+
+std::future<std::string> RequestInBackground(const std::string& state,
+                                             const std::string& sequence_number) {
+  return std::async(std::launch::async, Request, state, sequence_number);
+}
+
+class ComponentClientTest : public ::testing::Test {
+ protected:
+  ComponentClientTest() {
+    ::unsetenv("POS_STATE_BUS");
+    daemon_ = std::make_unique<Program>(std::vector<std::string>{
+        "dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"});
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", daemon_->Line().c_str(), 1);
+  }
+
+  /// A client whose handler waits until the test holds it, as an application's does.
+  void Create(std::function<void(ComponentClient&, const std::string&, std::uint32_t)> handler) {
+    const std::lock_guard lock(mutex_);
+    client_ = createComponentClient(kInstance, [this, handler = std::move(handler)](
+                                                   const std::string& state, std::uint32_t number) {
+      ComponentClient* client = nullptr;
+      {
+        const std::lock_guard wait(mutex_);
+        client = client_.get();
+      }
+      handler(*client, state, number);
+    });
+  }
+  void Destroy() { client_.reset(); }
+
+  std::unique_ptr<Program> daemon_;
+  std::mutex mutex_;  ///< guards client_ while it is made
+  std::unique_ptr<ComponentClient> client_;
+};
+
+TEST_F(ComponentClientTest, answers_a_request_with_the_result_that_the_handler_confirms) {
+  Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    client.confirm(number, state, state == "kPrepSD" ? 0 : 1);
+  });
+  EXPECT_EQ(Request("kPrepSD", "7"), "u 0\n");
+  EXPECT_EQ(Request("kOn", "8"), "u 1\n");
+}
+
+TEST_F(ComponentClientTest, answers_when_the_confirmation_comes_later_and_serves_others_meanwhile) {
+  std::promise<void> asked;
+  Create([&asked](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    if (state == "slow") {
+      asked.set_value();
+    } else {
+      client.confirm(number, state, 0);
+    }
+  });
+  auto slow = RequestInBackground("slow", "1");
+  ASSERT_EQ(asked.get_future().wait_for(kDeadline), std::future_status::ready);
+  EXPECT_EQ(Request("kOn", "2"), "u 0\n");
+  EXPECT_EQ(slow.wait_for(0s), std::future_status::timeout);
+  client_->confirm(1, "slow", 5);
+  EXPECT_EQ(slow.get(), "u 5\n");
+}
+
+TEST_F(ComponentClientTest, a_handler_may_wait_for_a_thread_that_is_confirming) {
+  // An application that guards its state with one mutex: its signal thread confirms while holding
+  // it, just as a request from the bus comes to wait for it.
+  std::mutex state_mutex;
+  std::promise<void> waiting;
+  Create([&](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    waiting.set_value();
+    const std::lock_guard lock(state_mutex);
+    client.confirm(number, state, 0);
+  });
+  std::future<std::string> answer;
+  {
+    const std::lock_guard lock(state_mutex);
+    answer = RequestInBackground("kOn", "3");
+    ASSERT_EQ(waiting.get_future().wait_for(kDeadline), std::future_status::ready);
+    client_->confirm(0, "kPrepSD", 0);
+  }
+  EXPECT_EQ(answer.get(), "u 0\n");
+}
+
+TEST_F(ComponentClientTest, publishes_every_confirmation_also_those_that_nobody_asked_for) {
+  Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    client.confirm(number, state, 0);
+  });
+  Program monitor(
+      {"stdbuf", "-oL", "dbus-monitor", "--session", "type='signal',member='StateConfirmed'"});
+  // The monitor is on the bus once it prints the signal that told it its name.
+  while (monitor.Line().find("NameAcquired") == std::string::npos) {
+  }
+  const auto next = [&monitor] {
+    std::string line;
+    while (line.find("StateConfirmed") == std::string::npos)
+      line = monitor.Line();
+    std::string values;
+    for (int i = 0; i < 3; ++i) {
+      line = monitor.Line();
+      values += line.substr(line.find_first_not_of(' ')) + (i < 2 ? ", " : "");
+    }
+    return values;
+  };
+  client_->confirm(0, "kPrepSD", 0);
+  EXPECT_EQ(next(), "uint32 0, string \"kPrepSD\", uint32 0");
+  EXPECT_EQ(Request("kOn", "9"), "u 0\n");
+  EXPECT_EQ(next(), "uint32 9, string \"kOn\", uint32 0");
+}
+
+TEST_F(ComponentClientTest, refuses_requests_that_make_no_sense) {
+  std::atomic<int> calls = 0;
+  Create([&calls](ComponentClient&, const std::string&, std::uint32_t) { ++calls; });
+  EXPECT_THAT(Request("kOn", "0"), HasSubstr("expected 1 or more"));
+  EXPECT_THAT(Request("", "1"), HasSubstr("expected a state name"));
+  EXPECT_THAT(Request(std::string(129, 'x'), "1"), HasSubstr("expected a state name"));
+  EXPECT_EQ(calls, 0);
+}
+
+TEST_F(ComponentClientTest,
+       refuses_the_newcomer_when_too_many_wait_and_fails_those_that_wait_at_its_end) {
+  std::atomic<int> calls = 0;
+  Create([&calls](ComponentClient&, const std::string&, std::uint32_t) { ++calls; });
+  std::vector<std::future<std::string>> waiting;
+  for (int i = 1; i <= 32; ++i)
+    waiting.push_back(RequestInBackground("kOn", std::to_string(i)));
+  const auto deadline = std::chrono::steady_clock::now() + kDeadline;
+  while (calls < 32 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::yield();
+  ASSERT_EQ(calls, 32);
+  EXPECT_THAT(Request("kOn", "33"), HasSubstr("too many requests"));
+  Destroy();
+  for (auto& answer : waiting)
+    EXPECT_THAT(answer.get(), HasSubstr("ended without a decision"));
+}
+
+TEST_F(ComponentClientTest, ends_while_requests_keep_coming) {
+  for (int i = 0; i < 5; ++i) {
+    Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
+      client.confirm(number, state, 0);
+    });
+    auto first = RequestInBackground("kOn", "1");
+    auto second = RequestInBackground("kOn", "2");
+    (void)first.wait_for(std::chrono::milliseconds(10 * i));
+    Destroy();
+    first.wait();
+    second.wait();
+  }
+}
+
+TEST_F(ComponentClientTest, a_bus_that_ends_costs_one_warning) {
+  Create([](ComponentClient&, const std::string&, std::uint32_t) {});
+  const log::Capture capture;
+  daemon_->Stop();
+  EXPECT_TRUE(capture.WaitFor([](const auto& record) {
+    return record.Text().find("the bus is gone") != std::string::npos;
+  }));
+  client_->confirm(0, "kOn", 0);
+  client_->confirm(0, "kOn", 0);
+  Destroy();
+  ASSERT_EQ(capture.Records().size(), 1U);
+  EXPECT_EQ(capture.Records()[0].level, log::LogLevel::kWarn);
+}
+
+TEST_F(ComponentClientTest, without_a_bus_there_is_one_warning_and_a_client_without_effect) {
+  ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
+  const log::Capture capture;
+  Create([](ComponentClient&, const std::string&, std::uint32_t) {});
+  client_->confirm(0, "kOn", 0);
+  Destroy();
+  ASSERT_EQ(capture.Records().size(), 1U);
+  EXPECT_EQ(capture.Records()[0].level, log::LogLevel::kWarn);
+  EXPECT_THAT(capture.Records()[0].Text(), HasSubstr("not on the bus"));
+}
+
+TEST_F(ComponentClientTest, a_second_process_of_the_same_kind_is_warned) {
+  Create([](ComponentClient&, const std::string&, std::uint32_t) {});
+  const log::Capture capture;
+  const auto second = createComponentClient(kInstance, [](const std::string&, std::uint32_t) {});
+  ASSERT_EQ(capture.Records().size(), 1U);
+  EXPECT_THAT(capture.Records()[0].Text(), HasSubstr("not on the bus"));
+}
+
+TEST_F(ComponentClientTest, the_bus_is_chosen_by_the_environment) {
+  const log::Capture capture;
+  ::setenv("POS_STATE_BUS", "none", 1);
+  Create([](ComponentClient&, const std::string&, std::uint32_t) {});
+  EXPECT_TRUE(capture.Records().empty());
+  ::setenv("POS_STATE_BUS", "radio", 1);
+  Create([](ComponentClient&, const std::string&, std::uint32_t) {});
+  ASSERT_EQ(capture.Records().size(), 1U);
+  EXPECT_THAT(capture.Records()[0].Text(),
+              HasSubstr("expected session, system or none, found \"radio\""));
+  ::setenv("POS_STATE_BUS", "session", 1);
+  Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    client.confirm(number, state, 0);
+  });
+  EXPECT_EQ(Request("kOn", "1"), "u 0\n");
+  EXPECT_THROW((void)createComponentClient(kInstance, nullptr), std::invalid_argument);
+}
+
+}  // namespace
+}  // namespace ara::stm

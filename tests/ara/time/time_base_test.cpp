@@ -1,0 +1,104 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <ctime>
+#include <filesystem>
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "ara/time/slave_time_base.h"
+
+namespace ara::time {
+namespace {
+
+using ::testing::HasSubstr;
+using namespace std::chrono_literals;
+
+SynchSlaveTimeBase Open(const char* clock) {
+  if (clock != nullptr) {
+    ::setenv("POS_TIME_BASE", clock, 1);
+  } else {
+    ::unsetenv("POS_TIME_BASE");
+  }
+  return SlaveTimeBaseResourceProxy(SlaveTimeBaseResourceProxy::FindResource("synchronized"))
+      .asSynchSlave();
+}
+
+std::string ErrorOf(const char* clock) {
+  try {
+    (void)Open(clock);
+    return "no error";
+  } catch (const std::runtime_error& error) {
+    return error.what();
+  }
+}
+
+std::chrono::nanoseconds Kernel(clockid_t id) {
+  timespec now{};
+  ::clock_gettime(id, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+
+TEST(TimeBase, is_the_chosen_clock_of_the_kernel) {
+  const struct {
+    const char* name;
+    clockid_t id;
+  } cases[] = {{nullptr, CLOCK_REALTIME},
+               {"", CLOCK_REALTIME},
+               {"CLOCK_REALTIME", CLOCK_REALTIME},
+               {"CLOCK_TAI", CLOCK_TAI}};
+  for (const auto& [name, id] : cases) {
+    std::optional<SynchSlaveTimeBase> base = Open(name);
+    const SynchSlaveTimeBase copy = *base;
+    base.reset();
+    const auto before = Kernel(id);
+    const auto read = copy.getCurrentTime();
+    const auto after = Kernel(id);
+    EXPECT_LE(before, read);
+    EXPECT_LE(read, after);
+  }
+}
+
+TEST(TimeBase, of_a_hardware_clock_is_read_through_its_device) {
+  if (::access("/dev/ptp0", R_OK) != 0) GTEST_SKIP() << "no /dev/ptp0 on this machine";
+  const auto base = Open("/dev/ptp0");
+  const auto first = base.getCurrentTime();
+  const auto second = base.getCurrentTime();
+  EXPECT_GT(first, 0ns);
+  EXPECT_LT(first, second);
+}
+
+TEST(TimeBase, that_is_not_there_is_named_with_the_reason) {
+  EXPECT_EQ(ErrorOf("CLOCK_MONOTONIC"),
+            "environment variable POS_TIME_BASE: expected CLOCK_REALTIME, CLOCK_TAI or the path of "
+            "a clock such as "
+            "/dev/ptp0, found \"CLOCK_MONOTONIC\"");
+  EXPECT_EQ(ErrorOf("/dev/ptp99"),
+            "time base \"/dev/ptp99\" cannot be opened: No such file or directory");
+  EXPECT_THAT(ErrorOf("/dev/null"), HasSubstr("time base \"/dev/null\" is not a readable clock: "));
+  EXPECT_EQ(ErrorOf("CLOCK_TAI"), "no error");
+  try {
+    (void)SlaveTimeBaseResourceProxy::FindResource("other");
+    ADD_FAILURE();
+  } catch (const std::runtime_error& error) {
+    EXPECT_STREQ(error.what(),
+                 "time base resource \"other\" is unknown, there is \"synchronized\"");
+  }
+}
+
+TEST(TimeBase, that_cannot_be_used_leaves_nothing_open) {
+  const auto descriptors = [] {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
+                         std::filesystem::directory_iterator());
+  };
+  const auto before = descriptors();
+  (void)ErrorOf("/dev/null");
+  EXPECT_EQ(descriptors(), before);
+}
+
+}  // namespace
+}  // namespace ara::time
