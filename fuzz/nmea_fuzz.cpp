@@ -1,0 +1,89 @@
+// A receiver's byte stream: however it is cut, the same fixes come out, and they are plausible.
+#include <cmath>
+#include <vector>
+
+#include "fuzz/input.h"
+#include "tools/nmea/Reader.h"
+
+namespace {
+
+using fuzz::require;
+
+struct Result {
+  std::vector<nmea::Fix> fixes;
+  nmea::Counters counters;
+};
+
+Result read(fuzz::Bytes stream, std::size_t first, std::size_t then) {
+  Result result;
+  const auto keep = [&](const nmea::Fix& fix) { result.fixes.push_back(fix); };
+  nmea::Reader reader;
+  for (std::size_t piece = first; !stream.empty(); piece = then) {
+    const auto part = stream.first(std::min(stream.size(), std::max<std::size_t>(piece, 1)));
+    stream = stream.subspan(part.size());
+    reader.feed(part, keep);
+  }
+  reader.finish(keep);
+  result.counters = reader.counters();
+  return result;
+}
+
+bool within(const std::optional<double>& value, double low, double high) {
+  return !value || (std::isfinite(*value) && *value >= low && *value <= high);
+}
+
+void check(const nmea::Fix& fix) {
+  constexpr double any = 1e12;
+  if (fix.position) {
+    require(within(fix.position->latitude, -90, 90) && within(fix.position->longitude, -180, 180),
+            "a position is on the globe");
+  }
+  require(within(fix.course, 0, 360), "a course is an angle");
+  require(within(fix.speed, 0, any) && within(fix.altitude_msl, -any, any) &&
+              within(fix.geoid_separation, -any, any),
+          "a quantity is a number");
+  require(within(fix.pdop, 0, any) && within(fix.hdop, 0, any) && within(fix.vdop, 0, any),
+          "a dilution is a number");
+  if (fix.time_of_day) {
+    require(
+        *fix.time_of_day >= std::chrono::seconds(0) && *fix.time_of_day < std::chrono::hours(25),
+        "a time of day is within the day");
+  }
+  if (!fix.satellites) return;
+  for (const auto& satellite : *fix.satellites) {
+    require(!satellite.elevation || std::abs(*satellite.elevation) <= 90, "an elevation is one");
+    require(!satellite.azimuth || (*satellite.azimuth >= 0 && *satellite.azimuth < 360),
+            "an azimuth is one");
+  }
+}
+
+bool same(const nmea::Fix& a, const nmea::Fix& b) {
+  return a.time_of_day == b.time_of_day && a.utc == b.utc && a.valid == b.valid &&
+         a.position == b.position && a.altitude_msl == b.altitude_msl &&
+         a.geoid_separation == b.geoid_separation && a.speed == b.speed && a.course == b.course &&
+         a.quality == b.quality && a.dimension == b.dimension && a.pdop == b.pdop &&
+         a.hdop == b.hdop && a.vdop == b.vdop && a.satellites_in_use == b.satellites_in_use &&
+         a.satellites_in_view == b.satellites_in_view &&
+         a.satellites_tracked == b.satellites_tracked && a.satellites == b.satellites;
+}
+
+}  // namespace
+
+// Length of the first piece, of all others, the stream.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  fuzz::Input input{data, size};
+  const std::size_t first = input.u8();
+  const std::size_t then = input.u8();
+  const fuzz::Bytes stream = input.rest();
+  const Result whole = read(stream, stream.size(), stream.size());
+  const Result pieces = read(stream, first, then);
+  require(std::ranges::equal(whole.fixes, pieces.fixes, same),
+          "fixes do not depend on how the stream was cut");
+  require(whole.counters.sentences == pieces.counters.sentences &&
+              whole.counters.noise_bytes == pieces.counters.noise_bytes &&
+              whole.counters.errors() == pieces.counters.errors(),
+          "nor does what is counted");
+  for (const auto& fix : whole.fixes)
+    check(fix);
+  return 0;
+}
