@@ -36,6 +36,7 @@ class Desk:
             **os.environ,
             "POS_MANIFEST": str(manifest_path),
             "POS_STORAGE_DIR": str(self.path / "storage"),
+            "POS_STATE_BUS": "none",
             "DLT_PIPE_DIR": str(self.path),  # no daemon there: the log goes to standard error
         }
         self.running = []

@@ -1,6 +1,7 @@
 """posctl and gnss-gateway as their users see them."""
 
 import json
+import pathlib
 import signal
 import subprocess
 import unittest
@@ -98,6 +99,35 @@ class Alone(unittest.TestCase):
 
 
 class Together(unittest.TestCase):
+    def test_the_application_takes_the_platform_offset_of_the_time_service(self):
+        with Desk(72) as desk:
+            (desk.path / "initdata-POS_Key_Value_Port.json").write_text(
+                json.dumps({"timeClientEnabled": {"type": "Boolean", "value": True}})
+            )
+            application = desk.start(APPLICATION, environment={"POS_INITDATA_DIR": str(desk.path)})
+            gateway = desk.start(GATEWAY, "--time", "--plt-offset", 123456789)
+            for line in (
+                "Times struct received from Timemaster:  1 pltOffset missing",
+                "Times struct received from Timemaster:  2 123456789",
+            ):
+                until(lambda: line in application.log.read_text(), line)
+            self.assertEqual(desk.stop(gateway)[0], 0)
+            self.assertEqual(desk.stop(application)[0], 0)
+
+    def test_a_component_state_is_asked_for_over_the_bus(self):
+        with Desk(73) as desk:
+            bus = desk.start(pathlib.Path("/usr/bin/dbus-daemon"), "--session", "--nofork", "--print-address")
+            desk.environment["DBUS_SESSION_BUS_ADDRESS"] = bus.stdout.readline().strip()
+            desk.environment["POS_STATE_BUS"] = "session"
+            application = desk.start(APPLICATION)
+            request = "componentStateChangeRequest newState =  kPrepSD  seqNum =  7"
+            until(lambda: desk.run(POSCTL, "state", "kPrepSD", "--sequence", 7)[0] == 0, "an answer")
+            self.assertIn(request, application.log.read_text())
+            code, output, _ = desk.run(POSCTL, "state", "kOn")
+            self.assertEqual((code, output), (0, "kOn confirmed with result 0\n"))
+            self.assertEqual(desk.stop(application)[0], 0)
+            self.assertEqual(desk.run(POSCTL, "state", "kOn")[0], 1)
+
     def test_positions_data_identifiers_and_monitors_of_a_running_application(self):
         with Desk(68) as desk:
             application = desk.start(APPLICATION)

@@ -48,4 +48,12 @@ struct Init_monitor_options {
 /// std::invalid_argument for a monitor that there is not.
 int init_monitor(const Init_monitor_options& options);
 
+struct State_options {
+  std::string state;
+  std::uint32_t sequence_number = 1;
+  double timeout = 5;  ///< seconds
+};
+/// Asks for a component state, as state management does; 1 when it is refused.
+int request_state(const State_options& options);
+
 }  // namespace posctl

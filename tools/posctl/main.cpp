@@ -70,12 +70,20 @@ int main(int argc, char** argv) try {
   add_answer_timeout(*init_monitor_command, init_monitor.timeout);
   add_node(*init_monitor_command, init_monitor.node);
 
+  posctl::State_options state;
+  auto* state_command = app.add_subcommand("state", "Ask for a component state over D-Bus");
+  state_command->add_option("state", state.state, "kOn or kPrepSD")->required();
+  state_command->add_option("--sequence", state.sequence_number, "Sequence number of the request")
+      ->capture_default_str();
+  add_answer_timeout(*state_command, state.timeout);
+
   CLI11_PARSE(app, argc, argv);
   if (watch_command->parsed()) return posctl::watch(watch);
   if (describe_command->parsed()) return posctl::describe_deployment(describe_as_json);
   if (read_command->parsed()) return posctl::read(read);
   if (monitors_command->parsed()) return posctl::monitors(monitors);
   if (init_monitor_command->parsed()) return posctl::init_monitor(init_monitor);
+  if (state_command->parsed()) return posctl::request_state(state);
   return 0;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "posctl: %s\n", error.what());
