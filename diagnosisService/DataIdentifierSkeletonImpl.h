@@ -15,9 +15,11 @@ class DataIdentifierSkeletonImpl : public lumo::services::diag::DataIdentifierSk
   using MetaInfo = lumo::services::diag::MetaInfo;
 
  public:
-  /// `service` must outlive this object. The instance specifier is the interface's short name.
+  /// `service` must outlive this object.
   explicit DataIdentifierSkeletonImpl(const diagnosisServiceImpl& service)
-      : Base{ara::core::InstanceSpecifier{mw::com::cpp_binding::short_name(Interface::name)}},
+      : Base{ara::core::InstanceSpecifier{
+            std::string{mw::com::cpp_binding::short_name(Interface::name)} +
+            "_ProvidedSomeipServiceInstance"}},
         service_{service} {}
   ~DataIdentifierSkeletonImpl() override { this->disconnect(); }
 

@@ -1,0 +1,497 @@
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <future>
+#include <limits>
+#include <thread>
+
+#include "Recording_runtime.h"
+#include "ara/log/capture.h"
+#include "diagnosisService/diagnosisServiceImpl.h"
+#include "posService/PositioningRecords.h"
+
+namespace diagnosisService {
+namespace {
+
+using namespace std::chrono_literals;
+using lumo::services::positioning::datatypes::DT_positions_struct;
+using lumo::services::positioning::datatypes::DT_posMapInfo_struct;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+using ::testing::IsSupersetOf;
+using Clock = diagnosisServiceImpl::Clock;
+using Names = std::vector<std::string>;
+
+constexpr std::uint32_t gnss = 0x83D101;
+constexpr std::uint32_t dead_reckoning = 0x83D104;
+constexpr std::uint32_t map_matched = 0x83D103;
+constexpr std::uint64_t hour_ms = 3'600'000;
+
+/// Some time of this boot that no real clock disturbs: the service under test evaluates by itself
+/// every 360 s only.
+constexpr Clock::time_point start{100h};
+
+const std::string provided = "_ProvidedSomeipServiceInstance";
+const Names data_identifiers{"DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived" + provided,
+                             "DataIdentifier_BDPSomeipDataBusServiceImplausible" + provided,
+                             "DataIdentifier_BDPSomeipDataBusServiceNotAvailable" + provided,
+                             "DataIdentifier_PositioningMMPos" + provided,
+                             "DataIdentifier_PositioningStatusInputs" + provided,
+                             "DataIdentifier_PositioningStatusOutputs" + provided,
+                             "DataIdentifier_PositioningStatusSystem" + provided};
+const Bytes no_meta_info{0, 0, 0, 0};
+
+class Diagnosis : public ::testing::Test {
+ protected:
+  Bytes read(const std::string& identifier) {
+    const auto response =
+        runtime.call("DataIdentifier_" + identifier + provided, "Read", no_meta_info);
+    EXPECT_EQ(response.code, tq::com::Return_code::ok);
+    Bytes bytes;
+    for (const auto byte : response.payload)
+      bytes.push_back(std::to_integer<std::uint8_t>(byte));
+    return bytes;
+  }
+  Bytes inputs() { return read("PositioningStatusInputs"); }
+  Bytes outputs() { return read("PositioningStatusOutputs"); }
+
+  void init_monitor(const std::string& monitor, std::uint8_t reason) {
+    const auto response = runtime.call("DiagnosticMonitor_" + monitor, "InitMonitor", {reason});
+    EXPECT_EQ(response.code, tq::com::Return_code::ok);
+  }
+  std::vector<Bytes> actions(const std::string& monitor) {
+    return runtime.sent("DiagnosticMonitor_" + monitor);
+  }
+
+  /// All sensors off but GNSS, everything offered, log emptied.
+  void run_with_gnss() {
+    service->init(hour_ms);
+    service->startMonitors();
+    service->setSystemStatus(kSystemMapMatching, kNotAvailable);
+    service->setSystemStatus(kSystemPgf, kNotAvailable);
+    service->newSensorSetup({true});
+    log.Clear();
+  }
+  void bring_gnss_into_error() {
+    service->dataReceived(gnss, start);
+    service->evaluate(start);
+    service->evaluate(start + 1h + 1ns);
+    ASSERT_EQ(service->status(gnss), kError);
+    log.Clear();
+  }
+
+  ara::log::Capture log;
+  Recording_runtime runtime;
+  std::unique_ptr<diagnosisServiceImpl> service = std::make_unique<diagnosisServiceImpl>();
+};
+
+TEST_F(Diagnosis, init_offers_the_data_identifiers_with_the_initial_statuses) {
+  service->init(5000);
+
+  EXPECT_THAT(log.Texts("DSRV"), ElementsAre("enter diagnosisServiceImpl::init(), set default "
+                                             "values, start offering services"));
+  EXPECT_EQ(runtime.offered(), data_identifiers);
+  EXPECT_EQ(inputs(), Bytes(11, 2));
+  EXPECT_EQ(outputs(), (Bytes{2, 2, 0}));
+  EXPECT_EQ(read("PositioningMMPos"),
+            (Bytes{0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0,
+                   0, 0, 3, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 2, 0, 0}));
+  EXPECT_EQ(read("PositioningStatusSystem"), (Bytes{0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 2, 2}));
+  for (const auto* record : {"NotAvailable", "ErrorValueReceived", "Implausible"}) {
+    EXPECT_EQ(read(std::string{"BDPSomeipDataBusService"} + record), (Bytes{0, 0, 0, 0}));
+  }
+  EXPECT_EQ(runtime.call(data_identifiers[0], "Cancel", no_meta_info).payload.size(), 0U);
+}
+
+TEST_F(Diagnosis, a_timeout_that_makes_no_sense_is_refused) {
+  EXPECT_THROW(service->init(0), std::invalid_argument);
+  EXPECT_THROW(service->init(std::numeric_limits<std::uint64_t>::max()), std::invalid_argument);
+  EXPECT_THAT(runtime.offered(), IsEmpty());
+}
+
+TEST_F(Diagnosis, every_monitor_is_offered_under_its_name) {
+  service->startMonitors();
+  EXPECT_EQ(runtime.offered().size(), 23U);
+  EXPECT_THAT(
+      runtime.offered(),
+      IsSupersetOf({"DiagnosticMonitor_POS_Overall_System", "DiagnosticMonitor_POS_Input_GNSS",
+                    "DiagnosticMonitor_BDP_data_bus_service_implausible"}));
+}
+
+TEST_F(Diagnosis, the_sensor_setup_is_logged_and_decides_what_is_available) {
+  service->init(hour_ms);
+  service->newSensorSetup({true});
+  service->dataReceived(gnss, start);
+  service->dataReceived(0x83D10B, start);
+  service->evaluate(start);
+  log.Clear();
+
+  auto setup = diagnosisServiceImpl::SensorSetup{};
+  setup[0] = setup[8] = true;
+  service->newSensorSetup(setup);
+
+  EXPECT_THAT(
+      log.Texts("DSRV"),
+      ElementsAre("diagnosisServiceImpl got new sensor setup", "sensor GNSS                ON",
+                  "sensor BD_Odometrie        OFF", "sensor Kamera_Position     OFF",
+                  "sensor Kamera_Landmarken   OFF", "sensor TopView_Landmarken  OFF",
+                  "sensor Lidar_Landmarken    OFF", "sensor Radar_Landmarken    OFF",
+                  "sensor BD_Karte_PSD        OFF", "sensor Zeitmaster          ON",
+                  "sensor Kamera_BV_Linien    OFF", "sensor Kamera_Odometrie    OFF"));
+  EXPECT_EQ(inputs(), (Bytes{0, 3, 3, 3, 3, 3, 3, 3, 2, 3, 3})) << "Nominal stays";
+
+  // Off means off, whatever arrives and however long it takes.
+  for (const auto& monitor : kMonitors)
+    service->dataReceived(monitor.identifier, start + 1h);
+  service->evaluate(start + 1h);
+  EXPECT_EQ(inputs(), (Bytes{0, 3, 3, 3, 3, 3, 3, 3, 0, 3, 3}));
+  service->evaluate(start + 3h);
+  EXPECT_EQ(inputs(), (Bytes{1, 3, 3, 3, 3, 3, 3, 3, 1, 3, 3}));
+
+  // On again is a new start.
+  setup = {true, true};
+  service->newSensorSetup(setup);
+  EXPECT_EQ(inputs(), (Bytes{2, 2, 3, 3, 3, 3, 3, 3, 3, 3, 3}));
+}
+
+TEST_F(Diagnosis, every_monitor_reports_its_own_status_byte) {
+  service->init(hour_ms);
+  diagnosisServiceImpl::SensorSetup all;
+  all.fill(true);
+  service->newSensorSetup(all);
+  const std::vector<std::uint32_t> by_sensor{0x83D101, 0x83D102, 0x83D10E, 0x83D106,
+                                             0x83D107, 0x83D108, 0x83D109, 0x83D10A,
+                                             0x83D10B, 0x83D10C, 0x83D10D};
+  for (std::size_t sensor = 0; sensor < by_sensor.size(); ++sensor) {
+    service->dataReceived(by_sensor[sensor], start);
+    service->evaluate(start);
+    auto expected = Bytes(11, 2);
+    std::fill_n(expected.begin(), sensor + 1, std::uint8_t{0});
+    EXPECT_EQ(inputs(), expected);
+    EXPECT_EQ(service->status(by_sensor[sensor]), kNominal);
+  }
+  const std::vector<std::pair<std::uint32_t, std::size_t>> by_system{
+      {0x83D100, 0}, {0x83D121, 1}, {0x83D120, 3}, {0x83D122, 12}, {0x83D123, 0}};
+  for (const auto& [identifier, byte] : by_system) {
+    service->setSystemStatus(byte, 3);
+    EXPECT_EQ(service->status(identifier), 3) << monitorName(identifier);
+    service->setSystemStatus(byte, 0);
+  }
+  EXPECT_THROW(service->setSystemStatus(14, 0), std::out_of_range);
+  EXPECT_EQ(service->status(0x83D501), 0);
+  EXPECT_EQ(service->status(1), 0);
+}
+
+TEST_F(Diagnosis, data_that_stays_away_is_an_error_until_it_comes_back) {
+  run_with_gnss();
+  service->dataReceived(gnss, start);
+  EXPECT_EQ(service->status(gnss), kInit) << "only an evaluation changes a status";
+  service->evaluate(start);
+  service->evaluate(start + 1h);
+  EXPECT_EQ(service->status(gnss), kNominal) << "exactly the time-out is not late yet";
+  service->evaluate(start + 1h + 1ns);
+  service->evaluate(start + 2h);
+  EXPECT_EQ(service->status(gnss), kError);
+  service->dataReceived(gnss, start + 2h);
+  service->evaluate(start + 2h);
+  EXPECT_EQ(service->status(gnss), kNominal);
+
+  const std::string sent =
+      "diagnosticMonitorServiceImpl::sendEvent(),  id  8638721  (0x 83d101 )  =  POS_Input_GNSS ";
+  EXPECT_THAT(
+      log.Texts("DSRV"),
+      ElementsAre("Changing of state, ID = POS_Input_GNSS , prev status = Init , new status = "
+                  "Nominal",
+                  sent + ", action  0  =  kPassed",
+                  "Changing of state, ID = POS_Input_GNSS , prev status = Nominal , new status = "
+                  "Error",
+                  sent + ", action  1  =  kFailed",
+                  "Changing of state, ID = POS_Input_GNSS , prev status = Error , new status = "
+                  "Nominal",
+                  sent + ", action  0  =  kPassed"));
+  EXPECT_THAT(actions("POS_Input_GNSS"), ElementsAre(Bytes{0}, Bytes{1}, Bytes{0}));
+}
+
+TEST_F(Diagnosis, what_never_received_data_stays_init_even_right_after_boot) {
+  run_with_gnss();
+  for (const auto now : {Clock::time_point{1s}, start, start + 5h}) {
+    service->evaluate(now);
+    EXPECT_EQ(service->status(gnss), kInit);
+    EXPECT_EQ(outputs(), (Bytes{2, 2, 0}));
+  }
+  service->dataReceived(1, start);
+  service->dataReceived(0xFFFFFFFF, start);
+  EXPECT_THAT(log.Texts("DSRV"), IsEmpty());
+}
+
+TEST_F(Diagnosis, data_before_init_is_not_data) {
+  service->dataReceived(gnss, start);
+  service->init(hour_ms);
+  service->newSensorSetup({true});
+  service->evaluate(start);
+  EXPECT_EQ(service->status(gnss), kInit);
+}
+
+TEST_F(Diagnosis, an_output_follows_its_system_function_before_its_own_data) {
+  struct {
+    std::size_t system;
+    std::uint32_t monitor;
+    std::size_t output;
+  } const cases[] = {{kSystemMapMatching, map_matched, 0}, {kSystemPgf, dead_reckoning, 1}};
+  run_with_gnss();
+  for (const auto& each : cases) {
+    service->dataReceived(each.monitor, start);
+    service->evaluate(start);
+    EXPECT_EQ(outputs()[each.output], kNominal);
+    for (const std::uint8_t governing : {kError, kInit}) {
+      service->setSystemStatus(each.system, governing);
+      service->evaluate(start);
+      EXPECT_EQ(outputs()[each.output], governing);
+    }
+    service->setSystemStatus(each.system, kNominal);
+    service->evaluate(start + 1h + 1ns);
+    EXPECT_EQ(outputs()[each.output], kInit) << "late data does not lead out of Init";
+    service->dataReceived(each.monitor, start + 1h);
+    service->evaluate(start + 1h);
+    service->evaluate(start + 3h);
+    EXPECT_EQ(outputs()[each.output], kError);
+  }
+  EXPECT_EQ(outputs()[2], kNominal) << "nothing evaluates the static output";
+  EXPECT_THAT(log.Texts(), Contains("Changing of state, ID = POS_Output_DeadReckoning , prev "
+                                    "status = Nominal , new status = Error"));
+}
+
+TEST_F(Diagnosis, clearing_turns_an_error_nominal_and_gives_it_a_fresh_start) {
+  run_with_gnss();
+  bring_gnss_into_error();
+
+  service->clear(gnss, start + 2h);
+  EXPECT_EQ(service->status(gnss), kNominal);
+  service->evaluate(start + 3h);
+  EXPECT_EQ(service->status(gnss), kNominal);
+  service->evaluate(start + 3h + 1ns);
+  EXPECT_EQ(service->status(gnss), kError);
+
+  service->clear(dead_reckoning, start);
+  EXPECT_EQ(service->status(dead_reckoning), kInit) << "only an Error is cleared";
+  service->setSystemStatus(0, kError);
+  service->clear(0x83D100, start);
+  service->clear(0x83D123, start);
+  EXPECT_EQ(service->status(0x83D100), kError) << "system functions are not cleared";
+}
+
+TEST_F(Diagnosis, the_event_manager_clears_and_restarts_a_monitor) {
+  run_with_gnss();
+  bring_gnss_into_error();
+
+  init_monitor("POS_Input_GNSS", 1);
+  init_monitor("POS_Input_GNSS", 2);
+  EXPECT_EQ(service->status(gnss), kError);
+  init_monitor("POS_Input_GNSS", 0);
+  EXPECT_EQ(service->status(gnss), kNominal);
+
+  EXPECT_THAT(actions("POS_Input_GNSS"),
+              ElementsAre(Bytes{0}, Bytes{1}, Bytes{1}, Bytes{1}, Bytes{0}));
+  const std::string restarted =
+      "DiagnosticMonitor::InitMonitor for service  8638721 POS_Input_GNSS ) reason is kRestart OR "
+      "kReenabled";
+  const std::string sent =
+      "diagnosticMonitorServiceImpl::sendEvent(),  id  8638721  (0x 83d101 )  =  POS_Input_GNSS "
+      ", action ";
+  EXPECT_THAT(log.Texts("DSRV"),
+              ElementsAre(restarted, sent + " 1  =  kFailed", restarted, sent + " 1  =  kFailed",
+                          "DiagnosticMonitor::InitMonitor for service  8638721 POS_Input_GNSS ) "
+                          "reason is kClear",
+                          sent + " 0  =  kPassed"));
+}
+
+TEST_F(Diagnosis, only_an_error_is_a_failed_test) {
+  run_with_gnss();
+  init_monitor("POS_Output_DeadReckoning", 1);  // Init
+  init_monitor("POS_Input_Odometry", 1);        // NotAvailable
+  init_monitor("BDP_data_bus_service_not_available", 0);
+  service->setSystemStatus(0, kError);
+  init_monitor("POS_Overall_System", 1);
+  init_monitor("POS_LaneMatching_System", 0);
+  EXPECT_THAT(actions("POS_Output_DeadReckoning"), ElementsAre(Bytes{0}));
+  EXPECT_THAT(actions("POS_Input_Odometry"), ElementsAre(Bytes{0}));
+  EXPECT_THAT(actions("BDP_data_bus_service_not_available"), ElementsAre(Bytes{0}));
+  EXPECT_THAT(actions("POS_Overall_System"), ElementsAre(Bytes{1}));
+  EXPECT_THAT(actions("POS_LaneMatching_System"), ElementsAre(Bytes{1}));
+}
+
+TEST_F(Diagnosis, an_unknown_reason_does_nothing) {
+  run_with_gnss();
+  bring_gnss_into_error();
+  init_monitor("POS_Input_GNSS", 3);
+  init_monitor("POS_Input_GNSS", 255);
+  EXPECT_THAT(log.Texts("DSRV"), IsEmpty());
+  EXPECT_EQ(actions("POS_Input_GNSS").size(), 2U);
+  EXPECT_EQ(service->status(gnss), kError);
+}
+
+TEST_F(Diagnosis, results_before_the_monitors_are_offered_and_after_the_stop_are_dropped) {
+  const std::string dropped =
+      "diagnosticMonitorServiceImpl::sendEvent(): ignore, skeleton not ready yet!";
+  service->init(hour_ms);
+  service->newSensorSetup({true});
+  service->dataReceived(gnss, start);
+  log.Clear();
+  service->evaluate(start);
+  EXPECT_THAT(log.Texts("DSRV"), ElementsAre("Changing of state, ID = POS_Input_GNSS , prev status "
+                                             "= Init , new status = Nominal",
+                                             dropped));
+  service->startMonitors();
+  EXPECT_THAT(actions("POS_Input_GNSS"), IsEmpty()) << "nothing is repeated";
+  log.Clear();
+  service->sendEvent(7, mw::dm::dem::MonitorActionType::kPassed);
+  service->stop();
+  service->sendResult(gnss);
+  EXPECT_THAT(log.Texts("DSRV"), ElementsAre(dropped, dropped));
+}
+
+TEST_F(Diagnosis, actions_of_the_event_manager_have_names_in_the_log) {
+  run_with_gnss();
+  service->sendEvent(gnss, mw::dm::dem::MonitorActionType::kClearPrestore);
+  service->sendEvent(gnss, mw::dm::dem::MonitorActionType{10});
+  ASSERT_EQ(log.Records().size(), 2U);
+  EXPECT_THAT(
+      log.Records()[0].arguments,
+      ElementsAre("diagnosticMonitorServiceImpl::sendEvent(), ", "id ", "8638721", " (0x", "83d101",
+                  ")", " = ", "POS_Input_GNSS", ", action ", "9", " = ", "kClearPrestore"));
+  EXPECT_EQ(log.Records()[1].arguments.back(), "unknonw");
+}
+
+TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
+  service->init(hour_ms);
+  DT_positions_struct position;
+  position.LAT = 48.137154;
+  position.LON = -11.576124;
+  position.altitudeMeanSeaLevel = 519.25F;
+  position.yawAngle = -90.0F;
+  position.speed2D = 13.5F;
+  position.messageCounter = 99;
+  DT_posMapInfo_struct info;
+  info.statusMapMatching = 2;
+  info.statusMap = 3;
+  info.positionSource = 4;
+  info.preciseLocalTimeSeconds = 1'700'000'000;  // 2023-11-14, 22:13:20
+  info.preciseLocalTimeNanoseconds = 250'000'000;
+  service->refreshMapMatchedPosition(position, info);
+
+  EXPECT_EQ(read("PositioningMMPos"),
+            (Bytes{0, 0, 0, 5, 0x0B, 0x35, 0x32, 0xAD, 0xD0,  // 48 137 154 000
+                   0, 0, 0, 5, 0xFD, 0x4E, 0x02, 0x5D, 0xA0,  // -11 576 124 000
+                   0, 0, 0, 3, 0x00, 0xCA, 0xD5,              // 51 925 cm
+                   0, 0, 0, 3, 0x7A, 0x12, 0x19,              // 8 000 025 times 10 ms
+                   0, 0, 0, 2, 0x3F, 0x42}));
+  const auto record = service->mapMatchedPosition();
+  EXPECT_THAT(record.heading, ElementsAre(0x69, 0x78));  // 270.00 deg
+  EXPECT_THAT(record.speed, ElementsAre(0x05, 0x46));    // 13.50 m/s
+  EXPECT_THAT(record.day, ElementsAre(0x4C, 0xDB));      // 19 675
+  EXPECT_EQ(record.messageCounter, 99);
+}
+
+TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
+  service->init(hour_ms);
+  DT_positions_struct position;
+  position.LAT = std::numeric_limits<double>::quiet_NaN();
+  position.LON = 1000.0;  // more than 40 bits hold
+  position.altitudeMeanSeaLevel = -1e9F;
+  DT_posMapInfo_struct info;
+  info.positionSource = 16;
+  service->refreshMapMatchedPosition(position, info);
+  EXPECT_EQ(read("PositioningMMPos"),
+            (Bytes{0, 0, 0, 5,    0, 0, 0, 0, 0, 0, 0, 0, 5, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0,
+                   0, 0, 3, 0x80, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0,    0,    0,    2,    0xF6, 0xFF}));
+}
+
+TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances) {
+  service->init(hour_ms);
+  const auto read_not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
+  service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, false);
+  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 0})) << "an absent fault leaves no entry";
+
+  service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::GNSS, true);
+  service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::GNSS, true);
+  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1}));
+  service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, true);
+  for (int i = 0; i < 0x102; ++i) {
+    service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, false);
+    service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, true);
+  }
+  service->setDataBusFault(DataBusFault::notAvailable, DataBusElement::GNSS, false);
+  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 0, 1, 1, 3}));
+  EXPECT_EQ(service->dataBusFaultCount(DataBusFault::notAvailable), 0x104U);
+
+  service->setDataBusFault(DataBusFault::implausible, DataBusElement::GNSS_positionsQuality, true);
+  EXPECT_EQ(read("BDPSomeipDataBusServiceImplausible"), (Bytes{0, 0, 0, 5, 1, 2, 1, 0, 1}));
+  EXPECT_EQ(read("BDPSomeipDataBusServiceErrorValueReceived"), (Bytes{0, 0, 0, 0}));
+
+  for (int i = 0; i < 0x1'0000; ++i) {
+    service->setDataBusFault(DataBusFault::errorValueReceived, DataBusElement::Time_times, true);
+    service->setDataBusFault(DataBusFault::errorValueReceived, DataBusElement::Time_times, false);
+  }
+  EXPECT_EQ(read("BDPSomeipDataBusServiceErrorValueReceived"),
+            (Bytes{0, 0, 0, 5, 2, 1, 0, 0xFF, 0xFF}))
+      << "does not start anew";
+}
+
+TEST_F(Diagnosis, a_request_that_is_cut_off_is_malformed) {
+  service->init(hour_ms);
+  for (const Bytes& request : {Bytes{}, Bytes{0, 0, 0}, Bytes{0, 0, 0, 4}}) {
+    EXPECT_EQ(runtime.call(data_identifiers[0], "Read", request).code,
+              tq::com::Return_code::malformed_message);
+  }
+}
+
+TEST_F(Diagnosis, evaluation_runs_by_itself_until_the_stop) {
+  service->init(200);  // evaluated every 20 ms
+  service->newSensorSetup({true});
+  service->dataReceived(gnss);
+  const std::string changing = "Changing of state, ID = POS_Input_GNSS , prev status = ";
+  EXPECT_TRUE(log.WaitFor(changing + "Init , new status = Nominal"));
+  EXPECT_TRUE(log.WaitFor(changing + "Nominal , new status = Error"));
+  service->stop();
+  service->stop();
+  EXPECT_THAT(runtime.offered(), IsEmpty());
+}
+
+TEST_F(Diagnosis, a_stop_does_not_wait_for_the_next_evaluation) {
+  service->init(diagnosisServiceImpl::kLongestTimeoutMs);  // evaluated every 144 min
+  auto stopped = std::async(std::launch::async, [&] { service->stop(); });
+  EXPECT_EQ(stopped.wait_for(10s), std::future_status::ready);
+}
+
+TEST_F(Diagnosis, a_stop_in_the_middle_of_the_start_leaves_nothing_offered) {
+  for (int round = 0; round < 50; ++round) {
+    service = nullptr;
+    service = std::make_unique<diagnosisServiceImpl>();
+    std::thread signal{[&] { service->stop(); }};
+    service->init(1);
+    service->startMonitors();
+    signal.join();
+    EXPECT_THAT(runtime.offered(), IsEmpty());
+  }
+}
+
+TEST_F(Diagnosis, the_end_waits_for_an_event_that_is_being_sent) {
+  std::promise<void> in_send;
+  std::promise<void> may_go_on;
+  runtime.on_send = [&] {
+    in_send.set_value();
+    may_go_on.get_future().wait();
+  };
+  run_with_gnss();
+  std::thread event_manager{[&] { init_monitor("POS_Input_GNSS", 1); }};
+  in_send.get_future().wait();
+  auto ended = std::async(std::launch::async, [&] { service = nullptr; });
+  EXPECT_EQ(ended.wait_for(50ms), std::future_status::timeout);
+  may_go_on.set_value();
+  event_manager.join();
+  EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
+}
+
+}  // namespace
+}  // namespace diagnosisService
