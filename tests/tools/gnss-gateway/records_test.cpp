@@ -17,7 +17,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using binding::Value_type;
-using lumo::services::gnss::datatypes::DT_positions_struct;
 
 constexpr Context context{
     .message_counter = 7, .precise_local_time = 12s + 345'678'901ns, .update_rate_hz = 10U};
