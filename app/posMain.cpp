@@ -12,6 +12,7 @@
 #include "app/build_info.h"
 #include "app/posApplication.h"
 #include "ara/log/logger.h"
+#include "binding/trace_records.h"
 #include "mw/com/runtime.h"
 #include "persistency/Persistency.h"
 #include "phm/sleep.h"
@@ -128,6 +129,9 @@ int posMain(int /*argc*/, char** /*argv*/) {
     ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                           ara::log::LogMode::kRemote, "");
     logBanner();
+    // Before the runtime, which must not outlive what it traces to.
+    binding::Platform_trace_logger traceLogger(ara::log::CreateLogger("TRCE", "Binding trace"));
+    const binding::Trace_records traceRecords(traceLogger);
     auto runtime = std::make_unique<mw::com::runtime::Component_singleton>("", false);
     signalThread.emplace(handleSignal);
     Persistency persistency("POS_Key_Value_Port",
