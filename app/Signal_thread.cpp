@@ -20,16 +20,21 @@ void Signal_thread::blockSignals() {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
-Signal_thread::Signal_thread(Handler handler)
-    : thread_([this, handler] {
-        const sigset_t signals = handledSignals();
-        for (;;) {
-          int signal = 0;
-          if (sigwait(&signals, &signal) != 0) continue;
-          if (ending_) return;
-          handler(signal);
-        }
-      }) {}
+Signal_thread::Signal_thread(Handler handler) {
+  const sigset_t signals = handledSignals();
+  constexpr timespec kNoWait{};
+  for (int signal = 0; (signal = sigtimedwait(&signals, nullptr, &kNoWait)) > 0;)
+    handler(signal);
+
+  thread_ = std::thread([this, handler, signals] {
+    for (;;) {
+      int signal = 0;
+      if (sigwait(&signals, &signal) != 0) continue;
+      if (ending_) return;
+      handler(signal);
+    }
+  });
+}
 
 Signal_thread::~Signal_thread() {
   ending_ = true;

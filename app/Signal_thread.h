@@ -11,11 +11,11 @@ class Signal_thread {
   using Handler = void (*)(int signal);
 
   /// Blocks the four signals in the calling thread and in all threads that it starts later. To be
-  /// called before the process has a second thread. Signals that arrive before there is a
-  /// Signal_thread wait for it.
+  /// called before the process has a second thread.
   static void blockSignals();
 
-  /// What `handler` throws ends the process.
+  /// Signals that have arrived since blockSignals() are handled before this returns, on the calling
+  /// thread. What `handler` throws later ends the process.
   explicit Signal_thread(Handler handler);
   /// Waits for a handler call under way. The signals stay blocked: they end nothing any more.
   ~Signal_thread();
