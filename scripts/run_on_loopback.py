@@ -149,7 +149,10 @@ def main():
         start(
             "application",
             [options.build / "app" / "POS__ORVEL1_Sys_Adaptive_01_Exe"],
-            environment={"POS_STORAGE_DIR": os.environ.get("POS_STORAGE_DIR", storage)},
+            environment={
+                "POS_STORAGE_DIR": os.environ.get("POS_STORAGE_DIR", storage),
+                "POS_INITDATA_DIR": os.environ.get("POS_INITDATA_DIR", str(pathlib.Path("config").resolve())),
+            },
         )
         posctl = start(
             "posctl",
