@@ -1,0 +1,81 @@
+#include "bench/Quiet_runtime.h"
+
+#include <stdexcept>
+
+namespace {
+
+Quiet_runtime* the_runtime = nullptr;
+
+/// Enough for a bench: every element is a field with the same ids.
+constexpr tq::com::Element_ids ids{.method = 1, .getter = 1, .setter = {}, .notifier = 0x8001};
+
+}  // namespace
+
+namespace tq::com {
+Runtime& Runtime::instance() {
+  if (the_runtime == nullptr) throw std::logic_error{"the bench has no runtime"};
+  return *the_runtime;
+}
+}  // namespace tq::com
+
+class Quiet_runtime::Consumer final : public tq::com::Consumer {
+ public:
+  explicit Consumer(Quiet_runtime& runtime) : runtime_{runtime} {}
+  tq::com::Element_ids element(std::string_view) const override { return ids; }
+  void subscribe(std::string_view element,
+                 tq::com::Notification_handler handler,
+                 tq::com::Subscription_state_handler on_state) override {
+    runtime_.handlers_.insert_or_assign(std::string{element}, std::move(handler));
+    on_state(true);
+  }
+  void unsubscribe(std::string_view) override {}
+  void call(std::uint16_t, tq::com::Payload, tq::com::Response_handler handler) override {
+    handler(tq::com::Return_code::not_reachable, {});
+  }
+  void call_no_return(std::uint16_t, tq::com::Payload) override {}
+
+ private:
+  Quiet_runtime& runtime_;
+};
+
+class Quiet_runtime::Provider final : public tq::com::Provider {
+ public:
+  Provider(Quiet_runtime& runtime, std::string_view service)
+      : runtime_{runtime}, service_{service} {}
+  std::string_view service() const override { return service_; }
+  std::uint16_t instance() const override { return 1; }
+  tq::com::Element_ids element(std::string_view) const override { return ids; }
+  void set_method_handler(std::uint16_t, tq::com::Method_handler) override {}
+  void offer() override {}
+  void stop_offer() override {}
+  void update_field(std::uint16_t, tq::com::Payload value) override {
+    ++runtime_.published_;
+    runtime_.published_bytes_ += value.size();
+  }
+  void send_event(std::uint16_t, tq::com::Payload) override {}
+
+ private:
+  Quiet_runtime& runtime_;
+  std::string service_;
+};
+
+Quiet_runtime::Quiet_runtime() {
+  the_runtime = this;
+}
+Quiet_runtime::~Quiet_runtime() {
+  the_runtime = nullptr;
+}
+
+tq::com::Find_token Quiet_runtime::start_find_service(std::string_view service,
+                                                      std::optional<std::uint16_t>,
+                                                      tq::com::Find_handler handler) {
+  handler({tq::com::Found_instance{.service = std::string{service}, .instance = 1, .where = {}}});
+  return tq::com::Find_token{1};
+}
+std::unique_ptr<tq::com::Consumer> Quiet_runtime::connect(const tq::com::Found_instance&) {
+  return std::make_unique<Consumer>(*this);
+}
+std::unique_ptr<tq::com::Provider> Quiet_runtime::provide(std::string_view service,
+                                                          std::string_view) {
+  return std::make_unique<Provider>(*this, service);
+}
