@@ -113,6 +113,14 @@ int main(int argc, char** argv) try {
   app.add_option("--seconds", seconds, "End after so many seconds")->check(CLI::Range(0.0, 1e9));
   app.add_option("--node", node, "Node of the manifest")->capture_default_str();
   app.add_flag("--json", json, "Print the statistics at the end as JSON");
+  app.footer(
+      "Each notification holds a GNSS sample (type 1) and a dead-reckoning sample (type 2), "
+      "stamped with\n"
+      "the synchronized time base. A quantity that the source never has is absent; one that it "
+      "cannot\n"
+      "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). An NMEA receiver has "
+      "no\n"
+      "sensors: its dead-reckoning sample repeats the GNSS sample.");
   CLI11_PARSE(app, argc, argv);
   drive.start = from_seconds(start_at);
   nmea.max_gap = from_seconds(max_gap);
