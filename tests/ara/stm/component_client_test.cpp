@@ -21,6 +21,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "ara/log/capture.h"
@@ -124,13 +125,20 @@ class ComponentClientTest : public ::testing::Test {
         const std::lock_guard wait(mutex_);
         client = client_.get();
       }
-      handler(*client, state, number);
+      if (client != nullptr) handler(*client, state, number);
     });
   }
-  void Destroy() { client_.reset(); }
+  /// A handler that is called meanwhile finds nobody to confirm to.
+  void Destroy() {
+    std::unique_ptr<ComponentClient> ending;
+    {
+      const std::lock_guard lock(mutex_);
+      ending = std::move(client_);
+    }
+  }
 
   std::unique_ptr<Program> daemon_;
-  std::mutex mutex_;  ///< guards client_ while it is made
+  std::mutex mutex_;  ///< guards client_
   std::unique_ptr<ComponentClient> client_;
 };
 

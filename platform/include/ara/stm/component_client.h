@@ -17,8 +17,8 @@ using StateChangeHandler =
 
 class ComponentClient {
  public:
-  /// Waits for a handler call under way, so it must not run within one; requests that were not
-  /// confirmed by then are answered with an error.
+  /// Waits for a handler call under way (which may still confirm), so it must not run within one;
+  /// requests that were not confirmed by then are answered with an error.
   virtual ~ComponentClient() = default;
   ComponentClient(const ComponentClient&) = delete;
   ComponentClient& operator=(const ComponentClient&) = delete;
