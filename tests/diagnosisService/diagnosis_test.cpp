@@ -476,6 +476,39 @@ TEST_F(Diagnosis, a_stop_in_the_middle_of_the_start_leaves_nothing_offered) {
   }
 }
 
+TEST_F(Diagnosis, a_read_beside_updates_and_evaluations_is_never_torn) {
+  service->init(1);
+  service->startMonitors();
+  service->newSensorSetup({true});
+  log.Clear();
+  std::vector<std::thread> threads;
+  std::atomic<bool> done{false};
+  const auto repeat = [&](auto work) {
+    threads.emplace_back([&done, work]() mutable {
+      while (!done)
+        work();
+    });
+  };
+  repeat([&, degrees = 1.0]() mutable {
+    DT_positions_struct position;
+    position.LAT = position.LON = degrees;
+    degrees = 3.0 - degrees;
+    service->refreshMapMatchedPosition(position, {});
+  });
+  repeat([&] { service->dataReceived(gnss); });
+  repeat([&] { init_monitor("POS_Input_GNSS", 0); });
+  // The evaluations, every millisecond, find data and the lack of it in turns.
+  for (int i = 0; i < 2000; ++i) {
+    const auto bytes = read("PositioningMMPos");
+    EXPECT_TRUE(std::equal(bytes.begin() + 4, bytes.begin() + 9, bytes.begin() + 13));
+  }
+  EXPECT_TRUE(log.WaitFor(
+      "Changing of state, ID = POS_Input_GNSS , prev status = Init , new status = Nominal"));
+  done = true;
+  for (auto& thread : threads)
+    thread.join();
+}
+
 TEST_F(Diagnosis, the_end_waits_for_an_event_that_is_being_sent) {
   std::promise<void> in_send;
   std::promise<void> may_go_on;
