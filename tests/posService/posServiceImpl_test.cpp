@@ -27,6 +27,7 @@ std::vector<std::byte> bytes(const Record& record) {
 template <class Record>
 std::vector<std::vector<std::byte>> bytes_of_all(const std::vector<Record>& records) {
   std::vector<std::vector<std::byte>> all;
+  all.reserve(records.size());
   for (const auto& record : records)
     all.push_back(bytes(record));
   return all;
