@@ -1,0 +1,230 @@
+/// The whole application in this process, its neighbours on the same loopback network.
+#include "app/posApplication.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <boost/optional/optional_io.hpp>
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <thread>
+
+#include "ara/log/capture.h"
+#include "tests/clients/wire.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ara::per::KvsType;
+using testing::Contains;
+using testing::ElementsAre;
+
+using Gnss = lumo::services::gnss::datatypes::DT_positions_struct;
+using Times = lumo::services::time::datatypes::DT_times_struct;
+using Positioning = lumo::services::positioning::datatypes::DT_positions_struct;
+
+constexpr const char* kStarted =
+    "posApplication startup finished, waiting for shutdown signal, data will be processed in "
+    "receiver threads.";
+
+Gnss sample(std::uint32_t type, std::uint32_t counter) {
+  Gnss position;
+  position.positionType = type;
+  position.messageCounter = counter;
+  position.LAT = 48.25;
+  position.LAT_valueType = binding::Value_type::physical_value;
+  position.LON = 11.5;
+  position.LON_valueType = binding::Value_type::error;
+  position.preciseLocalTimeSeconds = 1'700'000'000;
+  position.preciseLocalTimeSeconds_valueType = binding::Value_type::physical_value;
+  position.preciseLocalTimeNanoseconds = 5'000;
+  position.preciseLocalTimeNanoseconds_valueType = binding::Value_type::physical_value;
+  return position;
+}
+
+class ApplicationTest : public testing::Test {
+ protected:
+  ~ApplicationTest() override {
+    if (result_.valid()) static_cast<void>(stop());
+    application_.reset();
+    fs::remove_all(folder_);
+  }
+
+  /// Runs the application with these settings until the end of the test.
+  void run(const std::vector<std::pair<std::string, KvsType>>& settings) {
+    char pattern[] = "/tmp/application_test_XXXXXX";
+    folder_ = mkdtemp(pattern);
+    setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
+    setenv("POS_STATE_BUS", "none", 1);
+    {
+      ara::per::KeyValueStorage store("POS_Key_Value_Port");
+      for (const auto& [key, value] : settings)
+        store.SetValue(key, value);
+      store.SyncToStorage();
+    }
+    application_.emplace(
+        Persistency("POS_Key_Value_Port", ara::log::CreateLogger("DBAC", "Persistency access")));
+    result_ = std::async(std::launch::async, [this] { return application_->run(); });
+    ASSERT_TRUE(log_.WaitFor(kStarted));
+  }
+  int stop() {
+    application_->signalHandler(SIGTERM);
+    return result_.get();
+  }
+
+  /// What `Read` of a data identifier answers.
+  std::vector<std::uint8_t> readIdentifier(std::string_view service) {
+    const test::Finder finder(wire_.gateway(), service);
+    const auto found = finder.wait(1);
+    if (found.empty()) throw std::runtime_error("not offered: " + std::string(service));
+    const auto consumer = wire_.gateway().connect(found.front());
+    std::promise<std::vector<std::uint8_t>> answer;
+    std::vector<std::byte> noMetaInfo;
+    binding::encode(std::map<std::string, std::string>{}, noMetaInfo);
+    consumer->call(consumer->element("Read").method.value(), noMetaInfo,
+                   [&](tq::com::Return_code, tq::com::Payload payload) {
+                     const auto* bytes = reinterpret_cast<const std::uint8_t*>(payload.data());
+                     answer.set_value({bytes, bytes + payload.size()});
+                   });
+    return answer.get_future().get();
+  }
+
+  Wire wire_{72};
+  ara::log::Capture log_;
+  fs::path folder_;
+  std::optional<posApplication> application_;
+  std::future<int> result_;
+};
+
+TEST_F(ApplicationTest, a_gnss_position_becomes_a_dead_reckoning_position) {
+  run({{"ignoreGNSSTimestamps", KvsType(false)}, {"recievedGNSSDataLogging", KvsType(false)}});
+
+  test::Seen<std::vector<Positioning>> published;
+  const test::Finder finder(wire_.gateway(), "lumo::services::positioning::Positioning");
+  const auto found = finder.wait(1);
+  ASSERT_EQ(found.size(), 1u);
+  const auto consumer = wire_.gateway().connect(found.front());
+  consumer->subscribe(
+      "positions",
+      [&](tq::com::Payload payload) { published.add(decoded<std::vector<Positioning>>(payload)); },
+      [](bool) {});
+  ASSERT_TRUE(published.wait_count(1));  // the field's first value: nothing but the time
+
+  const auto gnss =
+      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
+  update(*gnss, "positions", std::vector{sample(1, 6)});  // not of the wanted type
+  gnss->offer();
+  ASSERT_TRUE(log_.WaitFor("generalClientImpl: connected to instance  1"));
+  update(*gnss, "positions", std::vector{sample(2, 7)});
+  ASSERT_TRUE(published.wait_count(2));
+
+  const auto position = published.all()[1].at(0);
+  EXPECT_EQ(position.messageCounter, 7u);
+  EXPECT_EQ(position.LAT, 48.25);
+  EXPECT_FALSE(position.LON);
+  EXPECT_FALSE(position.positionType);
+  EXPECT_EQ(position.preciseLocalTimeSeconds, 1'700'000'000u);
+  EXPECT_EQ(position.preciseLocalTimeNanoseconds, 5'000u);
+  EXPECT_EQ(position.statusPosition, 2u);
+  EXPECT_EQ(position.statusAltitude, 1u);
+  EXPECT_EQ(position.statusYawAngle, 2u);
+  EXPECT_EQ(position.statusSpeed, 2u);
+  EXPECT_EQ(position.statusAttitude, 2u);
+  EXPECT_EQ(position.statusTime, 1u);
+  EXPECT_EQ(position.statusMapMatching, 0u);
+
+  std::vector<std::vector<std::string>> sent;
+  for (const auto& record : log_.Records()) {
+    if (record.arguments.front() == "Sending ") sent.push_back(record.arguments);
+  }
+  EXPECT_THAT(sent, ElementsAre(ElementsAre("Sending ", "GNSS-DR",
+                                            " input position as POS output DR position.")));
+
+  // Both monitors have data now, the evaluation makes them nominal.
+  EXPECT_TRUE(log_.WaitFor([](const auto& record) {
+    return record.context == "DSRV" && record.Text().find("POS_Input_GNSS") != std::string::npos;
+  }));
+  EXPECT_EQ(stop(), 0);
+}
+
+TEST_F(ApplicationTest, plain_gnss_positions_are_forwarded_when_the_setting_says_so) {
+  run({{"useGNSSDR", KvsType(false)}});
+  const auto gnss =
+      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
+  update(*gnss, "positions", std::vector{sample(1, 1)});
+  gnss->offer();
+  EXPECT_TRUE(log_.WaitFor("Sending  GNSS  input position as POS output DR position."));
+}
+
+TEST_F(ApplicationTest, only_gnss_is_part_of_the_sensor_setup) {
+  run({});
+  const auto inputs =
+      readIdentifier("lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs");
+  EXPECT_THAT(inputs, ElementsAre(2, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3));
+  const auto system =
+      readIdentifier("lumo::services::diag::d_14a3::DataIdentifier_PositioningStatusSystem");
+  ASSERT_EQ(system.size(), 14u);
+  EXPECT_EQ(system[1], 3);
+  EXPECT_EQ(system[12], 3);
+  EXPECT_EQ(system[13], 3);
+  // Without the time client nobody searches for the service.
+  EXPECT_THAT(log_.Texts("TMCL"), testing::IsEmpty());
+}
+
+TEST_F(ApplicationTest, times_set_the_platform_offset_when_they_carry_it) {
+  run({{"timeClientEnabled", KvsType(true)}});
+  EXPECT_THAT(log_.Texts("TMCL"), Contains("enter TimemasterClientImpl::init()"));
+  const auto times =
+      wire_.gateway().provide("lumo::services::time::Time", "Time_ProvidedSomeipServiceInstance");
+  const auto send = [&](boost::optional<std::uint32_t> type,
+                        boost::optional<std::uint64_t> offset) {
+    Times time;
+    time.type = type;
+    time.pltOffset = offset;
+    update(*times, "times", std::vector{time});
+  };
+  const auto received = [&](const std::string& type, const std::string& offset) {
+    return log_.WaitFor([&](const auto& record) {
+      return record.arguments ==
+             std::vector<std::string>{"Times struct received from Timemaster: ", type, offset};
+    });
+  };
+  send(2, 1'234'999);
+  times->offer();
+  ASSERT_TRUE(received("2", "1234999"));
+  send(3, 9'000'000);
+  ASSERT_TRUE(received("3", "9000000"));
+  send({}, 9'000'000);
+  ASSERT_TRUE(received("type missing, ", "9000000"));
+  send(2, {});
+  ASSERT_TRUE(received("2", "pltOffset missing"));
+  EXPECT_EQ(timeutils::instance().addOffset(0), 1'234u);
+
+  const auto inputs =
+      readIdentifier("lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs");
+  ASSERT_EQ(inputs.size(), 11u);
+  EXPECT_NE(inputs[8], 3) << "the time master is a sensor now";
+}
+
+TEST_F(ApplicationTest, signals_while_it_starts_and_stops_do_no_harm) {
+  char pattern[] = "/tmp/application_test_XXXXXX";
+  folder_ = mkdtemp(pattern);
+  setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
+  setenv("POS_STATE_BUS", "none", 1);
+  application_.emplace(
+      Persistency("POS_Key_Value_Port", ara::log::CreateLogger("DBAC", "Persistency access")));
+  std::atomic<bool> done{false};
+  std::thread signals([&] {
+    while (!done) {
+      for (const int sigId : {SIGUSR1, SIGTERM, SIGUSR2, SIGINT})
+        application_->signalHandler(sigId);
+    }
+  });
+  EXPECT_EQ(application_->run(), 0);
+  done = true;
+  signals.join();
+}
+
+}  // namespace
