@@ -236,6 +236,8 @@ void Discovery_client::acknowledged(const Entry& entry,
   }
   if (entry.ttl == 0) {
     set_state(found->first, found->second, State::none);
+    const auto& tcp = remote->second.offer.endpoints.tcp;
+    if (found->second.transport.tcp && tcp) host_.doubt_connection(*tcp);  // someipsd_869
     return;
   }
   if (options.multicast) host_.listen_to(key, entry.event_group, *options.multicast);

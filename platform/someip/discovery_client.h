@@ -41,6 +41,8 @@ class Discovery_client_host {
                                                    std::uint16_t event_group) const = 0;
   /// Where events shall be sent to.
   [[nodiscard]] virtual Endpoint udp_endpoint() const = 0;
+  /// A subscription over the connection to `server` was refused: it may be open on our side only.
+  virtual void doubt_connection(const Endpoint& server) = 0;
   /// The own end of the TCP connection to `server`. Begins to connect, and gives nothing, while
   /// there is none; Discovery_client::connected() follows.
   [[nodiscard]] virtual std::optional<Endpoint> tcp_endpoint(const Endpoint& server) = 0;

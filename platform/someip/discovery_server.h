@@ -29,7 +29,7 @@ class Discovery_server_host {
  public:
   virtual ~Discovery_server_host() = default;
   /// Has `client` an open TCP connection to the endpoint of the offer?
-  [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) const = 0;
+  [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) = 0;
   /// The subscribers of a group have changed. `fresh` are those of them that shall get the present
   /// value of the fields. Called after the acknowledgement has been sent.
   virtual void subscribers_changed(const Instance_key& key,

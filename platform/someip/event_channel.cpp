@@ -21,10 +21,12 @@ Event_channel::Event_channel(std::uint16_t service,
                              std::uint16_t event,
                              std::uint8_t interface_version,
                              bool field,
+                             Transport transport,
                              std::shared_ptr<Udp_port> udp,
                              Counters& counters)
     : header_(notification(service, event, interface_version)),
       field_(field),
+      transport_(transport),
       udp_(std::move(udp)),
       counters_(counters) {}
 
@@ -71,10 +73,14 @@ void Event_channel::drain(std::unique_lock<std::mutex>& lock) {
 void Event_channel::send(Bytes payload, const Event_targets& targets, std::uint16_t session) {
   Header header = header_;
   header.session = session;
-  if (udp_ && !targets.udp.empty()) udp_->send(header, payload, targets.udp);
+  if (transport_ == Transport::udp) {
+    if (udp_) udp_->send(header, payload, targets.udp);
+    counters_.notifications_sent.add(targets.udp.size());
+    return;
+  }
   for (const auto& stream : targets.streams)
     stream->send(header, payload);
-  counters_.notifications_sent.add(targets.udp.size() + targets.streams.size());
+  counters_.notifications_sent.add(targets.streams.size());
 }
 
 std::optional<std::vector<std::byte>> Event_channel::value() const {

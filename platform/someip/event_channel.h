@@ -34,11 +34,12 @@ class Event_channel {
  public:
   using Targets = std::shared_ptr<const Event_targets>;
 
-  /// `udp` may be null when the event travels over TCP only.
+  /// `udp` is where events over UDP are sent from; not used over TCP.
   Event_channel(std::uint16_t service,
                 std::uint16_t event,
                 std::uint8_t interface_version,
                 bool field,
+                Transport transport,
                 std::shared_ptr<Udp_port> udp,
                 Counters& counters);
 
@@ -60,6 +61,7 @@ class Event_channel {
 
   const Header header_;
   const bool field_;
+  const Transport transport_;
   const std::shared_ptr<Udp_port> udp_;
   Counters& counters_;
 

@@ -78,9 +78,20 @@ Node::Node(const Deployment& deployment,
       [this](const std::vector<std::byte>& message, const Discovery_outbox::Destination& to) {
         channel_->send(message, to);
       },
-      [this](const Address& peer, Time) { reassembler_.forget(peer); }};
+      [this](const Address& peer, Time last_contact) { peer_restarted(peer, last_contact); }};
   discovery_ =
       std::make_unique<Discovery>(deployment, node, own_, counters_, log_, std::move(host));
+  tcp_client_ = std::make_unique<Tcp_client>(
+      own_, deployment.limits, workers, counters_, log_,
+      Tcp_client::Events{[this](const Endpoint& server) {
+                           change([&](Discovery_server&, Discovery_client& client) {
+                             client.connected(server, std::chrono::steady_clock::now());
+                           });
+                         },
+                         [this](const Endpoint& server) { connection_lost(server); },
+                         [this](Received message, const Endpoint& server, Tasks& tasks) {
+                           dispatch(std::move(message), server, Transport::tcp, tasks);
+                         }});
   client_port_->open();
   on_control([this] {
     channel_->start([this](Bytes datagram, const Endpoint& from, bool multicast) {
@@ -142,13 +153,17 @@ void Node::stop() {
       call_timer_.cancel();
       for (auto& [group, port] : multicast_ports_)
         port.first->close();
+      tcp_client_->close();
+      const std::lock_guard lock(ports_mutex_);
+      for (auto& [number, port] : tcp_ports_)
+        port->close();
       done.set_value();
     });
     done.get_future().wait();
     client_port_->close();
     {
       const std::lock_guard lock(ports_mutex_);
-      for (auto& [number, port] : service_ports_)
+      for (auto& [number, port] : udp_ports_)
         port->port->close();
     }
     expire_calls(true);
@@ -177,21 +192,24 @@ void Node::schedule() {
   });
 }
 
-// Providing
-
-bool Node::has_connection(const Offer&, const Endpoint&) const {
-  return false;
+void Node::peer_restarted(const Address& peer, Time last_contact) {
+  reassembler_.forget(peer);
+  tcp_client_->restart(peer, last_contact);
+  const std::lock_guard lock(ports_mutex_);
+  for (const auto& [number, port] : tcp_ports_)
+    port->forget(peer, last_contact);
 }
 
-std::shared_ptr<Node::Service_port> Node::service_port(const Instance_deployment& instance) {
+// Providing
+
+std::shared_ptr<Node::Service_port> Node::udp_port(const Instance_deployment& instance) {
   if (!instance.udp_port) return nullptr;
   const std::lock_guard lock(ports_mutex_);
-  auto& port = service_ports_[*instance.udp_port];
-  if (port) return port;
+  const auto known = udp_ports_.find(*instance.udp_port);
+  if (known != udp_ports_.end()) return known->second;
   auto socket = std::make_unique<Udp_socket>(own_);
   socket->allow_missing_address();
   if (const auto error = socket->bind({own_, *instance.udp_port})) {
-    service_ports_.erase(*instance.udp_port);
     throw std::runtime_error(deployment_.source + ": udpPort of instance \"" + instance.specifier +
                              "\": port " + std::to_string(*instance.udp_port) + " of " +
                              own_.to_string() + " cannot be used: " + error.message());
@@ -200,20 +218,65 @@ std::shared_ptr<Node::Service_port> Node::service_port(const Instance_deployment
     log_.limited(Log_level::warning, "multicast",
                  "no multicast from " + own_.to_string() + ": " + error.message());
   }
-  port = std::make_shared<Service_port>(std::move(socket), *this);
+  auto port = std::make_shared<Service_port>(std::move(socket), *this);
   port->port->open();
-  return port;
+  return udp_ports_.emplace(*instance.udp_port, std::move(port)).first->second;
+}
+
+std::shared_ptr<Tcp_service_port> Node::tcp_port(const Instance_deployment& instance) {
+  if (!instance.tcp_port) return nullptr;
+  const std::lock_guard lock(ports_mutex_);
+  const auto known = tcp_ports_.find(*instance.tcp_port);
+  if (known != tcp_ports_.end()) return known->second;
+  std::shared_ptr<Tcp_service_port> port;
+  try {
+    port = std::make_shared<Tcp_service_port>(Endpoint{own_, *instance.tcp_port},
+                                              deployment_.limits, workers_, counters_, log_);
+  } catch (const boost::system::system_error& error) {
+    throw std::runtime_error(deployment_.source + ": tcpPort of instance \"" + instance.specifier +
+                             "\": port " + std::to_string(*instance.tcp_port) + " of " +
+                             own_.to_string() + " cannot be used: " + error.code().message());
+  }
+  on_control([this, port] {
+    port->start([this] { return admit_connection(); },
+                [this](const Endpoint& client) {
+                  change([&](Discovery_server& server, Discovery_client&) {
+                    server.connection_lost(client);
+                  });
+                });
+  });
+  return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
+}
+
+std::shared_ptr<Tcp_service_port> Node::tcp_port_of(const Instance_key& key) {
+  const auto instance = offered_.find(key);
+  return instance == offered_.end() ? nullptr : tcp_port(instance->second->deployment());
+}
+
+bool Node::admit_connection() {
+  const std::lock_guard lock(ports_mutex_);
+  std::size_t count = 0;
+  for (const auto& [number, port] : tcp_ports_)
+    count += port->connections();
+  return count < deployment_.limits.tcp_connections;
+}
+
+bool Node::has_connection(const Offer& offer, const Endpoint& client) {
+  const auto port = tcp_port_of(offer.key);
+  return port && port->connection_of(client) != nullptr;
 }
 
 std::shared_ptr<Provided_instance> Node::provide(const Service_deployment& service,
                                                  const Instance_deployment& instance) {
-  const auto port = service_port(instance);
-  return std::make_shared<Provided_instance>(service, instance, port ? port->port : nullptr,
+  const auto udp = udp_port(instance);
+  static_cast<void>(tcp_port(instance));
+  return std::make_shared<Provided_instance>(service, instance, udp ? udp->port : nullptr,
                                              deployment_.limits, counters_);
 }
 
 void Node::offer(std::shared_ptr<Provided_instance> instance) {
-  if (const auto port = service_port(instance->deployment())) port->table.add(instance);
+  if (const auto port = udp_port(instance->deployment())) port->table.add(instance);
+  if (const auto port = tcp_port(instance->deployment())) port->table.add(instance);
   on_control([this, instance = std::move(instance)] {
     const Service_deployment& service = instance->service();
     const Instance_deployment& deployment = instance->deployment();
@@ -221,6 +284,7 @@ void Node::offer(std::shared_ptr<Provided_instance> instance) {
     offer.key = instance->key();
     offer.minor_version = service.minor_version;
     if (deployment.udp_port) offer.endpoints.udp = Endpoint{own_, *deployment.udp_port};
+    if (deployment.tcp_port) offer.endpoints.tcp = Endpoint{own_, *deployment.tcp_port};
     offer.groups = event_groups(service, &deployment);
     offer.allowed_peers = service.allowed_peers;
     offered_[offer.key] = instance;
@@ -231,7 +295,8 @@ void Node::offer(std::shared_ptr<Provided_instance> instance) {
 }
 
 void Node::stop_offer(std::shared_ptr<Provided_instance> instance) {
-  if (const auto port = service_port(instance->deployment())) port->table.remove(*instance);
+  if (const auto port = udp_port(instance->deployment())) port->table.remove(*instance);
+  if (const auto port = tcp_port(instance->deployment())) port->table.remove(*instance);
   on_control([this, instance = std::move(instance)] {
     const auto found = offered_.find(instance->key());
     if (found == offered_.end() || found->second != instance) return;
@@ -247,12 +312,19 @@ void Node::subscribers_changed(const Instance_key& key,
                                const std::vector<Subscriber>& fresh) {
   const auto instance = offered_.find(key);
   if (instance == offered_.end()) return;
-  const auto targets_of = [](const std::vector<Subscriber>& subscribers) {
+  const auto tcp = tcp_port(instance->second->deployment());
+  const auto targets_of = [&](const std::vector<Subscriber>& subscribers) {
     auto targets = std::make_shared<Event_targets>();
-    std::set<Endpoint> known;  // a client in two subscriptions gets each event once
+    std::set<Endpoint> udp_known, tcp_known;  // a client in two subscriptions gets each event once
     for (const Subscriber& subscriber : subscribers) {
-      const auto& udp = subscriber.endpoints.udp;
-      if (udp && known.insert(*udp).second) targets->udp.emplace_back(*udp);
+      const Instance_endpoints& endpoints = subscriber.endpoints;
+      if (endpoints.udp && udp_known.insert(*endpoints.udp).second) {
+        targets->udp.emplace_back(*endpoints.udp);
+      }
+      if (!tcp || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
+      if (auto stream = tcp->connection_of(*endpoints.tcp)) {
+        targets->streams.push_back(std::move(stream));
+      }
     }
     return targets;
   };

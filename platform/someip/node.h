@@ -19,6 +19,8 @@
 #include "platform/someip/log.h"
 #include "platform/someip/pending_calls.h"
 #include "platform/someip/provided_instance.h"
+#include "platform/someip/tcp_client.h"
+#include "platform/someip/tcp_server.h"
 #include "platform/someip/udp_port.h"
 #include "platform/someip/workers.h"
 
@@ -118,7 +120,7 @@ class Node final : private Discovery_server_host,
   using Group_key = std::pair<Instance_key, std::uint16_t>;
 
   // Discovery_server_host
-  bool has_connection(const Offer& offer, const Endpoint& client) const override;
+  bool has_connection(const Offer& offer, const Endpoint& client) override;
   void subscribers_changed(const Instance_key& key,
                            std::uint16_t event_group,
                            const std::vector<Subscriber>& all,
@@ -134,7 +136,10 @@ class Node final : private Discovery_server_host,
                  const Endpoint& group) override;
   bool initial_value_missing(const Instance_key& key, std::uint16_t event_group) const override;
   Endpoint udp_endpoint() const override { return client_port_->local(); }
-  std::optional<Endpoint> tcp_endpoint(const Endpoint& server) override;
+  void doubt_connection(const Endpoint& server) override { tcp_client_->probe(server); }
+  std::optional<Endpoint> tcp_endpoint(const Endpoint& server) override {
+    return tcp_client_->local_end(server);
+  }
   // Udp_port::Receiver: what comes to the client's port and to the multicast ports
   void received(Received message, const Endpoint& from, Udp_port& port, Tasks& tasks) override;
 
@@ -145,6 +150,7 @@ class Node final : private Discovery_server_host,
   void schedule();
   void schedule_calls();
   void expire_calls(bool all);
+  void end_calls(std::vector<Pending_calls::Call> calls);
   void tell_searches(std::uint16_t service);
   void connect_route(Client_event& event, const Remote_offer& offer);
   void leave_multicast(const Group_key& key);
@@ -154,7 +160,13 @@ class Node final : private Discovery_server_host,
                                                     Transport transport);
   [[nodiscard]] std::uint16_t fire_and_forget_session();
   void send_request(const Header& header, Transport transport, const Endpoint& to, Bytes arguments);
-  [[nodiscard]] std::shared_ptr<Service_port> service_port(const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port_of(const Instance_key& key);
+  [[nodiscard]] bool admit_connection();
+  void peer_restarted(const Address& peer, Time last_contact);
+  void connection_lost(const Endpoint& server);
+  void release_connection(const Endpoint& server, bool even_if_offered);
 
   const Deployment& deployment_;
   const Node_deployment& node_;
@@ -171,8 +183,9 @@ class Node final : private Discovery_server_host,
   std::atomic<std::uint16_t> fire_and_forget_sessions_{0};
   std::once_flag stopped_once_;
 
-  std::mutex ports_mutex_;  ///< guards service_ports_
-  std::map<std::uint16_t, std::shared_ptr<Service_port>> service_ports_;
+  std::mutex ports_mutex_;  ///< guards the two members below
+  std::map<std::uint16_t, std::shared_ptr<Service_port>> udp_ports_;
+  std::map<std::uint16_t, std::shared_ptr<Tcp_service_port>> tcp_ports_;
 
   std::mutex known_mutex_;  ///< guards known_ against readers: only the control thread writes
   std::vector<Known_instance> known_;  ///< in the order of their first offer
@@ -180,6 +193,7 @@ class Node final : private Discovery_server_host,
   // The control thread's own, after construction.
   bool stopped_ = false;
   std::unique_ptr<Discovery> discovery_;
+  std::unique_ptr<Tcp_client> tcp_client_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer call_timer_;
   std::vector<Running_search> searches_;

@@ -82,14 +82,20 @@ void Node::instance_available(const Instance_key& key, const Remote_offer& offer
 }
 
 void Node::instance_gone(const Instance_key& key) {
+  Instance_endpoints gone;
   {
     const std::lock_guard lock(known_mutex_);
-    std::erase_if(known_, [&](const Known_instance& known) { return known.key == key; });
+    const auto known =
+        std::ranges::find_if(known_, [&](const auto& one) { return one.key == key; });
+    if (known == known_.end()) return;
+    gone = known->offer.endpoints;
+    known_.erase(known);
   }
   for (Client_event& event : events_) {
     if (event.selection.instance != key || !event.route) continue;
     routes_.remove(*std::exchange(event.route, std::nullopt), event.sink.get());
   }
+  if (gone.tcp) release_connection(*gone.tcp, false);
   tell_searches(key.service);
 }
 
@@ -135,6 +141,9 @@ void Node::unsubscribe(std::shared_ptr<Event_sink> sink) {
              event.selection.event_group == ended.selection.event_group;
     });
     if (!still_wanted) leave_multicast({ended.selection.instance, ended.selection.event_group});
+    if (ended.route && ended.route->transport == Transport::tcp) {
+      release_connection(ended.route->from, true);
+    }
   });
 }
 
@@ -187,8 +196,21 @@ void Node::leave_multicast(const Group_key& key) {
   }
 }
 
-std::optional<Endpoint> Node::tcp_endpoint(const Endpoint&) {
-  return std::nullopt;
+void Node::release_connection(const Endpoint& server, bool even_if_offered) {
+  const bool offered = std::ranges::any_of(
+      known_, [&](const Known_instance& known) { return known.offer.endpoints.tcp == server; });
+  const bool subscribed = std::ranges::any_of(events_, [&](const Client_event& event) {
+    return event.route && event.route->transport == Transport::tcp && event.route->from == server;
+  });
+  if (subscribed || (offered && (!even_if_offered || calls_.waits_for(server)))) return;
+  tcp_client_->release(server);
+}
+
+void Node::connection_lost(const Endpoint& server) {
+  change([&](Discovery_server&, Discovery_client& client) { client.connection_lost(server); });
+  // What was asked over it will not be answered (someip_326).
+  end_calls(calls_.take_if(
+      [&](const auto& call) { return call.transport == Transport::tcp && call.server == server; }));
 }
 
 void Node::received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) {
@@ -253,10 +275,19 @@ std::optional<Endpoint> Node::endpoint_of(const Instance_key& instance, Transpor
   return transport == Transport::udp ? endpoints.udp : endpoints.tcp;
 }
 
-void Node::send_request(const Header& header, Transport, const Endpoint& to, Bytes arguments) {
+void Node::send_request(const Header& header,
+                        Transport transport,
+                        const Endpoint& to,
+                        Bytes arguments) {
   counters_.requests_sent.add();
-  const Socket_address address(to);
-  client_port_->send(header, arguments, std::span(&address, 1));
+  if (transport == Transport::udp) {
+    const Socket_address address(to);
+    client_port_->send(header, arguments, std::span(&address, 1));
+    return;
+  }
+  on_control([this, header, to, copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
+    tcp_client_->send(to, header, copy);
+  });
 }
 
 void Node::call(const Instance_key& instance,
@@ -341,13 +372,17 @@ void Node::schedule_calls() {
 void Node::expire_calls(bool all) {
   const Time now = std::chrono::steady_clock::now();
   auto expired = calls_.take_if([&](const auto& call) { return all || call.deadline <= now; });
-  if (all) {
-    for (const auto& call : expired)
-      call.handler(Return_code::not_reachable, {});
+  if (!all) {
+    end_calls(std::move(expired));
     return;
   }
-  counters_.calls_timed_out.add(expired.size());
-  for (auto& call : expired) {
+  for (const auto& call : expired)
+    call.handler(Return_code::not_reachable, {});
+}
+
+void Node::end_calls(std::vector<Pending_calls::Call> calls) {
+  counters_.calls_timed_out.add(calls.size());
+  for (auto& call : calls) {
     workers_.post([handler = std::move(call.handler)] { handler(Return_code::timeout, {}); });
   }
 }

@@ -118,9 +118,8 @@ void Provided_instance::add_event(std::uint16_t id,
                                   std::uint16_t event_group,
                                   bool field,
                                   Transport transport) {
-  auto channel =
-      std::make_unique<Event_channel>(service_.id, id, service_.major_version, field,
-                                      transport == Transport::udp ? udp_ : nullptr, counters_);
+  auto channel = std::make_unique<Event_channel>(service_.id, id, service_.major_version, field,
+                                                 transport, udp_, counters_);
   groups_.emplace(event_group, channel.get());
   events_.emplace(id, std::move(channel));
 }

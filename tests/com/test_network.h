@@ -2,6 +2,7 @@
 /// where handlers leave what they saw.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <cstddef>
@@ -11,6 +12,7 @@
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -63,6 +65,18 @@ class Seen {
   mutable std::condition_variable changed_;
   std::vector<Value> values_;
 };
+
+/// For what nobody signals, such as counters: asked again and again until it is true or time is
+/// over.
+[[nodiscard]] inline bool eventually(const std::function<bool()>& condition,
+                                     std::chrono::milliseconds limit = std::chrono::seconds(10)) {
+  const auto end = std::chrono::steady_clock::now() + limit;
+  while (!condition()) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
 
 /// The manifest of a network on 127.`net`.0.x: nodes "server", "server2" and "client", "client2";
 /// one service "test::Service" with a method "echo", a fire-and-forget method "poke", an event

@@ -1,0 +1,94 @@
+/// One TCP connection that carries SOME/IP messages, accepted or opened.
+#pragma once
+
+#include <array>
+#include <boost/asio/ip/tcp.hpp>
+#include <cstddef>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/someip/counters.h"
+#include "platform/someip/deployment.h"
+#include "platform/someip/discovery_types.h"
+#include "platform/someip/event_channel.h"
+#include "platform/someip/log.h"
+#include "platform/someip/received.h"
+#include "platform/someip/stream_reader.h"
+#include "platform/someip/task.h"
+#include "platform/someip/workers.h"
+
+namespace someip {
+
+[[nodiscard]] inline Endpoint endpoint_of(const boost::asio::ip::tcp::endpoint& endpoint) {
+  return {endpoint.address(), endpoint.port()};
+}
+[[nodiscard]] inline boost::asio::ip::tcp::endpoint tcp_endpoint_of(const Endpoint& endpoint) {
+  return {endpoint.address, endpoint.port};
+}
+
+/// Lives on the control thread, except send().
+class Tcp_connection final : public Stream, public std::enable_shared_from_this<Tcp_connection> {
+ public:
+  using Socket = boost::asio::ip::tcp::socket;
+  /// What happens on a connection. Called on the control thread.
+  class Handler {
+   public:
+    virtual ~Handler() = default;
+    virtual void received(Received message,
+                          const std::shared_ptr<Tcp_connection>& connection,
+                          Tasks& tasks) = 0;
+    /// Once, and not after close().
+    virtual void lost(const std::shared_ptr<Tcp_connection>& connection) = 0;
+  };
+
+  /// `opened_here`: this node is the client of the connection. `socket` is connected.
+  Tcp_connection(Socket socket,
+                 bool opened_here,
+                 const Limits& limits,
+                 Handler& handler,
+                 Workers& workers,
+                 Counters& counters,
+                 Log& log);
+
+  void start();
+  void close();
+  void send(const Header& header, Bytes payload) override;
+  /// Sends a magic cookie: a peer that has forgotten the connection answers it with a reset.
+  void probe();
+
+  [[nodiscard]] const Endpoint& local() const { return local_; }
+  [[nodiscard]] const Endpoint& peer() const { return peer_; }
+  [[nodiscard]] Time established() const { return established_; }
+
+ private:
+  void receive();
+  void enqueue(std::vector<std::byte> bytes);
+  void write();
+  void fail(const char* why);
+  void deliver();
+
+  Socket socket_;
+  const bool opened_here_;
+  const Limits& limits_;
+  Handler& handler_;
+  Workers& workers_;
+  Counters& counters_;
+  Log& log_;
+  const Endpoint local_;
+  const Endpoint peer_;
+  const Time established_;
+  Stream_reader reader_;
+  std::array<std::byte, 16 * 1024> buffer_;
+  std::vector<std::vector<std::byte>> writing_;  ///< on their way, the control thread's own
+  bool open_ = true;                             ///< the control thread's own
+
+  std::mutex mutex_;  ///< guards the members below
+  std::vector<std::vector<std::byte>> queue_;
+  std::size_t queued_bytes_ = 0;  ///< in queue_ and writing_
+  bool busy_ = false;             ///< a write runs or has been asked for
+  bool dead_ = false;             ///< nothing is queued any more
+  Time last_cookie_{};
+};
+
+}  // namespace someip
