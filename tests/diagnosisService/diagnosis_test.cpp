@@ -1,8 +1,11 @@
 #include <gmock/gmock.h>
 
 #include <atomic>
+#include <fstream>
 #include <future>
+#include <iterator>
 #include <limits>
+#include <sstream>
 #include <thread>
 
 #include "Recording_runtime.h"
@@ -117,6 +120,31 @@ TEST_F(Diagnosis, every_monitor_is_offered_under_its_name) {
       runtime.offered(),
       IsSupersetOf({"DiagnosticMonitor_POS_Overall_System", "DiagnosticMonitor_POS_Input_GNSS",
                     "DiagnosticMonitor_BDP_data_bus_service_implausible"}));
+}
+
+TEST(Data_identifiers_page, lists_every_monitor_with_its_status_byte) {
+  std::ifstream file{POS_DOCS "/data-identifiers.md"};
+  const std::string page{std::istreambuf_iterator<char>{file}, {}};
+  for (const auto& monitor : kMonitors) {
+    std::ostringstream line;
+    line << "| 0x" << std::hex << std::uppercase << monitor.identifier << std::dec << " | "
+         << monitor.name << " | ";
+    switch (monitor.group) {
+      case StatusGroup::input:
+        line << "d_14a0 byte " << int{monitor.byte};
+        break;
+      case StatusGroup::output:
+        line << "d_14a1 byte " << int{monitor.byte};
+        break;
+      case StatusGroup::system:
+        line << "d_14a3 byte " << int{monitor.byte};
+        break;
+      case StatusGroup::none:
+        line << "none, always passed";
+        break;
+    }
+    EXPECT_THAT(page, ::testing::HasSubstr(line.str() + " |\n"));
+  }
 }
 
 TEST_F(Diagnosis, the_sensor_setup_is_logged_and_decides_what_is_available) {
