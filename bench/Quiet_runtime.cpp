@@ -69,8 +69,12 @@ Quiet_runtime::~Quiet_runtime() {
 tq::com::Find_token Quiet_runtime::start_find_service(std::string_view service,
                                                       std::optional<std::uint16_t>,
                                                       tq::com::Find_handler handler) {
-  handler({tq::com::Found_instance{.service = std::string{service}, .instance = 1, .where = {}}});
+  searched_ = service;
+  find_handler_ = std::move(handler);
   return tq::com::Find_token{1};
+}
+void Quiet_runtime::find() {
+  find_handler_({tq::com::Found_instance{.service = searched_, .instance = 1, .where = {}}});
 }
 std::unique_ptr<tq::com::Consumer> Quiet_runtime::connect(const tq::com::Found_instance&) {
   return std::make_unique<Consumer>(*this);

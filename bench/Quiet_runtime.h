@@ -17,6 +17,8 @@ class Quiet_runtime final : public tq::com::Runtime {
   Quiet_runtime();
   ~Quiet_runtime() override;
 
+  /// Instance 1 of the service that was searched last is offered.
+  void find();
   void notify(const std::string& element, tq::com::Payload payload) {
     handlers_.at(element)(payload);
   }
@@ -36,6 +38,8 @@ class Quiet_runtime final : public tq::com::Runtime {
   class Consumer;
   class Provider;
 
+  std::string searched_;
+  tq::com::Find_handler find_handler_;
   std::map<std::string, tq::com::Notification_handler, std::less<>> handlers_;
   std::uint64_t published_ = 0;
   std::uint64_t published_bytes_ = 0;

@@ -62,6 +62,7 @@ class Road {
     service_.setMmNewPositionCalculationIntervalMS(1000);
     service_.init();
     gnss_.init();
+    runtime_.find();
   }
   ~Road() { gnss_.stop(); }
 
