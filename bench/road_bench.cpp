@@ -148,7 +148,7 @@ BENCHMARK(log_line_by_snprintf);
 }  // namespace
 
 int main(int argc, char** argv) {
-  ara::log::InitLogging("BNCH", "benchmark", ara::log::LogLevel::kInfo, ara::log::LogMode::kRemote,
+  ara::log::InitLogging("POS", "benchmark", ara::log::LogLevel::kInfo, ara::log::LogMode::kRemote,
                         "");
   if (argc == 3 && std::string_view{argv[1]} == "--once") {
     set_log(ara::log::LogLevel::kOff);
