@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
@@ -234,6 +235,10 @@ bool DltSink::OpenPipe() {
   const char* folder = std::getenv("DLT_PIPE_DIR");
   const std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/dlt";
   pipe_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+  // In a folder that everybody may write to, something else may have taken the name.
+  struct stat status {};
+  if (pipe_ >= 0 && (::fstat(pipe_, &status) != 0 || !S_ISFIFO(status.st_mode)))
+    ::close(std::exchange(pipe_, -1));
   return pipe_ >= 0;
 }
 
