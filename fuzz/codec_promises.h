@@ -69,13 +69,13 @@ class Trace_eater final : public mw::com::cpp_binding::Trace_json {
 };
 
 template <class T>
-void check_any_order(const T&, const binding::Buffer&, const binding::Serialization_settings&) {}
+void check_any_order(const T&, Bytes, const binding::Serialization_settings&) {}
 
 /// The decoder for members in order, and the one for full records, agree with the one for any
 /// order.
 template <binding::Tlv_record T>
 void check_any_order(const T& record,
-                     const binding::Buffer& encoded,
+                     Bytes encoded,
                      const binding::Serialization_settings& settings) {
   T again;
   binding::Cursor cursor{encoded};
@@ -114,9 +114,8 @@ void check_codec(Bytes payload, const binding::Serialization_settings& settings,
   require(encoded.size() == field + binding::Codec<T>::size(value, settings),
           "the size pass is right");
 
-  // In exactly its own memory, so that a read beyond the end is seen.
   T again{};
-  const std::vector<std::byte> exact(encoded.begin(), encoded.end());
+  const Exact exact{encoded};
   binding::Cursor second{exact};
   binding::decode(second, again, settings);
   require(second.remaining() == 0, "decoding takes what encoding wrote");
@@ -128,12 +127,6 @@ void check_codec(Bytes payload, const binding::Serialization_settings& settings,
   binding::encode_over(again, used, settings);
   require(used == encoded, "encoding depends on nothing but the value");
 }
-
-/// The first bytes of an input: which of the types, which settings.
-struct Codec_choice {
-  std::uint8_t type = 0;
-  std::uint8_t settings = 0;
-};
 
 /// Setting 0 is what all services use; the others cover the sizes of the length fields and both
 /// byte orders.
@@ -162,10 +155,7 @@ struct Codec_types {
     const auto number = input.u8();
     const auto settings = settings_number(number);
     constexpr std::array checks{&check_codec<Types>...};
-    // The sanitizer only guards what was allocated for the payload alone.
-    const auto rest = input.rest();
-    const std::vector<std::byte> payload(rest.begin(), rest.end());
-    checks[type](payload, settings, number == 0);
+    checks[type](Exact{input.rest()}, settings, number == 0);
   }
 };
 

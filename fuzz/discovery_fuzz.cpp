@@ -72,7 +72,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
         const auto from = fuzz::any_peer(input);
         const bool multicast = input.flag();
         const auto bytes = peers_.message(input, from, multicast);
-        discovery_.received(bytes, from, multicast, now_);
+        discovery_.received(fuzz::Exact{bytes}, from, multicast, now_);
         // Entries are bounded, and each asks for few messages.
         require(messages_ <= 64, "one datagram does not make many");
         break;
@@ -109,8 +109,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   }
 
   void receive(fuzz::Bytes bytes, Input& input) {
-    const std::vector<std::byte> exact(bytes.begin(), bytes.end());
-    discovery_.received(exact, fuzz::any_endpoint(input), input.flag(), now_);
+    discovery_.received(fuzz::Exact{bytes}, fuzz::any_endpoint(input), input.flag(), now_);
   }
 
   void offer(std::uint8_t choice) {

@@ -86,10 +86,10 @@ void check_writing(const someip::Discovery_message& message) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  // In memory of its own: seeds are whole SOME/IP messages, of which this is the payload.
+  // Seeds are whole SOME/IP messages, of which this is the payload.
   const fuzz::Bytes bytes = fuzz::Input{data, size}.rest();
   if (bytes.size() < someip::header_size) return 0;
-  const std::vector<std::byte> payload(bytes.begin() + someip::header_size, bytes.end());
+  const fuzz::Exact payload{bytes.subspan(someip::header_size)};
   const auto message = someip::read_discovery_message(payload, most_entries);
   if (!message) return 0;
   require(message->entries.size() <= most_entries, "entries have a bound");

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <span>
 
 namespace fuzz {
@@ -19,6 +20,21 @@ inline void require(bool holds, const char* promise) {
   std::fprintf(stderr, "broken promise: %s\n", promise);
   std::abort();
 }
+
+/// Bytes in memory of exactly their size: the sanitizer sees every read beyond them. Never null, as
+/// in a receive buffer.
+class Exact {
+ public:
+  explicit Exact(Bytes bytes)
+      : size_(bytes.size()), memory_(std::make_unique<std::byte[]>(bytes.size())) {
+    std::ranges::copy(bytes, memory_.get());
+  }
+  operator Bytes() const { return {memory_.get(), size_}; }
+
+ private:
+  std::size_t size_;
+  std::unique_ptr<std::byte[]> memory_;
+};
 
 /// Takes decisions off the front of the fuzzer's bytes, so that a seed can be written by hand. Past
 /// the end every number is 0.

@@ -1,0 +1,437 @@
+// The whole runtime of a process, without threads and real sockets: proxies' connections, provided
+// instances and the node under them, against peers that send whatever they like in whatever order.
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <cerrno>
+#include <deque>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "fuzz/network.h"
+#include "fuzz/world.h"
+#include "platform/linux/com/connection.h"
+#include "platform/linux/com/provision.h"
+#include "platform/someip/node.h"
+
+namespace {
+
+using fuzz::Input;
+using fuzz::Network;
+using fuzz::require;
+using someip::Endpoint;
+using someip::Header;
+
+/// The node's threads, played one after the other.
+class Player final : public someip::Workers {
+ public:
+  boost::asio::io_context& control() override { return control_; }
+  void post(std::function<void()> work) override {
+    const std::lock_guard lock(mutex_);
+    posted_.push_back(std::move(work));
+  }
+  Watch watch(int, std::shared_ptr<someip::Readable> reader) override {
+    const std::lock_guard lock(mutex_);
+    readers_.emplace(++last_, std::move(reader));
+    return Watch{last_};
+  }
+  void unwatch(Watch watch, int) override {
+    const std::lock_guard lock(mutex_);
+    readers_.erase(static_cast<std::uint64_t>(watch));
+  }
+
+  /// Until nobody has anything to do any more.
+  void settle() {
+    // Makes the control thread look at its timers, for the clock is not the system's.
+    boost::asio::steady_timer look(control_, boost::asio::steady_timer::time_point::min());
+    look.async_wait([](const auto&) {});
+    constexpr int more_than_any_input_needs = 20000;
+    for (int round = 0; round < more_than_any_input_needs; ++round) {
+      control_.restart();
+      std::size_t work = control_.poll_one();
+      for (auto& task : std::exchange(posted_, {})) {
+        ++work;
+        task();
+      }
+      if (work == 0) return;
+    }
+    require(false, "the work that an input causes has an end");
+  }
+  /// Workers look at all sockets.
+  void read() {
+    const auto readers = readers_;
+    for (const auto& [watch, reader] : readers)
+      reader->on_readable();
+    settle();
+  }
+  /// Runs `work`, which waits for the control thread, beside it.
+  template <class Work>
+  void beside(Work&& work) {
+    std::atomic<bool> done{false};
+    std::thread thread([&] {
+      work();
+      done = true;
+    });
+    while (!done) {
+      control_.restart();
+      if (control_.poll_one() == 0) std::this_thread::yield();
+    }
+    thread.join();
+  }
+  [[nodiscard]] bool idle() const { return posted_.empty() && readers_.empty(); }
+
+ private:
+  boost::asio::io_context control_{1};
+  std::mutex mutex_;  ///< guards the others while the node stops on another thread
+  std::deque<std::function<void()>> posted_;
+  std::uint64_t last_ = 0;
+  std::map<std::uint64_t, std::shared_ptr<someip::Readable>> readers_;
+};
+
+class Search final : public someip::Search {
+ public:
+  void found(const std::vector<std::uint16_t>& instances) override {
+    const std::set<std::uint16_t> different(instances.begin(), instances.end());
+    require(different.size() == instances.size(), "an instance is found once");
+  }
+};
+
+/// An application that provides one service, uses another and does both at random.
+class Application {
+ public:
+  explicit Application(const someip::Deployment& deployment)
+      : deployment_(deployment), services_(deployment.services) {
+    const auto& provided = services_.front();
+    for (const auto& instance : provided.instances) {
+      auto provision = std::make_unique<tq::com::Provision>(node_.provide(provided, instance),
+                                                            node_, deployment.source);
+      provide_methods(*provision);
+      provisions_.push_back(std::move(provision));
+    }
+    offer(0);
+    offer(1);
+    for (std::size_t i = 1; i < services_.size(); ++i) {
+      for (const std::uint16_t instance : {std::uint16_t{1}, std::uint16_t{2}}) {
+        connections_.push_back(std::make_unique<tq::com::Connection>(
+            std::make_shared<const tq::com::Remote_instance>(services_[i], instance), node_,
+            player_, deployment.limits));
+      }
+    }
+    player_.settle();
+  }
+
+  void step(Input& input) {
+    switch (input.u8() % 20U) {
+      case 0:
+        pass(std::chrono::milliseconds(input.u8()));
+        break;
+      case 1:
+        pass(std::chrono::milliseconds(input.u16()));
+        break;
+      case 2:
+        offer(input.u8());
+        break;
+      case 3:
+        search(input.u8());
+        break;
+      case 4:
+        subscribe(input.u8());
+        break;
+      case 5:
+        call(input);
+        break;
+      case 6:
+        publish(input);
+        break;
+      case 7:
+        answer_call(input);
+        break;
+      case 8:
+        acknowledge(input);
+        break;
+      case 9:
+        stream(input);
+        break;
+      case 10:
+        trouble(input.u8());
+        break;
+      case 11:
+        deliver(input.bytes(input.u8()), fuzz::any_endpoint(input), port(input));
+        break;
+      case 12:
+      case 13:
+      case 14:
+        messages(input);
+        break;
+      default:
+        discovery(input);
+        break;
+    }
+    player_.read();
+    look_at_sent();
+  }
+
+  void stop() {
+    for (auto& connection : connections_)
+      connection.reset();
+    for (auto& provision : provisions_)
+      provision.reset();
+    player_.settle();
+    player_.beside([&] { node_.stop(); });
+    player_.settle();
+    require(player_.idle(), "nothing is left to do after the end");
+    for (const auto& [number, ended] : calls_)
+      require(ended == 1, "a call ends once");
+  }
+
+ private:
+  using Subscription_key = std::pair<std::size_t, std::string>;
+
+  void provide_methods(tq::com::Provision& provision) {
+    provision.set_method_handler(1, [](tq::com::Payload payload) {
+      return tq::com::Response{{}, {payload.begin(), payload.end()}};
+    });
+    provision.set_method_handler(2, [](tq::com::Payload) { return tq::com::Response{}; });
+    provision.set_method_handler(
+        3, [](tq::com::Payload) -> tq::com::Response { throw std::runtime_error("no"); });
+    provision.set_method_handler(17, [&provision](tq::com::Payload payload) {
+      provision.update_field(0x8002, payload);
+      return tq::com::Response{};
+    });
+  }
+
+  void pass(std::chrono::nanoseconds time) {
+    Network::instance().pass(time);
+    player_.settle();
+  }
+
+  void offer(std::uint8_t choice) {
+    auto& provision = *provisions_[choice & 1U];
+    (choice & 2U) == 0 ? provision.offer() : provision.stop_offer();
+    player_.settle();
+  }
+
+  void search(std::uint8_t choice) {
+    const auto& service = services_[1 + (choice & 1U)];
+    const std::uint16_t instance = (choice & 2U) == 0 ? someip::any_instance : 1;
+    auto& running = searches_[choice & 3U];
+    if (running) {
+      node_.stop_search(std::exchange(running, nullptr));
+    } else {
+      running = std::make_shared<Search>();
+      node_.start_search(service, instance, running);
+    }
+    player_.settle();
+  }
+
+  void subscribe(std::uint8_t choice) {
+    const std::size_t number = choice % connections_.size();
+    const std::string element = (choice & 0x10U) != 0 && number < 2 ? "state" : "tick";
+    auto& connection = *connections_[number];
+    if ((choice & 0x80U) != 0) {
+      connection.unsubscribe(element);
+      subscribed_.erase({number, element});
+      player_.settle();
+      return;
+    }
+    // A second one replaces the first.
+    auto active = std::make_shared<bool>(false);
+    const Subscription_key key{number, element};
+    subscribed_[key] = active;
+    connection.subscribe(
+        element,
+        [this, key, active](tq::com::Payload payload) {
+          require(subscribed_.contains(key) && subscribed_[key] == active,
+                  "only a present handler is called");
+          require(payload.size() <= deployment_.limits.message_bytes, "a payload has a bound");
+        },
+        [active](bool now) {
+          require(*active != now, "the state of a subscription is told when it changes");
+          *active = now;
+        });
+    player_.settle();
+  }
+
+  void call(Input& input) {
+    const auto choice = input.u8();
+    auto& connection = *connections_[choice & 1U];
+    const std::vector<std::byte> arguments(input.u8() * ((choice & 0x40U) != 0 ? 16U : 1U));
+    if ((choice & 0x80U) != 0) {
+      connection.call_no_return(1, arguments);
+    } else {
+      const auto number = calls_.size();
+      calls_[number] = 0;
+      connection.call((choice & 2U) != 0 ? 16 : 1, arguments,
+                      [this, number](tq::com::Return_code code, tq::com::Payload payload) {
+                        ++calls_[number];
+                        require(code == tq::com::Return_code::ok || payload.empty(),
+                                "only a good answer has a payload");
+                      });
+    }
+    player_.settle();
+  }
+
+  void publish(Input& input) {
+    constexpr std::array<std::uint16_t, 4> events{0x8001, 0x8002, 0x8003, 0x8004};
+    const auto choice = input.u8();
+    const std::vector<std::byte> value(input.u8() * ((choice & 0x40U) != 0 ? 64U : 1U));
+    provisions_[choice & 1U]->send_event(events[(choice >> 1U) & 3U], value);
+    player_.settle();
+  }
+
+  /// The server answers one of the last requests, or somebody else does.
+  void answer_call(Input& input) {
+    const auto choice = input.u8();
+    const auto code = input.u8();
+    if (requests_.empty()) return;
+    const auto& [header, server] = requests_[choice % requests_.size()];
+    constexpr std::array<std::uint8_t, 4> types{0x80, 0x81, 0xA0, 0x02};
+    Header answer = header;
+    answer.type = types[(choice >> 5U) & 3U];
+    answer.code = code < 0x40 ? code & 0x3FU : 0;
+    auto body = input.bytes(input.u8());
+    const auto head = someip::header_bytes(answer, body.size());
+    std::vector<std::byte> bytes(head.begin(), head.end());
+    bytes.insert(bytes.end(), body.begin(), body.end());
+    deliver(bytes, code >= 0xF0 ? fuzz::any_endpoint(input) : server, client_port());
+  }
+
+  /// A provider acknowledges, or refuses, what the node has asked of it last.
+  void acknowledge(Input& input) {
+    const auto choice = input.u8();
+    if (!asked_) return;
+    auto bytes = asked_->bytes;
+    const auto view = someip::Datagram_reader(bytes).next();
+    const auto message = someip::read_discovery_message(view->payload, 1000);
+    if (!message) return;
+    someip::Discovery_writer writer;
+    for (const auto& entry : message->entries) {
+      if (entry.type != someip::Entry_type::subscribe) continue;
+      auto answer = entry;
+      answer.type = someip::Entry_type::subscribe_ack;
+      if ((choice & 1U) != 0) answer.ttl = 0;
+      std::vector<someip::Option> options;
+      if ((choice & 6U) == 6U) {
+        options.push_back(someip::Option::multicast({fuzz::address(0xEFC04D50), 30510}));
+      }
+      static_cast<void>(writer.add(answer, options));
+    }
+    deliver(writer.message(++acknowledgements_, (choice & 8U) == 0), asked_->to,
+            {fuzz::address(fuzz::own_address), 30490});
+  }
+
+  void discovery(Input& input) {
+    const auto from = fuzz::any_peer(input);
+    const bool multicast = input.flag();
+    const auto bytes = peers_.message(input, from, multicast);
+    deliver(bytes, from, {fuzz::address(multicast ? 0xEFC04D4D : fuzz::own_address), 30490});
+  }
+
+  void messages(Input& input) {
+    const auto count = 1U + (input.u8() & 1U);
+    const auto from = fuzz::any_endpoint(input);
+    const auto to = port(input);
+    std::vector<std::byte> bytes;
+    for (unsigned i = 0; i < count; ++i) {
+      const auto message = fuzz::any_message(input);
+      bytes.insert(bytes.end(), message.begin(), message.end());
+    }
+    deliver(bytes, from, to);
+  }
+
+  void stream(Input& input) {
+    const auto choice = input.u8();
+    auto& network = Network::instance();
+    switch (choice % 6U) {
+      case 0:
+        network.connect(fuzz::any_endpoint(input), {fuzz::address(fuzz::own_address), 30501});
+        break;
+      case 1:
+        network.send(choice >> 5U, input.bytes(input.u8()));
+        break;
+      case 2:
+        network.end(choice >> 5U);
+        break;
+      case 3:
+        network.accept_connections((choice & 0x80U) != 0);
+        break;
+      case 4:
+        network.read_all();
+        break;
+      default:
+        network.send(choice >> 5U, fuzz::any_message(input));
+        break;
+    }
+    player_.settle();
+  }
+
+  void trouble(std::uint8_t choice) {
+    constexpr std::array<int, 6> errors{0, EAGAIN, ENETUNREACH, ECONNREFUSED, ENOBUFS, 0};
+    Network::instance().fail_sending(errors[choice % errors.size()]);
+  }
+
+  Endpoint port(Input& input) {
+    constexpr std::array<std::uint16_t, 5> ports{30501, 30503, 0, 30490, 30501};
+    const auto chosen = input.pick(ports);
+    return chosen == 0 ? client_port() : Endpoint{fuzz::address(fuzz::own_address), chosen};
+  }
+  /// The first that was given to a socket that did not ask for one.
+  static Endpoint client_port() { return {fuzz::address(fuzz::own_address), 40000}; }
+
+  void deliver(fuzz::Bytes bytes, const Endpoint& from, const Endpoint& to) {
+    Network::instance().deliver(bytes, from, to);
+  }
+
+  void look_at_sent() {
+    for (auto& datagram : Network::instance().take_sent()) {
+      require(datagram.bytes.size() <= someip::header_size + someip::max_datagram_payload,
+              "a datagram is not fragmented");
+      require(datagram.to.port != 0 && !datagram.to.address.is_unspecified(),
+              "a datagram goes somewhere");
+      const auto view = someip::Datagram_reader(datagram.bytes).next();
+      require(view && view->header.protocol == 1, "what is sent is SOME/IP");
+      if (view->header.service == someip::discovery_service) {
+        if (!datagram.to.address.is_multicast()) asked_ = std::move(datagram);
+      } else if (view->header.is(someip::Message_type::request)) {
+        requests_.emplace_back(view->header, datagram.to);
+        if (requests_.size() > 8) requests_.pop_front();
+      }
+    }
+  }
+
+  const someip::Deployment& deployment_;
+  const std::vector<someip::Service_deployment>& services_;
+  std::map<std::size_t, int> calls_;  ///< how often each has ended
+  std::map<Subscription_key, std::shared_ptr<bool>> subscribed_;
+  std::map<unsigned, std::shared_ptr<Search>> searches_;
+  fuzz::Discovery_source peers_;
+  std::deque<std::pair<Header, Endpoint>> requests_;
+  std::optional<Network::Datagram> asked_;  ///< the last message of discovery to a single peer
+  std::uint16_t acknowledgements_ = 0x7000;
+  Player player_;
+  someip::Node node_{deployment_, deployment_.nodes.front(), player_,
+                     [](someip::Log_level, const std::string&) {}};
+  std::vector<std::unique_ptr<tq::com::Provision>> provisions_;
+  std::vector<std::unique_ptr<tq::com::Connection>> connections_;
+};
+
+}  // namespace
+
+// Variant of the deployment, then steps.
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  Input input{data, size};
+  Network::instance().reset();
+  {
+    Application application(fuzz::deployment(!input.flag()));
+    for (int steps = 0; !input.empty() && steps < 200; ++steps)
+      application.step(input);
+    application.stop();
+  }
+  return 0;
+}
