@@ -68,14 +68,18 @@ Connection::Connection(std::shared_ptr<const Remote_instance> remote,
 
 Connection::~Connection() {
   decltype(subscriptions_) subscriptions;
+  decltype(ended_inside_) ended_inside;
   decltype(calls_) calls;
   {
     const std::lock_guard lock(mutex_);
+    ended_inside.swap(ended_inside_);
     subscriptions.swap(subscriptions_);
     calls.swap(calls_);
   }
   for (const auto& [name, subscription] : subscriptions)
     drop(subscription);
+  for (const auto& subscription : ended_inside)
+    subscription->close();
   node_.cancel_calls(this);
   // Responses that are already on their way to their handler find the call ended.
   for (const auto& call : calls)
@@ -89,6 +93,10 @@ Element_ids Connection::element(std::string_view name) const {
 
 void Connection::drop(const std::shared_ptr<Subscription>& subscription) {
   node_.unsubscribe(subscription);
+  if (subscription->running_here()) {
+    const std::lock_guard lock(mutex_);
+    ended_inside_.push_back(subscription);
+  }
   subscription->close();
 }
 

@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "mw/com/Strand.h"
 #include "platform/linux/com/gate.h"
@@ -42,6 +43,7 @@ class Subscription final : public someip::Event_sink,
   void subscription_changed(bool active) override;
   /// No handler runs any more when it returns (not waited for inside a handler).
   void close() { strand_.close(); }
+  [[nodiscard]] bool running_here() const { return strand_.running_in_this_thread(); }
 
  private:
   const std::size_t max_queued_;
@@ -90,6 +92,8 @@ class Connection final : public Consumer {
 
   std::mutex mutex_;  ///< guards the members below
   std::map<std::string, std::shared_ptr<Subscription>, std::less<>> subscriptions_;
+  /// Ended from within their handler, which the end of the connection still has to wait for.
+  std::vector<std::shared_ptr<Subscription>> ended_inside_;
   std::set<std::shared_ptr<Call>> calls_;
 };
 
