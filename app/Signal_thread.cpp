@@ -38,6 +38,6 @@ Signal_thread::Signal_thread(Handler handler) {
 
 Signal_thread::~Signal_thread() {
   ending_ = true;
-  pthread_kill(thread_.native_handle(), SIGTERM);
+  pthread_kill(thread_.native_handle(), SIGUSR1);
   thread_.join();
 }

@@ -10,7 +10,7 @@ using ara::per::KvsType;
 namespace {
 
 /// No storage holds more; a larger size entry is damaged and must not become an allocation.
-constexpr std::uint64_t kMaxBlobBytes = 16 * 1024 * 1024;
+constexpr std::uint64_t kMaxBlobBytes = std::uint64_t{16} << 20;
 
 }  // namespace
 

@@ -73,7 +73,7 @@ std::unique_ptr<ara::stm::ComponentClient> ara::stm::createComponentClient(
 namespace {
 
 class ComponentClientWrapperTest : public testing::Test {
- protected:
+ public:
   ComponentClientWrapperTest() {
     char pattern[] = "/tmp/component_test_XXXXXX";
     folder_ = mkdtemp(pattern);
@@ -85,6 +85,7 @@ class ComponentClientWrapperTest : public testing::Test {
   }
   ~ComponentClientWrapperTest() override { fs::remove_all(folder_); }
 
+ protected:
   void request(const std::string& state, std::uint32_t seqNum) {
     management_.handler(state, seqNum);
   }
@@ -191,19 +192,20 @@ TEST_F(ComponentClientWrapperTest, destruction_waits_for_a_preparation_at_most_f
 }
 
 TEST_F(ComponentClientWrapperTest, requests_from_several_threads_are_serialised) {
-  constexpr int kThreads = 4;
-  constexpr int kRequests = 250;
+  constexpr std::size_t kThreads = 4;
+  constexpr std::size_t kRequests = 250;
   const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
   std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread) {
+  threads.reserve(kThreads);
+  for (std::size_t thread = 0; thread < kThreads; ++thread) {
     threads.emplace_back([&, thread] {
-      for (int i = 0; i < kRequests; ++i)
+      for (std::size_t i = 0; i < kRequests; ++i)
         request((i + thread) % 2 == 0 ? "kPrepSD" : "kOn", 0);
     });
   }
   for (auto& thread : threads)
     thread.join();
-  EXPECT_EQ(management_.confirmations.size(), std::size_t{kThreads * kRequests});
+  EXPECT_EQ(management_.confirmations.size(), kThreads * kRequests);
   request("kOn", 0);
   EXPECT_TRUE(persistency_->isStoringAllowed());
 }

@@ -16,7 +16,7 @@ using ara::per::KvsType;
 using testing::ElementsAre;
 
 class SettingsTest : public testing::Test {
- protected:
+ public:
   SettingsTest() {
     char pattern[] = "/tmp/settings_test_XXXXXX";
     folder_ = mkdtemp(pattern);
@@ -25,6 +25,7 @@ class SettingsTest : public testing::Test {
   }
   ~SettingsTest() override { fs::remove_all(folder_); }
 
+ protected:
   /// Reads the settings from a store with these entries, written by an earlier process.
   Settings readWith(const std::vector<std::pair<std::string, KvsType>>& entries) {
     {

@@ -64,6 +64,7 @@ TEST_F(SignalThreadTest, a_storm_from_many_threads_is_handled_on_one_thread_and_
   constexpr int kRounds = 2000;
   const Signal_thread thread(handler);
   std::vector<std::thread> senders;
+  senders.reserve(kSignals.size());
   for (const int signal : kSignals) {
     senders.emplace_back([signal] {
       for (int round = 0; round < kRounds; ++round) {

@@ -45,13 +45,14 @@ Gnss sample(std::uint32_t type, std::uint32_t counter) {
 }
 
 class ApplicationTest : public testing::Test {
- protected:
+ public:
   ~ApplicationTest() override {
     if (result_.valid()) static_cast<void>(stop());
     application_.reset();
     fs::remove_all(folder_);
   }
 
+ protected:
   /// Runs the application with these settings until the end of the test.
   void run(const std::vector<std::pair<std::string, KvsType>>& settings) {
     prepare(settings);

@@ -17,7 +17,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ara::log::LogLevel;
-using ara::per::KeyValueStorage;
 using ara::per::KvsType;
 using testing::Contains;
 using testing::ElementsAre;
@@ -38,7 +37,7 @@ std::optional<Bytes> read(const Persistency& persistency, const std::string& key
 }
 
 class PersistencyTest : public testing::Test {
- protected:
+ public:
   PersistencyTest() {
     char pattern[] = "/tmp/persistency_test_XXXXXX";
     folder_ = mkdtemp(pattern);
@@ -48,6 +47,7 @@ class PersistencyTest : public testing::Test {
   }
   ~PersistencyTest() override { fs::remove_all(folder_); }
 
+ protected:
   [[nodiscard]] fs::path file() const { return folder_ / "store" / (std::string(kPort) + ".json"); }
   Persistency open() { return Persistency(kPort, logger_); }
 
