@@ -53,7 +53,12 @@ void Event_channel::notify(Bytes payload) {
 void Event_channel::set_targets(Targets targets, Targets fresh) {
   std::unique_lock lock(mutex_);
   targets_ = std::move(targets);
-  if (!fresh || !value_) return;
+  if (!fresh) return;
+  if (!value_) {
+    lock.unlock();
+    if (field_ && value_missing_) value_missing_(header_.method);
+    return;
+  }
   queue_.push_back({*value_, std::move(fresh), sessions_.next()});
   if (std::exchange(sending_, true)) return;
   drain(lock);

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -43,6 +44,12 @@ class Event_channel {
                 std::shared_ptr<Udp_port> udp,
                 Counters& counters);
 
+  /// Told the event's id when somebody subscribes to a field that has no value yet. Set it before
+  /// the offer.
+  void on_value_missing(std::function<void(std::uint16_t)> tell) {
+    value_missing_ = std::move(tell);
+  }
+
   /// To all present targets. A field's value is kept.
   void notify(Bytes payload);
   /// From the next notification on; `fresh` get the present value of a field now.
@@ -64,6 +71,7 @@ class Event_channel {
   const Transport transport_;
   const std::shared_ptr<Udp_port> udp_;
   Counters& counters_;
+  std::function<void(std::uint16_t)> value_missing_;  ///< fixed once the instance is offered
 
   mutable std::mutex mutex_;  ///< guards the members below; not held while sending
   bool sending_ = false;      ///< somebody sends and will take the queue along

@@ -138,6 +138,11 @@ Event_channel& Provided_instance::event(std::uint16_t id) {
   return *events_.at(id);
 }
 
+void Provided_instance::on_value_missing(const std::function<void(std::uint16_t)>& tell) {
+  for (auto& [id, channel] : events_)
+    channel->on_value_missing(tell);
+}
+
 std::vector<Event_channel*> Provided_instance::group(std::uint16_t event_group) {
   std::vector<Event_channel*> channels;
   const auto [begin, end] = groups_.equal_range(event_group);

@@ -7,6 +7,7 @@
 #include <optional>
 #include <thread>
 
+#include "ara/log/capture.h"
 #include "tests/com/test_network.h"
 
 namespace {
@@ -100,6 +101,19 @@ TEST(Runtime, a_field_gives_its_value_at_once_and_then_each_change) {
     server.provider->update_field(value, bytes(next));
   ASSERT_TRUE(client.received.wait_for("three"));
   EXPECT_THAT(client.received.all(), ElementsAre("one", "two", "three"));
+}
+
+TEST(Runtime, a_field_that_has_no_value_yet_is_missed_in_the_log) {
+  const ara::log::Capture log;
+  Server server;
+  server.provider->offer();
+  Client client;
+  client.connect();
+  client.subscribe("value");
+  EXPECT_TRUE(
+      log.WaitFor("Notify enabled but Update not called; Event_id= " + std::to_string(value)));
+  server.provider->update_field(value, bytes("first"));
+  EXPECT_TRUE(client.received.wait_for("first"));
 }
 
 TEST(Runtime, an_event_comes_only_when_it_happens) {

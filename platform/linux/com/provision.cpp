@@ -4,6 +4,7 @@
 #include <stdexcept>
 #include <utility>
 
+#include "mw/com/cpp_binding/log.h"
 #include "platform/linux/com/element_ids.h"
 
 namespace tq::com {
@@ -24,7 +25,9 @@ Provision::Provision(std::shared_ptr<someip::Provided_instance> instance,
     : instance_(std::move(instance)),
       node_(node),
       manifest_(std::move(manifest)),
-      gate_(std::make_shared<Gate>()) {}
+      gate_(std::make_shared<Gate>()) {
+  instance_->on_value_missing(&mw::com::cpp_binding::log_notify_without_value);
+}
 
 Provision::~Provision() {
   stop_offer();
