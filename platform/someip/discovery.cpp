@@ -166,9 +166,11 @@ void Discovery::on_time(Time now) {
 }
 
 void Discovery::settle(Time now) {
+  // A subscriber that has been acknowledged misses nothing that happens afterwards; its initial
+  // values follow the acknowledgement.
+  server_.deliver_subscribers();
   outbox_.flush(now);
-  // Initial values follow the acknowledgement.
-  server_.deliver_changes();
+  server_.deliver_initial_values();
 }
 
 Time Discovery::next_deadline() const {

@@ -201,16 +201,27 @@ void Discovery_server::connection_lost(const Endpoint& client) {
   });
 }
 
-void Discovery_server::deliver_changes() {
+void Discovery_server::deliver_subscribers() {
+  deliver(false);
+}
+
+void Discovery_server::deliver_initial_values() {
+  deliver(true);
+}
+
+void Discovery_server::deliver(bool initial_values) {
   for (auto& [key, local] : offers_) {
     for (auto& [group, state] : local.groups) {
-      if (!std::exchange(state.changed, false)) continue;
+      if (!state.changed) continue;
       std::vector<Subscriber> all, fresh;
       for (Subscription& subscription : state.subscriptions) {
         all.push_back(subscription.subscriber);
-        if (std::exchange(subscription.fresh, false)) fresh.push_back(subscription.subscriber);
+        if (initial_values && std::exchange(subscription.fresh, false)) {
+          fresh.push_back(subscription.subscriber);
+        }
       }
-      host_.subscribers_changed(key, group, all, fresh);
+      if (initial_values) state.changed = false;
+      if (!initial_values || !fresh.empty()) host_.subscribers_changed(key, group, all, fresh);
     }
   }
 }

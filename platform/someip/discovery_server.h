@@ -31,15 +31,15 @@ class Discovery_server_host {
   /// Has `client` an open TCP connection to the endpoint of the offer?
   [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) = 0;
   /// The subscribers of a group have changed. `fresh` are those of them that shall get the present
-  /// value of the fields. Called after the acknowledgement has been sent.
+  /// value of the fields: none before the acknowledgement has been sent.
   virtual void subscribers_changed(const Instance_key& key,
                                    std::uint16_t event_group,
                                    const std::vector<Subscriber>& all,
                                    const std::vector<Subscriber>& fresh) = 0;
 };
 
-/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it
-/// and then calls deliver_changes().
+/// Everything happens on one thread. Entries go to the outbox; whoever calls a member then calls
+/// deliver_subscribers(), flushes the outbox and calls deliver_initial_values().
 class Discovery_server {
  public:
   Discovery_server(const Discovery_timing& timing,
@@ -72,12 +72,14 @@ class Discovery_server {
   /// A client's TCP connection is gone, its subscriptions over it too.
   void connection_lost(const Endpoint& client);
 
-  void deliver_changes();
+  void deliver_subscribers();
+  void deliver_initial_values();
 
   void on_time(Time now);
   [[nodiscard]] Time next_deadline() const;
 
  private:
+  void deliver(bool initial_values);
   enum class Phase : std::uint8_t { initial_wait, repetition, main };
   struct Subscription {
     Subscriber subscriber;
