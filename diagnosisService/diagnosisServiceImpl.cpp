@@ -114,7 +114,8 @@ MapMatchedRecord mapMatchedRecord(const DT_positions_struct& position,
     const auto hundredths =
         std::min(mapInfo.preciseLocalTimeNanoseconds.value_or(0) / 10'000'000U, 99U);
     out.timeOfDay = unsignedBigEndian<3>((*seconds % secondsPerDay) * 100 + hundredths);
-    record.day = unsignedBigEndian<2>(*seconds / secondsPerDay);
+    const std::uint32_t day = *seconds / secondsPerDay;
+    record.day = unsignedBigEndian<2>(day);
     valid |= 8U;
   }
   out.state.validity = static_cast<std::uint8_t>(nibble(mapInfo.statusMap) << 4U | valid);
