@@ -1,0 +1,30 @@
+/// The whole application started and stopped again and again in one process: what a cycle leaves
+/// behind adds up and shows. `lifetime_host CYCLES` prints a line when a cycle begins and one when
+/// it has ended.
+#include <cstdlib>
+#include <filesystem>
+#include <iostream>
+
+#include "app/posMain.h"
+
+namespace {
+
+std::size_t count(const char* folder) {
+  std::size_t entries = 0;
+  for (const auto& entry : std::filesystem::directory_iterator{folder})
+    entries += entry.exists() ? 1U : 0U;
+  return entries;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const long cycles = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 1;
+  for (long cycle = 0; cycle < cycles; ++cycle) {
+    std::cout << "start " << cycle << std::endl;
+    const int code = posMain(argc, argv);
+    std::cout << "end " << cycle << " " << code << " " << count("/proc/self/fd") << " "
+              << count("/proc/self/task") << std::endl;
+  }
+  return 0;
+}
