@@ -1,80 +1,20 @@
 /// The road of a position without a network: a GNSS notification's payload goes in, the Positioning
 /// service's payload comes out. With the log off and on, by samples, subscribed satellites and
 /// members.
-///
-/// `bench_road --once N` runs N positions and nothing else, for callgrind.
 #include <benchmark/benchmark.h>
 
-#include <cstdlib>
-#include <cstring>
-#include <string_view>
+#include <cstdio>
+#include <string>
 
 #include "ara/log/logger.h"
-#include "bench/Quiet_runtime.h"
-#include "binding/codec.h"
-#include "clients/gnssClientImpl.h"
+#include "bench/Road.h"
 #include "clients/received_data_log.h"
-#include "diagnosisService/diagnosisServiceImpl.h"
-#include "posService/conversion.h"
-#include "posService/posServiceImpl.h"
 
 namespace {
 
-namespace gnss = lumo::services::gnss::datatypes;
-
-gnss::DT_positions_struct sample(std::uint32_t type) {
-  gnss::DT_positions_struct position;
-  binding::for_each_quantity<gnss::DT_positions_struct>([&](const auto& quantity) {
-    using Value = typename std::remove_cvref_t<decltype(quantity.value)>::value_type;
-    position.*quantity.value.pointer = static_cast<Value>(12.3456789 + quantity.value.id);
-    position.*quantity.quality.pointer = binding::Value_type::physical_value;
-  });
-  position.positionType = type;
-  position.messageCounter = 7;
-  return position;
-}
-
-binding::Buffer notification(std::size_t samples) {
-  std::vector<gnss::DT_positions_struct> positions;
-  for (std::size_t i = 0; i < samples; ++i)
-    positions.push_back(sample(i % 2 == 0 ? 1 : 2));
-  binding::Buffer payload;
-  binding::encode(positions, payload);
-  return payload;
-}
-
-/// The application's parts on that road, connected as it connects them.
-class Road {
- public:
-  explicit Road(bool log_received) {
-    gnss_.setRecievedGNSSDataLogging(log_received);
-    gnss_.setIgnoreGNSSTimestamps(true);
-    gnss_.setUseGNSSDR(true);
-    gnss_.setPositionCallback([this](const gnss::DT_positions_struct& position) {
-      ara::log::LogInfo() << "Sending "
-                          << "GNSS-DR"
-                          << " input position as POS output DR position.";
-      service_.sendDR(posService::toPositioning(position, {2, 1, 2, 2, 2, 1, 0}));
-      diagnosis_.dataReceived(0x83D104);
-      diagnosis_.dataReceived(0x83D101);
-    });
-    service_.setAlwaysSendAllValidPositions(true);
-    service_.setMmNewPositionCalculationIntervalMS(1000);
-    service_.init();
-    gnss_.init();
-    runtime_.find();
-  }
-  ~Road() { gnss_.stop(); }
-
-  void drive(const binding::Buffer& payload) { runtime_.notify("positions", payload); }
-  [[nodiscard]] std::uint64_t published() const { return runtime_.published(); }
-
- private:
-  Quiet_runtime runtime_;
-  diagnosisService::diagnosisServiceImpl diagnosis_;
-  posServiceImpl service_{diagnosis_};
-  gnssClient::gnssClientImpl gnss_;
-};
+using bench::notification;
+using bench::Road;
+using bench::sample;
 
 void set_log(ara::log::LogLevel level) {
   for (const char* context : {"POS", "GNSS", "PSRV"}) {
@@ -150,14 +90,6 @@ BENCHMARK(log_line_by_snprintf);
 int main(int argc, char** argv) {
   ara::log::InitLogging("POS", "benchmark", ara::log::LogLevel::kInfo, ara::log::LogMode::kRemote,
                         "");
-  if (argc == 3 && std::string_view{argv[1]} == "--once") {
-    set_log(ara::log::LogLevel::kOff);
-    Road road{true};
-    const auto payload = notification(2);
-    for (long i = std::strtol(argv[2], nullptr, 10); i > 0; --i)
-      road.drive(payload);
-    return 0;
-  }
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   return 0;
