@@ -1,0 +1,247 @@
+"""The devices under test: the application, and a host of test services made of the same runtime."""
+
+import copy
+import json
+import os
+import pathlib
+import selectors
+import signal
+import subprocess
+import time
+
+from network import PATIENCE
+
+BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
+SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
+APPLICATION = BUILD / "app/POS__ORVEL1_Sys_Adaptive_01_Exe"
+HOST = BUILD / "tests/conformance/conformance_host"
+
+TIMING = {
+    "initialDelayMinMs": 10, "initialDelayMaxMs": 30,
+    "repetitionsBaseDelayMs": 20, "repetitionsMax": 2,
+    "cyclicOfferDelayMs": 400,
+    "requestResponseDelayMinMs": 0, "requestResponseDelayMaxMs": 10,
+    "offerTtlS": 2, "subscribeTtlS": 2,
+}
+
+# Services of the host. "Vehicle" and its kin are provided by it, "Remote" and its kin are used by it.
+VEHICLE, STREAM, GROUP, CLOSED = 0x4001, 0x4002, 0x4003, 0x4004
+REMOTE, REMOTE_STREAM, REMOTE_GROUP, REMOTE_CLOSED = 0x5001, 0x5002, 0x5003, 0x5004
+MAJOR, MINOR = 2, 7
+ECHO, POKE, SIZE, MAKE, FAIL = 0x0001, 0x0002, 0x0003, 0x0004, 0x0005
+VALUE_GETTER, VALUE_SETTER, BIG_GETTER = 0x0010, 0x0011, 0x0012
+TICK, TOCK, VALUE, BIG = 0x8001, 0x8002, 0x8010, 0x8011
+TICK_GROUP, VALUE_GROUP, BIG_GROUP = 0x0001, 0x0010, 0x0011
+VEHICLE_PORT, SECOND_PORT, STREAM_PORT, GROUP_PORT, CLOSED_PORT = 30701, 30702, 30703, 30704, 30705
+MULTICAST_PORT = 30710
+CLIENT_PORT = 49201
+CLIENT_ID = 0x5A01
+SERVER_PORT = 30720  # and above: where the tester provides services
+
+
+def _elements(transport):
+    def with_transport(element):
+        return {**element, "transport": transport}
+    return {
+        "methods": {
+            "echo": with_transport({"id": ECHO}),
+            "poke": with_transport({"id": POKE, "fireAndForget": True}),
+            "size": with_transport({"id": SIZE}),
+            "make": with_transport({"id": MAKE}),
+            "fail": with_transport({"id": FAIL})},
+        "events": {
+            "tick": with_transport({"id": TICK, "eventGroup": TICK_GROUP}),
+            "tock": with_transport({"id": TOCK, "eventGroup": TICK_GROUP})},
+        "fields": {
+            "value": with_transport({"getter": VALUE_GETTER, "setter": VALUE_SETTER,
+                                     "notifier": VALUE, "eventGroup": VALUE_GROUP}),
+            "big": with_transport({"getter": BIG_GETTER, "notifier": BIG,
+                                   "eventGroup": BIG_GROUP})}}
+
+
+def host_manifest(network, allowed=(), threshold=2, **timing):
+    """`allowed` may talk to the service CLOSED and provide REMOTE_CLOSED."""
+    def service(id, transport="udp", instances=(), **more):
+        return {"id": id, "majorVersion": MAJOR, "minorVersion": MINOR, **_elements(transport),
+                "instances": list(instances), **more}
+
+    def instance(id, specifier, **ports):
+        return {"id": id, "specifier": specifier, "node": "host", **ports}
+
+    multicast = [
+        {"eventGroup": group, "address": f"239.195.{network.number}.{last}",
+         "port": MULTICAST_PORT, "threshold": wanted}
+        for group, last, wanted in ((TICK_GROUP, 1, 1), (VALUE_GROUP, 2, threshold),
+                                    (BIG_GROUP, 3, 0))]
+    allowed = list(allowed) or [network.address(250)]
+    return {
+        "nodes": {"host": {"address": network.address(1, 2), "prefixLength": 16,
+                           "clientId": CLIENT_ID, "clientPort": CLIENT_PORT,
+                           "requestTimeoutMs": 1000}},
+        "serviceDiscovery": {"multicastAddress": network.group, "port": network.discovery_port,
+                             **TIMING, **timing},
+        "services": {
+            "Vehicle": service(VEHICLE, instances=[
+                instance(1, "first", udpPort=VEHICLE_PORT),
+                instance(2, "second", udpPort=SECOND_PORT)]),
+            "Stream": service(STREAM, "tcp", [
+                instance(1, "stream", tcpPort=STREAM_PORT, udpPort=STREAM_PORT)]),
+            "Group": service(GROUP, instances=[
+                instance(1, "group", udpPort=GROUP_PORT, multicast=multicast)]),
+            "Closed": service(CLOSED, instances=[
+                instance(1, "closed", udpPort=CLOSED_PORT)], allowedPeers=allowed),
+            "Remote": service(REMOTE),
+            "RemoteStream": service(REMOTE_STREAM, "tcp"),
+            "RemoteGroup": service(REMOTE_GROUP),
+            "RemoteClosed": service(REMOTE_CLOSED, allowedPeers=allowed),
+        }}
+
+
+class Device:
+    def __init__(self, network, folder, program, address, manifest, arguments=(), environment=None):
+        self.network, self.address, self.manifest = network, address, manifest
+        network.under_test.add(address)
+        folder = pathlib.Path(folder)
+        number = len(list(folder.glob("manifest-*.json")))
+        manifest_path = folder / f"manifest-{number}.json"
+        manifest_path.write_text(json.dumps(manifest), encoding="utf-8")
+        self.log = folder / f"log-{number}"
+        with open(self.log, "wb") as errors:
+            self.process = subprocess.Popen(
+                [str(program), *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                stderr=errors, env={
+                    **os.environ,
+                    "POS_MANIFEST": str(manifest_path),
+                    "POS_STORAGE_DIR": str(folder / f"storage-{number}"),
+                    "POS_STATE_BUS": "none",
+                    "DLT_PIPE_DIR": str(folder),  # no daemon there: the log goes to standard error
+                    **(environment or {})})
+        self.started = time.time()
+        self.lines = []
+        self._rest = b""
+        os.set_blocking(self.process.stdout.fileno(), False)
+        network.watch(self.process.stdout, self._readable)
+        self._watched = True
+
+    def _readable(self):
+        data = os.read(self.process.stdout.fileno(), 1 << 20)
+        if not data:
+            self._unwatch()
+            return
+        *lines, self._rest = (self._rest + data).split(b"\n")
+        self.lines += [line.decode() for line in lines]
+
+    def _unwatch(self):
+        if self._watched:
+            self.network.unwatch(self.process.stdout)
+        self._watched = False
+
+    def stop(self):
+        """In good order; receives meanwhile what it says."""
+        self.process.send_signal(signal.SIGTERM)
+        self._ended()
+
+    def _ended(self):
+        self.network.wait(lambda: self.process.poll() is not None, f"end of {self.log}")
+        self.network.pump(0)
+
+    def kill(self):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        self._unwatch()
+        self.process.stdout.close()
+        self.process.stdin.close()
+
+    def pause(self):
+        self.process.send_signal(signal.SIGSTOP)
+
+    def go_on(self):
+        self.process.send_signal(signal.SIGCONT)
+
+    def __str__(self):
+        return self.log.read_text(errors="replace")[-3000:]
+
+
+class Host(Device):
+    """`folder` is where its manifest and log go; timing may differ from TIMING."""
+
+    def __init__(self, network, folder, manifest=None, **timing):
+        super().__init__(network, folder, HOST, network.address(1, 2),
+                         manifest or host_manifest(network, **timing), ["host"])
+        self.said("ready")
+
+    def do(self, command):
+        self.process.stdin.write(command.encode() + b"\n")
+        self.process.stdin.flush()
+
+    def said(self, start, since=0, seconds=PATIENCE):
+        """The first line from number `since` on that begins so."""
+        def look():
+            return next((line for line in self.lines[since:] if line.startswith(start)), None)
+        try:
+            return self.network.wait(look, f"line {start!r}", seconds)
+        except AssertionError as missing:
+            raise AssertionError(f"{missing}; the host said {self.lines[-8:]} {self}") from None
+
+    def count(self, counter):
+        since = len(self.lines)
+        self.do(f"count {counter}")
+        return int(self.said(f"count {counter}", since).split()[-1])
+
+    def stop(self):
+        self.process.stdin.close()
+        self._ended()
+
+    def udp(self, port=VEHICLE_PORT):
+        return (self.address, port)
+
+
+# The application's services
+POSITIONING, INPUTS, SYSTEM_STATUS, MONITOR, GNSS, TIME = (
+    0x2A20, 0x34A0, 0x34A3, 0x3D00, 0x2A10, 0x2A11)
+POSITIONING_PORT, IDENTIFIER_PORT, MONITOR_PORT = 30511, 30512, 30520
+POSITIONS, MAP_INFO = 0x8001, 0x8002
+POSITIONS_GROUP, MAP_INFO_GROUP = 0x0001, 0x0002
+READ = 0x0001
+NO_TEXTS = bytes(4)  # the parameter of Read: an empty map
+FIRST_MONITOR = 0xD100
+GNSS_MAJOR, POSITIONING_MAJOR, IDENTIFIER_MAJOR = 3, 3, 1
+APPLICATION_CLIENT = 0x0010
+
+
+def application_manifest(network, **timing):
+    manifest = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
+    manifest = copy.deepcopy(manifest)
+    manifest["nodes"]["POS"] |= {"prefixLength": 16, "clientId": APPLICATION_CLIENT}
+    manifest["serviceDiscovery"] = {
+        "multicastAddress": network.group, "port": network.discovery_port, **TIMING, **timing}
+    return manifest
+
+
+class Application(Device):
+    def __init__(self, network, folder, **timing):
+        address = network.address(1, 1)
+        super().__init__(network, folder, APPLICATION, address,
+                         application_manifest(network, **timing),
+                         environment={"POS_NODE_ADDRESS": address, "POS_LOG_LEVEL": "info",
+                                      "POS_INITDATA_DIR": str(SOURCE / "config")})
+
+        self.provided = {(int(service["id"], 16), int(instance["id"], 16))
+                         for service in self.manifest["services"].values()
+                         for instance in service["instances"] if instance["node"] == "POS"}
+
+    def running(self, peer):
+        """Waits until everything has been offered, as a peer that listened from the start sees it."""
+        self.network.wait(lambda: self.provided <= {(one.service, one.instance)
+                                                    for one in peer.multicast.entries},
+                          "start of the application")
+        return self
+
+    @property
+    def identifiers(self):
+        return (self.address, IDENTIFIER_PORT)
+
+    @property
+    def positioning(self):
+        return (self.address, POSITIONING_PORT)

@@ -1,0 +1,276 @@
+/// A process that provides and uses the services of its manifest as its standard input says, one
+/// command a line, and prints one line for everything that happens. The conformance tests put it on
+/// the other end of the wire where the application does not have what they look at.
+///
+///   offer SPECIFIER             stop SPECIFIER
+///   update SPECIFIER NOTIFIER HEX [COUNT]     a field's value, COUNT times with its number
+///   appended event SPECIFIER EVENT HEX find SERVICE                lose SERVICE subscribe SERVICE
+///   INSTANCE ELEMENT [CONSUMER]      unsubscribe the same call SERVICE INSTANCE METHOD HEX [COUNT]
+///   COUNT calls, one after the other send SERVICE INSTANCE METHOD HEX          without a response
+///   count NAME                  a counter of the runtime
+///
+/// A payload without bytes is written "-". The end of the input ends the process in good order.
+#include <algorithm>
+#include <cctype>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include "platform/linux/com/make_runtime.h"
+#include "platform/linux/com/manifest.h"
+#include "tq/com/runtime.h"
+
+namespace {
+
+using tq::com::Payload;
+using tq::com::Response;
+using tq::com::Return_code;
+using Bytes = std::vector<std::byte>;
+
+std::mutex output_mutex;  // guards standard output
+
+void print(const std::string& line) {
+  const std::lock_guard lock(output_mutex);
+  std::cout << line << '\n' << std::flush;
+}
+
+std::string hex(Payload payload) {
+  if (payload.empty()) return "-";
+  static constexpr char digits[] = "0123456789abcdef";
+  std::string text;
+  text.reserve(payload.size() * 2);
+  for (const std::byte byte : payload) {
+    text += digits[std::to_integer<unsigned>(byte) >> 4];
+    text += digits[std::to_integer<unsigned>(byte) & 0xF];
+  }
+  return text;
+}
+
+Bytes unhex(const std::string& text) {
+  Bytes bytes;
+  if (text == "-") return bytes;
+  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
+    bytes.push_back(static_cast<std::byte>(std::stoul(text.substr(i, 2), nullptr, 16)));
+  }
+  return bytes;
+}
+
+void append32(Bytes& bytes, std::uint32_t value) {
+  for (int shift = 24; shift >= 0; shift -= 8) {
+    bytes.push_back(static_cast<std::byte>((value >> shift) & 0xFF));
+  }
+}
+
+std::uint32_t number32(Payload payload) {
+  std::uint32_t value = 0;
+  for (const std::byte byte : payload.first(std::min<std::size_t>(payload.size(), 4))) {
+    value = (value << 8) | std::to_integer<std::uint32_t>(byte);
+  }
+  return value;
+}
+
+/// What the methods of the test services do, by name.
+Response run(const std::string& method, Payload arguments) {
+  Response response;
+  if (method == "echo") {
+    response.payload.assign(arguments.begin(), arguments.end());
+  } else if (method == "size") {
+    append32(response.payload, static_cast<std::uint32_t>(arguments.size()));
+  } else if (method == "make") {
+    response.payload.resize(number32(arguments));
+    for (std::size_t i = 0; i < response.payload.size(); ++i) {
+      response.payload[i] = static_cast<std::byte>(i % 251);
+    }
+  } else if (method == "fail") {
+    response.code = static_cast<Return_code>(number32(arguments));
+  } else {
+    print("request " + method + " " + hex(arguments));
+  }
+  return response;
+}
+
+class Host {
+ public:
+  Host(const someip::Deployment& deployment, const std::string& node)
+      : deployment_(deployment), runtime_(tq::com::make_runtime(deployment, node)) {}
+
+  void command(std::istringstream words) {
+    const auto word = [&] {
+      std::string text;
+      words >> text;
+      return text;
+    };
+    const auto number = [&] { return static_cast<std::uint16_t>(std::stoul(word(), nullptr, 0)); };
+    const std::string what = word();
+    if (what == "offer") {
+      provider(word()).offer();
+    } else if (what == "stop") {
+      provider(word()).stop_offer();
+    } else if (what == "update" || what == "event") {
+      tq::com::Provider& instance = provider(word());
+      const std::uint16_t id = *instance.element(word()).notifier;
+      const Bytes value = unhex(word());
+      std::uint32_t count = 0;
+      if (what == "event") {
+        instance.send_event(id, value);
+      } else if (!(words >> count)) {
+        instance.update_field(id, value);
+      }
+      for (std::uint32_t i = 0; i < count; ++i) {
+        Bytes numbered = value;
+        append32(numbered, i);
+        instance.update_field(id, numbered);
+      }
+    } else if (what == "find") {
+      const std::string service = word();
+      searches_[service] = runtime_->start_find_service(
+          service, std::nullopt,
+          [this, service](const std::vector<tq::com::Found_instance>& found) {
+            std::string line = "found " + service;
+            {
+              const std::lock_guard lock(found_mutex_);
+              for (const auto& one : found) {
+                found_.insert_or_assign({service, one.instance}, one);
+                line += " " + std::to_string(one.instance);
+              }
+            }
+            print(line);
+          });
+    } else if (what == "lose") {
+      runtime_->stop_find_service(searches_.at(word()));
+    } else if (what == "subscribe" || what == "unsubscribe") {
+      const std::string service = word();
+      const std::uint16_t instance = number();
+      const std::string element = word();
+      tq::com::Consumer& user = consumer(service, instance, word());
+      const std::string name = service + " " + std::to_string(instance) + " " + element;
+      if (what == "unsubscribe") {
+        user.unsubscribe(element);
+        return;
+      }
+      user.subscribe(
+          element, [name](Payload payload) { print("notification " + name + " " + hex(payload)); },
+          [name](bool on) { print("state " + name + (on ? " on" : " off")); });
+    } else if (what == "call" || what == "send") {
+      const std::string service = word();
+      tq::com::Consumer& user = consumer(service, number(), "");
+      const std::string name = word();
+      const std::uint16_t method = std::isdigit(static_cast<unsigned char>(name.front())) != 0
+                                       ? static_cast<std::uint16_t>(std::stoul(name, nullptr, 0))
+                                       : *user.element(name).method;
+      const Bytes arguments = unhex(word());
+      std::uint32_t count = 1;
+      words >> count;
+      if (what == "send") {
+        user.call_no_return(method, arguments);
+      } else {
+        call(user, method, arguments, count);
+      }
+    } else if (what == "count") {
+      const std::string name = word();
+      for (const auto& [known, value] : runtime_->counters()) {
+        if (known == name) print("count " + name + " " + std::to_string(value));
+      }
+    } else {
+      throw std::runtime_error("unknown command " + what);
+    }
+  }
+
+ private:
+  tq::com::Provider& provider(const std::string& specifier) {
+    auto& present = providers_[specifier];
+    if (present) return *present;
+    for (const auto& service : deployment_.services) {
+      if (std::ranges::none_of(service.instances, [&](const auto& instance) {
+            return instance.specifier == specifier;
+          })) {
+        continue;
+      }
+      present = runtime_->provide(service.name, specifier);
+      for (const auto& method : service.methods) {
+        present->set_method_handler(
+            method.id, [name = method.name](Payload arguments) { return run(name, arguments); });
+      }
+      for (const auto& field : service.fields) {
+        if (!field.setter) continue;
+        present->set_method_handler(
+            *field.setter, [&instance = *present, notifier = field.notifier](Payload arguments) {
+              // What a field takes has seven bits.
+              Bytes value(arguments.begin(), arguments.end());
+              for (std::byte& byte : value)
+                byte &= std::byte{0x7F};
+              if (notifier) instance.update_field(*notifier, value);
+              return Response{Return_code::ok, std::move(value)};
+            });
+      }
+      return *present;
+    }
+    throw std::runtime_error("no instance " + specifier);
+  }
+
+  tq::com::Consumer& consumer(const std::string& service,
+                              std::uint16_t instance,
+                              const std::string& name) {
+    auto& present = consumers_[{service, instance, name}];
+    if (!present) {
+      tq::com::Found_instance found;
+      {
+        const std::lock_guard lock(found_mutex_);
+        found = found_.at({service, instance});
+      }
+      present = runtime_->connect(found);
+    }
+    return *present;
+  }
+
+  void call(tq::com::Consumer& user, std::uint16_t method, Bytes arguments, std::uint32_t count) {
+    user.call(method, arguments,
+              [this, &user, method, arguments, count](Return_code code, Payload payload) {
+                if (count > 1) {
+                  call(user, method, arguments, count - 1);
+                } else {
+                  char head[32];
+                  std::snprintf(head, sizeof head, "response 0x%02x ", static_cast<unsigned>(code));
+                  print(head + hex(payload));
+                }
+              });
+  }
+
+  const someip::Deployment& deployment_;
+  std::mutex found_mutex_;  ///< guards found_
+  std::map<std::pair<std::string, std::uint16_t>, tq::com::Found_instance> found_;
+  std::unique_ptr<tq::com::Runtime> runtime_;
+  std::map<std::string, tq::com::Find_token> searches_;
+  std::map<std::string, std::unique_ptr<tq::com::Provider>> providers_;
+  std::map<std::tuple<std::string, std::uint16_t, std::string>, std::unique_ptr<tq::com::Consumer>>
+      consumers_;
+};
+
+}  // namespace
+
+int main(int count, char** arguments) try {
+  const std::string node = count > 1 ? arguments[1] : "host";
+  const someip::Deployment deployment = tq::com::load_deployment(node);
+  Host host(deployment, node);
+  print("ready");
+  for (std::string line; std::getline(std::cin, line);) {
+    try {
+      host.command(std::istringstream(line));
+    } catch (const std::exception& error) {
+      print("error " + line + ": " + error.what());
+    }
+  }
+  return 0;
+} catch (const std::exception& error) {
+  std::cerr << error.what() << '\n';
+  return 1;
+}

@@ -1,0 +1,526 @@
+"""A loopback network of the test's own: peers made of plain sockets and scapy, and one loop that
+receives for all of them. Whatever the device under test sends to a peer is kept and can be written as
+a capture."""
+
+import errno
+import os
+import selectors
+import socket
+import struct
+import tempfile
+import time
+
+os.environ.setdefault("XDG_CONFIG_HOME", tempfile.gettempdir())  # scapy leaves a folder there
+
+from scapy.contrib.automotive.someip import SD, SOMEIP
+from scapy.contrib.automotive.someip import SDEntry_EventGroup, SDEntry_Service
+from scapy.contrib.automotive.someip import SDOption_IP4_EndPoint, SDOption_IP4_Multicast
+from scapy.layers.inet import IP, TCP, UDP
+
+PATIENCE = float(os.environ.get("POS_PATIENCE", 10))  # seconds; for what must come
+SO_TIMESTAMPNS = 35
+FIND, OFFER, SUBSCRIBE, ACKNOWLEDGE = 0x00, 0x01, 0x06, 0x07
+REQUEST, REQUEST_NO_RETURN, NOTIFICATION, RESPONSE, ERROR = 0x00, 0x01, 0x02, 0x80, 0x81
+TP = 0x20
+UDP_PROTOCOL, TCP_PROTOCOL = 0x11, 0x06
+ANY_INSTANCE, ANY_MAJOR, ANY_MINOR = 0xFFFF, 0xFF, 0xFFFFFFFF
+ENDLESS = 0xFFFFFF
+REBOOT, UNICAST, EXPLICIT = 0x80, 0x40, 0x20
+
+
+class Missing(AssertionError):
+    """What a test waits for did not come."""
+
+
+class Message:
+    """One SOME/IP message as it came: header fields by name, payload, and what the packet says."""
+
+    def __init__(self, raw, time, source, at):
+        self.raw, self.time, self.source, self.at = raw, time, source, at
+        (self.service, self.method, self.length, self.client, self.session, self.protocol,
+         self.interface, self.type, self.code) = struct.unpack("!HHIHHBBBB", raw[:16])
+        self.payload = raw[16:]
+
+    @property
+    def is_discovery(self):
+        return (self.service, self.method) == (0xFFFF, 0x8100)
+
+    def scapy(self):
+        return SOMEIP(self.raw)
+
+    def __repr__(self):
+        return (f"<{self.service:04x}.{self.method:04x} type {self.type:02x} code {self.code:02x} "
+                f"client {self.client:04x} session {self.session:04x} from {self.source} at {self.at} "
+                f"{self.payload[:24].hex()}>")
+
+
+class Entry:
+    """One entry of a discovery message, with the options that it refers to."""
+
+    def __init__(self, message, sd, entry):
+        self.message, self.time, self.raw = message, message.time, entry
+        self.type, self.ttl, self.service, self.instance = (
+            entry.type, entry.ttl, entry.srv_id, entry.inst_id)
+        self.major = entry.major_ver
+        self.minor = getattr(entry, "minor_ver", None)
+        self.group = getattr(entry, "eventgroup_id", None)
+        self.counter = getattr(entry, "cnt", None)
+        self.flags = getattr(entry, "res", None)
+        self.multicast = message.at.multicast
+        runs = ((entry.index_1, entry.n_opt_1), (entry.index_2, entry.n_opt_2))
+        self.options = [option for index, count in runs
+                        for option in sd.option_array[index:index + count]]
+
+    @property
+    def initial_data(self):
+        return bool(self.flags & 0x008)
+
+    @property
+    def endpoints(self):
+        """(address, port, protocol) each."""
+        return [(option.addr, option.port, option.l4_proto) for option in self.options
+                if option.type in (0x04, 0x14)]
+
+    def __repr__(self):
+        return (f"<entry {self.type:02x} {self.service:04x}.{self.instance:04x} v{self.major} "
+                f"group {self.group} ttl {self.ttl} {self.endpoints}>")
+
+
+def messages_of(datagram):
+    """Cuts a datagram into its messages; the rest that makes none comes last."""
+    at = 0
+    while at < len(datagram):
+        end = len(datagram)
+        if end - at >= 16:
+            end = at + 8 + struct.unpack_from("!I", datagram, at + 4)[0]
+        yield datagram[at:end]
+        at = max(end, at + 16)
+
+
+class Network:
+    """`base` chooses the addresses: 127.N.x.y with the first free N from there on, so that the same
+    test may run twice at a time on one machine."""
+
+    def __init__(self, base):
+        self.number, self._claim = self._reserve(base)
+        self.discovery_port = 30690
+        self.group = f"239.194.{self.number}.77"
+        self.under_test = set()  # addresses of devices under test
+        self.seen = []  # messages of devices under test, in the order of their arrival
+        self.raw = []  # (time, source, at, bytes) of everything they sent
+        self.selector = selectors.DefaultSelector()
+        self._next_peer = 0
+
+    @staticmethod
+    def _reserve(base):
+        for number in range(base, base + 120, 10):
+            claim = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+            try:
+                claim.bind((f"127.{number}.255.1", 30690))
+                return number, claim
+            except OSError as error:
+                claim.close()
+                if error.errno != errno.EADDRINUSE:
+                    raise
+        raise RuntimeError("no network is free")
+
+    def address(self, host, net=0):
+        return f"127.{self.number}.{net}.{host}"
+
+    def close(self):
+        for key in list(self.selector.get_map().values()):
+            key.fileobj.close()
+        self.selector.close()
+        self._claim.close()
+
+    # Receiving
+
+    def watch(self, source, on_readable):
+        self.selector.register(source, selectors.EVENT_READ, on_readable)
+
+    def unwatch(self, source):
+        self.selector.unregister(source)
+
+    def pump(self, seconds):
+        """Receives what is there, waiting at most so long for the first of it."""
+        for key, _ in self.selector.select(max(0, seconds)):
+            key.data()
+
+    def wait(self, condition, what, seconds=PATIENCE):
+        """The first result of `condition` that counts as true."""
+        end = time.monotonic() + seconds
+        while True:
+            self.pump(0)
+            result = condition()
+            if result:
+                return result
+            left = end - time.monotonic()
+            if left <= 0:
+                raise Missing(f"within {seconds:g} s there was no {what}; last: {self.seen[-6:]}")
+            # Processes and files that a condition looks at wake nobody.
+            self.pump(min(left, 0.02))
+
+    def quiet(self, seconds):
+        """Receives for so long: for what must not come."""
+        end = time.monotonic() + seconds
+        while (left := end - time.monotonic()) > 0:
+            self.pump(left)
+
+    def take(self, data, at, source, when):
+        if source[0] not in self.under_test:
+            return
+        self.raw.append((when, source, at, data))
+        for part in messages_of(data):
+            if len(part) >= 16:
+                message = Message(part, when, source, at)
+                self.seen.append(message)
+                at.messages.append(message)
+                if message.is_discovery:
+                    at.entries_of(message)
+
+    # Peers
+
+    def peer(self, **options):
+        self._next_peer += 1
+        return Peer(self, self.address(self._next_peer % 250 + 1, 100 + self._next_peer // 250),
+                    **options)
+
+    def write_capture(self, path):
+        """What the devices under test sent, one packet each."""
+        sequences = {}
+        with open(path, "wb") as file:
+            file.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 18, 101))
+            for when, source, at, data in self.raw:
+                ip = IP(src=source[0], dst=at.destination[0])
+                ports = {"sport": source[1], "dport": at.destination[1]}
+                if isinstance(at, Stream):
+                    sequence = sequences.get(id(at), 1)
+                    sequences[id(at)] = sequence + len(data)
+                    packet = bytes(ip / TCP(**ports, flags="PA", ack=1, seq=sequence) / data)
+                else:
+                    packet = bytes(ip / UDP(**ports) / data)
+                file.write(struct.pack("=IIII", int(when), int(when % 1 * 1e6), len(packet),
+                                       len(packet)) + packet)
+
+
+class Channel:
+    """Something that receives."""
+
+    multicast = False
+
+    def __init__(self, network):
+        self.network, self.messages, self.entries, self.discovery = network, [], [], []
+
+    def __repr__(self):
+        return "%s:%s" % self.destination
+
+    def entries_of(self, message):
+        sd = message.scapy()[SD]
+        self.discovery.append((message, sd))
+        self.entries += [Entry(message, sd, entry) for entry in sd.entry_array]
+
+    def wait(self, condition, what="message", since=0, seconds=PATIENCE):
+        """The first message from index `since` on that fulfils the condition."""
+        return self.network.wait(
+            lambda: next((one for one in self.messages[since:] if condition(one)), None), what,
+            seconds)
+
+
+class Socket(Channel):
+    """A UDP socket. `group` (address, port): what comes there, else what comes to `address`."""
+
+    def __init__(self, network, address, port=0, group=None):
+        super().__init__(network)
+        self.multicast = group is not None
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.socket.setblocking(False)
+        self.socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+        interface = socket.inet_aton(address)
+        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, interface)
+        if group:
+            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            self.socket.bind(group)
+            self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                                   socket.inet_aton(group[0]) + interface)
+        else:
+            self.socket.bind((address, port))
+        self.destination = self.address = self.socket.getsockname()
+        network.watch(self.socket, self._readable)
+
+    @property
+    def port(self):
+        return self.address[1]
+
+    def _readable(self):
+        for _ in range(256):
+            try:
+                data, ancillary, _, source = self.socket.recvmsg(65536, 64)
+            except BlockingIOError:
+                return
+            except ConnectionRefusedError:
+                continue
+            seconds, nanoseconds = struct.unpack("qq", ancillary[0][2][:16])
+            self.network.take(data, self, source, seconds + nanoseconds * 1e-9)
+
+    def send(self, data, to):
+        self.socket.sendto(bytes(data), to)
+
+    def close(self):
+        self.network.unwatch(self.socket)
+        self.socket.close()
+
+
+class Stream(Channel):
+    """A TCP connection with a device under test."""
+
+    def __init__(self, network, connection):
+        super().__init__(network)
+        self.socket = connection
+        self.socket.setblocking(False)
+        self.source = connection.getpeername()
+        self.destination = self.address = connection.getsockname()
+        self.ended = False
+        self.pieces = []  # what came, as it came
+        self.buffer = b""
+        network.watch(connection, self._readable)
+
+    def _readable(self):
+        try:
+            data = self.socket.recv(1 << 20)
+        except BlockingIOError:
+            return
+        except OSError:
+            data = b""
+        now = time.time()
+        if not data:
+            self.ended = True
+            self.network.unwatch(self.socket)
+            return
+        self.pieces.append((now, data))
+        self.network.raw.append((now, self.source, self, data))
+        self.buffer += data
+        while len(self.buffer) >= 16:
+            size = 8 + struct.unpack_from("!I", self.buffer, 4)[0]
+            if size > len(self.buffer):
+                return
+            message = Message(self.buffer[:size], now, self.source, self)
+            self.messages.append(message)
+            self.network.seen.append(message)
+            self.buffer = self.buffer[size:]
+
+    def send(self, data):
+        self.socket.setblocking(True)
+        self.socket.sendall(bytes(data))
+        self.socket.setblocking(False)
+
+    def close(self):
+        if not self.ended:
+            self.network.unwatch(self.socket)
+        self.ended = True
+        self.socket.close()
+
+
+class Listener:
+    """A TCP port that devices under test connect to."""
+
+    def __init__(self, network, address, port):
+        self.network, self.connections = network, []
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        self.socket.bind((address, port))
+        self.socket.listen()
+        self.address = self.socket.getsockname()
+        network.watch(self.socket, self._readable)
+
+    def _readable(self):
+        connection, _ = self.socket.accept()
+        self.connections.append(Stream(self.network, connection))
+
+    def close(self):
+        self.network.unwatch(self.socket)
+        self.socket.close()
+        for connection in self.connections:
+            connection.close()
+
+
+def someip(service, method, payload=b"", *, client=0x0101, session=1, interface=1, type=REQUEST,
+           code=0, protocol=1, length=None):
+    packet = SOMEIP(srv_id=service, client_id=client, session_id=session, iface_ver=interface,
+                    msg_type=type, retcode=code, proto_ver=protocol, len=length)
+    packet.sub_id = method >> 15
+    if method >> 15:
+        packet.event_id = method & 0x7FFF
+    else:
+        packet.method_id = method
+    return bytes(packet / payload if payload else packet)
+
+
+def segments(message, size, *, offsets=None):
+    """The segments of a message (bytes), each with its own header."""
+    header, payload = message[:16], message[16:]
+    result = []
+    for at in range(0, len(payload), size):
+        part = payload[at:at + size]
+        packet = SOMEIP(header)
+        packet.msg_type |= TP
+        packet.len = 12 + len(part)
+        packet.offset = (at if offsets is None else offsets[len(result)]) // 16
+        packet.more_seg = int(at + size < len(payload))
+        result.append(bytes(packet) + part)
+    return result
+
+
+def discovery(entries, options=(), *, session=1, flags=REBOOT | UNICAST, reserved=0, **header):
+    """A discovery message as bytes."""
+    sd = SD(flags=flags, res=reserved)
+    sd.set_entryArray(list(entries))
+    sd.set_optionArray(list(options))
+    packet = SOMEIP(srv_id=0xFFFF, sub_id=1, event_id=0x100, client_id=0, session_id=session,
+                    iface_ver=1, msg_type=NOTIFICATION)
+    for name, value in header.items():
+        setattr(packet, name, value)
+    return bytes(packet / sd)
+
+
+def endpoint(address, port=None, protocol=UDP_PROTOCOL, **fields):
+    """An endpoint option of a socket, or of address and port."""
+    if port is None:
+        address, port = address.address
+    return SDOption_IP4_EndPoint(addr=address, port=port, l4_proto=protocol, **fields)
+
+
+def find(service, instance=ANY_INSTANCE, major=ANY_MAJOR, minor=ANY_MINOR, ttl=3, **fields):
+    return SDEntry_Service(type=FIND, srv_id=service, inst_id=instance, major_ver=major, ttl=ttl,
+                           minor_ver=minor, **fields)
+
+
+def offer(service, instance, major=1, minor=0, ttl=3, options=(0, 1), **fields):
+    """`options` is the first run: index and number."""
+    return SDEntry_Service(type=OFFER, srv_id=service, inst_id=instance, major_ver=major, ttl=ttl,
+                           minor_ver=minor, index_1=options[0], n_opt_1=options[1], **fields)
+
+
+def subscribe(service, instance, group, major=1, ttl=3, options=(0, 1), initial=True, counter=0,
+              **fields):
+    fields.setdefault("res", 0x008 if initial else 0)
+    return SDEntry_EventGroup(type=SUBSCRIBE, srv_id=service, inst_id=instance, major_ver=major,
+                              ttl=ttl, eventgroup_id=group, index_1=options[0], n_opt_1=options[1],
+                              cnt=counter, **fields)
+
+
+def acknowledge(entry, ttl=None, options=(0, 0)):
+    """The answer to an entry that a device under test sent; `ttl` 0 refuses."""
+    return SDEntry_EventGroup(type=ACKNOWLEDGE, srv_id=entry.service, inst_id=entry.instance,
+                              major_ver=entry.major, ttl=entry.ttl if ttl is None else ttl,
+                              eventgroup_id=entry.group, res=entry.flags, cnt=entry.counter,
+                              index_1=options[0], n_opt_1=options[1])
+
+
+class Peer:
+    """Another node of the network, with service discovery of its own."""
+
+    def __init__(self, network, address, flags=REBOOT | UNICAST, listen=True):
+        self.network, self.address, self.flags = network, address, flags
+        self.unicast = Socket(network, address, network.discovery_port)
+        self.multicast = None
+        self.parts = [self.unicast]
+        if listen:
+            self.multicast = Socket(network, address, group=(network.group, network.discovery_port))
+            self.parts.append(self.multicast)
+        self.sessions = {}
+
+    def socket(self, port=0):
+        made = Socket(self.network, self.address, port)
+        self.parts.append(made)
+        return made
+
+    def listener(self, port):
+        made = Listener(self.network, self.address, port)
+        self.parts.append(made)
+        return made
+
+    def connect(self, to):
+        connection = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
+        connection.bind((self.address, 0))
+        connection.settimeout(PATIENCE)
+        connection.connect(to)
+        made = Stream(self.network, connection)
+        self.parts.append(made)
+        return made
+
+    def close(self):
+        for part in reversed(self.parts):
+            part.close()
+        self.parts.clear()
+
+    def restart(self):
+        """From now on the peer speaks as after its start."""
+        self.sessions.clear()
+
+    def tell(self, entries, options=(), to=None, **fields):
+        """Sends entries in one message, to an address or to all."""
+        entries = entries if isinstance(entries, (list, tuple)) else [entries]
+        session = fields.pop("session", None)
+        if session is None:
+            session = self.sessions[to] = self.sessions.get(to, 0) % 0xFFFF + 1
+        fields.setdefault("flags", self.flags)
+        data = discovery(entries, options, session=session, **fields)
+        self.unicast.send(data, (to or self.network.group, self.network.discovery_port))
+        return data
+
+    # What came
+
+    def entries(self, type=None, service=None, **fields):
+        """The entries that came, by unicast and multicast, in order of time."""
+        channels = [self.unicast] + ([self.multicast] if self.multicast else [])
+        found = [entry for channel in channels for entry in channel.entries
+                 if type in (None, entry.type) and service in (None, entry.service)
+                 and all(getattr(entry, name) == value for name, value in fields.items())]
+        return sorted(found, key=lambda entry: entry.time)
+
+    def entry(self, type=None, service=None, after=0, seconds=PATIENCE, count=1, **fields):
+        """Waits for the entry number `count` of those that came later than `after` (a time)."""
+        def look():
+            found = [one for one in self.entries(type, service, **fields) if one.time > after]
+            return found[count - 1] if len(found) >= count else None
+        wanted = {"type": type, "service": service, **fields}
+        return self.network.wait(look, f"entry {wanted}", seconds)
+
+    def call(self, to, service, method, payload=b"", *, via=None, client=0x0101, session=None,
+             seconds=PATIENCE, **fields):
+        """Sends a request and returns the response."""
+        via = via or self.caller()
+        if session is None:
+            session = self.sessions["calls"] = self.sessions.get("calls", 0) % 0xFFFF + 1
+        since = len(via.messages)
+        request = someip(service, method, payload, client=client, session=session, **fields)
+        via.send(request, *([] if isinstance(via, Stream) else [to]))
+        return via.wait(
+            lambda one: (one.client, one.session) == (client, session) and one.type & 0x80,
+            f"response to {service:04x}.{method:04x}", since, seconds)
+
+    def caller(self):
+        if not hasattr(self, "_caller"):
+            self._caller = self.socket()
+        return self._caller
+
+    def subscribed(self, to, service, instance, group, via, **fields):
+        """Subscribes and returns the acknowledgement."""
+        start = time.time()
+        self.tell(subscribe(service, instance, group, **fields), [endpoint(via)], to=to)
+        answer = self.entry(ACKNOWLEDGE, service, instance=instance, group=group, after=start)
+        self.known(to, service)
+        return answer
+
+    def known(self, to, service):
+        """What was told to the offerer of a service before is in force. The answer of its discovery to
+        one thing may leave a moment before that."""
+        start = time.time()
+        self.tell(find(service), to=to)
+        self.entry(OFFER, service, after=start, multicast=False)
+
+
+def milliseconds(entries):
+    """The times between neighbours."""
+    return [(b.time - a.time) * 1000 for a, b in zip(entries, entries[1:])]
