@@ -20,6 +20,8 @@ class posApplication {
   /// Reads the settings; starts nothing but the connection to state management. The middleware's
   /// runtime must exist and outlive this object.
   explicit posApplication(Persistency persistency);
+  /// Also after an exception out of run() no position reaches a part that is gone already.
+  ~posApplication();
   posApplication(const posApplication&) = delete;
   posApplication& operator=(const posApplication&) = delete;
 
