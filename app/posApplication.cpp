@@ -42,6 +42,10 @@ posApplication::posApplication(Persistency persistency)
   componentClient_.emplace(&persistency_, [] { return true; });
 }
 
+posApplication::~posApplication() {
+  gnssClient_.stop();
+}
+
 int posApplication::run() {
   const ara::exec::ApplicationClient executionClient;
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
