@@ -1,14 +1,7 @@
 // What the data identifiers answer and the monitors exchange, as the other side reads it.
-#include "diagnosisService/DataIdentifiers.h"
-#include "diagnosisService/DiagnosticMonitor.h"
-#include "fuzz/codec_promises.h"
+#include "fuzz/payload_types.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  using namespace lumo::services::diag;
-  fuzz::Codec_types<PositioningStatusInputs, PositioningStatusOutputs, PositioningMMPos,
-                    PositioningStatusSystem, BDPSomeipDataBusServiceNotAvailable,
-                    BDPSomeipDataBusServiceErrorValueReceived, BDPSomeipDataBusServiceImplausible,
-                    mw::dm::dem::InitMonitorReason, mw::dm::dem::MonitorActionType>::check(data,
-                                                                                           size);
+  fuzz::Diagnostic_types::check(data, size);
   return 0;
 }

@@ -109,7 +109,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   }
 
   void receive(fuzz::Bytes bytes, Input& input) {
-    discovery_.received(fuzz::Exact{bytes}, fuzz::any_endpoint(input), input.flag(), now_);
+    const auto from = fuzz::any_endpoint(input);
+    discovery_.received(fuzz::Exact{bytes}, from, input.flag(), now_);
   }
 
   void offer(std::uint8_t choice) {
@@ -203,7 +204,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   }
 
   // Discovery_server_host
-  bool has_connection(const someip::Offer&, const Endpoint& client) const override {
+  bool has_connection(const someip::Offer&, const Endpoint& client) override {
     return ((host_ >> (client.port % 3U)) & 1U) == 0;
   }
   void subscribers_changed(const Instance_key& key,
@@ -252,6 +253,9 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   bool initial_value_missing(const Instance_key&, std::uint16_t) const override {
     return (host_ & 8U) != 0;
   }
+  void doubt_connection(const Endpoint& server) override {
+    require(server.port != 0, "a connection that is doubted is one");
+  }
   Endpoint udp_endpoint() const override { return {fuzz::address(fuzz::own_address), 40001}; }
   std::optional<Endpoint> tcp_endpoint(const Endpoint&) override {
     if ((host_ & 16U) != 0) return std::nullopt;
@@ -276,7 +280,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
 // Variant, answers of the node, steps.
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   Input input{data, size};
-  World world(fuzz::deployment(!input.flag()), input.u8());
+  const auto& deployment = fuzz::deployment(!input.flag());
+  World world(deployment, input.u8());
   for (int steps = 0; !input.empty() && steps < 200; ++steps)
     world.step(input);
   world.stop();

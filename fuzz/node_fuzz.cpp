@@ -1,5 +1,6 @@
 // The whole runtime of a process, without threads and real sockets: proxies' connections, provided
 // instances and the node under them, against peers that send whatever they like in whatever order.
+#include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 #include <cerrno>
@@ -73,15 +74,13 @@ class Player final : public someip::Workers {
   /// Runs `work`, which waits for the control thread, beside it.
   template <class Work>
   void beside(Work&& work) {
-    std::atomic<bool> done{false};
+    control_.restart();
+    const auto guard = boost::asio::make_work_guard(control_);
     std::thread thread([&] {
       work();
-      done = true;
+      control_.stop();
     });
-    while (!done) {
-      control_.restart();
-      if (control_.poll_one() == 0) std::this_thread::yield();
-    }
+    control_.run();
     thread.join();
   }
   [[nodiscard]] bool idle() const { return posted_.empty() && readers_.empty(); }
@@ -162,7 +161,7 @@ class Application {
         trouble(input.u8());
         break;
       case 11:
-        deliver(input.bytes(input.u8()), fuzz::any_endpoint(input), port(input));
+        anything(input);
         break;
       case 12:
       case 13:
@@ -331,6 +330,12 @@ class Application {
     const bool multicast = input.flag();
     const auto bytes = peers_.message(input, from, multicast);
     deliver(bytes, from, {fuzz::address(multicast ? 0xEFC04D4D : fuzz::own_address), 30490});
+  }
+
+  void anything(Input& input) {
+    const auto bytes = input.bytes(input.u8());
+    const auto from = fuzz::any_endpoint(input);
+    deliver(bytes, from, port(input));
   }
 
   void messages(Input& input) {

@@ -35,7 +35,8 @@ void whole_train(fuzz::Input& input, Reassembler& reassembler, Reassembler::Time
   header.method = input.u16();
   header.session = input.u16();
   header.type = 0x02;
-  const auto payload = pattern(input.u16() % most_bytes, input.u8());
+  const std::size_t size = input.u16() % most_bytes;
+  const auto payload = pattern(size, input.u8());
   const someip::Endpoint peer{boost::asio::ip::address_v4(0x7F4D0101), 30501};
   if (payload.empty()) return;
   auto result = Reassembler::Result::incomplete;
@@ -73,8 +74,10 @@ void any_segment(fuzz::Input& input, Reassembler& reassembler, Reassembler::Time
   header.code = (choice & 0x80U) != 0 ? input.u8() : 0;
   const someip::Endpoint peer{boost::asio::ip::address_v4(0x7F4D0102 + ((choice >> 5U) & 3U)),
                               static_cast<std::uint16_t>(30501 + (choice & 1U))};
-  const std::uint32_t word = (std::uint32_t{input.u16()} << 4U) | (input.u8() & 0x0FU);
-  auto body = pattern(input.u8() * 16U + (input.flag() ? input.u8() & 0x0FU : 0), choice);
+  const std::uint32_t place = input.u16();  // in units of 16 bytes
+  const std::uint32_t word = place << 4U | (input.u8() & 0x0FU);
+  const std::size_t size = input.u8() * 16U;
+  const auto body = pattern(size + (input.flag() ? 8U : 0U), choice);
   std::vector<std::byte> payload(someip::segment_header_size);
   someip::store32(payload.data(), word);
   payload.insert(payload.end(), body.begin(), body.end());

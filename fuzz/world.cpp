@@ -77,6 +77,10 @@ class Writer {
     u16(static_cast<std::uint16_t>(value >> 16U));
     u16(static_cast<std::uint16_t>(value));
   }
+  void u24(std::uint32_t value) {
+    u8(static_cast<std::uint8_t>(value >> 16U));
+    u16(static_cast<std::uint16_t>(value));
+  }
   void bytes(Bytes bytes) { bytes_.insert(bytes_.end(), bytes.begin(), bytes.end()); }
   [[nodiscard]] std::vector<std::byte>& all() { return bytes_; }
 
@@ -107,7 +111,8 @@ void add_entry(Input& input, Writer& out) {
   out.u8(static_cast<std::uint8_t>(((runs >> 2U) & 3U) << 4U | (runs >> 6U)));
   out.u16(input.usual_or_any(services));
   out.u16(input.usual_or_any(instances));
-  out.u32(std::uint32_t{any_major(input)} << 24U | any_ttl(input));
+  out.u8(any_major(input));
+  out.u24(any_ttl(input));
   if (type == 6 || type == 7) {
     constexpr std::array<std::uint16_t, 6> usual_flags{0, 0x80, 1, 0x81, 0x0F, 0xFF80};
     out.u16(input.usual_or_any(usual_flags));
@@ -243,7 +248,10 @@ std::vector<std::byte> any_message(Input& input) {
   if (rare >= 0xF0) header.code = input.u8();
   if (rare == 0xEF) header.protocol = input.u8();
   Writer payload;
-  if (header.segmented()) payload.u32(std::uint32_t{input.u8()} << 7U | (input.u8() & 1U));
+  if (header.segmented()) {
+    const auto offset = input.u8();
+    payload.u32(std::uint32_t{offset} << 7U | (input.u8() & 1U));
+  }
   std::size_t size = input.u8();
   if (header.segmented()) size *= 16;
   payload.all().resize(payload.all().size() + size, std::byte{0x5A});

@@ -1,4 +1,4 @@
-/// The record types of the services, in the order by which the first byte of an input names them.
+/// The types whose codecs are fuzzed, in the order by which the first byte of an input names them.
 #pragma once
 
 #include <array>
@@ -9,6 +9,8 @@
 
 #include "clients/GnssRecords.h"
 #include "clients/TimeRecords.h"
+#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/DiagnosticMonitor.h"
 #include "fuzz/codec_promises.h"
 #include "posService/PositioningRecords.h"
 
@@ -68,5 +70,19 @@ using Record_types =
                 lumo::services::time::datatypes::DT_timeSettings_struct,
                 Everything,
                 std::vector<Everything>>;
+
+using String_types =
+    Codec_types<lumo::services::diag::MetaInfo, std::string, std::vector<std::string>>;
+
+using Diagnostic_types =
+    Codec_types<lumo::services::diag::PositioningStatusInputs,
+                lumo::services::diag::PositioningStatusOutputs,
+                lumo::services::diag::PositioningMMPos,
+                lumo::services::diag::PositioningStatusSystem,
+                lumo::services::diag::BDPSomeipDataBusServiceNotAvailable,
+                lumo::services::diag::BDPSomeipDataBusServiceErrorValueReceived,
+                lumo::services::diag::BDPSomeipDataBusServiceImplausible,
+                mw::dm::dem::InitMonitorReason,
+                mw::dm::dem::MonitorActionType>;
 
 }  // namespace fuzz
