@@ -261,6 +261,13 @@ TEST_F(Diagnosis, data_before_init_is_not_data) {
   EXPECT_EQ(service->status(gnss), kInit);
 }
 
+TEST_F(Diagnosis, inputs_are_not_evaluated_before_the_sensor_setup_is_known) {
+  service->init(hour_ms);
+  service->dataReceived(gnss, start);
+  service->evaluate(start);
+  EXPECT_EQ(service->status(gnss), kInit);
+}
+
 TEST_F(Diagnosis, an_output_follows_its_system_function_before_its_own_data) {
   struct {
     std::size_t system;
@@ -545,12 +552,12 @@ TEST_F(Diagnosis, the_end_waits_for_an_event_that_is_being_sent) {
     may_go_on.get_future().wait();
   };
   run_with_gnss();
-  std::thread event_manager{[&] { init_monitor("POS_Input_GNSS", 1); }};
+  std::thread sender{[&] { service->sendResult(gnss); }};
   in_send.get_future().wait();
   auto ended = std::async(std::launch::async, [&] { service = nullptr; });
   EXPECT_EQ(ended.wait_for(50ms), std::future_status::timeout);
   may_go_on.set_value();
-  event_manager.join();
+  sender.join();
   EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
 }
 
