@@ -7,6 +7,7 @@
 #include <utility>
 #include <vector>
 
+#include "app/StatisticsSkelImpl.h"
 #include "ara/exec/application_client.h"
 #include "ara/log/logger.h"
 #include "clients/timeutils.h"
@@ -60,11 +61,13 @@ int posApplication::run() {
   diagnosisService_.newSensorSetup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
+  auto statistics = offerStatistics();
 
   while (!shutdown_)
     sleepResumed(kShutdownPoll);
 
   stop();
+  statistics.reset();
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kTerminating);
   return 0;
 }

@@ -17,6 +17,7 @@ import threading
 import time
 
 FIRST_POSITION_TIMEOUT = 20.0
+STATUS_TIMEOUT = 5.0
 END_TIMEOUT = 15.0
 
 
@@ -109,6 +110,20 @@ class Consumer:
             return self.changed.wait_for(condition, max(0.0, deadline - time.monotonic()))
 
 
+def read_status(posctl, as_json):
+    """The application's own account of its state, and what went wrong, or None."""
+    answer = subprocess.run(
+        [posctl, "status", "--timeout", f"{STATUS_TIMEOUT:g}", *(["--json"] if as_json else [])],
+        stdin=subprocess.DEVNULL,
+        capture_output=True,
+        text=True,
+        timeout=STATUS_TIMEOUT + END_TIMEOUT,
+        check=False,
+        start_new_session=True,
+    )
+    return answer.stdout, answer.stderr.strip() if answer.returncode != 0 else None
+
+
 def percentile(values, part):
     """Nearest rank."""
     if not values:
@@ -146,7 +161,7 @@ def main():
         storage = cleanup.enter_context(tempfile.TemporaryDirectory(prefix="pos-run-"))
         # Whatever happens here, nothing is left running.
         cleanup.callback(lambda: [program.kill() for program in started])
-        start(
+        application = start(
             "application",
             [options.build / "app" / "POS__ORVEL1_Sys_Adaptive_01_Exe"],
             environment={
@@ -154,12 +169,9 @@ def main():
                 "POS_INITDATA_DIR": os.environ.get("POS_INITDATA_DIR", str(pathlib.Path("config").resolve())),
             },
         )
-        posctl = start(
-            "posctl",
-            [options.build / "tools/posctl/posctl", "watch", "--json"],
-            stdout=subprocess.PIPE,
-        )
-        consumer = Consumer(posctl.process.stdout, options.json)
+        posctl = options.build / "tools/posctl/posctl"
+        watch = start("posctl", [posctl, "watch", "--json"], stdout=subprocess.PIPE)
+        consumer = Consumer(watch.process.stdout, options.json)
         statistics_path = logs / "gnss-gateway.json"
         with open(statistics_path, "wb") as statistics_file:
             gateway = start(
@@ -184,6 +196,10 @@ def main():
         ended = first_to_end()
         if ended is not None and (ended is not gateway or ended.process.returncode != 0):
             problems.append(f"{ended.name} ended by itself")
+        status = ""
+        if not application.ended():
+            status, problem = read_status(posctl, options.json)
+            problems.append(problem)
         problems.append(gateway.stop())
         try:
             sent = json.loads(statistics_path.read_text(encoding="utf-8"))["notifications"]
@@ -215,9 +231,12 @@ def main():
         "problems": problems,
     }
     if options.json:
+        if status:
+            print(json.dumps({"status": json.loads(status)}))
         print(json.dumps(summary), flush=True)
     else:
         print(
+            f"\n{status}"
             f"\n{summary['gnssNotificationsIn']} GNSS notifications in"
             f" ({summary['beforeSubscription'] or 0} of them before the application had subscribed),"
             f"\n{summary['positionsOut']} positions and {summary['posMapInfosOut']} map-matched records out,"

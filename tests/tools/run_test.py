@@ -26,8 +26,9 @@ class Run(unittest.TestCase):
         with Desk(69) as desk:
             run = self.start(desk, "--seconds", "2", "--json", "--", "--rate", "50")
             output, errors = run.communicate(timeout=60)
-            summary = json.loads(output.splitlines()[-1])
+            *_, status, summary = map(json.loads, output.splitlines())
             self.assertEqual((run.returncode, errors, summary["problems"]), (0, "", []))
+            self.assertIn("LAT", status["status"]["position"]["record"])
             self.assertGreater(summary["positionsOut"], 50)
             self.assertEqual(
                 summary["positionsOut"] + summary["beforeSubscription"], summary["gnssNotificationsIn"]
@@ -43,6 +44,8 @@ class Run(unittest.TestCase):
             run.send_signal(signal.SIGINT)
             output, errors = run.communicate(timeout=60)
             self.assertEqual((run.returncode, errors), (0, ""))
+            self.assertRegex(output, r"\n\nProcess\n  uptime +\d")
+            self.assertRegex(output, r"\n  gnss +(Init|Nominal) ")
             self.assertRegex(output, r"GNSS notifications in .*\n.*positions and .* out, 0 lost;")
 
     def test_a_program_that_fails_is_named(self):

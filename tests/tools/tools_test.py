@@ -2,11 +2,13 @@
 
 import json
 import pathlib
+import re
 import signal
 import subprocess
+import time
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
 
 
 class Alone(unittest.TestCase):
@@ -44,6 +46,19 @@ class Alone(unittest.TestCase):
             code, output, errors = desk.run(POSCTL, "watch", "--count", 1, "--timeout", 0.3)
             self.assertEqual((code, output), (1, ""))
             self.assertIn("posctl: after 0.3 s: no Positioning service was offered", errors)
+
+    def test_status_and_stats_say_that_nobody_answers(self):
+        with Desk(74) as desk:
+            code, output, errors = desk.run(POSCTL, "status", "--timeout", 0.3)
+            self.assertEqual((code, output), (1, ""))
+            self.assertIn(
+                "posctl: the application does not answer: "
+                "no instance of lumo::services::positioning::Positioning is offered\n",
+                errors,
+            )
+            code, output, errors = desk.run(POSCTL, "stats", "--timeout", 0.3)
+            self.assertEqual((code, output), (1, ""))
+            self.assertIn("posctl: no instance of mw::com::runtime::Statistics is offered\n", errors)
 
     def test_wrong_arguments_are_named(self):
         with Desk(64) as desk:
@@ -112,6 +127,93 @@ class Together(unittest.TestCase):
             ):
                 until(lambda: line in application.log.read_text(), line)
             self.assertEqual(desk.stop(gateway)[0], 0)
+            self.assertEqual(desk.stop(application)[0], 0)
+
+    def test_every_counter_of_the_application_is_told(self):
+        with Desk(75) as desk:
+            started = time.monotonic()
+            application = desk.start(APPLICATION)
+            code, output, _ = desk.run(POSCTL, "stats", "--json", "--timeout", 20)
+            self.assertEqual(code, 0)
+            first = json.loads(output)
+            table = (SOURCE / "platform/someip/counters.h").read_text(encoding="utf-8")
+            self.assertEqual(list(first["counters"]), re.findall(r'Counter_name\{"(\w+)"', table))
+            self.assertGreater(first["counters"]["discoverySent"], 0)
+
+            second = json.loads(desk.run(POSCTL, "stats", "--json")[1])
+            age = 1000 * (time.monotonic() - started)
+            # Two requests each time; the answer to the last is not counted in itself.
+            self.assertEqual(second["counters"]["requestsReceived"], first["counters"]["requestsReceived"] + 2)
+            self.assertEqual(second["counters"]["responsesSent"], first["counters"]["responsesSent"] + 2)
+            self.assertGreater(second["process"]["uptimeMs"], first["process"]["uptimeMs"])
+            self.assertLessEqual(second["process"]["uptimeMs"], age + 20)  # the kernel counts in ticks
+
+            kernel = pathlib.Path(f"/proc/{application.pid}/status").read_text(encoding="ascii")
+            resident = 1024 * int(re.search(r"VmRSS:\s+(\d+) kB", kernel)[1])
+            self.assertAlmostEqual(second["process"]["residentBytes"], resident, delta=0.1 * resident)
+            self.assertEqual(second["process"]["threads"], int(re.search(r"Threads:\s+(\d+)", kernel)[1]))
+
+            code, text, _ = desk.run(POSCTL, "stats")
+            self.assertEqual(code, 0)
+            self.assertRegex(text, r"uptime +\d+\.\d s +resident memory +\d+\.\d MiB\n")
+            self.assertRegex(text, r"tcpAccepted +0 +tcpConnected +0\n")
+            self.assertEqual(desk.stop(application)[0], 0)
+
+    def test_one_page_tells_the_whole_state(self):
+        with Desk(76) as desk:
+            application = desk.start(APPLICATION)
+            code, output, _ = desk.run(POSCTL, "status", "--json", "--timeout", 20)
+            self.assertEqual(code, 0)
+            quiet = json.loads(output)
+            self.assertNotIn("LAT", quiet["position"]["record"])
+            self.assertIsNone(quiet["mapMatched"]["latitude"])
+            self.assertEqual(quiet["inputs"]["gnss"], "Init")
+
+            gateway = desk.start(GATEWAY, "--rate", 20)
+            moving = until(
+                lambda: (told := json.loads(desk.run(POSCTL, "status", "--json")[1]))["inputs"]["gnss"]
+                == "Nominal"
+                and told,
+                "the GNSS input is nominal",
+            )
+            self.assertAlmostEqual(moving["position"]["record"]["LAT"], 46.948, delta=0.1)
+            self.assertTrue(0 <= moving["position"]["ageS"] < 5, moving["position"]["ageS"])
+            self.assertTrue(0 <= moving["mapInfo"]["ageS"] < 10, moving["mapInfo"]["ageS"])
+            self.assertEqual(moving["mapInfo"]["record"]["positionSource"], 4)
+            self.assertAlmostEqual(moving["mapMatched"]["latitude"], 46.948, delta=0.1)
+            self.assertEqual(moving["mapMatched"]["positionSource"], 4)
+            self.assertEqual(moving["inputs"]["odometry"], "NotAvailable")
+            self.assertEqual(moving["outputs"]["deadReckoning"], "Nominal")
+            self.assertEqual(moving["system"]["mapMatching"], "NotAvailable")
+            self.assertEqual(list(moving["dataBus"]), ["notAvailable", "errorValueReceived", "implausible"])
+            self.assertGreater(moving["counters"]["notificationsReceived"], 0)
+            self.assertNotIn(0, moving["counters"].values())
+
+            code, page, _ = desk.run(POSCTL, "status")
+            self.assertEqual(code, 0)
+            for line in (
+                r"^Position, \d\.\d{3} s old$",
+                r"^  latitude +46\.\d{7} deg$",
+                r" time of day +\d\d:\d\d:\d\d\.\d\d$",
+                r"^  gnss +Nominal +odometry +NotAvailable$",
+                r"^  lbl +Init +mapMatching +NotAvailable$",
+                r"^  datagramsReceived +\d+ ",
+            ):
+                self.assertRegex(page, re.compile(line, re.MULTILINE))
+            self.assertLessEqual(max(map(len, page.splitlines())), 80)
+            self.assertEqual(desk.stop(gateway)[0], 0)
+            self.assertEqual(desk.stop(application)[0], 0)
+
+    def test_a_vehicle_may_leave_the_statistics_out(self):
+        with Desk(77) as desk:
+            del desk.manifest["services"]["mw::com::runtime::Statistics"]
+            pathlib.Path(desk.environment["POS_MANIFEST"]).write_text(json.dumps(desk.manifest))
+            application = desk.start(APPLICATION)
+            self.assertEqual(desk.run(POSCTL, "watch", "--count", 2, "--timeout", 20)[0], 0)
+            for command in ("stats", "status"):
+                code, _, errors = desk.run(POSCTL, command)
+                self.assertEqual(code, 1)
+                self.assertIn('services: "mw::com::runtime::Statistics" is not deployed', errors)
             self.assertEqual(desk.stop(application)[0], 0)
 
     def test_a_component_state_is_asked_for_over_the_bus(self):

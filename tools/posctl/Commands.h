@@ -56,4 +56,14 @@ struct State_options {
 /// Asks for a component state, as state management does; 1 when it is refused.
 int request_state(const State_options& options);
 
+struct Look_options {
+  bool json = false;
+  double timeout = 5;  ///< seconds
+  std::string node = "posctl";
+};
+/// Prints every counter of the application's runtime, its memory, threads and uptime.
+int stats(const Look_options& options);
+/// Prints all that the application tells about itself on one page. 1 when it does not answer.
+int status(const Look_options& options);
+
 }  // namespace posctl

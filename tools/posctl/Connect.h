@@ -20,29 +20,50 @@ using Deadline = std::chrono::steady_clock::time_point;
              std::chrono::duration<double>(seconds));
 }
 
+/// The search for one instance of a service. Several at once take no longer than one.
+template <class Proxy>
+class Search {
+ public:
+  /// For the first instance that is found, or for one.
+  explicit Search(std::string_view service, std::optional<std::uint16_t> instance = std::nullopt)
+      : service_{service}, future_{found_->get_future()} {
+    search_ = Proxy::StartFindService(
+        [found = found_, taken = false](const auto& handles, auto) mutable {
+          if (taken || handles.empty()) return;
+          taken = true;
+          found->set_value(handles.front());
+        },
+        instance);
+  }
+  ~Search() { Proxy::StopFindService(search_); }
+  Search(const Search&) = delete;
+  Search& operator=(const Search&) = delete;
+
+  /// Once. Throws std::runtime_error when no instance is offered in time.
+  [[nodiscard]] std::unique_ptr<Proxy> proxy(Deadline deadline) {
+    if (future_.wait_until(deadline) != std::future_status::ready) {
+      throw std::runtime_error("no instance of " + std::string(service_) + " is offered");
+    }
+    return std::make_unique<Proxy>(future_.get());
+  }
+
+ private:
+  using Handle = typename Proxy::HandleType;
+
+  const std::string_view service_;
+  /// Shared with the search's handler.
+  const std::shared_ptr<std::promise<Handle>> found_ = std::make_shared<std::promise<Handle>>();
+  std::future<Handle> future_;
+  ara::com::FindServiceHandle search_{};
+};
+
 /// A proxy of the first instance that is found, or of one. Throws std::runtime_error when none is
 /// offered in time.
 template <class Proxy>
 [[nodiscard]] std::unique_ptr<Proxy> connect(std::string_view service,
                                              Deadline deadline,
                                              std::optional<std::uint16_t> instance = std::nullopt) {
-  using Handle = typename Proxy::HandleType;
-  // The search may still be delivering when the wait is over.
-  auto found = std::make_shared<std::promise<Handle>>();
-  auto future = found->get_future();
-  const auto search = Proxy::StartFindService(
-      [found, taken = false](const auto& handles, auto) mutable {
-        if (taken || handles.empty()) return;
-        taken = true;
-        found->set_value(handles.front());
-      },
-      instance);
-  const bool in_time = future.wait_until(deadline) == std::future_status::ready;
-  Proxy::StopFindService(search);
-  if (!in_time) {
-    throw std::runtime_error("no instance of " + std::string(service) + " is offered");
-  }
-  return std::make_unique<Proxy>(future.get());
+  return Search<Proxy>(service, instance).proxy(deadline);
 }
 
 /// The result of a method call. Throws std::runtime_error when none comes in time, and

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "app/Statistics.h"
 #include "clients/GNSS.h"
 #include "clients/Time.h"
 #include "diagnosisService/DataIdentifiers.h"
@@ -49,6 +50,7 @@ class Catalogue {
     add<diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>();
     add<diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>();
     add<mw::dm::dem::DiagnosticMonitor>();
+    add<mw::com::runtime::Statistics>();
   }
 
   /// Empty for an element that the code does not know.

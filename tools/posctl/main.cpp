@@ -26,6 +26,12 @@ void add_stream_options(CLI::App& command, Options& options) {
   add_node(command, options.node);
 }
 
+void add_look_options(CLI::App& command, posctl::Look_options& options) {
+  command.add_flag("--json", options.json, "As a JSON object");
+  add_answer_timeout(command, options.timeout);
+  add_node(command, options.node);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) try {
@@ -77,6 +83,15 @@ int main(int argc, char** argv) try {
       ->capture_default_str();
   add_answer_timeout(*state_command, state.timeout);
 
+  posctl::Look_options stats;
+  auto* stats_command =
+      app.add_subcommand("stats", "Print the application's counters, memory and threads");
+  add_look_options(*stats_command, stats);
+
+  posctl::Look_options status;
+  auto* status_command = app.add_subcommand("status", "Print the application's state on one page");
+  add_look_options(*status_command, status);
+
   CLI11_PARSE(app, argc, argv);
   if (watch_command->parsed()) return posctl::watch(watch);
   if (describe_command->parsed()) return posctl::describe_deployment(describe_as_json);
@@ -84,6 +99,8 @@ int main(int argc, char** argv) try {
   if (monitors_command->parsed()) return posctl::monitors(monitors);
   if (init_monitor_command->parsed()) return posctl::init_monitor(init_monitor);
   if (state_command->parsed()) return posctl::request_state(state);
+  if (stats_command->parsed()) return posctl::stats(stats);
+  if (status_command->parsed()) return posctl::status(status);
   return 0;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "posctl: %s\n", error.what());

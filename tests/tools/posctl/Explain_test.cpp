@@ -1,0 +1,80 @@
+#include "tools/posctl/Explain.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+namespace {
+
+using namespace lumo::services::diag;
+using posctl::explain;
+using posctl::Json;
+
+TEST(Explain, a_map_matched_position_in_degrees_metres_and_seconds) {
+  PositioningMMPos position;
+  position.latitude = {0x0b, 0x35, 0x32, 0xad, 0xd0};
+  position.longitude = {0xfd, 0x4e, 0x02, 0x5d, 0xa0};
+  position.altitude = {0xff, 0xff, 0x38};
+  position.timeOfDay = {0x7a, 0x12, 0x19};
+  position.state = {.validity = 0x3f, .matching = 0x42};
+  EXPECT_EQ(explain(position), Json({{"latitude", 48.137154},
+                                     {"longitude", -11.576124},
+                                     {"altitude", -2.0},
+                                     {"timeOfDay", 80000.25},
+                                     {"statusMap", 3},
+                                     {"statusMapMatching", 2},
+                                     {"positionSource", 4}}));
+}
+
+TEST(Explain, what_is_not_valid_is_null) {
+  PositioningMMPos position;
+  position.latitude = {0, 0, 0, 0, 1};
+  position.state.validity = 0b1001;
+  const auto json = explain(position);
+  EXPECT_EQ(json["latitude"], 1e-9);
+  EXPECT_TRUE(json["longitude"].is_null());
+  EXPECT_TRUE(json["altitude"].is_null());
+  EXPECT_EQ(json["timeOfDay"], 0);
+}
+
+TEST(Explain, the_system_status_is_14_bytes_in_order) {
+  PositioningStatusSystem system;
+  system.overall = 1;
+  system.lbl = 2;
+  system.system6And7 = 0x0607;
+  system.system10And11 = 0x0a0b;
+  system.mapMatchingAnd13 = 0x0301;
+  const auto json = explain(system);
+  EXPECT_EQ(json.size(), 14U);
+  EXPECT_EQ(json["overall"], 1);
+  EXPECT_EQ(json["lbl"], 2);
+  EXPECT_EQ(json["system6"], 6);
+  EXPECT_EQ(json["system7"], 7);
+  EXPECT_EQ(json["system10"], 10);
+  EXPECT_EQ(json["system11"], 11);
+  EXPECT_EQ(json["mapMatching"], 3);
+  EXPECT_EQ(json["system13"], 1);
+}
+
+TEST(Explain, faults_of_consumed_services_by_name) {
+  const BDPSomeipDataBusServiceNotAvailable faults{
+      .entries = {1, 0, 1, 0x01, 0x02, 1, 3, 0, 0, 1, 2, 1, 1, 0, 2, 2, 9, 1, 0, 1, 7, 1, 0, 0, 1}};
+  const auto told = explain(faults)["faults"];
+  ASSERT_EQ(told.size(), 5U);
+  EXPECT_EQ(told[0], Json({{"service", "GNSS"}, {"present", true}, {"occurrences", 258}}));
+  std::vector<std::string> texts;
+  for (const auto& fault : told)
+    texts.push_back(posctl::fault_text(fault));
+  EXPECT_THAT(
+      texts, testing::ElementsAre("GNSS: present, 258 times", "GNSS.posGnssSatInfos: gone, 1 times",
+                                  "Time.times: present, 2 times", "Time.9: present, 1 times",
+                                  "7.1: gone, 1 times"));
+}
+
+TEST(Explain, half_a_fault_is_an_error) {
+  const BDPSomeipDataBusServiceImplausible faults{.entries = {1, 0, 1}};
+  EXPECT_THROW(static_cast<void>(explain(faults)), std::runtime_error);
+}
+
+}  // namespace
