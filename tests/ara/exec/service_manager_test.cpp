@@ -26,7 +26,7 @@ using exec::ApplicationState;
 using ::testing::HasSubstr;
 
 class ServiceManager : public ::testing::Test {
- protected:
+ public:
   ServiceManager() {
     std::string name = (std::filesystem::temp_directory_path() / "pos-notify-XXXXXX").string();
     folder_ = ::mkdtemp(name.data());
@@ -45,6 +45,7 @@ class ServiceManager : public ::testing::Test {
     std::filesystem::remove_all(folder_);
   }
 
+ protected:
   /// The next datagram, or "nothing".
   std::string Received() const {
     pollfd ready{socket_, POLLIN, 0};

@@ -80,6 +80,7 @@ int main() {
         stream << i;
     } else if (command == "threads") {
       std::vector<std::thread> threads;
+      threads.reserve(4);
       for (int thread = 0; thread < 4; ++thread) {
         threads.emplace_back([thread] {
           const Logger& logger = CreateLogger("THR" + std::to_string(thread), "thread");

@@ -92,6 +92,7 @@ TEST(Logging, threads_may_share_a_logger_and_create_contexts_meanwhile) {
   const Logger& logger = CreateLogger("THRD", "threads");
   Capture capture;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int thread = 0; thread < 4; ++thread) {
     threads.emplace_back([&logger, thread] {
       for (int i = 0; i < 500; ++i)

@@ -36,7 +36,7 @@ std::string TextOf(Call call) {
 }
 
 class KeyValueStorageTest : public ::testing::Test {
- protected:
+ public:
   KeyValueStorageTest() {
     std::string name = (fs::temp_directory_path() / "pos-per-XXXXXX").string();
     root_ = ::mkdtemp(name.data());
@@ -48,6 +48,7 @@ class KeyValueStorageTest : public ::testing::Test {
   }
   ~KeyValueStorageTest() override { fs::remove_all(root_); }
 
+ protected:
   static std::string Read(const fs::path& path) {
     std::ostringstream text;
     text << std::ifstream(path, std::ios::binary).rdbuf();

@@ -37,6 +37,7 @@ constexpr auto kDeadline = 10s;
 
 pid_t Spawn(std::vector<std::string> words, int standard_output) {
   std::vector<char*> arguments;
+  arguments.reserve(words.size() + 1);
   for (auto& word : words)
     arguments.push_back(word.data());
   arguments.push_back(nullptr);
