@@ -19,11 +19,12 @@ from scapy.contrib.automotive.someip import (
 
 HOST = pathlib.Path(os.environ["POS_BUILD_DIR"]) / "tests/diagnosisService/diagnosis_host"
 MANIFEST = pathlib.Path(os.environ["POS_SOURCE_DIR"]) / "config/manifest.json"
-NODE = "127.51.0.10"
-TESTER = "127.51.0.20"
-# Apart from every other test's network.
+# A network apart from every other test's, and from this test's in another checkout.
+PART = os.getpid() % 250 + 1
+NODE = f"127.51.{PART}.10"
+TESTER = f"127.51.{PART}.20"
+MULTICAST = f"239.192.51.{PART}"
 DISCOVERY = 30451
-MULTICAST = "239.192.51.77"
 
 REQUEST, RESPONSE, ERROR, NOTIFICATION = 0x00, 0x80, 0x81, 0x02
 E_OK, E_UNKNOWN_METHOD, E_MALFORMED_MESSAGE = 0x00, 0x03, 0x09
