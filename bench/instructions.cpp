@@ -7,6 +7,7 @@
 #include <string>
 
 #include "bench/Road.h"
+#include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 
 namespace {
@@ -48,9 +49,12 @@ void satellites(long count) {
   decode_again(std::vector<DT_posGnssSatInfos_struct>(60, satellite), count);
 }
 void road(long count) {
-  for (const char* context : {"POS", "GNSS", "PSRV"}) {
+  for (const char* context : {"POS", "GNSS", "PSRV", "TRCE"}) {
     ara::log::CreateLogger(context, "").SetLevel(ara::log::LogLevel::kOff);
   }
+  // As in the application: the trace is there, and off.
+  binding::Platform_trace_logger logger{ara::log::CreateLogger("TRCE", "")};
+  const binding::Trace_records trace{logger};
   bench::Road road{true};
   const auto payload = bench::notification(2);
   for (; count > 0; --count)

@@ -50,7 +50,6 @@ enum class Subject : std::uint8_t {
 
 struct Record_kind {
   std::string_view name;
-  LogLevel level;
   Subject subject = Subject::service_and_instance;
   std::string_view element_key = {};
   bool call = false;  ///< "5_method_call_id"
@@ -62,61 +61,39 @@ struct Record_kind {
 constexpr auto searched = Subject::searched_service_and_instance;
 
 /// In the order of Trace_id.
-constexpr std::array<Record_kind, mw::com::cpp_binding::trace_id_count> kinds{{
-    {.name = "Offer_service", .level = LogLevel::kInfo},
-    {.name = "Stop_offer_service", .level = LogLevel::kInfo},
-    {.name = "Service_skeleton_constructed", .level = LogLevel::kInfo, .constructed = true},
-    {.name = "Service_instantiation_error",
-     .level = LogLevel::kError,
-     .subject = Subject::instance_only},
-    {.name = "Method_call_request_process",
-     .level = LogLevel::kVerbose,
-     .element_key = "4_method_id",
-     .call = true},
-    {.name = "Method_call_request_err",
-     .level = LogLevel::kError,
-     .element_key = "4_method_id",
-     .error_key = "5_error_code"},
-    {.name = "Method_call_request_exception",
-     .level = LogLevel::kFatal,
-     .element_key = "4_method_id"},
-    {.name = "Method_call_response_tx",
-     .level = LogLevel::kDebug,
-     .element_key = "4_method_id",
-     .call = true,
-     .error_key = "6_error_code"},
-    {.name = "Event_update_tx", .level = LogLevel::kVerbose, .subject = Subject::event_only},
-    {.name = "Event_request_update_err", .level = LogLevel::kError, .element_key = "4_event_id"},
-    {.name = "Service_proxy_constructed", .level = LogLevel::kInfo, .constructed = true},
-    {.name = "Find_service_start", .level = LogLevel::kInfo, .subject = searched},
-    {.name = "Find_service_stop", .level = LogLevel::kInfo, .subject = Subject::searched_service},
-    {.name = "Find_service_result", .level = LogLevel::kInfo, .subject = searched},
-    {.name = "Service_handle", .level = LogLevel::kInfo},
-    {.name = "Find_service_handler_performance",
-     .level = LogLevel::kDebug,
-     .subject = searched,
-     .time_key = "4_time"},
-    {.name = "Find_service_handler_exception", .level = LogLevel::kError, .subject = searched},
-    {.name = "Field_subscribe", .level = LogLevel::kInfo, .element_key = "4_event_id"},
-    {.name = "Field_unsubscribe", .level = LogLevel::kInfo, .element_key = "4_event_id"},
-    {.name = "Event_receive_handler", .level = LogLevel::kVerbose, .element_key = "4_event_id"},
-    {.name = "Event_receive_handler_performance",
-     .level = LogLevel::kVerbose,
-     .element_key = "4_event_id",
-     .time_key = "5_time"},
-    {.name = "Event_receive_handler_exception",
-     .level = LogLevel::kError,
-     .element_key = "4_event_id"},
-    {.name = "Event_state_handler_exception",
-     .level = LogLevel::kError,
-     .element_key = "4_event_id"},
-    {.name = "Event_update_rx", .level = LogLevel::kVerbose, .element_key = "4_event_id"},
-    {.name = "Event_update_when_not_subscribed",
-     .level = LogLevel::kDebug,
-     .element_key = "4_event_id"},
-    {.name = "Event_cache_update", .level = LogLevel::kVerbose, .element_key = "4_event_id"},
-    {.name = "Event_deserialize_exception", .level = LogLevel::kError, .element_key = "4_event_id"},
-}};
+constexpr std::array<Record_kind, mw::com::cpp_binding::trace_id_count> kinds{
+    {{.name = "Offer_service"},
+     {.name = "Stop_offer_service"},
+     {.name = "Service_skeleton_constructed", .constructed = true},
+     {.name = "Service_instantiation_error", .subject = Subject::instance_only},
+     {.name = "Method_call_request_process", .element_key = "4_method_id", .call = true},
+     {.name = "Method_call_request_err", .element_key = "4_method_id", .error_key = "5_error_code"},
+     {.name = "Method_call_request_exception", .element_key = "4_method_id"},
+     {.name = "Method_call_response_tx",
+      .element_key = "4_method_id",
+      .call = true,
+      .error_key = "6_error_code"},
+     {.name = "Event_update_tx", .subject = Subject::event_only},
+     {.name = "Event_request_update_err", .element_key = "4_event_id"},
+     {.name = "Service_proxy_constructed", .constructed = true},
+     {.name = "Find_service_start", .subject = searched},
+     {.name = "Find_service_stop", .subject = Subject::searched_service},
+     {.name = "Find_service_result", .subject = searched},
+     {.name = "Service_handle"},
+     {.name = "Find_service_handler_performance", .subject = searched, .time_key = "4_time"},
+     {.name = "Find_service_handler_exception", .subject = searched},
+     {.name = "Field_subscribe", .element_key = "4_event_id"},
+     {.name = "Field_unsubscribe", .element_key = "4_event_id"},
+     {.name = "Event_receive_handler", .element_key = "4_event_id"},
+     {.name = "Event_receive_handler_performance",
+      .element_key = "4_event_id",
+      .time_key = "5_time"},
+     {.name = "Event_receive_handler_exception", .element_key = "4_event_id"},
+     {.name = "Event_state_handler_exception", .element_key = "4_event_id"},
+     {.name = "Event_update_rx", .element_key = "4_event_id"},
+     {.name = "Event_update_when_not_subscribed", .element_key = "4_event_id"},
+     {.name = "Event_cache_update", .element_key = "4_event_id"},
+     {.name = "Event_deserialize_exception", .element_key = "4_event_id"}}};
 
 const Record_kind& kind_of(Trace_id id) {
   return kinds.at(static_cast<std::size_t>(id));
@@ -187,10 +164,6 @@ void Platform_trace_logger::log(LogLevel level, std::string_view text) {
   logger_.Log(level, text);
 }
 
-LogLevel level_of(Trace_id id) {
-  return kind_of(id).level;
-}
-
 std::string_view name_of(Trace_id id) {
   return kind_of(id).name;
 }
@@ -219,7 +192,7 @@ std::string to_json(const Trace_event& event) {
   return line.dump();
 }
 
-Trace_records::Trace_records(Trace_logger& logger) : logger_{logger} {
+Trace_records::Trace_records(Trace_logger& logger) : Trace_sink{logger.context()}, logger_{logger} {
   mw::com::cpp_binding::set_trace_sink(this);
 }
 
@@ -228,7 +201,7 @@ Trace_records::~Trace_records() {
 }
 
 bool Trace_records::is_enabled(Trace_id id) const noexcept {
-  return logger_.is_enabled(level_of(id));
+  return logger_.is_enabled(mw::com::cpp_binding::trace_level(id));
 }
 
 void Trace_records::write(const Trace_event& event) noexcept {
@@ -241,7 +214,7 @@ void Trace_records::write(const Trace_event& event) noexcept {
     text.clear();
   }
   try {
-    logger_.log(level_of(event.id), text);
+    logger_.log(mw::com::cpp_binding::trace_level(event.id), text);
   } catch (...) {
     return;
   }

@@ -17,6 +17,8 @@ class Trace_logger {
   virtual ~Trace_logger() = default;
   [[nodiscard]] virtual bool is_enabled(ara::log::LogLevel level) const = 0;
   virtual void log(ara::log::LogLevel level, std::string_view text) = 0;
+  /// The one log context behind it, if there is one.
+  [[nodiscard]] virtual const ara::log::Logger* context() const { return nullptr; }
 };
 
 /// Trace lines go into one context of the platform log.
@@ -25,14 +27,12 @@ class Platform_trace_logger final : public Trace_logger {
   explicit Platform_trace_logger(ara::log::Logger& logger) : logger_{logger} {}
   [[nodiscard]] bool is_enabled(ara::log::LogLevel level) const override;
   void log(ara::log::LogLevel level, std::string_view text) override;
+  [[nodiscard]] const ara::log::Logger* context() const override { return &logger_; }
 
  private:
   ara::log::Logger& logger_;
 };
 
-/// The level at which records of this kind are written: the life of services at Info, nothing per
-/// message above Debug, failures at Error.
-[[nodiscard]] ara::log::LogLevel level_of(mw::com::cpp_binding::Trace_id id);
 [[nodiscard]] std::string_view name_of(mw::com::cpp_binding::Trace_id id);
 
 /// The record as text; throws when it cannot be built (a text that is not valid UTF-8).

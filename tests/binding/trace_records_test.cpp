@@ -129,12 +129,12 @@ TEST(Trace_records, become_an_empty_line_when_they_cannot_be_built) {
 TEST(Trace_levels, show_the_life_of_services_at_info_and_nothing_per_message) {
   for (const auto id : {Trace_id::Offer_service, Trace_id::Find_service_result,
                         Trace_id::Field_subscribe, Trace_id::Service_proxy_constructed}) {
-    EXPECT_EQ(binding::level_of(id), LogLevel::kInfo) << binding::name_of(id);
+    EXPECT_EQ(mw::com::cpp_binding::trace_level(id), LogLevel::kInfo) << binding::name_of(id);
   }
   for (const auto id : {Trace_id::Event_update_rx, Trace_id::Event_update_tx,
                         Trace_id::Event_cache_update, Trace_id::Event_receive_handler,
                         Trace_id::Method_call_response_tx, Trace_id::Method_call_request_process}) {
-    EXPECT_GT(binding::level_of(id), LogLevel::kInfo) << binding::name_of(id);
+    EXPECT_GT(mw::com::cpp_binding::trace_level(id), LogLevel::kInfo) << binding::name_of(id);
   }
 }
 

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string_view>
 
+#include "ara/log/logger.h"
 #include "mw/com/cpp_binding/serialization.h"
 
 namespace mw::com::cpp_binding {
@@ -67,11 +68,54 @@ struct Trace_event {
   Trace_payload payload = {};
 };
 
+/// The level at which records of this kind are written: the life of services at Info, nothing per
+/// message above Debug, failures at Error.
+[[nodiscard]] constexpr ara::log::LogLevel trace_level(Trace_id id) {
+  using enum Trace_id;
+  switch (id) {
+    case Method_call_request_exception:
+      return ara::log::LogLevel::kFatal;
+    case Service_instantiation_error:
+    case Method_call_request_err:
+    case Event_request_update_err:
+    case Find_service_handler_exception:
+    case Event_receive_handler_exception:
+    case Event_state_handler_exception:
+    case Event_deserialize_exception:
+      return ara::log::LogLevel::kError;
+    case Method_call_response_tx:
+    case Find_service_handler_performance:
+    case Event_update_when_not_subscribed:
+      return ara::log::LogLevel::kDebug;
+    case Method_call_request_process:
+    case Event_update_tx:
+    case Event_receive_handler:
+    case Event_receive_handler_performance:
+    case Event_update_rx:
+    case Event_cache_update:
+      return ara::log::LogLevel::kVerbose;
+    default:
+      return ara::log::LogLevel::kInfo;
+  }
+}
+
 class Trace_sink {
  public:
+  /// `context`: where the records will be logged, when that is one log context: its level is asked
+  /// first, without a call.
+  explicit Trace_sink(const ara::log::Logger* context = nullptr) : context_{context} {}
   virtual ~Trace_sink() = default;
+  Trace_sink(const Trace_sink&) = delete;
+  Trace_sink& operator=(const Trace_sink&) = delete;
+
+  [[nodiscard]] bool wants(Trace_id id) const noexcept {
+    return (context_ == nullptr || context_->IsEnabled(trace_level(id))) && is_enabled(id);
+  }
   [[nodiscard]] virtual bool is_enabled(Trace_id id) const noexcept = 0;
   virtual void write(const Trace_event& event) noexcept = 0;
+
+ private:
+  const ara::log::Logger* context_;
 };
 
 namespace detail {
@@ -88,7 +132,7 @@ inline void set_trace_sink(Trace_sink* sink) {
 #if POS_TRACE
   // acquire: what the sink points to was built by the thread that installed it.
   const auto* sink = detail::trace_sink.load(std::memory_order_acquire);
-  return sink != nullptr && sink->is_enabled(id);
+  return sink != nullptr && sink->wants(id);
 #else
   return false;
 #endif
