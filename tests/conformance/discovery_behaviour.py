@@ -9,7 +9,7 @@ import tempfile
 from devices import *
 from network import *
 import suite
-from suite import covers
+from suite import covers, not_met
 
 # Upper bounds of delays allow for a machine that does other things as well.
 EARLY, LATE = 8.0, 40.0  # milliseconds
@@ -628,6 +628,7 @@ class DiscoveryBehaviour(suite.Group):
 
     @covers("someipsd_435",
             "A subscriber whose port turns out to be closed is struck from the list")
+    @not_met("a closed port is counted, the subscription ends with its time to live")
     def test_unreachable_subscriber(self):
         host, peer = self.vehicle()
         events = self.subscription(host, peer, TICK_GROUP)
@@ -854,6 +855,7 @@ class DiscoveryBehaviour(suite.Group):
     @covers("someipsd_23 someipsd_436 someipsd_437 someipsd_633 someipsd_72",
             """A server that loses its link forgets its subscribers, and begins with its offers anew when the
             link is back""")
+    @not_met("the link is not watched; cyclic offers and times to live rebuild what was lost")
     def test_link_of_server(self):
         with self.machine() as link:
             host, peer = self.vehicle(cyclicOfferDelayMs=3000)
@@ -873,6 +875,7 @@ class DiscoveryBehaviour(suite.Group):
 
     @covers("someipsd_440 someipsd_632 someipsd_1193",
             "A client whose link comes back searches and subscribes as after its start")
+    @not_met("the link is not watched; the next offer brings the subscription back")
     def test_link_of_client(self):
         with self.machine() as link:
             host, peer, server = self.remote()
