@@ -44,7 +44,7 @@ class Run(unittest.TestCase):
             run.send_signal(signal.SIGINT)
             output, errors = run.communicate(timeout=60)
             self.assertEqual((run.returncode, errors), (0, ""))
-            self.assertRegex(output, r"\n\nProcess\n  uptime +\d")
+            self.assertRegex(output, r"(^|\n)\nProcess\n  uptime +\d")
             self.assertRegex(output, r"\n  gnss +(Init|Nominal) ")
             self.assertRegex(output, r"GNSS notifications in .*\n.*positions and .* out, 0 lost;")
 
