@@ -1,5 +1,7 @@
 #include "diagnosisService/EvaluationTimer.h"
 
+#include <algorithm>
+
 namespace diagnosisService {
 
 EvaluationTimer::~EvaluationTimer() {
