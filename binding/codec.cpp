@@ -63,6 +63,22 @@ std::byte* Codec<std::map<std::string, std::string>>::write(
   return to;
 }
 
+namespace {
+
+/// Whether a key and a value, each behind its length field, lie between the position and `end`.
+bool entry_fits(Cursor cursor, std::size_t end, const Serialization_settings& settings) {
+  const auto field = settings.string_length_field_size;
+  for (int string = 0; string < 2; ++string) {
+    if (end - cursor.position() < field) return false;
+    const auto length = read_length_field(field, cursor, settings);
+    if (length > end - cursor.position()) return false;
+    cursor.skip(length);
+  }
+  return true;
+}
+
+}  // namespace
+
 void Codec<std::map<std::string, std::string>>::read(Cursor& cursor,
                                                      std::size_t end,
                                                      Map& map,
@@ -74,7 +90,9 @@ void Codec<std::map<std::string, std::string>>::read(Cursor& cursor,
     cursor.read(text.data(), text.size());
   };
   map.clear();
-  while (cursor.position() < end) {
+  // Behind the first entry, what is no entry any more is the surplus of a sender with more to say.
+  for (bool first = true; cursor.position() < end; first = false) {
+    if (!first && !entry_fits(cursor, end, settings)) break;
     std::string key;
     std::string value;
     read_string(key);

@@ -195,6 +195,15 @@ TEST_F(String_map, skips_what_the_outer_length_covers_beyond_its_entries) {
   EXPECT_EQ(left_over_, 1U);
 }
 
+TEST_F(String_map, skips_a_surplus_that_is_no_entry) {
+  for (const char* surplus :
+       {"ffffffffffffffffffff", "00000004616263640000", "0000000b616263646566"}) {
+    const auto bytes = hex(std::string{"00000014 00000001 61 00000001 62"} + surplus);
+    EXPECT_THAT(decode(bytes), ElementsAre(Pair("a", "b"))) << surplus;
+    EXPECT_EQ(left_over_, 0U);
+  }
+}
+
 TEST_F(String_map, refuses_lengths_that_do_not_hold) {
   EXPECT_THAT([] { decode(hex("00 00 00 04 00 00 00 01 61 00 00 00 01 62")); },
               ThrowsMessage<std::out_of_range>(
