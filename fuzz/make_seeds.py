@@ -101,7 +101,7 @@ def wire_seeds():
 
 # Steps of the sequences; each mirrors what the target reads
 
-SERVICES = {0x1111: 0, 0x2222: 1, 0x3333: 2}
+SERVICES = {0x1111: 0, 0x2222: 1, 0x3333: 2, 0x4444: 3}
 TTLS = {3: 0, 0: 3, 0xFFFFFF: 4}
 MAJORS = {1: 0, 2: 1}
 
@@ -111,7 +111,7 @@ def entry(kind, service, instance=1, major=1, ttl=3, options=0, group=1, flags=0
     number = {"offer": 0, "subscribe": 1, "acknowledge": 2, "find": 3}[kind]
     data = bytes([number, options << 2, SERVICES[service], instance - 1, MAJORS[major], TTLS[ttl]])
     if kind in ("subscribe", "acknowledge"):
-        return data + bytes([{0: 0, 0x80: 1}[flags], {1: 0, 2: 1, 4: 2}[group]])
+        return data + bytes([{0: 0, 0x80: 1}[flags], {1: 0, 2: 1, 4: 2, 3: 6}[group]])
     return data + bytes([0])
 
 
@@ -184,11 +184,13 @@ def node_seeds():
     write("node", "requests", steps(
         someip_step(0x1111, 0, 0), someip_step(0x1111, 1, 1), someip_step(0x1111, 2, 0),
         someip_step(0x1111, 4, 0), someip_step(0x1111, 3, 0), someip_step(0x1111, 0, 0, version=1),
-        someip_step(0x1111, 9, 0)))
+        someip_step(0x4444, 0, 0), someip_step(0x4444, 0, 0, peer=2)))
     write("node", "subscribers", steps(
         publish(1), milliseconds(30),
         sd([entry("subscribe", 0x1111, options=1, flags=0x80)], [option()]),
         sd([entry("subscribe", 0x1111, options=1, group=2, flags=0x80)], [option(peer=1)], peer=1),
+        sd([entry("subscribe", 0x1111, options=1, group=2)], [option(peer=2)], peer=2),
+        sd([entry("subscribe", 0x1111, options=1, group=2)], [option(peer=0)]),
         publish(0), publish(1), publish(2), publish(3, 200, True), milliseconds(4000), publish(0)))
     write("node", "notifications", steps(
         bytes([3, 0]), subscribe_tick, subscribe_state, remote, milliseconds(20), acknowledge,
@@ -197,11 +199,17 @@ def node_seeds():
     write("node", "calls", steps(
         remote, bytes([5, 0, 10]), bytes([7, 0, 0, 3]) + b"abc", bytes([5, 2, 10]),
         bytes([7, 0, 2, 0]), bytes([5, 0x80, 10]), bytes([5, 0, 10]), milliseconds(600)))
-    write("node", "tcp", steps(
-        bytes([9, 0, 1, 4]), bytes([9, 5, 0, 0, 0, 5, 0, 0, 0, 20, 0]), bytes([9, 1, 4]) + b"junk",
-        sd([entry("subscribe", 0x1111, options=2)], [option(), option("tcp")]), publish(0),
-        subscribe_tcp, sd([entry("offer", 0x3333, options=1)], [option("tcp", port=0)], multicast=True),
-        milliseconds(20), acknowledge, bytes([9, 2]), milliseconds(100)))
+    connect, end = bytes([9, 0, 1, 4]), bytes([9, 2])
+    guarded = sd([entry("offer", 0x3333, options=1)], [option("tcp", port=0)], multicast=True)
+    request = bytes([9, 5, SERVICES[0x1111], 10, 0, 5, 0, 0, 0, 20, 0])
+    write("node", "tcp_provider", steps(
+        connect, request, bytes([9, 1, 4]) + b"junk", bytes([9, 0, 2, 4]), bytes([9, 0, 3, 4]),
+        sd([entry("subscribe", 0x1111, options=1, group=3)], [option("tcp")]), publish(4),
+        publish(4, 200, True), bytes([9, 4]), end, publish(4)))
+    write("node", "tcp_client", steps(
+        subscribe_tcp, guarded, milliseconds(20), acknowledge, bytes([5, 2, 10]), bytes([9, 4]),
+        bytes([9, 5, SERVICES[0x3333], 5, 0, 5, 0, 2, 0, 20, 0]), end, milliseconds(100), guarded,
+        bytes([9, 3]), end, milliseconds(3000)))
 
 
 def segmentation_seeds():

@@ -106,20 +106,22 @@ class Application {
  public:
   explicit Application(const someip::Deployment& deployment)
       : deployment_(deployment), services_(deployment.services) {
-    const auto& provided = services_.front();
-    for (const auto& instance : provided.instances) {
-      auto provision = std::make_unique<tq::com::Provision>(node_.provide(provided, instance),
-                                                            node_, deployment.source);
-      provide_methods(*provision);
-      provisions_.push_back(std::move(provision));
+    for (const auto& service : services_) {
+      for (const auto& instance : service.instances) {
+        provisions_.push_back(std::make_unique<tq::com::Provision>(node_.provide(service, instance),
+                                                                   node_, deployment.source));
+        provide_methods(service, *provisions_.back());
+      }
     }
-    offer(0);
-    offer(1);
-    for (std::size_t i = 1; i < services_.size(); ++i) {
+    for (std::uint8_t i = 0; i < provisions_.size(); ++i)
+      offer(i);
+    for (const auto& service : services_) {
+      if (!service.instances.empty()) continue;
+      used_.push_back(&service);
       for (const std::uint16_t instance : {std::uint16_t{1}, std::uint16_t{2}}) {
         connections_.push_back(std::make_unique<tq::com::Connection>(
-            std::make_shared<const tq::com::Remote_instance>(services_[i], instance), node_,
-            player_, deployment.limits));
+            std::make_shared<const tq::com::Remote_instance>(service, instance), node_, player_,
+            deployment.limits));
       }
     }
     player_.settle();
@@ -192,10 +194,14 @@ class Application {
  private:
   using Subscription_key = std::pair<std::size_t, std::string>;
 
-  void provide_methods(tq::com::Provision& provision) {
-    provision.set_method_handler(1, [](tq::com::Payload payload) {
+  static void provide_methods(const someip::Service_deployment& service,
+                              tq::com::Provision& provision) {
+    const auto echo = [](tq::com::Payload payload) {
       return tq::com::Response{{}, {payload.begin(), payload.end()}};
-    });
+    };
+    provision.set_method_handler(1, echo);
+    if (service.id != fuzz::provided_service) return;
+    provision.set_method_handler(4, echo);
     provision.set_method_handler(2, [](tq::com::Payload) { return tq::com::Response{}; });
     provision.set_method_handler(
         3, [](tq::com::Payload) -> tq::com::Response { throw std::runtime_error("no"); });
@@ -211,13 +217,13 @@ class Application {
   }
 
   void offer(std::uint8_t choice) {
-    auto& provision = *provisions_[choice & 1U];
-    (choice & 2U) == 0 ? provision.offer() : provision.stop_offer();
+    auto& provision = *provisions_[(choice & 0x0FU) % provisions_.size()];
+    (choice & 0x80U) == 0 ? provision.offer() : provision.stop_offer();
     player_.settle();
   }
 
   void search(std::uint8_t choice) {
-    const auto& service = services_[1 + (choice & 1U)];
+    const auto& service = *used_[choice & 1U];
     const std::uint16_t instance = (choice & 2U) == 0 ? someip::any_instance : 1;
     auto& running = searches_[choice & 3U];
     if (running) {
@@ -259,14 +265,14 @@ class Application {
 
   void call(Input& input) {
     const auto choice = input.u8();
-    auto& connection = *connections_[choice & 1U];
+    auto& connection = *connections_[choice & 3U];
     const std::vector<std::byte> arguments(input.u8() * ((choice & 0x40U) != 0 ? 16U : 1U));
     if ((choice & 0x80U) != 0) {
       connection.call_no_return(1, arguments);
     } else {
       const auto number = calls_.size();
       calls_[number] = 0;
-      connection.call((choice & 2U) != 0 ? 16 : 1, arguments,
+      connection.call((choice & 6U) == 4U ? 16 : 1, arguments,
                       [this, number](tq::com::Return_code code, tq::com::Payload payload) {
                         ++calls_[number];
                         require(code == tq::com::Return_code::ok || payload.empty(),
@@ -277,10 +283,10 @@ class Application {
   }
 
   void publish(Input& input) {
-    constexpr std::array<std::uint16_t, 4> events{0x8001, 0x8002, 0x8003, 0x8004};
+    constexpr std::array<std::uint16_t, 5> events{0x8001, 0x8002, 0x8003, 0x8004, 0x8005};
     const auto choice = input.u8();
     const std::vector<std::byte> value(input.u8() * ((choice & 0x40U) != 0 ? 64U : 1U));
-    provisions_[choice & 1U]->send_event(events[(choice >> 1U) & 3U], value);
+    provisions_[choice & 1U]->send_event(events[((choice >> 1U) & 0x1FU) % events.size()], value);
     player_.settle();
   }
 
@@ -423,7 +429,8 @@ class Application {
   someip::Node node_{deployment_, deployment_.nodes.front(), player_,
                      [](someip::Log_level, const std::string&) {}};
   std::vector<std::unique_ptr<tq::com::Provision>> provisions_;
-  std::vector<std::unique_ptr<tq::com::Connection>> connections_;
+  std::vector<const someip::Service_deployment*> used_;
+  std::vector<std::unique_ptr<tq::com::Connection>> connections_;  ///< two of each used service
 };
 
 }  // namespace

@@ -18,16 +18,17 @@ constexpr const char* manifest = R"({
     "requestResponseDelayMinMs": 10, "requestResponseDelayMaxMs": 10,
     "offerTtlS": 3, "subscribeTtlS": 3},
   "limits": {
-    "subscribersPerEventGroup": 3, "reassemblies": 4, "reassembliesPerPeer": 2,
-    "messageBytes": 8192, "tcpConnections": 2, "tcpSendQueueBytes": 16384, "pendingCalls": 3,
-    "entriesPerDiscoveryMessage": 12, "remoteInstances": 4, "discoveryPeers": 4,
+    "subscribersPerEventGroup": 2, "reassemblies": 3, "reassembliesPerPeer": 2,
+    "messageBytes": 8192, "tcpConnections": 2, "tcpSendQueueBytes": 16384, "pendingCalls": 2,
+    "entriesPerDiscoveryMessage": 12, "remoteInstances": 3, "discoveryPeers": 4,
     "queuedNotifications": 4},
   "services": {
     "Provided": {
       "id": "0x1111", "majorVersion": 1, "minorVersion": 2,
       "methods": {"ask": {"id": 1}, "tell": {"id": 2, "fireAndForget": true},
-                  "fail": {"id": 3}},
-      "events": {"tick": {"id": "0x8001", "eventGroup": 1}},
+                  "fail": {"id": 3}, "bulk": {"id": 4, "transport": "tcp"}},
+      "events": {"tick": {"id": "0x8001", "eventGroup": 1},
+                 "stream": {"id": "0x8005", "eventGroup": 3, "transport": "tcp"}},
       "fields": {
         "state": {"getter": 16, "setter": 17, "notifier": "0x8002", "eventGroup": 1},
         "shared": {"notifier": "0x8003", "eventGroup": 2},
@@ -36,7 +37,12 @@ constexpr const char* manifest = R"({
         {"id": 1, "specifier": "provided/one", "node": "self", "udpPort": 30501, "tcpPort": 30501,
          "multicast": [{"eventGroup": 2, "address": "239.192.77.78", "port": 30502,
                         "threshold": 2}]},
-        {"id": 2, "specifier": "provided/two", "node": "self", "udpPort": 30503}]},
+        {"id": 2, "specifier": "provided/two", "node": "self", "udpPort": 30503, "tcpPort": 30503}]},
+    "Private": {
+      "id": "0x4444", "majorVersion": 1, "minorVersion": 0,
+      "methods": {"ask": {"id": 1}},
+      "instances": [{"id": 1, "specifier": "private/one", "node": "self", "udpPort": 30501}],
+      "allowedPeers": ["127.77.1.2"]},
     "Used": {
       "id": "0x2222", "majorVersion": 2, "minorVersion": 0,
       "methods": {"ask": {"id": 1}},
@@ -44,6 +50,7 @@ constexpr const char* manifest = R"({
       "fields": {"state": {"getter": 16, "notifier": "0x8002", "eventGroup": 2}}},
     "Guarded": {
       "id": "0x3333", "majorVersion": 1, "minorVersion": 0,
+      "methods": {"ask": {"id": 1, "transport": "tcp"}},
       "events": {"tick": {"id": "0x8001", "eventGroup": 1, "transport": "tcp"}},
       "allowedPeers": ["127.77.1.2"]}
   }
@@ -60,9 +67,9 @@ someip::Deployment without_delays() {
   return result;
 }
 
-constexpr std::array<std::uint16_t, 4> services{provided_service, used_service, guarded_service,
-                                                0x4444};
-constexpr std::array<std::uint16_t, 4> instances{1, 2, 0xFFFF, 0};
+constexpr std::array<std::uint16_t, 5> services{provided_service, used_service, guarded_service,
+                                                private_service, 0x5555};
+constexpr std::array<std::uint16_t, 6> instances{1, 2, 0xFFFF, 0, 3, 4};
 constexpr std::array<std::uint16_t, 8> groups{1, 2, 4, 1, 2, 4, 3, 0};
 constexpr std::array<std::uint16_t, 6> ports{30501, 30502, 30503, 30490, 40000, 0};
 
@@ -232,8 +239,8 @@ std::vector<std::byte> Discovery_source::message(Input& input,
 }
 
 std::vector<std::byte> any_message(Input& input) {
-  constexpr std::array<std::uint16_t, 10> methods{1,      2,      3,      16,     17,
-                                                  0x8001, 0x8002, 0x8003, 0x8004, 5};
+  constexpr std::array<std::uint16_t, 11> methods{1,      2,      3,      16,     17, 0x8001,
+                                                  0x8002, 0x8003, 0x8004, 0x8005, 4};
   constexpr std::array<std::uint8_t, 10> types{0x00, 0x01, 0x02, 0x80, 0x81,
                                                0x20, 0x22, 0xA0, 0x40, 0x22};
   constexpr std::array<std::uint16_t, 3> clients{7, 1, 0};

@@ -17,6 +17,8 @@ namespace fuzz {
 
 inline constexpr std::uint16_t provided_service = 0x1111;
 inline constexpr std::uint16_t used_service = 0x2222;
+/// Only the first peer may use it.
+inline constexpr std::uint16_t private_service = 0x4444;
 /// Used over TCP, and only the first peer may provide it.
 inline constexpr std::uint16_t guarded_service = 0x3333;
 
