@@ -208,6 +208,7 @@ class AsClient(Network):
         self.subscribe(VALUES, ttl=1)
         wait_for(lambda: self.program.counters()["subscriptionsExpired"] == 1, "end of the subscription")
         self.program.tell("update value bb")
+        self.program.counters()  # commands are carried out in order: the update has been made
         self.subscribe(VALUES)
         values = wait_for(lambda: [m.payload for m in self.node.messages if m.method == VALUE][1:], "value")
         self.assertEqual(values, [b"\xbb"])
@@ -262,6 +263,7 @@ class AsClient(Network):
         answer = self.call(SERVICE, 1, b"last")
         self.assertEqual(answer.payload, b"last")
         self.assertEqual(len(self.node.messages), 1)
+        self.program.wait("request " + b"last".hex())
         self.assertEqual([l for l in self.program.lines if l.startswith("request")],
                          ["request " + b"poke".hex(), "request " + b"last".hex()])
 
