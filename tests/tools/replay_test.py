@@ -67,7 +67,7 @@ class Replay(unittest.TestCase):
         if not path.exists():
             self.skipTest(f"skipped: {path} is not there")
         expected = told(path)
-        with Desk(61) as desk:
+        with Desk(98) as desk:
             application = desk.start(APPLICATION)
             consumer = desk.start(POSCTL, "watch", "--json", "--field", "positions")
             # The initial value shows that the whole road is open; the gateway comes last and the

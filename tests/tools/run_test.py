@@ -23,7 +23,7 @@ class Run(unittest.TestCase):
         )
 
     def test_a_timed_run_loses_nothing_and_tells_the_age(self):
-        with Desk(69) as desk:
+        with Desk(89) as desk:
             run = self.start(desk, "--seconds", "2", "--json", "--", "--rate", "50")
             output, errors = run.communicate(timeout=60)
             *_, status, summary = map(json.loads, output.splitlines())
@@ -38,7 +38,7 @@ class Run(unittest.TestCase):
             self.assertLessEqual(summary["ageMedianUs"], summary["age99thPercentileUs"])
 
     def test_ctrl_c_ends_it_well(self):
-        with Desk(70) as desk:
+        with Desk(90) as desk:
             run = self.start(desk)
             self.assertRegex(run.stdout.readline(), r"46\.9\d+ +7\.4\d+ .* us old$")
             run.send_signal(signal.SIGINT)
@@ -49,7 +49,7 @@ class Run(unittest.TestCase):
             self.assertRegex(output, r"GNSS notifications in .*\n.*positions and .* out, 0 lost;")
 
     def test_a_program_that_fails_is_named(self):
-        with Desk(71) as desk:
+        with Desk(91) as desk:
             run = self.start(desk, "--", "--nmea", "/nothing/there")
             _, errors = run.communicate(timeout=60)
             self.assertEqual(run.returncode, 1)

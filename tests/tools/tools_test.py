@@ -15,7 +15,7 @@ class Alone(unittest.TestCase):
     """Without the application."""
 
     def test_describe_tells_ids_and_records_of_every_service(self):
-        with Desk(62) as desk:
+        with Desk(82) as desk:
             code, output, _ = desk.run(POSCTL, "describe", "--json")
             self.assertEqual(code, 0)
             told = json.loads(output)
@@ -42,13 +42,13 @@ class Alone(unittest.TestCase):
             self.assertIn("notifier 0x8001", text)
 
     def test_watch_says_what_is_missing(self):
-        with Desk(63) as desk:
+        with Desk(83) as desk:
             code, output, errors = desk.run(POSCTL, "watch", "--count", 1, "--timeout", 0.3)
             self.assertEqual((code, output), (1, ""))
             self.assertIn("posctl: after 0.3 s: no Positioning service was offered", errors)
 
     def test_status_and_stats_say_that_nobody_answers(self):
-        with Desk(74) as desk:
+        with Desk(94) as desk:
             code, output, errors = desk.run(POSCTL, "status", "--timeout", 0.3)
             self.assertEqual((code, output), (1, ""))
             self.assertIn(
@@ -61,7 +61,7 @@ class Alone(unittest.TestCase):
             self.assertIn("posctl: no instance of mw::com::runtime::Statistics is offered\n", errors)
 
     def test_wrong_arguments_are_named(self):
-        with Desk(64) as desk:
+        with Desk(84) as desk:
             code, _, errors = desk.run(POSCTL, "read", "d_9999")
             self.assertEqual(code, 1)
             self.assertIn('posctl: there is no data identifier "d_9999"', errors)
@@ -75,7 +75,7 @@ class Alone(unittest.TestCase):
             self.assertNotEqual(desk.run(POSCTL)[0], 0)
 
     def test_a_recording_without_sentences_is_an_error_even_in_a_loop(self):
-        with Desk(65) as desk:
+        with Desk(85) as desk:
             path = desk.path / "empty.log"
             path.write_text("# nothing\n$GPGGA,broken*00\n")
             code, _, errors = desk.run(GATEWAY, "--nmea", path, "--loop")
@@ -83,7 +83,7 @@ class Alone(unittest.TestCase):
             self.assertIn("holds no NMEA 0183 sentence", errors)
 
     def test_the_gateway_ends_with_its_statistics(self):
-        with Desk(66) as desk:
+        with Desk(86) as desk:
             code, output, _ = desk.run(GATEWAY, "--count", 3, "--rate", 100, "--json", "--time")
             self.assertEqual(code, 0)
             self.assertEqual(json.loads(output), {"notifications": 3, "fixes": 3, "withoutFix": 0})
@@ -97,13 +97,13 @@ class Alone(unittest.TestCase):
                 until(lambda: desk.is_bound("gnss-gateway"), "the gateway takes its address")
                 code, _, errors = desk.run(GATEWAY, "--count", 1)
                 self.assertEqual(code, 1)
-                self.assertIn("nodes.gnss-gateway.address: 127.66.0.20 is taken", errors)
+                self.assertIn("nodes.gnss-gateway.address: 127.86.0.20 is taken", errors)
                 code, output = desk.stop(gateway, number)
                 self.assertEqual(code, 0)
                 self.assertGreater(json.loads(output)["notifications"], 0)
 
     def test_a_live_receiver_is_sent_when_it_pauses(self):
-        with Desk(67) as desk:
+        with Desk(87) as desk:
             gateway = desk.start(GATEWAY, "--nmea", "-", "--json", "--count", 1, stdin=subprocess.PIPE)
             gateway.stdin.write("$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n$GPG")
             gateway.stdin.flush()
@@ -115,7 +115,7 @@ class Alone(unittest.TestCase):
 
 class Together(unittest.TestCase):
     def test_the_application_takes_the_platform_offset_of_the_time_service(self):
-        with Desk(72) as desk:
+        with Desk(92) as desk:
             (desk.path / "initdata-POS_Key_Value_Port.json").write_text(
                 json.dumps({"timeClientEnabled": {"type": "Boolean", "value": True}})
             )
@@ -130,7 +130,7 @@ class Together(unittest.TestCase):
             self.assertEqual(desk.stop(application)[0], 0)
 
     def test_every_counter_of_the_application_is_told(self):
-        with Desk(75) as desk:
+        with Desk(95) as desk:
             started = time.monotonic()
             application = desk.start(APPLICATION)
             code, output, _ = desk.run(POSCTL, "stats", "--json", "--timeout", 20)
@@ -160,7 +160,7 @@ class Together(unittest.TestCase):
             self.assertEqual(desk.stop(application)[0], 0)
 
     def test_one_page_tells_the_whole_state(self):
-        with Desk(76) as desk:
+        with Desk(96) as desk:
             application = desk.start(APPLICATION)
             code, output, _ = desk.run(POSCTL, "status", "--json", "--timeout", 20)
             self.assertEqual(code, 0)
@@ -205,7 +205,7 @@ class Together(unittest.TestCase):
             self.assertEqual(desk.stop(application)[0], 0)
 
     def test_a_vehicle_may_leave_the_statistics_out(self):
-        with Desk(77) as desk:
+        with Desk(97) as desk:
             del desk.manifest["services"]["mw::com::runtime::Statistics"]
             pathlib.Path(desk.environment["POS_MANIFEST"]).write_text(json.dumps(desk.manifest))
             application = desk.start(APPLICATION)
@@ -217,7 +217,7 @@ class Together(unittest.TestCase):
             self.assertEqual(desk.stop(application)[0], 0)
 
     def test_a_component_state_is_asked_for_over_the_bus(self):
-        with Desk(73) as desk:
+        with Desk(93) as desk:
             bus = desk.start(pathlib.Path("/usr/bin/dbus-daemon"), "--session", "--nofork", "--print-address")
             desk.environment["DBUS_SESSION_BUS_ADDRESS"] = bus.stdout.readline().strip()
             desk.environment["POS_STATE_BUS"] = "session"
@@ -231,7 +231,7 @@ class Together(unittest.TestCase):
             self.assertEqual(desk.run(POSCTL, "state", "kOn")[0], 1)
 
     def test_positions_data_identifiers_and_monitors_of_a_running_application(self):
-        with Desk(68) as desk:
+        with Desk(88) as desk:
             application = desk.start(APPLICATION)
             self.assertEqual(desk.run(POSCTL, "watch", "--count", 2, "--timeout", 20)[0], 0)
             code, output, _ = desk.run(POSCTL, "read", "d_14a0")
