@@ -65,13 +65,12 @@ std::byte* Codec<std::map<std::string, std::string>>::write(
 
 namespace {
 
-/// Whether a key and a value, each behind its length field, lie between the position and `end`.
-bool entry_fits(Cursor cursor, std::size_t end, const Serialization_settings& settings) {
-  const auto field = settings.string_length_field_size;
+/// Whether a key and a value, each behind its length field, lie within the received bytes.
+bool entry_fits(Cursor cursor, const Serialization_settings& settings) {
   for (int string = 0; string < 2; ++string) {
-    if (end - cursor.position() < field) return false;
-    const auto length = read_length_field(field, cursor, settings);
-    if (length > end - cursor.position()) return false;
+    if (cursor.remaining() < settings.string_length_field_size) return false;
+    const auto length = read_length_field(settings.string_length_field_size, cursor, settings);
+    if (length > cursor.remaining()) return false;
     cursor.skip(length);
   }
   return true;
@@ -92,7 +91,7 @@ void Codec<std::map<std::string, std::string>>::read(Cursor& cursor,
   map.clear();
   // Behind the first entry, what is no entry any more is the surplus of a sender with more to say.
   for (bool first = true; cursor.position() < end; first = false) {
-    if (!first && !entry_fits(cursor, end, settings)) break;
+    if (!first && !entry_fits(cursor, settings)) break;
     std::string key;
     std::string value;
     read_string(key);
