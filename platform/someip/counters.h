@@ -19,10 +19,9 @@ class Counter {
 };
 
 struct Counters {
-  // Those of the road of a notification share a cache line.
-  alignas(64) Counter datagrams_received;
-  Counter datagrams_sent, notifications_received, notifications_sent;
+  Counter datagrams_received, datagrams_sent;
   Counter discovery_received, discovery_sent;
+  Counter notifications_received, notifications_sent;
   Counter requests_received, requests_sent;
   Counter responses_received, responses_sent;
   Counter segments_received, segments_sent;

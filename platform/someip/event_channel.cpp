@@ -37,7 +37,6 @@ void Event_channel::notify(Bytes payload) {
     value_->assign(payload.begin(), payload.end());
   }
   if (!targets_) return;
-  notified_ = true;
   const std::uint16_t session = sessions_.next();
   if (sending_) {
     queue_.push_back({{payload.begin(), payload.end()}, targets_, session});
@@ -54,8 +53,7 @@ void Event_channel::notify(Bytes payload) {
 void Event_channel::set_targets(Targets targets, Targets fresh) {
   std::unique_lock lock(mutex_);
   targets_ = std::move(targets);
-  const bool notified = std::exchange(notified_, false);
-  if (!fresh || (notified && !targets_->multicast)) return;
+  if (!fresh) return;
   if (!value_) {
     lock.unlock();
     if (field_ && value_missing_) value_missing_(header_.method);

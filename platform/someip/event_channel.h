@@ -1,7 +1,6 @@
 /// One event or field notifier of a provided instance, on its way to the subscribers.
 #pragma once
 
-#include <boost/container/small_vector.hpp>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -27,9 +26,8 @@ class Stream {
 
 /// Where the notifications of an event go. Immutable once shared: sending needs no lock.
 struct Event_targets {
-  boost::container::small_vector<Socket_address, 2> udp;
+  std::vector<Socket_address> udp;
   std::vector<std::shared_ptr<Stream>> streams;
-  bool multicast = false;  ///< `udp` is a group, which new subscribers may not have joined yet
 };
 
 /// Thread-safe. Notifications leave in the order of the calls; no lock is held while they are sent.
@@ -54,9 +52,7 @@ class Event_channel {
 
   /// To all present targets. A field's value is kept.
   void notify(Bytes payload);
-  /// From the next notification on; `fresh` get the present value of a field now. They have been
-  /// among the targets since the call before, so nothing is sent when they got a newer value
-  /// meanwhile.
+  /// From the next notification on; `fresh` get the present value of a field now.
   void set_targets(Targets targets, Targets fresh);
   [[nodiscard]] std::optional<std::vector<std::byte>> value() const;
 
@@ -81,7 +77,6 @@ class Event_channel {
   bool sending_ = false;      ///< somebody sends and will take the queue along
   std::deque<Job> queue_;
   Targets targets_;
-  bool notified_ = false;  ///< since the targets were changed last
   std::optional<std::vector<std::byte>> value_;
   Session_counter sessions_;
 };

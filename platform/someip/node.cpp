@@ -92,7 +92,7 @@ Node::Node(const Deployment& deployment,
                          [this](Received message, const Endpoint& server, Tasks& tasks) {
                            dispatch(std::move(message), server, Transport::tcp, tasks);
                          }});
-  client_port_->open_with_thread();
+  client_port_->open();
   on_control([this] {
     channel_->start([this](Bytes datagram, const Endpoint& from, bool multicast) {
       discovery_->received(datagram, from, multicast, std::chrono::steady_clock::now());
@@ -333,8 +333,6 @@ void Node::subscribers_changed(const Instance_key& key,
     if (multicast.event_group != event_group || multicast.threshold == 0) continue;
     if (targets->udp.size() < multicast.threshold) continue;
     targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
-    targets->multicast = true;
-    break;
   }
   const auto initial = targets_of(fresh);
   for (Event_channel* channel : instance->second->group(event_group)) {

@@ -16,17 +16,11 @@ namespace {
 constexpr int batches_before_handlers = 4;
 constexpr std::size_t max_datagram = 65536;
 
-/// Longer datagrams than ours spill into these; a thread receives one batch at a time.
-std::byte* spill(std::size_t index) {
-  constexpr std::size_t datagrams = 8;
+/// Longer datagrams than ours spill into this one; a thread receives one batch at a time.
+std::byte* spill(std::size_t index, std::size_t count) {
   thread_local const auto memory =
-      std::make_unique_for_overwrite<std::byte[]>(datagrams * max_datagram);
+      std::make_unique_for_overwrite<std::byte[]>(count * max_datagram);
   return memory.get() + index * max_datagram;
-}
-
-/// Errors of earlier sends (a port that nobody has open) come back to a receiver and say nothing.
-bool try_again(int error) {
-  return error == EINTR || error == ECONNREFUSED || error == EHOSTUNREACH || error == ENETUNREACH;
 }
 
 }  // namespace
@@ -76,80 +70,24 @@ Udp_port::Udp_port(std::unique_ptr<Udp_socket> socket,
 
 void Udp_port::open() {
   const std::lock_guard lock(receive_mutex_);
-  if (open_.exchange(true)) return;
+  if (std::exchange(open_, true)) return;
   watch_ = workers_.watch(socket_->descriptor(), shared_from_this());
 }
 
-void Udp_port::open_with_thread() {
-  {
-    const std::lock_guard lock(receive_mutex_);
-    if (open_.exchange(true)) return;
-    watch_ = workers_.watch_once(socket_->descriptor(), shared_from_this());
-    own_thread_ = true;
-    away_ = true;
-    socket_->set_blocking();
-  }
-  if (workers_.start_thread([self = shared_from_this()] { self->receive_in_thread(); })) return;
-  workers_.arm(watch_, socket_->descriptor());
-}
-
 void Udp_port::close() {
-  if (!open_.exchange(false)) return;
-  workers_.unwatch(watch_, socket_->descriptor());
-  if (own_thread_) socket_->end_receiving();
-  // Whoever is receiving right now hands on what it has.
   const std::lock_guard lock(receive_mutex_);
-}
-
-void Udp_port::report(const Harvest& harvest) {
-  if (!harvest.malformed_from) return;
-  log_.limited(Log_level::warning, "malformed",
-               "malformed SOME/IP message from " + to_string(*harvest.malformed_from) + " dropped");
-}
-
-void Udp_port::receive_in_thread() {
-  Buffer buffer;  // used again and again, unless a slow handler still has it
-  while (open_) {
-    if (!buffer.unique()) buffer = Buffer(max_datagram);
-    Harvest harvest;
-    {
-      const std::lock_guard lock(receive_mutex_);
-      away_ = false;
-      receive_one(buffer, harvest);
-      away_ = true;
-    }
-    Tasks& tasks = harvest.tasks;
-    if (tasks.empty() && !harvest.malformed_from) continue;
-    // Handlers may take their time: meanwhile the workers receive.
-    workers_.arm(watch_, socket_->descriptor());
-    for (std::size_t i = 1; i < tasks.size(); ++i) {
-      workers_.post([task = std::move(tasks[i])] { task->run(); });
-    }
-    if (!tasks.empty()) tasks.front()->run();
-    report(harvest);
-    workers_.disarm(watch_, socket_->descriptor());
-  }
-}
-
-void Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
-  Socket_address from;
-  socklen_t from_size = Socket_address::capacity();
-  ssize_t size = 0;
-  do {
-    size =
-        ::recvfrom(socket_->descriptor(), buffer.data(), max_datagram, 0, from.data(), &from_size);
-  } while (size < 0 && open_ && try_again(errno));
-  if (size < 0 || !open_) return;
-  counters_.datagrams_received.add();
-  take(buffer, static_cast<std::size_t>(size), from.endpoint(), harvest);
+  if (std::exchange(open_, false)) workers_.unwatch(watch_, socket_->descriptor());
 }
 
 void Udp_port::on_readable() {
-  Harvest harvest;
-  Tasks& tasks = harvest.tasks;
+  Tasks tasks;
   std::size_t posted = 1;  // the first one is ours
   for (int batch = 1;; ++batch) {
-    const std::size_t count = receive_batch(harvest);
+    const auto [count, malformed_from] = receive_batch(tasks);
+    if (malformed_from) {
+      log_.limited(Log_level::warning, "malformed",
+                   "malformed SOME/IP message from " + to_string(*malformed_from) + " dropped");
+    }
     // A slow handler must not keep the others waiting: they go to other workers.
     for (; posted < tasks.size(); ++posted) {
       workers_.post([task = std::move(tasks[posted])] { task->run(); });
@@ -161,61 +99,56 @@ void Udp_port::on_readable() {
       break;
     }
   }
-  if (own_thread_ && away_) workers_.arm(watch_, socket_->descriptor());
   if (!tasks.empty()) tasks.front()->run();
-  report(harvest);
 }
 
-std::size_t Udp_port::receive_batch(Harvest& harvest) {
-  std::unique_lock lock(receive_mutex_, std::defer_lock);
-  if (!own_thread_) {
-    lock.lock();
-  } else if (!lock.try_lock()) {
-    return 0;  // the own thread waits in the socket, or another worker is about to arm it again
-  }
-  if (!open_) return 0;
+Udp_port::Batch Udp_port::receive_batch(Tasks& tasks) {
+  const std::lock_guard lock(receive_mutex_);
+  if (!open_) return {};
   std::array<std::array<iovec, 2>, datagrams_per_batch> parts;
   std::array<Socket_address, datagrams_per_batch> from;
   std::array<mmsghdr, datagrams_per_batch> messages{};
   for (std::size_t i = 0; i < datagrams_per_batch; ++i) {
     if (buffers_[i].size() == 0) buffers_[i] = Buffer(Buffer::usual_size);
     parts[i][0] = {buffers_[i].data(), Buffer::usual_size};
-    parts[i][1] = {spill(i), max_datagram};
+    parts[i][1] = {spill(i, datagrams_per_batch), max_datagram};
     messages[i].msg_hdr.msg_name = from[i].data();
     messages[i].msg_hdr.msg_namelen = Socket_address::capacity();
     messages[i].msg_hdr.msg_iov = parts[i].data();
     messages[i].msg_hdr.msg_iovlen = parts[i].size();
   }
+
   int count = 0;
   do {
     count = ::recvmmsg(socket_->descriptor(), messages.data(), datagrams_per_batch, MSG_DONTWAIT,
                        nullptr);
-  } while (count < 0 && try_again(errno));
-  if (count <= 0) return 0;
-  const auto datagrams = static_cast<std::size_t>(count);
-  counters_.datagrams_received.add(datagrams);
-  for (std::size_t i = 0; i < datagrams; ++i) {
+    // Errors of earlier sends (a port that nobody has open) come back here and say nothing.
+  } while (count < 0 && (errno == EINTR || errno == ECONNREFUSED || errno == EHOSTUNREACH ||
+                         errno == ENETUNREACH));
+  if (count <= 0) return {};
+  Batch batch{static_cast<std::size_t>(count), std::nullopt};
+  counters_.datagrams_received.add(static_cast<std::uint64_t>(count));
+  for (std::size_t i = 0; i < batch.datagrams; ++i) {
     const std::size_t size = messages[i].msg_len;
     Buffer buffer = std::move(buffers_[i]);
     if (size > Buffer::usual_size) {
       Buffer large(size);
       std::memcpy(large.data(), buffer.data(), Buffer::usual_size);
-      std::memcpy(large.data() + Buffer::usual_size, spill(i), size - Buffer::usual_size);
+      std::memcpy(large.data() + Buffer::usual_size, spill(i, datagrams_per_batch),
+                  size - Buffer::usual_size);
       buffer = std::move(large);
     }
-    take(buffer, size, from[i].endpoint(), harvest);
+    const Endpoint sender = from[i].endpoint();
+    if (!split(buffer, size, sender, tasks)) batch.malformed_from = sender;
   }
-  return datagrams;
+  return batch;
 }
 
-void Udp_port::take(const Buffer& buffer,
-                    std::size_t size,
-                    const Endpoint& from,
-                    Harvest& harvest) {
+bool Udp_port::split(const Buffer& buffer, std::size_t size, const Endpoint& from, Tasks& tasks) {
   Datagram_reader reader(Bytes(buffer.data(), size));
   while (const auto message = reader.next()) {
     if (!message->header.segmented()) {
-      receiver_.received({message->header, message->payload, buffer}, from, *this, harvest.tasks);
+      receiver_.received({message->header, message->payload, buffer}, from, *this, tasks);
       continue;
     }
     counters_.segments_received.add();
@@ -223,11 +156,10 @@ void Udp_port::take(const Buffer& buffer,
     if (!reassembler_.add(from, message->header, message->payload, counters_, whole)) continue;
     const Buffer copy = Buffer::copy_of(whole.payload);
     receiver_.received({whole.header, Bytes(copy.data(), whole.payload.size()), copy}, from, *this,
-                       harvest.tasks);
+                       tasks);
   }
-  if (!reader.malformed()) return;
-  counters_.dropped_malformed.add();
-  harvest.malformed_from = from;
+  if (reader.malformed()) counters_.dropped_malformed.add();
+  return !reader.malformed();
 }
 
 bool Udp_port::sent(std::error_code error, const Socket_address& to) {

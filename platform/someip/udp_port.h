@@ -3,7 +3,6 @@
 #pragma once
 
 #include <array>
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -56,9 +55,6 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
            Log& log);
 
   void open();
-  /// Same, with a thread that waits in the socket itself: it is awake sooner than one that waits
-  /// for many descriptors. While it runs a handler, the workers receive.
-  void open_with_thread();
   /// No message is handed on after it returns.
   void close();
 
@@ -72,17 +68,16 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   void on_readable() override;
 
  private:
-  /// What a receive left behind.
-  struct Harvest {
-    Tasks tasks;
+  struct Batch {
+    std::size_t datagrams = 0;
     std::optional<Endpoint> malformed_from;
   };
-  void receive_in_thread();
-  void receive_one(Buffer& buffer, Harvest& harvest);
-  /// How many datagrams there were; nothing while the own thread is in the socket.
-  [[nodiscard]] std::size_t receive_batch(Harvest& harvest);
-  void take(const Buffer& buffer, std::size_t size, const Endpoint& from, Harvest& harvest);
-  void report(const Harvest& harvest);
+  [[nodiscard]] Batch receive_batch(Tasks& tasks);
+  /// False when the datagram is malformed.
+  [[nodiscard]] bool split(const Buffer& buffer,
+                           std::size_t size,
+                           const Endpoint& from,
+                           Tasks& tasks);
   [[nodiscard]] bool sent(std::error_code error, const Socket_address& to);
 
   const std::unique_ptr<Udp_socket> socket_;
@@ -94,14 +89,9 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   Log& log_;
   static constexpr std::size_t datagrams_per_batch = 8;
 
-  std::atomic<bool> open_{false};
-  bool own_thread_ = false;  ///< fixed once open
-  Workers::Watch watch_{};   ///< fixed once open
-  /// The own thread is not in the socket: workers receive. Written under receive_mutex_.
-  std::atomic<bool> away_{false};
-  /// Keeps the order of datagrams, and guards the member below. The own thread holds it while it
-  /// waits.
-  std::mutex receive_mutex_;
+  std::mutex receive_mutex_;  ///< keeps the order of datagrams; guards the members below
+  Workers::Watch watch_{};
+  bool open_ = false;
   std::array<Buffer, datagrams_per_batch> buffers_;  ///< for the next batch
 };
 

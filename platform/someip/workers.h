@@ -4,7 +4,6 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <utility>
 
 namespace boost::asio {
 class io_context;
@@ -39,16 +38,6 @@ class Workers {
   [[nodiscard]] virtual Watch watch(int descriptor, std::shared_ptr<Readable> reader) = 0;
   /// No new call begins; one may still be running. To be called before the descriptor is closed.
   virtual void unwatch(Watch watch, int descriptor) = 0;
-
-  /// A thread of its own for `work`, which must return by itself before the workers are stopped.
-  /// False when there is none to be had.
-  [[nodiscard]] virtual bool start_thread(std::function<void()>) { return false; }
-  /// As watch(), but calls for one arrival after each arm() only, and for none after disarm().
-  [[nodiscard]] virtual Watch watch_once(int descriptor, std::shared_ptr<Readable> reader) {
-    return watch(descriptor, std::move(reader));
-  }
-  virtual void arm(Watch, int) {}
-  virtual void disarm(Watch, int) {}
 };
 
 }  // namespace someip

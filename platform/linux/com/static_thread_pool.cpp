@@ -32,14 +32,6 @@ void add(int epoll, int descriptor, std::uint32_t events, std::uint64_t id) {
   checked(epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event), "epoll_ctl");
 }
 
-/// Nothing happens when the descriptor is not watched any more.
-void modify(int epoll, int descriptor, std::uint32_t events, std::uint64_t id) {
-  epoll_event event{};
-  event.events = events;
-  event.data.u64 = id;
-  epoll_ctl(epoll, EPOLL_CTL_MOD, descriptor, &event);
-}
-
 void signal(int event) {
   const std::uint64_t one = 1;
   // Fails only when the counter is full, and then the event is set anyway.
@@ -106,40 +98,14 @@ void static_thread_pool::Loop::post(std::function<void()> work) {
 
 someip::Workers::Watch static_thread_pool::Loop::watch(int descriptor,
                                                        std::shared_ptr<someip::Readable> reader) {
-  return watch_for(EPOLLIN | EPOLLET, descriptor, std::move(reader));
-}
-
-someip::Workers::Watch static_thread_pool::Loop::watch_once(
-    int descriptor, std::shared_ptr<someip::Readable> reader) {
-  return watch_for(0, descriptor, std::move(reader));
-}
-
-someip::Workers::Watch static_thread_pool::Loop::watch_for(
-    std::uint32_t events, int descriptor, std::shared_ptr<someip::Readable> reader) {
   std::uint64_t id = 0;
   {
     const std::lock_guard lock(mutex_);
     id = next_id_++;
     readers_.emplace(id, std::move(reader));
   }
-  add(epoll_, descriptor, events, id);
+  add(epoll_, descriptor, EPOLLIN | EPOLLET, id);
   return Watch{id};
-}
-
-void static_thread_pool::Loop::arm(Watch watch, int descriptor) {
-  modify(epoll_, descriptor, EPOLLIN | EPOLLONESHOT, static_cast<std::uint64_t>(watch));
-}
-
-void static_thread_pool::Loop::disarm(Watch watch, int descriptor) {
-  modify(epoll_, descriptor, 0, static_cast<std::uint64_t>(watch));
-}
-
-bool static_thread_pool::Loop::start_thread(std::function<void()> work) {
-  std::thread thread([work = std::move(work)]() noexcept { work(); });
-  pthread_setname_np(thread.native_handle(), "someip-receive");
-  const std::lock_guard lock(mutex_);
-  threads_.push_back(std::move(thread));
-  return true;
 }
 
 void static_thread_pool::Loop::unwatch(Watch watch, int descriptor) {
