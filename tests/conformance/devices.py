@@ -118,6 +118,7 @@ class Device:
                     **(environment or {})})
         self.started = time.time()
         self.lines = []
+        self.done = 0
         self._rest = b""
         os.set_blocking(self.process.stdout.fileno(), False)
         network.watch(self.process.stdout, self._readable)
@@ -129,7 +130,8 @@ class Device:
             self._unwatch()
             return
         *lines, self._rest = (self._rest + data).split(b"\n")
-        self.lines += [line.decode() for line in lines]
+        self.done += lines.count(b"done")
+        self.lines += [line.decode() for line in lines if line != b"done"]
 
     def _unwatch(self):
         if self._watched:
@@ -171,9 +173,12 @@ class Host(Device):
                          manifest or host_manifest(network, **timing), ["host"])
         self.said("ready")
 
-    def do(self, command):
-        self.process.stdin.write(command.encode() + b"\n")
+    def do(self, commands):
+        """Returns when the host has done it: what it sends by itself has been sent."""
+        wanted = self.done + commands.count("\n") + 1
+        self.process.stdin.write(commands.encode() + b"\n")
         self.process.stdin.flush()
+        self.network.wait(lambda: self.done >= wanted, f"end of {commands!r}")
 
     def said(self, start, since=0, seconds=PATIENCE):
         """The first line from number `since` on that begins so."""

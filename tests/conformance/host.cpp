@@ -9,7 +9,8 @@
 ///   COUNT calls, one after the other send SERVICE INSTANCE METHOD HEX          without a response
 ///   count NAME                  a counter of the runtime
 ///
-/// A payload without bytes is written "-". The end of the input ends the process in good order.
+/// A payload without bytes is written "-". "done" follows each command. The end of the input ends
+/// the process in good order.
 #include <algorithm>
 #include <cctype>
 #include <cstdio>
@@ -268,6 +269,7 @@ int main(int count, char** arguments) try {
     } catch (const std::exception& error) {
       print("error " + line + ": " + error.what());
     }
+    print("done");
   }
   return 0;
 } catch (const std::exception& error) {

@@ -125,7 +125,7 @@ class MessageFormat(suite.Group):
             peer.caller().send(someip(INPUTS, READ, session=100 + length, length=length),
                                self.pos.identifiers)
         self.read(peer, session=0x200)
-        self.answered(peer)
+        peer.barrier(self.pos.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x200])
 
     @covers("someip_538 someip_539 someip_541 someip_56 someip_59 someip_60 someip_625",
@@ -159,7 +159,7 @@ class MessageFormat(suite.Group):
             self.assertGreater(answer.ttl, 0)
         each[POSITIONS_GROUP].wait(lambda one: one.method == POSITIONS)
         each[MAP_INFO_GROUP].wait(lambda one: one.method == MAP_INFO)
-        self.answered(peer)
+        peer.barrier(self.pos.address)
         self.assertEqual({one.method for one in each[POSITIONS_GROUP].messages}, {POSITIONS})
         self.assertEqual({one.method for one in each[MAP_INFO_GROUP].messages}, {MAP_INFO})
 
@@ -179,7 +179,7 @@ class MessageFormat(suite.Group):
             peer.tell(offer(GNSS, instance, GNSS_MAJOR), [endpoint(server)])
         peer.entry(SUBSCRIBE, GNSS, instance=1)
         peer.tell(offer(GNSS, 1, GNSS_MAJOR, ttl=0), [endpoint(server)])
-        self.answered(peer)
+        peer.barrier(self.pos.address)
         self.assertEqual({one.instance for one in peer.entries(SUBSCRIBE, GNSS)}, {1})
 
     @covers("someip_627", "Reserved service ids are neither offered nor searched, and not answered")
@@ -302,7 +302,7 @@ class MessageFormat(suite.Group):
             peer.caller().send(someip(INPUTS, READ, type=type, session=session),
                                self.pos.identifiers)
         self.read(peer, session=0x300)
-        self.answered(peer)
+        peer.barrier(self.pos.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x300])
 
     @covers("someip_165 someip_168",

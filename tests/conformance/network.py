@@ -19,6 +19,7 @@ from scapy.layers.inet import IP, TCP, UDP
 
 PATIENCE = float(os.environ.get("POS_PATIENCE", 10))  # seconds; for what must come
 SO_TIMESTAMPNS = 35
+BARRIER = 0x6FFF  # a service that nobody has
 FIND, OFFER, SUBSCRIBE, ACKNOWLEDGE = 0x00, 0x01, 0x06, 0x07
 REQUEST, REQUEST_NO_RETURN, NOTIFICATION, RESPONSE, ERROR = 0x00, 0x01, 0x02, 0x80, 0x81
 TP = 0x20
@@ -174,8 +175,12 @@ class Network:
             if len(part) >= 16:
                 message = Message(part, when, source, at)
                 self.seen.append(message)
-                at.messages.append(message)
-                if message.is_discovery:
+                if not message.is_discovery:
+                    at.messages.append(message)
+                elif message.payload[12:14] == BARRIER.to_bytes(2, "big"):
+                    at.barriers.add(int.from_bytes(message.payload[22:24], "big"))
+                else:
+                    at.messages.append(message)
                     at.entries_of(message)
 
     # Peers
@@ -210,6 +215,7 @@ class Channel:
 
     def __init__(self, network):
         self.network, self.messages, self.entries, self.discovery = network, [], [], []
+        self.barriers = set()
 
     def __repr__(self):
         return "%s:%s" % self.destination
@@ -429,6 +435,7 @@ class Peer:
             self.multicast = Socket(network, address, group=(network.group, network.discovery_port))
             self.parts.append(self.multicast)
         self.sessions = {}
+        self.barriers = 0
 
     def socket(self, port=0):
         made = Socket(self.network, self.address, port)
@@ -510,15 +517,17 @@ class Peer:
         start = time.time()
         self.tell(subscribe(service, instance, group, **fields), [endpoint(via)], to=to)
         answer = self.entry(ACKNOWLEDGE, service, instance=instance, group=group, after=start)
-        self.known(to, service)
+        self.barrier(to)
         return answer
 
-    def known(self, to, service):
-        """What was told to the offerer of a service before is in force. The answer of its discovery to
-        one thing may leave a moment before that."""
-        start = time.time()
-        self.tell(find(service), to=to)
-        self.entry(OFFER, service, after=start, multicast=False)
+    def barrier(self, to):
+        """Returns when what was told to a device's discovery before has been dealt with: it has refused
+        two subscriptions to something that nobody has. What belongs to it is not kept."""
+        for _ in range(2):
+            self.barriers += 1
+            number = self.barriers
+            self.tell(subscribe(BARRIER, 1, number, options=(0, 0)), to=to)
+            self.network.wait(lambda: number in self.unicast.barriers, f"answer from {to}")
 
 
 def milliseconds(entries):

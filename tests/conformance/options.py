@@ -36,7 +36,7 @@ class Options(suite.Group):
         runs.setdefault("options", (0, len(array)))
         peer.tell(subscribe(service, 1, group, MAJOR, ttl=9, **runs), array, to=host.address)
         answer = peer.entry(ACKNOWLEDGE, service, after=start)
-        peer.known(host.address, service)
+        peer.barrier(host.address)
         return answer.ttl
 
     def found(self, host, peer, entries_and_options):
@@ -270,8 +270,8 @@ class Options(suite.Group):
         host, peer = self.vehicle()
         peer.tell(find(VEHICLE, n_opt_1=1), to=host.address)
         peer.tell(find(VEHICLE, index_1=3, n_opt_1=2), [endpoint(peer.caller())], to=host.address)
-        self.answered(peer, host.address)
-        self.assertEqual(len(peer.unicast.entries), 2, "answers to the last two finds only")
+        peer.barrier(host.address)
+        self.assertEqual(peer.unicast.entries, [])
 
     # Endpoints of offers
 
@@ -375,7 +375,7 @@ class Options(suite.Group):
                         [SDOption_IP4_Multicast(addr=group, port=40000),
                          SDOption_IP4_Multicast(addr=group, port=40001)]):
             peer.tell(acknowledge(entry, options=(0, len(options))), options, to=host.address)
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertNotIn("state RemoteGroup 1 tick on", host.lines)
         peer.tell(acknowledge(entry), to=host.address)
         host.said("state RemoteGroup 1 tick on")
@@ -406,7 +406,7 @@ class Options(suite.Group):
                          self.network.discovery_port)
         self.addCleanup(foreign.close)
         foreign.send(discovery([find(VEHICLE)]), (host.address, self.network.discovery_port))
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertEqual(foreign.messages, [])
 
     @covers("someipsd_1149", "The check of the subnet can be switched off in the manifest")
@@ -486,7 +486,7 @@ class Options(suite.Group):
                    for one in (first, second)]
         peer.tell(find(VEHICLE), options, to=host.address)
         self.network.wait(lambda: first.unicast.entries, "answer")
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertEqual(second.unicast.entries, [])
 
     @covers("someipsd_1084 someipsd_1135",
@@ -496,8 +496,8 @@ class Options(suite.Group):
         for address in ("10.1.2.3", "0.0.0.0", "255.255.255.255", host.address):
             option = SDOption_IP4_SD_EndPoint(addr=address, port=self.network.discovery_port)
             peer.tell(find(VEHICLE), [option], to=host.address)
-        self.answered(peer, host.address)
-        self.assertEqual(len(peer.unicast.entries), 2)
+        peer.barrier(host.address)
+        self.assertEqual(peer.unicast.entries, [])
 
     @covers("someipsd_1082 someipsd_1114 someipsd_1151 someipsd_1156 someipsd_502 someipsd_946",
             """Own messages hold endpoint and multicast options only, each where it belongs: no discovery

@@ -113,7 +113,7 @@ class ProcedureCalls(suite.Group):
         forget(VEHICLE, POKE, protocol=2)
         host.said("request poke aa")
         self.call(peer, host, ECHO, session=0x500)
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x500])
         self.assertEqual([one for one in host.lines if one.startswith("request")],
                          ["request poke aa"])
@@ -135,7 +135,7 @@ class ProcedureCalls(suite.Group):
                 peer.caller().send(someip(service, method, type=NOTIFICATION,
                                           **{"interface": MAJOR, **fields}), host.udp())
         self.call(peer, host, ECHO, session=0x501)
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x501])
 
     @covers("someip_704 someip_727",
@@ -150,7 +150,7 @@ class ProcedureCalls(suite.Group):
         for type in (RESPONSE, ERROR):
             peer.caller().send(someip(0x4FFF, ECHO, type=type), host.udp())
         self.call(peer, host, ECHO, session=0x502)
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x502])
 
     @covers("someip_371 someip_816",
@@ -255,7 +255,7 @@ class ProcedureCalls(suite.Group):
         host.do("event first tick 01")
         host.do("event first tock 02")
         events.wait(lambda one: one.method == TOCK)
-        self.answered(peer, host.address)
+        peer.barrier(host.address)
         self.assertEqual([(one.method, one.payload) for one in events.messages],
                          [(TICK, b"\x01"), (TOCK, b"\x02")])
         self.assertEqual((other.messages, len(stranger.messages)), ([], 1))
@@ -348,7 +348,7 @@ class ProcedureCalls(suite.Group):
         stranger.tell(subscribe(CLOSED, 1, TICK_GROUP, MAJOR), [endpoint(stranger.caller())],
                       to=host.address)
         self.assertEqual(stranger.entry(ACKNOWLEDGE, CLOSED).ttl, 0)
-        self.answered(stranger, host.address)
+        stranger.barrier(host.address)
         self.assertEqual(stranger.caller().messages, [])
         self.assertEqual([one for one in stranger.unicast.entries if one.service == CLOSED
                           and one.type == OFFER], [])
