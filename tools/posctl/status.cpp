@@ -1,4 +1,5 @@
 #include <array>
+#include <cmath>
 #include <cstdio>
 #include <iostream>
 #include <span>
@@ -131,7 +132,7 @@ std::string time_of_day(const Json& position) {
   const auto whole = static_cast<unsigned>(seconds);
   std::array<char, 48> text{};
   std::snprintf(text.data(), text.size(), "%02u:%02u:%05.2f", whole / 3600, whole / 60 % 60,
-                seconds - whole / 60 * 60);
+                std::fmod(seconds, 60.0));
   return text.data();
 }
 
