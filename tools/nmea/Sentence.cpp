@@ -186,20 +186,24 @@ std::optional<std::chrono::nanoseconds> time_of_day(Fields& fields, std::size_t 
   return h + m + s + nanoseconds{std::llround(fraction * 1e9)};
 }
 
+/// The system began in 1980; nanoseconds since 1970 in 64 bits end in 2262.
+constexpr unsigned first_year = 1980;
+constexpr unsigned last_year = 2261;
+
 std::optional<std::chrono::year_month_day> date(Fields& fields,
                                                 unsigned day,
                                                 unsigned month,
                                                 unsigned year) {
   const std::chrono::year_month_day result{std::chrono::year{static_cast<int>(year)},
                                            std::chrono::month{month}, std::chrono::day{day}};
-  if (!result.ok()) {
+  if (!result.ok() || year < first_year || year > last_year) {
     fields.reject();
     return std::nullopt;
   }
   return result;
 }
 
-/// ddmmyy; the system began in 1980.
+/// ddmmyy.
 std::optional<std::chrono::year_month_day> short_date(Fields& fields, std::size_t index) {
   if (fields[index].empty()) return std::nullopt;
   const auto digits = fields.unsigned_number(index, 311299);

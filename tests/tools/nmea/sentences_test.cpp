@@ -138,6 +138,8 @@ TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
       {sentence("GPRMC,123519,A,4807.038,N,01131.000,E,1.0,360.1,230394,,"),
        &Counters::malformed_field},
       {sentence("GPRMC,123519,A,4807.038,N,01131.000,E,,,300294,,"), &Counters::malformed_field},
+      {sentence("GPZDA,123519,01,01,1979,00,00"), &Counters::malformed_field},
+      {sentence("GPZDA,123519,01,01,2262,00,00"), &Counters::malformed_field},
       {sentence("GPGSV,2,3,02,04,40,083,46"), &Counters::malformed_field},
       {sentence("GPGSV,1,1,02,04,40,083,46,05,06"), &Counters::malformed_field},
       {sentence("GPGSA,A,3" + std::string(60, ',')), &Counters::malformed_field},
