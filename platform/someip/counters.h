@@ -33,7 +33,7 @@ struct Counters {
       dropped_unknown_method, dropped_wrong_version, dropped_wrong_type, dropped_unexpected,
       dropped_foreign_peer, dropped_entries;
   Counter refused_subscribers, refused_reassemblies, refused_message_size, refused_connections,
-      refused_calls, refused_instances, refused_peers, refused_notifications;
+      refused_calls, refused_requests, refused_instances, refused_peers, refused_notifications;
   Counter slow_readers, send_would_block, send_failed;
 };
 
@@ -80,6 +80,7 @@ inline constexpr std::array counter_names = {
     Counter_name{"refusedMessageSize", &Counters::refused_message_size},
     Counter_name{"refusedConnections", &Counters::refused_connections},
     Counter_name{"refusedCalls", &Counters::refused_calls},
+    Counter_name{"refusedRequests", &Counters::refused_requests},
     Counter_name{"refusedInstances", &Counters::refused_instances},
     Counter_name{"refusedPeers", &Counters::refused_peers},
     Counter_name{"refusedNotifications", &Counters::refused_notifications},

@@ -46,6 +46,7 @@ struct Limits {
   std::size_t entries_per_discovery_message = 256;
   std::size_t remote_instances = 1024;    ///< offered instances remembered
   std::size_t discovery_peers = 256;      ///< session counters and reboot flags remembered
+  std::size_t queued_requests = 256;      ///< received and not yet worked on
   std::size_t queued_notifications = 64;  ///< per event waiting for a slow handler
 };
 

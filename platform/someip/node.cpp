@@ -16,17 +16,19 @@ class Node::Service_port final : public Udp_port::Receiver {
   Service_port(std::unique_ptr<Udp_socket> socket, Node& node)
       : port(std::make_shared<Udp_port>(
             std::move(socket), *this, node.workers_, node.reassembler_, node.counters_, node.log_)),
+        requests_(node.requests_),
         counters_(node.counters_) {}
 
   void received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) override {
     table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
-                   counters_);
+                   requests_, counters_);
   }
 
   Service_table table;
   const std::shared_ptr<Udp_port> port;
 
  private:
+  Request_budget& requests_;
   Counters& counters_;
 };
 
@@ -68,6 +70,7 @@ Node::Node(const Deployment& deployment,
       workers_(workers),
       log_(std::move(log)),
       reassembler_(deployment.limits),
+      requests_(deployment.limits.queued_requests),
       calls_(deployment.limits.pending_calls),
       timer_(workers.control()),
       call_timer_(workers.control()) {
@@ -230,8 +233,9 @@ std::shared_ptr<Tcp_service_port> Node::tcp_port(const Instance_deployment& inst
   if (known != tcp_ports_.end()) return known->second;
   std::shared_ptr<Tcp_service_port> port;
   try {
-    port = std::make_shared<Tcp_service_port>(Endpoint{own_, *instance.tcp_port},
-                                              deployment_.limits, workers_, counters_, log_);
+    port =
+        std::make_shared<Tcp_service_port>(Endpoint{own_, *instance.tcp_port}, deployment_.limits,
+                                           requests_, workers_, counters_, log_);
   } catch (const boost::system::system_error& error) {
     throw std::runtime_error(deployment_.source + ": tcpPort of instance \"" + instance.specifier +
                              "\": port " + std::to_string(*instance.tcp_port) + " of " +

@@ -174,6 +174,7 @@ class Node final : private Discovery_server_host,
   Log log_;
   Counters counters_;
   Shared_reassembler reassembler_;
+  Request_budget requests_;
   Address own_;
   std::unique_ptr<Discovery_channel> channel_;
   std::shared_ptr<Udp_port> client_port_;

@@ -166,7 +166,11 @@ bool Node::initial_value_missing(const Instance_key& key, std::uint16_t event_gr
 void Node::listen_to(const Instance_key& key, std::uint16_t event_group, const Endpoint& group) {
   auto& [port, users] = multicast_ports_[group];
   users.insert({key, event_group});
-  if (port) return;
+  if (port) {
+    // Membership goes with its interface; where it still stands, this changes nothing.
+    static_cast<void>(port->socket().join(group.address, own_));
+    return;
+  }
   try {
     auto socket = std::make_unique<Udp_socket>(own_);
     socket->reuse_address();

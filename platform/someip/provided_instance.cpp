@@ -11,23 +11,29 @@ namespace {
 
 class Refusal final : public Task {
  public:
-  Refusal(const Header& header, Reply_path reply) : header_(header), reply_(std::move(reply)) {}
+  Refusal(const Header& header, Reply_path reply, Request_budget::Place place)
+      : header_(header), reply_(std::move(reply)), place_(std::move(place)) {}
   void run() override { reply_.send(header_, {}); }
 
  private:
   const Header header_;
   const Reply_path reply_;
+  const Request_budget::Place place_;
 };
 
 /// Only requests that expect a response and carry no error themselves are answered with errors
 /// (someip_597, someip_654, someip_704).
-void refuse(const Header& request, Return_code code, Reply_path reply, Tasks& tasks) {
+void refuse(const Header& request,
+            Return_code code,
+            Reply_path reply,
+            Request_budget::Place place,
+            Tasks& tasks) {
   if (!request.is(Message_type::request) || request.code != 0) return;
   Header header = request;
   header.protocol = protocol_version;  // never one that we do not speak (someip_703)
   header.type = static_cast<std::uint8_t>(Message_type::response);
   header.code = static_cast<std::uint8_t>(code);
-  tasks.push_back(std::make_shared<Refusal>(header, std::move(reply)));
+  tasks.push_back(std::make_shared<Refusal>(header, std::move(reply), std::move(place)));
 }
 
 bool is_request(const Header& header) {
@@ -50,11 +56,13 @@ class Provided_instance::Request final : public Task {
   Request(std::shared_ptr<Provided_instance> instance,
           std::shared_ptr<const Method> method,
           Received message,
-          Reply_path reply)
+          Reply_path reply,
+          Request_budget::Place place)
       : instance_(std::move(instance)),
         method_(std::move(method)),
         message_(std::move(message)),
-        reply_(std::move(reply)) {}
+        reply_(std::move(reply)),
+        place_(std::move(place)) {}
 
   void run() override {
     Response response;
@@ -80,6 +88,7 @@ class Provided_instance::Request final : public Task {
   const std::shared_ptr<const Method> method_;
   const Received message_;
   const Reply_path reply_;
+  const Request_budget::Place place_;
 };
 
 Provided_instance::Provided_instance(const Service_deployment& service,
@@ -154,6 +163,7 @@ std::vector<Event_channel*> Provided_instance::group(std::uint16_t event_group) 
 void Provided_instance::request(Received message,
                                 const Address& from,
                                 Reply_path reply,
+                                Request_budget::Place place,
                                 Tasks& tasks) {
   const Header& header = message.header;
   const auto& allowed = service_.allowed_peers;
@@ -163,7 +173,7 @@ void Provided_instance::request(Received message,
   }
   if (header.interface_version != service_.major_version) {
     counters_.dropped_wrong_version.add();
-    refuse(header, Return_code::wrong_interface_version, std::move(reply), tasks);
+    refuse(header, Return_code::wrong_interface_version, std::move(reply), std::move(place), tasks);
     return;
   }
   std::shared_ptr<const Method> method;
@@ -175,16 +185,17 @@ void Provided_instance::request(Received message,
   }
   if (!method || !method->handler) {
     counters_.dropped_unknown_method.add();
-    refuse(header, Return_code::unknown_method, std::move(reply), tasks);
+    refuse(header, Return_code::unknown_method, std::move(reply), std::move(place), tasks);
     return;
   }
   if (header.is(Message_type::request_no_return) != method->fire_and_forget || header.code != 0) {
     counters_.dropped_wrong_type.add();
-    refuse(header, Return_code::wrong_message_type, std::move(reply), tasks);
+    refuse(header, Return_code::wrong_message_type, std::move(reply), std::move(place), tasks);
     return;
   }
   tasks.push_back(std::make_shared<Request>(shared_from_this(), std::move(method),
-                                            std::move(message), std::move(reply)));
+                                            std::move(message), std::move(reply),
+                                            std::move(place)));
 }
 
 void Service_table::add(std::shared_ptr<Provided_instance> instance) {
@@ -205,6 +216,7 @@ void Service_table::dispatch(Received message,
                              const Endpoint& from,
                              Reply_path reply,
                              Tasks& tasks,
+                             Request_budget& budget,
                              Counters& counters) const {
   const Header& header = message.header;
   if (!is_request(header)) {
@@ -213,9 +225,14 @@ void Service_table::dispatch(Received message,
     return;
   }
   counters.requests_received.add();
+  Request_budget::Place place(budget);
+  if (!place) {
+    counters.refused_requests.add();
+    return;
+  }
   if (header.protocol != protocol_version) {
     counters.dropped_wrong_version.add();
-    refuse(header, Return_code::wrong_protocol_version, std::move(reply), tasks);
+    refuse(header, Return_code::wrong_protocol_version, std::move(reply), std::move(place), tasks);
     return;
   }
   std::shared_ptr<Provided_instance> instance;
@@ -227,10 +244,10 @@ void Service_table::dispatch(Received message,
   }
   if (!instance) {
     counters.dropped_unknown_service.add();
-    refuse(header, Return_code::unknown_service, std::move(reply), tasks);
+    refuse(header, Return_code::unknown_service, std::move(reply), std::move(place), tasks);
     return;
   }
-  instance->request(std::move(message), from.address, std::move(reply), tasks);
+  instance->request(std::move(message), from.address, std::move(reply), std::move(place), tasks);
 }
 
 }  // namespace someip

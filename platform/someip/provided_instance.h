@@ -2,11 +2,14 @@
 /// answered.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "platform/someip/counters.h"
@@ -36,6 +39,38 @@ struct Reply_path {
   void send(const Header& header, Bytes payload) const;
 };
 
+/// Requests that have been received and not been answered yet, over all ports of a node. Past the
+/// bound they are dropped: who sends more than the handlers can do must not fill the memory.
+class Request_budget {
+ public:
+  explicit Request_budget(std::size_t limit) : limit_(limit) {}
+
+  /// A place, given back when it goes.
+  class Place {
+   public:
+    explicit Place(Request_budget& budget) : budget_(budget.enter() ? &budget : nullptr) {}
+    Place(Place&& other) noexcept : budget_(std::exchange(other.budget_, nullptr)) {}
+    Place& operator=(Place&&) = delete;
+    ~Place() {
+      if (budget_ != nullptr) budget_->taken_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    explicit operator bool() const { return budget_ != nullptr; }
+
+   private:
+    Request_budget* budget_;
+  };
+
+ private:
+  bool enter() {
+    if (taken_.fetch_add(1, std::memory_order_relaxed) < limit_) return true;
+    taken_.fetch_sub(1, std::memory_order_relaxed);
+    return false;
+  }
+
+  const std::size_t limit_;
+  std::atomic<std::size_t> taken_{0};  ///< relaxed: it guards nothing else
+};
+
 class Provided_instance : public std::enable_shared_from_this<Provided_instance> {
  public:
   Provided_instance(const Service_deployment& service,
@@ -60,7 +95,11 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
 
   /// Judges a request in the order that the standard gives (someip_721) and leaves it as a task, or
   /// answers the error, or drops it.
-  void request(Received message, const Address& from, Reply_path reply, Tasks& tasks);
+  void request(Received message,
+               const Address& from,
+               Reply_path reply,
+               Request_budget::Place place,
+               Tasks& tasks);
 
  private:
   struct Method {
@@ -92,6 +131,7 @@ class Service_table {
                 const Endpoint& from,
                 Reply_path reply,
                 Tasks& tasks,
+                Request_budget& budget,
                 Counters& counters) const;
 
  private:

@@ -10,9 +10,14 @@ namespace someip {
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
-Tcp_service_port::Tcp_service_port(
-    const Endpoint& local, const Limits& limits, Workers& workers, Counters& counters, Log& log)
+Tcp_service_port::Tcp_service_port(const Endpoint& local,
+                                   const Limits& limits,
+                                   Request_budget& budget,
+                                   Workers& workers,
+                                   Counters& counters,
+                                   Log& log)
     : limits_(limits),
+      budget_(budget),
       workers_(workers),
       counters_(counters),
       log_(log),
@@ -73,7 +78,7 @@ void Tcp_service_port::accept() {
 void Tcp_service_port::received(Received message,
                                 const std::shared_ptr<Tcp_connection>& connection,
                                 Tasks& tasks) {
-  table.dispatch(std::move(message), connection->peer(), {nullptr, connection, {}}, tasks,
+  table.dispatch(std::move(message), connection->peer(), {nullptr, connection, {}}, tasks, budget_,
                  counters_);
 }
 

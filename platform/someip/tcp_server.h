@@ -18,8 +18,12 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
                                private Tcp_connection::Handler {
  public:
   /// Binds and listens. Throws boost::system::system_error.
-  Tcp_service_port(
-      const Endpoint& local, const Limits& limits, Workers& workers, Counters& counters, Log& log);
+  Tcp_service_port(const Endpoint& local,
+                   const Limits& limits,
+                   Request_budget& budget,
+                   Workers& workers,
+                   Counters& counters,
+                   Log& log);
 
   /// `admit` says whether one more connection may be accepted; `lost` is told which client has
   /// gone.
@@ -41,6 +45,7 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
   void lost(const std::shared_ptr<Tcp_connection>& connection) override;
 
   const Limits& limits_;
+  Request_budget& budget_;
   Workers& workers_;
   Counters& counters_;
   Log& log_;

@@ -397,6 +397,34 @@ TEST(Runtime, every_call_ends_once_whatever_happens) {
   release.set_value();
 }
 
+TEST(Runtime, requests_past_the_bound_of_slow_handlers_are_refused_and_the_others_answered) {
+  auto limited = deployment(net, R"({"queuedRequests": 3, "pendingCalls": 20})");
+  for (auto& node : limited.nodes)
+    node.workers = 5;  // three stuck in handlers, two that receive
+  const auto server = make_runtime(limited, "server");
+  const auto provider = server->provide("test::Service", "first");
+  std::promise<void> release;
+  provider->set_method_handler(echo, [released = release.get_future().share()](Payload) {
+    released.wait();
+    return tq::com::Response{};
+  });
+  provider->offer();
+  const auto runtime = make_runtime(limited, "client");
+  const Finder finder(*runtime, "test::Service");
+  ASSERT_EQ(finder.wait(1).size(), 1u);
+  const auto consumer = runtime->connect(finder.wait(1).front());
+  Seen<Return_code> ended;
+  for (int i = 0; i < 25; ++i) {
+    consumer->call(echo, {}, [&](Return_code code, Payload) { ended.add(code); });
+  }
+  EXPECT_EQ(std::ranges::count(ended.all(), Return_code::not_ok), 5) << "past pendingCalls";
+  ASSERT_TRUE(test::eventually([&] { return test::counter(*server, "refusedRequests") == 17; }));
+  release.set_value();
+  ASSERT_TRUE(ended.wait_count(25));
+  EXPECT_EQ(std::ranges::count(ended.all(), Return_code::ok), 3);
+  EXPECT_EQ(std::ranges::count(ended.all(), Return_code::timeout), 17);
+}
+
 TEST(Runtime, a_second_process_on_the_same_address_is_told_which_key_is_wrong) {
   const auto first = make_runtime(deployment(net), "server");
   try {

@@ -115,6 +115,7 @@ someip::Limits limits(const Json_reader& value) {
   read_number(members, "entriesPerDiscoveryMessage", result.entries_per_discovery_message, 1, 4096);
   read_number(members, "remoteInstances", result.remote_instances, 1, many);
   read_number(members, "discoveryPeers", result.discovery_peers, 1, many);
+  read_number(members, "queuedRequests", result.queued_requests, 1, many);
   read_number(members, "queuedNotifications", result.queued_notifications, 1, many);
   members.done();
   return result;
@@ -138,7 +139,7 @@ class Unique {
   explicit Unique(const char* what) : what_(what) {}
   void add(std::uint64_t id, const Json_reader& where) {
     const auto [known, added] = seen_.emplace(id, where.path());
-    if (!added) where.fail("a " + std::string(what_) + " that is not used yet by " + known->second);
+    if (!added) where.fail(what_ + std::string(" that is not used yet by ") + known->second);
   }
 
  private:
@@ -147,7 +148,7 @@ class Unique {
 };
 
 void read_elements(Members& members, someip::Service_deployment& service) {
-  Unique methods("method id"), events("event id");
+  Unique methods("a method id"), events("an event id");
   std::map<std::string, std::string> names;
   const auto name_of = [&](const std::string& name, const Json_reader& where) {
     const auto [known, added] = names.emplace(name, where.path());
@@ -275,7 +276,7 @@ someip::Service_deployment service(const std::string& name,
   result.minor_version = members.at("minorVersion").number<std::uint32_t>(0, 0xFFFFFFFE);
   read_elements(members, result);
   if (const auto found = members.find("instances")) {
-    Unique ids("instance id");
+    Unique ids("an instance id");
     // Instance ids are not in the messages: what tells two instances apart is the port
     // (someip_445).
     std::map<std::tuple<std::string, bool, std::uint16_t>, std::string> ports;
@@ -330,7 +331,7 @@ Deployment parse_deployment(std::string_view text, const std::string& source) {
   }
   if (const auto found = members.find("serviceDiscovery")) result.discovery = discovery(*found);
   if (const auto found = members.find("limits")) result.limits = limits(*found);
-  Unique ids("service id");
+  Unique ids("a service id");
   std::map<std::string, std::string> specifiers;
   for (const auto& [name, value] : members.at("services").named()) {
     auto one = service(name, value, result);

@@ -1,0 +1,197 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <future>
+#include <thread>
+
+#include "mw/com/Strand.h"
+#include "mw/com/static_thread_pool.h"
+#include "platform/linux/com/loop.h"
+#include "tests/com/test_network.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using mw::com::static_thread_pool;
+using mw::com::Strand;
+using test::Seen;
+using testing::ElementsAre;
+
+/// Waits in a handler until the test lets it go on.
+class Barrier {
+ public:
+  void wait() {
+    entered_.set_value();
+    released_.get_future().wait();
+  }
+  [[nodiscard]] bool entered() {
+    return entered_.get_future().wait_for(10s) == std::future_status::ready;
+  }
+  void release() { released_.set_value(); }
+
+ private:
+  std::promise<void> entered_, released_;
+};
+
+TEST(Strand, runs_one_piece_at_a_time_in_the_order_of_their_arrival) {
+  Strand strand;
+  static_thread_pool pool(3);
+  std::vector<int> order;  // unguarded: the strand guards it
+  std::atomic<int> inside{0}, overlaps{0};
+  std::promise<void> done;
+  for (int i = 0; i < 1000; ++i) {
+    const bool free = strand.enqueue([&, i] {
+      if (++inside > 1) ++overlaps;
+      order.push_back(i);
+      --inside;
+      if (i == 999) done.set_value();
+    });
+    if (free) pool.post([&] { strand.run(); });
+  }
+  ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
+  strand.close();
+  EXPECT_EQ(overlaps, 0);
+  ASSERT_EQ(order.size(), 1000u);
+  EXPECT_TRUE(std::is_sorted(order.begin(), order.end()));
+}
+
+TEST(Strand, runs_inline_when_it_is_free_and_queues_when_it_is_not) {
+  Strand strand;
+  std::vector<std::string> order;
+  strand.dispatch([&] {
+    order.emplace_back("outer begins");
+    EXPECT_TRUE(strand.running_in_this_thread());
+    strand.dispatch([&] { order.emplace_back("inner"); });
+    order.emplace_back("outer ends");
+  });
+  EXPECT_FALSE(strand.running_in_this_thread());
+  EXPECT_THAT(order, ElementsAre("outer begins", "outer ends", "inner"));
+}
+
+TEST(Strand, close_waits_for_the_running_piece_and_drops_the_rest) {
+  Strand strand;
+  Barrier barrier;
+  std::atomic<bool> ended{false}, dropped_ran{false};
+  std::thread runner([&] {
+    strand.dispatch([&] {
+      barrier.wait();
+      ended = true;
+    });
+  });
+  ASSERT_TRUE(barrier.entered());
+  EXPECT_FALSE(strand.enqueue([&] { dropped_ran = true; }));
+  auto closed = std::async(std::launch::async, [&] { strand.close(); });
+  EXPECT_EQ(closed.wait_for(20ms), std::future_status::timeout);
+  barrier.release();
+  closed.get();
+  EXPECT_TRUE(ended);
+  EXPECT_FALSE(dropped_ran);
+  EXPECT_FALSE(strand.enqueue([&] { dropped_ran = true; })) << "closed";
+  runner.join();
+  EXPECT_FALSE(dropped_ran);
+}
+
+TEST(Strand, may_be_closed_from_within_its_own_work) {
+  Strand strand;
+  int ran = 0;
+  strand.dispatch([&] {
+    ++ran;
+    static_cast<void>(strand.enqueue([&] { ++ran; }));
+    strand.close();
+  });
+  EXPECT_EQ(ran, 1);
+}
+
+TEST(Strand, closed_between_enqueue_and_run_leaves_the_work_out) {
+  Strand strand;
+  bool ran = false;
+  ASSERT_TRUE(strand.enqueue([&] { ran = true; }));
+  strand.close();
+  strand.run();
+  EXPECT_FALSE(ran);
+}
+
+TEST(Pool, runs_posted_work_on_all_its_threads) {
+  static_thread_pool pool(3);
+  Barrier barriers[3];
+  for (auto& barrier : barriers)
+    pool.post([&] { barrier.wait(); });
+  for (auto& barrier : barriers)
+    EXPECT_TRUE(barrier.entered()) << "all three at once";
+  std::atomic<bool> fourth{false};
+  pool.post([&] { fourth = true; });
+  EXPECT_FALSE(fourth);
+  for (auto& barrier : barriers)
+    barrier.release();
+  EXPECT_TRUE(test::eventually([&] { return fourth.load(); }));
+}
+
+TEST(Pool, a_slow_piece_does_not_hold_up_the_next_ones) {
+  static_thread_pool pool(2);
+  Barrier barrier;
+  Seen<int> ran;
+  pool.post([&] { barrier.wait(); });
+  for (int i = 0; i < 100; ++i)
+    pool.post([&, i] { ran.add(i); });
+  EXPECT_TRUE(ran.wait_count(100));
+  barrier.release();
+}
+
+TEST(Pool, stop_drops_what_has_not_begun_and_may_be_repeated) {
+  static_thread_pool pool(1);
+  Barrier barrier;
+  std::atomic<bool> ran{false};
+  pool.post([&] { barrier.wait(); });
+  ASSERT_TRUE(barrier.entered());
+  pool.post([&] { ran = true; });
+  auto stopped = std::async(std::launch::async, [&] { pool.stop(); });
+  // The piece in work ends first; only then can the worker see that it has to stop.
+  EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout);
+  barrier.release();
+  stopped.get();
+  pool.stop();
+  EXPECT_FALSE(ran);
+}
+
+TEST(Pool, needs_a_thread) {
+  EXPECT_THROW(static_thread_pool{0}, std::invalid_argument);
+}
+
+class Reader final : public someip::Readable {
+ public:
+  explicit Reader(int descriptor) : descriptor_(descriptor) {}
+  void on_readable() override {
+    std::uint64_t value = 0;
+    if (::read(descriptor_, &value, sizeof value) == sizeof value) seen.add(value);
+  }
+  Seen<std::uint64_t> seen;
+
+ private:
+  const int descriptor_;
+};
+
+TEST(Pool, calls_readers_for_arrivals_until_they_are_unwatched) {
+  static_thread_pool pool(2);
+  const int descriptor = ::eventfd(0, EFD_NONBLOCK);
+  const auto signal = [&](std::uint64_t value) {
+    ASSERT_EQ(::write(descriptor, &value, sizeof value), ssize_t{sizeof value});
+  };
+  const auto reader = std::make_shared<Reader>(descriptor);
+  auto& loop = pool.loop();
+  const auto watch = loop.watch(descriptor, reader);
+  signal(1);
+  ASSERT_TRUE(reader->seen.wait_count(1));
+  signal(2);
+  ASSERT_TRUE(reader->seen.wait_count(2));
+  loop.unwatch(watch, descriptor);
+
+  signal(3);
+  EXPECT_EQ(reader.use_count(), 1);
+  EXPECT_THAT(reader->seen.all(), ElementsAre(1, 2));
+  ::close(descriptor);
+}
+
+}  // namespace
