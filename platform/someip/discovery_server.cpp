@@ -67,6 +67,7 @@ void Discovery_server::end_all_subscriptions(Local& local) {
   for (auto& [group, state] : local.groups) {
     if (state.subscriptions.empty()) continue;
     host_.subscribers_changed(local.offer.key, group, {}, {});
+    host_.subscribers_settled(local.offer.key, group);
   }
 }
 
@@ -220,8 +221,10 @@ void Discovery_server::deliver(bool initial_values) {
           fresh.push_back(subscription.subscriber);
         }
       }
-      if (initial_values) state.changed = false;
       if (!initial_values || !fresh.empty()) host_.subscribers_changed(key, group, all, fresh);
+      if (!initial_values) continue;
+      state.changed = false;
+      host_.subscribers_settled(key, group);
     }
   }
 }

@@ -36,6 +36,8 @@ class Discovery_server_host {
                                    std::uint16_t event_group,
                                    const std::vector<Subscriber>& all,
                                    const std::vector<Subscriber>& fresh) = 0;
+  /// Everything about a changed group has been said, the acknowledgements are on their way.
+  virtual void subscribers_settled(const Instance_key&, std::uint16_t) {}
 };
 
 /// Everything happens on one thread. Entries go to the outbox; whoever calls a member then calls

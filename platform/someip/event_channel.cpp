@@ -1,5 +1,7 @@
 #include "platform/someip/event_channel.h"
 
+#include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace someip {
@@ -38,8 +40,8 @@ void Event_channel::notify(Bytes payload) {
   }
   if (!targets_) return;
   const std::uint16_t session = sessions_.next();
-  if (sending_) {
-    queue_.push_back({{payload.begin(), payload.end()}, targets_, session});
+  if (held_ || sending_) {
+    (held_ ? held_queue_ : queue_).push_back({{payload.begin(), payload.end()}, targets_, session});
     return;
   }
   sending_ = true;
@@ -50,18 +52,35 @@ void Event_channel::notify(Bytes payload) {
   drain(lock);
 }
 
-void Event_channel::set_targets(Targets targets, Targets fresh) {
-  std::unique_lock lock(mutex_);
+void Event_channel::hold(Targets targets) {
+  const std::lock_guard lock(mutex_);
   targets_ = std::move(targets);
-  if (!fresh) return;
-  if (!value_) {
-    lock.unlock();
-    if (field_ && value_missing_) value_missing_(header_.method);
+  held_ = true;
+  held_value_ = value_;
+}
+
+void Event_channel::send_initial(Targets fresh) {
+  std::unique_lock lock(mutex_);
+  if (held_value_) {
+    queue_.push_back({*held_value_, std::move(fresh), sessions_.next()});
+    send_queue(lock);
     return;
   }
-  queue_.push_back({*value_, std::move(fresh), sessions_.next()});
-  if (std::exchange(sending_, true)) return;
-  drain(lock);
+  const bool missing = field_ && !value_;
+  lock.unlock();
+  if (missing && value_missing_) value_missing_(header_.method);
+}
+
+void Event_channel::release() {
+  std::unique_lock lock(mutex_);
+  held_ = false;
+  held_value_.reset();
+  std::ranges::move(std::exchange(held_queue_, {}), std::back_inserter(queue_));
+  send_queue(lock);
+}
+
+void Event_channel::send_queue(std::unique_lock<std::mutex>& lock) {
+  if (!std::exchange(sending_, true)) drain(lock);
 }
 
 void Event_channel::drain(std::unique_lock<std::mutex>& lock) {

@@ -52,8 +52,13 @@ class Event_channel {
 
   /// To all present targets. A field's value is kept.
   void notify(Bytes payload);
-  /// From the next notification on; `fresh` get the present value of a field now.
-  void set_targets(Targets targets, Targets fresh);
+  /// A change of the targets: hold() them, acknowledge, send_initial() to those who shall get the
+  /// present value of a field, release(). What is notified in between follows afterwards, so a new
+  /// subscriber sees the acknowledgement, then the value of that moment, then every later one,
+  /// once.
+  void hold(Targets targets);
+  void send_initial(Targets fresh);
+  void release();
   [[nodiscard]] std::optional<std::vector<std::byte>> value() const;
 
  private:
@@ -65,6 +70,8 @@ class Event_channel {
 
   void send(Bytes payload, const Event_targets& targets, std::uint16_t session);
   void drain(std::unique_lock<std::mutex>& lock);
+  /// Sends the queue, unless somebody does so already.
+  void send_queue(std::unique_lock<std::mutex>& lock);
 
   const Header header_;
   const bool field_;
@@ -77,6 +84,9 @@ class Event_channel {
   bool sending_ = false;      ///< somebody sends and will take the queue along
   std::deque<Job> queue_;
   Targets targets_;
+  bool held_ = false;
+  std::deque<Job> held_queue_;                        ///< notified while held
+  std::optional<std::vector<std::byte>> held_value_;  ///< as it was when the targets changed
   std::optional<std::vector<std::byte>> value_;
   Session_counter sessions_;
 };

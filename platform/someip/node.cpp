@@ -338,10 +338,20 @@ void Node::subscribers_changed(const Instance_key& key,
     if (targets->udp.size() < multicast.threshold) continue;
     targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
   }
-  const auto initial = targets_of(fresh);
   for (Event_channel* channel : instance->second->group(event_group)) {
-    channel->set_targets(targets, fresh.empty() ? nullptr : initial);
+    if (fresh.empty()) {
+      channel->hold(targets);
+    } else {
+      channel->send_initial(targets_of(fresh));
+    }
   }
+}
+
+void Node::subscribers_settled(const Instance_key& key, std::uint16_t event_group) {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return;
+  for (Event_channel* channel : instance->second->group(event_group))
+    channel->release();
 }
 
 }  // namespace someip

@@ -125,6 +125,7 @@ class Node final : private Discovery_server_host,
                            std::uint16_t event_group,
                            const std::vector<Subscriber>& all,
                            const std::vector<Subscriber>& fresh) override;
+  void subscribers_settled(const Instance_key& key, std::uint16_t event_group) override;
   // Discovery_client_host
   void instance_available(const Instance_key& key, const Remote_offer& offer) override;
   void instance_gone(const Instance_key& key) override;
