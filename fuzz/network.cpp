@@ -231,9 +231,10 @@ std::ptrdiff_t Network::receive(int descriptor,
                                 std::vector<std::byte>& bytes,
                                 someip::Endpoint& from) {
   const std::lock_guard lock(mutex_);
-  std::byte knock;
-  if (__real_recvfrom(descriptor, &knock, 1, MSG_DONTWAIT, nullptr, nullptr) != 1) return -1;
   Socket& socket = sockets_.at(descriptor);
+  if (socket.arrived.empty()) return fail(EAGAIN);
+  std::byte knock;
+  __real_recvfrom(descriptor, &knock, 1, MSG_DONTWAIT, nullptr, nullptr);
   bytes = std::move(socket.arrived.front().bytes);
   from = socket.arrived.front().from;
   socket.arrived.pop_front();
