@@ -112,6 +112,10 @@ void Discovery::entry(const Discovery_message& message,
                       Time now) {
   switch (entry.type) {
     case Entry_type::find_service:
+      if (message.options_of(entry, own_.is_v4()).fault) {
+        counters_.dropped_entries.add();
+        return;
+      }
       server_.find(entry, from, multicast, message.unicast, now);
       return;
     case Entry_type::offer_service:

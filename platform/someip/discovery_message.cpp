@@ -196,6 +196,8 @@ Entry_options Discovery_message::options_of(const Entry& entry, bool ipv4) const
       const Option_kind kind = kind_of(option.type);
       if (kind == Option_kind::unknown || is_discovery_endpoint(option)) continue;
       if (kind == (ipv4 ? Option_kind::ipv6 : Option_kind::ipv4)) continue;
+      // Where a searcher may be reached is of no use, right or wrong (someipsd_106).
+      if (entry.type == Entry_type::find_service && kind != Option_kind::text) continue;
       if (!option.valid) {
         result.fault = true;
         continue;

@@ -37,6 +37,7 @@ Reassembler::Result Reassembler::add(const Endpoint& peer,
                                      const Header& header,
                                      Bytes payload,
                                      Time now) {
+  drop_stale(now);
   const Key key{peer, header.service, header.method, header.client};
   auto train = trains_.find(key);
   const bool continues = train != trains_.end() && train->second.first.session == header.session;
@@ -62,7 +63,6 @@ Reassembler::Result Reassembler::add(const Endpoint& peer,
       trains_.erase(train);
       ++abandoned_;
     }
-    drop_stale(now);
     if (!room_for(peer)) return Result::refused;
     train = trains_.emplace(key, Train{header, {}, now}).first;
   }

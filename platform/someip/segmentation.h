@@ -35,8 +35,8 @@ bool for_each_segment(Header header, Bytes payload, Send&& send);
 
 /// Puts trains together again. Segments must arrive in order; a gap, an overlap or a header that
 /// changes drops the whole train, a train of a later session of the same sender and message
-/// replaces one that never ended, and a train that stands still is dropped after a while. Not
-/// thread-safe.
+/// replaces one that never ended, and a train that stands still is dropped after a while, even when
+/// its rest comes at last. Not thread-safe.
 class Reassembler {
  public:
   using Time = std::chrono::steady_clock::time_point;

@@ -282,7 +282,6 @@ class Segmentation(suite.Group):
 
     @covers("someiptp_781",
             "A train that stands still for too long is dropped, also when its rest comes later")
-    @not_met("the age of a train is looked at when a new train begins")
     def test_old_train(self):
         manifest = host_manifest(self.network)
         manifest["limits"] = {"reassemblyTimeoutMs": 150}

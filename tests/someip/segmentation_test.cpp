@@ -137,6 +137,20 @@ TEST(Reassembler, gives_up_a_train_that_never_ended_when_the_next_session_begins
   EXPECT_EQ(reassembler.add(peer, second[2].header, second[2].payload, start), Result::complete);
 }
 
+TEST(Reassembler, gives_up_a_train_that_stood_still_even_when_its_rest_comes) {
+  Limits limits;
+  Reassembler reassembler{limits};
+  const auto pieces = train(header(), 4000);
+  const auto last_moment = start + limits.reassembly_timeout;
+  EXPECT_EQ(reassembler.add(peer, pieces[0].header, pieces[0].payload, start), Result::incomplete);
+  EXPECT_EQ(reassembler.add(peer, pieces[1].header, pieces[1].payload, last_moment),
+            Result::incomplete);
+  EXPECT_EQ(reassembler.add(peer, pieces[2].header, pieces[2].payload,
+                            last_moment + limits.reassembly_timeout + 1ms),
+            Result::broken);
+  EXPECT_EQ(reassembler.take_abandoned(), 1u);
+}
+
 TEST(Reassembler, keeps_its_bounds) {
   Limits limits;
   limits.reassemblies = 3;
