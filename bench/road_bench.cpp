@@ -8,6 +8,7 @@
 
 #include "ara/log/logger.h"
 #include "bench/Road.h"
+#include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 
 namespace {
@@ -90,6 +91,9 @@ BENCHMARK(log_line_by_snprintf);
 int main(int argc, char** argv) {
   ara::log::InitLogging("POS", "benchmark", ara::log::LogLevel::kInfo, ara::log::LogMode::kRemote,
                         "");
+  // As in the application: the trace is there, and nothing of a position is told at this level.
+  binding::Platform_trace_logger logger{ara::log::CreateLogger("TRCE", "")};
+  const binding::Trace_records trace{logger};
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   return 0;

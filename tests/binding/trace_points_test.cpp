@@ -111,6 +111,7 @@ class Trace_points : public testing::Test {
   binding::Trace_records sink_{logger_};
 };
 
+using ara::log::LogLevel;
 using testing::Contains;
 using testing::ElementsAreArray;
 using testing::IsSupersetOf;
@@ -164,6 +165,30 @@ TEST_F(Trace_points, a_proxy_tells_of_bad_payloads_and_throwing_handlers_and_goe
   EXPECT_EQ(
       proxy->positions.GetNewSamples([](const auto& sample) { EXPECT_TRUE(sample->empty()); }), 1U)
       << "what came before the malformed payload is still there";
+}
+
+TEST_F(Trace_points, the_records_of_a_message_follow_the_level_at_run_time) {
+  using Proxy = lumo::services::gnss::proxy::GNSSProxy;
+  Proxy proxy{Proxy::HandleType{{.service = "played", .instance = 1, .where = {}}}};
+  proxy.positions.SetReceiveHandler([] {});
+  proxy.positions.Subscribe(2);
+  runtime_.states.at("positions")(true);
+  lumo::services::gnss::skeleton::GNSSSkeleton source{ara::core::InstanceSpecifier{"Known"}};
+  const auto told_at = [&](LogLevel level) {
+    ara::log::CreateLogger("TRCE", "").SetLevel(level);
+    const auto before = records().size();
+    runtime_.notifications.at("positions")(std::vector<std::byte>(4));
+    source.positions.Update({});
+    const auto all = records();
+    return std::vector(all.begin() + static_cast<std::ptrdiff_t>(before), all.end());
+  };
+  const std::vector<std::string> every{"Event_update_rx", "Event_cache_update",
+                                       "Event_receive_handler", "Event_receive_handler_performance",
+                                       "Event_update_tx"};
+  EXPECT_THAT(told_at(LogLevel::kDebug), testing::IsEmpty());
+  EXPECT_EQ(told_at(LogLevel::kVerbose), every);
+  EXPECT_THAT(told_at(LogLevel::kOff), testing::IsEmpty());
+  EXPECT_EQ(told_at(LogLevel::kVerbose), every);
 }
 
 }  // namespace

@@ -59,6 +59,8 @@ class Logger {
   void Log(LogLevel level, std::string_view text) const noexcept { Stream(level) << text; }
 
   [[nodiscard]] LogLevel Level() const noexcept { return level_.load(std::memory_order_relaxed); }
+  /// The level itself, for one who asks so often that he keeps a pointer to it.
+  [[nodiscard]] const std::atomic<LogLevel>& LevelInForce() const noexcept { return level_; }
   /// Until the daemon says otherwise.
   void SetLevel(LogLevel level) noexcept;
   [[nodiscard]] const std::string& ContextId() const noexcept;

@@ -119,8 +119,7 @@ class Event {
   /// waiting.
   void Subscribe(std::size_t max_samples) {
     cache_ = std::make_shared<Sample_cache<Value>>(std::max<std::size_t>(max_samples, 1));
-    trace(Trace_id::Field_subscribe,
-          [&] { return connection_.event(Trace_id::Field_subscribe, id_); });
+    tell(Trace_id::Field_subscribe);
     subscribed_ = true;
     state_ = ara::com::SubscriptionState::kSubscriptionPending;
     connection_.consumer->subscribe(
@@ -131,8 +130,7 @@ class Event {
   void Unsubscribe() {
     if (!subscribed_) return;
     subscribed_ = false;
-    trace(Trace_id::Field_unsubscribe,
-          [&] { return connection_.event(Trace_id::Field_unsubscribe, id_); });
+    tell(Trace_id::Field_unsubscribe);
     connection_.consumer->unsubscribe(name_);
     state_ = ara::com::SubscriptionState::kNotSubscribed;
   }
@@ -155,35 +153,52 @@ class Event {
 
  private:
   void on_notification(tq::com::Payload payload) {
-    const auto event = [&](Trace_id id) { return connection_.event(id, id_); };
-    trace(Trace_id::Event_update_rx, [&] { return event(Trace_id::Event_update_rx); });
+    if (may_trace(per_message_level)) {
+      on_traced_notification(payload);
+    } else if (take(payload) && receive_) {
+      handle([this] { receive_(); });
+    }
+  }
+  [[gnu::cold, gnu::noinline]] void on_traced_notification(tq::com::Payload payload) {
+    tell(Trace_id::Event_update_rx);
     if (state_ != ara::com::SubscriptionState::kSubscribed) {
       // Ahead of the acknowledgement, or behind the end of the subscription; the value is good.
-      trace(Trace_id::Event_update_when_not_subscribed,
-            [&] { return event(Trace_id::Event_update_when_not_subscribed); });
+      tell(Trace_id::Event_update_when_not_subscribed);
     }
+    if (!take(payload)) return;
+    tell(Trace_id::Event_cache_update);
+    if (!receive_) return;
+    tell(Trace_id::Event_receive_handler);
+    handle([this] {
+      constexpr auto id = Trace_id::Event_receive_handler_performance;
+      trace_duration(id, receive_, [&] { return connection_.event(id, id_); });
+    });
+  }
+  /// Decodes into the cache; false when there is nothing new in it.
+  bool take(tq::com::Payload payload) {
     auto slot = cache_->acquire();
-    if (slot == nullptr) return;
+    if (slot == nullptr) return false;
     try {
       Serialization<Value>::decode(payload, *slot);
     } catch (const std::exception& error) {
       cache_->release(std::move(slot));
       log_malformed_payload(connection_.service, name_, error.what());
-      trace(Trace_id::Event_deserialize_exception,
-            [&] { return event(Trace_id::Event_deserialize_exception); });
-      return;
+      tell(Trace_id::Event_deserialize_exception);
+      return false;
     }
     cache_->push(std::move(slot));
-    trace(Trace_id::Event_cache_update, [&] { return event(Trace_id::Event_cache_update); });
-    if (!receive_) return;
-    trace(Trace_id::Event_receive_handler, [&] { return event(Trace_id::Event_receive_handler); });
+    return true;
+  }
+  template <class Call>
+  void handle(Call call) {
     try {
-      trace_duration(Trace_id::Event_receive_handler_performance, receive_,
-                     [&] { return event(Trace_id::Event_receive_handler_performance); });
+      call();
     } catch (...) {
-      trace(Trace_id::Event_receive_handler_exception,
-            [&] { return event(Trace_id::Event_receive_handler_exception); });
+      tell(Trace_id::Event_receive_handler_exception);
     }
+  }
+  [[gnu::cold, gnu::noinline]] void tell(Trace_id id) const {
+    trace(id, [&] { return connection_.event(id, id_); });
   }
 
   void on_state(bool acknowledged) {
@@ -193,8 +208,7 @@ class Event {
     try {
       state_changed_(state);
     } catch (...) {
-      trace(Trace_id::Event_state_handler_exception,
-            [&] { return connection_.event(Trace_id::Event_state_handler_exception, id_); });
+      tell(Trace_id::Event_state_handler_exception);
     }
   }
 

@@ -31,6 +31,9 @@ struct Provision {
   [[nodiscard]] Trace_event event(Trace_id id, std::uint32_t element = 0) const {
     return {.id = id, .service = service, .instance = instance, .element = element};
   }
+  [[gnu::cold, gnu::noinline]] void tell_update(std::uint32_t element) const {
+    trace(Trace_id::Event_update_tx, [&] { return event(Trace_id::Event_update_tx, element); });
+  }
 };
 
 namespace detail {
@@ -133,8 +136,7 @@ class Event {
   void Send(const Value& value) {
     std::vector<std::byte> payload;
     Serialization<Value>::encode(value, payload);
-    trace(Trace_id::Event_update_tx,
-          [&] { return provision_.event(Trace_id::Event_update_tx, id_); });
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(id_);
     provision_.provider->send_event(id_, payload);
   }
 
@@ -172,8 +174,7 @@ class Field {
       has_value_ = true;
     }
     if (!ids_.notifier) return;
-    trace(Trace_id::Event_update_tx,
-          [&] { return provision_.event(Trace_id::Event_update_tx, *ids_.notifier); });
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(*ids_.notifier);
     provision_.provider->update_field(*ids_.notifier, payload);
   }
   void RegisterGetHandler(GetHandler handler) {

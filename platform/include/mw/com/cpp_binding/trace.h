@@ -101,16 +101,14 @@ struct Trace_event {
 
 class Trace_sink {
  public:
-  /// `context`: where the records will be logged, when that is one log context: its level is asked
-  /// first, without a call.
+  /// `context`: where the records will be logged, when that is one log context: its level, as it is
+  /// at the time, is asked before the sink.
   explicit Trace_sink(const ara::log::Logger* context = nullptr) : context_{context} {}
   virtual ~Trace_sink() = default;
   Trace_sink(const Trace_sink&) = delete;
   Trace_sink& operator=(const Trace_sink&) = delete;
 
-  [[nodiscard]] bool wants(Trace_id id) const noexcept {
-    return (context_ == nullptr || context_->IsEnabled(trace_level(id))) && is_enabled(id);
-  }
+  [[nodiscard]] const ara::log::Logger* context() const noexcept { return context_; }
   [[nodiscard]] virtual bool is_enabled(Trace_id id) const noexcept = 0;
   virtual void write(const Trace_event& event) noexcept = 0;
 
@@ -118,30 +116,61 @@ class Trace_sink {
   const ara::log::Logger* context_;
 };
 
+/// At a level less verbose than this nothing is told about a single message, failures apart.
+inline constexpr auto per_message_level = ara::log::LogLevel::kDebug;
+
 namespace detail {
+inline constexpr std::atomic<ara::log::LogLevel> nothing{ara::log::LogLevel::kOff};
+inline constexpr std::atomic<ara::log::LogLevel> everything{ara::log::LogLevel::kVerbose};
+
 inline std::atomic<Trace_sink*> trace_sink{nullptr};
+/// The level up to which it is worth asking the sink: never null, so that a trace that is off costs
+/// two loads and one branch.
+inline std::atomic<const std::atomic<ara::log::LogLevel>*> trace_gate{&nothing};
+
+/// Out of line, with what the records need: a message passes by without it.
+[[nodiscard, gnu::cold, gnu::noinline]] inline bool is_wanted(Trace_id id) {
+  // acquire: what the sink points to was built by the thread that installed it.
+  const auto* sink = trace_sink.load(std::memory_order_acquire);
+  return sink != nullptr && sink->is_enabled(id);
 }
+template <class Make>
+[[gnu::cold, gnu::noinline]] void write(Trace_id id, Make& make) {
+  auto* sink = trace_sink.load(std::memory_order_acquire);
+  if (sink != nullptr && sink->is_enabled(id)) sink->write(make());
+}
+}  // namespace detail
 
 /// The sink must outlive every proxy and skeleton, or be taken out with nullptr before.
 inline void set_trace_sink(Trace_sink* sink) {
+  const auto gate = [](const std::atomic<ara::log::LogLevel>& level) {
+    detail::trace_gate.store(&level, std::memory_order_release);
+  };
+  if (sink == nullptr) gate(detail::nothing);
   detail::trace_sink.store(sink, std::memory_order_release);
+  if (sink == nullptr) return;
+  gate(sink->context() != nullptr ? sink->context()->LevelInForce() : detail::everything);
 }
 
-/// Whether an event of this kind would be written; ask before measuring durations.
-[[nodiscard]] inline bool is_traced([[maybe_unused]] Trace_id id) {
+/// Whether records of this level may be wanted: the one question on the road of a message.
+[[nodiscard]] inline bool may_trace([[maybe_unused]] ara::log::LogLevel level) {
 #if POS_TRACE
-  // acquire: what the sink points to was built by the thread that installed it.
-  const auto* sink = detail::trace_sink.load(std::memory_order_acquire);
-  return sink != nullptr && sink->wants(id);
+  const auto* gate = detail::trace_gate.load(std::memory_order_acquire);
+  return __builtin_expect(level <= gate->load(std::memory_order_relaxed), false);
 #else
   return false;
 #endif
 }
 
+/// Whether an event of this kind would be written; ask before measuring durations.
+[[nodiscard]] inline bool is_traced(Trace_id id) {
+  return may_trace(trace_level(id)) && detail::is_wanted(id);
+}
+
 /// Writes the event that `make` returns, if events of this kind are wanted.
 template <class Make>
 inline void trace(Trace_id id, Make&& make) {
-  if (is_traced(id)) detail::trace_sink.load(std::memory_order_acquire)->write(make());
+  if (may_trace(trace_level(id))) detail::write(id, make);
 }
 
 /// Runs `work` and tells how long it took under `id`; the clock is read only when that is traced.
