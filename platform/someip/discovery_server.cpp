@@ -202,6 +202,14 @@ void Discovery_server::connection_lost(const Endpoint& client) {
   });
 }
 
+std::size_t Discovery_server::port_closed(const Endpoint& client) {
+  const std::size_t ended = end_subscriptions([&](const Subscription& subscription) {
+    return subscription.subscriber.endpoints.udp == client;
+  });
+  counters_.subscriptions_closed.add(ended);
+  return ended;
+}
+
 void Discovery_server::deliver_subscribers() {
   deliver(false);
 }

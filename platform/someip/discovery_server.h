@@ -73,6 +73,9 @@ class Discovery_server {
   void forget_peer(const Endpoint& peer);
   /// A client's TCP connection is gone, its subscriptions over it too.
   void connection_lost(const Endpoint& client);
+  /// The client has closed the port that events go to, and with it its subscriptions there. Gives
+  /// how many they were.
+  std::size_t port_closed(const Endpoint& client);
 
   void deliver_subscribers();
   void deliver_initial_values();

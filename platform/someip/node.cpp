@@ -72,6 +72,7 @@ Node::Node(const Deployment& deployment,
       reassembler_(deployment.limits),
       requests_(deployment.limits.queued_requests),
       calls_(deployment.limits.pending_calls),
+      closed_ports_(workers.control()),
       timer_(workers.control()),
       call_timer_(workers.control()) {
   take_address();
@@ -97,7 +98,10 @@ Node::Node(const Deployment& deployment,
                          }});
   client_port_->open();
   on_control([this] {
+    closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
     channel_->start([this](Bytes datagram, const Endpoint& from, bool multicast) {
+      // A port that was closed before its owner subscribed again must not end the new subscription.
+      if (!multicast) closed_ports_.look();
       discovery_->received(datagram, from, multicast, std::chrono::steady_clock::now());
       schedule();
     });
@@ -152,6 +156,7 @@ void Node::stop() {
                          });
       stopped_ = true;
       channel_->stop();
+      closed_ports_.stop();
       timer_.cancel();
       call_timer_.cancel();
       for (auto& [group, port] : multicast_ports_)
@@ -203,6 +208,26 @@ void Node::peer_restarted(const Address& peer, Time last_contact) {
     port->forget(peer, last_contact);
 }
 
+void Node::port_closed(const Returned_datagram& returned) {
+  // Only what we could have sent: an event of ours.
+  const Header& header = returned.header;
+  const bool ours = std::ranges::any_of(offered_, [&](const auto& offered) {
+    const auto& [key, instance] = offered;
+    return key.service == header.service && key.major_version == header.interface_version &&
+           instance->has_event(header.method);
+  });
+  const auto type = static_cast<std::uint8_t>(header.type & ~segment_flag);
+  if (!ours || type != static_cast<std::uint8_t>(Message_type::notification)) return;
+  std::size_t ended = 0;
+  change([&](Discovery_server& server, Discovery_client&) {
+    ended = server.port_closed(returned.destination);
+  });
+  if (ended == 0) return;
+  log_.limited(Log_level::warning, "closed",
+               to_string(returned.destination) + " is closed: its subscriptions (" +
+                   std::to_string(ended) + ") have ended");
+}
+
 // Providing
 
 std::shared_ptr<Node::Service_port> Node::udp_port(const Instance_deployment& instance) {
@@ -221,6 +246,7 @@ std::shared_ptr<Node::Service_port> Node::udp_port(const Instance_deployment& in
     log_.limited(Log_level::warning, "multicast",
                  "no multicast from " + own_.to_string() + ": " + error.message());
   }
+  closed_ports_.add(*socket);
   auto port = std::make_shared<Service_port>(std::move(socket), *this);
   port->port->open();
   return udp_ports_.emplace(*instance.udp_port, std::move(port)).first->second;

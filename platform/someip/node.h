@@ -11,6 +11,7 @@
 #include <set>
 #include <vector>
 
+#include "platform/someip/closed_ports.h"
 #include "platform/someip/counters.h"
 #include "platform/someip/deployment.h"
 #include "platform/someip/discovery.h"
@@ -167,6 +168,7 @@ class Node final : private Discovery_server_host,
   [[nodiscard]] bool admit_connection();
   void peer_restarted(const Address& peer, Time last_contact);
   void connection_lost(const Endpoint& server);
+  void port_closed(const Returned_datagram& returned);
   void release_connection(const Endpoint& server, bool even_if_offered);
 
   const Deployment& deployment_;
@@ -196,6 +198,7 @@ class Node final : private Discovery_server_host,
   bool stopped_ = false;
   std::unique_ptr<Discovery> discovery_;
   std::unique_ptr<Tcp_client> tcp_client_;
+  Closed_ports closed_ports_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer call_timer_;
   std::vector<Running_search> searches_;

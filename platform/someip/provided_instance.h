@@ -88,6 +88,7 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   void set_handler(std::uint16_t method, Method_handler handler);
   /// The event or notifier; throws std::out_of_range when the service has none of that id.
   [[nodiscard]] Event_channel& event(std::uint16_t id);
+  [[nodiscard]] bool has_event(std::uint16_t id) const { return events_.contains(id); }
   /// See Event_channel; for all fields.
   void on_value_missing(const std::function<void(std::uint16_t)>& tell);
   /// The events of a group.

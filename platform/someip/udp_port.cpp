@@ -15,6 +15,8 @@ namespace {
 /// After so many batches the first handler is not kept waiting any longer.
 constexpr int batches_before_handlers = 4;
 constexpr std::size_t max_datagram = 65536;
+/// More in a row are no errors of sends: the socket itself is of no use.
+constexpr int max_errors = 64;
 
 /// Longer datagrams than ours spill into this one; a thread receives one batch at a time.
 std::byte* spill(std::size_t index, std::size_t count) {
@@ -118,13 +120,13 @@ Udp_port::Batch Udp_port::receive_batch(Tasks& tasks) {
     messages[i].msg_hdr.msg_iovlen = parts[i].size();
   }
 
-  int count = 0;
-  do {
+  int count = -1;
+  for (int errors = 0; count < 0 && errors < max_errors; ++errors) {
     count = ::recvmmsg(socket_->descriptor(), messages.data(), datagrams_per_batch, MSG_DONTWAIT,
                        nullptr);
-    // Errors of earlier sends (a port that nobody has open) come back here and say nothing.
-  } while (count < 0 && (errno == EINTR || errno == ECONNREFUSED || errno == EHOSTUNREACH ||
-                         errno == ENETUNREACH));
+    // Errors of earlier sends (a port that nobody has open) come back here, once, and say nothing.
+    if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
+  }
   if (count <= 0) return {};
   Batch batch{static_cast<std::size_t>(count), std::nullopt};
   counters_.datagrams_received.add(static_cast<std::uint64_t>(count));

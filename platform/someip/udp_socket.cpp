@@ -108,6 +108,12 @@ void Udp_socket::allow_missing_address() {
   static_cast<void>(set(descriptor_, SOL_IP, IP_FREEBIND, on));
 }
 
+void Udp_socket::keep_errors() {
+  const int on = 1;
+  const bool v4 = local().address.is_v4();
+  static_cast<void>(set(descriptor_, v4 ? SOL_IP : SOL_IPV6, v4 ? IP_RECVERR : IPV6_RECVERR, on));
+}
+
 std::error_code Udp_socket::bind(const Endpoint& endpoint) {
   const Socket_address address(endpoint);
   return ::bind(descriptor_, address.data(), address.size()) == 0 ? std::error_code{}
@@ -152,9 +158,12 @@ std::error_code Udp_socket::send(Bytes head, Bytes rest, const Socket_address& t
   message.msg_namelen = to.size();
   message.msg_iov = parts.data();
   message.msg_iovlen = rest.empty() ? 1 : 2;
-  for (;;) {
+  for (int attempts = 3;;) {
     if (::sendmsg(descriptor_, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return {};
-    if (errno != EINTR) return last_error();
+    if (errno == EINTR) continue;
+    // With keep_errors() the error of an earlier datagram, to somebody else, is reported first,
+    // once.
+    if (--attempts == 0 || errno == EAGAIN || errno == ENOBUFS) return last_error();
   }
 }
 

@@ -46,6 +46,9 @@ class Udp_socket {
   void reuse_address();
   /// An address that no interface has yet can be bound: the network may come up later.
   void allow_missing_address();
+  /// Errors that come back from the network wait in the socket's error queue, with the destination
+  /// that they are about. To be called once bound.
+  void keep_errors();
   [[nodiscard]] std::error_code bind(const Endpoint& endpoint);
   [[nodiscard]] Endpoint local() const;
   /// Multicast goes out, and is joined, on the interface that owns `own`.

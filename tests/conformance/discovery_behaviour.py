@@ -6,6 +6,8 @@ import os
 import subprocess
 import tempfile
 
+from scapy.layers.inet import ICMP
+
 from devices import *
 from network import *
 import suite
@@ -631,7 +633,6 @@ class DiscoveryBehaviour(suite.Group):
 
     @covers("someipsd_435",
             "A subscriber whose port turns out to be closed is struck from the list")
-    @not_met("a closed port is counted, the subscription ends with its time to live")
     def test_unreachable_subscriber(self):
         host, peer = self.vehicle()
         events = self.subscription(host, peer, TICK_GROUP)
@@ -645,6 +646,38 @@ class DiscoveryBehaviour(suite.Group):
         host.do("event first tick 09")
         self.settled(host, peer)
         self.assertEqual(again.messages, [])
+        self.assertEqual(host.count("subscriptionsClosed"), 1)
+
+    @covers("someipsd_435",
+            """A closed port is believed of the one who says it of itself and quotes the event that came back;
+            the events of others arrive meanwhile""")
+    def test_forged_unreachability(self):
+        host, peer = self.vehicle()
+        events = self.subscription(host, peer, TICK_GROUP)
+        host.do("event first tick 00")
+        event = events.wait(lambda one: one.method == TICK)
+        answer = peer.call(host.udp(), VEHICLE, ECHO, interface=MAJOR)
+
+        def closed(quote, port=events.port, says=peer.address):
+            """How many subscriptions it has cost that `says` calls a port closed."""
+            returned = IP(src=host.address, dst=peer.address) / UDP(sport=VEHICLE_PORT, dport=port) / quote
+            with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as icmp:
+                icmp.bind((says, 0))
+                icmp.sendto(bytes(ICMP(type=3, code=3) / returned), (host.address, 0))
+            self.settled(host, peer)
+            host.do("event first tick 01")
+            self.settled(host, peer)
+            return host.count("subscriptionsClosed")
+        try:
+            self.assertEqual(closed(event.raw, says=self.network.address(9, 99)), 0)
+        except PermissionError:
+            self.skipTest("needs the right to make raw sockets")
+        self.assertEqual(closed(event.raw, port=events.port + 1), 0)
+        self.assertEqual(closed(answer.raw), 0)
+        self.assertEqual(closed(b""), 0)
+        self.assertEqual(len(events.messages), 5)
+        self.assertEqual(closed(event.raw), 1)
+        self.assertEqual(len(events.messages), 5)
 
     # Times to live of offers
 
