@@ -270,7 +270,9 @@ using fuzz::Network;
 
 extern "C" {
 
-int __wrap_socket(int, int type, int) {
+int __wrap_socket(int domain, int type, int) {
+  // No link is lost here.
+  if (domain == AF_NETLINK) return fuzz::fail(EAFNOSUPPORT);
   return Network::instance().socket(type);
 }
 

@@ -26,7 +26,7 @@ struct Counters {
   Counter responses_received, responses_sent;
   Counter segments_received, segments_sent;
   Counter tcp_accepted, tcp_connected, tcp_lost, tcp_resynchronised;
-  Counter peer_restarts, offers_expired, subscriptions_expired, subscriptions_closed;
+  Counter peer_restarts, offers_expired, subscriptions_expired, subscriptions_closed, links_lost;
   Counter subscriptions_accepted, subscriptions_refused;
   Counter calls_timed_out;
   Counter dropped_malformed, dropped_discovery_malformed, dropped_segments, dropped_unknown_service,
@@ -63,6 +63,7 @@ inline constexpr std::array counter_names = {
     Counter_name{"offersExpired", &Counters::offers_expired},
     Counter_name{"subscriptionsExpired", &Counters::subscriptions_expired},
     Counter_name{"subscriptionsClosed", &Counters::subscriptions_closed},
+    Counter_name{"linksLost", &Counters::links_lost},
     Counter_name{"subscriptionsAccepted", &Counters::subscriptions_accepted},
     Counter_name{"subscriptionsRefused", &Counters::subscriptions_refused},
     Counter_name{"callsTimedOut", &Counters::calls_timed_out},

@@ -116,6 +116,8 @@ struct Node_deployment {
   /// Ports for a client's own endpoints: 0 lets the kernel choose.
   std::uint16_t client_port = 0;
   Milliseconds request_timeout{2000};
+  /// Without: the link of the node's interface counts as up, whatever it does.
+  bool watch_link = true;
 };
 
 struct Deployment {

@@ -49,6 +49,7 @@ bool Discovery::acceptable(const Instance_endpoints& endpoints) const {
 
 void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, Time now) {
   counters_.discovery_received.add();
+  if (!link_up_) return;  // still in the socket when the link was lost
   if (!acceptable(from)) {
     counters_.dropped_foreign_peer.add();
     return;
@@ -166,6 +167,18 @@ void Discovery::offer_entry(const Discovery_message& message,
 void Discovery::on_time(Time now) {
   server_.on_time(now);
   client_.on_time(now);
+  settle(now);
+}
+
+void Discovery::link_changed(bool up, Time now) {
+  link_up_ = up;
+  if (up) {
+    server_.link_up(now);
+    client_.link_up(now);
+  } else {
+    server_.link_down();
+    client_.link_down(now);
+  }
   settle(now);
 }
 

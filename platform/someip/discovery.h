@@ -40,6 +40,10 @@ class Discovery {
   /// A datagram that came to the group or to the own unicast endpoint.
   void received(Bytes datagram, const Endpoint& from, bool multicast, Time now);
   void on_time(Time now);
+  /// Without link, nothing that peers have offered or subscribed is in force, nothing is sent, and
+  /// nothing received counts. When it comes back everything begins as after the start; it is up at
+  /// first.
+  void link_changed(bool up, Time now);
   [[nodiscard]] Time next_deadline() const;
 
   /// Runs `work(server, client)` and sends what it leaves.
@@ -78,6 +82,7 @@ class Discovery {
   Discovery_outbox outbox_;
   Discovery_server server_;
   Discovery_client client_;
+  bool link_up_ = true;
 };
 
 }  // namespace someip

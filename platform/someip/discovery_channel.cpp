@@ -10,7 +10,6 @@
 namespace someip {
 
 namespace {
-/// Membership is lost with its interface and must be taken again when that comes back.
 constexpr std::chrono::seconds rejoin_period{1};
 constexpr std::size_t max_datagram = 65536;
 /// Then timers get their turn.
@@ -41,9 +40,9 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
   if (const auto error = multicast_.udp.bind(group_)) throw std::system_error(error, "bind");
 }
 
-void Discovery_channel::start(Receive receive) {
+void Discovery_channel::start(Receive receive, bool link_watched) {
   receive_ = std::move(receive);
-  join();
+  link_watched_ = link_watched;
   wait(multicast_, true);
   wait(unicast_, false);
 }
@@ -56,6 +55,13 @@ void Discovery_channel::stop() {
   unicast_.events.close(ignored);
 }
 
+void Discovery_channel::link_changed(bool up) {
+  rejoin_.cancel();
+  // A membership that outlived its link keeps the next one from being announced to the network.
+  multicast_.udp.leave(group_.address, own_);
+  if (up) join();
+}
+
 void Discovery_channel::join() {
   const auto error = multicast_.udp.join(group_.address, own_);
   const bool joined = !error || error == std::errc::address_in_use;
@@ -65,6 +71,7 @@ void Discovery_channel::join() {
                  "cannot join " + group_.address.to_string() + " on " + own_.to_string() +
                      " yet: " + (joined ? sender_error : error).message());
   }
+  if (link_watched_ && joined && !sender_error) return;
   rejoin_.expires_after(rejoin_period);
   rejoin_.async_wait([this](const boost::system::error_code& cancelled) {
     if (!cancelled && !stopped_) join();

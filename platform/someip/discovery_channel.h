@@ -29,8 +29,12 @@ class Discovery_channel {
                     Counters& counters,
                     Log& log);
 
-  void start(Receive receive);
+  /// `link_watched`: link_changed() will be told of every loss of the link. Otherwise membership in
+  /// the group, which may go unnoticed with its interface, is renewed again and again.
+  void start(Receive receive, bool link_watched);
   void stop();
+  /// The group is joined while the link is up, anew each time. It counts as down at first.
+  void link_changed(bool up);
   /// Without `to`, to the group. What cannot be sent is counted; discovery repeats itself.
   void send(const std::vector<std::byte>& message, const std::optional<Endpoint>& to);
 
@@ -54,6 +58,7 @@ class Discovery_channel {
   Socket unicast_;
   boost::asio::steady_timer rejoin_;
   std::vector<std::byte> buffer_;
+  bool link_watched_ = false;
   bool stopped_ = false;
 };
 

@@ -21,7 +21,7 @@ bool Discovery_client::satisfied(const Search_key& search) const {
 void Discovery_client::begin_search(Search& search, Time now) {
   search.phase = Phase::initial_wait;
   search.repetitions = 0;
-  search.next = delays_.end_of_initial_wait(now);
+  search.next = link_up_ ? delays_.end_of_initial_wait(now) : Time::max();
 }
 
 void Discovery_client::start_search(std::uint16_t service,
@@ -272,6 +272,21 @@ void Discovery_client::connection_lost(const Endpoint& server) {
       }
     }
   }
+}
+
+void Discovery_client::link_down(Time now) {
+  link_up_ = false;
+  while (!remotes_.empty())
+    remove(remotes_.begin(), false, now);
+  triggers_.clear();
+  for (auto& [key, search] : searches_)
+    begin_search(search, now);
+}
+
+void Discovery_client::link_up(Time now) {
+  link_up_ = true;
+  for (auto& [key, search] : searches_)
+    begin_search(search, now);
 }
 
 void Discovery_client::on_time(Time now) {

@@ -101,6 +101,11 @@ class Discovery_client {
   /// It broke: the subscriptions over it are void until it stands again.
   void connection_lost(const Endpoint& server);
 
+  /// Everything that has been offered is void; searches wait for the link.
+  void link_down(Time now);
+  /// Every search begins with its initial wait phase.
+  void link_up(Time now);
+
   void on_time(Time now);
   [[nodiscard]] Time next_deadline() const;
 
@@ -161,6 +166,7 @@ class Discovery_client {
   Discovery_outbox& outbox_;
   Counters& counters_;
   Discovery_client_host& host_;
+  bool link_up_ = true;
   std::map<Search_key, Search> searches_;
   Remotes remotes_;
   std::map<Group_key, Subscription> subscriptions_;

@@ -43,10 +43,16 @@ void Discovery_server::offer(Offer offer, Time now) {
   if (offers_.contains(key)) return;
   Local local;
   local.offer = std::move(offer);
-  local.next = delays_.end_of_initial_wait(now);
+  begin_offer(local, now);
   for (const auto& [group, transport] : local.offer.groups)
     local.groups[group];
   offers_.emplace(key, std::move(local));
+}
+
+void Discovery_server::begin_offer(Local& local, Time now) {
+  local.phase = Phase::initial_wait;
+  local.repetitions = 0;
+  local.next = link_up_ ? delays_.end_of_initial_wait(now) : Time::max();
 }
 
 void Discovery_server::stop_offer(const Instance_key& key) {
@@ -208,6 +214,20 @@ std::size_t Discovery_server::port_closed(const Endpoint& client) {
   });
   counters_.subscriptions_closed.add(ended);
   return ended;
+}
+
+void Discovery_server::link_down() {
+  link_up_ = false;
+  end_subscriptions([](const Subscription&) { return true; });
+  answers_.clear();
+  for (auto& [key, local] : offers_)
+    begin_offer(local, {});
+}
+
+void Discovery_server::link_up(Time now) {
+  link_up_ = true;
+  for (auto& [key, local] : offers_)
+    begin_offer(local, now);
 }
 
 void Discovery_server::deliver_subscribers() {

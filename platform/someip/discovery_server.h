@@ -77,6 +77,11 @@ class Discovery_server {
   /// how many they were.
   std::size_t port_closed(const Endpoint& client);
 
+  /// Ends all subscriptions; offers wait for the link.
+  void link_down();
+  /// Every offer begins with its initial wait phase.
+  void link_up(Time now);
+
   void deliver_subscribers();
   void deliver_initial_values();
 
@@ -110,6 +115,7 @@ class Discovery_server {
 
   void send_offer(const Local& local, std::uint32_t ttl, const Discovery_outbox::Destination& to);
   void advance(Local& local, Time now);
+  void begin_offer(Local& local, Time now);
   void end_all_subscriptions(Local& local);
   void refuse(Entry entry, const Endpoint& to);
   template <class Predicate>
@@ -121,6 +127,7 @@ class Discovery_server {
   Discovery_outbox& outbox_;
   Counters& counters_;
   Discovery_server_host& host_;
+  bool link_up_ = true;
   std::map<Instance_key, Local> offers_;
   std::vector<Answer> answers_;  ///< to finds that came by multicast, waiting for their delay
 };

@@ -96,15 +96,29 @@ Node::Node(const Deployment& deployment,
                          [this](Received message, const Endpoint& server, Tasks& tasks) {
                            dispatch(std::move(message), server, Transport::tcp, tasks);
                          }});
+  link_ = node.watch_link ? std::make_unique<Link_watch>(workers.control(), own_, log_)
+                          : std::make_unique<Link_watch>(workers.control(), own_);
   client_port_->open();
   on_control([this] {
     closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
-    channel_->start([this](Bytes datagram, const Endpoint& from, bool multicast) {
-      // A port that was closed before its owner subscribed again must not end the new subscription.
-      if (!multicast) closed_ports_.look();
-      discovery_->received(datagram, from, multicast, std::chrono::steady_clock::now());
-      schedule();
-    });
+    channel_->start(
+        [this](Bytes datagram, const Endpoint& from, bool multicast) {
+          // A port that was closed before its owner subscribed again must not end the new
+          // subscription.
+          if (!multicast) closed_ports_.look();
+          discovery_->received(datagram, from, multicast, std::chrono::steady_clock::now());
+          schedule();
+        },
+        link_->watching());
+    link_->start([this](bool up) { link_changed(up); });
+    if (link_->up()) {
+      channel_->link_changed(true);
+    } else {
+      discovery_->link_changed(false, std::chrono::steady_clock::now());
+      log_.write(Log_level::warning, own_.to_string() +
+                                         " has no link yet: no interface that runs "
+                                         "has this address");
+    }
   });
 }
 
@@ -157,6 +171,7 @@ void Node::stop() {
       stopped_ = true;
       channel_->stop();
       closed_ports_.stop();
+      link_->stop();
       timer_.cancel();
       call_timer_.cancel();
       for (auto& [group, port] : multicast_ports_)
@@ -206,6 +221,25 @@ void Node::peer_restarted(const Address& peer, Time last_contact) {
   const std::lock_guard lock(ports_mutex_);
   for (const auto& [number, port] : tcp_ports_)
     port->forget(peer, last_contact);
+}
+
+void Node::link_changed(bool up) {
+  if (up) {
+    log_.write(Log_level::info, "the link of " + own_.to_string() + " is up");
+    channel_->link_changed(true);
+    const std::lock_guard lock(ports_mutex_);
+    for (const auto& [number, port] : udp_ports_)
+      static_cast<void>(port->port->socket().multicast_from(own_));
+  } else {
+    counters_.links_lost.add();
+    log_.write(Log_level::warning, "the link of " + own_.to_string() + " is down");
+    channel_->link_changed(false);
+    const std::lock_guard lock(ports_mutex_);
+    for (const auto& [number, port] : tcp_ports_)
+      port->drop_connections();
+  }
+  discovery_->link_changed(up, std::chrono::steady_clock::now());
+  schedule();
 }
 
 void Node::port_closed(const Returned_datagram& returned) {

@@ -17,6 +17,7 @@
 #include "platform/someip/discovery.h"
 #include "platform/someip/discovery_channel.h"
 #include "platform/someip/event_routes.h"
+#include "platform/someip/link_watch.h"
 #include "platform/someip/log.h"
 #include "platform/someip/pending_calls.h"
 #include "platform/someip/provided_instance.h"
@@ -168,6 +169,7 @@ class Node final : private Discovery_server_host,
   [[nodiscard]] bool admit_connection();
   void peer_restarted(const Address& peer, Time last_contact);
   void connection_lost(const Endpoint& server);
+  void link_changed(bool up);
   void port_closed(const Returned_datagram& returned);
   void release_connection(const Endpoint& server, bool even_if_offered);
 
@@ -199,6 +201,7 @@ class Node final : private Discovery_server_host,
   std::unique_ptr<Discovery> discovery_;
   std::unique_ptr<Tcp_client> tcp_client_;
   Closed_ports closed_ports_;
+  std::unique_ptr<Link_watch> link_;
   boost::asio::steady_timer timer_;
   boost::asio::steady_timer call_timer_;
   std::vector<Running_search> searches_;

@@ -45,6 +45,10 @@ void Tcp_service_port::close() {
   error_code ignored;
   acceptor_.close(ignored);
   retry_.cancel();
+  drop_connections();
+}
+
+void Tcp_service_port::drop_connections() {
   for (const auto& connection : std::exchange(connections_, {}))
     connection->close();
 }

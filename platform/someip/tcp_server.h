@@ -32,6 +32,8 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
 
   [[nodiscard]] std::shared_ptr<Stream> connection_of(const Endpoint& client) const;
   [[nodiscard]] std::size_t connections() const { return connections_.size(); }
+  /// Closes every connection; listens on.
+  void drop_connections();
   /// Closes what `peer` opened before `before`.
   void forget(const Address& peer, Time before);
 

@@ -48,6 +48,21 @@ unsigned interface_of(const Address& own) {
   return index;
 }
 
+ip_mreq membership_v4(const Address& group, const Address& own) {
+  ip_mreq request{};
+  request.imr_multiaddr = v4(group);
+  request.imr_interface = v4(own);
+  return request;
+}
+
+ipv6_mreq membership_v6(const Address& group, const Address& own) {
+  ipv6_mreq request{};
+  const auto bytes = group.to_v6().to_bytes();
+  std::memcpy(&request.ipv6mr_multiaddr, bytes.data(), bytes.size());
+  request.ipv6mr_interface = interface_of(own);
+  return request;
+}
+
 iovec vector_of(Bytes bytes) {
   // sendmsg() does not write; its interface only cannot say so.
   return {const_cast<std::byte*>(bytes.data()), bytes.size()};
@@ -138,17 +153,14 @@ std::error_code Udp_socket::multicast_from(const Address& own) {
 }
 
 std::error_code Udp_socket::join(const Address& group, const Address& own) {
-  if (group.is_v4()) {
-    ip_mreq request{};
-    request.imr_multiaddr = v4(group);
-    request.imr_interface = v4(own);
-    return set(descriptor_, IPPROTO_IP, IP_ADD_MEMBERSHIP, request);
-  }
-  ipv6_mreq request{};
-  const auto bytes = group.to_v6().to_bytes();
-  std::memcpy(&request.ipv6mr_multiaddr, bytes.data(), bytes.size());
-  request.ipv6mr_interface = interface_of(own);
-  return set(descriptor_, IPPROTO_IPV6, IPV6_JOIN_GROUP, request);
+  return group.is_v4() ? set(descriptor_, IPPROTO_IP, IP_ADD_MEMBERSHIP, membership_v4(group, own))
+                       : set(descriptor_, IPPROTO_IPV6, IPV6_JOIN_GROUP, membership_v6(group, own));
+}
+
+void Udp_socket::leave(const Address& group, const Address& own) {
+  static_cast<void>(
+      group.is_v4() ? set(descriptor_, IPPROTO_IP, IP_DROP_MEMBERSHIP, membership_v4(group, own))
+                    : set(descriptor_, IPPROTO_IPV6, IPV6_LEAVE_GROUP, membership_v6(group, own)));
 }
 
 std::error_code Udp_socket::send(Bytes head, Bytes rest, const Socket_address& to) const {

@@ -54,6 +54,8 @@ class Udp_socket {
   /// Multicast goes out, and is joined, on the interface that owns `own`.
   [[nodiscard]] std::error_code multicast_from(const Address& own);
   [[nodiscard]] std::error_code join(const Address& group, const Address& own);
+  /// Also when the interface that was joined on is gone.
+  void leave(const Address& group, const Address& own);
 
   /// One datagram of two parts. EAGAIN when the socket's buffer is full.
   [[nodiscard]] std::error_code send(Bytes head, Bytes rest, const Socket_address& to) const;

@@ -22,7 +22,7 @@ using tq::com::parse_deployment;
 
 json good() {
   return json::parse(R"({
-    "nodes": {"one": {"address": "127.43.0.1"}, "two": {"addresses": ["127.43.0.2", "127.43.0.3"]}},
+    "nodes": {"one": {"address": "127.43.0.1", "watchLink": false}, "two": {"addresses": ["127.43.0.2", "127.43.0.3"]}},
     "serviceDiscovery": {"multicastAddress": "239.255.43.1"},
     "limits": {"reassemblies": 5},
     "services": {
@@ -52,6 +52,8 @@ TEST(Manifest, gives_ids_names_and_defaults) {
   EXPECT_EQ(deployment.source, "file");
   ASSERT_EQ(deployment.nodes.size(), 2u);
   EXPECT_EQ(deployment.nodes[1].addresses.size(), 2u);
+  EXPECT_FALSE(deployment.nodes[0].watch_link);
+  EXPECT_TRUE(deployment.nodes[1].watch_link);
   EXPECT_EQ(deployment.discovery.port, 30490);
   EXPECT_EQ(deployment.limits.reassemblies, 5u);
   EXPECT_EQ(deployment.limits.pending_calls, someip::Limits{}.pending_calls);

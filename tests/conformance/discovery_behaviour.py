@@ -11,7 +11,7 @@ from scapy.layers.inet import ICMP
 from devices import *
 from network import *
 import suite
-from suite import covers, not_met
+from suite import covers
 
 # Upper bounds of delays allow for a machine that does other things as well.
 EARLY, LATE = 8.0, 40.0  # milliseconds
@@ -889,13 +889,14 @@ class DiscoveryBehaviour(suite.Group):
             os.close(before)
 
     @covers("someipsd_23 someipsd_436 someipsd_437 someipsd_633 someipsd_72",
-            """A server that loses its link forgets its subscribers, and begins with its offers anew when the
-            link is back""")
-    @not_met("the link is not watched; cyclic offers and times to live rebuild what was lost")
+            """A server that loses its link forgets its subscribers, closes their connections, and begins with
+            its offers anew when the link is back""")
     def test_link_of_server(self):
         with self.machine() as link:
-            host, peer = self.vehicle(cyclicOfferDelayMs=3000)
+            host, peer = self.vehicle("offer stream", cyclicOfferDelayMs=3000)
             events = self.subscription(host, peer, TICK_GROUP)
+            stream = peer.connect((host.address, STREAM_PORT))
+            peer.call(None, STREAM, ECHO, interface=MAJOR, via=stream)
             host.do("event first tick 01")
             events.wait(lambda one: one.payload == b"\x01")
             peer.entry(OFFER, VEHICLE, count=3)
@@ -907,10 +908,10 @@ class DiscoveryBehaviour(suite.Group):
             host.do("event first tick 03")
             self.settled(host, peer)
             self.assertEqual([one.payload for one in events.messages], [b"\x01"])
+            self.network.wait(lambda: stream.ended, "end of the connection")
 
     @covers("someipsd_440 someipsd_632 someipsd_1193",
             "A client whose link comes back searches and subscribes as after its start")
-    @not_met("the link is not watched; the next offer brings the subscription back")
     def test_link_of_client(self):
         with self.machine() as link:
             host, peer, server = self.remote()

@@ -1,6 +1,6 @@
 """Two machines joined by a cable: network namespaces, one with the application, one with a GNSS source and
-a subscriber. Discovery by multicast, positions over the cable; the cable is pulled, loses, doubles and
-reorders what it carries. Needs the right to make namespaces; without it the test is skipped."""
+a subscriber. Discovery by multicast, positions over the cable; the cable is cut where nobody sees it, loses,
+doubles and reorders what it carries, and is pulled out of its sockets. Needs the right to make namespaces; without it the test is skipped."""
 
 import ctypes
 import fcntl
@@ -41,6 +41,7 @@ class Cable(threading.Thread):
     own netem is not in every kernel.)"""
 
     TUNSETIFF = 0x400454CA
+    TUNSETCARRIER = 0x400454E2
     IFF_TAP_NO_PI = 0x0002 | 0x1000
 
     def __init__(self):
@@ -70,8 +71,12 @@ class Cable(threading.Thread):
         for device in ("lo", "cable"):
             ip("-n", space, "link", "set", device, "up")
         for address in addresses:
-            ip("-n", space, "addr", "add", f"{address}/24", "dev", "cable")
+            self.address("add", space, address)
         return end
+
+    @staticmethod
+    def address(action, space, address):
+        ip("-n", space, "addr", action, f"{address}/24", "dev", "cable")
 
     def __exit__(self, *_):
         self.ending = True
@@ -111,7 +116,14 @@ class Cable(threading.Thread):
             self.carried += 1
 
     def plug(self, state):
+        """Somewhere in between: both machines keep their link."""
         self.plugged = state == "up"
+
+    def link(self, state, *spaces):
+        """At the socket of these machines."""
+        for space, end in zip((VEHICLE, BENCH), self.ends):
+            if space in spaces:
+                fcntl.ioctl(end, self.TUNSETCARRIER, struct.pack("i", state == "up"))
 
     def disturb(self, share):
         self.loss = self.doubling = self.reordering = share
@@ -138,6 +150,13 @@ class Program:
             },
         )
         Program.running.append(self)
+
+    def logs(self, text, times=1):
+        """Waits until it has logged the text so often."""
+        deadline = time.monotonic() + 10
+        while self.log.read_text(errors="replace").count(text) < times:
+            assert time.monotonic() < deadline, f"{self.log.name}: no {text!r}"
+            time.sleep(0.01)
 
     def end(self):
         """`ip netns exec` became the program itself, so the signal reaches it."""
@@ -186,7 +205,9 @@ def main():
     with tempfile.TemporaryDirectory(prefix="pos-net-") as name:
         folder = pathlib.Path(name)
         try:
-            return run(cable, folder)
+            run(cable, folder)
+            run_without_cycle(cable, folder)
+            return 0
         except BaseException:
             for program in Program.running:
                 print(f"--- {program.log}\n{program.log.read_text(errors='replace')[-3000:]}", file=sys.stderr)
@@ -199,17 +220,21 @@ def main():
             cable.__exit__()
 
 
-def run(cable, folder):
+def start(folder, **timing):
     manifest = json.loads((SOURCE / "config/manifest.json").read_text())
     for node in manifest["nodes"].values():
         node["prefixLength"] = 24
-    path = folder / "manifest.json"
+    manifest["serviceDiscovery"] |= timing
+    path = folder / f"manifest-{len(Program.running)}.json"
     path.write_text(json.dumps(manifest))
-
     application = Program(VEHICLE, folder, path, APPLICATION, address="10.66.0.1")
     gateway = Program(BENCH, folder, path, GATEWAY, "--satellites", "60", address="10.66.0.2")
     watch = Program(BENCH, folder, path, POSCTL, "watch", "--json", address="10.66.0.3")
-    positions = Positions(watch.process)
+    return application, gateway, watch, Positions(watch.process)
+
+
+def run(cable, folder):
+    application, gateway, watch, positions = start(folder)
     for _ in range(5):
         positions.next(10, "after the start")
 
@@ -218,7 +243,7 @@ def run(cable, folder):
         time.sleep(seconds)
         positions.drain()
         cable.plug("up")
-        positions.next(FLOWS_AGAIN_WITHIN, f"cable pulled {what}")
+        positions.next(FLOWS_AGAIN_WITHIN, f"cable cut {what}")
 
     cable.disturb(0.1)
     count = 0
@@ -238,9 +263,47 @@ def run(cable, folder):
     log = application.log.read_text(errors="replace")
     assert "Fatal error" not in log
     assert gateway.end() == 0
-    assert watch.process.poll() is None or watch.process.returncode == 0
-    print(f"{len(positions.seen)} positions; cable pulled twice, {count} through 10 % loss in 12 s")
-    return 0
+    assert watch.end() == 0
+    print(f"{len(positions.seen)} positions; cable cut twice, {count} through 10 % loss in 12 s")
+
+
+def run_without_cycle(cable, folder):
+    """Offers are not repeated for a minute: what flows soon after a loss of the link flows because the loss
+    and the return were seen."""
+    cable.address("del", VEHICLE, "10.66.0.1")
+    application, gateway, watch, positions = start(
+        folder, cyclicOfferDelayMs=60_000, offerTtlS=300, subscribeTtlS=300)
+    application.logs("10.66.0.1 has no link yet")
+    times = []
+
+    def flows(what):
+        begin = time.monotonic()
+        positions.next(FLOWS_AGAIN_WITHIN, what)
+        times.append(time.monotonic() - begin)
+    cable.address("add", VEHICLE, "10.66.0.1")
+    flows("after an address that came late")
+
+    def pulled(*programs):
+        for program, address, times in programs:
+            program.logs(f"the link of {address} is down", times)
+        positions.drain()
+    cable.link("down", VEHICLE, BENCH)
+    pulled((application, "10.66.0.1", 1), (gateway, "10.66.0.2", 1), (watch, "10.66.0.3", 1))
+    cable.link("up", VEHICLE, BENCH)
+    flows("link lost on both sides")
+
+    cable.address("del", VEHICLE, "10.66.0.1")
+    pulled((application, "10.66.0.1", 2))
+    cable.address("add", VEHICLE, "10.66.0.1")
+    flows("address taken away")
+
+    cable.link("down", BENCH)
+    pulled((gateway, "10.66.0.2", 2), (watch, "10.66.0.3", 2))
+    cable.link("up", BENCH)
+    flows("link lost on the side of the source and of the subscriber")
+
+    assert [program.end() for program in (application, gateway, watch)] == [0, 0, 0]
+    print("links lost and found: positions after " + ", ".join(f"{one:.2f}" for one in times) + " s")
 
 
 if __name__ == "__main__":

@@ -356,6 +356,48 @@ TEST(Subscribers, are_acknowledged_then_served_and_expire) {
               ElementsAre("subscribers 0 fresh 0", "2900 group, stop-offer 1111.1"));
 }
 
+TEST(Link, lost_ends_the_subscribers_and_its_return_begins_the_offers_anew) {
+  Network network;
+  network.offer();
+  network.run(1000ms);
+  network.receive_subscribe(endless_ttl);
+  network.take();
+  network.discovery->link_changed(false, network.now);
+  EXPECT_THAT(network.take(), ElementsAre("subscribers 0 fresh 0"));
+  network.offer({0x1111, 2, 1});
+  network.receive_subscribe(endless_ttl);
+  network.receive(Network::entry(Entry_type::find_service, 3), {}, false);
+  network.run(5000ms);
+  EXPECT_THAT(network.take(), IsEmpty()) << "nothing is sent, nothing received counts";
+  network.discovery->link_changed(true, network.now);
+  network.run(5200ms);
+  EXPECT_THAT(network.take(), ElementsAre("5050 group, offer 1111.1, offer 1111.2",
+                                          "5150 group, offer 1111.1, offer 1111.2"));
+}
+
+TEST(Link, lost_ends_what_was_found_and_its_return_begins_the_searches_anew) {
+  Network network;
+  network.change([&](auto&, auto& client) {
+    client.start_search(key.service, 1, 1, network.now);
+    client.subscribe(key, events, over_udp, network.now);
+  });
+  network.receive_offer(true, endless_ttl);
+  network.run(100ms);
+  network.receive_ack();
+  network.receive_offer(true, endless_ttl);
+  network.take();
+  network.discovery->link_changed(false, network.now);
+  EXPECT_THAT(network.take(), ElementsAre("inactive", "gone"));
+  network.receive_offer(true, endless_ttl);
+  network.run(5000ms);
+  EXPECT_THAT(network.take(), IsEmpty());
+  network.discovery->link_changed(true, network.now);
+  network.run(5200ms);
+  EXPECT_THAT(network.take(), ElementsAre("5050 group, find 1111.1", "5150 group, find 1111.1"));
+  network.receive_offer(false, endless_ttl);
+  EXPECT_THAT(network.take(), ElementsAre("available", "5200 peer, subscribe 1111.1 initial"));
+}
+
 TEST(Subscribers, of_a_stopped_offer_are_refused) {
   Network network;
   network.receive_subscribe(3);

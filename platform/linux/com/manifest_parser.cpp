@@ -69,6 +69,7 @@ someip::Node_deployment node(const std::string& name, const Json_reader& value) 
   read_number(members, "clientId", result.client_id, 0, 0xFFFF);
   read_number(members, "clientPort", result.client_port, 0, 0xFFFF);
   read_milliseconds(members, "requestTimeoutMs", result.request_timeout);
+  if (const auto watch = members.find("watchLink")) result.watch_link = watch->boolean();
   members.done();
   return result;
 }
