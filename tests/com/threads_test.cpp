@@ -9,6 +9,7 @@
 
 #include "mw/com/Strand.h"
 #include "mw/com/static_thread_pool.h"
+#include "platform/linux/com/connection.h"
 #include "platform/linux/com/loop.h"
 #include "tests/com/test_network.h"
 
@@ -154,6 +155,23 @@ TEST(Pool, stop_drops_what_has_not_begun_and_may_be_repeated) {
   stopped.get();
   pool.stop();
   EXPECT_FALSE(ran);
+}
+
+TEST(Pool, that_stops_before_a_subscription_is_told_its_state_leaves_nobody_waiting) {
+  static_thread_pool pool(1);
+  someip::Counters counters;
+  auto subscription = std::make_shared<tq::com::Subscription>(
+      std::uint8_t{1}, 1, [](tq::com::Payload) {}, [](bool) {}, pool.loop(), counters);
+  Barrier barrier;
+  pool.post([&] { barrier.wait(); });
+  ASSERT_TRUE(barrier.entered());
+  subscription->subscription_changed(true);
+  subscription->close();
+  subscription.reset();
+  auto stopped = std::async(std::launch::async, [&] { pool.stop(); });
+  EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout);
+  barrier.release();
+  stopped.get();
 }
 
 TEST(Pool, needs_a_thread) {

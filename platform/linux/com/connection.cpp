@@ -35,6 +35,13 @@ Subscription::Subscription(std::uint8_t interface_version,
       workers_(workers),
       counters_(counters) {}
 
+Subscription::~Subscription() {
+  // Whoever had to run the strand held a reference: if it is not run yet, it never will be, because
+  // the workers have stopped and dropped what they were asked for.
+  close();
+  if (!strand_.running_in_this_thread()) strand_.run();
+}
+
 bool Subscription::enqueue(const someip::Received& notification) {
   // Relaxed: the bound need not be exact, and the strand orders everything else.
   if (queued_.load(std::memory_order_relaxed) >= max_queued_) {

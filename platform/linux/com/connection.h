@@ -37,6 +37,9 @@ class Subscription final : public someip::Event_sink,
                Subscription_state_handler on_state,
                someip::Workers& workers,
                someip::Counters& counters);
+  ~Subscription() override;
+  Subscription(const Subscription&) = delete;
+  Subscription& operator=(const Subscription&) = delete;
 
   [[nodiscard]] bool enqueue(const someip::Received& notification) override;
   void run() override { strand_.run(); }

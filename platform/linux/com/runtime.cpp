@@ -30,6 +30,14 @@ class Running_search final : public someip::Search,
                  someip::Workers& workers)
       : service_(service), handler_(std::move(handler)), workers_(workers) {}
 
+  ~Running_search() override {
+    // As with a subscription: if it is not run yet, the workers have stopped without it.
+    close();
+    if (!strand_.running_in_this_thread()) strand_.run();
+  }
+  Running_search(const Running_search&) = delete;
+  Running_search& operator=(const Running_search&) = delete;
+
   void found(const std::vector<std::uint16_t>& instances) override {
     std::vector<Found_instance> result;
     for (const std::uint16_t instance : instances) {
