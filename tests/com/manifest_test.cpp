@@ -148,6 +148,10 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
   }
   EXPECT_THAT(error_of([] { static_cast<void>(parse_deployment("{", "f")); }),
               HasSubstr("f: not a JSON document"));
+  EXPECT_THAT(error_of([] { static_cast<void>(parse_deployment(R"({"nodes": 1e999})", "f")); }),
+              HasSubstr("f: not a JSON document"));
+  EXPECT_THAT(error_of([] { static_cast<void>(parse_deployment(std::string(100'000, '['), "f")); }),
+              HasSubstr("f: nested too deeply"));
   EXPECT_THAT(
       error_of([] { static_cast<void>(parse_deployment(R"({"nodes": {}, "nodes": {}})", "f")); }),
       HasSubstr("f: \"nodes\": expected once"));

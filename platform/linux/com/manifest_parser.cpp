@@ -134,6 +134,10 @@ constexpr std::uint64_t max_method = 0x7FFF;
 constexpr std::uint64_t min_event = 0x8000;
 constexpr std::uint64_t max_event = 0xFFFE;
 
+/// Levels of objects and lists; more than a manifest has, few enough for what goes through them by
+/// recursion.
+constexpr int deepest_document = 32;
+
 /// Ids that may appear once only, with where they appeared.
 class Unique {
  public:
@@ -308,8 +312,9 @@ Deployment parse_deployment(std::string_view text, const std::string& source) {
   Json_reader::Json document;
   // A key given twice would silently win over its first appearance.
   std::vector<std::set<std::string>> keys;
-  const auto unique_keys = [&](int, nlohmann::json::parse_event_t event,
+  const auto unique_keys = [&](int depth, nlohmann::json::parse_event_t event,
                                Json_reader::Json& parsed) {
+    if (depth > deepest_document) throw std::runtime_error(source + ": nested too deeply");
     if (event == nlohmann::json::parse_event_t::object_start) keys.emplace_back();
     if (event == nlohmann::json::parse_event_t::object_end) keys.pop_back();
     if (event == nlohmann::json::parse_event_t::key &&
@@ -320,7 +325,7 @@ Deployment parse_deployment(std::string_view text, const std::string& source) {
   };
   try {
     document = Json_reader::Json::parse(text, unique_keys);
-  } catch (const nlohmann::json::parse_error& error) {
+  } catch (const nlohmann::json::exception& error) {  // also a number that nothing can hold
     throw std::runtime_error(source + ": not a JSON document: " + error.what());
   }
   const Json_reader root(document, "", source);
