@@ -48,6 +48,7 @@ class Quiet_runtime::Provider final : public tq::com::Provider {
   void set_method_handler(std::uint16_t, tq::com::Method_handler) override {}
   void offer() override {}
   void stop_offer() override {}
+  void close() override { stop_offer(); }
   void update_field(std::uint16_t, tq::com::Payload value) override {
     ++runtime_.published_;
     runtime_.published_bytes_ += value.size();

@@ -33,6 +33,8 @@ class Played_runtime final : public tq::com::Runtime {
   std::map<std::string, tq::com::Notification_handler, std::less<>> notifications;
   std::map<std::string, tq::com::Subscription_state_handler, std::less<>> states;
   std::map<std::uint16_t, tq::com::Method_handler> methods;
+  std::function<void()> closing;
+  std::size_t sent = 0;
 };
 
 Played_runtime* the_runtime = nullptr;
@@ -63,8 +65,11 @@ class Played_provider final : public tq::com::Provider {
   }
   void offer() override {}
   void stop_offer() override {}
+  void close() override {
+    if (const auto work = std::exchange(the_runtime->closing, nullptr)) work();
+  }
   void update_field(std::uint16_t, tq::com::Payload) override {}
-  void send_event(std::uint16_t, tq::com::Payload) override {}
+  void send_event(std::uint16_t, tq::com::Payload) override { ++the_runtime->sent; }
 };
 
 Played_runtime::Played_runtime() {
@@ -134,6 +139,15 @@ TEST_F(Trace_points, a_skeleton_tells_of_bad_requests_and_throwing_handlers_and_
   EXPECT_THAT(records(), Contains("Event_request_update_err"));
   EXPECT_TRUE(
       capture_.Has("Get handler enabled but not configured and Update not called; Method_id= 2"));
+}
+
+TEST_F(Trace_points, a_handler_that_still_runs_while_its_skeleton_ends_may_send) {
+  auto monitor = std::make_unique<Monitor>();
+  runtime_.closing = [&event = monitor->MonitorAction] {
+    event.Send(mw::dm::dem::MonitorActionType::kPassed);
+  };
+  monitor.reset();
+  EXPECT_EQ(runtime_.sent, 1U);
 }
 
 TEST_F(Trace_points, a_proxy_tells_of_bad_payloads_and_throwing_handlers_and_goes_on) {

@@ -69,6 +69,7 @@ class Fake_runtime::Provider : public tq::com::Provider {
   void set_method_handler(std::uint16_t, tq::com::Method_handler) override {}
   void offer() override { runtime_.offered_ = true; }
   void stop_offer() override { runtime_.offered_ = false; }
+  void close() override { stop_offer(); }
   void update_field(std::uint16_t notifier, tq::com::Payload value) override {
     runtime_.updates_[name_of(notifier)].emplace_back(value.begin(), value.end());
   }

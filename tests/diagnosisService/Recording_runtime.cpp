@@ -20,8 +20,8 @@ class Recording_runtime::Provider : public tq::com::Provider {
   Provider(Recording_runtime& runtime, std::string_view service, std::string_view specifier)
       : runtime_{runtime}, service_{service}, specifier_{specifier} {}
   ~Provider() override {
-    std::unique_lock lock{runtime_.mutex_};
-    runtime_.idle_.wait(lock, [this] { return runtime_.instances_[specifier_].running == 0; });
+    Provider::close();
+    const std::lock_guard lock{runtime_.mutex_};
     runtime_.instances_.erase(specifier_);
   }
 
@@ -39,6 +39,11 @@ class Recording_runtime::Provider : public tq::com::Provider {
   }
   void offer() override { set_offered(true); }
   void stop_offer() override { set_offered(false); }
+  void close() override {
+    set_offered(false);
+    std::unique_lock lock{runtime_.mutex_};
+    runtime_.idle_.wait(lock, [this] { return runtime_.instances_[specifier_].running == 0; });
+  }
   void update_field(std::uint16_t, tq::com::Payload) override {}
   void send_event(std::uint16_t, tq::com::Payload value) override {
     if (runtime_.on_send) runtime_.on_send();

@@ -30,8 +30,7 @@ Provision::Provision(std::shared_ptr<someip::Provided_instance> instance,
 }
 
 Provision::~Provision() {
-  stop_offer();
-  gate_->close();
+  Provision::close();
 }
 
 Element_ids Provision::element(std::string_view name) const {
@@ -60,6 +59,11 @@ void Provision::offer() {
 
 void Provision::stop_offer() {
   node_.stop_offer(instance_);
+}
+
+void Provision::close() {
+  Provision::stop_offer();
+  gate_->close();
 }
 
 void Provision::update_field(std::uint16_t notifier, Payload value) {

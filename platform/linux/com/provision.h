@@ -27,6 +27,7 @@ class Provision final : public Provider {
   void set_method_handler(std::uint16_t method, Method_handler handler) override;
   void offer() override;
   void stop_offer() override;
+  void close() override;
   void update_field(std::uint16_t notifier, Payload value) override;
   void send_event(std::uint16_t event, Payload value) override;
 

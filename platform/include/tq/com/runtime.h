@@ -104,8 +104,7 @@ class Consumer {
   virtual void call_no_return(std::uint16_t method, Payload arguments) = 0;
 };
 
-/// One provided instance. All members may be called from any thread. Destruction stops the offer
-/// and waits until no method handler runs any more.
+/// One provided instance. All members may be called from any thread. Destruction closes it.
 class Provider {
  public:
   virtual ~Provider() = default;
@@ -119,6 +118,9 @@ class Provider {
 
   virtual void offer() = 0;
   virtual void stop_offer() = 0;
+  /// Stops the offer, for good, and waits until no method handler runs any more. What a handler
+  /// still sends meanwhile goes to nobody.
+  virtual void close() = 0;
 
   /// Sets the current value of a field: kept for new subscribers and notified to the present ones.
   virtual void update_field(std::uint16_t notifier, Payload value) = 0;

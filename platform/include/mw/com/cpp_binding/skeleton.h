@@ -273,8 +273,9 @@ class Skeleton_impl {
  protected:
   ~Skeleton_impl() = default;
   [[nodiscard]] Provision& provision() { return provision_; }
-  /// For the destructor of a class that overrides methods: no call reaches it afterwards.
-  void disconnect() { provision_.provider.reset(); }
+  /// For the destructor of a class that overrides methods: no call reaches it afterwards. Events
+  /// may still be sent.
+  void disconnect() { provision_.provider->close(); }
 
  private:
   Provision provision_;
