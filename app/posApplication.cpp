@@ -16,6 +16,9 @@
 
 namespace {
 
+using diagnosisService::DataBusElement;
+using diagnosisService::DataBusFault;
+
 constexpr std::chrono::milliseconds kShutdownPoll{500};
 constexpr std::uint64_t kDataTimeoutMs = 5000;
 
@@ -28,6 +31,19 @@ constexpr std::size_t kSensorTimeMaster = 8;
 
 /// The type of a time that carries the platform offset.
 constexpr std::uint32_t kPlatformTime = 2;
+
+DataBusElement elementOf(gnssClient::gnssClientImpl::Field field) {
+  using Field = gnssClient::gnssClientImpl::Field;
+  switch (field) {
+    case Field::positions:
+      return DataBusElement::GNSS_positions;
+    case Field::positionsQuality:
+      return DataBusElement::GNSS_positionsQuality;
+    case Field::posGnssSatInfos:
+      break;
+  }
+  return DataBusElement::GNSS_posGnssSatInfos;
+}
 
 }  // namespace
 
@@ -109,7 +125,17 @@ void posApplication::signalHandler(int sigId) {
   }
 }
 
+void posApplication::reportFaults(DataBusElement field, const clients::Data_faults& faults) {
+  diagnosisService_.setDataBusFault(DataBusFault::errorValueReceived, field, faults.error_value);
+  diagnosisService_.setDataBusFault(DataBusFault::implausible, field, faults.implausible);
+}
+
 void posApplication::initGnssClient() {
+  gnssClient_.setAvailabilityCallback([this](bool available) {
+    diagnosisService_.setDataBusFault(DataBusFault::notAvailable, DataBusElement::GNSS, !available);
+  });
+  gnssClient_.setDataFaultsCallback(
+      [this](auto field, const auto& faults) { reportFaults(elementOf(field), faults); });
   gnssClient_.setPositionsQualityCallback(
       [this](const auto&) { diagnosisService_.dataReceived(kMonitorInputGnss); });
   gnssClient_.setSatInfosCallback(
@@ -128,6 +154,11 @@ void posApplication::sendDRPosition(const GnssPosition& position) {
 }
 
 void posApplication::initTimemasterClient() {
+  timemasterClient_.setAvailabilityCallback([this](bool available) {
+    diagnosisService_.setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, !available);
+  });
+  timemasterClient_.setDataFaultsCallback(
+      [this](const auto& faults) { reportFaults(DataBusElement::Time_times, faults); });
   timemasterClient_.setTimesCallback([this](const Times& times) { receiveTimes(times); });
   timemasterClient_.init();
 }

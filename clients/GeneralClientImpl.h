@@ -27,6 +27,11 @@ class GeneralClientImpl {
   GeneralClientImpl(const GeneralClientImpl&) = delete;
   GeneralClientImpl& operator=(const GeneralClientImpl&) = delete;
 
+  /// Told when the service goes and comes, on a worker. Set before init().
+  void setAvailabilityCallback(std::function<void(bool available)> callback) {
+    on_availability_ = std::move(callback);
+  }
+
   /// Starts the search for any instance and returns at once. `set_up(proxy)` runs on a worker after
   /// each connection, to subscribe; the subscriptions of the connection before have ended by then,
   /// so that no handler of theirs runs beside a new one. Throws what the search throws when the
@@ -58,7 +63,9 @@ class GeneralClientImpl {
       logger_.LogInfo() << "generalClientImpl: Instance " << handle.GetInstanceId().ToString()
                         << " is available";
     }
-    available_ = !found.empty();
+    const bool available = !found.empty();
+    if (available_.exchange(available) != available && on_availability_)
+      on_availability_(available);
     if (found.empty()) return;
 
     const auto& first = found.front();
@@ -79,6 +86,7 @@ class GeneralClientImpl {
   }
 
   const ara::log::Logger& logger_;
+  std::function<void(bool)> on_availability_;
   std::function<void(Proxy&)> set_up_;
   std::optional<ara::com::FindServiceHandle> search_;
   std::atomic<bool> available_{false};

@@ -15,6 +15,7 @@ void TimemasterClientImpl::init() {
 
 void TimemasterClientImpl::set_up(lumo::services::time::proxy::TimeProxy& proxy) {
   clients::subscribe(proxy.times, [this](const auto& records) {
+    times_faults_.look(records);
     if (!on_times_) return;
     for (const auto& record : records)
       on_times_(record);

@@ -5,6 +5,7 @@
 
 #include "clients/GeneralClientImpl.h"
 #include "clients/Time.h"
+#include "clients/data_faults.h"
 
 namespace TimemasterClient {
 
@@ -22,6 +23,15 @@ class TimemasterClientImpl {
     on_times_ = std::move(callback);
   }
 
+  /// Told when the faults of the content of `times` change.
+  void setDataFaultsCallback(std::function<void(const clients::Data_faults&)> callback) {
+    times_faults_.set_callback(std::move(callback));
+  }
+  /// Told when the service goes and comes.
+  void setAvailabilityCallback(std::function<void(bool available)> callback) {
+    client_.setAvailabilityCallback(std::move(callback));
+  }
+
   /// Starts the search for the service and returns at once. Throws std::runtime_error when the
   /// service is not deployed.
   void init();
@@ -33,6 +43,7 @@ class TimemasterClientImpl {
 
   const ara::log::Logger& logger_;
   std::function<void(const Times&)> on_times_;
+  clients::Fault_watch times_faults_;
   /// Last, so that it ends first: its handlers use the above.
   GeneralClientImpl<lumo::services::time::proxy::TimeProxy> client_;
 };

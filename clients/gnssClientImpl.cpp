@@ -34,6 +34,16 @@ gnssClientImpl::gnssClientImpl(const timeutils& time)
       logger_{ara::log::CreateLogger("GNSS", "gnssClientImpl class own context")},
       client_{logger_} {}
 
+void gnssClientImpl::setDataFaultsCallback(
+    const std::function<void(Field, const clients::Data_faults&)>& callback) {
+  const auto about = [&](Field field) {
+    return [callback, field](const auto& faults) { callback(field, faults); };
+  };
+  positions_faults_.set_callback(about(Field::positions));
+  quality_faults_.set_callback(about(Field::positionsQuality));
+  satellites_faults_.set_callback(about(Field::posGnssSatInfos));
+}
+
 void gnssClientImpl::init() {
   logger_.LogInfo() << "enter gnssClientImpl::init()";
   client_.init([this](auto& proxy) { set_up(proxy); });
@@ -42,17 +52,17 @@ void gnssClientImpl::init() {
 void gnssClientImpl::set_up(lumo::services::gnss::proxy::GNSSProxy& proxy) {
   clients::subscribe(proxy.positions, [this](const auto& samples) { receive(samples); });
   clients::subscribe(proxy.positionsQuality, [this](const auto& records) { receive(records); });
-  clients::subscribe(proxy.posGnssSatInfos, [this](const auto& satellites) {
-    if (on_satellites_) on_satellites_(satellites);
-  });
+  clients::subscribe(proxy.posGnssSatInfos,
+                     [this](const auto& satellites) { receive(satellites); });
 }
 
-void gnssClientImpl::receive(const std::vector<Position>& samples) const {
+void gnssClientImpl::receive(const std::vector<Position>& samples) {
   const auto now_us = time_.currentTimeUs();
   if (log_received_) {
     for (const auto& sample : samples)
       log_received(sample, now_us);
   }
+  positions_faults_.look(samples);
   const auto [chosen, other] = select(samples, wanted_);
   if (chosen == nullptr || !on_position_) return;
   if (other == nullptr && !replace_timestamps_) {
@@ -65,11 +75,17 @@ void gnssClientImpl::receive(const std::vector<Position>& samples) const {
   on_position_(position);
 }
 
-void gnssClientImpl::receive(const std::vector<Quality>& records) const {
+void gnssClientImpl::receive(const std::vector<Quality>& records) {
+  quality_faults_.look(records);
   for (const auto& record : records) {
     if (log_received_) log_received(record);
     if (on_quality_) on_quality_(record);
   }
+}
+
+void gnssClientImpl::receive(const std::vector<Satellite>& satellites) {
+  satellites_faults_.look(satellites);
+  if (on_satellites_) on_satellites_(satellites);
 }
 
 void gnssClientImpl::replace_timestamp(Position& position, std::uint64_t now_us) const {

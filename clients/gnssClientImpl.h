@@ -6,6 +6,7 @@
 
 #include "clients/GNSS.h"
 #include "clients/GeneralClientImpl.h"
+#include "clients/data_faults.h"
 #include "clients/position_selection.h"
 #include "clients/timeutils.h"
 
@@ -49,6 +50,15 @@ class gnssClientImpl {
     on_satellites_ = std::move(callback);
   }
 
+  enum class Field { positions, positionsQuality, posGnssSatInfos };
+  /// Told when the faults of a field's content change, before the other callbacks see the content.
+  void setDataFaultsCallback(
+      const std::function<void(Field, const clients::Data_faults&)>& callback);
+  /// Told when the service goes and comes.
+  void setAvailabilityCallback(std::function<void(bool available)> callback) {
+    client_.setAvailabilityCallback(std::move(callback));
+  }
+
   /// Starts the search for the service and returns at once. Throws std::runtime_error when the
   /// service is not deployed.
   void init();
@@ -57,8 +67,9 @@ class gnssClientImpl {
 
  private:
   void set_up(lumo::services::gnss::proxy::GNSSProxy& proxy);
-  void receive(const std::vector<Position>& samples) const;
-  void receive(const std::vector<Quality>& records) const;
+  void receive(const std::vector<Position>& samples);
+  void receive(const std::vector<Quality>& records);
+  void receive(const std::vector<Satellite>& satellites);
   void replace_timestamp(Position& position, std::uint64_t now_us) const;
 
   const timeutils& time_;
@@ -69,6 +80,9 @@ class gnssClientImpl {
   std::function<void(const Position&)> on_position_;
   std::function<void(const Quality&)> on_quality_;
   std::function<void(const std::vector<Satellite>&)> on_satellites_;
+  clients::Fault_watch positions_faults_;
+  clients::Fault_watch quality_faults_;
+  clients::Fault_watch satellites_faults_;
   /// Last, so that it ends first: its handlers use all of the above.
   GeneralClientImpl<lumo::services::gnss::proxy::GNSSProxy> client_;
 };

@@ -186,6 +186,54 @@ TEST_F(ApplicationTest, each_other_field_of_the_gnss_service_counts_as_its_data)
   }
 }
 
+TEST_F(ApplicationTest, faults_of_the_consumed_services_are_in_the_data_bus_records) {
+  run({{"timeClientEnabled", KvsType(true)}});
+  const auto become = [this](std::string_view which, const std::vector<std::uint8_t>& expected) {
+    const auto service = "lumo::services::diag::" + std::string(which);
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    std::vector<std::uint8_t> read;
+    do {
+      read = readIdentifier(service);
+    } while (read != expected && std::chrono::steady_clock::now() < deadline);
+    EXPECT_EQ(read, expected) << which;
+  };
+  const std::string not_available = "d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable";
+  const std::string error_value =
+      "d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived";
+  const std::string implausible = "d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible";
+
+  const auto gnss =
+      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
+  const auto times =
+      wire_.gateway().provide("lumo::services::time::Time", "Time_ProvidedSomeipServiceInstance");
+  auto bad_quality = gnssClient::gnssClientImpl::Quality{};
+  bad_quality.gDOP_valueType = binding::Value_type::physical_value;
+  auto bad_satellite = gnssClient::gnssClientImpl::Satellite{};
+  bad_satellite.elevation_valueType = binding::Value_type{9};
+  auto bad_time = Times{};
+  bad_time.utcNanoseconds = 1'000'000'000;
+  update(*gnss, "positions", std::vector{sample(1, 1)});
+  gnss->offer();
+  become(error_value, {0, 0, 0, 5, 1, 1, 1, 0, 1});
+  become(not_available, {0, 0, 0, 0});
+  update(*gnss, "positionsQuality", std::vector{bad_quality});
+  become(implausible, {0, 0, 0, 5, 1, 2, 1, 0, 1});
+  update(*gnss, "posGnssSatInfos", std::vector{bad_satellite});
+  become(implausible, {0, 0, 0, 10, 1, 2, 1, 0, 1, 1, 3, 1, 0, 1});
+  update(*times, "times", std::vector{bad_time});
+  times->offer();
+  become(implausible, {0, 0, 0, 15, 1, 2, 1, 0, 1, 1, 3, 1, 0, 1, 2, 1, 1, 0, 1});
+
+  update(*gnss, "positions", std::vector<Gnss>(1));
+  become(error_value, {0, 0, 0, 5, 1, 1, 0, 0, 1});
+  times->stop_offer();
+  become(not_available, {0, 0, 0, 5, 2, 0, 1, 0, 1});
+  gnss->stop_offer();
+  become(not_available, {0, 0, 0, 10, 2, 0, 1, 0, 1, 1, 0, 1, 0, 1});
+  times->offer();
+  become(not_available, {0, 0, 0, 10, 2, 0, 0, 0, 1, 1, 0, 1, 0, 1});
+}
+
 TEST_F(ApplicationTest, only_gnss_is_part_of_the_sensor_setup) {
   run({});
   const auto inputs =

@@ -107,6 +107,20 @@ TEST_F(GeneralClient, reconnects_on_each_later_result_and_ends_the_old_proxy_bef
               ElementsAre("+5", "set up 5", "+5", "-5", "set up 5", "+6", "-5", "set up 6"));
 }
 
+TEST_F(GeneralClient, tells_when_the_service_goes_and_comes_but_not_that_it_was_stopped) {
+  std::vector<bool> told;
+  client_.setAvailabilityCallback([&](bool available) { told.push_back(available); });
+  start();
+  Proxy::result({});
+  Proxy::result({{5}});
+  Proxy::result({{6}, {5}});
+  Proxy::result({});
+  Proxy::result({});
+  Proxy::result({{5}});
+  client_.stop();
+  EXPECT_THAT(told, ElementsAre(true, false, true));
+}
+
 TEST_F(GeneralClient, passes_a_failure_of_the_set_up_on_and_connects_again_later) {
   bool fails = true;
   client_.init([&](Proxy&) {

@@ -1,5 +1,8 @@
 #include <gmock/gmock.h>
 
+#include <limits>
+#include <utility>
+
 #include "ara/log/capture.h"
 #include "ara/log/logger.h"
 #include "clients/TimemasterClientImpl.h"
@@ -19,6 +22,7 @@ using gnssClient::gnssClientImpl;
 using Position = gnssClientImpl::Position;
 using Quality = gnssClientImpl::Quality;
 using Satellite = gnssClientImpl::Satellite;
+using binding::Value_type;
 
 Position sample(boost::optional<std::uint32_t> type, std::uint32_t counter) {
   Position position;
@@ -171,6 +175,60 @@ TEST_F(Gnss_client, passes_satellites_on_as_a_whole) {
   EXPECT_THAT(satellites_, ElementsAre(3, 0));
 }
 
+TEST_F(Gnss_client, tells_of_a_field_s_faults_when_they_come_and_when_they_go) {
+  using Field = gnssClientImpl::Field;
+  using clients::Data_faults;
+  std::vector<std::pair<Field, Data_faults>> told;
+  client_.setDataFaultsCallback(
+      [&](Field field, const Data_faults& faults) { told.emplace_back(field, faults); });
+  connect();
+  const auto expect = [&](const std::vector<Position>& samples,
+                          std::vector<std::pair<Field, Data_faults>> expected) {
+    runtime_.notify("positions", samples);
+    EXPECT_EQ(std::exchange(told, {}), expected);
+  };
+  constexpr Data_faults none;
+  constexpr Data_faults error{.error_value = true};
+  constexpr Data_faults implausible{.implausible = true};
+  const auto with = [](auto member, auto value, auto quality_member, auto quality) {
+    auto position = sample(1, 1);
+    position.*member = value;
+    position.*quality_member = quality;
+    return position;
+  };
+  const auto latitude = [&](double value, Value_type quality = Value_type::physical_value) {
+    return with(&Position::LAT, value, &Position::LAT_valueType, quality);
+  };
+
+  expect({sample(1, 1), latitude(90), latitude(-90), latitude(91, Value_type::init)}, {});
+  expect({latitude(1, Value_type::error), sample(1, 1)}, {{Field::positions, error}});
+  expect({latitude(2, Value_type::error)}, {});
+  expect({latitude(1)}, {{Field::positions, none}});
+
+  auto without_value = sample(1, 1);
+  without_value.LON_valueType = Value_type::physical_value;
+  for (const auto& wrong :
+       {latitude(90.001), latitude(std::numeric_limits<double>::quiet_NaN()),
+        latitude(1, Value_type{5}), without_value,
+        with(&Position::LON, -180.5, &Position::LON_valueType, Value_type::physical_value),
+        with(&Position::speed2D, std::numeric_limits<float>::infinity(),
+             &Position::speed2D_valueType, Value_type::physical_value),
+        with(&Position::preciseLocalTimeNanoseconds, 1'000'000'000U,
+             &Position::preciseLocalTimeNanoseconds_valueType, Value_type::physical_value)}) {
+    expect({wrong}, {{Field::positions, implausible}});
+    expect({}, {{Field::positions, none}});
+  }
+
+  Quality quality;
+  quality.hDOP_valueType = Value_type::error;
+  runtime_.notify("positionsQuality", std::vector{quality});
+  Satellite satellite;
+  satellite.azimuth_valueType = Value_type{0};
+  runtime_.notify("posGnssSatInfos", std::vector{satellite});
+  EXPECT_EQ(told, (std::vector<std::pair<Field, Data_faults>>{
+                      {Field::positionsQuality, error}, {Field::posGnssSatInfos, implausible}}));
+}
+
 TEST_F(Gnss_client, a_malformed_payload_or_a_failing_callback_harms_no_later_sample) {
   connect();
   const std::vector<std::byte> malformed(7);
@@ -189,6 +247,9 @@ TEST(Time_client, passes_each_record_of_times_on_and_ignores_settings) {
   TimemasterClient::TimemasterClientImpl client;
   std::vector<boost::optional<std::uint64_t>> offsets;
   client.setTimesCallback([&](const auto& times) { offsets.push_back(times.pltOffset); });
+  std::vector<bool> implausible;
+  client.setDataFaultsCallback(
+      [&](const auto& faults) { implausible.push_back(faults.implausible); });
   client.init();
   runtime.find({1});
   EXPECT_THAT(capture.Texts("TMCL"), ElementsAre("enter TimemasterClientImpl::init()",
@@ -196,11 +257,13 @@ TEST(Time_client, passes_each_record_of_times_on_and_ignores_settings) {
                                                  "generalClientImpl: connected to instance  1"));
   lumo::services::time::datatypes::DT_times_struct times;
   times.pltOffset = 5'000'000'000;
+  times.utcNanoseconds = 1'000'000'000;
   runtime.notify("times", std::vector{times, {}});
   lumo::services::time::datatypes::DT_timeSettings_struct settings;
   settings.timeZoneName = "Europe/Vienna";
   runtime.notify("timeSettings", std::vector{settings});
   EXPECT_THAT(offsets, ElementsAre(times.pltOffset, boost::none));
+  EXPECT_THAT(implausible, ElementsAre(true));
   client.stop();
   EXPECT_FALSE(runtime.subscribed("times"));
 }

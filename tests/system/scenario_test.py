@@ -24,6 +24,7 @@ from desk import APPLICATION, GATEWAY, Desk, until  # noqa: E402
 NETWORK = 169
 NODE = f"127.{NETWORK}.0.10"
 TESTER = f"127.{NETWORK}.0.40"
+D_1190 = "lumo::services::diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable"
 D_14A0 = "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs"
 MONITOR = "mw::dm::dem::DiagnosticMonitor"
 CHANGE = "Changing of state, ID = POS_Input_GNSS , prev status = {} , new status = {}"
@@ -119,7 +120,12 @@ class Scenario:
         self.action = int(monitor["events"]["MonitorAction"]["id"], 0)
         self.action_group = int(monitor["events"]["MonitorAction"]["eventGroup"], 0)
         self.init = int(monitor["methods"]["InitMonitor"]["id"], 0)
-        self.did = (int(services[D_14A0]["id"], 0), services[D_14A0]["instances"][0]["udpPort"])
+        self.did = self.where(D_14A0)
+        self.not_available = self.where(D_1190)
+
+    def where(self, name):
+        service = self.desk.manifest["services"][name]
+        return int(service["id"], 0), service["instances"][0]["udpPort"]
 
     def call(self, service, method, port, payload):
         self.session += 1
@@ -133,6 +139,9 @@ class Scenario:
 
     def inputs(self):
         return self.call(self.did[0], 1, self.did[1], b"\0\0\0\0")
+
+    def lost_services(self):
+        return self.call(self.not_available[0], 1, self.not_available[1], b"\0\0\0\0")
 
     def init_monitor(self, reason):
         self.call(self.monitor_service, self.init, self.monitor["udpPort"], reason)
@@ -189,6 +198,7 @@ def main():
         gateway.wait()
         killed = time.monotonic()
         until(lambda: scenario.inputs() == late, "GNSS in error")
+        assert scenario.lost_services() == bytes([0, 0, 0, 5, 1, 0, 1, 0, 1]), "GNSS lost once and away"
         assert 4.4 < time.monotonic() - killed < 8, time.monotonic() - killed
         until(lambda: scenario.actions()[-1:] == [FAILED], "kFailed")
         to_error = CHANGE.format("Nominal", "Error")
@@ -206,6 +216,7 @@ def main():
         events = len(scenario.actions())
         gateway = desk.start(GATEWAY)
         until(lambda: scenario.inputs() == flowing, "GNSS back")
+        assert scenario.lost_services() == bytes([0, 0, 0, 5, 1, 0, 0, 0, 1]), "GNSS lost once and back"
         until(lambda: scenario.actions()[events:] == [PASSED], "kPassed")
         assert log.texts("DSRV").count(CHANGE.format("Error", "Nominal")) >= 1
 

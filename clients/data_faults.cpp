@@ -1,0 +1,76 @@
+#include "clients/data_faults.h"
+
+#include <cmath>
+#include <type_traits>
+
+namespace clients {
+namespace {
+
+using binding::Value_type;
+using namespace lumo::services::gnss::datatypes;
+
+constexpr double farthest_latitude = 90;
+constexpr double farthest_longitude = 180;
+constexpr std::uint32_t nanoseconds_per_second = 1'000'000'000;
+
+template <class Value>
+bool is_number(const Value& value) {
+  if constexpr (std::is_floating_point_v<Value>) {
+    return std::isfinite(value);
+  } else {
+    return true;
+  }
+}
+
+template <class Record>
+Data_faults faults_of_quantities(const Record& record) {
+  Data_faults faults;
+  binding::for_each_quantity<Record>([&](const auto& quantity) {
+    const auto& quality = record.*quantity.quality.pointer;
+    if (!quality) return;
+    const auto& value = record.*quantity.value.pointer;
+    switch (*quality) {
+      case Value_type::physical_value:
+        if (!value || !is_number(*value)) faults.implausible = true;
+        break;
+      case Value_type::error:
+        faults.error_value = true;
+        break;
+      case Value_type::init:
+      case Value_type::logical_value:
+        break;
+      default:
+        faults.implausible = true;
+    }
+  });
+  return faults;
+}
+
+}  // namespace
+
+Data_faults data_faults(const DT_positions_struct& record) {
+  const auto beyond = [](const auto& value, const auto& quality, auto limit) {
+    return quality == Value_type::physical_value && value && std::abs(*value) > limit;
+  };
+  auto faults = faults_of_quantities(record);
+  faults.implausible |=
+      beyond(record.LAT, record.LAT_valueType, farthest_latitude) ||
+      beyond(record.LON, record.LON_valueType, farthest_longitude) ||
+      (record.preciseLocalTimeNanoseconds_valueType == Value_type::physical_value &&
+       record.preciseLocalTimeNanoseconds >= nanoseconds_per_second);
+  return faults;
+}
+
+Data_faults data_faults(const DT_positionsQuality_struct& record) {
+  return faults_of_quantities(record);
+}
+
+Data_faults data_faults(const DT_posGnssSatInfos_struct& record) {
+  return faults_of_quantities(record);
+}
+
+Data_faults data_faults(const lumo::services::time::datatypes::DT_times_struct& record) {
+  return {.error_value = false, .implausible = record.utcNanoseconds >= nanoseconds_per_second};
+}
+
+}  // namespace clients

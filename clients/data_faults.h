@@ -1,0 +1,60 @@
+/// What can be wrong with the content of a notification that is well-formed.
+#pragma once
+
+#include <functional>
+#include <vector>
+
+#include "clients/GnssRecords.h"
+#include "clients/TimeRecords.h"
+
+namespace clients {
+
+struct Data_faults {
+  bool error_value = false;  ///< a quantity comes with the valueType Error
+  bool implausible = false;  ///< something contradicts its definition, see data_faults()
+
+  friend bool operator==(const Data_faults&, const Data_faults&) = default;
+};
+
+/// Implausible are: a valueType that the enumeration does not have; a physical value that is absent
+/// or not a finite number; a latitude or longitude off the globe; a fraction of a second of a
+/// second or more.
+[[nodiscard]] Data_faults data_faults(
+    const lumo::services::gnss::datatypes::DT_positions_struct& record);
+[[nodiscard]] Data_faults data_faults(
+    const lumo::services::gnss::datatypes::DT_positionsQuality_struct& record);
+[[nodiscard]] Data_faults data_faults(
+    const lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct& record);
+[[nodiscard]] Data_faults data_faults(
+    const lumo::services::time::datatypes::DT_times_struct& record);
+
+/// Follows the notifications of one field and tells when their faults come and go. Notifications
+/// are looked at one at a time.
+class Fault_watch {
+ public:
+  using Callback = std::function<void(const Data_faults&)>;
+
+  /// Without a callback nothing is looked at.
+  void set_callback(Callback changed) { changed_ = std::move(changed); }
+
+  /// A notification has the faults of its records.
+  template <class Record>
+  void look(const std::vector<Record>& records) {
+    if (!changed_) return;
+    Data_faults found;
+    for (const auto& record : records) {
+      const auto faults = data_faults(record);
+      found.error_value |= faults.error_value;
+      found.implausible |= faults.implausible;
+    }
+    if (found == present_) return;
+    present_ = found;
+    changed_(found);
+  }
+
+ private:
+  Callback changed_;
+  Data_faults present_;
+};
+
+}  // namespace clients
