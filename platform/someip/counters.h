@@ -33,7 +33,8 @@ struct Counters {
       dropped_unknown_method, dropped_wrong_version, dropped_wrong_type, dropped_unexpected,
       dropped_foreign_peer, dropped_entries;
   Counter refused_subscribers, refused_reassemblies, refused_message_size, refused_connections,
-      refused_calls, refused_requests, refused_instances, refused_peers, refused_notifications;
+      refused_calls, refused_requests, refused_instances, refused_peers, refused_notifications,
+      refused_segmented;
   Counter slow_readers, send_would_block, send_failed;
 };
 
@@ -86,6 +87,7 @@ inline constexpr std::array counter_names = {
     Counter_name{"refusedInstances", &Counters::refused_instances},
     Counter_name{"refusedPeers", &Counters::refused_peers},
     Counter_name{"refusedNotifications", &Counters::refused_notifications},
+    Counter_name{"refusedSegmented", &Counters::refused_segmented},
     Counter_name{"slowReaders", &Counters::slow_readers},
     Counter_name{"sendWouldBlock", &Counters::send_would_block},
     Counter_name{"sendFailed", &Counters::send_failed},

@@ -48,6 +48,14 @@ struct Limits {
   std::size_t discovery_peers = 256;      ///< session counters and reboot flags remembered
   std::size_t queued_requests = 256;      ///< received and not yet worked on
   std::size_t queued_notifications = 64;  ///< per event waiting for a slow handler
+  std::size_t queued_segment_bytes = 4 * 1024 * 1024;  ///< long messages whose segments wait
+};
+
+/// How the segments of long messages are spread over time ("segments"). The default is half of what
+/// a line of 100 Mbit/s carries.
+struct Segment_shaping {
+  std::size_t burst = 8;                  ///< messages of no more segments leave at once
+  std::chrono::microseconds pause{2000};  ///< between two bursts; 0: nothing is spread
 };
 
 enum class Transport : std::uint8_t { udp, tcp };
@@ -125,6 +133,7 @@ struct Deployment {
   std::vector<Node_deployment> nodes;
   Discovery_timing discovery;
   Limits limits;
+  Segment_shaping segments;
   std::vector<Service_deployment> services;
 };
 

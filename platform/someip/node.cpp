@@ -14,8 +14,13 @@ namespace someip {
 class Node::Service_port final : public Udp_port::Receiver {
  public:
   Service_port(std::unique_ptr<Udp_socket> socket, Node& node)
-      : port(std::make_shared<Udp_port>(
-            std::move(socket), *this, node.workers_, node.reassembler_, node.counters_, node.log_)),
+      : port(std::make_shared<Udp_port>(std::move(socket),
+                                        *this,
+                                        node.workers_,
+                                        node.reassembler_,
+                                        node.shaper_,
+                                        node.counters_,
+                                        node.log_)),
         requests_(node.requests_),
         counters_(node.counters_) {}
 
@@ -71,6 +76,7 @@ Node::Node(const Deployment& deployment,
       log_(std::move(log)),
       reassembler_(deployment.limits),
       requests_(deployment.limits.queued_requests),
+      shaper_(deployment, workers.control(), counters_),
       calls_(deployment.limits.pending_calls),
       closed_ports_(workers.control()),
       timer_(workers.control()),
@@ -156,7 +162,7 @@ std::shared_ptr<Udp_port> Node::open_client_port() {
                              " cannot be used: " + error.message());
   }
   return std::make_shared<Udp_port>(std::move(socket), static_cast<Udp_port::Receiver&>(*this),
-                                    workers_, reassembler_, counters_, log_);
+                                    workers_, reassembler_, shaper_, counters_, log_);
 }
 
 void Node::stop() {
@@ -172,6 +178,7 @@ void Node::stop() {
       channel_->stop();
       closed_ports_.stop();
       link_->stop();
+      shaper_.stop();
       timer_.cancel();
       call_timer_.cancel();
       for (auto& [group, port] : multicast_ports_)
@@ -234,6 +241,7 @@ void Node::link_changed(bool up) {
     counters_.links_lost.add();
     log_.write(Log_level::warning, "the link of " + own_.to_string() + " is down");
     channel_->link_changed(false);
+    shaper_.clear();
     const std::lock_guard lock(ports_mutex_);
     for (const auto& [number, port] : tcp_ports_)
       port->drop_connections();

@@ -21,6 +21,7 @@
 #include "platform/someip/log.h"
 #include "platform/someip/pending_calls.h"
 #include "platform/someip/provided_instance.h"
+#include "platform/someip/segment_shaper.h"
 #include "platform/someip/tcp_client.h"
 #include "platform/someip/tcp_server.h"
 #include "platform/someip/udp_port.h"
@@ -180,6 +181,7 @@ class Node final : private Discovery_server_host,
   Counters counters_;
   Shared_reassembler reassembler_;
   Request_budget requests_;
+  Segment_shaper shaper_;
   Address own_;
   std::unique_ptr<Discovery_channel> channel_;
   std::shared_ptr<Udp_port> client_port_;

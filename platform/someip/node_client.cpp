@@ -178,7 +178,7 @@ void Node::listen_to(const Instance_key& key, std::uint16_t event_group, const E
     if (!error) error = socket->join(group.address, own_);
     if (error) throw std::system_error(error);
     port = std::make_shared<Udp_port>(std::move(socket), static_cast<Udp_port::Receiver&>(*this),
-                                      workers_, reassembler_, counters_, log_);
+                                      workers_, reassembler_, shaper_, counters_, log_);
     port->open();
   } catch (const std::system_error& error) {
     multicast_ports_.erase(group);

@@ -28,6 +28,9 @@ struct Segment {
   Bytes part;
 };
 
+/// The segment of `payload` that starts at `offset`, a multiple of max_segment_payload.
+[[nodiscard]] Segment segment_at(Header header, Bytes payload, std::size_t offset);
+
 /// Calls `send(const Segment&)` for each segment of `payload`, in ascending order; stops when it
 /// returns false.
 template <class Send>
@@ -88,19 +91,8 @@ class Reassembler {
 
 template <class Send>
 bool for_each_segment(Header header, Bytes payload, Send&& send) {
-  header.type |= segment_flag;
   for (std::size_t offset = 0; offset < payload.size(); offset += max_segment_payload) {
-    const std::size_t left = payload.size() - offset;
-    const bool more = left > max_segment_payload;
-    Segment segment;
-    segment.part = payload.subspan(offset, more ? max_segment_payload : left);
-    header.length = static_cast<std::uint32_t>(length_before_payload + segment_header_size +
-                                               segment.part.size());
-    write_header(header, segment.head.data());
-    // Offsets are multiples of 16: the low four bits hold the flags.
-    store32(segment.head.data() + header_size,
-            static_cast<std::uint32_t>(offset) | (more ? 1u : 0u));
-    if (!send(static_cast<const Segment&>(segment))) return false;
+    if (!send(segment_at(header, payload, offset))) return false;
   }
   return true;
 }

@@ -60,6 +60,7 @@ Udp_port::Udp_port(std::unique_ptr<Udp_socket> socket,
                    Receiver& receiver,
                    Workers& workers,
                    Shared_reassembler& reassembler,
+                   Segment_shaper& shaper,
                    Counters& counters,
                    Log& log)
     : socket_(std::move(socket)),
@@ -67,6 +68,7 @@ Udp_port::Udp_port(std::unique_ptr<Udp_socket> socket,
       receiver_(receiver),
       workers_(workers),
       reassembler_(reassembler),
+      shaper_(shaper),
       counters_(counters),
       log_(log) {}
 
@@ -178,20 +180,33 @@ bool Udp_port::sent(std::error_code error, const Socket_address& to) {
 }
 
 void Udp_port::send(const Header& header, Bytes payload, std::span<const Socket_address> to) {
-  if (payload.size() <= max_datagram_payload) {
-    const Header_bytes head = header_bytes(header, payload.size());
-    for (const Socket_address& destination : to) {
-      static_cast<void>(sent(socket_->send(head, payload, destination), destination));
-    }
+  if (payload.size() > max_datagram_payload || !shaper_.idle()) {
+    shaper_.send(*this, header, payload, to);
     return;
   }
+  const Header_bytes head = header_bytes(header, payload.size());
   for (const Socket_address& destination : to) {
-    for_each_segment(header, payload, [&](const Segment& segment) {
-      if (!sent(socket_->send(segment.head, segment.part, destination), destination)) return false;
-      counters_.segments_sent.add();
-      return true;
-    });
+    static_cast<void>(sent(socket_->send(head, payload, destination), destination));
   }
+}
+
+std::size_t Udp_port::send_part(const Header& header,
+                                Bytes payload,
+                                std::size_t offset,
+                                std::size_t segments,
+                                const Socket_address& to) {
+  if (payload.size() <= max_datagram_payload) {
+    const Header_bytes head = header_bytes(header, payload.size());
+    static_cast<void>(sent(socket_->send(head, payload, to), to));
+    return payload.size();
+  }
+  for (; segments > 0 && offset < payload.size(); --segments) {
+    const Segment segment = segment_at(header, payload, offset);
+    if (!sent(socket_->send(segment.head, segment.part, to), to)) return payload.size();
+    counters_.segments_sent.add();
+    offset += segment.part.size();
+  }
+  return offset;
 }
 
 }  // namespace someip

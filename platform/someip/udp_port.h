@@ -10,6 +10,7 @@
 #include "platform/someip/counters.h"
 #include "platform/someip/log.h"
 #include "platform/someip/received.h"
+#include "platform/someip/segment_shaper.h"
 #include "platform/someip/segmentation.h"
 #include "platform/someip/task.h"
 #include "platform/someip/udp_socket.h"
@@ -51,6 +52,7 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
            Receiver& receiver,
            Workers& workers,
            Shared_reassembler& reassembler,
+           Segment_shaper& shaper,
            Counters& counters,
            Log& log);
 
@@ -61,9 +63,19 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   [[nodiscard]] const Endpoint& local() const { return local_; }
   [[nodiscard]] Udp_socket& socket() { return *socket_; }
 
-  /// Sends a message to each destination, in segments when it is long. Thread-safe; does not wait:
+  /// Sends a message to each destination, in segments when it is long, spread over time when there
+  /// are many of them. Thread-safe; does not wait:
   /// a destination that cannot be reached now is counted and left out. `header.length` is set here.
   void send(const Header& header, Bytes payload, std::span<const Socket_address> to);
+
+  /// Sends no more than `segments` segments of a message from `offset` of its payload on, or all of
+  /// it when it fits into a datagram. Gives the offset that follows: the end also when the rest is
+  /// left out because a segment could not be sent.
+  std::size_t send_part(const Header& header,
+                        Bytes payload,
+                        std::size_t offset,
+                        std::size_t segments,
+                        const Socket_address& to);
 
   void on_readable() override;
 
@@ -85,6 +97,7 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   Receiver& receiver_;
   Workers& workers_;
   Shared_reassembler& reassembler_;
+  Segment_shaper& shaper_;
   Counters& counters_;
   Log& log_;
   static constexpr std::size_t datagrams_per_batch = 8;

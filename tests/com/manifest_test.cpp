@@ -25,6 +25,7 @@ json good() {
     "nodes": {"one": {"address": "127.43.0.1", "watchLink": false}, "two": {"addresses": ["127.43.0.2", "127.43.0.3"]}},
     "serviceDiscovery": {"multicastAddress": "239.255.43.1"},
     "limits": {"reassemblies": 5},
+    "segments": {"burst": 3},
     "services": {
       "test::A": {"id": "0x1234", "majorVersion": 1, "minorVersion": 2,
         "methods": {"go": {"id": 1}},
@@ -56,6 +57,8 @@ TEST(Manifest, gives_ids_names_and_defaults) {
   EXPECT_TRUE(deployment.nodes[1].watch_link);
   EXPECT_EQ(deployment.discovery.port, 30490);
   EXPECT_EQ(deployment.limits.reassemblies, 5u);
+  EXPECT_EQ(deployment.segments.burst, 3u);
+  EXPECT_EQ(deployment.segments.pause, someip::Segment_shaping{}.pause);
   EXPECT_EQ(deployment.limits.pending_calls, someip::Limits{}.pending_calls);
   ASSERT_EQ(deployment.services.size(), 2u);
   const auto& service = deployment.services[0];

@@ -3,7 +3,7 @@
 from devices import *
 from network import *
 import suite
-from suite import covers, not_met
+from suite import covers
 
 LARGEST = 1392  # bytes in a segment
 
@@ -165,7 +165,6 @@ class Segmentation(suite.Group):
 
     @covers("someiptp_801",
             "The segments of a long message are spread over time, so that they do not leave as one burst")
-    @not_met("the segments of one message leave together")
     def test_shaping(self):
         host, peer = self.vehicle()
         train = self.make(host, peer, 131_072)
@@ -173,6 +172,44 @@ class Segmentation(suite.Group):
         busiest = max(sum(begin.time <= one.time < begin.time + 0.005 for one in train)
                       for begin in train)
         self.assertLess(busiest, 48, "segments within five milliseconds")
+
+    @covers("someiptp_801 someiptp_777",
+            """A message that follows a long one of the same event waits for the last segment of that; other
+            events pass both""")
+    def test_order_behind_shaping(self):
+        host, peer = self.vehicle()
+        events = peer.socket()
+        peer.subscribed(host.address, VEHICLE, 1, TICK_GROUP, events, major=MAJOR)
+        long = pattern(60_000)
+        host.do(f"event first tick {long.hex()}\nevent first tick 01\nevent first tock 02\n"
+                f"event first tick {long[::-1].hex()}")
+        self.network.wait(lambda: len(events.messages) == 2 * 44 + 2, "all of it")
+        ticks = [one for one in events.messages if one.method == TICK]
+        self.assertEqual((joined(ticks[:44]), ticks[44].payload, joined(ticks[45:])),
+                         (long, b"\x01", long[::-1]))
+        self.assertEqual([one.session for one in ticks], [1] * 44 + [2] + [3] * 44)
+        self.assertLess(next(at for at, one in enumerate(events.messages) if one.method == TOCK), 44)
+
+    @covers("someiptp_801 someiptp_788",
+            "Several long messages share what leaves in a while; past the bound they are left out whole")
+    def test_shared_shaping(self):
+        manifest = host_manifest(self.network)
+        manifest["segments"] = {"burst": 4, "pauseUs": 20_000}
+        manifest["limits"] = {"queuedSegmentBytes": 50_000}
+        host, peer = self.vehicle(manifest=manifest)
+        peers = [peer, self.peer()]
+        for one in peers:
+            one.caller().send(someip(VEHICLE, MAKE, (20_000).to_bytes(4, "big"), session=7,
+                                     interface=MAJOR), host.udp())
+        trains = [self.train(one.caller()) for one in peers]
+        self.assertEqual([joined(train) for train in trains], [pattern(20_000)] * 2)
+        times = sorted(one.time for train in trains for one in train)
+        # Thirty segments in bursts of four: seven pauses.
+        self.assertGreater(times[-1] - times[0], 7 * 0.020 * 0.9)
+        peer.caller().send(someip(VEHICLE, MAKE, (60_000).to_bytes(4, "big"), session=8, interface=MAJOR),
+                           host.udp())
+        self.network.wait(lambda: host.count("refusedSegmented") == 1, "refusal")
+        self.assertEqual(joined(self.make(host, peer, 30_000)), pattern(30_000))
 
     # Receiving
 

@@ -118,6 +118,18 @@ someip::Limits limits(const Json_reader& value) {
   read_number(members, "discoveryPeers", result.discovery_peers, 1, many);
   read_number(members, "queuedRequests", result.queued_requests, 1, many);
   read_number(members, "queuedNotifications", result.queued_notifications, 1, many);
+  read_number(members, "queuedSegmentBytes", result.queued_segment_bytes, 1500, bytes);
+  members.done();
+  return result;
+}
+
+someip::Segment_shaping segments(const Json_reader& value) {
+  Members members(value);
+  someip::Segment_shaping result;
+  read_number(members, "burst", result.burst, 1, 10'000);
+  if (const auto found = members.find("pauseUs")) {
+    result.pause = std::chrono::microseconds(found->number<std::int64_t>(0, 1'000'000));
+  }
   members.done();
   return result;
 }
@@ -337,6 +349,7 @@ Deployment parse_deployment(std::string_view text, const std::string& source) {
   }
   if (const auto found = members.find("serviceDiscovery")) result.discovery = discovery(*found);
   if (const auto found = members.find("limits")) result.limits = limits(*found);
+  if (const auto found = members.find("segments")) result.segments = segments(*found);
   Unique ids("a service id");
   std::map<std::string, std::string> specifiers;
   for (const auto& [name, value] : members.at("services").named()) {
