@@ -122,11 +122,6 @@ TEST_F(ComponentClientWrapperTest, an_owner_that_is_ready_is_prepared_within_the
               ElementsAre("Database: storing forbidden", "Database: storing allowed",
                           "Database: storing forbidden", "Database: storing allowed",
                           "Database: storing allowed"));
-  const auto record = log_->Records().front();
-  EXPECT_EQ(record.context, "CCSW");
-  EXPECT_EQ(record.level, ara::log::LogLevel::kInfo);
-  EXPECT_THAT(record.arguments,
-              ElementsAre("componentStateChangeRequest newState = ", "kOn", " seqNum = ", "1"));
 }
 
 TEST_F(ComponentClientWrapperTest, a_request_before_the_client_is_returned_is_confirmed) {

@@ -1,6 +1,5 @@
 #include "app/Settings.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -13,7 +12,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using ara::per::KvsType;
-using testing::ElementsAre;
 
 class SettingsTest : public testing::Test {
  public:
@@ -67,13 +65,6 @@ TEST_F(SettingsTest, an_empty_store_gives_the_defaults) {
   const Settings settings = readWith({});
   expectDefaults(settings);
   EXPECT_EQ(&settings.persistency, &*persistency_);
-  const auto records = log_.Records();
-  ASSERT_EQ(records.size(), std::size(kKeys));
-  for (std::size_t i = 0; i < std::size(kKeys); ++i) {
-    EXPECT_EQ(records[i].context, "DBAC");
-    EXPECT_EQ(records[i].level, ara::log::LogLevel::kInfo);
-    EXPECT_THAT(records[i].arguments, ElementsAre("No such entry for ", kKeys[i]));
-  }
 }
 
 TEST_F(SettingsTest, stored_values_replace_the_defaults) {
@@ -91,11 +82,6 @@ TEST_F(SettingsTest, stored_values_replace_the_defaults) {
   EXPECT_FALSE(settings.useGNSSDR);
   EXPECT_EQ(settings.mmNewPositionCalculationIntervalMS, 4294967295u);
   EXPECT_TRUE(settings.timeClientEnabled);
-  const auto records = log_.Records();
-  ASSERT_EQ(records.size(), std::size(kKeys));
-  EXPECT_THAT(records[0].arguments, ElementsAre("Got entry ", kKeys[0], "=", "0"));
-  EXPECT_THAT(records[4].arguments, ElementsAre("Got entry ", kKeys[4], "=", "4294967295"));
-  EXPECT_THAT(records[5].arguments, ElementsAre("Got entry ", kKeys[5], "=", "1"));
 }
 
 TEST_F(SettingsTest, a_value_of_another_type_counts_as_missing) {

@@ -1,4 +1,4 @@
-"""The program as its service manager sees it: start, states, signals, exit codes, log."""
+"""The program as its service manager sees it: start, states, signals, exit codes."""
 
 import json
 import os
@@ -69,9 +69,6 @@ class Application:
             found = re.findall(r"^\S+ \S+ (\w+) POS (\S+) (.*)$", file.read(), re.MULTILINE)
         return found
 
-    def texts(self, context="POS"):
-        return [text for _, where, text in self.lines() if where == context]
-
     def count(self, text):
         return sum(text in line for _, _, line in self.lines())
 
@@ -99,60 +96,6 @@ class Application:
 
 
 class ProcessTest(unittest.TestCase):
-    def test_start_and_stop_are_logged_in_order(self):
-        with Application() as application:
-            application.started().send(signal.SIGTERM)
-            self.assertEqual(application.exit_code(), 0)
-            texts = application.texts()
-
-        version = r"\d+\.\d+\.\d+"
-        release = texts[0].split("talvik version used: ")[1]
-        self.assertRegex(
-            texts[0], rf"^POS application started\. Version {version} build time "
-            r"\d{4}-\d\d-\d\d \d\d:\d\d:\d\d UTC talvik version used: \S+$")
-        self.assertRegex(texts[1], rf"^Used DFL version {version}$")
-        self.assertRegex(texts[2], rf"^Used DM-Extensions version {version}$")
-        self.assertEqual(texts[3:], [
-            "Required interface: GNSS. Version v3.0",
-            "Required interface: Time. Version v4.1",
-            "Provided interface: Positioning. Version v3.0",
-            "Provided interface diagnosis: d_1190 (DataIdentifier_BDPSomeipDataBusServiceNotAvailable).",
-            "Provided interface diagnosis: d_1191 (DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived).",
-            "Provided interface diagnosis: d_1192 (DataIdentifier_BDPSomeipDataBusServiceImplausible).",
-            "Provided interface diagnosis: d_14a0 (DataIdentifier_PositioningStatusInputs).",
-            "Provided interface diagnosis: d_14a1 (DataIdentifier_PositioningStatusOutputs).",
-            "Provided interface diagnosis: d_14a2 (DataIdentifier_PositioningMMPos).",
-            "Provided interface diagnosis: d_14a3 (DataIdentifier_PositioningStatusSystem).",
-            f"Provided interface DiagnosticMonitor. Version from talvik {release}",
-            STARTED,
-            "posApplication::signalHandler, received sigId = 15 , starting gracefull shutdown procedure",
-            "destroying app.",
-            "delay before destroying runtime.",
-            "destroying runtime.",
-            "exiting main.",
-        ])
-
-    def test_the_parts_start_in_order(self):
-        with Application() as application:
-            application.started()
-            starts = [line[2] for line in application.lines() if line[2].startswith("enter ")]
-            settings = application.texts("DBAC")
-        self.assertEqual(starts, [
-            "enter phmClientImpl::init()",
-            "enter diagnosisServiceImpl::init(), set default values, start offering services",
-            "enter posServiceImpl::init(), setting dummy values for all fields",
-            "enter gnssClientImpl::init()",
-        ])
-        self.assertEqual(settings, [
-            "exception: ExceptionStorageLocationNotFound calling KeyValueStorage constructor again.",
-            "No such entry for  recievedGNSSDataLogging",
-            "No such entry for  ignoreGNSSTimestamps",
-            "No such entry for  alwaysSendAllValidPositions",
-            "No such entry for  useGNSSDR",
-            "No such entry for  mmNewPositionCalculationIntervalMS",
-            "No such entry for  timeClientEnabled",
-        ])
-
     def test_execution_and_health_management_are_told(self):
         with Application() as application:
             messages = [application.notify.recv(256).decode()]
@@ -162,22 +105,6 @@ class ProcessTest(unittest.TestCase):
             self.assertEqual(application.exit_code(), 0)
             while "STOPPING=1" not in messages[-1]:
                 messages.append(application.notify.recv(256).decode())
-
-    def test_component_states_by_signal(self):
-        with Application() as application:
-            application.started().send(signal.SIGUSR1)
-            application.await_text("Database: storing forbidden")
-            application.send(signal.SIGUSR2)
-            application.await_text("Database: storing allowed")
-            self.assertEqual(application.texts()[-2:], [
-                "posApplication::signalHandler, received sigId = 10 , switching to state 'kPrepSD'",
-                "posApplication::signalHandler, received sigId = 12 , switching to state 'kOn'",
-            ])
-            self.assertEqual(application.texts("CCSW")[-2:], [
-                "componentStateChangeRequest newState =  kPrepSD  seqNum =  0",
-                "componentStateChangeRequest newState =  kOn  seqNum =  0",
-            ])
-            self.assertIsNone(application.process.poll())
 
     def test_shutdown_is_prompt_and_further_signals_change_nothing(self):
         with Application() as application:
@@ -214,34 +141,10 @@ class ProcessTest(unittest.TestCase):
                 application.send(*SIGNALS)
             self.assertEqual(application.exit_code(), 0)
 
-    def test_an_exception_that_nobody_handles_ends_with_104(self):
-        with Application() as first:  # a file where the folder should be
-            taken = f"{first.folder.name}/taken"
-            with open(taken, "w", encoding="utf-8"):
-                pass
-            with Application(POS_STORAGE_DIR=f"{taken}/store") as application:
-                self.assertEqual(application.exit_code(), 104)
-                level, context, text = application.lines()[-1]
-        self.assertEqual((level, context), ("error", "POS"))
-        self.assertRegex(
-            text, "^Fatal error in application, not handled exception caught:  .*taken.* "
-            r" Exiting application with return value  104 \.$")
-
     def test_a_bad_manifest_ends_with_104_and_names_the_file(self):
         with Application(POS_MANIFEST="/nonexistent/manifest.json") as application:
             self.assertEqual(application.exit_code(), 104)
             self.assertIn("/nonexistent/manifest.json", application.lines()[-1][2])
-
-    def test_a_broken_storage_file_does_not_keep_the_program_from_running(self):
-        with tempfile.TemporaryDirectory(prefix="pos_process_test_") as folder:
-            os.mkdir(f"{folder}/store")
-            with open(f"{folder}/store/POS_Key_Value_Port.json", "w", encoding="utf-8") as file:
-                file.write("{")
-            with Application(POS_STORAGE_DIR=f"{folder}/store") as application:
-                application.started()
-                self.assertEqual(application.count("default values set in app logic will be used"), 1)
-                application.send(signal.SIGTERM)
-                self.assertEqual(application.exit_code(), 0)
 
 
 if __name__ == "__main__":

@@ -106,21 +106,6 @@ TEST_F(PersistencyTest, storing_can_be_forbidden_and_allowed_again) {
   persistency.setStoringAllowed(true);
   persistency.remove("x");
   EXPECT_FALSE(persistency.gateway().hasKey("x"));
-
-  const auto records = log_.Records();
-  ASSERT_EQ(records.size(), 6u);
-  EXPECT_THAT(records[0].arguments, ElementsAre("Database: storing", "forbidden"));
-  EXPECT_THAT(records[1].arguments,
-              ElementsAre("Modifications not allowed. Tried to remove key x"));
-  EXPECT_THAT(records[2].arguments,
-              ElementsAre("blob, controlledSaveBinaryData will store 2 bytes"));
-  EXPECT_THAT(
-      records[3].arguments,
-      ElementsAre("Modifications not allowed. Tried to controlledSaveBinaryData with key blob"));
-  EXPECT_THAT(records[4].arguments, ElementsAre("Database: storing", "allowed"));
-  EXPECT_THAT(records[5].arguments, ElementsAre("Remove x"));
-  for (const auto& record : records)
-    EXPECT_EQ(record.level, LogLevel::kInfo);
 }
 
 TEST_F(PersistencyTest, a_blob_outlives_the_process) {
@@ -130,12 +115,8 @@ TEST_F(PersistencyTest, a_blob_outlives_the_process) {
     EXPECT_TRUE(persistency.controlledSaveBinaryData(blob, "b"));
     EXPECT_TRUE(persistency.controlledSaveBinaryData({}, "empty"));
   }
-  log_.Clear();
   Persistency persistency = open();
   EXPECT_EQ(read(persistency, "b"), blob);
-  EXPECT_THAT(log_.Texts("DBAC"),
-              ElementsAre("Got entry bbeforeRW=5", "Got entry bafterRW=5", "Got entry b=5 bytes",
-                          "controlledReadBinaryData loaded 5 bytes"));
   EXPECT_EQ(read(persistency, "empty"), Bytes());
   EXPECT_EQ(persistency.getValue("emptybeforeRW"), KvsType(std::uint64_t{0}));
   EXPECT_EQ(persistency.getValue("emptyafterRW"), KvsType(std::uint64_t{0}));
@@ -152,22 +133,14 @@ TEST_F(PersistencyTest, an_interrupted_write_is_recognised) {
                           "controlledReadBinaryData failed to load b size beforeRW: 0 size "
                           "afterRW: 0"));
 
-  log_.Clear();
   store.setValue("bafterRW", KvsType(std::uint64_t{12}));
   EXPECT_EQ(read(persistency, "b"), std::nullopt);
-  EXPECT_THAT(log_.Texts("DBAC"),
-              ElementsAre("Got entry bbeforeRW=10", "Got entry bafterRW=12",
-                          "controlledReadBinaryData failed to load b size beforeRW: 12 size "
-                          "afterRW: 12"));
 }
 
 TEST_F(PersistencyTest, damaged_blob_entries_read_as_nothing) {
   Persistency persistency = open();
   auto& store = persistency.gateway();
   EXPECT_EQ(read(persistency, "b"), std::nullopt);
-  EXPECT_THAT(log_.Texts("DBAC"),
-              ElementsAre("No such entry for bbeforeRW", "No such entry for bafterRW",
-                          "controlledReadBinaryData no data size b"));
 
   const auto read_with = [&](std::uint64_t size, const KvsType& value) {
     store.setValue("bbeforeRW", KvsType(size));
