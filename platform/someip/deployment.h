@@ -38,10 +38,10 @@ struct Limits {
   std::size_t reassemblies = 32;  ///< segment trains in flight, over all peers
   std::size_t reassemblies_per_peer = 8;
   Milliseconds reassembly_timeout{5000};
-  std::size_t message_bytes = 256 * 1024;  ///< one SOME/IP message, header included
-  std::size_t tcp_connections = 64;        ///< accepted ones; also the bound of outgoing ones
+  std::size_t message_bytes = std::size_t{256} * 1024;  ///< one SOME/IP message, header included
+  std::size_t tcp_connections = 64;  ///< accepted ones; also the bound of outgoing ones
   std::size_t tcp_send_queue_bytes =
-      512 * 1024;  ///< per connection; a slower reader is disconnected
+      std::size_t{512} * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;
   std::size_t entries_per_discovery_message = 256;
   std::size_t remote_instances = 1024;    ///< offered instances remembered

@@ -114,6 +114,7 @@ class Discovery_client {
   struct Search_key {
     std::uint16_t service, instance;
     std::uint8_t major_version;
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison for a null pointer
     friend auto operator<=>(const Search_key&, const Search_key&) = default;
   };
   struct Search {

@@ -21,6 +21,7 @@ struct Instance_key {
   std::uint16_t service = 0;
   std::uint16_t instance = 0;
   std::uint8_t major_version = 0;
+  // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison for a null pointer
   friend auto operator<=>(const Instance_key&, const Instance_key&) = default;
 };
 

@@ -228,7 +228,7 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
     return;
   }
   if (header.is(Message_type::notification)) {
-    notification(std::move(message), from, transport, tasks);
+    notification(message, from, transport, tasks);
     return;
   }
   if (!header.is(Message_type::response) && !header.is(Message_type::error)) {
@@ -252,7 +252,10 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
   tasks.push_back(std::make_shared<Answer>(std::move(call->handler), std::move(message)));
 }
 
-void Node::notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
+void Node::notification(const Received& message,
+                        const Endpoint& from,
+                        Transport transport,
+                        Tasks& tasks) {
   const Header& header = message.header;
   const auto sinks = routes_.find({from, transport, header.service, header.method});
   if (!sinks || header.code != 0) {

@@ -180,7 +180,7 @@ void Tcp_connection::write() {
     total += bytes.size();
   }
   boost::asio::async_write(
-      socket_, std::move(buffers),
+      socket_, buffers,
       [this, total, self = shared_from_this()](const error_code& error, std::size_t) {
         if (!open_) return;
         if (error) {

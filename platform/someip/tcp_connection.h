@@ -79,7 +79,7 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
   const Endpoint peer_;
   const Time established_;
   Stream_reader reader_;
-  std::array<std::byte, 16 * 1024> buffer_;
+  std::array<std::byte, std::size_t{16} * 1024> buffer_;
   std::vector<std::vector<std::byte>> writing_;  ///< on their way, the control thread's own
   bool open_ = true;                             ///< the control thread's own
 

@@ -52,7 +52,7 @@ class Json_reader {
         if (known_.contains(name)) continue;
         std::string names;
         for (const auto& one : known_)
-          names += (names.empty() ? "" : ", ") + one;
+          names.append(names.empty() ? "" : ", ").append(one);
         object_.fail("no member \"" + name + "\" (known are " + names + ")");
       }
     }

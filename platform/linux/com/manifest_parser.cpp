@@ -18,7 +18,7 @@ using Members = Json_reader::Members;
 boost::asio::ip::address address(const Json_reader& value, bool multicast) {
   boost::system::error_code error;
   const std::string text = value.is_text() ? value.text() : "";
-  const auto result = boost::asio::ip::make_address(text, error);
+  auto result = boost::asio::ip::make_address(text, error);
   if (error || result.is_unspecified() || result.is_multicast() != multicast) {
     value.fail(multicast ? "a multicast IP address" : "a unicast IP address");
   }

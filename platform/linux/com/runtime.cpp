@@ -40,6 +40,7 @@ class Running_search final : public someip::Search,
 
   void found(const std::vector<std::uint16_t>& instances) override {
     std::vector<Found_instance> result;
+    result.reserve(instances.size());
     for (const std::uint16_t instance : instances) {
       result.push_back(
           {service_.name, instance, std::make_shared<const Remote_instance>(service_, instance)});
@@ -147,6 +148,7 @@ class Someip_runtime final : public Runtime {
 
   std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override {
     std::vector<std::pair<std::string_view, std::uint64_t>> result;
+    result.reserve(std::size(someip::counter_names));
     for (const auto& [name, counter] : someip::counter_names) {
       result.emplace_back(name, (node_.counters().*counter).value());
     }
