@@ -15,7 +15,6 @@ using binding::Wire_type;
 using test::hex;
 using testing::ElementsAre;
 using testing::Pair;
-using testing::Property;
 using testing::StrEq;
 using testing::ThrowsMessage;
 
