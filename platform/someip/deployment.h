@@ -48,7 +48,7 @@ struct Limits {
   std::size_t discovery_peers = 256;      ///< session counters and reboot flags remembered
   std::size_t queued_requests = 256;      ///< received and not yet worked on
   std::size_t queued_notifications = 64;  ///< per event waiting for a slow handler
-  std::size_t queued_segment_bytes = 4 * 1024 * 1024;  ///< long messages whose segments wait
+  std::size_t queued_segment_bytes = std::size_t{4} << 20U;  ///< long messages whose segments wait
 };
 
 /// How the segments of long messages are spread over time ("segments"). The default is half of what

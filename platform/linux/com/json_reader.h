@@ -52,7 +52,8 @@ class Json_reader {
         if (known_.contains(name)) continue;
         std::string names;
         for (const auto& one : known_)
-          names.append(names.empty() ? "" : ", ").append(one);
+          names += (names.empty() ? "" : ", ") + one;
+        // NOLINTNEXTLINE(performance-inefficient-string-concatenation): ends the loop
         object_.fail("no member \"" + name + "\" (known are " + names + ")");
       }
     }
