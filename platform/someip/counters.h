@@ -19,9 +19,10 @@ class Counter {
 };
 
 struct Counters {
-  Counter datagrams_received, datagrams_sent;
+  // Those of the road of a notification share a cache line.
+  alignas(64) Counter datagrams_received;
+  Counter datagrams_sent, notifications_received, notifications_sent;
   Counter discovery_received, discovery_sent;
-  Counter notifications_received, notifications_sent;
   Counter requests_received, requests_sent;
   Counter responses_received, responses_sent;
   Counter segments_received, segments_sent;

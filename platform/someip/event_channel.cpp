@@ -97,14 +97,15 @@ void Event_channel::drain(std::unique_lock<std::mutex>& lock) {
 void Event_channel::send(Bytes payload, const Event_targets& targets, std::uint16_t session) {
   Header header = header_;
   header.session = session;
+  // Counted first: whoever has received one finds it counted.
   if (transport_ == Transport::udp) {
-    if (udp_) udp_->send(header, payload, targets.udp);
     counters_.notifications_sent.add(targets.udp.size());
+    if (udp_) udp_->send(header, payload, targets.udp);
     return;
   }
+  counters_.notifications_sent.add(targets.streams.size());
   for (const auto& stream : targets.streams)
     stream->send(header, payload);
-  counters_.notifications_sent.add(targets.streams.size());
 }
 
 std::optional<std::vector<std::byte>> Event_channel::value() const {

@@ -1,6 +1,8 @@
 #include "platform/someip/event_routes.h"
 
+#include <algorithm>
 #include <functional>
+#include <utility>
 
 namespace someip {
 
@@ -12,27 +14,27 @@ std::size_t Event_routes::Hash::operator()(const Key& key) const {
 
 void Event_routes::add(const Key& key, std::shared_ptr<Event_sink> sink) {
   const std::lock_guard lock(mutex_);
-  auto& present = routes_[key];
-  auto sinks = present ? std::make_shared<Sinks>(*present) : std::make_shared<Sinks>();
-  sinks->push_back(std::move(sink));
-  present = std::move(sinks);
+  routes_[key].push_back(std::move(sink));
 }
 
 void Event_routes::remove(const Key& key, const Event_sink* sink) {
-  std::shared_ptr<const Sinks> old;  // goes after the lock
+  std::shared_ptr<Event_sink> removed;  // goes after the lock
   const std::lock_guard lock(mutex_);
-  const auto found = routes_.find(key);
-  if (found == routes_.end()) return;
-  auto sinks = std::make_shared<Sinks>(*found->second);
-  std::erase_if(*sinks, [&](const auto& one) { return one.get() == sink; });
-  old = std::exchange(found->second, sinks);
-  if (sinks->empty()) routes_.erase(found);
+  const auto route = routes_.find(key);
+  if (route == routes_.end()) return;
+  Sinks& sinks = route->second;
+  const auto found =
+      std::ranges::find_if(sinks, [&](const auto& one) { return one.get() == sink; });
+  if (found == sinks.end()) return;
+  removed = std::move(*found);
+  sinks.erase(found);
+  if (sinks.empty()) routes_.erase(route);
 }
 
-std::shared_ptr<const Event_routes::Sinks> Event_routes::find(const Key& key) const {
+Event_routes::Sinks Event_routes::find(const Key& key) const {
   const std::lock_guard lock(mutex_);
   const auto found = routes_.find(key);
-  return found == routes_.end() ? nullptr : found->second;
+  return found == routes_.end() ? Sinks{} : found->second;
 }
 
 }  // namespace someip

@@ -2,11 +2,11 @@
 #pragma once
 
 #include <atomic>
+#include <boost/container/small_vector.hpp>
 #include <cstdint>
 #include <memory>
 #include <mutex>
 #include <unordered_map>
-#include <vector>
 
 #include "platform/someip/deployment.h"
 #include "platform/someip/endpoint.h"
@@ -46,19 +46,20 @@ class Event_routes {
     std::uint16_t event = 0;
     friend bool operator==(const Key&, const Key&) = default;
   };
-  using Sinks = std::vector<std::shared_ptr<Event_sink>>;
+  /// Nearly always one.
+  using Sinks = boost::container::small_vector<std::shared_ptr<Event_sink>, 1>;
 
   void add(const Key& key, std::shared_ptr<Event_sink> sink);
   void remove(const Key& key, const Event_sink* sink);
-  /// Null when nobody wants it.
-  [[nodiscard]] std::shared_ptr<const Sinks> find(const Key& key) const;
+  /// Empty when nobody wants it.
+  [[nodiscard]] Sinks find(const Key& key) const;
 
  private:
   struct Hash {
     std::size_t operator()(const Key& key) const;
   };
   mutable std::mutex mutex_;  ///< guards routes_
-  std::unordered_map<Key, std::shared_ptr<const Sinks>, Hash> routes_;
+  std::unordered_map<Key, Sinks, Hash> routes_;
 };
 
 }  // namespace someip

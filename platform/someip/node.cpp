@@ -104,7 +104,7 @@ Node::Node(const Deployment& deployment,
                          }});
   link_ = node.watch_link ? std::make_unique<Link_watch>(workers.control(), own_, log_)
                           : std::make_unique<Link_watch>(workers.control(), own_);
-  client_port_->open();
+  client_port_->open_with_thread();
   on_control([this] {
     closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
     channel_->start(

@@ -258,11 +258,11 @@ void Node::notification(const Received& message,
                         Tasks& tasks) {
   const Header& header = message.header;
   const auto sinks = routes_.find({from, transport, header.service, header.method});
-  if (!sinks || header.code != 0) {
+  if (sinks.empty() || header.code != 0) {
     counters_.dropped_unexpected.add();
     return;
   }
-  for (const auto& sink : *sinks) {
+  for (const auto& sink : sinks) {
     if (header.interface_version != sink->interface_version()) {
       counters_.dropped_wrong_version.add();
       continue;

@@ -67,6 +67,11 @@ std::size_t Buffer::size() const {
   return block_ == nullptr ? 0 : block_->size;
 }
 
+bool Buffer::unique() const {
+  // Acquire: what the others did with the bytes has happened before they are written again.
+  return block_ != nullptr && block_->references.load(std::memory_order_acquire) == 1;
+}
+
 void Buffer::retain() noexcept {
   if (block_ != nullptr) block_->references.fetch_add(1, std::memory_order_relaxed);
 }

@@ -29,6 +29,9 @@ class Buffer {
   [[nodiscard]] static Buffer copy_of(Bytes bytes);
   [[nodiscard]] std::byte* data() const;
   [[nodiscard]] std::size_t size() const;
+  [[nodiscard]] bool empty() const { return block_ == nullptr; }
+  /// Nobody else refers to the bytes.
+  [[nodiscard]] bool unique() const;
 
  private:
   struct Block;
@@ -41,6 +44,14 @@ struct Received {
   Header header;
   Bytes payload;  ///< inside `buffer`
   Buffer buffer;
+
+  /// The same for keeping: a receiver's own, large buffer is not held for one message.
+  [[nodiscard]] Received kept() const {
+    if (buffer.size() <= Buffer::usual_size) return *this;
+    Received copy{header, {}, Buffer::copy_of(payload)};
+    copy.payload = Bytes(copy.buffer.data(), payload.size());
+    return copy;
+  }
 };
 
 }  // namespace someip

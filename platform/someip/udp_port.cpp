@@ -1,27 +1,36 @@
 #include "platform/someip/udp_port.h"
 
+#include <sys/timerfd.h>
 #include <sys/uio.h>
+#include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstring>
 #include <string>
+#include <system_error>
 #include <utility>
 
 namespace someip {
 
 namespace {
 
+/// A handler that takes longer than this, or twice this, has others receive in its thread's stead.
+/// Looking at each handler's start would cost two system calls a notification; an odd time, so that
+/// the look does not fall together with a source that sends each millisecond.
+constexpr std::chrono::nanoseconds patience = std::chrono::microseconds(2300);
 /// After so many batches the first handler is not kept waiting any longer.
 constexpr int batches_before_handlers = 4;
 constexpr std::size_t max_datagram = 65536;
 /// More in a row are no errors of sends: the socket itself is of no use.
 constexpr int max_errors = 64;
 
-/// Longer datagrams than ours spill into this one; a thread receives one batch at a time.
-std::byte* spill(std::size_t index, std::size_t count) {
+/// Longer datagrams than ours spill into these; a thread receives one batch at a time.
+std::byte* spill(std::size_t index) {
+  constexpr std::size_t datagrams = 8;
   thread_local const auto memory =
-      std::make_unique_for_overwrite<std::byte[]>(count * max_datagram);
+      std::make_unique_for_overwrite<std::byte[]>(datagrams * max_datagram);
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): initialised once per thread, not per call
   return memory.get() + index * max_datagram;
 }
@@ -73,26 +82,132 @@ Udp_port::Udp_port(std::unique_ptr<Udp_socket> socket,
       counters_(counters),
       log_(log) {}
 
+/// A timer whose end a worker is told of.
+class Udp_port::Alarm final : public Readable {
+ public:
+  Alarm(Workers& workers, std::weak_ptr<Udp_port> port)
+      : workers_(workers),
+        port_(std::move(port)),
+        descriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
+    if (descriptor_ < 0) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+  }
+  ~Alarm() override { ::close(descriptor_); }
+  Alarm(const Alarm&) = delete;
+  Alarm& operator=(const Alarm&) = delete;
+
+  void watch(std::shared_ptr<Alarm> self) { watch_ = workers_.watch(descriptor_, std::move(self)); }
+  void unwatch() { workers_.unwatch(watch_, descriptor_); }
+  void set() const {
+    itimerspec time{};
+    time.it_value.tv_nsec = patience.count();
+    ::timerfd_settime(descriptor_, 0, &time, nullptr);
+  }
+  void on_readable() override {
+    std::uint64_t ticks = 0;
+    if (::read(descriptor_, &ticks, sizeof ticks) != sizeof ticks) return;
+    if (const auto port = port_.lock()) port->watch_over_thread();
+  }
+
+ private:
+  Workers& workers_;
+  const std::weak_ptr<Udp_port> port_;
+  const int descriptor_;
+  Workers::Watch watch_{};
+};
+
 void Udp_port::open() {
   const std::lock_guard lock(receive_mutex_);
+  if (!std::exchange(open_, true)) workers_receive();
+}
+
+void Udp_port::open_with_thread() {
+  const std::lock_guard lock(receive_mutex_);
   if (std::exchange(open_, true)) return;
-  watch_ = workers_.watch(socket_->descriptor(), shared_from_this());
+  socket_->set_blocking();
+  alarm_ = std::make_shared<Alarm>(workers_, weak_from_this());
+  alarm_->watch(alarm_);
+  if (workers_.start_thread([self = shared_from_this()] { self->receive_in_thread(); })) return;
+  std::exchange(alarm_, nullptr)->unwatch();
+  workers_receive();
 }
 
 void Udp_port::close() {
   const std::lock_guard lock(receive_mutex_);
-  if (std::exchange(open_, false)) workers_.unwatch(watch_, socket_->descriptor());
+  if (!std::exchange(open_, false)) return;
+  if (watch_) workers_.unwatch(*std::exchange(watch_, std::nullopt), socket_->descriptor());
+  if (!alarm_) return;
+  alarm_->unwatch();
+  socket_->end_receiving();
+}
+
+void Udp_port::workers_receive() {
+  watch_ = workers_.watch(socket_->descriptor(), shared_from_this());
+}
+
+void Udp_port::report(const Harvest& harvest) {
+  if (!harvest.malformed_from) return;
+  log_.limited(Log_level::warning, "malformed",
+               "malformed SOME/IP message from " + to_string(*harvest.malformed_from) + " dropped");
+}
+
+void Udp_port::receive_in_thread() {
+  Buffer buffer;  // used again and again, unless somebody still has it
+  for (;;) {
+    if (!buffer.unique()) buffer = Buffer(max_datagram);
+    Harvest harvest;
+    if (!receive_one(buffer, harvest)) return;
+    Tasks& tasks = harvest.tasks;
+    for (std::size_t i = 1; i < tasks.size(); ++i) {
+      workers_.post([task = std::move(tasks[i])] { task->run(); });
+    }
+    if (!tasks.empty()) tasks.front()->run();
+    report(harvest);
+    const std::lock_guard lock(receive_mutex_);
+    in_handlers_ = false;
+    if (!watch_) continue;
+    workers_.unwatch(*std::exchange(watch_, std::nullopt), socket_->descriptor());
+  }
+}
+
+bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
+  Socket_address from;
+  socklen_t from_size = Socket_address::capacity();
+  const ssize_t size =
+      ::recvfrom(socket_->descriptor(), buffer.data(), max_datagram, 0, from.data(), &from_size);
+  const std::lock_guard lock(receive_mutex_);
+  if (!open_) return false;
+  if (size < 0) {
+    if (++errors_ < max_errors) return true;  // of earlier sends, as in receive_batch()
+    workers_receive();
+    return false;
+  }
+  errors_ = 0;
+  counters_.datagrams_received.add();
+  take(buffer, static_cast<std::size_t>(size), from.endpoint(), harvest);
+  in_handlers_ = true;
+  ++turn_;
+  // While datagrams keep coming, the alarm goes on by itself.
+  if (!std::exchange(ticking_, true)) alarm_->set();
+  return true;
+}
+
+void Udp_port::watch_over_thread() {
+  const std::lock_guard lock(receive_mutex_);
+  if (!open_ || watch_) return;
+  if (turn_ != std::exchange(turn_at_tick_, turn_)) {
+    alarm_->set();
+    return;
+  }
+  ticking_ = false;
+  if (in_handlers_) workers_receive();
 }
 
 void Udp_port::on_readable() {
-  Tasks tasks;
+  Harvest harvest;
+  Tasks& tasks = harvest.tasks;
   std::size_t posted = 1;  // the first one is ours
   for (int batch = 1;; ++batch) {
-    const auto [count, malformed_from] = receive_batch(tasks);
-    if (malformed_from) {
-      log_.limited(Log_level::warning, "malformed",
-                   "malformed SOME/IP message from " + to_string(*malformed_from) + " dropped");
-    }
+    const std::size_t count = receive_batch(harvest);
     // A slow handler must not keep the others waiting: they go to other workers.
     for (; posted < tasks.size(); ++posted) {
       workers_.post([task = std::move(tasks[posted])] { task->run(); });
@@ -105,24 +220,24 @@ void Udp_port::on_readable() {
     }
   }
   if (!tasks.empty()) tasks.front()->run();
+  report(harvest);
 }
 
-Udp_port::Batch Udp_port::receive_batch(Tasks& tasks) {
+std::size_t Udp_port::receive_batch(Harvest& harvest) {
   const std::lock_guard lock(receive_mutex_);
-  if (!open_) return {};
+  if (!watch_) return 0;
   std::array<std::array<iovec, 2>, datagrams_per_batch> parts;
   std::array<Socket_address, datagrams_per_batch> from;
   std::array<mmsghdr, datagrams_per_batch> messages{};
   for (std::size_t i = 0; i < datagrams_per_batch; ++i) {
     if (buffers_[i].size() == 0) buffers_[i] = Buffer(Buffer::usual_size);
     parts[i][0] = {buffers_[i].data(), Buffer::usual_size};
-    parts[i][1] = {spill(i, datagrams_per_batch), max_datagram};
+    parts[i][1] = {spill(i), max_datagram};
     messages[i].msg_hdr.msg_name = from[i].data();
     messages[i].msg_hdr.msg_namelen = Socket_address::capacity();
     messages[i].msg_hdr.msg_iov = parts[i].data();
     messages[i].msg_hdr.msg_iovlen = parts[i].size();
   }
-
   int count = -1;
   for (int errors = 0; count < 0 && errors < max_errors; ++errors) {
     count = ::recvmmsg(socket_->descriptor(), messages.data(), datagrams_per_batch, MSG_DONTWAIT,
@@ -130,30 +245,31 @@ Udp_port::Batch Udp_port::receive_batch(Tasks& tasks) {
     // Errors of earlier sends (a port that nobody has open) come back here, once, and say nothing.
     if (count < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) break;
   }
-  if (count <= 0) return {};
-  Batch batch{static_cast<std::size_t>(count), std::nullopt};
-  counters_.datagrams_received.add(static_cast<std::uint64_t>(count));
-  for (std::size_t i = 0; i < batch.datagrams; ++i) {
+  if (count <= 0) return 0;
+  const auto datagrams = static_cast<std::size_t>(count);
+  counters_.datagrams_received.add(datagrams);
+  for (std::size_t i = 0; i < datagrams; ++i) {
     const std::size_t size = messages[i].msg_len;
     Buffer buffer = std::move(buffers_[i]);
     if (size > Buffer::usual_size) {
       Buffer large(size);
       std::memcpy(large.data(), buffer.data(), Buffer::usual_size);
-      std::memcpy(large.data() + Buffer::usual_size, spill(i, datagrams_per_batch),
-                  size - Buffer::usual_size);
+      std::memcpy(large.data() + Buffer::usual_size, spill(i), size - Buffer::usual_size);
       buffer = std::move(large);
     }
-    const Endpoint sender = from[i].endpoint();
-    if (!split(buffer, size, sender, tasks)) batch.malformed_from = sender;
+    take(buffer, size, from[i].endpoint(), harvest);
   }
-  return batch;
+  return datagrams;
 }
 
-bool Udp_port::split(const Buffer& buffer, std::size_t size, const Endpoint& from, Tasks& tasks) {
+void Udp_port::take(const Buffer& buffer,
+                    std::size_t size,
+                    const Endpoint& from,
+                    Harvest& harvest) {
   Datagram_reader reader(Bytes(buffer.data(), size));
   while (const auto message = reader.next()) {
     if (!message->header.segmented()) {
-      receiver_.received({message->header, message->payload, buffer}, from, *this, tasks);
+      receiver_.received({message->header, message->payload, buffer}, from, *this, harvest.tasks);
       continue;
     }
     counters_.segments_received.add();
@@ -161,10 +277,11 @@ bool Udp_port::split(const Buffer& buffer, std::size_t size, const Endpoint& fro
     if (!reassembler_.add(from, message->header, message->payload, counters_, whole)) continue;
     const Buffer copy = Buffer::copy_of(whole.payload);
     receiver_.received({whole.header, Bytes(copy.data(), whole.payload.size()), copy}, from, *this,
-                       tasks);
+                       harvest.tasks);
   }
-  if (reader.malformed()) counters_.dropped_malformed.add();
-  return !reader.malformed();
+  if (!reader.malformed()) return;
+  counters_.dropped_malformed.add();
+  harvest.malformed_from = from;
 }
 
 bool Udp_port::sent(std::error_code error, const Socket_address& to) {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <cstdint>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -57,6 +58,10 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
            Log& log);
 
   void open();
+  /// Same, with a thread that waits in the socket itself and runs the handlers: it is awake sooner
+  /// than one that waits for many descriptors. When a handler takes longer than a few
+  /// milliseconds, the workers receive until it is done.
+  void open_with_thread();
   /// No message is handed on after it returns.
   void close();
 
@@ -80,16 +85,22 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   void on_readable() override;
 
  private:
-  struct Batch {
-    std::size_t datagrams = 0;
+  /// What a receive left behind.
+  struct Harvest {
+    Tasks tasks;
     std::optional<Endpoint> malformed_from;
   };
-  [[nodiscard]] Batch receive_batch(Tasks& tasks);
-  /// False when the datagram is malformed.
-  [[nodiscard]] bool split(const Buffer& buffer,
-                           std::size_t size,
-                           const Endpoint& from,
-                           Tasks& tasks);
+  class Alarm;
+  void receive_in_thread();
+  /// The thread waits in the socket, alone, and hands on what has come. False when there
+  /// is nothing more to wait for.
+  [[nodiscard]] bool receive_one(Buffer& buffer, Harvest& harvest);
+  void watch_over_thread();
+  void workers_receive();
+  /// How many datagrams there were.
+  [[nodiscard]] std::size_t receive_batch(Harvest& harvest);
+  void take(const Buffer& buffer, std::size_t size, const Endpoint& from, Harvest& harvest);
+  void report(const Harvest& harvest);
   [[nodiscard]] bool sent(std::error_code error, const Socket_address& to);
 
   const std::unique_ptr<Udp_socket> socket_;
@@ -103,8 +114,16 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   static constexpr std::size_t datagrams_per_batch = 8;
 
   std::mutex receive_mutex_;  ///< keeps the order of datagrams; guards the members below
-  Workers::Watch watch_{};
   bool open_ = false;
+  std::optional<Workers::Watch> watch_;  ///< while the workers receive
+  /// Of the own thread, if there is one. It holds no lock while it waits in the socket: nobody else
+  /// receives then.
+  bool in_handlers_ = false;
+  int errors_ = 0;                  ///< that it received in a row
+  std::uint64_t turn_ = 0;          ///< counts its receives
+  std::uint64_t turn_at_tick_ = 0;  ///< as the alarm saw it last
+  bool ticking_ = false;            ///< the alarm will go off
+  std::shared_ptr<Alarm> alarm_;
   std::array<Buffer, datagrams_per_batch> buffers_;  ///< for the next batch
 };
 

@@ -1,5 +1,6 @@
 #include "platform/someip/udp_socket.h"
 
+#include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/uio.h>
@@ -116,6 +117,15 @@ Udp_socket::~Udp_socket() {
 void Udp_socket::reuse_address() {
   const int on = 1;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_REUSEADDR, on));
+}
+
+void Udp_socket::set_blocking() {
+  ::fcntl(descriptor_, F_SETFL, 0);
+}
+
+void Udp_socket::end_receiving() {
+  // Says that the socket is not connected, and wakes the waiting all the same.
+  ::shutdown(descriptor_, SHUT_RD);
 }
 
 void Udp_socket::allow_missing_address() {

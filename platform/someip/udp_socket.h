@@ -44,6 +44,10 @@ class Udp_socket {
 
   [[nodiscard]] int descriptor() const { return descriptor_; }
   void reuse_address();
+  /// Receiving waits, unless it says otherwise.
+  void set_blocking();
+  /// Nothing is received any more; whoever waits in the socket returns.
+  void end_receiving();
   /// An address that no interface has yet can be bound: the network may come up later.
   void allow_missing_address();
   /// Errors that come back from the network wait in the socket's error queue, with the destination

@@ -38,6 +38,13 @@ class Workers {
   [[nodiscard]] virtual Watch watch(int descriptor, std::shared_ptr<Readable> reader) = 0;
   /// No new call begins; one may still be running. To be called before the descriptor is closed.
   virtual void unwatch(Watch watch, int descriptor) = 0;
+
+  /// A thread of its own for `work`, which must return by itself before the workers are stopped.
+  /// False when there is none to be had.
+  [[nodiscard]] virtual bool start_thread(std::function<void()> work) {
+    static_cast<void>(work);
+    return false;
+  }
 };
 
 }  // namespace someip

@@ -370,6 +370,7 @@ TEST(Runtime, handlers_may_call_back_and_end_their_own_subscription) {
   Client client;
   client.connect();
   Seen<std::string> answers;
+  std::promise<void> subscribed;  // nobody may destroy the consumer before
   std::promise<void> gone;
   client.consumer->subscribe("value",
                              [&](Payload) {
@@ -377,11 +378,13 @@ TEST(Runtime, handlers_may_call_back_and_end_their_own_subscription) {
                                client.consumer->call(echo, bytes("from inside"),
                                                      [&](Return_code, Payload payload) {
                                                        answers.add(text(payload));
+                                                       subscribed.get_future().wait();
                                                        client.consumer.reset();
                                                        gone.set_value();
                                                      });
                              },
                              {});
+  subscribed.set_value();
   ASSERT_EQ(gone.get_future().wait_for(10s), std::future_status::ready);
   EXPECT_THAT(answers.all(), ElementsAre("from inside"));
 }

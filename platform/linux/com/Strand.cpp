@@ -18,6 +18,18 @@ bool Strand::enqueue(std::function<void()> work) {
   return !std::exchange(busy_, true);
 }
 
+bool Strand::claim() {
+  const std::lock_guard lock(mutex_);
+  return !closed_ && !std::exchange(busy_, true);
+}
+
+bool Strand::begin() {
+  const std::lock_guard lock(mutex_);
+  if (closed_) return false;
+  runner_ = std::this_thread::get_id();
+  return true;
+}
+
 void Strand::run() {
   std::unique_lock lock(mutex_);
   runner_ = std::this_thread::get_id();

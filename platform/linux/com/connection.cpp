@@ -43,16 +43,31 @@ Subscription::~Subscription() {
 }
 
 bool Subscription::enqueue(const someip::Received& notification) {
+  if (strand_.claim()) {
+    first_ = notification;
+    return true;
+  }
   // Relaxed: the bound need not be exact, and the strand orders everything else.
   if (queued_.load(std::memory_order_relaxed) >= max_queued_) {
     counters_.refused_notifications.add();
     return false;
   }
   queued_.fetch_add(1, std::memory_order_relaxed);
-  return strand_.enqueue([this, notification] {
+  return strand_.enqueue([this, waiting = notification.kept()] {
     queued_.fetch_sub(1, std::memory_order_relaxed);
-    handler_(notification.payload);
+    handler_(waiting.payload);
   });
+}
+
+void Subscription::run() {
+  if (!first_.buffer.empty()) {
+    strand_.run_claimed([this] {
+      const someip::Received first = std::exchange(first_, {});
+      handler_(first.payload);
+    });
+  } else {
+    strand_.run();
+  }
 }
 
 void Subscription::subscription_changed(bool active) {
@@ -60,7 +75,7 @@ void Subscription::subscription_changed(bool active) {
   const bool free = strand_.enqueue([this, active] {
     if (std::exchange(active_, active) != active) on_state_(active);
   });
-  if (free) workers_.post([self = shared_from_this()] { self->run(); });
+  if (free) workers_.post([self = shared_from_this()] { self->strand_.run(); });
 }
 
 Connection::Connection(std::shared_ptr<const Remote_instance> remote,

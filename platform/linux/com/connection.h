@@ -42,7 +42,7 @@ class Subscription final : public someip::Event_sink,
   Subscription& operator=(const Subscription&) = delete;
 
   [[nodiscard]] bool enqueue(const someip::Received& notification) override;
-  void run() override { strand_.run(); }
+  void run() override;
   void subscription_changed(bool active) override;
   /// No handler runs any more when it returns (not waited for inside a handler).
   void close() { strand_.close(); }
@@ -54,6 +54,7 @@ class Subscription final : public someip::Event_sink,
   const Subscription_state_handler on_state_;
   someip::Workers& workers_;
   someip::Counters& counters_;
+  someip::Received first_;  ///< belongs to whoever has claimed the strand
   std::atomic<std::size_t> queued_{0};
   bool active_ = false;  ///< as the handler was told last; touched on the strand only
   mw::com::Strand strand_;

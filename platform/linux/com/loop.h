@@ -32,6 +32,7 @@ class static_thread_pool::Loop final : public someip::Workers {
   [[nodiscard]] boost::asio::io_context& control() override { return control_; }
   void post(std::function<void()> work) override;
   [[nodiscard]] Watch watch(int descriptor, std::shared_ptr<someip::Readable> reader) override;
+  [[nodiscard]] bool start_thread(std::function<void()> work) override;
   void unwatch(Watch watch, int descriptor) override;
   void stop();
 
@@ -45,7 +46,7 @@ class static_thread_pool::Loop final : public someip::Workers {
   int epoll_ = -1;
   int posted_event_ = -1;  ///< edge-triggered: one worker wakes for each write
   int stop_event_ = -1;    ///< level-triggered: every worker sees it
-  std::mutex mutex_;       ///< guards the three members below; never held while work runs
+  std::mutex mutex_;       ///< guards the members below but stopping_; never held while work runs
   std::deque<std::function<void()>> posted_;
   std::unordered_map<std::uint64_t, std::shared_ptr<someip::Readable>> readers_;
   std::uint64_t next_id_;

@@ -108,6 +108,14 @@ someip::Workers::Watch static_thread_pool::Loop::watch(int descriptor,
   return Watch{id};
 }
 
+bool static_thread_pool::Loop::start_thread(std::function<void()> work) {
+  std::thread thread([work = std::move(work)]() noexcept { work(); });
+  pthread_setname_np(thread.native_handle(), "someip-receive");
+  const std::lock_guard lock(mutex_);
+  threads_.push_back(std::move(thread));
+  return true;
+}
+
 void static_thread_pool::Loop::unwatch(Watch watch, int descriptor) {
   epoll_ctl(epoll_, EPOLL_CTL_DEL, descriptor, nullptr);
   std::shared_ptr<someip::Readable> reader;  // released after the lock

@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 #include <thread>
+#include <utility>
 
 namespace mw::com {
 
@@ -30,6 +31,18 @@ class Strand {
   /// Runs queued work until none is left. Only after an enqueue() that returned true.
   void run();
 
+  /// Takes a free strand and puts nothing into it: the caller must call run_claimed(). False when
+  /// the strand is busy or closed.
+  [[nodiscard]] bool claim();
+
+  /// Runs `first`, which is never stored, and then queued work until none is left. Only after a
+  /// claim() that returned true. `first` is left out when the strand has been closed since.
+  template <class Work>
+  void run_claimed(Work&& first) {
+    if (begin()) std::forward<Work>(first)();
+    run();
+  }
+
   /// enqueue() and, when the strand was free, run(): inline on the calling thread.
   void dispatch(std::function<void()> work);
 
@@ -40,6 +53,8 @@ class Strand {
   [[nodiscard]] bool running_in_this_thread() const;
 
  private:
+  [[nodiscard]] bool begin();
+
   mutable std::mutex mutex_;  ///< guards all members below; never held while work runs
   std::condition_variable idle_;
   std::deque<std::function<void()>> queue_;
