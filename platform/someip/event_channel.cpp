@@ -42,6 +42,7 @@ void Event_channel::notify(Bytes payload) {
   const std::uint16_t session = sessions_.next();
   if (held_ || sending_) {
     (held_ ? held_queue_ : queue_).push_back({{payload.begin(), payload.end()}, targets_, session});
+    if (!held_ && discovery_sends_) take_over(lock);
     return;
   }
   sending_ = true;
@@ -80,11 +81,22 @@ void Event_channel::release() {
 }
 
 void Event_channel::send_queue(std::unique_lock<std::mutex>& lock) {
-  if (!std::exchange(sending_, true)) drain(lock);
+  if (std::exchange(sending_, true)) return;
+  discovery_sends_ = true;
+  drain(lock);
+  discovery_sends_ = false;
+  discovery_done_.notify_all();
+}
+
+void Event_channel::take_over(std::unique_lock<std::mutex>& lock) {
+  publisher_waits_ = true;
+  discovery_done_.wait(lock, [this] { return !discovery_sends_; });
+  if (std::exchange(publisher_waits_, false)) drain(lock);
 }
 
 void Event_channel::drain(std::unique_lock<std::mutex>& lock) {
   while (!queue_.empty()) {
+    if (discovery_sends_ && publisher_waits_) return;  // who goes on with the queue
     const Job job = std::move(queue_.front());
     queue_.pop_front();
     lock.unlock();
@@ -92,6 +104,7 @@ void Event_channel::drain(std::unique_lock<std::mutex>& lock) {
     lock.lock();
   }
   sending_ = false;
+  publisher_waits_ = false;
 }
 
 void Event_channel::send(Bytes payload, const Event_targets& targets, std::uint16_t session) {

@@ -1,6 +1,7 @@
 /// One event or field notifier of a provided instance, on its way to the subscribers.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -70,8 +71,11 @@ class Event_channel {
 
   void send(Bytes payload, const Event_targets& targets, std::uint16_t session);
   void drain(std::unique_lock<std::mutex>& lock);
-  /// Sends the queue, unless somebody does so already.
+  /// On the thread of discovery: sends the queue, unless somebody does so already. A publisher that
+  /// comes meanwhile takes over, for whoever sends goes on as long as others publish, and discovery
+  /// has other work.
   void send_queue(std::unique_lock<std::mutex>& lock);
+  void take_over(std::unique_lock<std::mutex>& lock);
 
   const Header header_;
   const bool field_;
@@ -80,8 +84,11 @@ class Event_channel {
   Counters& counters_;
   std::function<void(std::uint16_t)> value_missing_;  ///< fixed once the instance is offered
 
-  mutable std::mutex mutex_;  ///< guards the members below; not held while sending
-  bool sending_ = false;      ///< somebody sends and will take the queue along
+  mutable std::mutex mutex_;      ///< guards the members below; not held while sending
+  bool sending_ = false;          ///< somebody sends and will take the queue along
+  bool discovery_sends_ = false;  ///< and it is the thread of discovery
+  bool publisher_waits_ = false;  ///< and will go on with the queue
+  std::condition_variable discovery_done_;
   std::deque<Job> queue_;
   Targets targets_;
   bool held_ = false;

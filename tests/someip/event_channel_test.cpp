@@ -2,7 +2,11 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <chrono>
+#include <future>
 #include <string>
+#include <thread>
 
 #include "platform/someip/counters.h"
 
@@ -63,6 +67,41 @@ TEST_F(Field, that_has_no_value_yet_is_missed_once_and_the_first_one_follows) {
   notify("one");
   channel_.release();
   EXPECT_THAT(fresh_->values, ElementsAre("one"));
+}
+
+TEST_F(Field, discovery_is_not_kept_by_a_publisher_that_never_pauses) {
+  // Each send lets the publisher come with the next value before it returns.
+  struct Slow final : Stream {
+    void send(const Header&, Bytes) override {
+      const auto seen = published.load();
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(1);
+      while (!stop && published == seen && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::yield();
+    }
+    std::atomic<std::size_t> published{0};
+    std::atomic<bool> stop{false};
+  };
+  const auto slow = std::make_shared<Slow>();
+  auto targets = std::make_shared<Event_targets>();
+  targets->streams = {slow};
+  notify("first");
+  std::thread publisher([&] {
+    while (!slow->stop) {
+      notify("next");
+      ++slow->published;
+    }
+  });
+  auto discovery = std::async(std::launch::async, [&] {
+    for (int i = 0; i < 3; ++i) {
+      channel_.hold(targets);
+      channel_.send_initial(targets);
+      channel_.release();
+    }
+  });
+  EXPECT_EQ(discovery.wait_for(std::chrono::seconds(10)), std::future_status::ready);
+  slow->stop = true;
+  publisher.join();
+  discovery.get();
 }
 
 }  // namespace
