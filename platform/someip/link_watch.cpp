@@ -176,7 +176,7 @@ bool Link_watch::tells_loss(const std::byte* message, std::size_t size) const {
 
 void Link_watch::read_events() {
   bool lost = false;
-  alignas(nlmsghdr) std::array<std::byte, 16 * 1024> buffer;
+  alignas(nlmsghdr) std::array<std::byte, std::size_t{16} * 1024> buffer;
   for (;;) {
     sockaddr_nl from{};
     iovec part{buffer.data(), buffer.size()};

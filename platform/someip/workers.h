@@ -41,6 +41,7 @@ class Workers {
 
   /// A thread of its own for `work`, which must return by itself before the workers are stopped.
   /// False when there is none to be had.
+  // NOLINTNEXTLINE(performance-unnecessary-value-param): those that have threads keep it
   [[nodiscard]] virtual bool start_thread(std::function<void()> work) {
     static_cast<void>(work);
     return false;
