@@ -4,11 +4,10 @@ import json
 import os
 import socket
 import tempfile
-import time
 import unittest
 
 import someip_peer as peer
-from someip_peer import ACK, FIND, OFFER, SOMEIP, SUBSCRIBE, TCP, UDP, wait_for
+from someip_peer import ACK, FIND, OFFER, SOMEIP, SUBSCRIBE, TCP, wait_for
 
 NET = "127.42.0."
 APPLICATION, OWN, THIRD = NET + "1", NET + "9", NET + "10"
@@ -88,35 +87,6 @@ class AsClient(Network):
         self.data.sendto(peer.message(*arguments, **fields), (APPLICATION, PORT))
         return wait_for(lambda: self.node.messages[known:], "response")[0]
 
-    def test_an_offer_names_the_endpoint_and_the_versions(self):
-        self.program.tell("offer")
-        entry, options, message = self.node.wait_entry(OFFER, "offer")
-        self.assertEqual((entry.srv_id, entry.inst_id, entry.major_ver, entry.minor_ver, entry.ttl),
-                         (SERVICE, INSTANCE, 1, 2, 1))
-        self.assertEqual([(o.addr, o.l4_proto, o.port) for o in options], [(APPLICATION, UDP, PORT)])
-        self.assertTrue(message.multicast)
-        self.assertEqual((message.header.session, message.header.client), (1, 0))
-        self.assertEqual(message.sd.flags & 0xE0, 0xE0)
-
-    def test_offers_repeat_with_growing_delays_and_sessions_count_up(self):
-        self.program.tell("offer")
-        wait_for(lambda: len(self.node.discovery) >= 6, "six offers")
-        sessions = [m.header.session for m in self.node.discovery]
-        self.assertEqual(sessions, list(range(1, len(sessions) + 1)))
-
-    def test_a_find_is_answered_by_unicast(self):
-        self.program.tell("offer")
-        self.node.wait_entry(OFFER, "offer")
-        for instance, major in ((0xFFFF, 0xFF), (INSTANCE, 1)):
-            after = len(self.node.discovery)
-            self.node.send_discovery([peer.find_entry(SERVICE, instance, major)])
-            self.node.wait_entry(OFFER, "answer", lambda e, o, m: not m.multicast, after)
-        after = len(self.node.discovery)
-        self.node.send_discovery([peer.find_entry(SERVICE, 9), peer.find_entry(SERVICE, INSTANCE, 2),
-                                  peer.find_entry(0x9999)])
-        wait_for(lambda: len(self.node.discovery) >= after + 3, "cyclic offers")
-        self.assertTrue(all(m.multicast for m in self.node.discovery[after:]))
-
     def test_a_subscription_is_acknowledged_before_the_initial_value_comes(self):
         self.program.tell("update value 0102", "offer")
         self.node.wait_entry(OFFER, "offer")
@@ -146,31 +116,6 @@ class AsClient(Network):
         # Another one that may not come would be here before the answer to this call.
         self.call(SERVICE, 1, b"x")
         self.assertEqual(len(values()), 2)
-
-    def test_the_initial_data_flag_is_heeded_when_the_sender_says_it_knows_it(self):
-        self.program.tell("update value aa", "offer")
-        self.node.wait_entry(OFFER, "offer")
-
-        def explicit(reserved):
-            after = len(self.node.discovery)
-            self.node.send_discovery([peer.subscribe_entry(SERVICE, INSTANCE, VALUES, reserved=reserved)],
-                                     [self.endpoint], APPLICATION, flags=0xE0)
-            self.node.wait_entry(ACK, "acknowledgement", after=after)
-            self.call(SERVICE, 1, b"x")
-            return len(self.node.all_messages(lambda m: m.method == VALUE))
-        self.assertEqual(explicit(0), 0)
-        self.assertEqual(explicit(8), 1)
-        self.assertEqual(explicit(0), 1)
-
-    def test_entries_of_one_request_are_answered_by_one_message(self):
-        self.program.tell("offer")
-        self.node.wait_entry(OFFER, "offer")
-        after = len(self.node.discovery)
-        self.node.send_discovery([peer.subscribe_entry(SERVICE, INSTANCE, group)
-                                  for group in (TICKS, VALUES, BIGS, 99)], [self.endpoint], APPLICATION)
-        _, _, message = self.node.wait_entry(ACK, "acknowledgement", after=after)
-        self.assertEqual([(e.eventgroup_id, e.ttl) for e, _ in message.entries(ACK)],
-                         [(TICKS, 3), (VALUES, 3), (BIGS, 3), (99, 0)])
 
     def test_subscriptions_that_cannot_be_served_are_refused(self):
         self.program.tell("offer")
@@ -226,78 +171,6 @@ class AsClient(Network):
         self.assertFalse(self.node.all_messages(lambda m: m.payload == b"\xbb"))
         self.subscribe(VALUES)
         self.node.wait_message("value after the restart", lambda m: m.payload == b"\xbb")
-
-    def test_requests_are_judged_in_order_and_answered_with_their_ids(self):
-        self.program.tell("offer")
-        self.node.wait_entry(OFFER, "offer")
-        cases = [
-            ("good", dict(service=SERVICE, method=1, payload=b"hello"), 0),
-            ("protocol", dict(service=0x4444, method=9, protocol=2), 7),
-            ("service", dict(service=0x4444, method=9, major=9), 2),
-            ("interface version", dict(service=SERVICE, method=9, major=9), 8),
-            ("method", dict(service=SERVICE, method=9), 3),
-            ("message type", dict(service=SERVICE, method=2), 10),
-        ]
-        for session, (name, fields, code) in enumerate(cases, 5):
-            with self.subTest(name):
-                answer = self.call(**fields, client=0xABCD, session=session)
-                self.assertEqual((answer.service, answer.method, answer.client, answer.session,
-                                  answer.interface, answer.protocol, answer.type, answer.code),
-                                 (fields["service"], fields["method"], 0xABCD, session,
-                                  fields.get("major", 1), 1, 0x80, code))
-                self.assertEqual(answer.payload, fields.get("payload", b"") if code == 0 else b"")
-                self.assertEqual(answer.source, (APPLICATION, PORT))
-
-    def test_what_must_not_be_answered_is_not(self):
-        self.program.tell("offer")
-        self.node.wait_entry(OFFER, "offer")
-        send = lambda data: self.data.sendto(data, (APPLICATION, PORT))
-        for kind in (SOMEIP.TYPE_REQUEST_NO_RET, SOMEIP.TYPE_NOTIFICATION, SOMEIP.TYPE_RESPONSE,
-                     SOMEIP.TYPE_ERROR, 0x40, 0x55):
-            send(peer.message(0x4444, 9, kind=kind))
-            send(peer.message(SERVICE, 9, kind=kind))
-        send(peer.message(SERVICE, 9, code=1))
-        send(peer.message(SERVICE, 1, kind=SOMEIP.TYPE_REQUEST_NO_RET))
-        send(peer.message(SERVICE, 2, b"poke", kind=SOMEIP.TYPE_REQUEST_NO_RET))
-        self.program.wait("request " + b"poke".hex())
-        answer = self.call(SERVICE, 1, b"last")
-        self.assertEqual(answer.payload, b"last")
-        self.assertEqual(len(self.node.messages), 1)
-        self.program.wait("request " + b"last".hex())
-        self.assertEqual([l for l in self.program.lines if l.startswith("request")],
-                         ["request " + b"poke".hex(), "request " + b"last".hex()])
-
-    def test_one_datagram_may_hold_several_requests_and_garbage_behind_them(self):
-        self.program.tell("offer")
-        self.node.wait_entry(OFFER, "offer")
-        both = peer.message(SERVICE, 1, b"a", session=1) + peer.message(SERVICE, 1, b"b", session=2)
-        self.data.sendto(both + b"\x11\x11\x00", (APPLICATION, PORT))
-        wait_for(lambda: len(self.node.messages) == 2, "two responses")
-        self.assertEqual(sorted(m.payload for m in self.node.messages), [b"a", b"b"])
-        self.assertEqual(self.program.counters()["droppedMalformed"], 1)
-
-    def test_long_values_and_requests_travel_in_segments(self):
-        long = bytes(i % 251 for i in range(5000))
-        self.program.tell("update big " + long.hex(), "offer")
-        self.node.wait_entry(OFFER, "offer")
-        self.subscribe(BIGS)
-        parts = wait_for(lambda: [m for m in self.node.messages if m.type == 0x22][3:] and
-                         [m for m in self.node.messages if m.type == 0x22], "four segments")
-        self.assertEqual(peer.reassemble(parts), long)
-        self.assertEqual([len(p.payload) for p in parts], [1396, 1396, 1396, 5000 - 3 * 1392 + 4])
-        self.assertEqual(len({(p.session, p.client) for p in parts}), 1)
-        for part in peer.segments(SERVICE, 1, long, SOMEIP.TYPE_TP_REQUEST, client=3, session=9):
-            self.data.sendto(part, (APPLICATION, PORT))
-        self.program.wait("request " + long.hex())
-        answers = wait_for(lambda: [m for m in self.node.messages if m.type == 0xA0][3:] and
-                           [m for m in self.node.messages if m.type == 0xA0], "segmented response")
-        self.assertEqual(peer.reassemble(answers), long)
-
-    def test_a_stop_offer_comes_with_the_end_of_the_process(self):
-        self.program.tell("offer")
-        self.node.wait_entry(OFFER, "offer")
-        self.program.close()
-        self.node.wait_entry(OFFER, "stop offer", lambda e, o, m: e.ttl == 0 and len(o) == 1)
 
     def test_malformed_discovery_is_counted_and_changes_nothing(self):
         self.program.tell("update value aa", "offer")
@@ -384,36 +257,6 @@ class AsProvider(Network):
         self.program.wait(f"state {element} true")
         return options[0]
 
-    def test_finds_repeat_until_an_offer_comes(self):
-        self.program.tell("find test::Service")
-        wait_for(lambda: len(self.node.discovery) == 4, "four finds")
-        entry, options, message = self.node.entry(FIND)
-        self.assertEqual((entry.srv_id, entry.inst_id, entry.major_ver, entry.minor_ver, options),
-                         (SERVICE, 0xFFFF, 1, 0xFFFFFFFF, []))
-        self.assertTrue(message.multicast and entry.ttl > 0)
-        self.offer()
-        self.program.wait("found 1")
-        self.assertEqual(len(self.node.discovery), 4)
-
-    def test_a_subscription_is_made_renewed_with_each_offer_and_stopped(self):
-        endpoint = self.connect()
-        self.assertEqual((endpoint.addr, endpoint.l4_proto), (APPLICATION, UDP))
-        first, _, message = self.wait_subscribe()
-        self.assertEqual((first.srv_id, first.inst_id, first.major_ver, first.eventgroup_id, first.ttl),
-                         (SERVICE, INSTANCE, 1, VALUES, 1))
-        self.assertEqual(first.res & 8, 8)
-        self.assertFalse(message.multicast)
-        self.notify(endpoint, VALUE, b"\x01")
-        self.program.wait("notification value 01")
-        after = len(self.node.discovery)
-        self.offer()
-        renewal, _, _ = self.wait_subscribe(after)
-        self.assertEqual(renewal.res & 8, 0, "no initial data for a renewal")
-        self.acknowledge(renewal)
-        self.program.tell("unsubscribe value")
-        stop = self.node.wait_entry(SUBSCRIBE, "stop", lambda e, o, m: e.ttl == 0)
-        self.assertEqual(len(stop[1]), 1)
-
     def test_notifications_count_only_from_the_offered_endpoint(self):
         endpoint = self.connect()
         stranger = self.node.port()
@@ -452,17 +295,6 @@ class AsProvider(Network):
         self.offer()
         self.program.wait("found 1", known)
         self.wait_subscribe(after)
-
-    def test_a_stop_offer_ends_everything_at_once_and_no_find_follows(self):
-        self.connect()
-        known, after = len(self.program.lines), len(self.node.discovery)
-        self.offer(ttl=0)
-        self.program.wait("found", known)
-        self.program.wait("state value false", known)
-        self.offer()
-        self.program.wait("found 1", known)
-        self.wait_subscribe(after)
-        self.assertIsNone(self.node.entry(FIND, after=after))
 
     def test_a_restart_of_the_provider_is_noticed_and_everything_rebuilt(self):
         endpoint = self.connect(ttl=peer.FOREVER)
@@ -505,19 +337,6 @@ class AsProvider(Network):
         self.offer(flags=0xE0)
         _, _, message = self.wait_subscribe(after)
         self.assertEqual([(e.ttl, e.res & 8) for e, _ in message.entries(SUBSCRIBE)], [(1, 8)])
-
-    def test_a_refused_subscription_is_tried_again_with_the_next_offer(self):
-        self.program.tell("find test::Service")
-        self.offer()
-        self.program.wait("found 1")
-        self.program.tell("subscribe value")
-        entry, _, _ = self.wait_subscribe()
-        self.acknowledge(entry, ttl=0)
-        after = len(self.node.discovery)
-        self.offer()
-        entry, _, _ = self.wait_subscribe(after)
-        self.acknowledge(entry)
-        self.program.wait("state value true")
 
     def test_offers_that_cannot_be_used_are_ignored(self):
         self.program.tell("find test::Service")
