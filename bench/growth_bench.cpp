@@ -1,56 +1,65 @@
 /// What more of something costs the application: subscribers, services that others offer, and
 /// floods that an attacker makes. As bench_network, with plain sockets around the real executable.
+/// With two processors the application has one and everything else the other.
 ///
-///   bench_growth APPLICATION   prints JSON
-#include <sys/prctl.h>
-
+///   bench_growth [--quick] APPLICATION   prints JSON
 #include <iostream>
 #include <map>
 #include <memory>
 
-#include "bench/Wire.h"
+#include "bench/Discovery.h"
+#include "bench/Processes.h"
 
 namespace {
 
 using namespace bench;
 using namespace std::chrono_literals;
 
-constexpr const char* attacker_address = "127.66.0.66";
+const Addresses at = loopback();
+const std::string attacker_address = "127.66.0.66";
 constexpr std::uint16_t attacker_port = 31500;
 constexpr std::uint16_t first_subscriber_port = 30700;
 constexpr std::uint16_t positioning_port = 30511;
 constexpr std::uint16_t satellites_event = 0x8003;
 
+struct Setup {
+  std::string program;
+  Place place;
+  bool polls;  ///< see Road
+  int positions = 2000;
+  int rounds = 5;
+  int under_flood = 1500;  ///< positions in a round
+};
+
 /// Microseconds of processor time for each of `count` positions, one after the other.
-double cost_of_a_position(pid_t application,
-                          const Socket& source,
-                          const Socket& subscriber,
-                          const sockaddr_in& to,
-                          int count) {
+double cost_of_a_position(pid_t application, const Road& road, int count) {
   const auto datagram = gnss_datagram();
-  (void)one_way(source, subscriber, to, datagram, 0us, count / 10);
+  (void)one_way(road, datagram, 0us, count / 10);
   const double before = cpu_seconds(application);
-  (void)one_way(source, subscriber, to, datagram, 500us, count);
+  (void)one_way(road, datagram, 500us, count);
   return (cpu_seconds(application) - before) * 1e6 / count;
 }
 
-nlohmann::json by_subscribers(const std::string& program) {
+nlohmann::json by_subscribers(const Setup& setup) {
   nlohmann::json rows;
   for (const std::size_t count : {1U, 4U, 16U, 64U, 256U}) {
-    const Socket source{endpoint(own_address, source_port)};
+    const Socket source{endpoint(at.own, source_port)};
     std::vector<std::uint16_t> ports;
     std::vector<std::unique_ptr<Socket>> subscribers;
     for (std::size_t i = 0; i < count; ++i) {
       ports.push_back(static_cast<std::uint16_t>(first_subscriber_port + i));
-      subscribers.push_back(std::make_unique<Socket>(endpoint(own_address, ports.back())));
+      subscribers.push_back(std::make_unique<Socket>(endpoint(at.own, ports.back())));
     }
-    Discovery discovery{ports};
-    const Application application{
-        program, [](auto& manifest) { manifest["limits"]["subscribersPerEventGroup"] = 512; }};
+    Discovery discovery{at, ports};
+    const Application application{setup.program, at, setup.place, [](auto& manifest) {
+                                    manifest["limits"]["subscribersPerEventGroup"] = 512;
+                                  }};
     const auto client = discovery.wait();
-    rows.push_back({{"subscribers", count},
-                    {"us_per_position", cost_of_a_position(application.pid(), source,
-                                                           *subscribers.back(), client, 2000)}});
+    rows.push_back(
+        {{"subscribers", count},
+         {"us_per_position",
+          cost_of_a_position(application.pid(), {source, *subscribers.back(), client, setup.polls},
+                             setup.positions)}});
   }
   return rows;
 }
@@ -115,14 +124,15 @@ class Attacker {
   std::uint16_t session_ = 0;
 };
 
-nlohmann::json by_offers(const std::string& program) {
-  const Socket source{endpoint(own_address, source_port)};
-  const Socket subscriber{endpoint(own_address, subscriber_port)};
-  Discovery discovery;
-  const Application application{
-      program, [](auto& manifest) { manifest["limits"]["remoteInstances"] = 20'000; }};
+nlohmann::json by_offers(const Setup& setup) {
+  const Socket source{endpoint(at.own, source_port)};
+  const Socket subscriber{endpoint(at.own, subscriber_port)};
+  Discovery discovery{at};
+  const Application application{setup.program, at, setup.place, [](auto& manifest) {
+                                  manifest["limits"]["remoteInstances"] = 20'000;
+                                }};
   const auto client = discovery.wait();
-  const auto group = endpoint(group_address, discovery_port);
+  const auto group = endpoint(at.group, at.discovery_port);
   constexpr std::uint32_t in_a_message = 20;
   Attacker others;
   nlohmann::json rows;
@@ -141,10 +151,12 @@ nlohmann::json by_offers(const std::string& program) {
     }
     std::this_thread::sleep_for(100ms);
     const double cost = (cpu_seconds(application.pid()) - before) * 1e6 / again;
-    rows.push_back({{"offered", total},
-                    {"us_per_offer", cost},
-                    {"us_per_position",
-                     cost_of_a_position(application.pid(), source, subscriber, client, 2000)}});
+    rows.push_back(
+        {{"offered", total},
+         {"us_per_offer", cost},
+         {"us_per_position",
+          cost_of_a_position(application.pid(), {source, subscriber, client, setup.polls},
+                             setup.positions)}});
   }
   return rows;
 }
@@ -176,16 +188,16 @@ class Flood {
 };
 
 /// The median over rounds in turn, so that what else the machine does meets all of them.
-nlohmann::json under_floods(const std::string& program) {
-  const Socket source{endpoint(own_address, source_port)};
-  const Socket subscriber{endpoint(own_address, subscriber_port)};
-  Discovery discovery;
-  const Application application{program};
+nlohmann::json under_floods(const Setup& setup) {
+  const Socket source{endpoint(at.own, source_port)};
+  const Socket subscriber{endpoint(at.own, subscriber_port)};
+  Discovery discovery{at};
+  const Application application{setup.program, at, setup.place};
   const auto client = discovery.wait();
-  const auto discovery_endpoint = endpoint(application_address, discovery_port);
-  const auto group = endpoint(group_address, discovery_port);
+  const auto discovery_endpoint = endpoint(at.application, at.discovery_port);
+  const auto group = endpoint(at.group, at.discovery_port);
   const std::array targets{discovery_endpoint, group, client,
-                           endpoint(application_address, positioning_port)};
+                           endpoint(at.application, positioning_port)};
   Attacker attacker;
   struct Kind {
     std::string name;
@@ -210,20 +222,20 @@ nlohmann::json under_floods(const std::string& program) {
   const auto datagram = gnss_datagram();
   std::map<std::string, std::vector<double>> p99;
   std::size_t lost = 0;
-  constexpr int rounds = 5;
-  for (int round = 0; round < rounds; ++round) {
+  for (int round = 0; round < setup.rounds; ++round) {
     for (const auto& [name, per_second, one] : floods) {
       std::optional<Flood> flood;
       if (one) flood.emplace(per_second, one);
-      const auto latencies = one_way(source, subscriber, client, datagram, 1ms, 1500);
-      p99[name].push_back(latencies.p99);
+      const auto latencies =
+          one_way({source, subscriber, client}, datagram, 1ms, setup.under_flood);
+      p99[name].push_back(latencies.at(0.99));
       lost += latencies.lost;
     }
   }
   nlohmann::json result{{"lost", lost}, {"resident_kib", resident_kib(application.pid())}};
   for (auto& [name, values] : p99) {
     std::ranges::sort(values);
-    result["p99_us"][name] = values[rounds / 2];
+    result["p99_us"][name] = values[values.size() / 2];
   }
   return result;
 }
@@ -231,15 +243,31 @@ nlohmann::json under_floods(const std::string& program) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 2) {
-    std::cerr << "usage: bench_growth APPLICATION\n";
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  const bool quick = !arguments.empty() && arguments.front() == "--quick";
+  if (arguments.size() != (quick ? 2U : 1U)) {
+    std::cerr << "usage: bench_growth [--quick] APPLICATION\n";
     return 2;
   }
   try {
+    std::optional<Cable> own_network;
+    try {
+      own_network.emplace();
+    } catch (const std::exception&) {
+      // Then on the loopback device that everybody shares.
+    }
+    const auto cpus = processors();
+    run_on(cpus.at(0));
+    Setup setup{arguments.back(), {cpus.back(), {}}, cpus.size() > 1};
+    if (quick) {
+      setup.positions = 500;
+      setup.rounds = 3;
+      setup.under_flood = 500;
+    }
     nlohmann::json result;
-    result["subscribers"] = by_subscribers(argv[1]);
-    result["offers"] = by_offers(argv[1]);
-    result["floods"] = under_floods(argv[1]);
+    result["subscribers"] = by_subscribers(setup);
+    result["offers"] = by_offers(setup);
+    result["floods"] = under_floods(setup);
     std::cout << result.dump(2) << "\n";
   } catch (const std::exception& error) {
     std::cerr << "bench_growth: " << error.what() << "\n";

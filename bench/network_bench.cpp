@@ -3,92 +3,251 @@
 /// subscriber with plain sockets; the application is the real executable. The baseline is relay.c
 /// over the same sockets.
 ///
-///   bench_network APPLICATION RELAY   prints JSON
+///   bench_network [--quick] APPLICATION RELAY   prints JSON
+///
+/// Each latency and rate is a list with one figure a round: application and relay are measured in
+/// turn, so that what else the machine does meets both alike.
 #include <iostream>
+#include <map>
+#include <memory>
 
-#include "bench/Wire.h"
+#include "bench/Discovery.h"
+#include "bench/Processes.h"
 
 namespace {
 
 using namespace bench;
 using namespace std::chrono_literals;
 
-nlohmann::json measure(const Socket& source,
-                       const Socket& subscriber,
-                       const sockaddr_in& to,
-                       const std::vector<std::byte>& datagram) {
+struct Plan {
+  int starts;
+  int rounds;
+  int at_1_khz;      ///< datagrams in a round
+  int back_to_back;  ///< datagrams in a round
+  std::chrono::milliseconds sustained;
+  int at_10_hz;  ///< datagrams in all, the rounds would be too short to see percentiles
+  std::chrono::seconds at_rest;
+};
+constexpr Plan thorough{10, 5, 1000, 5000, 300ms, 1000, 10s};
+constexpr Plan quick{3, 3, 300, 1000, 100ms, 50, 3s};
+
+struct Programs {
+  std::string application;
+  std::string relay;
+};
+
+/// Sends positions to the application until one is published; its bytes.
+std::size_t first_position(const Socket& source,
+                           const Socket& subscriber,
+                           const sockaddr_in& client,
+                           std::span<const std::byte> datagram) {
+  std::array<std::byte, 2048> buffer;
+  const auto deadline = Clock::now() + 5s;
+  while (Clock::now() < deadline) {
+    source.send(datagram, client);
+    const auto again = Clock::now() + 5ms;
+    while (Clock::now() < again) {
+      if (const auto size = subscriber.receive(buffer, nullptr, MSG_DONTWAIT); size != 0) {
+        return size;
+      }
+    }
+  }
+  throw std::runtime_error{"the application does not publish"};
+}
+
+/// Application and relay in one network, on one processor, with a source and a subscriber.
+class Bed {
+ public:
+  Bed(std::string network,
+      const Addresses& at,
+      const Programs& programs,
+      const Place& place,
+      bool processor_each)
+      : network_{std::move(network)},
+        processor_each_{processor_each},
+        source_{endpoint(at.own, source_port)},
+        subscriber_{endpoint(at.own, subscriber_port)},
+        discovery_{at},
+        application_{programs.application, at, place},
+        roads_{
+            {{"application", {source_, subscriber_, discovery_.wait(), processor_each}},
+             {"relay", {source_, subscriber_, endpoint(at.relay, source_port), processor_each}}}},
+        bytes_out_{first_position(source_, subscriber_, roads_[0].second.to, datagram)},
+        relay_{{programs.relay, at.relay, std::to_string(source_port), at.own,
+                std::to_string(subscriber_port), std::to_string(bytes_out_)},
+               {},
+               place} {
+    (void)first_position(source_, subscriber_, roads_[1].second.to, datagram);
+    for (const auto& [name, road] : roads_)
+      (void)one_way(road, datagram, 0us, 1000);
+  }
+
+  [[nodiscard]] pid_t application() const { return application_.pid(); }
+  [[nodiscard]] std::size_t bytes_out() const { return bytes_out_; }
+  [[nodiscard]] std::size_t roads() const { return roads_.size(); }
+
+  void round(const Plan& plan) {
+    // Who comes second comes first the next time.
+    first_ = 1 - first_;
+    for (const auto index : {first_, 1 - first_}) {
+      const auto& [name, road] = roads_[index];
+      note(name, "1 kHz", one_way(road, datagram, 1ms, plan.at_1_khz));
+      note(name, "back to back", one_way(road, datagram, 0us, plan.back_to_back));
+      const auto rate = sustained(road, datagram, plan.sustained);
+      results_[name]["sustained"]["per_s"].push_back(rate.per_s);
+      results_[name]["sustained"]["lost"].push_back(rate.lost);
+    }
+  }
+  void one_at_10_hz(std::size_t road) {
+    const auto& [name, way] = roads_[road];
+    at_10_hz_[name].add(travel(way, datagram));
+  }
+  [[nodiscard]] nlohmann::json results() {
+    for (auto& [name, latencies] : at_10_hz_) {
+      latencies.sort();
+      note(name, "10 Hz", latencies);
+    }
+    auto result = results_;
+    result["network"] = network_;
+    result["processors"] = processor_each_ ? "a processor each" : "one processor";
+    return result;
+  }
+
+  static inline const std::vector<std::byte> datagram = gnss_datagram();
+
+ private:
+  void note(const std::string& name, const char* rate, const Latencies& latencies) {
+    auto& result = results_[name][rate];
+    result["p50_us"].push_back(latencies.at(0.5));
+    result["p99_us"].push_back(latencies.at(0.99));
+    result["p99.9_us"].push_back(latencies.at(0.999));
+    result["lost"].push_back(latencies.lost);
+  }
+
+  const std::string network_;
+  const bool processor_each_;
+  const Socket source_;
+  const Socket subscriber_;
+  Discovery discovery_;
+  const Application application_;
+  const std::array<std::pair<std::string, Road>, 2> roads_;
+  std::size_t first_ = 1;
+  const std::size_t bytes_out_;
+  const Child relay_;
+  std::map<std::string, Latencies> at_10_hz_;
+  nlohmann::json results_;
+};
+
+/// Milliseconds from the start of the process to its first offer on the wire, and to the first
+/// position that a subscriber gets from a source that sends as soon as it can.
+nlohmann::json starts(const std::string& program,
+                      int count,
+                      const Application::Change& change = {}) {
+  const auto at = loopback();
   nlohmann::json result;
-  const auto note = [&](const char* name, const Latencies& l) {
-    result[name] = {{"p50_us", l.p50}, {"p99_us", l.p99}, {"p99.9_us", l.p999}, {"lost", l.lost}};
-  };
-  (void)one_way(source, subscriber, to, datagram, 1ms, 200);
-  note("10 Hz", one_way(source, subscriber, to, datagram, 100ms, 50));
-  note("1 kHz", one_way(source, subscriber, to, datagram, 1ms, 5000));
-  note("back to back", one_way(source, subscriber, to, datagram, 0us, 20000));
-  result["sustained_per_s"] = sustained(source, subscriber, to, datagram, 3s);
+  for (int i = 0; i < count; ++i) {
+    const Socket source{endpoint(at.own, source_port)};
+    const Socket subscriber{endpoint(at.own, subscriber_port)};
+    Discovery discovery{at};
+    const Application application{program, at, {}, change};
+    const auto note = [&](const char* name, Clock::time_point when) {
+      result[name].push_back(
+          std::chrono::duration<double, std::milli>(when - application.started()).count());
+    };
+    (void)first_position(source, subscriber, discovery.wait(), Bed::datagram);
+    note("to_first_position_ms", Clock::now());
+    note("to_offer_ms", *discovery.first_offer());
+  }
   return result;
 }
 
-int run(const std::string& application, const std::string& relay) {
-  const Socket source{endpoint(own_address, source_port)};
-  const Socket subscriber{endpoint(own_address, subscriber_port)};
-  const auto datagram = gnss_datagram();
+/// 1 percent is a hundredth of one processor.
+double percent(double seconds, Clock::duration time) {
+  return 100 * seconds / std::chrono::duration<double>(time).count();
+}
+
+nlohmann::json run(const Plan& plan, const Programs& programs) {
   nlohmann::json result;
-  std::size_t bytes_out = 0;
-  {
-    Discovery discovery;
-    const auto started = Clock::now();
-    const Application child{application};
-    const auto client = discovery.wait();
-    std::array<std::byte, 2048> buffer;
-    source.send(datagram, client);
-    while (bytes_out == 0)
-      bytes_out = subscriber.receive(buffer);
-    result["start"]["to_offer_ms"] =
-        std::chrono::duration<double, std::milli>(*discovery.first_offer() - started).count();
-    result["start"]["to_first_position_ms"] =
-        std::chrono::duration<double, std::milli>(Clock::now() - started).count();
-    std::this_thread::sleep_for(3s);
-    result["rest"]["resident_kib"] = resident_kib(child.pid());
-    const auto cpu = cpu_seconds(child.pid());
-    std::this_thread::sleep_for(10s);
-    result["rest"]["cpu_percent"] = (cpu_seconds(child.pid()) - cpu) * 10;
-    result["application"] = measure(source, subscriber, client, datagram);
-    result["after"]["resident_kib"] = resident_kib(child.pid());
+  std::optional<Cable> cable;
+  try {
+    cable.emplace();
+  } catch (const std::exception& error) {
+    result["no_namespaces"] = error.what();
   }
-  {
-    const Child child{{relay, relay_address, relay_port, own_address,
-                       std::to_string(subscriber_port), std::to_string(bytes_out)},
-                      {}};
-    std::this_thread::sleep_for(200ms);
-    result["relay"] = measure(
-        source, subscriber,
-        endpoint(relay_address, static_cast<std::uint16_t>(std::atoi(relay_port))), datagram);
-  }
-  result["bytes"] = {{"in", datagram.size()}, {"out", bytes_out}};
-  for (const char* rate : {"10 Hz", "1 kHz", "back to back"}) {
-    for (const char* quantile : {"p50_us", "p99_us", "p99.9_us"}) {
-      result["ratio"][rate][quantile] = result["application"][rate][quantile].get<double>() /
-                                        result["relay"][rate][quantile].get<double>();
+  result["start"]["no_delay"] = starts(programs.application, plan.starts, [](auto& manifest) {
+    manifest["serviceDiscovery"]["initialDelayMinMs"] = 0;
+    manifest["serviceDiscovery"]["initialDelayMaxMs"] = 0;
+  });
+  result["start"]["delivered"] = starts(programs.application, plan.starts, [&](auto& manifest) {
+    result["start"]["delivered_delay_max_ms"] = manifest["serviceDiscovery"]["initialDelayMaxMs"];
+  });
+
+  prctl(PR_SET_TIMERSLACK, 1);
+  const auto cpus = processors();
+  run_on(cpus.at(0));
+  std::vector<std::unique_ptr<Bed>> beds;
+  for (std::size_t i = 0; i < std::min<std::size_t>(cpus.size(), 2); ++i) {
+    const int number = static_cast<int>(i);
+    beds.push_back(
+        std::make_unique<Bed>("loopback", loopback(number), programs, Place{cpus[i], {}}, i == 1));
+    if (cable) {
+      beds.push_back(std::make_unique<Bed>("two namespaces", Cable::addresses(number), programs,
+                                           Place{cpus[i], cable->vehicle()}, i == 1));
     }
   }
-  result["ratio"]["sustained"] = result["application"]["sustained_per_s"].get<double>() /
-                                 result["relay"]["sustained_per_s"].get<double>();
-  std::cout << result.dump(2) << "\n";
-  return 0;
+  const pid_t one = beds.front()->application();
+  result["bytes"] = {{"in", Bed::datagram.size()}, {"out", beds.front()->bytes_out()}};
+
+  std::this_thread::sleep_for(1s);
+  result["rest"]["resident_kib"] = resident_kib(one);
+  double cpu = cpu_seconds(one);
+  auto begin = Clock::now();
+  std::this_thread::sleep_for(plan.at_rest);
+  result["rest"]["cpu_percent"] = percent(cpu_seconds(one) - cpu, Clock::now() - begin);
+
+  // All of them at 10 Hz at the same time, one after the other.
+  std::vector<std::pair<Bed*, std::size_t>> all;
+  for (const auto& bed : beds) {
+    for (std::size_t road = 0; road < bed->roads(); ++road)
+      all.emplace_back(bed.get(), road);
+  }
+  cpu = cpu_seconds(one);
+  begin = Clock::now();
+  auto next = begin;
+  for (int i = 0; i < plan.at_10_hz; ++i) {
+    for (const auto& [bed, road] : all) {
+      std::this_thread::sleep_until(next);
+      next += std::chrono::nanoseconds{100ms} / all.size();
+      bed->one_at_10_hz(road);
+    }
+  }
+  result["10 Hz"]["cpu_percent"] = percent(cpu_seconds(one) - cpu, Clock::now() - begin);
+
+  for (int round = 0; round < plan.rounds; ++round) {
+    for (const auto& bed : beds)
+      bed->round(plan);
+  }
+  result["after"]["resident_kib"] = resident_kib(one);
+  for (const auto& bed : beds)
+    result["roads"].push_back(bed->results());
+  return result;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 3) {
-    std::cerr << "usage: bench_network APPLICATION RELAY\n";
+  const std::vector<std::string> arguments(argv + 1, argv + argc);
+  const bool short_run = !arguments.empty() && arguments.front() == "--quick";
+  if (arguments.size() != (short_run ? 3U : 2U)) {
+    std::cerr << "usage: bench_network [--quick] APPLICATION RELAY\n";
     return 2;
   }
   try {
-    return run(argv[1], argv[2]);
+    const Programs programs{arguments[arguments.size() - 2], arguments.back()};
+    std::cout << run(short_run ? quick : thorough, programs).dump(2) << "\n";
   } catch (const std::exception& error) {
     std::cerr << "bench_network: " << error.what() << "\n";
     return 1;
   }
+  return 0;
 }
