@@ -6,7 +6,6 @@ import time
 from devices import *
 from network import *
 import suite
-from suite import covers
 
 
 def vector(*records):
@@ -95,8 +94,6 @@ class MessageFormat(suite.Group):
         message = events.wait(fits, f"position {counter}")
         return message, members(records(message.payload)[0])
 
-    @covers("someip_42 someip_44 someip_45 someip_47 someip_675",
-            "All fields of the 16-byte header lie in their places, most significant byte first")
     def test_layout(self):
         answer = self.read(self.peer(), client=0x1234, session=0x5678)
         raw = answer.raw
@@ -105,8 +102,6 @@ class MessageFormat(suite.Group):
         self.assertEqual(raw[8:16].hex(), "12345678" "01" "01" "80" "00",
                          "client, session, protocol, interface version, type, return code")
 
-    @covers("someip_77",
-            "The length field counts what stands behind it, in responses, notifications and discovery")
     def test_length(self):
         peer = self.peer()
         events = self.positions(peer)
@@ -118,7 +113,6 @@ class MessageFormat(suite.Group):
         for _, _, _, datagram in self.network.raw:
             self.assertEqual(struct.unpack_from("!I", datagram, 4)[0], len(datagram) - 8)
 
-    @covers("someip_798", "A message whose length field is below 8 is dropped without an answer")
     def test_short_length(self):
         peer = self.peer()
         for length in range(8):
@@ -128,8 +122,6 @@ class MessageFormat(suite.Group):
         peer.barrier(self.pos.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x200])
 
-    @covers("someip_538 someip_539 someip_541 someip_56 someip_59 someip_60 someip_625",
-            "Service id and method id choose the method: services that share a port are told apart")
     def test_message_id(self):
         peer = self.peer()
         answers = {service: self.read(peer, service) for service in (INPUTS, SYSTEM_STATUS)}
@@ -139,7 +131,6 @@ class MessageFormat(suite.Group):
         self.assertEqual(self.read(peer, 0x34AF).code, 0x02)
         self.assertEqual(peer.call(self.pos.identifiers, INPUTS, 0x7001).code, 0x03)
 
-    @covers("someip_67", "Events have ids of their own, from 0x8000 on")
     def test_event_id(self):
         peer = self.peer()
         events = self.positions(peer)
@@ -147,8 +138,6 @@ class MessageFormat(suite.Group):
         self.assertTrue(all(one.method >= 0x8000 for one in self.network.seen
                             if one.type == NOTIFICATION))
 
-    @covers("someip_545 someip_546 someip_547",
-            "The event group id chooses which events come: one subscribed group brings its own only")
     def test_event_group(self):
         peer = self.peer()
         each = {}
@@ -163,9 +152,6 @@ class MessageFormat(suite.Group):
         self.assertEqual({one.method for one in each[POSITIONS_GROUP].messages}, {POSITIONS})
         self.assertEqual({one.method for one in each[MAP_INFO_GROUP].messages}, {MAP_INFO})
 
-    @covers("someip_542 someip_543 someip_544 someip_579",
-            """The application offers the instance ids of its manifest, never 0 or 0xFFFF; an offer
-            with one of those two is not used""")
     def test_instance_id(self):
         peer = self.peer()
         peer.entry(OFFER, MONITOR)
@@ -182,7 +168,6 @@ class MessageFormat(suite.Group):
         peer.barrier(self.pos.address)
         self.assertEqual({one.instance for one in peer.entries(SUBSCRIBE, GNSS)}, {1})
 
-    @covers("someip_627", "Reserved service ids are neither offered nor searched, and not answered")
     def test_reserved_services(self):
         peer = self.peer()
         self.assertEqual({self.read(peer, service, session=service or 1).code
@@ -190,16 +175,12 @@ class MessageFormat(suite.Group):
         self.offered(peer, POSITIONING)
         self.assertFalse({0, 0xFFFE, 0xFFFF} & {one.service for one in peer.entries()})
 
-    @covers("someip_79 someip_83 someip_699",
-            "A response repeats client and session id of its request, whatever they are")
     def test_request_id(self):
         peer = self.peer()
         for client, session in ((0, 1), (1, 0xFFFF), (0xFFFF, 0x8000), (0xABCD, 0x0102)):
             answer = self.read(peer, client=client, session=session)
             self.assertEqual((answer.client, answer.session), (client, session))
 
-    @covers("someip_79 someip_56",
-            "Requests of several clients that are open at the same time get each its own response")
     def test_parallel_requests(self):
         peers = [self.peer() for _ in range(4)]
         for session in range(1, 9):
@@ -210,12 +191,9 @@ class MessageFormat(suite.Group):
             self.network.wait(lambda: len(peer.caller().messages) == 8, "eight responses")
             self.assertEqual({one.session for one in peer.caller().messages}, set(range(1, 9)))
 
-    @covers("someip_700", "A request with session id 0 gets a response with session id 0")
     def test_no_session(self):
         self.assertEqual(self.read(self.peer(), session=0).session, 0)
 
-    @covers("someip_667",
-            "Notifications are numbered: session ids from 1 on, one more each time, client id 0")
     def test_sessions_of_events(self):
         peer = self.peer()
         notify = self.gnss(peer)
@@ -229,15 +207,8 @@ class MessageFormat(suite.Group):
         self.assertEqual({one.client for one in events.messages}, {0})
         self.assertNotIn(0, sessions)
 
-    @covers("someip_88 someip_649 someip_669 someip_701",
-            """Own requests carry the client id of the manifest and session ids that begin with 1 and
-            differ for each call""")
     def test_own_requests(self):
-        peer = self.peer()
-        host = self.host("find Remote")
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE, 1, MAJOR), [endpoint(server)])
-        host.said("found Remote 1")
+        host, peer, server = self.remote()
         for _ in range(3):
             host.do("call Remote 1 echo 01")
         self.network.wait(lambda: len(server.messages) == 3, "three requests")
@@ -246,13 +217,8 @@ class MessageFormat(suite.Group):
         self.assertEqual({(one.type, one.code, one.interface) for one in server.messages},
                          {(REQUEST, 0, MAJOR)})
 
-    @covers("someip_677", "The session id of calls goes from 0xFFFF to 1, leaving out 0")
     def test_wrap_of_calls(self):
-        peer = self.peer()
-        host = self.host("find Remote")
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE, 1, MAJOR, ttl=ENDLESS), [endpoint(server)])
-        host.said("found Remote 1")
+        host, peer, server = self.remote()
         # The packets of this check are too many to be kept.
         self.network.unwatch(server.socket)
         server.socket.settimeout(PATIENCE)
@@ -267,14 +233,11 @@ class MessageFormat(suite.Group):
         expected = list(range(1, 0x10000)) + [1, 2, 3]
         self.assertEqual([int.from_bytes(one, "big") for one in sessions], expected)
 
-    @covers("someip_90", "Every message of the device has protocol version 1")
     def test_protocol_version(self):
         peer = self.peer()
         self.read(peer)
         self.assertEqual({one.protocol for one in self.network.seen}, {1})
 
-    @covers("someip_92",
-            "The interface version is the major version of the service, in responses and notifications")
     def test_interface_version(self):
         peer = self.peer()
         events = self.positions(peer)
@@ -284,9 +247,6 @@ class MessageFormat(suite.Group):
             self.assertEqual({one.interface for one in self.network.seen
                               if one.service == service and one.code == 0}, {version})
 
-    @covers("someip_95 someip_141 someip_144",
-            """Message types on the wire: response to a request, notification for an event; their
-            return code is 0 when all went well""")
     def test_message_types(self):
         peer = self.peer()
         self.assertEqual((self.read(peer).type, self.read(peer).code), (RESPONSE, 0))
@@ -294,8 +254,6 @@ class MessageFormat(suite.Group):
         message = events.wait(lambda one: True)
         self.assertEqual((message.type, message.code), (NOTIFICATION, 0))
 
-    @covers("someip_95",
-            "Message types that are reserved or unknown are dropped: no answer, nothing executed")
     def test_unknown_types(self):
         peer = self.peer()
         for session, type in enumerate((0x40, 0x41, 0x42, 0xC0, 0xC1, 0x03, 0x10, 0x7F, 0xFF), 1):
@@ -305,17 +263,12 @@ class MessageFormat(suite.Group):
         peer.barrier(self.pos.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x300])
 
-    @covers("someip_165 someip_168",
-            "Bytes behind the parameters that the method knows are ignored, the call is executed")
     def test_longer_payload(self):
         peer = self.peer()
         self.assertEqual(self.read(peer, payload=NO_TEXTS + b"later versions").code, 0)
         answer = peer.call((self.pos.address, MONITOR_PORT), MONITOR, 1, b"\x01" + b"more")
         self.assertEqual((answer.code, answer.payload), (0, b""))
 
-    @covers("someip_172 someip_224 someip_623",
-            """Numbers of 32 and 64 bits and floating-point numbers travel most significant byte first,
-            in both directions""")
     def test_basic_types(self):
         peer = self.peer()
         notify, events = self.gnss(peer), self.positions(peer)
@@ -325,8 +278,6 @@ class MessageFormat(suite.Group):
         self.assertEqual(record[3], struct.pack("!d", 11.25))
         self.assertEqual(record[27], struct.pack("!I", 77))
 
-    @covers("someip_169 someip_230 someip_574 someip_575 someip_711",
-            "Members follow each other without padding: a record is as long as its members")
     def test_no_padding(self):
         peer = self.peer()
         notify, events = self.gnss(peer), self.positions(peer)
@@ -334,9 +285,6 @@ class MessageFormat(suite.Group):
         message, record = self.forwarded(events, 5)
         self.assertEqual(len(message.payload), 4 + 4 + sum(2 + len(one) for one in record.values()))
 
-    @covers("someip_600 someip_601",
-            """A structure has a length in front; what it holds beyond the known members is skipped,
-            and the next structure is still found""")
     def test_longer_structure(self):
         peer = self.peer()
         notify, events = self.gnss(peer), self.positions(peer)
@@ -347,8 +295,6 @@ class MessageFormat(suite.Group):
         notify(vector(position(60, later, later)))
         self.assertNotIn(0x700, self.forwarded(events, 60)[1])
 
-    @covers("someip_252",
-            "A member that the sender leaves out is absent in what the application forwards")
     def test_optional_members(self):
         peer = self.peer()
         notify, events = self.gnss(peer), self.positions(peer)
@@ -358,9 +304,6 @@ class MessageFormat(suite.Group):
         notify(vector(position(9)))
         self.assertNotIn(6, self.forwarded(events, 9)[1])
 
-    @covers("someip_254 someip_255 someip_257 someip_621",
-            """A list begins with a 32-bit length in bytes that does not count itself; an empty one is
-            length 0""")
     def test_lists(self):
         peer = self.peer()
         events = self.positions(peer)
@@ -372,9 +315,6 @@ class MessageFormat(suite.Group):
         notify(vector(position(20)))
         self.assertEqual(len(records(self.forwarded(events, 20)[0].payload)), 1)
 
-    @covers("someip_254 someip_601",
-            """Lengths that reach beyond the payload make the notification void: nothing of it is
-            forwarded, later ones are""")
     def test_wrong_lengths(self):
         peer = self.peer()
         notify, events = self.gnss(peer), self.positions(peer)
@@ -388,9 +328,6 @@ class MessageFormat(suite.Group):
         self.assertFalse([one for one in events.messages
                           if struct.pack("!HI", 0x2001, 30) in one.payload])
 
-    @covers("someip_237 someip_562 someip_581 someip_582",
-            """A string begins with a 32-bit length in bytes that does not count itself; one that reaches
-            beyond the parameter is malformed""")
     def test_strings(self):
         def text(value, length=None):
             return struct.pack("!I", len(value) if length is None else length) + value
@@ -408,44 +345,12 @@ class MessageFormat(suite.Group):
                               (b"\0\0", 9)):
             self.assertEqual(self.read(peer, payload=payload).code, code, payload)
 
-    @covers("someip_799",
-            "An enumeration value that nobody defined does not make the record unreadable")
     def test_unknown_enumeration(self):
         peer = self.peer()
         notify, events = self.gnss(peer), self.positions(peer)
         unknown = struct.pack("!I", 99)
         notify(vector(position(40, member(10, struct.pack("!f", 90.0)), member(11, unknown))))
         self.assertNotIn(6, self.forwarded(events, 40)[1], "a heading of unknown kind is not used")
-
-    @covers("someip_45 someipsd_38",
-            "Another program dissects everything that was sent in this group without complaint")
-    def test_dissection(self):
-        complaints, dissected, sent = self.dissect()
-        self.assertEqual(complaints, [])
-        self.assertGreaterEqual(dissected, sent)
-
-    not_applicable = (
-        ("someip_102 someip_103", "End-to-end protection header behind the return code",
-         "no element of the manifest is protected end to end"),
-        ("someip_624", "Service id of services that do not speak SOME/IP",
-         "none is provided or used (see Options)"),
-        ("someip_817", "Booleans use the lowest bit only",
-         "no boolean reaches the wire by way of the application's outputs"),
-        ("someip_234 someip_235 someip_238 someip_639 someip_640 someip_641 someip_642 someip_662 "
-         "someip_666 someip_687 someip_800", "Byte order mark, terminator and encodings of strings",
-         "these interfaces define their strings as bytes behind a length, without mark and terminator"),
-        ("someip_233 someip_239", "Strings of fixed length, padding behind strings",
-         "no interface has one"),
-        ("someip_241 someip_243 someip_246 someip_259 someip_260", "Arrays of fixed length, arrays of arrays",
-         "no interface has one"),
-        ("someip_602", "Structures without length field",
-         "every structure of these interfaces has one"),
-        ("someip_263 someip_264 someip_272 someip_273 someip_274 someip_563 someip_564 someip_565 "
-         "someip_566 someip_571 someip_572 someip_573 someip_583", "Unions", "no interface has one"),
-        ("someip_651", "Enumerations of other sizes", "those of these interfaces are 32 bits wide"),
-        ("someip_689 someip_690 someip_691", "Bit fields with named bits",
-         "bit sets are passed on as the numbers that they are"),
-    )
 
 
 if __name__ == "__main__":

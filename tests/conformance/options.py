@@ -7,7 +7,6 @@ from scapy.packet import Raw
 from devices import *
 from network import *
 import suite
-from suite import covers
 
 
 def raw_option(type, content, length=None):
@@ -22,13 +21,8 @@ def configuration(*items, end=b"\0"):
 
 class Options(suite.Group):
     title = "Options"
+    streams = True
     base = 101
-
-    def vehicle(self, *commands, **options):
-        host = self.host(*commands, "offer first", **options)
-        peer = self.peer()
-        self.offered(peer, VEHICLE)
-        return host, peer
 
     def ask(self, host, peer, array, service=VEHICLE, group=TICK_GROUP, **runs):
         """Subscribes with these options; returns the time to live of the answer (0: refused)."""
@@ -52,9 +46,6 @@ class Options(suite.Group):
 
     # Formats
 
-    @covers("someipsd_127 someipsd_128 someipsd_129 someipsd_133 someipsd_809",
-            """The endpoint option on the wire: length 9, type 4, address, transport, port, reserved bytes
-            0""")
     def test_endpoint_format(self):
         host, peer = self.vehicle("offer stream")
         a, b, c, d = map(int, host.address.split("."))
@@ -65,14 +56,11 @@ class Options(suite.Group):
                          {f"00090400{address}0011{STREAM_PORT:04x}",
                           f"00090400{address}0006{STREAM_PORT:04x}"})
 
-    @covers("someipsd_129", "Reserved bytes of an endpoint option are ignored")
     def test_reserved_bytes(self):
         host, peer = self.vehicle()
         self.assertEqual(self.ask(host, peer, [endpoint(peer.caller(), res_hdr=0xFF, res_tail=0xFF)]),
                          9)
 
-    @covers("someipsd_723 someipsd_725 someipsd_790",
-            "The multicast option on the wire: length 9, type 0x14, multicast address, UDP, port")
     def test_multicast_format(self):
         host, peer = self.vehicle("offer group")
         self.offered(peer, GROUP)
@@ -82,9 +70,6 @@ class Options(suite.Group):
         self.assertEqual(bytes(option).hex(),
                          f"00091400efc3{self.network.number:02x}010011{MULTICAST_PORT:04x}")
 
-    @covers("someipsd_133 someipsd_102",
-            """An endpoint option of another length, of an unknown transport or with port 0 makes its entry
-            unusable: a subscription is refused, an offer ignored""")
     def test_invalid_endpoints(self):
         host, peer = self.vehicle("find Remote")
         good = bytes(endpoint(peer.address, 40000))[3:]
@@ -96,8 +81,6 @@ class Options(suite.Group):
                 self.assertEqual(self.ask(host, peer, [option]), 0)
         self.assertEqual(self.found(host, peer, [([option], {}) for option in bad]), [])
 
-    @covers("someipsd_102",
-            "An option that is cut off at the end of the message spoils only the entries that need it")
     def test_cut_option(self):
         host, peer = self.vehicle()
         cut = raw_option(0x04, b"\0" * 5, length=9)
@@ -109,10 +92,6 @@ class Options(suite.Group):
                    for group in (TICK_GROUP, VALUE_GROUP)}
         self.assertEqual(answers, {TICK_GROUP: 9, VALUE_GROUP: 0})
 
-    @covers("someipsd_149 someipsd_150 someipsd_151 someipsd_157 someipsd_158 someipsd_159 someipsd_160 "
-            "someipsd_161 someipsd_162 someipsd_217 someipsd_684 someipsd_809 someipsd_857",
-            """Configuration options in all their forms are read and do not disturb the entry: keys alone,
-            empty values, keys that come twice, nothing at all""")
     def test_configuration(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
@@ -125,9 +104,6 @@ class Options(suite.Group):
         self.assertEqual(self.found(host, peer, [([own, option], {}) for option in good]),
                          list(range(1, len(good) + 1)))
 
-    @covers("someipsd_150 someipsd_158 someipsd_161 someipsd_162 someipsd_102",
-            """A configuration option that is not one (lengths beyond its end, no end, a key that is empty
-            or not printable) is not taken for a good one, nor does it disturb other entries""")
     def test_wrong_configuration(self):
         host, peer = self.vehicle()
         own = endpoint(peer.caller())
@@ -143,15 +119,11 @@ class Options(suite.Group):
                            for group in (TICK_GROUP, VALUE_GROUP)}
                 self.assertEqual(answers, {TICK_GROUP: 0, VALUE_GROUP: 9})
 
-    @covers("someipsd_1146 someipsd_1147",
-            "Two configuration options of one entry stand beside each other, with the same keys too")
     def test_two_configurations(self):
         host, peer = self.vehicle()
         self.assertEqual(self.ask(host, peer, [endpoint(peer.caller()), configuration(b"key=a"),
                                                configuration(b"key=b")]), 9)
 
-    @covers("someipsd_1141 someipsd_946",
-            "A load-balancing option is read and disturbs nothing")
     def test_load_balancing(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
@@ -160,8 +132,6 @@ class Options(suite.Group):
 
     # References
 
-    @covers("someipsd_336 someipsd_342 someipsd_343",
-            "Options are found through both runs, wherever in the array they lie")
     def test_both_runs(self):
         host, peer = self.vehicle()
         events = peer.socket()
@@ -176,7 +146,6 @@ class Options(suite.Group):
         host.do("event first tick 01")
         events.wait(lambda one: one.payload == b"\x01")
 
-    @covers("someipsd_347", "The index of an empty run may be anything")
     def test_index_of_empty_run(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
@@ -186,8 +155,6 @@ class Options(suite.Group):
         self.assertEqual(self.found(host, peer, [([own], {"index_2": 200}),
                                                  ([own], {"options": (9, 0), "n_opt_2": 1})]), [1, 2])
 
-    @covers("someipsd_102",
-            "An entry that refers to options beyond the array is refused or ignored; its neighbours are not")
     def test_beyond_the_array(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
@@ -200,9 +167,6 @@ class Options(suite.Group):
                                                  ([own], {"options": (0, 3)}),
                                                  ([own], {"options": (200, 15)})]), [])
 
-    @covers("someipsd_102 someipsd_681 someipsd_682",
-            """Without an endpoint of the transport that is needed a subscription is refused and an offer
-            ignored""")
     def test_missing_endpoint(self):
         host, peer = self.vehicle("offer stream", "find Remote")
         self.offered(peer, STREAM)
@@ -212,8 +176,6 @@ class Options(suite.Group):
         self.assertEqual(self.ask(host, peer, [udp], STREAM), 0)
         self.assertEqual(self.found(host, peer, [([], {}), ([configuration(b"key")], {})]), [])
 
-    @covers("someipsd_1142 someipsd_946",
-            "Options of unknown types are passed over, whatever their content")
     def test_unknown_options(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
@@ -226,9 +188,6 @@ class Options(suite.Group):
         self.assertEqual(self.found(host, peer, [([option, own], {}) for option in unknown]),
                          list(range(1, len(unknown) + 1)))
 
-    @covers("someipsd_1141",
-            """Options that the entry does not need are passed over: a TCP endpoint where UDP is used, a
-            multicast option in a subscription or an offer, the same endpoint twice""")
     def test_redundant_options(self):
         host, peer = self.vehicle("find Remote")
         own, tcp = endpoint(peer.caller()), endpoint(peer.address, 40000, TCP_PROTOCOL)
@@ -239,8 +198,6 @@ class Options(suite.Group):
         self.assertEqual(self.found(host, peer, [([own, tcp], {}), ([own, own], {}),
                                                  ([own, group], {})]), [1, 2, 3])
 
-    @covers("someipsd_1144 someipsd_1145 someipsd_780 someipsd_786",
-            "Two different endpoints of one transport: a subscription is refused, an offer ignored")
     def test_conflicting_options(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
@@ -251,8 +208,6 @@ class Options(suite.Group):
                              0)
         self.assertEqual(self.found(host, peer, [([own, other], {}) for other in others]), [])
 
-    @covers("someipsd_878 someipsd_879 someipsd_106",
-            "Options of a find do not matter, neither endpoints, not even bad ones, nor others")
     def test_options_of_finds(self):
         host, peer = self.vehicle()
         for options in ([endpoint(peer.caller())], [endpoint("239.1.2.3", 0)],
@@ -263,8 +218,6 @@ class Options(suite.Group):
             peer.tell(find(VEHICLE, n_opt_1=1), options, to=host.address)
             peer.entry(OFFER, VEHICLE, after=start, multicast=False)
 
-    @covers("someipsd_106 someipsd_102",
-            "A find that refers to options that do not exist is ignored")
     def test_find_beyond_the_array(self):
         host, peer = self.vehicle()
         peer.tell(find(VEHICLE, n_opt_1=1), to=host.address)
@@ -275,9 +228,6 @@ class Options(suite.Group):
 
     # Endpoints of offers
 
-    @covers("someipsd_758 someipsd_779 someipsd_781 someipsd_797 someipsd_850 someipsd_858",
-            """Requests are answered where the offer says, and events come from there, each instance from
-            its own""")
     def test_source_of_events(self):
         host, peer = self.vehicle("offer second")
         for instance, specifier in ((1, "first"), (2, "second")):
@@ -288,8 +238,6 @@ class Options(suite.Group):
             self.assertEqual(events.wait(lambda one: True).source, (address, port))
             self.assertEqual(peer.call((address, port), VEHICLE, ECHO, interface=MAJOR).code, 0)
 
-    @covers("someipsd_762 someipsd_788 someipsd_787",
-            "A stream's events come over the connection that was made to the offered port")
     def test_stream_of_events(self):
         host, peer = self.vehicle("offer stream")
         address, port, _ = next(one for one in self.offered(peer, STREAM).endpoints
@@ -299,8 +247,6 @@ class Options(suite.Group):
         host.do("event stream tick 01")
         self.assertEqual(stream.wait(lambda one: one.method == TICK).payload, b"\x01")
 
-    @covers("someipsd_782",
-            "Instances of one service are told apart by the endpoints of their offers")
     def test_instances_by_endpoint(self):
         host, peer = self.vehicle("find Remote")
         servers = {instance: peer.socket(SERVER_PORT + instance) for instance in (1, 2)}
@@ -325,8 +271,6 @@ class Options(suite.Group):
         self.assertFalse([line for line in host.lines if line.endswith(" 66")])
         self.assertEqual(len([line for line in host.lines if line.startswith("notification")]), 3)
 
-    @covers("someipsd_778",
-            "Events are sent to, and services used at, what the options say, not what the packets come from")
     def test_options_rule(self):
         host, peer = self.vehicle("find Remote")
         elsewhere = self.peer(listen=False)
@@ -340,33 +284,19 @@ class Options(suite.Group):
         host.do("call Remote 1 echo 01")
         server.wait(lambda one: one.service == REMOTE)
 
-    @covers("someipsd_789 someipsd_791 someipsd_854",
-            """The client listens where the multicast option of an acknowledgement says as soon as it has
-            come; an endpoint option there is not taken for it""")
     def test_multicast_of_acknowledgement(self):
-        host, peer = self.vehicle("find RemoteGroup")
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE_GROUP, 1, MAJOR, ttl=ENDLESS), [endpoint(server)])
-        host.said("found RemoteGroup 1")
-        host.do("subscribe RemoteGroup 1 tick")
+        host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
         group = (f"239.195.{self.network.number}.9", MULTICAST_PORT)
         peer.tell(acknowledge(entry, options=(0, 2)),
                   [endpoint(peer.caller()), SDOption_IP4_Multicast(addr=group[0], port=group[1])],
                   to=host.address)
         host.said("state RemoteGroup 1 tick on")
-        server.send(someip(REMOTE_GROUP, TICK, b"\x01", type=NOTIFICATION, interface=MAJOR), group)
+        self.notify(server, group, b"\x01", TICK, "RemoteGroup")
         host.said("notification RemoteGroup 1 tick 01")
 
-    @covers("someipsd_102 someipsd_1144",
-            """An acknowledgement with a multicast option that is none, or with two different ones, does not
-            count""")
     def test_wrong_multicast(self):
-        host, peer = self.vehicle("find RemoteGroup")
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE_GROUP, 1, MAJOR, ttl=ENDLESS), [endpoint(server)])
-        host.said("found RemoteGroup 1")
-        host.do("subscribe RemoteGroup 1 tick")
+        host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
         group = f"239.195.{self.network.number}.9"
         for options in ([SDOption_IP4_Multicast(addr=peer.address, port=40000)],
@@ -384,9 +314,6 @@ class Options(suite.Group):
 
     WRONG = ("10.1.2.3", "0.0.0.0", "255.255.255.255", "239.1.2.3")
 
-    @covers("someipsd_1135 someipsd_102",
-            """Endpoints that are not of the node's subnet, that are multicast, broadcast, unspecified or
-            the node itself: a subscription is refused, an offer ignored""")
     def test_addresses(self):
         host, peer = self.vehicle("find Remote")
         number = self.network.number
@@ -397,8 +324,6 @@ class Options(suite.Group):
         self.assertEqual(self.found(host, peer, [([endpoint(address, 40000)], {})
                                                  for address in wrong]), [])
 
-    @covers("someipsd_1135",
-            "Discovery messages from outside of the node's subnet are not answered")
     def test_senders(self):
         host, peer = self.vehicle()
         # No address beside the network's own is touched by other tests.
@@ -409,7 +334,6 @@ class Options(suite.Group):
         peer.barrier(host.address)
         self.assertEqual(foreign.messages, [])
 
-    @covers("someipsd_1149", "The check of the subnet can be switched off in the manifest")
     def test_no_check(self):
         manifest = host_manifest(self.network)
         manifest["nodes"]["host"]["prefixLength"] = 0
@@ -422,8 +346,6 @@ class Options(suite.Group):
         for address in ("0.0.0.0", "239.1.2.3", host.address):
             self.assertEqual(self.ask(host, peer, [endpoint(address, 40000)]), 0)
 
-    @covers("someipsd_809",
-            "IPv6 endpoints are no endpoints in a network of IPv4: passed over, or missed when alone")
     def test_ipv6(self):
         host, peer = self.vehicle("find Remote")
         six, own = SDOption_IP6_EndPoint(addr="fd00::1", port=40000), endpoint(peer.caller())
@@ -433,9 +355,6 @@ class Options(suite.Group):
 
     # The discovery endpoint
 
-    @covers("someipsd_1084 someipsd_1085 someipsd_1086 someipsd_1087 someipsd_809 someipsd_814",
-            """A discovery endpoint option replaces the sender's address and port: answers to finds, offers
-            and subscriptions go there""")
     def test_discovery_endpoint(self):
         host, peer = self.vehicle("find Remote")
         behind = self.peer(listen=False)
@@ -457,8 +376,6 @@ class Options(suite.Group):
         entry(SUBSCRIBE, REMOTE)
         self.assertEqual(peer.unicast.entries, [])
 
-    @covers("someipsd_1084 someipsd_813",
-            "Sessions and restarts are watched for the discovery endpoint, not for the sender")
     def test_restarts_of_discovery_endpoint(self):
         host, peer = self.vehicle()
         behind = self.peer(listen=False)
@@ -477,8 +394,6 @@ class Options(suite.Group):
         peer.call(host.udp(), VEHICLE, ECHO, interface=MAJOR)
         self.assertEqual(events["behind"].messages, [])
 
-    @covers("someipsd_1152",
-            "Of several discovery endpoint options the first one counts")
     def test_first_discovery_endpoint(self):
         host, peer = self.vehicle()
         first, second = self.peer(listen=False), self.peer(listen=False)
@@ -489,8 +404,6 @@ class Options(suite.Group):
         peer.barrier(host.address)
         self.assertEqual(second.unicast.entries, [])
 
-    @covers("someipsd_1084 someipsd_1135",
-            "A message whose discovery endpoint is not of the subnet is dropped")
     def test_wrong_discovery_endpoint(self):
         host, peer = self.vehicle()
         for address in ("10.1.2.3", "0.0.0.0", "255.255.255.255", host.address):
@@ -499,9 +412,6 @@ class Options(suite.Group):
         peer.barrier(host.address)
         self.assertEqual(peer.unicast.entries, [])
 
-    @covers("someipsd_1082 someipsd_1114 someipsd_1151 someipsd_1156 someipsd_502 someipsd_946",
-            """Own messages hold endpoint and multicast options only, each where it belongs: no discovery
-            endpoint, no configuration that would announce another protocol""")
     def test_own_options(self):
         host, peer = self.vehicle("offer group", "offer stream", "find Remote")
         self.offered(peer, STREAM)
@@ -512,24 +422,6 @@ class Options(suite.Group):
             for one in channel.entries:
                 kinds.setdefault(one.type, set()).update(option.type for option in one.options)
         self.assertEqual(kinds, {FIND: set(), OFFER: {0x04}, ACKNOWLEDGE: {0x14}})
-
-    @covers("someipsd_129 someipsd_725",
-            "Another program dissects everything that was sent in this group without complaint")
-    def test_dissection(self):
-        complaints, dissected, sent = self.dissect()
-        self.assertEqual(complaints, [])
-        self.assertGreater(dissected, 0)
-
-    not_applicable = (
-        ("someipsd_218 someipsd_500 someipsd_503 someipsd_1227 someip_624",
-         "Names and other protocols announced by configuration options",
-         "only SOME/IP services are provided and used"),
-        ("someipsd_855", "A multicast option in offers",
-         "the acknowledgement carries it, as someipsd_763 and someipsd_854 want; both at once would be "
-         "two answers to one question"),
-        ("someipsd_1250 someipsd_1251 someipsd_1252 someipsd_1253", "Options for layer-2 groups",
-         "they announce other protocols; received ones are passed over like unknown options"),
-    )
 
 
 if __name__ == "__main__":

@@ -3,7 +3,6 @@
 from devices import *
 from network import *
 import suite
-from suite import covers
 
 (NOT_OK, UNKNOWN_SERVICE, UNKNOWN_METHOD, WRONG_PROTOCOL, WRONG_INTERFACE, MALFORMED,
  WRONG_TYPE) = 0x01, 0x02, 0x03, 0x07, 0x08, 0x09, 0x0A
@@ -13,44 +12,16 @@ class ProcedureCalls(suite.Group):
     title = "Remote procedure calls"
     base = 98
 
-    def vehicle(self, *commands, **options):
-        host = self.host(*commands, "offer first", **options)
-        peer = self.peer()
-        self.offered(peer, VEHICLE)
-        return host, peer
-
     def call(self, peer, host, method, payload=b"", **fields):
         fields.setdefault("interface", MAJOR)
         return peer.call(host.udp(), VEHICLE, method, payload, **fields)
 
-    def remote(self, *commands, peer=None):
-        """The host as client of a service of the peer's; returns where its requests come."""
-        host = self.host("find Remote")
-        peer = peer or self.peer()
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE, 1, MAJOR, ttl=ENDLESS), [endpoint(server)])
-        host.said("found Remote 1")
-        for command in commands:
-            host.do(command)
-        return host, peer, server
-
-    def subscription(self, peer, host, group, **fields):
-        """Subscribes at the host's first instance; returns where the events come."""
-        events = peer.socket()
-        fields.setdefault("ttl", ENDLESS)
-        answer = peer.subscribed(host.address, VEHICLE, 1, group, events, major=MAJOR, **fields)
-        self.assertEqual(answer.ttl, fields["ttl"])
-        return events
-
-    @covers("someip_329", "A client's request: ids, length, versions, type request, return code 0")
     def test_request(self):
         host, peer, server = self.remote("call Remote 1 echo 010203")
         request = server.wait(lambda one: one.service == REMOTE)
         self.assertEqual(request.raw.hex(),
                          f"{REMOTE:04x}{ECHO:04x}0000000b{CLIENT_ID:04x}000101{MAJOR:02x}0000010203")
 
-    @covers("someip_338 someip_655",
-            "A response: header of the request with type response, its own length and return code")
     def test_response(self):
         host, peer = self.vehicle()
         answer = self.call(peer, host, ECHO, b"hello", client=0x1111, session=0x2222)
@@ -60,8 +31,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(answer.raw.hex(),
                          f"{VEHICLE:04x}{FAIL:04x}000000081111222301{MAJOR:02x}802f")
 
-    @covers("someip_79", "A client matches responses by message and request id, sender and version; "
-            "others are ignored")
     def test_matching(self):
         host, peer, server = self.remote("call Remote 1 echo 01")
         request = server.wait(lambda one: one.service == REMOTE)
@@ -79,9 +48,6 @@ class ProcedureCalls(suite.Group):
         server.send(someip(REMOTE, ECHO, b"\x99", **right), request.source)
         self.assertEqual(host.said("response"), "response 0x00 99")
 
-    @covers("someip_80 someip_436",
-            "A call without response ends after the time of the manifest; a response that comes later is "
-            "ignored")
     def test_time_out(self):
         host, peer, server = self.remote("call Remote 1 echo 01")
         request = server.wait(lambda one: one.service == REMOTE)
@@ -97,9 +63,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual([one for one in host.lines if one.startswith("response")],
                          ["response 0x06 -", "response 0x00 03"])
 
-    @covers("someip_345 someip_348 someip_654",
-            """A fire-and-forget request is executed and never answered, not even when the method or the
-            service does not exist""")
     def test_fire_and_forget(self):
         host, peer = self.vehicle()
         def forget(service, method, payload=b"", **fields):
@@ -118,16 +81,12 @@ class ProcedureCalls(suite.Group):
         self.assertEqual([one for one in host.lines if one.startswith("request")],
                          ["request poke aa"])
 
-    @covers("someip_345 someip_667",
-            "A client's fire-and-forget request has its own message type and counts its sessions from 1")
     def test_own_fire_and_forget(self):
         host, peer, server = self.remote("send Remote 1 poke 0a", "send Remote 1 poke 0b")
         self.network.wait(lambda: len(server.messages) == 2, "two requests")
         self.assertEqual([(one.type, one.code, one.session, one.payload) for one in server.messages],
                          [(REQUEST_NO_RETURN, 0, 1, b"\x0a"), (REQUEST_NO_RETURN, 0, 2, b"\x0b")])
 
-    @covers("someip_597",
-            "Notifications, good or not, are never answered with an error")
     def test_no_error_for_events(self):
         host, peer = self.vehicle()
         for service, method in ((VEHICLE, TICK), (VEHICLE, 0x8FFF), (0x4FFF, TICK), (VEHICLE, ECHO)):
@@ -138,8 +97,6 @@ class ProcedureCalls(suite.Group):
         peer.barrier(host.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x501])
 
-    @covers("someip_704 someip_727",
-            "Messages that carry an error, and responses of any kind, are not answered")
     def test_no_error_for_errors(self):
         host, peer = self.vehicle()
         for type in (REQUEST, RESPONSE, ERROR):
@@ -153,8 +110,6 @@ class ProcedureCalls(suite.Group):
         peer.barrier(host.address)
         self.assertEqual([one.session for one in peer.caller().messages], [0x502])
 
-    @covers("someip_371 someip_816",
-            "Unknown service and unknown method are told apart by their return codes")
     def test_unknown(self):
         host, peer = self.vehicle()
         self.assertEqual(peer.call(host.udp(), 0x4FFF, ECHO, interface=MAJOR).code, UNKNOWN_SERVICE)
@@ -162,14 +117,11 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(self.call(peer, host, 0x7FFF).code, UNKNOWN_METHOD)
         self.assertEqual(peer.call(host.udp(), VEHICLE, TICK, interface=MAJOR).code, UNKNOWN_METHOD)
 
-    @covers("someip_371 someip_95",
-            "A method called with the wrong message type is refused as such")
     def test_wrong_type(self):
         host, peer = self.vehicle()
         self.assertEqual(self.call(peer, host, POKE).code, WRONG_TYPE)
         self.assertNotIn("request poke -", host.lines)
 
-    @covers("someip_92 someip_371", "Another interface version than the service's is refused as such")
     def test_interface_version(self):
         host, peer = self.vehicle()
         for version in (0, 1, MAJOR + 1, 0xFF):
@@ -177,16 +129,12 @@ class ProcedureCalls(suite.Group):
             self.assertEqual((answer.code, answer.interface, answer.payload),
                              (WRONG_INTERFACE, version, b""))
 
-    @covers("someip_703 someip_818",
-            "A request of another protocol version is answered, if at all, in protocol version 1")
     def test_protocol_version(self):
         host, peer = self.vehicle()
         for version in (0, 2, 0xFF):
             answer = self.call(peer, host, ECHO, protocol=version)
             self.assertEqual((answer.protocol, answer.code), (1, WRONG_PROTOCOL))
 
-    @covers("someip_371 someip_168",
-            "A payload that does not hold the parameters is refused as malformed, by the application")
     def test_malformed(self):
         peer = self.peer()
         monitor = (self.pos.address, MONITOR_PORT)
@@ -194,9 +142,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual((answer.code, answer.type, answer.payload), (MALFORMED, RESPONSE, b""))
         self.assertEqual(peer.call(monitor, MONITOR, 1, b"\x01").code, 0)
 
-    @covers("someip_721 someipsd_1220",
-            """Of several faults of one request the first one counts: protocol version, service,
-            interface version, method, message type""")
     def test_order(self):
         host, peer = self.vehicle()
         def code(service=VEHICLE, method=ECHO, **fields):
@@ -209,9 +154,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(code(VEHICLE, 0x77), UNKNOWN_METHOD)
         self.assertEqual(code(VEHICLE, POKE), WRONG_TYPE)
 
-    @covers("someip_141 someip_726 someip_367",
-            """Errors travel in messages of type response with the return code, without payload; other
-            messages have return code 0""")
     def test_error_responses(self):
         host, peer = self.vehicle()
         answers = [self.call(peer, host, 0x77, b"payload"), self.call(peer, host, FAIL, b"\0\0\0\x01"),
@@ -223,9 +165,6 @@ class ProcedureCalls(suite.Group):
         self.assertTrue(all(one.code == 0 for one in self.network.seen[self.start:]
                             if one.type != RESPONSE))
 
-    @covers("someip_106 someip_107 someip_101 someip_371",
-            """A client takes return codes from both kinds of error messages, those of the interface
-            included, whatever the payload""")
     def test_received_errors(self):
         host, peer, server = self.remote()
         for type, code, payload in ((RESPONSE, 0x01, b""), (ERROR, 0x01, b""), (RESPONSE, 0x20, b"ab"),
@@ -237,21 +176,18 @@ class ProcedureCalls(suite.Group):
                                interface=MAJOR, type=type, code=code), request.source)
             self.assertEqual(host.said("response", since), f"response 0x{code:02x} -")
 
-    @covers("someip_371", "Return codes of the service interface reach the client as the method gave them")
     def test_own_codes(self):
         host, peer = self.vehicle()
         for code in (0x20, 0x2A, 0x3F):
             self.assertEqual(self.call(peer, host, FAIL, code.to_bytes(4, "big")).code, code)
 
-    @covers("someip_361 someip_807 someipsd_204 someipsd_422",
-            "Events go to those who have subscribed, and to nobody else")
     def test_subscribers_only(self):
         host, peer = self.vehicle()
         stranger = self.peer().socket()
         stranger.send(someip(VEHICLE, ECHO, interface=MAJOR), host.udp())
         stranger.wait(lambda one: True)
-        events = self.subscription(peer, host, TICK_GROUP)
-        other = self.subscription(peer, host, BIG_GROUP)
+        events = self.subscription(host, peer, TICK_GROUP)
+        other = self.subscription(host, peer, BIG_GROUP)
         host.do("event first tick 01")
         host.do("event first tock 02")
         events.wait(lambda one: one.method == TOCK)
@@ -260,17 +196,13 @@ class ProcedureCalls(suite.Group):
                          [(TICK, b"\x01"), (TOCK, b"\x02")])
         self.assertEqual((other.messages, len(stranger.messages)), ([], 1))
 
-    @covers("someip_67 someip_95",
-            "An event: type notification, return code 0, client id 0, major version of the service")
     def test_event(self):
         host, peer = self.vehicle()
-        events = self.subscription(peer, host, TICK_GROUP)
+        events = self.subscription(host, peer, TICK_GROUP)
         host.do("event first tick 0102")
         self.assertEqual(events.wait(lambda one: True).raw.hex(),
                          f"{VEHICLE:04x}{TICK:04x}0000000a0000000101{MAJOR:02x}02000102")
 
-    @covers("someip_631 someip_633",
-            "A getter's request has no payload, its response has the value of the field")
     def test_getter(self):
         host, peer = self.vehicle("update first value 0a0b")
         answer = self.call(peer, host, VALUE_GETTER)
@@ -280,8 +212,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(answer.code, 0)
         self.assertGreater(len(answer.payload), 4)
 
-    @covers("someip_634",
-            "A setter answers with the value that the field has taken, adapted where it did not fit")
     def test_setter(self):
         host, peer = self.vehicle("update first value 00")
         self.assertEqual(self.call(peer, host, VALUE_SETTER, b"\x12").payload, b"\x12")
@@ -289,31 +219,24 @@ class ProcedureCalls(suite.Group):
         self.assertEqual((answer.code, answer.payload), (0, b"\x12"))
         self.assertEqual(self.call(peer, host, VALUE_GETTER).payload, b"\x12")
 
-    @covers("someip_635",
-            "A notifier tells each new value to the subscribers, be it set from outside or inside")
     def test_notifier(self):
         host, peer = self.vehicle("update first value 00")
-        events = self.subscription(peer, host, VALUE_GROUP)
+        events = self.subscription(host, peer, VALUE_GROUP)
         self.call(peer, host, VALUE_SETTER, b"\x01")
         events.wait(lambda one: one.payload == b"\x01")
         host.do("update first value 02")
         events.wait(lambda one: one.payload == b"\x02")
         self.assertEqual([one.payload for one in events.messages], [b"\x00", b"\x01", b"\x02"])
 
-    @covers("someip_631 someip_633 someip_635",
-            """Parts that a field does not have are refused as unknown methods: the setter of a field of
-            the application's""")
     def test_field_without_setter(self):
         peer = self.peer()
         for method in (3, 0x7FFF):
             self.assertEqual(peer.call(self.pos.positioning, POSITIONING, method,
                                        interface=POSITIONING_MAJOR).code, UNKNOWN_METHOD)
 
-    @covers("someip_667 someip_677",
-            "The session ids of a field's notifications go from 0xFFFF to 1, and none is 0")
     def test_wrap_of_events(self):
         host, peer = self.vehicle("update first value 00")
-        events = self.subscription(peer, host, VALUE_GROUP)
+        events = self.subscription(host, peer, VALUE_GROUP)
         events.wait(lambda one: one.method == VALUE)
         caller = peer.caller()
         for one in (events, caller):
@@ -334,8 +257,6 @@ class ProcedureCalls(suite.Group):
         expected = [number % 0xFFFF + 1 for number in range(len(sessions))]
         self.assertEqual(sessions, expected)
 
-    @covers("someipsd_1135 someip_807",
-            "A service for certain peers is neither answered nor offered on demand to others")
     def test_allowed_peers(self):
         friend, stranger = self.peer(), self.peer()
         manifest = host_manifest(self.network, allowed=[friend.address])
@@ -352,23 +273,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(stranger.caller().messages, [])
         self.assertEqual([one for one in stranger.unicast.entries if one.service == CLOSED
                           and one.type == OFFER], [])
-
-    @covers("someip_45 someip_338",
-            "Another program dissects everything that was sent in this group without complaint")
-    def test_dissection(self):
-        complaints, dissected, sent = self.dissect()
-        self.assertEqual(complaints, [])
-        self.assertGreaterEqual(dissected, sent)
-
-    not_applicable = (
-        ("someip_106 someip_101", "Sending errors in messages of the type exception",
-         "it has to be configured, and the manifest has no such key: errors are responses"),
-        ("someip_598", "Return codes switched on and off", "the manifest has no such key"),
-        ("someip_804 someip_806", "Events for some of the subscribers only",
-         "a recommendation; no event of these interfaces asks for it"),
-        ("someip_632", "A field without getter, setter and notifier",
-         "the manifest cannot have one: it is refused at start"),
-    )
 
 
 if __name__ == "__main__":

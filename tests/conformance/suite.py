@@ -1,19 +1,17 @@
-"""A group of conformance tests: unittest cases whose methods say which requirements they look at, and
-the table that comes out of them."""
+"""A group of conformance tests: unittest cases, each named in a row of docs/conformance.md that says which
+requirements it looks at."""
 
-import functools
-import json
 import pathlib
-import re
 import subprocess
 import sys
 import tempfile
 import unittest
 
 import devices
+from devices import ECHO, MAJOR, REMOTE, REMOTE_GROUP, REMOTE_STREAM, SERVER_PORT, VALUE, VALUE_GROUP, VEHICLE
 import network as net
 
-RESULTS = devices.BUILD / "tests/conformance"
+PAGE = devices.SOURCE / "docs/conformance.md"
 # What tshark finds wrong with a message.
 COMPLAINTS = ("_ws.malformed", "someip.incomplete_headers", "someip.unknown_protocol_version",
               "someip.tp.fragment.error", "someipsd.message_truncated",
@@ -21,41 +19,26 @@ COMPLAINTS = ("_ws.malformed", "someip.incomplete_headers", "someip.unknown_prot
               "someipsd.option_array_truncated", "someipsd.option_array_bytes_left",
               "someipsd.option_unknown", "someipsd.option_wrong_length",
               "someipsd.L4_protocol_unsupported", "someipsd.config_string_malformed")
-_LINE = re.compile(r"\s+")
+REMOTE_IDS = {"Remote": REMOTE, "RemoteGroup": REMOTE_GROUP, "RemoteStream": REMOTE_STREAM}
 
 
-def covers(ids, text):
-    """Marks a test: the requirements (ids, separated by spaces) and what is looked at."""
-    def mark(function):
-        function.covers = (ids.split(), _LINE.sub(" ", text).strip())
-        return function
-    return mark
-
-
-def not_met(why):
-    """Marks a test, below `covers`, of what the runtime does not do: the test has to fail, and the table
-    says why."""
-    def mark(function):
-        @functools.wraps(function)
-        def wrapped(self):
-            try:
-                function(self)
-            except AssertionError:
-                self.skipTest("not met: " + _LINE.sub(" ", why).strip())
-            self.fail(f"met by now, against the mark: {why}")
-        return wrapped
-    return mark
+def rows_of(title):
+    """(what is checked, name of the test or nothing, verdict) of each row below a heading of the page."""
+    section = PAGE.read_text(encoding="utf-8").partition(f"\n## {title}\n")[2].partition("\n## ")[0]
+    rows = [[cell.strip() for cell in line.split("|")[2:5]]
+            for line in section.splitlines() if line.startswith("| ")]
+    return rows[1:]
 
 
 class Group(unittest.TestCase):
-    """A group of rules. `title` heads its table, `base` chooses its addresses; `not_applicable` has
-    (ids, what, why) each; `application` starts the application once for all tests."""
+    """A group of rules. `title` heads its table in docs/conformance.md, `base` chooses its addresses,
+    `application` starts the application once for all tests, `streams` carry several messages a packet."""
 
     maxDiff = None
     title = None
     base = 0
     application = {}  # timing, None: the group needs none
-    not_applicable = ()
+    streams = False
 
     @classmethod
     def setUpClass(cls):
@@ -94,6 +77,61 @@ class Group(unittest.TestCase):
         """Waits for an offer of the device under test."""
         return peer.entry(net.OFFER, service, **fields)
 
+    # The host as server
+
+    def vehicle(self, *commands, offers="first", service=VEHICLE, **options):
+        """The host with this instance offered after the commands, and a peer that has seen the offer."""
+        host = self.host(*commands, f"offer {offers}", **options)
+        peer = self.peer()
+        self.offered(peer, service)
+        return host, peer
+
+    def subscription(self, host, peer, group=VALUE_GROUP, **fields):
+        """Subscribes at the host's first instance; returns where the events come."""
+        events = peer.socket()
+        fields.setdefault("ttl", net.ENDLESS)
+        answer = peer.subscribed(host.address, VEHICLE, 1, group, events, major=MAJOR, **fields)
+        self.assertEqual(answer.ttl, fields["ttl"])
+        return events
+
+    def settled(self, host, peer):
+        """What was told before has been dealt with, and what follows from it has been sent."""
+        peer.barrier(host.address)
+        peer.call(host.udp(), VEHICLE, ECHO, interface=MAJOR)
+
+    # The host as client
+
+    def remote(self, *commands, service="Remote", flags=net.REBOOT | net.UNICAST, ttl=net.ENDLESS, **options):
+        """The host knows a service of the peer's; returns also where its requests come."""
+        peer = self.peer(flags=flags)
+        host = self.host(f"find {service}", **options)
+        server = (peer.listener if service == "RemoteStream" else peer.socket)(SERVER_PORT)
+        self.offer(peer, server, service=service, ttl=ttl)
+        host.said(f"found {service} 1")
+        for command in commands:
+            host.do(command)
+        return host, peer, server
+
+    def offer(self, peer, server, to=None, service=None, **fields):
+        fields.setdefault("ttl", net.ENDLESS)
+        streams = isinstance(server, net.Listener)
+        id = REMOTE_STREAM if streams else REMOTE_IDS[service or "Remote"]
+        protocol = net.TCP_PROTOCOL if streams else net.UDP_PROTOCOL
+        peer.tell(net.offer(id, 1, MAJOR, **fields), [net.endpoint(*server.address, protocol)], to=to)
+
+    def active(self, host, peer, element="value", service="Remote"):
+        """The host has subscribed and has been acknowledged; returns the entry."""
+        host.do(f"subscribe {service} 1 {element}")
+        entry = peer.entry(net.SUBSCRIBE, REMOTE_IDS[service])
+        peer.tell(net.acknowledge(entry), to=host.address)
+        host.said(f"state {service} 1 {element} on")
+        return entry
+
+    def notify(self, server, to, payload, event=VALUE, service="Remote"):
+        """A notification of the peer's; `to` is where, or the entry that subscribed."""
+        to = to.endpoints[0][:2] if isinstance(to, net.Entry) else to
+        server.send(net.someip(REMOTE_IDS[service], event, payload, type=net.NOTIFICATION, interface=MAJOR), to)
+
     def in_time(self, measure, attempts=4):
         """Runs a measurement that a busy machine may spoil until it succeeds."""
         for attempt in range(attempts):
@@ -103,7 +141,11 @@ class Group(unittest.TestCase):
                 if attempt == attempts - 1:
                     raise
 
-    # Everything a device sent in this group, dissected by another program.
+    def test_dissection(self):
+        """Last: another program looks at everything that a device sent in this group."""
+        complaints, dissected, sent = self.dissect()
+        self.assertEqual(complaints, [])
+        self.assertGreaterEqual(dissected, 1 if self.streams else sent)
 
     @classmethod
     def dissect(cls):
@@ -121,79 +163,19 @@ class Group(unittest.TestCase):
                 len(count("someip")), len(cls.network.raw))
 
 
-class _Result(unittest.TextTestResult):
-    """Remembers the verdicts."""
-
-    def __init__(self, *arguments, **options):
-        super().__init__(*arguments, **options)
-        self.verdicts = {}
-
-    def startTest(self, test):
-        super().startTest(test)
-        self.verdicts[test._testMethodName] = "pass"
-
-    def _fail(self, test):
-        test = getattr(test, "test_case", test)
-        if hasattr(test, "_testMethodName"):
-            self.verdicts[test._testMethodName] = "FAIL"
-
-    def addError(self, test, error):
-        super().addError(test, error)
-        self._fail(test)
-
-    def addFailure(self, test, error):
-        super().addFailure(test, error)
-        self._fail(test)
-
-    def addSkip(self, test, reason):
-        super().addSkip(test, reason)
-        met = not reason.startswith("not met")
-        self.verdicts[test._testMethodName] = f"not run ({reason})" if met else reason
-
-    def addSubTest(self, test, subtest, error):
-        super().addSubTest(test, subtest, error)
-        if error is not None:
-            self._fail(test)
-
-
-def rows_of(group, verdicts):
-    """(ids, text, verdict) each, in the order of the file."""
-    rows = []
-    for name, function in vars(group).items():
-        if hasattr(function, "covers"):
-            ids, text = function.covers
-            rows.append((ids, text, verdicts.get(name, "not run")))
-    for ids, text, why in group.not_applicable:
-        rows.append((ids.split(), _LINE.sub(" ", text).strip(),
-                     "does not apply: " + _LINE.sub(" ", why).strip()))
-    return rows
-
-
-def table(rows):
-    lines = ["| Requirements | What is checked | Verdict |", "|---|---|---|"]
-    lines += [f"| {', '.join(ids)} | {text} | {verdict} |" for ids, text, verdict in rows]
-    return "\n".join(lines) + "\n"
-
-
 def main(group):
-    """Runs the group (or the tests that the command line names), prints its table, leaves it for
-    table.py."""
-    name = pathlib.Path(sys.argv[0]).stem
-    result_file = RESULTS / f"{name}.json"
-    names = sys.argv[1:]
-    loader = unittest.TestLoader()
-    loader.sortTestMethodsUsing = None
-    order = [one for one, function in vars(group).items() if hasattr(function, "covers")]
-    unmarked = set(loader.getTestCaseNames(group)) - set(order)
-    assert not unmarked, f"tests without requirement: {unmarked}"
-    if not names:
-        result_file.unlink(missing_ok=True)
-    tests = unittest.TestSuite(group(one) for one in order
-                               if not names or any(wanted in one for wanted in names))
-    runner = unittest.TextTestRunner(verbosity=2, resultclass=_Result)
-    result = runner.run(tests)
-    rows = rows_of(group, result.verdicts)
-    print(f"{group.title}\n\n{table(rows)}")
-    if not names:
-        result_file.write_text(json.dumps({"title": group.title, "rows": rows}), encoding="utf-8")
-    sys.exit(0 if result.wasSuccessful() else 1)
+    """Runs the tests that the page names in its order, or those that the command line names. The page
+    is right when each test of the group has a row, and fails exactly if that says "not met"."""
+    rows = {name: (text, verdict) for text, name, verdict in rows_of(group.title) if name}
+    names = {name for name in dir(group) if name.startswith("test_")}
+    assert rows.keys() == names, f"tests without row, rows without test: {rows.keys() ^ names}"
+    wanted = [name for name in rows if not sys.argv[1:] or any(part in name for part in sys.argv[1:])]
+    for name in wanted:
+        print(f"{name}: {rows[name][0]}")
+    result = unittest.TextTestRunner(verbosity=2).run(unittest.TestSuite(map(group, wanted)))
+    failed = {getattr(test, "test_case", test).id().rpartition(".")[2]
+              for test, _ in result.failures + result.errors}
+    wrong = failed ^ {name for name in wanted if rows[name][1] != "pass"}
+    for name in wrong:
+        print(f"{PAGE.name} is not right about {name}: {rows.get(name)}")
+    sys.exit(1 if wrong else 0)

@@ -8,6 +8,7 @@ import selectors
 import socket
 import struct
 import tempfile
+import threading
 import time
 
 os.environ.setdefault("XDG_CONFIG_HOME", tempfile.gettempdir())  # scapy leaves a folder there
@@ -100,17 +101,33 @@ def messages_of(datagram):
 
 class Network:
     """`base` chooses the addresses: 127.N.x.y with the first free N from there on, so that the same
-    test may run twice at a time on one machine."""
+    test may run twice at a time on one machine. A `desk` has an application and addresses of its own;
+    what comes there is received in the background."""
 
-    def __init__(self, base):
-        self.number, self._claim = self._reserve(base)
-        self.discovery_port = 30690
-        self.group = f"239.194.{self.number}.77"
+    def __init__(self, base=None, desk=None):
+        self.lock = threading.RLock()  # guards what is received, and the sessions of what is sent
+        self._background = None
         self.under_test = set()  # addresses of devices under test
+        if desk is None:
+            self.number, self._claim = self._reserve(base)
+            self.discovery_port, self.group = 30690, f"239.194.{self.number}.77"
+        else:
+            discovery = desk.manifest["serviceDiscovery"]
+            self.discovery_port, self.group = discovery["port"], discovery["multicastAddress"]
+            self.under_test.add(desk.manifest["nodes"]["POS"]["address"])
+            self._background = threading.Thread(target=self._receive, daemon=True)
         self.seen = []  # messages of devices under test, in the order of their arrival
         self.raw = []  # (time, source, at, bytes) of everything they sent
         self.selector = selectors.DefaultSelector()
         self._next_peer = 0
+        if self._background:
+            self._background.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.close()
 
     @staticmethod
     def _reserve(base):
@@ -129,23 +146,35 @@ class Network:
         return f"127.{self.number}.{net}.{host}"
 
     def close(self):
+        if self._background:
+            background, self._background = self._background, None
+            background.join()
+        else:
+            self._claim.close()
         for key in list(self.selector.get_map().values()):
             key.fileobj.close()
         self.selector.close()
-        self._claim.close()
+
+    def _receive(self):
+        while self._background:
+            self.pump(0)
+            time.sleep(0.002)
 
     # Receiving
 
     def watch(self, source, on_readable):
-        self.selector.register(source, selectors.EVENT_READ, on_readable)
+        with self.lock:
+            self.selector.register(source, selectors.EVENT_READ, on_readable)
 
     def unwatch(self, source):
-        self.selector.unregister(source)
+        with self.lock:
+            self.selector.unregister(source)
 
     def pump(self, seconds):
         """Receives what is there, waiting at most so long for the first of it."""
-        for key, _ in self.selector.select(max(0, seconds)):
-            key.data()
+        with self.lock:
+            for key, _ in self.selector.select(max(0, seconds)):
+                key.data()
 
     def wait(self, condition, what, seconds=PATIENCE):
         """The first result of `condition` that counts as true."""
@@ -185,10 +214,10 @@ class Network:
 
     # Peers
 
-    def peer(self, **options):
+    def peer(self, address=None, **options):
         self._next_peer += 1
-        return Peer(self, self.address(self._next_peer % 250 + 1, 100 + self._next_peer // 250),
-                    **options)
+        address = address or self.address(self._next_peer % 250 + 1, 100 + self._next_peer // 250)
+        return Peer(self, address, **options)
 
     def write_capture(self, path):
         """What the devices under test sent, one packet each."""
@@ -216,6 +245,7 @@ class Channel:
     def __init__(self, network):
         self.network, self.messages, self.entries, self.discovery = network, [], [], []
         self.barriers = set()
+        self.on_entry = lambda entry: None  # called with each discovery entry that comes
 
     def __repr__(self):
         return "%s:%s" % self.destination
@@ -223,7 +253,9 @@ class Channel:
     def entries_of(self, message):
         sd = message.scapy()[SD]
         self.discovery.append((message, sd))
-        self.entries += [Entry(message, sd, entry) for entry in sd.entry_array]
+        for entry in sd.entry_array:
+            self.entries.append(Entry(message, sd, entry))
+            self.on_entry(self.entries[-1])
 
     def wait(self, condition, what="message", since=0, seconds=PATIENCE):
         """The first message from index `since` on that fulfils the condition."""
@@ -468,12 +500,13 @@ class Peer:
     def tell(self, entries, options=(), to=None, **fields):
         """Sends entries in one message, to an address or to all."""
         entries = entries if isinstance(entries, (list, tuple)) else [entries]
-        session = fields.pop("session", None)
-        if session is None:
-            session = self.sessions[to] = self.sessions.get(to, 0) % 0xFFFF + 1
         fields.setdefault("flags", self.flags)
-        data = discovery(entries, options, session=session, **fields)
-        self.unicast.send(data, (to or self.network.group, self.network.discovery_port))
+        with self.network.lock:
+            session = fields.pop("session", None)
+            if session is None:
+                session = self.sessions[to] = self.sessions.get(to, 0) % 0xFFFF + 1
+            data = discovery(entries, options, session=session, **fields)
+            self.unicast.send(data, (to or self.network.group, self.network.discovery_port))
         return data
 
     # What came
