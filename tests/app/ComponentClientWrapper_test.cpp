@@ -5,16 +5,15 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <filesystem>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "ara/log/capture.h"
+#include "tests/support/Temporary_folder.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::ElementsAre;
 using testing::IsEmpty;
@@ -75,15 +74,12 @@ namespace {
 class ComponentClientWrapperTest : public testing::Test {
  public:
   ComponentClientWrapperTest() {
-    char pattern[] = "/tmp/component_test_XXXXXX";
-    folder_ = mkdtemp(pattern);
-    setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
+    setenv("POS_STORAGE_DIR", folder_.path().c_str(), 1);
     management = &management_;
     log_.emplace();
     persistency_.emplace("POS_Key_Value_Port",
                          ara::log::CreateLogger("DBAC", "Persistency access"));
   }
-  ~ComponentClientWrapperTest() override { fs::remove_all(folder_); }
 
  protected:
   void request(const std::string& state, std::uint32_t seqNum) {
@@ -92,7 +88,7 @@ class ComponentClientWrapperTest : public testing::Test {
   void save() { static_cast<void>(persistency_->controlledSaveBinaryData({1}, "b")); }
 
   State_management management_;
-  fs::path folder_;
+  Temporary_folder folder_;
   std::optional<ara::log::Capture> log_;
   std::optional<Persistency> persistency_;
 };
@@ -132,8 +128,8 @@ TEST_F(ComponentClientWrapperTest, a_request_before_the_client_is_returned_is_co
 }
 
 TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_everything) {
-  // Each answer stores one of eight blobs, more than there are seconds: the next question must
-  // follow the save.
+  // Each answer stores one of eight blobs, more than there are seconds: the
+  // next question must follow the save.
   std::atomic<bool> busy{true};
   int unsaved = 8;
   ComponentClientWrapper wrapper(&*persistency_, [&] {

@@ -1,4 +1,5 @@
-/// The whole application in this process, its neighbours on the same loopback network.
+/// The whole application in this process, its neighbours on the same loopback
+/// network.
 #include "app/posApplication.h"
 
 #include <gmock/gmock.h>
@@ -7,26 +8,24 @@
 
 #include <boost/optional/optional_io.hpp>
 #include <cstdlib>
-#include <filesystem>
 #include <future>
 #include <thread>
 
 #include "ara/log/capture.h"
 #include "tests/clients/wire.h"
+#include "tests/support/Temporary_folder.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using ara::per::KvsType;
-using testing::Contains;
-using testing::ElementsAre;
 
 using Gnss = lumo::services::gnss::datatypes::DT_positions_struct;
 using Times = lumo::services::time::datatypes::DT_times_struct;
 using Positioning = lumo::services::positioning::datatypes::DT_positions_struct;
 
 constexpr const char* kStarted =
-    "posApplication startup finished, waiting for shutdown signal, data will be processed in "
+    "posApplication startup finished, waiting for "
+    "shutdown signal, data will be processed in "
     "receiver threads.";
 
 Gnss sample(std::uint32_t type, std::uint32_t counter) {
@@ -49,7 +48,6 @@ class ApplicationTest : public testing::Test {
   ~ApplicationTest() override {
     if (result_.valid()) static_cast<void>(stop());
     application_.reset();
-    fs::remove_all(folder_);
   }
 
  protected:
@@ -61,10 +59,7 @@ class ApplicationTest : public testing::Test {
   }
   /// Makes the application with these settings.
   void prepare(const std::vector<std::pair<std::string, KvsType>>& settings) {
-    if (!folder_.empty()) fs::remove_all(folder_);
-    char pattern[] = "/tmp/application_test_XXXXXX";
-    folder_ = mkdtemp(pattern);
-    setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
+    setenv("POS_STORAGE_DIR", folder_.path().c_str(), 1);
     setenv("POS_STATE_BUS", "none", 1);
     {
       ara::per::KeyValueStorage store("POS_Key_Value_Port");
@@ -105,7 +100,7 @@ class ApplicationTest : public testing::Test {
 
   Wire wire_{72};
   ara::log::Capture log_;
-  fs::path folder_;
+  Temporary_folder folder_;
   std::optional<posApplication> application_;
   std::future<int> result_;
 };
@@ -150,33 +145,6 @@ TEST_F(ApplicationTest, a_gnss_position_becomes_a_dead_reckoning_position) {
   EXPECT_TRUE(becomesNominal("POS_Input_GNSS"));
   EXPECT_TRUE(becomesNominal("POS_Output_DeadReckoning"));
   EXPECT_EQ(stop(), 0);
-}
-
-TEST_F(ApplicationTest, plain_gnss_positions_are_forwarded_when_the_setting_says_so) {
-  run({{"useGNSSDR", KvsType(false)}});
-  const auto gnss =
-      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
-  update(*gnss, "positions", std::vector{sample(1, 1)});
-  gnss->offer();
-  EXPECT_TRUE(log_.WaitFor("Sending  GNSS  input position as POS output DR position."));
-}
-
-TEST_F(ApplicationTest, each_other_field_of_the_gnss_service_counts_as_its_data) {
-  for (const std::string field : {"positionsQuality", "posGnssSatInfos"}) {
-    run({});
-    const auto gnss =
-        wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
-    if (field == "positionsQuality") {
-      update(*gnss, field, std::vector<gnssClient::gnssClientImpl::Quality>(1));
-    } else {
-      update(*gnss, field, std::vector<gnssClient::gnssClientImpl::Satellite>(1));
-    }
-    gnss->offer();
-    EXPECT_TRUE(becomesNominal("POS_Input_GNSS")) << field;
-    EXPECT_EQ(stop(), 0);
-    application_.reset();
-    log_.Clear();
-  }
 }
 
 TEST_F(ApplicationTest, faults_of_the_consumed_services_are_in_the_data_bus_records) {
@@ -227,50 +195,20 @@ TEST_F(ApplicationTest, faults_of_the_consumed_services_are_in_the_data_bus_reco
   become(not_available, {0, 0, 0, 10, 2, 0, 0, 0, 1, 1, 0, 1, 0, 1});
 }
 
-TEST_F(ApplicationTest, only_gnss_is_part_of_the_sensor_setup) {
-  run({});
-  const auto inputs =
-      readIdentifier("lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs");
-  EXPECT_THAT(inputs, ElementsAre(2, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3));
-  const auto system =
-      readIdentifier("lumo::services::diag::d_14a3::DataIdentifier_PositioningStatusSystem");
-  ASSERT_EQ(system.size(), 14u);
-  EXPECT_EQ(system[1], 3);
-  EXPECT_EQ(system[12], 3);
-  EXPECT_EQ(system[13], 3);
-  // Without the time client nobody searches for the service.
-  EXPECT_THAT(log_.Texts("TMCL"), testing::IsEmpty());
-}
-
-TEST_F(ApplicationTest, times_set_the_platform_offset_when_they_carry_it) {
+TEST_F(ApplicationTest, times_of_type_2_set_the_platform_offset) {
   run({{"timeClientEnabled", KvsType(true)}});
-  EXPECT_THAT(log_.Texts("TMCL"), Contains("enter TimemasterClientImpl::init()"));
   const auto times =
       wire_.gateway().provide("lumo::services::time::Time", "Time_ProvidedSomeipServiceInstance");
-  const auto send = [&](boost::optional<std::uint32_t> type,
-                        boost::optional<std::uint64_t> offset) {
-    Times time;
-    time.type = type;
-    time.pltOffset = offset;
-    update(*times, "times", std::vector{time});
-  };
-  const auto received = [&](const std::string& type, const std::string& offset) {
-    return log_.WaitFor([&](const auto& record) {
-      return record.arguments ==
-             std::vector<std::string>{"Times struct received from Timemaster: ", type, offset};
-    });
-  };
-  send(2, 1'234'999);
+  Times set;
+  set.type = 2;
+  set.pltOffset = 1'234'999;
+  Times other;
+  other.type = 3;
+  other.pltOffset = 9'000'000;
+  update(*times, "times", std::vector{set, other, Times{}});
   times->offer();
-  ASSERT_TRUE(received("2", "1234999"));
-  send(3, 9'000'000);
-  ASSERT_TRUE(received("3", "9000000"));
-  send({}, 9'000'000);
-  ASSERT_TRUE(received("type missing, ", "9000000"));
-  send(2, {});
-  ASSERT_TRUE(received("2", "pltOffset missing"));
+  ASSERT_TRUE(becomesNominal("POS_Input_Time"));
   EXPECT_EQ(timeutils::instance().addOffset(0), 1'234u);
-  EXPECT_TRUE(becomesNominal("POS_Input_Time"));
 }
 
 TEST_F(ApplicationTest, signals_while_it_starts_and_stops_do_no_harm) {

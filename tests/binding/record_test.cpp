@@ -142,26 +142,6 @@ TYPED_TEST(Every_record, forgets_what_the_slot_held_before) {
   EXPECT_TRUE(equal(slot, TypeParam{}));
 }
 
-TYPED_TEST(Every_record, numbers_its_members_densely) {
-  for (std::size_t index = 0; index < binding::tag_list<TypeParam>.size(); ++index) {
-    EXPECT_EQ(binding::tag_list<TypeParam>[index].tag & binding::data_id_mask, index);
-  }
-}
-
-TEST(Wire_types_of_the_gnss_records, are_those_of_the_interface) {
-  const auto wire_types = [](const auto& tags) {
-    std::string text;
-    for (const auto& entry : tags)
-      text += static_cast<char>('0' + (entry.tag >> 12U));
-    return text;
-  };
-  EXPECT_EQ(wire_types(binding::tag_list<gnss::DT_positions_struct>),
-            "22323" + std::string(39, '2'));
-  EXPECT_EQ(wire_types(binding::tag_list<gnss::DT_positionsQuality_struct>),
-            "2222222220" + std::string(13, '2') + std::string(10, '0') + "2");
-  EXPECT_EQ(wire_types(binding::tag_list<gnss::DT_posGnssSatInfos_struct>), "222222222");
-}
-
 TEST(Positions_payload, has_a_length_field_per_record_and_one_for_the_vector) {
   gnss::DT_positions_struct position;
   position.messageCounter = 0x01020304;
@@ -200,16 +180,6 @@ TEST(Plain_records, put_length_fields_before_nested_arrays_and_structures_only) 
             0x0809);
   EXPECT_THAT([] { decoded<test_records::Output>(hex("00000005 0102030405 00000001 0607 0809")); },
               testing::Throws<std::out_of_range>());
-}
-
-TEST(Value_type_text, names_the_four_values_and_the_rest) {
-  using binding::Value_type;
-  EXPECT_EQ(binding::to_text(Value_type::init), "Init");
-  EXPECT_EQ(binding::to_text(Value_type::error), "Error");
-  EXPECT_EQ(binding::to_text(Value_type::logical_value), "LogicalValue");
-  EXPECT_EQ(binding::to_text(Value_type::physical_value), "PhysicalValue");
-  EXPECT_EQ(binding::to_text(static_cast<Value_type>(0)), "unknown");
-  EXPECT_EQ(binding::to_text(boost::none), "not set");
 }
 
 }  // namespace

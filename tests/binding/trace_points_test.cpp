@@ -1,91 +1,15 @@
 /// The binding tells of failures, of its own and of handlers, and survives them.
 #include <gmock/gmock.h>
 
-#include <map>
 #include <nlohmann/json.hpp>
 
 #include "ara/log/capture.h"
 #include "binding/trace_records.h"
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
+#include "tests/support/Fake_runtime.h"
 
 namespace {
-
-/// The other side of every connection, played by the test.
-class Played_runtime final : public tq::com::Runtime {
- public:
-  Played_runtime();
-  ~Played_runtime() override;
-
-  tq::com::Find_token start_find_service(std::string_view,
-                                         std::optional<std::uint16_t>,
-                                         tq::com::Find_handler handler) override {
-    found = std::move(handler);
-    return tq::com::Find_token{1};
-  }
-  void stop_find_service(tq::com::Find_token) override {}
-  std::unique_ptr<tq::com::Consumer> connect(const tq::com::Found_instance&) override;
-  std::unique_ptr<tq::com::Provider> provide(std::string_view service,
-                                             std::string_view specifier) override;
-  std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override { return {}; }
-
-  tq::com::Find_handler found;
-  std::map<std::string, tq::com::Notification_handler, std::less<>> notifications;
-  std::map<std::string, tq::com::Subscription_state_handler, std::less<>> states;
-  std::map<std::uint16_t, tq::com::Method_handler> methods;
-  std::function<void()> closing;
-  std::size_t sent = 0;
-};
-
-Played_runtime* the_runtime = nullptr;
-
-constexpr tq::com::Element_ids ids{.method = 1, .getter = 2, .setter = {}, .notifier = 0x8001};
-
-class Played_consumer final : public tq::com::Consumer {
- public:
-  tq::com::Element_ids element(std::string_view) const override { return ids; }
-  void subscribe(std::string_view element,
-                 tq::com::Notification_handler handler,
-                 tq::com::Subscription_state_handler on_state) override {
-    the_runtime->notifications.insert_or_assign(std::string{element}, std::move(handler));
-    the_runtime->states.insert_or_assign(std::string{element}, std::move(on_state));
-  }
-  void unsubscribe(std::string_view) override {}
-  void call(std::uint16_t, tq::com::Payload, tq::com::Response_handler) override {}
-  void call_no_return(std::uint16_t, tq::com::Payload) override {}
-};
-
-class Played_provider final : public tq::com::Provider {
- public:
-  std::string_view service() const override { return "played"; }
-  std::uint16_t instance() const override { return 1; }
-  tq::com::Element_ids element(std::string_view) const override { return ids; }
-  void set_method_handler(std::uint16_t method, tq::com::Method_handler handler) override {
-    the_runtime->methods.insert_or_assign(method, std::move(handler));
-  }
-  void offer() override {}
-  void stop_offer() override {}
-  void close() override {
-    if (const auto work = std::exchange(the_runtime->closing, nullptr)) work();
-  }
-  void update_field(std::uint16_t, tq::com::Payload) override {}
-  void send_event(std::uint16_t, tq::com::Payload) override { ++the_runtime->sent; }
-};
-
-Played_runtime::Played_runtime() {
-  the_runtime = this;
-}
-Played_runtime::~Played_runtime() {
-  the_runtime = nullptr;
-}
-std::unique_ptr<tq::com::Consumer> Played_runtime::connect(const tq::com::Found_instance&) {
-  return std::make_unique<Played_consumer>();
-}
-std::unique_ptr<tq::com::Provider> Played_runtime::provide(std::string_view,
-                                                           std::string_view specifier) {
-  if (specifier == "Unknown") throw std::runtime_error{"no such instance"};
-  return std::make_unique<Played_provider>();
-}
 
 class Monitor final : public mw::dm::dem::skeleton::DiagnosticMonitorSkeleton {
  public:
@@ -110,7 +34,7 @@ class Trace_points : public testing::Test {
     return names;
   }
 
-  Played_runtime runtime_;
+  Fake_runtime runtime_;
   ara::log::Capture capture_;
   binding::Platform_trace_logger logger_{ara::log::CreateLogger("TRCE", "Binding trace")};
   binding::Trace_records sink_{logger_};
@@ -128,26 +52,28 @@ TEST_F(Trace_points, a_skeleton_tells_of_bad_requests_and_throwing_handlers_and_
   EXPECT_THAT(records(), Contains("Service_instantiation_error"));
 
   Monitor monitor;
-  EXPECT_EQ(runtime_.methods.at(1)({}).code, tq::com::Return_code::malformed_message);
-  const std::byte reason{0};
-  EXPECT_EQ(runtime_.methods.at(1)({&reason, 1}).code, tq::com::Return_code::not_ok);
+  const auto init_monitor = [&](const Fake_runtime::Bytes& reason) {
+    return runtime_.call("Known", "InitMonitor", reason).code;
+  };
+  EXPECT_EQ(init_monitor({}), tq::com::Return_code::malformed_message);
+  EXPECT_EQ(init_monitor({0}), tq::com::Return_code::not_ok);
   EXPECT_THAT(records(), IsSupersetOf({"Method_call_request_err", "Method_call_request_exception",
                                        "Method_call_response_tx"}));
 
-  lumo::services::gnss::skeleton::GNSSSkeleton source{ara::core::InstanceSpecifier{"Known"}};
-  EXPECT_EQ(runtime_.methods.at(2)({}).code, tq::com::Return_code::not_ok);
+  lumo::services::gnss::skeleton::GNSSSkeleton source{ara::core::InstanceSpecifier{"Source"}};
+  EXPECT_EQ(runtime_.call("Source", "positions", {}).code, tq::com::Return_code::not_ok);
   EXPECT_THAT(records(), Contains("Event_request_update_err"));
-  EXPECT_TRUE(
-      capture_.Has("Get handler enabled but not configured and Update not called; Method_id= 2"));
 }
 
 TEST_F(Trace_points, a_handler_that_still_runs_while_its_skeleton_ends_may_send) {
+  std::size_t sent = 0;
+  runtime_.on_send = [&] { ++sent; };
   auto monitor = std::make_unique<Monitor>();
-  runtime_.closing = [&event = monitor->MonitorAction] {
+  runtime_.on_close = [&event = monitor->MonitorAction] {
     event.Send(mw::dm::dem::MonitorActionType::kPassed);
   };
   monitor.reset();
-  EXPECT_EQ(runtime_.sent, 1U);
+  EXPECT_EQ(sent, 1U);
 }
 
 TEST_F(Trace_points, a_proxy_tells_of_bad_payloads_and_throwing_handlers_and_goes_on) {
@@ -157,7 +83,8 @@ TEST_F(Trace_points, a_proxy_tells_of_bad_payloads_and_throwing_handlers_and_goe
     proxy = std::make_unique<Proxy>(handles.at(0));
     throw std::runtime_error{"find handler"};
   });
-  runtime_.found({{.service = "played", .instance = 1, .where = {}}});
+  runtime_.acknowledges = false;
+  runtime_.find({1});
   EXPECT_THAT(records(), Contains("Find_service_handler_exception"));
 
   proxy->positions.SetReceiveHandler([] { throw std::runtime_error{"receive handler"}; });
@@ -165,17 +92,13 @@ TEST_F(Trace_points, a_proxy_tells_of_bad_payloads_and_throwing_handlers_and_goe
       [](auto) { throw std::runtime_error{"state handler"}; });
   proxy->positions.Subscribe(2);
   const std::vector<std::byte> empty_vector(4);
-  runtime_.notifications.at("positions")(empty_vector);
+  runtime_.notify_bytes("positions", empty_vector);
   EXPECT_THAT(records(), IsSupersetOf({"Event_update_when_not_subscribed",
                                        "Event_receive_handler_exception"}));
-  runtime_.states.at("positions")(true);
+  runtime_.acknowledge("positions");
   EXPECT_THAT(records(), Contains("Event_state_handler_exception"));
-  runtime_.notifications.at("positions")(std::span{empty_vector}.first(3));
+  runtime_.notify_bytes("positions", std::span{empty_vector}.first(3));
   EXPECT_THAT(records(), Contains("Event_deserialize_exception"));
-  EXPECT_TRUE(
-      capture_.Has("Dropped a malformed payload of lumo::services::gnss::GNSS positions Read "
-                   "beyond the end of the data buffer"));
-
   EXPECT_EQ(
       proxy->positions.GetNewSamples([](const auto& sample) { EXPECT_TRUE(sample->empty()); }), 1U)
       << "what came before the malformed payload is still there";
@@ -186,12 +109,11 @@ TEST_F(Trace_points, the_records_of_a_message_follow_the_level_at_run_time) {
   Proxy proxy{Proxy::HandleType{{.service = "played", .instance = 1, .where = {}}}};
   proxy.positions.SetReceiveHandler([] {});
   proxy.positions.Subscribe(2);
-  runtime_.states.at("positions")(true);
   lumo::services::gnss::skeleton::GNSSSkeleton source{ara::core::InstanceSpecifier{"Known"}};
   const auto told_at = [&](LogLevel level) {
     ara::log::CreateLogger("TRCE", "").SetLevel(level);
     const auto before = records().size();
-    runtime_.notifications.at("positions")(std::vector<std::byte>(4));
+    runtime_.notify_bytes("positions", std::vector<std::byte>(4));
     source.positions.Update({});
     const auto all = records();
     return std::vector(all.begin() + static_cast<std::ptrdiff_t>(before), all.end());
@@ -206,10 +128,3 @@ TEST_F(Trace_points, the_records_of_a_message_follow_the_level_at_run_time) {
 }
 
 }  // namespace
-
-namespace tq::com {
-Runtime& Runtime::instance() {
-  if (the_runtime == nullptr) throw std::logic_error{"the test has no runtime"};
-  return *the_runtime;
-}
-}  // namespace tq::com

@@ -30,13 +30,6 @@ TEST(Select, takes_the_last_sample_of_the_wanted_type_and_the_last_of_any_other_
   EXPECT_EQ(gnss_dr.other, &samples[5]);
 }
 
-TEST(Select, finds_nothing_where_the_wanted_type_is_missing) {
-  EXPECT_EQ(select({}, Position_type::gnss).chosen, nullptr);
-  const std::vector samples{of_type(1, 0), of_type(boost::none, 1)};
-  EXPECT_EQ(select(samples, Position_type::gnss_dr).chosen, nullptr);
-  EXPECT_EQ(select(samples, Position_type::gnss).other, nullptr);
-}
-
 using Quality = boost::optional<Value_type>;
 
 TEST(Complete, takes_over_physical_values_for_those_that_are_not_and_for_no_others) {
@@ -93,22 +86,6 @@ TEST(Complete, covers_every_quantity_up_to_the_nanoseconds_but_not_the_type) {
   binding::for_each_member<Position>([&](const auto& member) {
     EXPECT_EQ(chosen.*member.pointer, other.*member.pointer) << member.id << ' ' << member.name;
   });
-}
-
-TEST(Complete, keeps_a_message_counter_that_is_there) {
-  Position chosen = of_type(1, 7);
-  complete(chosen, of_type(2, 8));
-  EXPECT_EQ(chosen.messageCounter, 7U);
-}
-
-TEST(Set_timestamp, splits_microseconds_into_physical_seconds_and_nanoseconds) {
-  Position position;
-  position.preciseLocalTimeSeconds_valueType = Value_type::error;
-  set_timestamp(position, 1'700'000'123'999'999);
-  EXPECT_EQ(position.preciseLocalTimeSeconds, 1'700'000'123U);
-  EXPECT_EQ(position.preciseLocalTimeNanoseconds, 999'999'000U);
-  EXPECT_EQ(position.preciseLocalTimeSeconds_valueType, Value_type::physical_value);
-  EXPECT_EQ(position.preciseLocalTimeNanoseconds_valueType, Value_type::physical_value);
 }
 
 }  // namespace

@@ -10,36 +10,6 @@
 namespace gnssClient {
 namespace {
 
-using Position = lumo::services::gnss::datatypes::DT_positions_struct;
-
-template <class... Record>
-std::string line_of(const Record&... record) {
-  std::string text;
-  append_line(text, record...);
-  return text;
-}
-
-TEST(Position_line, compares_a_complete_timestamp_with_the_arrival) {
-  Position p;
-  p.preciseLocalTimeSeconds = 4294967295;
-  EXPECT_EQ(line_of(p, std::uint64_t{0}).find(", sample is"), std::string::npos);
-  p.preciseLocalTimeNanoseconds = 1999;
-
-  const auto age = [&](std::uint64_t arrival_us) {
-    const auto line = line_of(p, arrival_us);
-    return line.substr(line.find(", sample is"));
-  };
-  EXPECT_EQ(age(4294967295000001 - 250),
-            ", sample is 250 us into the future compared to PLT, sampleTime = 4294967295000001"
-            " arrivalTime = 4294967294999751");
-  EXPECT_EQ(age(4294967295000001),
-            ", sample is 0 us old at arrival compared to PLT, sampleTime = 4294967295000001"
-            " arrivalTime = 4294967295000001");
-  EXPECT_EQ(age(0),
-            ", sample is 4294967295000001 us into the future compared to PLT, sampleTime ="
-            " 4294967295000001 arrivalTime = 0");
-}
-
 TEST(Append_number, writes_what_a_stream_of_precision_16_writes) {
   std::vector<double> values{0.0,
                              1.0,

@@ -1,5 +1,5 @@
-/// A small network of runtimes in one process, each on a loopback address of its own, and a place
-/// where handlers leave what they saw.
+/// A small network of runtimes in one process, each on a loopback address of
+/// its own, and a place where handlers leave what they saw.
 #pragma once
 
 #include <algorithm>
@@ -66,8 +66,8 @@ class Seen {
   std::vector<Value> values_;
 };
 
-/// For what nobody signals, such as counters: asked again and again until it is true or time is
-/// over.
+/// For what nobody signals, such as counters: asked again and again until it is
+/// true or time is over.
 [[nodiscard]] inline bool eventually(const std::function<bool()>& condition,
                                      std::chrono::milliseconds limit = std::chrono::seconds(10)) {
   const auto end = std::chrono::steady_clock::now() + limit;
@@ -78,63 +78,33 @@ class Seen {
   return true;
 }
 
-/// The manifest of a network on 127.`net`.0.x: nodes "server", "server2" and "client", "client2";
-/// one service "test::Service" with a method "echo", a fire-and-forget method "poke", an event
-/// "tick", fields "value" and "big"; the same over TCP as "test::Stream"; timing short enough for
-/// tests.
-inline someip::Deployment deployment(int net, const std::string& changes = "{}") {
-  const std::string base = "127." + std::to_string(net) + ".0.";
-  const std::string group = "239.255." + std::to_string(net) + ".1";
-  const auto elements = [](const std::string& transport) {
-    return R"("methods": {
-        "echo": {"id": 1, "transport": ")" +
-           transport + R"("},
-        "poke": {"id": 2, "transport": ")" +
-           transport + R"(", "fireAndForget": true}},
-      "events": {"tick": {"id": "0x8001", "eventGroup": 1, "transport": ")" +
-           transport + R"("}},
-      "fields": {
-        "value": {"getter": 3, "setter": 4, "notifier": "0x8002", "eventGroup": 2, "transport": ")" +
-           transport + R"("},
-        "big": {"getter": 5, "notifier": "0x8003", "eventGroup": 3, "transport": ")" +
-           transport + R"("}})";
+/// The manifest of a network on 127.`net`.0.x: nodes "server" and "client"; a
+/// service "test::Service" with a method "echo", an event "tick" and a field
+/// "value"; timing short enough for tests.
+inline someip::Deployment deployment(int net, const std::string& limits = "{}") {
+  std::string text = R"({
+    "nodes": {
+      "server": {"address": "127.NET.0.1", "clientId": 1, "requestTimeoutMs": 500},
+      "client": {"address": "127.NET.0.3", "clientId": 3, "requestTimeoutMs": 500}},
+    "serviceDiscovery": {
+      "multicastAddress": "239.255.NET.1", "port": 30490,
+      "initialDelayMinMs": 1, "initialDelayMaxMs": 5, "repetitionsBaseDelayMs": 10,
+      "repetitionsMax": 3, "cyclicOfferDelayMs": 100, "requestResponseDelayMinMs": 0,
+      "requestResponseDelayMaxMs": 5, "offerTtlS": 1, "subscribeTtlS": 1},
+    "limits": LIMITS,
+    "services": {
+      "test::Service": {"id": "0x1111", "majorVersion": 1, "minorVersion": 2,
+        "methods": {"echo": {"id": 1}},
+        "events": {"tick": {"id": "0x8001", "eventGroup": 1}},
+        "fields": {"value": {"getter": 3, "setter": 4, "notifier": "0x8002", "eventGroup": 2}},
+        "instances": [{"id": 1, "specifier": "first", "node": "server", "udpPort": 31001},
+                      {"id": 2, "specifier": "second", "node": "client", "udpPort": 31001}]}}})";
+  const auto replace = [&](std::string_view what, const std::string& with) {
+    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at))
+      text.replace(at, what.size(), with);
   };
-  const std::string text = R"({
-  "nodes": {
-    "server": {"address": ")" +
-                           base + R"(1", "clientId": 1, "requestTimeoutMs": 500},
-    "server2": {"address": ")" +
-                           base + R"(2", "clientId": 2, "requestTimeoutMs": 500},
-    "client": {"address": ")" +
-                           base + R"(3", "clientId": 3, "requestTimeoutMs": 500},
-    "client2": {"address": ")" +
-                           base + R"(4", "clientId": 4, "requestTimeoutMs": 500}
-  },
-  "serviceDiscovery": {
-    "multicastAddress": ")" +
-                           group + R"(", "port": 30490,
-    "initialDelayMinMs": 1, "initialDelayMaxMs": 5, "repetitionsBaseDelayMs": 10, "repetitionsMax": 3,
-    "cyclicOfferDelayMs": 100, "requestResponseDelayMinMs": 0, "requestResponseDelayMaxMs": 5,
-    "offerTtlS": 1, "subscribeTtlS": 1
-  },
-  "limits": )" + changes + R"(,
-  "services": {
-    "test::Service": {"id": "0x1111", "majorVersion": 1, "minorVersion": 2, )" +
-                           elements("udp") + R"(,
-      "instances": [
-        {"id": 1, "specifier": "first", "node": "server", "udpPort": 31001},
-        {"id": 2, "specifier": "second", "node": "server", "udpPort": 31002},
-        {"id": 3, "specifier": "third", "node": "server2", "udpPort": 31001}]},
-    "test::Stream": {"id": "0x2222", "majorVersion": 1, "minorVersion": 0, )" +
-                           elements("tcp") + R"(,
-      "instances": [{"id": 1, "specifier": "stream", "node": "server", "tcpPort": 31003}]},
-    "test::Group": {"id": "0x3333", "majorVersion": 1, "minorVersion": 0, )" +
-                           elements("udp") + R"(,
-      "instances": [{"id": 1, "specifier": "group", "node": "server", "udpPort": 31004,
-        "multicast": [{"eventGroup": 1, "address": "239.255.)" +
-                           std::to_string(net) +
-                           R"(.2", "port": 31099, "threshold": 2}]}]}
-  }})";
+  replace("NET", std::to_string(net));
+  replace("LIMITS", limits);
   return tq::com::parse_deployment(text, "test manifest");
 }
 
@@ -160,8 +130,8 @@ class Finder {
   Finder(const Finder&) = delete;
   Finder& operator=(const Finder&) = delete;
 
-  /// The latest result, once it has `count` instances; fails with an empty one when that does not
-  /// happen.
+  /// The latest result, once it has `count` instances; fails with an empty one
+  /// when that does not happen.
   [[nodiscard]] std::vector<tq::com::Found_instance> wait(std::size_t count) const {
     std::vector<tq::com::Found_instance> latest;
     static_cast<void>(results.wait([&](const auto& all) {

@@ -10,8 +10,7 @@ import sys
 import threading
 import time
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tools"))
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until  # noqa: E402
+from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
 
 NETWORK = 167
 ATTACKER = f"127.{NETWORK}.0.66"

@@ -12,24 +12,18 @@
 #include <stdexcept>
 
 #include "ara/log/capture.h"
+#include "tests/support/Temporary_folder.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using ara::log::LogLevel;
 using ara::per::KvsType;
-using testing::Contains;
 using testing::ElementsAre;
 using testing::StartsWith;
 using Bytes = std::vector<std::uint8_t>;
 
 constexpr const char* kPort = "POS_Key_Value_Port";
-constexpr const char* kRetry =
-    "exception: ExceptionStorageLocationNotFound calling KeyValueStorage constructor again.";
-constexpr const char* kWarning =
-    "##### Warning: KeyValueStorage constructor threw an exception - file syntax could be "
-    "incorrect.initdata-Key_Value_Port.json file should be fixed, default values set in app logic "
-    "will be used. #####";
 
 std::optional<Bytes> read(const Persistency& persistency, const std::string& key) {
   const auto blob = persistency.controlledReadBinaryData(key);
@@ -39,46 +33,24 @@ std::optional<Bytes> read(const Persistency& persistency, const std::string& key
 class PersistencyTest : public testing::Test {
  public:
   PersistencyTest() {
-    char pattern[] = "/tmp/persistency_test_XXXXXX";
-    folder_ = mkdtemp(pattern);
     setenv("POS_STORAGE_DIR", (folder_ / "store").c_str(), 1);
     unsetenv("POS_INITDATA_DIR");
     fs::create_directory(folder_ / "store");
   }
-  ~PersistencyTest() override { fs::remove_all(folder_); }
 
  protected:
   [[nodiscard]] fs::path file() const { return folder_ / "store" / (std::string(kPort) + ".json"); }
   Persistency open() { return Persistency(kPort, logger_); }
 
-  fs::path folder_;
+  Temporary_folder folder_;
   ara::log::Logger& logger_ = ara::log::CreateLogger("DBAC", "Persistency access");
   ara::log::Capture log_;
 };
-
-TEST_F(PersistencyTest, a_missing_storage_folder_costs_one_retry) {
-  fs::remove(folder_ / "store");
-  Persistency persistency = open();
-  EXPECT_THAT(log_.Texts("DBAC"), ElementsAre(kRetry));
-  EXPECT_TRUE(persistency.gateway().isStorageUsable());
-}
-
-TEST_F(PersistencyTest, a_storage_folder_that_cannot_be_made_ends_the_construction) {
-  std::ofstream(folder_ / "taken") << "a file where a folder should be";
-  setenv("POS_STORAGE_DIR", (folder_ / "taken/store").c_str(), 1);
-  EXPECT_THROW(open(), ara::per::ExceptionStorageLocationNotFound);
-  EXPECT_THAT(log_.Texts("DBAC"), ElementsAre(kRetry));
-}
 
 TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {
   const std::string broken = "{ \"a\": ";
   std::ofstream(file()) << broken;
   Persistency persistency = open();
-
-  ASSERT_EQ(log_.Records().size(), 2u);
-  EXPECT_THAT(log_.Texts("DBAC")[0], testing::HasSubstr(file().string()));
-  EXPECT_EQ(log_.Texts("DBAC")[1], kWarning);
-
   EXPECT_FALSE(persistency.gateway().isStorageUsable());
   EXPECT_EQ(persistency.getValue("a").GetStatus(), KvsType::Status::kGeneralError);
   persistency.gateway().setValue("a", KvsType(true));
@@ -122,24 +94,14 @@ TEST_F(PersistencyTest, a_blob_outlives_the_process) {
   EXPECT_EQ(persistency.getValue("emptyafterRW"), KvsType(std::uint64_t{0}));
 }
 
-TEST_F(PersistencyTest, an_interrupted_write_is_recognised) {
+TEST_F(PersistencyTest, interrupted_writes_and_damaged_blobs_read_as_nothing) {
   Persistency persistency = open();
   auto& store = persistency.gateway();
+  EXPECT_EQ(read(persistency, "b"), std::nullopt);
   store.setValue("bbeforeRW", KvsType(std::uint64_t{10}));
   store.setValue("b", KvsType(Bytes(10)));
   EXPECT_EQ(read(persistency, "b"), std::nullopt);
-  EXPECT_THAT(log_.Texts("DBAC"),
-              ElementsAre("Got entry bbeforeRW=10", "No such entry for bafterRW",
-                          "controlledReadBinaryData failed to load b size beforeRW: 0 size "
-                          "afterRW: 0"));
-
   store.setValue("bafterRW", KvsType(std::uint64_t{12}));
-  EXPECT_EQ(read(persistency, "b"), std::nullopt);
-}
-
-TEST_F(PersistencyTest, damaged_blob_entries_read_as_nothing) {
-  Persistency persistency = open();
-  auto& store = persistency.gateway();
   EXPECT_EQ(read(persistency, "b"), std::nullopt);
 
   const auto read_with = [&](std::uint64_t size, const KvsType& value) {
@@ -150,9 +112,7 @@ TEST_F(PersistencyTest, damaged_blob_entries_read_as_nothing) {
     return read(persistency, "b");
   };
   EXPECT_EQ(read_with(2, KvsType("no bytes")), std::nullopt);
-  EXPECT_THAT(log_.Texts("DBAC"), Contains("No such entry for b"));
   EXPECT_EQ(read_with(2, KvsType(Bytes{1, 2, 3})), std::nullopt);
-  EXPECT_THAT(log_.Texts("DBAC"), Contains(StartsWith("Unable to extract value for key b")));
   // Must fail before it becomes an allocation.
   EXPECT_EQ(read_with(std::uint64_t{1} << 40, KvsType(Bytes{1})), std::nullopt);
   EXPECT_THAT(log_.Texts("DBAC"),

@@ -3,7 +3,6 @@ all four signals are sent at random moments. Each cycle ends with 0 in time and 
 thread. POS_LIFETIME_CYCLES says how often (3); run it long under the thread sanitizer."""
 
 import os
-import pathlib
 import queue
 import random
 import signal
@@ -11,9 +10,7 @@ import sys
 import threading
 import time
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path.insert(0, str(HERE.parent / "tools"))
-from desk import BUILD, GATEWAY, POSCTL, Desk  # noqa: E402
+from desk import BUILD, GATEWAY, POSCTL, Desk
 
 NETWORK = 170
 HOST = BUILD / "tests/system/lifetime_host"

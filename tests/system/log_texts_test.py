@@ -6,18 +6,15 @@ about what no run of the application does."""
 
 import contextlib
 import json
-import pathlib
 import re
 import signal
 import struct
 import subprocess
 import sys
-import threading
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE.parent / "tools"), str(HERE.parent / "python")]
-import someip_peer as peer  # noqa: E402
-from desk import APPLICATION, BUILD, Desk, until  # noqa: E402
+from desk import APPLICATION, BUILD, Desk, until
+from dlt import Log
+from network import ENDLESS, NOTIFICATION, SUBSCRIBE, Network, acknowledge, endpoint, offer, someip, subscribe
 
 HOST = BUILD / "tests/system/log_texts_host"
 NETWORK = 173
@@ -404,94 +401,7 @@ DESCRIPTIONS = {
     "PHMC": "phmClientImpl class own logger", "PHMT": "PHM Timer Logger", "TRCE": "Binding trace",
 }
 
-# --- the log
-
-
-class Message:
-    """One log message as stored by dlt-receive."""
-
-    LEVELS = ("", "fatal", "error", "warn", "info", "debug", "verbose")
-
-    def __init__(self, data):
-        kind = data[0]
-        at = 4 + (4 if kind & 4 else 0)
-        self.process = struct.unpack_from("!I", data, at)[0] if kind & 8 else 0
-        at += (4 if kind & 8 else 0) + (4 if kind & 16 else 0)
-        info_byte, count, application, context = struct.unpack_from("!BB4s4s", data, at)
-        self.is_log = kind & 1 and info_byte & 0xF == 1
-        self.application, self.context = (name.rstrip(b"\0").decode() for name in (application, context))
-        if not self.is_log:
-            return
-        self.level = self.LEVELS[info_byte >> 4]
-        order = "!" if kind & 2 else "<"
-        self.arguments = []
-        at += 10
-        for _ in range(count):
-            kind_of = struct.unpack_from(order + "I", data, at)[0]
-            at += 4
-            if kind_of & 0x200:
-                size = struct.unpack_from(order + "H", data, at)[0]
-                self.arguments.append(data[at + 2:at + 2 + size].rstrip(b"\0").decode())
-                at += 2 + size
-            else:
-                size = 1 << ((kind_of & 0xF) - 1)
-                signed = bool(kind_of & 0x20)
-                self.arguments.append(str(int.from_bytes(
-                    data[at:at + size], "big" if order == "!" else "little", signed=signed)))
-                at += size
-
-    def fits(self, row):
-        context, level, *arguments = row
-        return (self.context, self.level, len(self.arguments)) == (context, level, len(arguments)) and all(
-            wanted == found if isinstance(wanted, str) else wanted.fullmatch(found)
-            for wanted, found in zip(arguments, self.arguments))
-
-    def __repr__(self):
-        return f"{self.context} {self.level} {self.arguments}"
-
-
-class Log:
-    """A dlt-daemon of the test's own and what dlt-receive stores and prints of it."""
-
-    def __init__(self, folder):
-        self.file, self.printed = folder / "log.dlt", folder / "log.txt"
-        self.processes, self.messages, self.read = [], [], 0
-        quiet = {"stdin": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, "cwd": folder}
-        self.processes.append(subprocess.Popen(
-            ["dlt-daemon", "-t", folder, "-p", str(DAEMON_PORT)], stdout=subprocess.DEVNULL, **quiet))
-        until(lambda: (folder / "dlt").exists(), "the pipe of dlt-daemon")
-        with open(self.printed, "wb") as printed:
-            self.processes.append(subprocess.Popen(
-                ["stdbuf", "-oL", "dlt-receive", "-a", "-o", self.file, "-p", str(DAEMON_PORT), "localhost"],
-                stdout=printed, **quiet))
-        until(lambda: "New client connection" in self.printed.read_text(errors="replace"), "the receiver")
-
-    def of(self, process):
-        """The messages of a process so far."""
-        data = self.file.read_bytes()
-        while self.read + 20 <= len(data):
-            size = struct.unpack_from("!H", data, self.read + 18)[0]
-            if self.read + 16 + size > len(data):
-                break
-            message = Message(data[self.read + 16:self.read + 16 + size])
-            if message.is_log and message.application == "POS":
-                self.messages.append(message)
-            self.read += 16 + size
-        return [one for one in self.messages if one.process == process]
-
-    def check_printed(self):
-        """What people read of it: whole lines, arguments apart by a blank."""
-        lines = re.findall(r" POS- (\S+) log (\S+) V (\d+) \[(.*)\]$", self.printed.read_text(), re.MULTILINE)
-        expected = [(one.context.ljust(4, "-"), one.level, str(len(one.arguments)),
-                     " ".join(one.arguments).replace("\n", " ")) for one in self.messages]
-        assert len(lines) == len(expected), (len(lines), len(expected))
-        for line, wanted in zip(lines, expected):
-            assert line == wanted, f"{line}\n{wanted}"
-
-    def end(self):
-        for process in reversed(self.processes):
-            process.terminate()
-            process.wait()
+# --- the peers and the processes
 
 
 class Run:
@@ -526,7 +436,6 @@ class Run:
             assert one.context == "TRCE" or any(one.fits(row) for row in known), f"{self.name}: not listed: {one}"
 
 
-# --- the peers
 
 
 def member(wire_type, number, packing, value):
@@ -575,71 +484,65 @@ MALFORMED = [
 ]
 
 
-class Source(peer.Node):
+class Source:
     """Offers GNSS and Time, acknowledges subscriptions once told to, and notifies."""
 
-    def __init__(self, desk):
-        super().__init__(SOURCE, desk.manifest["serviceDiscovery"]["multicastAddress"])
-        self.services, self.sockets = {}, {}
-        for name in (GNSS, TIME):
-            service = desk.manifest["services"][name]
-            self.services[name] = service
-            self.sockets[name] = self.port(service["instances"][0]["udpPort"])
-        self.acknowledges = False
-        self.ending = False
-        self.answering = threading.Thread(target=self.answer, daemon=True)
-        self.answering.start()
+    def __init__(self, desk, network):
+        self.peer = network.peer(SOURCE)
+        self.services = {name: desk.manifest["services"][name] for name in (GNSS, TIME)}
+        self.sockets = {name: self.peer.socket(service["instances"][0]["udpPort"])
+                        for name, service in self.services.items()}
+        self.waiting = []  # for their acknowledgement; None: nobody does
+        self.peer.unicast.on_entry = self.answer
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.peer.close()
 
     def offer(self, name):
         service = self.services[name]
-        self.send_discovery(
-            [peer.offer_entry(int(service["id"], 0), 1, service["majorVersion"], ttl=peer.FOREVER)],
-            [peer.endpoint_option(SOURCE, service["instances"][0]["udpPort"])])
+        self.peer.tell(offer(int(service["id"], 0), 1, service["majorVersion"], ttl=ENDLESS),
+                       [endpoint(self.sockets[name])])
 
-    def answer(self):
-        seen = 0
-        while not self.ending:
-            peer.wait_for(lambda: self.ending or (self.acknowledges and len(self.discovery) > seen), "", 170)
-            for message in self.discovery[seen:]:
-                entries = [entry for entry, _ in message.entries(peer.SUBSCRIBE)]
-                if entries:
-                    self.send_discovery([peer.ack_entry(one) for one in entries], to=message.source[0])
-                seen += 1
+    def answer(self, entry):
+        if entry.type == SUBSCRIBE and entry.ttl:
+            if self.waiting is None:
+                self.peer.tell(acknowledge(entry), to=NODE)
+            else:
+                self.waiting.append(entry)
+
+    def acknowledge(self):
+        """Those that wait, and from now on each that comes."""
+        with self.peer.network.lock:
+            waiting, self.waiting = self.waiting, None
+            for entry in waiting:
+                self.answer(entry)
 
     def subscriber(self, name, field):
         """Where the application wants a field; waits for its subscription."""
-        wanted = int(self.services[name]["id"], 0), int(self.services[name]["fields"][field]["eventGroup"], 0)
-        _, options, _ = self.wait_entry(
-            peer.SUBSCRIBE, f"subscription of {field}",
-            lambda entry, _, __: (entry.srv_id, entry.eventgroup_id) == wanted and entry.ttl, seconds=30)
-        return options[0].addr, options[0].port
+        service = self.services[name]
+        group = int(service["fields"][field]["eventGroup"], 0)
+        return self.peer.entry(SUBSCRIBE, int(service["id"], 0), group=group, seconds=30).endpoints[0][:2]
 
     def notify(self, name, field, payload):
         service = self.services[name]
-        self.sockets[name].sendto(
-            peer.message(int(service["id"], 0), int(service["fields"][field]["notifier"], 0), payload, kind=2,
-                         client=0, major=service["majorVersion"]), self.subscriber(name, field))
-
-    def close(self):
-        self.ending = True
-        self.answering.join()
-        super().close()
+        self.sockets[name].send(
+            someip(int(service["id"], 0), int(service["fields"][field]["notifier"], 0), payload, type=NOTIFICATION,
+                   client=0, interface=service["majorVersion"]), self.subscriber(name, field))
 
 
 class Tester:
     """Calls methods of the node under test."""
 
-    def __init__(self, desk, node):
-        self.node, self.services, self.socket, self.session = node, desk.manifest["services"], node.port(), 0
+    def __init__(self, desk, network):
+        self.peer, self.services = network.peer(TESTER), desk.manifest["services"]
 
     def call(self, service, instance, method, payload, code=0):
-        self.session += 1
-        number = self.session
         deployed = self.services[service]
-        self.socket.sendto(peer.message(int(deployed["id"], 0), method, payload, session=number,
-                                        major=deployed["majorVersion"]), (NODE, instance["udpPort"]))
-        answer = self.node.wait_message(
-            f"answer of {service}", lambda one: one.session == number and one.type in (0x80, 0x81))
+        answer = self.peer.call((NODE, instance["udpPort"]), int(deployed["id"], 0), method, payload,
+                                interface=deployed["majorVersion"])
         assert answer.code == code, answer
 
     def init_monitor(self, identifier, reason, code=0):
@@ -649,19 +552,18 @@ class Tester:
 
     def subscribe(self, service, group):
         deployed = self.services[service]
-        self.node.send_discovery(
-            [peer.subscribe_entry(int(deployed["id"], 0), 1, group, major=deployed["majorVersion"])],
-            [peer.endpoint_option(TESTER, self.socket.getsockname()[1])], to=NODE)
+        self.peer.tell(subscribe(int(deployed["id"], 0), 1, group, deployed["majorVersion"]),
+                       [endpoint(self.peer.caller())], to=NODE)
 
 
 # --- the runs
 
 
-def empty_storage(desk, log, tester):
+def empty_storage(desk, log, network, tester):
     run = Run(desk, log, "an empty storage", APPLICATION,
               environment={"POS_LOG_LEVEL": "info,PHMC=verbose,TRCE=verbose"})
     rows = run.groups
-    with Source(desk) as source:
+    with Source(desk, network) as source:
         run.wait(STARTED)
         descriptions()
         tester.init_monitor(0x83D100, REENABLED)
@@ -673,7 +575,7 @@ def empty_storage(desk, log, tester):
         source.subscriber(GNSS, "positions")
         source.notify(GNSS, "positions", records(FULL_POSITION))
         run.wait(sending("GNSS-DR"))
-        source.acknowledges = True
+        source.acknowledge()
         source.notify(GNSS, "positions", records([], FUTURE_POSITION, [u32(0, 2)]))
         run.wait(replacing("GNSS-DR", "missing", "missing"))
         source.notify(GNSS, "positionsQuality", records(FULL_QUALITY, []))
@@ -703,15 +605,15 @@ def descriptions():
     assert contexts == DESCRIPTIONS, contexts
 
 
-def full_storage(desk, log):
+def full_storage(desk, log, network):
     storage = desk.path / "full"
     storage.mkdir()
     values = {key: {"type": "UInt32", "value": int(value)} if key == INTERVAL
               else {"type": "Boolean", "value": value == "1"} for key, value in STORED.items()}
     (storage / "POS_Key_Value_Port.json").write_text(json.dumps(values), encoding="utf-8")
     run = Run(desk, log, "a full storage", APPLICATION, environment={"POS_STORAGE_DIR": str(storage)})
-    with Source(desk) as source:
-        source.acknowledges = True
+    with Source(desk, network) as source:
+        source.acknowledge()
         run.wait(STARTED)
         source.offer(GNSS)
         for row in found("GNSS"):
@@ -736,7 +638,7 @@ def other_storages(desk, log):
     Run(desk, log, "no storage", APPLICATION, environment=below).end(code=104)
 
 
-def failures(desk, log, tester):
+def failures(desk, log, network, tester):
     elsewhere = {"POS_STORAGE_DIR": str(desk.path / "no clock"), "POS_TIME_BASE": "/dev/null/no-clock"}
     Run(desk, log, "no clock", APPLICATION, environment=elsewhere).end(code=104)
     elsewhere = {"POS_STORAGE_DIR": str(desk.path / "exit code")}
@@ -745,10 +647,10 @@ def failures(desk, log, tester):
     run = Run(desk, log, "classes", HOST, "classes", stdin=subprocess.PIPE,
               environment={"POS_STORAGE_DIR": str(desk.path / "full")})
     assert run.process.stdout.readline() == "ready\n"
-    with Source(desk) as source:
+    with Source(desk, network) as source:
         source.offer(GNSS)
         source.subscriber(GNSS, "positions")
-        source.acknowledges = True
+        source.acknowledge()
         run.wait(run.groups["trace of the proxies"][1])
         source.notify(GNSS, "positions", records())
         run.wait(run.groups["trace of the proxies"][2])
@@ -763,14 +665,14 @@ def failures(desk, log, tester):
 def main():
     with contextlib.ExitStack() as stack:
         desk = stack.enter_context(Desk(NETWORK))
-        log = Log(desk.path)
+        log = Log(desk.path, DAEMON_PORT)
         stack.callback(log.end)
-        node = stack.enter_context(peer.Node(TESTER, desk.manifest["serviceDiscovery"]["multicastAddress"]))
-        tester = Tester(desk, node)
-        empty_storage(desk, log, tester)
-        full_storage(desk, log)
+        network = stack.enter_context(Network(desk=desk))
+        tester = Tester(desk, network)
+        empty_storage(desk, log, network, tester)
+        full_storage(desk, log, network)
         other_storages(desk, log)
-        failures(desk, log, tester)
+        failures(desk, log, network, tester)
         log.check_printed()
         print(f"{len(log.messages)} messages, {sum(len(r) for g in TEXTS.values() for r in g.values())} rows")
     return 0

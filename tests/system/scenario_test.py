@@ -7,8 +7,6 @@ The GNSS source dies and comes back, monitors are initialised, state management 
 import contextlib
 import json
 import os
-import pathlib
-import re
 import signal
 import socket
 import subprocess
@@ -16,10 +14,9 @@ import sys
 import threading
 import time
 
-HERE = pathlib.Path(__file__).resolve().parent
-sys.path[:0] = [str(HERE.parent / "tools"), str(HERE.parent / "python")]
-import someip_peer as peer  # noqa: E402
-from desk import APPLICATION, GATEWAY, Desk, until  # noqa: E402
+from desk import APPLICATION, GATEWAY, Desk, until
+from dlt import Log
+from network import ACKNOWLEDGE, NOTIFICATION, OFFER, Network, endpoint, subscribe
 
 NETWORK = 169
 NODE = f"127.{NETWORK}.0.10"
@@ -30,7 +27,6 @@ MONITOR = "mw::dm::dem::DiagnosticMonitor"
 CHANGE = "Changing of state, ID = POS_Input_GNSS , prev status = {} , new status = {}"
 PASSED, FAILED = b"\0", b"\1"
 CLEAR, RESTART = b"\0", b"\1"
-TRACE_LEVEL = 6
 
 
 class Notify(threading.Thread):
@@ -50,37 +46,6 @@ class Notify(threading.Thread):
 
     def times(self, word):
         return [at for at, lines in self.messages if word in lines]
-
-
-class Log(threading.Thread):
-    """What dlt-receive prints of a daemon of the test's own: "… POS- GNSS log info V 2 [text]"."""
-
-    def __init__(self, folder, port):
-        super().__init__(daemon=True)
-        quiet = {"stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
-        self.daemon_process = subprocess.Popen(["dlt-daemon", "-t", folder, "-p", str(port)], cwd=folder, **quiet)
-        until(lambda: (folder / "dlt").exists(), "the pipe of dlt-daemon")
-        self.receiver = subprocess.Popen(
-            ["stdbuf", "-oL", "dlt-receive", "-a", "-p", str(port), "localhost"],
-            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, errors="replace",
-        )
-        self.lines = []
-        self.start()
-
-    def run(self):
-        for line in self.receiver.stdout:
-            found = re.search(r" (\S+) (\S+) log (\S+) V (\d+) \[(.*)\]$", line.rstrip())
-            if found:
-                self.lines.append((found[2].rstrip("-"), found[3], int(found[4]), found[5]))
-
-    def texts(self, context):
-        return [text for of, _, _, text in list(self.lines) if of == context]
-
-    def end(self):
-        for process in (self.receiver, self.daemon_process):
-            process.terminate()
-            process.wait()
-        self.receiver.stdout.close()
 
 
 class Bus:
@@ -109,62 +74,47 @@ class Bus:
 
 
 class Scenario:
-    def __init__(self, desk, node):
-        self.desk, self.node = desk, node
-        self.port = node.port()
-        self.session = 0
-        services = desk.manifest["services"]
-        monitor = services[MONITOR]
-        self.monitor = next(i for i in monitor["instances"] if i["specifier"].endswith("_POS_Input_GNSS"))
-        self.monitor_service = int(monitor["id"], 0)
-        self.action = int(monitor["events"]["MonitorAction"]["id"], 0)
+    """The tester and the event manager."""
+
+    def __init__(self, desk, network):
+        self.services = desk.manifest["services"]
+        monitor = self.services[MONITOR]
+        instance = next(one for one in monitor["instances"] if one["specifier"].endswith("_POS_Input_GNSS"))
+        self.monitor = int(monitor["id"], 0), instance["udpPort"]
+        self.instance = int(instance["id"], 0)
         self.action_group = int(monitor["events"]["MonitorAction"]["eventGroup"], 0)
         self.init = int(monitor["methods"]["InitMonitor"]["id"], 0)
-        self.did = self.where(D_14A0)
-        self.not_available = self.where(D_1190)
+        self.peer = network.peer(TESTER)
+        self.events = self.peer.caller()
+        self.peer.multicast.on_entry = self.subscribe
 
-    def where(self, name):
-        service = self.desk.manifest["services"][name]
-        return int(service["id"], 0), service["instances"][0]["udpPort"]
+    def subscribe(self, entry):
+        """Each offer of the monitor is answered with a subscription."""
+        if (entry.type, entry.service, entry.instance) == (OFFER, self.monitor[0], self.instance) and entry.ttl:
+            self.peer.tell(subscribe(self.monitor[0], self.instance, self.action_group, ttl=30),
+                           [endpoint(self.events)], to=NODE)
 
-    def call(self, service, method, port, payload):
-        self.session += 1
-        number = self.session
-        self.port.sendto(peer.message(service, method, payload, session=number), (NODE, port))
-        answer = self.node.wait_message(
-            f"answer {number}", lambda one: one.service == service and one.session == number
-            and one.type in (0x80, 0x81))
+    def call(self, where, method, payload):
+        service, port = where
+        answer = self.peer.call((NODE, port), service, method, payload)
         assert answer.code == 0, answer
         return answer.payload
 
+    def read(self, name):
+        service = self.services[name]
+        return self.call((int(service["id"], 0), service["instances"][0]["udpPort"]), 1, bytes(4))
+
     def inputs(self):
-        return self.call(self.did[0], 1, self.did[1], b"\0\0\0\0")
+        return self.read(D_14A0)
 
     def lost_services(self):
-        return self.call(self.not_available[0], 1, self.not_available[1], b"\0\0\0\0")
+        return self.read(D_1190)
 
     def init_monitor(self, reason):
-        self.call(self.monitor_service, self.init, self.monitor["udpPort"], reason)
+        self.call(self.monitor, self.init, reason)
 
     def actions(self):
-        return [one.payload for one in self.node.all_messages(
-            lambda one: one.service == self.monitor_service and one.type == 2)]
-
-    def keep_subscribed(self):
-        """Each offer of the monitor is answered with a subscription."""
-        seen = 0
-        while not self.ending:
-            found = self.node.entry(1, lambda e, _, __: e.srv_id == self.monitor_service
-                                    and e.inst_id == int(self.monitor["id"], 0), after=seen)
-            if found:
-                seen = len(self.node.discovery)
-                self.node.send_discovery(
-                    [peer.subscribe_entry(self.monitor_service, int(self.monitor["id"], 0), self.action_group,
-                                          ttl=30)],
-                    [peer.endpoint_option(TESTER, self.port.getsockname()[1])], to=NODE)
-            time.sleep(0.05)
-
-    ending = False
+        return [one.payload for one in self.events.messages if one.type == NOTIFICATION]
 
 
 def main():
@@ -180,19 +130,14 @@ def main():
             DBUS_SESSION_BUS_ADDRESS=bus.address, POS_STATE_BUS="session",
             POS_LOG_LEVEL="info,TRCE=verbose",
         )
-        node = stack.enter_context(peer.Node(TESTER, desk.manifest["serviceDiscovery"]["multicastAddress"]))
+        scenario = Scenario(desk, stack.enter_context(Network(desk=desk)))
         application = desk.start(APPLICATION)
-        scenario = Scenario(desk, node)
-        node.wait_entry(1, "an offer", lambda entry, _, __: entry.srv_id == scenario.did[0])
-        subscriber = threading.Thread(target=scenario.keep_subscribed, daemon=True)
-        subscriber.start()
+        scenario.peer.entry(ACKNOWLEDGE, scenario.monitor[0])
         gateway = desk.start(GATEWAY)
 
         flowing = bytes([0, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3])
         late = bytes([1]) + flowing[1:]
         until(lambda: scenario.inputs() == flowing, "GNSS nominal")
-        peer.wait_for(lambda: node.entry(7, lambda e, _, __: e.srv_id == scenario.monitor_service),
-                      "acknowledged subscription")
 
         gateway.kill()
         gateway.wait()
@@ -231,18 +176,14 @@ def main():
 
         assert desk.stop(gateway)[0] == 0
         assert desk.stop(application)[0] == 0
-        scenario.ending = True
-        subscriber.join()
         until(lambda: "exiting main." in log.texts("POS"), "the last line in the log")
 
         ready, alive, stopping = (notify.times(f"{w}=1") for w in ("READY", "WATCHDOG", "STOPPING"))
         assert len(ready) == len(stopping) == 1 and ready[0] < alive[0] < alive[-1] < stopping[0]
         gaps = [b - a for a, b in zip(alive, alive[1:])]
         assert all(0.8 < gap < 1.8 for gap in gaps), gaps
-        arguments = {(text, count) for context, _, count, text in log.lines if context == "DSRV"}
-        assert (to_error, 6) in arguments, "six arguments: label and value apart"
         traces(log)
-        print(f"{len(log.lines)} log lines, {len(scenario.actions())} monitor events, {len(alive)} checkpoints")
+        print(f"{len(log.messages)} log lines, {len(scenario.actions())} monitor events, {len(alive)} checkpoints")
     return 0
 
 

@@ -1,19 +1,15 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
-#include "ara/core/future.h"
 #include "ara/core/instance_specifier.h"
 
 namespace ara::core {
 namespace {
 
 using ::testing::HasSubstr;
-using namespace std::chrono_literals;
 
 TEST(InstanceSpecifier, takes_short_names_joined_by_slashes) {
   for (const std::string text : {"A", "POS__ORVEL1_Sys_Adaptive_01_instance1", "Root/Child_1/x"}) {
@@ -47,36 +43,6 @@ TEST(InstanceSpecifier, refuses_anything_else_with_the_text_and_the_reason) {
       EXPECT_THAT(error.what(), HasSubstr('"' + text.substr(0, 255) + '"'));
     }
   }
-}
-
-TEST(Future, gives_what_the_promise_sets) {
-  Promise<int> promise;
-  auto future = promise.get_future();
-  EXPECT_FALSE(future.is_ready());
-  EXPECT_EQ(future.wait_for(1ms), future_status::timeout);
-  std::thread sender([&promise] { promise.set_value(5); });
-  EXPECT_EQ(future.get(), 5);
-  EXPECT_FALSE(future.valid());
-  sender.join();
-
-  Promise<void> nothing;
-  auto done = nothing.get_future();
-  nothing.set_value();
-  EXPECT_TRUE(done.is_ready());
-  EXPECT_NO_THROW(done.get());
-}
-
-TEST(Future, gives_the_exception_of_the_promise_or_of_its_end) {
-  Promise<int> failing;
-  auto failed = failing.get_future();
-  failing.set_exception(std::make_exception_ptr(std::runtime_error("reason")));
-  EXPECT_THROW(failed.get(), std::runtime_error);
-  Future<int> abandoned;
-  {
-    Promise<int> promise;
-    abandoned = promise.get_future();
-  }
-  EXPECT_THROW(abandoned.get(), std::future_error);
 }
 
 }  // namespace

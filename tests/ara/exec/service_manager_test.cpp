@@ -10,13 +10,13 @@
 #include <array>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
 #include "ara/exec/application_client.h"
 #include "ara/log/capture.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
+#include "tests/support/Temporary_folder.h"
 
 namespace ara {
 namespace {
@@ -28,8 +28,6 @@ using ::testing::HasSubstr;
 class ServiceManager : public ::testing::Test {
  public:
   ServiceManager() {
-    std::string name = (std::filesystem::temp_directory_path() / "pos-notify-XXXXXX").string();
-    folder_ = ::mkdtemp(name.data());
     const std::string path = (folder_ / "socket").string();
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
@@ -42,7 +40,6 @@ class ServiceManager : public ::testing::Test {
   ~ServiceManager() override {
     ::unsetenv("NOTIFY_SOCKET");
     ::close(socket_);
-    std::filesystem::remove_all(folder_);
   }
 
  protected:
@@ -55,7 +52,7 @@ class ServiceManager : public ::testing::Test {
             static_cast<std::size_t>(::recv(socket_, buffer.data(), buffer.size(), 0))};
   }
 
-  std::filesystem::path folder_;
+  Temporary_folder folder_;
   int socket_ = -1;
 };
 

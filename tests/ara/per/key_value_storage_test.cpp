@@ -16,6 +16,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/Temporary_folder.h"
+
 namespace ara::per {
 namespace {
 
@@ -38,15 +40,11 @@ std::string TextOf(Call call) {
 class KeyValueStorageTest : public ::testing::Test {
  public:
   KeyValueStorageTest() {
-    std::string name = (fs::temp_directory_path() / "pos-per-XXXXXX").string();
-    root_ = ::mkdtemp(name.data());
-    folder_ = root_ / "store";
     fs::create_directory(folder_);
     fs::create_directory(root_ / "initdata");
     ::setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
     ::setenv("POS_INITDATA_DIR", (root_ / "initdata").c_str(), 1);
   }
-  ~KeyValueStorageTest() override { fs::remove_all(root_); }
 
  protected:
   static std::string Read(const fs::path& path) {
@@ -58,8 +56,8 @@ class KeyValueStorageTest : public ::testing::Test {
     std::ofstream(path, std::ios::binary) << text;
   }
 
-  fs::path root_;
-  fs::path folder_;
+  Temporary_folder root_;
+  const fs::path folder_ = root_ / "store";
 };
 
 TEST_F(KeyValueStorageTest, values_last_after_sync_only) {
@@ -217,13 +215,6 @@ TEST_F(KeyValueStorageTest, a_failed_sync_keeps_the_old_file_and_the_new_values)
   EXPECT_THAT(TextOf<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); }),
               HasSubstr("can hold at most"));
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString().size(), 20'000U);
-}
-
-TEST_F(KeyValueStorageTest, a_leftover_of_an_interrupted_sync_is_removed) {
-  Write(folder_ / "Port.json", "{}");
-  Write(folder_ / "Port.json.new", "{\"half");
-  EXPECT_TRUE(KeyValueStorage("Port").GetAllKeys().empty());
-  EXPECT_FALSE(fs::exists(folder_ / "Port.json.new"));
 }
 
 TEST_F(KeyValueStorageTest, what_could_not_be_read_back_is_not_taken) {

@@ -67,6 +67,7 @@ class Desk:
                 stderr=errors,
                 env={**self.environment, **options.pop("environment", {})},
                 text=True,
+                **options,
             )
         process.log = log
         self.running.append((process, log))

@@ -1,12 +1,14 @@
-/// A communication runtime without a network: the test plays the other side and decides when
-/// something arrives. While one lives it is the process's runtime.
+/// A communication runtime without a network: the test plays the other side, decides when something
+/// arrives and sees what was offered and sent. While one lives it is the process's runtime.
 #pragma once
 
+#include <condition_variable>
+#include <functional>
 #include <map>
-#include <memory>
-#include <optional>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "binding/codec.h"
@@ -14,10 +16,12 @@
 
 class Fake_runtime : public tq::com::Runtime {
  public:
+  using Bytes = std::vector<std::uint8_t>;
+
   Fake_runtime();
   ~Fake_runtime() override;
 
-  // The consumed side.
+  // The consumed side: one service at a time, on the test's thread.
 
   /// Gives the running search a result.
   void find(const std::vector<std::uint16_t>& instances);
@@ -26,7 +30,12 @@ class Fake_runtime : public tq::com::Runtime {
   [[nodiscard]] bool subscribed(const std::string& element) const {
     return notifications_.contains(element);
   }
-  void notify_bytes(const std::string& element, tq::com::Payload payload);
+  /// False: subscriptions become active when the test says so.
+  bool acknowledges = true;
+  void acknowledge(const std::string& element) { states_.at(element)(true); }
+  void notify_bytes(const std::string& element, tq::com::Payload payload) {
+    notifications_.at(element)(payload);
+  }
   template <class Value>
   void notify(const std::string& element, const Value& value) {
     std::vector<std::byte> payload;
@@ -34,20 +43,26 @@ class Fake_runtime : public tq::com::Runtime {
     notify_bytes(element, payload);
   }
 
-  // The provided side.
+  // The provided side, from any thread. Providing the instance "Unknown" fails.
 
-  [[nodiscard]] const std::string& specifier() const { return specifier_; }
-  [[nodiscard]] bool offered() const { return offered_; }
-  /// Payloads of a field in the order of their updates.
-  [[nodiscard]] const std::vector<std::vector<std::byte>>& updates(const std::string& element) {
-    return updates_[element];
-  }
-  void clear_updates() { updates_.clear(); }
-  /// Of all updates, the records in them; each must hold one.
+  /// Specifiers of the instances that are offered.
+  [[nodiscard]] std::vector<std::string> offered() const;
+  /// Calls a method (or the getter of a field) of a provided instance; `specifier` must be known.
+  tq::com::Response call(std::string_view specifier,
+                         const std::string& element,
+                         const Bytes& arguments);
+  /// Payloads of the events that an instance sent while it was offered.
+  [[nodiscard]] std::vector<Bytes> sent(std::string_view specifier) const;
+  /// Called within each sending, on the sender's thread. Set it before there are senders.
+  std::function<void()> on_send;
+  /// Called by the provider that is closed next.
+  std::function<void()> on_close;
+
+  /// The records that updates of a field have published; each update must hold one.
   template <class Record>
   std::vector<Record> published(const std::string& element) {
     std::vector<Record> records;
-    for (const auto& payload : updates(element)) {
+    for (const auto& payload : updates_[element]) {
       std::vector<Record> one;
       binding::Cursor cursor{payload};
       binding::decode(cursor, one);
@@ -58,6 +73,7 @@ class Fake_runtime : public tq::com::Runtime {
     }
     return records;
   }
+  void clear_updates() { updates_.clear(); }
 
   tq::com::Find_token start_find_service(std::string_view service,
                                          std::optional<std::uint16_t> instance,
@@ -71,12 +87,20 @@ class Fake_runtime : public tq::com::Runtime {
  private:
   class Consumer;
   class Provider;
+  struct Instance {
+    std::map<std::uint16_t, tq::com::Method_handler> handlers;
+    std::vector<Bytes> sent;
+    bool is_offered = false;
+    std::size_t running = 0;  ///< calls in progress
+  };
 
   std::string service_;
   tq::com::Find_handler find_handler_;
   std::size_t connections_ = 0;
   std::map<std::string, tq::com::Notification_handler> notifications_;
-  std::string specifier_;
-  bool offered_ = false;
+  std::map<std::string, tq::com::Subscription_state_handler> states_;
   std::map<std::string, std::vector<std::vector<std::byte>>> updates_;
+  mutable std::mutex mutex_;  ///< guards instances_
+  std::condition_variable idle_;
+  std::map<std::string, Instance, std::less<>> instances_;
 };

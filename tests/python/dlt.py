@@ -1,0 +1,97 @@
+"""The log of the application POS as a dlt-daemon of the test's own gets it."""
+
+import re
+import struct
+import subprocess
+
+from desk import until
+
+
+class Message:
+    """One log message as stored by dlt-receive."""
+
+    LEVELS = ("", "fatal", "error", "warn", "info", "debug", "verbose")
+
+    def __init__(self, data):
+        kind = data[0]
+        at = 4 + (4 if kind & 4 else 0)
+        self.process = struct.unpack_from("!I", data, at)[0] if kind & 8 else 0
+        at += (4 if kind & 8 else 0) + (4 if kind & 16 else 0)
+        info_byte, count, application, context = struct.unpack_from("!BB4s4s", data, at)
+        self.is_log = kind & 1 and info_byte & 0xF == 1
+        self.application, self.context = (name.rstrip(b"\0").decode() for name in (application, context))
+        if not self.is_log:
+            return
+        self.level = self.LEVELS[info_byte >> 4]
+        order = "!" if kind & 2 else "<"
+        self.arguments = []
+        at += 10
+        for _ in range(count):
+            kind_of = struct.unpack_from(order + "I", data, at)[0]
+            at += 4
+            if kind_of & 0x200:
+                size = struct.unpack_from(order + "H", data, at)[0]
+                self.arguments.append(data[at + 2:at + 2 + size].rstrip(b"\0").decode())
+                at += 2 + size
+            else:
+                size = 1 << ((kind_of & 0xF) - 1)
+                signed = bool(kind_of & 0x20)
+                self.arguments.append(str(int.from_bytes(
+                    data[at:at + size], "big" if order == "!" else "little", signed=signed)))
+                at += size
+
+    def fits(self, row):
+        context, level, *arguments = row
+        return (self.context, self.level, len(self.arguments)) == (context, level, len(arguments)) and all(
+            wanted == found if isinstance(wanted, str) else wanted.fullmatch(found)
+            for wanted, found in zip(arguments, self.arguments))
+
+    def __repr__(self):
+        return f"{self.context} {self.level} {self.arguments}"
+
+
+class Log:
+    """A dlt-daemon of the test's own and what dlt-receive stores and prints of it."""
+
+    def __init__(self, folder, port):
+        self.file, self.printed = folder / "log.dlt", folder / "log.txt"
+        self.processes, self.messages, self.read = [], [], 0
+        quiet = {"stdin": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, "cwd": folder}
+        self.processes.append(subprocess.Popen(
+            ["dlt-daemon", "-t", folder, "-p", str(port)], stdout=subprocess.DEVNULL, **quiet))
+        until(lambda: (folder / "dlt").exists(), "the pipe of dlt-daemon")
+        with open(self.printed, "wb") as printed:
+            self.processes.append(subprocess.Popen(
+                ["stdbuf", "-oL", "dlt-receive", "-a", "-o", self.file, "-p", str(port), "localhost"],
+                stdout=printed, **quiet))
+        until(lambda: "New client connection" in self.printed.read_text(errors="replace"), "the receiver")
+
+    def of(self, process=None):
+        """The messages of a process (of all) so far."""
+        data = self.file.read_bytes()
+        while self.read + 20 <= len(data):
+            size = struct.unpack_from("!H", data, self.read + 18)[0]
+            if self.read + 16 + size > len(data):
+                break
+            message = Message(data[self.read + 16:self.read + 16 + size])
+            if message.is_log and message.application == "POS":
+                self.messages.append(message)
+            self.read += 16 + size
+        return [one for one in self.messages if process in (None, one.process)]
+
+    def texts(self, context):
+        return [" ".join(one.arguments) for one in self.of() if one.context == context]
+
+    def check_printed(self):
+        """What people read of it: whole lines, arguments apart by a blank."""
+        lines = re.findall(r" POS- (\S+) log (\S+) V (\d+) \[(.*)\]$", self.printed.read_text(), re.MULTILINE)
+        expected = [(one.context.ljust(4, "-"), one.level, str(len(one.arguments)),
+                     " ".join(one.arguments).replace("\n", " ")) for one in self.messages]
+        assert len(lines) == len(expected), (len(lines), len(expected))
+        for line, wanted in zip(lines, expected):
+            assert line == wanted, f"{line}\n{wanted}"
+
+    def end(self):
+        for process in reversed(self.processes):
+            process.terminate()
+            process.wait()
