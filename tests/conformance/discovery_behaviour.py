@@ -104,8 +104,6 @@ class DiscoveryBehaviour(suite.Group):
                 host.kill()
             self.between(milliseconds(peer.entries(OFFER, VEHICLE)), [120, 120])
         self.in_time(measure)
-
-    def test_no_cycle(self):
         peer = self.peer()
         self.host("offer first", repetitionsMax=1, cyclicOfferDelayMs=0)
         peer.entry(OFFER, VEHICLE, count=2)
@@ -228,18 +226,13 @@ class DiscoveryBehaviour(suite.Group):
         self.assertTrue(self.offered(peer, VEHICLE).multicast)
         self.assertTrue(peer.entries(OFFER, VEHICLE)[0].multicast)
 
-    def test_multicast_answer(self):
+    def test_channel_of_answers(self):
         host, peer = self.vehicle(cyclicOfferDelayMs=5000, repetitionsMax=0)
-        start = time.time()
-        peer.tell(find(VEHICLE), flags=REBOOT)
-        peer.entry(OFFER, VEHICLE, after=start, multicast=True)
-        self.assertEqual(peer.entries(OFFER, VEHICLE, multicast=False), [])
-
-    def test_unicast_answer(self):
-        host, peer = self.vehicle(cyclicOfferDelayMs=1000, repetitionsMax=0)
-        start = time.time()
-        peer.tell(find(VEHICLE))
-        peer.entry(OFFER, VEHICLE, after=start, multicast=False)
+        for flags, multicast in ((REBOOT | UNICAST, False), (REBOOT, True)):
+            start, known = time.time(), len(peer.entries(OFFER, VEHICLE))
+            peer.tell(find(VEHICLE), flags=flags)
+            peer.entry(OFFER, VEHICLE, after=start, multicast=multicast)
+            self.assertEqual(len(peer.entries(OFFER, VEHICLE)), known + 1)
 
     # Subscribing, as client
 
@@ -271,26 +264,18 @@ class DiscoveryBehaviour(suite.Group):
             peer.tell(acknowledge(renewal), to=host.address)
 
     def test_missing_acknowledgement(self):
-        host, peer, server = self.remote("subscribe Remote 1 value")
-        peer.entry(SUBSCRIBE, REMOTE)
-        for number in (2, 3):
-            known = len(peer.unicast.discovery)
-            self.offer(peer, server)
-            self.network.wait(lambda: len(peer.unicast.discovery) > known, "subscription")
-        _, sd = peer.unicast.discovery[-1]
-        self.assertEqual([(one.eventgroup_id, one.ttl) for one in sd.entry_array],
-                         [(VALUE_GROUP, 0), (VALUE_GROUP, 2)])
-
-    def test_missing_acknowledgement_explicit(self):
-        host, peer, server = self.remote("subscribe Remote 1 value",
-                                         flags=REBOOT | UNICAST | EXPLICIT)
-        peer.entry(SUBSCRIBE, REMOTE)
-        for number in (2, 3):
-            known = len(peer.unicast.discovery)
-            self.offer(peer, server)
-            self.network.wait(lambda: len(peer.unicast.discovery) > known, "subscription")
-        _, sd = peer.unicast.discovery[-1]
-        self.assertEqual([(one.ttl, one.res & 8) for one in sd.entry_array], [(2, 8)])
+        for flags, expected in ((REBOOT | UNICAST, [(0, 0), (2, 8)]),
+                                (REBOOT | UNICAST | EXPLICIT, [(2, 8)])):
+            host, peer, server = self.remote("subscribe Remote 1 value", flags=flags)
+            peer.entry(SUBSCRIBE, REMOTE)
+            for _ in range(2):
+                known = len(peer.unicast.discovery)
+                self.offer(peer, server)
+                self.network.wait(lambda: len(peer.unicast.discovery) > known, "subscription")
+            _, sd = peer.unicast.discovery[-1]
+            self.assertEqual([(one.ttl, one.res & 8) for one in sd.entry_array], expected)
+            self.assertEqual({one.eventgroup_id for one in sd.entry_array}, {VALUE_GROUP})
+            host.kill()
 
     def test_unwatched(self):
         host, peer, server = self.remote("subscribe Remote 1 value")

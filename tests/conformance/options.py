@@ -46,27 +46,16 @@ class Options(suite.Group):
 
     # Formats
 
-    def test_endpoint_format(self):
-        host, peer = self.vehicle("offer stream")
-        a, b, c, d = map(int, host.address.split("."))
-        address = f"{a:02x}{b:02x}{c:02x}{d:02x}"
+    def test_formats(self):
+        host, peer = self.vehicle("offer stream", "offer group")
+        address = bytes(map(int, host.address.split("."))).hex()
         (udp, ) = self.offered(peer, VEHICLE).options
         self.assertEqual(bytes(udp).hex(), f"00090400{address}0011{VEHICLE_PORT:04x}")
         self.assertEqual({bytes(one).hex() for one in self.offered(peer, STREAM).options},
                          {f"00090400{address}0011{STREAM_PORT:04x}",
                           f"00090400{address}0006{STREAM_PORT:04x}"})
-
-    def test_reserved_bytes(self):
-        host, peer = self.vehicle()
-        self.assertEqual(self.ask(host, peer, [endpoint(peer.caller(), res_hdr=0xFF, res_tail=0xFF)]),
-                         9)
-
-    def test_multicast_format(self):
-        host, peer = self.vehicle("offer group")
-        self.offered(peer, GROUP)
-        start = time.time()
-        peer.tell(subscribe(GROUP, 1, TICK_GROUP, MAJOR), [endpoint(peer.caller())], to=host.address)
-        (option, ) = peer.entry(ACKNOWLEDGE, GROUP, after=start).options
+        self.assertEqual(self.ask(host, peer, [endpoint(peer.caller(), res_hdr=0xFF, res_tail=0xFF)], GROUP), 9)
+        (option, ) = peer.entry(ACKNOWLEDGE, GROUP).options
         self.assertEqual(bytes(option).hex(),
                          f"00091400efc3{self.network.number:02x}010011{MULTICAST_PORT:04x}")
 
@@ -95,13 +84,15 @@ class Options(suite.Group):
     def test_configuration(self):
         host, peer = self.vehicle("find Remote")
         own = endpoint(peer.caller())
-        good = [configuration(b"key=value"), configuration(b"key"), configuration(b"key="),
-                configuration(b"key=a", b"key=b", b"other=" + b"x" * 240), configuration(),
-                configuration(b"key=value=more"), configuration(b"a key with spaces=\xc3\xa4")]
-        for option in good:
-            with self.subTest(option=bytes(option)):
-                self.assertEqual(self.ask(host, peer, [own, option]), 9)
-        self.assertEqual(self.found(host, peer, [([own, option], {}) for option in good]),
+        good = [[configuration(b"key=value")], [configuration(b"key")], [configuration(b"key=")],
+                [configuration(b"key=a", b"key=b", b"other=" + b"x" * 240)], [configuration()],
+                [configuration(b"key=value=more")], [configuration(b"a key with spaces=\xc3\xa4")],
+                [configuration(b"key=a"), configuration(b"key=b")],
+                [SDOption_LoadBalance(priority=1, weight=2)]]
+        for options in good:
+            with self.subTest(options=[bytes(one) for one in options]):
+                self.assertEqual(self.ask(host, peer, [own, *options]), 9)
+        self.assertEqual(self.found(host, peer, [([own, *options], {}) for options in good]),
                          list(range(1, len(good) + 1)))
 
     def test_wrong_configuration(self):
@@ -118,17 +109,6 @@ class Options(suite.Group):
                 answers = {group: peer.entry(ACKNOWLEDGE, VEHICLE, group=group, after=start).ttl
                            for group in (TICK_GROUP, VALUE_GROUP)}
                 self.assertEqual(answers, {TICK_GROUP: 0, VALUE_GROUP: 9})
-
-    def test_two_configurations(self):
-        host, peer = self.vehicle()
-        self.assertEqual(self.ask(host, peer, [endpoint(peer.caller()), configuration(b"key=a"),
-                                               configuration(b"key=b")]), 9)
-
-    def test_load_balancing(self):
-        host, peer = self.vehicle("find Remote")
-        own = endpoint(peer.caller())
-        self.assertEqual(self.ask(host, peer, [own, SDOption_LoadBalance(priority=1, weight=2)]), 9)
-        self.assertEqual(self.found(host, peer, [([own, SDOption_LoadBalance()], {})]), [1])
 
     # References
 

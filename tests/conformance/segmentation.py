@@ -69,46 +69,23 @@ class Segmentation(suite.Group):
 
     # Sending
 
-    def test_limit(self):
+    def test_cut(self):
         host, peer = self.vehicle()
         answer = peer.call(host.udp(), VEHICLE, MAKE, (1400).to_bytes(4, "big"), interface=MAJOR)
         self.assertEqual((answer.type, answer.payload), (RESPONSE, pattern(1400)))
-        train = self.make(host, peer, 1401)
-        self.assertEqual([one.type for one in train], [RESPONSE | TP] * 2)
-        self.assertEqual(joined(train), pattern(1401))
-
-    def test_header(self):
-        host, peer = self.vehicle()
         train = self.make(host, peer, 1500)
         self.assertEqual([one.raw[16:20].hex() for one in train], ["00000001", "00000570"])
         self.assertEqual([one.length for one in train], [8 + 4 + 1392, 8 + 4 + 108])
-
-    def test_same_header(self):
-        host, peer = self.vehicle()
-        for session in (5, 6):
-            train = self.make(host, peer, 5000, client=0x4242, session=session)
+        for session, size in enumerate((1401, 2 * LARGEST, 2 * LARGEST + 1, 10_000, 100_000), 5):
+            train = self.make(host, peer, size, client=0x4242, session=session)
+            self.assertEqual(joined(train), pattern(size))
             self.assertEqual({(one.service, one.method, one.client, one.session, one.protocol,
                                one.interface, one.type, one.code) for one in train},
                              {(VEHICLE, MAKE, 0x4242, session, 1, MAJOR, RESPONSE | TP, 0)})
-
-    def test_cut(self):
-        host, peer = self.vehicle()
-        for size in (1401, 2 * LARGEST, 2 * LARGEST + 1, 10_000, 100_000):
-            train = self.make(host, peer, size)
-            self.assertEqual(joined(train), pattern(size))
-            offsets = [offset for offset, _, _, _ in parts(train)]
-            self.assertEqual(offsets, list(range(0, size, LARGEST)))
-            self.assertEqual({len(part) for _, _, _, part in parts(train)[:-1]}, {LARGEST})
-
-    def test_reserved(self):
-        host, peer = self.vehicle()
-        self.assertEqual({reserved for _, reserved, _, _ in parts(self.make(host, peer, 9000))}, {0})
-
-    def test_more(self):
-        host, peer = self.vehicle()
-        for size in (1401, 4 * LARGEST):
-            flags = [more for _, _, more, _ in parts(self.make(host, peer, size))]
-            self.assertEqual(flags, [1] * (len(flags) - 1) + [0])
+            offsets, reserved, more, pieces = zip(*parts(train))
+            self.assertEqual(list(offsets), list(range(0, size, LARGEST)))
+            self.assertEqual({len(part) for part in pieces[:-1]}, {LARGEST})
+            self.assertEqual((set(reserved), list(more)), ({0}, [1] * (len(more) - 1) + [0]))
 
     def test_notifications(self):
         long = pattern(3000)
@@ -185,15 +162,11 @@ class Segmentation(suite.Group):
                                                   (2 * LARGEST, LARGEST), (32, 16), (7, 16)), 1):
             self.measure(host, via, pattern(length), size, session=session)
             self.assertEqual(self.answer(via, session), length)
+        set_bits = lambda piece: piece[:19] + bytes([piece[19] | 0x0E]) + piece[20:]
+        self.measure(host, via, pattern(3000), session=49, changed=(1, set_bits))
+        self.assertEqual(self.answer(via, 49), 3000)
         self.measure(host, via, pattern(3000), session=50, method=ECHO)
         self.assertEqual(joined(self.train(via)), pattern(3000))
-
-    def test_received_reserved(self):
-        host, peer = self.vehicle()
-        via = peer.caller()
-        set_bits = lambda piece: piece[:19] + bytes([piece[19] | 0x0E]) + piece[20:]
-        self.measure(host, via, pattern(3000), changed=(1, set_bits))
-        self.assertEqual(self.answer(via), 3000)
 
     def test_parallel(self):
         host, first = self.vehicle()

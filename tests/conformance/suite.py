@@ -166,16 +166,17 @@ class Group(unittest.TestCase):
 def main(group):
     """Runs the tests that the page names in its order, or those that the command line names. The page
     is right when each test of the group has a row, and fails exactly if that says "not met"."""
-    rows = {name: (text, verdict) for text, name, verdict in rows_of(group.title) if name}
+    rows = [row for row in rows_of(group.title) if row[1]]
+    verdicts = {name: verdict for _, name, verdict in rows}
     names = {name for name in dir(group) if name.startswith("test_")}
-    assert rows.keys() == names, f"tests without row, rows without test: {rows.keys() ^ names}"
-    wanted = [name for name in rows if not sys.argv[1:] or any(part in name for part in sys.argv[1:])]
-    for name in wanted:
-        print(f"{name}: {rows[name][0]}")
+    assert verdicts.keys() == names, f"tests without row, rows without test: {verdicts.keys() ^ names}"
+    wanted = [name for name in verdicts if not sys.argv[1:] or any(part in name for part in sys.argv[1:])]
+    for text, name, _ in rows:
+        print(f"{name}: {text}")
     result = unittest.TextTestRunner(verbosity=2).run(unittest.TestSuite(map(group, wanted)))
     failed = {getattr(test, "test_case", test).id().rpartition(".")[2]
               for test, _ in result.failures + result.errors}
-    wrong = failed ^ {name for name in wanted if rows[name][1] != "pass"}
+    wrong = failed ^ {name for name in wanted if verdicts[name] != "pass"}
     for name in wrong:
-        print(f"{PAGE.name} is not right about {name}: {rows.get(name)}")
+        print(f"{PAGE.name} is not right about {name}: {verdicts.get(name)}")
     sys.exit(1 if wrong else 0)

@@ -262,9 +262,6 @@ class Wire(suite.Group):
         self.network.wait(lambda: len(without_cookies(stream.messages)) == 5, "five responses")
         self.assertEqual({one.session: one.payload for one in without_cookies(stream.messages)},
                          {number: bytes([number]) * 700 * number for number in range(1, 6)})
-
-    def test_single_bytes(self):
-        _, _, stream = self.stream_host()
         stream.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
         for byte in someip(STREAM, ECHO, b"bytes", session=9, interface=MAJOR):
             stream.send(bytes([byte]))
@@ -319,13 +316,11 @@ class Wire(suite.Group):
         self.assertEqual(server.connections, [])
         host.do("call RemoteStream 1 echo 01")
         self.network.wait(lambda: server.connections, "connection")
-
-    def test_connection_before_subscription(self):
+        host.kill()
         host, peer, server = self.remote_stream("subscribe RemoteStream 1 value")
         entry = peer.entry(SUBSCRIBE, REMOTE_STREAM)
         self.network.pump(0)
-        self.assertEqual([(*one.source, TCP_PROTOCOL) for one in server.connections],
-                         entry.endpoints)
+        self.assertEqual([(*one.source, TCP_PROTOCOL) for one in server.connections], entry.endpoints)
 
     def test_lost_connection(self):
         host, peer, server = self.remote_stream("call RemoteStream 1 echo 01")
@@ -348,26 +343,18 @@ class Wire(suite.Group):
         server.connections[1].send(someip(REMOTE_STREAM, VALUE, b"\x77", type=NOTIFICATION, interface=MAJOR))
         host.said("notification RemoteStream 1 value 77")
 
-    def test_close_after_unsubscribe(self):
-        host, peer, server = self.remote_stream()
-        self.active(host, peer, service="RemoteStream")
-        host.do("unsubscribe RemoteStream 1 value")
-        peer.entry(SUBSCRIBE, REMOTE_STREAM, ttl=0)
-        self.network.wait(lambda: server.connections[0].ended, "end of the connection")
-
-    def test_close_after_stop(self):
-        host, peer, server = self.remote_stream("subscribe RemoteStream 1 value")
-        peer.entry(SUBSCRIBE, REMOTE_STREAM)
-        self.offer(peer, server, ttl=0)
-        self.network.wait(lambda: server.connections and server.connections[0].ended,
-                          "end of the connection")
-
-    def test_close_after_expiry(self):
-        host, peer, server = self.remote_stream("subscribe RemoteStream 1 value")
-        peer.entry(SUBSCRIBE, REMOTE_STREAM)
-        self.offer(peer, server, ttl=1)
-        self.network.wait(lambda: server.connections and server.connections[0].ended,
-                          "end of the connection")
+    def test_close(self):
+        for end in ("unsubscribe", "stop", "expiry"):
+            with self.subTest(end):
+                host, peer, server = self.remote_stream()
+                self.active(host, peer, service="RemoteStream")
+                if end == "unsubscribe":
+                    host.do("unsubscribe RemoteStream 1 value")
+                    peer.entry(SUBSCRIBE, REMOTE_STREAM, ttl=0)
+                else:
+                    self.offer(peer, server, ttl=0 if end == "stop" else 1)
+                self.network.wait(lambda: server.connections[0].ended, "end of the connection")
+                host.kill()
 
     def test_server_keeps_connection(self):
         host, peer, stream = self.stream_host()
