@@ -22,6 +22,11 @@ TEST(Append_number, writes_what_a_stream_of_precision_16_writes) {
                              1e17,
                              9999999999999998.0,
                              9.9999999999999999e-5,
+                             9.99999999999999956,
+                             0.99999999999999994,
+                             9007199254740991.0,
+                             4503599627370497.5,
+                             4503599627370498.5,
                              48.137154,
                              1.0 / 3,
                              std::numeric_limits<double>::max(),
@@ -34,8 +39,16 @@ TEST(Append_number, writes_what_a_stream_of_precision_16_writes) {
   std::mt19937_64 random{42};
   for (int i = 0; i < 20'000; ++i)
     values.push_back(std::bit_cast<double>(random()));
-  for (int i = 0; i < 20'000; ++i)
-    values.push_back(std::ldexp(static_cast<double>(random() >> 12U), -45));
+  for (int i = 0; i < 20'000; ++i) {
+    const auto exponent = static_cast<int>(random() % 80) - 70;
+    values.push_back(std::ldexp(static_cast<double>(random() >> 11U), exponent));
+    values.push_back(static_cast<double>(random() % 100'000'000) / 1e6);
+  }
+  for (int exponent = -6; exponent < 18; ++exponent) {
+    const double power = std::pow(10.0, exponent);
+    values.insert(values.end(),
+                  {power, std::nextafter(power, 0.0), std::nextafter(power, 2 * power)});
+  }
   for (int i = 0; i < 20'000; ++i) {
     values.push_back(
         static_cast<double>(std::bit_cast<float>(static_cast<std::uint32_t>(random()))));
