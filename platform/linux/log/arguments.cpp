@@ -7,11 +7,36 @@
 namespace ara::log {
 namespace {
 
+constexpr std::uint32_t kWidth = 0xf;
+constexpr std::uint32_t kInteger = static_cast<std::uint32_t>(ArgumentType::kSigned) |
+                                   static_cast<std::uint32_t>(ArgumentType::kUnsigned);
+
 template <typename T>
-void AppendInteger(std::string& text, T value) {
+T Read(std::string_view bytes) {
+  T value{};
+  std::memcpy(&value, bytes.data(), sizeof value);
+  return value;
+}
+
+template <typename T>
+void AppendInteger(std::string& text, std::string_view bytes) {
   std::array<char, 24> digits;
-  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), value).ptr;
+  const auto end = std::to_chars(digits.data(), digits.data() + digits.size(), Read<T>(bytes)).ptr;
   text.append(digits.data(), end);
+}
+
+template <typename Byte, typename Short, typename Word, typename Long>
+void AppendInteger(std::string& text, std::string_view bytes) {
+  switch (bytes.size()) {
+    case 1:
+      return AppendInteger<Byte>(text, bytes);
+    case 2:
+      return AppendInteger<Short>(text, bytes);
+    case 4:
+      return AppendInteger<Word>(text, bytes);
+    default:
+      return AppendInteger<Long>(text, bytes);
+  }
 }
 
 void AppendFloating(std::string& text, double value) {
@@ -22,61 +47,41 @@ void AppendFloating(std::string& text, double value) {
 
 }  // namespace
 
-std::int64_t Argument::AsSigned() const {
-  switch (bytes.size()) {
-    case 1:
-      return As<std::int8_t>();
-    case 2:
-      return As<std::int16_t>();
-    case 4:
-      return As<std::int32_t>();
-    default:
-      return As<std::int64_t>();
-  }
-}
-
-std::uint64_t Argument::AsUnsigned() const {
-  switch (bytes.size()) {
-    case 1:
-      return As<std::uint8_t>();
-    case 2:
-      return As<std::uint16_t>();
-    case 4:
-      return As<std::uint32_t>();
-    default:
-      return As<std::uint64_t>();
-  }
-}
-
 void Argument::AppendText(std::string& text) const {
   switch (type) {
     case ArgumentType::kBool:
-      text += bytes.front() != 0 ? '1' : '0';
+      text += value.front() != 0 ? '1' : '0';
       break;
     case ArgumentType::kSigned:
-      AppendInteger(text, AsSigned());
+      AppendInteger<std::int8_t, std::int16_t, std::int32_t, std::int64_t>(text, value);
       break;
     case ArgumentType::kUnsigned:
-      AppendInteger(text, AsUnsigned());
+      AppendInteger<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t>(text, value);
       break;
     case ArgumentType::kFloat:
-      AppendFloating(text, static_cast<double>(As<float>()));
+      AppendFloating(text, static_cast<double>(Read<float>(value)));
       break;
     case ArgumentType::kDouble:
-      AppendFloating(text, As<double>());
+      AppendFloating(text, Read<double>(value));
       break;
     case ArgumentType::kText:
-      text += bytes;
+      text += value;
       break;
   }
 }
 
 Argument Arguments::Next() {
-  std::uint32_t size = 0;
-  std::memcpy(&size, rest_.data() + 1, sizeof size);
-  const Argument argument{static_cast<ArgumentType>(rest_.front()),
-                          rest_.substr(kArgumentHeaderSize, size)};
-  rest_.remove_prefix(kArgumentHeaderSize + size);
+  const auto type = Read<std::uint32_t>(rest_);
+  Argument argument{static_cast<ArgumentType>(type), {}};
+  if (argument.type == ArgumentType::kText) {
+    const auto length = Read<std::uint16_t>(rest_.substr(kNumberOverhead));
+    argument.value = rest_.substr(kTextOverhead - 1, length - 1U);
+  } else {
+    argument.value = rest_.substr(kNumberOverhead, std::size_t{1} << ((type & kWidth) - 1));
+    if ((type & kInteger) != 0) argument.type = static_cast<ArgumentType>(type & ~kWidth);
+  }
+  rest_.remove_prefix(argument.EncodedSize());
+  --count_;
   return argument;
 }
 
@@ -87,13 +92,6 @@ std::string Arguments::Text() const {
     if (!rest.empty()) text += ' ';
   }
   return text;
-}
-
-void EncodeArgument(char* out, ArgumentType type, const void* data, std::size_t size) {
-  const auto size32 = static_cast<std::uint32_t>(size);
-  out[0] = static_cast<char>(type);
-  std::memcpy(out + 1, &size32, sizeof size32);
-  if (size != 0) std::memcpy(out + kArgumentHeaderSize, data, size);
 }
 
 }  // namespace ara::log

@@ -1,5 +1,7 @@
 /// The arguments of one message between the LogStream that collects them and the sinks that write
-/// them: a run of (type, size, bytes), numbers in the machine's own byte order.
+/// them: one after the other as a DLT message carries them, so that sending is not another copy.
+/// Each is its type (4 bytes) and then the number's own bytes, or a text's length (2 bytes, closing
+/// zero included), the text and a closing zero; all numbers in the machine's own byte order.
 #pragma once
 
 #include <cstddef>
@@ -10,49 +12,70 @@
 
 namespace ara::log {
 
-enum class ArgumentType : std::uint8_t {
-  kBool,
-  kSigned,    ///< 1, 2, 4 or 8 bytes
-  kUnsigned,  ///< 1, 2, 4 or 8 bytes
-  kFloat,
-  kDouble,
-  kText,
+/// DLT's type information. In a message a signed or unsigned number's type holds its width as well.
+enum class ArgumentType : std::uint32_t {
+  kBool = 0x11,
+  kSigned = 0x20,
+  kUnsigned = 0x40,
+  kFloat = 0x83,
+  kDouble = 0x84,
+  kText = 0x8200,  ///< UTF-8
 };
 
-struct Argument {
-  ArgumentType type;
-  std::string_view bytes;
+/// The type information of an integer of `size` (1, 2, 4 or 8) bytes.
+constexpr ArgumentType OfSize(ArgumentType type, std::size_t size) {
+  const std::uint32_t width = size == 8 ? 4 : size == 4 ? 3 : static_cast<std::uint32_t>(size);
+  return static_cast<ArgumentType>(static_cast<std::uint32_t>(type) | width);
+}
 
-  template <typename T>
-  [[nodiscard]] T As() const {
-    T value{};
-    std::memcpy(&value, bytes.data(), sizeof value);
-    return value;
+/// What an argument takes beside the bytes of its value.
+inline constexpr std::size_t kNumberOverhead = 4;
+inline constexpr std::size_t kTextOverhead = 4 + 2 + 1;
+
+struct Argument {
+  ArgumentType type;  ///< integers: without their width
+  std::string_view value;
+
+  [[nodiscard]] std::size_t EncodedSize() const {
+    return value.size() + (type == ArgumentType::kText ? kTextOverhead : kNumberOverhead);
   }
-  [[nodiscard]] std::int64_t AsSigned() const;
-  [[nodiscard]] std::uint64_t AsUnsigned() const;
   /// As dlt-receive prints it.
   void AppendText(std::string& text) const;
 };
 
-/// What precedes each argument's bytes: its type (1 byte) and size (4 bytes).
-inline constexpr std::size_t kArgumentHeaderSize = 5;
-
-/// Reads the run from front to end.
+/// Reads the arguments from front to end.
 class Arguments {
  public:
-  explicit Arguments(std::string_view encoded) : rest_(encoded) {}
+  Arguments(std::string_view encoded, std::size_t count) : rest_(encoded), count_(count) {}
 
-  [[nodiscard]] bool empty() const { return rest_.empty(); }
+  [[nodiscard]] bool empty() const { return count_ == 0; }
+  /// What is left, and how many arguments that is.
+  [[nodiscard]] std::string_view encoded() const { return rest_; }
+  [[nodiscard]] std::size_t count() const { return count_; }
   Argument Next();
   /// All that is left, joined by one blank.
   [[nodiscard]] std::string Text() const;
 
  private:
   std::string_view rest_;
+  std::size_t count_;
 };
 
-/// `out` has room for kArgumentHeaderSize + `size` bytes.
-void EncodeArgument(char* out, ArgumentType type, const void* data, std::size_t size);
+/// `out` has room for kNumberOverhead + `size` bytes.
+inline void EncodeNumber(char* out, ArgumentType type, const void* value, std::size_t size) {
+  std::memcpy(out, &type, sizeof type);
+  std::memcpy(out + sizeof type, value, size);
+}
+
+/// `out` has room for kTextOverhead + `text.size()` bytes; the text is shorter than 65535 bytes.
+inline void EncodeText(char* out, std::string_view text) {
+  constexpr auto kType = ArgumentType::kText;
+  const auto length = static_cast<std::uint16_t>(text.size() + 1);
+  std::memcpy(out, &kType, sizeof kType);
+  std::memcpy(out + sizeof kType, &length, sizeof length);
+  out += sizeof kType + sizeof length;
+  if (!text.empty()) std::memcpy(out, text.data(), text.size());
+  out[text.size()] = '\0';
+}
 
 }  // namespace ara::log

@@ -6,7 +6,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/linux/log/arguments.h"
 #include "platform/linux/log/capture_store.h"
 
 namespace ara::log {
@@ -111,7 +110,7 @@ LogLevel Backend::LevelFor(const Context& context) const {
   return context.own_level.value_or(settings_.general.value_or(default_level_));
 }
 
-void Backend::Submit(Context& context, LogLevel level, std::string_view encoded) noexcept {
+void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noexcept {
   try {
     if (capturing_.load(std::memory_order_acquire)) {
       std::shared_ptr<Capture::Store> capture;
@@ -120,16 +119,16 @@ void Backend::Submit(Context& context, LogLevel level, std::string_view encoded)
         capture = capture_;
       }
       if (capture != nullptr) {
-        capture->Add(level, context.id, Arguments(encoded));
+        capture->Add(level, context.id, arguments);
         return;
       }
     }
     const LogMode modes = modes_.load(std::memory_order_acquire);
     const bool remote = Has(modes, LogMode::kRemote);
-    const bool sent = remote && SendToDaemon(context, level, encoded);
+    const bool sent = remote && SendToDaemon(context, level, arguments);
     const bool console = Has(modes, LogMode::kConsole) || (remote && !sent);
     if (!console && !Has(modes, LogMode::kFile)) return;
-    const std::string line = FormatLine(level, application_, context.id, Arguments(encoded).Text());
+    const std::string line = FormatLine(level, application_, context.id, arguments.Text());
     if (console) WriteToStandardError(line);
     if (file_ != nullptr && !file_->Write(line) && !console) WriteToStandardError(line);
   } catch (
@@ -137,7 +136,7 @@ void Backend::Submit(Context& context, LogLevel level, std::string_view encoded)
   }
 }
 
-bool Backend::SendToDaemon(Context& context, LogLevel level, std::string_view encoded) {
+bool Backend::SendToDaemon(Context& context, LogLevel level, Arguments arguments) {
   const auto [ready, change] = dlt_.Ready(contexts());
   if (change == DltSink::Change::kLost) {
     WriteToStandardError(FormatLine(LogLevel::kWarn, application_, Default().ContextId(),
@@ -145,12 +144,12 @@ bool Backend::SendToDaemon(Context& context, LogLevel level, std::string_view en
   } else if (change == DltSink::Change::kReturned) {
     constexpr std::string_view kNotice =
         "The DLT daemon is back, log messages went to standard error meanwhile.";
-    std::array<char, kArgumentHeaderSize + kNotice.size()> notice;
-    EncodeArgument(notice.data(), ArgumentType::kText, kNotice.data(), kNotice.size());
+    std::array<char, kTextOverhead + kNotice.size()> notice;
+    EncodeText(notice.data(), kNotice);
     dlt_.Send(*default_.load(std::memory_order_acquire), LogLevel::kWarn,
-              Arguments({notice.data(), notice.size()}));
+              Arguments({notice.data(), notice.size()}, 1));
   }
-  return ready && dlt_.Send(context, level, Arguments(encoded));
+  return ready && dlt_.Send(context, level, arguments);
 }
 
 void Backend::SetCapture(std::shared_ptr<Capture::Store> capture) {

@@ -9,6 +9,7 @@
 #include <string_view>
 
 #include "ara/log/capture.h"
+#include "platform/linux/log/arguments.h"
 #include "platform/linux/log/context.h"
 #include "platform/linux/log/dlt_sink.h"
 #include "platform/linux/log/level_settings.h"
@@ -30,8 +31,8 @@ class Backend {
             std::string_view directory);
   Logger& Create(std::string_view id, std::string_view description, std::optional<LogLevel> level);
   Logger& Default() { return default_.load(std::memory_order_acquire)->logger; }
-  /// Gives one message to the sinks. `encoded` as in arguments.h.
-  void Submit(Context& context, LogLevel level, std::string_view encoded) noexcept;
+  /// Gives one message to the sinks.
+  void Submit(Context& context, LogLevel level, Arguments arguments) noexcept;
   /// Null ends the capture.
   void SetCapture(std::shared_ptr<Capture::Store> capture);
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
@@ -43,7 +44,7 @@ class Backend {
   Context* Find(std::string_view id) const;
   Context& Add(std::string id, std::string description, std::optional<LogLevel> level);
   [[nodiscard]] LogLevel LevelFor(const Context& context) const;
-  bool SendToDaemon(Context& context, LogLevel level, std::string_view encoded);
+  bool SendToDaemon(Context& context, LogLevel level, Arguments arguments);
 
   const LevelSettings settings_;
   std::mutex mutex_;  ///< guards creation of contexts, initialised_, default_level_

@@ -1,13 +1,13 @@
 #include "platform/linux/log/dlt_sink.h"
 
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
+#include <sys/epoll.h>
 #include <sys/stat.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <algorithm>
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <ctime>
@@ -28,8 +28,18 @@ constexpr std::uint32_t kDrainMilliseconds = 1000;
 /// counts the arguments.
 constexpr std::size_t kMaxPayload = 1390;
 constexpr std::size_t kMaxArguments = 255;
-constexpr std::size_t kNumberHeader = 4;        // type
-constexpr std::size_t kTextHeader = 4 + 2 + 1;  // type, length, closing zero
+
+constexpr bool Is(ArgumentType type, std::uint32_t information) {
+  return static_cast<std::uint32_t>(type) == information;
+}
+static_assert(Is(ArgumentType::kBool, DLT_TYPE_INFO_BOOL | DLT_TYLE_8BIT) &&
+              Is(OfSize(ArgumentType::kSigned, 1), DLT_TYPE_INFO_SINT | DLT_TYLE_8BIT) &&
+              Is(OfSize(ArgumentType::kSigned, 2), DLT_TYPE_INFO_SINT | DLT_TYLE_16BIT) &&
+              Is(OfSize(ArgumentType::kUnsigned, 4), DLT_TYPE_INFO_UINT | DLT_TYLE_32BIT) &&
+              Is(OfSize(ArgumentType::kUnsigned, 8), DLT_TYPE_INFO_UINT | DLT_TYLE_64BIT) &&
+              Is(ArgumentType::kFloat, DLT_TYPE_INFO_FLOA | DLT_TYLE_32BIT) &&
+              Is(ArgumentType::kDouble, DLT_TYPE_INFO_FLOA | DLT_TYLE_64BIT) &&
+              Is(ArgumentType::kText, DLT_TYPE_INFO_STRG | DLT_SCOD_UTF8));
 
 std::int64_t CoarseNow() {
   timespec now{};
@@ -64,11 +74,6 @@ void LevelChanged(char* context_id, std::uint8_t level, std::uint8_t /*trace_sta
   }
 }
 
-std::size_t PayloadSize(const Argument& argument) {
-  return argument.type == ArgumentType::kText ? kTextHeader + argument.bytes.size()
-                                              : kNumberHeader + argument.bytes.size();
-}
-
 /// The longest front of `text` of at most `size` bytes (and less than all) that ends between two
 /// UTF-8 characters; for a text that is not UTF-8 just `size` bytes.
 std::string_view FrontOf(std::string_view text, std::size_t size) {
@@ -78,118 +83,88 @@ std::string_view FrontOf(std::string_view text, std::size_t size) {
   return text.substr(0, size);
 }
 
-void Write(DltContextData& message, const Argument& argument) {
-  switch (argument.type) {
-    case ArgumentType::kBool:
-      dlt_user_log_write_bool(&message, argument.As<std::uint8_t>());
-      break;
-    case ArgumentType::kSigned:
-      switch (argument.bytes.size()) {
-        case 1:
-          dlt_user_log_write_int8(&message, argument.As<std::int8_t>());
-          break;
-        case 2:
-          dlt_user_log_write_int16(&message, argument.As<std::int16_t>());
-          break;
-        case 4:
-          dlt_user_log_write_int32(&message, argument.As<std::int32_t>());
-          break;
-        default:
-          dlt_user_log_write_int64(&message, argument.As<std::int64_t>());
-          break;
-      }
-      break;
-    case ArgumentType::kUnsigned:
-      switch (argument.bytes.size()) {
-        case 1:
-          dlt_user_log_write_uint8(&message, argument.As<std::uint8_t>());
-          break;
-        case 2:
-          dlt_user_log_write_uint16(&message, argument.As<std::uint16_t>());
-          break;
-        case 4:
-          dlt_user_log_write_uint32(&message, argument.As<std::uint32_t>());
-          break;
-        default:
-          dlt_user_log_write_uint64(&message, argument.As<std::uint64_t>());
-          break;
-      }
-      break;
-    case ArgumentType::kFloat:
-      dlt_user_log_write_float32(&message, argument.As<float>());
-      break;
-    case ArgumentType::kDouble:
-      dlt_user_log_write_float64(&message, argument.As<double>());
-      break;
-    case ArgumentType::kText:
-      dlt_user_log_write_sized_utf8_string(&message, argument.bytes.data(),
-                                           static_cast<std::uint16_t>(argument.bytes.size()));
-      break;
-  }
+/// Gives the library one message; false when it takes none. What it drops because its buffer is
+/// full (a daemon that is too slow) it reports itself.
+bool Give(DltContext& context, LogLevel level, Arguments arguments) {
+  DltContextData message{};
+  // The library reads the buffer only, whatever its parameter's type says.
+  auto* const payload = const_cast<char*>(arguments.encoded().data());
+  const bool taken = dlt_user_log_write_start_w_given_buffer(
+                         &context, &message, static_cast<DltLogLevelType>(level), payload,
+                         arguments.encoded().size(),
+                         static_cast<std::int32_t>(arguments.count())) == DLT_RETURN_TRUE;
+  if (taken) dlt_user_log_write_finish_w_given_buffer(&message);
+  return taken;
 }
 
-/// Writes arguments into one DLT message after the other, as many as they need.
+/// Puts arguments into one DLT message after the other, as many as they need.
 class Parts {
  public:
-  Parts(DltContext& context, LogLevel level)
-      : context_(context), level_(static_cast<DltLogLevelType>(level)) {
-    Begin();
-  }
-  ~Parts() {
-    if (open_) dlt_user_log_write_finish(&message_);
-  }
-  Parts(const Parts&) = delete;
-  Parts& operator=(const Parts&) = delete;
+  Parts(DltContext& context, LogLevel level) : context_(context), level_(level) {}
 
   /// `last`: no argument follows, so no room is needed for the mark of a following part.
   void Add(Argument argument, bool last) {
-    while (!Fits(PayloadSize(argument), last)) {
+    while (!Fits(argument.EncodedSize(), last)) {
       // A text is cut when no part could hold it whole or when much of this part would stay empty.
       const std::size_t room = kMaxPayload - kContinuesSize - used_;
-      const bool needs_cut = kContinuedSize + PayloadSize(argument) + kContinuesSize > kMaxPayload;
+      const bool needs_cut = kContinuedSize + argument.EncodedSize() + kContinuesSize > kMaxPayload;
       if (argument.type == ArgumentType::kText && (needs_cut || room > kMaxPayload / 2) &&
-          room > kTextHeader + 4 && count_ + 2 <= kMaxArguments) {
-        const std::string_view front = FrontOf(argument.bytes, room - kTextHeader);
-        Put(Argument{ArgumentType::kText, front});
-        argument.bytes.remove_prefix(front.size());
+          room > kTextOverhead + 4 && count_ + 2 <= kMaxArguments) {
+        const std::string_view front = FrontOf(argument.value, room - kTextOverhead);
+        PutText(front);
+        argument.value.remove_prefix(front.size());
       }
-      Put(kContinues);
-      dlt_user_log_write_finish(&message_);
-      Begin();
-      if (!open_) return;
-      Put(kContinued);
+      PutText(kContinues);
+      End();
+      PutText(kContinued);
     }
     Put(argument);
   }
-
- private:
-  static constexpr Argument kContinues{ArgumentType::kText, "[continues]"};
-  static constexpr Argument kContinued{ArgumentType::kText, "[continued]"};
-  static constexpr std::size_t kContinuesSize = kTextHeader + kContinues.bytes.size();
-  static constexpr std::size_t kContinuedSize = kTextHeader + kContinued.bytes.size();
-
-  void Begin() {
-    open_ = dlt_user_log_write_start(&context_, &message_, level_) == DLT_RETURN_TRUE;
+  /// Sends what is left. False when the library did not take all.
+  bool End() {
+    taken_ = Give(context_, level_, Arguments({payload_.data(), used_}, count_)) && taken_;
     used_ = 0;
     count_ = 0;
+    return taken_;
   }
+
+ private:
+  static constexpr std::string_view kContinues = "[continues]";
+  static constexpr std::string_view kContinued = "[continued]";
+  static constexpr std::size_t kContinuesSize = kTextOverhead + kContinues.size();
+  static constexpr std::size_t kContinuedSize = kTextOverhead + kContinued.size();
+
   [[nodiscard]] bool Fits(std::size_t size, bool last) const {
-    return !open_ || (used_ + size + (last ? 0 : kContinuesSize) <= kMaxPayload &&
-                      count_ + (last ? 1 : 2) <= kMaxArguments);
+    return used_ + size + (last ? 0 : kContinuesSize) <= kMaxPayload &&
+           count_ + (last ? 1 : 2) <= kMaxArguments;
   }
   void Put(const Argument& argument) {
-    if (!open_) return;
-    Write(message_, argument);
-    used_ += PayloadSize(argument);
+    if (argument.type == ArgumentType::kText) {
+      PutText(argument.value);
+    } else {
+      const bool integer =
+          argument.type == ArgumentType::kSigned || argument.type == ArgumentType::kUnsigned;
+      const auto size = argument.value.size();
+      EncodeNumber(payload_.data() + used_, integer ? OfSize(argument.type, size) : argument.type,
+                   argument.value.data(), size);
+      Count(argument.EncodedSize());
+    }
+  }
+  void PutText(std::string_view text) {
+    EncodeText(payload_.data() + used_, text);
+    Count(kTextOverhead + text.size());
+  }
+  void Count(std::size_t size) {
+    used_ += size;
     ++count_;
   }
 
   DltContext& context_;
-  DltLogLevelType level_;
-  DltContextData message_{};
-  bool open_ = false;
+  const LogLevel level_;
+  std::array<char, kMaxPayload> payload_;
   std::size_t used_ = 0;
   std::size_t count_ = 0;
+  bool taken_ = true;
 };
 
 }  // namespace
@@ -202,26 +177,30 @@ void DltSink::Configure(std::string_view application, std::string_view descripti
 DltSink::Readiness DltSink::Ready(Context* contexts) {
   const State before = state_.load(std::memory_order_acquire);
   if (before == State::kClosed) return {false, Change::kNone};
+  if (before == State::kConnected) {
+    // Whoever finds the daemon dead says so in state_ before he takes the pipe out of watch_.
+    if (ReaderLives() && state_.load(std::memory_order_acquire) == State::kConnected)
+      return {true, Change::kNone};
+  }
   const std::int64_t now = CoarseNow();
   if (before != State::kConnected && now < next_look_.load(std::memory_order_relaxed)) {
     return {false, Change::kNone};
   }
   const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (!lock) return {false, Change::kNone};
   const State state = state_.load(std::memory_order_acquire);
-  if (!lock || state == State::kClosed) return {state == State::kConnected, Change::kNone};
+  if (state == State::kClosed) return {false, Change::kNone};
   const auto change_to = [&](State next, std::int64_t pause, Change change) -> Readiness {
     next_look_.store(now + pause, std::memory_order_relaxed);
     state_.store(next, std::memory_order_release);
     return {next == State::kConnected, change};
   };
   if (state == State::kConnected || state == State::kReturning) {
-    pollfd reader{pipe_, 0, 0};
-    if (::poll(&reader, 1, 0) == 0) {
-      if (state == State::kReturning) return change_to(State::kConnected, 0, Change::kNone);
-      return {true, Change::kNone};
-    }
-    ::close(std::exchange(pipe_, -1));
-    return change_to(State::kLost, 0, state == State::kConnected ? Change::kLost : Change::kNone);
+    if (ReaderLives()) return change_to(State::kConnected, 0, Change::kNone);
+    const auto lost =
+        change_to(State::kLost, 0, state == State::kConnected ? Change::kLost : Change::kNone);
+    ClosePipe();
+    return lost;
   }
   if (!OpenPipe()) return change_to(state, kSearchInterval, Change::kNone);
   if (library_started_) return change_to(State::kReturning, kReattachTime, Change::kReturned);
@@ -231,15 +210,33 @@ DltSink::Readiness DltSink::Ready(Context* contexts) {
   return change_to(State::kConnected, 0, Change::kNone);
 }
 
+bool DltSink::ReaderLives() const {
+  epoll_event event;
+  return ::epoll_wait(watch_, &event, 1, 0) == 0;
+}
+
 bool DltSink::OpenPipe() {
   const char* folder = std::getenv("DLT_PIPE_DIR");
   const std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/dlt";
   pipe_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
   // In a folder that everybody may write to, something else may have taken the name.
   struct stat status {};
-  if (pipe_ >= 0 && (::fstat(pipe_, &status) != 0 || !S_ISFIFO(status.st_mode)))
-    ::close(std::exchange(pipe_, -1));
-  return pipe_ >= 0;
+  if (pipe_ < 0) return false;
+  if (watch_ < 0) watch_ = ::epoll_create1(EPOLL_CLOEXEC);
+  epoll_event death{};  // EPOLLERR comes unasked
+  if (::fstat(pipe_, &status) == 0 && S_ISFIFO(status.st_mode) &&
+      ::epoll_ctl(watch_, EPOLL_CTL_ADD, pipe_, &death) == 0) {
+    return true;
+  }
+  ::close(std::exchange(pipe_, -1));
+  return false;
+}
+
+void DltSink::ClosePipe() {
+  // By hand, because a copy of the pipe in a child that does not run its own program yet would keep
+  // it watched.
+  ::epoll_ctl(watch_, EPOLL_CTL_DEL, pipe_, nullptr);
+  ::close(std::exchange(pipe_, -1));
 }
 
 void DltSink::StartLibrary() {
@@ -280,20 +277,21 @@ void DltSink::RegisterLocked(Context& context) {
 
 bool DltSink::Send(Context& context, LogLevel level, Arguments arguments) {
   if (!context.dlt_ready.load(std::memory_order_acquire)) return false;
+  if (arguments.encoded().size() <= kMaxPayload && arguments.count() <= kMaxArguments)
+    return Give(context.dlt, level, arguments);
   Parts parts(context.dlt, level);
   while (!arguments.empty()) {
     const Argument argument = arguments.Next();
     parts.Add(argument, arguments.empty());
   }
-  return true;
+  return parts.End();
 }
 
 void DltSink::Close() {
   const std::lock_guard lock(mutex_);
   // Without a reader, whatever the library still holds has nowhere to go.
-  pollfd reader{pipe_, 0, 0};
   const bool connected =
-      state_.load(std::memory_order_relaxed) == State::kConnected && ::poll(&reader, 1, 0) == 0;
+      state_.load(std::memory_order_relaxed) == State::kConnected && ReaderLives();
   dlt_set_resend_timeout_atexit(connected ? kDrainMilliseconds : 0);
   state_.store(State::kClosed, std::memory_order_release);
 }

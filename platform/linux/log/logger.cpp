@@ -11,6 +11,8 @@ namespace {
 
 constexpr std::size_t kMaxMessage = std::size_t{64} << 10;
 constexpr std::string_view kTruncated = "[truncated]";
+/// What is left beyond is kept for the mark.
+constexpr std::size_t kLimit = kMaxMessage - kTextOverhead - kTruncated.size();
 
 }  // namespace
 
@@ -42,29 +44,20 @@ const std::string& Logger::ContextId() const noexcept {
 
 void LogStream::AddBool(bool value) noexcept {
   const std::uint8_t byte = value ? 1 : 0;
-  Add(static_cast<std::uint8_t>(ArgumentType::kBool), &byte, 1);
+  AddNumber(static_cast<std::uint32_t>(ArgumentType::kBool), &byte, 1);
 }
 
 void LogStream::AddSigned(std::int64_t value, std::size_t size) noexcept {
-  const auto add = [this](auto narrow) {
-    Add(static_cast<std::uint8_t>(ArgumentType::kSigned), &narrow, sizeof narrow);
-  };
-  switch (size) {
-    case 1:
-      return add(static_cast<std::int8_t>(value));
-    case 2:
-      return add(static_cast<std::int16_t>(value));
-    case 4:
-      return add(static_cast<std::int32_t>(value));
-    default:
-      return add(value);
-  }
+  AddInteger(static_cast<std::uint32_t>(OfSize(ArgumentType::kSigned, size)),
+             static_cast<std::uint64_t>(value), size);
 }
 
 void LogStream::AddUnsigned(std::uint64_t value, std::size_t size) noexcept {
-  const auto add = [this](auto narrow) {
-    Add(static_cast<std::uint8_t>(ArgumentType::kUnsigned), &narrow, sizeof narrow);
-  };
+  AddInteger(static_cast<std::uint32_t>(OfSize(ArgumentType::kUnsigned, size)), value, size);
+}
+
+void LogStream::AddInteger(std::uint32_t type, std::uint64_t value, std::size_t size) noexcept {
+  const auto add = [&](auto narrow) { AddNumber(type, &narrow, sizeof narrow); };
   switch (size) {
     case 1:
       return add(static_cast<std::uint8_t>(value));
@@ -78,15 +71,11 @@ void LogStream::AddUnsigned(std::uint64_t value, std::size_t size) noexcept {
 }
 
 void LogStream::AddFloat(float value) noexcept {
-  Add(static_cast<std::uint8_t>(ArgumentType::kFloat), &value, sizeof value);
+  AddNumber(static_cast<std::uint32_t>(ArgumentType::kFloat), &value, sizeof value);
 }
 
 void LogStream::AddDouble(double value) noexcept {
-  Add(static_cast<std::uint8_t>(ArgumentType::kDouble), &value, sizeof value);
-}
-
-void LogStream::AddText(std::string_view value) noexcept {
-  Add(static_cast<std::uint8_t>(ArgumentType::kText), value.data(), value.size());
+  AddNumber(static_cast<std::uint32_t>(ArgumentType::kDouble), &value, sizeof value);
 }
 
 void LogStream::AddHex(std::uint64_t value) noexcept {
@@ -95,25 +84,27 @@ void LogStream::AddHex(std::uint64_t value) noexcept {
   AddText({digits.data(), static_cast<std::size_t>(end - digits.data())});
 }
 
-void LogStream::Add(std::uint8_t type, const void* data, std::size_t size) noexcept {
-  // What is left beyond the limit is kept for the mark.
+void LogStream::AddNumber(std::uint32_t type, const void* value, std::size_t size) noexcept {
   if (truncated_) return;
-  constexpr std::size_t kLimit = kMaxMessage - kArgumentHeaderSize - kTruncated.size();
-  if (used_ + kArgumentHeaderSize + size > kLimit) {
-    if (type == static_cast<std::uint8_t>(ArgumentType::kText) &&
-        used_ + kArgumentHeaderSize < kLimit) {
-      size = kLimit - used_ - kArgumentHeaderSize;
-    } else {
-      size = 0;
-    }
+  if (used_ + kNumberOverhead + size > kLimit) {
     truncated_ = true;
-    if (size == 0) return;
+  } else if (char* out = Extend(kNumberOverhead + size); out != nullptr) {
+    EncodeNumber(out, static_cast<ArgumentType>(type), value, size);
   }
-  Append(type, data, size);
 }
 
-void LogStream::Append(std::uint8_t type, const void* data, std::size_t size) noexcept {
-  const std::size_t needed = used_ + kArgumentHeaderSize + size;
+void LogStream::AddText(std::string_view value) noexcept {
+  if (truncated_) return;
+  if (used_ + kTextOverhead + value.size() > kLimit) {
+    truncated_ = true;
+    if (used_ + kTextOverhead >= kLimit) return;
+    value = value.substr(0, kLimit - used_ - kTextOverhead);
+  }
+  if (char* out = Extend(kTextOverhead + value.size()); out != nullptr) EncodeText(out, value);
+}
+
+char* LogStream::Extend(std::size_t size) noexcept {
+  const std::size_t needed = used_ + size;
   try {
     if (overflow_ == nullptr && needed > inline_.size()) {
       overflow_ = std::make_unique<std::string>(inline_.data(), used_);
@@ -121,19 +112,21 @@ void LogStream::Append(std::uint8_t type, const void* data, std::size_t size) no
     if (overflow_ != nullptr) overflow_->resize(needed);
   } catch (const std::exception&) {
     truncated_ = true;
-    return;
+    return nullptr;
   }
-  EncodeArgument((overflow_ != nullptr ? overflow_->data() : inline_.data()) + used_,
-                 static_cast<ArgumentType>(type), data, size);
+  char* const out = (overflow_ != nullptr ? overflow_->data() : inline_.data()) + used_;
   used_ = needed;
+  ++count_;
+  return out;
 }
 
 void LogStream::Send() noexcept {
   if (truncated_) {
-    Append(static_cast<std::uint8_t>(ArgumentType::kText), kTruncated.data(), kTruncated.size());
+    if (char* out = Extend(kTextOverhead + kTruncated.size()); out != nullptr)
+      EncodeText(out, kTruncated);
   }
   const char* encoded = overflow_ != nullptr ? overflow_->data() : inline_.data();
-  Backend::Instance().Submit(logger_->context_, level_, {encoded, used_});
+  Backend::Instance().Submit(logger_->context_, level_, Arguments({encoded, used_}, count_));
 }
 
 }  // namespace ara::log

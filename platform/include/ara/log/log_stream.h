@@ -107,14 +107,17 @@ class LogStream {
   void AddDouble(double value) noexcept;
   void AddText(std::string_view value) noexcept;
   void AddHex(std::uint64_t value) noexcept;
-  void Add(std::uint8_t type, const void* data, std::size_t size) noexcept;
-  void Append(std::uint8_t type, const void* data, std::size_t size) noexcept;
+  void AddInteger(std::uint32_t type, std::uint64_t value, std::size_t size) noexcept;
+  void AddNumber(std::uint32_t type, const void* value, std::size_t size) noexcept;
+  /// Where the next argument of `size` bytes goes; null when there is no memory for it.
+  char* Extend(std::size_t size) noexcept;
   void Send() noexcept;
 
   const Logger* logger_;
   LogLevel level_;
   bool truncated_ = false;
   std::size_t used_ = 0;
+  std::size_t count_ = 0;
   /// The arguments in the form that platform/linux/log reads: here while they fit, else in
   /// overflow_.
   std::unique_ptr<std::string> overflow_;
