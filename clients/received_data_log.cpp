@@ -5,6 +5,7 @@
 #include <bit>
 #include <charconv>
 #include <cmath>
+#include <cstring>
 #include <limits>
 #include <string_view>
 #include <type_traits>
@@ -17,6 +18,8 @@ using lumo::services::gnss::datatypes::DT_positions_struct;
 using lumo::services::gnss::datatypes::DT_positionsQuality_struct;
 
 constexpr int significant_digits = 16;
+/// Characters: sign, digits, point and four zeros or an exponent.
+constexpr std::size_t max_number = 32;
 
 constexpr auto powers_of_ten = [] {
   std::array<std::uint64_t, 20> powers{1};
@@ -24,6 +27,24 @@ constexpr auto powers_of_ten = [] {
     powers[i] = powers[i - 1] * 10;
   return powers;
 }();
+
+/// Two decimal digits of every number below 100.
+constexpr auto digit_pairs = [] {
+  std::array<char, 200> pairs{};
+  for (std::size_t i = 0; i < 100; ++i) {
+    pairs[2 * i] = static_cast<char>('0' + i / 10);
+    pairs[2 * i + 1] = static_cast<char>('0' + i % 10);
+  }
+  return pairs;
+}();
+
+/// Writes `value`, less than 10^8, with leading zeros.
+void write_eight_digits(char* out, std::uint32_t value) {
+  for (std::size_t place = 8; place != 0; value /= 100) {
+    place -= 2;
+    std::memcpy(out + place, digit_pairs.data() + std::size_t{2} * (value % 100), 2);
+  }
+}
 
 /// Writes a number between 0.0001 and 2^53, which nearly all measured values are, as
 /// append_number() does, and returns the end; null for any other. The standard library reckons with
@@ -68,7 +89,8 @@ char* write_common_number(char* out, double value) {
 
   if (value < 0) *out++ = '-';
   std::array<char, significant_digits> text;
-  std::to_chars(text.data(), text.data() + text.size(), digits);
+  write_eight_digits(text.data(), static_cast<std::uint32_t>(digits / 100'000'000));
+  write_eight_digits(text.data() + 8, static_cast<std::uint32_t>(digits % 100'000'000));
   const char* end = text.data() + text.size();
   while (end[-1] == '0')
     --end;
@@ -85,74 +107,97 @@ char* write_common_number(char* out, double value) {
   return rest < end ? std::copy(rest, end, out) : out;
 }
 
-template <class Value>
-void append_value(std::string& text, Value value) {
-  if constexpr (std::is_floating_point_v<Value>) {
-    append_number(text, static_cast<double>(value));
-  } else {
-    std::array<char, 24> digits;
-    const auto end =
-        std::to_chars(digits.data(), digits.data() + digits.size(), +value).ptr;  // + for bool
-    text.append(digits.data(), end);
-  }
+/// As append_number().
+char* write_number(char* out, double value) {
+  if (char* const end = write_common_number(out, value); end != nullptr) return end;
+  return std::to_chars(out, out + max_number, value, std::chars_format::general, significant_digits)
+      .ptr;
 }
 
+/// A line of very many short pieces on its way into a text, to which it goes in one piece.
+class Line {
+ public:
+  explicit Line(std::string& text) : text_(text) {}
+  ~Line() { flush(); }
+  Line(const Line&) = delete;
+  Line& operator=(const Line&) = delete;
+
+  /// `piece` is no longer than the buffer.
+  Line& operator<<(std::string_view piece) {
+    make_room(piece.size());
+    std::memcpy(end_, piece.data(), piece.size());
+    end_ += piece.size();
+    return *this;
+  }
+  template <class Value>
+  requires std::is_arithmetic_v<Value> Line& operator<<(Value value) {
+    make_room(max_number);
+    if constexpr (std::is_floating_point_v<Value>) {
+      end_ = write_number(end_, static_cast<double>(value));
+    } else {
+      end_ = std::to_chars(end_, end_ + max_number, +value).ptr;  // + for bool
+    }
+    return *this;
+  }
+
+ private:
+  void make_room(std::size_t size) {
+    if (static_cast<std::size_t>(buffer_.data() + buffer_.size() - end_) < size) flush();
+  }
+  void flush() {
+    text_.append(buffer_.data(), end_);
+    end_ = buffer_.data();
+  }
+
+  std::string& text_;
+  std::array<char, 1024> buffer_;  // NOLINT: filled piece by piece
+  char* end_ = buffer_.data();
+};
+
 template <class Value>
-void append_member(std::string& text,
+void append_member(Line& line,
                    std::string_view name,
                    const boost::optional<Value>& value,
                    std::string_view name_when_absent) {
   if (value) {
-    text.append(name).push_back('=');
-    append_value(text, *value);
+    line << name << "=" << *value;
   } else {
-    text.append(name_when_absent).append(" value is not set");
+    line << name_when_absent << " value is not set";
   }
 }
 template <class Value>
-void append_member(std::string& text, std::string_view name, const boost::optional<Value>& value) {
-  append_member(text, name, value, name);
+void append_member(Line& line, std::string_view name, const boost::optional<Value>& value) {
+  append_member(line, name, value, name);
 }
 
-void append_quality(std::string& text, const boost::optional<Value_type>& quality) {
-  text.append(" (valueType is ").append(binding::to_text(quality)).push_back(')');
+void append_quality(Line& line, const boost::optional<Value_type>& quality) {
+  line << " (valueType is " << binding::to_text(quality) << ")";
 }
 
 template <class Value>
-void append_quantity(std::string& text,
+void append_quantity(Line& line,
                      std::string_view name,
                      const boost::optional<Value>& value,
                      const boost::optional<Value_type>& quality) {
-  append_member(text, name, value);
-  append_quality(text, quality);
+  append_member(line, name, value);
+  append_quality(line, quality);
 }
 
-void append_arrival_age(std::string& text, std::uint64_t sample_us, std::uint64_t arrival_us) {
-  text += ", sample is ";
+void append_arrival_age(Line& line, std::uint64_t sample_us, std::uint64_t arrival_us) {
+  line << ", sample is ";
   if (static_cast<std::int64_t>(arrival_us - sample_us) < 0) {
-    append_value(text, sample_us - arrival_us);
-    text += " us into the future compared to PLT";
+    line << sample_us - arrival_us << " us into the future compared to PLT";
   } else {
-    append_value(text, arrival_us - sample_us);
-    text += " us old at arrival compared to PLT";
+    line << arrival_us - sample_us << " us old at arrival compared to PLT";
   }
-  text += ", sampleTime = ";
-  append_value(text, sample_us);
-  text += " arrivalTime = ";
-  append_value(text, arrival_us);
+  line << ", sampleTime = " << sample_us << " arrivalTime = " << arrival_us;
 }
 
 }  // namespace
 
 void append_number(std::string& text, double value) {
-  // Sign, 17 digits at most, and either a point with up to four zeros before them or an exponent.
-  std::array<char, 32> number;
-  const auto end = write_common_number(number.data(), value);
-  text.append(number.data(),
-              end != nullptr ? end
-                             : std::to_chars(number.data(), number.data() + number.size(), value,
-                                             std::chars_format::general, significant_digits)
-                                   .ptr);
+  std::array<char, max_number> number;
+  text.append(number.data(), write_number(number.data(), value));
 }
 
 // The labels and their order are an interface of their own: log evaluation tools look for them, the
@@ -160,24 +205,25 @@ void append_number(std::string& text, double value) {
 
 void append_line(std::string& text, const DT_positions_struct& position, std::uint64_t arrival_us) {
   const auto& p = position;
-  text += "###### position from gnss:";
-  append_member(text, " position type", p.positionType);
-  append_member(text, ", messageCounter", p.messageCounter);
-  append_quantity(text, ", LAT", p.LAT, p.LAT_valueType);
-  append_quantity(text, ", LON", p.LON, p.LON_valueType);
-  append_quantity(text, ", altitudeWGS84", p.altitudeWGS84, p.altitudeWGS84_valueType);
-  append_quantity(text, ", altitudeMeanSeaLevel", p.altitudeMeanSeaLevel,
+  Line line{text};
+  line << "###### position from gnss:";
+  append_member(line, " position type", p.positionType);
+  append_member(line, ", messageCounter", p.messageCounter);
+  append_quantity(line, ", LAT", p.LAT, p.LAT_valueType);
+  append_quantity(line, ", LON", p.LON, p.LON_valueType);
+  append_quantity(line, ", altitudeWGS84", p.altitudeWGS84, p.altitudeWGS84_valueType);
+  append_quantity(line, ", altitudeMeanSeaLevel", p.altitudeMeanSeaLevel,
                   p.altitudeMeanSeaLevel_valueType);
-  append_member(text, " yawAngle", p.yawAngle, ", yawAngle");
-  append_quality(text, p.yawAngle_valueType);
-  append_quantity(text, ", speed2D", p.speed2D, p.speed2D_valueType);
-  append_quantity(text, ", preciseLocalTimeSeconds", p.preciseLocalTimeSeconds,
+  append_member(line, " yawAngle", p.yawAngle, ", yawAngle");
+  append_quality(line, p.yawAngle_valueType);
+  append_quantity(line, ", speed2D", p.speed2D, p.speed2D_valueType);
+  append_quantity(line, ", preciseLocalTimeSeconds", p.preciseLocalTimeSeconds,
                   p.preciseLocalTimeSeconds_valueType);
-  append_quantity(text, ", preciseLocalTimeNanoseconds", p.preciseLocalTimeNanoseconds,
+  append_quantity(line, ", preciseLocalTimeNanoseconds", p.preciseLocalTimeNanoseconds,
                   p.preciseLocalTimeNanoseconds_valueType);
   if (p.preciseLocalTimeSeconds && p.preciseLocalTimeNanoseconds) {
     append_arrival_age(
-        text,
+        line,
         *p.preciseLocalTimeNanoseconds / 1000 + std::uint64_t{*p.preciseLocalTimeSeconds} * 1000000,
         arrival_us);
   }
@@ -185,20 +231,21 @@ void append_line(std::string& text, const DT_positions_struct& position, std::ui
 
 void append_line(std::string& text, const DT_positionsQuality_struct& quality) {
   const auto& q = quality;
-  text += "###### positions quality from gnss:";
-  append_member(text, " positionType", q.positionType);
-  append_quantity(text, ", gDOP", q.gDOP, q.gDOP_valueType);
-  append_quantity(text, ", hDOP", q.hDOP, q.hDOP_valueType);
-  append_quantity(text, ", pDOP", q.pDOP, q.pDOP_valueType);
-  append_quantity(text, ", vDOP", q.vDOP, q.vDOP_valueType);
-  append_member(text, ", isActivatedAssistedGNSS", q.isActivatedAssistedGNSS);
-  append_member(text, ", statusReceiverMode", q.statusReceiverMode);
-  append_member(text, ", statusFixType", q.statusFixType);
-  append_quantity(text, ", updateRateGNSS", q.updateRateGNSS, q.updateRateGNSS_valueType);
-  append_quantity(text, ", satsInView", q.satsInView, q.satsInView_valueType);
-  append_quantity(text, ", satsInUse", q.satsInUse, q.satsInUse_valueType);
-  append_quantity(text, ", satsTracked", q.satsTracked, q.satsTracked_valueType);
-  append_member(text, ", statusGNSSAntenna", q.statusGNSSAntenna);
+  Line line{text};
+  line << "###### positions quality from gnss:";
+  append_member(line, " positionType", q.positionType);
+  append_quantity(line, ", gDOP", q.gDOP, q.gDOP_valueType);
+  append_quantity(line, ", hDOP", q.hDOP, q.hDOP_valueType);
+  append_quantity(line, ", pDOP", q.pDOP, q.pDOP_valueType);
+  append_quantity(line, ", vDOP", q.vDOP, q.vDOP_valueType);
+  append_member(line, ", isActivatedAssistedGNSS", q.isActivatedAssistedGNSS);
+  append_member(line, ", statusReceiverMode", q.statusReceiverMode);
+  append_member(line, ", statusFixType", q.statusFixType);
+  append_quantity(line, ", updateRateGNSS", q.updateRateGNSS, q.updateRateGNSS_valueType);
+  append_quantity(line, ", satsInView", q.satsInView, q.satsInView_valueType);
+  append_quantity(line, ", satsInUse", q.satsInUse, q.satsInUse_valueType);
+  append_quantity(line, ", satsTracked", q.satsTracked, q.satsTracked_valueType);
+  append_member(line, ", statusGNSSAntenna", q.statusGNSSAntenna);
 }
 
 }  // namespace gnssClient
