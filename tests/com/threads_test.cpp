@@ -130,17 +130,6 @@ TEST(Pool, runs_posted_work_on_all_its_threads) {
   EXPECT_TRUE(test::eventually([&] { return fourth.load(); }));
 }
 
-TEST(Pool, a_slow_piece_does_not_hold_up_the_next_ones) {
-  Barrier barrier;
-  Seen<int> ran;
-  static_thread_pool pool(2);
-  pool.post([&] { barrier.wait(); });
-  for (int i = 0; i < 100; ++i)
-    pool.post([&, i] { ran.add(i); });
-  EXPECT_TRUE(ran.wait_count(100));
-  barrier.release();
-}
-
 TEST(Pool, stop_drops_what_has_not_begun_and_may_be_repeated) {
   Barrier barrier;
   std::atomic<bool> ran{false};
@@ -172,10 +161,6 @@ TEST(Pool, that_stops_before_a_subscription_is_told_its_state_leaves_nobody_wait
   EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout);
   barrier.release();
   stopped.get();
-}
-
-TEST(Pool, needs_a_thread) {
-  EXPECT_THROW(static_thread_pool{0}, std::invalid_argument);
 }
 
 class Reader final : public someip::Readable {

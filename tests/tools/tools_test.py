@@ -41,46 +41,28 @@ class Alone(unittest.TestCase):
             self.assertEqual(code, 0)
             self.assertIn("notifier 0x8001", text)
 
-    def test_watch_says_what_is_missing(self):
+    def test_what_cannot_be_done_is_said(self):
         with Desk(83) as desk:
-            code, output, errors = desk.run(POSCTL, "watch", "--count", 1, "--timeout", 0.3)
-            self.assertEqual((code, output), (1, ""))
-            self.assertIn("posctl: after 0.3 s: no Positioning service was offered", errors)
-
-    def test_status_and_stats_say_that_nobody_answers(self):
-        with Desk(94) as desk:
-            code, output, errors = desk.run(POSCTL, "status", "--timeout", 0.3)
-            self.assertEqual((code, output), (1, ""))
-            self.assertIn(
-                "posctl: the application does not answer: "
-                "no instance of lumo::services::positioning::Positioning is offered\n",
-                errors,
-            )
-            code, output, errors = desk.run(POSCTL, "stats", "--timeout", 0.3)
-            self.assertEqual((code, output), (1, ""))
-            self.assertIn("posctl: no instance of mw::com::runtime::Statistics is offered\n", errors)
-
-    def test_wrong_arguments_are_named(self):
-        with Desk(84) as desk:
-            code, _, errors = desk.run(POSCTL, "read", "d_9999")
-            self.assertEqual(code, 1)
-            self.assertIn('posctl: there is no data identifier "d_9999"', errors)
-            code, _, errors = desk.run(POSCTL, "init-monitor", "POS_Nothing", "kClear")
-            self.assertEqual(code, 1)
-            self.assertIn('posctl: there is no monitor "POS_Nothing"', errors)
-            code, _, errors = desk.run(GATEWAY, "--nmea", desk.path / "none.log")
-            self.assertEqual(code, 1)
-            self.assertIn(f'gnss-gateway: cannot read "{desk.path / "none.log"}": No such file', errors)
+            empty = desk.path / "empty.log"
+            empty.write_text("# nothing\n$GPGGA,broken*00\n")
+            missing = desk.path / "none.log"
+            for program, arguments, text in (
+                (POSCTL, ("watch", "--count", 1, "--timeout", 0.3),
+                 "posctl: after 0.3 s: no Positioning service was offered"),
+                (POSCTL, ("status", "--timeout", 0.3), "posctl: the application does not answer: no instance of "
+                 "lumo::services::positioning::Positioning is offered\n"),
+                (POSCTL, ("stats", "--timeout", 0.3),
+                 "posctl: no instance of mw::com::runtime::Statistics is offered\n"),
+                (POSCTL, ("read", "d_9999"), 'posctl: there is no data identifier "d_9999"'),
+                (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
+                (GATEWAY, ("--nmea", missing), f'gnss-gateway: cannot read "{missing}": No such file'),
+                (GATEWAY, ("--nmea", empty, "--loop"), "holds no NMEA 0183 sentence"),
+            ):
+                code, output, errors = desk.run(program, *arguments)
+                self.assertEqual((code, output), (1, ""), arguments)
+                self.assertIn(text, errors)
             self.assertNotEqual(desk.run(GATEWAY, "--speed-up", 2)[0], 0)
             self.assertNotEqual(desk.run(POSCTL)[0], 0)
-
-    def test_a_recording_without_sentences_is_an_error_even_in_a_loop(self):
-        with Desk(85) as desk:
-            path = desk.path / "empty.log"
-            path.write_text("# nothing\n$GPGGA,broken*00\n")
-            code, _, errors = desk.run(GATEWAY, "--nmea", path, "--loop")
-            self.assertEqual(code, 1)
-            self.assertIn("holds no NMEA 0183 sentence", errors)
 
     def test_the_gateway_ends_with_its_statistics(self):
         with Desk(86) as desk:

@@ -1,14 +1,10 @@
 // The component on a bus of its own, called by busctl as state management would.
 #include "ara/stm/component_client.h"
 
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <spawn.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -35,43 +31,19 @@ using namespace std::chrono_literals;
 const core::InstanceSpecifier kInstance("POS__ORVEL1_Sys_Adaptive_01_instance1");
 constexpr auto kDeadline = 10s;
 
-pid_t Spawn(std::vector<std::string> words, int standard_output) {
-  std::vector<char*> arguments;
-  arguments.reserve(words.size() + 1);
-  for (auto& word : words)
-    arguments.push_back(word.data());
-  arguments.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  ::posix_spawn_file_actions_init(&actions);
-  ::posix_spawn_file_actions_adddup2(&actions, standard_output, STDOUT_FILENO);
-  pid_t pid = -1;
-  if (::posix_spawnp(&pid, arguments[0], &actions, nullptr, arguments.data(), environ) != 0)
-    pid = -1;
-  ::posix_spawn_file_actions_destroy(&actions);
-  return pid;
-}
-
 /// A program whose output is read line by line; it ends with this object.
 class Program {
  public:
-  explicit Program(std::vector<std::string> words) {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-    pid_ = Spawn(std::move(words), ends[1]);
-    ::close(ends[1]);
-    output_ = ::fdopen(ends[0], "r");
-    if (pid_ < 0) throw std::runtime_error("cannot start a program");
-  }
+  explicit Program(const std::string& command)
+      : output_(::popen(("echo $$; exec " + command).c_str(), "re")), pid_(std::stoi(Line())) {}
   ~Program() { Stop(); }
   Program(const Program&) = delete;
   Program& operator=(const Program&) = delete;
 
   void Stop() {
-    if (pid_ <= 0) return;
+    if (output_ == nullptr) return;
     ::kill(pid_, SIGTERM);
-    ::waitpid(pid_, nullptr, 0);
-    std::fclose(output_);
-    pid_ = -1;
+    ::pclose(std::exchange(output_, nullptr));
   }
 
   std::string Line() {
@@ -82,24 +54,18 @@ class Program {
   }
 
  private:
-  pid_t pid_ = -1;
-  FILE* output_ = nullptr;
+  FILE* output_;
+  pid_t pid_;
 };
 
 /// What busctl prints (standard error included) for a call of the component.
 std::string Request(const std::string& state, const std::string& sequence_number) {
-  const std::string command =
-      "busctl --user --timeout=8 call org.adaptive.pos "
-      "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1 "
-      "org.adaptive.pos.ComponentState1 RequestState su '" +
-      state + "' " + sequence_number + " 2>&1";
-  FILE* output =
-      ::popen(command.c_str(), "r");  // NOLINT(cert-env33-c): a fixed command of this test
-  std::string text;
-  for (int c = std::fgetc(output); c != EOF; c = std::fgetc(output))
-    text += static_cast<char>(c);
-  ::pclose(output);
-  return text;
+  return Program(
+             "busctl --user --timeout=8 call org.adaptive.pos "
+             "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1 "
+             "org.adaptive.pos.ComponentState1 RequestState su '" +
+             state + "' " + sequence_number + " 2>&1")
+      .Line();
 }
 
 std::future<std::string> RequestInBackground(const std::string& state,
@@ -111,9 +77,7 @@ class ComponentClientTest : public ::testing::Test {
  protected:
   ComponentClientTest() {
     ::unsetenv("POS_STATE_BUS");
-    daemon_ = std::make_unique<Program>(std::vector<std::string>{
-        "dbus-daemon", "--session", "--nofork", "--nopidfile", "--print-address=1"});
-    ::setenv("DBUS_SESSION_BUS_ADDRESS", daemon_->Line().c_str(), 1);
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", daemon_.Line().c_str(), 1);
   }
 
   /// A client whose handler waits until the test holds it, as an application's does.
@@ -138,7 +102,7 @@ class ComponentClientTest : public ::testing::Test {
     }
   }
 
-  std::unique_ptr<Program> daemon_;
+  Program daemon_{"dbus-daemon --session --nofork --nopidfile --print-address=1"};
   std::mutex mutex_;  ///< guards client_
   std::unique_ptr<ComponentClient> client_;
 };
@@ -147,8 +111,8 @@ TEST_F(ComponentClientTest, answers_a_request_with_the_result_that_the_handler_c
   Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
     client.confirm(number, state, state == "kPrepSD" ? 0 : 1);
   });
-  EXPECT_EQ(Request("kPrepSD", "7"), "u 0\n");
-  EXPECT_EQ(Request("kOn", "8"), "u 1\n");
+  EXPECT_EQ(Request("kPrepSD", "7"), "u 0");
+  EXPECT_EQ(Request("kOn", "8"), "u 1");
 }
 
 TEST_F(ComponentClientTest, answers_when_the_confirmation_comes_later_and_serves_others_meanwhile) {
@@ -162,10 +126,10 @@ TEST_F(ComponentClientTest, answers_when_the_confirmation_comes_later_and_serves
   });
   auto slow = RequestInBackground("slow", "1");
   ASSERT_EQ(asked.get_future().wait_for(kDeadline), std::future_status::ready);
-  EXPECT_EQ(Request("kOn", "2"), "u 0\n");
+  EXPECT_EQ(Request("kOn", "2"), "u 0");
   EXPECT_EQ(slow.wait_for(0s), std::future_status::timeout);
   client_->confirm(1, "slow", 5);
-  EXPECT_EQ(slow.get(), "u 5\n");
+  EXPECT_EQ(slow.get(), "u 5");
 }
 
 TEST_F(ComponentClientTest, a_handler_may_wait_for_a_thread_that_is_confirming) {
@@ -185,15 +149,14 @@ TEST_F(ComponentClientTest, a_handler_may_wait_for_a_thread_that_is_confirming) 
     ASSERT_EQ(waiting.get_future().wait_for(kDeadline), std::future_status::ready);
     client_->confirm(0, "kPrepSD", 0);
   }
-  EXPECT_EQ(answer.get(), "u 0\n");
+  EXPECT_EQ(answer.get(), "u 0");
 }
 
 TEST_F(ComponentClientTest, publishes_every_confirmation_also_those_that_nobody_asked_for) {
   Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
     client.confirm(number, state, 0);
   });
-  Program monitor(
-      {"stdbuf", "-oL", "dbus-monitor", "--session", "type='signal',member='StateConfirmed'"});
+  Program monitor("stdbuf -oL dbus-monitor --session \"type='signal',member='StateConfirmed'\"");
   // The monitor is on the bus once it prints the signal that told it its name.
   while (monitor.Line().find("NameAcquired") == std::string::npos) {
   }
@@ -210,7 +173,7 @@ TEST_F(ComponentClientTest, publishes_every_confirmation_also_those_that_nobody_
   };
   client_->confirm(0, "kPrepSD", 0);
   EXPECT_EQ(next(), "uint32 0, string \"kPrepSD\", uint32 0");
-  EXPECT_EQ(Request("kOn", "9"), "u 0\n");
+  EXPECT_EQ(Request("kOn", "9"), "u 0");
   EXPECT_EQ(next(), "uint32 9, string \"kOn\", uint32 0");
 }
 
@@ -257,7 +220,7 @@ TEST_F(ComponentClientTest, ends_while_requests_keep_coming) {
 TEST_F(ComponentClientTest, a_bus_that_ends_costs_one_warning) {
   Create([](ComponentClient&, const std::string&, std::uint32_t) {});
   const log::Capture capture;
-  daemon_->Stop();
+  daemon_.Stop();
   EXPECT_TRUE(capture.WaitFor([](const auto& record) {
     return record.Text().find("the bus is gone") != std::string::npos;
   }));
@@ -301,7 +264,7 @@ TEST_F(ComponentClientTest, the_bus_is_chosen_by_the_environment) {
   Create([](ComponentClient& client, const std::string& state, std::uint32_t number) {
     client.confirm(number, state, 0);
   });
-  EXPECT_EQ(Request("kOn", "1"), "u 0\n");
+  EXPECT_EQ(Request("kOn", "1"), "u 0");
   EXPECT_THROW((void)createComponentClient(kInstance, nullptr), std::invalid_argument);
 }
 

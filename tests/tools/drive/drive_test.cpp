@@ -57,21 +57,6 @@ TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
   EXPECT_LT(left, -3);
 }
 
-TEST(Drive, the_course_is_closed_and_repeats) {
-  const Course course;
-  const Sample start = course.sample(0s);
-  const Sample end = course.sample(course.lap_time() - 1ns);
-  EXPECT_LT(std::hypot(metres_north(start, end), metres_east(start, end)), 0.01);
-  EXPECT_GT(course.length(), 3000);
-  for (const auto time : {-7s, 50s, 200s}) {
-    const Sample once = course.sample(time);
-    const Sample again = course.sample(time + course.lap_time());
-    EXPECT_NEAR(once.latitude, again.latitude, 1e-9);
-    EXPECT_NEAR(once.heading, again.heading, 1e-5);
-    EXPECT_EQ(once.fix, again.fix);
-  }
-}
-
 TEST(Drive, a_round_has_a_stop_and_a_tunnel_in_which_only_dead_reckoning_goes_on) {
   const Course course;
   auto standing = 0s;
