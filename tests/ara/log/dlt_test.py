@@ -63,7 +63,8 @@ class Daemon:
                                          stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
                                          errors="replace")
         self.received = Reader(self.receiver.stdout)
-        self.received.wait_for_text("New client connection")
+        # Whatever comes first: the end of the connection above can swallow the greeting.
+        self.received.wait_for(bool, "message of the daemon")
 
     def of(self, context):
         """(level, number of arguments, text) of each message of a context."""
