@@ -107,7 +107,7 @@ void Discovery_channel::drain(Socket& socket, bool multicast) {
 void Discovery_channel::send(const std::vector<std::byte>& message,
                              const std::optional<Endpoint>& to) {
   const Endpoint destination = to.value_or(group_);
-  if (const auto error = unicast_.udp.send(message, {}, Socket_address(destination))) {
+  if (const auto error = unicast_.udp.send(message, Socket_address(destination))) {
     counters_.send_failed.add();
     log_.limited(
         Log_level::warning, "discovery",

@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <chrono>
@@ -34,6 +35,22 @@ std::byte* spill(std::size_t index) {
   // NOLINTNEXTLINE(clang-analyzer-cplusplus.NewDelete): initialised once per thread, not per call
   return memory.get() + index * max_datagram;
 }
+
+/// A message, or a segment of one, in one piece: the kernel takes two with more effort than the
+/// copy costs.
+class Datagram {
+ public:
+  Datagram(Bytes head, Bytes rest) : size_(head.size() + rest.size()) {
+    std::ranges::copy(rest, std::ranges::copy(head, bytes_.begin()).out);
+  }
+  [[nodiscard]] Bytes bytes() const { return Bytes(bytes_).first(size_); }
+
+ private:
+  static constexpr std::size_t longest = header_size + max_datagram_payload;
+  static_assert(longest >= header_size + segment_header_size + max_segment_payload);
+  std::array<std::byte, longest> bytes_;
+  const std::size_t size_;
+};
 
 }  // namespace
 
@@ -284,7 +301,8 @@ void Udp_port::take(const Buffer& buffer,
   harvest.malformed_from = from;
 }
 
-bool Udp_port::sent(std::error_code error, const Socket_address& to) {
+bool Udp_port::send_datagram(Bytes datagram, const Socket_address& to) {
+  const auto error = socket_->send(datagram, to);
   if (!error) {
     counters_.datagrams_sent.add();
     return true;
@@ -302,10 +320,9 @@ void Udp_port::send(const Header& header, Bytes payload, std::span<const Socket_
     shaper_.send(*this, header, payload, to);
     return;
   }
-  const Header_bytes head = header_bytes(header, payload.size());
-  for (const Socket_address& destination : to) {
-    static_cast<void>(sent(socket_->send(head, payload, destination), destination));
-  }
+  const Datagram datagram(header_bytes(header, payload.size()), payload);
+  for (const Socket_address& destination : to)
+    send_datagram(datagram.bytes(), destination);
 }
 
 std::size_t Udp_port::send_part(const Header& header,
@@ -314,13 +331,12 @@ std::size_t Udp_port::send_part(const Header& header,
                                 std::size_t segments,
                                 const Socket_address& to) {
   if (payload.size() <= max_datagram_payload) {
-    const Header_bytes head = header_bytes(header, payload.size());
-    static_cast<void>(sent(socket_->send(head, payload, to), to));
+    send_datagram(Datagram(header_bytes(header, payload.size()), payload).bytes(), to);
     return payload.size();
   }
   for (; segments > 0 && offset < payload.size(); --segments) {
     const Segment segment = segment_at(header, payload, offset);
-    if (!sent(socket_->send(segment.head, segment.part, to), to)) return payload.size();
+    if (!send_datagram(Datagram(segment.head, segment.part).bytes(), to)) return payload.size();
     counters_.segments_sent.add();
     offset += segment.part.size();
   }

@@ -101,7 +101,7 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   [[nodiscard]] std::size_t receive_batch(Harvest& harvest);
   void take(const Buffer& buffer, std::size_t size, const Endpoint& from, Harvest& harvest);
   void report(const Harvest& harvest);
-  [[nodiscard]] bool sent(std::error_code error, const Socket_address& to);
+  bool send_datagram(Bytes datagram, const Socket_address& to);
 
   const std::unique_ptr<Udp_socket> socket_;
   const Endpoint local_;

@@ -3,7 +3,6 @@
 #include <fcntl.h>
 #include <ifaddrs.h>
 #include <net/if.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -62,11 +61,6 @@ ipv6_mreq membership_v6(const Address& group, const Address& own) {
   std::memcpy(&request.ipv6mr_multiaddr, bytes.data(), bytes.size());
   request.ipv6mr_interface = interface_of(own);
   return request;
-}
-
-iovec vector_of(Bytes bytes) {
-  // sendmsg() does not write; its interface only cannot say so.
-  return {const_cast<std::byte*>(bytes.data()), bytes.size()};
 }
 
 }  // namespace
@@ -173,15 +167,12 @@ void Udp_socket::leave(const Address& group, const Address& own) {
                     : set(descriptor_, IPPROTO_IPV6, IPV6_LEAVE_GROUP, membership_v6(group, own)));
 }
 
-std::error_code Udp_socket::send(Bytes head, Bytes rest, const Socket_address& to) const {
-  std::array<iovec, 2> parts{vector_of(head), vector_of(rest)};
-  msghdr message{};
-  message.msg_name = const_cast<sockaddr*>(to.data());
-  message.msg_namelen = to.size();
-  message.msg_iov = parts.data();
-  message.msg_iovlen = rest.empty() ? 1 : 2;
+std::error_code Udp_socket::send(Bytes datagram, const Socket_address& to) const {
   for (int attempts = 3;;) {
-    if (::sendmsg(descriptor_, &message, MSG_DONTWAIT | MSG_NOSIGNAL) >= 0) return {};
+    if (::sendto(descriptor_, datagram.data(), datagram.size(), MSG_DONTWAIT | MSG_NOSIGNAL,
+                 to.data(), to.size()) >= 0) {
+      return {};
+    }
     if (errno == EINTR) continue;
     // With keep_errors() the error of an earlier datagram, to somebody else, is reported first,
     // once.

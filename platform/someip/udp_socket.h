@@ -1,5 +1,4 @@
-/// A UDP socket as the hot path needs it: several datagrams per receive, header and payload per
-/// send, never waiting.
+/// A UDP socket as the hot path needs it: sending never waits.
 #pragma once
 
 #include <netinet/in.h>
@@ -61,8 +60,8 @@ class Udp_socket {
   /// Also when the interface that was joined on is gone.
   void leave(const Address& group, const Address& own);
 
-  /// One datagram of two parts. EAGAIN when the socket's buffer is full.
-  [[nodiscard]] std::error_code send(Bytes head, Bytes rest, const Socket_address& to) const;
+  /// EAGAIN when the socket's buffer is full.
+  [[nodiscard]] std::error_code send(Bytes datagram, const Socket_address& to) const;
 
  private:
   int descriptor_;

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
+#include <algorithm>
+
 namespace someip {
 namespace {
 
@@ -24,13 +26,13 @@ TEST_P(ClosedPorts, come_back_with_the_destination_and_the_message_and_disturb_n
   Header header;
   header.service = 0x1111;
   header.method = 0x8001;
-  const std::vector<std::byte> rest(1000);
-  const Header_bytes head = header_bytes(header, rest.size());
-  ASSERT_FALSE(sender.send(head, rest, Socket_address(nobody)));
+  std::vector<std::byte> datagram(header_size + 1000);
+  std::ranges::copy(header_bytes(header, 1000), datagram.begin());
+  ASSERT_FALSE(sender.send(datagram, Socket_address(nobody)));
   pollfd wait{sender.descriptor(), 0, 0};
   ASSERT_EQ(::poll(&wait, 1, 10'000), 1);
 
-  EXPECT_FALSE(sender.send(head, rest, Socket_address(open.local())));
+  EXPECT_FALSE(sender.send(datagram, Socket_address(open.local())));
   const auto error = next_error(sender.descriptor());
   ASSERT_TRUE(error && error->returned);
   EXPECT_EQ(error->returned->destination, nobody);
