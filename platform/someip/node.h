@@ -159,10 +159,7 @@ class Node final : private Discovery_server_host,
   void connect_route(Client_event& event, const Remote_offer& offer);
   void leave_multicast(const Group_key& key);
   void dispatch(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
-  void notification(const Received& message,
-                    const Endpoint& from,
-                    Transport transport,
-                    Tasks& tasks);
+  void notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
   [[nodiscard]] std::optional<Endpoint> endpoint_of(const Instance_key& instance,
                                                     Transport transport);
   [[nodiscard]] std::uint16_t fire_and_forget_session();

@@ -228,7 +228,7 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
     return;
   }
   if (header.is(Message_type::notification)) {
-    notification(message, from, transport, tasks);
+    notification(std::move(message), from, transport, tasks);
     return;
   }
   if (!header.is(Message_type::response) && !header.is(Message_type::error)) {
@@ -252,24 +252,22 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
   tasks.push_back(std::make_shared<Answer>(std::move(call->handler), std::move(message)));
 }
 
-void Node::notification(const Received& message,
-                        const Endpoint& from,
-                        Transport transport,
-                        Tasks& tasks) {
-  const Header& header = message.header;
-  const auto sinks = routes_.find({from, transport, header.service, header.method});
+void Node::notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
+  const Header header = message.header;
+  auto sinks = routes_.find({from, transport, header.service, header.method});
   if (sinks.empty() || header.code != 0) {
     counters_.dropped_unexpected.add();
     return;
   }
-  for (const auto& sink : sinks) {
+  for (auto& sink : sinks) {
     if (header.interface_version != sink->interface_version()) {
       counters_.dropped_wrong_version.add();
       continue;
     }
     counters_.notifications_received.add();
     sink->set_value_seen(true);
-    if (sink->enqueue(message)) tasks.push_back(sink);
+    const bool last = &sink == &sinks.back();
+    if (sink->enqueue(last ? std::move(message) : message)) tasks.push_back(std::move(sink));
   }
 }
 

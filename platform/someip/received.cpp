@@ -7,12 +7,6 @@
 
 namespace someip {
 
-struct Buffer::Block {
-  std::atomic<std::uint32_t> references{1};
-  std::size_t size = 0;
-  std::byte* bytes() { return reinterpret_cast<std::byte*>(this + 1); }
-};
-
 namespace {
 
 /// Blocks of the usual size that nobody uses. Never destroyed: buffers may outlive every other
@@ -60,25 +54,7 @@ Buffer Buffer::copy_of(Bytes bytes) {
   return buffer;
 }
 
-std::byte* Buffer::data() const {
-  return block_->bytes();
-}
-std::size_t Buffer::size() const {
-  return block_ == nullptr ? 0 : block_->size;
-}
-
-bool Buffer::unique() const {
-  // Acquire: what the others did with the bytes has happened before they are written again.
-  return block_ != nullptr && block_->references.load(std::memory_order_acquire) == 1;
-}
-
-void Buffer::retain() noexcept {
-  if (block_ != nullptr) block_->references.fetch_add(1, std::memory_order_relaxed);
-}
-
-void Buffer::release() noexcept {
-  // Release, then acquire by the last one: it must see what the others read and wrote.
-  if (block_ == nullptr || block_->references.fetch_sub(1, std::memory_order_acq_rel) != 1) return;
+void Buffer::give_back() noexcept {
   const std::size_t size = block_->size;
   block_->~Block();
   if (size != usual_size || !Free_list::instance().keep(block_)) ::operator delete(block_);

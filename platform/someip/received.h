@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <utility>
 
 #include "platform/someip/message.h"
@@ -27,16 +28,31 @@ class Buffer {
   ~Buffer() { release(); }
 
   [[nodiscard]] static Buffer copy_of(Bytes bytes);
-  [[nodiscard]] std::byte* data() const;
-  [[nodiscard]] std::size_t size() const;
+  [[nodiscard]] std::byte* data() const { return reinterpret_cast<std::byte*>(block_ + 1); }
+  [[nodiscard]] std::size_t size() const { return block_ == nullptr ? 0 : block_->size; }
   [[nodiscard]] bool empty() const { return block_ == nullptr; }
   /// Nobody else refers to the bytes.
-  [[nodiscard]] bool unique() const;
+  [[nodiscard]] bool unique() const {
+    // Acquire: what the others did with the bytes has happened before they are written again.
+    return block_ != nullptr && block_->references.load(std::memory_order_acquire) == 1;
+  }
 
  private:
-  struct Block;
-  void retain() noexcept;
-  void release() noexcept;
+  /// In front of its bytes.
+  struct Block {
+    std::atomic<std::uint32_t> references{1};
+    std::size_t size = 0;
+  };
+  void retain() noexcept {
+    if (block_ != nullptr) block_->references.fetch_add(1, std::memory_order_relaxed);
+  }
+  void release() noexcept {
+    // Release, then acquire by the last one: it must see what the others read and wrote.
+    if (block_ == nullptr || block_->references.fetch_sub(1, std::memory_order_acq_rel) != 1)
+      return;
+    give_back();
+  }
+  void give_back() noexcept;
   Block* block_ = nullptr;
 };
 

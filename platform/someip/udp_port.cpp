@@ -179,10 +179,9 @@ void Udp_port::receive_in_thread() {
     }
     if (!tasks.empty()) tasks.front()->run();
     report(harvest);
+    if (doing_.exchange(Doing::receiving) != Doing::handling_relieved) continue;
     const std::lock_guard lock(receive_mutex_);
-    in_handlers_ = false;
-    if (!watch_) continue;
-    workers_.unwatch(*std::exchange(watch_, std::nullopt), socket_->descriptor());
+    if (watch_) workers_.unwatch(*std::exchange(watch_, std::nullopt), socket_->descriptor());
   }
 }
 
@@ -201,7 +200,7 @@ bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   errors_ = 0;
   counters_.datagrams_received.add();
   take(buffer, static_cast<std::size_t>(size), from.endpoint(), harvest);
-  in_handlers_ = true;
+  doing_.store(Doing::handling, std::memory_order_relaxed);  // the alarm looks under the lock
   ++turn_;
   // While datagrams keep coming, the alarm goes on by itself.
   if (!std::exchange(ticking_, true)) alarm_->set();
@@ -216,7 +215,8 @@ void Udp_port::watch_over_thread() {
     return;
   }
   ticking_ = false;
-  if (in_handlers_) workers_receive();
+  auto expected = Doing::handling;
+  if (doing_.compare_exchange_strong(expected, Doing::handling_relieved)) workers_receive();
 }
 
 void Udp_port::on_readable() {

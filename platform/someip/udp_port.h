@@ -3,6 +3,7 @@
 #pragma once
 
 #include <array>
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -116,13 +117,14 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   std::mutex receive_mutex_;  ///< keeps the order of datagrams; guards the members below
   bool open_ = false;
   std::optional<Workers::Watch> watch_;  ///< while the workers receive
-  /// Of the own thread, if there is one. It holds no lock while it waits in the socket: nobody else
-  /// receives then.
-  bool in_handlers_ = false;
-  int errors_ = 0;                  ///< that it received in a row
-  std::uint64_t turn_ = 0;          ///< counts its receives
-  std::uint64_t turn_at_tick_ = 0;  ///< as the alarm saw it last
-  bool ticking_ = false;            ///< the alarm will go off
+  int errors_ = 0;                       ///< that the own thread received in a row, if there is one
+  std::uint64_t turn_ = 0;               ///< counts its receives
+  std::uint64_t turn_at_tick_ = 0;       ///< as the alarm saw it last
+  bool ticking_ = false;                 ///< the alarm will go off
+  /// What the own thread does. It waits in the socket without a lock: nobody else receives then. It
+  /// leaves `handling` in one step, which tells it whether the alarm, under the lock, was faster.
+  enum class Doing { receiving, handling, handling_relieved };
+  std::atomic<Doing> doing_{Doing::receiving};
   std::shared_ptr<Alarm> alarm_;
   std::array<Buffer, datagrams_per_batch> buffers_;  ///< for the next batch
 };

@@ -8,31 +8,36 @@ Strand::~Strand() {
   close();
   // Whoever got true from enqueue() still has to come back from run().
   std::unique_lock lock(mutex_);
-  idle_.wait(lock, [this] { return !busy_ || runner_ == std::this_thread::get_id(); });
+  finished_.wait(lock, [this] { return (state_ & owned) == 0 || running_in_this_thread(); });
 }
 
 bool Strand::enqueue(std::function<void()> work) {
   const std::lock_guard lock(mutex_);
-  if (closed_) return false;
+  if ((state_ & closed) != 0) return false;
   queue_.push_back(std::move(work));
-  return !std::exchange(busy_, true);
+  return (state_.fetch_or(owned | queued) & owned) == 0;
 }
 
 bool Strand::claim() {
-  const std::lock_guard lock(mutex_);
-  return !closed_ && !std::exchange(busy_, true);
+  unsigned expected = idle;
+  return state_.compare_exchange_strong(expected, owned);
 }
 
 bool Strand::begin() {
-  const std::lock_guard lock(mutex_);
-  if (closed_) return false;
-  runner_ = std::this_thread::get_id();
-  return true;
+  runner_.store(std::this_thread::get_id(), std::memory_order_relaxed);
+  return (state_.fetch_or(running) & closed) == 0;
 }
 
 void Strand::run() {
+  static_cast<void>(begin());
+  run_queue();
+}
+
+void Strand::run_queue() {
+  // The last touch when it succeeds: nobody waits, but the strand may be destroyed from here on.
+  unsigned expected = owned | running;
+  if (state_.compare_exchange_strong(expected, idle)) return;
   std::unique_lock lock(mutex_);
-  runner_ = std::this_thread::get_id();
   while (!queue_.empty()) {
     auto work = std::move(queue_.front());
     queue_.pop_front();
@@ -41,10 +46,9 @@ void Strand::run() {
     work = nullptr;  // what it holds may call back when it goes
     lock.lock();
   }
-  runner_ = {};
-  busy_ = false;
+  state_ &= closed;
   // Under the lock: the one who waits may destroy the strand as soon as it gets the lock.
-  idle_.notify_all();
+  finished_.notify_all();
 }
 
 void Strand::dispatch(std::function<void()> work) {
@@ -53,19 +57,17 @@ void Strand::dispatch(std::function<void()> work) {
 
 void Strand::close() {
   std::unique_lock lock(mutex_);
-  closed_ = true;
+  state_ |= closed;
   auto dropped = std::exchange(queue_, {});
   lock.unlock();
   dropped.clear();
   lock.lock();
-  idle_.wait(lock, [this] {
-    return runner_ == std::thread::id{} || runner_ == std::this_thread::get_id();
-  });
+  finished_.wait(lock, [this] { return (state_ & running) == 0 || running_in_this_thread(); });
 }
 
 bool Strand::running_in_this_thread() const {
-  const std::lock_guard lock(mutex_);
-  return runner_ == std::this_thread::get_id();
+  return (state_ & running) != 0 &&
+         runner_.load(std::memory_order_relaxed) == std::this_thread::get_id();
 }
 
 }  // namespace mw::com

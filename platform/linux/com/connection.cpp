@@ -42,9 +42,9 @@ Subscription::~Subscription() {
   if (!strand_.running_in_this_thread()) strand_.run();
 }
 
-bool Subscription::enqueue(const someip::Received& notification) {
+bool Subscription::enqueue(someip::Received notification) {
   if (strand_.claim()) {
-    first_ = notification;
+    first_ = std::move(notification);
     return true;
   }
   // Relaxed: the bound need not be exact, and the strand orders everything else.

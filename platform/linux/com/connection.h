@@ -41,7 +41,7 @@ class Subscription final : public someip::Event_sink,
   Subscription(const Subscription&) = delete;
   Subscription& operator=(const Subscription&) = delete;
 
-  [[nodiscard]] bool enqueue(const someip::Received& notification) override;
+  [[nodiscard]] bool enqueue(someip::Received notification) override;
   void run() override;
   void subscription_changed(bool active) override;
   /// No handler runs any more when it returns (not waited for inside a handler).

@@ -2,6 +2,7 @@
 /// hand.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <deque>
@@ -40,7 +41,7 @@ class Strand {
   template <class Work>
   void run_claimed(Work&& first) {
     if (begin()) std::forward<Work>(first)();
-    run();
+    run_queue();
   }
 
   /// enqueue() and, when the strand was free, run(): inline on the calling thread.
@@ -53,14 +54,27 @@ class Strand {
   [[nodiscard]] bool running_in_this_thread() const;
 
  private:
+  enum State : unsigned {
+    idle = 0,
+    owned = 1,    ///< somebody runs the strand or is about to
+    running = 2,  ///< the owner has begun
+    queued = 4,   ///< there may be work in the queue
+    closed = 8,
+  };
+  /// False when the strand was closed before.
   [[nodiscard]] bool begin();
+  void run_queue();
 
-  mutable std::mutex mutex_;  ///< guards all members below; never held while work runs
-  std::condition_variable idle_;
+  /// In one word, so that work which finds the strand free needs no lock: claim() takes it from
+  /// `idle` and the end brings it back there, in one step each. Whoever wants more of the owner
+  /// (queued work, close()) sets a bit; the step at the end then fails and the owner looks under
+  /// the mutex.
+  std::atomic<unsigned> state_{idle};
+  std::atomic<std::thread::id>
+      runner_;        ///< the last one; relaxed: a thread only asks whether it is itself
+  std::mutex mutex_;  ///< guards queue_ and the end of a run that somebody may wait for
+  std::condition_variable finished_;
   std::deque<std::function<void()>> queue_;
-  std::thread::id runner_;
-  bool busy_ = false;
-  bool closed_ = false;
 };
 
 }  // namespace mw::com
