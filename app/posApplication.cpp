@@ -149,8 +149,9 @@ void posApplication::sendDRPosition(const GnssPosition& position) {
   ara::log::LogInfo() << "Sending " << (settings_->useGNSSDR ? "GNSS-DR" : "GNSS")
                       << " input position as POS output DR position.";
   posService_.sendDR(posService::toPositioning(position, outputDefaults_));
-  diagnosisService_.dataReceived(kMonitorOutputDeadReckoning);
-  diagnosisService_.dataReceived(kMonitorInputGnss);
+  const auto now = diagnosisService::diagnosisServiceImpl::Clock::now();
+  diagnosisService_.dataReceived(kMonitorOutputDeadReckoning, now);
+  diagnosisService_.dataReceived(kMonitorInputGnss, now);
 }
 
 void posApplication::initTimemasterClient() {

@@ -1,6 +1,7 @@
 #include "clients/data_faults.h"
 
 #include <cmath>
+#include <cstdint>
 #include <type_traits>
 
 namespace clients {
@@ -14,11 +15,26 @@ constexpr double farthest_longitude = 180;
 constexpr std::uint32_t nanoseconds_per_second = 1'000'000'000;
 
 template <class Value>
-bool is_number(const Value& value) {
+bool is_number(const boost::optional<Value>& value) {
+  if (!value) return false;
   if constexpr (std::is_floating_point_v<Value>) {
-    return std::isfinite(value);
+    return std::isfinite(*value);
   } else {
     return true;
+  }
+}
+
+/// What a quality tells of a quantity that is not a good physical value.
+Data_faults faults_of(Value_type quality) {
+  switch (quality) {
+    case Value_type::init:
+    case Value_type::logical_value:
+      return {};
+    case Value_type::error:
+      return {.error_value = true};
+    case Value_type::physical_value:
+    default:
+      return {.implausible = true};
   }
 }
 
@@ -27,21 +43,8 @@ Data_faults faults_of_quantities(const Record& record) {
   Data_faults faults;
   binding::for_each_quantity<Record>([&](const auto& quantity) {
     const auto& quality = record.*quantity.quality.pointer;
-    if (!quality) return;
-    const auto& value = record.*quantity.value.pointer;
-    switch (*quality) {
-      case Value_type::physical_value:
-        if (!value || !is_number(*value)) faults.implausible = true;
-        break;
-      case Value_type::error:
-        faults.error_value = true;
-        break;
-      case Value_type::init:
-      case Value_type::logical_value:
-        break;
-      default:
-        faults.implausible = true;
-    }
+    if (quality == Value_type::physical_value && is_number(record.*quantity.value.pointer)) return;
+    if (quality) faults |= faults_of(*quality);
   });
   return faults;
 }

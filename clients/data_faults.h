@@ -13,6 +13,11 @@ struct Data_faults {
   bool error_value = false;  ///< a quantity comes with the valueType Error
   bool implausible = false;  ///< something contradicts its definition, see data_faults()
 
+  Data_faults& operator|=(const Data_faults& more) {
+    error_value |= more.error_value;
+    implausible |= more.implausible;
+    return *this;
+  }
   friend bool operator==(const Data_faults&, const Data_faults&) = default;
 };
 
@@ -42,11 +47,8 @@ class Fault_watch {
   void look(const std::vector<Record>& records) {
     if (!changed_) return;
     Data_faults found;
-    for (const auto& record : records) {
-      const auto faults = data_faults(record);
-      found.error_value |= faults.error_value;
-      found.implausible |= faults.implausible;
-    }
+    for (const auto& record : records)
+      found |= data_faults(record);
     if (found == present_) return;
     present_ = found;
     changed_(found);

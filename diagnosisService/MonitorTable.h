@@ -69,14 +69,21 @@ static_assert(std::is_sorted(kMonitors.begin(), kMonitors.end(), [](const auto& 
   return a.identifier < b.identifier;
 }));
 
+/// Places in kMonitors by the distance from the first identifier: asked for with each position.
+inline constexpr auto kMonitorPlaces = [] {
+  constexpr auto first = kMonitors.front().identifier;
+  std::array<std::uint8_t, kMonitors.back().identifier - first + 1> places;
+  places.fill(kNoMonitor);
+  for (std::size_t i = 0; i < kMonitors.size(); ++i) {
+    places[kMonitors[i].identifier - first] = static_cast<std::uint8_t>(i);
+  }
+  return places;
+}();
+
 /// Place in kMonitors, kNoMonitor for an identifier that is not there.
 [[nodiscard]] constexpr std::size_t monitorIndex(std::uint32_t identifier) {
-  const auto found = std::lower_bound(
-      kMonitors.begin(), kMonitors.end(), identifier,
-      [](const Monitor& monitor, std::uint32_t wanted) { return monitor.identifier < wanted; });
-  return found != kMonitors.end() && found->identifier == identifier
-             ? static_cast<std::size_t>(found - kMonitors.begin())
-             : kNoMonitor;
+  const auto distance = identifier - kMonitors.front().identifier;  // huge when it is before
+  return distance < kMonitorPlaces.size() ? kMonitorPlaces[distance] : kNoMonitor;
 }
 
 /// Place in kMonitors of the first monitor that reports this byte.

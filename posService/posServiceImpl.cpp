@@ -24,6 +24,10 @@ posServiceImpl::Map_info map_matched(const posServiceImpl::Position& position, S
   return map_info;
 }
 
+std::uint32_t to_ms(std::uint64_t us) {
+  return static_cast<std::uint32_t>(us / 1000);
+}
+
 bool same_bits(const boost::optional<double>& a, const boost::optional<double>& b) {
   return a && b && std::bit_cast<std::uint64_t>(*a) == std::bit_cast<std::uint64_t>(*b);
 }
@@ -50,26 +54,26 @@ void posServiceImpl::stop() {
   if (skeleton_ != nullptr) skeleton_->StopOfferService();
 }
 
-void posServiceImpl::sendDR(const Position& position) {
+void posServiceImpl::sendDR(Position position) {
+  auto now_us = time_.currentTimeUs();
   // Unsigned, so that the 32-bit clock may wrap around.
-  const std::uint32_t elapsed_ms = now_ms() - last_mm_sent_ms_;
+  const std::uint32_t elapsed_ms = to_ms(now_us) - last_mm_sent_ms_;
   if (elapsed_ms > mm_interval_ms_) {
     const auto map_info = map_matched(position, Source::dead_reckoning);
     diagnosis_.refreshMapMatchedPosition(position, map_info);
     sendMM(map_info);
     logger_.LogInfo() << "DR position is being sent as MM, time from last MM sent pos: "
                       << elapsed_ms << "ms";
-    last_mm_sent_ms_ = now_ms();
+    now_us = time_.currentTimeUs();
+    last_mm_sent_ms_ = to_ms(now_us);
   }
 
   if (!position.preciseLocalTimeSeconds || !position.preciseLocalTimeNanoseconds) return;
   if (!always_send_ && is_repeated(position)) return;
   const auto stamp_us =
       *position.preciseLocalTimeNanoseconds / 1000 + *position.preciseLocalTimeSeconds * us_per_s;
-  Position aged = position;
-  aged.age =
-      static_cast<std::uint32_t>(timeutils::absoluteDifference(stamp_us, time_.currentTimeUs()));
-  publish(aged);
+  position.age = static_cast<std::uint32_t>(timeutils::absoluteDifference(stamp_us, now_us));
+  publish(position);
 }
 
 void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
@@ -129,8 +133,4 @@ void posServiceImpl::publish(const Position& position) {
 
 bool posServiceImpl::is_repeated(const Position& position) const {
   return same_bits(position.LAT, last_latitude_) && same_bits(position.LON, last_longitude_);
-}
-
-std::uint32_t posServiceImpl::now_ms() const {
-  return static_cast<std::uint32_t>(time_.currentTimeMs());
 }

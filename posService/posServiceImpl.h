@@ -48,7 +48,7 @@ class posServiceImpl {
 
   /// Publishes a dead-reckoned position when it has a full timestamp, with its age in microseconds,
   /// and a map-matched record made from it when the interval has passed.
-  void sendDR(const Position& position);
+  void sendDR(Position position);
   /// Publishes a position made of the coordinates in degrees, whatever their values, and a
   /// map-matched record. Without both coordinates only the time is published, as position.
   void updatePositions(const boost::optional<double>& latitude,
@@ -60,7 +60,6 @@ class posServiceImpl {
  private:
   void publish(const Position& position);
   [[nodiscard]] bool is_repeated(const Position& position) const;
-  [[nodiscard]] std::uint32_t now_ms() const;
 
   diagnosisService::diagnosisServiceImpl& diagnosis_;
   const timeutils& time_;
