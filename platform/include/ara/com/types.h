@@ -1,6 +1,7 @@
 /// Types of the communication API that proxies and skeletons share.
 #pragma once
 
+#include <atomic>
 #include <compare>
 #include <cstdint>
 #include <functional>
@@ -41,10 +42,20 @@ using EventReceiveHandler = std::function<void()>;
 enum class SubscriptionState : std::uint8_t { kSubscribed, kNotSubscribed, kSubscriptionPending };
 using SubscriptionStateChangeHandler = std::function<void(SubscriptionState)>;
 
-/// A received sample. The slot it occupies returns to the event's cache when it is destroyed, which
-/// may outlive the proxy.
+/// Gives the slot of a sample back to the cache that it belongs to.
+struct SampleReturn {
+  std::shared_ptr<void> cache;
+  std::atomic<bool>* taken = nullptr;
+  void operator()(const void*) const noexcept {
+    // Release: the next who fills the slot does so after everything that was read from it.
+    taken->store(false, std::memory_order_release);
+  }
+};
+
+/// A received sample, never shared. The slot it occupies returns to the event's cache when it is
+/// destroyed, which may outlive the proxy.
 template <class Sample>
-using SamplePtr = std::shared_ptr<const Sample>;
+using SamplePtr = std::unique_ptr<const Sample, SampleReturn>;
 
 /// A method call that failed: the provider's return code, or the runtime's for one that never
 /// arrived.

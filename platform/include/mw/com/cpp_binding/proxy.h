@@ -2,6 +2,7 @@
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <deque>
 #include <memory>
 #include <mutex>
@@ -33,64 +34,67 @@ struct Connection {
 };
 
 /// Samples of one event between reception and the application: a bounded queue over recycled slots.
-/// Survives its proxy as long as the application holds a sample.
+/// One thread at a time receives, one fetches, any may give back. Survives its proxy as long as the
+/// application holds a sample.
 template <class Value>
 class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
  public:
+  struct Slot {
+    Value value;
+    std::atomic<bool> taken{false};  ///< waits, or the application holds it; see SampleReturn
+  };
+
   /// `capacity`: samples that may wait plus samples that the application may hold.
   explicit Sample_cache(std::size_t capacity) : capacity_{capacity} {}
 
   /// A slot to decode into: a free one, or the oldest sample that nobody fetched, or none when the
   /// application holds them all.
-  [[nodiscard]] std::unique_ptr<Value> acquire() {
-    const std::lock_guard lock{mutex_};
-    if (!free_.empty()) {
-      auto slot = std::move(free_.back());
-      free_.pop_back();
-      return slot;
+  [[nodiscard]] Slot* acquire() {
+    if (Slot* const free = find_free()) return free;
+    if (slots_.size() < capacity_) return slots_.emplace_back(std::make_unique<Slot>()).get();
+    if (Slot* const oldest = next()) {
+      oldest->taken.store(false, std::memory_order_relaxed);
+      return oldest;
     }
-    if (allocated_ < capacity_) {
-      ++allocated_;
-      return std::make_unique<Value>();
-    }
-    if (waiting_.empty()) return nullptr;
-    auto slot = std::move(waiting_.front());
-    waiting_.pop_front();
-    return slot;
+    // Nothing waits: what was taken is held, unless it has been given back since the first look.
+    return find_free();
   }
-  void release(std::unique_ptr<Value> slot) {
+  void push(Slot* sample) {
+    sample->taken.store(true, std::memory_order_relaxed);
     const std::lock_guard lock{mutex_};
-    free_.push_back(std::move(slot));
-  }
-  void push(std::unique_ptr<Value> sample) {
-    const std::lock_guard lock{mutex_};
-    waiting_.push_back(std::move(sample));
+    waiting_.push_back(sample);
+    any_waiting_.store(true, std::memory_order_relaxed);
   }
   [[nodiscard]] ara::com::SamplePtr<Value> pop() {
-    std::unique_ptr<Value> sample;
-    {
-      const std::lock_guard lock{mutex_};
-      if (waiting_.empty()) return nullptr;
-      sample = std::move(waiting_.front());
-      waiting_.pop_front();
-    }
-    return {sample.release(), [cache = this->shared_from_this()](const Value* held) {
-              cache->release(std::unique_ptr<Value>{const_cast<Value*>(held)});
-            }};
-  }
-  void clear() {
-    const std::lock_guard lock{mutex_};
-    for (auto& sample : waiting_)
-      free_.push_back(std::move(sample));
-    waiting_.clear();
+    Slot* const sample = next();
+    if (sample == nullptr) return nullptr;
+    return {&sample->value, {this->shared_from_this(), &sample->taken}};
   }
 
  private:
+  [[nodiscard]] Slot* find_free() const {
+    for (const auto& slot : slots_) {
+      if (!slot->taken.load(std::memory_order_acquire)) return slot.get();
+    }
+    return nullptr;
+  }
+  [[nodiscard]] Slot* next() {
+    if (!any_waiting_.load(std::memory_order_relaxed)) return nullptr;
+    const std::lock_guard lock{mutex_};
+    if (waiting_.empty()) return nullptr;
+    Slot* const sample = waiting_.front();
+    waiting_.pop_front();
+    any_waiting_.store(!waiting_.empty(), std::memory_order_relaxed);
+    return sample;
+  }
+
   const std::size_t capacity_;
-  std::mutex mutex_;  ///< guards the members below
-  std::vector<std::unique_ptr<Value>> free_;
-  std::deque<std::unique_ptr<Value>> waiting_;
-  std::size_t allocated_ = 0;
+  std::vector<std::unique_ptr<Slot>> slots_;  ///< of the thread that receives
+  std::mutex mutex_;                          ///< guards waiting_
+  std::deque<Slot*> waiting_;
+  /// Spares a look under the mutex. Relaxed: who is told of a sample finds it, and the sample
+  /// itself is handed over under the mutex.
+  std::atomic<bool> any_waiting_{false};
 };
 
 /// An event of a proxy. Subscribe, SetReceiveHandler and Unsubscribe come from one thread at a
@@ -176,17 +180,16 @@ class Event {
   }
   /// Decodes into the cache; false when there is nothing new in it.
   bool take(tq::com::Payload payload) {
-    auto slot = cache_->acquire();
+    auto* const slot = cache_->acquire();
     if (slot == nullptr) return false;
     try {
-      Serialization<Value>::decode(payload, *slot);
+      Serialization<Value>::decode(payload, slot->value);
     } catch (const std::exception& error) {
-      cache_->release(std::move(slot));
       log_malformed_payload(connection_.service, name_, error.what());
       tell(Trace_id::Event_deserialize_exception);
       return false;
     }
-    cache_->push(std::move(slot));
+    cache_->push(slot);
     return true;
   }
   template <class Call>
