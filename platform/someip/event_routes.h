@@ -6,7 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
-#include <unordered_map>
+#include <vector>
 
 #include "platform/someip/deployment.h"
 #include "platform/someip/endpoint.h"
@@ -40,10 +40,10 @@ class Event_sink : public Task {
 class Event_routes {
  public:
   struct Key {
-    Endpoint from;  ///< the endpoint that the offer announced
-    Transport transport = Transport::udp;
     std::uint16_t service = 0;
     std::uint16_t event = 0;
+    Transport transport = Transport::udp;
+    Endpoint from;  ///< the endpoint that the offer announced
     friend bool operator==(const Key&, const Key&) = default;
   };
   /// Nearly always one.
@@ -55,11 +55,12 @@ class Event_routes {
   [[nodiscard]] Sinks find(const Key& key) const;
 
  private:
-  struct Hash {
-    std::size_t operator()(const Key& key) const;
+  struct Route {
+    Key key;
+    Sinks sinks;
   };
-  mutable std::mutex mutex_;  ///< guards routes_
-  std::unordered_map<Key, Sinks, Hash> routes_;
+  mutable std::mutex mutex_;   ///< guards routes_
+  std::vector<Route> routes_;  ///< as many as the process has subscriptions: few
 };
 
 }  // namespace someip

@@ -103,8 +103,8 @@ void Node::connect_route(Client_event& event, const Remote_offer& offer) {
   const auto& endpoint =
       event.selection.transport == Transport::udp ? offer.endpoints.udp : offer.endpoints.tcp;
   if (!endpoint) return;
-  event.route = Event_routes::Key{*endpoint, event.selection.transport,
-                                  event.selection.instance.service, event.selection.event};
+  event.route = Event_routes::Key{event.selection.instance.service, event.selection.event,
+                                  event.selection.transport, *endpoint};
   event.sink->set_value_seen(false);
   routes_.add(*event.route, event.sink);
 }
@@ -254,7 +254,7 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
 
 void Node::notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
   const Header header = message.header;
-  auto sinks = routes_.find({from, transport, header.service, header.method});
+  auto sinks = routes_.find({header.service, header.method, transport, from});
   if (sinks.empty() || header.code != 0) {
     counters_.dropped_unexpected.add();
     return;
