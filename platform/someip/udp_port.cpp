@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <chrono>
 #include <cstring>
+#include <span>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -187,9 +188,7 @@ void Udp_port::receive_in_thread() {
 
 bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   Socket_address from;
-  socklen_t from_size = Socket_address::capacity();
-  const ssize_t size =
-      ::recvfrom(socket_->descriptor(), buffer.data(), max_datagram, 0, from.data(), &from_size);
+  const ssize_t size = socket_->receive(std::span(buffer.data(), max_datagram), from);
   const std::lock_guard lock(receive_mutex_);
   if (!open_) return false;
   if (size < 0) {

@@ -3,9 +3,11 @@
 
 #include <netinet/in.h>
 #include <sys/socket.h>
+#include <sys/types.h>
 
 #include <array>
 #include <cstddef>
+#include <span>
 #include <system_error>
 
 #include "platform/someip/byte_order.h"
@@ -62,6 +64,8 @@ class Udp_socket {
 
   /// EAGAIN when the socket's buffer is full.
   [[nodiscard]] std::error_code send(Bytes datagram, const Socket_address& to) const;
+  /// Waits, once set_blocking(). The bytes of the datagram, or -1 for an error.
+  [[nodiscard]] ssize_t receive(std::span<std::byte> into, Socket_address& from) const;
 
  private:
   int descriptor_;
