@@ -21,7 +21,7 @@ namespace {
 /// A handler that takes longer than this, or twice this, has others receive in its thread's stead.
 /// Looking at each handler's start would cost two system calls a notification; an odd time, so that
 /// the look does not fall together with a source that sends each millisecond.
-constexpr std::chrono::nanoseconds patience = std::chrono::microseconds(2300);
+constexpr std::chrono::nanoseconds patience = std::chrono::microseconds(1100);
 /// After so many batches the first handler is not kept waiting any longer.
 constexpr int batches_before_handlers = 4;
 constexpr std::size_t max_datagram = 65536;
@@ -115,11 +115,9 @@ class Udp_port::Alarm final : public Readable {
 
   void watch(std::shared_ptr<Alarm> self) { watch_ = workers_.watch(descriptor_, std::move(self)); }
   void unwatch() { workers_.unwatch(watch_, descriptor_); }
-  void set() const {
-    itimerspec time{};
-    time.it_value.tv_nsec = patience.count();
-    ::timerfd_settime(descriptor_, 0, &time, nullptr);
-  }
+  /// Goes off again and again.
+  void start() const { set(patience); }
+  void stop() const { set({}); }
   void on_readable() override {
     std::uint64_t ticks = 0;
     if (::read(descriptor_, &ticks, sizeof ticks) != sizeof ticks) return;
@@ -127,6 +125,12 @@ class Udp_port::Alarm final : public Readable {
   }
 
  private:
+  void set(std::chrono::nanoseconds period) const {
+    itimerspec time{};
+    time.it_value.tv_nsec = time.it_interval.tv_nsec = period.count();
+    ::timerfd_settime(descriptor_, 0, &time, nullptr);
+  }
+
   Workers& workers_;
   const std::weak_ptr<Udp_port> port_;
   const int descriptor_;
@@ -201,18 +205,15 @@ bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   take(buffer, static_cast<std::size_t>(size), from.endpoint(), harvest);
   doing_.store(Doing::handling, std::memory_order_relaxed);  // the alarm looks under the lock
   ++turn_;
-  // While datagrams keep coming, the alarm goes on by itself.
-  if (!std::exchange(ticking_, true)) alarm_->set();
+  if (!std::exchange(ticking_, true)) alarm_->start();
   return true;
 }
 
 void Udp_port::watch_over_thread() {
   const std::lock_guard lock(receive_mutex_);
   if (!open_ || watch_) return;
-  if (turn_ != std::exchange(turn_at_tick_, turn_)) {
-    alarm_->set();
-    return;
-  }
+  if (turn_ != std::exchange(turn_at_tick_, turn_)) return;
+  alarm_->stop();
   ticking_ = false;
   auto expected = Doing::handling;
   if (doing_.compare_exchange_strong(expected, Doing::handling_relieved)) workers_receive();

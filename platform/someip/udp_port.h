@@ -60,8 +60,8 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
 
   void open();
   /// Same, with a thread that waits in the socket itself and runs the handlers: it is awake sooner
-  /// than one that waits for many descriptors. When a handler takes longer than a few
-  /// milliseconds, the workers receive until it is done.
+  /// than one that waits for many descriptors. When a handler takes longer than one or
+  /// two milliseconds, the workers receive until it is done.
   void open_with_thread();
   /// No message is handed on after it returns.
   void close();

@@ -3,11 +3,13 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <atomic>
 #include <future>
 #include <thread>
 
 #include "mw/com/Strand.h"
+#include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/static_thread_pool.h"
 #include "platform/linux/com/connection.h"
 #include "platform/linux/com/loop.h"
@@ -113,6 +115,85 @@ TEST(Strand, closed_between_enqueue_and_run_leaves_the_work_out) {
   strand.close();
   strand.run();
   EXPECT_FALSE(ran);
+}
+
+TEST(Strand, claimed_and_queued_pieces_never_overlap_and_none_runs_after_close) {
+  for (int round = 0; round < 50; ++round) {
+    Strand strand;
+    int pieces = 0;  // unguarded: the strand guards it
+    std::atomic<int> begun{0};
+    std::atomic<bool> closed{false}, late{false};
+    const auto piece = [&] {
+      if (closed) late = true;
+      ++pieces;
+      ++begun;
+    };
+    std::vector<std::jthread> threads;
+    for (int i = 0; i < 3; ++i) {
+      threads.emplace_back([&] {
+        for (int n = 0; n < 3000; ++n) {
+          if (strand.claim()) {
+            strand.run_claimed(piece);
+          } else if (strand.enqueue(piece)) {
+            strand.run();
+          }
+        }
+      });
+    }
+    EXPECT_TRUE(test::eventually([&] { return begun > 100 * round; }));
+    strand.close();
+    closed = true;
+    const int at_close = pieces;
+    threads.clear();
+    EXPECT_FALSE(late);
+    EXPECT_EQ(pieces, at_close);
+  }
+}
+
+using Samples = mw::com::cpp_binding::proxy::Sample_cache<std::array<int, 8>>;
+
+bool receive(Samples& samples, int value) {
+  auto* const slot = samples.acquire();
+  if (slot == nullptr) return false;
+  slot->value.fill(value);
+  samples.push(slot);
+  return true;
+}
+
+TEST(Samples, displace_the_oldest_that_waits_but_none_that_is_held) {
+  auto samples = std::make_shared<Samples>(2);
+  for (const int value : {1, 2, 3})
+    EXPECT_TRUE(receive(*samples, value));
+  auto second = samples->pop();
+  const auto third = samples->pop();
+  EXPECT_EQ(second->front(), 2);
+  EXPECT_EQ(third->front(), 3);
+  EXPECT_EQ(samples->pop(), nullptr);
+  EXPECT_FALSE(receive(*samples, 4)) << "both are held";
+  second.reset();
+  EXPECT_TRUE(receive(*samples, 5));
+  EXPECT_EQ(samples->pop()->front(), 5);
+  samples.reset();
+  EXPECT_EQ(third->front(), 3) << "outlives its event";
+}
+
+TEST(Samples, are_whole_and_in_order_when_another_thread_fetches) {
+  constexpr int last = 20'000;
+  const auto samples = std::make_shared<Samples>(4);
+  std::jthread receiver([&] {
+    for (int value = 1; value <= last; ++value)
+      EXPECT_TRUE(receive(*samples, value));
+  });
+  int before = 0;
+  const auto end = std::chrono::steady_clock::now() + 10s;
+  while (before != last && std::chrono::steady_clock::now() < end) {
+    const auto sample = samples->pop();
+    if (sample == nullptr) continue;
+    EXPECT_GT(sample->front(), before);
+    EXPECT_EQ(sample->front(), sample->back());
+    before = sample->front();
+  }
+  EXPECT_EQ(before, last);
 }
 
 TEST(Pool, runs_posted_work_on_all_its_threads) {
