@@ -149,21 +149,6 @@ class String_map : public testing::Test {
   static inline std::size_t left_over_ = 0;
 };
 
-TEST_F(String_map, round_trips_with_every_string_length_size) {
-  const std::map<std::string, std::string> map{{"", ""},
-                                               {"key", "value"},
-                                               {"k\0"
-                                                "y",
-                                                "x"}};
-  for (const auto size : {1U, 2U, 4U}) {
-    const Serialization_settings settings{.string_length_field_size = size};
-    Buffer bytes;
-    binding::encode(map, bytes, settings);
-    EXPECT_EQ(decode(bytes, settings), map) << size;
-    EXPECT_EQ(left_over_, 0U);
-  }
-}
-
 TEST_F(String_map, skips_what_the_outer_length_covers_beyond_its_entries) {
   // The surplus of ten bytes holds two more empty strings and two bytes:
   // entries go on to the end.

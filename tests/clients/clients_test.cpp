@@ -145,7 +145,7 @@ TEST_F(Gnss_client, tells_of_a_field_s_faults_when_they_come_and_when_they_go) {
       [&](Field field, const Data_faults& faults) { told.emplace_back(field, faults); });
   connect();
   const auto expect = [&](const std::vector<Position>& samples,
-                          std::vector<std::pair<Field, Data_faults>> expected) {
+                          const std::vector<std::pair<Field, Data_faults>>& expected) {
     runtime_.notify("positions", samples);
     EXPECT_EQ(std::exchange(told, {}), expected);
   };

@@ -61,8 +61,7 @@ struct Network {
 /// On a machine so slow that the next offer comes before the acknowledgement, a
 /// client subscribes anew and gets the present value once more.
 std::vector<std::string> without_repetitions(std::vector<std::string> values) {
-  const auto repeated = std::ranges::unique(values);
-  values.erase(repeated.begin(), repeated.end());
+  values.erase(std::unique(values.begin(), values.end()), values.end());
   return values;
 }
 
@@ -72,6 +71,7 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
   network.connect();
   network.subscribe("value");
   ASSERT_TRUE(network.received.wait_for("shared"));
+  ASSERT_TRUE(network.states.wait_for(true));
   auto other = network.client->connect(network.finder.wait(1).front());
   Seen<std::string> received;
   Seen<bool> states;

@@ -239,14 +239,12 @@ class Options(suite.Group):
             peer.tell(acknowledge(entry), to=host.address)
             host.said(f"state Remote {instance} tick on")
         for instance, server in servers.items():
-            server.send(someip(REMOTE, TICK, bytes([instance]), type=NOTIFICATION, interface=MAJOR),
-                        entry.endpoints[0][:2])
+            self.notify(server, entry, bytes([instance]), TICK)
             host.said(f"notification Remote {instance} tick 0{instance}")
-        stranger = peer.socket()
-        stranger.send(someip(REMOTE, TICK, b"\x66", type=NOTIFICATION, interface=MAJOR),
-                      entry.endpoints[0][:2])
-        servers[1].send(someip(REMOTE, TICK, b"\x77", type=NOTIFICATION, interface=MAJOR),
-                        entry.endpoints[0][:2])
+        self.notify(peer.socket(), entry, b"\x66", TICK)
+        for wrong in ({"interface": MAJOR + 1}, {"interface": MAJOR, "code": 1}):
+            servers[1].send(someip(REMOTE, TICK, b"\x66", type=NOTIFICATION, **wrong), entry.endpoints[0][:2])
+        self.notify(servers[1], entry, b"\x77", TICK)
         host.said("notification Remote 1 tick 77")
         self.assertFalse([line for line in host.lines if line.endswith(" 66")])
         self.assertEqual(len([line for line in host.lines if line.startswith("notification")]), 3)
@@ -268,12 +266,16 @@ class Options(suite.Group):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
         group = (f"239.195.{self.network.number}.9", MULTICAST_PORT)
-        peer.tell(acknowledge(entry, options=(0, 2)),
-                  [endpoint(peer.caller()), SDOption_IP4_Multicast(addr=group[0], port=group[1])],
-                  to=host.address)
-        host.said("state RemoteGroup 1 tick on")
-        self.notify(server, group, b"\x01", TICK, "RemoteGroup")
-        host.said("notification RemoteGroup 1 tick 01")
+        for number in (1, 2):
+            peer.tell(acknowledge(entry, options=(0, 2)),
+                      [endpoint(peer.caller()), SDOption_IP4_Multicast(addr=group[0], port=group[1])],
+                      to=host.address)
+            host.said("state RemoteGroup 1 tick on")
+            peer.barrier(host.address)
+            self.notify(server, group, bytes([number]), TICK, "RemoteGroup")
+            host.said(f"notification RemoteGroup 1 tick 0{number}")
+            self.offer(peer, server, service="RemoteGroup")
+            entry = peer.entry(SUBSCRIBE, REMOTE_GROUP, count=number + 1)
 
     def test_wrong_multicast(self):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")

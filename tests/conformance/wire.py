@@ -301,7 +301,8 @@ class Wire(suite.Group):
         host.do("subscribe RemoteStream 1 value")
         entry = peer.entry(SUBSCRIBE, REMOTE_STREAM, group=VALUE_GROUP)
         peer.entry(SUBSCRIBE, REMOTE_STREAM, group=TICK_GROUP)
-        self.network.wait(lambda: without_cookies(server.connections[0].messages), "request")
+        host.do("call RemoteStream 1 echo 02")
+        self.network.wait(lambda: len(without_cookies(server.connections[0].messages)) == 2, "two requests")
         self.assertEqual(len(server.connections), 1)
         self.assertEqual(entry.endpoints, [(*server.connections[0].source, TCP_PROTOCOL)])
 

@@ -65,6 +65,7 @@ TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {
 
 TEST_F(PersistencyTest, storing_can_be_forbidden_and_allowed_again) {
   Persistency persistency = open();
+  EXPECT_TRUE(persistency.gateway().isStorageUsable());
   persistency.gateway().setValue("x", KvsType(std::uint32_t{7}));
   EXPECT_TRUE(persistency.isStoringAllowed());
 

@@ -1,6 +1,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <cstdint>
+#include <limits>
 #include <stdexcept>
 #include <string>
 
@@ -14,6 +16,28 @@ namespace {
 
 using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
+
+TEST(Logging, each_stream_argument_is_an_argument_of_the_message) {
+  const Logger& logger = CreateLogger("ARGS", "arguments");
+  const Capture capture;
+  const char* nothing = nullptr;
+
+  logger.LogInfo() << "label " << std::string("text") << true << 'c' << std::int8_t{-1}
+                   << std::uint8_t{255} << std::numeric_limits<std::int64_t>::min()
+                   << std::numeric_limits<std::uint64_t>::max() << 0.1F << 1.5
+                   << HexFormat(0x83D101U) << HexFormat(std::int8_t{-1}) << "" << nothing;
+
+  ASSERT_EQ(capture.Records().size(), 1U);
+  const auto record = capture.Records().front();
+  EXPECT_EQ(record.level, LogLevel::kInfo);
+  EXPECT_EQ(record.context, "ARGS");
+  EXPECT_THAT(record.arguments,
+              ElementsAre("label ", "text", "1", "c", "-1", "255", "-9223372036854775808",
+                          "18446744073709551615", "0.1", "1.5", "83d101", "ff", "", "(null)"));
+  EXPECT_EQ(
+      record.Text(),
+      "label  text 1 c -1 255 -9223372036854775808 18446744073709551615 0.1 1.5 83d101 ff  (null)");
+}
 
 TEST(Logging, a_message_is_written_when_its_level_is_enabled) {
   Logger& logger = CreateLogger("LVLS", "levels", LogLevel::kWarn);
