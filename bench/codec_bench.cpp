@@ -66,7 +66,7 @@ baseline::Satellites protobuf_satellites(int count) {
 template <class Value>
 void encode_with_binding(benchmark::State& state, const Value& value) {
   binding::Buffer payload;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     binding::encode_over(value, payload);
     benchmark::DoNotOptimize(payload.data());
     benchmark::ClobberMemory();
@@ -79,7 +79,7 @@ void decode_with_binding(benchmark::State& state, const Value& value) {
   binding::Buffer payload;
   binding::encode(value, payload);
   Value out;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     binding::Cursor cursor{payload};
     binding::decode(cursor, out);
     benchmark::DoNotOptimize(out.data());
@@ -90,7 +90,7 @@ void decode_with_binding(benchmark::State& state, const Value& value) {
 template <class Message>
 void encode_with_protobuf(benchmark::State& state, const Message& message) {
   std::string payload;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     message.SerializeToString(&payload);
     benchmark::DoNotOptimize(payload.data());
     benchmark::ClobberMemory();
@@ -101,7 +101,7 @@ template <class Message>
 void decode_with_protobuf(benchmark::State& state, const Message& message) {
   const auto payload = message.SerializeAsString();
   Message out;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     out.ParseFromString(payload);
     benchmark::DoNotOptimize(out);
     benchmark::ClobberMemory();
@@ -113,7 +113,7 @@ void copy_of_payload(benchmark::State& state, const Value& value) {
   binding::Buffer payload;
   binding::encode(value, payload);
   binding::Buffer out(payload.size());
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     std::memcpy(out.data(), payload.data(), payload.size());
     benchmark::DoNotOptimize(out.data());
     benchmark::ClobberMemory();

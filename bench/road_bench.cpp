@@ -34,7 +34,7 @@ void road_without_log(benchmark::State& state) {
   Road road{true};
   const auto payload = notification(static_cast<std::size_t>(state.range(0)));
   const auto before = road.published();
-  for (auto _ : state)
+  for ([[maybe_unused]] auto _ : state)
     road.drive(payload);
   state.counters["published"] =
       static_cast<double>(road.published() - before) / static_cast<double>(state.iterations());
@@ -79,7 +79,7 @@ void road_with_log(benchmark::State& state) {
   const auto payload = notification(2);
   const Daemon_pipe pipe;
   std::size_t driven = 0;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     road.drive(payload);
     if (++driven % at_once == 0) {
       state.PauseTiming();
@@ -93,7 +93,7 @@ BENCHMARK(road_with_log);
 void log_line_of_a_position(benchmark::State& state) {
   const auto position = sample(2);
   std::string text;
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     text.clear();
     gnssClient::append_line(text, position, 1'700'000'000'000'000);
     benchmark::DoNotOptimize(text.data());
@@ -106,7 +106,7 @@ BENCHMARK(log_line_of_a_position);
 void log_line_by_snprintf(benchmark::State& state) {
   const auto p = sample(2);
   char text[2048];
-  for (auto _ : state) {
+  for ([[maybe_unused]] auto _ : state) {
     std::snprintf(
         text, sizeof text,
         "###### position from gnss: position type=%u, messageCounter=%.16g, LAT=%.16g (valueType "

@@ -42,7 +42,6 @@ class Trace_points : public testing::Test {
 
 using ara::log::LogLevel;
 using testing::Contains;
-using testing::ElementsAreArray;
 using testing::IsSupersetOf;
 
 TEST_F(Trace_points, a_skeleton_tells_of_bad_requests_and_throwing_handlers_and_answers_them) {
