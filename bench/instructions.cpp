@@ -22,10 +22,9 @@ void keep(const T& value) {
 
 void encode(long count) {
   const std::vector positions{bench::sample(2)};
-  binding::Buffer payload;
+  binding::Buffer scratch;
   for (; count > 0; --count) {
-    binding::encode_over(positions, payload);
-    keep(payload);
+    keep(binding::encode_into(positions, scratch));
   }
 }
 template <class Values>

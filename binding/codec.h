@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "binding/full_records.h"
 #include "binding/payload.h"
 #include "binding/record.h"
 #include "binding/trace_json.h"
@@ -154,8 +155,13 @@ struct Codec<std::vector<T>> {
                           std::byte* to,
                           const Serialization_settings& settings) {
     if (settings.array_length_field_size == 0) throw_vector_without_length_field();
-    for (const auto& value : values)
-      to = write_nested(value, to, settings);
+    std::size_t next = 0;
+    if constexpr (detail::has_fixed_form<T>) {
+      next = detail::write_full_records(std::span{values}, to, settings);
+      to += next * detail::Forms<T>::wire_size;
+    }
+    for (; next < values.size(); ++next)
+      to = write_nested(values[next], to, settings);
     return to;
   }
   static void read(Cursor& cursor,
@@ -165,6 +171,11 @@ struct Codec<std::vector<T>> {
     // Elements that are there already are read into: they need neither be destroyed nor cleared
     // first.
     std::size_t count = 0;
+    if constexpr (detail::has_fixed_form<T>) {
+      const auto* const from = cursor.data() + cursor.position();
+      count = detail::read_full_records({from, cursor.data() + end}, values, settings);
+      cursor.skip(count * detail::Forms<T>::wire_size);
+    }
     for (; cursor.position() < end; ++count) {
       read_nested(cursor, count < values.size() ? values[count] : values.emplace_back(), settings);
     }
@@ -535,21 +546,18 @@ std::size_t bound(const std::vector<T>& values, const Serialization_settings& se
 }
 
 template <class T>
-void encode_at(std::size_t start,
-               const T& value,
-               Buffer& out,
-               const Serialization_settings& settings) {
-  const auto before = out.size();
+std::size_t bound_at_top_level(const T& value, const Serialization_settings& settings) {
   const auto field = Codec<T>::top_level_length_field ? Codec<T>::length_field(settings) : 0;
-  out.resize(start + static_cast<std::size_t>(field) + bound(value, settings) + write_slack);
-  auto* const to = out.data() + start;
-  try {
-    const auto* end = Codec<T>::top_level_length_field ? write_nested(value, to, settings)
-                                                       : Codec<T>::write(value, to, settings);
-    out.resize(start + static_cast<std::size_t>(end - to));
-  } catch (...) {
-    out.resize(std::min(before, start));
-    throw;
+  return static_cast<std::size_t>(field) + bound(value, settings) + write_slack;
+}
+template <class T>
+std::byte* write_at_top_level(const T& value,
+                              std::byte* to,
+                              const Serialization_settings& settings) {
+  if constexpr (Codec<T>::top_level_length_field) {
+    return write_nested(value, to, settings);
+  } else {
+    return Codec<T>::write(value, to, settings);
   }
 }
 
@@ -559,16 +567,25 @@ void encode_at(std::size_t start,
 /// throws, `out` is as before.
 template <class T>
 void encode(const T& value, Buffer& out, const Serialization_settings& settings = settings_of<T>) {
-  detail::encode_at(out.size(), value, out, settings);
+  const auto start = out.size();
+  out.resize(start + detail::bound_at_top_level(value, settings));
+  try {
+    const auto* end = detail::write_at_top_level(value, out.data() + start, settings);
+    out.resize(static_cast<std::size_t>(end - out.data()));
+  } catch (...) {
+    out.resize(start);
+    throw;
+  }
 }
 
-/// The same in place of what `out` held. Costs less for a buffer that is used again and again,
-/// whose bytes need not be cleared first. When it throws, `out` is empty.
+/// The same into memory that is used again and again, and need not be cleared for that. What is
+/// returned lies in `scratch`, until that is used for something else.
 template <class T>
-void encode_over(const T& value,
-                 Buffer& out,
-                 const Serialization_settings& settings = settings_of<T>) {
-  detail::encode_at(0, value, out, settings);
+[[nodiscard]] std::span<const std::byte> encode_into(
+    const T& value, Buffer& scratch, const Serialization_settings& settings = settings_of<T>) {
+  const auto bound = detail::bound_at_top_level(value, settings);
+  if (scratch.size() < bound) scratch.resize(bound);
+  return {scratch.data(), detail::write_at_top_level(value, scratch.data(), settings)};
 }
 
 /// Reads a top-level value at the cursor. On an exception `value` is in an unspecified valid state.
@@ -591,8 +608,8 @@ concept Encodable = requires {
 template <binding::Encodable T>
 struct mw::com::cpp_binding::Serialization<T> {
   static void encode(const T& value, std::vector<std::byte>& out) { binding::encode(value, out); }
-  static void encode_over(const T& value, std::vector<std::byte>& out) {
-    binding::encode_over(value, out);
+  static std::span<const std::byte> encode_into(const T& value, std::vector<std::byte>& scratch) {
+    return binding::encode_into(value, scratch);
   }
   static void decode(std::span<const std::byte>& in, T& value) {
     binding::Cursor cursor{in};

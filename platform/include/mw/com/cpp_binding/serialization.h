@@ -13,9 +13,11 @@ class Trace_json;
 
 /// Required members:
 ///   static void encode(const T&, std::vector<std::byte>& out);   appends
-///   static void encode_over(const T&, std::vector<std::byte>& out);   replaces what `out` held
+///   static std::span<const std::byte> encode_into(const T&, std::vector<std::byte>& scratch);
+///     without clearing or shrinking `scratch`, in which the result lies
 ///   static void decode(std::span<const std::byte>& in, T& out);  takes its bytes off the front;
-///   throws static void trace(const T&, Trace_json& json, unsigned position);
+///     throws
+///   static void trace(const T&, Trace_json& json, unsigned position);
 template <class T>
 struct Serialization;
 

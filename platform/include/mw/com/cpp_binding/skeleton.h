@@ -134,8 +134,8 @@ class Event {
   Event& operator=(const Event&) = delete;
 
   void Send(const Value& value) {
-    std::vector<std::byte> payload;
-    Serialization<Value>::encode(value, payload);
+    thread_local std::vector<std::byte> scratch;
+    const auto payload = Serialization<Value>::encode_into(value, scratch);
     if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(id_);
     provision_.provider->send_event(id_, payload);
   }
@@ -163,11 +163,12 @@ class Field {
   Field& operator=(const Field&) = delete;
 
   /// Keeps the value for Get and for new subscribers and notifies the present ones. Two updates at
-  /// the same time are sent in either order.
-  void Update(const Value& value) {
+  /// the same time are sent in either order. Not inlined: whether it would be must not depend on
+  /// the trace being compiled in.
+  [[gnu::noinline]] void Update(const Value& value) {
     // Kept per thread so that an update costs no allocation.
-    thread_local std::vector<std::byte> payload;
-    Serialization<Value>::encode_over(value, payload);
+    thread_local std::vector<std::byte> scratch;
+    const auto payload = Serialization<Value>::encode_into(value, scratch);
     {
       const std::lock_guard lock{mutex_};
       payload_.assign(payload.begin(), payload.end());

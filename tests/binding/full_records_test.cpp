@@ -1,0 +1,139 @@
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <memory>
+
+#include "binding/codec.h"
+#include "clients/GnssRecords.h"
+#include "clients/TimeRecords.h"
+#include "posService/PositioningRecords.h"
+
+namespace {
+
+namespace gnss = lumo::services::gnss::datatypes;
+namespace positioning = lumo::services::positioning::datatypes;
+
+/// Memory of exactly this size, so that the address sanitizer sees a step beyond it.
+class Exact {
+ public:
+  explicit Exact(std::size_t size) : size_{size}, bytes_{new std::byte[size]} {}
+  [[nodiscard]] std::byte* data() const { return bytes_.get(); }
+  [[nodiscard]] std::vector<std::byte> content() const { return {data(), data() + size_}; }
+
+ private:
+  std::size_t size_;
+  std::unique_ptr<std::byte[]> bytes_;
+};
+
+template <class Record>
+class Full_records : public testing::Test {
+ protected:
+  void SetUp() override {
+    if (!binding::can_move_bytes()) GTEST_SKIP() << "this processor moves no bytes";
+  }
+
+  static constexpr auto memory_size = sizeof(Record);
+  static constexpr auto wire_size = binding::detail::Forms<Record>::wire_size;
+
+  /// Every byte of every value differs from those around it.
+  Record full_record() {
+    Record record;
+    binding::for_each_member<Record>([&]<class M>(const M& member) {
+      std::array<std::uint8_t, sizeof(typename M::value_type)> bytes;
+      for (auto& byte : bytes)
+        byte = (next_ += 37);
+      record.*member.pointer = std::bit_cast<typename M::value_type>(bytes);
+    });
+    return record;
+  }
+  std::vector<Record> full_records(std::size_t count) {
+    std::vector<Record> records;
+    while (records.size() < count)
+      records.push_back(full_record());
+    return records;
+  }
+  /// One member after the other.
+  static std::vector<std::byte> encoded(const std::vector<Record>& records) {
+    std::vector<std::byte> bytes(records.size() * wire_size + binding::write_slack);
+    auto* to = bytes.data();
+    for (const auto& record : records)
+      to = binding::write_nested(record, to, {});
+    bytes.resize(static_cast<std::size_t>(to - bytes.data()));
+    return bytes;
+  }
+
+ private:
+  std::uint8_t next_ = 0;
+};
+
+using Records = testing::Types<gnss::DT_positions_struct,
+                               gnss::DT_posGnssSatInfos_struct,
+                               positioning::DT_positions_struct>;
+TYPED_TEST_SUITE(Full_records, Records);
+
+TYPED_TEST(Full_records, have_the_assumed_form_in_memory) {
+  EXPECT_TRUE(binding::detail::moves_are_right<TypeParam>());
+}
+
+TYPED_TEST(Full_records, move_like_members_one_by_one) {
+  using namespace binding::detail;
+  constexpr auto at_once = records_at_once<TypeParam>;
+  for (std::size_t count = at_once; count <= 3 * at_once + 1; ++count) {
+    const auto records = this->full_records(count);
+    const auto expected = this->encoded(records);
+    const Exact source{count * sizeof(TypeParam)};
+    std::memcpy(source.data(), records.data(), count * sizeof(TypeParam));
+    const Exact wire{expected.size()};
+    ASSERT_EQ(binding::move_records(moves_to_wire<TypeParam>, source.data(), wire.data(), count),
+              count);
+    EXPECT_EQ(wire.content(), expected);
+    const Exact memory{count * sizeof(TypeParam)};
+    ASSERT_EQ(binding::move_records(moves_to_memory<TypeParam>, wire.data(), memory.data(), count),
+              count);
+    std::vector<TypeParam> back(count);
+    std::memcpy(back.data(), memory.data(), count * sizeof(TypeParam));
+    EXPECT_EQ(this->encoded(back), expected);
+  }
+}
+
+TYPED_TEST(Full_records, are_told_from_those_that_lack_a_member_wherever_it_is) {
+  const auto records = this->full_records(binding::detail::records_at_once<TypeParam> + 1);
+  for (std::size_t position = 0; position < records.size(); ++position) {
+    binding::for_each_member<TypeParam>([&](const auto& member) {
+      auto changed = records;
+      changed[position].*member.pointer = boost::none;
+      binding::Buffer payload;
+      binding::encode(changed, payload);
+      EXPECT_TRUE(std::ranges::equal(std::span{payload}.subspan(4), this->encoded(changed)));
+      std::vector<TypeParam> back(3, records.back());
+      binding::Cursor cursor{payload};
+      binding::decode(cursor, back);
+      EXPECT_EQ(this->encoded(back), this->encoded(changed));
+      EXPECT_FALSE((back.at(position).*member.pointer).has_value());
+    });
+  }
+}
+
+TYPED_TEST(Full_records, are_told_from_those_with_any_other_tag_or_length) {
+  using namespace binding::detail;
+  constexpr auto count = records_at_once<TypeParam>;
+  const auto wire = this->encoded(this->full_records(count));
+  const Forms<TypeParam> forms;
+  for (std::size_t i = 0; i < wire.size(); ++i) {
+    for (unsigned bit = 1; bit < 256; bit *= 2) {
+      auto changed = wire;
+      changed[i] ^= static_cast<std::byte>(bit);
+      std::array<TypeParam, count> records;
+      const auto moved = binding::move_records(moves_to_memory<TypeParam>, changed.data(),
+                                               reinterpret_cast<std::byte*>(records.data()), count);
+      const bool counts = (forms.required_on_wire.at(i % TestFixture::wire_size).mask & bit) != 0;
+      EXPECT_EQ(moved, counts ? 0 : count) << "byte " << i << " bit " << bit;
+    }
+  }
+  // The length field, and a tag but for its reserved bit.
+  EXPECT_EQ(forms.required_on_wire[0].mask, 0xFF);
+  EXPECT_EQ(forms.required_on_wire[4].mask, 0x7F);
+  EXPECT_EQ(forms.required_on_wire[5].mask, 0xFF);
+}
+
+}  // namespace
