@@ -1,16 +1,16 @@
 """Floods from an attacker on the network segment: whatever is thrown at the application, its memory stays
 within the bound that docs/robustness.md states and the honest source's positions keep coming out."""
 
-import json
 import os
 import pathlib
+import re
 import socket
 import struct
 import sys
-import threading
 import time
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions
+from network import ENDLESS, NOTIFICATION, TP, discovery, endpoint, find, offer, someip, subscribe
 
 NETWORK = 167
 ATTACKER = f"127.{NETWORK}.0.66"
@@ -18,30 +18,9 @@ POS = f"127.{NETWORK}.0.10"
 # A sanitizer multiplies what the process holds.
 RESIDENT_BOUND_KIB = (1024 if os.environ.get("POS_SANITIZE") else 48) * 1024
 GNSS, POSITIONING = 0x2A10, 0x2A20
-
-
-def someip(service, method, payload, kind=2, client=0, session=1, version=1):
-    return struct.pack(">HHIHHBBBB", service, method, 8 + len(payload), client, session, 1, version, kind, 0) + payload
-
-
-def endpoint_option(address, port, protocol=17):
-    return struct.pack(">HBB4sBBH", 9, 4, 0, socket.inet_aton(address), 0, protocol, port)
-
-
-def discovery(entries, options, session):
-    body = struct.pack(">BxxxI", 0xC0, 16 * len(entries)) + b"".join(entries)
-    options = b"".join(options)
-    return someip(0xFFFF, 0x8100, body + struct.pack(">I", len(options)) + options, session=session)
-
-
-def service_entry(kind, service, ttl, option=0, count=1, instance=1, major=3):
-    return struct.pack(">BBBBHHBBHI", kind, option, 0, count << 4, service, instance, major, ttl >> 16, ttl & 0xFFFF, 0)
-
-
-def group_entry(kind, service, group, ttl, option=0, count=1, instance=1, major=3):
-    return struct.pack(
-        ">BBBBHHBBHHH", kind, option, 0, count << 4, service, instance, major, ttl >> 16, ttl & 0xFFFF, 0x80, group
-    )
+POSITIONING_PORT = 30511
+HEADER, ENTRY = 16, 16  # bytes
+CLIENT_AND_SESSION, FIRST_ENTRY = 8, HEADER + 8  # where they begin
 
 
 class Attacker:
@@ -59,17 +38,19 @@ class Attacker:
         except OSError:
             pass  # a full buffer on the way is the flood's problem
 
-    def discover(self, entries, options, to):
+    def send_next(self, message, to, client=0):
         self.session = self.session % 0xFFFF + 1
-        self.send(discovery(entries, options, self.session), to)
+        struct.pack_into("!HH", message, CLIENT_AND_SESSION, client, self.session)
+        self.send(message, to)
 
     def garbage(self, client_port):
         """100 000 datagrams that are nothing, a header of something, or a cut discovery message."""
         pieces = [os.urandom(size) for size in (0, 1, 15, 16, 40, 200, 1400)]
-        good = discovery([service_entry(1, 0x1234, 3)], [endpoint_option(ATTACKER, 1)], 1)
+        good = discovery([find(0x1234)], [endpoint(ATTACKER, 1)])
         pieces += [good[:size] for size in (8, 20, 27, 40, 50)]
-        pieces += [someip(GNSS, 0x8001, os.urandom(100), version=3), struct.pack(">HHI", GNSS, 0x8001, 0xFFFFFFFF)]
-        targets = [self.sd, self.group, (POS, client_port), (POS, 30511)]
+        pieces += [someip(GNSS, 0x8001, os.urandom(100), type=NOTIFICATION, interface=3),
+                   struct.pack("!HHI", GNSS, 0x8001, 0xFFFFFFFF)]
+        targets = [self.sd, self.group, (POS, client_port), (POS, POSITIONING_PORT)]
         start = time.monotonic()
         for number in range(100_000):
             self.send(pieces[number % len(pieces)], targets[number % len(targets)])
@@ -78,36 +59,36 @@ class Attacker:
                 if ahead > 0:
                     time.sleep(ahead)  # the rate of the flood
 
-    def subscribers(self):
+    def subscribers(self, _):
+        wish = subscribe(POSITIONING, 1, 1, 3, ttl=ENDLESS)
+        message = bytearray(discovery([wish], [endpoint(ATTACKER, 1)]))
         for port in range(10_000, 11_000):
-            self.discover([group_entry(6, POSITIONING, 1, 0xFFFFFF)], [endpoint_option(ATTACKER, port)], self.sd)
+            struct.pack_into("!H", message, len(message) - 2, port)
+            self.send_next(message, self.sd)
 
     def segment_trains(self, client_port):
-        for session in range(1, 5000):
-            head = struct.pack(">I", 0 | 1)
-            self.send(
-                someip(GNSS, 0x8003, head + bytes(1392), kind=0x22, session=session, version=3, client=session % 7),
-                (POS, client_port),
-            )
+        more = struct.pack("!I", 1)
+        message = bytearray(someip(GNSS, 0x8003, more + bytes(1392), type=NOTIFICATION | TP, interface=3))
+        for number in range(1, 5000):
+            self.send_next(message, (POS, client_port), client=number % 7)
 
-    def offers(self):
+    def offers(self, _):
         """A million service ids and instances."""
-        option = endpoint_option(ATTACKER, 4000)
+        message = bytearray(discovery([offer(1, 1, 3, ttl=ENDLESS)] * 80, [endpoint(ATTACKER, 4000)]))
         for first in range(0, 1_000_000, 80):
-            entries = [
-                service_entry(1, (first + i) % 0xFFF0 + 1, 0xFFFFFF, instance=1 + (first + i) // 0xFFF0)
-                for i in range(80)
-            ]
-            self.discover(entries, [option], self.group)
+            for entry in range(80):
+                instance, service = divmod(first + entry, 0xFFF0)
+                struct.pack_into("!HH", message, FIRST_ENTRY + ENTRY * entry + 4, service + 1, instance + 1)
+            self.send_next(message, self.group)
 
-    def connections(self, port):
+    def connections(self):
         held = []
         for _ in range(500):
             one = socket.socket()
             one.settimeout(0.2)
             try:
                 one.bind((ATTACKER, 0))
-                one.connect((POS, port))
+                one.connect((POS, POSITIONING_PORT))
                 held.append(one)
             except OSError:
                 one.close()
@@ -115,69 +96,41 @@ class Attacker:
 
 
 def resident_kib(pid):
-    for line in pathlib.Path(f"/proc/{pid}/status").read_text().splitlines():
-        if line.startswith("VmRSS"):
-            return int(line.split()[1])
-    raise AssertionError("no VmRSS")
+    return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
 
 
-def client_port(pid):
-    """The application's port for its subscriptions: the one UDP port that is in no manifest."""
+def client_port():
+    """The application's port for its subscriptions: its one UDP port that is in no manifest."""
     address = socket.inet_aton(POS)[::-1].hex().upper()
-    ports = {
-        int(words[1].split(":")[1], 16)
-        for words in (line.split() for line in pathlib.Path("/proc/net/udp").read_text().splitlines()[1:])
-        if words[1].startswith(address)
-    }
-    return next(port for port in ports if port > 32767)
+    ports = re.findall(f" {address}:([0-9A-F]{{4}}) ", pathlib.Path("/proc/net/udp").read_text())
+    return next(port for port in (int(one, 16) for one in ports) if port > 32767)
 
 
 def main():
     with Desk(NETWORK) as desk:
         positioning = desk.manifest["services"]["lumo::services::positioning::Positioning"]
-        positioning["instances"][0]["tcpPort"] = 30511
-        (desk.path / "manifest.json").write_text(json.dumps(desk.manifest))
+        positioning["instances"][0]["tcpPort"] = POSITIONING_PORT
+        desk.write_manifest()
         application = desk.start(APPLICATION)
         desk.start(GATEWAY)
-        watch = desk.start(POSCTL, "watch", "--json")
-        count = [0]
-
-        def read():
-            for line in watch.stdout:
-                if "messageCounter" in line:
-                    count[0] += 1
-
-        threading.Thread(target=read, daemon=True).start()
-
-        def flows(what):
-            before = count[0]
-            until(lambda: count[0] >= before + 10, f"ten positions {what}")
-
-        flows("before the floods")
-        at_rest = resident_kib(application.pid)
+        positions = Positions(desk.start(POSCTL, "watch", "--json"))
+        positions.flow("before the floods", 10)
+        resident = [resident_kib(application.pid)]
         attacker = Attacker(desk)
-        port = client_port(application.pid)
-        highest = 0
-        for flood, arguments in (
-            (attacker.garbage, (port,)),
-            (attacker.subscribers, ()),
-            (attacker.segment_trains, (port,)),
-            (attacker.offers, ()),
-        ):
-            flood(*arguments)
-            flows(f"after {flood.__name__}")
-            highest = max(highest, resident_kib(application.pid))
-        held = attacker.connections(30511)
-        flows(f"beside {len(held)} silent connections")
-        highest = max(highest, resident_kib(application.pid))
+        port = client_port()
+        for flood in (attacker.garbage, attacker.subscribers, attacker.segment_trains, attacker.offers):
+            flood(port)
+            positions.flow(f"after {flood.__name__}", 10)
+            resident.append(resident_kib(application.pid))
+        held = attacker.connections()
+        positions.flow(f"beside {len(held)} silent connections", 10)
+        resident.append(resident_kib(application.pid))
         for one in held:
             one.close()
-        assert highest < RESIDENT_BOUND_KIB, f"{highest} KiB resident, {at_rest} KiB at rest"
+        assert max(resident) < RESIDENT_BOUND_KIB, f"KiB resident, the first at rest: {resident}"
         code, _ = desk.stop(application)
         assert code == 0, code
-        print(f"resident memory {at_rest} KiB at rest, {highest} KiB at most; {count[0]} positions; "
-              f"{len(held)} connections held")
-    return 0
+        print(f"KiB resident {resident}; {positions.count} positions; {len(held)} connections held")
 
 
 if __name__ == "__main__":

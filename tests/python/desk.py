@@ -3,11 +3,13 @@
 import json
 import os
 import pathlib
+import queue
 import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
@@ -30,16 +32,19 @@ class Desk:
         manifest = manifest.replace('"127.0.0.', f'"127.{network}.0.')
         self.manifest = json.loads(manifest)
         self.manifest["serviceDiscovery"]["multicastAddress"] = f"239.192.{network}.77"
-        manifest_path = self.path / "manifest.json"
-        manifest_path.write_text(json.dumps(self.manifest), encoding="utf-8")
+        self.write_manifest()
         self.environment = {
             **os.environ,
-            "POS_MANIFEST": str(manifest_path),
+            "POS_MANIFEST": str(self.path / "manifest.json"),
             "POS_STORAGE_DIR": str(self.path / "storage"),
             "POS_STATE_BUS": "none",
             "DLT_PIPE_DIR": str(self.path),  # no daemon there: the log goes to standard error
         }
         self.running = []
+
+    def write_manifest(self):
+        """For programs that start from now on."""
+        (self.path / "manifest.json").write_text(json.dumps(self.manifest), encoding="utf-8")
 
     def __enter__(self):
         return self
@@ -103,3 +108,28 @@ def until(condition, what):
         if time.monotonic() > end:
             raise AssertionError(f"not within {DEADLINE:g} s: {what}")
         time.sleep(0.01)
+
+
+class Positions:
+    """What a `posctl watch --json` prints of a source's positions."""
+
+    def __init__(self, watch):
+        self.lines = queue.Queue()
+        self.count = 0
+        threading.Thread(target=self._read, args=(watch.stdout,), daemon=True).start()
+
+    def _read(self, stream):
+        for line in stream:
+            if "messageCounter" in line:  # in none that the application makes without a source
+                self.count += 1
+                self.lines.put(line)
+
+    def flow(self, what, count=1, seconds=DEADLINE):
+        """Waits for so many that come from now on, for at most so long for each."""
+        while not self.lines.empty():
+            self.lines.get()
+        try:
+            for _ in range(count):
+                self.lines.get(timeout=seconds)
+        except queue.Empty:
+            raise AssertionError(f"no position within {seconds:g} s: {what}") from None

@@ -1,6 +1,7 @@
 """The log of the application POS as a dlt-daemon of the test's own gets it."""
 
 import re
+import signal
 import struct
 import subprocess
 
@@ -11,6 +12,8 @@ class Message:
     """One log message as stored by dlt-receive."""
 
     LEVELS = ("", "fatal", "error", "warn", "info", "debug", "verbose")
+
+    NUMBERS = {0x10: " b", 0x20: " bhiq", 0x40: " BHIQ", 0x80: "   fd"}  # by type, then by size
 
     def __init__(self, data):
         kind = data[0]
@@ -27,18 +30,17 @@ class Message:
         self.arguments = []
         at += 10
         for _ in range(count):
-            kind_of = struct.unpack_from(order + "I", data, at)[0]
+            type_info, = struct.unpack_from(order + "I", data, at)
             at += 4
-            if kind_of & 0x200:
-                size = struct.unpack_from(order + "H", data, at)[0]
+            if type_info & 0x200:
+                size, = struct.unpack_from(order + "H", data, at)
                 self.arguments.append(data[at + 2:at + 2 + size].rstrip(b"\0").decode())
                 at += 2 + size
             else:
-                size = 1 << ((kind_of & 0xF) - 1)
-                signed = bool(kind_of & 0x20)
-                self.arguments.append(str(int.from_bytes(
-                    data[at:at + size], "big" if order == "!" else "little", signed=signed)))
-                at += size
+                form = order + self.NUMBERS[type_info & 0xF0][type_info & 0xF]
+                number, = struct.unpack_from(form, data, at)
+                self.arguments.append(f"{number:g}" if isinstance(number, float) else str(number))
+                at += struct.calcsize(form)
 
     def fits(self, row):
         context, level, *arguments = row
@@ -56,6 +58,7 @@ class Log:
     def __init__(self, folder, port):
         self.file, self.printed = folder / "log.dlt", folder / "log.txt"
         self.processes, self.messages, self.read = [], [], 0
+        self.file.unlink(missing_ok=True)
         quiet = {"stdin": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, "cwd": folder}
         self.processes.append(subprocess.Popen(
             ["dlt-daemon", "-t", folder, "-p", str(port)], stdout=subprocess.DEVNULL, **quiet))
@@ -82,6 +85,10 @@ class Log:
     def texts(self, context):
         return [" ".join(one.arguments) for one in self.of() if one.context == context]
 
+    def wait(self, text):
+        """Until the text, whoever logs it, has been printed."""
+        until(lambda: text in self.printed.read_text(errors="replace"), f"{text!r} in the log")
+
     def check_printed(self):
         """What people read of it: whole lines, arguments apart by a blank."""
         lines = re.findall(r" POS- (\S+) log (\S+) V (\d+) \[(.*)\]$", self.printed.read_text(), re.MULTILINE)
@@ -93,5 +100,6 @@ class Log:
 
     def end(self):
         for process in reversed(self.processes):
+            process.send_signal(signal.SIGCONT)  # a test may have stopped it
             process.terminate()
             process.wait()

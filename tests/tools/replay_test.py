@@ -3,10 +3,12 @@ say what the sentences said, to the last printed digit."""
 
 import decimal
 import json
+import struct
 import unittest
 
 from desk import APPLICATION, GATEWAY, POSCTL, RECORDINGS, Desk
 
+NAMES = ("garmin25lp", "haicom-305N", "nmea-rtk", "quectel-eg25-g", "ublox-8")
 SPEED_UP = 100
 
 
@@ -50,8 +52,6 @@ def digits(value, printed):
 
 def single(value):
     """The exact value of a number that travelled in single precision."""
-    import struct
-
     return struct.unpack("f", struct.pack("f", value))[0]
 
 
@@ -62,10 +62,15 @@ def angle(value, printed):
 
 
 class Replay(unittest.TestCase):
-    def replay(self, name):
-        path = RECORDINGS / name
-        if not path.exists():
-            self.skipTest(f"skipped: {path} is not there")
+    def test_recordings(self):
+        for name in NAMES:
+            with self.subTest(name):
+                path = RECORDINGS / f"{name}.log"
+                if not path.exists():
+                    self.skipTest(f"skipped: {path} is not there")
+                self.replay(path)
+
+    def replay(self, path):
         expected = told(path)
         with Desk(98) as desk:
             application = desk.start(APPLICATION)
@@ -83,8 +88,7 @@ class Replay(unittest.TestCase):
             self.assertEqual(code, 0)
             self.assertEqual(desk.stop(consumer)[0], 0)
             self.assertEqual(desk.stop(application)[0], 0)
-        statistics = json.loads(statistics)
-        self.assertGreaterEqual(statistics["fixes"], len(expected))
+        self.assertGreaterEqual(json.loads(statistics)["fixes"], len(expected))
         self.compare(positions, expected)
 
     def compare(self, positions, expected):
@@ -118,21 +122,6 @@ class Replay(unittest.TestCase):
         if instant.get("course"):
             pairs.append((digits(single(record["yawAngle"]), instant["course"]), instant["course"]))
         return all(value == decimal.Decimal(printed) for value, printed in pairs)
-
-    def test_garmin(self):
-        self.replay("garmin25lp.log")
-
-    def test_haicom(self):
-        self.replay("haicom-305N.log")
-
-    def test_rtk(self):
-        self.replay("nmea-rtk.log")
-
-    def test_quectel(self):
-        self.replay("quectel-eg25-g.log")
-
-    def test_ublox(self):
-        self.replay("ublox-8.log")
 
 
 if __name__ == "__main__":
