@@ -118,15 +118,10 @@ template <class Record>
 inline constexpr auto blocks_to_memory = planned_blocks(
     repeated<records_at_once<Record>>(Forms<Record>{}.required_on_wire),
     repeated<records_at_once<Record>>(Forms<Record>{}.moved_to_memory, Forms<Record>::wire_size));
-/// Members that a sender leaves out are mostly the last ones: these come first.
 template <class Record>
-inline constexpr auto blocks_to_wire = [] {
-  auto blocks = planned_blocks(
-      repeated<records_at_once<Record>>(Forms<Record>{}.required_in_memory),
-      repeated<records_at_once<Record>>(Forms<Record>{}.moved_to_wire, Forms<Record>::memory_size));
-  std::ranges::reverse(blocks);
-  return blocks;
-}();
+inline constexpr auto blocks_to_wire = planned_blocks(
+    repeated<records_at_once<Record>>(Forms<Record>{}.required_in_memory),
+    repeated<records_at_once<Record>>(Forms<Record>{}.moved_to_wire, Forms<Record>::memory_size));
 
 template <class Record>
 inline constexpr Byte_moves moves_to_memory{Forms<Record>::wire_size, Forms<Record>::memory_size,
