@@ -22,6 +22,31 @@ inline someip::Option udp_option(const std::string& address, std::uint16_t port)
                                  someip::udp_protocol);
 }
 
+inline someip::Entry offer_of(std::uint16_t service,
+                              std::uint16_t instance,
+                              std::uint8_t major_version,
+                              std::uint32_t ttl) {
+  someip::Entry entry;
+  entry.type = someip::Entry_type::offer_service;
+  entry.service = service;
+  entry.instance = instance;
+  entry.major_version = major_version;
+  entry.ttl = ttl;
+  return entry;
+}
+inline someip::Entry subscription(std::uint16_t instance,
+                                  std::uint8_t major_version,
+                                  std::uint32_t ttl) {
+  someip::Entry entry;
+  entry.type = someip::Entry_type::subscribe;
+  entry.service = positioning_service;
+  entry.instance = instance;
+  entry.major_version = major_version;
+  entry.event_group = 1;
+  entry.ttl = ttl;
+  return entry;
+}
+
 /// Offers GNSS and acknowledges the application's subscription; subscribes to Positioning, once for
 /// each of the ports.
 class Discovery {
@@ -69,13 +94,7 @@ class Discovery {
 
  private:
   void add_offer(someip::Discovery_writer& writer) const {
-    someip::Entry entry;
-    entry.type = someip::Entry_type::offer_service;
-    entry.service = gnss_service;
-    entry.instance = 1;
-    entry.major_version = 3;
-    entry.ttl = 30;
-    (void)writer.add(entry, {udp_option(at_.own, source_port)});
+    (void)writer.add(offer_of(gnss_service, 1, 3, 30), {udp_option(at_.own, source_port)});
   }
   void offer() {
     const auto group = endpoint(at_.group, at_.discovery_port);
@@ -118,13 +137,7 @@ class Discovery {
         }
       } else if (entry.type == someip::Entry_type::offer_service &&
                  entry.service == positioning_service && entry.ttl != 0) {
-        someip::Entry subscribe;
-        subscribe.type = someip::Entry_type::subscribe;
-        subscribe.service = positioning_service;
-        subscribe.instance = entry.instance;
-        subscribe.major_version = entry.major_version;
-        subscribe.event_group = 1;
-        subscribe.ttl = 30;
+        const auto subscribe = subscription(entry.instance, entry.major_version, 30);
         for (const auto port : ports_) {
           if (answer.add(subscribe, {udp_option(at_.own, port)})) continue;
           send(answer, from);

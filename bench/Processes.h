@@ -27,18 +27,18 @@
 namespace bench {
 
 /// The processors that this program may use when it starts.
-inline std::vector<int> processors() {
+inline std::vector<std::size_t> processors() {
   cpu_set_t set;
-  std::vector<int> result;
+  std::vector<std::size_t> result;
   if (sched_getaffinity(0, sizeof set, &set) != 0) return result;
-  for (int i = 0; i < CPU_SETSIZE; ++i) {
+  for (std::size_t i = 0; i < CPU_SETSIZE; ++i) {
     if (CPU_ISSET(i, &set)) result.push_back(i);
   }
   return result;
 }
 
 /// Binds the calling thread, and what it starts from then on, to one processor.
-inline void run_on(int processor) {
+inline void run_on(std::size_t processor) {
   cpu_set_t set;
   CPU_ZERO(&set);
   CPU_SET(processor, &set);
@@ -97,7 +97,7 @@ class Cable {
 
 /// Where a child runs, unless where its parent does.
 struct Place {
-  std::optional<int> processor;
+  std::optional<std::size_t> processor;
   std::optional<int> network;  ///< an open namespace
 };
 

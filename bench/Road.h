@@ -8,6 +8,7 @@
 #include "ara/log/logger.h"
 #include "bench/Quiet_runtime.h"
 #include "binding/codec.h"
+#include "clients/GnssRecords.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "posService/conversion.h"
@@ -27,6 +28,24 @@ inline gnss::DT_positions_struct sample(std::uint32_t type) {
   position.positionType = type;
   position.messageCounter = 7;
   return position;
+}
+
+/// The first `members` of them are there.
+inline gnss::DT_positions_struct sparse_sample(std::size_t members) {
+  auto position = sample(2);
+  std::size_t number = 0;
+  binding::for_each_member<gnss::DT_positions_struct>([&](const auto& member) {
+    if (number++ >= members) position.*member.pointer = boost::none;
+  });
+  return position;
+}
+
+inline std::vector<gnss::DT_posGnssSatInfos_struct> satellites(std::size_t count) {
+  gnss::DT_posGnssSatInfos_struct satellite;
+  binding::for_each_member<gnss::DT_posGnssSatInfos_struct>([&]<class M>(const M& member) {
+    satellite.*member.pointer = static_cast<typename M::value_type>(4);
+  });
+  return {count, satellite};
 }
 
 inline binding::Buffer notification(std::size_t samples) {
@@ -61,7 +80,9 @@ class Road {
   }
   ~Road() { gnss_.stop(); }
 
-  void drive(const binding::Buffer& payload) { runtime_.notify("positions", payload); }
+  void drive(const binding::Buffer& payload, const char* element = "positions") {
+    runtime_.notify(element, payload);
+  }
   [[nodiscard]] std::uint64_t published() const { return runtime_.published(); }
 
  private:

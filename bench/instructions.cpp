@@ -1,10 +1,10 @@
-/// Does one thing N times, for callgrind: `bench_instructions encode|decode|satellites|road|line
-/// N`.
+/// Does one thing N times, for callgrind: `bench_instructions THING N`.
 #include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "bench/Road.h"
 #include "binding/trace_records.h"
@@ -12,23 +12,20 @@
 
 namespace {
 
-using lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct;
-
 /// Keeps the optimizer from dropping what nobody reads.
 template <class T>
 void keep(const T& value) {
   asm volatile("" : : "g"(&value) : "memory");
 }
 
-void encode(long count) {
-  const std::vector positions{bench::sample(2)};
+template <class Values>
+void encode(const Values& values, long count) {
   binding::Buffer scratch;
-  for (; count > 0; --count) {
-    keep(binding::encode_into(positions, scratch));
-  }
+  for (; count > 0; --count)
+    keep(binding::encode_into(values, scratch));
 }
 template <class Values>
-void decode_again(const Values& values, long count) {
+void decode(const Values& values, long count) {
   binding::Buffer payload;
   binding::encode(values, payload);
   Values out;
@@ -38,21 +35,15 @@ void decode_again(const Values& values, long count) {
     keep(out);
   }
 }
-void decode(long count) {
-  decode_again(std::vector{bench::sample(2)}, count);
-}
-void satellites(long count) {
-  DT_posGnssSatInfos_struct satellite;
-  binding::for_each_member<DT_posGnssSatInfos_struct>(
-      [&]<class M>(const M& m) { satellite.*m.pointer = static_cast<typename M::value_type>(4); });
-  decode_again(std::vector<DT_posGnssSatInfos_struct>(60, satellite), count);
-}
-void road(long count) {
-  for (const char* context : {"POS", "GNSS", "PSRV", "TRCE"}) {
-    ara::log::CreateLogger(context, "").SetLevel(ara::log::LogLevel::kOff);
+void drive(bool log, long count) {
+  for (const char* context : {"POS", "GNSS", "PSRV"}) {
+    ara::log::CreateLogger(context, "")
+        .SetLevel(log ? ara::log::LogLevel::kInfo : ara::log::LogLevel::kOff);
   }
   // As in the application: the trace is there, and off.
-  binding::Platform_trace_logger logger{ara::log::CreateLogger("TRCE", "")};
+  auto& trace_context = ara::log::CreateLogger("TRCE", "");
+  trace_context.SetLevel(ara::log::LogLevel::kOff);
+  binding::Platform_trace_logger logger{trace_context};
   const binding::Trace_records trace{logger};
   bench::Road road{true};
   const auto payload = bench::notification(2);
@@ -72,14 +63,24 @@ void line(long count) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const std::map<std::string, std::function<void(long)>> things{{"encode", encode},
-                                                                {"decode", decode},
-                                                                {"satellites", satellites},
-                                                                {"road", road},
-                                                                {"line", line}};
+  const std::vector full{bench::sample(2)};
+  const std::vector sparse{bench::sparse_sample(8)};
+  const auto satellites = bench::satellites(60);
+  const std::map<std::string, std::function<void(long)>> things{
+      {"encode_full", [&](long n) { encode(full, n); }},
+      {"decode_full", [&](long n) { decode(full, n); }},
+      {"encode_sparse", [&](long n) { encode(sparse, n); }},
+      {"decode_sparse", [&](long n) { decode(sparse, n); }},
+      {"encode_satellites", [&](long n) { encode(satellites, n); }},
+      {"decode_satellites", [&](long n) { decode(satellites, n); }},
+      {"road", [](long n) { drive(false, n); }},
+      {"road_with_log", [](long n) { drive(true, n); }},
+      {"line", line}};
   const auto thing = argc == 3 ? things.find(argv[1]) : things.end();
   if (thing == things.end()) {
-    std::cerr << "usage: bench_instructions encode|decode|satellites|road|line N\n";
+    std::cerr << "usage: bench_instructions THING N, with one of the things\n";
+    for (const auto& [name, _] : things)
+      std::cerr << "  " << name << "\n";
     return 2;
   }
   ara::log::InitLogging("POS", "benchmark", ara::log::LogLevel::kInfo, ara::log::LogMode::kRemote,

@@ -1,6 +1,5 @@
 /// The road of a position without a network: a GNSS notification's payload goes in, the Positioning
-/// service's payload comes out. With the log off and on, by samples, subscribed satellites and
-/// members.
+/// service's payload comes out. With the log off and on, by samples and by satellites.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <sys/ioctl.h>
@@ -41,6 +40,17 @@ void road_without_log(benchmark::State& state) {
   set_log(ara::log::LogLevel::kInfo);
 }
 BENCHMARK(road_without_log)->Arg(2)->Arg(1)->Arg(10)->Arg(100);
+
+void satellites_without_log(benchmark::State& state) {
+  set_log(ara::log::LogLevel::kOff);
+  Road road{true};
+  binding::Buffer payload;
+  binding::encode(bench::satellites(static_cast<std::size_t>(state.range(0))), payload);
+  for ([[maybe_unused]] auto _ : state)
+    road.drive(payload, "posGnssSatInfos");
+  set_log(ara::log::LogLevel::kInfo);
+}
+BENCHMARK(satellites_without_log)->Arg(0)->Arg(1)->Arg(20)->Arg(60)->Arg(200);
 
 /// The pipe to the DLT daemon, which a program that does nothing but log fills faster than the
 /// daemon empties it. The library then throws messages away and says so on standard error.
