@@ -1,24 +1,13 @@
 #include "bench/Quiet_runtime.h"
 
-#include <stdexcept>
-
 namespace {
-
-Quiet_runtime* the_runtime = nullptr;
 
 /// Enough for a bench: every element is a field with the same ids.
 constexpr tq::com::Element_ids ids{.method = 1, .getter = 1, .setter = {}, .notifier = 0x8001};
 
 }  // namespace
 
-namespace tq::com {
-Runtime& Runtime::instance() {
-  if (the_runtime == nullptr) throw std::logic_error{"the bench has no runtime"};
-  return *the_runtime;
-}
-}  // namespace tq::com
-
-class Quiet_runtime::Consumer final : public tq::com::Consumer {
+class Quiet_runtime::Consumer final : public Played_runtime::Consumer {
  public:
   explicit Consumer(Quiet_runtime& runtime) : runtime_{runtime} {}
   tq::com::Element_ids element(std::string_view) const override { return ids; }
@@ -29,10 +18,6 @@ class Quiet_runtime::Consumer final : public tq::com::Consumer {
     on_state(true);
   }
   void unsubscribe(std::string_view) override {}
-  void call(std::uint16_t, tq::com::Payload, tq::com::Response_handler handler) override {
-    handler(tq::com::Return_code::not_reachable, {});
-  }
-  void call_no_return(std::uint16_t, tq::com::Payload) override {}
 
  private:
   Quiet_runtime& runtime_;
@@ -60,23 +45,6 @@ class Quiet_runtime::Provider final : public tq::com::Provider {
   std::string service_;
 };
 
-Quiet_runtime::Quiet_runtime() {
-  the_runtime = this;
-}
-Quiet_runtime::~Quiet_runtime() {
-  the_runtime = nullptr;
-}
-
-tq::com::Find_token Quiet_runtime::start_find_service(std::string_view service,
-                                                      std::optional<std::uint16_t>,
-                                                      tq::com::Find_handler handler) {
-  searched_ = service;
-  find_handler_ = std::move(handler);
-  return tq::com::Find_token{1};
-}
-void Quiet_runtime::find() {
-  find_handler_({tq::com::Found_instance{.service = searched_, .instance = 1, .where = {}}});
-}
 std::unique_ptr<tq::com::Consumer> Quiet_runtime::connect(const tq::com::Found_instance&) {
   return std::make_unique<Consumer>(*this);
 }

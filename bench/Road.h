@@ -76,7 +76,7 @@ class Road {
     service_.setMmNewPositionCalculationIntervalMS(1000);
     service_.init();
     gnss_.init();
-    runtime_.find();
+    runtime_.find({1});
   }
   ~Road() { gnss_.stop(); }
 

@@ -3,8 +3,6 @@
 #include <algorithm>
 
 namespace {
-Fake_runtime* the_runtime = nullptr;
-
 std::mutex names_mutex;          // guards names
 std::vector<std::string> names;  // of elements, in order of first mention
 
@@ -25,12 +23,7 @@ std::string name_of(std::uint16_t notifier) {
 }
 }  // namespace
 
-tq::com::Runtime& tq::com::Runtime::instance() {
-  if (the_runtime == nullptr) throw std::logic_error{"the test has no runtime"};
-  return *the_runtime;
-}
-
-class Fake_runtime::Consumer : public tq::com::Consumer {
+class Fake_runtime::Consumer final : public Played_runtime::Consumer {
  public:
   explicit Consumer(Fake_runtime& runtime) : runtime_{runtime} {}
 
@@ -47,10 +40,6 @@ class Fake_runtime::Consumer : public tq::com::Consumer {
   void unsubscribe(std::string_view element) override {
     runtime_.notifications_.erase(std::string{element});
   }
-  void call(std::uint16_t, tq::com::Payload, tq::com::Response_handler handler) override {
-    handler(tq::com::Return_code::not_reachable, {});
-  }
-  void call_no_return(std::uint16_t, tq::com::Payload) override {}
 
  private:
   Fake_runtime& runtime_;
@@ -104,21 +93,6 @@ class Fake_runtime::Provider : public tq::com::Provider {
   const std::string specifier_;
 };
 
-Fake_runtime::Fake_runtime() {
-  the_runtime = this;
-}
-Fake_runtime::~Fake_runtime() {
-  the_runtime = nullptr;
-}
-
-void Fake_runtime::find(const std::vector<std::uint16_t>& instances) {
-  std::vector<tq::com::Found_instance> found;
-  found.reserve(instances.size());
-  for (const auto instance : instances)
-    found.push_back({.service = service_, .instance = instance, .where = nullptr});
-  find_handler_(found);
-}
-
 std::vector<std::string> Fake_runtime::offered() const {
   const std::lock_guard lock{mutex_};
   std::vector<std::string> names;
@@ -152,16 +126,6 @@ std::vector<Fake_runtime::Bytes> Fake_runtime::sent(std::string_view specifier) 
   return found == instances_.end() ? std::vector<Bytes>{} : found->second.sent;
 }
 
-tq::com::Find_token Fake_runtime::start_find_service(std::string_view service,
-                                                     std::optional<std::uint16_t>,
-                                                     tq::com::Find_handler handler) {
-  service_ = service;
-  find_handler_ = std::move(handler);
-  return tq::com::Find_token{1};
-}
-void Fake_runtime::stop_find_service(tq::com::Find_token) {
-  find_handler_ = nullptr;
-}
 std::unique_ptr<tq::com::Consumer> Fake_runtime::connect(const tq::com::Found_instance&) {
   ++connections_;
   return std::make_unique<Consumer>(*this);

@@ -1,5 +1,5 @@
 /// A communication runtime without a network: the test plays the other side, decides when something
-/// arrives and sees what was offered and sent. While one lives it is the process's runtime.
+/// arrives and sees what was offered and sent.
 #pragma once
 
 #include <condition_variable>
@@ -12,20 +12,14 @@
 #include <vector>
 
 #include "binding/codec.h"
-#include "tq/com/runtime.h"
+#include "tests/support/Played_runtime.h"
 
-class Fake_runtime : public tq::com::Runtime {
+class Fake_runtime final : public Played_runtime {
  public:
   using Bytes = std::vector<std::uint8_t>;
 
-  Fake_runtime();
-  ~Fake_runtime() override;
-
   // The consumed side: one service at a time, on the test's thread.
 
-  /// Gives the running search a result.
-  void find(const std::vector<std::uint16_t>& instances);
-  [[nodiscard]] bool searches() const { return find_handler_ != nullptr; }
   [[nodiscard]] std::size_t connections() const { return connections_; }
   [[nodiscard]] bool subscribed(const std::string& element) const {
     return notifications_.contains(element);
@@ -75,14 +69,9 @@ class Fake_runtime : public tq::com::Runtime {
   }
   void clear_updates() { updates_.clear(); }
 
-  tq::com::Find_token start_find_service(std::string_view service,
-                                         std::optional<std::uint16_t> instance,
-                                         tq::com::Find_handler handler) override;
-  void stop_find_service(tq::com::Find_token token) override;
   std::unique_ptr<tq::com::Consumer> connect(const tq::com::Found_instance& instance) override;
   std::unique_ptr<tq::com::Provider> provide(std::string_view service,
                                              std::string_view specifier) override;
-  std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override { return {}; }
 
  private:
   class Consumer;
@@ -94,8 +83,6 @@ class Fake_runtime : public tq::com::Runtime {
     std::size_t running = 0;  ///< calls in progress
   };
 
-  std::string service_;
-  tq::com::Find_handler find_handler_;
   std::size_t connections_ = 0;
   std::map<std::string, tq::com::Notification_handler> notifications_;
   std::map<std::string, tq::com::Subscription_state_handler> states_;

@@ -1,0 +1,131 @@
+/// Trace records where no run of the application shows them; the texts of all others, and that a
+/// handler that throws costs one and nothing else, are log_texts_test.py's to see.
+#include <gmock/gmock.h>
+
+#include "ara/log/capture.h"
+#include "binding/trace_records.h"
+#include "clients/GNSS.h"
+#include "diagnosisService/DiagnosticMonitor.h"
+#include "tests/support/Fake_runtime.h"
+
+namespace {
+
+using ara::log::LogLevel;
+using lumo::services::gnss::datatypes::DT_positionsQuality_struct;
+using lumo::services::gnss::proxy::GNSSProxy;
+using lumo::services::gnss::skeleton::GNSSSkeleton;
+using mw::com::cpp_binding::Trace_event;
+using mw::com::cpp_binding::Trace_id;
+using testing::ElementsAre;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+const GNSSProxy::HandleType played{{.service = "played", .instance = 1, .where = {}}};
+const std::vector<std::byte> empty_vector(4);
+
+Trace_event event(Trace_id id, std::string_view instance = "1") {
+  return {.id = id, .service = "a::S", .instance = instance};
+}
+
+class Trace : public testing::Test {
+ protected:
+  Trace() { context_.SetLevel(LogLevel::kInfo); }
+  /// What was told since the last call.
+  std::vector<std::string> told() {
+    const auto texts = capture_.Texts("TRCE");
+    capture_.Clear();
+    return texts;
+  }
+
+  Fake_runtime runtime_;
+  ara::log::Capture capture_;
+  ara::log::Logger& context_ = ara::log::CreateLogger("TRCE", "Binding trace");
+  binding::Platform_trace_logger logger_{context_};
+  binding::Trace_records sink_{logger_};
+};
+
+TEST_F(Trace, of_a_message_follows_the_level_at_run_time) {
+  GNSSProxy proxy{played};
+  proxy.positions.SetReceiveHandler([] {});
+  proxy.positions.Subscribe(2);
+  GNSSSkeleton source{ara::core::InstanceSpecifier{"Known"}};
+  const auto told_at = [&](LogLevel level) {
+    context_.SetLevel(level);
+    static_cast<void>(told());
+    runtime_.notify_bytes("positions", empty_vector);
+    source.positions.Update({});
+    return told();
+  };
+  const auto every =
+      ElementsAre(HasSubstr("Event_update_rx"), HasSubstr("Event_cache_update"),
+                  HasSubstr("Event_receive_handler"),
+                  HasSubstr("Event_receive_handler_performance"), HasSubstr("Event_update_tx"));
+  EXPECT_THAT(told_at(LogLevel::kDebug), IsEmpty());
+  EXPECT_THAT(told_at(LogLevel::kVerbose), every);
+  EXPECT_THAT(told_at(LogLevel::kOff), IsEmpty());
+  EXPECT_THAT(told_at(LogLevel::kVerbose), every);
+}
+
+TEST_F(Trace, carries_a_payload_as_positions_and_kinds) {
+  DT_positionsQuality_struct quality;
+  quality.positionType = 1;
+  quality.isActivatedAssistedGNSS = true;
+  quality.satsInViewGPS = std::uint8_t{9};
+  using Values = std::vector<DT_positionsQuality_struct>;
+  const Values values{quality};
+  auto call = event(Trace_id::Method_call_request_process);
+  call.payload = {&values, [](const void* object, mw::com::cpp_binding::Trace_json& json) {
+                    mw::com::cpp_binding::Serialization<Values>::trace(
+                        *static_cast<const Values*>(object), json, 1);
+                  }};
+  EXPECT_THAT(binding::to_json(call),
+              testing::EndsWith(R"("2_data":{"1_vector":{"1_generated_type":{"1_undefined_type":)"
+                                R"("undefined_type","10_uint8":1,"24_uint8":9}}}})"));
+}
+
+TEST_F(Trace, records_are_built_at_an_enabled_level_and_empty_when_they_cannot_be) {
+  int built = 0;
+  const auto tell = [&](Trace_id id, std::string_view instance) {
+    mw::com::cpp_binding::trace(id, [&] {
+      ++built;
+      return event(id, instance);
+    });
+  };
+  tell(Trace_id::Event_update_rx, "1");
+  EXPECT_EQ(built, 0);
+  tell(Trace_id::Offer_service, "1");
+  tell(Trace_id::Offer_service, "\xff");
+  EXPECT_EQ(built, 2);
+  EXPECT_THAT(told(), ElementsAre(HasSubstr("Offer_service"), ""));
+}
+
+TEST_F(Trace, a_malformed_payload_takes_nothing_that_came_before) {
+  GNSSProxy proxy{played};
+  runtime_.acknowledges = false;
+  proxy.positions.Subscribe(2);
+  runtime_.notify_bytes("positions", empty_vector);
+  runtime_.notify_bytes("positions", std::span{empty_vector}.first(3));
+  EXPECT_THAT(told(), testing::Contains(HasSubstr("Event_deserialize_exception")));
+  EXPECT_EQ(proxy.positions.GetNewSamples([](const auto& sample) { EXPECT_TRUE(sample->empty()); }),
+            1U);
+}
+
+class Monitor final : public mw::dm::dem::skeleton::DiagnosticMonitorSkeleton {
+ public:
+  Monitor() : DiagnosticMonitorSkeleton{ara::core::InstanceSpecifier{"Known"}} {}
+  ~Monitor() override { disconnect(); }
+  ara::core::Future<void> InitMonitor(mw::dm::dem::InitMonitorReason) override { return {}; }
+};
+
+TEST_F(Trace, a_handler_that_still_runs_while_its_skeleton_ends_may_send) {
+  std::size_t sent = 0;
+  runtime_.on_send = [&] { ++sent; };
+  auto monitor = std::make_unique<Monitor>();
+  runtime_.on_close = [&event = monitor->MonitorAction] {
+    event.Send(mw::dm::dem::MonitorActionType::kPassed);
+  };
+  monitor.reset();
+  EXPECT_EQ(sent, 1U);
+}
+
+}  // namespace
