@@ -4,13 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "ara/log/capture.h"
-#include "tests/support/Temporary_folder.h"
+#include "tests/support/Seen.h"
+#include "tests/support/Store.h"
 
 namespace {
 
@@ -21,23 +21,7 @@ using Confirmation = std::tuple<std::uint32_t, std::string, std::uint32_t>;
 
 /// The far side: what was registered and what was confirmed.
 struct State_management {
-  void confirmed(Confirmation confirmation) {
-    {
-      const std::lock_guard lock(mutex);
-      confirmations.push_back(std::move(confirmation));
-    }
-    changed.notify_all();
-  }
-  /// Waits until `count` confirmations are there and returns all.
-  std::vector<Confirmation> await(std::size_t count) {
-    std::unique_lock lock(mutex);
-    changed.wait_for(lock, 10s, [&] { return confirmations.size() >= count; });
-    return confirmations;
-  }
-
-  std::mutex mutex;  // guards the confirmations
-  std::condition_variable changed;
-  std::vector<Confirmation> confirmations;
+  test::Seen<Confirmation> confirmations;
   std::string instance;
   ara::stm::StateChangeHandler handler;
   std::thread early;  // a request made before the client is returned
@@ -53,7 +37,7 @@ class Client : public ara::stm::ComponentClient {
   void confirm(std::uint32_t sequenceNumber,
                const std::string& newState,
                std::uint32_t result) override {
-    management->confirmed({sequenceNumber, newState, result});
+    management->confirmations.add({sequenceNumber, newState, result});
   }
 };
 
@@ -73,48 +57,45 @@ namespace {
 
 class ComponentClientWrapperTest : public testing::Test {
  public:
-  ComponentClientWrapperTest() {
-    setenv("POS_STORAGE_DIR", folder_.path().c_str(), 1);
-    management = &management_;
-    log_.emplace();
-    persistency_.emplace("POS_Key_Value_Port",
-                         ara::log::CreateLogger("DBAC", "Persistency access"));
-  }
+  ComponentClientWrapperTest() { management = &management_; }
 
  protected:
   void request(const std::string& state, std::uint32_t seqNum) {
     management_.handler(state, seqNum);
   }
-  void save() { static_cast<void>(persistency_->controlledSaveBinaryData({1}, "b")); }
+  void save() { static_cast<void>(persistency_.controlledSaveBinaryData({1}, "b")); }
+  /// All confirmations, once there are `count`.
+  std::vector<Confirmation> confirmed(std::size_t count) {
+    EXPECT_TRUE(management_.confirmations.wait_count(count));
+    return management_.confirmations.all();
+  }
 
   State_management management_;
-  Temporary_folder folder_;
-  std::optional<ara::log::Capture> log_;
-  std::optional<Persistency> persistency_;
+  Store store_;
+  ara::log::Capture log_;
+  Persistency persistency_ = store_.open();
 };
 
 TEST_F(ComponentClientWrapperTest, an_owner_that_is_ready_is_prepared_within_the_request) {
-  const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
+  const ComponentClientWrapper wrapper(&persistency_, [] { return true; });
   EXPECT_EQ(management_.instance, "POS__ORVEL1_Sys_Adaptive_01_instance1");
 
   request("kOn", 1);  // is on already: the persistency hears nothing
-  EXPECT_THAT(log_->Texts("DBAC"), IsEmpty());
+  EXPECT_THAT(log_.Texts("DBAC"), IsEmpty());
   request("kPrepSD", 2);
-  EXPECT_FALSE(persistency_->isStoringAllowed());
+  EXPECT_FALSE(persistency_.isStoringAllowed());
   request("kPrepSD", 3);
   request("kOn", 4);
-  EXPECT_TRUE(persistency_->isStoringAllowed());
+  EXPECT_TRUE(persistency_.isStoringAllowed());
   request("kPrepSD", 5);
   request("kUnknown", 6);
-  EXPECT_TRUE(persistency_->isStoringAllowed());
   request("", 7);  // unlike "kOn", an unknown name sets the switch again
 
-  EXPECT_THAT(management_.confirmations,
-              ElementsAre(Confirmation{1, "kOn", 0}, Confirmation{2, "kPrepSD", 0},
-                          Confirmation{3, "kPrepSD", 0}, Confirmation{4, "kOn", 0},
-                          Confirmation{5, "kPrepSD", 0}, Confirmation{6, "kUnknown", 0},
-                          Confirmation{7, "", 0}));
-  EXPECT_THAT(log_->Texts("DBAC"),
+  EXPECT_THAT(confirmed(7), ElementsAre(Confirmation{1, "kOn", 0}, Confirmation{2, "kPrepSD", 0},
+                                        Confirmation{3, "kPrepSD", 0}, Confirmation{4, "kOn", 0},
+                                        Confirmation{5, "kPrepSD", 0},
+                                        Confirmation{6, "kUnknown", 0}, Confirmation{7, "", 0}));
+  EXPECT_THAT(log_.Texts("DBAC"),
               ElementsAre("Database: storing forbidden", "Database: storing allowed",
                           "Database: storing forbidden", "Database: storing allowed",
                           "Database: storing allowed"));
@@ -122,9 +103,9 @@ TEST_F(ComponentClientWrapperTest, an_owner_that_is_ready_is_prepared_within_the
 
 TEST_F(ComponentClientWrapperTest, a_request_before_the_client_is_returned_is_confirmed) {
   management_.requestEarly = true;
-  const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
+  const ComponentClientWrapper wrapper(&persistency_, [] { return true; });
   management_.early.join();
-  EXPECT_THAT(management_.confirmations, ElementsAre(Confirmation{1, "kOn", 0}));
+  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{1, "kOn", 0}));
 }
 
 TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_everything) {
@@ -132,29 +113,29 @@ TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_
   // next question must follow the save.
   std::atomic<bool> busy{true};
   int unsaved = 8;
-  ComponentClientWrapper wrapper(&*persistency_, [&] {
+  const ComponentClientWrapper wrapper(&persistency_, [&] {
     if (busy) return false;
     save();
     return --unsaved == 0;
   });
   request("kPrepSD", 1);
-  EXPECT_TRUE(persistency_->isStoringAllowed());
+  EXPECT_TRUE(persistency_.isStoringAllowed());
   request("kPrepSD", 2);
-  EXPECT_THAT(management_.await(1), ElementsAre(Confirmation{2, "kPrepSD", 1}));
+  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{2, "kPrepSD", 1}));
   busy = false;
-  EXPECT_THAT(management_.await(2),
+  EXPECT_THAT(confirmed(2),
               ElementsAre(Confirmation{2, "kPrepSD", 1}, Confirmation{1, "kPrepSD", 0}));
   EXPECT_EQ(unsaved, 0);
-  EXPECT_FALSE(persistency_->isStoringAllowed());
+  EXPECT_FALSE(persistency_.isStoringAllowed());
 }
 
 TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {
-  ComponentClientWrapper wrapper(&*persistency_, {});
+  const ComponentClientWrapper wrapper(&persistency_, {});
   request("kPrepSD", 1);
   request("kOn", 2);
   save();  // too late to end anything
-  EXPECT_THAT(management_.await(1), ElementsAre(Confirmation{2, "kOn", 0}));
-  EXPECT_TRUE(persistency_->isStoringAllowed());
+  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{2, "kOn", 0}));
+  EXPECT_TRUE(persistency_.isStoringAllowed());
 
   // Over and over, whether or not the earlier preparation has noticed its end.
   for (std::uint32_t round = 0; round < 200; ++round) {
@@ -163,42 +144,40 @@ TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {
   }
   request("kPrepSD", 1000);
   save();
-  const auto confirmations = management_.await(202);
-  ASSERT_EQ(confirmations.size(), 202u);
-  EXPECT_EQ(confirmations.back(), Confirmation(1000, "kPrepSD", 0));
-  EXPECT_FALSE(persistency_->isStoringAllowed());
+  const auto all = confirmed(202);
+  ASSERT_EQ(all.size(), 202u);
+  EXPECT_EQ(all.back(), Confirmation(1000, "kPrepSD", 0));
+  EXPECT_FALSE(persistency_.isStoringAllowed());
 }
 
 TEST_F(ComponentClientWrapperTest, destruction_waits_for_a_preparation_at_most_five_seconds) {
-  auto wrapper = std::make_unique<ComponentClientWrapper>(&*persistency_, [] { return false; });
+  std::optional<ComponentClientWrapper> wrapper(std::in_place, &persistency_, [] { return false; });
   const auto start = std::chrono::steady_clock::now();
   request("kPrepSD", 1);
   wrapper.reset();
   const auto waited = std::chrono::steady_clock::now() - start;
   EXPECT_GE(waited, 5s);
   EXPECT_LT(waited, 10s);
-  EXPECT_THAT(management_.confirmations, ElementsAre(Confirmation{1, "kPrepSD", 0}));
+  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{1, "kPrepSD", 0}));
   EXPECT_FALSE(management_.connected);
   save();  // nobody is called any more
 }
 
 TEST_F(ComponentClientWrapperTest, requests_from_several_threads_are_serialised) {
-  constexpr std::size_t kThreads = 4;
   constexpr std::size_t kRequests = 250;
-  const ComponentClientWrapper wrapper(&*persistency_, [] { return true; });
-  std::vector<std::thread> threads;
-  threads.reserve(kThreads);
-  for (std::size_t thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([&, thread] {
-      for (std::size_t i = 0; i < kRequests; ++i)
-        request((i + thread) % 2 == 0 ? "kPrepSD" : "kOn", 0);
-    });
+  const ComponentClientWrapper wrapper(&persistency_, [] { return true; });
+  {
+    std::vector<std::jthread> threads;
+    for (const auto* first : {"kPrepSD", "kOn", "kPrepSD", "kOn"}) {
+      threads.emplace_back([&, first] {
+        for (std::size_t i = 0; i < kRequests; ++i)
+          request(i % 2 == 0 ? first : "kOn", 0);
+      });
+    }
   }
-  for (auto& thread : threads)
-    thread.join();
-  EXPECT_EQ(management_.confirmations.size(), kThreads * kRequests);
+  EXPECT_EQ(management_.confirmations.all().size(), 4 * kRequests);
   request("kOn", 0);
-  EXPECT_TRUE(persistency_->isStoringAllowed());
+  EXPECT_TRUE(persistency_.isStoringAllowed());
 }
 
 }  // namespace

@@ -1,19 +1,18 @@
-/// The whole application in this process, its neighbours on the same loopback
-/// network.
+/// The whole application in this process, its neighbours on the same loopback network.
 #include "app/posApplication.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 
-#include <boost/optional/optional_io.hpp>
 #include <cstdlib>
 #include <future>
 #include <thread>
 
 #include "ara/log/capture.h"
+#include "tests/clients/printing.h"
 #include "tests/clients/wire.h"
-#include "tests/support/Temporary_folder.h"
+#include "tests/support/Store.h"
 
 namespace {
 
@@ -22,11 +21,6 @@ using ara::per::KvsType;
 using Gnss = lumo::services::gnss::datatypes::DT_positions_struct;
 using Times = lumo::services::time::datatypes::DT_times_struct;
 using Positioning = lumo::services::positioning::datatypes::DT_positions_struct;
-
-constexpr const char* kStarted =
-    "posApplication startup finished, waiting for "
-    "shutdown signal, data will be processed in "
-    "receiver threads.";
 
 Gnss sample(std::uint32_t type, std::uint32_t counter) {
   Gnss position;
@@ -51,42 +45,29 @@ class ApplicationTest : public testing::Test {
   }
 
  protected:
+  /// Makes the application with these settings.
+  void prepare(const std::vector<std::pair<std::string, KvsType>>& settings) {
+    setenv("POS_STATE_BUS", "none", 1);
+    store_.write(settings);
+    application_.emplace(store_.open());
+  }
   /// Runs the application with these settings until the end of the test.
   void run(const std::vector<std::pair<std::string, KvsType>>& settings) {
     prepare(settings);
     result_ = std::async(std::launch::async, [this] { return application_->run(); });
-    ASSERT_TRUE(log_.WaitFor(kStarted));
-  }
-  /// Makes the application with these settings.
-  void prepare(const std::vector<std::pair<std::string, KvsType>>& settings) {
-    setenv("POS_STORAGE_DIR", folder_.path().c_str(), 1);
-    setenv("POS_STATE_BUS", "none", 1);
-    {
-      ara::per::KeyValueStorage store("POS_Key_Value_Port");
-      for (const auto& [key, value] : settings)
-        store.SetValue(key, value);
-      store.SyncToStorage();
-    }
-    application_.emplace(
-        Persistency("POS_Key_Value_Port", ara::log::CreateLogger("DBAC", "Persistency access")));
+    ASSERT_TRUE(log_.WaitFor(
+        "posApplication startup finished, waiting for shutdown signal, data will be processed in "
+        "receiver threads."));
   }
   int stop() {
     application_->signalHandler(SIGTERM);
     return result_.get();
   }
 
-  /// Whether data has been received for the monitor since the start.
-  bool becomesNominal(const std::string& monitor) {
-    return log_.WaitFor("Changing of state, ID = " + monitor +
-                        " , prev status = Init , new status = Nominal");
-  }
-
   /// What `Read` of a data identifier answers.
   std::vector<std::uint8_t> readIdentifier(std::string_view service) {
     const test::Finder finder(wire_.gateway(), service);
-    const auto found = finder.wait(1);
-    if (found.empty()) throw std::runtime_error("not offered: " + std::string(service));
-    const auto consumer = wire_.gateway().connect(found.front());
+    const auto consumer = finder.connect();
     std::promise<std::vector<std::uint8_t>> answer;
     std::vector<std::byte> noMetaInfo;
     binding::encode(std::map<std::string, std::string>{}, noMetaInfo);
@@ -97,132 +78,112 @@ class ApplicationTest : public testing::Test {
                    });
     return answer.get_future().get();
   }
+  /// Waits until `Read` of a data-bus record answers with these bytes.
+  void become(const std::string& identifier, const std::vector<std::uint8_t>& bytes) {
+    const auto service = "lumo::services::diag::" + identifier;
+    std::vector<std::uint8_t> last;
+    EXPECT_TRUE(test::eventually([&] { return (last = readIdentifier(service)) == bytes; }))
+        << identifier << " is " << testing::PrintToString(last);
+  }
 
   Wire wire_{72};
+  std::unique_ptr<tq::com::Provider> gnss_ =
+      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
   ara::log::Capture log_;
-  Temporary_folder folder_;
+  Store store_;
   std::optional<posApplication> application_;
   std::future<int> result_;
 };
 
 TEST_F(ApplicationTest, a_gnss_position_becomes_a_dead_reckoning_position) {
   run({{"ignoreGNSSTimestamps", KvsType(false)}, {"recievedGNSSDataLogging", KvsType(false)}});
-
   test::Seen<std::vector<Positioning>> published;
   const test::Finder finder(wire_.gateway(), "lumo::services::positioning::Positioning");
-  const auto found = finder.wait(1);
-  ASSERT_EQ(found.size(), 1u);
-  const auto consumer = wire_.gateway().connect(found.front());
+  const auto consumer = finder.connect();
   consumer->subscribe(
       "positions",
       [&](tq::com::Payload payload) { published.add(decoded<std::vector<Positioning>>(payload)); },
       [](bool) {});
   ASSERT_TRUE(published.wait_count(1));  // the field's first value: nothing but the time
 
-  const auto gnss =
-      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
-  update(*gnss, "positions", std::vector{sample(1, 6)});  // not of the wanted type
-  gnss->offer();
+  update(*gnss_, "positions", std::vector{sample(1, 6)});  // not of the wanted type
+  gnss_->offer();
   ASSERT_TRUE(log_.WaitFor("generalClientImpl: connected to instance  1"));
-  update(*gnss, "positions", std::vector{sample(2, 7)});
+  update(*gnss_, "positions", std::vector{sample(2, 7)});
   ASSERT_TRUE(published.wait_count(2));
 
-  const auto position = published.all()[1].at(0);
+  auto position = published.all()[1].at(0);
   EXPECT_EQ(position.messageCounter, 7u);
   EXPECT_EQ(position.LAT, 48.25);
-  EXPECT_FALSE(position.LON);
-  EXPECT_FALSE(position.positionType);
+  EXPECT_FALSE(position.LON || position.positionType);
   EXPECT_EQ(position.preciseLocalTimeSeconds, 1'700'000'000u);
   EXPECT_EQ(position.preciseLocalTimeNanoseconds, 5'000u);
-  EXPECT_EQ(position.statusPosition, 2u);
-  EXPECT_EQ(position.statusAltitude, 1u);
-  EXPECT_EQ(position.statusYawAngle, 2u);
-  EXPECT_EQ(position.statusSpeed, 2u);
-  EXPECT_EQ(position.statusAttitude, 2u);
-  EXPECT_EQ(position.statusTime, 1u);
-  EXPECT_EQ(position.statusMapMatching, 0u);
-
-  EXPECT_TRUE(becomesNominal("POS_Input_GNSS"));
-  EXPECT_TRUE(becomesNominal("POS_Output_DeadReckoning"));
+  const std::vector statuses{position.statusPosition,   position.statusAltitude,
+                             position.statusYawAngle,   position.statusSpeed,
+                             position.statusAttitude,   position.statusTime,
+                             position.statusMapMatching};
+  EXPECT_THAT(statuses, testing::ElementsAre(2u, 1u, 2u, 2u, 2u, 1u, 0u));
+  for (const std::string monitor : {"POS_Input_GNSS", "POS_Output_DeadReckoning"}) {
+    EXPECT_TRUE(log_.WaitFor("Changing of state, ID = " + monitor +
+                             " , prev status = Init , new status = Nominal"));
+  }
   EXPECT_EQ(stop(), 0);
 }
 
-TEST_F(ApplicationTest, faults_of_the_consumed_services_are_in_the_data_bus_records) {
+TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_records_and_the_offset) {
   run({{"timeClientEnabled", KvsType(true)}});
-  const auto become = [this](std::string_view which, const std::vector<std::uint8_t>& expected) {
-    const auto service = "lumo::services::diag::" + std::string(which);
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-    std::vector<std::uint8_t> read;
-    do {
-      read = readIdentifier(service);
-    } while (read != expected && std::chrono::steady_clock::now() < deadline);
-    EXPECT_EQ(read, expected) << which;
-  };
   const std::string not_available = "d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable";
   const std::string error_value =
       "d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived";
   const std::string implausible = "d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible";
 
-  const auto gnss =
-      wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
   const auto times =
       wire_.gateway().provide("lumo::services::time::Time", "Time_ProvidedSomeipServiceInstance");
-  auto bad_quality = gnssClient::gnssClientImpl::Quality{};
+  gnssClient::gnssClientImpl::Quality bad_quality;
   bad_quality.gDOP_valueType = binding::Value_type::physical_value;
-  auto bad_satellite = gnssClient::gnssClientImpl::Satellite{};
+  gnssClient::gnssClientImpl::Satellite bad_satellite;
   bad_satellite.elevation_valueType = binding::Value_type{9};
-  auto bad_time = Times{};
+  Times bad_time;
+  bad_time.type = 2;
+  bad_time.pltOffset = 1'234'999;
   bad_time.utcNanoseconds = 1'000'000'000;
-  update(*gnss, "positions", std::vector{sample(1, 1)});
-  gnss->offer();
+  Times of_another_type;
+  of_another_type.type = 3;
+  of_another_type.pltOffset = 9'000'000;
+  update(*gnss_, "positions", std::vector{sample(1, 1)});
+  gnss_->offer();
   become(error_value, {0, 0, 0, 5, 1, 1, 1, 0, 1});
   become(not_available, {0, 0, 0, 0});
-  update(*gnss, "positionsQuality", std::vector{bad_quality});
+  update(*gnss_, "positionsQuality", std::vector{bad_quality});
   become(implausible, {0, 0, 0, 5, 1, 2, 1, 0, 1});
-  update(*gnss, "posGnssSatInfos", std::vector{bad_satellite});
+  update(*gnss_, "posGnssSatInfos", std::vector{bad_satellite});
   become(implausible, {0, 0, 0, 10, 1, 2, 1, 0, 1, 1, 3, 1, 0, 1});
-  update(*times, "times", std::vector{bad_time});
+  update(*times, "times", std::vector{bad_time, of_another_type, Times{}});
   times->offer();
   become(implausible, {0, 0, 0, 15, 1, 2, 1, 0, 1, 1, 3, 1, 0, 1, 2, 1, 1, 0, 1});
+  EXPECT_TRUE(
+      log_.WaitFor("Times struct received from Timemaster:  type missing,  pltOffset missing"));
+  EXPECT_EQ(timeutils::instance().addOffset(0), 1'234u);
 
-  update(*gnss, "positions", std::vector<Gnss>(1));
+  update(*gnss_, "positions", std::vector<Gnss>(1));
   become(error_value, {0, 0, 0, 5, 1, 1, 0, 0, 1});
   times->stop_offer();
   become(not_available, {0, 0, 0, 5, 2, 0, 1, 0, 1});
-  gnss->stop_offer();
+  gnss_->stop_offer();
   become(not_available, {0, 0, 0, 10, 2, 0, 1, 0, 1, 1, 0, 1, 0, 1});
   times->offer();
   become(not_available, {0, 0, 0, 10, 2, 0, 0, 0, 1, 1, 0, 1, 0, 1});
 }
 
-TEST_F(ApplicationTest, times_of_type_2_set_the_platform_offset) {
-  run({{"timeClientEnabled", KvsType(true)}});
-  const auto times =
-      wire_.gateway().provide("lumo::services::time::Time", "Time_ProvidedSomeipServiceInstance");
-  Times set;
-  set.type = 2;
-  set.pltOffset = 1'234'999;
-  Times other;
-  other.type = 3;
-  other.pltOffset = 9'000'000;
-  update(*times, "times", std::vector{set, other, Times{}});
-  times->offer();
-  ASSERT_TRUE(becomesNominal("POS_Input_Time"));
-  EXPECT_EQ(timeutils::instance().addOffset(0), 1'234u);
-}
-
 TEST_F(ApplicationTest, signals_while_it_starts_and_stops_do_no_harm) {
   prepare({});
-  std::atomic<bool> done{false};
-  std::thread signals([&] {
-    while (!done) {
+  const std::jthread signals([&](const std::stop_token& stop) {
+    while (!stop.stop_requested()) {
       for (const int sigId : {SIGUSR1, SIGTERM, SIGUSR2, SIGINT})
         application_->signalHandler(sigId);
     }
   });
   EXPECT_EQ(application_->run(), 0);
-  done = true;
-  signals.join();
 }
 
 }  // namespace

@@ -14,7 +14,7 @@
 namespace {
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
+using ::testing::SizeIs;
 using ::testing::StartsWith;
 
 using gnssClient::gnssClientImpl;
@@ -72,26 +72,27 @@ TEST_F(Gnss_client, subscribes_to_its_three_fields_on_each_connection) {
   EXPECT_FALSE(runtime_.subscribed("positions"));
 }
 
-TEST_F(Gnss_client, forwards_the_last_sample_of_the_wanted_type_unchanged) {
+TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told_to_restamp) {
   connect();
   auto last = sample(1, 2);
   last.preciseLocalTimeSeconds = 5;
-  runtime_.notify("positions", std::vector{sample(1, 1), last});
-  ASSERT_EQ(positions_.size(), 1U);
+  const std::vector both{sample(1, 1), last};
+  runtime_.notify("positions", both);
+  client_.setIgnoreGNSSTimestamps(true);
+  runtime_.notify("positions", both);
+  EXPECT_THAT(pipeline_lines(), SizeIs(1)) << "about the timestamp";
+  client_.setUseGNSSDR(true);
+  runtime_.notify("positions", both);
+  runtime_.notify("positions", std::vector{sample(boost::none, 3)});
+  runtime_.notify("positions", std::vector<Position>{});
+
+  ASSERT_EQ(positions_.size(), 2U) << "none is of the other type";
   EXPECT_EQ(positions_[0].messageCounter, 2U);
   EXPECT_EQ(positions_[0].preciseLocalTimeSeconds, 5U);
   EXPECT_FALSE(positions_[0].preciseLocalTimeNanoseconds);
-  EXPECT_THAT(pipeline_lines(), IsEmpty());
-}
-
-TEST_F(Gnss_client, forwards_nothing_without_a_sample_of_the_wanted_type) {
-  client_.setUseGNSSDR(true);
-  client_.setIgnoreGNSSTimestamps(true);
-  connect();
-  runtime_.notify("positions", std::vector{sample(1, 1), sample(boost::none, 2)});
-  runtime_.notify("positions", std::vector<Position>{});
-  EXPECT_THAT(positions_, IsEmpty());
-  EXPECT_THAT(pipeline_lines(), IsEmpty());
+  EXPECT_EQ(positions_[1].messageCounter, 2U);
+  EXPECT_EQ(positions_[1].preciseLocalTimeSeconds, 1'700'000'000U);
+  EXPECT_EQ(positions_[1].preciseLocalTimeNanoseconds, 250'000'000U);
 }
 
 TEST_F(Gnss_client, completes_the_position_from_the_other_type) {
@@ -105,22 +106,6 @@ TEST_F(Gnss_client, completes_the_position_from_the_other_type) {
   EXPECT_EQ(positions_[0].positionType, 2U);
   EXPECT_EQ(positions_[0].messageCounter, 2U);
   EXPECT_EQ(positions_[0].LAT, 48.5);
-}
-
-TEST_F(Gnss_client, replaces_timestamps) {
-  client_.setIgnoreGNSSTimestamps(true);
-  connect();
-  auto stamped = sample(1, 1);
-  stamped.preciseLocalTimeSeconds = 1'600'000'000;
-  runtime_.notify("positions", std::vector{stamped});
-  client_.setUseGNSSDR(true);
-  runtime_.notify("positions", std::vector{sample(2, 2)});
-
-  ASSERT_EQ(positions_.size(), 2U);
-  for (const auto& position : positions_) {
-    EXPECT_EQ(position.preciseLocalTimeSeconds, 1'700'000'000U);
-    EXPECT_EQ(position.preciseLocalTimeNanoseconds, 250'000'000U);
-  }
 }
 
 TEST_F(Gnss_client, passes_quality_records_on_one_by_one_once_logged_and_satellites_as_a_whole) {

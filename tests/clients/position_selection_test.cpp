@@ -44,6 +44,7 @@ TEST(Complete, takes_over_physical_values_for_those_that_are_not_and_for_no_othe
   const auto none = boost::none;
   const Quality physical = Value_type::physical_value;
   const Quality error = Value_type::error;
+  const Quality logical = Value_type::logical_value;
   const Quality unknown = static_cast<Value_type>(5);
   const std::vector<Case> cases{
       {1.0F, physical, 2.0F, physical, 1.0F, physical},
@@ -52,6 +53,8 @@ TEST(Complete, takes_over_physical_values_for_those_that_are_not_and_for_no_othe
       {1.0F, none, 2.0F, physical, 2.0F, physical},
       {1.0F, error, 2.0F, physical, 2.0F, physical},
       {1.0F, unknown, 2.0F, physical, 2.0F, physical},
+      {1.0F, logical, 2.0F, physical, 2.0F, physical},
+      {1.0F, error, 2.0F, logical, 1.0F, error},
       {1.0F, error, none, physical, 1.0F, error},
       {1.0F, error, 2.0F, none, 1.0F, error},
       {none, none, 2.0F, error, none, none},

@@ -31,9 +31,8 @@ TEST(Clients_on_the_wire, stop_at_any_moment_of_a_service_that_comes_and_goes) {
     const auto before = received.all().size();
     static_cast<void>(received.wait([&](const auto& all) { return all.size() > before; }, limit));
   };
-  std::atomic<bool> done{false};
-  std::thread flapping{[&] {
-    for (std::uint32_t i = 0; !done; ++i) {
+  const std::jthread flapping{[&](const std::stop_token& stop) {
+    for (std::uint32_t i = 0; !stop.stop_requested(); ++i) {
       update(*provider, "positions", sample(i));
       provider->offer();
       wait_for_another(std::chrono::milliseconds{70});
@@ -54,8 +53,6 @@ TEST(Clients_on_the_wire, stop_at_any_moment_of_a_service_that_comes_and_goes) {
     client.stop();
     stopped = true;
   }
-  done = true;
-  flapping.join();
   EXPECT_FALSE(received.all().empty());
   EXPECT_EQ(late, 0U);
 }

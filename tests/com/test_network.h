@@ -1,23 +1,18 @@
-/// A small network of runtimes in one process, each on a loopback address of
-/// its own, and a place where handlers leave what they saw.
+/// A small network of runtimes in one process, each on a loopback address of its own.
 #pragma once
 
-#include <algorithm>
-#include <chrono>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
 #include <memory>
-#include <mutex>
+#include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
-#include <thread>
-#include <utility>
 #include <vector>
 
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
+#include "tests/support/Seen.h"
 #include "tq/com/runtime.h"
 
 namespace test {
@@ -32,55 +27,9 @@ inline std::string text(tq::com::Payload payload) {
   return {reinterpret_cast<const char*>(payload.data()), payload.size()};
 }
 
-/// What handlers saw, in order; a test waits for what it expects.
-template <class Value>
-class Seen {
- public:
-  void add(Value value) {
-    const std::lock_guard lock(mutex_);
-    values_.push_back(std::move(value));
-    changed_.notify_all();
-  }
-  [[nodiscard]] std::vector<Value> all() const {
-    const std::lock_guard lock(mutex_);
-    return values_;
-  }
-  /// False when the condition is not fulfilled in time.
-  [[nodiscard]] bool wait(const std::function<bool(const std::vector<Value>&)>& condition,
-                          std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
-    std::unique_lock lock(mutex_);
-    return changed_.wait_for(lock, limit, [&] { return condition(values_); });
-  }
-  [[nodiscard]] bool wait_for(const Value& value) const {
-    return wait([&](const auto& values) {
-      return std::find(values.begin(), values.end(), value) != values.end();
-    });
-  }
-  [[nodiscard]] bool wait_count(std::size_t count) const {
-    return wait([&](const auto& values) { return values.size() >= count; });
-  }
-
- private:
-  mutable std::mutex mutex_;
-  mutable std::condition_variable changed_;
-  std::vector<Value> values_;
-};
-
-/// For what nobody signals, such as counters: asked again and again until it is
-/// true or time is over.
-[[nodiscard]] inline bool eventually(const std::function<bool()>& condition,
-                                     std::chrono::milliseconds limit = std::chrono::seconds(10)) {
-  const auto end = std::chrono::steady_clock::now() + limit;
-  while (!condition()) {
-    if (std::chrono::steady_clock::now() > end) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
-}
-
-/// The manifest of a network on 127.`net`.0.x: nodes "server" and "client"; a
-/// service "test::Service" with a method "echo", an event "tick" and a field
-/// "value"; timing short enough for tests.
+/// The manifest of a network on 127.`net`.0.x: nodes "server" and "client"; a service
+/// "test::Service" with a method "echo", an event "tick" and a field "value"; timing short enough
+/// for tests.
 inline someip::Deployment deployment(int net, const std::string& limits = "{}") {
   std::string text = R"({
     "nodes": {
@@ -115,39 +64,27 @@ inline std::uint64_t counter(const tq::com::Runtime& runtime, std::string_view n
   throw std::logic_error("no counter " + std::string(name));
 }
 
-/// Searches for a service and keeps the latest result.
+/// Searches for a service while it lives.
 class Finder {
  public:
-  Finder(tq::com::Runtime& runtime,
-         std::string_view service,
-         std::optional<std::uint16_t> instance = {})
+  Finder(tq::com::Runtime& runtime, std::string_view service)
       : runtime_(runtime),
         token_(runtime.start_find_service(
-            service, instance, [this](const std::vector<tq::com::Found_instance>& found) {
-              results.add(found);
+            service, std::nullopt, [this](const std::vector<tq::com::Found_instance>& found) {
+              if (!found.empty()) found_.add(found.front());
             })) {}
   ~Finder() { runtime_.stop_find_service(token_); }
   Finder(const Finder&) = delete;
   Finder& operator=(const Finder&) = delete;
 
-  /// The latest result, once it has `count` instances; fails with an empty one
-  /// when that does not happen.
-  [[nodiscard]] std::vector<tq::com::Found_instance> wait(std::size_t count) const {
-    std::vector<tq::com::Found_instance> latest;
-    static_cast<void>(results.wait([&](const auto& all) {
-      if (all.empty() || all.back().size() != count) return false;
-      latest = all.back();
-      return true;
-    }));
-    return latest;
+  /// Connected to the first instance that was found; throws when none comes.
+  [[nodiscard]] std::unique_ptr<tq::com::Consumer> connect() const {
+    if (!found_.wait_count(1)) throw std::runtime_error("no instance was found");
+    return runtime_.connect(found_.all().front());
   }
-  [[nodiscard]] bool wait_none() const {
-    return results.wait([](const auto& all) { return !all.empty() && all.back().empty(); });
-  }
-
-  Seen<std::vector<tq::com::Found_instance>> results;
 
  private:
+  Seen<tq::com::Found_instance> found_;
   tq::com::Runtime& runtime_;
   tq::com::Find_token token_;
 };

@@ -45,6 +45,13 @@ Position at(std::uint64_t time_us, double latitude = 48.0, double longitude = 11
   return position;
 }
 
+Position only_time() {
+  Position position;
+  position.preciseLocalTimeSeconds = 1'700'000'000;
+  position.preciseLocalTimeNanoseconds = 123'456'000;
+  return position;
+}
+
 class Pos_service : public ::testing::Test {
  protected:
   Pos_service() { time_.now_us = start_us; }
@@ -69,12 +76,9 @@ class Pos_service : public ::testing::Test {
 TEST_F(Pos_service, sets_both_fields_before_it_is_offered_and_takes_the_offer_back) {
   service_.init();
   EXPECT_THAT(runtime_.offered(), Contains("Positioning_ProvidedSomeipServiceInstance"));
-  Position only_time;
-  only_time.preciseLocalTimeSeconds = 1'700'000'000;
-  only_time.preciseLocalTimeNanoseconds = 123'456'000;
   Map_info only_value;
   only_value.mapInfo = 0;
-  EXPECT_THAT(bytes_of_all(positions()), ElementsAre(bytes(only_time)));
+  EXPECT_THAT(bytes_of_all(positions()), ElementsAre(bytes(only_time())));
   EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(only_value)));
   service_.stop();
   service_.stop();
@@ -114,76 +118,53 @@ TEST_F(Pos_service, publishes_any_pair_of_coordinates_with_fixed_values_and_a_ma
   EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(map_info)));
 }
 
-TEST_F(Pos_service, a_coordinate_alone_publishes_only_the_time) {
-  start();
-  service_.updatePositions(48.0, boost::none);
-  service_.updatePositions(boost::none, 11.0);
-  Position only_time;
-  only_time.preciseLocalTimeSeconds = at(start_us).preciseLocalTimeSeconds;
-  only_time.preciseLocalTimeNanoseconds = at(start_us).preciseLocalTimeNanoseconds;
-  EXPECT_THAT(bytes_of_all(positions()), ElementsAre(bytes(only_time), bytes(only_time)));
-  EXPECT_THAT(map_infos(), IsEmpty());
-}
-
-TEST_F(Pos_service, counts_position_updates_from_0_to_99_and_around) {
+TEST_F(Pos_service, a_coordinate_alone_publishes_only_the_time_and_is_not_counted) {
   start();
   for (int i = 0; i < 101; ++i) {
     service_.updatePositions(48.0, 11.0);
     service_.updatePositions(48.0, boost::none);
+    service_.updatePositions(boost::none, 11.0);
   }
   const auto all = positions();
-  EXPECT_EQ(all[0].messageCounter, 0U);
-  EXPECT_EQ(all[2].messageCounter, 1U);
-  EXPECT_EQ(all[198].messageCounter, 99U);
-  EXPECT_EQ(all[200].messageCounter, 0U);
+  for (std::uint32_t i = 0; i < 101; ++i) {
+    EXPECT_EQ(all[3 * i].messageCounter, i % 100);
+    for (const auto& alone : {all[3 * i + 1], all[3 * i + 2]})
+      EXPECT_EQ(bytes(alone), bytes(only_time()));
+  }
+  EXPECT_THAT(map_infos(), SizeIs(101));
 }
 
 TEST_F(Pos_service, a_position_goes_out_as_map_matched_when_more_than_the_interval_has_passed) {
   start();
-  pass_ms(1000);
-  service_.sendDR(at(start_us));
-  EXPECT_THAT(map_infos(), IsEmpty());
-  EXPECT_THAT(capture_.Records(), IsEmpty());
-
-  pass_ms(1);
-  auto position = at(start_us);
-  position.preciseLocalTimeNanoseconds = boost::none;
-  service_.sendDR(position);
   Map_info expected;
   expected.statusMapMatching = 2;
   expected.statusMap = 3;
   expected.positionSource = 4;
+  auto position = at(start_us);
+  position.preciseLocalTimeNanoseconds = boost::none;
   expected.preciseLocalTimeSeconds = position.preciseLocalTimeSeconds;
-  EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(expected)));
+  constexpr std::uint64_t end_of_32_bit_ms = ((1ULL << 32U) - 1) * 1000;
+  std::uint8_t counter = 0;
+  for (const auto last_us : {start_us + 10'000'000, end_of_32_bit_ms}) {
+    time_.now_us = last_us;
+    service_.sendDR(at(start_us));
+    runtime_.clear_updates();
+    capture_.Clear();
+    pass_ms(1000);
+    service_.sendDR(position);
+    EXPECT_THAT(map_infos(), IsEmpty());
+    EXPECT_THAT(capture_.Records(), IsEmpty());
+    EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, 0) << "told each of these only";
+    pass_ms(1);
+    position.messageCounter = ++counter;
+    service_.sendDR(position);
+    EXPECT_THAT(bytes_of_all(map_infos()), ElementsAre(bytes(expected)));
+    EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, counter);
+  }
   service_.setMmNewPositionCalculationIntervalMS(5);
   pass_ms(6);
   service_.sendDR(at(start_us));
   EXPECT_THAT(map_infos(), SizeIs(2));
-}
-
-TEST_F(Pos_service, measures_the_interval_across_the_end_of_the_32_bit_milliseconds) {
-  start();
-  time_.now_us = ((1ULL << 32U) - 1) * 1000;
-  service_.sendDR(at(start_us));
-  runtime_.clear_updates();
-  pass_ms(1000);
-  service_.sendDR(at(start_us));
-  EXPECT_THAT(map_infos(), IsEmpty());
-  pass_ms(1);
-  service_.sendDR(at(start_us));
-  EXPECT_THAT(map_infos(), SizeIs(1));
-}
-
-TEST_F(Pos_service, tells_the_diagnosis_service_each_map_matched_position_and_no_other) {
-  start();
-  auto position = at(start_us, 50.0, 12.0);
-  position.messageCounter = 66;
-  service_.sendDR(position);
-  EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, 0);
-  pass_ms(1001);
-  position.messageCounter = 77;
-  service_.sendDR(position);
-  EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, 77);
 }
 
 TEST_F(Pos_service, publishes_a_position_with_its_age_only_when_its_timestamp_is_complete) {
@@ -202,12 +183,12 @@ TEST_F(Pos_service, publishes_a_position_with_its_age_only_when_its_timestamp_is
               ElementsAre(bytes(position), bytes(future), bytes(ancient)));
 
   runtime_.clear_updates();
-  auto incomplete = at(start_us);
-  incomplete.preciseLocalTimeSeconds = boost::none;
-  service_.sendDR(incomplete);
-  incomplete = at(start_us);
-  incomplete.preciseLocalTimeNanoseconds = boost::none;
-  service_.sendDR(incomplete);
+  for (const auto part :
+       {&Position::preciseLocalTimeSeconds, &Position::preciseLocalTimeNanoseconds}) {
+    auto incomplete = at(start_us);
+    incomplete.*part = boost::none;
+    service_.sendDR(incomplete);
+  }
   EXPECT_THAT(positions(), IsEmpty());
 }
 
@@ -220,13 +201,10 @@ TEST_F(Pos_service, repeats_the_same_coordinates_only_when_told_to_send_all) {
   runtime_.clear_updates();
   service_.sendDR(at(start_us + 1));
   EXPECT_THAT(positions(), IsEmpty());
-  service_.sendDR(at(start_us, 48.0, 11.5));
-  service_.sendDR(at(start_us, 48.5, 11.5));
-  service_.sendDR(at(start_us, 0.0, 11.5));
-  service_.sendDR(at(start_us, -0.0, 11.5));
-  EXPECT_THAT(positions(), SizeIs(4));
-  service_.sendDR(at(start_us, -0.0, 11.5));
-  EXPECT_THAT(positions(), SizeIs(4));
+  for (const auto& [latitude, longitude] : std::vector<std::pair<double, double>>{
+           {48.0, 11.5}, {48.5, 11.5}, {0.0, 11.5}, {-0.0, 11.5}, {-0.0, 11.5}})
+    service_.sendDR(at(start_us, latitude, longitude));
+  EXPECT_THAT(positions(), SizeIs(4)) << "the last one repeats";
 
   Position without_coordinates = at(start_us);
   without_coordinates.LAT = without_coordinates.LON = boost::none;

@@ -17,6 +17,7 @@
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
 #include "tests/support/Temporary_folder.h"
+#include "tests/support/error_of.h"
 
 namespace ara {
 namespace {
@@ -54,55 +55,41 @@ class ServiceManager : public ::testing::Test {
 
   Temporary_folder folder_;
   int socket_ = -1;
+  phm::Phm_client client_{core::InstanceSpecifier("Instance")};
+  phm::SupervisionEntity entity_{client_};
 };
 
-TEST_F(ServiceManager, is_told_the_application_states) {
+TEST_F(ServiceManager, is_told_the_application_states_and_has_its_watchdog_fed_by_checkpoints) {
   const ApplicationClient client;
   client.ReportApplicationState(ApplicationState::kInitializing);
   EXPECT_EQ(Received(), "STATUS=initializing");
   client.ReportApplicationState(ApplicationState::kRunning);
   EXPECT_EQ(Received(), "READY=1\nSTATUS=running");
+  entity_.CheckpointReached(6000, 6000);
+  entity_.CheckpointReached(1, 2);
+  EXPECT_EQ(Received(), "WATCHDOG=1");
+  EXPECT_EQ(Received(), "WATCHDOG=1");
   client.ReportApplicationState(ApplicationState::kTerminating);
   EXPECT_EQ(Received(), "STOPPING=1\nSTATUS=terminating");
   EXPECT_EQ(Received(), "nothing");
 }
 
-TEST_F(ServiceManager, has_its_watchdog_fed_by_each_checkpoint) {
-  phm::Phm_client client(core::InstanceSpecifier("Instance"));
-  const phm::SupervisionEntity entity(client);
-  entity.CheckpointReached(6000, 6000);
-  entity.CheckpointReached(1, 2);
-  EXPECT_EQ(Received(), "WATCHDOG=1");
-  EXPECT_EQ(Received(), "WATCHDOG=1");
-  EXPECT_EQ(Received(), "nothing");
-}
-
-TEST_F(ServiceManager, is_not_needed) {
-  ::unsetenv("NOTIFY_SOCKET");
+TEST_F(ServiceManager, is_not_needed_but_reported_when_it_has_gone) {
   const log::Capture capture;
-  phm::Phm_client client(core::InstanceSpecifier("Instance"));
-  ApplicationClient().ReportApplicationState(ApplicationState::kRunning);
-  EXPECT_NO_THROW(phm::SupervisionEntity(client).CheckpointReached(1, 2));
-  EXPECT_TRUE(capture.Records().empty());
-}
-
-TEST_F(ServiceManager, that_has_gone_is_reported) {
   std::filesystem::remove(folder_ / "socket");
-  const log::Capture capture;
   ApplicationClient().ReportApplicationState(ApplicationState::kRunning);
   ASSERT_EQ(capture.Records().size(), 1U);
   EXPECT_EQ(capture.Records()[0].level, log::LogLevel::kWarn);
   EXPECT_THAT(capture.Records()[0].Text(), HasSubstr("No such file or directory"));
-  phm::Phm_client client(core::InstanceSpecifier("Instance"));
-  try {
-    phm::SupervisionEntity(client).CheckpointReached(7, 8);
-    ADD_FAILURE();
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(
-        error.what(),
-        "checkpoint 8 of entity 7 of \"Instance\" could not be reported to the service manager: "
-        "No such file or directory");
-  }
+  EXPECT_EQ(
+      test::error_of<std::runtime_error>([this] { entity_.CheckpointReached(7, 8); }),
+      "checkpoint 8 of entity 7 of \"Instance\" could not be reported to the service manager: "
+      "No such file or directory");
+
+  ::unsetenv("NOTIFY_SOCKET");
+  ApplicationClient().ReportApplicationState(ApplicationState::kRunning);
+  EXPECT_NO_THROW(entity_.CheckpointReached(1, 2));
+  EXPECT_EQ(capture.Records().size(), 1U);
 }
 
 }  // namespace

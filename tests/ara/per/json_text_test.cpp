@@ -8,42 +8,37 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/error_of.h"
+
 namespace ara::per {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::HasSubstr;
 
 TEST(JsonText, every_type_and_its_extremes_come_back) {
-  Values values;
-  values.emplace("bool", KvsType(true));
-  values.emplace("u8", KvsType(std::uint8_t{255}));
-  values.emplace("u16", KvsType(std::uint16_t{65535}));
-  values.emplace("u32", KvsType(std::uint32_t{4294967295U}));
-  values.emplace("u64", KvsType(std::numeric_limits<std::uint64_t>::max()));
-  values.emplace("s8", KvsType(std::int8_t{-128}));
-  values.emplace("s16", KvsType(std::int16_t{-32768}));
-  values.emplace("s32", KvsType(std::numeric_limits<std::int32_t>::min()));
-  values.emplace("s64", KvsType(std::numeric_limits<std::int64_t>::min()));
-  values.emplace("float", KvsType(0.1F));
-  values.emplace("largest float", KvsType(-std::numeric_limits<float>::max()));
-  values.emplace("double", KvsType(48.123456789012345));
-  values.emplace("smallest double", KvsType(std::numeric_limits<double>::denorm_min()));
-  values.emplace("infinite", KvsType(-std::numeric_limits<double>::infinity()));
-  values.emplace("text \"\\\n\t\x01\u00e4\u20ac", KvsType("\"quoted\" \\ \n \u00e4"));
-  values.emplace("empty text", KvsType(""));
-  values.emplace("binary", KvsType(std::vector<std::uint8_t>{0, 255, 16, 1}));
-  values.emplace("empty binary", KvsType(nullptr, 0));
-
-  const Values back = ParseValues(ToText(values), "file");
-
-  EXPECT_EQ(back, values);
-  EXPECT_EQ(static_cast<int>(back.at("u8").GetType()), 7);
+  const Values values{{"bool", KvsType(true)},
+                      {"u8", KvsType(std::uint8_t{255})},
+                      {"u16", KvsType(std::uint16_t{65535})},
+                      {"u32", KvsType(std::uint32_t{4294967295U})},
+                      {"u64", KvsType(std::numeric_limits<std::uint64_t>::max())},
+                      {"s8", KvsType(std::int8_t{-128})},
+                      {"s16", KvsType(std::int16_t{-32768})},
+                      {"s32", KvsType(std::numeric_limits<std::int32_t>::min())},
+                      {"s64", KvsType(std::numeric_limits<std::int64_t>::min())},
+                      {"float", KvsType(0.1F)},
+                      {"largest float", KvsType(-std::numeric_limits<float>::max())},
+                      {"double", KvsType(48.123456789012345)},
+                      {"smallest double", KvsType(std::numeric_limits<double>::denorm_min())},
+                      {"infinite", KvsType(-std::numeric_limits<double>::infinity())},
+                      {"text \"\\\n\t\x01\u00e4\u20ac", KvsType("\"quoted\" \\ \n \u00e4")},
+                      {"empty text", KvsType("")},
+                      {"binary", KvsType(std::vector<std::uint8_t>{0, 255, 16, 1})},
+                      {"empty binary", KvsType(nullptr, 0)}};
+  EXPECT_EQ(ParseValues(ToText(values), "file"), values);
   const auto nan = ParseValues(ToText({{"nan", KvsType(std::nan(""))}}), "file");
   EXPECT_TRUE(std::isnan(nan.at("nan").GetDouble()));
   EXPECT_TRUE(ParseValues(ToText({}), "file").empty());
-}
-
-TEST(JsonText, is_written_one_line_a_key) {
   EXPECT_EQ(ToText({{"b", KvsType(std::uint32_t{1000})},
                     {"a", KvsType(std::vector<std::uint8_t>{0xAB, 0})}}),
             "{\n"
@@ -96,16 +91,10 @@ TEST(JsonText, what_is_not_a_store_is_refused_with_the_place_and_what_was_expect
       {R"({"a": {"type": "Binary", "value": "+1-1"}})", "pairs of hexadecimal digits"},
   };
   for (const auto& [text, expected] : cases) {
-    try {
-      (void)ParseValues(text, "/store/POS.json");
-      ADD_FAILURE() << "accepted: " << text.substr(0, 100);
-    } catch (const ExceptionValidation& error) {
-      EXPECT_THAT(error.what(), HasSubstr("storage file \"/store/POS.json\": "))
-          << text.substr(0, 100);
-      EXPECT_THAT(error.what(), HasSubstr(expected)) << text.substr(0, 100);
-    } catch (const std::exception& error) {
-      ADD_FAILURE() << text.substr(0, 100) << ": " << error.what();
-    }
+    EXPECT_THAT(test::error_of<ExceptionValidation>(
+                    [&text = text] { (void)ParseValues(text, "/store/POS.json"); }),
+                AllOf(HasSubstr("storage file \"/store/POS.json\": "), HasSubstr(expected)))
+        << text.substr(0, 100);
   }
 }
 
@@ -114,12 +103,8 @@ TEST(KvsType, a_mistyped_getter_names_both_types_and_nothing_is_converted) {
   EXPECT_EQ(value.GetType(), KvsType::Type::kSInt32);
   EXPECT_EQ(value.GetStatus(), KvsType::Status::kSuccess);
   EXPECT_EQ(value.GetSInt(), 5);
-  try {
-    (void)value.GetUInt();
-    ADD_FAILURE();
-  } catch (const ExceptionLogicError& error) {
-    EXPECT_STREQ(error.what(), "value of type SInt32 was read as UInt8, UInt16 or UInt32");
-  }
+  EXPECT_EQ(test::error_of<ExceptionLogicError>([&] { (void)value.GetUInt(); }),
+            "value of type SInt32 was read as UInt8, UInt16 or UInt32");
   EXPECT_THROW((void)value.GetSInt64(), ExceptionLogicError);
   EXPECT_THROW((void)KvsType(1.5F).GetDouble(), ExceptionLogicError);
   EXPECT_THROW((void)KvsType().GetBool(), ExceptionLogicError);

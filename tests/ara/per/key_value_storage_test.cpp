@@ -3,18 +3,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <array>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "tests/support/Temporary_folder.h"
+#include "tests/support/error_of.h"
 
 namespace ara::per {
 namespace {
@@ -23,16 +21,10 @@ using ::testing::ElementsAre;
 using ::testing::HasSubstr;
 namespace fs = std::filesystem;
 
-template <typename Error, typename Call>
-std::string TextOf(Call call) {
-  try {
-    call();
-  } catch (const Error& error) {
-    return error.what();
-  } catch (const std::exception& error) {
-    return std::string("another exception: ") + error.what();
-  }
-  return "no exception";
+/// What opening a store throws.
+template <typename Error>
+std::string ErrorOfOpening() {
+  return test::error_of<Error>([] { KeyValueStorage("Port"); });
 }
 
 class KeyValueStorageTest : public ::testing::Test {
@@ -45,11 +37,6 @@ class KeyValueStorageTest : public ::testing::Test {
   }
 
  protected:
-  static std::string Read(const fs::path& path) {
-    std::ostringstream text;
-    text << std::ifstream(path, std::ios::binary).rdbuf();
-    return text.str();
-  }
   static void Write(const fs::path& path, std::string_view text) {
     std::ofstream(path, std::ios::binary) << text;
   }
@@ -86,57 +73,48 @@ TEST_F(KeyValueStorageTest, sync_writes_when_something_changed_and_leaves_one_fi
   EXPECT_FALSE(fs::exists(folder_ / "Port.json"));
   storage.SetValue("a", KvsType(true));
   storage.SyncToStorage();
-  struct stat first {};
-  ASSERT_EQ(::stat((folder_ / "Port.json").c_str(), &first), 0);
+  fs::create_hard_link(folder_ / "Port.json", root_ / "as it was");
   storage.SyncToStorage();
-  struct stat second {};
-  ASSERT_EQ(::stat((folder_ / "Port.json").c_str(), &second), 0);
-  EXPECT_EQ(first.st_ino, second.st_ino);
+  EXPECT_TRUE(fs::equivalent(folder_ / "Port.json", root_ / "as it was"));
   EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 1);
 }
 
 TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fails) {
   const fs::path deep = root_ / "a" / "b" / "c";
   ::setenv("POS_STORAGE_DIR", (deep.string() + "/").c_str(), 1);
-  EXPECT_THAT(TextOf<ExceptionStorageLocationNotFound>([] { KeyValueStorage("Port"); }),
+  EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
               HasSubstr("was not there; it has been created"));
   KeyValueStorage storage("Port");
   storage.SetValue("a", KvsType(true));
   storage.SyncToStorage();
   EXPECT_TRUE(fs::exists(deep / "Port.json"));
-}
 
-TEST_F(KeyValueStorageTest, a_folder_that_cannot_be_created_fails_each_time_with_the_reason) {
   Write(root_ / "file", "");
   for (const auto& folder : {root_ / "file", root_ / "file" / "below"}) {
     ::setenv("POS_STORAGE_DIR", folder.c_str(), 1);
     for (int attempt = 0; attempt < 2; ++attempt) {
-      EXPECT_THAT(TextOf<ExceptionStorageLocationNotFound>([] { KeyValueStorage("Port"); }),
+      EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
                   HasSubstr("cannot be created: Not a directory"));
     }
   }
 }
 
 TEST_F(KeyValueStorageTest, the_folder_comes_from_the_environment_in_order) {
-  const auto folder_named = [] {
-    return TextOf<ExceptionStorageLocationNotFound>([] { KeyValueStorage("Port"); });
-  };
+  const std::string home = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
   ::setenv("STATE_DIRECTORY", (root_ / "systemd:/elsewhere").c_str(), 1);
   ::setenv("XDG_STATE_HOME", (root_ / "xdg").c_str(), 1);
-  const char* home = std::getenv("HOME");
-  const std::string old_home = home != nullptr ? home : "";
   ::setenv("HOME", (root_ / "home").c_str(), 1);
   ::unsetenv("POS_STORAGE_DIR");
-  EXPECT_THAT(folder_named(), HasSubstr("\"" + (root_ / "systemd").string() + "\" was not there"));
-  ::unsetenv("STATE_DIRECTORY");
-  EXPECT_THAT(folder_named(),
-              HasSubstr("\"" + (root_ / "xdg" / "pos").string() + "\" was not there"));
-  ::unsetenv("XDG_STATE_HOME");
-  EXPECT_THAT(folder_named(),
-              HasSubstr("\"" + (root_ / "home/.local/state/pos").string() + "\" was not there"));
-  ::unsetenv("HOME");
-  EXPECT_THAT(folder_named(), HasSubstr("none of POS_STORAGE_DIR"));
-  ::setenv("HOME", old_home.c_str(), 1);
+  for (const auto& [variable, below] : {std::pair{"STATE_DIRECTORY", "systemd"},
+                                        {"XDG_STATE_HOME", "xdg/pos"},
+                                        {"HOME", "home/.local/state/pos"}}) {
+    EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
+                HasSubstr("\"" + (root_ / below).string() + "\" was not there"));
+    ::unsetenv(variable);
+  }
+  EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
+              HasSubstr("none of POS_STORAGE_DIR"));
+  ::setenv("HOME", home.c_str(), 1);
 }
 
 TEST_F(KeyValueStorageTest, first_values_fill_a_missing_store_only) {
@@ -151,7 +129,7 @@ TEST_F(KeyValueStorageTest, first_values_fill_a_missing_store_only) {
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetUInt(), 1U);
   fs::remove(folder_ / "Port.json");
   Write(seed, "{");
-  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(),
               HasSubstr(seed.string() + "\": parse error at line 1"));
 }
 
@@ -160,28 +138,25 @@ TEST_F(KeyValueStorageTest, a_file_that_is_not_a_store_is_refused_and_left_as_it
   for (const std::string text :
        {"", "{\"a\": ", "\0\0\0\0", "{\"a\": {\"type\": \"UInt8\", \"value\": 300}}"}) {
     Write(file, text);
-    EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
-                HasSubstr(file.string()));
-    EXPECT_EQ(Read(file), text);
+    EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(), HasSubstr(file.string()));
+    EXPECT_EQ(fs::file_size(file), text.size());
   }
   Write(file, "");
   fs::resize_file(file, 100'000'000);
-  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(),
               HasSubstr("expected at most 16777216 bytes, found 100000000"));
   EXPECT_EQ(fs::file_size(file), 100'000'000U);
 
   fs::remove(file);
   fs::create_directory(file);
-  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
+  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(),
               HasSubstr("expected a regular file, found a folder"));
   fs::remove(file);
   ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-  EXPECT_THAT(TextOf<ExceptionValidation>([] { KeyValueStorage("Port"); }),
-              HasSubstr("expected a regular file"));
+  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(), HasSubstr("expected a regular file"));
   fs::remove(file);
   fs::create_symlink("Port.json", file);
-  EXPECT_THAT(TextOf<ExceptionPhysicalStorageError>([] { KeyValueStorage("Port"); }),
-              HasSubstr("cannot open"));
+  EXPECT_THAT(ErrorOfOpening<ExceptionPhysicalStorageError>(), HasSubstr("cannot open"));
 }
 
 TEST_F(KeyValueStorageTest, a_store_too_large_to_be_read_back_is_not_written) {
@@ -189,7 +164,7 @@ TEST_F(KeyValueStorageTest, a_store_too_large_to_be_read_back_is_not_written) {
   storage.SetValue("a", KvsType("old"));
   storage.SyncToStorage();
   storage.SetValue("a", KvsType(std::vector<std::uint8_t>(std::size_t{9} << 20)));
-  EXPECT_THAT(TextOf<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); }),
+  EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); }),
               HasSubstr("can hold at most"));
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString(), "old");
 }
@@ -207,19 +182,20 @@ TEST_F(KeyValueStorageTest, what_could_not_be_read_back_is_not_taken) {
 
 TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
   KeyValueStorage storage("Port");
-  std::array<std::thread, 4> threads;
-  for (std::size_t thread = 0; thread < threads.size(); ++thread) {
-    threads[thread] = std::thread([&storage, thread] {
-      for (std::uint32_t i = 0; i < 20; ++i) {
-        storage.SetValue("key" + std::to_string(thread), KvsType(i));
-        storage.SyncToStorage();
-      }
-    });
+  constexpr std::size_t kThreads = 4;
+  {
+    std::vector<std::jthread> threads;
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+      threads.emplace_back([&storage, thread] {
+        for (std::uint32_t i = 0; i < 20; ++i) {
+          storage.SetValue("key" + std::to_string(thread), KvsType(i));
+          storage.SyncToStorage();
+        }
+      });
+    }
   }
-  for (auto& thread : threads)
-    thread.join();
   KeyValueStorage again("Port");
-  EXPECT_EQ(again.GetAllKeys().size(), threads.size());
+  EXPECT_EQ(again.GetAllKeys().size(), kThreads);
   for (const auto& key : again.GetAllKeys())
     EXPECT_EQ(again.GetValue(key).GetUInt(), 19U);
 }

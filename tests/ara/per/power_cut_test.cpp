@@ -11,10 +11,12 @@
 #include "platform/linux/per/json_text.h"
 #include "platform/linux/per/store_file.h"
 #include "tests/ara/per/simulated_disk.h"
+#include "tests/support/error_of.h"
 
 namespace ara::per {
 namespace {
 
+using ::testing::AllOf;
 using ::testing::AnyOf;
 using ::testing::Eq;
 using ::testing::HasSubstr;
@@ -25,17 +27,11 @@ const std::string kAside = "/store/Port.json.new";
 std::string TextWith(std::uint32_t number) {
   return ToText({{"number", KvsType(number)}, {"text", KvsType(std::string(5000, 'x'))}});
 }
-const std::string& Old() {
-  static const std::string text = TextWith(1);
-  return text;
-}
-const std::string& New() {
-  static const std::string text = TextWith(2);
-  return text;
-}
+const std::string kOld = TextWith(1);
+const std::string kNew = TextWith(2);
 
 SimulatedDisk::Image OldStore() {
-  return {{kPath, Old()}};
+  return {{kPath, kOld}};
 }
 
 /// What a start after the crash reads, as the application does it.
@@ -53,16 +49,16 @@ std::string ReadAfter(const SimulatedDisk::Image& image) {
 /// The calls that one replacement makes.
 int CallsOfReplace() {
   SimulatedDisk disk(OldStore());
-  StoreFile("/store", "Port.json", disk).Replace(New());
+  StoreFile("/store", "Port.json", disk).Replace(kNew);
   return disk.calls();
 }
 
 TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
   std::size_t states = 0;
   for (const auto& before :
-       {SimulatedDisk::Image{{kPath, Old()}},
-        SimulatedDisk::Image{{kPath, Old()}, {kAside, "{\"left over"}}, SimulatedDisk::Image{}}) {
-    const std::string old = before.contains(kPath) ? Old() : "";
+       {SimulatedDisk::Image{{kPath, kOld}},
+        SimulatedDisk::Image{{kPath, kOld}, {kAside, "{\"left over"}}, SimulatedDisk::Image{}}) {
+    const std::string old = before.contains(kPath) ? kOld : "";
     for (int cut = 0; cut <= CallsOfReplace(); ++cut) {
       // Short writes, so that the cut also comes between two of them.
       SimulatedDisk disk(before, [cut](int number, const std::string& name) {
@@ -70,13 +66,13 @@ TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
         return name == "write" && number < 4 ? SimulatedDisk::kShort : 0;
       });
       try {
-        StoreFile("/store", "Port.json", disk).Replace(New());
+        StoreFile("/store", "Port.json", disk).Replace(kNew);
       } catch (const SimulatedDisk::PowerCut&) {        // NOLINT(bugprone-empty-catch)
       } catch (const ExceptionPhysicalStorageError&) {  // NOLINT(bugprone-empty-catch)
         // The process is gone: nobody is left to be told.
       }
       for (const auto& image : disk.AfterPowerCut()) {
-        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(old), Eq(New()))) << "cut at call " << cut;
+        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(old), Eq(kNew))) << "cut at call " << cut;
         ++states;
       }
     }
@@ -84,13 +80,18 @@ TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
   EXPECT_GT(states, 100U);
 }
 
-TEST(PowerCut, after_a_finished_replacement_leaves_the_new_store) {
-  SimulatedDisk disk(SimulatedDisk::Image{{kPath, Old()}, {kAside, "left over"}});
-  StoreFile("/store", "Port.json", disk).Replace(New());
+/// Replaces the store, after which no power cut brings the old one back.
+void ReplaceForGood(SimulatedDisk& disk) {
+  StoreFile("/store", "Port.json", disk).Replace(kNew);
   for (const auto& image : disk.AfterPowerCut())
-    EXPECT_EQ(ReadAfter(image), New());
-  EXPECT_EQ(disk.Now(), (SimulatedDisk::Image{{kPath, New()}}));
+    EXPECT_EQ(ReadAfter(image), kNew);
+  EXPECT_EQ(disk.Now(), (SimulatedDisk::Image{{kPath, kNew}}));
   EXPECT_EQ(disk.open_descriptors(), 0);
+}
+
+TEST(PowerCut, after_a_finished_replacement_leaves_the_new_store) {
+  SimulatedDisk disk(SimulatedDisk::Image{{kPath, kOld}, {kAside, "left over"}});
+  ReplaceForGood(disk);
 }
 
 TEST(FailingDisk,
@@ -101,25 +102,18 @@ TEST(FailingDisk,
         return number == failing ? error : 0;
       });
       const StoreFile store("/store", "Port.json", disk);
-      bool failed = false;
-      try {
-        store.Replace(New());
-      } catch (const ExceptionPhysicalStorageError& caught) {
-        failed = true;
-        EXPECT_THAT(caught.what(), HasSubstr(std::strerror(error)));
-        EXPECT_THAT(caught.what(), HasSubstr("/store"));
-      }
+      const auto text = test::error_of<ExceptionPhysicalStorageError>([&] { store.Replace(kNew); });
       // Only closing the folder can fail without harm.
-      EXPECT_EQ(failed, failing + 1 < CallsOfReplace()) << "call " << failing;
+      const bool failed = failing + 1 < CallsOfReplace();
+      EXPECT_THAT(text, AllOf(HasSubstr(failed ? std::strerror(error) : "no exception"),
+                              HasSubstr(failed ? "/store" : "")))
+          << "call " << failing;
       EXPECT_EQ(disk.open_descriptors(), 0) << "call " << failing;
       EXPECT_FALSE(disk.Now().contains(kAside)) << "call " << failing;
       for (const auto& image : disk.AfterPowerCut()) {
-        EXPECT_THAT(ReadAfter(image),
-                    failed ? AnyOf(Eq(Old()), Eq(New())) : AnyOf(Eq(New()), Eq(New())));
+        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(failed ? kOld : kNew), Eq(kNew)));
       }
-      store.Replace(New());
-      for (const auto& image : disk.AfterPowerCut())
-        EXPECT_EQ(ReadAfter(image), New());
+      ReplaceForGood(disk);
     }
   }
 }
@@ -129,15 +123,13 @@ TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
     if (name == "write") return SimulatedDisk::kShort;
     return number % 2 == 0 ? EINTR : 0;
   });
-  StoreFile("/store", "Port.json", disk).Replace(New());
-  for (const auto& image : disk.AfterPowerCut())
-    EXPECT_EQ(ReadAfter(image), New());
+  ReplaceForGood(disk);
 
   SimulatedDisk stutter(OldStore(), [](int number, const std::string& name) {
     if (name == "read") return number % 2 == 0 ? EINTR : SimulatedDisk::kShort;
     return 0;
   });
-  EXPECT_EQ(StoreFile("/store", "Port.json", stutter).Read(), Old());
+  EXPECT_EQ(StoreFile("/store", "Port.json", stutter).Read(), kOld);
 }
 
 TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
@@ -146,12 +138,9 @@ TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
       SimulatedDisk disk(OldStore(), [&](int number, const std::string& /*name*/) {
         return number == failing ? error : 0;
       });
-      try {
-        (void)StoreFile("/store", "Port.json", disk).Read();
-        ADD_FAILURE();
-      } catch (const ExceptionPhysicalStorageError& caught) {
-        EXPECT_THAT(caught.what(), HasSubstr("\"" + kPath + "\": " + std::strerror(error)));
-      }
+      EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>(
+                      [&] { (void)StoreFile("/store", "Port.json", disk).Read(); }),
+                  HasSubstr("\"" + kPath + "\": " + std::strerror(error)));
       EXPECT_EQ(disk.open_descriptors(), 0);
     }
   }

@@ -11,6 +11,7 @@
 #include <string>
 
 #include "ara/time/slave_time_base.h"
+#include "tests/support/error_of.h"
 
 namespace ara::time {
 namespace {
@@ -29,12 +30,7 @@ SynchSlaveTimeBase Open(const char* clock) {
 }
 
 std::string ErrorOf(const char* clock) {
-  try {
-    (void)Open(clock);
-    return "no error";
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
+  return test::error_of<std::runtime_error>([clock] { (void)Open(clock); });
 }
 
 std::chrono::nanoseconds Kernel(clockid_t id) {
@@ -72,31 +68,20 @@ TEST(TimeBase, of_a_hardware_clock_is_read_through_its_device) {
   EXPECT_LT(first, second);
 }
 
-TEST(TimeBase, that_is_not_there_is_named_with_the_reason) {
-  EXPECT_EQ(ErrorOf("CLOCK_MONOTONIC"),
-            "environment variable POS_TIME_BASE: expected CLOCK_REALTIME, CLOCK_TAI or the path of "
-            "a clock such as "
-            "/dev/ptp0, found \"CLOCK_MONOTONIC\"");
-  EXPECT_EQ(ErrorOf("/dev/ptp99"),
-            "time base \"/dev/ptp99\" cannot be opened: No such file or directory");
-  EXPECT_THAT(ErrorOf("/dev/null"), HasSubstr("time base \"/dev/null\" is not a readable clock: "));
-  EXPECT_EQ(ErrorOf("CLOCK_TAI"), "no error");
-  try {
-    (void)SlaveTimeBaseResourceProxy::FindResource("other");
-    ADD_FAILURE();
-  } catch (const std::runtime_error& error) {
-    EXPECT_STREQ(error.what(),
-                 "time base resource \"other\" is unknown, there is \"synchronized\"");
-  }
-}
-
-TEST(TimeBase, that_cannot_be_used_leaves_nothing_open) {
+TEST(TimeBase, that_cannot_be_used_is_named_with_the_reason_and_leaves_nothing_open) {
   const auto descriptors = [] {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                          std::filesystem::directory_iterator());
   };
   const auto before = descriptors();
-  (void)ErrorOf("/dev/null");
+  EXPECT_EQ(ErrorOf("CLOCK_MONOTONIC"),
+            "environment variable POS_TIME_BASE: expected CLOCK_REALTIME, CLOCK_TAI or the path of "
+            "a clock such as /dev/ptp0, found \"CLOCK_MONOTONIC\"");
+  EXPECT_EQ(ErrorOf("/dev/ptp99"),
+            "time base \"/dev/ptp99\" cannot be opened: No such file or directory");
+  EXPECT_THAT(ErrorOf("/dev/null"), HasSubstr("time base \"/dev/null\" is not a readable clock: "));
+  EXPECT_EQ(test::error_of([] { (void)SlaveTimeBaseResourceProxy::FindResource("other"); }),
+            "time base resource \"other\" is unknown, there is \"synchronized\"");
   EXPECT_EQ(descriptors(), before);
 }
 

@@ -61,14 +61,11 @@ TEST(Drive, a_round_has_a_stop_and_a_tunnel_in_which_only_dead_reckoning_goes_on
   const Course course;
   auto standing = 0s;
   auto blind = 0s;
-  std::set<Fix_type> seen;
   double accuracy_in_tunnel = 0;
   for (auto time = 0s; time < course.lap_time(); ++time) {
     const Sample sample = course.sample(time);
     const Sky sky = course.sky(time, 24);
-    seen.insert(sample.fix);
     if (sample.speed == 0) ++standing;
-    ASSERT_EQ(sky.satellites.size(), 24U);
     if (sample.fix == Fix_type::none) {
       ++blind;
       EXPECT_EQ(sky.tracked + sky.in_use, 0U);
@@ -80,14 +77,13 @@ TEST(Drive, a_round_has_a_stop_and_a_tunnel_in_which_only_dead_reckoning_goes_on
       EXPECT_GE(sky.in_use, 8U);
     }
   }
-  EXPECT_EQ(seen.size(), 3U);
   EXPECT_GE(standing, 19s);
   EXPECT_GE(blind, 20s);
 }
 
 TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {
   const Course course;
-  for (const std::size_t count : {0U, 4U, 12U, 24U, 60U, 61U}) {
+  for (const std::size_t count : {0U, 4U, 24U, 61U}) {
     const Sky sky = course.sky(100s, count);
     const Sky later = course.sky(101s, count);
     ASSERT_EQ(sky.satellites.size(), std::min<std::size_t>(count, 60));
@@ -95,18 +91,14 @@ TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {
     for (std::size_t index = 0; index < sky.satellites.size(); ++index) {
       const auto& satellite = sky.satellites[index];
       names.emplace(satellite.system, satellite.id);
-      EXPECT_GT(satellite.elevation, 0);
-      EXPECT_LT(satellite.elevation, 90);
-      EXPECT_LT(std::abs(later.satellites[index].elevation - satellite.elevation), 0.05);
-      EXPECT_LT(std::abs(turn(later.satellites[index].azimuth, satellite.azimuth)), 0.05);
+      EXPECT_NEAR(satellite.elevation, 45, 45);
+      EXPECT_NEAR(satellite.elevation, later.satellites[index].elevation, 0.05);
     }
     EXPECT_EQ(names.size(), sky.satellites.size());
-    if (sky.in_use >= 6) {
-      EXPECT_GT(sky.hdop, 0.3);
-      EXPECT_LT(sky.hdop, 4.0);
-      EXPECT_NEAR(sky.pdop, std::hypot(sky.hdop, sky.vdop), 1e-9);
-      EXPECT_GT(sky.gdop, sky.pdop);
-    }
+    if (count < 24) continue;
+    EXPECT_NEAR(sky.hdop, 2.15, 1.85);
+    EXPECT_NEAR(sky.pdop, std::hypot(sky.hdop, sky.vdop), 1e-9);
+    EXPECT_GT(sky.gdop, sky.pdop);
   }
 }
 

@@ -3,14 +3,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <boost/optional/optional_io.hpp>
-
-namespace binding {
-// For failure messages.
-inline std::ostream& operator<<(std::ostream& out, Value_type value) {
-  return out << to_text(boost::optional<Value_type>(value));
-}
-}  // namespace binding
+#include "tests/clients/printing.h"
 
 namespace gateway {
 namespace {
@@ -82,17 +75,21 @@ TEST(Records, what_the_receiver_marks_as_unusable_carries_error) {
 }
 
 TEST(Records, the_fix_type_follows_quality_and_dimension) {
-  const auto status = [](auto change) {
+  const auto status = [](auto member, auto value) {
     auto fix = told_fix();
-    change(fix);
+    fix.*member = value;
     return to_notification(fix, context).quality.at(1).statusFixType;
   };
-  EXPECT_EQ(status([](auto& fix) { fix.dimension = nmea::Fix_dimension::two; }), 2U);
-  EXPECT_EQ(status([](auto& fix) { fix.altitude_msl.reset(); }), 2U);
-  EXPECT_EQ(status([](auto& fix) { fix.quality = nmea::Fix_quality::differential; }), 4U);
-  EXPECT_EQ(status([](auto& fix) { fix.quality = nmea::Fix_quality::rtk_float; }), 5U);
-  EXPECT_EQ(status([](auto& fix) { fix.quality = nmea::Fix_quality::rtk_fixed; }), 6U);
-  EXPECT_EQ(status([](auto& fix) { fix.quality = nmea::Fix_quality::estimated; }), 1U);
+  EXPECT_EQ(status(&nmea::Fix::dimension, nmea::Fix_dimension::two), 2U);
+  EXPECT_EQ(status(&nmea::Fix::altitude_msl, std::nullopt), 2U);
+  const std::pair<nmea::Fix_quality, std::uint32_t> cases[] = {
+      {nmea::Fix_quality::differential, 4U},
+      {nmea::Fix_quality::rtk_float, 5U},
+      {nmea::Fix_quality::rtk_fixed, 6U},
+      {nmea::Fix_quality::estimated, 1U},
+  };
+  for (const auto& [quality, expected] : cases)
+    EXPECT_EQ(status(&nmea::Fix::quality, quality), expected);
 }
 
 TEST(Records, satellites_are_listed_and_counted_by_system) {

@@ -109,11 +109,7 @@ TEST(Nmea, any_cut_of_the_stream_gives_the_same_fixes) {
 
 TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
   const std::string good = "GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,545.4,M,46.9,M,,";
-  struct Case {
-    std::string text;
-    std::uint64_t Counters::*counter;
-  };
-  const std::vector<Case> cases{
+  std::vector<std::pair<std::string, std::uint64_t Counters::*>> cases{
       {"$" + good + "\r\n", &Counters::checksum_missing},
       {"$" + good + "*00\r\n", &Counters::checksum_mismatch},
       {"$" + good + "*4\r\n", &Counters::checksum_mismatch},
@@ -121,30 +117,31 @@ TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
       {"$" + std::string(300, 'A') + "\r\n", &Counters::too_long},
       {"$GPGGA,\x80\r\n", &Counters::bad_character},
       {"$\r\n", &Counters::incomplete},
-      {sentence("GPGGA,246060,4807.038,N,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,1235,4807.038,N,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,9000.001,N,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4860.000,N,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4807.038,X,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4807.038,,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4807.038,N,,,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4807.0e1,N,01131.000,E,1,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4807.038,N,01131.000,E,9,08,0.9,,,,,,"), &Counters::malformed_field},
-      {sentence("GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,12.0,f,,,,"),
-       &Counters::malformed_field},
-      {sentence("GPRMC,123519,A,4807.038,N,01131.000,E,nan,,230394,,"), &Counters::malformed_field},
-      {sentence("GPRMC,123519,A,4807.038,N,01131.000,E,-1.0,,230394,,"),
-       &Counters::malformed_field},
-      {sentence("GPRMC,123519,A,4807.038,N,01131.000,E,1.0,360.1,230394,,"),
-       &Counters::malformed_field},
-      {sentence("GPRMC,123519,A,4807.038,N,01131.000,E,,,300294,,"), &Counters::malformed_field},
-      {sentence("GPZDA,123519,01,01,1979,00,00"), &Counters::malformed_field},
-      {sentence("GPZDA,123519,01,01,2262,00,00"), &Counters::malformed_field},
-      {sentence("GPGSV,2,3,02,04,40,083,46"), &Counters::malformed_field},
-      {sentence("GPGSV,1,1,02,04,40,083,46,05,06"), &Counters::malformed_field},
-      {sentence("GPGSA,A,3" + std::string(60, ',')), &Counters::malformed_field},
       {sentence("GPGSV,2,2,05,04,40,083,46"), &Counters::incomplete_groups},
   };
+  for (const char* malformed : {
+           "GPGGA,246060,4807.038,N,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,1235,4807.038,N,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,123519,9000.001,N,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,123519,4860.000,N,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,123519,4807.038,X,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,123519,4807.038,,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,123519,4807.038,N,,,1,08,0.9,,,,,,",
+           "GPGGA,123519,4807.0e1,N,01131.000,E,1,08,0.9,,,,,,",
+           "GPGGA,123519,4807.038,N,01131.000,E,9,08,0.9,,,,,,",
+           "GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,12.0,f,,,,",
+           "GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,1234567.0,M,,,,",
+           "GPRMC,123519,A,4807.038,N,01131.000,E,nan,,230394,,",
+           "GPRMC,123519,A,4807.038,N,01131.000,E,-1.0,,230394,,",
+           "GPRMC,123519,A,4807.038,N,01131.000,E,1.0,360.1,230394,,",
+           "GPRMC,123519,A,4807.038,N,01131.000,E,,,300294,,",
+           "GPZDA,123519,01,01,1979,00,00",
+           "GPZDA,123519,01,01,2262,00,00",
+           "GPGSV,2,3,02,04,40,083,46",
+           "GPGSV,1,1,02,04,40,083,46,05,06",
+           "GPGSA,A,3,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,",
+       })
+    cases.emplace_back(sentence(malformed), &Counters::malformed_field);
   for (const auto& [text, counter] : cases) {
     const auto result = read(text);
     EXPECT_EQ(result.counters.*counter, 1U) << text;
