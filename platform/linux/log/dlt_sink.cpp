@@ -241,11 +241,11 @@ void DltSink::ClosePipe() {
 
 void DltSink::StartLibrary() {
   const AllSignalsBlocked blocked;
-  dlt_register_app(application_.c_str(), description_.c_str());
-  library_started_ = true;
   // Its own remarks would go to standard output, which belongs to the application.
   dlt_log_init(DLT_LOG_TO_STDERR);
   dlt_log_set_level(LOG_WARNING);
+  dlt_register_app(application_.c_str(), description_.c_str());
+  library_started_ = true;
   // Runs before the library's own exit handler, which was installed before this one.
   std::atexit([] { Backend::Instance().Close(); });
 }
