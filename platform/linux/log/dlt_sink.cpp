@@ -7,6 +7,7 @@
 #include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdlib>
@@ -28,6 +29,16 @@ constexpr std::uint32_t kDrainMilliseconds = 1000;
 /// counts the arguments.
 constexpr std::size_t kMaxPayload = 1390;
 constexpr std::size_t kMaxArguments = 255;
+/// A part holds its two marks and at least a few characters of a text.
+constexpr std::size_t kMinPart = 64;
+
+/// What the library accepts as one message, read as the library reads it.
+std::size_t ConfiguredPayload() {
+  const char* const length = std::getenv("DLT_LOG_MSG_BUF_LEN");
+  if (length == nullptr) return kMaxPayload;
+  return std::min<std::size_t>(static_cast<std::uint32_t>(std::strtol(length, nullptr, 10)),
+                               kMaxPayload);
+}
 
 constexpr bool Is(ArgumentType type, std::uint32_t information) {
   return static_cast<std::uint32_t>(type) == information;
@@ -87,11 +98,16 @@ std::string_view FrontOf(std::string_view text, std::size_t size) {
 /// full (a daemon that is too slow) it reports itself.
 bool Give(DltContext& context, LogLevel level, Arguments arguments) {
   DltContextData message{};
+  const auto dlt_level = static_cast<DltLogLevelType>(level);
+  if (arguments.empty()) {  // an empty buffer would be refused
+    const bool taken = dlt_user_log_write_start(&context, &message, dlt_level) == DLT_RETURN_TRUE;
+    if (taken) dlt_user_log_write_finish(&message);
+    return taken;
+  }
   // The library reads the buffer only, whatever its parameter's type says.
   auto* const payload = const_cast<char*>(arguments.encoded().data());
   const bool taken = dlt_user_log_write_start_w_given_buffer(
-                         &context, &message, static_cast<DltLogLevelType>(level), payload,
-                         arguments.encoded().size(),
+                         &context, &message, dlt_level, payload, arguments.encoded().size(),
                          static_cast<std::int32_t>(arguments.count())) == DLT_RETURN_TRUE;
   if (taken) dlt_user_log_write_finish_w_given_buffer(&message);
   return taken;
@@ -100,15 +116,17 @@ bool Give(DltContext& context, LogLevel level, Arguments arguments) {
 /// Puts arguments into one DLT message after the other, as many as they need.
 class Parts {
  public:
-  Parts(DltContext& context, LogLevel level) : context_(context), level_(level) {}
+  /// `size`: of a part, kMinPart to kMaxPayload.
+  Parts(DltContext& context, LogLevel level, std::size_t size)
+      : context_(context), level_(level), size_(size) {}
 
   /// `last`: no argument follows, so no room is needed for the mark of a following part.
   void Add(Argument argument, bool last) {
     while (!Fits(argument.EncodedSize(), last)) {
       // A text is cut when no part could hold it whole or when much of this part would stay empty.
-      const std::size_t room = kMaxPayload - kContinuesSize - used_;
-      const bool needs_cut = kContinuedSize + argument.EncodedSize() + kContinuesSize > kMaxPayload;
-      if (argument.type == ArgumentType::kText && (needs_cut || room > kMaxPayload / 2) &&
+      const std::size_t room = size_ - kContinuesSize - used_;
+      const bool needs_cut = kContinuedSize + argument.EncodedSize() + kContinuesSize > size_;
+      if (argument.type == ArgumentType::kText && (needs_cut || room > size_ / 2) &&
           room > kTextOverhead + 4 && count_ + 2 <= kMaxArguments) {
         const std::string_view front = FrontOf(argument.value, room - kTextOverhead);
         PutText(front);
@@ -120,9 +138,11 @@ class Parts {
     }
     Put(argument);
   }
-  /// Sends what is left. False when the library did not take all.
+  /// Sends what is left. False when the library took no part at all. It is given none after one
+  /// that it refused: the one before ends in a mark, so that the gap is seen.
   bool End() {
-    taken_ = Give(context_, level_, Arguments({payload_.data(), used_}, count_)) && taken_;
+    refused_ = refused_ || !Give(context_, level_, Arguments({payload_.data(), used_}, count_));
+    taken_ = taken_ || !refused_;
     used_ = 0;
     count_ = 0;
     return taken_;
@@ -135,7 +155,7 @@ class Parts {
   static constexpr std::size_t kContinuedSize = kTextOverhead + kContinued.size();
 
   [[nodiscard]] bool Fits(std::size_t size, bool last) const {
-    return used_ + size + (last ? 0 : kContinuesSize) <= kMaxPayload &&
+    return used_ + size + (last ? 0 : kContinuesSize) <= size_ &&
            count_ + (last ? 1 : 2) <= kMaxArguments;
   }
   void Put(const Argument& argument) {
@@ -161,10 +181,12 @@ class Parts {
 
   DltContext& context_;
   const LogLevel level_;
+  const std::size_t size_;
   std::array<char, kMaxPayload> payload_;
   std::size_t used_ = 0;
   std::size_t count_ = 0;
-  bool taken_ = true;
+  bool taken_ = false;
+  bool refused_ = false;
 };
 
 }  // namespace
@@ -241,6 +263,7 @@ void DltSink::ClosePipe() {
 
 void DltSink::StartLibrary() {
   const AllSignalsBlocked blocked;
+  max_payload_ = ConfiguredPayload();
   // Its own remarks would go to standard output, which belongs to the application.
   dlt_log_init(DLT_LOG_TO_STDERR);
   dlt_log_set_level(LOG_WARNING);
@@ -277,9 +300,10 @@ void DltSink::RegisterLocked(Context& context) {
 
 bool DltSink::Send(Context& context, LogLevel level, Arguments arguments) {
   if (!context.dlt_ready.load(std::memory_order_acquire)) return false;
-  if (arguments.encoded().size() <= kMaxPayload && arguments.count() <= kMaxArguments)
+  if (arguments.encoded().size() <= max_payload_ && arguments.count() <= kMaxArguments)
     return Give(context.dlt, level, arguments);
-  Parts parts(context.dlt, level);
+  if (max_payload_ < kMinPart) return false;
+  Parts parts(context.dlt, level, max_payload_);
   while (!arguments.empty()) {
     const Argument argument = arguments.Next();
     parts.Add(argument, arguments.empty());

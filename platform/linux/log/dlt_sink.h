@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <mutex>
 #include <string>
@@ -45,7 +46,8 @@ class DltSink {
   Readiness Ready(Context* contexts);
   /// For a context that was created later.
   void Register(Context& context);
-  /// Only after Ready(). False: the context is not registered yet.
+  /// Only after Ready(). False: the daemon gets nothing of the message, because the context is not
+  /// registered yet or the library refuses the message.
   bool Send(Context& context, LogLevel level, Arguments arguments);
   /// At exit: from now on Ready() says no. Lets the library wait for a slow daemon, never for none.
   void Close();
@@ -70,6 +72,7 @@ class DltSink {
   int pipe_ = -1;     ///< our own end of the daemon's pipe: it reports the reader's death
   int watch_ = -1;    ///< epoll of pipe_, which costs less to ask; set before kConnected, then kept
   bool library_started_ = false;
+  std::size_t max_payload_ = 0;  ///< of a message; set before any context is registered, then kept
 };
 
 }  // namespace ara::log

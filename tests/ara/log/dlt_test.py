@@ -62,7 +62,7 @@ class DltTest(unittest.TestCase):
 
     def test_messages_arrive_with_typed_arguments_and_nothing_is_on_standard_error(self):
         daemon, probe = self.both()
-        probe.tell("log - 4 banner", "log GNSS 3 hello world", "types")
+        probe.tell("log - 4 banner", "log GNSS 3 hello world", "types", "arguments 0")
         self.assertEqual(probe.tell("signals"), "0")
         probe.exit()
         daemon.wait("last line")
@@ -70,7 +70,7 @@ class DltTest(unittest.TestCase):
         typed = "text 1 c -8 -16 -32 -64 8 16 32 18446744073709551615 0.1 48.1235 83d101".split()
         self.assertEqual([(one.context, one.level, *one.arguments) for one in daemon.of()], [
             ("POS", "info", "banner"), ("GNSS", "warn", "hello world"), ("TYPE", "info", *typed),
-            ("POS", "info", "last line")])
+            ("MANY", "info"), ("POS", "info", "last line")])
         daemon.check_printed()
         # The object that logs after the library is gone still finds a place for its line.
         self.assertEqual(probe.texts(), ["logged after main"])
@@ -132,31 +132,46 @@ class DltTest(unittest.TestCase):
         for thread in range(4):
             self.assertEqual(daemon.texts(f"THR{thread}"), [f"number {i}" for i in range(50)])
 
+    @staticmethod
+    def long(size):
+        """What "long" logs."""
+        made, i = "", 0
+        while len(made.encode()) < size:
+            made += f"{i}ä,"
+            i += 1
+        return f"begin {made} end"
+
+    @staticmethod
+    def joined(parts):
+        return "".join(part.removeprefix("[continued] ").removesuffix(" [continues]") for part in parts)
+
     def test_a_message_too_long_for_dlt_is_split_with_marks(self):
         daemon, probe = self.both()
         probe.tell("long 900", "long 5000", "arguments 400")
         probe.exit()
         daemon.wait("last line")
-
-        def text(size):
-            made, i = "", 0
-            while len(made.encode()) < size:
-                made += f"{i}ä,"
-                i += 1
-            return made
-
         whole, *parts = daemon.texts("LONG")
-        self.assertEqual(whole, f"begin {text(900)} end")
+        self.assertEqual(whole, self.long(900))
         self.assertGreater(len(parts), 3)
         for part in parts[:-1]:
             self.assertTrue(part.endswith(" [continues]"), part)
             self.assertGreater(len(part.encode()), 1300)
         for part in parts[1:]:
             self.assertTrue(part.startswith("[continued] "), part)
-        joined = "".join(part.removeprefix("[continued] ").removesuffix(" [continues]") for part in parts)
-        self.assertEqual(joined, f"begin {text(5000)} end")
+        self.assertEqual(self.joined(parts), self.long(5000))
         numbers = " ".join(daemon.texts("MANY")).split(" ")
         self.assertEqual([one for one in numbers if not one.startswith("[")], [str(i) for i in range(400)])
+
+    def test_shorter_messages_of_the_library_make_more_parts_and_too_short_ones_go_to_standard_error(self):
+        for length, in_dlt in ("500", True), ("64", True), ("63", False):
+            with self.subTest(length):
+                daemon, probe = self.both(DLT_LOG_MSG_BUF_LEN=length)
+                probe.tell("long 700")
+                probe.exit()
+                daemon.wait("last line")
+                self.assertEqual(self.joined(daemon.texts("LONG")), self.long(700) if in_dlt else "")
+                self.assertEqual(probe.texts(), [*([] if in_dlt else [self.long(700)]), "logged after main"])
+                daemon.end()
 
     def test_levels_come_from_the_environment_and_change_at_run_time(self):
         daemon, probe = self.both(POS_LOG_LEVEL="warn,GNSS=verbose,PSRV=loud")
