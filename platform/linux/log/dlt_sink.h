@@ -15,9 +15,9 @@ namespace ara::log {
 
 /// The DLT library buffers what it cannot deliver and does not say so; at exit it waits ten seconds
 /// and then drops the buffer. So it is left alone until a daemon reads its pipe, and is given a
-/// message only while one does, which costs one system call a message (a tenth of a microsecond,
-/// the library's own work takes seven). What the library still holds when a daemon dies reaches the
-/// next daemon.
+/// message only while one does, which costs one system call a message (a tenth of a microsecond
+/// beside the library's own, nearly one). What the library still holds when a daemon dies reaches
+/// the next daemon.
 class DltSink {
  public:
   /// A change that the caller of Ready() is to put on record.
