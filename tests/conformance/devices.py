@@ -1,19 +1,14 @@
 """The devices under test: the application, and a host of test services made of the same runtime."""
 
-import copy
 import json
 import os
 import pathlib
-import selectors
 import signal
 import subprocess
-import time
 
-from network import PATIENCE
+from desk import APPLICATION, BUILD, SOURCE
+from network import learn_versions
 
-BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
-SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
-APPLICATION = BUILD / "app/POS__ORVEL1_Sys_Adaptive_01_Exe"
 HOST = BUILD / "tests/conformance/conformance_host"
 
 TIMING = {
@@ -27,6 +22,7 @@ TIMING = {
 # Services of the host. "Vehicle" and its kin are provided by it, "Remote" and its kin are used by it.
 VEHICLE, STREAM, GROUP, CLOSED = 0x4001, 0x4002, 0x4003, 0x4004
 REMOTE, REMOTE_STREAM, REMOTE_GROUP, REMOTE_CLOSED = 0x5001, 0x5002, 0x5003, 0x5004
+UNKNOWN = 0x4FFF
 MAJOR, MINOR = 2, 7
 ECHO, POKE, SIZE, MAKE, FAIL = 0x0001, 0x0002, 0x0003, 0x0004, 0x0005
 VALUE_GETTER, VALUE_SETTER, BIG_GETTER = 0x0010, 0x0011, 0x0012
@@ -38,32 +34,30 @@ CLIENT_PORT = 49201
 CLIENT_ID = 0x5A01
 SERVER_PORT = 30720  # and above: where the tester provides services
 
-
-def _elements(transport):
-    def with_transport(element):
-        return {**element, "transport": transport}
-    return {
-        "methods": {
-            "echo": with_transport({"id": ECHO}),
-            "poke": with_transport({"id": POKE, "fireAndForget": True}),
-            "size": with_transport({"id": SIZE}),
-            "make": with_transport({"id": MAKE}),
-            "fail": with_transport({"id": FAIL})},
-        "events": {
-            "tick": with_transport({"id": TICK, "eventGroup": TICK_GROUP}),
-            "tock": with_transport({"id": TOCK, "eventGroup": TICK_GROUP})},
-        "fields": {
-            "value": with_transport({"getter": VALUE_GETTER, "setter": VALUE_SETTER,
-                                     "notifier": VALUE, "eventGroup": VALUE_GROUP}),
-            "big": with_transport({"getter": BIG_GETTER, "notifier": BIG,
-                                   "eventGroup": BIG_GROUP})}}
+# The application's services
+POSITIONING, INPUTS, SYSTEM_STATUS, MONITOR, GNSS = 0x2A20, 0x34A0, 0x34A3, 0x3D00, 0x2A10
+POSITIONING_PORT, IDENTIFIER_PORT, MONITOR_PORT = 30511, 30512, 30520
+POSITIONS, MAP_INFO = 0x8001, 0x8002
+POSITIONS_GROUP, MAP_INFO_GROUP = 0x0001, 0x0002
+READ = 0x0001
+NO_TEXTS = bytes(4)  # the parameter of Read: an empty map
+POSITIONING_MAJOR, IDENTIFIER_MAJOR = 3, 1
 
 
-def host_manifest(network, allowed=(), threshold=2, **timing):
-    """`allowed` may talk to the service CLOSED and provide REMOTE_CLOSED."""
+def host_manifest(network, *, allowed=(), threshold=2, limits=None, segments=None, prefix=16, **timing):
+    """`allowed` may talk to the service CLOSED and provide REMOTE_CLOSED; `timing` may differ from TIMING."""
     def service(id, transport="udp", instances=(), **more):
-        return {"id": id, "majorVersion": MAJOR, "minorVersion": MINOR, **_elements(transport),
-                "instances": list(instances), **more}
+        def elements(**of_name):
+            return {name: {**element, "transport": transport} for name, element in of_name.items()}
+        return {
+            "id": id, "majorVersion": MAJOR, "minorVersion": MINOR, "instances": list(instances), **more,
+            "methods": elements(echo={"id": ECHO}, poke={"id": POKE, "fireAndForget": True}, size={"id": SIZE},
+                                make={"id": MAKE}, fail={"id": FAIL}),
+            "events": elements(tick={"id": TICK, "eventGroup": TICK_GROUP},
+                               tock={"id": TOCK, "eventGroup": TICK_GROUP}),
+            "fields": elements(value={"getter": VALUE_GETTER, "setter": VALUE_SETTER, "notifier": VALUE,
+                                      "eventGroup": VALUE_GROUP},
+                               big={"getter": BIG_GETTER, "notifier": BIG, "eventGroup": BIG_GROUP})}
 
     def instance(id, specifier, **ports):
         return {"id": id, "specifier": specifier, "node": "host", **ports}
@@ -71,19 +65,17 @@ def host_manifest(network, allowed=(), threshold=2, **timing):
     multicast = [
         {"eventGroup": group, "address": f"239.195.{network.number}.{last}",
          "port": MULTICAST_PORT, "threshold": wanted}
-        for group, last, wanted in ((TICK_GROUP, 1, 1), (VALUE_GROUP, 2, threshold),
-                                    (BIG_GROUP, 3, 0))]
+        for group, last, wanted in ((TICK_GROUP, 1, 1), (VALUE_GROUP, 2, threshold), (BIG_GROUP, 3, 0))]
     allowed = list(allowed) or [network.address(250)]
     return {
-        "nodes": {"host": {"address": network.address(1, 2), "prefixLength": 16,
-                           "clientId": CLIENT_ID, "clientPort": CLIENT_PORT,
-                           "requestTimeoutMs": 1000}},
+        "nodes": {"host": {"address": network.address(1, 2), "prefixLength": prefix, "clientId": CLIENT_ID,
+                           "clientPort": CLIENT_PORT, "requestTimeoutMs": 1000}},
         "serviceDiscovery": {"multicastAddress": network.group, "port": network.discovery_port,
                              **TIMING, **timing},
+        "limits": limits or {}, "segments": segments or {},
         "services": {
-            "Vehicle": service(VEHICLE, instances=[
-                instance(1, "first", udpPort=VEHICLE_PORT),
-                instance(2, "second", udpPort=SECOND_PORT)]),
+            "Vehicle": service(VEHICLE, instances=[instance(1, "first", udpPort=VEHICLE_PORT),
+                                                   instance(2, "second", udpPort=SECOND_PORT)]),
             "Stream": service(STREAM, "tcp", [
                 instance(1, "stream", tcpPort=STREAM_PORT, udpPort=STREAM_PORT)]),
             "Group": service(GROUP, instances=[
@@ -98,9 +90,15 @@ def host_manifest(network, allowed=(), threshold=2, **timing):
 
 
 class Device:
-    def __init__(self, network, folder, program, address, manifest, arguments=(), environment=None):
+    """A process under test. `ports` are those of its services, `ping` is a request that changes nothing."""
+
+    ports = {}
+    ping = ()
+
+    def __init__(self, network, folder, address, manifest, *command, **environment):
         self.network, self.address, self.manifest = network, address, manifest
         network.under_test.add(address)
+        learn_versions(manifest)
         folder = pathlib.Path(folder)
         number = len(list(folder.glob("manifest-*.json")))
         manifest_path = folder / f"manifest-{number}.json"
@@ -108,21 +106,22 @@ class Device:
         self.log = folder / f"log-{number}"
         with open(self.log, "wb") as errors:
             self.process = subprocess.Popen(
-                [str(program), *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                stderr=errors, env={
+                command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, env={
                     **os.environ,
                     "POS_MANIFEST": str(manifest_path),
                     "POS_STORAGE_DIR": str(folder / f"storage-{number}"),
                     "POS_STATE_BUS": "none",
                     "DLT_PIPE_DIR": str(folder),  # no daemon there: the log goes to standard error
-                    **(environment or {})})
-        self.started = time.time()
+                    **environment})
         self.lines = []
         self.done = 0
         self._rest = b""
         os.set_blocking(self.process.stdout.fileno(), False)
         network.watch(self.process.stdout, self._readable)
         self._watched = True
+
+    def at(self, service):
+        return (self.address, self.ports.get(service, self.ports[self.ping[0]]))
 
     def _readable(self):
         data = os.read(self.process.stdout.fileno(), 1 << 20)
@@ -148,46 +147,38 @@ class Device:
         self.network.pump(0)
 
     def kill(self):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+        self.process.kill()
+        self.process.wait()
         self._unwatch()
         self.process.stdout.close()
         self.process.stdin.close()
-
-    def pause(self):
-        self.process.send_signal(signal.SIGSTOP)
-
-    def go_on(self):
-        self.process.send_signal(signal.SIGCONT)
 
     def __str__(self):
         return self.log.read_text(errors="replace")[-3000:]
 
 
 class Host(Device):
-    """`folder` is where its manifest and log go; timing may differ from TIMING."""
+    """`folder` is where its manifest and log go; `options` are those of host_manifest()."""
 
-    def __init__(self, network, folder, manifest=None, **timing):
-        super().__init__(network, folder, HOST, network.address(1, 2),
-                         manifest or host_manifest(network, **timing), ["host"])
+    ports = {VEHICLE: VEHICLE_PORT, STREAM: STREAM_PORT, GROUP: GROUP_PORT, CLOSED: CLOSED_PORT}
+    ping = (VEHICLE, ECHO)
+
+    def __init__(self, network, folder, **options):
+        super().__init__(network, folder, network.address(1, 2), host_manifest(network, **options), HOST)
         self.said("ready")
 
-    def do(self, commands):
+    def do(self, *commands):
         """Returns when the host has done it: what it sends by itself has been sent."""
-        wanted = self.done + commands.count("\n") + 1
-        self.process.stdin.write(commands.encode() + b"\n")
+        wanted = self.done + len(commands)
+        self.process.stdin.write("".join(f"{command}\n" for command in commands).encode())
         self.process.stdin.flush()
         self.network.wait(lambda: self.done >= wanted, f"end of {commands!r}")
 
-    def said(self, start, since=0, seconds=PATIENCE):
+    def said(self, start, since=0):
         """The first line from number `since` on that begins so."""
         def look():
             return next((line for line in self.lines[since:] if line.startswith(start)), None)
-        try:
-            return self.network.wait(look, f"line {start!r}", seconds)
-        except AssertionError as missing:
-            raise AssertionError(f"{missing}; the host said {self.lines[-8:]} {self}") from None
+        return self.network.wait(look, lambda: f"line {start!r}; the host said {self.lines[-8:]} {self}")
 
     def count(self, counter):
         since = len(self.lines)
@@ -198,42 +189,21 @@ class Host(Device):
         self.process.stdin.close()
         self._ended()
 
-    def udp(self, port=VEHICLE_PORT):
-        return (self.address, port)
-
-
-# The application's services
-POSITIONING, INPUTS, SYSTEM_STATUS, MONITOR, GNSS, TIME = (
-    0x2A20, 0x34A0, 0x34A3, 0x3D00, 0x2A10, 0x2A11)
-POSITIONING_PORT, IDENTIFIER_PORT, MONITOR_PORT = 30511, 30512, 30520
-POSITIONS, MAP_INFO = 0x8001, 0x8002
-POSITIONS_GROUP, MAP_INFO_GROUP = 0x0001, 0x0002
-READ = 0x0001
-NO_TEXTS = bytes(4)  # the parameter of Read: an empty map
-FIRST_MONITOR = 0xD100
-GNSS_MAJOR, POSITIONING_MAJOR, IDENTIFIER_MAJOR = 3, 3, 1
-APPLICATION_CLIENT = 0x0010
-
-
-def application_manifest(network, **timing):
-    manifest = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
-    manifest = copy.deepcopy(manifest)
-    manifest["nodes"]["POS"] |= {"prefixLength": 16, "clientId": APPLICATION_CLIENT}
-    manifest["serviceDiscovery"] = {
-        "multicastAddress": network.group, "port": network.discovery_port, **TIMING, **timing}
-    return manifest
-
 
 class Application(Device):
-    def __init__(self, network, folder, **timing):
-        address = network.address(1, 1)
-        super().__init__(network, folder, APPLICATION, address,
-                         application_manifest(network, **timing),
-                         environment={"POS_NODE_ADDRESS": address, "POS_LOG_LEVEL": "info",
-                                      "POS_INITDATA_DIR": str(SOURCE / "config")})
+    ports = {POSITIONING: POSITIONING_PORT, INPUTS: IDENTIFIER_PORT, MONITOR: MONITOR_PORT}
+    ping = (INPUTS, READ, NO_TEXTS)
 
+    def __init__(self, network, folder):
+        manifest = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
+        manifest["nodes"]["POS"] |= {"prefixLength": 16}
+        manifest["serviceDiscovery"] = {
+            "multicastAddress": network.group, "port": network.discovery_port, **TIMING}
+        address = network.address(1, 1)
+        super().__init__(network, folder, address, manifest, APPLICATION, POS_NODE_ADDRESS=address,
+                         POS_LOG_LEVEL="info", POS_INITDATA_DIR=str(SOURCE / "config"))
         self.provided = {(int(service["id"], 16), int(instance["id"], 16))
-                         for service in self.manifest["services"].values()
+                         for service in manifest["services"].values()
                          for instance in service["instances"] if instance["node"] == "POS"}
 
     def running(self, peer):
@@ -241,12 +211,3 @@ class Application(Device):
         self.network.wait(lambda: self.provided <= {(one.service, one.instance)
                                                     for one in peer.multicast.entries},
                           "start of the application")
-        return self
-
-    @property
-    def identifiers(self):
-        return (self.address, IDENTIFIER_PORT)
-
-    @property
-    def positioning(self):
-        return (self.address, POSITIONING_PORT)

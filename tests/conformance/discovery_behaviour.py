@@ -4,13 +4,13 @@ import contextlib
 import ctypes
 import os
 import subprocess
-import tempfile
 
 from scapy.layers.inet import ICMP
 
 from devices import *
 from network import *
 import suite
+from suite import in_time
 
 # Upper bounds of delays allow for a machine that does other things as well.
 EARLY, LATE = 8.0, 40.0  # milliseconds
@@ -21,69 +21,59 @@ class DiscoveryBehaviour(suite.Group):
     title = "Discovery behaviour"
     streams = True
     base = 100
-    application = None
+    application = False
 
-    def between(self, times, expected):
-        for number, (time, wanted) in enumerate(zip(times, expected)):
-            self.assertTrue(wanted - EARLY <= time <= wanted + LATE, f"{number}: {times}, {expected}")
+    def lasts(self, delays, *expected):
+        """The delays, in milliseconds, are those expected: a number or (lowest, highest) each."""
+        for number, (delay, wanted) in enumerate(zip(delays, expected, strict=True)):
+            low, high = wanted if isinstance(wanted, tuple) else (wanted, wanted)
+            self.assertTrue(low - EARLY <= delay <= high + LATE, f"{number}: {delays}, {expected}")
 
     # Phases
 
+    @in_time
     def test_phases_of_offers(self):
-        def measure():
-            peer = self.peer()
-            host = self.host(initialDelayMinMs=60, initialDelayMaxMs=90, repetitionsBaseDelayMs=50,
-                             repetitionsMax=3, cyclicOfferDelayMs=250)
+        peer = self.peer()
+        host = self.host(initialDelayMinMs=60, initialDelayMaxMs=90, repetitionsBaseDelayMs=50, repetitionsMax=3,
+                         cyclicOfferDelayMs=250)
+        start = time.time()
+        host.do("offer first")
+        peer.entry(OFFER, VEHICLE, count=6)
+        offers = peer.entries(OFFER, VEHICLE)
+        self.lasts([(offers[0].time - start) * 1000], (60, 90))
+        self.lasts(milliseconds(offers), 50, 100, 200, 250, 250)
+
+    @in_time
+    def test_random_initial_delay(self):
+        peer = self.peer()
+        host = self.host(initialDelayMinMs=10, initialDelayMaxMs=110)
+        delays = []
+        for _ in range(8):
             start = time.time()
             host.do("offer first")
-            try:
-                peer.entry(OFFER, VEHICLE, count=6)
-            finally:
-                host.kill()
-            offers = peer.entries(OFFER, VEHICLE)
-            first = (offers[0].time - start) * 1000
-            self.assertTrue(60 - EARLY <= first <= 90 + LATE, first)
-            self.between(milliseconds(offers), [50, 100, 200, 250, 250])
-        self.in_time(measure)
-
-    def test_random_initial_delay(self):
-        def measure():
-            peer = self.peer()
-            host = self.host(initialDelayMinMs=10, initialDelayMaxMs=110)
-            delays = []
-            try:
-                for number in range(1, 9):
-                    start = time.time()
-                    host.do("offer first")
-                    delays.append((peer.entry(OFFER, VEHICLE, ttl=2, after=start).time - start) * 1000)
-                    host.do("stop first")
-                    peer.entry(OFFER, VEHICLE, ttl=0, after=start)
-            finally:
-                host.kill()
-            self.assertTrue(all(10 - EARLY <= one <= 110 + LATE for one in delays), delays)
-            self.assertGreater(max(delays) - min(delays), 15, delays)
-        self.in_time(measure)
+            delays.append((peer.entry(OFFER, VEHICLE, ttl=2, after=start).time - start) * 1000)
+            host.do("stop first")
+            peer.entry(OFFER, VEHICLE, ttl=0, after=start)
+        self.lasts(delays, *[(10, 110)] * 8)
+        self.assertGreater(max(delays) - min(delays), 15, delays)
 
     def test_packed(self):
         peer = self.peer()
-        host = self.host("offer first\noffer second\noffer stream\nfind Remote",
-                         initialDelayMinMs=60, initialDelayMaxMs=90)
+        self.host("offer first", "offer second", "offer stream", "find Remote",
+                  initialDelayMinMs=60, initialDelayMaxMs=90)
         peer.entry(FIND, REMOTE, count=2)
-        for message, sd in peer.multicast.discovery[:2]:
+        for _, sd in peer.multicast.discovery[:2]:
             self.assertEqual(sorted((one.type, one.srv_id, one.inst_id) for one in sd.entry_array),
                              [(FIND, REMOTE, ANY_INSTANCE), (OFFER, VEHICLE, 1), (OFFER, VEHICLE, 2),
                               (OFFER, STREAM, 1)])
 
     def test_one_answer(self):
         host, peer = self.vehicle()
-        events = peer.socket()
         groups = (TICK_GROUP, 0x66, VALUE_GROUP, BIG_GROUP)
-        peer.tell([subscribe(VEHICLE, 1, group, MAJOR) for group in groups], [endpoint(events)],
-                  to=host.address)
-        peer.entry(ACKNOWLEDGE, VEHICLE)
-        _, sd = peer.unicast.discovery[0]
-        self.assertEqual([(one.eventgroup_id, one.ttl) for one in sd.entry_array],
-                         [(TICK_GROUP, 3), (0x66, 0), (VALUE_GROUP, 3), (BIG_GROUP, 3)])
+        answers = peer.ask(host, [subscribe(VEHICLE, group) for group in groups], [endpoint(peer.caller())])
+        self.assertEqual([(one.group, one.ttl) for one in answers],
+                         [(group, 0 if group == 0x66 else ENDLESS) for group in groups])
+        self.assertEqual(len({one.message for one in answers}), 1)
 
     def test_one_request(self):
         host, peer, server = self.remote("subscribe Remote 1 value", "subscribe Remote 1 tick")
@@ -94,55 +84,42 @@ class DiscoveryBehaviour(suite.Group):
         _, sd = peer.unicast.discovery[since]
         self.assertEqual({one.eventgroup_id for one in sd.entry_array}, {TICK_GROUP, VALUE_GROUP})
 
+    @in_time
     def test_no_repetitions(self):
-        def measure():
-            peer = self.peer()
-            host = self.host("offer first", repetitionsMax=0, cyclicOfferDelayMs=120)
-            try:
-                peer.entry(OFFER, VEHICLE, count=3)
-            finally:
-                host.kill()
-            self.between(milliseconds(peer.entries(OFFER, VEHICLE)), [120, 120])
-        self.in_time(measure)
+        peer = self.peer()
+        host = self.host("offer first", repetitionsMax=0, cyclicOfferDelayMs=120)
+        peer.entry(OFFER, VEHICLE, count=3)
+        self.lasts(milliseconds(peer.entries(OFFER, VEHICLE)[:3]), 120, 120)
+        host.kill()
         peer = self.peer()
         self.host("offer first", repetitionsMax=1, cyclicOfferDelayMs=0)
         peer.entry(OFFER, VEHICLE, count=2)
         self.network.quiet(0.25)
         self.assertEqual(len(peer.entries(OFFER, VEHICLE)), 2)
 
+    @in_time
     def test_phases_of_finds(self):
-        def measure():
-            peer = self.peer()
-            host = self.host("find Remote", repetitionsBaseDelayMs=40, repetitionsMax=3,
-                             cyclicOfferDelayMs=100)
-            try:
-                peer.entry(FIND, REMOTE, count=4)
-                self.network.quiet(0.4)
-            finally:
-                host.kill()
-            finds = peer.entries(FIND, REMOTE)
-            self.assertEqual({one.multicast for one in finds}, {True})
-            self.assertEqual(len(finds), 4)
-            self.between(milliseconds(finds), [40, 80, 160])
-        self.in_time(measure)
+        peer = self.peer()
+        self.host("find Remote", repetitionsBaseDelayMs=40, repetitionsMax=3, cyclicOfferDelayMs=100)
+        peer.entry(FIND, REMOTE, count=4)
+        self.network.quiet(0.4)
+        finds = peer.entries(FIND, REMOTE)
+        self.assertEqual({one.multicast for one in finds}, {True})
+        self.lasts(milliseconds(finds), 40, 80, 160)
 
     def test_end_of_search(self):
         peer = self.peer()
         host = self.host("find Remote", repetitionsBaseDelayMs=100, repetitionsMax=4)
         peer.entry(FIND, REMOTE)
-        server = peer.socket(SERVER_PORT)
-        self.offer(peer, server)
+        peer.tell(offer(REMOTE), [endpoint(peer.caller())])
         host.said("found Remote 1")
         self.network.quiet(0.25)
         self.assertEqual(len(peer.entries(FIND, REMOTE)), 1)
 
     def test_one_find_at_least(self):
-        peer = self.peer()
-        server = peer.socket(SERVER_PORT)
-        host = self.host("offer first")
-        self.offered(peer, VEHICLE)
-        self.offer(peer, server)
-        peer.barrier(host.address)
+        host, peer = self.vehicle()
+        peer.tell(offer(REMOTE), [endpoint(peer.caller())])
+        peer.barrier(host)
         host.do("find Remote")
         peer.entry(FIND, REMOTE)
         host.said("found Remote 1")
@@ -155,8 +132,7 @@ class DiscoveryBehaviour(suite.Group):
         self.offer(peer, server, ttl=0)
         host.said("state Remote 1 value off")
         self.network.quiet(0.25)
-        self.assertEqual([one for one in peer.entries() if one.time > start
-                          and one.service == REMOTE], [])
+        self.assertEqual([one for one in peer.entries(service=REMOTE) if one.time > start], [])
         self.offer(peer, server)
         peer.entry(SUBSCRIBE, REMOTE, after=start)
 
@@ -164,67 +140,50 @@ class DiscoveryBehaviour(suite.Group):
 
     DELAYED = {"requestResponseDelayMinMs": 100, "requestResponseDelayMaxMs": 180}
 
+    def delay(self, peer, type, service, tell, **fields):
+        """Milliseconds until the entry comes that answers what is told."""
+        start = time.time()
+        tell()
+        return (peer.entry(type, service, after=start, **fields).time - start) * 1000
+
+    @in_time
     def test_delayed_answer(self):
         host, peer = self.vehicle(**self.DELAYED, cyclicOfferDelayMs=5000)
-        def measure():
-            delays = []
-            for _ in range(5):
-                start = time.time()
-                peer.tell(find(VEHICLE))
-                answer = peer.entry(OFFER, VEHICLE, after=start, multicast=False)
-                delays.append((answer.time - start) * 1000)
-            self.assertTrue(all(100 - EARLY <= one <= 180 + LATE for one in delays), delays)
-            self.assertGreater(max(delays) - min(delays), 8, delays)
-        self.in_time(measure)
+        delays = [self.delay(peer, OFFER, VEHICLE, lambda: peer.tell(find(VEHICLE)), multicast=False)
+                  for _ in range(5)]
+        self.lasts(delays, *[(100, 180)] * 5)
+        self.assertGreater(max(delays) - min(delays), 8, delays)
 
+    @in_time
     def test_undelayed_answer(self):
         host, peer = self.vehicle(**self.DELAYED, cyclicOfferDelayMs=5000)
-        events = peer.socket()
-        def measure():
-            start = time.time()
-            peer.tell([find(VEHICLE), subscribe(VEHICLE, 1, TICK_GROUP, MAJOR)], [endpoint(events)],
-                      to=host.address)
-            for type in (OFFER, ACKNOWLEDGE):
-                answer = peer.entry(type, VEHICLE, after=start, multicast=False)
-                self.assertLess(answer.time - start, 0.060)
-        self.in_time(measure)
+        for type, entry in ((OFFER, find(VEHICLE)), (ACKNOWLEDGE, subscribe(VEHICLE, TICK_GROUP))):
+            options = [endpoint(peer.caller())]
+            delay = self.delay(peer, type, VEHICLE, lambda: peer.tell(entry, options, host), multicast=False)
+            self.assertLess(delay, 60)
 
+    @in_time
     def test_delayed_subscription(self):
-        host, peer, server = self.remote("subscribe Remote 1 value", **self.DELAYED)
-        def measure():
-            start = time.time()
-            self.offer(peer, server)
-            delay = (peer.entry(SUBSCRIBE, REMOTE, after=start, ttl=2).time - start) * 1000
-            self.assertTrue(100 - EARLY <= delay <= 180 + LATE, delay)
-        peer.entry(SUBSCRIBE, REMOTE)
-        self.in_time(measure)
-        host.kill()
-        self.offer(peer, server, ttl=0)
-        host, peer, server = self.remote(
-            "subscribe Remote 1 value", requestResponseDelayMinMs=0, requestResponseDelayMaxMs=0)
-        peer.entry(SUBSCRIBE, REMOTE)
-        def undelayed():
-            start = time.time()
-            self.offer(peer, server)
-            self.assertLess(peer.entry(SUBSCRIBE, REMOTE, after=start).time - start, 0.020)
-        self.in_time(undelayed)
+        for lowest, highest in ((100, 180), (0, 0)):
+            host, peer, server = self.remote("subscribe Remote 1 value", requestResponseDelayMinMs=lowest,
+                                             requestResponseDelayMaxMs=highest)
+            peer.entry(SUBSCRIBE, REMOTE)
+            delay = self.delay(peer, SUBSCRIBE, REMOTE, lambda: self.offer(peer, server), ttl=2)
+            self.lasts([delay], (lowest, highest))
+            self.doCleanups()
 
+    @in_time
     def test_undelayed_subscription(self):
         host, peer, server = self.remote("subscribe Remote 1 value", **self.DELAYED)
         peer.entry(SUBSCRIBE, REMOTE)
-        def measure():
-            start = time.time()
-            self.offer(peer, server, to=host.address)
-            self.assertLess(peer.entry(SUBSCRIBE, REMOTE, after=start).time - start, 0.060)
-        self.in_time(measure)
+        self.assertLess(self.delay(peer, SUBSCRIBE, REMOTE, lambda: self.offer(peer, server, host)), 60)
 
     def test_find_in_initial_wait(self):
         peer = self.peer()
         host = self.host("offer first", initialDelayMinMs=150, initialDelayMaxMs=150)
-        peer.tell(find(VEHICLE), to=host.address)
+        peer.tell(find(VEHICLE), to=host)
         peer.tell(find(VEHICLE))
-        self.assertTrue(self.offered(peer, VEHICLE).multicast)
-        self.assertTrue(peer.entries(OFFER, VEHICLE)[0].multicast)
+        self.assertTrue(peer.entry(OFFER, VEHICLE).multicast)
 
     def test_channel_of_answers(self):
         host, peer = self.vehicle(cyclicOfferDelayMs=5000, repetitionsMax=0)
@@ -239,10 +198,9 @@ class DiscoveryBehaviour(suite.Group):
     def test_renewals(self):
         host, peer, server = self.remote()
         self.active(host, peer, "tick")
-        for number in range(2, 5):
+        for number in (2, 3, 4):
             self.offer(peer, server)
-            entry = peer.entry(SUBSCRIBE, REMOTE, count=number)
-            peer.tell(acknowledge(entry), to=host.address)
+            peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=number))
         self.network.quiet(0.3)
         self.assertEqual(len(peer.entries(SUBSCRIBE, REMOTE)), 4)
         host.do("unsubscribe Remote 1 tick")
@@ -261,11 +219,10 @@ class DiscoveryBehaviour(suite.Group):
             self.offer(peer, server)
             renewal = peer.entry(SUBSCRIBE, REMOTE, count=number)
             self.assertFalse(renewal.initial_data)
-            peer.tell(acknowledge(renewal), to=host.address)
+            peer.acknowledge(renewal)
 
     def test_missing_acknowledgement(self):
-        for flags, expected in ((REBOOT | UNICAST, [(0, 0), (2, 8)]),
-                                (REBOOT | UNICAST | EXPLICIT, [(2, 8)])):
+        for flags, expected in ((REBOOT | UNICAST, [(0, 0), (2, 8)]), (REBOOT | UNICAST | EXPLICIT, [(2, 8)])):
             host, peer, server = self.remote("subscribe Remote 1 value", flags=flags)
             peer.entry(SUBSCRIBE, REMOTE)
             for _ in range(2):
@@ -275,14 +232,14 @@ class DiscoveryBehaviour(suite.Group):
             _, sd = peer.unicast.discovery[-1]
             self.assertEqual([(one.ttl, one.res & 8) for one in sd.entry_array], expected)
             self.assertEqual({one.eventgroup_id for one in sd.entry_array}, {VALUE_GROUP})
-            host.kill()
+            self.doCleanups()
 
     def test_unwatched(self):
         host, peer, server = self.remote("subscribe Remote 1 value")
-        peer.entry(SUBSCRIBE, REMOTE)
-        for number in (2, 3, 4):
-            self.offer(peer, server, to=host.address)
+        for number in (1, 2, 3):
             peer.entry(SUBSCRIBE, REMOTE, count=number)
+            self.offer(peer, server, host)
+        peer.entry(SUBSCRIBE, REMOTE, count=4)
         self.offer(peer, server)
         peer.entry(SUBSCRIBE, REMOTE, count=5)
         self.assertEqual(peer.entries(SUBSCRIBE, REMOTE, ttl=0), [])
@@ -304,7 +261,7 @@ class DiscoveryBehaviour(suite.Group):
         _, sd = peer.unicast.discovery[-1]
         self.assertEqual([one.ttl for one in sd.entry_array], [0, 2])
         self.assertTrue(again.initial_data)
-        peer.tell(acknowledge(again), to=host.address)
+        peer.acknowledge(again)
         self.notify(server, entry, b"\x01")
         host.said("notification Remote 1 value 01")
         self.offer(peer, server)
@@ -313,17 +270,15 @@ class DiscoveryBehaviour(suite.Group):
 
     def test_refused(self):
         host, peer, server = self.remote()
-        entry = self.active(host, peer)
-        self.notify(server, entry, b"\x01")
+        self.notify(server, self.active(host, peer), b"\x01")
         host.said("notification")
         self.offer(peer, server)
-        entry = peer.entry(SUBSCRIBE, REMOTE, count=2)
-        peer.tell(acknowledge(entry, ttl=0), to=host.address)
+        peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=2), ttl=0)
         host.said("state Remote 1 value off")
         self.offer(peer, server)
         entry = peer.entry(SUBSCRIBE, REMOTE, count=3)
         self.assertTrue(entry.initial_data)
-        peer.tell(acknowledge(entry), to=host.address)
+        peer.acknowledge(entry)
         self.network.wait(lambda: host.lines.count("state Remote 1 value on") == 2, "state on")
 
     def test_refused_stream(self):
@@ -331,18 +286,17 @@ class DiscoveryBehaviour(suite.Group):
         entry = peer.entry(SUBSCRIBE, REMOTE_STREAM)
         stream = self.network.wait(lambda: server.connections and server.connections[0], "connection")
         known = len(stream.messages)
-        peer.tell(acknowledge(entry, ttl=0), to=host.address)
+        peer.acknowledge(entry, ttl=0)
         self.network.wait(lambda: len(stream.messages) > known or len(server.connections) > 1,
                           "check of the connection")
 
     def test_port_open(self):
-        host, peer, server = self.remote()
-        host.do("subscribe Remote 1 tick")
+        host, peer, server = self.remote("subscribe Remote 1 tick")
         entry = peer.entry(SUBSCRIBE, REMOTE)
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
             probe.bind((peer.address, 0))
             probe.connect(entry.endpoints[0][:2])
-            probe.send(someip(REMOTE, TICK, type=NOTIFICATION, interface=MAJOR))
+            probe.send(someip(REMOTE, TICK, type=NOTIFICATION))
             probe.send(b"")  # fails when the first one was refused
         self.notify(server, entry, b"\x01", TICK)
         host.said("notification Remote 1 tick 01")
@@ -350,22 +304,21 @@ class DiscoveryBehaviour(suite.Group):
     def test_stop_offer_at_client(self):
         host, peer, server = self.remote()
         entry = self.active(host, peer)
-        to = entry.endpoints[0][:2]
-        self.notify(server, to, b"\x01")
+        self.notify(server, entry, b"\x01")
         host.said("notification Remote 1 value 01")
         self.offer(peer, server, ttl=0)
         host.said("state Remote 1 value off")
-        peer.barrier(host.address)
+        peer.barrier(host)
         host.do("call Remote 1 echo 01")
         self.assertEqual(host.said("response"), "response 0x05 -")
         unexpected = host.count("droppedUnexpected")
-        self.notify(server, to, b"\x02")
+        self.notify(server, entry, b"\x02")
         self.network.wait(lambda: host.count("droppedUnexpected") > unexpected, "drop")
         self.offer(peer, server)
         again = peer.entry(SUBSCRIBE, REMOTE, count=2)
         self.assertTrue(again.initial_data)
-        peer.tell(acknowledge(again), to=host.address)
-        self.notify(server, to, b"\x03")
+        peer.acknowledge(again)
+        self.notify(server, entry, b"\x03")
         host.said("notification Remote 1 value 03")
         self.assertNotIn("notification Remote 1 value 02", host.lines)
 
@@ -384,21 +337,19 @@ class DiscoveryBehaviour(suite.Group):
 
     def test_in_force_at_once(self):
         host, peer = self.vehicle()
-        events, to = peer.socket(), host.address
+        events = peer.socket()
         for round in range(40):
             start, since = time.time(), len(events.messages)
-            peer.tell(subscribe(VEHICLE, 1, TICK_GROUP, MAJOR), [endpoint(events)], to=to)
+            peer.tell(subscribe(VEHICLE, TICK_GROUP), [endpoint(events)], host)
             peer.entry(ACKNOWLEDGE, VEHICLE, after=start)
             host.do(f"event first tick {round:02x}")
             self.settled(host, peer)
-            self.assertEqual([one.payload for one in events.messages[since:]], [bytes([round])])
             start = time.time()
-            peer.tell([subscribe(VEHICLE, 1, TICK_GROUP, MAJOR, ttl=0), find(VEHICLE)],
-                      [endpoint(events)], to=to)
+            peer.tell([subscribe(VEHICLE, TICK_GROUP, ttl=0), find(VEHICLE)], [endpoint(events)], host)
             peer.entry(OFFER, VEHICLE, after=start, multicast=False)
             host.do("event first tick ff")
             self.settled(host, peer)
-            self.assertEqual(len(events.messages), since + 1)
+            self.assertEqual([one.payload for one in events.messages[since:]], [bytes([round])])
 
     def test_no_initial_event(self):
         host, peer = self.vehicle()
@@ -411,12 +362,10 @@ class DiscoveryBehaviour(suite.Group):
         host, peer = self.vehicle("update first value 0a")
         events = peer.socket()
         for number in range(3):
-            peer.subscribed(host.address, VEHICLE, 1, VALUE_GROUP, events, major=MAJOR,
-                            initial=number == 0)
+            peer.subscribed(host, VEHICLE, VALUE_GROUP, events, initial=number == 0)
         self.settled(host, peer)
         self.assertEqual(len(events.messages), 1)
-        peer.tell([subscribe(VEHICLE, 1, VALUE_GROUP, MAJOR, ttl=0),
-                   subscribe(VEHICLE, 1, VALUE_GROUP, MAJOR)], [endpoint(events)], to=host.address)
+        peer.tell([subscribe(VEHICLE, VALUE_GROUP, ttl=ttl) for ttl in (0, ENDLESS)], [endpoint(events)], host)
         self.network.wait(lambda: len(events.messages) == 2, "second initial value")
         self.settled(host, peer)
         self.assertEqual(len(events.messages), 2)
@@ -424,29 +373,25 @@ class DiscoveryBehaviour(suite.Group):
     def test_counters(self):
         host, peer = self.vehicle("update first value 0a")
         for counter in (0, 1, 15):
-            events = self.subscription(host, peer, counter=counter)
-            events.wait(lambda one: one.payload == b"\x0a")
+            self.subscription(host, peer, counter=counter).wait(lambda one: one.payload == b"\x0a")
 
     def test_stop_at_server(self):
         host, peer = self.vehicle()
-        left, kept = self.subscription(host, peer, TICK_GROUP), self.subscription(
-            host, self.peer(), TICK_GROUP)
-        peer.tell(subscribe(VEHICLE, 1, TICK_GROUP, MAJOR, ttl=0), [endpoint(left)], to=host.address)
-        peer.barrier(host.address)
+        left, kept = (self.subscription(host, one, TICK_GROUP) for one in (peer, self.peer()))
+        stop = subscribe(VEHICLE, TICK_GROUP, ttl=0)
+        self.assertEqual(peer.ask(host, stop, [endpoint(left)]), [], "a stop is not answered")
         host.do("event first tick 01")
         kept.wait(lambda one: one.payload == b"\x01")
         self.settled(host, peer)
         self.assertEqual(left.messages, [])
-        self.assertEqual(len(peer.entries(ACKNOWLEDGE)), 1, "a stop is not answered")
 
     def test_time_to_live_of_subscriptions(self):
         host, peer = self.vehicle(cyclicOfferDelayMs=100)
-        ending = self.subscription(host, peer, TICK_GROUP, ttl=1)
-        renewed = self.subscription(host, peer, TICK_GROUP, ttl=1, counter=1)
-        endless = self.subscription(host, peer, TICK_GROUP, counter=2)
+        ending, renewed, endless = (self.subscription(host, peer, TICK_GROUP, ttl=ttl, counter=counter)
+                                    for counter, ttl in enumerate((1, 1, ENDLESS)))
+
         def renew():
-            peer.tell(subscribe(VEHICLE, 1, TICK_GROUP, MAJOR, ttl=1, counter=1, initial=False),
-                      [endpoint(renewed)], to=host.address)
+            peer.tell(subscribe(VEHICLE, TICK_GROUP, ttl=1, counter=1, initial=False), [endpoint(renewed)], host)
             self.network.quiet(0.1)
             return host.count("subscriptionsExpired") == 1
         self.network.wait(renew, "end of a subscription")
@@ -459,27 +404,24 @@ class DiscoveryBehaviour(suite.Group):
     def test_stop_offer_at_server(self):
         host, peer = self.vehicle("update first value 01")
         events = self.subscription(host, peer)
-        events.wait(lambda one: True)
+        events.wait()
         host.do("stop first")
         peer.entry(OFFER, VEHICLE, ttl=0)
         host.do("update first value 02")
         start = time.time()
         host.do("offer first")
-        self.offered(peer, VEHICLE, after=start, ttl=2)
+        peer.entry(OFFER, VEHICLE, after=start, ttl=2)
         host.do("update first value 03")
         self.settled(host, peer)
         self.assertEqual([one.payload for one in events.messages], [b"\x01"])
-        again = self.subscription(host, peer)
-        self.assertEqual(again.wait(lambda one: True).payload, b"\x03")
+        self.assertEqual(self.subscription(host, peer).wait().payload, b"\x03")
 
     def test_requests_after_stop(self):
         host, peer = self.vehicle()
         host.do("stop first")
         peer.entry(OFFER, VEHICLE, ttl=0)
-        self.assertEqual(peer.call(host.udp(), VEHICLE, ECHO, interface=MAJOR).code, 0x02)
-        peer.tell(subscribe(VEHICLE, 1, TICK_GROUP, MAJOR), [endpoint(peer.caller())],
-                  to=host.address)
-        self.assertEqual(peer.entry(ACKNOWLEDGE, VEHICLE).ttl, 0)
+        self.assertEqual(peer.call(host, VEHICLE, ECHO).code, 0x02)
+        self.assertEqual(peer.subscribed(host, VEHICLE, TICK_GROUP, peer.caller()).ttl, 0)
 
     def test_unreachable_subscriber(self):
         host, peer = self.vehicle()
@@ -501,7 +443,7 @@ class DiscoveryBehaviour(suite.Group):
         events = self.subscription(host, peer, TICK_GROUP)
         host.do("event first tick 00")
         event = events.wait(lambda one: one.method == TICK)
-        answer = peer.call(host.udp(), VEHICLE, ECHO, interface=MAJOR)
+        answer = peer.call(host, VEHICLE, ECHO)
 
         def closed(quote, port=events.port, says=peer.address):
             """How many subscriptions it has cost that `says` calls a port closed."""
@@ -529,107 +471,81 @@ class DiscoveryBehaviour(suite.Group):
     def test_time_to_live_of_offers(self):
         host, peer, server = self.remote(ttl=1)
         other = self.peer()
-        endless = other.socket(SERVER_PORT)
-        other.tell(offer(REMOTE, 2, MAJOR, ttl=ENDLESS), [endpoint(endless)])
+        other.tell(offer(REMOTE, 2), [endpoint(other.caller())])
         host.said("found Remote 1 2")
         self.network.quiet(0.6)
         self.offer(peer, server, ttl=1)
         renewed = time.time()
-        since = len(host.lines)
-        self.assertEqual(host.said("found Remote", since), "found Remote 2")
+        self.assertEqual(host.said("found Remote", len(host.lines)), "found Remote 2")
         self.assertGreater(time.time() - renewed, 0.95)
         # Another instance satisfies the search for any.
-        since = len(host.lines)
-        other.tell(offer(REMOTE, 2, MAJOR, ttl=1), [endpoint(endless)])
+        other.tell(offer(REMOTE, 2, ttl=1), [endpoint(other.caller())])
         start = time.time()
-        self.assertEqual(host.said("found Remote", since), "found Remote")
+        self.assertEqual(host.said("found Remote", len(host.lines)), "found Remote")
         peer.entry(FIND, REMOTE, after=start)
 
     # Restarts of peers
 
+    def contacts(self, host, steps):
+        """Subscribes as a new peer in the first step and searches in the others; a step is (flags, session,
+        channel). Returns what comes of an event then."""
+        peer = self.peer()
+        events = peer.socket()
+        for number, (flags, session, channel) in enumerate(steps):
+            start = time.time()
+            peer.tell(find(VEHICLE) if number else subscribe(VEHICLE, TICK_GROUP), [endpoint(events)],
+                      host if channel == "unicast" else None, session=session, flags=flags | UNICAST)
+            peer.entry(OFFER if number else ACKNOWLEDGE, VEHICLE, after=start, multicast=False)
+        peer.sessions[host.address] = session
+        host.do("event first tick 01")
+        peer.call(host, *host.ping)
+        return [one.payload for one in events.messages]
+
     def test_restart_of_client(self):
         host, _ = self.vehicle()
-        for flags, first, second in ((REBOOT, 5, 1), (REBOOT, 5, 5), (REBOOT, 0xFFFF, 0xFFFE),
-                                     (0, 5, 6)):
-            with self.subTest(flags=flags, sessions=(first, second)):
-                peer = self.peer()
-                events = peer.socket()
-                start = time.time()
-                peer.tell(subscribe(VEHICLE, 1, TICK_GROUP, MAJOR, ttl=ENDLESS), [endpoint(events)],
-                          to=host.address, session=first, flags=flags | UNICAST)
-                self.assertEqual(peer.entry(ACKNOWLEDGE, VEHICLE, after=start).ttl, ENDLESS)
-                peer.tell(find(VEHICLE), to=host.address, session=second, flags=REBOOT | UNICAST)
-                peer.entry(OFFER, VEHICLE, multicast=False)
-                peer.sessions[host.address] = second
-                peer.barrier(host.address)
-                host.do("event first tick 01")
-                self.settled(host, peer)
-                self.assertEqual(events.messages, [])
+        for flags, first, second in ((REBOOT, 5, 1), (REBOOT, 5, 5), (REBOOT, 0xFFFF, 0xFFFE), (0, 5, 6)):
+            steps = ((flags, first, "unicast"), (REBOOT, second, "unicast"))
+            self.assertEqual(self.contacts(host, steps), [], steps)
 
     def test_no_restart(self):
         host, _ = self.vehicle()
-        for steps in (((REBOOT, 1, "u"), (REBOOT, 2000, "u"), (REBOOT, 0xFFFF, "u")),
-                      ((REBOOT, 0xFFFF, "u"), (0, 1, "u"), (0, 2, "u"), (0, 1, "u")),
-                      ((REBOOT, 100, "u"), (REBOOT, 1, "m"), (REBOOT, 101, "u"), (REBOOT, 2, "m"))):
-            with self.subTest(steps=steps):
-                peer = self.peer()
-                events = peer.socket()
-                start = time.time()
-                for number, (flags, session, channel) in enumerate(steps):
-                    entry = (find(VEHICLE) if number else
-                             subscribe(VEHICLE, 1, TICK_GROUP, MAJOR, ttl=ENDLESS))
-                    peer.tell(entry, [endpoint(events)],
-                              to=host.address if channel == "u" else None, session=session,
-                              flags=flags | UNICAST)
-                    if number:
-                        peer.entry(OFFER, VEHICLE, after=start, multicast=False)
-                    else:
-                        peer.entry(ACKNOWLEDGE, VEHICLE)
-                    start = time.time()
-                host.do("event first tick 01")
-                self.assertEqual(events.wait(lambda one: one.method == TICK).payload, b"\x01")
+        for steps in (((REBOOT, 1, "unicast"), (REBOOT, 2000, "unicast"), (REBOOT, 0xFFFF, "unicast")),
+                      ((REBOOT, 0xFFFF, "unicast"), (0, 1, "unicast"), (0, 2, "unicast"), (0, 1, "unicast")),
+                      ((REBOOT, 100, "unicast"), (REBOOT, 1, "multicast"), (REBOOT, 101, "unicast"),
+                       (REBOOT, 2, "multicast"))):
+            self.assertEqual(self.contacts(host, steps), [b"\x01"], steps)
 
     def test_restart_of_server(self):
         for channel in ("multicast", "unicast"):
-            with self.subTest(channel):
-                host, peer, server = self.remote()
-                entry = self.active(host, peer)
-                self.notify(server, entry, b"\x01")
-                host.said("notification")
-                self.offer(peer, server, to=host.address)
-                peer.tell(acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=2)), to=host.address)
-                since, known = len(host.lines), len(peer.entries(SUBSCRIBE, REMOTE))
-                peer.restart()
-                self.offer(peer, server, to=None if channel == "multicast" else host.address)
-                again = peer.entry(SUBSCRIBE, REMOTE, count=known + 1)
-                self.assertTrue(again.initial_data)
-                self.assertEqual(again.ttl, 2)
-                host.said("state Remote 1 value off", since)
-                peer.tell(acknowledge(again), to=host.address)
-                host.said("state Remote 1 value on", since)
-                self.offer(peer, server, ttl=0)
-                host.kill()
+            host, peer, server = self.remote()
+            self.notify(server, self.active(host, peer), b"\x01")
+            host.said("notification")
+            self.offer(peer, server, host)
+            peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=2))
+            since = len(host.lines)
+            peer.restart()
+            self.offer(peer, server, host if channel == "unicast" else None)
+            again = peer.entry(SUBSCRIBE, REMOTE, count=3)
+            self.assertEqual((again.initial_data, again.ttl), (True, 2), channel)
+            host.said("state Remote 1 value off", since)
+            peer.acknowledge(again)
+            host.said("state Remote 1 value on", since)
+            self.doCleanups()
 
     def test_restart_without_offer(self):
         host, peer, server = self.remote()
         self.offer(peer, server)
         since = len(host.lines)
         peer.restart()
-        peer.tell(find(0x4FFF))
+        peer.tell(find(UNKNOWN))
         self.assertEqual(host.said("found Remote", since), "found Remote")
 
     def test_connections_of_restarted_peer(self):
-        host, peer = self.vehicle("offer stream", "find RemoteStream")
-        self.offered(peer, STREAM)
-        stream = peer.connect((host.address, STREAM_PORT))
-        peer.call(None, STREAM, ECHO, b"x", interface=MAJOR, via=stream)
-        peer.tell(find(VEHICLE), to=host.address)
-        peer.tell(find(VEHICLE), to=host.address)
-
-        server = peer.listener(SERVER_PORT)
-        self.offer(peer, server)
-        host.said("found RemoteStream 1")
-        host.do("subscribe RemoteStream 1 value")
+        host, peer, server = self.remote("subscribe RemoteStream 1 value", "offer stream", service="RemoteStream")
+        peer.entry(OFFER, STREAM)
+        stream = peer.connect(host.at(STREAM))
+        peer.call(stream, STREAM, ECHO, b"x")
+        peer.ask(host, find(STREAM))
         peer.entry(SUBSCRIBE, REMOTE_STREAM)
         self.assertEqual(len(server.connections), 1)
 
@@ -646,13 +562,12 @@ class DiscoveryBehaviour(suite.Group):
         peer = self.peer()
         host = self.host("find Remote")
         peer.entry(FIND, REMOTE, count=3)
-        server = peer.socket(SERVER_PORT)
-        self.offer(peer, server)
+        peer.tell(offer(REMOTE), [endpoint(peer.caller())])
         host.said("found Remote 1")
         host.kill()
         host = self.host("find Remote", initialDelayMinMs=200, initialDelayMaxMs=200)
         self.assertEqual(peer.entry(FIND, REMOTE, count=4).message.session, 1)
-        self.offer(peer, server, to=host.address)
+        peer.tell(offer(REMOTE), [endpoint(peer.caller())], host)
         host.said("found Remote 1")
 
     # The end
@@ -662,25 +577,21 @@ class DiscoveryBehaviour(suite.Group):
         application = Application(self.network, self.folder.name)
         self.addCleanup(application.kill)
         application.running(peer)
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(GNSS, 1, GNSS_MAJOR), [endpoint(server)])
+        peer.tell(offer(GNSS), [endpoint(peer.caller())])
         for group in (1, 2, 3):
-            entry = peer.entry(SUBSCRIBE, GNSS, group=group)
-            peer.tell(acknowledge(entry), to=application.address)
+            peer.acknowledge(peer.entry(SUBSCRIBE, GNSS, group=group))
         application.stop()
         stopped = {(one.service, one.instance) for one in peer.entries(OFFER, ttl=0)}
         self.assertEqual(stopped, application.provided)
-        stopped = {one.group for one in peer.entries(SUBSCRIBE, GNSS, ttl=0)}
-        self.assertEqual(stopped, {1, 2, 3})
+        self.assertEqual({one.group for one in peer.entries(SUBSCRIBE, GNSS, ttl=0)}, {1, 2, 3})
 
     def test_shutdown_of_host(self):
         host, peer, server = self.remote("offer first", "offer stream")
         self.active(host, peer)
-        self.offered(peer, STREAM)
+        peer.entry(OFFER, STREAM)
         host.stop()
-        for service in (VEHICLE, STREAM):
-            peer.entry(OFFER, service, ttl=0)
-        peer.entry(SUBSCRIBE, REMOTE, ttl=0)
+        for type, service in ((OFFER, VEHICLE), (OFFER, STREAM), (SUBSCRIBE, REMOTE)):
+            peer.entry(type, service, ttl=0)
 
     # Loss of the link
 
@@ -693,7 +604,8 @@ class DiscoveryBehaviour(suite.Group):
         if libc.unshare(CLONE_NEWNET) != 0:
             os.close(before)
             self.skipTest("needs the right to make network namespaces")
-        outside, outside_folder = self.network, self.folder
+        outside = self.network
+
         def link(state):
             subprocess.run(["ip", "link", "set", "lo", state], check=True)
         try:
@@ -711,8 +623,8 @@ class DiscoveryBehaviour(suite.Group):
         with self.machine() as link:
             host, peer = self.vehicle("offer stream", cyclicOfferDelayMs=3000)
             events = self.subscription(host, peer, TICK_GROUP)
-            stream = peer.connect((host.address, STREAM_PORT))
-            peer.call(None, STREAM, ECHO, interface=MAJOR, via=stream)
+            stream = peer.connect(host.at(STREAM))
+            peer.call(stream, STREAM, ECHO)
             host.do("event first tick 01")
             events.wait(lambda one: one.payload == b"\x01")
             peer.entry(OFFER, VEHICLE, count=3)
@@ -741,14 +653,14 @@ class DiscoveryBehaviour(suite.Group):
     def test_healing(self):
         with self.machine() as link:
             host, peer, server = self.remote("offer first", cyclicOfferDelayMs=200)
-            entry = self.active(host, peer)
+            self.active(host, peer)
             link("down")
             link("up")
             start = time.time()
             peer.entry(OFFER, VEHICLE, after=start)
             self.offer(peer, server)
             entry = peer.entry(SUBSCRIBE, REMOTE, after=start)
-            peer.tell(acknowledge(entry), to=host.address)
+            peer.acknowledge(entry)
             self.notify(server, entry, b"\x42")
             host.said("notification Remote 1 value 42")
 
@@ -758,24 +670,21 @@ class DiscoveryBehaviour(suite.Group):
         host, peer, server = self.remote()
         self.active(host, peer)
         other = self.peer()
-        elsewhere = other.socket(SERVER_PORT)
-        self.offer(other, elsewhere)
+        other.tell(offer(REMOTE), [endpoint(other.caller())])
         self.network.wait(lambda: host.count("refusedInstances") == 1, "refusal")
         self.assertEqual(other.entries(SUBSCRIBE, REMOTE), [])
         self.offer(peer, server, ttl=0)
         host.said("state Remote 1 value off")
-        self.offer(other, elsewhere)
+        other.tell(offer(REMOTE), [endpoint(other.caller())])
         other.entry(SUBSCRIBE, REMOTE)
 
     def test_bounds(self):
-        manifest = host_manifest(self.network)
-        manifest["limits"] = {"remoteInstances": 2, "discoveryPeers": 3}
-        host, peer, server = self.remote(manifest=manifest)
-        peer.tell([offer(REMOTE, instance, MAJOR, ttl=ENDLESS) for instance in range(2, 6)], [endpoint(server)])
+        host, peer, server = self.remote(limits={"remoteInstances": 2, "discoveryPeers": 3})
+        peer.tell([offer(REMOTE, instance) for instance in range(2, 6)], [endpoint(server)])
         host.said("found Remote 1 2")
         self.assertEqual(host.count("refusedInstances"), 3)
         for _ in range(4):
-            self.peer(listen=False).tell(find(VEHICLE), to=host.address)
+            self.peer(listen=False).tell(find(VEHICLE), to=host)
         self.network.wait(lambda: host.count("refusedPeers") == 2, "refusals")
         self.active(host, peer)
 

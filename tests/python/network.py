@@ -2,6 +2,7 @@
 receives for all of them. Whatever the device under test sends to a peer is kept and can be written as
 a capture."""
 
+import contextlib
 import errno
 import os
 import selectors
@@ -29,9 +30,12 @@ ANY_INSTANCE, ANY_MAJOR, ANY_MINOR = 0xFFFF, 0xFF, 0xFFFFFFFF
 ENDLESS = 0xFFFFFF
 REBOOT, UNICAST, EXPLICIT = 0x80, 0x40, 0x20
 
+versions = {}  # major version by service id, where a test does not say another; 1 where nothing is known
 
-class Missing(AssertionError):
-    """What a test waits for did not come."""
+
+def learn_versions(manifest):
+    for service in manifest["services"].values():
+        versions[int(str(service["id"]), 0)] = service["majorVersion"]
 
 
 class Message:
@@ -114,6 +118,7 @@ class Network:
         else:
             discovery = desk.manifest["serviceDiscovery"]
             self.discovery_port, self.group = discovery["port"], discovery["multicastAddress"]
+            learn_versions(desk.manifest)
             self.under_test.add(desk.manifest["nodes"]["POS"]["address"])
             self._background = threading.Thread(target=self._receive, daemon=True)
         self.seen = []  # messages of devices under test, in the order of their arrival
@@ -186,7 +191,8 @@ class Network:
                 return result
             left = end - time.monotonic()
             if left <= 0:
-                raise Missing(f"within {seconds:g} s there was no {what}; last: {self.seen[-6:]}")
+                what = what() if callable(what) else what
+                raise AssertionError(f"within {seconds:g} s there was no {what}; last: {self.seen[-6:]}")
             # Processes and files that a condition looks at wake nobody.
             self.pump(min(left, 0.02))
 
@@ -242,8 +248,11 @@ class Channel:
 
     multicast = False
 
-    def __init__(self, network):
+    def __init__(self, network, receiver):
         self.network, self.messages, self.entries, self.discovery = network, [], [], []
+        self.socket = receiver
+        self.socket.setblocking(False)
+        self.destination = self.address = self.socket.getsockname()
         self.barriers = set()
         self.on_entry = lambda entry: None  # called with each discovery entry that comes
 
@@ -257,33 +266,39 @@ class Channel:
             self.entries.append(Entry(message, sd, entry))
             self.on_entry(self.entries[-1])
 
-    def wait(self, condition, what="message", since=0, seconds=PATIENCE):
+    @contextlib.contextmanager
+    def unwatched(self):
+        """Meanwhile the test itself receives: more than should be kept, or nothing."""
+        self.network.unwatch(self.socket)
+        self.socket.settimeout(PATIENCE)
+        try:
+            yield self.socket
+        finally:
+            self.socket.setblocking(False)
+            self.network.watch(self.socket, self._readable)
+
+    def wait(self, condition=lambda one: True, what="message", since=0):
         """The first message from index `since` on that fulfils the condition."""
         return self.network.wait(
-            lambda: next((one for one in self.messages[since:] if condition(one)), None), what,
-            seconds)
+            lambda: next((one for one in self.messages[since:] if condition(one)), None), what)
 
 
 class Socket(Channel):
     """A UDP socket. `group` (address, port): what comes there, else what comes to `address`."""
 
     def __init__(self, network, address, port=0, group=None):
-        super().__init__(network)
-        self.multicast = group is not None
-        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.setblocking(False)
-        self.socket.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
-        self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
+        receiver = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        receiver.setsockopt(socket.SOL_SOCKET, SO_TIMESTAMPNS, 1)
+        receiver.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 1 << 22)
         interface = socket.inet_aton(address)
-        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, interface)
+        receiver.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, interface)
         if group:
-            self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
-            self.socket.bind(group)
-            self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
-                                   socket.inet_aton(group[0]) + interface)
-        else:
-            self.socket.bind((address, port))
-        self.destination = self.address = self.socket.getsockname()
+            receiver.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            receiver.setsockopt(socket.IPPROTO_IP, socket.IP_ADD_MEMBERSHIP,
+                                socket.inet_aton(group[0]) + interface)
+        receiver.bind(group or (address, port))
+        super().__init__(network, receiver)
+        self.multicast = group is not None
         network.watch(self.socket, self._readable)
 
     @property
@@ -313,11 +328,8 @@ class Stream(Channel):
     """A TCP connection with a device under test."""
 
     def __init__(self, network, connection):
-        super().__init__(network)
-        self.socket = connection
-        self.socket.setblocking(False)
+        super().__init__(network, connection)
         self.source = connection.getpeername()
-        self.destination = self.address = connection.getsockname()
         self.ended = False
         self.pieces = []  # what came, as it came
         self.buffer = b""
@@ -347,7 +359,7 @@ class Stream(Channel):
             self.network.seen.append(message)
             self.buffer = self.buffer[size:]
 
-    def send(self, data):
+    def send(self, data, _=None):
         self.socket.setblocking(True)
         self.socket.sendall(bytes(data))
         self.socket.setblocking(False)
@@ -382,8 +394,9 @@ class Listener:
             connection.close()
 
 
-def someip(service, method, payload=b"", *, client=0x0101, session=1, interface=1, type=REQUEST,
+def someip(service, method, payload=b"", *, client=0x0101, session=1, interface=None, type=REQUEST,
            code=0, protocol=1, length=None):
+    interface = versions.get(service, 1) if interface is None else interface
     packet = SOMEIP(srv_id=service, client_id=client, session_id=session, iface_ver=interface,
                     msg_type=type, retcode=code, proto_ver=protocol, len=length)
     packet.sub_id = method >> 15
@@ -394,7 +407,7 @@ def someip(service, method, payload=b"", *, client=0x0101, session=1, interface=
     return bytes(packet / payload if payload else packet)
 
 
-def segments(message, size, *, offsets=None):
+def segments(message, size):
     """The segments of a message (bytes), each with its own header."""
     header, payload = message[:16], message[16:]
     result = []
@@ -403,7 +416,7 @@ def segments(message, size, *, offsets=None):
         packet = SOMEIP(header)
         packet.msg_type |= TP
         packet.len = 12 + len(part)
-        packet.offset = (at if offsets is None else offsets[len(result)]) // 16
+        packet.offset = at // 16
         packet.more_seg = int(at + size < len(payload))
         result.append(bytes(packet) + part)
     return result
@@ -422,8 +435,9 @@ def discovery(entries, options=(), *, session=1, flags=REBOOT | UNICAST, reserve
 
 
 def endpoint(address, port=None, protocol=UDP_PROTOCOL, **fields):
-    """An endpoint option of a socket, or of address and port."""
+    """An endpoint option of a socket or stream, or of address and port."""
     if port is None:
+        protocol = UDP_PROTOCOL if isinstance(address, Socket) else TCP_PROTOCOL
         address, port = address.address
     return SDOption_IP4_EndPoint(addr=address, port=port, l4_proto=protocol, **fields)
 
@@ -433,26 +447,22 @@ def find(service, instance=ANY_INSTANCE, major=ANY_MAJOR, minor=ANY_MINOR, ttl=3
                            minor_ver=minor, **fields)
 
 
-def offer(service, instance, major=1, minor=0, ttl=3, options=(0, 1), **fields):
-    """`options` is the first run: index and number."""
+# `options` is the first run of an entry: index and number.
+
+
+def offer(service, instance=1, major=None, ttl=ENDLESS, options=(0, 1), **fields):
+    major = versions.get(service, 1) if major is None else major
     return SDEntry_Service(type=OFFER, srv_id=service, inst_id=instance, major_ver=major, ttl=ttl,
-                           minor_ver=minor, index_1=options[0], n_opt_1=options[1], **fields)
+                           index_1=options[0], n_opt_1=options[1], **fields)
 
 
-def subscribe(service, instance, group, major=1, ttl=3, options=(0, 1), initial=True, counter=0,
+def subscribe(service, group, instance=1, major=None, ttl=ENDLESS, options=(0, 1), initial=True, counter=0,
               **fields):
+    major = versions.get(service, 1) if major is None else major
     fields.setdefault("res", 0x008 if initial else 0)
     return SDEntry_EventGroup(type=SUBSCRIBE, srv_id=service, inst_id=instance, major_ver=major,
                               ttl=ttl, eventgroup_id=group, index_1=options[0], n_opt_1=options[1],
                               cnt=counter, **fields)
-
-
-def acknowledge(entry, ttl=None, options=(0, 0)):
-    """The answer to an entry that a device under test sent; `ttl` 0 refuses."""
-    return SDEntry_EventGroup(type=ACKNOWLEDGE, srv_id=entry.service, inst_id=entry.instance,
-                              major_ver=entry.major, ttl=entry.ttl if ttl is None else ttl,
-                              eventgroup_id=entry.group, res=entry.flags, cnt=entry.counter,
-                              index_1=options[0], n_opt_1=options[1])
 
 
 class Peer:
@@ -460,33 +470,25 @@ class Peer:
 
     def __init__(self, network, address, flags=REBOOT | UNICAST, listen=True):
         self.network, self.address, self.flags = network, address, flags
-        self.unicast = Socket(network, address, network.discovery_port)
-        self.multicast = None
-        self.parts = [self.unicast]
-        if listen:
-            self.multicast = Socket(network, address, group=(network.group, network.discovery_port))
-            self.parts.append(self.multicast)
+        self.parts = []
+        self.unicast = self.socket(network.discovery_port)
+        self.multicast = self.socket(group=(network.group, network.discovery_port)) if listen else None
         self.sessions = {}
         self.barriers = 0
 
-    def socket(self, port=0):
-        made = Socket(self.network, self.address, port)
-        self.parts.append(made)
-        return made
+    def keep(self, part):
+        self.parts.append(part)
+        return part
+
+    def socket(self, port=0, group=None):
+        return self.keep(Socket(self.network, self.address, port, group))
 
     def listener(self, port):
-        made = Listener(self.network, self.address, port)
-        self.parts.append(made)
-        return made
+        return self.keep(Listener(self.network, self.address, port))
 
     def connect(self, to):
-        connection = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-        connection.bind((self.address, 0))
-        connection.settimeout(PATIENCE)
-        connection.connect(to)
-        made = Stream(self.network, connection)
-        self.parts.append(made)
-        return made
+        connection = socket.create_connection(to, PATIENCE, (self.address, 0))
+        return self.keep(Stream(self.network, connection))
 
     def close(self):
         for part in reversed(self.parts):
@@ -498,16 +500,44 @@ class Peer:
         self.sessions.clear()
 
     def tell(self, entries, options=(), to=None, **fields):
-        """Sends entries in one message, to an address or to all."""
+        """Sends entries in one message, to a device or to all."""
         entries = entries if isinstance(entries, (list, tuple)) else [entries]
         fields.setdefault("flags", self.flags)
+        address = getattr(to, "address", to)
         with self.network.lock:
             session = fields.pop("session", None)
             if session is None:
-                session = self.sessions[to] = self.sessions.get(to, 0) % 0xFFFF + 1
-            data = discovery(entries, options, session=session, **fields)
-            self.unicast.send(data, (to or self.network.group, self.network.discovery_port))
-        return data
+                session = self.sessions[address] = self.sessions.get(address, 0) % 0xFFFF + 1
+            self.unicast.send(discovery(entries, options, session=session, **fields),
+                              (address or self.network.group, self.network.discovery_port))
+
+    def ask(self, to, entries, options=(), **fields):
+        """Sends entries to a device and returns those of its answer, which is not delayed."""
+        known = len(self.unicast.entries)
+        self.tell(entries, options, to, **fields)
+        self.barrier(to)
+        return self.unicast.entries[known:]
+
+    def subscribed(self, to, service, group, via, **fields):
+        """Subscribes and returns the acknowledgement."""
+        answers = self.ask(to, subscribe(service, group, **fields), [endpoint(via)])
+        return next(one for one in answers if one.type == ACKNOWLEDGE)
+
+    def acknowledge(self, entry, options=(), ttl=None):
+        """Answers the subscription of a device; `ttl` 0 refuses it."""
+        self.tell(SDEntry_EventGroup(type=ACKNOWLEDGE, srv_id=entry.service, inst_id=entry.instance,
+                                     major_ver=entry.major, ttl=entry.ttl if ttl is None else ttl,
+                                     eventgroup_id=entry.group, res=entry.flags, cnt=entry.counter,
+                                     index_1=0, n_opt_1=len(options)), options, entry.message.source[0])
+
+    def barrier(self, to):
+        """Returns when what was told to a device's discovery before has been dealt with: it has refused
+        two subscriptions to something that nobody has. What belongs to it is not kept."""
+        for _ in range(2):
+            self.barriers += 1
+            number = self.barriers
+            self.tell(subscribe(BARRIER, number, options=(0, 0)), to=to)
+            self.network.wait(lambda: number in self.unicast.barriers, f"answer from {to}")
 
     # What came
 
@@ -527,40 +557,22 @@ class Peer:
         wanted = {"type": type, "service": service, **fields}
         return self.network.wait(look, f"entry {wanted}", seconds)
 
-    def call(self, to, service, method, payload=b"", *, via=None, client=0x0101, session=None,
-             seconds=PATIENCE, **fields):
-        """Sends a request and returns the response."""
-        via = via or self.caller()
+    def call(self, to, service, method, payload=b"", *, client=0x0101, session=None, **fields):
+        """Sends a request to a device, to (address, port) or over a stream and returns the response."""
+        via = to if isinstance(to, Stream) else self.caller()
+        to = to.at(service) if hasattr(to, "at") else to
         if session is None:
             session = self.sessions["calls"] = self.sessions.get("calls", 0) % 0xFFFF + 1
         since = len(via.messages)
-        request = someip(service, method, payload, client=client, session=session, **fields)
-        via.send(request, *([] if isinstance(via, Stream) else [to]))
+        via.send(someip(service, method, payload, client=client, session=session, **fields), to)
         return via.wait(
             lambda one: (one.client, one.session) == (client, session) and one.type & 0x80,
-            f"response to {service:04x}.{method:04x}", since, seconds)
+            f"response to {service:04x}.{method:04x}", since)
 
     def caller(self):
         if not hasattr(self, "_caller"):
             self._caller = self.socket()
         return self._caller
-
-    def subscribed(self, to, service, instance, group, via, **fields):
-        """Subscribes and returns the acknowledgement."""
-        start = time.time()
-        self.tell(subscribe(service, instance, group, **fields), [endpoint(via)], to=to)
-        answer = self.entry(ACKNOWLEDGE, service, instance=instance, group=group, after=start)
-        self.barrier(to)
-        return answer
-
-    def barrier(self, to):
-        """Returns when what was told to a device's discovery before has been dealt with: it has refused
-        two subscriptions to something that nobody has. What belongs to it is not kept."""
-        for _ in range(2):
-            self.barriers += 1
-            number = self.barriers
-            self.tell(subscribe(BARRIER, 1, number, options=(0, 0)), to=to)
-            self.network.wait(lambda: number in self.unicast.barriers, f"answer from {to}")
 
 
 def milliseconds(entries):

@@ -8,17 +8,17 @@ import contextlib
 import json
 import re
 import signal
-import struct
 import subprocess
 import sys
 
-from desk import APPLICATION, BUILD, Desk, until
+from desk import APPLICATION, BUILD, SOURCE, Desk, until
 from dlt import Log
-from network import ENDLESS, NOTIFICATION, SUBSCRIBE, Network, acknowledge, endpoint, offer, someip, subscribe
+from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip, subscribe
+from payload import block, f32, f64, records, u8, u32, u64
 
 HOST = BUILD / "tests/system/log_texts_host"
 NETWORK = 173
-NODE, SOURCE, TESTER = (f"127.{NETWORK}.0.{last}" for last in (10, 20, 40))
+NODE, RECEIVER, TESTER = (f"127.{NETWORK}.0.{last}" for last in (10, 20, 40))
 DAEMON_PORT = 39173
 THREAD_SANITIZER = re.search(r"^POS_SANITIZE:.*thread", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
 
@@ -116,17 +116,9 @@ def found(context):
             info(context, "generalClientImpl: connected to instance ", "1")]
 
 
-MONITORS = {
-    0x83D100: "POS_Overall_System", 0x83D101: "POS_Input_GNSS", 0x83D102: "POS_Input_Odometry",
-    0x83D103: "POS_Output_MapMatched", 0x83D104: "POS_Output_DeadReckoning", 0x83D105: "POS_Output_Static",
-    0x83D106: "POS_Input_Landmarks_FrontCamera", 0x83D107: "POS_Input_Landmarks_TopView",
-    0x83D108: "POS_Input_Landmarks_Lidar", 0x83D109: "POS_Input_Landmarks_Radar", 0x83D10A: "POS_Input_Map",
-    0x83D10B: "POS_Input_Time", 0x83D10C: "POS_Input_BV_Lines", 0x83D10D: "POS_Input_Odometry_FrontCamera",
-    0x83D10E: "POS_Input_Position_FrontCamera", 0x83D120: "POS_LBL_System", 0x83D121: "POS_PGF_System",
-    0x83D122: "POS_MapMatching_System", 0x83D123: "POS_LaneMatching_System",
-    0x83D401: "BDP_service_registry_not_attainable", 0x83D501: "BDP_data_bus_service_not_available",
-    0x83D502: "BDP_data_bus_service_error_value_received", 0x83D503: "BDP_data_bus_service_implausible",
-}
+MANIFEST = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
+MONITORS = {0x830000 | int(one["id"], 0): one["specifier"].removeprefix("DiagnosticMonitor_")
+            for one in MANIFEST["services"]["mw::dm::dem::DiagnosticMonitor"]["instances"]}
 CLEAR, RESTART, REENABLED = b"\0", b"\1", b"\2"
 CLEARED, RESTARTED = ") reason is kClear", ") reason is kRestart OR kReenabled"
 
@@ -155,6 +147,15 @@ def sending(kind):
 def replacing(kind, seconds, nanoseconds):
     return info("POS", "REPLACING", kind, "POSITION TIMESTAMP, original seconds ", seconds, ", nanoseconds ",
                 nanoseconds, "new timestamp for this sample: seconds ", NUMBER, ", nanoseconds ", NUMBER)
+
+
+def position_without_values(type, seconds=" value is not set", nanoseconds=" value is not set", age=""):
+    quantities = ", ".join(f"{name} value is not set (valueType is not set)" for name in (
+        "LAT", "LON", "altitudeWGS84", "altitudeMeanSeaLevel", "yawAngle", "speed2D"))
+    return info("POS", text(
+        f"###### position from gnss: position type{type}, messageCounter value is not set, {quantities}, "
+        f"preciseLocalTimeSeconds{seconds} (valueType is not set), "
+        f"preciseLocalTimeNanoseconds{nanoseconds} (valueType is not set){age}"))
 
 
 AS_MM = info("PSRV", "DR position is being sent as MM, time from last MM sent pos: ", NUMBER, "ms")
@@ -212,27 +213,10 @@ TEXTS = {
             replacing("GNSS-DR", "1700000000", "500000999"),
             sending("GNSS-DR"),
             AS_MM,
-            info("POS", "###### position from gnss: position type value is not set, messageCounter value is not set, "
-                 "LAT value is not set (valueType is not set), LON value is not set (valueType is not set), "
-                 "altitudeWGS84 value is not set (valueType is not set), altitudeMeanSeaLevel value is not set "
-                 "(valueType is not set), yawAngle value is not set (valueType is not set), speed2D value is not set "
-                 "(valueType is not set), preciseLocalTimeSeconds value is not set (valueType is not set), "
-                 "preciseLocalTimeNanoseconds value is not set (valueType is not set)"),
-            info("POS", text(
-                "###### position from gnss: position type=1, messageCounter value is not set, LAT value is not set "
-                "(valueType is not set), LON value is not set (valueType is not set), altitudeWGS84 value is not set "
-                "(valueType is not set), altitudeMeanSeaLevel value is not set (valueType is not set), yawAngle value "
-                "is not set (valueType is not set), speed2D value is not set (valueType is not set), "
-                "preciseLocalTimeSeconds=4294967295 (valueType is not set), preciseLocalTimeNanoseconds=1999 "
-                "(valueType is not set), sample is {} us into the future compared to PLT, sampleTime = "
-                "4294967295000001 arrivalTime = {}")),
-            info("POS", text(
-                "###### position from gnss: position type=2, messageCounter value is not set, LAT value is not set "
-                "(valueType is not set), LON value is not set (valueType is not set), altitudeWGS84 value is not set "
-                "(valueType is not set), altitudeMeanSeaLevel value is not set (valueType is not set), yawAngle value "
-                "is not set (valueType is not set), speed2D value is not set (valueType is not set), "
-                "preciseLocalTimeSeconds value is not set (valueType is not set), preciseLocalTimeNanoseconds value "
-                "is not set (valueType is not set)")),
+            position_without_values(" value is not set"),
+            position_without_values("=1", "=4294967295", "=1999", ", sample is {} us into the future compared to PLT, "
+                                    "sampleTime = 4294967295000001 arrivalTime = {}"),
+            position_without_values("=2"),
             replacing("GNSS-DR", "missing", "missing"),
             info("POS", "###### positions quality from gnss: positionType=1, gDOP=2.5 (valueType is PhysicalValue), "
                  "hDOP=0.8999999761581421 (valueType is Init), pDOP=1.000000020040877e+20 (valueType is Error), "
@@ -436,36 +420,6 @@ class Run:
             assert one.context == "TRCE" or any(one.fits(row) for row in known), f"{self.name}: not listed: {one}"
 
 
-
-
-def member(wire_type, number, packing, value):
-    return struct.pack("!H" + packing, wire_type << 12 | number, value)
-
-
-def u32(number, value):
-    return member(2, number, "I", value)
-
-
-def f32(number, value):
-    return member(2, number, "f", value)
-
-
-def u64(number, value):
-    return member(3, number, "Q", value)
-
-
-def f64(number, value):
-    return member(3, number, "d", value)
-
-
-def block(content):
-    return struct.pack("!I", len(content)) + content
-
-
-def records(*each):
-    return block(b"".join(block(b"".join(members)) for members in each))
-
-
 INIT, ERROR, LOGICAL, PHYSICAL = 1, 2, 3, 4
 FULL_POSITION = [
     u32(0, 2), u32(1, 4294967295), f64(2, 48.137154), u32(3, PHYSICAL), f64(4, -1e-5), u32(5, LOGICAL),
@@ -474,13 +428,13 @@ FULL_POSITION = [
 FUTURE_POSITION = [u32(0, 1), u32(40, 4294967295), u32(42, 1999)]
 FULL_QUALITY = [
     u32(0, 1), f32(1, 2.5), u32(2, PHYSICAL), f32(3, 0.9), u32(4, INIT), f32(5, 1e20), u32(6, ERROR), f32(7, 3.0),
-    member(0, 9, "B", 1), u32(10, 2), u32(11, 3), u32(12, 10), u32(13, PHYSICAL), u32(14, 17), u32(17, 12),
+    u8(9, 1), u32(10, 2), u32(11, 3), u32(12, 10), u32(13, PHYSICAL), u32(14, 17), u32(17, 12),
     u32(18, PHYSICAL), u32(20, 14), u32(33, 1)]
 MALFORMED = [
     records([u32(2, 0)]),                             # a latitude of 32 bits
-    block(struct.pack("!I", 4) + u32(1, 7)),          # a record announced shorter than its member
+    block(block(u32(1, 7), 4)),                       # a record announced shorter than its member
     b"\0\0\0",
-    struct.pack("!I", 1),
+    block(b"", 1),
 ]
 
 
@@ -488,8 +442,9 @@ class Source:
     """Offers GNSS and Time, acknowledges subscriptions once told to, and notifies."""
 
     def __init__(self, desk, network):
-        self.peer = network.peer(SOURCE)
+        self.peer = network.peer(RECEIVER)
         self.services = {name: desk.manifest["services"][name] for name in (GNSS, TIME)}
+        self.ids = {name: int(service["id"], 0) for name, service in self.services.items()}
         self.sockets = {name: self.peer.socket(service["instances"][0]["udpPort"])
                         for name, service in self.services.items()}
         self.waiting = []  # for their acknowledgement; None: nobody does
@@ -502,14 +457,12 @@ class Source:
         self.peer.close()
 
     def offer(self, name):
-        service = self.services[name]
-        self.peer.tell(offer(int(service["id"], 0), 1, service["majorVersion"], ttl=ENDLESS),
-                       [endpoint(self.sockets[name])])
+        self.peer.tell(offer(self.ids[name]), [endpoint(self.sockets[name])])
 
     def answer(self, entry):
         if entry.type == SUBSCRIBE and entry.ttl:
             if self.waiting is None:
-                self.peer.tell(acknowledge(entry), to=NODE)
+                self.peer.acknowledge(entry)
             else:
                 self.waiting.append(entry)
 
@@ -522,38 +475,32 @@ class Source:
 
     def subscriber(self, name, field):
         """Where the application wants a field; waits for its subscription."""
-        service = self.services[name]
-        group = int(service["fields"][field]["eventGroup"], 0)
-        return self.peer.entry(SUBSCRIBE, int(service["id"], 0), group=group, seconds=30).endpoints[0][:2]
+        group = int(self.services[name]["fields"][field]["eventGroup"], 0)
+        return self.peer.entry(SUBSCRIBE, self.ids[name], group=group, seconds=30).endpoints[0][:2]
 
     def notify(self, name, field, payload):
-        service = self.services[name]
-        self.sockets[name].send(
-            someip(int(service["id"], 0), int(service["fields"][field]["notifier"], 0), payload, type=NOTIFICATION,
-                   client=0, interface=service["majorVersion"]), self.subscriber(name, field))
+        event = int(self.services[name]["fields"][field]["notifier"], 0)
+        self.sockets[name].send(someip(self.ids[name], event, payload, type=NOTIFICATION, client=0),
+                                self.subscriber(name, field))
 
 
 class Tester:
-    """Calls methods of the node under test."""
+    """Calls methods of the node under test and subscribes there."""
 
     def __init__(self, desk, network):
         self.peer, self.services = network.peer(TESTER), desk.manifest["services"]
 
-    def call(self, service, instance, method, payload, code=0):
+    def call(self, service, payload, code=0, specifier=""):
         deployed = self.services[service]
-        answer = self.peer.call((NODE, instance["udpPort"]), int(deployed["id"], 0), method, payload,
-                                interface=deployed["majorVersion"])
+        instance = next(one for one in deployed["instances"] if one["specifier"].endswith(specifier))
+        answer = self.peer.call((NODE, instance["udpPort"]), int(deployed["id"], 0), 1, payload)
         assert answer.code == code, answer
 
     def init_monitor(self, identifier, reason, code=0):
-        specifier = "DiagnosticMonitor_" + MONITORS[identifier]
-        instance = next(one for one in self.services[MONITOR]["instances"] if one["specifier"] == specifier)
-        self.call(MONITOR, instance, 1, reason, code)
+        self.call(MONITOR, reason, code, MONITORS[identifier])
 
     def subscribe(self, service, group):
-        deployed = self.services[service]
-        self.peer.tell(subscribe(int(deployed["id"], 0), 1, group, deployed["majorVersion"]),
-                       [endpoint(self.peer.caller())], to=NODE)
+        self.peer.tell(subscribe(int(self.services[service]["id"], 0), group), [endpoint(self.peer.caller())], NODE)
 
 
 # --- the runs
@@ -569,7 +516,7 @@ def empty_storage(desk, log, network, tester):
         tester.init_monitor(0x83D100, REENABLED)
         for identifier in list(MONITORS)[1:]:
             tester.init_monitor(identifier, RESTART)
-        tester.call(D_14A0, tester.services[D_14A0]["instances"][0], 1, block(b""))
+        tester.call(D_14A0, block(b""))
         tester.init_monitor(0x83D100, b"", code=9)
         source.offer(GNSS)
         source.subscriber(GNSS, "positions")
@@ -656,7 +603,7 @@ def failures(desk, log, network, tester):
         run.wait(run.groups["trace of the proxies"][2])
         tester.subscribe(POSITIONING, 1)
         run.wait(run.groups["service provider"][1])
-        tester.call(POSITIONING, tester.services[POSITIONING]["instances"][0], 1, b"", code=1)
+        tester.call(POSITIONING, b"", code=1)
         tester.init_monitor(0x83D101, CLEAR, code=1)
     run.process.stdin.close()
     run.end()

@@ -91,8 +91,7 @@ class Scenario:
     def subscribe(self, entry):
         """Each offer of the monitor is answered with a subscription."""
         if (entry.type, entry.service, entry.instance) == (OFFER, self.monitor[0], self.instance) and entry.ttl:
-            self.peer.tell(subscribe(self.monitor[0], self.instance, self.action_group, ttl=30),
-                           [endpoint(self.events)], to=NODE)
+            self.peer.tell(subscribe(self.monitor[0], self.action_group, self.instance), [endpoint(self.events)], NODE)
 
     def call(self, where, method, payload):
         service, port = where
