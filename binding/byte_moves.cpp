@@ -1,12 +1,54 @@
 #include "binding/byte_moves.h"
 
+#include <cstring>
+
 #if defined(__x86_64__)
-
 #include <immintrin.h>
-
-#define WITH_WIDE_SHUFFLES [[gnu::target("avx512f,avx512bw,avx512vbmi")]]
+#endif
 
 namespace binding {
+
+namespace {
+
+/// As many records as are moved at once, from `from` to `to`; false when a byte is not what it must
+/// be.
+bool move_those_at_once(const Byte_moves& moves, const std::byte* from, std::byte* to) {
+  for (const auto& block : moves.blocks) {
+    auto bytes = block.constants;
+    for (const auto& window : std::span{block.windows}.first(block.used)) {
+      Block_bytes source;
+      std::memcpy(source.data(), from + window.from, block_size);
+      for (std::size_t i = 0; i < block_size; ++i) {
+        if (((source[i] ^ window.required[i]) & window.mask[i]) != 0) return false;
+        if ((window.moved >> i & 1U) != 0) bytes[i] = source[window.index[i]];
+      }
+    }
+    std::memcpy(to + block.to, bytes.data(), block_size);
+  }
+  return true;
+}
+
+std::size_t move_plainly(const Byte_moves& moves,
+                         const std::byte* from,
+                         std::byte* to,
+                         std::size_t count) {
+  for (std::size_t moved = 0; moved < count;) {
+    // The last ones together with some that have been moved before.
+    const auto first = std::min(moved, count - moves.at_once);
+    if (!move_those_at_once(moves, from + first * moves.source_size,
+                            to + first * moves.destination_size)) {
+      return moves.at_once == 1 ? moved : 0;
+    }
+    moved = first + moves.at_once;
+  }
+  return count;
+}
+
+}  // namespace
+
+#if defined(__x86_64__)
+
+#define WITH_WIDE_SHUFFLES [[gnu::target("avx512f,avx512bw,avx512vbmi")]]
 
 namespace {
 
@@ -18,51 +60,92 @@ WITH_WIDE_SHUFFLES inline __m512i load(const Block_bytes& bytes) {
 }
 
 struct Loaded_window {
-  __m512i required, mask, index;
+  __m512i required, index;
   __mmask64 moved;
+  __m512i differences = _mm512_setzero_si512();  ///< of all bytes, whether they count or not
 
   WITH_WIDE_SHUFFLES explicit Loaded_window(const Window& window)
-      : required{load(window.required)},
-        mask{load(window.mask)},
-        index{load(window.index)},
-        moved{~_mm512_movepi8_mask(index)} {}
+      : required{load(window.required)}, index{load(window.index)}, moved{window.moved} {}
 
-  /// Puts bytes of the window into `block`, and adds what must not be to `differences`.
-  WITH_WIDE_SHUFFLES __m512i move(const std::byte* from,
-                                  __m512i block,
-                                  __m512i& differences) const {
+  /// Puts bytes of the window into `block`.
+  WITH_WIDE_SHUFFLES __m512i move(const std::byte* from, __m512i block) {
     auto bytes = _mm512_loadu_si512(from);
     asm("" : "+v"(bytes));  // once: the compiler would load it for each use
-    constexpr int first_or_second_and_third = 0xF0 | (0xCC & 0xAA);
-    differences = _mm512_ternarylogic_epi64(differences, _mm512_xor_si512(bytes, required), mask,
-                                            first_or_second_and_third);
+    constexpr int first_or_second_differs_from_third = 0xF0 | (0xCC ^ 0xAA);
+    differences =
+        _mm512_ternarylogic_epi64(differences, bytes, required, first_or_second_differs_from_third);
     return _mm512_mask_permutexvar_epi8(block, moved, index, bytes);
   }
-};
-
-WITH_WIDE_SHUFFLES inline bool any(__m512i bits) {
-  return _mm512_test_epi8_mask(bits, bits) != 0;
-}
-
-struct Loaded_block {
-  Loaded_window first, second;
-  __m512i constants;
-  bool two;
-  std::ptrdiff_t to_second;
-
-  WITH_WIDE_SHUFFLES explicit Loaded_block(const Block& block)
-      : first{block.windows[0]},
-        second{block.windows[1]},
-        constants{load(block.constants)},
-        two{block.used > 1},
-        to_second{block.windows[1].from - block.windows[0].from} {}
-
-  WITH_WIDE_SHUFFLES void move(const std::byte* from, std::byte* to, __m512i& differences) const {
-    auto bytes = first.move(from, constants, differences);
-    if (two) bytes = second.move(from + to_second, bytes, differences);
-    _mm512_storeu_si512(to, bytes);
+  /// Whether all bytes that came by were what they must be.
+  WITH_WIDE_SHUFFLES [[nodiscard]] bool right(const Window& window) const {
+    return _mm512_test_epi8_mask(differences, load(window.mask)) == 0;
   }
 };
+
+/// Where a block lies in several groups of records that are moved at once: evenly apart, but for
+/// the last group, which may overlap the one before it.
+struct Groups {
+  std::size_t evenly_apart;
+  std::size_t source_step, destination_step;
+  std::size_t source_last, destination_last;
+
+  Groups(const Byte_moves& moves, std::size_t records)
+      : evenly_apart{(records - 1) / moves.at_once},
+        source_step{moves.at_once * moves.source_size},
+        destination_step{moves.at_once * moves.destination_size},
+        source_last{(records - moves.at_once) * moves.source_size},
+        destination_last{(records - moves.at_once) * moves.destination_size} {}
+};
+
+/// A copy of the groups: the compiler cannot know that what is moved does not change the original.
+template <class Move>
+WITH_WIDE_SHUFFLES inline void for_each(Groups groups,
+                                        const std::byte* from,
+                                        std::byte* to,
+                                        Move move) {
+  const auto* source = from;
+  auto* destination = to;
+  for (; groups.evenly_apart != 0; --groups.evenly_apart) {
+    move(source, destination);
+    source += groups.source_step;
+    destination += groups.destination_step;
+  }
+  move(from + groups.source_last, to + groups.destination_last);
+}
+
+/// One block of each group, so that what belongs to the block stays in registers.
+WITH_WIDE_SHUFFLES inline bool move_block(const Block& block,
+                                          const std::byte* from,
+                                          std::byte* to,
+                                          const Groups& groups) {
+  const auto constants = load(block.constants);
+  const auto& [near, far] = block.windows;
+  from += near.from;
+  to += block.to;
+  Loaded_window first{near};
+  if (block.used == 1) {
+    for_each(groups, from, to, [&] WITH_WIDE_SHUFFLES(const std::byte* source, std::byte* bytes) {
+      _mm512_storeu_si512(bytes, first.move(source, constants));
+    });
+    return first.right(near);
+  }
+  const auto distance = far.from - near.from;
+  Loaded_window second{far};
+  for_each(groups, from, to, [&] WITH_WIDE_SHUFFLES(const std::byte* source, std::byte* bytes) {
+    _mm512_storeu_si512(bytes, second.move(source + distance, first.move(source, constants)));
+  });
+  return first.right(near) && second.right(far);
+}
+
+WITH_WIDE_SHUFFLES bool move_groups(const Byte_moves& moves,
+                                    const std::byte* from,
+                                    std::byte* to,
+                                    const Groups& groups) {
+  for (const auto& block : moves.blocks) {
+    if (!move_block(block, from, to, groups)) return false;
+  }
+  return true;
+}
 
 /// One record after the other, up to the first that is refused: what is mostly there once.
 WITH_WIDE_SHUFFLES std::size_t move_one_by_one(const Byte_moves& moves,
@@ -71,9 +154,13 @@ WITH_WIDE_SHUFFLES std::size_t move_one_by_one(const Byte_moves& moves,
                                                std::size_t count) {
   for (std::size_t moved = 0; moved < count; ++moved) {
     for (const auto& block : moves.blocks) {
-      auto differences = _mm512_setzero_si512();
-      Loaded_block{block}.move(from + block.windows[0].from, to + block.to, differences);
-      if (any(differences)) return moved;
+      auto bytes = load(block.constants);
+      for (const auto& window : std::span{block.windows}.first(block.used)) {
+        Loaded_window loaded{window};
+        bytes = loaded.move(from + window.from, bytes);
+        if (!loaded.right(window)) return moved;
+      }
+      _mm512_storeu_si512(to + block.to, bytes);
     }
     from += moves.source_size;
     to += moves.destination_size;
@@ -81,62 +168,30 @@ WITH_WIDE_SHUFFLES std::size_t move_one_by_one(const Byte_moves& moves,
   return count;
 }
 
-/// Block by block, so that what belongs to a block stays in registers.
-WITH_WIDE_SHUFFLES bool move_together(const Byte_moves& moves,
-                                      const std::byte* from,
-                                      std::byte* to,
-                                      std::size_t count) {
-  const auto times = count / moves.at_once;
-  const bool rest = count % moves.at_once != 0;
-  const auto source_distance = moves.at_once * moves.source_size;
-  const auto destination_distance = moves.at_once * moves.destination_size;
-  auto differences = _mm512_setzero_si512();
-  for (const auto& block : moves.blocks) {
-    const Loaded_block loaded{block};
-    const auto* source = from + block.windows[0].from;
-    auto* destination = to + block.to;
-    for (auto left = times; left != 0; --left) {
-      loaded.move(source, destination, differences);
-      source += source_distance;
-      destination += destination_distance;
-    }
-    if (!rest) continue;
-    // Together with some that have been moved before.
-    const auto first = count - moves.at_once;
-    loaded.move(from + first * moves.source_size + block.windows[0].from,
-                to + first * moves.destination_size + block.to, differences);
-  }
-  return !any(differences);
-}
-
 }  // namespace
 
-bool can_move_bytes() {
+#endif
+
+bool moves_bytes_fast() {
+#if defined(__x86_64__)
   return has_wide_shuffles;
+#else
+  return false;
+#endif
 }
 
 std::size_t move_records(const Byte_moves& moves,
                          const std::byte* from,
                          std::byte* to,
                          std::size_t count) {
-  if (moves.at_once == 1) return move_one_by_one(moves, from, to, count);
-  return count >= moves.at_once && move_together(moves, from, to, count) ? count : 0;
-}
-
-}  // namespace binding
-
-#else
-
-namespace binding {
-
-bool can_move_bytes() {
-  return false;
-}
-
-std::size_t move_records(const Byte_moves&, const std::byte*, std::byte*, std::size_t) {
-  return 0;
-}
-
-}  // namespace binding
-
+  if (count < moves.at_once) return 0;
+#if defined(__x86_64__)
+  if (has_wide_shuffles) {
+    if (moves.at_once == 1) return move_one_by_one(moves, from, to, count);
+    return move_groups(moves, from, to, Groups{moves, count}) ? count : 0;
+  }
 #endif
+  return move_plainly(moves, from, to, count);
+}
+
+}  // namespace binding

@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <optional>
 #include <span>
 
 namespace binding {
@@ -31,21 +32,20 @@ using Block_bytes = std::array<std::uint8_t, block_size>;
 
 /// A block of the source: what its bytes must be, and where in the destination they go.
 struct alignas(block_size) Window {
-  static constexpr std::uint8_t elsewhere = 0x80;
-
   Block_bytes required{};
   Block_bytes mask{};
-  /// For each byte of a block of the destination its position in the window, or `elsewhere`.
+  /// For each byte of a block of the destination its position in the window,
   Block_bytes index{};
-  std::uint16_t from = 0;
+  std::uint64_t moved = 0;  ///< if its bit is set here.
+  std::size_t from = 0;
 };
 
 /// A block of the destination is put together out of one or two windows.
 struct alignas(block_size) Block {
   Block_bytes constants{};
   std::array<Window, 2> windows{};
-  std::uint16_t used = 0;  ///< of the windows
-  std::uint16_t to = 0;
+  std::size_t used = 0;  ///< of the windows
+  std::size_t to = 0;
 };
 
 /// How records are moved, so many at once.
@@ -56,8 +56,9 @@ struct Byte_moves {
   std::span<const Block> blocks;  ///< in the order in which they are moved
 };
 
-/// Whether this processor can: it needs AVX-512 VBMI. Others take records member by member.
-[[nodiscard]] bool can_move_bytes();
+/// Whether this processor moves records faster than their members one by one: it needs AVX-512
+/// VBMI.
+[[nodiscard]] bool moves_bytes_fast();
 
 /// Moves records that lie one behind the other, and returns how many. Stops at the first that has
 /// not the bytes it must have; those that are moved at once are all moved or none. What is in the
@@ -67,19 +68,24 @@ struct Byte_moves {
                                        std::byte* to,
                                        std::size_t count);
 
-/// The blocks for a source and a destination of these forms, neither shorter than a block. To be
-/// called by the compiler, which refuses forms for which they cannot be had.
+template <std::size_t Destination_size>
+using Blocks = std::array<Block, (Destination_size + block_size - 1) / block_size>;
+
+/// The blocks for a source and a destination of these forms. None when one of them is shorter than
+/// a block, or what goes into one block lies too far apart.
 template <std::size_t Source_size, std::size_t Destination_size>
-constexpr auto planned_blocks(const std::array<Required_byte, Source_size>& required,
-                              const std::array<Moved_byte, Destination_size>& moved) {
-  std::array<Block, (Destination_size + block_size - 1) / block_size> blocks;
+constexpr std::optional<Blocks<Destination_size>> planned_blocks(
+    const std::array<Required_byte, Source_size>& required,
+    const std::array<Moved_byte, Destination_size>& moved) {
+  if (std::min(Source_size, Destination_size) < block_size) return std::nullopt;
+  Blocks<Destination_size> blocks;
   std::size_t checked = 0;  // so many bytes of the source are looked at by earlier windows
   std::size_t next = 0;
   for (auto& block : blocks) {
     // The last block overlaps the one before it, so that nothing is touched outside.
     const auto to = std::min(next, Destination_size - block_size);
     next += block_size;
-    block.to = static_cast<std::uint16_t>(to);
+    block.to = to;
     std::array<bool, block_size> done{};
     for (std::size_t i = 0; i < block_size; ++i) {
       done[i] = moved[to + i].from == Moved_byte::constant;
@@ -91,14 +97,14 @@ constexpr auto planned_blocks(const std::array<Required_byte, Source_size>& requ
       for (std::size_t i = 0; i < block_size; ++i) {
         if (!done[i]) from = std::min(from, static_cast<std::size_t>(moved[to + i].from));
       }
-      // Out of range where two windows are not enough.
+      if (block.used == block.windows.size()) return std::nullopt;
       auto& window = block.windows[block.used++];
-      window.from = static_cast<std::uint16_t>(from);
+      window.from = from;
       for (std::size_t i = 0; i < block_size; ++i) {
-        window.index[i] = window.elsewhere;
         const auto source = static_cast<std::size_t>(moved[to + i].from);
         if (!done[i] && source < from + block_size) {
           window.index[i] = static_cast<std::uint8_t>(source - from);
+          window.moved |= std::uint64_t{1} << i;
           done[i] = true;
         }
         if (from + i < checked) continue;
@@ -108,7 +114,7 @@ constexpr auto planned_blocks(const std::array<Required_byte, Source_size>& requ
       checked = std::max(checked, from + block_size);
     } while (!std::ranges::all_of(done, std::identity{}));
   }
-  if (checked < Source_size) throw "bytes of the source that no window looks at";
+  if (checked < Source_size) return std::nullopt;
   return blocks;
 }
 

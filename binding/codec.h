@@ -155,13 +155,8 @@ struct Codec<std::vector<T>> {
                           std::byte* to,
                           const Serialization_settings& settings) {
     if (settings.array_length_field_size == 0) throw_vector_without_length_field();
-    std::size_t next = 0;
-    if constexpr (detail::has_fixed_form<T>) {
-      next = detail::write_full_records(std::span{values}, to, settings);
-      to += next * detail::Forms<T>::wire_size;
-    }
-    for (; next < values.size(); ++next)
-      to = write_nested(values[next], to, settings);
+    for (const auto& value : values)
+      to = write_nested(value, to, settings);
     return to;
   }
   static void read(Cursor& cursor,
@@ -171,7 +166,7 @@ struct Codec<std::vector<T>> {
     // Elements that are there already are read into: they need neither be destroyed nor cleared
     // first.
     std::size_t count = 0;
-    if constexpr (detail::has_fixed_form<T>) {
+    if constexpr (detail::moves_in_blocks<T>) {
       const auto* const from = cursor.data() + cursor.position();
       count = detail::read_full_records({from, cursor.data() + end}, values, settings);
       cursor.skip(count * detail::Forms<T>::wire_size);
@@ -559,6 +554,21 @@ std::byte* write_at_top_level(const T& value,
   } else {
     return Codec<T>::write(value, to, settings);
   }
+}
+/// Only here is there room for full records, whatever is there of them.
+template <class Record>
+requires moves_in_blocks<Record> std::byte* write_at_top_level(
+    const std::vector<Record>& records, std::byte* to, const Serialization_settings& settings) {
+  const auto field = settings.array_length_field_size;
+  if (field == 0) throw_vector_without_length_field();
+  auto* const body = to + field;
+  const std::span all{records};
+  const auto moved = write_full_records(all, body, settings);
+  auto* end = body + moved * Forms<Record>::wire_size;
+  for (const auto& record : all.subspan(moved))
+    end = write_nested(record, end, settings);
+  store_length_field(to, field, static_cast<std::uint64_t>(end - body), settings);
+  return end;
 }
 
 }  // namespace detail

@@ -23,10 +23,10 @@
 namespace binding::detail {
 
 template <class Value>
-inline constexpr bool moves_as_bytes = std::is_same_v<Value, float> ||
-                                       std::is_same_v<Value, double> || std::is_enum_v<Value> ||
-                                       (std::is_integral_v<Value> &&
-                                        !std::is_same_v<Value, bool>);  // of a bool one bit counts
+inline constexpr bool moves_as_bytes =
+    (std::is_same_v<Value, float> || std::is_same_v<Value, double> || std::is_enum_v<Value> ||
+     (std::is_integral_v<Value> && !std::is_same_v<Value, bool>)) &&  // of a bool one bit counts
+    sizeof(boost::optional<Value>) == alignof(Value) + sizeof(Value);
 
 template <class Record>
 inline constexpr bool has_fixed_form = false;
@@ -123,12 +123,20 @@ inline constexpr auto blocks_to_wire = planned_blocks(
     repeated<records_at_once<Record>>(Forms<Record>{}.required_in_memory),
     repeated<records_at_once<Record>>(Forms<Record>{}.moved_to_wire, Forms<Record>::memory_size));
 
+/// Whether lists of such records are moved in blocks: very short ones are not.
+template <class Record>
+inline constexpr bool moves_in_blocks = false;
+template <class Record>
+requires has_fixed_form<Record>
+inline constexpr bool moves_in_blocks<Record> =
+    blocks_to_memory<Record>.has_value() && blocks_to_wire<Record>.has_value();
+
 template <class Record>
 inline constexpr Byte_moves moves_to_memory{Forms<Record>::wire_size, Forms<Record>::memory_size,
-                                            records_at_once<Record>, blocks_to_memory<Record>};
+                                            records_at_once<Record>, *blocks_to_memory<Record>};
 template <class Record>
 inline constexpr Byte_moves moves_to_wire{Forms<Record>::memory_size, Forms<Record>::wire_size,
-                                          records_at_once<Record>, blocks_to_wire<Record>};
+                                          records_at_once<Record>, *blocks_to_wire<Record>};
 
 /// Whether records in memory have the assumed form: values keep their members, and a record without
 /// one of its members is not taken for a full one.
@@ -180,13 +188,14 @@ bool moves_are_right() {
 
 template <class Record>
 [[nodiscard]] bool moves_full_records(const Serialization_settings& settings) {
-  static const bool right = can_move_bytes() && moves_are_right<Record>();
+  static const bool right = moves_bytes_fast() && moves_are_right<Record>();
   return right && settings.structure_length_field_size == Forms<Record>::length_field &&
          settings.byte_order == Byte_order::big_endian;
 }
 
-/// Appends records, each behind its length field, to `to`, which has room for all of them, and
-/// returns how many it could append: it stops at, or before, the first that is not full.
+/// Appends records, each behind its length field, to `to`, and returns how many it could append: it
+/// stops at, or before, the first that is not full. `to` has room for as many full records, also
+/// when these are not: blocks are written whole.
 template <class Record>
 [[nodiscard]] std::size_t write_full_records(std::span<const Record> records,
                                              std::byte* to,

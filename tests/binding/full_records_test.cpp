@@ -8,8 +8,37 @@
 #include "clients/TimeRecords.h"
 #include "posService/PositioningRecords.h"
 
+namespace test_lists {
+
+struct Outer {
+  boost::optional<std::vector<lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct>> list;
+};
+template <class First, class Second>
+struct Short {
+  boost::optional<First> first;
+  boost::optional<Second> second;
+  bool operator==(const Short&) const = default;
+};
+
+}  // namespace test_lists
+
+template <>
+struct binding::Description<test_lists::Outer> {
+  static constexpr std::string_view name = "Outer";
+  static constexpr auto entries = std::tuple{member(1, "list", &test_lists::Outer::list)};
+};
+template <class First, class Second>
+struct binding::Description<test_lists::Short<First, Second>> {
+  using Record = test_lists::Short<First, Second>;
+  static constexpr std::string_view name = "Short";
+  static constexpr auto entries =
+      std::tuple{member(1, "first", &Record::first), member(2, "second", &Record::second)};
+};
+
 namespace {
 
+using test_lists::Outer;
+using test_lists::Short;
 namespace gnss = lumo::services::gnss::datatypes;
 namespace positioning = lumo::services::positioning::datatypes;
 
@@ -28,10 +57,6 @@ class Exact {
 template <class Record>
 class Full_records : public testing::Test {
  protected:
-  void SetUp() override {
-    if (!binding::can_move_bytes()) GTEST_SKIP() << "this processor moves no bytes";
-  }
-
   static constexpr auto memory_size = sizeof(Record);
   static constexpr auto wire_size = binding::detail::Forms<Record>::wire_size;
 
@@ -134,6 +159,40 @@ TYPED_TEST(Full_records, are_told_from_those_with_any_other_tag_or_length) {
   EXPECT_EQ(forms.required_on_wire[0].mask, 0xFF);
   EXPECT_EQ(forms.required_on_wire[4].mask, 0x7F);
   EXPECT_EQ(forms.required_on_wire[5].mask, 0xFF);
+}
+
+TEST(Lists_of_records, touch_nothing_behind_what_they_need_as_a_member) {
+  Outer outer;
+  outer.list.emplace(8);
+  binding::Buffer scratch(4096, std::byte{0xEE});
+  const auto size = binding::encode_into(outer, scratch).size();
+  EXPECT_EQ(size, 2 + 4 + 8 * 4);
+  const auto behind = std::span{scratch}.subspan(size + binding::write_slack);
+  EXPECT_TRUE(std::ranges::all_of(behind, [](auto byte) { return byte == std::byte{0xEE}; }));
+}
+
+template <class Values>
+class Short_records : public testing::Test {};
+using Shorts = testing::Types<Short<std::uint8_t, std::uint8_t>,
+                              Short<std::uint8_t, std::uint16_t>,
+                              Short<std::uint16_t, std::uint16_t>,
+                              Short<std::uint8_t, double>>;
+TYPED_TEST_SUITE(Short_records, Shorts);
+
+TYPED_TEST(Short_records, travel_in_lists_of_any_length) {
+  for (std::size_t count = 0; count < 20; ++count) {
+    std::vector<TypeParam> records(count);
+    for (auto& record : records) {
+      record.first = static_cast<std::uint8_t>(count);
+      record.second = 7;
+    }
+    binding::Buffer payload;
+    binding::encode(records, payload);
+    std::vector<TypeParam> back;
+    binding::Cursor cursor{payload};
+    binding::decode(cursor, back);
+    EXPECT_EQ(back, records);
+  }
 }
 
 }  // namespace
