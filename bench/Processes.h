@@ -50,49 +50,57 @@ inline void run_on(std::size_t processor) {
 /// The calling thread, and the sockets, threads and processes that it makes, are on the bench.
 class Cable {
  public:
-  /// Throws when this process may not make namespaces.
-  Cable() : home_{here()} {
-    bench_ = made();
-    vehicle_ = made();
-    configure(
-        {"link set lo up",
-         "link add vehicle type veth peer name bench netns /proc/self/fd/" + std::to_string(bench_),
-         "address add 10.66.0.10/24 dev vehicle", "address add 10.66.0.11/24 dev vehicle",
-         "address add 10.66.0.40/24 dev vehicle", "address add 10.66.0.41/24 dev vehicle",
-         "link set vehicle up"});
-    setns(bench_, CLONE_NEWNET);
+  /// Throws, in the network where it was called, when this process may not make namespaces.
+  Cable() {
+    bench_.make();
+    vehicle_.make();
+    configure({"link set lo up",
+               "link add vehicle type veth peer name bench netns /proc/" +
+                   std::to_string(getpid()) + "/fd/" + std::to_string(bench_.descriptor),
+               "address add 10.66.0.10/24 dev vehicle", "address add 10.66.0.11/24 dev vehicle",
+               "address add 10.66.0.40/24 dev vehicle", "address add 10.66.0.41/24 dev vehicle",
+               "link set vehicle up"});
+    setns(bench_.descriptor, CLONE_NEWNET);
     configure({"link set lo up", "address add 10.66.0.20/24 dev bench",
                "address add 10.66.0.21/24 dev bench", "link set bench up"});
   }
-  ~Cable() {
-    setns(home_, CLONE_NEWNET);
-    for (const int space : {home_, bench_, vehicle_})
-      ::close(space);
-  }
-  Cable(const Cable&) = delete;
-  Cable& operator=(const Cable&) = delete;
-
   /// As `loopback`, with the application and the relay on the other side; `number` is 0 or 1.
   static Addresses addresses(int number) { return {"10.66.0.", 24, number}; }
   /// The namespace of the application and the relay.
-  [[nodiscard]] int vehicle() const { return vehicle_; }
+  [[nodiscard]] int vehicle() const { return vehicle_.descriptor; }
 
  private:
-  static int here() { return ::open("/proc/thread-self/ns/net", O_RDONLY); }
-  static int made() {
-    if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error{std::strerror(errno)};
-    return here();
-  }
+  struct Namespace {
+    int descriptor = -1;
+
+    Namespace() = default;
+    ~Namespace() { ::close(descriptor); }
+    Namespace(const Namespace&) = delete;
+    Namespace& operator=(const Namespace&) = delete;
+
+    void open() { descriptor = ::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC); }
+    /// The calling thread is in it from then on.
+    void make() {
+      if (unshare(CLONE_NEWNET) != 0) throw std::runtime_error{std::strerror(errno)};
+      open();
+    }
+  };
+  struct Home : Namespace {
+    Home() { open(); }
+    ~Home() { setns(descriptor, CLONE_NEWNET); }
+  };
+
   static void configure(const std::vector<std::string>& commands) {
     std::FILE* ip = popen("ip -batch -", "w");
+    if (ip == nullptr) throw std::runtime_error{std::strerror(errno)};
     for (const auto& command : commands)
       std::fprintf(ip, "%s\n", command.c_str());
     if (pclose(ip) != 0) throw std::runtime_error{"ip could not set up the network"};
   }
 
-  const int home_;
-  int bench_ = -1;
-  int vehicle_ = -1;
+  Home home_;
+  Namespace bench_;
+  Namespace vehicle_;
 };
 
 /// Where a child runs, unless where its parent does.
@@ -109,6 +117,7 @@ class Child {
                  const Environment& environment = {},
                  const Place& place = {})
       : pid_{fork()} {
+    if (pid_ < 0) throw std::runtime_error{std::string{"fork: "} + std::strerror(errno)};
     if (pid_ != 0) return;
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (place.network && setns(*place.network, CLONE_NEWNET) != 0) _exit(126);
