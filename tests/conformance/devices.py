@@ -2,7 +2,6 @@
 
 import json
 import os
-import pathlib
 import signal
 import subprocess
 
@@ -95,24 +94,15 @@ class Device:
     ports = {}
     ping = ()
 
-    def __init__(self, network, folder, address, manifest, *command, **environment):
-        self.network, self.address, self.manifest = network, address, manifest
+    def __init__(self, network, desk, address, manifest, program, **environment):
+        self.network, self.address = network, address
         network.under_test.add(address)
         learn_versions(manifest)
-        folder = pathlib.Path(folder)
-        number = len(list(folder.glob("manifest-*.json")))
-        manifest_path = folder / f"manifest-{number}.json"
+        number = len(desk.running)
+        manifest_path = desk.path / f"manifest-{number}.json"
         manifest_path.write_text(json.dumps(manifest), encoding="utf-8")
-        self.log = folder / f"log-{number}"
-        with open(self.log, "wb") as errors:
-            self.process = subprocess.Popen(
-                command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=errors, env={
-                    **os.environ,
-                    "POS_MANIFEST": str(manifest_path),
-                    "POS_STORAGE_DIR": str(folder / f"storage-{number}"),
-                    "POS_STATE_BUS": "none",
-                    "DLT_PIPE_DIR": str(folder),  # no daemon there: the log goes to standard error
-                    **environment})
+        self.process = desk.start(program, stdin=subprocess.PIPE, environment={
+            "POS_MANIFEST": str(manifest_path), "POS_STORAGE_DIR": str(desk.path / f"storage-{number}"), **environment})
         self.lines = []
         self.done = 0
         self._rest = b""
@@ -137,13 +127,13 @@ class Device:
             self.network.unwatch(self.process.stdout)
         self._watched = False
 
+    def tell_to_end(self):
+        self.process.send_signal(signal.SIGTERM)
+
     def stop(self):
         """In good order; receives meanwhile what it says."""
-        self.process.send_signal(signal.SIGTERM)
-        self._ended()
-
-    def _ended(self):
-        self.network.wait(lambda: self.process.poll() is not None, f"end of {self.log}")
+        self.tell_to_end()
+        self.network.wait(lambda: self.process.poll() is not None, "end of the process")
         self.network.pump(0)
 
     def kill(self):
@@ -154,23 +144,23 @@ class Device:
         self.process.stdin.close()
 
     def __str__(self):
-        return self.log.read_text(errors="replace")[-3000:]
+        return self.process.log.read_text(errors="replace")[-3000:]
 
 
 class Host(Device):
-    """`folder` is where its manifest and log go; `options` are those of host_manifest()."""
+    """`options` are those of host_manifest()."""
 
     ports = {VEHICLE: VEHICLE_PORT, STREAM: STREAM_PORT, GROUP: GROUP_PORT, CLOSED: CLOSED_PORT}
     ping = (VEHICLE, ECHO)
 
-    def __init__(self, network, folder, **options):
-        super().__init__(network, folder, network.address(1, 2), host_manifest(network, **options), HOST)
+    def __init__(self, network, desk, **options):
+        super().__init__(network, desk, network.address(1, 2), host_manifest(network, **options), HOST)
         self.said("ready")
 
     def do(self, *commands):
         """Returns when the host has done it: what it sends by itself has been sent."""
         wanted = self.done + len(commands)
-        self.process.stdin.write("".join(f"{command}\n" for command in commands).encode())
+        self.process.stdin.write("".join(f"{command}\n" for command in commands))
         self.process.stdin.flush()
         self.network.wait(lambda: self.done >= wanted, f"end of {commands!r}")
 
@@ -185,22 +175,21 @@ class Host(Device):
         self.do(f"count {counter}")
         return int(self.said(f"count {counter}", since).split()[-1])
 
-    def stop(self):
+    def tell_to_end(self):
         self.process.stdin.close()
-        self._ended()
 
 
 class Application(Device):
     ports = {POSITIONING: POSITIONING_PORT, INPUTS: IDENTIFIER_PORT, MONITOR: MONITOR_PORT}
     ping = (INPUTS, READ, NO_TEXTS)
 
-    def __init__(self, network, folder):
+    def __init__(self, network, desk):
         manifest = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
         manifest["nodes"]["POS"] |= {"prefixLength": 16}
         manifest["serviceDiscovery"] = {
             "multicastAddress": network.group, "port": network.discovery_port, **TIMING}
         address = network.address(1, 1)
-        super().__init__(network, folder, address, manifest, APPLICATION, POS_NODE_ADDRESS=address,
+        super().__init__(network, desk, address, manifest, APPLICATION, POS_NODE_ADDRESS=address,
                          POS_LOG_LEVEL="info", POS_INITDATA_DIR=str(SOURCE / "config"))
         self.provided = {(int(service["id"], 16), int(instance["id"], 16))
                          for service in manifest["services"].values()

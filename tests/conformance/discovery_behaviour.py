@@ -78,11 +78,7 @@ class DiscoveryBehaviour(suite.Group):
     def test_one_request(self):
         host, peer, server = self.remote("subscribe Remote 1 value", "subscribe Remote 1 tick")
         peer.entry(SUBSCRIBE, REMOTE, group=TICK_GROUP)
-        since = len(peer.unicast.discovery)
-        self.offer(peer, server)
-        self.network.wait(lambda: len(peer.unicast.discovery) > since, "subscriptions")
-        _, sd = peer.unicast.discovery[since]
-        self.assertEqual({one.eventgroup_id for one in sd.entry_array}, {TICK_GROUP, VALUE_GROUP})
+        self.assertEqual({one.group for one in self.renewed(peer, server)}, {TICK_GROUP, VALUE_GROUP})
 
     @in_time
     def test_no_repetitions(self):
@@ -198,9 +194,9 @@ class DiscoveryBehaviour(suite.Group):
     def test_renewals(self):
         host, peer, server = self.remote()
         self.active(host, peer, "tick")
-        for number in (2, 3, 4):
-            self.offer(peer, server)
-            peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=number))
+        for _ in range(3):
+            renewal, = self.renewed(peer, server)
+            peer.acknowledge(renewal)
         self.network.quiet(0.3)
         self.assertEqual(len(peer.entries(SUBSCRIBE, REMOTE)), 4)
         host.do("unsubscribe Remote 1 tick")
@@ -215,34 +211,25 @@ class DiscoveryBehaviour(suite.Group):
         self.assertTrue(entry.initial_data)
         self.notify(server, entry, b"\x01")
         host.said("notification Remote 1 value 01")
-        for number in (2, 3):
-            self.offer(peer, server)
-            renewal = peer.entry(SUBSCRIBE, REMOTE, count=number)
+        for _ in range(2):
+            renewal, = self.renewed(peer, server)
             self.assertFalse(renewal.initial_data)
             peer.acknowledge(renewal)
 
     def test_missing_acknowledgement(self):
-        for flags, expected in ((REBOOT | UNICAST, [(0, 0), (2, 8)]), (REBOOT | UNICAST | EXPLICIT, [(2, 8)])):
+        for flags, expected in ((REBOOT | UNICAST, [(0, False), (2, True)]),
+                                (REBOOT | UNICAST | EXPLICIT, [(2, True)])):
             host, peer, server = self.remote("subscribe Remote 1 value", flags=flags)
             peer.entry(SUBSCRIBE, REMOTE)
-            for _ in range(2):
-                known = len(peer.unicast.discovery)
-                self.offer(peer, server)
-                self.network.wait(lambda: len(peer.unicast.discovery) > known, "subscription")
-            _, sd = peer.unicast.discovery[-1]
-            self.assertEqual([(one.ttl, one.res & 8) for one in sd.entry_array], expected)
-            self.assertEqual({one.eventgroup_id for one in sd.entry_array}, {VALUE_GROUP})
+            self.renewed(peer, server)
+            self.assertEqual([(one.ttl, one.initial_data) for one in self.renewed(peer, server)], expected)
             self.doCleanups()
 
     def test_unwatched(self):
         host, peer, server = self.remote("subscribe Remote 1 value")
-        for number in (1, 2, 3):
-            peer.entry(SUBSCRIBE, REMOTE, count=number)
-            self.offer(peer, server, host)
-        peer.entry(SUBSCRIBE, REMOTE, count=4)
-        self.offer(peer, server)
-        peer.entry(SUBSCRIBE, REMOTE, count=5)
-        self.assertEqual(peer.entries(SUBSCRIBE, REMOTE, ttl=0), [])
+        peer.entry(SUBSCRIBE, REMOTE)
+        for to in (host, host, host, None):
+            self.assertEqual([one.ttl for one in self.renewed(peer, server, to)], [2])
 
     def test_connection_stays(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", service="RemoteStream")
@@ -256,30 +243,25 @@ class DiscoveryBehaviour(suite.Group):
     def test_missing_initial_value(self):
         host, peer, server = self.remote()
         entry = self.active(host, peer)
-        self.offer(peer, server)
-        again = peer.entry(SUBSCRIBE, REMOTE, count=3)
-        _, sd = peer.unicast.discovery[-1]
-        self.assertEqual([one.ttl for one in sd.entry_array], [0, 2])
-        self.assertTrue(again.initial_data)
+        stop, again = self.renewed(peer, server)
+        self.assertEqual((stop.ttl, again.ttl, again.initial_data), (0, 2, True))
         peer.acknowledge(again)
         self.notify(server, entry, b"\x01")
         host.said("notification Remote 1 value 01")
-        self.offer(peer, server)
-        peer.entry(SUBSCRIBE, REMOTE, count=4)
-        self.assertEqual(len(peer.entries(SUBSCRIBE, REMOTE, ttl=0)), 1)
+        self.assertEqual([one.ttl for one in self.renewed(peer, server)], [2])
 
     def test_refused(self):
         host, peer, server = self.remote()
         self.notify(server, self.active(host, peer), b"\x01")
         host.said("notification")
-        self.offer(peer, server)
-        peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=2), ttl=0)
+        renewal, = self.renewed(peer, server)
+        peer.acknowledge(renewal, ttl=0)
         host.said("state Remote 1 value off")
-        self.offer(peer, server)
-        entry = peer.entry(SUBSCRIBE, REMOTE, count=3)
-        self.assertTrue(entry.initial_data)
-        peer.acknowledge(entry)
-        self.network.wait(lambda: host.lines.count("state Remote 1 value on") == 2, "state on")
+        since = len(host.lines)
+        again, = self.renewed(peer, server)
+        self.assertTrue(again.initial_data)
+        peer.acknowledge(again)
+        host.said("state Remote 1 value on", since)
 
     def test_refused_stream(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", service="RemoteStream")
@@ -314,8 +296,7 @@ class DiscoveryBehaviour(suite.Group):
         unexpected = host.count("droppedUnexpected")
         self.notify(server, entry, b"\x02")
         self.network.wait(lambda: host.count("droppedUnexpected") > unexpected, "drop")
-        self.offer(peer, server)
-        again = peer.entry(SUBSCRIBE, REMOTE, count=2)
+        again, = self.renewed(peer, server)
         self.assertTrue(again.initial_data)
         peer.acknowledge(again)
         self.notify(server, entry, b"\x03")
@@ -520,12 +501,11 @@ class DiscoveryBehaviour(suite.Group):
             host, peer, server = self.remote()
             self.notify(server, self.active(host, peer), b"\x01")
             host.said("notification")
-            self.offer(peer, server, host)
-            peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE, count=2))
+            renewal, = self.renewed(peer, server, host)
+            peer.acknowledge(renewal)
             since = len(host.lines)
             peer.restart()
-            self.offer(peer, server, host if channel == "unicast" else None)
-            again = peer.entry(SUBSCRIBE, REMOTE, count=3)
+            again, = self.renewed(peer, server, host if channel == "unicast" else None)
             self.assertEqual((again.initial_data, again.ttl), (True, 2), channel)
             host.said("state Remote 1 value off", since)
             peer.acknowledge(again)
@@ -574,7 +554,7 @@ class DiscoveryBehaviour(suite.Group):
 
     def test_shutdown(self):
         peer = self.peer()
-        application = Application(self.network, self.folder.name)
+        application = Application(self.network, self.desk)
         self.addCleanup(application.kill)
         application.running(peer)
         peer.tell(offer(GNSS), [endpoint(peer.caller())])
@@ -640,26 +620,16 @@ class DiscoveryBehaviour(suite.Group):
 
     def test_link_of_client(self):
         with self.machine() as link:
-            host, peer, server = self.remote()
+            host, peer, server = self.remote("offer first")
             self.active(host, peer)
             peer.entry(FIND, REMOTE)
             link("down")
             start = time.time()
             link("up")
-            peer.entry(FIND, REMOTE, after=start, seconds=1.5)
-            self.offer(peer, server)
-            self.assertTrue(peer.entry(SUBSCRIBE, REMOTE, after=start).initial_data)
-
-    def test_healing(self):
-        with self.machine() as link:
-            host, peer, server = self.remote("offer first", cyclicOfferDelayMs=200)
-            self.active(host, peer)
-            link("down")
-            link("up")
-            start = time.time()
-            peer.entry(OFFER, VEHICLE, after=start)
-            self.offer(peer, server)
-            entry = peer.entry(SUBSCRIBE, REMOTE, after=start)
+            for type, service in ((FIND, REMOTE), (OFFER, VEHICLE)):
+                peer.entry(type, service, after=start, seconds=1.5)
+            entry, = self.renewed(peer, server)
+            self.assertTrue(entry.initial_data)
             peer.acknowledge(entry)
             self.notify(server, entry, b"\x42")
             host.said("notification Remote 1 value 42")

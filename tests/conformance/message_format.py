@@ -114,11 +114,8 @@ class MessageFormat(suite.Group):
 
     def test_instance_id(self):
         peer = self.peer()
-        peer.entry(OFFER, MONITOR)
-        peer.tell(find(MONITOR), to=self.pos)
         deployed = {instance for service, instance in self.pos.provided if service == MONITOR}
-        self.network.wait(lambda: {one.instance for one in peer.entries(OFFER, MONITOR)} == deployed,
-                          "offers of all monitors")
+        self.assertEqual({one.instance for one in peer.ask(self.pos, find(MONITOR))}, deployed)
         server = peer.socket(SERVER_PORT)
         for instance in (0, 0xFFFF, 1):
             peer.tell(offer(GNSS, instance), [endpoint(server)])

@@ -2,17 +2,16 @@
 requirements it looks at."""
 
 import functools
-import pathlib
 import subprocess
 import sys
-import tempfile
 import unittest
 
 import devices
 import network as net
+from desk import SOURCE, Desk
 from devices import ECHO, REMOTE, REMOTE_GROUP, REMOTE_STREAM, SERVER_PORT, VALUE, VALUE_GROUP, VEHICLE
 
-PAGE = devices.SOURCE / "docs/conformance.md"
+PAGE = SOURCE / "docs/conformance.md"
 # What tshark finds wrong with a message.
 COMPLAINTS = ("_ws.malformed", "someip.incomplete_headers", "someip.unknown_protocol_version",
               "someip.tp.fragment.error", "someipsd.message_truncated",
@@ -49,13 +48,12 @@ class Group(unittest.TestCase):
 
     @classmethod
     def setUpClass(cls):
-        cls.folder = tempfile.TemporaryDirectory(prefix="pos-conformance-")
-        cls.addClassCleanup(cls.folder.cleanup)
         cls.network = net.Network(cls.base)
         cls.addClassCleanup(cls.network.close)
+        cls.desk = cls.enterClassContext(Desk(cls.network.number))
         if cls.application:
             peer = cls.network.peer()
-            cls.pos = devices.Application(cls.network, cls.folder.name)
+            cls.pos = devices.Application(cls.network, cls.desk)
             cls.addClassCleanup(cls.pos.kill)
             cls.pos.running(peer)
             peer.close()
@@ -69,7 +67,7 @@ class Group(unittest.TestCase):
         return made
 
     def host(self, *commands, **options):
-        made = devices.Host(self.network, self.folder.name, **options)
+        made = devices.Host(self.network, self.desk, **options)
         self.addCleanup(made.kill)
         made.do(*commands)
         return made
@@ -116,6 +114,13 @@ class Group(unittest.TestCase):
         """The peer offers, or stops to offer, what remote() has made."""
         peer.tell(net.offer(REMOTE_IDS[server.service], **fields), [net.endpoint(server)], to)
 
+    def renewed(self, peer, server, to=None):
+        """Offers again; returns the entries of the message that the host subscribes with."""
+        known = len(peer.unicast.entries)
+        self.offer(peer, server, to)
+        self.network.wait(lambda: len(peer.unicast.entries) > known, "subscription")
+        return peer.unicast.entries[known:]
+
     def active(self, host, peer, element="value", service="Remote"):
         """The host has subscribed and has been acknowledged; returns the entry."""
         host.do(f"subscribe {service} 1 {element}")
@@ -138,7 +143,7 @@ class Group(unittest.TestCase):
 
     def test_dissection(self):
         """Last: another program looks at everything that a device sent in this group."""
-        capture = pathlib.Path(self.folder.name) / "capture.pcap"
+        capture = self.desk.path / "capture.pcap"
         self.network.write_capture(capture)
         ports = [str(self.network.discovery_port), "30501-30542", "30701-30799", "49201"]
         decode = [word for port in ports for layer in ("udp", "tcp")

@@ -279,10 +279,13 @@ class Wire(suite.Group):
         self.network.pump(0)
         self.assertEqual([(*one.source, TCP_PROTOCOL) for one in server.connections], entry.endpoints)
 
+    @suite.in_time
     def test_lost_connection(self):
         host, peer, server = self.remote_stream("call RemoteStream 1 echo 01")
+        start = time.time()
         self.requests(server, 1).close()
         host.said("response 0x06 -")
+        self.assertLess(time.time() - start, 0.5, "the time of a call is 1 s")
 
     def test_reconnection(self):
         host, peer, server = self.remote_stream()
@@ -381,11 +384,10 @@ class Wire(suite.Group):
         self.assertEqual(peer.entry(OFFER, INPUTS).endpoints, peer.entry(OFFER, SYSTEM_STATUS).endpoints)
 
     def test_monitors(self):
-        peer = self.peer()
-        peer.tell(find(MONITOR), to=self.pos)
+        answers = self.peer().ask(self.pos, find(MONITOR))
         monitors = {instance for service, instance in self.pos.provided if service == MONITOR}
-        self.network.wait(lambda: {one.instance for one in peer.entries(OFFER, MONITOR)} == monitors, "all monitors")
-        self.assertEqual(len({one.endpoints[0] for one in peer.entries(OFFER, MONITOR)}), len(monitors))
+        self.assertEqual({one.instance for one in answers}, monitors)
+        self.assertEqual(len({one.endpoints[0] for one in answers}), len(monitors))
 
 
 if __name__ == "__main__":

@@ -3,13 +3,11 @@ receives for all of them. Whatever the device under test sends to a peer is kept
 a capture."""
 
 import contextlib
-import errno
 import os
 import selectors
 import socket
 import struct
 import tempfile
-import threading
 import time
 
 os.environ.setdefault("XDG_CONFIG_HOME", tempfile.gettempdir())  # scapy leaves a folder there
@@ -18,6 +16,9 @@ from scapy.contrib.automotive.someip import SD, SOMEIP
 from scapy.contrib.automotive.someip import SDEntry_EventGroup, SDEntry_Service
 from scapy.contrib.automotive.someip import SDOption_IP4_EndPoint, SDOption_IP4_Multicast
 from scapy.layers.inet import IP, TCP, UDP
+from scapy.utils import wrpcap
+
+from desk import while_waiting
 
 PATIENCE = float(os.environ.get("POS_PATIENCE", 10))  # seconds; for what must come
 SO_TIMESTAMPNS = 35
@@ -106,12 +107,14 @@ def messages_of(datagram):
 class Network:
     """`base` chooses the addresses: 127.N.x.y with the first free N from there on, so that the same
     test may run twice at a time on one machine. A `desk` has an application and addresses of its own;
-    what comes there is received in the background."""
+    what comes there is received while the test waits."""
 
     def __init__(self, base=None, desk=None):
-        self.lock = threading.RLock()  # guards what is received, and the sessions of what is sent
-        self._background = None
         self.under_test = set()  # addresses of devices under test
+        self.seen = []  # messages of devices under test, in the order of their arrival
+        self.raw = []  # (time, source, at, bytes) of everything they sent
+        self.selector = selectors.DefaultSelector()
+        self._next_peer = 0
         if desk is None:
             self.number, self._claim = self._reserve(base)
             self.discovery_port, self.group = 30690, f"239.194.{self.number}.77"
@@ -120,19 +123,7 @@ class Network:
             self.discovery_port, self.group = discovery["port"], discovery["multicastAddress"]
             learn_versions(desk.manifest)
             self.under_test.add(desk.manifest["nodes"]["POS"]["address"])
-            self._background = threading.Thread(target=self._receive, daemon=True)
-        self.seen = []  # messages of devices under test, in the order of their arrival
-        self.raw = []  # (time, source, at, bytes) of everything they sent
-        self.selector = selectors.DefaultSelector()
-        self._next_peer = 0
-        if self._background:
-            self._background.start()
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.close()
+            while_waiting.append(self.pump)
 
     @staticmethod
     def _reserve(base):
@@ -141,45 +132,34 @@ class Network:
             try:
                 claim.bind((f"127.{number}.255.1", 30690))
                 return number, claim
-            except OSError as error:
+            except OSError:
                 claim.close()
-                if error.errno != errno.EADDRINUSE:
-                    raise
         raise RuntimeError("no network is free")
 
     def address(self, host, net=0):
         return f"127.{self.number}.{net}.{host}"
 
     def close(self):
-        if self._background:
-            background, self._background = self._background, None
-            background.join()
+        if self.pump in while_waiting:
+            while_waiting.remove(self.pump)
         else:
             self._claim.close()
         for key in list(self.selector.get_map().values()):
             key.fileobj.close()
         self.selector.close()
 
-    def _receive(self):
-        while self._background:
-            self.pump(0)
-            time.sleep(0.002)
-
     # Receiving
 
     def watch(self, source, on_readable):
-        with self.lock:
-            self.selector.register(source, selectors.EVENT_READ, on_readable)
+        self.selector.register(source, selectors.EVENT_READ, on_readable)
 
     def unwatch(self, source):
-        with self.lock:
-            self.selector.unregister(source)
+        self.selector.unregister(source)
 
     def pump(self, seconds):
         """Receives what is there, waiting at most so long for the first of it."""
-        with self.lock:
-            for key, _ in self.selector.select(max(0, seconds)):
-                key.data()
+        for key, _ in self.selector.select(max(0, seconds)):
+            key.data()
 
     def wait(self, condition, what, seconds=PATIENCE):
         """The first result of `condition` that counts as true."""
@@ -227,20 +207,18 @@ class Network:
 
     def write_capture(self, path):
         """What the devices under test sent, one packet each."""
-        sequences = {}
-        with open(path, "wb") as file:
-            file.write(struct.pack("=IHHiIII", 0xA1B2C3D4, 2, 4, 0, 0, 1 << 18, 101))
-            for when, source, at, data in self.raw:
-                ip = IP(src=source[0], dst=at.destination[0])
-                ports = {"sport": source[1], "dport": at.destination[1]}
-                if isinstance(at, Stream):
-                    sequence = sequences.get(id(at), 1)
-                    sequences[id(at)] = sequence + len(data)
-                    packet = bytes(ip / TCP(**ports, flags="PA", ack=1, seq=sequence) / data)
-                else:
-                    packet = bytes(ip / UDP(**ports) / data)
-                file.write(struct.pack("=IIII", int(when), int(when % 1 * 1e6), len(packet),
-                                       len(packet)) + packet)
+        packets, sequences = [], {}
+        for when, source, at, data in self.raw:
+            ip = IP(src=source[0], dst=at.destination[0])
+            ports = {"sport": source[1], "dport": at.destination[1]}
+            if isinstance(at, Stream):
+                sequence = sequences.get(id(at), 1)
+                sequences[id(at)] = sequence + len(data)
+                packets.append(ip / TCP(**ports, flags="PA", ack=1, seq=sequence) / data)
+            else:
+                packets.append(ip / UDP(**ports) / data)
+            packets[-1].time = when
+        wrpcap(str(path), packets)
 
 
 class Channel:
@@ -504,12 +482,11 @@ class Peer:
         entries = entries if isinstance(entries, (list, tuple)) else [entries]
         fields.setdefault("flags", self.flags)
         address = getattr(to, "address", to)
-        with self.network.lock:
-            session = fields.pop("session", None)
-            if session is None:
-                session = self.sessions[address] = self.sessions.get(address, 0) % 0xFFFF + 1
-            self.unicast.send(discovery(entries, options, session=session, **fields),
-                              (address or self.network.group, self.network.discovery_port))
+        session = fields.pop("session", None)
+        if session is None:
+            session = self.sessions[address] = self.sessions.get(address, 0) % 0xFFFF + 1
+        self.unicast.send(discovery(entries, options, session=session, **fields),
+                          (address or self.network.group, self.network.discovery_port))
 
     def ask(self, to, entries, options=(), **fields):
         """Sends entries to a device and returns those of its answer, which is not delayed."""

@@ -468,10 +468,9 @@ class Source:
 
     def acknowledge(self):
         """Those that wait, and from now on each that comes."""
-        with self.peer.network.lock:
-            waiting, self.waiting = self.waiting, None
-            for entry in waiting:
-                self.answer(entry)
+        waiting, self.waiting = self.waiting, None
+        for entry in waiting:
+            self.answer(entry)
 
     def subscriber(self, name, field):
         """Where the application wants a field; waits for its subscription."""
@@ -614,7 +613,8 @@ def main():
         desk = stack.enter_context(Desk(NETWORK))
         log = Log(desk.path, DAEMON_PORT)
         stack.callback(log.end)
-        network = stack.enter_context(Network(desk=desk))
+        network = Network(desk=desk)
+        stack.callback(network.close)
         tester = Tester(desk, network)
         empty_storage(desk, log, network, tester)
         full_storage(desk, log, network)

@@ -129,7 +129,9 @@ def main():
             DBUS_SESSION_BUS_ADDRESS=bus.address, POS_STATE_BUS="session",
             POS_LOG_LEVEL="info,TRCE=verbose",
         )
-        scenario = Scenario(desk, stack.enter_context(Network(desk=desk)))
+        network = Network(desk=desk)
+        stack.callback(network.close)
+        scenario = Scenario(desk, network)
         application = desk.start(APPLICATION)
         scenario.peer.entry(ACKNOWLEDGE, scenario.monitor[0])
         gateway = desk.start(GATEWAY)
