@@ -1,7 +1,6 @@
 #include "app/ComponentClientWrapper.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <thread>

@@ -2,7 +2,6 @@
 #include "app/posApplication.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <signal.h>
 
 #include <cstdlib>

@@ -8,15 +8,6 @@
 
 namespace test_records {
 
-struct Inner {
-  std::uint8_t first = 0;
-  std::uint8_t second = 0;
-};
-struct Output {
-  std::array<std::uint8_t, 5> bytes{};
-  Inner inner;
-  std::uint16_t last = 0;
-};
 struct Message {
   boost::optional<std::string> text;
   boost::optional<std::uint16_t> number;
@@ -25,19 +16,6 @@ struct Message {
 
 }  // namespace test_records
 
-template <>
-struct binding::Description<test_records::Inner> {
-  static constexpr std::string_view name = "Inner";
-  static constexpr auto entries = std::tuple{plain("first", &test_records::Inner::first),
-                                             plain("second", &test_records::Inner::second)};
-};
-template <>
-struct binding::Description<test_records::Output> {
-  static constexpr std::string_view name = "Output";
-  static constexpr auto entries = std::tuple{plain("bytes", &test_records::Output::bytes),
-                                             plain("inner", &test_records::Output::inner),
-                                             plain("last", &test_records::Output::last)};
-};
 template <>
 struct binding::Description<test_records::Message> {
   static constexpr std::string_view name = "Message";
@@ -143,18 +121,6 @@ TEST(Tlv_members, accept_any_length_field_wire_type_for_each_other) {
   EXPECT_EQ(*message.text, "hi") << "the reserved bit does not count";
   EXPECT_EQ(*message.number, 0x1234);
   EXPECT_EQ(message.blob->at(0), 0xFF);
-}
-
-TEST(Plain_records, put_length_fields_before_nested_arrays_and_structures_only) {
-  const test_records::Output output{.bytes = {1, 2, 3, 4, 5}, .inner = {6, 7}, .last = 0x0809};
-  const auto bytes = hex("00000005 0102030405 00000002 0607 0809");
-  EXPECT_EQ(encoded(output), bytes);
-  EXPECT_EQ(decoded<test_records::Output>(bytes).inner.second, 7);
-  // A newer sender's longer inner structure is skipped, a shorter one is refused.
-  EXPECT_EQ(decoded<test_records::Output>(hex("00000005 0102030405 00000003 0607ff 0809")).last,
-            0x0809);
-  EXPECT_THAT([] { decoded<test_records::Output>(hex("00000005 0102030405 00000001 0607 0809")); },
-              testing::Throws<std::out_of_range>());
 }
 
 }  // namespace

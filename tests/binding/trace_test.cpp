@@ -101,7 +101,6 @@ TEST_F(Trace, records_are_built_at_an_enabled_level_and_empty_when_they_cannot_b
 
 TEST_F(Trace, a_malformed_payload_takes_nothing_that_came_before) {
   GNSSProxy proxy{played};
-  runtime_.acknowledges = false;
   proxy.positions.Subscribe(2);
   runtime_.notify_bytes("positions", empty_vector);
   runtime_.notify_bytes("positions", std::span{empty_vector}.first(3));

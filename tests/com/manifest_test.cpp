@@ -1,7 +1,6 @@
 #include "platform/linux/com/manifest.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>

@@ -1,7 +1,6 @@
 #include "persistency/Persistency.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <filesystem>
 #include <fstream>
@@ -42,6 +41,7 @@ TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {
 
 TEST_F(PersistencyTest, storing_can_be_forbidden_and_allowed_again) {
   Persistency persistency = store_.open();
+  EXPECT_TRUE(persistency.gateway().isStorageUsable());
   persistency.gateway().setValue("x", KvsType(std::uint32_t{7}));
   persistency.setStoringAllowed(false);
   persistency.remove("x");

@@ -31,11 +31,10 @@ class Fake_runtime::Consumer final : public Played_runtime::Consumer {
   void subscribe(std::string_view element,
                  tq::com::Notification_handler handler,
                  tq::com::Subscription_state_handler on_state) override {
-    if (runtime_.acknowledges) on_state(true);
+    on_state(true);
     auto& place = runtime_.notifications_[std::string{element}];
     if (place) throw std::logic_error{"subscribed while the connection before still is"};
     place = std::move(handler);
-    runtime_.states_.insert_or_assign(std::string{element}, std::move(on_state));
   }
   void unsubscribe(std::string_view element) override {
     runtime_.notifications_.erase(std::string{element});
@@ -127,7 +126,6 @@ std::vector<Fake_runtime::Bytes> Fake_runtime::sent(std::string_view specifier) 
 }
 
 std::unique_ptr<tq::com::Consumer> Fake_runtime::connect(const tq::com::Found_instance&) {
-  ++connections_;
   return std::make_unique<Consumer>(*this);
 }
 std::unique_ptr<tq::com::Provider> Fake_runtime::provide(std::string_view service,

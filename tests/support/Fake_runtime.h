@@ -20,13 +20,9 @@ class Fake_runtime final : public Played_runtime {
 
   // The consumed side: one service at a time, on the test's thread.
 
-  [[nodiscard]] std::size_t connections() const { return connections_; }
   [[nodiscard]] bool subscribed(const std::string& element) const {
     return notifications_.contains(element);
   }
-  /// False: subscriptions become active when the test says so.
-  bool acknowledges = true;
-  void acknowledge(const std::string& element) { states_.at(element)(true); }
   void notify_bytes(const std::string& element, tq::com::Payload payload) {
     notifications_.at(element)(payload);
   }
@@ -83,9 +79,7 @@ class Fake_runtime final : public Played_runtime {
     std::size_t running = 0;  ///< calls in progress
   };
 
-  std::size_t connections_ = 0;
   std::map<std::string, tq::com::Notification_handler> notifications_;
-  std::map<std::string, tq::com::Subscription_state_handler> states_;
   std::map<std::string, std::vector<std::vector<std::byte>>> updates_;
   mutable std::mutex mutex_;  ///< guards instances_
   std::condition_variable idle_;

@@ -1,7 +1,6 @@
 // What the service manager receives on its notify socket, from execution and health management
 // alike.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>

@@ -1,7 +1,6 @@
 #include "platform/linux/per/json_text.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cmath>
 #include <limits>

@@ -1,7 +1,6 @@
 // A store on a disk that fails: each system call of a replacement in turn, or all of them from one
 // on.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <cerrno>
 #include <cstring>
@@ -61,7 +60,7 @@ TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
     const std::string old = before.contains(kPath) ? kOld : "";
     for (int cut = 0; cut <= CallsOfReplace(); ++cut) {
       // Short writes, so that the cut also comes between two of them.
-      SimulatedDisk disk(before, [cut](int number, const std::string& name) {
+      SimulatedDisk disk(before, [cut](int number, std::string_view name) {
         if (number == cut) return SimulatedDisk::kPowerCut;
         return name == "write" && number < 4 ? SimulatedDisk::kShort : 0;
       });
@@ -86,7 +85,7 @@ void ReplaceForGood(SimulatedDisk& disk) {
   for (const auto& image : disk.AfterPowerCut())
     EXPECT_EQ(ReadAfter(image), kNew);
   EXPECT_EQ(disk.Now(), (SimulatedDisk::Image{{kPath, kNew}}));
-  EXPECT_EQ(disk.open_descriptors(), 0);
+  EXPECT_EQ(disk.open_descriptors(), 0U);
 }
 
 TEST(PowerCut, after_a_finished_replacement_leaves_the_new_store) {
@@ -98,7 +97,7 @@ TEST(FailingDisk,
      a_call_that_fails_is_reported_and_leaves_a_whole_store_now_and_after_a_power_cut) {
   for (const int error : {EIO, ENOSPC, EROFS}) {
     for (int failing = 0; failing < CallsOfReplace(); ++failing) {
-      SimulatedDisk disk(OldStore(), [&](int number, const std::string& /*name*/) {
+      SimulatedDisk disk(OldStore(), [&](int number, std::string_view /*name*/) {
         return number == failing ? error : 0;
       });
       const StoreFile store("/store", "Port.json", disk);
@@ -108,7 +107,7 @@ TEST(FailingDisk,
       EXPECT_THAT(text, AllOf(HasSubstr(failed ? std::strerror(error) : "no exception"),
                               HasSubstr(failed ? "/store" : "")))
           << "call " << failing;
-      EXPECT_EQ(disk.open_descriptors(), 0) << "call " << failing;
+      EXPECT_EQ(disk.open_descriptors(), 0U) << "call " << failing;
       EXPECT_FALSE(disk.Now().contains(kAside)) << "call " << failing;
       for (const auto& image : disk.AfterPowerCut()) {
         EXPECT_THAT(ReadAfter(image), AnyOf(Eq(failed ? kOld : kNew), Eq(kNew)));
@@ -119,13 +118,13 @@ TEST(FailingDisk,
 }
 
 TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
-  SimulatedDisk disk(OldStore(), [](int number, const std::string& name) {
+  SimulatedDisk disk(OldStore(), [](int number, std::string_view name) {
     if (name == "write") return SimulatedDisk::kShort;
     return number % 2 == 0 ? EINTR : 0;
   });
   ReplaceForGood(disk);
 
-  SimulatedDisk stutter(OldStore(), [](int number, const std::string& name) {
+  SimulatedDisk stutter(OldStore(), [](int number, std::string_view name) {
     if (name == "read") return number % 2 == 0 ? EINTR : SimulatedDisk::kShort;
     return 0;
   });
@@ -135,13 +134,13 @@ TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
 TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
   for (const int error : {EACCES, EIO}) {
     for (int failing = 0; failing < 3; ++failing) {
-      SimulatedDisk disk(OldStore(), [&](int number, const std::string& /*name*/) {
+      SimulatedDisk disk(OldStore(), [&](int number, std::string_view /*name*/) {
         return number == failing ? error : 0;
       });
       EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>(
                       [&] { (void)StoreFile("/store", "Port.json", disk).Read(); }),
                   HasSubstr("\"" + kPath + "\": " + std::strerror(error)));
-      EXPECT_EQ(disk.open_descriptors(), 0);
+      EXPECT_EQ(disk.open_descriptors(), 0U);
     }
   }
 }

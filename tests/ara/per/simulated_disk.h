@@ -4,11 +4,18 @@
 /// missing, cut or zeros.
 #pragma once
 
+#include <fcntl.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <functional>
 #include <map>
 #include <memory>
 #include <set>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/linux/per/files.h"
@@ -23,51 +30,162 @@ class SimulatedDisk : public Files {
   using Image = std::map<std::string, std::string>;
 
   /// `before_call` is asked before each call with its number (from 0) and name: 0 lets it happen, a
-  /// positive number is the errno with which it fails, kShort makes a write short, kPowerCut cuts
-  /// the power.
+  /// positive number is the errno with which it fails, kShort makes a read or write short,
+  /// kPowerCut cuts the power.
   static constexpr int kShort = -1;
   static constexpr int kPowerCut = -2;
-  using BeforeCall = std::function<int(int number, const std::string& name)>;
+  using BeforeCall = std::function<int(int number, std::string_view name)>;
 
-  explicit SimulatedDisk(const Image& image, BeforeCall before_call = {});
+  explicit SimulatedDisk(
+      const Image& image, BeforeCall before_call = [](int, std::string_view) { return 0; })
+      : before_call_(std::move(before_call)) {
+    for (const auto& [path, text] : image)
+      names_[path] = std::make_shared<Content>(Content{text, text, {}});
+    name_steps_ = {names_};
+  }
 
-  [[nodiscard]] std::set<Image> AfterPowerCut() const;
   [[nodiscard]] int calls() const { return calls_; }
-  [[nodiscard]] int open_descriptors() const { return static_cast<int>(open_.size()); }
+  [[nodiscard]] std::size_t open_descriptors() const { return open_.size(); }
   /// What a program sees while the power is on.
-  [[nodiscard]] Image Now() const;
+  [[nodiscard]] Image Now() const {
+    Image image;
+    for (const auto& [path, content] : names_)
+      image[path] = content->now;
+    return image;
+  }
+  [[nodiscard]] std::set<Image> AfterPowerCut() const {
+    std::set<Image> images;
+    for (const Names& names : name_steps_) {
+      std::set<Image> of_these_names{Image{}};
+      for (const auto& [path, content] : names) {
+        std::set<Image> extended;
+        for (Image image : of_these_names) {
+          for (const std::string& text : content->AfterPowerCut()) {
+            image[path] = text;
+            extended.insert(image);
+          }
+        }
+        of_these_names = std::move(extended);
+      }
+      images.merge(of_these_names);
+    }
+    return images;
+  }
 
-  int Open(const std::string& path, int flags, mode_t mode) override;
-  ssize_t Read(int fd, char* buffer, std::size_t size) override;
-  ssize_t Write(int fd, const char* data, std::size_t size) override;
-  int Fstat(int fd, struct stat& status) override;
-  int Fsync(int fd) override;
-  int Close(int fd) override;
-  int Rename(const std::string& from, const std::string& to) override;
-  int Unlink(const std::string& path) override;
+  int Open(const std::string& path, int flags, mode_t /*mode*/) override {
+    if (Ask("open") < 0) return -1;
+    std::shared_ptr<Content> content;  // none for a folder
+    if ((flags & O_DIRECTORY) == 0) {
+      if (!names_.contains(path)) {
+        if ((flags & O_CREAT) == 0) return Fail(ENOENT);
+        names_[path] = std::make_shared<Content>();
+        name_steps_.push_back(names_);
+      }
+      content = names_[path];
+      if ((flags & O_TRUNC) != 0 && !content->now.empty()) content->Become("");
+    }
+    open_[next_fd_] = OpenFile{std::move(content)};
+    return next_fd_++;
+  }
+  ssize_t Read(int fd, char* buffer, std::size_t size) override {
+    const int answer = Ask("read");
+    if (answer < 0) return -1;
+    auto& file = open_.at(fd);
+    size = std::min(answer > 0 ? 1 : size, file.content->now.size() - file.position);
+    std::memcpy(buffer, file.content->now.data() + file.position, size);
+    file.position += size;
+    return static_cast<ssize_t>(size);
+  }
+  ssize_t Write(int fd, const char* data, std::size_t size) override {
+    const int answer = Ask("write");
+    if (answer < 0) return -1;
+    if (answer > 0) size = (size + 1) / 2;
+    auto& content = *open_.at(fd).content;
+    content.Become(content.now + std::string(data, size));
+    return static_cast<ssize_t>(size);
+  }
+  int Fstat(int fd, struct stat& status) override {
+    if (Ask("fstat") < 0) return -1;
+    status.st_mode = S_IFREG;
+    status.st_size = static_cast<off_t>(open_.at(fd).content->now.size());
+    return 0;
+  }
+  int Fsync(int fd) override {
+    if (Ask("fsync") < 0) return -1;
+    if (const auto& content = open_.at(fd).content; content != nullptr) {
+      content->durable = content->now;
+      content->steps.clear();
+    } else {
+      name_steps_ = {names_};
+    }
+    return 0;
+  }
+  int Close(int fd) override {
+    const int answer = Ask("close");
+    open_.erase(fd);
+    return answer < 0 ? -1 : 0;
+  }
+  int Rename(const std::string& from, const std::string& to) override {
+    if (Ask("rename") < 0) return -1;
+    names_[to] = names_.at(from);
+    names_.erase(from);
+    name_steps_.push_back(names_);
+    return 0;
+  }
+  int Unlink(const std::string& path) override {
+    if (Ask("unlink") < 0) return -1;
+    if (names_.erase(path) == 0) return Fail(ENOENT);
+    name_steps_.push_back(names_);
+    return 0;
+  }
 
  private:
   struct Content {
+    void Become(std::string text) {
+      now = std::move(text);
+      steps.push_back(now);
+    }
+    /// Of what was not synced: all of it, a part of it, the right length without the bytes, the
+    /// length of a part.
+    [[nodiscard]] std::set<std::string> AfterPowerCut() const {
+      std::set<std::string> texts{durable};
+      for (const std::string& step : steps) {
+        const auto half = step.substr(0, step.size() / 2);
+        texts.insert({step, half, std::string(step.size(), '\0'),
+                      half + std::string(step.size() - half.size(), '\0')});
+      }
+      return texts;
+    }
+
     std::string durable;
     std::string now;
-    /// Contents between the two, one after each write that was not synced.
-    std::vector<std::string> steps;
+    std::vector<std::string> steps;  ///< contents between the two
   };
   using Names = std::map<std::string, std::shared_ptr<Content>>;
   struct OpenFile {
-    std::shared_ptr<Content> content;  ///< null for a folder
+    std::shared_ptr<Content> content;
     std::size_t position = 0;
   };
 
-  int Ask(const char* name);
-  void ChangeNames(const std::function<void(Names&)>& change);
+  static int Fail(int error) {
+    errno = error;
+    return -1;
+  }
+  int Ask(std::string_view name) {
+    if (dead_) return Fail(EIO);
+    const int answer = before_call_(calls_++, name);
+    dead_ = answer == kPowerCut;
+    // Calls made while an object is destroyed must not throw; the program runs on without effect.
+    if (dead_ && name != "close" && name != "unlink") throw PowerCut{};
+    if (dead_ || answer > 0) return Fail(dead_ ? EIO : answer);
+    return answer == kShort ? 1 : 0;
+  }
 
   BeforeCall before_call_;
   int calls_ = 0;
   bool dead_ = false;
   Names names_;
-  Names durable_names_;
-  std::vector<Names> name_steps_;  ///< after each change of names that was not synced
+  std::vector<Names> name_steps_;  ///< what lasts, and after each change that was not synced
   std::map<int, OpenFile> open_;
   int next_fd_ = 100;
 };

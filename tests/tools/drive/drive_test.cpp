@@ -57,30 +57,6 @@ TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
   EXPECT_LT(left, -3);
 }
 
-TEST(Drive, a_round_has_a_stop_and_a_tunnel_in_which_only_dead_reckoning_goes_on) {
-  const Course course;
-  auto standing = 0s;
-  auto blind = 0s;
-  double accuracy_in_tunnel = 0;
-  for (auto time = 0s; time < course.lap_time(); ++time) {
-    const Sample sample = course.sample(time);
-    const Sky sky = course.sky(time, 24);
-    if (sample.speed == 0) ++standing;
-    if (sample.fix == Fix_type::none) {
-      ++blind;
-      EXPECT_EQ(sky.tracked + sky.in_use, 0U);
-      EXPECT_EQ(sky.hdop, 0);
-      EXPECT_GT(sample.speed, 5);
-      EXPECT_GT(sample.dr_accuracy, accuracy_in_tunnel);
-      accuracy_in_tunnel = sample.dr_accuracy;
-    } else {
-      EXPECT_GE(sky.in_use, 8U);
-    }
-  }
-  EXPECT_GE(standing, 19s);
-  EXPECT_GE(blind, 20s);
-}
-
 TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {
   const Course course;
   for (const std::size_t count : {0U, 4U, 24U, 61U}) {

@@ -1,7 +1,6 @@
 #include "tools/gnss-gateway/Records.h"
 
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include "tests/clients/printing.h"
 
@@ -122,27 +121,24 @@ TEST(Records, satellites_are_listed_and_counted_by_system) {
 
 TEST(Records, in_the_tunnel_of_the_drive_only_dead_reckoning_has_a_position) {
   const drive::Course course;
-  bool seen = false;
+  auto blind_time = 0s;
   for (auto time = 0s; time < course.lap_time(); ++time) {
     const auto sample = course.sample(time);
     const auto notification = to_notification(sample, course.sky(time, 60), context);
-    const auto& gnss = notification.positions.at(0);
-    const auto& reckoned = notification.positions.at(1);
     const bool blind = sample.fix == drive::Fix_type::none;
-    seen = seen || blind;
+    if (blind) ++blind_time;
+    const auto& gnss = notification.positions.at(0);
     ASSERT_EQ(gnss.LAT.has_value(), !blind);
     ASSERT_EQ(gnss.LAT_valueType, blind ? Value_type::error : Value_type::physical_value);
     ASSERT_EQ(gnss.altitudeWGS84.has_value(), sample.fix == drive::Fix_type::three_dimensional);
+    const auto& reckoned = notification.positions.at(1);
     ASSERT_EQ(reckoned.LAT, sample.latitude);
     ASSERT_EQ(reckoned.LAT_valueType, Value_type::physical_value);
     ASSERT_EQ(reckoned.yawAngle, static_cast<float>(sample.heading));
-    ASSERT_EQ(notification.quality.at(0).statusFixType,
-              static_cast<std::uint32_t>(
-                  blind ? 0 : (sample.fix == drive::Fix_type::two_dimensional ? 2 : 3)));
+    ASSERT_EQ(notification.quality.at(0).statusFixType == 0U, blind);
     ASSERT_EQ(notification.quality.at(1).statusFixType == 1U, blind);
-    ASSERT_EQ(notification.satellites->size(), 60U);
   }
-  EXPECT_TRUE(seen);
+  EXPECT_GE(blind_time, 20s);
 }
 
 }  // namespace

@@ -1,9 +1,9 @@
+/// What sentences mean; that it does not matter how a stream is cut and damaged is for
+/// fuzz/nmea_fuzz.cpp to find.
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
 
 #include <chrono>
 #include <cstdio>
-#include <random>
 #include <string>
 #include <vector>
 
@@ -30,14 +30,11 @@ struct Result {
   Counters counters;
 };
 
-Result read(const std::string& text, std::size_t piece = std::string::npos) {
+Result read(const std::string& text) {
   Reader reader;
   Result result;
   const auto sink = [&](const Fix& fix) { result.fixes.push_back(fix); };
-  for (std::size_t at = 0; at < text.size(); at += std::min(piece, text.size() - at)) {
-    reader.feed(std::as_bytes(std::span(text).subspan(at, std::min(piece, text.size() - at))),
-                sink);
-  }
+  reader.feed(std::as_bytes(std::span(text)), sink);
   reader.finish(sink);
   result.counters = reader.counters();
   return result;
@@ -87,24 +84,17 @@ TEST(Nmea, one_instant_told_by_all_sentences_becomes_one_fix) {
   EXPECT_EQ(fix.satellites, expected);
 }
 
-TEST(Nmea, any_cut_of_the_stream_gives_the_same_fixes) {
-  const std::string stream = "\xB5\x62$\x01 noise\n# $GPRMC in a comment\r\n" +
-                             sentence("GPRMC,000001,A,0000.1,N,00000.2,E,1.0,2.0,010100,,") +
-                             sentence("GPGSV,1,1,01,04,40,083,46") + "$GPGG" +
-                             sentence("GPRMC,000002,A,0000.1,N,00000.2,E,1.0,2.0,010100,,") +
-                             "$GPRMC,0000";
-  const auto whole = read(stream);
-  ASSERT_EQ(whole.fixes.size(), 2U);
-  EXPECT_EQ(whole.counters.comment_lines, 1U);
-  EXPECT_EQ(whole.counters.bad_character, 1U);
-  EXPECT_EQ(whole.counters.incomplete, 2U);
-  for (const std::size_t piece : {1U, 2U, 3U, 7U, 50U}) {
-    const auto cut = read(stream, piece);
-    ASSERT_EQ(cut.fixes.size(), 2U) << piece;
-    EXPECT_EQ(cut.fixes[0].satellites, whole.fixes[0].satellites);
-    EXPECT_EQ(cut.fixes[1].utc, whole.fixes[1].utc);
-    EXPECT_EQ(cut.counters.errors(), whole.counters.errors());
-  }
+TEST(Nmea, what_stands_between_sentences_is_counted_and_costs_none) {
+  const auto result =
+      read("\xB5\x62$\x01 noise\n# $GPRMC in a comment\r\n" +
+           sentence("GPRMC,000001,A,0000.1,N,00000.2,E,1.0,2.0,010100,,") +
+           sentence("GPGSV,1,1,01,04,40,083,46") + "$GPGG" +
+           sentence("GPRMC,000002,A,0000.1,N,00000.2,E,1.0,2.0,010100,,") + "$GPRMC,0000");
+  ASSERT_EQ(result.fixes.size(), 2U);
+  EXPECT_EQ(result.fixes[0].satellites_in_view, 1U);
+  EXPECT_EQ(result.counters.comment_lines, 1U);
+  EXPECT_EQ(result.counters.bad_character, 1U);
+  EXPECT_EQ(result.counters.incomplete, 2U);
 }
 
 TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
@@ -135,6 +125,7 @@ TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
            "GPRMC,123519,A,4807.038,N,01131.000,E,-1.0,,230394,,",
            "GPRMC,123519,A,4807.038,N,01131.000,E,1.0,360.1,230394,,",
            "GPRMC,123519,A,4807.038,N,01131.000,E,,,300294,,",
+           "GPRMC,123519,A,4807.038,N,01131.000,E,,,30294,,",
            "GPZDA,123519,01,01,1979,00,00",
            "GPZDA,123519,01,01,2262,00,00",
            "GPGSV,2,3,02,04,40,083,46",
@@ -222,23 +213,6 @@ TEST(Nmea, a_group_with_a_gap_counts_once_and_shows_no_satellites) {
   const auto cut_off = read(part(1) + part(2) + part(1) + part(2) + part(3) + part(4));
   EXPECT_EQ(cut_off.counters.incomplete_groups, 1U);
   EXPECT_TRUE(cut_off.fixes.at(0).satellites_in_view);
-}
-
-TEST(Nmea, random_bytes_and_damaged_sentences_do_no_harm) {
-  std::mt19937 random(7);
-  const std::string good =
-      sentence("GNRMC,123519.25,A,4807.038,S,01131.0,W,22.4,084.4,230394,003.1,W,R") +
-      sentence("GPGSV,1,1,02,04,40,083,46,07,-1,360,,1") +
-      sentence("GNGSA,A,3,04,05,,09,12,,,24,,,,,2.5,1.3,2.1,1");
-  for (int round = 0; round < 20000; ++round) {
-    std::string body = good.substr(1, good.find('*') - 1);
-    for (int damage = 0; damage < 3; ++damage) {
-      const auto any = static_cast<char>(random());
-      body[random() % body.size()] = round % 2 == 0 ? any : ",.AN0-9"[random() % 7];
-    }
-    const auto result = read(good + sentence(body));
-    ASSERT_GE(result.fixes.size(), 1U);
-  }
 }
 
 }  // namespace
