@@ -45,6 +45,9 @@ class Quiet_runtime::Provider final : public tq::com::Provider {
   std::string service_;
 };
 
+Quiet_runtime::Quiet_runtime() = default;
+Quiet_runtime::~Quiet_runtime() = default;
+
 std::unique_ptr<tq::com::Consumer> Quiet_runtime::connect(const tq::com::Found_instance&) {
   return std::make_unique<Consumer>(*this);
 }

@@ -18,7 +18,7 @@ Played_runtime::~Played_runtime() {
   the_runtime = nullptr;
 }
 
-void Played_runtime::find(const std::vector<std::uint16_t>& instances) {
+void Played_runtime::find(std::initializer_list<std::uint16_t> instances) {
   std::vector<tq::com::Found_instance> found;
   for (const auto instance : instances)
     found.push_back({.service = service_, .instance = instance, .where = nullptr});

@@ -2,7 +2,7 @@
 /// is the process's runtime, and whoever holds it decides what a search finds.
 #pragma once
 
-#include <memory>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -17,7 +17,7 @@ class Played_runtime : public tq::com::Runtime {
   ~Played_runtime() override;
 
   /// Gives the running search a result: these instances of the service that was asked for last.
-  void find(const std::vector<std::uint16_t>& instances);
+  void find(std::initializer_list<std::uint16_t> instances);
   [[nodiscard]] bool searches() const { return find_handler_ != nullptr; }
 
   tq::com::Find_token start_find_service(std::string_view service,
