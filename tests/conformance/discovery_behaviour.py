@@ -143,36 +143,27 @@ class DiscoveryBehaviour(suite.Group):
         return (peer.entry(type, service, after=start, **fields).time - start) * 1000
 
     @in_time
-    def test_delayed_answer(self):
+    def test_delays_of_answers(self):
         host, peer = self.vehicle(**self.DELAYED, cyclicOfferDelayMs=5000)
         delays = [self.delay(peer, OFFER, VEHICLE, lambda: peer.tell(find(VEHICLE)), multicast=False)
                   for _ in range(5)]
         self.lasts(delays, *[(100, 180)] * 5)
         self.assertGreater(max(delays) - min(delays), 8, delays)
-
-    @in_time
-    def test_undelayed_answer(self):
-        host, peer = self.vehicle(**self.DELAYED, cyclicOfferDelayMs=5000)
         for type, entry in ((OFFER, find(VEHICLE)), (ACKNOWLEDGE, subscribe(VEHICLE, TICK_GROUP))):
             options = [endpoint(peer.caller())]
             delay = self.delay(peer, type, VEHICLE, lambda: peer.tell(entry, options, host), multicast=False)
             self.assertLess(delay, 60)
 
     @in_time
-    def test_delayed_subscription(self):
+    def test_delays_of_subscriptions(self):
         for lowest, highest in ((100, 180), (0, 0)):
             host, peer, server = self.remote("subscribe Remote 1 value", requestResponseDelayMinMs=lowest,
                                              requestResponseDelayMaxMs=highest)
             peer.entry(SUBSCRIBE, REMOTE)
-            delay = self.delay(peer, SUBSCRIBE, REMOTE, lambda: self.offer(peer, server), ttl=2)
-            self.lasts([delay], (lowest, highest))
+            for to, expected in ((None, (lowest, highest)), (host, 0)):
+                delay = self.delay(peer, SUBSCRIBE, REMOTE, lambda: self.offer(peer, server, to), ttl=2)
+                self.lasts([delay], expected)
             self.doCleanups()
-
-    @in_time
-    def test_undelayed_subscription(self):
-        host, peer, server = self.remote("subscribe Remote 1 value", **self.DELAYED)
-        peer.entry(SUBSCRIBE, REMOTE)
-        self.assertLess(self.delay(peer, SUBSCRIBE, REMOTE, lambda: self.offer(peer, server, host)), 60)
 
     def test_find_in_initial_wait(self):
         peer = self.peer()
@@ -209,8 +200,7 @@ class DiscoveryBehaviour(suite.Group):
         host, peer, server = self.remote()
         entry = self.active(host, peer)
         self.assertTrue(entry.initial_data)
-        self.notify(server, entry, b"\x01")
-        host.said("notification Remote 1 value 01")
+        self.reaches(host, server, entry, 1)
         for _ in range(2):
             renewal, = self.renewed(peer, server)
             self.assertFalse(renewal.initial_data)
@@ -246,14 +236,12 @@ class DiscoveryBehaviour(suite.Group):
         stop, again = self.renewed(peer, server)
         self.assertEqual((stop.ttl, again.ttl, again.initial_data), (0, 2, True))
         peer.acknowledge(again)
-        self.notify(server, entry, b"\x01")
-        host.said("notification Remote 1 value 01")
+        self.reaches(host, server, entry, 1)
         self.assertEqual([one.ttl for one in self.renewed(peer, server)], [2])
 
     def test_refused(self):
         host, peer, server = self.remote()
-        self.notify(server, self.active(host, peer), b"\x01")
-        host.said("notification")
+        self.reaches(host, server, self.active(host, peer), 1)
         renewal, = self.renewed(peer, server)
         peer.acknowledge(renewal, ttl=0)
         host.said("state Remote 1 value off")
@@ -280,14 +268,12 @@ class DiscoveryBehaviour(suite.Group):
             probe.connect(entry.endpoints[0][:2])
             probe.send(someip(REMOTE, TICK, type=NOTIFICATION))
             probe.send(b"")  # fails when the first one was refused
-        self.notify(server, entry, b"\x01", TICK)
-        host.said("notification Remote 1 tick 01")
+        self.reaches(host, server, entry, 1, TICK)
 
     def test_stop_offer_at_client(self):
         host, peer, server = self.remote()
         entry = self.active(host, peer)
-        self.notify(server, entry, b"\x01")
-        host.said("notification Remote 1 value 01")
+        self.reaches(host, server, entry, 1)
         self.offer(peer, server, ttl=0)
         host.said("state Remote 1 value off")
         peer.barrier(host)
@@ -299,8 +285,7 @@ class DiscoveryBehaviour(suite.Group):
         again, = self.renewed(peer, server)
         self.assertTrue(again.initial_data)
         peer.acknowledge(again)
-        self.notify(server, entry, b"\x03")
-        host.said("notification Remote 1 value 03")
+        self.reaches(host, server, entry, 3)
         self.assertNotIn("notification Remote 1 value 02", host.lines)
 
     # Subscribing, as server
@@ -313,8 +298,10 @@ class DiscoveryBehaviour(suite.Group):
         events = self.subscription(host, second)
         value = events.wait(lambda one: one.payload == b"\x0a")
         self.assertLess(second.entries(ACKNOWLEDGE)[0].time, value.time)
+        host.do("event first tick 01")
+        ticks = self.subscription(host, second, TICK_GROUP)
         self.settled(host, second)
-        self.assertEqual((len(known.messages), len(events.messages)), (1, 1))
+        self.assertEqual([len(channel.messages) for channel in (known, events, ticks)], [1, 1, 0])
 
     def test_in_force_at_once(self):
         host, peer = self.vehicle()
@@ -331,13 +318,6 @@ class DiscoveryBehaviour(suite.Group):
             host.do("event first tick ff")
             self.settled(host, peer)
             self.assertEqual([one.payload for one in events.messages[since:]], [bytes([round])])
-
-    def test_no_initial_event(self):
-        host, peer = self.vehicle()
-        host.do("event first tick 01")
-        events = self.subscription(host, peer, TICK_GROUP)
-        self.settled(host, peer)
-        self.assertEqual(events.messages, [])
 
     def test_renewal_at_server(self):
         host, peer = self.vehicle("update first value 0a")
@@ -361,8 +341,7 @@ class DiscoveryBehaviour(suite.Group):
         left, kept = (self.subscription(host, one, TICK_GROUP) for one in (peer, self.peer()))
         stop = subscribe(VEHICLE, TICK_GROUP, ttl=0)
         self.assertEqual(peer.ask(host, stop, [endpoint(left)]), [], "a stop is not answered")
-        host.do("event first tick 01")
-        kept.wait(lambda one: one.payload == b"\x01")
+        self.event(host, kept)
         self.settled(host, peer)
         self.assertEqual(left.messages, [])
 
@@ -376,9 +355,7 @@ class DiscoveryBehaviour(suite.Group):
             self.network.quiet(0.1)
             return host.count("subscriptionsExpired") == 1
         self.network.wait(renew, "end of a subscription")
-        host.do("event first tick 01")
-        for events in (renewed, endless):
-            events.wait(lambda one: one.payload == b"\x01")
+        self.event(host, renewed, endless)
         self.settled(host, peer)
         self.assertEqual(ending.messages, [])
 
@@ -499,8 +476,7 @@ class DiscoveryBehaviour(suite.Group):
     def test_restart_of_server(self):
         for channel in ("multicast", "unicast"):
             host, peer, server = self.remote()
-            self.notify(server, self.active(host, peer), b"\x01")
-            host.said("notification")
+            self.reaches(host, server, self.active(host, peer), 1)
             renewal, = self.renewed(peer, server, host)
             peer.acknowledge(renewal)
             since = len(host.lines)
@@ -605,8 +581,7 @@ class DiscoveryBehaviour(suite.Group):
             events = self.subscription(host, peer, TICK_GROUP)
             stream = peer.connect(host.at(STREAM))
             peer.call(stream, STREAM, ECHO)
-            host.do("event first tick 01")
-            events.wait(lambda one: one.payload == b"\x01")
+            self.event(host, events)
             peer.entry(OFFER, VEHICLE, count=3)
             link("down")
             host.do("event first tick 02")
@@ -631,8 +606,7 @@ class DiscoveryBehaviour(suite.Group):
             entry, = self.renewed(peer, server)
             self.assertTrue(entry.initial_data)
             peer.acknowledge(entry)
-            self.notify(server, entry, b"\x42")
-            host.said("notification Remote 1 value 42")
+            self.reaches(host, server, entry, 66)
 
     # What the standard leaves open
 

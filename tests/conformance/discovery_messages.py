@@ -81,8 +81,7 @@ class DiscoveryMessages(suite.Group):
         kept, left = peer.socket(), peer.socket()
         for via, order in ((kept, (0, ENDLESS)), (left, (ENDLESS, 0))):
             peer.ask(host, [subscribe(VEHICLE, TICK_GROUP, ttl=ttl) for ttl in order], [endpoint(via)])
-        host.do("event first tick 01")
-        kept.wait(lambda one: one.method == TICK)
+        self.event(host, kept)
         peer.call(host, *host.ping)
         self.assertEqual(left.messages, [])
 

@@ -114,8 +114,7 @@ class Options(suite.Group):
                  {"options": (0, 0), "index_2": 2, "n_opt_2": 1},
                  {"options": (3, 1), "index_2": 2, "n_opt_2": 1},
                  {"options": (2, 1), "index_2": 3, "n_opt_2": 1})
-        host.do("event first tick 01")
-        events.wait(lambda one: one.payload == b"\x01")
+        self.event(host, events)
 
     def test_index_of_empty_run(self):
         host, peer = self.vehicle()
@@ -174,21 +173,16 @@ class Options(suite.Group):
     # Endpoints of offers
 
     def test_source_of_events(self):
-        host, peer = self.vehicle("offer second")
-        for instance, specifier in ((1, "first"), (2, "second")):
-            (address, port, _), = peer.entry(OFFER, VEHICLE, instance=instance).endpoints
-            events = self.subscription(host, peer, TICK_GROUP, instance=instance)
+        host, peer = self.vehicle("offer second", "offer stream")
+        for service, instance, specifier in ((VEHICLE, 1, "first"), (VEHICLE, 2, "second"), (STREAM, 1, "stream")):
+            offered = peer.entry(OFFER, service, instance=instance).endpoints
+            at = next((address, port) for address, port, protocol in offered
+                      if protocol == TCP_PROTOCOL or service == VEHICLE)
+            events = peer.connect(at) if service == STREAM else peer.socket()
+            self.assertGreater(peer.subscribed(host, service, TICK_GROUP, events, instance=instance).ttl, 0)
             host.do(f"event {specifier} tick 01")
-            self.assertEqual(events.wait().source, (address, port))
-            self.assertEqual(peer.call((address, port), VEHICLE, ECHO).code, 0)
-
-    def test_stream_of_events(self):
-        host, peer = self.vehicle("offer stream")
-        address, port, _ = next(one for one in peer.entry(OFFER, STREAM).endpoints if one[2] == TCP_PROTOCOL)
-        stream = peer.connect((address, port))
-        self.assertGreater(peer.subscribed(host, STREAM, TICK_GROUP, stream).ttl, 0)
-        host.do("event stream tick 01")
-        self.assertEqual(stream.wait(lambda one: one.method == TICK).payload, b"\x01")
+            self.assertEqual(events.wait(lambda one: one.method == TICK).source, at)
+            self.assertEqual(peer.call(events if service == STREAM else at, service, ECHO).code, 0)
 
     def test_instances_by_endpoint(self):
         host, peer = self.vehicle("find Remote")
@@ -217,8 +211,7 @@ class Options(suite.Group):
         elsewhere = self.peer(listen=False)
         events = elsewhere.socket()
         self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, events).ttl, 0)
-        host.do("event first tick 01")
-        events.wait(lambda one: one.payload == b"\x01")
+        self.event(host, events)
         server = elsewhere.socket(SERVER_PORT)
         peer.tell(offer(REMOTE), [endpoint(server)])
         host.said("found Remote 1")
@@ -233,8 +226,7 @@ class Options(suite.Group):
                              [endpoint(peer.caller()), multicast(*group)])
             host.said("state RemoteGroup 1 tick on")
             peer.barrier(host)
-            self.notify(server, group, bytes([number]), TICK)
-            host.said(f"notification RemoteGroup 1 tick 0{number}")
+            self.reaches(host, server, group, number, TICK)
             self.offer(peer, server)
 
     def test_wrong_multicast(self):
@@ -276,8 +268,7 @@ class Options(suite.Group):
         host, peer = self.vehicle(prefix=0)
         foreign = self.outside()
         self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, foreign).ttl, 0)
-        host.do("event first tick 01")
-        foreign.wait(lambda one: one.payload == b"\x01")
+        self.event(host, foreign)
         for address in ("0.0.0.0", "239.1.2.3", host.address):
             self.assertEqual(self.subscriptions(host, peer, [endpoint(address, 40000)]), [False])
 
@@ -296,8 +287,9 @@ class Options(suite.Group):
     def test_discovery_endpoint(self):
         host, peer = self.vehicle("find Remote")
         behind = self.peer(listen=False)
+        another = self.peer(listen=False)
         option = self.behind(behind)
-        peer.tell(find(VEHICLE), [option], host)
+        peer.tell(find(VEHICLE), [option, self.behind(another)], host)
         behind.entry(OFFER, VEHICLE)
         peer.tell(subscribe(VEHICLE, TICK_GROUP, options=(1, 1)), [option, endpoint(peer.caller())], host)
         behind.entry(ACKNOWLEDGE, VEHICLE)
@@ -305,7 +297,7 @@ class Options(suite.Group):
         host.said("found Remote 1")
         host.do("subscribe Remote 1 tick")
         behind.entry(SUBSCRIBE, REMOTE)
-        self.assertEqual(peer.unicast.entries, [])
+        self.assertEqual((peer.unicast.entries, another.unicast.entries), ([], []))
 
     def test_restarts_of_discovery_endpoint(self):
         host, peer = self.vehicle()
@@ -320,18 +312,9 @@ class Options(suite.Group):
         # The one behind restarts.
         peer.tell(find(VEHICLE), [option], host, session=1)
         behind.entry(OFFER, VEHICLE)
-        host.do("event first tick 01")
-        own.wait()
+        self.event(host, own)
         peer.call(host, *host.ping)
         self.assertEqual(others.messages, [])
-
-    def test_first_discovery_endpoint(self):
-        host, peer = self.vehicle()
-        first, second = self.peer(listen=False), self.peer(listen=False)
-        peer.tell(find(VEHICLE), [self.behind(first), self.behind(second)], host)
-        first.entry(OFFER, VEHICLE)
-        peer.barrier(host)
-        self.assertEqual(second.unicast.entries, [])
 
     def test_wrong_discovery_endpoint(self):
         host, peer = self.vehicle()

@@ -9,7 +9,7 @@ import unittest
 import devices
 import network as net
 from desk import SOURCE, Desk
-from devices import ECHO, REMOTE, REMOTE_GROUP, REMOTE_STREAM, SERVER_PORT, VALUE, VALUE_GROUP, VEHICLE
+from devices import ECHO, REMOTE, REMOTE_GROUP, REMOTE_STREAM, SERVER_PORT, TICK, VALUE, VALUE_GROUP, VEHICLE
 
 PAGE = SOURCE / "docs/conformance.md"
 # What tshark finds wrong with a message.
@@ -87,6 +87,12 @@ class Group(unittest.TestCase):
         self.assertGreater(peer.subscribed(host, service, group, events, **fields).ttl, 0)
         return events
 
+    def event(self, host, *channels, value=1, of="first"):
+        """An event of that instance of the host's reaches these channels."""
+        host.do(f"event {of} tick {value:02x}")
+        for channel in channels:
+            channel.wait(lambda one: (one.method, one.payload) == (TICK, bytes([value])), f"event {value}")
+
     def settled(self, device, peer, **fields):
         """What was told before has been dealt with, and what follows from it has been sent."""
         peer.barrier(device)
@@ -134,6 +140,12 @@ class Group(unittest.TestCase):
         to = to.endpoints[0][:2] if isinstance(to, net.Entry) else to
         service = REMOTE_IDS[getattr(server, "service", "Remote")]
         server.send(net.someip(service, event, payload, type=net.NOTIFICATION, **fields), to)
+
+    def reaches(self, host, server, to, value, event=VALUE):
+        """A notification of the peer's is told to the host's user."""
+        self.notify(server, to, bytes([value]), event)
+        element = {VALUE: "value", TICK: "tick"}[event]
+        host.said(f"notification {server.service} 1 {element} {value:02x}")
 
     def respond(self, server, request, payload=b"", **fields):
         """The response of the peer's to a request of the host's; `fields` are what is unusual about it."""

@@ -195,8 +195,7 @@ class Wire(suite.Group):
         peer.acknowledge(entry, [SDOption_IP4_Multicast(addr=group[0], port=group[1])])
         host.said("state RemoteGroup 1 tick on")
         for number, to in ((1, entry), (2, group)):
-            self.notify(server, to, bytes([number]), TICK)
-            host.said(f"notification RemoteGroup 1 tick 0{number}")
+            self.reaches(host, server, to, number, TICK)
 
     # Streams
 
@@ -235,8 +234,7 @@ class Wire(suite.Group):
 
     def test_no_delay(self):
         host, peer, stream = self.stream_host(group=TICK_GROUP)
-        host.do("event stream tick 00")
-        stream.wait(lambda one: one.method == TICK)
+        self.event(host, stream, value=0, of="stream")
         delays = []
         for number in range(1, 20, 2):
             # Acknowledgements of the kernel wait 40 ms when nothing is sent back.
@@ -253,8 +251,7 @@ class Wire(suite.Group):
         self.assertGreater(peer.subscribed(host, STREAM, VALUE_GROUP, stream).ttl, 0)
         stream.wait(lambda one: one.method == VALUE)
         self.assertEqual(peer.call(stream, STREAM, ECHO, b"x").code, 0)
-        host.do("event stream tick 01")
-        stream.wait(lambda one: one.method == TICK)
+        self.event(host, stream, of="stream")
         host.kill()
 
         host, peer, server = self.remote_stream(
@@ -347,8 +344,7 @@ class Wire(suite.Group):
 
     def test_broken_subscription(self):
         host, peer, stream = self.stream_host(group=TICK_GROUP)
-        host.do("event stream tick 01")
-        stream.wait(lambda one: one.method == TICK)
+        self.event(host, stream, of="stream")
         lost = host.count("tcpLost")
         stream.close()
         peer.parts.remove(stream)
@@ -359,8 +355,7 @@ class Wire(suite.Group):
             peer.call(again, STREAM, ECHO, b"x")
         self.assertEqual([one for one in again.messages if one.method == TICK], [])
         self.assertGreater(peer.subscribed(host, STREAM, TICK_GROUP, again).ttl, 0)
-        host.do("event stream tick 03")
-        self.assertEqual(again.wait(lambda one: one.method == TICK).payload, b"\x03")
+        self.event(host, again, value=3, of="stream")
 
     def test_slow_reader(self):
         host, peer, stream = self.stream_host(group=TICK_GROUP)

@@ -85,6 +85,11 @@ class Desk:
         output, _ = process.communicate(timeout=DEADLINE)
         return process.returncode, output, process.log.read_text(errors="replace")
 
+    def start_bus(self):
+        """A session bus of the test's own, with state management on it for what starts from now on."""
+        bus = self.start(pathlib.Path("/usr/bin/dbus-daemon"), "--session", "--nofork", "--print-address")
+        self.environment |= {"DBUS_SESSION_BUS_ADDRESS": bus.stdout.readline().strip(), "POS_STATE_BUS": "session"}
+
     def is_bound(self, node):
         """Whether a process has the service discovery port of the node's address."""
         address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()

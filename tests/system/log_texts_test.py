@@ -13,12 +13,13 @@ import sys
 
 from desk import APPLICATION, BUILD, SOURCE, Desk, until
 from dlt import Log
-from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip, subscribe
+from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
 from payload import block, f32, f64, records, u8, u32, u64
+from tester import CLEAR, D_14A0, MONITOR, NO_TEXTS, REENABLED, RESTART, Tester
 
 HOST = BUILD / "tests/system/log_texts_host"
 NETWORK = 173
-NODE, RECEIVER, TESTER = (f"127.{NETWORK}.0.{last}" for last in (10, 20, 40))
+RECEIVER, TESTER = f"127.{NETWORK}.0.20", f"127.{NETWORK}.0.40"
 DAEMON_PORT = 39173
 THREAD_SANITIZER = re.search(r"^POS_SANITIZE:.*thread", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
 
@@ -118,8 +119,7 @@ def found(context):
 
 MANIFEST = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
 MONITORS = {0x830000 | int(one["id"], 0): one["specifier"].removeprefix("DiagnosticMonitor_")
-            for one in MANIFEST["services"]["mw::dm::dem::DiagnosticMonitor"]["instances"]}
-CLEAR, RESTART, REENABLED = b"\0", b"\1", b"\2"
+            for one in MANIFEST["services"][MONITOR]["instances"]}
 CLEARED, RESTARTED = ") reason is kClear", ") reason is kRestart OR kReenabled"
 
 
@@ -169,8 +169,7 @@ def malformed(service, element, why):
     return error("MWCB", "Dropped a malformed payload of", service, element, why)
 
 
-GNSS, TIME, MONITOR = "lumo::services::gnss::GNSS", "lumo::services::time::Time", "mw::dm::dem::DiagnosticMonitor"
-D_14A0 = "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs"
+GNSS, TIME = "lumo::services::gnss::GNSS", "lumo::services::time::Time"
 POSITIONING = "lumo::services::positioning::Positioning"
 BEYOND = "Read beyond the end of the data buffer"
 
@@ -483,25 +482,6 @@ class Source:
                                 self.subscriber(name, field))
 
 
-class Tester:
-    """Calls methods of the node under test and subscribes there."""
-
-    def __init__(self, desk, network):
-        self.peer, self.services = network.peer(TESTER), desk.manifest["services"]
-
-    def call(self, service, payload, code=0, specifier=""):
-        deployed = self.services[service]
-        instance = next(one for one in deployed["instances"] if one["specifier"].endswith(specifier))
-        answer = self.peer.call((NODE, instance["udpPort"]), int(deployed["id"], 0), 1, payload)
-        assert answer.code == code, answer
-
-    def init_monitor(self, identifier, reason, code=0):
-        self.call(MONITOR, reason, code, MONITORS[identifier])
-
-    def subscribe(self, service, group):
-        self.peer.tell(subscribe(int(self.services[service]["id"], 0), group), [endpoint(self.peer.caller())], NODE)
-
-
 # --- the runs
 
 
@@ -512,11 +492,12 @@ def empty_storage(desk, log, network, tester):
     with Source(desk, network) as source:
         run.wait(STARTED)
         descriptions()
-        tester.init_monitor(0x83D100, REENABLED)
-        for identifier in list(MONITORS)[1:]:
-            tester.init_monitor(identifier, RESTART)
-        tester.call(D_14A0, block(b""))
-        tester.init_monitor(0x83D100, b"", code=9)
+        first, *others = MONITORS.values()
+        tester.init_monitor(first, REENABLED)
+        for name in others:
+            tester.init_monitor(name, RESTART)
+        tester.call(D_14A0, NO_TEXTS)
+        tester.init_monitor(first, b"", code=9)
         source.offer(GNSS)
         source.subscriber(GNSS, "positions")
         source.notify(GNSS, "positions", records(FULL_POSITION))
@@ -533,7 +514,7 @@ def empty_storage(desk, log, network, tester):
         run.wait(rows["data identifiers"][-3])
         source.notify(GNSS, "posGnssSatInfos", records())
         run.wait(rows["data identifiers"][-2])
-        tester.init_monitor(0x83D101, CLEAR)
+        tester.init_monitor("POS_Input_GNSS", CLEAR)
     run.process.send_signal(signal.SIGUSR1)
     run.wait(FORBIDDEN)
     run.process.send_signal(signal.SIGUSR2)
@@ -600,10 +581,10 @@ def failures(desk, log, network, tester):
         run.wait(run.groups["trace of the proxies"][1])
         source.notify(GNSS, "positions", records())
         run.wait(run.groups["trace of the proxies"][2])
-        tester.subscribe(POSITIONING, 1)
+        tester.subscribe(POSITIONING)
         run.wait(run.groups["service provider"][1])
         tester.call(POSITIONING, b"", code=1)
-        tester.init_monitor(0x83D101, CLEAR, code=1)
+        tester.init_monitor("POS_Input_GNSS", CLEAR, code=1)
     run.process.stdin.close()
     run.end()
 
@@ -615,7 +596,7 @@ def main():
         stack.callback(log.end)
         network = Network(desk=desk)
         stack.callback(network.close)
-        tester = Tester(desk, network)
+        tester = Tester(desk, network, TESTER)
         empty_storage(desk, log, network, tester)
         full_storage(desk, log, network)
         other_storages(desk, log)

@@ -6,27 +6,24 @@ The GNSS source dies and comes back, monitors are initialised, state management 
 
 import contextlib
 import json
-import os
-import signal
+import pathlib
 import socket
-import subprocess
 import sys
 import threading
 import time
 
 from desk import APPLICATION, GATEWAY, Desk, until
 from dlt import Log
-from network import ACKNOWLEDGE, NOTIFICATION, OFFER, Network, endpoint, subscribe
+from network import ACKNOWLEDGE, NOTIFICATION, OFFER, Network
+from tester import CLEAR, D_1190, D_14A0, MONITOR, NO_TEXTS, RESTART, Tester
 
 NETWORK = 169
-NODE = f"127.{NETWORK}.0.10"
-TESTER = f"127.{NETWORK}.0.40"
-D_1190 = "lumo::services::diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable"
-D_14A0 = "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs"
-MONITOR = "mw::dm::dem::DiagnosticMonitor"
-CHANGE = "Changing of state, ID = POS_Input_GNSS , prev status = {} , new status = {}"
+GNSS_MONITOR = "POS_Input_GNSS"
+CHANGE = f"Changing of state, ID = {GNSS_MONITOR} , prev status = {{}} , new status = {{}}"
 PASSED, FAILED = b"\0", b"\1"
-CLEAR, RESTART = b"\0", b"\1"
+BUSCTL = pathlib.Path("/usr/bin/busctl")
+STATE_OBJECT = ("org.adaptive.pos", "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1",
+                "org.adaptive.pos.ComponentState1")
 
 
 class Notify(threading.Thread):
@@ -48,72 +45,26 @@ class Notify(threading.Thread):
         return [at for at, lines in self.messages if word in lines]
 
 
-class Bus:
-    """A session bus of the test's own."""
-
-    def __init__(self):
-        self.process = subprocess.Popen(
-            ["dbus-daemon", "--session", "--nofork", "--print-address=1"], stdout=subprocess.PIPE,
-            stderr=subprocess.DEVNULL, text=True,
-        )
-        self.address = self.process.stdout.readline().strip()
-
-    def call(self, state, number):
-        return subprocess.run(
-            ["busctl", "--user", "call", "org.adaptive.pos",
-             "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1", "org.adaptive.pos.ComponentState1",
-             "RequestState", "su", state, str(number)],
-            env={**os.environ, "DBUS_SESSION_BUS_ADDRESS": self.address}, capture_output=True, text=True,
-            timeout=20,
-        )
-
-    def end(self):
-        self.process.terminate()
-        self.process.wait()
-        self.process.stdout.close()
-
-
-class Scenario:
-    """The tester and the event manager."""
+class Event_manager(Tester):
+    """Subscribes at the monitor of the GNSS input each time that it is offered."""
 
     def __init__(self, desk, network):
-        self.services = desk.manifest["services"]
-        monitor = self.services[MONITOR]
-        instance = next(one for one in monitor["instances"] if one["specifier"].endswith("_POS_Input_GNSS"))
-        self.monitor = int(monitor["id"], 0), instance["udpPort"]
-        self.instance = int(instance["id"], 0)
-        self.action_group = int(monitor["events"]["MonitorAction"]["eventGroup"], 0)
-        self.init = int(monitor["methods"]["InitMonitor"]["id"], 0)
-        self.peer = network.peer(TESTER)
-        self.events = self.peer.caller()
-        self.peer.multicast.on_entry = self.subscribe
+        super().__init__(desk, network, f"127.{NETWORK}.0.40")
+        self.monitor = self.ids(MONITOR, GNSS_MONITOR)[:2]
+        self.peer.multicast.on_entry = self.offered
 
-    def subscribe(self, entry):
-        """Each offer of the monitor is answered with a subscription."""
-        if (entry.type, entry.service, entry.instance) == (OFFER, self.monitor[0], self.instance) and entry.ttl:
-            self.peer.tell(subscribe(self.monitor[0], self.action_group, self.instance), [endpoint(self.events)], NODE)
-
-    def call(self, where, method, payload):
-        service, port = where
-        answer = self.peer.call((NODE, port), service, method, payload)
-        assert answer.code == 0, answer
-        return answer.payload
-
-    def read(self, name):
-        service = self.services[name]
-        return self.call((int(service["id"], 0), service["instances"][0]["udpPort"]), 1, bytes(4))
+    def offered(self, entry):
+        if (entry.type, entry.service, entry.instance) == (OFFER, *self.monitor) and entry.ttl:
+            self.subscribe(MONITOR, GNSS_MONITOR)
 
     def inputs(self):
-        return self.read(D_14A0)
+        return self.call(D_14A0, NO_TEXTS)
 
     def lost_services(self):
-        return self.read(D_1190)
-
-    def init_monitor(self, reason):
-        self.call(self.monitor, self.init, reason)
+        return self.call(D_1190, NO_TEXTS)
 
     def actions(self):
-        return [one.payload for one in self.events.messages if one.type == NOTIFICATION]
+        return [one.payload for one in self.peer.caller().messages if one.type == NOTIFICATION]
 
 
 def main():
@@ -122,54 +73,49 @@ def main():
         notify = Notify(desk.path / "notify")
         log = Log(desk.path, 39169)
         stack.callback(log.end)
-        bus = Bus()
-        stack.callback(bus.end)
-        desk.environment.update(
-            NOTIFY_SOCKET=str(desk.path / "notify"), DLT_PIPE_DIR=str(desk.path),
-            DBUS_SESSION_BUS_ADDRESS=bus.address, POS_STATE_BUS="session",
-            POS_LOG_LEVEL="info,TRCE=verbose",
-        )
+        desk.start_bus()
+        desk.environment |= {"NOTIFY_SOCKET": str(desk.path / "notify"), "POS_LOG_LEVEL": "info,TRCE=verbose"}
         network = Network(desk=desk)
         stack.callback(network.close)
-        scenario = Scenario(desk, network)
+        manager = Event_manager(desk, network)
         application = desk.start(APPLICATION)
-        scenario.peer.entry(ACKNOWLEDGE, scenario.monitor[0])
+        manager.peer.entry(ACKNOWLEDGE, manager.monitor[0])
         gateway = desk.start(GATEWAY)
 
         flowing = bytes([0, 3, 3, 3, 3, 3, 3, 3, 3, 3, 3])
         late = bytes([1]) + flowing[1:]
-        until(lambda: scenario.inputs() == flowing, "GNSS nominal")
+        until(lambda: manager.inputs() == flowing, "GNSS nominal")
 
         gateway.kill()
         gateway.wait()
         killed = time.monotonic()
-        until(lambda: scenario.inputs() == late, "GNSS in error")
-        assert scenario.lost_services() == bytes([0, 0, 0, 5, 1, 0, 1, 0, 1]), "GNSS lost once and away"
+        until(lambda: manager.inputs() == late, "GNSS in error")
+        assert manager.lost_services() == bytes([0, 0, 0, 5, 1, 0, 1, 0, 1]), "GNSS lost once and away"
         assert 4.4 < time.monotonic() - killed < 8, time.monotonic() - killed
-        until(lambda: scenario.actions()[-1:] == [FAILED], "kFailed")
+        until(lambda: manager.actions()[-1:] == [FAILED], "kFailed")
         to_error = CHANGE.format("Nominal", "Error")
         until(lambda: log.texts("DSRV").count(to_error) == 1, "one line about the change")
 
-        events = len(scenario.actions())
-        scenario.init_monitor(RESTART)
-        until(lambda: scenario.actions()[events:] == [FAILED], "kFailed after kRestart")
-        assert scenario.inputs() == late
-        scenario.init_monitor(CLEAR)
-        until(lambda: scenario.actions()[events:][1:2] == [PASSED], "kPassed after kClear")
-        assert scenario.inputs() == flowing
-        until(lambda: scenario.inputs() == late, "in error again, as nothing came")
+        events = len(manager.actions())
+        manager.init_monitor(GNSS_MONITOR, RESTART)
+        until(lambda: manager.actions()[events:] == [FAILED], "kFailed after kRestart")
+        assert manager.inputs() == late
+        manager.init_monitor(GNSS_MONITOR, CLEAR)
+        until(lambda: manager.actions()[events:][1:2] == [PASSED], "kPassed after kClear")
+        assert manager.inputs() == flowing
+        until(lambda: manager.inputs() == late, "in error again, as nothing came")
 
-        events = len(scenario.actions())
+        events = len(manager.actions())
         gateway = desk.start(GATEWAY)
-        until(lambda: scenario.inputs() == flowing, "GNSS back")
-        assert scenario.lost_services() == bytes([0, 0, 0, 5, 1, 0, 0, 0, 1]), "GNSS lost once and back"
-        until(lambda: scenario.actions()[events:] == [PASSED], "kPassed")
+        until(lambda: manager.inputs() == flowing, "GNSS back")
+        assert manager.lost_services() == bytes([0, 0, 0, 5, 1, 0, 0, 0, 1]), "GNSS lost once and back"
+        until(lambda: manager.actions()[events:] == [PASSED], "kPassed")
         assert log.texts("DSRV").count(CHANGE.format("Error", "Nominal")) >= 1
 
         for number, state, words in ((7, "kPrepSD", "forbidden"), (8, "kPrepSD", None), (9, "kOn", "allowed")):
             lines = log.texts("DBAC").count(f"Database: storing {words}")
-            answer = bus.call(state, number)
-            assert (answer.returncode, answer.stdout.strip()) == (0, "u 0"), answer
+            answer = desk.run(BUSCTL, "--user", "call", *STATE_OBJECT, "RequestState", "su", state, number)
+            assert answer == (0, "u 0\n", ""), answer
             if words:
                 until(lambda: log.texts("DBAC").count(f"Database: storing {words}") == lines + 1, words)
             until(lambda: f"componentStateChangeRequest newState =  {state}  seqNum =  {number}" in log.texts("CCSW"),
@@ -184,7 +130,7 @@ def main():
         gaps = [b - a for a, b in zip(alive, alive[1:])]
         assert all(0.8 < gap < 1.8 for gap in gaps), gaps
         traces(log)
-        print(f"{len(log.messages)} log lines, {len(scenario.actions())} monitor events, {len(alive)} checkpoints")
+        print(f"{len(log.messages)} log lines, {len(manager.actions())} monitor events, {len(alive)} checkpoints")
     return 0
 
 

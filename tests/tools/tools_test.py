@@ -177,9 +177,7 @@ class Tools(unittest.TestCase):
             self.assertIn('services: "mw::com::runtime::Statistics" is not deployed', self.fails(POSCTL, command))
 
     def test_a_component_state_is_asked_for_over_the_bus(self):
-        bus = self.desk.start(pathlib.Path("/usr/bin/dbus-daemon"), "--session", "--nofork", "--print-address")
-        self.desk.environment |= {"DBUS_SESSION_BUS_ADDRESS": bus.stdout.readline().strip(),
-                                  "POS_STATE_BUS": "session"}
+        self.desk.start_bus()
         application = self.desk.start(APPLICATION)
         until(lambda: self.desk.run(POSCTL, "state", "kPrepSD", "--sequence", 7)[0] == 0, "an answer")
         self.assertIn("componentStateChangeRequest newState =  kPrepSD  seqNum =  7", application.log.read_text())
