@@ -116,17 +116,6 @@ class DiscoveryMessages(suite.Group):
             self.assertEqual(raw.hex(), f"01000010{VEHICLE:04x}0001{MAJOR:02x}{ttl:06x}{MINOR:08x}")
             host.kill()
 
-    def test_endpoints_of_offers(self):
-        host, peer = self.vehicle("offer stream", "offer group")
-        for service, ports in ((STREAM, [(STREAM_PORT, TCP_PROTOCOL), (STREAM_PORT, UDP_PROTOCOL)]),
-                               (GROUP, [(GROUP_PORT, UDP_PROTOCOL)])):
-            self.assertEqual(sorted(peer.entry(OFFER, service).endpoints),
-                             [(host.address, port, protocol) for port, protocol in ports])
-        peer.entry(OFFER, MONITOR)
-        for one in peer.entries(OFFER):
-            self.assertIn(len(one.options), (1, 2))
-            self.assertEqual({option.type for option in one.options}, {0x04})
-
     def test_option_runs(self):
         host, peer = self.vehicle("offer stream", "find Remote")
         peer.entry(FIND, REMOTE)
@@ -207,14 +196,6 @@ class DiscoveryMessages(suite.Group):
         peer.entry(OFFER, STREAM)
         answer, = peer.ask(host, subscribe(STREAM, TICK_GROUP), [endpoint(peer.address, 50000, TCP_PROTOCOL)])
         self.assertEqual(answer.ttl, 0)
-
-    def test_multicast_option(self):
-        host, peer = self.vehicle("offer group")
-        peer.entry(OFFER, GROUP)
-        answer = peer.subscribed(host, GROUP, TICK_GROUP, peer.socket())
-        self.assertEqual([bytes(one).hex() for one in answer.options],
-                         [f"00091400efc3{self.network.number:02x}010011{MULTICAST_PORT:04x}"])
-        self.assertEqual(peer.subscribed(host, VEHICLE, TICK_GROUP, peer.socket()).options, [])
 
     def test_multicast_subscription(self):
         host, peer = self.vehicle()

@@ -102,20 +102,12 @@ class MessageFormat(suite.Group):
         self.assertEqual(self.read(peer, 0x34AF).code, 0x02)
         self.assertEqual(peer.call(self.pos, INPUTS, 0x7001).code, 0x03)
 
-    def test_event_group(self):
-        peer = self.peer()
-        events = {event: self.subscription(self.pos, peer, group, POSITIONING)
-                  for group, event in ((POSITIONS_GROUP, POSITIONS), (MAP_INFO_GROUP, MAP_INFO))}
-        for event, channel in events.items():
-            channel.wait(lambda one: one.method == event)
-        peer.barrier(self.pos)
-        for event, channel in events.items():
-            self.assertEqual({one.method for one in channel.messages}, {event})
-
     def test_instance_id(self):
         peer = self.peer()
         deployed = {instance for service, instance in self.pos.provided if service == MONITOR}
-        self.assertEqual({one.instance for one in peer.ask(self.pos, find(MONITOR))}, deployed)
+        answers = peer.ask(self.pos, find(MONITOR))
+        self.assertEqual({one.instance for one in answers}, deployed)
+        self.assertEqual(len({one.endpoints[0] for one in answers}), len(deployed))
         server = peer.socket(SERVER_PORT)
         for instance in (0, 0xFFFF, 1):
             peer.tell(offer(GNSS, instance), [endpoint(server)])
@@ -146,17 +138,6 @@ class MessageFormat(suite.Group):
         for peer in peers:
             self.network.wait(lambda: len(peer.caller().messages) == 8, "eight responses")
             self.assertEqual({one.session for one in peer.caller().messages}, set(range(1, 9)))
-
-    def test_sessions_of_events(self):
-        notify, events = self.road()
-        events.wait()
-        for counter in range(10, 14):
-            notify(records(position(counter)))
-            self.forwarded(events, counter)
-        sessions = [one.session for one in events.messages]
-        self.assertEqual(sessions, list(range(sessions[0], sessions[0] + len(sessions))))
-        self.assertEqual({one.client for one in events.messages}, {0})
-        self.assertNotIn(0, sessions)
 
     def test_own_requests(self):
         host, peer, server = self.remote()
@@ -227,11 +208,12 @@ class MessageFormat(suite.Group):
     def test_strings(self):
         peer = self.peer()
         key, value = block(b"key"), block(b"value")
-        for texts, code in ((key + block(b"a longer value"), 0), (block(b"") + block(b""), 0),
-                            (key + block(b"value", 6), 9), (block(b"key", 0xFFFFFFFF) + value, 9), (key, 9)):
-            self.assertEqual(self.read(peer, payload=block(texts)).code, code, texts)
-        for payload in (block(b"", 5), b"\0\0"):
-            self.assertEqual(self.read(peer, payload=payload).code, 9, payload)
+        for payload, code in (
+                (block(key + block(b"a longer value")), 0), (block(block(b"") * 2), 0),
+                (block(key + block(b"value", 6)), 9), (block(block(b"key", 0xFFFFFFFF) + value), 9),
+                (block(key), 9), (block(b"", 5), 9), (b"\0\0", 9)):
+            answer = self.read(peer, payload=payload)
+            self.assertEqual((answer.code, answer.type, answer.payload == b""), (code, RESPONSE, code != 0), payload)
 
 
 if __name__ == "__main__":

@@ -60,14 +60,16 @@ class Options(suite.Group):
     def test_formats(self):
         host, peer = self.vehicle("offer stream", "offer group")
         address = bytes(map(int, host.address.split("."))).hex()
-        for service, expected in ((VEHICLE, {f"0011{VEHICLE_PORT:04x}"}),
-                                  (STREAM, {f"0011{STREAM_PORT:04x}", f"0006{STREAM_PORT:04x}"})):
+        for service, expected in ((VEHICLE, [f"0011{VEHICLE_PORT:04x}"]), (GROUP, [f"0011{GROUP_PORT:04x}"]),
+                                  (STREAM, [f"0006{STREAM_PORT:04x}", f"0011{STREAM_PORT:04x}"])):
             options = peer.entry(OFFER, service).options
-            self.assertEqual({bytes(one).hex() for one in options}, {f"00090400{address}{one}" for one in expected})
+            self.assertEqual(sorted(bytes(one).hex() for one in options),
+                             [f"00090400{address}{one}" for one in expected])
         wish = subscribe(GROUP, TICK_GROUP)
         answer, = peer.ask(host, wish, [endpoint(peer.caller(), res_hdr=0xFF, res_tail=0xFF)])
         option, = answer.options
         self.assertEqual(bytes(option).hex(), f"00091400efc3{self.network.number:02x}010011{MULTICAST_PORT:04x}")
+        self.assertEqual(peer.subscribed(host, VEHICLE, TICK_GROUP, peer.caller()).options, [])
 
     def test_invalid_endpoints(self):
         host, peer = self.vehicle()
@@ -173,7 +175,8 @@ class Options(suite.Group):
     # Endpoints of offers
 
     def test_source_of_events(self):
-        host, peer = self.vehicle("offer second", "offer stream")
+        host, peer = self.vehicle("update first value 01", "update second value 02", "update stream value 01",
+                                  "offer second", "offer stream")
         for service, instance, specifier in ((VEHICLE, 1, "first"), (VEHICLE, 2, "second"), (STREAM, 1, "stream")):
             offered = peer.entry(OFFER, service, instance=instance).endpoints
             at = next((address, port) for address, port, protocol in offered
@@ -182,7 +185,8 @@ class Options(suite.Group):
             self.assertGreater(peer.subscribed(host, service, TICK_GROUP, events, instance=instance).ttl, 0)
             host.do(f"event {specifier} tick 01")
             self.assertEqual(events.wait(lambda one: one.method == TICK).source, at)
-            self.assertEqual(peer.call(events if service == STREAM else at, service, ECHO).code, 0)
+            answer = peer.call(events if service == STREAM else at, service, VALUE_GETTER)
+            self.assertEqual(answer.payload, bytes([instance]))
 
     def test_instances_by_endpoint(self):
         host, peer = self.vehicle("find Remote")
@@ -222,11 +226,12 @@ class Options(suite.Group):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         group = (f"239.195.{self.network.number}.9", MULTICAST_PORT)
         for number in (1, 2):
-            peer.acknowledge(peer.entry(SUBSCRIBE, REMOTE_GROUP, count=number),
-                             [endpoint(peer.caller()), multicast(*group)])
+            entry = peer.entry(SUBSCRIBE, REMOTE_GROUP, count=number)
+            peer.acknowledge(entry, [endpoint(peer.caller()), multicast(*group)])
             host.said("state RemoteGroup 1 tick on")
             peer.barrier(host)
             self.reaches(host, server, group, number, TICK)
+            self.reaches(host, server, entry, number + 0x10, TICK)
             self.offer(peer, server)
 
     def test_wrong_multicast(self):

@@ -12,6 +12,7 @@ from desk import SOURCE, Desk
 from devices import ECHO, REMOTE, REMOTE_GROUP, REMOTE_STREAM, SERVER_PORT, TICK, VALUE, VALUE_GROUP, VEHICLE
 
 PAGE = SOURCE / "docs/conformance.md"
+FOLDER = SOURCE / "tests/conformance"
 # What tshark finds wrong with a message.
 COMPLAINTS = ("_ws.malformed", "someip.incomplete_headers", "someip.unknown_protocol_version",
               "someip.tp.fragment.error", "someipsd.message_truncated",
@@ -170,14 +171,17 @@ class Group(unittest.TestCase):
 
 def main(group):
     """Runs the tests that the page names in its order, or those that the command line names. Each test of
-    the group has a row, and each row a test or a reason why the requirement does not apply."""
+    the group has a row, and each row a test, here or "of" another group, or a reason why it does not apply."""
     section = PAGE.read_text(encoding="utf-8").partition(f"\n## {group.title}\n")[2].partition("\n## ")[0]
     rows = [[cell.strip() for cell in line.split("|")[2:5]] for line in section.splitlines() if line.startswith("| ")]
     tested = {}
     for text, name, verdict in rows[1:]:
         assert verdict == "pass" if name else verdict.startswith("does not apply: "), (text, verdict)
-        if name:
-            tested.setdefault(name, []).append(text)
+        test, _, elsewhere = name.partition(" of ")
+        if elsewhere:
+            assert f"def {test}(self)" in (FOLDER / f"{elsewhere}.py").read_text(encoding="utf-8"), name
+        elif test:
+            tested.setdefault(test, []).append(text)
     names = {name for name in dir(group) if name.startswith("test_")}
     assert tested.keys() == names, f"tests without row, rows without test: {tested.keys() ^ names}"
     wanted = [name for name in tested if not sys.argv[1:] or any(part in name for part in sys.argv[1:])]

@@ -103,14 +103,6 @@ class Wire(suite.Group):
                          host.at(service))
                 self.assertEqual(via.wait(lambda one: one.session == odd + 10).payload, b"second")
 
-    def test_largest_datagram(self):
-        host, peer = self.vehicle()
-        since = len(self.network.raw)
-        answer = peer.call(host, VEHICLE, MAKE, (1400).to_bytes(4, "big"))
-        self.assertEqual((answer.type, len(answer.payload)), (RESPONSE, 1400))
-        self.assertEqual(peer.call(host, VEHICLE, MAKE, (1401).to_bytes(4, "big")).type, RESPONSE | TP)
-        self.assertTrue(all(len(raw) <= 1416 for _, _, _, raw in self.network.raw[since:]))
-
     def test_shared_subscription(self):
         host, peer, server = self.remote("subscribe Remote 1 tick a", "subscribe Remote 1 tick b")
         entry = peer.entry(SUBSCRIBE, REMOTE)
@@ -187,15 +179,6 @@ class Wire(suite.Group):
         for events in channels:
             events.wait()
         self.assertEqual(self.received(host, peers[0], *channels, group), [[b"\x07"]] * 3 + [[]])
-
-    def test_client_receives_both(self):
-        host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
-        entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
-        group = (f"239.195.{self.network.number}.9", MULTICAST_PORT)
-        peer.acknowledge(entry, [SDOption_IP4_Multicast(addr=group[0], port=group[1])])
-        host.said("state RemoteGroup 1 tick on")
-        for number, to in ((1, entry), (2, group)):
-            self.reaches(host, server, to, number, TICK)
 
     # Streams
 
@@ -364,25 +347,6 @@ class Wire(suite.Group):
             self.network.wait(lambda: host.do(event) or host.count("slowReaders") == 1, "end of the connection")
             other = peer.connect(host.at(STREAM))
             self.assertEqual(peer.call(other, STREAM, ECHO, b"x").payload, b"x")
-
-    # Several instances
-
-    def test_instances(self):
-        peer = self.peer()
-        host = self.host("update first value 01", "update second value 02", "offer first", "offer second")
-        ports = set()
-        for instance in (1, 2):
-            (address, port, _), = peer.entry(OFFER, VEHICLE, instance=instance).endpoints
-            ports.add(port)
-            self.assertEqual(peer.call((address, port), VEHICLE, VALUE_GETTER).payload, bytes([instance]))
-        self.assertEqual(len(ports), 2)
-        self.assertEqual(peer.entry(OFFER, INPUTS).endpoints, peer.entry(OFFER, SYSTEM_STATUS).endpoints)
-
-    def test_monitors(self):
-        answers = self.peer().ask(self.pos, find(MONITOR))
-        monitors = {instance for service, instance in self.pos.provided if service == MONITOR}
-        self.assertEqual({one.instance for one in answers}, monitors)
-        self.assertEqual(len({one.endpoints[0] for one in answers}), len(monitors))
 
 
 if __name__ == "__main__":
