@@ -101,7 +101,7 @@ TEST_F(Trace, records_are_built_at_an_enabled_level_and_empty_when_they_cannot_b
 
 TEST_F(Trace, a_malformed_payload_takes_nothing_that_came_before) {
   GNSSProxy proxy{played};
-  proxy.positions.Subscribe(2);
+  proxy.positions.Subscribe(1);
   runtime_.notify_bytes("positions", empty_vector);
   runtime_.notify_bytes("positions", std::span{empty_vector}.first(3));
   EXPECT_THAT(told(), testing::Contains(HasSubstr("Event_deserialize_exception")));

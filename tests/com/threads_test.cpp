@@ -143,11 +143,9 @@ TEST(Strand, claimed_and_queued_pieces_never_overlap_and_none_runs_after_close) 
 using Samples = mw::com::cpp_binding::proxy::Sample_cache<std::array<int, 8>>;
 
 bool receive(Samples& samples, int value) {
-  auto* const slot = samples.acquire();
-  if (slot == nullptr) return false;
-  slot->value.fill(value);
-  samples.push(slot);
-  return true;
+  auto& slot = samples.acquire();
+  slot.value.fill(value);
+  return samples.push(slot);
 }
 
 TEST(Samples, displace_the_oldest_that_waits_but_none_that_is_held) {

@@ -47,45 +47,43 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
   /// `capacity`: samples that may wait plus samples that the application may hold.
   explicit Sample_cache(std::size_t capacity) : capacity_{capacity} {}
 
-  /// A slot to decode into: a free one, or the oldest sample that nobody fetched, or none when the
-  /// application holds them all.
-  [[nodiscard]] Slot* acquire() {
-    if (Slot* const free = find_free()) return free;
-    if (slots_.size() < capacity_) return slots_.emplace_back(std::make_unique<Slot>()).get();
-    if (Slot* const oldest = next()) {
-      oldest->taken.store(false, std::memory_order_relaxed);
-      return oldest;
+  /// A free slot to decode into. There always is one beside those that wait or are held, so that
+  /// what cannot be decoded costs none of these.
+  [[nodiscard]] Slot& acquire() {
+    for (const auto& slot : slots_) {
+      if (!slot->taken.load(std::memory_order_acquire)) return *slot;
     }
-    // Nothing waits: what was taken is held, unless it has been given back since the first look.
-    return find_free();
+    return *slots_.emplace_back(std::make_unique<Slot>());
   }
-  void push(Slot* sample) {
-    sample->taken.store(true, std::memory_order_relaxed);
+  /// Displaces the oldest sample that nobody fetched when there is no room for one more. False when
+  /// the application holds them all.
+  [[nodiscard]] bool push(Slot& sample) {
     const std::lock_guard lock{mutex_};
-    waiting_.push_back(sample);
+    if (full()) {
+      if (waiting_.empty()) return false;
+      waiting_.front()->taken.store(false, std::memory_order_relaxed);
+      waiting_.pop_front();
+    }
+    sample.taken.store(true, std::memory_order_relaxed);
+    waiting_.push_back(&sample);
     any_waiting_.store(true, std::memory_order_relaxed);
+    return true;
   }
   [[nodiscard]] ara::com::SamplePtr<Value> pop() {
-    Slot* const sample = next();
-    if (sample == nullptr) return nullptr;
-    return {&sample->value, {this->shared_from_this(), &sample->taken}};
-  }
-
- private:
-  [[nodiscard]] Slot* find_free() const {
-    for (const auto& slot : slots_) {
-      if (!slot->taken.load(std::memory_order_acquire)) return slot.get();
-    }
-    return nullptr;
-  }
-  [[nodiscard]] Slot* next() {
     if (!any_waiting_.load(std::memory_order_relaxed)) return nullptr;
     const std::lock_guard lock{mutex_};
     if (waiting_.empty()) return nullptr;
     Slot* const sample = waiting_.front();
     waiting_.pop_front();
     any_waiting_.store(!waiting_.empty(), std::memory_order_relaxed);
-    return sample;
+    return {&sample->value, {this->shared_from_this(), &sample->taken}};
+  }
+
+ private:
+  [[nodiscard]] bool full() const {
+    if (slots_.size() <= capacity_) return false;  // one of them is free: that of the new sample
+    const auto taken = [](const auto& slot) { return slot->taken.load(std::memory_order_relaxed); };
+    return static_cast<std::size_t>(std::ranges::count_if(slots_, taken)) == capacity_;
   }
 
   const std::size_t capacity_;
@@ -180,17 +178,15 @@ class Event {
   }
   /// Decodes into the cache; false when there is nothing new in it.
   bool take(tq::com::Payload payload) {
-    auto* const slot = cache_->acquire();
-    if (slot == nullptr) return false;
+    auto& slot = cache_->acquire();
     try {
-      Serialization<Value>::decode(payload, slot->value);
+      Serialization<Value>::decode(payload, slot.value);
     } catch (const std::exception& error) {
       log_malformed_payload(connection_.service, name_, error.what());
       tell(Trace_id::Event_deserialize_exception);
       return false;
     }
-    cache_->push(slot);
-    return true;
+    return cache_->push(slot);
   }
   template <class Call>
   void handle(Call call) {
