@@ -197,6 +197,8 @@ bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   if (!open_) return false;
   if (size < 0) {
     if (++errors_ < max_errors) return true;  // of earlier sends, as in receive_batch()
+    alarm_->stop();
+    ticking_ = false;
     workers_receive();
     return false;
   }
