@@ -15,7 +15,7 @@ int __real_bind(int, const sockaddr*, socklen_t);
 int __real_close(int);
 int __real_getsockname(int, sockaddr*, socklen_t*);
 int __real_getpeername(int, sockaddr*, socklen_t*);
-ssize_t __real_sendmsg(int, const msghdr*, int);
+ssize_t __real_sendto(int, const void*, std::size_t, int, const sockaddr*, socklen_t);
 ssize_t __real_recvfrom(int, void*, std::size_t, int, sockaddr*, socklen_t*);
 int __real_setsockopt(int, int, int, const void*, socklen_t);
 }
@@ -317,17 +317,19 @@ int __wrap_setsockopt(int descriptor, int level, int name, const void* value, so
   return 0;
 }
 
-ssize_t __wrap_sendmsg(int descriptor, const msghdr* message, int flags) {
+ssize_t __wrap_sendto(int descriptor,
+                      const void* from,
+                      std::size_t size,
+                      int flags,
+                      const sockaddr* address,
+                      socklen_t length) {
   if (!Network::instance().datagrams(descriptor)) {
-    return __real_sendmsg(descriptor, message, flags);
+    return __real_sendto(descriptor, from, size, flags, address, length);
   }
   Network::Datagram datagram;
-  datagram.to =
-      fuzz::endpoint_of(static_cast<const sockaddr*>(message->msg_name), message->msg_namelen);
-  for (std::size_t i = 0; i < message->msg_iovlen; ++i) {
-    const auto* begin = static_cast<const std::byte*>(message->msg_iov[i].iov_base);
-    datagram.bytes.insert(datagram.bytes.end(), begin, begin + message->msg_iov[i].iov_len);
-  }
+  datagram.to = fuzz::endpoint_of(address, length);
+  const auto* const begin = static_cast<const std::byte*>(from);
+  datagram.bytes.assign(begin, begin + size);
   return Network::instance().send(descriptor, std::move(datagram));
 }
 
