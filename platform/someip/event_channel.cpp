@@ -40,24 +40,17 @@ void Event_channel::notify(Bytes payload) {
   }
   if (!targets_) return;
   const std::uint16_t session = sessions_.next();
-  if (held_ || !begin_sending()) {
+  if (held_ || sending_) {
     (held_ ? held_queue_ : queue_).push_back({{payload.begin(), payload.end()}, targets_, session});
     if (!held_ && discovery_sends_) take_over(lock);
     return;
   }
+  sending_ = true;
   const Targets targets = targets_;
   lock.unlock();
   send(payload, *targets, session);
-  auto expected = Sending::somebody;
-  if (sending_.compare_exchange_strong(expected, Sending::nobody)) return;
   lock.lock();
   drain(lock);
-}
-
-bool Event_channel::begin_sending() {
-  auto expected = Sending::nobody;
-  return sending_.compare_exchange_strong(expected, Sending::somebody) ||
-         sending_.exchange(Sending::somebody_with_queue) == Sending::nobody;
 }
 
 void Event_channel::hold(Targets targets) {
@@ -88,7 +81,7 @@ void Event_channel::release() {
 }
 
 void Event_channel::send_queue(std::unique_lock<std::mutex>& lock) {
-  if (!begin_sending()) return;
+  if (std::exchange(sending_, true)) return;
   discovery_sends_ = true;
   drain(lock);
   discovery_sends_ = false;
@@ -110,7 +103,7 @@ void Event_channel::drain(std::unique_lock<std::mutex>& lock) {
     send(job.payload, *job.targets, job.session);
     lock.lock();
   }
-  sending_ = Sending::nobody;
+  sending_ = false;
   publisher_waits_ = false;
 }
 

@@ -1,7 +1,6 @@
 /// One event or field notifier of a provided instance, on its way to the subscribers.
 #pragma once
 
-#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -70,8 +69,6 @@ class Event_channel {
     std::uint16_t session;
   };
 
-  /// True when nobody sends: the caller does now. False when whoever sends takes the queue along.
-  [[nodiscard]] bool begin_sending();
   void send(Bytes payload, const Event_targets& targets, std::uint16_t session);
   void drain(std::unique_lock<std::mutex>& lock);
   /// On the thread of discovery: sends the queue, unless somebody does so already. A publisher that
@@ -87,11 +84,8 @@ class Event_channel {
   Counters& counters_;
   std::function<void(std::uint16_t)> value_missing_;  ///< fixed once the instance is offered
 
-  mutable std::mutex mutex_;  ///< guards the members below; not held while sending
-  /// Changed under the mutex, except by who sends and finds when it is done that nobody has asked
-  /// for more: an atomic, so that this needs no lock.
-  enum class Sending { nobody, somebody, somebody_with_queue };
-  std::atomic<Sending> sending_{Sending::nobody};
+  mutable std::mutex mutex_;      ///< guards the members below; not held while sending
+  bool sending_ = false;          ///< somebody sends and will take the queue along
   bool discovery_sends_ = false;  ///< it is the thread of discovery that sends
   bool publisher_waits_ = false;  ///< and will go on with the queue
   std::condition_variable discovery_done_;
