@@ -163,9 +163,8 @@ class Field {
   Field& operator=(const Field&) = delete;
 
   /// Keeps the value for Get and for new subscribers and notifies the present ones. Two updates at
-  /// the same time are sent in either order. Not inlined: whether it would be must not depend on
-  /// the trace being compiled in.
-  [[gnu::noinline]] void Update(const Value& value) {
+  /// the same time are sent in either order.
+  void Update(const Value& value) {
     // Kept per thread so that an update costs no allocation.
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
