@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <bit>
+#include <cassert>
 #include <charconv>
 #include <cmath>
 #include <cstring>
@@ -114,16 +115,18 @@ char* write_number(char* out, double value) {
       .ptr;
 }
 
-/// A line of very many short pieces on its way into a text, to which it goes in one piece.
+/// A line of very many short pieces on its way into a text, to which it goes in one piece. flush()
+/// ends it.
 class Line {
  public:
   explicit Line(std::string& text) : text_(text) {}
-  ~Line() { flush(); }
+  ~Line() = default;
   Line(const Line&) = delete;
   Line& operator=(const Line&) = delete;
 
   /// `piece` is no longer than the buffer.
   Line& operator<<(std::string_view piece) {
+    assert(piece.size() <= buffer_.size());
     make_room(piece.size());
     std::memcpy(end_, piece.data(), piece.size());
     end_ += piece.size();
@@ -139,14 +142,14 @@ class Line {
     }
     return *this;
   }
+  void flush() {
+    text_.append(buffer_.data(), end_);
+    end_ = buffer_.data();
+  }
 
  private:
   void make_room(std::size_t size) {
     if (static_cast<std::size_t>(buffer_.data() + buffer_.size() - end_) < size) flush();
-  }
-  void flush() {
-    text_.append(buffer_.data(), end_);
-    end_ = buffer_.data();
   }
 
   std::string& text_;
@@ -227,6 +230,7 @@ void append_line(std::string& text, const DT_positions_struct& position, std::ui
         *p.preciseLocalTimeNanoseconds / 1000 + std::uint64_t{*p.preciseLocalTimeSeconds} * 1000000,
         arrival_us);
   }
+  line.flush();
 }
 
 void append_line(std::string& text, const DT_positionsQuality_struct& quality) {
@@ -246,6 +250,7 @@ void append_line(std::string& text, const DT_positionsQuality_struct& quality) {
   append_quantity(line, ", satsInUse", q.satsInUse, q.satsInUse_valueType);
   append_quantity(line, ", satsTracked", q.satsTracked, q.satsTracked_valueType);
   append_member(line, ", statusGNSSAntenna", q.statusGNSSAntenna);
+  line.flush();
 }
 
 }  // namespace gnssClient
