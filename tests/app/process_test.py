@@ -15,8 +15,7 @@ SLACK_S = 8.0  # a loaded machine, sanitizers
 
 class ProcessTest(unittest.TestCase):
     def setUp(self):
-        self.desk = Desk(71)
-        self.addCleanup(self.desk.__exit__, None)
+        self.desk = self.enterContext(Desk(71))
 
     def started(self, **options):
         application = self.desk.start(APPLICATION, **options)

@@ -416,7 +416,18 @@ class Run:
                 assert any(one.fits(row) for one in rest), f"{self.name}, {group}: not in its place: {row}"
         known = [row for rows in self.groups.values() for row in rows]
         for one in self.messages():
-            assert one.context == "TRCE" or any(one.fits(row) for row in known), f"{self.name}: not listed: {one}"
+            if one.context == "TRCE":
+                check_record(*one.arguments)
+            else:
+                assert any(one.fits(row) for row in known), f"{self.name}: not listed: {one}"
+
+
+def check_record(trace):
+    """One JSON object with its keys in order."""
+    def ordered(pairs):
+        numbers = [int(key.split("_")[0]) for key, _ in pairs if key[0].isdigit()]
+        assert numbers == sorted(numbers), trace
+    json.loads(trace, object_pairs_hook=ordered)
 
 
 INIT, ERROR, LOGICAL, PHYSICAL = 1, 2, 3, 4
