@@ -17,16 +17,20 @@
 /// A payload without bytes is written "-". "done" follows each command. The end of the input ends
 /// the process in good order.
 #include <algorithm>
+#include <boost/algorithm/hex.hpp>
 #include <cstdio>
 #include <exception>
 #include <functional>
 #include <iostream>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <span>
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -51,23 +55,17 @@ void print(const std::string& line) {
 
 std::string hex(Payload payload) {
   if (payload.empty()) return "-";
-  static constexpr char digits[] = "0123456789abcdef";
   std::string text;
-  text.reserve(payload.size() * 2);
-  for (const std::byte byte : payload) {
-    text += digits[std::to_integer<unsigned>(byte) >> 4];
-    text += digits[std::to_integer<unsigned>(byte) & 0xF];
-  }
+  const std::string_view bytes(reinterpret_cast<const char*>(payload.data()), payload.size());
+  boost::algorithm::hex_lower(bytes, std::back_inserter(text));
   return text;
 }
 
 Bytes unhex(const std::string& text) {
-  Bytes bytes;
-  if (text == "-") return bytes;
-  for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-    bytes.push_back(static_cast<std::byte>(std::stoul(text.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
+  if (text == "-") return {};
+  const std::string content = boost::algorithm::unhex(text);
+  const auto bytes = std::as_bytes(std::span(content));
+  return {bytes.begin(), bytes.end()};
 }
 
 /// What the methods of the test services do, by name.

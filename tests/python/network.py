@@ -89,8 +89,7 @@ class Entry:
                 if option.type in (0x04, 0x14)]
 
     def __repr__(self):
-        return (f"<entry {self.type:02x} {self.service:04x}.{self.instance:04x} v{self.major} "
-                f"group {self.group} ttl {self.ttl} {self.endpoints}>")
+        return str(vars(self))
 
 
 def messages_of(datagram):
