@@ -2,26 +2,14 @@
 
 #include <algorithm>
 
-namespace {
-std::mutex names_mutex;          // guards names
-std::vector<std::string> names;  // of elements, in order of first mention
-
-/// Ids of an element, the same on both sides: its number in order of first mention.
-tq::com::Element_ids ids_of(std::string_view name) {
-  const std::lock_guard lock{names_mutex};
-  auto place = std::ranges::find(names, name);
-  if (place == names.end()) place = names.insert(names.end(), std::string{name});
-  const auto number = static_cast<std::uint16_t>(place - names.begin());
+/// The same on both sides: made of the name.
+tq::com::Element_ids Fake_runtime::ids_of(std::string_view element) {
+  const auto number = static_cast<std::uint16_t>(std::hash<std::string_view>{}(element) % 0x7FFF);
   return {.method = static_cast<std::uint16_t>(1 + number),
           .getter = static_cast<std::uint16_t>(1 + number),
           .setter = {},
           .notifier = static_cast<std::uint16_t>(0x8001 + number)};
 }
-std::string name_of(std::uint16_t notifier) {
-  const std::lock_guard lock{names_mutex};
-  return names.at(notifier - std::size_t{0x8001});
-}
-}  // namespace
 
 class Fake_runtime::Consumer final : public Played_runtime::Consumer {
  public:
@@ -70,7 +58,7 @@ class Fake_runtime::Provider : public tq::com::Provider {
     runtime_.idle_.wait(lock, [this] { return runtime_.instances_[specifier_].running == 0; });
   }
   void update_field(std::uint16_t notifier, tq::com::Payload value) override {
-    runtime_.updates_[name_of(notifier)].emplace_back(value.begin(), value.end());
+    runtime_.updates_[notifier].emplace_back(value.begin(), value.end());
   }
   void send_event(std::uint16_t, tq::com::Payload value) override {
     if (runtime_.on_send) runtime_.on_send();

@@ -52,7 +52,7 @@ class Fake_runtime final : public Played_runtime {
   template <class Record>
   std::vector<Record> published(const std::string& element) {
     std::vector<Record> records;
-    for (const auto& payload : updates_[element]) {
+    for (const auto& payload : updates_[ids_of(element).notifier.value()]) {
       std::vector<Record> one;
       binding::Cursor cursor{payload};
       binding::decode(cursor, one);
@@ -70,6 +70,8 @@ class Fake_runtime final : public Played_runtime {
                                              std::string_view specifier) override;
 
  private:
+  static tq::com::Element_ids ids_of(std::string_view element);
+
   class Consumer;
   class Provider;
   struct Instance {
@@ -80,8 +82,8 @@ class Fake_runtime final : public Played_runtime {
   };
 
   std::map<std::string, tq::com::Notification_handler> notifications_;
-  std::map<std::string, std::vector<std::vector<std::byte>>> updates_;
-  mutable std::mutex mutex_;  ///< guards instances_
+  std::map<std::uint16_t, std::vector<std::vector<std::byte>>> updates_;  ///< by notifier
+  mutable std::mutex mutex_;                                              ///< guards instances_
   std::condition_variable idle_;
   std::map<std::string, Instance, std::less<>> instances_;
 };
