@@ -19,6 +19,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -44,6 +45,30 @@ inline void run_on(std::size_t processor) {
   CPU_SET(processor, &set);
   sched_setaffinity(0, sizeof set, &set);
 }
+
+/// While one lives the processors do not halt when there is nothing to do: on each a thread spins
+/// that gives way to any other at once. A virtual machine's processor that halted comes back late
+/// and elsewhere, with the caches and the predictions of another.
+class Awake {
+ public:
+  explicit Awake(const std::vector<std::size_t>& processors) {
+    for (const auto processor : processors) {
+      threads_.emplace_back([processor](const std::stop_token& stop) {
+        run_on(processor);
+        const sched_param none{};
+        if (sched_setscheduler(0, SCHED_IDLE, &none) != 0) return;
+        while (!stop.stop_requested()) {
+#if defined(__x86_64__)
+          __builtin_ia32_pause();
+#endif
+        }
+      });
+    }
+  }
+
+ private:
+  std::vector<std::jthread> threads_;
+};
 
 /// Two machines joined by a cable: two network namespaces, a veth pair between them. They have no
 /// names, so the kernel takes them down with the last process in them, however that ends.

@@ -6,7 +6,8 @@
 ///   bench_network [--quick] APPLICATION RELAY   prints JSON
 ///
 /// Each latency and rate is a list with one figure a round: application and relay are measured in
-/// turn, so that what else the machine does meets both alike.
+/// turn, so that what else the machine does meets both alike. First with processors that are kept
+/// awake, then with processors that halt when they have nothing to do.
 #include <iostream>
 #include <map>
 #include <memory>
@@ -19,17 +20,21 @@ namespace {
 using namespace bench;
 using namespace std::chrono_literals;
 
+struct Phase {
+  bool awake;
+  int rounds;
+  int at_10_hz;  ///< datagrams in all, the rounds would be too short to see percentiles
+};
 struct Plan {
   int starts;
-  int rounds;
+  std::array<Phase, 2> phases;
   int at_1_khz;      ///< datagrams in a round
   int back_to_back;  ///< datagrams in a round
   std::chrono::milliseconds sustained;
-  int at_10_hz;  ///< datagrams in all, the rounds would be too short to see percentiles
   std::chrono::seconds at_rest;
 };
-constexpr Plan thorough{10, 5, 1000, 5000, 300ms, 1000, 10s};
-constexpr Plan quick{3, 3, 300, 1000, 100ms, 50, 3s};
+constexpr Plan thorough{10, {{{true, 5, 1000}, {false, 3, 300}}}, 1000, 5000, 300ms, 10s};
+constexpr Plan quick{3, {{{true, 3, 50}, {false, 1, 20}}}, 300, 1000, 100ms, 3s};
 
 struct Programs {
   std::string application;
@@ -102,12 +107,14 @@ class Bed {
     const auto& [name, way] = roads_[road];
     at_10_hz_[name].add(travel(way, datagram));
   }
-  [[nodiscard]] nlohmann::json results() {
-    for (auto& [name, latencies] : at_10_hz_) {
-      latencies.sort();
-      note(name, "10 Hz", latencies);
+  /// Since the last time.
+  [[nodiscard]] nlohmann::json take_results() {
+    for (auto& [name, latencies] : std::exchange(at_10_hz_, {})) {
+      auto sorted = latencies;
+      sorted.sort();
+      note(name, "10 Hz", sorted);
     }
-    auto result = results_;
+    auto result = std::exchange(results_, {});
     result["network"] = network_;
     result["processors"] = processor_each_ ? "a processor each" : "one processor";
     return result;
@@ -166,6 +173,23 @@ double percent(double seconds, Clock::duration time) {
   return 100 * seconds / std::chrono::duration<double>(time).count();
 }
 
+/// All roads of all beds at 10 Hz at the same time, one after the other.
+void at_10_hz(const std::vector<std::unique_ptr<Bed>>& beds, int times) {
+  std::vector<std::pair<Bed*, std::size_t>> all;
+  for (const auto& bed : beds) {
+    for (std::size_t road = 0; road < bed->roads(); ++road)
+      all.emplace_back(bed.get(), road);
+  }
+  auto next = Clock::now();
+  for (int i = 0; i < times; ++i) {
+    for (const auto& [bed, road] : all) {
+      std::this_thread::sleep_until(next);
+      next += std::chrono::nanoseconds{100ms} / all.size();
+      bed->one_at_10_hz(road);
+    }
+  }
+}
+
 nlohmann::json run(const Plan& plan, const Programs& programs) {
   nlohmann::json result;
   std::optional<Cable> cable;
@@ -205,31 +229,24 @@ nlohmann::json run(const Plan& plan, const Programs& programs) {
   std::this_thread::sleep_for(plan.at_rest);
   result["rest"]["cpu_percent"] = percent(cpu_seconds(one) - cpu, Clock::now() - begin);
 
-  // All of them at 10 Hz at the same time, one after the other.
-  std::vector<std::pair<Bed*, std::size_t>> all;
-  for (const auto& bed : beds) {
-    for (std::size_t road = 0; road < bed->roads(); ++road)
-      all.emplace_back(bed.get(), road);
-  }
-  cpu = cpu_seconds(one);
-  begin = Clock::now();
-  auto next = begin;
-  for (int i = 0; i < plan.at_10_hz; ++i) {
-    for (const auto& [bed, road] : all) {
-      std::this_thread::sleep_until(next);
-      next += std::chrono::nanoseconds{100ms} / all.size();
-      bed->one_at_10_hz(road);
+  for (const auto& phase : plan.phases) {
+    std::optional<Awake> awake;
+    if (phase.awake) awake.emplace(cpus);
+    cpu = cpu_seconds(one);
+    begin = Clock::now();
+    at_10_hz(beds, phase.at_10_hz);
+    result["10 Hz"]["cpu_percent"] = percent(cpu_seconds(one) - cpu, Clock::now() - begin);
+    for (int round = 0; round < phase.rounds; ++round) {
+      for (const auto& bed : beds)
+        bed->round(plan);
+    }
+    for (const auto& bed : beds) {
+      auto road = bed->take_results();
+      road["awake"] = phase.awake;
+      result["roads"].push_back(std::move(road));
     }
   }
-  result["10 Hz"]["cpu_percent"] = percent(cpu_seconds(one) - cpu, Clock::now() - begin);
-
-  for (int round = 0; round < plan.rounds; ++round) {
-    for (const auto& bed : beds)
-      bed->round(plan);
-  }
   result["after"]["resident_kib"] = resident_kib(one);
-  for (const auto& bed : beds)
-    result["roads"].push_back(bed->results());
   return result;
 }
 
