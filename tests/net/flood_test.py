@@ -6,7 +6,6 @@ import pathlib
 import re
 import socket
 import struct
-import sys
 import time
 
 from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions
@@ -134,4 +133,4 @@ def main():
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()

@@ -1,30 +1,15 @@
 """Records as they travel in payloads: members behind their tags, lengths in front."""
 
+import functools
 import struct
 
 
-def member(wire_type, number, packing, value):
+def member(wire_type, packing, number, value):
     return struct.pack("!H" + packing, wire_type << 12 | number, value)
 
 
-def u8(number, value):
-    return member(0, number, "B", value)
-
-
-def u32(number, value):
-    return member(2, number, "I", value)
-
-
-def f32(number, value):
-    return member(2, number, "f", value)
-
-
-def u64(number, value):
-    return member(3, number, "Q", value)
-
-
-def f64(number, value):
-    return member(3, number, "d", value)
+u8, u32, f32, u64, f64 = (functools.partial(member, wire_type, packing) for wire_type, packing in (
+    (0, "B"), (2, "I"), (2, "f"), (3, "Q"), (3, "d")))
 
 
 def block(content, length=None):

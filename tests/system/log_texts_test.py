@@ -9,7 +9,6 @@ import json
 import re
 import signal
 import subprocess
-import sys
 
 from desk import APPLICATION, BUILD, SOURCE, Desk, until
 from dlt import Log
@@ -614,8 +613,7 @@ def main():
         failures(desk, log, network, tester)
         log.check_printed()
         print(f"{len(log.messages)} messages, {sum(len(r) for g in TEXTS.values() for r in g.values())} rows")
-    return 0
 
 
 if __name__ == "__main__":
-    sys.exit(main())
+    main()
