@@ -149,7 +149,7 @@ class Machines:
 
 def bad_cable(cable, desk):
     machines = Machines(desk)
-    machines.flow("after the start", 5)
+    machines.positions.flow("after the start", 5)
     for seconds, what in ((5, "within the subscription"), (8, "for longer than every time to live")):
         cable.plugged = False  # somewhere in between: both machines keep their link
         time.sleep(seconds)
