@@ -2,6 +2,10 @@
 /// proxy.
 #pragma once
 
+#include <array>
+#include <cstdint>
+#include <string_view>
+
 #include "ara/core/future.h"
 #include "binding/codec.h"
 #include "mw/com/cpp_binding/proxy.h"
@@ -25,6 +29,22 @@ enum class MonitorActionType : std::uint8_t {
   kPrestore = 8,
   kClearPrestore = 9,
 };
+
+/// The name above; empty for a number that has none.
+[[nodiscard]] constexpr std::string_view nameOf(MonitorActionType action) {
+  constexpr std::array<std::string_view, 10> names{"kPassed",
+                                                   "kFailed",
+                                                   "kPrepassed",
+                                                   "kPrefailed",
+                                                   "kFdcThresholdReached",
+                                                   "kResetTestFailed",
+                                                   "kFreezeDebouncing",
+                                                   "kResetDebouncing",
+                                                   "kPrestore",
+                                                   "kClearPrestore"};
+  const auto number = static_cast<std::size_t>(action);
+  return number < names.size() ? names[number] : std::string_view{};
+}
 
 struct DiagnosticMonitor {
   static constexpr std::string_view name = "mw::dm::dem::DiagnosticMonitor";

@@ -37,18 +37,8 @@ struct OutputRule {
 constexpr std::array kOutputRules{OutputRule{0, kSystemMapMatching}, OutputRule{1, kSystemPgf}};
 
 std::string_view actionName(MonitorActionType action) {
-  constexpr std::array<std::string_view, 10> names{"kPassed",
-                                                   "kFailed",
-                                                   "kPrepassed",
-                                                   "kPrefailed",
-                                                   "kFdcThresholdReached",
-                                                   "kResetTestFailed",
-                                                   "kFreezeDebouncing",
-                                                   "kResetDebouncing",
-                                                   "kPrestore",
-                                                   "kClearPrestore"};
-  const auto number = static_cast<std::size_t>(action);
-  return number < names.size() ? names[number] : "unknonw";
+  const auto name = mw::dm::dem::nameOf(action);
+  return name.empty() ? "unknonw" : name;
 }
 
 /// A record of unsigned members whose wire form is `bytes`.

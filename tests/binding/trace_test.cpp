@@ -32,7 +32,7 @@ class Trace : public testing::Test {
   Trace() { context_.SetLevel(LogLevel::kInfo); }
   /// What was told since the last call.
   std::vector<std::string> told() {
-    const auto texts = capture_.Texts("TRCE");
+    auto texts = capture_.Texts("TRCE");
     capture_.Clear();
     return texts;
   }

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <cstdio>
 #include <iostream>
 #include <map>
@@ -26,20 +25,9 @@ using mw::dm::dem::InitMonitorReason;
 using mw::dm::dem::MonitorActionType;
 using mw::dm::dem::proxy::DiagnosticMonitorProxy;
 
-constexpr std::array<std::string_view, 10> action_names{"kPassed",
-                                                        "kFailed",
-                                                        "kPrepassed",
-                                                        "kPrefailed",
-                                                        "kFdcThresholdReached",
-                                                        "kResetTestFailed",
-                                                        "kFreezeDebouncing",
-                                                        "kResetDebouncing",
-                                                        "kPrestore",
-                                                        "kClearPrestore"};
-
 std::string name_of(MonitorActionType action) {
-  const auto number = static_cast<std::size_t>(action);
-  return number < action_names.size() ? std::string(action_names[number]) : std::to_string(number);
+  const auto name = mw::dm::dem::nameOf(action);
+  return name.empty() ? std::to_string(static_cast<unsigned>(action)) : std::string(name);
 }
 
 /// Which monitor an instance belongs to, by the manifest in force.
