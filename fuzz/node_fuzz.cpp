@@ -117,8 +117,8 @@ class Application {
         provide_methods(service, *provisions_.back());
       }
     }
-    for (std::uint8_t i = 0; i < provisions_.size(); ++i)
-      offer(i);
+    for (std::size_t i = 0; i < provisions_.size(); ++i)
+      offer(static_cast<std::uint8_t>(i));
     for (const auto& service : services_) {
       if (!service.instances.empty()) continue;
       used_.push_back(&service);
@@ -270,7 +270,8 @@ class Application {
   void call(Input& input) {
     const auto choice = input.u8();
     auto& connection = *connections_[choice & 3U];
-    const std::vector<std::byte> arguments(input.u8() * ((choice & 0x40U) != 0 ? 16U : 1U));
+    const std::vector<std::byte> arguments(input.u8() *
+                                           std::size_t{(choice & 0x40U) != 0 ? 16U : 1U});
     if ((choice & 0x80U) != 0) {
       connection.call_no_return(1, arguments);
     } else {
@@ -289,7 +290,7 @@ class Application {
   void publish(Input& input) {
     constexpr std::array<std::uint16_t, 5> events{0x8001, 0x8002, 0x8003, 0x8004, 0x8005};
     const auto choice = input.u8();
-    const std::vector<std::byte> value(input.u8() * ((choice & 0x40U) != 0 ? 64U : 1U));
+    const std::vector<std::byte> value(input.u8() * std::size_t{(choice & 0x40U) != 0 ? 64U : 1U});
     provisions_[choice & 1U]->send_event(events[((choice >> 1U) & 0x1FU) % events.size()], value);
     player_.settle();
   }

@@ -76,7 +76,7 @@ void any_segment(fuzz::Input& input, Reassembler& reassembler, Reassembler::Time
                               static_cast<std::uint16_t>(30501 + (choice & 1U))};
   const std::uint32_t place = input.u16();  // in units of 16 bytes
   const std::uint32_t word = place << 4U | (input.u8() & 0x0FU);
-  const std::size_t size = input.u8() * 16U;
+  const std::size_t size = std::size_t{input.u8()} * 16U;
   const auto body = pattern(size + (input.flag() ? 8U : 0U), choice);
   std::vector<std::byte> payload(someip::segment_header_size);
   someip::store32(payload.data(), word);
