@@ -49,7 +49,7 @@ void write_eight_digits(char* out, std::uint32_t value) {
 
 /// Writes a number between 0.0001 and 2^53, which nearly all measured values are, as
 /// append_number() does, and returns the end; null for any other. The standard library reckons with
-/// numbers of any size and takes more than twice as long.
+/// numbers of any size: with it alone the road of a position that is logged takes a sixth longer.
 char* write_common_number(char* out, double value) {
   __extension__ using Wide = unsigned __int128;
   constexpr std::uint64_t least_digits = powers_of_ten[significant_digits - 1];
