@@ -114,10 +114,10 @@ WITH_WIDE_SHUFFLES inline void for_each(Groups groups,
 }
 
 /// One block of each group, so that what belongs to the block stays in registers.
-WITH_WIDE_SHUFFLES inline bool move_block(const Block& block,
-                                          const std::byte* from,
-                                          std::byte* to,
-                                          const Groups& groups) {
+[[gnu::always_inline]] WITH_WIDE_SHUFFLES inline bool move_block(const Block& block,
+                                                                 const std::byte* from,
+                                                                 std::byte* to,
+                                                                 const Groups& groups) {
   const auto constants = load(block.constants);
   const auto& [near, far] = block.windows;
   from += near.from;
