@@ -48,7 +48,7 @@ std::size_t move_plainly(const Byte_moves& moves,
 
 #if defined(__x86_64__)
 
-#define WITH_WIDE_SHUFFLES [[gnu::target("avx512f,avx512bw,avx512vbmi")]]
+#define WITH_WIDE_SHUFFLES __attribute__((target("avx512f,avx512bw,avx512vbmi")))
 
 namespace {
 
@@ -77,7 +77,7 @@ struct Loaded_window {
     return _mm512_mask_permutexvar_epi8(block, moved, index, bytes);
   }
   /// Whether all bytes that came by were what they must be.
-  WITH_WIDE_SHUFFLES [[nodiscard]] bool right(const Window& window) const {
+  [[nodiscard]] WITH_WIDE_SHUFFLES bool right(const Window& window) const {
     return _mm512_test_epi8_mask(differences, load(window.mask)) == 0;
   }
 };
@@ -124,14 +124,14 @@ WITH_WIDE_SHUFFLES inline void for_each(Groups groups,
   to += block.to;
   Loaded_window first{near};
   if (block.used == 1) {
-    for_each(groups, from, to, [&] WITH_WIDE_SHUFFLES(const std::byte* source, std::byte* bytes) {
+    for_each(groups, from, to, [&](const std::byte* source, std::byte* bytes) WITH_WIDE_SHUFFLES {
       _mm512_storeu_si512(bytes, first.move(source, constants));
     });
     return first.right(near);
   }
   const auto distance = far.from - near.from;
   Loaded_window second{far};
-  for_each(groups, from, to, [&] WITH_WIDE_SHUFFLES(const std::byte* source, std::byte* bytes) {
+  for_each(groups, from, to, [&](const std::byte* source, std::byte* bytes) WITH_WIDE_SHUFFLES {
     _mm512_storeu_si512(bytes, second.move(source + distance, first.move(source, constants)));
   });
   return first.right(near) && second.right(far);
