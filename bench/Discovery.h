@@ -37,13 +37,9 @@ inline someip::Entry offer_of(std::uint16_t service,
 inline someip::Entry subscription(std::uint16_t instance,
                                   std::uint8_t major_version,
                                   std::uint32_t ttl) {
-  someip::Entry entry;
+  auto entry = offer_of(positioning_service, instance, major_version, ttl);
   entry.type = someip::Entry_type::subscribe;
-  entry.service = positioning_service;
-  entry.instance = instance;
-  entry.major_version = major_version;
   entry.event_group = 1;
-  entry.ttl = ttl;
   return entry;
 }
 
