@@ -31,18 +31,17 @@ inline constexpr std::size_t block_size = 64;
 using Block_bytes = std::array<std::uint8_t, block_size>;
 
 /// A block of the source: what its bytes must be, and where in the destination they go.
-struct alignas(block_size) Window {
-  Block_bytes required{};
-  Block_bytes mask{};
-  /// For each byte of a block of the destination its position in the window,
-  Block_bytes index{};
-  std::uint64_t moved = 0;  ///< if its bit is set here.
-  std::size_t from = 0;
+struct Window {
+  alignas(block_size) Block_bytes required{};
+  alignas(block_size) Block_bytes mask{};
+  alignas(block_size) Block_bytes index{};  ///< where in the window a byte of the destination is
+  std::uint64_t moved = 0;                  ///< a bit for each byte whose index counts
+  std::size_t from = 0;                     ///< where in the source the window begins
 };
 
 /// A block of the destination is put together out of one or two windows.
-struct alignas(block_size) Block {
-  Block_bytes constants{};
+struct Block {
+  alignas(block_size) Block_bytes constants{};
   std::array<Window, 2> windows{};
   std::size_t used = 0;  ///< of the windows
   std::size_t to = 0;
