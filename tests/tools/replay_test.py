@@ -61,14 +61,12 @@ def angle(value, printed):
     return digits(whole * 100 + (value - whole) * 60, printed)
 
 
+@unittest.skipUnless(RECORDINGS.is_dir(), f"{RECORDINGS} is not there")
 class Replay(unittest.TestCase):
     def test_recordings(self):
         for name in NAMES:
             with self.subTest(name):
-                path = RECORDINGS / f"{name}.log"
-                if not path.exists():
-                    self.skipTest(f"skipped: {path} is not there")
-                self.replay(path)
+                self.replay(RECORDINGS / f"{name}.log")
 
     def replay(self, path):
         expected = told(path)
