@@ -43,12 +43,25 @@ class Tools(unittest.TestCase):
     # Without the application
 
     def test_describe_tells_ids_and_records_of_every_service(self):
+        service = self.desk.manifest["services"]["lumo::services::positioning::Positioning"]
+        service["allowedPeers"] = ["10.0.0.1", f"127.{NETWORK}.0.30"]
+        service["instances"][0]["multicast"] = [
+            {"eventGroup": "0x0002", "address": "239.192.0.78", "port": 30600, "threshold": 3}]
+        self.desk.manifest["nodes"]["POS"] |= {"clientPort": 40000, "watchLink": False}
+        self.desk.write_manifest()
         told = self.posctl("describe")
         self.assertEqual(told["manifest"], self.desk.environment["POS_MANIFEST"])
+        for section in ("serviceDiscovery", "limits", "segments"):
+            self.assertEqual(told[section], self.desk.manifest[section])
+        for node in told["nodes"]:
+            configured = {**self.desk.manifest["nodes"][node["name"]]}
+            configured.setdefault("addresses", [configured.pop("address", None)])
+            self.assertLessEqual(configured.items(), node.items())
         records = {record["name"]: record["members"] for record in told["records"]}
         for service in told["services"]:
             configured = self.desk.manifest["services"][service["name"]]
-            self.assertEqual(service["id"], configured["id"])
+            for key in ("id", "majorVersion", "minorVersion", "instances", "allowedPeers"):
+                self.assertEqual(service.get(key), configured.get(key), key)
             for kind in ("methods", "events", "fields"):
                 elements = service.get(kind, [])
                 self.assertEqual({one["name"] for one in elements}, set(configured.get(kind, {})))

@@ -11,6 +11,7 @@
 #include "diagnosisService/DataIdentifiers.h"
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "platform/linux/com/manifest.h"
+#include "platform/linux/com/manifest_keys.h"
 #include "posService/Positioning.h"
 #include "tools/describe/record_table.h"
 #include "tools/posctl/Commands.h"
@@ -117,19 +118,51 @@ const char* name_of(someip::Transport transport) {
   return transport == someip::Transport::tcp ? "tcp" : "udp";
 }
 
+/// Adds the numbers of a section under their keys of the manifest.
+template <class Section>
+void add_numbers(Json& json, const Section& section) {
+  tq::com::for_each_manifest_key<Section>(
+      [&](const auto& key) { json[key.name] = key.get(section); });
+}
+
+Json to_json(const std::vector<boost::asio::ip::address>& addresses) {
+  Json json = Json::array();
+  for (const auto& address : addresses)
+    json.push_back(address.to_string());
+  return json;
+}
+
+Json to_json(const someip::Node_deployment& node) {
+  Json json{{"name", node.name},
+            {"addresses", to_json(node.addresses)},
+            {"prefixLength", node.prefix_length}};
+  add_numbers(json, node);
+  json["clientId"] = hexadecimal(node.client_id);
+  json["watchLink"] = node.watch_link;
+  return json;
+}
+
+Json to_json(const someip::Instance_deployment& instance) {
+  Json json{
+      {"id", hexadecimal(instance.id)}, {"specifier", instance.specifier}, {"node", instance.node}};
+  if (instance.udp_port) json["udpPort"] = *instance.udp_port;
+  if (instance.tcp_port) json["tcpPort"] = *instance.tcp_port;
+  for (const auto& group : instance.multicast) {
+    json["multicast"].push_back({{"eventGroup", hexadecimal(group.event_group)},
+                                 {"address", group.address.to_string()},
+                                 {"port", group.port},
+                                 {"threshold", group.threshold}});
+  }
+  return json;
+}
+
 Json to_json(const someip::Service_deployment& service, const Catalogue& catalogue) {
   Json json{{"name", service.name},
             {"id", hexadecimal(service.id)},
             {"majorVersion", service.major_version},
             {"minorVersion", service.minor_version}};
-  for (const auto& instance : service.instances) {
-    Json one{{"id", hexadecimal(instance.id)},
-             {"specifier", instance.specifier},
-             {"node", instance.node}};
-    if (instance.udp_port) one["udpPort"] = *instance.udp_port;
-    if (instance.tcp_port) one["tcpPort"] = *instance.tcp_port;
-    json["instances"].push_back(std::move(one));
-  }
+  for (const auto& instance : service.instances)
+    json["instances"].push_back(to_json(instance));
   for (const auto& method : service.methods) {
     json["methods"].push_back(with_type({{"name", method.name},
                                          {"id", hexadecimal(method.id)},
@@ -156,6 +189,7 @@ Json to_json(const someip::Service_deployment& service, const Catalogue& catalog
     json["fields"].push_back(
         with_type(std::move(one), catalogue.type_of(service.name, field.name)));
   }
+  if (!service.allowed_peers.empty()) json["allowedPeers"] = to_json(service.allowed_peers);
   return json;
 }
 
@@ -178,15 +212,13 @@ Json to_json(const describe::Table& table) {
 
 Json to_json(const someip::Deployment& deployment, const Catalogue& catalogue) {
   Json json{{"manifest", deployment.source}};
-  for (const auto& node : deployment.nodes) {
-    Json one{{"name", node.name}};
-    for (const auto& address : node.addresses)
-      one["addresses"].push_back(address.to_string());
-    json["nodes"].push_back(std::move(one));
-  }
-  json["serviceDiscovery"] = {
-      {"multicastAddress", deployment.discovery.multicast_address.to_string()},
-      {"port", deployment.discovery.port}};
+  for (const auto& node : deployment.nodes)
+    json["nodes"].push_back(to_json(node));
+  Json& discovery = json["serviceDiscovery"];
+  discovery["multicastAddress"] = deployment.discovery.multicast_address.to_string();
+  add_numbers(discovery, deployment.discovery);
+  add_numbers(json["limits"], deployment.limits);
+  add_numbers(json["segments"], deployment.segments);
   for (const auto& service : deployment.services) {
     json["services"].push_back(to_json(service, catalogue));
   }
@@ -195,41 +227,51 @@ Json to_json(const someip::Deployment& deployment, const Catalogue& catalogue) {
   return json;
 }
 
-void print_list(const Json& service, const char* key, const char* what) {
-  if (!service.contains(key)) return;
-  for (const auto& element : service[key]) {
-    std::cout << "  " << what;
-    for (const auto& [name, value] : element.items()) {
-      if (name == "name") {
-        std::cout << " " << value.get<std::string>() << ":";
-      } else {
-        std::cout << " " << name << " "
-                  << (value.is_string() ? value.get<std::string>() : value.dump());
-      }
-    }
-    std::cout << "\n";
+/// As a person reads it: a text without quotes, a list of texts without brackets.
+std::string plain(const Json& value) {
+  if (value.is_string()) return value.get<std::string>();
+  if (!value.is_array()) return value.dump();
+  std::string joined;
+  for (const auto& element : value)
+    joined.append(joined.empty() ? "" : ",").append(plain(element));
+  return joined;
+}
+
+/// The members of an object on one line, a name first.
+void print_line(const std::string& what, const Json& object) {
+  std::cout << what;
+  if (object.contains("name")) std::cout << " " << plain(object["name"]);
+  std::cout << ":";
+  for (const auto& [name, value] : object.items()) {
+    if (name == "name") continue;
+    std::cout << " " << name << " " << plain(value);
   }
+  std::cout << "\n";
+}
+
+void print_lines(const std::string& what, const Json& parent, const char* key) {
+  if (!parent.contains(key)) return;
+  for (const auto& object : parent[key])
+    print_line(what, object);
 }
 
 void print(const Json& json, const Catalogue& catalogue) {
   std::cout << json["manifest"].get<std::string>() << "\n\n";
-  for (const auto& node : json["nodes"]) {
-    std::cout << "node " << node["name"].get<std::string>() << ":";
-    for (const auto& address : node["addresses"])
-      std::cout << " " << address.get<std::string>();
-    std::cout << "\n";
-  }
-  const auto& discovery = json["serviceDiscovery"];
-  std::cout << "service discovery: " << discovery["multicastAddress"].get<std::string>() << " port "
-            << discovery["port"] << "\n";
+  print_lines("node", json, "nodes");
+  print_line("service discovery", json["serviceDiscovery"]);
+  print_line("limits", json["limits"]);
+  print_line("segments", json["segments"]);
   for (const auto& service : json["services"]) {
     std::cout << "\nservice " << service["name"].get<std::string>() << ": id "
               << service["id"].get<std::string>() << " version " << service["majorVersion"] << "."
               << service["minorVersion"] << "\n";
-    print_list(service, "instances", "instance");
-    print_list(service, "methods", "method");
-    print_list(service, "events", "event");
-    print_list(service, "fields", "field");
+    print_lines("  instance", service, "instances");
+    print_lines("  method", service, "methods");
+    print_lines("  event", service, "events");
+    print_lines("  field", service, "fields");
+    if (service.contains("allowedPeers")) {
+      std::cout << "  allowed peers: " << plain(service["allowedPeers"]) << "\n";
+    }
   }
   std::cout << "\n";
   for (const auto& table : catalogue.records())

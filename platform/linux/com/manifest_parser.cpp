@@ -7,6 +7,7 @@
 
 #include "platform/linux/com/json_reader.h"
 #include "platform/linux/com/manifest.h"
+#include "platform/linux/com/manifest_keys.h"
 
 namespace tq::com {
 
@@ -25,16 +26,14 @@ boost::asio::ip::address address(const Json_reader& value, bool multicast) {
   return result;
 }
 
-template <class Value>
-void read_number(
-    Members& members, const char* name, Value& value, std::uint64_t low, std::uint64_t high) {
-  if (const auto found = members.find(name)) value = found->number<Value>(low, high);
-}
-
-void read_milliseconds(Members& members, const char* name, someip::Milliseconds& value) {
-  if (const auto found = members.find(name)) {
-    value = someip::Milliseconds(found->number<std::int64_t>(0, 3'600'000));
-  }
+/// The numbers of a section that are given.
+template <class Section>
+void read_numbers(Members& members, Section& section) {
+  for_each_manifest_key<Section>([&](const auto& key) {
+    if (const auto found = members.find(key.name)) {
+      key.set(section, found->number(key.low, key.high));
+    }
+  });
 }
 
 std::optional<std::uint16_t> optional_id(Members& members,
@@ -64,11 +63,10 @@ someip::Node_deployment node(const std::string& name, const Json_reader& value) 
   }
   const bool v4 = result.addresses.front().is_v4();
   if (!v4) result.prefix_length = 64;
-  read_number(members, "prefixLength", result.prefix_length, 0, v4 ? 32 : 128);
-  read_number(members, "workers", result.workers, 1, 64);
-  read_number(members, "clientId", result.client_id, 0, 0xFFFF);
-  read_number(members, "clientPort", result.client_port, 0, 0xFFFF);
-  read_milliseconds(members, "requestTimeoutMs", result.request_timeout);
+  if (const auto prefix = members.find("prefixLength")) {
+    result.prefix_length = prefix->number<std::uint8_t>(0, v4 ? 32 : 128);
+  }
+  read_numbers(members, result);
   if (const auto watch = members.find("watchLink")) result.watch_link = watch->boolean();
   members.done();
   return result;
@@ -80,16 +78,7 @@ someip::Discovery_timing discovery(const Json_reader& value) {
   if (const auto found = members.find("multicastAddress")) {
     result.multicast_address = address(*found, true);
   }
-  read_number(members, "port", result.port, 1, 0xFFFF);
-  read_milliseconds(members, "initialDelayMinMs", result.initial_delay_min);
-  read_milliseconds(members, "initialDelayMaxMs", result.initial_delay_max);
-  read_milliseconds(members, "repetitionsBaseDelayMs", result.repetitions_base_delay);
-  read_number(members, "repetitionsMax", result.repetitions_max, 0, 10);
-  read_milliseconds(members, "cyclicOfferDelayMs", result.cyclic_offer_delay);
-  read_milliseconds(members, "requestResponseDelayMinMs", result.request_response_delay_min);
-  read_milliseconds(members, "requestResponseDelayMaxMs", result.request_response_delay_max);
-  read_number(members, "offerTtlS", result.offer_ttl, 1, 0xFFFFFF);
-  read_number(members, "subscribeTtlS", result.subscribe_ttl, 1, 0xFFFFFF);
+  read_numbers(members, result);
   members.done();
   if (result.initial_delay_min > result.initial_delay_max) {
     value.fail("initialDelayMinMs not above initialDelayMaxMs");
@@ -100,36 +89,12 @@ someip::Discovery_timing discovery(const Json_reader& value) {
   return result;
 }
 
-someip::Limits limits(const Json_reader& value) {
+/// A section of nothing but numbers.
+template <class Section>
+Section numbers(const Json_reader& value) {
   Members members(value);
-  someip::Limits result;
-  constexpr std::uint64_t many = 1'000'000;
-  constexpr std::uint64_t bytes = 1u << 30;
-  read_number(members, "subscribersPerEventGroup", result.subscribers_per_event_group, 1, many);
-  read_number(members, "reassemblies", result.reassemblies, 1, many);
-  read_number(members, "reassembliesPerPeer", result.reassemblies_per_peer, 1, many);
-  read_milliseconds(members, "reassemblyTimeoutMs", result.reassembly_timeout);
-  read_number(members, "messageBytes", result.message_bytes, 1500, bytes);
-  read_number(members, "tcpConnections", result.tcp_connections, 1, many);
-  read_number(members, "tcpSendQueueBytes", result.tcp_send_queue_bytes, 1500, bytes);
-  read_number(members, "pendingCalls", result.pending_calls, 1, 0xFFFE);
-  read_number(members, "entriesPerDiscoveryMessage", result.entries_per_discovery_message, 1, 4096);
-  read_number(members, "remoteInstances", result.remote_instances, 1, many);
-  read_number(members, "discoveryPeers", result.discovery_peers, 1, many);
-  read_number(members, "queuedRequests", result.queued_requests, 1, many);
-  read_number(members, "queuedNotifications", result.queued_notifications, 1, many);
-  read_number(members, "queuedSegmentBytes", result.queued_segment_bytes, 1500, bytes);
-  members.done();
-  return result;
-}
-
-someip::Segment_shaping segments(const Json_reader& value) {
-  Members members(value);
-  someip::Segment_shaping result;
-  read_number(members, "burst", result.burst, 1, 10'000);
-  if (const auto found = members.find("pauseUs")) {
-    result.pause = std::chrono::microseconds(found->number<std::int64_t>(0, 1'000'000));
-  }
+  Section result;
+  read_numbers(members, result);
   members.done();
   return result;
 }
@@ -167,59 +132,45 @@ class Unique {
 void read_elements(Members& members, someip::Service_deployment& service) {
   Unique methods("a method id"), events("an event id");
   std::map<std::string, std::string> names;
-  const auto name_of = [&](const std::string& name, const Json_reader& where) {
-    const auto [known, added] = names.emplace(name, where.path());
-    if (!added) where.fail("a name that is not used yet by " + known->second);
-    return name;
+  // `read` takes what is special about an element.
+  const auto read_each = [&](const char* kind, auto& elements, const auto& read) {
+    const auto found = members.find(kind);
+    if (!found) return;
+    for (const auto& [name, value] : found->named()) {
+      const auto [known, added] = names.emplace(name, value.path());
+      if (!added) value.fail("a name that is not used yet by " + known->second);
+      Members one(value);
+      auto& element = elements.emplace_back();
+      element.name = name;
+      element.transport = transport(one);
+      read(element, one, value);
+      one.done();
+    }
   };
-  if (const auto found = members.find("methods")) {
-    for (const auto& [name, value] : found->named()) {
-      Members one(value);
-      someip::Method_deployment method;
-      method.name = name_of(name, value);
-      method.id = one.at("id").number<std::uint16_t>(1, max_method);
-      methods.add(method.id, value);
-      method.transport = transport(one);
-      if (const auto flag = one.find("fireAndForget")) method.fire_and_forget = flag->boolean();
-      one.done();
-      service.methods.push_back(method);
+  read_each("methods", service.methods, [&](auto& method, Members& one, const Json_reader& value) {
+    method.id = one.at("id").number<std::uint16_t>(1, max_method);
+    methods.add(method.id, value);
+    if (const auto flag = one.find("fireAndForget")) method.fire_and_forget = flag->boolean();
+  });
+  read_each("events", service.events, [&](auto& event, Members& one, const Json_reader& value) {
+    event.id = one.at("id").number<std::uint16_t>(min_event, max_event);
+    events.add(event.id, value);
+    event.event_group = one.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
+  });
+  read_each("fields", service.fields, [&](auto& field, Members& one, const Json_reader& value) {
+    field.getter = optional_id(one, "getter", 1, max_method);
+    field.setter = optional_id(one, "setter", 1, max_method);
+    field.notifier = optional_id(one, "notifier", min_event, max_event);
+    if (!field.getter && !field.setter && !field.notifier) {
+      value.fail("a getter, a setter or a notifier");
     }
-  }
-  if (const auto found = members.find("events")) {
-    for (const auto& [name, value] : found->named()) {
-      Members one(value);
-      someip::Event_deployment event;
-      event.name = name_of(name, value);
-      event.id = one.at("id").number<std::uint16_t>(min_event, max_event);
-      events.add(event.id, value);
-      event.event_group = one.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
-      event.transport = transport(one);
-      one.done();
-      service.events.push_back(event);
+    if (field.getter) methods.add(*field.getter, value);
+    if (field.setter) methods.add(*field.setter, value);
+    if (field.notifier) {
+      events.add(*field.notifier, value);
+      field.event_group = one.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
     }
-  }
-  if (const auto found = members.find("fields")) {
-    for (const auto& [name, value] : found->named()) {
-      Members one(value);
-      someip::Field_deployment field;
-      field.name = name_of(name, value);
-      field.getter = optional_id(one, "getter", 1, max_method);
-      field.setter = optional_id(one, "setter", 1, max_method);
-      field.notifier = optional_id(one, "notifier", min_event, max_event);
-      if (!field.getter && !field.setter && !field.notifier) {
-        value.fail("a getter, a setter or a notifier");
-      }
-      if (field.getter) methods.add(*field.getter, value);
-      if (field.setter) methods.add(*field.setter, value);
-      if (field.notifier) {
-        events.add(*field.notifier, value);
-        field.event_group = one.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
-      }
-      field.transport = transport(one);
-      one.done();
-      service.fields.push_back(field);
-    }
-  }
+  });
 }
 
 someip::Multicast_deployment multicast(const Json_reader& value) {
@@ -348,8 +299,10 @@ Deployment parse_deployment(std::string_view text, const std::string& source) {
     result.nodes.push_back(node(name, value));
   }
   if (const auto found = members.find("serviceDiscovery")) result.discovery = discovery(*found);
-  if (const auto found = members.find("limits")) result.limits = limits(*found);
-  if (const auto found = members.find("segments")) result.segments = segments(*found);
+  if (const auto found = members.find("limits")) result.limits = numbers<someip::Limits>(*found);
+  if (const auto found = members.find("segments")) {
+    result.segments = numbers<someip::Segment_shaping>(*found);
+  }
   Unique ids("a service id");
   std::map<std::string, std::string> specifiers;
   for (const auto& [name, value] : members.at("services").named()) {
