@@ -44,7 +44,7 @@ class posApplication {
 
   void reportFaults(diagnosisService::DataBusElement field, const clients::Data_faults& faults);
 
-  // On workers of the middleware; settings_ and outputDefaults_ do not change any more then.
+  // On threads of the middleware; settings_ and outputDefaults_ do not change any more then.
   void sendDRPosition(const GnssPosition& position);
   void receiveTimes(const Times& times);
 

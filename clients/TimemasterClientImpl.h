@@ -18,7 +18,7 @@ class TimemasterClientImpl {
   TimemasterClientImpl(const TimemasterClientImpl&) = delete;
   TimemasterClientImpl& operator=(const TimemasterClientImpl&) = delete;
 
-  /// Gets each record of a `times` notification, one at a time, on a worker of the middleware.
+  /// Gets each record of a `times` notification, one at a time, on a thread of the middleware.
   void setTimesCallback(std::function<void(const Times&)> callback) {
     on_times_ = std::move(callback);
   }

@@ -13,7 +13,7 @@
 namespace gnssClient {
 
 /// Set everything before init(); init() and stop() come from one thread, not from a callback. The
-/// callbacks run on workers of the middleware: those of one field one at a time, those of different
+/// callbacks run on threads of the middleware: those of one field one at a time, those of different
 /// fields possibly at once.
 ///
 /// Context "GNSS" has the lines of the client itself. Received records and replaced timestamps go

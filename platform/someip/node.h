@@ -82,8 +82,8 @@ class Node final : private Discovery_server_host,
   void subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink);
   void unsubscribe(std::shared_ptr<Event_sink> sink);
 
-  /// The handler is called once: on a worker, or on the calling thread when the request cannot be
-  /// sent.
+  /// The handler is called once: on a thread of the node, or on the calling one when the request
+  /// cannot be sent.
   void call(const Instance_key& instance,
             std::uint16_t method,
             Transport transport,

@@ -14,7 +14,7 @@
 namespace mw::com {
 
 /// Work is handed over in two steps, so that a receiver can fix the order of two datagrams before
-/// it lets another worker receive the next one, and still run the first handler itself without a
+/// it lets another thread receive the next one, and still run the first handler itself without a
 /// hop: enqueue() under the receiver's own order, run() afterwards.
 class Strand {
  public:

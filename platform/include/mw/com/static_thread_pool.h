@@ -1,5 +1,6 @@
-/// The worker threads on which everything from the network runs. Their number is fixed at
-/// construction.
+/// The threads on which everything from the network runs: workers, their number fixed at
+/// construction, and beside them those that its loop starts: one for control (service discovery,
+/// timers, streams) and one that waits for notifications and responses.
 #pragma once
 
 #include <cstddef>
@@ -13,14 +14,14 @@ class static_thread_pool {
   /// `threads` must be at least 1. The workers start with all signals as the constructing thread
   /// has them blocked.
   explicit static_thread_pool(std::size_t threads);
-  /// Stops and joins the workers; work that has not begun is dropped. Not callable from a worker.
+  /// Stops and joins all of them; work that has not begun is dropped. Not callable from one.
   ~static_thread_pool();
   static_thread_pool(const static_thread_pool&) = delete;
   static_thread_pool& operator=(const static_thread_pool&) = delete;
 
   /// Runs `work` on a worker, later. Work that throws ends the process.
   void post(std::function<void()> work);
-  /// Same as the destructor's stop: idempotent, joins the workers.
+  /// Same as the destructor's stop: idempotent, joins the threads.
   void stop();
 
   /// The event loop that the workers run; known to the platform's implementation only.

@@ -96,8 +96,8 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
 };
 
 /// An event of a proxy. Subscribe, SetReceiveHandler and Unsubscribe come from one thread at a
-/// time; GetNewSamples usually from the receive handler, which runs on a worker, one call at a
-/// time.
+/// time; GetNewSamples usually from the receive handler, which runs on a thread of the
+/// middleware, one call at a time.
 template <class Value>
 class Event {
  public:
@@ -218,7 +218,7 @@ class Event {
   ara::com::SubscriptionStateChangeHandler state_changed_;
   std::shared_ptr<Sample_cache<Value>> cache_;
   bool subscribed_ = false;
-  /// Written by the runtime's state handler, read by the notification handler on another worker.
+  /// Written by the runtime's state handler, read by the notification handler on another thread.
   std::atomic<ara::com::SubscriptionState> state_{ara::com::SubscriptionState::kNotSubscribed};
 };
 
