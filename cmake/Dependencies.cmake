@@ -1,4 +1,4 @@
-# Everything the build takes from Debian; scripts/setup installs the packages, docs/dependencies.md
+# Everything the build takes from Debian; scripts/setup installs the packages, scripts/packages.txt
 # says what each is for.
 find_package(Threads REQUIRED)
 find_package(PkgConfig REQUIRED)

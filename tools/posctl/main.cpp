@@ -48,7 +48,7 @@ int main(int argc, char** argv) try {
 
   bool describe_as_json = false;
   auto* describe_command =
-      app.add_subcommand("describe", "Print nodes, services, ids and records in force");
+      app.add_subcommand("describe", "Print what is in force: the manifest and the records");
   describe_command->add_flag("--json", describe_as_json, "As a JSON object");
 
   posctl::Read_options read;

@@ -1,0 +1,129 @@
+"""What the pages say about what can be set is what the programs have, and their links lead somewhere."""
+
+import copy
+import json
+import os
+import pathlib
+import re
+import subprocess
+import tempfile
+import unittest
+
+SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
+POSCTL = pathlib.Path(os.environ["POS_BUILD_DIR"]) / "tools/posctl/posctl"
+SERVICE = ("services", "example::Lamp")
+# Heading of the table → where such an object is in the page's example, and in what posctl describes.
+PLACES = {
+    "The document": ((), ()),
+    "Nodes": (("nodes", "POS"), ("nodes", 0)),
+    "Service discovery": (("serviceDiscovery",), ("serviceDiscovery",)),
+    "Limits": (("limits",), ("limits",)),
+    "Segments": (("segments",), ("segments",)),
+    "Services": (SERVICE, ("services", 0)),
+    "Methods": ((*SERVICE, "methods", "blink"), ("services", 0, "methods", 0)),
+    "Events": ((*SERVICE, "events", "broken"), ("services", 0, "events", 0)),
+    "Fields": ((*SERVICE, "fields", "brightness"), ("services", 0, "fields", 0)),
+    "Instances": ((*SERVICE, "instances", 0), ("services", 0, "instances", 0)),
+    "Multicast": ((*SERVICE, "instances", 0, "multicast", 0), ("services", 0, "instances", 0, "multicast", 0)),
+}
+
+
+def at(document, place):
+    for step in place:
+        document = document[step]
+    return document
+
+
+def describe(document):
+    """What posctl prints about a manifest, and what it says is wrong with it."""
+    with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
+        json.dump(document, file)
+        file.flush()
+        told = subprocess.run([POSCTL, "describe", "--json"], env={**os.environ, "POS_MANIFEST": file.name},
+                              capture_output=True, text=True, timeout=30, check=False)
+    return told.stdout, told.stderr
+
+
+def text_of(path):
+    return (SOURCE / path).read_text(encoding="utf-8")
+
+
+class Manifest(unittest.TestCase):
+    def setUp(self):
+        page = text_of("docs/manifest.md")
+        self.example = json.loads(re.search(r"```json\n(.*?)```", page, re.DOTALL)[1])
+        self.tables = {}
+        for section in re.split(r"^##+ ", page, flags=re.MULTILINE)[1:]:
+            rows = re.findall(r"^\| `(\w+)` \| ([^|]+) \| ([^|]+) \|", section, re.MULTILINE)
+            self.tables[section.splitlines()[0]] = {key: (value, default) for key, value, default in rows}
+
+    def error(self, heading, key, value=None):
+        """What is said when the key of the example has this value, or none."""
+        document = copy.deepcopy(self.example)
+        one = at(document, PLACES[heading][0])
+        one[key] = value
+        if value is None:
+            del one[key]
+        return describe(document)[1]
+
+    def test_the_tables_are_what_the_program_knows(self):
+        self.assertEqual(self.tables.keys(), PLACES.keys())
+        for heading, table in self.tables.items():
+            known = re.search(r'no member "\?" \(known are (.*?)\)', self.error(heading, "?", 0))
+            self.assertEqual(set(known[1].split(", ")), set(table), heading)
+            for key, (value, default) in table.items():
+                with self.subTest(heading, key=key):
+                    if numbers := re.fullmatch(r"(\w+) to (\w+)", value):
+                        low, high = (int(number, 0) for number in numbers.groups())
+                        self.assertIn(f"a number from {low} to {high}, ", self.error(heading, key, -1))
+                    if default == "required":
+                        self.assertIn(f'a member "{key}"', self.error(heading, key))
+
+    def test_what_is_not_given_has_the_default_of_the_page(self):
+        document = copy.deepcopy(self.example)
+        defaults = {}
+        for heading, table in self.tables.items():
+            for key, (_, default) in table.items():
+                if default not in ("required", "none", "see below"):
+                    at(document, PLACES[heading][0]).pop(key, None)
+                    defaults[heading, key] = default
+        # Nothing travels over TCP any more, but the port is still there.
+        told, error = describe(document)
+        self.assertEqual(error, "")
+        told = json.loads(told)
+        for (heading, key), default in defaults.items():
+            value = at(told, PLACES[heading][1])[key]
+            self.assertEqual(value if isinstance(value, str) else json.dumps(value), default, key)
+
+
+class Pages(unittest.TestCase):
+    def test_the_settings_are_those_of_the_delivered_storage(self):
+        rows = re.findall(r"^\| `(\w+)` \| (\w+) \| (\w+) \|", text_of("docs/settings.md"), re.MULTILINE)
+        told = {key: {"type": kind, "value": json.loads(default)} for key, kind, default in rows}
+        self.assertEqual(told, json.loads(text_of("config/initdata-POS_Key_Value_Port.json")))
+        for key, entry in told.items():
+            default = rf"\b{key} = {json.dumps(entry['value'])};"
+            self.assertRegex(text_of("app/Settings.h"), default)
+
+    def test_every_variable_of_the_environment_is_in_the_table(self):
+        told = set(re.findall(r"^\| `(POS_\w+)` \|", text_of("docs/platform-linux.md"), re.MULTILINE))
+        asked_for = set()
+        for folder in ("app", "persistency", "platform", "tools"):
+            for source in (SOURCE / folder).rglob("*.cpp"):
+                text = source.read_text(encoding="utf-8")
+                asked_for |= set(re.findall(r'(?:getenv|Environment)\("(POS_\w+)"', text))
+        self.assertEqual(told, asked_for)
+
+    def test_links_lead_to_a_page_and_to_a_heading_of_it(self):
+        for page in [SOURCE / "README.md", *(SOURCE / "docs").rglob("*.md")]:
+            for link, heading in re.findall(r"\]\(([^)#:]*)#?([^)]*)\)", page.read_text(encoding="utf-8")):
+                with self.subTest(page=page.name, link=link, heading=heading):
+                    target = page.parent / link if link else page
+                    self.assertTrue(target.exists())
+                    if heading:
+                        headings = re.findall(r"^#+ (.*)$", target.read_text(encoding="utf-8"), re.MULTILINE)
+                        self.assertIn(heading, [one.lower().replace(" ", "-") for one in headings])
+
+
+if __name__ == "__main__":
+    unittest.main()
