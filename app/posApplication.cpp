@@ -7,9 +7,9 @@
 #include <utility>
 #include <vector>
 
-#include "app/StatisticsSkelImpl.h"
 #include "ara/exec/application_client.h"
 #include "ara/log/logger.h"
+#include "binding/statistics.h"
 #include "clients/timeutils.h"
 #include "diagnosisService/MonitorTable.h"
 #include "phm/sleep.h"
@@ -77,7 +77,7 @@ int posApplication::run() {
   diagnosisService_.newSensorSetup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
-  auto statistics = offerStatistics();
+  auto statistics = binding::offer_statistics();
 
   while (!shutdown_)
     sleepResumed(kShutdownPoll);

@@ -1,15 +1,14 @@
 /// What the Statistics service tells, as JSON and on a page.
 #pragma once
 
-#include "app/Statistics.h"
+#include "binding/statistics.h"
 #include "tools/posctl/Connect.h"
 #include "tools/posctl/Page.h"
 
 namespace posctl {
 
 /// {"process": {…}, "counters": {…}}. Throws what Connect.h tells of.
-[[nodiscard]] Json read_statistics(mw::com::runtime::proxy::StatisticsProxy& service,
-                                   Deadline deadline);
+[[nodiscard]] Json read_statistics(binding::Statistics_proxy& service, Deadline deadline);
 
 void print_process(Page& page, const Json& process);
 void print_counters(Page& page, const Json& counters);

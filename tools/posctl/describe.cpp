@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "app/Statistics.h"
+#include "binding/statistics.h"
 #include "clients/GNSS.h"
 #include "clients/Time.h"
 #include "diagnosisService/DataIdentifiers.h"
@@ -51,7 +51,7 @@ class Catalogue {
     add<diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>();
     add<diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>();
     add<mw::dm::dem::DiagnosticMonitor>();
-    add<mw::com::runtime::Statistics>();
+    add<binding::Statistics>();
   }
 
   /// Empty for an element that the code does not know.

@@ -6,10 +6,10 @@
 
 namespace posctl {
 
-using mw::com::runtime::Statistics;
-using mw::com::runtime::proxy::StatisticsProxy;
+using binding::Statistics;
+using binding::Statistics_proxy;
 
-Json read_statistics(StatisticsProxy& service, Deadline deadline) {
+Json read_statistics(Statistics_proxy& service, Deadline deadline) {
   Json json;
   json["process"] = to_json(result_of(service.Process(), Statistics::Process.name, deadline));
   Json& counters = json["counters"] = Json::object();
@@ -39,7 +39,7 @@ void print_counters(Page& page, const Json& counters) {
 int stats(const Look_options& options) {
   const mw::com::runtime::Component_singleton runtime(options.node, false);
   const auto deadline = deadline_in(options.timeout);
-  const auto service = connect<StatisticsProxy>(Statistics::name, deadline);
+  const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
   const Json json = read_statistics(*service, deadline);
   if (options.json) {
     std::cout << json.dump() << std::endl;

@@ -17,10 +17,10 @@ namespace posctl {
 namespace {
 
 using namespace lumo::services::diag;
+using binding::Statistics;
+using binding::Statistics_proxy;
 using lumo::services::positioning::Positioning;
 using lumo::services::positioning::proxy::PositioningProxy;
-using mw::com::runtime::Statistics;
-using mw::com::runtime::proxy::StatisticsProxy;
 
 /// A data identifier that is looked for from construction on.
 template <class Interface>
@@ -71,7 +71,7 @@ Json not_zero(const Json& counters) {
 Json read_all(Deadline deadline) {
   // All searches begin before the first waits.
   Search<PositioningProxy> positioning_search(Positioning::name);
-  Search<StatisticsProxy> statistics_search(Statistics::name);
+  Search<Statistics_proxy> statistics_search(Statistics::name);
   Data_identifier<d_14a0::DataIdentifier_PositioningStatusInputs> inputs;
   Data_identifier<d_14a1::DataIdentifier_PositioningStatusOutputs> outputs;
   Data_identifier<d_14a2::DataIdentifier_PositioningMMPos> map_matched;

@@ -1,4 +1,4 @@
-#include "mw/com/process_usage.h"
+#include "mw/com/statistics.h"
 
 #include <unistd.h>
 
@@ -8,6 +8,8 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+
+#include "tq/com/runtime.h"
 
 namespace mw::com::runtime {
 
@@ -28,6 +30,14 @@ std::uint64_t milliseconds_since_boot() {
 }
 
 }  // namespace
+
+std::vector<Counter> counters() {
+  std::vector<Counter> result;
+  for (const auto& [name, value] : tq::com::Runtime::instance().counters()) {
+    result.push_back({.name = std::string(name), .value = value});
+  }
+  return result;
+}
 
 Process_usage process_usage() {
   std::ifstream file("/proc/self/stat");
