@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "phm/application_instance.h"
+#include "app/application_instance.h"
 
 namespace {
 

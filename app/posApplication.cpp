@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -12,7 +13,6 @@
 #include "binding/statistics.h"
 #include "clients/timeutils.h"
 #include "diagnosisService/MonitorTable.h"
-#include "phm/sleep.h"
 
 namespace {
 
@@ -80,7 +80,7 @@ int posApplication::run() {
   auto statistics = binding::offer_statistics();
 
   while (!shutdown_)
-    sleepResumed(kShutdownPoll);
+    std::this_thread::sleep_for(kShutdownPoll);
 
   stop();
   statistics.reset();

@@ -7,6 +7,7 @@
 
 #include "app/ComponentClientWrapper.h"
 #include "app/Settings.h"
+#include "app/application_instance.h"
 #include "clients/TimemasterClientImpl.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
@@ -52,7 +53,7 @@ class posApplication {
   gnssClient::gnssClientImpl gnssClient_;
   diagnosisService::diagnosisServiceImpl diagnosisService_;
   posServiceImpl posService_;
-  phmClient::phmClientImpl phmClient_;
+  phmClient::phmClientImpl phmClient_{ara::core::InstanceSpecifier(kApplicationInstance)};
   TimemasterClient::TimemasterClientImpl timemasterClient_;
   posService::OutputDefaults outputDefaults_{};
   std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()

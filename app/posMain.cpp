@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <thread>
 #include <utility>
 
 #include "app/Signal_thread.h"
@@ -15,7 +16,6 @@
 #include "binding/trace_records.h"
 #include "mw/com/runtime.h"
 #include "persistency/Persistency.h"
-#include "phm/sleep.h"
 
 namespace {
 
@@ -142,7 +142,7 @@ int posMain(int /*argc*/, char** /*argv*/) {
     ara::log::LogInfo() << "destroying app.";
     owner.reset();
     ara::log::LogInfo() << "delay before destroying runtime.";
-    sleepResumed(kRuntimeDelay);
+    std::this_thread::sleep_for(kRuntimeDelay);
     ara::log::LogInfo() << "destroying runtime.";
     runtime.reset();
   } catch (const std::exception& error) {

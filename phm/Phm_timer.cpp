@@ -4,8 +4,6 @@
 #include <string>
 #include <utility>
 
-#include "phm/sleep.h"
-
 Phm_timer::Phm_timer(std::function<void()> callback)
     : logger_(ara::log::CreateLogger("PHMT", "PHM Timer Logger")), callback_(std::move(callback)) {}
 
@@ -33,14 +31,14 @@ bool Phm_timer::running() const {
 }
 
 void Phm_timer::loop(std::chrono::milliseconds initialDelay) {
-  sleepResumed(initialDelay);
+  std::this_thread::sleep_for(initialDelay);
   if (!running()) {
     callback_();
     return;
   }
   launch();
   for (;;) {
-    sleepResumed(period_.load());
+    std::this_thread::sleep_for(period_.load());
     if (!running()) break;
     if (pending_.valid()) {
       if (pending_.wait_for(std::chrono::seconds::zero()) != std::future_status::ready) continue;

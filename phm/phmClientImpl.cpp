@@ -2,9 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
-
-#include "ara/core/instance_specifier.h"
-#include "phm/application_instance.h"
+#include <utility>
 
 namespace phmClient {
 namespace {
@@ -14,16 +12,16 @@ constexpr std::uint16_t kAliveCheckpoint = 6000;
 
 }  // namespace
 
-phmClientImpl::phmClientImpl()
-    : logger_(ara::log::CreateLogger("PHMC", "phmClientImpl class own logger")) {}
+phmClientImpl::phmClientImpl(ara::core::InstanceSpecifier application)
+    : application_(std::move(application)),
+      logger_(ara::log::CreateLogger("PHMC", "phmClientImpl class own logger")) {}
 
 void phmClientImpl::init() {
   logger_.LogInfo() << "enter phmClientImpl::init()";
   // The timer goes first: its calls must not meet an entity or a client that is being replaced.
   timer_.reset();
   supervisionEntity_.reset();
-  client_ =
-      std::make_unique<ara::phm::Phm_client>(ara::core::InstanceSpecifier(kApplicationInstance));
+  client_ = std::make_unique<ara::phm::Phm_client>(application_);
   supervisionEntity_ = std::make_unique<ara::phm::SupervisionEntity>(*client_);
   timer_ = std::make_unique<Phm_timer>([this] { alive(); });
   timer_->start(std::chrono::milliseconds(1000), std::chrono::milliseconds::zero());

@@ -3,6 +3,7 @@
 
 #include <memory>
 
+#include "ara/core/instance_specifier.h"
 #include "ara/log/logger.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
@@ -13,7 +14,8 @@ namespace phmClient {
 /// Reports one alive checkpoint per second from init() to stop(). Both belong to one thread.
 class phmClientImpl {
  public:
-  phmClientImpl();
+  /// `application` is the name under which health management knows the process.
+  explicit phmClientImpl(ara::core::InstanceSpecifier application);
   phmClientImpl(const phmClientImpl&) = delete;
   phmClientImpl& operator=(const phmClientImpl&) = delete;
 
@@ -27,6 +29,7 @@ class phmClientImpl {
  private:
   void alive() const;
 
+  const ara::core::InstanceSpecifier application_;
   ara::log::Logger& logger_;
   std::unique_ptr<ara::phm::Phm_client> client_;
   std::unique_ptr<ara::phm::SupervisionEntity> supervisionEntity_;

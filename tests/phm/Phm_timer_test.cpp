@@ -2,12 +2,13 @@
 
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <future>
 #include <semaphore>
+#include <thread>
 
 #include "ara/log/capture.h"
-#include "phm/sleep.h"
 
 namespace {
 
@@ -42,7 +43,7 @@ TEST(Phm_timer, a_slow_call_drops_ticks_and_never_overlaps_with_the_next) {
   Phm_timer timer([&] {
     if (++running > 1) overlapped = true;
     started.release();
-    sleepResumed(50ms);
+    std::this_thread::sleep_for(50ms);
     --running;
   });
   const auto start = steady_clock::now();
@@ -88,23 +89,27 @@ TEST(Phm_timer, stopped_during_the_initial_delay_still_makes_one_call) {
   EXPECT_EQ(calls, 1);
 }
 
-TEST(sleepResumed, is_not_shortened_by_signals) {
+TEST(Phm_timer, is_not_hurried_by_signals) {
   struct sigaction action {};
   action.sa_handler = [](int) {};
   struct sigaction before {};
   sigaction(SIGUSR1, &action, &before);
 
-  std::promise<pthread_t> thread;
-  auto slept = std::async(std::launch::async, [&] {
-    const auto start = steady_clock::now();
-    thread.set_value(pthread_self());
-    sleepResumed(150ms);
-    return steady_clock::now() - start;
-  });
-  const pthread_t sleeper = thread.get_future().get();
-  while (slept.wait_for(1ms) != std::future_status::ready)
-    pthread_kill(sleeper, SIGUSR1);
-  EXPECT_GE(slept.get(), 150ms);
+  std::promise<steady_clock::time_point> called;
+  auto result = called.get_future();
+  Phm_timer timer([&] { called.set_value(steady_clock::now()); });
+  const auto start = steady_clock::now();
+  timer.start(0ms, 150ms);
+  // So that the timer's thread gets them.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  while (result.wait_for(1ms) != std::future_status::ready)
+    kill(getpid(), SIGUSR1);
+  timer.stop();
+  EXPECT_GE(result.get() - start, 150ms);
+  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
   sigaction(SIGUSR1, &before, nullptr);
 }
 

@@ -7,24 +7,19 @@
 #include <atomic>
 #include <condition_variable>
 #include <csignal>
-#include <cstdlib>
 #include <deque>
 #include <exception>
 #include <list>
 #include <mutex>
 #include <stdexcept>
-#include <string_view>
 #include <thread>
 #include <utility>
 
 #include "ara/log/logger.h"
+#include "platform/linux/stm/state_bus.h"
 
 namespace ara::stm {
 namespace {
-
-constexpr const char* kBusName = "org.adaptive.pos";
-constexpr const char* kInterface = "org.adaptive.pos.ComponentState1";
-constexpr const char* kPathPrefix = "/org/adaptive/pos/";
 
 constexpr std::size_t kMaxPending = 32;
 constexpr std::size_t kMaxStateName = 128;
@@ -32,23 +27,6 @@ constexpr std::size_t kMaxStateName = 128;
 constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* kFailed = "org.freedesktop.DBus.Error.Failed";
-
-enum class Bus { kSession, kSystem, kNone };
-
-/// Throws std::runtime_error for a value that is none of the three.
-Bus ChosenBus() {
-  const char* chosen = std::getenv("POS_STATE_BUS");
-  if (chosen == nullptr || *chosen == '\0') {
-    return std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr ? Bus::kSession : Bus::kSystem;
-  }
-  const std::string_view name = chosen;
-  if (name == "session") return Bus::kSession;
-  if (name == "system") return Bus::kSystem;
-  if (name == "none") return Bus::kNone;
-  throw std::runtime_error(
-      "environment variable POS_STATE_BUS: expected session, system or none, found \"" +
-      std::string(name) + "\"");
-}
 
 class WithoutBus final : public ComponentClient {
  public:
@@ -67,7 +45,7 @@ class OnBus final : public ComponentClient {
       : handler_(std::move(handler)),
         connection_(bus == Bus::kSession ? sdbus::createSessionBusConnection()
                                          : sdbus::createSystemBusConnection()),
-        object_(sdbus::createObject(*connection_, kPathPrefix + instance.ToString())) {
+        object_(sdbus::createObject(*connection_, ObjectPath(instance.ToString()))) {
     object_->registerMethod("RequestState")
         .onInterface(kInterface)
         .withInputParamNames("state", "sequenceNumber")

@@ -1,0 +1,38 @@
+/// Where the object of the component states is found on D-Bus: for the platform, which provides it,
+/// and for tools that call it.
+#pragma once
+
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+namespace ara::stm {
+
+inline constexpr const char* kBusName = "org.adaptive.pos";
+inline constexpr const char* kInterface = "org.adaptive.pos.ComponentState1";
+
+/// `instance` is the instance specifier of the component.
+[[nodiscard]] inline std::string ObjectPath(std::string_view instance) {
+  return "/org/adaptive/pos/" + std::string(instance);
+}
+
+enum class Bus { kSession, kSystem, kNone };
+
+/// By the environment, docs/component-state.md. Throws std::runtime_error for a value that is none
+/// of the three.
+[[nodiscard]] inline Bus ChosenBus() {
+  const char* chosen = std::getenv("POS_STATE_BUS");
+  if (chosen == nullptr || *chosen == '\0') {
+    return std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr ? Bus::kSession : Bus::kSystem;
+  }
+  const std::string_view name = chosen;
+  if (name == "session") return Bus::kSession;
+  if (name == "system") return Bus::kSystem;
+  if (name == "none") return Bus::kNone;
+  throw std::runtime_error(
+      "environment variable POS_STATE_BUS: expected session, system or none, found \"" +
+      std::string(name) + "\"");
+}
+
+}  // namespace ara::stm
