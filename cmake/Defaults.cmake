@@ -33,6 +33,13 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(pos_warnings INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
 endif()
 
+# pos_headers(<target> [links…]): headers of a folder that others include without its library.
+function(pos_headers target)
+  add_library(${target} INTERFACE)
+  target_include_directories(${target} INTERFACE ${PROJECT_SOURCE_DIR})
+  target_link_libraries(${target} INTERFACE ${ARGN})
+endfunction()
+
 # pos_library(<target> SOURCES … [PUBLIC …] [PRIVATE …]): one folder, one static library. Headers are
 # included from the root of the repository ("clients/gnssClientImpl.h").
 function(pos_library target)
