@@ -90,6 +90,65 @@ double steering(double u) {
   return 1 - std::cos(2 * pi * u);
 }
 
+using Matrix = std::array<std::array<double, 4>, 4>;
+
+/// Gauss-Jordan; for matrices that need no exchange of rows, as those of normal equations.
+Matrix inverse_of(Matrix matrix) {
+  Matrix inverse{};
+  for (std::size_t i = 0; i < 4; ++i)
+    inverse[i][i] = 1;
+  for (std::size_t i = 0; i < 4; ++i) {
+    const double pivot = matrix[i][i];
+    for (std::size_t j = 0; j < 4; ++j) {
+      matrix[i][j] /= pivot;
+      inverse[i][j] /= pivot;
+    }
+    for (std::size_t row = 0; row < 4; ++row) {
+      if (row == i) continue;
+      const double factor = matrix[row][i];
+      for (std::size_t j = 0; j < 4; ++j) {
+        matrix[row][j] -= factor * matrix[i][j];
+        inverse[row][j] -= factor * inverse[i][j];
+      }
+    }
+  }
+  return inverse;
+}
+
+/// Adds what a satellite contributes to the normal equations.
+void add_direction(Matrix& normal, const Satellite& satellite) {
+  const double elevation = radians(satellite.elevation);
+  const double azimuth = radians(satellite.azimuth);
+  const std::array<double, 4> row{std::cos(elevation) * std::sin(azimuth),
+                                  std::cos(elevation) * std::cos(azimuth), std::sin(elevation), 1};
+  for (std::size_t i = 0; i < 4; ++i) {
+    for (std::size_t j = 0; j < 4; ++j)
+      normal[i][j] += row[i] * row[j];
+  }
+}
+
+/// A satellite's way over the sky takes some hours. Golden steps spread the ways evenly for any
+/// count of satellites.
+Satellite satellite_at(std::size_t index, double seconds, bool in_sight) {
+  const double spread = wrapped(static_cast<double>(index + 1) * std::numbers::phi, 1);
+  const double period = 3600 * (5 + 3 * spread);
+  const double wave = std::sin(pi * (seconds / period + spread));
+  Satellite satellite;
+  satellite.system = static_cast<Gnss_system>(index % 4);
+  satellite.id =
+      static_cast<std::uint16_t>(index / 4 + (satellite.system == Gnss_system::glonass ? 65 : 1));
+  satellite.elevation = 6 + 80 * wave * wave;
+  satellite.azimuth = wrapped(360 * (static_cast<double>(index) * 0.381966 + spread / 7) +
+                                  (index % 2 == 0 ? 1 : -1) * seconds / period * 180,
+                              360);
+  if (in_sight && satellite.elevation >= 9) {
+    satellite.signal = 24 + 24 * std::sin(radians(satellite.elevation)) +
+                       std::sin(seconds / 7 + static_cast<double>(index));
+    satellite.in_use = satellite.elevation >= 15;
+  }
+  return satellite;
+}
+
 constexpr double fix_delay_2d = 1.0;  ///< seconds from the tunnel's end to a fix in two dimensions
 constexpr double fix_delay_3d = 3.0;  ///< and in three
 
@@ -148,10 +207,6 @@ std::chrono::nanoseconds Course::lap_time() const {
   return std::chrono::nanoseconds(std::llround(lap_seconds_ * 1e9));
 }
 
-double Course::length() const {
-  return length_;
-}
-
 const Course::Leg& Course::leg_at(double lap_seconds) const {
   const auto behind =
       std::upper_bound(legs_.begin(), legs_.end(), lap_seconds,
@@ -205,7 +260,6 @@ Sample Course::sample(std::chrono::nanoseconds time) const {
   Sample sample;
   sample.fix = fix_at(lap_seconds);
   sample.speed = leg.speed_in + acceleration * seconds;
-  sample.acceleration = acceleration;
   const double part = leg.length > 0 ? along / leg.length : 0;
   sample.heading = wrapped(leg.heading + leg.turn * turned(part), 360);
   sample.yaw_rate = leg.length > 0 ? leg.turn / leg.length * steering(part) * sample.speed : 0;
@@ -234,64 +288,20 @@ Sky Course::sky(std::chrono::nanoseconds time, std::size_t count) const {
 
   Sky sky;
   sky.satellites.reserve(count);
-  // Sums of the normal equations: east, north, up and clock.
-  std::array<std::array<double, 4>, 4> normal{};
+  Matrix normal{};  // of the least-squares solution: east, north, up and clock
   for (std::size_t index = 0; index < count; ++index) {
-    // A satellite's way over the sky takes some hours. Golden steps spread the ways evenly for any
-    // count.
-    const double spread = wrapped(static_cast<double>(index + 1) * std::numbers::phi, 1);
-    const double period = 3600 * (5 + 3 * spread);
-    const double wave = std::sin(pi * (seconds / period + spread));
-    Satellite satellite;
-    satellite.system = static_cast<Gnss_system>(index % 4);
-    satellite.id =
-        static_cast<std::uint16_t>(index / 4 + (satellite.system == Gnss_system::glonass ? 65 : 1));
-    satellite.elevation = 6 + 80 * wave * wave;
-    satellite.azimuth = wrapped(360 * (static_cast<double>(index) * 0.381966 + spread / 7) +
-                                    (index % 2 == 0 ? 1 : -1) * seconds / period * 180,
-                                360);
-    if (fix != Fix_type::none && satellite.elevation >= 9) {
-      satellite.signal = 24 + 24 * std::sin(radians(satellite.elevation)) +
-                         std::sin(seconds / 7 + static_cast<double>(index));
-      ++sky.tracked;
-      satellite.in_use = satellite.elevation >= 15;
-    }
+    const Satellite satellite = satellite_at(index, seconds, fix != Fix_type::none);
+    if (satellite.signal > 0) ++sky.tracked;
     if (satellite.in_use) {
       ++sky.in_use;
-      const double elevation = radians(satellite.elevation);
-      const double azimuth = radians(satellite.azimuth);
-      const std::array<double, 4> row{std::cos(elevation) * std::sin(azimuth),
-                                      std::cos(elevation) * std::cos(azimuth), std::sin(elevation),
-                                      1};
-      for (std::size_t i = 0; i < 4; ++i) {
-        for (std::size_t j = 0; j < 4; ++j)
-          normal[i][j] += row[i] * row[j];
-      }
+      add_direction(normal, satellite);
     }
     sky.satellites.push_back(satellite);
   }
   if (sky.in_use < 4) return sky;
 
-  // Gauss-Jordan inversion; four satellites spread as above are never in one plane with the
-  // vehicle.
-  std::array<std::array<double, 4>, 4> inverse{};
-  for (std::size_t i = 0; i < 4; ++i)
-    inverse[i][i] = 1;
-  for (std::size_t i = 0; i < 4; ++i) {
-    const double pivot = normal[i][i];
-    for (std::size_t j = 0; j < 4; ++j) {
-      normal[i][j] /= pivot;
-      inverse[i][j] /= pivot;
-    }
-    for (std::size_t row = 0; row < 4; ++row) {
-      if (row == i) continue;
-      const double factor = normal[row][i];
-      for (std::size_t j = 0; j < 4; ++j) {
-        normal[row][j] -= factor * normal[i][j];
-        inverse[row][j] -= factor * inverse[i][j];
-      }
-    }
-  }
+  // Four satellites spread as above are never in one plane with the vehicle.
+  const Matrix inverse = inverse_of(normal);
   const double horizontal = inverse[0][0] + inverse[1][1];
   sky.hdop = std::sqrt(horizontal);
   sky.vdop = std::sqrt(inverse[2][2]);

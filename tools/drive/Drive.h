@@ -24,7 +24,6 @@ struct Sample {
   double climb = 0;                ///< metres per second, up positive
   double yaw_rate = 0;             ///< degrees per second, to the right positive
   double pitch = 0;                ///< degrees, nose up positive
-  double acceleration = 0;         ///< metres per second squared, along the heading
   double dr_accuracy = 0;          ///< metres, one sigma, horizontal: grows in the tunnel
   double dr_heading_accuracy = 0;  ///< degrees, one sigma
 };
@@ -59,8 +58,6 @@ class Course {
 
   /// How long one round takes.
   [[nodiscard]] std::chrono::nanoseconds lap_time() const;
-  /// Length of one round in metres.
-  [[nodiscard]] double length() const;
 
   /// The vehicle at `time` since the start of the drive, which repeats after lap_time(). Negative
   /// times lie in earlier rounds.
