@@ -132,6 +132,122 @@ def percentile(values, part):
     return ordered[max(0, math.ceil(part * len(ordered)) - 1)]
 
 
+class Run:
+    """The three programs, from their start to the sum of what they did."""
+
+    def __init__(self, options, stop):
+        self.options = options
+        self.stop = stop  # set when the user wants the end
+        self.logs = pathlib.Path("out/run")
+        self.statistics = self.logs / "gnss-gateway.json"
+        self.programs = []
+        self.application = self.gateway = self.consumer = None
+        self.status = ""
+        self.sent = 0
+        self.problems = []  # with a None for each thing that went well
+
+    def start(self, storage):
+        self.logs.mkdir(parents=True, exist_ok=True)
+        self.application = self._start(
+            "application",
+            ["app/POS__ORVEL1_Sys_Adaptive_01_Exe"],
+            environment={
+                "POS_STORAGE_DIR": os.environ.get("POS_STORAGE_DIR", storage),
+                "POS_INITDATA_DIR": os.environ.get("POS_INITDATA_DIR", str(pathlib.Path("config").resolve())),
+            },
+        )
+        watch = self._start("posctl", ["tools/posctl/posctl", "watch", "--json"], stdout=subprocess.PIPE)
+        self.consumer = Consumer(watch.process.stdout, self.options.json)
+        with open(self.statistics, "wb") as file:
+            command = ["tools/gnss-gateway/gnss-gateway", "--json", *self.options.gateway]
+            self.gateway = self._start("gnss-gateway", command, stdout=file)
+
+    def _start(self, name, command, **arguments):
+        program = Program(name, [self.options.build / command[0], *command[1:]], self.logs / f"{name}.log", **arguments)
+        self.programs.append(program)
+        return program
+
+    def _first_to_end(self):
+        return next((program for program in self.programs if program.ended()), None)
+
+    def kill(self):
+        for program in self.programs:
+            program.kill()
+
+    def watch(self):
+        """Until the user, the time or a program ends it, or no position has come for too long."""
+        end = None
+        first_deadline = time.monotonic() + FIRST_POSITION_TIMEOUT
+        while not self.stop.is_set() and self._first_to_end() is None:
+            now = time.monotonic()
+            if end is None and self.consumer.counters:
+                end = now + self.options.seconds if self.options.seconds is not None else math.inf
+            if end is None and now >= first_deadline:
+                self.problems.append(f"no position within {FIRST_POSITION_TIMEOUT:g} s, see {self.logs}")
+                return
+            if end is not None and now >= end:
+                return
+            self.stop.wait(0.05)
+
+    def end(self):
+        """The source first, so that nothing is lost on the way."""
+        ended = self._first_to_end()
+        if ended is not None and (ended is not self.gateway or ended.process.returncode != 0):
+            self.problems.append(f"{ended.name} ended by itself")
+        if not self.application.ended():
+            self.status, problem = read_status(self.options.build / "tools/posctl/posctl", self.options.json)
+            self.problems.append(problem)
+        self.problems.append(self.gateway.stop())
+        with contextlib.suppress(ValueError, KeyError):  # not written by a gateway that failed
+            self.sent = json.loads(self.statistics.read_text(encoding="utf-8"))["notifications"]
+        # What is still on its way.
+        arrived = lambda: self.sent and self.consumer.counters[-1:] == [self.sent - 1]
+        self.consumer.wait_for(arrived, time.monotonic() + 1)
+        for program in reversed(self.programs):
+            if program is not self.gateway:
+                self.problems.append(program.stop())
+        self.consumer.thread.join(END_TIMEOUT)
+
+    def summary(self):
+        # The source counts its notifications; the application hands the number on.
+        counters = self.consumer.counters
+        lost = counters[-1] - counters[0] + 1 - len(counters) if counters else 0
+        if not counters:
+            self.problems.append("no position came out")
+        if lost != 0:
+            self.problems.append(f"{lost} positions were lost between the first and the last")
+        return {
+            "gnssNotificationsIn": self.sent,
+            "positionsOut": len(counters),
+            "posMapInfosOut": self.consumer.map_infos,
+            "beforeSubscription": counters[0] if counters else None,
+            "lost": lost,
+            "ageMedianUs": percentile(self.consumer.ages, 0.5),
+            "age99thPercentileUs": percentile(self.consumer.ages, 0.99),
+            "problems": [problem for problem in self.problems if problem],
+        }
+
+
+def print_json(status, summary):
+    if status:
+        print(json.dumps({"status": json.loads(status)}))
+    print(json.dumps(summary), flush=True)
+
+
+def print_text(status, summary):
+    print(
+        f"\n{status}"
+        f"\n{summary['gnssNotificationsIn']} GNSS notifications in"
+        f" ({summary['beforeSubscription'] or 0} of them before the application had subscribed),"
+        f"\n{summary['positionsOut']} positions and {summary['posMapInfosOut']} map-matched records out,"
+        f" {summary['lost']} lost;"
+        f"\nage of a position when sent: median {summary['ageMedianUs']} us,"
+        f" 99th percentile {summary['age99thPercentileUs']} us."
+    )
+    for problem in summary["problems"]:
+        print(f"run: {problem}", file=sys.stderr)
+
+
 def main():
     parser = argparse.ArgumentParser(prog="scripts/run", description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, help="end after so many seconds of positions")
@@ -144,109 +260,17 @@ def main():
     for number in (signal.SIGINT, signal.SIGTERM):
         signal.signal(number, lambda *_: stop.set())
 
-    logs = pathlib.Path("out/run")
-    logs.mkdir(parents=True, exist_ok=True)
-    problems = []
-    started = []
-
-    def start(name, command, **arguments):
-        program = Program(name, [str(part) for part in command], logs / f"{name}.log", **arguments)
-        started.append(program)
-        return program
-
-    def first_to_end():
-        return next((program for program in started if program.ended()), None)
-
-    with contextlib.ExitStack() as cleanup:
-        storage = cleanup.enter_context(tempfile.TemporaryDirectory(prefix="pos-run-"))
-        # Whatever happens here, nothing is left running.
-        cleanup.callback(lambda: [program.kill() for program in started])
-        application = start(
-            "application",
-            [options.build / "app" / "POS__ORVEL1_Sys_Adaptive_01_Exe"],
-            environment={
-                "POS_STORAGE_DIR": os.environ.get("POS_STORAGE_DIR", storage),
-                "POS_INITDATA_DIR": os.environ.get("POS_INITDATA_DIR", str(pathlib.Path("config").resolve())),
-            },
-        )
-        posctl = options.build / "tools/posctl/posctl"
-        watch = start("posctl", [posctl, "watch", "--json"], stdout=subprocess.PIPE)
-        consumer = Consumer(watch.process.stdout, options.json)
-        statistics_path = logs / "gnss-gateway.json"
-        with open(statistics_path, "wb") as statistics_file:
-            gateway = start(
-                "gnss-gateway",
-                [options.build / "tools/gnss-gateway/gnss-gateway", "--json", *options.gateway],
-                stdout=statistics_file,
-            )
-
-        end = None
-        first_deadline = time.monotonic() + FIRST_POSITION_TIMEOUT
-        while not stop.is_set():
-            now = time.monotonic()
-            if end is None and consumer.counters:
-                end = now + options.seconds if options.seconds is not None else math.inf
-            if (end is not None and now >= end) or first_to_end() is not None:
-                break
-            if end is None and now >= first_deadline:
-                problems.append(f"no position within {FIRST_POSITION_TIMEOUT:g} s, see {logs}")
-                break
-            stop.wait(0.05)
-
-        ended = first_to_end()
-        if ended is not None and (ended is not gateway or ended.process.returncode != 0):
-            problems.append(f"{ended.name} ended by itself")
-        status = ""
-        if not application.ended():
-            status, problem = read_status(posctl, options.json)
-            problems.append(problem)
-        problems.append(gateway.stop())
+    with tempfile.TemporaryDirectory(prefix="pos-run-") as storage:
+        run = Run(options, stop)
         try:
-            sent = json.loads(statistics_path.read_text(encoding="utf-8"))["notifications"]
-        except (ValueError, KeyError):
-            sent = 0
-        # What is still on its way.
-        consumer.wait_for(lambda: sent and consumer.counters[-1:] == [sent - 1], time.monotonic() + 1)
-        for program in reversed(started):
-            if program is not gateway:
-                problems.append(program.stop())
-        consumer.thread.join(END_TIMEOUT)
-
-    # The source counts its notifications; the application hands the number on.
-    counters = consumer.counters
-    lost = counters[-1] - counters[0] + 1 - len(counters) if counters else 0
-    if not counters:
-        problems.append("no position came out")
-    if lost != 0:
-        problems.append(f"{lost} positions were lost between the first and the last")
-    problems = [problem for problem in problems if problem]
-    summary = {
-        "gnssNotificationsIn": sent,
-        "positionsOut": len(counters),
-        "posMapInfosOut": consumer.map_infos,
-        "beforeSubscription": counters[0] if counters else None,
-        "lost": lost,
-        "ageMedianUs": percentile(consumer.ages, 0.5),
-        "age99thPercentileUs": percentile(consumer.ages, 0.99),
-        "problems": problems,
-    }
-    if options.json:
-        if status:
-            print(json.dumps({"status": json.loads(status)}))
-        print(json.dumps(summary), flush=True)
-    else:
-        print(
-            f"\n{status}"
-            f"\n{summary['gnssNotificationsIn']} GNSS notifications in"
-            f" ({summary['beforeSubscription'] or 0} of them before the application had subscribed),"
-            f"\n{summary['positionsOut']} positions and {summary['posMapInfosOut']} map-matched records out,"
-            f" {lost} lost;"
-            f"\nage of a position when sent: median {summary['ageMedianUs']} us,"
-            f" 99th percentile {summary['age99thPercentileUs']} us."
-        )
-        for problem in problems:
-            print(f"run: {problem}", file=sys.stderr)
-    return 1 if problems else 0
+            run.start(storage)
+            run.watch()
+            run.end()
+        finally:
+            run.kill()  # whatever happened here, nothing is left running
+    summary = run.summary()
+    (print_json if options.json else print_text)(run.status, summary)
+    return 1 if summary["problems"] else 0
 
 
 if __name__ == "__main__":
