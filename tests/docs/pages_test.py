@@ -109,7 +109,7 @@ class Pages(unittest.TestCase):
         told = set(re.findall(r"^\| `(POS_\w+)` \|", text_of("docs/platform-linux.md"), re.MULTILINE))
         asked_for = set()
         for folder in ("app", "persistency", "platform", "tools"):
-            for source in (SOURCE / folder).rglob("*.cpp"):
+            for source in (SOURCE / folder).rglob("*.[hc]*"):
                 text = source.read_text(encoding="utf-8")
                 asked_for |= set(re.findall(r'(?:getenv|Environment)\("(POS_\w+)"', text))
         self.assertEqual(told, asked_for)
