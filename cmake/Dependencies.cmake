@@ -1,12 +1,8 @@
-# Everything the build takes from Debian; scripts/setup installs the packages, scripts/packages.txt
-# says what each is for.
+# What the build takes from Debian, beside what platform/linux finds for itself; scripts/setup installs the
+# packages, scripts/packages.txt says what each is for.
 find_package(Threads REQUIRED)
-find_package(PkgConfig REQUIRED)
 find_package(Boost 1.81 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)
-pkg_check_modules(dlt REQUIRED IMPORTED_TARGET automotive-dlt)
-pkg_check_modules(systemd REQUIRED IMPORTED_TARGET libsystemd)
-find_package(sdbus-c++ 1.2 REQUIRED)
 if(POS_BUILD_TESTS)
   find_package(GTest REQUIRED)
   find_program(SYSTEM_PYTHON3 python3 PATHS /usr/bin NO_DEFAULT_PATH REQUIRED)
