@@ -168,6 +168,10 @@ def malformed(service, element, why):
     return error("MWCB", "Dropped a malformed payload of", service, element, why)
 
 
+def left(handler, service, element, why):
+    return error("MWCB", f"An exception left the {handler} handler of", service, element, why)
+
+
 GNSS, TIME = "lumo::services::gnss::GNSS", "lumo::services::time::Time"
 POSITIONING = "lumo::services::positioning::Positioning"
 BEYOND = "Read beyond the end of the data buffer"
@@ -372,6 +376,9 @@ TEXTS = {
             trace("error", "Find_service_handler_exception", GNSS, "any", searched=True),
             of_positions("error", "Event_state_handler_exception"),
             of_positions("error", "Event_receive_handler_exception")],
+        "exceptions of handlers": [
+            left("find-service", GNSS, "any", "find handler"), left("state", GNSS, "positions", "state handler"),
+            left("receive", GNSS, "positions", "receive handler"), left("method", MONITOR, "1", "monitor")],
     },
 }
 

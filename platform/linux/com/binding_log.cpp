@@ -1,9 +1,10 @@
+#include <array>
 #include <chrono>
+#include <exception>
 #include <mutex>
-#include <string>
+#include <string_view>
 #include <utility>
 
-#include "ara/com/types.h"
 #include "ara/log/logger.h"
 #include "mw/com/cpp_binding/log.h"
 
@@ -46,6 +47,18 @@ class Rate_limit {
   unsigned suppressed_ = 0;
 };
 
+void write_limited(Rate_limit& limit,
+                   std::string_view what,
+                   std::string_view service,
+                   std::string_view element,
+                   std::string_view error) {
+  const auto verdict = limit.ask();
+  if (!verdict.write) return;
+  auto line = logger().LogError();
+  line << what << service << element << error;
+  if (verdict.suppressed != 0) line << "; suppressed before:" << verdict.suppressed;
+}
+
 }  // namespace
 
 void log_get_without_value(std::uint16_t method) {
@@ -61,58 +74,24 @@ void log_malformed_payload(std::string_view service,
                            std::string_view element,
                            std::string_view error) {
   static Rate_limit limit;
-  const auto verdict = limit.ask();
-  if (!verdict.write) return;
-  auto line = logger().LogError();
-  line << "Dropped a malformed payload of" << service << element << error;
-  if (verdict.suppressed != 0) line << "; suppressed before:" << verdict.suppressed;
+  write_limited(limit, "Dropped a malformed payload of", service, element, error);
+}
+
+void log_handler_exception(Handler handler, std::string_view service, std::string_view element) {
+  static Rate_limit limit;
+  constexpr std::array<std::string_view, 4> texts{
+      "An exception left the receive handler of", "An exception left the state handler of",
+      "An exception left the find-service handler of", "An exception left the method handler of"};
+  const auto write = [&](std::string_view error) {
+    write_limited(limit, texts[static_cast<std::size_t>(handler)], service, element, error);
+  };
+  try {
+    throw;
+  } catch (const std::exception& error) {
+    write(error.what());
+  } catch (...) {
+    write("not a std::exception");
+  }
 }
 
 }  // namespace mw::com::cpp_binding
-
-namespace ara::com {
-
-namespace {
-
-std::string_view name_of(tq::com::Return_code code) {
-  using enum tq::com::Return_code;
-  switch (code) {
-    case ok:
-      return "E_OK";
-    case not_ok:
-      return "E_NOT_OK";
-    case unknown_service:
-      return "E_UNKNOWN_SERVICE";
-    case unknown_method:
-      return "E_UNKNOWN_METHOD";
-    case not_ready:
-      return "E_NOT_READY";
-    case not_reachable:
-      return "E_NOT_REACHABLE";
-    case timeout:
-      return "E_TIMEOUT";
-    case wrong_protocol_version:
-      return "E_WRONG_PROTOCOL_VERSION";
-    case wrong_interface_version:
-      return "E_WRONG_INTERFACE_VERSION";
-    case malformed_message:
-      return "E_MALFORMED_MESSAGE";
-    case wrong_message_type:
-      return "E_WRONG_MESSAGE_TYPE";
-  }
-  return "service error";
-}
-
-}  // namespace
-
-std::string ToString(tq::com::Return_code code) {
-  constexpr std::string_view digits = "0123456789ABCDEF";
-  const auto value = static_cast<unsigned>(code);
-  std::string text{name_of(code)};
-  return text.append(" (0x").append({digits[value >> 4U], digits[value & 0xFU]}).append(")");
-}
-
-ServiceError::ServiceError(tq::com::Return_code code)
-    : std::runtime_error{"service call failed: " + ToString(code)}, code_{code} {}
-
-}  // namespace ara::com

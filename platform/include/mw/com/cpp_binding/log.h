@@ -18,4 +18,12 @@ void log_malformed_payload(std::string_view service,
                            std::string_view element,
                            std::string_view error);
 
+/// What the binding calls of the application's.
+enum class Handler : std::uint8_t { receive, subscription_state, find_service, method };
+
+/// An exception left a handler. Call it where that exception is being handled: it writes the
+/// exception's text, no more than ten lines a second. `element` names the event, the method or the
+/// instance that is searched for.
+void log_handler_exception(Handler handler, std::string_view service, std::string_view element);
+
 }  // namespace mw::com::cpp_binding

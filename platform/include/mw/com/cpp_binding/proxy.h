@@ -4,6 +4,9 @@
 #include <algorithm>
 #include <atomic>
 #include <deque>
+#include <exception>
+#include <future>
+#include <limits>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -193,11 +196,15 @@ class Event {
     try {
       call();
     } catch (...) {
-      tell(Trace_id::Event_receive_handler_exception);
+      tell_exception(Handler::receive, Trace_id::Event_receive_handler_exception);
     }
   }
   [[gnu::cold, gnu::noinline]] void tell(Trace_id id) const {
     trace(id, [&] { return connection_.event(id, id_); });
+  }
+  [[gnu::cold, gnu::noinline]] void tell_exception(Handler handler, Trace_id id) const {
+    log_handler_exception(handler, connection_.service, name_);
+    tell(id);
   }
 
   void on_state(bool acknowledged) {
@@ -207,7 +214,7 @@ class Event {
     try {
       state_changed_(state);
     } catch (...) {
-      tell(Trace_id::Event_state_handler_exception);
+      tell_exception(Handler::subscription_state, Trace_id::Event_state_handler_exception);
     }
   }
 
@@ -334,6 +341,7 @@ class Proxy_impl {
                 [&] { handler(std::move(handles), known.get()); },
                 [&] { return event(Trace_id::Find_service_handler_performance, text); });
           } catch (...) {
+            log_handler_exception(Handler::find_service, Service::name, text);
             trace(Trace_id::Find_service_handler_exception,
                   [&] { return event(Trace_id::Find_service_handler_exception, text); });
           }

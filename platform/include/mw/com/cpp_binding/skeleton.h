@@ -2,6 +2,9 @@
 #pragma once
 
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <exception>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -102,6 +105,7 @@ tq::com::Response answer(Provision& provision,
   } catch (const ara::com::ServiceError& error) {
     return respond({.code = error.Code(), .payload = {}});
   } catch (...) {
+    log_handler_exception(Handler::method, provision.service, std::to_string(id));
     trace(Trace_id::Method_call_request_exception,
           [&] { return event(Trace_id::Method_call_request_exception); });
     return respond({.code = tq::com::Return_code::not_ok, .payload = {}});
