@@ -69,6 +69,18 @@ class ProcessTest(unittest.TestCase):
         self.assertEqual(self.ends(application), 104)
         self.assertTrue(self.count(application, "/nonexistent/manifest.json"))
 
+    def test_a_manifest_without_an_element_of_an_interface_ends_with_104_and_names_it(self):
+        services = self.desk.manifest["services"]
+        for service, kind in (("lumo::services::gnss::GNSS", "fields"), ("mw::dm::dem::DiagnosticMonitor", "events")):
+            elements = services[service][kind]
+            name = next(reversed(elements))
+            element = elements.pop(name)
+            self.desk.write_manifest()
+            application = self.desk.start(APPLICATION)
+            self.assertEqual(self.ends(application), 104)
+            self.assertTrue(self.count(application, f'manifest.json: services.{service}.{kind}: expected "{name}"'))
+            elements[name] = element
+
 
 if __name__ == "__main__":
     unittest.main()

@@ -211,6 +211,20 @@ TEST(Runtime, names_that_are_unknown_and_addresses_that_are_taken_are_reported_w
               HasSubstr("test manifest: services: \"test::Nothing\""));
   EXPECT_THAT(provide("test::Service", "none"), HasSubstr("none has the specifier \"none\""));
   EXPECT_THAT(provide("test::Service", "second"), HasSubstr("belongs to node \"client\""));
+  const auto require = [&](tq::com::Element element, const tq::com::Runtime& of) {
+    return error_of([&] { of.require("test::Service", {&element, 1}); });
+  };
+  using enum tq::com::Element_kind;
+  EXPECT_THAT(require({event, "echo"}, *runtime),
+              HasSubstr("test manifest: services.test::Service.events: expected \"echo\""));
+  EXPECT_THAT(require({method, "tick"}, *runtime), HasSubstr(".methods: expected \"tick\""));
+  EXPECT_THAT(require({field, "echo"}, *runtime), HasSubstr(".fields: expected \"echo\""));
+  auto silent = deployment(net);
+  silent.services.front().fields.front().notifier.reset();
+  EXPECT_THAT(require({field, "value"}, *make_runtime(silent, "client")),
+              HasSubstr(".fields.value: expected \"notifier\""));
+  const tq::com::Element all[] = {{method, "echo"}, {event, "tick"}, {field, "value"}};
+  EXPECT_NO_THROW(runtime->require("test::Service", all));
   EXPECT_THAT(make("nobody"), HasSubstr("nodes: expected a node \"nobody\""));
   EXPECT_THAT(make("server"),
               testing::AllOf(HasSubstr("test manifest"), HasSubstr("127.41.0.1"),

@@ -4,6 +4,7 @@
 
 #include <initializer_list>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -20,6 +21,7 @@ class Played_runtime : public tq::com::Runtime {
   void find(std::initializer_list<std::uint16_t> instances);
   [[nodiscard]] bool searches() const { return find_handler_ != nullptr; }
 
+  void require(std::string_view, std::span<const tq::com::Element>) const override {}
   tq::com::Find_token start_find_service(std::string_view service,
                                          std::optional<std::uint16_t> instance,
                                          tq::com::Find_handler handler) override;

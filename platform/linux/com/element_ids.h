@@ -1,6 +1,7 @@
-/// From the name of a method, event or field to its ids.
+/// The elements of a deployed service: whether they are there, and from a name to its ids.
 #pragma once
 
+#include <span>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -9,6 +10,12 @@
 #include "tq/com/runtime.h"
 
 namespace tq::com {
+
+/// Throws std::runtime_error naming the key in the manifest `source` unless the service has every
+/// one of `elements`, and each of these fields a notifier.
+void require_elements(const someip::Service_deployment& service,
+                      std::span<const Element> elements,
+                      const std::string& source);
 
 /// Throws std::runtime_error when the service has no such element.
 [[nodiscard]] inline Element_ids element_ids(const someip::Service_deployment& service,

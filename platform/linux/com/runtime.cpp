@@ -4,6 +4,7 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <span>
 #include <stdexcept>
 #include <utility>
 
@@ -11,6 +12,7 @@
 #include "mw/com/Strand.h"
 #include "mw/com/static_thread_pool.h"
 #include "platform/linux/com/connection.h"
+#include "platform/linux/com/element_ids.h"
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
@@ -94,6 +96,10 @@ class Someip_runtime final : public Runtime {
       search->close();
     node_.stop();
     pool_.stop();
+  }
+
+  void require(std::string_view service, std::span<const Element> elements) const override {
+    require_elements(find_service(service), elements, deployment_.source);
   }
 
   Find_token start_find_service(std::string_view service,
@@ -187,6 +193,7 @@ class Someip_runtime final : public Runtime {
 /// What a passive process has: nothing that could be used.
 class Passive_runtime final : public Runtime {
  public:
+  void require(std::string_view, std::span<const Element>) const override { refuse(); }
   Find_token start_find_service(std::string_view,
                                 std::optional<std::uint16_t>,
                                 Find_handler) override {

@@ -53,6 +53,14 @@ struct Element_ids {
   std::optional<std::uint16_t> notifier;  ///< of a field (notification) or an event
 };
 
+enum class Element_kind : std::uint8_t { method, event, field };
+
+/// One element of a service interface as the code describes it.
+struct Element {
+  Element_kind kind;
+  std::string_view name;
+};
+
 /// Called with one notification's payload, one call at a time and in order of arrival. The payload
 /// is valid during the call only.
 using Notification_handler = std::function<void(Payload)>;
@@ -135,6 +143,10 @@ class Runtime {
 
   /// The process's runtime. Throws std::logic_error while no Component_singleton exists.
   static Runtime& instance();
+
+  /// Throws std::runtime_error naming the manifest, the key and what was expected there unless the
+  /// service is deployed with every one of `elements`; a field needs a notifier.
+  virtual void require(std::string_view service, std::span<const Element> elements) const = 0;
 
   /// `service` is the interface's full name in the manifest. Without `instance` every instance
   /// matches. Throws std::runtime_error naming the manifest and the key when the service is not

@@ -309,10 +309,13 @@ class Proxy_impl {
   using HandleType = Handle_type;
 
   /// Searches for any instance, or for one, until StopFindService. The handler runs on a worker,
-  /// one call at a time, at the start and on each change.
+  /// one call at a time, at the start and on each change. Throws std::runtime_error when the
+  /// manifest lacks the service or one of its elements.
   static ara::com::FindServiceHandle StartFindService(
       ara::com::FindServiceHandler<Handle_type> handler,
       std::optional<std::uint16_t> instance = std::nullopt) {
+    auto& runtime = tq::com::Runtime::instance();
+    runtime.require(Service::name, elements_of<Service>);
     const std::string text = instance ? std::to_string(*instance) : "any";
     const auto event = [text](Trace_id id, std::string_view of_instance) {
       return Trace_event{.id = id, .service = Service::name, .instance = of_instance};
@@ -322,7 +325,7 @@ class Proxy_impl {
     // way.
     auto handle = std::make_shared<std::promise<ara::com::FindServiceHandle>>();
     const auto known = handle->get_future().share();
-    const auto token = tq::com::Runtime::instance().start_find_service(
+    const auto token = runtime.start_find_service(
         Service::name, instance,
         [handler = std::move(handler), known, text,
          event](const std::vector<tq::com::Found_instance>& found) {

@@ -9,9 +9,12 @@
 ///   };
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string_view>
 #include <tuple>
+
+#include "tq/com/runtime.h"
 
 namespace mw::com::cpp_binding {
 
@@ -28,12 +31,14 @@ struct Version {
 template <class Value>
 struct Field {
   using value_type = Value;
+  static constexpr auto kind = tq::com::Element_kind::field;
   std::string_view name;
 };
 
 template <class Value>
 struct Event {
   using value_type = Value;
+  static constexpr auto kind = tq::com::Element_kind::event;
   std::string_view name;
 };
 
@@ -42,8 +47,17 @@ struct Method;
 template <class Output, class... Inputs>
 struct Method<Output(Inputs...)> {
   using output_type = Output;
+  static constexpr auto kind = tq::com::Element_kind::method;
   std::string_view name;
 };
+
+/// What the deployment has to have of a service interface.
+template <class Service>
+inline constexpr auto elements_of = std::apply(
+    [](const auto&... elements) {
+      return std::array{tq::com::Element{.kind = elements.kind, .name = elements.name}...};
+    },
+    Service::elements);
 
 /// "GNSS" of "lumo::services::gnss::GNSS".
 [[nodiscard]] constexpr std::string_view short_name(std::string_view name) {

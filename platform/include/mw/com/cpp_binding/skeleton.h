@@ -238,12 +238,14 @@ class Field {
 template <class Service>
 class Skeleton_impl {
  public:
-  /// Throws std::runtime_error when the manifest has no such instance.
+  /// Throws std::runtime_error when the manifest has no such instance, or lacks an element of the
+  /// service.
   explicit Skeleton_impl(const ara::core::InstanceSpecifier& specifier) {
     provision_.service = Service::name;
     try {
-      provision_.provider =
-          tq::com::Runtime::instance().provide(Service::name, specifier.ToString());
+      auto& runtime = tq::com::Runtime::instance();
+      runtime.require(Service::name, elements_of<Service>);
+      provision_.provider = runtime.provide(Service::name, specifier.ToString());
     } catch (...) {
       trace(Trace_id::Service_instantiation_error, [&] {
         return Trace_event{.id = Trace_id::Service_instantiation_error,
