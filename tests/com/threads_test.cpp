@@ -165,6 +165,29 @@ TEST(Samples, displace_the_oldest_that_waits_but_none_that_is_held) {
   EXPECT_EQ(third->front(), 3) << "outlives its event";
 }
 
+TEST(Samples, keep_the_room_of_a_usual_list_but_not_that_of_a_huge_one) {
+  using List = std::vector<std::uint64_t>;
+  const auto lists = std::make_shared<mw::com::cpp_binding::proxy::Sample_cache<List>>(1);
+  const auto room = [&] { return lists->acquire().value.capacity(); };
+  const auto receive = [&](std::size_t size) {
+    auto& slot = lists->acquire();
+    slot.value.resize(size);
+    return lists->push(slot);
+  };
+  EXPECT_TRUE(receive(1000));
+  lists->pop().reset();
+  EXPECT_GE(room(), 1000U);
+  EXPECT_TRUE(receive(100'000));
+  lists->pop().reset();
+  EXPECT_EQ(room(), 0U) << "fetched";
+  EXPECT_TRUE(receive(100'000));
+  EXPECT_TRUE(receive(1)) << "in the second slot";
+  EXPECT_EQ(room(), 0U) << "displaced";
+  const auto held = lists->pop();
+  EXPECT_FALSE(receive(100'000));
+  EXPECT_EQ(room(), 0U) << "refused";
+}
+
 TEST(Samples, are_whole_and_in_order_when_another_thread_fetches) {
   constexpr int last = 20'000;
   const auto samples = std::make_shared<Samples>(4);

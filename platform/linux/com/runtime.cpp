@@ -1,5 +1,7 @@
 #include "mw/com/runtime.h"
 
+#include <malloc.h>
+
 #include <algorithm>
 #include <atomic>
 #include <map>
@@ -231,12 +233,24 @@ Runtime& Runtime::instance() {
 
 namespace mw::com::runtime {
 
+namespace {
+
+/// Blocks from this size on go back to the system when they are freed: those that a single long
+/// message may need once. Left alone, glibc takes each such block that is freed for a sign that
+/// more of them will come, and keeps tens of megabytes for them.
+constexpr int given_back_bytes = 1 << 20;
+
+}  // namespace
+
 Component_singleton::Component_singleton(const std::string& name, bool passive) {
   if (tq::com::the_runtime.load() != nullptr) {
     throw std::logic_error("there is a Component_singleton already");
   }
   const std::string node = name.empty() ? "POS" : name;
   auto deployment = tq::com::load_deployment(node);
+#ifdef M_MMAP_THRESHOLD
+  ::mallopt(M_MMAP_THRESHOLD, given_back_bytes);
+#endif
   if (passive) {
     runtime_ = std::make_unique<tq::com::Passive_runtime>();
   } else {

@@ -42,10 +42,7 @@ struct Connection {
 template <class Value>
 class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
  public:
-  struct Slot {
-    Value value;
-    std::atomic<bool> taken{false};  ///< waits, or the application holds it; see SampleReturn
-  };
+  using Slot = ara::com::SampleSlot<Value>;
 
   /// `capacity`: samples that may wait plus samples that the application may hold.
   explicit Sample_cache(std::size_t capacity) : capacity_{capacity} {}
@@ -63,8 +60,11 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
   [[nodiscard]] bool push(Slot& sample) {
     const std::lock_guard lock{mutex_};
     if (full()) {
-      if (waiting_.empty()) return false;
-      waiting_.front()->taken.store(false, std::memory_order_relaxed);
+      if (waiting_.empty()) {
+        sample.trim();
+        return false;
+      }
+      waiting_.front()->release();
       waiting_.pop_front();
     }
     sample.taken.store(true, std::memory_order_relaxed);
@@ -79,7 +79,7 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
     Slot* const sample = waiting_.front();
     waiting_.pop_front();
     any_waiting_.store(!waiting_.empty(), std::memory_order_relaxed);
-    return {&sample->value, {this->shared_from_this(), &sample->taken}};
+    return {&sample->value, {this->shared_from_this(), sample}};
   }
 
  private:
@@ -185,6 +185,7 @@ class Event {
     try {
       Serialization<Value>::decode(payload, slot.value);
     } catch (const std::exception& error) {
+      slot.trim();
       log_malformed_payload(connection_.service, name_, error.what());
       tell(Trace_id::Event_deserialize_exception);
       return false;
