@@ -206,11 +206,13 @@ class Field {
  private:
   ara::core::Future<Value> latest() {
     std::vector<std::byte> payload;
+    bool has_value = false;
     {
       const std::lock_guard lock{mutex_};
-      if (has_value_) payload = payload_;
+      has_value = has_value_;
+      payload = payload_;
     }
-    if (payload.empty()) {
+    if (!has_value) {
       log_get_without_value(*ids_.getter);
       trace(Trace_id::Event_request_update_err, [&] {
         return provision_.event(Trace_id::Event_request_update_err, ids_.notifier.value_or(0));
