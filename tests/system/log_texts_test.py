@@ -370,7 +370,7 @@ TEXTS = {
         "trace of the skeletons": [
             ("TRCE", "error", '{"1_incident":{"1_id":"Service_instantiation_error","2_instance_id":'
              '{"1_id":"Instance_id","2_string":"Unknown"}}}'),
-            trace("error", "Event_request_update_err", POSITIONING, "1", ',"4_event_id":32769'),
+            *2 * [trace("error", "Event_request_update_err", POSITIONING, "1", ',"4_event_id":32769')],
             trace("fatal", "Method_call_request_exception", MONITOR, "53505", ',"4_method_id":1')],
         "trace of the proxies": [
             trace("error", "Find_service_handler_exception", GNSS, "any", searched=True),

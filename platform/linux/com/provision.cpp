@@ -2,9 +2,11 @@
 
 #include <cstdio>
 #include <stdexcept>
+#include <string>
 #include <utility>
 
 #include "mw/com/cpp_binding/log.h"
+#include "mw/com/cpp_binding/trace.h"
 #include "platform/linux/com/element_ids.h"
 
 namespace tq::com {
@@ -17,6 +19,15 @@ std::string hexadecimal(std::uint16_t id) {
   return text;
 }
 
+void tell_value_missing(const std::string& service, std::uint16_t instance, std::uint16_t event) {
+  using mw::com::cpp_binding::Trace_event;
+  constexpr auto record = mw::com::cpp_binding::Trace_id::Event_request_update_err;
+  mw::com::cpp_binding::log_notify_without_value(event);
+  mw::com::cpp_binding::trace(record, [&, number = std::to_string(instance)] {
+    return Trace_event{.id = record, .service = service, .instance = number, .element = event};
+  });
+}
+
 }  // namespace
 
 Provision::Provision(std::shared_ptr<someip::Provided_instance> instance,
@@ -26,7 +37,11 @@ Provision::Provision(std::shared_ptr<someip::Provided_instance> instance,
       node_(node),
       manifest_(std::move(manifest)),
       gate_(std::make_shared<Gate>()) {
-  instance_->on_value_missing(&mw::com::cpp_binding::log_notify_without_value);
+  // The name is the runtime's, which outlives its instances.
+  const auto& service = instance_->service().name;
+  instance_->on_value_missing([&service, id = instance_->deployment().id](std::uint16_t event) {
+    tell_value_missing(service, id, event);
+  });
 }
 
 Provision::~Provision() {
