@@ -21,15 +21,20 @@ namespace binding {
 template <class T>
 inline constexpr Serialization_settings settings_of{};
 
-/// Codec<T> handles the bare value, without the length field that a nested item has:
-///   static constexpr Wire_type wire_type;             as a TLV member
-///   static std::uint64_t length_field(settings);      size of its own length field when nested or,
-///   for
-///                                                     containers, at the top level
-///   static constexpr bool top_level_length_field;     containers keep theirs at the top level,
-///   records not static std::size_t size(const T&, settings); static std::byte* write(const T&,
-///   std::byte* to, settings); static void read(Cursor&, std::size_t end, T&, settings); static
-///   void trace(const T&, Trace_json&, unsigned position);
+/// Codec<T> handles the bare value, without the length field that a nested item has. Its members:
+///
+///   static constexpr Wire_type wire_type;
+///     as a TLV member
+///   static std::uint64_t length_field(settings);
+///     size of the length field of a nested item; 0: it has none
+///   static constexpr bool top_level_length_field;
+///     whether it has that field at the top level of a payload too: containers do, records do not
+///   static std::size_t size(const T&, settings);
+///   static std::byte* write(const T&, std::byte* to, settings);
+///     returns the position behind it
+///   static void read(Cursor&, std::size_t end, T&, settings);
+///     `end` is where its announced length ends
+///   static void trace(const T&, Trace_json&, unsigned position);
 template <class T>
 struct Codec;
 

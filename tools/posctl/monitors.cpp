@@ -1,8 +1,10 @@
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <stdexcept>
 #include <string>
 

@@ -50,14 +50,16 @@ class KeyValueStorageBase {
 class KeyValueStorage : public KeyValueStorageBase {
  public:
   /// Throws
-  /// - ExceptionStorageLocationNotFound when the folder is missing; it has then been created, so
-  /// that a
-  ///   second attempt finds it, unless that failed too (the text says which);
-  /// - ExceptionValidation with file, line and column (syntax) or key (types and values) for a file
-  /// that
-  ///   is not a store; it is left as it is;
-  /// - ExceptionPhysicalStorageError with path and reason when the file cannot be read;
-  /// - ExceptionLogicError when `port` is no file name.
+  ///   ExceptionStorageLocationNotFound
+  ///     when the folder is missing; it has then been created, so that a second attempt finds it,
+  ///     unless that failed too (the text says which);
+  ///   ExceptionValidation
+  ///     with file, line and column (syntax) or key (types and values) for a file that is not a
+  ///     store; it is left as it is;
+  ///   ExceptionPhysicalStorageError
+  ///     with path and reason when the file cannot be read;
+  ///   ExceptionLogicError
+  ///     when `port` is no file name.
   explicit KeyValueStorage(std::string_view port);
   ~KeyValueStorage() override;
 

@@ -3,6 +3,8 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
+#include <cstdint>
 #include <deque>
 #include <exception>
 #include <future>
@@ -11,7 +13,8 @@
 #include <mutex>
 #include <optional>
 #include <string>
-#include <tuple>
+#include <string_view>
+#include <type_traits>
 #include <utility>
 #include <vector>
 
