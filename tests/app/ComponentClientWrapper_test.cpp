@@ -7,7 +7,7 @@
 #include <tuple>
 #include <vector>
 
-#include "ara/log/capture.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Seen.h"
 #include "tests/support/Store.h"
 
@@ -71,7 +71,7 @@ class ComponentClientWrapperTest : public testing::Test {
 
   State_management management_;
   Store store_;
-  ara::log::Capture log_;
+  test::Capture log_;
   Persistency persistency_ = store_.open();
 };
 

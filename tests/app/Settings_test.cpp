@@ -4,7 +4,7 @@
 
 #include <tuple>
 
-#include "ara/log/capture.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Store.h"
 
 namespace {
@@ -25,7 +25,7 @@ Values readWith(const std::vector<KvsType>& values) {
   for (std::size_t i = 0; i < values.size(); ++i)
     entries.emplace_back(kKeys[i], values[i]);
   store.write(entries);
-  const ara::log::Capture log;
+  const test::Capture log;
   Persistency persistency = store.open();
   const Settings read = readSettings(persistency);
   return {read.recievedGNSSDataLogging,

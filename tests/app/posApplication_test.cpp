@@ -8,9 +8,9 @@
 #include <future>
 #include <thread>
 
-#include "ara/log/capture.h"
 #include "tests/clients/printing.h"
 #include "tests/clients/wire.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Store.h"
 
 namespace {
@@ -88,7 +88,7 @@ class ApplicationTest : public testing::Test {
   Wire wire_{72};
   std::unique_ptr<tq::com::Provider> gnss_ =
       wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
-  ara::log::Capture log_;
+  test::Capture log_;
   Store store_;
   std::optional<posApplication> application_;
   std::future<int> result_;

@@ -2,10 +2,10 @@
 /// handler that throws costs one and nothing else, are log_texts_test.py's to see.
 #include <gmock/gmock.h>
 
-#include "ara/log/capture.h"
 #include "binding/trace_records.h"
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Fake_runtime.h"
 
 namespace {
@@ -38,7 +38,7 @@ class Trace : public testing::Test {
   }
 
   Fake_runtime runtime_;
-  ara::log::Capture capture_;
+  test::Capture capture_;
   ara::log::Logger& context_ = ara::log::CreateLogger("TRCE", "Binding trace");
   binding::Platform_trace_logger logger_{context_};
   binding::Trace_records sink_{logger_};

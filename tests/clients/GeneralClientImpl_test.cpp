@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "ara/log/capture.h"
+#include "tests/support/Capture.h"
 
 namespace {
 
@@ -60,7 +60,7 @@ class GeneralClient : public ::testing::Test {
   }
 
   ara::log::Logger& logger_ = ara::log::CreateLogger("TGCL", "the owner's context");
-  ara::log::Capture capture_;
+  test::Capture capture_;
   GeneralClientImpl<Proxy> client_{logger_};
 };
 

@@ -3,11 +3,11 @@
 #include <limits>
 #include <utility>
 
-#include "ara/log/capture.h"
 #include "ara/log/logger.h"
 #include "clients/gnssClientImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Fake_runtime.h"
 
 namespace {
@@ -48,7 +48,7 @@ class Gnss_client : public ::testing::Test {
 
   Fake_runtime runtime_;
   Fixed_time time_;
-  ara::log::Capture capture_;
+  test::Capture capture_;
   gnssClientImpl client_{time_};
   std::vector<Position> positions_;
   std::vector<std::size_t> satellites_;

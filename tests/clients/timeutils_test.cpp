@@ -7,8 +7,8 @@
 #include <thread>
 #include <vector>
 
-#include "ara/log/capture.h"
 #include "tests/clients/fixed_time.h"
+#include "tests/support/Capture.h"
 
 namespace {
 
@@ -50,7 +50,7 @@ TEST(Timeutils, adds_the_offset_that_was_set_last) {
 }
 
 TEST(Timeutils, throws_when_there_is_no_time_base_and_is_created_once_there_is) {
-  const ara::log::Capture capture;
+  const test::Capture capture;
   ASSERT_EQ(setenv("POS_TIME_BASE", "CLOCK_OF_NOBODY", 1), 0);
   EXPECT_THROW(static_cast<void>(timeutils::instance()), std::runtime_error);
   ASSERT_EQ(setenv("POS_TIME_BASE", "CLOCK_REALTIME", 1), 0);

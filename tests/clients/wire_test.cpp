@@ -5,8 +5,8 @@
 #include <atomic>
 #include <thread>
 
-#include "ara/log/capture.h"
 #include "clients/gnssClientImpl.h"
+#include "tests/support/Capture.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ std::vector<Position> sample(std::uint32_t counter) {
 
 TEST(Clients_on_the_wire, stop_at_any_moment_of_a_service_that_comes_and_goes) {
   Wire wire{62};
-  const ara::log::Capture capture;
+  const test::Capture capture;
   const auto provider = wire.gateway().provide(gnss, gnss_specifier);
   test::Seen<std::uint32_t> received;
   const auto wait_for_another = [&](std::chrono::milliseconds limit) {

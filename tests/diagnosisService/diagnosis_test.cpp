@@ -8,9 +8,9 @@
 #include <sstream>
 #include <thread>
 
-#include "ara/log/capture.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "posService/PositioningRecords.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Fake_runtime.h"
 
 namespace diagnosisService {
@@ -76,7 +76,7 @@ class Diagnosis : public ::testing::Test {
     log.Clear();
   }
 
-  ara::log::Capture log;
+  test::Capture log;
   Fake_runtime runtime;
   std::unique_ptr<diagnosisServiceImpl> service = std::make_unique<diagnosisServiceImpl>();
 };

@@ -7,7 +7,7 @@
 #include <memory>
 #include <optional>
 
-#include "ara/log/capture.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Store.h"
 
 namespace {
@@ -24,7 +24,7 @@ std::optional<Bytes> read(const Persistency& persistency, const std::string& key
 class PersistencyTest : public testing::Test {
  protected:
   Store store_;
-  ara::log::Capture log_;
+  test::Capture log_;
 };
 
 TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {

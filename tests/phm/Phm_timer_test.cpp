@@ -8,7 +8,7 @@
 #include <semaphore>
 #include <thread>
 
-#include "ara/log/capture.h"
+#include "tests/support/Capture.h"
 
 namespace {
 
@@ -19,7 +19,7 @@ constexpr auto kForever = std::chrono::milliseconds(24h);
 constexpr auto kPatience = 10s;
 
 TEST(Phm_timer, with_period_zero_calls_once_after_the_delay) {
-  const ara::log::Capture log;
+  const test::Capture log;
   std::atomic<int> calls{0};
   std::promise<steady_clock::time_point> called;
   Phm_timer timer([&] {
@@ -59,7 +59,7 @@ TEST(Phm_timer, a_slow_call_drops_ticks_and_never_overlaps_with_the_next) {
 }
 
 TEST(Phm_timer, goes_on_after_a_call_that_throws_and_stop_waits_for_the_pending_one) {
-  const ara::log::Capture log;
+  const test::Capture log;
   std::binary_semaphore started{0};
   std::binary_semaphore released{0};
   Phm_timer timer([&] {

@@ -2,10 +2,10 @@
 
 #include <gmock/gmock.h>
 
-#include "ara/log/capture.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Fake_runtime.h"
 
 namespace lumo::services::positioning::datatypes {
@@ -63,7 +63,7 @@ class Pos_service : public ::testing::Test {
 
   Fake_runtime runtime_;
   Fixed_time time_;
-  ara::log::Capture capture_;
+  test::Capture capture_;
   diagnosisService::diagnosisServiceImpl diagnosis_;
   posServiceImpl service_{diagnosis_, time_};
 };

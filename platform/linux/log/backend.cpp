@@ -6,8 +6,6 @@
 #include <stdexcept>
 #include <utility>
 
-#include "platform/linux/log/capture_store.h"
-
 namespace ara::log {
 namespace {
 
@@ -41,17 +39,11 @@ Backend::Backend() : settings_(LevelSettings::Parse(EnvironmentLevels())), dlt_(
 void Backend::Init(std::string_view app_id,
                    std::string_view description,
                    LogLevel default_level,
-                   LogMode mode,
-                   std::string_view directory) {
+                   LogMode mode) {
   CheckId("application id", app_id);
   {
     const std::lock_guard lock(mutex_);
     if (!std::exchange(initialised_, true)) {
-      if (Has(mode, LogMode::kFile)) {
-        std::string path(directory.empty() ? "." : directory);
-        path.append("/").append(app_id).append(".log");
-        file_ = std::make_unique<LogFile>(std::move(path));
-      }
       application_ = app_id;
       default_level_ = default_level;
       if (auto* named = Find(app_id); named != nullptr) {
@@ -63,7 +55,8 @@ void Backend::Init(std::string_view app_id,
         context->logger.SetLevel(LevelFor(*context));
       }
       dlt_.Configure(app_id, description);
-      modes_.store(mode, std::memory_order_release);
+      mode_ = mode;
+      SetModes();
       // Connects now when a daemon is there, so that the first message need not.
       if (Has(mode, LogMode::kRemote)) (void)dlt_.Ready(contexts());
       if (settings_.complaint.empty()) return;
@@ -112,25 +105,19 @@ LogLevel Backend::LevelFor(const Context& context) const {
 
 void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noexcept {
   try {
-    if (capturing_.load(std::memory_order_acquire)) {
-      std::shared_ptr<Capture::Store> capture;
-      {
-        const std::lock_guard lock(capture_mutex_);
-        capture = capture_;
-      }
-      if (capture != nullptr) {
-        capture->Add(level, context.id, arguments);
-        return;
-      }
-    }
     const LogMode modes = modes_.load(std::memory_order_acquire);
     const bool remote = Has(modes, LogMode::kRemote);
     const bool sent = remote && SendToDaemon(context, level, arguments);
-    const bool console = Has(modes, LogMode::kConsole) || (remote && !sent);
-    if (!console && !Has(modes, LogMode::kFile)) return;
-    const std::string line = FormatLine(level, application_, context.id, arguments.Text());
-    if (console) WriteToStandardError(line);
-    if (file_ != nullptr && !file_->Write(line) && !console) WriteToStandardError(line);
+    if (Has(modes, LogMode::kConsole) || (remote && !sent)) {
+      WriteToStandardError(FormatLine(level, application_, context.id, arguments.Text()));
+    } else if (!remote) {
+      std::shared_ptr<const Diversion> diversion;
+      {
+        const std::lock_guard lock(mutex_);
+        diversion = diversion_;
+      }
+      if (diversion != nullptr) (*diversion)(level, context.id, arguments);
+    }
   } catch (
       ...) {  // NOLINT(bugprone-empty-catch): no memory for a log line; the application goes on
   }
@@ -152,12 +139,20 @@ bool Backend::SendToDaemon(Context& context, LogLevel level, Arguments arguments
   return ready && dlt_.Send(context, level, arguments);
 }
 
-void Backend::SetCapture(std::shared_ptr<Capture::Store> capture) {
-  const std::lock_guard lock(capture_mutex_);
-  if (capture != nullptr && capture_ != nullptr)
-    throw std::logic_error("a log capture is running already");
-  capture_ = std::move(capture);
-  capturing_.store(capture_ != nullptr, std::memory_order_release);
+void Backend::Divert(std::shared_ptr<const Diversion> diversion) {
+  const std::lock_guard lock(mutex_);
+  if (diversion != nullptr && diversion_ != nullptr)
+    throw std::logic_error("the log is diverted already");
+  diversion_ = std::move(diversion);
+  SetModes();
+}
+
+void Backend::SetModes() {
+  modes_.store(diversion_ == nullptr ? mode_ : LogMode{}, std::memory_order_release);
+}
+
+void Divert(std::shared_ptr<const Diversion> diversion) {
+  Backend::Instance().Divert(std::move(diversion));
 }
 
 }  // namespace ara::log

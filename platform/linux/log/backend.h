@@ -8,9 +8,9 @@
 #include <string>
 #include <string_view>
 
-#include "ara/log/capture.h"
 #include "platform/linux/log/arguments.h"
 #include "platform/linux/log/context.h"
+#include "platform/linux/log/diversion.h"
 #include "platform/linux/log/dlt_sink.h"
 #include "platform/linux/log/level_settings.h"
 #include "platform/linux/log/text_sink.h"
@@ -27,14 +27,12 @@ class Backend {
   void Init(std::string_view app_id,
             std::string_view description,
             LogLevel default_level,
-            LogMode mode,
-            std::string_view directory);
+            LogMode mode);
   Logger& Create(std::string_view id, std::string_view description, std::optional<LogLevel> level);
   Logger& Default() { return default_.load(std::memory_order_acquire)->logger; }
   /// Gives one message to the sinks.
   void Submit(Context& context, LogLevel level, Arguments arguments) noexcept;
-  /// Null ends the capture.
-  void SetCapture(std::shared_ptr<Capture::Store> capture);
+  void Divert(std::shared_ptr<const Diversion> diversion);
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
   void Close() { dlt_.Close(); }
 
@@ -44,24 +42,23 @@ class Backend {
   Context* Find(std::string_view id) const;
   Context& Add(std::string id, std::string description, std::optional<LogLevel> level);
   [[nodiscard]] LogLevel LevelFor(const Context& context) const;
+  void SetModes();
   bool SendToDaemon(Context& context, LogLevel level, Arguments arguments);
 
   const LevelSettings settings_;
-  std::mutex mutex_;  ///< guards creation of contexts, initialised_, default_level_
+  std::mutex mutex_;  ///< guards creation of contexts and the members up to diversion_
   bool initialised_ = false;
   LogLevel default_level_ = LogLevel::kInfo;
+  LogMode mode_ = LogMode::kConsole;
+  std::shared_ptr<const Diversion> diversion_;
   std::atomic<Context*> contexts_ = nullptr;
   std::atomic<Context*> default_ = nullptr;
 
   /// Written by Init before the process has threads; released by modes_.
   std::string application_ = "-";
-  std::unique_ptr<LogFile> file_;
+  /// None while the messages are diverted: a look at diversion_ costs only messages without a sink.
   std::atomic<LogMode> modes_ = LogMode::kConsole;
   DltSink& dlt_;
-
-  std::atomic<bool> capturing_ = false;
-  std::mutex capture_mutex_;  ///< guards capture_
-  std::shared_ptr<Capture::Store> capture_;
 };
 
 }  // namespace ara::log

@@ -20,8 +20,8 @@ void InitLogging(std::string_view appId,
                  std::string_view description,
                  LogLevel defaultLevel,
                  LogMode mode,
-                 std::string_view directoryPath) {
-  Backend::Instance().Init(appId, description, defaultLevel, mode, directoryPath);
+                 std::string_view /*directoryPath*/) {
+  Backend::Instance().Init(appId, description, defaultLevel, mode);
 }
 
 Logger& CreateLogger(std::string_view ctxId,

@@ -1,22 +1,15 @@
 #include "platform/linux/log/text_sink.h"
 
-#include <fcntl.h>
 #include <poll.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
 #include <cstdio>
 #include <ctime>
-#include <stdexcept>
-#include <system_error>
-#include <utility>
 
 namespace ara::log {
 namespace {
-
-constexpr std::size_t kMaxFileSize = std::size_t{8} << 20;
 
 bool WriteAll(int fd, std::string_view line) noexcept {
   while (!line.empty()) {
@@ -65,39 +58,6 @@ std::string FormatLine(LogLevel level,
 
 void WriteToStandardError(std::string_view line) noexcept {
   WriteAll(STDERR_FILENO, line);
-}
-
-LogFile::LogFile(std::string path) : path_(std::move(path)) {
-  Open();
-}
-
-LogFile::~LogFile() {
-  if (fd_ >= 0) ::close(fd_);
-}
-
-void LogFile::Open() {
-  fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0644);
-  struct stat status {};
-  if (fd_ < 0 || ::fstat(fd_, &status) != 0) {
-    throw std::runtime_error("log file \"" + path_ +
-                             "\": " + std::generic_category().message(errno));
-  }
-  size_ = static_cast<std::size_t>(status.st_size);
-}
-
-bool LogFile::Write(std::string_view line) noexcept {
-  const std::lock_guard lock(mutex_);
-  try {
-    if (fd_ >= 0 && size_ + line.size() > kMaxFileSize && size_ != 0) {
-      ::rename(path_.c_str(), (path_ + ".1").c_str());
-      ::close(std::exchange(fd_, -1));
-    }
-    if (fd_ < 0) Open();
-  } catch (const std::exception&) {
-    return false;
-  }
-  size_ += line.size();
-  return WriteAll(fd_, line);
 }
 
 }  // namespace ara::log

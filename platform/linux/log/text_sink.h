@@ -1,8 +1,6 @@
-/// Log messages as lines of text: standard error and log files.
+/// Log messages as lines of text on standard error.
 #pragma once
 
-#include <cstddef>
-#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -20,26 +18,5 @@ namespace ara::log {
 /// Writes the line in one piece. A reader that does not read delays the caller by a second at most,
 /// then the line is dropped.
 void WriteToStandardError(std::string_view line) noexcept;
-
-/// A log file that is started anew when it has grown to 8 MiB; the one before is kept as <path>.1.
-class LogFile {
- public:
-  /// Throws std::runtime_error with path and reason.
-  explicit LogFile(std::string path);
-  ~LogFile();
-  LogFile(const LogFile&) = delete;
-  LogFile& operator=(const LogFile&) = delete;
-
-  /// False when the line could not be written.
-  bool Write(std::string_view line) noexcept;
-
- private:
-  const std::string path_;
-  std::mutex mutex_;  ///< guards the members below, held while writing
-  int fd_ = -1;
-  std::size_t size_ = 0;
-
-  void Open();
-};
 
 }  // namespace ara::log

@@ -12,9 +12,9 @@
 #include <string>
 
 #include "ara/exec/application_client.h"
-#include "ara/log/capture.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Temporary_folder.h"
 #include "tests/support/error_of.h"
 
@@ -74,7 +74,7 @@ TEST_F(ServiceManager, is_told_the_application_states_and_has_its_watchdog_fed_b
 }
 
 TEST_F(ServiceManager, is_not_needed_but_reported_when_it_has_gone) {
-  const log::Capture capture;
+  const test::Capture capture;
   std::filesystem::remove(folder_ / "socket");
   ApplicationClient().ReportApplicationState(ApplicationState::kRunning);
   ASSERT_EQ(capture.Records().size(), 1U);

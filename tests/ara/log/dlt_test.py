@@ -188,13 +188,15 @@ class DltTest(unittest.TestCase):
         probe.tell("log PSRV 5 now shown")
         daemon.wait("now shown")
 
-    def test_file_and_console_are_modes_of_their_own(self):
-        probe = Probe(self.desk)
-        probe.tell(f"init 6 {self.desk.path}", "log GNSS 4 to both")
-        probe.exit()
-        lines = (self.desk.path / "POS.log").read_text(encoding="utf-8").splitlines()
-        self.assertEqual([line.split(" ", 5)[5] for line in lines], ["to both", "last line", "logged after main"])
-        self.assertEqual(lines, probe.errors())
+    def test_the_console_is_a_mode_of_its_own(self):
+        daemon = self.daemon()
+        for mode, text in ("4", "console only"), ("5", "to both"):
+            probe = Probe(self.desk)
+            probe.tell("init " + mode, "log GNSS 4 " + text)
+            probe.exit()
+            self.assertEqual(probe.texts(), [text, "last line", "logged after main"])
+        daemon.wait("last line")
+        self.assertEqual(daemon.texts("GNSS"), ["to both"])
 
 
 if __name__ == "__main__":

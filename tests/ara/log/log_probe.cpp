@@ -48,9 +48,8 @@ int main() {
     words >> command;
     if (command == "init") {
       unsigned mode = 0;
-      std::string folder;
-      words >> mode >> folder;
-      InitLogging("POS", "POS application", LogLevel::kInfo, static_cast<LogMode>(mode), folder);
+      words >> mode;
+      InitLogging("POS", "POS application", LogLevel::kInfo, static_cast<LogMode>(mode), "");
     } else if (command == "log") {
       std::string context;
       unsigned level = 0;

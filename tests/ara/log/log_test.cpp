@@ -5,10 +5,10 @@
 #include <stdexcept>
 #include <string>
 
-#include "ara/log/capture.h"
 #include "ara/log/logger.h"
 #include "platform/linux/log/level_settings.h"
 #include "platform/linux/log/text_sink.h"
+#include "tests/support/Capture.h"
 
 namespace ara::log {
 namespace {
@@ -18,7 +18,7 @@ using ::testing::MatchesRegex;
 
 TEST(Logging, each_stream_argument_is_an_argument_of_the_message) {
   const Logger& logger = CreateLogger("ARGS", "arguments");
-  const Capture capture;
+  const test::Capture capture;
   const char* nothing = nullptr;
 
   logger.LogInfo() << "label " << std::string("text") << true << 'c' << std::int8_t{-1}
@@ -44,7 +44,7 @@ TEST(Logging, a_context_has_four_letters_and_one_logger_whose_level_decides_what
   for (const auto* bad : {"", "LONG1", "A B", "\x01"}) {
     EXPECT_THROW(CreateLogger(bad, "bad"), std::invalid_argument) << bad;
   }
-  const Capture capture;
+  const test::Capture capture;
   logger.LogWarn() << "warn";
   logger.LogInfo() << "info";
   logger.Log(LogLevel::kOff, "off");
@@ -58,7 +58,7 @@ TEST(Logging, a_context_has_four_letters_and_one_logger_whose_level_decides_what
 
 TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark) {
   const Logger& logger = CreateLogger("LONG", "long messages");
-  const Capture capture;
+  const test::Capture capture;
   const std::string text(40'000, 'x');
 
   logger.LogInfo() << 1 << text << 2;

@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include "ara/log/capture.h"
+#include "tests/support/Capture.h"
 #include "tests/support/Seen.h"
 
 namespace ara::stm {
@@ -206,7 +206,7 @@ TEST_F(ComponentClientTest, ends_while_requests_keep_coming) {
 
 TEST_F(ComponentClientTest, a_bus_that_ends_costs_one_warning) {
   Create(Ignore);
-  const log::Capture capture;
+  const test::Capture capture;
   daemon_.Stop();
   EXPECT_TRUE(capture.WaitFor([](const auto& record) {
     return record.Text().find("the bus is gone") != std::string::npos;
@@ -220,7 +220,7 @@ TEST_F(ComponentClientTest, a_bus_that_ends_costs_one_warning) {
 
 TEST_F(ComponentClientTest,
        a_bus_that_is_missing_taken_or_unknown_costs_one_warning_and_the_effect) {
-  const log::Capture capture;
+  const test::Capture capture;
   const auto second = createComponentClient(kInstance, [](const std::string&, std::uint32_t) {});
   Create(Ignore);  // a second process of the same kind
   ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);

@@ -20,7 +20,6 @@ enum class LogLevel : std::uint8_t {
 /// Where messages go; bits, joined by |.
 enum class LogMode : std::uint8_t {
   kRemote = 1,   ///< DLT daemon; standard error while no daemon is there
-  kFile = 2,     ///< text file <directory>/<application id>.log
   kConsole = 4,  ///< standard error
 };
 

@@ -14,8 +14,8 @@ namespace ara::log {
 
 struct Context;  // platform/linux/log
 
-/// Names the application (1 to 4 characters) and opens what `mode` asks for. `directoryPath` is the
-/// folder of kFile and otherwise unused.
+/// Names the application (1 to 4 characters) and opens what `mode` asks for. `directoryPath` is for
+/// platforms that write log files; this one does not and ignores it.
 ///
 /// With kRemote, messages go to the DLT daemon when one is there, else to standard error, never to
 /// both. A daemon that comes or goes later is noticed. Neither start nor exit waits for a daemon.
@@ -24,8 +24,7 @@ struct Context;  // platform/linux/log
 /// there.
 ///
 /// Loggers created earlier stay valid and take part from now on. A second call is ignored with a
-/// warning. Throws std::invalid_argument for a bad `appId` and std::runtime_error, with path and
-/// reason, when the file of kFile cannot be opened.
+/// warning. Throws std::invalid_argument for a bad `appId`.
 void InitLogging(std::string_view appId,
                  std::string_view description,
                  LogLevel defaultLevel,
