@@ -1,6 +1,7 @@
 #include "app/ComponentClientWrapper.h"
 
 #include <algorithm>
+#include <exception>
 #include <utility>
 
 #include "app/application_instance.h"
@@ -55,7 +56,7 @@ void ComponentClientWrapper::componentStateChangeRequest(const std::string& newS
   }
   switch (state_) {
     case State::kOn:
-      if (prepareCallback_ && prepareCallback_()) {
+      if (prepareCallback_ && isOwnerReady()) {
         finishPreparation(seqNum);
       } else {
         startPreparation(seqNum);
@@ -94,8 +95,15 @@ void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
     woken_ = false;
   }
   if (preparing_) return;
-  preparing_ = true;
-  preparation_ = std::async(std::launch::async, &ComponentClientWrapper::prepare, this);
+  try {
+    preparation_ = std::async(std::launch::async, &ComponentClientWrapper::prepare, this);
+    preparing_ = true;
+  } catch (const std::exception& error) {
+    // No thread to be had: this request is lost, the next one tries again.
+    logger_.LogError() << "Error in the preparation for shutdown:" << error.what();
+    persistency_->setCallback({});
+    state_ = State::kOn;
+  }
 }
 
 void ComponentClientWrapper::prepare() {
@@ -106,10 +114,23 @@ void ComponentClientWrapper::prepare() {
     const bool woken = waitUntil(std::min(deadline, Clock::now() + kAskPeriod));
     lock.lock();
     if (state_ != State::kTransitionPending || deadline_ != deadline) continue;  // a newer request
-    const bool ready = prepareCallback_ ? prepareCallback_() : woken;
+    const bool ready = prepareCallback_ ? isOwnerReady() : woken;
     if (ready || Clock::now() >= deadline) finishPreparation(preparedSeqNum_);
   }
   preparing_ = false;
+}
+
+bool ComponentClientWrapper::isOwnerReady() {
+  std::string failure;
+  try {
+    return prepareCallback_();
+  } catch (const std::exception& error) {
+    failure = error.what();
+  } catch (...) {
+    failure = "unknown exception";
+  }
+  logger_.LogError() << "Error in the preparation for shutdown:" << failure;
+  return false;
 }
 
 bool ComponentClientWrapper::waitUntil(Clock::time_point time) {

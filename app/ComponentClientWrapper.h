@@ -20,12 +20,12 @@
 /// once. Otherwise a preparation goes on in a thread of its own: it asks again every second and
 /// after each controlled save of the persistency (without a callback such a save is enough) and is
 /// over when the callback agrees, at the latest after 5 s. Any other state ends a preparation; its
-/// request then gets no confirmation of its own.
+/// request then gets no confirmation of its own, nor does one for which there is no thread.
 class ComponentClientWrapper {
  public:
   /// Whether the owner is ready for shutdown. Called under the lock of the requests, which also
   /// serialises the access to the persistency: it may store, but neither make a request nor wait
-  /// for one.
+  /// for one. What it throws is logged and counts as not ready.
   using PrepareCallback = std::function<bool()>;
 
   /// Connects to state management, whose requests may arrive from now on. `persistency` is not
@@ -52,6 +52,7 @@ class ComponentClientWrapper {
   void finishPreparation(std::uint32_t seqNum);
   void startPreparation(std::uint32_t seqNum);
   void prepare();
+  [[nodiscard]] bool isOwnerReady();
   [[nodiscard]] bool waitUntil(Clock::time_point time);
   void wakePreparation();
   void waitForPreparation();
@@ -60,8 +61,11 @@ class ComponentClientWrapper {
   std::unique_ptr<ara::stm::ComponentClient> client_;  ///< guarded by mutex_
   ara::log::Logger& logger_;
   State state_ = State::kOn;  ///< guarded by mutex_
-  /// Guards the state and every request to its end, and what the preparation works on. A
-  /// confirmation under it cannot come back: it neither waits nor calls the handler.
+  /// Guards the state and every request to its end, and what the preparation works on. Held while
+  /// the prepare callback, a log call and a confirmation run, unlike any other lock here: the
+  /// persistency has no lock of its own, and state management must see switches and confirmations
+  /// in the order of the decisions. Nothing of that comes back: the callback must not, the log
+  /// calls nobody, and a confirmation neither waits nor calls the handler.
   std::mutex mutex_;
   Persistency* persistency_;
   PrepareCallback prepareCallback_;

@@ -1,8 +1,10 @@
 #include "app/ComponentClientWrapper.h"
 
 #include <gmock/gmock.h>
+#include <pthread.h>
 
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -126,6 +128,38 @@ TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_
               ElementsAre(Confirmation{2, "kPrepSD", 1}, Confirmation{1, "kPrepSD", 0}));
   EXPECT_EQ(unsaved, 0);
   EXPECT_FALSE(persistency_.isStoringAllowed());
+}
+
+TEST_F(ComponentClientWrapperTest, an_owner_that_throws_is_not_ready_and_stops_nothing) {
+  std::atomic<int> asked = 0;
+  const ComponentClientWrapper wrapper(&persistency_, [&] {
+    if (++asked == 1) throw std::runtime_error("disk on fire");
+    if (asked == 2) throw 2;
+    return true;
+  });
+  request("kPrepSD", 1);
+  save();  // asks once more, in the preparation's thread
+  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{1, "kPrepSD", 0}));
+  EXPECT_THAT(log_.Texts("CCSW"),
+              ElementsAre("componentStateChangeRequest newState =  kPrepSD  seqNum =  1",
+                          "Error in the preparation for shutdown: disk on fire",
+                          "Error in the preparation for shutdown: unknown exception"));
+}
+
+TEST_F(ComponentClientWrapperTest, a_preparation_without_a_thread_leaves_the_application_on) {
+  const ComponentClientWrapper wrapper(&persistency_, {});
+  pthread_attr_t usual;
+  ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
+  pthread_attr_t endless = usual;
+  ASSERT_EQ(pthread_attr_setstacksize(&endless, std::size_t{1} << 50), 0);
+  ASSERT_EQ(pthread_setattr_default_np(&endless), 0);
+  request("kPrepSD", 1);
+  ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+  EXPECT_TRUE(log_.Has("Error in the preparation for shutdown: Resource temporarily unavailable"));
+
+  request("kPrepSD", 2);  // tries again
+  save();
+  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{2, "kPrepSD", 0}));
 }
 
 TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {

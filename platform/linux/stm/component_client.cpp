@@ -38,7 +38,8 @@ class WithoutBus final : public ComponentClient {
 /// The object on the bus. One thread serves the bus, another one calls the handler: the bus library
 /// holds its own lock while it delivers a call, so a handler that waits there for a thread that is
 /// just confirming would wait for ever. A request stays in `pending_` from its arrival until its
-/// confirmation, whichever thread brings that.
+/// confirmation, whichever thread brings that. A component may drop a request (a later one has
+/// overtaken it) and never confirm it; it is answered with an error as soon as it is in the way.
 class OnBus final : public ComponentClient {
  public:
   OnBus(Bus bus, const core::InstanceSpecifier& instance, StateChangeHandler handler)
@@ -92,8 +93,14 @@ class OnBus final : public ComponentClient {
                const std::string& newState,
                std::uint32_t result) override {
     try {
-      if (auto pending = Take(sequenceNumber); !pending.empty())
-        pending.front().reply.returnResults(result);
+      std::list<Pending> confirmed;
+      {
+        const std::lock_guard lock(mutex_);
+        confirmed = Take([sequenceNumber](const Pending& pending) {
+          return pending.sequence_number == sequenceNumber;
+        });
+      }
+      if (!confirmed.empty()) confirmed.front().reply.returnResults(result);
       object_->emitSignal("StateConfirmed")
           .onInterface(kInterface)
           .withArguments(sequenceNumber, newState, result);
@@ -105,10 +112,13 @@ class OnBus final : public ComponentClient {
  private:
   using Reply = sdbus::Result<std::uint32_t>;
   struct Pending {
+    std::uint64_t arrival;
     std::uint32_t sequence_number;
     Reply reply;
+    bool handled = false;  ///< the handler has returned
   };
   struct Call {
+    std::uint64_t arrival;
     std::string state;
     std::uint32_t sequence_number;
   };
@@ -141,14 +151,26 @@ class OnBus final : public ComponentClient {
   }
 
   bool Enqueue(Reply& reply, const std::string& state, std::uint32_t sequence_number) {
+    std::list<Pending> oldest;
     {
       const std::lock_guard lock(mutex_);
-      if (pending_.size() >= kMaxPending || stopping_) return false;
-      pending_.push_back(Pending{sequence_number, std::move(reply)});
-      calls_.push_back(Call{state, sequence_number});
+      if (stopping_) return false;
+      if (pending_.size() >= kMaxPending) {
+        // Those that the handler has not had yet, or has now, are on their way to a decision.
+        oldest = Take([](const Pending& pending) { return pending.handled; });
+        if (oldest.empty()) return false;
+      }
+      pending_.push_back(Pending{++arrivals_, sequence_number, std::move(reply)});
+      calls_.push_back(Call{arrivals_, state, sequence_number});
     }
     arrived_.notify_one();
+    RefuseOvertaken(oldest);
     return true;
+  }
+
+  void RefuseOvertaken(std::list<Pending>& requests) {
+    for (auto& request : requests)
+      Refuse(request.reply, kFailed, "later requests came before its decision");
   }
 
   void CallHandler() {
@@ -158,20 +180,24 @@ class OnBus final : public ComponentClient {
       if (stopping_) return;
       const Call call = std::move(calls_.front());
       calls_.pop_front();
+      // From now on a confirmation of this number is the new request's.
+      auto overtaken = Take([&call](const Pending& pending) {
+        return pending.handled && pending.sequence_number == call.sequence_number;
+      });
       lock.unlock();
+      RefuseOvertaken(overtaken);
       handler_(call.state, call.sequence_number);
       lock.lock();
+      for (auto& pending : pending_)
+        if (pending.arrival == call.arrival) pending.handled = true;
     }
   }
 
-  /// The oldest request of this number, or none.
-  std::list<Pending> Take(std::uint32_t sequence_number) {
+  /// The oldest request that fulfils the condition, or none. Under mutex_.
+  template <class Condition>
+  std::list<Pending> Take(Condition condition) {
     std::list<Pending> taken;
-    const std::lock_guard lock(mutex_);
-    const auto found =
-        std::find_if(pending_.begin(), pending_.end(), [sequence_number](const Pending& pending) {
-          return pending.sequence_number == sequence_number;
-        });
+    const auto found = std::find_if(pending_.begin(), pending_.end(), condition);
     if (found != pending_.end()) taken.splice(taken.end(), pending_, found);
     return taken;
   }
@@ -190,6 +216,7 @@ class OnBus final : public ComponentClient {
   std::condition_variable arrived_;
   std::list<Pending> pending_;  ///< destroyed before the connection that its replies use
   std::deque<Call> calls_;      ///< for the handler; at most as many as pending_
+  std::uint64_t arrivals_ = 0;
   bool stopping_ = false;
   std::unique_ptr<sdbus::IObject> object_;  ///< callable from any thread
   std::thread handler_thread_;

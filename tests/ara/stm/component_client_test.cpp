@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <filesystem>
 #include <functional>
 #include <future>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -26,6 +28,8 @@ namespace ara::stm {
 namespace {
 
 using ::testing::HasSubstr;
+using ::testing::Pair;
+using ::testing::UnorderedElementsAre;
 using namespace std::chrono_literals;
 
 const core::InstanceSpecifier kInstance("POS__ORVEL1_Sys_Adaptive_01_instance1");
@@ -151,6 +155,31 @@ TEST_F(ComponentClientTest, a_handler_may_wait_for_a_thread_that_is_confirming) 
   EXPECT_EQ(answer.get(), "u 0");
 }
 
+TEST_F(ComponentClientTest, a_request_that_is_never_confirmed_gives_way_to_later_ones) {
+  std::atomic<int> calls = 0;
+  Create([&calls](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    if (state == "kOn") client.confirm(number, state, 0);
+    ++calls;
+  });
+  std::vector<std::future<std::string>> waiting;
+  const auto leave_open = [&](int number) {
+    const int before = calls;
+    waiting.push_back(RequestInBackground("kPrepSD", std::to_string(number)));
+    ASSERT_TRUE(test::eventually([&] { return calls > before; }));
+  };
+  leave_open(1);
+  EXPECT_EQ(Request("kOn", "1"), "u 0");
+  EXPECT_THAT(waiting.front().get(), HasSubstr("later requests came")) << "no stale answer";
+  waiting.clear();
+
+  for (int number = 1; number <= 33; ++number)
+    leave_open(number);
+  EXPECT_THAT(waiting.front().get(), HasSubstr("later requests came")) << "the oldest";
+  EXPECT_EQ(Request("kOn", "34"), "u 0");
+  EXPECT_EQ(waiting.back().wait_for(0s), std::future_status::timeout);
+  Destroy();
+}
+
 TEST_F(ComponentClientTest, publishes_every_confirmation_also_those_that_nobody_asked_for) {
   Create(Confirm);
   Program monitor("stdbuf -oL dbus-monitor --session \"type='signal',member='StateConfirmed'\"");
@@ -176,20 +205,30 @@ TEST_F(ComponentClientTest, publishes_every_confirmation_also_those_that_nobody_
 
 TEST_F(ComponentClientTest, refuses_what_makes_no_sense_or_is_too_much_and_at_its_end_what_waits) {
   std::atomic<int> calls = 0;
-  Create([&calls](ComponentClient&, const std::string&, std::uint32_t) { ++calls; });
+  std::promise<void> go_on;
+  Create([&](ComponentClient&, const std::string&, std::uint32_t) {
+    if (++calls == 1) go_on.get_future().wait();
+  });
   EXPECT_THAT(Request("kOn", "0"), HasSubstr("expected 1 or more"));
   EXPECT_THAT(Request("", "1"), HasSubstr("expected a state name"));
   EXPECT_THAT(Request(std::string(129, 'x'), "1"), HasSubstr("expected a state name"));
   EXPECT_EQ(calls, 0);
 
-  std::vector<std::future<std::string>> waiting;
-  for (int i = 1; i <= 32; ++i)
-    waiting.push_back(RequestInBackground("kOn", std::to_string(i)));
-  ASSERT_TRUE(test::eventually([&] { return calls == 32; }));
-  EXPECT_THAT(Request("kOn", "33"), HasSubstr("too many requests"));
+  std::vector<std::future<std::string>> answers;
+  for (int i = 1; i <= 34; ++i)
+    answers.push_back(RequestInBackground("kOn", std::to_string(i)));
+  const auto refused = [&] {
+    return std::ranges::count_if(
+        answers, [](auto& answer) { return answer.wait_for(0s) == std::future_status::ready; });
+  };
+  EXPECT_TRUE(test::eventually([&] { return refused() == 2; }));
+  go_on.set_value();
   Destroy();
-  for (auto& answer : waiting)
-    EXPECT_THAT(answer.get(), HasSubstr("ended without a decision"));
+  std::map<std::string, int> told;
+  for (auto& answer : answers)
+    ++told[answer.get()];
+  EXPECT_THAT(told, UnorderedElementsAre(Pair(HasSubstr("too many requests"), 2),
+                                         Pair(HasSubstr("ended without a decision"), 32)));
 }
 
 TEST_F(ComponentClientTest, ends_while_requests_keep_coming) {

@@ -11,7 +11,8 @@
 namespace ara::stm {
 
 /// Called on a thread of the platform, one request at a time. It should end soon, but need not have
-/// confirmed by then. It must not throw.
+/// confirmed by then; a request that is never confirmed is answered with an error when a later one
+/// has its number or needs its place. It must not throw.
 using StateChangeHandler =
     std::function<void(const std::string& newState, std::uint32_t sequenceNumber)>;
 
