@@ -18,16 +18,17 @@ namespace {
 
 using diagnosisService::DataBusElement;
 using diagnosisService::DataBusFault;
+using diagnosisService::kMonitorInputGnss;
+using diagnosisService::kMonitorInputTime;
+using diagnosisService::kMonitorOutputDeadReckoning;
+using diagnosisService::kSensorGnss;
+using diagnosisService::kSensorTimeMaster;
+using diagnosisService::kSystemMapMatching;
+using diagnosisService::kSystemPgf;
+using diagnosisService::kSystemReserved13;
 
 constexpr std::chrono::milliseconds kShutdownPoll{500};
 constexpr std::uint64_t kDataTimeoutMs = 5000;
-
-constexpr std::uint32_t kMonitorInputGnss = 0x83D101;
-constexpr std::uint32_t kMonitorOutputDeadReckoning = 0x83D104;
-constexpr std::uint32_t kMonitorInputTime = 0x83D10B;
-
-constexpr std::size_t kSensorGnss = 0;
-constexpr std::size_t kSensorTimeMaster = 8;
 
 /// The type of a time that carries the platform offset.
 constexpr std::uint32_t kPlatformTime = 2;
@@ -68,7 +69,8 @@ int posApplication::run() {
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
   start();
 
-  for (const std::size_t byte : {12U, 13U, 1U}) {
+  // The order is fixed, byte 13 twice in it.
+  for (const auto byte : {kSystemMapMatching, kSystemReserved13, kSystemReserved13, kSystemPgf}) {
     diagnosisService_.setSystemStatus(byte, diagnosisService::kNotAvailable);
   }
   diagnosisService::diagnosisServiceImpl::SensorSetup sensors{};

@@ -22,9 +22,19 @@ inline constexpr std::size_t kInputCount = 11;
 inline constexpr std::size_t kOutputCount = 3;
 inline constexpr std::size_t kSystemCount = 14;
 
-/// Bytes of the system status that govern others.
+/// Places of sensors in the setup and in the input status.
+inline constexpr std::size_t kSensorGnss = 0;
+inline constexpr std::size_t kSensorTimeMaster = 8;
+
+/// Bytes of the system status; the first two govern outputs.
 inline constexpr std::size_t kSystemPgf = 1;
 inline constexpr std::size_t kSystemMapMatching = 12;
+inline constexpr std::size_t kSystemReserved13 = 13;
+
+/// Monitors of what this application receives and sends.
+inline constexpr std::uint32_t kMonitorInputGnss = 0x83D101;
+inline constexpr std::uint32_t kMonitorOutputDeadReckoning = 0x83D104;
+inline constexpr std::uint32_t kMonitorInputTime = 0x83D10B;
 
 /// Which part of the status block a byte belongs to.
 enum class StatusGroup : std::uint8_t { none, input, output, system };
@@ -39,17 +49,17 @@ struct Monitor {
 /// In ascending order of the identifiers. Two monitors report system byte 0, deliberately.
 inline constexpr std::array kMonitors{
     Monitor{0x83D100, "POS_Overall_System", StatusGroup::system, 0},
-    Monitor{0x83D101, "POS_Input_GNSS", StatusGroup::input, 0},
+    Monitor{kMonitorInputGnss, "POS_Input_GNSS", StatusGroup::input, kSensorGnss},
     Monitor{0x83D102, "POS_Input_Odometry", StatusGroup::input, 1},
     Monitor{0x83D103, "POS_Output_MapMatched", StatusGroup::output, 0},
-    Monitor{0x83D104, "POS_Output_DeadReckoning", StatusGroup::output, 1},
+    Monitor{kMonitorOutputDeadReckoning, "POS_Output_DeadReckoning", StatusGroup::output, 1},
     Monitor{0x83D105, "POS_Output_Static", StatusGroup::output, 2},
     Monitor{0x83D106, "POS_Input_Landmarks_FrontCamera", StatusGroup::input, 3},
     Monitor{0x83D107, "POS_Input_Landmarks_TopView", StatusGroup::input, 4},
     Monitor{0x83D108, "POS_Input_Landmarks_Lidar", StatusGroup::input, 5},
     Monitor{0x83D109, "POS_Input_Landmarks_Radar", StatusGroup::input, 6},
     Monitor{0x83D10A, "POS_Input_Map", StatusGroup::input, 7},
-    Monitor{0x83D10B, "POS_Input_Time", StatusGroup::input, 8},
+    Monitor{kMonitorInputTime, "POS_Input_Time", StatusGroup::input, kSensorTimeMaster},
     Monitor{0x83D10C, "POS_Input_BV_Lines", StatusGroup::input, 9},
     Monitor{0x83D10D, "POS_Input_Odometry_FrontCamera", StatusGroup::input, 10},
     Monitor{0x83D10E, "POS_Input_Position_FrontCamera", StatusGroup::input, 2},

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <future>
 #include <limits>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -278,10 +279,11 @@ void diagnosisServiceImpl::newSensorSetup(const SensorSetup& setup) {
   for (std::size_t sensor = 0; sensor < setup.size(); ++sensor) {
     logger_.LogInfo() << kSensorLabels[sensor] << (setup[sensor] ? "ON" : "OFF");
   }
+  // The member and not the argument: another setup may have come while this one was logged.
   const std::lock_guard lock{mutex_};
-  for (std::size_t sensor = 0; sensor < setup.size(); ++sensor) {
+  for (std::size_t sensor = 0; sensor < sensorSetup_.size(); ++sensor) {
     auto& status = block_.input[sensor];
-    if (!setup[sensor]) {
+    if (!sensorSetup_[sensor]) {
       status = kNotAvailable;
     } else if (status != kNominal) {
       status = kInit;
@@ -429,13 +431,20 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
 }
 
 void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
-  const auto action =
-      status(identifier) == kError ? MonitorActionType::kFailed : MonitorActionType::kPassed;
+  const auto result = [this, identifier] {
+    return status(identifier) == kError ? MonitorActionType::kFailed : MonitorActionType::kPassed;
+  };
   try {
-    // Waited for, so that results of one monitor leave in the order of its changes.
-    std::async(std::launch::async | std::launch::deferred, [this, identifier, action] {
-      sendEvent(identifier, action);
-    }).get();
+    // Two senders of one monitor may overtake each other, and the event manager keeps what comes
+    // last. Whoever finds another result after its event has left sends that one too, so the last
+    // event tells the last status. Each further round takes a change of the status meanwhile.
+    std::optional<MonitorActionType> sent;
+    for (auto action = result(); action != sent; action = result()) {
+      std::async(std::launch::async | std::launch::deferred, [this, identifier, action] {
+        sendEvent(identifier, action);
+      }).get();
+      sent = action;
+    }
   } catch (const std::exception& error) {
     logger_.LogError() << "diagnosticMonitorServiceImpl::sendEvent(): failed:" << error.what();
   }

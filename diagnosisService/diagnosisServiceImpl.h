@@ -102,7 +102,8 @@ class diagnosisServiceImpl {
   /// One evaluation cycle. Logs each change and sends the monitor's new result.
   void evaluate(Clock::time_point now);
 
-  /// Sends the monitor's result, kFailed in Error and kPassed otherwise; returns after it left.
+  /// Sends the monitor's result, kFailed in Error and kPassed otherwise; returns after it left. A
+  /// result that changed meanwhile follows, so the last event of a monitor is its last result.
   void sendResult(std::uint32_t identifier);
   /// Sends one event; dropped, with a line, while the monitors are not offered.
   void sendEvent(std::uint32_t identifier, mw::dm::dem::MonitorActionType action);

@@ -7,6 +7,7 @@
 #include <map>
 #include <sstream>
 #include <thread>
+#include <utility>
 
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "posService/PositioningRecords.h"
@@ -142,6 +143,20 @@ TEST_F(Diagnosis, the_sensor_setup_decides_what_is_available_and_evaluated) {
   EXPECT_EQ(inputs(), (Bytes{2, 2, 3, 3, 3, 3, 3, 3, 3, 3, 3}));
 }
 
+TEST_F(Diagnosis, of_two_sensor_setups_at_once_one_holds_for_flags_and_statuses) {
+  service->init(hour_ms);
+  service->dataReceived(0x83D101, start);
+  service->dataReceived(0x83D102, start);
+  bool nested = false;
+  log.OnRecord([&](const auto& record) {
+    if (record.Text() != "sensor GNSS                ON" || std::exchange(nested, true)) return;
+    service->newSensorSetup({false, true});
+  });
+  service->newSensorSetup({true});
+  service->evaluate(start);
+  EXPECT_EQ(inputs(), (Bytes{3, 0, 3, 3, 3, 3, 3, 3, 3, 3, 3}));
+}
+
 TEST_F(Diagnosis, every_monitor_reports_its_own_status_byte) {
   service->init(hour_ms);
   diagnosisServiceImpl::SensorSetup all;
@@ -269,6 +284,18 @@ TEST_F(Diagnosis, the_event_manager_clears_and_restarts_a_monitor_whose_error_is
     init_monitor(monitor, 1);
     EXPECT_THAT(actions(monitor), ElementsAre(Bytes{action})) << monitor;
   }
+}
+
+TEST_F(Diagnosis, the_last_event_tells_the_last_result_also_when_senders_overtake_each_other) {
+  run_with_gnss();
+  bring_gnss_into_error();
+  runtime.on_send = [&, sending = false]() mutable {
+    if (std::exchange(sending, true)) return;
+    init_monitor("POS_Input_GNSS", 0);  // its kPassed leaves before the kFailed under way
+  };
+  service->sendResult(gnss);
+  EXPECT_THAT(actions("POS_Input_GNSS"),
+              ElementsAre(Bytes{0}, Bytes{1}, Bytes{0}, Bytes{1}, Bytes{0}));
 }
 
 TEST_F(Diagnosis, results_before_the_monitors_are_offered_and_after_the_stop_are_dropped) {
