@@ -58,6 +58,7 @@ void gnssClientImpl::set_up(lumo::services::gnss::proxy::GNSSProxy& proxy) {
 
 void gnssClientImpl::receive(const std::vector<Position>& samples) {
   const auto now_us = time_.currentTimeUs();
+  if (samples.empty()) return;
   if (log_received_) {
     for (const auto& sample : samples)
       log_received(sample, now_us);

@@ -37,7 +37,7 @@ class gnssClientImpl {
   void setUseGNSSDR(bool on) { wanted_ = on ? Position_type::gnss_dr : Position_type::gnss; }
 
   /// Gets at most one position per notification: the last one of the wanted type, completed from
-  /// the last one of the other type.
+  /// the last one of the other type. A notification without positions changes nothing.
   void setPositionCallback(std::function<void(const Position&)> callback) {
     on_position_ = std::move(callback);
   }
