@@ -179,6 +179,12 @@ bool Persistency::saveBinaryData(const std::vector<std::uint8_t>& data, const st
   logger_.LogInfo() << "controlledSaveBinaryData failed";
   for (const std::string& entry : {before, key, after})
     remove(entry);
+  try {
+    gateway_.sync();
+  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
+    // What failed the save may fail this too, and that has been logged. The next sync that works
+    // takes the entries off the disk.
+  }
   return false;
 }
 

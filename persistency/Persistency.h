@@ -94,8 +94,9 @@ class Persistency {
 
   /// Stores `data` under `key`, between its size under `key` + "beforeRW" and again under
   /// `key` + "afterRW", each made to last before the next is written. False, and none of the three
-  /// entries left, when that failed or the storage did not take the values; false, and nothing
-  /// changed, while storing is forbidden.
+  /// entries left, when that failed or the storage did not take the values (a disk that takes
+  /// nothing any more may keep them until the next sync); false, and nothing changed, while storing
+  /// is forbidden.
   [[nodiscard]] bool controlledSaveBinaryData(const std::vector<std::uint8_t>& data,
                                               const std::string& key);
 

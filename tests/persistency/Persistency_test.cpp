@@ -98,6 +98,16 @@ TEST_F(PersistencyTest, a_save_that_fails_half_way_leaves_no_entry) {
   EXPECT_FALSE(persistency.gateway().hasKey("bbeforeRW"));
 }
 
+TEST_F(PersistencyTest, a_save_that_fails_half_way_leaves_no_entry_for_the_next_start_either) {
+  {
+    Persistency persistency = store_.open();
+    const Bytes tooLarge(std::size_t{9} << 20);  // twice the size as text; its size can be stored
+    EXPECT_FALSE(persistency.controlledSaveBinaryData(tooLarge, "b"));
+  }
+  Persistency persistency = store_.open();
+  EXPECT_FALSE(persistency.gateway().hasKey("bbeforeRW"));
+}
+
 TEST_F(PersistencyTest, the_owner_hears_of_each_save_that_succeeded_until_another_callback_is_set) {
   Persistency persistency = store_.open();
   const auto save = [&] { static_cast<void>(persistency.controlledSaveBinaryData({1}, "b")); };

@@ -36,9 +36,8 @@ class KeyValueStorage::Store {
       : file_(ReadyFolder(), port + ".json", Files::OfTheSystem()) {
     if (const auto text = file_.Read()) {
       values_ = ParseValues(*text, file_.path());
-    } else {
-      const StoreFile initial(InitialDataFolder(), "initdata-" + port + ".json",
-                              Files::OfTheSystem());
+    } else if (const auto folder = InitialDataFolder(); !folder.empty()) {
+      const StoreFile initial(folder, "initdata-" + port + ".json", Files::OfTheSystem());
       if (const auto first = initial.Read()) {
         values_ = ParseValues(*first, initial.path());
         changes_ = 1;

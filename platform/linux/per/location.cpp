@@ -75,6 +75,7 @@ std::string InitialDataFolder() {
   if (auto folder = Environment("POS_INITDATA_DIR"); !folder.empty()) return folder;
   std::error_code error;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
+  if (error) return {};
   return (program.parent_path().parent_path() / "share" / "pos").string();
 }
 

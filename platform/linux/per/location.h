@@ -13,7 +13,8 @@ namespace ara::per {
 /// ExceptionStorageLocationNotFound, with the reason when creating failed.
 void RequireFolder(const std::string& folder);
 
-/// The folder of the first values; it need not exist.
+/// The folder of the first values; it need not exist. Empty when the program's own place, which
+/// decides without an environment variable, cannot be found out.
 [[nodiscard]] std::string InitialDataFolder();
 
 }  // namespace ara::per
