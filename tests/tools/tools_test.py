@@ -1,6 +1,7 @@
 """posctl and gnss-gateway as their users see them."""
 
 import json
+import os
 import pathlib
 import re
 import signal
@@ -12,6 +13,7 @@ from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
 
 NETWORK = 82
 LATITUDE = 46.948  # around which the gateway drives
+SENTENCE = "$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n"
 
 
 class Tools(unittest.TestCase):
@@ -92,6 +94,7 @@ class Tools(unittest.TestCase):
             self.assertIn(text, self.fails(program, *arguments))
         self.assertNotEqual(self.desk.run(GATEWAY, "--speed-up", 2)[0], 0)
         self.assertNotEqual(self.desk.run(POSCTL)[0], 0)
+        self.assertIn("kOn,kPrepSD", self.desk.run(POSCTL, "state", "kOff")[2])
 
     def test_the_gateway_ends_with_its_statistics(self):
         output = self.output(GATEWAY, "--count", 3, "--rate", 100, "--json", "--time")
@@ -109,12 +112,26 @@ class Tools(unittest.TestCase):
 
     def test_a_live_receiver_is_sent_when_it_pauses(self):
         gateway = self.desk.start(GATEWAY, "--nmea", "-", "--json", "--count", 1, stdin=subprocess.PIPE)
-        gateway.stdin.write("$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n$GPG")
+        gateway.stdin.write(SENTENCE + "$GPG")
         gateway.stdin.flush()
         # The stream stays open: only the silence can have ended the instant.
         self.assertEqual(gateway.wait(30), 0)
         told = json.loads(gateway.stdout.read())
         self.assertEqual((told["notifications"], told["fixes"]), (1, 1))
+
+    def test_a_pipe_may_be_opened_before_its_writer_and_left_without_one(self):
+        pipe = self.desk.path / "receiver"
+        os.mkfifo(pipe)
+        gateway = self.desk.start(GATEWAY, "--nmea", pipe)
+        until(lambda: self.desk.is_bound("gnss-gateway"), "the gateway takes its address")
+        self.assertEqual(self.desk.stop(gateway, signal.SIGTERM)[0], 0)
+
+        gateway = self.desk.start(GATEWAY, "--nmea", pipe, "--json")
+        until(lambda: self.desk.is_bound("gnss-gateway"), "the gateway takes its address")
+        with pipe.open("w", encoding="ascii") as receiver:
+            receiver.write(SENTENCE)
+        self.assertEqual(gateway.wait(30), 0)
+        self.assertEqual(json.loads(gateway.stdout.read())["fixes"], 1)
 
     # With the application
 

@@ -5,11 +5,9 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 #include <cmath>
 #include <optional>
-#include <span>
 #include <system_error>
 #include <vector>
 
@@ -29,49 +27,6 @@ using tools::Stop_signal;
 constexpr auto silence = 100ms;
 /// Between two instants that do not tell a time.
 constexpr auto usual_interval = 1s;
-
-class Input {
- public:
-  explicit Input(const std::string& path) : path_(path) {
-    descriptor_ =
-        path == "-" ? dup(STDIN_FILENO) : open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC);
-    if (descriptor_ < 0) fail();
-  }
-  ~Input() { close(descriptor_); }
-  Input(const Input&) = delete;
-  Input& operator=(const Input&) = delete;
-
-  [[nodiscard]] int descriptor() const { return descriptor_; }
-
-  [[nodiscard]] bool is_recording() const {
-    struct stat status {};
-    if (fstat(descriptor_, &status) != 0) fail();
-    return S_ISREG(status.st_mode);
-  }
-
-  /// Empty at the end.
-  [[nodiscard]] std::span<const std::byte> read() {
-    ssize_t size = 0;
-    do {
-      size = ::read(descriptor_, buffer_.data(), buffer_.size());
-    } while (size < 0 && errno == EINTR);
-    if (size < 0) fail();
-    return std::span(buffer_).first(static_cast<std::size_t>(size));
-  }
-
-  void rewind() {
-    if (lseek(descriptor_, 0, SEEK_SET) != 0) fail();
-  }
-
- private:
-  [[noreturn]] void fail() const {
-    throw std::system_error(errno, std::generic_category(), "cannot read \"" + path_ + "\"");
-  }
-
-  const std::string path_;
-  int descriptor_ = -1;
-  std::array<std::byte, 4096> buffer_{};
-};
 
 /// Sends fixes, and finds the update rate from their times.
 class Fix_publisher {
@@ -128,11 +83,12 @@ Source_result run_live(Input& input, Output& output) {
       continue;
     }
     const auto bytes = input.read();
-    if (bytes.empty()) {
+    if (!bytes) continue;
+    if (bytes->empty()) {
       reader.finish(sink);
       break;
     }
-    reader.feed(bytes, sink);
+    reader.feed(*bytes, sink);
   }
   publisher.result().nmea = reader.counters();
   return publisher.result();
@@ -157,8 +113,8 @@ Source_result run_recording(const Nmea_options& options, Input& input, Output& o
     std::uint64_t before = output.notifications();
     while (!stopped) {
       const auto bytes = input.read();
-      if (bytes.empty()) break;
-      reader.feed(bytes, send);
+      if (!bytes || bytes->empty()) break;
+      reader.feed(*bytes, send);
     }
     if (!stopped) reader.finish(send);
     publisher.result().nmea += reader.counters();
@@ -173,6 +129,41 @@ Source_result run_recording(const Nmea_options& options, Input& input, Output& o
 }
 
 }  // namespace
+
+Input::Input(const std::string& path)
+    : path_(path),
+      descriptor_(path == "-" ? fcntl(STDIN_FILENO, F_DUPFD_CLOEXEC, 0)
+                              : open(path.c_str(), O_RDONLY | O_NOCTTY | O_CLOEXEC | O_NONBLOCK)) {
+  if (descriptor_ < 0) fail();
+}
+
+Input::~Input() {
+  close(descriptor_);
+}
+
+bool Input::is_recording() const {
+  struct stat status {};
+  if (fstat(descriptor_, &status) != 0) fail();
+  return S_ISREG(status.st_mode);
+}
+
+std::optional<std::span<const std::byte>> Input::read() {
+  ssize_t size = 0;
+  do {
+    size = ::read(descriptor_, buffer_.data(), buffer_.size());
+  } while (size < 0 && errno == EINTR);
+  if (size < 0 && errno == EAGAIN) return std::nullopt;
+  if (size < 0) fail();
+  return std::span(buffer_).first(static_cast<std::size_t>(size));
+}
+
+void Input::rewind() {
+  if (lseek(descriptor_, 0, SEEK_SET) != 0) fail();
+}
+
+void Input::fail() const {
+  throw std::system_error(errno, std::generic_category(), "cannot read \"" + path_ + "\"");
+}
 
 Source_result run_drive(const Drive_options& options, Output& output) {
   const drive::Course course;
@@ -194,8 +185,7 @@ Source_result run_drive(const Drive_options& options, Output& output) {
   }
 }
 
-Source_result run_nmea(const Nmea_options& options, Output& output) {
-  Input input(options.path);
+Source_result run_nmea(const Nmea_options& options, Input& input, Output& output) {
   return input.is_recording() ? run_recording(options, input, output) : run_live(input, output);
 }
 

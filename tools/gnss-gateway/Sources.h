@@ -1,8 +1,12 @@
 /// What the gateway can take positions from. Each runs until its end or until the output says stop.
 #pragma once
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
+#include <optional>
+#include <span>
 #include <string>
 
 #include "tools/gnss-gateway/Output.h"
@@ -32,9 +36,33 @@ struct Nmea_options {
   std::chrono::nanoseconds max_gap = std::chrono::seconds(2);
 };
 
-/// A recording is sent in its own time, divided by the speed-up; a gap in it takes at most
-/// `max_gap`. Throws std::runtime_error with the path when it cannot be read or holds no sentence
-/// with a fix to send.
-[[nodiscard]] Source_result run_nmea(const Nmea_options& options, Output& output);
+/// Where NMEA sentences come from.
+class Input {
+ public:
+  /// Opens a file, device or pipe, or standard input for "-". Does not wait for a pipe's writer nor
+  /// for a line's carrier. This and the other functions throw std::system_error with the path.
+  explicit Input(const std::string& path);
+  ~Input();
+  Input(const Input&) = delete;
+  Input& operator=(const Input&) = delete;
+
+  [[nodiscard]] int descriptor() const { return descriptor_; }
+  [[nodiscard]] bool is_recording() const;
+  /// Nothing when there is nothing yet, no bytes at the end. The bytes stay until the next call.
+  [[nodiscard]] std::optional<std::span<const std::byte>> read();
+  void rewind();
+
+ private:
+  [[noreturn]] void fail() const;
+
+  const std::string path_;
+  const int descriptor_;
+  std::array<std::byte, 4096> buffer_{};
+};
+
+/// `input` is that of `options.path`. A recording is sent in its own time, divided by the speed-up;
+/// a gap in it takes at most `max_gap`. Throws std::runtime_error with the path when it cannot be
+/// read or holds no sentence with a fix to send.
+[[nodiscard]] Source_result run_nmea(const Nmea_options& options, Input& input, Output& output);
 
 }  // namespace gateway

@@ -6,6 +6,7 @@
 #include <exception>
 #include <iostream>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "mw/com/runtime.h"
 #include "tools/Stop_signal.h"
@@ -126,13 +127,15 @@ int main(int argc, char** argv) try {
   nmea.max_gap = from_seconds(max_gap);
   output.max_duration = from_seconds(seconds);
 
+  // Before anything is offered: what cannot be opened must not look like a receiver that is silent.
+  std::optional<gateway::Input> input;
+  if (!nmea.path.empty()) input.emplace(nmea.path);
   tools::Stop_signal stop_signal;
   const mw::com::runtime::Component_singleton runtime(node, false);
   gateway::Output services(stop_signal, output);
-  const bool from_nmea = !nmea.path.empty();
   const auto result =
-      from_nmea ? gateway::run_nmea(nmea, services) : gateway::run_drive(drive, services);
-  print(result, services.notifications(), from_nmea, json);
+      input ? gateway::run_nmea(nmea, *input, services) : gateway::run_drive(drive, services);
+  print(result, services.notifications(), input.has_value(), json);
   return 0;
 } catch (const std::exception& error) {
   std::fprintf(stderr, "gnss-gateway: %s\n", error.what());

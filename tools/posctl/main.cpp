@@ -78,7 +78,9 @@ int main(int argc, char** argv) try {
 
   posctl::State_options state;
   auto* state_command = app.add_subcommand("state", "Ask for a component state over D-Bus");
-  state_command->add_option("state", state.state, "kOn or kPrepSD")->required();
+  state_command->add_option("state", state.state, "kOn or kPrepSD")
+      ->required()
+      ->check(CLI::IsMember({"kOn", "kPrepSD"}));
   state_command->add_option("--sequence", state.sequence_number, "Sequence number of the request")
       ->capture_default_str();
   add_answer_timeout(*state_command, state.timeout);
