@@ -24,7 +24,7 @@ class posServiceImpl {
   using Position = lumo::services::positioning::datatypes::DT_positions_struct;
   using Map_info = lumo::services::positioning::datatypes::DT_posMapInfo_struct;
 
-  /// `diagnosis` is told each map-matched position.
+  /// `diagnosis` is told each position that sendDR() publishes as map-matched record.
   explicit posServiceImpl(diagnosisService::diagnosisServiceImpl& diagnosis,
                           const timeutils& time = timeutils::instance());
   ~posServiceImpl();
