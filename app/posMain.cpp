@@ -24,7 +24,9 @@ constexpr int kExitUnhandledException = 104;
 constexpr std::chrono::seconds kRuntimeDelay{1};
 
 /// A shared pointer that two threads may read and replace. Shared, because a signal that is being
-/// handled keeps the application alive.
+/// handled keeps the application alive. A mutex rather than std::atomic<std::shared_ptr>, because
+/// that of libstdc++ 12 gives its lock bit back without a release when it is read, which the thread
+/// sanitizer reports.
 class Application_pointer {
  public:
   [[nodiscard]] std::shared_ptr<posApplication> load() {
