@@ -18,10 +18,12 @@ namespace someip {
 
 namespace {
 
-/// A handler that takes longer than this, or twice this, has others receive in its thread's stead.
-/// Looking at each handler's start would cost two system calls a notification; an odd time, so that
-/// the look does not fall together with a source that sends each millisecond.
-constexpr std::chrono::nanoseconds patience = std::chrono::microseconds(1100);
+/// While datagrams follow each other closely, a handler that takes longer than this, or twice this,
+/// has others receive in its thread's stead. Longer than the kernel's tick: an earlier timer has
+/// the processor's clock set anew, which costs a virtual machine 7 us, on the road of a datagram.
+constexpr std::chrono::nanoseconds patience = std::chrono::microseconds(4700);
+/// So many datagrams after a slow handler the workers are told of at once what comes meanwhile.
+constexpr int wary_turns = 1000;
 /// After so many batches the first handler is not kept waiting any longer.
 constexpr int batches_before_handlers = 4;
 constexpr std::size_t max_datagram = 65536;
@@ -121,7 +123,7 @@ class Udp_port::Alarm final : public Readable {
   void on_readable() override {
     std::uint64_t ticks = 0;
     if (::read(descriptor_, &ticks, sizeof ticks) != sizeof ticks) return;
-    if (const auto port = port_.lock()) port->watch_over_thread();
+    if (const auto port = port_.lock()) port->on_tick();
   }
 
  private:
@@ -139,7 +141,9 @@ class Udp_port::Alarm final : public Readable {
 
 void Udp_port::open() {
   const std::lock_guard lock(receive_mutex_);
-  if (!std::exchange(open_, true)) workers_receive();
+  if (std::exchange(open_, true)) return;
+  workers_receive_ = true;
+  watch_ = workers_.watch(socket_->descriptor(), shared_from_this());
 }
 
 void Udp_port::open_with_thread() {
@@ -148,22 +152,21 @@ void Udp_port::open_with_thread() {
   socket_->set_blocking();
   alarm_ = std::make_shared<Alarm>(workers_, weak_from_this());
   alarm_->watch(alarm_);
+  watch_ = workers_.watch(socket_->descriptor(), shared_from_this());
+  workers_.pause(watch_, socket_->descriptor());
   if (workers_.start_thread([self = shared_from_this()] { self->receive_in_thread(); })) return;
   std::exchange(alarm_, nullptr)->unwatch();
-  workers_receive();
+  workers_receive_ = true;
+  workers_.resume(watch_, socket_->descriptor());
 }
 
 void Udp_port::close() {
   const std::lock_guard lock(receive_mutex_);
   if (!std::exchange(open_, false)) return;
-  if (watch_) workers_.unwatch(*std::exchange(watch_, std::nullopt), socket_->descriptor());
+  workers_.unwatch(watch_, socket_->descriptor());
   if (!alarm_) return;
   alarm_->unwatch();
   socket_->end_receiving();
-}
-
-void Udp_port::workers_receive() {
-  watch_ = workers_.watch(socket_->descriptor(), shared_from_this());
 }
 
 void Udp_port::report(const Harvest& harvest) {
@@ -178,15 +181,19 @@ void Udp_port::receive_in_thread() {
     if (!buffer.unique()) buffer = Buffer(max_datagram);
     Harvest harvest;
     if (!receive_one(buffer, harvest)) return;
+    if (harvest.watched) workers_.resume(watch_, socket_->descriptor());
     Tasks& tasks = harvest.tasks;
     for (std::size_t i = 1; i < tasks.size(); ++i) {
       workers_.post([task = std::move(tasks[i])] { task->run(); });
     }
     if (!tasks.empty()) tasks.front()->run();
     report(harvest);
-    if (doing_.exchange(Doing::receiving) != Doing::handling_relieved) continue;
+    const bool relieved = doing_.exchange(Doing::receiving) == Doing::handling_relieved;
+    if (!relieved && !harvest.watched) continue;
     const std::lock_guard lock(receive_mutex_);
-    if (watch_) workers_.unwatch(*std::exchange(watch_, std::nullopt), socket_->descriptor());
+    workers_receive_ = false;
+    workers_.pause(watch_, socket_->descriptor());
+    if (!std::exchange(ticking_, true)) alarm_->start();
   }
 }
 
@@ -198,27 +205,35 @@ bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   if (size < 0) {
     if (++errors_ < max_errors) return true;  // of earlier sends, as in receive_batch()
     alarm_->stop();
-    ticking_ = false;
-    workers_receive();
+    workers_receive_ = true;
+    workers_.resume(watch_, socket_->descriptor());
     return false;
   }
   errors_ = 0;
   counters_.datagrams_received.add();
   take(buffer, static_cast<std::size_t>(size), from.endpoint(), harvest);
-  doing_.store(Doing::handling, std::memory_order_relaxed);  // the alarm looks under the lock
+  doing_.store(Doing::handling, std::memory_order_relaxed);  // the others look under the lock
   ++turn_;
-  if (!std::exchange(ticking_, true)) alarm_->start();
+  harvest.watched = !ticking_ || wary_ > 0;
+  if (wary_ > 0) --wary_;
   return true;
 }
 
-void Udp_port::watch_over_thread() {
+bool Udp_port::relieve_thread() {
+  auto expected = Doing::handling;
+  workers_receive_ = doing_.compare_exchange_strong(expected, Doing::handling_relieved);
+  return workers_receive_;
+}
+
+void Udp_port::on_tick() {
   const std::lock_guard lock(receive_mutex_);
-  if (!open_ || watch_) return;
+  if (!open_ || workers_receive_) return;
   if (turn_ != std::exchange(turn_at_tick_, turn_)) return;
   alarm_->stop();
   ticking_ = false;
-  auto expected = Doing::handling;
-  if (doing_.compare_exchange_strong(expected, Doing::handling_relieved)) workers_receive();
+  if (!relieve_thread()) return;
+  wary_ = wary_turns;
+  workers_.resume(watch_, socket_->descriptor());
 }
 
 void Udp_port::on_readable() {
@@ -244,7 +259,7 @@ void Udp_port::on_readable() {
 
 std::size_t Udp_port::receive_batch(Harvest& harvest) {
   const std::lock_guard lock(receive_mutex_);
-  if (!watch_) return 0;
+  if (!open_ || (!workers_receive_ && !relieve_thread())) return 0;
   std::array<std::array<iovec, 2>, datagrams_per_batch> parts;
   std::array<Socket_address, datagrams_per_batch> from;
   std::array<mmsghdr, datagrams_per_batch> messages{};

@@ -60,8 +60,9 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
 
   void open();
   /// Same, with a thread that waits in the socket itself and runs the handlers: it is awake sooner
-  /// than one that waits for many descriptors. When a handler takes longer than one or
-  /// two milliseconds, the workers receive until it is done.
+  /// than one that waits for many descriptors. What arrives while it is in a handler is for the
+  /// workers; at once when datagrams come now and then, after one or two milliseconds when they
+  /// follow each other closely.
   void open_with_thread();
   /// No message is handed on after it returns.
   void close();
@@ -90,14 +91,17 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   struct Harvest {
     Tasks tasks;
     std::optional<Endpoint> malformed_from;
+    bool watched = false;  ///< the workers are told of what arrives while the own thread handles it
   };
   class Alarm;
   void receive_in_thread();
   /// The thread waits in the socket, alone, and hands on what has come. False when there
   /// is nothing more to wait for.
   [[nodiscard]] bool receive_one(Buffer& buffer, Harvest& harvest);
-  void watch_over_thread();
-  void workers_receive();
+  void on_tick();
+  /// From now on the workers receive, until the thread is back from its handler. False when it is
+  /// in none.
+  [[nodiscard]] bool relieve_thread();
   /// How many datagrams there were.
   [[nodiscard]] std::size_t receive_batch(Harvest& harvest);
   void take(const Buffer& buffer, std::size_t size, const Endpoint& from, Harvest& harvest);
@@ -116,17 +120,19 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
 
   std::mutex receive_mutex_;  ///< keeps the order of datagrams; guards the members below
   bool open_ = false;
-  std::optional<Workers::Watch> watch_;  ///< while the workers receive
-  int errors_ = 0;                       ///< that the own thread received in a row, if there is one
-  std::uint64_t turn_ = 0;               ///< counts its receives
-  std::uint64_t turn_at_tick_ = 0;       ///< as the alarm saw it last
-  bool ticking_ = false;                 ///< the alarm will go off
+  bool workers_receive_ = false;
+  int errors_ = 0;                  ///< that the own thread received in a row, if there is one
+  std::uint64_t turn_ = 0;          ///< counts its receives
+  std::uint64_t turn_at_tick_ = 0;  ///< as the alarm saw it last
+  bool ticking_ = false;            ///< the alarm will go off
+  int wary_ = 0;                    ///< so many turns more after a slow handler
   /// What the own thread does. It waits in the socket without a lock: nobody else receives then. It
   /// leaves `handling` in one step, which tells it whether the alarm, under the lock, was faster.
   enum class Doing { receiving, handling, handling_relieved };
   std::atomic<Doing> doing_{Doing::receiving};
   std::shared_ptr<Alarm> alarm_;
   std::array<Buffer, datagrams_per_batch> buffers_;  ///< for the next batch
+  Workers::Watch watch_{};                           ///< of the socket; set when it is opened
 };
 
 }  // namespace someip

@@ -125,6 +125,29 @@ TEST(Runtime, a_stuck_handler_holds_up_its_own_event_only_and_no_more_than_the_b
   EXPECT_TRUE(std::ranges::is_sorted(ticks.all()));
 }
 
+TEST(Runtime, a_handler_that_sticks_soon_after_another_notification_holds_up_no_other_event) {
+  Seen<std::string> ticks;
+  Seen<bool> active;
+  Subscription values;
+  Network network;
+  network.connect();
+  network.consumer->subscribe(
+      "tick",
+      [&](Payload payload) {
+        ticks.add(text(payload));
+        if (text(payload) == "stick") network.released.wait();
+      },
+      [&](bool on) { active.add(on); });
+  ASSERT_TRUE(active.wait_for(true));
+  values.start(*network.consumer, "value");
+  network.provider->send_event(tick, bytes("go on"));
+  ASSERT_TRUE(ticks.wait_for("go on"));
+  network.provider->send_event(tick, bytes("stick"));
+  ASSERT_TRUE(ticks.wait_for("stick"));
+  network.provider->update_field(value, bytes("passes by"));
+  EXPECT_TRUE(values.received.wait_for("passes by"));
+}
+
 TEST(Runtime, no_handler_runs_after_unsubscribe_has_returned) {
   Network network;
   network.connect();

@@ -238,17 +238,26 @@ struct Reader final : someip::Readable {
   Seen<std::uint64_t> seen;
 };
 
-TEST(Pool, calls_readers_for_arrivals_until_they_are_unwatched) {
+TEST(Pool, calls_readers_for_arrivals_until_they_are_unwatched_but_for_pauses) {
   static_thread_pool pool(2);
   const auto reader = std::make_shared<Reader>();
+  const auto arrive = [&](std::uint64_t value) {
+    EXPECT_EQ(::write(reader->descriptor, &value, sizeof value), ssize_t{sizeof value});
+  };
   const auto watch = pool.loop().watch(reader->descriptor, reader);
-  for (std::uint64_t value = 1; value <= 3; ++value) {
-    if (value == 3) pool.loop().unwatch(watch, reader->descriptor);
-    ASSERT_EQ(::write(reader->descriptor, &value, sizeof value), ssize_t{sizeof value});
-    ASSERT_TRUE(value == 3 || reader->seen.wait_for(value));
-  }
+  arrive(1);
+  ASSERT_TRUE(reader->seen.wait_for(1));
+  pool.loop().pause(watch, reader->descriptor);
+  arrive(10);
+  arrive(20);
+  pool.loop().resume(watch, reader->descriptor);
+  ASSERT_TRUE(reader->seen.wait_for(30)) << "the event counter adds up what nobody reads";
+  arrive(2);
+  ASSERT_TRUE(reader->seen.wait_for(2));
+  pool.loop().unwatch(watch, reader->descriptor);
+  arrive(3);
   EXPECT_TRUE(test::eventually([&] { return reader.use_count() == 1; })) << "a call may still run";
-  EXPECT_THAT(reader->seen.all(), ElementsAre(1, 2));
+  EXPECT_THAT(reader->seen.all(), ElementsAre(1, 30, 2));
   ::close(reader->descriptor);
 }
 
