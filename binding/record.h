@@ -35,7 +35,6 @@ enum class Value_type : std::uint32_t {
 /// A member of a TLV record: optional, sent under its data ID.
 template <class Record, class Value>
 struct Member {
-  using record_type = Record;
   using value_type = Value;
 
   std::uint16_t id;
@@ -80,7 +79,6 @@ template <class Record, class Value>
 /// A member of a record without tags: always sent, in declaration order.
 template <class Record, class Value>
 struct Plain_member {
-  using record_type = Record;
   using value_type = Value;
 
   std::string_view name;

@@ -38,6 +38,11 @@ class Barrier {
   std::promise<void> entered_, released_;
 };
 
+/// On this thread, when the strand is free.
+void run_on(Strand& strand, std::function<void()> work) {
+  if (strand.enqueue(std::move(work))) strand.run();
+}
+
 TEST(Strand, runs_one_piece_at_a_time_in_the_order_of_their_arrival) {
   Strand strand;
   static_thread_pool pool(3);
@@ -48,7 +53,7 @@ TEST(Strand, runs_one_piece_at_a_time_in_the_order_of_their_arrival) {
       order.push_back(i);
       if (i == 999) done.set_value();
     });
-    if (free) pool.post([&] { strand.run(); });
+    if (free) pool.loop().post([&] { strand.run(); });
   }
   ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
   strand.close();
@@ -59,10 +64,10 @@ TEST(Strand, runs_one_piece_at_a_time_in_the_order_of_their_arrival) {
 TEST(Strand, runs_inline_when_it_is_free_and_queues_when_it_is_not) {
   Strand strand;
   std::vector<std::string> order;
-  strand.dispatch([&] {
+  run_on(strand, [&] {
     order.emplace_back("outer begins");
     EXPECT_TRUE(strand.running_in_this_thread());
-    strand.dispatch([&] { order.emplace_back("inner"); });
+    run_on(strand, [&] { order.emplace_back("inner"); });
     order.emplace_back("outer ends");
   });
   EXPECT_FALSE(strand.running_in_this_thread());
@@ -74,7 +79,7 @@ TEST(Strand, close_waits_for_the_running_piece_and_drops_the_rest) {
   Barrier barrier;
   std::atomic<bool> ended{false}, dropped_ran{false};
   std::thread runner([&] {
-    strand.dispatch([&] {
+    run_on(strand, [&] {
       barrier.wait();
       ended = true;
     });
@@ -95,7 +100,7 @@ TEST(Strand, close_waits_for_the_running_piece_and_drops_the_rest) {
 TEST(Strand, closed_from_within_or_between_enqueue_and_run_leaves_the_rest_out) {
   int ran = 0;
   Strand from_within;
-  from_within.dispatch([&] {
+  run_on(from_within, [&] {
     ++ran;
     static_cast<void>(from_within.enqueue([&] { ++ran; }));
     from_within.close();
@@ -214,9 +219,9 @@ TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_subscription_waiting_for_
   auto subscription = std::make_shared<tq::com::Subscription>(
       std::uint8_t{1}, 1, [](tq::com::Payload) {}, [](bool) {}, pool.loop(), counters);
   Barrier barrier;
-  pool.post([&] { barrier.wait(); });
+  pool.loop().post([&] { barrier.wait(); });
   ASSERT_TRUE(barrier.entered());
-  pool.post([&] { ran = true; });
+  pool.loop().post([&] { ran = true; });
   subscription->subscription_changed(true);
   subscription->close();
   subscription.reset();

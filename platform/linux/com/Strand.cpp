@@ -51,10 +51,6 @@ void Strand::run_queue() {
   finished_.notify_all();
 }
 
-void Strand::dispatch(std::function<void()> work) {
-  if (enqueue(std::move(work))) run();
-}
-
 void Strand::close() {
   std::unique_lock lock(mutex_);
   state_ |= closed;

@@ -192,9 +192,6 @@ void static_thread_pool::Loop::run_reader(std::uint64_t id) {
 static_thread_pool::static_thread_pool(std::size_t threads)
     : loop_(std::make_unique<Loop>(threads)) {}
 static_thread_pool::~static_thread_pool() = default;
-void static_thread_pool::post(std::function<void()> work) {
-  loop_->post(std::move(work));
-}
 void static_thread_pool::stop() {
   loop_->stop();
 }

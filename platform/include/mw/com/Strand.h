@@ -44,9 +44,6 @@ class Strand {
     run_queue();
   }
 
-  /// enqueue() and, when the strand was free, run(): inline on the calling thread.
-  void dispatch(std::function<void()> work);
-
   /// Drops what is queued and everything that comes later, and waits until the running piece has
   /// ended (not waited for when called from within that piece).
   void close();

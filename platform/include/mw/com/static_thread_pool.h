@@ -4,7 +4,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <memory>
 
 namespace mw::com {
@@ -19,8 +18,6 @@ class static_thread_pool {
   static_thread_pool(const static_thread_pool&) = delete;
   static_thread_pool& operator=(const static_thread_pool&) = delete;
 
-  /// Runs `work` on a worker, later. Work that throws ends the process.
-  void post(std::function<void()> work);
   /// Same as the destructor's stop: idempotent, joins the threads.
   void stop();
 
