@@ -11,7 +11,7 @@
 
 namespace someip {
 
-enum class Log_level : std::uint8_t { error, warning, info, debug };
+enum class Log_level : std::uint8_t { warning, info };
 using Log_sink = std::function<void(Log_level, const std::string& text)>;
 
 /// What a peer can cause as often as it likes is logged once in a while only. Thread-safe.

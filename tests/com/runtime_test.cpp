@@ -148,6 +148,47 @@ TEST(Runtime, a_handler_that_sticks_soon_after_another_notification_holds_up_no_
   EXPECT_TRUE(values.received.wait_for("passes by"));
 }
 
+TEST(Runtime, a_stuck_handler_is_told_the_newest_result_and_state_and_none_in_between) {
+  Seen<std::size_t> found, held_found;
+  Seen<bool> held_states;
+  auto deployed = deployment(net);
+  for (auto& node : deployed.nodes)
+    node.workers = 4;  // two stuck in handlers
+  Network network(deployed);
+  network.connect();
+  const auto search = [&](const tq::com::Find_handler& handler) {
+    return network.client->start_find_service("test::Service", std::nullopt, handler);
+  };
+  const auto held = search([&](const auto& instances) {
+    held_found.add(instances.size());
+    network.released.wait();
+  });
+  // Told after the ones that are held.
+  const auto free = search([&](const auto& instances) { found.add(instances.size()); });
+  Subscription values;
+  values.start(*network.consumer, "value");
+  network.consumer->subscribe(
+      "tick", [](Payload) {},
+      [&](bool active) {
+        held_states.add(active);
+        network.released.wait();
+      });
+  ASSERT_TRUE(held_found.wait_count(1) && held_states.wait_count(1));
+  for (int round = 0; round < 9; ++round) {
+    const std::size_t results = found.all().size();
+    const std::size_t states = values.states.all().size();
+    round % 2 == 0 ? network.provider->stop_offer() : network.provider->offer();
+    ASSERT_TRUE(found.wait_count(results + 1) && values.states.wait_count(states + 1));
+  }
+  network.release.set_value();
+  ASSERT_TRUE(held_found.wait_count(2) && held_states.wait_count(2));
+  network.client->stop_find_service(free);
+  network.client->stop_find_service(held);
+  EXPECT_THAT(held_found.all(), ElementsAre(1, 0));
+  network.consumer.reset();
+  EXPECT_THAT(held_states.all(), ElementsAre(true, false));
+}
+
 TEST(Runtime, no_handler_runs_after_unsubscribe_has_returned) {
   Network network;
   network.connect();

@@ -249,6 +249,8 @@ TEST(Pool, calls_readers_for_arrivals_until_they_are_unwatched_but_for_pauses) {
   const auto arrive = [&](std::uint64_t value) {
     EXPECT_EQ(::write(reader->descriptor, &value, sizeof value), ssize_t{sizeof value});
   };
+  EXPECT_THROW(static_cast<void>(pool.loop().watch(-1, reader)), std::system_error);
+  EXPECT_EQ(reader.use_count(), 1) << "not kept when it is not watched";
   const auto watch = pool.loop().watch(reader->descriptor, reader);
   arrive(1);
   ASSERT_TRUE(reader->seen.wait_for(1));

@@ -72,8 +72,13 @@ void Subscription::run() {
 
 void Subscription::subscription_changed(bool active) {
   if (!on_state_) return;
-  const bool free = strand_.enqueue([this, active] {
-    if (std::exchange(active_, active) != active) on_state_(active);
+  // Peers decide how often it changes: a slow handler is told the newest state only.
+  latest_active_ = active;
+  if (state_pending_.exchange(true)) return;
+  const bool free = strand_.enqueue([this] {
+    state_pending_ = false;  // first: what changes from now on is told by another piece
+    const bool latest = latest_active_;
+    if (std::exchange(active_, latest) != latest) on_state_(latest);
   });
   if (free) workers_.post([self = shared_from_this()] { self->strand_.run(); });
 }

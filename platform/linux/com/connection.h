@@ -57,6 +57,8 @@ class Subscription final : public someip::Event_sink,
   someip::Received first_;  ///< belongs to whoever has claimed the strand
   std::atomic<std::size_t> queued_{0};
   bool active_ = false;  ///< as the handler was told last; touched on the strand only
+  std::atomic<bool> latest_active_{false};
+  std::atomic<bool> state_pending_{false};  ///< the strand has been asked to tell it
   mw::com::Strand strand_;
 };
 

@@ -42,40 +42,54 @@ class Running_search final : public someip::Search,
   Running_search(const Running_search&) = delete;
   Running_search& operator=(const Running_search&) = delete;
 
+  /// A handler that is slower than the network changes is told the newest result only: peers decide
+  /// how many there are.
   void found(const std::vector<std::uint16_t>& instances) override {
-    std::vector<Found_instance> result;
-    result.reserve(instances.size());
-    for (const std::uint16_t instance : instances) {
-      result.push_back(
-          {service_.name, instance, std::make_shared<const Remote_instance>(service_, instance)});
+    {
+      const std::lock_guard lock(mutex_);
+      latest_ = instances;
+      if (std::exchange(pending_, true)) return;
     }
-    if (strand_.enqueue([this, result = std::move(result)] { handler_(result); })) {
+    if (strand_.enqueue([this] { tell(); })) {
       workers_.post([self = shared_from_this()] { self->strand_.run(); });
     }
   }
   void close() { strand_.close(); }
 
  private:
+  void tell() {
+    std::vector<std::uint16_t> instances;
+    {
+      const std::lock_guard lock(mutex_);
+      instances.swap(latest_);
+      pending_ = false;
+    }
+    std::vector<Found_instance> result;
+    result.reserve(instances.size());
+    for (const std::uint16_t instance : instances) {
+      result.push_back(
+          {service_.name, instance, std::make_shared<const Remote_instance>(service_, instance)});
+    }
+    handler_(result);
+  }
+
   const someip::Service_deployment& service_;
   const Find_handler handler_;
   someip::Workers& workers_;
+  std::mutex mutex_;  ///< guards the two members below
+  std::vector<std::uint16_t> latest_;
+  bool pending_ = false;  ///< the strand has been asked to tell it
   mw::com::Strand strand_;
 };
 
 void write_log(someip::Log_level level, const std::string& text) {
   static ara::log::Logger& logger = ara::log::CreateLogger("SIPR", "SOME/IP runtime");
   switch (level) {
-    case someip::Log_level::error:
-      logger.LogError() << text;
-      break;
     case someip::Log_level::warning:
       logger.LogWarn() << text;
       break;
     case someip::Log_level::info:
       logger.LogInfo() << text;
-      break;
-    case someip::Log_level::debug:
-      logger.LogDebug() << text;
       break;
   }
 }

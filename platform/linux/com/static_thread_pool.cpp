@@ -112,7 +112,14 @@ someip::Workers::Watch static_thread_pool::Loop::watch(int descriptor,
     id = next_id_++;
     readers_.emplace(id, std::move(reader));
   }
-  add(epoll_, descriptor, EPOLLIN | EPOLLET, id);
+  try {
+    add(epoll_, descriptor, EPOLLIN | EPOLLET, id);
+  } catch (...) {
+    decltype(readers_)::node_type dropped;  // goes after the lock
+    const std::lock_guard lock(mutex_);
+    dropped = readers_.extract(id);
+    throw;
+  }
   return Watch{id};
 }
 
