@@ -25,9 +25,7 @@ class Quiet_runtime::Consumer final : public Played_runtime::Consumer {
 
 class Quiet_runtime::Provider final : public tq::com::Provider {
  public:
-  Provider(Quiet_runtime& runtime, std::string_view service)
-      : runtime_{runtime}, service_{service} {}
-  std::string_view service() const override { return service_; }
+  explicit Provider(Quiet_runtime& runtime) : runtime_{runtime} {}
   std::uint16_t instance() const override { return 1; }
   tq::com::Element_ids element(std::string_view) const override { return ids; }
   void set_method_handler(std::uint16_t, tq::com::Method_handler) override {}
@@ -42,7 +40,6 @@ class Quiet_runtime::Provider final : public tq::com::Provider {
 
  private:
   Quiet_runtime& runtime_;
-  std::string service_;
 };
 
 Quiet_runtime::Quiet_runtime() = default;
@@ -51,7 +48,6 @@ Quiet_runtime::~Quiet_runtime() = default;
 std::unique_ptr<tq::com::Consumer> Quiet_runtime::connect(const tq::com::Found_instance&) {
   return std::make_unique<Consumer>(*this);
 }
-std::unique_ptr<tq::com::Provider> Quiet_runtime::provide(std::string_view service,
-                                                          std::string_view) {
-  return std::make_unique<Provider>(*this, service);
+std::unique_ptr<tq::com::Provider> Quiet_runtime::provide(std::string_view, std::string_view) {
+  return std::make_unique<Provider>(*this);
 }

@@ -34,15 +34,14 @@ class Fake_runtime::Consumer final : public Played_runtime::Consumer {
 
 class Fake_runtime::Provider : public tq::com::Provider {
  public:
-  Provider(Fake_runtime& runtime, std::string_view service, std::string_view specifier)
-      : runtime_{runtime}, service_{service}, specifier_{specifier} {}
+  Provider(Fake_runtime& runtime, std::string_view specifier)
+      : runtime_{runtime}, specifier_{specifier} {}
   ~Provider() override {
     Provider::close();
     const std::lock_guard lock{runtime_.mutex_};
     runtime_.instances_.erase(specifier_);
   }
 
-  std::string_view service() const override { return service_; }
   std::uint16_t instance() const override { return 1; }
   tq::com::Element_ids element(std::string_view name) const override { return ids_of(name); }
   void set_method_handler(std::uint16_t method, tq::com::Method_handler handler) override {
@@ -76,7 +75,6 @@ class Fake_runtime::Provider : public tq::com::Provider {
   }
 
   Fake_runtime& runtime_;
-  const std::string service_;
   const std::string specifier_;
 };
 
@@ -116,8 +114,8 @@ std::vector<Fake_runtime::Bytes> Fake_runtime::sent(std::string_view specifier) 
 std::unique_ptr<tq::com::Consumer> Fake_runtime::connect(const tq::com::Found_instance&) {
   return std::make_unique<Consumer>(*this);
 }
-std::unique_ptr<tq::com::Provider> Fake_runtime::provide(std::string_view service,
+std::unique_ptr<tq::com::Provider> Fake_runtime::provide(std::string_view,
                                                          std::string_view specifier) {
   if (specifier == "Unknown") throw std::runtime_error{"no such instance"};
-  return std::make_unique<Provider>(*this, service, specifier);
+  return std::make_unique<Provider>(*this, specifier);
 }

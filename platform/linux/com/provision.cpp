@@ -81,6 +81,7 @@ void Provision::close() {
   gate_->close();
 }
 
+// The channel knows that it is a field's, and keeps the value.
 void Provision::update_field(std::uint16_t notifier, Payload value) {
   send_event(notifier, value);
 }

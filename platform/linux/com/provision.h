@@ -21,7 +21,6 @@ class Provision final : public Provider {
   Provision(const Provision&) = delete;
   Provision& operator=(const Provision&) = delete;
 
-  [[nodiscard]] std::string_view service() const override { return instance_->service().name; }
   [[nodiscard]] std::uint16_t instance() const override { return instance_->deployment().id; }
   [[nodiscard]] Element_ids element(std::string_view name) const override;
   void set_method_handler(std::uint16_t method, Method_handler handler) override;

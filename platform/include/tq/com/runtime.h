@@ -117,7 +117,6 @@ class Provider {
  public:
   virtual ~Provider() = default;
 
-  [[nodiscard]] virtual std::string_view service() const = 0;
   [[nodiscard]] virtual std::uint16_t instance() const = 0;
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
