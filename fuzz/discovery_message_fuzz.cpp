@@ -54,8 +54,6 @@ void check_writing(const someip::Discovery_message& message) {
     written.push_back(entry);
     options.push_back(std::move(of_entry));
   }
-  require(writer.entries() == written.size(), "an entry that fits is added, another is not");
-  require(writer.empty() == written.empty(), "a writer without entries is empty");
   const auto bytes = writer.message(0x1234, message.reboot);
   require(bytes.size() <= someip::header_size + 1400, "a message fits one datagram");
 
@@ -94,7 +92,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   if (!message) return 0;
   require(message->entries.size() <= most_entries, "entries have a bound");
   for (const auto& option : message->options) {
-    static_cast<void>(someip::configuration_items(option.content));
+    static_cast<void>(someip::is_configuration(option.content));
   }
   check_reading(*message);
   check_writing(*message);

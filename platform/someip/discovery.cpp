@@ -113,7 +113,7 @@ void Discovery::entry(const Discovery_message& message,
                       Time now) {
   switch (entry.type) {
     case Entry_type::find_service:
-      if (message.options_of(entry, own_.is_v4()).fault) {
+      if (entry.ttl == 0 || message.options_of(entry, own_.is_v4()).fault) {
         counters_.dropped_entries.add();
         return;
       }
@@ -133,8 +133,10 @@ void Discovery::entry(const Discovery_message& message,
   }
   const Entry_options options = message.options_of(entry, own_.is_v4());
   if (entry.type == Entry_type::subscribe) {
-    server_.subscribe(entry, options, acceptable(Instance_endpoints{options.udp, options.tcp}),
-                      from, message.explicit_initial_data, now);
+    server_.subscribe(
+        entry, options,
+        [this](const Instance_endpoints& endpoints) { return acceptable(endpoints); }, from,
+        message.explicit_initial_data, now);
   } else {
     client_.acknowledged(entry, options, from, now);
   }

@@ -4,10 +4,6 @@
 
 namespace someip {
 
-namespace {
-constexpr std::uint16_t initial_data_flag = 0x80;
-}
-
 bool Discovery_client::matches(const Search_key& search, const Instance_key& key) {
   return search.service == key.service && search.major_version == key.major_version &&
          (search.instance == any_instance || search.instance == key.instance);
@@ -46,7 +42,9 @@ void Discovery_client::stop_search(std::uint16_t service,
   if (found != searches_.end() && --found->second.users == 0) searches_.erase(found);
 }
 
-Entry Discovery_client::subscribe_entry(const Group_key& key, std::uint32_t ttl) const {
+Entry Discovery_client::subscribe_entry(const Group_key& key,
+                                        const Subscription& subscription,
+                                        std::uint32_t ttl) {
   Entry entry;
   entry.type = Entry_type::subscribe;
   entry.service = key.first.service;
@@ -54,6 +52,7 @@ Entry Discovery_client::subscribe_entry(const Group_key& key, std::uint32_t ttl)
   entry.major_version = key.first.major_version;
   entry.event_group = key.second;
   entry.ttl = ttl;
+  if (subscription.initial_data) entry.flags |= Entry::initial_data_flag;
   return entry;
 }
 
@@ -86,18 +85,20 @@ void Discovery_client::request(const Group_key& key,
                                bool by_multicast) {
   const auto options = own_endpoints(subscription.transport, remote);
   if (!options) return;
-  Entry entry = subscribe_entry(key, timing_.subscribe_ttl);
-
   const bool active = subscription.state == State::active;
   const bool unanswered = by_multicast && subscription.supervised;
   const bool no_value =
       by_multicast && active && host_.initial_value_missing(key.first, key.second);
-  if (!active || unanswered || no_value || subscription.refresh) entry.flags |= initial_data_flag;
-  // A server that cannot read that flag sends values again only after a stop (someipsd_844).
-  if (!remote.explicit_initial_data && (unanswered || no_value || subscription.refresh)) {
-    outbox_.add(remote.offer.peer, subscribe_entry(key, 0), *options);
+  const bool again = unanswered || no_value || subscription.refresh;
+  std::vector<Entry> entries;
+  // A server that cannot read the flag sends values again only after a stop (someipsd_844), right
+  // in front of the subscription (someipsd_1178).
+  if (again && !remote.explicit_initial_data) {
+    entries.push_back(subscribe_entry(key, subscription, 0));
   }
-  outbox_.add(remote.offer.peer, entry, *options);
+  subscription.initial_data = !active || again;
+  entries.push_back(subscribe_entry(key, subscription, timing_.subscribe_ttl));
+  outbox_.add(remote.offer.peer, std::move(entries), *options);
   if (!active) subscription.state = State::requested;
   subscription.supervised = by_multicast;
   subscription.refresh = false;
@@ -113,8 +114,7 @@ void Discovery_client::request_all(const Instance_key& key, bool by_multicast) {
 
 void Discovery_client::subscribe(const Instance_key& key,
                                  std::uint16_t event_group,
-                                 const Group_transport& transport,
-                                 Time) {
+                                 const Group_transport& transport) {
   Subscription& subscription = subscriptions_[{key, event_group}];
   subscription.transport = transport;
   if (subscription.users++ > 0) subscription.refresh = true;
@@ -128,7 +128,8 @@ void Discovery_client::unsubscribe(const Instance_key& key, std::uint16_t event_
   const auto remote = remotes_.find(key);
   if (remote != remotes_.end() && found->second.state != State::none) {
     if (const auto options = own_endpoints(found->second.transport, remote->second)) {
-      outbox_.add(remote->second.offer.peer, subscribe_entry(found->first, 0), *options);
+      outbox_.add(remote->second.offer.peer, {subscribe_entry(found->first, found->second, 0)},
+                  *options);
     }
   }
   subscriptions_.erase(found);
@@ -252,7 +253,7 @@ void Discovery_client::forget_peer(const Endpoint& peer, Time now) {
   triggers_.erase(peer);
 }
 
-void Discovery_client::connected(const Endpoint& server, Time) {
+void Discovery_client::connected(const Endpoint& server) {
   for (auto& [key, remote] : remotes_) {
     if (!(remote.offer.endpoints.tcp == server)) continue;
     for (auto& [group, subscription] : subscriptions_) {
@@ -310,7 +311,7 @@ void Discovery_client::on_time(Time now) {
     entry.major_version = key.major_version;
     entry.minor_version = any_minor_version;
     entry.ttl = timing_.subscribe_ttl;
-    outbox_.add(std::nullopt, entry, {});
+    outbox_.add(std::nullopt, {entry}, {});
     if (search.phase == Phase::repetition) ++search.repetitions;
     search.phase = search.repetitions >= timing_.repetitions_max || satisfied(key)
                        ? Phase::silent

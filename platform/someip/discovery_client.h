@@ -75,8 +75,7 @@ class Discovery_client {
   /// the present values again.
   void subscribe(const Instance_key& key,
                  std::uint16_t event_group,
-                 const Group_transport& transport,
-                 Time now);
+                 const Group_transport& transport);
   void unsubscribe(const Instance_key& key, std::uint16_t event_group);
   [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const;
   /// Sends a stop for every subscription.
@@ -97,7 +96,7 @@ class Discovery_client {
   /// Everything that a peer has offered is void: it has restarted.
   void forget_peer(const Endpoint& peer, Time now);
   /// The TCP connection to `server` stands: what waited for it is subscribed now.
-  void connected(const Endpoint& server, Time now);
+  void connected(const Endpoint& server);
   /// It broke: the subscriptions over it are void until it stands again.
   void connection_lost(const Endpoint& server);
 
@@ -135,6 +134,8 @@ class Discovery_client {
     State state = State::none;
     bool supervised = false;  ///< requested because of a multicast offer, not acknowledged yet
     bool refresh = false;     ///< the values are wanted again although the subscription is active
+    bool initial_data =
+        false;  ///< asked for by the last entry, which a stop repeats (someipsd_333)
     Time expires = Time::max();  ///< while active: when it ends unless acknowledged again
   };
   using Group_key = std::pair<Instance_key, std::uint16_t>;
@@ -157,7 +158,9 @@ class Discovery_client {
                bool by_multicast);
   void request_all(const Instance_key& key, bool by_multicast);
   void set_state(const Group_key& key, Subscription& subscription, State state);
-  [[nodiscard]] Entry subscribe_entry(const Group_key& key, std::uint32_t ttl) const;
+  [[nodiscard]] static Entry subscribe_entry(const Group_key& key,
+                                             const Subscription& subscription,
+                                             std::uint32_t ttl);
   [[nodiscard]] std::optional<std::vector<Option>> own_endpoints(const Group_transport& transport,
                                                                  const Remote& remote);
 

@@ -128,9 +128,8 @@ Option read_option(std::uint8_t type, Bytes content) {
       break;
     case Option_kind::text:
       option.content.assign(content.begin(), content.end());
-      option.valid = option.is(Option_type::load_balancing)
-                         ? content.size() == 5
-                         : configuration_items(content).has_value();
+      option.valid =
+          option.is(Option_type::load_balancing) ? content.size() == 5 : is_configuration(content);
       break;
     case Option_kind::unknown:
       break;
@@ -258,37 +257,29 @@ std::optional<Discovery_message> read_discovery_message(Bytes payload, std::size
   return message;
 }
 
-std::optional<std::vector<std::pair<std::string, std::optional<std::string>>>> configuration_items(
-    Bytes content) {
-  std::vector<std::pair<std::string, std::optional<std::string>>> items;
-  if (content.empty()) return std::nullopt;
+bool is_configuration(Bytes content) {
+  if (content.empty()) return false;
   content = content.subspan(1);  // reserved
   while (!content.empty()) {
     const std::size_t length = load8(content.data());
     content = content.subspan(1);
-    if (length == 0) return content.empty() ? std::optional(std::move(items)) : std::nullopt;
-    if (length > content.size()) return std::nullopt;
-    std::string text;
-    for (const std::byte byte : content.first(length))
-      text += static_cast<char>(byte);
+    if (length == 0) return content.empty();
+    if (length > content.size()) return false;
+    const Bytes item = content.first(length);
     content = content.subspan(length);
-    const std::size_t equals = text.find('=');
-    const std::string name = text.substr(0, equals);
-    const auto printable = [](char c) { return c >= 0x20 && c <= 0x7E; };
-    if (!std::ranges::all_of(name, printable) || name.find_first_not_of(' ') == std::string::npos) {
-      return std::nullopt;
-    }
-    items.emplace_back(
-        name, equals == std::string::npos ? std::nullopt : std::optional(text.substr(equals + 1)));
+    const Bytes name(item.begin(), std::ranges::find(item, std::byte{'='}));
+    const auto printable = [](std::byte c) { return c >= std::byte{0x20} && c <= std::byte{0x7E}; };
+    const auto blank = [](std::byte c) { return c == std::byte{' '}; };
+    if (!std::ranges::all_of(name, printable) || std::ranges::all_of(name, blank)) return false;
   }
-  return std::nullopt;  // no closing zero
+  return false;  // no closing zero
 }
 
-bool Discovery_writer::add(Entry entry, const std::vector<Option>& options) {
-  assert(options.size() <= entry.runs.size());
+bool Discovery_writer::add_all(std::span<const Entry> entries, const std::vector<Option>& options) {
+  std::array<Entry::Run, 2> runs{};
+  assert(options.size() <= runs.size());
   std::vector<std::vector<std::byte>> added;
   std::size_t added_bytes = 0;
-  entry.runs = {};
   for (std::size_t i = 0; i < options.size(); ++i) {
     auto bytes = option_bytes(options[i]);
     auto found = std::ranges::find(options_, bytes);
@@ -301,12 +292,16 @@ bool Discovery_writer::add(Entry entry, const std::vector<Option>& options) {
       }
     }
     if (index > 0xFF) return false;
-    entry.runs[i] = {static_cast<std::uint8_t>(index), 1};
+    runs[i] = {static_cast<std::uint8_t>(index), 1};
   }
-  if (12 + entries_.size() + entry_size + options_bytes_ + added_bytes > max_payload) return false;
-  append_entry(entry, entries_);
+  added_bytes += entry_size * entries.size();
+  if (12 + entries_.size() + options_bytes_ + added_bytes > max_payload) return false;
+  for (Entry entry : entries) {
+    entry.runs = runs;
+    append_entry(entry, entries_);
+  }
+  options_bytes_ += added_bytes - entry_size * entries.size();
   std::ranges::move(added, std::back_inserter(options_));
-  options_bytes_ += added_bytes;
   return true;
 }
 

@@ -6,8 +6,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
-#include <utility>
+#include <span>
 #include <vector>
 
 #include "platform/someip/byte_order.h"
@@ -66,7 +65,8 @@ struct Entry {
   [[nodiscard]] bool about_event_group() const {
     return type == Entry_type::subscribe || type == Entry_type::subscribe_ack;
   }
-  [[nodiscard]] bool initial_data_requested() const { return (flags & 0x80) != 0; }
+  static constexpr std::uint16_t initial_data_flag = 0x80;
+  [[nodiscard]] bool initial_data_requested() const { return (flags & initial_data_flag) != 0; }
   [[nodiscard]] std::uint8_t counter() const { return static_cast<std::uint8_t>(flags & 0x0F); }
   friend bool operator==(const Entry&, const Entry&) = default;
 };
@@ -114,20 +114,19 @@ struct Discovery_message {
 [[nodiscard]] std::optional<Discovery_message> read_discovery_message(Bytes payload,
                                                                       std::size_t max_entries);
 
-/// Name and value pairs of a configuration option's content; empty when it is malformed. A name
-/// without
-/// "=" has no value.
-[[nodiscard]] std::optional<std::vector<std::pair<std::string, std::optional<std::string>>>>
-configuration_items(Bytes content);
+/// Is this the content of a configuration option: names, each with or without a value?
+[[nodiscard]] bool is_configuration(Bytes content);
 
 /// Packs entries into one message and stores each different option once.
 class Discovery_writer {
  public:
-  /// Adds an entry with at most two options; its runs are set here. False, and nothing added, when
-  /// the message would grow beyond one unfragmented datagram.
-  [[nodiscard]] bool add(Entry entry, const std::vector<Option>& options);
+  /// Adds an entry, or several that have the same options, at most two; their runs are set here.
+  /// False, and nothing added, when the message would grow beyond one unfragmented datagram.
+  [[nodiscard]] bool add(const Entry& entry, const std::vector<Option>& options) {
+    return add_all(std::span(&entry, 1), options);
+  }
+  [[nodiscard]] bool add_all(std::span<const Entry> entries, const std::vector<Option>& options);
   [[nodiscard]] bool empty() const { return entries_.empty(); }
-  [[nodiscard]] std::size_t entries() const { return entries_.size() / 16; }
   /// The whole SOME/IP message.
   [[nodiscard]] std::vector<std::byte> message(std::uint16_t session, bool reboot) const;
 

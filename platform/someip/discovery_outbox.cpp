@@ -41,19 +41,24 @@ Session_counter& Discovery_peers::towards(const Endpoint& peer, Time now) {
   return known.outgoing;
 }
 
-void Discovery_outbox::add(const Destination& to, const Entry& entry, std::vector<Option> options) {
+void Discovery_outbox::add(const Destination& to,
+                           std::vector<Entry> entries,
+                           std::vector<Option> options) {
   auto parcel = std::ranges::find_if(parcels_, [&](const Parcel& known) { return known.to == to; });
   if (parcel == parcels_.end()) parcel = parcels_.insert(parcels_.end(), Parcel{to, {}});
-  parcel->items.push_back({entry, std::move(options)});
+  const bool offer = entries.front().type == Entry_type::offer_service;
+  if (offer && std::ranges::find(parcel->items, entries, &Item::entries) != parcel->items.end())
+    return;
+  parcel->items.push_back({std::move(entries), std::move(options)});
 }
 
 void Discovery_outbox::flush(Time now) {
   for (const Parcel& parcel : std::exchange(parcels_, {})) {
     Discovery_writer writer;
     for (const Item& item : parcel.items) {
-      if (writer.add(item.entry, item.options)) continue;
+      if (writer.add_all(item.entries, item.options)) continue;
       send(std::exchange(writer, Discovery_writer{}), parcel.to, now);
-      static_cast<void>(writer.add(item.entry, item.options));
+      static_cast<void>(writer.add_all(item.entries, item.options));
     }
     send(writer, parcel.to, now);
   }

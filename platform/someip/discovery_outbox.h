@@ -54,12 +54,14 @@ class Discovery_outbox {
 
   Discovery_outbox(Discovery_peers& peers, Send send) : peers_(peers), send_(std::move(send)) {}
 
-  void add(const Destination& to, const Entry& entry, std::vector<Option> options);
+  /// The entries have the same options and leave side by side. An offer that waits already is not
+  /// added again: it may have been asked for many times at once.
+  void add(const Destination& to, std::vector<Entry> entries, std::vector<Option> options);
   void flush(Time now);
 
  private:
   struct Item {
-    Entry entry;
+    std::vector<Entry> entries;
     std::vector<Option> options;
   };
   struct Parcel {

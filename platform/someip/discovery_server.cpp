@@ -35,7 +35,7 @@ bool allowed(const Offer& offer, const Address& peer) {
 void Discovery_server::send_offer(const Local& local,
                                   std::uint32_t ttl,
                                   const Discovery_outbox::Destination& to) {
-  outbox_.add(to, offer_entry(local.offer, ttl), endpoint_options(local.offer.endpoints));
+  outbox_.add(to, {offer_entry(local.offer, ttl)}, endpoint_options(local.offer.endpoints));
 }
 
 void Discovery_server::offer(Offer offer, Time now) {
@@ -90,16 +90,15 @@ void Discovery_server::find(
       continue;
     }
     if (local.phase == Phase::initial_wait || !allowed(local.offer, from.address)) continue;
-    if (!unicast_flag) {
-      send_offer(local, timing_.offer_ttl, std::nullopt);
-    } else if (multicast) {
-      const bool waits = std::ranges::any_of(answers_, [&, &wanted = key](const Answer& answer) {
-        return answer.to == from && answer.key == wanted;
-      });
-      if (!waits) answers_.push_back({from, key, Time{}});
-    } else {
-      send_offer(local, timing_.offer_ttl, from);
+    const Discovery_outbox::Destination to = unicast_flag ? std::optional(from) : std::nullopt;
+    if (!multicast) {
+      send_offer(local, timing_.offer_ttl, to);
+      continue;
     }
+    const bool waits = std::ranges::any_of(answers_, [&, &wanted = key](const Answer& answer) {
+      return answer.to == to && answer.key == wanted;
+    });
+    if (!waits) answers_.push_back({to, key, Time{}});
   }
   // One delay for all entries of a message, so that their answers leave together.
   const Time due = delays_.answer_to_multicast(now);
@@ -116,12 +115,12 @@ void Discovery_server::refuse(Entry entry, const Endpoint& to) {
   entry.type = Entry_type::subscribe_ack;
   entry.ttl = 0;
   entry.flags &= 0xFF0F;  // a refusal repeats reserved and counter only (someipsd_619)
-  outbox_.add(to, entry, {});
+  outbox_.add(to, {entry}, {});
 }
 
 void Discovery_server::subscribe(const Entry& entry,
                                  const Entry_options& options,
-                                 bool endpoints_acceptable,
+                                 const Acceptable& acceptable,
                                  const Endpoint& from,
                                  bool explicit_initial_data,
                                  Time now) {
@@ -130,14 +129,20 @@ void Discovery_server::subscribe(const Entry& entry,
                                             : found->second.groups.find(entry.event_group);
   const bool known = found != offers_.end() && group != found->second.groups.end();
   const bool stop = entry.ttl == 0;
-  if (!known || options.fault || !endpoints_acceptable ||
+  const Group_transport transport =
+      known ? found->second.offer.groups.at(entry.event_group) : Group_transport{};
+  // Others are redundant (someipsd_1141): what becomes of them does not matter.
+  Instance_endpoints endpoints;
+  if (transport.udp) endpoints.udp = options.udp;
+  if (transport.tcp) endpoints.tcp = options.tcp;
+  if (!known || options.fault || !acceptable(endpoints) ||
       !allowed(found->second.offer, from.address)) {
     if (!stop) refuse(entry, from);
     return;
   }
 
   auto& subscriptions = group->second.subscriptions;
-  const Subscriber subscriber{from, {options.udp, options.tcp}, entry.counter()};
+  const Subscriber subscriber{from, endpoints, entry.counter()};
   const auto present = std::ranges::find_if(subscriptions, [&](const Subscription& known_one) {
     return known_one.subscriber == subscriber;
   });
@@ -148,10 +153,9 @@ void Discovery_server::subscribe(const Entry& entry,
     return;
   }
 
-  const Group_transport& transport = found->second.offer.groups.at(entry.event_group);
   const bool needs_udp = transport.udp && transport.multicast_threshold != 1;
-  if ((needs_udp && !options.udp) || (transport.tcp && !options.tcp) ||
-      (transport.tcp && !host_.has_connection(found->second.offer, *options.tcp))) {
+  if ((needs_udp && !endpoints.udp) || (transport.tcp && !endpoints.tcp) ||
+      (transport.tcp && !host_.has_connection(found->second.offer, *endpoints.tcp))) {
     refuse(entry, from);
     return;
   }
@@ -180,7 +184,7 @@ void Discovery_server::subscribe(const Entry& entry,
   if (transport.multicast && transport.multicast_threshold > 0) {
     multicast.push_back(Option::multicast(*transport.multicast));
   }
-  outbox_.add(from, ack, std::move(multicast));
+  outbox_.add(from, {ack}, std::move(multicast));
 }
 
 template <class Predicate>

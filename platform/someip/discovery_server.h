@@ -62,10 +62,12 @@ class Discovery_server {
   void stop_all();
 
   void find(const Entry& entry, const Endpoint& from, bool multicast, bool unicast_flag, Time now);
+  /// Can something be sent there?
+  using Acceptable = std::function<bool(const Instance_endpoints&)>;
   /// `options` are those of the entry; `explicit_initial_data` is the flag of the message.
   void subscribe(const Entry& entry,
                  const Entry_options& options,
-                 bool endpoints_acceptable,
+                 const Acceptable& acceptable,
                  const Endpoint& from,
                  bool explicit_initial_data,
                  Time now);
@@ -108,7 +110,7 @@ class Discovery_server {
     std::map<std::uint16_t, Group> groups;
   };
   struct Answer {
-    Endpoint to;
+    Discovery_outbox::Destination to;
     Instance_key key;
     Time due;
   };

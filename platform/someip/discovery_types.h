@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "platform/someip/deployment.h"
+#include "platform/someip/discovery_message.h"
 #include "platform/someip/endpoint.h"
 
 namespace someip {
@@ -83,8 +84,7 @@ class Discovery_delays {
 
 /// When an entry with this time to live ends.
 [[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds) {
-  constexpr std::uint32_t endless = 0xFFFFFF;
-  return ttl_seconds == endless ? Time::max() : now + std::chrono::seconds(ttl_seconds);
+  return ttl_seconds == endless_ttl ? Time::max() : now + std::chrono::seconds(ttl_seconds);
 }
 
 }  // namespace someip

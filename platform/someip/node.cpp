@@ -95,7 +95,7 @@ Node::Node(const Deployment& deployment,
       own_, deployment.limits, workers, counters_, log_,
       Tcp_client::Events{[this](const Endpoint& server) {
                            change([&](Discovery_server&, Discovery_client& client) {
-                             client.connected(server, std::chrono::steady_clock::now());
+                             client.connected(server);
                            });
                          },
                          [this](const Endpoint& server) { connection_lost(server); },

@@ -116,8 +116,7 @@ void Node::subscribe(const Event_selection& selection, std::shared_ptr<Event_sin
       if (known.key == selection.instance) connect_route(event, known.offer);
     }
     change([&](Discovery_server&, Discovery_client& client) {
-      client.subscribe(selection.instance, selection.event_group, selection.group,
-                       std::chrono::steady_clock::now());
+      client.subscribe(selection.instance, selection.event_group, selection.group);
       // A further subscriber of a group that is active already hears so at once.
       if (client.active(selection.instance, selection.event_group))
         sink->subscription_changed(true);

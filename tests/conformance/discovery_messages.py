@@ -105,9 +105,12 @@ class DiscoveryMessages(suite.Group):
 
     def test_two_messages(self):
         host, peer = self.vehicle()
-        peer.unicast.send(discovery([find(VEHICLE)], session=1) + discovery([find(VEHICLE)], session=2),
+        wishes = [subscribe(VEHICLE, group) for group in (TICK_GROUP, VALUE_GROUP)]
+        peer.unicast.send(b"".join(discovery([wish], [endpoint(peer.caller())], session=session)
+                                   for session, wish in enumerate(wishes, 1)),
                           (host.address, self.network.discovery_port))
-        self.network.wait(lambda: len(peer.unicast.entries) == 2, "two answers")
+        for group in (TICK_GROUP, VALUE_GROUP):
+            peer.entry(ACKNOWLEDGE, VEHICLE, group=group)
 
     def test_offer(self):
         for ttl in (2, ENDLESS):
@@ -147,9 +150,12 @@ class DiscoveryMessages(suite.Group):
         host, peer = self.vehicle("offer second")
         peer.entry(OFFER, VEHICLE, instance=2)
         for fields, found in (({}, [1, 2]), ({"instance": 2}, [2]), ({"instance": 3}, []), ({"major": MAJOR}, [1, 2]),
-                              ({"major": MAJOR + 1}, []), ({"minor": MINOR}, [1, 2]), ({"minor": MINOR + 1}, [])):
+                              ({"major": MAJOR + 1}, []), ({"minor": MINOR}, [1, 2]), ({"minor": MINOR + 1}, []),
+                              ({"ttl": 0}, [])):
             answers = peer.ask(host, [find(VEHICLE, **fields), find(GROUP), find(UNKNOWN)])
             self.assertEqual([one.instance for one in answers], found, fields)
+        answers = peer.ask(host, [find(VEHICLE), find(VEHICLE, 2)] * 60)
+        self.assertEqual([one.instance for one in answers], [1, 2])
 
     def test_stop_offer(self):
         host, peer = self.vehicle("offer stream")
@@ -170,7 +176,7 @@ class DiscoveryMessages(suite.Group):
         self.assertEqual(len(entry.options), 1)
         host.do("unsubscribe Remote 1 value")
         stop = peer.entry(SUBSCRIBE, REMOTE, ttl=0)
-        for field in ("instance", "major", "group", "counter", "endpoints", "multicast"):
+        for field in ("instance", "major", "group", "counter", "flags", "endpoints", "multicast"):
             self.assertEqual(getattr(stop, field), getattr(entry, field), field)
 
     def test_acknowledgement(self):

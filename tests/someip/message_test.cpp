@@ -5,6 +5,7 @@
 #include <gmock/gmock.h>
 
 #include "platform/someip/discovery_message.h"
+#include "platform/someip/discovery_outbox.h"
 #include "platform/someip/stream_reader.h"
 
 namespace someip {
@@ -79,6 +80,30 @@ TEST(Discovery_message, stops_at_one_unfragmented_datagram) {
     ++count;
   EXPECT_EQ(count, (1400 - 12 - 12) / 16u);
   EXPECT_LE(writer.message(1, true).size(), header_size + 1400);
+}
+
+TEST(Discovery_outbox, keeps_what_belongs_together_in_one_message_and_sends_an_offer_once) {
+  Discovery_peers peers(1);
+  std::vector<std::size_t> sent;  // entries of each message
+  Discovery_outbox outbox(peers, [&](const std::vector<std::byte>& bytes, const auto&) {
+    const auto message = read_discovery_message(Bytes(bytes).subspan(header_size), 100);
+    sent.push_back(message ? message->entries.size() : 0);
+  });
+  const Endpoint peer{boost::asio::ip::make_address("10.0.0.1"), 30490};
+  const std::vector options{Option::unicast(peer, udp_protocol)};
+  for (int i = 0; i < 400; ++i) {
+    for (std::uint16_t instance = 1; instance <= 5; ++instance)
+      outbox.add(peer, {{.type = Entry_type::offer_service, .instance = instance}}, options);
+  }
+  outbox.flush({});
+  EXPECT_THAT(sent, testing::ElementsAre(5));
+  sent.clear();
+  constexpr std::size_t most = (1400 - 12 - 12) / 16;
+  for (std::size_t i = 0; i + 1 < most; ++i)
+    outbox.add(peer, {{.type = Entry_type::subscribe}}, options);
+  outbox.add(peer, {{.type = Entry_type::subscribe}, {.type = Entry_type::subscribe}}, options);
+  outbox.flush({});
+  EXPECT_THAT(sent, testing::ElementsAre(most - 1, 2));
 }
 
 }  // namespace
