@@ -274,7 +274,7 @@ void Node::port_closed(const Returned_datagram& returned) {
 
 std::shared_ptr<Node::Service_port> Node::udp_port(const Instance_deployment& instance) {
   if (!instance.udp_port) return nullptr;
-  const std::lock_guard lock(ports_mutex_);
+  std::unique_lock lock(ports_mutex_);
   const auto known = udp_ports_.find(*instance.udp_port);
   if (known != udp_ports_.end()) return known->second;
   auto socket = std::make_unique<Udp_socket>(own_);
@@ -284,14 +284,17 @@ std::shared_ptr<Node::Service_port> Node::udp_port(const Instance_deployment& in
                              "\": port " + std::to_string(*instance.udp_port) + " of " +
                              own_.to_string() + " cannot be used: " + error.message());
   }
-  if (const auto error = socket->multicast_from(own_)) {
-    log_.limited(Log_level::warning, "multicast",
-                 "no multicast from " + own_.to_string() + ": " + error.message());
-  }
+  const auto no_multicast = socket->multicast_from(own_);
   closed_ports_.add(*socket);
-  auto port = std::make_shared<Service_port>(std::move(socket), *this);
+  const auto port = std::make_shared<Service_port>(std::move(socket), *this);
   port->port->open();
-  return udp_ports_.emplace(*instance.udp_port, std::move(port)).first->second;
+  udp_ports_.emplace(*instance.udp_port, port);
+  lock.unlock();
+  if (no_multicast) {
+    log_.limited(Log_level::warning, "multicast",
+                 "no multicast from " + own_.to_string() + ": " + no_multicast.message());
+  }
+  return port;
 }
 
 std::shared_ptr<Tcp_service_port> Node::tcp_port(const Instance_deployment& instance) {
@@ -403,7 +406,9 @@ void Node::subscribers_changed(const Instance_key& key,
   auto targets = targets_of(all);
   for (const Multicast_deployment& multicast : instance->second->deployment().multicast) {
     if (multicast.event_group != event_group || multicast.threshold == 0) continue;
-    if (targets->udp.size() < multicast.threshold) continue;
+    // Where all is multicast, a subscriber need not say where it listens.
+    const auto receivers = multicast.threshold == 1 ? all.size() : targets->udp.size();
+    if (receivers < multicast.threshold) continue;
     targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
   }
   for (Event_channel* channel : instance->second->group(event_group)) {

@@ -109,7 +109,9 @@ class Node final : private Discovery_server_host,
   struct Client_event {
     Event_selection selection;
     std::shared_ptr<Event_sink> sink;
-    std::optional<Event_routes::Key> route;  ///< while the instance is offered
+    // While the instance is offered:
+    std::optional<Event_routes::Key> route;
+    std::optional<Endpoint> connection;  ///< the server that a group over TCP needs one to
   };
   struct Running_search {
     std::uint16_t service, instance;
@@ -155,15 +157,21 @@ class Node final : private Discovery_server_host,
   void schedule_calls();
   void expire_calls(bool all);
   void end_calls(std::vector<Pending_calls::Call> calls);
+  void tell(const Running_search& search) const;
   void tell_searches(std::uint16_t service);
   void connect_route(Client_event& event, const Remote_offer& offer);
-  void leave_multicast(const Group_key& key);
+  void leave_multicast(const Group_key& key, const std::optional<Endpoint>& but = std::nullopt);
   void dispatch(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
   void notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
   [[nodiscard]] std::optional<Endpoint> endpoint_of(const Instance_key& instance,
                                                     Transport transport);
   [[nodiscard]] std::uint16_t fire_and_forget_session();
-  void send_request(const Header& header, Transport transport, const Endpoint& to, Bytes arguments);
+  void send_request(const Header& header,
+                    Transport transport,
+                    const Endpoint& to,
+                    Bytes arguments,
+                    Time deadline);
+  [[nodiscard]] bool offered_over_tcp(const Endpoint& server) const;
   [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port_of(const Instance_key& key);

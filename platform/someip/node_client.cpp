@@ -32,14 +32,7 @@ void Node::start_search(const Service_deployment& service,
         change([&](Discovery_server&, Discovery_client& client) {
           client.start_search(id, instance, major, std::chrono::steady_clock::now());
         });
-        std::vector<std::uint16_t> found;
-        for (const Known_instance& known : known_) {
-          if (known.key.service == id && known.key.major_version == major &&
-              (instance == any_instance || instance == known.key.instance)) {
-            found.push_back(known.key.instance);
-          }
-        }
-        search->found(found);
+        tell({id, instance, major, search});
       });
 }
 
@@ -56,17 +49,20 @@ void Node::stop_search(std::shared_ptr<Search> search) {
   });
 }
 
+void Node::tell(const Running_search& search) const {
+  std::vector<std::uint16_t> found;
+  for (const Known_instance& known : known_) {
+    if (known.key.service == search.service && known.key.major_version == search.major_version &&
+        (search.instance == any_instance || search.instance == known.key.instance)) {
+      found.push_back(known.key.instance);
+    }
+  }
+  search.search->found(found);
+}
+
 void Node::tell_searches(std::uint16_t service) {
   for (const Running_search& search : searches_) {
-    if (search.service != service) continue;
-    std::vector<std::uint16_t> found;
-    for (const Known_instance& known : known_) {
-      if (known.key.service == service && known.key.major_version == search.major_version &&
-          (search.instance == any_instance || search.instance == known.key.instance)) {
-        found.push_back(known.key.instance);
-      }
-    }
-    search.search->found(found);
+    if (search.service == service) tell(search);
   }
 }
 
@@ -92,7 +88,9 @@ void Node::instance_gone(const Instance_key& key) {
     known_.erase(known);
   }
   for (Client_event& event : events_) {
-    if (event.selection.instance != key || !event.route) continue;
+    if (event.selection.instance != key) continue;
+    event.connection.reset();
+    if (!event.route) continue;
     routes_.remove(*std::exchange(event.route, std::nullopt), event.sink.get());
   }
   if (gone.tcp) release_connection(*gone.tcp, false);
@@ -100,6 +98,7 @@ void Node::instance_gone(const Instance_key& key) {
 }
 
 void Node::connect_route(Client_event& event, const Remote_offer& offer) {
+  if (event.selection.group.tcp) event.connection = offer.endpoints.tcp;
   const auto& endpoint =
       event.selection.transport == Transport::udp ? offer.endpoints.udp : offer.endpoints.tcp;
   if (!endpoint) return;
@@ -111,7 +110,7 @@ void Node::connect_route(Client_event& event, const Remote_offer& offer) {
 
 void Node::subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink) {
   on_control([this, selection, sink = std::move(sink)] {
-    Client_event& event = events_.emplace_back(Client_event{selection, sink, std::nullopt});
+    Client_event& event = events_.emplace_back(Client_event{selection, sink, {}, {}});
     for (const Known_instance& known : known_) {
       if (known.key == selection.instance) connect_route(event, known.offer);
     }
@@ -140,9 +139,7 @@ void Node::unsubscribe(std::shared_ptr<Event_sink> sink) {
              event.selection.event_group == ended.selection.event_group;
     });
     if (!still_wanted) leave_multicast({ended.selection.instance, ended.selection.event_group});
-    if (ended.route && ended.route->transport == Transport::tcp) {
-      release_connection(ended.route->from, true);
-    }
+    if (ended.connection) release_connection(*ended.connection, true);
   });
 }
 
@@ -163,6 +160,7 @@ bool Node::initial_value_missing(const Instance_key& key, std::uint16_t event_gr
 }
 
 void Node::listen_to(const Instance_key& key, std::uint16_t event_group, const Endpoint& group) {
+  leave_multicast({key, event_group}, group);  // what an earlier acknowledgement named
   auto& [port, users] = multicast_ports_[group];
   users.insert({key, event_group});
   if (port) {
@@ -186,10 +184,10 @@ void Node::listen_to(const Instance_key& key, std::uint16_t event_group, const E
   }
 }
 
-void Node::leave_multicast(const Group_key& key) {
+void Node::leave_multicast(const Group_key& key, const std::optional<Endpoint>& but) {
   for (auto at = multicast_ports_.begin(); at != multicast_ports_.end();) {
     auto& [port, users] = at->second;
-    users.erase(key);
+    if (at->first != but) users.erase(key);
     if (!users.empty()) {
       ++at;
       continue;
@@ -200,11 +198,9 @@ void Node::leave_multicast(const Group_key& key) {
 }
 
 void Node::release_connection(const Endpoint& server, bool even_if_offered) {
-  const bool offered = std::ranges::any_of(
-      known_, [&](const Known_instance& known) { return known.offer.endpoints.tcp == server; });
-  const bool subscribed = std::ranges::any_of(events_, [&](const Client_event& event) {
-    return event.route && event.route->transport == Transport::tcp && event.route->from == server;
-  });
+  const bool offered = offered_over_tcp(server);
+  const bool subscribed = std::ranges::any_of(
+      events_, [&](const Client_event& event) { return event.connection == server; });
   if (subscribed || (offered && (!even_if_offered || calls_.waits_for(server)))) return;
   tcp_client_->release(server);
 }
@@ -279,19 +275,24 @@ std::optional<Endpoint> Node::endpoint_of(const Instance_key& instance, Transpor
   return transport == Transport::udp ? endpoints.udp : endpoints.tcp;
 }
 
-void Node::send_request(const Header& header,
-                        Transport transport,
-                        const Endpoint& to,
-                        Bytes arguments) {
+void Node::send_request(
+    const Header& header, Transport transport, const Endpoint& to, Bytes arguments, Time deadline) {
   counters_.requests_sent.add();
   if (transport == Transport::udp) {
     const Socket_address address(to);
     client_port_->send(header, arguments, std::span(&address, 1));
     return;
   }
-  on_control([this, header, to, copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
-    tcp_client_->send(to, header, copy);
+  on_control([this, header, to, deadline,
+              copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
+    // Gone meanwhile: nobody would ever release a connection that is opened now.
+    if (offered_over_tcp(to)) tcp_client_->send(to, header, copy, deadline);
   });
+}
+
+bool Node::offered_over_tcp(const Endpoint& server) const {
+  return std::ranges::any_of(
+      known_, [&](const Known_instance& known) { return known.offer.endpoints.tcp == server; });
 }
 
 void Node::call(const Instance_key& instance,
@@ -305,14 +306,10 @@ void Node::call(const Instance_key& instance,
     handler(Return_code::not_reachable, {});
     return;
   }
-  Pending_calls::Call call{instance.service,
-                           method,
-                           instance.major_version,
-                           *server,
-                           transport,
-                           owner,
-                           std::chrono::steady_clock::now() + node_.request_timeout,
-                           std::move(handler)};
+  const Time deadline = std::chrono::steady_clock::now() + node_.request_timeout;
+  Pending_calls::Call call{
+      instance.service,  method, instance.major_version, *server, transport, owner, deadline,
+      std::move(handler)};
   const auto session = calls_.add(call);
   if (!session) {
     counters_.refused_calls.add();
@@ -328,7 +325,7 @@ void Node::call(const Instance_key& instance,
   header.session = *session;
   header.interface_version = instance.major_version;
   header.type = static_cast<std::uint8_t>(Message_type::request);
-  send_request(header, transport, *server, arguments);
+  send_request(header, transport, *server, arguments, deadline);
 }
 
 void Node::call_no_return(const Instance_key& instance,
@@ -344,7 +341,7 @@ void Node::call_no_return(const Instance_key& instance,
   header.session = fire_and_forget_session();
   header.interface_version = instance.major_version;
   header.type = static_cast<std::uint8_t>(Message_type::request_no_return);
-  send_request(header, transport, *server, arguments);
+  send_request(header, transport, *server, arguments, Time::max());
 }
 
 std::uint16_t Node::fire_and_forget_session() {

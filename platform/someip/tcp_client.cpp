@@ -28,8 +28,24 @@ struct Tcp_client::Link {
   std::shared_ptr<Tcp_connection> connection;
   Milliseconds next_retry = first_retry;
   bool released = false;
-  std::vector<std::pair<Header, std::vector<std::byte>>> waiting;
+  struct Waiting {
+    Header header;
+    std::vector<std::byte> payload;
+    Time deadline;
+    [[nodiscard]] std::size_t size() const { return header_size + payload.size(); }
+  };
+  std::vector<Waiting> waiting;
   std::size_t waiting_bytes = 0;
+
+  /// Whoever sent them has been told that they have failed.
+  void drop_expired() {
+    const Time now = std::chrono::steady_clock::now();
+    std::erase_if(waiting, [&](const Waiting& message) {
+      if (message.deadline > now) return false;
+      waiting_bytes -= message.size();
+      return true;
+    });
+  }
 };
 
 Tcp_client::Tcp_client(const Address& own,
@@ -66,7 +82,7 @@ std::optional<Endpoint> Tcp_client::local_end(const Endpoint& server) {
   return link->connection->local();
 }
 
-void Tcp_client::send(const Endpoint& server, const Header& header, Bytes payload) {
+void Tcp_client::send(const Endpoint& server, const Header& header, Bytes payload, Time deadline) {
   Link* const link = link_to(server);
   if (link == nullptr) return;
   if (link->connection) {
@@ -74,12 +90,13 @@ void Tcp_client::send(const Endpoint& server, const Header& header, Bytes payloa
     return;
   }
   const std::size_t size = header_size + payload.size();
+  link->drop_expired();
   if (link->waiting_bytes + size > limits_.tcp_send_queue_bytes) {
     counters_.send_would_block.add();
     return;
   }
   link->waiting_bytes += size;
-  link->waiting.emplace_back(header, std::vector<std::byte>(payload.begin(), payload.end()));
+  link->waiting.push_back({header, {payload.begin(), payload.end()}, deadline});
 }
 
 void Tcp_client::probe(const Endpoint& server) {
@@ -164,13 +181,14 @@ void Tcp_client::retry(const std::shared_ptr<Link>& link) {
 void Tcp_client::established(const std::shared_ptr<Link>& link) {
   counters_.tcp_connected.add();
   link->next_retry = first_retry;
-  link->connection = std::make_shared<Tcp_connection>(std::move(link->socket), true, limits_,
-                                                      static_cast<Tcp_connection::Handler&>(*this),
-                                                      workers_, counters_, log_);
+  link->connection = std::make_shared<Tcp_connection>(
+      std::move(link->socket), link->server, true, limits_,
+      static_cast<Tcp_connection::Handler&>(*this), workers_, counters_, log_);
   link->socket = tcp::socket(workers_.control());
   link->connection->start();
-  for (const auto& [header, payload] : std::exchange(link->waiting, {})) {
-    link->connection->send(header, payload);
+  link->drop_expired();
+  for (const auto& message : std::exchange(link->waiting, {})) {
+    link->connection->send(message.header, message.payload);
   }
   link->waiting_bytes = 0;
   events_.connected(link->server);

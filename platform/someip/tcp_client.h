@@ -35,8 +35,8 @@ class Tcp_client final : private Tcp_connection::Handler {
   /// The own end of the connection to `server`. While there is none, begins to connect, and keeps
   /// trying until release().
   [[nodiscard]] std::optional<Endpoint> local_end(const Endpoint& server);
-  /// Sends now or, within the bound of the send queue, once connected.
-  void send(const Endpoint& server, const Header& header, Bytes payload);
+  /// Sends now or, within the bound of the send queue and until `deadline`, once connected.
+  void send(const Endpoint& server, const Header& header, Bytes payload, Time deadline);
   void probe(const Endpoint& server);
   /// The connection to `server` is not needed any more.
   void release(const Endpoint& server);

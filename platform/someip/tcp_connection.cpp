@@ -31,14 +31,10 @@ Endpoint local_of(const Tcp_connection::Socket& socket) {
   return endpoint_of(socket.local_endpoint(ignored));
 }
 
-Endpoint peer_of(const Tcp_connection::Socket& socket) {
-  error_code ignored;
-  return endpoint_of(socket.remote_endpoint(ignored));
-}
-
 }  // namespace
 
 Tcp_connection::Tcp_connection(Socket socket,
+                               const Endpoint& peer,
                                bool opened_here,
                                const Limits& limits,
                                Handler& handler,
@@ -53,7 +49,7 @@ Tcp_connection::Tcp_connection(Socket socket,
       counters_(counters),
       log_(log),
       local_(local_of(socket_)),
-      peer_(peer_of(socket_)),
+      peer_(peer),
       established_(std::chrono::steady_clock::now()),
       reader_(limits.message_bytes) {
   const int descriptor = socket_.native_handle();

@@ -42,8 +42,10 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
     virtual void lost(const std::shared_ptr<Tcp_connection>& connection) = 0;
   };
 
-  /// `opened_here`: this node is the client of the connection. `socket` is connected.
+  /// `socket` is connected with `peer`, which it cannot name any more when the connection has
+  /// broken already. `opened_here`: this node is the client of the connection.
   Tcp_connection(Socket socket,
+                 const Endpoint& peer,
                  bool opened_here,
                  const Limits& limits,
                  Handler& handler,

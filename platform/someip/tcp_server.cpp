@@ -54,8 +54,8 @@ void Tcp_service_port::drop_connections() {
 }
 
 void Tcp_service_port::accept() {
-  acceptor_.async_accept([this, self = shared_from_this()](const error_code& error,
-                                                           tcp::socket socket) {
+  acceptor_.async_accept(accepted_, [this, self = shared_from_this()](const error_code& error,
+                                                                      tcp::socket socket) {
     if (!acceptor_.is_open()) return;
     if (error) {
       // Out of descriptors, most likely: the next one may fare better.
@@ -68,8 +68,8 @@ void Tcp_service_port::accept() {
     if (admit_()) {
       counters_.tcp_accepted.add();
       connections_.push_back(std::make_shared<Tcp_connection>(
-          std::move(socket), false, limits_, static_cast<Tcp_connection::Handler&>(*this), workers_,
-          counters_, log_));
+          std::move(socket), endpoint_of(accepted_), false, limits_,
+          static_cast<Tcp_connection::Handler&>(*this), workers_, counters_, log_));
       connections_.back()->start();
     } else {
       counters_.refused_connections.add();

@@ -52,6 +52,7 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
   Counters& counters_;
   Log& log_;
   boost::asio::ip::tcp::acceptor acceptor_;
+  boost::asio::ip::tcp::endpoint accepted_;  ///< where the connection comes from
   boost::asio::steady_timer retry_;
   std::function<bool()> admit_;
   std::function<void(const Endpoint&)> lost_;

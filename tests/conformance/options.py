@@ -1,5 +1,7 @@
 """Options of discovery: their formats, how entries refer to them, and which of them count."""
 
+import pathlib
+
 from scapy.contrib.automotive.someip import (
     SDOption_Config, SDOption_IP4_SD_EndPoint, SDOption_IP6_EndPoint, SDOption_LoadBalance)
 from scapy.packet import Raw
@@ -151,6 +153,16 @@ class Options(suite.Group):
         own, tcp = endpoint(peer.caller()), endpoint(peer.address, 40000, TCP_PROTOCOL)
         group = multicast("239.1.2.3", 40000)
         self.are(True, host, peer, [[own, tcp], [own, own], [own, group], [group, own]])
+        foreign = endpoint("10.1.2.3", 40000, TCP_PROTOCOL)
+        self.assertEqual(self.subscriptions(host, peer, [own, foreign]), [True])
+        # They do not tell subscriptions apart either.
+        host.do("update first value 01")
+        events = peer.socket()
+        for ttl, options in ((ENDLESS, [endpoint(events), tcp]), (0, [endpoint(events)])):
+            peer.ask(host, subscribe(VEHICLE, VALUE_GROUP, ttl=ttl, options=(0, len(options))), options)
+        host.do("update first value 02")
+        self.settled(host, peer)
+        self.assertEqual([one.payload for one in events.messages], [b"\x01"])
 
     def test_conflicting_options(self):
         host, peer = self.vehicle()
@@ -224,8 +236,8 @@ class Options(suite.Group):
 
     def test_multicast_of_acknowledgement(self):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
-        group = (f"239.195.{self.network.number}.9", MULTICAST_PORT)
-        for number in (1, 2):
+        first, second = ((f"239.195.{self.network.number}.{last}", MULTICAST_PORT) for last in (8, 9))
+        for number, group in enumerate((first, first, second), 1):
             entry = peer.entry(SUBSCRIBE, REMOTE_GROUP, count=number)
             peer.acknowledge(entry, [endpoint(peer.caller()), multicast(*group)])
             host.said("state RemoteGroup 1 tick on")
@@ -233,6 +245,9 @@ class Options(suite.Group):
             self.reaches(host, server, group, number, TICK)
             self.reaches(host, server, entry, number + 0x10, TICK)
             self.offer(peer, server)
+        # What an earlier acknowledgement named is left again.
+        joined = pathlib.Path("/proc/net/igmp").read_text(encoding="ascii")
+        self.assertEqual([f"{last:02X}{self.network.number:02X}C3EF" in joined for last in (8, 9)], [False, True])
 
     def test_wrong_multicast(self):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")

@@ -144,6 +144,12 @@ class Wire(suite.Group):
         host.do("event group tick 0a", "event group tick 0b")
         self.assertEqual(group.wait(lambda one: one.payload == b"\x0b").source, host.at(GROUP))
         self.assertEqual(self.received(host, peer, group, events), [[b"\x0a", b"\x0b"], []])
+        # Nobody needs to say where it listens.
+        peer.ask(host, subscribe(GROUP, TICK_GROUP, ttl=0), [endpoint(events)])
+        answer, = peer.ask(host, subscribe(GROUP, TICK_GROUP, options=(0, 0)))
+        self.assertGreater(answer.ttl, 0)
+        host.do("event group tick 0c")
+        group.wait(lambda one: one.payload == b"\x0c")
 
     def test_threshold(self):
         host, (first, second, _), group = self.group_host(2, "update group value 01")
