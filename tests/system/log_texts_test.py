@@ -517,6 +517,7 @@ def empty_storage(desk, log, network, tester):
         tester.init_monitor(first, b"", code=9)
         source.offer(GNSS)
         source.subscriber(GNSS, "positions")
+        run.wait(rows["trace of the proxies"][5])  # subscribing is a part of the search's handler
         source.notify(GNSS, "positions", records(FULL_POSITION))
         run.wait(sending("GNSS-DR"))
         source.acknowledge()
