@@ -164,11 +164,13 @@ class OnBus final : public ComponentClient {
       calls_.push_back(Call{arrivals_, state, sequence_number});
     }
     arrived_.notify_one();
-    RefuseOvertaken(oldest);
+    RefuseOvertaken(std::move(oldest));
     return true;
   }
 
-  void RefuseOvertaken(std::list<Pending>& requests) {
+  /// Not under mutex_: to send a reply, and to end one, takes the bus library's lock, which is
+  /// held around Request().
+  void RefuseOvertaken(std::list<Pending> requests) {
     for (auto& request : requests)
       Refuse(request.reply, kFailed, "later requests came before its decision");
   }
@@ -185,7 +187,7 @@ class OnBus final : public ComponentClient {
         return pending.handled && pending.sequence_number == call.sequence_number;
       });
       lock.unlock();
-      RefuseOvertaken(overtaken);
+      RefuseOvertaken(std::move(overtaken));
       handler_(call.state, call.sequence_number);
       lock.lock();
       for (auto& pending : pending_)
