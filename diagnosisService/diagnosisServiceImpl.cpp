@@ -430,7 +430,27 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
   }
 }
 
+/// While it lives the destructor waits: what sends needs the object to the end.
+class diagnosisServiceImpl::Sending {
+ public:
+  explicit Sending(diagnosisServiceImpl& service) : service_{service} {
+    const std::lock_guard lock{service_.offerMutex_};
+    ++service_.sending_;
+  }
+  ~Sending() {
+    const std::lock_guard lock{service_.offerMutex_};
+    --service_.sending_;
+    service_.sent_.notify_all();
+  }
+  Sending(const Sending&) = delete;
+  Sending& operator=(const Sending&) = delete;
+
+ private:
+  diagnosisServiceImpl& service_;
+};
+
 void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
+  const Sending sending{*this};
   const auto result = [this, identifier] {
     return status(identifier) == kError ? MonitorActionType::kFailed : MonitorActionType::kPassed;
   };
@@ -451,28 +471,18 @@ void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
 }
 
 void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType action) {
+  const Sending sending{*this};
   const auto index = monitorIndex(identifier);
   DiagnosticMonitorServiceSkelImpl* skeleton = nullptr;
   {
     const std::lock_guard lock{offerMutex_};
-    if (monitorsOffered_ && index != kNoMonitor) {
-      skeleton = monitors_[index].get();
-      ++sending_;
-    }
+    if (monitorsOffered_ && index != kNoMonitor) skeleton = monitors_[index].get();
   }
   if (skeleton == nullptr) {
     logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(): ignore, skeleton not ready "
                          "yet!";
     return;
   }
-  struct Done {
-    diagnosisServiceImpl& service;
-    ~Done() {
-      const std::lock_guard lock{service.offerMutex_};
-      --service.sending_;
-      service.sent_.notify_all();
-    }
-  } const done{*this};
   logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(), "
                     << "id " << identifier << " (0x" << ara::log::HexFormat(identifier) << ")"
                     << " = " << kMonitors[index].name << ", action "

@@ -134,6 +134,7 @@ class diagnosisServiceImpl {
   static constexpr Clock::rep kNoData = 0;
 
   struct DataIdentifiers;
+  class Sending;
 
   [[nodiscard]] std::uint8_t evaluated(std::size_t monitor,
                                        std::uint8_t status,
@@ -157,7 +158,7 @@ class diagnosisServiceImpl {
   std::condition_variable sent_;
   bool stopped_ = false;
   bool monitorsOffered_ = false;
-  std::size_t sending_ = 0;  ///< calls of sendEvent that use a skeleton
+  std::size_t sending_ = 0;  ///< calls of sendResult and sendEvent
   /// Filled once, under offerMutex_, and emptied in the destructor; what they point to is safe to
   /// use in between.
   std::unique_ptr<DataIdentifiers> identifiers_;
