@@ -156,7 +156,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
         if (!client.active(key, group)) active_.erase({key, group});
       } else {
         const bool tcp = key.service == fuzz::guarded_service;
-        client.subscribe(key, group, {!tcp, tcp, std::nullopt, 0}, now_);
+        client.subscribe(key, group, {!tcp, tcp, std::nullopt, 0});
       }
     });
   }
@@ -167,7 +167,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     discovery_.change(now_, [&](auto& server, auto& client) {
       switch (choice % 3U) {
         case 0:
-          client.connected(peer, now_);
+          client.connected(peer);
           break;
         case 1:
           client.connection_lost(peer);
