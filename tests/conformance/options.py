@@ -73,24 +73,31 @@ class Options(suite.Group):
         self.assertEqual(bytes(option).hex(), f"00091400efc3{self.network.number:02x}010011{MULTICAST_PORT:04x}")
         self.assertEqual(peer.subscribed(host, VEHICLE, TICK_GROUP, peer.caller()).options, [])
 
-    def test_invalid_endpoints(self):
-        host, peer = self.vehicle()
-        good = bytes(endpoint(peer.address, 40000))[3:]
-        self.are(False, host, peer, [[option] for option in (
-            raw_option(0x04, good[:-1]), raw_option(0x04, good + b"\0"), raw_option(0x04, b""),
-            endpoint(peer.address, 40000, 0x01), endpoint(peer.address, 40000, 0x84), endpoint(peer.address, 0))])
+    def test_unusable(self):
+        host, peer = self.vehicle("offer stream")
+        own, port = endpoint(peer.caller()), 40000
+        good = bytes(endpoint(peer.address, port))[3:]
+        number = self.network.number
+        alone = [raw_option(0x04, good[:-1]), raw_option(0x04, good + b"\0"), raw_option(0x04, b""),
+                 endpoint(peer.address, port, 0x01), endpoint(peer.address, port, 0x84), endpoint(peer.address, 0),
+                 configuration(b"key"), SDOption_IP6_EndPoint(addr="fd00::1", port=port)]
+        alone += [endpoint(address, port) for address in (
+            *self.WRONG, f"127.{number + 100}.0.1", f"127.{number}.255.255", host.address)]
+        self.are(False, host, peer, [[], *([option] for option in alone)])
+        others = [endpoint(peer.address, port), endpoint(self.network.address(77, 99), port)]
+        self.are(False, host, peer, [[own, other] for other in others],
+                 {"options": (0, 2)}, {"options": (0, 1), "index_2": 1, "n_opt_2": 1})
+        # Beyond the array
+        self.are(False, host, peer, [[own]],
+                 {"options": (1, 1)}, {"options": (0, 2)}, {"options": (255, 15)}, {"options": (0, 15)},
+                 {"options": (0, 1), "index_2": 1, "n_opt_2": 1})
+        self.are(False, host, peer, [[]], {"options": (0, 1)})
+        # Of the transport that is not used
+        peer.entry(OFFER, STREAM)
+        self.assertEqual(self.subscriptions(host, peer, [endpoint(peer.address, port, TCP_PROTOCOL)]), [False])
+        self.assertEqual(self.subscriptions(host, peer, [own], service=STREAM), [False])
 
-    def beside(self, host, peer, option):
-        """What becomes of a subscription with this option, and of one beside it with an endpoint only."""
-        wishes = [subscribe(VEHICLE, VALUE_GROUP, options=(0, 2)), subscribe(VEHICLE, TICK_GROUP, options=(0, 1))]
-        answers = peer.ask(host, wishes, [endpoint(peer.caller()), option])
-        return [one.ttl > 0 for one in answers]
-
-    def test_cut_option(self):
-        host, peer = self.vehicle()
-        self.assertEqual(self.beside(host, peer, raw_option(0x04, b"\0" * 5, length=9)), [False, True])
-
-    def test_configuration(self):
+    def test_usable(self):
         host, peer = self.vehicle()
         own = endpoint(peer.caller())
         self.are(True, host, peer, [[own, *options] for options in (
@@ -98,13 +105,23 @@ class Options(suite.Group):
             [configuration(b"key=a", b"key=b", b"other=" + b"x" * 240)], [configuration()],
             [configuration(b"key=value=more")], [configuration(b"a key with spaces=\xc3\xa4")],
             [configuration(b"key=a"), configuration(b"key=b")], [SDOption_LoadBalance(priority=1, weight=2)])])
+        unneeded = [raw_option(0x77, b"\0anything"), raw_option(0xFF, b"\x80"), raw_option(0x30, b""),
+                    raw_option(0x15, bytes(0x11)), SDOption_IP6_EndPoint(addr="fd00::1", port=40000),
+                    endpoint(peer.address, 40000, TCP_PROTOCOL), own, multicast("239.1.2.3", 40000)]
+        self.are(True, host, peer, [array for option in unneeded for array in ([own, option], [option, own])])
+        # The index of an empty run
+        self.are(True, host, peer, [[own]], *({"index_2": index} for index in (1, 255)),
+                 *({"options": (index, 0), "n_opt_2": 1} for index in (1, 255)))
 
-    def test_wrong_configuration(self):
+    def test_one_wrong_option(self):
         host, peer = self.vehicle()
+        wishes = [subscribe(VEHICLE, VALUE_GROUP, options=(0, 2)), subscribe(VEHICLE, TICK_GROUP, options=(0, 1))]
         for option in (configuration(b"key=value", end=b""), configuration(b"=value"),
                        configuration(end=b"\x09abc\0"), configuration(b"k\x01y=value"),
-                       configuration(b"key=value", end=b"\0more"), raw_option(0x01, b"")):
-            self.assertEqual(self.beside(host, peer, option), [False, True], bytes(option))
+                       configuration(b"key=value", end=b"\0more"), raw_option(0x01, b""),
+                       raw_option(0x04, b"\0" * 5, length=9)):  # cut off at the end of the message
+            answers = peer.ask(host, wishes, [endpoint(peer.caller()), option])
+            self.assertEqual([one.ttl > 0 for one in answers], [False, True], bytes(option))
 
     # References
 
@@ -120,41 +137,10 @@ class Options(suite.Group):
                  {"options": (2, 1), "index_2": 3, "n_opt_2": 1})
         self.event(host, events)
 
-    def test_index_of_empty_run(self):
-        host, peer = self.vehicle()
-        runs = [fields for index in (1, 7, 255) for fields in (
-            {"index_2": index}, {"options": (index, 0), "n_opt_2": 1})]
-        self.are(True, host, peer, [[endpoint(peer.caller())]], *runs)
-
-    def test_beyond_the_array(self):
-        host, peer = self.vehicle()
-        self.are(False, host, peer, [[endpoint(peer.caller())]],
-                 {"options": (1, 1)}, {"options": (0, 2)}, {"options": (255, 15)}, {"options": (0, 15)},
-                 {"options": (0, 1), "index_2": 1, "n_opt_2": 1})
-        self.are(False, host, peer, [[]], {"options": (0, 1)})
-
-    def test_missing_endpoint(self):
-        host, peer = self.vehicle("offer stream")
-        peer.entry(OFFER, STREAM)
-        self.are(False, host, peer, [[], [configuration(b"key")]])
-        tcp, udp = endpoint(peer.address, 40000, TCP_PROTOCOL), endpoint(peer.caller())
-        self.assertEqual(self.subscriptions(host, peer, [tcp]), [False])
-        self.assertEqual(self.subscriptions(host, peer, [udp], service=STREAM), [False])
-
-    def test_unknown_options(self):
-        host, peer = self.vehicle()
-        own = endpoint(peer.caller())
-        unknown = [raw_option(0x77, b"\0anything"), raw_option(0xFF, b"\x80"), raw_option(0x30, b""),
-                   raw_option(0x15, bytes(0x11))]
-        self.are(True, host, peer, [array for option in unknown for array in ([own, option], [option, own])])
-
     def test_redundant_options(self):
         host, peer = self.vehicle()
-        own, tcp = endpoint(peer.caller()), endpoint(peer.address, 40000, TCP_PROTOCOL)
-        group = multicast("239.1.2.3", 40000)
-        self.are(True, host, peer, [[own, tcp], [own, own], [own, group], [group, own]])
-        foreign = endpoint("10.1.2.3", 40000, TCP_PROTOCOL)
-        self.assertEqual(self.subscriptions(host, peer, [own, foreign]), [True])
+        tcp, foreign = (endpoint(address, 40000, TCP_PROTOCOL) for address in (peer.address, "10.1.2.3"))
+        self.assertEqual(self.subscriptions(host, peer, [endpoint(peer.caller()), foreign]), [True])
         # They do not tell subscriptions apart either.
         host.do("update first value 01")
         events = peer.socket()
@@ -164,22 +150,13 @@ class Options(suite.Group):
         self.settled(host, peer)
         self.assertEqual([one.payload for one in events.messages], [b"\x01"])
 
-    def test_conflicting_options(self):
-        host, peer = self.vehicle()
-        own = endpoint(peer.caller())
-        others = [endpoint(peer.address, 40000), endpoint(self.network.address(77, 99), 40000)]
-        self.are(False, host, peer, [[own, other] for other in others],
-                 {"options": (0, 2)}, {"options": (0, 1), "index_2": 1, "n_opt_2": 1})
-
     def test_options_of_finds(self):
         host, peer = self.vehicle()
         for option in (endpoint(peer.caller()), endpoint("239.1.2.3", 0), multicast("239.1.2.3", 40000),
                        configuration(b"key=value"), SDOption_LoadBalance(), raw_option(0x77, b"\0x")):
             answers = peer.ask(host, find(VEHICLE, n_opt_1=1), [option])
             self.assertEqual([one.type for one in answers], [OFFER], bytes(option))
-
-    def test_find_beyond_the_array(self):
-        host, peer = self.vehicle()
+        # Beyond the array
         self.assertEqual(peer.ask(host, find(VEHICLE, n_opt_1=1)), [])
         self.assertEqual(peer.ask(host, find(VEHICLE, index_1=3, n_opt_1=2), [endpoint(peer.caller())]), [])
         self.assertEqual(host.count("droppedEntries"), 2)
@@ -271,12 +248,6 @@ class Options(suite.Group):
         self.addCleanup(made.close)
         return made
 
-    def test_addresses(self):
-        host, peer = self.vehicle()
-        number = self.network.number
-        wrong = (*self.WRONG, f"127.{number + 100}.0.1", f"127.{number}.255.255", host.address)
-        self.are(False, host, peer, [[endpoint(address, 40000)] for address in wrong])
-
     def test_senders(self):
         host, peer = self.vehicle()
         foreign = self.outside(self.network.discovery_port)
@@ -291,12 +262,6 @@ class Options(suite.Group):
         self.event(host, foreign)
         for address in ("0.0.0.0", "239.1.2.3", host.address):
             self.assertEqual(self.subscriptions(host, peer, [endpoint(address, 40000)]), [False])
-
-    def test_ipv6(self):
-        host, peer = self.vehicle()
-        six = SDOption_IP6_EndPoint(addr="fd00::1", port=40000)
-        self.are(False, host, peer, [[six]])
-        self.are(True, host, peer, [[six, endpoint(peer.caller())]])
 
     # The discovery endpoint
 
@@ -341,16 +306,6 @@ class Options(suite.Group):
         for address in (*self.WRONG[:3], host.address):
             option = SDOption_IP4_SD_EndPoint(addr=address, port=self.network.discovery_port)
             self.assertEqual(peer.ask(host, find(VEHICLE), [option]), [])
-
-    def test_own_options(self):
-        host, peer = self.vehicle("offer group", "offer stream", "find Remote")
-        for service in (STREAM, POSITIONING):
-            peer.entry(OFFER, service)
-        peer.subscribed(host, GROUP, TICK_GROUP, peer.caller())
-        kinds = {}
-        for one in peer.entries():
-            kinds.setdefault(one.type, set()).update(option.type for option in one.options)
-        self.assertEqual(kinds, {FIND: set(), OFFER: {0x04}, ACKNOWLEDGE: {0x14}})
 
 
 if __name__ == "__main__":

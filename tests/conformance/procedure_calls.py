@@ -48,13 +48,20 @@ class ProcedureCalls(suite.Group):
         self.assertEqual([one for one in host.lines if one.startswith("response")],
                          ["response 0x06 -", "response 0x00 03"])
 
-    def test_fire_and_forget(self):
+    def test_unanswered(self):
         host, peer = self.vehicle()
-        for service, method, payload, fields in (
-                (VEHICLE, POKE, b"\xaa", {}), (VEHICLE, 0x77, b"", {}), (UNKNOWN, POKE, b"", {}),
-                (VEHICLE, POKE, b"", {"interface": MAJOR + 1}), (VEHICLE, POKE, b"", {"protocol": 2})):
-            peer.caller().send(someip(service, method, payload, type=REQUEST_NO_RETURN, **fields), host.at(VEHICLE))
-        host.said("request poke aa")
+        both = (VEHICLE, ECHO), (VEHICLE, 0x77)
+        for type, targets, variants in (
+                (REQUEST_NO_RETURN, ((VEHICLE, POKE), (VEHICLE, 0x77), (UNKNOWN, POKE)),
+                 ({}, {"interface": MAJOR + 1}, {"protocol": 2})),
+                (NOTIFICATION, (*both, (VEHICLE, TICK), (VEHICLE, 0x8FFF), (UNKNOWN, TICK)),
+                 ({}, {"interface": MAJOR + 1}, {"protocol": 9}, {"code": 5})),
+                (REQUEST, both, ({"code": 0x01}, {"code": 0x20}, {"code": 0xFF})),
+                (RESPONSE, (*both, (UNKNOWN, ECHO)), ({}, {"code": 0x03})),
+                (ERROR, (*both, (UNKNOWN, ECHO)), ({}, {"code": 0x03}))):
+            for service, method in targets:
+                for fields in variants:
+                    peer.caller().send(someip(service, method, b"\xaa", type=type, **fields), host.at(VEHICLE))
         self.only_answered(host, peer)
         self.assertEqual([one for one in host.lines if one.startswith("request")], ["request poke aa"])
 
@@ -64,25 +71,12 @@ class ProcedureCalls(suite.Group):
         self.assertEqual([(one.type, one.code, one.session, one.payload) for one in server.messages],
                          [(REQUEST_NO_RETURN, 0, 1, b"\x0a"), (REQUEST_NO_RETURN, 0, 2, b"\x0b")])
 
-    def test_no_error_for_events(self):
-        host, peer = self.vehicle()
-        for service, method in ((VEHICLE, TICK), (VEHICLE, 0x8FFF), (UNKNOWN, TICK), (VEHICLE, ECHO)):
-            for fields in ({}, {"interface": MAJOR + 1}, {"protocol": 9}, {"code": 5}):
-                peer.caller().send(someip(service, method, type=NOTIFICATION, **fields), host.at(VEHICLE))
-        self.only_answered(host, peer)
-
-    def test_no_error_for_errors(self):
-        host, peer = self.vehicle()
-        for type in (REQUEST, RESPONSE, ERROR):
-            for method in (ECHO, 0x77):
-                for code in (0x01, 0x03, 0x20, 0xFF):
-                    peer.caller().send(someip(VEHICLE, method, type=type, code=code), host.at(VEHICLE))
-        for type in (RESPONSE, ERROR):
-            peer.caller().send(someip(UNKNOWN, ECHO, type=type), host.at(VEHICLE))
-        self.only_answered(host, peer)
-
     def test_refusals(self):
         host, peer = self.vehicle()
+        for method, payload, code in ((FAIL, b"\0\0\0\x01", NOT_OK), (FAIL, b"\0\0\0\x20", 0x20),
+                                      (FAIL, b"\0\0\0\x3f", 0x3F), (VALUE_GETTER, b"", NOT_OK)):
+            answer = peer.call(host, VEHICLE, method, payload)
+            self.assertEqual((answer.code, answer.type, answer.payload), (code, RESPONSE, b""))
         for service, method, fields, code in (
                 (UNKNOWN, 0x77, {"interface": 9, "protocol": 3}, WRONG_PROTOCOL),
                 (VEHICLE, ECHO, {"protocol": 0}, WRONG_PROTOCOL), (VEHICLE, ECHO, {"protocol": 255}, WRONG_PROTOCOL),
@@ -97,14 +91,6 @@ class ProcedureCalls(suite.Group):
                              (service, method, fields))
             self.assertEqual(answer.interface, fields.get("interface", versions.get(service, 1)))
         self.assertNotIn("request poke", str(host.lines))
-
-    def test_own_codes(self):
-        host, peer = self.vehicle()
-        for method, payload, code in ((FAIL, b"\0\0\0\x01", NOT_OK), (FAIL, b"\0\0\0\x20", 0x20),
-                                      (FAIL, b"\0\0\0\x2a", 0x2A), (FAIL, b"\0\0\0\x3f", 0x3F),
-                                      (VALUE_GETTER, b"", NOT_OK)):
-            answer = peer.call(host, VEHICLE, method, payload)
-            self.assertEqual((answer.code, answer.type, answer.payload), (code, RESPONSE, b""))
         self.assertEqual({one.code for one in self.network.seen[self.start:] if one.type != RESPONSE}, {0})
 
     def test_received_errors(self):
@@ -144,11 +130,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(answer.code, 0)
         self.assertGreater(len(answer.payload), 4)
 
-    def test_field_without_setter(self):
-        peer = self.peer()
-        for method in (3, 0x7FFF):
-            self.assertEqual(peer.call(self.pos, POSITIONING, method).code, UNKNOWN_METHOD)
-
     def test_wrap_of_events(self):
         host, peer = self.vehicle("update first value 00")
         events = self.subscription(host, peer)
@@ -167,12 +148,15 @@ class ProcedureCalls(suite.Group):
 
     def test_allowed_peers(self):
         friend, stranger = self.peer(), self.peer()
-        host = self.host("offer closed", "offer first", allowed=[friend.address])
+        host = self.host("offer closed", "offer first", "find RemoteClosed", allowed=[friend.address])
         friend.entry(OFFER, CLOSED)
         self.assertEqual(friend.call(host, CLOSED, ECHO, b"x").payload, b"x")
         stranger.caller().send(someip(CLOSED, ECHO, b"x"), host.at(CLOSED))
         refusal, = stranger.ask(host, [find(CLOSED), subscribe(CLOSED, TICK_GROUP)], [endpoint(stranger.caller())])
         self.assertEqual((refusal.type, refusal.ttl), (ACKNOWLEDGE, 0))
+        for instance, provider in enumerate((stranger, friend), 1):
+            provider.tell(offer(REMOTE_CLOSED, instance), [endpoint(provider.caller())], host)
+        self.assertEqual(host.said("found RemoteClosed", len(host.lines)), "found RemoteClosed 2")
         self.only_answered(host, stranger)
 
 

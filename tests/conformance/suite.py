@@ -20,6 +20,8 @@ COMPLAINTS = ("_ws.malformed", "someip.incomplete_headers", "someip.unknown_prot
               "someipsd.option_array_truncated", "someipsd.option_array_bytes_left",
               "someipsd.option_unknown", "someipsd.option_wrong_length",
               "someipsd.L4_protocol_unsupported", "someipsd.config_string_malformed")
+# The options that an entry of a device may refer to.
+OPTIONS = {net.FIND: set(), net.OFFER: {0x04}, net.SUBSCRIBE: {0x04}, net.ACKNOWLEDGE: {0x14}}
 REMOTE_IDS = {"Remote": REMOTE, "RemoteGroup": REMOTE_GROUP, "RemoteStream": REMOTE_STREAM}
 
 
@@ -154,8 +156,34 @@ class Group(unittest.TestCase):
                  "type": net.RESPONSE}
         server.send(net.someip(payload=payload, **{**right, **fields}), request.source)
 
+    def looks_right(self, message):
+        """What holds for every message of a device."""
+        self.assertEqual((message.protocol, message.length), (1, len(message.raw) - 8))
+        if not message.code:
+            self.assertEqual(message.method >= 0x8000, message.type & ~net.TP == net.NOTIFICATION)
+            self.assertEqual(message.interface, net.versions.get(message.service, 1))
+        if not message.is_discovery:
+            return
+        self.assertEqual(message.raw[8:10] + message.raw[12:16], bytes.fromhex("0000" "01010200"))
+        self.assertNotEqual(message.session, 0)
+        self.assertEqual(message.payload[0] & ~net.REBOOT, net.UNICAST | net.EXPLICIT)
+        self.assertEqual(message.payload[1:4], b"\0\0\0")
+        discovery = net.SD(message.payload)
+        self.assertEqual(len(message.payload), 12 + discovery.len_entry_array + discovery.len_option_array)
+        options = [bytes(one) for one in discovery.option_array]
+        self.assertEqual(len(options), len(set(options)), "an option twice")
+        for one in discovery.entry_array:
+            for index, count in ((one.index_1, one.n_opt_1), (one.index_2, one.n_opt_2)):
+                self.assertLessEqual(index + count, len(options))
+                self.assertTrue(count or not index)
+                used = {option.type for option in discovery.option_array[index:index + count]}
+                self.assertLessEqual(used, OPTIONS[one.type])
+
     def test_dissection(self):
-        """Last: another program looks at everything that a device sent in this group."""
+        """Last: everything that a device sent in this group, looked at here and by another program."""
+        for one in self.network.seen:
+            with self.subTest(one):
+                self.looks_right(one)
         capture = self.desk.path / "capture.pcap"
         self.network.write_capture(capture)
         ports = [str(self.network.discovery_port), "30501-30542", "30701-30799", "49201"]
@@ -185,6 +213,7 @@ def main(group):
     names = {name for name in dir(group) if name.startswith("test_")}
     assert tested.keys() == names, f"tests without row, rows without test: {tested.keys() ^ names}"
     wanted = [name for name in tested if not sys.argv[1:] or any(part in name for part in sys.argv[1:])]
+    wanted.sort(key="test_dissection".__eq__)
     for name in wanted:
         print(f"{name}: {'; '.join(tested[name])}")
     result = unittest.TextTestRunner(verbosity=2).run(unittest.TestSuite(map(group, wanted)))
