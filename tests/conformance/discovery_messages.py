@@ -11,22 +11,10 @@ class DiscoveryMessages(suite.Group):
     title = "Discovery messages"
     base = 99
 
-    def test_first_sessions(self):
-        first, second = self.peer(), self.peer()
+    def test_sessions(self):
+        peer = self.peer()
         host = self.host("offer first")
-        first.entry(OFFER, VEHICLE, count=3)
-        for peer in (first, second, first, second):
-            known = len(peer.unicast.messages)
-            peer.tell(find(VEHICLE), to=host)
-            peer.unicast.wait(since=known)
-        groups = [one for one, _ in first.multicast.discovery if one.source[0] == host.address]
-        self.assertEqual([one.session for one in groups], list(range(1, len(groups) + 1)))
-        for peer in (first, second):
-            self.assertEqual([one.session for one in peer.unicast.messages], [1, 2])
-        self.assertTrue(all(sd.flags & REBOOT for _, sd in first.multicast.discovery + first.unicast.discovery))
-
-    def test_wrap(self):
-        host, peer = self.vehicle()
+        peer.entry(OFFER, VEHICLE, count=3)
         request = discovery([find(VEHICLE)], flags=UNICAST)
         seen = []
         window = 64
@@ -39,11 +27,13 @@ class DiscoveryMessages(suite.Group):
                     seen.append((int.from_bytes(answer[10:12], "big"), bool(answer[16] & REBOOT)))
         expected = [(number % 0xFFFF + 1, number < 0xFFFF) for number in range(len(seen))]
         self.assertEqual(seen, expected)
-        other = self.peer()
-        answer, = other.ask(host, find(VEHICLE))
+        answer, = self.peer().ask(host, find(VEHICLE))
         self.assertEqual(answer.message.session, 1)
-        for one in (answer, other.entry(OFFER, VEHICLE, multicast=True)):
-            self.assertTrue(one.message.payload[0] & REBOOT)
+        start = time.time()
+        peer.entry(OFFER, VEHICLE, after=start, multicast=True)
+        groups = [one for one, _ in peer.multicast.discovery if one.source[0] == host.address]
+        self.assertEqual([one.session for one in groups], list(range(1, len(groups) + 1)))
+        self.assertTrue(all(one.payload[0] & REBOOT for one in (answer.message, *groups)))
 
     def test_unknown_flags(self):
         host, peer = self.vehicle()
@@ -62,7 +52,8 @@ class DiscoveryMessages(suite.Group):
         host, peer = self.vehicle()
         kept, left = peer.socket(), peer.socket()
         for via, order in ((kept, (0, ENDLESS)), (left, (ENDLESS, 0))):
-            peer.ask(host, [subscribe(VEHICLE, TICK_GROUP, ttl=ttl) for ttl in order], [endpoint(via)])
+            answer, = peer.ask(host, [subscribe(VEHICLE, TICK_GROUP, ttl=ttl) for ttl in order], [endpoint(via)])
+            self.assertEqual(answer.ttl, ENDLESS, "a stop is not answered")
         self.event(host, kept)
         peer.call(host, *host.ping)
         self.assertEqual(left.messages, [])

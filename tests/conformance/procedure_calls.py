@@ -19,13 +19,6 @@ class ProcedureCalls(suite.Group):
         self.assertEqual(server.wait().raw.hex(),
                          f"{REMOTE:04x}{ECHO:04x}0000000b{CLIENT_ID:04x}000101{MAJOR:02x}0000010203")
 
-    def test_response(self):
-        host, peer = self.vehicle()
-        for method, payload, expected in ((ECHO, b"hello", f"0000000d1111222201{MAJOR:02x}8000" + b"hello".hex()),
-                                          (FAIL, b"\0\0\0\x2f", f"000000081111222201{MAJOR:02x}802f")):
-            answer = peer.call(host, VEHICLE, method, payload, client=0x1111, session=0x2222)
-            self.assertEqual(answer.raw.hex(), f"{VEHICLE:04x}{method:04x}{expected}")
-
     def test_matching(self):
         host, peer, server = self.remote("call Remote 1 echo 01")
         request = server.wait()

@@ -165,17 +165,10 @@ class Segmentation(suite.Group):
         for number in range(3):
             for via, client, size in trains:
                 self.send(host, via, [self.pieces(size, client=client)[number]])
+            answer = first.call(host, VEHICLE, ECHO, b"between", client=1, session=9 + number)
+            self.assertEqual(answer.payload, b"between")
         for via, client, size in trains:
             self.sized(via, size, client=client)
-
-    def test_between(self):
-        host, peer = self.vehicle()
-        first, *rest = self.pieces(3000)
-        self.send(host, peer.caller(), [first])
-        answer = peer.call(host, VEHICLE, ECHO, b"between", client=1, session=9)
-        self.assertEqual(answer.payload, b"between")
-        self.send(host, peer.caller(), rest)
-        self.sized(peer.caller(), 3000)
 
     def test_new_session(self):
         host, peer = self.vehicle()

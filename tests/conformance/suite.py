@@ -162,6 +162,7 @@ class Group(unittest.TestCase):
         if not message.code:
             self.assertEqual(message.method >= 0x8000, message.type & ~net.TP == net.NOTIFICATION)
             self.assertEqual(message.interface, net.versions.get(message.service, 1))
+        self.assertEqual(message.is_discovery, message.source[1] == self.network.discovery_port)
         if not message.is_discovery:
             return
         self.assertEqual(message.raw[8:10] + message.raw[12:16], bytes.fromhex("0000" "01010200"))

@@ -534,15 +534,15 @@ class Peer:
         return self.network.wait(look, f"entry {wanted}", seconds)
 
     def call(self, to, service, method, payload=b"", *, client=0x0101, session=None, **fields):
-        """Sends a request to a device, to (address, port) or over a stream and returns the response."""
+        """Sends a request to a device, to (address, port) or over a stream; returns the response from there."""
         via = to if isinstance(to, Stream) else self.caller()
-        to = to.at(service) if hasattr(to, "at") else to
+        to = via.source if via is to else to.at(service) if hasattr(to, "at") else to
         if session is None:
             session = self.sessions["calls"] = self.sessions.get("calls", 0) % 0xFFFF + 1
         since = len(via.messages)
         via.send(someip(service, method, payload, client=client, session=session, **fields), to)
         return via.wait(
-            lambda one: (one.client, one.session) == (client, session) and one.type & 0x80,
+            lambda one: (one.client, one.session, one.source) == (client, session, to) and one.type & 0x80,
             f"response to {service:04x}.{method:04x}", since)
 
     def caller(self):
