@@ -146,8 +146,6 @@ class Device:
 
 
 class Host(Device):
-    """`options` are those of host_manifest()."""
-
     ports = {VEHICLE: VEHICLE_PORT, STREAM: STREAM_PORT, GROUP: GROUP_PORT, CLOSED: CLOSED_PORT}
     ping = (VEHICLE, ECHO)
 

@@ -65,8 +65,8 @@ class DiscoveryMessages(suite.Group):
         def with_word(at, value):
             return good[:at] + struct.pack("!I", value) + good[at + 4:]
         bad = [discovery([find(VEHICLE)], flags=UNICAST, **change) for change in (
-            {"proto_ver": 2}, {"iface_ver": 2}, {"msg_type": REQUEST}, {"retcode": 1}, {"session": 0},
-            {"event_id": 0x101}, {"srv_id": 0xFFFE})]
+            {"protocol": 2}, {"interface": 2}, {"type": REQUEST}, {"code": 1}, {"session": 0}, {"method": 0x8101},
+            {"service": 0xFFFE})]
         bad += [good[:size] for size in (3, *range(16, len(good)))]
         bad += [with_word(at, value) for at, value in ((4, 7), (4, len(good)), (20, 15), (20, 0x7FFFFFF0), (40, 1),
                                                        (40, 0xFFFFFFFF))]

@@ -13,11 +13,8 @@ def pattern(size):
 
 def parts(messages):
     """(offset, reserved bits, more, bytes) of each segment."""
-    result = []
-    for one in messages:
-        packet = one.scapy()
-        result.append((packet.offset * 16, packet.res, packet.more_seg, bytes(packet.payload)))
-    return result
+    words = [(int.from_bytes(one.payload[:4], "big"), one.payload[4:]) for one in messages]
+    return [(word & ~15, word & 14, word & 1, part) for word, part in words]
 
 
 def joined(messages):
@@ -44,7 +41,6 @@ class Segmentation(suite.Group):
         return self.train(via, since)
 
     def pieces(self, size, session=1, client=1, part=LARGEST, method=SIZE):
-        """The segments of a request of that size."""
         return segments(someip(VEHICLE, method, pattern(size), session=session, client=client), part)
 
     def send(self, host, via, pieces):

@@ -115,7 +115,6 @@ class Wire(suite.Group):
         one, two = first.socket(), second.socket()
 
         def update(value, channel):
-            """The value comes there."""
             host.do(f"update group value {value:02x}")
             channel.wait(lambda message: message.payload == bytes([value]), f"value {value}")
         answer = first.subscribed(host, GROUP, VALUE_GROUP, one)
@@ -149,7 +148,6 @@ class Wire(suite.Group):
         return host, peer, stream
 
     def remote_stream(self, *commands):
-        """The host as client of a stream service of the peer's."""
         return self.remote(*commands, service="RemoteStream")
 
     def requests(self, server, count):

@@ -98,7 +98,6 @@ class Desk:
 
     @staticmethod
     def stop(process, number=signal.SIGTERM):
-        """Returns the exit code and what was not read yet."""
         process.send_signal(number)
         output, _ = process.communicate(timeout=DEADLINE)
         return process.returncode, output

@@ -9,8 +9,6 @@ from desk import until
 
 
 class Message:
-    """One log message as stored by dlt-receive."""
-
     LEVELS = ("", "fatal", "error", "warn", "info", "debug", "verbose")
 
     NUMBERS = {0x10: " b", 0x20: " bhiq", 0x40: " BHIQ", 0x80: "   fd"}  # by type, then by size
@@ -70,7 +68,6 @@ class Log:
         until(lambda: "New client connection" in self.printed.read_text(errors="replace"), "the receiver")
 
     def of(self, process=None):
-        """The messages of a process (of all) so far."""
         data = self.file.read_bytes()
         while self.read + 20 <= len(data):
             size = struct.unpack_from("!H", data, self.read + 18)[0]

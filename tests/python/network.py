@@ -12,7 +12,7 @@ import time
 
 os.environ.setdefault("XDG_CONFIG_HOME", tempfile.gettempdir())  # scapy leaves a folder there
 
-from scapy.contrib.automotive.someip import SD, SOMEIP
+from scapy.contrib.automotive.someip import SD
 from scapy.contrib.automotive.someip import SDEntry_EventGroup, SDEntry_Service
 from scapy.contrib.automotive.someip import SDOption_IP4_EndPoint, SDOption_IP4_Multicast
 from scapy.layers.inet import IP, TCP, UDP
@@ -31,6 +31,7 @@ ANY_INSTANCE, ANY_MAJOR, ANY_MINOR = 0xFFFF, 0xFF, 0xFFFFFFFF
 ENDLESS = 0xFFFFFF
 REBOOT, UNICAST, EXPLICIT = 0x80, 0x40, 0x20
 
+HEADER = struct.Struct("!HHIHHBBBB")
 versions = {}  # major version by service id, where a test does not say another; 1 where nothing is known
 
 
@@ -45,15 +46,12 @@ class Message:
     def __init__(self, raw, time, source, at):
         self.raw, self.time, self.source, self.at = raw, time, source, at
         (self.service, self.method, self.length, self.client, self.session, self.protocol,
-         self.interface, self.type, self.code) = struct.unpack("!HHIHHBBBB", raw[:16])
+         self.interface, self.type, self.code) = HEADER.unpack(raw[:16])
         self.payload = raw[16:]
 
     @property
     def is_discovery(self):
         return (self.service, self.method) == (0xFFFF, 0x8100)
-
-    def scapy(self):
-        return SOMEIP(self.raw)
 
     def __repr__(self):
         return (f"<{self.service:04x}.{self.method:04x} type {self.type:02x} code {self.code:02x} "
@@ -62,7 +60,6 @@ class Message:
 
 
 class Entry:
-    """One entry of a discovery message, with the options that it refers to."""
 
     def __init__(self, message, sd, entry):
         self.message, self.time, self.raw = message, message.time, entry
@@ -221,8 +218,6 @@ class Network:
 
 
 class Channel:
-    """Something that receives."""
-
     multicast = False
 
     def __init__(self, network, receiver):
@@ -237,7 +232,7 @@ class Channel:
         return "%s:%s" % self.destination
 
     def entries_of(self, message):
-        sd = message.scapy()[SD]
+        sd = SD(message.payload)
         self.discovery.append((message, sd))
         for entry in sd.entry_array:
             self.entries.append(Entry(message, sd, entry))
@@ -302,8 +297,6 @@ class Socket(Channel):
 
 
 class Stream(Channel):
-    """A TCP connection with a device under test."""
-
     def __init__(self, network, connection):
         super().__init__(network, connection)
         self.source = connection.getpeername()
@@ -349,8 +342,6 @@ class Stream(Channel):
 
 
 class Listener:
-    """A TCP port that devices under test connect to."""
-
     def __init__(self, network, address, port):
         self.network, self.connections = network, []
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
@@ -374,41 +365,27 @@ class Listener:
 def someip(service, method, payload=b"", *, client=0x0101, session=1, interface=None, type=REQUEST,
            code=0, protocol=1, length=None):
     interface = versions.get(service, 1) if interface is None else interface
-    packet = SOMEIP(srv_id=service, client_id=client, session_id=session, iface_ver=interface,
-                    msg_type=type, retcode=code, proto_ver=protocol, len=length)
-    packet.sub_id = method >> 15
-    if method >> 15:
-        packet.event_id = method & 0x7FFF
-    else:
-        packet.method_id = method
-    return bytes(packet / payload if payload else packet)
+    length = 8 + len(payload) if length is None else length
+    return HEADER.pack(service, method, length, client, session, protocol, interface, type, code) + payload
 
 
 def segments(message, size):
-    """The segments of a message (bytes), each with its own header."""
-    header, payload = message[:16], message[16:]
+    header, payload = list(HEADER.unpack(message[:16])), message[16:]
+    header[7] |= TP
     result = []
     for at in range(0, len(payload), size):
         part = payload[at:at + size]
-        packet = SOMEIP(header)
-        packet.msg_type |= TP
-        packet.len = 12 + len(part)
-        packet.offset = at // 16
-        packet.more_seg = int(at + size < len(payload))
-        result.append(bytes(packet) + part)
+        header[2] = 12 + len(part)
+        result.append(HEADER.pack(*header) + struct.pack("!I", at | (at + size < len(payload))) + part)
     return result
 
 
 def discovery(entries, options=(), *, session=1, flags=REBOOT | UNICAST, reserved=0, **header):
-    """A discovery message as bytes."""
     sd = SD(flags=flags, res=reserved)
     sd.set_entryArray(list(entries))
     sd.set_optionArray(list(options))
-    packet = SOMEIP(srv_id=0xFFFF, sub_id=1, event_id=0x100, client_id=0, session_id=session,
-                    iface_ver=1, msg_type=NOTIFICATION)
-    for name, value in header.items():
-        setattr(packet, name, value)
-    return bytes(packet / sd)
+    right = {"service": 0xFFFF, "method": 0x8100, "client": 0, "type": NOTIFICATION}
+    return someip(payload=bytes(sd), session=session, **{**right, **header})
 
 
 def endpoint(address, port=None, protocol=UDP_PROTOCOL, **fields):
@@ -495,7 +472,6 @@ class Peer:
         return self.unicast.entries[known:]
 
     def subscribed(self, to, service, group, via, **fields):
-        """Subscribes and returns the acknowledgement."""
         answers = self.ask(to, subscribe(service, group, **fields), [endpoint(via)])
         return next(one for one in answers if one.type == ACKNOWLEDGE)
 

@@ -394,8 +394,6 @@ DESCRIPTIONS = {
 
 
 class Run:
-    """One process and the rows that it has to log."""
-
     def __init__(self, desk, log, name, program, *arguments, **options):
         self.name, self.log, self.desk = name, log, desk
         self.process = desk.start(program, *arguments, **options)
@@ -404,11 +402,8 @@ class Run:
     def messages(self):
         return self.log.of(self.process.pid)
 
-    def has(self, row, count=1):
-        return sum(one.fits(row) for one in self.messages()) >= count
-
-    def wait(self, row, count=1):
-        until(lambda: self.has(row, count), f"{self.name}: {row}")
+    def wait(self, row):
+        until(lambda: any(one.fits(row) for one in self.messages()), f"{self.name}: {row}")
 
     def end(self, number=None, code=0):
         if number:

@@ -14,8 +14,6 @@ PORT = 39171
 
 
 class Probe:
-    """A program that logs as it is told."""
-
     def __init__(self, desk, **environment):
         self.process = desk.start(PROBE, stdin=subprocess.PIPE, environment=environment)
 
