@@ -1,9 +1,10 @@
 /// Payloads in tests, written as they would be noted down from a capture.
 #pragma once
 
-#include <cstddef>
+#include <boost/algorithm/hex.hpp>
 #include <initializer_list>
-#include <string_view>
+#include <span>
+#include <string>
 #include <vector>
 
 #include "binding/payload.h"
@@ -11,23 +12,11 @@
 namespace test {
 
 /// "00 02 ff" as bytes; blanks are for the eye.
-inline binding::Buffer hex(std::string_view text) {
-  binding::Buffer bytes;
-  int high = -1;
-  for (const char c : text) {
-    const auto digit = c >= '0' && c <= '9'   ? c - '0'
-                       : c >= 'a' && c <= 'f' ? c - 'a' + 10
-                       : c >= 'A' && c <= 'F' ? c - 'A' + 10
-                                              : -1;
-    if (digit < 0) continue;
-    if (high < 0) {
-      high = digit;
-    } else {
-      bytes.push_back(static_cast<std::byte>(high * 16 + digit));
-      high = -1;
-    }
-  }
-  return bytes;
+inline binding::Buffer hex(std::string text) {
+  std::erase(text, ' ');
+  const auto content = boost::algorithm::unhex(text);
+  const auto bytes = std::as_bytes(std::span{content});
+  return {bytes.begin(), bytes.end()};
 }
 
 /// A vector payload (4-byte length) of records (4-byte length each).

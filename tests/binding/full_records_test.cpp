@@ -13,12 +13,6 @@ namespace test_lists {
 struct Outer {
   boost::optional<std::vector<lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct>> list;
 };
-template <class First, class Second>
-struct Short {
-  boost::optional<First> first;
-  boost::optional<Second> second;
-  bool operator==(const Short&) const = default;
-};
 
 }  // namespace test_lists
 
@@ -27,18 +21,10 @@ struct binding::Description<test_lists::Outer> {
   static constexpr std::string_view name = "Outer";
   static constexpr auto entries = std::tuple{member(1, "list", &test_lists::Outer::list)};
 };
-template <class First, class Second>
-struct binding::Description<test_lists::Short<First, Second>> {
-  using Record = test_lists::Short<First, Second>;
-  static constexpr std::string_view name = "Short";
-  static constexpr auto entries =
-      std::tuple{member(1, "first", &Record::first), member(2, "second", &Record::second)};
-};
 
 namespace {
 
 using test_lists::Outer;
-using test_lists::Short;
 namespace gnss = lumo::services::gnss::datatypes;
 namespace positioning = lumo::services::positioning::datatypes;
 
@@ -169,30 +155,6 @@ TEST(Lists_of_records, touch_nothing_behind_what_they_need_as_a_member) {
   EXPECT_EQ(size, 2 + 4 + 8 * 4);
   const auto behind = std::span{scratch}.subspan(size + binding::write_slack);
   EXPECT_TRUE(std::ranges::all_of(behind, [](auto byte) { return byte == std::byte{0xEE}; }));
-}
-
-template <class Values>
-class Short_records : public testing::Test {};
-using Shorts = testing::Types<Short<std::uint8_t, std::uint8_t>,
-                              Short<std::uint8_t, std::uint16_t>,
-                              Short<std::uint16_t, std::uint16_t>,
-                              Short<std::uint8_t, double>>;
-TYPED_TEST_SUITE(Short_records, Shorts);
-
-TYPED_TEST(Short_records, travel_in_lists_of_any_length) {
-  for (std::size_t count = 0; count < 20; ++count) {
-    std::vector<TypeParam> records(count);
-    for (auto& record : records) {
-      record.first = static_cast<std::uint8_t>(count);
-      record.second = 7;
-    }
-    binding::Buffer payload;
-    binding::encode(records, payload);
-    std::vector<TypeParam> back;
-    binding::Cursor cursor{payload};
-    binding::decode(cursor, back);
-    EXPECT_EQ(back, records);
-  }
 }
 
 }  // namespace

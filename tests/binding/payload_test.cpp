@@ -48,60 +48,38 @@ TEST(Length_field, refuses_other_sizes_and_values_that_do_not_fit) {
   const auto writing = [&](std::uint64_t size, std::uint64_t value) {
     return error_of([&] { binding::write_length_field(size, value, buffer, defaults); });
   };
-  const auto reading = [&](std::uint64_t size) {
-    Cursor cursor{buffer};
-    return error_of([&] { (void)binding::read_length_field(size, cursor, defaults); });
-  };
-  for (const auto& [size, past_the_end] :
-       std::map<std::uint64_t, std::uint64_t>{{1, 256}, {2, 65536}, {4, 0x1'0000'0000}}) {
-    EXPECT_EQ(writing(size, past_the_end),
+  for (const auto size : {1U, 2U, 4U}) {
+    EXPECT_EQ(writing(size, std::uint64_t{1} << (8 * size)),
               "Calculated record length does not fit into configured length field");
   }
   EXPECT_EQ(writing(0, 7), "no exception");
-  for (const auto size : {3U, 5U, 8U})
-    EXPECT_EQ(writing(size, 1), bad_size);
+  EXPECT_EQ(writing(3, 1), bad_size);
   EXPECT_EQ(buffer, hex("aa"));
   buffer.resize(8);
-  for (const auto size : {0U, 3U, 8U})
-    EXPECT_EQ(reading(size), bad_size);
-}
-
-TEST(Length_field, after_wire_type_4_needs_three_equal_sizes) {
-  const auto size = [](Wire_type type, std::uint8_t array, std::uint8_t string,
-                       std::uint8_t structure) {
-    return binding::length_field_size(type, {.array_length_field_size = array,
-                                             .string_length_field_size = string,
-                                             .structure_length_field_size = structure});
-  };
-  EXPECT_EQ(size(Wire_type::bits_64, 4, 4, 4), 0U);
-  EXPECT_EQ(size(Wire_type::length_8, 4, 4, 4), 1U);
-  EXPECT_EQ(size(Wire_type::length_16, 4, 4, 4), 2U);
-  EXPECT_EQ(size(Wire_type::length_32, 2, 2, 2), 4U);
-  EXPECT_EQ(size(Wire_type::configured_length, 2, 2, 2), 2U);
-  for (const auto& unequal :
-       std::vector<std::vector<std::uint8_t>>{{4, 2, 4}, {2, 2, 4}, {0, 0, 0}}) {
-    EXPECT_THAT(error_of([&] {
-                  (void)size(Wire_type::configured_length, unequal[0], unequal[1], unequal[2]);
-                }),
-                testing::StartsWith("Violation of COM.PRS_SOMEIP_00215"));
+  for (const auto size : {0U, 3U, 8U}) {
+    Cursor cursor{buffer};
+    EXPECT_EQ(error_of([&] { (void)binding::read_length_field(size, cursor, defaults); }),
+              bad_size);
   }
 }
 
-TEST(Cursor_of_a_payload, never_leaves_its_range) {
-  const auto bytes = hex("01 02 03");
-  Cursor cursor{bytes};
-  cursor.seek(3);
-  EXPECT_EQ(error_of([&] { (void)cursor.read<std::uint8_t>(defaults.byte_order); }), beyond);
-  EXPECT_EQ(error_of([&] { cursor.seek(4); }), "Seek beyond the end of the data buffer");
-  cursor.seek(0);
-  EXPECT_EQ(error_of([&] { cursor.ensure_available(4); }), beyond);
-  EXPECT_EQ(cursor.position(), 0U);
-
-  EXPECT_EQ(binding::end_position(4, 10, 6), 10U);
-  EXPECT_EQ(binding::end_position(4, 10, binding::no_length), 10U);
-  EXPECT_EQ(error_of([] { (void)binding::end_position(4, 10, 7); }), bad_end);
-  EXPECT_EQ(error_of([] { (void)binding::end_position(4, 10, binding::no_length - 2); }),
-            "Deserialization detected std::size_t overflow.");
+TEST(Length_field, after_wire_type_4_needs_three_equal_sizes) {
+  using enum Wire_type;
+  constexpr auto sizes = [](std::uint64_t array, std::uint64_t string, std::uint64_t structure) {
+    return Serialization_settings{.array_length_field_size = array,
+                                  .string_length_field_size = string,
+                                  .structure_length_field_size = structure};
+  };
+  constexpr auto of_two_bytes = sizes(2, 2, 2);
+  EXPECT_EQ(binding::length_field_size(bits_64, of_two_bytes), 0U);
+  EXPECT_EQ(binding::length_field_size(length_8, of_two_bytes), 1U);
+  EXPECT_EQ(binding::length_field_size(length_16, defaults), 2U);
+  EXPECT_EQ(binding::length_field_size(length_32, of_two_bytes), 4U);
+  EXPECT_EQ(binding::length_field_size(configured_length, of_two_bytes), 2U);
+  for (const auto& unequal : {sizes(4, 2, 4), sizes(2, 2, 4), sizes(0, 0, 0)}) {
+    EXPECT_THAT(error_of([&] { (void)binding::length_field_size(configured_length, unequal); }),
+                testing::StartsWith("Violation of COM.PRS_SOMEIP_00215"));
+  }
 }
 
 TEST(Values, travel_as_their_bit_pattern) {

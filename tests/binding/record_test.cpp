@@ -5,6 +5,7 @@
 #include "clients/TimeRecords.h"
 #include "posService/PositioningRecords.h"
 #include "tests/binding/bytes.h"
+#include "tests/clients/printing.h"
 
 namespace test_records {
 
@@ -63,13 +64,6 @@ Record filled() {
 }
 
 template <class Record>
-bool equal(const Record& a, const Record& b) {
-  bool same = true;
-  binding::for_each_member<Record>([&](const auto& m) { same &= a.*m.pointer == b.*m.pointer; });
-  return same;
-}
-
-template <class Record>
 class Every_record : public testing::Test {};
 namespace gnss = lumo::services::gnss::datatypes;
 namespace time_service = lumo::services::time::datatypes;
@@ -85,22 +79,32 @@ TYPED_TEST_SUITE(Every_record, Records);
 
 TYPED_TEST(Every_record, round_trips_with_any_members_in_any_order_into_a_used_slot) {
   const auto full = filled<TypeParam>();
-  EXPECT_TRUE(equal(decoded<TypeParam>(encoded(full)), full));
-  EXPECT_TRUE(encoded(TypeParam{}).empty());
+  const auto wire = encoded(full);
+  EXPECT_EQ(encoded(decoded<TypeParam>(wire)), wire);
   Buffer reversed;
   binding::for_each_member<TypeParam>([&](const auto& m) {
     TypeParam one;
     one.*m.pointer = full.*m.pointer;
     const auto bytes = encoded(one);
-    EXPECT_TRUE(equal(decoded<TypeParam>(bytes), one)) << m.name;
+    EXPECT_EQ(decoded<TypeParam>(bytes).*m.pointer, one.*m.pointer) << m.name;
+    EXPECT_EQ(encoded(decoded<TypeParam>(bytes)), bytes) << m.name;
     reversed.insert(reversed.begin(), bytes.begin(), bytes.end());
   });
-  EXPECT_TRUE(equal(decoded<TypeParam>(reversed), full));
+  EXPECT_EQ(encoded(decoded<TypeParam>(reversed)), wire);
 
   auto slot = full;
   Cursor cursor{{}};
   binding::decode(cursor, slot);
-  EXPECT_TRUE(equal(slot, TypeParam{}));
+  EXPECT_TRUE(encoded(slot).empty());
+}
+
+TYPED_TEST(Every_record, travels_in_lists_of_any_length) {
+  for (std::size_t count = 0; count < 20; ++count) {
+    const auto bytes = encoded(std::vector(count, filled<TypeParam>()));
+    const auto back = decoded<std::vector<TypeParam>>(bytes);
+    EXPECT_EQ(back.size(), count);
+    EXPECT_EQ(encoded(back), bytes);
+  }
 }
 
 TEST(Positions_payload, has_a_length_field_per_record_and_one_for_the_vector) {

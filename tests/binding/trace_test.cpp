@@ -1,10 +1,12 @@
-/// Trace records where no run of the application shows them; the texts of all others, and that a
-/// handler that throws costs one and nothing else, are log_texts_test.py's to see.
+/// The binding's proxies and skeletons, above all their trace records, where no run of the
+/// application shows them; the texts of all others, and that a handler that throws costs one and
+/// nothing else, are log_texts_test.py's to see.
 #include <gmock/gmock.h>
 
 #include "binding/trace_records.h"
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
+#include "mw/com/cpp_binding/skeleton.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Fake_runtime.h"
 
@@ -115,6 +117,18 @@ class Monitor final : public mw::dm::dem::skeleton::DiagnosticMonitorSkeleton {
   ~Monitor() override { disconnect(); }
   ara::core::Future<void> InitMonitor(mw::dm::dem::InitMonitorReason) override { return {}; }
 };
+
+TEST(Field, a_value_that_takes_no_bytes_is_a_value) {
+  Fake_runtime runtime;
+  mw::com::cpp_binding::skeleton::Provision provision{
+      .service = "a::S", .instance = "1", .provider = runtime.provide("a::S", "one")};
+  mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{provision, "quality"};
+  const auto get = [&] { return runtime.call("one", "quality", {}); };
+  EXPECT_EQ(get().code, tq::com::Return_code::not_ok);
+  field.Update({});
+  EXPECT_EQ(get().code, tq::com::Return_code::ok);
+  EXPECT_TRUE(get().payload.empty());
+}
 
 TEST_F(Trace, a_handler_that_still_runs_while_its_skeleton_ends_may_send) {
   std::size_t sent = 0;
