@@ -68,36 +68,30 @@ TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told
   connect();
   auto last = sample(1, 2);
   last.preciseLocalTimeSeconds = 5;
-  const std::vector both{sample(1, 1), last};
-  runtime_.notify("positions", both);
+  std::vector samples{sample(1, 1), last};
+  runtime_.notify("positions", samples);
   client_.setIgnoreGNSSTimestamps(true);
-  runtime_.notify("positions", both);
+  runtime_.notify("positions", samples);
   EXPECT_THAT(pipeline_lines(), SizeIs(1)) << "about the timestamp";
   client_.setUseGNSSDR(true);
-  runtime_.notify("positions", both);
+  runtime_.notify("positions", samples);
   runtime_.notify("positions", std::vector{sample(boost::none, 3)});
   runtime_.notify("positions", std::vector<Position>{});
+  EXPECT_THAT(positions_, SizeIs(2)) << "none is of the other type";
+  samples.back().LAT = 48.5;
+  samples.back().LAT_valueType = Value_type::physical_value;
+  samples.push_back(sample(2, 4));
+  runtime_.notify("positions", samples);
 
-  ASSERT_EQ(positions_.size(), 2U) << "none is of the other type";
+  ASSERT_EQ(positions_.size(), 3U);
   EXPECT_EQ(positions_[0].messageCounter, 2U);
   EXPECT_EQ(positions_[0].preciseLocalTimeSeconds, 5U);
   EXPECT_FALSE(positions_[0].preciseLocalTimeNanoseconds);
   EXPECT_EQ(positions_[1].messageCounter, 2U);
   EXPECT_EQ(positions_[1].preciseLocalTimeSeconds, 1'700'000'000U);
   EXPECT_EQ(positions_[1].preciseLocalTimeNanoseconds, 250'000'000U);
-}
-
-TEST_F(Gnss_client, completes_the_position_from_the_other_type) {
-  client_.setUseGNSSDR(true);
-  connect();
-  auto other = sample(1, 1);
-  other.LAT = 48.5;
-  other.LAT_valueType = binding::Value_type::physical_value;
-  runtime_.notify("positions", std::vector{sample(2, 2), other});
-  ASSERT_EQ(positions_.size(), 1U);
-  EXPECT_EQ(positions_[0].positionType, 2U);
-  EXPECT_EQ(positions_[0].messageCounter, 2U);
-  EXPECT_EQ(positions_[0].LAT, 48.5);
+  EXPECT_EQ(positions_[2].messageCounter, 4U);
+  EXPECT_EQ(positions_[2].LAT, 48.5) << "completed from the other type";
 }
 
 TEST_F(Gnss_client, passes_quality_records_on_one_by_one_once_logged_and_satellites_as_a_whole) {

@@ -30,46 +30,39 @@ TEST(Select, takes_the_last_sample_of_the_wanted_type_and_the_last_of_any_other_
   EXPECT_EQ(gnss_dr.other, &samples[5]);
 }
 
-using Quality = boost::optional<Value_type>;
-
 TEST(Complete, takes_over_physical_values_for_those_that_are_not_and_for_no_others) {
+  struct Quantity {
+    boost::optional<float> value;
+    boost::optional<Value_type> quality;
+  };
   struct Case {
-    boost::optional<float> chosen;
-    Quality chosen_quality;
-    boost::optional<float> other;
-    Quality other_quality;
-    boost::optional<float> expected;
-    Quality expected_quality;
+    Quantity chosen, other, expected;
   };
   const auto none = boost::none;
-  const Quality physical = Value_type::physical_value;
-  const Quality error = Value_type::error;
-  const Quality logical = Value_type::logical_value;
-  const Quality unknown = static_cast<Value_type>(5);
-  const std::vector<Case> cases{
-      {1.0F, physical, 2.0F, physical, 1.0F, physical},
-      {none, none, 2.0F, physical, 2.0F, physical},
-      {none, physical, 2.0F, physical, 2.0F, physical},
-      {1.0F, none, 2.0F, physical, 2.0F, physical},
-      {1.0F, error, 2.0F, physical, 2.0F, physical},
-      {1.0F, unknown, 2.0F, physical, 2.0F, physical},
-      {1.0F, logical, 2.0F, physical, 2.0F, physical},
-      {1.0F, error, 2.0F, logical, 1.0F, error},
-      {1.0F, error, none, physical, 1.0F, error},
-      {1.0F, error, 2.0F, none, 1.0F, error},
-      {none, none, 2.0F, error, none, none},
-      {none, error, 2.0F, unknown, none, error},
-  };
-  for (std::size_t i = 0; i < cases.size(); ++i) {
-    Position chosen;
-    chosen.speed2D = cases[i].chosen;
-    chosen.speed2D_valueType = cases[i].chosen_quality;
-    Position other;
-    other.speed2D = cases[i].other;
-    other.speed2D_valueType = cases[i].other_quality;
-    complete(chosen, other);
-    EXPECT_EQ(chosen.speed2D, cases[i].expected) << "case " << i;
-    EXPECT_EQ(chosen.speed2D_valueType, cases[i].expected_quality) << "case " << i;
+  using enum Value_type;
+  constexpr Value_type unknown{5};
+  const Quantity good{2.0F, physical_value};
+  for (const auto& [chosen, other, expected] : {
+           Case{{1.0F, physical_value}, good, {1.0F, physical_value}},
+           {{none, none}, good, good},
+           {{none, physical_value}, good, good},
+           {{1.0F, none}, good, good},
+           {{1.0F, unknown}, good, good},
+           {{1.0F, logical_value}, good, good},
+           {{1.0F, error}, {2.0F, logical_value}, {1.0F, error}},
+           {{1.0F, error}, {none, physical_value}, {1.0F, error}},
+           {{none, none}, {2.0F, none}, {none, none}},
+           {{none, error}, {2.0F, unknown}, {none, error}},
+       }) {
+    Position position;
+    position.speed2D = chosen.value;
+    position.speed2D_valueType = chosen.quality;
+    Position source;
+    source.speed2D = other.value;
+    source.speed2D_valueType = other.quality;
+    complete(position, source);
+    EXPECT_EQ(position.speed2D, expected.value);
+    EXPECT_EQ(position.speed2D_valueType, expected.quality);
   }
 }
 
