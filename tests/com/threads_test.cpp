@@ -43,24 +43,6 @@ void run_on(Strand& strand, std::function<void()> work) {
   if (strand.enqueue(std::move(work))) strand.run();
 }
 
-TEST(Strand, runs_one_piece_at_a_time_in_the_order_of_their_arrival) {
-  Strand strand;
-  static_thread_pool pool(3);
-  std::vector<int> order;  // unguarded: the strand guards it
-  std::promise<void> done;
-  for (int i = 0; i < 1000; ++i) {
-    const bool free = strand.enqueue([&, i] {
-      order.push_back(i);
-      if (i == 999) done.set_value();
-    });
-    if (free) pool.loop().post([&] { strand.run(); });
-  }
-  ASSERT_EQ(done.get_future().wait_for(10s), std::future_status::ready);
-  strand.close();
-  ASSERT_EQ(order.size(), 1000u);
-  EXPECT_TRUE(std::ranges::is_sorted(order));
-}
-
 TEST(Strand, runs_inline_when_it_is_free_and_queues_when_it_is_not) {
   Strand strand;
   std::vector<std::string> order;

@@ -1,10 +1,8 @@
 #include <gmock/gmock.h>
 
-#include <chrono>
 #include <stdexcept>
 #include <string>
 
-#include "ara/core/future.h"
 #include "ara/core/instance_specifier.h"
 #include "tests/support/error_of.h"
 
@@ -34,20 +32,6 @@ TEST(InstanceSpecifier, takes_short_names_joined_by_slashes_and_refuses_others_w
     EXPECT_THAT(test::error_of<std::invalid_argument>([&text = text] { InstanceSpecifier{text}; }),
                 AllOf(HasSubstr(reason), HasSubstr('"' + text.substr(0, 255) + '"')));
   }
-}
-
-TEST(Future, gives_the_value_the_exception_or_the_end_of_its_promise) {
-  Promise<int> promise, failing;
-  auto future = promise.get_future(), failed = failing.get_future();
-  EXPECT_EQ(future.wait_for(std::chrono::milliseconds(1)), future_status::timeout);
-  promise.set_value(5);
-  EXPECT_TRUE(future.is_ready());
-  EXPECT_EQ(future.get(), 5);
-  EXPECT_FALSE(future.valid());
-  failing.set_exception(std::make_exception_ptr(std::runtime_error("reason")));
-  EXPECT_THROW(failed.get(), std::runtime_error);
-  auto abandoned = Promise<int>().get_future();
-  EXPECT_THROW(abandoned.get(), std::future_error);
 }
 
 }  // namespace

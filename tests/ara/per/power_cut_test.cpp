@@ -45,6 +45,12 @@ std::string ReadAfter(const SimulatedDisk::Image& image) {
   return *text;
 }
 
+SimulatedDisk FailingAt(int call, int error) {
+  return SimulatedDisk(OldStore(), [=](int number, std::string_view /*name*/) {
+    return number == call ? error : 0;
+  });
+}
+
 /// The calls that one replacement makes.
 int CallsOfReplace() {
   SimulatedDisk disk(OldStore());
@@ -88,18 +94,11 @@ void ReplaceForGood(SimulatedDisk& disk) {
   EXPECT_EQ(disk.open_descriptors(), 0U);
 }
 
-TEST(PowerCut, after_a_finished_replacement_leaves_the_new_store) {
-  SimulatedDisk disk(SimulatedDisk::Image{{kPath, kOld}, {kAside, "left over"}});
-  ReplaceForGood(disk);
-}
-
 TEST(FailingDisk,
      a_call_that_fails_is_reported_and_leaves_a_whole_store_now_and_after_a_power_cut) {
   for (const int error : {EIO, ENOSPC, EROFS}) {
     for (int failing = 0; failing < CallsOfReplace(); ++failing) {
-      SimulatedDisk disk(OldStore(), [&](int number, std::string_view /*name*/) {
-        return number == failing ? error : 0;
-      });
+      SimulatedDisk disk = FailingAt(failing, error);
       const StoreFile store("/store", "Port.json", disk);
       const auto text = test::error_of<ExceptionPhysicalStorageError>([&] { store.Replace(kNew); });
       // Only closing the folder can fail without harm.
@@ -118,7 +117,7 @@ TEST(FailingDisk,
 }
 
 TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
-  SimulatedDisk disk(OldStore(), [](int number, std::string_view name) {
+  SimulatedDisk disk({{kPath, kOld}, {kAside, "left over"}}, [](int number, std::string_view name) {
     if (name == "write") return SimulatedDisk::kShort;
     return number % 2 == 0 ? EINTR : 0;
   });
@@ -134,9 +133,7 @@ TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
 TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
   for (const int error : {EACCES, EIO}) {
     for (int failing = 0; failing < 3; ++failing) {
-      SimulatedDisk disk(OldStore(), [&](int number, std::string_view /*name*/) {
-        return number == failing ? error : 0;
-      });
+      SimulatedDisk disk = FailingAt(failing, error);
       EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>(
                       [&] { (void)StoreFile("/store", "Port.json", disk).Read(); }),
                   HasSubstr("\"" + kPath + "\": " + std::strerror(error)));

@@ -9,7 +9,6 @@
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <map>
@@ -17,7 +16,6 @@
 #include <mutex>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
@@ -234,12 +232,10 @@ TEST_F(ComponentClientTest, refuses_what_makes_no_sense_or_is_too_much_and_at_it
 TEST_F(ComponentClientTest, ends_while_requests_keep_coming) {
   for (int i = 0; i < 5; ++i) {
     Create(Confirm);
-    auto first = RequestInBackground("kOn", "1");
-    auto second = RequestInBackground("kOn", "2");
+    const auto first = RequestInBackground("kOn", "1");
+    const auto second = RequestInBackground("kOn", "2");
     (void)first.wait_for(std::chrono::milliseconds(10 * i));
     Destroy();
-    first.wait();
-    second.wait();
   }
 }
 
