@@ -1,8 +1,6 @@
 #include "phm/Phm_timer.h"
 
 #include <gtest/gtest.h>
-#include <signal.h>
-#include <unistd.h>
 
 #include <future>
 #include <semaphore>
@@ -87,30 +85,6 @@ TEST(Phm_timer, stopped_during_the_initial_delay_still_makes_one_call) {
   timer.stop();
   EXPECT_GE(steady_clock::now() - start, 60ms);
   EXPECT_EQ(calls, 1);
-}
-
-TEST(Phm_timer, is_not_hurried_by_signals) {
-  struct sigaction action {};
-  action.sa_handler = [](int) {};
-  struct sigaction before {};
-  sigaction(SIGUSR1, &action, &before);
-
-  std::promise<steady_clock::time_point> called;
-  auto result = called.get_future();
-  Phm_timer timer([&] { called.set_value(steady_clock::now()); });
-  const auto start = steady_clock::now();
-  timer.start(0ms, 150ms);
-  // So that the timer's thread gets them.
-  sigset_t signals;
-  sigemptyset(&signals);
-  sigaddset(&signals, SIGUSR1);
-  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  while (result.wait_for(1ms) != std::future_status::ready)
-    kill(getpid(), SIGUSR1);
-  timer.stop();
-  EXPECT_GE(result.get() - start, 150ms);
-  pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-  sigaction(SIGUSR1, &before, nullptr);
 }
 
 }  // namespace
