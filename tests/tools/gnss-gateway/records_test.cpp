@@ -81,14 +81,11 @@ TEST(Records, the_fix_type_follows_quality_and_dimension) {
   };
   EXPECT_EQ(status(&nmea::Fix::dimension, nmea::Fix_dimension::two), 2U);
   EXPECT_EQ(status(&nmea::Fix::altitude_msl, std::nullopt), 2U);
-  const std::pair<nmea::Fix_quality, std::uint32_t> cases[] = {
-      {nmea::Fix_quality::differential, 4U},
-      {nmea::Fix_quality::rtk_float, 5U},
-      {nmea::Fix_quality::rtk_fixed, 6U},
-      {nmea::Fix_quality::estimated, 1U},
-  };
-  for (const auto& [quality, expected] : cases)
-    EXPECT_EQ(status(&nmea::Fix::quality, quality), expected);
+  using enum nmea::Fix_quality;
+  EXPECT_EQ(status(&nmea::Fix::quality, differential), 4U);
+  EXPECT_EQ(status(&nmea::Fix::quality, rtk_float), 5U);
+  EXPECT_EQ(status(&nmea::Fix::quality, rtk_fixed), 6U);
+  EXPECT_EQ(status(&nmea::Fix::quality, estimated), 1U);
 }
 
 TEST(Records, satellites_are_listed_and_counted_by_system) {

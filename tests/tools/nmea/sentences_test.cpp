@@ -40,12 +40,6 @@ Result read(const std::string& text) {
   return result;
 }
 
-Utc_time utc(int year, unsigned month, unsigned day, std::chrono::nanoseconds time) {
-  return std::chrono::sys_days(std::chrono::year{year} / std::chrono::month{month} /
-                               std::chrono::day{day}) +
-         time;
-}
-
 TEST(Nmea, one_instant_told_by_all_sentences_becomes_one_fix) {
   const auto result = read(
       sentence(
@@ -62,7 +56,7 @@ TEST(Nmea, one_instant_told_by_all_sentences_becomes_one_fix) {
 
   const Fix& fix = result.fixes[0];
   EXPECT_TRUE(fix.valid);
-  EXPECT_THAT(fix.utc, Optional(utc(1994, 3, 23, 12h + 35min + 19s + 250ms)));
+  EXPECT_THAT(fix.utc, Optional(std::chrono::sys_days(1994y / 3 / 23) + 12h + 35min + 19s + 250ms));
   // The doubles nearest to the exact quotients, not the sum of two rounded ones.
   EXPECT_EQ(fix.position->latitude, -(48 * 60e8 + 703812345.0) / 60e8);
   EXPECT_EQ(fix.position->longitude, -(11 * 60e8 + 3100000001.0) / 60e8);
@@ -152,14 +146,15 @@ TEST(Nmea, the_date_is_carried_on_and_turns_at_midnight) {
                            sentence("GPGGA,000000.5,4807.038,N,01131.000,E,1,08,0.9,,,,,,") +
                            sentence("GPGGA,235959.5,4807.038,N,01131.000,E,1,08,0.9,,,,,,") +
                            sentence("GPZDA,000001.0,01,01,2000,00,00"));
+  constexpr Utc_time new_year = std::chrono::sys_days(2000y / 1 / 1);
   ASSERT_EQ(result.fixes.size(), 5U);
   EXPECT_FALSE(result.fixes[0].utc) << "no date was told yet";
   EXPECT_THAT(result.fixes[0].time_of_day, Optional(23h + 59min + 58s));
-  EXPECT_THAT(result.fixes[1].utc, Optional(utc(1999, 12, 31, 23h + 59min + 59s)));
-  EXPECT_THAT(result.fixes[2].utc, Optional(utc(2000, 1, 1, 500ms)));
-  EXPECT_THAT(result.fixes[3].utc, Optional(utc(1999, 12, 31, 23h + 59min + 59500ms - 0s)))
+  EXPECT_THAT(result.fixes[1].utc, Optional(new_year - 1s));
+  EXPECT_THAT(result.fixes[2].utc, Optional(new_year + 500ms));
+  EXPECT_THAT(result.fixes[3].utc, Optional(new_year - 500ms))
       << "a late instant is not a day ahead";
-  EXPECT_THAT(result.fixes[4].utc, Optional(utc(2000, 1, 1, 1s)));
+  EXPECT_THAT(result.fixes[4].utc, Optional(new_year + 1s));
 }
 
 TEST(Nmea, a_repeated_sentence_is_a_duplicate_unless_it_tells_the_combined_solution) {
