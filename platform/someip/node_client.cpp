@@ -1,15 +1,15 @@
-// The using side of a node: searches, subscriptions, calls.
-#include <algorithm>
-#include <boost/asio/post.hpp>
-#include <string>
-#include <utility>
+#include "platform/someip/node_client.h"
 
-#include "platform/someip/node.h"
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <utility>
 
 namespace someip {
 
 /// A response on its way to the handler.
-class Node::Answer final : public Task {
+class Node_client::Answer final : public Task {
  public:
   Answer(Response_handler handler, Received message)
       : handler_(std::move(handler)), message_(std::move(message)) {}
@@ -23,33 +23,76 @@ class Node::Answer final : public Task {
   const Received message_;
 };
 
-void Node::start_search(const Service_deployment& service,
-                        std::uint16_t instance,
-                        std::shared_ptr<Search> search) {
-  on_control(
+Node_client::Node_client(Node_context& context)
+    : context_(context),
+      counters_(context.counters),
+      port_(open_port()),
+      calls_(context.deployment.limits.pending_calls),
+      tcp_client_(context.own,
+                  context.deployment.limits,
+                  context.workers,
+                  context.counters,
+                  context.log,
+                  tcp_events()),
+      call_timer_(context.workers.control()) {}
+
+std::shared_ptr<Udp_port> Node_client::open_port() {
+  const Node_deployment& node = context_.node;
+  auto socket = std::make_unique<Udp_socket>(context_.own);
+  socket->allow_missing_address();
+  if (const auto error = socket->bind({context_.own, node.client_port})) {
+    throw std::runtime_error(context_.deployment.source + ": nodes." + node.name +
+                             ".clientPort: port " + std::to_string(node.client_port) + " of " +
+                             context_.own.to_string() + " cannot be used: " + error.message());
+  }
+  return context_.udp_port(std::move(socket), *this);
+}
+
+Tcp_client::Events Node_client::tcp_events() {
+  return {[this](const Endpoint& server) {
+            context_.change(
+                [&](Discovery_server&, Discovery_client& client) { client.connected(server); });
+          },
+          [this](const Endpoint& server) { connection_lost(server); },
+          [this](Received message, const Endpoint& server, Tasks& tasks) {
+            dispatch(std::move(message), server, Transport::tcp, tasks);
+          }};
+}
+
+void Node_client::stop() {
+  call_timer_.cancel();
+  for (const auto& [group, port] : multicast_ports_)
+    port.first->close();
+  tcp_client_.close();
+}
+
+void Node_client::start_search(const Service_deployment& service,
+                               std::uint16_t instance,
+                               std::shared_ptr<Search> search) {
+  context_.on_control(
       [this, id = service.id, major = service.major_version, instance, search = std::move(search)] {
         searches_.push_back({id, instance, major, search});
-        change([&](Discovery_server&, Discovery_client& client) {
+        context_.change([&](Discovery_server&, Discovery_client& client) {
           client.start_search(id, instance, major, std::chrono::steady_clock::now());
         });
         tell({id, instance, major, search});
       });
 }
 
-void Node::stop_search(std::shared_ptr<Search> search) {
-  on_control([this, search = std::move(search)] {
+void Node_client::stop_search(std::shared_ptr<Search> search) {
+  context_.on_control([this, search = std::move(search)] {
     const auto found =
         std::ranges::find_if(searches_, [&](const auto& one) { return one.search == search; });
     if (found == searches_.end()) return;
     const Running_search ended = *found;
     searches_.erase(found);
-    change([&](Discovery_server&, Discovery_client& client) {
+    context_.change([&](Discovery_server&, Discovery_client& client) {
       client.stop_search(ended.service, ended.instance, ended.major_version);
     });
   });
 }
 
-void Node::tell(const Running_search& search) const {
+void Node_client::tell(const Running_search& search) const {
   std::vector<std::uint16_t> found;
   for (const Known_instance& known : known_) {
     if (known.key.service == search.service && known.key.major_version == search.major_version &&
@@ -60,13 +103,13 @@ void Node::tell(const Running_search& search) const {
   search.search->found(found);
 }
 
-void Node::tell_searches(std::uint16_t service) {
+void Node_client::tell_searches(std::uint16_t service) {
   for (const Running_search& search : searches_) {
     if (search.service == service) tell(search);
   }
 }
 
-void Node::instance_available(const Instance_key& key, const Remote_offer& offer) {
+void Node_client::instance_available(const Instance_key& key, const Remote_offer& offer) {
   {
     const std::lock_guard lock(known_mutex_);
     known_.push_back({key, offer});
@@ -77,7 +120,7 @@ void Node::instance_available(const Instance_key& key, const Remote_offer& offer
   tell_searches(key.service);
 }
 
-void Node::instance_gone(const Instance_key& key) {
+void Node_client::instance_gone(const Instance_key& key) {
   Instance_endpoints gone;
   {
     const std::lock_guard lock(known_mutex_);
@@ -97,7 +140,7 @@ void Node::instance_gone(const Instance_key& key) {
   tell_searches(key.service);
 }
 
-void Node::connect_route(Client_event& event, const Remote_offer& offer) {
+void Node_client::connect_route(Client_event& event, const Remote_offer& offer) {
   if (event.selection.group.tcp) event.connection = offer.endpoints.tcp;
   const auto& endpoint =
       event.selection.transport == Transport::udp ? offer.endpoints.udp : offer.endpoints.tcp;
@@ -108,13 +151,13 @@ void Node::connect_route(Client_event& event, const Remote_offer& offer) {
   routes_.add(*event.route, event.sink);
 }
 
-void Node::subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink) {
-  on_control([this, selection, sink = std::move(sink)] {
+void Node_client::subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink) {
+  context_.on_control([this, selection, sink = std::move(sink)] {
     Client_event& event = events_.emplace_back(Client_event{selection, sink, {}, {}});
     for (const Known_instance& known : known_) {
       if (known.key == selection.instance) connect_route(event, known.offer);
     }
-    change([&](Discovery_server&, Discovery_client& client) {
+    context_.change([&](Discovery_server&, Discovery_client& client) {
       client.subscribe(selection.instance, selection.event_group, selection.group);
       // A further subscriber of a group that is active already hears so at once.
       if (client.active(selection.instance, selection.event_group))
@@ -123,15 +166,15 @@ void Node::subscribe(const Event_selection& selection, std::shared_ptr<Event_sin
   });
 }
 
-void Node::unsubscribe(std::shared_ptr<Event_sink> sink) {
-  on_control([this, sink = std::move(sink)] {
+void Node_client::unsubscribe(std::shared_ptr<Event_sink> sink) {
+  context_.on_control([this, sink = std::move(sink)] {
     const auto found =
         std::ranges::find_if(events_, [&](const auto& one) { return one.sink == sink; });
     if (found == events_.end()) return;
     const Client_event ended = std::move(*found);
     events_.erase(found);
     if (ended.route) routes_.remove(*ended.route, sink.get());
-    change([&](Discovery_server&, Discovery_client& client) {
+    context_.change([&](Discovery_server&, Discovery_client& client) {
       client.unsubscribe(ended.selection.instance, ended.selection.event_group);
     });
     const bool still_wanted = std::ranges::any_of(events_, [&](const Client_event& event) {
@@ -143,7 +186,9 @@ void Node::unsubscribe(std::shared_ptr<Event_sink> sink) {
   });
 }
 
-void Node::subscription_changed(const Instance_key& key, std::uint16_t event_group, bool active) {
+void Node_client::subscription_changed(const Instance_key& key,
+                                       std::uint16_t event_group,
+                                       bool active) {
   for (Client_event& event : events_) {
     if (event.selection.instance != key || event.selection.event_group != event_group) continue;
     if (!active) event.sink->set_value_seen(false);
@@ -152,39 +197,40 @@ void Node::subscription_changed(const Instance_key& key, std::uint16_t event_gro
   if (!active) leave_multicast({key, event_group});
 }
 
-bool Node::initial_value_missing(const Instance_key& key, std::uint16_t event_group) const {
+bool Node_client::initial_value_missing(const Instance_key& key, std::uint16_t event_group) const {
   return std::ranges::any_of(events_, [&](const Client_event& event) {
     return event.selection.instance == key && event.selection.event_group == event_group &&
            event.selection.field && !event.sink->value_seen();
   });
 }
 
-void Node::listen_to(const Instance_key& key, std::uint16_t event_group, const Endpoint& group) {
+void Node_client::listen_to(const Instance_key& key,
+                            std::uint16_t event_group,
+                            const Endpoint& group) {
   leave_multicast({key, event_group}, group);  // what an earlier acknowledgement named
   auto& [port, users] = multicast_ports_[group];
   users.insert({key, event_group});
   if (port) {
     // Membership goes with its interface; where it still stands, this changes nothing.
-    static_cast<void>(port->socket().join(group.address, own_));
+    static_cast<void>(port->socket().join(group.address, context_.own));
     return;
   }
   try {
-    auto socket = std::make_unique<Udp_socket>(own_);
+    auto socket = std::make_unique<Udp_socket>(context_.own);
     socket->reuse_address();
     auto error = socket->bind(group);
-    if (!error) error = socket->join(group.address, own_);
+    if (!error) error = socket->join(group.address, context_.own);
     if (error) throw std::system_error(error);
-    port = std::make_shared<Udp_port>(std::move(socket), static_cast<Udp_port::Receiver&>(*this),
-                                      workers_, reassembler_, shaper_, counters_, log_);
+    port = context_.udp_port(std::move(socket), *this);
     port->open();
   } catch (const std::system_error& error) {
     multicast_ports_.erase(group);
-    log_.limited(Log_level::warning, "group",
-                 "cannot listen to " + to_string(group) + ": " + error.code().message());
+    context_.log.limited(Log_level::warning, "group",
+                         "cannot listen to " + to_string(group) + ": " + error.code().message());
   }
 }
 
-void Node::leave_multicast(const Group_key& key, const std::optional<Endpoint>& but) {
+void Node_client::leave_multicast(const Group_key& key, const std::optional<Endpoint>& but) {
   for (auto at = multicast_ports_.begin(); at != multicast_ports_.end();) {
     auto& [port, users] = at->second;
     if (at->first != but) users.erase(key);
@@ -197,26 +243,30 @@ void Node::leave_multicast(const Group_key& key, const std::optional<Endpoint>& 
   }
 }
 
-void Node::release_connection(const Endpoint& server, bool even_if_offered) {
+void Node_client::release_connection(const Endpoint& server, bool even_if_offered) {
   const bool offered = offered_over_tcp(server);
   const bool subscribed = std::ranges::any_of(
       events_, [&](const Client_event& event) { return event.connection == server; });
   if (subscribed || (offered && (!even_if_offered || calls_.waits_for(server)))) return;
-  tcp_client_->release(server);
+  tcp_client_.release(server);
 }
 
-void Node::connection_lost(const Endpoint& server) {
-  change([&](Discovery_server&, Discovery_client& client) { client.connection_lost(server); });
+void Node_client::connection_lost(const Endpoint& server) {
+  context_.change(
+      [&](Discovery_server&, Discovery_client& client) { client.connection_lost(server); });
   // What was asked over it will not be answered (someip_326).
-  end_calls(calls_.take_if(
+  time_out(calls_.take_if(
       [&](const auto& call) { return call.transport == Transport::tcp && call.server == server; }));
 }
 
-void Node::received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) {
+void Node_client::received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) {
   dispatch(std::move(message), from, Transport::udp, tasks);
 }
 
-void Node::dispatch(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
+void Node_client::dispatch(Received message,
+                           const Endpoint& from,
+                           Transport transport,
+                           Tasks& tasks) {
   const Header& header = message.header;
   if (header.protocol != protocol_version) {
     counters_.dropped_wrong_version.add();
@@ -235,7 +285,7 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
     counters_.dropped_wrong_type.add();  // an error without a reason (someip_683)
     return;
   }
-  if (header.client != node_.client_id) {
+  if (header.client != context_.node.client_id) {
     counters_.dropped_unexpected.add();
     return;
   }
@@ -247,7 +297,10 @@ void Node::dispatch(Received message, const Endpoint& from, Transport transport,
   tasks.push_back(std::make_shared<Answer>(std::move(call->handler), std::move(message)));
 }
 
-void Node::notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks) {
+void Node_client::notification(Received message,
+                               const Endpoint& from,
+                               Transport transport,
+                               Tasks& tasks) {
   const Header header = message.header;
   auto sinks = routes_.find({header.service, header.method, transport, from});
   if (sinks.empty() || header.code != 0) {
@@ -266,7 +319,8 @@ void Node::notification(Received message, const Endpoint& from, Transport transp
   }
 }
 
-std::optional<Endpoint> Node::endpoint_of(const Instance_key& instance, Transport transport) {
+std::optional<Endpoint> Node_client::endpoint_of(const Instance_key& instance,
+                                                 Transport transport) {
   const std::lock_guard lock(known_mutex_);
   const auto known =
       std::ranges::find_if(known_, [&](const Known_instance& one) { return one.key == instance; });
@@ -275,38 +329,38 @@ std::optional<Endpoint> Node::endpoint_of(const Instance_key& instance, Transpor
   return transport == Transport::udp ? endpoints.udp : endpoints.tcp;
 }
 
-void Node::send_request(
+void Node_client::send_request(
     const Header& header, Transport transport, const Endpoint& to, Bytes arguments, Time deadline) {
   counters_.requests_sent.add();
   if (transport == Transport::udp) {
     const Socket_address address(to);
-    client_port_->send(header, arguments, std::span(&address, 1));
+    port_->send(header, arguments, std::span(&address, 1));
     return;
   }
-  on_control([this, header, to, deadline,
-              copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
+  context_.on_control([this, header, to, deadline,
+                       copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
     // Gone meanwhile: nobody would ever release a connection that is opened now.
-    if (offered_over_tcp(to)) tcp_client_->send(to, header, copy, deadline);
+    if (offered_over_tcp(to)) tcp_client_.send(to, header, copy, deadline);
   });
 }
 
-bool Node::offered_over_tcp(const Endpoint& server) const {
+bool Node_client::offered_over_tcp(const Endpoint& server) const {
   return std::ranges::any_of(
       known_, [&](const Known_instance& known) { return known.offer.endpoints.tcp == server; });
 }
 
-void Node::call(const Instance_key& instance,
-                std::uint16_t method,
-                Transport transport,
-                Bytes arguments,
-                const void* owner,
-                Response_handler handler) {
+void Node_client::call(const Instance_key& instance,
+                       std::uint16_t method,
+                       Transport transport,
+                       Bytes arguments,
+                       const void* owner,
+                       Response_handler handler) {
   const auto server = endpoint_of(instance, transport);
   if (!server) {
     handler(Return_code::not_reachable, {});
     return;
   }
-  const Time deadline = std::chrono::steady_clock::now() + node_.request_timeout;
+  const Time deadline = std::chrono::steady_clock::now() + context_.node.request_timeout;
   Pending_calls::Call call{
       instance.service,  method, instance.major_version, *server, transport, owner, deadline,
       std::move(handler)};
@@ -316,76 +370,72 @@ void Node::call(const Instance_key& instance,
     call.handler(Return_code::not_ok, {});
     return;
   }
-  if (!calls_watched_.exchange(true)) on_control([this] { schedule_calls(); });
+  if (!calls_watched_.exchange(true)) context_.on_control([this] { schedule_calls(); });
 
   Header header;
   header.service = instance.service;
   header.method = method;
-  header.client = node_.client_id;
+  header.client = context_.node.client_id;
   header.session = *session;
   header.interface_version = instance.major_version;
   header.type = static_cast<std::uint8_t>(Message_type::request);
   send_request(header, transport, *server, arguments, deadline);
 }
 
-void Node::call_no_return(const Instance_key& instance,
-                          std::uint16_t method,
-                          Transport transport,
-                          Bytes arguments) {
+void Node_client::call_no_return(const Instance_key& instance,
+                                 std::uint16_t method,
+                                 Transport transport,
+                                 Bytes arguments) {
   const auto server = endpoint_of(instance, transport);
   if (!server) return;
   Header header;
   header.service = instance.service;
   header.method = method;
-  header.client = node_.client_id;
+  header.client = context_.node.client_id;
   header.session = fire_and_forget_session();
   header.interface_version = instance.major_version;
   header.type = static_cast<std::uint8_t>(Message_type::request_no_return);
   send_request(header, transport, *server, arguments, Time::max());
 }
 
-std::uint16_t Node::fire_and_forget_session() {
+std::uint16_t Node_client::fire_and_forget_session() {
   std::uint16_t session = 0;
   while (session == 0)
     session = ++fire_and_forget_sessions_;
   return session;
 }
 
-void Node::cancel_calls(const void* owner) {
+void Node_client::cancel_calls(const void* owner) {
   for (const auto& call : calls_.take_if([&](const auto& one) { return one.owner == owner; })) {
     call.handler(Return_code::not_reachable, {});
   }
 }
 
-void Node::schedule_calls() {
+void Node_client::schedule_calls() {
   // First, so that a call added from now on asks for another look.
   calls_watched_ = false;
   const Time next = calls_.next_deadline();
   if (next == Time::max() || calls_watched_.exchange(true)) return;
   call_timer_.expires_at(next);
   call_timer_.async_wait([this](const boost::system::error_code& cancelled) {
-    if (cancelled || stopped_) return;
-    expire_calls(false);
+    if (cancelled || context_.stopped) return;
+    const Time now = std::chrono::steady_clock::now();
+    time_out(calls_.take_if([&](const auto& call) { return call.deadline <= now; }));
     schedule_calls();
   });
 }
 
-void Node::expire_calls(bool all) {
-  const Time now = std::chrono::steady_clock::now();
-  auto expired = calls_.take_if([&](const auto& call) { return all || call.deadline <= now; });
-  if (!all) {
-    end_calls(std::move(expired));
-    return;
-  }
-  for (const auto& call : expired)
-    call.handler(Return_code::not_reachable, {});
-}
-
-void Node::end_calls(std::vector<Pending_calls::Call> calls) {
+void Node_client::time_out(std::vector<Pending_calls::Call> calls) {
   counters_.calls_timed_out.add(calls.size());
   for (auto& call : calls) {
-    workers_.post([handler = std::move(call.handler)] { handler(Return_code::timeout, {}); });
+    context_.workers.post(
+        [handler = std::move(call.handler)] { handler(Return_code::timeout, {}); });
   }
+}
+
+void Node_client::end_calls() {
+  for (const auto& call : calls_.take_if([](const auto&) { return true; }))
+    call.handler(Return_code::not_reachable, {});
 }
 
 }  // namespace someip
