@@ -310,7 +310,7 @@ class DiscoveryBehaviour(suite.Group):
         self.assertEqual([one.payload for one in events.messages], [b"\x0a"] * 3 + [b"\x0b"])
 
     def test_time_to_live_of_subscriptions(self):
-        host, peer = self.vehicle()
+        host, peer = self.vehicle(cyclicOfferDelayMs=0)
         renewed = self.subscription(host, peer, TICK_GROUP, ttl=2)
         peer.subscribed(host, VEHICLE, TICK_GROUP, renewed, ttl=60)
         ending, endless = (self.subscription(host, peer, TICK_GROUP, ttl=ttl) for ttl in (2, ENDLESS))
