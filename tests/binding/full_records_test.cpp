@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <memory>
 
 #include "binding/codec.h"
 #include "clients/GnssRecords.h"
@@ -28,18 +27,6 @@ using test_lists::Outer;
 namespace gnss = lumo::services::gnss::datatypes;
 namespace positioning = lumo::services::positioning::datatypes;
 
-/// Memory of exactly this size, so that the address sanitizer sees a step beyond it.
-class Exact {
- public:
-  explicit Exact(std::size_t size) : size_{size}, bytes_{new std::byte[size]} {}
-  [[nodiscard]] std::byte* data() const { return bytes_.get(); }
-  [[nodiscard]] std::vector<std::byte> content() const { return {data(), data() + size_}; }
-
- private:
-  std::size_t size_;
-  std::unique_ptr<std::byte[]> bytes_;
-};
-
 template <class Record>
 class Full_records : public testing::Test {
  protected:
@@ -58,9 +45,8 @@ class Full_records : public testing::Test {
     return record;
   }
   std::vector<Record> full_records(std::size_t count) {
-    std::vector<Record> records;
-    while (records.size() < count)
-      records.push_back(full_record());
+    std::vector<Record> records(count);
+    std::ranges::generate(records, [this] { return full_record(); });
     return records;
   }
   /// One member after the other.
@@ -92,17 +78,17 @@ TYPED_TEST(Full_records, move_like_members_one_by_one) {
   for (std::size_t count = at_once; count <= 3 * at_once + 1; ++count) {
     const auto records = this->full_records(count);
     const auto expected = this->encoded(records);
-    const Exact source{count * sizeof(TypeParam)};
-    std::memcpy(source.data(), records.data(), count * sizeof(TypeParam));
-    const Exact wire{expected.size()};
-    ASSERT_EQ(binding::move_records(moves_to_wire<TypeParam>, source.data(), wire.data(), count),
+    // No byte more than needed, so that the address sanitizer sees a step beyond.
+    std::vector<std::byte> wire(expected.size());
+    ASSERT_EQ(binding::move_records(moves_to_wire<TypeParam>,
+                                    reinterpret_cast<const std::byte*>(records.data()), wire.data(),
+                                    count),
               count);
-    EXPECT_EQ(wire.content(), expected);
-    const Exact memory{count * sizeof(TypeParam)};
-    ASSERT_EQ(binding::move_records(moves_to_memory<TypeParam>, wire.data(), memory.data(), count),
-              count);
+    EXPECT_EQ(wire, expected);
     std::vector<TypeParam> back(count);
-    std::memcpy(back.data(), memory.data(), count * sizeof(TypeParam));
+    ASSERT_EQ(binding::move_records(moves_to_memory<TypeParam>, wire.data(),
+                                    reinterpret_cast<std::byte*>(back.data()), count),
+              count);
     EXPECT_EQ(this->encoded(back), expected);
   }
 }

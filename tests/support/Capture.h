@@ -67,19 +67,9 @@ class Capture {
   /// Waits until a message fulfils `condition`; false when none did within `limit`.
   [[nodiscard]] bool WaitFor(const std::function<bool(const Record&)>& condition,
                              std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
-    const auto deadline = std::chrono::steady_clock::now() + limit;
-    std::size_t checked = 0;
     std::unique_lock lock(store_->mutex);
-    for (;;) {
-      for (checked = std::min(checked, store_->records.size()); checked < store_->records.size();
-           ++checked) {
-        if (condition(store_->records[checked])) return true;
-      }
-      if (store_->added.wait_until(lock, deadline) == std::cv_status::timeout &&
-          checked >= store_->records.size()) {
-        return false;
-      }
-    }
+    return store_->added.wait_for(lock, limit,
+                                  [&] { return std::ranges::any_of(store_->records, condition); });
   }
   /// Waits for a message with exactly this joined text.
   [[nodiscard]] bool WaitFor(std::string_view text,
