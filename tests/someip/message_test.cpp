@@ -73,15 +73,6 @@ TEST(Discovery_message, ipv6_endpoints_travel_too) {
   EXPECT_FALSE(message->options_of(message->entries[0], true).tcp);
 }
 
-TEST(Discovery_message, stops_at_one_unfragmented_datagram) {
-  Discovery_writer writer;
-  std::size_t count = 0;
-  while (writer.add({}, {Option::unicast({boost::asio::ip::make_address("10.0.0.1"), 1}, 17)}))
-    ++count;
-  EXPECT_EQ(count, (1400 - 12 - 12) / 16u);
-  EXPECT_LE(writer.message(1, true).size(), header_size + 1400);
-}
-
 TEST(Discovery_outbox, keeps_what_belongs_together_in_one_message_and_sends_an_offer_once) {
   Discovery_peers peers(1);
   std::vector<std::size_t> sent;  // entries of each message
