@@ -22,7 +22,7 @@ struct binding::Description<test_records::Message> {
   static constexpr std::string_view name = "Message";
   static constexpr auto entries = std::tuple{member(0, "text", &test_records::Message::text),
                                              member(7, "number", &test_records::Message::number),
-                                             member(2, "blob", &test_records::Message::blob)};
+                                             member(1, "blob", &test_records::Message::blob)};
 };
 
 namespace {
@@ -121,7 +121,7 @@ TEST(Tlv_members, accept_any_length_field_wire_type_for_each_other) {
        {"4000 00000002 6869", "5000 02 6869", "6000 0002 6869", "7000 00000002 6869"}) {
     EXPECT_EQ(*decoded<test_records::Message>(hex(sent)).text, "hi") << sent;
   }
-  const auto message = decoded<test_records::Message>(hex("e000 0002 6869 1007 1234 5002 01 ff"));
+  const auto message = decoded<test_records::Message>(hex("e000 0002 6869 1007 1234 5001 01 ff"));
   EXPECT_EQ(*message.text, "hi") << "the reserved bit does not count";
   EXPECT_EQ(*message.number, 0x1234);
   EXPECT_EQ(message.blob->at(0), 0xFF);
