@@ -70,7 +70,7 @@ void Ignore(ComponentClient&, const std::string&, std::uint32_t) {}
 /// What busctl prints (standard error included) for a call of the component.
 std::string Request(const std::string& state, const std::string& sequence_number) {
   return Program(
-             "busctl --user --timeout=8 call org.adaptive.pos "
+             "busctl --user --timeout=60 call org.adaptive.pos "
              "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1 "
              "org.adaptive.pos.ComponentState1 RequestState su '" +
              state + "' " + sequence_number + " 2>&1")
