@@ -62,10 +62,12 @@ class Node final {
   void call_no_return(const Instance_key& instance,
                       std::uint16_t method,
                       Transport transport,
-                      Bytes arguments) {
-    client_.call_no_return(instance, method, transport, arguments);
+                      Bytes arguments,
+                      const void* owner) {
+    client_.call_no_return(instance, method, transport, arguments, owner);
   }
-  /// Ends the waiting calls of `owner` with Return_code::not_reachable, on the calling thread.
+  /// Ends the waiting calls of `owner` with Return_code::not_reachable, on the calling thread. What
+  /// it has sent still leaves; connections that nobody else uses are closed then.
   void cancel_calls(const void* owner) { client_.cancel_calls(owner); }
 
   /// Opens the ports of an instance. Throws std::runtime_error naming the key when one is taken.

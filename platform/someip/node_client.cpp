@@ -136,7 +136,7 @@ void Node_client::instance_gone(const Instance_key& key) {
     if (!event.route) continue;
     routes_.remove(*std::exchange(event.route, std::nullopt), event.sink.get());
   }
-  if (gone.tcp) release_connection(*gone.tcp, false);
+  if (gone.tcp) release_if_unused(*gone.tcp);
   tell_searches(key.service);
 }
 
@@ -182,7 +182,7 @@ void Node_client::unsubscribe(std::shared_ptr<Event_sink> sink) {
              event.selection.event_group == ended.selection.event_group;
     });
     if (!still_wanted) leave_multicast({ended.selection.instance, ended.selection.event_group});
-    if (ended.connection) release_connection(*ended.connection, true);
+    if (ended.connection) release_if_unused(*ended.connection);
   });
 }
 
@@ -243,12 +243,16 @@ void Node_client::leave_multicast(const Group_key& key, const std::optional<Endp
   }
 }
 
-void Node_client::release_connection(const Endpoint& server, bool even_if_offered) {
-  const bool offered = offered_over_tcp(server);
+void Node_client::release_if_unused(const Endpoint& server) {
   const bool subscribed = std::ranges::any_of(
       events_, [&](const Client_event& event) { return event.connection == server; });
-  if (subscribed || (offered && (!even_if_offered || calls_.waits_for(server)))) return;
-  tcp_client_.release(server);
+  if (subscribed) return;
+  if (!offered_over_tcp(server)) {
+    senders_.erase(server);
+    tcp_client_.release(server);
+  } else if (!senders_.contains(server)) {
+    tcp_client_.finish(server);
+  }
 }
 
 void Node_client::connection_lost(const Endpoint& server) {
@@ -329,18 +333,24 @@ std::optional<Endpoint> Node_client::endpoint_of(const Instance_key& instance,
   return transport == Transport::udp ? endpoints.udp : endpoints.tcp;
 }
 
-void Node_client::send_request(
-    const Header& header, Transport transport, const Endpoint& to, Bytes arguments, Time deadline) {
+void Node_client::send_request(const Header& header,
+                               Transport transport,
+                               const Endpoint& to,
+                               Bytes arguments,
+                               const void* owner,
+                               Time deadline) {
   counters_.requests_sent.add();
   if (transport == Transport::udp) {
     const Socket_address address(to);
     port_->send(header, arguments, std::span(&address, 1));
     return;
   }
-  context_.on_control([this, header, to, deadline,
+  context_.on_control([this, header, to, owner, deadline,
                        copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
     // Gone meanwhile: nobody would ever release a connection that is opened now.
-    if (offered_over_tcp(to)) tcp_client_.send(to, header, copy, deadline);
+    if (!offered_over_tcp(to)) return;
+    senders_[to].insert(owner);
+    tcp_client_.send(to, header, copy, deadline);
   });
 }
 
@@ -379,13 +389,14 @@ void Node_client::call(const Instance_key& instance,
   header.session = *session;
   header.interface_version = instance.major_version;
   header.type = static_cast<std::uint8_t>(Message_type::request);
-  send_request(header, transport, *server, arguments, deadline);
+  send_request(header, transport, *server, arguments, owner, deadline);
 }
 
 void Node_client::call_no_return(const Instance_key& instance,
                                  std::uint16_t method,
                                  Transport transport,
-                                 Bytes arguments) {
+                                 Bytes arguments,
+                                 const void* owner) {
   const auto server = endpoint_of(instance, transport);
   if (!server) return;
   Header header;
@@ -395,7 +406,7 @@ void Node_client::call_no_return(const Instance_key& instance,
   header.session = fire_and_forget_session();
   header.interface_version = instance.major_version;
   header.type = static_cast<std::uint8_t>(Message_type::request_no_return);
-  send_request(header, transport, *server, arguments, Time::max());
+  send_request(header, transport, *server, arguments, owner, Time::max());
 }
 
 std::uint16_t Node_client::fire_and_forget_session() {
@@ -409,6 +420,15 @@ void Node_client::cancel_calls(const void* owner) {
   for (const auto& call : calls_.take_if([&](const auto& one) { return one.owner == owner; })) {
     call.handler(Return_code::not_reachable, {});
   }
+  context_.on_control([this, owner] {
+    for (auto at = senders_.begin(); at != senders_.end();) {
+      auto& [server, owners] = *at++;
+      if (owners.erase(owner) == 0 || !owners.empty()) continue;
+      const Endpoint unused = server;
+      senders_.erase(unused);
+      release_if_unused(unused);
+    }
+  });
 }
 
 void Node_client::schedule_calls() {

@@ -59,7 +59,8 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
   void call_no_return(const Instance_key& instance,
                       std::uint16_t method,
                       Transport transport,
-                      Bytes arguments);
+                      Bytes arguments,
+                      const void* owner);
   void cancel_calls(const void* owner);
 
   /// From now on messages come.
@@ -119,7 +120,7 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
   void tell_searches(std::uint16_t service);
   void connect_route(Client_event& event, const Remote_offer& offer);
   void leave_multicast(const Group_key& key, const std::optional<Endpoint>& but = std::nullopt);
-  void release_connection(const Endpoint& server, bool even_if_offered);
+  void release_if_unused(const Endpoint& server);
   void connection_lost(const Endpoint& server);
   void dispatch(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
   void notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
@@ -131,6 +132,7 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
                     Transport transport,
                     const Endpoint& to,
                     Bytes arguments,
+                    const void* owner,
                     Time deadline);
   void schedule_calls();
   void time_out(std::vector<Pending_calls::Call> calls);
@@ -148,6 +150,8 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
 
   // The control thread's own.
   Tcp_client tcp_client_;
+  /// The living owners of what has been sent to a server by TCP, while it offers something there.
+  std::map<Endpoint, std::set<const void*>> senders_;
   boost::asio::steady_timer call_timer_;
   std::vector<Running_search> searches_;
   std::vector<Client_event> events_;

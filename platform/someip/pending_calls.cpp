@@ -47,12 +47,6 @@ std::vector<Pending_calls::Call> Pending_calls::take_if(
   return taken;
 }
 
-bool Pending_calls::waits_for(const Endpoint& server) const {
-  const std::lock_guard lock(mutex_);
-  return std::ranges::any_of(calls_,
-                             [&](const auto& call) { return call.second.server == server; });
-}
-
 Time Pending_calls::next_deadline() const {
   const std::lock_guard lock(mutex_);
   Time next = Time::max();

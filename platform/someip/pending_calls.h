@@ -40,7 +40,6 @@ class Pending_calls {
                                          const Endpoint& from,
                                          Transport transport);
   [[nodiscard]] std::vector<Call> take_if(const std::function<bool(const Call&)>& predicate);
-  [[nodiscard]] bool waits_for(const Endpoint& server) const;
   [[nodiscard]] Time next_deadline() const;
 
  private:

@@ -14,6 +14,8 @@ namespace {
 constexpr Milliseconds first_retry{50};
 constexpr Milliseconds longest_retry{1000};
 constexpr Milliseconds connect_limit{2000};
+/// For a peer to take what is still to be sent and to close its end.
+constexpr Milliseconds finish_limit{10000};
 }  // namespace
 
 /// Shared with the handlers that wait for its socket and timer; `released` tells them to leave it
@@ -28,6 +30,7 @@ struct Tcp_client::Link {
   std::shared_ptr<Tcp_connection> connection;
   Milliseconds next_retry = first_retry;
   bool released = false;
+  bool unused = false;  ///< while connecting: only for the sake of what waits
   struct Waiting {
     Header header;
     std::vector<std::byte> payload;
@@ -65,7 +68,10 @@ Tcp_client::~Tcp_client() = default;
 
 Tcp_client::Link* Tcp_client::link_to(const Endpoint& server) {
   const auto found = links_.find(server);
-  if (found != links_.end()) return found->second.get();
+  if (found != links_.end()) {
+    found->second->unused = false;
+    return found->second.get();
+  }
   if (links_.size() >= limits_.tcp_connections) {
     counters_.refused_connections.add();
     return nullptr;
@@ -104,6 +110,32 @@ void Tcp_client::probe(const Endpoint& server) {
   if (found != links_.end() && found->second->connection) found->second->connection->probe();
 }
 
+void Tcp_client::finish(const Endpoint& server) {
+  const auto found = links_.find(server);
+  if (found == links_.end()) return;
+  const auto link = found->second;
+  if (!link->connection) {
+    link->drop_expired();
+    link->unused = !link->waiting.empty();
+    if (!link->unused) release(server);
+    return;
+  }
+  links_.erase(found);
+  link->released = true;
+  finishing_.push_back(link);
+  link->timer.expires_after(finish_limit);
+  link->timer.async_wait([this, link](const error_code& cancelled) {
+    if (!cancelled) end(link);
+  });
+  link->connection->finish();
+}
+
+void Tcp_client::end(const std::shared_ptr<Link>& link) {
+  link->timer.cancel();
+  link->connection->close();
+  std::erase(finishing_, link);
+}
+
 void Tcp_client::release(const Endpoint& server) {
   const auto found = links_.find(server);
   if (found == links_.end()) return;
@@ -135,6 +167,8 @@ void Tcp_client::restart(const Address& server, Time before) {
 void Tcp_client::close() {
   while (!links_.empty())
     release(Endpoint(links_.begin()->first));
+  while (!finishing_.empty())
+    end(std::shared_ptr(finishing_.back()));
 }
 
 void Tcp_client::connect(const std::shared_ptr<Link>& link) {
@@ -171,6 +205,8 @@ void Tcp_client::connect(const std::shared_ptr<Link>& link) {
 void Tcp_client::retry(const std::shared_ptr<Link>& link) {
   error_code ignored;
   link->socket.close(ignored);
+  if (link->unused) finish(link->server);  // gives up when all that waited has expired
+  if (link->released) return;
   link->timer.expires_after(link->next_retry);
   link->next_retry = std::min(link->next_retry * 2, longest_retry);
   link->timer.async_wait([this, link](const error_code& cancelled) {
@@ -191,7 +227,11 @@ void Tcp_client::established(const std::shared_ptr<Link>& link) {
     link->connection->send(message.header, message.payload);
   }
   link->waiting_bytes = 0;
-  events_.connected(link->server);
+  if (link->unused) {
+    finish(link->server);
+  } else {
+    events_.connected(link->server);
+  }
 }
 
 void Tcp_client::received(Received message,
@@ -201,6 +241,11 @@ void Tcp_client::received(Received message,
 }
 
 void Tcp_client::lost(const std::shared_ptr<Tcp_connection>& connection) {
+  const auto finished = std::ranges::find(finishing_, connection, &Link::connection);
+  if (finished != finishing_.end()) {
+    end(std::shared_ptr(*finished));
+    return;
+  }
   const auto found = links_.find(connection->peer());
   if (found == links_.end() || found->second->connection != connection) return;
   const auto link = found->second;

@@ -38,7 +38,9 @@ class Tcp_client final : private Tcp_connection::Handler {
   /// Sends now or, within the bound of the send queue and until `deadline`, once connected.
   void send(const Endpoint& server, const Header& header, Bytes payload, Time deadline);
   void probe(const Endpoint& server);
-  /// The connection to `server` is not needed any more.
+  /// The connection to `server` is not needed any more, but what waits to be sent is.
+  void finish(const Endpoint& server);
+  /// Nothing is needed any more, the server has gone.
   void release(const Endpoint& server);
   /// Connects anew to what was connected before `before`.
   void restart(const Address& server, Time before);
@@ -49,6 +51,7 @@ class Tcp_client final : private Tcp_connection::Handler {
   Link* link_to(const Endpoint& server);
   void connect(const std::shared_ptr<Link>& link);
   void retry(const std::shared_ptr<Link>& link);
+  void end(const std::shared_ptr<Link>& link);
   void established(const std::shared_ptr<Link>& link);
   void received(Received message,
                 const std::shared_ptr<Tcp_connection>& connection,
@@ -62,6 +65,8 @@ class Tcp_client final : private Tcp_connection::Handler {
   Log& log_;
   const Events events_;
   std::map<Endpoint, std::shared_ptr<Link>> links_;
+  std::vector<std::shared_ptr<Link>>
+      finishing_;  ///< connected, out of links_, until the peer closes
 };
 
 }  // namespace someip

@@ -76,10 +76,30 @@ void Tcp_connection::close() {
   socket_.close(ignored);
 }
 
+void Tcp_connection::finish() {
+  finishing_ = true;
+  bool all_sent = false;
+  {
+    const std::lock_guard lock(mutex_);
+    dead_ = true;
+    all_sent = !busy_;
+  }
+  if (all_sent) end_stream();
+}
+
+void Tcp_connection::end_stream() {
+  // Not a close: what has arrived and is not read would turn it into a reset, which can overtake
+  // what has been sent.
+  error_code ignored;
+  socket_.shutdown(Socket::shutdown_send, ignored);
+}
+
 void Tcp_connection::fail(const char* why) {
   if (!open_) return;
-  counters_.tcp_lost.add();
-  log_.limited(Log_level::info, "tcp", "connection with " + to_string(peer_) + " ended: " + why);
+  if (!finishing_) {
+    counters_.tcp_lost.add();
+    log_.limited(Log_level::info, "tcp", "connection with " + to_string(peer_) + " ended: " + why);
+  }
   close();
   handler_.lost(shared_from_this());
 }
@@ -93,8 +113,10 @@ void Tcp_connection::receive() {
           fail(error.message().c_str());
           return;
         }
-        reader_.append(Bytes(buffer_).first(size));
-        deliver();
+        if (!finishing_) {
+          reader_.append(Bytes(buffer_).first(size));
+          deliver();
+        }
         if (open_) receive();
       });
 }
@@ -168,7 +190,11 @@ void Tcp_connection::write() {
     writing_.swap(queue_);
     busy_ = !writing_.empty();
   }
-  if (!open_ || writing_.empty()) return;
+  if (!open_) return;
+  if (writing_.empty()) {
+    if (finishing_) end_stream();
+    return;
+  }
   std::vector<boost::asio::const_buffer> buffers;
   std::size_t total = 0;
   for (const auto& bytes : writing_) {

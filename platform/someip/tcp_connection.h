@@ -55,6 +55,9 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
 
   void start();
   void close();
+  /// Sends what is queued, and nothing more, then the end of the stream; nothing is received any
+  /// more. The peer's own end is told as a loss.
+  void finish();
   void send(const Header& header, Bytes payload) override;
   /// Sends a magic cookie: a peer that has forgotten the connection answers it with a reset.
   void probe();
@@ -67,6 +70,7 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
   void receive();
   void enqueue(std::vector<std::byte> bytes);
   void write();
+  void end_stream();
   void fail(const char* why);
   void deliver();
 
@@ -84,6 +88,7 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
   std::array<std::byte, std::size_t{16} * 1024> buffer_;
   std::vector<std::vector<std::byte>> writing_;  ///< on their way, the control thread's own
   bool open_ = true;                             ///< the control thread's own
+  bool finishing_ = false;                       ///< same
 
   std::mutex mutex_;  ///< guards the members below
   std::vector<std::vector<std::byte>> queue_;

@@ -11,7 +11,9 @@
 #include <boost/asio/read.hpp>
 #include <cerrno>
 #include <functional>
+#include <optional>
 #include <thread>
+#include <utility>
 
 #include "platform/someip/node.h"
 #include "tests/support/Seen.h"
@@ -72,8 +74,15 @@ class Server {
   void listen() { acceptor_.listen(); }
   [[nodiscard]] bool accept() {
     boost::system::error_code none;
-    acceptor_.accept(connection_, none);
-    return !none;
+    auto accepted = acceptor_.accept(none);
+    if (none) return false;
+    connection_ = std::move(accepted);
+    return true;
+  }
+  /// Has the client ended its side, and has everything before that been read?
+  [[nodiscard]] bool ended() {
+    std::byte next{};
+    return ::recv(connection_.native_handle(), &next, 1, MSG_PEEK | MSG_DONTWAIT) == 0;
   }
   void reset_connection() {
     connection_.set_option(tcp::socket::linger(true, 0));
@@ -156,53 +165,101 @@ struct Found final : Search {
   std::size_t count = 0;
 };
 
-TEST(Node, opens_no_connection_to_a_server_that_has_gone_when_a_call_is_sent) {
-  Deployment deployment;
-  deployment.discovery.multicast_address = make_address("239.255.44.1");
-  Node_deployment node_deployment;
-  node_deployment.addresses = {own};
-  node_deployment.watch_link = false;
-  Service_deployment service;
-  service.id = 0x1111;
-  service.major_version = 1;
-  deployment.services = {service};
-  Played_workers workers;
-  Node node(deployment, node_deployment, workers, nullptr);
+/// A node that uses the server's service, which the test offers.
+struct Using_node {
+  Using_node() {
+    deployment.discovery.multicast_address = make_address("239.255.44.1");
+    node_deployment.addresses = {own};
+    node_deployment.watch_link = false;
+    service.id = key.service;
+    service.major_version = key.major_version;
+    deployment.services = {service};
+    node.emplace(deployment, node_deployment, workers, nullptr);
+    server.listen();
+  }
+  ~Using_node() {
+    std::jthread control([&] { workers.control().run(); });
+    node->stop();
+    workers.control().stop();
+  }
+  Using_node(const Using_node&) = delete;
+  Using_node& operator=(const Using_node&) = delete;
 
-  Server server;
-  server.listen();
-  boost::asio::io_context context;
-  udp::socket discovery(context, udp::endpoint(peer, deployment.discovery.port));
-  std::uint16_t session = 0;
-  const auto offer = [&](std::uint32_t ttl) {
+  void offer(std::uint32_t ttl) {
     Discovery_writer writer;
     static_cast<void>(writer.add({.type = Entry_type::offer_service,
-                                  .service = service.id,
-                                  .instance = 1,
-                                  .major_version = service.major_version,
+                                  .service = key.service,
+                                  .instance = key.instance,
+                                  .major_version = key.major_version,
                                   .ttl = ttl},
                                  {Option::unicast(server.endpoint(), tcp_protocol)}));
     discovery.send_to(boost::asio::buffer(writer.message(++session, true)),
                       {own, deployment.discovery.port});
+  }
+  [[nodiscard]] bool find() {
+    node->start_search(service, any_instance, search);
+    offer(endless_ttl);
+    return workers.until([&] { return search->count == 1; });
+  }
+  void call(const void* owner) {
+    node->call(key, 1, Transport::tcp, {}, owner, [](Return_code, Bytes) {});
+  }
+  void call_no_return(const void* owner) {
+    node->call_no_return(key, 2, Transport::tcp, {}, owner);
+  }
+
+  const Instance_key key{0x1111, 1, 1};
+  Deployment deployment;
+  Node_deployment node_deployment;
+  Service_deployment service;
+  Played_workers workers;
+  Server server;
+  boost::asio::io_context context;
+  udp::socket discovery{context, udp::endpoint(peer, deployment.discovery.port)};
+  std::uint16_t session = 0;
+  const std::shared_ptr<Found> search = std::make_shared<Found>();
+  std::optional<Node> node;
+};
+
+TEST(Node, opens_no_connection_to_a_server_that_has_gone_when_a_call_is_sent) {
+  Using_node node;
+  ASSERT_TRUE(node.find());
+  node.workers.control().poll();
+  node.offer(0);
+  node.workers.notice();
+  node.call(nullptr);
+  ASSERT_EQ(node.search->count, 1U) << "the call comes before the end of the offer is known";
+  ASSERT_TRUE(node.workers.until([&] { return node.search->count == 0; }));
+  node.workers.control().poll();
+  EXPECT_FALSE(node.server.accept());
+}
+
+TEST(Node, closes_a_connection_when_the_last_of_its_callers_ends_and_sends_first_what_waits) {
+  Using_node node;
+  ASSERT_TRUE(node.find());
+  const int first = 1;
+  const int second = 2;
+  const auto accepted = [&] { return node.server.accept(); };
+  const auto received = [&](std::size_t count) {
+    return [&node, count] { return node.server.sessions().size() == count; };
   };
-  const auto search = std::make_shared<Found>();
-  node.start_search(service, any_instance, search);
-  offer(endless_ttl);
-  ASSERT_TRUE(workers.until([&] { return search->count == 1; }));
+  const auto ended = [&] { return node.server.ended(); };
 
-  workers.control().poll();
-  offer(0);
-  workers.notice();
-  node.call({service.id, 1, service.major_version}, 1, Transport::tcp, {}, nullptr,
-            [](Return_code, Bytes) {});
-  ASSERT_EQ(search->count, 1U) << "the call comes before the end of the offer is known";
-  ASSERT_TRUE(workers.until([&] { return search->count == 0; }));
-  workers.control().poll();
-  EXPECT_FALSE(server.accept());
+  node.call_no_return(&first);
+  node.node->cancel_calls(&first);
+  ASSERT_TRUE(node.workers.until(accepted)) << "it sends what was asked before there was one";
+  EXPECT_TRUE(node.workers.until(received(1)));
+  EXPECT_TRUE(node.workers.until(ended));
 
-  std::jthread control([&] { workers.control().run(); });
-  node.stop();
-  workers.control().stop();
+  node.call_no_return(&first);
+  node.call(&second);
+  ASSERT_TRUE(node.workers.until(accepted));
+  EXPECT_TRUE(node.workers.until(received(3)));
+  node.node->cancel_calls(&first);
+  node.call_no_return(&second);
+  node.node->cancel_calls(&second);
+  EXPECT_TRUE(node.workers.until(received(4))) << "on the same connection: the second kept it";
+  EXPECT_TRUE(node.workers.until(ended));
 }
 
 }  // namespace

@@ -202,7 +202,8 @@ void Connection::call(std::uint16_t method, Payload arguments, Response_handler 
 }
 
 void Connection::call_no_return(std::uint16_t method, Payload arguments) {
-  node_.call_no_return(remote_->key, method, transport_of(remote_->service, method), arguments);
+  node_.call_no_return(remote_->key, method, transport_of(remote_->service, method), arguments,
+                       this);
 }
 
 }  // namespace tq::com
