@@ -1,6 +1,7 @@
 """On the wire: addresses and ports, datagrams and streams, unicast and multicast."""
 
 import pathlib
+import struct
 
 from devices import *
 from network import *
@@ -281,10 +282,12 @@ class Wire(suite.Group):
         host, peer, stream = self.stream_host(group=TICK_GROUP)
         self.event(host, stream, of="stream")
         lost = host.count("tcpLost")
+        stream.socket.setsockopt(socket.SOL_SOCKET, socket.SO_LINGER, struct.pack("ii", 1, 0))  # a reset frees its port
+        _, port = stream.address
         stream.close()
         peer.parts.remove(stream)
         self.network.wait(lambda: host.count("tcpLost") > lost, "loss of the connection")
-        again = peer.connect(host.at(STREAM))
+        again = peer.connect(host.at(STREAM), port)
         host.do("event stream tick 02")
         for _ in range(2):
             peer.call(again, STREAM, ECHO, b"x")

@@ -440,8 +440,8 @@ class Peer:
     def listener(self, port):
         return self.keep(Listener(self.network, self.address, port))
 
-    def connect(self, to):
-        connection = socket.create_connection(to, PATIENCE, (self.address, 0))
+    def connect(self, to, port=0):
+        connection = socket.create_connection(to, PATIENCE, (self.address, port))
         return self.keep(Stream(self.network, connection))
 
     def close(self):
