@@ -319,6 +319,7 @@ void Node_client::notification(Received message,
     counters_.notifications_received.add();
     sink->set_value_seen(true);
     const bool last = &sink == &sinks.back();
+    // NOLINTNEXTLINE(bugprone-use-after-move): it is moved in the last turn only
     if (sink->enqueue(last ? std::move(message) : message)) tasks.push_back(std::move(sink));
   }
 }
