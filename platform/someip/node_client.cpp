@@ -311,17 +311,18 @@ void Node_client::notification(Received message,
     counters_.dropped_unexpected.add();
     return;
   }
-  for (auto& sink : sinks) {
+  const auto hand_to = [&](std::shared_ptr<Event_sink>& sink, Received notification) {
     if (header.interface_version != sink->interface_version()) {
       counters_.dropped_wrong_version.add();
-      continue;
+      return;
     }
     counters_.notifications_received.add();
     sink->set_value_seen(true);
-    const bool last = &sink == &sinks.back();
-    // NOLINTNEXTLINE(bugprone-use-after-move): it is moved in the last turn only
-    if (sink->enqueue(last ? std::move(message) : message)) tasks.push_back(std::move(sink));
-  }
+    if (sink->enqueue(std::move(notification))) tasks.push_back(std::move(sink));
+  };
+  for (std::size_t i = 0; i + 1 < sinks.size(); ++i)
+    hand_to(sinks[i], message);
+  hand_to(sinks.back(), std::move(message));
 }
 
 std::optional<Endpoint> Node_client::endpoint_of(const Instance_key& instance,
