@@ -102,9 +102,12 @@ class Group(unittest.TestCase):
         peer.call(device, *device.ping, **fields)
 
     def only_answered(self, device, peer, *sessions):
-        """Of all requests that the peer's caller has sent, only these have been answered."""
+        """Of all requests that the peer's caller has sent, only these have been answered, in whatever order."""
         self.settled(device, peer, session=0x7777)
-        self.assertEqual([one.session for one in peer.caller().messages], [*sessions, 0x7777])
+        expected = sorted([*sessions, 0x7777])
+        answered = peer.caller().messages
+        self.network.wait(lambda: len(answered) >= len(expected), "responses")
+        self.assertEqual(sorted(one.session for one in answered), expected)
 
     # The host as client
 
