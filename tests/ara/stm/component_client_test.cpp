@@ -156,8 +156,8 @@ TEST_F(ComponentClientTest, a_handler_may_wait_for_a_thread_that_is_confirming) 
 TEST_F(ComponentClientTest, a_request_that_is_never_confirmed_gives_way_to_later_ones) {
   std::atomic<int> calls = 0;
   Create([&calls](ComponentClient& client, const std::string& state, std::uint32_t number) {
+    ++calls;  // first: who waits for the confirmation counts on it
     if (state == "kOn") client.confirm(number, state, 0);
-    ++calls;
   });
   std::vector<std::future<std::string>> waiting;
   const auto leave_open = [&](int number) {
