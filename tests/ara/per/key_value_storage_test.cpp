@@ -99,7 +99,8 @@ TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fail
 }
 
 TEST_F(KeyValueStorageTest, the_folder_comes_from_the_environment_in_order) {
-  const std::string home = std::getenv("HOME") != nullptr ? std::getenv("HOME") : "";
+  const char* const set = std::getenv("HOME");
+  const std::string home = set != nullptr ? set : "";
   ::setenv("STATE_DIRECTORY", (root_ / "systemd:/elsewhere").c_str(), 1);
   ::setenv("XDG_STATE_HOME", (root_ / "xdg").c_str(), 1);
   ::setenv("HOME", (root_ / "home").c_str(), 1);

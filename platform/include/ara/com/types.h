@@ -49,7 +49,7 @@ struct SampleSlot {
   /// So much room a list keeps for the next notification; above it, its memory is given back. Many
   /// times what any list here usually needs, and little beside what a single message may: an empty
   /// record of four bytes on the wire takes hundreds in memory.
-  static constexpr std::size_t kMostKeptBytes = 64 * 1024;
+  static constexpr std::size_t kMostKeptBytes = std::size_t{64} * 1024;
 
   Sample value{};
   std::atomic<bool> taken{false};  ///< waits, or the application holds it
