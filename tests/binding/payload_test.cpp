@@ -12,7 +12,6 @@ namespace {
 using binding::Buffer;
 using binding::Cursor;
 using binding::Serialization_settings;
-using binding::Wire_type;
 using test::error_of;
 using test::hex;
 
