@@ -63,7 +63,7 @@ TEST(Length_field, refuses_other_sizes_and_values_that_do_not_fit) {
 }
 
 TEST(Length_field, after_wire_type_4_needs_three_equal_sizes) {
-  using enum Wire_type;
+  using enum binding::Wire_type;
   constexpr auto sizes = [](std::uint64_t array, std::uint64_t string, std::uint64_t structure) {
     return Serialization_settings{.array_length_field_size = array,
                                   .string_length_field_size = string,
