@@ -2,6 +2,7 @@
 
 import re
 import signal
+import socket
 import struct
 import subprocess
 
@@ -60,12 +61,18 @@ class Log:
         quiet = {"stdin": subprocess.DEVNULL, "stderr": subprocess.DEVNULL, "cwd": folder}
         self.processes.append(subprocess.Popen(
             ["dlt-daemon", "-t", folder, "-p", str(port)], stdout=subprocess.DEVNULL, **quiet))
-        until(lambda: (folder / "dlt").exists(), "the pipe of dlt-daemon")
+        until((folder / "dlt").exists, "the pipe of dlt-daemon")
+        until(lambda: self.listens(port), "the port of dlt-daemon, which dlt-receive tries once")
         with open(self.printed, "wb") as printed:
             self.processes.append(subprocess.Popen(
                 ["stdbuf", "-oL", "dlt-receive", "-a", "-o", self.file, "-p", str(port), "localhost"],
                 stdout=printed, **quiet))
         until(lambda: "New client connection" in self.printed.read_text(errors="replace"), "the receiver")
+
+    @staticmethod
+    def listens(port):
+        with socket.socket() as client:
+            return client.connect_ex(("localhost", port)) == 0
 
     def of(self, process=None):
         data = self.file.read_bytes()
