@@ -1,7 +1,6 @@
-/// Words that the two sides of service discovery and their node share.
+/// Types shared by both sides of service discovery and their node.
 #pragma once
 
-#include <chrono>
 #include <compare>
 #include <cstdint>
 #include <map>
@@ -12,10 +11,9 @@
 #include "platform/someip/deployment.h"
 #include "platform/someip/discovery_message.h"
 #include "platform/someip/endpoint.h"
+#include "platform/someip/time.h"
 
 namespace someip {
-
-using Time = std::chrono::steady_clock::time_point;
 
 /// An instance of a service, in the version that its interface has.
 struct Instance_key {

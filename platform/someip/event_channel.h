@@ -13,17 +13,10 @@
 #include "platform/someip/counters.h"
 #include "platform/someip/message.h"
 #include "platform/someip/sessions.h"
+#include "platform/someip/stream.h"
 #include "platform/someip/udp_port.h"
 
 namespace someip {
-
-/// A connection that takes whole messages.
-class Stream {
- public:
-  virtual ~Stream() = default;
-  /// Queues a message and returns at once; a reader that is too slow loses the connection.
-  virtual void send(const Header& header, Bytes payload) = 0;
-};
 
 /// Where the notifications of an event go. Immutable once shared: sending needs no lock.
 struct Event_targets {

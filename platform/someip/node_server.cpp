@@ -29,6 +29,33 @@ class Node_server::Service_port final : public Udp_port::Receiver {
   Counters& counters_;
 };
 
+/// The same for the connections of clients.
+class Node_server::Tcp_service_port final {
+ public:
+  /// Throws boost::system::system_error when the port cannot be listened on.
+  Tcp_service_port(const Endpoint& local, Node_server& server)
+      : connections(std::make_shared<Tcp_server>(local,
+                                                 server.context_.deployment.limits,
+                                                 server.context_.workers,
+                                                 server.context_.counters,
+                                                 server.context_.log,
+                                                 events(server))) {}
+
+  Service_table table;
+  const std::shared_ptr<Tcp_server> connections;
+
+ private:
+  [[nodiscard]] Tcp_server::Events events(Node_server& server) {
+    return {[&server] { return server.admit_connection(); },
+            [&server](const Endpoint& client) { server.connection_lost(client); },
+            [this, &server](Received message, const Endpoint& client,
+                            const std::shared_ptr<Stream>& connection, Tasks& tasks) {
+              table.dispatch(std::move(message), client, {nullptr, connection, {}}, tasks,
+                             server.requests_, server.context_.counters);
+            }};
+  }
+};
+
 std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& service,
                                                       const Instance_deployment* instance) {
   std::map<std::uint16_t, Group_transport> groups;
@@ -62,7 +89,7 @@ void Node_server::start_watching() {
 void Node_server::peer_restarted(const Address& peer, Time last_contact) {
   const std::lock_guard lock(ports_mutex_);
   for (const auto& [number, port] : tcp_ports_)
-    port->forget(peer, last_contact);
+    port->connections->forget(peer, last_contact);
 }
 
 void Node_server::link_up() {
@@ -74,13 +101,13 @@ void Node_server::link_up() {
 void Node_server::link_down() {
   const std::lock_guard lock(ports_mutex_);
   for (const auto& [number, port] : tcp_ports_)
-    port->drop_connections();
+    port->connections->drop_connections();
 }
 
 void Node_server::close_connections() {
   const std::lock_guard lock(ports_mutex_);
   for (const auto& [number, port] : tcp_ports_)
-    port->close();
+    port->connections->close();
 }
 
 void Node_server::close_ports() {
@@ -137,30 +164,22 @@ std::shared_ptr<Node_server::Service_port> Node_server::udp_port(
   return port;
 }
 
-std::shared_ptr<Tcp_service_port> Node_server::tcp_port(const Instance_deployment& instance) {
+std::shared_ptr<Node_server::Tcp_service_port> Node_server::tcp_port(
+    const Instance_deployment& instance) {
   if (!instance.tcp_port) return nullptr;
   const std::lock_guard lock(ports_mutex_);
   const auto known = tcp_ports_.find(*instance.tcp_port);
   if (known != tcp_ports_.end()) return known->second;
   std::shared_ptr<Tcp_service_port> port;
   try {
-    port = std::make_shared<Tcp_service_port>(Endpoint{context_.own, *instance.tcp_port},
-                                              context_.deployment.limits, requests_,
-                                              context_.workers, context_.counters, context_.log);
+    port = std::make_shared<Tcp_service_port>(Endpoint{context_.own, *instance.tcp_port}, *this);
   } catch (const boost::system::system_error& error) {
     throw std::runtime_error(context_.deployment.source + ": tcpPort of instance \"" +
                              instance.specifier + "\": port " + std::to_string(*instance.tcp_port) +
                              " of " + context_.own.to_string() +
                              " cannot be used: " + error.code().message());
   }
-  context_.on_control([this, port] {
-    port->start([this] { return admit_connection(); },
-                [this](const Endpoint& client) {
-                  context_.change([&](Discovery_server& server, Discovery_client&) {
-                    server.connection_lost(client);
-                  });
-                });
-  });
+  context_.on_control([port] { port->connections->start(); });
   return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
 }
 
@@ -168,15 +187,20 @@ bool Node_server::admit_connection() {
   const std::lock_guard lock(ports_mutex_);
   std::size_t count = 0;
   for (const auto& [number, port] : tcp_ports_)
-    count += port->connections();
+    count += port->connections->connections();
   return count < context_.deployment.limits.tcp_connections;
+}
+
+void Node_server::connection_lost(const Endpoint& client) {
+  context_.change(
+      [&](Discovery_server& server, Discovery_client&) { server.connection_lost(client); });
 }
 
 bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
   const auto instance = offered_.find(offer.key);
   if (instance == offered_.end()) return false;
   const auto port = tcp_port(instance->second->deployment());
-  return port && port->connection_of(client) != nullptr;
+  return port && port->connections->connection_of(client) != nullptr;
 }
 
 std::shared_ptr<Provided_instance> Node_server::provide(const Service_deployment& service,
@@ -235,7 +259,7 @@ void Node_server::subscribers_changed(const Instance_key& key,
         targets->udp.emplace_back(*endpoints.udp);
       }
       if (!tcp || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
-      if (auto stream = tcp->connection_of(*endpoints.tcp)) {
+      if (auto stream = tcp->connections->connection_of(*endpoints.tcp)) {
         targets->streams.push_back(std::move(stream));
       }
     }

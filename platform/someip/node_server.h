@@ -51,10 +51,12 @@ class Node_server final : public Discovery_server_host {
 
  private:
   class Service_port;
+  class Tcp_service_port;
 
   [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
   [[nodiscard]] bool admit_connection();
+  void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
 
   Node_context& context_;

@@ -9,8 +9,10 @@
 #include <optional>
 #include <vector>
 
-#include "platform/someip/discovery_types.h"
+#include "platform/someip/deployment.h"
+#include "platform/someip/endpoint.h"
 #include "platform/someip/message.h"
+#include "platform/someip/time.h"
 
 namespace someip {
 

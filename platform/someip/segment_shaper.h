@@ -16,8 +16,9 @@
 
 #include "platform/someip/counters.h"
 #include "platform/someip/deployment.h"
-#include "platform/someip/discovery_types.h"
+#include "platform/someip/endpoint.h"
 #include "platform/someip/message.h"
+#include "platform/someip/time.h"
 #include "platform/someip/udp_socket.h"
 
 namespace someip {

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <array>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -12,6 +11,7 @@
 #include "platform/someip/deployment.h"
 #include "platform/someip/endpoint.h"
 #include "platform/someip/message.h"
+#include "platform/someip/time.h"
 
 namespace someip {
 
@@ -42,7 +42,6 @@ bool for_each_segment(Header header, Bytes payload, Send&& send);
 /// its rest comes at last. Not thread-safe.
 class Reassembler {
  public:
-  using Time = std::chrono::steady_clock::time_point;
   explicit Reassembler(const Limits& limits) : limits_(limits) {}
 
   enum class Result : std::uint8_t {

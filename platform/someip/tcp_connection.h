@@ -10,12 +10,13 @@
 
 #include "platform/someip/counters.h"
 #include "platform/someip/deployment.h"
-#include "platform/someip/discovery_types.h"
-#include "platform/someip/event_channel.h"
+#include "platform/someip/endpoint.h"
 #include "platform/someip/log.h"
 #include "platform/someip/received.h"
+#include "platform/someip/stream.h"
 #include "platform/someip/stream_reader.h"
 #include "platform/someip/task.h"
+#include "platform/someip/time.h"
 #include "platform/someip/workers.h"
 
 namespace someip {

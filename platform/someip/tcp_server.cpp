@@ -10,17 +10,17 @@ namespace someip {
 using boost::asio::ip::tcp;
 using boost::system::error_code;
 
-Tcp_service_port::Tcp_service_port(const Endpoint& local,
-                                   const Limits& limits,
-                                   Request_budget& budget,
-                                   Workers& workers,
-                                   Counters& counters,
-                                   Log& log)
+Tcp_server::Tcp_server(const Endpoint& local,
+                       const Limits& limits,
+                       Workers& workers,
+                       Counters& counters,
+                       Log& log,
+                       Events events)
     : limits_(limits),
-      budget_(budget),
       workers_(workers),
       counters_(counters),
       log_(log),
+      events_(std::move(events)),
       acceptor_(workers.control()),
       retry_(workers.control()) {
   const tcp::endpoint endpoint = tcp_endpoint_of(local);
@@ -34,26 +34,19 @@ Tcp_service_port::Tcp_service_port(const Endpoint& local,
   acceptor_.listen();
 }
 
-void Tcp_service_port::start(std::function<bool()> admit,
-                             std::function<void(const Endpoint&)> lost) {
-  admit_ = std::move(admit);
-  lost_ = std::move(lost);
-  accept();
-}
-
-void Tcp_service_port::close() {
+void Tcp_server::close() {
   error_code ignored;
   acceptor_.close(ignored);
   retry_.cancel();
   drop_connections();
 }
 
-void Tcp_service_port::drop_connections() {
+void Tcp_server::drop_connections() {
   for (const auto& connection : std::exchange(connections_, {}))
     connection->close();
 }
 
-void Tcp_service_port::accept() {
+void Tcp_server::accept() {
   acceptor_.async_accept(accepted_, [this, self = shared_from_this()](const error_code& error,
                                                                       tcp::socket socket) {
     if (!acceptor_.is_open()) return;
@@ -65,7 +58,7 @@ void Tcp_service_port::accept() {
       });
       return;
     }
-    if (admit_()) {
+    if (events_.admit()) {
       counters_.tcp_accepted.add();
       connections_.push_back(std::make_shared<Tcp_connection>(
           std::move(socket), endpoint_of(accepted_), false, limits_,
@@ -79,25 +72,24 @@ void Tcp_service_port::accept() {
   });
 }
 
-void Tcp_service_port::received(Received message,
-                                const std::shared_ptr<Tcp_connection>& connection,
-                                Tasks& tasks) {
-  table.dispatch(std::move(message), connection->peer(), {nullptr, connection, {}}, tasks, budget_,
-                 counters_);
+void Tcp_server::received(Received message,
+                          const std::shared_ptr<Tcp_connection>& connection,
+                          Tasks& tasks) {
+  events_.received(std::move(message), connection->peer(), connection, tasks);
 }
 
-void Tcp_service_port::lost(const std::shared_ptr<Tcp_connection>& connection) {
+void Tcp_server::lost(const std::shared_ptr<Tcp_connection>& connection) {
   std::erase(connections_, connection);
-  lost_(connection->peer());
+  events_.lost(connection->peer());
 }
 
-std::shared_ptr<Stream> Tcp_service_port::connection_of(const Endpoint& client) const {
+std::shared_ptr<Stream> Tcp_server::connection_of(const Endpoint& client) const {
   const auto found = std::ranges::find_if(
       connections_, [&](const auto& connection) { return connection->peer() == client; });
   return found == connections_.end() ? nullptr : *found;
 }
 
-void Tcp_service_port::forget(const Address& peer, Time before) {
+void Tcp_server::forget(const Address& peer, Time before) {
   const auto old = [&](const auto& connection) {
     return connection->peer().address == peer && connection->established() < before;
   };

@@ -1,4 +1,4 @@
-/// The connections that clients have opened to the node's services.
+/// One listening port and the connections that clients have opened to it.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
@@ -7,37 +7,45 @@
 #include <memory>
 #include <vector>
 
-#include "platform/someip/provided_instance.h"
 #include "platform/someip/tcp_connection.h"
 
 namespace someip {
 
-/// One listening port and the services behind it. Lives on the control thread, except the
-/// constructor and `table`.
-class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_port>,
-                               private Tcp_connection::Handler {
+/// Lives on the control thread, except its constructor.
+class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
+                         private Tcp_connection::Handler {
  public:
-  /// Binds and listens. Throws boost::system::system_error.
-  Tcp_service_port(const Endpoint& local,
-                   const Limits& limits,
-                   Request_budget& budget,
-                   Workers& workers,
-                   Counters& counters,
-                   Log& log);
+  /// Called on the control thread, from start() to close().
+  struct Events {
+    /// May one more connection be accepted?
+    std::function<bool()> admit;
+    std::function<void(const Endpoint& client)> lost;
+    /// `connection` is the way back to `client`.
+    std::function<void(Received message,
+                       const Endpoint& client,
+                       const std::shared_ptr<Stream>& connection,
+                       Tasks& tasks)>
+        received;
+  };
 
-  /// `admit` says whether one more connection may be accepted; `lost` is told which client has
-  /// gone.
-  void start(std::function<bool()> admit, std::function<void(const Endpoint& client)> lost);
+  /// Binds and listens. Throws boost::system::system_error.
+  Tcp_server(const Endpoint& local,
+             const Limits& limits,
+             Workers& workers,
+             Counters& counters,
+             Log& log,
+             Events events);
+
+  void start() { accept(); }
   void close();
 
+  /// Null when `client` has no open connection to this port.
   [[nodiscard]] std::shared_ptr<Stream> connection_of(const Endpoint& client) const;
   [[nodiscard]] std::size_t connections() const { return connections_.size(); }
   /// Closes every connection; listens on.
   void drop_connections();
   /// Closes what `peer` opened before `before`.
   void forget(const Address& peer, Time before);
-
-  Service_table table;
 
  private:
   void accept();
@@ -47,15 +55,13 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
   void lost(const std::shared_ptr<Tcp_connection>& connection) override;
 
   const Limits& limits_;
-  Request_budget& budget_;
   Workers& workers_;
   Counters& counters_;
   Log& log_;
+  const Events events_;
   boost::asio::ip::tcp::acceptor acceptor_;
   boost::asio::ip::tcp::endpoint accepted_;  ///< where the connection comes from
   boost::asio::steady_timer retry_;
-  std::function<bool()> admit_;
-  std::function<void(const Endpoint&)> lost_;
   std::vector<std::shared_ptr<Tcp_connection>> connections_;
 };
 
