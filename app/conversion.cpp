@@ -1,10 +1,9 @@
-#include "posService/conversion.h"
+#include "app/conversion.h"
 
 #include <string_view>
 #include <tuple>
 #include <utility>
 
-namespace posService {
 namespace {
 
 using Gnss = lumo::services::gnss::datatypes::DT_positions_struct;
@@ -30,7 +29,7 @@ constexpr std::size_t count_status_members() {
   binding::for_each_member<Output>([&](const auto& member) { count += is_status(member.name); });
   return count;
 }
-static_assert(count_status_members() == std::tuple_size_v<OutputDefaults>);
+static_assert(count_status_members() == std::tuple_size_v<Output_defaults>);
 
 /// Takes over the entry at `Index` of the GNSS record when it is a measured quantity.
 template <std::size_t Index>
@@ -49,7 +48,7 @@ void take_over(const Gnss& gnss, Output& output) {
 
 }  // namespace
 
-Output toPositioning(const Gnss& gnss, const OutputDefaults& defaults) {
+Output to_positioning(const Gnss& gnss, const Output_defaults& defaults) {
   Output output;
   output.messageCounter = gnss.messageCounter;
   [&]<std::size_t... Index>(std::index_sequence<Index...>) {
@@ -64,5 +63,3 @@ Output toPositioning(const Gnss& gnss, const OutputDefaults& defaults) {
   });
   return output;
 }
-
-}  // namespace posService

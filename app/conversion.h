@@ -7,16 +7,12 @@
 #include "clients/GnssRecords.h"
 #include "posService/PositioningRecords.h"
 
-namespace posService {
-
 /// Values of the published position's status members, statusPosition to statusMapMatching in
 /// declaration order, which no GNSS position carries.
-using OutputDefaults = std::array<std::uint32_t, 7>;
+using Output_defaults = std::array<std::uint32_t, 7>;
 
 /// Carries over the message counter and, under the same name, each measured quantity whose value is
 /// physical; everything else that `defaults` does not fill stays absent, the type included.
-[[nodiscard]] lumo::services::positioning::datatypes::DT_positions_struct toPositioning(
+[[nodiscard]] lumo::services::positioning::datatypes::DT_positions_struct to_positioning(
     const lumo::services::gnss::datatypes::DT_positions_struct& gnss,
-    const OutputDefaults& defaults);
-
-}  // namespace posService
+    const Output_defaults& defaults);

@@ -16,7 +16,7 @@
 
 namespace {
 
-using diagnosisService::DataBusElement;
+using diagnosisService::Data_bus_element;
 using diagnosisService::DataBusFault;
 using diagnosisService::kMonitorInputGnss;
 using diagnosisService::kMonitorInputTime;
@@ -33,17 +33,17 @@ constexpr std::uint64_t kDataTimeoutMs = 5000;
 /// The type of a time that carries the platform offset.
 constexpr std::uint32_t kPlatformTime = 2;
 
-DataBusElement elementOf(gnssClient::gnssClientImpl::Field field) {
+Data_bus_element elementOf(gnssClient::gnssClientImpl::Field field) {
   using Field = gnssClient::gnssClientImpl::Field;
   switch (field) {
     case Field::positions:
-      return DataBusElement::GNSS_positions;
+      return Data_bus_element::GNSS_positions;
     case Field::positionsQuality:
-      return DataBusElement::GNSS_positionsQuality;
+      return Data_bus_element::GNSS_positionsQuality;
     case Field::posGnssSatInfos:
       break;
   }
-  return DataBusElement::GNSS_posGnssSatInfos;
+  return Data_bus_element::GNSS_posGnssSatInfos;
 }
 
 }  // namespace
@@ -127,14 +127,15 @@ void posApplication::signalHandler(int sigId) {
   }
 }
 
-void posApplication::reportFaults(DataBusElement field, const clients::Data_faults& faults) {
+void posApplication::reportFaults(Data_bus_element field, const clients::Data_faults& faults) {
   diagnosisService_.setDataBusFault(DataBusFault::errorValueReceived, field, faults.error_value);
   diagnosisService_.setDataBusFault(DataBusFault::implausible, field, faults.implausible);
 }
 
 void posApplication::initGnssClient() {
   gnssClient_.setAvailabilityCallback([this](bool available) {
-    diagnosisService_.setDataBusFault(DataBusFault::notAvailable, DataBusElement::GNSS, !available);
+    diagnosisService_.setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS,
+                                      !available);
   });
   gnssClient_.setDataFaultsCallback(
       [this](auto field, const auto& faults) { reportFaults(elementOf(field), faults); });
@@ -150,7 +151,7 @@ void posApplication::initGnssClient() {
 void posApplication::sendDRPosition(const GnssPosition& position) {
   ara::log::LogInfo() << "Sending " << (settings_->useGNSSDR ? "GNSS-DR" : "GNSS")
                       << " input position as POS output DR position.";
-  posService_.sendDR(posService::toPositioning(position, outputDefaults_));
+  posService_.sendDR(to_positioning(position, outputDefaults_));
   const auto now = diagnosisService::diagnosisServiceImpl::Clock::now();
   diagnosisService_.dataReceived(kMonitorOutputDeadReckoning, now);
   diagnosisService_.dataReceived(kMonitorInputGnss, now);
@@ -158,10 +159,11 @@ void posApplication::sendDRPosition(const GnssPosition& position) {
 
 void posApplication::initTimemasterClient() {
   timemasterClient_.setAvailabilityCallback([this](bool available) {
-    diagnosisService_.setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, !available);
+    diagnosisService_.setDataBusFault(DataBusFault::notAvailable, Data_bus_element::Time,
+                                      !available);
   });
   timemasterClient_.setDataFaultsCallback(
-      [this](const auto& faults) { reportFaults(DataBusElement::Time_times, faults); });
+      [this](const auto& faults) { reportFaults(Data_bus_element::Time_times, faults); });
   timemasterClient_.setTimesCallback([this](const Times& times) { receiveTimes(times); });
   timemasterClient_.init();
 }

@@ -8,12 +8,12 @@
 #include "app/ComponentClientWrapper.h"
 #include "app/Settings.h"
 #include "app/application_instance.h"
+#include "app/conversion.h"
 #include "clients/TimemasterClientImpl.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "persistency/Persistency.h"
 #include "phm/phmClientImpl.h"
-#include "posService/conversion.h"
 #include "posService/posServiceImpl.h"
 
 class posApplication {
@@ -43,7 +43,7 @@ class posApplication {
   void initGnssClient();
   void initTimemasterClient();
 
-  void reportFaults(diagnosisService::DataBusElement field, const clients::Data_faults& faults);
+  void reportFaults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
 
   // On threads of the middleware; settings_ and outputDefaults_ do not change any more then.
   void sendDRPosition(const GnssPosition& position);
@@ -55,7 +55,7 @@ class posApplication {
   posServiceImpl posService_;
   phmClient::phmClientImpl phmClient_{ara::core::InstanceSpecifier(kApplicationInstance)};
   TimemasterClient::TimemasterClientImpl timemasterClient_;
-  posService::OutputDefaults outputDefaults_{};
+  Output_defaults outputDefaults_{};
   std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()
   std::optional<Settings> settings_;
   std::optional<ComponentClientWrapper> componentClient_;

@@ -5,13 +5,13 @@
 #include <cstdint>
 #include <vector>
 
+#include "app/conversion.h"
 #include "ara/log/logger.h"
 #include "bench/Quiet_runtime.h"
 #include "binding/codec.h"
 #include "clients/GnssRecords.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
-#include "posService/conversion.h"
 #include "posService/posServiceImpl.h"
 
 namespace bench {
@@ -68,7 +68,7 @@ class Road {
       ara::log::LogInfo() << "Sending "
                           << "GNSS-DR"
                           << " input position as POS output DR position.";
-      service_.sendDR(posService::toPositioning(position, {2, 1, 2, 2, 2, 1, 0}));
+      service_.sendDR(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}));
       diagnosis_.dataReceived(0x83D104);
       diagnosis_.dataReceived(0x83D101);
     });

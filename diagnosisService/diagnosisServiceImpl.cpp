@@ -1,9 +1,7 @@
 #include "diagnosisService/diagnosisServiceImpl.h"
 
 #include <algorithm>
-#include <cmath>
 #include <future>
-#include <limits>
 #include <optional>
 #include <span>
 #include <stdexcept>
@@ -13,14 +11,11 @@
 #include <utility>
 
 #include "diagnosisService/DataIdentifierSkeletonImpl.h"
-#include "posService/PositioningRecords.h"
 
 namespace diagnosisService {
 
 namespace {
 
-using lumo::services::positioning::datatypes::DT_positions_struct;
-using lumo::services::positioning::datatypes::DT_posMapInfo_struct;
 using mw::dm::dem::MonitorActionType;
 
 /// Padded to one width: the lines are read as a table.
@@ -29,13 +24,6 @@ constexpr std::array<std::string_view, kInputCount> kSensorLabels{
     "sensor Kamera_Landmarken  ", "sensor TopView_Landmarken ", "sensor Lidar_Landmarken   ",
     "sensor Radar_Landmarken   ", "sensor BD_Karte_PSD       ", "sensor Zeitmaster         ",
     "sensor Kamera_BV_Linien   ", "sensor Kamera_Odometrie   "};
-
-/// An output is bound to a system function: while that is in Error or Init, the output is too.
-struct OutputRule {
-  std::size_t output;
-  std::size_t systemByte;
-};
-constexpr std::array kOutputRules{OutputRule{0, kSystemMapMatching}, OutputRule{1, kSystemPgf}};
 
 std::string_view actionName(MonitorActionType action) {
   const auto name = mw::dm::dem::nameOf(action);
@@ -48,76 +36,6 @@ Record recordOf(const std::array<std::uint8_t, Size>& bytes) {
   binding::Cursor cursor{std::as_bytes(std::span{bytes})};
   Record record;
   binding::decode(cursor, record);
-  return record;
-}
-
-/// The lowest bytes of `value`, most significant first; a value that does not fit becomes the
-/// nearest that does.
-template <std::size_t Size>
-std::array<std::uint8_t, Size> bigEndian(double value, double lowest, double highest) {
-  auto rest = static_cast<std::uint64_t>(std::llround(std::clamp(value, lowest, highest)));
-  std::array<std::uint8_t, Size> bytes;
-  for (auto byte = bytes.rbegin(); byte != bytes.rend(); ++byte, rest >>= 8U) {
-    *byte = static_cast<std::uint8_t>(rest & 0xFFU);
-  }
-  return bytes;
-}
-template <std::size_t Size>
-std::array<std::uint8_t, Size> signedBigEndian(double value) {
-  const auto limit = std::ldexp(1.0, Size * 8 - 1);
-  return bigEndian<Size>(value, -limit, limit - 1);
-}
-template <std::size_t Size>
-std::array<std::uint8_t, Size> unsignedBigEndian(double value) {
-  return bigEndian<Size>(value, 0, std::ldexp(1.0, Size * 8) - 1);
-}
-
-template <class Value>
-bool isUsable(const boost::optional<Value>& value) {
-  return value && std::isfinite(*value);
-}
-
-/// Four bits; 15 stands for absent and for what four bits cannot carry.
-unsigned nibble(const boost::optional<std::uint32_t>& value) {
-  constexpr unsigned none = 15;
-  return value && *value < none ? *value : none;
-}
-
-MapMatchedRecord mapMatchedRecord(const DT_positions_struct& position,
-                                  const DT_posMapInfo_struct& mapInfo) {
-  constexpr std::uint32_t secondsPerDay = 86'400;
-  MapMatchedRecord record;
-  unsigned valid = 0;
-  auto& out = record.position;
-  if (isUsable(position.LAT)) {
-    out.latitude = signedBigEndian<5>(*position.LAT * 1e9);
-    valid |= 1U;
-  }
-  if (isUsable(position.LON)) {
-    out.longitude = signedBigEndian<5>(*position.LON * 1e9);
-    valid |= 2U;
-  }
-  if (isUsable(position.altitudeMeanSeaLevel)) {
-    out.altitude = signedBigEndian<3>(*position.altitudeMeanSeaLevel * 100.0);
-    valid |= 4U;
-  }
-  if (const auto seconds = mapInfo.preciseLocalTimeSeconds) {
-    const auto hundredths =
-        std::min(mapInfo.preciseLocalTimeNanoseconds.value_or(0) / 10'000'000U, 99U);
-    out.timeOfDay = unsignedBigEndian<3>((*seconds % secondsPerDay) * 100 + hundredths);
-    const std::uint32_t day = *seconds / secondsPerDay;
-    record.day = unsignedBigEndian<2>(day);
-    valid |= 8U;
-  }
-  out.state.validity = static_cast<std::uint8_t>(nibble(mapInfo.statusMap) << 4U | valid);
-  out.state.matching = static_cast<std::uint8_t>(nibble(mapInfo.positionSource) << 4U |
-                                                 nibble(mapInfo.statusMapMatching));
-  if (isUsable(position.yawAngle)) {
-    const double heading = std::fmod(*position.yawAngle, 360.0);
-    record.heading = unsignedBigEndian<2>((heading < 0 ? heading + 360.0 : heading) * 100.0);
-  }
-  if (isUsable(position.speed2D)) record.speed = unsignedBigEndian<2>(*position.speed2D * 100.0);
-  record.messageCounter = static_cast<std::uint8_t>(position.messageCounter.value_or(0) & 0xFFU);
   return record;
 }
 
@@ -150,10 +68,7 @@ diagnosisServiceImpl::diagnosisServiceImpl()
         } catch (const std::exception& error) {
           logger_.LogError() << "diagnosisServiceImpl: evaluation failed:" << error.what();
         }
-      }} {
-  for (auto& last : lastData_)
-    last.store(kNotInTable, std::memory_order_relaxed);
-}
+      }} {}
 
 diagnosisServiceImpl::~diagnosisServiceImpl() {
   stop();
@@ -181,11 +96,8 @@ void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
     if (std::exchange(initialised_, true)) {
       throw std::logic_error{"diagnosisServiceImpl::init: called twice"};
     }
-    block_ = {};
-    timeout_ = timeout;
+    book_.reset(timeout);
   }
-  for (auto& last : lastData_)
-    last.store(kNoData, std::memory_order_relaxed);
   timer_.start(
       std::max(std::chrono::milliseconds{timeout.count() / 10'000}, std::chrono::milliseconds{1}));
 
@@ -254,175 +166,68 @@ void diagnosisServiceImpl::withdraw() {
 }
 
 void diagnosisServiceImpl::dataReceived(std::uint32_t identifier, Clock::time_point at) noexcept {
-  const auto index = monitorIndex(identifier);
-  if (index == kNoMonitor) return;
-  auto& last = lastData_[index];
-  if (last.load(std::memory_order_relaxed) == kNotInTable) return;
-  last.store(std::max(at.time_since_epoch().count(), kNoData + 1), std::memory_order_relaxed);
+  book_.data_received(identifier, at);
 }
 
 void diagnosisServiceImpl::setSystemStatus(std::size_t byte, std::uint8_t status) {
-  if (byte >= kSystemCount) {
-    throw std::out_of_range{"diagnosisServiceImpl::setSystemStatus: byte " + std::to_string(byte) +
-                            ", expected 0 to " + std::to_string(kSystemCount - 1)};
-  }
   const std::lock_guard lock{mutex_};
-  block_.system[byte] = status;
+  book_.set_system_status(byte, status);
 }
 
 void diagnosisServiceImpl::newSensorSetup(const SensorSetup& setup) {
   {
     const std::lock_guard lock{mutex_};
-    sensorSetup_ = setup;
+    book_.set_sensor_setup(setup);
   }
   logger_.LogInfo() << "diagnosisServiceImpl got new sensor setup";
   for (std::size_t sensor = 0; sensor < setup.size(); ++sensor) {
     logger_.LogInfo() << kSensorLabels[sensor] << (setup[sensor] ? "ON" : "OFF");
   }
-  // The member and not the argument: another setup may have come while this one was logged.
+  // Of two setups at once, the one that came last holds for both flags and statuses.
   const std::lock_guard lock{mutex_};
-  for (std::size_t sensor = 0; sensor < sensorSetup_.size(); ++sensor) {
-    auto& status = block_.input[sensor];
-    if (!sensorSetup_[sensor]) {
-      status = kNotAvailable;
-    } else if (status != kNominal) {
-      status = kInit;
-    }
-  }
+  book_.apply_sensor_setup();
 }
 
-void diagnosisServiceImpl::refreshMapMatchedPosition(const DT_positions_struct& position,
-                                                     const DT_posMapInfo_struct& mapInfo) {
-  const auto record = mapMatchedRecord(position, mapInfo);
+void diagnosisServiceImpl::refreshMapMatchedPosition(const Map_matched_position& position) {
+  const auto record = map_matched_record(position);
   const std::lock_guard lock{mutex_};
-  block_.mapMatched = record;
+  mapMatched_ = record;
 }
 
-MapMatchedRecord diagnosisServiceImpl::mapMatchedPosition() const {
+Map_matched_record diagnosisServiceImpl::mapMatchedPosition() const {
   const std::lock_guard lock{mutex_};
-  return block_.mapMatched;
+  return mapMatched_;
 }
 
 void diagnosisServiceImpl::setDataBusFault(DataBusFault fault,
-                                           DataBusElement element,
+                                           Data_bus_element element,
                                            bool present) {
-  constexpr std::size_t entrySize = 5;
-  const auto number = static_cast<unsigned>(element);
-  const auto service = static_cast<std::uint8_t>(number >> 8U);
-  const auto field = static_cast<std::uint8_t>(number & 0xFFU);
-
   const std::lock_guard lock{mutex_};
-  auto& record = block_.dataBus[static_cast<std::size_t>(fault)];
-  auto& bytes = record.entries;
-  std::size_t at = 0;
-  while (at < bytes.size() && (bytes[at] != service || bytes[at + 1] != field))
-    at += entrySize;
-  if (at == bytes.size()) {
-    if (!present) return;
-    bytes.insert(bytes.end(), {service, field, 0, 0, 0});
-  }
-  auto& state = bytes[at + 2];
-  if ((state != 0) == present) return;
-  state = present ? 1 : 0;
-  if (!present) return;
-  // Counters stay at their end rather than start anew.
-  auto* const occurrences = std::as_writable_bytes(std::span{bytes}).data() + at + 3;
-  const auto before = binding::load<std::uint16_t>(occurrences, binding::Byte_order::big_endian);
-  if (before != std::numeric_limits<std::uint16_t>::max()) {
-    binding::store(occurrences, static_cast<std::uint16_t>(before + 1),
-                   binding::Byte_order::big_endian);
-  }
-  if (record.count != std::numeric_limits<std::uint32_t>::max()) ++record.count;
+  faults_.set(fault, element, present);
 }
 
 std::uint32_t diagnosisServiceImpl::dataBusFaultCount(DataBusFault fault) const {
   const std::lock_guard lock{mutex_};
-  return block_.dataBus[static_cast<std::size_t>(fault)].count;
+  return faults_.count(fault);
 }
 
 void diagnosisServiceImpl::clear(std::uint32_t identifier, Clock::time_point at) {
-  const auto index = monitorIndex(identifier);
-  if (index == kNoMonitor) return;
-  const auto& monitor = kMonitors[index];
-  // System functions and the static output are not evaluated, so nothing would bring a cleared
-  // Error back.
-  const bool clearable =
-      monitor.group == StatusGroup::input ||
-      (monitor.group == StatusGroup::output && monitor.byte < kOutputRules.size());
-  if (!clearable) return;
   const std::lock_guard lock{mutex_};
-  auto& status = monitor.group == StatusGroup::input ? block_.input[monitor.byte]
-                                                     : block_.output[monitor.byte];
-  if (status != kError) return;
-  dataReceived(identifier, at);
-  status = kNominal;
+  book_.clear(identifier, at);
 }
 
 std::uint8_t diagnosisServiceImpl::status(std::uint32_t identifier) const {
-  const auto index = monitorIndex(identifier);
-  if (index == kNoMonitor) return kNominal;
   const std::lock_guard lock{mutex_};
-  const auto& monitor = kMonitors[index];
-  switch (monitor.group) {
-    case StatusGroup::input:
-      return block_.input[monitor.byte];
-    case StatusGroup::output:
-      return block_.output[monitor.byte];
-    case StatusGroup::system:
-      return block_.system[monitor.byte];
-    case StatusGroup::none:
-      break;
-  }
-  return kNominal;
-}
-
-std::uint8_t diagnosisServiceImpl::evaluated(std::size_t monitor,
-                                             std::uint8_t status,
-                                             Clock::time_point now) const {
-  const auto last = lastData_[monitor].load(std::memory_order_relaxed);
-  if (last == kNotInTable) return status;
-  const bool late = last == kNoData || now - Clock::time_point{Clock::duration{last}} > timeout_;
-  switch (status) {
-    case kNominal:
-    case kError:
-      return late ? kError : kNominal;
-    case kInit:
-      return late ? kInit : kNominal;
-    default:
-      return status;
-  }
+  return book_.status(identifier);
 }
 
 void diagnosisServiceImpl::evaluate(Clock::time_point now) {
-  struct Change {
-    const Monitor* monitor;
-    std::uint8_t before;
-    std::uint8_t after;
-  };
-  std::array<Change, kInputCount + kOutputRules.size()> changes;
-  std::size_t count = 0;
+  std::vector<Status_book::Change> changes;
   {
     const std::lock_guard lock{mutex_};
-    const auto take = [&](const Monitor& monitor, std::uint8_t& status, std::uint8_t now_is) {
-      if (status == now_is) return;
-      changes[count++] = {&monitor, status, now_is};
-      status = now_is;
-    };
-    for (std::size_t sensor = 0; sensor < kInputCount; ++sensor) {
-      if (!sensorSetup_[sensor]) continue;
-      const auto index = monitorIndex(StatusGroup::input, sensor);
-      auto& status = block_.input[sensor];
-      take(kMonitors[index], status, evaluated(index, status, now));
-    }
-    for (const auto& rule : kOutputRules) {
-      const auto index = monitorIndex(StatusGroup::output, rule.output);
-      const auto governing = block_.system[rule.systemByte];
-      auto& status = block_.output[rule.output];
-      const bool governed = governing == kError || governing == kInit;
-      take(kMonitors[index], status, governed ? governing : evaluated(index, status, now));
-    }
+    changes = book_.evaluate(now);
   }
-  for (const auto& change : std::span{changes}.first(count)) {
+  for (const auto& change : changes) {
     logger_.LogInfo() << "Changing of state, ID =" << change.monitor->name
                       << ", prev status =" << statusName(change.before)
                       << ", new status =" << statusName(change.after);
@@ -494,15 +299,15 @@ template <class Output>
 Output diagnosisServiceImpl::read() const {
   const std::lock_guard lock{mutex_};
   if constexpr (std::is_same_v<Output, diag::PositioningStatusInputs>) {
-    return recordOf<Output>(block_.input);
+    return recordOf<Output>(book_.inputs());
   } else if constexpr (std::is_same_v<Output, diag::PositioningStatusOutputs>) {
-    return recordOf<Output>(block_.output);
+    return recordOf<Output>(book_.outputs());
   } else if constexpr (std::is_same_v<Output, diag::PositioningStatusSystem>) {
-    return recordOf<Output>(block_.system);
+    return recordOf<Output>(book_.system());
   } else if constexpr (std::is_same_v<Output, diag::PositioningMMPos>) {
-    return block_.mapMatched.position;
+    return mapMatched_.position;
   } else {
-    return {block_.dataBus[static_cast<std::size_t>(Output::fault)].entries};
+    return {faults_.entries(Output::fault)};
   }
 }
 

@@ -17,44 +17,17 @@
 #include "diagnosisService/DiagnosticMonitorServiceSkelImpl.h"
 #include "diagnosisService/EvaluationTimer.h"
 #include "diagnosisService/MonitorTable.h"
-
-namespace lumo::services::positioning::datatypes {
-struct DT_positions_struct;
-struct DT_posMapInfo_struct;
-}  // namespace lumo::services::positioning::datatypes
+#include "diagnosisService/data_bus_faults.h"
+#include "diagnosisService/map_matched_record.h"
+#include "diagnosisService/status_book.h"
 
 namespace diagnosisService {
-
-using lumo::services::diag::DataBusFault;
-
-/// What a data-bus fault is about: the consumed service in the high byte, its field in the low
-/// byte, 0 for the service as a whole.
-enum class DataBusElement : std::uint16_t {
-  GNSS = 0x0100,
-  GNSS_positions = 0x0101,
-  GNSS_positionsQuality = 0x0102,
-  GNSS_posGnssSatInfos = 0x0103,
-  Time = 0x0200,
-  Time_times = 0x0201,
-  Time_timeSettings = 0x0202,
-};
-
-/// The last map-matched position: what d_14a2 returns, and what only the application sees.
-/// Numbers are big-endian.
-struct MapMatchedRecord {
-  lumo::services::diag::PositioningMMPos position;
-  std::array<std::uint8_t, 2> heading{};  ///< 0.01 deg, clockwise from true north
-  std::array<std::uint8_t, 2> speed{};    ///< 0.01 m/s, over ground
-  std::array<std::uint8_t, 2> day{};      ///< of the time, days since 1970-01-01
-  std::uint8_t messageCounter = 0;        ///< of the position, modulo 256
-};
-static_assert(sizeof(MapMatchedRecord) == 25);
 
 /// Every function may be called from any thread, init and startMonitors from one thread, once each.
 class diagnosisServiceImpl {
  public:
-  using Clock = std::chrono::steady_clock;
-  using SensorSetup = std::array<bool, kInputCount>;
+  using Clock = Status_book::Clock;
+  using SensorSetup = Status_book::Sensor_setup;
 
   static constexpr std::uint64_t kLongestTimeoutMs = 24ULL * 60 * 60 * 1000;
 
@@ -84,13 +57,11 @@ class diagnosisServiceImpl {
   /// In the order of the input status bytes. A sensor that is off is NotAvailable from now on.
   void newSensorSetup(const SensorSetup& setup);
   /// Replaces the record of d_14a2.
-  void refreshMapMatchedPosition(
-      const lumo::services::positioning::datatypes::DT_positions_struct& position,
-      const lumo::services::positioning::datatypes::DT_posMapInfo_struct& mapInfo);
-  [[nodiscard]] MapMatchedRecord mapMatchedPosition() const;
+  void refreshMapMatchedPosition(const Map_matched_position& position);
+  [[nodiscard]] Map_matched_record mapMatchedPosition() const;
   /// Enters that a fault appeared or went away into the record of d_1190, d_1191 or d_1192. Only a
   /// change counts; repeating the present state is cheap.
-  void setDataBusFault(DataBusFault fault, DataBusElement element, bool present);
+  void setDataBusFault(DataBusFault fault, Data_bus_element element, bool present);
   /// How often faults of this kind appeared since init, over all elements.
   [[nodiscard]] std::uint32_t dataBusFaultCount(DataBusFault fault) const;
 
@@ -115,43 +86,18 @@ class diagnosisServiceImpl {
   [[nodiscard]] const ara::log::Logger& logger() const { return logger_; }
 
  private:
-  struct DataBusRecord {
-    std::uint32_t count = 0;
-    std::vector<std::uint8_t> entries;
-  };
-  struct StatusBlock {
-    std::array<std::uint8_t, kInputCount> input{kInit, kInit, kInit, kInit, kInit, kInit,
-                                                kInit, kInit, kInit, kInit, kInit};
-    std::array<std::uint8_t, kOutputCount> output{kInit, kInit, kNominal};
-    std::array<std::uint8_t, kSystemCount> system{kNominal, kInit,    kNominal, kInit,    kNominal,
-                                                  kNominal, kNominal, kNominal, kNominal, kNominal,
-                                                  kNominal, kNominal, kInit,    kInit};
-    MapMatchedRecord mapMatched;
-    std::array<DataBusRecord, 3> dataBus;  ///< indexed by DataBusFault
-  };
-  /// Times of the last data are kept as counts of Clock.
-  static constexpr Clock::rep kNotInTable = -1;
-  static constexpr Clock::rep kNoData = 0;
-
   struct DataIdentifiers;
   class Sending;
 
-  [[nodiscard]] std::uint8_t evaluated(std::size_t monitor,
-                                       std::uint8_t status,
-                                       Clock::time_point now) const;
   [[nodiscard]] bool isStopped();
   void withdraw();
 
   const ara::log::Logger& logger_;
 
-  /// One per entry of kMonitors. Relaxed: each is a value on its own, and one evaluation earlier or
-  /// later makes no difference.
-  std::array<std::atomic<Clock::rep>, kMonitors.size()> lastData_;
-
-  mutable std::mutex mutex_;  ///< guards the members down to the blank line
-  StatusBlock block_;
-  SensorSetup sensorSetup_{};
-  std::chrono::microseconds timeout_{};
+  mutable std::mutex mutex_;  ///< guards the members down to the blank line; not data_received()
+  Status_book book_;
+  Map_matched_record mapMatched_;
+  Data_bus_faults faults_;
   bool initialised_ = false;
 
   std::mutex offerMutex_;  ///< guards the members down to the blank line

@@ -24,6 +24,21 @@ posServiceImpl::Map_info map_matched(const posServiceImpl::Position& position, S
   return map_info;
 }
 
+diagnosisService::Map_matched_position as_map_matched(const posServiceImpl::Position& position,
+                                                      const posServiceImpl::Map_info& map_info) {
+  return {.latitude = position.LAT,
+          .longitude = position.LON,
+          .altitude = position.altitudeMeanSeaLevel,
+          .heading = position.yawAngle,
+          .speed = position.speed2D,
+          .message_counter = position.messageCounter,
+          .seconds = map_info.preciseLocalTimeSeconds,
+          .nanoseconds = map_info.preciseLocalTimeNanoseconds,
+          .status_map = map_info.statusMap,
+          .status_map_matching = map_info.statusMapMatching,
+          .position_source = map_info.positionSource};
+}
+
 std::uint32_t to_ms(std::uint64_t us) {
   return static_cast<std::uint32_t>(us / 1000);
 }
@@ -60,7 +75,7 @@ void posServiceImpl::sendDR(Position position) {
   const std::uint32_t elapsed_ms = to_ms(now_us) - last_mm_sent_ms_;
   if (elapsed_ms > mm_interval_ms_) {
     const auto map_info = map_matched(position, Source::dead_reckoning);
-    diagnosis_.refreshMapMatchedPosition(position, map_info);
+    diagnosis_.refreshMapMatchedPosition(as_map_matched(position, map_info));
     sendMM(map_info);
     logger_.LogInfo() << "DR position is being sent as MM, time from last MM sent pos: "
                       << elapsed_ms << "ms";

@@ -1,4 +1,4 @@
-#include "posService/conversion.h"
+#include "app/conversion.h"
 
 #include <gtest/gtest.h>
 
@@ -7,14 +7,13 @@
 
 #include "tests/clients/printing.h"
 
-namespace posService {
 namespace {
 
 using binding::Value_type;
 using Gnss = lumo::services::gnss::datatypes::DT_positions_struct;
 using Output = lumo::services::positioning::datatypes::DT_positions_struct;
 
-constexpr OutputDefaults defaults{2, 1, 2, 2, 2, 1, 0};
+constexpr Output_defaults defaults{2, 1, 2, 2, 2, 1, 0};
 
 /// The present members of a record by name.
 std::map<std::string, double> present(const Output& output) {
@@ -50,7 +49,7 @@ TEST(To_positioning, carries_every_physical_quantity_under_its_own_name_but_not_
     expected[std::string{quantity.value.name}] = quantity.value.id;
   });
   EXPECT_EQ(expected.size(), 7U + 1U + 21U);
-  EXPECT_EQ(present(toPositioning(full(Value_type::physical_value), defaults)), expected);
+  EXPECT_EQ(present(to_positioning(full(Value_type::physical_value), defaults)), expected);
 }
 
 TEST(To_positioning, leaves_out_what_is_not_physical_but_not_the_counter) {
@@ -58,13 +57,12 @@ TEST(To_positioning, leaves_out_what_is_not_physical_but_not_the_counter) {
   expected["messageCounter"] = 1;
   for (const unsigned number : {1U, 2U, 3U, 5U}) {
     const Value_type quality{number};
-    EXPECT_EQ(present(toPositioning(full(quality), defaults)), expected) << quality;
+    EXPECT_EQ(present(to_positioning(full(quality), defaults)), expected) << quality;
   }
-  EXPECT_EQ(present(toPositioning(full(boost::none), defaults)), expected);
+  EXPECT_EQ(present(to_positioning(full(boost::none), defaults)), expected);
   Gnss quality_alone;
   quality_alone.LAT_valueType = Value_type::physical_value;
-  EXPECT_EQ(present(toPositioning(quality_alone, defaults)), only_statuses);
+  EXPECT_EQ(present(to_positioning(quality_alone, defaults)), only_statuses);
 }
 
 }  // namespace
-}  // namespace posService

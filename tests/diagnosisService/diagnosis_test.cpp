@@ -10,7 +10,6 @@
 #include <utility>
 
 #include "diagnosisService/diagnosisServiceImpl.h"
-#include "posService/PositioningRecords.h"
 #include "tests/support/Capture.h"
 #include "tests/support/Fake_runtime.h"
 
@@ -18,8 +17,6 @@ namespace diagnosisService {
 namespace {
 
 using namespace std::chrono_literals;
-using lumo::services::positioning::datatypes::DT_positions_struct;
-using lumo::services::positioning::datatypes::DT_posMapInfo_struct;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
@@ -295,20 +292,17 @@ TEST_F(Diagnosis, results_before_the_monitors_are_offered_and_after_the_stop_are
 
 TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
   service->init(hour_ms);
-  DT_positions_struct position;
-  position.LAT = 48.137154;
-  position.LON = -11.576124;
-  position.altitudeMeanSeaLevel = 519.25F;
-  position.yawAngle = -90.0F;
-  position.speed2D = 13.5F;
-  position.messageCounter = 99;
-  DT_posMapInfo_struct info;
-  info.statusMapMatching = 2;
-  info.statusMap = 3;
-  info.positionSource = 4;
-  info.preciseLocalTimeSeconds = 1'700'000'000;  // 2023-11-14, 22:13:20
-  info.preciseLocalTimeNanoseconds = 250'000'000;
-  service->refreshMapMatchedPosition(position, info);
+  service->refreshMapMatchedPosition({.latitude = 48.137154,
+                                      .longitude = -11.576124,
+                                      .altitude = 519.25F,
+                                      .heading = -90.0F,
+                                      .speed = 13.5F,
+                                      .message_counter = 99,
+                                      .seconds = 1'700'000'000,  // 2023-11-14, 22:13:20
+                                      .nanoseconds = 250'000'000,
+                                      .status_map = 3,
+                                      .status_map_matching = 2,
+                                      .position_source = 4});
 
   EXPECT_EQ(read("PositioningMMPos"),
             (Bytes{0, 0, 0, 5, 0x0B, 0x35, 0x32, 0xAD, 0xD0,  // 48 137 154 000
@@ -320,18 +314,17 @@ TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
   EXPECT_THAT(record.heading, ElementsAre(0x69, 0x78));  // 270.00 deg
   EXPECT_THAT(record.speed, ElementsAre(0x05, 0x46));    // 13.50 m/s
   EXPECT_THAT(record.day, ElementsAre(0x4C, 0xDB));      // 19 675
-  EXPECT_EQ(record.messageCounter, 99);
+  EXPECT_EQ(record.message_counter, 99);
 }
 
 TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
   service->init(hour_ms);
-  DT_positions_struct position;
-  position.LAT = std::numeric_limits<double>::quiet_NaN();
-  position.LON = 1000.0;  // more than 40 bits hold
-  position.altitudeMeanSeaLevel = -1e9F;
-  DT_posMapInfo_struct info;
-  info.positionSource = 16;
-  service->refreshMapMatchedPosition(position, info);
+  Map_matched_position position;
+  position.latitude = std::numeric_limits<double>::quiet_NaN();
+  position.longitude = 1000.0;  // more than 40 bits hold
+  position.altitude = -1e9F;
+  position.position_source = 16;
+  service->refreshMapMatchedPosition(position);
   EXPECT_EQ(read("PositioningMMPos"),
             (Bytes{0, 0, 0, 5,    0, 0, 0, 0, 0, 0, 0, 0, 5, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0,
                    0, 0, 3, 0x80, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0,    0,    0,    2,    0xF6, 0xFF}));
@@ -341,20 +334,20 @@ TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_th
   service->init(hour_ms);
   using enum DataBusFault;
   const auto read_not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
-  service->setDataBusFault(notAvailable, DataBusElement::Time, false);
+  service->setDataBusFault(notAvailable, Data_bus_element::Time, false);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 0})) << "an absent fault leaves no entry";
 
   for (int repeated = 0; repeated < 2; ++repeated)
-    service->setDataBusFault(notAvailable, DataBusElement::GNSS, true);
+    service->setDataBusFault(notAvailable, Data_bus_element::GNSS, true);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1}));
   const auto come_and_go = [&](int times) {
     for (int i = 0; i < times; ++i) {
-      service->setDataBusFault(notAvailable, DataBusElement::Time_times, true);
-      service->setDataBusFault(notAvailable, DataBusElement::Time_times, false);
+      service->setDataBusFault(notAvailable, Data_bus_element::Time_times, true);
+      service->setDataBusFault(notAvailable, Data_bus_element::Time_times, false);
     }
   };
   come_and_go(0x103);
-  service->setDataBusFault(notAvailable, DataBusElement::GNSS, false);
+  service->setDataBusFault(notAvailable, Data_bus_element::GNSS, false);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 1, 0, 1, 3}));
   EXPECT_EQ(service->dataBusFaultCount(notAvailable), 0x104U);
   come_and_go(0x1'0000);
@@ -406,10 +399,10 @@ TEST_F(Diagnosis, a_read_beside_updates_and_evaluations_is_never_torn) {
     });
   };
   repeat([&, degrees = 1.0]() mutable {
-    DT_positions_struct position;
-    position.LAT = position.LON = degrees;
+    Map_matched_position position;
+    position.latitude = position.longitude = degrees;
     degrees = 3.0 - degrees;
-    service->refreshMapMatchedPosition(position, {});
+    service->refreshMapMatchedPosition(position);
   });
   repeat([&] { service->dataReceived(gnss); });
   repeat([&] { init_monitor("POS_Input_GNSS", 0); });

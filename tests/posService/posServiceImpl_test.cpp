@@ -148,12 +148,12 @@ TEST_F(Pos_service, a_position_goes_out_as_map_matched_when_more_than_the_interv
     service_.sendDR(position);
     EXPECT_THAT(map_infos(), IsEmpty());
     EXPECT_THAT(capture_.Records(), IsEmpty());
-    EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, 0) << "told each of these only";
+    EXPECT_EQ(diagnosis_.mapMatchedPosition().message_counter, 0) << "told each of these only";
     pass_ms(1);
     position.messageCounter = ++counter;
     service_.sendDR(position);
     EXPECT_THAT(map_infos(), ElementsAre(expected));
-    EXPECT_EQ(diagnosis_.mapMatchedPosition().messageCounter, counter);
+    EXPECT_EQ(diagnosis_.mapMatchedPosition().message_counter, counter);
   }
   service_.setMmNewPositionCalculationIntervalMS(5);
   pass_ms(6);

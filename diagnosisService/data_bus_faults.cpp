@@ -1,0 +1,37 @@
+#include "diagnosisService/data_bus_faults.h"
+
+#include <cstddef>
+#include <limits>
+#include <span>
+
+namespace diagnosisService {
+
+void Data_bus_faults::set(DataBusFault fault, Data_bus_element element, bool present) {
+  constexpr std::size_t entry_size = 5;
+  const auto number = static_cast<unsigned>(element);
+  const auto service = static_cast<std::uint8_t>(number >> 8U);
+  const auto field = static_cast<std::uint8_t>(number & 0xFFU);
+
+  Record& record = records_[static_cast<std::size_t>(fault)];
+  auto& bytes = record.entries;
+  std::size_t at = 0;
+  while (at < bytes.size() && (bytes[at] != service || bytes[at + 1] != field))
+    at += entry_size;
+  if (at == bytes.size()) {
+    if (!present) return;
+    bytes.insert(bytes.end(), {service, field, 0, 0, 0});
+  }
+  auto& state = bytes[at + 2];
+  if ((state != 0) == present) return;
+  state = present ? 1 : 0;
+  if (!present) return;
+  auto* const occurrences = std::as_writable_bytes(std::span{bytes}).data() + at + 3;
+  const auto before = binding::load<std::uint16_t>(occurrences, binding::Byte_order::big_endian);
+  if (before != std::numeric_limits<std::uint16_t>::max()) {
+    binding::store(occurrences, static_cast<std::uint16_t>(before + 1),
+                   binding::Byte_order::big_endian);
+  }
+  if (record.count != std::numeric_limits<std::uint32_t>::max()) ++record.count;
+}
+
+}  // namespace diagnosisService

@@ -1,0 +1,52 @@
+/// What is, or was, wrong with the consumed services: the records behind d_1190, d_1191 and d_1192.
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <vector>
+
+#include "diagnosisService/DataIdentifiers.h"
+
+namespace diagnosisService {
+
+using lumo::services::diag::DataBusFault;
+
+/// What a data-bus fault is about: the consumed service in the high byte, its field in the low
+/// byte, 0 for the service as a whole.
+enum class Data_bus_element : std::uint16_t {
+  GNSS = 0x0100,
+  GNSS_positions = 0x0101,
+  GNSS_positionsQuality = 0x0102,
+  GNSS_posGnssSatInfos = 0x0103,
+  Time = 0x0200,
+  Time_times = 0x0201,
+  Time_timeSettings = 0x0202,
+};
+
+/// Not thread-safe.
+class Data_bus_faults {
+ public:
+  /// Enters that a fault appeared or went away. Only a change counts; repeating the present state
+  /// is cheap. Counters stay at their end rather than start anew.
+  void set(DataBusFault fault, Data_bus_element element, bool present);
+  /// How often faults of this kind appeared, over all elements.
+  [[nodiscard]] std::uint32_t count(DataBusFault fault) const { return record(fault).count; }
+  /// Five bytes for each element that ever had the fault: service, field, 1 while the fault is
+  /// present, occurrences in two bytes, big-endian.
+  [[nodiscard]] const std::vector<std::uint8_t>& entries(DataBusFault fault) const {
+    return record(fault).entries;
+  }
+
+ private:
+  struct Record {
+    std::uint32_t count = 0;
+    std::vector<std::uint8_t> entries;
+  };
+  [[nodiscard]] const Record& record(DataBusFault fault) const {
+    return records_[static_cast<std::size_t>(fault)];
+  }
+
+  std::array<Record, 3> records_;  ///< indexed by DataBusFault
+};
+
+}  // namespace diagnosisService

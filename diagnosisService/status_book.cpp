@@ -1,0 +1,136 @@
+#include "diagnosisService/status_book.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+
+namespace diagnosisService {
+
+namespace {
+
+/// An output is bound to a system function: while that is in Error or Init, the output is too.
+struct Output_rule {
+  std::size_t output;
+  std::size_t system_byte;
+};
+constexpr std::array output_rules{Output_rule{0, kSystemMapMatching}, Output_rule{1, kSystemPgf}};
+
+}  // namespace
+
+Status_book::Status_book() {
+  forget_data(not_in_table);
+}
+
+void Status_book::forget_data(Clock::rep as) {
+  for (auto& last : last_data_)
+    last.store(as, std::memory_order_relaxed);
+}
+
+void Status_book::reset(std::chrono::microseconds timeout) {
+  bytes_ = {};
+  timeout_ = timeout;
+  forget_data(no_data);
+}
+
+void Status_book::data_received(std::uint32_t identifier, Clock::time_point at) noexcept {
+  const auto index = monitorIndex(identifier);
+  if (index == kNoMonitor) return;
+  auto& last = last_data_[index];
+  if (last.load(std::memory_order_relaxed) == not_in_table) return;
+  last.store(std::max(at.time_since_epoch().count(), no_data + 1), std::memory_order_relaxed);
+}
+
+void Status_book::set_system_status(std::size_t byte, std::uint8_t status) {
+  if (byte >= kSystemCount) {
+    throw std::out_of_range{"system status byte " + std::to_string(byte) + ", expected 0 to " +
+                            std::to_string(kSystemCount - 1)};
+  }
+  bytes_.system[byte] = status;
+}
+
+void Status_book::apply_sensor_setup() {
+  for (std::size_t sensor = 0; sensor < sensors_.size(); ++sensor) {
+    auto& status = bytes_.input[sensor];
+    if (!sensors_[sensor]) {
+      status = kNotAvailable;
+    } else if (status != kNominal) {
+      status = kInit;
+    }
+  }
+}
+
+void Status_book::clear(std::uint32_t identifier, Clock::time_point at) {
+  const auto index = monitorIndex(identifier);
+  if (index == kNoMonitor) return;
+  const auto& monitor = kMonitors[index];
+  // System functions and the static output are not evaluated, so nothing would bring a cleared
+  // Error back.
+  const bool clearable =
+      monitor.group == StatusGroup::input ||
+      (monitor.group == StatusGroup::output && monitor.byte < output_rules.size());
+  if (!clearable) return;
+  auto& status = monitor.group == StatusGroup::input ? bytes_.input[monitor.byte]
+                                                     : bytes_.output[monitor.byte];
+  if (status != kError) return;
+  data_received(identifier, at);
+  status = kNominal;
+}
+
+std::uint8_t Status_book::status(std::uint32_t identifier) const {
+  const auto index = monitorIndex(identifier);
+  if (index == kNoMonitor) return kNominal;
+  const auto& monitor = kMonitors[index];
+  switch (monitor.group) {
+    case StatusGroup::input:
+      return bytes_.input[monitor.byte];
+    case StatusGroup::output:
+      return bytes_.output[monitor.byte];
+    case StatusGroup::system:
+      return bytes_.system[monitor.byte];
+    case StatusGroup::none:
+      break;
+  }
+  return kNominal;
+}
+
+std::uint8_t Status_book::evaluated(std::size_t monitor,
+                                    std::uint8_t status,
+                                    Clock::time_point now) const {
+  const auto last = last_data_[monitor].load(std::memory_order_relaxed);
+  if (last == not_in_table) return status;
+  const bool late = last == no_data || now - Clock::time_point{Clock::duration{last}} > timeout_;
+  switch (status) {
+    case kNominal:
+    case kError:
+      return late ? kError : kNominal;
+    case kInit:
+      return late ? kInit : kNominal;
+    default:
+      return status;
+  }
+}
+
+std::vector<Status_book::Change> Status_book::evaluate(Clock::time_point now) {
+  std::vector<Change> changes;
+  const auto take = [&](std::size_t monitor, std::uint8_t& status, std::uint8_t now_is) {
+    if (status == now_is) return;
+    changes.push_back({&kMonitors[monitor], status, now_is});
+    status = now_is;
+  };
+  for (std::size_t sensor = 0; sensor < kInputCount; ++sensor) {
+    if (!sensors_[sensor]) continue;
+    const auto index = monitorIndex(StatusGroup::input, sensor);
+    auto& status = bytes_.input[sensor];
+    take(index, status, evaluated(index, status, now));
+  }
+  for (const auto& rule : output_rules) {
+    const auto index = monitorIndex(StatusGroup::output, rule.output);
+    const auto governing = bytes_.system[rule.system_byte];
+    auto& status = bytes_.output[rule.output];
+    const bool governed = governing == kError || governing == kInit;
+    take(index, status, governed ? governing : evaluated(index, status, now));
+  }
+  return changes;
+}
+
+}  // namespace diagnosisService

@@ -1,0 +1,86 @@
+/// The status bytes of inputs, outputs and system functions, and the rules by which they change.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "diagnosisService/MonitorTable.h"
+
+namespace diagnosisService {
+
+/// Not thread-safe, except data_received().
+class Status_book {
+ public:
+  using Clock = std::chrono::steady_clock;
+  /// In the order of the input status bytes; true: the sensor is there.
+  using Sensor_setup = std::array<bool, kInputCount>;
+
+  struct Change {
+    const Monitor* monitor;
+    std::uint8_t before;
+    std::uint8_t after;
+  };
+
+  Status_book();
+
+  /// Back to the initial statuses, with no data received. `timeout` is how long data may stay away
+  /// before a status turns to Error.
+  void reset(std::chrono::microseconds timeout);
+
+  /// Takes effect at the next evaluation. Unknown identifiers are ignored, and all of them before
+  /// the first reset(). Never blocks.
+  void data_received(std::uint32_t identifier, Clock::time_point at) noexcept;
+  /// Throws std::out_of_range for a byte above 13.
+  void set_system_status(std::size_t byte, std::uint8_t status);
+  /// The setup that the next evaluation goes by.
+  void set_sensor_setup(const Sensor_setup& setup) { sensors_ = setup; }
+  /// Brings the input statuses in line with the setup: NotAvailable without the sensor, Init with
+  /// it unless Nominal.
+  void apply_sensor_setup();
+  /// An input, map-matched or dead-reckoning monitor in Error becomes Nominal as if data had been
+  /// received at `at`.
+  void clear(std::uint32_t identifier, Clock::time_point at);
+  /// One evaluation cycle. Gives what it changed, in the order of evaluation.
+  [[nodiscard]] std::vector<Change> evaluate(Clock::time_point now);
+
+  /// The monitor's status byte, 0 for an identifier without one.
+  [[nodiscard]] std::uint8_t status(std::uint32_t identifier) const;
+  [[nodiscard]] const std::array<std::uint8_t, kInputCount>& inputs() const { return bytes_.input; }
+  [[nodiscard]] const std::array<std::uint8_t, kOutputCount>& outputs() const {
+    return bytes_.output;
+  }
+  [[nodiscard]] const std::array<std::uint8_t, kSystemCount>& system() const {
+    return bytes_.system;
+  }
+
+ private:
+  struct Bytes {
+    std::array<std::uint8_t, kInputCount> input{kInit, kInit, kInit, kInit, kInit, kInit,
+                                                kInit, kInit, kInit, kInit, kInit};
+    std::array<std::uint8_t, kOutputCount> output{kInit, kInit, kNominal};
+    std::array<std::uint8_t, kSystemCount> system{kNominal, kInit,    kNominal, kInit,    kNominal,
+                                                  kNominal, kNominal, kNominal, kNominal, kNominal,
+                                                  kNominal, kNominal, kInit,    kInit};
+  };
+  /// Times of the last data are kept as counts of Clock.
+  static constexpr Clock::rep not_in_table = -1;
+  static constexpr Clock::rep no_data = 0;
+
+  void forget_data(Clock::rep as);
+  [[nodiscard]] std::uint8_t evaluated(std::size_t monitor,
+                                       std::uint8_t status,
+                                       Clock::time_point now) const;
+
+  /// One per entry of kMonitors. Relaxed: each is a value on its own, and one evaluation earlier or
+  /// later makes no difference.
+  std::array<std::atomic<Clock::rep>, kMonitors.size()> last_data_;
+  Bytes bytes_;
+  Sensor_setup sensors_{};
+  std::chrono::microseconds timeout_{};
+};
+
+}  // namespace diagnosisService
