@@ -6,6 +6,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <string>
 #include <thread>
 #include <utility>
 
@@ -14,6 +15,7 @@
 #include "app/posApplication.h"
 #include "ara/log/logger.h"
 #include "binding/trace_records.h"
+#include "diagnosisService/DataIdentifiers.h"
 #include "mw/com/runtime.h"
 #include "persistency/Persistency.h"
 
@@ -84,6 +86,7 @@ class Application_owner {
 
 void logBanner() {
   using ara::log::LogInfo;
+  namespace diag = lumo::services::diag;
   LogInfo() << "POS application started. Version" << build_info::version << "build time"
             << build_info::build_time << "talvik version used:" << build_info::middleware_release;
   LogInfo() << "Used DFL version" << build_info::dfl_version;
@@ -94,20 +97,13 @@ void logBanner() {
             << "v4.1";
   LogInfo() << "Provided interface: Positioning. Version"
             << "v3.0";
-  for (const char* line : {
-           "Provided interface diagnosis: d_1190 "
-           "(DataIdentifier_BDPSomeipDataBusServiceNotAvailable).",
-           "Provided interface diagnosis: d_1191 "
-           "(DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived).",
-           "Provided interface diagnosis: d_1192 "
-           "(DataIdentifier_BDPSomeipDataBusServiceImplausible).",
-           "Provided interface diagnosis: d_14a0 (DataIdentifier_PositioningStatusInputs).",
-           "Provided interface diagnosis: d_14a1 (DataIdentifier_PositioningStatusOutputs).",
-           "Provided interface diagnosis: d_14a2 (DataIdentifier_PositioningMMPos).",
-           "Provided interface diagnosis: d_14a3 (DataIdentifier_PositioningStatusSystem).",
-       }) {
-    LogInfo() << line;
-  }
+  const auto log_identifier = []<class Interface>() {
+    LogInfo() << "Provided interface diagnosis: " +
+                     std::string(diag::identifier_of(Interface::name)) + " (" +
+                     std::string(mw::com::cpp_binding::short_name(Interface::name)) + ").";
+  };
+  diag::for_each_interface<diag::Fault_identifiers>(log_identifier);
+  diag::for_each_interface<diag::Status_identifiers>(log_identifier);
   LogInfo() << "Provided interface DiagnosticMonitor. Version from talvik"
             << build_info::middleware_release;
 }

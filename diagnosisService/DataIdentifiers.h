@@ -3,11 +3,13 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
 #include <string_view>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "ara/core/future.h"
@@ -133,10 +135,6 @@ struct DataIdentifier_PositioningStatusInputs : DataIdentifier<PositioningStatus
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs";
 };
-namespace proxy {
-using DataIdentifier_PositioningStatusInputsProxy =
-    DataIdentifierProxy<DataIdentifier_PositioningStatusInputs>;
-}
 namespace skeleton {
 using DataIdentifier_PositioningStatusInputsSkeleton =
     DataIdentifierSkeleton<DataIdentifier_PositioningStatusInputs>;
@@ -148,10 +146,6 @@ struct DataIdentifier_PositioningStatusOutputs : DataIdentifier<PositioningStatu
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a1::DataIdentifier_PositioningStatusOutputs";
 };
-namespace proxy {
-using DataIdentifier_PositioningStatusOutputsProxy =
-    DataIdentifierProxy<DataIdentifier_PositioningStatusOutputs>;
-}
 namespace skeleton {
 using DataIdentifier_PositioningStatusOutputsSkeleton =
     DataIdentifierSkeleton<DataIdentifier_PositioningStatusOutputs>;
@@ -163,9 +157,6 @@ struct DataIdentifier_PositioningMMPos : DataIdentifier<PositioningMMPos> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a2::DataIdentifier_PositioningMMPos";
 };
-namespace proxy {
-using DataIdentifier_PositioningMMPosProxy = DataIdentifierProxy<DataIdentifier_PositioningMMPos>;
-}
 namespace skeleton {
 using DataIdentifier_PositioningMMPosSkeleton =
     DataIdentifierSkeleton<DataIdentifier_PositioningMMPos>;
@@ -177,10 +168,6 @@ struct DataIdentifier_PositioningStatusSystem : DataIdentifier<PositioningStatus
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a3::DataIdentifier_PositioningStatusSystem";
 };
-namespace proxy {
-using DataIdentifier_PositioningStatusSystemProxy =
-    DataIdentifierProxy<DataIdentifier_PositioningStatusSystem>;
-}
 namespace skeleton {
 using DataIdentifier_PositioningStatusSystemSkeleton =
     DataIdentifierSkeleton<DataIdentifier_PositioningStatusSystem>;
@@ -193,10 +180,6 @@ struct DataIdentifier_BDPSomeipDataBusServiceNotAvailable
   static constexpr std::string_view name =
       "lumo::services::diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable";
 };
-namespace proxy {
-using DataIdentifier_BDPSomeipDataBusServiceNotAvailableProxy =
-    DataIdentifierProxy<DataIdentifier_BDPSomeipDataBusServiceNotAvailable>;
-}
 namespace skeleton {
 using DataIdentifier_BDPSomeipDataBusServiceNotAvailableSkeleton =
     DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceNotAvailable>;
@@ -209,10 +192,6 @@ struct DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived
   static constexpr std::string_view name =
       "lumo::services::diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived";
 };
-namespace proxy {
-using DataIdentifier_BDPSomeipDataBusServiceErrorValueReceivedProxy =
-    DataIdentifierProxy<DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>;
-}
 namespace skeleton {
 using DataIdentifier_BDPSomeipDataBusServiceErrorValueReceivedSkeleton =
     DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>;
@@ -225,15 +204,41 @@ struct DataIdentifier_BDPSomeipDataBusServiceImplausible
   static constexpr std::string_view name =
       "lumo::services::diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible";
 };
-namespace proxy {
-using DataIdentifier_BDPSomeipDataBusServiceImplausibleProxy =
-    DataIdentifierProxy<DataIdentifier_BDPSomeipDataBusServiceImplausible>;
-}
 namespace skeleton {
 using DataIdentifier_BDPSomeipDataBusServiceImplausibleSkeleton =
     DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceImplausible>;
 }
 }  // namespace d_1192
+
+/// Those that tell the state of the system.
+using Status_identifiers = std::tuple<d_14a0::DataIdentifier_PositioningStatusInputs,
+                                      d_14a1::DataIdentifier_PositioningStatusOutputs,
+                                      d_14a2::DataIdentifier_PositioningMMPos,
+                                      d_14a3::DataIdentifier_PositioningStatusSystem>;
+/// Those that tell what is wrong with the consumed services.
+using Fault_identifiers =
+    std::tuple<d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable,
+               d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived,
+               d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>;
+/// All seven. What follows from them follows from this list.
+using Data_identifiers =
+    decltype(std::tuple_cat(std::declval<Status_identifiers>(), std::declval<Fault_identifiers>()));
+
+/// Calls `visit.operator()<Interface>()` for each interface of a list.
+template <class List, class Visit>
+constexpr void for_each_interface(Visit&& visit) {
+  [&]<std::size_t... Index>(std::index_sequence<Index...>) {
+    (visit.template operator()<std::tuple_element_t<Index, List>>(), ...);
+  }
+  (std::make_index_sequence<std::tuple_size_v<List>>{});
+}
+
+/// "d_14a0" of "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs".
+[[nodiscard]] constexpr std::string_view identifier_of(std::string_view interface) {
+  const auto end = interface.rfind("::");
+  const auto begin = interface.rfind("::", end - 1) + 2;
+  return interface.substr(begin, end - begin);
+}
 
 }  // namespace lumo::services::diag
 

@@ -41,23 +41,30 @@ Record recordOf(const std::array<std::uint8_t, Size>& bytes) {
 
 }  // namespace
 
-struct diagnosisServiceImpl::DataIdentifiers {
-  explicit DataIdentifiers(const diagnosisServiceImpl& service)
-      : all{service, service, service, service, service, service, service} {}
+/// One skeleton for each interface of the list.
+template <class List>
+struct Skeletons;
+template <class... Interfaces>
+struct Skeletons<std::tuple<Interfaces...>> {
+  explicit Skeletons(const diagnosisServiceImpl& service)
+      : all{for_interface<Interfaces>(service)...} {}
+
+  std::tuple<DataIdentifierSkeletonImpl<Interfaces>...> all;
+
+ private:
+  template <class Interface>
+  static const diagnosisServiceImpl& for_interface(const diagnosisServiceImpl& service) {
+    return service;
+  }
+};
+
+struct diagnosisServiceImpl::DataIdentifiers : Skeletons<diag::Data_identifiers> {
+  using Skeletons::Skeletons;
 
   template <class Visit>
   void forEach(Visit visit) {
     std::apply([&](auto&... one) { (visit(one), ...); }, all);
   }
-
-  std::tuple<InputsSkeletonImpl,
-             OutputsSkeletonImpl,
-             MmPosSkeletonImpl,
-             SystemSkeletonImpl,
-             DbServiceNotAvailableSkeletonImpl,
-             DbServiceErrorValRecSkeletonImpl,
-             DbServiceImplausibleSkeletonImpl>
-      all;
 };
 
 diagnosisServiceImpl::diagnosisServiceImpl()
@@ -310,13 +317,5 @@ Output diagnosisServiceImpl::read() const {
     return {faults_.entries(Output::fault)};
   }
 }
-
-template diag::PositioningStatusInputs diagnosisServiceImpl::read() const;
-template diag::PositioningStatusOutputs diagnosisServiceImpl::read() const;
-template diag::PositioningMMPos diagnosisServiceImpl::read() const;
-template diag::PositioningStatusSystem diagnosisServiceImpl::read() const;
-template diag::BDPSomeipDataBusServiceNotAvailable diagnosisServiceImpl::read() const;
-template diag::BDPSomeipDataBusServiceErrorValueReceived diagnosisServiceImpl::read() const;
-template diag::BDPSomeipDataBusServiceImplausible diagnosisServiceImpl::read() const;
 
 }  // namespace diagnosisService

@@ -74,15 +74,15 @@ using Record_types =
 using String_types =
     Codec_types<lumo::services::diag::MetaInfo, std::string, std::vector<std::string>>;
 
+template <class List>
+struct Outputs_of;
+template <class... Interfaces>
+struct Outputs_of<std::tuple<Interfaces...>> {
+  template <class... More>
+  using And = Codec_types<typename Interfaces::Output..., More...>;
+};
 using Diagnostic_types =
-    Codec_types<lumo::services::diag::PositioningStatusInputs,
-                lumo::services::diag::PositioningStatusOutputs,
-                lumo::services::diag::PositioningMMPos,
-                lumo::services::diag::PositioningStatusSystem,
-                lumo::services::diag::BDPSomeipDataBusServiceNotAvailable,
-                lumo::services::diag::BDPSomeipDataBusServiceErrorValueReceived,
-                lumo::services::diag::BDPSomeipDataBusServiceImplausible,
-                mw::dm::dem::InitMonitorReason,
-                mw::dm::dem::MonitorActionType>;
+    Outputs_of<lumo::services::diag::Data_identifiers>::And<mw::dm::dem::InitMonitorReason,
+                                                            mw::dm::dem::MonitorActionType>;
 
 }  // namespace fuzz

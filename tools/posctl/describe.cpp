@@ -43,13 +43,8 @@ class Catalogue {
     add<gnss::GNSS>();
     add<time::Time>();
     add<positioning::Positioning>();
-    add<diag::d_14a0::DataIdentifier_PositioningStatusInputs>();
-    add<diag::d_14a1::DataIdentifier_PositioningStatusOutputs>();
-    add<diag::d_14a2::DataIdentifier_PositioningMMPos>();
-    add<diag::d_14a3::DataIdentifier_PositioningStatusSystem>();
-    add<diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable>();
-    add<diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>();
-    add<diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>();
+    diag::for_each_interface<diag::Data_identifiers>(
+        [this]<class Interface>() { add<Interface>(); });
     add<mw::dm::dem::DiagnosticMonitor>();
     add<binding::Statistics>();
   }

@@ -1,8 +1,10 @@
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <iostream>
+#include <stdexcept>
 #include <string>
+#include <type_traits>
+#include <vector>
 
 #include "diagnosisService/DataIdentifiers.h"
 #include "mw/com/runtime.h"
@@ -22,19 +24,22 @@ Json read(Deadline deadline) {
 }
 
 struct Entry {
-  std::string_view did;
+  std::string_view did;  ///< such as "d_14a0"
   Json (*read)(Deadline);
   bool status_bytes;
 };
-constexpr std::array<Entry, 7> entries{{
-    {"14a0", read<d_14a0::DataIdentifier_PositioningStatusInputs>, true},
-    {"14a1", read<d_14a1::DataIdentifier_PositioningStatusOutputs>, true},
-    {"14a2", read<d_14a2::DataIdentifier_PositioningMMPos>, false},
-    {"14a3", read<d_14a3::DataIdentifier_PositioningStatusSystem>, true},
-    {"1190", read<d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable>, false},
-    {"1191", read<d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>, false},
-    {"1192", read<d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>, false},
-}};
+
+std::vector<Entry> entries() {
+  std::vector<Entry> all;
+  for_each_interface<Data_identifiers>([&]<class Interface>() {
+    using Output = typename Interface::Output;
+    constexpr bool numbers = std::is_same_v<Output, PositioningMMPos> || requires {
+      Output::fault;
+    };
+    all.push_back({identifier_of(Interface::name), read<Interface>, !numbers});
+  });
+  return all;
+}
 
 /// "d_14a0", "0x14A0" and "14a0" name the same.
 std::string normalized(std::string did) {
@@ -43,18 +48,21 @@ std::string normalized(std::string did) {
   for (const std::string_view prefix : {"d_", "0x"}) {
     if (did.starts_with(prefix)) did.erase(0, prefix.size());
   }
-  return did;
+  return "d_" + did;
 }
 
 }  // namespace
 
 int read(const Read_options& options) {
   const std::string did = normalized(options.data_identifier);
-  const auto* entry = std::find_if(entries.begin(), entries.end(),
-                                   [&](const Entry& one) { return one.did == did; });
-  if (entry == entries.end()) {
+  const auto all = entries();
+  const auto entry = std::ranges::find(all, did, &Entry::did);
+  if (entry == all.end()) {
+    std::string known;
+    for (const Entry& one : all)
+      known.append(known.empty() ? "" : ", ").append(one.did);
     throw std::invalid_argument("there is no data identifier \"" + options.data_identifier +
-                                "\"; d_14a0 to d_14a3 and d_1190 to d_1192 are");
+                                "\"; expected one of " + known);
   }
   const mw::com::runtime::Component_singleton runtime(options.node, false);
   const Json json = entry->read(deadline_in(options.timeout));
