@@ -133,6 +133,7 @@ void posApplication::reportFaults(DataBusElement field, const clients::Data_faul
 }
 
 void posApplication::initGnssClient() {
+  diagnosisService_.requireService(DataBusElement::GNSS);
   gnssClient_.setAvailabilityCallback([this](bool available) {
     diagnosisService_.setDataBusFault(DataBusFault::notAvailable, DataBusElement::GNSS, !available);
   });
@@ -157,6 +158,7 @@ void posApplication::sendDRPosition(const GnssPosition& position) {
 }
 
 void posApplication::initTimemasterClient() {
+  diagnosisService_.requireService(DataBusElement::Time);
   timemasterClient_.setAvailabilityCallback([this](bool available) {
     diagnosisService_.setDataBusFault(DataBusFault::notAvailable, DataBusElement::Time, !available);
   });

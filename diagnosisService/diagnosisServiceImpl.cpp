@@ -178,24 +178,23 @@ void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
   const std::chrono::microseconds timeout{timeoutMs * 1000};
   {
     const std::lock_guard lock{mutex_};
-    if (std::exchange(initialised_, true)) {
-      throw std::logic_error{"diagnosisServiceImpl::init: called twice"};
-    }
     block_ = {};
     timeout_ = timeout;
+    for (auto& service : requiredServices_)
+      service.since = Clock::now();
   }
   for (auto& last : lastData_)
     last.store(kNoData, std::memory_order_relaxed);
   timer_.start(
       std::max(std::chrono::milliseconds{timeout.count() / 10'000}, std::chrono::milliseconds{1}));
 
-  auto identifiers = std::make_unique<DataIdentifiers>(*this);
-  auto& made = *identifiers;
-  {
+  // Only this function sets the member, so the thread that calls it may read it without the lock.
+  if (identifiers_ == nullptr) {
+    auto identifiers = std::make_unique<DataIdentifiers>(*this);
     const std::lock_guard lock{offerMutex_};
     identifiers_ = std::move(identifiers);
   }
-  made.forEach([](auto& one) { one.OfferService(); });
+  identifiers_->forEach([](auto& one) { one.OfferService(); });
   // stop() on another thread may have come before these offers.
   if (isStopped()) withdraw();
 }
@@ -306,12 +305,35 @@ MapMatchedRecord diagnosisServiceImpl::mapMatchedPosition() const {
 void diagnosisServiceImpl::setDataBusFault(DataBusFault fault,
                                            DataBusElement element,
                                            bool present) {
+  const std::lock_guard lock{mutex_};
+  if (fault == DataBusFault::notAvailable) {
+    for (auto& service : requiredServices_) {
+      if (service.element == element) service.found = !present;
+    }
+  }
+  enterDataBusFault(fault, element, present);
+}
+
+void diagnosisServiceImpl::requireService(DataBusElement service, Clock::time_point since) {
+  const std::lock_guard lock{mutex_};
+  requiredServices_.push_back({service, since});
+}
+
+void diagnosisServiceImpl::enterMissingServices(Clock::time_point now) {
+  for (const auto& service : requiredServices_) {
+    if (service.found || now - service.since <= timeout_) continue;
+    enterDataBusFault(DataBusFault::notAvailable, service.element, true);
+  }
+}
+
+void diagnosisServiceImpl::enterDataBusFault(DataBusFault fault,
+                                             DataBusElement element,
+                                             bool present) {
   constexpr std::size_t entrySize = 5;
   const auto number = static_cast<unsigned>(element);
   const auto service = static_cast<std::uint8_t>(number >> 8U);
   const auto field = static_cast<std::uint8_t>(number & 0xFFU);
 
-  const std::lock_guard lock{mutex_};
   auto& record = block_.dataBus[static_cast<std::size_t>(fault)];
   auto& bytes = record.entries;
   std::size_t at = 0;
@@ -421,6 +443,7 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
       const bool governed = governing == kError || governing == kInit;
       take(kMonitors[index], status, governed ? governing : evaluated(index, status, now));
     }
+    enterMissingServices(now);
   }
   for (const auto& change : std::span{changes}.first(count)) {
     logger_.LogInfo() << "Changing of state, ID =" << change.monitor->name

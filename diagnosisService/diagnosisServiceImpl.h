@@ -50,7 +50,7 @@ struct MapMatchedRecord {
 };
 static_assert(sizeof(MapMatchedRecord) == 25);
 
-/// Every function may be called from any thread, init and startMonitors from one thread, once each.
+/// Every function may be called from any thread, init and startMonitors from one thread.
 class diagnosisServiceImpl {
  public:
   using Clock = std::chrono::steady_clock;
@@ -67,12 +67,12 @@ class diagnosisServiceImpl {
   /// Sets the initial statuses, starts the evaluation (ten times finer than the time-out: every
   /// 500 ms for 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs,
   /// is how long data may stay away before a status turns to Error. Throws std::invalid_argument
-  /// for another time-out, std::logic_error for a second call and std::runtime_error when the
-  /// manifest lacks an instance.
+  /// for another time-out and std::runtime_error when the manifest lacks an instance. A second call
+  /// resets every status, record and last-data time and evaluates with the new time-out.
   void init(std::uint64_t timeoutMs);
   /// Offers one DiagnosticMonitor per monitor, under the instance specifier "DiagnosticMonitor_"
   /// and its name. Results of before are dropped. Throws std::runtime_error when the manifest lacks
-  /// an instance.
+  /// an instance and std::logic_error for a second call.
   void startMonitors();
   /// Ends the evaluation and the offers, for good. Waits for a running evaluation.
   void stop();
@@ -91,6 +91,9 @@ class diagnosisServiceImpl {
   /// Enters that a fault appeared or went away into the record of d_1190, d_1191 or d_1192. Only a
   /// change counts; repeating the present state is cheap.
   void setDataBusFault(DataBusFault fault, DataBusElement element, bool present);
+  /// The application needs this service. While setDataBusFault() has not reported it as available,
+  /// the first evaluation later than `since` plus the time-out enters it as not available.
+  void requireService(DataBusElement service, Clock::time_point since = Clock::now());
   /// How often faults of this kind appeared since init, over all elements.
   [[nodiscard]] std::uint32_t dataBusFaultCount(DataBusFault fault) const;
 
@@ -133,12 +136,21 @@ class diagnosisServiceImpl {
   static constexpr Clock::rep kNotInTable = -1;
   static constexpr Clock::rep kNoData = 0;
 
+  struct RequiredService {
+    DataBusElement element;
+    Clock::time_point since;  ///< when the wait for it began
+    bool found = false;
+  };
+
   struct DataIdentifiers;
   class Sending;
 
   [[nodiscard]] std::uint8_t evaluated(std::size_t monitor,
                                        std::uint8_t status,
                                        Clock::time_point now) const;
+  /// Both with mutex_ held.
+  void enterDataBusFault(DataBusFault fault, DataBusElement element, bool present);
+  void enterMissingServices(Clock::time_point now);
   [[nodiscard]] bool isStopped();
   void withdraw();
 
@@ -152,7 +164,7 @@ class diagnosisServiceImpl {
   StatusBlock block_;
   SensorSetup sensorSetup_{};
   std::chrono::microseconds timeout_{};
-  bool initialised_ = false;
+  std::vector<RequiredService> requiredServices_;
 
   std::mutex offerMutex_;  ///< guards the members down to the blank line
   std::condition_variable sent_;
