@@ -9,11 +9,11 @@
 struct Settings {
   bool recievedGNSSDataLogging = true;      ///< log every received position and quality
   bool ignoreGNSSTimestamps = true;         ///< stamp forwarded positions with the current time
-  bool alwaysSendAllValidPositions = true;  ///< handed to the Positioning service
+  bool alwaysSendAllValidPositions = true;  ///< publish a position that repeats the last one too
   bool useGNSSDR = true;                    ///< forward GNSS-DR positions instead of GNSS ones
   std::uint32_t mmNewPositionCalculationIntervalMS = 1000;  ///< between two map-matched positions
   Persistency& persistency;                                 ///< where the values come from
-  bool timeClientEnabled = false;                           ///< use the Time service's offset
+  bool timeClientEnabled = false;  ///< monitor and log the Time service, keep its offset
 };
 
 /// Reads every setting, each by itself: one that is missing, of another type or unreadable keeps

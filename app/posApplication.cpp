@@ -133,6 +133,7 @@ void posApplication::reportFaults(Data_bus_element field, const clients::Data_fa
 }
 
 void posApplication::initGnssClient() {
+  diagnosisService_.requireService(Data_bus_element::GNSS);
   gnssClient_.setAvailabilityCallback([this](bool available) {
     diagnosisService_.setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS,
                                       !available);
@@ -158,6 +159,7 @@ void posApplication::sendDRPosition(const GnssPosition& position) {
 }
 
 void posApplication::initTimemasterClient() {
+  diagnosisService_.requireService(Data_bus_element::Time);
   timemasterClient_.setAvailabilityCallback([this](bool available) {
     diagnosisService_.setDataBusFault(DataBusFault::notAvailable, Data_bus_element::Time,
                                       !available);

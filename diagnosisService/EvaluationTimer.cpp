@@ -11,8 +11,12 @@ EvaluationTimer::~EvaluationTimer() {
 
 void EvaluationTimer::start(std::chrono::milliseconds period) {
   const std::lock_guard lock{mutex_};
-  if (stopping_ || running_) return;
-  thread_ = std::thread{[this, period] { run(period); }};
+  if (stopping_) return;
+  period_ = period;
+  next_ = std::chrono::steady_clock::now() + period;
+  changed_.notify_all();
+  if (running_) return;
+  thread_ = std::thread{[this] { run(); }};
   running_ = true;
 }
 
@@ -23,15 +27,19 @@ void EvaluationTimer::stop() {
   changed_.wait(lock, [this] { return !running_; });
 }
 
-void EvaluationTimer::run(std::chrono::milliseconds period) {
+void EvaluationTimer::run() {
   std::unique_lock lock{mutex_};
-  auto next = std::chrono::steady_clock::now() + period;
-  while (!changed_.wait_until(lock, next, [this] { return stopping_; })) {
+  while (!stopping_) {
+    const auto now = std::chrono::steady_clock::now();
+    if (const auto next = next_; now < next) {
+      changed_.wait_until(lock, next);
+      continue;
+    }
+    // After a long pause of the whole machine, one evaluation is enough.
+    next_ = std::max(next_, now - period_) + period_;
     lock.unlock();
     work_();
     lock.lock();
-    // After a long pause of the whole machine, one evaluation is enough.
-    next = std::max(next, std::chrono::steady_clock::now() - period) + period;
   }
   running_ = false;
   changed_.notify_all();

@@ -18,18 +18,20 @@ class EvaluationTimer {
   EvaluationTimer(const EvaluationTimer&) = delete;
   EvaluationTimer& operator=(const EvaluationTimer&) = delete;
 
-  /// Starts the thread; the first call of `work` comes after one period. To be called once; does
-  /// nothing after stop().
+  /// Calls `work` after one period and then once in each. Called again, it begins anew with the new
+  /// period. Does nothing after stop(). Calls come from one thread.
   void start(std::chrono::milliseconds period);
   /// For good. Returns once `work` does not run any more. Any thread, any number of times.
   void stop();
 
  private:
-  void run(std::chrono::milliseconds period);
+  void run();
 
   const std::function<void()> work_;
-  std::mutex mutex_;  ///< guards stopping_ and running_
+  std::mutex mutex_;  ///< guards the members down to running_
   std::condition_variable changed_;
+  std::chrono::milliseconds period_{};
+  std::chrono::steady_clock::time_point next_;
   bool stopping_ = false;
   bool running_ = false;
   std::thread thread_;  ///< touched by the owner's thread only

@@ -6,7 +6,34 @@
 
 namespace diagnosisService {
 
+void Data_bus_faults::reset(std::chrono::microseconds timeout, Clock::time_point now) {
+  records_ = {};
+  timeout_ = timeout;
+  for (Required_service& service : required_)
+    service.since = now;
+}
+
+void Data_bus_faults::require(Data_bus_element service, Clock::time_point since) {
+  required_.push_back({service, since});
+}
+
+void Data_bus_faults::enter_missing(Clock::time_point now) {
+  for (const Required_service& service : required_) {
+    if (service.found || now - service.since <= timeout_) continue;
+    enter(DataBusFault::notAvailable, service.element, true);
+  }
+}
+
 void Data_bus_faults::set(DataBusFault fault, Data_bus_element element, bool present) {
+  if (fault == DataBusFault::notAvailable) {
+    for (Required_service& service : required_) {
+      if (service.element == element) service.found = !present;
+    }
+  }
+  enter(fault, element, present);
+}
+
+void Data_bus_faults::enter(DataBusFault fault, Data_bus_element element, bool present) {
   constexpr std::size_t entry_size = 5;
   const auto number = static_cast<unsigned>(element);
   const auto service = static_cast<std::uint8_t>(number >> 8U);

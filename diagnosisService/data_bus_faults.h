@@ -2,6 +2,8 @@
 #pragma once
 
 #include <array>
+#include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <vector>
 
@@ -26,6 +28,15 @@ enum class Data_bus_element : std::uint16_t {
 /// Not thread-safe.
 class Data_bus_faults {
  public:
+  using Clock = std::chrono::steady_clock;
+
+  /// Empties the records. `timeout` is how long a required service may stay away from `now` on.
+  void reset(std::chrono::microseconds timeout, Clock::time_point now);
+  /// `service` is missing until set() says that it is available.
+  void require(Data_bus_element service, Clock::time_point since);
+  /// Enters each required service that has been missing for longer than the time-out.
+  void enter_missing(Clock::time_point now);
+
   /// Enters that a fault appeared or went away. Only a change counts; repeating the present state
   /// is cheap. Counters stay at their end rather than start anew.
   void set(DataBusFault fault, Data_bus_element element, bool present);
@@ -38,15 +49,23 @@ class Data_bus_faults {
   }
 
  private:
+  struct Required_service {
+    Data_bus_element element;
+    Clock::time_point since;  ///< when the wait for it began
+    bool found = false;
+  };
   struct Record {
     std::uint32_t count = 0;
     std::vector<std::uint8_t> entries;
   };
+  void enter(DataBusFault fault, Data_bus_element element, bool present);
   [[nodiscard]] const Record& record(DataBusFault fault) const {
     return records_[static_cast<std::size_t>(fault)];
   }
 
   std::array<Record, 3> records_;  ///< indexed by DataBusFault
+  std::vector<Required_service> required_;
+  std::chrono::microseconds timeout_{};
 };
 
 }  // namespace diagnosisService

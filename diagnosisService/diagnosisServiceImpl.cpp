@@ -100,21 +100,20 @@ void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
   const std::chrono::microseconds timeout{timeoutMs * 1000};
   {
     const std::lock_guard lock{mutex_};
-    if (std::exchange(initialised_, true)) {
-      throw std::logic_error{"diagnosisServiceImpl::init: called twice"};
-    }
     book_.reset(timeout);
+    faults_.reset(timeout, Clock::now());
+    mapMatched_ = {};
   }
   timer_.start(
       std::max(std::chrono::milliseconds{timeout.count() / 10'000}, std::chrono::milliseconds{1}));
 
-  auto identifiers = std::make_unique<DataIdentifiers>(*this);
-  auto& made = *identifiers;
-  {
+  // Only this function sets the member, so the thread that calls it may read it without the lock.
+  if (identifiers_ == nullptr) {
+    auto identifiers = std::make_unique<DataIdentifiers>(*this);
     const std::lock_guard lock{offerMutex_};
     identifiers_ = std::move(identifiers);
   }
-  made.forEach([](auto& one) { one.OfferService(); });
+  identifiers_->forEach([](auto& one) { one.OfferService(); });
   // stop() on another thread may have come before these offers.
   if (isStopped()) withdraw();
 }
@@ -213,6 +212,11 @@ void diagnosisServiceImpl::setDataBusFault(DataBusFault fault,
   faults_.set(fault, element, present);
 }
 
+void diagnosisServiceImpl::requireService(Data_bus_element service, Clock::time_point since) {
+  const std::lock_guard lock{mutex_};
+  faults_.require(service, since);
+}
+
 std::uint32_t diagnosisServiceImpl::dataBusFaultCount(DataBusFault fault) const {
   const std::lock_guard lock{mutex_};
   return faults_.count(fault);
@@ -233,6 +237,7 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
   {
     const std::lock_guard lock{mutex_};
     changes = book_.evaluate(now);
+    faults_.enter_missing(now);
   }
   for (const auto& change : changes) {
     logger_.LogInfo() << "Changing of state, ID =" << change.monitor->name

@@ -23,7 +23,7 @@
 
 namespace diagnosisService {
 
-/// Every function may be called from any thread, init and startMonitors from one thread, once each.
+/// Every function may be called from any thread, init and startMonitors from one thread.
 class diagnosisServiceImpl {
  public:
   using Clock = Status_book::Clock;
@@ -40,12 +40,12 @@ class diagnosisServiceImpl {
   /// Sets the initial statuses, starts the evaluation (ten times finer than the time-out: every
   /// 500 ms for 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs,
   /// is how long data may stay away before a status turns to Error. Throws std::invalid_argument
-  /// for another time-out, std::logic_error for a second call and std::runtime_error when the
-  /// manifest lacks an instance.
+  /// for another time-out and std::runtime_error when the manifest lacks an instance. A second call
+  /// resets every status, record and last-data time and evaluates with the new time-out.
   void init(std::uint64_t timeoutMs);
   /// Offers one DiagnosticMonitor per monitor, under the instance specifier "DiagnosticMonitor_"
   /// and its name. Results of before are dropped. Throws std::runtime_error when the manifest lacks
-  /// an instance.
+  /// an instance and std::logic_error for a second call.
   void startMonitors();
   /// Ends the evaluation and the offers, for good. Waits for a running evaluation.
   void stop();
@@ -62,6 +62,9 @@ class diagnosisServiceImpl {
   /// Enters that a fault appeared or went away into the record of d_1190, d_1191 or d_1192. Only a
   /// change counts; repeating the present state is cheap.
   void setDataBusFault(DataBusFault fault, Data_bus_element element, bool present);
+  /// The application needs this service. While setDataBusFault() has not reported it as available,
+  /// the first evaluation later than `since` plus the time-out enters it as not available.
+  void requireService(Data_bus_element service, Clock::time_point since = Clock::now());
   /// How often faults of this kind appeared since init, over all elements.
   [[nodiscard]] std::uint32_t dataBusFaultCount(DataBusFault fault) const;
 
@@ -98,7 +101,6 @@ class diagnosisServiceImpl {
   Status_book book_;
   Map_matched_record mapMatched_;
   Data_bus_faults faults_;
-  bool initialised_ = false;
 
   std::mutex offerMutex_;  ///< guards the members down to the blank line
   std::condition_variable sent_;

@@ -17,6 +17,7 @@ int __real_getsockname(int, sockaddr*, socklen_t*);
 int __real_getpeername(int, sockaddr*, socklen_t*);
 ssize_t __real_sendto(int, const void*, std::size_t, int, const sockaddr*, socklen_t);
 ssize_t __real_recvfrom(int, void*, std::size_t, int, sockaddr*, socklen_t*);
+ssize_t __real_recvmsg(int, msghdr*, int);
 int __real_setsockopt(int, int, int, const void*, socklen_t);
 }
 
@@ -346,16 +347,24 @@ ssize_t __wrap_recvfrom(
   return static_cast<ssize_t>(fuzz::scatter(bytes, &part, 1));
 }
 
-int __wrap_recvmmsg(int descriptor, mmsghdr* messages, unsigned count, int, timespec*) {
+ssize_t __wrap_recvmsg(int descriptor, msghdr* message, int flags) {
+  if ((flags & MSG_ERRQUEUE) != 0 || !Network::instance().datagrams(descriptor)) {
+    return __real_recvmsg(descriptor, message, flags);
+  }
+  std::vector<std::byte> bytes;
+  someip::Endpoint from;
+  if (Network::instance().receive(descriptor, bytes, from) < 0) return -1;
+  fuzz::store(from, static_cast<sockaddr*>(message->msg_name), &message->msg_namelen);
+  message->msg_controllen = 0;
+  return static_cast<ssize_t>(fuzz::scatter(bytes, message->msg_iov, message->msg_iovlen));
+}
+
+int __wrap_recvmmsg(int descriptor, mmsghdr* messages, unsigned count, int flags, timespec*) {
   unsigned received = 0;
   for (; received < count; ++received) {
-    std::vector<std::byte> bytes;
-    someip::Endpoint from;
-    if (Network::instance().receive(descriptor, bytes, from) < 0) break;
-    msghdr& header = messages[received].msg_hdr;
-    fuzz::store(from, static_cast<sockaddr*>(header.msg_name), &header.msg_namelen);
-    messages[received].msg_len =
-        static_cast<unsigned>(fuzz::scatter(bytes, header.msg_iov, header.msg_iovlen));
+    const auto size = __wrap_recvmsg(descriptor, &messages[received].msg_hdr, flags);
+    if (size < 0) break;
+    messages[received].msg_len = static_cast<unsigned>(size);
   }
   return received > 0 ? static_cast<int>(received) : -1;
 }

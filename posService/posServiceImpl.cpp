@@ -1,6 +1,6 @@
 #include "posService/posServiceImpl.h"
 
-#include <bit>
+#include <cstring>
 #include <string>
 
 #include "diagnosisService/diagnosisServiceImpl.h"
@@ -43,8 +43,10 @@ std::uint32_t to_ms(std::uint64_t us) {
   return static_cast<std::uint32_t>(us / 1000);
 }
 
-bool same_bits(const boost::optional<double>& a, const boost::optional<double>& b) {
-  return a && b && std::bit_cast<std::uint64_t>(*a) == std::bit_cast<std::uint64_t>(*b);
+/// Bit for bit: a NaN repeats itself.
+template <class Value>
+bool same(const boost::optional<Value>& a, const boost::optional<Value>& b) {
+  return a && b ? std::memcmp(&*a, &*b, sizeof(Value)) == 0 : !a && !b;
 }
 
 }  // namespace
@@ -142,10 +144,18 @@ void posServiceImpl::sendMM(const Map_info& map_info) {
 void posServiceImpl::publish(const Position& position) {
   if (skeleton_ == nullptr) return;
   skeleton_->publish(position);
-  last_latitude_ = position.LAT;
-  last_longitude_ = position.LON;
+  if (!always_send_) last_published_ = position;
 }
 
 bool posServiceImpl::is_repeated(const Position& position) const {
-  return same_bits(position.LAT, last_latitude_) && same_bits(position.LON, last_longitude_);
+  auto last = last_published_;
+  last.messageCounter = position.messageCounter;
+  last.preciseLocalTimeSeconds = position.preciseLocalTimeSeconds;
+  last.preciseLocalTimeNanoseconds = position.preciseLocalTimeNanoseconds;
+  last.age = position.age;
+  bool repeated = true;
+  binding::for_each_member<Position>([&](const auto& member) {
+    repeated = repeated && same(position.*member.pointer, last.*member.pointer);
+  });
+  return repeated;
 }

@@ -31,8 +31,9 @@ class posServiceImpl {
   posServiceImpl(const posServiceImpl&) = delete;
   posServiceImpl& operator=(const posServiceImpl&) = delete;
 
-  /// On (until set): sendDR() publishes every position with a full timestamp. Off: only those whose
-  /// latitude and longitude are not both those of the position published before.
+  /// On (until set): sendDR() publishes every position with a full timestamp. Off: only those that
+  /// differ from the position published before in a member other than messageCounter, time stamp
+  /// and age. Absent equals absent. Set it before init().
   void setAlwaysSendAllValidPositions(bool on) { always_send_ = on; }
   /// A position goes out as map-matched record too when more than this time has passed since the
   /// last one; 1000 until set.
@@ -68,7 +69,6 @@ class posServiceImpl {
   std::uint32_t mm_interval_ms_ = 1000;
   std::uint32_t last_mm_sent_ms_ = 0;
   std::uint32_t message_counter_ = 0;  ///< 0 to 99
-  boost::optional<double> last_latitude_;
-  boost::optional<double> last_longitude_;
+  Position last_published_;            ///< kept while always_send_ is off
   std::unique_ptr<posService::posServiceSkelImpl> skeleton_;
 };

@@ -22,6 +22,7 @@ struct Counters {
   // Those of the road of a notification share a cache line.
   alignas(64) Counter datagrams_received;
   Counter datagrams_sent, notifications_received, notifications_sent;
+  Counter notifications_late, notifications_displaced;
   Counter discovery_received, discovery_sent;
   Counter requests_received, requests_sent;
   Counter responses_received, responses_sent;
@@ -34,8 +35,7 @@ struct Counters {
       dropped_unknown_method, dropped_wrong_version, dropped_wrong_type, dropped_unexpected,
       dropped_foreign_peer, dropped_entries;
   Counter refused_subscribers, refused_reassemblies, refused_message_size, refused_connections,
-      refused_calls, refused_requests, refused_instances, refused_peers, refused_notifications,
-      refused_segmented;
+      refused_calls, refused_requests, refused_instances, refused_peers, refused_segmented;
   Counter slow_readers, send_would_block, send_failed;
 };
 
@@ -50,6 +50,8 @@ inline constexpr std::array counter_names = {
     Counter_name{"discoveryReceived", &Counters::discovery_received},
     Counter_name{"discoverySent", &Counters::discovery_sent},
     Counter_name{"notificationsReceived", &Counters::notifications_received},
+    Counter_name{"notificationsLate", &Counters::notifications_late},
+    Counter_name{"notificationsDisplaced", &Counters::notifications_displaced},
     Counter_name{"notificationsSent", &Counters::notifications_sent},
     Counter_name{"requestsReceived", &Counters::requests_received},
     Counter_name{"requestsSent", &Counters::requests_sent},
@@ -87,7 +89,6 @@ inline constexpr std::array counter_names = {
     Counter_name{"refusedRequests", &Counters::refused_requests},
     Counter_name{"refusedInstances", &Counters::refused_instances},
     Counter_name{"refusedPeers", &Counters::refused_peers},
-    Counter_name{"refusedNotifications", &Counters::refused_notifications},
     Counter_name{"refusedSegmented", &Counters::refused_segmented},
     Counter_name{"slowReaders", &Counters::slow_readers},
     Counter_name{"sendWouldBlock", &Counters::send_would_block},

@@ -21,7 +21,7 @@ class Event_sink : public Task {
   explicit Event_sink(std::uint8_t interface_version) : interface_version_(interface_version) {}
   [[nodiscard]] std::uint8_t interface_version() const { return interface_version_; }
   /// Appends a notification to those that wait for the handler. True when run() has to be called,
-  /// from any thread; false when somebody who runs already takes it along, or it was refused.
+  /// from any thread; false when the thread that runs already takes it along, or after the end.
   [[nodiscard]] virtual bool enqueue(Received notification) = 0;
   /// The state of the subscription has changed. Called on the control thread; must not wait.
   virtual void subscription_changed(bool active) = 0;

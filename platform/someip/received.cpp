@@ -1,5 +1,7 @@
 #include "platform/someip/received.h"
 
+#include <time.h>
+
 #include <algorithm>
 #include <mutex>
 #include <new>
@@ -52,6 +54,16 @@ Buffer Buffer::copy_of(Bytes bytes) {
   Buffer buffer(bytes.size());
   std::ranges::copy(bytes, buffer.data());
   return buffer;
+}
+
+bool is_older_than(Arrival arrival, std::chrono::nanoseconds limit) {
+  if (arrival == Arrival{}) return false;
+  timespec now{};
+  // Asked for each notification: the coarse clock costs a third of the exact one.
+  ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
+  const auto age = std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec} -
+                   arrival.time_since_epoch();
+  return age > limit;
 }
 
 void Buffer::give_back() noexcept {

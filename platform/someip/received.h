@@ -2,6 +2,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <utility>
@@ -56,15 +57,23 @@ class Buffer {
   Block* block_ = nullptr;
 };
 
+/// When the kernel received the datagram; its epoch where the kernel did not say.
+using Arrival = std::chrono::sys_time<std::chrono::nanoseconds>;
+
+/// Whether more than `limit` has passed since `arrival`, exact to a tick of the kernel. False for
+/// an unknown arrival.
+[[nodiscard]] bool is_older_than(Arrival arrival, std::chrono::nanoseconds limit);
+
 struct Received {
   Header header;
   Bytes payload;  ///< inside `buffer`
   Buffer buffer;
+  Arrival arrival = {};  ///< of its last datagram; unknown over TCP
 
   /// The same for keeping: a receiver's own, large buffer is not held for one message.
   [[nodiscard]] Received kept() const {
     if (buffer.size() <= Buffer::usual_size) return *this;
-    Received copy{header, {}, Buffer::copy_of(payload)};
+    Received copy{header, {}, Buffer::copy_of(payload), arrival};
     copy.payload = Bytes(copy.buffer.data(), payload.size());
     return copy;
   }

@@ -199,7 +199,8 @@ void Udp_port::receive_in_thread() {
 
 bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   Socket_address from;
-  const ssize_t size = socket_->receive(std::span(buffer.data(), max_datagram), from);
+  Arrival arrival;
+  const ssize_t size = socket_->receive(std::span(buffer.data(), max_datagram), from, arrival);
   const std::lock_guard lock(receive_mutex_);
   if (!open_) return false;
   if (size < 0) {
@@ -211,7 +212,7 @@ bool Udp_port::receive_one(Buffer& buffer, Harvest& harvest) {
   }
   errors_ = 0;
   counters_.datagrams_received.add();
-  take(buffer, static_cast<std::size_t>(size), from.endpoint(), harvest);
+  take(buffer, static_cast<std::size_t>(size), from.endpoint(), arrival, harvest);
   doing_.store(Doing::handling, std::memory_order_relaxed);  // the others look under the lock
   ++turn_;
   harvest.watched = !ticking_ || wary_ > 0;
@@ -262,6 +263,7 @@ std::size_t Udp_port::receive_batch(Harvest& harvest) {
   if (!open_ || (!workers_receive_ && !relieve_thread())) return 0;
   std::array<std::array<iovec, 2>, datagrams_per_batch> parts;
   std::array<Socket_address, datagrams_per_batch> from;
+  std::array<Arrival_control, datagrams_per_batch> control;
   std::array<mmsghdr, datagrams_per_batch> messages{};
   for (std::size_t i = 0; i < datagrams_per_batch; ++i) {
     if (buffers_[i].size() == 0) buffers_[i] = Buffer(Buffer::usual_size);
@@ -271,6 +273,8 @@ std::size_t Udp_port::receive_batch(Harvest& harvest) {
     messages[i].msg_hdr.msg_namelen = Socket_address::capacity();
     messages[i].msg_hdr.msg_iov = parts[i].data();
     messages[i].msg_hdr.msg_iovlen = parts[i].size();
+    messages[i].msg_hdr.msg_control = control[i].bytes.data();
+    messages[i].msg_hdr.msg_controllen = control[i].bytes.size();
   }
   int count = -1;
   for (int errors = 0; count < 0 && errors < max_errors; ++errors) {
@@ -291,7 +295,7 @@ std::size_t Udp_port::receive_batch(Harvest& harvest) {
       std::memcpy(large.data() + Buffer::usual_size, spill(i), size - Buffer::usual_size);
       buffer = std::move(large);
     }
-    take(buffer, size, from[i].endpoint(), harvest);
+    take(buffer, size, from[i].endpoint(), arrival_of(messages[i].msg_hdr), harvest);
   }
   return datagrams;
 }
@@ -299,19 +303,21 @@ std::size_t Udp_port::receive_batch(Harvest& harvest) {
 void Udp_port::take(const Buffer& buffer,
                     std::size_t size,
                     const Endpoint& from,
+                    Arrival arrival,
                     Harvest& harvest) {
   Datagram_reader reader(Bytes(buffer.data(), size));
   while (const auto message = reader.next()) {
     if (!message->header.segmented()) {
-      receiver_.received({message->header, message->payload, buffer}, from, *this, harvest.tasks);
+      receiver_.received({message->header, message->payload, buffer, arrival}, from, *this,
+                         harvest.tasks);
       continue;
     }
     counters_.segments_received.add();
     Reassembler::Message whole;
     if (!reassembler_.add(from, message->header, message->payload, counters_, whole)) continue;
     const Buffer copy = Buffer::copy_of(whole.payload);
-    receiver_.received({whole.header, Bytes(copy.data(), whole.payload.size()), copy}, from, *this,
-                       harvest.tasks);
+    receiver_.received({whole.header, Bytes(copy.data(), whole.payload.size()), copy, arrival},
+                       from, *this, harvest.tasks);
   }
   if (!reader.malformed()) return;
   counters_.dropped_malformed.add();

@@ -104,7 +104,11 @@ class Udp_port final : public Readable, public std::enable_shared_from_this<Udp_
   [[nodiscard]] bool relieve_thread();
   /// How many datagrams there were.
   [[nodiscard]] std::size_t receive_batch(Harvest& harvest);
-  void take(const Buffer& buffer, std::size_t size, const Endpoint& from, Harvest& harvest);
+  void take(const Buffer& buffer,
+            std::size_t size,
+            const Endpoint& from,
+            Arrival arrival,
+            Harvest& harvest);
   void report(const Harvest& harvest);
   bool send_datagram(Bytes datagram, const Socket_address& to);
 

@@ -81,11 +81,9 @@ ssize_t send_to(int descriptor, Bytes datagram, const Socket_address& to) {
              : ::sendto(descriptor, datagram.data(), datagram.size(), flags, to.data(), to.size());
 }
 
-ssize_t receive_from(int descriptor, std::span<std::byte> into, Socket_address& from) {
-  socklen_t from_size = Socket_address::capacity();
-  return direct ? ::syscall(SYS_recvfrom, descriptor, into.data(), into.size(), 0, from.data(),
-                            &from_size)
-                : ::recvfrom(descriptor, into.data(), into.size(), 0, from.data(), &from_size);
+ssize_t receive_message(int descriptor, msghdr& message) {
+  return direct ? ::syscall(SYS_recvmsg, descriptor, &message, 0)
+                : ::recvmsg(descriptor, &message, 0);
 }
 
 }  // namespace
@@ -120,6 +118,17 @@ socklen_t Socket_address::size() const {
   return storage_.any.sa_family == AF_INET ? sizeof storage_.v4 : sizeof storage_.v6;
 }
 
+Arrival arrival_of(const msghdr& message) {
+  const cmsghdr* const control = CMSG_FIRSTHDR(&message);
+  if (control == nullptr || control->cmsg_level != SOL_SOCKET ||
+      control->cmsg_type != SO_TIMESTAMPNS) {
+    return {};
+  }
+  timespec time{};
+  std::memcpy(&time, CMSG_DATA(control), sizeof time);
+  return Arrival{std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec}};
+}
+
 Udp_socket::Udp_socket(const Address& like)
     : descriptor_(::socket(
           like.is_v4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -127,6 +136,9 @@ Udp_socket::Udp_socket(const Address& like)
   // A burst of segments should fit while the workers are busy; the kernel caps it.
   const int receive_buffer = 4 * 1024 * 1024;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_RCVBUF, receive_buffer));
+  // A kernel that does not know this leaves the arrival of datagrams unknown.
+  const int on = 1;
+  static_cast<void>(set(descriptor_, SOL_SOCKET, SO_TIMESTAMPNS, on));
 }
 
 Udp_socket::~Udp_socket() {
@@ -202,8 +214,21 @@ std::error_code Udp_socket::send(Bytes datagram, const Socket_address& to) const
   }
 }
 
-ssize_t Udp_socket::receive(std::span<std::byte> into, Socket_address& from) const {
-  return receive_from(descriptor_, into, from);
+ssize_t Udp_socket::receive(std::span<std::byte> into,
+                            Socket_address& from,
+                            Arrival& arrival) const {
+  Arrival_control control;
+  iovec part{into.data(), into.size()};
+  msghdr message{};
+  message.msg_name = from.data();
+  message.msg_namelen = Socket_address::capacity();
+  message.msg_iov = &part;
+  message.msg_iovlen = 1;
+  message.msg_control = control.bytes.data();
+  message.msg_controllen = control.bytes.size();
+  const auto size = receive_message(descriptor_, message);
+  if (size >= 0) arrival = arrival_of(message);
+  return size;
 }
 
 }  // namespace someip

@@ -12,6 +12,7 @@
 
 #include "platform/someip/byte_order.h"
 #include "platform/someip/endpoint.h"
+#include "platform/someip/received.h"
 
 namespace someip {
 
@@ -33,6 +34,13 @@ class Socket_address {
     sockaddr_in6 v6;
   } storage_{};
 };
+
+/// Control data of a datagram, in which the kernel tells its arrival.
+struct Arrival_control {
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(sizeof(timespec))> bytes;
+};
+/// Of a datagram received with an Arrival_control.
+[[nodiscard]] Arrival arrival_of(const msghdr& message);
 
 /// Owns the descriptor. Sending is thread-safe; the rest is for one thread at a time.
 class Udp_socket {
@@ -65,7 +73,9 @@ class Udp_socket {
   /// EAGAIN when the socket's buffer is full.
   [[nodiscard]] std::error_code send(Bytes datagram, const Socket_address& to) const;
   /// Waits, once set_blocking(). The bytes of the datagram, or -1 for an error.
-  [[nodiscard]] ssize_t receive(std::span<std::byte> into, Socket_address& from) const;
+  [[nodiscard]] ssize_t receive(std::span<std::byte> into,
+                                Socket_address& from,
+                                Arrival& arrival) const;
 
  private:
   int descriptor_;

@@ -145,10 +145,11 @@ TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_recor
   Times of_another_type;
   of_another_type.type = 3;
   of_another_type.pltOffset = 9'000'000;
+  become(not_available, {0, 0, 0, 10, 1, 0, 1, 0, 1, 2, 0, 1, 0, 1});  // never found
   update(*gnss_, "positions", std::vector{sample(1, 1)});
   gnss_->offer();
   become(error_value, {0, 0, 0, 5, 1, 1, 1, 0, 1});
-  become(not_available, {0, 0, 0, 0});
+  become(not_available, {0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 0, 1, 0, 1});
   update(*gnss_, "positionsQuality", std::vector{bad_quality});
   become(implausible, {0, 0, 0, 5, 1, 2, 1, 0, 1});
   update(*gnss_, "posGnssSatInfos", std::vector{bad_satellite});
@@ -163,11 +164,11 @@ TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_recor
   update(*gnss_, "positions", std::vector<Gnss>(1));
   become(error_value, {0, 0, 0, 5, 1, 1, 0, 0, 1});
   times->stop_offer();
-  become(not_available, {0, 0, 0, 5, 2, 0, 1, 0, 1});
+  become(not_available, {0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 0, 1, 0, 2});
   gnss_->stop_offer();
-  become(not_available, {0, 0, 0, 10, 2, 0, 1, 0, 1, 1, 0, 1, 0, 1});
+  become(not_available, {0, 0, 0, 10, 1, 0, 1, 0, 2, 2, 0, 1, 0, 2});
   times->offer();
-  become(not_available, {0, 0, 0, 10, 2, 0, 0, 0, 1, 1, 0, 1, 0, 1});
+  become(not_available, {0, 0, 0, 10, 1, 0, 1, 0, 2, 2, 0, 0, 0, 2});
 }
 
 TEST_F(ApplicationTest, signals_while_it_starts_and_stops_do_no_harm) {

@@ -111,6 +111,29 @@ TEST_F(Trace, a_malformed_payload_takes_nothing_that_came_before) {
             1U);
 }
 
+TEST_F(Trace, each_offer_has_one_end_whichever_way_it_ends) {
+  const auto offer = HasSubstr("\"Offer_service\"");
+  const auto stop = HasSubstr("\"Stop_offer_service\"");
+  const auto live = [&](const std::function<void(GNSSSkeleton&)>& life) {
+    auto source = std::make_unique<GNSSSkeleton>(ara::core::InstanceSpecifier{"Known"});
+    static_cast<void>(told());
+    life(*source);
+    source.reset();
+    return told();
+  };
+  EXPECT_THAT(live([](auto&) {}), IsEmpty());
+  EXPECT_THAT(live([](auto& source) { source.OfferService(); }), ElementsAre(offer, stop));
+  EXPECT_THAT(live([](auto& source) {
+                source.StopOfferService();
+                source.OfferService();
+                source.OfferService();
+                source.StopOfferService();
+                source.StopOfferService();
+                source.OfferService();
+              }),
+              ElementsAre(offer, stop, offer, stop));
+}
+
 class Monitor final : public mw::dm::dem::skeleton::DiagnosticMonitorSkeleton {
  public:
   Monitor() : DiagnosticMonitorSkeleton{ara::core::InstanceSpecifier{"Known"}} {}

@@ -357,6 +357,38 @@ TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_th
     EXPECT_EQ(read(std::string{"BDPSomeipDataBusService"} + other), (Bytes{0, 0, 0, 0}));
 }
 
+TEST_F(Diagnosis, a_required_service_that_is_not_found_within_the_time_out_is_not_available) {
+  service->init(hour_ms);
+  const auto not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
+  service->requireService(Data_bus_element::GNSS, start);
+  service->requireService(Data_bus_element::Time, start);
+  service->setDataBusFault(DataBusFault::notAvailable, Data_bus_element::Time, false);
+  service->evaluate(start + 1h);
+  EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 0})) << "exactly the time-out is not late yet";
+  service->evaluate(start + 1h + 1ns);
+  service->evaluate(start + 2h);
+  EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1})) << "once, and not the found one";
+  service->setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS, false);
+  service->evaluate(start + 3h);
+  EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 5, 1, 0, 0, 0, 1}));
+}
+
+TEST_F(Diagnosis, a_second_init_resets_what_the_first_one_and_the_data_made) {
+  run_with_gnss();
+  bring_gnss_into_error();
+  service->setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS, true);
+  service->init(20);  // evaluated every 2 ms, in place of every 360 s
+  EXPECT_EQ(inputs(), Bytes(11, 2));
+  EXPECT_EQ(read("BDPSomeipDataBusServiceNotAvailable"), (Bytes{0, 0, 0, 0}));
+  EXPECT_THAT(runtime.offered(), SizeIs(7 + kMonitors.size()));
+  service->evaluate(start);
+  EXPECT_EQ(service->status(gnss), kInit) << "the data of before is forgotten";
+  service->dataReceived(gnss);
+  const std::string changing = "Changing of state, ID = POS_Input_GNSS , prev status = ";
+  EXPECT_TRUE(log.WaitFor(changing + "Init , new status = Nominal"));
+  EXPECT_TRUE(log.WaitFor(changing + "Nominal , new status = Error"));
+}
+
 TEST_F(Diagnosis, evaluation_runs_by_itself_until_the_stop_which_does_not_wait_for_the_next) {
   service->init(200);  // evaluated every 20 ms
   service->newSensorSetup({true});

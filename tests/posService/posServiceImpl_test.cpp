@@ -2,6 +2,9 @@
 
 #include <gmock/gmock.h>
 
+#include <limits>
+#include <type_traits>
+
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
@@ -185,29 +188,43 @@ TEST_F(Pos_service, publishes_a_position_with_its_age_only_when_its_timestamp_is
   EXPECT_THAT(positions(), IsEmpty());
 }
 
-TEST_F(Pos_service, repeats_the_same_coordinates_only_when_told_to_send_all) {
-  start();
+TEST_F(Pos_service, repeats_the_same_position_only_when_told_to_send_all) {
   service_.setAlwaysSendAllValidPositions(false);
-  service_.sendDR(at(start_us + 1));
-  EXPECT_THAT(positions(), IsEmpty());
-  for (const auto& [latitude, longitude] : std::vector<std::pair<double, double>>{
-           {48.0, 11.5}, {48.5, 11.5}, {0.0, 11.5}, {-0.0, 11.5}, {-0.0, 11.5}})
-    service_.sendDR(at(start_us, latitude, longitude));
-  EXPECT_THAT(positions(), SizeIs(4)) << "the last one repeats";
+  start();
+  // Whether each is sent after the one before it.
+  const auto sent = [&](const Position& position) {
+    runtime_.clear_updates();
+    service_.sendDR(position);
+    return positions().size() == 1;
+  };
+  auto standing = at(start_us + 1);
+  standing.messageCounter = 7;
+  EXPECT_FALSE(sent(standing)) << "time stamp and counter make no new position";
+  binding::for_each_member<Position>([&](const auto& member) {
+    if (member.name == "messageCounter" || member.name == "age" ||
+        member.name.starts_with("preciseLocalTime")) {
+      return;
+    }
+    auto changed = standing;
+    auto& value = changed.*member.pointer;
+    for (const auto number : {1, 2}) {
+      value = static_cast<std::remove_cvref_t<decltype(*value)>>(number);
+      EXPECT_TRUE(sent(changed)) << member.name;
+      EXPECT_FALSE(sent(changed)) << member.name;
+    }
+    EXPECT_TRUE(sent(standing)) << member.name;
+  });
+  EXPECT_TRUE(sent(only_time()));
+  EXPECT_FALSE(sent(only_time())) << "absent equals absent";
+  const auto nowhere = at(start_us, std::numeric_limits<double>::quiet_NaN());
+  EXPECT_TRUE(sent(nowhere));
+  EXPECT_FALSE(sent(nowhere));
 
-  service_.sendDR(only_time());
-  service_.sendDR(only_time());
-  EXPECT_THAT(positions(), SizeIs(6));
-
-  pass_ms(1001);
-  service_.sendDR(at(start_us));
-  service_.sendDR(at(start_us));
-  EXPECT_THAT(positions(), SizeIs(7));
-  EXPECT_THAT(map_infos(), SizeIs(1));
-  pass_ms(1001);
-  service_.sendDR(at(start_us));
-  EXPECT_THAT(positions(), SizeIs(7));
-  EXPECT_THAT(map_infos(), SizeIs(2));
+  for (int round = 0; round < 2; ++round) {
+    pass_ms(1001);
+    EXPECT_FALSE(sent(nowhere));
+    EXPECT_THAT(map_infos(), SizeIs(1)) << "goes out as map-matched all the same";
+  }
 }
 
 }  // namespace

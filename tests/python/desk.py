@@ -4,6 +4,7 @@ import json
 import os
 import pathlib
 import queue
+import re
 import signal
 import socket
 import subprocess
@@ -95,6 +96,13 @@ class Desk:
         address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()
         bound = f" {address}:{self.manifest['serviceDiscovery']['port']:04X} "
         return bound in pathlib.Path("/proc/net/udp").read_text(encoding="ascii")
+
+    def bytes_waiting(self, node):
+        """Memory of the datagrams that wait in the fullest UDP socket of the node's address."""
+        address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()
+        sockets = re.findall(rf" {address}:\w+ [\w:]+ \w+ \w+:(\w+)",
+                             pathlib.Path("/proc/net/udp").read_text(encoding="ascii"))
+        return max(int(waiting, 16) for waiting in sockets)
 
     @staticmethod
     def stop(process, number=signal.SIGTERM):

@@ -402,6 +402,10 @@ class Run:
     def messages(self):
         return self.log.of(self.process.pid)
 
+    def records(self, name):
+        """How many trace records of this name there are."""
+        return sum(f'"1_id":"{name}"' in one.arguments[0] for one in self.messages() if one.context == "TRCE")
+
     def wait(self, row):
         until(lambda: any(one.fits(row) for one in self.messages()), f"{self.name}: {row}")
 
@@ -533,6 +537,8 @@ def empty_storage(desk, log, network, tester):
     run.process.send_signal(signal.SIGUSR2)
     run.wait(ALLOWED)
     run.end(signal.SIGTERM)
+    offers, stops = (run.records(name) for name in ("Offer_service", "Stop_offer_service"))
+    assert offers == stops == 9 + len(MONITORS), (offers, stops)  # and the statistics, positions, data identifiers
 
 
 def descriptions():

@@ -166,6 +166,19 @@ class Tools(unittest.TestCase):
         self.assertRegex(text, r"uptime +\d+\.\d s +resident memory +\d+\.\d MiB\n")
         self.assertRegex(text, r"tcpAccepted +0 +tcpConnected +0\n")
 
+    def test_positions_that_waited_in_a_stopped_process_are_counted(self):
+        application = self.runs_to_the_end(APPLICATION)
+        self.runs_to_the_end(GATEWAY, "--rate", 50)
+
+        def counters():
+            return self.posctl("stats", "--timeout", 20)["counters"]
+
+        before = until(lambda: (told := counters())["notificationsReceived"] > 10 and told, "notifications")
+        application.send_signal(signal.SIGSTOP)
+        until(lambda: self.desk.bytes_waiting("POS") > 60_000, "some 50 datagrams in the socket")
+        application.send_signal(signal.SIGCONT)
+        until(lambda: counters()["notificationsLate"] > before["notificationsLate"] + 10, "late notifications")
+
     def test_one_page_tells_the_whole_state(self):
         self.runs_to_the_end(APPLICATION)
         quiet = self.posctl("status", "--timeout", 20)

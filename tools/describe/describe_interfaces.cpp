@@ -22,27 +22,56 @@ big-endian, signed and floating-point ones as their bit pattern. Every member is
 its tag does not occur. Members are accepted in any order; of one sent twice the last counts; unknown data
 IDs are skipped.
 
-A measured quantity is followed by its `valueType`. Only quantities whose `valueType` is 4 (PhysicalValue)
-are taken over.
+`Get` of a field takes no payload and returns the vector of its last notification. `Set`, of the Time fields
+only, takes a vector and returns the one that the provider took over. The application uses notifications
+only.
 
 The outputs of the diagnostic data identifiers, their units and worked examples are in
 [data-identifiers.md](data-identifiers.md).
 
 )";
 
+constexpr auto gnss_notes =
+    R"(A measured quantity is followed by its `valueType`. Only quantities whose `valueType` is 4 (PhysicalValue)
+are taken over.
+
+)";
+
+constexpr auto positioning_notes = R"(Each notification carries exactly one record.
+
+- **Presence means validity.** No member has a `valueType`. A measured quantity is present when the GNSS
+  service sent it as PhysicalValue, in the forwarded sample or in the other one of the same notification.
+  Otherwise it is absent.
+- **Values are passed on as received.** Nothing checks them: time stamps, NaN, infinities and coordinates off
+  the globe reach the consumer as the GNSS service sent them. The data identifier d_1192 reports them. The
+  setting `ignoreGNSSTimestamps`, on by default, replaces the time stamp ([settings.md](settings.md)).
+- **`age` is an absolute value.** A time stamp in the future has an age too. The 32 bits wrap after 71.6 min.
+- **Constants.** The seven members `statusPosition` to `statusMapMatching` of a position, and
+  `statusMapMatching` and `statusMap` of a map record, are constant in this version and say nothing about
+  this sample. The two members called `statusMapMatching` are 0 and 2: no meaning hides in the difference.
+- **Update operations.** A position update and a map-info update set a field from inside the application.
+  This version makes one of each, at the start, to give the fields a value. Neither sends coordinates, so
+  `positionType` is never present and `positionSource` is always 4.
+- **The first notification** after a subscription is the value that the field has. Before the first
+  forwarded position, `positions` holds nothing but the time stamp of the start, and `posMapInfo` nothing but
+  `mapInfo` 0: neither is a position. Later it is the last published record, however old.
+
+)";
+
+/// `notes` follow the table of the service's fields.
 template <class Service>
-void print_service() {
+void print_service(const char* notes) {
   std::cout << "## " << Service::name << "\n\nVersion " << Service::version.major << "."
             << Service::version.minor << ".\n\n| Field | Payload |\n|---|---|\n";
   std::apply(
-      [](const auto&... fields) {
+      [notes](const auto&... fields) {
         ((std::cout
           << "| `" << fields.name << "` | vector of `"
           << binding::Description<
                  typename std::remove_cvref_t<decltype(fields)>::value_type::value_type>::name
           << "` |\n"),
          ...);
-        std::cout << "\n";
+        std::cout << "\n" << notes;
         ((std::cout << describe::markdown(
               describe::table_of<
                   typename std::remove_cvref_t<decltype(fields)>::value_type::value_type>())),
@@ -55,8 +84,8 @@ void print_service() {
 
 int main() {
   std::cout << introduction;
-  print_service<lumo::services::gnss::GNSS>();
-  print_service<lumo::services::time::Time>();
-  print_service<lumo::services::positioning::Positioning>();
+  print_service<lumo::services::gnss::GNSS>(gnss_notes);
+  print_service<lumo::services::time::Time>("");
+  print_service<lumo::services::positioning::Positioning>(positioning_notes);
   return std::cout.good() ? 0 : 1;
 }

@@ -1,5 +1,6 @@
 #include "platform/linux/com/connection.h"
 
+#include <chrono>
 #include <stdexcept>
 #include <utility>
 
@@ -8,6 +9,9 @@
 namespace tq::com {
 
 namespace {
+
+/// A notification that reaches its handler this long after its arrival is counted.
+constexpr std::chrono::milliseconds late{100};
 
 /// Over which transport a method, a getter or a setter travels.
 someip::Transport transport_of(const someip::Service_deployment& service, std::uint16_t method) {
@@ -47,23 +51,47 @@ bool Subscription::enqueue(someip::Received notification) {
     first_ = std::move(notification);
     return true;
   }
-  // Relaxed: the bound need not be exact, and the strand orders everything else.
-  if (queued_.load(std::memory_order_relaxed) >= max_queued_) {
-    counters_.refused_notifications.add();
-    return false;
+  return add_waiting(notification.kept()) && strand_.enqueue([this] { take_waiting(); });
+}
+
+bool Subscription::add_waiting(someip::Received notification) {
+  someip::Received displaced;  // goes after the lock
+  const std::lock_guard lock(waiting_mutex_);
+  waiting_.push_back(std::move(notification));
+  if (waiting_.size() <= max_queued_) return true;
+  displaced = std::move(waiting_.front());
+  waiting_.pop_front();
+  counters_.notifications_displaced.add();
+  return false;
+}
+
+void Subscription::take_waiting() {
+  someip::Received oldest;
+  {
+    const std::lock_guard lock(waiting_mutex_);
+    if (waiting_.empty()) return;  // closed since
+    oldest = std::move(waiting_.front());
+    waiting_.pop_front();
   }
-  queued_.fetch_add(1, std::memory_order_relaxed);
-  return strand_.enqueue([this, waiting = notification.kept()] {
-    queued_.fetch_sub(1, std::memory_order_relaxed);
-    handler_(waiting.payload);
-  });
+  deliver(oldest);
+}
+
+void Subscription::deliver(const someip::Received& notification) {
+  if (someip::is_older_than(notification.arrival, late)) counters_.notifications_late.add();
+  handler_(notification.payload);
+}
+
+void Subscription::close() {
+  strand_.close();
+  const std::lock_guard lock(waiting_mutex_);
+  waiting_.clear();
 }
 
 void Subscription::run() {
   if (!first_.buffer.empty()) {
     strand_.run_claimed([this] {
       const someip::Received first = std::exchange(first_, {});
-      handler_(first.payload);
+      deliver(first);
     });
   } else {
     strand_.run();

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -27,7 +28,8 @@ class Remote_instance {
   const someip::Instance_key key;
 };
 
-/// One element's notifications on their way to its handler.
+/// One element's notifications on their way to its handler. While the handler runs, the newest of
+/// them wait, at most `max_queued`.
 class Subscription final : public someip::Event_sink,
                            public std::enable_shared_from_this<Subscription> {
  public:
@@ -45,17 +47,25 @@ class Subscription final : public someip::Event_sink,
   void run() override;
   void subscription_changed(bool active) override;
   /// No handler runs any more when it returns (not waited for inside a handler).
-  void close() { strand_.close(); }
+  void close();
   [[nodiscard]] bool running_here() const { return strand_.running_in_this_thread(); }
 
  private:
+  /// Displaces the oldest one when there is no room. True when it did not, so that the strand has
+  /// to be asked for one more.
+  [[nodiscard]] bool add_waiting(someip::Received notification);
+  void take_waiting();
+  void deliver(const someip::Received& notification);
+
   const std::size_t max_queued_;
   const Notification_handler handler_;
   const Subscription_state_handler on_state_;
   someip::Workers& workers_;
   someip::Counters& counters_;
-  someip::Received first_;  ///< belongs to whoever has claimed the strand
-  std::atomic<std::size_t> queued_{0};
+  someip::Received first_;    ///< belongs to the thread that has claimed the strand
+  std::mutex waiting_mutex_;  ///< guards waiting_
+  /// The strand has been asked for each of them.
+  std::deque<someip::Received> waiting_;
   bool active_ = false;  ///< as the handler was told last; touched on the strand only
   std::atomic<bool> latest_active_{false};
   std::atomic<bool> state_pending_{false};  ///< the strand has been asked to tell it

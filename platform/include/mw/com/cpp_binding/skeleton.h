@@ -271,24 +271,35 @@ class Skeleton_impl {
 
   void OfferService() {
     provision_.provider->offer();
-    trace(Trace_id::Offer_service, [&] { return provision_.event(Trace_id::Offer_service); });
+    if (!offered_.exchange(true)) tell(Trace_id::Offer_service);
   }
   /// Returns at once; calls in progress are still answered.
   void StopOfferService() {
     provision_.provider->stop_offer();
-    trace(Trace_id::Stop_offer_service,
-          [&] { return provision_.event(Trace_id::Stop_offer_service); });
+    tell_end_of_offer();
   }
 
  protected:
   ~Skeleton_impl() = default;
   [[nodiscard]] Provision& provision() { return provision_; }
-  /// For the destructor of a class that overrides methods: no call reaches it afterwards. Events
-  /// may still be sent.
-  void disconnect() { provision_.provider->close(); }
+  /// For the destructor of a class that overrides methods: withdraws the offer, and no call reaches
+  /// the object afterwards. Events may still be sent.
+  void disconnect() {
+    provision_.provider->close();
+    tell_end_of_offer();
+  }
 
  private:
+  void tell(Trace_id id) const {
+    trace(id, [&] { return provision_.event(id); });
+  }
+  /// One record for each that OfferService() wrote.
+  void tell_end_of_offer() {
+    if (offered_.exchange(false)) tell(Trace_id::Stop_offer_service);
+  }
+
   Provision provision_;
+  std::atomic<bool> offered_{false};
 };
 
 }  // namespace mw::com::cpp_binding::skeleton
