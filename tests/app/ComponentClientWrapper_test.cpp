@@ -1,9 +1,14 @@
 #include "app/ComponentClientWrapper.h"
 
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
@@ -160,11 +165,26 @@ TEST_F(ComponentClientWrapperTest, a_preparation_without_a_thread_leaves_the_app
               ElementsAre(Confirmation{1, "kPrepSD", 1}, Confirmation{2, "kPrepSD", 0}));
 }
 
+/// Whether the preparation's thread, the only one beside this, sleeps.
+bool preparationWaits() {
+  int others = 0;
+  int sleeping = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == std::to_string(::getpid())) continue;
+    std::ifstream file(task.path() / "stat");
+    const std::string status(std::istreambuf_iterator<char>(file), {});
+    ++others;
+    sleeping += status.find(") S ") != std::string::npos ? 1 : 0;
+  }
+  return others == 1 && sleeping == 1;
+}
+
 TEST_F(ComponentClientWrapperTest, a_save_wakes_the_newest_preparation_at_once) {
   const ComponentClientWrapper wrapper(&persistency_, {});
-  for (std::uint32_t round = 0; round < 20; ++round) {
+  for (std::uint32_t round = 0; round < 6; ++round) {
     request("kPrepSD", 10);
-    request("kOn", 11);  // its wake and the next one reach the same wait
+    ASSERT_TRUE(test::eventually(preparationWaits));
+    request("kOn", 11);  // its wake and that of the save reach the same wait
     request("kPrepSD", 100 + round);
     const auto saved = std::chrono::steady_clock::now();
     save();

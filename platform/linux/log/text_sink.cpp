@@ -100,11 +100,14 @@ void TextSink::Write(std::string line) noexcept {
     if (queuing_ && (dropped_ > 0 || queued_bytes_ + line.size() > kMaxQueuedBytes)) {
       ++dropped_;
       StartThread();
-    } else if (const auto missing = std::exchange(dropped_, 0); missing > 0) {
-      Add(NoticeOf(missing));
-      dropped_ > 0 ? void(dropped_ = missing + 1) : Add(std::move(line));
     } else {
-      Add(std::move(line));
+      const auto missing = std::exchange(dropped_, 0);
+      if (missing > 0) Add(NoticeOf(missing));
+      if (dropped_ > 0) {  // the notice neither
+        dropped_ = missing + 1;
+      } else {
+        Add(std::move(line));
+      }
     }
     if (closed_) WaitForQueue(lock);
   } catch (
