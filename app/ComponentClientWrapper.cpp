@@ -12,7 +12,7 @@ constexpr const char* kPrepareShutdown = "kPrepSD";
 constexpr const char* kOnState = "kOn";
 
 constexpr std::uint32_t kAccepted = 0;
-constexpr std::uint32_t kAlreadyPreparing = 1;
+constexpr std::uint32_t kRefused = 1;
 
 }  // namespace
 
@@ -63,7 +63,7 @@ void ComponentClientWrapper::componentStateChangeRequest(const std::string& newS
       }
       break;
     case State::kTransitionPending:
-      confirm(seqNum, newState, kAlreadyPreparing);
+      confirm(seqNum, newState, kRefused);
       break;
     case State::kPreparedForShutdown:
       confirm(seqNum, newState, kAccepted);
@@ -90,19 +90,17 @@ void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
   state_ = State::kTransitionPending;
   preparedSeqNum_ = seqNum;
   deadline_ = Clock::now() + kWaitLimit;
-  {
-    const std::lock_guard wakeLock(wakeMutex_);
-    woken_ = false;
-  }
+  seenWakes_ = wakes();
   if (preparing_) return;
   try {
     preparation_ = std::async(std::launch::async, &ComponentClientWrapper::prepare, this);
     preparing_ = true;
   } catch (const std::exception& error) {
-    // No thread to be had: this request is lost, the next one tries again.
+    // No thread to be had: the next request tries again.
     logger_.LogError() << "Error in the preparation for shutdown:" << error.what();
     persistency_->setCallback({});
     state_ = State::kOn;
+    confirm(seqNum, kPrepareShutdown, kRefused);
   }
 }
 
@@ -110,11 +108,13 @@ void ComponentClientWrapper::prepare() {
   std::unique_lock lock(mutex_);
   while (state_ == State::kTransitionPending) {
     const auto deadline = deadline_;
+    const auto seen = seenWakes_;
     lock.unlock();
-    const bool woken = waitUntil(std::min(deadline, Clock::now() + kAskPeriod));
+    const auto wakes = waitForWake(seen, std::min(deadline, Clock::now() + kAskPeriod));
     lock.lock();
     if (state_ != State::kTransitionPending || deadline_ != deadline) continue;  // a newer request
-    const bool ready = prepareCallback_ ? isOwnerReady() : woken;
+    seenWakes_ = wakes;
+    const bool ready = prepareCallback_ ? isOwnerReady() : wakes != seen;
     if (ready || Clock::now() >= deadline) finishPreparation(preparedSeqNum_);
   }
   preparing_ = false;
@@ -133,16 +133,21 @@ bool ComponentClientWrapper::isOwnerReady() {
   return false;
 }
 
-bool ComponentClientWrapper::waitUntil(Clock::time_point time) {
+std::uint64_t ComponentClientWrapper::wakes() {
+  const std::lock_guard lock(wakeMutex_);
+  return wakes_;
+}
+
+std::uint64_t ComponentClientWrapper::waitForWake(std::uint64_t seen, Clock::time_point time) {
   std::unique_lock lock(wakeMutex_);
-  wake_.wait_until(lock, time, [this] { return woken_; });
-  return std::exchange(woken_, false);
+  wake_.wait_until(lock, time, [&] { return wakes_ != seen; });
+  return wakes_;
 }
 
 void ComponentClientWrapper::wakePreparation() {
   {
     const std::lock_guard lock(wakeMutex_);
-    woken_ = true;
+    ++wakes_;
   }
   wake_.notify_one();
 }

@@ -20,7 +20,7 @@
 /// once. Otherwise a preparation goes on in a thread of its own: it asks again every second and
 /// after each controlled save of the persistency (without a callback such a save is enough) and is
 /// over when the callback agrees, at the latest after 5 s. Any other state ends a preparation; its
-/// request then gets no confirmation of its own, nor does one for which there is no thread.
+/// request then gets no confirmation of its own.
 class ComponentClientWrapper {
  public:
   /// Whether the owner is ready for shutdown. Called under the lock of the requests, which also
@@ -37,7 +37,7 @@ class ComponentClientWrapper {
   ComponentClientWrapper& operator=(const ComponentClientWrapper&) = delete;
 
   /// "kPrepSD", or any other name for "kOn". Confirmed to state management with 0 (accepted) or 1
-  /// (a preparation is running already). Any thread may call.
+  /// (a preparation is running already, or there is no thread for it). Any thread may call.
   void componentStateChangeRequest(const std::string& newState, std::uint32_t seqNum);
 
  private:
@@ -53,7 +53,8 @@ class ComponentClientWrapper {
   void startPreparation(std::uint32_t seqNum);
   void prepare();
   [[nodiscard]] bool isOwnerReady();
-  [[nodiscard]] bool waitUntil(Clock::time_point time);
+  [[nodiscard]] std::uint64_t wakes();
+  [[nodiscard]] std::uint64_t waitForWake(std::uint64_t seen, Clock::time_point time);
   void wakePreparation();
   void waitForPreparation();
   void confirm(std::uint32_t seqNum, const std::string& newState, std::uint32_t result);
@@ -76,9 +77,11 @@ class ComponentClientWrapper {
   bool preparing_ = false;
   std::uint32_t preparedSeqNum_ = 0;
   Clock::time_point deadline_;
+  std::uint64_t seenWakes_ = 0;  ///< those of wakes_ that the request no longer waits for
 
-  /// Guards woken_. Apart from mutex_, because a prepare callback that stores gets here under it.
+  /// Guards wakes_. Apart from mutex_, because a prepare callback that stores gets here under it.
   std::mutex wakeMutex_;
   std::condition_variable wake_;
-  bool woken_ = false;
+  /// Counted, not noted: a wake for a new request reaches a thread that still waits for an old one.
+  std::uint64_t wakes_ = 0;
 };

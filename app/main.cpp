@@ -1,5 +1,7 @@
 #include "app/posMain.h"
+#include "ara/core/initialization.h"
 
 int main(int argc, char** argv) {
+  ara::core::Initialize();
   return posMain(argc, argv);
 }

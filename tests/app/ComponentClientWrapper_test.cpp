@@ -1,15 +1,20 @@
 #include "app/ComponentClientWrapper.h"
 
 #include <gmock/gmock.h>
-#include <pthread.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <tuple>
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/No_threads.h"
 #include "tests/support/Seen.h"
 #include "tests/support/Store.h"
 
@@ -148,18 +153,45 @@ TEST_F(ComponentClientWrapperTest, an_owner_that_throws_is_not_ready_and_stops_n
 
 TEST_F(ComponentClientWrapperTest, a_preparation_without_a_thread_leaves_the_application_on) {
   const ComponentClientWrapper wrapper(&persistency_, {});
-  pthread_attr_t usual;
-  ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
-  pthread_attr_t endless = usual;
-  ASSERT_EQ(pthread_attr_setstacksize(&endless, std::size_t{1} << 50), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&endless), 0);
-  request("kPrepSD", 1);
-  ASSERT_EQ(pthread_setattr_default_np(&usual), 0);
+  {
+    const test::No_threads none;
+    request("kPrepSD", 1);
+  }
   EXPECT_TRUE(log_.Has("Error in the preparation for shutdown: Resource temporarily unavailable"));
 
   request("kPrepSD", 2);  // tries again
   save();
-  EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{2, "kPrepSD", 0}));
+  EXPECT_THAT(confirmed(2),
+              ElementsAre(Confirmation{1, "kPrepSD", 1}, Confirmation{2, "kPrepSD", 0}));
+}
+
+/// Whether the preparation's thread, the only one beside this, sleeps.
+bool preparationWaits() {
+  int others = 0;
+  int sleeping = 0;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    if (task.path().filename() == std::to_string(::getpid())) continue;
+    std::ifstream file(task.path() / "stat");
+    const std::string status(std::istreambuf_iterator<char>(file), {});
+    ++others;
+    sleeping += status.find(") S ") != std::string::npos ? 1 : 0;
+  }
+  return others == 1 && sleeping == 1;
+}
+
+TEST_F(ComponentClientWrapperTest, a_save_wakes_the_newest_preparation_at_once) {
+  const ComponentClientWrapper wrapper(&persistency_, {});
+  for (std::uint32_t round = 0; round < 6; ++round) {
+    request("kPrepSD", 10);
+    ASSERT_TRUE(test::eventually(preparationWaits));
+    request("kOn", 11);  // its wake and that of the save reach the same wait
+    request("kPrepSD", 100 + round);
+    const auto saved = std::chrono::steady_clock::now();
+    save();
+    ASSERT_TRUE(management_.confirmations.wait_for({100 + round, "kPrepSD", 0}));
+    ASSERT_LT(std::chrono::steady_clock::now() - saved, 2s) << "without the wake it takes 5 s";
+    request("kOn", 12);
+  }
 }
 
 TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {

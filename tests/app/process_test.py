@@ -1,11 +1,13 @@
-"""The program as its service manager sees it: signals and exit codes."""
+"""The program as its service manager sees it: signals, exit codes, and what it writes to."""
 
+import contextlib
 import os
 import signal
+import socket
 import time
 import unittest
 
-from desk import APPLICATION, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions, until
 
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGUSR2)
 # The poll of the shutdown flag, the stop of the alive timer and the delay before the runtime goes.
@@ -80,6 +82,73 @@ class ProcessTest(unittest.TestCase):
             self.assertEqual(self.ends(application), 104)
             self.assertTrue(self.count(application, f'manifest.json: services.{service}.{kind}: expected "{name}"'))
             elements[name] = element
+
+
+def fill(sender):
+    """Writes until there is no room left."""
+    os.set_blocking(sender, False)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            os.write(sender, b"-" * 4096)
+    os.set_blocking(sender, True)
+
+
+def close_standard_descriptors():
+    for number in range(3):
+        os.close(number)
+
+
+class OutputsTest(unittest.TestCase):
+    """What the program writes to stops reading, goes away, or was never there."""
+
+    def setUp(self):
+        self.desk = self.enterContext(Desk(72))
+
+    def unread(self, reader, writer):
+        self.addCleanup(os.close, reader)
+        self.addCleanup(os.close, writer)
+        fill(writer)
+        return {"stderr": writer}
+
+    def without_reader(self, reader, writer):
+        os.close(reader)
+        self.addCleanup(os.close, writer)
+        return {"stderr": writer}
+
+    def notify_socket(self):
+        manager, sender = (self.enterContext(socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)) for _ in range(2))
+        manager.bind(f"\0pos-manager-{os.getpid()}")
+        sender.connect(manager.getsockname())
+        fill(sender.fileno())
+        return {"environment": {"NOTIFY_SOCKET": f"@pos-manager-{os.getpid()}"}}
+
+    def bus(self):
+        self.desk.start_bus().send_signal(signal.SIGSTOP)
+        return {}
+
+    def test_positions_flow_and_the_end_is_prompt_whatever_does_not_read(self):
+        self.desk.start(GATEWAY)
+        positions = Positions(self.desk.start(POSCTL, "watch", "--json"))
+        rows = {
+            "a pipe that is not read": lambda: self.unread(*os.pipe()),
+            "the journal's socket, not read": lambda: self.unread(*(one.detach() for one in socket.socketpair())),
+            "a pipe without a reader": lambda: self.without_reader(*os.pipe()),
+            "a notify socket with a full queue": self.notify_socket,
+            "a bus daemon that does not answer": self.bus,
+            "no descriptors 0 to 2": lambda: {"preexec_fn": close_standard_descriptors},
+        }
+        for what, options in rows.items():
+            with self.subTest(what), contextlib.ExitStack() as row:
+                application = self.desk.start(APPLICATION, **options())
+                row.callback(application.kill)  # has no effect unless the row has failed
+                positions.flow(what, count=5, seconds=10)
+                if what == "no descriptors 0 to 2":
+                    opened = {os.readlink(f"/proc/{application.pid}/fd/{number}") for number in range(3)}
+                    self.assertEqual(opened, {"/dev/null"})
+                start = time.monotonic()
+                application.send_signal(signal.SIGTERM)
+                self.assertEqual(application.wait(timeout=SHUTDOWN_LIMIT_S + SLACK_S), 0)
+                self.assertLess(time.monotonic() - start, SHUTDOWN_LIMIT_S + 3.0)
 
 
 if __name__ == "__main__":

@@ -64,14 +64,14 @@ class Desk:
         self.folder.cleanup()
 
     def start(self, program, *arguments, **options):
-        """Standard output is a pipe of text."""
+        """Standard output is a pipe of text, standard error the file `log` of the process."""
         log = self.path / f"{len(self.running)}-{program.name}.log"
         with open(log, "wb") as errors:
             process = subprocess.Popen(
                 [str(program), *map(str, arguments)],
                 stdin=options.pop("stdin", subprocess.DEVNULL),
                 stdout=subprocess.PIPE,
-                stderr=errors,
+                stderr=options.pop("stderr", errors),
                 env={**self.environment, **options.pop("environment", {})},
                 text=True,
                 **options,
@@ -90,6 +90,7 @@ class Desk:
         """A session bus of the test's own, with state management on it for what starts from now on."""
         bus = self.start(pathlib.Path("/usr/bin/dbus-daemon"), "--session", "--nofork", "--print-address")
         self.environment |= {"DBUS_SESSION_BUS_ADDRESS": bus.stdout.readline().strip(), "POS_STATE_BUS": "session"}
+        return bus
 
     def is_bound(self, node):
         """Whether a process has the service discovery port of the node's address."""

@@ -9,7 +9,7 @@ import subprocess
 import time
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk, until
 
 NETWORK = 82
 LATITUDE = 46.948  # around which the gateway drives
@@ -216,6 +216,16 @@ class Tools(unittest.TestCase):
         self.output(POSCTL, "watch", "--count", 2, "--timeout", 20)
         for command in ("stats", "status"):
             self.assertIn('services: "mw::com::runtime::Statistics" is not deployed', self.fails(POSCTL, command))
+
+    def test_a_program_whose_output_has_lost_its_reader_ends_quietly(self):
+        self.desk.start(APPLICATION)
+        gateway, watch = self.desk.start(GATEWAY), self.desk.start(POSCTL, "watch")
+        watch.stdout.readline()
+        watch.stdout.close()
+        self.assertEqual((watch.wait(timeout=DEADLINE), watch.log.read_text()), (0, ""))
+        gateway.stdout.close()
+        gateway.terminate()
+        self.assertEqual((gateway.wait(timeout=DEADLINE), gateway.log.read_text()), (0, ""))
 
     def test_a_component_state_is_asked_for_over_the_bus(self):
         self.desk.start_bus()

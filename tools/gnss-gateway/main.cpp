@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 #include <optional>
 
+#include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tools/Stop_signal.h"
 #include "tools/gnss-gateway/Output.h"
@@ -74,6 +75,7 @@ void print(const gateway::Source_result& result,
 }  // namespace
 
 int main(int argc, char** argv) try {
+  ara::core::Initialize();
   CLI::App app{
       "Offers the GNSS service with positions of a synthetic drive or of an NMEA 0183 receiver."};
   gateway::Drive_options drive;

@@ -23,7 +23,7 @@ void Printer::print(const std::string& line) {
   if (enough_ != 0 && printed_ >= enough_) return;
   ++printed_;
   std::cout << line << std::endl;
-  if (printed_ == enough_) eventfd_write(finished_, 1);
+  if (printed_ == enough_ || !std::cout) eventfd_write(finished_, 1);
 }
 
 std::uint64_t Printer::printed() const {

@@ -17,7 +17,8 @@ class Printer {
   Printer(const Printer&) = delete;
   Printer& operator=(const Printer&) = delete;
 
-  /// Nothing is printed any more once enough have come. Any thread.
+  /// Nothing is printed any more once enough have come. A line that standard output does not take,
+  /// because its reader has gone, ends the wait too. Any thread.
   void print(const std::string& line);
   [[nodiscard]] std::uint64_t printed() const;
 

@@ -4,6 +4,7 @@
 #include <exception>
 #include <map>
 
+#include "ara/core/initialization.h"
 #include "tools/posctl/Commands.h"
 
 namespace {
@@ -35,6 +36,7 @@ void add_look_options(CLI::App& command, posctl::Look_options& options) {
 }  // namespace
 
 int main(int argc, char** argv) try {
+  ara::core::Initialize();
   CLI::App app{"Shows what the POS application does, and what is configured."};
   app.require_subcommand(1);
   app.get_formatter()->column_width(34);

@@ -1,14 +1,32 @@
 #include "ara/exec/application_client.h"
 
-#include <systemd/sd-daemon.h>
+#include <poll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
 
+#include <array>
+#include <cerrno>
+#include <chrono>
 #include <exception>
+#include <future>
+#include <mutex>
+#include <string>
 #include <system_error>
 
 #include "ara/log/logger.h"
+#include "platform/linux/core/all_signals_blocked.h"
+#include "platform/linux/exec/notify_socket.h"
 
 namespace ara::exec {
 namespace {
+
+using Clock = std::chrono::steady_clock;
+
+/// As long as the unit's TimeoutStartSec: a service manager that has not read READY by then has
+/// given the start up.
+constexpr std::chrono::seconds kRetryLimit{30};
+/// For STOPPING, which is the last report: the end of the process tells the same.
+constexpr std::chrono::milliseconds kLastWait{250};
 
 const char* MessageFor(ApplicationState state) {
   switch (state) {
@@ -22,15 +40,88 @@ const char* MessageFor(ApplicationState state) {
   return "STATUS=unknown state";
 }
 
+void Warn(const std::string& reason) {
+  log::LogWarn() << "The application state could not be reported to the service manager:" << reason;
+}
+
 }  // namespace
 
+/// Sends the newest state: on the calling thread when the queue has room, else on a thread that
+/// waits for room.
+class ApplicationClient::Reporter {
+ public:
+  Reporter() = default;
+  ~Reporter() {
+    const std::lock_guard lock(mutex_);
+    if (retry_.valid()) (void)retry_.wait_for(kLastWait);
+    if (EndRetry() == EAGAIN) Warn(std::generic_category().message(EAGAIN));
+    if (wake_ >= 0) ::close(wake_);
+  }
+  Reporter(const Reporter&) = delete;
+  Reporter& operator=(const Reporter&) = delete;
+
+  void Report(const char* message) {
+    const std::lock_guard lock(mutex_);
+    (void)EndRetry();
+    const int error = NotifySocket().Send(message);
+    if (error == EAGAIN) {
+      StartRetry(message);
+    } else if (error != 0) {
+      Warn(std::generic_category().message(error));
+    }
+  }
+
+ private:
+  void StartRetry(const char* message) {
+    if (wake_ < 0) wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+    const core::AllSignalsBlocked blocked;
+    retry_ = std::async(std::launch::async, &Reporter::Retry, this, message);
+  }
+
+  /// Returns the error of a retry that was still waiting, else 0.
+  int EndRetry() {
+    if (!retry_.valid()) return 0;
+    ::eventfd_write(wake_, 1);
+    const int error = retry_.get();
+    eventfd_t count = 0;
+    ::eventfd_read(wake_, &count);
+    return error;
+  }
+
+  /// Returns EAGAIN when woken before there was room, else 0.
+  [[nodiscard]] int Retry(const char* message) const {
+    const auto end = Clock::now() + kRetryLimit;
+    for (;;) {
+      const NotifySocket socket;
+      const int error = socket.Send(message);
+      const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
+      if (error != EAGAIN || left.count() <= 0) {
+        if (error != 0) Warn(std::generic_category().message(error));
+        return 0;
+      }
+      std::array<pollfd, 2> events{{{socket.descriptor(), POLLOUT, 0}, {wake_, POLLIN, 0}}};
+      (void)::poll(events.data(), events.size(), static_cast<int>(left.count()));
+      if (events[1].revents != 0) return EAGAIN;
+    }
+  }
+
+  std::mutex mutex_;        ///< guards the members below; held while a retry ends, which is at once
+  int wake_ = -1;           ///< ends the retry's wait; made before its thread
+  std::future<int> retry_;  ///< of the newest report, if that found the queue full
+};
+
+ApplicationClient::ApplicationClient() : reporter_(std::make_unique<Reporter>()) {}
+ApplicationClient::~ApplicationClient() = default;
+
 void ApplicationClient::ReportApplicationState(ApplicationState state) const noexcept {
-  const int result = ::sd_notify(0, MessageFor(state));
-  if (result >= 0) return;
   try {
-    log::LogWarn() << "The application state could not be reported to the service manager:"
-                   << std::generic_category().message(-result);
-  } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for a warning
+    reporter_->Report(MessageFor(state));
+  } catch (const std::exception& error) {
+    try {
+      Warn(error.what());
+    } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for a warning
+    }
   }
 }
 

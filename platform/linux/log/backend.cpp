@@ -32,7 +32,10 @@ Backend& Backend::Instance() {
   return *instance;
 }
 
-Backend::Backend() : settings_(LevelSettings::Parse(EnvironmentLevels())), dlt_(*new DltSink) {
+Backend::Backend()
+    : settings_(LevelSettings::Parse(EnvironmentLevels())),
+      dlt_(*new DltSink),
+      text_(*new TextSink) {
   default_.store(&Add(std::string(kUnnamed), "default context", std::nullopt));
 }
 
@@ -55,6 +58,7 @@ void Backend::Init(std::string_view app_id,
         context->logger.SetLevel(LevelFor(*context));
       }
       dlt_.Configure(app_id, description);
+      text_.Configure(app_id);
       mode_ = mode;
       SetModes();
       // Connects now when a daemon is there, so that the first message need not.
@@ -109,7 +113,7 @@ void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noex
     const bool remote = Has(modes, LogMode::kRemote);
     const bool sent = remote && SendToDaemon(context, level, arguments);
     if (Has(modes, LogMode::kConsole) || (remote && !sent)) {
-      WriteToStandardError(FormatLine(level, application_, context.id, arguments.Text()));
+      text_.Write(FormatLine(level, application_, context.id, arguments.Text()));
     } else if (!remote) {
       std::shared_ptr<const Diversion> diversion;
       {
@@ -126,8 +130,8 @@ void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noex
 bool Backend::SendToDaemon(Context& context, LogLevel level, Arguments arguments) {
   const auto [ready, change] = dlt_.Ready(contexts());
   if (change == DltSink::Change::kLost) {
-    WriteToStandardError(FormatLine(LogLevel::kWarn, application_, Default().ContextId(),
-                                    "The DLT daemon is gone, log messages follow here."));
+    text_.Write(FormatLine(LogLevel::kWarn, application_, Default().ContextId(),
+                           "The DLT daemon is gone, log messages follow here."));
   } else if (change == DltSink::Change::kReturned) {
     constexpr std::string_view kNotice =
         "The DLT daemon is back, log messages went to standard error meanwhile.";

@@ -34,7 +34,9 @@ class Backend {
   void Submit(Context& context, LogLevel level, Arguments arguments) noexcept;
   void Divert(std::shared_ptr<const Diversion> diversion);
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
-  void Close() { dlt_.Close(); }
+  // At exit, each before the library or the thread behind the sink ends.
+  void CloseDlt() { dlt_.Close(); }
+  void CloseText() { text_.Close(); }
 
  private:
   Backend();
@@ -59,6 +61,7 @@ class Backend {
   /// None while the messages are diverted: a look at diversion_ costs only messages without a sink.
   std::atomic<LogMode> modes_ = LogMode::kConsole;
   DltSink& dlt_;
+  TextSink& text_;
 };
 
 }  // namespace ara::log

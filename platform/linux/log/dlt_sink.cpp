@@ -1,19 +1,17 @@
 #include "platform/linux/log/dlt_sink.h"
 
 #include <fcntl.h>
-#include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/stat.h>
-#include <syslog.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <csignal>
 #include <cstdlib>
 #include <ctime>
 #include <utility>
 
+#include "platform/linux/core/all_signals_blocked.h"
 #include "platform/linux/log/backend.h"
 
 namespace ara::log {
@@ -57,22 +55,6 @@ std::int64_t CoarseNow() {
   ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
-
-/// The library starts threads; no signal may ever be handled on them.
-class AllSignalsBlocked {
- public:
-  AllSignalsBlocked() {
-    sigset_t all;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before_);
-  }
-  ~AllSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
-
- private:
-  sigset_t before_{};
-};
 
 /// On a thread of the library.
 void LevelChanged(char* context_id, std::uint8_t level, std::uint8_t /*trace_status*/) {
@@ -262,15 +244,14 @@ void DltSink::ClosePipe() {
 }
 
 void DltSink::StartLibrary() {
-  const AllSignalsBlocked blocked;
+  const core::AllSignalsBlocked blocked;  // in the threads that the library starts
   max_payload_ = ConfiguredPayload();
-  // Its own remarks would go to standard output, which belongs to the application.
-  dlt_log_init(DLT_LOG_TO_STDERR);
-  dlt_log_set_level(LOG_WARNING);
+  // Its own remarks would go to standard output or standard error, and wait there for a reader.
+  dlt_log_init(DLT_LOG_DROPPED);
   dlt_register_app(application_.c_str(), description_.c_str());
   library_started_ = true;
   // Runs before the library's own exit handler, which was installed before this one.
-  std::atexit([] { Backend::Instance().Close(); });
+  std::atexit([] { Backend::Instance().CloseDlt(); });
 }
 
 void DltSink::Register(Context& context) {

@@ -1,30 +1,33 @@
 #include "platform/linux/log/text_sink.h"
 
+#include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <array>
 #include <cerrno>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 #include <ctime>
+#include <exception>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+#include "platform/linux/core/all_signals_blocked.h"
+#include "platform/linux/log/backend.h"
 
 namespace ara::log {
 namespace {
 
-bool WriteAll(int fd, std::string_view line) noexcept {
-  while (!line.empty()) {
-    const ssize_t written = ::write(fd, line.data(), line.size());
-    if (written > 0) {
-      line.remove_prefix(static_cast<std::size_t>(written));
-    } else if (written < 0 && errno == EAGAIN) {
-      pollfd ready{fd, POLLOUT, 0};
-      if (::poll(&ready, 1, 1000) <= 0) return false;
-    } else if (written < 0 && errno != EINTR) {
-      return false;
-    }
-  }
-  return true;
-}
+/// Some seconds of a busy process's lines.
+constexpr std::size_t kMaxQueuedBytes = std::size_t{256} << 10;
+/// What the exit waits for the next line to be taken, and for all of them.
+constexpr std::chrono::milliseconds kPatience{100};
+constexpr std::chrono::seconds kLongestExit{1};
 
 }  // namespace
 
@@ -56,8 +59,151 @@ std::string FormatLine(LogLevel level,
   return line;
 }
 
-void WriteToStandardError(std::string_view line) noexcept {
-  WriteAll(STDERR_FILENO, line);
+StandardError::StandardError() : descriptor_(STDERR_FILENO) {
+  struct stat status {};
+  if (::fstat(STDERR_FILENO, &status) != 0) return;  // closed: each write fails at once
+  socket_ = S_ISSOCK(status.st_mode);
+  if (socket_ || S_ISREG(status.st_mode)) return;
+  // An open file description of our own, which alone does not wait.
+  const int own = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+  if (own >= 0) descriptor_ = own;
+  may_wait_ = own < 0;
+}
+
+int StandardError::Write(std::string_view& line) const noexcept {
+  while (!line.empty()) {
+    const ssize_t written =
+        socket_ ? ::send(descriptor_, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
+                : ::write(descriptor_, line.data(), line.size());
+    if (written >= 0) {
+      line.remove_prefix(static_cast<std::size_t>(written));
+    } else if (errno != EINTR) {
+      return errno;
+    }
+  }
+  return 0;
+}
+
+void StandardError::WaitForReader() const noexcept {
+  pollfd ready{descriptor_, POLLOUT, 0};
+  (void)::poll(&ready, 1, -1);
+}
+
+void TextSink::Configure(std::string_view application) {
+  const std::lock_guard lock(mutex_);
+  application_ = application;
+}
+
+void TextSink::Write(std::string line) noexcept {
+  try {
+    std::unique_lock lock(mutex_);
+    if (queuing_ && (dropped_ > 0 || queued_bytes_ + line.size() > kMaxQueuedBytes)) {
+      ++dropped_;
+      StartThread();
+    } else {
+      const auto missing = std::exchange(dropped_, 0);
+      if (missing > 0) Add(NoticeOf(missing));
+      if (dropped_ > 0) {  // the notice neither
+        dropped_ = missing + 1;
+      } else {
+        Add(std::move(line));
+      }
+    }
+    if (closed_) WaitForQueue(lock);
+  } catch (
+      ...) {  // NOLINT(bugprone-empty-catch): no memory for a log line; the application goes on
+  }
+}
+
+void TextSink::Add(std::string line) {
+  if (!queuing_ && !output_.may_wait()) {
+    std::string_view rest = line;
+    const int error = output_.Write(rest);
+    if (error == 0) return;
+    if (error != EAGAIN) {
+      ++dropped_;
+      return;
+    }
+    line.erase(0, line.size() - rest.size());
+  }
+  queued_bytes_ += line.size();
+  queue_.push_back(std::move(line));
+  queuing_ = true;
+  StartThread();
+  enqueued_.notify_one();
+}
+
+void TextSink::StartThread() {
+  if (thread_runs_) return;
+  try {
+    const core::AllSignalsBlocked blocked;
+    std::thread([this] { WriteQueue(); }).detach();
+    thread_runs_ = true;
+  } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the next line tries again
+  }
+  static const int at_exit = std::atexit([] { Backend::Instance().CloseText(); });
+  (void)at_exit;
+}
+
+void TextSink::WriteQueue() noexcept {
+  std::uint64_t lines = 1;  // that are missing when the next one cannot be written
+  std::unique_lock lock(mutex_);
+  for (;;) {
+    enqueued_.wait(lock, [this] { return !queue_.empty(); });
+    const std::string line = std::move(queue_.front());
+    queue_.pop_front();
+    queued_bytes_ -= line.size();
+    lock.unlock();
+    std::string_view rest = line;
+    int error = 0;
+    while ((error = output_.Write(rest)) == EAGAIN)
+      output_.WaitForReader();
+    lock.lock();
+    if (error == 0) {
+      ++written_;
+    } else {
+      dropped_ += lines;
+    }
+    lines = 1;
+    if (!queue_.empty()) continue;
+    if (error == 0 && dropped_ > 0 && EnqueueNotice()) {
+      lines = std::exchange(dropped_, 0);
+      continue;
+    }
+    queuing_ = false;
+    drained_.notify_all();
+  }
+}
+
+bool TextSink::EnqueueNotice() noexcept {
+  try {
+    queue_.push_back(NoticeOf(dropped_));
+    queued_bytes_ += queue_.back().size();
+    return true;
+  } catch (const std::exception&) {  // no memory: before the next line, then
+    return false;
+  }
+}
+
+std::string TextSink::NoticeOf(std::uint64_t lines) const {
+  return FormatLine(
+      LogLevel::kWarn, application_, application_,
+      "Standard error was not read, log lines missing here: " + std::to_string(lines));
+}
+
+void TextSink::Close() {
+  std::unique_lock lock(mutex_);
+  closed_ = true;
+  WaitForQueue(lock);
+}
+
+void TextSink::WaitForQueue(std::unique_lock<std::mutex>& lock) {
+  const auto end = std::chrono::steady_clock::now() + kLongestExit;
+  while (queuing_ && !given_up_) {
+    const auto before = written_;
+    (void)drained_.wait_for(lock, kPatience, [this] { return !queuing_; });
+    given_up_ = written_ == before || std::chrono::steady_clock::now() > end;
+  }
 }
 
 }  // namespace ara::log

@@ -1,6 +1,11 @@
 /// Log messages as lines of text on standard error.
 #pragma once
 
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <deque>
+#include <mutex>
 #include <string>
 #include <string_view>
 
@@ -15,8 +20,70 @@ namespace ara::log {
                                      std::string_view context,
                                      std::string_view text);
 
-/// Writes the line in one piece. A reader that does not read delays the caller by a second at most,
-/// then the line is dropped.
-void WriteToStandardError(std::string_view line) noexcept;
+/// Standard error as this process can write to it. O_NONBLOCK is no way to do that: it belongs to
+/// the open file description, which other programs share.
+class StandardError {
+ public:
+  StandardError();
+  ~StandardError() = default;  // its descriptor lives to the end of the process
+  StandardError(const StandardError&) = delete;
+  StandardError& operator=(const StandardError&) = delete;
+
+  /// Whether Write() may wait for the reader: neither a socket nor a file, and not to be opened a
+  /// second time (a pipe that belongs to another user).
+  [[nodiscard]] bool may_wait() const { return may_wait_; }
+  /// Removes from `line` what has been written. Returns 0 when that is all, else an error number;
+  /// EAGAIN: the reader does not read.
+  int Write(std::string_view& line) const noexcept;
+  /// Returns when the reader reads again or has gone.
+  void WaitForReader() const noexcept;
+
+ private:
+  int descriptor_;
+  bool socket_ = false;
+  bool may_wait_ = false;
+};
+
+/// Lines on standard error, whole and in order, without ever waiting for its reader. The caller's
+/// thread writes a line when standard error takes it at once. Otherwise the line waits in a queue,
+/// and a thread whose only work it is writes the queue. While the queue is full, lines are dropped;
+/// one line with their number follows the queue.
+class TextSink {
+ public:
+  TextSink() = default;
+  ~TextSink() = delete;
+  TextSink(const TextSink&) = delete;
+  TextSink& operator=(const TextSink&) = delete;
+
+  /// The id under which the number of dropped lines is written.
+  void Configure(std::string_view application);
+  /// Any thread. Never waits before Close().
+  void Write(std::string line) noexcept;
+  /// At exit: waits for the queue while the reader reads, else for a tenth of a second. So do later
+  /// lines, until one has waited in vain.
+  void Close();
+
+ private:
+  void Add(std::string line);
+  void StartThread();
+  void WriteQueue() noexcept;
+  [[nodiscard]] bool EnqueueNotice() noexcept;
+  [[nodiscard]] std::string NoticeOf(std::uint64_t lines) const;
+  void WaitForQueue(std::unique_lock<std::mutex>& lock);
+
+  const StandardError output_;
+  std::mutex mutex_;  ///< guards the members below; never held while a write may wait
+  std::string application_ = "-";
+  std::deque<std::string> queue_;
+  std::size_t queued_bytes_ = 0;
+  bool queuing_ = false;  ///< queue_ is not empty, or the thread is writing its last line
+  bool thread_runs_ = false;
+  std::uint64_t written_ = 0;  ///< lines that the thread has taken from the queue and written
+  std::uint64_t dropped_ = 0;  ///< lines since the last notice
+  bool closed_ = false;
+  bool given_up_ = false;  ///< the reader did not read at exit
+  std::condition_variable enqueued_;
+  std::condition_variable drained_;
+};
 
 }  // namespace ara::log

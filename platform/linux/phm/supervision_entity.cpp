@@ -1,10 +1,10 @@
 #include "ara/phm/supervision_entity.h"
 
-#include <systemd/sd-daemon.h>
-
 #include <stdexcept>
 #include <string>
 #include <system_error>
+
+#include "platform/linux/exec/notify_socket.h"
 
 namespace ara::phm {
 
@@ -12,12 +12,12 @@ namespace ara::phm {
 // one watchdog, whose limit is the unit's WatchdogSec.
 void SupervisionEntity::CheckpointReached(std::uint16_t entityId,
                                           std::uint16_t checkpointId) const {
-  const int result = ::sd_notify(0, "WATCHDOG=1");
-  if (result >= 0) return;
-  throw std::runtime_error("checkpoint " + std::to_string(checkpointId) + " of entity " +
-                           std::to_string(entityId) + " of \"" + client_.instance().ToString() +
-                           "\" could not be reported to the service manager: " +
-                           std::generic_category().message(-result));
+  const int error = exec::NotifySocket().Send("WATCHDOG=1");
+  if (error == 0) return;
+  throw std::runtime_error(
+      "checkpoint " + std::to_string(checkpointId) + " of entity " + std::to_string(entityId) +
+      " of \"" + client_.instance().ToString() +
+      "\" could not be reported to the service manager: " + std::generic_category().message(error));
 }
 
 }  // namespace ara::phm

@@ -1,21 +1,24 @@
 #include "ara/stm/component_client.h"
 
-#include <pthread.h>
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <condition_variable>
-#include <csignal>
 #include <deque>
 #include <exception>
+#include <future>
 #include <list>
+#include <memory>
 #include <mutex>
 #include <stdexcept>
+#include <string>
 #include <thread>
 #include <utility>
 
 #include "ara/log/logger.h"
+#include "platform/linux/core/all_signals_blocked.h"
 #include "platform/linux/stm/state_bus.h"
 
 namespace ara::stm {
@@ -24,9 +27,18 @@ namespace {
 constexpr std::size_t kMaxPending = 32;
 constexpr std::size_t kMaxStateName = 128;
 
+/// For the last answers to leave. A daemon that does not answer gets no more of the process's time:
+/// the bus thread is left behind, and ends by itself.
+constexpr std::chrono::milliseconds kFarewell{250};
+
 constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
 constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
 constexpr const char* kFailed = "org.freedesktop.DBus.Error.Failed";
+
+void WarnNotOnBus(const char* reason) {
+  log::LogWarn() << "Component state: not on the bus, state management cannot reach this component:"
+                 << reason;
+}
 
 class WithoutBus final : public ComponentClient {
  public:
@@ -35,73 +47,85 @@ class WithoutBus final : public ComponentClient {
                std::uint32_t /*result*/) override {}
 };
 
-/// The object on the bus. One thread serves the bus, another one calls the handler: the bus library
-/// holds its own lock while it delivers a call, so a handler that waits there for a thread that is
-/// just confirming would wait for ever. A request stays in `pending_` from its arrival until its
-/// confirmation, whichever thread brings that. A component may drop a request (a later one has
-/// overtaken it) and never confirm it; it is answered with an error as soon as it is in the way.
-class OnBus final : public ComponentClient {
+/// The component's object on the bus. One thread connects to the bus and serves it, another one
+/// calls the handler: the bus library holds its own lock while it delivers a call, so a handler
+/// that waits there for a thread that is just confirming would wait for ever. A request stays in
+/// `pending_` from its arrival until its confirmation, whichever thread brings that. A component
+/// may drop a request (a later one has overtaken it) and never confirm it; it is answered with an
+/// error as soon as it is in the way.
+///
+/// The bus thread shares the ownership, because the bus library waits for a daemon that does not
+/// answer, up to 90 s, and cannot be interrupted.
+class BusObject {
  public:
-  OnBus(Bus bus, const core::InstanceSpecifier& instance, StateChangeHandler handler)
-      : handler_(std::move(handler)),
-        connection_(bus == Bus::kSession ? sdbus::createSessionBusConnection()
-                                         : sdbus::createSystemBusConnection()),
-        object_(sdbus::createObject(*connection_, ObjectPath(instance.ToString()))) {
-    object_->registerMethod("RequestState")
-        .onInterface(kInterface)
-        .withInputParamNames("state", "sequenceNumber")
-        .withOutputParamNames("result")
-        .implementedAs(
-            [this](Reply&& reply, const std::string& state, const std::uint32_t& sequence_number) {
-              Request(std::move(reply), state, sequence_number);
-            });
-    object_->registerSignal("StateConfirmed")
-        .onInterface(kInterface)
-        .withParameters<std::uint32_t, std::string, std::uint32_t>("sequenceNumber", "state",
-                                                                   "result");
-    object_->finishRegistration();
-    connection_->requestName(kBusName);
+  BusObject(std::string path, StateChangeHandler handler)
+      : path_(std::move(path)), handler_(std::move(handler)) {}
+  ~BusObject() = default;
+  BusObject(const BusObject&) = delete;
+  BusObject& operator=(const BusObject&) = delete;
 
-    // No signal is ever handled on a thread of the platform.
-    sigset_t all;
-    sigset_t before;
-    sigfillset(&all);
-    ::pthread_sigmask(SIG_SETMASK, &all, &before);
-    handler_thread_ = std::thread([this] { CallHandler(); });
-    bus_thread_ = std::thread([this] { Serve(); });
-    ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+  /// The bus thread: returns after Leave(), or when there is no bus. Everything of the bus library
+  /// is made and destroyed here.
+  void Serve(Bus bus) {
+    try {
+      const auto connection = bus == Bus::kSession ? sdbus::createSessionBusConnection()
+                                                   : sdbus::createSystemBusConnection();
+      const auto object = sdbus::createObject(*connection, path_);
+      Register(*object);
+      if (!StartHandlerThread()) return;
+      connection->requestName(kBusName);
+      if (!Publish(connection.get(), object.get())) return;
+      try {
+        connection->enterEventLoop();
+      } catch (const std::exception& error) {
+        WarnOnce(error.what());
+      }
+      WaitForLeave();
+      for (auto& pending : std::exchange(pending_, {}))
+        Refuse(pending.reply, kFailed, "the component ended without a decision");
+    } catch (const std::exception& error) {
+      if (!IsLeaving()) WarnNotOnBus(error.what());
+    }
   }
 
-  ~OnBus() override {
+  /// Returns after a handler call under way; there is no further one.
+  void Stop() {
+    std::thread handler_thread;
     {
       const std::lock_guard lock(mutex_);
       stopping_ = true;
+      handler_thread = std::move(handler_thread_);
     }
-    arrived_.notify_one();
-    handler_thread_.join();
+    changed_.notify_all();
+    if (handler_thread.joinable()) handler_thread.join();
+  }
+
+  /// Makes Serve() return. After Stop(); nobody confirms any more.
+  void Leave() {
+    const std::lock_guard lock(mutex_);
+    leaving_ = true;
+    changed_.notify_all();
     try {
-      connection_->leaveEventLoop();
+      if (connection_ != nullptr) connection_->leaveEventLoop();
     } catch (const std::exception& error) {
       WarnOnce(error.what());
     }
-    bus_thread_.join();
-    for (auto& pending : pending_)
-      Refuse(pending.reply, kFailed, "the component ended without a decision");
   }
 
-  void confirm(std::uint32_t sequenceNumber,
-               const std::string& newState,
-               std::uint32_t result) override {
+  void Confirm(std::uint32_t sequenceNumber, const std::string& newState, std::uint32_t result) {
     try {
       std::list<Pending> confirmed;
+      sdbus::IObject* object = nullptr;
       {
         const std::lock_guard lock(mutex_);
+        object = object_;
         confirmed = Take([sequenceNumber](const Pending& pending) {
           return pending.sequence_number == sequenceNumber;
         });
       }
       if (!confirmed.empty()) confirmed.front().reply.returnResults(result);
-      object_->emitSignal("StateConfirmed")
+      if (object == nullptr) return;
+      object->emitSignal("StateConfirmed")
           .onInterface(kInterface)
           .withArguments(sequenceNumber, newState, result);
     } catch (const std::exception& error) {
@@ -123,12 +147,49 @@ class OnBus final : public ComponentClient {
     std::uint32_t sequence_number;
   };
 
-  void Serve() {
-    try {
-      connection_->enterEventLoop();
-    } catch (const std::exception& error) {
-      WarnOnce(error.what());
-    }
+  void Register(sdbus::IObject& object) {
+    object.registerMethod("RequestState")
+        .onInterface(kInterface)
+        .withInputParamNames("state", "sequenceNumber")
+        .withOutputParamNames("result")
+        .implementedAs(
+            [this](Reply&& reply, const std::string& state, const std::uint32_t& sequence_number) {
+              Request(std::move(reply), state, sequence_number);
+            });
+    object.registerSignal("StateConfirmed")
+        .onInterface(kInterface)
+        .withParameters<std::uint32_t, std::string, std::uint32_t>("sequenceNumber", "state",
+                                                                   "result");
+    object.finishRegistration();
+  }
+
+  /// Before the first request can come. False: Stop() was called already.
+  bool StartHandlerThread() {
+    const std::lock_guard lock(mutex_);
+    if (stopping_) return false;
+    handler_thread_ = std::thread([this] { CallHandler(); });
+    return true;
+  }
+
+  /// Confirmations find the bus from now on. False: Leave() was called already.
+  bool Publish(sdbus::IConnection* connection, sdbus::IObject* object) {
+    const std::lock_guard lock(mutex_);
+    if (leaving_) return false;
+    connection_ = connection;
+    object_ = object;
+    return true;
+  }
+
+  bool IsLeaving() {
+    const std::lock_guard lock(mutex_);
+    return leaving_;
+  }
+
+  void WaitForLeave() {
+    std::unique_lock lock(mutex_);
+    changed_.wait(lock, [this] { return leaving_; });
+    connection_ = nullptr;
+    object_ = nullptr;
   }
 
   void Refuse(Reply& reply, const char* error, const std::string& reason) {
@@ -163,7 +224,7 @@ class OnBus final : public ComponentClient {
       pending_.push_back(Pending{++arrivals_, sequence_number, std::move(reply)});
       calls_.push_back(Call{arrivals_, state, sequence_number});
     }
-    arrived_.notify_one();
+    changed_.notify_all();
     RefuseOvertaken(std::move(oldest));
     return true;
   }
@@ -178,7 +239,7 @@ class OnBus final : public ComponentClient {
   void CallHandler() {
     std::unique_lock lock(mutex_);
     for (;;) {
-      arrived_.wait(lock, [this] { return stopping_ || !calls_.empty(); });
+      changed_.wait(lock, [this] { return stopping_ || !calls_.empty(); });
       if (stopping_) return;
       const Call call = std::move(calls_.front());
       calls_.pop_front();
@@ -211,18 +272,55 @@ class OnBus final : public ComponentClient {
                    << reason;
   }
 
+  const std::string path_;
   const StateChangeHandler handler_;
   std::atomic<bool> warned_ = false;
-  std::unique_ptr<sdbus::IConnection> connection_;  ///< callable from any thread
-  std::mutex mutex_;                                ///< guards the members up to stopping_
-  std::condition_variable arrived_;
-  std::list<Pending> pending_;  ///< destroyed before the connection that its replies use
-  std::deque<Call> calls_;      ///< for the handler; at most as many as pending_
+  std::mutex mutex_;  ///< guards the members below
+  std::condition_variable changed_;
+  /// Empty before the bus thread destroys the connection, which its replies use.
+  std::list<Pending> pending_;
+  std::deque<Call> calls_;  ///< for the handler; at most as many as pending_
   std::uint64_t arrivals_ = 0;
   bool stopping_ = false;
-  std::unique_ptr<sdbus::IObject> object_;  ///< callable from any thread
+  bool leaving_ = false;
   std::thread handler_thread_;
-  std::thread bus_thread_;
+  // Of the bus thread, which destroys them after Leave(); callable from any thread. Null while the
+  // component is not on the bus.
+  sdbus::IConnection* connection_ = nullptr;
+  sdbus::IObject* object_ = nullptr;
+};
+
+/// A client whose bus object lives on a thread of its own, beside the application's start.
+class OnBus final : public ComponentClient {
+ public:
+  OnBus(Bus bus, const core::InstanceSpecifier& instance, StateChangeHandler handler)
+      : object_(std::make_shared<BusObject>(ObjectPath(instance.ToString()), std::move(handler))) {
+    std::packaged_task<void()> serve([object = object_, bus] { object->Serve(bus); });
+    served_ = serve.get_future();
+    const core::AllSignalsBlocked blocked;
+    thread_ = std::thread(std::move(serve));
+  }
+
+  ~OnBus() override {
+    object_->Stop();
+    object_->Leave();
+    if (served_.wait_for(kFarewell) == std::future_status::ready) {
+      thread_.join();
+    } else {
+      thread_.detach();
+    }
+  }
+
+  void confirm(std::uint32_t sequenceNumber,
+               const std::string& newState,
+               std::uint32_t result) override {
+    object_->Confirm(sequenceNumber, newState, result);
+  }
+
+ private:
+  const std::shared_ptr<BusObject> object_;
+  std::future<void> served_;  ///< ready when the thread is about to end
+  std::thread thread_;
 };
 
 }  // namespace
@@ -236,9 +334,7 @@ std::unique_ptr<ComponentClient> createComponentClient(const core::InstanceSpeci
     if (const Bus bus = ChosenBus(); bus != Bus::kNone)
       return std::make_unique<OnBus>(bus, instance, std::move(handler));
   } catch (const std::exception& error) {
-    log::LogWarn()
-        << "Component state: not on the bus, state management cannot reach this component:"
-        << error.what();
+    WarnNotOnBus(error.what());
   }
   return std::make_unique<WithoutBus>();
 }

@@ -1,11 +1,15 @@
 """The log through the real DLT daemon and on standard error, seen from outside the process."""
 
+import os
+import re
+import select
 import signal
+import socket
 import subprocess
 import time
 import unittest
 
-from desk import BUILD, Desk, until
+from desk import BUILD, DEADLINE, Desk, until
 from dlt import Log
 
 PROBE = BUILD / "tests/ara/log/log_probe"
@@ -14,8 +18,8 @@ PORT = 39171
 
 
 class Probe:
-    def __init__(self, desk, **environment):
-        self.process = desk.start(PROBE, stdin=subprocess.PIPE, environment=environment)
+    def __init__(self, desk, options=None, **environment):
+        self.process = desk.start(PROBE, stdin=subprocess.PIPE, environment=environment, **options or {})
 
     def tell(self, *commands):
         """Returns what the last command answers."""
@@ -82,6 +86,38 @@ class DltTest(unittest.TestCase):
         self.assertIn("info - GNSS before init", probe.errors()[0])
         self.assertRegex(probe.errors()[1], r"^\d{4}/\d\d/\d\d \d\d:\d\d:\d\d\.\d{6} info POS GNSS line 0$")
         self.assertEqual(len(probe.errors()), 23)
+
+    @staticmethod
+    def read(descriptor, pattern):
+        """The texts on standard error until one matches the pattern, and the match."""
+        data = ""
+        while not (match := re.search(pattern + "\n", data)):
+            assert select.select([descriptor], [], [], DEADLINE)[0], f"{pattern}: {data[-200:]}"
+            data += os.read(descriptor, 65536).decode()
+        return [line.split(" ", 5)[5] for line in data.splitlines()], match
+
+    def test_a_reader_that_stops_delays_nothing_and_is_told_how_many_lines_are_missing(self):
+        ends = {
+            "a pipe": (os.pipe(), {}),
+            "the journal's socket": ([one.detach() for one in socket.socketpair()], {}),
+            # Only as root: a pipe that the program cannot open anew.
+            "a pipe of another user": (os.pipe(), {} if os.geteuid() else {"user": 65534, "extra_groups": []}),
+        }
+        for name, ((reader, writer), options) in ends.items():
+            with self.subTest(name):
+                begin = time.monotonic()
+                probe = Probe(self.desk, {"stderr": writer, **options})
+                os.close(writer)
+                self.addCleanup(os.close, reader)
+                probe.tell("init 1", "lines 20000")
+                self.assertLess(time.monotonic() - begin, 10)
+                texts, missing = self.read(reader, r"warn POS POS Standard error .*: (\d+)")
+                self.assertEqual(texts[:-1], [f"number {i}" for i in range(20000 - int(missing[1]))])
+                self.assertGreater(len(texts), 2000)
+                probe.tell("log GNSS 4 read again")
+                self.assertEqual(self.read(reader, "read again")[0], ["read again"])
+                probe.tell("lines 20000")
+                self.assertLess(probe.exit(), 3)
 
     def test_a_daemon_that_comes_goes_and_comes_again_loses_and_doubles_nothing(self):
         probe = Probe(self.desk)

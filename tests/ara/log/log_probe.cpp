@@ -77,6 +77,12 @@ int main() {
       auto stream = CreateLogger("MANY", "many").LogInfo();
       for (int i = 0; i < count; ++i)
         stream << i;
+    } else if (command == "lines") {
+      int count = 0;
+      words >> count;
+      const Logger& logger = CreateLogger("LINE", "lines");
+      for (int i = 0; i < count; ++i)
+        logger.LogInfo() << "number" << i;
     } else if (command == "threads") {
       std::vector<std::thread> threads;
       threads.reserve(4);

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -20,6 +21,7 @@
 #include <vector>
 
 #include "tests/support/Capture.h"
+#include "tests/support/No_threads.h"
 #include "tests/support/Seen.h"
 
 namespace ara::stm {
@@ -44,9 +46,11 @@ class Program {
 
   void Stop() {
     if (output_ == nullptr) return;
-    ::kill(pid_, SIGTERM);
+    Signal(SIGTERM);
+    Signal(SIGCONT);
     ::pclose(std::exchange(output_, nullptr));
   }
+  void Signal(int number) const { ::kill(pid_, number); }
 
   std::string Line() {
     std::string line;
@@ -89,8 +93,15 @@ class ComponentClientTest : public ::testing::Test {
     ::setenv("DBUS_SESSION_BUS_ADDRESS", daemon_.Line().c_str(), 1);
   }
 
+  using Handler = std::function<void(ComponentClient&, const std::string&, std::uint32_t)>;
+
+  /// A client on the bus.
+  void Create(Handler handler) {
+    Start(std::move(handler));
+    EXPECT_TRUE(IsOnBus());
+  }
   /// A client whose handler waits until the test holds it, as an application's does.
-  void Create(std::function<void(ComponentClient&, const std::string&, std::uint32_t)> handler) {
+  void Start(Handler handler) {
     const std::lock_guard lock(mutex_);
     client_ = createComponentClient(kInstance, [this, handler = std::move(handler)](
                                                    const std::string& state, std::uint32_t number) {
@@ -101,6 +112,10 @@ class ComponentClientTest : public ::testing::Test {
       }
       if (client != nullptr) handler(*client, state, number);
     });
+  }
+  static bool IsOnBus() {
+    return test::eventually(
+        [] { return Request("", "1").find("expected a state name") != std::string::npos; });
   }
   /// A handler that is called meanwhile finds nobody to confirm to.
   void Destroy() {
@@ -253,26 +268,82 @@ TEST_F(ComponentClientTest, a_bus_that_ends_costs_one_warning) {
   EXPECT_EQ(capture.Records()[0].level, log::LogLevel::kWarn);
 }
 
+TEST_F(ComponentClientTest, a_daemon_that_does_not_answer_delays_neither_start_nor_end) {
+  const auto quick = [this](int state_of_daemon, const std::function<void()>& step) {
+    daemon_.Signal(state_of_daemon);
+    const auto start = std::chrono::steady_clock::now();
+    step();
+    EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  };
+  quick(SIGSTOP, [this] {
+    Start(Confirm);
+    client_->confirm(0, "kOn", 0);
+    Destroy();
+    Start(Confirm);
+  });
+  daemon_.Signal(SIGCONT);
+  EXPECT_TRUE(IsOnBus());
+  EXPECT_EQ(Request("kOn", "1"), "u 0");
+  quick(SIGSTOP, [this] {
+    for (int i = 0; i < 5000; ++i)  // more than the connection holds
+      client_->confirm(0, "kOn", 0);
+    Destroy();
+  });
+}
+
+TEST_F(ComponentClientTest, a_thread_that_cannot_be_made_costs_one_warning) {
+  test::Capture capture;
+  const auto warned = [&capture] {
+    return capture.WaitFor([](const auto& record) {
+      const auto text = record.Text();
+      return text.find("not on the bus") != std::string::npos &&
+             text.find("Resource temporarily unavailable") != std::string::npos;
+    });
+  };
+  {
+    const test::No_threads none;
+    Start(Ignore);
+  }
+  EXPECT_TRUE(warned()) << "the bus thread";
+  sigset_t blocked;
+  ::pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  EXPECT_FALSE(sigismember(&blocked, SIGTERM));
+
+  capture.Clear();
+  daemon_.Signal(SIGSTOP);
+  Start(Ignore);
+  const test::No_threads none;
+  daemon_.Signal(SIGCONT);
+  EXPECT_TRUE(warned()) << "the handler's thread";
+  Destroy();
+  EXPECT_EQ(capture.Records().size(), 1U);
+}
+
 TEST_F(ComponentClientTest,
        a_bus_that_is_missing_taken_or_unknown_costs_one_warning_and_the_effect) {
+  Create(Ignore);
   const test::Capture capture;
+  const auto warning = [&capture](std::size_t count) {
+    EXPECT_TRUE(test::eventually([&] { return capture.Records().size() >= count; }));
+    const auto warnings = capture.Records();
+    EXPECT_EQ(warnings.size(), count);
+    EXPECT_EQ(warnings.back().level, log::LogLevel::kWarn);
+    return warnings.back().Text();
+  };
   const auto second = createComponentClient(kInstance, [](const std::string&, std::uint32_t) {});
-  Create(Ignore);  // a second process of the same kind
+  EXPECT_THAT(warning(1), HasSubstr("not on the bus"));  // two processes of the same kind
   ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
-  Create(Ignore);
+  Start(Ignore);
+  EXPECT_THAT(warning(2), HasSubstr("not on the bus"));
   ::setenv("POS_STATE_BUS", "radio", 1);
-  Create(Ignore);
+  Start(Ignore);
+  EXPECT_THAT(warning(3), HasSubstr("expected session, system or none, found \"radio\""));
   client_->confirm(0, "kOn", 0);
   ::setenv("POS_STATE_BUS", "none", 1);
-  Create(Ignore);  // that is no fault
-  const auto warnings = capture.Records();
-  ASSERT_EQ(warnings.size(), 3U);
-  for (const auto& warning : warnings)
-    EXPECT_EQ(warning.level, log::LogLevel::kWarn);
-  EXPECT_THAT(warnings[0].Text(), HasSubstr("not on the bus"));
-  EXPECT_THAT(warnings[1].Text(), HasSubstr("not on the bus"));
-  EXPECT_THAT(warnings[2].Text(), HasSubstr("expected session, system or none, found \"radio\""));
+  Start(Ignore);  // that is no fault
   EXPECT_THROW((void)createComponentClient(kInstance, nullptr), std::invalid_argument);
+  Destroy();
+  EXPECT_EQ(capture.Records().size(), 3U);
 }
 
 }  // namespace

@@ -19,7 +19,8 @@ using StateChangeHandler =
 class ComponentClient {
  public:
   /// Waits for a handler call under way (which may still confirm), so it must not run within one;
-  /// requests that were not confirmed by then are answered with an error.
+  /// requests that were not confirmed by then are answered with an error. A state management that
+  /// does not answer delays it by a quarter of a second at most.
   virtual ~ComponentClient() = default;
   ComponentClient(const ComponentClient&) = delete;
   ComponentClient& operator=(const ComponentClient&) = delete;
@@ -35,10 +36,11 @@ class ComponentClient {
   ComponentClient() = default;
 };
 
-/// Registers the component `instance` at state management. The handler may be called before this
-/// function has returned: a handler that confirms has to wait until its caller holds the client.
-/// Without a state management (no bus) one warning is logged and the client works without effect.
-/// Throws std::invalid_argument for an empty handler.
+/// Registers the component `instance` at state management, beside the caller: this function does
+/// not wait, and confirmations before the registration is complete have no effect. The handler may
+/// be called before this function has returned: a handler that confirms has to wait until its
+/// caller holds the client. Without a state management (no bus) one warning is logged and the
+/// client works without effect. Throws std::invalid_argument for an empty handler.
 [[nodiscard]] std::unique_ptr<ComponentClient> createComponentClient(
     const core::InstanceSpecifier& instance, StateChangeHandler handler);
 
