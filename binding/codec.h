@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "binding/full_records.h"
 #include "binding/payload.h"
 #include "binding/record.h"
 #include "binding/trace_json.h"
@@ -171,11 +170,6 @@ struct Codec<std::vector<T>> {
     // Elements that are there already are read into: they need neither be destroyed nor cleared
     // first.
     std::size_t count = 0;
-    if constexpr (detail::moves_in_blocks<T>) {
-      const auto* const from = cursor.data() + cursor.position();
-      count = detail::read_full_records({from, cursor.data() + end}, values, settings);
-      cursor.skip(count * detail::Forms<T>::wire_size);
-    }
     for (; cursor.position() < end; ++count) {
       read_nested(cursor, count < values.size() ? values[count] : values.emplace_back(), settings);
     }
@@ -559,21 +553,6 @@ std::byte* write_at_top_level(const T& value,
   } else {
     return Codec<T>::write(value, to, settings);
   }
-}
-/// Only here is there room for full records, whatever is there of them.
-template <class Record>
-requires moves_in_blocks<Record> std::byte* write_at_top_level(
-    const std::vector<Record>& records, std::byte* to, const Serialization_settings& settings) {
-  const auto field = settings.array_length_field_size;
-  if (field == 0) throw_vector_without_length_field();
-  auto* const body = to + field;
-  const std::span all{records};
-  const auto moved = write_full_records(all, body, settings);
-  auto* end = body + moved * Forms<Record>::wire_size;
-  for (const auto& record : all.subspan(moved))
-    end = write_nested(record, end, settings);
-  store_length_field(to, field, static_cast<std::uint64_t>(end - body), settings);
-  return end;
 }
 
 }  // namespace detail
