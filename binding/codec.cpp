@@ -18,6 +18,73 @@ bool wire_types_agree(Wire_type sent, Wire_type expected) {
   return sent == expected || (sent > Wire_type::bits_64 && expected > Wire_type::bits_64);
 }
 
+/// What follows a tag: decodes the member of `entry`, or skips the item when it is null.
+void read_item(Cursor& cursor,
+               std::uint16_t tag,
+               const Tag_entry* entry,
+               void* record,
+               const Serialization_settings& settings) {
+  if (entry != nullptr && !wire_types_agree(wire_type_of(tag), wire_type_of(entry->tag)))
+    throw_invalid_wire_type();
+  const auto length = member_size(cursor, tag, settings);
+  if (entry == nullptr) {
+    cursor.skip(length);
+  } else if (wire_type_of(tag) <= Wire_type::bits_64) {
+    // The value's own read checks the bounds of a member of fixed size.
+    entry->read(cursor, cursor.size(), record, settings);
+  } else {
+    const auto end = end_position(cursor.position(), cursor.size(), length);
+    entry->read(cursor, end, record, settings);
+    finish_item(cursor, end);
+  }
+}
+
+/// Reads items as long as members come in declaration order, with unknown ones between them. Stops
+/// behind the last member of the list and ahead of a member whose place is already passed. Returns
+/// how many members it found.
+std::size_t read_members_in_order(Cursor& cursor,
+                                  std::size_t end,
+                                  std::span<const Tag_entry> tags,
+                                  void* record,
+                                  const Serialization_settings& settings) {
+  std::size_t found = 0;
+  const auto* place = tags.data();
+  const auto* const behind_last = place + tags.size();
+  while (cursor.position() < end) {
+    const auto start = cursor.position();
+    const auto tag = cursor.read<std::uint16_t>(Byte_order::big_endian);
+    const auto* entry = find_tag(tags, tag & data_id_mask);
+    if (tags.empty()) throw_no_tag_list();
+    if (entry != nullptr && entry < place) {
+      cursor.seek(start);
+      break;
+    }
+    read_item(cursor, tag, entry, record, settings);
+    if (entry == nullptr) continue;
+    ++found;
+    place = entry + 1;
+    if (place == behind_last) break;
+  }
+  return found;
+}
+
+/// Whether a whole item comes next, ahead of `end`, and is unknown or of its member's wire type.
+bool item_follows(Cursor cursor,
+                  std::size_t end,
+                  std::span<const Tag_entry> tags,
+                  const Serialization_settings& settings) {
+  const auto fits = [&](std::uint64_t size) {
+    return cursor.position() <= end && size <= end - cursor.position();
+  };
+  if (!fits(sizeof(std::uint16_t))) return false;
+  const auto tag = cursor.read<std::uint16_t>(Byte_order::big_endian);
+  const auto wire_type = wire_type_of(tag);
+  const auto* entry = find_tag(tags, tag & data_id_mask);
+  if (entry != nullptr && !wire_types_agree(wire_type, wire_type_of(entry->tag))) return false;
+  if (wire_type == Wire_type::configured_length && !has_configured_length(settings)) return false;
+  return fits(length_field_size(wire_type, settings)) && fits(member_size(cursor, tag, settings));
+}
+
 }  // namespace
 
 void read_members_in_any_order(Cursor& cursor,
@@ -25,25 +92,14 @@ void read_members_in_any_order(Cursor& cursor,
                                std::span<const Tag_entry> tags,
                                void* record,
                                const Serialization_settings& settings) {
-  while (cursor.position() < end) {
-    const auto tag = cursor.read<std::uint16_t>(Byte_order::big_endian);
-    const auto* entry = find_tag(tags, tag & data_id_mask);
-    if (entry == nullptr) {
-      if (tags.empty()) throw_no_tag_list();
-      cursor.skip(member_size(cursor, tag, settings));
-      continue;
-    }
-    if (!wire_types_agree(wire_type_of(tag), wire_type_of(entry->tag))) throw_invalid_wire_type();
-    const auto length = member_size(cursor, tag, settings);
-    if (wire_type_of(tag) <= Wire_type::bits_64) {
-      // The value's own read checks the bounds of a member of fixed size.
-      entry->read(cursor, cursor.size(), record, settings);
-    } else {
-      const auto member_end = end_position(cursor.position(), cursor.size(), length);
-      entry->read(cursor, member_end, record, settings);
-      finish_item(cursor, member_end);
+  if (read_members_in_order(cursor, end, tags, record, settings) < tags.size()) {
+    // Members may still come behind their places. The first that is no item begins a surplus.
+    while (item_follows(cursor, end, tags, settings)) {
+      const auto tag = cursor.read<std::uint16_t>(Byte_order::big_endian);
+      read_item(cursor, tag, find_tag(tags, tag & data_id_mask), record, settings);
     }
   }
+  if (cursor.position() < end) cursor.seek(end);
 }
 
 std::size_t Codec<std::map<std::string, std::string>>::size(

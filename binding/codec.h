@@ -301,8 +301,11 @@ struct Tag_entry {
                const Serialization_settings& settings);
 };
 
-/// Decodes TLV members from the current position to `end` in whatever order they come. A member
-/// sent twice keeps the last value, unknown data IDs are skipped.
+/// Decodes TLV members from the current position to `end` in whatever order they come. Unknown data
+/// IDs are skipped, a member sent twice keeps the last value. Surplus bytes are skipped whatever
+/// they are: all that follows when every member came in declaration order; else, behind the last
+/// member of the list and behind the first that came out of order, all from the first item on that
+/// does not fit into the record or has the wrong wire type.
 void read_members_in_any_order(Cursor& cursor,
                                std::size_t end,
                                std::span<const Tag_entry> tags,
@@ -364,7 +367,7 @@ inline constexpr auto full_offsets = std::apply(
     members_of<Record>);
 
 /// The common case, every member present and in order: all tags are compared at once. Changes
-/// nothing and returns false when the record is a different one of the same size.
+/// nothing and returns false when the record is a different one.
 template <class Record, std::size_t... Index>
 bool read_full(const std::byte* from,
                Record& record,
@@ -464,8 +467,8 @@ struct Codec<Record> {
     return to;
   }
 
-  /// Members in declaration order cost one comparison each and no search; the first that is not
-  /// where it was expected sends the rest to the decoder for any order.
+  /// Members in declaration order cost one comparison each and no search; a record with anything
+  /// else in it goes to the decoder for any order.
   static void read(Cursor& cursor,
                    std::size_t end,
                    Record& record,
@@ -473,7 +476,7 @@ struct Codec<Record> {
     const auto* position = cursor.data() + cursor.position();
     const auto* const last = cursor.data() + end;
     if constexpr (detail::full_size<Record> != 0) {
-      if (last - position == detail::full_size<Record> &&
+      if (last - position >= detail::full_size<Record> &&
           detail::read_full(position, record, settings,
                             std::make_index_sequence<member_count<Record>>{})) {
         cursor.seek(end);
@@ -496,14 +499,15 @@ struct Codec<Record> {
       }
       value = boost::none;
     });
-    cursor.seek(static_cast<std::size_t>(position - cursor.data()));
-    if (position != last) {
-      // A copy, so that the address of the cursor stays unknown outside and it can live in
-      // registers.
-      Cursor rest{cursor};
-      read_members_in_any_order(rest, end, tag_list<Record>, &record, settings);
-      cursor = rest;
+    if (position == last) {
+      cursor.seek(end);
+      return;
     }
+    // A copy, so that the address of the cursor stays unknown outside and it can live in
+    // registers.
+    Cursor whole{cursor};
+    read_members_in_any_order(whole, end, tag_list<Record>, &record, settings);
+    cursor = whole;
   }
 
   static void trace(const Record& record, Trace_json& json, unsigned position) {
