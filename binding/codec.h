@@ -16,11 +16,26 @@
 
 namespace binding {
 
-/// Settings of an encoded type; specialise for a type that differs.
-template <class T>
-inline constexpr Serialization_settings settings_of{};
+/// Stands for the settings of the item around a type; at the top level for the defaults.
+struct Settings_of_surroundings : Serialization_settings {};
 
-/// Codec<T> handles the bare value, without the length field that a nested item has. Its members:
+/// Settings of an encoded type. Specialise it, as Serialization_settings, for a type that differs
+/// from the items in which it travels.
+template <class T>
+inline constexpr Settings_of_surroundings settings_of{};
+
+/// Settings of a T inside an item with the settings `around`.
+template <class T>
+constexpr const Serialization_settings& settings_within(const Serialization_settings& around) {
+  if constexpr (std::is_same_v<decltype(settings_of<T>), const Settings_of_surroundings>) {
+    return around;
+  } else {
+    return settings_of<T>;
+  }
+}
+
+/// Codec<T> handles the bare value, without the length field that a nested item has. `settings` are
+/// those of T. Its members:
 ///
 ///   static constexpr Wire_type wire_type;
 ///     as a TLV member
@@ -75,13 +90,16 @@ struct Codec<T> {
   }
 };
 
-/// An item with its length field (when it has one) in front.
+/// An item with its length field (when it has one) in front, inside an item with the settings
+/// `around`.
 template <class T>
-std::size_t nested_size(const T& value, const Serialization_settings& settings) {
+std::size_t nested_size(const T& value, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
   return Codec<T>::length_field(settings) + Codec<T>::size(value, settings);
 }
 template <class T>
-std::byte* write_nested(const T& value, std::byte* to, const Serialization_settings& settings) {
+std::byte* write_nested(const T& value, std::byte* to, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
   const auto field = Codec<T>::length_field(settings);
   auto* const body = to + field;
   auto* const end = Codec<T>::write(value, body, settings);
@@ -89,7 +107,8 @@ std::byte* write_nested(const T& value, std::byte* to, const Serialization_setti
   return end;
 }
 template <class T>
-void read_nested(Cursor& cursor, T& value, const Serialization_settings& settings) {
+void read_nested(Cursor& cursor, T& value, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
   const auto field = Codec<T>::length_field(settings);
   if (field == 0) {
     Codec<T>::read(cursor, cursor.size(), value, settings);
@@ -279,7 +298,8 @@ template <Scalar Value>
 std::byte* store_member(std::byte* to,
                         std::uint16_t tag,
                         Value value,
-                        const Serialization_settings& settings) {
+                        const Serialization_settings& around) {
+  const auto& settings = settings_within<Value>(around);
   if constexpr (std::endian::native == std::endian::little && sizeof(Value) <= 4) {
     auto bits = std::bit_cast<Bits_of<Value>>(value);
     if (!is_native(settings.byte_order)) bits = detail::swap_bytes(bits);
@@ -328,8 +348,9 @@ void read_member(Cursor& cursor,
                  void* record,
                  const Serialization_settings& settings) {
   constexpr auto& described = std::get<Index>(members_of<Record>);
-  Value_of<decltype(described)> value{};
-  Codec<Value_of<decltype(described)>>::read(cursor, end, value, settings);
+  using Value = Value_of<decltype(described)>;
+  Value value{};
+  Codec<Value>::read(cursor, end, value, settings_within<Value>(settings));
   static_cast<Record*>(record)->*described.pointer = std::move(value);
 }
 
@@ -420,6 +441,7 @@ inline constexpr auto tag_list =
 /// Records of tagged, optional members.
 template <Tlv_record Record>
 struct Codec<Record> {
+  static_assert(has_valid_ids<Record>, "data IDs are different and at most 4095");
   static constexpr Wire_type wire_type = Wire_type::configured_length;
   static constexpr bool top_level_length_field = false;
   static std::uint64_t length_field(const Serialization_settings& settings) {
@@ -436,7 +458,7 @@ struct Codec<Record> {
             static_cast<std::size_t>(value.has_value()) * (sizeof(std::uint16_t) + sizeof(Value));
       } else if (value) {
         sum += sizeof(std::uint16_t) + length_field_size(Codec<Value>::wire_type, settings) +
-               Codec<Value>::size(*value, settings);
+               Codec<Value>::size(*value, settings_within<Value>(settings));
       }
     });
     return sum;
@@ -459,9 +481,10 @@ struct Codec<Record> {
         to = store_member(to, detail::tag_of(m), *value, settings);
       } else {
         to = store(to, detail::tag_of(m), Byte_order::big_endian);
+        const auto& own = settings_within<Value>(settings);
         to = store_length_field(to, length_field_size(Codec<Value>::wire_type, settings),
-                                Codec<Value>::size(*value, settings), settings);
-        to = Codec<Value>::write(*value, to, settings);
+                                Codec<Value>::size(*value, own), settings);
+        to = Codec<Value>::write(*value, to, own);
       }
     });
     return to;
@@ -537,8 +560,8 @@ std::size_t bound(const T& value, const Serialization_settings& settings) {
 template <Tlv_record T>
 std::size_t bound(const std::vector<T>& values, const Serialization_settings& settings) {
   if constexpr (full_size<T> != 0) {
-    return values.size() *
-           (static_cast<std::size_t>(full_size<T>) + Codec<T>::length_field(settings));
+    return values.size() * (static_cast<std::size_t>(full_size<T>) +
+                            Codec<T>::length_field(settings_within<T>(settings)));
   }
   return Codec<std::vector<T>>::size(values, settings);
 }

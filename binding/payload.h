@@ -184,6 +184,7 @@ class Cursor {
   void read(void* destination, std::size_t count) {
     if (destination == nullptr) throw_null_destination();
     ensure_available(count);
+    if (count == 0) return;  // an empty range may begin at a null pointer
     std::memcpy(destination, range_.data() + position_, count);
     position_ += count;
   }

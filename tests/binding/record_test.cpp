@@ -15,6 +15,24 @@ struct Message {
   boost::optional<std::vector<std::uint8_t>> blob;
 };
 
+/// Travels with settings of its own.
+struct Apart {
+  boost::optional<std::uint16_t> number;
+  boost::optional<std::string> text;
+};
+struct Around {
+  boost::optional<std::uint16_t> number;
+  boost::optional<Apart> apart;
+};
+
+struct One_id_twice {
+  boost::optional<bool> truth;
+};
+struct Id_too_large {
+  boost::optional<std::uint8_t> value;
+  boost::optional<binding::Value_type> value_type;
+};
+
 }  // namespace test_records
 
 template <>
@@ -24,6 +42,42 @@ struct binding::Description<test_records::Message> {
                                              member(7, "number", &test_records::Message::number),
                                              member(1, "blob", &test_records::Message::blob)};
 };
+
+template <>
+struct binding::Description<test_records::Apart> {
+  static constexpr std::string_view name = "Apart";
+  static constexpr auto entries = std::tuple{member(0, "number", &test_records::Apart::number),
+                                             member(1, "text", &test_records::Apart::text)};
+};
+template <>
+inline constexpr binding::Serialization_settings binding::settings_of<test_records::Apart>{
+    .byte_order = Byte_order::little_endian,
+    .array_length_field_size = 2,
+    .string_length_field_size = 2,
+    .structure_length_field_size = 2};
+template <>
+struct binding::Description<test_records::Around> {
+  static constexpr std::string_view name = "Around";
+  static constexpr auto entries = std::tuple{member(0, "number", &test_records::Around::number),
+                                             member(1, "apart", &test_records::Around::apart)};
+};
+template <>
+struct binding::Description<test_records::One_id_twice> {
+  static constexpr std::string_view name = "One_id_twice";
+  static constexpr auto entries = std::tuple{member(7, "a", &test_records::One_id_twice::truth),
+                                             member(7, "b", &test_records::One_id_twice::truth)};
+};
+template <>
+struct binding::Description<test_records::Id_too_large> {
+  using Record = test_records::Id_too_large;
+  static constexpr std::string_view name = "Id_too_large";
+  static constexpr auto entries =
+      std::tuple{quantity(4095, "value", &Record::value, &Record::value_type)};
+};
+
+static_assert(binding::has_valid_ids<test_records::Message>);
+static_assert(!binding::has_valid_ids<test_records::One_id_twice>);
+static_assert(!binding::has_valid_ids<test_records::Id_too_large>);
 
 namespace {
 
