@@ -132,12 +132,29 @@ bool entry_fits(Cursor cursor, const Serialization_settings& settings) {
   return true;
 }
 
+/// Skips entries of empty key and value, which are nothing but zeros, and returns how many.
+std::size_t skip_empty_entries(Cursor& cursor,
+                               std::size_t end,
+                               const Serialization_settings& settings) {
+  const auto size = 2 * settings.string_length_field_size;
+  const auto is_empty = [&] {
+    const auto* const from = cursor.data() + cursor.position();
+    return size <= end - cursor.position() &&
+           std::all_of(from, from + size, [](std::byte byte) { return byte == std::byte{}; });
+  };
+  std::size_t count = 0;
+  for (; size != 0 && is_empty(); ++count)
+    cursor.skip(size);
+  return count;
+}
+
 }  // namespace
 
 void Codec<std::map<std::string, std::string>>::read(Cursor& cursor,
                                                      std::size_t end,
                                                      Map& map,
-                                                     const Serialization_settings& settings) {
+                                                     const Serialization_settings& around) {
+  const auto& settings = settings_within<std::string>(around);
   const auto read_string = [&](std::string& text) {
     const auto length = read_length_field(settings.string_length_field_size, cursor, settings);
     cursor.ensure_available(length);
@@ -145,9 +162,14 @@ void Codec<std::map<std::string, std::string>>::read(Cursor& cursor,
     cursor.read(text.data(), text.size());
   };
   map.clear();
-  // Behind the first entry, what is no entry any more is the surplus of a sender with more to say.
+  // Behind the first entry, what is no entry is the surplus of a sender with more to say. Zeros
+  // ahead of it belong to it, though they could be empty entries.
   for (bool first = true; cursor.position() < end; first = false) {
-    if (!first && !entry_fits(cursor, settings)) break;
+    const auto empty_entries = skip_empty_entries(cursor, end, settings);
+    const bool at_end = cursor.position() == end;
+    if (!at_end && !(first && empty_entries == 0) && !entry_fits(cursor, settings)) break;
+    if (empty_entries != 0) map.emplace();
+    if (at_end) break;
     std::string key;
     std::string value;
     read_string(key);
