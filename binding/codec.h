@@ -119,6 +119,22 @@ void read_nested(Cursor& cursor, T& value, const Serialization_settings& around)
   Codec<T>::read(cursor, end, value, settings);
   finish_item(cursor, end);
 }
+/// How many nested items begin ahead of `end`, by their length fields; the last one may be cut.
+/// 0 when they have no length field.
+template <class T>
+std::size_t count_nested(Cursor cursor, std::size_t end, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
+  const auto field = Codec<T>::length_field(settings);
+  std::size_t count = 0;
+  while (field != 0 && cursor.position() < end) {
+    ++count;
+    if (cursor.remaining() < field) break;
+    const auto length = read_length_field(field, cursor, settings);
+    if (cursor.remaining() < length) break;
+    cursor.skip(length);
+  }
+  return count;
+}
 
 /// Raw bytes, no byte-order mark, no terminator.
 template <>
@@ -190,12 +206,28 @@ struct Codec<std::vector<T>> {
     // first.
     std::size_t count = 0;
     for (; cursor.position() < end; ++count) {
-      read_nested(cursor, count < values.size() ? values[count] : values.emplace_back(), settings);
+      if (count == values.size()) {
+        if (count == values.capacity()) reserve_rest(cursor, end, values, settings);
+        values.emplace_back();
+      }
+      read_nested(cursor, values[count], settings);
     }
     values.resize(count);
   }
   static void trace(const std::vector<T>& values, Trace_json& json, unsigned position) {
     trace_elements(values, json, position, "vector");
+  }
+
+ private:
+  /// An element of a few bytes on the wire may take hundreds in memory: a list gets no more of it
+  /// than its elements need.
+  [[gnu::cold, gnu::noinline]] static void reserve_rest(const Cursor& cursor,
+                                                        std::size_t end,
+                                                        std::vector<T>& values,
+                                                        const Serialization_settings& settings) {
+    const auto rest =
+        Scalar<T> ? (end - cursor.position()) / sizeof(T) : count_nested<T>(cursor, end, settings);
+    values.reserve(values.size() + rest);
   }
 };
 
