@@ -374,6 +374,21 @@ constexpr std::uint16_t tag_of(const Member& member) {
   return make_tag(Codec<typename Member::value_type>::wire_type, member.id);
 }
 
+/// A tag as it lies in memory: to compare it costs no swap of what was received.
+constexpr std::uint16_t on_wire(std::uint16_t tag) {
+  return is_native(Byte_order::big_endian) ? tag : swap_bytes(tag);
+}
+inline std::uint16_t load_on_wire(const std::byte* from) {
+  std::uint16_t tag = 0;
+  std::memcpy(&tag, from, sizeof tag);
+  return tag;
+}
+
+template <Scalar Value>
+Value load_member(const std::byte* tag, const Serialization_settings& settings) {
+  return Codec<Value>::load_value(tag + sizeof(std::uint16_t), settings_within<Value>(settings));
+}
+
 template <class Record, std::size_t Index>
 void read_member(Cursor& cursor,
                  std::size_t end,
@@ -428,14 +443,12 @@ bool read_full(const std::byte* from,
                std::index_sequence<Index...>) {
   constexpr auto& members = members_of<Record>;
   constexpr auto& offsets = full_offsets<Record>;
-  const unsigned difference =
-      (0U | ... |
-       static_cast<unsigned>(load<std::uint16_t>(from + offsets[Index], Byte_order::big_endian) ^
-                             tag_of(std::get<Index>(members))));
-  if ((difference & tag_mask) != 0) return false;
+  const unsigned difference = (0U | ... |
+                               static_cast<unsigned>(load_on_wire(from + offsets[Index]) ^
+                                                     on_wire(tag_of(std::get<Index>(members)))));
+  if ((difference & on_wire(tag_mask)) != 0) return false;
   ((record.*std::get<Index>(members).pointer =
-        Codec<Value_of<decltype(std::get<Index>(members))>>::load_value(
-            from + offsets[Index] + sizeof(std::uint16_t), settings)),
+        load_member<Value_of<decltype(std::get<Index>(members))>>(from + offsets[Index], settings)),
    ...);
   return true;
 }
@@ -498,7 +511,8 @@ struct Codec<Record> {
 
   static std::byte* write(const Record& record,
                           std::byte* to,
-                          const Serialization_settings& settings) {
+                          const Serialization_settings& given) {
+    const auto settings = given;  // a copy: for the compiler, bytes written might change `given`
     if constexpr (detail::full_size<Record> != 0) {
       if (detail::is_full(record)) {
         return detail::write_full(to, record, settings,
@@ -545,9 +559,9 @@ struct Codec<Record> {
         constexpr auto member_bytes =
             static_cast<std::ptrdiff_t>(sizeof(std::uint16_t) + sizeof(Value));
         if (last - position >= member_bytes &&
-            (load<std::uint16_t>(position, Byte_order::big_endian) & tag_mask) ==
-                detail::tag_of(m)) {
-          value = Codec<Value>::load_value(position + sizeof(std::uint16_t), settings);
+            (detail::load_on_wire(position) & detail::on_wire(tag_mask)) ==
+                detail::on_wire(detail::tag_of(m))) {
+          value = detail::load_member<Value>(position, settings);
           position += member_bytes;
           return;
         }
