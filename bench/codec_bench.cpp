@@ -124,11 +124,6 @@ void copy_of_payload(benchmark::State& state, const Value& value) {
 const std::vector full_position{filled<DT_positions_struct>(44)};
 const std::vector sparse_position{filled<DT_positions_struct>(8)};
 const std::vector<DT_posGnssSatInfos_struct> satellites(60, filled<DT_posGnssSatInfos_struct>(9));
-const auto mixed_satellites = [] {
-  auto some = satellites;
-  some[some.size() / 2] = filled<DT_posGnssSatInfos_struct>(8);
-  return some;
-}();
 
 BENCHMARK_CAPTURE(encode_with_binding, full_position, full_position);
 BENCHMARK_CAPTURE(encode_with_protobuf, full_position, protobuf_positions(44));
@@ -147,9 +142,6 @@ BENCHMARK_CAPTURE(encode_with_protobuf, satellites, protobuf_satellites(60));
 BENCHMARK_CAPTURE(copy_of_payload, satellites, satellites);
 BENCHMARK_CAPTURE(decode_with_binding, satellites, satellites);
 BENCHMARK_CAPTURE(decode_with_protobuf, satellites, protobuf_satellites(60));
-
-BENCHMARK_CAPTURE(encode_with_binding, mixed_satellites, mixed_satellites);
-BENCHMARK_CAPTURE(decode_with_binding, mixed_satellites, mixed_satellites);
 
 }  // namespace
 

@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "binding/full_records.h"
 #include "binding/payload.h"
 #include "binding/record.h"
 #include "binding/trace_json.h"
@@ -17,11 +16,26 @@
 
 namespace binding {
 
-/// Settings of an encoded type; specialise for a type that differs.
-template <class T>
-inline constexpr Serialization_settings settings_of{};
+/// Stands for the settings of the item around a type; at the top level for the defaults.
+struct Settings_of_surroundings : Serialization_settings {};
 
-/// Codec<T> handles the bare value, without the length field that a nested item has. Its members:
+/// Settings of an encoded type. Specialise it, as Serialization_settings, for a type that differs
+/// from the items in which it travels.
+template <class T>
+inline constexpr Settings_of_surroundings settings_of{};
+
+/// Settings of a T inside an item with the settings `around`.
+template <class T>
+constexpr const Serialization_settings& settings_within(const Serialization_settings& around) {
+  if constexpr (std::is_same_v<decltype(settings_of<T>), const Settings_of_surroundings>) {
+    return around;
+  } else {
+    return settings_of<T>;
+  }
+}
+
+/// Codec<T> handles the bare value, without the length field that a nested item has. `settings` are
+/// those of T. Its members:
 ///
 ///   static constexpr Wire_type wire_type;
 ///     as a TLV member
@@ -76,13 +90,16 @@ struct Codec<T> {
   }
 };
 
-/// An item with its length field (when it has one) in front.
+/// An item with its length field (when it has one) in front, inside an item with the settings
+/// `around`.
 template <class T>
-std::size_t nested_size(const T& value, const Serialization_settings& settings) {
+std::size_t nested_size(const T& value, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
   return Codec<T>::length_field(settings) + Codec<T>::size(value, settings);
 }
 template <class T>
-std::byte* write_nested(const T& value, std::byte* to, const Serialization_settings& settings) {
+std::byte* write_nested(const T& value, std::byte* to, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
   const auto field = Codec<T>::length_field(settings);
   auto* const body = to + field;
   auto* const end = Codec<T>::write(value, body, settings);
@@ -90,7 +107,8 @@ std::byte* write_nested(const T& value, std::byte* to, const Serialization_setti
   return end;
 }
 template <class T>
-void read_nested(Cursor& cursor, T& value, const Serialization_settings& settings) {
+void read_nested(Cursor& cursor, T& value, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
   const auto field = Codec<T>::length_field(settings);
   if (field == 0) {
     Codec<T>::read(cursor, cursor.size(), value, settings);
@@ -100,6 +118,22 @@ void read_nested(Cursor& cursor, T& value, const Serialization_settings& setting
   const auto end = end_position(cursor.position(), cursor.size(), length);
   Codec<T>::read(cursor, end, value, settings);
   finish_item(cursor, end);
+}
+/// How many nested items begin ahead of `end`, by their length fields; the last one may be cut.
+/// 0 when they have no length field.
+template <class T>
+std::size_t count_nested(Cursor cursor, std::size_t end, const Serialization_settings& around) {
+  const auto& settings = settings_within<T>(around);
+  const auto field = Codec<T>::length_field(settings);
+  std::size_t count = 0;
+  while (field != 0 && cursor.position() < end) {
+    ++count;
+    if (cursor.remaining() < field) break;
+    const auto length = read_length_field(field, cursor, settings);
+    if (cursor.remaining() < length) break;
+    cursor.skip(length);
+  }
+  return count;
 }
 
 /// Raw bytes, no byte-order mark, no terminator.
@@ -171,18 +205,29 @@ struct Codec<std::vector<T>> {
     // Elements that are there already are read into: they need neither be destroyed nor cleared
     // first.
     std::size_t count = 0;
-    if constexpr (detail::moves_in_blocks<T>) {
-      const auto* const from = cursor.data() + cursor.position();
-      count = detail::read_full_records({from, cursor.data() + end}, values, settings);
-      cursor.skip(count * detail::Forms<T>::wire_size);
-    }
     for (; cursor.position() < end; ++count) {
-      read_nested(cursor, count < values.size() ? values[count] : values.emplace_back(), settings);
+      if (count == values.size()) {
+        if (count == values.capacity()) reserve_rest(cursor, end, values, settings);
+        values.emplace_back();
+      }
+      read_nested(cursor, values[count], settings);
     }
     values.resize(count);
   }
   static void trace(const std::vector<T>& values, Trace_json& json, unsigned position) {
     trace_elements(values, json, position, "vector");
+  }
+
+ private:
+  /// An element of a few bytes on the wire may take hundreds in memory: a list gets no more of it
+  /// than its elements need.
+  [[gnu::cold, gnu::noinline]] static void reserve_rest(const Cursor& cursor,
+                                                        std::size_t end,
+                                                        std::vector<T>& values,
+                                                        const Serialization_settings& settings) {
+    const auto rest =
+        Scalar<T> ? (end - cursor.position()) / sizeof(T) : count_nested<T>(cursor, end, settings);
+    values.reserve(values.size() + rest);
   }
 };
 
@@ -285,7 +330,8 @@ template <Scalar Value>
 std::byte* store_member(std::byte* to,
                         std::uint16_t tag,
                         Value value,
-                        const Serialization_settings& settings) {
+                        const Serialization_settings& around) {
+  const auto& settings = settings_within<Value>(around);
   if constexpr (std::endian::native == std::endian::little && sizeof(Value) <= 4) {
     auto bits = std::bit_cast<Bits_of<Value>>(value);
     if (!is_native(settings.byte_order)) bits = detail::swap_bytes(bits);
@@ -307,8 +353,11 @@ struct Tag_entry {
                const Serialization_settings& settings);
 };
 
-/// Decodes TLV members from the current position to `end` in whatever order they come. A member
-/// sent twice keeps the last value, unknown data IDs are skipped.
+/// Decodes TLV members from the current position to `end` in whatever order they come. Unknown data
+/// IDs are skipped, a member sent twice keeps the last value. Surplus bytes are skipped whatever
+/// they are: all that follows when every member came in declaration order; else, behind the last
+/// member of the list and behind the first that came out of order, all from the first item on that
+/// does not fit into the record or has the wrong wire type.
 void read_members_in_any_order(Cursor& cursor,
                                std::size_t end,
                                std::span<const Tag_entry> tags,
@@ -325,14 +374,30 @@ constexpr std::uint16_t tag_of(const Member& member) {
   return make_tag(Codec<typename Member::value_type>::wire_type, member.id);
 }
 
+/// A tag as it lies in memory: to compare it costs no swap of what was received.
+constexpr std::uint16_t on_wire(std::uint16_t tag) {
+  return is_native(Byte_order::big_endian) ? tag : swap_bytes(tag);
+}
+inline std::uint16_t load_on_wire(const std::byte* from) {
+  std::uint16_t tag = 0;
+  std::memcpy(&tag, from, sizeof tag);
+  return tag;
+}
+
+template <Scalar Value>
+Value load_member(const std::byte* tag, const Serialization_settings& settings) {
+  return Codec<Value>::load_value(tag + sizeof(std::uint16_t), settings_within<Value>(settings));
+}
+
 template <class Record, std::size_t Index>
 void read_member(Cursor& cursor,
                  std::size_t end,
                  void* record,
                  const Serialization_settings& settings) {
   constexpr auto& described = std::get<Index>(members_of<Record>);
-  Value_of<decltype(described)> value{};
-  Codec<Value_of<decltype(described)>>::read(cursor, end, value, settings);
+  using Value = Value_of<decltype(described)>;
+  Value value{};
+  Codec<Value>::read(cursor, end, value, settings_within<Value>(settings));
   static_cast<Record*>(record)->*described.pointer = std::move(value);
 }
 
@@ -370,7 +435,7 @@ inline constexpr auto full_offsets = std::apply(
     members_of<Record>);
 
 /// The common case, every member present and in order: all tags are compared at once. Changes
-/// nothing and returns false when the record is a different one of the same size.
+/// nothing and returns false when the record is a different one.
 template <class Record, std::size_t... Index>
 bool read_full(const std::byte* from,
                Record& record,
@@ -378,14 +443,12 @@ bool read_full(const std::byte* from,
                std::index_sequence<Index...>) {
   constexpr auto& members = members_of<Record>;
   constexpr auto& offsets = full_offsets<Record>;
-  const unsigned difference =
-      (0U | ... |
-       static_cast<unsigned>(load<std::uint16_t>(from + offsets[Index], Byte_order::big_endian) ^
-                             tag_of(std::get<Index>(members))));
-  if ((difference & tag_mask) != 0) return false;
+  const unsigned difference = (0U | ... |
+                               static_cast<unsigned>(load_on_wire(from + offsets[Index]) ^
+                                                     on_wire(tag_of(std::get<Index>(members)))));
+  if ((difference & on_wire(tag_mask)) != 0) return false;
   ((record.*std::get<Index>(members).pointer =
-        Codec<Value_of<decltype(std::get<Index>(members))>>::load_value(
-            from + offsets[Index] + sizeof(std::uint16_t), settings)),
+        load_member<Value_of<decltype(std::get<Index>(members))>>(from + offsets[Index], settings)),
    ...);
   return true;
 }
@@ -423,6 +486,7 @@ inline constexpr auto tag_list =
 /// Records of tagged, optional members.
 template <Tlv_record Record>
 struct Codec<Record> {
+  static_assert(has_valid_ids<Record>, "data IDs are different and at most 4095");
   static constexpr Wire_type wire_type = Wire_type::configured_length;
   static constexpr bool top_level_length_field = false;
   static std::uint64_t length_field(const Serialization_settings& settings) {
@@ -439,7 +503,7 @@ struct Codec<Record> {
             static_cast<std::size_t>(value.has_value()) * (sizeof(std::uint16_t) + sizeof(Value));
       } else if (value) {
         sum += sizeof(std::uint16_t) + length_field_size(Codec<Value>::wire_type, settings) +
-               Codec<Value>::size(*value, settings);
+               Codec<Value>::size(*value, settings_within<Value>(settings));
       }
     });
     return sum;
@@ -447,7 +511,8 @@ struct Codec<Record> {
 
   static std::byte* write(const Record& record,
                           std::byte* to,
-                          const Serialization_settings& settings) {
+                          const Serialization_settings& given) {
+    const auto settings = given;  // a copy: for the compiler, bytes written might change `given`
     if constexpr (detail::full_size<Record> != 0) {
       if (detail::is_full(record)) {
         return detail::write_full(to, record, settings,
@@ -462,16 +527,17 @@ struct Codec<Record> {
         to = store_member(to, detail::tag_of(m), *value, settings);
       } else {
         to = store(to, detail::tag_of(m), Byte_order::big_endian);
+        const auto& own = settings_within<Value>(settings);
         to = store_length_field(to, length_field_size(Codec<Value>::wire_type, settings),
-                                Codec<Value>::size(*value, settings), settings);
-        to = Codec<Value>::write(*value, to, settings);
+                                Codec<Value>::size(*value, own), settings);
+        to = Codec<Value>::write(*value, to, own);
       }
     });
     return to;
   }
 
-  /// Members in declaration order cost one comparison each and no search; the first that is not
-  /// where it was expected sends the rest to the decoder for any order.
+  /// Members in declaration order cost one comparison each and no search; a record with anything
+  /// else in it goes to the decoder for any order.
   static void read(Cursor& cursor,
                    std::size_t end,
                    Record& record,
@@ -479,7 +545,7 @@ struct Codec<Record> {
     const auto* position = cursor.data() + cursor.position();
     const auto* const last = cursor.data() + end;
     if constexpr (detail::full_size<Record> != 0) {
-      if (last - position == detail::full_size<Record> &&
+      if (last - position >= detail::full_size<Record> &&
           detail::read_full(position, record, settings,
                             std::make_index_sequence<member_count<Record>>{})) {
         cursor.seek(end);
@@ -493,23 +559,24 @@ struct Codec<Record> {
         constexpr auto member_bytes =
             static_cast<std::ptrdiff_t>(sizeof(std::uint16_t) + sizeof(Value));
         if (last - position >= member_bytes &&
-            (load<std::uint16_t>(position, Byte_order::big_endian) & tag_mask) ==
-                detail::tag_of(m)) {
-          value = Codec<Value>::load_value(position + sizeof(std::uint16_t), settings);
+            (detail::load_on_wire(position) & detail::on_wire(tag_mask)) ==
+                detail::on_wire(detail::tag_of(m))) {
+          value = detail::load_member<Value>(position, settings);
           position += member_bytes;
           return;
         }
       }
       value = boost::none;
     });
-    cursor.seek(static_cast<std::size_t>(position - cursor.data()));
-    if (position != last) {
-      // A copy, so that the address of the cursor stays unknown outside and it can live in
-      // registers.
-      Cursor rest{cursor};
-      read_members_in_any_order(rest, end, tag_list<Record>, &record, settings);
-      cursor = rest;
+    if (position == last) {
+      cursor.seek(end);
+      return;
     }
+    // A copy, so that the address of the cursor stays unknown outside and it can live in
+    // registers.
+    Cursor whole{cursor};
+    read_members_in_any_order(whole, end, tag_list<Record>, &record, settings);
+    cursor = whole;
   }
 
   static void trace(const Record& record, Trace_json& json, unsigned position) {
@@ -539,8 +606,8 @@ std::size_t bound(const T& value, const Serialization_settings& settings) {
 template <Tlv_record T>
 std::size_t bound(const std::vector<T>& values, const Serialization_settings& settings) {
   if constexpr (full_size<T> != 0) {
-    return values.size() *
-           (static_cast<std::size_t>(full_size<T>) + Codec<T>::length_field(settings));
+    return values.size() * (static_cast<std::size_t>(full_size<T>) +
+                            Codec<T>::length_field(settings_within<T>(settings)));
   }
   return Codec<std::vector<T>>::size(values, settings);
 }
@@ -559,21 +626,6 @@ std::byte* write_at_top_level(const T& value,
   } else {
     return Codec<T>::write(value, to, settings);
   }
-}
-/// Only here is there room for full records, whatever is there of them.
-template <class Record>
-requires moves_in_blocks<Record> std::byte* write_at_top_level(
-    const std::vector<Record>& records, std::byte* to, const Serialization_settings& settings) {
-  const auto field = settings.array_length_field_size;
-  if (field == 0) throw_vector_without_length_field();
-  auto* const body = to + field;
-  const std::span all{records};
-  const auto moved = write_full_records(all, body, settings);
-  auto* end = body + moved * Forms<Record>::wire_size;
-  for (const auto& record : all.subspan(moved))
-    end = write_nested(record, end, settings);
-  store_length_field(to, field, static_cast<std::uint64_t>(end - body), settings);
-  return end;
 }
 
 }  // namespace detail

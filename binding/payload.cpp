@@ -64,14 +64,16 @@ void write_length_field(std::uint64_t size,
   buffer.insert(buffer.end(), field, end);
 }
 
+bool has_configured_length(const Serialization_settings& settings) {
+  return settings.array_length_field_size != 0 &&
+         settings.array_length_field_size == settings.string_length_field_size &&
+         settings.array_length_field_size == settings.structure_length_field_size;
+}
+
 std::uint64_t length_field_size(Wire_type wire_type, const Serialization_settings& settings) {
   switch (wire_type) {
     case Wire_type::configured_length:
-      if (settings.array_length_field_size == 0 ||
-          settings.array_length_field_size != settings.string_length_field_size ||
-          settings.array_length_field_size != settings.structure_length_field_size) {
-        throw_unequal_length_field_sizes(settings);
-      }
+      if (!has_configured_length(settings)) throw_unequal_length_field_sizes(settings);
       return settings.array_length_field_size;
     case Wire_type::length_8:
       return 1;

@@ -184,6 +184,7 @@ class Cursor {
   void read(void* destination, std::size_t count) {
     if (destination == nullptr) throw_null_destination();
     ensure_available(count);
+    if (count == 0) return;  // an empty range may begin at a null pointer
     std::memcpy(destination, range_.data() + position_, count);
     position_ += count;
   }
@@ -225,8 +226,12 @@ class Cursor {
   }
 }
 
-/// Size of the length field that follows a tag of this wire type, 0 for none. Wire type 4 requires
-/// three equal, non-zero length field sizes (PRS_SOMEIP_00215).
+/// Whether a type may use wire type 4: it requires three equal, non-zero length field sizes
+/// (PRS_SOMEIP_00215).
+[[nodiscard]] bool has_configured_length(const Serialization_settings& settings);
+
+/// Size of the length field that follows a tag of this wire type, 0 for none. Throws for wire type
+/// 4 when the type may not use it.
 [[nodiscard]] std::uint64_t length_field_size(Wire_type wire_type,
                                               const Serialization_settings& settings);
 

@@ -155,6 +155,21 @@ template <Described Record>
 inline constexpr std::size_t member_count =
     std::tuple_size_v<std::remove_cvref_t<decltype(members_of<Record>)>>;
 
+/// Whether each member has a data ID of its own that fits into the 12 bits of a tag.
+template <Tlv_record Record>
+inline constexpr bool has_valid_ids = std::apply(
+    [](const auto&... members) {
+      constexpr std::uint16_t last_id = 4095;
+      const std::array<std::uint16_t, sizeof...(members)> ids{members.id...};
+      for (std::size_t i = 0; i < ids.size(); ++i) {
+        if (ids[i] > last_id) return false;
+        for (std::size_t j = 0; j < i; ++j)
+          if (ids[j] == ids[i]) return false;
+      }
+      return true;
+    },
+    members_of<Record>);
+
 /// Calls `visit(member)` for each member in declaration order.
 template <Described Record, class Visit>
 constexpr void for_each_member(Visit&& visit) {

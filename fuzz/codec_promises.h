@@ -11,6 +11,7 @@
 
 #include "binding/codec.h"
 #include "fuzz/input.h"
+#include "fuzz/walk.h"
 #include "mw/com/cpp_binding/trace.h"
 
 namespace fuzz {
@@ -85,10 +86,72 @@ void check_any_order(const T& record,
   require(same(record, again), "both decoders read the same record");
 }
 
+/// The codec reads what the walk reads, or refuses the payload for the same reason.
+template <class T>
+void check_walk(Bytes payload, const binding::Serialization_settings& settings) {
+  const auto outcome = [&](auto read) {
+    binding::Cursor cursor{payload};
+    try {
+      read(cursor);
+      return std::string{};
+    } catch (const std::exception& error) {
+      return std::string{error.what()};
+    }
+  };
+  T decoded{};
+  T walked{};
+  bool late = false;
+  const auto error_of_codec =
+      outcome([&](binding::Cursor& cursor) { binding::decode(cursor, decoded, settings); });
+  const auto error_of_walk = outcome([&](binding::Cursor& cursor) {
+    Walk walk{cursor, settings};
+    try {
+      walk.read_payload(walked);
+    } catch (...) {
+      late = walk.saw_late_member();
+      throw;
+    }
+    late = walk.saw_late_member();
+  });
+  // A late member may itself be malformed inside, unless it is a scalar.
+  if (late && !has_scalar_members<T>) return;
+  require(error_of_codec == error_of_walk, "codec and walk refuse the same payloads");
+  require(late || !error_of_walk.empty() || same(decoded, walked),
+          "codec and walk read the same value");
+}
+
+template <class T>
+void check_surplus(const T&, Bytes, const binding::Serialization_settings&) {}
+
+/// The walk once more over records that each have a surplus behind them.
+template <binding::Tlv_record T>
+void check_surplus(const std::vector<T>& records,
+                   Bytes surplus,
+                   const binding::Serialization_settings& settings) {
+  binding::Buffer body;
+  binding::Buffer payload;
+  try {
+    for (const auto& record : records) {
+      binding::Buffer bytes;
+      binding::encode(record, bytes, settings);
+      bytes.insert(bytes.end(), surplus.begin(), surplus.end());
+      binding::write_length_field(settings.structure_length_field_size, bytes.size(), body,
+                                  settings);
+      body.insert(body.end(), bytes.begin(), bytes.end());
+    }
+    binding::write_length_field(settings.array_length_field_size, body.size(), payload, settings);
+  } catch (const std::exception&) {
+    return;  // too long for a short length field
+  }
+  payload.insert(payload.end(), body.begin(), body.end());
+  check_walk<std::vector<T>>(Exact{payload}, settings);
+}
+
 /// What decodes encodes again, to something that decodes to the same value. Settings that the type
 /// does not use may make encoding impossible; that is said by an exception.
 template <class T>
 void check_codec(Bytes payload, const binding::Serialization_settings& settings, bool usual) {
+  check_walk<T>(payload, settings);
   T value{};
   binding::Cursor cursor{payload};
   try {
@@ -124,6 +187,10 @@ void check_codec(Bytes payload, const binding::Serialization_settings& settings,
   require(second.remaining() == 0, "decoding takes what encoding wrote");
   require(same(value, again), "a round trip changes nothing");
   check_any_order(value, exact, settings);
+  if (!payload.empty()) {
+    const auto size = std::to_integer<std::size_t>(payload.back()) % 16;
+    check_surplus(value, payload.last(std::min(size, payload.size())), settings);
+  }
 
   // Into a buffer that held something else.
   binding::Buffer used(payload.begin(), payload.end());

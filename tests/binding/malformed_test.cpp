@@ -77,6 +77,10 @@ std::vector<Case> cases() {
       {"members in descending order", one(l + c), accepted, 1, true},
       {"a member sent twice: the last counts", one("3002 4049000000000000" + l), accepted, 1, true},
       {"a member sent twice with another between", one(l + c + l), accepted, 1, true},
+      {"a member behind the last one", one("202b 00000004" + l), accepted, 1, true},
+      {"zeros behind a member, no member that was passed", one(l + "0000"), accepted, 1, true},
+      {"a passed member of the wrong wire type", one(l + "3001 00"), accepted, 1, true},
+      {"a passed member cut by the record's end", one(l + "2001 0000"), accepted, 1, true},
       {"valueType without its value", one("2003 00000004"), accepted, 1},
       {"valueType of no known meaning", one("2003 ffffffff"), accepted, 1},
       {"a second record cut short", hex("00000010 00000006 2001 00000007 00000006 2001"), bad_end},
@@ -97,6 +101,39 @@ TEST(A_positions_payload, is_accepted_or_refused_with_its_reason) {
     if (!records.empty()) {
       EXPECT_EQ(records.back().LAT.has_value(), c.has_latitude) << c.what;
       EXPECT_EQ(records.back().LAT.get_value_or(48.0), 48.0) << c.what;
+    }
+  }
+}
+
+TEST(A_surplus_behind_the_last_member, is_skipped_whatever_its_bytes_are) {
+  DT_positions_struct full;
+  unsigned number = 0;
+  binding::for_each_member<DT_positions_struct>([&]<class M>(const M& member) {
+    full.*member.pointer = static_cast<typename M::value_type>(++number);
+  });
+  binding::Buffer complete;
+  binding::encode(full, complete);
+  std::vector surpluses{hex("4fff ffffffff"), hex("2001 0000")};
+  for (std::size_t size = 1; size <= 12; ++size) {
+    for (const auto byte : {0x00, 0xFF, 0xEE})
+      surpluses.emplace_back(size, static_cast<std::byte>(byte));
+  }
+  auto behind_all_members = surpluses;
+  behind_all_members.push_back(hex("2001 00000007"));
+  for (const auto& [record, possible] :
+       {std::pair{complete, behind_all_members}, std::pair{hex("202b 0000002c"), surpluses}}) {
+    for (const auto& surplus : possible) {
+      auto longer = record;
+      longer.insert(longer.end(), surplus.begin(), surplus.end());
+      const auto payload = notification({longer, record});
+      std::vector<DT_positions_struct> records;
+      binding::Cursor cursor{payload};
+      ASSERT_EQ(test::error_of([&] { binding::decode(cursor, records); }), accepted);
+      for (const auto& back : records) {
+        binding::Buffer again;
+        binding::encode(back, again);
+        EXPECT_EQ(again, record);
+      }
     }
   }
 }

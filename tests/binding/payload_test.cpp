@@ -107,12 +107,17 @@ TEST(String_map, takes_entries_to_the_end_of_its_length_and_skips_a_surplus_that
     std::size_t left_over;
     Map expected = {{"a", "b"}};
   };
+  const auto zeros = [](std::size_t count) { return std::string(2 * count, '0'); };
   for (const auto& [payload, left_over, expected] :
        {Case{outer_and_a_b("0000000a") + "ff", 1},
         Case{outer_and_a_b("00000014") + "00000001 63 00000001 64", 0, {{"a", "b"}, {"c", "d"}}},
         Case{outer_and_a_b("00000014") + "ffffffffffffffffffff", 0},
         Case{outer_and_a_b("00000014") + "00000004616263640000", 0},
-        Case{outer_and_a_b("00000014") + "0000000b616263646566", 0}}) {
+        Case{outer_and_a_b("00000014") + "0000000b616263646566", 0},
+        Case{outer_and_a_b("00000014") + zeros(10), 0}, Case{"0000000a" + zeros(10), 0, {}},
+        Case{outer_and_a_b("0000001c") + zeros(18), 0},
+        Case{outer_and_a_b("0000001a") + zeros(16), 0, {{"", ""}, {"a", "b"}}},
+        Case{"00000012" + zeros(8) + "00000001 63 00000001 64", 0, {{"", ""}, {"c", "d"}}}}) {
     const auto bytes = hex(payload);
     Cursor cursor{bytes};
     Map map;

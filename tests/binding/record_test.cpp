@@ -6,6 +6,7 @@
 #include "posService/PositioningRecords.h"
 #include "tests/binding/bytes.h"
 #include "tests/clients/printing.h"
+#include "tests/support/error_of.h"
 
 namespace test_records {
 
@@ -13,6 +14,24 @@ struct Message {
   boost::optional<std::string> text;
   boost::optional<std::uint16_t> number;
   boost::optional<std::vector<std::uint8_t>> blob;
+};
+
+/// Travels with settings of its own.
+struct Apart {
+  boost::optional<std::uint16_t> number;
+  boost::optional<std::string> text;
+};
+struct Around {
+  boost::optional<std::uint16_t> number;
+  boost::optional<Apart> apart;
+};
+
+struct One_id_twice {
+  boost::optional<bool> truth;
+};
+struct Id_too_large {
+  boost::optional<std::uint8_t> value;
+  boost::optional<binding::Value_type> value_type;
 };
 
 }  // namespace test_records
@@ -24,6 +43,42 @@ struct binding::Description<test_records::Message> {
                                              member(7, "number", &test_records::Message::number),
                                              member(1, "blob", &test_records::Message::blob)};
 };
+
+template <>
+struct binding::Description<test_records::Apart> {
+  static constexpr std::string_view name = "Apart";
+  static constexpr auto entries = std::tuple{member(0, "number", &test_records::Apart::number),
+                                             member(1, "text", &test_records::Apart::text)};
+};
+template <>
+inline constexpr binding::Serialization_settings binding::settings_of<test_records::Apart>{
+    .byte_order = Byte_order::little_endian,
+    .array_length_field_size = 2,
+    .string_length_field_size = 2,
+    .structure_length_field_size = 2};
+template <>
+struct binding::Description<test_records::Around> {
+  static constexpr std::string_view name = "Around";
+  static constexpr auto entries = std::tuple{member(0, "number", &test_records::Around::number),
+                                             member(1, "apart", &test_records::Around::apart)};
+};
+template <>
+struct binding::Description<test_records::One_id_twice> {
+  static constexpr std::string_view name = "One_id_twice";
+  static constexpr auto entries = std::tuple{member(7, "a", &test_records::One_id_twice::truth),
+                                             member(7, "b", &test_records::One_id_twice::truth)};
+};
+template <>
+struct binding::Description<test_records::Id_too_large> {
+  using Record = test_records::Id_too_large;
+  static constexpr std::string_view name = "Id_too_large";
+  static constexpr auto entries =
+      std::tuple{quantity(4095, "value", &Record::value, &Record::value_type)};
+};
+
+static_assert(binding::has_valid_ids<test_records::Message>);
+static_assert(!binding::has_valid_ids<test_records::One_id_twice>);
+static_assert(!binding::has_valid_ids<test_records::Id_too_large>);
 
 namespace {
 
@@ -105,6 +160,35 @@ TYPED_TEST(Every_record, travels_in_lists_of_any_length) {
     EXPECT_EQ(back.size(), count);
     EXPECT_EQ(encoded(back), bytes);
   }
+}
+
+/// The bound that the manifest sets on messages unless it says otherwise, and what their longest
+/// list may take of the bound on the whole process.
+TYPED_TEST(Every_record, takes_the_memory_of_its_elements_in_the_longest_list_of_empty_ones) {
+  constexpr std::size_t count = (262144 - 16 - 4) / 4;
+  constexpr std::size_t most_bytes = std::size_t{32} << 20U;
+  Buffer payload;
+  binding::write_length_field(4, 4 * count, payload, {});
+  payload.resize(payload.size() + 4 * count);
+  for (const bool last_is_cut : {false, true}) {
+    if (last_is_cut) payload.back() = std::byte{1};
+    std::vector<TypeParam> records(10);
+    Cursor cursor{payload};
+    EXPECT_EQ(test::error_of([&] { binding::decode(cursor, records); }) == "no exception",
+              !last_is_cut);
+    EXPECT_EQ(records.capacity(), count);
+    EXPECT_LT(records.capacity() * sizeof(TypeParam), most_bytes);
+  }
+}
+
+TEST(Settings, are_those_of_each_type_wherever_it_travels) {
+  const test_records::Apart apart{.number = 0x0102, .text = std::string{"hi"}};
+  const std::vector list{apart};
+  EXPECT_EQ(encoded(list), hex("0000000c 0a00 1000 0201 4001 0200 6869"));
+  EXPECT_EQ(encoded(decoded<std::vector<test_records::Apart>>(encoded(list))), encoded(list));
+  const test_records::Around around{.number = 0x0102, .apart = apart};
+  EXPECT_EQ(encoded(around), hex("1000 0102 4001 0000000a 1000 0201 4001 0200 6869"));
+  EXPECT_EQ(encoded(decoded<test_records::Around>(encoded(around))), encoded(around));
 }
 
 TEST(Positions_payload, has_a_length_field_per_record_and_one_for_the_vector) {
