@@ -1,6 +1,7 @@
 #include "diagnosisService/EvaluationTimer.h"
 
 #include <algorithm>
+#include <system_error>
 
 namespace diagnosisService {
 
@@ -12,7 +13,11 @@ EvaluationTimer::~EvaluationTimer() {
 void EvaluationTimer::start(std::chrono::milliseconds period) {
   const std::lock_guard lock{mutex_};
   if (stopping_ || running_) return;
-  thread_ = std::thread{[this, period] { run(period); }};
+  try {
+    thread_ = std::thread{[this, period] { run(period); }};
+  } catch (const std::system_error& error) {
+    throw std::system_error{error.code(), "cannot start a thread for the evaluation of statuses"};
+  }
   running_ = true;
 }
 
