@@ -69,7 +69,7 @@ class Desk:
             process = subprocess.Popen(
                 [str(program), *map(str, arguments)],
                 stdin=options.pop("stdin", subprocess.DEVNULL),
-                stdout=subprocess.PIPE,
+                stdout=options.pop("stdout", subprocess.PIPE),
                 stderr=errors,
                 env={**self.environment, **options.pop("environment", {})},
                 text=True,

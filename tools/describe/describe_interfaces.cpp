@@ -58,5 +58,5 @@ int main() {
   print_service<lumo::services::gnss::GNSS>();
   print_service<lumo::services::time::Time>();
   print_service<lumo::services::positioning::Positioning>();
-  return std::cout.good() ? 0 : 1;
+  return std::cout.flush() ? 0 : 1;
 }
