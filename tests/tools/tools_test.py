@@ -113,7 +113,7 @@ class Tools(unittest.TestCase):
         for program, arguments, option in options:
             for value in ("nan", "inf", "-inf", "-1", "-0", "+1", "1e999", "0x10", "1 ", ""):
                 self.assertRegex(self.fails(program, *arguments, f"{option}={value}", code=2),
-                                 rf"{option}: .*(expected a number|Required)", value)
+                                 rf"{option}: .*(expected a number|required)", value)
         self.assertIn("expected a number", self.fails(GATEWAY, "--plt-offset=nan", code=2))
 
     def test_output_that_cannot_be_written_is_an_error(self):
