@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <system_error>
+
 namespace {
 
 sigset_t handledSignals() {
@@ -26,14 +28,18 @@ Signal_thread::Signal_thread(Handler handler) {
   for (int signal = 0; (signal = sigtimedwait(&signals, nullptr, &kNoWait)) > 0;)
     handler(signal);
 
-  thread_ = std::thread([this, handler, signals] {
-    for (;;) {
-      int signal = 0;
-      if (sigwait(&signals, &signal) != 0) continue;
-      if (ending_) return;
-      handler(signal);
-    }
-  });
+  try {
+    thread_ = std::thread([this, handler, signals] {
+      for (;;) {
+        int signal = 0;
+        if (sigwait(&signals, &signal) != 0) continue;
+        if (ending_) return;
+        handler(signal);
+      }
+    });
+  } catch (const std::system_error& error) {
+    throw std::system_error(error.code(), "cannot start a thread for signals");
+  }
 }
 
 Signal_thread::~Signal_thread() {

@@ -6,7 +6,7 @@
 namespace build_info {
 
 extern const std::string_view version;
-extern const std::string_view build_time;
+extern const std::string_view build_time;  ///< when its libraries had last changed
 extern const std::string_view middleware_release;
 extern const std::string_view dfl_version;
 extern const std::string_view dm_extensions_version;

@@ -1,6 +1,7 @@
 #include "diagnosisService/EvaluationTimer.h"
 
 #include <algorithm>
+#include <system_error>
 
 namespace diagnosisService {
 
@@ -16,7 +17,11 @@ void EvaluationTimer::start(std::chrono::milliseconds period) {
   next_ = std::chrono::steady_clock::now() + period;
   changed_.notify_all();
   if (running_) return;
-  thread_ = std::thread{[this] { run(); }};
+  try {
+    thread_ = std::thread{[this] { run(); }};
+  } catch (const std::system_error& error) {
+    throw std::system_error{error.code(), "cannot start a thread for the evaluation of statuses"};
+  }
   running_ = true;
 }
 

@@ -1,5 +1,7 @@
 // The deployment manifest: a text that a person wrote either is refused with a reason or holds what
 // the runtime relies on.
+#include <algorithm>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -18,10 +20,21 @@ void check(const someip::Deployment& deployment) {
               deployment.discovery.request_response_delay_min <=
                   deployment.discovery.request_response_delay_max,
           "delays are ranges");
+  const auto& timing = deployment.discovery;
+  for (const std::uint32_t ttl : {timing.offer_ttl, timing.subscribe_ttl}) {
+    require(ttl == 0xFFFFFF || std::chrono::seconds(ttl) > timing.cyclic_offer_delay,
+            "what is offered is renewed in time");
+  }
+  std::set<boost::asio::ip::address> addresses;
+  std::set<std::uint16_t> client_ids;
   for (const auto& node : deployment.nodes) {
     require(!node.addresses.empty() && node.workers > 0, "a node has an address and workers");
+    require(client_ids.insert(node.client_id).second, "a node's client id is its own");
     for (const auto& address : node.addresses) {
-      require(!address.is_multicast() && !address.is_unspecified(), "a node's address is its own");
+      require(
+          !address.is_multicast() && !address.is_unspecified() && addresses.insert(address).second,
+          "a node's address is its own");
+      require(address.is_v4() == timing.multicast_address.is_v4(), "a node reaches the group");
     }
   }
   for (const auto& service : deployment.services) {

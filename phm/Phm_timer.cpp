@@ -2,6 +2,7 @@
 
 #include <exception>
 #include <string>
+#include <system_error>
 #include <utility>
 
 Phm_timer::Phm_timer(std::function<void()> callback)
@@ -13,7 +14,11 @@ Phm_timer::~Phm_timer() {
 
 void Phm_timer::start(std::chrono::milliseconds period, std::chrono::milliseconds initialDelay) {
   period_ = period;
-  thread_ = std::thread(&Phm_timer::loop, this, initialDelay);
+  try {
+    thread_ = std::thread(&Phm_timer::loop, this, initialDelay);
+  } catch (const std::system_error& error) {
+    throw std::system_error(error.code(), "cannot start a thread for the alive checkpoints");
+  }
 }
 
 void Phm_timer::stop() {

@@ -29,9 +29,12 @@ Stop_signal::Stop_signal() {
   sigaddset(&signals, SIGINT);
   sigaddset(&signals, SIGTERM);
   const int error = pthread_sigmask(SIG_BLOCK, &signals, nullptr);
-  if (error != 0) throw std::system_error(error, std::generic_category(), "pthread_sigmask");
+  if (error != 0)
+    throw std::system_error(error, std::generic_category(), "cannot block the stop signals");
   descriptor_ = signalfd(-1, &signals, SFD_CLOEXEC);
-  if (descriptor_ < 0) throw std::system_error(errno, std::generic_category(), "signalfd");
+  if (descriptor_ < 0)
+    throw std::system_error(errno, std::generic_category(),
+                            "cannot create a descriptor for the stop signals");
 }
 
 Stop_signal::~Stop_signal() {
@@ -47,7 +50,8 @@ Stop_signal::Wake Stop_signal::wait_until(std::chrono::steady_clock::time_point 
     const timespec timeout{.tv_sec = whole.count(), .tv_nsec = (left - whole).count()};
     const int ready = ppoll(descriptors.data(), descriptors.size(), &timeout, nullptr);
     if (ready < 0 && errno != EINTR)
-      throw std::system_error(errno, std::generic_category(), "ppoll");
+      throw std::system_error(errno, std::generic_category(),
+                              "cannot wait for input and stop signals");
     if (ready > 0 && descriptors[0].revents != 0) stopped_ = true;
     if (ready > 0 && !stopped_) return Wake::readable;
     if (ready == 0 && steady_clock::now() >= due) return Wake::due;

@@ -19,7 +19,10 @@ constexpr int errors_per_turn = 64;
 
 int new_epoll() {
   const int descriptor = epoll_create1(EPOLL_CLOEXEC);
-  if (descriptor < 0) throw std::system_error(errno, std::generic_category(), "epoll_create1");
+  if (descriptor < 0) {
+    throw std::system_error(errno, std::generic_category(),
+                            "cannot create an epoll descriptor for the errors of UDP sockets");
+  }
   return descriptor;
 }
 
@@ -86,7 +89,8 @@ void Closed_ports::add(Udp_socket& socket) {
   socket.keep_errors();
   epoll_event event = on_errors(socket.descriptor());
   if (epoll_ctl(errors_.native_handle(), EPOLL_CTL_ADD, socket.descriptor(), &event) != 0) {
-    throw std::system_error(errno, std::generic_category(), "epoll_ctl");
+    throw std::system_error(errno, std::generic_category(),
+                            "cannot watch " + to_string(socket.local()) + " for errors");
   }
 }
 

@@ -1,6 +1,6 @@
 #include "platform/someip/discovery_channel.h"
 
-#include <unistd.h>
+#include <fcntl.h>
 
 #include <boost/asio/error.hpp>
 #include <cerrno>
@@ -14,10 +14,18 @@ constexpr std::chrono::seconds rejoin_period{1};
 constexpr std::size_t max_datagram = 65536;
 /// Then timers get their turn.
 constexpr int datagrams_per_turn = 64;
+
+/// A second descriptor of a socket, which no child process keeps.
+int copy_of(const Udp_socket& socket, const Address& address) {
+  const int copy = ::fcntl(socket.descriptor(), F_DUPFD_CLOEXEC, 0);
+  if (copy >= 0) return copy;
+  throw std::system_error(errno, std::generic_category(),
+                          "cannot duplicate the discovery socket of " + address.to_string());
+}
 }  // namespace
 
 Discovery_channel::Socket::Socket(boost::asio::io_context& control, const Address& like)
-    : udp(like), events(control, ::dup(udp.descriptor())) {}
+    : udp(like), events(control, copy_of(udp, like)) {}
 
 Discovery_channel::Discovery_channel(boost::asio::io_context& control,
                                      const Discovery_timing& timing,
@@ -34,10 +42,12 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
       buffer_(max_datagram) {
   unicast_.udp.allow_missing_address();
   if (const auto error = unicast_.udp.bind({own, timing.port})) {
-    throw std::system_error(error, "bind");
+    throw std::system_error(error, "cannot bind " + to_string(Endpoint{own, timing.port}));
   }
   multicast_.udp.reuse_address();
-  if (const auto error = multicast_.udp.bind(group_)) throw std::system_error(error, "bind");
+  if (const auto error = multicast_.udp.bind(group_)) {
+    throw std::system_error(error, "cannot bind " + to_string(group_));
+  }
 }
 
 void Discovery_channel::start(Receive receive, bool link_watched) {

@@ -66,9 +66,9 @@ std::unique_ptr<Discovery_channel> Node::take_address() {
       return channel;
     } catch (const std::system_error& error) {
       const bool taken = error.code() == std::errc::address_in_use;
-      tried +=
-          (tried.empty() ? "" : "; ") + address.to_string() +
-          (taken ? " is taken by another process" : " cannot be used: " + error.code().message());
+      tried += (tried.empty() ? "" : "; ") + address.to_string() +
+               (taken ? " is taken by another process"
+                      : " cannot be used: " + std::string(error.what()));
     }
   }
   throw std::runtime_error(deployment.source + ": " + key_of(context_.node) + ": " +

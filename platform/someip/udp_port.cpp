@@ -109,7 +109,10 @@ class Udp_port::Alarm final : public Readable {
       : workers_(workers),
         port_(std::move(port)),
         descriptor_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)) {
-    if (descriptor_ < 0) throw std::system_error(errno, std::generic_category(), "timerfd_create");
+    if (descriptor_ < 0) {
+      throw std::system_error(errno, std::generic_category(),
+                              "cannot create a timer for a receiving thread");
+    }
   }
   ~Alarm() override { ::close(descriptor_); }
   Alarm(const Alarm&) = delete;

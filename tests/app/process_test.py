@@ -1,13 +1,16 @@
 """The program as its service manager sees it: signals, exit codes, and what it writes to."""
 
 import contextlib
+import datetime
 import os
+import re
 import signal
 import socket
+import subprocess
 import time
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions, until
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SOURCE, Desk, Positions, until
 
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGUSR2)
 # The poll of the shutdown flag, the stop of the alive timer and the delay before the runtime goes.
@@ -82,6 +85,19 @@ class ProcessTest(unittest.TestCase):
             self.assertEqual(self.ends(application), 104)
             self.assertTrue(self.count(application, f'manifest.json: services.{service}.{kind}: expected "{name}"'))
             elements[name] = element
+
+    @unittest.skipIf("SOURCE_DATE_EPOCH" in os.environ, "the build took its time from there")
+    def test_the_banner_tells_the_time_of_the_build(self):
+        text = self.started().log.read_text(encoding="utf-8")
+        told = datetime.datetime.fromisoformat(re.search(r"build time (\S+ \S+) UTC", text)[1] + "+00:00").timestamp()
+        changed = (BUILD / "app/libpos_app.a").stat().st_mtime
+        self.assertTrue(changed - 1 <= told <= APPLICATION.stat().st_mtime, (changed, told))
+
+    def test_a_reproducible_build_has_the_time_of_its_sources(self):
+        output = self.desk.path / "build_time.cpp"
+        subprocess.run(["cmake", "-D", f"OUTPUT={output}", "-P", SOURCE / "app/build_time.cmake"],
+                       env={**os.environ, "SOURCE_DATE_EPOCH": "86399"}, check=True)
+        self.assertIn('build_time = "1970-01-01 23:59:59 UTC"', output.read_text(encoding="utf-8"))
 
 
 def fill(sender):

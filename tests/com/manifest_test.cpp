@@ -1,11 +1,15 @@
 #include "platform/linux/com/manifest.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <set>
+#include <utility>
 
 #include "mw/com/runtime.h"
 #include "tests/support/Temporary_folder.h"
@@ -21,7 +25,7 @@ using testing::HasSubstr;
 
 json good() {
   return json::parse(R"({
-    "nodes": {"one": {"address": "127.43.0.1", "watchLink": false}, "two": {"addresses": ["127.43.0.2", "127.43.0.3"]}},
+    "nodes": {"one": {"address": "127.43.0.1", "clientId": "0x0010", "watchLink": false}, "two": {"addresses": ["127.43.0.2", "127.43.0.3"]}},
     "serviceDiscovery": {"multicastAddress": "239.255.43.1"},
     "limits": {"reassemblies": 5},
     "services": {
@@ -54,6 +58,20 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
       {"/nodes/one/address", "239.0.0.1", "nodes.one.address", "unicast IP address"},
       {"/nodes/one/addresses", json::array({"127.0.0.1"}), "nodes.one",
        "either \"address\" or \"addresses\""},
+      {"/nodes/one/address", "255.255.255.255", "nodes.one.address", "unicast IP address"},
+      {"/nodes/two",
+       json::object({{"address", "10.43.7.255"}, {"prefixLength", 24}, {"clientId", 2}}),
+       "nodes.two.address", "not the broadcast address of a /24 subnet, found \"10.43.7.255\""},
+      {"/nodes/one/address", "127.43.0.3", "nodes.two.addresses[1]",
+       "an address that is not used yet by nodes.one.address, found \"127.43.0.3\""},
+      {"/nodes/two/addresses/1", "127.43.0.2", "nodes.two.addresses[1]",
+       "an address that is not used yet by nodes.two.addresses[0]"},
+      {"/nodes/two/addresses/1", "fd00::2", "nodes.two.addresses[1]",
+       "an IPv4 address, as the group of service discovery (239.255.43.1) is one, found"},
+      {"/serviceDiscovery/multicastAddress", "ff05::43", "nodes.one.address",
+       "an IPv6 address, as the group"},
+      {"/nodes/two/clientId", "0x0010", "nodes.two.clientId",
+       "a client id that is not used yet by nodes.one.clientId, found \"0x0010\""},
       {"/nodes/one/workers", 0, "nodes.one.workers", "a number from 1 to 64"},
       {"/nodes/one/colour", 1, "nodes.one", "no member \"colour\""},
       {"/nodes", nullptr, "the document", "a member \"nodes\""},
@@ -63,6 +81,10 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
        "initialDelayMinMs not above initialDelayMaxMs"},
       {"/serviceDiscovery/offerTtlS", 0, "serviceDiscovery.offerTtlS",
        "a number from 1 to 16777215"},
+      {"/serviceDiscovery/subscribeTtlS", 1, "serviceDiscovery.subscribeTtlS",
+       "more than cyclicOfferDelayMs, 1000 ms, found 1"},
+      {"/serviceDiscovery/cyclicOfferDelayMs", 3000, "serviceDiscovery.cyclicOfferDelayMs",
+       "less than offerTtlS, 3 s, found 3000"},
       {"/limits/reassemblies", -1, "limits.reassemblies", "a number from 1"},
       {"/services/test::A/id", nullptr, "services.test::A", "a member \"id\""},
       {"/services/test::A/id", "0x1235", "services.test::B",
@@ -102,6 +124,9 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
       {"/services/test::A/instances/0/multicast",
        json::array({{{"eventGroup", 9}, {"address", "239.0.0.1"}, {"port", 1}, {"threshold", 1}}}),
        "services.test::A.instances[0].multicast[0]", "an event group of the service"},
+      {"/services/test::A/instances/0/multicast",
+       json::array({{{"eventGroup", 1}, {"address", "ff05::1"}, {"port", 1}, {"threshold", 1}}}),
+       "services.test::A.instances[0].multicast[0].address", "an IPv4 address"},
       {"/services/test::A/allowedPeers", json::array({"nobody"}),
        "services.test::A.allowedPeers[0]", "unicast IP address"},
   };
@@ -122,8 +147,26 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
   EXPECT_THAT(error_in("{"), HasSubstr(not_json));
   EXPECT_THAT(error_in(R"({"nodes": 1e999})"), HasSubstr(not_json));
   EXPECT_THAT(error_in(std::string(100'000, '[')), HasSubstr("the/file.json: nested too deeply"));
-  EXPECT_THAT(error_in(R"({"nodes": {}, "nodes": {}})"),
-              HasSubstr("the/file.json: \"nodes\": expected once"));
+  EXPECT_THAT(error_in(R"({"nodes": {}, "services": [1, {"a": {"b": 1}, "c": 2, "a": 3}]})"),
+              "the/file.json: services[1].a: expected once in its object, found twice");
+  std::string members;
+  for (int i = 0; i < 5000; ++i)
+    members += (i == 0 ? "{\"" : ",\"") + std::to_string(i) + "\":0";
+  EXPECT_THAT(error_in(members + "}"), HasSubstr("4096: expected at most 4096 members"));
+}
+
+TEST(Manifest, gives_an_id_of_its_own_to_each_node_that_names_none) {
+  auto document = good();
+  document["nodes"]["one"]["clientId"] = 2;
+  document["nodes"]["zero"] = json{{"address", "127.43.0.9"}};
+  document["nodes"]["three"] = json{{"address", "127.43.0.8"}};
+  document["serviceDiscovery"]["offerTtlS"] = 0xFFFFFF;  // is never renewed
+  document["serviceDiscovery"]["subscribeTtlS"] = 3601;
+  document["serviceDiscovery"]["cyclicOfferDelayMs"] = 3'600'000;
+  std::set<std::uint16_t> ids;
+  for (const auto& node : tq::com::parse_deployment(document.dump(), "file").nodes)
+    ids.insert(node.client_id);
+  EXPECT_THAT(ids, testing::ElementsAre(1, 2, 3, 4));
 }
 
 class Environment : public testing::Test {
@@ -158,12 +201,41 @@ TEST_F(Environment, names_the_manifest_and_replaces_the_address) {
   EXPECT_FALSE(tq::com::load_deployment().nodes[0].watch_link);
   ::setenv("POS_NODE_ADDRESS", "127.43.0.99", 1);
   EXPECT_EQ(addresses(), "127.43.0.1 127.43.0.99 ");
-  ::setenv("POS_NODE_ADDRESS", "everywhere", 1);
-  EXPECT_THAT(error_of(addresses),
-              HasSubstr("POS_NODE_ADDRESS: expected a unicast IP address, found \"everywhere\""));
-  std::filesystem::remove(path_);
-  EXPECT_THAT(error_of(addresses),
-              HasSubstr(path_.string() + ": the deployment manifest cannot be read"));
+  for (const auto& [text, expected] : {std::pair{"everywhere", "a unicast IP address"},
+                                       {"127.255.255.255", "a unicast IP address"},
+                                       {"fd00::1", "an address of the family of 239.255.43.1"},
+                                       {"127.43.0.1", "an address that nodes.one"}}) {
+    ::setenv("POS_NODE_ADDRESS", text, 1);
+    EXPECT_THAT(error_of(addresses), AllOf(HasSubstr("POS_NODE_ADDRESS: expected "),
+                                           HasSubstr(expected), HasSubstr(text)));
+    EXPECT_NO_THROW(static_cast<void>(tq::com::load_deployment())) << "no node, no address";
+  }
+}
+
+TEST_F(Environment, what_is_no_readable_manifest_is_named_and_does_not_hang) {
+  const auto pipe = folder_ / "pipe";
+  ASSERT_EQ(::mkfifo(pipe.c_str(), 0600), 0);
+  const auto large = folder_ / "large";
+  write(good().dump());
+  std::filesystem::copy_file(path_, large);
+  std::filesystem::resize_file(large, (1U << 20U) + 1);
+  const auto loop = folder_ / "loop";
+  std::filesystem::create_symlink(loop, loop);
+  for (const auto& [path, found] :
+       {std::pair{folder_ / "none", "No such file or directory"},
+        {folder_ / "", "expected a regular file, found a folder"},
+        {pipe, "expected a regular file, found a pipe"},
+        {std::filesystem::path("/dev/zero"), "expected a regular file, found a device"},
+        {large, "expected at most 1048576 bytes, found more"},
+        {loop, "Too many levels of symbolic links"}}) {
+    ::setenv("POS_MANIFEST", path.c_str(), 1);
+    EXPECT_EQ(error_of(addresses),
+              path.string() + ": the deployment manifest cannot be read: " + found);
+  }
+  if (::geteuid() == 0) return;  // may read everything
+  write(good().dump());
+  ::chmod(path_.c_str(), 0);
+  EXPECT_THAT(error_of(addresses), HasSubstr("cannot be read: Permission denied"));
 }
 
 TEST_F(Environment, one_component_exists_at_a_time_and_a_passive_one_does_nothing) {

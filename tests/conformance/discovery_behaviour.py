@@ -519,7 +519,7 @@ class DiscoveryBehaviour(suite.Group):
 
     def test_link(self):
         with self.machine() as link:
-            host, peer, server = self.remote("offer first", "offer stream", cyclicOfferDelayMs=3000)
+            host, peer, server = self.remote("offer first", "offer stream", cyclicOfferDelayMs=3000, offerTtlS=4, subscribeTtlS=4)
             self.active(host, peer)
             peer.entry(OFFER, STREAM)
             events = self.subscription(host, peer, TICK_GROUP)

@@ -70,7 +70,7 @@ class Desk:
             process = subprocess.Popen(
                 [str(program), *map(str, arguments)],
                 stdin=options.pop("stdin", subprocess.DEVNULL),
-                stdout=subprocess.PIPE,
+                stdout=options.pop("stdout", subprocess.PIPE),
                 stderr=options.pop("stderr", errors),
                 env={**self.environment, **options.pop("environment", {})},
                 text=True,

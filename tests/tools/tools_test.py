@@ -4,7 +4,9 @@ import json
 import os
 import pathlib
 import re
+import resource
 import signal
+import socket
 import subprocess
 import time
 import unittest
@@ -13,6 +15,7 @@ from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk, until
 
 NETWORK = 82
 LATITUDE = 46.948  # around which the gateway drives
+NO_BUS = "posctl: component state: the bus gave no answer in time\n"
 SENTENCE = "$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n"
 
 
@@ -36,10 +39,10 @@ class Tools(unittest.TestCase):
         """What it tells in JSON."""
         return json.loads(self.output(POSCTL, *arguments, "--json"))
 
-    def fails(self, program, *arguments):
+    def fails(self, program, *arguments, code=1):
         """What a program says that cannot do what it is told."""
-        code, output, errors = self.desk.run(program, *arguments)
-        self.assertEqual((code, output), (1, ""), arguments)
+        told, output, errors = self.desk.run(program, *arguments)
+        self.assertEqual((told, output), (code, ""), arguments)
         return errors
 
     # Without the application
@@ -86,15 +89,48 @@ class Tools(unittest.TestCase):
              "lumo::services::positioning::Positioning is offered\n"),
             (POSCTL, ("stats", "--timeout", 0.3),
              "posctl: no instance of mw::com::runtime::Statistics is offered\n"),
-            (POSCTL, ("read", "d_9999"), 'posctl: there is no data identifier "d_9999"'),
-            (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
             (GATEWAY, ("--nmea", missing), f'gnss-gateway: cannot read "{missing}": No such file'),
             (GATEWAY, ("--nmea", empty, "--loop"), "holds no NMEA 0183 sentence"),
         ):
             self.assertIn(text, self.fails(program, *arguments))
-        self.assertNotEqual(self.desk.run(GATEWAY, "--speed-up", 2)[0], 0)
-        self.assertNotEqual(self.desk.run(POSCTL)[0], 0)
-        self.assertIn("kOn,kPrepSD", self.desk.run(POSCTL, "state", "kOff")[2])
+
+    def test_a_command_line_that_makes_no_sense_is_refused_with_one_exit_code(self):
+        for program, arguments, text in (
+            (POSCTL, (), "A subcommand is required"),
+            (POSCTL, ("watch", "--colour", "red"), "--colour"),
+            (POSCTL, ("state", "kOff"), "kOn,kPrepSD"),
+            (POSCTL, ("read", "d_9999"), 'posctl: there is no data identifier "d_9999"'),
+            (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
+            (GATEWAY, ("--speed-up", 2), "--nmea"),
+        ):
+            self.assertIn(text, self.fails(program, *arguments, code=2))
+        options = ((POSCTL, ("watch",), "--count"), (POSCTL, ("watch",), "--timeout"),
+                   (POSCTL, ("monitors",), "--count"), (POSCTL, ("status",), "--timeout"),
+                   (POSCTL, ("state", "kOn"), "--timeout"), (POSCTL, ("state", "kOn"), "--sequence"),
+                   (GATEWAY, (), "--rate"), (GATEWAY, (), "--satellites"), (GATEWAY, (), "--start-at"),
+                   (GATEWAY, ("--nmea", "-"), "--speed-up"), (GATEWAY, ("--nmea", "-"), "--max-gap"),
+                   (GATEWAY, (), "--count"), (GATEWAY, (), "--seconds"))
+        for program, arguments, option in options:
+            for value in ("nan", "inf", "-inf", "-1", "-0", "+1", "1e999", "0x10", "1 ", ""):
+                self.assertRegex(self.fails(program, *arguments, f"{option}={value}", code=2),
+                                 rf"{option}: .*(expected a number|required)", value)
+        self.assertIn("expected a number", self.fails(GATEWAY, "--plt-offset=nan", code=2))
+
+    def test_output_that_cannot_be_written_is_an_error(self):
+        self.runs_to_the_end(APPLICATION)
+        self.output(POSCTL, "status", "--timeout", 20)  # it answers
+        for program, arguments in (
+            (POSCTL, ("--help",)), (POSCTL, ("--version",)), (POSCTL, ("watch", "--help")), (GATEWAY, ("--help",)),
+            (GATEWAY, ("--version",)), (POSCTL, ("describe",)), (POSCTL, ("describe", "--json")),
+            (POSCTL, ("watch", "--timeout", 20)), (POSCTL, ("read", "d_14a0")), (POSCTL, ("stats",)),
+            (POSCTL, ("status",)), (POSCTL, ("status", "--json")), (GATEWAY, ("--count", 1)),
+        ):
+            with open("/dev/full", "wb") as full:
+                process = self.desk.start(program, *arguments, stdout=full)
+                self.assertEqual(process.wait(30), 1, arguments)
+            self.assertEqual(process.log.read_text(),
+                             f"{program.name}: cannot write to standard output: No space left on device\n")
+        self.assertRegex(self.output(GATEWAY, "--version"), r"^gnss-gateway \d+\.\d+\.\d+\n$")
 
     def test_the_gateway_ends_with_its_statistics(self):
         output = self.output(GATEWAY, "--count", 3, "--rate", 100, "--json", "--time")
@@ -132,6 +168,27 @@ class Tools(unittest.TestCase):
             receiver.write(SENTENCE)
         self.assertEqual(gateway.wait(30), 0)
         self.assertEqual(json.loads(gateway.stdout.read())["fixes"], 1)
+
+    def test_a_machine_without_descriptors_or_threads_is_told_what_they_were_for(self):
+        def fails(limit, number, **options):
+            process = self.desk.start(GATEWAY, "--count", 1, "--rate", 100,
+                                      preexec_fn=lambda: resource.setrlimit(limit, (number, number)), **options)
+            code = process.wait(30)
+            return code != 0 and (code, process.log.read_text())
+
+        number = 4  # the dynamic linker needs one more than the three standard ones
+        while told := fails(resource.RLIMIT_NOFILE, number):
+            self.assertEqual(told[0], 1, told)
+            self.assertRegex(told[1], r"(?m)^gnss-gateway: .*cannot \w+ .{9,}: Too many open files", number)
+            number += 1
+        self.assertGreater(number, 10)
+
+        if os.geteuid() != 0:
+            self.skipTest("a user without other threads is needed")
+        self.desk.path.chmod(0o755)
+        for number, name in enumerate(("someip-control", "someip-0", "someip-1"), 1):
+            self.assertEqual(fails(resource.RLIMIT_NPROC, number, user=54321),
+                             (1, f"gnss-gateway: cannot start a thread for {name}: Resource temporarily unavailable\n"))
 
     # With the application
 
@@ -185,6 +242,11 @@ class Tools(unittest.TestCase):
         self.assertNotIn("LAT", quiet["position"]["record"])
         self.assertIsNone(quiet["mapMatched"]["latitude"])
         self.assertEqual(quiet["inputs"]["gnss"], "Init")
+        self.assertNotIn("ageS", quiet["position"])
+        self.assertIn("\nPosition: none yet\n", self.output(POSCTL, "status"))
+        watched = ("watch", "--field", "positions", "--count", 1, "--timeout", 20)
+        self.assertEqual(self.output(POSCTL, *watched), "positions (no position yet)\n")
+        self.assertTrue(self.posctl(*watched)["initial"])
 
         self.runs_to_the_end(GATEWAY, "--rate", 20)
         until(lambda: self.posctl("status")["inputs"]["gnss"] == "Nominal", "the GNSS input is nominal")
@@ -235,6 +297,14 @@ class Tools(unittest.TestCase):
         self.assertEqual(self.output(POSCTL, "state", "kOn"), "kOn confirmed with result 0\n")
         self.assertEqual(self.desk.stop(application)[0], 0)
         self.fails(POSCTL, "state", "kOn")
+
+    def test_a_bus_that_accepts_and_does_not_answer_is_waited_for_until_the_timeout(self):
+        with socket.socket(socket.AF_UNIX) as bus:
+            bus.bind(str(self.desk.path / "bus"))
+            bus.listen()
+            self.desk.environment |= {"POS_STATE_BUS": "session",
+                                      "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.desk.path / 'bus'}"}
+            self.assertEqual(self.fails(POSCTL, "state", "kOn", "--timeout", 0.2), NO_BUS)
 
     def test_positions_data_identifiers_and_monitors_of_a_running_application(self):
         self.runs_to_the_end(APPLICATION)

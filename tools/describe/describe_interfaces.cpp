@@ -87,5 +87,5 @@ int main() {
   print_service<lumo::services::gnss::GNSS>(gnss_notes);
   print_service<lumo::services::time::Time>("");
   print_service<lumo::services::positioning::Positioning>(positioning_notes);
-  return std::cout.good() ? 0 : 1;
+  return std::cout.flush() ? 0 : 1;
 }

@@ -2,14 +2,15 @@
 /// asked to, the Time service) with positions of a synthetic drive or of an NMEA 0183 receiver or
 /// recording.
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <exception>
-#include <iostream>
+#include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <sstream>
+#include <string>
 
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
+#include "tools/Command_line.h"
 #include "tools/Stop_signal.h"
 #include "tools/gnss-gateway/Output.h"
 #include "tools/gnss-gateway/Sources.h"
@@ -55,21 +56,22 @@ void print(const gateway::Source_result& result,
     }
   }
   if (as_json) {
-    std::cout << json.dump() << std::endl;
+    tools::write_output(json.dump() + "\n");
     return;
   }
-  std::cout << notifications << " notifications, " << result.fixes << " with a fix, "
-            << result.without_fix << " without\n";
+  std::ostringstream out;
+  out << notifications << " notifications, " << result.fixes << " with a fix, "
+      << result.without_fix << " without\n";
   if (nmea) {
-    std::cout << result.nmea.sentences << " sentences, " << result.nmea.other_sentences
-              << " of other kinds, " << result.nmea.errors() << " faulty\n";
+    out << result.nmea.sentences << " sentences, " << result.nmea.other_sentences
+        << " of other kinds, " << result.nmea.errors() << " faulty\n";
     for (const auto& reason : reasons) {
       if (const auto count = result.nmea.*reason.counter; count > 0) {
-        std::cout << "  " << reason.name << ": " << count << "\n";
+        out << "  " << reason.name << ": " << count << "\n";
       }
     }
   }
-  std::cout << std::flush;
+  tools::write_output(out.str());
 }
 
 }  // namespace
@@ -89,21 +91,21 @@ int main(int argc, char** argv) try {
   bool json = false;
 
   app.add_option("--rate", drive.rate_hz, "Notifications per second of the synthetic drive")
-      ->check(CLI::Range(0.1, 1000.0))
+      ->transform(tools::number(0.1, 1000.0))
       ->capture_default_str();
   app.add_option("--satellites", drive.satellites, "Satellites in view in the synthetic drive")
-      ->check(CLI::Range(0, 60))
+      ->transform(tools::number<std::size_t>(0, 60))
       ->capture_default_str();
   app.add_option("--start-at", start_at, "Second of the synthetic drive to begin with")
-      ->check(CLI::Range(0.0, 1e6));
+      ->transform(tools::number(0.0, 1e6));
   auto* file = app.add_option("--nmea", nmea.path,
                               "Recording to replay; a device, a pipe or - is read as it comes");
   app.add_option("--speed-up", nmea.speed_up, "How much faster than recorded")
-      ->check(CLI::Range(0.001, 1e6))
+      ->transform(tools::number(0.001, 1e6))
       ->needs(file)
       ->capture_default_str();
   app.add_option("--max-gap", max_gap, "Longest wait in the recording's own time, in seconds")
-      ->check(CLI::Range(0.0, 86400.0))
+      ->transform(tools::number(0.0, 86400.0))
       ->needs(file)
       ->capture_default_str();
   auto* loop = app.add_flag("--loop", nmea.loop, "Begin again at the recording's end")->needs(file);
@@ -111,9 +113,12 @@ int main(int argc, char** argv) try {
   app.add_flag("--time", output.offer_time, "Offer the Time service too");
   app.add_option("--plt-offset", output.plt_offset_ns,
                  "pltOffset of the Time service's record of type 2, in nanoseconds")
+      ->transform(tools::number<std::int64_t>())
       ->capture_default_str();
-  app.add_option("--count", output.max_notifications, "End after so many notifications");
-  app.add_option("--seconds", seconds, "End after so many seconds")->check(CLI::Range(0.0, 1e9));
+  app.add_option("--count", output.max_notifications, "Stop after N notifications; 0: never")
+      ->transform(tools::number<std::uint64_t>());
+  app.add_option("--seconds", seconds, "Stop after this many seconds; 0: never")
+      ->transform(tools::number(0.0, 1e9));
   app.add_option("--node", node, "Node of the manifest")->capture_default_str();
   app.add_flag("--json", json, "Print the statistics at the end as JSON");
   app.footer(
@@ -124,7 +129,7 @@ int main(int argc, char** argv) try {
       "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). An NMEA receiver has "
       "no\n"
       "sensors: its dead-reckoning sample repeats the GNSS sample.");
-  CLI11_PARSE(app, argc, argv);
+  if (const auto code = tools::parse(app, argc, argv)) return *code;
   drive.start = from_seconds(start_at);
   nmea.max_gap = from_seconds(max_gap);
   output.max_duration = from_seconds(seconds);
@@ -139,7 +144,6 @@ int main(int argc, char** argv) try {
       input ? gateway::run_nmea(nmea, *input, services) : gateway::run_drive(drive, services);
   print(result, services.notifications(), input.has_value(), json);
   return 0;
-} catch (const std::exception& error) {
-  std::fprintf(stderr, "gnss-gateway: %s\n", error.what());
-  return 1;
+} catch (...) {
+  return tools::report_exception("gnss-gateway");
 }

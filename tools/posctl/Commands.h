@@ -26,7 +26,7 @@ struct Read_options {
   double timeout = 5;  ///< seconds
   std::string node = "posctl";
 };
-/// Reads a diagnostic data identifier. Throws std::invalid_argument for one that there is not.
+/// Reads a diagnostic data identifier. Throws tools::Usage_error for an unknown one.
 int read(const Read_options& options);
 
 struct Monitor_options {
@@ -45,13 +45,13 @@ struct Init_monitor_options {
   std::string node = "posctl";
 };
 /// Does what the diagnostic event manager does when it initialises a monitor. Throws
-/// std::invalid_argument for a monitor that there is not.
+/// tools::Usage_error for an unknown monitor.
 int init_monitor(const Init_monitor_options& options);
 
 struct State_options {
   std::string state;
   std::uint32_t sequence_number = 1;
-  double timeout = 5;  ///< seconds
+  double timeout = 5;  ///< seconds for all of it, from opening the bus to the answer
 };
 /// Asks for a component state, as state management does; 1 when it is refused.
 int request_state(const State_options& options);

@@ -42,6 +42,26 @@ void name_element(Json& fault, std::uint8_t element) {
 }
 
 constexpr std::size_t entry_size = 5;
+/// At this number of occurrences the application stops counting.
+constexpr std::uint64_t most_occurrences = 0xFFFF;
+
+/// What a fault of a kind means, while it is present and when it has gone.
+struct Fault_words {
+  const char* present;
+  const char* gone;
+};
+/// In the order of DataBusFault.
+constexpr std::array<Fault_words, 3> fault_words{{
+    {"is missing now", "is available again, it was missing"},
+    {"sends error values now", "no longer sends error values, it did so"},
+    {"sends implausible values now", "no longer sends implausible values, it did so"},
+}};
+
+std::string ordinal(std::uint64_t number) {
+  constexpr std::array<const char*, 4> endings{"th", "st", "nd", "rd"};
+  const std::uint64_t last = number % 100 / 10 == 1 ? 0 : number % 10;
+  return std::to_string(number) + endings[last < endings.size() ? last : 0];
+}
 
 }  // namespace
 
@@ -119,14 +139,21 @@ std::string status_name(std::uint8_t status) {
              : std::to_string(status);
 }
 
-std::string fault_text(const Json& fault) {
+std::string fault_text(diag::DataBusFault kind, const Json& fault) {
   const auto plain = [](const Json& name) {
     return name.is_string() ? name.get<std::string>() : name.dump();
   };
   std::string text = plain(fault["service"]);
   if (fault.contains("element")) text += "." + plain(fault["element"]);
-  text += fault["present"].get<bool>() ? ": present, " : ": gone, ";
-  return text + fault["occurrences"].dump() + " times";
+  const auto& words = fault_words.at(static_cast<std::size_t>(kind));
+  const auto occurrences = fault["occurrences"].get<std::uint64_t>();
+  if (fault["present"].get<bool>()) {
+    text.append(" ").append(words.present) += ", for the " + ordinal(occurrences) + " time";
+  } else {
+    text.append(" ").append(words.gone) +=
+        occurrences == 1 ? " once" : " " + std::to_string(occurrences) + " times";
+  }
+  return occurrences < most_occurrences ? text : text + " or more";
 }
 
 }  // namespace posctl

@@ -1,7 +1,9 @@
 /// What the bytes of the data identifiers mean, as JSON.
 #pragma once
 
+#include <cstdint>
 #include <span>
+#include <string>
 
 #include "diagnosisService/DataIdentifiers.h"
 #include "tools/posctl/Record_json.h"
@@ -28,7 +30,7 @@ template <lumo::services::diag::DataBusFault Fault>
 /// "Nominal", "Error", "Init", "NotAvailable", or the number of another value.
 [[nodiscard]] std::string status_name(std::uint8_t status);
 
-/// "GNSS.positions: present, 3 times": one of explain_faults().
-[[nodiscard]] std::string fault_text(const Json& fault);
+/// A fault of explain_faults() as a sentence: "GNSS is missing now, for the 3rd time".
+[[nodiscard]] std::string fault_text(lumo::services::diag::DataBusFault kind, const Json& fault);
 
 }  // namespace posctl

@@ -5,13 +5,16 @@
 
 #include <cerrno>
 #include <chrono>
-#include <iostream>
 #include <system_error>
+
+#include "tools/Command.h"
 
 namespace posctl {
 
 Printer::Printer(std::uint64_t count) : enough_(count), finished_(eventfd(0, EFD_CLOEXEC)) {
-  if (finished_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
+  if (finished_ < 0)
+    throw std::system_error(errno, std::generic_category(),
+                            "cannot create an event for the end of the output");
 }
 
 Printer::~Printer() {
@@ -20,10 +23,19 @@ Printer::~Printer() {
 
 void Printer::print(const std::string& line) {
   const std::lock_guard lock(mutex_);
-  if (enough_ != 0 && printed_ >= enough_) return;
-  ++printed_;
-  std::cout << line << std::endl;
-  if (printed_ == enough_ || !std::cout) eventfd_write(finished_, 1);
+  if (failure_ || (enough_ != 0 && printed_ >= enough_)) return;
+  try {
+    tools::write_output(line + "\n");
+    ++printed_;
+  } catch (...) {
+    failure_ = std::current_exception();
+  }
+  if (failure_ || printed_ == enough_) eventfd_write(finished_, 1);
+}
+
+void Printer::check() const {
+  const std::lock_guard lock(mutex_);
+  if (failure_) std::rethrow_exception(failure_);
 }
 
 std::uint64_t Printer::printed() const {

@@ -1,7 +1,8 @@
-/// Lines on standard output from several threads, until enough have come.
+/// Lines on standard output from several threads, until enough have come or one cannot be written.
 #pragma once
 
 #include <cstdint>
+#include <exception>
 #include <mutex>
 #include <string>
 
@@ -17,20 +18,23 @@ class Printer {
   Printer(const Printer&) = delete;
   Printer& operator=(const Printer&) = delete;
 
-  /// Nothing is printed any more once enough have come. A line that standard output does not take,
-  /// because its reader has gone, ends the wait too. Any thread.
+  /// Prints no longer once enough have come or a line could not be written. Any thread.
   void print(const std::string& line);
   [[nodiscard]] std::uint64_t printed() const;
 
-  /// Returns true when the time is over before enough lines have come or a stop signal came. 0
-  /// seconds: no bound.
+  /// Throws what kept print() from writing a line.
+  void check() const;
+
+  /// Returns true when the time is over before enough lines have come, a line could not be written
+  /// or a stop signal came. 0 seconds: no bound.
   [[nodiscard]] bool wait(tools::Stop_signal& stop_signal, double seconds) const;
 
  private:
   const std::uint64_t enough_;
-  const int finished_;        ///< readable when enough has come
-  mutable std::mutex mutex_;  ///< guards the count and standard output
+  const int finished_;        ///< readable when no more lines are printed
+  mutable std::mutex mutex_;  ///< guards the members below and standard output
   std::uint64_t printed_ = 0;
+  std::exception_ptr failure_;
 };
 
 }  // namespace posctl

@@ -1,6 +1,15 @@
 #include "tools/posctl/Record_json.h"
 
+#include <algorithm>
+
 namespace posctl {
+
+bool is_stamp_only(const Json& record) {
+  return std::ranges::all_of(record.items(), [](const auto& member) {
+    return member.key() == "preciseLocalTimeSeconds" ||
+           member.key() == "preciseLocalTimeNanoseconds";
+  });
+}
 
 std::string to_text(const Json& record) {
   if (!record.is_object()) return record.dump();

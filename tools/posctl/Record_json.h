@@ -80,6 +80,9 @@ Json to_json(const T& value) {
   }
 }
 
+/// Whether a record carries nothing but its time stamp, as the initial value of the positions does.
+[[nodiscard]] bool is_stamp_only(const Json& record);
+
 /// "name=value name=value …", nested values as JSON; "(nothing set)" without members.
 [[nodiscard]] std::string to_text(const Json& record);
 

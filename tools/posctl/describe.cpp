@@ -1,7 +1,7 @@
 #include <array>
 #include <cstdio>
-#include <iostream>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -13,6 +13,7 @@
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
 #include "posService/Positioning.h"
+#include "tools/Command.h"
 #include "tools/describe/record_table.h"
 #include "tools/posctl/Commands.h"
 #include "tools/posctl/Record_json.h"
@@ -233,45 +234,44 @@ std::string plain(const Json& value) {
 }
 
 /// The members of an object on one line, a name first.
-void print_line(const std::string& what, const Json& object) {
-  std::cout << what;
-  if (object.contains("name")) std::cout << " " << plain(object["name"]);
-  std::cout << ":";
+void print_line(std::ostream& out, const std::string& what, const Json& object) {
+  out << what;
+  if (object.contains("name")) out << " " << plain(object["name"]);
+  out << ":";
   for (const auto& [name, value] : object.items()) {
     if (name == "name") continue;
-    std::cout << " " << name << " " << plain(value);
+    out << " " << name << " " << plain(value);
   }
-  std::cout << "\n";
+  out << "\n";
 }
 
-void print_lines(const std::string& what, const Json& parent, const char* key) {
+void print_lines(std::ostream& out, const std::string& what, const Json& parent, const char* key) {
   if (!parent.contains(key)) return;
   for (const auto& object : parent[key])
-    print_line(what, object);
+    print_line(out, what, object);
 }
 
-void print(const Json& json, const Catalogue& catalogue) {
-  std::cout << json["manifest"].get<std::string>() << "\n\n";
-  print_lines("node", json, "nodes");
-  print_line("service discovery", json["serviceDiscovery"]);
-  print_line("limits", json["limits"]);
-  print_line("segments", json["segments"]);
+void print(std::ostream& out, const Json& json, const Catalogue& catalogue) {
+  out << json["manifest"].get<std::string>() << "\n\n";
+  print_lines(out, "node", json, "nodes");
+  print_line(out, "service discovery", json["serviceDiscovery"]);
+  print_line(out, "limits", json["limits"]);
+  print_line(out, "segments", json["segments"]);
   for (const auto& service : json["services"]) {
-    std::cout << "\nservice " << service["name"].get<std::string>() << ": id "
-              << service["id"].get<std::string>() << " version " << service["majorVersion"] << "."
-              << service["minorVersion"] << "\n";
-    print_lines("  instance", service, "instances");
-    print_lines("  method", service, "methods");
-    print_lines("  event", service, "events");
-    print_lines("  field", service, "fields");
+    out << "\nservice " << service["name"].get<std::string>() << ": id "
+        << service["id"].get<std::string>() << " version " << service["majorVersion"] << "."
+        << service["minorVersion"] << "\n";
+    print_lines(out, "  instance", service, "instances");
+    print_lines(out, "  method", service, "methods");
+    print_lines(out, "  event", service, "events");
+    print_lines(out, "  field", service, "fields");
     if (service.contains("allowedPeers")) {
-      std::cout << "  allowed peers: " << plain(service["allowedPeers"]) << "\n";
+      out << "  allowed peers: " << plain(service["allowedPeers"]) << "\n";
     }
   }
-  std::cout << "\n";
+  out << "\n";
   for (const auto& table : catalogue.records())
-    std::cout << describe::markdown(table);
-  std::cout << std::flush;
+    out << describe::markdown(table);
 }
 
 }  // namespace
@@ -280,9 +280,11 @@ int describe_deployment(bool as_json) {
   const Catalogue catalogue;
   const Json json = to_json(tq::com::load_deployment(), catalogue);
   if (as_json) {
-    std::cout << json.dump(2) << std::endl;
+    tools::write_output(json.dump(2) + "\n");
   } else {
-    print(json, catalogue);
+    std::ostringstream text;
+    print(text, json, catalogue);
+    tools::write_output(text.str());
   }
   return 0;
 }

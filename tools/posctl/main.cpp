@@ -1,10 +1,10 @@
 /// posctl: the integrator's command line.
 #include <CLI/CLI.hpp>
-#include <cstdio>
-#include <exception>
+#include <cstdint>
 #include <map>
 
 #include "ara/core/initialization.h"
+#include "tools/Command_line.h"
 #include "tools/posctl/Commands.h"
 
 namespace {
@@ -14,16 +14,17 @@ void add_node(CLI::App& command, std::string& node) {
 }
 void add_answer_timeout(CLI::App& command, double& timeout) {
   command.add_option("--timeout", timeout, "Seconds to wait for service and answer")
-      ->check(CLI::Range(0.0, 1e6))
+      ->transform(tools::number(0.0, 1e6))
       ->capture_default_str();
 }
 template <class Options>
 void add_stream_options(CLI::App& command, Options& options) {
   command.add_flag("--json", options.json, "One JSON object a line");
-  command.add_option("--count", options.count, "End after so many lines");
+  command.add_option("--count", options.count, "Stop after N lines; 0: until interrupted")
+      ->transform(tools::number<std::uint64_t>());
   command
       .add_option("--timeout", options.timeout, "Seconds after which to give up with exit code 1")
-      ->check(CLI::Range(0.0, 1e9));
+      ->transform(tools::number(0.0, 1e9));
   add_node(command, options.node);
 }
 
@@ -84,6 +85,7 @@ int main(int argc, char** argv) try {
       ->required()
       ->check(CLI::IsMember({"kOn", "kPrepSD"}));
   state_command->add_option("--sequence", state.sequence_number, "Sequence number of the request")
+      ->transform(tools::number<std::uint32_t>())
       ->capture_default_str();
   add_answer_timeout(*state_command, state.timeout);
 
@@ -96,7 +98,7 @@ int main(int argc, char** argv) try {
   auto* status_command = app.add_subcommand("status", "Print the application's state on one page");
   add_look_options(*status_command, status);
 
-  CLI11_PARSE(app, argc, argv);
+  if (const auto code = tools::parse(app, argc, argv)) return *code;
   if (watch_command->parsed()) return posctl::watch(watch);
   if (describe_command->parsed()) return posctl::describe_deployment(describe_as_json);
   if (read_command->parsed()) return posctl::read(read);
@@ -106,7 +108,6 @@ int main(int argc, char** argv) try {
   if (stats_command->parsed()) return posctl::stats(stats);
   if (status_command->parsed()) return posctl::status(status);
   return 0;
-} catch (const std::exception& error) {
-  std::fprintf(stderr, "posctl: %s\n", error.what());
-  return 1;
+} catch (...) {
+  return tools::report_exception("posctl");
 }

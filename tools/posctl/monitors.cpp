@@ -2,16 +2,15 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
-#include <iostream>
 #include <map>
 #include <memory>
-#include <stdexcept>
 #include <string>
 
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "diagnosisService/MonitorTable.h"
 #include "mw/com/runtime.h"
 #include "platform/linux/com/manifest.h"
+#include "tools/Command.h"
 #include "tools/Stop_signal.h"
 #include "tools/posctl/Commands.h"
 #include "tools/posctl/Connect.h"
@@ -75,8 +74,8 @@ std::uint16_t instance_of(const std::string& text) {
       return instance;
     }
   }
-  throw std::invalid_argument("there is no monitor \"" + text +
-                              "\"; one such as POS_Input_GNSS or 0x83D101 is expected");
+  throw tools::Usage_error("there is no monitor \"" + text +
+                           "\"; one such as POS_Input_GNSS or 0x83D101 is expected");
 }
 
 }  // namespace
@@ -114,6 +113,7 @@ int monitors(const Monitor_options& options) {
   const bool timed_out = printer.wait(stop_signal, options.timeout);
   DiagnosticMonitorProxy::StopFindService(search);
   proxies.clear();
+  printer.check();
 
   if (!timed_out || (options.count == 0 && found)) return 0;
   if (!found) {

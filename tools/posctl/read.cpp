@@ -1,13 +1,13 @@
 #include <algorithm>
 #include <cctype>
-#include <iostream>
-#include <stdexcept>
+#include <optional>
 #include <string>
 #include <type_traits>
 #include <vector>
 
 #include "diagnosisService/DataIdentifiers.h"
 #include "mw/com/runtime.h"
+#include "tools/Command.h"
 #include "tools/posctl/Commands.h"
 #include "tools/posctl/Connect.h"
 #include "tools/posctl/Explain.h"
@@ -27,16 +27,20 @@ struct Entry {
   std::string_view did;  ///< such as "d_14a0"
   Json (*read)(Deadline);
   bool status_bytes;
+  std::optional<DataBusFault> faults = std::nullopt;
 };
 
 std::vector<Entry> entries() {
   std::vector<Entry> all;
   for_each_interface<Data_identifiers>([&]<class Interface>() {
     using Output = typename Interface::Output;
-    constexpr bool numbers = std::is_same_v<Output, PositioningMMPos> || requires {
-      Output::fault;
-    };
-    all.push_back({identifier_of(Interface::name), read<Interface>, !numbers});
+    Entry entry{identifier_of(Interface::name), read<Interface>,
+                !std::is_same_v<Output, PositioningMMPos>};
+    if constexpr (requires { Output::fault; }) {
+      entry.status_bytes = false;
+      entry.faults = Output::fault;
+    }
+    all.push_back(entry);
   });
   return all;
 }
@@ -61,27 +65,28 @@ int read(const Read_options& options) {
     std::string known;
     for (const Entry& one : all)
       known.append(known.empty() ? "" : ", ").append(one.did);
-    throw std::invalid_argument("there is no data identifier \"" + options.data_identifier +
-                                "\"; expected one of " + known);
+    throw tools::Usage_error("there is no data identifier \"" + options.data_identifier +
+                             "\"; expected one of " + known);
   }
   const mw::com::runtime::Component_singleton runtime(options.node, false);
   const Json json = entry->read(deadline_in(options.timeout));
   if (options.json) {
-    std::cout << json.dump() << std::endl;
+    tools::write_output(json.dump() + "\n");
     return 0;
   }
+  std::string text;
   for (const auto& [name, value] : json.items()) {
-    if (name == "faults") {
+    if (entry->faults) {
       for (const auto& fault : value)
-        std::cout << fault_text(fault) << "\n";
-      if (value.empty()) std::cout << "none\n";
+        text += fault_text(*entry->faults, fault) + "\n";
+      if (value.empty()) text += "none\n";
       continue;
     }
-    std::cout << name << ": " << value.dump();
-    if (entry->status_bytes) std::cout << " " << status_name(value);
-    std::cout << "\n";
+    text += name + ": " + value.dump();
+    if (entry->status_bytes) text += " " + status_name(value);
+    text += "\n";
   }
-  std::cout << std::flush;
+  tools::write_output(text);
   return 0;
 }
 

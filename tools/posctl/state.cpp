@@ -1,13 +1,18 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <chrono>
-#include <iostream>
+#include <exception>
+#include <future>
 #include <memory>
 #include <stdexcept>
+#include <system_error>
+#include <thread>
 
 #include "app/application_instance.h"
 #include "platform/linux/stm/state_bus.h"
+#include "tools/Command.h"
 #include "tools/posctl/Commands.h"
+#include "tools/posctl/Connect.h"
 
 namespace posctl {
 namespace {
@@ -25,9 +30,7 @@ std::unique_ptr<sdbus::IConnection> bus() {
   throw std::runtime_error("POS_STATE_BUS is \"none\": there is no bus to ask on");
 }
 
-}  // namespace
-
-int request_state(const State_options& options) {
+std::uint32_t ask(const State_options& options) {
   std::uint32_t result = 0;
   try {
     const auto connection = bus();
@@ -41,8 +44,39 @@ int request_state(const State_options& options) {
   } catch (const sdbus::Error& error) {
     throw std::runtime_error("component state: " + error.getMessage());
   }
-  std::cout << options.state << " confirmed with result " << result << std::endl;
-  return result == 0 ? 0 : 1;
+  return result;
+}
+
+/// Calls ask() on a thread of its own. A bus daemon that accepts and does not answer holds the bus
+/// library for 90 s: the thread then stays behind until the process ends.
+std::future<std::uint32_t> ask_beside(const State_options& options) {
+  auto answer = std::make_shared<std::promise<std::uint32_t>>();
+  auto future = answer->get_future();
+  try {
+    std::thread([answer, options] {
+      try {
+        answer->set_value(ask(options));
+      } catch (...) {
+        answer->set_exception(std::current_exception());
+      }
+    }).detach();
+  } catch (const std::system_error& error) {
+    throw std::system_error(error.code(), "cannot start a thread for the bus");
+  }
+  return future;
+}
+
+}  // namespace
+
+int request_state(const State_options& options) {
+  const auto deadline = deadline_in(options.timeout);
+  auto answer = ask_beside(options);
+  if (answer.wait_until(deadline) != std::future_status::ready) {
+    throw std::runtime_error("component state: the bus gave no answer in time");
+  }
+  const std::uint32_t result = answer.get();
+  tools::write_output(options.state + " confirmed with result " + std::to_string(result) + "\n");
+  return result == 0 ? 0 : tools::exit_failed;
 }
 
 }  // namespace posctl

@@ -1,6 +1,5 @@
-#include <iostream>
-
 #include "mw/com/runtime.h"
+#include "tools/Command.h"
 #include "tools/posctl/Commands.h"
 #include "tools/posctl/Statistics_page.h"
 
@@ -42,13 +41,13 @@ int stats(const Look_options& options) {
   const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
   const Json json = read_statistics(*service, deadline);
   if (options.json) {
-    std::cout << json.dump() << std::endl;
+    tools::write_output(json.dump() + "\n");
     return 0;
   }
   Page page;
   print_process(page, json["process"]);
   print_counters(page, json["counters"]);
-  std::cout << page.take() << std::flush;
+  tools::write_output(page.take());
   return 0;
 }
 

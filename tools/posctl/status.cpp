@@ -1,7 +1,6 @@
 #include <array>
 #include <cmath>
 #include <cstdio>
-#include <iostream>
 #include <span>
 #include <stdexcept>
 #include <string>
@@ -9,6 +8,7 @@
 #include "ara/time/slave_time_base.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
+#include "tools/Command.h"
 #include "tools/posctl/Commands.h"
 #include "tools/posctl/Explain.h"
 #include "tools/posctl/Statistics_page.h"
@@ -42,12 +42,14 @@ Json named(Json statuses) {
   return statuses;
 }
 
-/// The last record of a field and, when it carries a time stamp, its age on our time base.
+/// The last record of a field and, when it carries more than a time stamp, its age on our time
+/// base.
 template <class Records>
 Json last_of(const Records& records) {
   if (records.empty()) return {{"record", Json::object()}};
   const auto& record = records.back();
-  Json json;
+  Json json{{"record", to_json(record)}};
+  if (is_stamp_only(json["record"])) return json;
   if (record.preciseLocalTimeSeconds && record.preciseLocalTimeNanoseconds) {
     using Proxy = ara::time::SlaveTimeBaseResourceProxy;
     const auto now =
@@ -56,7 +58,6 @@ Json last_of(const Records& records) {
                        std::int64_t{*record.preciseLocalTimeNanoseconds};
     json["ageS"] = static_cast<double>(now - stamp) / 1e9;
   }
-  json["record"] = to_json(record);
   return json;
 }
 
@@ -121,6 +122,14 @@ constexpr std::array map_matched_members{Shown{"latitude", "latitude", 7, "deg"}
                                          Shown{"statusMap", "map status", 0, ""},
                                          Shown{"statusMapMatching", "map matching status", 0, ""}};
 
+/// The initial value of the positions is none, and a sample without a fix has no coordinates.
+std::string position_title(const Json& last) {
+  const Json& record = last["record"];
+  if (is_stamp_only(record)) return "Position: none yet";
+  return record.contains("LAT") && record.contains("LON") ? "Position"
+                                                          : "Sample without a position";
+}
+
 std::string with_age(std::string title, const Json& last) {
   if (last.contains("ageS")) title += ", " + decimal(last, "ageS", 3, "s old");
   return title;
@@ -156,16 +165,16 @@ void print_members(Page& page, std::span<const Shown> members, const Json& recor
     page.item(one.name, decimal(record, one.member, one.digits, one.unit));
 }
 
-void print_faults(Page& page, std::string_view what, const Json& faults) {
+void print_faults(Page& page, std::string_view what, DataBusFault kind, const Json& faults) {
   if (faults.empty()) page.line(std::string(what) + ": never");
   for (const auto& fault : faults)
-    page.line(std::string(what) + ": " + fault_text(fault));
+    page.line(fault_text(kind, fault));
 }
 
 std::string page_of(const Json& json) {
   Page page;
   print_process(page, json["process"]);
-  page.section(with_age("Position", json["position"]));
+  page.section(with_age(position_title(json["position"]), json["position"]));
   print_members(page, position_members, json["position"]["record"]);
   page.section("Map-matched position");
   print_members(page, map_matched_members, json["mapMatched"]);
@@ -178,9 +187,11 @@ std::string page_of(const Json& json) {
   print_section(page, "Outputs", json["outputs"]);
   print_section(page, "System", worth_showing(json["system"]));
   page.section("Consumed services");
-  print_faults(page, "not available", json["dataBus"]["notAvailable"]);
-  print_faults(page, "error value received", json["dataBus"]["errorValueReceived"]);
-  print_faults(page, "implausible", json["dataBus"]["implausible"]);
+  const Json& faults = json["dataBus"];
+  print_faults(page, "not available", DataBusFault::notAvailable, faults["notAvailable"]);
+  print_faults(page, "error value received", DataBusFault::errorValueReceived,
+               faults["errorValueReceived"]);
+  print_faults(page, "implausible", DataBusFault::implausible, faults["implausible"]);
   print_counters(page, json["counters"]);
   return page.take();
 }
@@ -195,7 +206,7 @@ int status(const Look_options& options) {
   } catch (const std::exception& error) {
     throw std::runtime_error(std::string("the application does not answer: ") + error.what());
   }
-  std::cout << (options.json ? json.dump() + "\n" : page_of(json)) << std::flush;
+  tools::write_output(options.json ? json.dump() + "\n" : page_of(json));
   return 0;
 }
 

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdio>
@@ -21,11 +22,15 @@ using lumo::services::positioning::proxy::PositioningProxy;
 template <class Records>
 std::string line_of(std::string_view field, const Records& records, bool as_json) {
   const Json list = to_json(records);
+  const bool initial = std::ranges::all_of(list, is_stamp_only);
   if (as_json) {
     const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
-    return Json{{"field", field}, {"received", now.count()}, {"records", list}}.dump();
+    Json json{{"field", field}, {"received", now.count()}, {"records", list}};
+    if (initial) json["initial"] = true;
+    return json.dump();
   }
   std::string line{field};
+  if (initial) return line + " (no position yet)";
   for (const auto& record : list)
     line += ' ' + to_text(record);
   return line;
@@ -74,6 +79,7 @@ int watch(const Watch_options& options) {
   const bool timed_out = printer.wait(stop_signal, options.timeout);
   PositioningProxy::StopFindService(search);
   proxy.reset();
+  printer.check();
 
   if (!timed_out) return 0;
   const auto text = missing(options, found, printer.printed());

@@ -1,36 +1,118 @@
 #include "platform/linux/com/manifest.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <array>
 #include <boost/asio/ip/address.hpp>
+#include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
+#include <optional>
 #include <stdexcept>
+#include <string>
 #include <system_error>
+
+#include "platform/someip/endpoint.h"
 
 namespace tq::com {
 
 namespace {
 
-std::string read_file(const std::filesystem::path& path) {
-  std::ifstream file(path, std::ios::binary);
-  std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
-  if (!file) throw std::runtime_error(path.string() + ": the deployment manifest cannot be read");
-  return text;
+constexpr std::size_t most_bytes_of_a_manifest = std::size_t{1} << 20U;
+
+[[noreturn]] void refuse(const std::string& path, const std::string& why) {
+  throw std::runtime_error(path + ": the deployment manifest cannot be read: " + why);
+}
+[[noreturn]] void refuse(const std::string& path, int error) {
+  refuse(path, std::generic_category().message(error));
+}
+
+class Descriptor {
+ public:
+  explicit Descriptor(int number) : number_(number) {}
+  ~Descriptor() {
+    if (number_ >= 0) ::close(number_);
+  }
+  Descriptor(const Descriptor&) = delete;
+  Descriptor& operator=(const Descriptor&) = delete;
+  [[nodiscard]] int number() const { return number_; }
+
+ private:
+  const int number_;
+};
+
+const char* kind_of(mode_t mode) {
+  if (S_ISDIR(mode)) return "a folder";
+  if (S_ISFIFO(mode)) return "a pipe";
+  if (S_ISCHR(mode) || S_ISBLK(mode)) return "a device";
+  return "another kind of file";
+}
+
+/// Returns nothing when there is no such file. Accepts regular files only, because others can wait
+/// for their writer or have no end.
+std::optional<std::string> read_file(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (file.number() < 0 && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
+  if (file.number() < 0) refuse(path, errno);
+  struct stat status {};
+  if (::fstat(file.number(), &status) != 0) refuse(path, errno);
+  if (!S_ISREG(status.st_mode)) {
+    refuse(path, std::string("expected a regular file, found ") + kind_of(status.st_mode));
+  }
+  std::string text;
+  std::array<char, 16384> block;
+  for (;;) {
+    const ssize_t count = ::read(file.number(), block.data(), block.size());
+    if (count == 0) return text;
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) refuse(path, errno);
+    text.append(block.data(), static_cast<std::size_t>(count));
+    if (text.size() > most_bytes_of_a_manifest) {
+      refuse(path,
+             "expected at most " + std::to_string(most_bytes_of_a_manifest) + " bytes, found more");
+    }
+  }
 }
 
 someip::Deployment read() {
   if (const char* named = std::getenv("POS_MANIFEST"); named != nullptr && *named != '\0') {
-    return parse_deployment(read_file(named), named);
+    const auto text = read_file(named);
+    if (!text) refuse(named, ENOENT);
+    return parse_deployment(*text, named);
   }
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
-  const auto installed = executable.parent_path().parent_path() / "share" / "pos" / "manifest.json";
-  if (!error && std::filesystem::is_regular_file(installed, error)) {
-    return parse_deployment(read_file(installed), installed.string());
+  if (!error) {
+    const auto installed =
+        executable.parent_path().parent_path() / "share" / "pos" / "manifest.json";
+    if (const auto text = read_file(installed)) return parse_deployment(*text, installed);
   }
   return parse_deployment(built_in_manifest(), "built-in manifest");
+}
+
+/// Gives a node the address that POS_NODE_ADDRESS names, if the manifest could say so too.
+void replace_address(const someip::Deployment& deployment,
+                     someip::Node_deployment& node,
+                     const char* text) {
+  const auto require = [&](bool condition, const std::string& expected) {
+    if (condition) return;
+    throw std::runtime_error("POS_NODE_ADDRESS: expected " + expected + ", found \"" + text + "\"");
+  };
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address(text, error);
+  require(!error && someip::reachable_peer(address, address, node.prefix_length),
+          "a unicast IP address");
+  const auto& group = deployment.discovery.multicast_address;
+  require(address.is_v4() == group.is_v4(),
+          "an address of the family of " + group.to_string() + ", the group of service discovery");
+  for (const auto& other : deployment.nodes) {
+    require(&other == &node || std::ranges::find(other.addresses, address) == other.addresses.end(),
+            "an address that nodes." + other.name + " of the manifest does not have");
+  }
+  node.addresses = {address};
 }
 
 }  // namespace
@@ -39,15 +121,9 @@ someip::Deployment load_deployment(std::string_view node_in_use) {
   auto deployment = read();
   const char* replaced = std::getenv("POS_NODE_ADDRESS");
   if (replaced == nullptr || *replaced == '\0') return deployment;
-  boost::system::error_code error;
-  const auto address = boost::asio::ip::make_address(replaced, error);
-  if (error || address.is_unspecified() || address.is_multicast()) {
-    throw std::runtime_error(
-        std::string("POS_NODE_ADDRESS: expected a unicast IP address, found \"") + replaced + "\"");
-  }
-  for (auto& node : deployment.nodes) {
-    if (node.name == node_in_use) node.addresses = {address};
-  }
+  const auto node =
+      std::ranges::find(deployment.nodes, node_in_use, &someip::Node_deployment::name);
+  if (node != deployment.nodes.end()) replace_address(deployment, *node, replaced);
   return deployment;
 }
 

@@ -4,26 +4,38 @@
 #include <set>
 #include <string>
 #include <tuple>
+#include <utility>
+#include <vector>
 
 #include "platform/linux/com/json_reader.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
+#include "platform/someip/discovery_message.h"
 
 namespace tq::com {
 
 namespace {
 
+using someip::Address;
 using someip::Deployment;
+using someip::Milliseconds;
 using Members = Json_reader::Members;
 
-boost::asio::ip::address address(const Json_reader& value, bool multicast) {
+Address address(const Json_reader& value, bool multicast) {
   boost::system::error_code error;
   const std::string text = value.is_text() ? value.text() : "";
   auto result = boost::asio::ip::make_address(text, error);
-  if (error || result.is_unspecified() || result.is_multicast() != multicast) {
+  if (error || (multicast ? !result.is_multicast() : !someip::reachable_peer(result, result, 0))) {
     value.fail(multicast ? "a multicast IP address" : "a unicast IP address");
   }
   return result;
+}
+
+/// Refuses an address that service discovery cannot reach together with its multicast group.
+void require_family(const Json_reader& value, const Address& address, const Address& group) {
+  if (address.is_v4() == group.is_v4()) return;
+  value.fail(std::string(group.is_v4() ? "an IPv4" : "an IPv6") +
+             " address, as the group of service discovery (" + group.to_string() + ") is one");
 }
 
 /// The numbers of a section that are given.
@@ -45,31 +57,91 @@ std::optional<std::uint16_t> optional_id(Members& members,
   return found->number<std::uint16_t>(low, high);
 }
 
-someip::Node_deployment node(const std::string& name, const Json_reader& value) {
-  Members members(value);
-  someip::Node_deployment result;
-  result.name = name;
-  const auto one = members.find("address");
-  const auto several = members.find("addresses");
-  if (one.has_value() == several.has_value()) {
-    value.fail("either \"address\" or \"addresses\"");
+/// Values that may appear once only, with where they appeared.
+template <class Value>
+class Unique {
+ public:
+  explicit Unique(const char* what) : what_(what) {}
+  void add(const Value& value, const Json_reader& where) {
+    const auto [known, added] = seen_.emplace(value, where.path());
+    if (!added) where.fail(what_ + std::string(" that is not used yet by ") + known->second);
   }
-  if (one) result.addresses = {address(*one, false)};
-  if (several) {
-    for (const auto& element : several->elements()) {
-      result.addresses.push_back(address(element, false));
+  [[nodiscard]] bool contains(const Value& value) const { return seen_.contains(value); }
+
+ private:
+  const char* what_;
+  std::map<Value, std::string> seen_;
+};
+using Unique_id = Unique<std::uint64_t>;
+
+/// Reads the nodes. No two of them share an address or a client id.
+class Nodes {
+ public:
+  explicit Nodes(const Address& group) : group_(group) {}
+
+  [[nodiscard]] std::vector<someip::Node_deployment> read(const Json_reader& value) {
+    std::vector<someip::Node_deployment> result;
+    std::vector<std::size_t> without_id;
+    for (const auto& [name, one] : value.named()) {
+      const bool has_id = add(name, one, result.emplace_back());
+      if (!has_id) without_id.push_back(result.size() - 1);
     }
-    if (result.addresses.empty()) several->fail("at least one address");
+    std::uint16_t id = someip::Node_deployment().client_id;
+    for (const std::size_t index : without_id) {
+      while (client_ids_.contains(id))
+        ++id;
+      result[index].client_id = id++;
+    }
+    return result;
   }
-  const bool v4 = result.addresses.front().is_v4();
-  if (!v4) result.prefix_length = 64;
-  if (const auto prefix = members.find("prefixLength")) {
-    result.prefix_length = prefix->number<std::uint8_t>(0, v4 ? 32 : 128);
+
+ private:
+  /// Returns whether the node has a client id of its own.
+  bool add(const std::string& name, const Json_reader& value, someip::Node_deployment& node) {
+    Members members(value);
+    node.name = name;
+    const auto one = members.find("address");
+    const auto several = members.find("addresses");
+    if (one.has_value() == several.has_value()) {
+      value.fail("either \"address\" or \"addresses\"");
+    }
+    const auto given = one ? std::vector{*one} : several->elements();
+    if (given.empty()) several->fail("at least one address");
+    if (!group_.is_v4()) node.prefix_length = 64;
+    if (const auto prefix = members.find("prefixLength")) {
+      node.prefix_length = prefix->number<std::uint8_t>(0, group_.is_v4() ? 32 : 128);
+    }
+    for (const auto& element : given) {
+      node.addresses.push_back(address(element, false));
+      require_family(element, node.addresses.back(), group_);
+      if (!someip::reachable_peer(node.addresses.back(), node.addresses.back(),
+                                  node.prefix_length)) {
+        element.fail("a unicast IP address, not the broadcast address of a /" +
+                     std::to_string(node.prefix_length) + " subnet");
+      }
+      addresses_.add(node.addresses.back(), element);
+    }
+    read_numbers(members, node);
+    const auto client_id = members.find("clientId");
+    if (client_id) client_ids_.add(node.client_id, *client_id);
+    if (const auto watch = members.find("watchLink")) node.watch_link = watch->boolean();
+    members.done();
+    return client_id.has_value();
   }
-  read_numbers(members, result);
-  if (const auto watch = members.find("watchLink")) result.watch_link = watch->boolean();
-  members.done();
-  return result;
+
+  const Address& group_;  ///< of service discovery
+  Unique<Address> addresses_{"an address"};
+  Unique_id client_ids_{"a client id"};
+};
+
+/// Refuses a time to live that ends before it is renewed.
+void require_renewal(Members& members, const char* key, std::uint32_t ttl, Milliseconds renewal) {
+  if (ttl == someip::endless_ttl || std::chrono::seconds(ttl) > renewal) return;
+  const auto given = members.find(key);
+  if (given)
+    given->fail("more than cyclicOfferDelayMs, " + std::to_string(renewal.count()) + " ms");
+  members.at("cyclicOfferDelayMs")
+      .fail("less than " + std::string(key) + ", " + std::to_string(ttl) + " s");
 }
 
 someip::Discovery_timing discovery(const Json_reader& value) {
@@ -80,6 +152,8 @@ someip::Discovery_timing discovery(const Json_reader& value) {
   }
   read_numbers(members, result);
   members.done();
+  require_renewal(members, "offerTtlS", result.offer_ttl, result.cyclic_offer_delay);
+  require_renewal(members, "subscribeTtlS", result.subscribe_ttl, result.cyclic_offer_delay);
   if (result.initial_delay_min > result.initial_delay_max) {
     value.fail("initialDelayMinMs not above initialDelayMaxMs");
   }
@@ -111,26 +185,8 @@ constexpr std::uint64_t max_method = 0x7FFF;
 constexpr std::uint64_t min_event = 0x8000;
 constexpr std::uint64_t max_event = 0xFFFE;
 
-/// Levels of objects and lists; more than a manifest has, few enough for what goes through them by
-/// recursion.
-constexpr int deepest_document = 32;
-
-/// Ids that may appear once only, with where they appeared.
-class Unique {
- public:
-  explicit Unique(const char* what) : what_(what) {}
-  void add(std::uint64_t id, const Json_reader& where) {
-    const auto [known, added] = seen_.emplace(id, where.path());
-    if (!added) where.fail(what_ + std::string(" that is not used yet by ") + known->second);
-  }
-
- private:
-  const char* what_;
-  std::map<std::uint64_t, std::string> seen_;
-};
-
 void read_elements(Members& members, someip::Service_deployment& service) {
-  Unique methods("a method id"), events("an event id");
+  Unique_id methods("a method id"), events("an event id");
   std::map<std::string, std::string> names;
   // `read` takes what is special about an element.
   const auto read_each = [&](const char* kind, auto& elements, const auto& read) {
@@ -173,11 +229,13 @@ void read_elements(Members& members, someip::Service_deployment& service) {
   });
 }
 
-someip::Multicast_deployment multicast(const Json_reader& value) {
+someip::Multicast_deployment multicast(const Json_reader& value, const Address& discovery_group) {
   Members members(value);
   someip::Multicast_deployment result;
   result.event_group = members.at("eventGroup").number<std::uint16_t>(1, 0xFFFE);
-  result.address = address(members.at("address"), true);
+  const auto where = members.at("address");
+  result.address = address(where, true);
+  require_family(where, result.address, discovery_group);
   result.port = members.at("port").number<std::uint16_t>(1, 0xFFFF);
   result.threshold = members.at("threshold").number<std::uint32_t>(0, 0xFFFF);
   members.done();
@@ -214,7 +272,8 @@ someip::Instance_deployment instance(const Json_reader& value,
   }
   if (const auto found = members.find("multicast")) {
     for (const auto& element : found->elements()) {
-      const auto& group = result.multicast.emplace_back(multicast(element));
+      const auto& group =
+          result.multicast.emplace_back(multicast(element, deployment.discovery.multicast_address));
       const auto in_group = [&](const auto& one) { return one.event_group == group.event_group; };
       if (std::ranges::none_of(service.events, in_group) &&
           std::ranges::none_of(service.fields, in_group)) {
@@ -244,7 +303,7 @@ someip::Service_deployment service(const std::string& name,
   result.minor_version = members.at("minorVersion").number<std::uint32_t>(0, 0xFFFFFFFE);
   read_elements(members, result);
   if (const auto found = members.find("instances")) {
-    Unique ids("an instance id");
+    Unique_id ids("an instance id");
     // Instance ids are not in the messages: what tells two instances apart is the port
     // (someip_445).
     std::map<std::tuple<std::string, bool, std::uint16_t>, std::string> ports;
@@ -269,25 +328,85 @@ someip::Service_deployment service(const std::string& name,
   return result;
 }
 
+/// Levels of objects and lists; more than a manifest has, few enough for functions that visit them
+/// by recursion.
+constexpr int deepest_document = 32;
+/// Members of one object. The document finds a member by comparing one name after the other.
+constexpr std::size_t most_members = 4096;
+
+/// Watches the parser read the document and refuses what the parser would accept: a key that an
+/// object has twice (the first one would be lost), and a document that takes too long to visit.
+class Parser_watch {
+ public:
+  using Event = nlohmann::json::parse_event_t;
+
+  explicit Parser_watch(const std::string& source) : source_(source) {}
+
+  void parsed(int depth, Event event, const Json_reader::Json& value) {
+    if (depth > deepest_document) throw std::runtime_error(source_ + ": nested too deeply");
+    switch (event) {
+      case Event::object_start:
+      case Event::array_start:
+        levels_.push_back({place(), event == Event::array_start, 0, {}, {}});
+        break;
+      case Event::key:
+        add_key(value.get<std::string>());
+        break;
+      case Event::object_end:
+      case Event::array_end:
+        levels_.pop_back();
+        [[fallthrough]];
+      case Event::value:
+        if (!levels_.empty()) ++levels_.back().index;
+        break;
+    }
+  }
+
+ private:
+  /// An object or a list that has begun and not ended.
+  struct Level {
+    std::string place;
+    bool list = false;
+    std::size_t index = 0;       ///< of the next element of a list
+    std::string key;             ///< of the member that comes
+    std::set<std::string> keys;  ///< of an object
+  };
+
+  /// Where the next value stands, as errors name it.
+  [[nodiscard]] std::string place() const {
+    if (levels_.empty()) return "";
+    const Level& last = levels_.back();
+    if (last.list) return last.place + "[" + std::to_string(last.index) + "]";
+    return last.place + (last.place.empty() ? "" : ".") + last.key;
+  }
+
+  void add_key(std::string key) {
+    Level& object = levels_.back();
+    object.key = std::move(key);
+    if (!object.keys.insert(object.key).second) fail("expected once in its object, found twice");
+    if (object.keys.size() > most_members) {
+      fail("expected at most " + std::to_string(most_members) + " members, found more");
+    }
+  }
+  [[noreturn]] void fail(const std::string& what) const {
+    throw std::runtime_error(source_ + ": " + place() + ": " + what);
+  }
+
+  const std::string& source_;
+  std::vector<Level> levels_;
+};
+
 }  // namespace
 
 Deployment parse_deployment(std::string_view text, const std::string& source) {
   Json_reader::Json document;
-  // A key given twice would silently win over its first appearance.
-  std::vector<std::set<std::string>> keys;
-  const auto unique_keys = [&](int depth, nlohmann::json::parse_event_t event,
-                               Json_reader::Json& parsed) {
-    if (depth > deepest_document) throw std::runtime_error(source + ": nested too deeply");
-    if (event == nlohmann::json::parse_event_t::object_start) keys.emplace_back();
-    if (event == nlohmann::json::parse_event_t::object_end) keys.pop_back();
-    if (event == nlohmann::json::parse_event_t::key &&
-        !keys.back().insert(parsed.get<std::string>()).second) {
-      throw std::runtime_error(source + ": " + parsed.dump() + ": expected once in its object");
-    }
-    return true;
-  };
+  Parser_watch watch(source);
   try {
-    document = Json_reader::Json::parse(text, unique_keys);
+    document = Json_reader::Json::parse(
+        text, [&](int depth, Parser_watch::Event event, const Json_reader::Json& parsed) {
+          watch.parsed(depth, event, parsed);
+          return true;
+        });
   } catch (const nlohmann::json::exception& error) {  // also a number that nothing can hold
     throw std::runtime_error(source + ": not a JSON document: " + error.what());
   }
@@ -295,15 +414,13 @@ Deployment parse_deployment(std::string_view text, const std::string& source) {
   Members members(root);
   Deployment result;
   result.source = source;
-  for (const auto& [name, value] : members.at("nodes").named()) {
-    result.nodes.push_back(node(name, value));
-  }
   if (const auto found = members.find("serviceDiscovery")) result.discovery = discovery(*found);
+  result.nodes = Nodes(result.discovery.multicast_address).read(members.at("nodes"));
   if (const auto found = members.find("limits")) result.limits = numbers<someip::Limits>(*found);
   if (const auto found = members.find("segments")) {
     result.segments = numbers<someip::Segment_shaping>(*found);
   }
-  Unique ids("a service id");
+  Unique_id ids("a service id");
   std::map<std::string, std::string> specifiers;
   for (const auto& [name, value] : members.at("services").named()) {
     auto one = service(name, value, result);

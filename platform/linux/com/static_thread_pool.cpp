@@ -5,9 +5,12 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <boost/asio/steady_timer.hpp>
+#include <boost/system/system_error.hpp>
 #include <cerrno>
 #include <cstdio>
 #include <stdexcept>
+#include <string>
 #include <system_error>
 
 #include "platform/linux/com/loop.h"
@@ -29,7 +32,8 @@ void add(int epoll, int descriptor, std::uint32_t events, std::uint64_t id) {
   epoll_event event{};
   event.events = events;
   event.data.u64 = id;
-  checked(epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event), "epoll_ctl");
+  checked(epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event),
+          "cannot watch a descriptor for the workers of SOME/IP");
 }
 
 /// Fails only when `descriptor` is no longer watched, and then nobody is to be told of it.
@@ -46,24 +50,44 @@ void signal(int event) {
   [[maybe_unused]] const auto written = ::write(event, &one, sizeof one);
 }
 
+/// Opens the descriptors of an event loop, which its first timer would do otherwise.
+void open(boost::asio::io_context& loop) {
+  try {
+    const boost::asio::steady_timer timer(loop);
+  } catch (const boost::system::system_error& error) {
+    throw std::system_error(error.code(),
+                            "cannot open the event loop for SOME/IP's control thread");
+  }
+}
+
+void start(std::vector<std::thread>& threads, const char* name, std::function<void()> work) {
+  try {
+    threads.emplace_back([work = std::move(work)]() noexcept { work(); });
+  } catch (const std::system_error& error) {
+    throw std::system_error(error.code(), "cannot start a thread for " + std::string(name));
+  }
+  pthread_setname_np(threads.back().native_handle(), name);
+}
+
 }  // namespace
 
 static_thread_pool::Loop::Loop(std::size_t threads)
     : control_guard_(control_.get_executor()), next_id_(first_reader_id) {
   if (threads == 0) throw std::invalid_argument("static_thread_pool: at least 1 thread is needed");
   try {
-    epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), "epoll_create1");
-    posted_event_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
-    stop_event_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "eventfd");
+    open(control_);
+    const char* const epoll = "cannot create an epoll descriptor for the workers of SOME/IP";
+    const char* const event = "cannot create an event for the workers of SOME/IP";
+    epoll_ = checked(epoll_create1(EPOLL_CLOEXEC), epoll);
+    posted_event_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), event);
+    stop_event_ = checked(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), event);
     add(epoll_, posted_event_, EPOLLIN | EPOLLET, posted_id);
     add(epoll_, stop_event_, EPOLLIN, stop_id);
-    threads_.emplace_back([this]() noexcept { control_.run(); });
-    pthread_setname_np(threads_.back().native_handle(), "someip-control");
+    start(threads_, "someip-control", [this] { control_.run(); });
     for (std::size_t i = 0; i < threads; ++i) {
-      threads_.emplace_back([this]() noexcept { work(); });
       char name[16];
       std::snprintf(name, sizeof name, "someip-%u", static_cast<unsigned>(i) % 1000u);
-      pthread_setname_np(threads_.back().native_handle(), name);
+      start(threads_, name, [this] { work(); });
     }
   } catch (...) {
     stop();

@@ -47,11 +47,22 @@ TEST(Explain, faults_of_consumed_services_by_name) {
   EXPECT_EQ(told[0], Json({{"service", "GNSS"}, {"present", true}, {"occurrences", 258}}));
   std::vector<std::string> texts;
   for (const auto& fault : told)
-    texts.push_back(posctl::fault_text(fault));
-  EXPECT_THAT(
-      texts, testing::ElementsAre("GNSS: present, 258 times", "GNSS.posGnssSatInfos: gone, 1 times",
-                                  "Time.times: present, 2 times", "Time.9: present, 1 times",
-                                  "7.1: gone, 1 times"));
+    texts.push_back(posctl::fault_text(lumo::services::diag::DataBusFault::notAvailable, fault));
+  EXPECT_THAT(texts,
+              testing::ElementsAre("GNSS is missing now, for the 258th time",
+                                   "GNSS.posGnssSatInfos is available again, it was missing once",
+                                   "Time.times is missing now, for the 2nd time",
+                                   "Time.9 is missing now, for the 1st time",
+                                   "7.1 is available again, it was missing once"));
+  const auto text = [](lumo::services::diag::DataBusFault kind, bool present,
+                       unsigned occurrences) {
+    return posctl::fault_text(
+        kind, {{"service", "GNSS"}, {"present", present}, {"occurrences", occurrences}});
+  };
+  EXPECT_EQ(text(lumo::services::diag::DataBusFault::errorValueReceived, true, 113),
+            "GNSS sends error values now, for the 113th time");
+  EXPECT_EQ(text(lumo::services::diag::DataBusFault::implausible, false, 0xFFFF),
+            "GNSS no longer sends implausible values, it did so 65535 times or more");
   const BDPSomeipDataBusServiceImplausible half{.entries = {1, 0, 1}};
   EXPECT_THROW(static_cast<void>(explain(half)), std::runtime_error);
 }

@@ -1,0 +1,23 @@
+/// What a command of a tool returns, refuses and prints.
+#pragma once
+
+#include <stdexcept>
+#include <string_view>
+
+namespace tools {
+
+/// Exit code of a command that could not do its work, or not write its output.
+inline constexpr int exit_failed = 1;
+/// Exit code of a command line that makes no sense.
+inline constexpr int exit_usage = 2;
+
+/// An argument that the command refuses after the command line was parsed.
+class Usage_error : public std::invalid_argument {
+ public:
+  using std::invalid_argument::invalid_argument;
+};
+
+/// Writes all of `text` to standard output before it returns. Throws std::system_error.
+void write_output(std::string_view text);
+
+}  // namespace tools
