@@ -71,7 +71,7 @@ class Full_socket {
   [[nodiscard]] std::string First() const {
     for (std::array<char, 256> text{};;) {
       const auto size = ::recv(receiver_, text.data(), text.size(), 0);
-      const std::string message(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
+      std::string message(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
       if (message != "full") return message;
     }
   }
