@@ -1,6 +1,8 @@
 #include "posService/posServiceImpl.h"
 
-#include <cstring>
+#include <array>
+#include <bit>
+#include <cstddef>
 #include <string>
 
 #include "diagnosisService/diagnosisServiceImpl.h"
@@ -46,7 +48,8 @@ std::uint32_t to_ms(std::uint64_t us) {
 /// Bit for bit: a NaN repeats itself.
 template <class Value>
 bool same(const boost::optional<Value>& a, const boost::optional<Value>& b) {
-  return a && b ? std::memcmp(&*a, &*b, sizeof(Value)) == 0 : !a && !b;
+  using Bits = std::array<std::byte, sizeof(Value)>;
+  return a && b ? std::bit_cast<Bits>(*a) == std::bit_cast<Bits>(*b) : !a && !b;
 }
 
 }  // namespace
