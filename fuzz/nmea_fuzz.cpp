@@ -39,7 +39,13 @@ void check(const nmea::Fix& fix) {
     require(within(fix.position->latitude, -90, 90) && within(fix.position->longitude, -180, 180),
             "a position is on the globe");
   }
-  require(within(fix.course, 0, 360), "a course is an angle");
+  require(within(fix.course, 0, 360) && within(fix.heading, 0, 360), "a course is an angle");
+  require(within(fix.roll, -180, 180) && within(fix.pitch, -90, 90), "an attitude is one");
+  require(within(fix.accuracy_horizontal, 0, any) && within(fix.accuracy_vertical, 0, any) &&
+              within(fix.heading_accuracy, 0, 360) && within(fix.age_of_corrections, 0, any),
+          "an accuracy is a number");
+  require(!fix.valid || fix.position, "a valid fix has a position");
+  require(!fix.supplement, "a stream without pauses has no supplements");
   require(within(fix.speed, 0, any) && within(fix.altitude_msl, -any, any) &&
               within(fix.geoid_separation, -any, any),
           "a quantity is a number");
@@ -65,7 +71,11 @@ bool same(const nmea::Fix& a, const nmea::Fix& b) {
          a.quality == b.quality && a.dimension == b.dimension && a.pdop == b.pdop &&
          a.hdop == b.hdop && a.vdop == b.vdop && a.satellites_in_use == b.satellites_in_use &&
          a.satellites_in_view == b.satellites_in_view &&
-         a.satellites_tracked == b.satellites_tracked && a.satellites == b.satellites;
+         a.satellites_tracked == b.satellites_tracked && a.satellites == b.satellites &&
+         a.accuracy_horizontal == b.accuracy_horizontal &&
+         a.accuracy_vertical == b.accuracy_vertical &&
+         a.age_of_corrections == b.age_of_corrections && a.heading == b.heading &&
+         a.heading_accuracy == b.heading_accuracy && a.pitch == b.pitch && a.roll == b.roll;
 }
 
 /// Mutations seldom keep a checksum: gives every sentence the right one.

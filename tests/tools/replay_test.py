@@ -118,7 +118,7 @@ class Replay(unittest.TestCase):
             knots = decimal.Decimal(single(record["speed2D"])) * 3600 / 1852
             pairs.append((digits(knots, instant["speed"]), instant["speed"]))
         if instant.get("course"):
-            pairs.append((digits(single(record["yawAngle"]), instant["course"]), instant["course"]))
+            pairs.append((digits(single(record["courseOverGround"]), instant["course"]), instant["course"]))
         return all(value == decimal.Decimal(printed) for value, printed in pairs)
 
 

@@ -33,11 +33,11 @@ struct Plan {
   double dwell = 0;  ///< seconds standing
 };
 
-// The last two straights, on the way back, get the length that closes the round.
-constexpr std::size_t closing_leg_1 = 14;
-constexpr std::size_t closing_leg_2 = 18;
+// The last two straights, on the way back, get the length that closes the round. It begins in
+// motion, where a receiver can tell everything.
+constexpr std::size_t closing_leg_1 = 13;
+constexpr std::size_t closing_leg_2 = 17;
 constexpr std::array<Plan, 21> plan{{
-    {120, 0, kmh(50)},         // away from the stop
     {500, 0, kmh(50)},         // town
     {60, 0, kmh(25)},          //
     {60, 90, kmh(25)},         // a street corner
@@ -58,6 +58,7 @@ constexpr std::array<Plan, 21> plan{{
     {0, 0, kmh(80)},           // closes east and west
     {320, 90, kmh(50)},        //
     {100, 0, 0, false, 20},    // the stop: 20 s at a traffic light
+    {120, 0, kmh(50)},         // away from it
 }};
 constexpr double start_heading = 17;
 constexpr double start_latitude = 46.9480;
@@ -135,8 +136,7 @@ Satellite satellite_at(std::size_t index, double seconds, bool in_sight) {
   const double wave = std::sin(pi * (seconds / period + spread));
   Satellite satellite;
   satellite.system = static_cast<Gnss_system>(index % 4);
-  satellite.id =
-      static_cast<std::uint16_t>(index / 4 + (satellite.system == Gnss_system::glonass ? 65 : 1));
+  satellite.id = static_cast<std::uint16_t>(index / 4 + 1);
   satellite.elevation = 6 + 80 * wave * wave;
   satellite.azimuth = wrapped(360 * (static_cast<double>(index) * 0.381966 + spread / 7) +
                                   (index % 2 == 0 ? 1 : -1) * seconds / period * 180,
@@ -159,6 +159,7 @@ Course::Course() {
     legs_.clear();
     Leg leg{};
     leg.heading = start_heading;
+    leg.speed_in = plan.back().speed_out;
     const auto add = [&](double length, double turn, double speed_out, double duration,
                          bool tunnel) {
       leg.length = length;

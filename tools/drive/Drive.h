@@ -32,7 +32,7 @@ enum class Gnss_system : std::uint8_t { gps, glonass, galileo, beidou };
 
 struct Satellite {
   Gnss_system system{};
-  std::uint16_t id = 0;
+  std::uint16_t id = 0;  ///< within its system
   double elevation = 0;  ///< degrees
   double azimuth = 0;    ///< degrees, [0, 360)
   double signal = 0;     ///< dBHz; 0: not tracked

@@ -93,24 +93,23 @@ void Output::publish_time() {
   next_time_record_ = steady_clock::now() + seconds(1);
 }
 
+bool Output::is_done() const {
+  return (options_.max_notifications != 0 && notifications_ >= options_.max_notifications) ||
+         (options_.max_duration.count() > 0 &&
+          steady_clock::now() >= start_ + options_.max_duration);
+}
+
 Stop_signal::Wake Output::wait_until(steady_clock::time_point due, int input) {
-  const bool bounded = options_.max_duration.count() > 0;
-  const auto end = start_ + options_.max_duration;
-  while (true) {
-    if (options_.max_notifications != 0 && notifications_ >= options_.max_notifications) {
-      return Stop_signal::Wake::stopped;
-    }
+  while (!is_done()) {
     auto next = due;
-    if (bounded) next = std::min(next, end);
+    if (options_.max_duration.count() > 0) next = std::min(next, start_ + options_.max_duration);
     if (services_->time) next = std::min(next, next_time_record_);
     const auto wake = stop_signal_.wait_until(next, input);
-    if (wake != Stop_signal::Wake::due) return wake;
-
     const auto now = steady_clock::now();
     if (services_->time && now >= next_time_record_) publish_time();
-    if (bounded && now >= end) return Stop_signal::Wake::stopped;
-    if (now >= due) return wake;
+    if (wake != Stop_signal::Wake::due || now >= due) return wake;
   }
+  return Stop_signal::Wake::stopped;
 }
 
 void Output::publish(const std::function<Notification(Context)>& make) {
@@ -118,10 +117,12 @@ void Output::publish(const std::function<Notification(Context)>& make) {
                         .precise_local_time = time_base_.getCurrentTime(),
                         .update_rate_hz = {}};
   const Notification notification = make(context);
-  services_->gnss.positions.Update(notification.positions);
+  if (!notification.positions.empty()) {
+    services_->gnss.positions.Update(notification.positions);
+    ++notifications_;
+  }
   services_->gnss.positionsQuality.Update(notification.quality);
   if (notification.satellites) services_->gnss.posGnssSatInfos.Update(*notification.satellites);
-  ++notifications_;
 }
 
 }  // namespace gateway

@@ -34,9 +34,13 @@ class Output {
   [[nodiscard]] tools::Stop_signal::Wake wait_until(std::chrono::steady_clock::time_point due,
                                                     int input = -1);
 
+  /// Whether a bound of the options is reached: nothing more is to be published.
+  [[nodiscard]] bool is_done() const;
+
   /// Notifies what `make` returns for the counter and the time stamp of this notification.
   void publish(const std::function<Notification(Context)>& make);
 
+  /// Of positions.
   [[nodiscard]] std::uint64_t notifications() const { return notifications_; }
 
  private:

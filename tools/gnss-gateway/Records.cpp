@@ -54,6 +54,28 @@ void missing(boost::optional<Value>& value, Quality& quality) {
   quality = binding::Value_type::error;
 }
 
+/// Metres per second from which on the direction of movement is where the vehicle points. A
+/// receiver's speed is uncertain by about 0.1 m/s across the movement: 2 degrees at this speed, any
+/// direction at rest. And below it vehicles reverse, which turns the course by 180 degrees.
+constexpr double min_heading_speed = 3;
+
+/// Course over ground and heading, by one rule for every source: a measured heading stands, else
+/// the course replaces it where it can. `good`: the source can tell a course now.
+void fill_direction(DT_positions_struct& record,
+                    const std::optional<double>& course,
+                    const std::optional<double>& speed,
+                    const std::optional<double>& heading,
+                    bool good) {
+  told(record.courseOverGround, record.courseOverGround_valueType, course, good);
+  if (heading) {
+    physical(record.yawAngle, record.yawAngle_valueType, *heading);
+  } else if (good && course && speed.value_or(0) >= min_heading_speed) {
+    physical(record.yawAngle, record.yawAngle_valueType, *course);
+  } else if (!good || course || speed) {
+    missing(record.yawAngle, record.yawAngle_valueType);
+  }
+}
+
 DT_positions_struct new_position(std::uint32_t type, const Context& context) {
   DT_positions_struct record;
   record.positionType = type;
@@ -227,7 +249,7 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
     missing(record.altitudeWGS84, record.altitudeWGS84_valueType);
     missing(record.speed2D, record.speed2D_valueType);
     missing(record.speedVertical, record.speedVertical_valueType);
-    missing(record.courseOverGround, record.courseOverGround_valueType);
+    fill_direction(record, std::nullopt, std::nullopt, std::nullopt, false);
     missing(record.accuracyHorizontal, record.accuracyHorizontal_valueType);
     missing(record.accuracyVertical, record.accuracyVertical_valueType);
     missing(record.accuracySpeed2D, record.accuracySpeed2D_valueType);
@@ -235,10 +257,7 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
   }
   const bool spatial = sample.fix == drive::Fix_type::three_dimensional;
   fill(record, sample, spatial);
-  // The direction of movement of something that stands is noise.
-  const bool moving = sample.speed > 0.5;
-  told(record.courseOverGround, record.courseOverGround_valueType, std::optional(sample.heading),
-       moving);
+  fill_direction(record, sample.heading, sample.speed, std::nullopt, true);
   told(record.accuracyHorizontal, record.accuracyHorizontal_valueType,
        std::optional(sky.horizontal_accuracy), true);
   told(record.accuracyVertical, record.accuracyVertical_valueType,
@@ -250,12 +269,33 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
 DT_positions_struct dead_reckoned_position(const drive::Sample& sample, const Context& context) {
   auto record = new_position(type_dead_reckoning, context);
   fill(record, sample, true);
-  physical(record.yawAngle, record.yawAngle_valueType, sample.heading);
+  fill_direction(record, std::nullopt, sample.speed, sample.heading, true);
   physical(record.yawRate, record.yawRate_valueType, sample.yaw_rate);
   physical(record.pitchAngle, record.pitchAngle_valueType, sample.pitch);
   physical(record.accuracyHorizontal, record.accuracyHorizontal_valueType, sample.dr_accuracy);
   physical(record.accuracyYawAngle, record.accuracyYawAngle_valueType, sample.dr_heading_accuracy);
   return record;
+}
+
+/// What receivers tell in sentences of their own, and most do not: absent is no error here.
+void fill_supplements(DT_positions_struct& record, const nmea::Fix& fix) {
+  if (fix.accuracy_horizontal) {
+    told(record.accuracyHorizontal, record.accuracyHorizontal_valueType, fix.accuracy_horizontal,
+         fix.valid);
+  }
+  if (fix.accuracy_vertical) {
+    told(record.accuracyVertical, record.accuracyVertical_valueType, fix.accuracy_vertical,
+         fix.valid);
+  }
+  if (fix.age_of_corrections) {
+    told(record.ageOfDifferentialData, record.ageOfDifferentialData_valueType,
+         std::optional(std::llround(*fix.age_of_corrections * 1000)), fix.valid);
+  }
+  if (fix.heading) {
+    told(record.accuracyYawAngle, record.accuracyYawAngle_valueType, fix.heading_accuracy, true);
+  }
+  told(record.pitchAngle, record.pitchAngle_valueType, fix.pitch, true);
+  told(record.rollAngle, record.rollAngle_valueType, fix.roll, true);
 }
 
 }  // namespace
@@ -275,10 +315,12 @@ Notification to_notification(const nmea::Fix& fix, const Context& context) {
        fix.valid);
   told(position.altitudeWGS84, position.altitudeWGS84_valueType, fix.altitude_wgs84(), fix.valid);
   told(position.speed2D, position.speed2D_valueType, fix.speed, fix.valid);
-  told(position.yawAngle, position.yawAngle_valueType, fix.course, fix.valid);
-  told(position.courseOverGround, position.courseOverGround_valueType, fix.course, fix.valid);
-  result.positions = {position, position};
-  result.positions[1].positionType = type_dead_reckoning;
+  fill_direction(position, fix.course, fix.speed, fix.heading, fix.valid);
+  fill_supplements(position, fix);
+  if (!fix.supplement) {
+    result.positions = {position, position};
+    result.positions[1].positionType = type_dead_reckoning;
+  }
 
   auto quality = new_quality(type_gnss, status_of(fix), context);
   told(quality.hDOP, quality.hDOP_valueType, fix.hdop, true);

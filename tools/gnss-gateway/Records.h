@@ -1,8 +1,9 @@
 /// From what a source knows to what the GNSS service says.
 ///
 /// A quantity that the source never has is absent. One that the source has but cannot tell at this
-/// instant (no fix, standing still) carries valueType Error: with the receiver's own last value
-/// when it gives one, else without a value. Everything else carries PhysicalValue.
+/// instant (no fix, too slow for a heading) carries valueType Error: with the receiver's own last
+/// value when it gives one, else without a value. Everything else carries PhysicalValue.
+/// docs/receivers.md describes each member.
 #pragma once
 
 #include <chrono>
@@ -18,6 +19,7 @@ namespace gateway {
 
 /// What one instant gives to the three fields.
 struct Notification {
+  /// Empty: only quality and satellites are new, the field keeps its value.
   std::vector<lumo::services::gnss::datatypes::DT_positions_struct> positions;
   std::vector<lumo::services::gnss::datatypes::DT_positionsQuality_struct> quality;
   /// Absent: the source has no new list, the field keeps its value.

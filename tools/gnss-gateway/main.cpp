@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
+#include <set>
 #include <sstream>
 #include <string>
 
@@ -74,12 +75,8 @@ void print(const gateway::Source_result& result,
   tools::write_output(out.str());
 }
 
-}  // namespace
-
-int main(int argc, char** argv) try {
-  ara::core::Initialize();
-  CLI::App app{
-      "Offers the GNSS service with positions of a synthetic drive or of an NMEA 0183 receiver."};
+/// Everything that the command line says.
+struct Options {
   gateway::Drive_options drive;
   gateway::Nmea_options nmea;
   gateway::Output_options output;
@@ -89,61 +86,130 @@ int main(int argc, char** argv) try {
   double seconds = 0;
   bool once = false;
   bool json = false;
+};
 
-  app.add_option("--rate", drive.rate_hz, "Notifications per second of the synthetic drive")
+constexpr const char* footer =
+    "Each notification holds a GNSS sample (type 1) and a dead-reckoning sample (type 2), stamped "
+    "with\n"
+    "the synchronized time base. A quantity that the source never has is absent; one that it "
+    "cannot\n"
+    "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). The dead-reckoning "
+    "sample\n"
+    "of an NMEA receiver repeats its GNSS sample. docs/receivers.md describes sentences and "
+    "records.\n"
+    "\n"
+    "Exit code 0 at the end of a recording or stream, after --count or --seconds, on SIGINT and\n"
+    "SIGTERM; 1 when the input cannot be read, holds no sentence or is a device that has gone; 2 "
+    "for\n"
+    "a wrong command line.";
+
+void add_source_options(CLI::App& app, Options& options) {
+  auto* file =
+      app.add_option("--nmea", options.nmea.path,
+                     "Recording to replay; a serial device, a pipe or - is read as it comes");
+  app.add_option("--rate", options.drive.rate_hz, "Notifications per second of the synthetic drive")
       ->transform(tools::number(0.1, 1000.0))
+      ->excludes(file)
       ->capture_default_str();
-  app.add_option("--satellites", drive.satellites, "Satellites in view in the synthetic drive")
+  app.add_option("--satellites", options.drive.satellites,
+                 "Satellites in view in the synthetic drive")
       ->transform(tools::number<std::size_t>(0, 60))
+      ->excludes(file)
       ->capture_default_str();
-  app.add_option("--start-at", start_at, "Second of the synthetic drive to begin with")
-      ->transform(tools::number(0.0, 1e6));
-  auto* file = app.add_option("--nmea", nmea.path,
-                              "Recording to replay; a device, a pipe or - is read as it comes");
-  app.add_option("--speed-up", nmea.speed_up, "How much faster than recorded")
+  app.add_option("--start-at", options.start_at, "Second of the synthetic drive to begin with")
+      ->transform(tools::number(0.0, 1e6))
+      ->excludes(file);
+  app.add_option("--speed-up", options.nmea.speed_up, "How much faster than recorded")
       ->transform(tools::number(0.001, 1e6))
       ->needs(file)
       ->capture_default_str();
-  app.add_option("--max-gap", max_gap, "Longest wait in the recording's own time, in seconds")
+  app.add_option("--max-gap", options.max_gap,
+                 "Longest wait in the recording's own time, in seconds")
       ->transform(tools::number(0.0, 86400.0))
       ->needs(file)
       ->capture_default_str();
-  auto* loop = app.add_flag("--loop", nmea.loop, "Begin again at the recording's end")->needs(file);
-  app.add_flag("--once", once, "End at the recording's end (default)")->needs(file)->excludes(loop);
-  app.add_flag("--time", output.offer_time, "Offer the Time service too");
-  app.add_option("--plt-offset", output.plt_offset_ns,
+  auto* loop =
+      app.add_flag("--loop", options.nmea.loop, "Begin again at the recording's end")->needs(file);
+  app.add_flag("--once", options.once, "End at the recording's end (default)")
+      ->needs(file)
+      ->excludes(loop);
+  app.add_option("--baud", options.nmea.baud,
+                 "Rate of a serial device; without it the gateway tries until sentences come")
+      ->check(CLI::IsMember(
+          std::set<unsigned>(gateway::serial_rates.begin(), gateway::serial_rates.end())))
+      ->needs(file);
+  app.add_flag("--reconnect", options.nmea.reconnect,
+               "Wait for a device that is not there or has gone, in place of ending with 1")
+      ->needs(file);
+}
+
+void add_output_options(CLI::App& app, Options& options) {
+  auto* time = app.add_flag("--time", options.output.offer_time, "Offer the Time service too");
+  app.add_option("--plt-offset", options.output.plt_offset_ns,
                  "pltOffset of the Time service's record of type 2, in nanoseconds")
       ->transform(tools::number<std::int64_t>())
+      ->needs(time)
       ->capture_default_str();
-  app.add_option("--count", output.max_notifications, "Stop after N notifications; 0: never")
+  app.add_option("--count", options.output.max_notifications, "End after N notifications; 0: never")
       ->transform(tools::number<std::uint64_t>());
-  app.add_option("--seconds", seconds, "Stop after this many seconds; 0: never")
+  app.add_option("--seconds", options.seconds, "End after N seconds; 0: never")
       ->transform(tools::number(0.0, 1e9));
-  app.add_option("--node", node, "Node of the manifest")->capture_default_str();
-  app.add_flag("--json", json, "Print the statistics at the end as JSON");
-  app.footer(
-      "Each notification holds a GNSS sample (type 1) and a dead-reckoning sample (type 2), "
-      "stamped with\n"
-      "the synchronized time base. A quantity that the source never has is absent; one that it "
-      "cannot\n"
-      "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). An NMEA receiver has "
-      "no\n"
-      "sensors: its dead-reckoning sample repeats the GNSS sample.");
-  if (const auto code = tools::parse(app, argc, argv)) return *code;
-  drive.start = from_seconds(start_at);
-  nmea.max_gap = from_seconds(max_gap);
-  output.max_duration = from_seconds(seconds);
+  app.add_option("--node", options.node, "Node of the manifest")->capture_default_str();
+  app.add_flag("--json", options.json, "Print the statistics at the end as JSON");
+  app.footer(footer);
+}
 
-  // Before anything is offered: what cannot be opened must not look like a receiver that is silent.
+/// Refuses options that mean nothing for `input`.
+void check_options(const CLI::App& app, const gateway::Input& input) {
+  const auto refuse = [&](std::initializer_list<const char*> names, const std::string& purpose) {
+    for (const char* name : names) {
+      if (app.count(name) > 0) {
+        throw tools::Usage_error(std::string(name) + " is for " + purpose + ", and \"" +
+                                 input.path() + "\" is none");
+      }
+    }
+  };
+  using Kind = gateway::Input::Kind;
+  const bool missing = !input.is_open();  // and expected to be a serial device
+  if (input.kind() != Kind::recording) {
+    refuse({"--speed-up", "--max-gap", "--loop", "--once"}, "a recording");
+  }
+  if (!input.is_serial() && !missing) refuse({"--baud"}, "a serial device");
+  if (input.kind() != Kind::device || input.path() == "-") refuse({"--reconnect"}, "a device");
+}
+
+int run(int argc, char** argv) {
+  CLI::App app{
+      "Offers the GNSS service with positions of a synthetic drive or of an NMEA 0183 receiver."};
+  Options options;
+  add_source_options(app, options);
+  add_output_options(app, options);
+  // Before anything is offered: an input that cannot be opened must not look like a silent
+  // receiver.
   std::optional<gateway::Input> input;
-  if (!nmea.path.empty()) input.emplace(nmea.path);
+  if (const auto code = tools::parse(app, argc, argv)) return *code;
+  if (!options.nmea.path.empty()) {
+    input.emplace(options.nmea.path, options.nmea.reconnect);
+    check_options(app, *input);
+  }
+  options.drive.start = from_seconds(options.start_at);
+  options.nmea.max_gap = from_seconds(options.max_gap);
+  options.output.max_duration = from_seconds(options.seconds);
+
   tools::Stop_signal stop_signal;
-  const mw::com::runtime::Component_singleton runtime(node, false);
-  gateway::Output services(stop_signal, output);
-  const auto result =
-      input ? gateway::run_nmea(nmea, *input, services) : gateway::run_drive(drive, services);
-  print(result, services.notifications(), input.has_value(), json);
+  const mw::com::runtime::Component_singleton runtime(options.node, false);
+  gateway::Output services(stop_signal, options.output);
+  const auto result = input ? gateway::run_nmea(options.nmea, *input, services)
+                            : gateway::run_drive(options.drive, services);
+  print(result, services.notifications(), input.has_value(), options.json);
   return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) try {
+  ara::core::Initialize();
+  return run(argc, argv);
 } catch (...) {
   return tools::report_exception("gnss-gateway");
 }

@@ -37,7 +37,7 @@ enum class Gnss_system : std::uint8_t { unknown, gps, glonass, galileo, beidou, 
 
 struct Satellite {
   Gnss_system system = Gnss_system::unknown;
-  std::uint16_t id = 0;          ///< as the sentence numbers it
+  std::uint16_t id = 0;          ///< within its system
   std::optional<int> elevation;  ///< degrees, -90..90
   std::optional<int> azimuth;    ///< degrees from north, 0..359
   std::optional<int> signal;     ///< carrier to noise density, dBHz; absent: not tracked
@@ -47,6 +47,9 @@ struct Satellite {
 
 /// What no sentence of the instant says is absent.
 struct Fix {
+  /// The instant's position has been returned before: only satellites and quality are new.
+  bool supplement = false;
+
   /// Time of day when no sentence has told the date yet; the date is carried on from earlier fixes.
   std::optional<std::chrono::nanoseconds> time_of_day;
   std::optional<Utc_time> utc;
@@ -54,10 +57,19 @@ struct Fix {
   /// False: the receiver itself marks position, speed and course as not to be used.
   bool valid = false;
   std::optional<Coordinates> position;
-  std::optional<double> altitude_msl;      ///< metres
-  std::optional<double> geoid_separation;  ///< metres, WGS84 ellipsoid to mean sea level
-  std::optional<double> speed;             ///< metres per second over ground
-  std::optional<double> course;            ///< degrees from true north
+  std::optional<double> altitude_msl;         ///< metres
+  std::optional<double> geoid_separation;     ///< metres, WGS84 ellipsoid to mean sea level
+  std::optional<double> speed;                ///< metres per second over ground
+  std::optional<double> course;               ///< degrees from true north
+  std::optional<double> accuracy_horizontal;  ///< metres, one sigma
+  std::optional<double> accuracy_vertical;    ///< metres, one sigma
+  std::optional<double> age_of_corrections;   ///< seconds; absent when none are in use
+
+  // Measured without a position too.
+  std::optional<double> heading;           ///< degrees from true north, where the vehicle points
+  std::optional<double> heading_accuracy;  ///< degrees, one sigma
+  std::optional<double> pitch;             ///< degrees, nose up positive
+  std::optional<double> roll;              ///< degrees, right side down positive
 
   std::optional<Fix_quality> quality;
   std::optional<Fix_dimension> dimension;

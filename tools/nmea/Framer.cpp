@@ -40,6 +40,12 @@ std::optional<std::string_view> Framer::next(std::span<const std::byte>& input) 
         break;
 
       case State::sentence:
+        if (c == '$' && length_ >= 3 && line_[length_ - 3] == '*') {
+          // A checksum before it: only the line end has been lost.
+          state_ = State::outside;
+          input = input.subspan(at);
+          return std::string_view(line_.data(), length_);
+        }
         if (c == '$') {
           ++counters_.incomplete;
           length_ = 0;

@@ -29,6 +29,9 @@ struct Counters {
 
   Counters& operator+=(const Counters& other);
 
+  /// Sentences with a right checksum.
+  [[nodiscard]] std::uint64_t sound() const { return sentences + other_sentences; }
+
   /// Everything that a healthy receiver on a healthy line would not have sent.
   [[nodiscard]] std::uint64_t errors() const {
     return too_long + bad_character + incomplete + checksum_missing + checksum_mismatch +
@@ -43,9 +46,9 @@ class Framer {
 
   explicit Framer(Counters& counters) : counters_(counters) {}
 
-  /// Consumes from the front of `input` until a sentence is complete; returns what stands between
-  /// '$' and the line end (checksum not verified yet), valid until the next call. Without a result
-  /// all of `input` has been consumed.
+  /// Consumes from the front of `input` until a sentence is complete. Returns what stands between
+  /// '$' and the line end or the next sentence (checksum not verified yet), valid until the next
+  /// call. Without a result all of `input` has been consumed.
   [[nodiscard]] std::optional<std::string_view> next(std::span<const std::byte>& input);
 
   /// The input has ended: what has begun is counted as incomplete.

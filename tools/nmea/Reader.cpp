@@ -12,13 +12,13 @@ void Reader::feed(std::span<const std::byte> bytes, const Sink& sink) {
   }
 }
 
-void Reader::pause(const Sink& sink) {
-  if (const auto fix = builder_.finish()) sink(*fix);
+void Reader::pause(Silence silence, const Sink& sink) {
+  if (const auto fix = builder_.pause(silence)) sink(*fix);
 }
 
 void Reader::finish(const Sink& sink) {
   framer_.finish();
-  pause(sink);
+  if (const auto fix = builder_.finish()) sink(*fix);
 }
 
 }  // namespace nmea

@@ -1,4 +1,4 @@
-/// Bytes in, fixes out: the whole road of an NMEA 0183 stream, without any input or output of its
+/// Bytes in, fixes out: the whole path of an NMEA 0183 stream, without any input or output of its
 /// own.
 #pragma once
 
@@ -24,9 +24,9 @@ class Reader {
   /// has ended.
   void feed(std::span<const std::byte> bytes, const Sink& sink);
 
-  /// A live receiver has paused: the instant being told is complete. A sentence in the middle of
-  /// its line goes on.
-  void pause(const Sink& sink);
+  /// A live receiver is silent: `sink` gets the position of the instant that is being told, or
+  /// the satellites that have come since. A sentence in the middle of its line goes on.
+  void pause(Silence silence, const Sink& sink);
 
   /// The stream has ended.
   void finish(const Sink& sink);

@@ -11,21 +11,17 @@
 
 #include "tools/nmea/Fix.h"
 #include "tools/nmea/Framer.h"
+#include "tools/nmea/Satellite_number.h"
 
 namespace nmea {
 
-/// Who speaks: one system's receiver, or `combined` (GN) for a solution over several systems.
-enum class Talker : std::uint8_t { gps, glonass, galileo, beidou, qzss, navic, combined };
-inline constexpr std::size_t talker_count = 7;
-
 /// In the order in which they are believed when two of one instant say the same thing.
-enum class Navigation_type : std::uint8_t { gga, gns, rmc, gll, vtg, zda };
-inline constexpr std::size_t navigation_type_count = 6;
+enum class Navigation_type : std::uint8_t { gga, gns, rmc, gll, vtg };
+inline constexpr std::size_t navigation_type_count = 5;
 
-/// GGA, GNS, RMC, GLL, VTG or ZDA; what the sentence does not say is absent.
+/// GGA, GNS, RMC, GLL or VTG; what the sentence does not say is absent.
 struct Navigation {
   Navigation_type type{};
-  Talker talker{};
   std::optional<std::chrono::nanoseconds> time_of_day;
   std::optional<std::chrono::year_month_day> date;
   std::optional<bool> valid;
@@ -35,19 +31,37 @@ struct Navigation {
   std::optional<double> hdop;
   std::optional<double> altitude_msl;
   std::optional<double> geoid_separation;
-  std::optional<double> speed;   ///< metres per second
-  std::optional<double> course;  ///< degrees true
+  std::optional<double> age_of_corrections;  ///< seconds
+  std::optional<double> speed;               ///< metres per second
+  std::optional<double> course;              ///< degrees true
+};
+
+/// ZDA: time and date, which a receiver also tells without a position.
+struct Clock {
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::optional<std::chrono::year_month_day> date;
+};
+
+/// GST: the accuracy of a position.
+struct Accuracy {
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::optional<double> horizontal;  ///< metres, one sigma
+  std::optional<double> vertical;    ///< metres, one sigma
+};
+
+/// HDT, THS or PASHR.
+struct Attitude {
+  std::optional<double> heading;           ///< degrees true
+  std::optional<double> heading_accuracy;  ///< degrees, one sigma
+  std::optional<double> pitch;             ///< degrees, nose up positive
+  std::optional<double> roll;              ///< degrees, right side down positive
 };
 
 /// GSA: satellites in use and dilution of precision.
 struct Active_satellites {
-  struct Used {
-    Gnss_system system{};
-    std::uint16_t id = 0;
-    friend bool operator==(const Used&, const Used&) = default;
-  };
+  static constexpr std::size_t max_used = 24;
   std::optional<Fix_dimension> dimension;
-  std::array<Used, 12> used{};
+  std::array<Satellite_number, max_used> used{};
   std::size_t used_count = 0;
   std::optional<double> pdop;
   std::optional<double> hdop;
@@ -56,20 +70,26 @@ struct Active_satellites {
 
 /// GSV: one sentence of a group that lists the satellites in view.
 struct Satellites_in_view {
-  Talker talker{};
   std::uint8_t signal = 0;  ///< 0 when the sentence does not say
-  unsigned total = 0;       ///< sentences of the group, 1..9
+  unsigned total = 0;       ///< sentences of the group
   unsigned number = 0;      ///< this one, 1..total
   unsigned in_view = 0;
   std::array<Satellite, 4> satellites{};
   std::size_t satellite_count = 0;
 };
 
-using Sentence = std::variant<Navigation, Active_satellites, Satellites_in_view>;
+using Content =
+    std::variant<Navigation, Clock, Accuracy, Attitude, Active_satellites, Satellites_in_view>;
+
+struct Sentence {
+  Talker talker{};
+  Content content;
+};
 
 /// Verifies the checksum of `line` (as Framer::next() returns it) and reads its fields. Nothing
-/// when it is faulty or not one of ours: then the reason is counted. A sentence with one bad field
-/// is dropped whole.
+/// when it is faulty or not one of ours: then the reason is counted. A bad field is absent and
+/// counted; only one that says where the sentence belongs (its time, its number in a group) costs
+/// the whole sentence.
 [[nodiscard]] std::optional<Sentence> parse(std::string_view line, Counters& counters);
 
 }  // namespace nmea

@@ -73,6 +73,58 @@ TEST(Records, what_the_receiver_marks_as_unusable_carries_error) {
   EXPECT_EQ(notification.quality.at(0).statusReceiverMode, 1U);
 }
 
+TEST(Records, a_course_is_a_heading_only_in_motion_and_a_measured_heading_always) {
+  struct Case {
+    std::optional<double> speed;
+    std::optional<double> heading;
+    bool valid;
+    boost::optional<float> yaw_angle;
+    boost::optional<Value_type> quality;
+  };
+  const auto course = 271.3F;
+  for (const auto& [speed, heading, valid, yaw_angle, quality] : std::initializer_list<Case>{
+           {3.0, {}, true, course, Value_type::physical_value},
+           {2.9, {}, true, {}, Value_type::error},
+           {{}, {}, true, {}, Value_type::error},
+           {0.0, 45.0, true, 45.0F, Value_type::physical_value},
+           {9.0, 45.0, false, 45.0F, Value_type::physical_value},
+           {9.0, {}, false, {}, Value_type::error},
+       }) {
+    auto fix = told_fix();
+    fix.speed = speed;
+    fix.heading = heading;
+    fix.valid = valid;
+    const auto record = to_notification(fix, context).positions.at(0);
+    EXPECT_EQ(record.yawAngle, yaw_angle);
+    EXPECT_EQ(record.yawAngle_valueType, quality);
+    EXPECT_EQ(record.courseOverGround, course);
+  }
+  auto fix = told_fix();
+  fix.course = fix.speed = std::nullopt;
+  EXPECT_FALSE(to_notification(fix, context).positions.at(0).yawAngle_valueType) << "never has one";
+}
+
+TEST(Records, accuracies_corrections_and_attitude_have_their_members) {
+  auto fix = told_fix();
+  fix.accuracy_horizontal = 0.5;
+  fix.accuracy_vertical = 0.75;
+  fix.age_of_corrections = 1.5;
+  fix.heading = 10;
+  fix.heading_accuracy = 0.25;
+  fix.pitch = -2;
+  fix.roll = 4;
+  const auto record = to_notification(fix, context).positions.at(1);
+  EXPECT_EQ(record.accuracyHorizontal, 0.5F);
+  EXPECT_EQ(record.accuracyVertical, 0.75F);
+  EXPECT_EQ(record.ageOfDifferentialData, 1500U);
+  EXPECT_EQ(record.ageOfDifferentialData_valueType, Value_type::physical_value);
+  EXPECT_EQ(record.accuracyYawAngle, 0.25F);
+  EXPECT_EQ(record.pitchAngle, -2.0F);
+  EXPECT_EQ(record.rollAngle, 4.0F);
+  fix.supplement = true;
+  EXPECT_TRUE(to_notification(fix, context).positions.empty());
+}
+
 TEST(Records, the_fix_type_follows_quality_and_dimension) {
   const auto status = [](auto member, auto value) {
     auto fix = told_fix();
@@ -114,6 +166,17 @@ TEST(Records, satellites_are_listed_and_counted_by_system) {
   EXPECT_EQ(quality.systemsInView, 0b110001U);
   EXPECT_EQ(quality.systemsTracked, 0b100001U);
   EXPECT_EQ(quality.systemsInUse, 0b000001U);
+}
+
+TEST(Records, the_drive_begins_without_an_error) {
+  const drive::Course course;
+  for (const auto& record :
+       to_notification(course.sample(0s), course.sky(0s, 24), context).positions) {
+    binding::for_each_quantity<lumo::services::gnss::datatypes::DT_positions_struct>(
+        [&](const auto& quantity) {
+          EXPECT_NE(record.*quantity.quality.pointer, Value_type::error);
+        });
+  }
 }
 
 TEST(Records, in_the_tunnel_of_the_drive_only_dead_reckoning_has_a_position) {

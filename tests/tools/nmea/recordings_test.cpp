@@ -23,7 +23,7 @@ TEST(Recordings, are_understood_sentence_by_sentence) {
   };
   for (const auto& recording :
        {Recording{"garmin25lp.log", 20, 106, 0, 0}, Recording{"haicom-305N.log", 74, 325, 0, 1},
-        Recording{"nmea-rtk.log", 122, 244, 0, 0}, Recording{"quectel-eg25-g.log", 60, 715, 146, 0},
+        Recording{"nmea-rtk.log", 122, 244, 0, 0}, Recording{"quectel-eg25-g.log", 60, 861, 0, 0},
         Recording{"ublox-8.log", 72, 1008, 0, 1}}) {
     const auto path = std::filesystem::path(POS_RECORDINGS) / recording.name;
     std::ifstream file(path, std::ios::binary);

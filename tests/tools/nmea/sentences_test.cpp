@@ -74,7 +74,7 @@ TEST(Nmea, one_instant_told_by_all_sentences_becomes_one_fix) {
   EXPECT_EQ(fix.satellites_tracked, 2U);
   const std::vector<Satellite> expected{{Gnss_system::gps, 4, 40, 83, 49, true},
                                         {Gnss_system::gps, 7, -1, 0, std::nullopt, false},
-                                        {Gnss_system::glonass, 65, 17, 308, 41, true}};
+                                        {Gnss_system::glonass, 1, 17, 308, 41, true}};
   EXPECT_EQ(fix.satellites, expected);
 }
 
@@ -112,18 +112,9 @@ TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
            "GPGGA,123519,4807.038,,01131.000,E,1,08,0.9,,,,,,",
            "GPGGA,123519,4807.038,N,,,1,08,0.9,,,,,,",
            "GPGGA,123519,4807.0e1,N,01131.000,E,1,08,0.9,,,,,,",
-           "GPGGA,123519,4807.038,N,01131.000,E,9,08,0.9,,,,,,",
-           "GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,12.0,f,,,,",
-           "GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,1234567.0,M,,,,",
-           "GPRMC,123519,A,4807.038,N,01131.000,E,nan,,230394,,",
-           "GPRMC,123519,A,4807.038,N,01131.000,E,-1.0,,230394,,",
-           "GPRMC,123519,A,4807.038,N,01131.000,E,1.0,360.1,230394,,",
-           "GPRMC,123519,A,4807.038,N,01131.000,E,,,300294,,",
-           "GPRMC,123519,A,4807.038,N,01131.000,E,,,30294,,",
            "GPZDA,123519,01,01,1979,00,00",
            "GPZDA,123519,01,01,2262,00,00",
            "GPGSV,2,3,02,04,40,083,46",
-           "GPGSV,1,1,02,04,40,083,46,05,06",
            "GPGSA,A,3,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,,",
        })
     cases.emplace_back(sentence(malformed), &Counters::malformed_field);
@@ -140,12 +131,207 @@ TEST(Nmea, faulty_sentences_are_skipped_and_counted_by_reason) {
   EXPECT_EQ(foreign.counters.errors(), 0U);
 }
 
+TEST(Nmea, a_bad_field_costs_itself_only) {
+  struct Case {
+    const char* body;
+    bool (*is_absent)(const Fix&);
+  };
+  const auto no_altitude = [](const Fix& fix) { return !fix.altitude_msl; };
+  const auto no_speed = [](const Fix& fix) { return !fix.speed; };
+  const auto no_course = [](const Fix& fix) { return !fix.course; };
+  const auto no_date = [](const Fix& fix) { return !fix.utc; };
+  for (const auto& [body, is_absent] : std::initializer_list<Case>{
+           {"GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,12.0,f,,,,", no_altitude},
+           {"GPGGA,123519,4807.038,N,01131.000,E,1,08,0.9,1234567.0,M,,,,", no_altitude},
+           {"GPGGA,123519,4807.038,N,01131.000,E,1,-8,0.9,12.0,M,,,,",
+            [](const Fix& fix) { return !fix.satellites_in_use && fix.altitude_msl; }},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,nan,,,,", no_speed},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,-1.0,,,,", no_speed},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,1.0,360.1,,,", no_course},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,,,300294,,", no_date},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,,,30294,,", no_date},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,,,2208-1,,", no_date},
+           {"GPRMC,123519,A,4807.038,N,01131.000,E,,,,,,?", no_date},
+       }) {
+    const auto result = read(sentence(body));
+    EXPECT_EQ(result.counters.malformed_field, 1U) << body;
+    ASSERT_EQ(result.fixes.size(), 1U) << body;
+    EXPECT_TRUE(result.fixes[0].valid && result.fixes[0].position) << body;
+    EXPECT_TRUE(is_absent(result.fixes[0])) << body;
+  }
+  const auto partial =
+      read(sentence("GPGGA,000001,,,,,0,,,,,,,,") + sentence("GPGSV,1,1,02,04,95,083,46,05,06"));
+  EXPECT_EQ(partial.counters.malformed_field, 1U);
+  const std::vector<Satellite> expected{{Gnss_system::gps, 4, std::nullopt, 83, 46, false}};
+  EXPECT_EQ(partial.fixes.at(0).satellites, expected);
+}
+
+TEST(Nmea, placeholders_of_a_receiver_without_a_fix_are_no_errors) {
+  for (const char* body : {"GPRMC,120000.0,V,8960.0000,N,00000.0000,E,0.0,0.0,000000,,",
+                           "GPGGA,120000,0000.0000,N,00000.0000,E,0,00,99.9,0.0,M,,M,,0000",
+                           "GPGGA,120000,0000.0000,,00000.0000,,0,,,-,M,,,,",
+                           "GPGLL,0000.0000,N,00000.0000,E,120000,V,N", "GPRMC,,V,,,,,,,,,,N",
+                           "GNGNS,120000,,,,,NNN,00,,,,,"}) {
+    const auto result = read(sentence(body) + sentence("GPZDA,120000,00,00,0000,00,00") +
+                             sentence("GPVTG,,T,,M,,N,,K,N") + sentence("GPHDT,,T"));
+    EXPECT_EQ(result.counters.errors(), 0U) << body;
+    ASSERT_EQ(result.fixes.size(), 1U) << body;
+    EXPECT_FALSE(result.fixes[0].valid || result.fixes[0].position) << body;
+  }
+}
+
+TEST(Nmea, without_a_word_on_validity_there_is_no_fix_but_date_and_satellites_are_kept) {
+  const std::string gga = ",4807.038,N,01131.000,E,1,08,0.9,,,,,,";
+  const auto result = read(
+      sentence("GPGSV,1,1,01,04,40,083,46") + sentence("GPVTG,084.4,T,,M,022.4,N,,K") +
+      sentence("GPZDA,120000,01,02,2024,00,00") + sentence("GPGGA,120001" + gga) +
+      sentence("GPZDA,120002,01,02,2024,00,00") + sentence("GPGLL,4807.038,N,01131.000,E,120003") +
+      sentence("GPGSV,1,1,01,05,40,083,46") + sentence("GPGGA,120004" + gga));
+  ASSERT_EQ(result.fixes.size(), 2U);
+  constexpr Utc_time noon = std::chrono::sys_days(2024y / 2 / 1) + 12h;
+  EXPECT_THAT(result.fixes[0].utc, Optional(noon + 1s));
+  EXPECT_EQ(result.fixes[0].satellites.value().at(0).id, 4U);
+  EXPECT_THAT(result.fixes[1].utc, Optional(noon + 4s));
+  EXPECT_EQ(result.fixes[1].satellites.value().at(0).id, 5U);
+}
+
+TEST(Nmea, a_pause_within_an_instant_does_not_end_it) {
+  Reader reader;
+  std::vector<Fix> fixes;
+  const auto sink = [&](const Fix& fix) { fixes.push_back(fix); };
+  const auto feed = [&](const std::string& body) {
+    const auto line = sentence(body);
+    reader.feed(std::as_bytes(std::span(line)), sink);
+  };
+  const auto counts = [&](Silence silence, std::size_t count) {
+    reader.pause(silence, sink);
+    return fixes.size() == count;
+  };
+  const std::string position = ",4807.038,N,01131.000,E";
+  feed("GPRMC,000001,A" + position + ",1.0,2.0,010124,,");
+  EXPECT_TRUE(counts(Silence::brief, 1));
+  EXPECT_TRUE(counts(Silence::lasting, 1)) << "a position is sent once";
+  feed("GPGGA,000001" + position + ",1,08,0.9,,,,,,");
+  EXPECT_TRUE(counts(Silence::lasting, 1));
+  feed("GPGSA,A,3,04,,,,,,,,,,,,2.5,1.3,2.1");
+  feed("GPGSV,1,1,01,04,40,083,46");
+  EXPECT_TRUE(counts(Silence::brief, 2));
+  EXPECT_TRUE(fixes[1].supplement && fixes[1].valid && fixes[1].satellites->at(0).in_use);
+  feed("GPRMC,000002,A" + position + ",1.0,2.0,010124,,");
+  EXPECT_TRUE(counts(Silence::brief, 2)) << "the last instant had a GGA too";
+  feed("GPGGA,000002" + position + ",1,08,0.9,545.4,M,,,,");
+  EXPECT_TRUE(counts(Silence::brief, 3));
+  EXPECT_TRUE(!fixes[2].supplement && fixes[2].speed && fixes[2].altitude_msl);
+  feed("GPRMC,000003,A" + position + ",1.0,2.0,010124,,");
+  EXPECT_TRUE(counts(Silence::brief, 3) && counts(Silence::lasting, 4));
+  feed("GPRMC,000004,V,,,,,,,010124,,");
+  EXPECT_TRUE(counts(Silence::lasting, 5));
+  feed("GPRMC,000004,V,,,,,,,010124,,");
+  EXPECT_TRUE(counts(Silence::lasting, 6)) << "the clock of a receiver without a fix may stand";
+}
+
+TEST(Nmea, satellites_are_numbered_within_their_system_and_found_again_in_every_form) {
+  using enum Gnss_system;
+  struct Case {
+    const char* view;
+    Gnss_system system;
+    unsigned id;
+    const char* active;
+  };
+  for (const auto& [view, system, id, active] : std::initializer_list<Case>{
+           {"GPGSV,1,1,01,44,40,083,46", sbas, 131, "GPGSA,A,3,44,,,,,,,,,,,,2.5,1.3,2.1"},
+           {"GPGSV,1,1,01,131,40,083,46", sbas, 131, "GNGSA,A,3,131,,,,,,,,,,,,2.5,1.3,2.1,1"},
+           {"GLGSV,1,1,01,65,40,083,46", glonass, 1, "GNGSA,A,3,65,,,,,,,,,,,,2.5,1.3,2.1"},
+           {"GLGSV,1,1,01,08,40,083,46,1", glonass, 8, "GNGSA,A,3,72,,,,,,,,,,,,2.5,1.3,2.1,2"},
+           {"GBGSV,1,1,01,08,40,083,46,1", beidou, 8, "GBGSA,A,3,208,,,,,,,,,,,,2.5,1.3,2.1,4"},
+           {"BDGSV,1,1,01,208,40,083,46", beidou, 8, "GNGSA,A,3,08,,,,,,,,,,,,2.5,1.3,2.1,4"},
+           {"PQGSV,1,1,01,08,40,083,46,0,4", beidou, 8, "PQGSA,A,3,08,,,,,,,,,,,,2.5,1.3,2.1,4"},
+           {"PQGSV,1,1,01,193,40,083,46", qzss, 193, "GQGSA,A,3,01,,,,,,,,,,,,2.5,1.3,2.1,5"},
+           {"GNGSV,1,1,01,308,40,083,46", galileo, 8, "GAGSA,A,3,08,,,,,,,,,,,,2.5,1.3,2.1,1.9,3"},
+           {"GAGSV,1,1,01,08,40.4,083,46.0,7", galileo, 8,
+            "GAGSA,A,3,108,,,,,,,,,,,,2.5,1.3,2.1,1.9"},
+           {"GIGSV,1,1,01,05,40,083,46", navic, 5, "GNGSA,A,3,05,,,,,,,,,,,,2.5,1.3,2.1,6"},
+           {"IMGSV,1,1,01,05,40,083,46", unknown, 5, "IMGSA,A,3,05,2.5,1.3,2.1"},
+       }) {
+    const auto result =
+        read(sentence("GPGGA,000001,,,,,0,,,,,,,,") + sentence(view) + sentence(active));
+    const auto& fix = result.fixes.at(0);
+    EXPECT_EQ(result.counters.errors(), 0U) << view;
+    ASSERT_EQ(fix.satellites.value_or(std::vector<Satellite>{}).size(), 1U) << view;
+    EXPECT_EQ(fix.satellites->at(0),
+              (Satellite{system, static_cast<std::uint16_t>(id), 40, 83, 46, true}))
+        << active;
+    EXPECT_THAT(fix.vdop, Optional(2.1)) << active;
+  }
+}
+
+TEST(Nmea, a_group_of_satellites_may_hold_several_signals) {
+  const auto result = read(sentence("GPGGA,000001,,,,,0,,,,,,,,") +
+                           sentence("GPGSV,2,1,05,04,40,083,46,05,40,083,40,06,,,,07,,,,1") +
+                           sentence("GPGSV,2,2,05,04,40,083,48,8"));
+  EXPECT_EQ(result.counters.errors(), 0U);
+  EXPECT_EQ(result.fixes.at(0).satellites_in_view, 4U);
+  EXPECT_EQ(result.fixes.at(0).satellites.value().at(0).signal, 48);
+}
+
+TEST(Nmea, a_device_that_passes_positions_on_counts_while_no_receiver_speaks) {
+  const auto at = [](const std::string& talker, int second) {
+    return sentence(talker + "GGA,0000" + std::to_string(second) +
+                    ",4807.038,N,01131.000,E,1,08,0.9,,,,,,");
+  };
+  for (const char* talker : {"IN", "EC", "II"})
+    EXPECT_TRUE(read(at(talker, 10)).fixes.at(0).valid) << talker;
+  const auto both = read(at("II", 10) + at("GP", 11) + at("II", 12) + at("GP", 13) + at("II", 14));
+  EXPECT_EQ(both.fixes.size(), 3U);
+  std::string gone = at("GP", 11);
+  for (int second = 0; second < 100; ++second)
+    gone += at("II", 10 + second % 50);
+  EXPECT_EQ(read(gone).fixes.size(), 1U + 36U);
+  EXPECT_TRUE(read(sentence("PGRMC,000001,A,4807.038,N,01131.000,E,,,,,")).fixes.empty())
+      << "a maker's own sentence, not RMC";
+}
+
+TEST(Nmea, accuracy_corrections_and_attitude_join_the_instant) {
+  const auto result = read(sentence("GNGST,120001,9,3.0,4.0,10,0.3,0.4,0.7") +
+                           sentence("GNGGA,120001,4807.038,N,01131.000,E,2,08,0.9,,,,,1.5,0101") +
+                           sentence("GNGST,120002,9,3.0,4.0,10,,,") + sentence("HEHDT,123.4,T") +
+                           sentence("PASHR,120001.00,124.0,T,-1.50,+2.25,+0.00,0.1,0.1,0.2,1,0") +
+                           sentence("PASHR,POS,0,08,120001.00") + sentence("GNTHS,9.0,V") +
+                           sentence("GNGGA,120002,4807.038,N,01131.000,E,1,08,0.9,,,,,0.0,0000"));
+  EXPECT_EQ(result.counters.errors(), 0U);
+  ASSERT_EQ(result.fixes.size(), 2U);
+  const Fix& fix = result.fixes[0];
+  EXPECT_THAT(fix.accuracy_horizontal, Optional(DoubleEq(0.5)));
+  EXPECT_THAT(fix.accuracy_vertical, Optional(0.7));
+  EXPECT_THAT(fix.age_of_corrections, Optional(1.5));
+  EXPECT_THAT(fix.heading, Optional(124.0));
+  EXPECT_THAT(fix.heading_accuracy, Optional(0.2));
+  EXPECT_THAT(fix.roll, Optional(-1.5));
+  EXPECT_THAT(fix.pitch, Optional(2.25));
+  EXPECT_THAT(result.fixes[1].accuracy_horizontal, Optional(DoubleEq(5.0)));
+  EXPECT_FALSE(result.fixes[1].age_of_corrections) << "no corrections in use";
+  EXPECT_FALSE(result.fixes[1].heading) << "of the instant before";
+}
+
+TEST(Nmea, spaces_and_a_lost_line_end_cost_no_sentence) {
+  auto first = sentence("GPGGA,000001,4807.038,N,01131.000,E,1, 8,0.9, 545.4,M,,,,");
+  first.resize(first.size() - 2);
+  auto second = sentence("GPGGA,000002,4807.038,N,01131.000,E,1,08,0.9,,,,,,");
+  second.insert(second.size() - 2, " ");
+  const auto result = read(first + second);
+  EXPECT_EQ(result.counters.errors(), 0U);
+  ASSERT_EQ(result.fixes.size(), 2U);
+  EXPECT_THAT(result.fixes[0].altitude_msl, Optional(545.4));
+  EXPECT_EQ(result.fixes[0].satellites_in_use, 8U);
+}
+
 TEST(Nmea, the_date_is_carried_on_and_turns_at_midnight) {
   const auto result = read(sentence("GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,") +
                            sentence("GPRMC,235959.0,A,4807.038,N,01131.000,E,,,311299,,") +
                            sentence("GPGGA,000000.5,4807.038,N,01131.000,E,1,08,0.9,,,,,,") +
                            sentence("GPGGA,235959.5,4807.038,N,01131.000,E,1,08,0.9,,,,,,") +
-                           sentence("GPZDA,000001.0,01,01,2000,00,00"));
+                           sentence("GPZDA,000001.0,01,01,2000,00,00") +
+                           sentence("GPGGA,000001.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,"));
   constexpr Utc_time new_year = std::chrono::sys_days(2000y / 1 / 1);
   ASSERT_EQ(result.fixes.size(), 5U);
   EXPECT_FALSE(result.fixes[0].utc) << "no date was told yet";
@@ -205,7 +391,8 @@ TEST(Nmea, a_group_with_a_gap_counts_once_and_shows_no_satellites) {
     EXPECT_EQ(result.counters.incomplete_groups, 1U);
     EXPECT_FALSE(result.fixes.at(0).satellites_in_view);
   }
-  const auto cut_off = read(part(1) + part(2) + part(1) + part(2) + part(3) + part(4));
+  const auto cut_off = read(sentence("GPGGA,000001,,,,,0,,,,,,,,") + part(1) + part(2) + part(1) +
+                            part(2) + part(3) + part(4));
   EXPECT_EQ(cut_off.counters.incomplete_groups, 1U);
   EXPECT_TRUE(cut_off.fixes.at(0).satellites_in_view);
 }

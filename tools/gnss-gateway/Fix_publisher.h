@@ -1,0 +1,41 @@
+/// Sends the fixes of a receiver and finds its update rate from their times.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <optional>
+
+#include "tools/gnss-gateway/Output.h"
+#include "tools/gnss-gateway/Sources.h"
+#include "tools/nmea/Fix.h"
+
+namespace gateway {
+
+class Fix_publisher {
+ public:
+  explicit Fix_publisher(Output& output) : output_(output) {}
+
+  /// How much later `fix` is than the one before; nothing when one of them does not say.
+  [[nodiscard]] std::optional<std::chrono::nanoseconds> since_last(const nmea::Fix& fix) const;
+
+  /// Nothing once the output is done.
+  void publish(const nmea::Fix& fix);
+
+  /// The next fix is from another pass over the recording.
+  void forget() { last_ = {}; }
+
+  [[nodiscard]] Source_result& result() { return result_; }
+
+ private:
+  struct Time {
+    std::optional<nmea::Utc_time> utc;
+    std::optional<std::chrono::nanoseconds> time_of_day;
+  };
+
+  Output& output_;
+  Source_result result_;
+  Time last_;
+  std::optional<std::uint32_t> rate_;
+};
+
+}  // namespace gateway

@@ -1,0 +1,22 @@
+/// Puts together what several sentences tell of one instant, for Epoch_builder.cpp.
+#pragma once
+
+#include <optional>
+
+#include "tools/nmea/Epoch_builder.h"
+
+namespace nmea::detail {
+
+/// Takes over what is still missing.
+template <typename T>
+void complete(std::optional<T>& target, const std::optional<T>& source) {
+  if (!target) target = source;
+}
+
+/// Call it in the order in which the sentences are believed.
+void take(const Navigation& navigation, Fix& fix);
+
+/// Call it after all navigation sentences.
+void take(const Sky& sky, Fix& fix);
+
+}  // namespace nmea::detail
