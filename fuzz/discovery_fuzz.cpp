@@ -221,9 +221,24 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
         require(!endpoint ||
                     someip::reachable_peer(endpoint->address, fuzz::address(fuzz::own_address), 16),
                 "notifications go to endpoints on the link");
+        require(!endpoint || endpoint->address == one.origin.sender,
+                "notifications go to the address that has subscribed");
       }
+      const auto same = [&](const someip::Subscriber& other) {
+        return other.origin.sender == one.origin.sender;
+      };
+      require(std::ranges::count_if(all, same) <=
+                  static_cast<std::ptrdiff_t>(deployment_.limits.subscribers_per_address),
+              "subscribers of one address have a bound");
     }
     subscribers_[{key, group}] = all.size();
+  }
+
+  /// Is everything that the offer names the one peer that may provide the guarded service?
+  static bool allowed(const someip::Remote_offer& offer) {
+    const auto guard = fuzz::address(0x7F4D0102);
+    return offer.origin.sender == guard && offer.origin.peer.address == guard &&
+           offer.endpoints.all([&](const Endpoint& one) { return one.address == guard; });
   }
 
   // Discovery_client_host
@@ -231,8 +246,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     require(known_.insert(key).second, "an instance becomes available once");
     require(known_.size() <= deployment_.limits.remote_instances, "instances have a bound");
     require(offer.endpoints.udp || offer.endpoints.tcp, "an instance can be reached");
-    require(key.service != fuzz::guarded_service || offer.peer.address == fuzz::address(0x7F4D0102),
-            "only allowed peers provide a guarded service");
+    require(key.service != fuzz::guarded_service || allowed(offer),
+            "only allowed peers provide a guarded service, from allowed endpoints");
   }
   void instance_gone(const Instance_key& key) override {
     require(known_.erase(key) == 1, "only a known instance goes");
@@ -248,6 +263,9 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   void listen_to(const Instance_key& key, std::uint16_t, const Endpoint& group) override {
     require(known_.contains(key) && group.address.is_multicast(),
             "a multicast group comes with an instance");
+  }
+  bool has_delivered(const Instance_key&, const someip::Address&) override {
+    return (host_ & 32U) != 0;
   }
   bool initial_value_missing(const Instance_key&, std::uint16_t) const override {
     return (host_ & 8U) != 0;

@@ -78,6 +78,9 @@ someip::Discovery_timing discovery(const Json_reader& value) {
   if (const auto found = members.find("multicastAddress")) {
     result.multicast_address = address(*found, true);
   }
+  if (const auto found = members.find("subscriptionsForOthers")) {
+    result.subscriptions_for_others = found->boolean();
+  }
   read_numbers(members, result);
   members.done();
   if (result.initial_delay_min > result.initial_delay_max) {
