@@ -45,7 +45,8 @@ struct Limits {
   std::size_t reassemblies_per_peer = 8;
   Milliseconds reassembly_timeout{5000};
   std::size_t message_bytes = std::size_t{256} * 1024;  ///< one SOME/IP message, header included
-  std::size_t tcp_connections = 64;  ///< accepted ones; also the bound of outgoing ones
+  std::size_t tcp_connections = 64;              ///< accepted ones; also the bound of outgoing ones
+  std::size_t tcp_connections_per_address = 16;  ///< of the accepted ones
   std::size_t tcp_send_queue_bytes =
       std::size_t{512} * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;

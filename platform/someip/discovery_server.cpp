@@ -96,8 +96,8 @@ void Discovery_server::find(
       continue;
     }
     if (local.phase == Phase::initial_wait || !allows(local.offer.allowed_peers, from)) continue;
-    // A find in another's name is answered with the delay, too: its answers leave together, so that
-    // nobody has a third party flooded.
+    // The answers to finds in another's name wait, too, and leave together: such finds cannot flood
+    // a third party.
     if (!multicast && from.direct()) {
       if (!outbox_.holds_offer(to, key, timing_.offer_ttl)) {
         send_offer(local, timing_.offer_ttl, to);

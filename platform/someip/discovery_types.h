@@ -40,8 +40,8 @@ struct Instance_endpoints {
   friend bool operator==(const Instance_endpoints&, const Instance_endpoints&) = default;
 };
 
-/// Where a discovery message comes from. What it causes is bound to both: nobody ends, renews or
-/// restarts what another address has said, whatever discovery endpoint the message names.
+/// Where a discovery message comes from. What it causes belongs to both members: an address cannot
+/// end, renew or restart what another one has said, whatever discovery endpoint it names.
 struct Origin {
   Address sender;  ///< of the datagram
   /// The service discovery that gets the answers: the sender's own unless the message names another

@@ -23,10 +23,10 @@ namespace someip {
 class Search {
  public:
   virtual ~Search() = default;
-  /// The offered instances, at the start and on each change. Those whose present provider was the
-  /// first to deliver their events come first, in the order of these deliveries: a newcomer is not
-  /// preferred to them. The others follow in the order in which they were first offered. Called on
-  /// the control thread; must not wait.
+  /// The offered instances, at the start and on each change. In front are those whose present
+  /// provider was the first to deliver their events, in the order of these deliveries, so that a
+  /// stranger's instance does not displace them. The others follow in the order in which they were
+  /// first offered. Called on the control thread; must not wait.
   virtual void found(const std::vector<std::uint16_t>& instances) = 0;
 };
 

@@ -154,7 +154,7 @@ std::shared_ptr<Tcp_service_port> Node_server::tcp_port(const Instance_deploymen
                              " cannot be used: " + error.code().message());
   }
   context_.on_control([this, port] {
-    port->start([this] { return admit_connection(); },
+    port->start([this](const Address& peer) { return admit_connection(peer); },
                 [this](const Endpoint& client) {
                   context_.change([&](Discovery_server& server, Discovery_client&) {
                     server.connection_lost(client);
@@ -164,12 +164,20 @@ std::shared_ptr<Tcp_service_port> Node_server::tcp_port(const Instance_deploymen
   return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
 }
 
-bool Node_server::admit_connection() {
+bool Node_server::admit_connection(const Address& peer) {
+  const Deployment& deployment = context_.deployment;
+  const bool allowed = std::ranges::any_of(deployment.services, [&](const auto& service) {
+    return allows(service.allowed_peers, peer);
+  });
+  if (!allowed) return false;
   const std::lock_guard lock(ports_mutex_);
-  std::size_t count = 0;
-  for (const auto& [number, port] : tcp_ports_)
+  std::size_t count = 0, of_peer = 0;
+  for (const auto& [number, port] : tcp_ports_) {
     count += port->connections();
-  return count < context_.deployment.limits.tcp_connections;
+    of_peer += port->connections_from(peer);
+  }
+  return count < deployment.limits.tcp_connections &&
+         of_peer < deployment.limits.tcp_connections_per_address;
 }
 
 bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {

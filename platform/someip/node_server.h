@@ -54,7 +54,7 @@ class Node_server final : public Discovery_server_host {
 
   [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
-  [[nodiscard]] bool admit_connection();
+  [[nodiscard]] bool admit_connection(const Address& peer);
   void port_closed(const Returned_datagram& returned);
 
   Node_context& context_;

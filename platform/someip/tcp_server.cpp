@@ -34,7 +34,7 @@ Tcp_service_port::Tcp_service_port(const Endpoint& local,
   acceptor_.listen();
 }
 
-void Tcp_service_port::start(std::function<bool()> admit,
+void Tcp_service_port::start(std::function<bool(const Address&)> admit,
                              std::function<void(const Endpoint&)> lost) {
   admit_ = std::move(admit);
   lost_ = std::move(lost);
@@ -65,7 +65,7 @@ void Tcp_service_port::accept() {
       });
       return;
     }
-    if (admit_()) {
+    if (admit_(accepted_.address())) {
       counters_.tcp_accepted.add();
       connections_.push_back(std::make_shared<Tcp_connection>(
           std::move(socket), endpoint_of(accepted_), false, limits_,
@@ -89,6 +89,11 @@ void Tcp_service_port::received(Received message,
 void Tcp_service_port::lost(const std::shared_ptr<Tcp_connection>& connection) {
   std::erase(connections_, connection);
   lost_(connection->peer());
+}
+
+std::size_t Tcp_service_port::connections_from(const Address& peer) const {
+  return static_cast<std::size_t>(std::ranges::count_if(
+      connections_, [&](const auto& connection) { return connection->peer().address == peer; }));
 }
 
 std::shared_ptr<Stream> Tcp_service_port::connection_of(const Endpoint& client) const {

@@ -25,13 +25,15 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
                    Counters& counters,
                    Log& log);
 
-  /// `admit` says whether one more connection may be accepted; `lost` is told which client has
-  /// gone.
-  void start(std::function<bool()> admit, std::function<void(const Endpoint& client)> lost);
+  /// `admit` decides whether a connection from `peer` is accepted; `lost` receives each client
+  /// whose connection has ended.
+  void start(std::function<bool(const Address& peer)> admit,
+             std::function<void(const Endpoint& client)> lost);
   void close();
 
   [[nodiscard]] std::shared_ptr<Stream> connection_of(const Endpoint& client) const;
   [[nodiscard]] std::size_t connections() const { return connections_.size(); }
+  [[nodiscard]] std::size_t connections_from(const Address& peer) const;
   /// Closes every connection; listens on.
   void drop_connections();
   /// Closes what `peer` opened before `before`.
@@ -54,7 +56,7 @@ class Tcp_service_port final : public std::enable_shared_from_this<Tcp_service_p
   boost::asio::ip::tcp::acceptor acceptor_;
   boost::asio::ip::tcp::endpoint accepted_;  ///< where the connection comes from
   boost::asio::steady_timer retry_;
-  std::function<bool()> admit_;
+  std::function<bool(const Address&)> admit_;
   std::function<void(const Endpoint&)> lost_;
   std::vector<std::shared_ptr<Tcp_connection>> connections_;
 };

@@ -151,6 +151,16 @@ class Attacks(suite.Group):
         self.friend.barrier(host)
         self.event(host, self.subscription(host, self.friend, TICK_GROUP))
 
+    @with_and_without_lists
+    def test_connections(self):
+        host = self.host("offer stream", **self.settings)
+        self.friend.entry(OFFER, STREAM)
+        for _ in range(100):
+            self.attacker.connect(host.at(STREAM))
+        stream = self.friend.connect(host.at(STREAM))
+        self.assertEqual(self.friend.call(stream, STREAM, ECHO, b"x").payload, b"x")
+        self.network.wait(lambda: host.count("refusedConnections") == 100 - (0 if self.listed else 16), "refusals")
+
     def test_positions_of_the_application(self):
         for listed in (False, True):
             with self.subTest(listed=listed), Desk(NETWORK) as desk:
