@@ -130,7 +130,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
                        1U + ((choice >> 2U) & 1U)};
     offer.groups[4] = {true, true, std::nullopt, 0};
     if ((choice & 8U) != 0) offer.allowed_peers = {fuzz::address(0x7F4D0103)};
-    offered_.insert(key);
+    // What is offered already stays as it is.
+    if (offered_.insert(key).second) lists_[key] = offer.allowed_peers;
     discovery_.change(now_, [&](auto& server, auto&) { server.offer(offer, now_); });
   }
 
@@ -224,6 +225,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
         require(!endpoint || endpoint->address == one.origin.sender,
                 "notifications go to the address that has subscribed");
       }
+      require(someip::allows(lists_[key], one.origin), "subscribers are on the list");
       const auto same = [&](const someip::Subscriber& other) {
         return other.origin.sender == one.origin.sender;
       };
@@ -287,6 +289,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   fuzz::Discovery_source peers_;
   std::size_t messages_ = 0;  ///< sent in this step
   std::set<Instance_key> offered_, known_;
+  std::map<Instance_key, std::vector<someip::Address>> lists_;  ///< of offered_
   std::set<Group> active_;
   std::map<Group, std::size_t> subscribers_;
   someip::Discovery discovery_;
