@@ -53,6 +53,7 @@ nlohmann::json by_subscribers(const Setup& setup) {
     Discovery discovery{at, ports};
     const Application application{setup.program, at, setup.place, [](auto& manifest) {
                                     manifest["limits"]["subscribersPerEventGroup"] = 512;
+                                    manifest["limits"]["subscribersPerAddress"] = 512;
                                   }};
     const auto client = discovery.wait();
     rows.push_back(

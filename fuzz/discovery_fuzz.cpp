@@ -130,7 +130,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
                        1U + ((choice >> 2U) & 1U)};
     offer.groups[4] = {true, true, std::nullopt, 0};
     if ((choice & 8U) != 0) offer.allowed_peers = {fuzz::address(0x7F4D0103)};
-    offered_.insert(key);
+    // What is offered already stays as it is.
+    if (offered_.insert(key).second) lists_[key] = offer.allowed_peers;
     discovery_.change(now_, [&](auto& server, auto&) { server.offer(offer, now_); });
   }
 
@@ -221,9 +222,25 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
         require(!endpoint ||
                     someip::reachable_peer(endpoint->address, fuzz::address(fuzz::own_address), 16),
                 "notifications go to endpoints on the link");
+        require(!endpoint || endpoint->address == one.origin.sender,
+                "notifications go to the address that has subscribed");
       }
+      require(someip::allows(lists_[key], one.origin), "subscribers are on the list");
+      const auto same = [&](const someip::Subscriber& other) {
+        return other.origin.sender == one.origin.sender;
+      };
+      require(std::ranges::count_if(all, same) <=
+                  static_cast<std::ptrdiff_t>(deployment_.limits.subscribers_per_address),
+              "subscribers of one address have a bound");
     }
     subscribers_[{key, group}] = all.size();
+  }
+
+  /// Is everything that the offer names the one peer that may provide the guarded service?
+  static bool allowed(const someip::Remote_offer& offer) {
+    const auto guard = fuzz::address(0x7F4D0102);
+    return offer.origin.sender == guard && offer.origin.peer.address == guard &&
+           offer.endpoints.all([&](const Endpoint& one) { return one.address == guard; });
   }
 
   // Discovery_client_host
@@ -231,8 +248,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     require(known_.insert(key).second, "an instance becomes available once");
     require(known_.size() <= deployment_.limits.remote_instances, "instances have a bound");
     require(offer.endpoints.udp || offer.endpoints.tcp, "an instance can be reached");
-    require(key.service != fuzz::guarded_service || offer.peer.address == fuzz::address(0x7F4D0102),
-            "only allowed peers provide a guarded service");
+    require(key.service != fuzz::guarded_service || allowed(offer),
+            "only allowed peers provide a guarded service, from allowed endpoints");
   }
   void instance_gone(const Instance_key& key) override {
     require(known_.erase(key) == 1, "only a known instance goes");
@@ -248,6 +265,9 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   void listen_to(const Instance_key& key, std::uint16_t, const Endpoint& group) override {
     require(known_.contains(key) && group.address.is_multicast(),
             "a multicast group comes with an instance");
+  }
+  bool has_delivered(const Instance_key&, const someip::Address&) override {
+    return (host_ & 32U) != 0;
   }
   bool initial_value_missing(const Instance_key&, std::uint16_t) const override {
     return (host_ & 8U) != 0;
@@ -269,6 +289,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   fuzz::Discovery_source peers_;
   std::size_t messages_ = 0;  ///< sent in this step
   std::set<Instance_key> offered_, known_;
+  std::map<Instance_key, std::vector<someip::Address>> lists_;  ///< of offered_
   std::set<Group> active_;
   std::map<Group, std::size_t> subscribers_;
   someip::Discovery discovery_;

@@ -18,9 +18,10 @@ constexpr const char* manifest = R"({
     "requestResponseDelayMinMs": 10, "requestResponseDelayMaxMs": 10,
     "offerTtlS": 3, "subscribeTtlS": 3},
   "limits": {
-    "subscribersPerEventGroup": 2, "reassemblies": 3, "reassembliesPerPeer": 2,
+    "subscribersPerEventGroup": 3, "subscribersPerAddress": 2, "reassemblies": 3, "reassembliesPerPeer": 2,
     "messageBytes": 8192, "tcpConnections": 2, "tcpSendQueueBytes": 16384, "pendingCalls": 2,
-    "entriesPerDiscoveryMessage": 12, "remoteInstances": 3, "discoveryPeers": 4,
+    "entriesPerDiscoveryMessage": 12, "remoteInstances": 3, "remoteInstancesPerAddress": 2,
+    "discoveryPeers": 4, "discoveryPeersPerAddress": 2,
     "queuedNotifications": 4},
   "services": {
     "Provided": {

@@ -29,25 +29,34 @@ struct Discovery_timing {
   /// Lifetime of own offers and of own subscriptions, in seconds; 0xFFFFFF never ends.
   std::uint32_t offer_ttl = 3;
   std::uint32_t subscribe_ttl = 3;
+  /// The longest ones accepted from peers; a longer one counts as this one.
+  std::uint32_t longest_offer_ttl = 3600;
+  std::uint32_t longest_subscribe_ttl = 0xFFFFFF;
+  /// May a peer have events sent to another address than its own?
+  bool subscriptions_for_others = false;
 };
 
 /// Bounds on what a peer can make grow ("limits"). Past a bound the newcomer is refused and
 /// counted.
 struct Limits {
   std::size_t subscribers_per_event_group = 128;
-  std::size_t reassemblies = 32;  ///< segment trains in flight, over all peers
+  std::size_t subscribers_per_address = 16;  ///< of them
+  std::size_t reassemblies = 32;             ///< segment trains in flight, over all peers
   std::size_t reassemblies_per_peer = 8;
   Milliseconds reassembly_timeout{5000};
   std::size_t message_bytes = std::size_t{256} * 1024;  ///< one SOME/IP message, header included
-  std::size_t tcp_connections = 64;  ///< accepted ones; also the bound of outgoing ones
+  std::size_t tcp_connections = 64;              ///< accepted ones; also the bound of outgoing ones
+  std::size_t tcp_connections_per_address = 16;  ///< of the accepted ones
   std::size_t tcp_send_queue_bytes =
       std::size_t{512} * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;
   std::size_t entries_per_discovery_message = 256;
-  std::size_t remote_instances = 1024;    ///< offered instances remembered
-  std::size_t discovery_peers = 256;      ///< session counters and reboot flags remembered
-  std::size_t queued_requests = 256;      ///< received and not yet worked on
-  std::size_t queued_notifications = 64;  ///< per event waiting for a slow handler
+  std::size_t remote_instances = 1024;             ///< offered instances remembered
+  std::size_t remote_instances_per_address = 128;  ///< of them, offered by one sender
+  std::size_t discovery_peers = 256;               ///< session counters and reboot flags remembered
+  std::size_t discovery_peers_per_address = 8;     ///< of them, those of one sender
+  std::size_t queued_requests = 256;               ///< received and not yet worked on
+  std::size_t queued_notifications = 64;           ///< per event waiting for a slow handler
   std::size_t queued_segment_bytes = std::size_t{4} << 20U;  ///< long messages whose segments wait
 };
 
@@ -109,7 +118,7 @@ struct Service_deployment {
   std::vector<Event_deployment> events;
   std::vector<Field_deployment> fields;
   std::vector<Instance_deployment> instances;
-  /// Addresses that may talk to or provide this service; empty: all.
+  /// Addresses of the consumers and providers of this service; empty: everybody.
   std::vector<boost::asio::ip::address> allowed_peers;
 };
 

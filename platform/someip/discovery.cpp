@@ -5,6 +5,16 @@
 
 namespace someip {
 
+namespace {
+
+/// For the log: who spoke, and in whose name.
+std::string text_of(const Origin& origin) {
+  const std::string peer = to_string(origin.peer);
+  return origin.direct() ? peer : peer + " (says " + origin.sender.to_string() + ")";
+}
+
+}  // namespace
+
 Discovery::Discovery(const Deployment& deployment,
                      const Node_deployment& node,
                      const Address& own,
@@ -18,7 +28,7 @@ Discovery::Discovery(const Deployment& deployment,
       log_(log),
       host_(std::move(host)),
       delays_(deployment.discovery),
-      peers_(deployment.limits.discovery_peers),
+      peers_(deployment.limits),
       outbox_(peers_,
               [this](const std::vector<std::byte>& bytes, const Discovery_outbox::Destination& to) {
                 counters_.discovery_sent.add();
@@ -37,14 +47,22 @@ void Discovery::drop(const Endpoint& from, const char* why) {
                "service discovery message from " + to_string(from) + " dropped: " + why);
 }
 
+void Discovery::refuse_stranger(const Endpoint& stranger) {
+  counters_.dropped_foreign_peer.add();
+  log_.limited(Log_level::warning, "stranger",
+               "service discovery message from " + to_string(stranger) +
+                   " dropped: no service has it among its allowed peers");
+}
+
 bool Discovery::acceptable(const Endpoint& endpoint) const {
   return endpoint.port != 0 && endpoint.address != own_ &&
          reachable_peer(endpoint.address, own_, node_.prefix_length);
 }
 
-bool Discovery::acceptable(const Instance_endpoints& endpoints) const {
-  return (!endpoints.udp || acceptable(*endpoints.udp)) &&
-         (!endpoints.tcp || acceptable(*endpoints.tcp));
+bool Discovery::welcome(const Origin& origin) const {
+  return std::ranges::any_of(deployment_.services, [&](const Service_deployment& service) {
+    return allows(service.allowed_peers, origin);
+  });
 }
 
 void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, Time now) {
@@ -52,6 +70,10 @@ void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, T
   if (!link_up_) return;  // still in the socket when the link was lost
   if (!acceptable(from)) {
     counters_.dropped_foreign_peer.add();
+    return;
+  }
+  if (!welcome({from.address, from})) {
+    refuse_stranger(from);
     return;
   }
   Datagram_reader reader(datagram);
@@ -63,7 +85,7 @@ void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, T
   settle(now);
 }
 
-void Discovery::message(const Message_view& view, Endpoint from, bool multicast, Time now) {
+void Discovery::message(const Message_view& view, const Endpoint& from, bool multicast, Time now) {
   const Header& header = view.header;
   if (header.service != discovery_service || header.method != discovery_method ||
       header.protocol != protocol_version || header.interface_version != 1 ||
@@ -77,38 +99,43 @@ void Discovery::message(const Message_view& view, Endpoint from, bool multicast,
     drop(from, "its arrays do not fit or hold too many entries");
     return;
   }
+  Origin origin{from.address, from};
   if (const auto told = message->discovery_endpoint(own_.is_v4())) {
     if (!acceptable(*told)) {
       drop(from, "its discovery endpoint is not on this link");
       return;
     }
-    from = *told;
+    origin.peer = *told;
+    if (!welcome(origin)) {
+      refuse_stranger(*told);
+      return;
+    }
   }
 
-  const Time last_contact = peers_.last_contact(from);
-  switch (peers_.heard(from, multicast, header.session, message->reboot, now)) {
+  const Time last_contact = peers_.last_contact(origin);
+  switch (peers_.heard(origin, multicast, header.session, message->reboot, now)) {
     case Discovery_peers::Verdict::known:
       break;
     case Discovery_peers::Verdict::refused:
       counters_.refused_peers.add();
       log_.limited(Log_level::warning, "peers",
-                   "too many peers: " + to_string(from) + " is not listened to");
+                   "too many peers: the messages of " + to_string(from) + " are dropped");
       return;
     case Discovery_peers::Verdict::restarted:
       counters_.peer_restarts.add();
-      log_.limited(Log_level::info, "restart", to_string(from) + " has restarted");
-      server_.forget_peer(from);
-      client_.forget_peer(from, now);
-      host_.peer_restarted(from.address, last_contact);
+      log_.limited(Log_level::info, "restart", text_of(origin) + " has restarted");
+      server_.forget_peer(origin);
+      client_.forget_peer(origin, now);
+      if (origin.direct()) host_.peer_restarted(origin.sender, last_contact);
       break;
   }
   for (const Entry& one : message->entries)
-    entry(*message, one, from, multicast, now);
+    entry(*message, one, origin, multicast, now);
 }
 
 void Discovery::entry(const Discovery_message& message,
                       const Entry& entry,
-                      const Endpoint& from,
+                      const Origin& from,
                       bool multicast,
                       Time now) {
   switch (entry.type) {
@@ -133,9 +160,13 @@ void Discovery::entry(const Discovery_message& message,
   }
   const Entry_options options = message.options_of(entry, own_.is_v4());
   if (entry.type == Entry_type::subscribe) {
+    const bool for_others = deployment_.discovery.subscriptions_for_others;
+    const auto deliverable = [&](const Endpoint& endpoint) {
+      return acceptable(endpoint) && (for_others || endpoint.address == from.sender);
+    };
     server_.subscribe(
         entry, options,
-        [this](const Instance_endpoints& endpoints) { return acceptable(endpoints); }, from,
+        [&](const Instance_endpoints& endpoints) { return endpoints.all(deliverable); }, from,
         message.explicit_initial_data, now);
   } else {
     client_.acknowledged(entry, options, from, now);
@@ -144,22 +175,24 @@ void Discovery::entry(const Discovery_message& message,
 
 void Discovery::offer_entry(const Discovery_message& message,
                             const Entry& entry,
-                            const Endpoint& from,
+                            const Origin& from,
                             bool multicast,
                             Time now) {
   const auto service = services_.find({entry.service, entry.major_version});
   if (service == services_.end()) return;  // nothing that we know how to use
   const auto& allowed = service->second->allowed_peers;
-  const bool foreign =
-      !allowed.empty() && std::ranges::find(allowed, from.address) == allowed.end();
   const Entry_options options = message.options_of(entry, own_.is_v4());
   const Instance_endpoints endpoints{options.udp, options.tcp};
-  const bool usable = !options.fault && acceptable(endpoints) && (options.udp || options.tcp) &&
+  const bool foreign = !allows(allowed, from) || !endpoints.all([&](const Endpoint& one) {
+    return allows(allowed, one.address);
+  });
+  const bool usable = !options.fault && (options.udp || options.tcp) &&
+                      endpoints.all([this](const Endpoint& one) { return acceptable(one); }) &&
                       entry.instance != 0 && entry.instance != any_instance;
   if (foreign || (entry.ttl != 0 && !usable)) {
     (foreign ? counters_.dropped_foreign_peer : counters_.dropped_entries).add();
     log_.limited(Log_level::warning, "offer",
-                 "offer of " + service->second->name + " from " + to_string(from) + " ignored: " +
+                 "offer of " + service->second->name + " from " + text_of(from) + " ignored: " +
                      (foreign ? "not an allowed peer" : "its endpoints cannot be used"));
     return;
   }

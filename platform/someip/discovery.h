@@ -24,8 +24,9 @@ class Discovery {
     Discovery_server_host& server;
     Discovery_client_host& client;
     Discovery_outbox::Send send;
-    /// Called before the entries of the message that showed it are worked on. What has been seen of
-    /// the peer after `last_contact` already belongs to its new life.
+    /// Called before the entries of the message that showed it are worked on, for an address that
+    /// speaks for itself. What has been seen of it after `last_contact` already belongs to its new
+    /// life.
     std::function<void(const Address& peer, Time last_contact)> peer_restarted;
   };
 
@@ -54,20 +55,22 @@ class Discovery {
   }
 
  private:
-  void message(const Message_view& view, Endpoint from, bool multicast, Time now);
+  void message(const Message_view& view, const Endpoint& from, bool multicast, Time now);
   void entry(const Discovery_message& message,
              const Entry& entry,
-             const Endpoint& from,
+             const Origin& from,
              bool multicast,
              Time now);
   void offer_entry(const Discovery_message& message,
                    const Entry& entry,
-                   const Endpoint& from,
+                   const Origin& from,
                    bool multicast,
                    Time now);
   [[nodiscard]] bool acceptable(const Endpoint& endpoint) const;
-  [[nodiscard]] bool acceptable(const Instance_endpoints& endpoints) const;
+  /// Does any service allow it? Nothing is kept or answered otherwise.
+  [[nodiscard]] bool welcome(const Origin& origin) const;
   void drop(const Endpoint& from, const char* why);
+  void refuse_stranger(const Endpoint& stranger);
   void settle(Time now);
 
   const Deployment& deployment_;

@@ -98,7 +98,7 @@ void Discovery_client::request(const Group_key& key,
   }
   subscription.initial_data = !active || again;
   entries.push_back(subscribe_entry(key, subscription, timing_.subscribe_ttl));
-  outbox_.add(remote.offer.peer, std::move(entries), *options);
+  outbox_.add(remote.offer.origin.peer, std::move(entries), *options);
   if (!active) subscription.state = State::requested;
   subscription.supervised = by_multicast;
   subscription.refresh = false;
@@ -128,8 +128,8 @@ void Discovery_client::unsubscribe(const Instance_key& key, std::uint16_t event_
   const auto remote = remotes_.find(key);
   if (remote != remotes_.end() && found->second.state != State::none) {
     if (const auto options = own_endpoints(found->second.transport, remote->second)) {
-      outbox_.add(remote->second.offer.peer, {subscribe_entry(found->first, found->second, 0)},
-                  *options);
+      outbox_.add(remote->second.offer.origin.peer,
+                  {subscribe_entry(found->first, found->second, 0)}, *options);
     }
   }
   subscriptions_.erase(found);
@@ -152,9 +152,11 @@ Discovery_client::Remotes::iterator Discovery_client::remove(Remotes::iterator r
                                                              bool restart,
                                                              Time now) {
   const Instance_key key = remote->first;
-  const Endpoint peer = remote->second.offer.peer;
+  const Origin origin = remote->second.offer.origin;
   const auto next = remotes_.erase(remote);
-  if (const auto waiting = triggers_.find(peer); waiting != triggers_.end()) {
+  const auto offered = offered_by_.find(origin.sender);
+  if (--offered->second == 0) offered_by_.erase(offered);
+  if (const auto waiting = triggers_.find(origin.peer); waiting != triggers_.end()) {
     waiting->second.instances.erase(key);
   }
   for (auto& [group, subscription] : subscriptions_) {
@@ -181,33 +183,42 @@ void Discovery_client::trigger(const Instance_key& key,
 
 void Discovery_client::offered(const Entry& entry,
                                const Instance_endpoints& endpoints,
-                               const Endpoint& from,
+                               const Origin& from,
                                bool multicast,
                                bool explicit_initial_data,
                                Time now) {
   const Instance_key key{entry.service, entry.instance, entry.major_version};
   auto known = remotes_.find(key);
-  if (known != remotes_.end() && !(known->second.offer.peer == from)) {
-    // Somebody else provides this instance already. It stands until it stops or its time is over.
-    counters_.refused_instances.add();
-    return;
+  if (known != remotes_.end() && !from.speaks_for(known->second.offer.origin)) {
+    // An instance stays with its provider until that stops or its time is over, or until the one
+    // that delivered it before comes back.
+    if (entry.ttl == 0 || !host_.has_delivered(key, from.sender)) {
+      counters_.refused_instances.add();
+      return;
+    }
+    remove(known, false, now);
+    known = remotes_.end();
   }
   if (entry.ttl == 0) {
     // No find follows: the provider will say when it is back (someipsd_834).
     if (known != remotes_.end()) remove(known, false, now);
     return;
   }
-  if (known != remotes_.end() && !(known->second.offer.endpoints == endpoints)) {
+  if (known != remotes_.end() &&
+      (known->second.offer.origin != from || !(known->second.offer.endpoints == endpoints))) {
     remove(known, false, now);
     known = remotes_.end();
   }
   if (known == remotes_.end()) {
-    if (remotes_.size() >= limits_.remote_instances) {
+    const auto offered = offered_by_.find(from.sender);
+    if (remotes_.size() >= limits_.remote_instances ||
+        (offered != offered_by_.end() && offered->second >= limits_.remote_instances_per_address)) {
       counters_.refused_instances.add();
       return;
     }
     const Remote_offer offer{from, entry.minor_version, endpoints};
     known = remotes_.emplace(key, Remote{offer, false, {}}).first;
+    ++offered_by_[from.sender];
     for (auto& [search_key, search] : searches_) {
       // The first find of a search for any instance still has to go out.
       const bool find_first =
@@ -217,21 +228,22 @@ void Discovery_client::offered(const Entry& entry,
     host_.instance_available(key, offer);
   }
   known->second.explicit_initial_data = explicit_initial_data;
-  known->second.expires = end_of_life(now, entry.ttl);
+  known->second.expires = end_of_life(now, entry.ttl, timing_.longest_offer_ttl);
   const bool wanted = std::ranges::any_of(
       subscriptions_, [&](const auto& subscription) { return subscription.first.first == key; });
-  if (wanted) trigger(key, from, multicast, now);
+  if (wanted) trigger(key, from.peer, multicast, now);
 }
 
 void Discovery_client::acknowledged(const Entry& entry,
                                     const Entry_options& options,
-                                    const Endpoint& from,
+                                    const Origin& from,
                                     Time now) {
   const Instance_key key{entry.service, entry.instance, entry.major_version};
   const auto remote = remotes_.find(key);
   const auto found = subscriptions_.find({key, entry.event_group});
   if (remote == remotes_.end() || found == subscriptions_.end() ||
-      !(remote->second.offer.peer == from) || found->second.state == State::none || options.fault) {
+      !from.speaks_for(remote->second.offer.origin) || found->second.state == State::none ||
+      options.fault) {
     counters_.dropped_entries.add();
     return;
   }
@@ -243,14 +255,13 @@ void Discovery_client::acknowledged(const Entry& entry,
   }
   if (options.multicast) host_.listen_to(key, entry.event_group, *options.multicast);
   set_state(found->first, found->second, State::active);
-  found->second.expires = end_of_life(now, timing_.subscribe_ttl);
+  found->second.expires = end_of_life(now, timing_.subscribe_ttl, endless_ttl);
 }
 
-void Discovery_client::forget_peer(const Endpoint& peer, Time now) {
+void Discovery_client::forget_peer(const Origin& peer, Time now) {
   for (auto remote = remotes_.begin(); remote != remotes_.end();) {
-    remote = remote->second.offer.peer == peer ? remove(remote, true, now) : std::next(remote);
+    remote = remote->second.offer.origin == peer ? remove(remote, true, now) : std::next(remote);
   }
-  triggers_.erase(peer);
 }
 
 void Discovery_client::connected(const Endpoint& server) {

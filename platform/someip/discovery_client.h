@@ -16,7 +16,7 @@ namespace someip {
 
 /// An offer that a peer has made and that is in force.
 struct Remote_offer {
-  Endpoint peer;  ///< its service discovery
+  Origin origin;
   std::uint32_t minor_version = 0;
   Instance_endpoints endpoints;
 };
@@ -28,6 +28,8 @@ class Discovery_client_host {
   virtual ~Discovery_client_host() = default;
   virtual void instance_available(const Instance_key& key, const Remote_offer& offer) = 0;
   virtual void instance_gone(const Instance_key& key) = 0;
+  /// Is `provider` the address that was the first to deliver events of the instance?
+  [[nodiscard]] virtual bool has_delivered(const Instance_key& key, const Address& provider) = 0;
   /// A subscription was acknowledged for the first time, or has ended.
   virtual void subscription_changed(const Instance_key& key,
                                     std::uint16_t event_group,
@@ -85,16 +87,13 @@ class Discovery_client {
   /// acceptable.
   void offered(const Entry& entry,
                const Instance_endpoints& endpoints,
-               const Endpoint& from,
+               const Origin& from,
                bool multicast,
                bool explicit_initial_data,
                Time now);
-  void acknowledged(const Entry& entry,
-                    const Entry_options& options,
-                    const Endpoint& from,
-                    Time now);
+  void acknowledged(const Entry& entry, const Entry_options& options, const Origin& from, Time now);
   /// Everything that a peer has offered is void: it has restarted.
-  void forget_peer(const Endpoint& peer, Time now);
+  void forget_peer(const Origin& peer, Time now);
   /// The TCP connection to `server` stands: what waited for it is subscribed now.
   void connected(const Endpoint& server);
   /// It broke: the subscriptions over it are void until it stands again.
@@ -173,6 +172,7 @@ class Discovery_client {
   bool link_up_ = true;
   std::map<Search_key, Search> searches_;
   Remotes remotes_;
+  std::map<Address, std::size_t> offered_by_;  ///< number of remotes_ by their sender
   std::map<Group_key, Subscription> subscriptions_;
   std::map<Endpoint, Trigger> triggers_;  ///< by peer
 };

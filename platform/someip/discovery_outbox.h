@@ -2,11 +2,15 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
+#include <utility>
 #include <vector>
 
+#include "platform/someip/deployment.h"
 #include "platform/someip/discovery_message.h"
 #include "platform/someip/discovery_types.h"
 #include "platform/someip/sessions.h"
@@ -16,31 +20,43 @@ namespace someip {
 /// Session counters and reboot flags of the peers, ours towards them and theirs towards us.
 class Discovery_peers {
  public:
-  explicit Discovery_peers(std::size_t limit) : limit_(limit) {}
+  explicit Discovery_peers(const Limits& limits) : limits_(limits) {}
 
   enum class Verdict { known, restarted, refused };
-  /// Takes note of a message. Refused: the table is full and nobody in it has been silent for long.
+  /// Takes note of a message. A newcomer without room takes the place of an origin that has been
+  /// silent for long: one of the same address if that has its quota. In a full table an address
+  /// with several places gives way at once. Refused: there is no such place.
   [[nodiscard]] Verdict heard(
-      const Endpoint& peer, bool multicast, std::uint16_t session, bool reboot_flag, Time now);
-  /// Time{} when nothing has been heard.
-  [[nodiscard]] Time last_contact(const Endpoint& peer) const {
-    const auto known = peers_.find(peer);
-    return known == peers_.end() ? Time{} : known->second.last_contact;
-  }
+      const Origin& origin, bool multicast, std::uint16_t session, bool reboot_flag, Time now);
+  /// Time{} when nothing has been received.
+  [[nodiscard]] Time last_contact(const Origin& origin) const;
   /// The counter of unicast messages to `peer`.
   [[nodiscard]] Session_counter& towards(const Endpoint& peer, Time now);
   [[nodiscard]] Session_counter& towards_group() { return group_; }
 
  private:
-  struct Peer {
-    Session_counter outgoing;
+  /// What one address says for one service discovery endpoint.
+  struct Channel {
+    Endpoint peer;
     Reboot_detector unicast, multicast;
     Time last_contact{};
   };
+  using Channels = std::vector<Channel>;
+  struct Outgoing {
+    Session_counter counter;
+    Time last_use{};
+  };
+
+  [[nodiscard]] static Channels::iterator oldest(Channels& channels);
   bool make_room(Time now);
 
-  std::size_t limit_;
-  std::map<Endpoint, Peer> peers_;
+  const Limits& limits_;
+  std::map<Address, Channels> senders_;
+  std::size_t channels_ = 0;  ///< of all senders
+  std::map<Endpoint, Outgoing> outgoing_;
+  /// Where the counter of a new destination begins. A forgotten destination that comes back must
+  /// not see sessions that go backwards: it would take that for our restart.
+  Session_counter forgotten_;
   Session_counter group_;
 };
 
@@ -57,6 +73,10 @@ class Discovery_outbox {
   /// The entries have the same options and leave side by side. An offer that waits already is not
   /// added again: it may have been asked for many times at once.
   void add(const Destination& to, std::vector<Entry> entries, std::vector<Option> options);
+  /// Does this offer wait already?
+  [[nodiscard]] bool holds_offer(const Destination& to,
+                                 const Instance_key& key,
+                                 std::uint32_t ttl) const;
   void flush(Time now);
 
  private:
@@ -67,12 +87,14 @@ class Discovery_outbox {
   struct Parcel {
     Destination to;
     std::vector<Item> items;
+    std::set<std::pair<Instance_key, std::uint32_t>> offers;  ///< among the items, with their ttl
   };
   void send(const Discovery_writer& writer, const Destination& to, Time now);
 
   Discovery_peers& peers_;
   Send send_;
-  std::vector<Parcel> parcels_;
+  std::vector<Parcel> parcels_;                   ///< in the order in which they leave
+  std::map<Destination, std::size_t> parcel_of_;  ///< index in parcels_
 };
 
 }  // namespace someip

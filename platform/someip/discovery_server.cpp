@@ -25,11 +25,6 @@ std::vector<Option> endpoint_options(const Instance_endpoints& endpoints) {
   return options;
 }
 
-bool allowed(const Offer& offer, const Address& peer) {
-  return offer.allowed_peers.empty() ||
-         std::ranges::find(offer.allowed_peers, peer) != offer.allowed_peers.end();
-}
-
 }  // namespace
 
 void Discovery_server::send_offer(const Local& local,
@@ -61,7 +56,8 @@ void Discovery_server::stop_offer(const Instance_key& key) {
   if (found->second.phase != Phase::initial_wait) send_offer(found->second, 0, std::nullopt);
   end_all_subscriptions(found->second);
   offers_.erase(found);
-  std::erase_if(answers_, [&](const Answer& answer) { return answer.key == key; });
+  for (auto& [to, answer] : answers_)
+    answer.instances.erase(key);
 }
 
 void Discovery_server::stop_all() {
@@ -77,10 +73,20 @@ void Discovery_server::end_all_subscriptions(Local& local) {
   }
 }
 
+Discovery_server::Answer* Discovery_server::answer_to(const Discovery_outbox::Destination& to,
+                                                      Time now) {
+  const auto known = answers_.find(to);
+  if (known != answers_.end()) return &known->second;
+  if (answers_.size() >= limits_.discovery_peers) return nullptr;
+  return &answers_.emplace(to, Answer{delays_.answer_to_multicast(now), {}}).first->second;
+}
+
 void Discovery_server::find(
-    const Entry& entry, const Endpoint& from, bool multicast, bool unicast_flag, Time now) {
-  for (auto& [key, local] : offers_) {
-    if (key.service != entry.service) continue;
+    const Entry& entry, const Origin& from, bool multicast, bool unicast_flag, Time now) {
+  const Discovery_outbox::Destination to = unicast_flag ? std::optional(from.peer) : std::nullopt;
+  for (auto at = offers_.lower_bound({entry.service, 0, 0});
+       at != offers_.end() && at->first.service == entry.service; ++at) {
+    const auto& [key, local] = *at;
     if (entry.instance != any_instance && entry.instance != key.instance) continue;
     if (entry.major_version != any_major_version && entry.major_version != key.major_version) {
       continue;
@@ -89,39 +95,38 @@ void Discovery_server::find(
         entry.minor_version != local.offer.minor_version) {
       continue;
     }
-    if (local.phase == Phase::initial_wait || !allowed(local.offer, from.address)) continue;
-    const Discovery_outbox::Destination to = unicast_flag ? std::optional(from) : std::nullopt;
-    if (!multicast) {
-      send_offer(local, timing_.offer_ttl, to);
+    if (local.phase == Phase::initial_wait || !allows(local.offer.allowed_peers, from)) continue;
+    // The answers to finds in another's name wait, too, and leave together: such finds cannot flood
+    // a third party.
+    if (!multicast && from.direct()) {
+      if (!outbox_.holds_offer(to, key, timing_.offer_ttl)) {
+        send_offer(local, timing_.offer_ttl, to);
+      }
       continue;
     }
-    const bool waits = std::ranges::any_of(answers_, [&, &wanted = key](const Answer& answer) {
-      return answer.to == to && answer.key == wanted;
-    });
-    if (!waits) answers_.push_back({to, key, Time{}});
-  }
-  // One delay for all entries of a message, so that their answers leave together.
-  const Time due = delays_.answer_to_multicast(now);
-  for (Answer& answer : answers_) {
-    if (answer.due != Time{}) continue;
-    const auto waiting = std::ranges::find_if(
-        answers_, [&](const Answer& other) { return other.to == answer.to && other.due > now; });
-    answer.due = waiting == answers_.end() ? due : waiting->due;
+    Answer* const answer = answer_to(to, now);
+    if (answer == nullptr) {
+      counters_.dropped_entries.add();
+      return;
+    }
+    answer->instances.insert(key);
   }
 }
 
-void Discovery_server::refuse(Entry entry, const Endpoint& to) {
+void Discovery_server::refuse(Entry entry, const Origin& to) {
   counters_.subscriptions_refused.add();
+  // The peer in whose name a subscription came would take its refusal for the end of its own.
+  if (!to.direct()) return;
   entry.type = Entry_type::subscribe_ack;
   entry.ttl = 0;
   entry.flags &= 0xFF0F;  // a refusal repeats reserved and counter only (someipsd_619)
-  outbox_.add(to, {entry}, {});
+  outbox_.add(to.peer, {entry}, {});
 }
 
 void Discovery_server::subscribe(const Entry& entry,
                                  const Entry_options& options,
                                  const Acceptable& acceptable,
-                                 const Endpoint& from,
+                                 const Origin& from,
                                  bool explicit_initial_data,
                                  Time now) {
   const auto found = offers_.find({entry.service, entry.instance, entry.major_version});
@@ -135,8 +140,12 @@ void Discovery_server::subscribe(const Entry& entry,
   Instance_endpoints endpoints;
   if (transport.udp) endpoints.udp = options.udp;
   if (transport.tcp) endpoints.tcp = options.tcp;
-  if (!known || options.fault || !acceptable(endpoints) ||
-      !allowed(found->second.offer, from.address)) {
+  const auto on_list = [&](const auto& one) {
+    return allows(found->second.offer.allowed_peers, one);
+  };
+  const auto endpoint_on_list = [&](const Endpoint& one) { return on_list(one.address); };
+  if (!known || options.fault || !acceptable(endpoints) || !on_list(from) ||
+      !endpoints.all(endpoint_on_list)) {
     if (!stop) refuse(entry, from);
     return;
   }
@@ -160,14 +169,18 @@ void Discovery_server::subscribe(const Entry& entry,
     return;
   }
 
-  const Time expires = end_of_life(now, entry.ttl);
+  const Time expires = end_of_life(now, entry.ttl, timing_.longest_subscribe_ttl);
   if (present != subscriptions.end()) {
     present->expires = expires;
     if (explicit_initial_data && entry.initial_data_requested()) {
       present->fresh = group->second.changed = true;
     }
   } else {
-    if (subscriptions.size() >= limits_.subscribers_per_event_group) {
+    const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
+      return one.subscriber.origin.sender == from.sender;
+    });
+    if (subscriptions.size() >= limits_.subscribers_per_event_group ||
+        std::cmp_greater_equal(places, limits_.subscribers_per_address)) {
       counters_.refused_subscribers.add();
       refuse(entry, from);
       return;
@@ -184,7 +197,7 @@ void Discovery_server::subscribe(const Entry& entry,
   if (transport.multicast && transport.multicast_threshold > 0) {
     multicast.push_back(Option::multicast(*transport.multicast));
   }
-  outbox_.add(from, {ack}, std::move(multicast));
+  outbox_.add(from.peer, {ack}, std::move(multicast));
 }
 
 template <class Predicate>
@@ -200,10 +213,9 @@ std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
   return ended;
 }
 
-void Discovery_server::forget_peer(const Endpoint& peer) {
+void Discovery_server::forget_peer(const Origin& peer) {
   end_subscriptions(
-      [&](const Subscription& subscription) { return subscription.subscriber.peer == peer; });
-  std::erase_if(answers_, [&](const Answer& answer) { return answer.to == peer; });
+      [&](const Subscription& subscription) { return subscription.subscriber.origin == peer; });
 }
 
 void Discovery_server::connection_lost(const Endpoint& client) {
@@ -287,9 +299,11 @@ void Discovery_server::on_time(Time now) {
     send_offer(local, timing_.offer_ttl, std::nullopt);
     advance(local, now);
   }
-  std::erase_if(answers_, [&](const Answer& answer) {
+  std::erase_if(answers_, [&](const auto& waiting) {
+    const auto& [to, answer] = waiting;
     if (answer.due > now) return false;
-    send_offer(offers_.at(answer.key), timing_.offer_ttl, answer.to);
+    for (const Instance_key& key : answer.instances)
+      send_offer(offers_.at(key), timing_.offer_ttl, to);
     return true;
   });
 }
@@ -304,7 +318,7 @@ Time Discovery_server::next_deadline() const {
       }
     }
   }
-  for (const Answer& answer : answers_)
+  for (const auto& [to, answer] : answers_)
     next = std::min(next, answer.due);
   return next;
 }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <map>
 #include <optional>
+#include <set>
 #include <utility>
 #include <vector>
 
@@ -61,18 +62,18 @@ class Discovery_server {
   void stop_offer(const Instance_key& key);
   void stop_all();
 
-  void find(const Entry& entry, const Endpoint& from, bool multicast, bool unicast_flag, Time now);
-  /// Can something be sent there?
+  void find(const Entry& entry, const Origin& from, bool multicast, bool unicast_flag, Time now);
+  /// May events be sent there?
   using Acceptable = std::function<bool(const Instance_endpoints&)>;
   /// `options` are those of the entry; `explicit_initial_data` is the flag of the message.
   void subscribe(const Entry& entry,
                  const Entry_options& options,
                  const Acceptable& acceptable,
-                 const Endpoint& from,
+                 const Origin& from,
                  bool explicit_initial_data,
                  Time now);
   /// All subscriptions of a peer that has restarted end.
-  void forget_peer(const Endpoint& peer);
+  void forget_peer(const Origin& peer);
   /// A client's TCP connection is gone, its subscriptions over it too.
   void connection_lost(const Endpoint& client);
   /// The client has closed the port that events go to, and with it its subscriptions there. Gives
@@ -109,17 +110,18 @@ class Discovery_server {
     Time next;
     std::map<std::uint16_t, Group> groups;
   };
+  /// Offers that answer finds by multicast or in another's name.
   struct Answer {
-    Discovery_outbox::Destination to;
-    Instance_key key;
     Time due;
+    std::set<Instance_key> instances;
   };
 
   void send_offer(const Local& local, std::uint32_t ttl, const Discovery_outbox::Destination& to);
   void advance(Local& local, Time now);
   void begin_offer(Local& local, Time now);
   void end_all_subscriptions(Local& local);
-  void refuse(Entry entry, const Endpoint& to);
+  [[nodiscard]] Answer* answer_to(const Discovery_outbox::Destination& to, Time now);
+  void refuse(Entry entry, const Origin& to);
   template <class Predicate>
   std::size_t end_subscriptions(Predicate&& ends);
 
@@ -131,7 +133,7 @@ class Discovery_server {
   Discovery_server_host& host_;
   bool link_up_ = true;
   std::map<Instance_key, Local> offers_;
-  std::vector<Answer> answers_;  ///< to finds that came by multicast, waiting for their delay
+  std::map<Discovery_outbox::Destination, Answer> answers_;  ///< waiting for their delay
 };
 
 }  // namespace someip

@@ -1,6 +1,7 @@
 /// Types shared by both sides of service discovery and their node.
 #pragma once
 
+#include <algorithm>
 #include <compare>
 #include <cstdint>
 #include <map>
@@ -28,8 +29,35 @@ struct Instance_key {
 struct Instance_endpoints {
   std::optional<Endpoint> udp;
   std::optional<Endpoint> tcp;
+
+  /// Does `predicate` hold for each of the endpoints?
+  template <class Predicate>
+  [[nodiscard]] bool all(Predicate predicate) const {
+    return (!udp || predicate(*udp)) && (!tcp || predicate(*tcp));
+  }
   friend bool operator==(const Instance_endpoints&, const Instance_endpoints&) = default;
 };
+
+/// Where a discovery message comes from. What it causes belongs to both members: an address cannot
+/// end, renew or restart what another one has said, whatever discovery endpoint it names.
+struct Origin {
+  Address sender;  ///< of the datagram
+  /// The service discovery that gets the answers: the sender's own unless the message names another
+  /// one (someipsd_1084).
+  Endpoint peer;
+
+  /// Does the sender speak for itself?
+  [[nodiscard]] bool direct() const { return sender == peer.address; }
+  /// May it renew or end what `other` has said? An address outranks those who spoke in its name.
+  [[nodiscard]] bool speaks_for(const Origin& other) const {
+    return peer == other.peer && (sender == other.sender || direct());
+  }
+  friend bool operator==(const Origin&, const Origin&) = default;
+};
+
+[[nodiscard]] inline bool allows(const std::vector<Address>& list, const Origin& origin) {
+  return allows(list, origin.sender) && allows(list, origin.peer.address);
+}
 
 /// How the events of a group travel.
 struct Group_transport {
@@ -41,7 +69,7 @@ struct Group_transport {
 
 /// A client's entry in an event group.
 struct Subscriber {
-  Endpoint peer;  ///< its service discovery
+  Origin origin;
   Instance_endpoints endpoints;
   std::uint8_t counter = 0;
   friend bool operator==(const Subscriber&, const Subscriber&) = default;
@@ -80,9 +108,10 @@ class Discovery_delays {
   Time initial_wait_end_{};
 };
 
-/// When an entry with this time to live ends.
-[[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds) {
-  return ttl_seconds == endless_ttl ? Time::max() : now + std::chrono::seconds(ttl_seconds);
+/// When an entry with this time to live ends, of which `longest` is accepted.
+[[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds, std::uint32_t longest) {
+  const std::uint32_t accepted = std::min(ttl_seconds, longest);
+  return accepted == endless_ttl ? Time::max() : now + std::chrono::seconds(accepted);
 }
 
 }  // namespace someip

@@ -1,11 +1,13 @@
 /// An address and a port, as the options of service discovery carry them.
 #pragma once
 
+#include <algorithm>
 #include <boost/asio/ip/address.hpp>
 #include <cstdint>
 #include <functional>
 #include <string>
 #include <tuple>
+#include <vector>
 
 namespace someip {
 
@@ -34,5 +36,10 @@ struct Endpoint {
 [[nodiscard]] bool reachable_peer(const Address& address,
                                   const Address& own,
                                   unsigned prefix_length);
+
+/// Does a service's list of peers allow `address`? An empty list allows every address.
+[[nodiscard]] inline bool allows(const std::vector<Address>& list, const Address& address) {
+  return list.empty() || std::ranges::find(list, address) != list.end();
+}
 
 }  // namespace someip

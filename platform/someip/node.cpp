@@ -1,5 +1,6 @@
 #include "platform/someip/node.h"
 
+#include <algorithm>
 #include <boost/asio/post.hpp>
 #include <future>
 #include <stdexcept>
@@ -78,6 +79,7 @@ std::unique_ptr<Discovery_channel> Node::take_address() {
 }
 
 void Node::start() {
+  warn_of_open_services();
   server_.start_watching();
   channel_->start(
       [this](Bytes datagram, const Endpoint& from, bool multicast) {
@@ -97,6 +99,22 @@ void Node::start() {
                                                " has no link yet: no interface that runs "
                                                "has this address");
   }
+}
+
+void Node::warn_of_open_services() {
+  const auto& services = context_.deployment.services;
+  const auto provided_here = [this](const Service_deployment& service) {
+    return std::ranges::find(service.instances, context_.node.name, &Instance_deployment::node) !=
+           service.instances.end();
+  };
+  const auto has_list = [](const Service_deployment& one) { return !one.allowed_peers.empty(); };
+  if (std::ranges::none_of(services, provided_here) || std::ranges::any_of(services, has_list)) {
+    return;
+  }
+  context_.log.write(Log_level::warning,
+                     context_.deployment.source +
+                         ": no service has \"allowedPeers\": every address of the network may use "
+                         "and provide every service");
 }
 
 void Node::stop() {

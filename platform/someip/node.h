@@ -84,6 +84,8 @@ class Node final {
   /// The channel of the first address that is free, which becomes the node's own.
   [[nodiscard]] std::unique_ptr<Discovery_channel> take_address();
   void start();
+  /// A node that provides services says it when no list restricts any of them.
+  void warn_of_open_services();
   void schedule();
   void link_changed(bool up);
 

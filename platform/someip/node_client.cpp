@@ -92,15 +92,46 @@ void Node_client::stop_search(std::shared_ptr<Search> search) {
   });
 }
 
-void Node_client::tell(const Running_search& search) const {
-  std::vector<std::uint16_t> found;
+void Node_client::tell(const Running_search& search) {
+  std::map<std::size_t, std::uint16_t> delivered;  // by their rank
+  std::vector<std::uint16_t> others;
   for (const Known_instance& known : known_) {
-    if (known.key.service == search.service && known.key.major_version == search.major_version &&
-        (search.instance == any_instance || search.instance == known.key.instance)) {
-      found.push_back(known.key.instance);
+    if (known.key.service != search.service || known.key.major_version != search.major_version ||
+        (search.instance != any_instance && search.instance != known.key.instance)) {
+      continue;
+    }
+    if (has_delivered(known.key, known.offer.origin.sender)) {
+      delivered.emplace(first_deliveries_.at(known.key).rank, known.key.instance);
+    } else {
+      others.push_back(known.key.instance);
     }
   }
+  std::vector<std::uint16_t> found;
+  found.reserve(delivered.size() + others.size());
+  for (const auto& [rank, instance] : delivered)
+    found.push_back(instance);
+  found.insert(found.end(), others.begin(), others.end());
   search.search->found(found);
+}
+
+void Node_client::note_delivery(const Instance_key& key) {
+  if (first_deliveries_.contains(key) ||
+      first_deliveries_.size() >= context_.deployment.limits.remote_instances) {
+    return;
+  }
+  const bool delivered = std::ranges::any_of(events_, [&](const Client_event& event) {
+    return event.selection.instance == key && event.sink->value_seen();
+  });
+  const auto known = std::ranges::find(known_, key, &Known_instance::key);
+  if (!delivered || known == known_.end()) return;
+  first_deliveries_.emplace(key,
+                            First_delivery{known->offer.origin.sender, first_deliveries_.size()});
+}
+
+bool Node_client::has_delivered(const Instance_key& key, const Address& provider) {
+  note_delivery(key);
+  const auto first = first_deliveries_.find(key);
+  return first != first_deliveries_.end() && first->second.provider == provider;
 }
 
 void Node_client::tell_searches(std::uint16_t service) {
@@ -121,6 +152,7 @@ void Node_client::instance_available(const Instance_key& key, const Remote_offer
 }
 
 void Node_client::instance_gone(const Instance_key& key) {
+  note_delivery(key);
   Instance_endpoints gone;
   {
     const std::lock_guard lock(known_mutex_);
@@ -171,6 +203,7 @@ void Node_client::unsubscribe(std::shared_ptr<Event_sink> sink) {
     const auto found =
         std::ranges::find_if(events_, [&](const auto& one) { return one.sink == sink; });
     if (found == events_.end()) return;
+    note_delivery(found->selection.instance);
     const Client_event ended = std::move(*found);
     events_.erase(found);
     if (ended.route) routes_.remove(*ended.route, sink.get());
@@ -189,6 +222,7 @@ void Node_client::unsubscribe(std::shared_ptr<Event_sink> sink) {
 void Node_client::subscription_changed(const Instance_key& key,
                                        std::uint16_t event_group,
                                        bool active) {
+  if (!active) note_delivery(key);
   for (Client_event& event : events_) {
     if (event.selection.instance != key || event.selection.event_group != event_group) continue;
     if (!active) event.sink->set_value_seen(false);

@@ -19,12 +19,14 @@
 
 namespace someip {
 
-/// Somebody who looks for instances of a service.
+/// A search for the instances of a service.
 class Search {
  public:
   virtual ~Search() = default;
-  /// The offered instances, in the order in which they were first offered: at the start and on each
-  /// change. Called on the control thread; must not wait.
+  /// The offered instances, at the start and on each change. In front are those whose present
+  /// provider was the first to deliver their events, in the order of these deliveries, so that a
+  /// stranger's instance does not displace them. The others follow in the order in which they were
+  /// first offered. Called on the control thread; must not wait.
   virtual void found(const std::vector<std::uint16_t>& instances) = 0;
 };
 
@@ -79,6 +81,7 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
   // Discovery_client_host
   void instance_available(const Instance_key& key, const Remote_offer& offer) override;
   void instance_gone(const Instance_key& key) override;
+  bool has_delivered(const Instance_key& key, const Address& provider) override;
   void subscription_changed(const Instance_key& key,
                             std::uint16_t event_group,
                             bool active) override;
@@ -113,11 +116,17 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
     Remote_offer offer;
   };
   using Group_key = std::pair<Instance_key, std::uint16_t>;
+  struct First_delivery {
+    Address provider;
+    std::size_t rank;  ///< number of instances that delivered before
+  };
 
   [[nodiscard]] std::shared_ptr<Udp_port> open_port();
   [[nodiscard]] Tcp_client::Events tcp_events();
-  void tell(const Running_search& search) const;
+  void tell(const Running_search& search);
   void tell_searches(std::uint16_t service);
+  /// Remembers the provider of the instance if it is the first that has delivered an event.
+  void note_delivery(const Instance_key& key);
   void connect_route(Client_event& event, const Remote_offer& offer);
   void leave_multicast(const Group_key& key, const std::optional<Endpoint>& but = std::nullopt);
   void release_if_unused(const Endpoint& server);
@@ -155,6 +164,7 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
   boost::asio::steady_timer call_timer_;
   std::vector<Running_search> searches_;
   std::vector<Client_event> events_;
+  std::map<Instance_key, First_delivery> first_deliveries_;
   std::map<Endpoint, std::pair<std::shared_ptr<Udp_port>, std::set<Group_key>>> multicast_ports_;
 };
 

@@ -46,7 +46,7 @@ class Node_server::Tcp_service_port final {
 
  private:
   [[nodiscard]] Tcp_server::Events events(Node_server& server) {
-    return {[&server] { return server.admit_connection(); },
+    return {[&server](const Address& peer) { return server.admit_connection(peer); },
             [&server](const Endpoint& client) { server.connection_lost(client); },
             [this, &server](Received message, const Endpoint& client,
                             const std::shared_ptr<Stream>& connection, Tasks& tasks) {
@@ -183,12 +183,20 @@ std::shared_ptr<Node_server::Tcp_service_port> Node_server::tcp_port(
   return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
 }
 
-bool Node_server::admit_connection() {
+bool Node_server::admit_connection(const Address& peer) {
+  const Deployment& deployment = context_.deployment;
+  const bool allowed = std::ranges::any_of(deployment.services, [&](const auto& service) {
+    return allows(service.allowed_peers, peer);
+  });
+  if (!allowed) return false;
   const std::lock_guard lock(ports_mutex_);
-  std::size_t count = 0;
-  for (const auto& [number, port] : tcp_ports_)
+  std::size_t count = 0, of_peer = 0;
+  for (const auto& [number, port] : tcp_ports_) {
     count += port->connections->connections();
-  return count < context_.deployment.limits.tcp_connections;
+    of_peer += port->connections->connections_from(peer);
+  }
+  return count < deployment.limits.tcp_connections &&
+         of_peer < deployment.limits.tcp_connections_per_address;
 }
 
 void Node_server::connection_lost(const Endpoint& client) {

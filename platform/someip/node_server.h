@@ -55,7 +55,7 @@ class Node_server final : public Discovery_server_host {
 
   [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
-  [[nodiscard]] bool admit_connection();
+  [[nodiscard]] bool admit_connection(const Address& peer);
   void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
 

@@ -1,6 +1,5 @@
 #include "platform/someip/provided_instance.h"
 
-#include <algorithm>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -166,8 +165,7 @@ void Provided_instance::request(Received message,
                                 Request_budget::Place place,
                                 Tasks& tasks) {
   const Header& header = message.header;
-  const auto& allowed = service_.allowed_peers;
-  if (!allowed.empty() && std::ranges::find(allowed, from) == allowed.end()) {
+  if (!allows(service_.allowed_peers, from)) {
     counters_.dropped_foreign_peer.add();
     return;
   }

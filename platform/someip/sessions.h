@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <utility>
 
 namespace someip {
 
@@ -19,6 +20,10 @@ class Session_counter {
   /// True until the first wrap: the reboot flag of service discovery (someipsd_41), to be asked
   /// after next().
   [[nodiscard]] bool reboot_flag() const { return !wrapped_; }
+  /// Goes on behind `other` if that is further: a peer that knows `other` sees no restart here.
+  void advance_to(const Session_counter& other) {
+    if (std::pair(wrapped_, last_) < std::pair(other.wrapped_, other.last_)) *this = other;
+  }
 
  private:
   std::uint16_t last_ = 0;

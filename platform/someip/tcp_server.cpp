@@ -58,7 +58,7 @@ void Tcp_server::accept() {
       });
       return;
     }
-    if (events_.admit()) {
+    if (events_.admit(accepted_.address())) {
       counters_.tcp_accepted.add();
       connections_.push_back(std::make_shared<Tcp_connection>(
           std::move(socket), endpoint_of(accepted_), false, limits_,
@@ -81,6 +81,11 @@ void Tcp_server::received(Received message,
 void Tcp_server::lost(const std::shared_ptr<Tcp_connection>& connection) {
   std::erase(connections_, connection);
   events_.lost(connection->peer());
+}
+
+std::size_t Tcp_server::connections_from(const Address& peer) const {
+  return static_cast<std::size_t>(std::ranges::count_if(
+      connections_, [&](const auto& connection) { return connection->peer().address == peer; }));
 }
 
 std::shared_ptr<Stream> Tcp_server::connection_of(const Endpoint& client) const {

@@ -17,8 +17,8 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
  public:
   /// Called on the control thread, from start() to close().
   struct Events {
-    /// May one more connection be accepted?
-    std::function<bool()> admit;
+    /// May one more connection be accepted from `peer`?
+    std::function<bool(const Address& peer)> admit;
     std::function<void(const Endpoint& client)> lost;
     /// `connection` is the way back to `client`.
     std::function<void(Received message,
@@ -42,6 +42,7 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
   /// Null when `client` has no open connection to this port.
   [[nodiscard]] std::shared_ptr<Stream> connection_of(const Endpoint& client) const;
   [[nodiscard]] std::size_t connections() const { return connections_.size(); }
+  [[nodiscard]] std::size_t connections_from(const Address& peer) const;
   /// Closes every connection; listens on.
   void drop_connections();
   /// Closes what `peer` opened before `before`.

@@ -41,13 +41,15 @@ READ = 0x0001
 NO_TEXTS = bytes(4)  # the parameter of Read: an empty map
 
 
-def host_manifest(network, *, allowed=(), threshold=2, limits=None, segments=None, prefix=16, **timing):
-    """`allowed` may talk to the service CLOSED and provide REMOTE_CLOSED; `timing` may differ from TIMING."""
+def host_manifest(network, *, allowed=(), everywhere=(), threshold=2, limits=None, segments=None, prefix=16, **timing):
+    """`allowed` may talk to the service CLOSED and provide REMOTE_CLOSED, `everywhere` use and provide all services
+    if it names addresses; `timing` may differ from TIMING."""
     def service(id, transport="udp", instances=(), **more):
         def elements(**of_name):
             return {name: {**element, "transport": transport} for name, element in of_name.items()}
         return {
-            "id": id, "majorVersion": MAJOR, "minorVersion": MINOR, "instances": list(instances), **more,
+            "id": id, "majorVersion": MAJOR, "minorVersion": MINOR, "instances": list(instances),
+            "allowedPeers": list(everywhere), **more,
             "methods": elements(echo={"id": ECHO}, poke={"id": POKE, "fireAndForget": True}, size={"id": SIZE},
                                 make={"id": MAKE}, fail={"id": FAIL}),
             "events": elements(tick={"id": TICK, "eventGroup": TICK_GROUP},

@@ -200,7 +200,7 @@ class Options(suite.Group):
                          ["01", "02", "77"])
 
     def test_options_rule(self):
-        host, peer = self.vehicle("find Remote")
+        host, peer = self.vehicle("find Remote", subscriptionsForOthers=True)
         elsewhere = self.peer(listen=False)
         events = elsewhere.socket()
         self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, events).ttl, 0)
@@ -256,7 +256,7 @@ class Options(suite.Group):
         self.assertEqual(foreign.messages, [])
 
     def test_no_check(self):
-        host, peer = self.vehicle(prefix=0)
+        host, peer = self.vehicle(prefix=0, subscriptionsForOthers=True)
         foreign = self.outside()
         self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, foreign).ttl, 0)
         self.event(host, foreign)
@@ -288,18 +288,51 @@ class Options(suite.Group):
         host, peer = self.vehicle()
         behind = self.peer(listen=False)
         option = self.behind(behind)
-        own, others = peer.socket(), peer.socket()
+        own, others, behinds = peer.socket(), peer.socket(), behind.socket()
         for events, options in ((own, []), (others, [option])):
             peer.tell(subscribe(VEHICLE, TICK_GROUP, options=(len(options), 1)), [*options, endpoint(events)], host,
                       session=10)
         for one in (peer, behind):
             one.entry(ACKNOWLEDGE, VEHICLE, multicast=False)
-        # The one behind restarts.
+        self.assertGreater(behind.subscribed(host, VEHICLE, TICK_GROUP, behinds).ttl, 0)
+        # The one behind restarts, says the peer: what the one behind has said itself stays.
         peer.tell(find(VEHICLE), [option], host, session=1)
         behind.entry(OFFER, VEHICLE)
-        self.event(host, own)
+        self.event(host, own, behinds)
         peer.call(host, *host.ping)
         self.assertEqual(others.messages, [])
+
+    def test_discovery_endpoint_and_list(self):
+        friend, other, stranger = (self.peer() for _ in range(3))
+        host = self.host("offer closed", "find RemoteClosed", allowed=[friend.address, other.address],
+                         requestResponseDelayMaxMs=0)
+        friend.entry(OFFER, CLOSED)
+        friend.entry(OFFER, CLOSED)
+
+        def ask(sender, behind, at):
+            """A find, a subscription and an offer: what they have led to."""
+            events, known = at.socket(), len(behind.unicast.entries)
+            wish = subscribe(CLOSED, TICK_GROUP, options=(1, 1))
+            options = [self.behind(behind), endpoint(sender.caller() if at is sender else events)]
+            sender.tell([find(CLOSED), wish, offer(REMOTE_CLOSED, options=(1, 1))], options, host)
+            friend.tell(offer(REMOTE_CLOSED, 9), [endpoint(friend.caller())], host)
+            found = self.network.wait(lambda: host.lines[-1].endswith(" 9") and host.lines[-1], "the last offer")
+            sender.tell(offer(REMOTE_CLOSED, ttl=0, options=(1, 1)), options, host)
+            friend.tell(offer(REMOTE_CLOSED, 9, ttl=0), [endpoint(friend.caller())], host)
+            self.network.wait(lambda: host.lines[-1] == "found RemoteClosed", "the end of all offers")
+            return sorted(one.type for one in behind.unicast.entries[known:]), "1" in found.split()
+        self.assertEqual(ask(friend, other, friend), ([OFFER, ACKNOWLEDGE], True))
+        self.assertEqual(ask(stranger, friend, stranger), ([], False))
+        self.assertEqual(ask(stranger, friend, friend), ([], False))
+        self.assertEqual(ask(friend, stranger, friend), ([], False))
+        self.assertEqual(ask(friend, other, stranger), ([OFFER], False))
+
+    def test_subscriptions_for_others(self):
+        for allowed in (False, True):
+            host, peer = self.vehicle(subscriptionsForOthers=allowed)
+            other = self.peer(listen=False)
+            self.assertEqual(self.subscriptions(host, peer, [endpoint(other.caller())]), [allowed])
+            self.doCleanups()
 
     def test_wrong_discovery_endpoint(self):
         host, peer = self.vehicle()

@@ -4,8 +4,11 @@
 
 #include <gmock/gmock.h>
 
+#include <ctime>
+
 #include "platform/someip/discovery_message.h"
 #include "platform/someip/discovery_outbox.h"
+#include "platform/someip/discovery_server.h"
 #include "platform/someip/stream_reader.h"
 
 namespace someip {
@@ -74,7 +77,9 @@ TEST(Discovery_message, ipv6_endpoints_travel_too) {
 }
 
 TEST(Discovery_outbox, keeps_what_belongs_together_in_one_message_and_sends_an_offer_once) {
-  Discovery_peers peers(1);
+  Limits limits;
+  limits.discovery_peers = 1;
+  Discovery_peers peers(limits);
   std::vector<std::size_t> sent;  // entries of each message
   Discovery_outbox outbox(peers, [&](const std::vector<std::byte>& bytes, const auto&) {
     const auto message = read_discovery_message(Bytes(bytes).subspan(header_size), 100);
@@ -95,6 +100,87 @@ TEST(Discovery_outbox, keeps_what_belongs_together_in_one_message_and_sends_an_o
   outbox.add(peer, {{.type = Entry_type::subscribe}, {.type = Entry_type::subscribe}}, options);
   outbox.flush({});
   EXPECT_THAT(sent, testing::ElementsAre(most - 1, 2));
+}
+
+TEST(Discovery_peers, an_address_has_its_quota_and_no_session_goes_backwards) {
+  using enum Discovery_peers::Verdict;
+  Limits limits;
+  limits.discovery_peers = 3;
+  limits.discovery_peers_per_address = 2;
+  Discovery_peers peers(limits);
+  Time now{std::chrono::hours(1)};
+  const auto origin = [](const char* address, std::uint16_t port) {
+    const Endpoint endpoint{boost::asio::ip::make_address(address), port};
+    return Origin{endpoint.address, endpoint};
+  };
+  const auto hear = [&](const Origin& from) {
+    return peers.heard(from, false, 1, true, now += std::chrono::milliseconds(1));
+  };
+  const Origin known_one = origin("10.0.0.1", 1);
+  EXPECT_EQ(hear(known_one), known);
+  for (std::uint16_t port = 1; port <= 300; ++port)
+    EXPECT_EQ(hear(origin("10.0.0.2", port)), port <= 2 ? known : refused);
+  EXPECT_EQ(hear(origin("10.0.0.3", 1)), known);  // in the place of one of two
+  EXPECT_EQ(hear(origin("10.0.0.4", 1)), refused);
+  EXPECT_EQ(hear(known_one), restarted);
+  now += std::chrono::seconds(11);
+  EXPECT_EQ(hear(origin("10.0.0.4", 1)), known);
+
+  EXPECT_EQ(peers.towards(known_one.peer, now).next(), 1);
+  EXPECT_EQ(peers.towards(known_one.peer, now).next(), 2);
+  for (std::uint16_t port = 1; port <= 3; ++port)
+    static_cast<void>(
+        peers.towards(origin("10.0.0.2", port).peer, now += std::chrono::milliseconds(1)).next());
+  EXPECT_EQ(peers.towards(known_one.peer, now).next(), 3);
+}
+
+class Deaf_host final : public Discovery_server_host {
+  bool has_connection(const Offer&, const Endpoint&) override { return false; }
+  void subscribers_changed(const Instance_key&,
+                           std::uint16_t,
+                           const std::vector<Subscriber>&,
+                           const std::vector<Subscriber>&) override {}
+};
+
+TEST(Discovery_server, a_find_costs_no_more_when_many_answers_wait) {
+  const Discovery_timing timing;
+  const Limits limits;
+  Discovery_delays delays(timing);
+  Discovery_peers peers(limits);
+  std::size_t offers = 0;
+  Discovery_outbox outbox(peers, [&](const std::vector<std::byte>& bytes, const auto& to) {
+    const auto message = read_discovery_message(Bytes(bytes).subspan(header_size), 100);
+    if (to) offers += message->entries.size();
+  });
+  Counters counters;
+  Deaf_host host;
+  Discovery_server server(timing, limits, delays, outbox, counters, host);
+  constexpr std::uint16_t instances = 200, clients = 200;
+  Time now{std::chrono::hours(1)};
+  for (std::uint16_t instance = 1; instance <= instances; ++instance) {
+    Offer offer;
+    offer.key = {1, instance, 1};
+    server.offer(std::move(offer), now);
+  }
+  server.on_time(now += timing.initial_delay_max);
+
+  Entry find;
+  find.service = 1;
+  find.instance = any_instance;
+  find.major_version = any_major_version;
+  find.minor_version = any_minor_version;
+  const auto start = std::clock();
+  for (std::uint16_t repeated = 0; repeated < 2; ++repeated) {
+    for (std::uint16_t port = 1; port <= clients; ++port) {
+      const Endpoint client{boost::asio::ip::make_address("10.0.0.1"), port};
+      server.find(find, {client.address, client}, true, true, now);
+    }
+  }
+  // Looking through all waiting answers for each of them takes many seconds.
+  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC);
+  server.on_time(now += timing.request_response_delay_max);
+  outbox.flush(now);
+  EXPECT_EQ(offers, std::size_t{instances} * clients);
 }
 
 }  // namespace

@@ -213,6 +213,7 @@ Json to_json(const someip::Deployment& deployment, const Catalogue& catalogue) {
   Json& discovery = json["serviceDiscovery"];
   discovery["multicastAddress"] = deployment.discovery.multicast_address.to_string();
   add_numbers(discovery, deployment.discovery);
+  discovery["subscriptionsForOthers"] = deployment.discovery.subscriptions_for_others;
   add_numbers(json["limits"], deployment.limits);
   add_numbers(json["segments"], deployment.segments);
   for (const auto& service : deployment.services) {

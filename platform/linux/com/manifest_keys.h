@@ -64,6 +64,8 @@ constexpr auto manifest_keys(const someip::Discovery_timing* /*section*/) {
       Manifest_key{"requestResponseDelayMaxMs", &Timing::request_response_delay_max, 0, longest},
       Manifest_key{"offerTtlS", &Timing::offer_ttl, 1, 0xFFFFFF},
       Manifest_key{"subscribeTtlS", &Timing::subscribe_ttl, 1, 0xFFFFFF},
+      Manifest_key{"longestOfferTtlS", &Timing::longest_offer_ttl, 1, 0xFFFFFF},
+      Manifest_key{"longestSubscribeTtlS", &Timing::longest_subscribe_ttl, 1, 0xFFFFFF},
   };
 }
 
@@ -71,16 +73,20 @@ constexpr auto manifest_keys(const someip::Limits* /*section*/) {
   using someip::Limits;
   return std::tuple{
       Manifest_key{"subscribersPerEventGroup", &Limits::subscribers_per_event_group, 1, many},
+      Manifest_key{"subscribersPerAddress", &Limits::subscribers_per_address, 1, many},
       Manifest_key{"reassemblies", &Limits::reassemblies, 1, many},
       Manifest_key{"reassembliesPerPeer", &Limits::reassemblies_per_peer, 1, many},
       Manifest_key{"reassemblyTimeoutMs", &Limits::reassembly_timeout, 0, longest_milliseconds},
       Manifest_key{"messageBytes", &Limits::message_bytes, 1500, most_bytes},
       Manifest_key{"tcpConnections", &Limits::tcp_connections, 1, many},
+      Manifest_key{"tcpConnectionsPerAddress", &Limits::tcp_connections_per_address, 1, many},
       Manifest_key{"tcpSendQueueBytes", &Limits::tcp_send_queue_bytes, 1500, most_bytes},
       Manifest_key{"pendingCalls", &Limits::pending_calls, 1, 0xFFFE},
       Manifest_key{"entriesPerDiscoveryMessage", &Limits::entries_per_discovery_message, 1, 4096},
       Manifest_key{"remoteInstances", &Limits::remote_instances, 1, many},
+      Manifest_key{"remoteInstancesPerAddress", &Limits::remote_instances_per_address, 1, many},
       Manifest_key{"discoveryPeers", &Limits::discovery_peers, 1, many},
+      Manifest_key{"discoveryPeersPerAddress", &Limits::discovery_peers_per_address, 1, many},
       Manifest_key{"queuedRequests", &Limits::queued_requests, 1, many},
       Manifest_key{"queuedNotifications", &Limits::queued_notifications, 1, many},
       Manifest_key{"queuedSegmentBytes", &Limits::queued_segment_bytes, 1500, most_bytes},

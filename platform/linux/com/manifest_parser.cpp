@@ -150,6 +150,9 @@ someip::Discovery_timing discovery(const Json_reader& value) {
   if (const auto found = members.find("multicastAddress")) {
     result.multicast_address = address(*found, true);
   }
+  if (const auto found = members.find("subscriptionsForOthers")) {
+    result.subscriptions_for_others = found->boolean();
+  }
   read_numbers(members, result);
   members.done();
   require_renewal(members, "offerTtlS", result.offer_ttl, result.cyclic_offer_delay);
