@@ -4,6 +4,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,7 +65,7 @@ ipv6_mreq membership_v6(const Address& group, const Address& own) {
   return request;
 }
 
-// The two calls on the road of a notification are made directly: the C library's are points where
+// The calls on the path of a notification are made directly: the C library's are points where
 // a thread may be cancelled, which nobody does here and which costs two atomic operations each. Who
 // looks on, the sanitizers and the network of fuzz/, sees only the C library's.
 #ifdef SOMEIP_CALLS_ARE_WATCHED
@@ -81,11 +82,11 @@ ssize_t send_to(int descriptor, Bytes datagram, const Socket_address& to) {
              : ::sendto(descriptor, datagram.data(), datagram.size(), flags, to.data(), to.size());
 }
 
-ssize_t receive_from(int descriptor, std::span<std::byte> into, Socket_address& from) {
-  socklen_t from_size = Socket_address::capacity();
-  return direct ? ::syscall(SYS_recvfrom, descriptor, into.data(), into.size(), 0, from.data(),
-                            &from_size)
-                : ::recvfrom(descriptor, into.data(), into.size(), 0, from.data(), &from_size);
+ssize_t receive_from(
+    int descriptor, std::span<std::byte> into, int flags, sockaddr* from, socklen_t* from_size) {
+  return direct
+             ? ::syscall(SYS_recvfrom, descriptor, into.data(), into.size(), flags, from, from_size)
+             : ::recvfrom(descriptor, into.data(), into.size(), flags, from, from_size);
 }
 
 }  // namespace
@@ -202,8 +203,38 @@ std::error_code Udp_socket::send(Bytes datagram, const Socket_address& to) const
   }
 }
 
+void Udp_socket::wait() const {
+  static_cast<void>(receive_from(descriptor_, {}, MSG_PEEK, nullptr, nullptr));
+}
+
 ssize_t Udp_socket::receive(std::span<std::byte> into, Socket_address& from) const {
-  return receive_from(descriptor_, into, from);
+  socklen_t from_size = Socket_address::capacity();
+  return receive_from(descriptor_, into, MSG_DONTWAIT, from.data(), &from_size);
+}
+
+std::size_t Udp_socket::receive(std::span<Arrival> arrivals) const {
+  std::array<std::array<iovec, 2>, max_arrivals> parts;
+  std::array<mmsghdr, max_arrivals> messages{};
+  const std::size_t most = std::min(arrivals.size(), max_arrivals);
+  for (std::size_t i = 0; i < most; ++i) {
+    Arrival& arrival = arrivals[i];
+    parts[i][0] = {arrival.begin.data(), arrival.begin.size()};
+    parts[i][1] = {arrival.rest.data(), arrival.rest.size()};
+    messages[i].msg_hdr.msg_name = arrival.from.data();
+    messages[i].msg_hdr.msg_namelen = Socket_address::capacity();
+    messages[i].msg_hdr.msg_iov = parts[i].data();
+    messages[i].msg_hdr.msg_iovlen = parts[i].size();
+  }
+  int count = -1;
+  // The kernel reports the error of an earlier send (a closed port) here, once, instead of a
+  // datagram. Only EAGAIN means that the socket is empty.
+  do {
+    count = ::recvmmsg(descriptor_, messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT,
+                       nullptr);
+  } while (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+  for (int i = 0; i < count; ++i)
+    arrivals[static_cast<std::size_t>(i)].size = messages[static_cast<std::size_t>(i)].msg_len;
+  return count < 0 ? 0 : static_cast<std::size_t>(count);
 }
 
 }  // namespace someip
