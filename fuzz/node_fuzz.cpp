@@ -46,8 +46,6 @@ class Player final : public someip::Workers {
     const std::lock_guard lock(mutex_);
     readers_.erase(static_cast<std::uint64_t>(watch));
   }
-  void pause(Watch, int) override {}
-  void resume(Watch, int) override {}
 
   /// Until nobody has anything to do any more.
   void settle() {

@@ -297,7 +297,7 @@ void Node_client::connection_lost(const Endpoint& server) {
       [&](const auto& call) { return call.transport == Transport::tcp && call.server == server; }));
 }
 
-void Node_client::received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) {
+void Node_client::received(Received message, const Endpoint& from, Tasks& tasks) {
   dispatch(std::move(message), from, Transport::udp, tasks);
 }
 

@@ -41,7 +41,7 @@ struct Event_selection {
 };
 
 /// What users of the node ask for may come from any thread, see Node; the rest says where it runs.
-class Node_client final : public Udp_port::Receiver, public Discovery_client_host {
+class Node_client final : public Message_receiver, public Discovery_client_host {
  public:
   /// Opens the port of the node's client. Throws std::runtime_error naming the key.
   explicit Node_client(Node_context& context);
@@ -66,7 +66,7 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
   void cancel_calls(const void* owner);
 
   /// From now on messages come.
-  void open() { port_->open_with_thread(); }
+  void open() { port_->open_with_threads(); }
   /// Control thread: connects anew to what was connected before `last_contact`.
   void peer_restarted(const Address& peer, Time last_contact) {
     tcp_client_.restart(peer, last_contact);
@@ -94,8 +94,8 @@ class Node_client final : public Udp_port::Receiver, public Discovery_client_hos
   std::optional<Endpoint> tcp_endpoint(const Endpoint& server) override {
     return tcp_client_.local_end(server);
   }
-  // Udp_port::Receiver: what comes to the client's port and to the multicast ports
-  void received(Received message, const Endpoint& from, Udp_port& port, Tasks& tasks) override;
+  // Message_receiver: what comes to the client's port and to the multicast ports
+  void received(Received message, const Endpoint& from, Tasks& tasks) override;
 
  private:
   class Answer;

@@ -37,7 +37,7 @@ struct Node_context {
   }
   /// `socket` is bound.
   [[nodiscard]] std::shared_ptr<Udp_port> udp_port(std::unique_ptr<Udp_socket> socket,
-                                                   Udp_port::Receiver& receiver) {
+                                                   Message_receiver& receiver) {
     return std::make_shared<Udp_port>(std::move(socket), receiver, workers, reassembler, shaper,
                                       counters, log);
   }

@@ -9,14 +9,14 @@
 namespace someip {
 
 /// A port with services behind it.
-class Node_server::Service_port final : public Udp_port::Receiver {
+class Node_server::Service_port final : public Message_receiver {
  public:
   Service_port(std::unique_ptr<Udp_socket> socket, Node_server& server)
       : port(server.context_.udp_port(std::move(socket), *this)),
         requests_(server.requests_),
         counters_(server.context_.counters) {}
 
-  void received(Received message, const Endpoint& from, Udp_port&, Tasks& tasks) override {
+  void received(Received message, const Endpoint& from, Tasks& tasks) override {
     table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
                    requests_, counters_);
   }

@@ -56,8 +56,8 @@ Buffer Buffer::copy_of(Bytes bytes) {
   return buffer;
 }
 
-bool is_older_than(Arrival arrival, std::chrono::nanoseconds limit) {
-  if (arrival == Arrival{}) return false;
+bool is_older_than(Arrival_time arrival, std::chrono::nanoseconds limit) {
+  if (arrival == Arrival_time{}) return false;
   timespec now{};
   // Asked for each notification: the coarse clock costs a third of the exact one.
   ::clock_gettime(CLOCK_REALTIME_COARSE, &now);

@@ -58,17 +58,17 @@ class Buffer {
 };
 
 /// When the kernel received the datagram; its epoch where the kernel did not say.
-using Arrival = std::chrono::sys_time<std::chrono::nanoseconds>;
+using Arrival_time = std::chrono::sys_time<std::chrono::nanoseconds>;
 
 /// Whether more than `limit` has passed since `arrival`, exact to a tick of the kernel. False for
 /// an unknown arrival.
-[[nodiscard]] bool is_older_than(Arrival arrival, std::chrono::nanoseconds limit);
+[[nodiscard]] bool is_older_than(Arrival_time arrival, std::chrono::nanoseconds limit);
 
 struct Received {
   Header header;
   Bytes payload;  ///< inside `buffer`
   Buffer buffer;
-  Arrival arrival = {};  ///< of its last datagram; unknown over TCP
+  Arrival_time arrival = {};  ///< of its last datagram; unknown over TCP
 
   /// The same for keeping: a receiver's own, large buffer is not held for one message.
   [[nodiscard]] Received kept() const {

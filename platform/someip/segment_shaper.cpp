@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "platform/someip/segmentation.h"
-#include "platform/someip/udp_port.h"
 
 namespace someip {
 
@@ -41,8 +40,8 @@ class Segment_shaper::Message {
 };
 
 bool Segment_shaper::Key::operator<(const Key& other) const {
-  return std::tie(port, service, method, to) <
-         std::tie(other.port, other.service, other.method, other.to);
+  return std::tie(sender, service, method, to) <
+         std::tie(other.sender, other.service, other.method, other.to);
 }
 
 Segment_shaper::Segment_shaper(const Deployment& deployment,
@@ -68,7 +67,7 @@ std::shared_ptr<const Segment_shaper::Message> Segment_shaper::copy(const Header
   return nullptr;
 }
 
-void Segment_shaper::send(Udp_port& port,
+void Segment_shaper::send(const std::shared_ptr<Udp_sender>& sender,
                           const Header& header,
                           Bytes payload,
                           std::span<const Socket_address> to) {
@@ -77,11 +76,11 @@ void Segment_shaper::send(Udp_port& port,
   if (spread) message = copy(header, payload, to.size());
   if (spread && !message) return;
   for (const Socket_address& destination : to) {
-    const Key key{&port, header.service, header.method, destination.endpoint()};
+    const Key key{sender.get(), header.service, header.method, destination.endpoint()};
     std::unique_lock lock(mutex_);
     if (!spread && !lanes_.contains(key)) {
       lock.unlock();
-      port.send_part(header, payload, 0, segments_of(payload.size()), destination);
+      sender->send_part(header, payload, 0, segments_of(payload.size()), destination);
       continue;
     }
     if (stopped_) return;
@@ -89,7 +88,7 @@ void Segment_shaper::send(Udp_port& port,
     if (!message) continue;
     const auto [lane, added] = lanes_.try_emplace(key);
     if (added) {
-      lane->second.port = port.shared_from_this();
+      lane->second.sender = sender;
       lane->second.to = destination;
       turns_.push_back(lane);
     }
@@ -119,7 +118,7 @@ void Segment_shaper::burst() {
     const Message& message = *first.message;
     lock.unlock();
     const std::size_t before = first.sent;
-    first.sent = lane.port->send_part(message.header, message.payload, before, left, lane.to);
+    first.sent = lane.sender->send_part(message.header, message.payload, before, left, lane.to);
     const bool done = first.sent == message.payload.size();
     left -= std::min(left, segments_of(first.sent - before));
     lock.lock();

@@ -19,11 +19,9 @@
 #include "platform/someip/endpoint.h"
 #include "platform/someip/message.h"
 #include "platform/someip/time.h"
-#include "platform/someip/udp_socket.h"
+#include "platform/someip/udp_sender.h"
 
 namespace someip {
-
-class Udp_port;
 
 /// Shared by the ports of a node. A message of more segments than a burst waits here, one copy for
 /// all its destinations; the messages that wait take turns, one burst for all of them in each
@@ -40,8 +38,8 @@ class Segment_shaper {
 
   /// False while messages wait: short ones then have to come by send() too, so that order is kept.
   [[nodiscard]] bool idle() const { return waiting_.load(std::memory_order_acquire) == 0; }
-  /// Sends from `port` now or later. Past the bound the message is refused and counted.
-  void send(Udp_port& port,
+  /// Sends through `sender` now or later. Past the bound the message is refused and counted.
+  void send(const std::shared_ptr<Udp_sender>& sender,
             const Header& header,
             Bytes payload,
             std::span<const Socket_address> to);
@@ -53,7 +51,7 @@ class Segment_shaper {
  private:
   class Message;
   struct Key {
-    const Udp_port* port;
+    const Udp_sender* sender;
     std::uint16_t service, method;
     Endpoint to;
     bool operator<(const Key& other) const;
@@ -63,7 +61,7 @@ class Segment_shaper {
     std::size_t sent = 0;  ///< bytes of the payload; the control thread's own
   };
   struct Lane {
-    std::shared_ptr<Udp_port> port;
+    std::shared_ptr<Udp_sender> sender;
     Socket_address to;
     std::deque<Waiting> messages;
   };

@@ -4,6 +4,7 @@
 #include <ifaddrs.h>
 #include <net/if.h>
 #include <sys/syscall.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -64,7 +65,7 @@ ipv6_mreq membership_v6(const Address& group, const Address& own) {
   return request;
 }
 
-// The two calls on the road of a notification are made directly: the C library's are points where
+// The calls on the path of a notification are made directly: the C library's are points where
 // a thread may be cancelled, which nobody does here and which costs two atomic operations each. Who
 // looks on, the sanitizers and the network of fuzz/, sees only the C library's.
 #ifdef SOMEIP_CALLS_ARE_WATCHED
@@ -81,9 +82,40 @@ ssize_t send_to(int descriptor, Bytes datagram, const Socket_address& to) {
              : ::sendto(descriptor, datagram.data(), datagram.size(), flags, to.data(), to.size());
 }
 
-ssize_t receive_message(int descriptor, msghdr& message) {
-  return direct ? ::syscall(SYS_recvmsg, descriptor, &message, 0)
-                : ::recvmsg(descriptor, &message, 0);
+ssize_t receive_message(int descriptor, msghdr& message, int flags) {
+  return direct ? ::syscall(SYS_recvmsg, descriptor, &message, flags)
+                : ::recvmsg(descriptor, &message, flags);
+}
+
+/// A datagram's message header with all that it refers to.
+class Incoming {
+ public:
+  void expect(Udp_socket::Arrival& arrival, msghdr& header) {
+    parts_[0] = {arrival.begin.data(), arrival.begin.size()};
+    parts_[1] = {arrival.rest.data(), arrival.rest.size()};
+    header.msg_name = arrival.from.data();
+    header.msg_namelen = Socket_address::capacity();
+    header.msg_iov = parts_.data();
+    header.msg_iovlen = arrival.rest.empty() ? 1 : 2;
+    header.msg_control = control_.data();
+    header.msg_controllen = control_.size();
+  }
+
+ private:
+  std::array<iovec, 2> parts_;
+  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(sizeof(timespec))> control_;
+};
+
+/// When the kernel received the datagram behind `header`.
+Arrival_time time_of(const msghdr& header) {
+  const cmsghdr* const control = CMSG_FIRSTHDR(&header);
+  if (control == nullptr || control->cmsg_level != SOL_SOCKET ||
+      control->cmsg_type != SO_TIMESTAMPNS) {
+    return {};
+  }
+  timespec time{};
+  std::memcpy(&time, CMSG_DATA(control), sizeof time);
+  return Arrival_time{std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec}};
 }
 
 }  // namespace
@@ -118,23 +150,10 @@ socklen_t Socket_address::size() const {
   return storage_.any.sa_family == AF_INET ? sizeof storage_.v4 : sizeof storage_.v6;
 }
 
-Arrival arrival_of(const msghdr& message) {
-  const cmsghdr* const control = CMSG_FIRSTHDR(&message);
-  if (control == nullptr || control->cmsg_level != SOL_SOCKET ||
-      control->cmsg_type != SO_TIMESTAMPNS) {
-    return {};
-  }
-  timespec time{};
-  std::memcpy(&time, CMSG_DATA(control), sizeof time);
-  return Arrival{std::chrono::seconds{time.tv_sec} + std::chrono::nanoseconds{time.tv_nsec}};
-}
-
 Udp_socket::Udp_socket(const Address& like)
     : descriptor_(::socket(
           like.is_v4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-  if (descriptor_ < 0) {
-    throw std::system_error(last_error(), "cannot open a UDP socket for " + like.to_string());
-  }
+  if (descriptor_ < 0) throw std::system_error(last_error(), "socket");
   // A burst of segments should fit while the workers are busy; the kernel caps it.
   const int receive_buffer = 4 * 1024 * 1024;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_RCVBUF, receive_buffer));
@@ -216,21 +235,41 @@ std::error_code Udp_socket::send(Bytes datagram, const Socket_address& to) const
   }
 }
 
-ssize_t Udp_socket::receive(std::span<std::byte> into,
-                            Socket_address& from,
-                            Arrival& arrival) const {
-  Arrival_control control;
-  iovec part{into.data(), into.size()};
-  msghdr message{};
-  message.msg_name = from.data();
-  message.msg_namelen = Socket_address::capacity();
-  message.msg_iov = &part;
-  message.msg_iovlen = 1;
-  message.msg_control = control.bytes.data();
-  message.msg_controllen = control.bytes.size();
-  const auto size = receive_message(descriptor_, message);
-  if (size >= 0) arrival = arrival_of(message);
-  return size;
+void Udp_socket::wait() const {
+  msghdr nothing{};
+  static_cast<void>(receive_message(descriptor_, nothing, MSG_PEEK));
+}
+
+bool Udp_socket::receive(Arrival& arrival) const {
+  Incoming incoming;
+  msghdr header{};
+  incoming.expect(arrival, header);
+  const ssize_t size = receive_message(descriptor_, header, MSG_DONTWAIT);
+  if (size < 0) return false;
+  arrival.size = static_cast<std::size_t>(size);
+  arrival.time = time_of(header);
+  return true;
+}
+
+std::size_t Udp_socket::receive(std::span<Arrival> arrivals) const {
+  std::array<Incoming, max_arrivals> incoming;
+  std::array<mmsghdr, max_arrivals> messages{};
+  const std::size_t most = std::min(arrivals.size(), max_arrivals);
+  for (std::size_t i = 0; i < most; ++i)
+    incoming[i].expect(arrivals[i], messages[i].msg_hdr);
+  int count = -1;
+  // The kernel reports the error of an earlier send (a closed port) here, once, instead of a
+  // datagram. Only EAGAIN means that the socket is empty.
+  do {
+    count = ::recvmmsg(descriptor_, messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT,
+                       nullptr);
+  } while (count < 0 && errno != EAGAIN && errno != EWOULDBLOCK);
+  const std::size_t received = count < 0 ? 0 : static_cast<std::size_t>(count);
+  for (std::size_t i = 0; i < received; ++i) {
+    arrivals[i].size = messages[i].msg_len;
+    arrivals[i].time = time_of(messages[i].msg_hdr);
+  }
+  return received;
 }
 
 }  // namespace someip

@@ -35,14 +35,8 @@ class Socket_address {
   } storage_{};
 };
 
-/// Control data of a datagram, in which the kernel tells its arrival.
-struct Arrival_control {
-  alignas(cmsghdr) std::array<std::byte, CMSG_SPACE(sizeof(timespec))> bytes;
-};
-/// Of a datagram received with an Arrival_control.
-[[nodiscard]] Arrival arrival_of(const msghdr& message);
-
-/// Owns the descriptor. Sending is thread-safe; the rest is for one thread at a time.
+/// Owns the descriptor. Sending, waiting and receiving are thread-safe; the rest is for one thread
+/// at a time.
 class Udp_socket {
  public:
   /// Opens for the address family of `like`. Throws std::system_error.
@@ -53,9 +47,9 @@ class Udp_socket {
 
   [[nodiscard]] int descriptor() const { return descriptor_; }
   void reuse_address();
-  /// Receiving waits, unless it says otherwise.
+  /// Makes wait() wait.
   void set_blocking();
-  /// Nothing is received any more; whoever waits in the socket returns.
+  /// Ends each wait(), present and future. Thread-safe.
   void end_receiving();
   /// An address that no interface has yet can be bound: the network may come up later.
   void allow_missing_address();
@@ -72,10 +66,25 @@ class Udp_socket {
 
   /// EAGAIN when the socket's buffer is full.
   [[nodiscard]] std::error_code send(Bytes datagram, const Socket_address& to) const;
-  /// Waits, once set_blocking(). The bytes of the datagram, or -1 for an error.
-  [[nodiscard]] ssize_t receive(std::span<std::byte> into,
-                                Socket_address& from,
-                                Arrival& arrival) const;
+  /// After set_blocking(): waits until a datagram or an error is there, and leaves the datagram in
+  /// the socket. Each arrival wakes one of the threads that wait. Returns at once after
+  /// end_receiving().
+  void wait() const;
+
+  /// Room for a datagram in two pieces, and the datagram.
+  struct Arrival {
+    std::span<std::byte> begin, rest;
+    Socket_address from;
+    std::size_t size = 0;
+    Arrival_time time = {};
+  };
+  /// Receives one datagram; never waits. Returns false when there is none or for the error of an
+  /// earlier send.
+  [[nodiscard]] bool receive(Arrival& arrival) const;
+  static constexpr std::size_t max_arrivals = 8;
+  /// Receives at most `max_arrivals` datagrams; never waits. Returns their number, which is smaller
+  /// than that of `arrivals` only if the socket was empty.
+  [[nodiscard]] std::size_t receive(std::span<Arrival> arrivals) const;
 
  private:
   int descriptor_;

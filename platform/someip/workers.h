@@ -38,10 +38,6 @@ class Workers {
   [[nodiscard]] virtual Watch watch(int descriptor, std::shared_ptr<Readable> reader) = 0;
   /// No new call begins; one may still be running. To be called before the descriptor is closed.
   virtual void unwatch(Watch watch, int descriptor) = 0;
-  /// As unwatch() until resume(), each for the price of one system call. What has arrived in
-  /// between is told of then.
-  virtual void pause(Watch watch, int descriptor) = 0;
-  virtual void resume(Watch watch, int descriptor) = 0;
 
   /// A thread of its own for `work`, which must return by itself before the workers are stopped.
   /// False when there is none to be had.

@@ -41,8 +41,6 @@ class Played_workers final : public Workers {
   void post(std::function<void()> work) override { work(); }
   Watch watch(int, std::shared_ptr<Readable>) override { return Watch{}; }
   void unwatch(Watch, int) override {}
-  void pause(Watch, int) override {}
-  void resume(Watch, int) override {}
 
   [[nodiscard]] bool until(const std::function<bool()>& condition) {
     return test::eventually([&] {

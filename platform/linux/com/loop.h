@@ -34,8 +34,6 @@ class static_thread_pool::Loop final : public someip::Workers {
   [[nodiscard]] Watch watch(int descriptor, std::shared_ptr<someip::Readable> reader) override;
   [[nodiscard]] bool start_thread(std::function<void()> work) override;
   void unwatch(Watch watch, int descriptor) override;
-  void pause(Watch watch, int descriptor) override;
-  void resume(Watch watch, int descriptor) override;
   void stop();
 
  private:

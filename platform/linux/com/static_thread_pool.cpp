@@ -36,14 +36,6 @@ void add(int epoll, int descriptor, std::uint32_t events, std::uint64_t id) {
           "cannot watch a descriptor for the workers of SOME/IP");
 }
 
-/// Fails only when `descriptor` is no longer watched, and then nobody is to be told of it.
-void modify(int epoll, int descriptor, std::uint32_t events, std::uint64_t id) {
-  epoll_event event{};
-  event.events = events | EPOLLET;
-  event.data.u64 = id;
-  epoll_ctl(epoll, EPOLL_CTL_MOD, descriptor, &event);
-}
-
 void signal(int event) {
   const std::uint64_t one = 1;
   // Fails only when the counter is full, and then the event is set anyway.
@@ -163,14 +155,6 @@ void static_thread_pool::Loop::unwatch(Watch watch, int descriptor) {
   if (found == readers_.end()) return;
   reader = std::move(found->second);
   readers_.erase(found);
-}
-
-void static_thread_pool::Loop::pause(Watch watch, int descriptor) {
-  modify(epoll_, descriptor, 0, static_cast<std::uint64_t>(watch));
-}
-
-void static_thread_pool::Loop::resume(Watch watch, int descriptor) {
-  modify(epoll_, descriptor, EPOLLIN, static_cast<std::uint64_t>(watch));
 }
 
 void static_thread_pool::Loop::work() noexcept {

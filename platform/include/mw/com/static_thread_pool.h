@@ -1,6 +1,6 @@
 /// The threads on which everything from the network runs: workers, their number fixed at
 /// construction, and beside them those that its loop starts: one for control (service discovery,
-/// timers, streams) and one that waits for notifications and responses.
+/// timers, streams) and two that wait for notifications and responses.
 #pragma once
 
 #include <cstddef>

@@ -1,0 +1,282 @@
+#include "platform/someip/udp_receiver.h"
+
+#include <gmock/gmock.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <functional>
+#include <set>
+#include <stdexcept>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include "tests/support/Seen.h"
+
+namespace someip {
+namespace {
+
+const Address loopback = boost::asio::ip::make_address("127.45.0.1");
+
+/// A thread for each piece of work; descriptors are not watched.
+class Thread_workers final : public Workers {
+ public:
+  boost::asio::io_context& control() override { throw std::logic_error("no control thread"); }
+  void post(std::function<void()> work) override { static_cast<void>(start_thread(work)); }
+  Watch watch(int, std::shared_ptr<Readable>) override { return Watch{}; }
+  void unwatch(Watch, int) override {}
+  bool start_thread(std::function<void()> work) override {
+    const std::lock_guard lock(mutex_);
+    threads_.emplace_back(std::move(work));
+    return true;
+  }
+
+ private:
+  std::mutex mutex_;  ///< guards threads_
+  std::vector<std::jthread> threads_;
+};
+
+constexpr std::uint16_t stuck = 1;
+
+/// A receiver whose handler of the method `stuck` waits until release().
+class UdpReceiver : public testing::Test, public Message_receiver {
+ protected:
+  ~UdpReceiver() override {
+    release();
+    receiver_->close();
+  }
+  void release() {
+    released_ = true;
+    released_.notify_all();
+  }
+  void received(Received message, const Endpoint&, Tasks& tasks) override {
+    EXPECT_GT(message.header.session, last_session_) << "in the order of the socket";
+    last_session_ = message.header.session;
+    tasks.push_back(std::make_shared<Call>(*this, message.header.method));
+  }
+  void send(std::uint16_t method) {
+    Header header;
+    header.method = method;
+    header.session = ++sent_;
+    const auto bytes = header_bytes(header, 0);
+    ASSERT_FALSE(sender_->send(bytes, Socket_address(socket_->local())));
+  }
+  static std::shared_ptr<Udp_socket> bound() {
+    auto socket = std::make_shared<Udp_socket>(loopback);
+    EXPECT_FALSE(socket->bind({loopback, 0}));
+    return socket;
+  }
+  [[nodiscard]] bool sticks_again() {
+    send(stuck);
+    return seen_.wait(
+        [n = ++stuck_](const auto& all) { return std::ranges::count(all, stuck) == n; });
+  }
+  [[nodiscard]] bool passes(std::uint16_t method) {
+    send(method);
+    return seen_.wait_for(method);
+  }
+
+  struct Call final : Task {
+    Call(UdpReceiver& test, std::uint16_t method) : test_(test), method_(method) {}
+    void run() override {
+      test_.seen_.add(method_);
+      if (method_ == stuck) test_.released_.wait(false);
+    }
+    UdpReceiver& test_;
+    const std::uint16_t method_;
+  };
+
+  std::atomic<bool> released_{false};
+  test::Seen<std::uint16_t> seen_;
+  std::uint16_t sent_ = 0, last_session_ = 0;
+  std::ptrdiff_t stuck_ = 0;
+  Limits limits_;
+  Shared_reassembler reassembler_{limits_};
+  Counters counters_;
+  Log log_{nullptr};
+  Thread_workers workers_;
+  const std::shared_ptr<Udp_socket> sender_ = bound(), socket_ = bound();
+  const std::shared_ptr<Udp_receiver> receiver_ =
+      std::make_shared<Udp_receiver>(socket_, *this, workers_, reassembler_, counters_, log_);
+};
+
+TEST_F(UdpReceiver, stuck_handlers_hold_up_no_other_message) {
+  receiver_->open_with_threads();
+  for (std::uint16_t method = 2; method < 6; ++method) {
+    ASSERT_TRUE(sticks_again());
+    ASSERT_TRUE(passes(method)) << "beside " << stuck_ << " stuck handlers";
+  }
+  release();
+  for (std::uint16_t method = 100; method < 1100; ++method)
+    ASSERT_TRUE(passes(method));
+  released_ = false;
+  ASSERT_TRUE(sticks_again());
+  ASSERT_TRUE(sticks_again());
+  EXPECT_TRUE(passes(6)) << "as before, after a thousand datagrams";
+}
+
+TEST_F(UdpReceiver, a_worker_that_looks_late_changes_nothing) {
+  send(2);
+  send(stuck);
+  receiver_->open_with_threads();
+  ASSERT_TRUE(seen_.wait_for(stuck));
+  ASSERT_TRUE(seen_.wait_for(2));
+  receiver_->on_readable();
+  EXPECT_TRUE(passes(3));
+}
+
+TEST_F(UdpReceiver, refused_sends_do_not_end_receiving) {
+  socket_->keep_errors();
+  receiver_->open_with_threads();
+  Endpoint nobody;
+  {
+    const auto closed = bound();
+    nobody = closed->local();
+  }
+  for (int i = 0; i < 200; ++i)
+    static_cast<void>(socket_->send(header_bytes({}, 0), Socket_address(nobody)));
+  EXPECT_TRUE(passes(2));
+  ASSERT_TRUE(sticks_again());
+  EXPECT_TRUE(passes(3));
+}
+
+/// All states that two receiving threads, the kernel and the strands of two events can reach while
+/// up to four datagrams arrive. Each step is one that no other thread can divide.
+class Exploration {
+ public:
+  enum class Rule { as_built, without_lock, handler_always_inline };
+  explicit Exploration(Rule rule) : rule_(rule) { visit({}); }
+
+  std::size_t states() const { return seen_.size(); }
+  bool order_violated = false;
+  bool socket_unread = false;  ///< a datagram waits, and no thread will take it
+
+ private:
+  enum Doing : int { waiting, woken, placing, handling, returning };
+  struct Thread {
+    int doing = waiting, event = 0, datagram = 0;
+    auto operator<=>(const Thread&) const = default;
+  };
+  struct Strand {
+    bool owned = false, posted = false;  ///< posted: its owner is a worker
+    int current = 0, last = 0;
+    std::vector<int> queue;
+    auto operator<=>(const Strand&) const = default;
+  };
+  struct State {
+    int arrived = 0, receiving = 2;
+    std::vector<std::pair<int, int>> socket;  ///< datagram and event
+    std::array<Thread, 2> threads;
+    std::vector<int> wait_queue{0, 1};
+    std::array<Strand, 2> strands;
+    auto operator<=>(const State&) const = default;
+  };
+
+  void visit(State state) {
+    if (!seen_.insert(state).second) return;
+    const bool taken = std::ranges::any_of(state.threads, [](const auto& one) {
+      return one.doing == woken || one.doing == returning;
+    });
+    // Handlers need not return: a thread in one does not count.
+    if (!state.socket.empty() && !taken) socket_unread = true;
+    for (int event = 0; event < 2 && state.arrived < 4; ++event)
+      arrive(state, event);
+    for (std::size_t i = 0; i < state.threads.size(); ++i)
+      step(state, i);
+    for (std::size_t event = 0; event < 2; ++event) {
+      if (!state.strands[event].posted) continue;
+      State next = state;  // a worker ends the present handler
+      end_handler(next.strands[event]);
+      visit(next);
+    }
+  }
+  void arrive(State state, int event) {
+    state.socket.emplace_back(++state.arrived, event);
+    if (!state.wait_queue.empty()) {
+      state.threads[static_cast<std::size_t>(state.wait_queue.front())].doing = woken;
+      state.wait_queue.erase(state.wait_queue.begin());
+    }
+    visit(state);
+  }
+  void step(State state, std::size_t number) {
+    Thread& thread = state.threads[number];
+    if (thread.doing == woken) {
+      if (state.socket.empty()) {
+        wait(state, number);  // the other thread was faster
+      } else {
+        std::tie(thread.datagram, thread.event) = state.socket.front();
+        state.socket.erase(state.socket.begin());
+        if (rule_ == Rule::without_lock) {
+          thread.doing = placing;
+        } else {
+          place(state, number);
+        }
+      }
+    } else if (thread.doing == placing) {
+      place(state, number);
+    } else if (thread.doing == handling) {
+      Strand& strand = state.strands[static_cast<std::size_t>(thread.event)];
+      end_handler(strand);
+      if (!strand.owned) thread.doing = returning;
+    } else if (thread.doing == returning) {
+      ++state.receiving;
+      wait(state, number);
+    } else {
+      return;
+    }
+    visit(state);
+  }
+  /// wait() looks into the socket first.
+  static void wait(State& state, std::size_t number) {
+    state.threads[number].doing = state.socket.empty() ? waiting : woken;
+    if (state.socket.empty()) state.wait_queue.push_back(static_cast<int>(number));
+  }
+  void place(State& state, std::size_t number) {
+    Thread& thread = state.threads[number];
+    Strand& strand = state.strands[static_cast<std::size_t>(thread.event)];
+    if (strand.owned) {
+      strand.queue.push_back(thread.datagram);
+      wait(state, number);
+      return;
+    }
+    strand.owned = true;
+    begin_handler(strand, thread.datagram);
+    if (state.receiving >= 2 || rule_ == Rule::handler_always_inline) {
+      --state.receiving;
+      thread.doing = handling;
+    } else {
+      strand.posted = true;
+      wait(state, number);
+    }
+  }
+  void begin_handler(Strand& strand, int datagram) {
+    if (datagram < strand.last) order_violated = true;
+    strand.last = strand.current = datagram;
+  }
+  void end_handler(Strand& strand) {
+    if (strand.queue.empty()) {
+      strand.owned = strand.posted = false;
+      return;
+    }
+    const int next = strand.queue.front();
+    strand.queue.erase(strand.queue.begin());
+    begin_handler(strand, next);
+  }
+
+  const Rule rule_;
+  std::set<State> seen_;
+};
+
+TEST(UdpReceiverStates, keep_the_order_and_always_leave_a_thread_that_receives) {
+  using Rule = Exploration::Rule;
+  const Exploration as_built(Rule::as_built);
+  EXPECT_GT(as_built.states(), 100U);
+  EXPECT_FALSE(as_built.order_violated);
+  EXPECT_FALSE(as_built.socket_unread);
+  EXPECT_TRUE(Exploration(Rule::without_lock).order_violated) << "the lock is needed";
+  EXPECT_TRUE(Exploration(Rule::handler_always_inline).socket_unread) << "so is the worker";
+}
+
+}  // namespace
+}  // namespace someip
