@@ -1,6 +1,6 @@
 #include "platform/someip/discovery_channel.h"
 
-#include <unistd.h>
+#include <fcntl.h>
 
 #include <boost/asio/error.hpp>
 #include <cerrno>
@@ -14,10 +14,17 @@ constexpr std::chrono::seconds rejoin_period{1};
 constexpr std::size_t max_datagram = 65536;
 /// Then timers get their turn.
 constexpr int datagrams_per_turn = 64;
+
+/// No child process shall keep the address.
+int copy_of(int descriptor) {
+  const int copy = ::fcntl(descriptor, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) throw std::system_error(errno, std::generic_category(), "fcntl");
+  return copy;
+}
 }  // namespace
 
 Discovery_channel::Socket::Socket(boost::asio::io_context& control, const Address& like)
-    : udp(like), events(control, ::dup(udp.descriptor())) {}
+    : udp(like), events(control, copy_of(udp.descriptor())) {}
 
 Discovery_channel::Discovery_channel(boost::asio::io_context& control,
                                      const Discovery_timing& timing,
