@@ -3,6 +3,8 @@
 /// nothing else, are log_texts_test.py's to see.
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "binding/trace_records.h"
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
@@ -139,7 +141,7 @@ TEST(Field, get_answers_with_the_value_that_was_notified_last) {
   first.positionType = 1;
   second.positionType = 2;
   runtime.on_update = [&, overtaken = false]() mutable {
-    if (!std::exchange(overtaken, true)) field.Update(second);  // from another thread, say
+    if (!std::exchange(overtaken, true)) std::thread([&] { field.Update(second); }).join();
   };
   field.Update(first);
   std::vector<std::byte> notified_last;
