@@ -36,6 +36,7 @@ class Quiet_runtime::Provider final : public tq::com::Provider {
     ++runtime_.published_;
     runtime_.published_bytes_ += value.size();
   }
+  std::optional<std::vector<std::byte>> field_value(std::uint16_t) const override { return {}; }
   void send_event(std::uint16_t, tq::com::Payload) override {}
 
  private:

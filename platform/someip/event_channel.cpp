@@ -1,7 +1,5 @@
 #include "platform/someip/event_channel.h"
 
-#include <algorithm>
-#include <iterator>
 #include <utility>
 
 namespace someip {
@@ -32,85 +30,73 @@ Event_channel::Event_channel(std::uint16_t service,
       udp_(std::move(udp)),
       counters_(counters) {}
 
+/// One thread's right to send. The mutex is held when it begins and when it has ended.
+class Event_channel::Turn {
+ public:
+  Turn(Event_channel& channel, std::unique_lock<std::mutex>& lock)
+      : channel_(channel), lock_(lock) {
+    channel_.begin_turn(lock_);
+  }
+  ~Turn() {
+    if (!lock_.owns_lock()) lock_.lock();
+    channel_.end_turn();
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+
+ private:
+  Event_channel& channel_;
+  std::unique_lock<std::mutex>& lock_;
+};
+
+void Event_channel::begin_turn(std::unique_lock<std::mutex>& lock) {
+  const std::uint64_t mine = ++last_turn_;
+  if (turn_ != mine) turn_ended_.wait(lock, [&] { return turn_ == mine; });
+}
+
+void Event_channel::end_turn() {
+  if (turn_++ != last_turn_) turn_ended_.notify_all();
+}
+
 void Event_channel::notify(Bytes payload) {
   std::unique_lock lock(mutex_);
+  const Turn turn(*this, lock);
   if (field_) {
     if (!value_) value_.emplace();
     value_->assign(payload.begin(), payload.end());
   }
   if (!targets_) return;
-  const std::uint16_t session = sessions_.next();
-  if (held_ || sending_) {
-    (held_ ? held_queue_ : queue_).push_back({{payload.begin(), payload.end()}, targets_, session});
-    if (!held_ && discovery_sends_) take_over(lock);
-    return;
-  }
-  sending_ = true;
-  const Targets targets = targets_;
   lock.unlock();
-  send(payload, *targets, session);
-  lock.lock();
-  drain(lock);
+  send(payload, *targets_);
 }
 
 void Event_channel::hold(Targets targets) {
-  const std::lock_guard lock(mutex_);
+  std::unique_lock lock(mutex_);
+  if (!std::exchange(held_, true)) begin_turn(lock);
   targets_ = std::move(targets);
-  held_ = true;
-  held_value_ = value_;
 }
 
-void Event_channel::send_initial(Targets fresh) {
-  std::unique_lock lock(mutex_);
-  if (held_value_) {
-    queue_.push_back({*held_value_, std::move(fresh), sessions_.next()});
-    send_queue(lock);
-    return;
+void Event_channel::send_initial(const Targets& fresh) {
+  if (value_) {
+    send(*value_, *fresh);
+  } else {
+    value_was_missing_ = field_;
   }
-  const bool missing = field_ && !value_;
-  lock.unlock();
-  if (missing && value_missing_) value_missing_(header_.method);
 }
 
 void Event_channel::release() {
-  std::unique_lock lock(mutex_);
-  held_ = false;
-  held_value_.reset();
-  std::ranges::move(std::exchange(held_queue_, {}), std::back_inserter(queue_));
-  send_queue(lock);
-}
-
-void Event_channel::send_queue(std::unique_lock<std::mutex>& lock) {
-  if (std::exchange(sending_, true)) return;
-  discovery_sends_ = true;
-  drain(lock);
-  discovery_sends_ = false;
-  discovery_done_.notify_all();
-}
-
-void Event_channel::take_over(std::unique_lock<std::mutex>& lock) {
-  publisher_waits_ = true;
-  discovery_done_.wait(lock, [this] { return !discovery_sends_; });
-  if (std::exchange(publisher_waits_, false)) drain(lock);
-}
-
-void Event_channel::drain(std::unique_lock<std::mutex>& lock) {
-  while (!queue_.empty()) {
-    if (discovery_sends_ && publisher_waits_) return;  // who goes on with the queue
-    const Job job = std::move(queue_.front());
-    queue_.pop_front();
-    lock.unlock();
-    send(job.payload, *job.targets, job.session);
-    lock.lock();
+  {
+    const std::lock_guard lock(mutex_);
+    if (std::exchange(held_, false)) end_turn();
   }
-  sending_ = false;
-  publisher_waits_ = false;
+  if (std::exchange(value_was_missing_, false) && value_missing_) value_missing_(header_.method);
 }
 
-void Event_channel::send(Bytes payload, const Event_targets& targets, std::uint16_t session) {
+void Event_channel::send(Bytes payload, const Event_targets& targets) {
   Header header = header_;
-  header.session = session;
-  // Counted first: whoever has received one finds it counted.
+  // Drawn within the turn, so that sessions never go backwards for a subscriber.
+  header.session = sessions_.next();
+  // Counted first: a receiver of a notification finds it counted.
   if (transport_ == Transport::udp) {
     counters_.notifications_sent.add(targets.udp.size());
     if (udp_) udp_->send(header, payload, targets.udp);

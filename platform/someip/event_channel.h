@@ -3,7 +3,6 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -24,12 +23,14 @@ struct Event_targets {
   std::vector<std::shared_ptr<Stream>> streams;
 };
 
-/// Thread-safe. Notifications leave in the order of the calls; no lock is held while they are sent.
+/// Thread-safe. Publishers and discovery take turns, in the order in which they ask: each sends its
+/// own notifications, waits for at most one turn of every thread before it, and no mutex is held
+/// while it sends. So nothing queues up here, however fast several threads publish.
 class Event_channel {
  public:
   using Targets = std::shared_ptr<const Event_targets>;
 
-  /// `udp` is where events over UDP are sent from; not used over TCP.
+  /// `udp` sends the events that travel over UDP; not used over TCP.
   Event_channel(std::uint16_t service,
                 std::uint16_t event,
                 std::uint8_t interface_version,
@@ -38,37 +39,33 @@ class Event_channel {
                 std::shared_ptr<Udp_port> udp,
                 Counters& counters);
 
-  /// Told the event's id when somebody subscribes to a field that has no value yet. Set it before
-  /// the offer.
+  /// `tell` gets the event's id when a client subscribes to a field that has no value yet. Set it
+  /// before the offer.
   void on_value_missing(std::function<void(std::uint16_t)> tell) {
     value_missing_ = std::move(tell);
   }
 
-  /// To all present targets. A field's value is kept.
+  /// Sends to all present targets. A field's value is kept. Throws what sending throws; the turn
+  /// ends all the same.
   void notify(Bytes payload);
-  /// A change of the targets: hold() them, acknowledge, send_initial() to those who shall get the
-  /// present value of a field, release(). What is notified in between follows afterwards, so a new
-  /// subscriber sees the acknowledgement, then the value of that moment, then every later one,
-  /// once.
+
+  // A change of the targets, on the thread of discovery: hold(), acknowledge, send_initial() to the
+  // targets that shall get the present value of a field, release(). The turn lasts from hold() to
+  // release(), so a new subscriber sees the acknowledgement, then the value of that moment, then
+  // every later one, once.
   void hold(Targets targets);
-  void send_initial(Targets fresh);
+  void send_initial(const Targets& fresh);
   void release();
+
+  /// The value that was notified last, for a field that has one.
   [[nodiscard]] std::optional<std::vector<std::byte>> value() const;
 
  private:
-  struct Job {
-    std::vector<std::byte> payload;
-    Targets targets;
-    std::uint16_t session;
-  };
+  class Turn;
 
-  void send(Bytes payload, const Event_targets& targets, std::uint16_t session);
-  void drain(std::unique_lock<std::mutex>& lock);
-  /// On the thread of discovery: sends the queue, unless somebody does so already. A publisher that
-  /// comes meanwhile takes over, for whoever sends goes on as long as others publish, and discovery
-  /// has other work.
-  void send_queue(std::unique_lock<std::mutex>& lock);
-  void take_over(std::unique_lock<std::mutex>& lock);
+  void begin_turn(std::unique_lock<std::mutex>& lock);
+  void end_turn();
+  void send(Bytes payload, const Event_targets& targets);
 
   const Header header_;
   const bool field_;
@@ -77,18 +74,19 @@ class Event_channel {
   Counters& counters_;
   std::function<void(std::uint16_t)> value_missing_;  ///< fixed once the instance is offered
 
-  mutable std::mutex mutex_;      ///< guards the members below; not held while sending
-  bool sending_ = false;          ///< somebody sends and will take the queue along
-  bool discovery_sends_ = false;  ///< it is the thread of discovery that sends
-  bool publisher_waits_ = false;  ///< and will go on with the queue
-  std::condition_variable discovery_done_;
-  std::deque<Job> queue_;
+  mutable std::mutex mutex_;     ///< guards the three members below; not held while sending
+  std::uint64_t last_turn_ = 0;  ///< that a thread has asked for
+  std::uint64_t turn_ = 1;       ///< that is going on or comes next
+  std::condition_variable turn_ended_;
+
+  // Belong to the thread whose turn it is.
   Targets targets_;
-  bool held_ = false;
-  std::deque<Job> held_queue_;                        ///< notified while held
-  std::optional<std::vector<std::byte>> held_value_;  ///< as it was when the targets changed
-  std::optional<std::vector<std::byte>> value_;
   Session_counter sessions_;
+  std::optional<std::vector<std::byte>> value_;  ///< written under mutex_ too: value() reads it
+
+  // Belong to the thread of discovery.
+  bool held_ = false;
+  bool value_was_missing_ = false;
 };
 
 }  // namespace someip

@@ -1,6 +1,7 @@
 #include "platform/someip/stream_reader.h"
 
 #include <algorithm>
+#include <cstring>
 
 namespace someip {
 
@@ -25,12 +26,15 @@ void Stream_reader::append(Bytes received) {
 bool Stream_reader::find_cookie() {
   static const Header_bytes client_cookie = magic_cookie(true);
   static const Header_bytes server_cookie = magic_cookie(false);
-  const auto begin = buffer_.begin() + static_cast<std::ptrdiff_t>(begin_);
-  const auto found =
-      std::min(std::search(begin, buffer_.end(), client_cookie.begin(), client_cookie.end()),
-               std::search(begin, buffer_.end(), server_cookie.begin(), server_cookie.end()));
-  if (found != buffer_.end()) {
-    begin_ = static_cast<std::size_t>(found - buffer_.begin());
+  // One pass for both cookies: a pass for each would read the rest of the stream anew for every
+  // cookie of the other kind.
+  const auto begins_cookie = [](const std::byte* at) {
+    return std::memcmp(at, client_cookie.data(), header_size) == 0 ||
+           std::memcmp(at, server_cookie.data(), header_size) == 0;
+  };
+  for (std::size_t at = begin_; at + header_size <= buffer_.size(); ++at) {
+    if (!begins_cookie(buffer_.data() + at)) continue;
+    begin_ = at;
     return true;
   }
   // A cookie may have begun in the last bytes.

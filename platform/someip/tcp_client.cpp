@@ -177,6 +177,7 @@ void Tcp_client::connect(const std::shared_ptr<Link>& link) {
   link->socket.open(server.protocol(), error);
   const int on = 1;
   if (!error) {
+    close_in_children(link->socket.native_handle());
     static_cast<void>(
         ::setsockopt(link->socket.native_handle(), SOL_IP, IP_FREEBIND, &on, sizeof on));
     link->socket.bind(tcp::endpoint(own_, 0), error);

@@ -1,5 +1,6 @@
 #include "platform/someip/tcp_connection.h"
 
+#include <fcntl.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 
@@ -33,6 +34,10 @@ Endpoint local_of(const Tcp_connection::Socket& socket) {
 
 }  // namespace
 
+void close_in_children(int descriptor) {
+  static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
+}
+
 Tcp_connection::Tcp_connection(Socket socket,
                                const Endpoint& peer,
                                bool opened_here,
@@ -53,6 +58,7 @@ Tcp_connection::Tcp_connection(Socket socket,
       established_(std::chrono::steady_clock::now()),
       reader_(limits.message_bytes) {
   const int descriptor = socket_.native_handle();
+  close_in_children(descriptor);
   set(descriptor, IPPROTO_TCP, TCP_NODELAY, 1);  // someip_325
   set(descriptor, SOL_SOCKET, SO_KEEPALIVE, 1);
   set(descriptor, IPPROTO_TCP, TCP_KEEPIDLE, idle_before_probe_s);

@@ -28,6 +28,10 @@ namespace someip {
   return {endpoint.address, endpoint.port};
 }
 
+/// No child process shall keep the socket, and with it the address. Asio leaves its sockets open to
+/// children.
+void close_in_children(int descriptor);
+
 /// Lives on the control thread, except send().
 class Tcp_connection final : public Stream, public std::enable_shared_from_this<Tcp_connection> {
  public:

@@ -25,6 +25,7 @@ Tcp_server::Tcp_server(const Endpoint& local,
       retry_(workers.control()) {
   const tcp::endpoint endpoint = tcp_endpoint_of(local);
   acceptor_.open(endpoint.protocol());
+  close_in_children(acceptor_.native_handle());
   // Connections of an earlier life may still linger on the port; two listeners are refused all the
   // same.
   acceptor_.set_option(tcp::acceptor::reuse_address(true));

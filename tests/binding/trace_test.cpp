@@ -3,6 +3,8 @@
 /// nothing else, are log_texts_test.py's to see.
 #include <gmock/gmock.h>
 
+#include <thread>
+
 #include "binding/trace_records.h"
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
@@ -151,6 +153,23 @@ TEST(Field, a_value_that_takes_no_bytes_is_a_value) {
   field.Update({});
   EXPECT_EQ(get().code, tq::com::Return_code::ok);
   EXPECT_TRUE(get().payload.empty());
+}
+
+TEST(Field, get_answers_with_the_value_that_was_notified_last) {
+  Fake_runtime runtime;
+  mw::com::cpp_binding::skeleton::Provision provision{
+      .service = "a::S", .instance = "1", .provider = runtime.provide("a::S", "one")};
+  mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{provision, "quality"};
+  DT_positionsQuality_struct first, second;
+  first.positionType = 1;
+  second.positionType = 2;
+  runtime.on_update = [&, overtaken = false]() mutable {
+    if (!std::exchange(overtaken, true)) std::thread([&] { field.Update(second); }).join();
+  };
+  field.Update(first);
+  std::vector<std::byte> notified_last;
+  binding::encode(first, notified_last);
+  EXPECT_EQ(runtime.call("one", "quality", {}).payload, notified_last);
 }
 
 TEST_F(Trace, a_handler_that_still_runs_while_its_skeleton_ends_may_send) {

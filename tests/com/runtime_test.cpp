@@ -1,10 +1,13 @@
+#include <fcntl.h>
 #include <gmock/gmock.h>
 
 #include <algorithm>
 #include <atomic>
+#include <filesystem>
 #include <functional>
 #include <future>
 #include <numeric>
+#include <set>
 #include <thread>
 
 #include "tests/com/test_network.h"
@@ -233,6 +236,51 @@ TEST(Runtime, handlers_may_call_back_and_end_their_own_subscription) {
   auto answered = answer.get_future();
   ASSERT_EQ(answered.wait_for(10s), std::future_status::ready);
   EXPECT_EQ(answered.get(), "from inside");
+}
+
+TEST(Runtime, a_handler_that_subscribes_anew_again_and_again_leaves_nothing_behind) {
+  const auto token = std::make_shared<int>();  // each subscription's handler holds it
+  Seen<int> rounds;
+  Network network;
+  network.provider->update_field(value, bytes("v"));
+  network.connect();
+  std::function<void(int)> subscribe = [&](int round) {
+    network.consumer->subscribe("value",
+                                [&, round, token](Payload) {
+                                  network.released.wait();
+                                  network.consumer->unsubscribe("value");
+                                  if (round < 20) subscribe(round + 1);
+                                  rounds.add(round);
+                                },
+                                {});
+  };
+  subscribe(1);
+  network.release.set_value();
+  ASSERT_TRUE(rounds.wait_for(20));
+  EXPECT_TRUE(test::eventually([&] { return token.use_count() < 6; })) << token.use_count();
+}
+
+TEST(Runtime, leaves_no_descriptor_to_child_processes) {
+  const auto inherited = [] {
+    std::set<std::string> paths;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+      const int descriptor = std::stoi(entry.path().filename());
+      const int flags = ::fcntl(descriptor, F_GETFD);
+      if (flags >= 0 && (flags & FD_CLOEXEC) == 0) paths.insert(entry.path());
+    }
+    return paths;
+  };
+  const auto before = inherited();
+  auto deployed = deployment(net);
+  auto& service = deployed.services.front();
+  service.methods.front().transport = someip::Transport::tcp;
+  service.instances.front().tcp_port = 31001;
+  Seen<Return_code> ended;
+  Network network(deployed);
+  network.connect();
+  network.consumer->call(echo, {}, [&](Return_code code, Payload) { ended.add(code); });
+  ASSERT_TRUE(ended.wait_for(Return_code::ok)) << "with a connection at both ends";
+  EXPECT_EQ(inherited(), before);
 }
 
 TEST(Runtime, every_call_ends_once_whatever_happens) {

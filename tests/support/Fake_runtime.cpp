@@ -57,7 +57,12 @@ class Fake_runtime::Provider : public tq::com::Provider {
     runtime_.idle_.wait(lock, [this] { return runtime_.instances_[specifier_].running == 0; });
   }
   void update_field(std::uint16_t notifier, tq::com::Payload value) override {
+    if (runtime_.on_update) runtime_.on_update();
     runtime_.updates_[notifier].emplace_back(value.begin(), value.end());
+  }
+  std::optional<std::vector<std::byte>> field_value(std::uint16_t notifier) const override {
+    const auto& updates = runtime_.updates_[notifier];
+    return updates.empty() ? std::nullopt : std::optional{updates.back()};
   }
   void send_event(std::uint16_t, tq::com::Payload value) override {
     if (runtime_.on_send) runtime_.on_send();

@@ -63,6 +63,8 @@ class Fake_runtime final : public Played_runtime {
     }
     return records;
   }
+  /// Called within each update of a field, on the updating thread. Set it before the first one.
+  std::function<void()> on_update;
   void clear_updates() { updates_.clear(); }
 
   std::unique_ptr<tq::com::Consumer> connect(const tq::com::Found_instance& instance) override;

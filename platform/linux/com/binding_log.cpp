@@ -12,6 +12,8 @@ namespace mw::com::cpp_binding {
 
 namespace {
 
+using ara::log::LogLevel;
+
 ara::log::Logger& logger() {
   static auto& instance = ara::log::CreateLogger("MWCB", "Communication binding");
   return instance;
@@ -47,34 +49,33 @@ class Rate_limit {
   unsigned suppressed_ = 0;
 };
 
-void write_limited(Rate_limit& limit,
-                   std::string_view what,
-                   std::string_view service,
-                   std::string_view element,
-                   std::string_view error) {
+template <class... Arguments>
+void write_limited(Rate_limit& limit, ara::log::LogLevel level, const Arguments&... arguments) {
   const auto verdict = limit.ask();
   if (!verdict.write) return;
-  auto line = logger().LogError();
-  line << what << service << element << error;
+  auto line = logger().Stream(level);
+  (line << ... << arguments);
   if (verdict.suppressed != 0) line << "; suppressed before:" << verdict.suppressed;
 }
 
 }  // namespace
 
 void log_get_without_value(std::uint16_t method) {
-  logger().LogWarn() << "Get handler enabled but not configured and Update not called; Method_id="
-                     << method;
+  static Rate_limit limit;
+  write_limited(limit, LogLevel::kWarn,
+                "Get handler enabled but not configured and Update not called; Method_id=", method);
 }
 
 void log_notify_without_value(std::uint16_t event) {
-  logger().LogWarn() << "Notify enabled but Update not called; Event_id=" << event;
+  static Rate_limit limit;
+  write_limited(limit, LogLevel::kWarn, "Notify enabled but Update not called; Event_id=", event);
 }
 
 void log_malformed_payload(std::string_view service,
                            std::string_view element,
                            std::string_view error) {
   static Rate_limit limit;
-  write_limited(limit, "Dropped a malformed payload of", service, element, error);
+  write_limited(limit, LogLevel::kError, "Dropped a malformed payload of", service, element, error);
 }
 
 void log_handler_exception(Handler handler, std::string_view service, std::string_view element) {
@@ -83,7 +84,8 @@ void log_handler_exception(Handler handler, std::string_view service, std::strin
       "An exception left the receive handler of", "An exception left the state handler of",
       "An exception left the find-service handler of", "An exception left the method handler of"};
   const auto write = [&](std::string_view error) {
-    write_limited(limit, texts[static_cast<std::size_t>(handler)], service, element, error);
+    write_limited(limit, LogLevel::kError, texts[static_cast<std::size_t>(handler)], service,
+                  element, error);
   };
   try {
     throw;

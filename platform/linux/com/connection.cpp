@@ -133,8 +133,9 @@ Connection::~Connection() {
   }
   for (const auto& [name, subscription] : subscriptions)
     drop(subscription);
-  for (const auto& subscription : ended_inside)
-    subscription->close();
+  for (const auto& ended : ended_inside) {
+    if (const auto subscription = ended.lock()) subscription->close();
+  }
   node_.cancel_calls(this);
   // Responses that are already on their way to their handler find the call ended.
   for (const auto& call : calls)
@@ -150,6 +151,7 @@ void Connection::drop(const std::shared_ptr<Subscription>& subscription) {
   node_.unsubscribe(subscription);
   if (subscription->running_here()) {
     const std::lock_guard lock(mutex_);
+    std::erase_if(ended_inside_, [](const auto& ended) { return ended.expired(); });
     ended_inside_.push_back(subscription);
   }
   subscription->close();

@@ -108,8 +108,9 @@ class Connection final : public Consumer {
 
   std::mutex mutex_;  ///< guards the members below
   std::map<std::string, std::shared_ptr<Subscription>, std::less<>> subscriptions_;
-  /// Ended from within their handler, which the end of the connection still has to wait for.
-  std::vector<std::shared_ptr<Subscription>> ended_inside_;
+  /// Ended from within their handler, which the end of the connection still has to wait for. The
+  /// thread that runs the handler keeps its subscription alive until then.
+  std::vector<std::weak_ptr<Subscription>> ended_inside_;
   std::set<std::shared_ptr<Call>> calls_;
 };
 

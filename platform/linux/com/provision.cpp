@@ -87,8 +87,16 @@ void Provision::update_field(std::uint16_t notifier, Payload value) {
 }
 
 void Provision::send_event(std::uint16_t event, Payload value) {
+  channel(event).notify(value);
+}
+
+std::optional<std::vector<std::byte>> Provision::field_value(std::uint16_t notifier) const {
+  return channel(notifier).value();
+}
+
+someip::Event_channel& Provision::channel(std::uint16_t event) const {
   try {
-    instance_->event(event).notify(value);
+    return instance_->event(event);
   } catch (const std::out_of_range&) {
     throw std::runtime_error(manifest_ + ": services." + instance_->service().name + ": no event " +
                              hexadecimal(event));

@@ -1,10 +1,13 @@
 /// The runtime's own side of a provider.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "platform/linux/com/gate.h"
 #include "platform/someip/node.h"
@@ -28,9 +31,13 @@ class Provision final : public Provider {
   void stop_offer() override;
   void close() override;
   void update_field(std::uint16_t notifier, Payload value) override;
+  [[nodiscard]] std::optional<std::vector<std::byte>> field_value(
+      std::uint16_t notifier) const override;
   void send_event(std::uint16_t event, Payload value) override;
 
  private:
+  [[nodiscard]] someip::Event_channel& channel(std::uint16_t event) const;
+
   const std::shared_ptr<someip::Provided_instance> instance_;
   someip::Node& node_;
   const std::string manifest_;

@@ -140,10 +140,14 @@ someip::Workers::Watch static_thread_pool::Loop::watch(int descriptor,
 }
 
 bool static_thread_pool::Loop::start_thread(std::function<void()> work) {
-  std::thread thread([work = std::move(work)]() noexcept { work(); });
-  pthread_setname_np(thread.native_handle(), "someip-receive");
   const std::lock_guard lock(mutex_);
-  threads_.push_back(std::move(thread));
+  threads_.reserve(threads_.size() + 1);  // else a thread could be made that has no place
+  try {
+    threads_.emplace_back([work = std::move(work)]() noexcept { work(); });
+  } catch (const std::system_error&) {
+    return false;
+  }
+  pthread_setname_np(threads_.back().native_handle(), "someip-receive");
   return true;
 }
 

@@ -91,6 +91,9 @@ enum class Find_token : std::uint64_t {};
 /// One client's connection to one instance. Destroying it unsubscribes and waits until no handler
 /// of it runs any more, unless it is destroyed from within such a handler. All members may be
 /// called from any thread.
+///
+/// A handler of one element or connection may end another one, which waits for the other's handler.
+/// Two handlers must not end each other: each would wait for the other for ever.
 class Consumer {
  public:
   virtual ~Consumer() = default;
@@ -131,6 +134,9 @@ class Provider {
 
   /// Sets the current value of a field: kept for new subscribers and notified to the present ones.
   virtual void update_field(std::uint16_t notifier, Payload value) = 0;
+  /// The current value of a field, as it was notified last; empty before its first update.
+  [[nodiscard]] virtual std::optional<std::vector<std::byte>> field_value(
+      std::uint16_t notifier) const = 0;
   /// Sends an event to the present subscribers; nothing is kept.
   virtual void send_event(std::uint16_t event, Payload value) = 0;
 };

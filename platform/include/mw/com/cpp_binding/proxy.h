@@ -124,8 +124,9 @@ class Event {
   }
 
   /// `max_samples`: how many samples may wait or be held; a newer one then displaces the oldest
-  /// waiting.
+  /// waiting. A subscription that stands ends first, as in Unsubscribe.
   void Subscribe(std::size_t max_samples) {
+    Unsubscribe();
     cache_ = std::make_shared<Sample_cache<Value>>(std::max<std::size_t>(max_samples, 1));
     tell(Trace_id::Field_subscribe);
     subscribed_ = true;
@@ -134,7 +135,8 @@ class Event {
         name_, [this](tq::com::Payload payload) { on_notification(payload); },
         [this](bool acknowledged) { on_state(acknowledged); });
   }
-  /// Waits for a running receive handler, unless called from it.
+  /// Waits for a running receive handler, unless called from it. So the handlers of two events must
+  /// not unsubscribe each other: each would wait for the other for ever.
   void Unsubscribe() {
     if (!subscribed_) return;
     subscribed_ = false;

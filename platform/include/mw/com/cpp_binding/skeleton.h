@@ -7,7 +7,6 @@
 #include <exception>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <tuple>
@@ -42,6 +41,11 @@ struct Provision {
 };
 
 namespace detail {
+
+/// An output of a method that is encoded already.
+struct Encoded {
+  std::vector<std::byte> bytes;
+};
 
 template <class... Inputs>
 void describe_inputs(const void* object, Trace_json& json) {
@@ -99,6 +103,8 @@ tq::com::Response answer(Provision& provision,
     tq::com::Response response;
     if constexpr (std::is_void_v<Output>) {
       std::apply(work, inputs).get();
+    } else if constexpr (std::is_same_v<Output, Encoded>) {
+      response.payload = std::apply(work, inputs).get().bytes;
     } else {
       const Output output = std::apply(work, inputs).get();
       Serialization<Output>::encode(output, response.payload);
@@ -151,8 +157,9 @@ class Event {
   const std::uint16_t id_;
 };
 
-/// A field of a skeleton. Get is answered from the latest Update unless a handler is registered;
-/// Set is refused unless one is. Handlers must be registered before the service is offered.
+/// A field of a skeleton. Get is answered with the value that was notified last, unless a handler
+/// is registered; Set is refused unless one is. Handlers must be registered before the service is
+/// offered.
 template <class Value>
 class Field {
  public:
@@ -160,35 +167,26 @@ class Field {
   using SetHandler = std::function<ara::core::Future<Value>(const Value&)>;
 
   Field(Provision& provision, std::string_view name)
-      : provision_{provision}, ids_{provision.provider->element(name)} {
-    if (ids_.getter) {
-      RegisterGetHandler([this] { return latest(); });
-    }
+      : provision_{provision},
+        ids_{provision.provider->element(name)},
+        notifier_{ids_.notifier.value_or(0)} {
+    if (ids_.getter) answer_get_with<detail::Encoded>([this] { return latest(); });
   }
   Field(const Field&) = delete;
   Field& operator=(const Field&) = delete;
 
-  /// Keeps the value for Get and for new subscribers and notifies the present ones. Two updates at
-  /// the same time are sent in either order.
+  /// The provider keeps the value for Get and for new subscribers and notifies the present ones.
+  /// Of two updates at the same time either may be the later one, for Get and for subscribers
+  /// alike.
   void Update(const Value& value) {
     // Kept per thread so that an update costs no allocation.
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
-    {
-      const std::lock_guard lock{mutex_};
-      payload_.assign(payload.begin(), payload.end());
-      has_value_ = true;
-    }
-    if (!ids_.notifier) return;
-    if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(*ids_.notifier);
-    provision_.provider->update_field(*ids_.notifier, payload);
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(notifier_);
+    provision_.provider->update_field(notifier_, payload);
   }
   void RegisterGetHandler(GetHandler handler) {
-    if (!ids_.getter) return;
-    provision_.provider->set_method_handler(
-        *ids_.getter, [this, handler = std::move(handler)](tq::com::Payload payload) {
-          return detail::answer<Value>(provision_, *ids_.getter, payload, handler);
-        });
+    if (ids_.getter) answer_get_with<Value>(std::move(handler));
   }
   /// The value that the handler returns becomes the field's value.
   void RegisterSetHandler(SetHandler handler) {
@@ -206,35 +204,30 @@ class Field {
   }
 
  private:
-  ara::core::Future<Value> latest() {
-    std::vector<std::byte> payload;
-    bool has_value = false;
-    {
-      const std::lock_guard lock{mutex_};
-      has_value = has_value_;
-      payload = payload_;
-    }
-    if (!has_value) {
+  template <class Output, class Work>
+  void answer_get_with(Work work) {
+    provision_.provider->set_method_handler(
+        *ids_.getter, [this, work = std::move(work)](tq::com::Payload payload) {
+          return detail::answer<Output>(provision_, *ids_.getter, payload, work);
+        });
+  }
+  ara::core::Future<detail::Encoded> latest() {
+    auto value = provision_.provider->field_value(notifier_);
+    if (!value) {
       log_get_without_value(*ids_.getter);
-      trace(Trace_id::Event_request_update_err, [&] {
-        return provision_.event(Trace_id::Event_request_update_err, ids_.notifier.value_or(0));
-      });
+      trace(Trace_id::Event_request_update_err,
+            [&] { return provision_.event(Trace_id::Event_request_update_err, notifier_); });
       throw ara::com::ServiceError{tq::com::Return_code::not_ok};
     }
-    Value value{};
-    tq::com::Payload rest{payload};
-    Serialization<Value>::decode(rest, value);
-    ara::core::Promise<Value> promise;
-    promise.set_value(std::move(value));
+    ara::core::Promise<detail::Encoded> promise;
+    promise.set_value(detail::Encoded{std::move(*value)});
     return promise.get_future();
   }
 
   Provision& provision_;
   const tq::com::Element_ids ids_;
+  const std::uint16_t notifier_;
   SetHandler set_;
-  mutable std::mutex mutex_;  ///< guards the latest value, below
-  std::vector<std::byte> payload_;
-  bool has_value_ = false;
 };
 
 /// Base of every skeleton: one provided instance of `Service`, named by its specifier in the
