@@ -95,7 +95,8 @@ void Udp_receiver::receive_in_thread() {
 }
 
 bool Udp_receiver::receive_one(Buffer& buffer, Harvest& harvest) {
-  Udp_socket::Arrival arrival{.begin = std::span(buffer.data(), max_datagram)};
+  Udp_socket::Arrival arrival;
+  arrival.begin = std::span(buffer.data(), max_datagram);
   const std::lock_guard lock(mutex_);
   if (!open_) return false;
   // Another thread may have taken the datagram; or the wait ended with the error of an earlier
