@@ -89,7 +89,8 @@ void Closed_ports::add(Udp_socket& socket) {
   socket.keep_errors();
   epoll_event event = on_errors(socket.descriptor());
   if (epoll_ctl(errors_.native_handle(), EPOLL_CTL_ADD, socket.descriptor(), &event) != 0) {
-    throw std::system_error(errno, std::generic_category(),
+    const int error = errno;  // before the text, which may change it
+    throw std::system_error(error, std::generic_category(),
                             "cannot watch " + to_string(socket.local()) + " for errors");
   }
 }

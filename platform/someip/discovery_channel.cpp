@@ -19,7 +19,8 @@ constexpr int datagrams_per_turn = 64;
 int copy_of(const Udp_socket& socket, const Address& address) {
   const int copy = ::fcntl(socket.descriptor(), F_DUPFD_CLOEXEC, 0);
   if (copy >= 0) return copy;
-  throw std::system_error(errno, std::generic_category(),
+  const int error = errno;  // before the text, which may change it
+  throw std::system_error(error, std::generic_category(),
                           "cannot duplicate the discovery socket of " + address.to_string());
 }
 }  // namespace

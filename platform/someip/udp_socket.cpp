@@ -153,7 +153,10 @@ socklen_t Socket_address::size() const {
 Udp_socket::Udp_socket(const Address& like)
     : descriptor_(::socket(
           like.is_v4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-  if (descriptor_ < 0) throw std::system_error(last_error(), "socket");
+  if (descriptor_ < 0) {
+    const auto error = last_error();  // before the text, which may change errno
+    throw std::system_error(error, "cannot open a UDP socket for " + like.to_string());
+  }
   // A burst of segments should fit while the workers are busy; the kernel caps it.
   const int receive_buffer = 4 * 1024 * 1024;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_RCVBUF, receive_buffer));
