@@ -85,8 +85,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
       client.unsubscribe_all();
       server.stop_all();
     });
-    for (const auto& [group, count] : subscribers_) {
-      require(count == 0, "nobody is subscribed after the end");
+    for (const auto& [group, all] : subscribers_) {
+      require(all.empty(), "nobody is subscribed after the end");
     }
   }
 
@@ -208,14 +208,10 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   }
   void subscribers_changed(const Instance_key& key,
                            std::uint16_t group,
-                           const std::vector<someip::Subscriber>& all,
-                           const std::vector<someip::Subscriber>& fresh) override {
+                           const std::vector<someip::Subscriber>& all) override {
     require(offered_.contains(key) || all.empty(), "subscribers are those of an offered instance");
     require(all.size() <= deployment_.limits.subscribers_per_event_group,
             "subscribers have a bound");
-    for (const auto& one : fresh) {
-      require(std::ranges::find(all, one) != all.end(), "new subscribers are subscribers");
-    }
     for (const auto& one : all) {
       for (const auto& endpoint : {one.endpoints.udp, one.endpoints.tcp}) {
         require(!endpoint ||
@@ -223,7 +219,15 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
                 "notifications go to endpoints on the link");
       }
     }
-    subscribers_[{key, group}] = all.size();
+    subscribers_[{key, group}] = all;
+  }
+  void values_wanted(const Instance_key& key,
+                     std::uint16_t group,
+                     const std::vector<someip::Subscriber>& fresh) override {
+    const auto& all = subscribers_[{key, group}];
+    for (const auto& one : fresh) {
+      require(std::ranges::find(all, one) != all.end(), "new subscribers are subscribers");
+    }
   }
 
   // Discovery_client_host
@@ -270,7 +274,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   std::size_t messages_ = 0;  ///< sent in this step
   std::set<Instance_key> offered_, known_;
   std::set<Group> active_;
-  std::map<Group, std::size_t> subscribers_;
+  std::map<Group, std::vector<someip::Subscriber>> subscribers_;
   someip::Discovery discovery_;
 };
 

@@ -173,6 +173,7 @@ class Discovery_client {
   bool link_up_ = true;
   std::map<Search_key, Search> searches_;
   Remotes remotes_;
+  Time next_expiry_ = Time::max();  ///< none of remotes_ expires before it
   std::map<Group_key, Subscription> subscriptions_;
   std::map<Endpoint, Trigger> triggers_;  ///< by peer
 };
