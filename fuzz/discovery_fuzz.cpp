@@ -85,8 +85,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
       client.unsubscribe_all();
       server.stop_all();
     });
-    for (const auto& [group, count] : subscribers_) {
-      require(count == 0, "nobody is subscribed after the end");
+    for (const auto& [group, all] : subscribers_) {
+      require(all.empty(), "nobody is subscribed after the end");
     }
   }
 
@@ -209,14 +209,10 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   }
   void subscribers_changed(const Instance_key& key,
                            std::uint16_t group,
-                           const std::vector<someip::Subscriber>& all,
-                           const std::vector<someip::Subscriber>& fresh) override {
+                           const std::vector<someip::Subscriber>& all) override {
     require(offered_.contains(key) || all.empty(), "subscribers are those of an offered instance");
     require(all.size() <= deployment_.limits.subscribers_per_event_group,
             "subscribers have a bound");
-    for (const auto& one : fresh) {
-      require(std::ranges::find(all, one) != all.end(), "new subscribers are subscribers");
-    }
     for (const auto& one : all) {
       for (const auto& endpoint : {one.endpoints.udp, one.endpoints.tcp}) {
         require(!endpoint ||
@@ -233,7 +229,15 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
                   static_cast<std::ptrdiff_t>(deployment_.limits.subscribers_per_address),
               "subscribers of one address have a bound");
     }
-    subscribers_[{key, group}] = all.size();
+    subscribers_[{key, group}] = all;
+  }
+  void values_wanted(const Instance_key& key,
+                     std::uint16_t group,
+                     const std::vector<someip::Subscriber>& fresh) override {
+    const auto& all = subscribers_[{key, group}];
+    for (const auto& one : fresh) {
+      require(std::ranges::find(all, one) != all.end(), "new subscribers are subscribers");
+    }
   }
 
   /// Is everything that the offer names the one peer that may provide the guarded service?
@@ -291,7 +295,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   std::set<Instance_key> offered_, known_;
   std::map<Instance_key, std::vector<someip::Address>> lists_;  ///< of offered_
   std::set<Group> active_;
-  std::map<Group, std::size_t> subscribers_;
+  std::map<Group, std::vector<someip::Subscriber>> subscribers_;
   someip::Discovery discovery_;
 };
 

@@ -231,6 +231,7 @@ void Discovery_client::offered(const Entry& entry,
   known->second.expires = end_of_life(now, entry.ttl, timing_.longest_offer_ttl);
   const bool wanted = std::ranges::any_of(
       subscriptions_, [&](const auto& subscription) { return subscription.first.first == key; });
+  next_expiry_ = std::min(next_expiry_, known->second.expires);
   if (wanted) trigger(key, from.peer, multicast, now);
 }
 
@@ -302,8 +303,12 @@ void Discovery_client::link_up(Time now) {
 }
 
 void Discovery_client::on_time(Time now) {
-  for (auto remote = remotes_.begin(); remote != remotes_.end();) {
+  // Any datagram comes past here: it must not cost a look at every offer.
+  const bool expired = next_expiry_ <= now;
+  if (expired) next_expiry_ = Time::max();
+  for (auto remote = remotes_.begin(); expired && remote != remotes_.end();) {
     if (remote->second.expires > now) {
+      next_expiry_ = std::min(next_expiry_, remote->second.expires);
       ++remote;
       continue;
     }
@@ -339,12 +344,10 @@ void Discovery_client::on_time(Time now) {
 }
 
 Time Discovery_client::next_deadline() const {
-  Time next = Time::max();
+  Time next = next_expiry_;
   for (const auto& [key, search] : searches_) {
     if (search.phase != Phase::silent) next = std::min(next, search.next);
   }
-  for (const auto& [key, remote] : remotes_)
-    next = std::min(next, remote.expires);
   for (const auto& [key, subscription] : subscriptions_) {
     next = std::min(next, subscription.expires);
   }

@@ -173,6 +173,7 @@ class Discovery_client {
   std::map<Search_key, Search> searches_;
   Remotes remotes_;
   std::map<Address, std::size_t> offered_by_;  ///< number of remotes_ by their sender
+  Time next_expiry_ = Time::max();             ///< none of remotes_ expires before it
   std::map<Group_key, Subscription> subscriptions_;
   std::map<Endpoint, Trigger> triggers_;  ///< by peer
 };

@@ -68,7 +68,7 @@ void Discovery_server::stop_all() {
 void Discovery_server::end_all_subscriptions(Local& local) {
   for (auto& [group, state] : local.groups) {
     if (state.subscriptions.empty()) continue;
-    host_.subscribers_changed(local.offer.key, group, {}, {});
+    host_.subscribers_changed(local.offer.key, group, {});
     host_.subscribers_settled(local.offer.key, group);
   }
 }
@@ -173,7 +173,7 @@ void Discovery_server::subscribe(const Entry& entry,
   if (present != subscriptions.end()) {
     present->expires = expires;
     if (explicit_initial_data && entry.initial_data_requested()) {
-      present->fresh = group->second.changed = true;
+      present->fresh = group->second.values_wanted = true;
     }
   } else {
     const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
@@ -188,7 +188,9 @@ void Discovery_server::subscribe(const Entry& entry,
     const bool fresh = !explicit_initial_data || entry.initial_data_requested();
     subscriptions.push_back({subscriber, expires, fresh});
     group->second.changed = true;
+    group->second.values_wanted |= fresh;
   }
+  next_expiry_ = std::min(next_expiry_, expires);
   counters_.subscriptions_accepted.add();
 
   Entry ack = entry;
@@ -247,26 +249,29 @@ void Discovery_server::link_up(Time now) {
 }
 
 void Discovery_server::deliver_subscribers() {
-  deliver(false);
+  for (const auto& [key, local] : offers_) {
+    for (const auto& [group, state] : local.groups) {
+      if (!state.changed) continue;
+      std::vector<Subscriber> all;
+      all.reserve(state.subscriptions.size());
+      for (const Subscription& subscription : state.subscriptions)
+        all.push_back(subscription.subscriber);
+      host_.subscribers_changed(key, group, all);
+    }
+  }
 }
 
 void Discovery_server::deliver_initial_values() {
-  deliver(true);
-}
-
-void Discovery_server::deliver(bool initial_values) {
   for (auto& [key, local] : offers_) {
     for (auto& [group, state] : local.groups) {
-      if (!state.changed) continue;
-      std::vector<Subscriber> all, fresh;
-      for (Subscription& subscription : state.subscriptions) {
-        all.push_back(subscription.subscriber);
-        if (initial_values && std::exchange(subscription.fresh, false)) {
-          fresh.push_back(subscription.subscriber);
+      if (!state.changed && !state.values_wanted) continue;
+      if (std::exchange(state.values_wanted, false)) {
+        std::vector<Subscriber> fresh;
+        for (Subscription& subscription : state.subscriptions) {
+          if (std::exchange(subscription.fresh, false)) fresh.push_back(subscription.subscriber);
         }
+        if (!fresh.empty()) host_.values_wanted(key, group, fresh);
       }
-      if (!initial_values || !fresh.empty()) host_.subscribers_changed(key, group, all, fresh);
-      if (!initial_values) continue;
       state.changed = false;
       host_.subscribers_settled(key, group);
     }
@@ -291,9 +296,14 @@ void Discovery_server::advance(Local& local, Time now) {
 }
 
 void Discovery_server::on_time(Time now) {
-  const std::size_t expired = end_subscriptions(
-      [&](const Subscription& subscription) { return subscription.expires <= now; });
-  counters_.subscriptions_expired.add(expired);
+  if (next_expiry_ <= now) {
+    next_expiry_ = Time::max();
+    counters_.subscriptions_expired.add(end_subscriptions([&](const Subscription& subscription) {
+      if (subscription.expires <= now) return true;
+      next_expiry_ = std::min(next_expiry_, subscription.expires);
+      return false;
+    }));
+  }
   for (auto& [key, local] : offers_) {
     if (local.next > now) continue;
     send_offer(local, timing_.offer_ttl, std::nullopt);
@@ -309,15 +319,9 @@ void Discovery_server::on_time(Time now) {
 }
 
 Time Discovery_server::next_deadline() const {
-  Time next = Time::max();
-  for (const auto& [key, local] : offers_) {
+  Time next = next_expiry_;
+  for (const auto& [key, local] : offers_)
     next = std::min(next, local.next);
-    for (const auto& [group, state] : local.groups) {
-      for (const Subscription& subscription : state.subscriptions) {
-        next = std::min(next, subscription.expires);
-      }
-    }
-  }
   for (const auto& [to, answer] : answers_)
     next = std::min(next, answer.due);
   return next;

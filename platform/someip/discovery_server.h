@@ -31,13 +31,16 @@ class Discovery_server_host {
   virtual ~Discovery_server_host() = default;
   /// Has `client` an open TCP connection to the endpoint of the offer?
   [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) = 0;
-  /// The subscribers of a group have changed. `fresh` are those of them that shall get the present
-  /// value of the fields: none before the acknowledgement has been sent.
+  /// The subscribers of a group have changed. Their acknowledgements have not been sent yet.
   virtual void subscribers_changed(const Instance_key& key,
                                    std::uint16_t event_group,
-                                   const std::vector<Subscriber>& all,
-                                   const std::vector<Subscriber>& fresh) = 0;
-  /// Everything about a changed group has been said, the acknowledgements are on their way.
+                                   const std::vector<Subscriber>& all) = 0;
+  /// These subscribers of the group shall get the present value of its fields. Their
+  /// acknowledgements are on their way.
+  virtual void values_wanted(const Instance_key& key,
+                             std::uint16_t event_group,
+                             const std::vector<Subscriber>& fresh) = 0;
+  /// Follows either of the two: the change is complete.
   virtual void subscribers_settled(const Instance_key&, std::uint16_t) {}
 };
 
@@ -92,7 +95,6 @@ class Discovery_server {
   [[nodiscard]] Time next_deadline() const;
 
  private:
-  void deliver(bool initial_values);
   enum class Phase : std::uint8_t { initial_wait, repetition, main };
   struct Subscription {
     Subscriber subscriber;
@@ -101,7 +103,8 @@ class Discovery_server {
   };
   struct Group {
     std::vector<Subscription> subscriptions;
-    bool changed = false;
+    bool changed = false;        ///< since deliver_subscribers()
+    bool values_wanted = false;  ///< by one of them at least
   };
   struct Local {
     Offer offer;
@@ -133,6 +136,7 @@ class Discovery_server {
   Discovery_server_host& host_;
   bool link_up_ = true;
   std::map<Instance_key, Local> offers_;
+  Time next_expiry_ = Time::max();                           ///< no subscription expires before it
   std::map<Discovery_outbox::Destination, Answer> answers_;  ///< waiting for their delay
 };
 

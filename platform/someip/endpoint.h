@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <boost/asio/ip/address.hpp>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <tuple>
 #include <vector>
 
@@ -22,6 +24,18 @@ struct Endpoint {
   }
   friend bool operator<(const Endpoint& a, const Endpoint& b) {
     return std::tie(a.address, a.port) < std::tie(b.address, b.port);
+  }
+};
+
+struct Endpoint_hash {
+  std::size_t operator()(const Endpoint& endpoint) const {
+    if (endpoint.address.is_v4()) {
+      return std::hash<std::uint64_t>{}((std::uint64_t{endpoint.address.to_v4().to_uint()} << 16U) |
+                                        endpoint.port);
+    }
+    const auto bytes = endpoint.address.to_v6().to_bytes();
+    const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    return std::hash<std::string_view>{}(text) ^ endpoint.port;
   }
 };
 

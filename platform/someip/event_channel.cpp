@@ -72,11 +72,19 @@ void Event_channel::notify(Bytes payload) {
 
 void Event_channel::hold(Targets targets) {
   std::unique_lock lock(mutex_);
-  if (!std::exchange(held_, true)) begin_turn(lock);
+  begin_discovery_turn(lock);
   targets_ = std::move(targets);
 }
 
+void Event_channel::begin_discovery_turn(std::unique_lock<std::mutex>& lock) {
+  if (!std::exchange(held_, true)) begin_turn(lock);
+}
+
 void Event_channel::send_initial(const Targets& fresh) {
+  {
+    std::unique_lock lock(mutex_);
+    begin_discovery_turn(lock);
+  }
   if (value_) {
     send(*value_, *fresh);
   } else {

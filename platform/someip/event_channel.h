@@ -52,7 +52,7 @@ class Event_channel {
   // A change of the targets, on the thread of discovery: hold(), acknowledge, send_initial() to the
   // targets that shall get the present value of a field, release(). The turn lasts from hold() to
   // release(), so a new subscriber sees the acknowledgement, then the value of that moment, then
-  // every later one, once.
+  // every later one, once. Without a change, the turn begins with send_initial().
   void hold(Targets targets);
   void send_initial(const Targets& fresh);
   void release();
@@ -63,6 +63,7 @@ class Event_channel {
  private:
   class Turn;
 
+  void begin_discovery_turn(std::unique_lock<std::mutex>& lock);
   void begin_turn(std::unique_lock<std::mutex>& lock);
   void end_turn();
   void send(Bytes payload, const Event_targets& targets);

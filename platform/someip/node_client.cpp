@@ -8,6 +8,13 @@
 
 namespace someip {
 
+namespace {
+/// A result lists every instance. A peer that changes one of many again and again must not make the
+/// node work through all of them each time: this pause per instance keeps that below some percent
+/// of a processor.
+constexpr std::chrono::microseconds pause_per_instance{10};
+}  // namespace
+
 /// A response on its way to the handler.
 class Node_client::Answer final : public Task {
  public:
@@ -34,7 +41,8 @@ Node_client::Node_client(Node_context& context)
                   context.counters,
                   context.log,
                   tcp_events()),
-      call_timer_(context.workers.control()) {}
+      call_timer_(context.workers.control()),
+      search_timer_(context.workers.control()) {}
 
 std::shared_ptr<Udp_port> Node_client::open_port() {
   const Node_deployment& node = context_.node;
@@ -61,6 +69,7 @@ Tcp_client::Events Node_client::tcp_events() {
 
 void Node_client::stop() {
   call_timer_.cancel();
+  search_timer_.cancel();
   for (const auto& [group, port] : multicast_ports_)
     port.first->close();
   tcp_client_.close();
@@ -135,8 +144,23 @@ bool Node_client::has_delivered(const Instance_key& key, const Address& provider
 }
 
 void Node_client::tell_searches(std::uint16_t service) {
-  for (const Running_search& search : searches_) {
-    if (search.service == service) tell(search);
+  bool changed = false;
+  for (Running_search& search : searches_) {
+    if (search.service == service) changed = search.changed = true;
+  }
+  if (!changed || std::exchange(searches_scheduled_, true)) return;
+  search_timer_.expires_at(searches_told_ +
+                           pause_per_instance * static_cast<std::int64_t>(known_.size()));
+  search_timer_.async_wait([this](const boost::system::error_code& cancelled) {
+    if (!cancelled && !context_.stopped) tell_changed_searches();
+  });
+}
+
+void Node_client::tell_changed_searches() {
+  searches_scheduled_ = false;
+  searches_told_ = std::chrono::steady_clock::now();
+  for (Running_search& search : searches_) {
+    if (std::exchange(search.changed, false)) tell(search);
   }
 }
 

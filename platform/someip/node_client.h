@@ -110,6 +110,7 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
     std::uint16_t service, instance;
     std::uint8_t major_version;
     std::shared_ptr<Search> search;
+    bool changed = false;  ///< since its result was delivered last
   };
   struct Known_instance {
     Instance_key key;
@@ -127,6 +128,7 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   void tell_searches(std::uint16_t service);
   /// Remembers the provider of the instance if it is the first that has delivered an event.
   void note_delivery(const Instance_key& key);
+  void tell_changed_searches();
   void connect_route(Client_event& event, const Remote_offer& offer);
   void leave_multicast(const Group_key& key, const std::optional<Endpoint>& but = std::nullopt);
   void release_if_unused(const Endpoint& server);
@@ -163,6 +165,9 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   std::map<Endpoint, std::set<const void*>> senders_;
   boost::asio::steady_timer call_timer_;
   std::vector<Running_search> searches_;
+  boost::asio::steady_timer search_timer_;
+  bool searches_scheduled_ = false;
+  Time searches_told_{};  ///< the last time that results were delivered
   std::vector<Client_event> events_;
   std::map<Instance_key, First_delivery> first_deliveries_;
   std::map<Endpoint, std::pair<std::shared_ptr<Udp_port>, std::set<Group_key>>> multicast_ports_;

@@ -1,9 +1,9 @@
 #include "platform/someip/node_server.h"
 
 #include <algorithm>
-#include <set>
 #include <stdexcept>
 #include <string>
+#include <unordered_set>
 #include <utility>
 
 namespace someip {
@@ -251,29 +251,33 @@ void Node_server::stop_offer(std::shared_ptr<Provided_instance> instance) {
   });
 }
 
+std::shared_ptr<Event_targets> Node_server::targets_of(const Provided_instance& instance,
+                                                       const std::vector<Subscriber>& subscribers) {
+  const auto tcp = tcp_port(instance.deployment());
+  auto targets = std::make_shared<Event_targets>();
+  targets->udp.reserve(subscribers.size());
+  // A client in two subscriptions gets each event once.
+  std::unordered_set<Endpoint, Endpoint_hash> udp_known(subscribers.size());
+  std::unordered_set<Endpoint, Endpoint_hash> tcp_known;
+  for (const Subscriber& subscriber : subscribers) {
+    const Instance_endpoints& endpoints = subscriber.endpoints;
+    if (endpoints.udp && udp_known.insert(*endpoints.udp).second) {
+      targets->udp.emplace_back(*endpoints.udp);
+    }
+    if (!tcp || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
+    if (auto stream = tcp->connections->connection_of(*endpoints.tcp)) {
+      targets->streams.push_back(std::move(stream));
+    }
+  }
+  return targets;
+}
+
 void Node_server::subscribers_changed(const Instance_key& key,
                                       std::uint16_t event_group,
-                                      const std::vector<Subscriber>& all,
-                                      const std::vector<Subscriber>& fresh) {
+                                      const std::vector<Subscriber>& all) {
   const auto instance = offered_.find(key);
   if (instance == offered_.end()) return;
-  const auto tcp = tcp_port(instance->second->deployment());
-  const auto targets_of = [&](const std::vector<Subscriber>& subscribers) {
-    auto targets = std::make_shared<Event_targets>();
-    std::set<Endpoint> udp_known, tcp_known;  // a client in two subscriptions gets each event once
-    for (const Subscriber& subscriber : subscribers) {
-      const Instance_endpoints& endpoints = subscriber.endpoints;
-      if (endpoints.udp && udp_known.insert(*endpoints.udp).second) {
-        targets->udp.emplace_back(*endpoints.udp);
-      }
-      if (!tcp || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
-      if (auto stream = tcp->connections->connection_of(*endpoints.tcp)) {
-        targets->streams.push_back(std::move(stream));
-      }
-    }
-    return targets;
-  };
-  auto targets = targets_of(all);
+  const auto targets = targets_of(*instance->second, all);
   for (const Multicast_deployment& multicast : instance->second->deployment().multicast) {
     if (multicast.event_group != event_group || multicast.threshold == 0) continue;
     // Where all is multicast, a subscriber need not say where it listens.
@@ -281,13 +285,18 @@ void Node_server::subscribers_changed(const Instance_key& key,
     if (receivers < multicast.threshold) continue;
     targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
   }
-  for (Event_channel* channel : instance->second->group(event_group)) {
-    if (fresh.empty()) {
-      channel->hold(targets);
-    } else {
-      channel->send_initial(targets_of(fresh));
-    }
-  }
+  for (Event_channel* channel : instance->second->group(event_group))
+    channel->hold(targets);
+}
+
+void Node_server::values_wanted(const Instance_key& key,
+                                std::uint16_t event_group,
+                                const std::vector<Subscriber>& fresh) {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return;
+  const auto targets = targets_of(*instance->second, fresh);
+  for (Event_channel* channel : instance->second->group(event_group))
+    channel->send_initial(targets);
 }
 
 void Node_server::subscribers_settled(const Instance_key& key, std::uint16_t event_group) {

@@ -45,8 +45,10 @@ class Node_server final : public Discovery_server_host {
   bool has_connection(const Offer& offer, const Endpoint& client) override;
   void subscribers_changed(const Instance_key& key,
                            std::uint16_t event_group,
-                           const std::vector<Subscriber>& all,
-                           const std::vector<Subscriber>& fresh) override;
+                           const std::vector<Subscriber>& all) override;
+  void values_wanted(const Instance_key& key,
+                     std::uint16_t event_group,
+                     const std::vector<Subscriber>& fresh) override;
   void subscribers_settled(const Instance_key& key, std::uint16_t event_group) override;
 
  private:
@@ -55,6 +57,8 @@ class Node_server final : public Discovery_server_host {
 
   [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Event_targets> targets_of(
+      const Provided_instance& instance, const std::vector<Subscriber>& subscribers);
   [[nodiscard]] bool admit_connection(const Address& peer);
   void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
