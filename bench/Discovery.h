@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "bench/Wire.h"
-#include "platform/someip/discovery_message.h"
+#include "platform/someip/discovery/discovery_message.h"
 
 namespace bench {
 

@@ -23,7 +23,7 @@
 
 #include "binding/codec.h"
 #include "clients/GnssRecords.h"
-#include "platform/someip/message.h"
+#include "platform/someip/wire/message.h"
 
 namespace bench {
 

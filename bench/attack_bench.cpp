@@ -15,7 +15,7 @@
 #include "binding/codec.h"
 #include "clients/GnssRecords.h"
 #include "platform/linux/com/make_runtime.h"
-#include "platform/someip/stream_reader.h"
+#include "platform/someip/wire/stream_reader.h"
 #include "tests/com/test_network.h"
 
 namespace {

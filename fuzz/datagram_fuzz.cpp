@@ -1,6 +1,6 @@
 // One datagram: its SOME/IP headers and the messages in it.
 #include "fuzz/input.h"
-#include "platform/someip/message.h"
+#include "platform/someip/wire/message.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   using fuzz::require;

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "fuzz/world.h"
-#include "platform/someip/discovery.h"
+#include "platform/someip/discovery/discovery.h"
 
 namespace {
 

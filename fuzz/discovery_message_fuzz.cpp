@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "platform/someip/discovery_message.h"
+#include "platform/someip/discovery/discovery_message.h"
 
 namespace {
 

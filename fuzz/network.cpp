@@ -6,7 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/someip/udp_socket.h"
+#include "platform/someip/net/udp_socket.h"
 
 // What the linker makes of the calls: __wrap_… is called instead of the system's, which is
 // __real_…. The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier)

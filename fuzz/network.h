@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "platform/someip/endpoint.h"
+#include "platform/someip/base/endpoint.h"
 
 namespace fuzz {
 

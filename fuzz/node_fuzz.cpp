@@ -19,7 +19,7 @@
 #include "fuzz/world.h"
 #include "platform/linux/com/connection.h"
 #include "platform/linux/com/provision.h"
-#include "platform/someip/node.h"
+#include "platform/someip/node/node.h"
 
 namespace {
 

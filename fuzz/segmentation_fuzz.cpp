@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "platform/someip/segmentation.h"
+#include "platform/someip/wire/segmentation.h"
 
 namespace {
 

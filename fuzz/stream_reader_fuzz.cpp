@@ -2,7 +2,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "platform/someip/stream_reader.h"
+#include "platform/someip/wire/stream_reader.h"
 
 namespace {
 

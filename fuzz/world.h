@@ -9,9 +9,9 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "platform/someip/deployment.h"
-#include "platform/someip/endpoint.h"
-#include "platform/someip/message.h"
+#include "platform/someip/base/deployment.h"
+#include "platform/someip/base/endpoint.h"
+#include "platform/someip/wire/message.h"
 
 namespace fuzz {
 

@@ -36,7 +36,7 @@
 
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
-#include "platform/someip/byte_order.h"
+#include "platform/someip/base/byte_order.h"
 #include "tq/com/runtime.h"
 
 namespace {

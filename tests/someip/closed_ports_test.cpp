@@ -1,4 +1,4 @@
-#include "platform/someip/closed_ports.h"
+#include "platform/someip/net/closed_ports.h"
 
 #include <gtest/gtest.h>
 #include <poll.h>

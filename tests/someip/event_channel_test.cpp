@@ -1,4 +1,4 @@
-#include "platform/someip/event_channel.h"
+#include "platform/someip/node/event_channel.h"
 
 #include <gmock/gmock.h>
 
@@ -11,7 +11,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/someip/counters.h"
+#include "platform/someip/base/counters.h"
 
 namespace someip {
 namespace {

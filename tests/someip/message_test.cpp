@@ -1,15 +1,15 @@
 /// That any cut of a stream gives the same messages and little is kept of it is for
 /// fuzz/stream_reader_fuzz.cpp to find.
-#include "platform/someip/message.h"
+#include "platform/someip/wire/message.h"
 
 #include <gmock/gmock.h>
 
 #include <ctime>
 
-#include "platform/someip/discovery_message.h"
-#include "platform/someip/discovery_outbox.h"
-#include "platform/someip/discovery_server.h"
-#include "platform/someip/stream_reader.h"
+#include "platform/someip/discovery/discovery_message.h"
+#include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_server.h"
+#include "platform/someip/wire/stream_reader.h"
 
 namespace someip {
 namespace {

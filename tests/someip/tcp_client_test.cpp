@@ -1,6 +1,6 @@
 /// What happens to connections when things come in an unlucky order. The control thread is played
 /// by the test, handler by handler; the network is the loopback.
-#include "platform/someip/tcp_client.h"
+#include "platform/someip/net/tcp_client.h"
 
 #include <gmock/gmock.h>
 #include <sys/socket.h>
@@ -15,7 +15,7 @@
 #include <thread>
 #include <utility>
 
-#include "platform/someip/node.h"
+#include "platform/someip/node/node.h"
 #include "tests/support/Seen.h"
 
 /// As the system answers when a connection has broken before anybody asks.

@@ -1,4 +1,4 @@
-#include "platform/someip/udp_receiver.h"
+#include "platform/someip/net/udp_receiver.h"
 
 #include <gmock/gmock.h>
 

@@ -15,7 +15,7 @@
 
 #include "mw/com/Strand.h"
 #include "platform/linux/com/gate.h"
-#include "platform/someip/node.h"
+#include "platform/someip/node/node.h"
 #include "tq/com/runtime.h"
 
 namespace tq::com {

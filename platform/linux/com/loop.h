@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "mw/com/static_thread_pool.h"
-#include "platform/someip/workers.h"
+#include "platform/someip/base/workers.h"
 
 namespace mw::com {
 

@@ -6,7 +6,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/someip/deployment.h"
+#include "platform/someip/base/deployment.h"
 #include "tq/com/runtime.h"
 
 namespace tq::com {

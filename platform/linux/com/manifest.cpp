@@ -15,7 +15,7 @@
 #include <string>
 #include <system_error>
 
-#include "platform/someip/endpoint.h"
+#include "platform/someip/base/endpoint.h"
 
 namespace tq::com {
 

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "platform/someip/deployment.h"
+#include "platform/someip/base/deployment.h"
 
 namespace tq::com {
 

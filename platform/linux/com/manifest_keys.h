@@ -6,7 +6,7 @@
 #include <tuple>
 #include <type_traits>
 
-#include "platform/someip/deployment.h"
+#include "platform/someip/base/deployment.h"
 
 namespace tq::com {
 

@@ -10,7 +10,7 @@
 #include "platform/linux/com/json_reader.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
-#include "platform/someip/discovery_message.h"
+#include "platform/someip/discovery/discovery_message.h"
 
 namespace tq::com {
 

@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "platform/linux/com/gate.h"
-#include "platform/someip/node.h"
+#include "platform/someip/node/node.h"
 #include "tq/com/runtime.h"
 
 namespace tq::com {

@@ -19,7 +19,7 @@
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/provision.h"
-#include "platform/someip/node.h"
+#include "platform/someip/node/node.h"
 
 namespace tq::com {
 

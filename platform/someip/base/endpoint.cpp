@@ -1,0 +1,41 @@
+#include "platform/someip/base/endpoint.h"
+
+#include <algorithm>
+
+namespace someip {
+
+namespace {
+
+bool same_prefix(const auto& a, const auto& b, unsigned prefix_length) {
+  for (std::size_t i = 0; i < a.size() && prefix_length > 0; ++i) {
+    const unsigned bits = std::min(prefix_length, 8u);
+    const auto mask = static_cast<unsigned char>(0xFFu << (8 - bits));
+    if ((a[i] & mask) != (b[i] & mask)) return false;
+    prefix_length -= bits;
+  }
+  return true;
+}
+
+bool is_broadcast(const boost::asio::ip::address_v4& address,
+                  const boost::asio::ip::address_v4& own,
+                  unsigned prefix_length) {
+  if (address == boost::asio::ip::address_v4::broadcast()) return true;
+  if (prefix_length == 0 || prefix_length >= 31) return false;
+  const std::uint32_t host_bits = 0xFFFFFFFFu >> prefix_length;
+  return address.to_uint() == (own.to_uint() | host_bits);
+}
+
+}  // namespace
+
+bool reachable_peer(const Address& address, const Address& own, unsigned prefix_length) {
+  if (address.is_v4() != own.is_v4() || address.is_unspecified() || address.is_multicast()) {
+    return false;
+  }
+  if (address.is_v4()) {
+    return !is_broadcast(address.to_v4(), own.to_v4(), prefix_length) &&
+           same_prefix(address.to_v4().to_bytes(), own.to_v4().to_bytes(), prefix_length);
+  }
+  return same_prefix(address.to_v6().to_bytes(), own.to_v6().to_bytes(), prefix_length);
+}
+
+}  // namespace someip

@@ -1,0 +1,232 @@
+#include "platform/someip/discovery/discovery.h"
+
+#include <algorithm>
+#include <string>
+
+namespace someip {
+
+namespace {
+
+/// For the log: who spoke, and in whose name.
+std::string text_of(const Origin& origin) {
+  const std::string peer = to_string(origin.peer);
+  return origin.direct() ? peer : peer + " (says " + origin.sender.to_string() + ")";
+}
+
+}  // namespace
+
+Discovery::Discovery(const Deployment& deployment,
+                     const Node_deployment& node,
+                     const Address& own,
+                     Counters& counters,
+                     Log& log,
+                     Host host)
+    : deployment_(deployment),
+      node_(node),
+      own_(own),
+      counters_(counters),
+      log_(log),
+      host_(std::move(host)),
+      delays_(deployment.discovery),
+      peers_(deployment.limits),
+      outbox_(peers_,
+              [this](const std::vector<std::byte>& bytes, const Discovery_outbox::Destination& to) {
+                counters_.discovery_sent.add();
+                host_.send(bytes, to);
+              }),
+      server_(deployment.discovery, deployment.limits, delays_, outbox_, counters, host_.server),
+      client_(deployment.discovery, deployment.limits, delays_, outbox_, counters, host_.client) {
+  for (const Service_deployment& service : deployment.services) {
+    services_[{service.id, service.major_version}] = &service;
+  }
+}
+
+void Discovery::drop(const Endpoint& from, const char* why) {
+  counters_.dropped_discovery_malformed.add();
+  log_.limited(Log_level::warning, why,
+               "service discovery message from " + to_string(from) + " dropped: " + why);
+}
+
+void Discovery::refuse_stranger(const Endpoint& stranger) {
+  counters_.dropped_foreign_peer.add();
+  log_.limited(Log_level::warning, "stranger",
+               "service discovery message from " + to_string(stranger) +
+                   " dropped: no service has it among its allowed peers");
+}
+
+bool Discovery::acceptable(const Endpoint& endpoint) const {
+  return endpoint.port != 0 && endpoint.address != own_ &&
+         reachable_peer(endpoint.address, own_, node_.prefix_length);
+}
+
+bool Discovery::welcome(const Origin& origin) const {
+  return std::ranges::any_of(deployment_.services, [&](const Service_deployment& service) {
+    return allows(service.allowed_peers, origin);
+  });
+}
+
+void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, Time now) {
+  counters_.discovery_received.add();
+  if (!link_up_) return;  // still in the socket when the link was lost
+  if (!acceptable(from)) {
+    counters_.dropped_foreign_peer.add();
+    return;
+  }
+  if (!welcome({from.address, from})) {
+    refuse_stranger(from);
+    return;
+  }
+  Datagram_reader reader(datagram);
+  while (const auto view = reader.next())
+    message(*view, from, multicast, now);
+  if (reader.malformed()) drop(from, "its length is wrong");
+  // Subscriptions that unicast offers ask for go at once.
+  client_.on_time(now);
+  settle(now);
+}
+
+void Discovery::message(const Message_view& view, const Endpoint& from, bool multicast, Time now) {
+  const Header& header = view.header;
+  if (header.service != discovery_service || header.method != discovery_method ||
+      header.protocol != protocol_version || header.interface_version != 1 ||
+      !header.is(Message_type::notification) || header.code != 0 || header.session == 0) {
+    drop(from, "its header is not that of service discovery");
+    return;
+  }
+  const auto message =
+      read_discovery_message(view.payload, deployment_.limits.entries_per_discovery_message);
+  if (!message) {
+    drop(from, "its arrays do not fit or hold too many entries");
+    return;
+  }
+  Origin origin{from.address, from};
+  if (const auto told = message->discovery_endpoint(own_.is_v4())) {
+    if (!acceptable(*told)) {
+      drop(from, "its discovery endpoint is not on this link");
+      return;
+    }
+    origin.peer = *told;
+    if (!welcome(origin)) {
+      refuse_stranger(*told);
+      return;
+    }
+  }
+
+  const Time last_contact = peers_.last_contact(origin);
+  switch (peers_.heard(origin, multicast, header.session, message->reboot, now)) {
+    case Discovery_peers::Verdict::known:
+      break;
+    case Discovery_peers::Verdict::refused:
+      counters_.refused_peers.add();
+      log_.limited(Log_level::warning, "peers",
+                   "too many peers: the messages of " + to_string(from) + " are dropped");
+      return;
+    case Discovery_peers::Verdict::restarted:
+      counters_.peer_restarts.add();
+      log_.limited(Log_level::info, "restart", text_of(origin) + " has restarted");
+      server_.forget_peer(origin);
+      client_.forget_peer(origin, now);
+      if (origin.direct()) host_.peer_restarted(origin.sender, last_contact);
+      break;
+  }
+  for (const Entry& one : message->entries)
+    entry(*message, one, origin, multicast, now);
+}
+
+void Discovery::entry(const Discovery_message& message,
+                      const Entry& entry,
+                      const Origin& from,
+                      bool multicast,
+                      Time now) {
+  switch (entry.type) {
+    case Entry_type::find_service:
+      if (entry.ttl == 0 || message.options_of(entry, own_.is_v4()).fault) {
+        counters_.dropped_entries.add();
+        return;
+      }
+      server_.find(entry, from, multicast, message.unicast, now);
+      return;
+    case Entry_type::offer_service:
+      offer_entry(message, entry, from, multicast, now);
+      return;
+    case Entry_type::subscribe:
+    case Entry_type::subscribe_ack:
+      break;
+  }
+  // Event group entries travel by unicast only (someipsd_818).
+  if (multicast) {
+    counters_.dropped_entries.add();
+    return;
+  }
+  const Entry_options options = message.options_of(entry, own_.is_v4());
+  if (entry.type == Entry_type::subscribe) {
+    const bool for_others = deployment_.discovery.subscriptions_for_others;
+    const auto deliverable = [&](const Endpoint& endpoint) {
+      return acceptable(endpoint) && (for_others || endpoint.address == from.sender);
+    };
+    server_.subscribe(
+        entry, options,
+        [&](const Instance_endpoints& endpoints) { return endpoints.all(deliverable); }, from,
+        message.explicit_initial_data, now);
+  } else {
+    client_.acknowledged(entry, options, from, now);
+  }
+}
+
+void Discovery::offer_entry(const Discovery_message& message,
+                            const Entry& entry,
+                            const Origin& from,
+                            bool multicast,
+                            Time now) {
+  const auto service = services_.find({entry.service, entry.major_version});
+  if (service == services_.end()) return;  // nothing that we know how to use
+  const auto& allowed = service->second->allowed_peers;
+  const Entry_options options = message.options_of(entry, own_.is_v4());
+  const Instance_endpoints endpoints{options.udp, options.tcp};
+  const bool foreign = !allows(allowed, from) || !endpoints.all([&](const Endpoint& one) {
+    return allows(allowed, one.address);
+  });
+  const bool usable = !options.fault && (options.udp || options.tcp) &&
+                      endpoints.all([this](const Endpoint& one) { return acceptable(one); }) &&
+                      entry.instance != 0 && entry.instance != any_instance;
+  if (foreign || (entry.ttl != 0 && !usable)) {
+    (foreign ? counters_.dropped_foreign_peer : counters_.dropped_entries).add();
+    log_.limited(Log_level::warning, "offer",
+                 "offer of " + service->second->name + " from " + text_of(from) + " ignored: " +
+                     (foreign ? "not an allowed peer" : "its endpoints cannot be used"));
+    return;
+  }
+  client_.offered(entry, endpoints, from, multicast, message.explicit_initial_data, now);
+}
+
+void Discovery::on_time(Time now) {
+  server_.on_time(now);
+  client_.on_time(now);
+  settle(now);
+}
+
+void Discovery::link_changed(bool up, Time now) {
+  link_up_ = up;
+  if (up) {
+    server_.link_up(now);
+    client_.link_up(now);
+  } else {
+    server_.link_down();
+    client_.link_down(now);
+  }
+  settle(now);
+}
+
+void Discovery::settle(Time now) {
+  // A subscriber that has been acknowledged misses nothing that happens afterwards; its initial
+  // values follow the acknowledgement.
+  server_.deliver_subscribers();
+  outbox_.flush(now);
+  server_.deliver_initial_values();
+}
+
+Time Discovery::next_deadline() const {
+  return std::min(server_.next_deadline(), client_.next_deadline());
+}
+
+}  // namespace someip

@@ -1,0 +1,181 @@
+/// The using side of service discovery: searches, the offers that are known, and own subscriptions.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "platform/someip/base/counters.h"
+#include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_types.h"
+
+namespace someip {
+
+/// An offer that a peer has made and that is in force.
+struct Remote_offer {
+  Origin origin;
+  std::uint32_t minor_version = 0;
+  Instance_endpoints endpoints;
+};
+
+/// What the using side needs to know from, and tells, its node. No member calls back into
+/// discovery.
+class Discovery_client_host {
+ public:
+  virtual ~Discovery_client_host() = default;
+  virtual void instance_available(const Instance_key& key, const Remote_offer& offer) = 0;
+  virtual void instance_gone(const Instance_key& key) = 0;
+  /// Is `provider` the address that was the first to deliver events of the instance?
+  [[nodiscard]] virtual bool has_delivered(const Instance_key& key, const Address& provider) = 0;
+  /// A subscription was acknowledged for the first time, or has ended.
+  virtual void subscription_changed(const Instance_key& key,
+                                    std::uint16_t event_group,
+                                    bool active) = 0;
+  /// The acknowledgement names a multicast address on which events of the group may come.
+  virtual void listen_to(const Instance_key& key,
+                         std::uint16_t event_group,
+                         const Endpoint& group) = 0;
+  /// Did an acknowledged subscription to fields bring no value yet?
+  [[nodiscard]] virtual bool initial_value_missing(const Instance_key& key,
+                                                   std::uint16_t event_group) const = 0;
+  /// Where events shall be sent to.
+  [[nodiscard]] virtual Endpoint udp_endpoint() const = 0;
+  /// A subscription over the connection to `server` was refused: it may be open on our side only.
+  virtual void doubt_connection(const Endpoint& server) = 0;
+  /// The own end of the TCP connection to `server`. Begins to connect, and gives nothing, while
+  /// there is none; Discovery_client::connected() follows.
+  [[nodiscard]] virtual std::optional<Endpoint> tcp_endpoint(const Endpoint& server) = 0;
+};
+
+/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it.
+class Discovery_client {
+ public:
+  Discovery_client(const Discovery_timing& timing,
+                   const Limits& limits,
+                   Discovery_delays& delays,
+                   Discovery_outbox& outbox,
+                   Counters& counters,
+                   Discovery_client_host& host)
+      : timing_(timing),
+        limits_(limits),
+        delays_(delays),
+        outbox_(outbox),
+        counters_(counters),
+        host_(host) {}
+
+  /// `instance` may be any_instance. Searches are counted: each needs its stop.
+  void start_search(std::uint16_t service,
+                    std::uint16_t instance,
+                    std::uint8_t major_version,
+                    Time now);
+  void stop_search(std::uint16_t service, std::uint16_t instance, std::uint8_t major_version);
+
+  /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for
+  /// the present values again.
+  void subscribe(const Instance_key& key,
+                 std::uint16_t event_group,
+                 const Group_transport& transport);
+  void unsubscribe(const Instance_key& key, std::uint16_t event_group);
+  [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const;
+  /// Sends a stop for every subscription.
+  void unsubscribe_all();
+
+  /// An offer or, with time to live 0, a stop offer whose options and peer have been found
+  /// acceptable.
+  void offered(const Entry& entry,
+               const Instance_endpoints& endpoints,
+               const Origin& from,
+               bool multicast,
+               bool explicit_initial_data,
+               Time now);
+  void acknowledged(const Entry& entry, const Entry_options& options, const Origin& from, Time now);
+  /// Everything that a peer has offered is void: it has restarted.
+  void forget_peer(const Origin& peer, Time now);
+  /// The TCP connection to `server` stands: what waited for it is subscribed now.
+  void connected(const Endpoint& server);
+  /// It broke: the subscriptions over it are void until it stands again.
+  void connection_lost(const Endpoint& server);
+
+  /// Everything that has been offered is void; searches wait for the link.
+  void link_down(Time now);
+  /// Every search begins with its initial wait phase.
+  void link_up(Time now);
+
+  void on_time(Time now);
+  [[nodiscard]] Time next_deadline() const;
+
+ private:
+  enum class Phase : std::uint8_t { initial_wait, repetition, silent };
+  struct Search_key {
+    std::uint16_t service, instance;
+    std::uint8_t major_version;
+    // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison for a null pointer
+    friend auto operator<=>(const Search_key&, const Search_key&) = default;
+  };
+  struct Search {
+    std::size_t users = 0;
+    Phase phase = Phase::initial_wait;
+    std::uint32_t repetitions = 0;
+    Time next;
+  };
+  struct Remote {
+    Remote_offer offer;
+    bool explicit_initial_data = false;
+    Time expires;
+  };
+  enum class State : std::uint8_t { none, requested, active };
+  struct Subscription {
+    std::size_t users = 0;
+    Group_transport transport;
+    State state = State::none;
+    bool supervised = false;  ///< requested because of a multicast offer, not acknowledged yet
+    bool refresh = false;     ///< the values are wanted again although the subscription is active
+    bool initial_data =
+        false;  ///< asked for by the last entry, which a stop repeats (someipsd_333)
+    Time expires = Time::max();  ///< while active: when it ends unless acknowledged again
+  };
+  using Group_key = std::pair<Instance_key, std::uint16_t>;
+  /// What an offer triggers, after the delay that its transport asks for.
+  struct Trigger {
+    Time due;
+    std::map<Instance_key, bool> instances;  ///< with: came by multicast
+  };
+  using Remotes = std::map<Instance_key, Remote>;
+
+  [[nodiscard]] static bool matches(const Search_key& search, const Instance_key& key);
+  [[nodiscard]] bool satisfied(const Search_key& search) const;
+  void begin_search(Search& search, Time now);
+  /// `restart`: searches that nothing satisfies any more begin again.
+  Remotes::iterator remove(Remotes::iterator remote, bool restart, Time now);
+  void trigger(const Instance_key& key, const Endpoint& peer, bool multicast, Time now);
+  void request(const Group_key& key,
+               Subscription& subscription,
+               const Remote& remote,
+               bool by_multicast);
+  void request_all(const Instance_key& key, bool by_multicast);
+  void set_state(const Group_key& key, Subscription& subscription, State state);
+  [[nodiscard]] static Entry subscribe_entry(const Group_key& key,
+                                             const Subscription& subscription,
+                                             std::uint32_t ttl);
+  [[nodiscard]] std::optional<std::vector<Option>> own_endpoints(const Group_transport& transport,
+                                                                 const Remote& remote);
+
+  const Discovery_timing& timing_;
+  const Limits& limits_;
+  Discovery_delays& delays_;
+  Discovery_outbox& outbox_;
+  Counters& counters_;
+  Discovery_client_host& host_;
+  bool link_up_ = true;
+  std::map<Search_key, Search> searches_;
+  Remotes remotes_;
+  std::map<Address, std::size_t> offered_by_;  ///< number of remotes_ by their sender
+  Time next_expiry_ = Time::max();             ///< none of remotes_ expires before it
+  std::map<Group_key, Subscription> subscriptions_;
+  std::map<Endpoint, Trigger> triggers_;  ///< by peer
+};
+
+}  // namespace someip

@@ -1,0 +1,100 @@
+/// The way out for discovery entries: packed by destination, with the session ids of each.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "platform/someip/base/deployment.h"
+#include "platform/someip/base/sessions.h"
+#include "platform/someip/discovery/discovery_message.h"
+#include "platform/someip/discovery/discovery_types.h"
+
+namespace someip {
+
+/// Session counters and reboot flags of the peers, ours towards them and theirs towards us.
+class Discovery_peers {
+ public:
+  explicit Discovery_peers(const Limits& limits) : limits_(limits) {}
+
+  enum class Verdict { known, restarted, refused };
+  /// Takes note of a message. A newcomer without room takes the place of an origin that has been
+  /// silent for long: one of the same address if that has its quota. In a full table an address
+  /// with several places gives way at once. Refused: there is no such place.
+  [[nodiscard]] Verdict heard(
+      const Origin& origin, bool multicast, std::uint16_t session, bool reboot_flag, Time now);
+  /// Time{} when nothing has been received.
+  [[nodiscard]] Time last_contact(const Origin& origin) const;
+  /// The counter of unicast messages to `peer`.
+  [[nodiscard]] Session_counter& towards(const Endpoint& peer, Time now);
+  [[nodiscard]] Session_counter& towards_group() { return group_; }
+
+ private:
+  /// What one address says for one service discovery endpoint.
+  struct Channel {
+    Endpoint peer;
+    Reboot_detector unicast, multicast;
+    Time last_contact{};
+  };
+  using Channels = std::vector<Channel>;
+  struct Outgoing {
+    Session_counter counter;
+    Time last_use{};
+  };
+
+  [[nodiscard]] static Channels::iterator oldest(Channels& channels);
+  bool make_room(Time now);
+
+  const Limits& limits_;
+  std::map<Address, Channels> senders_;
+  std::size_t channels_ = 0;  ///< of all senders
+  std::map<Endpoint, Outgoing> outgoing_;
+  /// Where the counter of a new destination begins. A forgotten destination that comes back must
+  /// not see sessions that go backwards: it would take that for our restart.
+  Session_counter forgotten_;
+  Session_counter group_;
+};
+
+/// Entries wait here until flush(), which sends one message to each destination (someipsd_836),
+/// more only when they do not fit.
+class Discovery_outbox {
+ public:
+  /// No endpoint: the multicast group.
+  using Destination = std::optional<Endpoint>;
+  using Send = std::function<void(const std::vector<std::byte>& message, const Destination& to)>;
+
+  Discovery_outbox(Discovery_peers& peers, Send send) : peers_(peers), send_(std::move(send)) {}
+
+  /// The entries have the same options and leave side by side. An offer that waits already is not
+  /// added again: it may have been asked for many times at once.
+  void add(const Destination& to, std::vector<Entry> entries, std::vector<Option> options);
+  /// Does this offer wait already?
+  [[nodiscard]] bool holds_offer(const Destination& to,
+                                 const Instance_key& key,
+                                 std::uint32_t ttl) const;
+  void flush(Time now);
+
+ private:
+  struct Item {
+    std::vector<Entry> entries;
+    std::vector<Option> options;
+  };
+  struct Parcel {
+    Destination to;
+    std::vector<Item> items;
+    std::set<std::pair<Instance_key, std::uint32_t>> offers;  ///< among the items, with their ttl
+  };
+  void send(const Discovery_writer& writer, const Destination& to, Time now);
+
+  Discovery_peers& peers_;
+  Send send_;
+  std::vector<Parcel> parcels_;                   ///< in the order in which they leave
+  std::map<Destination, std::size_t> parcel_of_;  ///< index in parcels_
+};
+
+}  // namespace someip

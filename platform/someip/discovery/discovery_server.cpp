@@ -1,0 +1,330 @@
+#include "platform/someip/discovery/discovery_server.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace someip {
+
+namespace {
+
+Entry offer_entry(const Offer& offer, std::uint32_t ttl) {
+  Entry entry;
+  entry.type = Entry_type::offer_service;
+  entry.service = offer.key.service;
+  entry.instance = offer.key.instance;
+  entry.major_version = offer.key.major_version;
+  entry.minor_version = offer.minor_version;
+  entry.ttl = ttl;
+  return entry;
+}
+
+std::vector<Option> endpoint_options(const Instance_endpoints& endpoints) {
+  std::vector<Option> options;
+  if (endpoints.udp) options.push_back(Option::unicast(*endpoints.udp, udp_protocol));
+  if (endpoints.tcp) options.push_back(Option::unicast(*endpoints.tcp, tcp_protocol));
+  return options;
+}
+
+}  // namespace
+
+void Discovery_server::send_offer(const Local& local,
+                                  std::uint32_t ttl,
+                                  const Discovery_outbox::Destination& to) {
+  outbox_.add(to, {offer_entry(local.offer, ttl)}, endpoint_options(local.offer.endpoints));
+}
+
+void Discovery_server::offer(Offer offer, Time now) {
+  const Instance_key key = offer.key;
+  if (offers_.contains(key)) return;
+  Local local;
+  local.offer = std::move(offer);
+  begin_offer(local, now);
+  for (const auto& [group, transport] : local.offer.groups)
+    local.groups[group];
+  offers_.emplace(key, std::move(local));
+}
+
+void Discovery_server::begin_offer(Local& local, Time now) {
+  local.phase = Phase::initial_wait;
+  local.repetitions = 0;
+  local.next = link_up_ ? delays_.end_of_initial_wait(now) : Time::max();
+}
+
+void Discovery_server::stop_offer(const Instance_key& key) {
+  const auto found = offers_.find(key);
+  if (found == offers_.end()) return;
+  if (found->second.phase != Phase::initial_wait) send_offer(found->second, 0, std::nullopt);
+  end_all_subscriptions(found->second);
+  offers_.erase(found);
+  for (auto& [to, answer] : answers_)
+    answer.instances.erase(key);
+}
+
+void Discovery_server::stop_all() {
+  while (!offers_.empty())
+    stop_offer(Instance_key(offers_.begin()->first));
+}
+
+void Discovery_server::end_all_subscriptions(Local& local) {
+  for (auto& [group, state] : local.groups) {
+    if (state.subscriptions.empty()) continue;
+    host_.subscribers_changed(local.offer.key, group, {});
+    host_.subscribers_settled(local.offer.key, group);
+  }
+}
+
+Discovery_server::Answer* Discovery_server::answer_to(const Discovery_outbox::Destination& to,
+                                                      Time now) {
+  const auto known = answers_.find(to);
+  if (known != answers_.end()) return &known->second;
+  if (answers_.size() >= limits_.discovery_peers) return nullptr;
+  return &answers_.emplace(to, Answer{delays_.answer_to_multicast(now), {}}).first->second;
+}
+
+void Discovery_server::find(
+    const Entry& entry, const Origin& from, bool multicast, bool unicast_flag, Time now) {
+  const Discovery_outbox::Destination to = unicast_flag ? std::optional(from.peer) : std::nullopt;
+  for (auto at = offers_.lower_bound({entry.service, 0, 0});
+       at != offers_.end() && at->first.service == entry.service; ++at) {
+    const auto& [key, local] = *at;
+    if (entry.instance != any_instance && entry.instance != key.instance) continue;
+    if (entry.major_version != any_major_version && entry.major_version != key.major_version) {
+      continue;
+    }
+    if (entry.minor_version != any_minor_version &&
+        entry.minor_version != local.offer.minor_version) {
+      continue;
+    }
+    if (local.phase == Phase::initial_wait || !allows(local.offer.allowed_peers, from)) continue;
+    // The answers to finds in another's name wait, too, and leave together: such finds cannot flood
+    // a third party.
+    if (!multicast && from.direct()) {
+      if (!outbox_.holds_offer(to, key, timing_.offer_ttl)) {
+        send_offer(local, timing_.offer_ttl, to);
+      }
+      continue;
+    }
+    Answer* const answer = answer_to(to, now);
+    if (answer == nullptr) {
+      counters_.dropped_entries.add();
+      return;
+    }
+    answer->instances.insert(key);
+  }
+}
+
+void Discovery_server::refuse(Entry entry, const Origin& to) {
+  counters_.subscriptions_refused.add();
+  // The peer in whose name a subscription came would take its refusal for the end of its own.
+  if (!to.direct()) return;
+  entry.type = Entry_type::subscribe_ack;
+  entry.ttl = 0;
+  entry.flags &= 0xFF0F;  // a refusal repeats reserved and counter only (someipsd_619)
+  outbox_.add(to.peer, {entry}, {});
+}
+
+void Discovery_server::subscribe(const Entry& entry,
+                                 const Entry_options& options,
+                                 const Acceptable& acceptable,
+                                 const Origin& from,
+                                 bool explicit_initial_data,
+                                 Time now) {
+  const auto found = offers_.find({entry.service, entry.instance, entry.major_version});
+  const auto group = found == offers_.end() ? decltype(found->second.groups.begin()){}
+                                            : found->second.groups.find(entry.event_group);
+  const bool known = found != offers_.end() && group != found->second.groups.end();
+  const bool stop = entry.ttl == 0;
+  const Group_transport transport =
+      known ? found->second.offer.groups.at(entry.event_group) : Group_transport{};
+  // Others are redundant (someipsd_1141): what becomes of them does not matter.
+  Instance_endpoints endpoints;
+  if (transport.udp) endpoints.udp = options.udp;
+  if (transport.tcp) endpoints.tcp = options.tcp;
+  const auto on_list = [&](const auto& one) {
+    return allows(found->second.offer.allowed_peers, one);
+  };
+  const auto endpoint_on_list = [&](const Endpoint& one) { return on_list(one.address); };
+  if (!known || options.fault || !acceptable(endpoints) || !on_list(from) ||
+      !endpoints.all(endpoint_on_list)) {
+    if (!stop) refuse(entry, from);
+    return;
+  }
+
+  auto& subscriptions = group->second.subscriptions;
+  const Subscriber subscriber{from, endpoints, entry.counter()};
+  const auto present = std::ranges::find_if(subscriptions, [&](const Subscription& known_one) {
+    return known_one.subscriber == subscriber;
+  });
+  if (stop) {
+    if (present == subscriptions.end()) return;
+    subscriptions.erase(present);
+    group->second.changed = true;
+    return;
+  }
+
+  const bool needs_udp = transport.udp && transport.multicast_threshold != 1;
+  if ((needs_udp && !endpoints.udp) || (transport.tcp && !endpoints.tcp) ||
+      (transport.tcp && !host_.has_connection(found->second.offer, *endpoints.tcp))) {
+    refuse(entry, from);
+    return;
+  }
+
+  const Time expires = end_of_life(now, entry.ttl, timing_.longest_subscribe_ttl);
+  if (present != subscriptions.end()) {
+    present->expires = expires;
+    if (explicit_initial_data && entry.initial_data_requested()) {
+      present->fresh = group->second.values_wanted = true;
+    }
+  } else {
+    const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
+      return one.subscriber.origin.sender == from.sender;
+    });
+    if (subscriptions.size() >= limits_.subscribers_per_event_group ||
+        std::cmp_greater_equal(places, limits_.subscribers_per_address)) {
+      counters_.refused_subscribers.add();
+      refuse(entry, from);
+      return;
+    }
+    const bool fresh = !explicit_initial_data || entry.initial_data_requested();
+    subscriptions.push_back({subscriber, expires, fresh});
+    group->second.changed = true;
+    group->second.values_wanted |= fresh;
+  }
+  next_expiry_ = std::min(next_expiry_, expires);
+  counters_.subscriptions_accepted.add();
+
+  Entry ack = entry;
+  ack.type = Entry_type::subscribe_ack;
+  std::vector<Option> multicast;
+  if (transport.multicast && transport.multicast_threshold > 0) {
+    multicast.push_back(Option::multicast(*transport.multicast));
+  }
+  outbox_.add(from.peer, {ack}, std::move(multicast));
+}
+
+template <class Predicate>
+std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
+  std::size_t ended = 0;
+  for (auto& [key, local] : offers_) {
+    for (auto& [group, state] : local.groups) {
+      const std::size_t count = std::erase_if(state.subscriptions, ends);
+      state.changed |= count > 0;
+      ended += count;
+    }
+  }
+  return ended;
+}
+
+void Discovery_server::forget_peer(const Origin& peer) {
+  end_subscriptions(
+      [&](const Subscription& subscription) { return subscription.subscriber.origin == peer; });
+}
+
+void Discovery_server::connection_lost(const Endpoint& client) {
+  end_subscriptions([&](const Subscription& subscription) {
+    return subscription.subscriber.endpoints.tcp == client;
+  });
+}
+
+std::size_t Discovery_server::port_closed(const Endpoint& client) {
+  const std::size_t ended = end_subscriptions([&](const Subscription& subscription) {
+    return subscription.subscriber.endpoints.udp == client;
+  });
+  counters_.subscriptions_closed.add(ended);
+  return ended;
+}
+
+void Discovery_server::link_down() {
+  link_up_ = false;
+  end_subscriptions([](const Subscription&) { return true; });
+  answers_.clear();
+  for (auto& [key, local] : offers_)
+    begin_offer(local, {});
+}
+
+void Discovery_server::link_up(Time now) {
+  link_up_ = true;
+  for (auto& [key, local] : offers_)
+    begin_offer(local, now);
+}
+
+void Discovery_server::deliver_subscribers() {
+  for (const auto& [key, local] : offers_) {
+    for (const auto& [group, state] : local.groups) {
+      if (!state.changed) continue;
+      std::vector<Subscriber> all;
+      all.reserve(state.subscriptions.size());
+      for (const Subscription& subscription : state.subscriptions)
+        all.push_back(subscription.subscriber);
+      host_.subscribers_changed(key, group, all);
+    }
+  }
+}
+
+void Discovery_server::deliver_initial_values() {
+  for (auto& [key, local] : offers_) {
+    for (auto& [group, state] : local.groups) {
+      if (!state.changed && !state.values_wanted) continue;
+      if (std::exchange(state.values_wanted, false)) {
+        std::vector<Subscriber> fresh;
+        for (Subscription& subscription : state.subscriptions) {
+          if (std::exchange(subscription.fresh, false)) fresh.push_back(subscription.subscriber);
+        }
+        if (!fresh.empty()) host_.values_wanted(key, group, fresh);
+      }
+      state.changed = false;
+      host_.subscribers_settled(key, group);
+    }
+  }
+}
+
+void Discovery_server::advance(Local& local, Time now) {
+  if (local.phase == Phase::initial_wait) {
+    local.phase = Phase::repetition;
+  } else if (local.phase == Phase::repetition) {
+    ++local.repetitions;
+  }
+  if (local.phase == Phase::repetition && local.repetitions >= timing_.repetitions_max) {
+    local.phase = Phase::main;
+  }
+  if (local.phase == Phase::repetition) {
+    local.next = now + delays_.repetition(local.repetitions);
+  } else {
+    local.next =
+        timing_.cyclic_offer_delay.count() == 0 ? Time::max() : now + timing_.cyclic_offer_delay;
+  }
+}
+
+void Discovery_server::on_time(Time now) {
+  if (next_expiry_ <= now) {
+    next_expiry_ = Time::max();
+    counters_.subscriptions_expired.add(end_subscriptions([&](const Subscription& subscription) {
+      if (subscription.expires <= now) return true;
+      next_expiry_ = std::min(next_expiry_, subscription.expires);
+      return false;
+    }));
+  }
+  for (auto& [key, local] : offers_) {
+    if (local.next > now) continue;
+    send_offer(local, timing_.offer_ttl, std::nullopt);
+    advance(local, now);
+  }
+  std::erase_if(answers_, [&](const auto& waiting) {
+    const auto& [to, answer] = waiting;
+    if (answer.due > now) return false;
+    for (const Instance_key& key : answer.instances)
+      send_offer(offers_.at(key), timing_.offer_ttl, to);
+    return true;
+  });
+}
+
+Time Discovery_server::next_deadline() const {
+  Time next = next_expiry_;
+  for (const auto& [key, local] : offers_)
+    next = std::min(next, local.next);
+  for (const auto& [to, answer] : answers_)
+    next = std::min(next, answer.due);
+  return next;
+}
+
+}  // namespace someip

@@ -1,0 +1,143 @@
+/// The providing side of service discovery: offers in their three phases, and the clients'
+/// subscriptions.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include "platform/someip/base/counters.h"
+#include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_types.h"
+
+namespace someip {
+
+/// An instance as it is offered.
+struct Offer {
+  Instance_key key;
+  std::uint32_t minor_version = 0;
+  Instance_endpoints endpoints;
+  std::map<std::uint16_t, Group_transport> groups;
+  std::vector<Address> allowed_peers;  ///< empty: all
+};
+
+/// What the providing side needs to know from, and tells, its node.
+class Discovery_server_host {
+ public:
+  virtual ~Discovery_server_host() = default;
+  /// Has `client` an open TCP connection to the endpoint of the offer?
+  [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) = 0;
+  /// The subscribers of a group have changed. Their acknowledgements have not been sent yet.
+  virtual void subscribers_changed(const Instance_key& key,
+                                   std::uint16_t event_group,
+                                   const std::vector<Subscriber>& all) = 0;
+  /// These subscribers of the group shall get the present value of its fields. Their
+  /// acknowledgements are on their way.
+  virtual void values_wanted(const Instance_key& key,
+                             std::uint16_t event_group,
+                             const std::vector<Subscriber>& fresh) = 0;
+  /// Follows either of the two: the change is complete.
+  virtual void subscribers_settled(const Instance_key&, std::uint16_t) {}
+};
+
+/// Everything happens on one thread. Entries go to the outbox; whoever calls a member then calls
+/// deliver_subscribers(), flushes the outbox and calls deliver_initial_values().
+class Discovery_server {
+ public:
+  Discovery_server(const Discovery_timing& timing,
+                   const Limits& limits,
+                   Discovery_delays& delays,
+                   Discovery_outbox& outbox,
+                   Counters& counters,
+                   Discovery_server_host& host)
+      : timing_(timing),
+        limits_(limits),
+        delays_(delays),
+        outbox_(outbox),
+        counters_(counters),
+        host_(host) {}
+
+  void offer(Offer offer, Time now);
+  void stop_offer(const Instance_key& key);
+  void stop_all();
+
+  void find(const Entry& entry, const Origin& from, bool multicast, bool unicast_flag, Time now);
+  /// May events be sent there?
+  using Acceptable = std::function<bool(const Instance_endpoints&)>;
+  /// `options` are those of the entry; `explicit_initial_data` is the flag of the message.
+  void subscribe(const Entry& entry,
+                 const Entry_options& options,
+                 const Acceptable& acceptable,
+                 const Origin& from,
+                 bool explicit_initial_data,
+                 Time now);
+  /// All subscriptions of a peer that has restarted end.
+  void forget_peer(const Origin& peer);
+  /// A client's TCP connection is gone, its subscriptions over it too.
+  void connection_lost(const Endpoint& client);
+  /// The client has closed the port that events go to, and with it its subscriptions there. Gives
+  /// how many they were.
+  std::size_t port_closed(const Endpoint& client);
+
+  /// Ends all subscriptions; offers wait for the link.
+  void link_down();
+  /// Every offer begins with its initial wait phase.
+  void link_up(Time now);
+
+  void deliver_subscribers();
+  void deliver_initial_values();
+
+  void on_time(Time now);
+  [[nodiscard]] Time next_deadline() const;
+
+ private:
+  enum class Phase : std::uint8_t { initial_wait, repetition, main };
+  struct Subscription {
+    Subscriber subscriber;
+    Time expires;
+    bool fresh = false;  ///< initial values not yet sent
+  };
+  struct Group {
+    std::vector<Subscription> subscriptions;
+    bool changed = false;        ///< since deliver_subscribers()
+    bool values_wanted = false;  ///< by one of them at least
+  };
+  struct Local {
+    Offer offer;
+    Phase phase = Phase::initial_wait;
+    std::uint32_t repetitions = 0;
+    Time next;
+    std::map<std::uint16_t, Group> groups;
+  };
+  /// Offers that answer finds by multicast or in another's name.
+  struct Answer {
+    Time due;
+    std::set<Instance_key> instances;
+  };
+
+  void send_offer(const Local& local, std::uint32_t ttl, const Discovery_outbox::Destination& to);
+  void advance(Local& local, Time now);
+  void begin_offer(Local& local, Time now);
+  void end_all_subscriptions(Local& local);
+  [[nodiscard]] Answer* answer_to(const Discovery_outbox::Destination& to, Time now);
+  void refuse(Entry entry, const Origin& to);
+  template <class Predicate>
+  std::size_t end_subscriptions(Predicate&& ends);
+
+  const Discovery_timing& timing_;
+  const Limits& limits_;
+  Discovery_delays& delays_;
+  Discovery_outbox& outbox_;
+  Counters& counters_;
+  Discovery_server_host& host_;
+  bool link_up_ = true;
+  std::map<Instance_key, Local> offers_;
+  Time next_expiry_ = Time::max();                           ///< no subscription expires before it
+  std::map<Discovery_outbox::Destination, Answer> answers_;  ///< waiting for their delay
+};
+
+}  // namespace someip

@@ -1,0 +1,117 @@
+/// Types shared by both sides of service discovery and their node.
+#pragma once
+
+#include <algorithm>
+#include <compare>
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <random>
+#include <vector>
+
+#include "platform/someip/base/deployment.h"
+#include "platform/someip/base/endpoint.h"
+#include "platform/someip/base/time.h"
+#include "platform/someip/discovery/discovery_message.h"
+
+namespace someip {
+
+/// An instance of a service, in the version that its interface has.
+struct Instance_key {
+  std::uint16_t service = 0;
+  std::uint16_t instance = 0;
+  std::uint8_t major_version = 0;
+  // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison for a null pointer
+  friend auto operator<=>(const Instance_key&, const Instance_key&) = default;
+};
+
+/// Where an instance is reachable: at least one of the two.
+struct Instance_endpoints {
+  std::optional<Endpoint> udp;
+  std::optional<Endpoint> tcp;
+
+  /// Does `predicate` hold for each of the endpoints?
+  template <class Predicate>
+  [[nodiscard]] bool all(Predicate predicate) const {
+    return (!udp || predicate(*udp)) && (!tcp || predicate(*tcp));
+  }
+  friend bool operator==(const Instance_endpoints&, const Instance_endpoints&) = default;
+};
+
+/// Where a discovery message comes from. What it causes belongs to both members: an address cannot
+/// end, renew or restart what another one has said, whatever discovery endpoint it names.
+struct Origin {
+  Address sender;  ///< of the datagram
+  /// The service discovery that gets the answers: the sender's own unless the message names another
+  /// one (someipsd_1084).
+  Endpoint peer;
+
+  /// Does the sender speak for itself?
+  [[nodiscard]] bool direct() const { return sender == peer.address; }
+  /// May it renew or end what `other` has said? An address outranks those who spoke in its name.
+  [[nodiscard]] bool speaks_for(const Origin& other) const {
+    return peer == other.peer && (sender == other.sender || direct());
+  }
+  friend bool operator==(const Origin&, const Origin&) = default;
+};
+
+[[nodiscard]] inline bool allows(const std::vector<Address>& list, const Origin& origin) {
+  return allows(list, origin.sender) && allows(list, origin.peer.address);
+}
+
+/// How the events of a group travel.
+struct Group_transport {
+  bool udp = false;
+  bool tcp = false;
+  std::optional<Endpoint> multicast;
+  std::uint32_t multicast_threshold = 0;  ///< subscribers from which on multicast is used; 0: never
+};
+
+/// A client's entry in an event group.
+struct Subscriber {
+  Origin origin;
+  Instance_endpoints endpoints;
+  std::uint8_t counter = 0;
+  friend bool operator==(const Subscriber&, const Subscriber&) = default;
+};
+
+/// Random delays. Entries that begin to wait while others wait in their first phase share the
+/// moment of those, so that they leave in one message (someipsd_65).
+class Discovery_delays {
+ public:
+  explicit Discovery_delays(const Discovery_timing& timing)
+      : timing_(timing), random_(std::random_device{}()) {}
+
+  [[nodiscard]] Time end_of_initial_wait(Time now) {
+    if (initial_wait_end_ <= now) {
+      initial_wait_end_ = now + between(timing_.initial_delay_min, timing_.initial_delay_max);
+    }
+    return initial_wait_end_;
+  }
+  [[nodiscard]] Milliseconds repetition(std::uint32_t sent) const {
+    return timing_.repetitions_base_delay * (1u << std::min(sent, 16u));
+  }
+  [[nodiscard]] Time answer_to_multicast(Time now) {
+    return now + between(timing_.request_response_delay_min, timing_.request_response_delay_max);
+  }
+
+ private:
+  [[nodiscard]] std::chrono::microseconds between(Milliseconds low, Milliseconds high) {
+    using std::chrono::microseconds;
+    std::uniform_int_distribution<std::int64_t> distribution(microseconds(low).count(),
+                                                             microseconds(high).count());
+    return microseconds(distribution(random_));
+  }
+
+  const Discovery_timing& timing_;
+  std::mt19937 random_;
+  Time initial_wait_end_{};
+};
+
+/// When an entry with this time to live ends, of which `longest` is accepted.
+[[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds, std::uint32_t longest) {
+  const std::uint32_t accepted = std::min(ttl_seconds, longest);
+  return accepted == endless_ttl ? Time::max() : now + std::chrono::seconds(accepted);
+}
+
+}  // namespace someip

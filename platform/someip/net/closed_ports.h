@@ -1,0 +1,53 @@
+/// Learns from the network's own error messages that a destination has closed its port.
+#pragma once
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <functional>
+#include <optional>
+
+#include "platform/someip/base/endpoint.h"
+#include "platform/someip/net/udp_socket.h"
+#include "platform/someip/wire/message.h"
+
+namespace someip {
+
+/// A datagram of ours that came back: nobody has `destination` open.
+struct Returned_datagram {
+  Endpoint destination;
+  Header header;  ///< of the message that it carried, as the error message quotes it
+};
+
+/// The oldest error that waits at the socket; empty when none waits. `returned` is set when the
+/// error says that a port is closed, was sent by the destination itself (nobody can say it of
+/// others) and quotes the message.
+struct Socket_error {
+  std::optional<Returned_datagram> returned;
+};
+[[nodiscard]] std::optional<Socket_error> next_error(int descriptor);
+
+/// Watches the errors of sockets, and nothing else of them: what arrives there wakes nobody here.
+/// Lives on the control thread, except add().
+class Closed_ports {
+ public:
+  using Tell = std::function<void(const Returned_datagram&)>;
+
+  /// Throws std::system_error.
+  explicit Closed_ports(boost::asio::io_context& control);
+
+  /// From any thread; the socket stays watched until it is closed.
+  void add(Udp_socket& socket);
+  void start(Tell tell);
+  void stop();
+  /// Tells at once what has come until now.
+  void look();
+
+ private:
+  void wait();
+
+  boost::asio::posix::stream_descriptor errors_;  ///< an epoll descriptor
+  Tell tell_;
+  bool stopped_ = false;
+};
+
+}  // namespace someip

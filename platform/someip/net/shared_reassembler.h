@@ -1,0 +1,32 @@
+/// Reassembly of segmented messages for all UDP ports of a node.
+#pragma once
+
+#include <mutex>
+
+#include "platform/someip/base/counters.h"
+#include "platform/someip/base/deployment.h"
+#include "platform/someip/wire/segmentation.h"
+
+namespace someip {
+
+/// A Reassembler behind a lock, so that its bounds hold over all ports. Thread-safe.
+class Shared_reassembler {
+ public:
+  explicit Shared_reassembler(const Limits& limits) : reassembler_(limits) {}
+
+  /// Adds a segment, given by its header and payload. True when it completes a message, which is
+  /// then in `message`. Counts dropped segments and refused reassemblies.
+  [[nodiscard]] bool add(const Endpoint& peer,
+                         const Header& header,
+                         Bytes payload,
+                         Counters& counters,
+                         Reassembler::Message& message);
+  /// Drops the trains of a peer that has restarted.
+  void forget(const Address& peer);
+
+ private:
+  std::mutex mutex_;  ///< guards reassembler_
+  Reassembler reassembler_;
+};
+
+}  // namespace someip

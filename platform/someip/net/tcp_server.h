@@ -1,0 +1,69 @@
+/// One listening port and the connections that clients have opened to it.
+#pragma once
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include "platform/someip/net/tcp_connection.h"
+
+namespace someip {
+
+/// Lives on the control thread, except its constructor.
+class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
+                         private Tcp_connection::Handler {
+ public:
+  /// Called on the control thread, from start() to close().
+  struct Events {
+    /// May one more connection be accepted from `peer`?
+    std::function<bool(const Address& peer)> admit;
+    std::function<void(const Endpoint& client)> lost;
+    /// `connection` is the way back to `client`.
+    std::function<void(Received message,
+                       const Endpoint& client,
+                       const std::shared_ptr<Stream>& connection,
+                       Tasks& tasks)>
+        received;
+  };
+
+  /// Binds and listens. Throws boost::system::system_error.
+  Tcp_server(const Endpoint& local,
+             const Limits& limits,
+             Workers& workers,
+             Counters& counters,
+             Log& log,
+             Events events);
+
+  void start() { accept(); }
+  void close();
+
+  /// Null when `client` has no open connection to this port.
+  [[nodiscard]] std::shared_ptr<Stream> connection_of(const Endpoint& client) const;
+  [[nodiscard]] std::size_t connections() const { return connections_.size(); }
+  [[nodiscard]] std::size_t connections_from(const Address& peer) const;
+  /// Closes every connection; listens on.
+  void drop_connections();
+  /// Closes what `peer` opened before `before`.
+  void forget(const Address& peer, Time before);
+
+ private:
+  void accept();
+  void received(Received message,
+                const std::shared_ptr<Tcp_connection>& connection,
+                Tasks& tasks) override;
+  void lost(const std::shared_ptr<Tcp_connection>& connection) override;
+
+  const Limits& limits_;
+  Workers& workers_;
+  Counters& counters_;
+  Log& log_;
+  const Events events_;
+  boost::asio::ip::tcp::acceptor acceptor_;
+  boost::asio::ip::tcp::endpoint accepted_;  ///< where the connection comes from
+  boost::asio::steady_timer retry_;
+  std::vector<std::shared_ptr<Tcp_connection>> connections_;
+};
+
+}  // namespace someip

@@ -1,0 +1,93 @@
+/// One event or field notifier of a provided instance, on its way to the subscribers.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <vector>
+
+#include "platform/someip/base/counters.h"
+#include "platform/someip/base/sessions.h"
+#include "platform/someip/net/stream.h"
+#include "platform/someip/net/udp_port.h"
+#include "platform/someip/wire/message.h"
+
+namespace someip {
+
+/// Where the notifications of an event go. Immutable once shared: sending needs no lock.
+struct Event_targets {
+  std::vector<Socket_address> udp;
+  std::vector<std::shared_ptr<Stream>> streams;
+};
+
+/// Thread-safe. Publishers and discovery take turns, in the order in which they ask: each sends its
+/// own notifications, waits for at most one turn of every thread before it, and no mutex is held
+/// while it sends. So nothing queues up here, however fast several threads publish.
+class Event_channel {
+ public:
+  using Targets = std::shared_ptr<const Event_targets>;
+
+  /// `udp` sends the events that travel over UDP; not used over TCP.
+  Event_channel(std::uint16_t service,
+                std::uint16_t event,
+                std::uint8_t interface_version,
+                bool field,
+                Transport transport,
+                std::shared_ptr<Udp_port> udp,
+                Counters& counters);
+
+  /// `tell` gets the event's id when a client subscribes to a field that has no value yet. Set it
+  /// before the offer.
+  void on_value_missing(std::function<void(std::uint16_t)> tell) {
+    value_missing_ = std::move(tell);
+  }
+
+  /// Sends to all present targets. A field's value is kept. Throws what sending throws; the turn
+  /// ends all the same.
+  void notify(Bytes payload);
+
+  // A change of the targets, on the thread of discovery: hold(), acknowledge, send_initial() to the
+  // targets that shall get the present value of a field, release(). The turn lasts from hold() to
+  // release(), so a new subscriber sees the acknowledgement, then the value of that moment, then
+  // every later one, once. Without a change, the turn begins with send_initial().
+  void hold(Targets targets);
+  void send_initial(const Targets& fresh);
+  void release();
+
+  /// The value that was notified last, for a field that has one.
+  [[nodiscard]] std::optional<std::vector<std::byte>> value() const;
+
+ private:
+  class Turn;
+
+  void begin_discovery_turn(std::unique_lock<std::mutex>& lock);
+  void begin_turn(std::unique_lock<std::mutex>& lock);
+  void end_turn();
+  void send(Bytes payload, const Event_targets& targets);
+
+  const Header header_;
+  const bool field_;
+  const Transport transport_;
+  const std::shared_ptr<Udp_port> udp_;
+  Counters& counters_;
+  std::function<void(std::uint16_t)> value_missing_;  ///< fixed once the instance is offered
+
+  mutable std::mutex mutex_;     ///< guards the three members below; not held while sending
+  std::uint64_t last_turn_ = 0;  ///< that a thread has asked for
+  std::uint64_t turn_ = 1;       ///< that is going on or comes next
+  std::condition_variable turn_ended_;
+
+  // Belong to the thread whose turn it is.
+  Targets targets_;
+  Session_counter sessions_;
+  std::optional<std::vector<std::byte>> value_;  ///< written under mutex_ too: value() reads it
+
+  // Belong to the thread of discovery.
+  bool held_ = false;
+  bool value_was_missing_ = false;
+};
+
+}  // namespace someip

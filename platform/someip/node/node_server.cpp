@@ -1,0 +1,309 @@
+#include "platform/someip/node/node_server.h"
+
+#include <algorithm>
+#include <stdexcept>
+#include <string>
+#include <unordered_set>
+#include <utility>
+
+namespace someip {
+
+/// A port with services behind it.
+class Node_server::Service_port final : public Message_receiver {
+ public:
+  Service_port(std::unique_ptr<Udp_socket> socket, Node_server& server)
+      : port(server.context_.udp_port(std::move(socket), *this)),
+        requests_(server.requests_),
+        counters_(server.context_.counters) {}
+
+  void received(Received message, const Endpoint& from, Tasks& tasks) override {
+    table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
+                   requests_, counters_);
+  }
+
+  Service_table table;
+  const std::shared_ptr<Udp_port> port;
+
+ private:
+  Request_budget& requests_;
+  Counters& counters_;
+};
+
+/// The same for the connections of clients.
+class Node_server::Tcp_service_port final {
+ public:
+  /// Throws boost::system::system_error when the port cannot be listened on.
+  Tcp_service_port(const Endpoint& local, Node_server& server)
+      : connections(std::make_shared<Tcp_server>(local,
+                                                 server.context_.deployment.limits,
+                                                 server.context_.workers,
+                                                 server.context_.counters,
+                                                 server.context_.log,
+                                                 events(server))) {}
+
+  Service_table table;
+  const std::shared_ptr<Tcp_server> connections;
+
+ private:
+  [[nodiscard]] Tcp_server::Events events(Node_server& server) {
+    return {[&server](const Address& peer) { return server.admit_connection(peer); },
+            [&server](const Endpoint& client) { server.connection_lost(client); },
+            [this, &server](Received message, const Endpoint& client,
+                            const std::shared_ptr<Stream>& connection, Tasks& tasks) {
+              table.dispatch(std::move(message), client, {nullptr, connection, {}}, tasks,
+                             server.requests_, server.context_.counters);
+            }};
+  }
+};
+
+std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& service,
+                                                      const Instance_deployment* instance) {
+  std::map<std::uint16_t, Group_transport> groups;
+  const auto add = [&](std::uint16_t group, Transport transport) {
+    (transport == Transport::udp ? groups[group].udp : groups[group].tcp) = true;
+  };
+  for (const auto& event : service.events)
+    add(event.event_group, event.transport);
+  for (const auto& field : service.fields) {
+    if (field.notifier) add(field.event_group, field.transport);
+  }
+  if (instance == nullptr) return groups;
+  for (const Multicast_deployment& multicast : instance->multicast) {
+    const auto group = groups.find(multicast.event_group);
+    if (group == groups.end()) continue;
+    group->second.multicast = Endpoint{multicast.address, multicast.port};
+    group->second.multicast_threshold = multicast.threshold;
+  }
+  return groups;
+}
+
+Node_server::Node_server(Node_context& context)
+    : context_(context),
+      requests_(context.deployment.limits.queued_requests),
+      closed_ports_(context.workers.control()) {}
+
+void Node_server::start_watching() {
+  closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
+}
+
+void Node_server::peer_restarted(const Address& peer, Time last_contact) {
+  const std::lock_guard lock(ports_mutex_);
+  for (const auto& [number, port] : tcp_ports_)
+    port->connections->forget(peer, last_contact);
+}
+
+void Node_server::link_up() {
+  const std::lock_guard lock(ports_mutex_);
+  for (const auto& [number, port] : udp_ports_)
+    static_cast<void>(port->port->socket().multicast_from(context_.own));
+}
+
+void Node_server::link_down() {
+  const std::lock_guard lock(ports_mutex_);
+  for (const auto& [number, port] : tcp_ports_)
+    port->connections->drop_connections();
+}
+
+void Node_server::close_connections() {
+  const std::lock_guard lock(ports_mutex_);
+  for (const auto& [number, port] : tcp_ports_)
+    port->connections->close();
+}
+
+void Node_server::close_ports() {
+  const std::lock_guard lock(ports_mutex_);
+  for (const auto& [number, port] : udp_ports_)
+    port->port->close();
+}
+
+void Node_server::port_closed(const Returned_datagram& returned) {
+  // Only what we could have sent: an event of ours.
+  const Header& header = returned.header;
+  const bool ours = std::ranges::any_of(offered_, [&](const auto& offered) {
+    const auto& [key, instance] = offered;
+    return key.service == header.service && key.major_version == header.interface_version &&
+           instance->has_event(header.method);
+  });
+  const auto type = static_cast<std::uint8_t>(header.type & ~segment_flag);
+  if (!ours || type != static_cast<std::uint8_t>(Message_type::notification)) return;
+  std::size_t ended = 0;
+  context_.change([&](Discovery_server& server, Discovery_client&) {
+    ended = server.port_closed(returned.destination);
+  });
+  if (ended == 0) return;
+  context_.log.limited(Log_level::warning, "closed",
+                       to_string(returned.destination) + " is closed: its subscriptions (" +
+                           std::to_string(ended) + ") have ended");
+}
+
+std::shared_ptr<Node_server::Service_port> Node_server::udp_port(
+    const Instance_deployment& instance) {
+  if (!instance.udp_port) return nullptr;
+  std::unique_lock lock(ports_mutex_);
+  const auto known = udp_ports_.find(*instance.udp_port);
+  if (known != udp_ports_.end()) return known->second;
+  auto socket = std::make_unique<Udp_socket>(context_.own);
+  socket->allow_missing_address();
+  if (const auto error = socket->bind({context_.own, *instance.udp_port})) {
+    throw std::runtime_error(context_.deployment.source + ": udpPort of instance \"" +
+                             instance.specifier + "\": port " + std::to_string(*instance.udp_port) +
+                             " of " + context_.own.to_string() +
+                             " cannot be used: " + error.message());
+  }
+  const auto no_multicast = socket->multicast_from(context_.own);
+  closed_ports_.add(*socket);
+  auto port = std::make_shared<Service_port>(std::move(socket), *this);
+  port->port->open();
+  udp_ports_.emplace(*instance.udp_port, port);
+  lock.unlock();
+  if (no_multicast) {
+    context_.log.limited(
+        Log_level::warning, "multicast",
+        "no multicast from " + context_.own.to_string() + ": " + no_multicast.message());
+  }
+  return port;
+}
+
+std::shared_ptr<Node_server::Tcp_service_port> Node_server::tcp_port(
+    const Instance_deployment& instance) {
+  if (!instance.tcp_port) return nullptr;
+  const std::lock_guard lock(ports_mutex_);
+  const auto known = tcp_ports_.find(*instance.tcp_port);
+  if (known != tcp_ports_.end()) return known->second;
+  std::shared_ptr<Tcp_service_port> port;
+  try {
+    port = std::make_shared<Tcp_service_port>(Endpoint{context_.own, *instance.tcp_port}, *this);
+  } catch (const boost::system::system_error& error) {
+    throw std::runtime_error(context_.deployment.source + ": tcpPort of instance \"" +
+                             instance.specifier + "\": port " + std::to_string(*instance.tcp_port) +
+                             " of " + context_.own.to_string() +
+                             " cannot be used: " + error.code().message());
+  }
+  context_.on_control([port] { port->connections->start(); });
+  return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
+}
+
+bool Node_server::admit_connection(const Address& peer) {
+  const Deployment& deployment = context_.deployment;
+  const bool allowed = std::ranges::any_of(deployment.services, [&](const auto& service) {
+    return allows(service.allowed_peers, peer);
+  });
+  if (!allowed) return false;
+  const std::lock_guard lock(ports_mutex_);
+  std::size_t count = 0, of_peer = 0;
+  for (const auto& [number, port] : tcp_ports_) {
+    count += port->connections->connections();
+    of_peer += port->connections->connections_from(peer);
+  }
+  return count < deployment.limits.tcp_connections &&
+         of_peer < deployment.limits.tcp_connections_per_address;
+}
+
+void Node_server::connection_lost(const Endpoint& client) {
+  context_.change(
+      [&](Discovery_server& server, Discovery_client&) { server.connection_lost(client); });
+}
+
+bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
+  const auto instance = offered_.find(offer.key);
+  if (instance == offered_.end()) return false;
+  const auto port = tcp_port(instance->second->deployment());
+  return port && port->connections->connection_of(client) != nullptr;
+}
+
+std::shared_ptr<Provided_instance> Node_server::provide(const Service_deployment& service,
+                                                        const Instance_deployment& instance) {
+  const auto udp = udp_port(instance);
+  static_cast<void>(tcp_port(instance));
+  return std::make_shared<Provided_instance>(service, instance, udp ? udp->port : nullptr,
+                                             context_.deployment.limits, context_.counters);
+}
+
+void Node_server::offer(std::shared_ptr<Provided_instance> instance) {
+  if (const auto port = udp_port(instance->deployment())) port->table.add(instance);
+  if (const auto port = tcp_port(instance->deployment())) port->table.add(instance);
+  context_.on_control([this, instance = std::move(instance)] {
+    const Service_deployment& service = instance->service();
+    const Instance_deployment& deployment = instance->deployment();
+    Offer offer;
+    offer.key = instance->key();
+    offer.minor_version = service.minor_version;
+    if (deployment.udp_port) offer.endpoints.udp = Endpoint{context_.own, *deployment.udp_port};
+    if (deployment.tcp_port) offer.endpoints.tcp = Endpoint{context_.own, *deployment.tcp_port};
+    offer.groups = event_groups(service, &deployment);
+    offer.allowed_peers = service.allowed_peers;
+    offered_[offer.key] = instance;
+    context_.change([&](Discovery_server& server, Discovery_client&) {
+      server.offer(std::move(offer), std::chrono::steady_clock::now());
+    });
+  });
+}
+
+void Node_server::stop_offer(std::shared_ptr<Provided_instance> instance) {
+  if (const auto port = udp_port(instance->deployment())) port->table.remove(*instance);
+  if (const auto port = tcp_port(instance->deployment())) port->table.remove(*instance);
+  context_.on_control([this, instance = std::move(instance)] {
+    const auto found = offered_.find(instance->key());
+    if (found == offered_.end() || found->second != instance) return;
+    context_.change(
+        [&](Discovery_server& server, Discovery_client&) { server.stop_offer(instance->key()); });
+    offered_.erase(instance->key());
+  });
+}
+
+std::shared_ptr<Event_targets> Node_server::targets_of(const Provided_instance& instance,
+                                                       const std::vector<Subscriber>& subscribers) {
+  const auto tcp = tcp_port(instance.deployment());
+  auto targets = std::make_shared<Event_targets>();
+  targets->udp.reserve(subscribers.size());
+  // A client in two subscriptions gets each event once.
+  std::unordered_set<Endpoint, Endpoint_hash> udp_known(subscribers.size());
+  std::unordered_set<Endpoint, Endpoint_hash> tcp_known;
+  for (const Subscriber& subscriber : subscribers) {
+    const Instance_endpoints& endpoints = subscriber.endpoints;
+    if (endpoints.udp && udp_known.insert(*endpoints.udp).second) {
+      targets->udp.emplace_back(*endpoints.udp);
+    }
+    if (!tcp || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
+    if (auto stream = tcp->connections->connection_of(*endpoints.tcp)) {
+      targets->streams.push_back(std::move(stream));
+    }
+  }
+  return targets;
+}
+
+void Node_server::subscribers_changed(const Instance_key& key,
+                                      std::uint16_t event_group,
+                                      const std::vector<Subscriber>& all) {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return;
+  const auto targets = targets_of(*instance->second, all);
+  for (const Multicast_deployment& multicast : instance->second->deployment().multicast) {
+    if (multicast.event_group != event_group || multicast.threshold == 0) continue;
+    // Where all is multicast, a subscriber need not say where it listens.
+    const auto receivers = multicast.threshold == 1 ? all.size() : targets->udp.size();
+    if (receivers < multicast.threshold) continue;
+    targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
+  }
+  for (Event_channel* channel : instance->second->group(event_group))
+    channel->hold(targets);
+}
+
+void Node_server::values_wanted(const Instance_key& key,
+                                std::uint16_t event_group,
+                                const std::vector<Subscriber>& fresh) {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return;
+  const auto targets = targets_of(*instance->second, fresh);
+  for (Event_channel* channel : instance->second->group(event_group))
+    channel->send_initial(targets);
+}
+
+void Node_server::subscribers_settled(const Instance_key& key, std::uint16_t event_group) {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return;
+  for (Event_channel* channel : instance->second->group(event_group))
+    channel->release();
+}
+
+}  // namespace someip

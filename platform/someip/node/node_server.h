@@ -1,0 +1,78 @@
+/// The providing side of a node: the ports of its services, what it offers there, and who has
+/// subscribed.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "platform/someip/net/closed_ports.h"
+#include "platform/someip/net/tcp_server.h"
+#include "platform/someip/node/node_context.h"
+#include "platform/someip/node/provided_instance.h"
+
+namespace someip {
+
+/// How the event groups of a service travel; with an instance, also where their multicast goes.
+[[nodiscard]] std::map<std::uint16_t, Group_transport> event_groups(
+    const Service_deployment& service, const Instance_deployment* instance);
+
+/// Lives on the control thread, except provide(), offer(), stop_offer() and close_ports().
+class Node_server final : public Discovery_server_host {
+ public:
+  explicit Node_server(Node_context& context);
+
+  [[nodiscard]] std::shared_ptr<Provided_instance> provide(const Service_deployment& service,
+                                                           const Instance_deployment& instance);
+  void offer(std::shared_ptr<Provided_instance> instance);
+  void stop_offer(std::shared_ptr<Provided_instance> instance);
+
+  /// Watches for clients that have closed their ports.
+  void start_watching();
+  void stop_watching() { closed_ports_.stop(); }
+  /// Their subscriptions have ended when it returns.
+  void look_for_closed_ports() { closed_ports_.look(); }
+  void peer_restarted(const Address& peer, Time last_contact);
+  void link_up();
+  void link_down();
+  /// No connections any more, and no new ones.
+  void close_connections();
+  void close_ports();
+
+  // Discovery_server_host
+  bool has_connection(const Offer& offer, const Endpoint& client) override;
+  void subscribers_changed(const Instance_key& key,
+                           std::uint16_t event_group,
+                           const std::vector<Subscriber>& all) override;
+  void values_wanted(const Instance_key& key,
+                     std::uint16_t event_group,
+                     const std::vector<Subscriber>& fresh) override;
+  void subscribers_settled(const Instance_key& key, std::uint16_t event_group) override;
+
+ private:
+  class Service_port;
+  class Tcp_service_port;
+
+  [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Event_targets> targets_of(
+      const Provided_instance& instance, const std::vector<Subscriber>& subscribers);
+  [[nodiscard]] bool admit_connection(const Address& peer);
+  void connection_lost(const Endpoint& client);
+  void port_closed(const Returned_datagram& returned);
+
+  Node_context& context_;
+  Request_budget requests_;
+
+  std::mutex ports_mutex_;  ///< guards the two members below
+  std::map<std::uint16_t, std::shared_ptr<Service_port>> udp_ports_;
+  std::map<std::uint16_t, std::shared_ptr<Tcp_service_port>> tcp_ports_;
+
+  Closed_ports closed_ports_;
+  std::map<Instance_key, std::shared_ptr<Provided_instance>>
+      offered_;  ///< the control thread's own
+};
+
+}  // namespace someip

@@ -1,0 +1,143 @@
+/// An instance that the node provides: its methods, its events, and how requests are judged and
+/// answered.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+#include "platform/someip/base/counters.h"
+#include "platform/someip/base/deployment.h"
+#include "platform/someip/base/log.h"
+#include "platform/someip/base/task.h"
+#include "platform/someip/discovery/discovery_types.h"
+#include "platform/someip/net/received.h"
+#include "platform/someip/net/udp_port.h"
+#include "platform/someip/node/event_channel.h"
+
+namespace someip {
+
+struct Response {
+  Return_code code = Return_code::ok;
+  std::vector<std::byte> payload;
+};
+/// Called on workers, several at once.
+using Method_handler = std::function<Response(Bytes)>;
+
+/// The way back to who asked.
+struct Reply_path {
+  std::shared_ptr<Udp_port> udp;   ///< with `to`; or
+  std::shared_ptr<Stream> stream;  ///< the connection that the request came over
+  Socket_address to;
+
+  void send(const Header& header, Bytes payload) const;
+};
+
+/// Requests that have been received and not been answered yet, over all ports of a node. Past the
+/// bound they are dropped: who sends more than the handlers can do must not fill the memory.
+class Request_budget {
+ public:
+  explicit Request_budget(std::size_t limit) : limit_(limit) {}
+
+  /// A place, given back when it goes.
+  class Place {
+   public:
+    explicit Place(Request_budget& budget) : budget_(budget.enter() ? &budget : nullptr) {}
+    Place(Place&& other) noexcept : budget_(std::exchange(other.budget_, nullptr)) {}
+    Place& operator=(Place&&) = delete;
+    ~Place() {
+      if (budget_ != nullptr) budget_->taken_.fetch_sub(1, std::memory_order_relaxed);
+    }
+    explicit operator bool() const { return budget_ != nullptr; }
+
+   private:
+    Request_budget* budget_;
+  };
+
+ private:
+  bool enter() {
+    if (taken_.fetch_add(1, std::memory_order_relaxed) < limit_) return true;
+    taken_.fetch_sub(1, std::memory_order_relaxed);
+    return false;
+  }
+
+  const std::size_t limit_;
+  std::atomic<std::size_t> taken_{0};  ///< relaxed: it guards nothing else
+};
+
+class Provided_instance : public std::enable_shared_from_this<Provided_instance> {
+ public:
+  Provided_instance(const Service_deployment& service,
+                    const Instance_deployment& instance,
+                    std::shared_ptr<Udp_port> udp,
+                    const Limits& limits,
+                    Counters& counters);
+
+  [[nodiscard]] const Service_deployment& service() const { return service_; }
+  [[nodiscard]] const Instance_deployment& deployment() const { return instance_; }
+  [[nodiscard]] Instance_key key() const;
+
+  /// Replaces the getter that a field has by itself. Throws std::out_of_range for an id that the
+  /// service does not have.
+  void set_handler(std::uint16_t method, Method_handler handler);
+  /// The event or notifier; throws std::out_of_range when the service has none of that id.
+  [[nodiscard]] Event_channel& event(std::uint16_t id);
+  [[nodiscard]] bool has_event(std::uint16_t id) const { return events_.contains(id); }
+  /// See Event_channel; for all fields.
+  void on_value_missing(const std::function<void(std::uint16_t)>& tell);
+  /// The events of a group.
+  [[nodiscard]] std::vector<Event_channel*> group(std::uint16_t event_group);
+
+  /// Judges a request in the order that the standard gives (someip_721) and leaves it as a task, or
+  /// answers the error, or drops it.
+  void request(Received message,
+               const Address& from,
+               Reply_path reply,
+               Request_budget::Place place,
+               Tasks& tasks);
+
+ private:
+  struct Method {
+    bool fire_and_forget = false;
+    Method_handler handler;
+  };
+  class Request;
+
+  void add_event(std::uint16_t id, std::uint16_t event_group, bool field, Transport transport);
+
+  const Service_deployment& service_;
+  const Instance_deployment& instance_;
+  const std::shared_ptr<Udp_port> udp_;
+  const Limits& limits_;
+  Counters& counters_;
+  std::map<std::uint16_t, std::unique_ptr<Event_channel>> events_;  ///< fixed after construction
+  std::multimap<std::uint16_t, Event_channel*> groups_;             ///< same
+  std::mutex mutex_;                                                ///< guards methods_
+  std::map<std::uint16_t, std::shared_ptr<const Method>> methods_;
+};
+
+/// The instances behind one port, by service: a port has one instance of each at most (someip_445).
+class Service_table {
+ public:
+  void add(std::shared_ptr<Provided_instance> instance);
+  void remove(const Provided_instance& instance);
+  /// Any message that came to the port.
+  void dispatch(Received message,
+                const Endpoint& from,
+                Reply_path reply,
+                Tasks& tasks,
+                Request_budget& budget,
+                Counters& counters) const;
+
+ private:
+  mutable std::mutex mutex_;  ///< guards instances_
+  std::map<std::uint16_t, std::shared_ptr<Provided_instance>> instances_;
+};
+
+}  // namespace someip

@@ -1,0 +1,91 @@
+/// The header in front of every SOME/IP message, and the way from a datagram to the messages in it.
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "platform/someip/base/byte_order.h"
+
+namespace someip {
+
+enum class Message_type : std::uint8_t {
+  request = 0x00,
+  request_no_return = 0x01,
+  notification = 0x02,
+  response = 0x80,
+  error = 0x81,
+};
+
+enum class Return_code : std::uint8_t {
+  ok = 0x00,
+  not_ok = 0x01,
+  unknown_service = 0x02,
+  unknown_method = 0x03,
+  not_ready = 0x04,
+  not_reachable = 0x05,
+  timeout = 0x06,
+  wrong_protocol_version = 0x07,
+  wrong_interface_version = 0x08,
+  malformed_message = 0x09,
+  wrong_message_type = 0x0A,
+};
+
+inline constexpr std::size_t header_size = 16;
+/// What the length field counts before the payload: everything from the request id on.
+inline constexpr std::uint32_t length_before_payload = 8;
+inline constexpr std::uint8_t protocol_version = 1;
+/// Set in the message type of a segment.
+inline constexpr std::uint8_t segment_flag = 0x20;
+
+/// Message types and return codes stay as they came: what a peer sends need not be one of ours.
+struct Header {
+  std::uint16_t service = 0;
+  std::uint16_t method = 0;
+  std::uint32_t length = length_before_payload;
+  std::uint16_t client = 0;
+  std::uint16_t session = 0;
+  std::uint8_t protocol = protocol_version;
+  std::uint8_t interface_version = 0;
+  std::uint8_t type = 0;
+  std::uint8_t code = 0;
+
+  [[nodiscard]] bool is(Message_type wanted) const {
+    return type == static_cast<std::uint8_t>(wanted);
+  }
+  [[nodiscard]] bool segmented() const { return (type & segment_flag) != 0; }
+  friend bool operator==(const Header&, const Header&) = default;
+};
+
+using Header_bytes = std::array<std::byte, header_size>;
+
+/// Empty when `bytes` is shorter than a header. Nothing else is judged here.
+[[nodiscard]] std::optional<Header> read_header(Bytes bytes);
+void write_header(const Header& header, std::byte* at);
+/// The header's bytes, with the length set for a payload of `payload_size`.
+[[nodiscard]] Header_bytes header_bytes(Header header, std::size_t payload_size);
+
+/// One message inside a buffer that somebody else owns.
+struct Message_view {
+  Header header;
+  Bytes payload;
+};
+
+/// Splits a datagram into the messages that it carries (someip_319).
+class Datagram_reader {
+ public:
+  explicit Datagram_reader(Bytes datagram) : rest_(datagram) {}
+
+  /// The next message; empty at the end, and at the first message that does not fit.
+  [[nodiscard]] std::optional<Message_view> next();
+  /// True once bytes were found that are no message: a cut header, or a length below 8 or beyond
+  /// the end.
+  [[nodiscard]] bool malformed() const { return malformed_; }
+
+ private:
+  Bytes rest_;
+  bool malformed_ = false;
+};
+
+}  // namespace someip
