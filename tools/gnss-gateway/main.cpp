@@ -13,8 +13,8 @@
 #include "mw/com/runtime.h"
 #include "tools/Command_line.h"
 #include "tools/Stop_signal.h"
-#include "tools/gnss-gateway/Output.h"
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/sources.h"
 
 namespace {
 

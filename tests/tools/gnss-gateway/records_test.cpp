@@ -1,8 +1,7 @@
-#include "tools/gnss-gateway/Records.h"
-
 #include <gmock/gmock.h>
 
 #include "tests/clients/printing.h"
+#include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
 namespace {

@@ -1,8 +1,8 @@
-#include "tools/gnss-gateway/Fix_publisher.h"
+#include "tools/gnss-gateway/fix_publisher.h"
 
 #include <cmath>
 
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
 

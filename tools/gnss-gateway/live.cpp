@@ -1,4 +1,4 @@
-#include "tools/gnss-gateway/Live.h"
+#include "tools/gnss-gateway/live.h"
 
 #include <poll.h>
 #include <unistd.h>

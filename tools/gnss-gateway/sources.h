@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "tools/gnss-gateway/Input.h"
-#include "tools/gnss-gateway/Output.h"
+#include "tools/gnss-gateway/input.h"
+#include "tools/gnss-gateway/output.h"
 #include "tools/nmea/Framer.h"
 
 namespace gateway {

@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "tools/gnss-gateway/Output.h"
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/sources.h"
 #include "tools/nmea/Fix.h"
 
 namespace gateway {

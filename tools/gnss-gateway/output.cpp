@@ -1,4 +1,4 @@
-#include "tools/gnss-gateway/Output.h"
+#include "tools/gnss-gateway/output.h"
 
 #include <algorithm>
 #include <vector>

@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/gnss-gateway/Fix_publisher.h"
-#include "tools/gnss-gateway/Input.h"
-#include "tools/gnss-gateway/Output.h"
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/fix_publisher.h"
+#include "tools/gnss-gateway/input.h"
+#include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/sources.h"
 #include "tools/nmea/Reader.h"
 
 namespace gateway {

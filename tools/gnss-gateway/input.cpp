@@ -1,4 +1,4 @@
-#include "tools/gnss-gateway/Input.h"
+#include "tools/gnss-gateway/input.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

@@ -9,7 +9,7 @@
 
 #include "ara/time/slave_time_base.h"
 #include "tools/Stop_signal.h"
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
 

@@ -1,13 +1,13 @@
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/sources.h"
 
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
 #include "tools/drive/Drive.h"
-#include "tools/gnss-gateway/Fix_publisher.h"
-#include "tools/gnss-gateway/Live.h"
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/fix_publisher.h"
+#include "tools/gnss-gateway/live.h"
+#include "tools/gnss-gateway/notification.h"
 #include "tools/nmea/Reader.h"
 
 namespace gateway {

@@ -1,4 +1,4 @@
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/notification.h"
 
 #include <algorithm>
 #include <array>
