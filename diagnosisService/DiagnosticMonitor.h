@@ -59,10 +59,9 @@ class DiagnosticMonitorProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Di
  public:
   explicit DiagnosticMonitorProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Method<void(InitMonitorReason)> InitMonitor{
-      connection(), DiagnosticMonitor::InitMonitor.name};
-  mw::com::cpp_binding::proxy::Event<MonitorActionType> MonitorAction{
-      connection(), DiagnosticMonitor::MonitorAction.name};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{connection()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
+      connection()};
 };
 }  // namespace proxy
 
@@ -82,8 +81,8 @@ class DiagnosticMonitorSkeleton
 
   virtual ara::core::Future<void> InitMonitor(InitMonitorReason reason) = 0;
 
-  mw::com::cpp_binding::skeleton::Event<MonitorActionType> MonitorAction{
-      provision(), DiagnosticMonitor::MonitorAction.name};
+  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
+      provision()};
 };
 }  // namespace skeleton
 
