@@ -1,5 +1,3 @@
-#include <array>
-#include <cstdio>
 #include <set>
 #include <sstream>
 #include <string>
@@ -12,6 +10,7 @@
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
+#include "platform/someip/base/hexadecimal.h"
 #include "posService/Positioning.h"
 #include "tools/Command.h"
 #include "tools/describe/record_table.h"
@@ -21,11 +20,7 @@
 namespace posctl {
 namespace {
 
-std::string hexadecimal(std::uint16_t id) {
-  std::array<char, 8> text{};
-  std::snprintf(text.data(), text.size(), "0x%04X", id);
-  return text.data();
-}
+using someip::hexadecimal;
 
 /// What the code says about an element: name and type of what it carries.
 struct Element {
