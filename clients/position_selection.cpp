@@ -34,12 +34,4 @@ void complete(DT_positions_struct& chosen, const DT_positions_struct& other) {
   });
 }
 
-void set_timestamp(DT_positions_struct& sample, std::uint64_t time_us) {
-  constexpr std::uint64_t us_per_s = 1'000'000;
-  sample.preciseLocalTimeSeconds = static_cast<std::uint32_t>(time_us / us_per_s);
-  sample.preciseLocalTimeSeconds_valueType = Value_type::physical_value;
-  sample.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(time_us % us_per_s * 1000);
-  sample.preciseLocalTimeNanoseconds_valueType = Value_type::physical_value;
-}
-
 }  // namespace gnssClient

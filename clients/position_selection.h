@@ -1,5 +1,5 @@
-/// From one `positions` notification to the one sample that is forwarded: selection by type,
-/// completion from the other type's sample, replacement of the timestamp.
+/// From one `positions` notification to the one sample that is forwarded: selection by type and
+/// completion from the other type's sample.
 #pragma once
 
 #include <cstdint>
@@ -33,9 +33,5 @@ struct Selection {
 /// when `chosen` has none. What is physical in `chosen` stays.
 void complete(lumo::services::gnss::datatypes::DT_positions_struct& chosen,
               const lumo::services::gnss::datatypes::DT_positions_struct& other);
-
-/// Stamps the sample with a time on the precise local time base, as a physical value.
-void set_timestamp(lumo::services::gnss::datatypes::DT_positions_struct& sample,
-                   std::uint64_t time_us);
 
 }  // namespace gnssClient

@@ -5,12 +5,12 @@
 #include <cstddef>
 #include <string>
 
+#include "binding/timestamp.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "posService/posServiceSkelImpl.h"
 
 namespace {
 
-constexpr std::uint64_t us_per_s = 1'000'000;
 constexpr std::uint32_t counter_period = 100;
 
 /// Where a map-matched record comes from, its member positionSource.
@@ -88,11 +88,10 @@ void posServiceImpl::sendDR(Position position) {
     last_mm_sent_ms_ = to_ms(now_us);
   }
 
-  if (!position.preciseLocalTimeSeconds || !position.preciseLocalTimeNanoseconds) return;
+  const auto timestamp = binding::timestamp_of(position);
+  if (!timestamp) return;
   if (!always_send_ && is_repeated(position)) return;
-  const auto stamp_us =
-      *position.preciseLocalTimeNanoseconds / 1000 + *position.preciseLocalTimeSeconds * us_per_s;
-  position.age = static_cast<std::uint32_t>(timeutils::absoluteDifference(stamp_us, now_us));
+  position.age = static_cast<std::uint32_t>(timeutils::absoluteDifference(timestamp->us(), now_us));
   publish(position);
 }
 
@@ -126,9 +125,7 @@ void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
     position.statusMapMatching = 0;
     message_counter_ = (message_counter_ + 1) % counter_period;
   }
-  const auto now_us = time_.currentTimeUs();
-  position.preciseLocalTimeSeconds = static_cast<std::uint32_t>(now_us / us_per_s);
-  position.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(now_us % us_per_s * 1000);
+  binding::set_timestamp(position, binding::Timestamp::of_us(time_.currentTimeUs()));
   publish(position);
   if (valid) sendMM(map_matched(position, Source::position_update));
 }

@@ -5,6 +5,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "binding/timestamp.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
@@ -38,8 +39,7 @@ Position at(std::uint64_t time_us, double latitude = 48.0, double longitude = 11
   Position position;
   position.LAT = latitude;
   position.LON = longitude;
-  position.preciseLocalTimeSeconds = static_cast<std::uint32_t>(time_us / 1'000'000);
-  position.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(time_us % 1'000'000 * 1000);
+  binding::set_timestamp(position, binding::Timestamp::of_us(time_us));
   return position;
 }
 

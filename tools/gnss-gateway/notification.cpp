@@ -5,6 +5,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "binding/timestamp.h"
+
 namespace gateway {
 namespace {
 
@@ -80,11 +82,7 @@ DT_positions_struct new_position(std::uint32_t type, const Context& context) {
   DT_positions_struct record;
   record.positionType = type;
   record.messageCounter = context.message_counter;
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(context.precise_local_time);
-  physical(record.preciseLocalTimeSeconds, record.preciseLocalTimeSeconds_valueType,
-           seconds.count());
-  physical(record.preciseLocalTimeNanoseconds, record.preciseLocalTimeNanoseconds_valueType,
-           (context.precise_local_time - seconds).count());
+  binding::set_timestamp(record, binding::Timestamp::of(context.precise_local_time));
   return record;
 }
 

@@ -4,6 +4,7 @@
 #include <vector>
 
 #include "binding/codec.h"
+#include "binding/timestamp.h"
 #include "clients/GNSS.h"
 #include "clients/Time.h"
 
@@ -76,13 +77,11 @@ Output::~Output() {
 }
 
 void Output::publish_time() {
-  using namespace std::chrono;
-  const auto now = system_clock::now().time_since_epoch();
-  const auto whole = floor<seconds>(now);
+  const auto now = binding::Timestamp::of(std::chrono::system_clock::now().time_since_epoch());
   DT_times_struct utc;
   utc.type = type_utc;
-  utc.utcSeconds = static_cast<std::uint32_t>(whole.count());
-  utc.utcNanoseconds = static_cast<std::uint32_t>(nanoseconds(now - whole).count());
+  utc.utcSeconds = now.seconds;
+  utc.utcNanoseconds = now.nanoseconds;
   utc.leapSeconds = leap_seconds;
   utc.syncState = 1U;
   DT_times_struct platform;
@@ -90,7 +89,7 @@ void Output::publish_time() {
   platform.syncState = 1U;
   platform.pltOffset = options_.plt_offset_ns;
   services_->time->times.Update({utc, platform});
-  next_time_record_ = steady_clock::now() + seconds(1);
+  next_time_record_ = steady_clock::now() + std::chrono::seconds(1);
 }
 
 bool Output::is_done() const {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ara/time/slave_time_base.h"
+#include "binding/timestamp.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
 #include "tools/Command.h"
@@ -50,13 +51,10 @@ Json last_of(const Records& records) {
   const auto& record = records.back();
   Json json{{"record", to_json(record)}};
   if (is_stamp_only(json["record"])) return json;
-  if (record.preciseLocalTimeSeconds && record.preciseLocalTimeNanoseconds) {
+  if (const auto timestamp = binding::timestamp_of(record)) {
     using Proxy = ara::time::SlaveTimeBaseResourceProxy;
-    const auto now =
-        Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime().count();
-    const auto stamp = std::int64_t{*record.preciseLocalTimeSeconds} * std::int64_t{1'000'000'000} +
-                       std::int64_t{*record.preciseLocalTimeNanoseconds};
-    json["ageS"] = static_cast<double>(now - stamp) / 1e9;
+    const auto now = Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime();
+    json["ageS"] = static_cast<double>((now - timestamp->since_epoch()).count()) / 1e9;
   }
   return json;
 }
