@@ -94,9 +94,9 @@ void gnssClientImpl::replace_timestamp(Position& position, std::uint64_t now_us)
   const auto seconds = position.preciseLocalTimeSeconds;
   const auto nanoseconds = position.preciseLocalTimeNanoseconds;
   binding::set_timestamp(position, binding::Timestamp::of_us(now_us));
-  ara::log::LogInfo() << "REPLACING" << to_text(wanted_) << "POSITION TIMESTAMP, original seconds "
-                      << seconds << ", nanoseconds " << nanoseconds
-                      << "new timestamp for this sample: seconds "
+  ara::log::LogInfo() << "REPLACING" << binding::name_of(wanted_)
+                      << "POSITION TIMESTAMP, original seconds " << seconds << ", nanoseconds "
+                      << nanoseconds << "new timestamp for this sample: seconds "
                       << *position.preciseLocalTimeSeconds << ", nanoseconds "
                       << *position.preciseLocalTimeNanoseconds;
 }

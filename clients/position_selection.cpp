@@ -14,12 +14,12 @@ bool is_physical(const DT_positions_struct& sample, const Quantity& quantity) {
 
 }  // namespace
 
-Selection select(std::span<const DT_positions_struct> samples, Position_type wanted) {
+Selection select(std::span<const DT_positions_struct> samples,
+                 lumo::services::Position_type wanted) {
   Selection selection;
   for (const auto& sample : samples) {
     if (!sample.positionType) continue;
-    auto& place = *sample.positionType == static_cast<std::uint32_t>(wanted) ? selection.chosen
-                                                                             : selection.other;
+    auto& place = *sample.positionType == wanted ? selection.chosen : selection.other;
     place = &sample;
   }
   return selection;

@@ -2,20 +2,11 @@
 /// completion from the other type's sample.
 #pragma once
 
-#include <cstdint>
 #include <span>
-#include <string_view>
 
 #include "clients/GnssRecords.h"
 
 namespace gnssClient {
-
-enum class Position_type : std::uint32_t { gnss = 1, gnss_dr = 2 };
-
-/// "GNSS" or "GNSS-DR".
-[[nodiscard]] constexpr std::string_view to_text(Position_type type) {
-  return type == Position_type::gnss_dr ? "GNSS-DR" : "GNSS";
-}
 
 /// Samples of a notification; null where there is none.
 struct Selection {
@@ -27,7 +18,7 @@ struct Selection {
 /// for neither.
 [[nodiscard]] Selection select(
     std::span<const lumo::services::gnss::datatypes::DT_positions_struct> samples,
-    Position_type wanted);
+    lumo::services::Position_type wanted);
 
 /// Takes over each physical value of `other` for which `chosen` has none, and the message counter
 /// when `chosen` has none. What is physical in `chosen` stays.

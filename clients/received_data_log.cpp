@@ -165,7 +165,12 @@ void append_member(Line& line,
                    const boost::optional<Value>& value,
                    std::string_view name_when_absent) {
   if (value) {
-    line << name << "=" << *value;
+    line << name << "=";
+    if constexpr (std::is_enum_v<Value>) {
+      line << static_cast<std::underlying_type_t<Value>>(*value);
+    } else {
+      line << *value;
+    }
   } else {
     line << name_when_absent << " value is not set";
   }

@@ -15,6 +15,11 @@ namespace mw::dm::dem {
 
 /// Why the event manager initialises a monitor. Other values may arrive and are ignored.
 enum class InitMonitorReason : std::uint8_t { kClear = 0, kRestart = 1, kReenabled = 2 };
+constexpr auto enumerators_of(InitMonitorReason) {
+  using enum InitMonitorReason;
+  return std::to_array<binding::Enumerator<InitMonitorReason>>(
+      {{kClear, "kClear"}, {kRestart, "kRestart"}, {kReenabled, "kReenabled"}});
+}
 
 /// What a monitor reports. The application sends the first two only; the event manager debounces.
 enum class MonitorActionType : std::uint8_t {
@@ -29,21 +34,19 @@ enum class MonitorActionType : std::uint8_t {
   kPrestore = 8,
   kClearPrestore = 9,
 };
-
-/// The name above; empty for a number that has none.
-[[nodiscard]] constexpr std::string_view nameOf(MonitorActionType action) {
-  constexpr std::array<std::string_view, 10> names{"kPassed",
-                                                   "kFailed",
-                                                   "kPrepassed",
-                                                   "kPrefailed",
-                                                   "kFdcThresholdReached",
-                                                   "kResetTestFailed",
-                                                   "kFreezeDebouncing",
-                                                   "kResetDebouncing",
-                                                   "kPrestore",
-                                                   "kClearPrestore"};
-  const auto number = static_cast<std::size_t>(action);
-  return number < names.size() ? names[number] : std::string_view{};
+constexpr auto enumerators_of(MonitorActionType) {
+  using enum MonitorActionType;
+  return std::to_array<binding::Enumerator<MonitorActionType>>(
+      {{kPassed, "kPassed"},
+       {kFailed, "kFailed"},
+       {kPrepassed, "kPrepassed"},
+       {kPrefailed, "kPrefailed"},
+       {kFdcThresholdReached, "kFdcThresholdReached"},
+       {kResetTestFailed, "kResetTestFailed"},
+       {kFreezeDebouncing, "kFreezeDebouncing"},
+       {kResetDebouncing, "kResetDebouncing"},
+       {kPrestore, "kPrestore"},
+       {kClearPrestore, "kClearPrestore"}});
 }
 
 struct DiagnosticMonitor {

@@ -11,8 +11,7 @@
 namespace gateway {
 namespace {
 
-using lumo::services::time::datatypes::DT_times_struct;
-using lumo::services::time::datatypes::DT_timeSettings_struct;
+using namespace lumo::services::time::datatypes;
 using std::chrono::steady_clock;
 using tools::Stop_signal;
 
@@ -27,13 +26,11 @@ DT_timeSettings_struct default_time_settings() {
   settings.timeZoneOffset = 60;
   settings.daylightSavingTime = false;
   settings.timeFormat = 24U;
-  settings.dateFormat = 1U;
+  settings.dateFormat = Date_format::day_first;
   settings.timeZoneName = std::string("Europe/Zurich");
   return settings;
 }
 
-constexpr std::uint32_t type_utc = 1;
-constexpr std::uint32_t type_platform_time = 2;
 /// TAI minus UTC since 2017.
 constexpr std::int32_t leap_seconds = 37;
 
@@ -79,14 +76,14 @@ Output::~Output() {
 void Output::publish_time() {
   const auto now = binding::Timestamp::of(std::chrono::system_clock::now().time_since_epoch());
   DT_times_struct utc;
-  utc.type = type_utc;
+  utc.type = Time_type::utc;
   utc.utcSeconds = now.seconds;
   utc.utcNanoseconds = now.nanoseconds;
   utc.leapSeconds = leap_seconds;
-  utc.syncState = 1U;
+  utc.syncState = Sync_state::synchronized;
   DT_times_struct platform;
-  platform.type = type_platform_time;
-  platform.syncState = 1U;
+  platform.type = Time_type::platform;
+  platform.syncState = Sync_state::synchronized;
   platform.pltOffset = options_.plt_offset_ns;
   services_->time->times.Update({utc, platform});
   next_time_record_ = steady_clock::now() + std::chrono::seconds(1);

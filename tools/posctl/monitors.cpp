@@ -28,7 +28,7 @@ using mw::dm::dem::MonitorActionType;
 using mw::dm::dem::proxy::DiagnosticMonitorProxy;
 
 std::string text_of(MonitorActionType action) {
-  const auto name = mw::dm::dem::nameOf(action);
+  const auto name = binding::name_of(action);
   return name.empty() ? std::to_string(static_cast<unsigned>(action)) : std::string(name);
 }
 
