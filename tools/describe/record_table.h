@@ -1,4 +1,4 @@
-/// A record's description as text rows: what docs/interfaces.md and `posctl describe` show.
+/// A record's description as rows of text, which docs/interfaces.md and `posctl describe` show.
 #pragma once
 
 #include <string>

@@ -20,7 +20,7 @@ void physical(boost::optional<Value>& value, Quality& quality, Source source) {
   quality = binding::Value_type::physical_value;
 }
 
-/// What the source told: good, or told and marked as not to be used, or not told.
+/// A value of the source: good, present but marked as unusable, or absent.
 template <class Value, class Source>
 void told(boost::optional<Value>& value,
           Quality& quality,
@@ -41,13 +41,13 @@ void missing(boost::optional<Value>& value, Quality& quality) {
   quality = binding::Value_type::error;
 }
 
-/// Metres per second from which on the direction of movement is where the vehicle points. A
-/// receiver's speed is uncertain by about 0.1 m/s across the movement: 2 degrees at this speed, any
-/// direction at rest. And below it vehicles reverse, which turns the course by 180 degrees.
+/// From this speed in m/s on, the course over ground serves as the heading. The speed of a receiver
+/// is uncertain by about 0.1 m/s across the movement: 2 degrees at this speed, any direction at
+/// rest. Below it vehicles also reverse, which turns the course by 180 degrees.
 constexpr double min_heading_speed = 3;
 
-/// Course over ground and heading, by one rule for every source: a measured heading stands, else
-/// the course replaces it where it can. `good`: the source can tell a course now.
+/// Course over ground and heading, by one rule for every source: a measured heading has priority,
+/// and the course replaces a missing one where it can. `good`: the source knows its course now.
 void fill_direction(DT_positions_struct& record,
                     const std::optional<double>& course,
                     const std::optional<double>& speed,
@@ -259,7 +259,7 @@ DT_positions_struct dead_reckoned_position(const drive::Sample& sample, const Co
   return record;
 }
 
-/// What receivers tell in sentences of their own, and most do not: absent is no error here.
+/// Quantities from sentences that only some receivers send: an absent one is no error.
 void fill_supplements(DT_positions_struct& record, const nmea::Fix& fix) {
   if (fix.accuracy_horizontal) {
     told(record.accuracyHorizontal, record.accuracyHorizontal_valueType, fix.accuracy_horizontal,

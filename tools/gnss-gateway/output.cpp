@@ -47,7 +47,7 @@ Output::Output(Stop_signal& stop_signal, const Output_options& options)
       options_(options),
       time_base_(synchronized_time_base()),
       services_(std::make_unique<Services>()) {
-  // Without a value a field has nothing to answer with.
+  // A field without a value cannot answer Get.
   services_->gnss.positions.Update({});
   services_->gnss.positionsQuality.Update({});
   services_->gnss.posGnssSatInfos.Update({});

@@ -18,7 +18,7 @@ using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 using tools::Stop_signal;
 
-/// Between two instants that do not tell a time.
+/// Interval between two instants that carry no time.
 constexpr auto usual_interval = 1s;
 
 Source_result run_recording(const Nmea_options& options, Input& input, Output& output) {

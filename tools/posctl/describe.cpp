@@ -22,7 +22,7 @@ namespace {
 
 using someip::hexadecimal;
 
-/// What the code says about an element: name and type of what it carries.
+/// Name of an element and type of its payload, from the code.
 struct Element {
   std::string_view name;
   std::string type;
@@ -45,7 +45,7 @@ class Catalogue {
     add<binding::Statistics>();
   }
 
-  /// Empty for an element that the code does not know.
+  /// Empty for an unknown element.
   [[nodiscard]] std::string type_of(std::string_view service, std::string_view element) const {
     for (const auto& interface : interfaces_) {
       if (interface.name != service) continue;
@@ -83,7 +83,7 @@ class Catalogue {
       add_record<Value>();
     }
   }
-  /// The record, those in it, or those that a vector holds.
+  /// Adds a record with the records inside it; of a vector, those of its elements.
   template <class T>
   void add_record() {
     if constexpr (binding::Described<T>) {

@@ -32,7 +32,7 @@ std::string text_of(MonitorActionType action) {
   return name.empty() ? std::to_string(static_cast<unsigned>(action)) : std::string(name);
 }
 
-/// Which monitor an instance belongs to, by the manifest in force.
+/// The monitor of each instance, by the manifest in force.
 std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
   std::map<std::uint16_t, const Monitor*> result;
   const auto deployment = tq::com::load_deployment();
@@ -65,7 +65,7 @@ std::string line_of(const Monitor& monitor, MonitorActionType action, bool as_js
   return identifier_of(monitor) + " " + std::string(monitor.name) + " " + text_of(action);
 }
 
-/// By name or identifier.
+/// The instance of a monitor, given by name or identifier.
 std::uint16_t instance_of(const std::string& text) {
   for (const auto& [instance, monitor] : monitors_by_instance()) {
     if (text == monitor->name || text == identifier_of(*monitor) ||
@@ -84,7 +84,7 @@ int monitors(const Monitor_options& options) {
   const auto names = monitors_by_instance();
   const mw::com::runtime::Component_singleton runtime(options.node, false);
   Printer printer(options.count);
-  // Touched by the search's handler only, until that has ended.
+  // Only the handler of the search uses it until the search has ended.
   std::map<std::uint16_t, std::unique_ptr<DiagnosticMonitorProxy>> proxies;
   std::atomic<bool> found = false;
 
