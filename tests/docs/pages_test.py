@@ -115,7 +115,7 @@ class Pages(unittest.TestCase):
         self.assertEqual(told, asked_for)
 
     def test_links_lead_to_a_page_and_to_a_heading_of_it(self):
-        for page in [SOURCE / "README.md", *(SOURCE / "docs").rglob("*.md")]:
+        for page in [*SOURCE.glob("*.md"), *(SOURCE / "docs").rglob("*.md")]:
             for link, heading in re.findall(r"\]\(([^)#:]*)#?([^)]*)\)", page.read_text(encoding="utf-8")):
                 with self.subTest(page=page.name, link=link, heading=heading):
                     target = page.parent / link if link else page
@@ -123,6 +123,13 @@ class Pages(unittest.TestCase):
                     if heading:
                         headings = re.findall(r"^#+ (.*)$", target.read_text(encoding="utf-8"), re.MULTILINE)
                         self.assertIn(heading, [one.lower().replace(" ", "-") for one in headings])
+
+    def test_every_file_that_the_map_names_exists(self):
+        for page in ("README.md", "CONTRIBUTING.md", "docs/design/architecture.md"):
+            prose = re.sub(r"^```.*?^```", "", text_of(page), flags=re.DOTALL | re.MULTILINE)
+            for path in re.findall(r"`((?!out/|build/)[\w.-]+(?:/[\w.-]*)+|[\w-]+\.(?:md|json|txt))`", prose):
+                with self.subTest(page=page, path=path):
+                    self.assertTrue((SOURCE / path).exists())
 
 
 if __name__ == "__main__":
