@@ -30,7 +30,7 @@ using diagnosisService::kSystemReserved13;
 constexpr std::chrono::milliseconds kShutdownPoll{500};
 constexpr std::uint64_t kDataTimeoutMs = 5000;
 
-/// The type of a time that carries the platform offset.
+/// The type of a time that contains the platform offset.
 constexpr std::uint32_t kPlatformTime = 2;
 
 Data_bus_element elementOf(gnssClient::gnssClientImpl::Field field) {
@@ -56,7 +56,7 @@ posApplication::posApplication(Persistency persistency)
   gnssClient_.setUseGNSSDR(settings_->useGNSSDR);
   posService_.setAlwaysSendAllValidPositions(settings_->alwaysSendAllValidPositions);
   posService_.setMmNewPositionCalculationIntervalMS(settings_->mmNewPositionCalculationIntervalMS);
-  // Nothing here needs time before a shutdown.
+  // This application needs no time before a shutdown.
   componentClient_.emplace(&persistency_, [] { return true; });
 }
 
@@ -69,7 +69,7 @@ int posApplication::run() {
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
   start();
 
-  // The order is fixed, byte 13 twice in it.
+  // The order is fixed and contains byte 13 twice.
   for (const auto byte : {kSystemMapMatching, kSystemReserved13, kSystemReserved13, kSystemPgf}) {
     diagnosisService_.setSystemStatus(byte, diagnosisService::kNotAvailable);
   }

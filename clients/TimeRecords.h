@@ -1,4 +1,4 @@
-/// Records that the Time service delivers, each described once.
+/// Records of the Time service, each described once.
 #pragma once
 
 #include <boost/optional.hpp>
@@ -9,7 +9,7 @@
 
 namespace lumo::services::time::datatypes {
 
-/// One time of the time master.
+/// A time from the time master.
 struct DT_times_struct {
   boost::optional<std::uint32_t> type;
   boost::optional<std::uint32_t> utcSeconds;
@@ -19,7 +19,7 @@ struct DT_times_struct {
   boost::optional<std::uint64_t> pltOffset;
 };
 
-/// How time is shown in the vehicle.
+/// The display format of times in the vehicle.
 struct DT_timeSettings_struct {
   boost::optional<std::int32_t> timeZoneOffset;
   boost::optional<bool> daylightSavingTime;

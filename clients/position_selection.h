@@ -1,5 +1,5 @@
-/// From one `positions` notification to the one sample that is forwarded: selection by type,
-/// completion from the other type's sample, replacement of the timestamp.
+/// Makes the one forwarded sample from a `positions` notification: selection by type, completion
+/// from the other type's sample, replacement of the timestamp.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ enum class Position_type : std::uint32_t { gnss = 1, gnss_dr = 2 };
   return type == Position_type::gnss_dr ? "GNSS-DR" : "GNSS";
 }
 
-/// Samples of a notification; null where there is none.
+/// Samples of a notification; null if there is none.
 struct Selection {
   const lumo::services::gnss::datatypes::DT_positions_struct* chosen = nullptr;
   const lumo::services::gnss::datatypes::DT_positions_struct* other = nullptr;
@@ -29,8 +29,8 @@ struct Selection {
     std::span<const lumo::services::gnss::datatypes::DT_positions_struct> samples,
     Position_type wanted);
 
-/// Takes over each physical value of `other` for which `chosen` has none, and the message counter
-/// when `chosen` has none. What is physical in `chosen` stays.
+/// Copies each physical value of `other` that `chosen` lacks, and the message counter if `chosen`
+/// has none. Physical values of `chosen` stay.
 void complete(lumo::services::gnss::datatypes::DT_positions_struct& chosen,
               const lumo::services::gnss::datatypes::DT_positions_struct& other);
 

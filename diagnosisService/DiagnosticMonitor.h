@@ -1,5 +1,4 @@
-/// The service by which a monitor and the diagnostic event manager talk: interface, skeleton,
-/// proxy.
+/// The service between a monitor and the diagnostic event manager: interface, skeleton, proxy.
 #pragma once
 
 #include <array>
@@ -13,10 +12,10 @@
 
 namespace mw::dm::dem {
 
-/// Why the event manager initialises a monitor. Other values may arrive and are ignored.
+/// The event manager's reason to initialise a monitor. Other values may arrive and are ignored.
 enum class InitMonitorReason : std::uint8_t { kClear = 0, kRestart = 1, kReenabled = 2 };
 
-/// What a monitor reports. The application sends the first two only; the event manager debounces.
+/// The report of a monitor. The application sends the first two only; the event manager debounces.
 enum class MonitorActionType : std::uint8_t {
   kPassed = 0,
   kFailed = 1,
@@ -30,7 +29,7 @@ enum class MonitorActionType : std::uint8_t {
   kClearPrestore = 9,
 };
 
-/// The name above; empty for a number that has none.
+/// The enumerator's name; empty for a number without one.
 [[nodiscard]] constexpr std::string_view nameOf(MonitorActionType action) {
   constexpr std::array<std::string_view, 10> names{"kPassed",
                                                    "kFailed",
@@ -70,8 +69,8 @@ namespace skeleton {
 class DiagnosticMonitorSkeleton
     : public mw::com::cpp_binding::skeleton::Skeleton_impl<DiagnosticMonitor> {
  public:
-  /// An implementation's destructor must begin with disconnect(), so that no call reaches it any
-  /// more.
+  /// An implementation's destructor must begin with disconnect(), so that afterwards no call
+  /// reaches it.
   explicit DiagnosticMonitorSkeleton(const ara::core::InstanceSpecifier& specifier)
       : Skeleton_impl{specifier} {
     mw::com::cpp_binding::skeleton::provide(

@@ -13,7 +13,7 @@ namespace {
 constexpr std::uint64_t us_per_s = 1'000'000;
 constexpr std::uint32_t counter_period = 100;
 
-/// Where a map-matched record comes from, its member positionSource.
+/// The origin of a map-matched record: its member positionSource.
 enum class Source : std::uint32_t { position_update = 1, dead_reckoning = 4 };
 
 posServiceImpl::Map_info map_matched(const posServiceImpl::Position& position, Source source) {
@@ -45,7 +45,7 @@ std::uint32_t to_ms(std::uint64_t us) {
   return static_cast<std::uint32_t>(us / 1000);
 }
 
-/// Bit for bit: a NaN repeats itself.
+/// Compares bit for bit: a NaN equals itself.
 template <class Value>
 bool same(const boost::optional<Value>& a, const boost::optional<Value>& b) {
   using Bits = std::array<std::byte, sizeof(Value)>;
