@@ -21,6 +21,35 @@
 
 namespace binding {
 
+/// A value of an enumeration and the name that docs, tools and logs print for it.
+template <class Enumeration>
+struct Enumerator {
+  Enumeration value;
+  std::string_view name;
+};
+
+/// An enumeration with names. Beside it stands a function that lists its values in ascending order:
+///
+///   constexpr auto enumerators_of(Mode) {
+///     return std::to_array<binding::Enumerator<Mode>>({{Mode::off, "off"}, …});
+///   }
+template <class T>
+concept Named_enumeration = std::is_enum_v<T> && requires(T value) {
+  enumerators_of(value);
+};
+
+template <Named_enumeration E>
+inline constexpr auto enumerators = enumerators_of(E{});
+
+/// Empty for a value that the enumeration does not have.
+template <Named_enumeration E>
+[[nodiscard]] constexpr std::string_view name_of(E value) {
+  for (const auto& known : enumerators<E>) {
+    if (known.value == value) return known.name;
+  }
+  return {};
+}
+
 /// Quality of a measured quantity, sent as a separate member behind it.
 enum class Value_type : std::uint32_t {
   init = 1,
@@ -28,6 +57,13 @@ enum class Value_type : std::uint32_t {
   logical_value = 3,
   physical_value = 4
 };
+constexpr auto enumerators_of(Value_type) {
+  using enum Value_type;
+  return std::to_array<Enumerator<Value_type>>({{init, "Init"},
+                                                {error, "Error"},
+                                                {logical_value, "LogicalValue"},
+                                                {physical_value, "PhysicalValue"}});
+}
 
 /// "Init", "Error", "LogicalValue", "PhysicalValue", "unknown", or "not set" for an absent one.
 [[nodiscard]] std::string_view to_text(const boost::optional<Value_type>& value_type);
@@ -69,11 +105,7 @@ template <class Record, class Value>
     std::string_view unit = {},
     std::string_view meaning = {}) {
   return {{id, name, value, unit, meaning},
-          {static_cast<std::uint16_t>(id + 1),
-           "valueType",
-           quality,
-           {},
-           "quality of the quantity above"}};
+          {static_cast<std::uint16_t>(id + 1), "valueType", quality, {}, {}}};
 }
 
 /// A member of a record without tags: always sent, in declaration order.

@@ -67,6 +67,8 @@ class gnssClientImpl {
   void stop() { client_.stop(); }
 
  private:
+  using Position_type = lumo::services::Position_type;
+
   void set_up(lumo::services::gnss::proxy::GNSSProxy& proxy);
   void receive(const std::vector<Position>& samples);
   void receive(const std::vector<Quality>& records);

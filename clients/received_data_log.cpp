@@ -11,6 +11,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "binding/timestamp.h"
+
 namespace gnssClient {
 namespace {
 
@@ -163,7 +165,12 @@ void append_member(Line& line,
                    const boost::optional<Value>& value,
                    std::string_view name_when_absent) {
   if (value) {
-    line << name << "=" << *value;
+    line << name << "=";
+    if constexpr (std::is_enum_v<Value>) {
+      line << static_cast<std::underlying_type_t<Value>>(*value);
+    } else {
+      line << *value;
+    }
   } else {
     line << name_when_absent << " value is not set";
   }
@@ -224,11 +231,8 @@ void append_line(std::string& text, const DT_positions_struct& position, std::ui
                   p.preciseLocalTimeSeconds_valueType);
   append_quantity(line, ", preciseLocalTimeNanoseconds", p.preciseLocalTimeNanoseconds,
                   p.preciseLocalTimeNanoseconds_valueType);
-  if (p.preciseLocalTimeSeconds && p.preciseLocalTimeNanoseconds) {
-    append_arrival_age(
-        line,
-        *p.preciseLocalTimeNanoseconds / 1000 + std::uint64_t{*p.preciseLocalTimeSeconds} * 1000000,
-        arrival_us);
+  if (const auto timestamp = binding::timestamp_of(p)) {
+    append_arrival_age(line, timestamp->us(), arrival_us);
   }
   line.flush();
 }

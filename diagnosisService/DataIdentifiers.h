@@ -103,10 +103,8 @@ class DataIdentifierProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Inter
  public:
   explicit DataIdentifierProxy(const typename Base::Handle_type& handle) : Base{handle} {}
 
-  mw::com::cpp_binding::proxy::Method<typename Interface::Output(MetaInfo)> Read{
-      this->connection(), Interface::Read.name};
-  mw::com::cpp_binding::proxy::Method<void(MetaInfo)> Cancel{this->connection(),
-                                                             Interface::Cancel.name};
+  mw::com::cpp_binding::proxy::Element<Interface::Read> Read{this->connection()};
+  mw::com::cpp_binding::proxy::Element<Interface::Cancel> Cancel{this->connection()};
 };
 
 template <class Interface>

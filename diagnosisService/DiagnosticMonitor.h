@@ -14,6 +14,11 @@ namespace mw::dm::dem {
 
 /// The event manager's reason to initialise a monitor. Other values may arrive and are ignored.
 enum class InitMonitorReason : std::uint8_t { kClear = 0, kRestart = 1, kReenabled = 2 };
+constexpr auto enumerators_of(InitMonitorReason) {
+  using enum InitMonitorReason;
+  return std::to_array<binding::Enumerator<InitMonitorReason>>(
+      {{kClear, "kClear"}, {kRestart, "kRestart"}, {kReenabled, "kReenabled"}});
+}
 
 /// The report of a monitor. The application sends the first two only; the event manager debounces.
 enum class MonitorActionType : std::uint8_t {
@@ -28,21 +33,19 @@ enum class MonitorActionType : std::uint8_t {
   kPrestore = 8,
   kClearPrestore = 9,
 };
-
-/// The enumerator's name; empty for a number without one.
-[[nodiscard]] constexpr std::string_view nameOf(MonitorActionType action) {
-  constexpr std::array<std::string_view, 10> names{"kPassed",
-                                                   "kFailed",
-                                                   "kPrepassed",
-                                                   "kPrefailed",
-                                                   "kFdcThresholdReached",
-                                                   "kResetTestFailed",
-                                                   "kFreezeDebouncing",
-                                                   "kResetDebouncing",
-                                                   "kPrestore",
-                                                   "kClearPrestore"};
-  const auto number = static_cast<std::size_t>(action);
-  return number < names.size() ? names[number] : std::string_view{};
+constexpr auto enumerators_of(MonitorActionType) {
+  using enum MonitorActionType;
+  return std::to_array<binding::Enumerator<MonitorActionType>>(
+      {{kPassed, "kPassed"},
+       {kFailed, "kFailed"},
+       {kPrepassed, "kPrepassed"},
+       {kPrefailed, "kPrefailed"},
+       {kFdcThresholdReached, "kFdcThresholdReached"},
+       {kResetTestFailed, "kResetTestFailed"},
+       {kFreezeDebouncing, "kFreezeDebouncing"},
+       {kResetDebouncing, "kResetDebouncing"},
+       {kPrestore, "kPrestore"},
+       {kClearPrestore, "kClearPrestore"}});
 }
 
 struct DiagnosticMonitor {
@@ -58,10 +61,9 @@ class DiagnosticMonitorProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Di
  public:
   explicit DiagnosticMonitorProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Method<void(InitMonitorReason)> InitMonitor{
-      connection(), DiagnosticMonitor::InitMonitor.name};
-  mw::com::cpp_binding::proxy::Event<MonitorActionType> MonitorAction{
-      connection(), DiagnosticMonitor::MonitorAction.name};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{connection()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
+      connection()};
 };
 }  // namespace proxy
 
@@ -81,8 +83,8 @@ class DiagnosticMonitorSkeleton
 
   virtual ara::core::Future<void> InitMonitor(InitMonitorReason reason) = 0;
 
-  mw::com::cpp_binding::skeleton::Event<MonitorActionType> MonitorAction{
-      provision(), DiagnosticMonitor::MonitorAction.name};
+  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
+      provision()};
 };
 }  // namespace skeleton
 

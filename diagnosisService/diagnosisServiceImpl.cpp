@@ -26,7 +26,7 @@ constexpr std::array<std::string_view, kInputCount> kSensorLabels{
     "sensor Kamera_BV_Linien   ", "sensor Kamera_Odometrie   "};
 
 std::string_view actionName(MonitorActionType action) {
-  const auto name = mw::dm::dem::nameOf(action);
+  const auto name = binding::name_of(action);
   return name.empty() ? "unknonw" : name;
 }
 

@@ -299,6 +299,26 @@ class Field : public Event<Value> {
   Method<Value(Value)> Set;
 };
 
+/// The classes that a proxy has for the elements of an interface.
+struct Side {
+  template <class Value>
+  using Field = proxy::Field<Value>;
+  template <class Value>
+  using Event = proxy::Event<Value>;
+  template <class Signature>
+  using Method = proxy::Method<Signature>;
+};
+
+/// The proxy's side of an element of the interface, with the type and the name that the interface
+/// gives it: `Element<GNSS::positions> positions{connection()};`
+template <const auto& description>
+class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
+  using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;
+
+ public:
+  explicit Element(Connection& connection) : Base{connection, description.name} {}
+};
+
 /// Base of every proxy: a connection to one found instance of `Service`.
 template <class Service>
 class Proxy_impl {

@@ -31,6 +31,8 @@ struct Version {
 template <class Value>
 struct Field {
   using value_type = Value;
+  template <class Side>
+  using Class_of_side = typename Side::template Field<Value>;
   static constexpr auto kind = tq::com::Element_kind::field;
   std::string_view name;
 };
@@ -38,6 +40,8 @@ struct Field {
 template <class Value>
 struct Event {
   using value_type = Value;
+  template <class Side>
+  using Class_of_side = typename Side::template Event<Value>;
   static constexpr auto kind = tq::com::Element_kind::event;
   std::string_view name;
 };
@@ -47,6 +51,8 @@ struct Method;
 template <class Output, class... Inputs>
 struct Method<Output(Inputs...)> {
   using output_type = Output;
+  template <class Side>
+  using Class_of_side = typename Side::template Method<Output(Inputs...)>;
   static constexpr auto kind = tq::com::Element_kind::method;
   std::string_view name;
 };

@@ -231,6 +231,25 @@ class Field {
   SetHandler set_;
 };
 
+/// The classes that a skeleton has for the elements of an interface.
+struct Side {
+  template <class Value>
+  using Field = skeleton::Field<Value>;
+  template <class Value>
+  using Event = skeleton::Event<Value>;
+};
+
+/// The skeleton's side of a field or an event of the interface, with the type and the name that the
+/// interface gives it: `Element<GNSS::positions> positions{provision()};` For methods see
+/// provide().
+template <const auto& description>
+class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
+  using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;
+
+ public:
+  explicit Element(Provision& provision) : Base{provision, description.name} {}
+};
+
 /// Base of every skeleton: one provided instance of `Service`. Its specifier names it in the
 /// manifest.
 template <class Service>
