@@ -87,9 +87,7 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
 
  private:
   [[nodiscard]] bool full() const {
-    if (slots_.size() <= capacity_)
-      return false;  // one of them is free: the slot of the new
-                     // sample
+    if (slots_.size() <= capacity_) return false;  // one of them is free: that of the new sample
     const auto taken = [](const auto& slot) { return slot->taken.load(std::memory_order_relaxed); };
     return static_cast<std::size_t>(std::ranges::count_if(slots_, taken)) == capacity_;
   }
