@@ -112,8 +112,8 @@ class Application {
       : deployment_(deployment), services_(deployment.services) {
     for (const auto& service : services_) {
       for (const auto& instance : service.instances) {
-        provisions_.push_back(std::make_unique<tq::com::Provision>(node_.provide(service, instance),
-                                                                   node_, deployment.source));
+        provisions_.push_back(std::make_unique<tq::com::Provision>(
+            node_.server().provide(service, instance), node_, deployment.source));
         provide_methods(service, *provisions_.back());
       }
     }
@@ -231,10 +231,10 @@ class Application {
     const std::uint16_t instance = (choice & 2U) == 0 ? someip::any_instance : 1;
     auto& running = searches_[choice & 3U];
     if (running) {
-      node_.stop_search(std::exchange(running, nullptr));
+      node_.client().stop_search(std::exchange(running, nullptr));
     } else {
       running = std::make_shared<Search>();
-      node_.start_search(service, instance, running);
+      node_.client().start_search(service, instance, running);
     }
     player_.settle();
   }

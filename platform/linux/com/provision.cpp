@@ -69,11 +69,11 @@ void Provision::set_method_handler(std::uint16_t method, Method_handler handler)
 }
 
 void Provision::offer() {
-  node_.offer(instance_);
+  node_.server().offer(instance_);
 }
 
 void Provision::stop_offer() {
-  node_.stop_offer(instance_);
+  node_.server().stop_offer(instance_);
 }
 
 void Provision::close() {

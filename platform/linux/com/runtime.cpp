@@ -129,7 +129,8 @@ class Someip_runtime final : public Runtime {
       token = Find_token{++last_token_};
       searches_.emplace(token, search);
     }
-    node_.start_search(deployed, instance.value_or(someip::any_instance), std::move(search));
+    node_.client().start_search(deployed, instance.value_or(someip::any_instance),
+                                std::move(search));
     return token;
   }
 
@@ -142,7 +143,7 @@ class Someip_runtime final : public Runtime {
       search = std::move(found->second);
       searches_.erase(found);
     }
-    node_.stop_search(search);
+    node_.client().stop_search(search);
     search->close();
   }
 
@@ -165,7 +166,8 @@ class Someip_runtime final : public Runtime {
                                ".instances: \"" + found->specifier + "\" belongs to node \"" +
                                found->node + "\", this is node \"" + node_deployment_.name + "\"");
     }
-    return std::make_unique<Provision>(node_.provide(deployed, *found), node_, deployment_.source);
+    return std::make_unique<Provision>(node_.server().provide(deployed, *found), node_,
+                                       deployment_.source);
   }
 
   std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override {

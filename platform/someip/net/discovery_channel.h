@@ -29,6 +29,8 @@ class Discovery_channel {
                     Counters& counters,
                     Log& log);
 
+  [[nodiscard]] const Address& own() const { return own_; }
+
   /// `link_watched`: link_changed() will be told of every loss of the link. Otherwise membership in
   /// the group, which may go unnoticed with its interface, is renewed again and again.
   void start(Receive receive, bool link_watched);

@@ -30,8 +30,9 @@ class Node_client::Answer final : public Task {
   const Received message_;
 };
 
-Node_client::Node_client(Node_context& context)
+Node_client::Node_client(const Node_context& context, Discovery& discovery)
     : context_(context),
+      discovery_(discovery),
       counters_(context.counters),
       port_(open_port()),
       calls_(context.deployment.limits.pending_calls),
@@ -41,8 +42,8 @@ Node_client::Node_client(Node_context& context)
                   context.counters,
                   context.log,
                   tcp_events()),
-      call_timer_(context.workers.control()),
-      search_timer_(context.workers.control()) {}
+      call_timer_(context.control),
+      search_timer_(context.control) {}
 
 std::shared_ptr<Udp_port> Node_client::open_port() {
   const Node_deployment& node = context_.node;
@@ -57,10 +58,7 @@ std::shared_ptr<Udp_port> Node_client::open_port() {
 }
 
 Tcp_client::Events Node_client::tcp_events() {
-  return {[this](const Endpoint& server) {
-            context_.change(
-                [&](Discovery_server&, Discovery_client& client) { client.connected(server); });
-          },
+  return {[this](const Endpoint& server) { discovery_.connected(server, Time::clock::now()); },
           [this](const Endpoint& server) { connection_lost(server); },
           [this](Received message, const Endpoint& server, Tasks& tasks) {
             dispatch(std::move(message), server, Transport::tcp, tasks);
@@ -78,26 +76,23 @@ void Node_client::stop() {
 void Node_client::start_search(const Service_deployment& service,
                                std::uint16_t instance,
                                std::shared_ptr<Search> search) {
-  context_.on_control(
+  context_.control.post(
       [this, id = service.id, major = service.major_version, instance, search = std::move(search)] {
         searches_.push_back({id, instance, major, search});
-        context_.change([&](Discovery_server&, Discovery_client& client) {
-          client.start_search(id, instance, major, std::chrono::steady_clock::now());
-        });
+        discovery_.start_search({id, instance, major}, Time::clock::now());
         tell({id, instance, major, search});
       });
 }
 
 void Node_client::stop_search(std::shared_ptr<Search> search) {
-  context_.on_control([this, search = std::move(search)] {
+  context_.control.post([this, search = std::move(search)] {
     const auto found =
         std::ranges::find_if(searches_, [&](const auto& one) { return one.search == search; });
     if (found == searches_.end()) return;
     const Running_search ended = *found;
     searches_.erase(found);
-    context_.change([&](Discovery_server&, Discovery_client& client) {
-      client.stop_search(ended.service, ended.instance, ended.major_version);
-    });
+    discovery_.stop_search({ended.service, ended.instance, ended.major_version},
+                           Time::clock::now());
   });
 }
 
@@ -149,16 +144,14 @@ void Node_client::tell_searches(std::uint16_t service) {
     if (search.service == service) changed = search.changed = true;
   }
   if (!changed || std::exchange(searches_scheduled_, true)) return;
-  search_timer_.expires_at(searches_told_ +
-                           pause_per_instance * static_cast<std::int64_t>(known_.size()));
-  search_timer_.async_wait([this](const boost::system::error_code& cancelled) {
-    if (!cancelled && !context_.stopped) tell_changed_searches();
-  });
+  search_timer_.run_at(
+      searches_told_ + pause_per_instance * static_cast<std::int64_t>(known_.size()),
+      [this] { tell_changed_searches(); });
 }
 
 void Node_client::tell_changed_searches() {
   searches_scheduled_ = false;
-  searches_told_ = std::chrono::steady_clock::now();
+  searches_told_ = Time::clock::now();
   for (Running_search& search : searches_) {
     if (std::exchange(search.changed, false)) tell(search);
   }
@@ -208,22 +201,22 @@ void Node_client::connect_route(Client_event& event, const Remote_offer& offer) 
 }
 
 void Node_client::subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink) {
-  context_.on_control([this, selection, sink = std::move(sink)] {
+  context_.control.post([this, selection, sink = std::move(sink)] {
     Client_event& event = events_.emplace_back(Client_event{selection, sink, {}, {}});
     for (const Known_instance& known : known_) {
       if (known.key == selection.instance) connect_route(event, known.offer);
     }
-    context_.change([&](Discovery_server&, Discovery_client& client) {
-      client.subscribe(selection.instance, selection.event_group, selection.group);
-      // A further subscriber of a group that is active already hears so at once.
-      if (client.active(selection.instance, selection.event_group))
-        sink->subscription_changed(true);
-    });
+    discovery_.subscribe(selection.instance, selection.event_group, selection.group,
+                         Time::clock::now());
+    // A further sink of an active group is notified at once.
+    if (discovery_.active(selection.instance, selection.event_group)) {
+      sink->subscription_changed(true);
+    }
   });
 }
 
 void Node_client::unsubscribe(std::shared_ptr<Event_sink> sink) {
-  context_.on_control([this, sink = std::move(sink)] {
+  context_.control.post([this, sink = std::move(sink)] {
     const auto found =
         std::ranges::find_if(events_, [&](const auto& one) { return one.sink == sink; });
     if (found == events_.end()) return;
@@ -231,9 +224,8 @@ void Node_client::unsubscribe(std::shared_ptr<Event_sink> sink) {
     const Client_event ended = std::move(*found);
     events_.erase(found);
     if (ended.route) routes_.remove(*ended.route, sink.get());
-    context_.change([&](Discovery_server&, Discovery_client& client) {
-      client.unsubscribe(ended.selection.instance, ended.selection.event_group);
-    });
+    discovery_.unsubscribe(ended.selection.instance, ended.selection.event_group,
+                           Time::clock::now());
     const bool still_wanted = std::ranges::any_of(events_, [&](const Client_event& event) {
       return event.selection.instance == ended.selection.instance &&
              event.selection.event_group == ended.selection.event_group;
@@ -314,8 +306,7 @@ void Node_client::release_if_unused(const Endpoint& server) {
 }
 
 void Node_client::connection_lost(const Endpoint& server) {
-  context_.change(
-      [&](Discovery_server&, Discovery_client& client) { client.connection_lost(server); });
+  discovery_.connection_lost(server, Time::clock::now());
   // What was asked over it will not be answered (someip_326).
   time_out(calls_.take_if(
       [&](const auto& call) { return call.transport == Transport::tcp && call.server == server; }));
@@ -405,8 +396,8 @@ void Node_client::send_request(const Header& header,
     port_->send(header, arguments, std::span(&address, 1));
     return;
   }
-  context_.on_control([this, header, to, owner, deadline,
-                       copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
+  context_.control.post([this, header, to, owner, deadline,
+                         copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
     // Gone meanwhile: nobody would ever release a connection that is opened now.
     if (!offered_over_tcp(to)) return;
     senders_[to].insert(owner);
@@ -430,7 +421,7 @@ void Node_client::call(const Instance_key& instance,
     handler(Return_code::not_reachable, {});
     return;
   }
-  const Time deadline = std::chrono::steady_clock::now() + context_.node.request_timeout;
+  const Time deadline = Time::clock::now() + context_.node.request_timeout;
   Pending_calls::Call call{
       instance.service,  method, instance.major_version, *server, transport, owner, deadline,
       std::move(handler)};
@@ -440,7 +431,7 @@ void Node_client::call(const Instance_key& instance,
     call.handler(Return_code::not_ok, {});
     return;
   }
-  if (!calls_watched_.exchange(true)) context_.on_control([this] { schedule_calls(); });
+  if (!calls_watched_.exchange(true)) context_.control.post([this] { schedule_calls(); });
 
   Header header;
   header.service = instance.service;
@@ -480,7 +471,7 @@ void Node_client::cancel_calls(const void* owner) {
   for (const auto& call : calls_.take_if([&](const auto& one) { return one.owner == owner; })) {
     call.handler(Return_code::not_reachable, {});
   }
-  context_.on_control([this, owner] {
+  context_.control.post([this, owner] {
     for (auto at = senders_.begin(); at != senders_.end();) {
       auto& [server, owners] = *at++;
       if (owners.erase(owner) == 0 || !owners.empty()) continue;
@@ -496,10 +487,8 @@ void Node_client::schedule_calls() {
   calls_watched_ = false;
   const Time next = calls_.next_deadline();
   if (next == Time::max() || calls_watched_.exchange(true)) return;
-  call_timer_.expires_at(next);
-  call_timer_.async_wait([this](const boost::system::error_code& cancelled) {
-    if (cancelled || context_.stopped) return;
-    const Time now = std::chrono::steady_clock::now();
+  call_timer_.run_at(next, [this] {
+    const Time now = Time::clock::now();
     time_out(calls_.take_if([&](const auto& call) { return call.deadline <= now; }));
     schedule_calls();
   });

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <atomic>
-#include <boost/asio/steady_timer.hpp>
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -12,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/tcp_client.h"
 #include "platform/someip/node/event_routes.h"
 #include "platform/someip/node/node_context.h"
@@ -43,8 +43,9 @@ struct Event_selection {
 /// What users of the node ask for may come from any thread, see Node; the rest says where it runs.
 class Node_client final : public Message_receiver, public Discovery_client_host {
  public:
-  /// Opens the port of the node's client. Throws std::runtime_error naming the key.
-  explicit Node_client(Node_context& context);
+  /// Opens the port of the node's client. Throws std::runtime_error naming the key. Does not use
+  /// `discovery` before the control thread calls.
+  Node_client(const Node_context& context, Discovery& discovery);
 
   void start_search(const Service_deployment& service,
                     std::uint16_t instance,
@@ -148,7 +149,8 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   void schedule_calls();
   void time_out(std::vector<Pending_calls::Call> calls);
 
-  Node_context& context_;
+  const Node_context& context_;
+  Discovery& discovery_;
   Counters& counters_;
   const std::shared_ptr<Udp_port> port_;
   Event_routes routes_;
@@ -163,9 +165,9 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   Tcp_client tcp_client_;
   /// The living owners of what has been sent to a server by TCP, while it offers something there.
   std::map<Endpoint, std::set<const void*>> senders_;
-  boost::asio::steady_timer call_timer_;
+  Control_timer call_timer_;
   std::vector<Running_search> searches_;
-  boost::asio::steady_timer search_timer_;
+  Control_timer search_timer_;
   bool searches_scheduled_ = false;
   Time searches_told_{};  ///< the last time that results were delivered
   std::vector<Client_event> events_;

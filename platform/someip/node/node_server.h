@@ -8,6 +8,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/closed_ports.h"
 #include "platform/someip/net/tcp_server.h"
 #include "platform/someip/node/node_context.h"
@@ -22,7 +23,8 @@ namespace someip {
 /// Lives on the control thread, except provide(), offer(), stop_offer() and close_ports().
 class Node_server final : public Discovery_server_host {
  public:
-  explicit Node_server(Node_context& context);
+  /// Does not use `discovery` before the control thread calls.
+  Node_server(const Node_context& context, Discovery& discovery);
 
   [[nodiscard]] std::shared_ptr<Provided_instance> provide(const Service_deployment& service,
                                                            const Instance_deployment& instance);
@@ -63,7 +65,8 @@ class Node_server final : public Discovery_server_host {
   void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
 
-  Node_context& context_;
+  const Node_context& context_;
+  Discovery& discovery_;
   Request_budget requests_;
 
   std::mutex ports_mutex_;  ///< guards the two members below
