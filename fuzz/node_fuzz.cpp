@@ -97,7 +97,7 @@ class Player final : public someip::Workers {
   std::map<std::uint64_t, std::shared_ptr<someip::Readable>> readers_;
 };
 
-class Search final : public someip::Search {
+class Search final : public someip::Search_sink {
  public:
   void found(const std::vector<std::uint16_t>& instances) override {
     const std::set<std::uint16_t> different(instances.begin(), instances.end());
@@ -231,10 +231,10 @@ class Application {
     const std::uint16_t instance = (choice & 2U) == 0 ? someip::any_instance : 1;
     auto& running = searches_[choice & 3U];
     if (running) {
-      node_.client().stop_search(std::exchange(running, nullptr));
+      node_.client().searches().stop(std::exchange(running, nullptr));
     } else {
       running = std::make_shared<Search>();
-      node_.client().start_search(service, instance, running);
+      node_.client().searches().start(service, instance, running);
     }
     player_.settle();
   }

@@ -136,7 +136,7 @@ Connection::~Connection() {
   for (const auto& ended : ended_inside) {
     if (const auto subscription = ended.lock()) subscription->close();
   }
-  node_.client().cancel_calls(this);
+  node_.client().calls().cancel(this);
   // Responses that are already on their way to their handler find the call ended.
   for (const auto& call : calls)
     end(call, Return_code::not_reachable, {});
@@ -148,7 +148,7 @@ Element_ids Connection::element(std::string_view name) const {
 }
 
 void Connection::drop(const std::shared_ptr<Subscription>& subscription) {
-  node_.client().unsubscribe(subscription);
+  node_.client().subscriptions().unsubscribe(subscription);
   if (subscription->running_here()) {
     const std::lock_guard lock(mutex_);
     std::erase_if(ended_inside_, [](const auto& ended) { return ended.expired(); });
@@ -186,7 +186,7 @@ void Connection::subscribe(std::string_view element,
       service.major_version, limits_.queued_notifications, std::move(handler), std::move(on_state),
       workers_, node_.counters());
   // The new one first: the provider then keeps the subscription and sends the values again.
-  node_.client().subscribe(selection, subscription);
+  node_.client().subscriptions().subscribe(selection, subscription);
   std::shared_ptr<Subscription> replaced;
   {
     const std::lock_guard lock(mutex_);
@@ -218,22 +218,23 @@ void Connection::call(std::uint16_t method, Payload arguments, Response_handler 
     const std::lock_guard lock(mutex_);
     calls_.insert(call);
   }
-  node_.client().call(remote_->key, method, transport_of(remote_->service, method), arguments, this,
-                      [this, gate = gate_, call](someip::Return_code code, someip::Bytes payload) {
-                        // Closed: the connection is gone, and has ended the call.
-                        const Gate::Pass pass(*gate);
-                        if (!pass) return;
-                        {
-                          const std::lock_guard lock(mutex_);
-                          calls_.erase(call);
-                        }
-                        end(call, static_cast<Return_code>(code), payload);
-                      });
+  node_.client().calls().call(
+      remote_->key, method, transport_of(remote_->service, method), arguments, this,
+      [this, gate = gate_, call](someip::Return_code code, someip::Bytes payload) {
+        // Closed: the connection is gone, and has ended the call.
+        const Gate::Pass pass(*gate);
+        if (!pass) return;
+        {
+          const std::lock_guard lock(mutex_);
+          calls_.erase(call);
+        }
+        end(call, static_cast<Return_code>(code), payload);
+      });
 }
 
 void Connection::call_no_return(std::uint16_t method, Payload arguments) {
-  node_.client().call_no_return(remote_->key, method, transport_of(remote_->service, method),
-                                arguments, this);
+  node_.client().calls().call_no_return(remote_->key, method,
+                                        transport_of(remote_->service, method), arguments, this);
 }
 
 }  // namespace tq::com

@@ -26,7 +26,7 @@ namespace tq::com {
 namespace {
 
 /// A search on its way to its handler.
-class Running_search final : public someip::Search,
+class Running_search final : public someip::Search_sink,
                              public std::enable_shared_from_this<Running_search> {
  public:
   Running_search(const someip::Service_deployment& service,
@@ -129,8 +129,8 @@ class Someip_runtime final : public Runtime {
       token = Find_token{++last_token_};
       searches_.emplace(token, search);
     }
-    node_.client().start_search(deployed, instance.value_or(someip::any_instance),
-                                std::move(search));
+    node_.client().searches().start(deployed, instance.value_or(someip::any_instance),
+                                    std::move(search));
     return token;
   }
 
@@ -143,7 +143,7 @@ class Someip_runtime final : public Runtime {
       search = std::move(found->second);
       searches_.erase(found);
     }
-    node_.client().stop_search(search);
+    node_.client().searches().stop(search);
     search->close();
   }
 

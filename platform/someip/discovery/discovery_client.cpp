@@ -4,11 +4,6 @@
 
 namespace someip {
 
-bool Discovery_client::matches(const Instance_key& wanted, const Instance_key& key) {
-  return wanted.service == key.service && wanted.major_version == key.major_version &&
-         (wanted.instance == any_instance || wanted.instance == key.instance);
-}
-
 bool Discovery_client::satisfied(const Instance_key& wanted) const {
   return std::ranges::any_of(remotes_,
                              [&](const auto& remote) { return matches(wanted, remote.first); });

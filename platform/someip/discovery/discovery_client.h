@@ -134,7 +134,6 @@ class Discovery_client {
   };
   using Remotes = std::map<Instance_key, Remote>;
 
-  [[nodiscard]] static bool matches(const Instance_key& wanted, const Instance_key& key);
   [[nodiscard]] bool satisfied(const Instance_key& wanted) const;
   void begin_search(Search& search, Time now);
   /// `restart`: searches that nothing satisfies any more begin again.

@@ -130,7 +130,7 @@ void Node::stop() {
     done.get_future().wait();
     client_.close_port();
     server_.close_ports();
-    client_.end_calls();
+    client_.calls().cancel_all();
   });
 }
 
