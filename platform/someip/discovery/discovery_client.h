@@ -21,8 +21,8 @@ struct Remote_offer {
   Instance_endpoints endpoints;
 };
 
-/// What the using side needs to know from, and tells, its node. No member calls back into
-/// discovery.
+/// The node as the using side of discovery sees it: receives changes and answers questions. No
+/// member calls discovery.
 class Discovery_client_host {
  public:
   virtual ~Discovery_client_host() = default;
@@ -50,7 +50,7 @@ class Discovery_client_host {
   [[nodiscard]] virtual std::optional<Endpoint> tcp_endpoint(const Endpoint& server) = 0;
 };
 
-/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it.
+/// Lives on one thread. Entries go to the outbox, which the caller flushes.
 class Discovery_client {
  public:
   Discovery_client(const Discovery_timing& timing,
@@ -87,14 +87,14 @@ class Discovery_client {
                bool explicit_initial_data,
                Time now);
   void acknowledged(const Entry& entry, const Entry_options& options, const Origin& from, Time now);
-  /// Everything that a peer has offered is void: it has restarted.
+  /// The peer has restarted, so all its offers are void.
   void forget_peer(const Origin& peer, Time now);
-  /// The TCP connection to `server` stands: what waited for it is subscribed now.
+  /// The TCP connection to `server` stands: subscribes the groups that waited for it.
   void connected(const Endpoint& server);
-  /// It broke: the subscriptions over it are void until it stands again.
+  /// The connection broke: the subscriptions over it are void until it stands again.
   void connection_lost(const Endpoint& server);
 
-  /// Everything that has been offered is void; searches wait for the link.
+  /// All offers of peers are void; searches wait for the link.
   void link_down(Time now);
   /// Every search begins with its initial wait phase.
   void link_up(Time now);

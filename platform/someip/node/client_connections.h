@@ -1,4 +1,4 @@
-/// The node's TCP connections to servers, and who uses them.
+/// The node's TCP connections to servers and their users.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,4 @@
-/// The providing side of a node: the ports of its services, what it offers there, and who has
-/// subscribed.
+/// The providing side of a node: its service ports, its offered instances and their subscribers.
 #pragma once
 
 #include <cstdint>
@@ -26,20 +25,24 @@ class Node_server final : public Discovery_server_host {
   /// Does not use `discovery` before the control thread calls.
   Node_server(const Node_context& context, Discovery& discovery);
 
+  /// Opens the ports of an instance. Throws std::runtime_error naming the key when another process
+  /// has one of them.
   [[nodiscard]] std::shared_ptr<Provided_instance> provide(const Service_deployment& service,
                                                            const Instance_deployment& instance);
   void offer(std::shared_ptr<Provided_instance> instance);
   void stop_offer(std::shared_ptr<Provided_instance> instance);
 
+  // For the node
+
   /// Watches for clients that have closed their ports.
   void start_watching();
   void stop_watching() { closed_ports_.stop(); }
-  /// Their subscriptions have ended when it returns.
+  /// Ends the subscriptions of clients that have closed their ports.
   void look_for_closed_ports() { closed_ports_.look(); }
   void peer_restarted(const Address& peer, Time last_contact);
   void link_up();
   void link_down();
-  /// No connections any more, and no new ones.
+  /// Closes every connection and accepts no new one.
   void close_connections();
   void close_ports();
 

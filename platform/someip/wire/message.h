@@ -1,4 +1,5 @@
-/// The header in front of every SOME/IP message, and the way from a datagram to the messages in it.
+/// The header in front of every SOME/IP message, and the reader that splits a datagram into
+/// messages.
 #pragma once
 
 #include <array>
@@ -7,6 +8,7 @@
 #include <optional>
 
 #include "platform/someip/base/byte_order.h"
+#include "tq/com/types.h"
 
 namespace someip {
 
@@ -18,19 +20,7 @@ enum class Message_type : std::uint8_t {
   error = 0x81,
 };
 
-enum class Return_code : std::uint8_t {
-  ok = 0x00,
-  not_ok = 0x01,
-  unknown_service = 0x02,
-  unknown_method = 0x03,
-  not_ready = 0x04,
-  not_reachable = 0x05,
-  timeout = 0x06,
-  wrong_protocol_version = 0x07,
-  wrong_interface_version = 0x08,
-  malformed_message = 0x09,
-  wrong_message_type = 0x0A,
-};
+using tq::com::Return_code;
 
 inline constexpr std::size_t header_size = 16;
 /// What the length field counts before the payload: everything from the request id on.
@@ -66,7 +56,7 @@ void write_header(const Header& header, std::byte* at);
 /// The header's bytes, with the length set for a payload of `payload_size`.
 [[nodiscard]] Header_bytes header_bytes(Header header, std::size_t payload_size);
 
-/// One message inside a buffer that somebody else owns.
+/// One message inside a buffer, which it does not own.
 struct Message_view {
   Header header;
   Bytes payload;
