@@ -48,9 +48,9 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
   explicit Statistics_proxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
   mw::com::cpp_binding::proxy::Method<Statistics::Counters_result()> Counters{
-      connection(), Statistics::Counters.name};
+      core(), Statistics::Counters.name};
   mw::com::cpp_binding::proxy::Method<Statistics::Process_result()> Process{
-      connection(), Statistics::Process.name};
+      core(), Statistics::Process.name};
 };
 
 /// Answers with the figures of this process.

@@ -30,11 +30,11 @@ class GNSSProxy : public mw::com::cpp_binding::proxy::Proxy_impl<GNSS> {
   explicit GNSSProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
   mw::com::cpp_binding::proxy::Field<decltype(GNSS::positions)::value_type> positions{
-      connection(), GNSS::positions.name};
+      core(), GNSS::positions.name};
   mw::com::cpp_binding::proxy::Field<decltype(GNSS::positionsQuality)::value_type> positionsQuality{
-      connection(), GNSS::positionsQuality.name};
+      core(), GNSS::positionsQuality.name};
   mw::com::cpp_binding::proxy::Field<decltype(GNSS::posGnssSatInfos)::value_type> posGnssSatInfos{
-      connection(), GNSS::posGnssSatInfos.name};
+      core(), GNSS::posGnssSatInfos.name};
 };
 }  // namespace proxy
 
@@ -45,11 +45,11 @@ class GNSSSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<GNSS> 
   ~GNSSSkeleton() { disconnect(); }
 
   mw::com::cpp_binding::skeleton::Field<decltype(GNSS::positions)::value_type> positions{
-      provision(), GNSS::positions.name};
+      core(), GNSS::positions.name};
   mw::com::cpp_binding::skeleton::Field<decltype(GNSS::positionsQuality)::value_type>
-      positionsQuality{provision(), GNSS::positionsQuality.name};
+      positionsQuality{core(), GNSS::positionsQuality.name};
   mw::com::cpp_binding::skeleton::Field<decltype(GNSS::posGnssSatInfos)::value_type>
-      posGnssSatInfos{provision(), GNSS::posGnssSatInfos.name};
+      posGnssSatInfos{core(), GNSS::posGnssSatInfos.name};
 };
 }  // namespace skeleton
 

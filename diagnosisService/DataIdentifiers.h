@@ -104,9 +104,8 @@ class DataIdentifierProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Inter
   explicit DataIdentifierProxy(const typename Base::Handle_type& handle) : Base{handle} {}
 
   mw::com::cpp_binding::proxy::Method<typename Interface::Output(MetaInfo)> Read{
-      this->connection(), Interface::Read.name};
-  mw::com::cpp_binding::proxy::Method<void(MetaInfo)> Cancel{this->connection(),
-                                                             Interface::Cancel.name};
+      this->core(), Interface::Read.name};
+  mw::com::cpp_binding::proxy::Method<void(MetaInfo)> Cancel{this->core(), Interface::Cancel.name};
 };
 
 template <class Interface>
@@ -119,9 +118,9 @@ class DataIdentifierSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_i
   /// An implementation's destructor must begin with disconnect(), so that no call reaches it any
   /// more.
   explicit DataIdentifierSkeleton(const ara::core::InstanceSpecifier& specifier) : Base{specifier} {
-    mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Read,
+    mw::com::cpp_binding::skeleton::provide(this->core(), Interface::Read,
                                             [this](const MetaInfo& info) { return Read(info); });
-    mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Cancel,
+    mw::com::cpp_binding::skeleton::provide(this->core(), Interface::Cancel,
                                             [this](const MetaInfo& info) { return Cancel(info); });
   }
   virtual ~DataIdentifierSkeleton() { this->disconnect(); }

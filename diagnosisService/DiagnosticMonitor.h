@@ -60,9 +60,9 @@ class DiagnosticMonitorProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Di
   explicit DiagnosticMonitorProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
   mw::com::cpp_binding::proxy::Method<void(InitMonitorReason)> InitMonitor{
-      connection(), DiagnosticMonitor::InitMonitor.name};
+      core(), DiagnosticMonitor::InitMonitor.name};
   mw::com::cpp_binding::proxy::Event<MonitorActionType> MonitorAction{
-      connection(), DiagnosticMonitor::MonitorAction.name};
+      core(), DiagnosticMonitor::MonitorAction.name};
 };
 }  // namespace proxy
 
@@ -75,7 +75,7 @@ class DiagnosticMonitorSkeleton
   explicit DiagnosticMonitorSkeleton(const ara::core::InstanceSpecifier& specifier)
       : Skeleton_impl{specifier} {
     mw::com::cpp_binding::skeleton::provide(
-        provision(), DiagnosticMonitor::InitMonitor,
+        core(), DiagnosticMonitor::InitMonitor,
         [this](InitMonitorReason reason) { return InitMonitor(reason); });
   }
   virtual ~DiagnosticMonitorSkeleton() { disconnect(); }
@@ -83,7 +83,7 @@ class DiagnosticMonitorSkeleton
   virtual ara::core::Future<void> InitMonitor(InitMonitorReason reason) = 0;
 
   mw::com::cpp_binding::skeleton::Event<MonitorActionType> MonitorAction{
-      provision(), DiagnosticMonitor::MonitorAction.name};
+      core(), DiagnosticMonitor::MonitorAction.name};
 };
 }  // namespace skeleton
 

@@ -27,9 +27,9 @@ class PositioningProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Position
   explicit PositioningProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
   mw::com::cpp_binding::proxy::Field<decltype(Positioning::positions)::value_type> positions{
-      connection(), Positioning::positions.name};
+      core(), Positioning::positions.name};
   mw::com::cpp_binding::proxy::Field<decltype(Positioning::posMapInfo)::value_type> posMapInfo{
-      connection(), Positioning::posMapInfo.name};
+      core(), Positioning::posMapInfo.name};
 };
 }  // namespace proxy
 
@@ -41,9 +41,9 @@ class PositioningSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl
   ~PositioningSkeleton() { disconnect(); }
 
   mw::com::cpp_binding::skeleton::Field<decltype(Positioning::positions)::value_type> positions{
-      provision(), Positioning::positions.name};
+      core(), Positioning::positions.name};
   mw::com::cpp_binding::skeleton::Field<decltype(Positioning::posMapInfo)::value_type> posMapInfo{
-      provision(), Positioning::posMapInfo.name};
+      core(), Positioning::posMapInfo.name};
 };
 }  // namespace skeleton
 

@@ -241,8 +241,8 @@ struct Played_consumer final : tq::com::Consumer {
 TEST(Event, subscribed_twice_ends_the_first_subscription_before_its_samples_go) {
   auto consumer = std::make_unique<Played_consumer>();
   auto& played = *consumer;
-  mw::com::cpp_binding::proxy::Connection connection{"a::S", "1", std::move(consumer)};
-  mw::com::cpp_binding::proxy::Event<Slow> event{connection, "tick"};
+  mw::com::cpp_binding::proxy::Proxy_core core{"a::S", "1", std::move(consumer)};
+  mw::com::cpp_binding::proxy::Event<Slow> event{core, "tick"};
   event.Subscribe(1);
   Barrier barrier;
   decoding = &barrier;
