@@ -112,8 +112,8 @@ class Application {
       : deployment_(deployment), services_(deployment.services) {
     for (const auto& service : services_) {
       for (const auto& instance : service.instances) {
-        providers_.push_back(std::make_unique<tq::com::Someip_provider>(
-            node_.server().provide(service, instance), node_, deployment.source));
+        providers_.push_back(std::make_unique<tq::com::Someip_provider>(service, instance, node_,
+                                                                        deployment.source));
         provide_methods(service, *providers_.back());
       }
     }

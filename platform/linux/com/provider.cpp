@@ -30,19 +30,19 @@ void tell_value_missing(const std::string& service, std::uint16_t instance, std:
 
 }  // namespace
 
-Someip_provider::Someip_provider(std::shared_ptr<someip::Provided_instance> instance,
+Someip_provider::Someip_provider(const someip::Service_deployment& service,
+                                 const someip::Instance_deployment& instance,
                                  someip::Node& node,
                                  std::string manifest)
-    : instance_(std::move(instance)),
+    : instance_(
+          node.server().provide(service,
+                                instance,
+                                [&name = service.name, id = instance.id](std::uint16_t event) {
+                                  tell_value_missing(name, id, event);
+                                })),
       node_(node),
       manifest_(std::move(manifest)),
-      gate_(std::make_shared<Gate>()) {
-  // The name is the runtime's, which outlives its instances.
-  const auto& service = instance_->service().name;
-  instance_->on_value_missing([&service, id = instance_->deployment().id](std::uint16_t event) {
-    tell_value_missing(service, id, event);
-  });
-}
+      gate_(std::make_shared<Gate>()) {}
 
 Someip_provider::~Someip_provider() {
   Someip_provider::close();

@@ -17,7 +17,10 @@ namespace tq::com {
 
 class Someip_provider final : public Provider {
  public:
-  Someip_provider(std::shared_ptr<someip::Provided_instance> instance,
+  /// The references outlive the provider. Throws std::runtime_error naming the key when a port of
+  /// the instance is taken.
+  Someip_provider(const someip::Service_deployment& service,
+                  const someip::Instance_deployment& instance,
                   someip::Node& node,
                   std::string manifest);
   ~Someip_provider() override;

@@ -110,8 +110,7 @@ class Someip_runtime final : public Runtime {
                                ".instances: \"" + found->specifier + "\" belongs to node \"" +
                                found->node + "\", this is node \"" + node_deployment_.name + "\"");
     }
-    return std::make_unique<Someip_provider>(node_.server().provide(deployed, *found), node_,
-                                             deployment_.source);
+    return std::make_unique<Someip_provider>(deployed, *found, node_, deployment_.source);
   }
 
   std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override {

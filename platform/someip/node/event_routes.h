@@ -35,8 +35,8 @@ class Event_sink : public Task {
   std::atomic<bool> value_seen_{false};
 };
 
-/// Finds the sinks of an event. A route includes the endpoint that sends the event, so two instances
-/// of a service never mix (someip_648). Thread-safe.
+/// Finds the sinks of an event. A route includes the endpoint that sends the event, so two
+/// instances of a service never mix (someip_648). Thread-safe.
 class Event_routes {
  public:
   struct Key {

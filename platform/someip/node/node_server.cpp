@@ -208,12 +208,15 @@ bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
   return port && port->connections->connection_of(client) != nullptr;
 }
 
-std::shared_ptr<Provided_instance> Node_server::provide(const Service_deployment& service,
-                                                        const Instance_deployment& instance) {
+std::shared_ptr<Provided_instance> Node_server::provide(
+    const Service_deployment& service,
+    const Instance_deployment& instance,
+    const Value_missing_handler& value_missing) {
   const auto udp = udp_port(instance);
   static_cast<void>(tcp_port(instance));
   return std::make_shared<Provided_instance>(service, instance, udp ? udp->port : nullptr,
-                                             context_.deployment.limits, context_.counters);
+                                             context_.deployment.limits, context_.counters,
+                                             value_missing);
 }
 
 void Node_server::offer(std::shared_ptr<Provided_instance> instance) {

@@ -27,8 +27,10 @@ class Node_server final : public Discovery_server_host {
 
   /// Opens the ports of an instance. Throws std::runtime_error naming the key when another process
   /// has one of them.
-  [[nodiscard]] std::shared_ptr<Provided_instance> provide(const Service_deployment& service,
-                                                           const Instance_deployment& instance);
+  [[nodiscard]] std::shared_ptr<Provided_instance> provide(
+      const Service_deployment& service,
+      const Instance_deployment& instance,
+      const Value_missing_handler& value_missing);
   void offer(std::shared_ptr<Provided_instance> instance);
   void stop_offer(std::shared_ptr<Provided_instance> instance);
 

@@ -72,7 +72,8 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
                     const Instance_deployment& instance,
                     std::shared_ptr<Udp_port> udp,
                     const Limits& limits,
-                    Counters& counters);
+                    Counters& counters,
+                    const Value_missing_handler& value_missing);
 
   [[nodiscard]] const Service_deployment& service() const { return service_; }
   [[nodiscard]] const Instance_deployment& deployment() const { return instance_; }
@@ -84,13 +85,11 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   /// The event or notifier; throws std::out_of_range when the service has none of that id.
   [[nodiscard]] Event_channel& event(std::uint16_t id);
   [[nodiscard]] bool has_event(std::uint16_t id) const { return events_.contains(id); }
-  /// See Event_channel; for all fields.
-  void on_value_missing(const std::function<void(std::uint16_t)>& tell);
   /// The events of a group.
   [[nodiscard]] std::vector<Event_channel*> group(std::uint16_t event_group);
 
-  /// Judges a request in the order of the standard (someip_721). Adds the task that answers it, with
-  /// a response or an error, or drops it.
+  /// Judges a request in the order of the standard (someip_721). Adds the task that answers it,
+  /// with a response or an error, or drops it.
   void request(Received message,
                const Address& from,
                Reply_path reply,
@@ -104,7 +103,11 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   };
   class Request;
 
-  void add_event(std::uint16_t id, std::uint16_t event_group, bool field, Transport transport);
+  void add_event(std::uint16_t id,
+                 std::uint16_t event_group,
+                 bool field,
+                 Transport transport,
+                 const Value_missing_handler& value_missing);
 
   const Service_deployment& service_;
   const Instance_deployment& instance_;
