@@ -18,7 +18,7 @@ enum class Return_code : std::uint8_t {
   unknown_service = 0x02,
   unknown_method = 0x03,
   not_ready = 0x04,
-  not_reachable = 0x05,  ///< internal: nobody offers the instance
+  not_reachable = 0x05,  ///< internal: the instance is not or no longer offered
   timeout = 0x06,        ///< internal: no response in time
   wrong_protocol_version = 0x07,
   wrong_interface_version = 0x08,
@@ -35,8 +35,8 @@ struct Response {
   Return_code code = Return_code::ok;
   std::vector<std::byte> payload;
 };
-/// Called on a worker thread for each request; requests of one provider may run in parallel.
-/// The runtime answers Return_code::not_ok when the handler throws.
+/// Called on a worker thread for each request; requests of one provider may run in parallel. An
+/// exception is answered with Return_code::not_ok.
 using Method_handler = std::function<Response(Payload)>;
 
 }  // namespace tq::com
