@@ -7,21 +7,22 @@ namespace someip {
 
 void Known_instances::add(const Instance_key& key, const Remote_offer& offer) {
   const std::lock_guard lock(mutex_);
-  instances_.push_back({key, offer});
+  places_[key] = instances_.insert(instances_.end(), {key, offer});
 }
 
 std::optional<Remote_offer> Known_instances::remove(const Instance_key& key) {
   const std::lock_guard lock(mutex_);
-  const auto found = std::ranges::find(instances_, key, &Instance::key);
-  if (found == instances_.end()) return std::nullopt;
-  std::optional<Remote_offer> offer(std::move(found->offer));
-  instances_.erase(found);
+  const auto place = places_.find(key);
+  if (place == places_.end()) return std::nullopt;
+  std::optional<Remote_offer> offer(std::move(place->second->offer));
+  instances_.erase(place->second);
+  places_.erase(place);
   return offer;
 }
 
 const Remote_offer* Known_instances::find(const Instance_key& key) const {
-  const auto found = std::ranges::find(instances_, key, &Instance::key);
-  return found == instances_.end() ? nullptr : &found->offer;
+  const auto place = places_.find(key);
+  return place == places_.end() ? nullptr : &place->second->offer;
 }
 
 bool Known_instances::offered_over_tcp(const Endpoint& server) const {

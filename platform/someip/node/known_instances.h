@@ -3,9 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <list>
+#include <map>
 #include <mutex>
 #include <optional>
-#include <vector>
 
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/endpoint.h"
@@ -27,7 +28,7 @@ class Known_instances {
   std::optional<Remote_offer> remove(const Instance_key& key);
 
   /// In the order of their first offer.
-  [[nodiscard]] const std::vector<Instance>& all() const { return instances_; }
+  [[nodiscard]] const std::list<Instance>& all() const { return instances_; }
   /// Null when nobody offers the instance.
   [[nodiscard]] const Remote_offer* find(const Instance_key& key) const;
   [[nodiscard]] bool offered_over_tcp(const Endpoint& server) const;
@@ -37,8 +38,11 @@ class Known_instances {
                                                     Transport transport) const;
 
  private:
-  mutable std::mutex mutex_;  ///< guards instances_ against readers on other threads
-  std::vector<Instance> instances_;
+  mutable std::mutex mutex_;  ///< guards the members below against readers on other threads
+  std::list<Instance> instances_;
+  /// A peer decides how often one of many changes, so finding and removing must not cost their
+  /// number.
+  std::map<Instance_key, std::list<Instance>::iterator> places_;
 };
 
 }  // namespace someip
