@@ -53,7 +53,7 @@ posApplication::posApplication(Persistency persistency)
   gnssClient_.setUseGNSSDR(settings_->useGNSSDR);
   posService_.setAlwaysSendAllValidPositions(settings_->alwaysSendAllValidPositions);
   posService_.setMmNewPositionCalculationIntervalMS(settings_->mmNewPositionCalculationIntervalMS);
-  // Nothing here needs time before a shutdown.
+  // This application needs no time before a shutdown.
   componentClient_.emplace(&persistency_, [] { return true; });
 }
 
@@ -66,7 +66,7 @@ int posApplication::run() {
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
   start();
 
-  // The order is fixed, byte 13 twice in it.
+  // The order is fixed and contains byte 13 twice.
   for (const auto byte : {kSystemMapMatching, kSystemReserved13, kSystemReserved13, kSystemPgf}) {
     diagnosisService_.setSystemStatus(byte, diagnosisService::kNotAvailable);
   }

@@ -1,6 +1,6 @@
-/// How a record is described: one constexpr list of its members beside the plain struct. The tag
-/// list, the codec, the trace payload, the tables in docs/ and what the tools print are all loops
-/// over it.
+/// The description of a record: one constexpr list of its members beside the plain struct. The tag
+/// list, the codec, the trace payload, the tables in docs/ and the output of the tools are all
+/// loops over it.
 ///
 ///   template <>
 ///   struct binding::Description<Sample> {
@@ -50,7 +50,7 @@ template <Named_enumeration E>
   return {};
 }
 
-/// Quality of a measured quantity, sent as a member of its own behind it.
+/// Quality of a measured quantity, sent as a separate member behind it.
 enum class Value_type : std::uint32_t {
   init = 1,
   error = 2,
@@ -80,7 +80,7 @@ struct Member {
   std::string_view meaning;
 };
 
-/// A measured quantity and its quality, which belong together and have consecutive data IDs.
+/// A measured quantity and its quality. The two have consecutive data IDs.
 template <class Record, class Value>
 struct Quantity {
   Member<Record, Value> value;
@@ -175,7 +175,7 @@ concept Plain_record = Described<T> && detail::is_plain<T>;
 template <class T>
 concept Tlv_record = Described<T> && !detail::is_plain<T>;
 
-/// All members of a record, quantities taken apart, in declaration order.
+/// All members of a record in declaration order, each quantity split into its two members.
 template <Described Record>
 inline constexpr auto members_of = std::apply(
     [](const auto&... entries) {
@@ -187,7 +187,7 @@ template <Described Record>
 inline constexpr std::size_t member_count =
     std::tuple_size_v<std::remove_cvref_t<decltype(members_of<Record>)>>;
 
-/// Whether each member has a data ID of its own that fits into the 12 bits of a tag.
+/// True if each member has a data ID of its own that fits into the 12 bits of a tag.
 template <Tlv_record Record>
 inline constexpr bool has_valid_ids = std::apply(
     [](const auto&... members) {

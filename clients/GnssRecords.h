@@ -1,4 +1,4 @@
-/// Records that the GNSS service delivers, each described once.
+/// Records of the GNSS service, each described once.
 #pragma once
 
 #include <boost/optional.hpp>
@@ -69,7 +69,7 @@ constexpr auto enumerators_of(Satellite_usage) {
       {{in_view, "in view"}, {tracked, "tracked"}, {in_solution, "in the solution"}});
 }
 
-/// One position sample of the receiver; a measured quantity counts only when its valueType says so.
+/// One position sample of the receiver. A measured quantity counts only if its valueType says so.
 struct DT_positions_struct {
   boost::optional<Position_type> positionType;
   boost::optional<std::uint32_t> messageCounter;

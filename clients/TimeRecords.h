@@ -1,4 +1,4 @@
-/// Records that the Time service delivers, each described once.
+/// Records of the Time service, each described once.
 #pragma once
 
 #include <boost/optional.hpp>
@@ -30,7 +30,7 @@ constexpr auto enumerators_of(Date_format) {
       {{year_first, "year first"}, {day_first, "day first"}, {month_first, "month first"}});
 }
 
-/// One time of the time master.
+/// A time from the time master.
 struct DT_times_struct {
   boost::optional<Time_type> type;
   boost::optional<std::uint32_t> utcSeconds;
@@ -40,7 +40,7 @@ struct DT_times_struct {
   boost::optional<std::uint64_t> pltOffset;
 };
 
-/// How time is shown in the vehicle.
+/// The display format of times in the vehicle.
 struct DT_timeSettings_struct {
   boost::optional<std::int32_t> timeZoneOffset;
   boost::optional<bool> daylightSavingTime;

@@ -24,7 +24,7 @@ bool is_number(const boost::optional<Value>& value) {
   }
 }
 
-/// What a quality tells of a quantity that is not a good physical value.
+/// The faults implied by the quality of a quantity that is not a good physical value.
 Data_faults faults_of(Value_type quality) {
   switch (quality) {
     case Value_type::init:

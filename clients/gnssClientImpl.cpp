@@ -11,8 +11,8 @@
 namespace gnssClient {
 namespace {
 
-/// Logs one received record as one string. The text is built only when the level is on, in a buffer
-/// that each thread keeps.
+/// Logs one received record as one string. The text is built only if the level is on, in a buffer
+/// of the calling thread.
 template <class... Record>
 void log_received(const Record&... record) {
   auto line = ara::log::LogInfo();

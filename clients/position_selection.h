@@ -1,5 +1,5 @@
-/// From one `positions` notification to the one sample that is forwarded: selection by type and
-/// completion from the other type's sample.
+/// Makes the one forwarded sample from a `positions` notification: selection by type and completion
+/// from the other type's sample.
 #pragma once
 
 #include <span>
@@ -8,7 +8,7 @@
 
 namespace gnssClient {
 
-/// Samples of a notification; null where there is none.
+/// Samples of a notification; null if there is none.
 struct Selection {
   const lumo::services::gnss::datatypes::DT_positions_struct* chosen = nullptr;
   const lumo::services::gnss::datatypes::DT_positions_struct* other = nullptr;
@@ -20,8 +20,8 @@ struct Selection {
     std::span<const lumo::services::gnss::datatypes::DT_positions_struct> samples,
     lumo::services::Position_type wanted);
 
-/// Takes over each physical value of `other` for which `chosen` has none, and the message counter
-/// when `chosen` has none. What is physical in `chosen` stays.
+/// Copies each physical value of `other` that `chosen` lacks, and the message counter if `chosen`
+/// has none. Physical values of `chosen` stay.
 void complete(lumo::services::gnss::datatypes::DT_positions_struct& chosen,
               const lumo::services::gnss::datatypes::DT_positions_struct& other);
 

@@ -1,5 +1,4 @@
-/// The service by which a monitor and the diagnostic event manager talk: interface, skeleton,
-/// proxy.
+/// The service between a monitor and the diagnostic event manager: interface, skeleton, proxy.
 #pragma once
 
 #include <array>
@@ -13,7 +12,7 @@
 
 namespace mw::dm::dem {
 
-/// Why the event manager initialises a monitor. Other values may arrive and are ignored.
+/// The event manager's reason to initialise a monitor. Other values may arrive and are ignored.
 enum class InitMonitorReason : std::uint8_t { kClear = 0, kRestart = 1, kReenabled = 2 };
 constexpr auto enumerators_of(InitMonitorReason) {
   using enum InitMonitorReason;
@@ -21,7 +20,7 @@ constexpr auto enumerators_of(InitMonitorReason) {
       {{kClear, "kClear"}, {kRestart, "kRestart"}, {kReenabled, "kReenabled"}});
 }
 
-/// What a monitor reports. The application sends the first two only; the event manager debounces.
+/// The report of a monitor. The application sends the first two only; the event manager debounces.
 enum class MonitorActionType : std::uint8_t {
   kPassed = 0,
   kFailed = 1,
@@ -62,9 +61,8 @@ class DiagnosticMonitorProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Di
  public:
   explicit DiagnosticMonitorProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{connection()};
-  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
-      connection()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{core()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{core()};
 };
 }  // namespace proxy
 
@@ -72,20 +70,19 @@ namespace skeleton {
 class DiagnosticMonitorSkeleton
     : public mw::com::cpp_binding::skeleton::Skeleton_impl<DiagnosticMonitor> {
  public:
-  /// An implementation's destructor must begin with disconnect(), so that no call reaches it any
-  /// more.
+  /// An implementation's destructor must begin with disconnect(), so that afterwards no call
+  /// reaches it.
   explicit DiagnosticMonitorSkeleton(const ara::core::InstanceSpecifier& specifier)
       : Skeleton_impl{specifier} {
     mw::com::cpp_binding::skeleton::provide(
-        provision(), DiagnosticMonitor::InitMonitor,
+        core(), DiagnosticMonitor::InitMonitor,
         [this](InitMonitorReason reason) { return InitMonitor(reason); });
   }
   virtual ~DiagnosticMonitorSkeleton() { disconnect(); }
 
   virtual ara::core::Future<void> InitMonitor(InitMonitorReason reason) = 0;
 
-  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
-      provision()};
+  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{core()};
 };
 }  // namespace skeleton
 

@@ -1,4 +1,4 @@
-/// Records that the Positioning service publishes, each described once.
+/// Records of the Positioning service, each described once.
 #pragma once
 
 #include <boost/optional.hpp>

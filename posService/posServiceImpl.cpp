@@ -48,7 +48,7 @@ std::uint32_t to_ms(std::uint64_t us) {
   return static_cast<std::uint32_t>(us / 1000);
 }
 
-/// Bit for bit: a NaN repeats itself.
+/// Compares bit for bit: a NaN equals itself.
 template <class Value>
 bool same(const boost::optional<Value>& a, const boost::optional<Value>& b) {
   using Bits = std::array<std::byte, sizeof(Value)>;
