@@ -150,56 +150,66 @@ void Discovery_server::subscribe(const Entry& entry,
     return;
   }
 
-  auto& subscriptions = group->second.subscriptions;
   const Subscriber subscriber{from, endpoints, entry.counter()};
-  const auto present = std::ranges::find_if(subscriptions, [&](const Subscription& known_one) {
-    return known_one.subscriber == subscriber;
-  });
   if (stop) {
-    if (present == subscriptions.end()) return;
-    subscriptions.erase(present);
-    group->second.changed = true;
+    const auto ended = std::erase_if(group->second.subscriptions, [&](const Subscription& one) {
+      return one.subscriber == subscriber;
+    });
+    group->second.changed |= ended > 0;
     return;
   }
 
   const bool needs_udp = transport.udp && transport.multicast_threshold != 1;
   if ((needs_udp && !endpoints.udp) || (transport.tcp && !endpoints.tcp) ||
-      (transport.tcp && !host_.has_connection(found->second.offer, *endpoints.tcp))) {
+      (transport.tcp && !host_.has_connection(found->second.offer, *endpoints.tcp)) ||
+      !keep(group->second, subscriber, entry, explicit_initial_data, now)) {
     refuse(entry, from);
     return;
   }
+  acknowledge(entry, transport, from);
+}
 
+bool Discovery_server::keep(Group& group,
+                            const Subscriber& subscriber,
+                            const Entry& entry,
+                            bool explicit_initial_data,
+                            Time now) {
+  auto& subscriptions = group.subscriptions;
   const Time expires = end_of_life(now, entry.ttl, timing_.longest_subscribe_ttl);
+  const auto present = std::ranges::find(subscriptions, subscriber, &Subscription::subscriber);
   if (present != subscriptions.end()) {
     present->expires = expires;
     if (explicit_initial_data && entry.initial_data_requested()) {
-      present->fresh = group->second.values_wanted = true;
+      present->fresh = group.values_wanted = true;
     }
   } else {
     const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
-      return one.subscriber.origin.sender == from.sender;
+      return one.subscriber.origin.sender == subscriber.origin.sender;
     });
     if (subscriptions.size() >= limits_.subscribers_per_event_group ||
         std::cmp_greater_equal(places, limits_.subscribers_per_address)) {
       counters_.refused_subscribers.add();
-      refuse(entry, from);
-      return;
+      return false;
     }
     const bool fresh = !explicit_initial_data || entry.initial_data_requested();
     subscriptions.push_back({subscriber, expires, fresh});
-    group->second.changed = true;
-    group->second.values_wanted |= fresh;
+    group.changed = true;
+    group.values_wanted |= fresh;
   }
   next_expiry_ = std::min(next_expiry_, expires);
   counters_.subscriptions_accepted.add();
+  return true;
+}
 
-  Entry ack = entry;
-  ack.type = Entry_type::subscribe_ack;
+void Discovery_server::acknowledge(Entry entry,
+                                   const Group_transport& transport,
+                                   const Origin& to) {
+  entry.type = Entry_type::subscribe_ack;
   std::vector<Option> multicast;
   if (transport.multicast && transport.multicast_threshold > 0) {
     multicast.push_back(Option::multicast(*transport.multicast));
   }
-  outbox_.add(from.peer, {ack}, std::move(multicast));
+  outbox_.add(to.peer, {entry}, std::move(multicast));
 }
 
 template <class Predicate>

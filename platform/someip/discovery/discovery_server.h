@@ -125,6 +125,13 @@ class Discovery_server {
   void end_all_subscriptions(Local& local);
   [[nodiscard]] Answer* answer_to(const Discovery_outbox::Destination& to, Time now);
   void refuse(Entry entry, const Origin& to);
+  void acknowledge(Entry entry, const Group_transport& transport, const Origin& to);
+  /// Adds the subscription or renews it. False when a bound refuses the newcomer.
+  [[nodiscard]] bool keep(Group& group,
+                          const Subscriber& subscriber,
+                          const Entry& entry,
+                          bool explicit_initial_data,
+                          Time now);
   template <class Predicate>
   std::size_t end_subscriptions(Predicate&& ends);
 
