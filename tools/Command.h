@@ -17,7 +17,8 @@ class Usage_error : public std::invalid_argument {
   using std::invalid_argument::invalid_argument;
 };
 
-/// Writes all of `text` to standard output before it returns. Throws std::system_error.
-void write_output(std::string_view text);
+/// Writes all of `text` to standard output before it returns, unless the descriptor `cancel`
+/// becomes readable while a pipe has no room. Throws std::system_error.
+void write_output(std::string_view text, int cancel = -1);
 
 }  // namespace tools

@@ -3,7 +3,10 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -28,15 +31,17 @@ std::optional<int> parse(CLI::App& app, int argc, char** argv) {
   }
 }
 
-void write_output(std::string_view text) {
+void write_output(std::string_view text, int cancel) {
   while (!text.empty()) {
-    const ssize_t count = ::write(STDOUT_FILENO, text.data(), text.size());
+    std::array<pollfd, 2> events{{{STDOUT_FILENO, POLLOUT, 0}, {cancel, POLLIN, 0}}};
+    static_cast<void>(::poll(events.data(), events.size(), -1));
+    if (events[0].revents == 0 && events[1].revents != 0) return;
+    // A pipe that is writable has room for this many bytes: the write does not block.
+    const ssize_t count =
+        ::write(STDOUT_FILENO, text.data(), std::min<std::size_t>(text.size(), PIPE_BUF));
     if (count >= 0) {
       text.remove_prefix(static_cast<std::size_t>(count));
-    } else if (errno == EAGAIN) {
-      pollfd output{STDOUT_FILENO, POLLOUT, 0};
-      ::poll(&output, 1, -1);
-    } else if (errno != EINTR) {
+    } else if (errno != EINTR && errno != EAGAIN) {
       throw std::system_error(errno, std::generic_category(), "cannot write to standard output");
     }
   }

@@ -83,6 +83,8 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
        "a number from 1 to 16777215"},
       {"/serviceDiscovery/subscribeTtlS", 1, "serviceDiscovery.subscribeTtlS",
        "more than cyclicOfferDelayMs, 1000 ms, found 1"},
+      {"/serviceDiscovery/longestOfferTtlS", 1, "serviceDiscovery.longestOfferTtlS",
+       "more than cyclicOfferDelayMs, 1000 ms, found 1"},
       {"/serviceDiscovery/cyclicOfferDelayMs", 3000, "serviceDiscovery.cyclicOfferDelayMs",
        "less than offerTtlS, 3 s, found 3000"},
       {"/limits/reassemblies", -1, "limits.reassemblies", "a number from 1"},
@@ -161,7 +163,8 @@ TEST(Manifest, gives_an_id_of_its_own_to_each_node_that_names_none) {
   document["nodes"]["zero"] = json{{"address", "127.43.0.9"}};
   document["nodes"]["three"] = json{{"address", "127.43.0.8"}};
   document["serviceDiscovery"]["offerTtlS"] = 0xFFFFFF;  // is never renewed
-  document["serviceDiscovery"]["subscribeTtlS"] = 3601;
+  for (const auto* key : {"subscribeTtlS", "longestOfferTtlS"})
+    document["serviceDiscovery"][key] = 3601;
   document["serviceDiscovery"]["cyclicOfferDelayMs"] = 3'600'000;
   std::set<std::uint16_t> ids;
   for (const auto& node : tq::com::parse_deployment(document.dump(), "file").nodes)

@@ -138,8 +138,8 @@ class Deaf_host final : public Discovery_server_host {
   bool has_connection(const Offer&, const Endpoint&) override { return false; }
   void subscribers_changed(const Instance_key&,
                            std::uint16_t,
-                           const std::vector<Subscriber>&,
                            const std::vector<Subscriber>&) override {}
+  void values_wanted(const Instance_key&, std::uint16_t, const std::vector<Subscriber>&) override {}
 };
 
 TEST(Discovery_server, a_find_costs_no_more_when_many_answers_wait) {

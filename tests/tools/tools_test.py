@@ -1,5 +1,6 @@
 """posctl and gnss-gateway as their users see them."""
 
+import fcntl
 import json
 import os
 import pathlib
@@ -7,7 +8,9 @@ import re
 import resource
 import signal
 import socket
+import struct
 import subprocess
+import termios
 import time
 import unittest
 
@@ -288,6 +291,17 @@ class Tools(unittest.TestCase):
         gateway.stdout.close()
         gateway.terminate()
         self.assertEqual((gateway.wait(timeout=DEADLINE), gateway.log.read_text()), (0, ""))
+
+    def test_a_watch_whose_output_is_not_read_ends_when_told_to(self):
+        self.desk.start(APPLICATION)
+        self.desk.start(GATEWAY, "--rate", 1000)
+        watch = self.desk.start(POSCTL, "watch", "--json")
+
+        def waiting():  # bytes in the pipe
+            return struct.unpack("i", fcntl.ioctl(watch.stdout, termios.FIONREAD, b"\0" * 4))[0]
+        until(lambda: waiting() > 60000, "a full pipe")
+        watch.terminate()
+        self.assertEqual(watch.wait(timeout=DEADLINE), 0)
 
     def test_a_component_state_is_asked_for_over_the_bus(self):
         self.desk.start_bus()

@@ -11,21 +11,30 @@
 
 namespace posctl {
 
-Printer::Printer(std::uint64_t count) : enough_(count), finished_(eventfd(0, EFD_CLOEXEC)) {
-  if (finished_ < 0)
-    throw std::system_error(errno, std::generic_category(),
-                            "cannot create an event for the end of the output");
+namespace {
+
+int make_event() {
+  const int event = eventfd(0, EFD_CLOEXEC);
+  if (event >= 0) return event;
+  throw std::system_error(errno, std::generic_category(),
+                          "cannot create an event for the end of the output");
 }
+
+}  // namespace
+
+Printer::Printer(std::uint64_t count)
+    : enough_(count), finished_(make_event()), cancelled_(make_event()) {}
 
 Printer::~Printer() {
   close(finished_);
+  close(cancelled_);
 }
 
 void Printer::print(const std::string& line) {
   const std::lock_guard lock(mutex_);
   if (failure_ || (enough_ != 0 && printed_ >= enough_)) return;
   try {
-    tools::write_output(line + "\n");
+    tools::write_output(line + "\n", cancelled_);
     ++printed_;
   } catch (...) {
     failure_ = std::current_exception();
@@ -50,7 +59,9 @@ bool Printer::wait(tools::Stop_signal& stop_signal, double seconds) const {
     end = steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(
                                     std::chrono::duration<double>(seconds));
   }
-  return stop_signal.wait_until(end, finished_) == tools::Stop_signal::Wake::due;
+  const auto wake = stop_signal.wait_until(end, finished_);
+  eventfd_write(cancelled_, 1);
+  return wake == tools::Stop_signal::Wake::due;
 }
 
 }  // namespace posctl

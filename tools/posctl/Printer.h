@@ -26,12 +26,14 @@ class Printer {
   void check() const;
 
   /// Returns true when the time is over before enough lines have come, a line could not be written
-  /// or a stop signal came. 0 seconds: no bound.
+  /// or a stop signal came. 0 seconds: no bound. A reader of standard output that has stopped
+  /// reading holds print() up no longer then.
   [[nodiscard]] bool wait(tools::Stop_signal& stop_signal, double seconds) const;
 
  private:
   const std::uint64_t enough_;
   const int finished_;        ///< readable when no more lines are printed
+  const int cancelled_;       ///< readable when wait() has returned
   mutable std::mutex mutex_;  ///< guards the members below and standard output
   std::uint64_t printed_ = 0;
   std::exception_ptr failure_;

@@ -157,6 +157,9 @@ someip::Discovery_timing discovery(const Json_reader& value) {
   members.done();
   require_renewal(members, "offerTtlS", result.offer_ttl, result.cyclic_offer_delay);
   require_renewal(members, "subscribeTtlS", result.subscribe_ttl, result.cyclic_offer_delay);
+  require_renewal(members, "longestOfferTtlS", result.longest_offer_ttl, result.cyclic_offer_delay);
+  require_renewal(members, "longestSubscribeTtlS", result.longest_subscribe_ttl,
+                  result.cyclic_offer_delay);
   if (result.initial_delay_min > result.initial_delay_max) {
     value.fail("initialDelayMinMs not above initialDelayMaxMs");
   }
