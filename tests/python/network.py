@@ -525,8 +525,3 @@ class Peer:
         if not hasattr(self, "_caller"):
             self._caller = self.socket()
         return self._caller
-
-
-def milliseconds(entries):
-    """The times between neighbours."""
-    return [(b.time - a.time) * 1000 for a, b in zip(entries, entries[1:])]
