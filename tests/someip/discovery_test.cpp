@@ -5,8 +5,10 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <boost/algorithm/hex.hpp>
 #include <ctime>
 #include <set>
+#include <span>
 
 namespace someip {
 namespace {
@@ -119,6 +121,31 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
     return happened();
   }
   std::string says(const Entry& entry, const By& by = {}) { return says(std::vector{entry}, by); }
+  /// A message with one entry that refers to `options`, bytes in hexadecimal digits. `runs`: the
+  /// two indexes and the two counts.
+  std::string says_raw(Entry entry, const std::string& options, std::uint32_t runs) {
+    Discovery_writer writer;
+    EXPECT_TRUE(writer.add(entry, {}));
+    auto bytes = writer.message(++sessions[{2, false}], true);
+    const std::string content = boost::algorithm::unhex(options);
+    for (std::size_t i = 0; i < 3; ++i)
+      bytes[header_size + 9 + i] = static_cast<std::byte>(runs >> (16 - 8 * i));
+    const auto add = std::as_bytes(std::span(content));
+    store32(bytes.data() + bytes.size() - 4, static_cast<std::uint32_t>(add.size()));
+    bytes.insert(bytes.end(), add.begin(), add.end());
+    store32(bytes.data() + 4, static_cast<std::uint32_t>(bytes.size() - 8));
+    discovery().received(bytes, endpoint(2, 30490), false, now);
+    return happened();
+  }
+  /// Is a subscription with these options acknowledged, and an offer with them used? Both or none.
+  bool usable(const std::string& options, std::uint32_t runs) {
+    const bool offer_used = says_raw(offered(), options, runs).find("found") != std::string::npos;
+    says(offered(0));
+    const auto answer = says_raw(wish(), options, runs);
+    EXPECT_EQ(offer_used, answer.find("accept") != std::string::npos) << options << ": " << answer;
+    says(wish(0));
+    return offer_used;
+  }
   void link(bool up) { discovery().link_changed(up, now); }
 
   /// What happens until so many milliseconds after the start.
@@ -143,6 +170,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
 
   Deployment deployment;
   Discovery_timing& timing = deployment.discovery;
+  Node_deployment node;
   bool value_missing = false;
   Counters counters;
 
@@ -221,7 +249,6 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
   void doubt_connection(const Endpoint&) override {}
   std::optional<Endpoint> tcp_endpoint(const Endpoint&) override { return std::nullopt; }
 
-  Node_deployment node;
   Log log{nullptr};
   const Time start{std::chrono::hours(1)};
   Time now = start;
@@ -233,6 +260,9 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
 TEST_F(Discovery_test, offers_wait_repeat_with_a_delay_that_doubles_and_go_on_cyclically) {
   timing.repetitions_max = 3;
   timing.cyclic_offer_delay = Milliseconds(250);
+  offer();
+  stop_offer();
+  EXPECT_EQ(happened(), "");  // nobody knows of it yet
   offer();
   EXPECT_EQ(until(1000),
             "80 all: offer v1 | 130 all: offer v1 | 230 all: offer v1 | 430 all: offer v1 | 680 "
@@ -336,6 +366,8 @@ TEST_F(Discovery_test, each_offer_brings_one_renewal_without_initial_data) {
   says(answer());
   subscribe();  // a second user wants the values again
   EXPECT_EQ(happened(), "2000 to 2: stop r1/7 subscribe r1/7!");
+  says(answer());
+  EXPECT_EQ(says(offered()), "2000 to 2: subscribe r1/7");  // wants them once
   unsubscribe();
   EXPECT_EQ(happened(), "");
   unsubscribe();
@@ -352,6 +384,9 @@ TEST_F(
     const std::string again =
         flags == explicit_initial_data ? "subscribe r1/7!" : "stop r1/7 subscribe r1/7!";
     const By by{.multicast = true, .flags = flags};
+    says(offered(), by);
+    until(150);
+    EXPECT_EQ(says(offered(), {.flags = flags}), "150 to 2: subscribe r1/7!");
     says(offered(), by);
     until(200);
     for (const int round : {1, 2}) {
@@ -398,13 +433,14 @@ TEST_F(Discovery_test,
 TEST_F(Discovery_test,
        an_offer_ends_with_its_time_to_live_and_the_search_begins_again_without_another) {
   search();
+  until(500);
   says(offered(1), to_all);
   says(offered(3, 2), {.peer = 3});
-  until(600);
+  until(1000);
   says(offered(1), to_all);
-  EXPECT_EQ(until(1700), "1600 lost r1");
+  EXPECT_EQ(until(2100), "2000 lost r1");
   EXPECT_EQ(until(4000),
-            "3000 lost r2 | 3080 all: find r* | 3130 all: find r* | 3230 all: find r*");
+            "3500 lost r2 | 3580 all: find r* | 3630 all: find r* | 3730 all: find r*");
   timing.longest_offer_ttl = 10;
   says(offered(), to_all);
   EXPECT_EQ(until(14'000), "14000 lost r1");
@@ -464,20 +500,26 @@ TEST_F(Discovery_test,
   EXPECT_EQ(says({wish(), wish(3, unknown), wish(3, value)}),
             "1000 1 use v1/7 | 1000 1 use v1/8 | 1000 to 2: accept v1/7 refuse v1/9 accept v1/8 | "
             "1000 values for 1 v1/7 | 1000 values for 1 v1/8");
-  EXPECT_EQ(says(wish(forever, tick, 0)), "1000 to 2: accept v1/7");  // a renewal
+  EXPECT_EQ(says(wish()), "1000 to 2: accept v1/7");  // a renewal
+  EXPECT_EQ(says(wish(forever, tick, 0), {.flags = explicit_initial_data}),
+            "1000 to 2: accept v1/7");
+  EXPECT_EQ(says(wish(), {.flags = explicit_initial_data}),
+            "1000 to 2: accept v1/7 | 1000 values for 1 v1/7");
   EXPECT_EQ(says({wish(0), wish()}),
             "1000 1 use v1/7 | 1000 to 2: accept v1/7 | 1000 values for 1 v1/7");
   EXPECT_EQ(says(wish(forever, tick, 0x8F)),
             "1000 2 use v1/7 | 1000 to 2: accept v1/7 | 1000 values for 1 v1/7");
-  EXPECT_EQ(until(5000), "4000 0 use v1/8");  // the others are endless
-  EXPECT_EQ(says(wish(0)), "5000 1 use v1/7");
+  until(3000);
+  EXPECT_EQ(says(wish(3, value)), "3000 to 2: accept v1/8");
+  EXPECT_EQ(until(7000), "6000 0 use v1/8");  // the others are endless
+  EXPECT_EQ(says(wish(0)), "7000 1 use v1/7");
   stop_offer();
-  EXPECT_EQ(happened(), "5000 0 use v1/7 | 5000 all: stop-offer v1");
-  EXPECT_EQ(says(wish()), "5000 to 2: refuse v1/7");
+  EXPECT_EQ(happened(), "7000 0 use v1/7 | 7000 all: stop-offer v1");
+  EXPECT_EQ(says(wish()), "7000 to 2: refuse v1/7");
 }
 
 TEST_F(Discovery_test, an_instance_stays_with_its_provider_and_newcomers_past_a_bound_are_refused) {
-  deployment.limits.remote_instances = 2;
+  deployment.limits.remote_instances = deployment.limits.remote_instances_per_address = 2;
   deployment.limits.discovery_peers = 3;
   active();
   EXPECT_EQ(says(offered(), {.peer = 3}), "");
@@ -488,6 +530,9 @@ TEST_F(Discovery_test, an_instance_stays_with_its_provider_and_newcomers_past_a_
   for (int peer = 4; peer < 7; ++peer)
     says(find(), {.peer = peer});
   EXPECT_EQ(counters.refused_peers.value(), 2u);
+  for (const auto ttl : {0U, forever, 0U, forever, 0U})
+    says(offered(ttl, 2));
+  EXPECT_EQ(says(offered(3, 3)), "300 found r3") << "what has gone leaves its place";
   says(offered(0));
   EXPECT_EQ(says(offered(), {.peer = 3}), "300 found r1 | 300 to 3: subscribe r1/7!");
 }
@@ -498,6 +543,7 @@ TEST_F(Discovery_test,
   offer();
   until(1000);
   says(wish());
+  says(find(), to_all);
   link(false);
   EXPECT_EQ(happened(), "1000 off r1/7 | 1000 lost r1 | 1000 0 use v1/7");
   EXPECT_EQ(says(wish()) + says(offered()) + until(9000), "");
@@ -520,6 +566,97 @@ TEST_F(Discovery_test, a_find_costs_no_more_when_many_answers_wait) {
   EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC);
   const auto answers = until(1100);
   EXPECT_EQ(std::ranges::count(answers, 'v'), instances * clients);
+}
+
+const std::string own = "000904000a000002001107d0";  // 10.0.0.2, UDP, port 2000
+constexpr std::uint32_t all_of(std::size_t count) {
+  return static_cast<std::uint32_t>(count << 4);
+}
+
+/// An endpoint option of UDP.
+std::string at(const std::string& address, const std::string& rest = "001107d0") {
+  return "00090400" + address + rest;
+}
+/// A configuration option with these bytes behind the reserved one.
+std::string configuration(const std::string& content) {
+  char head[9];
+  std::snprintf(head, sizeof head, "%04x0100", static_cast<unsigned>(content.size() / 2 + 1));
+  return head + content;
+}
+
+TEST_F(Discovery_test, options_that_name_no_usable_endpoint_refuse_the_entry) {
+  node.prefix_length = 24;
+  offer();
+  until(1000);
+  ASSERT_TRUE(usable(own, all_of(1)));
+  for (const auto& option :
+       {std::string("000804000a000002001107"), own.substr(0, 3) + "a" + own.substr(4) + "00",
+        std::string("000004"), at("0a000002", "000107d0"), at("0a000002", "008407d0"),
+        at("0a000002", "00110000"), configuration("036b657900"),
+        "00150600fd0000000000000000000000000000010011" + std::string("07d0"), at("0a010203"),
+        at("00000000"), at("ffffffff"), at("ef010203"), at("0a0000ff"), at("0a000001")}) {
+    EXPECT_FALSE(usable(option, all_of(1))) << option;
+  }
+  for (const auto& another : {at("0a000002", "001107d1"), at("0a00004d")}) {
+    EXPECT_FALSE(usable(own + another, all_of(2))) << another;
+    EXPECT_FALSE(usable(own + another, 0x000111)) << another;
+  }
+  for (const auto beyond : {0x010010U, 0x000020U, 0xFF00F0U, 0x0000F0U, 0x000111U, 0U})
+    EXPECT_FALSE(usable(own, beyond)) << beyond;
+  EXPECT_FALSE(usable("", all_of(1)));
+  node.prefix_length = 0;
+  for (const auto& option : {at("00000000"), at("ef010203"), at("0a000001")})
+    EXPECT_FALSE(usable(option, all_of(1))) << option;
+}
+
+TEST_F(Discovery_test, options_that_the_entry_does_not_need_are_ignored_unless_they_are_malformed) {
+  node.prefix_length = 24;
+  offer();
+  until(1000);
+  for (const auto& option :
+       {configuration("096b65793d76616c756500"), configuration("036b657900"),
+        configuration("046b65793d00"), configuration("00"),
+        configuration("056b65793d61056b65793d6200"), configuration("0a6b65793d763d6d6f726500"),
+        configuration("056b203dc3a400"), std::string("0005020000010002"),
+        std::string("00097700616e797468696e67"), std::string("0001ff80"), std::string("000030"),
+        "001115" + std::string(34, '0'),
+        "00150600fd0000000000000000000000000000010011" + std::string("07d0"),
+        at("0a000002", "000607d0"), own, std::string("00091400ef010203001107d0")}) {
+    EXPECT_TRUE(usable(own + option, all_of(2))) << option;
+    EXPECT_TRUE(usable(option + own, all_of(2))) << option;
+    EXPECT_TRUE(usable(option + own, 0x000111)) << option;
+    EXPECT_TRUE(usable(option + own, 0x010010)) << option;
+    EXPECT_TRUE(usable(option + own, 0xFF0101)) << "the index of an empty run";
+  }
+  for (const auto& option :
+       {configuration("096b65793d76616c7565"), configuration("063d76616c756500"),
+        configuration("0961626300"), configuration("046b01793d00"),
+        configuration("036b6579006d6f7265"), std::string("000001"),
+        std::string("0009040000000000")}) {  // cut off at the end of the message
+    EXPECT_FALSE(usable(own + option, all_of(2))) << option;
+    EXPECT_TRUE(usable(own + option, all_of(1))) << "of another entry: " << option;
+  }
+}
+
+TEST_F(Discovery_test, options_of_finds_do_not_matter_and_events_go_to_the_subscriber_itself) {
+  offer();
+  until(1000);
+  for (const auto& option :
+       {own, at("ef010203", "00110000"), configuration("036b657900"), std::string("000277003078")})
+    EXPECT_EQ(says_raw(find(), option, all_of(1)), "1000 to 2: offer v1") << option;
+  EXPECT_EQ(says_raw(find(), "", all_of(1)), "");
+  EXPECT_EQ(says_raw(find(), own, 0x030020), "");
+  EXPECT_EQ(counters.dropped_entries.value(), 2u);
+  EXPECT_EQ(says_raw(wish(), at("0a000005"), all_of(1)), "1000 to 2: refuse v1/7");
+  timing.subscriptions_for_others = true;
+  EXPECT_NE(says_raw(wish(), at("0a000005"), all_of(1)).find("accept"), std::string::npos);
+  // Only the endpoint that is used tells subscriptions apart.
+  says_raw(wish(), own + at("0a000002", "000607d0"), all_of(2));
+  EXPECT_EQ(says_raw(wish(0), own, all_of(1)), "1000 1 use v1/7");
+  for (const auto& address : {"0a010203", "00000000", "ffffffff", "0a000001"}) {
+    node.prefix_length = 24;
+    EXPECT_EQ(says_raw(find(), std::string("00092400") + address + "0011771a", 0), "") << address;
+  }
 }
 
 }  // namespace
