@@ -20,7 +20,7 @@ ComponentClientWrapper::ComponentClientWrapper(Persistency* persistency, Prepare
     : logger_(ara::log::CreateLogger("CCSW", "ComponentClietWrapper class own context")),
       persistency_(persistency),
       prepareCallback_(std::move(prepare)) {
-  // The first request may come before the client is here; it waits for the lock.
+  // The first request may arrive before the client is set; it waits for the lock.
   const std::lock_guard lock(mutex_);
   client_ =
       ara::stm::createComponentClient(ara::core::InstanceSpecifier(kApplicationInstance),
@@ -37,7 +37,7 @@ ComponentClientWrapper::~ComponentClientWrapper() {
     client = std::move(client_);
   }
   client.reset();        // waits for a request under way, which needs the lock
-  waitForPreparation();  // of such a request
+  waitForPreparation();  // started by such a request
   persistency_->setCallback({});
 }
 
@@ -96,7 +96,7 @@ void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
     preparation_ = std::async(std::launch::async, &ComponentClientWrapper::prepare, this);
     preparing_ = true;
   } catch (const std::exception& error) {
-    // No thread to be had: the next request tries again.
+    // No thread is available: the next request tries again.
     logger_.LogError() << "Error in the preparation for shutdown:" << error.what();
     persistency_->setCallback({});
     state_ = State::kOn;

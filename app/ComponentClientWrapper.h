@@ -1,4 +1,4 @@
-/// Follows the component states that state management asks for.
+/// Follows the component states requested by state management.
 #pragma once
 
 #include <chrono>
@@ -16,16 +16,16 @@
 
 /// Allows storing while the application is on and forbids it once it is prepared for shutdown.
 ///
-/// "kPrepSD" asks the prepare callback. When it says that the owner is ready, the request ends at
-/// once. Otherwise a preparation goes on in a thread of its own: it asks again every second and
-/// after each controlled save of the persistency (without a callback such a save is enough) and is
-/// over when the callback agrees, at the latest after 5 s. Any other state ends a preparation; its
-/// request then gets no confirmation of its own.
+/// "kPrepSD" asks the prepare callback. If it reports that the owner is ready, the request ends at
+/// once. Otherwise a preparation continues on a thread of its own. It asks again every second and
+/// after each controlled save of the persistency; without a callback such a save is enough. The
+/// preparation ends when the callback agrees, at the latest after 5 s. A request for any other
+/// state ends a preparation, whose request then gets no confirmation of its own.
 class ComponentClientWrapper {
  public:
-  /// Whether the owner is ready for shutdown. Called under the lock of the requests, which also
-  /// serialises the access to the persistency: it may store, but neither make a request nor wait
-  /// for one. What it throws is logged and counts as not ready.
+  /// Returns true if the owner is ready for shutdown. Called under the lock of the requests, which
+  /// also serialises the access to the persistency: the callback may store, but neither make a
+  /// request nor wait for one. An exception is logged and counts as not ready.
   using PrepareCallback = std::function<bool()>;
 
   /// Connects to state management, whose requests may arrive from now on. `persistency` is not
@@ -36,8 +36,9 @@ class ComponentClientWrapper {
   ComponentClientWrapper(const ComponentClientWrapper&) = delete;
   ComponentClientWrapper& operator=(const ComponentClientWrapper&) = delete;
 
-  /// "kPrepSD", or any other name for "kOn". Confirmed to state management with 0 (accepted) or 1
-  /// (a preparation is running already, or there is no thread for it). Any thread may call.
+  /// Requests "kPrepSD", or any other name for "kOn". Confirmed to state management with 0
+  /// (accepted) or 1 (a preparation is already running, or no thread is available for it). Any
+  /// thread may call.
   void componentStateChangeRequest(const std::string& newState, std::uint32_t seqNum);
 
  private:
@@ -62,26 +63,29 @@ class ComponentClientWrapper {
   std::unique_ptr<ara::stm::ComponentClient> client_;  ///< guarded by mutex_
   ara::log::Logger& logger_;
   State state_ = State::kOn;  ///< guarded by mutex_
-  /// Guards the state and every request to its end, and what the preparation works on. Held while
-  /// the prepare callback, a log call and a confirmation run, unlike any other lock here: the
-  /// persistency has no lock of its own, and state management must see switches and confirmations
-  /// in the order of the decisions. Nothing of that comes back: the callback must not, the log
-  /// calls nobody, and a confirmation neither waits nor calls the handler.
+  /// Guards the state, every request to its end, and the data of the preparation. Unlike any other
+  /// lock here it is held while the prepare callback, a log call and a confirmation run. The
+  /// reasons: the persistency has no lock of its own, and state management must see switches and
+  /// confirmations in the order of the decisions. None of the three calls back here: the callback
+  /// must not, a log call calls no other component, and a confirmation neither waits nor calls the
+  /// handler.
   std::mutex mutex_;
   Persistency* persistency_;
   PrepareCallback prepareCallback_;
   std::future<void> preparation_;  ///< guarded by mutex_
 
-  // Guarded by mutex_: the request that a preparation works for. A running one goes on with the
-  // newest, so that no request has to wait for its end.
+  // Guarded by mutex_: the request behind the running preparation. A running preparation continues
+  // with the newest request, so that no request has to wait for its end.
   bool preparing_ = false;
   std::uint32_t preparedSeqNum_ = 0;
   Clock::time_point deadline_;
-  std::uint64_t seenWakes_ = 0;  ///< those of wakes_ that the request no longer waits for
+  std::uint64_t seenWakes_ = 0;  ///< those of wakes_ for which the request no longer waits
 
-  /// Guards wakes_. Apart from mutex_, because a prepare callback that stores gets here under it.
+  /// Guards wakes_. Separate from mutex_, because a prepare callback that stores locks this one
+  /// under mutex_.
   std::mutex wakeMutex_;
   std::condition_variable wake_;
-  /// Counted, not noted: a wake for a new request reaches a thread that still waits for an old one.
+  /// A count instead of a flag, so that a wake for a new request reaches a thread that still waits
+  /// for an old one.
   std::uint64_t wakes_ = 0;
 };

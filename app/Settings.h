@@ -1,4 +1,4 @@
-/// What of the application's behaviour can be set in the key-value storage.
+/// The application's settings in the key-value storage.
 #pragma once
 
 #include <cstdint>
@@ -9,13 +9,13 @@
 struct Settings {
   bool recievedGNSSDataLogging = true;      ///< log every received position and quality
   bool ignoreGNSSTimestamps = true;         ///< stamp forwarded positions with the current time
-  bool alwaysSendAllValidPositions = true;  ///< publish a position that repeats the last one too
+  bool alwaysSendAllValidPositions = true;  ///< publish a position even if it repeats the last one
   bool useGNSSDR = true;                    ///< forward GNSS-DR positions instead of GNSS ones
   std::uint32_t mmNewPositionCalculationIntervalMS = 1000;  ///< between two map-matched positions
-  Persistency& persistency;                                 ///< where the values come from
+  Persistency& persistency;                                 ///< source of the values
   bool timeClientEnabled = false;  ///< monitor and log the Time service, keep its offset
 };
 
-/// Reads every setting, each by itself: one that is missing, of another type or unreadable keeps
+/// Reads every setting separately. A missing or unreadable setting, or one of another type, keeps
 /// its default and is logged in the context of `persistency`.
 [[nodiscard]] Settings readSettings(Persistency& persistency);

@@ -1,4 +1,4 @@
-/// The process's signals as calls on an ordinary thread.
+/// Turns the process's signals into calls on an ordinary thread.
 #pragma once
 
 #include <atomic>
@@ -10,14 +10,14 @@ class Signal_thread {
  public:
   using Handler = void (*)(int signal);
 
-  /// Blocks the four signals in the calling thread and in all threads that it starts later. To be
-  /// called before the process has a second thread.
+  /// Blocks the four signals in the calling thread and in all threads that it starts later. Call it
+  /// before the process has a second thread.
   static void blockSignals();
 
-  /// Signals that have arrived since blockSignals() are handled before this returns, on the calling
-  /// thread. What `handler` throws later ends the process.
+  /// Handles the signals that have arrived since blockSignals() on the calling thread, before it
+  /// returns. Later, an exception from `handler` ends the process.
   explicit Signal_thread(Handler handler);
-  /// Waits for a handler call under way. The signals stay blocked: they end nothing any more.
+  /// Waits for a handler call under way. The signals stay blocked: they no longer end the process.
   ~Signal_thread();
   Signal_thread(const Signal_thread&) = delete;
   Signal_thread& operator=(const Signal_thread&) = delete;

@@ -1,4 +1,4 @@
-/// The name under which execution, state and health management know this application.
+/// The name of this application for execution, state and health management.
 #pragma once
 
 #include <string_view>

@@ -1,4 +1,4 @@
-/// What the build knows about itself, for the start-up log.
+/// Facts about the build, for the start-up log.
 #pragma once
 
 #include <string_view>
@@ -6,7 +6,7 @@
 namespace build_info {
 
 extern const std::string_view version;
-extern const std::string_view build_time;  ///< when its libraries had last changed
+extern const std::string_view build_time;  ///< the last build in which its libraries changed
 extern const std::string_view middleware_release;
 extern const std::string_view dfl_version;
 extern const std::string_view dm_extensions_version;

@@ -1,4 +1,4 @@
-# Defines build_info::build_time as the time of now, or as that of the environment variable SOURCE_DATE_EPOCH:
+# Defines build_info::build_time as the present time, or as that of the environment variable SOURCE_DATE_EPOCH:
 # cmake -D OUTPUT=<file> -P build_time.cmake
 string(TIMESTAMP time "%Y-%m-%d %H:%M:%S UTC" UTC)
 file(CONFIGURE OUTPUT ${OUTPUT} @ONLY CONTENT

@@ -31,7 +31,7 @@ constexpr std::size_t count_status_members() {
 }
 static_assert(count_status_members() == std::tuple_size_v<Output_defaults>);
 
-/// Takes over the entry at `Index` of the GNSS record when it is a measured quantity.
+/// Copies the entry at `Index` of the GNSS record if it is a measured quantity.
 template <std::size_t Index>
 void take_over(const Gnss& gnss, Output& output) {
   constexpr const auto& entry = std::get<Index>(binding::Description<Gnss>::entries);

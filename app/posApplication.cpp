@@ -30,9 +30,6 @@ using diagnosisService::kSystemReserved13;
 constexpr std::chrono::milliseconds kShutdownPoll{500};
 constexpr std::uint64_t kDataTimeoutMs = 5000;
 
-/// The type of a time that carries the platform offset.
-constexpr std::uint32_t kPlatformTime = 2;
-
 Data_bus_element elementOf(gnssClient::gnssClientImpl::Field field) {
   using Field = gnssClient::gnssClientImpl::Field;
   switch (field) {
@@ -56,7 +53,7 @@ posApplication::posApplication(Persistency persistency)
   gnssClient_.setUseGNSSDR(settings_->useGNSSDR);
   posService_.setAlwaysSendAllValidPositions(settings_->alwaysSendAllValidPositions);
   posService_.setMmNewPositionCalculationIntervalMS(settings_->mmNewPositionCalculationIntervalMS);
-  // Nothing here needs time before a shutdown.
+  // This application needs no time before a shutdown.
   componentClient_.emplace(&persistency_, [] { return true; });
 }
 
@@ -69,7 +66,7 @@ int posApplication::run() {
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kRunning);
   start();
 
-  // The order is fixed, byte 13 twice in it.
+  // The order is fixed and contains byte 13 twice.
   for (const auto byte : {kSystemMapMatching, kSystemReserved13, kSystemReserved13, kSystemPgf}) {
     diagnosisService_.setSystemStatus(byte, diagnosisService::kNotAvailable);
   }
@@ -94,7 +91,9 @@ void posApplication::start() {
   phmClient_.init();
   diagnosisService_.init(kDataTimeoutMs);
   diagnosisService_.startMonitors();
-  outputDefaults_ = {2, 1, 2, 2, 2, 1, 0};
+  namespace status = lumo::services::positioning::datatypes::position_status;
+  outputDefaults_ = {status::position, status::altitude, status::yaw_angle,   status::speed,
+                     status::attitude, status::time,     status::map_matching};
   posService_.init();
   initGnssClient();
   if (settings_->timeClientEnabled) initTimemasterClient();
@@ -174,10 +173,10 @@ void posApplication::receiveTimes(const Times& times) {
   {
     auto line = ara::log::LogInfo();
     line << "Times struct received from Timemaster: ";
-    times.type ? line << *times.type : line << "type missing, ";
+    times.type ? line << static_cast<std::uint32_t>(*times.type) : line << "type missing, ";
     times.pltOffset ? line << *times.pltOffset : line << "pltOffset missing";
   }
-  if (times.type == kPlatformTime && times.pltOffset) {
+  if (times.type == lumo::services::time::datatypes::Time_type::platform && times.pltOffset) {
     timeutils::instance().setOffset(*times.pltOffset / 1000);
   }
   diagnosisService_.dataReceived(kMonitorInputTime);

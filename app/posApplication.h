@@ -1,5 +1,5 @@
-/// The one application object: owns every part, starts and stops them in order, and carries
-/// positions from the GNSS client to the Positioning service.
+/// The application object: owns every part, starts and stops them in order, and carries positions
+/// from the GNSS client to the Positioning service.
 #pragma once
 
 #include <atomic>
@@ -18,20 +18,20 @@
 
 class posApplication {
  public:
-  /// Reads the settings; starts nothing but the connection to state management. The middleware's
+  /// Reads the settings and connects to state management; starts nothing else. The middleware's
   /// runtime must exist and outlive this object.
   explicit posApplication(Persistency persistency);
-  /// Also after an exception out of run() no position reaches a part that is gone already.
+  /// Even if run() throws, no callback reaches a destroyed member.
   ~posApplication();
   posApplication(const posApplication&) = delete;
   posApplication& operator=(const posApplication&) = delete;
 
-  /// Starts everything, returns after a shutdown signal when everything has stopped. The result is
+  /// Starts everything. Returns when everything has stopped after a shutdown signal. The result is
   /// the process's exit code, 0.
   int run();
 
   /// SIGUSR1 and SIGUSR2 request the states "kPrepSD" and "kOn", every other number the shutdown.
-  /// Any thread may call, also while run() starts or stops.
+  /// Any thread may call, even while run() starts or stops.
   void signalHandler(int sigId);
 
  private:
@@ -45,7 +45,7 @@ class posApplication {
 
   void reportFaults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
 
-  // On threads of the middleware; settings_ and outputDefaults_ do not change any more then.
+  // Called on threads of the middleware, after the last change of settings_ and outputDefaults_.
   void sendDRPosition(const GnssPosition& position);
   void receiveTimes(const Times& times);
 

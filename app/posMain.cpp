@@ -22,12 +22,12 @@
 namespace {
 
 constexpr int kExitUnhandledException = 104;
-/// Lets what is still on its way through the middleware end before the middleware does.
+/// Time for messages still under way to leave before the middleware ends.
 constexpr std::chrono::seconds kRuntimeDelay{1};
 
-/// A shared pointer that two threads may read and replace. Shared, because a signal that is being
-/// handled keeps the application alive. A mutex rather than std::atomic<std::shared_ptr>, because
-/// that of libstdc++ 12 gives its lock bit back without a release when it is read, which the thread
+/// A shared pointer that two threads may read and replace. Shared, so that a signal being handled
+/// keeps the application alive. A mutex instead of std::atomic<std::shared_ptr>: the one of
+/// libstdc++ 12 gives its lock bit back without a release when it is read, which the thread
 /// sanitizer reports.
 class Application_pointer {
  public:
@@ -45,7 +45,8 @@ class Application_pointer {
   std::shared_ptr<posApplication> pointer_;
 };
 
-/// The application, for the signal handler; empty before it is constructed and once it is to go.
+/// The application, for the signal handler; empty before its construction and once its destruction
+/// begins.
 Application_pointer application;
 
 void handleSignal(int sigId) {
@@ -66,7 +67,7 @@ class Application_owner {
     application_ = made.get();
     application.exchange(made);
   }
-  /// Returns when the application is gone. A signal that is being handled delays that.
+  /// Returns when the application is destroyed. A signal being handled delays that.
   ~Application_owner() {
     {
       std::shared_ptr<posApplication> last;
@@ -118,16 +119,16 @@ int exitAfter(const char* exception) {
 }  // namespace
 
 int posMain(int /*argc*/, char** /*argv*/) {
-  // Before logging, which brings threads of its own: no thread but one may get the signals.
+  // Before logging, which starts threads of its own: only one thread may receive the signals.
   Signal_thread::blockSignals();
-  // Outlives everything that the signals could reach or end.
+  // Outlives every object that a signal could reach or end.
   std::optional<Signal_thread> signalThread;
   int exitCode = 0;
   try {
     ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                           ara::log::LogMode::kRemote, "");
     logBanner();
-    // Before the runtime, which must not outlive what it traces to.
+    // Before the runtime, which must not outlive the destination of its trace.
     binding::Platform_trace_logger traceLogger(ara::log::CreateLogger("TRCE", "Binding trace"));
     const binding::Trace_records traceRecords(traceLogger);
     auto runtime = std::make_unique<mw::com::runtime::Component_singleton>("", false);

@@ -25,7 +25,7 @@ inline gnss::DT_positions_struct sample(std::uint32_t type) {
     position.*quantity.value.pointer = static_cast<Value>(12.3456789 + quantity.value.id);
     position.*quantity.quality.pointer = binding::Value_type::physical_value;
   });
-  position.positionType = type;
+  position.positionType = lumo::services::Position_type{type};
   position.messageCounter = 7;
   return position;
 }

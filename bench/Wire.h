@@ -126,7 +126,7 @@ inline std::vector<std::byte> gnss_datagram() {
     position.*quantity.value.pointer = static_cast<Value>(12.3456789 + quantity.value.id);
     position.*quantity.quality.pointer = binding::Value_type::physical_value;
   });
-  position.positionType = 2;
+  position.positionType = lumo::services::Position_type::gnss_dr;
   position.messageCounter = 7;
   std::vector<std::byte> payload;
   binding::encode(positions, payload);

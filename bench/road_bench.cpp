@@ -127,9 +127,9 @@ void log_line_by_snprintf(benchmark::State& state) {
         "preciseLocalTimeSeconds=%u (valueType is %s), preciseLocalTimeNanoseconds=%u (valueType "
         "is %s), "
         "sample is %llu us old at arrival compared to PLT, sampleTime = %llu arrivalTime = %llu",
-        *p.positionType, static_cast<double>(*p.messageCounter), *p.LAT, "PhysicalValue", *p.LON,
-        "PhysicalValue", static_cast<double>(*p.altitudeWGS84), "PhysicalValue",
-        static_cast<double>(*p.altitudeMeanSeaLevel), "PhysicalValue",
+        static_cast<unsigned>(*p.positionType), static_cast<double>(*p.messageCounter), *p.LAT,
+        "PhysicalValue", *p.LON, "PhysicalValue", static_cast<double>(*p.altitudeWGS84),
+        "PhysicalValue", static_cast<double>(*p.altitudeMeanSeaLevel), "PhysicalValue",
         static_cast<double>(*p.yawAngle), "PhysicalValue", static_cast<double>(*p.speed2D),
         "PhysicalValue", *p.preciseLocalTimeSeconds, "PhysicalValue",
         *p.preciseLocalTimeNanoseconds, "PhysicalValue", 1699999999000000ULL, 1000000ULL,

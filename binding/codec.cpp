@@ -4,8 +4,8 @@ namespace binding {
 
 namespace {
 
-/// In list order, the first match; records number their members densely, so the entry is nearly
-/// always the one at the index of its data ID.
+/// Returns the first match in list order. Records number their members densely, so the entry is
+/// nearly always the one at the index of its data ID.
 const Tag_entry* find_tag(std::span<const Tag_entry> tags, std::uint16_t data_id) {
   if (data_id < tags.size() && (tags[data_id].tag & data_id_mask) == data_id) return &tags[data_id];
   for (const auto& entry : tags) {
@@ -18,7 +18,8 @@ bool wire_types_agree(Wire_type sent, Wire_type expected) {
   return sent == expected || (sent > Wire_type::bits_64 && expected > Wire_type::bits_64);
 }
 
-/// What follows a tag: decodes the member of `entry`, or skips the item when it is null.
+/// Reads the item behind a tag: decodes the member of `entry`, or skips the item if `entry` is
+/// null.
 void read_item(Cursor& cursor,
                std::uint16_t tag,
                const Tag_entry* entry,
@@ -30,7 +31,7 @@ void read_item(Cursor& cursor,
   if (entry == nullptr) {
     cursor.skip(length);
   } else if (wire_type_of(tag) <= Wire_type::bits_64) {
-    // The value's own read checks the bounds of a member of fixed size.
+    // Reading the value checks the bounds of a member of fixed size.
     entry->read(cursor, cursor.size(), record, settings);
   } else {
     const auto end = end_position(cursor.position(), cursor.size(), length);
@@ -39,9 +40,9 @@ void read_item(Cursor& cursor,
   }
 }
 
-/// Reads items as long as members come in declaration order, with unknown ones between them. Stops
-/// behind the last member of the list and ahead of a member whose place is already passed. Returns
-/// how many members it found.
+/// Reads items as long as members are in declaration order, with unknown ones between them. Stops
+/// behind the last member of the list and ahead of a member that should have come earlier. Returns
+/// the number of members found.
 std::size_t read_members_in_order(Cursor& cursor,
                                   std::size_t end,
                                   std::span<const Tag_entry> tags,
@@ -68,7 +69,7 @@ std::size_t read_members_in_order(Cursor& cursor,
   return found;
 }
 
-/// Whether a whole item comes next, ahead of `end`, and is unknown or of its member's wire type.
+/// True if a whole item follows ahead of `end`, and is unknown or has its member's wire type.
 bool item_follows(Cursor cursor,
                   std::size_t end,
                   std::span<const Tag_entry> tags,
@@ -93,7 +94,7 @@ void read_members_in_any_order(Cursor& cursor,
                                void* record,
                                const Serialization_settings& settings) {
   if (read_members_in_order(cursor, end, tags, record, settings) < tags.size()) {
-    // Members may still come behind their places. The first that is no item begins a surplus.
+    // Members may still follow out of order. The first bytes that are no item begin a surplus.
     while (item_follows(cursor, end, tags, settings)) {
       const auto tag = cursor.read<std::uint16_t>(Byte_order::big_endian);
       read_item(cursor, tag, find_tag(tags, tag & data_id_mask), record, settings);
@@ -121,7 +122,7 @@ std::byte* Codec<std::map<std::string, std::string>>::write(
 
 namespace {
 
-/// Whether a key and a value, each behind its length field, lie within the received bytes.
+/// True if a key and a value, each behind its length field, lie within the received bytes.
 bool entry_fits(Cursor cursor, const Serialization_settings& settings) {
   for (int string = 0; string < 2; ++string) {
     if (cursor.remaining() < settings.string_length_field_size) return false;
@@ -132,7 +133,7 @@ bool entry_fits(Cursor cursor, const Serialization_settings& settings) {
   return true;
 }
 
-/// Skips entries of empty key and value, which are nothing but zeros, and returns how many.
+/// Skips entries of empty key and value, which consist of zeros, and returns their number.
 std::size_t skip_empty_entries(Cursor& cursor,
                                std::size_t end,
                                const Serialization_settings& settings) {
@@ -162,8 +163,8 @@ void Codec<std::map<std::string, std::string>>::read(Cursor& cursor,
     cursor.read(text.data(), text.size());
   };
   map.clear();
-  // Behind the first entry, what is no entry is the surplus of a sender with more to say. Zeros
-  // ahead of it belong to it, though they could be empty entries.
+  // Behind the first entry, bytes that are no entry are the surplus of a newer sender. Zeros ahead
+  // of a surplus belong to it, though they could be empty entries.
   for (bool first = true; cursor.position() < end; first = false) {
     const auto empty_entries = skip_empty_entries(cursor, end, settings);
     const bool at_end = cursor.position() == end;

@@ -1,6 +1,6 @@
-/// Encoding and decoding of everything that travels: numbers, strings, arrays, vectors, string maps
-/// and described records. Top-level entry points are encode() and decode(); proxies and skeletons
-/// reach them through mw::com::cpp_binding::Serialization.
+/// Encoding and decoding of every type on the wire: numbers, strings, arrays, vectors, string maps
+/// and described records. The top-level entry points are encode() and decode(); proxies and
+/// skeletons use them through mw::com::cpp_binding::Serialization.
 #pragma once
 
 #include <algorithm>
@@ -16,11 +16,11 @@
 
 namespace binding {
 
-/// Stands for the settings of the item around a type; at the top level for the defaults.
+/// Stands for the settings of the item around a type; at the top level, for the defaults.
 struct Settings_of_surroundings : Serialization_settings {};
 
-/// Settings of an encoded type. Specialise it, as Serialization_settings, for a type that differs
-/// from the items in which it travels.
+/// Settings of an encoded type. Specialise it, as Serialization_settings, for a type whose settings
+/// differ from those of the item around it.
 template <class T>
 inline constexpr Settings_of_surroundings settings_of{};
 
@@ -34,20 +34,20 @@ constexpr const Serialization_settings& settings_within(const Serialization_sett
   }
 }
 
-/// Codec<T> handles the bare value, without the length field that a nested item has. `settings` are
-/// those of T. Its members:
+/// Codec<T> handles the bare value, without the length field of a nested item. `settings` are those
+/// of T. Its members:
 ///
 ///   static constexpr Wire_type wire_type;
 ///     as a TLV member
 ///   static std::uint64_t length_field(settings);
 ///     size of the length field of a nested item; 0: it has none
 ///   static constexpr bool top_level_length_field;
-///     whether it has that field at the top level of a payload too: containers do, records do not
+///     true if it also has that field at the top level of a payload: containers do, records do not
 ///   static std::size_t size(const T&, settings);
 ///   static std::byte* write(const T&, std::byte* to, settings);
 ///     returns the position behind it
 ///   static void read(Cursor&, std::size_t end, T&, settings);
-///     `end` is where its announced length ends
+///     `end` is the end of its announced length
 ///   static void trace(const T&, Trace_json&, unsigned position);
 template <class T>
 struct Codec;
@@ -90,8 +90,7 @@ struct Codec<T> {
   }
 };
 
-/// An item with its length field (when it has one) in front, inside an item with the settings
-/// `around`.
+/// An item behind its length field (if it has one), inside an item with the settings `around`.
 template <class T>
 std::size_t nested_size(const T& value, const Serialization_settings& around) {
   const auto& settings = settings_within<T>(around);
@@ -119,8 +118,8 @@ void read_nested(Cursor& cursor, T& value, const Serialization_settings& around)
   Codec<T>::read(cursor, end, value, settings);
   finish_item(cursor, end);
 }
-/// How many nested items begin ahead of `end`, by their length fields; the last one may be cut.
-/// 0 when they have no length field.
+/// The number of nested items that begin ahead of `end`, by their length fields; the last one may
+/// be cut. 0 if they have no length field.
 template <class T>
 std::size_t count_nested(Cursor cursor, std::size_t end, const Serialization_settings& around) {
   const auto& settings = settings_within<T>(around);
@@ -202,8 +201,7 @@ struct Codec<std::vector<T>> {
                    std::size_t end,
                    std::vector<T>& values,
                    const Serialization_settings& settings) {
-    // Elements that are there already are read into: they need neither be destroyed nor cleared
-    // first.
+    // Reads into existing elements: these need neither be destroyed nor cleared first.
     std::size_t count = 0;
     for (; cursor.position() < end; ++count) {
       if (count == values.size()) {
@@ -219,8 +217,8 @@ struct Codec<std::vector<T>> {
   }
 
  private:
-  /// An element of a few bytes on the wire may take hundreds in memory: a list gets no more of it
-  /// than its elements need.
+  /// An element of a few bytes on the wire may take hundreds in memory, so a list reserves only the
+  /// memory that its elements need.
   [[gnu::cold, gnu::noinline]] static void reserve_rest(const Cursor& cursor,
                                                         std::size_t end,
                                                         std::vector<T>& values,
@@ -264,8 +262,7 @@ struct Codec<std::array<T, Count>> {
   }
 };
 
-/// Meta information of the diagnostic methods: keys and values, each with a length field of its
-/// own.
+/// Meta information of the diagnostic methods: keys and values, each behind a length field.
 template <>
 struct Codec<std::map<std::string, std::string>> {
   using Map = std::map<std::string, std::string>;
@@ -322,8 +319,8 @@ struct Codec<Record> {
   }
 };
 
-/// A short member is written with its tag in one store that is wider than both: encode() keeps this
-/// many bytes free behind the payload, and what comes next overwrites the surplus.
+/// A short member is written with its tag in one store that is wider than both. encode() keeps this
+/// many bytes free behind the payload, and the next member overwrites the surplus.
 inline constexpr std::size_t write_slack = 8;
 
 template <Scalar Value>
@@ -343,21 +340,21 @@ std::byte* store_member(std::byte* to,
   }
 }
 
-/// One line of a record's tag list, with what decodes the member behind that tag.
+/// One entry of a record's tag list, with the decoder of its member.
 struct Tag_entry {
   std::uint16_t tag;
-  /// Decodes the member and marks it present; `end` is where the member's announced length ends.
+  /// Decodes the member and marks it present. `end` is the end of the member's announced length.
   void (*read)(Cursor& cursor,
                std::size_t end,
                void* record,
                const Serialization_settings& settings);
 };
 
-/// Decodes TLV members from the current position to `end` in whatever order they come. Unknown data
-/// IDs are skipped, a member sent twice keeps the last value. Surplus bytes are skipped whatever
-/// they are: all that follows when every member came in declaration order; else, behind the last
-/// member of the list and behind the first that came out of order, all from the first item on that
-/// does not fit into the record or has the wrong wire type.
+/// Decodes TLV members in any order from the current position to `end`. Skips unknown data IDs; of
+/// a member sent twice the last value holds. Skips surplus bytes, whatever their values. If every
+/// member is in declaration order, the surplus is everything behind the last one. Otherwise it
+/// begins at the first item that does not fit into the record or has the wrong wire type, behind
+/// the last member of the list and behind the first member out of order.
 void read_members_in_any_order(Cursor& cursor,
                                std::size_t end,
                                std::span<const Tag_entry> tags,
@@ -374,7 +371,7 @@ constexpr std::uint16_t tag_of(const Member& member) {
   return make_tag(Codec<typename Member::value_type>::wire_type, member.id);
 }
 
-/// A tag as it lies in memory: to compare it costs no swap of what was received.
+/// A tag as it lies in memory, so that comparing it needs no swap of received bytes.
 constexpr std::uint16_t on_wire(std::uint16_t tag) {
   return is_native(Byte_order::big_endian) ? tag : swap_bytes(tag);
 }
@@ -413,7 +410,7 @@ constexpr std::ptrdiff_t scalar_bytes(const M&) {
   return 0;
 }
 
-/// Bytes of a record with every member present, 0 when a member has no fixed size.
+/// Bytes of a record with every member present; 0 if a member has no fixed size.
 template <class Record>
 inline constexpr std::ptrdiff_t full_size = std::apply(
     [](const auto&... members) {
@@ -422,7 +419,7 @@ inline constexpr std::ptrdiff_t full_size = std::apply(
     },
     members_of<Record>);
 
-/// Where each member's tag is in a full record.
+/// Offset of each member's tag in a full record.
 template <class Record>
 inline constexpr auto full_offsets = std::apply(
     [](const auto&... members) {
@@ -434,8 +431,8 @@ inline constexpr auto full_offsets = std::apply(
     },
     members_of<Record>);
 
-/// The common case, every member present and in order: all tags are compared at once. Changes
-/// nothing and returns false when the record is a different one.
+/// The common case, every member present and in order: compares all tags at once. For any other
+/// record, changes nothing and returns false.
 template <class Record, std::size_t... Index>
 bool read_full(const std::byte* from,
                Record& record,
@@ -455,7 +452,7 @@ bool read_full(const std::byte* from,
 
 template <class Record>
 bool is_full(const Record& record) {
-  // Counting takes no branch per member, other than asking one after the other.
+  // Counting takes no branch per member; testing the members one by one would.
   return std::apply(
              [&](const auto&... members) {
                return (0U + ... + static_cast<unsigned>((record.*members.pointer).has_value()));
@@ -512,7 +509,8 @@ struct Codec<Record> {
   static std::byte* write(const Record& record,
                           std::byte* to,
                           const Serialization_settings& given) {
-    const auto settings = given;  // a copy: for the compiler, bytes written might change `given`
+    const auto settings = given;  // a copy: the compiler must assume that written bytes change
+                                  // `given`
     if constexpr (detail::full_size<Record> != 0) {
       if (detail::is_full(record)) {
         return detail::write_full(to, record, settings,
@@ -536,8 +534,8 @@ struct Codec<Record> {
     return to;
   }
 
-  /// Members in declaration order cost one comparison each and no search; a record with anything
-  /// else in it goes to the decoder for any order.
+  /// Members in declaration order cost one comparison each and no search. Any other record is left
+  /// to the decoder for any order.
   static void read(Cursor& cursor,
                    std::size_t end,
                    Record& record,
@@ -572,8 +570,8 @@ struct Codec<Record> {
       cursor.seek(end);
       return;
     }
-    // A copy, so that the address of the cursor stays unknown outside and it can live in
-    // registers.
+    // A copy, so that the address of the cursor never leaves this function and the cursor can live
+    // in registers.
     Cursor whole{cursor};
     read_members_in_any_order(whole, end, tag_list<Record>, &record, settings);
     cursor = whole;
@@ -594,8 +592,7 @@ struct Codec<Record> {
 
 namespace detail {
 
-/// A size that is at least the encoded one and costs no look at the members where they are of fixed
-/// size.
+/// An upper bound of the encoded size. Members of fixed size are not looked at.
 template <class T>
 std::size_t bound(const T& value, const Serialization_settings& settings) {
   if constexpr (Tlv_record<T>) {
@@ -630,8 +627,8 @@ std::byte* write_at_top_level(const T& value,
 
 }  // namespace detail
 
-/// Appends a top-level value: containers with their length field, records without one. When it
-/// throws, `out` is as before.
+/// Appends a top-level value: containers with their length field, records without one. If it
+/// throws, `out` is unchanged.
 template <class T>
 void encode(const T& value, Buffer& out, const Serialization_settings& settings = settings_of<T>) {
   const auto start = out.size();
@@ -645,8 +642,8 @@ void encode(const T& value, Buffer& out, const Serialization_settings& settings 
   }
 }
 
-/// The same into memory that is used again and again, and need not be cleared for that. What is
-/// returned lies in `scratch`, until that is used for something else.
+/// The same into reused memory, which need not be cleared. The result lies in `scratch` until the
+/// next use of `scratch`.
 template <class T>
 [[nodiscard]] std::span<const std::byte> encode_into(
     const T& value, Buffer& scratch, const Serialization_settings& settings = settings_of<T>) {
@@ -655,7 +652,8 @@ template <class T>
   return {scratch.data(), detail::write_at_top_level(value, scratch.data(), settings)};
 }
 
-/// Reads a top-level value at the cursor. On an exception `value` is in an unspecified valid state.
+/// Reads a top-level value at the cursor. After an exception `value` is in an unspecified valid
+/// state.
 template <class T>
 void decode(Cursor& cursor, T& value, const Serialization_settings& settings = settings_of<T>) {
   if constexpr (Codec<T>::top_level_length_field) {

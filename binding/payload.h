@@ -1,6 +1,6 @@
 /// The byte-level rules of every payload: byte order, length fields, bounds, the cursor over
-/// received bytes. Transformer rules of AUTOSAR's SOME/IP protocol; what fails is thrown as std
-/// exceptions with fixed texts. Records and containers are built on it in codec.h.
+/// received bytes. They are the transformer rules of AUTOSAR's SOME/IP protocol. Errors are std
+/// exceptions with fixed texts. codec.h builds records and containers on these rules.
 #pragma once
 
 #include <bit>
@@ -17,8 +17,8 @@ namespace binding {
 
 enum class Byte_order : std::uint32_t { big_endian = 4321, little_endian = 1234 };
 
-/// One set per encoded type, see settings_of in codec.h. Length field sizes are 0 (none), 1, 2 or 4
-/// bytes.
+/// One set per encoded type, see settings_of in codec.h. Sizes of length fields are 0 (none), 1, 2
+/// or 4 bytes.
 struct Serialization_settings {
   std::uint64_t first = 0;
   Byte_order byte_order = Byte_order::big_endian;
@@ -28,8 +28,8 @@ struct Serialization_settings {
   std::uint64_t structure_length_field_size = 4;
 };
 
-/// What follows a TLV tag (PRS_SOMEIP_00205): a value of 2^n bytes for 0 to 3, a length field
-/// otherwise.
+/// The item behind a TLV tag (PRS_SOMEIP_00205): a value of 2^n bytes for the types 0 to 3, a
+/// length field otherwise.
 enum class Wire_type : std::uint8_t {
   bits_8 = 0,
   bits_16 = 1,
@@ -54,7 +54,7 @@ inline constexpr std::uint16_t tag_mask = 0x7FFF;
   return static_cast<Wire_type>((tag >> 12U) & 7U);
 }
 
-// The exact texts, thrown out of line so that the paths that do not fail stay small.
+// The exact texts. Thrown out of line, so that the paths without an error stay small.
 [[noreturn]] void throw_length_does_not_fit();          ///< std::overflow_error
 [[noreturn]] void throw_invalid_length_field_size();    ///< std::invalid_argument
 [[noreturn]] void throw_offset_overflow();              ///< std::overflow_error
@@ -66,7 +66,7 @@ inline constexpr std::uint16_t tag_mask = 0x7FFF;
 [[noreturn]] void throw_invalid_wire_type();            ///< std::runtime_error
 [[noreturn]] void throw_no_tag_list();                  ///< std::runtime_error
 [[noreturn]] void throw_vector_without_length_field();  ///< std::invalid_argument
-/// std::runtime_error naming the array, string and structure length field sizes.
+/// std::runtime_error, which names the array, string and structure length field sizes.
 [[noreturn]] void throw_unequal_length_field_sizes(const Serialization_settings& settings);
 
 namespace detail {
@@ -103,8 +103,8 @@ constexpr std::uint64_t swap_bytes(std::uint64_t value) {
 }
 }  // namespace detail
 
-/// The unsigned integer that carries the bit pattern of a value: signed and floating-point members
-/// travel as that pattern in the configured byte order.
+/// The unsigned integer with the bit pattern of a value: signed and floating-point members are sent
+/// as that pattern in the configured byte order.
 template <class T>
 using Bits_of = typename detail::Unsigned_of_size<sizeof(T)>::type;
 
@@ -159,14 +159,14 @@ inline std::byte* store_length_field(std::byte* to,
       throw_invalid_length_field_size();
   }
 }
-/// The same, appended to a buffer, which stays as it was when this throws.
+/// The same, appended to a buffer. If it throws, the buffer is unchanged.
 void write_length_field(std::uint64_t size,
                         std::uint64_t value,
                         Buffer& buffer,
                         const Serialization_settings& settings);
 
-/// Received bytes and the current position in them. Every read advances the position; nothing is
-/// read past the end.
+/// Received bytes and the current position in them. Every read advances the position; no read
+/// passes the end.
 class Cursor {
  public:
   explicit Cursor(std::span<const std::byte> range) : range_{range} {}
@@ -226,24 +226,24 @@ class Cursor {
   }
 }
 
-/// Whether a type may use wire type 4: it requires three equal, non-zero length field sizes
+/// True if a type may use wire type 4: that requires three equal, non-zero length field sizes
 /// (PRS_SOMEIP_00215).
 [[nodiscard]] bool has_configured_length(const Serialization_settings& settings);
 
-/// Size of the length field that follows a tag of this wire type, 0 for none. Throws for wire type
-/// 4 when the type may not use it.
+/// Size of the length field behind a tag of this wire type, 0 for none. Throws for wire type 4 if
+/// the type may not use it.
 [[nodiscard]] std::uint64_t length_field_size(Wire_type wire_type,
                                               const Serialization_settings& settings);
 
-/// Size of the member that follows `tag`; reads its length field where there is one.
+/// Size of the member behind `tag`; reads its length field if there is one.
 [[nodiscard]] std::uint64_t member_size(Cursor& cursor,
                                         std::uint16_t tag,
                                         const Serialization_settings& settings);
 
-/// A length that stands for "no length field": the item extends to the end of the range.
+/// The length that stands for "no length field": the item extends to the end of the range.
 inline constexpr std::uint64_t no_length = std::numeric_limits<std::uint64_t>::max();
 
-/// Where an item of `length` bytes at `offset` ends within a range of `size` bytes.
+/// The end of an item of `length` bytes at `offset` within a range of `size` bytes.
 [[nodiscard]] inline std::size_t end_position(std::size_t offset,
                                               std::size_t size,
                                               std::uint64_t length) {
@@ -253,8 +253,7 @@ inline constexpr std::uint64_t no_length = std::numeric_limits<std::uint64_t>::m
   return offset + static_cast<std::size_t>(length);
 }
 
-/// After an item that was announced to end at `end`: too much consumed throws, a surplus is
-/// skipped.
+/// Finishes an item with the announced end `end`. Throws if too much was consumed; skips a surplus.
 inline void finish_item(Cursor& cursor, std::size_t end) {
   if (cursor.position() > end) throw_record_length_too_small();
   if (cursor.position() < end) cursor.skip(end - cursor.position());

@@ -1,6 +1,6 @@
-/// How a record is described: one constexpr list of its members beside the plain struct. The tag
-/// list, the codec, the trace payload, the tables in docs/ and what the tools print are all loops
-/// over it.
+/// The description of a record: one constexpr list of its members beside the plain struct. The tag
+/// list, the codec, the trace payload, the tables in docs/ and the output of the tools are all
+/// loops over it.
 ///
 ///   template <>
 ///   struct binding::Description<Sample> {
@@ -21,13 +21,49 @@
 
 namespace binding {
 
-/// Quality of a measured quantity, sent as a member of its own behind it.
+/// A value of an enumeration and the name that docs, tools and logs print for it.
+template <class Enumeration>
+struct Enumerator {
+  Enumeration value;
+  std::string_view name;
+};
+
+/// An enumeration with names. Beside it stands a function that lists its values in ascending order:
+///
+///   constexpr auto enumerators_of(Mode) {
+///     return std::to_array<binding::Enumerator<Mode>>({{Mode::off, "off"}, …});
+///   }
+template <class T>
+concept Named_enumeration = std::is_enum_v<T> && requires(T value) {
+  enumerators_of(value);
+};
+
+template <Named_enumeration E>
+inline constexpr auto enumerators = enumerators_of(E{});
+
+/// Empty for a value that the enumeration does not have.
+template <Named_enumeration E>
+[[nodiscard]] constexpr std::string_view name_of(E value) {
+  for (const auto& known : enumerators<E>) {
+    if (known.value == value) return known.name;
+  }
+  return {};
+}
+
+/// Quality of a measured quantity, sent as a separate member behind it.
 enum class Value_type : std::uint32_t {
   init = 1,
   error = 2,
   logical_value = 3,
   physical_value = 4
 };
+constexpr auto enumerators_of(Value_type) {
+  using enum Value_type;
+  return std::to_array<Enumerator<Value_type>>({{init, "Init"},
+                                                {error, "Error"},
+                                                {logical_value, "LogicalValue"},
+                                                {physical_value, "PhysicalValue"}});
+}
 
 /// "Init", "Error", "LogicalValue", "PhysicalValue", "unknown", or "not set" for an absent one.
 [[nodiscard]] std::string_view to_text(const boost::optional<Value_type>& value_type);
@@ -44,7 +80,7 @@ struct Member {
   std::string_view meaning;
 };
 
-/// A measured quantity and its quality, which belong together and have consecutive data IDs.
+/// A measured quantity and its quality. The two have consecutive data IDs.
 template <class Record, class Value>
 struct Quantity {
   Member<Record, Value> value;
@@ -69,11 +105,7 @@ template <class Record, class Value>
     std::string_view unit = {},
     std::string_view meaning = {}) {
   return {{id, name, value, unit, meaning},
-          {static_cast<std::uint16_t>(id + 1),
-           "valueType",
-           quality,
-           {},
-           "quality of the quantity above"}};
+          {static_cast<std::uint16_t>(id + 1), "valueType", quality, {}, {}}};
 }
 
 /// A member of a record without tags: always sent, in declaration order.
@@ -143,7 +175,7 @@ concept Plain_record = Described<T> && detail::is_plain<T>;
 template <class T>
 concept Tlv_record = Described<T> && !detail::is_plain<T>;
 
-/// All members of a record, quantities taken apart, in declaration order.
+/// All members of a record in declaration order, each quantity split into its two members.
 template <Described Record>
 inline constexpr auto members_of = std::apply(
     [](const auto&... entries) {
@@ -155,7 +187,7 @@ template <Described Record>
 inline constexpr std::size_t member_count =
     std::tuple_size_v<std::remove_cvref_t<decltype(members_of<Record>)>>;
 
-/// Whether each member has a data ID of its own that fits into the 12 bits of a tag.
+/// True if each member has a data ID of its own that fits into the 12 bits of a tag.
 template <Tlv_record Record>
 inline constexpr bool has_valid_ids = std::apply(
     [](const auto&... members) {

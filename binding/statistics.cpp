@@ -36,7 +36,8 @@ std::unique_ptr<Statistics_skeleton> offer_statistics() {
     statistics->OfferService();
     return statistics;
   } catch (const std::runtime_error&) {
-    // The binding's trace record tells; nothing in the vehicle depends on this service.
+    // The binding's trace record reports the failure; no function of the vehicle depends on this
+    // service.
     return nullptr;
   }
 }

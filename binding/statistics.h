@@ -1,5 +1,5 @@
-/// The service by which an integrator looks into the running process: its records, interface,
-/// skeleton and proxy. Not a part of the vehicle's functions.
+/// The service that lets an integrator look into the running process: its records, interface,
+/// skeleton and proxy. It is not a function of the vehicle.
 #pragma once
 
 #include <memory>
@@ -47,16 +47,14 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
  public:
   explicit Statistics_proxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Method<Statistics::Counters_result()> Counters{
-      connection(), Statistics::Counters.name};
-  mw::com::cpp_binding::proxy::Method<Statistics::Process_result()> Process{
-      connection(), Statistics::Process.name};
+  mw::com::cpp_binding::proxy::Element<Statistics::Counters> Counters{connection()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Process> Process{connection()};
 };
 
-/// Answers with the figures of this process.
+/// Answers with the counters and usage of this process.
 class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Statistics> {
  public:
-  /// The instance "Statistics_ProvidedSomeipServiceInstance". Throws std::runtime_error when the
+  /// The instance "Statistics_ProvidedSomeipServiceInstance". Throws std::runtime_error if the
   /// manifest does not have it.
   Statistics_skeleton();
   ~Statistics_skeleton() { disconnect(); }
@@ -65,8 +63,8 @@ class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl
   [[nodiscard]] ara::core::Future<Statistics::Process_result> Process();
 };
 
-/// Offers the service until the result is destroyed. None when the manifest does not deploy it:
-/// a vehicle may leave it out.
+/// Offers the service until the result is destroyed. Returns null if the manifest does not deploy
+/// it: a vehicle may leave it out.
 [[nodiscard]] std::unique_ptr<Statistics_skeleton> offer_statistics();
 
 }  // namespace binding

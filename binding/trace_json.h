@@ -1,4 +1,4 @@
-/// Collector for the JSON form of a payload: members under keys made of position and kind.
+/// Collects the JSON form of a payload: members under keys made of position and kind.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,7 @@ class Trace_json {
   virtual void uint16(unsigned position, std::uint16_t value) = 0;
   /// A value whose type has no JSON form.
   virtual void undefined(unsigned position) = 0;
-  /// Opens an "array", a "vector" or a "generated_type"; what follows until end() goes inside.
+  /// Opens an "array", a "vector" or a "generated_type"; the members until end() are inside it.
   virtual void begin(unsigned position, std::string_view kind) = 0;
   virtual void end() = 0;
 };

@@ -16,7 +16,7 @@ using mw::com::cpp_binding::Trace_id;
 
 namespace {
 
-/// Keys sort by their numeric prefix, "2_…" before "10_…"; keys without one come last.
+/// Keys sort by their numeric prefix, "2_…" before "10_…"; keys without a prefix are last.
 struct By_prefix {
   using is_transparent = void;
   bool operator()(std::string_view a, std::string_view b) const {
@@ -39,10 +39,10 @@ template <class Key, class Value, class, class Allocator>
 using Prefix_map = std::map<Key, Value, By_prefix, Allocator>;
 using Json = nlohmann::basic_json<Prefix_map>;
 
-/// How a record names what it is about.
+/// The members by which a record names its subject.
 enum class Subject : std::uint8_t {
   service_and_instance,
-  searched_service_and_instance,  ///< proxy side, where only the interface's name is known
+  searched_service_and_instance,  ///< proxy side, which knows only the interface's name
   searched_service,
   instance_only,
   event_only,
@@ -209,8 +209,7 @@ void Trace_records::write(const Trace_event& event) noexcept {
   try {
     text = to_json(event);
   } catch (...) {
-    // Tracing never fails the operation it describes; the empty line shows that a record is
-    // missing.
+    // Tracing never lets the traced operation fail; the empty line shows that a record is missing.
     text.clear();
   }
   try {

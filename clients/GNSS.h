@@ -29,12 +29,9 @@ class GNSSProxy : public mw::com::cpp_binding::proxy::Proxy_impl<GNSS> {
  public:
   explicit GNSSProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Field<decltype(GNSS::positions)::value_type> positions{
-      connection(), GNSS::positions.name};
-  mw::com::cpp_binding::proxy::Field<decltype(GNSS::positionsQuality)::value_type> positionsQuality{
-      connection(), GNSS::positionsQuality.name};
-  mw::com::cpp_binding::proxy::Field<decltype(GNSS::posGnssSatInfos)::value_type> posGnssSatInfos{
-      connection(), GNSS::posGnssSatInfos.name};
+  mw::com::cpp_binding::proxy::Element<GNSS::positions> positions{connection()};
+  mw::com::cpp_binding::proxy::Element<GNSS::positionsQuality> positionsQuality{connection()};
+  mw::com::cpp_binding::proxy::Element<GNSS::posGnssSatInfos> posGnssSatInfos{connection()};
 };
 }  // namespace proxy
 
@@ -44,12 +41,9 @@ class GNSSSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<GNSS> 
   explicit GNSSSkeleton(const ara::core::InstanceSpecifier& specifier) : Skeleton_impl{specifier} {}
   ~GNSSSkeleton() { disconnect(); }
 
-  mw::com::cpp_binding::skeleton::Field<decltype(GNSS::positions)::value_type> positions{
-      provision(), GNSS::positions.name};
-  mw::com::cpp_binding::skeleton::Field<decltype(GNSS::positionsQuality)::value_type>
-      positionsQuality{provision(), GNSS::positionsQuality.name};
-  mw::com::cpp_binding::skeleton::Field<decltype(GNSS::posGnssSatInfos)::value_type>
-      posGnssSatInfos{provision(), GNSS::posGnssSatInfos.name};
+  mw::com::cpp_binding::skeleton::Element<GNSS::positions> positions{provision()};
+  mw::com::cpp_binding::skeleton::Element<GNSS::positionsQuality> positionsQuality{provision()};
+  mw::com::cpp_binding::skeleton::Element<GNSS::posGnssSatInfos> posGnssSatInfos{provision()};
 };
 }  // namespace skeleton
 

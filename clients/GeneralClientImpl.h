@@ -1,5 +1,5 @@
-/// What every client of a required service does alike: search, connect to the first instance
-/// offered, run the owner's set-up step on each new connection.
+/// The work shared by all clients of a required service: search, connect to the first offered
+/// instance, run the owner's set-up step on each new connection.
 #pragma once
 
 #include <atomic>
@@ -12,11 +12,11 @@
 #include "ara/com/types.h"
 #include "ara/log/logger.h"
 
-/// `Proxy` is the proxy class of the service. init() and stop() come from one thread at a time,
-/// and neither from a receive handler of the proxy.
+/// `Proxy` is the proxy class of the service. One thread at a time calls init() and stop(), and
+/// never a receive handler of the proxy.
 ///
-/// Searching → connected on the first search result with an instance; connected → unavailable when
-/// a result is empty (the proxy stays, but receives nothing); every other result with an instance
+/// Searching → connected: on the first search result with an instance. Connected → unavailable: on
+/// an empty result (the proxy stays, but receives nothing). Every other result with an instance
 /// gives a fresh proxy and fresh subscriptions.
 template <class Proxy>
 class GeneralClientImpl {
@@ -27,14 +27,14 @@ class GeneralClientImpl {
   GeneralClientImpl(const GeneralClientImpl&) = delete;
   GeneralClientImpl& operator=(const GeneralClientImpl&) = delete;
 
-  /// Told when the service goes and comes, on a worker. Set before init().
+  /// Called on a worker when the service becomes available or unavailable. Set it before init().
   void setAvailabilityCallback(std::function<void(bool available)> callback) {
     on_availability_ = std::move(callback);
   }
 
   /// Starts the search for any instance and returns at once. `set_up(proxy)` runs on a worker after
-  /// each connection, to subscribe; the subscriptions of the connection before have ended by then,
-  /// so that no handler of theirs runs beside a new one. Throws what the search throws when the
+  /// each connection, to subscribe. The subscriptions of the previous connection have ended by
+  /// then, so no handler of theirs runs beside a new one. Throws the exception of the search if the
   /// service is not deployed. A second call starts over.
   template <class Set_up>
   void init(Set_up&& set_up) {
@@ -44,7 +44,7 @@ class GeneralClientImpl {
         [this](const auto& handles, ara::com::FindServiceHandle) { on_search_result(handles); });
   }
 
-  /// Ends search and subscriptions. Waits for handlers that run; none runs afterwards.
+  /// Ends search and subscriptions. Waits for running handlers; none runs afterwards.
   void stop() {
     if (!search_) return;
     Proxy::StopFindService(*search_);
@@ -53,7 +53,7 @@ class GeneralClientImpl {
     replace_proxy(nullptr);
   }
 
-  /// Whether the last search result held an instance.
+  /// True if the last search result held an instance.
   [[nodiscard]] bool isAvailable() const { return available_; }
 
  private:
@@ -81,7 +81,7 @@ class GeneralClientImpl {
       const std::lock_guard lock{mutex_};
       proxy_.swap(proxy);
     }
-    // Ends the previous proxy, which waits for its handlers: not under the lock.
+    // Destroys the previous proxy, which waits for its handlers, so not under the lock.
     proxy.reset();
   }
 
@@ -91,7 +91,7 @@ class GeneralClientImpl {
   std::optional<ara::com::FindServiceHandle> search_;
   std::atomic<bool> available_{false};
   std::mutex mutex_;  ///< guards proxy_
-  /// Shared with the search handler, whose set-up step may be using it when stop() is called from
-  /// within that step.
+  /// Shared with the search handler, whose set-up step may still use it when stop() is called from
+  /// that step.
   std::shared_ptr<Proxy> proxy_;
 };

@@ -1,17 +1,77 @@
-/// Records that the GNSS service delivers, each described once.
+/// Records of the GNSS service, each described once.
 #pragma once
 
 #include <boost/optional.hpp>
 #include <cstdint>
 #include <string>
 
-#include "binding/record.h"
+#include "binding/position_type.h"
 
 namespace lumo::services::gnss::datatypes {
 
-/// One position sample of the receiver; a measured quantity counts only when its valueType says so.
+enum class Receiver_mode : std::uint32_t { off = 0, acquiring = 1, navigating = 2 };
+constexpr auto enumerators_of(Receiver_mode) {
+  using enum Receiver_mode;
+  return std::to_array<binding::Enumerator<Receiver_mode>>(
+      {{off, "off"}, {acquiring, "acquiring"}, {navigating, "navigating"}});
+}
+
+enum class Fix_type : std::uint32_t {
+  none = 0,
+  dead_reckoning = 1,
+  two_dimensional = 2,
+  three_dimensional = 3,
+  differential = 4,
+  rtk_float = 5,
+  rtk_fixed = 6,
+};
+constexpr auto enumerators_of(Fix_type) {
+  using enum Fix_type;
+  return std::to_array<binding::Enumerator<Fix_type>>({{none, "none"},
+                                                       {dead_reckoning, "dead reckoning"},
+                                                       {two_dimensional, "2D"},
+                                                       {three_dimensional, "3D"},
+                                                       {differential, "differential"},
+                                                       {rtk_float, "RTK float"},
+                                                       {rtk_fixed, "RTK fixed"}});
+}
+
+enum class Antenna_status : std::uint32_t { unknown = 0, ok = 1, open = 2, short_circuit = 3 };
+constexpr auto enumerators_of(Antenna_status) {
+  using enum Antenna_status;
+  return std::to_array<binding::Enumerator<Antenna_status>>(
+      {{unknown, "unknown"}, {ok, "ok"}, {open, "open"}, {short_circuit, "short circuit"}});
+}
+
+/// Also the number of the system's bit in systemsInView, systemsInUse and systemsTracked.
+enum class Gnss_system : std::uint32_t {
+  gps = 0,
+  glonass = 1,
+  galileo = 2,
+  beidou = 3,
+  sbas = 4,
+  other = 5,
+};
+constexpr auto enumerators_of(Gnss_system) {
+  using enum Gnss_system;
+  return std::to_array<binding::Enumerator<Gnss_system>>({{gps, "GPS"},
+                                                          {glonass, "GLONASS"},
+                                                          {galileo, "Galileo"},
+                                                          {beidou, "BeiDou"},
+                                                          {sbas, "SBAS"},
+                                                          {other, "other"}});
+}
+
+enum class Satellite_usage : std::uint32_t { in_view = 0, tracked = 1, in_solution = 2 };
+constexpr auto enumerators_of(Satellite_usage) {
+  using enum Satellite_usage;
+  return std::to_array<binding::Enumerator<Satellite_usage>>(
+      {{in_view, "in view"}, {tracked, "tracked"}, {in_solution, "in the solution"}});
+}
+
+/// One position sample of the receiver. A measured quantity counts only if its valueType says so.
 struct DT_positions_struct {
-  boost::optional<std::uint32_t> positionType;
+  boost::optional<Position_type> positionType;
   boost::optional<std::uint32_t> messageCounter;
   boost::optional<double> LAT;
   boost::optional<binding::Value_type> LAT_valueType;
@@ -59,7 +119,7 @@ struct DT_positions_struct {
 
 /// Quality of the position solution.
 struct DT_positionsQuality_struct {
-  boost::optional<std::uint32_t> positionType;
+  boost::optional<Position_type> positionType;
   boost::optional<float> gDOP;
   boost::optional<binding::Value_type> gDOP_valueType;
   boost::optional<float> hDOP;
@@ -69,8 +129,8 @@ struct DT_positionsQuality_struct {
   boost::optional<float> vDOP;
   boost::optional<binding::Value_type> vDOP_valueType;
   boost::optional<bool> isActivatedAssistedGNSS;
-  boost::optional<std::uint32_t> statusReceiverMode;
-  boost::optional<std::uint32_t> statusFixType;
+  boost::optional<Receiver_mode> statusReceiverMode;
+  boost::optional<Fix_type> statusFixType;
   boost::optional<std::uint32_t> updateRateGNSS;
   boost::optional<binding::Value_type> updateRateGNSS_valueType;
   boost::optional<std::uint32_t> satsInView;
@@ -92,20 +152,20 @@ struct DT_positionsQuality_struct {
   boost::optional<std::uint8_t> satsInUseGalileo;
   boost::optional<std::uint8_t> satsInUseBeiDou;
   boost::optional<std::uint8_t> satsInUseSBAS;
-  boost::optional<std::uint32_t> statusGNSSAntenna;
+  boost::optional<Antenna_status> statusGNSSAntenna;
 };
 
 /// One satellite.
 struct DT_posGnssSatInfos_struct {
   boost::optional<std::uint32_t> satelliteId;
-  boost::optional<std::uint32_t> gnssSystem;
+  boost::optional<Gnss_system> gnssSystem;
   boost::optional<float> elevation;
   boost::optional<binding::Value_type> elevation_valueType;
   boost::optional<float> azimuth;
   boost::optional<binding::Value_type> azimuth_valueType;
   boost::optional<float> carrierToNoise;
   boost::optional<binding::Value_type> carrierToNoise_valueType;
-  boost::optional<std::uint32_t> usage;
+  boost::optional<Satellite_usage> usage;
 };
 
 }  // namespace lumo::services::gnss::datatypes
@@ -115,7 +175,7 @@ struct binding::Description<lumo::services::gnss::datatypes::DT_positions_struct
   using Record = lumo::services::gnss::datatypes::DT_positions_struct;
   static constexpr std::string_view name = "lumo::services::gnss::datatypes::DT_positions_struct";
   static constexpr auto entries = std::tuple{
-      member(0, "positionType", &Record::positionType, "", "1 = GNSS, 2 = GNSS-DR"),
+      member(0, "positionType", &Record::positionType),
       member(1, "messageCounter", &Record::messageCounter, "", "counts the samples of the sender"),
       quantity(2,
                "LAT",
@@ -251,7 +311,7 @@ struct binding::Description<lumo::services::gnss::datatypes::DT_positionsQuality
   static constexpr std::string_view name =
       "lumo::services::gnss::datatypes::DT_positionsQuality_struct";
   static constexpr auto entries = std::tuple{
-      member(0, "positionType", &Record::positionType, "", "1 = GNSS, 2 = GNSS-DR"),
+      member(0, "positionType", &Record::positionType),
       quantity(
           1, "gDOP", &Record::gDOP, &Record::gDOP_valueType, "", "geometric dilution of precision"),
       quantity(3,
@@ -269,17 +329,8 @@ struct binding::Description<lumo::services::gnss::datatypes::DT_positionsQuality
              &Record::isActivatedAssistedGNSS,
              "",
              "assistance data in use"),
-      member(10,
-             "statusReceiverMode",
-             &Record::statusReceiverMode,
-             "",
-             "0 = off, 1 = acquiring, 2 = navigating"),
-      member(11,
-             "statusFixType",
-             &Record::statusFixType,
-             "",
-             "0 = none, 1 = dead reckoning, 2 = 2D, 3 = 3D, 4 = differential, 5 = RTK float, 6 = "
-             "RTK fixed"),
+      member(10, "statusReceiverMode", &Record::statusReceiverMode),
+      member(11, "statusFixType", &Record::statusFixType),
       quantity(12,
                "updateRateGNSS",
                &Record::updateRateGNSS,
@@ -296,7 +347,7 @@ struct binding::Description<lumo::services::gnss::datatypes::DT_positionsQuality
              "systemsInView",
              &Record::systemsInView,
              "",
-             "bit set: 0 GPS, 1 GLONASS, 2 Galileo, 3 BeiDou, 4 SBAS, 5 other"),
+             "bit set: bit N stands for the gnssSystem N of a satellite"),
       quantity(17,
                "satsInUse",
                &Record::satsInUse,
@@ -323,11 +374,7 @@ struct binding::Description<lumo::services::gnss::datatypes::DT_positionsQuality
       member(30, "satsInUseGalileo", &Record::satsInUseGalileo, "", "satellites of Galileo in use"),
       member(31, "satsInUseBeiDou", &Record::satsInUseBeiDou, "", "satellites of BeiDou in use"),
       member(32, "satsInUseSBAS", &Record::satsInUseSBAS, "", "satellites of SBAS in use"),
-      member(33,
-             "statusGNSSAntenna",
-             &Record::statusGNSSAntenna,
-             "",
-             "0 = unknown, 1 = ok, 2 = open, 3 = short circuit")};
+      member(33, "statusGNSSAntenna", &Record::statusGNSSAntenna)};
 };
 
 template <>
@@ -335,30 +382,26 @@ struct binding::Description<lumo::services::gnss::datatypes::DT_posGnssSatInfos_
   using Record = lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct;
   static constexpr std::string_view name =
       "lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct";
-  static constexpr auto entries = std::tuple{
-      member(0, "satelliteId", &Record::satelliteId, "", "number within its system"),
-      member(1,
-             "gnssSystem",
-             &Record::gnssSystem,
-             "",
-             "0 GPS, 1 GLONASS, 2 Galileo, 3 BeiDou, 4 SBAS, 5 other"),
-      quantity(2,
-               "elevation",
-               &Record::elevation,
-               &Record::elevation_valueType,
-               "deg",
-               "above the horizon"),
-      quantity(4,
-               "azimuth",
-               &Record::azimuth,
-               &Record::azimuth_valueType,
-               "deg",
-               "clockwise from true north"),
-      quantity(6,
-               "carrierToNoise",
-               &Record::carrierToNoise,
-               &Record::carrierToNoise_valueType,
-               "dBHz",
-               "carrier to noise density ratio"),
-      member(8, "usage", &Record::usage, "", "0 = in view, 1 = tracked, 2 = in the solution")};
+  static constexpr auto entries =
+      std::tuple{member(0, "satelliteId", &Record::satelliteId, "", "number within its system"),
+                 member(1, "gnssSystem", &Record::gnssSystem),
+                 quantity(2,
+                          "elevation",
+                          &Record::elevation,
+                          &Record::elevation_valueType,
+                          "deg",
+                          "above the horizon"),
+                 quantity(4,
+                          "azimuth",
+                          &Record::azimuth,
+                          &Record::azimuth_valueType,
+                          "deg",
+                          "clockwise from true north"),
+                 quantity(6,
+                          "carrierToNoise",
+                          &Record::carrierToNoise,
+                          &Record::carrierToNoise_valueType,
+                          "dBHz",
+                          "carrier to noise density ratio"),
+                 member(8, "usage", &Record::usage)};
 };

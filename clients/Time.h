@@ -27,10 +27,8 @@ class TimeProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Time> {
  public:
   explicit TimeProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Field<decltype(Time::times)::value_type> times{connection(),
-                                                                              Time::times.name};
-  mw::com::cpp_binding::proxy::Field<decltype(Time::timeSettings)::value_type> timeSettings{
-      connection(), Time::timeSettings.name};
+  mw::com::cpp_binding::proxy::Element<Time::times> times{connection()};
+  mw::com::cpp_binding::proxy::Element<Time::timeSettings> timeSettings{connection()};
 };
 }  // namespace proxy
 
@@ -40,10 +38,8 @@ class TimeSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Time> 
   explicit TimeSkeleton(const ara::core::InstanceSpecifier& specifier) : Skeleton_impl{specifier} {}
   ~TimeSkeleton() { disconnect(); }
 
-  mw::com::cpp_binding::skeleton::Field<decltype(Time::times)::value_type> times{provision(),
-                                                                                 Time::times.name};
-  mw::com::cpp_binding::skeleton::Field<decltype(Time::timeSettings)::value_type> timeSettings{
-      provision(), Time::timeSettings.name};
+  mw::com::cpp_binding::skeleton::Element<Time::times> times{provision()};
+  mw::com::cpp_binding::skeleton::Element<Time::timeSettings> timeSettings{provision()};
 };
 }  // namespace skeleton
 

@@ -20,7 +20,7 @@ void TimemasterClientImpl::set_up(lumo::services::time::proxy::TimeProxy& proxy)
     for (const auto& record : records)
       on_times_(record);
   });
-  // Part of what this client asks the service for, but how time is shown concerns nobody here.
+  // This client requests the field as part of the service; nothing here uses the display format.
   clients::subscribe(proxy.timeSettings, [](const auto&) {});
 }
 

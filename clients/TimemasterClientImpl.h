@@ -9,7 +9,7 @@
 
 namespace TimemasterClient {
 
-/// Set the callback before init(); init() and stop() come from one thread, not from the callback.
+/// Set the callback before init(). One thread calls init() and stop(), never the callback.
 class TimemasterClientImpl {
  public:
   using Times = lumo::services::time::datatypes::DT_times_struct;
@@ -18,24 +18,25 @@ class TimemasterClientImpl {
   TimemasterClientImpl(const TimemasterClientImpl&) = delete;
   TimemasterClientImpl& operator=(const TimemasterClientImpl&) = delete;
 
-  /// Gets each record of a `times` notification, one at a time, on a thread of the middleware.
+  /// Called with each record of a `times` notification, one at a time, on a thread of the
+  /// middleware.
   void setTimesCallback(std::function<void(const Times&)> callback) {
     on_times_ = std::move(callback);
   }
 
-  /// Told when the faults of the content of `times` change.
+  /// Called when the faults in the content of `times` change.
   void setDataFaultsCallback(std::function<void(const clients::Data_faults&)> callback) {
     times_faults_.set_callback(std::move(callback));
   }
-  /// Told when the service goes and comes.
+  /// Called when the service becomes available or unavailable.
   void setAvailabilityCallback(std::function<void(bool available)> callback) {
     client_.setAvailabilityCallback(std::move(callback));
   }
 
-  /// Starts the search for the service and returns at once. Throws std::runtime_error when the
+  /// Starts the search for the service and returns at once. Throws std::runtime_error if the
   /// service is not deployed.
   void init();
-  /// Ends search and subscriptions and waits for a callback that runs; none runs afterwards.
+  /// Ends search and subscriptions and waits for a running callback; none runs afterwards.
   void stop() { client_.stop(); }
 
  private:
@@ -44,7 +45,7 @@ class TimemasterClientImpl {
   const ara::log::Logger& logger_;
   std::function<void(const Times&)> on_times_;
   clients::Fault_watch times_faults_;
-  /// Last, so that it ends first: its handlers use the above.
+  /// Last member, so that it is destroyed first: its handlers use the members above.
   GeneralClientImpl<lumo::services::time::proxy::TimeProxy> client_;
 };
 

@@ -1,8 +1,9 @@
 #include "clients/data_faults.h"
 
 #include <cmath>
-#include <cstdint>
 #include <type_traits>
+
+#include "binding/timestamp.h"
 
 namespace clients {
 namespace {
@@ -12,7 +13,6 @@ using namespace lumo::services::gnss::datatypes;
 
 constexpr double farthest_latitude = 90;
 constexpr double farthest_longitude = 180;
-constexpr std::uint32_t nanoseconds_per_second = 1'000'000'000;
 
 template <class Value>
 bool is_number(const boost::optional<Value>& value) {
@@ -24,7 +24,7 @@ bool is_number(const boost::optional<Value>& value) {
   }
 }
 
-/// What a quality tells of a quantity that is not a good physical value.
+/// The faults implied by the quality of a quantity that is not a good physical value.
 Data_faults faults_of(Value_type quality) {
   switch (quality) {
     case Value_type::init:
@@ -60,7 +60,7 @@ Data_faults data_faults(const DT_positions_struct& record) {
       beyond(record.LAT, record.LAT_valueType, farthest_latitude) ||
       beyond(record.LON, record.LON_valueType, farthest_longitude) ||
       (record.preciseLocalTimeNanoseconds_valueType == Value_type::physical_value &&
-       record.preciseLocalTimeNanoseconds >= nanoseconds_per_second);
+       record.preciseLocalTimeNanoseconds >= binding::Timestamp::nanoseconds_per_second);
   return faults;
 }
 
@@ -73,7 +73,8 @@ Data_faults data_faults(const DT_posGnssSatInfos_struct& record) {
 }
 
 Data_faults data_faults(const lumo::services::time::datatypes::DT_times_struct& record) {
-  return {.error_value = false, .implausible = record.utcNanoseconds >= nanoseconds_per_second};
+  return {.error_value = false,
+          .implausible = record.utcNanoseconds >= binding::Timestamp::nanoseconds_per_second};
 }
 
 }  // namespace clients

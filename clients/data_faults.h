@@ -1,4 +1,4 @@
-/// What can be wrong with the content of a notification that is well-formed.
+/// Faults in the content of a well-formed notification.
 #pragma once
 
 #include <functional>
@@ -10,8 +10,8 @@
 namespace clients {
 
 struct Data_faults {
-  bool error_value = false;  ///< a quantity comes with the valueType Error
-  bool implausible = false;  ///< something contradicts its definition, see data_faults()
+  bool error_value = false;  ///< a quantity has the valueType Error
+  bool implausible = false;  ///< a value contradicts its definition, see data_faults()
 
   Data_faults& operator|=(const Data_faults& more) {
     error_value |= more.error_value;
@@ -21,9 +21,9 @@ struct Data_faults {
   friend bool operator==(const Data_faults&, const Data_faults&) = default;
 };
 
-/// Implausible are: a valueType that the enumeration does not have; a physical value that is absent
-/// or not a finite number; a latitude or longitude off the globe; a fraction of a second of a
-/// second or more.
+/// Implausible are: a valueType outside its enumeration; a physical value that is absent or not a
+/// finite number; a latitude or longitude off the globe; a fraction of a second of one second or
+/// more.
 [[nodiscard]] Data_faults data_faults(
     const lumo::services::gnss::datatypes::DT_positions_struct& record);
 [[nodiscard]] Data_faults data_faults(
@@ -33,16 +33,16 @@ struct Data_faults {
 [[nodiscard]] Data_faults data_faults(
     const lumo::services::time::datatypes::DT_times_struct& record);
 
-/// Follows the notifications of one field and tells when their faults come and go. Notifications
-/// are looked at one at a time.
+/// Follows the notifications of one field and reports when their faults appear or disappear.
+/// Examines one notification at a time.
 class Fault_watch {
  public:
   using Callback = std::function<void(const Data_faults&)>;
 
-  /// Without a callback nothing is looked at.
+  /// Without a callback no notification is examined.
   void set_callback(Callback changed) { changed_ = std::move(changed); }
 
-  /// A notification has the faults of its records.
+  /// The faults of a notification are those of its records.
   template <class Record>
   void look(const std::vector<Record>& records) {
     if (!changed_) return;

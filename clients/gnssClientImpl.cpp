@@ -4,14 +4,15 @@
 #include <utility>
 
 #include "ara/log/logger.h"
+#include "binding/timestamp.h"
 #include "clients/received_data_log.h"
 #include "clients/subscription.h"
 
 namespace gnssClient {
 namespace {
 
-/// Logs one received record as one string. The text is built only when the level is on, in a buffer
-/// that each thread keeps.
+/// Logs one received record as one string. The text is built only if the level is on, in a buffer
+/// of the calling thread.
 template <class... Record>
 void log_received(const Record&... record) {
   auto line = ara::log::LogInfo();
@@ -92,10 +93,10 @@ void gnssClientImpl::receive(const std::vector<Satellite>& satellites) {
 void gnssClientImpl::replace_timestamp(Position& position, std::uint64_t now_us) const {
   const auto seconds = position.preciseLocalTimeSeconds;
   const auto nanoseconds = position.preciseLocalTimeNanoseconds;
-  set_timestamp(position, now_us);
-  ara::log::LogInfo() << "REPLACING" << to_text(wanted_) << "POSITION TIMESTAMP, original seconds "
-                      << seconds << ", nanoseconds " << nanoseconds
-                      << "new timestamp for this sample: seconds "
+  binding::set_timestamp(position, binding::Timestamp::of_us(now_us));
+  ara::log::LogInfo() << "REPLACING" << binding::name_of(wanted_)
+                      << "POSITION TIMESTAMP, original seconds " << seconds << ", nanoseconds "
+                      << nanoseconds << "new timestamp for this sample: seconds "
                       << *position.preciseLocalTimeSeconds << ", nanoseconds "
                       << *position.preciseLocalTimeNanoseconds;
 }

@@ -12,13 +12,13 @@
 
 namespace gnssClient {
 
-/// Set everything before init(); init() and stop() come from one thread, not from a callback. The
-/// callbacks run on threads of the middleware: those of one field one at a time, those of different
-/// fields possibly at once.
+/// Set all callbacks and options before init(). One thread calls init() and stop(), never a
+/// callback. The callbacks run on threads of the middleware: those of one field one at a time,
+/// those of different fields possibly at once.
 ///
-/// Context "GNSS" has the lines of the client itself. Received records and replaced timestamps go
-/// to the application's default context, where "Sending …" is written too: the road of a position
-/// reads as one text, and its level is set in one place.
+/// Context "GNSS" has the lines of the client itself. Received records and replaced timestamps are
+/// logged in the application's default context, like "Sending …". So the path of a position reads
+/// as one text, and its level is set in one place.
 class gnssClientImpl {
  public:
   using Position = lumo::services::gnss::datatypes::DT_positions_struct;
@@ -29,43 +29,46 @@ class gnssClientImpl {
   gnssClientImpl(const gnssClientImpl&) = delete;
   gnssClientImpl& operator=(const gnssClientImpl&) = delete;
 
-  /// Whether each received position and quality record is logged; off until set.
+  /// True logs each received position and quality record. Off until set.
   void setRecievedGNSSDataLogging(bool on) { log_received_ = on; }
-  /// Whether a forwarded position gets the time of its arrival as timestamp; off until set.
+  /// True replaces the timestamp of a forwarded position by the time of its arrival. Off until set.
   void setIgnoreGNSSTimestamps(bool on) { replace_timestamps_ = on; }
-  /// Whether GNSS-DR positions are forwarded instead of GNSS ones; off until set.
+  /// True forwards GNSS-DR positions instead of GNSS ones. Off until set.
   void setUseGNSSDR(bool on) { wanted_ = on ? Position_type::gnss_dr : Position_type::gnss; }
 
-  /// Gets at most one position per notification: the last one of the wanted type, completed from
-  /// the last one of the other type. A notification without positions changes nothing.
+  /// Called with at most one position per notification: the last one of the wanted type, completed
+  /// from the last one of the other type. A notification without positions changes nothing.
   void setPositionCallback(std::function<void(const Position&)> callback) {
     on_position_ = std::move(callback);
   }
-  /// Gets each record of a notification.
+  /// Called with each record of a notification.
   void setPositionsQualityCallback(std::function<void(const Quality&)> callback) {
     on_quality_ = std::move(callback);
   }
-  /// Gets a notification as a whole.
+  /// Called with a whole notification.
   void setSatInfosCallback(std::function<void(const std::vector<Satellite>&)> callback) {
     on_satellites_ = std::move(callback);
   }
 
   enum class Field { positions, positionsQuality, posGnssSatInfos };
-  /// Told when the faults of a field's content change, before the other callbacks see the content.
+  /// Called when the faults of a field's content change, before the other callbacks see the
+  /// content.
   void setDataFaultsCallback(
       const std::function<void(Field, const clients::Data_faults&)>& callback);
-  /// Told when the service goes and comes.
+  /// Called when the service becomes available or unavailable.
   void setAvailabilityCallback(std::function<void(bool available)> callback) {
     client_.setAvailabilityCallback(std::move(callback));
   }
 
-  /// Starts the search for the service and returns at once. Throws std::runtime_error when the
+  /// Starts the search for the service and returns at once. Throws std::runtime_error if the
   /// service is not deployed.
   void init();
-  /// Ends search and subscriptions and waits for a callback that runs; none runs afterwards.
+  /// Ends search and subscriptions and waits for a running callback; none runs afterwards.
   void stop() { client_.stop(); }
 
  private:
+  using Position_type = lumo::services::Position_type;
+
   void set_up(lumo::services::gnss::proxy::GNSSProxy& proxy);
   void receive(const std::vector<Position>& samples);
   void receive(const std::vector<Quality>& records);
@@ -83,7 +86,7 @@ class gnssClientImpl {
   clients::Fault_watch positions_faults_;
   clients::Fault_watch quality_faults_;
   clients::Fault_watch satellites_faults_;
-  /// Last, so that it ends first: its handlers use all of the above.
+  /// Last member, so that it is destroyed first: its handlers use all members above.
   GeneralClientImpl<lumo::services::gnss::proxy::GNSSProxy> client_;
 };
 

@@ -14,12 +14,12 @@ bool is_physical(const DT_positions_struct& sample, const Quantity& quantity) {
 
 }  // namespace
 
-Selection select(std::span<const DT_positions_struct> samples, Position_type wanted) {
+Selection select(std::span<const DT_positions_struct> samples,
+                 lumo::services::Position_type wanted) {
   Selection selection;
   for (const auto& sample : samples) {
     if (!sample.positionType) continue;
-    auto& place = *sample.positionType == static_cast<std::uint32_t>(wanted) ? selection.chosen
-                                                                             : selection.other;
+    auto& place = *sample.positionType == wanted ? selection.chosen : selection.other;
     place = &sample;
   }
   return selection;
@@ -32,14 +32,6 @@ void complete(DT_positions_struct& chosen, const DT_positions_struct& other) {
     chosen.*quantity.value.pointer = other.*quantity.value.pointer;
     chosen.*quantity.quality.pointer = Value_type::physical_value;
   });
-}
-
-void set_timestamp(DT_positions_struct& sample, std::uint64_t time_us) {
-  constexpr std::uint64_t us_per_s = 1'000'000;
-  sample.preciseLocalTimeSeconds = static_cast<std::uint32_t>(time_us / us_per_s);
-  sample.preciseLocalTimeSeconds_valueType = Value_type::physical_value;
-  sample.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(time_us % us_per_s * 1000);
-  sample.preciseLocalTimeNanoseconds_valueType = Value_type::physical_value;
 }
 
 }  // namespace gnssClient

@@ -11,6 +11,8 @@
 #include <string_view>
 #include <type_traits>
 
+#include "binding/timestamp.h"
+
 namespace gnssClient {
 namespace {
 
@@ -19,7 +21,7 @@ using lumo::services::gnss::datatypes::DT_positions_struct;
 using lumo::services::gnss::datatypes::DT_positionsQuality_struct;
 
 constexpr int significant_digits = 16;
-/// Characters: sign, digits, point and four zeros or an exponent.
+/// Longest number in characters: sign, digits, point and four zeros or an exponent.
 constexpr std::size_t max_number = 32;
 
 constexpr auto powers_of_ten = [] {
@@ -47,9 +49,10 @@ void write_eight_digits(char* out, std::uint32_t value) {
   }
 }
 
-/// Writes a number between 0.0001 and 2^53, which nearly all measured values are, as
-/// append_number() does, and returns the end; null for any other. The standard library reckons with
-/// numbers of any size: with it alone the road of a position that is logged takes a sixth longer.
+/// Writes a number between 0.0001 and 2^53, the range of nearly all measured values, as
+/// append_number() does, and returns the end. Returns null for any other number. The standard
+/// library computes with numbers of any size: with it alone the path of a logged position takes a
+/// sixth longer.
 char* write_common_number(char* out, double value) {
   __extension__ using Wide = unsigned __int128;
   constexpr std::uint64_t least_digits = powers_of_ten[significant_digits - 1];
@@ -64,8 +67,8 @@ char* write_common_number(char* out, double value) {
   const int exponent = static_cast<int>(bits >> mantissa_bits) - exponent_bias;
   const auto shift = static_cast<unsigned>(mantissa_bits - exponent);  // 0 to 66
 
-  // The decimal exponent of the next power of two (1233 / 4096 is the logarithm of 2), one too many
-  // at most.
+  // The decimal exponent of the next power of two (1233 / 4096 is the logarithm of 2); at most one
+  // too high.
   int decimal_exponent = ((exponent + 1) * 1233) >> 12;
   const auto scale = [&] {
     return Wide{mantissa} *
@@ -77,7 +80,7 @@ char* write_common_number(char* out, double value) {
     scaled = scale();
   }
   auto digits = static_cast<std::uint64_t>(scaled >> shift);
-  // To the nearest, from the middle to the even one.
+  // Rounds to nearest, ties to even.
   if (shift != 0) {
     const Wide half = Wide{1} << (shift - 1);
     const Wide rest = scaled & ((half << 1U) - 1);
@@ -108,15 +111,14 @@ char* write_common_number(char* out, double value) {
   return rest < end ? std::copy(rest, end, out) : out;
 }
 
-/// As append_number().
+/// Writes a number like append_number().
 char* write_number(char* out, double value) {
   if (char* const end = write_common_number(out, value); end != nullptr) return end;
   return std::to_chars(out, out + max_number, value, std::chars_format::general, significant_digits)
       .ptr;
 }
 
-/// A line of very many short pieces on its way into a text, to which it goes in one piece. flush()
-/// ends it.
+/// A line of many short pieces; they reach the text in one piece. flush() ends the line.
 class Line {
  public:
   explicit Line(std::string& text) : text_(text) {}
@@ -124,7 +126,7 @@ class Line {
   Line(const Line&) = delete;
   Line& operator=(const Line&) = delete;
 
-  /// `piece` is no longer than the buffer.
+  /// `piece` must not be longer than the buffer.
   Line& operator<<(std::string_view piece) {
     assert(piece.size() <= buffer_.size());
     make_room(piece.size());
@@ -138,7 +140,7 @@ class Line {
     if constexpr (std::is_floating_point_v<Value>) {
       end_ = write_number(end_, static_cast<double>(value));
     } else {
-      end_ = std::to_chars(end_, end_ + max_number, +value).ptr;  // + for bool
+      end_ = std::to_chars(end_, end_ + max_number, +value).ptr;  // + because of bool
     }
     return *this;
   }
@@ -163,7 +165,12 @@ void append_member(Line& line,
                    const boost::optional<Value>& value,
                    std::string_view name_when_absent) {
   if (value) {
-    line << name << "=" << *value;
+    line << name << "=";
+    if constexpr (std::is_enum_v<Value>) {
+      line << static_cast<std::underlying_type_t<Value>>(*value);
+    } else {
+      line << *value;
+    }
   } else {
     line << name_when_absent << " value is not set";
   }
@@ -203,8 +210,8 @@ void append_number(std::string& text, double value) {
   text.append(number.data(), write_number(number.data(), value));
 }
 
-// The labels and their order are an interface of their own: log evaluation tools look for them, the
-// missing comma before the yaw angle included.
+// The labels and their order are an interface: log evaluation tools look for them, including the
+// missing comma before the yaw angle.
 
 void append_line(std::string& text, const DT_positions_struct& position, std::uint64_t arrival_us) {
   const auto& p = position;
@@ -224,11 +231,8 @@ void append_line(std::string& text, const DT_positions_struct& position, std::ui
                   p.preciseLocalTimeSeconds_valueType);
   append_quantity(line, ", preciseLocalTimeNanoseconds", p.preciseLocalTimeNanoseconds,
                   p.preciseLocalTimeNanoseconds_valueType);
-  if (p.preciseLocalTimeSeconds && p.preciseLocalTimeNanoseconds) {
-    append_arrival_age(
-        line,
-        *p.preciseLocalTimeNanoseconds / 1000 + std::uint64_t{*p.preciseLocalTimeSeconds} * 1000000,
-        arrival_us);
+  if (const auto timestamp = binding::timestamp_of(p)) {
+    append_arrival_age(line, timestamp->us(), arrival_us);
   }
   line.flush();
 }

@@ -1,5 +1,5 @@
 /// The one-line texts of received records, for the log of received data. Numbers have up to 16
-/// significant digits; each physical value is followed by its quality.
+/// significant digits; the quality follows each physical value.
 #pragma once
 
 #include <cstdint>
@@ -9,7 +9,7 @@
 
 namespace gnssClient {
 
-/// Appends the line of one position. `arrival_us`: when its notification arrived, on the precise
+/// Appends the line of one position. `arrival_us` is the arrival of its notification on the precise
 /// local time base; a complete timestamp is compared with it.
 void append_line(std::string& text,
                  const lumo::services::gnss::datatypes::DT_positions_struct& position,
@@ -18,8 +18,8 @@ void append_line(std::string& text,
 void append_line(std::string& text,
                  const lumo::services::gnss::datatypes::DT_positionsQuality_struct& quality);
 
-/// Appends a floating-point number as a text stream with precision 16 in its general notation
-/// writes it.
+/// Appends a floating-point number in the form of a text stream with precision 16 in general
+/// notation.
 void append_number(std::string& text, double value);
 
 }  // namespace gnssClient

@@ -1,4 +1,4 @@
-/// How the clients take samples from an event or field of their proxy.
+/// The clients' subscription to an event or field of their proxy.
 #pragma once
 
 #include <cstddef>
@@ -6,13 +6,13 @@
 
 namespace clients {
 
-/// Notifications that may wait for the receive handler. Where the middleware calls it for each one,
-/// there is never more than one, and slots are made when they are needed; the rest is room for
-/// bursts on a middleware that does not.
+/// Number of notifications that may wait for the receive handler. A middleware that calls the
+/// handler for each notification never has more than one waiting, and makes slots only when needed.
+/// The other slots are room for bursts on a middleware that does not.
 inline constexpr std::size_t max_waiting_samples = 16;
 
 /// Subscribes to `event`, a member of a proxy, and calls `handle(value)` for each notification, in
-/// order. It is not called any more once the proxy is destroyed.
+/// order. After the destruction of the proxy no call follows.
 template <class Event, class Handle>
 void subscribe(Event& event, Handle handle) {
   event.SetReceiveHandler([&event, handle = std::move(handle)] {

@@ -10,7 +10,7 @@ namespace {
 constexpr std::uint64_t period_mask = 0x7fffffff;
 constexpr std::uint64_t period = period_mask + 1;
 
-/// Differences below this are within 5 days.
+/// A difference below this is within 5 days.
 constexpr std::uint64_t tolerance_ms = 432'000'001;
 
 ara::time::SlaveTimeBaseResourceProxy find_time_base() {

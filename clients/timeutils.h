@@ -1,5 +1,5 @@
-/// The process's notion of "now": the precise local time base (PLT) of the vehicle, and arithmetic
-/// on its milliseconds. Used by the GNSS client and the Positioning service.
+/// The current time of the process, on the precise local time base (PLT) of the vehicle, and
+/// arithmetic on its milliseconds. The GNSS client and the Positioning service use it.
 #pragma once
 
 #include <atomic>
@@ -7,32 +7,32 @@
 
 #include "ara/time/slave_time_base.h"
 
-/// All times are unsigned 64-bit counts since the epoch of the time base unless said otherwise.
-/// Every operation may be called from any thread.
+/// All times are unsigned 64-bit counts since the epoch of the time base unless said otherwise. Any
+/// thread may call every function.
 class timeutils {
  public:
-  /// The one instance of the process, created on first use. Throws what the time base throws when
-  /// it is not there, and tries again on the next call.
+  /// The one instance of the process, created on first use. Throws the exception of the time base
+  /// if that is missing, and tries again on the next call.
   [[nodiscard]] static timeutils& instance();
 
   virtual ~timeutils() = default;
   timeutils(const timeutils&) = delete;
   timeutils& operator=(const timeutils&) = delete;
 
-  /// Throws std::runtime_error when the clock behind the time base has gone.
+  /// Throws std::runtime_error if the clock behind the time base is gone.
   [[nodiscard]] virtual std::uint64_t currentTimeUs() const;
   [[nodiscard]] std::uint64_t currentTimeMs() const;
 
-  /// The current time in milliseconds without its upper bits, as nodes with small counters exchange
-  /// it. Remembers the full value for expand31BitMsToUs().
+  /// The current time in milliseconds without its upper bits, as exchanged by nodes with small
+  /// counters. Remembers the full value for expand31BitMsToUs().
   [[nodiscard]] std::int32_t currentTime31BitMs();
-  /// Full microseconds of a 31-bit millisecond value (bit 31 is ignored): in the period of the last
-  /// full time that currentTime31BitMs() read when it lies within 5 days of it, else one period
-  /// earlier. A later period is never tried. In the first period of the time base the earlier one
-  /// is reached by unsigned wrap-around.
+  /// Full microseconds of a 31-bit millisecond value (bit 31 is ignored). The result is in the
+  /// period of the last full time that currentTime31BitMs() read if it lies within 5 days of that
+  /// time, else one period earlier. A later period is never tried. In the first period of the time
+  /// base the earlier period is reached by unsigned wrap-around.
   [[nodiscard]] std::uint64_t expand31BitMsToUs(std::int32_t milliseconds) const;
 
-  /// The platform offset, as the time master gives it; 0 until then.
+  /// The platform offset, as given by the time master; 0 until then.
   void setOffset(std::uint64_t offset);
   [[nodiscard]] std::uint64_t addOffset(std::uint64_t value) const;
 
@@ -42,11 +42,11 @@ class timeutils {
   }
 
  protected:
-  /// Finds and opens the time base; throws std::runtime_error when that fails.
+  /// Finds and opens the time base. Throws std::runtime_error if that fails.
   timeutils();
 
  private:
-  // Relaxed: each stands alone, no other memory is published with it.
+  // Relaxed: each value is independent, no other memory is published with it.
   std::atomic<std::uint64_t> offset_{0};
   std::atomic<std::uint64_t> last_full_ms_{0};
   const ara::time::SlaveTimeBaseResourceProxy resource_;

@@ -1,4 +1,4 @@
-# Language level, warnings and the helper that every folder uses to declare its target.
+# Language level, warnings, and the functions by which folders declare their targets.
 set(CMAKE_CXX_STANDARD 20)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
 set(CMAKE_CXX_EXTENSIONS OFF)
@@ -33,7 +33,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU")
   target_compile_options(pos_warnings INTERFACE -Wno-null-dereference -Wno-maybe-uninitialized)
 endif()
 
-# pos_headers(<target> [links…]): headers of a folder that others include without its library.
+# pos_headers(<target> [links…]): headers of a folder for users that need no library of it.
 function(pos_headers target)
   add_library(${target} INTERFACE)
   target_include_directories(${target} INTERFACE ${PROJECT_SOURCE_DIR})

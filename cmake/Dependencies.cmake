@@ -1,5 +1,5 @@
-# What the build takes from Debian, beside what platform/linux finds for itself; scripts/setup installs the
-# packages, scripts/packages.txt says what each is for.
+# The build's packages from Debian; platform/linux finds its own. scripts/setup installs the packages,
+# scripts/packages.txt gives the purpose of each.
 find_package(Threads REQUIRED)
 find_package(Boost 1.81 REQUIRED)
 find_package(nlohmann_json 3.11 REQUIRED)

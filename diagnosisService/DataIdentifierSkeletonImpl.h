@@ -1,4 +1,4 @@
-/// The data identifiers' implementations: Read copies the output from the diagnosis service at the
+/// The implementations of the data identifiers: Read copies the diagnosis service's output at the
 /// moment of the call.
 #pragma once
 

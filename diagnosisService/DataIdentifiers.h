@@ -1,5 +1,5 @@
 /// The seven data identifiers that a tester can read, each a service of two methods: interfaces,
-/// skeletons, proxies and what Read returns. docs/data-identifiers.md explains the bytes.
+/// skeletons, proxies and the outputs of Read. docs/data-identifiers.md explains the bytes.
 #pragma once
 
 #include <array>
@@ -19,7 +19,7 @@
 
 namespace lumo::services::diag {
 
-/// What the diagnostic manager tells about a request, such as its source. Not evaluated here.
+/// The diagnostic manager's information about a request, such as its source. Not evaluated here.
 using MetaInfo = std::map<std::string, std::string>;
 
 /// Read output of d_14a0: one status byte per input sensor, in the order of the sensor setup.
@@ -58,8 +58,8 @@ struct PositioningMMPos {
   PositionState state;
 };
 
-/// Read output of d_14a3: the 14 system status bytes in order; the last eight travel as 16-bit
-/// values whose high byte is the one with the lower number.
+/// Read output of d_14a3: the 14 system status bytes in order. The last eight are sent as 16-bit
+/// values; the high byte is the one with the lower number.
 struct PositioningStatusSystem {
   std::uint8_t overall = 0;
   std::uint8_t pgf = 0;
@@ -73,7 +73,7 @@ struct PositioningStatusSystem {
   std::uint16_t mapMatchingAnd13 = 0;
 };
 
-/// What can be wrong with a consumed service.
+/// Kinds of faults of a consumed service.
 enum class DataBusFault : std::uint8_t { notAvailable, errorValueReceived, implausible };
 
 /// Read outputs of d_1190, d_1191 and d_1192: five bytes for each affected element.
@@ -86,7 +86,7 @@ using BDPSomeipDataBusServiceNotAvailable = DataBusFaults<DataBusFault::notAvail
 using BDPSomeipDataBusServiceErrorValueReceived = DataBusFaults<DataBusFault::errorValueReceived>;
 using BDPSomeipDataBusServiceImplausible = DataBusFaults<DataBusFault::implausible>;
 
-/// What every data identifier's interface has.
+/// The interface of every data identifier.
 template <class ReadOutput>
 struct DataIdentifier {
   using Output = ReadOutput;
@@ -103,10 +103,8 @@ class DataIdentifierProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Inter
  public:
   explicit DataIdentifierProxy(const typename Base::Handle_type& handle) : Base{handle} {}
 
-  mw::com::cpp_binding::proxy::Method<typename Interface::Output(MetaInfo)> Read{
-      this->connection(), Interface::Read.name};
-  mw::com::cpp_binding::proxy::Method<void(MetaInfo)> Cancel{this->connection(),
-                                                             Interface::Cancel.name};
+  mw::com::cpp_binding::proxy::Element<Interface::Read> Read{this->connection()};
+  mw::com::cpp_binding::proxy::Element<Interface::Cancel> Cancel{this->connection()};
 };
 
 template <class Interface>
@@ -116,8 +114,8 @@ class DataIdentifierSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_i
  public:
   using Output = typename Interface::Output;
 
-  /// An implementation's destructor must begin with disconnect(), so that no call reaches it any
-  /// more.
+  /// An implementation's destructor must begin with disconnect(), so that afterwards no call
+  /// reaches it.
   explicit DataIdentifierSkeleton(const ara::core::InstanceSpecifier& specifier) : Base{specifier} {
     mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Read,
                                             [this](const MetaInfo& info) { return Read(info); });
@@ -210,17 +208,17 @@ using DataIdentifier_BDPSomeipDataBusServiceImplausibleSkeleton =
 }
 }  // namespace d_1192
 
-/// Those that tell the state of the system.
+/// Identifiers of the system's state.
 using Status_identifiers = std::tuple<d_14a0::DataIdentifier_PositioningStatusInputs,
                                       d_14a1::DataIdentifier_PositioningStatusOutputs,
                                       d_14a2::DataIdentifier_PositioningMMPos,
                                       d_14a3::DataIdentifier_PositioningStatusSystem>;
-/// Those that tell what is wrong with the consumed services.
+/// Identifiers of the faults of consumed services.
 using Fault_identifiers =
     std::tuple<d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable,
                d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived,
                d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>;
-/// All seven. What follows from them follows from this list.
+/// All seven. Everything that exists once per identifier is derived from this list.
 using Data_identifiers =
     decltype(std::tuple_cat(std::declval<Status_identifiers>(), std::declval<Fault_identifiers>()));
 
@@ -233,7 +231,7 @@ constexpr void for_each_interface(Visit&& visit) {
   (std::make_index_sequence<std::tuple_size_v<List>>{});
 }
 
-/// "d_14a0" of "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs".
+/// Returns "d_14a0" for "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs".
 [[nodiscard]] constexpr std::string_view identifier_of(std::string_view interface) {
   const auto end = interface.rfind("::");
   const auto begin = interface.rfind("::", end - 1) + 2;

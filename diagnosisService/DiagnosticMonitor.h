@@ -1,5 +1,4 @@
-/// The service by which a monitor and the diagnostic event manager talk: interface, skeleton,
-/// proxy.
+/// The service between a monitor and the diagnostic event manager: interface, skeleton, proxy.
 #pragma once
 
 #include <array>
@@ -13,10 +12,15 @@
 
 namespace mw::dm::dem {
 
-/// Why the event manager initialises a monitor. Other values may arrive and are ignored.
+/// The event manager's reason to initialise a monitor. Other values may arrive and are ignored.
 enum class InitMonitorReason : std::uint8_t { kClear = 0, kRestart = 1, kReenabled = 2 };
+constexpr auto enumerators_of(InitMonitorReason) {
+  using enum InitMonitorReason;
+  return std::to_array<binding::Enumerator<InitMonitorReason>>(
+      {{kClear, "kClear"}, {kRestart, "kRestart"}, {kReenabled, "kReenabled"}});
+}
 
-/// What a monitor reports. The application sends the first two only; the event manager debounces.
+/// The report of a monitor. The application sends the first two only; the event manager debounces.
 enum class MonitorActionType : std::uint8_t {
   kPassed = 0,
   kFailed = 1,
@@ -29,21 +33,19 @@ enum class MonitorActionType : std::uint8_t {
   kPrestore = 8,
   kClearPrestore = 9,
 };
-
-/// The name above; empty for a number that has none.
-[[nodiscard]] constexpr std::string_view nameOf(MonitorActionType action) {
-  constexpr std::array<std::string_view, 10> names{"kPassed",
-                                                   "kFailed",
-                                                   "kPrepassed",
-                                                   "kPrefailed",
-                                                   "kFdcThresholdReached",
-                                                   "kResetTestFailed",
-                                                   "kFreezeDebouncing",
-                                                   "kResetDebouncing",
-                                                   "kPrestore",
-                                                   "kClearPrestore"};
-  const auto number = static_cast<std::size_t>(action);
-  return number < names.size() ? names[number] : std::string_view{};
+constexpr auto enumerators_of(MonitorActionType) {
+  using enum MonitorActionType;
+  return std::to_array<binding::Enumerator<MonitorActionType>>(
+      {{kPassed, "kPassed"},
+       {kFailed, "kFailed"},
+       {kPrepassed, "kPrepassed"},
+       {kPrefailed, "kPrefailed"},
+       {kFdcThresholdReached, "kFdcThresholdReached"},
+       {kResetTestFailed, "kResetTestFailed"},
+       {kFreezeDebouncing, "kFreezeDebouncing"},
+       {kResetDebouncing, "kResetDebouncing"},
+       {kPrestore, "kPrestore"},
+       {kClearPrestore, "kClearPrestore"}});
 }
 
 struct DiagnosticMonitor {
@@ -59,10 +61,9 @@ class DiagnosticMonitorProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Di
  public:
   explicit DiagnosticMonitorProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Method<void(InitMonitorReason)> InitMonitor{
-      connection(), DiagnosticMonitor::InitMonitor.name};
-  mw::com::cpp_binding::proxy::Event<MonitorActionType> MonitorAction{
-      connection(), DiagnosticMonitor::MonitorAction.name};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{connection()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
+      connection()};
 };
 }  // namespace proxy
 
@@ -70,8 +71,8 @@ namespace skeleton {
 class DiagnosticMonitorSkeleton
     : public mw::com::cpp_binding::skeleton::Skeleton_impl<DiagnosticMonitor> {
  public:
-  /// An implementation's destructor must begin with disconnect(), so that no call reaches it any
-  /// more.
+  /// An implementation's destructor must begin with disconnect(), so that afterwards no call
+  /// reaches it.
   explicit DiagnosticMonitorSkeleton(const ara::core::InstanceSpecifier& specifier)
       : Skeleton_impl{specifier} {
     mw::com::cpp_binding::skeleton::provide(
@@ -82,8 +83,8 @@ class DiagnosticMonitorSkeleton
 
   virtual ara::core::Future<void> InitMonitor(InitMonitorReason reason) = 0;
 
-  mw::com::cpp_binding::skeleton::Event<MonitorActionType> MonitorAction{
-      provision(), DiagnosticMonitor::MonitorAction.name};
+  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
+      provision()};
 };
 }  // namespace skeleton
 

@@ -18,8 +18,8 @@ class DiagnosticMonitorServiceSkelImpl : public mw::dm::dem::skeleton::Diagnosti
       : DiagnosticMonitorSkeleton{specifier}, service_{service}, identifier_{identifier} {}
   ~DiagnosticMonitorServiceSkelImpl() override { disconnect(); }
 
-  /// kClear: an Error becomes Nominal with data received just now. Then, and for the two other
-  /// known reasons, the monitor's result is sent. Returns after the event left.
+  /// For kClear, an Error becomes Nominal as if data had just been received. For all three known
+  /// reasons, the monitor's result is then sent. Returns after the event was sent.
   ara::core::Future<void> InitMonitor(mw::dm::dem::InitMonitorReason reason) override;
 
  private:

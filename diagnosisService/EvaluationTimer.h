@@ -18,10 +18,10 @@ class EvaluationTimer {
   EvaluationTimer(const EvaluationTimer&) = delete;
   EvaluationTimer& operator=(const EvaluationTimer&) = delete;
 
-  /// Calls `work` after one period and then once in each. Called again, it begins anew with the new
-  /// period. Does nothing after stop(). Calls come from one thread.
+  /// Calls `work` after one period and then once in each period. A further call starts over with
+  /// the new period. Does nothing after stop(). One thread calls it.
   void start(std::chrono::milliseconds period);
-  /// For good. Returns once `work` does not run any more. Any thread, any number of times.
+  /// Stops for good. Returns when `work` no longer runs. Any thread may call, any number of times.
   void stop();
 
  private:
@@ -34,7 +34,7 @@ class EvaluationTimer {
   std::chrono::steady_clock::time_point next_;
   bool stopping_ = false;
   bool running_ = false;
-  std::thread thread_;  ///< touched by the owner's thread only
+  std::thread thread_;  ///< used by the owner's thread only
 };
 
 }  // namespace diagnosisService

@@ -1,4 +1,4 @@
-/// The monitors of this application: identifier, name, and the status byte that each reports.
+/// The monitors of this application: identifier, name, and the reported status byte.
 #pragma once
 
 #include <algorithm>
@@ -14,7 +14,7 @@ enum Status : std::uint8_t { kNominal = 0, kError = 1, kInit = 2, kNotAvailable 
 
 [[nodiscard]] constexpr std::string_view statusName(std::uint8_t status) {
   constexpr std::array<std::string_view, 4> names{"Nominal", "Error", "Init", "NotAvailable"};
-  // The spelling is what tools that read this log look for.
+  // Tools that read this log look for this spelling.
   return status < names.size() ? names[status] : "unknonw";
 }
 
@@ -22,7 +22,7 @@ inline constexpr std::size_t kInputCount = 11;
 inline constexpr std::size_t kOutputCount = 3;
 inline constexpr std::size_t kSystemCount = 14;
 
-/// Places of sensors in the setup and in the input status.
+/// Indices of sensors in the setup and in the input status.
 inline constexpr std::size_t kSensorGnss = 0;
 inline constexpr std::size_t kSensorTimeMaster = 8;
 
@@ -31,12 +31,12 @@ inline constexpr std::size_t kSystemPgf = 1;
 inline constexpr std::size_t kSystemMapMatching = 12;
 inline constexpr std::size_t kSystemReserved13 = 13;
 
-/// Monitors of what this application receives and sends.
+/// Monitors of the application's inputs and outputs.
 inline constexpr std::uint32_t kMonitorInputGnss = 0x83D101;
 inline constexpr std::uint32_t kMonitorOutputDeadReckoning = 0x83D104;
 inline constexpr std::uint32_t kMonitorInputTime = 0x83D10B;
 
-/// Which part of the status block a byte belongs to.
+/// The part of the status block to which a byte belongs.
 enum class StatusGroup : std::uint8_t { none, input, output, system };
 
 struct Monitor {
@@ -79,7 +79,7 @@ static_assert(std::is_sorted(kMonitors.begin(), kMonitors.end(), [](const auto& 
   return a.identifier < b.identifier;
 }));
 
-/// Places in kMonitors by the distance from the first identifier: asked for with each position.
+/// Indices in kMonitors by the distance from the first identifier: looked up for each position.
 inline constexpr auto kMonitorPlaces = [] {
   constexpr auto first = kMonitors.front().identifier;
   std::array<std::uint8_t, kMonitors.back().identifier - first + 1> places;
@@ -90,13 +90,14 @@ inline constexpr auto kMonitorPlaces = [] {
   return places;
 }();
 
-/// Place in kMonitors, kNoMonitor for an identifier that is not there.
+/// Index in kMonitors, kNoMonitor for an unknown identifier.
 [[nodiscard]] constexpr std::size_t monitorIndex(std::uint32_t identifier) {
-  const auto distance = identifier - kMonitors.front().identifier;  // huge when it is before
+  const auto distance = identifier - kMonitors.front().identifier;  // huge if it is before the
+                                                                    // first
   return distance < kMonitorPlaces.size() ? kMonitorPlaces[distance] : kNoMonitor;
 }
 
-/// Place in kMonitors of the first monitor that reports this byte.
+/// Index in kMonitors of the first monitor that reports this byte.
 [[nodiscard]] constexpr std::size_t monitorIndex(StatusGroup group, std::size_t byte) {
   const auto found = std::find_if(kMonitors.begin(), kMonitors.end(), [&](const Monitor& monitor) {
     return monitor.group == group && monitor.byte == byte;

@@ -1,4 +1,4 @@
-/// What is, or was, wrong with the consumed services: the records behind d_1190, d_1191 and d_1192.
+/// Present and past faults of the consumed services: the records behind d_1190, d_1191 and d_1192.
 #pragma once
 
 #include <array>
@@ -13,7 +13,7 @@ namespace diagnosisService {
 
 using lumo::services::diag::DataBusFault;
 
-/// What a data-bus fault is about: the consumed service in the high byte, its field in the low
+/// The subject of a data-bus fault: the consumed service in the high byte, its field in the low
 /// byte, 0 for the service as a whole.
 enum class Data_bus_element : std::uint16_t {
   GNSS = 0x0100,
@@ -30,17 +30,17 @@ class Data_bus_faults {
  public:
   using Clock = std::chrono::steady_clock;
 
-  /// Empties the records. `timeout` is how long a required service may stay away from `now` on.
+  /// Empties the records. A required service may be missing for at most `timeout` from `now` on.
   void reset(std::chrono::microseconds timeout, Clock::time_point now);
   /// `service` is missing until set() says that it is available.
   void require(Data_bus_element service, Clock::time_point since);
   /// Enters each required service that has been missing for longer than the time-out.
   void enter_missing(Clock::time_point now);
 
-  /// Enters that a fault appeared or went away. Only a change counts; repeating the present state
-  /// is cheap. Counters stay at their end rather than start anew.
+  /// Enters that a fault appeared or disappeared. Only a change counts; repeating the present state
+  /// is cheap. Counters stop at their maximum.
   void set(DataBusFault fault, Data_bus_element element, bool present);
-  /// How often faults of this kind appeared, over all elements.
+  /// The number of times that faults of this kind appeared, over all elements.
   [[nodiscard]] std::uint32_t count(DataBusFault fault) const { return record(fault).count; }
   /// Five bytes for each element that ever had the fault: service, field, 1 while the fault is
   /// present, occurrences in two bytes, big-endian.
@@ -51,7 +51,7 @@ class Data_bus_faults {
  private:
   struct Required_service {
     Data_bus_element element;
-    Clock::time_point since;  ///< when the wait for it began
+    Clock::time_point since;  ///< the beginning of the wait for it
     bool found = false;
   };
   struct Record {

@@ -18,7 +18,7 @@ namespace {
 
 using mw::dm::dem::MonitorActionType;
 
-/// Padded to one width: the lines are read as a table.
+/// Padded to one width, because the lines are read as a table.
 constexpr std::array<std::string_view, kInputCount> kSensorLabels{
     "sensor GNSS               ", "sensor BD_Odometrie       ", "sensor Kamera_Position    ",
     "sensor Kamera_Landmarken  ", "sensor TopView_Landmarken ", "sensor Lidar_Landmarken   ",
@@ -26,11 +26,11 @@ constexpr std::array<std::string_view, kInputCount> kSensorLabels{
     "sensor Kamera_BV_Linien   ", "sensor Kamera_Odometrie   "};
 
 std::string_view actionName(MonitorActionType action) {
-  const auto name = mw::dm::dem::nameOf(action);
+  const auto name = binding::name_of(action);
   return name.empty() ? "unknonw" : name;
 }
 
-/// A record of unsigned members whose wire form is `bytes`.
+/// A record of unsigned members whose encoded form is `bytes`.
 template <class Record, std::size_t Size>
 Record recordOf(const std::array<std::uint8_t, Size>& bytes) {
   binding::Cursor cursor{std::as_bytes(std::span{bytes})};
@@ -80,8 +80,8 @@ diagnosisServiceImpl::diagnosisServiceImpl()
 diagnosisServiceImpl::~diagnosisServiceImpl() {
   stop();
   {
-    // A call of InitMonitor may still be on its way to its skeleton, which goes now. Later ones
-    // find that the monitors are not offered.
+    // A call of InitMonitor may still be on its way to its skeleton, which is destroyed here. Later
+    // calls find the monitors not offered.
     std::unique_lock lock{offerMutex_};
     sent_.wait(lock, [this] { return sending_ == 0; });
   }
@@ -107,14 +107,14 @@ void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
   timer_.start(
       std::max(std::chrono::milliseconds{timeout.count() / 10'000}, std::chrono::milliseconds{1}));
 
-  // Only this function sets the member, so the thread that calls it may read it without the lock.
+  // Only this function sets the member, so its thread may read it without the lock.
   if (identifiers_ == nullptr) {
     auto identifiers = std::make_unique<DataIdentifiers>(*this);
     const std::lock_guard lock{offerMutex_};
     identifiers_ = std::move(identifiers);
   }
   identifiers_->forEach([](auto& one) { one.OfferService(); });
-  // stop() on another thread may have come before these offers.
+  // stop() on another thread may have preceded these offers.
   if (isStopped()) withdraw();
 }
 
@@ -132,7 +132,7 @@ void diagnosisServiceImpl::startMonitors() {
       throw std::logic_error{"diagnosisServiceImpl::startMonitors: called twice"};
     }
     monitors_ = std::move(monitors);
-    // Ahead of the offers, so that an InitMonitor that follows the first of them is answered.
+    // Set ahead of the offers, so that an InitMonitor after the first offer is answered.
     monitorsOffered_ = !stopped_;
   }
   for (const auto& monitor : monitors_)
@@ -189,7 +189,7 @@ void diagnosisServiceImpl::newSensorSetup(const SensorSetup& setup) {
   for (std::size_t sensor = 0; sensor < setup.size(); ++sensor) {
     logger_.LogInfo() << kSensorLabels[sensor] << (setup[sensor] ? "ON" : "OFF");
   }
-  // Of two setups at once, the one that came last holds for both flags and statuses.
+  // Of two simultaneous setups, the last one holds for both flags and statuses.
   const std::lock_guard lock{mutex_};
   book_.apply_sensor_setup();
 }
@@ -247,7 +247,7 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
   }
 }
 
-/// While it lives the destructor waits: what sends needs the object to the end.
+/// During its life the destructor of the service waits: a sender needs the object to the end.
 class diagnosisServiceImpl::Sending {
  public:
   explicit Sending(diagnosisServiceImpl& service) : service_{service} {
@@ -272,9 +272,10 @@ void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
     return status(identifier) == kError ? MonitorActionType::kFailed : MonitorActionType::kPassed;
   };
   try {
-    // Two senders of one monitor may overtake each other, and the event manager keeps what comes
-    // last. Whoever finds another result after its event has left sends that one too, so the last
-    // event tells the last status. Each further round takes a change of the status meanwhile.
+    // Two senders of one monitor may overtake each other, and the event manager keeps the last
+    // event. A sender that finds another result after its event has left sends that one too. So the
+    // last event carries the last status. A further round needs another change of the status
+    // meanwhile.
     std::optional<MonitorActionType> sent;
     for (auto action = result(); action != sent; action = result()) {
       std::async(std::launch::async | std::launch::deferred, [this, identifier, action] {

@@ -1,5 +1,5 @@
-/// The diagnosis service: keeps the status of every input, output and system function, turns it
-/// into Error when data stays away, and provides it through the data identifiers and the monitors.
+/// The diagnosis service: keeps the status of every input, output and system function, sets it to
+/// Error if data is missing, and provides it through the data identifiers and the monitors.
 #pragma once
 
 #include <array>
@@ -23,7 +23,7 @@
 
 namespace diagnosisService {
 
-/// Every function may be called from any thread, init and startMonitors from one thread.
+/// Any thread may call every function, but only one thread init and startMonitors.
 class diagnosisServiceImpl {
  public:
   using Clock = Status_book::Clock;
@@ -37,15 +37,15 @@ class diagnosisServiceImpl {
   diagnosisServiceImpl(const diagnosisServiceImpl&) = delete;
   diagnosisServiceImpl& operator=(const diagnosisServiceImpl&) = delete;
 
-  /// Sets the initial statuses, starts the evaluation (ten times finer than the time-out: every
-  /// 500 ms for 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs,
-  /// is how long data may stay away before a status turns to Error. Throws std::invalid_argument
-  /// for another time-out and std::runtime_error when the manifest lacks an instance. A second call
+  /// Sets the initial statuses, starts the evaluation (ten times per time-out: every 500 ms for
+  /// 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs, is the
+  /// longest time without data before a status turns to Error. Throws std::invalid_argument for
+  /// another time-out and std::runtime_error if the manifest lacks an instance. A second call
   /// resets every status, record and last-data time and evaluates with the new time-out.
   void init(std::uint64_t timeoutMs);
   /// Offers one DiagnosticMonitor per monitor, under the instance specifier "DiagnosticMonitor_"
-  /// and its name. Results of before are dropped. Throws std::runtime_error when the manifest lacks
-  /// an instance and std::logic_error for a second call.
+  /// and its name. Earlier results are dropped. Throws std::runtime_error if the manifest lacks an
+  /// instance and std::logic_error for a second call.
   void startMonitors();
   /// Ends the evaluation and the offers, for good. Waits for a running evaluation.
   void stop();
@@ -54,18 +54,19 @@ class diagnosisServiceImpl {
   void dataReceived(std::uint32_t identifier, Clock::time_point at = Clock::now()) noexcept;
   /// Throws std::out_of_range for a byte above 13.
   void setSystemStatus(std::size_t byte, std::uint8_t status);
-  /// In the order of the input status bytes. A sensor that is off is NotAvailable from now on.
+  /// `setup` is in the order of the input status bytes. A sensor that is off is NotAvailable from
+  /// now on.
   void newSensorSetup(const SensorSetup& setup);
   /// Replaces the record of d_14a2.
   void refreshMapMatchedPosition(const Map_matched_position& position);
   [[nodiscard]] Map_matched_record mapMatchedPosition() const;
-  /// Enters that a fault appeared or went away into the record of d_1190, d_1191 or d_1192. Only a
-  /// change counts; repeating the present state is cheap.
+  /// Enters into the record of d_1190, d_1191 or d_1192 that a fault appeared or disappeared. Only
+  /// a change counts; repeating the present state is cheap.
   void setDataBusFault(DataBusFault fault, Data_bus_element element, bool present);
-  /// The application needs this service. While setDataBusFault() has not reported it as available,
-  /// the first evaluation later than `since` plus the time-out enters it as not available.
+  /// Makes this a required service. Until setDataBusFault() reports it as available, the first
+  /// evaluation later than `since` plus the time-out enters it as not available.
   void requireService(Data_bus_element service, Clock::time_point since = Clock::now());
-  /// How often faults of this kind appeared since init, over all elements.
+  /// The number of times that faults of this kind appeared since init, over all elements.
   [[nodiscard]] std::uint32_t dataBusFaultCount(DataBusFault fault) const;
 
   /// An input, map-matched or dead-reckoning monitor in Error becomes Nominal as if data had been
@@ -76,13 +77,13 @@ class diagnosisServiceImpl {
   /// One evaluation cycle. Logs each change and sends the monitor's new result.
   void evaluate(Clock::time_point now);
 
-  /// Sends the monitor's result, kFailed in Error and kPassed otherwise; returns after it left. A
-  /// result that changed meanwhile follows, so the last event of a monitor is its last result.
+  /// Sends the monitor's result, kFailed in Error and kPassed otherwise. Returns after it was sent.
+  /// A result that changed meanwhile follows, so a monitor's last event is its last result.
   void sendResult(std::uint32_t identifier);
-  /// Sends one event; dropped, with a line, while the monitors are not offered.
+  /// Sends one event. Drops it, with a log line, while the monitors are not offered.
   void sendEvent(std::uint32_t identifier, mw::dm::dem::MonitorActionType action);
 
-  /// What Read of the data identifier with this output returns.
+  /// The output for Read of its data identifier.
   template <class Output>
   [[nodiscard]] Output read() const;
 
@@ -107,8 +108,8 @@ class diagnosisServiceImpl {
   bool stopped_ = false;
   bool monitorsOffered_ = false;
   std::size_t sending_ = 0;  ///< calls of sendResult and sendEvent
-  /// Filled once, under offerMutex_, and emptied in the destructor; what they point to is safe to
-  /// use in between.
+  /// Filled once, under offerMutex_, and emptied in the destructor; in between the objects behind
+  /// them are safe to use.
   std::unique_ptr<DataIdentifiers> identifiers_;
   std::vector<std::unique_ptr<DiagnosticMonitorServiceSkelImpl>> monitors_;
 

@@ -8,8 +8,8 @@ namespace diagnosisService {
 
 namespace {
 
-/// The lowest bytes of `value`, most significant first; a value that does not fit becomes the
-/// nearest that does.
+/// The lowest bytes of `value`, most significant first. A value that does not fit becomes the
+/// nearest value that does.
 template <std::size_t Size>
 std::array<std::uint8_t, Size> big_endian(double value, double lowest, double highest) {
   auto rest = static_cast<std::uint64_t>(std::llround(std::clamp(value, lowest, highest)));
@@ -34,7 +34,7 @@ bool is_usable(const boost::optional<Value>& value) {
   return value && std::isfinite(*value);
 }
 
-/// Four bits; 15 stands for absent and for what four bits cannot carry.
+/// Four bits; 15 stands for absent and for a value that needs more bits.
 unsigned nibble(const boost::optional<std::uint32_t>& value) {
   constexpr unsigned none = 15;
   return value && *value < none ? *value : none;

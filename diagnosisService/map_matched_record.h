@@ -9,8 +9,8 @@
 
 namespace diagnosisService {
 
-/// What the record is made from. Absent members, and numbers that are not finite, stay 0 in the
-/// record and are marked as not valid where it has a mark.
+/// The source of the record. Absent members, and numbers that are not finite, stay 0 in the record;
+/// members with a validity mark are then marked as not valid.
 struct Map_matched_position {
   boost::optional<double> latitude;   ///< deg, WGS 84, north positive
   boost::optional<double> longitude;  ///< deg, WGS 84, east positive
@@ -25,7 +25,7 @@ struct Map_matched_position {
   boost::optional<std::uint32_t> position_source;
 };
 
-/// What d_14a2 returns, and what only the application sees. Numbers are big-endian.
+/// The output of d_14a2, and the members that only the application sees. Numbers are big-endian.
 struct Map_matched_record {
   lumo::services::diag::PositioningMMPos position;
   std::array<std::uint8_t, 2> heading{};  ///< 0.01 deg, clockwise from true north
@@ -35,7 +35,7 @@ struct Map_matched_record {
 };
 static_assert(sizeof(Map_matched_record) == 25);
 
-/// A number that its place cannot hold becomes the nearest that it can.
+/// A number that does not fit becomes the nearest that does.
 [[nodiscard]] Map_matched_record map_matched_record(const Map_matched_position& position);
 
 }  // namespace diagnosisService

@@ -8,7 +8,8 @@ namespace diagnosisService {
 
 namespace {
 
-/// An output is bound to a system function: while that is in Error or Init, the output is too.
+/// An output depends on a system function: while the function is in Error or Init, so is the
+/// output.
 struct Output_rule {
   std::size_t output;
   std::size_t system_byte;
@@ -63,8 +64,8 @@ void Status_book::clear(std::uint32_t identifier, Clock::time_point at) {
   const auto index = monitorIndex(identifier);
   if (index == kNoMonitor) return;
   const auto& monitor = kMonitors[index];
-  // System functions and the static output are not evaluated, so nothing would bring a cleared
-  // Error back.
+  // System functions and the static output are not evaluated, so a cleared Error would never
+  // return.
   const bool clearable =
       monitor.group == StatusGroup::input ||
       (monitor.group == StatusGroup::output && monitor.byte < output_rules.size());

@@ -1,4 +1,4 @@
-/// The status bytes of inputs, outputs and system functions, and the rules by which they change.
+/// The status bytes of inputs, outputs and system functions, and the rules for their changes.
 #pragma once
 
 #include <array>
@@ -16,7 +16,7 @@ namespace diagnosisService {
 class Status_book {
  public:
   using Clock = std::chrono::steady_clock;
-  /// In the order of the input status bytes; true: the sensor is there.
+  /// In the order of the input status bytes; true: the sensor exists.
   using Sensor_setup = std::array<bool, kInputCount>;
 
   struct Change {
@@ -27,24 +27,24 @@ class Status_book {
 
   Status_book();
 
-  /// Back to the initial statuses, with no data received. `timeout` is how long data may stay away
-  /// before a status turns to Error.
+  /// Returns to the initial statuses, without received data. `timeout` is the longest time without
+  /// data before a status turns to Error.
   void reset(std::chrono::microseconds timeout);
 
-  /// Takes effect at the next evaluation. Unknown identifiers are ignored, and all of them before
-  /// the first reset(). Never blocks.
+  /// Takes effect at the next evaluation. Unknown identifiers are ignored, and before the first
+  /// reset() all identifiers. Never blocks.
   void data_received(std::uint32_t identifier, Clock::time_point at) noexcept;
   /// Throws std::out_of_range for a byte above 13.
   void set_system_status(std::size_t byte, std::uint8_t status);
-  /// The setup that the next evaluation goes by.
+  /// Sets the setup for the next evaluation.
   void set_sensor_setup(const Sensor_setup& setup) { sensors_ = setup; }
-  /// Brings the input statuses in line with the setup: NotAvailable without the sensor, Init with
-  /// it unless Nominal.
+  /// Adapts the input statuses to the setup: NotAvailable without the sensor; with it, Init unless
+  /// Nominal.
   void apply_sensor_setup();
   /// An input, map-matched or dead-reckoning monitor in Error becomes Nominal as if data had been
   /// received at `at`.
   void clear(std::uint32_t identifier, Clock::time_point at);
-  /// One evaluation cycle. Gives what it changed, in the order of evaluation.
+  /// One evaluation cycle. Returns its changes, in the order of evaluation.
   [[nodiscard]] std::vector<Change> evaluate(Clock::time_point now);
 
   /// The monitor's status byte, 0 for an identifier without one.
@@ -75,7 +75,7 @@ class Status_book {
                                        std::uint8_t status,
                                        Clock::time_point now) const;
 
-  /// One per entry of kMonitors. Relaxed: each is a value on its own, and one evaluation earlier or
+  /// One per entry of kMonitors. Relaxed: each value is independent, and one evaluation earlier or
   /// later makes no difference.
   std::array<std::atomic<Clock::rep>, kMonitors.size()> last_data_;
   Bytes bytes_;

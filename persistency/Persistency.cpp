@@ -9,7 +9,7 @@ using ara::per::KvsType;
 
 namespace {
 
-/// No storage holds more; a larger size entry is damaged and must not become an allocation.
+/// No storage holds more. A larger size entry is damaged and must not cause an allocation.
 constexpr std::uint64_t kMaxBlobBytes = std::uint64_t{16} << 20;
 
 }  // namespace
@@ -135,7 +135,7 @@ void Persistency::setStoringAllowed(bool allowed) {
 }
 
 void Persistency::setCallback(std::function<void()> callback) {
-  // The old one ends with the argument, when the new one is in place.
+  // The old callback is destroyed with the argument, after the new one is in place.
   callback_.swap(callback);
 }
 
@@ -146,7 +146,7 @@ void Persistency::remove(const std::string& key) {
   }
   logger_.LogInfo() << "Remove " + key;
   gateway_.removeKey(key);
-  // A storage that has lost its footing shows it here and not at some later read.
+  // A storage that no longer works throws here and not at a later read.
   static_cast<void>(gateway_.hasKey(key));
 }
 
@@ -182,8 +182,8 @@ bool Persistency::saveBinaryData(const std::vector<std::uint8_t>& data, const st
   try {
     gateway_.sync();
   } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch)
-    // What failed the save may fail this too, and that has been logged. The next sync that works
-    // takes the entries off the disk.
+    // The cause of the failed save may also prevent this, and has already been logged. The next
+    // successful sync removes the entries from the disk.
   }
   return false;
 }
@@ -194,14 +194,14 @@ void Persistency::writeEntry(const std::string& key, const KvsType& value) {
     throw std::runtime_error(key + ": storing became forbidden during the save");
   }
   gateway_.setValue(key, value);
-  // Read back: without a storage a write goes nowhere and says nothing.
+  // Reads back, because without a storage a write has no effect and no error.
   if (gateway_.getValue(key).GetStatus() != KvsType::Status::kSuccess) {
     throw std::runtime_error(key + ": the storage did not take the value");
   }
   gateway_.sync();
 }
 
-/// `extract` takes the value and returns its text for the log; what it throws makes the entry
+/// `extract` takes the value and returns its text for the log. If it throws, the entry is
 /// unreadable.
 template <typename Extract>
 bool Persistency::readEntry(const std::string& key, KvsType::Type type, Extract extract) const {
@@ -211,7 +211,8 @@ bool Persistency::readEntry(const std::string& key, KvsType::Type type, Extract 
     return false;
   }
   try {
-    const std::string text = extract(value);  // first: a message is sent even when this throws
+    const std::string text = extract(value);  // before the log call: a message is sent even if this
+                                              // throws
     logger_.LogInfo() << "Got entry " + key + "=" + text;
     return true;
   } catch (const std::exception& error) {

@@ -63,7 +63,7 @@ void Phm_timer::launch() {
     const std::lock_guard lock(mutex_);
     pending_ = std::move(call);
   } catch (const std::exception& error) {
-    // No thread to be had: this tick is lost, the next one tries again.
+    // No thread is available: this tick is lost, the next one tries again.
     logger_.LogError() << "Error in timer function:" << error.what();
   }
 }

@@ -1,4 +1,4 @@
-/// The small periodic timer behind the alive supervision.
+/// The periodic timer of the alive supervision.
 #pragma once
 
 #include <atomic>
@@ -10,21 +10,21 @@
 
 #include "ara/log/logger.h"
 
-/// Calls a function once per period, each time on a thread of its own, never twice at once: ticks
-/// that find the previous call still running are dropped.
+/// Calls a function once per period, each time on a thread of its own, never twice at once: a tick
+/// during the previous call is dropped.
 ///
-/// start() and stop() belong to one thread.
+/// One thread calls start() and stop().
 class Phm_timer {
  public:
   explicit Phm_timer(std::function<void()> callback);
-  /// Stops. An exception on the way ends the process.
+  /// Stops. An exception meanwhile ends the process.
   ~Phm_timer();
   Phm_timer(const Phm_timer&) = delete;
   Phm_timer& operator=(const Phm_timer&) = delete;
 
-  /// After `initialDelay` the first call, then one per `period`. With period 0 there is one call
-  /// only, made by the timer thread itself, where an exception ends the process. To be called once:
-  /// starting over a thread that was not joined ends the process.
+  /// Makes the first call after `initialDelay`, then one per `period`. With period 0 there is only
+  /// one call, on the timer thread itself, where an exception ends the process. Call start() only
+  /// once: a second start over a thread that was not joined ends the process.
   void start(std::chrono::milliseconds period, std::chrono::milliseconds initialDelay);
 
   /// Returns when the current sleep (the initial delay or one period) and the pending call are
@@ -39,7 +39,7 @@ class Phm_timer {
 
   ara::log::Logger& logger_;
   std::function<void()> callback_;
-  /// Not zero while the timer runs. Written by stop() under the loop's eyes; nothing else is
+  /// Not zero while the timer runs. stop() writes it while the loop reads it; nothing else is
   /// published with it.
   std::atomic<std::chrono::milliseconds> period_{std::chrono::milliseconds::zero()};
   std::mutex mutex_;  ///< guards pending_ while it is replaced or its result is taken

@@ -18,7 +18,7 @@ phmClientImpl::phmClientImpl(ara::core::InstanceSpecifier application)
 
 void phmClientImpl::init() {
   logger_.LogInfo() << "enter phmClientImpl::init()";
-  // The timer goes first: its calls must not meet an entity or a client that is being replaced.
+  // The timer is destroyed first: its calls must not meet an entity or a client being replaced.
   timer_.reset();
   supervisionEntity_.reset();
   client_ = std::make_unique<ara::phm::Phm_client>(application_);

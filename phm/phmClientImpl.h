@@ -11,16 +11,16 @@
 
 namespace phmClient {
 
-/// Reports one alive checkpoint per second from init() to stop(). Both belong to one thread.
+/// Reports one alive checkpoint per second from init() to stop(). One thread calls both.
 class phmClientImpl {
  public:
-  /// `application` is the name under which health management knows the process.
+  /// `application` is the process's name for health management.
   explicit phmClientImpl(ara::core::InstanceSpecifier application);
   phmClientImpl(const phmClientImpl&) = delete;
   phmClientImpl& operator=(const phmClientImpl&) = delete;
 
-  /// The first checkpoint is reported at once. Called again, it stops and replaces what runs.
-  /// Throws what the platform's health management throws; nothing runs then.
+  /// Reports the first checkpoint at once. A further call stops and replaces the running
+  /// supervision. Throws the exceptions of the platform's health management; then nothing runs.
   void init();
 
   /// Takes up to one second, for the timer's current period. No effect before init().

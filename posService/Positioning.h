@@ -26,10 +26,8 @@ class PositioningProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Position
  public:
   explicit PositioningProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Field<decltype(Positioning::positions)::value_type> positions{
-      connection(), Positioning::positions.name};
-  mw::com::cpp_binding::proxy::Field<decltype(Positioning::posMapInfo)::value_type> posMapInfo{
-      connection(), Positioning::posMapInfo.name};
+  mw::com::cpp_binding::proxy::Element<Positioning::positions> positions{connection()};
+  mw::com::cpp_binding::proxy::Element<Positioning::posMapInfo> posMapInfo{connection()};
 };
 }  // namespace proxy
 
@@ -40,10 +38,8 @@ class PositioningSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl
       : Skeleton_impl{specifier} {}
   ~PositioningSkeleton() { disconnect(); }
 
-  mw::com::cpp_binding::skeleton::Field<decltype(Positioning::positions)::value_type> positions{
-      provision(), Positioning::positions.name};
-  mw::com::cpp_binding::skeleton::Field<decltype(Positioning::posMapInfo)::value_type> posMapInfo{
-      provision(), Positioning::posMapInfo.name};
+  mw::com::cpp_binding::skeleton::Element<Positioning::positions> positions{provision()};
+  mw::com::cpp_binding::skeleton::Element<Positioning::posMapInfo> posMapInfo{provision()};
 };
 }  // namespace skeleton
 

@@ -1,17 +1,43 @@
-/// Records that the Positioning service publishes, each described once.
+/// Records of the Positioning service, each described once.
 #pragma once
 
 #include <boost/optional.hpp>
 #include <cstdint>
 #include <string>
 
-#include "binding/record.h"
+#include "binding/position_type.h"
 
 namespace lumo::services::positioning::datatypes {
 
+/// Where a map-matched record comes from.
+enum class Position_source : std::uint32_t { position_update = 1, forwarded_position = 4 };
+constexpr auto enumerators_of(Position_source) {
+  using enum Position_source;
+  return std::to_array<binding::Enumerator<Position_source>>(
+      {{position_update, "position update"}, {forwarded_position, "forwarded position"}});
+}
+
+/// Values of the status members of a position: constant in this version, they say nothing about a
+/// sample.
+namespace position_status {
+inline constexpr std::uint32_t position = 2;
+inline constexpr std::uint32_t altitude = 1;
+inline constexpr std::uint32_t yaw_angle = 2;
+inline constexpr std::uint32_t speed = 2;
+inline constexpr std::uint32_t attitude = 2;
+inline constexpr std::uint32_t time = 1;
+inline constexpr std::uint32_t map_matching = 0;
+}  // namespace position_status
+
+/// The same of a map-matched record.
+namespace map_status {
+inline constexpr std::uint32_t map_matching = 2;
+inline constexpr std::uint32_t map = 3;
+}  // namespace map_status
+
 /// One dead-reckoned position.
 struct DT_positions_struct {
-  boost::optional<std::uint32_t> positionType;
+  boost::optional<Position_type> positionType;
   boost::optional<std::uint32_t> messageCounter;
   boost::optional<double> LAT;
   boost::optional<double> LON;
@@ -49,7 +75,7 @@ struct DT_posMapInfo_struct {
   boost::optional<std::uint32_t> mapInfo;
   boost::optional<std::uint32_t> statusMapMatching;
   boost::optional<std::uint32_t> statusMap;
-  boost::optional<std::uint32_t> positionSource;
+  boost::optional<Position_source> positionSource;
   boost::optional<std::uint32_t> preciseLocalTimeSeconds;
   boost::optional<std::uint32_t> preciseLocalTimeNanoseconds;
 };
@@ -66,7 +92,7 @@ struct binding::Description<lumo::services::positioning::datatypes::DT_positions
              "positionType",
              &Record::positionType,
              "",
-             "2 in a position update only, absent in a forwarded position"),
+             "GNSS-DR in a position update, absent in a forwarded position"),
       member(1,
              "messageCounter",
              &Record::messageCounter,
@@ -137,11 +163,7 @@ struct binding::Description<lumo::services::positioning::datatypes::DT_posMapInf
       member(0, "mapInfo", &Record::mapInfo, "", "value of a map-info update only"),
       member(1, "statusMapMatching", &Record::statusMapMatching, "", "constant 2, see above"),
       member(2, "statusMap", &Record::statusMap, "", "constant 3, see above"),
-      member(3,
-             "positionSource",
-             &Record::positionSource,
-             "",
-             "origin of the record: 4 = forwarded position, 1 = position update"),
+      member(3, "positionSource", &Record::positionSource, "", "origin of the record"),
       member(4,
              "preciseLocalTimeSeconds",
              &Record::preciseLocalTimeSeconds,

@@ -5,22 +5,24 @@
 #include <cstddef>
 #include <string>
 
+#include "binding/timestamp.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "posService/posServiceSkelImpl.h"
 
 namespace {
 
-constexpr std::uint64_t us_per_s = 1'000'000;
+using lumo::services::positioning::datatypes::Position_source;
+namespace map_status = lumo::services::positioning::datatypes::map_status;
+namespace position_status = lumo::services::positioning::datatypes::position_status;
+
 constexpr std::uint32_t counter_period = 100;
 
-/// Where a map-matched record comes from, its member positionSource.
-enum class Source : std::uint32_t { position_update = 1, dead_reckoning = 4 };
-
-posServiceImpl::Map_info map_matched(const posServiceImpl::Position& position, Source source) {
+posServiceImpl::Map_info map_matched(const posServiceImpl::Position& position,
+                                     Position_source source) {
   posServiceImpl::Map_info map_info;
-  map_info.statusMapMatching = 2;
-  map_info.statusMap = 3;
-  map_info.positionSource = static_cast<std::uint32_t>(source);
+  map_info.statusMapMatching = map_status::map_matching;
+  map_info.statusMap = map_status::map;
+  map_info.positionSource = source;
   map_info.preciseLocalTimeSeconds = position.preciseLocalTimeSeconds;
   map_info.preciseLocalTimeNanoseconds = position.preciseLocalTimeNanoseconds;
   return map_info;
@@ -38,14 +40,15 @@ diagnosisService::Map_matched_position as_map_matched(const posServiceImpl::Posi
           .nanoseconds = map_info.preciseLocalTimeNanoseconds,
           .status_map = map_info.statusMap,
           .status_map_matching = map_info.statusMapMatching,
-          .position_source = map_info.positionSource};
+          .position_source = map_info.positionSource.map(
+              [](auto source) { return static_cast<std::uint32_t>(source); })};
 }
 
 std::uint32_t to_ms(std::uint64_t us) {
   return static_cast<std::uint32_t>(us / 1000);
 }
 
-/// Bit for bit: a NaN repeats itself.
+/// Compares bit for bit: a NaN equals itself.
 template <class Value>
 bool same(const boost::optional<Value>& a, const boost::optional<Value>& b) {
   using Bits = std::array<std::byte, sizeof(Value)>;
@@ -79,7 +82,7 @@ void posServiceImpl::sendDR(Position position) {
   // Unsigned, so that the 32-bit clock may wrap around.
   const std::uint32_t elapsed_ms = to_ms(now_us) - last_mm_sent_ms_;
   if (elapsed_ms > mm_interval_ms_) {
-    const auto map_info = map_matched(position, Source::dead_reckoning);
+    const auto map_info = map_matched(position, Position_source::forwarded_position);
     diagnosis_.refreshMapMatchedPosition(as_map_matched(position, map_info));
     sendMM(map_info);
     logger_.LogInfo() << "DR position is being sent as MM, time from last MM sent pos: "
@@ -88,11 +91,10 @@ void posServiceImpl::sendDR(Position position) {
     last_mm_sent_ms_ = to_ms(now_us);
   }
 
-  if (!position.preciseLocalTimeSeconds || !position.preciseLocalTimeNanoseconds) return;
+  const auto timestamp = binding::timestamp_of(position);
+  if (!timestamp) return;
   if (!always_send_ && is_repeated(position)) return;
-  const auto stamp_us =
-      *position.preciseLocalTimeNanoseconds / 1000 + *position.preciseLocalTimeSeconds * us_per_s;
-  position.age = static_cast<std::uint32_t>(timeutils::absoluteDifference(stamp_us, now_us));
+  position.age = static_cast<std::uint32_t>(timeutils::absoluteDifference(timestamp->us(), now_us));
   publish(position);
 }
 
@@ -107,7 +109,7 @@ void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
       line << "POS Service update positions with latitude= " << std::to_string(*latitude)
            << ", longitude = " << std::to_string(*longitude);
     }
-    position.positionType = 2;
+    position.positionType = lumo::services::Position_type::gnss_dr;
     position.messageCounter = message_counter_;
     position.LAT = latitude;
     position.LON = longitude;
@@ -122,15 +124,13 @@ void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
     position.accuracySpeed2D = 1.0F;
     position.accuracySpeedVertical = 1.0F;
     position.accuracyYawAngle = 1.0F;
-    position.statusTime = 1;
-    position.statusMapMatching = 0;
+    position.statusTime = position_status::time;
+    position.statusMapMatching = position_status::map_matching;
     message_counter_ = (message_counter_ + 1) % counter_period;
   }
-  const auto now_us = time_.currentTimeUs();
-  position.preciseLocalTimeSeconds = static_cast<std::uint32_t>(now_us / us_per_s);
-  position.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(now_us % us_per_s * 1000);
+  binding::set_timestamp(position, binding::Timestamp::of_us(time_.currentTimeUs()));
   publish(position);
-  if (valid) sendMM(map_matched(position, Source::position_update));
+  if (valid) sendMM(map_matched(position, Position_source::position_update));
 }
 
 void posServiceImpl::updateMapInfo(std::uint32_t value) {

@@ -17,44 +17,44 @@ namespace posService {
 class posServiceSkelImpl;
 }
 
-/// Calls come from one thread at a time: from the starting thread until init() has returned, then
-/// from the one receiver of positions. Only stop() may come from another thread meanwhile.
+/// One thread at a time calls: the starting thread until init() has returned, then the one receiver
+/// of positions. Only stop() may come from another thread meanwhile.
 class posServiceImpl {
  public:
   using Position = lumo::services::positioning::datatypes::DT_positions_struct;
   using Map_info = lumo::services::positioning::datatypes::DT_posMapInfo_struct;
 
-  /// `diagnosis` is told each position that sendDR() publishes as map-matched record.
+  /// `diagnosis` receives each position that sendDR() publishes as map-matched record.
   explicit posServiceImpl(diagnosisService::diagnosisServiceImpl& diagnosis,
                           const timeutils& time = timeutils::instance());
   ~posServiceImpl();
   posServiceImpl(const posServiceImpl&) = delete;
   posServiceImpl& operator=(const posServiceImpl&) = delete;
 
-  /// On (until set): sendDR() publishes every position with a full timestamp. Off: only those that
-  /// differ from the position published before in a member other than messageCounter, time stamp
-  /// and age. Absent equals absent. Set it before init().
+  /// On (until set): sendDR() publishes every position with a full timestamp. Off: it publishes
+  /// only positions that differ from the previous one in a member other than messageCounter, time
+  /// stamp and age. Absent equals absent. Set it before init().
   void setAlwaysSendAllValidPositions(bool on) { always_send_ = on; }
-  /// A position goes out as map-matched record too when more than this time has passed since the
+  /// A position is also published as map-matched record if more than this time has passed since the
   /// last one; 1000 until set.
   void setMmNewPositionCalculationIntervalMS(std::uint32_t interval) { mm_interval_ms_ = interval; }
 
-  /// Gives both fields their first values, a position with nothing but the time and map information
-  /// 0, and offers the service. Throws std::runtime_error when the manifest does not have it.
+  /// Gives both fields their first values (a position with only the time, and map information 0)
+  /// and offers the service. Throws std::runtime_error if the manifest does not have it.
   void init();
-  /// Ends the offer. Positions that still come are kept, not sent. May be called twice.
+  /// Ends the offer. Later positions are kept, not sent. May be called twice.
   void stop();
 
-  // Before init() the following build and log their records but send nothing.
+  // Before init() the following functions build and log their records but send nothing.
 
-  /// Publishes a dead-reckoned position when it has a full timestamp, with its age in microseconds,
-  /// and a map-matched record made from it when the interval has passed.
+  /// Publishes a dead-reckoned position if it has a full timestamp, with its age in microseconds.
+  /// Also publishes a map-matched record made from it if the interval has passed.
   void sendDR(Position position);
   /// Publishes a position made of the coordinates in degrees, whatever their values, and a
-  /// map-matched record. Without both coordinates only the time is published, as position.
+  /// map-matched record. Without both coordinates it publishes only the time, as position.
   void updatePositions(const boost::optional<double>& latitude,
                        const boost::optional<double>& longitude);
-  /// Publishes map information with nothing but this value.
+  /// Publishes map information with only this value.
   void updateMapInfo(std::uint32_t value);
   void sendMM(const Map_info& map_info);
 

@@ -5,10 +5,10 @@
 
 namespace posService {
 
-/// Get of both fields is answered from the latest published record. Any thread may publish.
+/// Get of both fields returns the latest published record. Any thread may publish.
 class posServiceSkelImpl : public lumo::services::positioning::skeleton::PositioningSkeleton {
  public:
-  /// The instance "Positioning_ProvidedSomeipServiceInstance". Throws std::runtime_error when the
+  /// The instance "Positioning_ProvidedSomeipServiceInstance". Throws std::runtime_error if the
   /// manifest does not have it.
   posServiceSkelImpl();
 

@@ -1,6 +1,6 @@
-"""Runs the application between a GNSS source and a consumer, shows what comes out and sums up.
+"""Runs the application between a GNSS source and a consumer, shows the published positions and a summary.
 
-scripts/run calls it. Exit code 0: positions came, none was lost, and every program ended well.
+scripts/run calls it. Exit code 0: positions arrived, none was lost, and every program ended normally.
 """
 
 import argparse
@@ -22,7 +22,7 @@ END_TIMEOUT = 15.0
 
 
 class Program:
-    """One child process, out of the terminal's reach: Ctrl-C is for us, the order of the end too."""
+    """One child process, detached from the terminal: this program handles Ctrl-C and the order of the ends."""
 
     def __init__(self, name, command, log, stdout=subprocess.DEVNULL, environment=None):
         self.name = name
@@ -41,7 +41,7 @@ class Program:
         return self.process.poll() is not None
 
     def stop(self):
-        """Returns what went wrong, or None."""
+        """Returns the problem, or None."""
         if not self.ended():
             self.process.send_signal(signal.SIGTERM)
         try:
@@ -59,7 +59,7 @@ class Program:
 
 
 class Consumer:
-    """Reads what posctl prints, on a thread of its own."""
+    """Reads the output of posctl, on a thread of its own."""
 
     def __init__(self, stream, as_json):
         self.as_json = as_json
@@ -111,7 +111,7 @@ class Consumer:
 
 
 def read_status(posctl, as_json):
-    """The application's own account of its state, and what went wrong, or None."""
+    """The application's own report of its state, and the problem, or None."""
     answer = subprocess.run(
         [posctl, "status", "--timeout", f"{STATUS_TIMEOUT:g}", *(["--json"] if as_json else [])],
         stdin=subprocess.DEVNULL,
@@ -133,7 +133,7 @@ def percentile(values, part):
 
 
 class Run:
-    """The three programs, from their start to the sum of what they did."""
+    """The three programs, from their start to the summary."""
 
     def __init__(self, options, stop):
         self.options = options
@@ -144,7 +144,7 @@ class Run:
         self.application = self.gateway = self.consumer = None
         self.status = ""
         self.sent = 0
-        self.problems = []  # with a None for each thing that went well
+        self.problems = []  # with a None for each success
 
     def start(self, storage):
         self.logs.mkdir(parents=True, exist_ok=True)
@@ -175,7 +175,7 @@ class Run:
             program.kill()
 
     def watch(self):
-        """Until the user, the time or a program ends it, or no position has come for too long."""
+        """Until the user, the time or a program ends it, or no position has arrived for too long."""
         end = None
         first_deadline = time.monotonic() + FIRST_POSITION_TIMEOUT
         while not self.stop.is_set() and self._first_to_end() is None:
@@ -190,7 +190,7 @@ class Run:
             self.stop.wait(0.05)
 
     def end(self):
-        """The source first, so that nothing is lost on the way."""
+        """Ends the source first, so that nothing is lost on the way."""
         ended = self._first_to_end()
         if ended is not None and (ended is not self.gateway or ended.process.returncode != 0):
             self.problems.append(f"{ended.name} ended by itself")
@@ -200,7 +200,7 @@ class Run:
         self.problems.append(self.gateway.stop())
         with contextlib.suppress(ValueError, KeyError):  # not written by a gateway that failed
             self.sent = json.loads(self.statistics.read_text(encoding="utf-8"))["notifications"]
-        # What is still on its way.
+        # Notifications still under way.
         arrived = lambda: self.sent and self.consumer.counters[-1:] == [self.sent - 1]
         self.consumer.wait_for(arrived, time.monotonic() + 1)
         for program in reversed(self.programs):
@@ -209,7 +209,7 @@ class Run:
         self.consumer.thread.join(END_TIMEOUT)
 
     def summary(self):
-        # The source counts its notifications; the application hands the number on.
+        # The source counts its notifications; the application forwards the number.
         counters = self.consumer.counters
         lost = counters[-1] - counters[0] + 1 - len(counters) if counters else 0
         if not counters:
@@ -267,7 +267,7 @@ def main():
             run.watch()
             run.end()
         finally:
-            run.kill()  # whatever happened here, nothing is left running
+            run.kill()  # in any case no child keeps running
     summary = run.summary()
     (print_json if options.json else print_text)(run.status, summary)
     return 1 if summary["problems"] else 0

@@ -19,11 +19,12 @@ using ara::per::KvsType;
 
 using Gnss = lumo::services::gnss::datatypes::DT_positions_struct;
 using Times = lumo::services::time::datatypes::DT_times_struct;
+using lumo::services::time::datatypes::Time_type;
 using Positioning = lumo::services::positioning::datatypes::DT_positions_struct;
 
 Gnss sample(std::uint32_t type, std::uint32_t counter) {
   Gnss position;
-  position.positionType = type;
+  position.positionType = lumo::services::Position_type{type};
   position.messageCounter = counter;
   position.LAT = 48.25;
   position.LAT_valueType = binding::Value_type::physical_value;
@@ -139,11 +140,11 @@ TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_recor
   gnssClient::gnssClientImpl::Satellite bad_satellite;
   bad_satellite.elevation_valueType = binding::Value_type{9};
   Times bad_time;
-  bad_time.type = 2;
+  bad_time.type = Time_type::platform;
   bad_time.pltOffset = 1'234'999;
   bad_time.utcNanoseconds = 1'000'000'000;
   Times of_another_type;
-  of_another_type.type = 3;
+  of_another_type.type = Time_type{3};
   of_another_type.pltOffset = 9'000'000;
   become(not_available, {0, 0, 0, 10, 1, 0, 1, 0, 1, 2, 0, 1, 0, 1});  // never found
   update(*gnss_, "positions", std::vector{sample(1, 1)});

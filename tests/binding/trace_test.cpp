@@ -72,7 +72,7 @@ TEST_F(Trace, of_a_message_follows_the_level_at_run_time) {
 
 TEST_F(Trace, carries_a_payload_as_positions_and_kinds) {
   DT_positionsQuality_struct quality;
-  quality.positionType = 1;
+  quality.positionType = lumo::services::Position_type{1};
   quality.isActivatedAssistedGNSS = true;
   quality.satsInViewGPS = std::uint8_t{9};
   using Values = std::vector<DT_positionsQuality_struct>;
@@ -161,8 +161,8 @@ TEST(Field, get_answers_with_the_value_that_was_notified_last) {
       .service = "a::S", .instance = "1", .provider = runtime.provide("a::S", "one")};
   mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{provision, "quality"};
   DT_positionsQuality_struct first, second;
-  first.positionType = 1;
-  second.positionType = 2;
+  first.positionType = lumo::services::Position_type{1};
+  second.positionType = lumo::services::Position_type{2};
   runtime.on_update = [&, overtaken = false]() mutable {
     if (!std::exchange(overtaken, true)) std::thread([&] { field.Update(second); }).join();
   };

@@ -24,7 +24,7 @@ using binding::Value_type;
 
 Position sample(boost::optional<std::uint32_t> type, std::uint32_t counter) {
   Position position;
-  position.positionType = type;
+  if (type) position.positionType = lumo::services::Position_type{*type};
   position.messageCounter = counter;
   return position;
 }

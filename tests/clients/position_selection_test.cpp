@@ -14,7 +14,7 @@ using Position = lumo::services::gnss::datatypes::DT_positions_struct;
 
 Position of_type(boost::optional<std::uint32_t> type, std::uint32_t counter) {
   Position position;
-  position.positionType = type;
+  if (type) position.positionType = lumo::services::Position_type{*type};
   position.messageCounter = counter;
   return position;
 }
@@ -22,10 +22,10 @@ Position of_type(boost::optional<std::uint32_t> type, std::uint32_t counter) {
 TEST(Select, takes_the_last_sample_of_the_wanted_type_and_the_last_of_any_other_type) {
   const std::vector samples{of_type(1, 0), of_type(2, 1), of_type(boost::none, 2), of_type(1, 3),
                             of_type(2, 4), of_type(9, 5), of_type(boost::none, 6)};
-  const auto gnss = select(samples, Position_type::gnss);
+  const auto gnss = select(samples, lumo::services::Position_type::gnss);
   EXPECT_EQ(gnss.chosen, &samples[3]);
   EXPECT_EQ(gnss.other, &samples[5]);
-  const auto gnss_dr = select(samples, Position_type::gnss_dr);
+  const auto gnss_dr = select(samples, lumo::services::Position_type::gnss_dr);
   EXPECT_EQ(gnss_dr.chosen, &samples[4]);
   EXPECT_EQ(gnss_dr.other, &samples[5]);
 }

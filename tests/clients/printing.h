@@ -3,11 +3,22 @@
 
 #include <boost/optional/optional_io.hpp>
 #include <ostream>
+#include <type_traits>
 
 #include "binding/record.h"
 
 namespace binding {
-inline std::ostream& operator<<(std::ostream& stream, Value_type value) {
-  return stream << to_text(value);
+template <Named_enumeration E>
+std::ostream& operator<<(std::ostream& stream, E value) {
+  return stream << static_cast<std::underlying_type_t<E>>(value) << ' ' << name_of(value);
 }
 }  // namespace binding
+namespace lumo::services {
+using binding::operator<<;
+namespace gnss::datatypes {
+using binding::operator<<;
+}
+namespace positioning::datatypes {
+using binding::operator<<;
+}
+}  // namespace lumo::services

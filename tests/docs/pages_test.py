@@ -1,4 +1,4 @@
-"""What the pages say about what can be set is what the programs have, and their links lead somewhere."""
+"""The pages describe the settings that the programs have, and their links and file names exist."""
 
 import copy
 import json
@@ -12,7 +12,7 @@ import unittest
 SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
 POSCTL = pathlib.Path(os.environ["POS_BUILD_DIR"]) / "tools/posctl/posctl"
 SERVICE = ("services", "example::Lamp")
-# Heading of the table → where such an object is in the page's example, and in what posctl describes.
+# Heading of the table → the place of such an object in the page's example, and in the output of posctl describe.
 PLACES = {
     "The document": ((), ()),
     "Nodes": (("nodes", "POS"), ("nodes", 0)),
@@ -35,7 +35,7 @@ def at(document, place):
 
 
 def describe(document):
-    """What posctl prints about a manifest, and what it says is wrong with it."""
+    """The output of posctl describe for a manifest, and its error text."""
     with tempfile.NamedTemporaryFile("w", suffix=".json") as file:
         json.dump(document, file)
         file.flush()
@@ -58,7 +58,7 @@ class Manifest(unittest.TestCase):
             self.tables[section.splitlines()[0]] = {key: (value, default) for key, value, default in rows}
 
     def error(self, heading, key, value=None):
-        """What is said when the key of the example has this value, or none."""
+        """The error text if the key of the example has this value, or is missing."""
         document = copy.deepcopy(self.example)
         one = at(document, PLACES[heading][0])
         one[key] = value
@@ -87,7 +87,7 @@ class Manifest(unittest.TestCase):
                 if default not in ("required", "none", "see below"):
                     at(document, PLACES[heading][0]).pop(key, None)
                     defaults[heading, key] = default
-        # Nothing travels over TCP any more, but the port is still there.
+        # No element uses TCP in this document, but the port stays.
         told, error = describe(document)
         self.assertEqual(error, "")
         told = json.loads(told)
@@ -115,7 +115,7 @@ class Pages(unittest.TestCase):
         self.assertEqual(told, asked_for)
 
     def test_links_lead_to_a_page_and_to_a_heading_of_it(self):
-        for page in [SOURCE / "README.md", *(SOURCE / "docs").rglob("*.md")]:
+        for page in [*SOURCE.glob("*.md"), *(SOURCE / "docs").rglob("*.md")]:
             for link, heading in re.findall(r"\]\(([^)#:]*)#?([^)]*)\)", page.read_text(encoding="utf-8")):
                 with self.subTest(page=page.name, link=link, heading=heading):
                     target = page.parent / link if link else page
@@ -123,6 +123,13 @@ class Pages(unittest.TestCase):
                     if heading:
                         headings = re.findall(r"^#+ (.*)$", target.read_text(encoding="utf-8"), re.MULTILINE)
                         self.assertIn(heading, [one.lower().replace(" ", "-") for one in headings])
+
+    def test_every_file_that_the_map_names_exists(self):
+        for page in ("README.md", "CONTRIBUTING.md", "docs/design/architecture.md"):
+            prose = re.sub(r"^```.*?^```", "", text_of(page), flags=re.DOTALL | re.MULTILINE)
+            for path in re.findall(r"`((?!out/|build/)[\w.-]+(?:/[\w.-]*)+|[\w-]+\.(?:md|json|txt))`", prose):
+                with self.subTest(page=page, path=path):
+                    self.assertTrue((SOURCE / path).exists())
 
 
 if __name__ == "__main__":

@@ -5,6 +5,7 @@
 #include <limits>
 #include <type_traits>
 
+#include "binding/timestamp.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
@@ -38,8 +39,7 @@ Position at(std::uint64_t time_us, double latitude = 48.0, double longitude = 11
   Position position;
   position.LAT = latitude;
   position.LON = longitude;
-  position.preciseLocalTimeSeconds = static_cast<std::uint32_t>(time_us / 1'000'000);
-  position.preciseLocalTimeNanoseconds = static_cast<std::uint32_t>(time_us % 1'000'000 * 1000);
+  binding::set_timestamp(position, binding::Timestamp::of_us(time_us));
   return position;
 }
 
@@ -96,7 +96,7 @@ TEST_F(Pos_service, publishes_any_pair_of_coordinates_with_fixed_values_and_a_ma
   start();
   service_.updatePositions(1000.0, -11.25);
   Position expected = at(start_us, 1000.0, -11.25);
-  expected.positionType = 2;
+  expected.positionType = lumo::services::Position_type::gnss_dr;
   expected.messageCounter = 0;
   expected.altitudeMeanSeaLevel = 120.0F;
   expected.accuracyHorizontal = expected.accuracyVertical = 1.0F;
@@ -109,7 +109,7 @@ TEST_F(Pos_service, publishes_any_pair_of_coordinates_with_fixed_values_and_a_ma
   Map_info map_info;
   map_info.statusMapMatching = 2;
   map_info.statusMap = 3;
-  map_info.positionSource = 1;
+  map_info.positionSource = lumo::services::positioning::datatypes::Position_source{1};
   map_info.preciseLocalTimeSeconds = expected.preciseLocalTimeSeconds;
   map_info.preciseLocalTimeNanoseconds = expected.preciseLocalTimeNanoseconds;
   EXPECT_THAT(map_infos(), ElementsAre(map_info));
@@ -136,7 +136,7 @@ TEST_F(Pos_service, a_position_goes_out_as_map_matched_when_more_than_the_interv
   Map_info expected;
   expected.statusMapMatching = 2;
   expected.statusMap = 3;
-  expected.positionSource = 4;
+  expected.positionSource = lumo::services::positioning::datatypes::Position_source{4};
   auto position = at(start_us);
   position.preciseLocalTimeNanoseconds = boost::none;
   expected.preciseLocalTimeSeconds = position.preciseLocalTimeSeconds;

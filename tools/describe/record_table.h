@@ -1,4 +1,4 @@
-/// A record's description as text rows: what docs/interfaces.md and `posctl describe` show.
+/// A record's description as rows of text, which docs/interfaces.md and `posctl describe` show.
 #pragma once
 
 #include <string>
@@ -81,6 +81,20 @@ template <class T>
   return detail::Type_name<T>::text();
 }
 
+/// "1 = GNSS, 2 = GNSS-DR"; empty for a type without named values.
+template <class T>
+[[nodiscard]] std::string values_of() {
+  std::string text;
+  if constexpr (binding::Named_enumeration<T>) {
+    for (const auto& [value, name] : binding::enumerators<T>) {
+      if (!text.empty()) text += ", ";
+      text += std::to_string(static_cast<std::underlying_type_t<T>>(value)) + " = ";
+      text += name;
+    }
+  }
+  return text;
+}
+
 template <binding::Described Record>
 [[nodiscard]] Table table_of() {
   Table table{.name = std::string{binding::Description<Record>::name},
@@ -94,12 +108,14 @@ template <binding::Described Record>
     row.type = type_name<Value>();
     row.unit = m.unit;
     row.meaning = m.meaning;
+    const auto values = values_of<Value>();
+    if (!row.meaning.empty() && !values.empty()) row.meaning += ": ";
+    row.meaning += values;
     if constexpr (binding::Tlv_record<Record>) {
       row.data_id = std::to_string(m.id);
       row.wire_type = std::to_string(static_cast<unsigned>(binding::Codec<Value>::wire_type));
       if constexpr (std::is_same_v<Value, binding::Value_type>) {
         row.name = "valueType of " + quantity;
-        row.meaning = "1 Init, 2 Error, 3 LogicalValue, 4 PhysicalValue";
       } else {
         quantity = m.name;
       }

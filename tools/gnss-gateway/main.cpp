@@ -13,8 +13,8 @@
 #include "mw/com/runtime.h"
 #include "tools/Command_line.h"
 #include "tools/Stop_signal.h"
-#include "tools/gnss-gateway/Output.h"
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/sources.h"
 
 namespace {
 
@@ -75,7 +75,7 @@ void print(const gateway::Source_result& result,
   tools::write_output(out.str());
 }
 
-/// Everything that the command line says.
+/// The options of the command line.
 struct Options {
   gateway::Drive_options drive;
   gateway::Nmea_options nmea;
@@ -159,7 +159,7 @@ void add_output_options(CLI::App& app, Options& options) {
   app.footer(footer);
 }
 
-/// Refuses options that mean nothing for `input`.
+/// Refuses options that do not apply to `input`.
 void check_options(const CLI::App& app, const gateway::Input& input) {
   const auto refuse = [&](std::initializer_list<const char*> names, const std::string& purpose) {
     for (const char* name : names) {
@@ -184,8 +184,8 @@ int run(int argc, char** argv) {
   Options options;
   add_source_options(app, options);
   add_output_options(app, options);
-  // Before anything is offered: an input that cannot be opened must not look like a silent
-  // receiver.
+  // Opens the input before it offers a service: a path that cannot be opened must not look like a
+  // silent receiver.
   std::optional<gateway::Input> input;
   if (const auto code = tools::parse(app, argc, argv)) return *code;
   if (!options.nmea.path.empty()) {

@@ -1,5 +1,3 @@
-#include <array>
-#include <cstdio>
 #include <set>
 #include <sstream>
 #include <string>
@@ -12,6 +10,7 @@
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
+#include "platform/someip/base/hexadecimal.h"
 #include "posService/Positioning.h"
 #include "tools/Command.h"
 #include "tools/describe/record_table.h"
@@ -21,13 +20,9 @@
 namespace posctl {
 namespace {
 
-std::string hexadecimal(std::uint16_t id) {
-  std::array<char, 8> text{};
-  std::snprintf(text.data(), text.size(), "0x%04X", id);
-  return text.data();
-}
+using someip::hexadecimal;
 
-/// What the code says about an element: name and type of what it carries.
+/// Name of an element and type of its payload, from the code.
 struct Element {
   std::string_view name;
   std::string type;
@@ -50,7 +45,7 @@ class Catalogue {
     add<binding::Statistics>();
   }
 
-  /// Empty for an element that the code does not know.
+  /// Empty for an unknown element.
   [[nodiscard]] std::string type_of(std::string_view service, std::string_view element) const {
     for (const auto& interface : interfaces_) {
       if (interface.name != service) continue;
@@ -88,7 +83,7 @@ class Catalogue {
       add_record<Value>();
     }
   }
-  /// The record, those in it, or those that a vector holds.
+  /// Adds a record with the records inside it; of a vector, those of its elements.
   template <class T>
   void add_record() {
     if constexpr (binding::Described<T>) {

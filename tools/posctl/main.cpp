@@ -2,8 +2,10 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <map>
+#include <string>
 
 #include "ara/core/initialization.h"
+#include "diagnosisService/DiagnosticMonitor.h"
 #include "tools/Command_line.h"
 #include "tools/posctl/Commands.h"
 
@@ -32,6 +34,15 @@ void add_look_options(CLI::App& command, posctl::Look_options& options) {
   command.add_flag("--json", options.json, "As a JSON object");
   add_answer_timeout(command, options.timeout);
   add_node(command, options.node);
+}
+
+/// The values of an enumeration, for an option that takes names.
+template <class Enumeration>
+std::map<std::string, unsigned> numbers_by_name() {
+  std::map<std::string, unsigned> numbers;
+  for (const auto& [value, name] : binding::enumerators<Enumeration>)
+    numbers.emplace(name, static_cast<unsigned>(value));
+  return numbers;
 }
 
 }  // namespace
@@ -74,8 +85,7 @@ int main(int argc, char** argv) try {
       ->required();
   init_monitor_command->add_option("reason", init_monitor.reason, "kClear, kRestart or kReenabled")
       ->required()
-      ->transform(CLI::CheckedTransformer(
-          std::map<std::string, unsigned>{{"kClear", 0}, {"kRestart", 1}, {"kReenabled", 2}}));
+      ->transform(CLI::CheckedTransformer(numbers_by_name<mw::dm::dem::InitMonitorReason>()));
   add_answer_timeout(*init_monitor_command, init_monitor.timeout);
   add_node(*init_monitor_command, init_monitor.node);
 

@@ -1,5 +1,4 @@
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <map>
@@ -10,6 +9,7 @@
 #include "diagnosisService/MonitorTable.h"
 #include "mw/com/runtime.h"
 #include "platform/linux/com/manifest.h"
+#include "platform/someip/base/hexadecimal.h"
 #include "tools/Command.h"
 #include "tools/Stop_signal.h"
 #include "tools/posctl/Commands.h"
@@ -27,12 +27,12 @@ using mw::dm::dem::InitMonitorReason;
 using mw::dm::dem::MonitorActionType;
 using mw::dm::dem::proxy::DiagnosticMonitorProxy;
 
-std::string name_of(MonitorActionType action) {
-  const auto name = mw::dm::dem::nameOf(action);
+std::string text_of(MonitorActionType action) {
+  const auto name = binding::name_of(action);
   return name.empty() ? std::to_string(static_cast<unsigned>(action)) : std::string(name);
 }
 
-/// Which monitor an instance belongs to, by the manifest in force.
+/// The monitor of each instance, by the manifest in force.
 std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
   std::map<std::uint16_t, const Monitor*> result;
   const auto deployment = tq::com::load_deployment();
@@ -49,27 +49,26 @@ std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
   return result;
 }
 
-std::string hexadecimal(std::uint32_t identifier) {
-  std::array<char, 16> text{};
-  std::snprintf(text.data(), text.size(), "0x%06X", identifier);
-  return text.data();
+/// "0x83D101".
+std::string identifier_of(const Monitor& monitor) {
+  return someip::hexadecimal(monitor.identifier, 6);
 }
 
 std::string line_of(const Monitor& monitor, MonitorActionType action, bool as_json) {
   if (as_json) {
-    return Json{{"monitor", hexadecimal(monitor.identifier)},
+    return Json{{"monitor", identifier_of(monitor)},
                 {"name", monitor.name},
                 {"action", static_cast<unsigned>(action)},
-                {"actionName", name_of(action)}}
+                {"actionName", text_of(action)}}
         .dump();
   }
-  return hexadecimal(monitor.identifier) + " " + std::string(monitor.name) + " " + name_of(action);
+  return identifier_of(monitor) + " " + std::string(monitor.name) + " " + text_of(action);
 }
 
-/// By name or identifier.
+/// The instance of a monitor, given by name or identifier.
 std::uint16_t instance_of(const std::string& text) {
   for (const auto& [instance, monitor] : monitors_by_instance()) {
-    if (text == monitor->name || text == hexadecimal(monitor->identifier) ||
+    if (text == monitor->name || text == identifier_of(*monitor) ||
         text == std::to_string(monitor->identifier)) {
       return instance;
     }
@@ -85,7 +84,7 @@ int monitors(const Monitor_options& options) {
   const auto names = monitors_by_instance();
   const mw::com::runtime::Component_singleton runtime(options.node, false);
   Printer printer(options.count);
-  // Touched by the search's handler only, until that has ended.
+  // Only the handler of the search uses it until the search has ended.
   std::map<std::uint16_t, std::unique_ptr<DiagnosticMonitorProxy>> proxies;
   std::atomic<bool> found = false;
 

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "ara/time/slave_time_base.h"
+#include "binding/timestamp.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
 #include "tools/Command.h"
@@ -22,7 +23,7 @@ using binding::Statistics_proxy;
 using lumo::services::positioning::Positioning;
 using lumo::services::positioning::proxy::PositioningProxy;
 
-/// A data identifier that is looked for from construction on.
+/// Searches for a data identifier from construction on.
 template <class Interface>
 class Data_identifier {
  public:
@@ -35,28 +36,24 @@ class Data_identifier {
   Search<DataIdentifierProxy<Interface>> search_{Interface::name};
 };
 
-/// Status bytes by their text.
+/// Replaces each status byte by its text.
 Json named(Json statuses) {
   for (auto& status : statuses)
     status = status_name(status.get<std::uint8_t>());
   return statuses;
 }
 
-/// The last record of a field and, when it carries more than a time stamp, its age on our time
-/// base.
+/// The last record of a field. With more than a time stamp in it, also its age on our time base.
 template <class Records>
 Json last_of(const Records& records) {
   if (records.empty()) return {{"record", Json::object()}};
   const auto& record = records.back();
   Json json{{"record", to_json(record)}};
   if (is_stamp_only(json["record"])) return json;
-  if (record.preciseLocalTimeSeconds && record.preciseLocalTimeNanoseconds) {
+  if (const auto timestamp = binding::timestamp_of(record)) {
     using Proxy = ara::time::SlaveTimeBaseResourceProxy;
-    const auto now =
-        Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime().count();
-    const auto stamp = std::int64_t{*record.preciseLocalTimeSeconds} * std::int64_t{1'000'000'000} +
-                       std::int64_t{*record.preciseLocalTimeNanoseconds};
-    json["ageS"] = static_cast<double>(now - stamp) / 1e9;
+    const auto now = Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime();
+    json["ageS"] = static_cast<double>((now - timestamp->since_epoch()).count()) / 1e9;
   }
   return json;
 }
@@ -70,7 +67,7 @@ Json not_zero(const Json& counters) {
 }
 
 Json read_all(Deadline deadline) {
-  // All searches begin before the first waits.
+  // All searches begin before the first wait.
   Search<PositioningProxy> positioning_search(Positioning::name);
   Search<Statistics_proxy> statistics_search(Statistics::name);
   Data_identifier<d_14a0::DataIdentifier_PositioningStatusInputs> inputs;
@@ -145,7 +142,7 @@ std::string time_of_day(const Json& position) {
   return text.data();
 }
 
-/// Reserved functions are told of only when something is the matter.
+/// Leaves out reserved functions that are nominal.
 Json worth_showing(const Json& system) {
   Json shown;
   for (const auto& [name, status] : system.items()) {

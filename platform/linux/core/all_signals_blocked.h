@@ -1,4 +1,4 @@
-/// For the platform's own threads, on which no signal may ever be handled.
+/// Signal mask of the platform's own threads, which must never handle a signal.
 #pragma once
 
 #include <pthread.h>
@@ -7,8 +7,8 @@
 
 namespace ara::core {
 
-/// While it lives, the calling thread blocks every signal, and so does each thread that it starts,
-/// for good.
+/// During its life the calling thread blocks every signal. Each thread started meanwhile blocks
+/// them for good.
 class AllSignalsBlocked {
  public:
   AllSignalsBlocked() {

@@ -11,8 +11,8 @@ void Initialize() noexcept {
   std::signal(SIGPIPE, SIG_IGN);
   for (int descriptor = STDIN_FILENO; descriptor <= STDERR_FILENO; ++descriptor) {
     if (::fcntl(descriptor, F_GETFD) >= 0) continue;
-    // Takes the lowest free number, which is this one. Without /dev, a descriptor on which every
-    // read and write fails keeps the number.
+    // open() takes the lowest free number, which is this one. Without /dev, a descriptor whose
+    // reads and writes all fail keeps the number.
     if (::open("/dev/null", O_RDWR) < 0) (void)::open("/", O_PATH);
   }
 }

@@ -22,10 +22,10 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-/// As long as the unit's TimeoutStartSec: a service manager that has not read READY by then has
-/// given the start up.
+/// Equals the unit's TimeoutStartSec: a service manager that has not read READY by then has given
+/// up the start.
 constexpr std::chrono::seconds kRetryLimit{30};
-/// For STOPPING, which is the last report: the end of the process tells the same.
+/// For STOPPING, the last report: the end of the process says the same.
 constexpr std::chrono::milliseconds kLastWait{250};
 
 const char* MessageFor(ApplicationState state) {
@@ -46,8 +46,8 @@ void Warn(const std::string& reason) {
 
 }  // namespace
 
-/// Sends the newest state: on the calling thread when the queue has room, else on a thread that
-/// waits for room.
+/// Sends the newest state: on the calling thread if the queue has room, else on a thread that waits
+/// for room.
 class ApplicationClient::Reporter {
  public:
   Reporter() = default;
@@ -89,7 +89,7 @@ class ApplicationClient::Reporter {
     return error;
   }
 
-  /// Returns EAGAIN when woken before there was room, else 0.
+  /// Returns EAGAIN if woken before there was room, else 0.
   [[nodiscard]] int Retry(const char* message) const {
     const auto end = Clock::now() + kRetryLimit;
     for (;;) {
@@ -106,9 +106,10 @@ class ApplicationClient::Reporter {
     }
   }
 
-  std::mutex mutex_;        ///< guards the members below; held while a retry ends, which is at once
+  std::mutex mutex_;        ///< guards the members below; held while a retry ends, which takes no
+                            ///< time
   int wake_ = -1;           ///< ends the retry's wait; made before its thread
-  std::future<int> retry_;  ///< of the newest report, if that found the queue full
+  std::future<int> retry_;  ///< retry of the newest report, if that found the queue full
 };
 
 ApplicationClient::ApplicationClient() : reporter_(std::make_unique<Reporter>()) {}

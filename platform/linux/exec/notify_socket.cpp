@@ -28,7 +28,7 @@ NotifySocket::NotifySocket() noexcept {
   const auto length = offsetof(sockaddr_un, sun_path) + name.size() + (abstract ? 0 : 1);
 
   descriptor_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-  // The generic address is how the socket calls take every kind of address.
+  // The socket calls take every kind of address as this generic one.
   const auto* const generic = reinterpret_cast<const sockaddr*>(&address);
   if (descriptor_ < 0 || ::connect(descriptor_, generic, static_cast<socklen_t>(length)) != 0)
     error_ = errno;

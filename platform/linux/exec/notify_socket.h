@@ -5,18 +5,18 @@
 
 namespace ara::exec {
 
-/// A connection to the socket that the environment variable NOTIFY_SOCKET names: a path, or '@' and
-/// a name of the abstract namespace.
+/// A connection to the socket named by the environment variable NOTIFY_SOCKET: a path, or '@' and a
+/// name of the abstract namespace.
 class NotifySocket {
  public:
-  /// What fails here is the result of Send().
+  /// An error in here is the result of Send().
   NotifySocket() noexcept;
   ~NotifySocket();
   NotifySocket(const NotifySocket&) = delete;
   NotifySocket& operator=(const NotifySocket&) = delete;
 
-  /// One message, lines of "NAME=value". Never waits. Returns 0 or an error number; EAGAIN: the
-  /// service manager has not read what is in the queue. Without NOTIFY_SOCKET nothing happens.
+  /// Sends one message, lines of "NAME=value". Never waits. Returns 0 or an error number; EAGAIN
+  /// means that the service manager has not read the queue. Without NOTIFY_SOCKET nothing happens.
   [[nodiscard]] int Send(std::string_view message) const noexcept;
 
   /// For poll(): writable when the queue has room. Negative while there is no connection.

@@ -1,7 +1,8 @@
-/// The arguments of one message between the LogStream that collects them and the sinks that write
-/// them: one after the other as a DLT message carries them, so that sending is not another copy.
-/// Each is its type (4 bytes) and then the number's own bytes, or a text's length (2 bytes, closing
-/// zero included), the text and a closing zero; all numbers in the machine's own byte order.
+/// The arguments of one message, between the LogStream that collects them and the sinks that write
+/// them. They follow each other as in a DLT message, so that sending needs no second copy. An
+/// argument is its type (4 bytes), followed by the bytes of a number, or by a text's length (2
+/// bytes, closing zero included), the text and a closing zero. All numbers are in the machine's
+/// byte order.
 #pragma once
 
 #include <cstddef>
@@ -12,7 +13,8 @@
 
 namespace ara::log {
 
-/// DLT's type information. In a message a signed or unsigned number's type holds its width as well.
+/// DLT's type information. In a message, the type of a signed or unsigned number also holds its
+/// width.
 enum class ArgumentType : std::uint32_t {
   kBool = 0x11,
   kSigned = 0x20,
@@ -28,7 +30,7 @@ constexpr ArgumentType OfSize(ArgumentType type, std::size_t size) {
   return static_cast<ArgumentType>(static_cast<std::uint32_t>(type) | width);
 }
 
-/// What an argument takes beside the bytes of its value.
+/// Bytes of an argument beside those of its value.
 inline constexpr std::size_t kNumberOverhead = 4;
 inline constexpr std::size_t kTextOverhead = 4 + 2 + 1;
 
@@ -39,7 +41,7 @@ struct Argument {
   [[nodiscard]] std::size_t EncodedSize() const {
     return value.size() + (type == ArgumentType::kText ? kTextOverhead : kNumberOverhead);
   }
-  /// As dlt-receive prints it.
+  /// Appends the value as dlt-receive prints it.
   void AppendText(std::string& text) const;
 };
 
@@ -49,11 +51,11 @@ class Arguments {
   Arguments(std::string_view encoded, std::size_t count) : rest_(encoded), count_(count) {}
 
   [[nodiscard]] bool empty() const { return count_ == 0; }
-  /// What is left, and how many arguments that is.
+  /// The unread arguments, and their number.
   [[nodiscard]] std::string_view encoded() const { return rest_; }
   [[nodiscard]] std::size_t count() const { return count_; }
   Argument Next();
-  /// All that is left, joined by one blank.
+  /// The unread arguments as text, joined by one blank.
   [[nodiscard]] std::string Text() const;
 
  private:

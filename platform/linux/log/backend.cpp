@@ -61,7 +61,7 @@ void Backend::Init(std::string_view app_id,
       text_.Configure(app_id);
       mode_ = mode;
       SetModes();
-      // Connects now when a daemon is there, so that the first message need not.
+      // Connects now if there is a daemon, so that the first message need not.
       if (Has(mode, LogMode::kRemote)) (void)dlt_.Ready(contexts());
       if (settings_.complaint.empty()) return;
     }

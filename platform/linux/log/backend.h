@@ -1,4 +1,4 @@
-/// The one place of the process that knows all contexts and all sinks.
+/// The only object of the process that knows all contexts and all sinks.
 #pragma once
 
 #include <atomic>
@@ -17,7 +17,7 @@
 
 namespace ara::log {
 
-/// Never destroyed: whatever ends late in the process may still log.
+/// Never destroyed: code that runs late in the process may still log.
 class Backend {
  public:
   static Backend& Instance();
@@ -34,7 +34,7 @@ class Backend {
   void Submit(Context& context, LogLevel level, Arguments arguments) noexcept;
   void Divert(std::shared_ptr<const Diversion> diversion);
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
-  // At exit, each before the library or the thread behind the sink ends.
+  // At exit: each runs before the library or the thread behind the sink ends.
   void CloseDlt() { dlt_.Close(); }
   void CloseText() { text_.Close(); }
 
@@ -58,7 +58,7 @@ class Backend {
 
   /// Written by Init before the process has threads; released by modes_.
   std::string application_ = "-";
-  /// None while the messages are diverted: a look at diversion_ costs only messages without a sink.
+  /// No bits while messages are diverted, so that only messages without a sink check diversion_.
   std::atomic<LogMode> modes_ = LogMode::kConsole;
   DltSink& dlt_;
   TextSink& text_;

@@ -1,4 +1,4 @@
-/// One log context as the sinks see it. Contexts are made once and live to the end of the process.
+/// A log context as the sinks see it. Contexts are made once and live until the process ends.
 #pragma once
 
 #include <dlt/dlt.h>
@@ -24,10 +24,10 @@ struct Context {
 
   std::string id;  ///< changes once, for the default context, in InitLogging
   const std::string description;
-  const std::optional<LogLevel> own_level;  ///< as asked for in CreateLogger
+  const std::optional<LogLevel> own_level;  ///< the level given to CreateLogger
   Logger logger;
-  /// The list of all contexts, newest first: read without a lock, because the DLT library calls
-  /// back from a thread of its own to change a level.
+  /// The list of all contexts, newest first. Read without a lock, because a thread of the DLT
+  /// library calls back to change a level.
   Context* next = nullptr;
 
   DltContext dlt{};                     ///< filled and first used under DltSink's mutex

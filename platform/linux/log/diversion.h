@@ -1,4 +1,4 @@
-/// For tests: the messages of this process in place of its sinks.
+/// For tests: diverts the messages of this process from its sinks.
 #pragma once
 
 #include <functional>
@@ -13,9 +13,9 @@ namespace ara::log {
 /// Takes each message on the thread that logs it.
 using Diversion = std::function<void(LogLevel level, std::string_view context, Arguments)>;
 
-/// From now on every message whose level is enabled goes to `diversion` and nowhere else; null ends
-/// that. A thread that is just logging may still use an ended one. Throws std::logic_error while
-/// another one is there.
+/// From now on every enabled message reaches `diversion` and nothing else; null ends that. A thread
+/// that is logging at this moment may still use the previous diversion. Throws std::logic_error if
+/// another diversion is active.
 void Divert(std::shared_ptr<const Diversion> diversion);
 
 }  // namespace ara::log

@@ -18,19 +18,20 @@ namespace ara::log {
 namespace {
 
 constexpr std::int64_t kSearchInterval = 500'000'000;
-/// The library opens the new daemon's pipe from its housekeeping thread, once a second.
+/// The library's housekeeping thread opens the new daemon's pipe within this time: it looks once a
+/// second.
 constexpr std::int64_t kReattachTime = 2'000'000'000;
-/// What the library waits for a daemon that is there but does not read, when the process ends.
+/// At the end of the process, the library waits this long for a daemon that does not read.
 constexpr std::uint32_t kDrainMilliseconds = 1000;
 
-/// DLT's limits for one message: bytes of all arguments with their type headers, and the byte that
-/// counts the arguments.
+/// DLT's limits for one message: the bytes of all arguments with their type headers, and the byte
+/// that counts the arguments.
 constexpr std::size_t kMaxPayload = 1390;
 constexpr std::size_t kMaxArguments = 255;
 /// A part holds its two marks and at least a few characters of a text.
 constexpr std::size_t kMinPart = 64;
 
-/// What the library accepts as one message, read as the library reads it.
+/// The longest message that the library accepts, computed as the library computes it.
 std::size_t ConfiguredPayload() {
   const char* const length = std::getenv("DLT_LOG_MSG_BUF_LEN");
   if (length == nullptr) return kMaxPayload;
@@ -56,7 +57,7 @@ std::int64_t CoarseNow() {
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
-/// On a thread of the library.
+/// Runs on a thread of the library.
 void LevelChanged(char* context_id, std::uint8_t level, std::uint8_t /*trace_status*/) {
   if (level > static_cast<std::uint8_t>(LogLevel::kVerbose)) return;
   std::string_view id(context_id, 4);
@@ -67,8 +68,8 @@ void LevelChanged(char* context_id, std::uint8_t level, std::uint8_t /*trace_sta
   }
 }
 
-/// The longest front of `text` of at most `size` bytes (and less than all) that ends between two
-/// UTF-8 characters; for a text that is not UTF-8 just `size` bytes.
+/// The longest front of `text` with at most `size` bytes (never the whole text) that ends between
+/// two UTF-8 characters; exactly `size` bytes if the text is not UTF-8.
 std::string_view FrontOf(std::string_view text, std::size_t size) {
   for (std::size_t end = size; end > 0 && size - end < 4; --end) {
     if ((static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U) return text.substr(0, end);
@@ -76,17 +77,17 @@ std::string_view FrontOf(std::string_view text, std::size_t size) {
   return text.substr(0, size);
 }
 
-/// Gives the library one message; false when it takes none. What it drops because its buffer is
-/// full (a daemon that is too slow) it reports itself.
+/// Gives the library one message. Returns false if the library refuses it. The library itself
+/// reports the messages that it drops from a full buffer (a slow daemon).
 bool Give(DltContext& context, LogLevel level, Arguments arguments) {
   DltContextData message{};
   const auto dlt_level = static_cast<DltLogLevelType>(level);
-  if (arguments.empty()) {  // an empty buffer would be refused
+  if (arguments.empty()) {  // the library refuses an empty buffer
     const bool taken = dlt_user_log_write_start(&context, &message, dlt_level) == DLT_RETURN_TRUE;
     if (taken) dlt_user_log_write_finish(&message);
     return taken;
   }
-  // The library reads the buffer only, whatever its parameter's type says.
+  // The library only reads the buffer, in spite of its parameter's type.
   auto* const payload = const_cast<char*>(arguments.encoded().data());
   const bool taken = dlt_user_log_write_start_w_given_buffer(
                          &context, &message, dlt_level, payload, arguments.encoded().size(),
@@ -95,17 +96,17 @@ bool Give(DltContext& context, LogLevel level, Arguments arguments) {
   return taken;
 }
 
-/// Puts arguments into one DLT message after the other, as many as they need.
+/// Distributes arguments over as many DLT messages as they need.
 class Parts {
  public:
-  /// `size`: of a part, kMinPart to kMaxPayload.
+  /// `size` of a part: kMinPart to kMaxPayload.
   Parts(DltContext& context, LogLevel level, std::size_t size)
       : context_(context), level_(level), size_(size) {}
 
-  /// `last`: no argument follows, so no room is needed for the mark of a following part.
+  /// `last`: no argument follows, so the part needs no room for the mark of a following part.
   void Add(Argument argument, bool last) {
     while (!Fits(argument.EncodedSize(), last)) {
-      // A text is cut when no part could hold it whole or when much of this part would stay empty.
+      // A text is cut if no part could hold it whole or if much of this part would stay empty.
       const std::size_t room = size_ - kContinuesSize - used_;
       const bool needs_cut = kContinuedSize + argument.EncodedSize() + kContinuesSize > size_;
       if (argument.type == ArgumentType::kText && (needs_cut || room > size_ / 2) &&
@@ -120,8 +121,8 @@ class Parts {
     }
     Put(argument);
   }
-  /// Sends what is left. False when the library took no part at all. It is given none after one
-  /// that it refused: the one before ends in a mark, so that the gap is seen.
+  /// Sends the last part. Returns false if the library accepted no part. After a refused part it
+  /// receives no other: the part before ends in a mark, so that the gap shows.
   bool End() {
     refused_ = refused_ || !Give(context_, level_, Arguments({payload_.data(), used_}, count_));
     taken_ = taken_ || !refused_;
@@ -182,7 +183,7 @@ DltSink::Readiness DltSink::Ready(Context* contexts) {
   const State before = state_.load(std::memory_order_acquire);
   if (before == State::kClosed) return {false, Change::kNone};
   if (before == State::kConnected) {
-    // Whoever finds the daemon dead says so in state_ before he takes the pipe out of watch_.
+    // A thread that finds the daemon dead sets state_ before it takes the pipe out of watch_.
     if (ReaderLives() && state_.load(std::memory_order_acquire) == State::kConnected)
       return {true, Change::kNone};
   }
@@ -223,11 +224,11 @@ bool DltSink::OpenPipe() {
   const char* folder = std::getenv("DLT_PIPE_DIR");
   const std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/dlt";
   pipe_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
-  // In a folder that everybody may write to, something else may have taken the name.
+  // In a folder that all users may write to, another file may have taken the name.
   struct stat status {};
   if (pipe_ < 0) return false;
   if (watch_ < 0) watch_ = ::epoll_create1(EPOLL_CLOEXEC);
-  epoll_event death{};  // EPOLLERR comes unasked
+  epoll_event death{};  // epoll always reports EPOLLERR
   if (::fstat(pipe_, &status) == 0 && S_ISFIFO(status.st_mode) &&
       ::epoll_ctl(watch_, EPOLL_CTL_ADD, pipe_, &death) == 0) {
     return true;
@@ -237,20 +238,21 @@ bool DltSink::OpenPipe() {
 }
 
 void DltSink::ClosePipe() {
-  // By hand, because a copy of the pipe in a child that does not run its own program yet would keep
-  // it watched.
+  // Removed explicitly, because a copy of the pipe in a child before its exec would keep it
+  // watched.
   ::epoll_ctl(watch_, EPOLL_CTL_DEL, pipe_, nullptr);
   ::close(std::exchange(pipe_, -1));
 }
 
 void DltSink::StartLibrary() {
-  const core::AllSignalsBlocked blocked;  // in the threads that the library starts
+  const core::AllSignalsBlocked blocked;  // for the threads that the library starts
   max_payload_ = ConfiguredPayload();
-  // Its own remarks would go to standard output or standard error, and wait there for a reader.
+  // The library would write its own remarks to standard output or standard error, and wait there
+  // for a reader.
   dlt_log_init(DLT_LOG_DROPPED);
   dlt_register_app(application_.c_str(), description_.c_str());
   library_started_ = true;
-  // Runs before the library's own exit handler, which was installed before this one.
+  // Runs before the library's own exit handler, which was installed earlier.
   std::atexit([] { Backend::Instance().CloseDlt(); });
 }
 
@@ -272,8 +274,8 @@ void DltSink::RegisterLocked(Context& context) {
   if (context.dlt.log_level_ptr != nullptr) {
     LevelChanged(context.dlt.contextID, static_cast<std::uint8_t>(*context.dlt.log_level_ptr), 0);
   }
-  // From here on the Logger alone decides what is enabled: one place to ask, and no race on the
-  // library's.
+  // From here on the Logger alone decides which level is enabled. That leaves one place to ask, and
+  // no race on the library's level.
   static std::int8_t everything = DLT_LOG_VERBOSE;
   context.dlt.log_level_ptr = &everything;
   context.dlt_ready.store(true, std::memory_order_release);
@@ -294,7 +296,7 @@ bool DltSink::Send(Context& context, LogLevel level, Arguments arguments) {
 
 void DltSink::Close() {
   const std::lock_guard lock(mutex_);
-  // Without a reader, whatever the library still holds has nowhere to go.
+  // Without a reader the library cannot deliver the messages it still holds.
   const bool connected =
       state_.load(std::memory_order_relaxed) == State::kConnected && ReaderLives();
   dlt_set_resend_timeout_atexit(connected ? kDrainMilliseconds : 0);

@@ -13,7 +13,7 @@ namespace ara::log {
 struct LevelSettings {
   std::optional<LogLevel> general;
   std::map<std::string, LogLevel, std::less<>> contexts;
-  /// What could not be understood, for one warning; the rest holds.
+  /// The parts that are not valid, for one warning. The other parts hold.
   std::string complaint;
 
   static LevelSettings Parse(std::string_view text);

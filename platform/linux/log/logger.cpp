@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::size_t kMaxMessage = std::size_t{64} << 10;
 constexpr std::string_view kTruncated = "[truncated]";
-/// What is left beyond is kept for the mark.
+/// The bytes beyond this limit are reserved for the mark.
 constexpr std::size_t kLimit = kMaxMessage - kTextOverhead - kTruncated.size();
 
 }  // namespace

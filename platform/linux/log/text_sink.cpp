@@ -23,9 +23,9 @@
 namespace ara::log {
 namespace {
 
-/// Some seconds of a busy process's lines.
+/// Holds the lines of a busy process for some seconds.
 constexpr std::size_t kMaxQueuedBytes = std::size_t{256} << 10;
-/// What the exit waits for the next line to be taken, and for all of them.
+/// At exit, the longest waits for the reader to take the next line, and to take all lines.
 constexpr std::chrono::milliseconds kPatience{100};
 constexpr std::chrono::seconds kLongestExit{1};
 
@@ -64,7 +64,7 @@ StandardError::StandardError() : descriptor_(STDERR_FILENO) {
   if (::fstat(STDERR_FILENO, &status) != 0) return;  // closed: each write fails at once
   socket_ = S_ISSOCK(status.st_mode);
   if (socket_ || S_ISREG(status.st_mode)) return;
-  // An open file description of our own, which alone does not wait.
+  // An open file description of our own: only this one does not wait.
   const int own = ::open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
   if (own >= 0) descriptor_ = own;
   may_wait_ = own < 0;
@@ -103,7 +103,7 @@ void TextSink::Write(std::string line) noexcept {
     } else {
       const auto missing = std::exchange(dropped_, 0);
       if (missing > 0) Add(NoticeOf(missing));
-      if (dropped_ > 0) {  // the notice neither
+      if (dropped_ > 0) {  // the notice did not get through either
         dropped_ = missing + 1;
       } else {
         Add(std::move(line));
@@ -146,7 +146,7 @@ void TextSink::StartThread() {
 }
 
 void TextSink::WriteQueue() noexcept {
-  std::uint64_t lines = 1;  // that are missing when the next one cannot be written
+  std::uint64_t lines = 1;  // the number of missing lines if the next line cannot be written
   std::unique_lock lock(mutex_);
   for (;;) {
     enqueued_.wait(lock, [this] { return !queue_.empty(); });
@@ -180,7 +180,7 @@ bool TextSink::EnqueueNotice() noexcept {
     queue_.push_back(NoticeOf(dropped_));
     queued_bytes_ += queue_.back().size();
     return true;
-  } catch (const std::exception&) {  // no memory: before the next line, then
+  } catch (const std::exception&) {  // no memory: write it before the next line
     return false;
   }
 }

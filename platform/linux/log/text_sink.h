@@ -13,29 +13,29 @@
 
 namespace ara::log {
 
-/// "2026/11/24 20:32:00.459871 info POS GNSS text\n", local time. Control characters in `text`
-/// become blanks, so that nothing a peer sends can forge a line.
+/// Returns "2026/11/24 20:32:00.459871 info POS GNSS text\n", in local time. Control characters in
+/// `text` become blanks, so that no text of a peer can forge a line.
 [[nodiscard]] std::string FormatLine(LogLevel level,
                                      std::string_view application,
                                      std::string_view context,
                                      std::string_view text);
 
-/// Standard error as this process can write to it. O_NONBLOCK is no way to do that: it belongs to
+/// Standard error, written to without waiting. Setting O_NONBLOCK would not do: the flag belongs to
 /// the open file description, which other programs share.
 class StandardError {
  public:
   StandardError();
-  ~StandardError() = default;  // its descriptor lives to the end of the process
+  ~StandardError() = default;  // its descriptor lives until the process ends
   StandardError(const StandardError&) = delete;
   StandardError& operator=(const StandardError&) = delete;
 
-  /// Whether Write() may wait for the reader: neither a socket nor a file, and not to be opened a
-  /// second time (a pipe that belongs to another user).
+  /// True if Write() may wait for the reader: standard error is neither a socket nor a file and
+  /// cannot be opened a second time (a pipe of another user).
   [[nodiscard]] bool may_wait() const { return may_wait_; }
-  /// Removes from `line` what has been written. Returns 0 when that is all, else an error number;
-  /// EAGAIN: the reader does not read.
+  /// Removes the written bytes from `line`. Returns 0 if nothing remains, else an error number;
+  /// EAGAIN means that the reader does not read.
   int Write(std::string_view& line) const noexcept;
-  /// Returns when the reader reads again or has gone.
+  /// Returns when the reader reads again or is gone.
   void WaitForReader() const noexcept;
 
  private:
@@ -44,9 +44,9 @@ class StandardError {
   bool may_wait_ = false;
 };
 
-/// Lines on standard error, whole and in order, without ever waiting for its reader. The caller's
-/// thread writes a line when standard error takes it at once. Otherwise the line waits in a queue,
-/// and a thread whose only work it is writes the queue. While the queue is full, lines are dropped;
+/// Writes whole lines to standard error, in order, without ever waiting for its reader. The
+/// caller's thread writes a line if standard error accepts it at once. Otherwise the line waits in
+/// a queue, and a dedicated thread writes the queue. While the queue is full, lines are dropped;
 /// one line with their number follows the queue.
 class TextSink {
  public:
@@ -55,12 +55,12 @@ class TextSink {
   TextSink(const TextSink&) = delete;
   TextSink& operator=(const TextSink&) = delete;
 
-  /// The id under which the number of dropped lines is written.
+  /// `application` is the id of the lines that report dropped lines.
   void Configure(std::string_view application);
-  /// Any thread. Never waits before Close().
+  /// Any thread may call. Never waits before Close().
   void Write(std::string line) noexcept;
-  /// At exit: waits for the queue while the reader reads, else for a tenth of a second. So do later
-  /// lines, until one has waited in vain.
+  /// At exit: waits for the queue as long as the reader reads, else for a tenth of a second. Later
+  /// lines wait in the same way, until one has waited in vain.
   void Close();
 
  private:

@@ -1,4 +1,4 @@
-/// The system calls that a store makes: one place to fail each of them in tests.
+/// The system calls of a store: the one place where a test can make each of them fail.
 #pragma once
 
 #include <sys/stat.h>
@@ -9,7 +9,7 @@
 
 namespace ara::per {
 
-/// Each call is the POSIX call of its name: -1 and errno for an error.
+/// Each function is the POSIX call of its name and returns -1 with errno on an error.
 class Files {
  public:
   Files() = default;

@@ -17,7 +17,7 @@ namespace {
 
 using nlohmann::json;
 
-/// A value as JSON knows it, before its type is known.
+/// A JSON value whose storage type is not yet known.
 using Raw = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string>;
 
 constexpr std::string_view kHexDigits = "0123456789abcdef";
@@ -112,7 +112,7 @@ constexpr std::array kReaders{
     Reader{Type::kBinary, "a text of pairs of hexadecimal digits", &Binary},
 };
 
-/// Takes the parser's events and refuses at the first one that does not belong into a store.
+/// Receives the parser's events and refuses the first one that a store cannot contain.
 class Builder {
  public:
   Builder(const std::string& path, Values& values) : path_(path), values_(values) {}

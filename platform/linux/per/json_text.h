@@ -5,8 +5,8 @@
 ///       "calibration": {"type": "Binary", "value": "00ff10"}
 ///     }
 ///
-/// Binary values are hexadecimal digits; a Float or Double that is no number is the text "NaN",
-/// "Infinity" or "-Infinity".
+/// Binary values are hexadecimal digits. A Float or Double that is not a number or not finite is
+/// the text "NaN", "Infinity" or "-Infinity".
 #pragma once
 
 #include <functional>
@@ -20,9 +20,9 @@ namespace ara::per {
 
 using Values = std::map<std::string, KvsType, std::less<>>;
 
-/// Throws ExceptionValidation that begins with `path`: line and column for broken JSON, else the
-/// key and what was expected of it. Needs memory in proportion to what it accepts, not to what it
-/// refuses.
+/// Throws ExceptionValidation, which begins with `path` and names line and column of broken JSON,
+/// else the key and the expected content. The memory used grows with the accepted text, not with
+/// the refused text.
 [[nodiscard]] Values ParseValues(std::string_view text, const std::string& path);
 
 /// Every key and text must be UTF-8.

@@ -94,7 +94,7 @@ class KeyValueStorage::Store {
  private:
   const StoreFile file_;
   std::mutex write_mutex_;  ///< one writer at a time; guards stored_changes_, taken before mutex_
-  std::uint64_t stored_changes_ = 0;  ///< what changes_ was for the file's content
+  std::uint64_t stored_changes_ = 0;  ///< the value of changes_ for the file's content
   mutable std::mutex mutex_;          ///< guards the members below, never held while writing
   Values values_;
   std::uint64_t changes_ = 0;

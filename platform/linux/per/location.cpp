@@ -20,7 +20,7 @@ std::string Environment(const char* name) {
   return value != nullptr ? value : "";
 }
 
-/// 0 or errno. The new entry is made lasting: a store in it is only as lasting as its folder.
+/// Returns 0 or errno. Syncs the new entry too, because a store is only as permanent as its folder.
 int CreateFolder(const std::filesystem::path& folder) {
   const std::filesystem::path parent = folder.has_parent_path() ? folder.parent_path() : ".";
   if (::mkdir(folder.c_str(), 0750) != 0) {
@@ -41,7 +41,7 @@ int CreateFolder(const std::filesystem::path& folder) {
 
 std::string StorageFolder() {
   if (auto folder = Environment("POS_STORAGE_DIR"); !folder.empty()) return folder;
-  // systemd joins several folders by colons; the unit's first one is for the stores.
+  // systemd joins several folders by colons. The unit's first folder holds the stores.
   if (auto folders = Environment("STATE_DIRECTORY"); !folders.empty())
     return folders.substr(0, folders.find(':'));
   if (auto folder = Environment("XDG_STATE_HOME"); folder.starts_with('/')) return folder + "/pos";
@@ -59,7 +59,7 @@ void RequireFolder(const std::string& folder) {
   while (trimmed.size() > 1 && trimmed.ends_with('/'))
     trimmed.remove_suffix(1);
   int error = CreateFolder(trimmed);
-  // Something else in the folder's place is no error of mkdir's.
+  // CreateFolder() reports no error if a file has the folder's name.
   if (error == 0 && (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
     error = ENOTDIR;
   if (error != 0) {

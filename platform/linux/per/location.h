@@ -1,20 +1,20 @@
-/// Where stores and their first values lie.
+/// The folders of stores and of their first values.
 #pragma once
 
 #include <string>
 
 namespace ara::per {
 
-/// The folder of all stores, as the environment says. Throws ExceptionStorageLocationNotFound when
-/// it says nothing at all.
+/// The folder of all stores, from the environment. Throws ExceptionStorageLocationNotFound if the
+/// environment names none.
 [[nodiscard]] std::string StorageFolder();
 
-/// Returns when `folder` is there. Otherwise creates it and throws
-/// ExceptionStorageLocationNotFound, with the reason when creating failed.
+/// Returns if `folder` exists. Otherwise creates it and throws ExceptionStorageLocationNotFound,
+/// with the reason if that failed.
 void RequireFolder(const std::string& folder);
 
-/// The folder of the first values; it need not exist. Empty when the program's own place, which
-/// decides without an environment variable, cannot be found out.
+/// The folder of the first values; it need not exist. Without the environment variable it follows
+/// from the program's own path; empty if that path is unknown.
 [[nodiscard]] std::string InitialDataFolder();
 
 }  // namespace ara::per

@@ -28,7 +28,7 @@ auto Retry(Call call) {
                                       "\": " + std::generic_category().message(error));
 }
 
-/// Closes a descriptor when an exception leaves its scope; everywhere else it is closed by hand,
+/// Closes a descriptor when an exception leaves its scope. All other code closes it explicitly,
 /// because closing can fail.
 class Descriptor {
  public:
@@ -40,7 +40,7 @@ class Descriptor {
   Descriptor& operator=(const Descriptor&) = delete;
 
   [[nodiscard]] int get() const { return fd_; }
-  /// Linux closes the descriptor whatever it returns, so there is no second try.
+  /// Linux closes the descriptor in any case, so there is no second try.
   [[nodiscard]] int Close() { return files_.Close(std::exchange(fd_, -1)); }
 
  private:
@@ -57,7 +57,7 @@ StoreFile::StoreFile(std::string folder, const std::string& name, Files& files)
       files_(files) {}
 
 std::optional<std::string> StoreFile::Read() const {
-  // O_NONBLOCK: a pipe in the file's place must not hold up the start.
+  // O_NONBLOCK: a pipe under the file's name must not delay the start.
   Descriptor file(files_,
                   Retry([&] { return files_.Open(path_, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0); }));
   if (file.get() < 0) {
@@ -118,8 +118,8 @@ void StoreFile::WriteAside(std::string_view text) const {
     if (count <= 0) Fail("write", aside_, count < 0 ? errno : ENOSPC);
     text.remove_prefix(static_cast<std::size_t>(count));
   }
-  // The content before the name: a file system may otherwise make the rename last and the content
-  // not.
+  // Syncs the content before the name: otherwise a file system may keep the rename and lose the
+  // content.
   if (Retry([&] { return files_.Fsync(file.get()); }) != 0) Fail("write", aside_, errno);
   if (file.Close() != 0 && errno != EINTR) Fail("close", aside_, errno);
 }

@@ -1,4 +1,4 @@
-/// A file that is read whole and replaced whole.
+/// A file that is read and replaced as a whole.
 #pragma once
 
 #include <cstddef>
@@ -10,7 +10,7 @@
 
 namespace ara::per {
 
-/// Far beyond what an application keeps in a key-value storage; a larger file is not one.
+/// Far beyond the needs of a key-value storage; a larger file is not a store.
 inline constexpr std::size_t kMaxFileSize = std::size_t{16} << 20;
 
 class StoreFile {
@@ -19,16 +19,16 @@ class StoreFile {
 
   [[nodiscard]] const std::string& path() const { return path_; }
 
-  /// Nothing when there is no file. Throws ExceptionPhysicalStorageError when it cannot be read and
-  /// ExceptionValidation when it is no regular file or larger than kMaxFileSize.
+  /// Returns nothing if there is no file. Throws ExceptionPhysicalStorageError if it cannot be read
+  /// and ExceptionValidation if it is not a regular file or larger than kMaxFileSize.
   [[nodiscard]] std::optional<std::string> Read() const;
 
-  /// Whenever power fails, the file holds afterwards its old content or all of `text`; once this
-  /// has returned, `text`. Throws ExceptionPhysicalStorageError; the content is then the old one
-  /// or, when only the very last step failed, `text`.
+  /// Whenever power fails, the file then holds either its old content or all of `text`. After the
+  /// return it holds `text`. Throws ExceptionPhysicalStorageError; the content is then the old one
+  /// or, if only the very last step failed, `text`.
   void Replace(std::string_view text) const;
 
-  /// Removes what a Replace that was cut off has left behind.
+  /// Removes the file that an interrupted Replace has left behind.
   void RemoveLeftover() const noexcept;
 
  private:

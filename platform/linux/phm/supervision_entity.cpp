@@ -8,8 +8,8 @@
 
 namespace ara::phm {
 
-// The service manager supervises the process as a whole: every checkpoint of every entity feeds its
-// one watchdog, whose limit is the unit's WatchdogSec.
+// The service manager supervises the process as a whole. Every checkpoint of every entity feeds its
+// one watchdog; the limit is the unit's WatchdogSec.
 void SupervisionEntity::CheckpointReached(std::uint16_t entityId,
                                           std::uint16_t checkpointId) const {
   const int error = exec::NotifySocket().Send("WATCHDOG=1");

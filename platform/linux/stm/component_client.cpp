@@ -27,8 +27,8 @@ namespace {
 constexpr std::size_t kMaxPending = 32;
 constexpr std::size_t kMaxStateName = 128;
 
-/// For the last answers to leave. A daemon that does not answer gets no more of the process's time:
-/// the bus thread is left behind, and ends by itself.
+/// Time for the last answers to leave. Then the process no longer waits for a daemon that does not
+/// answer: it leaves the bus thread behind, which ends by itself.
 constexpr std::chrono::milliseconds kFarewell{250};
 
 constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
@@ -47,15 +47,15 @@ class WithoutBus final : public ComponentClient {
                std::uint32_t /*result*/) override {}
 };
 
-/// The component's object on the bus. One thread connects to the bus and serves it, another one
-/// calls the handler: the bus library holds its own lock while it delivers a call, so a handler
-/// that waits there for a thread that is just confirming would wait for ever. A request stays in
-/// `pending_` from its arrival until its confirmation, whichever thread brings that. A component
-/// may drop a request (a later one has overtaken it) and never confirm it; it is answered with an
-/// error as soon as it is in the way.
+/// The component's object on the bus. One thread connects to the bus and serves it, another thread
+/// calls the handler. Two threads, because the bus library holds its own lock while it delivers a
+/// call: a handler that waited there for a confirming thread would wait for ever. A request stays
+/// in `pending_` from its arrival until its confirmation by any thread. A component may discard a
+/// request (because a later one has overtaken it) and never confirm it. Such a request is answered
+/// with an error as soon as another request needs its number or place.
 ///
-/// The bus thread shares the ownership, because the bus library waits for a daemon that does not
-/// answer, up to 90 s, and cannot be interrupted.
+/// The bus thread shares the ownership, because the bus library waits up to 90 s for a daemon that
+/// does not answer, and cannot be interrupted.
 class BusObject {
  public:
   BusObject(std::string path, StateChangeHandler handler)
@@ -64,8 +64,8 @@ class BusObject {
   BusObject(const BusObject&) = delete;
   BusObject& operator=(const BusObject&) = delete;
 
-  /// The bus thread: returns after Leave(), or when there is no bus. Everything of the bus library
-  /// is made and destroyed here.
+  /// The bus thread: returns after Leave(), or if there is no bus. All objects of the bus library
+  /// are made and destroyed here.
   void Serve(Bus bus) {
     try {
       const auto connection = bus == Bus::kSession ? sdbus::createSessionBusConnection()
@@ -88,7 +88,7 @@ class BusObject {
     }
   }
 
-  /// Returns after a handler call under way; there is no further one.
+  /// Returns after a handler call under way; no further call follows.
   void Stop() {
     std::thread handler_thread;
     {
@@ -100,7 +100,7 @@ class BusObject {
     if (handler_thread.joinable()) handler_thread.join();
   }
 
-  /// Makes Serve() return. After Stop(); nobody confirms any more.
+  /// Makes Serve() return. Call it after Stop(), when no thread confirms any longer.
   void Leave() {
     const std::lock_guard lock(mutex_);
     leaving_ = true;
@@ -163,7 +163,7 @@ class BusObject {
     object.finishRegistration();
   }
 
-  /// Before the first request can come. False: Stop() was called already.
+  /// Call it before the first request can arrive. Returns false if Stop() was already called.
   bool StartHandlerThread() {
     const std::lock_guard lock(mutex_);
     if (stopping_) return false;
@@ -171,7 +171,7 @@ class BusObject {
     return true;
   }
 
-  /// Confirmations find the bus from now on. False: Leave() was called already.
+  /// Confirmations find the bus from now on. Returns false if Leave() was already called.
   bool Publish(sdbus::IConnection* connection, sdbus::IObject* object) {
     const std::lock_guard lock(mutex_);
     if (leaving_) return false;
@@ -217,7 +217,7 @@ class BusObject {
       const std::lock_guard lock(mutex_);
       if (stopping_) return false;
       if (pending_.size() >= kMaxPending) {
-        // Those that the handler has not had yet, or has now, are on their way to a decision.
+        // The other requests wait for the handler or are being handled: a decision will follow.
         oldest = Take([](const Pending& pending) { return pending.handled; });
         if (oldest.empty()) return false;
       }
@@ -229,7 +229,7 @@ class BusObject {
     return true;
   }
 
-  /// Not under mutex_: to send a reply, and to end one, takes the bus library's lock, which is
+  /// Call it without mutex_: sending a reply and ending one take the bus library's lock, which is
   /// held around Request().
   void RefuseOvertaken(std::list<Pending> requests) {
     for (auto& request : requests)
@@ -256,7 +256,7 @@ class BusObject {
     }
   }
 
-  /// The oldest request that fulfils the condition, or none. Under mutex_.
+  /// The oldest request that fulfils the condition, or none. Call it under mutex_.
   template <class Condition>
   std::list<Pending> Take(Condition condition) {
     std::list<Pending> taken;
@@ -279,13 +279,13 @@ class BusObject {
   std::condition_variable changed_;
   /// Empty before the bus thread destroys the connection, which its replies use.
   std::list<Pending> pending_;
-  std::deque<Call> calls_;  ///< for the handler; at most as many as pending_
+  std::deque<Call> calls_;  ///< for the handler; never more than in pending_
   std::uint64_t arrivals_ = 0;
   bool stopping_ = false;
   bool leaving_ = false;
   std::thread handler_thread_;
-  // Of the bus thread, which destroys them after Leave(); callable from any thread. Null while the
-  // component is not on the bus.
+  // Owned by the bus thread, which destroys them after Leave(); callable from any thread. Null
+  // while the component is not on the bus.
   sdbus::IConnection* connection_ = nullptr;
   sdbus::IObject* object_ = nullptr;
 };

@@ -1,5 +1,5 @@
-/// Where the object of the component states is found on D-Bus: for the platform, which provides it,
-/// and for tools that call it.
+/// The D-Bus address of the component-state object, for the platform, which provides it, and for
+/// tools that call it.
 #pragma once
 
 #include <cstdlib>
@@ -19,8 +19,8 @@ inline constexpr const char* kInterface = "org.adaptive.pos.ComponentState1";
 
 enum class Bus { kSession, kSystem, kNone };
 
-/// By the environment, docs/component-state.md. Throws std::runtime_error for a value that is none
-/// of the three.
+/// Chosen by the environment, see docs/component-state.md. Throws std::runtime_error for a value
+/// that is none of the three.
 [[nodiscard]] inline Bus ChosenBus() {
   const char* chosen = std::getenv("POS_STATE_BUS");
   if (chosen == nullptr || *chosen == '\0') {

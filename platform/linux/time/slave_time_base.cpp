@@ -31,8 +31,8 @@ class detail::Clock {
       fd_ = ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
       if (fd_ < 0)
         throw std::runtime_error("time base \"" + name + "\" cannot be opened: " + TextOf(errno));
-      // How the kernel makes a clock of an open clock device: the complement of the descriptor,
-      // then 3.
+      // The kernel's rule for the clock id of an open clock device: the complement of the
+      // descriptor, then 3.
       id_ = static_cast<clockid_t>((~static_cast<unsigned>(fd_) << 3U) | 3U);
     }
     timespec now{};

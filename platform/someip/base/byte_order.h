@@ -1,4 +1,4 @@
-/// Network byte order for the headers of SOME/IP. Callers have checked the size before.
+/// Network byte order for the headers of SOME/IP. The caller checks the size first.
 #pragma once
 
 #include <cstddef>

@@ -1,4 +1,4 @@
-/// What a node counts. Counters only grow; reading them is never exact to the moment.
+/// The counters of a node. They only grow; a reader does not see all of them at the same moment.
 #pragma once
 
 #include <array>
@@ -8,7 +8,7 @@
 
 namespace someip {
 
-/// Relaxed: each counter stands for itself, nobody concludes from one to another.
+/// Relaxed: the counters are independent, no reader concludes from one to another.
 class Counter {
  public:
   void add(std::uint64_t count = 1) { value_.fetch_add(count, std::memory_order_relaxed); }
@@ -19,7 +19,7 @@ class Counter {
 };
 
 struct Counters {
-  // Those of the road of a notification share a cache line.
+  // The counters on the path of a notification share a cache line.
   alignas(64) Counter datagrams_received;
   Counter datagrams_sent, notifications_received, notifications_sent;
   Counter notifications_late, notifications_displaced;

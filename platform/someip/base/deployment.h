@@ -1,6 +1,6 @@
-/// What the deployment manifest says, as plain values: the node, its discovery timing, the services
-/// with their ids, the bounds. platform/linux/com reads the file, platform/someip works from these
-/// values.
+/// The content of the deployment manifest as plain values: the node, its discovery timing, the
+/// services with their ids, the bounds. platform/linux/com reads the file, platform/someip uses
+/// these values.
 #pragma once
 
 #include <boost/asio/ip/address.hpp>
@@ -26,45 +26,47 @@ struct Discovery_timing {
   Milliseconds cyclic_offer_delay{1000};
   Milliseconds request_response_delay_min{0};
   Milliseconds request_response_delay_max{20};
-  /// Lifetime of own offers and of own subscriptions, in seconds; 0xFFFFFF never ends.
+  /// Time to live of this node's offers and subscriptions, in seconds; 0xFFFFFF never ends.
   std::uint32_t offer_ttl = 3;
   std::uint32_t subscribe_ttl = 3;
-  /// The longest ones accepted from peers; a longer one counts as this one.
+  /// The longest times to live accepted from peers; a longer one counts as this one.
   std::uint32_t longest_offer_ttl = 3600;
   std::uint32_t longest_subscribe_ttl = 0xFFFFFF;
-  /// May a peer have events sent to another address than its own?
+  /// True if a peer may direct events to another address than its own.
   bool subscriptions_for_others = false;
 };
 
-/// Bounds on what a peer can make grow ("limits"). Past a bound the newcomer is refused and
-/// counted.
+/// Bounds on everything that a peer can make grow ("limits"). Past a bound the newcomer is refused
+/// and counted.
 struct Limits {
   std::size_t subscribers_per_event_group = 128;
-  std::size_t subscribers_per_address = 16;  ///< of them
+  std::size_t subscribers_per_address = 16;  ///< of these subscribers
   std::size_t reassemblies = 32;             ///< segment trains in flight, over all peers
   std::size_t reassemblies_per_peer = 8;
   Milliseconds reassembly_timeout{5000};
   std::size_t message_bytes = std::size_t{256} * 1024;  ///< one SOME/IP message, header included
-  std::size_t tcp_connections = 64;              ///< accepted ones; also the bound of outgoing ones
-  std::size_t tcp_connections_per_address = 16;  ///< of the accepted ones
+  std::size_t tcp_connections = 64;                     ///< accepted connections; also the bound of
+                                                        ///< outgoing connections
+  std::size_t tcp_connections_per_address = 16;         ///< of the accepted connections
   std::size_t tcp_send_queue_bytes =
       std::size_t{512} * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;
   std::size_t entries_per_discovery_message = 256;
   std::size_t remote_instances = 1024;             ///< offered instances remembered
-  std::size_t remote_instances_per_address = 128;  ///< of them, offered by one sender
+  std::size_t remote_instances_per_address = 128;  ///< of these instances, offered by one sender
   std::size_t discovery_peers = 256;               ///< session counters and reboot flags remembered
-  std::size_t discovery_peers_per_address = 8;     ///< of them, those of one sender
-  std::size_t queued_requests = 256;               ///< received and not yet worked on
-  std::size_t queued_notifications = 64;           ///< per event waiting for a slow handler
+  std::size_t discovery_peers_per_address = 8;     ///< of these, belonging to one sender
+  std::size_t queued_requests = 256;               ///< received, waiting for a worker
+  std::size_t queued_notifications = 64;           ///< per event, waiting for a slow handler
   std::size_t queued_segment_bytes = std::size_t{4} << 20U;  ///< long messages whose segments wait
 };
 
-/// How the segments of long messages are spread over time ("segments"). The default is half of what
-/// a line of 100 Mbit/s carries.
+/// Spreads the segments of long messages over time ("segments"). The default uses half of the
+/// capacity of a 100 Mbit/s line.
 struct Segment_shaping {
-  std::size_t burst = 8;                  ///< messages of no more segments leave at once
-  std::chrono::microseconds pause{2000};  ///< between two bursts; 0: nothing is spread
+  std::size_t burst = 8;                  ///< a message of at most this many segments leaves at
+                                          ///< once
+  std::chrono::microseconds pause{2000};  ///< between two bursts; 0 turns spreading off
 };
 
 enum class Transport : std::uint8_t { udp, tcp };
@@ -96,14 +98,14 @@ struct Multicast_deployment {
   std::uint16_t event_group = 0;
   boost::asio::ip::address address;
   std::uint16_t port = 0;
-  std::uint32_t threshold = 0;  ///< 0: unicast only; n: multicast from n subscribers on
+  std::uint32_t threshold = 0;  ///< 0: unicast only; n: multicast for n or more subscribers
 };
 
-/// An instance that a node of this manifest provides.
+/// An instance provided by a node of this manifest.
 struct Instance_deployment {
   std::uint16_t id = 0;
   std::string specifier;
-  std::string node;  ///< the node that provides it
+  std::string node;  ///< the providing node
   std::optional<std::uint16_t> udp_port;
   std::optional<std::uint16_t> tcp_port;
   std::vector<Multicast_deployment> multicast;
@@ -118,22 +120,22 @@ struct Service_deployment {
   std::vector<Event_deployment> events;
   std::vector<Field_deployment> fields;
   std::vector<Instance_deployment> instances;
-  /// Addresses of the consumers and providers of this service; empty: everybody.
+  /// Addresses of the consumers and providers of this service; empty allows every address.
   std::vector<boost::asio::ip::address> allowed_peers;
 };
 
 struct Node_deployment {
   std::string name;
-  /// The first free one is taken. Application nodes have one, tools several.
+  /// The node takes the first free address. Application nodes have one, tools several.
   std::vector<boost::asio::ip::address> addresses;
   std::uint8_t prefix_length =
       8;  ///< of the subnet: endpoints outside of it are refused; 0: no check
   std::size_t workers = 2;
   std::uint16_t client_id = 1;
-  /// Ports for a client's own endpoints: 0 lets the kernel choose.
+  /// Port of a client's own endpoints; 0 lets the kernel choose.
   std::uint16_t client_port = 0;
   Milliseconds request_timeout{2000};
-  /// Without: the link of the node's interface counts as up, whatever it does.
+  /// If false, the link of the node's interface always counts as up.
   bool watch_link = true;
 };
 

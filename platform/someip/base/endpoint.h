@@ -1,4 +1,4 @@
-/// An address and a port, as the options of service discovery carry them.
+/// An address and a port, as in the options of service discovery.
 #pragma once
 
 #include <algorithm>
@@ -45,13 +45,13 @@ struct Endpoint_hash {
          std::to_string(endpoint.port);
 }
 
-/// May `address` be that of a peer on our link: unicast, specified, in the subnet of `own`? A
+/// True if `address` can be a peer on our link: unicast, specified, in the subnet of `own`. A
 /// prefix length of 0 turns the subnet check off (someipsd_1149).
 [[nodiscard]] bool reachable_peer(const Address& address,
                                   const Address& own,
                                   unsigned prefix_length);
 
-/// Does a service's list of peers allow `address`? An empty list allows every address.
+/// True if a service's list of peers allows `address`. An empty list allows every address.
 [[nodiscard]] inline bool allows(const std::vector<Address>& list, const Address& address) {
   return list.empty() || std::ranges::find(list, address) != list.end();
 }

@@ -1,4 +1,4 @@
-/// Lines for the person who operates the node. The sink is given by whoever owns it.
+/// Lines for the operator of the node. The owner of the node provides the sink.
 #pragma once
 
 #include <chrono>
@@ -14,7 +14,7 @@ namespace someip {
 enum class Log_level : std::uint8_t { warning, info };
 using Log_sink = std::function<void(Log_level, const std::string& text)>;
 
-/// What a peer can cause as often as it likes is logged once in a while only. Thread-safe.
+/// Limits the lines that a peer can cause at will. Thread-safe.
 class Log {
  public:
   explicit Log(Log_sink sink) : sink_(std::move(sink)) {}
@@ -22,8 +22,8 @@ class Log {
   void write(Log_level level, const std::string& text) const {
     if (sink_) sink_(level, text);
   }
-  /// At most one line of a `kind` (a literal) in five seconds; the next one says how many were left
-  /// out.
+  /// Writes at most one line of a `kind` (a literal) in five seconds. The next line gives the
+  /// number of suppressed lines.
   void limited(Log_level level, std::string_view kind, const std::string& text) {
     if (!sink_) return;
     std::string line = text;

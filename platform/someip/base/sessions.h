@@ -1,4 +1,4 @@
-/// Session ids: those that we count up, and what those of a peer tell about its restarts.
+/// Session ids: our own counters, and the detection of a peer's reboots.
 #pragma once
 
 #include <cstdint>
@@ -17,10 +17,11 @@ class Session_counter {
     }
     return last_;
   }
-  /// True until the first wrap: the reboot flag of service discovery (someipsd_41), to be asked
-  /// after next().
+  /// True until the first wrap: the reboot flag of service discovery (someipsd_41). Read it after
+  /// next().
   [[nodiscard]] bool reboot_flag() const { return !wrapped_; }
-  /// Goes on behind `other` if that is further: a peer that knows `other` sees no restart here.
+  /// Continues behind `other` if that is further: a peer that knows `other` then detects no reboot
+  /// here.
   void advance_to(const Session_counter& other) {
     if (std::pair(wrapped_, last_) < std::pair(other.wrapped_, other.last_)) *this = other;
   }
@@ -30,19 +31,20 @@ class Session_counter {
   bool wrapped_ = false;
 };
 
-/// Detects the restart of a peer from the messages of one channel: multicast and unicast have one
-/// each (someipsd_765).
+/// Detects the reboot of a peer from the messages of one channel. Multicast and unicast have a
+/// detector each (someipsd_765).
 class Reboot_detector {
  public:
-  /// Takes note of a message; true when the peer has restarted since the one before (someipsd_764).
+  /// Records a message. Returns true if the peer has rebooted since the previous one
+  /// (someipsd_764).
   [[nodiscard]] bool restarted(std::uint16_t session, bool reboot_flag) {
     const auto old = last_;
     last_ = {session, reboot_flag};
     if (!old || !reboot_flag) return false;
     return !old->reboot_flag || old->session >= session;
   }
-  /// Forgets what was noted, once the restart showed on the other channel: the first message here
-  /// is then not taken for a second restart.
+  /// Forgets the record after the other channel showed the reboot. The first message here then does
+  /// not count as a second reboot.
   void reset() { last_.reset(); }
 
  private:

@@ -1,4 +1,4 @@
-/// Work that a received message leaves behind: a handler to run.
+/// A handler call deferred by a received message.
 #pragma once
 
 #include <boost/container/small_vector.hpp>
@@ -12,8 +12,8 @@ class Task {
   virtual void run() = 0;
 };
 
-/// In the order of arrival. Receivers fill the list while they hold the order of their socket; the
-/// tasks run afterwards.
+/// Handler calls in the order of arrival. Receivers fill the list while they hold the order of
+/// their socket; the calls run afterwards.
 using Tasks = boost::container::small_vector<std::shared_ptr<Task>, 8>;
 
 }  // namespace someip

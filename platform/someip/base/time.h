@@ -1,11 +1,11 @@
-/// The clock of everything that ends, is due or is remembered.
+/// The clock for all deadlines and lifetimes.
 #pragma once
 
 #include <chrono>
 
 namespace someip {
 
-/// Does not jump when the clock of the machine is set.
+/// Does not jump when the machine's clock is set.
 using Time = std::chrono::steady_clock::time_point;
 
 }  // namespace someip

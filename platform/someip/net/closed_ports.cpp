@@ -14,7 +14,7 @@ namespace someip {
 
 namespace {
 
-/// Then timers get their turn.
+/// After this many errors, timers get their turn.
 constexpr int errors_per_turn = 64;
 
 int new_epoll() {
@@ -26,7 +26,7 @@ int new_epoll() {
   return descriptor;
 }
 
-/// Errors need not be asked for, and nothing else is.
+/// epoll always reports errors, and this watch wants nothing else.
 epoll_event on_errors(int descriptor) {
   epoll_event event{};
   event.events = EPOLLET;
@@ -34,12 +34,12 @@ epoll_event on_errors(int descriptor) {
   return event;
 }
 
-/// True when `control` says "port unreachable" and comes from `destination` itself.
+/// True if `control` says "port unreachable" and `destination` itself sent it.
 bool port_is_closed(const cmsghdr& control, const Address& destination) {
   const bool v4 = control.cmsg_level == SOL_IP && control.cmsg_type == IP_RECVERR;
   const bool v6 = control.cmsg_level == SOL_IPV6 && control.cmsg_type == IPV6_RECVERR;
   if (!v4 && !v6) return false;
-  // The sender of the error message lies behind the error.
+  // The address of the error's sender lies behind the error.
   struct {
     sock_extended_err error;
     sockaddr_in6 offender;
@@ -89,7 +89,7 @@ void Closed_ports::add(Udp_socket& socket) {
   socket.keep_errors();
   epoll_event event = on_errors(socket.descriptor());
   if (epoll_ctl(errors_.native_handle(), EPOLL_CTL_ADD, socket.descriptor(), &event) != 0) {
-    const int error = errno;  // before the text, which may change it
+    const int error = errno;  // taken before the text, which may change it
     throw std::system_error(error, std::generic_category(),
                             "cannot watch " + to_string(socket.local()) + " for errors");
   }
@@ -122,7 +122,7 @@ void Closed_ports::look() {
     while (const auto error = next_error(event.data.fd)) {
       if (error->returned) tell_(*error->returned);
       if (--left > 0) continue;
-      // What still waits is announced again.
+      // Announces the remaining errors again.
       epoll_ctl(errors_.native_handle(), EPOLL_CTL_MOD, event.data.fd, &event);
       return;
     }

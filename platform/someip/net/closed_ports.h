@@ -1,4 +1,4 @@
-/// Learns from the network's own error messages that a destination has closed its port.
+/// Learns from ICMP error messages that a destination has closed its port.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -12,22 +12,22 @@
 
 namespace someip {
 
-/// A datagram of ours that came back: nobody has `destination` open.
+/// A datagram of ours that came back: `destination` is a closed port.
 struct Returned_datagram {
   Endpoint destination;
-  Header header;  ///< of the message that it carried, as the error message quotes it
+  Header header;  ///< of the carried message, as the error message quotes it
 };
 
-/// The oldest error that waits at the socket; empty when none waits. `returned` is set when the
-/// error says that a port is closed, was sent by the destination itself (nobody can say it of
-/// others) and quotes the message.
+/// The oldest error that waits at the socket; empty if none waits. `returned` is set if the error
+/// reports a closed port, was sent by the destination itself (no other host can report it) and
+/// quotes the message.
 struct Socket_error {
   std::optional<Returned_datagram> returned;
 };
 [[nodiscard]] std::optional<Socket_error> next_error(int descriptor);
 
-/// Watches the errors of sockets, and nothing else of them: what arrives there wakes nobody here.
-/// Lives on the control thread, except add().
+/// Watches the errors of sockets, and only these: an arriving datagram wakes no thread here. Lives
+/// on the control thread, except add().
 class Closed_ports {
  public:
   using Tell = std::function<void(const Returned_datagram&)>;
@@ -35,11 +35,11 @@ class Closed_ports {
   /// Throws std::system_error.
   explicit Closed_ports(boost::asio::io_context& control);
 
-  /// From any thread; the socket stays watched until it is closed.
+  /// Any thread may call. The socket stays watched until it is closed.
   void add(Udp_socket& socket);
   void start(Tell tell);
   void stop();
-  /// Tells at once what has come until now.
+  /// Reports the errors that have arrived until now.
   void look();
 
  private:

@@ -12,14 +12,14 @@ namespace someip {
 namespace {
 constexpr std::chrono::seconds rejoin_period{1};
 constexpr std::size_t max_datagram = 65536;
-/// Then timers get their turn.
+/// After this many datagrams, timers get their turn.
 constexpr int datagrams_per_turn = 64;
 
-/// A second descriptor of a socket, which no child process keeps.
+/// A second descriptor of a socket. Child processes do not inherit it.
 int copy_of(const Udp_socket& socket, const Address& address) {
   const int copy = ::fcntl(socket.descriptor(), F_DUPFD_CLOEXEC, 0);
   if (copy >= 0) return copy;
-  const int error = errno;  // before the text, which may change it
+  const int error = errno;  // taken before the text, which may change it
   throw std::system_error(error, std::generic_category(),
                           "cannot duplicate the discovery socket of " + address.to_string());
 }
@@ -68,7 +68,7 @@ void Discovery_channel::stop() {
 
 void Discovery_channel::link_changed(bool up) {
   rejoin_.cancel();
-  // A membership that outlived its link keeps the next one from being announced to the network.
+  // If a membership outlives its link, the kernel does not announce the next one to the network.
   multicast_.udp.leave(group_.address, own_);
   if (up) join();
 }

@@ -20,29 +20,30 @@ class Discovery_channel {
  public:
   using Receive = std::function<void(Bytes datagram, const Endpoint& from, bool multicast)>;
 
-  /// Takes `own` and the discovery port. Throws std::system_error, with EADDRINUSE when another
-  /// process has them. An address that no interface has yet is no error: the network may come up
-  /// later.
+  /// Takes `own` and the discovery port. Throws std::system_error, with EADDRINUSE if another
+  /// process has them. An address without an interface is no error: the network may come up later.
   Discovery_channel(boost::asio::io_context& control,
                     const Discovery_timing& timing,
                     const Address& own,
                     Counters& counters,
                     Log& log);
 
-  /// `link_watched`: link_changed() will be told of every loss of the link. Otherwise membership in
-  /// the group, which may go unnoticed with its interface, is renewed again and again.
+  /// `link_watched`: the caller reports every loss of the link by link_changed(). Otherwise the
+  /// channel renews its membership in the group regularly, because it may vanish unnoticed with the
+  /// interface.
   void start(Receive receive, bool link_watched);
   void stop();
-  /// The group is joined while the link is up, anew each time. It counts as down at first.
+  /// The channel joins the group each time the link comes up. The link counts as down at first.
   void link_changed(bool up);
-  /// Without `to`, to the group. What cannot be sent is counted; discovery repeats itself.
+  /// Sends to `to`, or to the group without it. A message that cannot be sent is counted; discovery
+  /// repeats itself.
   void send(const std::vector<std::byte>& message, const std::optional<Endpoint>& to);
 
  private:
   struct Socket {
     Socket(boost::asio::io_context& control, const Address& like);
     Udp_socket udp;
-    boost::asio::posix::stream_descriptor events;  ///< of a duplicate, which it owns
+    boost::asio::posix::stream_descriptor events;  ///< of a duplicate descriptor, which it owns
   };
 
   void wait(Socket& socket, bool multicast);

@@ -27,7 +27,7 @@ bool runs(unsigned flags) {
   return (flags & IFF_UP) != 0 && (flags & IFF_RUNNING) != 0;
 }
 
-/// -1 and errno when the kernel has no events for us.
+/// Returns -1 and sets errno if the kernel gives us no events.
 int open_events() {
   const int descriptor =
       ::socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, NETLINK_ROUTE);
@@ -45,7 +45,7 @@ int open_events() {
   return -1;
 }
 
-/// Can packets be sent from, and come to, `own` at all? Throws std::system_error.
+/// True if packets can be sent from `own` and received there. Throws std::system_error.
 bool is_local(const Address& own) {
   Udp_socket probe(own);
   return probe.bind({own, 0}) != std::errc::address_not_available;
@@ -58,7 +58,7 @@ Value value_at(const std::byte* at) {
   return value;
 }
 
-/// The address that a message about one is about.
+/// True if an address message of the kernel concerns `own`.
 bool is_about(const Address& own, const std::byte* attributes, std::size_t size) {
   bool found = false;
   while (size >= sizeof(rtattr)) {
@@ -66,7 +66,7 @@ bool is_about(const Address& own, const std::byte* attributes, std::size_t size)
     if (attribute.rta_len < sizeof(rtattr) || attribute.rta_len > size) break;
     const std::byte* const content = attributes + RTA_LENGTH(0);
     const std::size_t length = attribute.rta_len - RTA_LENGTH(0);
-    // On point-to-point links IFA_ADDRESS is the other end, and IFA_LOCAL the own one.
+    // On point-to-point links IFA_ADDRESS is the other end, and IFA_LOCAL the own address.
     if (attribute.rta_type == IFA_LOCAL || attribute.rta_type == IFA_ADDRESS) {
       if (own.is_v4() && length == 4) {
         found |=
@@ -156,7 +156,7 @@ bool Link_watch::tells_loss(const std::byte* message, std::size_t size) const {
     case RTM_DELLINK: {
       if (length < sizeof(ifinfomsg)) return false;
       const auto link = value_at<ifinfomsg>(content);
-      // Bridges tell in the same words that a port has left them.
+      // A bridge reports in the same form that a port has left it.
       if (link.ifi_family != AF_UNSPEC || std::cmp_not_equal(link.ifi_index, link_.interface)) {
         return false;
       }
@@ -187,7 +187,8 @@ void Link_watch::read_events() {
     message.msg_iovlen = 1;
     const auto received = ::recvmsg(events_.native_handle(), &message, MSG_DONTWAIT);
     if (received < 0) {
-      // So many events that some were dropped: what is below looks at the link itself.
+      // The queue overflowed and the kernel dropped events: the code below looks at the link
+      // itself.
       if (errno == ENOBUFS || errno == EINTR) continue;
       break;
     }

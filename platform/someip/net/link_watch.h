@@ -1,4 +1,4 @@
-/// Whether the network interface that carries the node's address has its link.
+/// Watches the link of the network interface that carries the node's address.
 #pragma once
 
 #include <boost/asio/io_context.hpp>
@@ -10,36 +10,37 @@
 
 namespace someip {
 
-/// The link is up while an interface that runs (it is set up and has a carrier) has the address. An
-/// address that is local without being any interface's, such as 127.0.0.10, is loopback's. Lives on
-/// the control thread; only the constructor may run elsewhere.
+/// The link is up while a running interface (set up and with a carrier) has the address. A local
+/// address without an interface of its own, such as 127.0.0.10, belongs to the loopback interface.
+/// Lives on the control thread; only the constructor may run elsewhere.
 class Link_watch {
  public:
   using Tell = std::function<void(bool up)>;
 
-  /// Looks at the link as it is now. When the kernel does not tell about links (no rtnetlink in
-  /// this sandbox), says so in the log; the link then counts as up for ever.
+  /// Reads the present state of the link. If the kernel does not report links (no rtnetlink in this
+  /// sandbox), logs that once; the link then counts as up for ever.
   Link_watch(boost::asio::io_context& control, const Address& own, Log& log);
-  /// A watch that is switched off: the link counts as up.
+  /// A disabled watch: the link counts as up.
   Link_watch(boost::asio::io_context& control, const Address& own);
 
   [[nodiscard]] bool watching() const { return events_.is_open(); }
   [[nodiscard]] bool up() const { return link_.up; }
-  /// `tell` hears of every change since the construction, also of a loss that was over when it was
-  /// noticed.
+  /// Calls `tell` for every change since the construction, even for a loss that was over when it
+  /// was noticed.
   void start(Tell tell);
   void stop();
 
  private:
   struct Link {
     bool up = true;
-    unsigned interface = 0;  ///< the index of the one that carries the address; 0: none, or any
+    unsigned interface = 0;  ///< the index of the interface that carries the address; 0: none, or
+                             ///< any
   };
-  /// The link as it is now; as it was when the kernel cannot be asked.
+  /// The present state of the link; the previous one if the kernel cannot be asked.
   [[nodiscard]] Link look() const;
   void wait();
   void read_events();
-  /// Does a message of the kernel, of `size` bytes, tell that the link was lost?
+  /// True if a message of the kernel, of `size` bytes, reports a loss of the link.
   [[nodiscard]] bool tells_loss(const std::byte* message, std::size_t size) const;
   void set(const Link& link);
 

@@ -11,8 +11,7 @@ namespace someip {
 
 namespace {
 
-/// Blocks of the usual size that nobody uses. Never destroyed: buffers may outlive every other
-/// object.
+/// Free blocks of the usual size. Never destroyed: buffers may outlive every other object.
 class Free_list {
  public:
   static Free_list& instance() {
@@ -59,7 +58,7 @@ Buffer Buffer::copy_of(Bytes bytes) {
 bool is_older_than(Arrival_time arrival, std::chrono::nanoseconds limit) {
   if (arrival == Arrival_time{}) return false;
   timespec now{};
-  // Asked for each notification: the coarse clock costs a third of the exact one.
+  // Called for each notification: the coarse clock costs a third of the exact one.
   ::clock_gettime(CLOCK_REALTIME_COARSE, &now);
   const auto age = std::chrono::seconds{now.tv_sec} + std::chrono::nanoseconds{now.tv_nsec} -
                    arrival.time_since_epoch();

@@ -1,4 +1,4 @@
-/// A received message and the buffer that it lies in.
+/// A received message and its buffer.
 #pragma once
 
 #include <atomic>
@@ -11,14 +11,14 @@
 
 namespace someip {
 
-/// Reference-counted bytes. Those of the usual size come from, and return to, a list of the
-/// process, so that receiving does not allocate.
+/// Reference-counted bytes. Blocks of the usual size are recycled in a list of the process, so that
+/// receiving does not allocate.
 class Buffer {
  public:
   static constexpr std::size_t usual_size = 2048;
 
   Buffer() = default;
-  /// At least `size` bytes, not initialised.
+  /// At least `size` uninitialised bytes.
   explicit Buffer(std::size_t size);
   Buffer(const Buffer& other) noexcept : block_(other.block_) { retain(); }
   Buffer(Buffer&& other) noexcept : block_(std::exchange(other.block_, nullptr)) {}
@@ -32,14 +32,14 @@ class Buffer {
   [[nodiscard]] std::byte* data() const { return reinterpret_cast<std::byte*>(block_ + 1); }
   [[nodiscard]] std::size_t size() const { return block_ == nullptr ? 0 : block_->size; }
   [[nodiscard]] bool empty() const { return block_ == nullptr; }
-  /// Nobody else refers to the bytes.
+  /// True if no other buffer refers to the bytes.
   [[nodiscard]] bool unique() const {
-    // Acquire: what the others did with the bytes has happened before they are written again.
+    // Acquire: every access by other owners happens before the bytes are written again.
     return block_ != nullptr && block_->references.load(std::memory_order_acquire) == 1;
   }
 
  private:
-  /// In front of its bytes.
+  /// Stands in front of its bytes.
   struct Block {
     std::atomic<std::uint32_t> references{1};
     std::size_t size = 0;
@@ -48,7 +48,7 @@ class Buffer {
     if (block_ != nullptr) block_->references.fetch_add(1, std::memory_order_relaxed);
   }
   void release() noexcept {
-    // Release, then acquire by the last one: it must see what the others read and wrote.
+    // Release, then acquire by the last owner, who must see all reads and writes of the others.
     if (block_ == nullptr || block_->references.fetch_sub(1, std::memory_order_acq_rel) != 1)
       return;
     give_back();
@@ -57,10 +57,10 @@ class Buffer {
   Block* block_ = nullptr;
 };
 
-/// When the kernel received the datagram; its epoch where the kernel did not say.
+/// The time at which the kernel received the datagram; its epoch if the kernel gave none.
 using Arrival_time = std::chrono::sys_time<std::chrono::nanoseconds>;
 
-/// Whether more than `limit` has passed since `arrival`, exact to a tick of the kernel. False for
+/// True if more than `limit` has passed since `arrival`, exact to a tick of the kernel. False for
 /// an unknown arrival.
 [[nodiscard]] bool is_older_than(Arrival_time arrival, std::chrono::nanoseconds limit);
 
@@ -68,9 +68,9 @@ struct Received {
   Header header;
   Bytes payload;  ///< inside `buffer`
   Buffer buffer;
-  Arrival_time arrival = {};  ///< of its last datagram; unknown over TCP
+  Arrival_time arrival = {};  ///< of the last datagram; unknown over TCP
 
-  /// The same for keeping: a receiver's own, large buffer is not held for one message.
+  /// The same message for keeping: does not hold a receiver's own, large buffer.
   [[nodiscard]] Received kept() const {
     if (buffer.size() <= Buffer::usual_size) return *this;
     Received copy{header, {}, Buffer::copy_of(payload), arrival};

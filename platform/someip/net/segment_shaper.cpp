@@ -11,7 +11,7 @@ namespace someip {
 
 namespace {
 
-/// What a destination costs beside the message itself, about.
+/// Approximate cost of a destination beside the message itself.
 constexpr std::size_t bytes_per_destination = 128;
 
 std::size_t segments_of(std::size_t payload_size) {
@@ -112,7 +112,7 @@ void Segment_shaper::burst() {
   for (std::size_t left = shaping_.burst; left > 0 && !turns_.empty();) {
     const auto turn = turns_.front();
     turns_.pop_front();
-    // Stays where it is: others only append to the lane.
+    // The lane stays in place: other threads only append to it.
     Lane& lane = turn->second;
     Waiting& first = lane.messages.front();
     const Message& message = *first.message;
@@ -140,7 +140,7 @@ void Segment_shaper::burst() {
 }
 
 void Segment_shaper::clear() {
-  Lanes dropped;  // goes after the lock
+  Lanes dropped;  // destroyed after the lock
   const std::lock_guard lock(mutex_);
   dropped.swap(lanes_);
   turns_.clear();

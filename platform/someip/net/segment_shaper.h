@@ -23,10 +23,11 @@
 
 namespace someip {
 
-/// Shared by the ports of a node. A message of more segments than a burst waits here, one copy for
-/// all its destinations; the messages that wait take turns, one burst for all of them in each
-/// pause. Everything else leaves at once, unless an earlier message with the same ids to the same
-/// destination still waits: it then follows that one. Thread-safe; sends on the control thread.
+/// Shared by the ports of a node. A message of more segments than a burst waits here, as one copy
+/// for all its destinations. The waiting messages take turns, one burst for all of them in each
+/// pause. Every other message leaves at once, unless an earlier message with the same ids to the
+/// same destination still waits: it then follows that one. Thread-safe; sends on the control
+/// thread.
 class Segment_shaper {
  public:
   Segment_shaper(const Deployment& deployment,
@@ -36,16 +37,16 @@ class Segment_shaper {
   Segment_shaper(const Segment_shaper&) = delete;
   Segment_shaper& operator=(const Segment_shaper&) = delete;
 
-  /// False while messages wait: short ones then have to come by send() too, so that order is kept.
+  /// False while messages wait: short messages must then also use send(), which keeps the order.
   [[nodiscard]] bool idle() const { return waiting_.load(std::memory_order_acquire) == 0; }
-  /// Sends through `sender` now or later. Past the bound the message is refused and counted.
+  /// Sends through `sender` now or later. Refuses and counts a message past the bound.
   void send(const std::shared_ptr<Udp_sender>& sender,
             const Header& header,
             Bytes payload,
             std::span<const Socket_address> to);
-  /// Drops what waits. On the control thread.
+  /// Drops the waiting messages. Call it on the control thread.
   void clear();
-  /// clear(); later messages are dropped. On the control thread.
+  /// Does clear() and drops later messages. Call it on the control thread.
   void stop();
 
  private:
@@ -58,7 +59,7 @@ class Segment_shaper {
   };
   struct Waiting {
     std::shared_ptr<const Message> message;
-    std::size_t sent = 0;  ///< bytes of the payload; the control thread's own
+    std::size_t sent = 0;  ///< bytes of the payload; used by the control thread only
   };
   struct Lane {
     std::shared_ptr<Udp_sender> sender;
@@ -67,7 +68,7 @@ class Segment_shaper {
   };
   using Lanes = std::map<Key, Lane>;
 
-  /// Null when the bound is reached.
+  /// Returns null if the bound is reached.
   [[nodiscard]] std::shared_ptr<const Message> copy(const Header& header,
                                                     Bytes payload,
                                                     std::size_t destinations);
@@ -78,11 +79,11 @@ class Segment_shaper {
   const std::size_t max_bytes_;
   boost::asio::io_context& control_;
   Counters& counters_;
-  std::atomic<std::size_t> bytes_{0};  ///< of the messages that wait; relaxed: it is a bound only
-  /// Messages in lanes_. Released after the last segment of one has been sent, so that who sees 0
-  /// overtakes nothing.
+  std::atomic<std::size_t> bytes_{0};  ///< of the waiting messages; relaxed: it is only a bound
+  /// Messages in lanes_. Released after the last segment of a message was sent, so that a thread
+  /// that reads 0 overtakes no message.
   std::atomic<std::size_t> waiting_{0};
-  boost::asio::steady_timer timer_;  ///< the control thread's own
+  boost::asio::steady_timer timer_;  ///< used by the control thread only
   std::mutex mutex_;                 ///< guards the members below; not held while sending
   Lanes lanes_;
   std::deque<Lanes::iterator> turns_;

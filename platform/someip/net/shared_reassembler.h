@@ -14,14 +14,14 @@ class Shared_reassembler {
  public:
   explicit Shared_reassembler(const Limits& limits) : reassembler_(limits) {}
 
-  /// Adds a segment, given by its header and payload. True when it completes a message, which is
-  /// then in `message`. Counts dropped segments and refused reassemblies.
+  /// Adds a segment, given by its header and payload. Returns true if that completes a message, and
+  /// stores it in `message`. Counts dropped segments and refused reassemblies.
   [[nodiscard]] bool add(const Endpoint& peer,
                          const Header& header,
                          Bytes payload,
                          Counters& counters,
                          Reassembler::Message& message);
-  /// Drops the trains of a peer that has restarted.
+  /// Drops the trains of a peer that has rebooted.
   void forget(const Address& peer);
 
  private:

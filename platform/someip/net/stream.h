@@ -1,4 +1,4 @@
-/// A connection as those see it who only send over it.
+/// A connection, as its senders see it.
 #pragma once
 
 #include "platform/someip/wire/message.h"

@@ -14,12 +14,12 @@ namespace {
 constexpr Milliseconds first_retry{50};
 constexpr Milliseconds longest_retry{1000};
 constexpr Milliseconds connect_limit{2000};
-/// For a peer to take what is still to be sent and to close its end.
+/// Time for a peer to take the queued messages and to close its end.
 constexpr Milliseconds finish_limit{10000};
 }  // namespace
 
-/// Shared with the handlers that wait for its socket and timer; `released` tells them to leave it
-/// alone.
+/// Shared with the handlers that wait for its socket and timer; `released` makes them ignore the
+/// link.
 struct Tcp_client::Link {
   Link(Workers& workers, const Endpoint& to)
       : server(to), socket(workers.control()), timer(workers.control()) {}
@@ -30,7 +30,7 @@ struct Tcp_client::Link {
   std::shared_ptr<Tcp_connection> connection;
   Milliseconds next_retry = first_retry;
   bool released = false;
-  bool unused = false;  ///< while connecting: only for the sake of what waits
+  bool unused = false;  ///< while connecting: needed only for the waiting messages
   struct Waiting {
     Header header;
     std::vector<std::byte> payload;
@@ -40,7 +40,7 @@ struct Tcp_client::Link {
   std::vector<Waiting> waiting;
   std::size_t waiting_bytes = 0;
 
-  /// Whoever sent them has been told that they have failed.
+  /// Their senders have already been notified of the failure.
   void drop_expired() {
     const Time now = std::chrono::steady_clock::now();
     std::erase_if(waiting, [&](const Waiting& message) {
@@ -206,7 +206,7 @@ void Tcp_client::connect(const std::shared_ptr<Link>& link) {
 void Tcp_client::retry(const std::shared_ptr<Link>& link) {
   error_code ignored;
   link->socket.close(ignored);
-  if (link->unused) finish(link->server);  // gives up when all that waited has expired
+  if (link->unused) finish(link->server);  // gives up when all waiting messages have expired
   if (link->released) return;
   link->timer.expires_after(link->next_retry);
   link->next_retry = std::min(link->next_retry * 2, longest_retry);

@@ -1,4 +1,4 @@
-/// The connections that the node has opened to services of others: one for each endpoint.
+/// The connections that the node has opened to services of other nodes: one for each endpoint.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
@@ -32,17 +32,18 @@ class Tcp_client final : private Tcp_connection::Handler {
   Tcp_client(const Tcp_client&) = delete;
   Tcp_client& operator=(const Tcp_client&) = delete;
 
-  /// The own end of the connection to `server`. While there is none, begins to connect, and keeps
-  /// trying until release().
+  /// This node's end of the connection to `server`. Without a connection, begins to connect, and
+  /// keeps trying until release().
   [[nodiscard]] std::optional<Endpoint> local_end(const Endpoint& server);
   /// Sends now or, within the bound of the send queue and until `deadline`, once connected.
   void send(const Endpoint& server, const Header& header, Bytes payload, Time deadline);
   void probe(const Endpoint& server);
-  /// The connection to `server` is not needed any more, but what waits to be sent is.
+  /// Closes the connection to `server`, which is no longer needed, after the queued messages are
+  /// sent.
   void finish(const Endpoint& server);
-  /// Nothing is needed any more, the server has gone.
+  /// Drops the connection and its queue: the server is gone.
   void release(const Endpoint& server);
-  /// Connects anew to what was connected before `before`.
+  /// Reconnects the connections that were opened before `before`.
   void restart(const Address& server, Time before);
   void close();
 

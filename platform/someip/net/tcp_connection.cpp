@@ -16,8 +16,8 @@ namespace {
 using boost::system::error_code;
 
 constexpr std::chrono::seconds cookie_period{10};
-/// Data that a peer does not acknowledge for so long ends the connection; so does a peer that is
-/// silent and does not answer three probes.
+/// A peer that does not acknowledge data for this time loses the connection. So does a silent peer
+/// that does not answer three probes.
 constexpr int unacknowledged_limit_ms = 5000;
 constexpr int idle_before_probe_s = 5;
 constexpr int probe_period_s = 2;
@@ -94,8 +94,7 @@ void Tcp_connection::finish() {
 }
 
 void Tcp_connection::end_stream() {
-  // Not a close: what has arrived and is not read would turn it into a reset, which can overtake
-  // what has been sent.
+  // Not a close: unread data would turn the close into a reset, which can overtake sent data.
   error_code ignored;
   socket_.shutdown(Socket::shutdown_send, ignored);
 }
@@ -171,7 +170,7 @@ void Tcp_connection::enqueue(std::vector<std::byte> bytes) {
   if (dead_) return;
   const Time now = std::chrono::steady_clock::now();
   if (last_cookie_ == Time{} || now - last_cookie_ >= cookie_period) {
-    // Once in a while a boundary that a listener can find (someip_594).
+    // Inserts now and then a boundary that a listener can find (someip_594).
     const Header_bytes cookie = magic_cookie(opened_here_);
     bytes.insert(bytes.begin(), cookie.begin(), cookie.end());
     last_cookie_ = now;

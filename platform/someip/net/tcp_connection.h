@@ -1,4 +1,4 @@
-/// One TCP connection that carries SOME/IP messages, accepted or opened.
+/// A TCP connection that carries SOME/IP messages, accepted or opened by this node.
 #pragma once
 
 #include <array>
@@ -28,27 +28,27 @@ namespace someip {
   return {endpoint.address, endpoint.port};
 }
 
-/// No child process shall keep the socket, and with it the address. Asio leaves its sockets open to
-/// children.
+/// Keeps child processes from inheriting the socket, and with it the address. Asio's sockets are
+/// otherwise inherited.
 void close_in_children(int descriptor);
 
 /// Lives on the control thread, except send().
 class Tcp_connection final : public Stream, public std::enable_shared_from_this<Tcp_connection> {
  public:
   using Socket = boost::asio::ip::tcp::socket;
-  /// What happens on a connection. Called on the control thread.
+  /// Events of a connection. Called on the control thread.
   class Handler {
    public:
     virtual ~Handler() = default;
     virtual void received(Received message,
                           const std::shared_ptr<Tcp_connection>& connection,
                           Tasks& tasks) = 0;
-    /// Once, and not after close().
+    /// Called once, and not after close().
     virtual void lost(const std::shared_ptr<Tcp_connection>& connection) = 0;
   };
 
-  /// `socket` is connected with `peer`, which it cannot name any more when the connection has
-  /// broken already. `opened_here`: this node is the client of the connection.
+  /// `socket` is connected with `peer`; a socket whose connection is already broken can no longer
+  /// name its peer. `opened_here`: this node is the client of the connection.
   Tcp_connection(Socket socket,
                  const Endpoint& peer,
                  bool opened_here,
@@ -60,8 +60,8 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
 
   void start();
   void close();
-  /// Sends what is queued, and nothing more, then the end of the stream; nothing is received any
-  /// more. The peer's own end is told as a loss.
+  /// Sends the queued messages, then the end of the stream, and receives nothing more. The end of
+  /// the peer's stream is reported as a loss.
   void finish();
   void send(const Header& header, Bytes payload) override;
   /// Sends a magic cookie: a peer that has forgotten the connection answers it with a reset.
@@ -91,15 +91,15 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
   const Time established_;
   Stream_reader reader_;
   std::array<std::byte, std::size_t{16} * 1024> buffer_;
-  std::vector<std::vector<std::byte>> writing_;  ///< on their way, the control thread's own
-  bool open_ = true;                             ///< the control thread's own
-  bool finishing_ = false;                       ///< same
+  std::vector<std::vector<std::byte>> writing_;  ///< being written; used by the control thread only
+  bool open_ = true;                             ///< used by the control thread only
+  bool finishing_ = false;                       ///< used by the control thread only
 
   std::mutex mutex_;  ///< guards the members below
   std::vector<std::vector<std::byte>> queue_;
   std::size_t queued_bytes_ = 0;  ///< in queue_ and writing_
-  bool busy_ = false;             ///< a write runs or has been asked for
-  bool dead_ = false;             ///< nothing is queued any more
+  bool busy_ = false;             ///< a write runs or is requested
+  bool dead_ = false;             ///< no message is queued any longer
   Time last_cookie_{};
 };
 

@@ -26,8 +26,8 @@ Tcp_server::Tcp_server(const Endpoint& local,
   const tcp::endpoint endpoint = tcp_endpoint_of(local);
   acceptor_.open(endpoint.protocol());
   close_in_children(acceptor_.native_handle());
-  // Connections of an earlier life may still linger on the port; two listeners are refused all the
-  // same.
+  // Connections of an earlier process may still linger on the port. The kernel refuses two
+  // listeners all the same.
   acceptor_.set_option(tcp::acceptor::reuse_address(true));
   const int on = 1;
   static_cast<void>(::setsockopt(acceptor_.native_handle(), SOL_IP, IP_FREEBIND, &on, sizeof on));
@@ -52,7 +52,7 @@ void Tcp_server::accept() {
                                                                       tcp::socket socket) {
     if (!acceptor_.is_open()) return;
     if (error) {
-      // Out of descriptors, most likely: the next one may fare better.
+      // Most likely there is no free descriptor: the next connection may succeed.
       retry_.expires_after(std::chrono::milliseconds(100));
       retry_.async_wait([this, self](const error_code& cancelled) {
         if (!cancelled && acceptor_.is_open()) accept();

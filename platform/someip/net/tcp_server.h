@@ -1,4 +1,4 @@
-/// One listening port and the connections that clients have opened to it.
+/// A listening port and the connections that clients have opened to it.
 #pragma once
 
 #include <boost/asio/ip/tcp.hpp>
@@ -17,10 +17,10 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
  public:
   /// Called on the control thread, from start() to close().
   struct Events {
-    /// May one more connection be accepted from `peer`?
+    /// True if another connection from `peer` may be accepted.
     std::function<bool(const Address& peer)> admit;
     std::function<void(const Endpoint& client)> lost;
-    /// `connection` is the way back to `client`.
+    /// `connection` leads back to `client`.
     std::function<void(Received message,
                        const Endpoint& client,
                        const std::shared_ptr<Stream>& connection,
@@ -39,13 +39,13 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
   void start() { accept(); }
   void close();
 
-  /// Null when `client` has no open connection to this port.
+  /// Returns null if `client` has no open connection to this port.
   [[nodiscard]] std::shared_ptr<Stream> connection_of(const Endpoint& client) const;
   [[nodiscard]] std::size_t connections() const { return connections_.size(); }
   [[nodiscard]] std::size_t connections_from(const Address& peer) const;
-  /// Closes every connection; listens on.
+  /// Closes every connection and keeps listening.
   void drop_connections();
-  /// Closes what `peer` opened before `before`.
+  /// Closes the connections that `peer` opened before `before`.
   void forget(const Address& peer, Time before);
 
  private:
@@ -61,7 +61,7 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
   Log& log_;
   const Events events_;
   boost::asio::ip::tcp::acceptor acceptor_;
-  boost::asio::ip::tcp::endpoint accepted_;  ///< where the connection comes from
+  boost::asio::ip::tcp::endpoint accepted_;  ///< the peer of the connection being accepted
   boost::asio::steady_timer retry_;
   std::vector<std::shared_ptr<Tcp_connection>> connections_;
 };

@@ -1,4 +1,4 @@
-/// A UDP endpoint of the node on which messages arrive and from which they are sent.
+/// A UDP endpoint of the node for sending and receiving messages.
 #pragma once
 
 #include <memory>
@@ -12,7 +12,7 @@ namespace someip {
 
 class Udp_port final {
  public:
-  /// `socket` is bound. Messages arrive once one of the two open functions has been called.
+  /// `socket` is bound. Messages arrive after a call of one of the two open functions.
   Udp_port(std::shared_ptr<Udp_socket> socket,
            Message_receiver& receiver,
            Workers& workers,
@@ -25,23 +25,23 @@ class Udp_port final {
   void open() { receiver_->open(); }
   /// Opens the port with threads of its own, see Udp_receiver.
   void open_with_threads() { receiver_->open_with_threads(); }
-  /// No message is handed on after it returns; handlers may still run.
+  /// Hands on no message after its return; handlers may still run.
   void close() { receiver_->close(); }
 
   [[nodiscard]] const Endpoint& local() const { return local_; }
   [[nodiscard]] Udp_socket& socket() { return *socket_; }
 
-  /// Sends a message to each destination, in segments when it is long; the segments are spread over
-  /// time when they are many. Sets `header.length`. Thread-safe. Never waits: a destination that
-  /// cannot be reached now is counted and left out.
+  /// Sends a message to each destination; a long message leaves in segments, many segments are
+  /// spread over time. Sets `header.length`. Thread-safe. Never waits: a destination that cannot be
+  /// reached now is counted and skipped.
   void send(const Header& header, Bytes payload, std::span<const Socket_address> to);
 
  private:
   const std::shared_ptr<Udp_socket>
       socket_;  ///< shared with both halves, which may outlive the port
   const Endpoint local_;
-  const std::shared_ptr<Udp_receiver> receiver_;  ///< its threads hold it, too
-  const std::shared_ptr<Udp_sender> sender_;      ///< messages in the shaper hold it, too
+  const std::shared_ptr<Udp_receiver> receiver_;  ///< shared with its threads
+  const std::shared_ptr<Udp_sender> sender_;      ///< shared with the messages in the shaper
   Segment_shaper& shaper_;
 };
 

@@ -11,12 +11,12 @@ namespace someip {
 
 namespace {
 
-/// After this many batches a worker runs the first handler and leaves the socket to another one.
+/// After this many batches a worker runs the first handler and leaves the socket to another worker.
 constexpr int batches_before_handlers = 4;
 constexpr std::size_t max_datagram = 65536;
 
-/// Where a batch puts the bytes of a datagram beyond a buffer of the usual size. Each thread has
-/// memory of its own, because it receives one batch at a time.
+/// The place for a datagram's bytes beyond a buffer of the usual size. Each thread has memory of
+/// its own, because it receives one batch at a time.
 std::span<std::byte> spill(std::size_t index) {
   thread_local const auto memory =
       std::make_unique_for_overwrite<std::byte[]>(Udp_socket::max_arrivals * max_datagram);
@@ -77,7 +77,7 @@ void Udp_receiver::report(const Harvest& harvest) {
 }
 
 void Udp_receiver::receive_in_thread() {
-  Buffer buffer;  // used again for the next datagram, unless a message in it is still referred to
+  Buffer buffer;  // reused for the next datagram, unless a message still refers to it
   for (;;) {
     if (!buffer.unique()) buffer = Buffer(max_datagram);
     socket_->wait();
@@ -99,8 +99,8 @@ bool Udp_receiver::receive_one(Buffer& buffer, Harvest& harvest) {
   arrival.begin = std::span(buffer.data(), max_datagram);
   const std::lock_guard lock(mutex_);
   if (!open_) return false;
-  // Another thread may have taken the datagram; or the wait ended with the error of an earlier
-  // send, which says nothing about receiving.
+  // Another thread may have taken the datagram, or the wait ended with the error of an earlier
+  // send, which does not concern receiving.
   if (!socket_->receive(arrival)) return true;
   counters_.datagrams_received.add();
   take(buffer, arrival, harvest);
@@ -112,7 +112,7 @@ bool Udp_receiver::receive_one(Buffer& buffer, Harvest& harvest) {
 
 void Udp_receiver::on_readable() {
   Harvest harvest;
-  std::size_t posted = 1;  // the first task is for the calling thread
+  std::size_t posted = 1;  // the calling thread runs the first task
   for (int batch = 1;; ++batch) {
     const std::size_t count = receive_batch(harvest);
     post(harvest.tasks, posted);

@@ -1,4 +1,4 @@
-/// The receiving half of a UDP port: who waits in the socket, and in which order messages are
+/// The receiving half of a UDP port: its waiting threads, and the order in which messages are
 /// handed on.
 #pragma once
 
@@ -19,18 +19,18 @@
 
 namespace someip {
 
-/// Gets the messages that arrive on a port.
+/// Receives the messages of a port.
 class Message_receiver {
  public:
   virtual ~Message_receiver() = default;
-  /// Called in the order of arrival, by one thread at a time. Must not wait: handler calls go to
-  /// `tasks`.
+  /// Called in the order of arrival, by one thread at a time. Must not wait: it adds handler calls
+  /// to `tasks`.
   virtual void received(Received message, const Endpoint& from, Tasks& tasks) = 0;
 };
 
-/// Takes datagrams apart, reassembles segments and runs the handlers. A thread holds the lock only
-/// until it has handed the messages on; it runs the handlers without the lock, so that another
-/// thread can receive meanwhile.
+/// Splits datagrams, reassembles segments and runs the handlers. A thread holds the lock only until
+/// it has handed the messages on. It runs the handlers without the lock, so that another thread can
+/// receive meanwhile.
 class Udp_receiver final : public Readable, public std::enable_shared_from_this<Udp_receiver> {
  public:
   Udp_receiver(std::shared_ptr<Udp_socket> socket,
@@ -40,20 +40,20 @@ class Udp_receiver final : public Readable, public std::enable_shared_from_this<
                Counters& counters,
                Log& log);
 
-  /// Has the workers receive, as one of the many descriptors that they wait for.
+  /// Lets the workers receive: the socket is one of the many descriptors for which they wait.
   void open();
-  /// Starts two threads that wait in the socket side by side: they are awake sooner than a worker.
-  /// The one that the kernel wakes takes the datagram. It runs the handler itself if the other one
-  /// is in none, and leaves the handler to a worker otherwise: so one thread always receives. Same
-  /// as open() when no thread can be started.
+  /// Starts two threads that wait in the socket side by side; they wake sooner than a worker. The
+  /// kernel wakes one of them, which takes the datagram. It runs the handler itself if the other
+  /// thread runs none. Otherwise it leaves the handler to a worker, so that one thread always
+  /// receives. Does the same as open() if no thread can be started.
   void open_with_threads();
-  /// No message is handed on after it returns; handlers may still run.
+  /// Hands on no message after its return; handlers may still run.
   void close();
 
   void on_readable() override;
 
  private:
-  /// What has to be done once the lock is released.
+  /// The work to do after the lock is released.
   struct Harvest {
     Tasks tasks;
     std::optional<Endpoint> malformed_from;
@@ -62,7 +62,7 @@ class Udp_receiver final : public Readable, public std::enable_shared_from_this<
   static constexpr int threads = 2;
 
   void receive_in_thread();
-  /// False once the receiver is closed.
+  /// Returns false once the receiver is closed.
   [[nodiscard]] bool receive_one(Buffer& buffer, Harvest& harvest);
   /// Returns the number of datagrams.
   [[nodiscard]] std::size_t receive_batch(Harvest& harvest);
@@ -79,8 +79,8 @@ class Udp_receiver final : public Readable, public std::enable_shared_from_this<
   Counters& counters_;
   Log& log_;
 
-  /// Own threads that are in no handler. Decremented under the lock only, so that it never reaches
-  /// 0; relaxed, because it orders nothing else.
+  /// Own threads that run no handler. Decremented only under the lock, so that it never reaches 0.
+  /// Relaxed, because it orders nothing else.
   std::atomic<int> receiving_{0};
   std::mutex mutex_;  ///< keeps the order of datagrams; guards the members below
   bool open_ = false;

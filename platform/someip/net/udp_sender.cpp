@@ -11,8 +11,8 @@ namespace someip {
 
 namespace {
 
-/// A message, or a segment of one, copied into one piece: the kernel needs longer for two pieces
-/// than the copy takes.
+/// A message or a segment, copied into one piece: the kernel needs more time for two pieces than
+/// the copy takes.
 class Datagram {
  public:
   Datagram(Bytes head, Bytes rest) : size_(head.size() + rest.size()) {

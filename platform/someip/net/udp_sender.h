@@ -1,4 +1,4 @@
-/// The sending half of a UDP port, also used by the segment shaper.
+/// The sending half of a UDP port; the segment shaper uses it too.
 #pragma once
 
 #include <cstddef>
@@ -22,9 +22,9 @@ class Udp_sender {
 
   /// Sends a message that fits into one datagram to each destination. Sets `header.length`.
   void send(const Header& header, Bytes payload, std::span<const Socket_address> to);
-  /// Sends at most `segments` segments of a message, starting at `offset` of its payload; a message
-  /// that fits into one datagram is sent whole. Returns the offset that follows. When a segment
-  /// cannot be sent, the rest is dropped and the end of the payload is returned.
+  /// Sends at most `segments` segments of a message, starting at `offset` of its payload. A message
+  /// that fits into one datagram is sent whole. Returns the offset that follows. If a segment
+  /// cannot be sent, drops the rest and returns the end of the payload.
   std::size_t send_part(const Header& header,
                         Bytes payload,
                         std::size_t offset,

@@ -65,9 +65,9 @@ ipv6_mreq membership_v6(const Address& group, const Address& own) {
   return request;
 }
 
-// The calls on the path of a notification are made directly: the C library's are points where
-// a thread may be cancelled, which nobody does here and which costs two atomic operations each. Who
-// looks on, the sanitizers and the network of fuzz/, sees only the C library's.
+// The calls on the path of a notification bypass the C library. Its functions are points where a
+// thread may be cancelled; no thread here ever is, and they cost two atomic operations each. The
+// sanitizers and the network of fuzz/ see only the C library's functions.
 #ifdef SOMEIP_CALLS_ARE_WATCHED
 constexpr bool direct = false;
 #else
@@ -87,7 +87,7 @@ ssize_t receive_message(int descriptor, msghdr& message, int flags) {
                 : ::recvmsg(descriptor, &message, flags);
 }
 
-/// A datagram's message header with all that it refers to.
+/// A datagram's message header with all its parts.
 class Incoming {
  public:
   void expect(Udp_socket::Arrival& arrival, msghdr& header) {
@@ -154,13 +154,13 @@ Udp_socket::Udp_socket(const Address& like)
     : descriptor_(::socket(
           like.is_v4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
   if (descriptor_ < 0) {
-    const auto error = last_error();  // before the text, which may change errno
+    const auto error = last_error();  // taken before the text, which may change errno
     throw std::system_error(error, "cannot open a UDP socket for " + like.to_string());
   }
-  // A burst of segments should fit while the workers are busy; the kernel caps it.
+  // A burst of segments should fit while the workers are busy; the kernel limits the size.
   const int receive_buffer = 4 * 1024 * 1024;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_RCVBUF, receive_buffer));
-  // A kernel that does not know this leaves the arrival of datagrams unknown.
+  // An older kernel ignores this; the arrival of datagrams is then unknown.
   const int on = 1;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_TIMESTAMPNS, on));
 }
@@ -179,7 +179,7 @@ void Udp_socket::set_blocking() {
 }
 
 void Udp_socket::end_receiving() {
-  // Says that the socket is not connected, and wakes the waiting all the same.
+  // Reports that the socket is not connected, and still wakes the waiting threads.
   ::shutdown(descriptor_, SHUT_RD);
 }
 
@@ -232,8 +232,8 @@ std::error_code Udp_socket::send(Bytes datagram, const Socket_address& to) const
   for (int attempts = 3;;) {
     if (send_to(descriptor_, datagram, to) >= 0) return {};
     if (errno == EINTR) continue;
-    // With keep_errors() the error of an earlier datagram, to somebody else, is reported first,
-    // once.
+    // With keep_errors() the call first reports, once, the error of an earlier datagram to another
+    // destination.
     if (--attempts == 0 || errno == EAGAIN || errno == ENOBUFS) return last_error();
   }
 }
@@ -261,8 +261,8 @@ std::size_t Udp_socket::receive(std::span<Arrival> arrivals) const {
   for (std::size_t i = 0; i < most; ++i)
     incoming[i].expect(arrivals[i], messages[i].msg_hdr);
   int count = -1;
-  // The kernel reports the error of an earlier send (a closed port) here, once, instead of a
-  // datagram. Only EAGAIN means that the socket is empty.
+  // Instead of a datagram, the kernel reports here, once, the error of an earlier send (a closed
+  // port). Only EAGAIN means that the socket is empty.
   do {
     count = ::recvmmsg(descriptor_, messages.data(), static_cast<unsigned>(most), MSG_DONTWAIT,
                        nullptr);

@@ -1,4 +1,4 @@
-/// A UDP socket as the hot path needs it: sending never waits.
+/// A UDP socket for the hot path: sending never waits.
 #pragma once
 
 #include <netinet/in.h>
@@ -16,7 +16,7 @@
 
 namespace someip {
 
-/// An endpoint in the form that the kernel takes.
+/// An endpoint in the form that the kernel accepts.
 class Socket_address {
  public:
   Socket_address() = default;
@@ -39,7 +39,7 @@ class Socket_address {
 /// at a time.
 class Udp_socket {
  public:
-  /// Opens for the address family of `like`. Throws std::system_error.
+  /// Opens a socket for the address family of `like`. Throws std::system_error.
   explicit Udp_socket(const Address& like);
   ~Udp_socket();
   Udp_socket(const Udp_socket&) = delete;
@@ -51,24 +51,23 @@ class Udp_socket {
   void set_blocking();
   /// Ends each wait(), present and future. Thread-safe.
   void end_receiving();
-  /// An address that no interface has yet can be bound: the network may come up later.
+  /// Allows binding an address without an interface: the network may come up later.
   void allow_missing_address();
-  /// Errors that come back from the network wait in the socket's error queue, with the destination
-  /// that they are about. To be called once bound.
+  /// Keeps errors from the network in the socket's error queue, each with its destination. Call it
+  /// after binding.
   void keep_errors();
   [[nodiscard]] std::error_code bind(const Endpoint& endpoint);
   [[nodiscard]] Endpoint local() const;
-  /// Multicast goes out, and is joined, on the interface that owns `own`.
+  /// Sends and joins multicast on the interface that owns `own`.
   [[nodiscard]] std::error_code multicast_from(const Address& own);
   [[nodiscard]] std::error_code join(const Address& group, const Address& own);
-  /// Also when the interface that was joined on is gone.
+  /// Works even if the interface of the membership is gone.
   void leave(const Address& group, const Address& own);
 
-  /// EAGAIN when the socket's buffer is full.
+  /// Returns EAGAIN if the socket's buffer is full.
   [[nodiscard]] std::error_code send(Bytes datagram, const Socket_address& to) const;
-  /// After set_blocking(): waits until a datagram or an error is there, and leaves the datagram in
-  /// the socket. Each arrival wakes one of the threads that wait. Returns at once after
-  /// end_receiving().
+  /// After set_blocking(): waits for a datagram or an error, and leaves the datagram in the socket.
+  /// Each arrival wakes one of the waiting threads. Returns at once after end_receiving().
   void wait() const;
 
   /// Room for a datagram in two pieces, and the datagram.
@@ -78,7 +77,7 @@ class Udp_socket {
     std::size_t size = 0;
     Arrival_time time = {};
   };
-  /// Receives one datagram; never waits. Returns false when there is none or for the error of an
+  /// Receives one datagram; never waits. Returns false if there is none or for the error of an
   /// earlier send.
   [[nodiscard]] bool receive(Arrival& arrival) const;
   static constexpr std::size_t max_arrivals = 8;

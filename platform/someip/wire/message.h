@@ -1,4 +1,4 @@
-/// The header in front of every SOME/IP message, and the way from a datagram to the messages in it.
+/// The header of every SOME/IP message, and the split of a datagram into its messages.
 #pragma once
 
 #include <array>
@@ -33,13 +33,14 @@ enum class Return_code : std::uint8_t {
 };
 
 inline constexpr std::size_t header_size = 16;
-/// What the length field counts before the payload: everything from the request id on.
+/// The part of the length field before the payload: everything from the request id on.
 inline constexpr std::uint32_t length_before_payload = 8;
 inline constexpr std::uint8_t protocol_version = 1;
 /// Set in the message type of a segment.
 inline constexpr std::uint8_t segment_flag = 0x20;
 
-/// Message types and return codes stay as they came: what a peer sends need not be one of ours.
+/// A message's header. Message types and return codes keep the received value: a peer may send one
+/// that is unknown here.
 struct Header {
   std::uint16_t service = 0;
   std::uint16_t method = 0;
@@ -60,27 +61,26 @@ struct Header {
 
 using Header_bytes = std::array<std::byte, header_size>;
 
-/// Empty when `bytes` is shorter than a header. Nothing else is judged here.
+/// Empty if `bytes` is shorter than a header. Makes no other check.
 [[nodiscard]] std::optional<Header> read_header(Bytes bytes);
 void write_header(const Header& header, std::byte* at);
 /// The header's bytes, with the length set for a payload of `payload_size`.
 [[nodiscard]] Header_bytes header_bytes(Header header, std::size_t payload_size);
 
-/// One message inside a buffer that somebody else owns.
+/// A message inside a buffer with another owner.
 struct Message_view {
   Header header;
   Bytes payload;
 };
 
-/// Splits a datagram into the messages that it carries (someip_319).
+/// Splits a datagram into its messages (someip_319).
 class Datagram_reader {
  public:
   explicit Datagram_reader(Bytes datagram) : rest_(datagram) {}
 
   /// The next message; empty at the end, and at the first message that does not fit.
   [[nodiscard]] std::optional<Message_view> next();
-  /// True once bytes were found that are no message: a cut header, or a length below 8 or beyond
-  /// the end.
+  /// True after bytes that are no message: a cut header, or a length below 8 or beyond the end.
   [[nodiscard]] bool malformed() const { return malformed_; }
 
  private:

@@ -73,7 +73,7 @@ Reassembler::Result Reassembler::add(const Endpoint& peer,
       return broken();
     }
   } else {
-    if (offset != 0) return Result::broken;  // its beginning was lost
+    if (offset != 0) return Result::broken;  // the beginning was lost
     if (train != trains_.end()) {
       trains_.erase(train);
       ++abandoned_;

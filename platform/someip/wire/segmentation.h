@@ -1,4 +1,4 @@
-/// SOME/IP-TP: messages too long for one datagram travel as a train of segments.
+/// SOME/IP-TP: a message too long for one datagram is sent as a train of segments.
 #pragma once
 
 #include <array>
@@ -15,14 +15,13 @@
 
 namespace someip {
 
-/// Longest payload that travels in one datagram.
+/// Longest payload of one datagram.
 inline constexpr std::size_t max_datagram_payload = 1400;
 /// Payload of every segment but the last.
 inline constexpr std::size_t max_segment_payload = 1392;
 inline constexpr std::size_t segment_header_size = 4;
 
-/// Header and segment header of the segment that starts at `offset` of a payload of `total` bytes,
-/// and the part of the payload that it carries.
+/// A segment: the header and segment header at an offset of a payload, and its part of the payload.
 struct Segment {
   std::array<std::byte, header_size + segment_header_size> head;
   Bytes part;
@@ -36,22 +35,22 @@ struct Segment {
 template <class Send>
 bool for_each_segment(Header header, Bytes payload, Send&& send);
 
-/// Puts trains together again. Segments must arrive in order; a gap, an overlap or a header that
-/// changes drops the whole train, a train of a later session of the same sender and message
-/// replaces one that never ended, and a train that stands still is dropped after a while, even when
-/// its rest comes at last. Not thread-safe.
+/// Reassembles trains of segments. Segments must arrive in order. A gap, an overlap or a changed
+/// header drops the whole train. A train of a later session of the same sender and message replaces
+/// an unfinished one. A train that stands still is dropped after a while, even if its rest finally
+/// arrives. Not thread-safe.
 class Reassembler {
  public:
   explicit Reassembler(const Limits& limits) : limits_(limits) {}
 
   enum class Result : std::uint8_t {
-    incomplete,  ///< taken, more to come
+    incomplete,  ///< accepted, more to come
     complete,    ///< take() gives the message
-    broken,      ///< dropped, with the train that it belonged to
+    broken,      ///< dropped, together with its train
     refused,     ///< dropped: a bound was reached
   };
 
-  /// `header` and `payload` are those of the segment; the payload begins with the segment header.
+  /// `header` and `payload` are those of the segment. The payload begins with the segment header.
   [[nodiscard]] Result add(const Endpoint& peer, const Header& header, Bytes payload, Time now);
 
   struct Message {
@@ -61,10 +60,10 @@ class Reassembler {
   /// The message that the last add() completed.
   [[nodiscard]] Message take() { return std::move(complete_); }
 
-  /// Drops the trains of a peer that has restarted.
+  /// Drops the trains of a peer that has rebooted.
   void forget(const Address& peer);
   [[nodiscard]] std::size_t trains() const { return trains_.size(); }
-  /// Trains that were dropped because they stood still or were replaced, since the last call.
+  /// The number of trains dropped since the last call, because they stood still or were replaced.
   [[nodiscard]] std::size_t take_abandoned();
 
  private:

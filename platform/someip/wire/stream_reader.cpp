@@ -26,8 +26,8 @@ void Stream_reader::append(Bytes received) {
 bool Stream_reader::find_cookie() {
   static const Header_bytes client_cookie = magic_cookie(true);
   static const Header_bytes server_cookie = magic_cookie(false);
-  // One pass for both cookies: a pass for each would read the rest of the stream anew for every
-  // cookie of the other kind.
+  // One pass for both cookies: with a pass for each, every cookie of one kind would cause a new
+  // pass over the rest of the stream for the other kind.
   const auto begins_cookie = [](const std::byte* at) {
     return std::memcmp(at, client_cookie.data(), header_size) == 0 ||
            std::memcmp(at, server_cookie.data(), header_size) == 0;
@@ -37,7 +37,7 @@ bool Stream_reader::find_cookie() {
     begin_ = at;
     return true;
   }
-  // A cookie may have begun in the last bytes.
+  // A cookie may begin in the last bytes.
   begin_ = std::max(begin_, buffer_.size() - std::min(buffer_.size(), header_size - 1));
   return false;
 }
@@ -58,7 +58,7 @@ std::optional<Message_view> Stream_reader::next() {
         header->protocol != protocol_version) {
       ++resynchronisations_;
       searching_ = true;
-      ++begin_;  // whatever begins here is no cookie
+      ++begin_;  // no cookie begins here
       continue;
     }
     if (rest.size() < size) return std::nullopt;

@@ -1,5 +1,4 @@
-/// SOME/IP over TCP: messages of any fraction out of a byte stream, and the magic cookies between
-/// them.
+/// SOME/IP over TCP: messages from a byte stream cut anywhere, and the magic cookies between them.
 #pragma once
 
 #include <cstddef>
@@ -10,23 +9,23 @@
 
 namespace someip {
 
-/// The cookie that marks a message boundary (someip_609); `from_client` is the direction.
+/// The cookie that marks a message boundary (someip_609). `from_client` is the direction.
 [[nodiscard]] Header_bytes magic_cookie(bool from_client);
 
-/// Collects received bytes and gives out whole messages. After bytes that cannot be a header the
-/// stream is searched for the next magic cookie; what lies between is dropped and counted.
+/// Collects received bytes and returns whole messages. After bytes that cannot be a header,
+/// searches the stream for the next magic cookie. Drops the bytes in between and counts the search.
 class Stream_reader {
  public:
   /// `max_message` bounds one message, header included.
   explicit Stream_reader(std::size_t max_message) : max_message_(max_message) {}
 
   void append(Bytes received);
-  /// The next whole message, valid until the next append(). Cookies are taken out silently.
+  /// The next whole message, valid until the next append(). Skips cookies silently.
   [[nodiscard]] std::optional<Message_view> next();
 
-  /// Times that the stream had to be searched for a cookie.
+  /// The number of searches for a cookie.
   [[nodiscard]] std::size_t resynchronisations() const { return resynchronisations_; }
-  /// Bytes held for a message that is not complete.
+  /// Bytes held for an incomplete message.
   [[nodiscard]] std::size_t held() const { return buffer_.size() - begin_; }
 
  private:
@@ -34,7 +33,7 @@ class Stream_reader {
 
   std::size_t max_message_;
   std::vector<std::byte> buffer_;
-  std::size_t begin_ = 0;  ///< of what has not been given out
+  std::size_t begin_ = 0;  ///< of the bytes not yet returned
   bool searching_ = false;
   std::size_t resynchronisations_ = 0;
 };

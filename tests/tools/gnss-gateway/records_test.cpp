@@ -1,14 +1,15 @@
-#include "tools/gnss-gateway/Records.h"
-
 #include <gmock/gmock.h>
 
 #include "tests/clients/printing.h"
+#include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
 namespace {
 
 using namespace std::chrono_literals;
+using namespace lumo::services::gnss::datatypes;
 using binding::Value_type;
+using lumo::services::Position_type;
 
 constexpr Context context{
     .message_counter = 7, .precise_local_time = 12s + 345'678'901ns, .update_rate_hz = 10U};
@@ -30,8 +31,8 @@ nmea::Fix told_fix() {
 TEST(Records, a_fix_of_a_receiver_travels_as_both_types_with_what_it_told) {
   const auto notification = to_notification(told_fix(), context);
   ASSERT_EQ(notification.positions.size(), 2U);
-  EXPECT_EQ(notification.positions[0].positionType, 1U);
-  EXPECT_EQ(notification.positions[1].positionType, 2U);
+  EXPECT_EQ(notification.positions[0].positionType, Position_type::gnss);
+  EXPECT_EQ(notification.positions[1].positionType, Position_type::gnss_dr);
   for (const auto& record : notification.positions) {
     EXPECT_EQ(record.messageCounter, 7U);
     EXPECT_EQ(record.preciseLocalTimeSeconds, 12U);
@@ -51,8 +52,8 @@ TEST(Records, a_fix_of_a_receiver_travels_as_both_types_with_what_it_told) {
   EXPECT_EQ(quality.hDOP, 0.9F);
   EXPECT_EQ(quality.satsInUse, 8U);
   EXPECT_EQ(quality.updateRateGNSS, 10U);
-  EXPECT_EQ(quality.statusReceiverMode, 2U);
-  EXPECT_EQ(quality.statusFixType, 3U);
+  EXPECT_EQ(quality.statusReceiverMode, Receiver_mode::navigating);
+  EXPECT_EQ(quality.statusFixType, Fix_type::three_dimensional);
   EXPECT_FALSE(quality.satsInView || quality.satsInView_valueType || quality.satsInViewGPS);
   EXPECT_FALSE(notification.satellites);
 }
@@ -69,8 +70,8 @@ TEST(Records, what_the_receiver_marks_as_unusable_carries_error) {
     EXPECT_EQ(record.speed2D_valueType, Value_type::error);
     EXPECT_EQ(record.preciseLocalTimeSeconds_valueType, Value_type::physical_value);
   }
-  EXPECT_EQ(notification.quality.at(0).statusFixType, 0U);
-  EXPECT_EQ(notification.quality.at(0).statusReceiverMode, 1U);
+  EXPECT_EQ(notification.quality.at(0).statusFixType, Fix_type::none);
+  EXPECT_EQ(notification.quality.at(0).statusReceiverMode, Receiver_mode::acquiring);
 }
 
 TEST(Records, a_course_is_a_heading_only_in_motion_and_a_measured_heading_always) {
@@ -131,13 +132,13 @@ TEST(Records, the_fix_type_follows_quality_and_dimension) {
     fix.*member = value;
     return to_notification(fix, context).quality.at(1).statusFixType;
   };
-  EXPECT_EQ(status(&nmea::Fix::dimension, nmea::Fix_dimension::two), 2U);
-  EXPECT_EQ(status(&nmea::Fix::altitude_msl, std::nullopt), 2U);
+  EXPECT_EQ(status(&nmea::Fix::dimension, nmea::Fix_dimension::two), Fix_type::two_dimensional);
+  EXPECT_EQ(status(&nmea::Fix::altitude_msl, std::nullopt), Fix_type::two_dimensional);
   using enum nmea::Fix_quality;
-  EXPECT_EQ(status(&nmea::Fix::quality, differential), 4U);
-  EXPECT_EQ(status(&nmea::Fix::quality, rtk_float), 5U);
-  EXPECT_EQ(status(&nmea::Fix::quality, rtk_fixed), 6U);
-  EXPECT_EQ(status(&nmea::Fix::quality, estimated), 1U);
+  EXPECT_EQ(status(&nmea::Fix::quality, differential), Fix_type::differential);
+  EXPECT_EQ(status(&nmea::Fix::quality, rtk_float), Fix_type::rtk_float);
+  EXPECT_EQ(status(&nmea::Fix::quality, rtk_fixed), Fix_type::rtk_fixed);
+  EXPECT_EQ(status(&nmea::Fix::quality, estimated), Fix_type::dead_reckoning);
 }
 
 TEST(Records, satellites_are_listed_and_counted_by_system) {
@@ -152,12 +153,12 @@ TEST(Records, satellites_are_listed_and_counted_by_system) {
   EXPECT_EQ(list[0].satelliteId, 4U);
   EXPECT_EQ(list[0].elevation, 40.0F);
   EXPECT_EQ(list[0].carrierToNoise_valueType, Value_type::physical_value);
-  EXPECT_EQ(list[0].usage, 2U);
+  EXPECT_EQ(list[0].usage, Satellite_usage::in_solution);
   EXPECT_FALSE(list[1].elevation || list[1].elevation_valueType);
-  EXPECT_EQ(list[1].usage, 0U);
-  EXPECT_EQ(list[2].gnssSystem, 5U);
-  EXPECT_EQ(list[2].usage, 1U);
-  EXPECT_EQ(list[3].usage, 0U) << "a signal of 0 is not tracked";
+  EXPECT_EQ(list[1].usage, Satellite_usage::in_view);
+  EXPECT_EQ(list[2].gnssSystem, Gnss_system::other);
+  EXPECT_EQ(list[2].usage, Satellite_usage::tracked);
+  EXPECT_EQ(list[3].usage, Satellite_usage::in_view) << "a signal of 0 is not tracked";
   const auto& quality = notification.quality.at(0);
   EXPECT_EQ(quality.satsInViewGPS, std::uint8_t{2});
   EXPECT_EQ(quality.satsInUseGPS, std::uint8_t{1});
@@ -195,8 +196,8 @@ TEST(Records, in_the_tunnel_of_the_drive_only_dead_reckoning_has_a_position) {
     ASSERT_EQ(reckoned.LAT, sample.latitude);
     ASSERT_EQ(reckoned.LAT_valueType, Value_type::physical_value);
     ASSERT_EQ(reckoned.yawAngle, static_cast<float>(sample.heading));
-    ASSERT_EQ(notification.quality.at(0).statusFixType == 0U, blind);
-    ASSERT_EQ(notification.quality.at(1).statusFixType == 1U, blind);
+    ASSERT_EQ(notification.quality.at(0).statusFixType == Fix_type::none, blind);
+    ASSERT_EQ(notification.quality.at(1).statusFixType == Fix_type::dead_reckoning, blind);
   }
   EXPECT_GE(blind_time, 20s);
 }

@@ -1,4 +1,4 @@
-/// Types of the communication API that proxies and skeletons share.
+/// Types of the communication API, shared by proxies and skeletons.
 #pragma once
 
 #include <atomic>
@@ -15,7 +15,7 @@
 
 namespace ara::com {
 
-/// Number of one instance of a service; its text is the decimal number.
+/// Number of an instance of a service. Its text is the decimal number.
 class InstanceIdentifier {
  public:
   explicit InstanceIdentifier(std::uint16_t id) : id_{id} {}
@@ -30,7 +30,7 @@ class InstanceIdentifier {
 template <class Handle>
 using ServiceHandleContainer = std::vector<Handle>;
 
-/// Names a running search, to stop it.
+/// Identifies a running search, so that the caller can stop it.
 struct FindServiceHandle {
   tq::com::Find_token token;
 };
@@ -43,20 +43,20 @@ using EventReceiveHandler = std::function<void()>;
 enum class SubscriptionState : std::uint8_t { kSubscribed, kNotSubscribed, kSubscriptionPending };
 using SubscriptionStateChangeHandler = std::function<void(SubscriptionState)>;
 
-/// A place in the cache of an event for one sample, filled again and again.
+/// A slot in the cache of an event: holds one sample and is filled again and again.
 template <class Sample>
 struct SampleSlot {
-  /// So much room a list keeps for the next notification; above it, its memory is given back. Many
-  /// times what any list here usually needs, and little beside what a single message may: an empty
-  /// record of four bytes on the wire takes hundreds in memory.
+  /// A list keeps at most this much memory for the next notification and gives the rest back. This
+  /// is many times the usual need of any list here, and little beside the bound of a single
+  /// message: an empty record of four bytes on the wire takes hundreds in memory.
   static constexpr std::size_t kMostKeptBytes = std::size_t{64} * 1024;
 
   Sample value{};
-  std::atomic<bool> taken{false};  ///< waits, or the application holds it
+  std::atomic<bool> taken{false};  ///< the sample waits, or the application holds it
 
   void release() noexcept {
     trim();
-    // Release: the next who fills the slot does so after everything that was read from it.
+    // Release: the next thread that fills the slot does so after every read from it.
     taken.store(false, std::memory_order_release);
   }
   void trim() noexcept {
@@ -69,7 +69,7 @@ struct SampleSlot {
   [[gnu::cold, gnu::noinline]] void give_back() noexcept { Sample{}.swap(value); }
 };
 
-/// Gives the slot of a sample back to the cache that it belongs to.
+/// Gives the slot of a sample back to its cache.
 template <class Sample>
 struct SampleReturn {
   std::shared_ptr<void> cache;
@@ -77,13 +77,12 @@ struct SampleReturn {
   void operator()(const Sample*) const noexcept { slot->release(); }
 };
 
-/// A received sample, never shared. The slot it occupies returns to the event's cache when it is
-/// destroyed, which may outlive the proxy.
+/// A received sample, never shared. Its destruction returns the slot to the event's cache. The
+/// sample may outlive the proxy.
 template <class Sample>
 using SamplePtr = std::unique_ptr<const Sample, SampleReturn<Sample>>;
 
-/// A method call that failed: the provider's return code, or the runtime's for one that never
-/// arrived.
+/// A failed method call: the provider's return code, or the runtime's when no response arrived.
 class ServiceError : public std::runtime_error {
  public:
   explicit ServiceError(tq::com::Return_code code);
@@ -93,7 +92,7 @@ class ServiceError : public std::runtime_error {
   tq::com::Return_code code_;
 };
 
-/// Such as "E_UNKNOWN_METHOD (0x03)".
+/// The code as text, such as "E_UNKNOWN_METHOD (0x03)".
 [[nodiscard]] std::string ToString(tq::com::Return_code code);
 
 }  // namespace ara::com

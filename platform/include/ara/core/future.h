@@ -1,4 +1,4 @@
-/// Results that arrive later: what method calls and asynchronous tasks of the platform return.
+/// Results that arrive later: method calls and asynchronous tasks of the platform return them.
 #pragma once
 
 #include <chrono>
@@ -10,7 +10,7 @@ namespace ara::core {
 
 enum class future_status { ready, timeout };
 
-/// The receiving end. Movable, not copyable; one thread at a time.
+/// The receiving end. Movable, not copyable; used by one thread at a time.
 template <typename T>
 class Future {
  public:
@@ -19,14 +19,14 @@ class Future {
 
   /// False for a default-constructed future and after get().
   [[nodiscard]] bool valid() const noexcept { return future_.valid(); }
-  /// Waits for the result and takes it; throws what the sending end set as exception, and
-  /// std::future_error (broken_promise) when the sending end is gone without a result.
+  /// Waits for the result and takes it. Throws the exception that the sending end has set, or
+  /// std::future_error (broken_promise) if the sending end was destroyed without a result.
   T get() { return future_.get(); }
   void wait() const { future_.wait(); }
 
   template <typename Rep, typename Period>
   [[nodiscard]] future_status wait_for(const std::chrono::duration<Rep, Period>& time) const {
-    // A deferred std::future never gets ready by waiting; none is made by Promise.
+    // Waiting never makes a deferred std::future ready; Promise makes none.
     return future_.wait_for(time) == std::future_status::ready ? future_status::ready
                                                                : future_status::timeout;
   }
@@ -44,7 +44,7 @@ class Future {
   std::future<T> future_;
 };
 
-/// The sending end. set_value or set_exception once; a second time throws std::future_error.
+/// The sending end. Call set_value or set_exception once: a second call throws std::future_error.
 template <typename T>
 class Promise {
  public:

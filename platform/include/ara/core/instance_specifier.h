@@ -1,5 +1,5 @@
-/// The name under which an integrator configures one instance of something: a service, a storage
-/// port, a supervised application.
+/// The name under which an integrator configures a service instance, a storage port or a supervised
+/// application.
 #pragma once
 
 #include <algorithm>
@@ -11,11 +11,11 @@
 
 namespace ara::core {
 
-/// A checked string: one or more short names joined by '/'. A short name starts with a letter and
-/// goes on with letters, digits and underscores; the whole has at most 255 characters.
+/// A checked string of one or more short names joined by '/'. A short name starts with a letter,
+/// followed by letters, digits and underscores. The whole has at most 255 characters.
 class InstanceSpecifier {
  public:
-  /// Throws std::invalid_argument that quotes the text and says what is wrong with it.
+  /// Throws std::invalid_argument, which quotes the text and names the mistake.
   explicit InstanceSpecifier(std::string_view text) : text_(text) { Check(text); }
 
   [[nodiscard]] const std::string& ToString() const { return text_; }

@@ -1,4 +1,4 @@
-/// Tells execution management where the application stands in its life.
+/// Reports the application's execution state to execution management.
 #pragma once
 
 #include <cstdint>
@@ -15,15 +15,15 @@ enum class ApplicationState : std::uint8_t {
 class ApplicationClient {
  public:
   ApplicationClient();
-  /// Waits a quarter of a second at most for a report under way.
+  /// Waits at most a quarter of a second for a report under way.
   ~ApplicationClient();
   ApplicationClient(const ApplicationClient&) = delete;
   ApplicationClient& operator=(const ApplicationClient&) = delete;
 
-  /// Does not wait. An execution management that does not read gets the report within 30 s,
-  /// unless a newer one has replaced it. Without an execution management (a program started by
-  /// hand) nothing happens; a report that cannot be delivered is logged as a warning. Any thread
-  /// may call. Never throws.
+  /// Reports `state` without waiting. An execution management that does not read receives the
+  /// report within 30 s, unless a newer report has replaced it. Without an execution management (a
+  /// program started by hand) nothing happens. A report that cannot be delivered is logged as a
+  /// warning. Any thread may call. Never throws.
   void ReportApplicationState(ApplicationState state) const noexcept;
 
  private:

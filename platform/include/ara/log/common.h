@@ -6,7 +6,7 @@
 
 namespace ara::log {
 
-/// A context at level L writes the messages of L and of everything more severe (smaller numbers).
+/// A context at level L writes the messages of L and of every more severe level (smaller number).
 enum class LogLevel : std::uint8_t {
   kOff = 0,
   kFatal = 1,
@@ -17,9 +17,9 @@ enum class LogLevel : std::uint8_t {
   kVerbose = 6,
 };
 
-/// Where messages go; bits, joined by |.
+/// Destinations of messages. The values are bits, joined by |.
 enum class LogMode : std::uint8_t {
-  kRemote = 1,   ///< DLT daemon; standard error while no daemon is there
+  kRemote = 1,   ///< DLT daemon; standard error while there is no daemon
   kConsole = 4,  ///< standard error
 };
 

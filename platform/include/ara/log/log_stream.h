@@ -1,4 +1,4 @@
-/// One log message while it is being put together.
+/// One log message under construction.
 #pragma once
 
 #include <array>
@@ -22,7 +22,7 @@ struct Hex {
 };
 
 /// Logs an unsigned number as hexadecimal digits: lower case, no prefix, no leading zeros. The
-/// argument is a text, so every receiver shows the same.
+/// argument is a text, so every receiver shows the same digits.
 template <std::unsigned_integral T>
 [[nodiscard]] constexpr Hex HexFormat(T value) {
   return Hex{value};
@@ -32,20 +32,20 @@ template <std::signed_integral T>
   return Hex{static_cast<std::make_unsigned_t<T>>(value)};
 }
 
-/// Each << adds one typed argument; the end of the stream's life sends the message. Made by the
-/// Log… functions of Logger only, used by one thread, neither copied nor moved:
+/// One log message: each << adds a typed argument, the stream's destructor sends the message. Only
+/// the Log… functions of Logger make a stream. One thread uses it; it is neither copied nor moved:
 ///
 ///     logger.LogInfo() << "Got entry " << key << "=" << value;
 ///
-/// The stream of a disabled level looks at none of its arguments. A message longer than one DLT
-/// message can carry (1390 bytes with argument headers) is sent in parts: each part but the last
-/// ends with the argument "[continues]", each but the first begins with "[continued]". Past 64 KiB
-/// the rest is dropped and the message ends with the argument "[truncated]".
+/// A stream of a disabled level ignores its arguments. A message longer than one DLT message can
+/// carry (1390 bytes with argument headers) is sent in parts: each part but the last ends with the
+/// argument "[continues]", each but the first begins with "[continued]". Past 64 KiB the rest is
+/// dropped and the message ends with the argument "[truncated]".
 ///
-/// Nothing here throws; what cannot be sent (no memory) is dropped.
+/// Nothing here throws. A message that cannot be sent (no memory) is dropped.
 class LogStream {
  public:
-  /// `logger` null: the level is off.
+  /// A null `logger` means that the level is off.
   LogStream(const Logger* logger, LogLevel level) noexcept : logger_(logger), level_(level) {}
   ~LogStream() {
     if (logger_ != nullptr) Send();
@@ -57,7 +57,7 @@ class LogStream {
     if (logger_ != nullptr) AddBool(value);
     return *this;
   }
-  /// A char is a text of one character; the other integers are numbers.
+  /// A char is a text of one character. The other integers are numbers.
   LogStream& operator<<(char value) noexcept { return *this << std::string_view(&value, 1); }
   template <std::signed_integral T>
   LogStream& operator<<(T value) noexcept {
@@ -93,10 +93,10 @@ class LogStream {
     if (logger_ != nullptr) AddHex(value.value);
     return *this;
   }
-  /// A pointer would otherwise be logged as a bool.
+  /// Deleted: a pointer would otherwise be logged as a bool.
   LogStream& operator<<(const void*) = delete;
 
-  /// Whether anything that is added will be written: lets a caller skip costly arguments.
+  /// True if the arguments will be written. Lets a caller skip costly arguments.
   [[nodiscard]] bool IsEnabled() const noexcept { return logger_ != nullptr; }
 
  private:
@@ -109,7 +109,7 @@ class LogStream {
   void AddHex(std::uint64_t value) noexcept;
   void AddInteger(std::uint32_t type, std::uint64_t value, std::size_t size) noexcept;
   void AddNumber(std::uint32_t type, const void* value, std::size_t size) noexcept;
-  /// Where the next argument of `size` bytes goes; null when there is no memory for it.
+  /// Returns the place of the next argument of `size` bytes, null if there is no memory for it.
   char* Extend(std::size_t size) noexcept;
   void Send() noexcept;
 
@@ -118,11 +118,11 @@ class LogStream {
   bool truncated_ = false;
   std::size_t used_ = 0;
   std::size_t count_ = 0;
-  /// The arguments in the form that platform/linux/log reads: here while they fit, else in
+  /// The arguments in the form that platform/linux/log reads: in inline_ while they fit, then in
   /// overflow_.
   std::unique_ptr<std::string> overflow_;
   std::array<char, 1024>
-      inline_;  // NOLINT: left uninitialised on purpose, a message fills what it needs
+      inline_;  // NOLINT: left uninitialised on purpose, a message fills as much as it needs
 };
 
 }  // namespace ara::log

@@ -1,5 +1,5 @@
-/// Log contexts. An application calls InitLogging once, before it starts threads, and each part of
-/// it creates the logger of its own context.
+/// Log contexts. An application calls InitLogging once, before it starts threads. Each part of the
+/// application creates the logger of its own context.
 #pragma once
 
 #include <atomic>
@@ -12,32 +12,31 @@
 
 namespace ara::log {
 
-struct Context;  // platform/linux/log
+struct Context;  // defined in platform/linux/log
 
-/// Names the application (1 to 4 characters) and opens what `mode` asks for. `directoryPath` is for
-/// platforms that write log files; this one does not and ignores it.
+/// Names the application (1 to 4 characters) and opens the destinations of `mode`. `directoryPath`
+/// is for platforms that write log files; this platform ignores it.
 ///
-/// With kRemote, messages go to the DLT daemon when one is there, else to standard error, never to
-/// both. A daemon that comes or goes later is noticed. Neither start nor exit waits for a daemon.
-/// The environment variable POS_LOG_LEVEL replaces `defaultLevel` and sets single contexts:
-/// "debug" or "info,GNSS=warn,TRCE=verbose". With a daemon, levels can be changed at run time from
-/// there.
+/// With kRemote, messages reach the DLT daemon if there is one, else standard error, never both.
+/// The log notices a daemon that starts or ends later. Neither start nor exit waits for a daemon.
+/// The environment variable POS_LOG_LEVEL replaces `defaultLevel` and sets single contexts: "debug"
+/// or "info,GNSS=warn,TRCE=verbose". A DLT daemon can change levels at run time.
 ///
-/// Loggers created earlier stay valid and take part from now on. A second call is ignored with a
-/// warning. Throws std::invalid_argument for a bad `appId`.
+/// Loggers created earlier stay valid and use these settings from now on. A second call is ignored
+/// with a warning. Throws std::invalid_argument for a bad `appId`.
 void InitLogging(std::string_view appId,
                  std::string_view description,
                  LogLevel defaultLevel,
                  LogMode mode,
                  std::string_view directoryPath);
 
-/// One context. Any number of threads may log through one logger.
+/// A log context. Any number of threads may log through one logger.
 class Logger {
  public:
   Logger(const Logger&) = delete;
   Logger& operator=(const Logger&) = delete;
 
-  /// One relaxed load: a level changed at run time takes effect soon, in no order with other
+  /// Costs one relaxed load: a level changed at run time takes effect soon, in no order with other
   /// memory.
   [[nodiscard]] bool IsEnabled(LogLevel level) const noexcept {
     return level <= level_.load(std::memory_order_relaxed);
@@ -50,17 +49,17 @@ class Logger {
   [[nodiscard]] LogStream LogDebug() const noexcept { return Stream(LogLevel::kDebug); }
   [[nodiscard]] LogStream LogVerbose() const noexcept { return Stream(LogLevel::kVerbose); }
 
-  /// A level known at run time only; kOff is never enabled.
+  /// A stream for a level that is known only at run time; kOff is never enabled.
   [[nodiscard]] LogStream Stream(LogLevel level) const noexcept {
     return {level != LogLevel::kOff && IsEnabled(level) ? this : nullptr, level};
   }
-  /// A message of one argument.
+  /// Logs a message of one argument.
   void Log(LogLevel level, std::string_view text) const noexcept { Stream(level) << text; }
 
   [[nodiscard]] LogLevel Level() const noexcept { return level_.load(std::memory_order_relaxed); }
-  /// The level itself, for one who asks so often that he keeps a pointer to it.
+  /// The level itself, for callers that check it so often that they keep a pointer to it.
   [[nodiscard]] const std::atomic<LogLevel>& LevelInForce() const noexcept { return level_; }
-  /// Until the daemon says otherwise.
+  /// Holds until the daemon sets another level.
   void SetLevel(LogLevel level) noexcept;
   [[nodiscard]] const std::string& ContextId() const noexcept;
 
@@ -74,15 +73,15 @@ class Logger {
   Context& context_;
 };
 
-/// The logger of the context `ctxId` (1 to 4 printable characters), which lives to the end of the
-/// process; the same id gives the same logger, whose description and level are those of the first
-/// call. `level` replaces the default level for this context, POS_LOG_LEVEL's entry for it replaces
-/// both. Throws std::invalid_argument for a bad id.
+/// The logger of the context `ctxId` (1 to 4 printable characters). It lives until the process
+/// ends. The same id gives the same logger, with the description and level of the first call.
+/// `level` replaces the default level for this context; an entry of POS_LOG_LEVEL for the context
+/// replaces both. Throws std::invalid_argument for a bad id.
 Logger& CreateLogger(std::string_view ctxId,
                      std::string_view description,
                      std::optional<LogLevel> level = std::nullopt);
 
-/// The application's default context: its id is the application id ("POS" for this application).
+/// The application's default context. Its id is the application id ("POS" for this application).
 Logger& DefaultLogger();
 
 [[nodiscard]] inline LogStream LogFatal() {

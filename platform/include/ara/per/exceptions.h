@@ -1,4 +1,5 @@
-/// What persistency throws. Every text names the file or key, what was expected and what was found.
+/// Exceptions of persistency. Every text names the file or key, the expected and the actual
+/// content.
 #pragma once
 
 #include <stdexcept>
@@ -10,20 +11,19 @@ class Exception : public std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-/// The folder that holds the storages is not there (it has been created: try again) or cannot be
-/// created.
+/// The folder of the storages was missing (it now exists: try again) or cannot be created.
 class ExceptionStorageLocationNotFound : public Exception {
  public:
   using Exception::Exception;
 };
 
-/// A value was asked for as something that it is not, or a call makes no sense for its arguments.
+/// A value was read as another type, or the arguments of a call make no sense.
 class ExceptionLogicError : public Exception {
  public:
   using Exception::Exception;
 };
 
-/// The file of a storage is not what it should be: syntax, types, values, size.
+/// The file of a storage is not valid: syntax, types, values or size.
 class ExceptionValidation : public Exception {
  public:
   using Exception::Exception;

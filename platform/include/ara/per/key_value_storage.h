@@ -1,4 +1,4 @@
-/// Values that outlive the process, one small store per port.
+/// Values that outlive the process: one small store per port.
 #pragma once
 
 #include <memory>
@@ -11,8 +11,8 @@
 
 namespace ara::per {
 
-/// Reads and writes work on a copy in memory; SyncToStorage makes it last. Any thread may call; a
-/// SyncToStorage stores the values of one moment.
+/// Reads and writes use a copy in memory; SyncToStorage makes it permanent. Any thread may call.
+/// One SyncToStorage stores the values of one moment.
 class KeyValueStorageBase {
  public:
   virtual ~KeyValueStorageBase() = default;
@@ -20,20 +20,20 @@ class KeyValueStorageBase {
   KeyValueStorageBase& operator=(const KeyValueStorageBase&) = delete;
 
   [[nodiscard]] virtual bool HasKey(const std::string& key) const = 0;
-  /// A missing key gives a value without content, status kNotFound.
+  /// For a missing key, returns a value without content and with the status kNotFound.
   [[nodiscard]] virtual KvsType GetValue(const std::string& key) const = 0;
-  /// Creates or replaces. Throws ExceptionLogicError for an empty key, for a `value` without
-  /// content and for a key or text that is not UTF-8.
+  /// Creates or replaces the value of `key`. Throws ExceptionLogicError for an empty key, for a
+  /// `value` without content and for a key or text that is not UTF-8.
   virtual void SetValue(const std::string& key, const KvsType& value) = 0;
-  /// No effect when the key is missing.
+  /// Has no effect if the key is missing.
   virtual void RemoveKey(const std::string& key) = 0;
-  /// In alphabetical order.
+  /// The keys in alphabetical order.
   [[nodiscard]] virtual std::vector<std::string> GetAllKeys() const = 0;
-  /// Replaces the stored values by those in memory, all or nothing, also when power fails
-  /// meanwhile; returns when they are on the medium, at once when nothing has changed. Throws
-  /// ExceptionPhysicalStorageError, also when there is more than a store can hold (16 MiB of text):
-  /// the stored values are then still the old or already the new ones, those in memory are kept and
-  /// the next call tries again.
+  /// Replaces the stored values by those in memory: all or nothing, even if power fails meanwhile.
+  /// Returns when the values are on the medium, or at once if nothing has changed. Throws
+  /// ExceptionPhysicalStorageError, also for more than a store can hold (16 MiB of text). After
+  /// that the store holds either the old or the new values; the values in memory are kept and the
+  /// next call tries again.
   virtual void SyncToStorage() = 0;
 
  protected:
@@ -41,25 +41,25 @@ class KeyValueStorageBase {
 };
 
 /// The store of a port: the file <folder>/<port>.json. The folder is $POS_STORAGE_DIR, else
-/// $STATE_DIRECTORY (set by systemd), else $XDG_STATE_HOME/pos, else ~/.local/state/pos. One
-/// process at a time uses a store.
+/// $STATE_DIRECTORY (set by systemd), else $XDG_STATE_HOME/pos, else ~/.local/state/pos. Only one
+/// process at a time may use a store.
 ///
-/// While there is no such file, the first values come from initdata-<port>.json in
-/// $POS_INITDATA_DIR, else in ../share/pos beside the program's folder; without that the store is
-/// empty. They are first written by SyncToStorage.
+/// While this file does not exist, the first values are those of initdata-<port>.json in
+/// $POS_INITDATA_DIR, else in ../share/pos beside the program's folder, else the store is empty.
+/// SyncToStorage first writes them to the file.
 class KeyValueStorage : public KeyValueStorageBase {
  public:
   /// Throws
   ///   ExceptionStorageLocationNotFound
-  ///     when the folder is missing; it has then been created, so that a second attempt finds it,
-  ///     unless that failed too (the text says which);
+  ///     if the folder is missing. The constructor has then created it, so that a second attempt
+  ///     finds it, unless that failed too (the text says which);
   ///   ExceptionValidation
-  ///     with file, line and column (syntax) or key (types and values) for a file that is not a
-  ///     store; it is left as it is;
+  ///     with file, line and column (syntax) or key (types and values) if the file is not a store;
+  ///     the file stays as it is;
   ///   ExceptionPhysicalStorageError
-  ///     with path and reason when the file cannot be read;
+  ///     with path and reason if the file cannot be read;
   ///   ExceptionLogicError
-  ///     when `port` is no file name.
+  ///     if `port` is not a file name.
   explicit KeyValueStorage(std::string_view port);
   ~KeyValueStorage() override;
 

@@ -1,4 +1,4 @@
-/// A value of the key-value storage with its type and the outcome of the read that made it.
+/// A value of the key-value storage, with its type and the status of the read that returned it.
 #pragma once
 
 #include <cstddef>
@@ -34,12 +34,12 @@ class KvsType {
   enum class Status : std::uint8_t {
     kSuccess = 0,
     kNotFound = 1,      ///< the storage has no such key
-    kGeneralError = 2,  ///< no value was ever put in
+    kGeneralError = 2,  ///< no value was ever set
   };
 
   /// No value: kNotSupported, kGeneralError.
   KvsType() = default;
-  /// No value, for a given reason.
+  /// No value, for the given reason.
   explicit KvsType(Status status) : status_(status) {}
 
   explicit KvsType(bool value) : KvsType(Value(value)) {}
@@ -63,8 +63,8 @@ class KvsType {
   [[nodiscard]] Type GetType() const noexcept;
   [[nodiscard]] Status GetStatus() const noexcept { return status_; }
 
-  // Each getter throws ExceptionLogicError, with both types in its text, when the value is of
-  // another type.
+  // Each getter throws ExceptionLogicError, with both types in its text, if the value has another
+  // type.
   [[nodiscard]] bool GetBool() const;
   [[nodiscard]] std::int32_t GetSInt() const;  ///< kSInt8, kSInt16, kSInt32
   [[nodiscard]] std::int64_t GetSInt64() const;
@@ -74,11 +74,11 @@ class KvsType {
   [[nodiscard]] double GetDouble() const;
   [[nodiscard]] const std::string& GetString() const;
   [[nodiscard]] const std::vector<std::uint8_t>& GetBinary() const;
-  /// Copies the binary value to the front of `buffer` and returns its byte count; the rest of the
-  /// buffer is left as it is. Throws ExceptionLogicError when the value is larger than `size`.
+  /// Copies the binary value to the front of `buffer` and returns its byte count. The rest of the
+  /// buffer stays as it is. Throws ExceptionLogicError if the value is larger than `size`.
   std::size_t GetBinary(std::uint8_t* buffer, std::size_t size) const;
 
-  /// Equal types and values; NaN is not equal to itself. The status counts only where there is no
+  /// Equal types and values; NaN is not equal to itself. The status counts only if there is no
   /// value.
   friend bool operator==(const KvsType&, const KvsType&) = default;
 
@@ -106,7 +106,7 @@ class KvsType {
   Status status_ = Status::kGeneralError;
 };
 
-/// "UInt32" and so on: the names that a storage file uses; "none" for kNotSupported.
+/// The name in a storage file, such as "UInt32"; "none" for kNotSupported.
 [[nodiscard]] std::string_view NameOf(KvsType::Type type);
 
 }  // namespace ara::per

@@ -7,7 +7,7 @@
 
 namespace ara::phm {
 
-/// Names the supervised application instance.
+/// Identifies the supervised application instance.
 class Phm_client {
  public:
   explicit Phm_client(core::InstanceSpecifier instance) : instance_(std::move(instance)) {}

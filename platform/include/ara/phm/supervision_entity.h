@@ -1,4 +1,4 @@
-/// Alive supervision: a checkpoint reached in time proves that its thread still runs.
+/// Alive supervision: a checkpoint reached in time proves that its thread is still running.
 #pragma once
 
 #include <cstdint>
@@ -14,9 +14,9 @@ class SupervisionEntity {
   SupervisionEntity(const SupervisionEntity&) = delete;
   SupervisionEntity& operator=(const SupervisionEntity&) = delete;
 
-  /// Reports the alive checkpoint `checkpointId` of the supervised entity `entityId`. Callable from
-  /// any thread, does not wait. Not supervised: nothing happens. Throws std::runtime_error with the
-  /// reason when the report could not be sent.
+  /// Reports the alive checkpoint `checkpointId` of the supervised entity `entityId`. Any thread
+  /// may call; the call does not wait. Without supervision nothing happens. Throws
+  /// std::runtime_error with the reason if the report cannot be sent.
   void CheckpointReached(std::uint16_t entityId, std::uint16_t checkpointId) const;
 
  private:

@@ -1,4 +1,4 @@
-/// Time bases that are kept in step with a master elsewhere in the vehicle.
+/// Time bases that are synchronized with a master elsewhere in the vehicle.
 #pragma once
 
 #include <chrono>
@@ -19,18 +19,18 @@ class SynchSlaveTimeBase {
   explicit SynchSlaveTimeBase(std::shared_ptr<const detail::Clock> clock)
       : clock_(std::move(clock)) {}
 
-  /// Time since the epoch of the time base (1970-01-01 for all that are offered). Does not block.
-  /// Throws std::runtime_error when the clock has gone, such as a network card that was unplugged.
+  /// Time since the epoch of the time base (1970-01-01 for every one offered here). Does not block.
+  /// Throws std::runtime_error if the clock is gone, such as an unplugged network card.
   [[nodiscard]] std::chrono::nanoseconds getCurrentTime() const;
 
  private:
   std::shared_ptr<const detail::Clock>
-      clock_;  ///< shared by the copies: the last one closes the device
+      clock_;  ///< shared by the copies: the last copy closes the device
 };
 
 class SlaveTimeBaseResourceProxy {
  public:
-  /// What FindResource found; only good for constructing a proxy.
+  /// The result of FindResource. Its only use is to construct a proxy.
   class Resource {
    public:
     [[nodiscard]] const std::string& name() const { return name_; }
@@ -43,14 +43,14 @@ class SlaveTimeBaseResourceProxy {
     std::string clock_;
   };
 
-  /// The one resource is "synchronized". Its clock is named by the environment variable
-  /// POS_TIME_BASE: "CLOCK_REALTIME" (also when unset), "CLOCK_TAI", or the path of a PTP hardware
-  /// clock, "/dev/ptp0". Throws std::runtime_error for another resource name and for another value
-  /// of the variable.
+  /// The one resource is "synchronized". The environment variable POS_TIME_BASE names its clock:
+  /// "CLOCK_REALTIME" (also if unset), "CLOCK_TAI", or the path of a PTP hardware clock,
+  /// "/dev/ptp0". Throws std::runtime_error for another resource name and for another value of the
+  /// variable.
   [[nodiscard]] static Resource FindResource(std::string_view name);
 
   /// Opens the clock and reads it once. Throws std::runtime_error with the clock's name and the
-  /// reason when that fails.
+  /// reason if that fails.
   explicit SlaveTimeBaseResourceProxy(const Resource& resource);
 
   [[nodiscard]] SynchSlaveTimeBase asSynchSlave() const { return SynchSlaveTimeBase(clock_); }

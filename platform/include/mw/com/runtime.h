@@ -1,5 +1,5 @@
-/// Life of the communication middleware: one Component_singleton per process, created before
-/// anything else of the middleware is used and destroyed after everything else of it.
+/// Life of the communication middleware: one Component_singleton per process. It is created before
+/// and destroyed after every other object of the middleware.
 #pragma once
 
 #include <memory>
@@ -15,14 +15,14 @@ class Component_singleton {
  public:
   /// Reads the deployment manifest, takes the node's address and starts the workers.
   ///
-  /// `name` is the node's key in the manifest ("nodes"); empty means the node "POS". The
-  /// environment variable POS_MANIFEST names the manifest file; without it the file next to the
+  /// `name` is the node's key in the manifest ("nodes"); an empty name means the node "POS". The
+  /// environment variable POS_MANIFEST names the manifest file. Without it the file next to the
   /// installation is used, else a built-in copy for the loopback network. With `passive` no worker
   /// is started and nothing is sent: for tools that only read the manifest.
   ///
-  /// Throws std::runtime_error with file, key and what was expected for a bad manifest, with the
-  /// key and the address when the address is taken or cannot be used, and std::logic_error when a
-  /// Component_singleton exists already.
+  /// Throws std::runtime_error with file, key and expectation for a bad manifest, and with the key
+  /// and the address if the address is taken or unusable. Throws std::logic_error if a
+  /// Component_singleton already exists.
   Component_singleton(const std::string& name, bool passive);
   ~Component_singleton();
   Component_singleton(const Component_singleton&) = delete;

@@ -1,6 +1,6 @@
-/// The threads on which everything from the network runs: workers, their number fixed at
-/// construction, and beside them those that its loop starts: one for control (service discovery,
-/// timers, streams) and two that wait for notifications and responses.
+/// The threads that run everything from the network: workers, their number fixed at construction,
+/// and the threads of its loop: one for control (service discovery, timers, streams) and two that
+/// wait for notifications and responses.
 #pragma once
 
 #include <cstddef>
@@ -10,18 +10,18 @@ namespace mw::com {
 
 class static_thread_pool {
  public:
-  /// `threads` must be at least 1. The workers start with all signals as the constructing thread
-  /// has them blocked.
+  /// `threads` must be at least 1. The workers inherit the signal mask of the constructing thread.
   explicit static_thread_pool(std::size_t threads);
-  /// Stops and joins all of them; work that has not begun is dropped. Not callable from one.
+  /// Stops and joins all threads. Work that has not begun is dropped. None of these threads may
+  /// call it.
   ~static_thread_pool();
   static_thread_pool(const static_thread_pool&) = delete;
   static_thread_pool& operator=(const static_thread_pool&) = delete;
 
-  /// Same as the destructor's stop: idempotent, joins the threads.
+  /// Stops and joins all threads, like the destructor. Idempotent.
   void stop();
 
-  /// The event loop that the workers run; known to the platform's implementation only.
+  /// The event loop of the workers, known only to the platform's implementation.
   class Loop;
   [[nodiscard]] Loop& loop() const { return *loop_; }
 

@@ -1,4 +1,4 @@
-/// What the communication runtime has counted, and what the process takes from the machine.
+/// The counters of the communication runtime, and the resources that the process uses.
 #pragma once
 
 #include <cstdint>
@@ -13,8 +13,8 @@ struct Counter {
   std::uint64_t value = 0;
 };
 
-/// Every counter of this process: what has been received, sent, dropped and refused. Callable from
-/// any thread. Throws std::logic_error while no Component_singleton exists.
+/// Every counter of this process: messages received, sent, dropped and refused. Any thread may
+/// call. Throws std::logic_error while no Component_singleton exists.
 [[nodiscard]] std::vector<Counter> counters();
 
 struct Process_usage {
@@ -23,7 +23,8 @@ struct Process_usage {
   std::uint64_t uptimeMs = 0;  ///< since the start of the process, suspended time included
 };
 
-/// Of the calling process, now. Throws std::runtime_error when the system does not tell.
+/// The present usage of the calling process. Throws std::runtime_error if the system does not give
+/// it.
 [[nodiscard]] Process_usage process_usage();
 
 }  // namespace mw::com::runtime

@@ -1,6 +1,6 @@
-/// The low-level face of the communication middleware: bytes in, bytes out, elements by name.
-/// The proxy and skeleton templates of mw/com/cpp_binding stand on it, platform/linux/com
-/// implements it over SOME/IP. Applications use the templates, not this header.
+/// The low-level interface of the communication middleware: bytes in, bytes out, elements by name.
+/// The proxy and skeleton templates of mw/com/cpp_binding use it, platform/linux/com implements it
+/// over SOME/IP. Applications use the templates, not this header.
 #pragma once
 
 #include <chrono>
@@ -26,7 +26,7 @@ enum class Return_code : std::uint8_t {
   unknown_service = 0x02,
   unknown_method = 0x03,
   not_ready = 0x04,
-  not_reachable = 0x05,  ///< internal: the instance is not offered (any more)
+  not_reachable = 0x05,  ///< internal: the instance is not or no longer offered
   timeout = 0x06,        ///< internal: no response in time
   wrong_protocol_version = 0x07,
   wrong_interface_version = 0x08,
@@ -34,18 +34,18 @@ enum class Return_code : std::uint8_t {
   wrong_message_type = 0x0A,
 };
 
-/// Where an offered instance is reachable. Only the runtime knows what is inside.
+/// The endpoint of an offered instance. Only the runtime knows its content.
 class Remote_instance;
 
-/// One offered instance of a service, as a search found it. Cheap to copy.
+/// An offered instance of a service, found by a search. Cheap to copy.
 struct Found_instance {
   std::string service;
   std::uint16_t instance = 0;
   std::shared_ptr<const Remote_instance> where;
 };
 
-/// Ids of one element of a service interface, as the deployment manifest gives them. An id that the
-/// element does not have (a field without setter) is empty.
+/// Ids of one element of a service interface, from the deployment manifest. An id that the element
+/// does not have (a field without setter) is empty.
 struct Element_ids {
   std::optional<std::uint16_t> method;    ///< of a method
   std::optional<std::uint16_t> getter;    ///< of a field
@@ -55,18 +55,18 @@ struct Element_ids {
 
 enum class Element_kind : std::uint8_t { method, event, field };
 
-/// One element of a service interface as the code describes it.
+/// One element of a service interface, as described in the code.
 struct Element {
   Element_kind kind;
   std::string_view name;
 };
 
-/// Called with one notification's payload, one call at a time and in order of arrival. The payload
-/// is valid during the call only.
+/// Called with the payload of one notification, one call at a time and in order of arrival. The
+/// payload is valid only during the call.
 using Notification_handler = std::function<void(Payload)>;
 
-/// Called when the state of a subscription changes: true once it is acknowledged, false when it
-/// ended.
+/// Called when the state of a subscription changes: true when it is acknowledged, false when it
+/// ends.
 using Subscription_state_handler = std::function<void(bool subscribed)>;
 
 /// Called once per request: with ok and the response's payload, or with the reason of the failure
@@ -78,19 +78,18 @@ struct Response {
   Return_code code = Return_code::ok;
   std::vector<std::byte> payload;
 };
-/// Called on a worker thread for each request; requests of one provider may run in parallel.
-/// What it throws is answered with Return_code::not_ok.
+/// Called on a worker thread for each request; requests of one provider may run in parallel. An
+/// exception is answered with Return_code::not_ok.
 using Method_handler = std::function<Response(Payload)>;
 
-/// Called with every offered instance that matches a search, at the start and on each change, one
-/// call at a time, on a worker thread. In the order in which the instances were first offered.
+/// Called with every offered instance that matches a search, in the order of their first offers: at
+/// the start and on each change, one call at a time, on a worker thread.
 using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
 
 enum class Find_token : std::uint64_t {};
 
-/// One client's connection to one instance. Destroying it unsubscribes and waits until no handler
-/// of it runs any more, unless it is destroyed from within such a handler. All members may be
-/// called from any thread.
+/// One client's connection to one instance. Its destructor unsubscribes and waits until no handler
+/// of it runs, unless such a handler destroys it. Any thread may call all members.
 ///
 /// A handler of one element or connection may end another one, which waits for the other's handler.
 /// Two handlers must not end each other: each would wait for the other for ever.
@@ -100,13 +99,13 @@ class Consumer {
 
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
-  /// Asks for the notifications of an event or field. The runtime subscribes to its event group,
+  /// Requests the notifications of an event or field. The runtime subscribes to its event group,
   /// renews the subscription with every offer and calls `handler` for each notification, the
   /// initial value of a field included. A second call for the same element replaces the handlers.
   virtual void subscribe(std::string_view element,
                          Notification_handler handler,
                          Subscription_state_handler on_state) = 0;
-  /// Returns once no handler of this element runs any more (not waited for inside that handler).
+  /// Returns when no handler of this element runs (does not wait inside that handler).
   virtual void unsubscribe(std::string_view element) = 0;
 
   /// Sends a request. Every call ends in exactly one call of `handler`, at the latest after the
@@ -115,7 +114,7 @@ class Consumer {
   virtual void call_no_return(std::uint16_t method, Payload arguments) = 0;
 };
 
-/// One provided instance. All members may be called from any thread. Destruction closes it.
+/// One provided instance. Any thread may call all members. The destructor closes it.
 class Provider {
  public:
   virtual ~Provider() = default;
@@ -123,25 +122,25 @@ class Provider {
   [[nodiscard]] virtual std::uint16_t instance() const = 0;
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
-  /// Handlers must be set before offer().
+  /// Set handlers before offer().
   virtual void set_method_handler(std::uint16_t method, Method_handler handler) = 0;
 
   virtual void offer() = 0;
   virtual void stop_offer() = 0;
-  /// Stops the offer, for good, and waits until no method handler runs any more. What a handler
-  /// still sends meanwhile goes to nobody.
+  /// Stops the offer for good and waits until no method handler runs. A notification that a handler
+  /// still sends reaches no subscriber.
   virtual void close() = 0;
 
-  /// Sets the current value of a field: kept for new subscribers and notified to the present ones.
+  /// Sets the current value of a field, keeps it for new subscribers and notifies the present ones.
   virtual void update_field(std::uint16_t notifier, Payload value) = 0;
-  /// The current value of a field, as it was notified last; empty before its first update.
+  /// The value of a field notified last; empty before its first update.
   [[nodiscard]] virtual std::optional<std::vector<std::byte>> field_value(
       std::uint16_t notifier) const = 0;
-  /// Sends an event to the present subscribers; nothing is kept.
+  /// Sends an event to the present subscribers and keeps nothing.
   virtual void send_event(std::uint16_t event, Payload value) = 0;
 };
 
-/// The process's node on the network. Created by mw::com::runtime::Component_singleton.
+/// The process's node on the network. mw::com::runtime::Component_singleton creates it.
 class Runtime {
  public:
   virtual ~Runtime() = default;
@@ -149,27 +148,27 @@ class Runtime {
   /// The process's runtime. Throws std::logic_error while no Component_singleton exists.
   static Runtime& instance();
 
-  /// Throws std::runtime_error naming the manifest, the key and what was expected there unless the
-  /// service is deployed with every one of `elements`; a field needs a notifier.
+  /// Throws std::runtime_error, which names the manifest, the key and the expected content, unless
+  /// the service is deployed with every one of `elements`. A field needs a notifier.
   virtual void require(std::string_view service, std::span<const Element> elements) const = 0;
 
   /// `service` is the interface's full name in the manifest. Without `instance` every instance
-  /// matches. Throws std::runtime_error naming the manifest and the key when the service is not
-  /// deployed.
+  /// matches. Throws std::runtime_error, which names the manifest and the key, if the service is
+  /// not deployed.
   [[nodiscard]] virtual Find_token start_find_service(std::string_view service,
                                                       std::optional<std::uint16_t> instance,
                                                       Find_handler handler) = 0;
-  /// Returns once the handler does not run any more (not waited for inside that handler).
+  /// Returns when the handler no longer runs (does not wait inside that handler).
   virtual void stop_find_service(Find_token token) = 0;
 
   [[nodiscard]] virtual std::unique_ptr<Consumer> connect(const Found_instance& instance) = 0;
 
-  /// `specifier` names the instance in the manifest. Throws std::runtime_error naming the manifest
-  /// and the key when there is none.
+  /// `specifier` names the instance in the manifest. Throws std::runtime_error, which names the
+  /// manifest and the key, if there is no such instance.
   [[nodiscard]] virtual std::unique_ptr<Provider> provide(std::string_view service,
                                                           std::string_view specifier) = 0;
 
-  /// What has been received, sent, dropped and refused since the start, by name.
+  /// Messages received, sent, dropped and refused since the start, by name.
   [[nodiscard]] virtual std::vector<std::pair<std::string_view, std::uint64_t>> counters()
       const = 0;
 };

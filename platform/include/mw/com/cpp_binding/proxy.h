@@ -28,7 +28,7 @@
 
 namespace mw::com::cpp_binding::proxy {
 
-/// What every part of one proxy needs to know.
+/// Data shared by all parts of one proxy.
 struct Connection {
   std::string_view service;
   std::string instance;
@@ -40,26 +40,26 @@ struct Connection {
 };
 
 /// Samples of one event between reception and the application: a bounded queue over recycled slots.
-/// One thread at a time receives, one fetches, any may give back. Survives its proxy as long as the
-/// application holds a sample.
+/// One thread at a time receives, one thread fetches, any thread may give back. The cache survives
+/// its proxy as long as the application holds a sample.
 template <class Value>
 class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
  public:
   using Slot = ara::com::SampleSlot<Value>;
 
-  /// `capacity`: samples that may wait plus samples that the application may hold.
+  /// `capacity`: the samples that may wait plus the samples that the application may hold.
   explicit Sample_cache(std::size_t capacity) : capacity_{capacity} {}
 
-  /// A free slot to decode into. There always is one beside those that wait or are held, so that
-  /// what cannot be decoded costs none of these.
+  /// A free slot for decoding. There is always one beside the waiting and the held samples, so a
+  /// payload that cannot be decoded costs none of these.
   [[nodiscard]] Slot& acquire() {
     for (const auto& slot : slots_) {
       if (!slot->taken.load(std::memory_order_acquire)) return *slot;
     }
     return *slots_.emplace_back(std::make_unique<Slot>());
   }
-  /// Displaces the oldest sample that nobody fetched when there is no room for one more. False when
-  /// the application holds them all.
+  /// Queues `sample`. If the cache is full, displaces the oldest waiting sample. Returns false if
+  /// the application holds all samples.
   [[nodiscard]] bool push(Slot& sample) {
     const std::lock_guard lock{mutex_};
     if (full()) {
@@ -87,22 +87,24 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
 
  private:
   [[nodiscard]] bool full() const {
-    if (slots_.size() <= capacity_) return false;  // one of them is free: that of the new sample
+    if (slots_.size() <= capacity_)
+      return false;  // one of them is free: the slot of the new
+                     // sample
     const auto taken = [](const auto& slot) { return slot->taken.load(std::memory_order_relaxed); };
     return static_cast<std::size_t>(std::ranges::count_if(slots_, taken)) == capacity_;
   }
 
   const std::size_t capacity_;
-  std::vector<std::unique_ptr<Slot>> slots_;  ///< of the thread that receives
+  std::vector<std::unique_ptr<Slot>> slots_;  ///< used by the receiving thread only
   std::mutex mutex_;                          ///< guards waiting_
   std::deque<Slot*> waiting_;
-  /// Spares a look under the mutex. Relaxed: who is told of a sample finds it, and the sample
-  /// itself is handed over under the mutex.
+  /// Saves taking the mutex. Relaxed: a notified thread finds the sample, and the mutex hands the
+  /// sample itself over.
   std::atomic<bool> any_waiting_{false};
 };
 
-/// An event of a proxy. Subscribe, SetReceiveHandler and Unsubscribe come from one thread at a
-/// time; GetNewSamples usually from the receive handler, which runs on a thread of the
+/// An event of a proxy. One thread at a time calls Subscribe, SetReceiveHandler and Unsubscribe.
+/// GetNewSamples is usually called by the receive handler, which runs on a thread of the
 /// middleware, one call at a time.
 template <class Value>
 class Event {
@@ -117,14 +119,14 @@ class Event {
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
 
-  /// Called after each new sample. Set it before Subscribe.
+  /// `handler` is called after each new sample. Set it before Subscribe.
   void SetReceiveHandler(ara::com::EventReceiveHandler handler) { receive_ = std::move(handler); }
   void SetSubscriptionStateChangeHandler(ara::com::SubscriptionStateChangeHandler handler) {
     state_changed_ = std::move(handler);
   }
 
-  /// `max_samples`: how many samples may wait or be held; a newer one then displaces the oldest
-  /// waiting. A subscription that stands ends first, as in Unsubscribe.
+  /// `max_samples` limits the samples that wait or are held; beyond it a newer sample displaces the
+  /// oldest waiting one. An active subscription ends first, as with Unsubscribe.
   void Subscribe(std::size_t max_samples) {
     Unsubscribe();
     cache_ = std::make_shared<Sample_cache<Value>>(std::max<std::size_t>(max_samples, 1));
@@ -147,7 +149,7 @@ class Event {
   [[nodiscard]] ara::com::SubscriptionState GetSubscriptionState() const { return state_; }
 
   /// Calls `take(SamplePtr<Value>)` for each waiting sample, oldest first, at most `max` of them.
-  /// Returns how many there were.
+  /// Returns the number of calls.
   template <class Take>
   std::size_t GetNewSamples(Take&& take,
                             std::size_t max = std::numeric_limits<std::size_t>::max()) {
@@ -172,7 +174,8 @@ class Event {
   [[gnu::cold, gnu::noinline]] void on_traced_notification(tq::com::Payload payload) {
     tell(Trace_id::Event_update_rx);
     if (state_ != ara::com::SubscriptionState::kSubscribed) {
-      // Ahead of the acknowledgement, or behind the end of the subscription; the value is good.
+      // The notification overtook the acknowledgement, or the subscription just ended. The value is
+      // good.
       tell(Trace_id::Event_update_when_not_subscribed);
     }
     if (!take(payload)) return;
@@ -184,7 +187,7 @@ class Event {
       trace_duration(id, receive_, [&] { return connection_.event(id, id_); });
     });
   }
-  /// Decodes into the cache; false when there is nothing new in it.
+  /// Decodes into the cache. Returns false if that gives no new sample.
   bool take(tq::com::Payload payload) {
     auto& slot = cache_->acquire();
     try {
@@ -231,15 +234,15 @@ class Event {
   ara::com::SubscriptionStateChangeHandler state_changed_;
   std::shared_ptr<Sample_cache<Value>> cache_;
   bool subscribed_ = false;
-  /// Written by the runtime's state handler, read by the notification handler on another thread.
+  /// Written by the runtime's state handler; the notification handler reads it on another thread.
   std::atomic<ara::com::SubscriptionState> state_{ara::com::SubscriptionState::kNotSubscribed};
 };
 
 template <class Signature>
 class Method;
 
-/// A method of a proxy. Calls may come from any thread; the result is ready after the response, or
-/// with ara::com::ServiceError after the provider's error or the runtime's time-out.
+/// A method of a proxy. Any thread may call. The future is ready after the response. It holds an
+/// ara::com::ServiceError after the provider's error or the runtime's time-out.
 template <class Output, class... Inputs>
 class Method<Output(Inputs...)> {
  public:
@@ -292,15 +295,35 @@ class Field : public Event<Value> {
         Set{connection, connection.consumer->element(name).setter} {}
 
   Method<Value()> Get;
-  /// Returns the value that the provider took over.
+  /// Returns the value that the provider accepted.
   Method<Value(Value)> Set;
 };
 
-/// Base of every proxy: one connection to one found instance of `Service`.
+/// The classes that a proxy has for the elements of an interface.
+struct Side {
+  template <class Value>
+  using Field = proxy::Field<Value>;
+  template <class Value>
+  using Event = proxy::Event<Value>;
+  template <class Signature>
+  using Method = proxy::Method<Signature>;
+};
+
+/// The proxy's side of an element of the interface, with the type and the name that the interface
+/// gives it: `Element<GNSS::positions> positions{connection()};`
+template <const auto& description>
+class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
+  using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;
+
+ public:
+  explicit Element(Connection& connection) : Base{connection, description.name} {}
+};
+
+/// Base of every proxy: a connection to one found instance of `Service`.
 template <class Service>
 class Proxy_impl {
  public:
-  /// One offered instance, as a search returned it.
+  /// An offered instance, returned by a search.
   class Handle_type {
    public:
     explicit Handle_type(tq::com::Found_instance found) : found_{std::move(found)} {}
@@ -314,8 +337,8 @@ class Proxy_impl {
   };
   using HandleType = Handle_type;
 
-  /// Searches for any instance, or for one, until StopFindService. The handler runs on a worker,
-  /// one call at a time, at the start and on each change. Throws std::runtime_error when the
+  /// Searches for all instances, or for one instance, until StopFindService. The handler runs on a
+  /// worker, one call at a time, at the start and on each change. Throws std::runtime_error if the
   /// manifest lacks the service or one of its elements.
   static ara::com::FindServiceHandle StartFindService(
       ara::com::FindServiceHandler<Handle_type> handler,
@@ -327,8 +350,7 @@ class Proxy_impl {
       return Trace_event{.id = id, .service = Service::name, .instance = of_instance};
     };
     trace(Trace_id::Find_service_start, [&] { return event(Trace_id::Find_service_start, text); });
-    // The token is known only after the search began, when its first result may already be on its
-    // way.
+    // The token exists only after the search began, but its first result may arrive earlier.
     auto handle = std::make_shared<std::promise<ara::com::FindServiceHandle>>();
     const auto known = handle->get_future().share();
     const auto token = runtime.start_find_service(
@@ -358,7 +380,7 @@ class Proxy_impl {
     handle->set_value({token});
     return {token};
   }
-  /// Returns once the handler does not run any more, unless called from it.
+  /// Returns when the handler no longer runs, unless the handler itself calls it.
   static void StopFindService(ara::com::FindServiceHandle handle) {
     trace(Trace_id::Find_service_stop, [] {
       return Trace_event{
@@ -383,8 +405,8 @@ class Proxy_impl {
 
  protected:
   ~Proxy_impl() = default;
-  /// Elements of the derived proxy are members behind this base, so they go before the connection
-  /// does.
+  /// Elements of the derived proxy are members behind this base, so they are destroyed before the
+  /// connection.
   [[nodiscard]] Connection& connection() { return connection_; }
 
  private:

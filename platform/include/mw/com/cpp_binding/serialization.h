@@ -1,4 +1,4 @@
-/// The seam between proxies or skeletons and the payload rules: a type that travels has a
+/// The border between proxies or skeletons and the payload rules: a type on the wire has a
 /// Serialization. The application's binding/ specialises it; the templates here only use it.
 #pragma once
 

@@ -1,5 +1,5 @@
-/// How a service interface is described: a struct with its name, its version and one line per
-/// element. Ids, ports and timing are not here; the deployment manifest has them.
+/// The description of a service interface: a struct with its name, its version and one line per
+/// element. The deployment manifest adds ids, ports and timing.
 ///
 ///   struct GNSS {
 ///     static constexpr std::string_view name = "lumo::services::gnss::GNSS";
@@ -27,10 +27,12 @@ struct Version {
   }
 };
 
-/// A value with notification, and with get and set as far as the deployment gives them ids.
+/// A value with notification. It has get and set if the deployment gives them ids.
 template <class Value>
 struct Field {
   using value_type = Value;
+  template <class Side>
+  using Class_of_side = typename Side::template Field<Value>;
   static constexpr auto kind = tq::com::Element_kind::field;
   std::string_view name;
 };
@@ -38,6 +40,8 @@ struct Field {
 template <class Value>
 struct Event {
   using value_type = Value;
+  template <class Side>
+  using Class_of_side = typename Side::template Event<Value>;
   static constexpr auto kind = tq::com::Element_kind::event;
   std::string_view name;
 };
@@ -47,11 +51,13 @@ struct Method;
 template <class Output, class... Inputs>
 struct Method<Output(Inputs...)> {
   using output_type = Output;
+  template <class Side>
+  using Class_of_side = typename Side::template Method<Output(Inputs...)>;
   static constexpr auto kind = tq::com::Element_kind::method;
   std::string_view name;
 };
 
-/// What the deployment has to have of a service interface.
+/// The elements that the deployment must have for a service interface.
 template <class Service>
 inline constexpr auto elements_of = std::apply(
     [](const auto&... elements) {
@@ -59,7 +65,7 @@ inline constexpr auto elements_of = std::apply(
     },
     Service::elements);
 
-/// "GNSS" of "lumo::services::gnss::GNSS".
+/// Returns "GNSS" for "lumo::services::gnss::GNSS".
 [[nodiscard]] constexpr std::string_view short_name(std::string_view name) {
   const auto colon = name.rfind(':');
   return colon == std::string_view::npos ? name : name.substr(colon + 1);

@@ -25,7 +25,7 @@
 
 namespace mw::com::cpp_binding::skeleton {
 
-/// What every part of one skeleton needs to know.
+/// Data shared by all parts of one skeleton.
 struct Provision {
   std::string_view service;
   std::string instance;
@@ -42,7 +42,7 @@ struct Provision {
 
 namespace detail {
 
-/// An output of a method that is encoded already.
+/// An encoded output of a method.
 struct Encoded {
   std::vector<std::byte> bytes;
 };
@@ -58,7 +58,7 @@ void describe_inputs(const void* object, Trace_json& json) {
       *static_cast<const std::tuple<Inputs...>*>(object));
 }
 
-/// Decodes a request, calls `work` with its arguments, encodes what it returns.
+/// Decodes a request, calls `work` with its arguments, encodes the result.
 template <class Output, class... Inputs, class Work>
 tq::com::Response answer(Provision& provision,
                          std::uint16_t id,
@@ -123,8 +123,9 @@ tq::com::Response answer(Provision& provision,
 }  // namespace detail
 
 /// Binds a method of the interface to `work`, a callable that takes the inputs and returns
-/// ara::core::Future<Output>. It runs on a worker, several calls possibly at once; the worker waits
-/// for the future. A ServiceError it throws is answered with its code, anything else with E_NOT_OK.
+/// ara::core::Future<Output>. It runs on a worker, possibly in several calls at once. The worker
+/// waits for the future. A ServiceError is answered with its code, any other exception with
+/// E_NOT_OK.
 template <class Output, class... Inputs, class Work>
 void provide(Provision& provision,
              const cpp_binding::Method<Output(Inputs...)>& method,
@@ -136,7 +137,7 @@ void provide(Provision& provision,
       });
 }
 
-/// An event of a skeleton. Send may be called from any thread.
+/// An event of a skeleton. Any thread may call Send.
 template <class Value>
 class Event {
  public:
@@ -157,9 +158,9 @@ class Event {
   const std::uint16_t id_;
 };
 
-/// A field of a skeleton. Get is answered with the value that was notified last, unless a handler
-/// is registered; Set is refused unless one is. Handlers must be registered before the service is
-/// offered.
+/// A field of a skeleton. Get is answered with the value notified last, unless a handler is
+/// registered. Set is refused unless a handler is registered. Register handlers before the service
+/// is offered.
 template <class Value>
 class Field {
  public:
@@ -175,9 +176,9 @@ class Field {
   Field(const Field&) = delete;
   Field& operator=(const Field&) = delete;
 
-  /// The provider keeps the value for Get and for new subscribers and notifies the present ones.
-  /// Of two updates at the same time either may be the later one, for Get and for subscribers
-  /// alike.
+  /// The provider keeps the value for Get and for new subscribers, and notifies the present
+  /// subscribers. If two threads update at the same time, either value may be the later one; Get
+  /// and subscribers see the same order.
   void Update(const Value& value) {
     // Kept per thread so that an update costs no allocation.
     thread_local std::vector<std::byte> scratch;
@@ -188,7 +189,7 @@ class Field {
   void RegisterGetHandler(GetHandler handler) {
     if (ids_.getter) answer_get_with<Value>(std::move(handler));
   }
-  /// The value that the handler returns becomes the field's value.
+  /// The value returned by the handler becomes the field's value.
   void RegisterSetHandler(SetHandler handler) {
     if (!ids_.setter) return;
     set_ = [this, handler = std::move(handler)](const Value& wanted) {
@@ -230,12 +231,31 @@ class Field {
   SetHandler set_;
 };
 
-/// Base of every skeleton: one provided instance of `Service`, named by its specifier in the
+/// The classes that a skeleton has for the elements of an interface.
+struct Side {
+  template <class Value>
+  using Field = skeleton::Field<Value>;
+  template <class Value>
+  using Event = skeleton::Event<Value>;
+};
+
+/// The skeleton's side of a field or an event of the interface, with the type and the name that the
+/// interface gives it: `Element<GNSS::positions> positions{provision()};` For methods see
+/// provide().
+template <const auto& description>
+class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
+  using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;
+
+ public:
+  explicit Element(Provision& provision) : Base{provision, description.name} {}
+};
+
+/// Base of every skeleton: one provided instance of `Service`. Its specifier names it in the
 /// manifest.
 template <class Service>
 class Skeleton_impl {
  public:
-  /// Throws std::runtime_error when the manifest has no such instance, or lacks an element of the
+  /// Throws std::runtime_error if the manifest has no such instance, or lacks an element of the
   /// service.
   explicit Skeleton_impl(const ara::core::InstanceSpecifier& specifier) {
     provision_.service = Service::name;
@@ -266,7 +286,7 @@ class Skeleton_impl {
     provision_.provider->offer();
     if (!offered_.exchange(true)) tell(Trace_id::Offer_service);
   }
-  /// Returns at once; calls in progress are still answered.
+  /// Returns at once. Calls in progress are still answered.
   void StopOfferService() {
     provision_.provider->stop_offer();
     tell_end_of_offer();
@@ -275,8 +295,8 @@ class Skeleton_impl {
  protected:
   ~Skeleton_impl() = default;
   [[nodiscard]] Provision& provision() { return provision_; }
-  /// For the destructor of a class that overrides methods: withdraws the offer, and no call reaches
-  /// the object afterwards. Events may still be sent.
+  /// For the destructor of a class that overrides methods: withdraws the offer; afterwards no call
+  /// reaches the object. Events may still be sent.
   void disconnect() {
     provision_.provider->close();
     tell_end_of_offer();
@@ -286,7 +306,7 @@ class Skeleton_impl {
   void tell(Trace_id id) const {
     trace(id, [&] { return provision_.event(id); });
   }
-  /// One record for each that OfferService() wrote.
+  /// Writes one trace record for each record of OfferService().
   void tell_end_of_offer() {
     if (offered_.exchange(false)) tell(Trace_id::Stop_offer_service);
   }

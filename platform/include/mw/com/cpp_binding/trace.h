@@ -1,6 +1,6 @@
-/// What the binding tells about its work: one event per thing that happened, in plain values.
-/// Whoever wants them installs a sink; without one, or with the event's level off, nothing is
-/// built.
+/// Trace of the binding's work: one event for each thing that happened, in plain values. An
+/// application that wants them installs a sink. Without a sink, or with the event's level off,
+/// nothing is built.
 #pragma once
 
 #include <atomic>
@@ -47,13 +47,13 @@ enum class Trace_id : std::uint8_t {
 };
 inline constexpr std::size_t trace_id_count = 27;
 
-/// A payload that can tell its JSON form when, and only when, a record is really written.
+/// A payload that makes its JSON form only when a record is really written.
 struct Trace_payload {
   const void* object = nullptr;
   void (*describe)(const void* object, Trace_json& json) = nullptr;
 };
 
-/// Members that a record does not have keep their default. The texts must live until write()
+/// Members without meaning for a record keep their default. The texts must live until write()
 /// returns.
 struct Trace_event {
   Trace_id id;
@@ -68,8 +68,8 @@ struct Trace_event {
   Trace_payload payload = {};
 };
 
-/// The level at which records of this kind are written: the life of services at Info, nothing per
-/// message above Debug, failures at Error.
+/// The level of records of this kind: Info for the life of services, at most Debug for single
+/// messages, Error for failures.
 [[nodiscard]] constexpr ara::log::LogLevel trace_level(Trace_id id) {
   using enum Trace_id;
   switch (id) {
@@ -101,8 +101,8 @@ struct Trace_event {
 
 class Trace_sink {
  public:
-  /// `context`: where the records will be logged, when that is one log context: its level, as it is
-  /// at the time, is asked before the sink.
+  /// `context`: the log context of the records, if there is exactly one. The binding checks its
+  /// current level before it calls the sink.
   explicit Trace_sink(const ara::log::Logger* context = nullptr) : context_{context} {}
   virtual ~Trace_sink() = default;
   Trace_sink(const Trace_sink&) = delete;
@@ -116,7 +116,7 @@ class Trace_sink {
   const ara::log::Logger* context_;
 };
 
-/// At a level less verbose than this nothing is told about a single message, failures apart.
+/// At a less verbose level the trace has no record of single messages, except for failures.
 inline constexpr auto per_message_level = ara::log::LogLevel::kDebug;
 
 namespace detail {
@@ -124,13 +124,13 @@ inline constexpr std::atomic<ara::log::LogLevel> nothing{ara::log::LogLevel::kOf
 inline constexpr std::atomic<ara::log::LogLevel> everything{ara::log::LogLevel::kVerbose};
 
 inline std::atomic<Trace_sink*> trace_sink{nullptr};
-/// The level up to which it is worth asking the sink: never null, so that a trace that is off costs
+/// The level up to which a call of the sink is useful. Never null, so that a disabled trace costs
 /// two loads and one branch.
 inline std::atomic<const std::atomic<ara::log::LogLevel>*> trace_gate{&nothing};
 
-/// Out of line, with what the records need: a message passes by without it.
+/// Out of line, with the data that the records need: a message passes by without it.
 [[nodiscard, gnu::cold, gnu::noinline]] inline bool is_wanted(Trace_id id) {
-  // acquire: what the sink points to was built by the thread that installed it.
+  // Acquire: the thread that installed the sink built the data behind it.
   const auto* sink = trace_sink.load(std::memory_order_acquire);
   return sink != nullptr && sink->is_enabled(id);
 }
@@ -141,7 +141,7 @@ template <class Make>
 }
 }  // namespace detail
 
-/// The sink must outlive every proxy and skeleton, or be taken out with nullptr before.
+/// The sink must outlive every proxy and skeleton, or be removed with nullptr before.
 inline void set_trace_sink(Trace_sink* sink) {
   const auto gate = [](const std::atomic<ara::log::LogLevel>& level) {
     detail::trace_gate.store(&level, std::memory_order_release);
@@ -152,7 +152,7 @@ inline void set_trace_sink(Trace_sink* sink) {
   gate(sink->context() != nullptr ? sink->context()->LevelInForce() : detail::everything);
 }
 
-/// Whether records of this level may be wanted: the one question on the road of a message.
+/// True if records of this level may be wanted: the only check on the path of a message.
 [[nodiscard]] inline bool may_trace([[maybe_unused]] ara::log::LogLevel level) {
 #if POS_TRACE
   const auto* gate = detail::trace_gate.load(std::memory_order_acquire);
@@ -162,7 +162,7 @@ inline void set_trace_sink(Trace_sink* sink) {
 #endif
 }
 
-/// Whether an event of this kind would be written; ask before measuring durations.
+/// True if an event of this kind would be written. Check it before measuring durations.
 [[nodiscard]] inline bool is_traced(Trace_id id) {
   return may_trace(trace_level(id)) && detail::is_wanted(id);
 }
@@ -173,7 +173,7 @@ inline void trace(Trace_id id, Make&& make) {
   if (may_trace(trace_level(id))) detail::write(id, make);
 }
 
-/// Runs `work` and tells how long it took under `id`; the clock is read only when that is traced.
+/// Runs `work` and traces its duration under `id`. Reads the clock only if that is traced.
 template <class Work, class Make>
 void trace_duration(Trace_id id, Work&& work, Make&& make) {
   if (!is_traced(id)) {

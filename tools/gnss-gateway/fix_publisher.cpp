@@ -1,8 +1,8 @@
-#include "tools/gnss-gateway/Fix_publisher.h"
+#include "tools/gnss-gateway/fix_publisher.h"
 
 #include <cmath>
 
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
 
@@ -12,7 +12,7 @@ using std::chrono::nanoseconds;
 std::optional<nanoseconds> Fix_publisher::since_last(const nmea::Fix& fix) const {
   if (fix.utc && last_.utc) return *fix.utc - *last_.utc;
   if (!fix.time_of_day || !last_.time_of_day) return std::nullopt;
-  // Without a date the smaller way around midnight.
+  // Without a date, the shorter of the two intervals across midnight.
   auto interval = *fix.time_of_day - *last_.time_of_day;
   if (interval < -12h) interval += 24h;
   if (interval > 12h) interval -= 24h;

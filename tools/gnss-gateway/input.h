@@ -22,10 +22,10 @@ class Input {
     device,     ///< a character device: its end is a fault
   };
 
-  /// Opens a file, device or pipe, or standard input for "-". Does not wait for a pipe's writer nor
-  /// for a line's carrier. A serial device is set to raw bytes, 8 data bits, no parity, no echo, no
-  /// flow control, and stays so. With `may_be_missing` a path that is not there counts as a device
-  /// that is closed. This and the other functions throw std::system_error with the path.
+  /// Opens a file, device or pipe, or standard input for "-". Does not wait for the writer of a
+  /// pipe or the carrier of a line. Sets a serial device to raw bytes, 8 data bits, no parity, no
+  /// echo, no flow control, and leaves it so. With `may_be_missing`, a missing path counts as a
+  /// closed device. This and the other functions throw std::system_error with the path.
   explicit Input(const std::string& path, bool may_be_missing = false);
   ~Input();
   Input(const Input&) = delete;
@@ -33,16 +33,16 @@ class Input {
 
   [[nodiscard]] const std::string& path() const { return path_; }
   [[nodiscard]] Kind kind() const { return kind_; }
-  /// A device whose rate can be set.
+  /// Whether set_rate() applies.
   [[nodiscard]] bool is_serial() const { return serial_; }
-  /// Below 0 while it is closed.
+  /// Negative while the input is closed.
   [[nodiscard]] int descriptor() const { return descriptor_; }
   [[nodiscard]] bool is_open() const { return descriptor_ >= 0; }
 
-  /// Nothing when there is nothing yet, no bytes at the end and when a device has gone. The bytes
-  /// stay until the next call.
+  /// Returns nothing while no byte has arrived, and no bytes at the end or when a device has
+  /// disappeared. The bytes stay valid until the next call.
   [[nodiscard]] std::optional<std::span<const std::byte>> read();
-  /// Of a recording.
+  /// Only for a recording.
   void rewind();
 
   /// Sets a serial device to one of serial_rates and discards what it has received so far.
@@ -51,7 +51,7 @@ class Input {
   [[nodiscard]] std::optional<unsigned> rate() const;
 
   void close();
-  /// Whether the path is there again.
+  /// Returns whether the path exists again and is open.
   [[nodiscard]] bool reopen();
 
  private:

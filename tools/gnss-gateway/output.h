@@ -9,7 +9,7 @@
 
 #include "ara/time/slave_time_base.h"
 #include "tools/Stop_signal.h"
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
 
@@ -17,7 +17,7 @@ struct Output_options {
   std::uint64_t max_notifications = 0;      ///< 0: no bound
   std::chrono::nanoseconds max_duration{};  ///< 0: no bound
   bool offer_time = false;
-  std::uint64_t plt_offset_ns = 0;  ///< of the time record of type 2
+  std::uint64_t plt_offset_ns = 0;  ///< in the record of the platform time
 };
 
 /// Offers the services from its construction to its destruction. One thread at a time.
@@ -29,18 +29,18 @@ class Output {
   Output(const Output&) = delete;
   Output& operator=(const Output&) = delete;
 
-  /// Waits for the time, or until `input` can be read; the time service goes on meanwhile.
+  /// Waits until `due` or until `input` is readable, and publishes the time meanwhile. Returns
   /// `stopped` also when a bound of the options is reached.
   [[nodiscard]] tools::Stop_signal::Wake wait_until(std::chrono::steady_clock::time_point due,
                                                     int input = -1);
 
-  /// Whether a bound of the options is reached: nothing more is to be published.
+  /// Whether a bound of the options is reached: publish() is no longer due.
   [[nodiscard]] bool is_done() const;
 
-  /// Notifies what `make` returns for the counter and the time stamp of this notification.
+  /// Publishes the result of `make`, which receives the counter and the time stamp.
   void publish(const std::function<Notification(Context)>& make);
 
-  /// Of positions.
+  /// Number of positions notifications.
   [[nodiscard]] std::uint64_t notifications() const { return notifications_; }
 
  private:

@@ -1,4 +1,4 @@
-/// A receiver that is read as it speaks.
+/// Reads a receiver live: each sentence when it arrives.
 #pragma once
 
 #include <chrono>
@@ -8,10 +8,10 @@
 #include <string>
 #include <vector>
 
-#include "tools/gnss-gateway/Fix_publisher.h"
-#include "tools/gnss-gateway/Input.h"
-#include "tools/gnss-gateway/Output.h"
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/fix_publisher.h"
+#include "tools/gnss-gateway/input.h"
+#include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/sources.h"
 #include "tools/nmea/Reader.h"
 
 namespace gateway {
@@ -21,11 +21,11 @@ class Rate_search {
  public:
   using Time = std::chrono::steady_clock::time_point;
 
-  /// Begins with the rate that the device has.
+  /// Begins with the present rate of the device.
   void begin(Input& input, std::uint64_t sound_sentences, Time now);
   /// Returns the rate once it is found.
   std::optional<unsigned> look(Input& input, std::uint64_t sound_sentences, Time now);
-  /// When to look again at the latest; far away while no search is under way.
+  /// The latest time of the next look(); Time::max() while no search is under way.
   [[nodiscard]] Time due() const { return due_; }
 
  private:
@@ -39,8 +39,8 @@ class Live {
  public:
   Live(const Nmea_options& options, Input& input, Output& output);
 
-  /// Until the input's end or until the output is done. Throws std::runtime_error when a device has
-  /// gone, or when the input has ended without a sentence.
+  /// Returns at the end of the input or when the output is done. Throws std::runtime_error when a
+  /// device disappears, or when the input ends without a sentence.
   [[nodiscard]] Source_result run();
 
  private:
@@ -60,10 +60,10 @@ class Live {
   nmea::Reader reader_;
   const nmea::Reader::Sink sink_;
   Rate_search search_;
-  Time heard_{};       ///< the newest byte, or the opening
-  Time understood_{};  ///< the newest sentence with a right checksum, or the opening
+  Time heard_{};       ///< time of the newest byte, or of the opening
+  Time understood_{};  ///< the same for a sentence with a right checksum
   std::uint64_t sound_ = 0;
-  int silences_ = 0;     ///< handled since the newest byte: brief, lasting
+  int silences_ = 0;     ///< silences handled since the newest byte: brief, lasting
   bool warned_ = false;  ///< since the newest sentence
 };
 

@@ -1,4 +1,4 @@
-/// What the gateway can take positions from. Each runs until its end or until the output says stop.
+/// The sources of positions. Each runs to its end or until the output stops it.
 #pragma once
 
 #include <chrono>
@@ -7,8 +7,8 @@
 #include <optional>
 #include <string>
 
-#include "tools/gnss-gateway/Input.h"
-#include "tools/gnss-gateway/Output.h"
+#include "tools/gnss-gateway/input.h"
+#include "tools/gnss-gateway/output.h"
 #include "tools/nmea/Framer.h"
 
 namespace gateway {
@@ -19,7 +19,7 @@ struct Drive_options {
   std::chrono::nanoseconds start{};  ///< instant of the drive to begin with
 };
 
-/// What a source has seen.
+/// Counts of a source.
 struct Source_result {
   std::uint64_t fixes = 0;        ///< instants with a valid fix
   std::uint64_t without_fix = 0;  ///< instants without
@@ -41,7 +41,7 @@ struct Nmea_options {
 
 /// `input` is that of `options.path`. A recording is sent in its own time, divided by the speed-up;
 /// a gap in it takes at most `max_gap`. Throws std::runtime_error with the path when it cannot be
-/// read, holds no sentence with a fix to send, or is a device that has gone.
+/// read, when it holds no sentence with a fix, or when the device disappears.
 [[nodiscard]] Source_result run_nmea(const Nmea_options& options, Input& input, Output& output);
 
 }  // namespace gateway

@@ -1,4 +1,4 @@
-#include "tools/gnss-gateway/Live.h"
+#include "tools/gnss-gateway/live.h"
 
 #include <poll.h>
 #include <unistd.h>
@@ -16,15 +16,15 @@ using tools::Stop_signal;
 constexpr auto brief_silence = 100ms;
 /// Longer than the pauses of a radio link within an instant.
 constexpr auto lasting_silence = 400ms;
-/// Without a sentence the user wants to know.
+/// After this time without a sentence, the gateway warns the user.
 constexpr auto patience = 5s;
 /// Longer than the usual second between two instants.
 constexpr auto rate_trial = 2200ms;
-/// Two, because one may be the work of chance.
+/// Two sentences: one can be noise with a matching checksum.
 constexpr std::uint64_t enough_sentences = 2;
 constexpr auto device_interval = 500ms;
 
-/// One line on standard error, dropped when nobody reads it: the positions must go on.
+/// Writes one line to standard error. Drops it when the pipe is full, so that positions continue.
 void say(const std::string& text) {
   const std::string line = "gnss-gateway: " + text + "\n";
   pollfd error{STDERR_FILENO, POLLOUT, 0};
@@ -100,7 +100,7 @@ void Live::begin() {
   }
 }
 
-/// False at the input's end.
+/// Returns false at the end of the input.
 bool Live::take_bytes() {
   const auto bytes = input_.read();
   if (!bytes) return true;
@@ -151,7 +151,7 @@ Live::Time Live::next_due() const {
   return due;
 }
 
-/// False when the output is done before the device is back.
+/// Returns false when the output is done before the device is back.
 bool Live::await_device() {
   say(name() + " is not there, waiting for it");
   while (!input_.reopen()) {

@@ -1,31 +1,18 @@
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/notification.h"
 
 #include <algorithm>
 #include <array>
 #include <cmath>
 #include <numbers>
 
+#include "binding/timestamp.h"
+
 namespace gateway {
 namespace {
 
-using lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct;
-using lumo::services::gnss::datatypes::DT_positions_struct;
-using lumo::services::gnss::datatypes::DT_positionsQuality_struct;
+using namespace lumo::services::gnss::datatypes;
+using lumo::services::Position_type;
 using Quality = boost::optional<binding::Value_type>;
-
-constexpr std::uint32_t type_gnss = 1;
-constexpr std::uint32_t type_dead_reckoning = 2;
-
-/// statusFixType
-enum class Fix_status : std::uint32_t {
-  none = 0,
-  dead_reckoning = 1,
-  two_dimensional = 2,
-  three_dimensional = 3,
-  differential = 4,
-  rtk_float = 5,
-  rtk_fixed = 6,
-};
 
 template <class Value, class Source>
 void physical(boost::optional<Value>& value, Quality& quality, Source source) {
@@ -33,7 +20,7 @@ void physical(boost::optional<Value>& value, Quality& quality, Source source) {
   quality = binding::Value_type::physical_value;
 }
 
-/// What the source told: good, or told and marked as not to be used, or not told.
+/// A value of the source: good, present but marked as unusable, or absent.
 template <class Value, class Source>
 void told(boost::optional<Value>& value,
           Quality& quality,
@@ -54,13 +41,13 @@ void missing(boost::optional<Value>& value, Quality& quality) {
   quality = binding::Value_type::error;
 }
 
-/// Metres per second from which on the direction of movement is where the vehicle points. A
-/// receiver's speed is uncertain by about 0.1 m/s across the movement: 2 degrees at this speed, any
-/// direction at rest. And below it vehicles reverse, which turns the course by 180 degrees.
+/// From this speed in m/s on, the course over ground serves as the heading. The speed of a receiver
+/// is uncertain by about 0.1 m/s across the movement: 2 degrees at this speed, any direction at
+/// rest. Below it vehicles also reverse, which turns the course by 180 degrees.
 constexpr double min_heading_speed = 3;
 
-/// Course over ground and heading, by one rule for every source: a measured heading stands, else
-/// the course replaces it where it can. `good`: the source can tell a course now.
+/// Course over ground and heading, by one rule for every source: a measured heading has priority,
+/// and the course replaces a missing one where it can. `good`: the source knows its course now.
 void fill_direction(DT_positions_struct& record,
                     const std::optional<double>& course,
                     const std::optional<double>& speed,
@@ -76,45 +63,38 @@ void fill_direction(DT_positions_struct& record,
   }
 }
 
-DT_positions_struct new_position(std::uint32_t type, const Context& context) {
+DT_positions_struct new_position(Position_type type, const Context& context) {
   DT_positions_struct record;
   record.positionType = type;
   record.messageCounter = context.message_counter;
-  const auto seconds = std::chrono::floor<std::chrono::seconds>(context.precise_local_time);
-  physical(record.preciseLocalTimeSeconds, record.preciseLocalTimeSeconds_valueType,
-           seconds.count());
-  physical(record.preciseLocalTimeNanoseconds, record.preciseLocalTimeNanoseconds_valueType,
-           (context.precise_local_time - seconds).count());
+  binding::set_timestamp(record, binding::Timestamp::of(context.precise_local_time));
   return record;
 }
 
-DT_positionsQuality_struct new_quality(std::uint32_t type,
-                                       Fix_status status,
+DT_positionsQuality_struct new_quality(Position_type type,
+                                       Fix_type status,
                                        const Context& context) {
   DT_positionsQuality_struct record;
   record.positionType = type;
-  record.statusFixType = static_cast<std::uint32_t>(status);
-  record.statusReceiverMode = status == Fix_status::none ? 1U : 2U;
+  record.statusFixType = status;
+  record.statusReceiverMode =
+      status == Fix_type::none ? Receiver_mode::acquiring : Receiver_mode::navigating;
   if (context.update_rate_hz) {
     physical(record.updateRateGNSS, record.updateRateGNSS_valueType, *context.update_rate_hz);
   }
   return record;
 }
 
-/// gnssSystem of the records
-enum class System : std::uint32_t { gps, glonass, galileo, beidou, sbas, other };
-constexpr std::size_t system_count = 6;
-
 /// Satellites counted by system.
 struct Count {
-  std::array<std::uint8_t, system_count> by_system{};
+  std::array<std::uint8_t, binding::enumerators<Gnss_system>.size()> by_system{};
   std::uint32_t systems = 0;  ///< bit set
-  void add(System system) {
+  void add(Gnss_system system) {
     auto& count = by_system.at(static_cast<std::size_t>(system));
     count = static_cast<std::uint8_t>(std::min(count + 1, 255));
     systems |= 1U << static_cast<unsigned>(system);
   }
-  [[nodiscard]] std::uint8_t of(System system) const {
+  [[nodiscard]] std::uint8_t of(Gnss_system system) const {
     return by_system.at(static_cast<std::size_t>(system));
   }
 };
@@ -129,96 +109,98 @@ void fill(DT_positionsQuality_struct& record, const Sky_count& count) {
   record.systemsInView = count.in_view.systems;
   record.systemsTracked = count.tracked.systems;
   record.systemsInUse = count.in_use.systems;
-  record.satsInViewGPS = count.in_view.of(System::gps);
-  record.satsInViewGLONASS = count.in_view.of(System::glonass);
-  record.satsInViewGalileo = count.in_view.of(System::galileo);
-  record.satsInViewBeiDou = count.in_view.of(System::beidou);
-  record.satsInViewSBAS = count.in_view.of(System::sbas);
-  record.satsInUseGPS = count.in_use.of(System::gps);
-  record.satsInUseGLONASS = count.in_use.of(System::glonass);
-  record.satsInUseGalileo = count.in_use.of(System::galileo);
-  record.satsInUseBeiDou = count.in_use.of(System::beidou);
-  record.satsInUseSBAS = count.in_use.of(System::sbas);
+  record.satsInViewGPS = count.in_view.of(Gnss_system::gps);
+  record.satsInViewGLONASS = count.in_view.of(Gnss_system::glonass);
+  record.satsInViewGalileo = count.in_view.of(Gnss_system::galileo);
+  record.satsInViewBeiDou = count.in_view.of(Gnss_system::beidou);
+  record.satsInViewSBAS = count.in_view.of(Gnss_system::sbas);
+  record.satsInUseGPS = count.in_use.of(Gnss_system::gps);
+  record.satsInUseGLONASS = count.in_use.of(Gnss_system::glonass);
+  record.satsInUseGalileo = count.in_use.of(Gnss_system::galileo);
+  record.satsInUseBeiDou = count.in_use.of(Gnss_system::beidou);
+  record.satsInUseSBAS = count.in_use.of(Gnss_system::sbas);
 }
 
 DT_posGnssSatInfos_struct new_satellite(
-    System system, std::uint32_t id, bool tracked, bool in_use, Sky_count& count) {
+    Gnss_system system, std::uint32_t id, bool tracked, bool in_use, Sky_count& count) {
   DT_posGnssSatInfos_struct record;
   record.satelliteId = id;
-  record.gnssSystem = static_cast<std::uint32_t>(system);
-  record.usage = in_use ? 2U : (tracked ? 1U : 0U);
+  record.gnssSystem = system;
+  record.usage = in_use    ? Satellite_usage::in_solution
+                 : tracked ? Satellite_usage::tracked
+                           : Satellite_usage::in_view;
   count.in_view.add(system);
   if (tracked) count.tracked.add(system);
   if (in_use) count.in_use.add(system);
   return record;
 }
 
-System system_of(nmea::Gnss_system system) {
+Gnss_system system_of(nmea::Gnss_system system) {
   switch (system) {
     case nmea::Gnss_system::gps:
-      return System::gps;
+      return Gnss_system::gps;
     case nmea::Gnss_system::glonass:
-      return System::glonass;
+      return Gnss_system::glonass;
     case nmea::Gnss_system::galileo:
-      return System::galileo;
+      return Gnss_system::galileo;
     case nmea::Gnss_system::beidou:
-      return System::beidou;
+      return Gnss_system::beidou;
     case nmea::Gnss_system::sbas:
-      return System::sbas;
+      return Gnss_system::sbas;
     case nmea::Gnss_system::qzss:
     case nmea::Gnss_system::navic:
     case nmea::Gnss_system::unknown:
       break;
   }
-  return System::other;
+  return Gnss_system::other;
 }
 
-System system_of(drive::Gnss_system system) {
+Gnss_system system_of(drive::Gnss_system system) {
   switch (system) {
     case drive::Gnss_system::gps:
-      return System::gps;
+      return Gnss_system::gps;
     case drive::Gnss_system::glonass:
-      return System::glonass;
+      return Gnss_system::glonass;
     case drive::Gnss_system::galileo:
-      return System::galileo;
+      return Gnss_system::galileo;
     case drive::Gnss_system::beidou:
-      return System::beidou;
+      return Gnss_system::beidou;
   }
-  return System::other;
+  return Gnss_system::other;
 }
 
-Fix_status status_of(const nmea::Fix& fix) {
-  if (!fix.valid) return Fix_status::none;
+Fix_type status_of(const nmea::Fix& fix) {
+  if (!fix.valid) return Fix_type::none;
   switch (fix.quality.value_or(nmea::Fix_quality::autonomous)) {
     case nmea::Fix_quality::estimated:
-      return Fix_status::dead_reckoning;
+      return Fix_type::dead_reckoning;
     case nmea::Fix_quality::rtk_fixed:
-      return Fix_status::rtk_fixed;
+      return Fix_type::rtk_fixed;
     case nmea::Fix_quality::rtk_float:
-      return Fix_status::rtk_float;
+      return Fix_type::rtk_float;
     case nmea::Fix_quality::differential:
     case nmea::Fix_quality::precise:
-      return Fix_status::differential;
+      return Fix_type::differential;
     default:
       break;
   }
   if (fix.dimension) {
-    return *fix.dimension == nmea::Fix_dimension::two ? Fix_status::two_dimensional
-                                                      : Fix_status::three_dimensional;
+    return *fix.dimension == nmea::Fix_dimension::two ? Fix_type::two_dimensional
+                                                      : Fix_type::three_dimensional;
   }
-  return fix.altitude_msl ? Fix_status::three_dimensional : Fix_status::two_dimensional;
+  return fix.altitude_msl ? Fix_type::three_dimensional : Fix_type::two_dimensional;
 }
 
-Fix_status status_of(drive::Fix_type fix) {
+Fix_type status_of(drive::Fix_type fix) {
   switch (fix) {
     case drive::Fix_type::none:
       break;
     case drive::Fix_type::two_dimensional:
-      return Fix_status::two_dimensional;
+      return Fix_type::two_dimensional;
     case drive::Fix_type::three_dimensional:
-      return Fix_status::three_dimensional;
+      return Fix_type::three_dimensional;
   }
-  return Fix_status::none;
+  return Fix_type::none;
 }
 
 /// The members that a GNSS fix and dead reckoning have in common.
@@ -240,7 +222,7 @@ void fill(DT_positions_struct& record, const drive::Sample& sample, bool altitud
 DT_positions_struct gnss_position(const drive::Sample& sample,
                                   const drive::Sky& sky,
                                   const Context& context) {
-  auto record = new_position(type_gnss, context);
+  auto record = new_position(Position_type::gnss, context);
   const bool solved = sample.fix != drive::Fix_type::none;
   if (!solved) {
     missing(record.LAT, record.LAT_valueType);
@@ -267,7 +249,7 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
 }
 
 DT_positions_struct dead_reckoned_position(const drive::Sample& sample, const Context& context) {
-  auto record = new_position(type_dead_reckoning, context);
+  auto record = new_position(Position_type::gnss_dr, context);
   fill(record, sample, true);
   fill_direction(record, std::nullopt, sample.speed, sample.heading, true);
   physical(record.yawRate, record.yawRate_valueType, sample.yaw_rate);
@@ -277,7 +259,7 @@ DT_positions_struct dead_reckoned_position(const drive::Sample& sample, const Co
   return record;
 }
 
-/// What receivers tell in sentences of their own, and most do not: absent is no error here.
+/// Quantities from sentences that only some receivers send: an absent one is no error.
 void fill_supplements(DT_positions_struct& record, const nmea::Fix& fix) {
   if (fix.accuracy_horizontal) {
     told(record.accuracyHorizontal, record.accuracyHorizontal_valueType, fix.accuracy_horizontal,
@@ -302,7 +284,7 @@ void fill_supplements(DT_positions_struct& record, const nmea::Fix& fix) {
 
 Notification to_notification(const nmea::Fix& fix, const Context& context) {
   Notification result;
-  auto position = new_position(type_gnss, context);
+  auto position = new_position(Position_type::gnss, context);
   std::optional<double> latitude;
   std::optional<double> longitude;
   if (fix.position) {
@@ -319,10 +301,10 @@ Notification to_notification(const nmea::Fix& fix, const Context& context) {
   fill_supplements(position, fix);
   if (!fix.supplement) {
     result.positions = {position, position};
-    result.positions[1].positionType = type_dead_reckoning;
+    result.positions[1].positionType = Position_type::gnss_dr;
   }
 
-  auto quality = new_quality(type_gnss, status_of(fix), context);
+  auto quality = new_quality(Position_type::gnss, status_of(fix), context);
   told(quality.hDOP, quality.hDOP_valueType, fix.hdop, true);
   told(quality.pDOP, quality.pDOP_valueType, fix.pdop, true);
   told(quality.vDOP, quality.vDOP_valueType, fix.vdop, true);
@@ -343,7 +325,7 @@ Notification to_notification(const nmea::Fix& fix, const Context& context) {
     fill(quality, count);
   }
   result.quality = {quality, quality};
-  result.quality[1].positionType = type_dead_reckoning;
+  result.quality[1].positionType = Position_type::gnss_dr;
   return result;
 }
 
@@ -366,10 +348,10 @@ Notification to_notification(const drive::Sample& sample,
     list.push_back(record);
   }
 
-  const Fix_status status = status_of(sample.fix);
-  auto quality = new_quality(type_gnss, status, context);
+  const Fix_type status = status_of(sample.fix);
+  auto quality = new_quality(Position_type::gnss, status, context);
   quality.isActivatedAssistedGNSS = false;
-  quality.statusGNSSAntenna = 1U;
+  quality.statusGNSSAntenna = Antenna_status::ok;
   const bool solved = sky.gdop > 0;
   const auto dilution = [&](double value) { return solved ? std::optional(value) : std::nullopt; };
   told(quality.gDOP, quality.gDOP_valueType, dilution(sky.gdop), solved);
@@ -381,10 +363,10 @@ Notification to_notification(const drive::Sample& sample,
   physical(quality.satsTracked, quality.satsTracked_valueType, sky.tracked);
   fill(quality, count);
   auto dead_reckoned = quality;
-  dead_reckoned.positionType = type_dead_reckoning;
-  if (status == Fix_status::none) {
-    dead_reckoned.statusFixType = static_cast<std::uint32_t>(Fix_status::dead_reckoning);
-    dead_reckoned.statusReceiverMode = 2U;
+  dead_reckoned.positionType = Position_type::gnss_dr;
+  if (status == Fix_type::none) {
+    dead_reckoned.statusFixType = Fix_type::dead_reckoning;
+    dead_reckoned.statusReceiverMode = Receiver_mode::navigating;
   }
   result.quality = {quality, dead_reckoned};
   return result;

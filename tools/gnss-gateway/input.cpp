@@ -1,4 +1,4 @@
-#include "tools/gnss-gateway/Input.h"
+#include "tools/gnss-gateway/input.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -12,7 +12,7 @@
 namespace gateway {
 namespace {
 
-/// What open() and read() say of a device that is not plugged in.
+/// Errors of open() and read() for a device that is not plugged in.
 bool is_absence(int error) {
   return error == ENOENT || error == ENXIO || error == ENODEV || error == EIO;
 }
@@ -84,12 +84,12 @@ void Input::set_rate(unsigned rate) {
   if (tcgetattr(descriptor_, &settings) == 0) {
     cfsetispeed(&settings, speed);
     cfsetospeed(&settings, speed);
-    // Input of another rate is noise.
+    // Bytes received at another rate are noise.
     if (tcsetattr(descriptor_, TCSANOW, &settings) == 0 && tcflush(descriptor_, TCIFLUSH) == 0) {
       return;
     }
   }
-  if (!is_absence(errno)) fail();  // the next read finds that it has gone
+  if (!is_absence(errno)) fail();  // the next read reports the absence
 }
 
 std::optional<unsigned> Input::rate() const {

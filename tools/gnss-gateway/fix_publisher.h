@@ -5,8 +5,8 @@
 #include <cstdint>
 #include <optional>
 
-#include "tools/gnss-gateway/Output.h"
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/sources.h"
 #include "tools/nmea/Fix.h"
 
 namespace gateway {
@@ -15,10 +15,10 @@ class Fix_publisher {
  public:
   explicit Fix_publisher(Output& output) : output_(output) {}
 
-  /// How much later `fix` is than the one before; nothing when one of them does not say.
+  /// Time from the previous fix to `fix`; nothing when one of the two carries no time.
   [[nodiscard]] std::optional<std::chrono::nanoseconds> since_last(const nmea::Fix& fix) const;
 
-  /// Nothing once the output is done.
+  /// Does nothing once the output is done.
   void publish(const nmea::Fix& fix);
 
   /// The next fix is from another pass over the recording.

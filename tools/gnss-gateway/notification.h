@@ -1,9 +1,9 @@
-/// From what a source knows to what the GNSS service says.
+/// Makes the records of one GNSS notification from a fix of a receiver or a sample of a drive.
 ///
-/// A quantity that the source never has is absent. One that the source has but cannot tell at this
-/// instant (no fix, too slow for a heading) carries valueType Error: with the receiver's own last
-/// value when it gives one, else without a value. Everything else carries PhysicalValue.
-/// docs/receivers.md describes each member.
+/// A quantity that the source never measures is absent. A quantity that the source cannot measure
+/// at this instant (no fix, too slow for a heading) carries valueType Error: with the last value of
+/// the receiver when it sends one, else without a value. Every other quantity carries
+/// PhysicalValue. docs/receivers.md describes each member.
 #pragma once
 
 #include <chrono>
@@ -17,7 +17,7 @@
 
 namespace gateway {
 
-/// What one instant gives to the three fields.
+/// Values of the three fields for one instant.
 struct Notification {
   /// Empty: only quality and satellites are new, the field keeps its value.
   std::vector<lumo::services::gnss::datatypes::DT_positions_struct> positions;
@@ -26,7 +26,7 @@ struct Notification {
   std::optional<std::vector<lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct>> satellites;
 };
 
-/// What does not come from the source itself.
+/// Inputs that do not come from the source.
 struct Context {
   std::uint32_t message_counter = 0;
   std::chrono::nanoseconds precise_local_time{};
@@ -36,7 +36,7 @@ struct Context {
 /// A receiver without sensors: its dead-reckoning sample repeats the GNSS sample.
 [[nodiscard]] Notification to_notification(const nmea::Fix& fix, const Context& context);
 
-/// A receiver with dead reckoning, which goes on in the tunnel.
+/// A receiver with dead reckoning, which continues in the tunnel.
 [[nodiscard]] Notification to_notification(const drive::Sample& sample,
                                            const drive::Sky& sky,
                                            const Context& context);

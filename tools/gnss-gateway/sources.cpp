@@ -1,13 +1,13 @@
-#include "tools/gnss-gateway/Sources.h"
+#include "tools/gnss-gateway/sources.h"
 
 #include <algorithm>
 #include <cmath>
 #include <stdexcept>
 
 #include "tools/drive/Drive.h"
-#include "tools/gnss-gateway/Fix_publisher.h"
-#include "tools/gnss-gateway/Live.h"
-#include "tools/gnss-gateway/Records.h"
+#include "tools/gnss-gateway/fix_publisher.h"
+#include "tools/gnss-gateway/live.h"
+#include "tools/gnss-gateway/notification.h"
 #include "tools/nmea/Reader.h"
 
 namespace gateway {
@@ -18,7 +18,7 @@ using std::chrono::nanoseconds;
 using std::chrono::steady_clock;
 using tools::Stop_signal;
 
-/// Between two instants that do not tell a time.
+/// Interval between two instants that carry no time.
 constexpr auto usual_interval = 1s;
 
 Source_result run_recording(const Nmea_options& options, Input& input, Output& output) {

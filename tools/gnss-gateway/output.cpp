@@ -1,17 +1,17 @@
-#include "tools/gnss-gateway/Output.h"
+#include "tools/gnss-gateway/output.h"
 
 #include <algorithm>
 #include <vector>
 
 #include "binding/codec.h"
+#include "binding/timestamp.h"
 #include "clients/GNSS.h"
 #include "clients/Time.h"
 
 namespace gateway {
 namespace {
 
-using lumo::services::time::datatypes::DT_times_struct;
-using lumo::services::time::datatypes::DT_timeSettings_struct;
+using namespace lumo::services::time::datatypes;
 using std::chrono::steady_clock;
 using tools::Stop_signal;
 
@@ -26,13 +26,11 @@ DT_timeSettings_struct default_time_settings() {
   settings.timeZoneOffset = 60;
   settings.daylightSavingTime = false;
   settings.timeFormat = 24U;
-  settings.dateFormat = 1U;
+  settings.dateFormat = Date_format::day_first;
   settings.timeZoneName = std::string("Europe/Zurich");
   return settings;
 }
 
-constexpr std::uint32_t type_utc = 1;
-constexpr std::uint32_t type_platform_time = 2;
 /// TAI minus UTC since 2017.
 constexpr std::int32_t leap_seconds = 37;
 
@@ -49,7 +47,7 @@ Output::Output(Stop_signal& stop_signal, const Output_options& options)
       options_(options),
       time_base_(synchronized_time_base()),
       services_(std::make_unique<Services>()) {
-  // Without a value a field has nothing to answer with.
+  // A field without a value cannot answer Get.
   services_->gnss.positions.Update({});
   services_->gnss.positionsQuality.Update({});
   services_->gnss.posGnssSatInfos.Update({});
@@ -76,21 +74,19 @@ Output::~Output() {
 }
 
 void Output::publish_time() {
-  using namespace std::chrono;
-  const auto now = system_clock::now().time_since_epoch();
-  const auto whole = floor<seconds>(now);
+  const auto now = binding::Timestamp::of(std::chrono::system_clock::now().time_since_epoch());
   DT_times_struct utc;
-  utc.type = type_utc;
-  utc.utcSeconds = static_cast<std::uint32_t>(whole.count());
-  utc.utcNanoseconds = static_cast<std::uint32_t>(nanoseconds(now - whole).count());
+  utc.type = Time_type::utc;
+  utc.utcSeconds = now.seconds;
+  utc.utcNanoseconds = now.nanoseconds;
   utc.leapSeconds = leap_seconds;
-  utc.syncState = 1U;
+  utc.syncState = Sync_state::synchronized;
   DT_times_struct platform;
-  platform.type = type_platform_time;
-  platform.syncState = 1U;
+  platform.type = Time_type::platform;
+  platform.syncState = Sync_state::synchronized;
   platform.pltOffset = options_.plt_offset_ns;
   services_->time->times.Update({utc, platform});
-  next_time_record_ = steady_clock::now() + seconds(1);
+  next_time_record_ = steady_clock::now() + std::chrono::seconds(1);
 }
 
 bool Output::is_done() const {
