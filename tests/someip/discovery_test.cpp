@@ -563,7 +563,7 @@ TEST_F(Discovery_test, a_find_costs_no_more_when_many_answers_wait) {
       says(find(), {.peer = client, .multicast = true});
   }
   // A look at all waiting answers for each of them takes many seconds.
-  EXPECT_LT(std::clock() - begin, CLOCKS_PER_SEC);
+  EXPECT_LT(std::clock() - begin, 3 * CLOCKS_PER_SEC);
   const auto answers = until(1100);
   EXPECT_EQ(std::ranges::count(answers, 'v'), instances * clients);
 }
