@@ -18,7 +18,6 @@ CLONE_NEWNET = 0x40000000
 class DiscoveryBehaviour(suite.Group):
     title = "Discovery behaviour"
     streams = True
-    base = 100
     application = False
 
     # Subscribing, as client
@@ -276,7 +275,7 @@ class DiscoveryBehaviour(suite.Group):
             subprocess.run(["ip", "link", "set", "lo", state], check=True)
         try:
             link("up")
-            self.__class__.network = Network(self.base)
+            self.__class__.network = Network()
             yield link
         finally:
             self.doCleanups()

@@ -16,7 +16,6 @@ def multicast(address, port, protocol=UDP_PROTOCOL):
 class Options(suite.Group):
     title = "Options"
     streams = True
-    base = 101
 
     # Formats
 

@@ -40,18 +40,16 @@ def in_time(test):
 
 
 class Group(unittest.TestCase):
-    """A group of rules. `title` heads its table in docs/conformance.md, `base` chooses its addresses,
-    `application` starts the application once for all tests, `streams` carry several messages a packet."""
+    """A group of rules. `title` heads its table in docs/conformance.md, `application` starts the application once for all tests, `streams` carry several messages a packet."""
 
     maxDiff = None
     title = None
-    base = 0
     application = True
     streams = False
 
     @classmethod
     def setUpClass(cls):
-        cls.network = net.Network(cls.base)
+        cls.network = net.Network()
         cls.addClassCleanup(cls.network.close)
         cls.desk = cls.enterClassContext(Desk(cls.network.number))
         if cls.application:

@@ -22,9 +22,6 @@ from tester import CLEAR, D_14A0, MONITOR, NO_TEXTS, REENABLED, RESTART, Tester
 HOST = BUILD / "tests/system/log_texts_host"
 APPROVED = SOURCE / "tests/system/log_texts.approved"
 APPROVE = "--approve" in sys.argv
-NETWORK = 173
-RECEIVER, TESTER = f"127.{NETWORK}.0.20", f"127.{NETWORK}.0.40"
-DAEMON_PORT = 39173
 THREAD_SANITIZER = re.search(r"^POS_SANITIZE:.*thread", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
 GNSS, TIME = "lumo::services::gnss::GNSS", "lumo::services::time::Time"
 POSITIONING = "lumo::services::positioning::Positioning"
@@ -159,7 +156,7 @@ class Source:
     """Offers GNSS and Time, acknowledges subscriptions once told to, and notifies."""
 
     def __init__(self, desk, network):
-        self.peer = network.peer(RECEIVER)
+        self.peer = network.peer(desk.address(20))
         self.services = {name: desk.manifest["services"][name] for name in (GNSS, TIME)}
         self.ids = {name: int(service["id"], 0) for name, service in self.services.items()}
         self.sockets = {name: self.peer.socket(service["instances"][0]["udpPort"])
@@ -208,7 +205,7 @@ def empty_storage(desk, log, network, tester):
               environment={"POS_LOG_LEVEL": "info,PHMC=verbose,TRCE=verbose"})
     with Source(desk, network) as source:
         run.wait("startup finished")
-        descriptions()
+        descriptions(desk)
         first, *others = MONITORS
         tester.init_monitor(first, REENABLED)
         for name in others:
@@ -242,9 +239,9 @@ def empty_storage(desk, log, network, tester):
     assert offers == stops == 9 + len(MONITORS), (offers, stops)  # and the statistics, positions, data identifiers
 
 
-def descriptions():
+def descriptions(desk):
     """What the daemon knows of the application and its contexts."""
-    told = subprocess.run(["dlt-control", "-j", "-p", str(DAEMON_PORT), "localhost"], capture_output=True, text=True,
+    told = subprocess.run(["dlt-control", "-j", "-p", str(desk.dlt_port), "localhost"], capture_output=True, text=True,
                           timeout=20).stdout
     assert f"APID:POS- POS application\n" in told, told
     contexts = dict(re.findall(r"^CTID:(\w{4})  \d  0 (.*)$", told, re.MULTILINE))
@@ -316,12 +313,12 @@ def failures(desk, log, network, tester):
 
 def main():
     with contextlib.ExitStack() as stack:
-        desk = stack.enter_context(Desk(NETWORK))
-        log = Log(desk.path, DAEMON_PORT)
+        desk = stack.enter_context(Desk())
+        log = Log(desk)
         stack.callback(log.end)
         network = Network(desk=desk)
         stack.callback(network.close)
-        tester = Tester(desk, network, TESTER)
+        tester = Tester(desk, network)
         empty_storage(desk, log, network, tester)
         full_storage(desk, log, network)
         other_storages(desk, log)

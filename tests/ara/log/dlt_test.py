@@ -13,8 +13,6 @@ from desk import BUILD, DEADLINE, Desk, until
 from dlt import Log
 
 PROBE = BUILD / "tests/ara/log/log_probe"
-NETWORK = 171
-PORT = 39171
 
 
 class Probe:
@@ -50,10 +48,10 @@ class Probe:
 
 class DltTest(unittest.TestCase):
     def setUp(self):
-        self.desk = self.enterContext(Desk(NETWORK))
+        self.desk = self.enterContext(Desk())
 
     def daemon(self):
-        daemon = Log(self.desk.path, PORT)
+        daemon = Log(self.desk)
         self.addCleanup(daemon.end)
         return daemon
 
@@ -218,7 +216,7 @@ class DltTest(unittest.TestCase):
         complaint, = daemon.texts("POS")
         self.assertIn('POS_LOG_LEVEL: ignored "PSRV=loud"', complaint)
 
-        subprocess.run(["dlt-control", "-p", str(PORT), "-a", "POS", "-c", "PSRV", "-l", "6", "-t", "1000",
+        subprocess.run(["dlt-control", "-p", str(self.desk.dlt_port), "-a", "POS", "-c", "PSRV", "-l", "6", "-t", "1000",
                         "localhost"], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, timeout=15)
         until(lambda: probe.tell("level PSRV") == "6", "the new level")
         probe.tell("log PSRV 6 now shown")
