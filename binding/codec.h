@@ -509,8 +509,7 @@ struct Codec<Record> {
   static std::byte* write(const Record& record,
                           std::byte* to,
                           const Serialization_settings& given) {
-    const auto settings = given;  // a copy: the compiler must assume that written bytes change
-                                  // `given`
+    const auto settings = given;  // a copy: written bytes might change `given`
     if constexpr (detail::full_size<Record> != 0) {
       if (detail::is_full(record)) {
         return detail::write_full(to, record, settings,

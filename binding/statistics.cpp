@@ -18,8 +18,8 @@ ara::core::Future<Value> ready(Value value) {
 Statistics_skeleton::Statistics_skeleton()
     : Skeleton_impl{ara::core::InstanceSpecifier("Statistics_ProvidedSomeipServiceInstance")} {
   using mw::com::cpp_binding::skeleton::provide;
-  provide(provision(), Statistics::Counters, [this] { return Counters(); });
-  provide(provision(), Statistics::Process, [this] { return Process(); });
+  provide(core(), Statistics::Counters, [this] { return Counters(); });
+  provide(core(), Statistics::Process, [this] { return Process(); });
 }
 
 ara::core::Future<Statistics::Counters_result> Statistics_skeleton::Counters() {

@@ -47,8 +47,8 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
  public:
   explicit Statistics_proxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<Statistics::Counters> Counters{connection()};
-  mw::com::cpp_binding::proxy::Element<Statistics::Process> Process{connection()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Counters> Counters{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Process> Process{core()};
 };
 
 /// Answers with the counters and usage of this process.

@@ -29,9 +29,9 @@ class GNSSProxy : public mw::com::cpp_binding::proxy::Proxy_impl<GNSS> {
  public:
   explicit GNSSProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<GNSS::positions> positions{connection()};
-  mw::com::cpp_binding::proxy::Element<GNSS::positionsQuality> positionsQuality{connection()};
-  mw::com::cpp_binding::proxy::Element<GNSS::posGnssSatInfos> posGnssSatInfos{connection()};
+  mw::com::cpp_binding::proxy::Element<GNSS::positions> positions{core()};
+  mw::com::cpp_binding::proxy::Element<GNSS::positionsQuality> positionsQuality{core()};
+  mw::com::cpp_binding::proxy::Element<GNSS::posGnssSatInfos> posGnssSatInfos{core()};
 };
 }  // namespace proxy
 
@@ -41,9 +41,9 @@ class GNSSSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<GNSS> 
   explicit GNSSSkeleton(const ara::core::InstanceSpecifier& specifier) : Skeleton_impl{specifier} {}
   ~GNSSSkeleton() { disconnect(); }
 
-  mw::com::cpp_binding::skeleton::Element<GNSS::positions> positions{provision()};
-  mw::com::cpp_binding::skeleton::Element<GNSS::positionsQuality> positionsQuality{provision()};
-  mw::com::cpp_binding::skeleton::Element<GNSS::posGnssSatInfos> posGnssSatInfos{provision()};
+  mw::com::cpp_binding::skeleton::Element<GNSS::positions> positions{core()};
+  mw::com::cpp_binding::skeleton::Element<GNSS::positionsQuality> positionsQuality{core()};
+  mw::com::cpp_binding::skeleton::Element<GNSS::posGnssSatInfos> posGnssSatInfos{core()};
 };
 }  // namespace skeleton
 

@@ -27,8 +27,8 @@ class TimeProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Time> {
  public:
   explicit TimeProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<Time::times> times{connection()};
-  mw::com::cpp_binding::proxy::Element<Time::timeSettings> timeSettings{connection()};
+  mw::com::cpp_binding::proxy::Element<Time::times> times{core()};
+  mw::com::cpp_binding::proxy::Element<Time::timeSettings> timeSettings{core()};
 };
 }  // namespace proxy
 
@@ -38,8 +38,8 @@ class TimeSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Time> 
   explicit TimeSkeleton(const ara::core::InstanceSpecifier& specifier) : Skeleton_impl{specifier} {}
   ~TimeSkeleton() { disconnect(); }
 
-  mw::com::cpp_binding::skeleton::Element<Time::times> times{provision()};
-  mw::com::cpp_binding::skeleton::Element<Time::timeSettings> timeSettings{provision()};
+  mw::com::cpp_binding::skeleton::Element<Time::times> times{core()};
+  mw::com::cpp_binding::skeleton::Element<Time::timeSettings> timeSettings{core()};
 };
 }  // namespace skeleton
 

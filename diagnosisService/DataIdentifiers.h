@@ -103,8 +103,8 @@ class DataIdentifierProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Inter
  public:
   explicit DataIdentifierProxy(const typename Base::Handle_type& handle) : Base{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<Interface::Read> Read{this->connection()};
-  mw::com::cpp_binding::proxy::Element<Interface::Cancel> Cancel{this->connection()};
+  mw::com::cpp_binding::proxy::Element<Interface::Read> Read{this->core()};
+  mw::com::cpp_binding::proxy::Element<Interface::Cancel> Cancel{this->core()};
 };
 
 template <class Interface>
@@ -117,9 +117,9 @@ class DataIdentifierSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_i
   /// An implementation's destructor must begin with disconnect(), so that afterwards no call
   /// reaches it.
   explicit DataIdentifierSkeleton(const ara::core::InstanceSpecifier& specifier) : Base{specifier} {
-    mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Read,
+    mw::com::cpp_binding::skeleton::provide(this->core(), Interface::Read,
                                             [this](const MetaInfo& info) { return Read(info); });
-    mw::com::cpp_binding::skeleton::provide(this->provision(), Interface::Cancel,
+    mw::com::cpp_binding::skeleton::provide(this->core(), Interface::Cancel,
                                             [this](const MetaInfo& info) { return Cancel(info); });
   }
   virtual ~DataIdentifierSkeleton() { this->disconnect(); }

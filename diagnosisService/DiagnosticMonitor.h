@@ -61,9 +61,8 @@ class DiagnosticMonitorProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Di
  public:
   explicit DiagnosticMonitorProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{connection()};
-  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
-      connection()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::InitMonitor> InitMonitor{core()};
+  mw::com::cpp_binding::proxy::Element<DiagnosticMonitor::MonitorAction> MonitorAction{core()};
 };
 }  // namespace proxy
 
@@ -76,15 +75,14 @@ class DiagnosticMonitorSkeleton
   explicit DiagnosticMonitorSkeleton(const ara::core::InstanceSpecifier& specifier)
       : Skeleton_impl{specifier} {
     mw::com::cpp_binding::skeleton::provide(
-        provision(), DiagnosticMonitor::InitMonitor,
+        core(), DiagnosticMonitor::InitMonitor,
         [this](InitMonitorReason reason) { return InitMonitor(reason); });
   }
   virtual ~DiagnosticMonitorSkeleton() { disconnect(); }
 
   virtual ara::core::Future<void> InitMonitor(InitMonitorReason reason) = 0;
 
-  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{
-      provision()};
+  mw::com::cpp_binding::skeleton::Element<DiagnosticMonitor::MonitorAction> MonitorAction{core()};
 };
 }  // namespace skeleton
 

@@ -92,8 +92,7 @@ inline constexpr auto kMonitorPlaces = [] {
 
 /// Index in kMonitors, kNoMonitor for an unknown identifier.
 [[nodiscard]] constexpr std::size_t monitorIndex(std::uint32_t identifier) {
-  const auto distance = identifier - kMonitors.front().identifier;  // huge if it is before the
-                                                                    // first
+  const auto distance = identifier - kMonitors.front().identifier;  // huge if before it
   return distance < kMonitorPlaces.size() ? kMonitorPlaces[distance] : kNoMonitor;
 }
 

@@ -33,6 +33,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
                    counters_,
                    log_,
                    {*this, *this, [this](const auto& bytes, const auto& to) { sent(bytes, to); },
+                    [this](someip::Time next) { next_ = next; },
                     [](const someip::Address&, someip::Time) {}}) {}
 
   void step(Input& input) {
@@ -81,10 +82,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   }
 
   void stop() {
-    discovery_.change(now_, [](auto& server, auto& client) {
-      client.unsubscribe_all();
-      server.stop_all();
-    });
+    discovery_.withdraw_all(now_);
     for (const auto& [group, all] : subscribers_) {
       require(all.empty(), "nobody is subscribed after the end");
     }
@@ -98,13 +96,13 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     // Timers without a delay may be due again at once, but not for ever.
     for (int round = 0; round < 64; ++round) {
       discovery_.on_time(now_);
-      if (discovery_.next_deadline() > now_) return;
+      if (next_ > now_) return;
     }
     require(false, "time without an end to its work");
   }
   std::chrono::nanoseconds until_next() const {
-    const auto next = discovery_.next_deadline();
-    return next == someip::Time::max() || next < now_ ? std::chrono::nanoseconds(0) : next - now_;
+    return next_ == someip::Time::max() || next_ < now_ ? std::chrono::nanoseconds(0)
+                                                        : next_ - now_;
   }
 
   void receive(fuzz::Bytes bytes, Input& input) {
@@ -117,7 +115,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     const auto& instance = service.instances[choice & 1U];
     const auto& key = provided[choice & 1U];
     if ((choice & 2U) != 0) {
-      discovery_.change(now_, [&](auto& server, auto&) { server.stop_offer(key); });
+      discovery_.stop_offer(key, now_);
       offered_.erase(key);
       return;
     }
@@ -132,52 +130,44 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     if ((choice & 8U) != 0) offer.allowed_peers = {fuzz::address(0x7F4D0103)};
     // What is offered already stays as it is.
     if (offered_.insert(key).second) lists_[key] = offer.allowed_peers;
-    discovery_.change(now_, [&](auto& server, auto&) { server.offer(offer, now_); });
+    discovery_.offer(offer, now_);
   }
 
   void search(std::uint8_t choice) {
     const auto& key = used[choice % used.size()];
-    const std::uint16_t instance = (choice & 0x40U) != 0 ? someip::any_instance : key.instance;
-    discovery_.change(now_, [&](auto&, auto& client) {
-      if ((choice & 0x80U) != 0) {
-        client.stop_search(key.service, instance, key.major_version);
-      } else {
-        client.start_search(key.service, instance, key.major_version, now_);
-      }
-    });
+    auto wanted = key;
+    if ((choice & 0x40U) != 0) wanted.instance = someip::any_instance;
+    (choice & 0x80U) != 0 ? discovery_.stop_search(wanted, now_)
+                          : discovery_.start_search(wanted, now_);
   }
 
   void subscribe(std::uint8_t choice) {
     const auto& key = used[choice % used.size()];
     const auto group = static_cast<std::uint16_t>(1 + ((choice >> 4U) & 1U));
-    discovery_.change(now_, [&](auto&, auto& client) {
-      if ((choice & 0x80U) != 0) {
-        client.unsubscribe(key, group);
-        // The end of an active subscription by the own wish is not told.
-        if (!client.active(key, group)) active_.erase({key, group});
-      } else {
-        const bool tcp = key.service == fuzz::guarded_service;
-        client.subscribe(key, group, {!tcp, tcp, std::nullopt, 0});
-      }
-    });
+    if ((choice & 0x80U) != 0) {
+      discovery_.unsubscribe(key, group, now_);
+      // Discovery does not report the end of a subscription that its own node has ended.
+      if (!discovery_.active(key, group)) active_.erase({key, group});
+    } else {
+      const bool tcp = key.service == fuzz::guarded_service;
+      discovery_.subscribe(key, group, {!tcp, tcp, std::nullopt, 0}, now_);
+    }
   }
 
   void connection(Input& input) {
     const auto choice = input.u8();
     const Endpoint peer = fuzz::any_endpoint(input);
-    discovery_.change(now_, [&](auto& server, auto& client) {
-      switch (choice % 3U) {
-        case 0:
-          client.connected(peer);
-          break;
-        case 1:
-          client.connection_lost(peer);
-          break;
-        default:
-          server.connection_lost(peer);
-          break;
-      }
-    });
+    switch (choice % 3U) {
+      case 0:
+        discovery_.connected(peer, now_);
+        break;
+      case 1:
+        discovery_.connection_lost(peer, now_);
+        break;
+      default:
+        discovery_.client_lost(peer, now_);
+        break;
+    }
   }
 
   void sent(const std::vector<std::byte>& bytes, const std::optional<Endpoint>& to) {
@@ -291,7 +281,8 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
   someip::Log log_{nullptr};
   someip::Time now_{std::chrono::seconds(1000)};
   fuzz::Discovery_source peers_;
-  std::size_t messages_ = 0;  ///< sent in this step
+  someip::Time next_ = someip::Time::max();  ///< deadline of discovery_
+  std::size_t messages_ = 0;                 ///< sent in this step
   std::set<Instance_key> offered_, known_;
   std::map<Instance_key, std::vector<someip::Address>> lists_;  ///< of offered_
   std::set<Group> active_;

@@ -1,4 +1,4 @@
-// The whole runtime of a process, without threads and real sockets: proxies' connections, provided
+// The whole runtime of a process, without threads and real sockets: proxies' consumers, provided
 // instances and the node under them, against peers that send whatever they like in whatever order.
 #include <boost/asio/executor_work_guard.hpp>
 #include <boost/asio/io_context.hpp>
@@ -17,8 +17,8 @@
 
 #include "fuzz/network.h"
 #include "fuzz/world.h"
-#include "platform/linux/com/connection.h"
-#include "platform/linux/com/provision.h"
+#include "platform/linux/com/consumer.h"
+#include "platform/linux/com/provider.h"
 #include "platform/someip/node/node.h"
 
 namespace {
@@ -97,7 +97,7 @@ class Player final : public someip::Workers {
   std::map<std::uint64_t, std::shared_ptr<someip::Readable>> readers_;
 };
 
-class Search final : public someip::Search {
+class Search final : public someip::Search_sink {
  public:
   void found(const std::vector<std::uint16_t>& instances) override {
     const std::set<std::uint16_t> different(instances.begin(), instances.end());
@@ -112,18 +112,18 @@ class Application {
       : deployment_(deployment), services_(deployment.services) {
     for (const auto& service : services_) {
       for (const auto& instance : service.instances) {
-        provisions_.push_back(std::make_unique<tq::com::Provision>(node_.provide(service, instance),
-                                                                   node_, deployment.source));
-        provide_methods(service, *provisions_.back());
+        providers_.push_back(std::make_unique<tq::com::Someip_provider>(service, instance, node_,
+                                                                        deployment.source));
+        provide_methods(service, *providers_.back());
       }
     }
-    for (std::size_t i = 0; i < provisions_.size(); ++i)
+    for (std::size_t i = 0; i < providers_.size(); ++i)
       offer(static_cast<std::uint8_t>(i));
     for (const auto& service : services_) {
       if (!service.instances.empty()) continue;
       used_.push_back(&service);
       for (const std::uint16_t instance : {std::uint16_t{1}, std::uint16_t{2}}) {
-        connections_.push_back(std::make_unique<tq::com::Connection>(
+        consumers_.push_back(std::make_unique<tq::com::Someip_consumer>(
             std::make_shared<const tq::com::Remote_instance>(service, instance), node_, player_,
             deployment.limits));
       }
@@ -183,10 +183,10 @@ class Application {
   }
 
   void stop() {
-    for (auto& connection : connections_)
-      connection.reset();
-    for (auto& provision : provisions_)
-      provision.reset();
+    for (auto& consumer : consumers_)
+      consumer.reset();
+    for (auto& provider : providers_)
+      provider.reset();
     player_.settle();
     player_.beside([&] { node_.stop(); });
     player_.settle();
@@ -199,18 +199,18 @@ class Application {
   using Subscription_key = std::pair<std::size_t, std::string>;
 
   static void provide_methods(const someip::Service_deployment& service,
-                              tq::com::Provision& provision) {
+                              tq::com::Someip_provider& provider) {
     const auto echo = [](tq::com::Payload payload) {
       return tq::com::Response{{}, {payload.begin(), payload.end()}};
     };
-    provision.set_method_handler(1, echo);
+    provider.set_method_handler(1, echo);
     if (service.id != fuzz::provided_service) return;
-    provision.set_method_handler(4, echo);
-    provision.set_method_handler(2, [](tq::com::Payload) { return tq::com::Response{}; });
-    provision.set_method_handler(
+    provider.set_method_handler(4, echo);
+    provider.set_method_handler(2, [](tq::com::Payload) { return tq::com::Response{}; });
+    provider.set_method_handler(
         3, [](tq::com::Payload) -> tq::com::Response { throw std::runtime_error("no"); });
-    provision.set_method_handler(17, [&provision](tq::com::Payload payload) {
-      provision.update_field(0x8002, payload);
+    provider.set_method_handler(17, [&provider](tq::com::Payload payload) {
+      provider.update_field(0x8002, payload);
       return tq::com::Response{};
     });
   }
@@ -221,8 +221,8 @@ class Application {
   }
 
   void offer(std::uint8_t choice) {
-    auto& provision = *provisions_[(choice & 0x0FU) % provisions_.size()];
-    (choice & 0x80U) == 0 ? provision.offer() : provision.stop_offer();
+    auto& provider = *providers_[(choice & 0x0FU) % providers_.size()];
+    (choice & 0x80U) == 0 ? provider.offer() : provider.stop_offer();
     player_.settle();
   }
 
@@ -231,20 +231,20 @@ class Application {
     const std::uint16_t instance = (choice & 2U) == 0 ? someip::any_instance : 1;
     auto& running = searches_[choice & 3U];
     if (running) {
-      node_.stop_search(std::exchange(running, nullptr));
+      node_.client().searches().stop(std::exchange(running, nullptr));
     } else {
       running = std::make_shared<Search>();
-      node_.start_search(service, instance, running);
+      node_.client().searches().start(service, instance, running);
     }
     player_.settle();
   }
 
   void subscribe(std::uint8_t choice) {
-    const std::size_t number = choice % connections_.size();
+    const std::size_t number = choice % consumers_.size();
     const std::string element = (choice & 0x10U) != 0 && number < 2 ? "state" : "tick";
-    auto& connection = *connections_[number];
+    auto& consumer = *consumers_[number];
     if ((choice & 0x80U) != 0) {
-      connection.unsubscribe(element);
+      consumer.unsubscribe(element);
       subscribed_.erase({number, element});
       player_.settle();
       return;
@@ -253,7 +253,7 @@ class Application {
     auto active = std::make_shared<bool>(false);
     const Subscription_key key{number, element};
     subscribed_[key] = active;
-    connection.subscribe(
+    consumer.subscribe(
         element,
         [this, key, active](tq::com::Payload payload) {
           require(subscribed_.contains(key) && subscribed_[key] == active,
@@ -269,20 +269,20 @@ class Application {
 
   void call(Input& input) {
     const auto choice = input.u8();
-    auto& connection = *connections_[choice & 3U];
+    auto& consumer = *consumers_[choice & 3U];
     const std::vector<std::byte> arguments(input.u8() *
                                            std::size_t{(choice & 0x40U) != 0 ? 16U : 1U});
     if ((choice & 0x80U) != 0) {
-      connection.call_no_return(1, arguments);
+      consumer.call_no_return(1, arguments);
     } else {
       const auto number = calls_.size();
       calls_[number] = 0;
-      connection.call((choice & 6U) == 4U ? 16 : 1, arguments,
-                      [this, number](tq::com::Return_code code, tq::com::Payload payload) {
-                        ++calls_[number];
-                        require(code == tq::com::Return_code::ok || payload.empty(),
-                                "only a good answer has a payload");
-                      });
+      consumer.call((choice & 6U) == 4U ? 16 : 1, arguments,
+                    [this, number](tq::com::Return_code code, tq::com::Payload payload) {
+                      ++calls_[number];
+                      require(code == tq::com::Return_code::ok || payload.empty(),
+                              "only a good answer has a payload");
+                    });
     }
     player_.settle();
   }
@@ -291,7 +291,7 @@ class Application {
     constexpr std::array<std::uint16_t, 5> events{0x8001, 0x8002, 0x8003, 0x8004, 0x8005};
     const auto choice = input.u8();
     const std::vector<std::byte> value(input.u8() * std::size_t{(choice & 0x40U) != 0 ? 64U : 1U});
-    provisions_[choice & 1U]->send_event(events[((choice >> 1U) & 0x1FU) % events.size()], value);
+    providers_[choice & 1U]->send_event(events[((choice >> 1U) & 0x1FU) % events.size()], value);
     player_.settle();
   }
 
@@ -433,9 +433,9 @@ class Application {
   Player player_;
   someip::Node node_{deployment_, deployment_.nodes.front(), player_,
                      [](someip::Log_level, const std::string&) {}};
-  std::vector<std::unique_ptr<tq::com::Provision>> provisions_;
+  std::vector<std::unique_ptr<tq::com::Someip_provider>> providers_;
   std::vector<const someip::Service_deployment*> used_;
-  std::vector<std::unique_ptr<tq::com::Connection>> connections_;  ///< two of each used service
+  std::vector<std::unique_ptr<tq::com::Someip_consumer>> consumers_;  ///< two of each used service
 };
 
 }  // namespace

@@ -211,8 +211,7 @@ bool Persistency::readEntry(const std::string& key, KvsType::Type type, Extract 
     return false;
   }
   try {
-    const std::string text = extract(value);  // before the log call: a message is sent even if this
-                                              // throws
+    const std::string text = extract(value);  // first: an open log line is sent even if this throws
     logger_.LogInfo() << "Got entry " + key + "=" + text;
     return true;
   } catch (const std::exception& error) {

@@ -67,8 +67,7 @@ class Persistency {
 
     static TableValue toTableValue(const ara::per::KvsType& value);
 
-    std::unique_ptr<ara::per::KeyValueStorage> storage_;  ///< empty: the storage could not be
-                                                          ///< opened
+    std::unique_ptr<ara::per::KeyValueStorage> storage_;  ///< empty: opening it failed
     std::unique_ptr<Table> table_;                        ///< empty: the gateway uses the storage
     ara::log::Logger& logger_;
     std::function<void()> hook_ = [] {};  ///< never called; an owner's place in the gateway

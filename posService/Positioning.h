@@ -26,8 +26,8 @@ class PositioningProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Position
  public:
   explicit PositioningProxy(const Handle_type& handle) : Proxy_impl{handle} {}
 
-  mw::com::cpp_binding::proxy::Element<Positioning::positions> positions{connection()};
-  mw::com::cpp_binding::proxy::Element<Positioning::posMapInfo> posMapInfo{connection()};
+  mw::com::cpp_binding::proxy::Element<Positioning::positions> positions{core()};
+  mw::com::cpp_binding::proxy::Element<Positioning::posMapInfo> posMapInfo{core()};
 };
 }  // namespace proxy
 
@@ -38,8 +38,8 @@ class PositioningSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl
       : Skeleton_impl{specifier} {}
   ~PositioningSkeleton() { disconnect(); }
 
-  mw::com::cpp_binding::skeleton::Element<Positioning::positions> positions{provision()};
-  mw::com::cpp_binding::skeleton::Element<Positioning::posMapInfo> posMapInfo{provision()};
+  mw::com::cpp_binding::skeleton::Element<Positioning::positions> positions{core()};
+  mw::com::cpp_binding::skeleton::Element<Positioning::posMapInfo> posMapInfo{core()};
 };
 }  // namespace skeleton
 

@@ -145,9 +145,9 @@ class Monitor final : public mw::dm::dem::skeleton::DiagnosticMonitorSkeleton {
 
 TEST(Field, a_value_that_takes_no_bytes_is_a_value) {
   Fake_runtime runtime;
-  mw::com::cpp_binding::skeleton::Provision provision{
+  mw::com::cpp_binding::skeleton::Skeleton_core core{
       .service = "a::S", .instance = "1", .provider = runtime.provide("a::S", "one")};
-  mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{provision, "quality"};
+  mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{core, "quality"};
   const auto get = [&] { return runtime.call("one", "quality", {}); };
   EXPECT_EQ(get().code, tq::com::Return_code::not_ok);
   field.Update({});
@@ -157,9 +157,9 @@ TEST(Field, a_value_that_takes_no_bytes_is_a_value) {
 
 TEST(Field, get_answers_with_the_value_that_was_notified_last) {
   Fake_runtime runtime;
-  mw::com::cpp_binding::skeleton::Provision provision{
+  mw::com::cpp_binding::skeleton::Skeleton_core core{
       .service = "a::S", .instance = "1", .provider = runtime.provide("a::S", "one")};
-  mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{provision, "quality"};
+  mw::com::cpp_binding::skeleton::Field<DT_positionsQuality_struct> field{core, "quality"};
   DT_positionsQuality_struct first, second;
   first.positionType = lumo::services::Position_type{1};
   second.positionType = lumo::services::Position_type{2};

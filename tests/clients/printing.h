@@ -21,4 +21,7 @@ using binding::operator<<;
 namespace positioning::datatypes {
 using binding::operator<<;
 }
+namespace time::datatypes {
+using binding::operator<<;
+}
 }  // namespace lumo::services

@@ -15,8 +15,8 @@
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/static_thread_pool.h"
-#include "platform/linux/com/connection.h"
 #include "platform/linux/com/loop.h"
+#include "platform/linux/com/notification_queue.h"
 #include "tests/com/test_network.h"
 #include "tests/support/Capture.h"
 
@@ -241,8 +241,8 @@ struct Played_consumer final : tq::com::Consumer {
 TEST(Event, subscribed_twice_ends_the_first_subscription_before_its_samples_go) {
   auto consumer = std::make_unique<Played_consumer>();
   auto& played = *consumer;
-  mw::com::cpp_binding::proxy::Connection connection{"a::S", "1", std::move(consumer)};
-  mw::com::cpp_binding::proxy::Event<Slow> event{connection, "tick"};
+  mw::com::cpp_binding::proxy::Proxy_core core{"a::S", "1", std::move(consumer)};
+  mw::com::cpp_binding::proxy::Event<Slow> event{core, "tick"};
   event.Subscribe(1);
   Barrier barrier;
   decoding = &barrier;
@@ -286,19 +286,19 @@ TEST(Log, of_what_peers_can_cause_is_limited_in_its_rate) {
   EXPECT_LE(capture.Records().size(), 60U);
 }
 
-TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_subscription_waiting_for_it) {
+TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_queue_waiting_for_it) {
   std::atomic<bool> ran{false};
   static_thread_pool pool(1);
   someip::Counters counters;
-  auto subscription = std::make_shared<tq::com::Subscription>(
+  auto queue = std::make_shared<tq::com::Notification_queue>(
       std::uint8_t{1}, 1, [](tq::com::Payload) {}, [](bool) {}, pool.loop(), counters);
   Barrier barrier;
   pool.loop().post([&] { barrier.wait(); });
   ASSERT_TRUE(barrier.entered());
   pool.loop().post([&] { ran = true; });
-  subscription->subscription_changed(true);
-  subscription->close();
-  subscription.reset();
+  queue->subscription_changed(true);
+  queue->close();
+  queue.reset();
   auto stopped = std::async(std::launch::async, [&] { pool.stop(); });
   // The piece in work ends first; only then can the worker see that it has to stop.
   EXPECT_EQ(stopped.wait_for(20ms), std::future_status::timeout);

@@ -88,19 +88,17 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
     one.key = {vehicle, instance, 1};
     one.endpoints.udp = endpoint(1, 1000);
     one.groups = {{tick, by_udp()}, {value, by_udp()}};
-    change([&](auto& server, auto&) { server.offer(one, now); });
+    discovery().offer(one, now);
   }
-  void stop_offer() {
-    change([](auto& server, auto&) { server.stop_offer({vehicle, 1, 1}); });
-  }
+  void stop_offer() { discovery().stop_offer({vehicle, 1, 1}, now); }
   void search(std::uint16_t service = remote) {
-    change([&](auto&, auto& client) { client.start_search(service, any_instance, 1, now); });
+    discovery().start_search({service, any_instance, 1}, now);
   }
   void subscribe(std::uint16_t group = tick) {
-    change([&](auto&, auto& client) { client.subscribe({remote, 1, 1}, group, by_udp()); });
+    discovery().subscribe({remote, 1, 1}, group, by_udp(), now);
   }
   void unsubscribe(std::uint16_t group = tick) {
-    change([&](auto&, auto& client) { client.unsubscribe({remote, 1, 1}, group); });
+    discovery().unsubscribe({remote, 1, 1}, group, now);
   }
 
   // What a peer says, and the link
@@ -151,8 +149,8 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
   /// What happens until so many milliseconds after the start.
   std::string until(int milliseconds) {
     const Time end = start + Milliseconds(milliseconds);
-    while (discovery().next_deadline() <= end) {
-      now = std::max(now, discovery().next_deadline());
+    while (next <= end) {
+      now = std::max(now, next);
       discovery().on_time(now);
     }
     now = end;
@@ -183,13 +181,10 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
       discovery_.emplace(
           deployment, node, endpoint(1, 0).address, counters, log,
           Discovery::Host{*this, *this, [this](auto& bytes, auto& to) { sent(bytes, to); },
+                          [this](Time time) { next = time; },
                           [this](auto&, auto) { note("restart"); }});
     }
     return *discovery_;
-  }
-  template <class Work>
-  void change(Work work) {
-    discovery().change(now, work);
   }
   void note(const std::string& text) {
     if (!events.empty()) events += " | ";
@@ -252,6 +247,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
   Log log{nullptr};
   const Time start{std::chrono::hours(1)};
   Time now = start;
+  Time next = Time::max();  ///< deadline of discovery_
   std::string events;
   std::map<std::pair<int, bool>, std::uint16_t> sessions;
   std::optional<Discovery> discovery_;

@@ -182,7 +182,7 @@ TEST(TcpClient, sends_more_in_total_than_its_queue_holds_before_and_after_a_reco
   client.tcp.close();
 }
 
-struct Found final : Search {
+struct Found final : Search_sink {
   void found(const std::vector<std::uint16_t>& instances) override { count = instances.size(); }
   std::size_t count = 0;
 };
@@ -219,15 +219,15 @@ struct Using_node {
                       {own, deployment.discovery.port});
   }
   [[nodiscard]] bool find() {
-    node->start_search(service, any_instance, search);
+    node->client().searches().start(service, any_instance, search);
     offer(endless_ttl);
     return workers.until([&] { return search->count == 1; });
   }
   void call(const void* owner) {
-    node->call(key, 1, Transport::tcp, {}, owner, [](Return_code, Bytes) {});
+    node->client().calls().call(key, 1, Transport::tcp, {}, owner, [](Return_code, Bytes) {});
   }
   void call_no_return(const void* owner) {
-    node->call_no_return(key, 2, Transport::tcp, {}, owner);
+    node->client().calls().call_no_return(key, 2, Transport::tcp, {}, owner);
   }
 
   const Instance_key key{0x1111, 1, 1};
@@ -268,7 +268,7 @@ TEST(Node, closes_a_connection_when_the_last_of_its_callers_ends_and_sends_first
   const auto ended = [&] { return node.server.ended(); };
 
   node.call_no_return(&first);
-  node.node->cancel_calls(&first);
+  node.node->client().calls().cancel(&first);
   ASSERT_TRUE(node.workers.until(accepted)) << "it sends what was asked before there was one";
   EXPECT_TRUE(node.workers.until(received(1)));
   EXPECT_TRUE(node.workers.until(ended));
@@ -277,9 +277,9 @@ TEST(Node, closes_a_connection_when_the_last_of_its_callers_ends_and_sends_first
   node.call(&second);
   ASSERT_TRUE(node.workers.until(accepted));
   EXPECT_TRUE(node.workers.until(received(3)));
-  node.node->cancel_calls(&first);
+  node.node->client().calls().cancel(&first);
   node.call_no_return(&second);
-  node.node->cancel_calls(&second);
+  node.node->client().calls().cancel(&second);
   EXPECT_TRUE(node.workers.until(received(4))) << "on the same connection: the second kept it";
   EXPECT_TRUE(node.workers.until(ended));
 }

@@ -11,76 +11,19 @@
 #include <utility>
 
 #include "ara/log/logger.h"
-#include "mw/com/Strand.h"
 #include "mw/com/static_thread_pool.h"
-#include "platform/linux/com/connection.h"
+#include "platform/linux/com/consumer.h"
 #include "platform/linux/com/element_ids.h"
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
-#include "platform/linux/com/provision.h"
+#include "platform/linux/com/provider.h"
+#include "platform/linux/com/search.h"
 #include "platform/someip/node/node.h"
 
 namespace tq::com {
 
 namespace {
-
-/// A search on its way to its handler.
-class Running_search final : public someip::Search,
-                             public std::enable_shared_from_this<Running_search> {
- public:
-  Running_search(const someip::Service_deployment& service,
-                 Find_handler handler,
-                 someip::Workers& workers)
-      : service_(service), handler_(std::move(handler)), workers_(workers) {}
-
-  ~Running_search() override {
-    // As with a subscription: if it is not run yet, the workers have stopped without it.
-    close();
-    if (!strand_.running_in_this_thread()) strand_.run();
-  }
-  Running_search(const Running_search&) = delete;
-  Running_search& operator=(const Running_search&) = delete;
-
-  /// A handler that is slower than the network changes is told the newest result only: peers decide
-  /// how many there are.
-  void found(const std::vector<std::uint16_t>& instances) override {
-    {
-      const std::lock_guard lock(mutex_);
-      latest_ = instances;
-      if (std::exchange(pending_, true)) return;
-    }
-    if (strand_.enqueue([this] { tell(); })) {
-      workers_.post([self = shared_from_this()] { self->strand_.run(); });
-    }
-  }
-  void close() { strand_.close(); }
-
- private:
-  void tell() {
-    std::vector<std::uint16_t> instances;
-    {
-      const std::lock_guard lock(mutex_);
-      instances.swap(latest_);
-      pending_ = false;
-    }
-    std::vector<Found_instance> result;
-    result.reserve(instances.size());
-    for (const std::uint16_t instance : instances) {
-      result.push_back(
-          {service_.name, instance, std::make_shared<const Remote_instance>(service_, instance)});
-    }
-    handler_(result);
-  }
-
-  const someip::Service_deployment& service_;
-  const Find_handler handler_;
-  someip::Workers& workers_;
-  std::mutex mutex_;  ///< guards the two members below
-  std::vector<std::uint16_t> latest_;
-  bool pending_ = false;  ///< the strand has been asked to tell it
-  mw::com::Strand strand_;
-};
 
 void write_log(someip::Log_level level, const std::string& text) {
   static ara::log::Logger& logger = ara::log::CreateLogger("SIPR", "SOME/IP runtime");
@@ -103,7 +46,7 @@ class Someip_runtime final : public Runtime {
         node_(deployment_, node_deployment_, pool_.loop(), write_log) {}
 
   ~Someip_runtime() override {
-    std::map<Find_token, std::shared_ptr<Running_search>> searches;
+    std::map<Find_token, std::shared_ptr<Search>> searches;
     {
       const std::lock_guard lock(mutex_);
       searches.swap(searches_);
@@ -122,19 +65,20 @@ class Someip_runtime final : public Runtime {
                                 std::optional<std::uint16_t> instance,
                                 Find_handler handler) override {
     const auto& deployed = find_service(service);
-    auto search = std::make_shared<Running_search>(deployed, std::move(handler), pool_.loop());
+    auto search = std::make_shared<Search>(deployed, std::move(handler), pool_.loop());
     Find_token token{};
     {
       const std::lock_guard lock(mutex_);
       token = Find_token{++last_token_};
       searches_.emplace(token, search);
     }
-    node_.start_search(deployed, instance.value_or(someip::any_instance), std::move(search));
+    node_.client().searches().start(deployed, instance.value_or(someip::any_instance),
+                                    std::move(search));
     return token;
   }
 
   void stop_find_service(Find_token token) override {
-    std::shared_ptr<Running_search> search;
+    std::shared_ptr<Search> search;
     {
       const std::lock_guard lock(mutex_);
       const auto found = searches_.find(token);
@@ -142,13 +86,14 @@ class Someip_runtime final : public Runtime {
       search = std::move(found->second);
       searches_.erase(found);
     }
-    node_.stop_search(search);
+    node_.client().searches().stop(search);
     search->close();
   }
 
   std::unique_ptr<Consumer> connect(const Found_instance& instance) override {
     if (!instance.where) throw std::logic_error("connect: an instance that no search has found");
-    return std::make_unique<Connection>(instance.where, node_, pool_.loop(), deployment_.limits);
+    return std::make_unique<Someip_consumer>(instance.where, node_, pool_.loop(),
+                                             deployment_.limits);
   }
 
   std::unique_ptr<Provider> provide(std::string_view service, std::string_view specifier) override {
@@ -165,7 +110,7 @@ class Someip_runtime final : public Runtime {
                                ".instances: \"" + found->specifier + "\" belongs to node \"" +
                                found->node + "\", this is node \"" + node_deployment_.name + "\"");
     }
-    return std::make_unique<Provision>(node_.provide(deployed, *found), node_, deployment_.source);
+    return std::make_unique<Someip_provider>(deployed, *found, node_, deployment_.source);
   }
 
   std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override {
@@ -203,7 +148,7 @@ class Someip_runtime final : public Runtime {
   someip::Node node_;
   std::mutex mutex_;  ///< guards the members below
   std::uint64_t last_token_ = 0;
-  std::map<Find_token, std::shared_ptr<Running_search>> searches_;
+  std::map<Find_token, std::shared_ptr<Search>> searches_;
 };
 
 /// What a passive process has: nothing that could be used.

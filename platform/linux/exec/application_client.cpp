@@ -106,8 +106,7 @@ class ApplicationClient::Reporter {
     }
   }
 
-  std::mutex mutex_;        ///< guards the members below; held while a retry ends, which takes no
-                            ///< time
+  std::mutex mutex_;        ///< guards the members below; held for the short end of a retry
   int wake_ = -1;           ///< ends the retry's wait; made before its thread
   std::future<int> retry_;  ///< retry of the newest report, if that found the queue full
 };

@@ -69,14 +69,11 @@ class DltSink {
   std::atomic<State> state_ = State::kNeverSeen;
   std::atomic<std::int64_t> next_look_ =
       0;              ///< coarse clock, ns; relaxed: it only spaces the look-ups
-  std::mutex mutex_;  ///< guards the members below and registration; a logging thread only tries to
-                      ///< lock it
+  std::mutex mutex_;  ///< guards the members below and registration; only tried while logging
   int pipe_ = -1;     ///< our own end of the daemon's pipe, which reports the reader's death
-  int watch_ = -1;    ///< epoll of pipe_, which is cheaper to query; set before kConnected, then
-                      ///< kept
+  int watch_ = -1;    ///< epoll of pipe_, cheaper to query; set before kConnected, then kept
   bool library_started_ = false;
-  std::size_t max_payload_ = 0;  ///< bytes of a message; set before any context is registered, then
-                                 ///< kept
+  std::size_t max_payload_ = 0;  ///< of a message; set before any context is registered, then kept
 };
 
 }  // namespace ara::log

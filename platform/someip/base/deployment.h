@@ -45,9 +45,8 @@ struct Limits {
   std::size_t reassemblies_per_peer = 8;
   Milliseconds reassembly_timeout{5000};
   std::size_t message_bytes = std::size_t{256} * 1024;  ///< one SOME/IP message, header included
-  std::size_t tcp_connections = 64;                     ///< accepted connections; also the bound of
-                                                        ///< outgoing connections
-  std::size_t tcp_connections_per_address = 16;         ///< of the accepted connections
+  std::size_t tcp_connections = 64;              ///< accepted ones; also bounds outgoing ones
+  std::size_t tcp_connections_per_address = 16;  ///< of the accepted connections
   std::size_t tcp_send_queue_bytes =
       std::size_t{512} * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;
@@ -64,8 +63,7 @@ struct Limits {
 /// Spreads the segments of long messages over time ("segments"). The default uses half of the
 /// capacity of a 100 Mbit/s line.
 struct Segment_shaping {
-  std::size_t burst = 8;                  ///< a message of at most this many segments leaves at
-                                          ///< once
+  std::size_t burst = 8;                  ///< a message of at most N segments leaves at once
   std::chrono::microseconds pause{2000};  ///< between two bursts; 0 turns spreading off
 };
 

@@ -217,16 +217,73 @@ void Discovery::link_changed(bool up, Time now) {
   settle(now);
 }
 
+void Discovery::withdraw_all(Time now) {
+  client_.unsubscribe_all();
+  server_.stop_all();
+  settle(now);
+}
+
+void Discovery::offer(Offer offer, Time now) {
+  server_.offer(std::move(offer), now);
+  settle(now);
+}
+
+void Discovery::stop_offer(const Instance_key& key, Time now) {
+  server_.stop_offer(key);
+  settle(now);
+}
+
+void Discovery::client_lost(const Endpoint& client, Time now) {
+  server_.connection_lost(client);
+  settle(now);
+}
+
+std::size_t Discovery::port_closed(const Endpoint& client, Time now) {
+  const std::size_t ended = server_.port_closed(client);
+  settle(now);
+  return ended;
+}
+
+void Discovery::start_search(const Instance_key& wanted, Time now) {
+  client_.start_search(wanted, now);
+  settle(now);
+}
+
+void Discovery::stop_search(const Instance_key& wanted, Time now) {
+  client_.stop_search(wanted);
+  settle(now);
+}
+
+void Discovery::subscribe(const Instance_key& key,
+                          std::uint16_t event_group,
+                          const Group_transport& transport,
+                          Time now) {
+  client_.subscribe(key, event_group, transport);
+  settle(now);
+}
+
+void Discovery::unsubscribe(const Instance_key& key, std::uint16_t event_group, Time now) {
+  client_.unsubscribe(key, event_group);
+  settle(now);
+}
+
+void Discovery::connected(const Endpoint& server, Time now) {
+  client_.connected(server);
+  settle(now);
+}
+
+void Discovery::connection_lost(const Endpoint& server, Time now) {
+  client_.connection_lost(server);
+  settle(now);
+}
+
 void Discovery::settle(Time now) {
-  // A subscriber that has been acknowledged misses nothing that happens afterwards; its initial
-  // values follow the acknowledgement.
+  // A subscriber that has been acknowledged misses no later event; its initial values follow the
+  // acknowledgement.
   server_.deliver_subscribers();
   outbox_.flush(now);
   server_.deliver_initial_values();
-}
-
-Time Discovery::next_deadline() const {
-  return std::min(server_.next_deadline(), client_.next_deadline());
+  host_.deadline(std::min(server_.next_deadline(), client_.next_deadline()));
 }
 
 }  // namespace someip

@@ -1,7 +1,9 @@
-/// Service discovery of one node: reads what peers send, judges it, and drives both sides. Without
-/// sockets and clocks: time and datagrams are handed in, messages are handed out.
+/// Service discovery of one node: judges what peers send and drives both sides. It has no socket
+/// and no clock: its owner passes in time and datagrams and receives the messages to send.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
@@ -17,20 +19,24 @@
 
 namespace someip {
 
-/// Everything happens on one thread. Every member may change next_deadline().
+/// Lives on one thread. Each member that takes the time also sends what follows from it and passes
+/// the next deadline to its host.
 class Discovery {
  public:
   struct Host {
     Discovery_server_host& server;
     Discovery_client_host& client;
     Discovery_outbox::Send send;
-    /// Called before the entries of the message that showed it are worked on, for an address that
-    /// speaks for itself. What has been seen of it after `last_contact` already belongs to its new
+    /// on_time() is due at this time, which replaces the one before. Time::max(): nothing waits.
+    std::function<void(Time)> deadline;
+    /// Called for an address that speaks for itself, before discovery evaluates the entries of the
+    /// message that showed the restart. Contact after `last_contact` belongs to the peer's new
     /// life.
     std::function<void(const Address& peer, Time last_contact)> peer_restarted;
   };
 
-  /// `own` is the address of the node; the references outlive this object.
+  /// `own` is the address of the node; the references outlive this object. The constructor does
+  /// not call the host.
   Discovery(const Deployment& deployment,
             const Node_deployment& node,
             const Address& own,
@@ -41,18 +47,42 @@ class Discovery {
   /// A datagram that came to the group or to the own unicast endpoint.
   void received(Bytes datagram, const Endpoint& from, bool multicast, Time now);
   void on_time(Time now);
-  /// Without link, nothing that peers have offered or subscribed is in force, nothing is sent, and
-  /// nothing received counts. When it comes back everything begins as after the start; it is up at
+  /// Without link, offers and subscriptions of peers are void, nothing is sent, and received
+  /// datagrams are ignored. When it comes back everything begins as after the start; it is up at
   /// first.
   void link_changed(bool up, Time now);
-  [[nodiscard]] Time next_deadline() const;
+  /// Withdraws every offer and subscription.
+  void withdraw_all(Time now);
 
-  /// Runs `work(server, client)` and sends what it leaves.
-  template <class Work>
-  void change(Time now, Work&& work) {
-    std::forward<Work>(work)(server_, client_);
-    settle(now);
+  // The providing side
+
+  void offer(Offer offer, Time now);
+  void stop_offer(const Instance_key& key, Time now);
+  /// A client's TCP connection is gone, and with it its subscriptions over it.
+  void client_lost(const Endpoint& client, Time now);
+  /// A client has closed the port that receives its events, which ends its subscriptions there.
+  /// Returns their number.
+  std::size_t port_closed(const Endpoint& client, Time now);
+
+  // The using side
+
+  /// The instance may be any_instance. Searches are counted: each needs its stop.
+  void start_search(const Instance_key& wanted, Time now);
+  void stop_search(const Instance_key& wanted, Time now);
+  /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for
+  /// the present values again.
+  void subscribe(const Instance_key& key,
+                 std::uint16_t event_group,
+                 const Group_transport& transport,
+                 Time now);
+  void unsubscribe(const Instance_key& key, std::uint16_t event_group, Time now);
+  /// Has the provider acknowledged the subscription?
+  [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const {
+    return client_.active(key, event_group);
   }
+  /// The TCP connection to `server` stands, or broke.
+  void connected(const Endpoint& server, Time now);
+  void connection_lost(const Endpoint& server, Time now);
 
  private:
   void message(const Message_view& view, const Endpoint& from, bool multicast, Time now);
@@ -71,6 +101,7 @@ class Discovery {
   [[nodiscard]] bool welcome(const Origin& origin) const;
   void drop(const Endpoint& from, const char* why);
   void refuse_stranger(const Endpoint& stranger);
+  /// Sends what the change before it has left in the outbox, and passes on the next deadline.
   void settle(Time now);
 
   const Deployment& deployment_;

@@ -4,14 +4,9 @@
 
 namespace someip {
 
-bool Discovery_client::matches(const Search_key& search, const Instance_key& key) {
-  return search.service == key.service && search.major_version == key.major_version &&
-         (search.instance == any_instance || search.instance == key.instance);
-}
-
-bool Discovery_client::satisfied(const Search_key& search) const {
+bool Discovery_client::satisfied(const Instance_key& wanted) const {
   return std::ranges::any_of(remotes_,
-                             [&](const auto& remote) { return matches(search, remote.first); });
+                             [&](const auto& remote) { return matches(wanted, remote.first); });
 }
 
 void Discovery_client::begin_search(Search& search, Time now) {
@@ -20,25 +15,19 @@ void Discovery_client::begin_search(Search& search, Time now) {
   search.next = link_up_ ? delays_.end_of_initial_wait(now) : Time::max();
 }
 
-void Discovery_client::start_search(std::uint16_t service,
-                                    std::uint16_t instance,
-                                    std::uint8_t major_version,
-                                    Time now) {
-  const Search_key key{service, instance, major_version};
-  Search& search = searches_[key];
+void Discovery_client::start_search(const Instance_key& wanted, Time now) {
+  Search& search = searches_[wanted];
   if (search.users++ > 0 && search.phase != Phase::silent) return;
-  if (satisfied(key) && instance != any_instance) {
+  if (satisfied(wanted) && wanted.instance != any_instance) {
     search.phase = Phase::silent;
     return;
   }
-  // With any instance, one find at least is needed: more of them may exist than have been heard.
+  // A search for any instance sends at least one find: more may exist than have sent an offer.
   begin_search(search, now);
 }
 
-void Discovery_client::stop_search(std::uint16_t service,
-                                   std::uint16_t instance,
-                                   std::uint8_t major_version) {
-  const auto found = searches_.find({service, instance, major_version});
+void Discovery_client::stop_search(const Instance_key& wanted) {
+  const auto found = searches_.find(wanted);
   if (found != searches_.end() && --found->second.users == 0) searches_.erase(found);
 }
 

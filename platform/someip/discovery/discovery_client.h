@@ -21,8 +21,8 @@ struct Remote_offer {
   Instance_endpoints endpoints;
 };
 
-/// What the using side needs to know from, and tells, its node. No member calls back into
-/// discovery.
+/// The node as the using side of discovery sees it: receives changes and answers questions. No
+/// member calls discovery.
 class Discovery_client_host {
  public:
   virtual ~Discovery_client_host() = default;
@@ -50,7 +50,7 @@ class Discovery_client_host {
   [[nodiscard]] virtual std::optional<Endpoint> tcp_endpoint(const Endpoint& server) = 0;
 };
 
-/// Everything happens on one thread. Entries go to the outbox; whoever calls a member flushes it.
+/// Lives on one thread. Entries go to the outbox, which the caller flushes.
 class Discovery_client {
  public:
   Discovery_client(const Discovery_timing& timing,
@@ -66,15 +66,10 @@ class Discovery_client {
         counters_(counters),
         host_(host) {}
 
-  /// `instance` may be any_instance. Searches are counted: each needs its stop.
-  void start_search(std::uint16_t service,
-                    std::uint16_t instance,
-                    std::uint8_t major_version,
-                    Time now);
-  void stop_search(std::uint16_t service, std::uint16_t instance, std::uint8_t major_version);
+  // See Discovery for the members that have the same name there.
+  void start_search(const Instance_key& wanted, Time now);
+  void stop_search(const Instance_key& wanted);
 
-  /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for
-  /// the present values again.
   void subscribe(const Instance_key& key,
                  std::uint16_t event_group,
                  const Group_transport& transport);
@@ -92,14 +87,14 @@ class Discovery_client {
                bool explicit_initial_data,
                Time now);
   void acknowledged(const Entry& entry, const Entry_options& options, const Origin& from, Time now);
-  /// Everything that a peer has offered is void: it has restarted.
+  /// The peer has restarted, so all its offers are void.
   void forget_peer(const Origin& peer, Time now);
-  /// The TCP connection to `server` stands: what waited for it is subscribed now.
+  /// The TCP connection to `server` stands: subscribes the groups that waited for it.
   void connected(const Endpoint& server);
-  /// It broke: the subscriptions over it are void until it stands again.
+  /// The connection broke: the subscriptions over it are void until it stands again.
   void connection_lost(const Endpoint& server);
 
-  /// Everything that has been offered is void; searches wait for the link.
+  /// All offers of peers are void; searches wait for the link.
   void link_down(Time now);
   /// Every search begins with its initial wait phase.
   void link_up(Time now);
@@ -109,12 +104,6 @@ class Discovery_client {
 
  private:
   enum class Phase : std::uint8_t { initial_wait, repetition, silent };
-  struct Search_key {
-    std::uint16_t service, instance;
-    std::uint8_t major_version;
-    // NOLINTNEXTLINE(modernize-use-nullptr): the check takes the comparison for a null pointer
-    friend auto operator<=>(const Search_key&, const Search_key&) = default;
-  };
   struct Search {
     std::size_t users = 0;
     Phase phase = Phase::initial_wait;
@@ -145,8 +134,7 @@ class Discovery_client {
   };
   using Remotes = std::map<Instance_key, Remote>;
 
-  [[nodiscard]] static bool matches(const Search_key& search, const Instance_key& key);
-  [[nodiscard]] bool satisfied(const Search_key& search) const;
+  [[nodiscard]] bool satisfied(const Instance_key& wanted) const;
   void begin_search(Search& search, Time now);
   /// `restart`: searches that nothing satisfies any more begin again.
   Remotes::iterator remove(Remotes::iterator remote, bool restart, Time now);
@@ -170,7 +158,7 @@ class Discovery_client {
   Counters& counters_;
   Discovery_client_host& host_;
   bool link_up_ = true;
-  std::map<Search_key, Search> searches_;
+  std::map<Instance_key, Search> searches_;  ///< by the wanted instance
   Remotes remotes_;
   std::map<Address, std::size_t> offered_by_;  ///< number of remotes_ by their sender
   Time next_expiry_ = Time::max();             ///< none of remotes_ expires before it

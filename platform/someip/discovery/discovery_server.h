@@ -25,7 +25,7 @@ struct Offer {
   std::vector<Address> allowed_peers;  ///< empty: all
 };
 
-/// What the providing side needs to know from, and tells, its node.
+/// The node as the providing side of discovery sees it: receives changes and answers questions.
 class Discovery_server_host {
  public:
   virtual ~Discovery_server_host() = default;
@@ -44,7 +44,7 @@ class Discovery_server_host {
   virtual void subscribers_settled(const Instance_key&, std::uint16_t) {}
 };
 
-/// Everything happens on one thread. Entries go to the outbox; whoever calls a member then calls
+/// Lives on one thread. Entries go to the outbox. After each change the caller calls
 /// deliver_subscribers(), flushes the outbox and calls deliver_initial_values().
 class Discovery_server {
  public:
@@ -79,8 +79,8 @@ class Discovery_server {
   void forget_peer(const Origin& peer);
   /// A client's TCP connection is gone, its subscriptions over it too.
   void connection_lost(const Endpoint& client);
-  /// The client has closed the port that events go to, and with it its subscriptions there. Gives
-  /// how many they were.
+  /// The client has closed the port that receives its events, which ends its subscriptions there.
+  /// Returns their number.
   std::size_t port_closed(const Endpoint& client);
 
   /// Ends all subscriptions; offers wait for the link.

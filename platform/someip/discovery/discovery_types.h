@@ -25,6 +25,12 @@ struct Instance_key {
   friend auto operator<=>(const Instance_key&, const Instance_key&) = default;
 };
 
+/// Does a search for `wanted`, whose instance may be any_instance, want this one?
+[[nodiscard]] inline bool matches(const Instance_key& wanted, const Instance_key& key) {
+  return wanted.service == key.service && wanted.major_version == key.major_version &&
+         (wanted.instance == any_instance || wanted.instance == key.instance);
+}
+
 /// Where an instance is reachable: at least one of the two.
 struct Instance_endpoints {
   std::optional<Endpoint> udp;

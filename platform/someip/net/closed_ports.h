@@ -12,7 +12,7 @@
 
 namespace someip {
 
-/// A datagram of ours that came back: `destination` is a closed port.
+/// A returned datagram of ours: `destination` is a closed port.
 struct Returned_datagram {
   Endpoint destination;
   Header header;  ///< of the carried message, as the error message quotes it

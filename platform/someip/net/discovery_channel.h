@@ -28,6 +28,8 @@ class Discovery_channel {
                     Counters& counters,
                     Log& log);
 
+  [[nodiscard]] const Address& own() const { return own_; }
+
   /// `link_watched`: the caller reports every loss of the link by link_changed(). Otherwise the
   /// channel renews its membership in the group regularly, because it may vanish unnoticed with the
   /// interface.

@@ -33,8 +33,7 @@ class Link_watch {
  private:
   struct Link {
     bool up = true;
-    unsigned interface = 0;  ///< the index of the interface that carries the address; 0: none, or
-                             ///< any
+    unsigned interface = 0;  ///< index of the interface with the address; 0: none, or any
   };
   /// The present state of the link; the previous one if the kernel cannot be asked.
   [[nodiscard]] Link look() const;

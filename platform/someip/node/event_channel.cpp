@@ -23,12 +23,14 @@ Event_channel::Event_channel(std::uint16_t service,
                              bool field,
                              Transport transport,
                              std::shared_ptr<Udp_port> udp,
-                             Counters& counters)
+                             Counters& counters,
+                             Value_missing_handler value_missing)
     : header_(notification(service, event, interface_version)),
       field_(field),
       transport_(transport),
       udp_(std::move(udp)),
-      counters_(counters) {}
+      counters_(counters),
+      value_missing_(std::move(value_missing)) {}
 
 /// One thread's right to send. The mutex is held when it begins and when it has ended.
 class Event_channel::Turn {

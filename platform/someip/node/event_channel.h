@@ -17,6 +17,9 @@
 
 namespace someip {
 
+/// Called with the id of a field's event when a client subscribes to it before it has a value.
+using Value_missing_handler = std::function<void(std::uint16_t)>;
+
 /// Where the notifications of an event go. Immutable once shared: sending needs no lock.
 struct Event_targets {
   std::vector<Socket_address> udp;
@@ -37,13 +40,8 @@ class Event_channel {
                 bool field,
                 Transport transport,
                 std::shared_ptr<Udp_port> udp,
-                Counters& counters);
-
-  /// `tell` gets the event's id when a client subscribes to a field that has no value yet. Set it
-  /// before the offer.
-  void on_value_missing(std::function<void(std::uint16_t)> tell) {
-    value_missing_ = std::move(tell);
-  }
+                Counters& counters,
+                Value_missing_handler value_missing);
 
   /// Sends to all present targets. A field's value is kept. Throws what sending throws; the turn
   /// ends all the same.
@@ -73,7 +71,7 @@ class Event_channel {
   const Transport transport_;
   const std::shared_ptr<Udp_port> udp_;
   Counters& counters_;
-  std::function<void(std::uint16_t)> value_missing_;  ///< fixed once the instance is offered
+  const Value_missing_handler value_missing_;
 
   mutable std::mutex mutex_;     ///< guards the three members below; not held while sending
   std::uint64_t last_turn_ = 0;  ///< that a thread has asked for

@@ -1,4 +1,4 @@
-/// From a received notification to those who subscribed to it.
+/// The way of a received notification to its subscribers inside the process.
 #pragma once
 
 #include <atomic>
@@ -20,13 +20,13 @@ class Event_sink : public Task {
  public:
   explicit Event_sink(std::uint8_t interface_version) : interface_version_(interface_version) {}
   [[nodiscard]] std::uint8_t interface_version() const { return interface_version_; }
-  /// Appends a notification to those that wait for the handler. True when run() has to be called,
-  /// from any thread; false when the thread that runs already takes it along, or after the end.
+  /// Queues a notification for the handler. True: the caller has to call run(), on any thread.
+  /// False: the thread that runs already takes it along, or the sink has ended.
   [[nodiscard]] virtual bool enqueue(Received notification) = 0;
   /// The state of the subscription has changed. Called on the control thread; must not wait.
   virtual void subscription_changed(bool active) = 0;
 
-  /// Has a notification come since the subscription became active?
+  /// Has a notification arrived since the subscription became active?
   [[nodiscard]] bool value_seen() const { return value_seen_.load(std::memory_order_relaxed); }
   void set_value_seen(bool seen) { value_seen_.store(seen, std::memory_order_relaxed); }
 
@@ -35,8 +35,8 @@ class Event_sink : public Task {
   std::atomic<bool> value_seen_{false};
 };
 
-/// Events are told apart by the endpoint that they come from, so two instances of a service never
-/// mix (someip_648). Thread-safe.
+/// Finds the sinks of an event. A route includes the endpoint that sends the event, so two
+/// instances of a service never mix (someip_648). Thread-safe.
 class Event_routes {
  public:
   struct Key {
@@ -51,7 +51,7 @@ class Event_routes {
 
   void add(const Key& key, std::shared_ptr<Event_sink> sink);
   void remove(const Key& key, const Event_sink* sink);
-  /// Empty when nobody wants it.
+  /// Empty without a subscription.
   [[nodiscard]] Sinks find(const Key& key) const;
 
  private:
@@ -60,7 +60,7 @@ class Event_routes {
     Sinks sinks;
   };
   mutable std::mutex mutex_;   ///< guards routes_
-  std::vector<Route> routes_;  ///< as many as the process has subscriptions: few
+  std::vector<Route> routes_;  ///< one for each subscribed event: few
 };
 
 }  // namespace someip

@@ -6,6 +6,7 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 namespace someip {
@@ -16,55 +17,17 @@ std::string key_of(const Node_deployment& node) {
   return "nodes." + node.name + (node.addresses.size() > 1 ? ".addresses" : ".address");
 }
 
-}  // namespace
-
-Node::Node(const Deployment& deployment,
-           const Node_deployment& node,
-           Workers& workers,
-           Log_sink log)
-    : context_(deployment, node, workers, std::move(log)),
-      channel_(take_address()),
-      client_(context_),
-      server_(context_),
-      discovery_(deployment,
-                 node,
-                 context_.own,
-                 context_.counters,
-                 context_.log,
-                 {server_, client_,
-                  [this](const std::vector<std::byte>& message,
-                         const Discovery_outbox::Destination& to) { channel_->send(message, to); },
-                  [this](const Address& peer, Time last_contact) {
-                    context_.reassembler.forget(peer);
-                    client_.peer_restarted(peer, last_contact);
-                    server_.peer_restarted(peer, last_contact);
-                  }}),
-      link_(node.watch_link
-                ? std::make_unique<Link_watch>(workers.control(), context_.own, context_.log)
-                : std::make_unique<Link_watch>(workers.control(), context_.own)),
-      timer_(workers.control()) {
-  context_.change = [this](const Node_context::Discovery_change& work) {
-    discovery_.change(std::chrono::steady_clock::now(), work);
-    schedule();
-  };
-  client_.open();
-  context_.on_control([this] { start(); });
-}
-
-Node::~Node() {
-  stop();
-}
-
-std::unique_ptr<Discovery_channel> Node::take_address() {
-  const Deployment& deployment = context_.deployment;
+/// The channel of the first address that is free.
+std::unique_ptr<Discovery_channel> take_address(const Deployment& deployment,
+                                                const Node_deployment& node,
+                                                Control& control,
+                                                Counters& counters,
+                                                Log& log) {
   std::string tried;
-  for (const Address& address : context_.node.addresses) {
+  for (const Address& address : node.addresses) {
     try {
-      auto channel =
-          std::make_unique<Discovery_channel>(context_.workers.control(), deployment.discovery,
-                                              address, context_.counters, context_.log);
-      context_.own = address;
-      return channel;
+      return std::make_unique<Discovery_channel>(control.loop(), deployment.discovery, address,
+                                                 counters, log);
     } catch (const std::system_error& error) {
       const bool taken = error.code() == std::errc::address_in_use;
       tried += (tried.empty() ? "" : "; ") + address.to_string() +
@@ -72,32 +35,64 @@ std::unique_ptr<Discovery_channel> Node::take_address() {
                       : " cannot be used: " + std::string(error.what()));
     }
   }
-  throw std::runtime_error(deployment.source + ": " + key_of(context_.node) + ": " +
+  throw std::runtime_error(deployment.source + ": " + key_of(node) + ": " +
                            (tried.empty() ? "no address given" : tried) +
                            " (each process needs an address of its own, with port " +
                            std::to_string(deployment.discovery.port) + " free)");
 }
 
+}  // namespace
+
+Node::Node(const Deployment& deployment,
+           const Node_deployment& node,
+           Workers& workers,
+           Log_sink log)
+    : log_(std::move(log)),
+      control_(workers),
+      reassembler_(deployment.limits),
+      shaper_(deployment, control_.loop(), counters_),
+      channel_(take_address(deployment, node, control_, counters_, log_)),
+      context_{deployment, node,      channel_->own(), workers, control_,
+               log_,       counters_, reassembler_,    shaper_},
+      client_(context_, discovery_),
+      server_(context_, discovery_),
+      discovery_(
+          deployment,
+          node,
+          context_.own,
+          counters_,
+          log_,
+          {server_, client_,
+           [this](const std::vector<std::byte>& message, const Discovery_outbox::Destination& to) {
+             channel_->send(message, to);
+           },
+           [this](Time next) { schedule(next); },
+           [this](const Address& peer, Time last_contact) { peer_restarted(peer, last_contact); }}),
+      link_(node.watch_link ? std::make_unique<Link_watch>(control_.loop(), context_.own, log_)
+                            : std::make_unique<Link_watch>(control_.loop(), context_.own)),
+      timer_(control_) {
+  client_.open();
+  control_.post([this] { start(); });
+}
+
+Node::~Node() {
+  stop();
+}
+
 void Node::start() {
   warn_of_open_services();
   server_.start_watching();
-  channel_->start(
-      [this](Bytes datagram, const Endpoint& from, bool multicast) {
-        // A port that was closed before its owner subscribed again must not end the new
-        // subscription.
-        if (!multicast) server_.look_for_closed_ports();
-        discovery_.received(datagram, from, multicast, std::chrono::steady_clock::now());
-        schedule();
-      },
-      link_->watching());
+  channel_->start([this](Bytes datagram, const Endpoint& from,
+                         bool multicast) { datagram_received(datagram, from, multicast); },
+                  link_->watching());
   link_->start([this](bool up) { link_changed(up); });
   if (link_->up()) {
     channel_->link_changed(true);
   } else {
-    discovery_.link_changed(false, std::chrono::steady_clock::now());
-    context_.log.write(Log_level::warning, context_.own.to_string() +
-                                               " has no link yet: no interface that runs "
-                                               "has this address");
+    discovery_.link_changed(false, Time::clock::now());
+    log_.write(Log_level::warning, context_.own.to_string() +
+                                       " has no link yet: no interface that runs "
+                                       "has this address");
   }
 }
 
@@ -111,26 +106,22 @@ void Node::warn_of_open_services() {
   if (std::ranges::none_of(services, provided_here) || std::ranges::any_of(services, has_list)) {
     return;
   }
-  context_.log.write(Log_level::warning,
-                     context_.deployment.source +
-                         ": no service has \"allowedPeers\": every address of the network may use "
-                         "and provide every service");
+  log_.write(Log_level::warning,
+             context_.deployment.source +
+                 ": no service has \"allowedPeers\": every address of the network may use "
+                 "and provide every service");
 }
 
 void Node::stop() {
   std::call_once(stopped_once_, [this] {
     std::promise<void> done;
-    boost::asio::post(context_.workers.control(), [this, &done] {
-      discovery_.change(std::chrono::steady_clock::now(),
-                        [](Discovery_server& server, Discovery_client& client) {
-                          client.unsubscribe_all();
-                          server.stop_all();
-                        });
-      context_.stopped = true;
+    boost::asio::post(control_.loop(), [this, &done] {
+      discovery_.withdraw_all(Time::clock::now());
+      control_.stop();
       channel_->stop();
       server_.stop_watching();
       link_->stop();
-      context_.shaper.stop();
+      shaper_.stop();
       timer_.cancel();
       client_.stop();
       server_.close_connections();
@@ -139,35 +130,40 @@ void Node::stop() {
     done.get_future().wait();
     client_.close_port();
     server_.close_ports();
-    client_.end_calls();
+    client_.calls().cancel_all();
   });
 }
 
-void Node::schedule() {
-  const Time next = discovery_.next_deadline();
-  if (context_.stopped || next == Time::max()) return;
-  timer_.expires_at(next);
-  timer_.async_wait([this](const boost::system::error_code& cancelled) {
-    if (cancelled || context_.stopped) return;
-    discovery_.on_time(std::chrono::steady_clock::now());
-    schedule();
-  });
+void Node::datagram_received(Bytes datagram, const Endpoint& from, bool multicast) {
+  // A port that was closed before its owner subscribed again must not end the new subscription.
+  if (!multicast) server_.look_for_closed_ports();
+  discovery_.received(datagram, from, multicast, Time::clock::now());
+}
+
+void Node::peer_restarted(const Address& peer, Time last_contact) {
+  reassembler_.forget(peer);
+  client_.peer_restarted(peer, last_contact);
+  server_.peer_restarted(peer, last_contact);
+}
+
+void Node::schedule(Time next) {
+  if (control_.stopped() || next == Time::max()) return;
+  timer_.run_at(next, [this] { discovery_.on_time(Time::clock::now()); });
 }
 
 void Node::link_changed(bool up) {
   if (up) {
-    context_.log.write(Log_level::info, "the link of " + context_.own.to_string() + " is up");
+    log_.write(Log_level::info, "the link of " + context_.own.to_string() + " is up");
     channel_->link_changed(true);
     server_.link_up();
   } else {
-    context_.counters.links_lost.add();
-    context_.log.write(Log_level::warning, "the link of " + context_.own.to_string() + " is down");
+    counters_.links_lost.add();
+    log_.write(Log_level::warning, "the link of " + context_.own.to_string() + " is down");
     channel_->link_changed(false);
-    context_.shaper.clear();
+    shaper_.clear();
     server_.link_down();
   }
-  discovery_.link_changed(up, std::chrono::steady_clock::now());
-  schedule();
+  discovery_.link_changed(up, Time::clock::now());
 }
 
 }  // namespace someip

@@ -77,10 +77,11 @@ std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& 
   return groups;
 }
 
-Node_server::Node_server(Node_context& context)
+Node_server::Node_server(const Node_context& context, Discovery& discovery)
     : context_(context),
+      discovery_(discovery),
       requests_(context.deployment.limits.queued_requests),
-      closed_ports_(context.workers.control()) {}
+      closed_ports_(context.control.loop()) {}
 
 void Node_server::start_watching() {
   closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
@@ -126,10 +127,7 @@ void Node_server::port_closed(const Returned_datagram& returned) {
   });
   const auto type = static_cast<std::uint8_t>(header.type & ~segment_flag);
   if (!ours || type != static_cast<std::uint8_t>(Message_type::notification)) return;
-  std::size_t ended = 0;
-  context_.change([&](Discovery_server& server, Discovery_client&) {
-    ended = server.port_closed(returned.destination);
-  });
+  const std::size_t ended = discovery_.port_closed(returned.destination, Time::clock::now());
   if (ended == 0) return;
   context_.log.limited(Log_level::warning, "closed",
                        to_string(returned.destination) + " is closed: its subscriptions (" +
@@ -179,7 +177,7 @@ std::shared_ptr<Node_server::Tcp_service_port> Node_server::tcp_port(
                              " of " + context_.own.to_string() +
                              " cannot be used: " + error.code().message());
   }
-  context_.on_control([port] { port->connections->start(); });
+  context_.control.post([port] { port->connections->start(); });
   return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
 }
 
@@ -200,8 +198,7 @@ bool Node_server::admit_connection(const Address& peer) {
 }
 
 void Node_server::connection_lost(const Endpoint& client) {
-  context_.change(
-      [&](Discovery_server& server, Discovery_client&) { server.connection_lost(client); });
+  discovery_.client_lost(client, Time::clock::now());
 }
 
 bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
@@ -211,18 +208,21 @@ bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
   return port && port->connections->connection_of(client) != nullptr;
 }
 
-std::shared_ptr<Provided_instance> Node_server::provide(const Service_deployment& service,
-                                                        const Instance_deployment& instance) {
+std::shared_ptr<Provided_instance> Node_server::provide(
+    const Service_deployment& service,
+    const Instance_deployment& instance,
+    const Value_missing_handler& value_missing) {
   const auto udp = udp_port(instance);
   static_cast<void>(tcp_port(instance));
   return std::make_shared<Provided_instance>(service, instance, udp ? udp->port : nullptr,
-                                             context_.deployment.limits, context_.counters);
+                                             context_.deployment.limits, context_.counters,
+                                             value_missing);
 }
 
 void Node_server::offer(std::shared_ptr<Provided_instance> instance) {
   if (const auto port = udp_port(instance->deployment())) port->table.add(instance);
   if (const auto port = tcp_port(instance->deployment())) port->table.add(instance);
-  context_.on_control([this, instance = std::move(instance)] {
+  context_.control.post([this, instance = std::move(instance)] {
     const Service_deployment& service = instance->service();
     const Instance_deployment& deployment = instance->deployment();
     Offer offer;
@@ -233,20 +233,17 @@ void Node_server::offer(std::shared_ptr<Provided_instance> instance) {
     offer.groups = event_groups(service, &deployment);
     offer.allowed_peers = service.allowed_peers;
     offered_[offer.key] = instance;
-    context_.change([&](Discovery_server& server, Discovery_client&) {
-      server.offer(std::move(offer), std::chrono::steady_clock::now());
-    });
+    discovery_.offer(std::move(offer), Time::clock::now());
   });
 }
 
 void Node_server::stop_offer(std::shared_ptr<Provided_instance> instance) {
   if (const auto port = udp_port(instance->deployment())) port->table.remove(*instance);
   if (const auto port = tcp_port(instance->deployment())) port->table.remove(*instance);
-  context_.on_control([this, instance = std::move(instance)] {
+  context_.control.post([this, instance = std::move(instance)] {
     const auto found = offered_.find(instance->key());
     if (found == offered_.end() || found->second != instance) return;
-    context_.change(
-        [&](Discovery_server& server, Discovery_client&) { server.stop_offer(instance->key()); });
+    discovery_.stop_offer(instance->key(), Time::clock::now());
     offered_.erase(instance->key());
   });
 }

@@ -1,5 +1,4 @@
-/// The providing side of a node: the ports of its services, what it offers there, and who has
-/// subscribed.
+/// The providing side of a node: its service ports, its offered instances and their subscribers.
 #pragma once
 
 #include <cstdint>
@@ -8,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/closed_ports.h"
 #include "platform/someip/net/tcp_server.h"
 #include "platform/someip/node/node_context.h"
@@ -22,22 +22,29 @@ namespace someip {
 /// Lives on the control thread, except provide(), offer(), stop_offer() and close_ports().
 class Node_server final : public Discovery_server_host {
  public:
-  explicit Node_server(Node_context& context);
+  /// Does not use `discovery` before the control thread calls.
+  Node_server(const Node_context& context, Discovery& discovery);
 
-  [[nodiscard]] std::shared_ptr<Provided_instance> provide(const Service_deployment& service,
-                                                           const Instance_deployment& instance);
+  /// Opens the ports of an instance. Throws std::runtime_error naming the key when another process
+  /// has one of them.
+  [[nodiscard]] std::shared_ptr<Provided_instance> provide(
+      const Service_deployment& service,
+      const Instance_deployment& instance,
+      const Value_missing_handler& value_missing);
   void offer(std::shared_ptr<Provided_instance> instance);
   void stop_offer(std::shared_ptr<Provided_instance> instance);
+
+  // For the node
 
   /// Watches for clients that have closed their ports.
   void start_watching();
   void stop_watching() { closed_ports_.stop(); }
-  /// Their subscriptions have ended when it returns.
+  /// Ends the subscriptions of clients that have closed their ports.
   void look_for_closed_ports() { closed_ports_.look(); }
   void peer_restarted(const Address& peer, Time last_contact);
   void link_up();
   void link_down();
-  /// No connections any more, and no new ones.
+  /// Closes every connection and accepts no new one.
   void close_connections();
   void close_ports();
 
@@ -63,7 +70,8 @@ class Node_server final : public Discovery_server_host {
   void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
 
-  Node_context& context_;
+  const Node_context& context_;
+  Discovery& discovery_;
   Request_budget requests_;
 
   std::mutex ports_mutex_;  ///< guards the two members below

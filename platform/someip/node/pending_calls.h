@@ -16,10 +16,9 @@
 
 namespace someip {
 
-/// Called once for each request: with ok and the payload, or with the reason and an empty payload.
-using Response_handler = std::function<void(Return_code, Bytes)>;
+using tq::com::Response_handler;
 
-/// Thread-safe. Who takes a call out of here calls its handler.
+/// Thread-safe. The caller that takes a call out calls its handler.
 class Pending_calls {
  public:
   struct Call {

@@ -94,7 +94,8 @@ Provided_instance::Provided_instance(const Service_deployment& service,
                                      const Instance_deployment& instance,
                                      std::shared_ptr<Udp_port> udp,
                                      const Limits& limits,
-                                     Counters& counters)
+                                     Counters& counters,
+                                     const Value_missing_handler& value_missing)
     : service_(service),
       instance_(instance),
       udp_(std::move(udp)),
@@ -104,11 +105,13 @@ Provided_instance::Provided_instance(const Service_deployment& service,
     methods_[method.id] = std::make_shared<Method>(Method{method.fire_and_forget, nullptr});
   }
   for (const Event_deployment& event : service.events) {
-    add_event(event.id, event.event_group, false, event.transport);
+    add_event(event.id, event.event_group, false, event.transport, value_missing);
   }
   for (const Field_deployment& field : service.fields) {
     if (field.setter) methods_[*field.setter] = std::make_shared<Method>();
-    if (field.notifier) add_event(*field.notifier, field.event_group, true, field.transport);
+    if (field.notifier) {
+      add_event(*field.notifier, field.event_group, true, field.transport, value_missing);
+    }
     if (!field.getter) continue;
     Method getter;
     if (field.notifier) {
@@ -125,9 +128,10 @@ Provided_instance::Provided_instance(const Service_deployment& service,
 void Provided_instance::add_event(std::uint16_t id,
                                   std::uint16_t event_group,
                                   bool field,
-                                  Transport transport) {
+                                  Transport transport,
+                                  const Value_missing_handler& value_missing) {
   auto channel = std::make_unique<Event_channel>(service_.id, id, service_.major_version, field,
-                                                 transport, udp_, counters_);
+                                                 transport, udp_, counters_, value_missing);
   groups_.emplace(event_group, channel.get());
   events_.emplace(id, std::move(channel));
 }
@@ -144,11 +148,6 @@ void Provided_instance::set_handler(std::uint16_t method, Method_handler handler
 
 Event_channel& Provided_instance::event(std::uint16_t id) {
   return *events_.at(id);
-}
-
-void Provided_instance::on_value_missing(const std::function<void(std::uint16_t)>& tell) {
-  for (auto& [id, channel] : events_)
-    channel->on_value_missing(tell);
 }
 
 std::vector<Event_channel*> Provided_instance::group(std::uint16_t event_group) {

@@ -1,5 +1,4 @@
-/// An instance that the node provides: its methods, its events, and how requests are judged and
-/// answered.
+/// An instance that the node provides: its methods and events, and the judgement of requests.
 #pragma once
 
 #include <atomic>
@@ -23,14 +22,10 @@
 
 namespace someip {
 
-struct Response {
-  Return_code code = Return_code::ok;
-  std::vector<std::byte> payload;
-};
-/// Called on workers, several at once.
-using Method_handler = std::function<Response(Bytes)>;
+using tq::com::Method_handler;
+using tq::com::Response;
 
-/// The way back to who asked.
+/// The way of a response back to the client.
 struct Reply_path {
   std::shared_ptr<Udp_port> udp;   ///< with `to`; or
   std::shared_ptr<Stream> stream;  ///< the connection that the request came over
@@ -39,13 +34,13 @@ struct Reply_path {
   void send(const Header& header, Bytes payload) const;
 };
 
-/// Requests that have been received and not been answered yet, over all ports of a node. Past the
-/// bound they are dropped: who sends more than the handlers can do must not fill the memory.
+/// Counts the requests that a node has received and not answered yet, over all its ports. Past the
+/// bound the node drops requests, so that a peer faster than the handlers cannot fill the memory.
 class Request_budget {
  public:
   explicit Request_budget(std::size_t limit) : limit_(limit) {}
 
-  /// A place, given back when it goes.
+  /// A place, which its destructor gives back.
   class Place {
    public:
     explicit Place(Request_budget& budget) : budget_(budget.enter() ? &budget : nullptr) {}
@@ -77,7 +72,8 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
                     const Instance_deployment& instance,
                     std::shared_ptr<Udp_port> udp,
                     const Limits& limits,
-                    Counters& counters);
+                    Counters& counters,
+                    const Value_missing_handler& value_missing);
 
   [[nodiscard]] const Service_deployment& service() const { return service_; }
   [[nodiscard]] const Instance_deployment& deployment() const { return instance_; }
@@ -89,13 +85,11 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   /// The event or notifier; throws std::out_of_range when the service has none of that id.
   [[nodiscard]] Event_channel& event(std::uint16_t id);
   [[nodiscard]] bool has_event(std::uint16_t id) const { return events_.contains(id); }
-  /// See Event_channel; for all fields.
-  void on_value_missing(const std::function<void(std::uint16_t)>& tell);
   /// The events of a group.
   [[nodiscard]] std::vector<Event_channel*> group(std::uint16_t event_group);
 
-  /// Judges a request in the order that the standard gives (someip_721) and leaves it as a task, or
-  /// answers the error, or drops it.
+  /// Judges a request in the order of the standard (someip_721). Adds the task that answers it,
+  /// with a response or an error, or drops it.
   void request(Received message,
                const Address& from,
                Reply_path reply,
@@ -109,7 +103,11 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   };
   class Request;
 
-  void add_event(std::uint16_t id, std::uint16_t event_group, bool field, Transport transport);
+  void add_event(std::uint16_t id,
+                 std::uint16_t event_group,
+                 bool field,
+                 Transport transport,
+                 const Value_missing_handler& value_missing);
 
   const Service_deployment& service_;
   const Instance_deployment& instance_;
@@ -122,12 +120,12 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   std::map<std::uint16_t, std::shared_ptr<const Method>> methods_;
 };
 
-/// The instances behind one port, by service: a port has one instance of each at most (someip_445).
+/// The instances behind one port, at most one of each service (someip_445).
 class Service_table {
  public:
   void add(std::shared_ptr<Provided_instance> instance);
   void remove(const Provided_instance& instance);
-  /// Any message that came to the port.
+  /// Judges a message that has arrived at the port.
   void dispatch(Received message,
                 const Endpoint& from,
                 Reply_path reply,

@@ -7,6 +7,7 @@
 #include <optional>
 
 #include "platform/someip/base/byte_order.h"
+#include "tq/com/types.h"
 
 namespace someip {
 
@@ -18,19 +19,7 @@ enum class Message_type : std::uint8_t {
   error = 0x81,
 };
 
-enum class Return_code : std::uint8_t {
-  ok = 0x00,
-  not_ok = 0x01,
-  unknown_service = 0x02,
-  unknown_method = 0x03,
-  not_ready = 0x04,
-  not_reachable = 0x05,
-  timeout = 0x06,
-  wrong_protocol_version = 0x07,
-  wrong_interface_version = 0x08,
-  malformed_message = 0x09,
-  wrong_message_type = 0x0A,
-};
+using tq::com::Return_code;
 
 inline constexpr std::size_t header_size = 16;
 /// The part of the length field before the payload: everything from the request id on.

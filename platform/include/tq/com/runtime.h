@@ -15,24 +15,9 @@
 #include <utility>
 #include <vector>
 
+#include "tq/com/types.h"
+
 namespace tq::com {
-
-using Payload = std::span<const std::byte>;
-
-/// Return code of a SOME/IP response. Values 0x20 to 0x3F belong to the service interface.
-enum class Return_code : std::uint8_t {
-  ok = 0x00,
-  not_ok = 0x01,
-  unknown_service = 0x02,
-  unknown_method = 0x03,
-  not_ready = 0x04,
-  not_reachable = 0x05,  ///< internal: the instance is not or no longer offered
-  timeout = 0x06,        ///< internal: no response in time
-  wrong_protocol_version = 0x07,
-  wrong_interface_version = 0x08,
-  malformed_message = 0x09,
-  wrong_message_type = 0x0A,
-};
 
 /// The endpoint of an offered instance. Only the runtime knows its content.
 class Remote_instance;
@@ -69,29 +54,16 @@ using Notification_handler = std::function<void(Payload)>;
 /// ends.
 using Subscription_state_handler = std::function<void(bool subscribed)>;
 
-/// Called once per request: with ok and the response's payload, or with the reason of the failure
-/// and an empty payload.
-using Response_handler = std::function<void(Return_code, Payload)>;
-
-/// A provider's answer to one request.
-struct Response {
-  Return_code code = Return_code::ok;
-  std::vector<std::byte> payload;
-};
-/// Called on a worker thread for each request; requests of one provider may run in parallel. An
-/// exception is answered with Return_code::not_ok.
-using Method_handler = std::function<Response(Payload)>;
-
 /// Called with every offered instance that matches a search, in the order of their first offers: at
 /// the start and on each change, one call at a time, on a worker thread.
 using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
 
 enum class Find_token : std::uint64_t {};
 
-/// One client's connection to one instance. Its destructor unsubscribes and waits until no handler
-/// of it runs, unless such a handler destroys it. Any thread may call all members.
+/// One client of one instance. Its destructor unsubscribes and waits until no handler of it runs,
+/// unless such a handler destroys it. Any thread may call all members.
 ///
-/// A handler of one element or connection may end another one, which waits for the other's handler.
+/// A handler of one element or consumer may end another one, which waits for the other's handler.
 /// Two handlers must not end each other: each would wait for the other for ever.
 class Consumer {
  public:

@@ -29,7 +29,7 @@
 namespace mw::com::cpp_binding::proxy {
 
 /// Data shared by all parts of one proxy.
-struct Connection {
+struct Proxy_core {
   std::string_view service;
   std::string instance;
   std::unique_ptr<tq::com::Consumer> consumer;
@@ -87,9 +87,7 @@ class Sample_cache : public std::enable_shared_from_this<Sample_cache<Value>> {
 
  private:
   [[nodiscard]] bool full() const {
-    if (slots_.size() <= capacity_)
-      return false;  // one of them is free: the slot of the new
-                     // sample
+    if (slots_.size() <= capacity_) return false;  // one of them is free: that of the new sample
     const auto taken = [](const auto& slot) { return slot->taken.load(std::memory_order_relaxed); };
     return static_cast<std::size_t>(std::ranges::count_if(slots_, taken)) == capacity_;
   }
@@ -111,10 +109,8 @@ class Event {
  public:
   using SampleType = Value;
 
-  Event(Connection& connection, std::string_view name)
-      : connection_{connection},
-        name_{name},
-        id_{connection.consumer->element(name).notifier.value_or(0)} {}
+  Event(Proxy_core& core, std::string_view name)
+      : core_{core}, name_{name}, id_{core.consumer->element(name).notifier.value_or(0)} {}
   ~Event() { Unsubscribe(); }
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
@@ -133,7 +129,7 @@ class Event {
     tell(Trace_id::Field_subscribe);
     subscribed_ = true;
     state_ = ara::com::SubscriptionState::kSubscriptionPending;
-    connection_.consumer->subscribe(
+    core_.consumer->subscribe(
         name_, [this](tq::com::Payload payload) { on_notification(payload); },
         [this](bool acknowledged) { on_state(acknowledged); });
   }
@@ -143,7 +139,7 @@ class Event {
     if (!subscribed_) return;
     subscribed_ = false;
     tell(Trace_id::Field_unsubscribe);
-    connection_.consumer->unsubscribe(name_);
+    core_.consumer->unsubscribe(name_);
     state_ = ara::com::SubscriptionState::kNotSubscribed;
   }
   [[nodiscard]] ara::com::SubscriptionState GetSubscriptionState() const { return state_; }
@@ -184,7 +180,7 @@ class Event {
     tell(Trace_id::Event_receive_handler);
     handle([this] {
       constexpr auto id = Trace_id::Event_receive_handler_performance;
-      trace_duration(id, receive_, [&] { return connection_.event(id, id_); });
+      trace_duration(id, receive_, [&] { return core_.event(id, id_); });
     });
   }
   /// Decodes into the cache. Returns false if that gives no new sample.
@@ -194,7 +190,7 @@ class Event {
       Serialization<Value>::decode(payload, slot.value);
     } catch (const std::exception& error) {
       slot.trim();
-      log_malformed_payload(connection_.service, name_, error.what());
+      log_malformed_payload(core_.service, name_, error.what());
       tell(Trace_id::Event_deserialize_exception);
       return false;
     }
@@ -209,10 +205,10 @@ class Event {
     }
   }
   [[gnu::cold, gnu::noinline]] void tell(Trace_id id) const {
-    trace(id, [&] { return connection_.event(id, id_); });
+    trace(id, [&] { return core_.event(id, id_); });
   }
   [[gnu::cold, gnu::noinline]] void tell_exception(Handler handler, Trace_id id) const {
-    log_handler_exception(handler, connection_.service, name_);
+    log_handler_exception(handler, core_.service, name_);
     tell(id);
   }
 
@@ -227,7 +223,7 @@ class Event {
     }
   }
 
-  Connection& connection_;
+  Proxy_core& core_;
   const std::string_view name_;
   const std::uint16_t id_;
   ara::com::EventReceiveHandler receive_;
@@ -246,10 +242,9 @@ class Method;
 template <class Output, class... Inputs>
 class Method<Output(Inputs...)> {
  public:
-  Method(Connection& connection, std::string_view name)
-      : Method{connection, connection.consumer->element(name).method} {}
-  Method(Connection& connection, std::optional<std::uint16_t> id)
-      : connection_{connection}, id_{id} {}
+  Method(Proxy_core& core, std::string_view name)
+      : Method{core, core.consumer->element(name).method} {}
+  Method(Proxy_core& core, std::optional<std::uint16_t> id) : core_{core}, id_{id} {}
 
   ara::core::Future<Output> operator()(const Inputs&... inputs) {
     auto promise = std::make_shared<ara::core::Promise<Output>>();
@@ -261,27 +256,27 @@ class Method<Output(Inputs...)> {
     }
     std::vector<std::byte> arguments;
     (Serialization<Inputs>::encode(inputs, arguments), ...);
-    connection_.consumer->call(*id_, arguments,
-                               [promise](tq::com::Return_code code, tq::com::Payload payload) {
-                                 try {
-                                   if (code != tq::com::Return_code::ok)
-                                     throw ara::com::ServiceError{code};
-                                   if constexpr (std::is_void_v<Output>) {
-                                     promise->set_value();
-                                   } else {
-                                     Output output{};
-                                     Serialization<Output>::decode(payload, output);
-                                     promise->set_value(std::move(output));
-                                   }
-                                 } catch (...) {
-                                   promise->set_exception(std::current_exception());
-                                 }
-                               });
+    core_.consumer->call(*id_, arguments,
+                         [promise](tq::com::Return_code code, tq::com::Payload payload) {
+                           try {
+                             if (code != tq::com::Return_code::ok)
+                               throw ara::com::ServiceError{code};
+                             if constexpr (std::is_void_v<Output>) {
+                               promise->set_value();
+                             } else {
+                               Output output{};
+                               Serialization<Output>::decode(payload, output);
+                               promise->set_value(std::move(output));
+                             }
+                           } catch (...) {
+                             promise->set_exception(std::current_exception());
+                           }
+                         });
     return future;
   }
 
  private:
-  Connection& connection_;
+  Proxy_core& core_;
   const std::optional<std::uint16_t> id_;
 };
 
@@ -289,10 +284,10 @@ class Method<Output(Inputs...)> {
 template <class Value>
 class Field : public Event<Value> {
  public:
-  Field(Connection& connection, std::string_view name)
-      : Event<Value>{connection, name},
-        Get{connection, connection.consumer->element(name).getter},
-        Set{connection, connection.consumer->element(name).setter} {}
+  Field(Proxy_core& core, std::string_view name)
+      : Event<Value>{core, name},
+        Get{core, core.consumer->element(name).getter},
+        Set{core, core.consumer->element(name).setter} {}
 
   Method<Value()> Get;
   /// Returns the value that the provider accepted.
@@ -310,16 +305,16 @@ struct Side {
 };
 
 /// The proxy's side of an element of the interface, with the type and the name that the interface
-/// gives it: `Element<GNSS::positions> positions{connection()};`
+/// gives it: `Element<GNSS::positions> positions{core()};`
 template <const auto& description>
 class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
   using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;
 
  public:
-  explicit Element(Connection& connection) : Base{connection, description.name} {}
+  explicit Element(Proxy_core& core) : Base{core, description.name} {}
 };
 
-/// Base of every proxy: a connection to one found instance of `Service`.
+/// Base of every proxy: the client of one found instance of `Service`.
 template <class Service>
 class Proxy_impl {
  public:
@@ -390,11 +385,11 @@ class Proxy_impl {
   }
 
   explicit Proxy_impl(const Handle_type& handle)
-      : connection_{.service = Service::name,
-                    .instance = handle.GetInstanceId().ToString(),
-                    .consumer = tq::com::Runtime::instance().connect(handle.found())} {
+      : core_{.service = Service::name,
+              .instance = handle.GetInstanceId().ToString(),
+              .consumer = tq::com::Runtime::instance().connect(handle.found())} {
     trace(Trace_id::Service_proxy_constructed, [&] {
-      auto event = connection_.event(Trace_id::Service_proxy_constructed);
+      auto event = core_.event(Trace_id::Service_proxy_constructed);
       event.version = Service::version.packed();
       event.short_name = short_name(Service::name);
       return event;
@@ -406,11 +401,11 @@ class Proxy_impl {
  protected:
   ~Proxy_impl() = default;
   /// Elements of the derived proxy are members behind this base, so they are destroyed before the
-  /// connection.
-  [[nodiscard]] Connection& connection() { return connection_; }
+  /// core.
+  [[nodiscard]] Proxy_core& core() { return core_; }
 
  private:
-  Connection connection_;
+  Proxy_core core_;
 };
 
 }  // namespace mw::com::cpp_binding::proxy

@@ -26,7 +26,7 @@
 namespace mw::com::cpp_binding::skeleton {
 
 /// Data shared by all parts of one skeleton.
-struct Provision {
+struct Skeleton_core {
   std::string_view service;
   std::string instance;
   std::unique_ptr<tq::com::Provider> provider;
@@ -60,13 +60,13 @@ void describe_inputs(const void* object, Trace_json& json) {
 
 /// Decodes a request, calls `work` with its arguments, encodes the result.
 template <class Output, class... Inputs, class Work>
-tq::com::Response answer(Provision& provision,
+tq::com::Response answer(Skeleton_core& core,
                          std::uint16_t id,
                          tq::com::Payload payload,
                          Work& work) {
-  const auto call = provision.calls.fetch_add(1, std::memory_order_relaxed) + 1;
+  const auto call = core.calls.fetch_add(1, std::memory_order_relaxed) + 1;
   const auto event = [&](Trace_id trace_id) {
-    auto made = provision.event(trace_id, id);
+    auto made = core.event(trace_id, id);
     made.call = call;
     return made;
   };
@@ -91,7 +91,7 @@ tq::com::Response answer(Provision& provision,
     std::apply([&](auto&... input) { (Serialization<Inputs>::decode(payload, input), ...); },
                inputs);
   } catch (const std::exception& error) {
-    log_malformed_payload(provision.service, std::to_string(id), error.what());
+    log_malformed_payload(core.service, std::to_string(id), error.what());
     return respond({.code = tq::com::Return_code::malformed_message, .payload = {}});
   }
   trace(Trace_id::Method_call_request_process, [&] {
@@ -113,7 +113,7 @@ tq::com::Response answer(Provision& provision,
   } catch (const ara::com::ServiceError& error) {
     return respond({.code = error.Code(), .payload = {}});
   } catch (...) {
-    log_handler_exception(Handler::method, provision.service, std::to_string(id));
+    log_handler_exception(Handler::method, core.service, std::to_string(id));
     trace(Trace_id::Method_call_request_exception,
           [&] { return event(Trace_id::Method_call_request_exception); });
     return respond({.code = tq::com::Return_code::not_ok, .payload = {}});
@@ -127,13 +127,11 @@ tq::com::Response answer(Provision& provision,
 /// waits for the future. A ServiceError is answered with its code, any other exception with
 /// E_NOT_OK.
 template <class Output, class... Inputs, class Work>
-void provide(Provision& provision,
-             const cpp_binding::Method<Output(Inputs...)>& method,
-             Work work) {
-  const auto id = provision.provider->element(method.name).method.value_or(0);
-  provision.provider->set_method_handler(
-      id, [&provision, id, work = std::move(work)](tq::com::Payload payload) mutable {
-        return detail::answer<Output, std::decay_t<Inputs>...>(provision, id, payload, work);
+void provide(Skeleton_core& core, const cpp_binding::Method<Output(Inputs...)>& method, Work work) {
+  const auto id = core.provider->element(method.name).method.value_or(0);
+  core.provider->set_method_handler(
+      id, [&core, id, work = std::move(work)](tq::com::Payload payload) mutable {
+        return detail::answer<Output, std::decay_t<Inputs>...>(core, id, payload, work);
       });
 }
 
@@ -141,20 +139,20 @@ void provide(Provision& provision,
 template <class Value>
 class Event {
  public:
-  Event(Provision& provision, std::string_view name)
-      : provision_{provision}, id_{provision.provider->element(name).notifier.value_or(0)} {}
+  Event(Skeleton_core& core, std::string_view name)
+      : core_{core}, id_{core.provider->element(name).notifier.value_or(0)} {}
   Event(const Event&) = delete;
   Event& operator=(const Event&) = delete;
 
   void Send(const Value& value) {
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
-    if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(id_);
-    provision_.provider->send_event(id_, payload);
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.tell_update(id_);
+    core_.provider->send_event(id_, payload);
   }
 
  private:
-  Provision& provision_;
+  Skeleton_core& core_;
   const std::uint16_t id_;
 };
 
@@ -167,10 +165,8 @@ class Field {
   using GetHandler = std::function<ara::core::Future<Value>()>;
   using SetHandler = std::function<ara::core::Future<Value>(const Value&)>;
 
-  Field(Provision& provision, std::string_view name)
-      : provision_{provision},
-        ids_{provision.provider->element(name)},
-        notifier_{ids_.notifier.value_or(0)} {
+  Field(Skeleton_core& core, std::string_view name)
+      : core_{core}, ids_{core.provider->element(name)}, notifier_{ids_.notifier.value_or(0)} {
     if (ids_.getter) answer_get_with<detail::Encoded>([this] { return latest(); });
   }
   Field(const Field&) = delete;
@@ -183,8 +179,8 @@ class Field {
     // Kept per thread so that an update costs no allocation.
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
-    if (may_trace(trace_level(Trace_id::Event_update_tx))) provision_.tell_update(notifier_);
-    provision_.provider->update_field(notifier_, payload);
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.tell_update(notifier_);
+    core_.provider->update_field(notifier_, payload);
   }
   void RegisterGetHandler(GetHandler handler) {
     if (ids_.getter) answer_get_with<Value>(std::move(handler));
@@ -199,25 +195,25 @@ class Field {
       promise.set_value(std::move(taken));
       return promise.get_future();
     };
-    provision_.provider->set_method_handler(*ids_.setter, [this](tq::com::Payload payload) {
-      return detail::answer<Value, Value>(provision_, *ids_.setter, payload, set_);
+    core_.provider->set_method_handler(*ids_.setter, [this](tq::com::Payload payload) {
+      return detail::answer<Value, Value>(core_, *ids_.setter, payload, set_);
     });
   }
 
  private:
   template <class Output, class Work>
   void answer_get_with(Work work) {
-    provision_.provider->set_method_handler(
+    core_.provider->set_method_handler(
         *ids_.getter, [this, work = std::move(work)](tq::com::Payload payload) {
-          return detail::answer<Output>(provision_, *ids_.getter, payload, work);
+          return detail::answer<Output>(core_, *ids_.getter, payload, work);
         });
   }
   ara::core::Future<detail::Encoded> latest() {
-    auto value = provision_.provider->field_value(notifier_);
+    auto value = core_.provider->field_value(notifier_);
     if (!value) {
       log_get_without_value(*ids_.getter);
       trace(Trace_id::Event_request_update_err,
-            [&] { return provision_.event(Trace_id::Event_request_update_err, notifier_); });
+            [&] { return core_.event(Trace_id::Event_request_update_err, notifier_); });
       throw ara::com::ServiceError{tq::com::Return_code::not_ok};
     }
     ara::core::Promise<detail::Encoded> promise;
@@ -225,7 +221,7 @@ class Field {
     return promise.get_future();
   }
 
-  Provision& provision_;
+  Skeleton_core& core_;
   const tq::com::Element_ids ids_;
   const std::uint16_t notifier_;
   SetHandler set_;
@@ -240,14 +236,14 @@ struct Side {
 };
 
 /// The skeleton's side of a field or an event of the interface, with the type and the name that the
-/// interface gives it: `Element<GNSS::positions> positions{provision()};` For methods see
+/// interface gives it: `Element<GNSS::positions> positions{core()};` For methods see
 /// provide().
 template <const auto& description>
 class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
   using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;
 
  public:
-  explicit Element(Provision& provision) : Base{provision, description.name} {}
+  explicit Element(Skeleton_core& core) : Base{core, description.name} {}
 };
 
 /// Base of every skeleton: one provided instance of `Service`. Its specifier names it in the
@@ -258,11 +254,11 @@ class Skeleton_impl {
   /// Throws std::runtime_error if the manifest has no such instance, or lacks an element of the
   /// service.
   explicit Skeleton_impl(const ara::core::InstanceSpecifier& specifier) {
-    provision_.service = Service::name;
+    core_.service = Service::name;
     try {
       auto& runtime = tq::com::Runtime::instance();
       runtime.require(Service::name, elements_of<Service>);
-      provision_.provider = runtime.provide(Service::name, specifier.ToString());
+      core_.provider = runtime.provide(Service::name, specifier.ToString());
     } catch (...) {
       trace(Trace_id::Service_instantiation_error, [&] {
         return Trace_event{.id = Trace_id::Service_instantiation_error,
@@ -271,9 +267,9 @@ class Skeleton_impl {
       });
       throw;
     }
-    provision_.instance = std::to_string(provision_.provider->instance());
+    core_.instance = std::to_string(core_.provider->instance());
     trace(Trace_id::Service_skeleton_constructed, [&] {
-      auto event = provision_.event(Trace_id::Service_skeleton_constructed);
+      auto event = core_.event(Trace_id::Service_skeleton_constructed);
       event.version = Service::version.packed();
       event.short_name = short_name(Service::name);
       return event;
@@ -283,35 +279,35 @@ class Skeleton_impl {
   Skeleton_impl& operator=(const Skeleton_impl&) = delete;
 
   void OfferService() {
-    provision_.provider->offer();
+    core_.provider->offer();
     if (!offered_.exchange(true)) tell(Trace_id::Offer_service);
   }
   /// Returns at once. Calls in progress are still answered.
   void StopOfferService() {
-    provision_.provider->stop_offer();
+    core_.provider->stop_offer();
     tell_end_of_offer();
   }
 
  protected:
   ~Skeleton_impl() = default;
-  [[nodiscard]] Provision& provision() { return provision_; }
+  [[nodiscard]] Skeleton_core& core() { return core_; }
   /// For the destructor of a class that overrides methods: withdraws the offer; afterwards no call
   /// reaches the object. Events may still be sent.
   void disconnect() {
-    provision_.provider->close();
+    core_.provider->close();
     tell_end_of_offer();
   }
 
  private:
   void tell(Trace_id id) const {
-    trace(id, [&] { return provision_.event(id); });
+    trace(id, [&] { return core_.event(id); });
   }
   /// Writes one trace record for each record of OfferService().
   void tell_end_of_offer() {
     if (offered_.exchange(false)) tell(Trace_id::Stop_offer_service);
   }
 
-  Provision provision_;
+  Skeleton_core core_;
   std::atomic<bool> offered_{false};
 };
 

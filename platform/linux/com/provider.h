@@ -1,4 +1,4 @@
-/// The runtime's own side of a provider.
+/// tq::com::Provider over SOME/IP: one instance of the node.
 #pragma once
 
 #include <cstddef>
@@ -15,14 +15,17 @@
 
 namespace tq::com {
 
-class Provision final : public Provider {
+class Someip_provider final : public Provider {
  public:
-  Provision(std::shared_ptr<someip::Provided_instance> instance,
-            someip::Node& node,
-            std::string manifest);
-  ~Provision() override;
-  Provision(const Provision&) = delete;
-  Provision& operator=(const Provision&) = delete;
+  /// The references outlive the provider. Throws std::runtime_error naming the key when a port of
+  /// the instance is taken.
+  Someip_provider(const someip::Service_deployment& service,
+                  const someip::Instance_deployment& instance,
+                  someip::Node& node,
+                  std::string manifest);
+  ~Someip_provider() override;
+  Someip_provider(const Someip_provider&) = delete;
+  Someip_provider& operator=(const Someip_provider&) = delete;
 
   [[nodiscard]] std::uint16_t instance() const override { return instance_->deployment().id; }
   [[nodiscard]] Element_ids element(std::string_view name) const override;

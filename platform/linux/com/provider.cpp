@@ -1,4 +1,4 @@
-#include "platform/linux/com/provision.h"
+#include "platform/linux/com/provider.h"
 
 #include <cstdio>
 #include <stdexcept>
@@ -30,71 +30,67 @@ void tell_value_missing(const std::string& service, std::uint16_t instance, std:
 
 }  // namespace
 
-Provision::Provision(std::shared_ptr<someip::Provided_instance> instance,
-                     someip::Node& node,
-                     std::string manifest)
-    : instance_(std::move(instance)),
+Someip_provider::Someip_provider(const someip::Service_deployment& service,
+                                 const someip::Instance_deployment& instance,
+                                 someip::Node& node,
+                                 std::string manifest)
+    : instance_(
+          node.server().provide(service,
+                                instance,
+                                [&name = service.name, id = instance.id](std::uint16_t event) {
+                                  tell_value_missing(name, id, event);
+                                })),
       node_(node),
       manifest_(std::move(manifest)),
-      gate_(std::make_shared<Gate>()) {
-  // The name is the runtime's, which outlives its instances.
-  const auto& service = instance_->service().name;
-  instance_->on_value_missing([&service, id = instance_->deployment().id](std::uint16_t event) {
-    tell_value_missing(service, id, event);
-  });
+      gate_(std::make_shared<Gate>()) {}
+
+Someip_provider::~Someip_provider() {
+  Someip_provider::close();
 }
 
-Provision::~Provision() {
-  Provision::close();
-}
-
-Element_ids Provision::element(std::string_view name) const {
+Element_ids Someip_provider::element(std::string_view name) const {
   return element_ids(instance_->service(), name);
 }
 
-void Provision::set_method_handler(std::uint16_t method, Method_handler handler) {
+void Someip_provider::set_method_handler(std::uint16_t method, Method_handler handler) {
   try {
-    instance_->set_handler(
-        method, [gate = gate_, handler = std::move(handler)](someip::Bytes arguments) {
-          const Gate::Pass pass(*gate);
-          if (!pass) return someip::Response{someip::Return_code::not_ok, {}};
-          Response response = handler(arguments);
-          return someip::Response{static_cast<someip::Return_code>(response.code),
-                                  std::move(response.payload)};
-        });
+    instance_->set_handler(method, [gate = gate_, handler = std::move(handler)](Payload arguments) {
+      const Gate::Pass pass(*gate);
+      return pass ? handler(arguments) : Response{Return_code::not_ok, {}};
+    });
   } catch (const std::out_of_range&) {
     throw std::runtime_error(manifest_ + ": services." + instance_->service().name +
                              ": no method " + hexadecimal(method));
   }
 }
 
-void Provision::offer() {
-  node_.offer(instance_);
+void Someip_provider::offer() {
+  node_.server().offer(instance_);
 }
 
-void Provision::stop_offer() {
-  node_.stop_offer(instance_);
+void Someip_provider::stop_offer() {
+  node_.server().stop_offer(instance_);
 }
 
-void Provision::close() {
-  Provision::stop_offer();
+void Someip_provider::close() {
+  Someip_provider::stop_offer();
   gate_->close();
 }
 
 // The channel knows that it is a field's, and keeps the value.
-void Provision::update_field(std::uint16_t notifier, Payload value) {
+void Someip_provider::update_field(std::uint16_t notifier, Payload value) {
   send_event(notifier, value);
 }
 
-void Provision::send_event(std::uint16_t event, Payload value) {
+void Someip_provider::send_event(std::uint16_t event, Payload value) {
   channel(event).notify(value);
 }
 
-std::optional<std::vector<std::byte>> Provision::field_value(std::uint16_t notifier) const {
+std::optional<std::vector<std::byte>> Someip_provider::field_value(std::uint16_t notifier) const {
   return channel(notifier).value();
 }
 
-someip::Event_channel& Provision::channel(std::uint16_t event) const {
+someip::Event_channel& Someip_provider::channel(std::uint16_t event) const {
   try {
     return instance_->event(event);
   } catch (const std::out_of_range&) {

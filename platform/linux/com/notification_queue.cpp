@@ -1,0 +1,100 @@
+#include "platform/linux/com/notification_queue.h"
+
+#include <chrono>
+#include <utility>
+
+namespace tq::com {
+
+namespace {
+
+/// A notification that reaches its handler this long after its arrival is counted.
+constexpr std::chrono::milliseconds late{100};
+
+}  // namespace
+
+Notification_queue::Notification_queue(std::uint8_t interface_version,
+                                       std::size_t max_queued,
+                                       Notification_handler handler,
+                                       Subscription_state_handler on_state,
+                                       someip::Workers& workers,
+                                       someip::Counters& counters)
+    : Event_sink(interface_version),
+      max_queued_(max_queued),
+      handler_(std::move(handler)),
+      on_state_(std::move(on_state)),
+      workers_(workers),
+      counters_(counters) {}
+
+Notification_queue::~Notification_queue() {
+  // The work that runs the strand holds a reference. If it has not run by now it never will: the
+  // workers have stopped and dropped it.
+  close();
+  if (!strand_.running_in_this_thread()) strand_.run();
+}
+
+bool Notification_queue::enqueue(someip::Received notification) {
+  if (strand_.claim()) {
+    first_ = std::move(notification);
+    return true;
+  }
+  return add_waiting(notification.kept()) && strand_.enqueue([this] { take_waiting(); });
+}
+
+bool Notification_queue::add_waiting(someip::Received notification) {
+  someip::Received displaced;  // goes after the lock
+  const std::lock_guard lock(waiting_mutex_);
+  waiting_.push_back(std::move(notification));
+  if (waiting_.size() <= max_queued_) return true;
+  displaced = std::move(waiting_.front());
+  waiting_.pop_front();
+  counters_.notifications_displaced.add();
+  return false;
+}
+
+void Notification_queue::take_waiting() {
+  someip::Received oldest;
+  {
+    const std::lock_guard lock(waiting_mutex_);
+    if (waiting_.empty()) return;  // closed since
+    oldest = std::move(waiting_.front());
+    waiting_.pop_front();
+  }
+  deliver(oldest);
+}
+
+void Notification_queue::deliver(const someip::Received& notification) {
+  if (someip::is_older_than(notification.arrival, late)) counters_.notifications_late.add();
+  handler_(notification.payload);
+}
+
+void Notification_queue::close() {
+  strand_.close();
+  const std::lock_guard lock(waiting_mutex_);
+  waiting_.clear();
+}
+
+void Notification_queue::run() {
+  if (!first_.buffer.empty()) {
+    strand_.run_claimed([this] {
+      const someip::Received first = std::exchange(first_, {});
+      deliver(first);
+    });
+  } else {
+    strand_.run();
+  }
+}
+
+void Notification_queue::subscription_changed(bool active) {
+  if (!on_state_) return;
+  // A peer controls the rate of changes, so a slow handler sees only the newest state.
+  latest_active_ = active;
+  if (state_pending_.exchange(true)) return;
+  const bool free = strand_.enqueue([this] {
+    state_pending_ = false;  // first: a later change is reported by another piece
+    const bool latest = latest_active_;
+    if (std::exchange(active_, latest) != latest) on_state_(latest);
+  });
+  if (free) workers_.post([self = shared_from_this()] { self->strand_.run(); });
+}
+
+}  // namespace tq::com

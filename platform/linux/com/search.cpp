@@ -1,0 +1,47 @@
+#include "platform/linux/com/search.h"
+
+#include <utility>
+
+#include "platform/linux/com/remote_instance.h"
+
+namespace tq::com {
+
+Search::Search(const someip::Service_deployment& service,
+               Find_handler handler,
+               someip::Workers& workers)
+    : service_(service), handler_(std::move(handler)), workers_(workers) {}
+
+Search::~Search() {
+  // As with a Notification_queue: if it has not run by now, the workers have stopped without it.
+  close();
+  if (!strand_.running_in_this_thread()) strand_.run();
+}
+
+void Search::found(const std::vector<std::uint16_t>& instances) {
+  {
+    const std::lock_guard lock(mutex_);
+    latest_ = instances;
+    if (std::exchange(pending_, true)) return;
+  }
+  if (strand_.enqueue([this] { deliver(); })) {
+    workers_.post([self = shared_from_this()] { self->strand_.run(); });
+  }
+}
+
+void Search::deliver() {
+  std::vector<std::uint16_t> instances;
+  {
+    const std::lock_guard lock(mutex_);
+    instances.swap(latest_);
+    pending_ = false;
+  }
+  std::vector<Found_instance> result;
+  result.reserve(instances.size());
+  for (const std::uint16_t instance : instances) {
+    result.push_back(
+        {service_.name, instance, std::make_shared<const Remote_instance>(service_, instance)});
+  }
+  handler_(result);
+}
+
+}  // namespace tq::com

@@ -1,0 +1,42 @@
+/// The results of one search for the instances of a service, on their way to its handler.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+#include "mw/com/Strand.h"
+#include "platform/someip/base/deployment.h"
+#include "platform/someip/base/workers.h"
+#include "platform/someip/node/searches.h"
+#include "tq/com/runtime.h"
+
+namespace tq::com {
+
+/// Calls the handler for one result at a time. Peers control the rate of changes, so a slow handler
+/// sees only the newest result.
+class Search final : public someip::Search_sink, public std::enable_shared_from_this<Search> {
+ public:
+  Search(const someip::Service_deployment& service, Find_handler handler, someip::Workers& workers);
+  ~Search() override;
+  Search(const Search&) = delete;
+  Search& operator=(const Search&) = delete;
+
+  void found(const std::vector<std::uint16_t>& instances) override;
+  /// Returns once the handler does not run, except inside the handler.
+  void close() { strand_.close(); }
+
+ private:
+  void deliver();
+
+  const someip::Service_deployment& service_;
+  const Find_handler handler_;
+  someip::Workers& workers_;
+  std::mutex mutex_;  ///< guards the two members below
+  std::vector<std::uint16_t> latest_;
+  bool pending_ = false;  ///< the strand has been asked to deliver it
+  mw::com::Strand strand_;
+};
+
+}  // namespace tq::com

@@ -1,0 +1,69 @@
+/// The node's searches for the instances of services.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "platform/someip/discovery/discovery.h"
+#include "platform/someip/node/known_instances.h"
+#include "platform/someip/node/node_context.h"
+#include "platform/someip/node/subscriptions.h"
+
+namespace someip {
+
+/// Receives the results of one search.
+class Search_sink {
+ public:
+  virtual ~Search_sink() = default;
+  /// The offered instances, at the start and on each change. In front are those whose present
+  /// provider was the first to deliver their events, in the order of these deliveries, so that a
+  /// stranger's instance does not displace them. The others follow in the order in which they were
+  /// first offered. Called on the control thread; must not wait.
+  virtual void found(const std::vector<std::uint16_t>& instances) = 0;
+};
+
+class Searches {
+ public:
+  Searches(const Node_context& context,
+           Discovery& discovery,
+           const Known_instances& known,
+           Subscriptions& subscriptions);
+
+  // Any thread
+
+  void start(const Service_deployment& service,
+             std::uint16_t instance,
+             std::shared_ptr<Search_sink> sink);
+  void stop(std::shared_ptr<Search_sink> sink);
+
+  // The control thread
+
+  /// An instance of the service has come or gone: the result of each of its searches follows.
+  void instances_changed(std::uint16_t service);
+  /// No further result follows a change.
+  void stop_results() { timer_.cancel(); }
+
+ private:
+  struct Running_search {
+    Instance_key wanted;  ///< any_instance: all instances
+    std::shared_ptr<Search_sink> sink;
+    bool changed = false;  ///< since its result was delivered last
+  };
+
+  void deliver(const Running_search& search);
+  void deliver_changed();
+
+  const Node_context& context_;
+  Discovery& discovery_;
+  const Known_instances& known_;
+  Subscriptions& subscriptions_;
+
+  // The control thread's own.
+  Control_timer timer_;
+  std::vector<Running_search> searches_;
+  bool delivery_due_ = false;  ///< the timer runs
+  Time delivered_{};           ///< the last time that changed results were delivered
+};
+
+}  // namespace someip

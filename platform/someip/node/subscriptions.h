@@ -1,0 +1,94 @@
+/// The node's subscriptions: the events that the process has selected, and the way of a
+/// notification to those who selected it.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include "platform/someip/discovery/discovery.h"
+#include "platform/someip/node/client_connections.h"
+#include "platform/someip/node/event_routes.h"
+#include "platform/someip/node/known_instances.h"
+#include "platform/someip/node/multicast_listeners.h"
+#include "platform/someip/node/node_context.h"
+
+namespace someip {
+
+/// One event of an instance, as a subscriber selects it.
+struct Event_selection {
+  Instance_key instance;
+  std::uint16_t event = 0;
+  std::uint16_t event_group = 0;
+  Transport transport = Transport::udp;  ///< of the event
+  Group_transport group;                 ///< of all events of the group
+  bool field = false;
+};
+
+/// Each section of members says which thread calls it.
+class Subscriptions {
+ public:
+  Subscriptions(const Node_context& context,
+                Discovery& discovery,
+                const Known_instances& known,
+                Client_connections& connections,
+                Multicast_listeners& listeners);
+
+  // Any thread
+
+  /// Notifications reach `sink` from the first offer of the instance on, until unsubscribe().
+  void subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink);
+  void unsubscribe(std::shared_ptr<Event_sink> sink);
+
+  // The receiving threads
+
+  /// Passes a notification to its sinks; drops and counts one that nobody subscribed to.
+  void notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
+
+  // The control thread
+
+  void instance_available(const Instance_key& key, const Remote_offer& offer);
+  /// Call it while the instance is still known.
+  void instance_gone(const Instance_key& key);
+  void state_changed(const Instance_key& key, std::uint16_t event_group, bool active);
+  /// Did an active subscription to fields of the group bring no value yet?
+  [[nodiscard]] bool initial_value_missing(const Instance_key& key,
+                                           std::uint16_t event_group) const;
+  /// The number of instances that delivered an event before this one, if `provider` was the first
+  /// to deliver events of the instance.
+  [[nodiscard]] std::optional<std::size_t> delivery_rank(const Instance_key& key,
+                                                         const Address& provider);
+
+ private:
+  struct Selected_event {
+    Event_selection selection;
+    std::shared_ptr<Event_sink> sink;
+    // While the instance is offered:
+    std::optional<Event_routes::Key> route;
+    std::optional<Endpoint> connection;  ///< the server that a group over TCP needs one to
+  };
+  struct First_delivery {
+    Address provider;
+    std::size_t rank;  ///< number of instances that delivered before
+  };
+
+  void connect_route(Selected_event& event, const Remote_offer& offer);
+  /// Remembers the provider of the instance if it is the first that has delivered an event.
+  void note_delivery(const Instance_key& key);
+
+  const Node_context& context_;
+  Discovery& discovery_;
+  const Known_instances& known_;
+  Client_connections& connections_;
+  Multicast_listeners& listeners_;
+  Event_routes routes_;
+
+  // The control thread's own.
+  std::vector<Selected_event> events_;
+  std::map<Instance_key, First_delivery> first_deliveries_;
+};
+
+}  // namespace someip
