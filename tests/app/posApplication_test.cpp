@@ -6,7 +6,6 @@
 
 #include <cstdlib>
 #include <future>
-#include <thread>
 
 #include "tests/app/wire.h"
 #include "tests/clients/printing.h"
@@ -45,15 +44,11 @@ class ApplicationTest : public testing::Test {
   }
 
  protected:
-  /// Makes the application with these settings.
-  void prepare(const std::vector<std::pair<std::string, KvsType>>& settings) {
+  /// Runs the application with these settings until the end of the test.
+  void run(const std::vector<std::pair<std::string, KvsType>>& settings) {
     setenv("POS_STATE_BUS", "none", 1);
     store_.write(settings);
     application_.emplace(store_.open());
-  }
-  /// Runs the application with these settings until the end of the test.
-  void run(const std::vector<std::pair<std::string, KvsType>>& settings) {
-    prepare(settings);
     result_ = std::async(std::launch::async, [this] { return application_->run(); });
     ASSERT_TRUE(log_.WaitFor(
         "posApplication startup finished, waiting for shutdown signal, data will be processed in "
@@ -170,17 +165,6 @@ TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_recor
   become(not_available, {0, 0, 0, 10, 1, 0, 1, 0, 2, 2, 0, 1, 0, 2});
   times->offer();
   become(not_available, {0, 0, 0, 10, 1, 0, 1, 0, 2, 2, 0, 0, 0, 2});
-}
-
-TEST_F(ApplicationTest, signals_while_it_starts_and_stops_do_no_harm) {
-  prepare({});
-  const std::jthread signals([&](const std::stop_token& stop) {
-    while (!stop.stop_requested()) {
-      for (const int sigId : {SIGUSR1, SIGTERM, SIGUSR2, SIGINT})
-        application_->signalHandler(sigId);
-    }
-  });
-  EXPECT_EQ(application_->run(), 0);
 }
 
 }  // namespace

@@ -20,7 +20,7 @@ SLACK_S = 8.0  # a loaded machine, sanitizers
 
 class ProcessTest(unittest.TestCase):
     def setUp(self):
-        self.desk = self.enterContext(Desk(71))
+        self.desk = self.enterContext(Desk())
 
     def started(self, **options):
         application = self.desk.start(APPLICATION, **options)
@@ -118,7 +118,7 @@ class OutputsTest(unittest.TestCase):
     """What the program writes to stops reading, goes away, or was never there."""
 
     def setUp(self):
-        self.desk = self.enterContext(Desk(72))
+        self.desk = self.enterContext(Desk())
 
     def unread(self, reader, writer):
         self.addCleanup(os.close, reader)

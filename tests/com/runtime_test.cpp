@@ -93,9 +93,9 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
   network.provider->update_field(value, bytes("shared"));
   network.connect();
   first.start(*network.consumer, "value");
+  ASSERT_TRUE(first.received.wait_for("shared")) << "before the second comes";
   auto other = network.finder.connect();
   second.start(*other, "value");
-  EXPECT_TRUE(first.received.wait_for("shared"));
   EXPECT_TRUE(second.received.wait_for("shared"));
   other.reset();
   network.provider->update_field(value, bytes("next"));

@@ -17,8 +17,6 @@ import payload
 import suite
 
 PAGE = SOURCE / "docs/robustness.md"
-NETWORK = 174  # of the application and its gateway
-ATTACKER = f"127.{NETWORK}.0.66"
 FOREIGN_LATITUDE = 66.625
 
 
@@ -35,7 +33,6 @@ def with_and_without_lists(test):
 
 
 class Attacks(suite.Group):
-    base = 103
     application = False
 
     def claim(self):
@@ -163,13 +160,13 @@ class Attacks(suite.Group):
 
     def test_positions_of_the_application(self):
         for listed in (False, True):
-            with self.subTest(listed=listed), Desk(NETWORK) as desk:
+            with self.subTest(listed=listed), Desk() as desk:
                 self.attack_positions(desk, listed)
 
     def attack_positions(self, desk, listed):
         nodes = desk.manifest["nodes"]
         if listed:
-            page = (SOURCE / "docs/manifest.md").read_text(encoding="utf-8").replace("192.168.7.", f"127.{NETWORK}.0.")
+            page = (SOURCE / "docs/manifest.md").read_text(encoding="utf-8").replace("192.168.7.", desk.address(""))
             for name, keys in json.loads(re.findall(r"```json\n(.*?)```", page, re.DOTALL)[1])["services"].items():
                 desk.manifest["services"][name] |= keys
             desk.write_manifest()
@@ -184,7 +181,7 @@ class Attacks(suite.Group):
         claim = SDOption_IP4_SD_EndPoint(addr=nodes["gnss-gateway"]["address"], port=port)
         seen = []
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as attacker:
-            attacker.bind((ATTACKER, 0))
+            attacker.bind((desk.address(66), 0))
             theirs = endpoint(*attacker.getsockname())
             position = payload.records([payload.u32(0, 2), payload.u32(1, 7), payload.f64(2, FOREIGN_LATITUDE),
                                         payload.u32(3, 4), payload.f64(4, 9.5), payload.u32(5, 4)])

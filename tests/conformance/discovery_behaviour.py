@@ -1,4 +1,5 @@
-"""Discovery behaviour: phases and delays, searching, subscribing, times to live, restarts, the end."""
+"""Discovery behaviour on the wire: subscribing, restarts, the end, the loss of the link. What depends on time
+alone is in tests/someip/discovery_test.cpp."""
 
 import contextlib
 import ctypes
@@ -10,145 +11,14 @@ from scapy.layers.inet import ICMP
 from devices import *
 from network import *
 import suite
-from suite import in_time
 
-# Upper bounds of delays allow for a machine that does other things as well.
-EARLY, LATE = 8.0, 40.0  # milliseconds
 CLONE_NEWNET = 0x40000000
 
 
 class DiscoveryBehaviour(suite.Group):
     title = "Discovery behaviour"
     streams = True
-    base = 100
     application = False
-
-    def lasts(self, delays, *expected):
-        """The delays, in milliseconds, are those expected: a number or (lowest, highest) each."""
-        for number, (delay, wanted) in enumerate(zip(delays, expected, strict=True)):
-            low, high = wanted if isinstance(wanted, tuple) else (wanted, wanted)
-            self.assertTrue(low - EARLY <= delay <= high + LATE, f"{number}: {delays}, {expected}")
-
-    # Phases
-
-    @in_time
-    def test_phases(self):
-        for command, type, base, repetitions, cyclic, delays, ends in (
-                ("offer first", OFFER, 50, 3, 250, (50, 100, 200, 250, 250), False),
-                ("offer first", OFFER, 50, 0, 120, (120, 120), False),
-                ("offer first", OFFER, 50, 1, 0, (50,), True),
-                ("find Remote", FIND, 40, 3, 100, (40, 80, 160), True)):
-            peer = self.peer()
-            host = self.host(initialDelayMinMs=60, initialDelayMaxMs=90, repetitionsBaseDelayMs=base,
-                             repetitionsMax=repetitions, cyclicOfferDelayMs=cyclic)
-            start = time.time()
-            host.do(command)
-            peer.entry(type, count=len(delays) + 1)
-            self.network.quiet(0.4 if ends else 0)
-            entries = peer.entries(type)[:None if ends else len(delays) + 1]
-            self.assertEqual({one.multicast for one in entries}, {True})
-            self.lasts([(entries[0].time - start) * 1000, *milliseconds(entries)], (60, 90), *delays)
-            self.doCleanups()
-
-    @in_time
-    def test_random_initial_delay(self):
-        peer = self.peer()
-        host = self.host(initialDelayMinMs=10, initialDelayMaxMs=110)
-        delays = []
-        for _ in range(8):
-            start = time.time()
-            host.do("offer first")
-            delays.append((peer.entry(OFFER, VEHICLE, ttl=2, after=start).time - start) * 1000)
-            host.do("stop first")
-            peer.entry(OFFER, VEHICLE, ttl=0, after=start)
-        self.lasts(delays, *[(10, 110)] * 8)
-        self.assertGreater(max(delays) - min(delays), 15, delays)
-
-    def test_packed(self):
-        peer = self.peer()
-        self.host("offer first", "offer second", "offer stream", "find Remote",
-                  initialDelayMinMs=60, initialDelayMaxMs=90)
-        peer.entry(FIND, REMOTE, count=2)
-        for _, sd in peer.multicast.discovery[:2]:
-            self.assertEqual(sorted((one.type, one.srv_id, one.inst_id) for one in sd.entry_array),
-                             [(FIND, REMOTE, ANY_INSTANCE), (OFFER, VEHICLE, 1), (OFFER, VEHICLE, 2),
-                              (OFFER, STREAM, 1)])
-
-    def test_one_answer(self):
-        host, peer = self.vehicle()
-        groups = (TICK_GROUP, 0x66, VALUE_GROUP, BIG_GROUP)
-        answers = peer.ask(host, [subscribe(VEHICLE, group) for group in groups], [endpoint(peer.caller())])
-        self.assertEqual([(one.group, one.ttl) for one in answers],
-                         [(group, 0 if group == 0x66 else ENDLESS) for group in groups])
-        self.assertEqual(len({one.message for one in answers}), 1)
-
-    def test_one_request(self):
-        host, peer, server = self.remote("subscribe Remote 1 value", "subscribe Remote 1 tick")
-        peer.entry(SUBSCRIBE, REMOTE, group=TICK_GROUP)
-        self.assertEqual({one.group for one in self.renewed(peer, server)}, {TICK_GROUP, VALUE_GROUP})
-
-    def test_end_of_search(self):
-        peer = self.peer()
-        host = self.host("find Remote", "find RemoteGroup", repetitionsBaseDelayMs=30, repetitionsMax=6)
-        peer.entry(FIND, REMOTE)
-        peer.tell(offer(REMOTE), [endpoint(peer.caller())])
-        host.said("found Remote 1")
-        peer.barrier(host)
-        sent = len(peer.entries(FIND, REMOTE))
-        # The other search, which began with it, goes on.
-        peer.entry(FIND, REMOTE_GROUP, count=7)
-        self.assertEqual(len(peer.entries(FIND, REMOTE)), sent)
-        self.assertLess(sent, 7)
-
-    def test_one_find_at_least(self):
-        host, peer = self.vehicle()
-        peer.tell(offer(REMOTE), [endpoint(peer.caller())])
-        peer.barrier(host)
-        host.do("find Remote")
-        peer.entry(FIND, REMOTE)
-        host.said("found Remote 1")
-
-    # Delays of answers
-
-    DELAYED = {"requestResponseDelayMinMs": 100, "requestResponseDelayMaxMs": 180}
-
-    def delay(self, peer, type, service, tell, **fields):
-        """Milliseconds until the entry comes that answers what is told."""
-        start = time.time()
-        tell()
-        return (peer.entry(type, service, after=start, **fields).time - start) * 1000
-
-    @in_time
-    def test_delays_of_answers(self):
-        host, peer = self.vehicle(**self.DELAYED, cyclicOfferDelayMs=0)
-        peer.entry(OFFER, VEHICLE, count=3)
-        delays = [self.delay(peer, OFFER, VEHICLE, lambda: peer.tell(find(VEHICLE), flags=flags), multicast=multicast)
-                  for flags, multicast in ((REBOOT | UNICAST, False), (REBOOT, True)) for _ in range(4)]
-        self.lasts(delays, *[(100, 180)] * 8)
-        self.assertGreater(max(delays) - min(delays), 8, delays)
-        self.assertEqual(len(peer.entries(OFFER, VEHICLE)), 3 + 8)
-        for type, entry in ((OFFER, find(VEHICLE)), (ACKNOWLEDGE, subscribe(VEHICLE, TICK_GROUP))):
-            options = [endpoint(peer.caller())]
-            delay = self.delay(peer, type, VEHICLE, lambda: peer.tell(entry, options, host), multicast=False)
-            self.assertLess(delay, 60)
-
-    @in_time
-    def test_delays_of_subscriptions(self):
-        for lowest, highest in ((100, 180), (0, 0)):
-            host, peer, server = self.remote("subscribe Remote 1 value", requestResponseDelayMinMs=lowest,
-                                             requestResponseDelayMaxMs=highest)
-            peer.entry(SUBSCRIBE, REMOTE)
-            for to, expected in ((None, (lowest, highest)), (host, 0)):
-                delay = self.delay(peer, SUBSCRIBE, REMOTE, lambda: self.offer(peer, server, to), ttl=2)
-                self.lasts([delay], expected)
-            self.doCleanups()
-
-    def test_find_in_initial_wait(self):
-        peer = self.peer()
-        host = self.host("offer first", initialDelayMinMs=150, initialDelayMaxMs=150)
-        peer.tell(find(VEHICLE), to=host)
-        peer.tell(find(VEHICLE))
-        self.assertTrue(peer.entry(OFFER, VEHICLE).multicast)
 
     # Subscribing, as client
 
@@ -169,21 +39,6 @@ class DiscoveryBehaviour(suite.Group):
         self.network.quiet(0.05)
         self.assertEqual(len(peer.entries(SUBSCRIBE, REMOTE)), 5)
 
-    def test_missing_acknowledgement(self):
-        for flags, expected in ((REBOOT | UNICAST, [(0, True), (2, True)]),
-                                (REBOOT | UNICAST | EXPLICIT, [(2, True)])):
-            host, peer, server = self.remote("subscribe Remote 1 value", flags=flags)
-            peer.entry(SUBSCRIBE, REMOTE)
-            self.renewed(peer, server)
-            self.assertEqual([(one.ttl, one.initial_data) for one in self.renewed(peer, server)], expected)
-            self.doCleanups()
-
-    def test_unwatched(self):
-        host, peer, server = self.remote("subscribe Remote 1 value")
-        peer.entry(SUBSCRIBE, REMOTE)
-        for to in (host, host, host, None):
-            self.assertEqual([one.ttl for one in self.renewed(peer, server, to)], [2])
-
     def test_connection_stays(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", service="RemoteStream")
         for number in (1, 2):
@@ -201,18 +56,6 @@ class DiscoveryBehaviour(suite.Group):
         peer.acknowledge(again)
         self.reaches(host, server, entry, 1)
         self.assertEqual([one.ttl for one in self.renewed(peer, server)], [2])
-
-    def test_refused(self):
-        host, peer, server = self.remote()
-        self.reaches(host, server, self.active(host, peer), 1)
-        renewal, = self.renewed(peer, server)
-        peer.acknowledge(renewal, ttl=0)
-        host.said("state Remote 1 value off")
-        since = len(host.lines)
-        again, = self.renewed(peer, server)
-        self.assertTrue(again.initial_data)
-        peer.acknowledge(again)
-        host.said("state Remote 1 value on", since)
 
     def test_refused_stream(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", service="RemoteStream")
@@ -287,18 +130,6 @@ class DiscoveryBehaviour(suite.Group):
             self.assertEqual([one.payload for one in events.messages[since:]], [bytes([round])])
         self.assertEqual(len(kept.messages), 2 * 40)
 
-    def test_renewal_at_server(self):
-        host, peer = self.vehicle("update first value 0a")
-        events = peer.socket()
-        for number in range(3):
-            peer.subscribed(host, VEHICLE, VALUE_GROUP, events, initial=number == 0)
-        self.settled(host, peer)
-        self.assertEqual(len(events.messages), 1)
-        peer.tell([subscribe(VEHICLE, VALUE_GROUP, ttl=ttl) for ttl in (0, ENDLESS)], [endpoint(events)], host)
-        self.network.wait(lambda: len(events.messages) == 2, "second initial value")
-        self.settled(host, peer)
-        self.assertEqual(len(events.messages), 2)
-
     def test_counters(self):
         host, peer = self.vehicle("update first value 0a")
         events = peer.socket()
@@ -308,16 +139,6 @@ class DiscoveryBehaviour(suite.Group):
         host.do("update first value 0b")
         self.settled(host, peer)
         self.assertEqual([one.payload for one in events.messages], [b"\x0a"] * 3 + [b"\x0b"])
-
-    def test_time_to_live_of_subscriptions(self):
-        host, peer = self.vehicle(cyclicOfferDelayMs=0)
-        renewed = self.subscription(host, peer, TICK_GROUP, ttl=2)
-        peer.subscribed(host, VEHICLE, TICK_GROUP, renewed, ttl=60)
-        ending, endless = (self.subscription(host, peer, TICK_GROUP, ttl=ttl) for ttl in (2, ENDLESS))
-        self.network.wait(lambda: host.count("subscriptionsExpired"), "end of a subscription")
-        self.event(host, renewed, endless)
-        self.settled(host, peer)
-        self.assertEqual(ending.messages, [])
 
     def test_stop_offer_at_server(self):
         host, peer = self.vehicle("update first value 01")
@@ -379,53 +200,7 @@ class DiscoveryBehaviour(suite.Group):
         self.assertEqual(closed(event.raw), 1)
         self.assertEqual(len(events.messages), 5)
 
-    # Times to live of offers
-
-    def test_time_to_live_of_offers(self):
-        host, peer, server = self.remote(ttl=1)
-        other = self.peer()
-        other.tell(offer(REMOTE, 2), [endpoint(other.caller())])
-        host.said("found Remote 1 2")
-        self.network.quiet(0.6)
-        self.offer(peer, server, ttl=1)
-        renewed = time.time()
-        self.assertEqual(host.said("found Remote", len(host.lines)), "found Remote 2")
-        self.assertGreater(time.time() - renewed, 0.95)
-        # Another instance satisfies the search for any.
-        other.tell(offer(REMOTE, 2, ttl=1), [endpoint(other.caller())])
-        start = time.time()
-        self.assertEqual(host.said("found Remote", len(host.lines)), "found Remote")
-        peer.entry(FIND, REMOTE, after=start)
-
     # Restarts of peers
-
-    def contacts(self, host, steps):
-        """Subscribes as a new peer in the first step and searches in the others; a step is (flags, session,
-        channel). Returns what comes of an event then."""
-        peer = self.peer()
-        events = peer.socket()
-        for number, (flags, session, channel) in enumerate(steps):
-            start = time.time()
-            peer.tell(find(VEHICLE) if number else subscribe(VEHICLE, TICK_GROUP), [endpoint(events)],
-                      host if channel == "unicast" else None, session=session, flags=flags | UNICAST)
-            peer.entry(OFFER if number else ACKNOWLEDGE, VEHICLE, after=start, multicast=False)
-        peer.sessions[host.address] = session
-        host.do("event first tick 01")
-        peer.call(host, *host.ping)
-        return [one.payload for one in events.messages]
-
-    def test_restart_of_client(self):
-        host, _ = self.vehicle()
-        for events, *steps in (
-                ([], (REBOOT, 5, "unicast"), (REBOOT, 1, "unicast")),
-                ([], (REBOOT, 5, "unicast"), (REBOOT, 5, "unicast")),
-                ([], (REBOOT, 0xFFFF, "unicast"), (REBOOT, 0xFFFE, "unicast")),
-                ([], (0, 5, "unicast"), (REBOOT, 6, "unicast")),
-                ([b"\x01"], (REBOOT, 1, "unicast"), (REBOOT, 2000, "unicast"), (REBOOT, 0xFFFF, "unicast")),
-                ([b"\x01"], (REBOOT, 0xFFFF, "unicast"), (0, 1, "unicast"), (0, 2, "unicast"), (0, 1, "unicast")),
-                ([b"\x01"], (REBOOT, 100, "unicast"), (REBOOT, 1, "multicast"), (REBOOT, 101, "unicast"),
-                 (REBOOT, 2, "multicast"))):
-            self.assertEqual(self.contacts(host, steps), events, steps)
 
     def test_restart_of_server(self):
         for channel in ("multicast", "unicast"):
@@ -441,14 +216,6 @@ class DiscoveryBehaviour(suite.Group):
             peer.acknowledge(again)
             host.said("state Remote 1 value on", since)
             self.doCleanups()
-
-    def test_restart_without_offer(self):
-        host, peer, server = self.remote()
-        self.offer(peer, server)
-        since = len(host.lines)
-        peer.restart()
-        peer.tell(find(UNKNOWN))
-        self.assertEqual(host.said("found Remote", since), "found Remote")
 
     def test_connections_of_restarted_peer(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", "offer stream", service="RemoteStream")
@@ -508,7 +275,7 @@ class DiscoveryBehaviour(suite.Group):
             subprocess.run(["ip", "link", "set", "lo", state], check=True)
         try:
             link("up")
-            self.__class__.network = Network(self.base)
+            self.__class__.network = Network()
             yield link
         finally:
             self.doCleanups()
@@ -541,35 +308,6 @@ class DiscoveryBehaviour(suite.Group):
             self.assertTrue(entry.initial_data)
             peer.acknowledge(entry)
             self.reaches(host, server, entry, 66)
-
-    # What the standard leaves open
-
-    def test_second_provider(self):
-        host, peer, server = self.remote()
-        self.active(host, peer)
-        other = self.peer()
-        other.tell(offer(REMOTE), [endpoint(other.caller())])
-        self.network.wait(lambda: host.count("refusedInstances") == 1, "refusal")
-        self.assertEqual(other.entries(SUBSCRIBE, REMOTE), [])
-        self.offer(peer, server, ttl=0)
-        host.said("state Remote 1 value off")
-        other.tell(offer(REMOTE), [endpoint(other.caller())])
-        other.entry(SUBSCRIBE, REMOTE)
-
-    def test_bounds(self):
-        host, peer, server = self.remote(limits={"remoteInstances": 2, "discoveryPeers": 3})
-        peer.tell([offer(REMOTE, instance) for instance in range(2, 6)], [endpoint(server)])
-        host.said("found Remote 1 2")
-        self.network.wait(lambda: host.count("refusedInstances") == 3, "refusals")
-        for _ in range(4):
-            self.peer(listen=False).tell(find(VEHICLE), to=host)
-        self.network.wait(lambda: host.count("refusedPeers") == 2, "refusals")
-        self.active(host, peer)
-
-    def test_never_acknowledged_again(self):
-        host, peer, _ = self.remote(subscribeTtlS=1)
-        self.active(host, peer)
-        host.said("state Remote 1 value off")
 
 
 if __name__ == "__main__":

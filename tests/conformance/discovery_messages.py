@@ -9,7 +9,6 @@ import suite
 
 class DiscoveryMessages(suite.Group):
     title = "Discovery messages"
-    base = 99
 
     def test_sessions(self):
         peer = self.peer()

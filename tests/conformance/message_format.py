@@ -39,7 +39,6 @@ def members(payload):
 
 class MessageFormat(suite.Group):
     title = "Message format"
-    base = 96
 
     def read(self, peer, service=INPUTS, payload=NO_TEXTS, **fields):
         return peer.call(self.pos, service, READ, payload, **fields)

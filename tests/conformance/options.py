@@ -2,23 +2,11 @@
 
 import pathlib
 
-from scapy.contrib.automotive.someip import (
-    SDOption_Config, SDOption_IP4_SD_EndPoint, SDOption_IP6_EndPoint, SDOption_LoadBalance)
-from scapy.packet import Raw
+from scapy.contrib.automotive.someip import SDOption_IP4_SD_EndPoint
 
 from devices import *
 from network import *
 import suite
-
-
-def raw_option(type, content, length=None):
-    """An option from its bytes behind the type."""
-    length = len(content) if length is None else length
-    return Raw(length.to_bytes(2, "big") + bytes([type]) + content)
-
-
-def configuration(*items, end=b"\0"):
-    return SDOption_Config(cfg_str=b"".join(bytes([len(item)]) + item for item in items) + end)
 
 
 def multicast(address, port, protocol=UDP_PROTOCOL):
@@ -28,34 +16,6 @@ def multicast(address, port, protocol=UDP_PROTOCOL):
 class Options(suite.Group):
     title = "Options"
     streams = True
-    base = 101
-
-    def subscriptions(self, host, peer, array, *runs, service=VEHICLE):
-        """Whether subscriptions, one for each pair of runs, with these options are acknowledged."""
-        answers = []
-        for fields in runs or ({"options": (0, len(array))},):
-            answer, = peer.ask(host, subscribe(service, TICK_GROUP, **fields), array)
-            answers.append(answer.ttl > 0)
-        return answers
-
-    def are(self, good, host, peer, arrays, *runs):
-        """With these options, and these pairs of runs if not one that refers to them all, a subscription is
-        acknowledged and an offer is used, or neither (`good`). Offers come in messages of their own."""
-        for array in arrays:
-            what = [bytes(one).hex() for one in array]
-            self.assertEqual(set(self.subscriptions(host, peer, array, *runs)), {good}, what)
-        since = len(host.lines)
-        host.do("find Remote")
-        entries = [(array, fields) for array in arrays for fields in runs or ({"options": (0, len(array))},)]
-        for number, (array, fields) in enumerate(entries, 1):
-            peer.tell(offer(REMOTE, number, **fields), array)
-        peer.tell(offer(REMOTE, 99), [endpoint(peer.address, SERVER_PORT)])
-        self.network.wait(lambda: any(line.endswith(" 99") for line in host.lines[since:]), "last offer")
-        wanted = range(1, len(entries) + 1) if good else ()
-        self.assertEqual(host.lines[-1], " ".join(map(str, ("found Remote", *wanted, 99))))
-        peer.tell([offer(REMOTE, number, ttl=0) for number in (*wanted, 99)])
-        self.network.wait(lambda: host.lines[-1] == "found Remote", "the end of all offers")
-        host.do("lose Remote")
 
     # Formats
 
@@ -72,94 +32,6 @@ class Options(suite.Group):
         option, = answer.options
         self.assertEqual(bytes(option).hex(), f"00091400efc3{self.network.number:02x}010011{MULTICAST_PORT:04x}")
         self.assertEqual(peer.subscribed(host, VEHICLE, TICK_GROUP, peer.caller()).options, [])
-
-    def test_unusable(self):
-        host, peer = self.vehicle("offer stream")
-        own, port = endpoint(peer.caller()), 40000
-        good = bytes(endpoint(peer.address, port))[3:]
-        number = self.network.number
-        alone = [raw_option(0x04, good[:-1]), raw_option(0x04, good + b"\0"), raw_option(0x04, b""),
-                 endpoint(peer.address, port, 0x01), endpoint(peer.address, port, 0x84), endpoint(peer.address, 0),
-                 configuration(b"key"), SDOption_IP6_EndPoint(addr="fd00::1", port=port)]
-        alone += [endpoint(address, port) for address in (
-            *self.WRONG, f"127.{number + 100}.0.1", f"127.{number}.255.255", host.address)]
-        self.are(False, host, peer, [[], *([option] for option in alone)])
-        others = [endpoint(peer.address, port), endpoint(self.network.address(77, 99), port)]
-        self.are(False, host, peer, [[own, other] for other in others],
-                 {"options": (0, 2)}, {"options": (0, 1), "index_2": 1, "n_opt_2": 1})
-        # Beyond the array
-        self.are(False, host, peer, [[own]],
-                 {"options": (1, 1)}, {"options": (0, 2)}, {"options": (255, 15)}, {"options": (0, 15)},
-                 {"options": (0, 1), "index_2": 1, "n_opt_2": 1})
-        self.are(False, host, peer, [[]], {"options": (0, 1)})
-        # Of the transport that is not used
-        peer.entry(OFFER, STREAM)
-        self.assertEqual(self.subscriptions(host, peer, [endpoint(peer.address, port, TCP_PROTOCOL)]), [False])
-        self.assertEqual(self.subscriptions(host, peer, [own], service=STREAM), [False])
-
-    def test_usable(self):
-        host, peer = self.vehicle()
-        own = endpoint(peer.caller())
-        self.are(True, host, peer, [[own, *options] for options in (
-            [configuration(b"key=value")], [configuration(b"key")], [configuration(b"key=")],
-            [configuration(b"key=a", b"key=b", b"other=" + b"x" * 240)], [configuration()],
-            [configuration(b"key=value=more")], [configuration(b"a key with spaces=\xc3\xa4")],
-            [configuration(b"key=a"), configuration(b"key=b")], [SDOption_LoadBalance(priority=1, weight=2)])])
-        unneeded = [raw_option(0x77, b"\0anything"), raw_option(0xFF, b"\x80"), raw_option(0x30, b""),
-                    raw_option(0x15, bytes(0x11)), SDOption_IP6_EndPoint(addr="fd00::1", port=40000),
-                    endpoint(peer.address, 40000, TCP_PROTOCOL), own, multicast("239.1.2.3", 40000)]
-        self.are(True, host, peer, [array for option in unneeded for array in ([own, option], [option, own])])
-        # The index of an empty run
-        self.are(True, host, peer, [[own]], *({"index_2": index} for index in (1, 255)),
-                 *({"options": (index, 0), "n_opt_2": 1} for index in (1, 255)))
-
-    def test_one_wrong_option(self):
-        host, peer = self.vehicle()
-        wishes = [subscribe(VEHICLE, VALUE_GROUP, options=(0, 2)), subscribe(VEHICLE, TICK_GROUP, options=(0, 1))]
-        for option in (configuration(b"key=value", end=b""), configuration(b"=value"),
-                       configuration(end=b"\x09abc\0"), configuration(b"k\x01y=value"),
-                       configuration(b"key=value", end=b"\0more"), raw_option(0x01, b""),
-                       raw_option(0x04, b"\0" * 5, length=9)):  # cut off at the end of the message
-            answers = peer.ask(host, wishes, [endpoint(peer.caller()), option])
-            self.assertEqual([one.ttl > 0 for one in answers], [False, True], bytes(option))
-
-    # References
-
-    def test_both_runs(self):
-        host, peer = self.vehicle()
-        events = peer.socket()
-        unused = endpoint(peer.address, 1)
-        array = [unused, unused, endpoint(events), configuration(b"key")]
-        self.are(True, host, peer, [array],
-                 {"options": (2, 1)}, {"options": (2, 2)},
-                 {"options": (0, 0), "index_2": 2, "n_opt_2": 1},
-                 {"options": (3, 1), "index_2": 2, "n_opt_2": 1},
-                 {"options": (2, 1), "index_2": 3, "n_opt_2": 1})
-        self.event(host, events)
-
-    def test_redundant_options(self):
-        host, peer = self.vehicle()
-        tcp, foreign = (endpoint(address, 40000, TCP_PROTOCOL) for address in (peer.address, "10.1.2.3"))
-        self.assertEqual(self.subscriptions(host, peer, [endpoint(peer.caller()), foreign]), [True])
-        # They do not tell subscriptions apart either.
-        host.do("update first value 01")
-        events = peer.socket()
-        for ttl, options in ((ENDLESS, [endpoint(events), tcp]), (0, [endpoint(events)])):
-            peer.ask(host, subscribe(VEHICLE, VALUE_GROUP, ttl=ttl, options=(0, len(options))), options)
-        host.do("update first value 02")
-        self.settled(host, peer)
-        self.assertEqual([one.payload for one in events.messages], [b"\x01"])
-
-    def test_options_of_finds(self):
-        host, peer = self.vehicle()
-        for option in (endpoint(peer.caller()), endpoint("239.1.2.3", 0), multicast("239.1.2.3", 40000),
-                       configuration(b"key=value"), SDOption_LoadBalance(), raw_option(0x77, b"\0x")):
-            answers = peer.ask(host, find(VEHICLE, n_opt_1=1), [option])
-            self.assertEqual([one.type for one in answers], [OFFER], bytes(option))
-        # Beyond the array
-        self.assertEqual(peer.ask(host, find(VEHICLE, n_opt_1=1)), [])
-        self.assertEqual(peer.ask(host, find(VEHICLE, index_1=3, n_opt_1=2), [endpoint(peer.caller())]), [])
-        self.assertEqual(host.count("droppedEntries"), 2)
 
     # Endpoints of offers
 
@@ -240,8 +112,6 @@ class Options(suite.Group):
 
     # Which addresses count
 
-    WRONG = ("10.1.2.3", "0.0.0.0", "255.255.255.255", "239.1.2.3")
-
     def outside(self, port=0):
         """A socket outside of the subnet, which no other test touches."""
         made = Socket(self.network, f"127.{self.network.number + 100}.0.1", port)
@@ -254,14 +124,6 @@ class Options(suite.Group):
         foreign.send(discovery([find(VEHICLE)]), (host.address, self.network.discovery_port))
         peer.barrier(host)
         self.assertEqual(foreign.messages, [])
-
-    def test_no_check(self):
-        host, peer = self.vehicle(prefix=0, subscriptionsForOthers=True)
-        foreign = self.outside()
-        self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, foreign).ttl, 0)
-        self.event(host, foreign)
-        for address in ("0.0.0.0", "239.1.2.3", host.address):
-            self.assertEqual(self.subscriptions(host, peer, [endpoint(address, 40000)]), [False])
 
     # The discovery endpoint
 
@@ -326,19 +188,6 @@ class Options(suite.Group):
         self.assertEqual(ask(stranger, friend, friend), ([], False))
         self.assertEqual(ask(friend, stranger, friend), ([], False))
         self.assertEqual(ask(friend, other, stranger), ([OFFER], False))
-
-    def test_subscriptions_for_others(self):
-        for allowed in (False, True):
-            host, peer = self.vehicle(subscriptionsForOthers=allowed)
-            other = self.peer(listen=False)
-            self.assertEqual(self.subscriptions(host, peer, [endpoint(other.caller())]), [allowed])
-            self.doCleanups()
-
-    def test_wrong_discovery_endpoint(self):
-        host, peer = self.vehicle()
-        for address in (*self.WRONG[:3], host.address):
-            option = SDOption_IP4_SD_EndPoint(addr=address, port=self.network.discovery_port)
-            self.assertEqual(peer.ask(host, find(VEHICLE), [option]), [])
 
 
 if __name__ == "__main__":

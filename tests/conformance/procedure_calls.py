@@ -12,7 +12,6 @@ WRONG_PROTOCOL, WRONG_INTERFACE, WRONG_TYPE = 0x07, 0x08, 0x0A
 
 class ProcedureCalls(suite.Group):
     title = "Remote procedure calls"
-    base = 98
 
     def test_request(self):
         host, peer, server = self.remote("call Remote 1 echo 010203")

@@ -23,7 +23,6 @@ def joined(messages):
 
 class Segmentation(suite.Group):
     title = "Segmentation"
-    base = 102
     application = False
 
     def train(self, channel, since=0):

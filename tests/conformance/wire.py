@@ -23,7 +23,6 @@ def payloads(channel):
 class Wire(suite.Group):
     title = "On the wire"
     streams = True
-    base = 97
 
     # Addresses and ports
 

@@ -11,9 +11,6 @@ import time
 from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions
 from network import NOTIFICATION, TP, discovery, endpoint, find, offer, someip, subscribe
 
-NETWORK = 167
-ATTACKER = f"127.{NETWORK}.0.66"
-POS = f"127.{NETWORK}.0.10"
 # A sanitizer multiplies what the process holds.
 RESIDENT_BOUND_KIB = (1024 if os.environ.get("POS_SANITIZE") else 48) * 1024
 GNSS, POSITIONING = 0x2A10, 0x2A20
@@ -24,11 +21,12 @@ CLIENT_AND_SESSION, FIRST_ENTRY = 8, HEADER + 8  # where they begin
 
 class Attacker:
     def __init__(self, desk):
-        self.sd = (POS, desk.manifest["serviceDiscovery"]["port"])
+        self.pos, self.address = (desk.address(host) for host in (10, 66))
+        self.sd = (self.pos, desk.manifest["serviceDiscovery"]["port"])
         self.group = (desk.manifest["serviceDiscovery"]["multicastAddress"], self.sd[1])
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.socket.bind((ATTACKER, 0))
-        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(ATTACKER))
+        self.socket.bind((self.address, 0))
+        self.socket.setsockopt(socket.IPPROTO_IP, socket.IP_MULTICAST_IF, socket.inet_aton(self.address))
         self.session = 0
 
     def send(self, data, to):
@@ -45,11 +43,11 @@ class Attacker:
     def garbage(self, client_port):
         """100 000 datagrams that are nothing, a header of something, or a cut discovery message."""
         pieces = [os.urandom(size) for size in (0, 1, 15, 16, 40, 200, 1400)]
-        good = discovery([find(0x1234)], [endpoint(ATTACKER, 1)])
+        good = discovery([find(0x1234)], [endpoint(self.address, 1)])
         pieces += [good[:size] for size in (8, 20, 27, 40, 50)]
         pieces += [someip(GNSS, 0x8001, os.urandom(100), type=NOTIFICATION, interface=3),
                    struct.pack("!HHI", GNSS, 0x8001, 0xFFFFFFFF)]
-        targets = [self.sd, self.group, (POS, client_port), (POS, POSITIONING_PORT)]
+        targets = [self.sd, self.group, (self.pos, client_port), (self.pos, POSITIONING_PORT)]
         start = time.monotonic()
         for number in range(100_000):
             self.send(pieces[number % len(pieces)], targets[number % len(targets)])
@@ -60,7 +58,7 @@ class Attacker:
 
     def subscribers(self, _):
         wish = subscribe(POSITIONING, group=1, major=3)
-        message = bytearray(discovery([wish], [endpoint(ATTACKER, 1)]))
+        message = bytearray(discovery([wish], [endpoint(self.address, 1)]))
         for port in range(10_000, 11_000):
             struct.pack_into("!H", message, len(message) - 2, port)
             self.send_next(message, self.sd)
@@ -69,11 +67,11 @@ class Attacker:
         more = struct.pack("!I", 1)
         message = bytearray(someip(GNSS, 0x8003, more + bytes(1392), type=NOTIFICATION | TP, interface=3))
         for number in range(1, 5000):
-            self.send_next(message, (POS, client_port), client=number % 7)
+            self.send_next(message, (self.pos, client_port), client=number % 7)
 
     def offers(self, _):
         """A million service ids and instances."""
-        message = bytearray(discovery([offer(1, major=3)] * 80, [endpoint(ATTACKER, 4000)]))
+        message = bytearray(discovery([offer(1, major=3)] * 80, [endpoint(self.address, 4000)]))
         for first in range(0, 1_000_000, 80):
             for entry in range(80):
                 instance, service = divmod(first + entry, 0xFFF0)
@@ -86,8 +84,8 @@ class Attacker:
             one = socket.socket()
             one.settimeout(0.2)
             try:
-                one.bind((ATTACKER, 0))
-                one.connect((POS, POSITIONING_PORT))
+                one.bind((self.address, 0))
+                one.connect((self.pos, POSITIONING_PORT))
                 held.append(one)
             except OSError:
                 one.close()
@@ -98,15 +96,15 @@ def resident_kib(pid):
     return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
 
 
-def client_port():
+def client_port(pos):
     """The application's port for its subscriptions: its one UDP port that is in no manifest."""
-    address = socket.inet_aton(POS)[::-1].hex().upper()
+    address = socket.inet_aton(pos)[::-1].hex().upper()
     ports = re.findall(f" {address}:([0-9A-F]{{4}}) ", pathlib.Path("/proc/net/udp").read_text())
     return next(port for port in (int(one, 16) for one in ports) if port > 32767)
 
 
 def main():
-    with Desk(NETWORK) as desk:
+    with Desk() as desk:
         positioning = desk.manifest["services"]["lumo::services::positioning::Positioning"]
         positioning["instances"][0]["tcpPort"] = POSITIONING_PORT
         desk.write_manifest()
@@ -116,7 +114,7 @@ def main():
         positions.flow("before the floods", 10)
         resident = [resident_kib(application.pid)]
         attacker = Attacker(desk)
-        port = client_port()
+        port = client_port(attacker.pos)
         for flood in (attacker.garbage, attacker.subscribers, attacker.segment_trains, attacker.offers):
             flood(port)
             positions.flow(f"after {flood.__name__}", 10)

@@ -18,7 +18,6 @@ import time
 
 from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions, until
 
-NETWORK = 168
 SKIPPED = 77
 
 TAG = f"p{os.getpid()}"
@@ -210,7 +209,7 @@ def main():
             print(f"skipped: no network namespaces here ({error})")
             return SKIPPED
         for part in (bad_cable, lost_links):
-            with Desk(NETWORK) as desk:
+            with Desk() as desk:
                 part(cable, desk)
     return 0
 

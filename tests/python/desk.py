@@ -24,10 +24,26 @@ DEADLINE = 30.0
 while_waiting = [time.sleep]  # the last one is what until() does between two looks, for so many seconds
 
 
-class Desk:
-    """`network` is the second number of all its addresses (127.network.0.x); one for each test file."""
+def free_network():
+    """The N of a loopback network 127.N.x.y that no other test uses, and the socket that claims it."""
+    for number in range(100, 150):
+        claim = socket.socket()
+        try:
+            claim.bind((f"127.{number}.255.1", 30690))
+            return number, claim
+        except OSError:
+            claim.close()
+    raise RuntimeError("no network is free")
 
-    def __init__(self, network):
+
+class Desk:
+    """`network` is the second number of all its addresses (127.network.0.x), a free one unless it is given."""
+
+    def __init__(self, network=None):
+        self.claim = None
+        if network is None:
+            network, self.claim = free_network()
+        self.network, self.dlt_port = network, 39000 + network
         self.folder = tempfile.TemporaryDirectory(prefix="pos-test-")
         self.path = pathlib.Path(self.folder.name)
         manifest = (SOURCE / "config/manifest.json").read_text(encoding="utf-8")
@@ -62,6 +78,11 @@ class Desk:
             if failure[0] is not None:
                 print(f"--- {log}\n{log.read_text(errors='replace')[-4000:]}", file=sys.stderr)
         self.folder.cleanup()
+        if self.claim:
+            self.claim.close()
+
+    def address(self, host):
+        return f"127.{self.network}.0.{host}"
 
     def start(self, program, *arguments, **options):
         """Standard output is a pipe of text, standard error the file `log` of the process."""

@@ -54,7 +54,8 @@ class Message:
 class Log:
     """A dlt-daemon of the test's own and what dlt-receive stores and prints of it."""
 
-    def __init__(self, folder, port):
+    def __init__(self, desk):
+        folder, port = desk.path, desk.dlt_port
         self.file, self.printed = folder / "log.dlt", folder / "log.txt"
         self.processes, self.messages, self.read = [], [], 0
         self.file.unlink(missing_ok=True)

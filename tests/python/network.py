@@ -18,7 +18,7 @@ from scapy.contrib.automotive.someip import SDOption_IP4_EndPoint, SDOption_IP4_
 from scapy.layers.inet import IP, TCP, UDP
 from scapy.utils import wrpcap
 
-from desk import while_waiting
+from desk import free_network, while_waiting
 
 PATIENCE = float(os.environ.get("POS_PATIENCE", 10))  # seconds; for what must come
 SO_TIMESTAMPNS = 35
@@ -101,18 +101,17 @@ def messages_of(datagram):
 
 
 class Network:
-    """`base` chooses the addresses: 127.N.x.y with the first free N from there on, so that the same
-    test may run twice at a time on one machine. A `desk` has an application and addresses of its own;
+    """Has addresses 127.N.x.y of its own. A `desk` has an application and addresses of its own;
     what comes there is received while the test waits."""
 
-    def __init__(self, base=None, desk=None):
+    def __init__(self, desk=None):
         self.under_test = set()  # addresses of devices under test
         self.seen = []  # messages of devices under test, in the order of their arrival
         self.raw = []  # (time, source, at, bytes) of everything they sent
         self.selector = selectors.DefaultSelector()
         self._next_peer = 0
         if desk is None:
-            self.number, self._claim = self._reserve(base)
+            self.number, self._claim = free_network()
             self.discovery_port, self.group = 30690, f"239.194.{self.number}.77"
         else:
             discovery = desk.manifest["serviceDiscovery"]
@@ -120,17 +119,6 @@ class Network:
             learn_versions(desk.manifest)
             self.under_test.add(desk.manifest["nodes"]["POS"]["address"])
             while_waiting.append(self.pump)
-
-    @staticmethod
-    def _reserve(base):
-        for number in range(base, base + 120, 10):
-            claim = socket.socket(socket.AF_INET, socket.SOCK_STREAM)
-            try:
-                claim.bind((f"127.{number}.255.1", 30690))
-                return number, claim
-            except OSError:
-                claim.close()
-        raise RuntimeError("no network is free")
 
     def address(self, host, net=0):
         return f"127.{self.number}.{net}.{host}"
@@ -525,8 +513,3 @@ class Peer:
         if not hasattr(self, "_caller"):
             self._caller = self.socket()
         return self._caller
-
-
-def milliseconds(entries):
-    """The times between neighbours."""
-    return [(b.time - a.time) * 1000 for a, b in zip(entries, entries[1:])]

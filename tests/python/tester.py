@@ -10,10 +10,10 @@ CLEAR, RESTART, REENABLED = b"\0", b"\1", b"\2"
 
 
 class Tester:
-    def __init__(self, desk, network, address):
+    def __init__(self, desk, network):
         self.node = desk.manifest["nodes"]["POS"]["address"]
         self.services = desk.manifest["services"]
-        self.peer = network.peer(address)
+        self.peer = network.peer(desk.address(40))
 
     def ids(self, service, specifier=""):
         """Service, instance and port of the first instance whose specifier ends so."""

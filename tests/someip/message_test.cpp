@@ -4,11 +4,8 @@
 
 #include <gmock/gmock.h>
 
-#include <ctime>
-
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/discovery/discovery_outbox.h"
-#include "platform/someip/discovery/discovery_server.h"
 #include "platform/someip/wire/stream_reader.h"
 
 namespace someip {
@@ -132,55 +129,6 @@ TEST(Discovery_peers, an_address_has_its_quota_and_no_session_goes_backwards) {
     static_cast<void>(
         peers.towards(origin("10.0.0.2", port).peer, now += std::chrono::milliseconds(1)).next());
   EXPECT_EQ(peers.towards(known_one.peer, now).next(), 3);
-}
-
-class Deaf_host final : public Discovery_server_host {
-  bool has_connection(const Offer&, const Endpoint&) override { return false; }
-  void subscribers_changed(const Instance_key&,
-                           std::uint16_t,
-                           const std::vector<Subscriber>&) override {}
-  void values_wanted(const Instance_key&, std::uint16_t, const std::vector<Subscriber>&) override {}
-};
-
-TEST(Discovery_server, a_find_costs_no_more_when_many_answers_wait) {
-  const Discovery_timing timing;
-  const Limits limits;
-  Discovery_delays delays(timing);
-  Discovery_peers peers(limits);
-  std::size_t offers = 0;
-  Discovery_outbox outbox(peers, [&](const std::vector<std::byte>& bytes, const auto& to) {
-    const auto message = read_discovery_message(Bytes(bytes).subspan(header_size), 100);
-    if (to) offers += message->entries.size();
-  });
-  Counters counters;
-  Deaf_host host;
-  Discovery_server server(timing, limits, delays, outbox, counters, host);
-  constexpr std::uint16_t instances = 200, clients = 200;
-  Time now{std::chrono::hours(1)};
-  for (std::uint16_t instance = 1; instance <= instances; ++instance) {
-    Offer offer;
-    offer.key = {1, instance, 1};
-    server.offer(std::move(offer), now);
-  }
-  server.on_time(now += timing.initial_delay_max);
-
-  Entry find;
-  find.service = 1;
-  find.instance = any_instance;
-  find.major_version = any_major_version;
-  find.minor_version = any_minor_version;
-  const auto start = std::clock();
-  for (std::uint16_t repeated = 0; repeated < 2; ++repeated) {
-    for (std::uint16_t port = 1; port <= clients; ++port) {
-      const Endpoint client{boost::asio::ip::make_address("10.0.0.1"), port};
-      server.find(find, {client.address, client}, true, true, now);
-    }
-  }
-  // Looking through all waiting answers for each of them takes many seconds.
-  EXPECT_LT(std::clock() - start, CLOCKS_PER_SEC);
-  server.on_time(now += timing.request_response_delay_max);
-  outbox.flush(now);
-  EXPECT_EQ(offers, std::size_t{instances} * clients);
 }
 
 }  // namespace

@@ -158,6 +158,30 @@ TEST(TcpClient, does_not_send_what_has_been_given_up_meanwhile) {
   client.tcp.close();
 }
 
+TEST(TcpClient, sends_more_in_total_than_its_queue_holds_before_and_after_a_reconnect) {
+  Server server;
+  server.listen();
+  Client client;
+  client.limits.tcp_send_queue_bytes = 3 * header_size;  // one is for the cookie
+  std::uint16_t session = 0;
+  const auto send = [&] {
+    client.tcp.send(server.endpoint(), request(++session), {}, Time::max());
+  };
+  for (int connection = 1; connection <= 3; ++connection) {
+    send();
+    send();
+    ASSERT_TRUE(client.workers.until([&] { return server.accept(); }));
+    for (int round = 0; round < 4; ++round) {
+      EXPECT_TRUE(client.workers.until([&] { return server.sessions().size() == session; }));
+      send();
+    }
+    EXPECT_TRUE(client.workers.until([&] { return server.sessions().size() == session; }));
+    server.reset_connection();
+    EXPECT_TRUE(client.workers.until([&] { return client.lost == connection; }));
+  }
+  client.tcp.close();
+}
+
 struct Found final : Search_sink {
   void found(const std::vector<std::uint16_t>& instances) override { count = instances.size(); }
   std::size_t count = 0;

@@ -6,6 +6,7 @@
 #include <iostream>
 
 #include "app/posMain.h"
+#include "tests/support/Seen.h"
 
 namespace {
 
@@ -20,11 +21,17 @@ std::size_t count(const char* folder) {
 
 int main(int argc, char** argv) {
   const long cycles = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 1;
+  std::size_t first = 0;
   for (long cycle = 0; cycle < cycles; ++cycle) {
     std::cout << "start " << cycle << std::endl;
     const int code = posMain(argc, argv);
-    std::cout << "end " << cycle << " " << code << " " << count("/proc/self/fd") << " "
-              << count("/proc/self/task") << std::endl;
+    std::size_t threads = count("/proc/self/task");
+    if (cycle == 0) first = threads;
+    // The kernel still lists a thread for a moment after it has been joined.
+    static_cast<void>(
+        test::eventually([&] { return (threads = count("/proc/self/task")) <= first; }));
+    std::cout << "end " << cycle << " " << code << " " << count("/proc/self/fd") << " " << threads
+              << std::endl;
   }
   return 0;
 }

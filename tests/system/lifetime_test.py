@@ -11,7 +11,6 @@ import time
 
 from desk import BUILD, GATEWAY, POSCTL, Desk
 
-NETWORK = 170
 HOST = BUILD / "tests/system/lifetime_host"
 CYCLES = int(os.environ.get("POS_LIFETIME_CYCLES", "3"))
 # 500 ms until the flag is seen, the stops, 1 s before the runtime goes; generous for sanitizers.
@@ -20,7 +19,7 @@ DEADLINE = 20.0
 
 def main():
     dice = random.Random(os.environ.get("POS_LIFETIME_SEED", "1"))
-    with Desk(NETWORK) as desk:
+    with Desk() as desk:
         desk.start(GATEWAY, "--rate", "100", "--time")
         stop = threading.Event()
 

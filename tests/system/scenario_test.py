@@ -15,7 +15,6 @@ from dlt import Log
 from network import ACKNOWLEDGE, NOTIFICATION, OFFER, Network
 from tester import CLEAR, D_1190, D_14A0, MONITOR, NO_TEXTS, RESTART, Tester
 
-NETWORK = 169
 GNSS_MONITOR = "POS_Input_GNSS"
 CHANGE = f"Changing of state, ID = {GNSS_MONITOR} , prev status = {{}} , new status = {{}}"
 PASSED, FAILED = b"\0", b"\1"
@@ -47,7 +46,7 @@ class Event_manager(Tester):
     """Subscribes at the monitor of the GNSS input each time that it is offered."""
 
     def __init__(self, desk, network):
-        super().__init__(desk, network, f"127.{NETWORK}.0.40")
+        super().__init__(desk, network)
         self.monitor = self.ids(MONITOR, GNSS_MONITOR)[:2]
         self.peer.multicast.on_entry = self.offered
 
@@ -67,9 +66,9 @@ class Event_manager(Tester):
 
 def main():
     with contextlib.ExitStack() as stack:
-        desk = stack.enter_context(Desk(NETWORK))
+        desk = stack.enter_context(Desk())
         notify = Notify(desk.path / "notify")
-        log = Log(desk.path, 39169)
+        log = Log(desk)
         stack.callback(log.end)
         desk.start_bus()
         desk.environment["NOTIFY_SOCKET"] = str(desk.path / "notify")

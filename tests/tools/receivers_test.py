@@ -59,7 +59,7 @@ class Terminal:
 
 class Receivers(unittest.TestCase):
     def setUp(self):
-        self.desk = self.enterContext(Desk(88))
+        self.desk = self.enterContext(Desk())
 
     def start(self, path, *arguments, **options):
         return self.desk.start(GATEWAY, "--json", "--nmea", path, *arguments, **options)

@@ -70,7 +70,7 @@ class Replay(unittest.TestCase):
 
     def replay(self, path):
         expected = told(path)
-        with Desk(98) as desk:
+        with Desk() as desk:
             application = desk.start(APPLICATION)
             consumer = desk.start(POSCTL, "watch", "--json", "--field", "positions")
             # The initial value shows that the whole road is open; the gateway comes last and the

@@ -11,7 +11,7 @@ from desk import BUILD, SOURCE, Desk
 
 class Run(unittest.TestCase):
     def setUp(self):
-        self.desk = self.enterContext(Desk(89))
+        self.desk = self.enterContext(Desk())
 
     def start(self, *arguments):
         return self.desk.start(pathlib.Path(sys.executable), SOURCE / "scripts/run_on_loopback.py", "--build", BUILD,
@@ -20,8 +20,8 @@ class Run(unittest.TestCase):
     def end(self, run, code=0, errors=""):
         """Returns what it has printed."""
         output, _ = run.communicate(timeout=60)
-        self.assertEqual(run.returncode, code)
         told = run.log.read_text()
+        self.assertEqual(run.returncode, code, output + told)
         self.assertTrue(errors in told if errors else not told, told)
         return output
 

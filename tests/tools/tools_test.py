@@ -16,7 +16,6 @@ import unittest
 
 from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk, until
 
-NETWORK = 82
 LATITUDE = 46.948  # around which the gateway drives
 NO_BUS = "posctl: component state: the bus gave no answer in time\n"
 SENTENCE = "$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n"
@@ -29,7 +28,7 @@ def errors_of(process):
 
 class Tools(unittest.TestCase):
     def setUp(self):
-        self.desk = self.enterContext(Desk(NETWORK))
+        self.desk = self.enterContext(Desk())
 
     def runs_to_the_end(self, program, *arguments, **options):
         """Starts a program that has to end well when the test is over."""
@@ -57,7 +56,7 @@ class Tools(unittest.TestCase):
 
     def test_describe_tells_ids_and_records_of_every_service(self):
         service = self.desk.manifest["services"]["lumo::services::positioning::Positioning"]
-        service["allowedPeers"] = ["10.0.0.1", f"127.{NETWORK}.0.30"]
+        service["allowedPeers"] = ["10.0.0.1", self.desk.address(30)]
         service["instances"][0]["multicast"] = [
             {"eventGroup": "0x0002", "address": "239.192.0.78", "port": 30600, "threshold": 3}]
         self.desk.manifest["nodes"]["POS"] |= {"clientPort": 40000, "watchLink": False}
@@ -148,7 +147,7 @@ class Tools(unittest.TestCase):
         for number in (signal.SIGINT, signal.SIGTERM):
             gateway = self.desk.start(GATEWAY, "--json")
             until(lambda: self.desk.is_bound("gnss-gateway"), "the gateway takes its address")
-            self.assertIn(f"nodes.gnss-gateway.address: 127.{NETWORK}.0.20 is taken",
+            self.assertIn(f"nodes.gnss-gateway.address: {self.desk.address(20)} is taken",
                           self.fails(GATEWAY, "--count", 1))
             code, output = self.desk.stop(gateway, number)
             self.assertEqual(code, 0)

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <stdexcept>
 #include <string>
@@ -16,8 +17,21 @@ namespace {
 using ::testing::ElementsAre;
 using ::testing::MatchesRegex;
 
+/// Read when the first logger is made.
+const int levels_are_set = ::setenv("POS_LOG_LEVEL", "error,NAMD=debug", 1);
+
+TEST(Logging, the_environment_outranks_an_own_level_for_a_named_context_only) {
+  ASSERT_EQ(levels_are_set, 0);
+  EXPECT_EQ(CreateLogger("NAMD", "named and own", LogLevel::kWarn).Level(), LogLevel::kDebug);
+  EXPECT_EQ(CreateLogger("OWNL", "own", LogLevel::kInfo).Level(), LogLevel::kInfo);
+  EXPECT_EQ(CreateLogger("GENL", "neither").Level(), LogLevel::kError);
+  InitLogging("LTST", "log test", LogLevel::kVerbose, LogMode{}, "");
+  EXPECT_EQ(CreateLogger("OWNL", "own").Level(), LogLevel::kInfo);
+  EXPECT_EQ(CreateLogger("GENL", "neither").Level(), LogLevel::kError);
+}
+
 TEST(Logging, each_stream_argument_is_an_argument_of_the_message) {
-  const Logger& logger = CreateLogger("ARGS", "arguments");
+  const Logger& logger = CreateLogger("ARGS", "arguments", LogLevel::kInfo);
   const test::Capture capture;
   const char* nothing = nullptr;
   logger.LogInfo() << "label " << std::int8_t{-1} << std::numeric_limits<std::int64_t>::min() << 1.5
@@ -48,7 +62,7 @@ TEST(Logging, a_context_has_four_letters_and_one_logger_whose_level_decides_what
 }
 
 TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark) {
-  const Logger& logger = CreateLogger("LONG", "long messages");
+  const Logger& logger = CreateLogger("LONG", "long messages", LogLevel::kInfo);
   const test::Capture capture;
   const std::string text(40'000, 'x');
 

@@ -78,6 +78,16 @@ TEST_F(KeyValueStorageTest, sync_writes_when_something_changed_and_leaves_one_fi
   EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 1);
 }
 
+TEST_F(KeyValueStorageTest, what_a_failed_sync_left_is_written_by_the_next_one) {
+  KeyValueStorage storage("Port");
+  storage.SetValue("a", KvsType(true));
+  fs::rename(folder_, root_ / "away");
+  EXPECT_THROW(storage.SyncToStorage(), ExceptionPhysicalStorageError);
+  fs::rename(root_ / "away", folder_);
+  storage.SyncToStorage();
+  EXPECT_TRUE(KeyValueStorage("Port").HasKey("a"));
+}
+
 TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fails) {
   const fs::path deep = root_ / "a" / "b" / "c";
   ::setenv("POS_STORAGE_DIR", (deep.string() + "/").c_str(), 1);
@@ -86,7 +96,9 @@ TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fail
   KeyValueStorage storage("Port");
   storage.SetValue("a", KvsType(true));
   storage.SyncToStorage();
-  EXPECT_TRUE(fs::exists(deep / "Port.json"));
+  EXPECT_EQ(fs::status(deep / "Port.json").permissions(), fs::perms{0640});
+  for (const auto& made : {deep, root_ / "a"})
+    EXPECT_EQ(fs::status(made).permissions(), fs::perms{0750}) << made;
 
   Write(root_ / "file", "");
   for (const auto& folder : {root_ / "file", root_ / "file" / "below"}) {
