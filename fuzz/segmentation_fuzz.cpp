@@ -8,6 +8,7 @@ namespace {
 
 using fuzz::require;
 using someip::Reassembler;
+using someip::Time;
 
 constexpr std::size_t most_trains = 4;
 constexpr std::size_t most_of_a_peer = 2;
@@ -29,7 +30,7 @@ std::vector<std::byte> pattern(std::size_t size, std::uint8_t start) {
 }
 
 /// A message of our own, all of whose segments arrive.
-void whole_train(fuzz::Input& input, Reassembler& reassembler, Reassembler::Time now) {
+void whole_train(fuzz::Input& input, Reassembler& reassembler, Time now) {
   someip::Header header;
   header.service = 0x7000;  // of no other train
   header.method = input.u16();
@@ -61,7 +62,7 @@ void whole_train(fuzz::Input& input, Reassembler& reassembler, Reassembler::Time
 }
 
 /// One segment of whatever kind.
-void any_segment(fuzz::Input& input, Reassembler& reassembler, Reassembler::Time now) {
+void any_segment(fuzz::Input& input, Reassembler& reassembler, Time now) {
   constexpr std::array<std::uint16_t, 2> ids{0x1234, 0x5678};
   const auto choice = input.u8();
   someip::Header header;
@@ -98,7 +99,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   fuzz::Input input{data, size};
   const auto limits = small_limits();
   Reassembler reassembler(limits);
-  Reassembler::Time now{std::chrono::seconds(1000)};
+  Time now{std::chrono::seconds(1000)};
   while (!input.empty()) {
     switch (input.u8() % 8U) {
       case 0:

@@ -23,17 +23,20 @@ namespace tools {
 /// reader of standard output that went away ends the program quietly, with 0.
 [[nodiscard]] int report_exception(const char* program);
 
+/// The shortest decimal notation of a number.
+template <class Number>
+[[nodiscard]] std::string to_text(Number value) {
+  char text[32];
+  return std::string(text, std::to_chars(text, text + sizeof text, value).ptr);
+}
+
 /// A check for CLI::Option::transform(): a number from `low` to `high` in decimal notation. It
 /// refuses NaN, infinity, and a sign where `low` is not negative.
 template <class Number>
 requires std::is_arithmetic_v<Number>
 [[nodiscard]] CLI::Validator number(Number low, Number high) {
-  const auto printed = [](Number value) {
-    char text[32];
-    return std::string(text, std::to_chars(text, text + sizeof text, value).ptr);
-  };
-  const std::string range = printed(low) + " to " + printed(high);
-  const auto check = [low, high, range, printed](std::string& text) -> std::string {
+  const std::string range = to_text(low) + " to " + to_text(high);
+  const auto check = [low, high, range](std::string& text) -> std::string {
     Number value{};
     const auto* const end = text.data() + text.size();
     const auto [parsed, error] = std::from_chars(text.data(), end, value);
@@ -43,7 +46,7 @@ requires std::is_arithmetic_v<Number>
     }
     if (!good) return "expected a number from " + range + ", found \"" + text + "\"";
     // CLI11 would read an integer with a leading zero as an octal one.
-    if constexpr (std::is_integral_v<Number>) text = printed(value);
+    if constexpr (std::is_integral_v<Number>) text = to_text(value);
     return {};
   };
   return CLI::Validator(check, range);
