@@ -10,6 +10,7 @@
 #include <stdexcept>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include "tests/support/Seen.h"
@@ -22,6 +23,13 @@ const Address loopback = boost::asio::ip::make_address("127.45.0.1");
 /// A thread for each piece of work; descriptors are not watched.
 class Thread_workers final : public Workers {
  public:
+  ~Thread_workers() override {
+    // A thread that ends may start another one.
+    for (std::vector<std::jthread> ending = take(); !ending.empty(); ending = take()) {
+      for (std::jthread& thread : ending)
+        thread.join();
+    }
+  }
   boost::asio::io_context& control() override { throw std::logic_error("no control thread"); }
   void post(std::function<void()> work) override { static_cast<void>(start_thread(work)); }
   Watch watch(int, std::shared_ptr<Readable>) override { return Watch{}; }
@@ -33,6 +41,11 @@ class Thread_workers final : public Workers {
   }
 
  private:
+  std::vector<std::jthread> take() {
+    const std::lock_guard lock(mutex_);
+    return std::exchange(threads_, {});
+  }
+
   std::mutex mutex_;  ///< guards threads_
   std::vector<std::jthread> threads_;
 };

@@ -101,7 +101,12 @@ void static_thread_pool::Loop::stop() {
     stopping_ = true;
     control_.stop();
     signal(stop_event_);
-    for (auto& thread : threads_)
+    std::vector<std::thread> threads;
+    {
+      const std::lock_guard lock(mutex_);
+      threads.swap(threads_);
+    }
+    for (auto& thread : threads)
       thread.join();
     // What is dropped may own things that come back here while they go.
     std::deque<std::function<void()>> posted;
@@ -141,6 +146,7 @@ someip::Workers::Watch static_thread_pool::Loop::watch(int descriptor,
 
 bool static_thread_pool::Loop::start_thread(std::function<void()> work) {
   const std::lock_guard lock(mutex_);
+  if (stopping_) return false;
   threads_.reserve(threads_.size() + 1);  // else a thread could be made that has no place
   try {
     threads_.emplace_back([work = std::move(work)]() noexcept { work(); });
