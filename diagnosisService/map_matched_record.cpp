@@ -62,7 +62,8 @@ Map_matched_record map_matched_record(const Map_matched_position& position) {
   if (const auto seconds = position.seconds) {
     const auto hundredths = std::min(position.nanoseconds.value_or(0) / 10'000'000U, 99U);
     out.timeOfDay = unsigned_big_endian<3>((*seconds % seconds_per_day) * 100 + hundredths);
-    record.day = unsigned_big_endian<2>(*seconds / seconds_per_day);
+    const std::uint32_t day = *seconds / seconds_per_day;
+    record.day = unsigned_big_endian<2>(day);
     valid |= 8U;
   }
   out.state.validity = static_cast<std::uint8_t>(nibble(position.status_map) << 4U | valid);

@@ -146,7 +146,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
   }
   void link(bool up) { discovery().link_changed(up, now); }
 
-  /// What happens until so many milliseconds after the start.
+  /// What happens in the first N milliseconds after the start.
   std::string until(int milliseconds) {
     const Time end = start + Milliseconds(milliseconds);
     while (next <= end) {
