@@ -269,8 +269,9 @@ def full_storage(desk, log, network):
         source.offer(TIME)
         source.notify(TIME, "times", records([u32(0, 2), u64(5, 1234999)], [u64(5, 18446744073709551615)], [u32(0, 3)],
                                              []))
+        run.wait("type missing, |pltOffset missing")  # the two services have threads of their own
         source.notify(GNSS, "positions", records(FULL_POSITION, FUTURE_POSITION))
-        run.wait("type missing, |pltOffset missing", "Sending |GNSS| input", *(
+        run.wait("Sending |GNSS| input", *(
             f"ID =|{name}|, prev status =|Init|, new status =|Nominal"
             for name in ("POS_Input_Time", "POS_Input_GNSS", "POS_Output_DeadReckoning")))
     run.end(signal.SIGINT)
