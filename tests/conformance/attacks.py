@@ -140,6 +140,32 @@ class Attacks(suite.Group):
                           "end of the attacker's instances")
 
     @with_and_without_lists
+    def test_unfinished_messages(self):
+        host = self.provider()
+        strangers = [self.attacker, *(self.peer(listen=False) for _ in range(4 if self.listed else 0))]
+        for stranger in strangers:
+            for client in range(20):
+                stranger.caller().send(segments(someip(VEHICLE, SIZE, bytes(2000), client=client), 1392)[0], host.at(VEHICLE))
+        for one in segments(someip(VEHICLE, SIZE, bytes(2000)), 1392):
+            self.friend.caller().send(one, host.at(VEHICLE))
+        answer = self.friend.caller().wait(lambda one: one.service == VEHICLE, "the answer to the friend's long request")
+        self.assertEqual((answer.code, answer.payload), (0, (2000).to_bytes(4, "big")))
+        self.assertEqual(host.count("refusedReassemblies"), 0 if self.listed else 12)
+
+    @with_and_without_lists
+    def test_requests_of_a_stranger(self):
+        host = self.provider()
+        via = self.attacker.caller()
+        for service, method, fields in ((UNKNOWN, ECHO, {}), (VEHICLE, 99, {}), (VEHICLE, ECHO, {"protocol": 9})):
+            via.send(someip(service, method, b"x", **fields), host.at(VEHICLE))
+        self.assertEqual(self.friend.call(host, VEHICLE, ECHO, b"x").payload, b"x")
+        if self.listed:
+            self.assertEqual(host.count("droppedForeignPeer"), 3)
+        else:
+            self.network.wait(lambda: len(via.messages) == 3, "the answers")
+        self.assertEqual(sorted(one.code for one in via.messages), [] if self.listed else [2, 3, 7])
+
+    @with_and_without_lists
     def test_places_of_subscribers(self):
         host = self.provider()
         for first in range(20_000, 20_200, 40):

@@ -3,6 +3,7 @@
 /// these values.
 #pragma once
 
+#include <algorithm>
 #include <boost/asio/ip/address.hpp>
 #include <chrono>
 #include <cstddef>
@@ -10,6 +11,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "platform/someip/base/endpoint.h"
 
 namespace someip {
 
@@ -144,6 +147,13 @@ struct Deployment {
   Limits limits;
   Segment_shaping segments;
   std::vector<Service_deployment> services;
+
+  /// True if at least one service allows `peer`. Every other peer is a stranger to the node.
+  [[nodiscard]] bool allows_peer(const boost::asio::ip::address& peer) const {
+    return std::ranges::any_of(services, [&](const Service_deployment& service) {
+      return allows(service.allowed_peers, peer);
+    });
+  }
 };
 
 }  // namespace someip
