@@ -155,7 +155,7 @@ void Discovery_server::subscribe(const Entry& entry,
     const auto ended = std::erase_if(group->second.subscriptions, [&](const Subscription& one) {
       return one.subscriber == subscriber;
     });
-    group->second.changed |= ended > 0;
+    if (ended > 0) unsettled_ = group->second.changed = true;
     return;
   }
 
@@ -180,7 +180,7 @@ bool Discovery_server::keep(Group& group,
   if (present != subscriptions.end()) {
     present->expires = expires;
     if (explicit_initial_data && entry.initial_data_requested()) {
-      present->fresh = group.values_wanted = true;
+      present->fresh = group.values_wanted = unsettled_ = true;
     }
   } else {
     const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
@@ -193,7 +193,7 @@ bool Discovery_server::keep(Group& group,
     }
     const bool fresh = !explicit_initial_data || entry.initial_data_requested();
     subscriptions.push_back({subscriber, expires, fresh});
-    group.changed = true;
+    group.changed = unsettled_ = true;
     group.values_wanted |= fresh;
   }
   next_expiry_ = std::min(next_expiry_, expires);
@@ -222,6 +222,7 @@ std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
       ended += count;
     }
   }
+  unsettled_ |= ended > 0;
   return ended;
 }
 
@@ -259,6 +260,7 @@ void Discovery_server::link_up(Time now) {
 }
 
 void Discovery_server::deliver_subscribers() {
+  if (!unsettled_) return;
   for (const auto& [key, local] : offers_) {
     for (const auto& [group, state] : local.groups) {
       if (!state.changed) continue;
@@ -272,6 +274,7 @@ void Discovery_server::deliver_subscribers() {
 }
 
 void Discovery_server::deliver_initial_values() {
+  if (!std::exchange(unsettled_, false)) return;
   for (auto& [key, local] : offers_) {
     for (auto& [group, state] : local.groups) {
       if (!state.changed && !state.values_wanted) continue;
