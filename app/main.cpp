@@ -1,4 +1,4 @@
-#include "app/posMain.h"
+#include "app/pos_main.h"
 #include "ara/core/initialization.h"
 
 int main(int argc, char** argv) {

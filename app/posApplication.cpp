@@ -12,7 +12,7 @@
 #include "ara/log/logger.h"
 #include "binding/statistics.h"
 #include "clients/timeutils.h"
-#include "diagnosisService/MonitorTable.h"
+#include "diagnosisService/monitor_table.h"
 
 namespace {
 

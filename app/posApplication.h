@@ -6,9 +6,9 @@
 #include <optional>
 
 #include "app/ComponentClientWrapper.h"
-#include "app/Settings.h"
 #include "app/application_instance.h"
 #include "app/conversion.h"
+#include "app/settings.h"
 #include "clients/TimemasterClientImpl.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"

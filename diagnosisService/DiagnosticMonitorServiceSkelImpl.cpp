@@ -1,7 +1,7 @@
 #include "diagnosisService/DiagnosticMonitorServiceSkelImpl.h"
 
-#include "diagnosisService/MonitorTable.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
+#include "diagnosisService/monitor_table.h"
 
 namespace diagnosisService {
 

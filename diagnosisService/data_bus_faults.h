@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/data_identifiers.h"
 
 namespace diagnosisService {
 

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "diagnosisService/DataIdentifierSkeletonImpl.h"
+#include "diagnosisService/data_identifier_skeleton_impl.h"
 
 namespace diagnosisService {
 

@@ -13,12 +13,12 @@
 #include <vector>
 
 #include "ara/log/logger.h"
-#include "diagnosisService/DataIdentifiers.h"
 #include "diagnosisService/DiagnosticMonitorServiceSkelImpl.h"
-#include "diagnosisService/EvaluationTimer.h"
-#include "diagnosisService/MonitorTable.h"
 #include "diagnosisService/data_bus_faults.h"
+#include "diagnosisService/data_identifiers.h"
+#include "diagnosisService/evaluation_timer.h"
 #include "diagnosisService/map_matched_record.h"
+#include "diagnosisService/monitor_table.h"
 #include "diagnosisService/status_book.h"
 
 namespace diagnosisService {

@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "diagnosisService/MonitorTable.h"
+#include "diagnosisService/monitor_table.h"
 
 namespace diagnosisService {
 

@@ -7,7 +7,7 @@
 #include "ara/log/logger.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
-#include "phm/Phm_timer.h"
+#include "phm/phm_timer.h"
 
 namespace phmClient {
 

@@ -8,7 +8,7 @@
 
 #include "ara/log/logger.h"
 #include "clients/timeutils.h"
-#include "posService/PositioningRecords.h"
+#include "posService/positioning_records.h"
 
 namespace diagnosisService {
 class diagnosisServiceImpl;

@@ -13,10 +13,10 @@
 #include <tuple>
 #include <vector>
 
-#include "tests/support/Capture.h"
-#include "tests/support/No_threads.h"
-#include "tests/support/Seen.h"
-#include "tests/support/Store.h"
+#include "tests/support/capture.h"
+#include "tests/support/no_threads.h"
+#include "tests/support/seen.h"
+#include "tests/support/store.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 
 #include "tests/app/wire.h"
 #include "tests/clients/printing.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Store.h"
+#include "tests/support/capture.h"
+#include "tests/support/store.h"
 
 namespace {
 

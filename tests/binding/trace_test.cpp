@@ -9,8 +9,8 @@
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "mw/com/cpp_binding/skeleton.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include "clients/gnssClientImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "tests/clients/fixed_time.h"
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace {
 

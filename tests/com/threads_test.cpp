@@ -11,14 +11,14 @@
 #include <thread>
 #include <utility>
 
-#include "mw/com/Strand.h"
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/static_thread_pool.h"
+#include "mw/com/strand.h"
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/notification_queue.h"
 #include "tests/com/test_network.h"
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace {
 

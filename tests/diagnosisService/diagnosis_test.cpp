@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "diagnosisService/diagnosisServiceImpl.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace diagnosisService {
 namespace {

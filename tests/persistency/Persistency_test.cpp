@@ -7,8 +7,8 @@
 #include <optional>
 #include <span>
 
-#include "tests/support/Capture.h"
-#include "tests/support/Store.h"
+#include "tests/support/capture.h"
+#include "tests/support/store.h"
 
 namespace {
 

@@ -9,8 +9,8 @@
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace lumo::services::positioning::datatypes {
 /// Records are the same when what travels is.

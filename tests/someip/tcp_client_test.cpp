@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "platform/someip/node/node.h"
-#include "tests/support/Seen.h"
+#include "tests/support/seen.h"
 
 /// As the system answers when a connection has broken before anybody asks.
 extern "C" int getpeername(int, sockaddr*, socklen_t*) noexcept {

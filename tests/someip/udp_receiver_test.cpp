@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/Seen.h"
+#include "tests/support/seen.h"
 
 namespace someip {
 namespace {

@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <iostream>
 
-#include "app/posMain.h"
-#include "tests/support/Seen.h"
+#include "app/pos_main.h"
+#include "tests/support/seen.h"
 
 namespace {
 

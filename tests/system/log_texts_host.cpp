@@ -9,14 +9,14 @@
 #include <iostream>
 #include <string>
 
-#include "app/Settings.h"
 #include "app/posApplication.h"
-#include "app/posMain.h"
+#include "app/pos_main.h"
+#include "app/settings.h"
 #include "binding/trace_records.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/runtime.h"
-#include "phm/Phm_timer.h"
+#include "phm/phm_timer.h"
 #include "posService/Positioning.h"
 #include "posService/posServiceImpl.h"
 

@@ -6,16 +6,16 @@
 #include <string>
 
 #include "diagnosisService/DiagnosticMonitor.h"
-#include "diagnosisService/MonitorTable.h"
+#include "diagnosisService/monitor_table.h"
 #include "mw/com/runtime.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/hexadecimal.h"
-#include "tools/Command.h"
-#include "tools/Stop_signal.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Connect.h"
-#include "tools/posctl/Printer.h"
-#include "tools/posctl/Record_json.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
+#include "tools/posctl/printer.h"
+#include "tools/posctl/record_json.h"
+#include "tools/stop_signal.h"
 
 namespace posctl {
 namespace {

@@ -5,12 +5,12 @@
 #include <type_traits>
 #include <vector>
 
-#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/data_identifiers.h"
 #include "mw/com/runtime.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Connect.h"
-#include "tools/posctl/Explain.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
+#include "tools/posctl/explain.h"
 
 namespace posctl {
 namespace {

@@ -10,9 +10,9 @@
 
 #include "app/application_instance.h"
 #include "platform/linux/stm/state_bus.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Connect.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
 
 namespace posctl {
 namespace {

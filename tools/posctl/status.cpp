@@ -9,10 +9,10 @@
 #include "binding/timestamp.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Explain.h"
-#include "tools/posctl/Statistics_page.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/explain.h"
+#include "tools/posctl/statistics_page.h"
 
 namespace posctl {
 namespace {

@@ -15,9 +15,9 @@
 #include "ara/exec/application_client.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Temporary_folder.h"
+#include "tests/support/capture.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temporary_folder.h"
 
 namespace ara {
 namespace {

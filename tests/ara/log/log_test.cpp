@@ -9,7 +9,7 @@
 #include "ara/log/logger.h"
 #include "platform/linux/log/level_settings.h"
 #include "platform/linux/log/text_sink.h"
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace ara::log {
 namespace {

@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/Temporary_folder.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temporary_folder.h"
 
 namespace ara::per {
 namespace {

@@ -20,9 +20,9 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/Capture.h"
-#include "tests/support/No_threads.h"
-#include "tests/support/Seen.h"
+#include "tests/support/capture.h"
+#include "tests/support/no_threads.h"
+#include "tests/support/seen.h"
 
 namespace ara::stm {
 namespace {
