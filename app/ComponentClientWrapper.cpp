@@ -8,11 +8,11 @@
 
 namespace {
 
-constexpr const char* kPrepareShutdown = "kPrepSD";
-constexpr const char* kOnState = "kOn";
+constexpr const char* prepare_shutdown = "kPrepSD";
+constexpr const char* on_state = "kOn";
 
-constexpr std::uint32_t kAccepted = 0;
-constexpr std::uint32_t kRefused = 1;
+constexpr std::uint32_t accepted = 0;
+constexpr std::uint32_t refused = 1;
 
 }  // namespace
 
@@ -23,7 +23,7 @@ ComponentClientWrapper::ComponentClientWrapper(Persistency* persistency, Prepare
   // The first request may arrive before the client is set; it waits for the lock.
   const std::lock_guard lock(mutex_);
   client_ =
-      ara::stm::createComponentClient(ara::core::InstanceSpecifier(kApplicationInstance),
+      ara::stm::createComponentClient(ara::core::InstanceSpecifier(application_instance),
                                       [this](const std::string& newState, std::uint32_t seqNum) {
                                         componentStateChangeRequest(newState, seqNum);
                                       });
@@ -46,50 +46,50 @@ void ComponentClientWrapper::componentStateChangeRequest(const std::string& newS
   logger_.LogInfo() << "componentStateChangeRequest newState = " << newState
                     << " seqNum = " << seqNum;
   const std::lock_guard lock(mutex_);
-  if (newState != kPrepareShutdown) {
-    if (newState == kOnState && state_ == State::kOn) {
-      confirm(seqNum, newState, kAccepted);
+  if (newState != prepare_shutdown) {
+    if (newState == on_state && state_ == State::on) {
+      confirm(seqNum, newState, accepted);
       return;
     }
     switchOn(seqNum, newState);
     return;
   }
   switch (state_) {
-    case State::kOn:
+    case State::on:
       if (prepareCallback_ && isOwnerReady()) {
         finishPreparation(seqNum);
       } else {
         startPreparation(seqNum);
       }
       break;
-    case State::kTransitionPending:
-      confirm(seqNum, newState, kRefused);
+    case State::transition_pending:
+      confirm(seqNum, newState, refused);
       break;
-    case State::kPreparedForShutdown:
-      confirm(seqNum, newState, kAccepted);
+    case State::prepared_for_shutdown:
+      confirm(seqNum, newState, accepted);
       break;
   }
 }
 
 void ComponentClientWrapper::switchOn(std::uint32_t seqNum, const std::string& newState) {
-  if (state_ == State::kTransitionPending) persistency_->setCallback({});
+  if (state_ == State::transition_pending) persistency_->setCallback({});
   persistency_->setStoringAllowed(true);
-  state_ = State::kOn;
+  state_ = State::on;
   wakePreparation();
-  confirm(seqNum, newState, kAccepted);
+  confirm(seqNum, newState, accepted);
 }
 
 void ComponentClientWrapper::finishPreparation(std::uint32_t seqNum) {
   persistency_->setStoringAllowed(false);
-  state_ = State::kPreparedForShutdown;
-  confirm(seqNum, kPrepareShutdown, kAccepted);
+  state_ = State::prepared_for_shutdown;
+  confirm(seqNum, prepare_shutdown, accepted);
 }
 
 void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
   persistency_->setCallback([this] { wakePreparation(); });
-  state_ = State::kTransitionPending;
+  state_ = State::transition_pending;
   preparedSeqNum_ = seqNum;
-  deadline_ = Clock::now() + kWaitLimit;
+  deadline_ = Clock::now() + wait_limit;
   seenWakes_ = wakes();
   if (preparing_) return;
   try {
@@ -99,20 +99,20 @@ void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
     // No thread is available: the next request tries again.
     logger_.LogError() << "Error in the preparation for shutdown:" << error.what();
     persistency_->setCallback({});
-    state_ = State::kOn;
-    confirm(seqNum, kPrepareShutdown, kRefused);
+    state_ = State::on;
+    confirm(seqNum, prepare_shutdown, refused);
   }
 }
 
 void ComponentClientWrapper::prepare() {
   std::unique_lock lock(mutex_);
-  while (state_ == State::kTransitionPending) {
+  while (state_ == State::transition_pending) {
     const auto deadline = deadline_;
     const auto seen = seenWakes_;
     lock.unlock();
-    const auto wakes = waitForWake(seen, std::min(deadline, Clock::now() + kAskPeriod));
+    const auto wakes = waitForWake(seen, std::min(deadline, Clock::now() + ask_period));
     lock.lock();
-    if (state_ != State::kTransitionPending || deadline_ != deadline) continue;  // a newer request
+    if (state_ != State::transition_pending || deadline_ != deadline) continue;  // a newer request
     seenWakes_ = wakes;
     const bool ready = prepareCallback_ ? isOwnerReady() : wakes != seen;
     if (ready || Clock::now() >= deadline) finishPreparation(preparedSeqNum_);

@@ -42,12 +42,12 @@ class ComponentClientWrapper {
   void componentStateChangeRequest(const std::string& newState, std::uint32_t seqNum);
 
  private:
-  enum class State : std::uint32_t { kOn = 0, kTransitionPending = 1, kPreparedForShutdown = 2 };
+  enum class State : std::uint32_t { on = 0, transition_pending = 1, prepared_for_shutdown = 2 };
 
   using Clock = std::chrono::steady_clock;
 
-  static constexpr std::chrono::seconds kWaitLimit{5};
-  static constexpr std::chrono::seconds kAskPeriod{1};
+  static constexpr std::chrono::seconds wait_limit{5};
+  static constexpr std::chrono::seconds ask_period{1};
 
   void switchOn(std::uint32_t seqNum, const std::string& newState);
   void finishPreparation(std::uint32_t seqNum);
@@ -62,7 +62,7 @@ class ComponentClientWrapper {
 
   std::unique_ptr<ara::stm::ComponentClient> client_;  ///< guarded by mutex_
   ara::log::Logger& logger_;
-  State state_ = State::kOn;  ///< guarded by mutex_
+  State state_ = State::on;  ///< guarded by mutex_
   /// Guards the state, every request to its end, and the data of the preparation. Unlike any other
   /// lock here it is held while the prepare callback, a log call and a confirmation run. The
   /// reasons: the persistency has no lock of its own, and state management must see switches and

@@ -18,17 +18,17 @@ namespace {
 
 using diagnosisService::Data_bus_element;
 using diagnosisService::DataBusFault;
-using diagnosisService::kMonitorInputGnss;
-using diagnosisService::kMonitorInputTime;
-using diagnosisService::kMonitorOutputDeadReckoning;
-using diagnosisService::kSensorGnss;
-using diagnosisService::kSensorTimeMaster;
-using diagnosisService::kSystemMapMatching;
-using diagnosisService::kSystemPgf;
-using diagnosisService::kSystemReserved13;
+using diagnosisService::monitor_input_gnss;
+using diagnosisService::monitor_input_time;
+using diagnosisService::monitor_output_dead_reckoning;
+using diagnosisService::sensor_gnss;
+using diagnosisService::sensor_time_master;
+using diagnosisService::system_map_matching;
+using diagnosisService::system_pgf;
+using diagnosisService::system_reserved13;
 
-constexpr std::chrono::milliseconds kShutdownPoll{500};
-constexpr std::uint64_t kDataTimeoutMs = 5000;
+constexpr std::chrono::milliseconds shutdown_poll{500};
+constexpr std::uint64_t data_timeout_ms = 5000;
 
 Data_bus_element elementOf(gnssClient::gnssClientImpl::Field field) {
   using Field = gnssClient::gnssClientImpl::Field;
@@ -67,19 +67,19 @@ int posApplication::run() {
   start();
 
   // The order is fixed and contains byte 13 twice.
-  for (const auto byte : {kSystemMapMatching, kSystemReserved13, kSystemReserved13, kSystemPgf}) {
-    diagnosisService_.setSystemStatus(byte, diagnosisService::kNotAvailable);
+  for (const auto byte : {system_map_matching, system_reserved13, system_reserved13, system_pgf}) {
+    diagnosisService_.setSystemStatus(byte, diagnosisService::Status::not_available);
   }
   diagnosisService::diagnosisServiceImpl::SensorSetup sensors{};
-  sensors[kSensorGnss] = true;
-  sensors[kSensorTimeMaster] = settings_->timeClientEnabled;
+  sensors[sensor_gnss] = true;
+  sensors[sensor_time_master] = settings_->timeClientEnabled;
   diagnosisService_.newSensorSetup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
   auto statistics = binding::offer_statistics();
 
   while (!shutdown_)
-    std::this_thread::sleep_for(kShutdownPoll);
+    std::this_thread::sleep_for(shutdown_poll);
 
   stop();
   statistics.reset();
@@ -89,7 +89,7 @@ int posApplication::run() {
 
 void posApplication::start() {
   phmClient_.init();
-  diagnosisService_.init(kDataTimeoutMs);
+  diagnosisService_.init(data_timeout_ms);
   diagnosisService_.startMonitors();
   namespace status = lumo::services::positioning::datatypes::position_status;
   outputDefaults_ = {status::position, status::altitude, status::yaw_angle,   status::speed,
@@ -108,18 +108,18 @@ void posApplication::stop() {
 }
 
 void posApplication::signalHandler(int sigId) {
-  constexpr const char* kReceived = "posApplication::signalHandler, received sigId =";
+  constexpr const char* received = "posApplication::signalHandler, received sigId =";
   switch (sigId) {
     case SIGUSR1:
-      ara::log::LogInfo() << kReceived << sigId << ", switching to state 'kPrepSD'";
+      ara::log::LogInfo() << received << sigId << ", switching to state 'kPrepSD'";
       componentClient_->componentStateChangeRequest("kPrepSD", 0);
       break;
     case SIGUSR2:
-      ara::log::LogInfo() << kReceived << sigId << ", switching to state 'kOn'";
+      ara::log::LogInfo() << received << sigId << ", switching to state 'kOn'";
       componentClient_->componentStateChangeRequest("kOn", 0);
       break;
     default:
-      ara::log::LogInfo() << kReceived << sigId << ", starting gracefull shutdown procedure";
+      ara::log::LogInfo() << received << sigId << ", starting gracefull shutdown procedure";
       shutdown_ = true;
       diagnosisService_.stop();
       break;
@@ -140,9 +140,9 @@ void posApplication::initGnssClient() {
   gnssClient_.setDataFaultsCallback(
       [this](auto field, const auto& faults) { reportFaults(elementOf(field), faults); });
   gnssClient_.setPositionsQualityCallback(
-      [this](const auto&) { diagnosisService_.dataReceived(kMonitorInputGnss); });
+      [this](const auto&) { diagnosisService_.dataReceived(monitor_input_gnss); });
   gnssClient_.setSatInfosCallback(
-      [this](const auto&) { diagnosisService_.dataReceived(kMonitorInputGnss); });
+      [this](const auto&) { diagnosisService_.dataReceived(monitor_input_gnss); });
   gnssClient_.setPositionCallback(
       [this](const GnssPosition& position) { sendDRPosition(position); });
   gnssClient_.init();
@@ -153,8 +153,8 @@ void posApplication::sendDRPosition(const GnssPosition& position) {
                       << " input position as POS output DR position.";
   posService_.sendDR(to_positioning(position, outputDefaults_));
   const auto now = diagnosisService::diagnosisServiceImpl::Clock::now();
-  diagnosisService_.dataReceived(kMonitorOutputDeadReckoning, now);
-  diagnosisService_.dataReceived(kMonitorInputGnss, now);
+  diagnosisService_.dataReceived(monitor_output_dead_reckoning, now);
+  diagnosisService_.dataReceived(monitor_input_gnss, now);
 }
 
 void posApplication::initTimemasterClient() {
@@ -179,5 +179,5 @@ void posApplication::receiveTimes(const Times& times) {
   if (times.type == lumo::services::time::datatypes::Time_type::platform && times.pltOffset) {
     timeutils::instance().setOffset(*times.pltOffset / 1000);
   }
-  diagnosisService_.dataReceived(kMonitorInputTime);
+  diagnosisService_.dataReceived(monitor_input_time);
 }

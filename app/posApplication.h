@@ -53,7 +53,7 @@ class posApplication {
   gnssClient::gnssClientImpl gnssClient_;
   diagnosisService::diagnosisServiceImpl diagnosisService_;
   posServiceImpl posService_;
-  phmClient::phmClientImpl phmClient_{ara::core::InstanceSpecifier(kApplicationInstance)};
+  phmClient::phmClientImpl phmClient_{ara::core::InstanceSpecifier(application_instance)};
   TimemasterClient::TimemasterClientImpl timemasterClient_;
   Output_defaults outputDefaults_{};
   std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()

@@ -21,9 +21,9 @@
 
 namespace {
 
-constexpr int kExitUnhandledException = 104;
+constexpr int exit_unhandled_exception = 104;
 /// Time for messages still under way to leave before the middleware ends.
-constexpr std::chrono::seconds kRuntimeDelay{1};
+constexpr std::chrono::seconds runtime_delay{1};
 
 /// A shared pointer that two threads may read and replace. Shared, so that a signal being handled
 /// keeps the application alive. A mutex instead of std::atomic<std::shared_ptr>: the one of
@@ -111,9 +111,9 @@ void logBanner() {
 
 int exitAfter(const char* exception) {
   ara::log::LogError() << "Fatal error in application, not handled exception caught: " << exception
-                       << " Exiting application with return value " << kExitUnhandledException
+                       << " Exiting application with return value " << exit_unhandled_exception
                        << ".";
-  return kExitUnhandledException;
+  return exit_unhandled_exception;
 }
 
 }  // namespace
@@ -141,7 +141,7 @@ int posMain(int /*argc*/, char** /*argv*/) {
     ara::log::LogInfo() << "destroying app.";
     owner.reset();
     ara::log::LogInfo() << "delay before destroying runtime.";
-    std::this_thread::sleep_for(kRuntimeDelay);
+    std::this_thread::sleep_for(runtime_delay);
     ara::log::LogInfo() << "destroying runtime.";
     runtime.reset();
   } catch (const std::exception& error) {

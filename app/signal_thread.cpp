@@ -24,8 +24,8 @@ void Signal_thread::blockSignals() {
 
 Signal_thread::Signal_thread(Handler handler) {
   const sigset_t signals = handledSignals();
-  constexpr timespec kNoWait{};
-  for (int signal = 0; (signal = sigtimedwait(&signals, nullptr, &kNoWait)) > 0;)
+  constexpr timespec no_wait{};
+  for (int signal = 0; (signal = sigtimedwait(&signals, nullptr, &no_wait)) > 0;)
     handler(signal);
 
   try {

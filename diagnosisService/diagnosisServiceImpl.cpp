@@ -19,7 +19,7 @@ namespace {
 using mw::dm::dem::MonitorActionType;
 
 /// Padded to one width, because the lines are read as a table.
-constexpr std::array<std::string_view, kInputCount> kSensorLabels{
+constexpr std::array<std::string_view, input_count> sensor_labels{
     "sensor GNSS               ", "sensor BD_Odometrie       ", "sensor Kamera_Position    ",
     "sensor Kamera_Landmarken  ", "sensor TopView_Landmarken ", "sensor Lidar_Landmarken   ",
     "sensor Radar_Landmarken   ", "sensor BD_Karte_PSD       ", "sensor Zeitmaster         ",
@@ -92,10 +92,10 @@ diagnosisServiceImpl::~diagnosisServiceImpl() {
 void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
   logger_.LogInfo()
       << "enter diagnosisServiceImpl::init(), set default values, start offering services";
-  if (timeoutMs == 0 || timeoutMs > kLongestTimeoutMs) {
+  if (timeoutMs == 0 || timeoutMs > longest_timeout_ms) {
     throw std::invalid_argument{"diagnosisServiceImpl::init: time-out of " +
                                 std::to_string(timeoutMs) + " ms, expected 1 to " +
-                                std::to_string(kLongestTimeoutMs)};
+                                std::to_string(longest_timeout_ms)};
   }
   const std::chrono::microseconds timeout{timeoutMs * 1000};
   {
@@ -120,8 +120,8 @@ void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
 
 void diagnosisServiceImpl::startMonitors() {
   std::vector<std::unique_ptr<DiagnosticMonitorServiceSkelImpl>> monitors;
-  monitors.reserve(kMonitors.size());
-  for (const auto& monitor : kMonitors) {
+  monitors.reserve(monitor_table.size());
+  for (const auto& monitor : monitor_table) {
     monitors.push_back(std::make_unique<DiagnosticMonitorServiceSkelImpl>(
         ara::core::InstanceSpecifier{"DiagnosticMonitor_" + std::string{monitor.name}}, *this,
         monitor.identifier));
@@ -187,7 +187,7 @@ void diagnosisServiceImpl::newSensorSetup(const SensorSetup& setup) {
   }
   logger_.LogInfo() << "diagnosisServiceImpl got new sensor setup";
   for (std::size_t sensor = 0; sensor < setup.size(); ++sensor) {
-    logger_.LogInfo() << kSensorLabels[sensor] << (setup[sensor] ? "ON" : "OFF");
+    logger_.LogInfo() << sensor_labels[sensor] << (setup[sensor] ? "ON" : "OFF");
   }
   // Of two simultaneous setups, the last one holds for both flags and statuses.
   const std::lock_guard lock{mutex_};
@@ -269,7 +269,8 @@ class diagnosisServiceImpl::Sending {
 void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
   const Sending sending{*this};
   const auto result = [this, identifier] {
-    return status(identifier) == kError ? MonitorActionType::kFailed : MonitorActionType::kPassed;
+    return status(identifier) == Status::error ? MonitorActionType::kFailed
+                                               : MonitorActionType::kPassed;
   };
   try {
     // Two senders of one monitor may overtake each other, and the event manager keeps the last
@@ -294,7 +295,7 @@ void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType
   DiagnosticMonitorServiceSkelImpl* skeleton = nullptr;
   {
     const std::lock_guard lock{offerMutex_};
-    if (monitorsOffered_ && index != kNoMonitor) skeleton = monitors_[index].get();
+    if (monitorsOffered_ && index != no_monitor) skeleton = monitors_[index].get();
   }
   if (skeleton == nullptr) {
     logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(): ignore, skeleton not ready "
@@ -303,7 +304,7 @@ void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType
   }
   logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(), "
                     << "id " << identifier << " (0x" << ara::log::HexFormat(identifier) << ")"
-                    << " = " << kMonitors[index].name << ", action "
+                    << " = " << monitor_table[index].name << ", action "
                     << static_cast<std::uint8_t>(action) << " = " << actionName(action);
   skeleton->MonitorAction.Send(action);
 }

@@ -29,7 +29,7 @@ class diagnosisServiceImpl {
   using Clock = Status_book::Clock;
   using SensorSetup = Status_book::Sensor_setup;
 
-  static constexpr std::uint64_t kLongestTimeoutMs = 24ULL * 60 * 60 * 1000;
+  static constexpr std::uint64_t longest_timeout_ms = 24ULL * 60 * 60 * 1000;
 
   diagnosisServiceImpl();
   /// Waits for running calls of the data identifiers and monitors.
@@ -38,7 +38,7 @@ class diagnosisServiceImpl {
   diagnosisServiceImpl& operator=(const diagnosisServiceImpl&) = delete;
 
   /// Sets the initial statuses, starts the evaluation (ten times per time-out: every 500 ms for
-  /// 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs, is the
+  /// 5000) and offers the seven data identifiers. `timeoutMs`, 1 to longest_timeout_ms, is the
   /// longest time without data before a status turns to Error. Throws std::invalid_argument for
   /// another time-out and std::runtime_error if the manifest lacks an instance. A second call
   /// resets every status, record and last-data time and evaluates with the new time-out.

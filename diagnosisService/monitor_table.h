@@ -10,7 +10,7 @@
 namespace diagnosisService {
 
 /// Values of a status byte.
-enum Status : std::uint8_t { kNominal = 0, kError = 1, kInit = 2, kNotAvailable = 3 };
+enum Status : std::uint8_t { nominal = 0, error = 1, init = 2, not_available = 3 };
 
 [[nodiscard]] constexpr std::string_view statusName(std::uint8_t status) {
   constexpr std::array<std::string_view, 4> names{"Nominal", "Error", "Init", "NotAvailable"};
@@ -18,23 +18,23 @@ enum Status : std::uint8_t { kNominal = 0, kError = 1, kInit = 2, kNotAvailable 
   return status < names.size() ? names[status] : "unknonw";
 }
 
-inline constexpr std::size_t kInputCount = 11;
-inline constexpr std::size_t kOutputCount = 3;
-inline constexpr std::size_t kSystemCount = 14;
+inline constexpr std::size_t input_count = 11;
+inline constexpr std::size_t output_count = 3;
+inline constexpr std::size_t system_count = 14;
 
 /// Indices of sensors in the setup and in the input status.
-inline constexpr std::size_t kSensorGnss = 0;
-inline constexpr std::size_t kSensorTimeMaster = 8;
+inline constexpr std::size_t sensor_gnss = 0;
+inline constexpr std::size_t sensor_time_master = 8;
 
 /// Bytes of the system status; the first two govern outputs.
-inline constexpr std::size_t kSystemPgf = 1;
-inline constexpr std::size_t kSystemMapMatching = 12;
-inline constexpr std::size_t kSystemReserved13 = 13;
+inline constexpr std::size_t system_pgf = 1;
+inline constexpr std::size_t system_map_matching = 12;
+inline constexpr std::size_t system_reserved13 = 13;
 
 /// Monitors of the application's inputs and outputs.
-inline constexpr std::uint32_t kMonitorInputGnss = 0x83D101;
-inline constexpr std::uint32_t kMonitorOutputDeadReckoning = 0x83D104;
-inline constexpr std::uint32_t kMonitorInputTime = 0x83D10B;
+inline constexpr std::uint32_t monitor_input_gnss = 0x83D101;
+inline constexpr std::uint32_t monitor_output_dead_reckoning = 0x83D104;
+inline constexpr std::uint32_t monitor_input_time = 0x83D10B;
 
 /// The part of the status block to which a byte belongs.
 enum class StatusGroup : std::uint8_t { none, input, output, system };
@@ -47,25 +47,25 @@ struct Monitor {
 };
 
 /// In ascending order of the identifiers. Two monitors report system byte 0, deliberately.
-inline constexpr std::array kMonitors{
+inline constexpr std::array monitor_table{
     Monitor{0x83D100, "POS_Overall_System", StatusGroup::system, 0},
-    Monitor{kMonitorInputGnss, "POS_Input_GNSS", StatusGroup::input, kSensorGnss},
+    Monitor{monitor_input_gnss, "POS_Input_GNSS", StatusGroup::input, sensor_gnss},
     Monitor{0x83D102, "POS_Input_Odometry", StatusGroup::input, 1},
     Monitor{0x83D103, "POS_Output_MapMatched", StatusGroup::output, 0},
-    Monitor{kMonitorOutputDeadReckoning, "POS_Output_DeadReckoning", StatusGroup::output, 1},
+    Monitor{monitor_output_dead_reckoning, "POS_Output_DeadReckoning", StatusGroup::output, 1},
     Monitor{0x83D105, "POS_Output_Static", StatusGroup::output, 2},
     Monitor{0x83D106, "POS_Input_Landmarks_FrontCamera", StatusGroup::input, 3},
     Monitor{0x83D107, "POS_Input_Landmarks_TopView", StatusGroup::input, 4},
     Monitor{0x83D108, "POS_Input_Landmarks_Lidar", StatusGroup::input, 5},
     Monitor{0x83D109, "POS_Input_Landmarks_Radar", StatusGroup::input, 6},
     Monitor{0x83D10A, "POS_Input_Map", StatusGroup::input, 7},
-    Monitor{kMonitorInputTime, "POS_Input_Time", StatusGroup::input, kSensorTimeMaster},
+    Monitor{monitor_input_time, "POS_Input_Time", StatusGroup::input, sensor_time_master},
     Monitor{0x83D10C, "POS_Input_BV_Lines", StatusGroup::input, 9},
     Monitor{0x83D10D, "POS_Input_Odometry_FrontCamera", StatusGroup::input, 10},
     Monitor{0x83D10E, "POS_Input_Position_FrontCamera", StatusGroup::input, 2},
     Monitor{0x83D120, "POS_LBL_System", StatusGroup::system, 3},
-    Monitor{0x83D121, "POS_PGF_System", StatusGroup::system, kSystemPgf},
-    Monitor{0x83D122, "POS_MapMatching_System", StatusGroup::system, kSystemMapMatching},
+    Monitor{0x83D121, "POS_PGF_System", StatusGroup::system, system_pgf},
+    Monitor{0x83D122, "POS_MapMatching_System", StatusGroup::system, system_map_matching},
     Monitor{0x83D123, "POS_LaneMatching_System", StatusGroup::system, 0},
     Monitor{0x83D401, "BDP_service_registry_not_attainable", StatusGroup::none, 0},
     Monitor{0x83D501, "BDP_data_bus_service_not_available", StatusGroup::none, 0},
@@ -73,40 +73,42 @@ inline constexpr std::array kMonitors{
     Monitor{0x83D503, "BDP_data_bus_service_implausible", StatusGroup::none, 0},
 };
 
-inline constexpr std::size_t kNoMonitor = kMonitors.size();
+inline constexpr std::size_t no_monitor = monitor_table.size();
 
-static_assert(std::is_sorted(kMonitors.begin(), kMonitors.end(), [](const auto& a, const auto& b) {
-  return a.identifier < b.identifier;
-}));
+static_assert(std::is_sorted(monitor_table.begin(),
+                             monitor_table.end(),
+                             [](const auto& a, const auto& b) {
+                               return a.identifier < b.identifier;
+                             }));
 
-/// Indices in kMonitors by the distance from the first identifier: looked up for each position.
-inline constexpr auto kMonitorPlaces = [] {
-  constexpr auto first = kMonitors.front().identifier;
-  std::array<std::uint8_t, kMonitors.back().identifier - first + 1> places;
-  places.fill(kNoMonitor);
-  for (std::size_t i = 0; i < kMonitors.size(); ++i) {
-    places[kMonitors[i].identifier - first] = static_cast<std::uint8_t>(i);
+/// Indices in monitor_table by the distance from the first identifier: looked up for each position.
+inline constexpr auto monitor_places = [] {
+  constexpr auto first = monitor_table.front().identifier;
+  std::array<std::uint8_t, monitor_table.back().identifier - first + 1> places;
+  places.fill(no_monitor);
+  for (std::size_t i = 0; i < monitor_table.size(); ++i) {
+    places[monitor_table[i].identifier - first] = static_cast<std::uint8_t>(i);
   }
   return places;
 }();
 
-/// Index in kMonitors, kNoMonitor for an unknown identifier.
+/// Index in monitor_table, no_monitor for an unknown identifier.
 [[nodiscard]] constexpr std::size_t monitorIndex(std::uint32_t identifier) {
-  const auto distance = identifier - kMonitors.front().identifier;  // huge if before it
-  return distance < kMonitorPlaces.size() ? kMonitorPlaces[distance] : kNoMonitor;
+  const auto distance = identifier - monitor_table.front().identifier;  // huge if before it
+  return distance < monitor_places.size() ? monitor_places[distance] : no_monitor;
 }
 
-/// Index in kMonitors of the first monitor that reports this byte.
+/// Index in monitor_table of the first monitor that reports this byte.
 [[nodiscard]] constexpr std::size_t monitorIndex(StatusGroup group, std::size_t byte) {
-  const auto found = std::find_if(kMonitors.begin(), kMonitors.end(), [&](const Monitor& monitor) {
-    return monitor.group == group && monitor.byte == byte;
-  });
-  return static_cast<std::size_t>(found - kMonitors.begin());
+  const auto found = std::find_if(
+      monitor_table.begin(), monitor_table.end(),
+      [&](const Monitor& monitor) { return monitor.group == group && monitor.byte == byte; });
+  return static_cast<std::size_t>(found - monitor_table.begin());
 }
 
 [[nodiscard]] constexpr std::string_view monitorName(std::uint32_t identifier) {
   const auto index = monitorIndex(identifier);
-  return index == kNoMonitor ? "unknown" : kMonitors[index].name;
+  return index == no_monitor ? "unknown" : monitor_table[index].name;
 }
 
 }  // namespace diagnosisService

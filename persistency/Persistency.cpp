@@ -10,7 +10,7 @@ using ara::per::KvsType;
 namespace {
 
 /// No storage holds more. A larger size entry is damaged and must not cause an allocation.
-constexpr std::uint64_t kMaxBlobBytes = std::uint64_t{16} << 20;
+constexpr std::uint64_t max_blob_bytes = std::uint64_t{16} << 20;
 
 }  // namespace
 
@@ -240,7 +240,7 @@ boost::optional<std::vector<std::uint8_t>> Persistency::controlledReadBinaryData
 
   std::vector<std::uint8_t> data;
   const auto extract = [&](const KvsType& value) {
-    if (*after > kMaxBlobBytes) throw std::length_error("size is " + std::to_string(*after));
+    if (*after > max_blob_bytes) throw std::length_error("size is " + std::to_string(*after));
     data.resize(static_cast<std::size_t>(*after));
     return std::to_string(value.GetBinary(data.data(), data.size())) + " bytes";
   };

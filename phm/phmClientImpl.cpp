@@ -7,8 +7,8 @@
 namespace phmClient {
 namespace {
 
-constexpr std::uint16_t kSupervisedEntity = 6000;
-constexpr std::uint16_t kAliveCheckpoint = 6000;
+constexpr std::uint16_t supervised_entity = 6000;
+constexpr std::uint16_t alive_checkpoint = 6000;
 
 }  // namespace
 
@@ -33,7 +33,7 @@ void phmClientImpl::stop() {
 
 void phmClientImpl::alive() const {
   logger_.LogVerbose() << "Alive checkpoint reached";
-  supervisionEntity_->CheckpointReached(kSupervisedEntity, kAliveCheckpoint);
+  supervisionEntity_->CheckpointReached(supervised_entity, alive_checkpoint);
 }
 
 }  // namespace phmClient

@@ -14,16 +14,16 @@ using Values = std::tuple<bool, bool, bool, bool, std::uint32_t, bool>;
 
 /// The settings of a store with these values, written by an earlier process.
 Values readWith(const std::vector<KvsType>& values) {
-  constexpr const char* kKeys[] = {"recievedGNSSDataLogging",
-                                   "ignoreGNSSTimestamps",
-                                   "alwaysSendAllValidPositions",
-                                   "useGNSSDR",
-                                   "mmNewPositionCalculationIntervalMS",
-                                   "timeClientEnabled"};
+  constexpr const char* keys[] = {"recievedGNSSDataLogging",
+                                  "ignoreGNSSTimestamps",
+                                  "alwaysSendAllValidPositions",
+                                  "useGNSSDR",
+                                  "mmNewPositionCalculationIntervalMS",
+                                  "timeClientEnabled"};
   Store store;
   std::vector<std::pair<std::string, KvsType>> entries;
   for (std::size_t i = 0; i < values.size(); ++i)
-    entries.emplace_back(kKeys[i], values[i]);
+    entries.emplace_back(keys[i], values[i]);
   store.write(entries);
   const test::Capture log;
   Persistency persistency = store.open();

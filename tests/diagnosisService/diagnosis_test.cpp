@@ -61,8 +61,8 @@ class Diagnosis : public ::testing::Test {
   void run_with_gnss() {
     service->init(hour_ms);
     service->startMonitors();
-    service->setSystemStatus(kSystemMapMatching, kNotAvailable);
-    service->setSystemStatus(kSystemPgf, kNotAvailable);
+    service->setSystemStatus(system_map_matching, Status::not_available);
+    service->setSystemStatus(system_pgf, Status::not_available);
     service->newSensorSetup({true});
     log.Clear();
   }
@@ -70,7 +70,7 @@ class Diagnosis : public ::testing::Test {
     service->dataReceived(gnss, start);
     service->evaluate(start);
     service->evaluate(start + 1h + 1ns);
-    ASSERT_EQ(service->status(gnss), kError);
+    ASSERT_EQ(service->status(gnss), Status::error);
     log.Clear();
   }
 
@@ -101,7 +101,7 @@ TEST(Data_identifiers_page, lists_every_monitor_with_its_status_byte) {
                                                   {StatusGroup::output, "d_14a1 byte "},
                                                   {StatusGroup::system, "d_14a3 byte "},
                                                   {StatusGroup::none, "none, always passed"}};
-  for (const auto& monitor : kMonitors) {
+  for (const auto& monitor : monitor_table) {
     std::ostringstream line;
     line << "| 0x" << std::hex << std::uppercase << monitor.identifier << std::dec << " | "
          << monitor.name << " | " << places.at(monitor.group);
@@ -124,7 +124,7 @@ TEST_F(Diagnosis, the_sensor_setup_decides_what_is_available_and_evaluated) {
   EXPECT_EQ(inputs(), (Bytes{0, 3, 3, 3, 3, 3, 3, 3, 2, 3, 3})) << "Nominal stays";
 
   // Off means off, whatever arrives and however long it takes.
-  for (const auto& monitor : kMonitors)
+  for (const auto& monitor : monitor_table)
     service->dataReceived(monitor.identifier, start + 1h);
   service->evaluate(start + 1h);
   EXPECT_EQ(inputs(), (Bytes{0, 3, 3, 3, 3, 3, 3, 3, 0, 3, 3}));
@@ -162,7 +162,7 @@ TEST_F(Diagnosis, every_monitor_reports_its_own_status_byte) {
     service->evaluate(start);
     expected[sensor++] = 0;
     EXPECT_EQ(inputs(), expected);
-    EXPECT_EQ(service->status(monitor), kNominal);
+    EXPECT_EQ(service->status(monitor), Status::nominal);
   }
   for (const auto& [monitor, byte] : std::vector<std::pair<std::uint32_t, std::size_t>>{
            {0x83D100, 0}, {0x83D121, 1}, {0x83D120, 3}, {0x83D122, 12}, {0x83D123, 0}}) {
@@ -178,16 +178,16 @@ TEST_F(Diagnosis, every_monitor_reports_its_own_status_byte) {
 TEST_F(Diagnosis, data_that_stays_away_is_an_error_until_it_comes_back) {
   run_with_gnss();
   service->dataReceived(gnss, start);
-  EXPECT_EQ(service->status(gnss), kInit) << "only an evaluation changes a status";
+  EXPECT_EQ(service->status(gnss), Status::init) << "only an evaluation changes a status";
   service->evaluate(start);
   service->evaluate(start + 1h);
-  EXPECT_EQ(service->status(gnss), kNominal) << "exactly the time-out is not late yet";
+  EXPECT_EQ(service->status(gnss), Status::nominal) << "exactly the time-out is not late yet";
   service->evaluate(start + 1h + 1ns);
   service->evaluate(start + 2h);
-  EXPECT_EQ(service->status(gnss), kError);
+  EXPECT_EQ(service->status(gnss), Status::error);
   service->dataReceived(gnss, start + 2h);
   service->evaluate(start + 2h);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   EXPECT_THAT(actions("POS_Input_GNSS"), ElementsAre(Bytes{0}, Bytes{1}, Bytes{0}));
 }
 
@@ -196,7 +196,7 @@ TEST_F(Diagnosis, what_never_received_data_stays_init_even_right_after_boot) {
   run_with_gnss();
   for (const auto now : {Clock::time_point{1s}, start, start + 5h}) {
     service->evaluate(now);
-    EXPECT_EQ(service->status(gnss), kInit);
+    EXPECT_EQ(service->status(gnss), Status::init);
     EXPECT_EQ(outputs(), (Bytes{2, 2, 0}));
   }
   service->dataReceived(1, start);
@@ -207,41 +207,41 @@ TEST_F(Diagnosis, what_never_received_data_stays_init_even_right_after_boot) {
 TEST_F(Diagnosis, an_output_follows_its_system_function_before_its_own_data) {
   run_with_gnss();
   for (const auto& [system, monitor, output] :
-       {std::tuple{kSystemMapMatching, map_matched, 0U}, {kSystemPgf, dead_reckoning, 1U}}) {
+       {std::tuple{system_map_matching, map_matched, 0U}, {system_pgf, dead_reckoning, 1U}}) {
     service->dataReceived(monitor, start);
     service->evaluate(start);
-    EXPECT_EQ(outputs()[output], kNominal);
-    for (const std::uint8_t governing : {kError, kInit}) {
+    EXPECT_EQ(outputs()[output], Status::nominal);
+    for (const std::uint8_t governing : {Status::error, Status::init}) {
       service->setSystemStatus(system, governing);
       service->evaluate(start);
       EXPECT_EQ(outputs()[output], governing);
     }
-    service->setSystemStatus(system, kNominal);
+    service->setSystemStatus(system, Status::nominal);
     service->evaluate(start + 1h + 1ns);
-    EXPECT_EQ(outputs()[output], kInit) << "late data does not lead out of Init";
+    EXPECT_EQ(outputs()[output], Status::init) << "late data does not lead out of Init";
     service->dataReceived(monitor, start + 1h);
     service->evaluate(start + 1h);
     service->evaluate(start + 3h);
-    EXPECT_EQ(outputs()[output], kError);
+    EXPECT_EQ(outputs()[output], Status::error);
   }
-  EXPECT_EQ(outputs()[2], kNominal) << "nothing evaluates the static output";
+  EXPECT_EQ(outputs()[2], Status::nominal) << "nothing evaluates the static output";
 }
 
 TEST_F(Diagnosis, clearing_turns_an_error_nominal_and_gives_it_a_fresh_start) {
   run_with_gnss();
   bring_gnss_into_error();
   service->clear(gnss, start + 2h);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   service->evaluate(start + 3h);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   service->evaluate(start + 3h + 1ns);
-  EXPECT_EQ(service->status(gnss), kError);
+  EXPECT_EQ(service->status(gnss), Status::error);
 
   service->clear(dead_reckoning, start);
-  EXPECT_EQ(service->status(dead_reckoning), kInit) << "only an Error is cleared";
-  service->setSystemStatus(0, kError);
+  EXPECT_EQ(service->status(dead_reckoning), Status::init) << "only an Error is cleared";
+  service->setSystemStatus(0, Status::error);
   service->clear(0x83D100, start);
-  EXPECT_EQ(service->status(0x83D100), kError) << "system functions are not cleared";
+  EXPECT_EQ(service->status(0x83D100), Status::error) << "system functions are not cleared";
 }
 
 TEST_F(Diagnosis, the_event_manager_clears_and_restarts_a_monitor_whose_error_is_a_failed_test) {
@@ -249,11 +249,11 @@ TEST_F(Diagnosis, the_event_manager_clears_and_restarts_a_monitor_whose_error_is
   bring_gnss_into_error();
   for (const auto reason : Bytes{1, 2, 3, 255, 0})  // of which 3 and 255 are none
     init_monitor("POS_Input_GNSS", reason);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   EXPECT_THAT(actions("POS_Input_GNSS"),
               ElementsAre(Bytes{0}, Bytes{1}, Bytes{1}, Bytes{1}, Bytes{0}));
 
-  service->setSystemStatus(0, kError);
+  service->setSystemStatus(0, Status::error);
   for (const auto& [monitor, action] :
        std::vector<std::pair<std::string, std::uint8_t>>{{"POS_Output_DeadReckoning", 0},  // Init
                                                          {"POS_Input_Odometry", 0},  // NotAvailable
@@ -380,9 +380,9 @@ TEST_F(Diagnosis, a_second_init_resets_what_the_first_one_and_the_data_made) {
   service->init(20);  // evaluated every 2 ms, in place of every 360 s
   EXPECT_EQ(inputs(), Bytes(11, 2));
   EXPECT_EQ(read("BDPSomeipDataBusServiceNotAvailable"), (Bytes{0, 0, 0, 0}));
-  EXPECT_THAT(runtime.offered(), SizeIs(7 + kMonitors.size()));
+  EXPECT_THAT(runtime.offered(), SizeIs(7 + monitor_table.size()));
   service->evaluate(start);
-  EXPECT_EQ(service->status(gnss), kInit) << "the data of before is forgotten";
+  EXPECT_EQ(service->status(gnss), Status::init) << "the data of before is forgotten";
   service->dataReceived(gnss);
   const std::string changing = "Changing of state, ID = POS_Input_GNSS , prev status = ";
   EXPECT_TRUE(log.WaitFor(changing + "Init , new status = Nominal"));
@@ -401,7 +401,7 @@ TEST_F(Diagnosis, evaluation_runs_by_itself_until_the_stop_which_does_not_wait_f
   EXPECT_THAT(runtime.offered(), IsEmpty());
 
   service = std::make_unique<diagnosisServiceImpl>();
-  service->init(diagnosisServiceImpl::kLongestTimeoutMs);  // evaluated every 144 min
+  service->init(diagnosisServiceImpl::longest_timeout_ms);  // evaluated every 144 min
   auto stopped = std::async(std::launch::async, [&] { service->stop(); });
   EXPECT_EQ(stopped.wait_for(10s), std::future_status::ready);
 }

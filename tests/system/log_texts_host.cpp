@@ -125,19 +125,19 @@ void positions() {
 }
 
 void monitors() {
-  constexpr std::uint32_t kDeadReckoning = 0x83D104;
+  constexpr std::uint32_t dead_reckoning = 0x83D104;
   diagnosisService::diagnosisServiceImpl service;
-  service.sendResult(kDeadReckoning);  // too early
-  service.init(diagnosisService::diagnosisServiceImpl::kLongestTimeoutMs);
+  service.sendResult(dead_reckoning);  // too early
+  service.init(diagnosisService::diagnosisServiceImpl::longest_timeout_ms);
   service.startMonitors();
   for (unsigned action = 2; action <= 10; ++action) {
-    service.sendEvent(kDeadReckoning, static_cast<mw::dm::dem::MonitorActionType>(action));
+    service.sendEvent(dead_reckoning, static_cast<mw::dm::dem::MonitorActionType>(action));
   }
   const auto now = std::chrono::steady_clock::now();
-  service.setSystemStatus(diagnosisService::kSystemPgf, diagnosisService::kNotAvailable);
-  service.dataReceived(kDeadReckoning, now);
+  service.setSystemStatus(diagnosisService::system_pgf, diagnosisService::Status::not_available);
+  service.dataReceived(dead_reckoning, now);
   service.evaluate(now);
-  service.setSystemStatus(diagnosisService::kSystemPgf, diagnosisService::kInit);
+  service.setSystemStatus(diagnosisService::system_pgf, diagnosisService::Status::init);
   service.evaluate(now);
   service.stop();
   diagnosisService::DiagnosticMonitorServiceSkelImpl unknown(
@@ -156,7 +156,7 @@ void payloads() {
     }
   };
   const binding::Serialization_settings unequal{.string_length_field_size = 2};
-  constexpr auto kMax = std::numeric_limits<std::uint64_t>::max();
+  constexpr auto largest = std::numeric_limits<std::uint64_t>::max();
   binding::Buffer buffer;
   binding::Cursor cursor{{}};
   malformed([&] { binding::write_length_field(1, 300, buffer, unequal); });
@@ -164,11 +164,11 @@ void payloads() {
   malformed([&] {
     static_cast<void>(binding::length_field_size(binding::Wire_type::configured_length, unequal));
   });
-  malformed([&] { static_cast<void>(binding::end_position(2, 2, kMax - 1)); });
+  malformed([&] { static_cast<void>(binding::end_position(2, 2, largest - 1)); });
   malformed([&] { cursor.seek(1); });
   malformed([&] { cursor.read(nullptr, 0); });
-  constexpr std::array<std::byte, 2> kTag{};
-  binding::Cursor member{kTag};
+  constexpr std::array<std::byte, 2> tag{};
+  binding::Cursor member{tag};
   malformed([&] { binding::read_members_in_any_order(member, 2, {}, nullptr, unequal); });
   const binding::Serialization_settings none{.array_length_field_size = 0};
   malformed([&] { binding::encode(std::vector<std::uint8_t>{1}, buffer, none); });

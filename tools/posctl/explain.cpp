@@ -23,7 +23,7 @@ std::int64_t number(std::span<const std::uint8_t> bytes, bool is_signed) {
 }
 
 /// Of the system status bytes, in order.
-constexpr std::array<std::string_view, diagnosisService::kSystemCount> system_functions{
+constexpr std::array<std::string_view, diagnosisService::system_count> system_functions{
     "overall", "pgf",     "system2", "lbl",      "system4",  "system5",     "system6",
     "system7", "system8", "system9", "system10", "system11", "mapMatching", "system13"};
 
@@ -134,7 +134,7 @@ Json explain_faults(std::span<const std::uint8_t> entries) {
 }
 
 std::string status_name(std::uint8_t status) {
-  return status <= diagnosisService::kNotAvailable
+  return status <= diagnosisService::Status::not_available
              ? std::string(diagnosisService::statusName(status))
              : std::to_string(status);
 }

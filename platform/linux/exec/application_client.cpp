@@ -24,9 +24,9 @@ using Clock = std::chrono::steady_clock;
 
 /// Equals the unit's TimeoutStartSec: a service manager that has not read READY by then has given
 /// up the start.
-constexpr std::chrono::seconds kRetryLimit{30};
+constexpr std::chrono::seconds retry_limit{30};
 /// For STOPPING, the last report: the end of the process says the same.
-constexpr std::chrono::milliseconds kLastWait{250};
+constexpr std::chrono::milliseconds last_wait{250};
 
 const char* MessageFor(ApplicationState state) {
   switch (state) {
@@ -53,7 +53,7 @@ class ApplicationClient::Reporter {
   Reporter() = default;
   ~Reporter() {
     const std::lock_guard lock(mutex_);
-    if (retry_.valid()) (void)retry_.wait_for(kLastWait);
+    if (retry_.valid()) (void)retry_.wait_for(last_wait);
     if (EndRetry() == EAGAIN) Warn(std::generic_category().message(EAGAIN));
     if (wake_ >= 0) ::close(wake_);
   }
@@ -91,7 +91,7 @@ class ApplicationClient::Reporter {
 
   /// Returns EAGAIN if woken before there was room, else 0.
   [[nodiscard]] int Retry(const char* message) const {
-    const auto end = Clock::now() + kRetryLimit;
+    const auto end = Clock::now() + retry_limit;
     for (;;) {
       const NotifySocket socket;
       const int error = socket.Send(message);

@@ -7,9 +7,9 @@
 namespace ara::log {
 namespace {
 
-constexpr std::uint32_t kWidth = 0xf;
-constexpr std::uint32_t kInteger = static_cast<std::uint32_t>(ArgumentType::kSigned) |
-                                   static_cast<std::uint32_t>(ArgumentType::kUnsigned);
+constexpr std::uint32_t width = 0xf;
+constexpr std::uint32_t integer = static_cast<std::uint32_t>(ArgumentType::signed_integer) |
+                                  static_cast<std::uint32_t>(ArgumentType::unsigned_integer);
 
 template <typename T>
 T Read(std::string_view bytes) {
@@ -49,22 +49,22 @@ void AppendFloating(std::string& text, double value) {
 
 void Argument::AppendText(std::string& text) const {
   switch (type) {
-    case ArgumentType::kBool:
+    case ArgumentType::boolean:
       text += value.front() != 0 ? '1' : '0';
       break;
-    case ArgumentType::kSigned:
+    case ArgumentType::signed_integer:
       AppendInteger<std::int8_t, std::int16_t, std::int32_t, std::int64_t>(text, value);
       break;
-    case ArgumentType::kUnsigned:
+    case ArgumentType::unsigned_integer:
       AppendInteger<std::uint8_t, std::uint16_t, std::uint32_t, std::uint64_t>(text, value);
       break;
-    case ArgumentType::kFloat:
+    case ArgumentType::float32:
       AppendFloating(text, static_cast<double>(Read<float>(value)));
       break;
-    case ArgumentType::kDouble:
+    case ArgumentType::float64:
       AppendFloating(text, Read<double>(value));
       break;
-    case ArgumentType::kText:
+    case ArgumentType::text:
       text += value;
       break;
   }
@@ -73,12 +73,12 @@ void Argument::AppendText(std::string& text) const {
 Argument Arguments::Next() {
   const auto type = Read<std::uint32_t>(rest_);
   Argument argument{static_cast<ArgumentType>(type), {}};
-  if (argument.type == ArgumentType::kText) {
-    const auto length = Read<std::uint16_t>(rest_.substr(kNumberOverhead));
-    argument.value = rest_.substr(kTextOverhead - 1, length - 1U);
+  if (argument.type == ArgumentType::text) {
+    const auto length = Read<std::uint16_t>(rest_.substr(number_overhead));
+    argument.value = rest_.substr(text_overhead - 1, length - 1U);
   } else {
-    argument.value = rest_.substr(kNumberOverhead, std::size_t{1} << ((type & kWidth) - 1));
-    if ((type & kInteger) != 0) argument.type = static_cast<ArgumentType>(type & ~kWidth);
+    argument.value = rest_.substr(number_overhead, std::size_t{1} << ((type & width) - 1));
+    if ((type & integer) != 0) argument.type = static_cast<ArgumentType>(type & ~width);
   }
   rest_.remove_prefix(argument.EncodedSize());
   --count_;

@@ -10,7 +10,7 @@ namespace ara::log {
 namespace {
 
 /// The id of the default context until InitLogging names the application.
-constexpr std::string_view kUnnamed = "DFLT";
+constexpr std::string_view unnamed = "DFLT";
 
 void CheckId(std::string_view what, std::string_view id) {
   const auto printable = [](char c) { return c > 0x20 && c < 0x7f; };
@@ -36,7 +36,7 @@ Backend::Backend()
     : settings_(LevelSettings::Parse(EnvironmentLevels())),
       dlt_(*new DltSink),
       text_(*new TextSink) {
-  default_.store(&Add(std::string(kUnnamed), "default context", std::nullopt));
+  default_.store(&Add(std::string(unnamed), "default context", std::nullopt));
 }
 
 void Backend::Init(std::string_view app_id,
@@ -52,7 +52,7 @@ void Backend::Init(std::string_view app_id,
       if (auto* named = Find(app_id); named != nullptr) {
         default_.store(named, std::memory_order_release);
       } else {
-        Find(kUnnamed)->id = app_id;
+        Find(unnamed)->id = app_id;
       }
       for (auto* context = contexts(); context != nullptr; context = context->next) {
         context->logger.SetLevel(LevelFor(*context));
@@ -129,14 +129,14 @@ void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noex
 
 bool Backend::SendToDaemon(Context& context, LogLevel level, Arguments arguments) {
   const auto [ready, change] = dlt_.Ready(contexts());
-  if (change == DltSink::Change::kLost) {
+  if (change == DltSink::Change::lost) {
     text_.Write(FormatLine(LogLevel::kWarn, application_, Default().ContextId(),
                            "The DLT daemon is gone, log messages follow here."));
-  } else if (change == DltSink::Change::kReturned) {
-    constexpr std::string_view kNotice =
+  } else if (change == DltSink::Change::returned) {
+    constexpr std::string_view notice_text =
         "The DLT daemon is back, log messages went to standard error meanwhile.";
-    std::array<char, kTextOverhead + kNotice.size()> notice;
-    EncodeText(notice.data(), kNotice);
+    std::array<char, text_overhead + notice_text.size()> notice;
+    EncodeText(notice.data(), notice_text);
     dlt_.Send(*default_.load(std::memory_order_acquire), LogLevel::kWarn,
               Arguments({notice.data(), notice.size()}, 1));
   }

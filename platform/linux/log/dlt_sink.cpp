@@ -17,39 +17,39 @@
 namespace ara::log {
 namespace {
 
-constexpr std::int64_t kSearchInterval = 500'000'000;
+constexpr std::int64_t search_interval = 500'000'000;
 /// The library's housekeeping thread opens the new daemon's pipe within this time: it looks once a
 /// second.
-constexpr std::int64_t kReattachTime = 2'000'000'000;
+constexpr std::int64_t reattach_time = 2'000'000'000;
 /// At the end of the process, the library waits this long for a daemon that does not read.
-constexpr std::uint32_t kDrainMilliseconds = 1000;
+constexpr std::uint32_t drain_milliseconds = 1000;
 
 /// DLT's limits for one message: the bytes of all arguments with their type headers, and the byte
 /// that counts the arguments.
-constexpr std::size_t kMaxPayload = 1390;
-constexpr std::size_t kMaxArguments = 255;
+constexpr std::size_t max_payload = 1390;
+constexpr std::size_t max_arguments = 255;
 /// A part holds its two marks and at least a few characters of a text.
-constexpr std::size_t kMinPart = 64;
+constexpr std::size_t min_part = 64;
 
 /// The longest message that the library accepts, computed as the library computes it.
 std::size_t ConfiguredPayload() {
   const char* const length = std::getenv("DLT_LOG_MSG_BUF_LEN");
-  if (length == nullptr) return kMaxPayload;
+  if (length == nullptr) return max_payload;
   return std::min<std::size_t>(static_cast<std::uint32_t>(std::strtol(length, nullptr, 10)),
-                               kMaxPayload);
+                               max_payload);
 }
 
 constexpr bool Is(ArgumentType type, std::uint32_t information) {
   return static_cast<std::uint32_t>(type) == information;
 }
-static_assert(Is(ArgumentType::kBool, DLT_TYPE_INFO_BOOL | DLT_TYLE_8BIT) &&
-              Is(OfSize(ArgumentType::kSigned, 1), DLT_TYPE_INFO_SINT | DLT_TYLE_8BIT) &&
-              Is(OfSize(ArgumentType::kSigned, 2), DLT_TYPE_INFO_SINT | DLT_TYLE_16BIT) &&
-              Is(OfSize(ArgumentType::kUnsigned, 4), DLT_TYPE_INFO_UINT | DLT_TYLE_32BIT) &&
-              Is(OfSize(ArgumentType::kUnsigned, 8), DLT_TYPE_INFO_UINT | DLT_TYLE_64BIT) &&
-              Is(ArgumentType::kFloat, DLT_TYPE_INFO_FLOA | DLT_TYLE_32BIT) &&
-              Is(ArgumentType::kDouble, DLT_TYPE_INFO_FLOA | DLT_TYLE_64BIT) &&
-              Is(ArgumentType::kText, DLT_TYPE_INFO_STRG | DLT_SCOD_UTF8));
+static_assert(Is(ArgumentType::boolean, DLT_TYPE_INFO_BOOL | DLT_TYLE_8BIT) &&
+              Is(OfSize(ArgumentType::signed_integer, 1), DLT_TYPE_INFO_SINT | DLT_TYLE_8BIT) &&
+              Is(OfSize(ArgumentType::signed_integer, 2), DLT_TYPE_INFO_SINT | DLT_TYLE_16BIT) &&
+              Is(OfSize(ArgumentType::unsigned_integer, 4), DLT_TYPE_INFO_UINT | DLT_TYLE_32BIT) &&
+              Is(OfSize(ArgumentType::unsigned_integer, 8), DLT_TYPE_INFO_UINT | DLT_TYLE_64BIT) &&
+              Is(ArgumentType::float32, DLT_TYPE_INFO_FLOA | DLT_TYLE_32BIT) &&
+              Is(ArgumentType::float64, DLT_TYPE_INFO_FLOA | DLT_TYLE_64BIT) &&
+              Is(ArgumentType::text, DLT_TYPE_INFO_STRG | DLT_SCOD_UTF8));
 
 std::int64_t CoarseNow() {
   timespec now{};
@@ -99,7 +99,7 @@ bool Give(DltContext& context, LogLevel level, Arguments arguments) {
 /// Distributes arguments over as many DLT messages as they need.
 class Parts {
  public:
-  /// `size` of a part: kMinPart to kMaxPayload.
+  /// `size` of a part: min_part to max_payload.
   Parts(DltContext& context, LogLevel level, std::size_t size)
       : context_(context), level_(level), size_(size) {}
 
@@ -107,17 +107,17 @@ class Parts {
   void Add(Argument argument, bool last) {
     while (!Fits(argument.EncodedSize(), last)) {
       // A text is cut if no part could hold it whole or if much of this part would stay empty.
-      const std::size_t room = size_ - kContinuesSize - used_;
-      const bool needs_cut = kContinuedSize + argument.EncodedSize() + kContinuesSize > size_;
-      if (argument.type == ArgumentType::kText && (needs_cut || room > size_ / 2) &&
-          room > kTextOverhead + 4 && count_ + 2 <= kMaxArguments) {
-        const std::string_view front = FrontOf(argument.value, room - kTextOverhead);
+      const std::size_t room = size_ - continues_size - used_;
+      const bool needs_cut = continued_size + argument.EncodedSize() + continues_size > size_;
+      if (argument.type == ArgumentType::text && (needs_cut || room > size_ / 2) &&
+          room > text_overhead + 4 && count_ + 2 <= max_arguments) {
+        const std::string_view front = FrontOf(argument.value, room - text_overhead);
         PutText(front);
         argument.value.remove_prefix(front.size());
       }
-      PutText(kContinues);
+      PutText(continues);
       End();
-      PutText(kContinued);
+      PutText(continued);
     }
     Put(argument);
   }
@@ -132,21 +132,21 @@ class Parts {
   }
 
  private:
-  static constexpr std::string_view kContinues = "[continues]";
-  static constexpr std::string_view kContinued = "[continued]";
-  static constexpr std::size_t kContinuesSize = kTextOverhead + kContinues.size();
-  static constexpr std::size_t kContinuedSize = kTextOverhead + kContinued.size();
+  static constexpr std::string_view continues = "[continues]";
+  static constexpr std::string_view continued = "[continued]";
+  static constexpr std::size_t continues_size = text_overhead + continues.size();
+  static constexpr std::size_t continued_size = text_overhead + continued.size();
 
   [[nodiscard]] bool Fits(std::size_t size, bool last) const {
-    return used_ + size + (last ? 0 : kContinuesSize) <= size_ &&
-           count_ + (last ? 1 : 2) <= kMaxArguments;
+    return used_ + size + (last ? 0 : continues_size) <= size_ &&
+           count_ + (last ? 1 : 2) <= max_arguments;
   }
   void Put(const Argument& argument) {
-    if (argument.type == ArgumentType::kText) {
+    if (argument.type == ArgumentType::text) {
       PutText(argument.value);
     } else {
-      const bool integer =
-          argument.type == ArgumentType::kSigned || argument.type == ArgumentType::kUnsigned;
+      const bool integer = argument.type == ArgumentType::signed_integer ||
+                           argument.type == ArgumentType::unsigned_integer;
       const auto size = argument.value.size();
       EncodeNumber(payload_.data() + used_, integer ? OfSize(argument.type, size) : argument.type,
                    argument.value.data(), size);
@@ -155,7 +155,7 @@ class Parts {
   }
   void PutText(std::string_view text) {
     EncodeText(payload_.data() + used_, text);
-    Count(kTextOverhead + text.size());
+    Count(text_overhead + text.size());
   }
   void Count(std::size_t size) {
     used_ += size;
@@ -165,7 +165,7 @@ class Parts {
   DltContext& context_;
   const LogLevel level_;
   const std::size_t size_;
-  std::array<char, kMaxPayload> payload_;
+  std::array<char, max_payload> payload_;
   std::size_t used_ = 0;
   std::size_t count_ = 0;
   bool taken_ = false;
@@ -181,38 +181,38 @@ void DltSink::Configure(std::string_view application, std::string_view descripti
 
 DltSink::Readiness DltSink::Ready(Context* contexts) {
   const State before = state_.load(std::memory_order_acquire);
-  if (before == State::kClosed) return {false, Change::kNone};
-  if (before == State::kConnected) {
+  if (before == State::closed) return {false, Change::none};
+  if (before == State::connected) {
     // A thread that finds the daemon dead sets state_ before it takes the pipe out of watch_.
-    if (ReaderLives() && state_.load(std::memory_order_acquire) == State::kConnected)
-      return {true, Change::kNone};
+    if (ReaderLives() && state_.load(std::memory_order_acquire) == State::connected)
+      return {true, Change::none};
   }
   const std::int64_t now = CoarseNow();
-  if (before != State::kConnected && now < next_look_.load(std::memory_order_relaxed)) {
-    return {false, Change::kNone};
+  if (before != State::connected && now < next_look_.load(std::memory_order_relaxed)) {
+    return {false, Change::none};
   }
   const std::unique_lock lock(mutex_, std::try_to_lock);
-  if (!lock) return {false, Change::kNone};
+  if (!lock) return {false, Change::none};
   const State state = state_.load(std::memory_order_acquire);
-  if (state == State::kClosed) return {false, Change::kNone};
+  if (state == State::closed) return {false, Change::none};
   const auto change_to = [&](State next, std::int64_t pause, Change change) -> Readiness {
     next_look_.store(now + pause, std::memory_order_relaxed);
     state_.store(next, std::memory_order_release);
-    return {next == State::kConnected, change};
+    return {next == State::connected, change};
   };
-  if (state == State::kConnected || state == State::kReturning) {
-    if (ReaderLives()) return change_to(State::kConnected, 0, Change::kNone);
+  if (state == State::connected || state == State::returning) {
+    if (ReaderLives()) return change_to(State::connected, 0, Change::none);
     const auto lost =
-        change_to(State::kLost, 0, state == State::kConnected ? Change::kLost : Change::kNone);
+        change_to(State::lost, 0, state == State::connected ? Change::lost : Change::none);
     ClosePipe();
     return lost;
   }
-  if (!OpenPipe()) return change_to(state, kSearchInterval, Change::kNone);
-  if (library_started_) return change_to(State::kReturning, kReattachTime, Change::kReturned);
+  if (!OpenPipe()) return change_to(state, search_interval, Change::none);
+  if (library_started_) return change_to(State::returning, reattach_time, Change::returned);
   StartLibrary();
   for (auto* context = contexts; context != nullptr; context = context->next)
     RegisterLocked(*context);
-  return change_to(State::kConnected, 0, Change::kNone);
+  return change_to(State::connected, 0, Change::none);
 }
 
 bool DltSink::ReaderLives() const {
@@ -258,7 +258,7 @@ void DltSink::StartLibrary() {
 
 void DltSink::Register(Context& context) {
   const std::lock_guard lock(mutex_);
-  if (library_started_ && state_.load(std::memory_order_relaxed) != State::kClosed)
+  if (library_started_ && state_.load(std::memory_order_relaxed) != State::closed)
     RegisterLocked(context);
 }
 
@@ -283,9 +283,9 @@ void DltSink::RegisterLocked(Context& context) {
 
 bool DltSink::Send(Context& context, LogLevel level, Arguments arguments) {
   if (!context.dlt_ready.load(std::memory_order_acquire)) return false;
-  if (arguments.encoded().size() <= max_payload_ && arguments.count() <= kMaxArguments)
+  if (arguments.encoded().size() <= max_payload_ && arguments.count() <= max_arguments)
     return Give(context.dlt, level, arguments);
-  if (max_payload_ < kMinPart) return false;
+  if (max_payload_ < min_part) return false;
   Parts parts(context.dlt, level, max_payload_);
   while (!arguments.empty()) {
     const Argument argument = arguments.Next();
@@ -298,9 +298,9 @@ void DltSink::Close() {
   const std::lock_guard lock(mutex_);
   // Without a reader the library cannot deliver the messages it still holds.
   const bool connected =
-      state_.load(std::memory_order_relaxed) == State::kConnected && ReaderLives();
-  dlt_set_resend_timeout_atexit(connected ? kDrainMilliseconds : 0);
-  state_.store(State::kClosed, std::memory_order_release);
+      state_.load(std::memory_order_relaxed) == State::connected && ReaderLives();
+  dlt_set_resend_timeout_atexit(connected ? drain_milliseconds : 0);
+  state_.store(State::closed, std::memory_order_release);
 }
 
 }  // namespace ara::log

@@ -22,12 +22,12 @@ class DltSink {
  public:
   /// A change that the caller of Ready() has to log.
   enum class Change : std::uint8_t {
-    kNone,
-    kLost,
+    none,
+    lost,
     /// The library has not noticed yet: it needs one message (which it keeps for the new daemon) to
     /// find its end of the pipe dead. Ready() says no until the library has had time to connect
     /// again.
-    kReturned,
+    returned,
   };
   struct Readiness {
     bool ready;
@@ -54,24 +54,24 @@ class DltSink {
   void Close();
 
  private:
-  enum class State : std::uint8_t { kNeverSeen, kConnected, kLost, kReturning, kClosed };
+  enum class State : std::uint8_t { never_seen, connected, lost, returning, closed };
 
   bool OpenPipe();
   void ClosePipe();
   /// The one system call of a message beside the library's own. Without the lock, the answer counts
-  /// only if state_ was kConnected before and still is afterwards.
+  /// only if state_ was connected before and still is afterwards.
   [[nodiscard]] bool ReaderLives() const;
   void StartLibrary();
   void RegisterLocked(Context& context);
 
   std::string application_;
   std::string description_;
-  std::atomic<State> state_ = State::kNeverSeen;
+  std::atomic<State> state_ = State::never_seen;
   std::atomic<std::int64_t> next_look_ =
       0;              ///< coarse clock, ns; relaxed: it only spaces the look-ups
   std::mutex mutex_;  ///< guards the members below and registration; only tried while logging
   int pipe_ = -1;     ///< our own end of the daemon's pipe, which reports the reader's death
-  int watch_ = -1;    ///< epoll of pipe_, cheaper to query; set before kConnected, then kept
+  int watch_ = -1;    ///< epoll of pipe_, cheaper to query; set before connected, then kept
   bool library_started_ = false;
   std::size_t max_payload_ = 0;  ///< of a message; set before any context is registered, then kept
 };

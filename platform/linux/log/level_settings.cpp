@@ -6,20 +6,20 @@
 namespace ara::log {
 namespace {
 
-constexpr std::array<std::string_view, 7> kNames{"off",  "fatal", "error",  "warn",
-                                                 "info", "debug", "verbose"};
+constexpr std::array<std::string_view, 7> names{"off",  "fatal", "error",  "warn",
+                                                "info", "debug", "verbose"};
 
 std::optional<LogLevel> LevelNamed(std::string_view name) {
-  const auto found = std::find(kNames.begin(), kNames.end(), name);
-  if (found == kNames.end()) return std::nullopt;
-  return static_cast<LogLevel>(found - kNames.begin());
+  const auto found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) return std::nullopt;
+  return static_cast<LogLevel>(found - names.begin());
 }
 
 }  // namespace
 
 std::string_view NameOf(LogLevel level) {
   const auto index = static_cast<std::size_t>(level);
-  return index < kNames.size() ? kNames[index] : std::string_view("unknown");
+  return index < names.size() ? names[index] : std::string_view("unknown");
 }
 
 LevelSettings LevelSettings::Parse(std::string_view text) {

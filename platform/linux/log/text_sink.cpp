@@ -24,10 +24,10 @@ namespace ara::log {
 namespace {
 
 /// Holds the lines of a busy process for some seconds.
-constexpr std::size_t kMaxQueuedBytes = std::size_t{256} << 10;
+constexpr std::size_t max_queued_bytes = std::size_t{256} << 10;
 /// At exit, the longest waits for the reader to take the next line, and to take all lines.
-constexpr std::chrono::milliseconds kPatience{100};
-constexpr std::chrono::seconds kLongestExit{1};
+constexpr std::chrono::milliseconds patience{100};
+constexpr std::chrono::seconds longest_exit{1};
 
 }  // namespace
 
@@ -97,7 +97,7 @@ void TextSink::Configure(std::string_view application) {
 void TextSink::Write(std::string line) noexcept {
   try {
     std::unique_lock lock(mutex_);
-    if (queuing_ && (dropped_ > 0 || queued_bytes_ + line.size() > kMaxQueuedBytes)) {
+    if (queuing_ && (dropped_ > 0 || queued_bytes_ + line.size() > max_queued_bytes)) {
       ++dropped_;
       StartThread();
     } else {
@@ -198,10 +198,10 @@ void TextSink::Close() {
 }
 
 void TextSink::WaitForQueue(std::unique_lock<std::mutex>& lock) {
-  const auto end = std::chrono::steady_clock::now() + kLongestExit;
+  const auto end = std::chrono::steady_clock::now() + longest_exit;
   while (queuing_ && !given_up_) {
     const auto before = written_;
-    (void)drained_.wait_for(lock, kPatience, [this] { return !queuing_; });
+    (void)drained_.wait_for(lock, patience, [this] { return !queuing_; });
     given_up_ = written_ == before || std::chrono::steady_clock::now() > end;
   }
 }

@@ -20,14 +20,14 @@ using nlohmann::json;
 /// A JSON value whose storage type is not yet known.
 using Raw = std::variant<std::monostate, bool, std::int64_t, std::uint64_t, double, std::string>;
 
-constexpr std::string_view kHexDigits = "0123456789abcdef";
+constexpr std::string_view hex_digits = "0123456789abcdef";
 
 std::string Hex(const std::vector<std::uint8_t>& bytes) {
   std::string text;
   text.reserve(2 * bytes.size());
   for (const std::uint8_t byte : bytes) {
-    text += kHexDigits[byte >> 4U];
-    text += kHexDigits[byte & 15U];
+    text += hex_digits[byte >> 4U];
+    text += hex_digits[byte & 15U];
   }
   return text;
 }
@@ -94,7 +94,7 @@ struct Reader {
 };
 
 using Type = KvsType::Type;
-constexpr std::array kReaders{
+constexpr std::array readers{
     Reader{Type::kBoolean, "true or false", &Boolean},
     Reader{Type::kUInt8, "an integer from 0 to 255", &Integer<std::uint8_t>},
     Reader{Type::kUInt16, "an integer from 0 to 65535", &Integer<std::uint16_t>},
@@ -174,8 +174,9 @@ class Builder {
 
  private:
   static std::string Shortened(std::string_view text) {
-    constexpr std::size_t kMax = 300;
-    return text.size() <= kMax ? std::string(text) : std::string(text.substr(0, kMax)) + "...";
+    constexpr std::size_t max_shown = 300;
+    return text.size() <= max_shown ? std::string(text)
+                                    : std::string(text.substr(0, max_shown)) + "...";
   }
   [[noreturn]] void Fail(std::string_view key, const std::string& reason) const {
     throw ExceptionValidation("storage file \"" + path_ + "\": key \"" + Shortened(key) + "\" " +
@@ -199,12 +200,12 @@ class Builder {
     }
     const auto* name = std::get_if<std::string>(&value);
     if (name == nullptr) Refuse(found);
-    for (const Reader& reader : kReaders) {
+    for (const Reader& reader : readers) {
       if (NameOf(reader.type) == *name) type_ = &reader;
     }
     if (!type_) {
       std::string names;
-      for (const Reader& reader : kReaders) {
+      for (const Reader& reader : readers) {
         names.append(names.empty() ? "" : ", ").append(NameOf(reader.type));
       }
       Fail(key_, "has the unknown type \"" + Shortened(*name) + "\", expected one of " + names);

@@ -12,11 +12,11 @@ namespace ara::per {
 namespace {
 
 std::string CheckedPort(std::string_view port) {
-  constexpr std::size_t kMaxLength = 128;
-  if (port.empty() || port.size() > kMaxLength || port.front() == '.' ||
+  constexpr std::size_t max_length = 128;
+  if (port.empty() || port.size() > max_length || port.front() == '.' ||
       port.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos) {
     throw ExceptionLogicError(
-        "storage port \"" + std::string(port.substr(0, kMaxLength)) +
+        "storage port \"" + std::string(port.substr(0, max_length)) +
         "\": expected a file name of 1 to 128 characters that does not start with a dot");
   }
   return std::string(port);

@@ -13,7 +13,7 @@
 namespace ara::per {
 namespace {
 
-constexpr mode_t kFileMode = 0640;
+constexpr mode_t file_mode = 0640;
 
 template <typename Call>
 auto Retry(Call call) {
@@ -72,11 +72,11 @@ std::optional<std::string> StoreFile::Read() const {
   }
   const auto too_large = [&](std::size_t size) {
     return ExceptionValidation("storage file \"" + path_ + "\": expected at most " +
-                               std::to_string(kMaxFileSize) + " bytes, found " +
+                               std::to_string(max_file_size) + " bytes, found " +
                                std::to_string(size) + " or more");
   };
   const auto size = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
-  if (size > kMaxFileSize) throw too_large(size);
+  if (size > max_file_size) throw too_large(size);
   std::string text;
   text.reserve(size);
   std::array<char, 16384> block;
@@ -86,15 +86,15 @@ std::optional<std::string> StoreFile::Read() const {
     if (count < 0) Fail("read", path_, errno);
     if (count == 0) break;
     text.append(block.data(), static_cast<std::size_t>(count));
-    if (text.size() > kMaxFileSize) throw too_large(text.size());
+    if (text.size() > max_file_size) throw too_large(text.size());
   }
   return text;
 }
 
 void StoreFile::Replace(std::string_view text) const {
-  if (text.size() > kMaxFileSize) {
+  if (text.size() > max_file_size) {
     throw ExceptionPhysicalStorageError("storage file \"" + path_ + "\": can hold at most " +
-                                        std::to_string(kMaxFileSize) + " bytes, not " +
+                                        std::to_string(max_file_size) + " bytes, not " +
                                         std::to_string(text.size()));
   }
   try {
@@ -110,7 +110,7 @@ void StoreFile::Replace(std::string_view text) const {
 void StoreFile::WriteAside(std::string_view text) const {
   Descriptor file(files_, Retry([&] {
                     return files_.Open(
-                        aside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode);
+                        aside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, file_mode);
                   }));
   if (file.get() < 0) Fail("create", aside_, errno);
   while (!text.empty()) {

@@ -11,7 +11,7 @@
 namespace ara::per {
 
 /// Far beyond the needs of a key-value storage; a larger file is not a store.
-inline constexpr std::size_t kMaxFileSize = std::size_t{16} << 20;
+inline constexpr std::size_t max_file_size = std::size_t{16} << 20;
 
 class StoreFile {
  public:
@@ -20,7 +20,7 @@ class StoreFile {
   [[nodiscard]] const std::string& path() const { return path_; }
 
   /// Returns nothing if there is no file. Throws ExceptionPhysicalStorageError if it cannot be read
-  /// and ExceptionValidation if it is not a regular file or larger than kMaxFileSize.
+  /// and ExceptionValidation if it is not a regular file or larger than max_file_size.
   [[nodiscard]] std::optional<std::string> Read() const;
 
   /// Whenever power fails, the file then holds either its old content or all of `text`. After the

@@ -24,16 +24,16 @@
 namespace ara::stm {
 namespace {
 
-constexpr std::size_t kMaxPending = 32;
-constexpr std::size_t kMaxStateName = 128;
+constexpr std::size_t max_pending = 32;
+constexpr std::size_t max_state_name = 128;
 
 /// Time for the last answers to leave. Then the process no longer waits for a daemon that does not
 /// answer: it leaves the bus thread behind, which ends by itself.
-constexpr std::chrono::milliseconds kFarewell{250};
+constexpr std::chrono::milliseconds farewell{250};
 
-constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
-constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
-constexpr const char* kFailed = "org.freedesktop.DBus.Error.Failed";
+constexpr const char* invalid_args = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr const char* limits_exceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* failed = "org.freedesktop.DBus.Error.Failed";
 
 void WarnNotOnBus(const char* reason) {
   log::LogWarn() << "Component state: not on the bus, state management cannot reach this component:"
@@ -68,12 +68,12 @@ class BusObject {
   /// are made and destroyed here.
   void Serve(Bus bus) {
     try {
-      const auto connection = bus == Bus::kSession ? sdbus::createSessionBusConnection()
-                                                   : sdbus::createSystemBusConnection();
+      const auto connection = bus == Bus::session ? sdbus::createSessionBusConnection()
+                                                  : sdbus::createSystemBusConnection();
       const auto object = sdbus::createObject(*connection, path_);
       Register(*object);
       if (!StartHandlerThread()) return;
-      connection->requestName(kBusName);
+      connection->requestName(bus_name);
       if (!Publish(connection.get(), object.get())) return;
       try {
         connection->enterEventLoop();
@@ -82,7 +82,7 @@ class BusObject {
       }
       WaitForLeave();
       for (auto& pending : std::exchange(pending_, {}))
-        Refuse(pending.reply, kFailed, "the component ended without a decision");
+        Refuse(pending.reply, failed, "the component ended without a decision");
     } catch (const std::exception& error) {
       if (!IsLeaving()) WarnNotOnBus(error.what());
     }
@@ -126,7 +126,7 @@ class BusObject {
       if (!confirmed.empty()) confirmed.front().reply.returnResults(result);
       if (object == nullptr) return;
       object->emitSignal("StateConfirmed")
-          .onInterface(kInterface)
+          .onInterface(interface)
           .withArguments(sequenceNumber, newState, result);
     } catch (const std::exception& error) {
       WarnOnce(error.what());
@@ -149,7 +149,7 @@ class BusObject {
 
   void Register(sdbus::IObject& object) {
     object.registerMethod("RequestState")
-        .onInterface(kInterface)
+        .onInterface(interface)
         .withInputParamNames("state", "sequenceNumber")
         .withOutputParamNames("result")
         .implementedAs(
@@ -157,7 +157,7 @@ class BusObject {
               Request(std::move(reply), state, sequence_number);
             });
     object.registerSignal("StateConfirmed")
-        .onInterface(kInterface)
+        .onInterface(interface)
         .withParameters<std::uint32_t, std::string, std::uint32_t>("sequenceNumber", "state",
                                                                    "result");
     object.finishRegistration();
@@ -201,13 +201,13 @@ class BusObject {
   }
 
   void Request(Reply&& reply, const std::string& state, std::uint32_t sequence_number) {
-    if (state.empty() || state.size() > kMaxStateName) {
-      Refuse(reply, kInvalidArgs, "expected a state name of 1 to 128 bytes");
+    if (state.empty() || state.size() > max_state_name) {
+      Refuse(reply, invalid_args, "expected a state name of 1 to 128 bytes");
     } else if (sequence_number == 0) {
-      Refuse(reply, kInvalidArgs,
+      Refuse(reply, invalid_args,
              "sequence number 0 marks the component's own changes, expected 1 or more");
     } else if (!Enqueue(reply, state, sequence_number)) {
-      Refuse(reply, kLimitsExceeded, "too many requests are waiting for their confirmation");
+      Refuse(reply, limits_exceeded, "too many requests are waiting for their confirmation");
     }
   }
 
@@ -216,7 +216,7 @@ class BusObject {
     {
       const std::lock_guard lock(mutex_);
       if (stopping_) return false;
-      if (pending_.size() >= kMaxPending) {
+      if (pending_.size() >= max_pending) {
         // The other requests wait for the handler or are being handled: a decision will follow.
         oldest = Take([](const Pending& pending) { return pending.handled; });
         if (oldest.empty()) return false;
@@ -233,7 +233,7 @@ class BusObject {
   /// held around Request().
   void RefuseOvertaken(std::list<Pending> requests) {
     for (auto& request : requests)
-      Refuse(request.reply, kFailed, "later requests came before its decision");
+      Refuse(request.reply, failed, "later requests came before its decision");
   }
 
   void CallHandler() {
@@ -304,7 +304,7 @@ class OnBus final : public ComponentClient {
   ~OnBus() override {
     object_->Stop();
     object_->Leave();
-    if (served_.wait_for(kFarewell) == std::future_status::ready) {
+    if (served_.wait_for(farewell) == std::future_status::ready) {
       thread_.join();
     } else {
       thread_.detach();
@@ -331,7 +331,7 @@ std::unique_ptr<ComponentClient> createComponentClient(const core::InstanceSpeci
     throw std::invalid_argument("component client \"" + instance.ToString() +
                                 "\": the handler is empty");
   try {
-    if (const Bus bus = ChosenBus(); bus != Bus::kNone)
+    if (const Bus bus = ChosenBus(); bus != Bus::none)
       return std::make_unique<OnBus>(bus, instance, std::move(handler));
   } catch (const std::exception& error) {
     WarnNotOnBus(error.what());

@@ -12,7 +12,7 @@
 namespace ara::time {
 namespace {
 
-constexpr std::string_view kResource = "synchronized";
+constexpr std::string_view resource_name = "synchronized";
 
 std::string TextOf(int error) {
   return std::generic_category().message(error);
@@ -70,9 +70,9 @@ std::chrono::nanoseconds SynchSlaveTimeBase::getCurrentTime() const {
 
 SlaveTimeBaseResourceProxy::Resource SlaveTimeBaseResourceProxy::FindResource(
     std::string_view name) {
-  if (name != kResource) {
+  if (name != resource_name) {
     throw std::runtime_error("time base resource \"" + std::string(name) +
-                             "\" is unknown, there is \"" + std::string(kResource) + "\"");
+                             "\" is unknown, there is \"" + std::string(resource_name) + "\"");
   }
   const char* configured = std::getenv("POS_TIME_BASE");
   std::string clock = configured != nullptr && *configured != '\0' ? configured : "CLOCK_REALTIME";

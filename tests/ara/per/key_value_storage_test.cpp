@@ -187,10 +187,10 @@ TEST_F(KeyValueStorageTest, what_could_not_be_read_back_is_not_taken_or_written)
 
 TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
   KeyValueStorage storage("Port");
-  constexpr std::size_t kThreads = 4;
+  constexpr std::size_t thread_count = 4;
   {
     std::vector<std::jthread> threads;
-    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+    for (std::size_t thread = 0; thread < thread_count; ++thread) {
       threads.emplace_back([&storage, thread] {
         for (std::uint32_t i = 0; i < 20; ++i) {
           storage.SetValue("key" + std::to_string(thread), KvsType(i));
@@ -200,7 +200,7 @@ TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
     }
   }
   KeyValueStorage again("Port");
-  EXPECT_EQ(again.GetAllKeys().size(), kThreads);
+  EXPECT_EQ(again.GetAllKeys().size(), thread_count);
   for (const auto& key : again.GetAllKeys())
     EXPECT_EQ(again.GetValue(key).GetUInt(), 19U);
 }

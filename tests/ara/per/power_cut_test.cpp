@@ -20,17 +20,17 @@ using ::testing::AnyOf;
 using ::testing::Eq;
 using ::testing::HasSubstr;
 
-const std::string kPath = "/store/Port.json";
-const std::string kAside = "/store/Port.json.new";
+const std::string store_path = "/store/Port.json";
+const std::string aside = "/store/Port.json.new";
 
 std::string TextWith(std::uint32_t number) {
   return ToText({{"number", KvsType(number)}, {"text", KvsType(std::string(5000, 'x'))}});
 }
-const std::string kOld = TextWith(1);
-const std::string kNew = TextWith(2);
+const std::string old_content = TextWith(1);
+const std::string new_content = TextWith(2);
 
 SimulatedDisk::Image OldStore() {
-  return {{kPath, kOld}};
+  return {{store_path, old_content}};
 }
 
 /// What a start after the crash reads, as the application does it.
@@ -41,7 +41,7 @@ std::string ReadAfter(const SimulatedDisk::Image& image) {
   if (!text) return "";
   (void)ParseValues(*text, store.path());
   store.RemoveLeftover();
-  EXPECT_FALSE(disk.Now().contains(kAside));
+  EXPECT_FALSE(disk.Now().contains(aside));
   return *text;
 }
 
@@ -54,30 +54,31 @@ SimulatedDisk FailingAt(int call, int error) {
 /// The calls that one replacement makes.
 int CallsOfReplace() {
   SimulatedDisk disk(OldStore());
-  StoreFile("/store", "Port.json", disk).Replace(kNew);
+  StoreFile("/store", "Port.json", disk).Replace(new_content);
   return disk.calls();
 }
 
 TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
   std::size_t states = 0;
   for (const auto& before :
-       {SimulatedDisk::Image{{kPath, kOld}},
-        SimulatedDisk::Image{{kPath, kOld}, {kAside, "{\"left over"}}, SimulatedDisk::Image{}}) {
-    const std::string old = before.contains(kPath) ? kOld : "";
+       {SimulatedDisk::Image{{store_path, old_content}},
+        SimulatedDisk::Image{{store_path, old_content}, {aside, "{\"left over"}},
+        SimulatedDisk::Image{}}) {
+    const std::string old = before.contains(store_path) ? old_content : "";
     for (int cut = 0; cut <= CallsOfReplace(); ++cut) {
       // Short writes, so that the cut also comes between two of them.
       SimulatedDisk disk(before, [cut](int number, std::string_view name) {
-        if (number == cut) return SimulatedDisk::kPowerCut;
-        return name == "write" && number < 4 ? SimulatedDisk::kShort : 0;
+        if (number == cut) return SimulatedDisk::power_cut;
+        return name == "write" && number < 4 ? SimulatedDisk::short_write : 0;
       });
       try {
-        StoreFile("/store", "Port.json", disk).Replace(kNew);
+        StoreFile("/store", "Port.json", disk).Replace(new_content);
       } catch (const SimulatedDisk::PowerCut&) {        // NOLINT(bugprone-empty-catch)
       } catch (const ExceptionPhysicalStorageError&) {  // NOLINT(bugprone-empty-catch)
         // The process is gone: nobody is left to be told.
       }
       for (const auto& image : disk.AfterPowerCut()) {
-        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(old), Eq(kNew))) << "cut at call " << cut;
+        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(old), Eq(new_content))) << "cut at call " << cut;
         ++states;
       }
     }
@@ -87,10 +88,10 @@ TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
 
 /// Replaces the store, after which no power cut brings the old one back.
 void ReplaceForGood(SimulatedDisk& disk) {
-  StoreFile("/store", "Port.json", disk).Replace(kNew);
+  StoreFile("/store", "Port.json", disk).Replace(new_content);
   for (const auto& image : disk.AfterPowerCut())
-    EXPECT_EQ(ReadAfter(image), kNew);
-  EXPECT_EQ(disk.Now(), (SimulatedDisk::Image{{kPath, kNew}}));
+    EXPECT_EQ(ReadAfter(image), new_content);
+  EXPECT_EQ(disk.Now(), (SimulatedDisk::Image{{store_path, new_content}}));
   EXPECT_EQ(disk.open_descriptors(), 0U);
 }
 
@@ -100,16 +101,18 @@ TEST(FailingDisk,
     for (int failing = 0; failing < CallsOfReplace(); ++failing) {
       SimulatedDisk disk = FailingAt(failing, error);
       const StoreFile store("/store", "Port.json", disk);
-      const auto text = test::error_of<ExceptionPhysicalStorageError>([&] { store.Replace(kNew); });
+      const auto text =
+          test::error_of<ExceptionPhysicalStorageError>([&] { store.Replace(new_content); });
       // Only closing the folder can fail without harm.
       const bool failed = failing + 1 < CallsOfReplace();
       EXPECT_THAT(text, AllOf(HasSubstr(failed ? std::strerror(error) : "no exception"),
                               HasSubstr(failed ? "/store" : "")))
           << "call " << failing;
       EXPECT_EQ(disk.open_descriptors(), 0U) << "call " << failing;
-      EXPECT_FALSE(disk.Now().contains(kAside)) << "call " << failing;
+      EXPECT_FALSE(disk.Now().contains(aside)) << "call " << failing;
       for (const auto& image : disk.AfterPowerCut()) {
-        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(failed ? kOld : kNew), Eq(kNew)));
+        EXPECT_THAT(ReadAfter(image),
+                    AnyOf(Eq(failed ? old_content : new_content), Eq(new_content)));
       }
       ReplaceForGood(disk);
     }
@@ -117,17 +120,18 @@ TEST(FailingDisk,
 }
 
 TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
-  SimulatedDisk disk({{kPath, kOld}, {kAside, "left over"}}, [](int number, std::string_view name) {
-    if (name == "write") return SimulatedDisk::kShort;
-    return number % 2 == 0 ? EINTR : 0;
-  });
+  SimulatedDisk disk({{store_path, old_content}, {aside, "left over"}},
+                     [](int number, std::string_view name) {
+                       if (name == "write") return SimulatedDisk::short_write;
+                       return number % 2 == 0 ? EINTR : 0;
+                     });
   ReplaceForGood(disk);
 
   SimulatedDisk stutter(OldStore(), [](int number, std::string_view name) {
-    if (name == "read") return number % 2 == 0 ? EINTR : SimulatedDisk::kShort;
+    if (name == "read") return number % 2 == 0 ? EINTR : SimulatedDisk::short_write;
     return 0;
   });
-  EXPECT_EQ(StoreFile("/store", "Port.json", stutter).Read(), kOld);
+  EXPECT_EQ(StoreFile("/store", "Port.json", stutter).Read(), old_content);
 }
 
 TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
@@ -136,7 +140,7 @@ TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
       SimulatedDisk disk = FailingAt(failing, error);
       EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>(
                       [&] { (void)StoreFile("/store", "Port.json", disk).Read(); }),
-                  HasSubstr("\"" + kPath + "\": " + std::strerror(error)));
+                  HasSubstr("\"" + store_path + "\": " + std::strerror(error)));
       EXPECT_EQ(disk.open_descriptors(), 0U);
     }
   }

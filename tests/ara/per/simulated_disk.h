@@ -30,10 +30,10 @@ class SimulatedDisk : public Files {
   using Image = std::map<std::string, std::string>;
 
   /// `before_call` is asked before each call with its number (from 0) and name: 0 lets it happen, a
-  /// positive number is the errno with which it fails, kShort makes a read or write short,
-  /// kPowerCut cuts the power.
-  static constexpr int kShort = -1;
-  static constexpr int kPowerCut = -2;
+  /// positive number is the errno with which it fails, short_write makes a read or write short,
+  /// power_cut cuts the power.
+  static constexpr int short_write = -1;
+  static constexpr int power_cut = -2;
   using BeforeCall = std::function<int(int number, std::string_view name)>;
 
   explicit SimulatedDisk(
@@ -174,11 +174,11 @@ class SimulatedDisk : public Files {
   int Ask(std::string_view name) {
     if (dead_) return Fail(EIO);
     const int answer = before_call_(calls_++, name);
-    dead_ = answer == kPowerCut;
+    dead_ = answer == power_cut;
     // Calls made while an object is destroyed must not throw; the program runs on without effect.
     if (dead_ && name != "close" && name != "unlink") throw PowerCut{};
     if (dead_ || answer > 0) return Fail(dead_ ? EIO : answer);
-    return answer == kShort ? 1 : 0;
+    return answer == short_write ? 1 : 0;
   }
 
   BeforeCall before_call_;

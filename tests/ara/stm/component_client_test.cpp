@@ -32,8 +32,8 @@ using ::testing::Pair;
 using ::testing::UnorderedElementsAre;
 using namespace std::chrono_literals;
 
-const core::InstanceSpecifier kInstance("POS__ORVEL1_Sys_Adaptive_01_instance1");
-constexpr auto kDeadline = 10s;
+const core::InstanceSpecifier instance("POS__ORVEL1_Sys_Adaptive_01_instance1");
+constexpr auto deadline = 10s;
 
 /// A program whose output is read line by line; it ends with this object.
 class Program {
@@ -103,8 +103,8 @@ class ComponentClientTest : public ::testing::Test {
   /// A client whose handler waits until the test holds it, as an application's does.
   void Start(Handler handler) {
     const std::lock_guard lock(mutex_);
-    client_ = createComponentClient(kInstance, [this, handler = std::move(handler)](
-                                                   const std::string& state, std::uint32_t number) {
+    client_ = createComponentClient(instance, [this, handler = std::move(handler)](
+                                                  const std::string& state, std::uint32_t number) {
       ComponentClient* client = nullptr;
       {
         const std::lock_guard wait(mutex_);
@@ -141,7 +141,7 @@ TEST_F(ComponentClientTest, answers_when_the_confirmation_comes_later_and_serves
     }
   });
   auto slow = RequestInBackground("slow", "1");
-  ASSERT_EQ(asked.get_future().wait_for(kDeadline), std::future_status::ready);
+  ASSERT_EQ(asked.get_future().wait_for(deadline), std::future_status::ready);
   EXPECT_EQ(Request("kOn", "2"), "u 0");
   EXPECT_EQ(slow.wait_for(0s), std::future_status::timeout);
   client_->confirm(1, "slow", 5);
@@ -162,7 +162,7 @@ TEST_F(ComponentClientTest, a_handler_may_wait_for_a_thread_that_is_confirming) 
   {
     const std::lock_guard lock(state_mutex);
     answer = RequestInBackground("kOn", "3");
-    ASSERT_EQ(waiting.get_future().wait_for(kDeadline), std::future_status::ready);
+    ASSERT_EQ(waiting.get_future().wait_for(deadline), std::future_status::ready);
     client_->confirm(0, "kPrepSD", 0);
   }
   EXPECT_EQ(answer.get(), "u 0");
@@ -330,7 +330,7 @@ TEST_F(ComponentClientTest,
     EXPECT_EQ(warnings.back().level, log::LogLevel::kWarn);
     return warnings.back().Text();
   };
-  const auto second = createComponentClient(kInstance, [](const std::string&, std::uint32_t) {});
+  const auto second = createComponentClient(instance, [](const std::string&, std::uint32_t) {});
   EXPECT_THAT(warning(1), HasSubstr("not on the bus"));  // two processes of the same kind
   ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent", 1);
   Start(Ignore);
@@ -341,7 +341,7 @@ TEST_F(ComponentClientTest,
   client_->confirm(0, "kOn", 0);
   ::setenv("POS_STATE_BUS", "none", 1);
   Start(Ignore);  // that is no fault
-  EXPECT_THROW((void)createComponentClient(kInstance, nullptr), std::invalid_argument);
+  EXPECT_THROW((void)createComponentClient(instance, nullptr), std::invalid_argument);
   Destroy();
   EXPECT_EQ(capture.Records().size(), 3U);
 }
