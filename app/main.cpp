@@ -3,5 +3,5 @@
 
 int main(int argc, char** argv) {
   ara::core::Initialize();
-  return posMain(argc, argv);
+  return pos_main(argc, argv);
 }

@@ -49,7 +49,7 @@ class Application_pointer {
 /// begins.
 Application_pointer application;
 
-void handleSignal(int sigId) {
+void handle_signal(int sigId) {
   if (const auto reached = application.load()) reached->signalHandler(sigId);
 }
 
@@ -85,7 +85,7 @@ class Application_owner {
   posApplication* application_ = nullptr;
 };
 
-void logBanner() {
+void log_banner() {
   using ara::log::LogInfo;
   namespace diag = lumo::services::diag;
   LogInfo() << "POS application started. Version" << build_info::version << "build time"
@@ -109,7 +109,7 @@ void logBanner() {
             << build_info::middleware_release;
 }
 
-int exitAfter(const char* exception) {
+int exit_after(const char* exception) {
   ara::log::LogError() << "Fatal error in application, not handled exception caught: " << exception
                        << " Exiting application with return value " << exit_unhandled_exception
                        << ".";
@@ -118,25 +118,25 @@ int exitAfter(const char* exception) {
 
 }  // namespace
 
-int posMain(int /*argc*/, char** /*argv*/) {
+int pos_main(int /*argc*/, char** /*argv*/) {
   // Before logging, which starts threads of its own: only one thread may receive the signals.
-  Signal_thread::blockSignals();
+  Signal_thread::block_signals();
   // Outlives every object that a signal could reach or end.
-  std::optional<Signal_thread> signalThread;
-  int exitCode = 0;
+  std::optional<Signal_thread> signal_thread;
+  int exit_code = 0;
   try {
     ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                           ara::log::LogMode::kRemote, "");
-    logBanner();
+    log_banner();
     // Before the runtime, which must not outlive the destination of its trace.
-    binding::Platform_trace_logger traceLogger(ara::log::CreateLogger("TRCE", "Binding trace"));
-    const binding::Trace_records traceRecords(traceLogger);
+    binding::Platform_trace_logger trace_logger(ara::log::CreateLogger("TRCE", "Binding trace"));
+    const binding::Trace_records trace_records(trace_logger);
     auto runtime = std::make_unique<mw::com::runtime::Component_singleton>("", false);
-    signalThread.emplace(handleSignal);
+    signal_thread.emplace(handle_signal);
     Persistency persistency("POS_Key_Value_Port",
                             ara::log::CreateLogger("DBAC", "Persistency access"));
     auto owner = std::make_unique<Application_owner>(std::move(persistency));
-    exitCode = (*owner)->run();
+    exit_code = (*owner)->run();
 
     ara::log::LogInfo() << "destroying app.";
     owner.reset();
@@ -145,13 +145,13 @@ int posMain(int /*argc*/, char** /*argv*/) {
     ara::log::LogInfo() << "destroying runtime.";
     runtime.reset();
   } catch (const std::exception& error) {
-    return exitAfter(error.what());
+    return exit_after(error.what());
   } catch (...) {
-    return exitAfter("unknown exception");
+    return exit_after("unknown exception");
   }
   ara::log::LogInfo() << "exiting main.";
-  if (exitCode != 0) {
-    ara::log::LogError() << "Close POS application with return code " << exitCode << ".";
+  if (exit_code != 0) {
+    ara::log::LogError() << "Close POS application with return code " << exit_code << ".";
   }
-  return exitCode;
+  return exit_code;
 }

@@ -14,18 +14,18 @@ void extract(const KvsType& value, std::uint32_t& setting) {
   setting = value.GetUInt();
 }
 
-constexpr KvsType::Type typeOf(const bool&) {
+constexpr KvsType::Type type_of(const bool&) {
   return KvsType::Type::kBoolean;
 }
-constexpr KvsType::Type typeOf(const std::uint32_t&) {
+constexpr KvsType::Type type_of(const std::uint32_t&) {
   return KvsType::Type::kUInt32;
 }
 
 template <typename T>
-void readSetting(Persistency& persistency, const std::string& key, T& setting) {
+void read_setting(Persistency& persistency, const std::string& key, T& setting) {
   const ara::log::Logger& logger = persistency.logger();
   const KvsType value = persistency.getValue(key);
-  if (value.GetStatus() != KvsType::Status::kSuccess || value.GetType() != typeOf(setting)) {
+  if (value.GetStatus() != KvsType::Status::kSuccess || value.GetType() != type_of(setting)) {
     logger.LogInfo() << "No such entry for " << key;
     return;
   }
@@ -42,14 +42,14 @@ void readSetting(Persistency& persistency, const std::string& key, T& setting) {
 
 }  // namespace
 
-Settings readSettings(Persistency& persistency) {
+Settings read_settings(Persistency& persistency) {
   Settings settings{.persistency = persistency};
-  readSetting(persistency, "recievedGNSSDataLogging", settings.recievedGNSSDataLogging);
-  readSetting(persistency, "ignoreGNSSTimestamps", settings.ignoreGNSSTimestamps);
-  readSetting(persistency, "alwaysSendAllValidPositions", settings.alwaysSendAllValidPositions);
-  readSetting(persistency, "useGNSSDR", settings.useGNSSDR);
-  readSetting(persistency, "mmNewPositionCalculationIntervalMS",
-              settings.mmNewPositionCalculationIntervalMS);
-  readSetting(persistency, "timeClientEnabled", settings.timeClientEnabled);
+  read_setting(persistency, "recievedGNSSDataLogging", settings.recievedGNSSDataLogging);
+  read_setting(persistency, "ignoreGNSSTimestamps", settings.ignoreGNSSTimestamps);
+  read_setting(persistency, "alwaysSendAllValidPositions", settings.alwaysSendAllValidPositions);
+  read_setting(persistency, "useGNSSDR", settings.useGNSSDR);
+  read_setting(persistency, "mmNewPositionCalculationIntervalMS",
+               settings.mmNewPositionCalculationIntervalMS);
+  read_setting(persistency, "timeClientEnabled", settings.timeClientEnabled);
   return settings;
 }

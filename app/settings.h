@@ -18,4 +18,4 @@ struct Settings {
 
 /// Reads every setting separately. A missing or unreadable setting, or one of another type, keeps
 /// its default and is logged in the context of `persistency`.
-[[nodiscard]] Settings readSettings(Persistency& persistency);
+[[nodiscard]] Settings read_settings(Persistency& persistency);

@@ -7,7 +7,7 @@
 
 namespace {
 
-sigset_t handledSignals() {
+sigset_t handled_signals() {
   sigset_t signals;
   sigemptyset(&signals);
   for (const int signal : {SIGINT, SIGTERM, SIGUSR1, SIGUSR2})
@@ -17,13 +17,13 @@ sigset_t handledSignals() {
 
 }  // namespace
 
-void Signal_thread::blockSignals() {
-  const sigset_t signals = handledSignals();
+void Signal_thread::block_signals() {
+  const sigset_t signals = handled_signals();
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 }
 
 Signal_thread::Signal_thread(Handler handler) {
-  const sigset_t signals = handledSignals();
+  const sigset_t signals = handled_signals();
   constexpr timespec no_wait{};
   for (int signal = 0; (signal = sigtimedwait(&signals, nullptr, &no_wait)) > 0;)
     handler(signal);

@@ -12,9 +12,9 @@ class Signal_thread {
 
   /// Blocks the four signals in the calling thread and in all threads that it starts later. Call it
   /// before the process has a second thread.
-  static void blockSignals();
+  static void block_signals();
 
-  /// Handles the signals that have arrived since blockSignals() on the calling thread, before it
+  /// Handles the signals that have arrived since block_signals() on the calling thread, before it
   /// returns. Later, an exception from `handler` ends the process.
   explicit Signal_thread(Handler handler);
   /// Waits for a handler call under way. The signals stay blocked: they no longer end the process.

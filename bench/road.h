@@ -61,19 +61,19 @@ inline binding::Buffer notification(std::size_t samples) {
 class Road {
  public:
   explicit Road(bool log_received) {
-    gnss_.setRecievedGNSSDataLogging(log_received);
-    gnss_.setIgnoreGNSSTimestamps(true);
-    gnss_.setUseGNSSDR(true);
-    gnss_.setPositionCallback([this](const gnss::DT_positions_struct& position) {
+    gnss_.set_recieved_gnss_data_logging(log_received);
+    gnss_.set_ignore_gnss_timestamps(true);
+    gnss_.set_use_gnss_dr(true);
+    gnss_.set_position_callback([this](const gnss::DT_positions_struct& position) {
       ara::log::LogInfo() << "Sending "
                           << "GNSS-DR"
                           << " input position as POS output DR position.";
-      service_.sendDR(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}));
-      diagnosis_.dataReceived(0x83D104);
-      diagnosis_.dataReceived(0x83D101);
+      service_.send_dr(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}));
+      diagnosis_.data_received(0x83D104);
+      diagnosis_.data_received(0x83D101);
     });
-    service_.setAlwaysSendAllValidPositions(true);
-    service_.setMmNewPositionCalculationIntervalMS(1000);
+    service_.set_always_send_all_valid_positions(true);
+    service_.set_mm_new_position_calculation_interval_ms(1000);
     service_.init();
     gnss_.init();
     runtime_.find({1});

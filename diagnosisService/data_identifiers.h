@@ -20,7 +20,7 @@
 namespace lumo::services::diag {
 
 /// The diagnostic manager's information about a request, such as its source. Not evaluated here.
-using MetaInfo = std::map<std::string, std::string>;
+using Meta_info = std::map<std::string, std::string>;
 
 /// Read output of d_14a0: one status byte per input sensor, in the order of the sensor setup.
 struct PositioningStatusInputs {
@@ -44,7 +44,7 @@ struct PositioningStatusOutputs {
   std::uint8_t staticOutput = 0;
 };
 
-struct PositionState {
+struct Position_state {
   std::uint8_t validity = 0;
   std::uint8_t matching = 0;
 };
@@ -55,7 +55,7 @@ struct PositioningMMPos {
   std::array<std::uint8_t, 5> longitude{};
   std::array<std::uint8_t, 3> altitude{};
   std::array<std::uint8_t, 3> timeOfDay{};
-  PositionState state;
+  Position_state state;
 };
 
 /// Read output of d_14a3: the 14 system status bytes in order. The last eight are sent as 16-bit
@@ -74,41 +74,42 @@ struct PositioningStatusSystem {
 };
 
 /// Kinds of faults of a consumed service.
-enum class DataBusFault : std::uint8_t { notAvailable, errorValueReceived, implausible };
+enum class Data_bus_fault : std::uint8_t { not_available, error_value_received, implausible };
 
 /// Read outputs of d_1190, d_1191 and d_1192: five bytes for each affected element.
-template <DataBusFault Fault>
-struct DataBusFaults {
-  static constexpr DataBusFault fault = Fault;
+template <Data_bus_fault Fault>
+struct Data_bus_fault_records {
+  static constexpr Data_bus_fault fault = Fault;
   std::vector<std::uint8_t> entries;
 };
-using BDPSomeipDataBusServiceNotAvailable = DataBusFaults<DataBusFault::notAvailable>;
-using BDPSomeipDataBusServiceErrorValueReceived = DataBusFaults<DataBusFault::errorValueReceived>;
-using BDPSomeipDataBusServiceImplausible = DataBusFaults<DataBusFault::implausible>;
+using BDPSomeipDataBusServiceNotAvailable = Data_bus_fault_records<Data_bus_fault::not_available>;
+using BDPSomeipDataBusServiceErrorValueReceived =
+    Data_bus_fault_records<Data_bus_fault::error_value_received>;
+using BDPSomeipDataBusServiceImplausible = Data_bus_fault_records<Data_bus_fault::implausible>;
 
 /// The interface of every data identifier.
-template <class ReadOutput>
-struct DataIdentifier {
-  using Output = ReadOutput;
+template <class Read_output>
+struct Data_identifier {
+  using Output = Read_output;
   static constexpr mw::com::cpp_binding::Version version{1, 0};
-  static constexpr mw::com::cpp_binding::Method<Output(MetaInfo)> Read{"Read"};
-  static constexpr mw::com::cpp_binding::Method<void(MetaInfo)> Cancel{"Cancel"};
+  static constexpr mw::com::cpp_binding::Method<Output(Meta_info)> Read{"Read"};
+  static constexpr mw::com::cpp_binding::Method<void(Meta_info)> Cancel{"Cancel"};
   static constexpr auto elements = std::tuple{Read, Cancel};
 };
 
 template <class Interface>
-class DataIdentifierProxy : public mw::com::cpp_binding::proxy::Proxy_impl<Interface> {
+class Data_identifier_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Interface> {
   using Base = mw::com::cpp_binding::proxy::Proxy_impl<Interface>;
 
  public:
-  explicit DataIdentifierProxy(const typename Base::Handle_type& handle) : Base{handle} {}
+  explicit Data_identifier_proxy(const typename Base::Handle_type& handle) : Base{handle} {}
 
   mw::com::cpp_binding::proxy::Element<Interface::Read> Read{this->core()};
   mw::com::cpp_binding::proxy::Element<Interface::Cancel> Cancel{this->core()};
 };
 
 template <class Interface>
-class DataIdentifierSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Interface> {
+class Data_identifier_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Interface> {
   using Base = mw::com::cpp_binding::skeleton::Skeleton_impl<Interface>;
 
  public:
@@ -116,95 +117,96 @@ class DataIdentifierSkeleton : public mw::com::cpp_binding::skeleton::Skeleton_i
 
   /// An implementation's destructor must begin with disconnect(), so that afterwards no call
   /// reaches it.
-  explicit DataIdentifierSkeleton(const ara::core::InstanceSpecifier& specifier) : Base{specifier} {
+  explicit Data_identifier_skeleton(const ara::core::InstanceSpecifier& specifier)
+      : Base{specifier} {
     mw::com::cpp_binding::skeleton::provide(this->core(), Interface::Read,
-                                            [this](const MetaInfo& info) { return Read(info); });
+                                            [this](const Meta_info& info) { return Read(info); });
     mw::com::cpp_binding::skeleton::provide(this->core(), Interface::Cancel,
-                                            [this](const MetaInfo& info) { return Cancel(info); });
+                                            [this](const Meta_info& info) { return Cancel(info); });
   }
-  virtual ~DataIdentifierSkeleton() { this->disconnect(); }
+  virtual ~Data_identifier_skeleton() { this->disconnect(); }
 
-  virtual ara::core::Future<Output> Read(const MetaInfo& info) = 0;
-  virtual ara::core::Future<void> Cancel(const MetaInfo& info) = 0;
+  virtual ara::core::Future<Output> Read(const Meta_info& info) = 0;
+  virtual ara::core::Future<void> Cancel(const Meta_info& info) = 0;
 };
 
 namespace d_14a0 {
-struct DataIdentifier_PositioningStatusInputs : DataIdentifier<PositioningStatusInputs> {
+struct DataIdentifier_PositioningStatusInputs : Data_identifier<PositioningStatusInputs> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs";
 };
 namespace skeleton {
 using DataIdentifier_PositioningStatusInputsSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_PositioningStatusInputs>;
+    Data_identifier_skeleton<DataIdentifier_PositioningStatusInputs>;
 }
 }  // namespace d_14a0
 
 namespace d_14a1 {
-struct DataIdentifier_PositioningStatusOutputs : DataIdentifier<PositioningStatusOutputs> {
+struct DataIdentifier_PositioningStatusOutputs : Data_identifier<PositioningStatusOutputs> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a1::DataIdentifier_PositioningStatusOutputs";
 };
 namespace skeleton {
 using DataIdentifier_PositioningStatusOutputsSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_PositioningStatusOutputs>;
+    Data_identifier_skeleton<DataIdentifier_PositioningStatusOutputs>;
 }
 }  // namespace d_14a1
 
 namespace d_14a2 {
-struct DataIdentifier_PositioningMMPos : DataIdentifier<PositioningMMPos> {
+struct DataIdentifier_PositioningMMPos : Data_identifier<PositioningMMPos> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a2::DataIdentifier_PositioningMMPos";
 };
 namespace skeleton {
 using DataIdentifier_PositioningMMPosSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_PositioningMMPos>;
+    Data_identifier_skeleton<DataIdentifier_PositioningMMPos>;
 }
 }  // namespace d_14a2
 
 namespace d_14a3 {
-struct DataIdentifier_PositioningStatusSystem : DataIdentifier<PositioningStatusSystem> {
+struct DataIdentifier_PositioningStatusSystem : Data_identifier<PositioningStatusSystem> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_14a3::DataIdentifier_PositioningStatusSystem";
 };
 namespace skeleton {
 using DataIdentifier_PositioningStatusSystemSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_PositioningStatusSystem>;
+    Data_identifier_skeleton<DataIdentifier_PositioningStatusSystem>;
 }
 }  // namespace d_14a3
 
 namespace d_1190 {
 struct DataIdentifier_BDPSomeipDataBusServiceNotAvailable
-    : DataIdentifier<BDPSomeipDataBusServiceNotAvailable> {
+    : Data_identifier<BDPSomeipDataBusServiceNotAvailable> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable";
 };
 namespace skeleton {
 using DataIdentifier_BDPSomeipDataBusServiceNotAvailableSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceNotAvailable>;
+    Data_identifier_skeleton<DataIdentifier_BDPSomeipDataBusServiceNotAvailable>;
 }
 }  // namespace d_1190
 
 namespace d_1191 {
 struct DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived
-    : DataIdentifier<BDPSomeipDataBusServiceErrorValueReceived> {
+    : Data_identifier<BDPSomeipDataBusServiceErrorValueReceived> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived";
 };
 namespace skeleton {
 using DataIdentifier_BDPSomeipDataBusServiceErrorValueReceivedSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>;
+    Data_identifier_skeleton<DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived>;
 }
 }  // namespace d_1191
 
 namespace d_1192 {
 struct DataIdentifier_BDPSomeipDataBusServiceImplausible
-    : DataIdentifier<BDPSomeipDataBusServiceImplausible> {
+    : Data_identifier<BDPSomeipDataBusServiceImplausible> {
   static constexpr std::string_view name =
       "lumo::services::diag::d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible";
 };
 namespace skeleton {
 using DataIdentifier_BDPSomeipDataBusServiceImplausibleSkeleton =
-    DataIdentifierSkeleton<DataIdentifier_BDPSomeipDataBusServiceImplausible>;
+    Data_identifier_skeleton<DataIdentifier_BDPSomeipDataBusServiceImplausible>;
 }
 }  // namespace d_1192
 
@@ -281,8 +283,8 @@ struct binding::Description<lumo::services::diag::PositioningStatusOutputs> {
 };
 
 template <>
-struct binding::Description<lumo::services::diag::PositionState> {
-  using Record = lumo::services::diag::PositionState;
+struct binding::Description<lumo::services::diag::Position_state> {
+  using Record = lumo::services::diag::Position_state;
   static constexpr std::string_view name = "lumo::services::diag::PositionState";
   static constexpr auto entries = std::tuple{
       plain("validity",
@@ -330,9 +332,9 @@ struct binding::Description<lumo::services::diag::PositioningStatusSystem> {
             "status of POS_MapMatching_System (high byte), reserved system function 13")};
 };
 
-template <lumo::services::diag::DataBusFault Fault>
-struct binding::Description<lumo::services::diag::DataBusFaults<Fault>> {
-  using Record = lumo::services::diag::DataBusFaults<Fault>;
+template <lumo::services::diag::Data_bus_fault Fault>
+struct binding::Description<lumo::services::diag::Data_bus_fault_records<Fault>> {
+  using Record = lumo::services::diag::Data_bus_fault_records<Fault>;
   static constexpr std::string_view name = std::array<std::string_view, 3>{
       "lumo::services::diag::BDPSomeipDataBusServiceNotAvailable",
       "lumo::services::diag::BDPSomeipDataBusServiceErrorValueReceived",

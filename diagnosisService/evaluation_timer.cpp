@@ -5,12 +5,12 @@
 
 namespace diagnosisService {
 
-EvaluationTimer::~EvaluationTimer() {
+Evaluation_timer::~Evaluation_timer() {
   stop();
   if (thread_.joinable()) thread_.join();
 }
 
-void EvaluationTimer::start(std::chrono::milliseconds period) {
+void Evaluation_timer::start(std::chrono::milliseconds period) {
   const std::lock_guard lock{mutex_};
   if (stopping_) return;
   period_ = period;
@@ -25,14 +25,14 @@ void EvaluationTimer::start(std::chrono::milliseconds period) {
   running_ = true;
 }
 
-void EvaluationTimer::stop() {
+void Evaluation_timer::stop() {
   std::unique_lock lock{mutex_};
   stopping_ = true;
   changed_.notify_all();
   changed_.wait(lock, [this] { return !running_; });
 }
 
-void EvaluationTimer::run() {
+void Evaluation_timer::run() {
   std::unique_lock lock{mutex_};
   while (!stopping_) {
     const auto now = std::chrono::steady_clock::now();

@@ -10,13 +10,13 @@
 
 namespace diagnosisService {
 
-class EvaluationTimer {
+class Evaluation_timer {
  public:
   /// `work` must not throw and must not call stop().
-  explicit EvaluationTimer(std::function<void()> work) : work_{std::move(work)} {}
-  ~EvaluationTimer();
-  EvaluationTimer(const EvaluationTimer&) = delete;
-  EvaluationTimer& operator=(const EvaluationTimer&) = delete;
+  explicit Evaluation_timer(std::function<void()> work) : work_{std::move(work)} {}
+  ~Evaluation_timer();
+  Evaluation_timer(const Evaluation_timer&) = delete;
+  Evaluation_timer& operator=(const Evaluation_timer&) = delete;
 
   /// Calls `work` after one period and then once in each period. A further call starts over with
   /// the new period. Does nothing after stop(). One thread calls it.

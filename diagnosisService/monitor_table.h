@@ -12,7 +12,7 @@ namespace diagnosisService {
 /// Values of a status byte.
 enum Status : std::uint8_t { nominal = 0, error = 1, init = 2, not_available = 3 };
 
-[[nodiscard]] constexpr std::string_view statusName(std::uint8_t status) {
+[[nodiscard]] constexpr std::string_view status_name(std::uint8_t status) {
   constexpr std::array<std::string_view, 4> names{"Nominal", "Error", "Init", "NotAvailable"};
   // Tools that read this log look for this spelling.
   return status < names.size() ? names[status] : "unknonw";
@@ -37,40 +37,40 @@ inline constexpr std::uint32_t monitor_output_dead_reckoning = 0x83D104;
 inline constexpr std::uint32_t monitor_input_time = 0x83D10B;
 
 /// The part of the status block to which a byte belongs.
-enum class StatusGroup : std::uint8_t { none, input, output, system };
+enum class Status_group : std::uint8_t { none, input, output, system };
 
 struct Monitor {
   std::uint32_t identifier;
   std::string_view name;
-  StatusGroup group;
+  Status_group group;
   std::uint8_t byte;  ///< within its group
 };
 
 /// In ascending order of the identifiers. Two monitors report system byte 0, deliberately.
 inline constexpr std::array monitor_table{
-    Monitor{0x83D100, "POS_Overall_System", StatusGroup::system, 0},
-    Monitor{monitor_input_gnss, "POS_Input_GNSS", StatusGroup::input, sensor_gnss},
-    Monitor{0x83D102, "POS_Input_Odometry", StatusGroup::input, 1},
-    Monitor{0x83D103, "POS_Output_MapMatched", StatusGroup::output, 0},
-    Monitor{monitor_output_dead_reckoning, "POS_Output_DeadReckoning", StatusGroup::output, 1},
-    Monitor{0x83D105, "POS_Output_Static", StatusGroup::output, 2},
-    Monitor{0x83D106, "POS_Input_Landmarks_FrontCamera", StatusGroup::input, 3},
-    Monitor{0x83D107, "POS_Input_Landmarks_TopView", StatusGroup::input, 4},
-    Monitor{0x83D108, "POS_Input_Landmarks_Lidar", StatusGroup::input, 5},
-    Monitor{0x83D109, "POS_Input_Landmarks_Radar", StatusGroup::input, 6},
-    Monitor{0x83D10A, "POS_Input_Map", StatusGroup::input, 7},
-    Monitor{monitor_input_time, "POS_Input_Time", StatusGroup::input, sensor_time_master},
-    Monitor{0x83D10C, "POS_Input_BV_Lines", StatusGroup::input, 9},
-    Monitor{0x83D10D, "POS_Input_Odometry_FrontCamera", StatusGroup::input, 10},
-    Monitor{0x83D10E, "POS_Input_Position_FrontCamera", StatusGroup::input, 2},
-    Monitor{0x83D120, "POS_LBL_System", StatusGroup::system, 3},
-    Monitor{0x83D121, "POS_PGF_System", StatusGroup::system, system_pgf},
-    Monitor{0x83D122, "POS_MapMatching_System", StatusGroup::system, system_map_matching},
-    Monitor{0x83D123, "POS_LaneMatching_System", StatusGroup::system, 0},
-    Monitor{0x83D401, "BDP_service_registry_not_attainable", StatusGroup::none, 0},
-    Monitor{0x83D501, "BDP_data_bus_service_not_available", StatusGroup::none, 0},
-    Monitor{0x83D502, "BDP_data_bus_service_error_value_received", StatusGroup::none, 0},
-    Monitor{0x83D503, "BDP_data_bus_service_implausible", StatusGroup::none, 0},
+    Monitor{0x83D100, "POS_Overall_System", Status_group::system, 0},
+    Monitor{monitor_input_gnss, "POS_Input_GNSS", Status_group::input, sensor_gnss},
+    Monitor{0x83D102, "POS_Input_Odometry", Status_group::input, 1},
+    Monitor{0x83D103, "POS_Output_MapMatched", Status_group::output, 0},
+    Monitor{monitor_output_dead_reckoning, "POS_Output_DeadReckoning", Status_group::output, 1},
+    Monitor{0x83D105, "POS_Output_Static", Status_group::output, 2},
+    Monitor{0x83D106, "POS_Input_Landmarks_FrontCamera", Status_group::input, 3},
+    Monitor{0x83D107, "POS_Input_Landmarks_TopView", Status_group::input, 4},
+    Monitor{0x83D108, "POS_Input_Landmarks_Lidar", Status_group::input, 5},
+    Monitor{0x83D109, "POS_Input_Landmarks_Radar", Status_group::input, 6},
+    Monitor{0x83D10A, "POS_Input_Map", Status_group::input, 7},
+    Monitor{monitor_input_time, "POS_Input_Time", Status_group::input, sensor_time_master},
+    Monitor{0x83D10C, "POS_Input_BV_Lines", Status_group::input, 9},
+    Monitor{0x83D10D, "POS_Input_Odometry_FrontCamera", Status_group::input, 10},
+    Monitor{0x83D10E, "POS_Input_Position_FrontCamera", Status_group::input, 2},
+    Monitor{0x83D120, "POS_LBL_System", Status_group::system, 3},
+    Monitor{0x83D121, "POS_PGF_System", Status_group::system, system_pgf},
+    Monitor{0x83D122, "POS_MapMatching_System", Status_group::system, system_map_matching},
+    Monitor{0x83D123, "POS_LaneMatching_System", Status_group::system, 0},
+    Monitor{0x83D401, "BDP_service_registry_not_attainable", Status_group::none, 0},
+    Monitor{0x83D501, "BDP_data_bus_service_not_available", Status_group::none, 0},
+    Monitor{0x83D502, "BDP_data_bus_service_error_value_received", Status_group::none, 0},
+    Monitor{0x83D503, "BDP_data_bus_service_implausible", Status_group::none, 0},
 };
 
 inline constexpr std::size_t no_monitor = monitor_table.size();
@@ -93,21 +93,21 @@ inline constexpr auto monitor_places = [] {
 }();
 
 /// Index in monitor_table, no_monitor for an unknown identifier.
-[[nodiscard]] constexpr std::size_t monitorIndex(std::uint32_t identifier) {
+[[nodiscard]] constexpr std::size_t monitor_index(std::uint32_t identifier) {
   const auto distance = identifier - monitor_table.front().identifier;  // huge if before it
   return distance < monitor_places.size() ? monitor_places[distance] : no_monitor;
 }
 
 /// Index in monitor_table of the first monitor that reports this byte.
-[[nodiscard]] constexpr std::size_t monitorIndex(StatusGroup group, std::size_t byte) {
+[[nodiscard]] constexpr std::size_t monitor_index(Status_group group, std::size_t byte) {
   const auto found = std::find_if(
       monitor_table.begin(), monitor_table.end(),
       [&](const Monitor& monitor) { return monitor.group == group && monitor.byte == byte; });
   return static_cast<std::size_t>(found - monitor_table.begin());
 }
 
-[[nodiscard]] constexpr std::string_view monitorName(std::uint32_t identifier) {
-  const auto index = monitorIndex(identifier);
+[[nodiscard]] constexpr std::string_view monitor_name(std::uint32_t identifier) {
+  const auto index = monitor_index(identifier);
   return index == no_monitor ? "unknown" : monitor_table[index].name;
 }
 

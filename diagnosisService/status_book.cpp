@@ -34,7 +34,7 @@ void Status_book::reset(std::chrono::microseconds timeout) {
 }
 
 void Status_book::data_received(std::uint32_t identifier, Clock::time_point at) noexcept {
-  const auto index = monitorIndex(identifier);
+  const auto index = monitor_index(identifier);
   if (index == no_monitor) return;
   auto& last = last_data_[index];
   if (last.load(std::memory_order_relaxed) == not_in_table) return;
@@ -61,34 +61,34 @@ void Status_book::apply_sensor_setup() {
 }
 
 void Status_book::clear(std::uint32_t identifier, Clock::time_point at) {
-  const auto index = monitorIndex(identifier);
+  const auto index = monitor_index(identifier);
   if (index == no_monitor) return;
   const auto& monitor = monitor_table[index];
   // System functions and the static output are not evaluated, so a cleared Error would never
   // return.
   const bool clearable =
-      monitor.group == StatusGroup::input ||
-      (monitor.group == StatusGroup::output && monitor.byte < output_rules.size());
+      monitor.group == Status_group::input ||
+      (monitor.group == Status_group::output && monitor.byte < output_rules.size());
   if (!clearable) return;
-  auto& status = monitor.group == StatusGroup::input ? bytes_.input[monitor.byte]
-                                                     : bytes_.output[monitor.byte];
+  auto& status = monitor.group == Status_group::input ? bytes_.input[monitor.byte]
+                                                      : bytes_.output[monitor.byte];
   if (status != Status::error) return;
   data_received(identifier, at);
   status = Status::nominal;
 }
 
 std::uint8_t Status_book::status(std::uint32_t identifier) const {
-  const auto index = monitorIndex(identifier);
+  const auto index = monitor_index(identifier);
   if (index == no_monitor) return Status::nominal;
   const auto& monitor = monitor_table[index];
   switch (monitor.group) {
-    case StatusGroup::input:
+    case Status_group::input:
       return bytes_.input[monitor.byte];
-    case StatusGroup::output:
+    case Status_group::output:
       return bytes_.output[monitor.byte];
-    case StatusGroup::system:
+    case Status_group::system:
       return bytes_.system[monitor.byte];
-    case StatusGroup::none:
+    case Status_group::none:
       break;
   }
   return Status::nominal;
@@ -120,12 +120,12 @@ std::vector<Status_book::Change> Status_book::evaluate(Clock::time_point now) {
   };
   for (std::size_t sensor = 0; sensor < input_count; ++sensor) {
     if (!sensors_[sensor]) continue;
-    const auto index = monitorIndex(StatusGroup::input, sensor);
+    const auto index = monitor_index(Status_group::input, sensor);
     auto& status = bytes_.input[sensor];
     take(index, status, evaluated(index, status, now));
   }
   for (const auto& rule : output_rules) {
-    const auto index = monitorIndex(StatusGroup::output, rule.output);
+    const auto index = monitor_index(Status_group::output, rule.output);
     const auto governing = bytes_.system[rule.system_byte];
     auto& status = bytes_.output[rule.output];
     const bool governed = governing == Status::error || governing == Status::init;

@@ -72,7 +72,7 @@ using Record_types =
                 std::vector<Everything>>;
 
 using String_types =
-    Codec_types<lumo::services::diag::MetaInfo, std::string, std::vector<std::string>>;
+    Codec_types<lumo::services::diag::Meta_info, std::string, std::vector<std::string>>;
 
 template <class List>
 struct Outputs_of;

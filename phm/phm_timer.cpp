@@ -12,10 +12,10 @@ Phm_timer::~Phm_timer() {
   stop();
 }
 
-void Phm_timer::start(std::chrono::milliseconds period, std::chrono::milliseconds initialDelay) {
+void Phm_timer::start(std::chrono::milliseconds period, std::chrono::milliseconds initial_delay) {
   period_ = period;
   try {
-    thread_ = std::thread(&Phm_timer::loop, this, initialDelay);
+    thread_ = std::thread(&Phm_timer::loop, this, initial_delay);
   } catch (const std::system_error& error) {
     throw std::system_error(error.code(), "cannot start a thread for the alive checkpoints");
   }
@@ -35,8 +35,8 @@ bool Phm_timer::running() const {
   return period_.load() != std::chrono::milliseconds::zero();
 }
 
-void Phm_timer::loop(std::chrono::milliseconds initialDelay) {
-  std::this_thread::sleep_for(initialDelay);
+void Phm_timer::loop(std::chrono::milliseconds initial_delay) {
+  std::this_thread::sleep_for(initial_delay);
   if (!running()) {
     callback_();
     return;
@@ -47,13 +47,13 @@ void Phm_timer::loop(std::chrono::milliseconds initialDelay) {
     if (!running()) break;
     if (pending_.valid()) {
       if (pending_.wait_for(std::chrono::seconds::zero()) != std::future_status::ready) continue;
-      takeResult();
+      take_result();
     }
     launch();
   }
   if (pending_.valid()) {
     pending_.wait();
-    takeResult();
+    take_result();
   }
 }
 
@@ -68,7 +68,7 @@ void Phm_timer::launch() {
   }
 }
 
-void Phm_timer::takeResult() {
+void Phm_timer::take_result() {
   std::string failure;
   try {
     const std::lock_guard lock(mutex_);

@@ -22,19 +22,19 @@ class Phm_timer {
   Phm_timer(const Phm_timer&) = delete;
   Phm_timer& operator=(const Phm_timer&) = delete;
 
-  /// Makes the first call after `initialDelay`, then one per `period`. With period 0 there is only
+  /// Makes the first call after `initial_delay`, then one per `period`. With period 0 there is only
   /// one call, on the timer thread itself, where an exception ends the process. Call start() only
   /// once: a second start over a thread that was not joined ends the process.
-  void start(std::chrono::milliseconds period, std::chrono::milliseconds initialDelay);
+  void start(std::chrono::milliseconds period, std::chrono::milliseconds initial_delay);
 
   /// Returns when the current sleep (the initial delay or one period) and the pending call are
   /// over. Stopped during the initial delay, the timer still makes its one call.
   void stop();
 
  private:
-  void loop(std::chrono::milliseconds initialDelay);
+  void loop(std::chrono::milliseconds initial_delay);
   void launch();
-  void takeResult();
+  void take_result();
   [[nodiscard]] bool running() const;
 
   ara::log::Logger& logger_;

@@ -36,8 +36,8 @@ class Trace : public testing::Test {
   Trace() { context_.SetLevel(LogLevel::kInfo); }
   /// What was told since the last call.
   std::vector<std::string> told() {
-    auto texts = capture_.Texts("TRCE");
-    capture_.Clear();
+    auto texts = capture_.texts("TRCE");
+    capture_.clear();
     return texts;
   }
 

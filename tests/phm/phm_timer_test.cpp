@@ -31,7 +31,7 @@ TEST(Phm_timer, with_period_zero_calls_once_after_the_delay) {
   timer.stop();
   timer.stop();
   EXPECT_EQ(calls, 1);
-  EXPECT_TRUE(log.Records().empty());
+  EXPECT_TRUE(log.records().empty());
 }
 
 TEST(Phm_timer, a_slow_call_drops_ticks_and_never_overlaps_with_the_next) {
@@ -69,12 +69,12 @@ TEST(Phm_timer, goes_on_after_a_call_that_throws_and_stop_waits_for_the_pending_
   ASSERT_TRUE(started.try_acquire_for(patience));
   released.release();
   ASSERT_TRUE(started.try_acquire_for(patience));
-  EXPECT_TRUE(log.Has("Error in timer function: unknown exception"));
+  EXPECT_TRUE(log.has("Error in timer function: unknown exception"));
   auto stopped = std::async(std::launch::async, [&] { timer.stop(); });
   EXPECT_EQ(stopped.wait_for(30ms), std::future_status::timeout);
   released.release();
   ASSERT_EQ(stopped.wait_for(patience), std::future_status::ready);
-  EXPECT_EQ(log.Records().size(), 2U);
+  EXPECT_EQ(log.records().size(), 2U);
 }
 
 TEST(Phm_timer, stopped_during_the_initial_delay_still_makes_one_call) {

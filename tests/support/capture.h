@@ -26,7 +26,7 @@ class Capture {
     std::vector<std::string> arguments;  ///< each argument as its text, in order, never split
 
     /// The arguments joined by one blank, as DLT receivers and standard error show them.
-    [[nodiscard]] std::string Text() const {
+    [[nodiscard]] std::string text() const {
       std::string text;
       for (const std::string& argument : arguments) {
         if (&argument != &arguments.front()) text += ' ';
@@ -37,62 +37,62 @@ class Capture {
   };
 
   Capture() {
-    ara::log::Divert(std::make_shared<ara::log::Diversion>(
+    ara::log::divert(std::make_shared<ara::log::Diversion>(
         [store = store_](ara::log::LogLevel level, std::string_view context,
                          ara::log::Arguments arguments) {
-          store->Add(level, context, arguments);
+          store->add(level, context, arguments);
         }));
   }
-  ~Capture() { ara::log::Divert(nullptr); }
+  ~Capture() { ara::log::divert(nullptr); }
   Capture(const Capture&) = delete;
   Capture& operator=(const Capture&) = delete;
 
   /// Everything so far, oldest first.
-  [[nodiscard]] std::vector<Record> Records() const {
+  [[nodiscard]] std::vector<Record> records() const {
     const std::lock_guard lock(store_->mutex);
     return store_->records;
   }
   /// The joined texts so far, of one context or (empty) of all.
-  [[nodiscard]] std::vector<std::string> Texts(std::string_view context = {}) const {
+  [[nodiscard]] std::vector<std::string> texts(std::string_view context = {}) const {
     std::vector<std::string> texts;
-    for (const Record& record : Records()) {
-      if (context.empty() || record.context == context) texts.push_back(record.Text());
+    for (const Record& record : records()) {
+      if (context.empty() || record.context == context) texts.push_back(record.text());
     }
     return texts;
   }
   /// Whether a message with exactly this joined text is there.
-  [[nodiscard]] bool Has(std::string_view text) const {
-    return WaitFor(text, std::chrono::milliseconds::zero());
+  [[nodiscard]] bool has(std::string_view text) const {
+    return wait_for(text, std::chrono::milliseconds::zero());
   }
   /// Waits until a message fulfils `condition`; false when none did within `limit`.
-  [[nodiscard]] bool WaitFor(const std::function<bool(const Record&)>& condition,
-                             std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+  [[nodiscard]] bool wait_for(const std::function<bool(const Record&)>& condition,
+                              std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
     std::unique_lock lock(store_->mutex);
     return store_->added.wait_for(lock, limit,
                                   [&] { return std::ranges::any_of(store_->records, condition); });
   }
   /// Waits for a message with exactly this joined text.
-  [[nodiscard]] bool WaitFor(std::string_view text,
-                             std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
-    return WaitFor([text](const Record& record) { return record.Text() == text; }, limit);
+  [[nodiscard]] bool wait_for(std::string_view text,
+                              std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+    return wait_for([text](const Record& record) { return record.text() == text; }, limit);
   }
-  void Clear() {
+  void clear() {
     const std::lock_guard lock(store_->mutex);
     store_->records.clear();
   }
 
   /// Called with each message once it is kept, on the thread that logs. To be set while nobody
   /// logs.
-  void OnRecord(std::function<void(const Record&)> on_record) {
+  void on_record(std::function<void(const Record&)> on_record) {
     store_->on_record = std::move(on_record);
   }
 
  private:
   struct Store {
-    void Add(ara::log::LogLevel level, std::string_view context, ara::log::Arguments arguments) {
+    void add(ara::log::LogLevel level, std::string_view context, ara::log::Arguments arguments) {
       Record record{level, std::string(context), {}};
       while (!arguments.empty())
-        arguments.Next().AppendText(record.arguments.emplace_back());
+        arguments.next().append_text(record.arguments.emplace_back());
       {
         const std::lock_guard lock(mutex);
         records.push_back(record);

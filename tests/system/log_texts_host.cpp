@@ -58,7 +58,7 @@ void settings() {
   Persistency persistency("POS_Key_Value_Port",
                           ara::log::CreateLogger("DBAC", "Persistency access"));
   extraction_fails = true;
-  static_cast<void>(readSettings(persistency));
+  static_cast<void>(read_settings(persistency));
   extraction_fails = false;
 }
 
@@ -92,7 +92,7 @@ void storing() {
   forbidden_meanwhile = nullptr;
   persistency.setStoringAllowed(true);
   store.setValue("signed", KvsType(std::int32_t{-1}));
-  store.fillTable();
+  store.fill_table();
   save("d");
 }
 
@@ -121,23 +121,23 @@ void timers() {
 
 void positions() {
   diagnosisService::diagnosisServiceImpl diagnosis;
-  posServiceImpl(diagnosis).updatePositions(1000.0, -11.25);
+  posServiceImpl(diagnosis).update_positions(1000.0, -11.25);
 }
 
 void monitors() {
   constexpr std::uint32_t dead_reckoning = 0x83D104;
   diagnosisService::diagnosisServiceImpl service;
-  service.sendResult(dead_reckoning);  // too early
+  service.send_result(dead_reckoning);  // too early
   service.init(diagnosisService::diagnosisServiceImpl::longest_timeout_ms);
-  service.startMonitors();
+  service.start_monitors();
   for (unsigned action = 2; action <= 10; ++action) {
     service.sendEvent(dead_reckoning, static_cast<mw::dm::dem::MonitorActionType>(action));
   }
   const auto now = std::chrono::steady_clock::now();
-  service.setSystemStatus(diagnosisService::system_pgf, diagnosisService::Status::not_available);
-  service.dataReceived(dead_reckoning, now);
+  service.set_system_status(diagnosisService::system_pgf, diagnosisService::Status::not_available);
+  service.data_received(dead_reckoning, now);
   service.evaluate(now);
-  service.setSystemStatus(diagnosisService::system_pgf, diagnosisService::Status::init);
+  service.set_system_status(diagnosisService::system_pgf, diagnosisService::Status::init);
   service.evaluate(now);
   service.stop();
   diagnosisService::DiagnosticMonitorServiceSkelImpl unknown(
@@ -219,11 +219,11 @@ void peers() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && argv[1] == std::string_view("exit-code")) return posMain(argc, argv);
+  if (argc == 2 && argv[1] == std::string_view("exit-code")) return pos_main(argc, argv);
   ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                         ara::log::LogMode::kRemote, "");
-  binding::Platform_trace_logger traceLogger(ara::log::CreateLogger("TRCE", "Binding trace"));
-  const binding::Trace_records traceRecords(traceLogger);
+  binding::Platform_trace_logger trace_logger(ara::log::CreateLogger("TRCE", "Binding trace"));
+  const binding::Trace_records trace_records(trace_logger);
   const mw::com::runtime::Component_singleton runtime("", false);
   settings();
   storing();

@@ -50,7 +50,7 @@ struct Fault_words {
   const char* present;
   const char* gone;
 };
-/// In the order of DataBusFault.
+/// In the order of Data_bus_fault.
 constexpr std::array<Fault_words, 3> fault_words{{
     {"is missing now", "is available again, it was missing"},
     {"sends error values now", "no longer sends error values, it did so"},
@@ -135,11 +135,11 @@ Json explain_faults(std::span<const std::uint8_t> entries) {
 
 std::string status_name(std::uint8_t status) {
   return status <= diagnosisService::Status::not_available
-             ? std::string(diagnosisService::statusName(status))
+             ? std::string(diagnosisService::status_name(status))
              : std::to_string(status);
 }
 
-std::string fault_text(diag::DataBusFault kind, const Json& fault) {
+std::string fault_text(diag::Data_bus_fault kind, const Json& fault) {
   const auto plain = [](const Json& name) {
     return name.is_string() ? name.get<std::string>() : name.dump();
   };

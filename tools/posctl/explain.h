@@ -22,8 +22,8 @@ namespace posctl {
 /// whether the fault is present, and how often it appeared. Throws std::runtime_error for bytes
 /// that are no such entries.
 [[nodiscard]] Json explain_faults(std::span<const std::uint8_t> entries);
-template <lumo::services::diag::DataBusFault Fault>
-[[nodiscard]] Json explain(const lumo::services::diag::DataBusFaults<Fault>& faults) {
+template <lumo::services::diag::Data_bus_fault Fault>
+[[nodiscard]] Json explain(const lumo::services::diag::Data_bus_fault_records<Fault>& faults) {
   return {{"faults", explain_faults(faults.entries)}};
 }
 
@@ -31,6 +31,6 @@ template <lumo::services::diag::DataBusFault Fault>
 [[nodiscard]] std::string status_name(std::uint8_t status);
 
 /// A fault of explain_faults() as a sentence: "GNSS is missing now, for the 3rd time".
-[[nodiscard]] std::string fault_text(lumo::services::diag::DataBusFault kind, const Json& fault);
+[[nodiscard]] std::string fault_text(lumo::services::diag::Data_bus_fault kind, const Json& fault);
 
 }  // namespace posctl

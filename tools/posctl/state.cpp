@@ -19,7 +19,7 @@ namespace {
 
 /// The bus that the application chooses from the same environment.
 std::unique_ptr<sdbus::IConnection> bus() {
-  switch (ara::stm::ChosenBus()) {
+  switch (ara::stm::chosen_bus()) {
     case ara::stm::Bus::session:
       return sdbus::createSessionBusConnection();
     case ara::stm::Bus::system:
@@ -35,7 +35,7 @@ std::uint32_t ask(const State_options& options) {
   try {
     const auto connection = bus();
     const auto application = sdbus::createProxy(*connection, ara::stm::bus_name,
-                                                ara::stm::ObjectPath(application_instance));
+                                                ara::stm::object_path(application_instance));
     application->callMethod("RequestState")
         .onInterface(ara::stm::interface)
         .withTimeout(std::chrono::microseconds(static_cast<std::int64_t>(options.timeout * 1e6)))

@@ -32,37 +32,39 @@ constexpr std::size_t max_arguments = 255;
 constexpr std::size_t min_part = 64;
 
 /// The longest message that the library accepts, computed as the library computes it.
-std::size_t ConfiguredPayload() {
+std::size_t configured_payload() {
   const char* const length = std::getenv("DLT_LOG_MSG_BUF_LEN");
   if (length == nullptr) return max_payload;
   return std::min<std::size_t>(static_cast<std::uint32_t>(std::strtol(length, nullptr, 10)),
                                max_payload);
 }
 
-constexpr bool Is(ArgumentType type, std::uint32_t information) {
+constexpr bool is(Argument_type type, std::uint32_t information) {
   return static_cast<std::uint32_t>(type) == information;
 }
-static_assert(Is(ArgumentType::boolean, DLT_TYPE_INFO_BOOL | DLT_TYLE_8BIT) &&
-              Is(OfSize(ArgumentType::signed_integer, 1), DLT_TYPE_INFO_SINT | DLT_TYLE_8BIT) &&
-              Is(OfSize(ArgumentType::signed_integer, 2), DLT_TYPE_INFO_SINT | DLT_TYLE_16BIT) &&
-              Is(OfSize(ArgumentType::unsigned_integer, 4), DLT_TYPE_INFO_UINT | DLT_TYLE_32BIT) &&
-              Is(OfSize(ArgumentType::unsigned_integer, 8), DLT_TYPE_INFO_UINT | DLT_TYLE_64BIT) &&
-              Is(ArgumentType::float32, DLT_TYPE_INFO_FLOA | DLT_TYLE_32BIT) &&
-              Is(ArgumentType::float64, DLT_TYPE_INFO_FLOA | DLT_TYLE_64BIT) &&
-              Is(ArgumentType::text, DLT_TYPE_INFO_STRG | DLT_SCOD_UTF8));
+static_assert(is(Argument_type::boolean, DLT_TYPE_INFO_BOOL | DLT_TYLE_8BIT) &&
+              is(of_size(Argument_type::signed_integer, 1), DLT_TYPE_INFO_SINT | DLT_TYLE_8BIT) &&
+              is(of_size(Argument_type::signed_integer, 2), DLT_TYPE_INFO_SINT | DLT_TYLE_16BIT) &&
+              is(of_size(Argument_type::unsigned_integer, 4),
+                 DLT_TYPE_INFO_UINT | DLT_TYLE_32BIT) &&
+              is(of_size(Argument_type::unsigned_integer, 8),
+                 DLT_TYPE_INFO_UINT | DLT_TYLE_64BIT) &&
+              is(Argument_type::float32, DLT_TYPE_INFO_FLOA | DLT_TYLE_32BIT) &&
+              is(Argument_type::float64, DLT_TYPE_INFO_FLOA | DLT_TYLE_64BIT) &&
+              is(Argument_type::text, DLT_TYPE_INFO_STRG | DLT_SCOD_UTF8));
 
-std::int64_t CoarseNow() {
+std::int64_t coarse_now() {
   timespec now{};
   ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
   return std::int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
 }
 
 /// Runs on a thread of the library.
-void LevelChanged(char* context_id, std::uint8_t level, std::uint8_t /*trace_status*/) {
+void level_changed(char* context_id, std::uint8_t level, std::uint8_t /*trace_status*/) {
   if (level > static_cast<std::uint8_t>(LogLevel::kVerbose)) return;
   std::string_view id(context_id, 4);
   id = id.substr(0, id.find('\0'));
-  for (auto* context = Backend::Instance().contexts(); context != nullptr;
+  for (auto* context = Backend::instance().contexts(); context != nullptr;
        context = context->next) {
     if (context->id == id) context->logger.SetLevel(static_cast<LogLevel>(level));
   }
@@ -70,7 +72,7 @@ void LevelChanged(char* context_id, std::uint8_t level, std::uint8_t /*trace_sta
 
 /// The longest front of `text` with at most `size` bytes (never the whole text) that ends between
 /// two UTF-8 characters; exactly `size` bytes if the text is not UTF-8.
-std::string_view FrontOf(std::string_view text, std::size_t size) {
+std::string_view front_of(std::string_view text, std::size_t size) {
   for (std::size_t end = size; end > 0 && size - end < 4; --end) {
     if ((static_cast<unsigned char>(text[end]) & 0xC0U) != 0x80U) return text.substr(0, end);
   }
@@ -79,7 +81,7 @@ std::string_view FrontOf(std::string_view text, std::size_t size) {
 
 /// Gives the library one message. Returns false if the library refuses it. The library itself
 /// reports the messages that it drops from a full buffer (a slow daemon).
-bool Give(DltContext& context, LogLevel level, Arguments arguments) {
+bool give(DltContext& context, LogLevel level, Arguments arguments) {
   DltContextData message{};
   const auto dlt_level = static_cast<DltLogLevelType>(level);
   if (arguments.empty()) {  // the library refuses an empty buffer
@@ -104,27 +106,27 @@ class Parts {
       : context_(context), level_(level), size_(size) {}
 
   /// `last`: no argument follows, so the part needs no room for the mark of a following part.
-  void Add(Argument argument, bool last) {
-    while (!Fits(argument.EncodedSize(), last)) {
+  void add(Argument argument, bool last) {
+    while (!fits(argument.encoded_size(), last)) {
       // A text is cut if no part could hold it whole or if much of this part would stay empty.
       const std::size_t room = size_ - continues_size - used_;
-      const bool needs_cut = continued_size + argument.EncodedSize() + continues_size > size_;
-      if (argument.type == ArgumentType::text && (needs_cut || room > size_ / 2) &&
+      const bool needs_cut = continued_size + argument.encoded_size() + continues_size > size_;
+      if (argument.type == Argument_type::text && (needs_cut || room > size_ / 2) &&
           room > text_overhead + 4 && count_ + 2 <= max_arguments) {
-        const std::string_view front = FrontOf(argument.value, room - text_overhead);
-        PutText(front);
+        const std::string_view front = front_of(argument.value, room - text_overhead);
+        put_text(front);
         argument.value.remove_prefix(front.size());
       }
-      PutText(continues);
-      End();
-      PutText(continued);
+      put_text(continues);
+      end();
+      put_text(continued);
     }
-    Put(argument);
+    put(argument);
   }
   /// Sends the last part. Returns false if the library accepted no part. After a refused part it
   /// receives no other: the part before ends in a mark, so that the gap shows.
-  bool End() {
-    refused_ = refused_ || !Give(context_, level_, Arguments({payload_.data(), used_}, count_));
+  bool end() {
+    refused_ = refused_ || !give(context_, level_, Arguments({payload_.data(), used_}, count_));
     taken_ = taken_ || !refused_;
     used_ = 0;
     count_ = 0;
@@ -137,27 +139,27 @@ class Parts {
   static constexpr std::size_t continues_size = text_overhead + continues.size();
   static constexpr std::size_t continued_size = text_overhead + continued.size();
 
-  [[nodiscard]] bool Fits(std::size_t size, bool last) const {
+  [[nodiscard]] bool fits(std::size_t size, bool last) const {
     return used_ + size + (last ? 0 : continues_size) <= size_ &&
            count_ + (last ? 1 : 2) <= max_arguments;
   }
-  void Put(const Argument& argument) {
-    if (argument.type == ArgumentType::text) {
-      PutText(argument.value);
+  void put(const Argument& argument) {
+    if (argument.type == Argument_type::text) {
+      put_text(argument.value);
     } else {
-      const bool integer = argument.type == ArgumentType::signed_integer ||
-                           argument.type == ArgumentType::unsigned_integer;
+      const bool integer = argument.type == Argument_type::signed_integer ||
+                           argument.type == Argument_type::unsigned_integer;
       const auto size = argument.value.size();
-      EncodeNumber(payload_.data() + used_, integer ? OfSize(argument.type, size) : argument.type,
-                   argument.value.data(), size);
-      Count(argument.EncodedSize());
+      encode_number(payload_.data() + used_, integer ? of_size(argument.type, size) : argument.type,
+                    argument.value.data(), size);
+      count(argument.encoded_size());
     }
   }
-  void PutText(std::string_view text) {
-    EncodeText(payload_.data() + used_, text);
-    Count(text_overhead + text.size());
+  void put_text(std::string_view text) {
+    encode_text(payload_.data() + used_, text);
+    count(text_overhead + text.size());
   }
-  void Count(std::size_t size) {
+  void count(std::size_t size) {
     used_ += size;
     ++count_;
   }
@@ -174,20 +176,20 @@ class Parts {
 
 }  // namespace
 
-void DltSink::Configure(std::string_view application, std::string_view description) {
+void Dlt_sink::configure(std::string_view application, std::string_view description) {
   application_ = application;
   description_ = description;
 }
 
-DltSink::Readiness DltSink::Ready(Context* contexts) {
+Dlt_sink::Readiness Dlt_sink::ready(Context* contexts) {
   const State before = state_.load(std::memory_order_acquire);
   if (before == State::closed) return {false, Change::none};
   if (before == State::connected) {
     // A thread that finds the daemon dead sets state_ before it takes the pipe out of watch_.
-    if (ReaderLives() && state_.load(std::memory_order_acquire) == State::connected)
+    if (reader_lives() && state_.load(std::memory_order_acquire) == State::connected)
       return {true, Change::none};
   }
-  const std::int64_t now = CoarseNow();
+  const std::int64_t now = coarse_now();
   if (before != State::connected && now < next_look_.load(std::memory_order_relaxed)) {
     return {false, Change::none};
   }
@@ -201,26 +203,26 @@ DltSink::Readiness DltSink::Ready(Context* contexts) {
     return {next == State::connected, change};
   };
   if (state == State::connected || state == State::returning) {
-    if (ReaderLives()) return change_to(State::connected, 0, Change::none);
+    if (reader_lives()) return change_to(State::connected, 0, Change::none);
     const auto lost =
         change_to(State::lost, 0, state == State::connected ? Change::lost : Change::none);
-    ClosePipe();
+    close_pipe();
     return lost;
   }
-  if (!OpenPipe()) return change_to(state, search_interval, Change::none);
+  if (!open_pipe()) return change_to(state, search_interval, Change::none);
   if (library_started_) return change_to(State::returning, reattach_time, Change::returned);
-  StartLibrary();
+  start_library();
   for (auto* context = contexts; context != nullptr; context = context->next)
-    RegisterLocked(*context);
+    register_locked(*context);
   return change_to(State::connected, 0, Change::none);
 }
 
-bool DltSink::ReaderLives() const {
+bool Dlt_sink::reader_lives() const {
   epoll_event event;
   return ::epoll_wait(watch_, &event, 1, 0) == 0;
 }
 
-bool DltSink::OpenPipe() {
+bool Dlt_sink::open_pipe() {
   const char* folder = std::getenv("DLT_PIPE_DIR");
   const std::string path = std::string(folder != nullptr ? folder : "/tmp") + "/dlt";
   pipe_ = ::open(path.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
@@ -237,42 +239,42 @@ bool DltSink::OpenPipe() {
   return false;
 }
 
-void DltSink::ClosePipe() {
+void Dlt_sink::close_pipe() {
   // Removed explicitly, because a copy of the pipe in a child before its exec would keep it
   // watched.
   ::epoll_ctl(watch_, EPOLL_CTL_DEL, pipe_, nullptr);
   ::close(std::exchange(pipe_, -1));
 }
 
-void DltSink::StartLibrary() {
-  const core::AllSignalsBlocked blocked;  // for the threads that the library starts
-  max_payload_ = ConfiguredPayload();
+void Dlt_sink::start_library() {
+  const core::All_signals_blocked blocked;  // for the threads that the library starts
+  max_payload_ = configured_payload();
   // The library would write its own remarks to standard output or standard error, and wait there
   // for a reader.
   dlt_log_init(DLT_LOG_DROPPED);
   dlt_register_app(application_.c_str(), description_.c_str());
   library_started_ = true;
   // Runs before the library's own exit handler, which was installed earlier.
-  std::atexit([] { Backend::Instance().CloseDlt(); });
+  std::atexit([] { Backend::instance().close_dlt(); });
 }
 
-void DltSink::Register(Context& context) {
+void Dlt_sink::register_context(Context& context) {
   const std::lock_guard lock(mutex_);
   if (library_started_ && state_.load(std::memory_order_relaxed) != State::closed)
-    RegisterLocked(context);
+    register_locked(context);
 }
 
-void DltSink::RegisterLocked(Context& context) {
+void Dlt_sink::register_locked(Context& context) {
   if (context.dlt_ready.load(std::memory_order_relaxed)) return;
   const auto level = context.logger.Level();
   if (dlt_register_context_ll_ts(&context.dlt, context.id.c_str(), context.description.c_str(),
                                  static_cast<int>(level), DLT_TRACE_STATUS_OFF) < DLT_RETURN_OK) {
     return;
   }
-  dlt_register_log_level_changed_callback(&context.dlt, &LevelChanged);
+  dlt_register_log_level_changed_callback(&context.dlt, &level_changed);
   // The library's own environment settings may have changed the level at registration.
   if (context.dlt.log_level_ptr != nullptr) {
-    LevelChanged(context.dlt.contextID, static_cast<std::uint8_t>(*context.dlt.log_level_ptr), 0);
+    level_changed(context.dlt.contextID, static_cast<std::uint8_t>(*context.dlt.log_level_ptr), 0);
   }
   // From here on the Logger alone decides which level is enabled. That leaves one place to ask, and
   // no race on the library's level.
@@ -281,24 +283,24 @@ void DltSink::RegisterLocked(Context& context) {
   context.dlt_ready.store(true, std::memory_order_release);
 }
 
-bool DltSink::Send(Context& context, LogLevel level, Arguments arguments) {
+bool Dlt_sink::send(Context& context, LogLevel level, Arguments arguments) {
   if (!context.dlt_ready.load(std::memory_order_acquire)) return false;
   if (arguments.encoded().size() <= max_payload_ && arguments.count() <= max_arguments)
-    return Give(context.dlt, level, arguments);
+    return give(context.dlt, level, arguments);
   if (max_payload_ < min_part) return false;
   Parts parts(context.dlt, level, max_payload_);
   while (!arguments.empty()) {
-    const Argument argument = arguments.Next();
-    parts.Add(argument, arguments.empty());
+    const Argument argument = arguments.next();
+    parts.add(argument, arguments.empty());
   }
-  return parts.End();
+  return parts.end();
 }
 
-void DltSink::Close() {
+void Dlt_sink::close() {
   const std::lock_guard lock(mutex_);
   // Without a reader the library cannot deliver the messages it still holds.
   const bool connected =
-      state_.load(std::memory_order_relaxed) == State::connected && ReaderLives();
+      state_.load(std::memory_order_relaxed) == State::connected && reader_lives();
   dlt_set_resend_timeout_atexit(connected ? drain_milliseconds : 0);
   state_.store(State::closed, std::memory_order_release);
 }

@@ -16,22 +16,22 @@ constexpr std::size_t limit = max_message - text_overhead - truncated.size();
 
 }  // namespace
 
-void InitLogging(std::string_view appId,
+void InitLogging(std::string_view app_id,
                  std::string_view description,
-                 LogLevel defaultLevel,
+                 LogLevel default_level,
                  LogMode mode,
-                 std::string_view /*directoryPath*/) {
-  Backend::Instance().Init(appId, description, defaultLevel, mode);
+                 std::string_view /*directory_path*/) {
+  Backend::instance().init(app_id, description, default_level, mode);
 }
 
-Logger& CreateLogger(std::string_view ctxId,
+Logger& CreateLogger(std::string_view ctx_id,
                      std::string_view description,
                      std::optional<LogLevel> level) {
-  return Backend::Instance().Create(ctxId, description, level);
+  return Backend::instance().create(ctx_id, description, level);
 }
 
 Logger& DefaultLogger() {
-  return Backend::Instance().Default();
+  return Backend::instance().default_logger();
 }
 
 void Logger::SetLevel(LogLevel level) noexcept {
@@ -44,16 +44,17 @@ const std::string& Logger::ContextId() const noexcept {
 
 void LogStream::AddBool(bool value) noexcept {
   const std::uint8_t byte = value ? 1 : 0;
-  AddNumber(static_cast<std::uint32_t>(ArgumentType::boolean), &byte, 1);
+  AddNumber(static_cast<std::uint32_t>(Argument_type::boolean), &byte, 1);
 }
 
 void LogStream::AddSigned(std::int64_t value, std::size_t size) noexcept {
-  AddInteger(static_cast<std::uint32_t>(OfSize(ArgumentType::signed_integer, size)),
+  AddInteger(static_cast<std::uint32_t>(of_size(Argument_type::signed_integer, size)),
              static_cast<std::uint64_t>(value), size);
 }
 
 void LogStream::AddUnsigned(std::uint64_t value, std::size_t size) noexcept {
-  AddInteger(static_cast<std::uint32_t>(OfSize(ArgumentType::unsigned_integer, size)), value, size);
+  AddInteger(static_cast<std::uint32_t>(of_size(Argument_type::unsigned_integer, size)), value,
+             size);
 }
 
 void LogStream::AddInteger(std::uint32_t type, std::uint64_t value, std::size_t size) noexcept {
@@ -71,11 +72,11 @@ void LogStream::AddInteger(std::uint32_t type, std::uint64_t value, std::size_t 
 }
 
 void LogStream::AddFloat(float value) noexcept {
-  AddNumber(static_cast<std::uint32_t>(ArgumentType::float32), &value, sizeof value);
+  AddNumber(static_cast<std::uint32_t>(Argument_type::float32), &value, sizeof value);
 }
 
 void LogStream::AddDouble(double value) noexcept {
-  AddNumber(static_cast<std::uint32_t>(ArgumentType::float64), &value, sizeof value);
+  AddNumber(static_cast<std::uint32_t>(Argument_type::float64), &value, sizeof value);
 }
 
 void LogStream::AddHex(std::uint64_t value) noexcept {
@@ -89,7 +90,7 @@ void LogStream::AddNumber(std::uint32_t type, const void* value, std::size_t siz
   if (used_ + number_overhead + size > limit) {
     truncated_ = true;
   } else if (char* out = Extend(number_overhead + size); out != nullptr) {
-    EncodeNumber(out, static_cast<ArgumentType>(type), value, size);
+    encode_number(out, static_cast<Argument_type>(type), value, size);
   }
 }
 
@@ -100,7 +101,7 @@ void LogStream::AddText(std::string_view value) noexcept {
     if (used_ + text_overhead >= limit) return;
     value = value.substr(0, limit - used_ - text_overhead);
   }
-  if (char* out = Extend(text_overhead + value.size()); out != nullptr) EncodeText(out, value);
+  if (char* out = Extend(text_overhead + value.size()); out != nullptr) encode_text(out, value);
 }
 
 char* LogStream::Extend(std::size_t size) noexcept {
@@ -123,10 +124,10 @@ char* LogStream::Extend(std::size_t size) noexcept {
 void LogStream::Send() noexcept {
   if (truncated_) {
     if (char* out = Extend(text_overhead + truncated.size()); out != nullptr)
-      EncodeText(out, truncated);
+      encode_text(out, truncated);
   }
   const char* encoded = overflow_ != nullptr ? overflow_->data() : inline_.data();
-  Backend::Instance().Submit(logger_->context_, level_, Arguments({encoded, used_}, count_));
+  Backend::instance().submit(logger_->context_, level_, Arguments({encoded, used_}, count_));
 }
 
 }  // namespace ara::log

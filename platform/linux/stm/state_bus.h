@@ -13,7 +13,7 @@ inline constexpr const char* bus_name = "org.adaptive.pos";
 inline constexpr const char* interface = "org.adaptive.pos.ComponentState1";
 
 /// `instance` is the instance specifier of the component.
-[[nodiscard]] inline std::string ObjectPath(std::string_view instance) {
+[[nodiscard]] inline std::string object_path(std::string_view instance) {
   return "/org/adaptive/pos/" + std::string(instance);
 }
 
@@ -21,7 +21,7 @@ enum class Bus { session, system, none };
 
 /// Chosen by the environment, see docs/component-state.md. Throws std::runtime_error for a value
 /// that is none of the three.
-[[nodiscard]] inline Bus ChosenBus() {
+[[nodiscard]] inline Bus chosen_bus() {
   const char* chosen = std::getenv("POS_STATE_BUS");
   if (chosen == nullptr || *chosen == '\0') {
     return std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr ? Bus::session : Bus::system;

@@ -47,21 +47,21 @@ TEST(Explain, faults_of_consumed_services_by_name) {
   EXPECT_EQ(told[0], Json({{"service", "GNSS"}, {"present", true}, {"occurrences", 258}}));
   std::vector<std::string> texts;
   for (const auto& fault : told)
-    texts.push_back(posctl::fault_text(lumo::services::diag::DataBusFault::notAvailable, fault));
+    texts.push_back(posctl::fault_text(lumo::services::diag::Data_bus_fault::not_available, fault));
   EXPECT_THAT(texts,
               testing::ElementsAre("GNSS is missing now, for the 258th time",
                                    "GNSS.posGnssSatInfos is available again, it was missing once",
                                    "Time.times is missing now, for the 2nd time",
                                    "Time.9 is missing now, for the 1st time",
                                    "7.1 is available again, it was missing once"));
-  const auto text = [](lumo::services::diag::DataBusFault kind, bool present,
+  const auto text = [](lumo::services::diag::Data_bus_fault kind, bool present,
                        unsigned occurrences) {
     return posctl::fault_text(
         kind, {{"service", "GNSS"}, {"present", present}, {"occurrences", occurrences}});
   };
-  EXPECT_EQ(text(lumo::services::diag::DataBusFault::errorValueReceived, true, 113),
+  EXPECT_EQ(text(lumo::services::diag::Data_bus_fault::error_value_received, true, 113),
             "GNSS sends error values now, for the 113th time");
-  EXPECT_EQ(text(lumo::services::diag::DataBusFault::implausible, false, 0xFFFF),
+  EXPECT_EQ(text(lumo::services::diag::Data_bus_fault::implausible, false, 0xFFFF),
             "GNSS no longer sends implausible values, it did so 65535 times or more");
   const BDPSomeipDataBusServiceImplausible half{.entries = {1, 0, 1}};
   EXPECT_THROW(static_cast<void>(explain(half)), std::runtime_error);
