@@ -5,5 +5,5 @@
 
 struct Fixed_time : timeutils {
   std::uint64_t now_us = 0;
-  [[nodiscard]] std::uint64_t currentTimeUs() const override { return now_us; }
+  [[nodiscard]] std::uint64_t current_time_us() const override { return now_us; }
 };
