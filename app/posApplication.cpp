@@ -76,15 +76,27 @@ int posApplication::run() {
   diagnosisService_.newSensorSetup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
-  auto statistics = binding::offer_statistics();
+  auto statistics = binding::offer_statistics(ages_, clock_);
 
-  while (!shutdown_)
+  for (bool secondHalf = false; !shutdown_; secondHalf = !secondHalf) {
     std::this_thread::sleep_for(kShutdownPoll);
+    if (secondHalf) eachSecond();
+  }
 
   stop();
   statistics.reset();
   executionClient.ReportApplicationState(ara::exec::ApplicationState::kTerminating);
   return 0;
+}
+
+void posApplication::eachSecond() {
+  clock_.look();
+  const auto before = std::chrono::system_clock::now().time_since_epoch();
+  const auto base = timeutils::instance().now();
+  const auto after = std::chrono::system_clock::now().time_since_epoch();
+  // The three readings take time: a time base that lies between them is the system clock.
+  const bool same = before <= base && base <= after;
+  ages_.each_second(same ? std::chrono::nanoseconds{} : base - before);
 }
 
 void posApplication::start() {
@@ -137,6 +149,7 @@ void posApplication::initGnssClient() {
     diagnosisService_.setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS,
                                       !available);
   });
+  gnssClient_.setPositionAges(ages_);
   gnssClient_.setDataFaultsCallback(
       [this](auto field, const auto& faults) { reportFaults(elementOf(field), faults); });
   gnssClient_.setPositionsQualityCallback(
@@ -151,7 +164,9 @@ void posApplication::initGnssClient() {
 void posApplication::sendDRPosition(const GnssPosition& position) {
   ara::log::LogInfo() << "Sending " << (settings_->useGNSSDR ? "GNSS-DR" : "GNSS")
                       << " input position as POS output DR position.";
-  posService_.sendDR(to_positioning(position, outputDefaults_));
+  if (posService_.sendDR(to_positioning(position, outputDefaults_))) {
+    ages_.sent(timeutils::instance().now());
+  }
   const auto now = diagnosisService::diagnosisServiceImpl::Clock::now();
   diagnosisService_.dataReceived(kMonitorOutputDeadReckoning, now);
   diagnosisService_.dataReceived(kMonitorInputGnss, now);

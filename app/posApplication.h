@@ -9,9 +9,11 @@
 #include "app/Settings.h"
 #include "app/application_instance.h"
 #include "app/conversion.h"
+#include "binding/position_ages.h"
 #include "clients/TimemasterClientImpl.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
+#include "mw/com/statistics.h"
 #include "persistency/Persistency.h"
 #include "phm/phmClientImpl.h"
 #include "posService/posServiceImpl.h"
@@ -42,6 +44,8 @@ class posApplication {
   void stop();
   void initGnssClient();
   void initTimemasterClient();
+  /// Looks at the machine's clock and ends a second of the ages.
+  void eachSecond();
 
   void reportFaults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
 
@@ -50,6 +54,8 @@ class posApplication {
   void receiveTimes(const Times& times);
 
   Persistency persistency_;
+  binding::Position_ages ages_;
+  mw::com::runtime::Clock_watch clock_;
   gnssClient::gnssClientImpl gnssClient_;
   diagnosisService::diagnosisServiceImpl diagnosisService_;
   posServiceImpl posService_;

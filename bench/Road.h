@@ -2,6 +2,7 @@
 /// and what to send down that road.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "ara/log/logger.h"
 #include "bench/Quiet_runtime.h"
 #include "binding/codec.h"
+#include "binding/position_ages.h"
 #include "clients/GnssRecords.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
@@ -64,11 +66,14 @@ class Road {
     gnss_.setRecievedGNSSDataLogging(log_received);
     gnss_.setIgnoreGNSSTimestamps(true);
     gnss_.setUseGNSSDR(true);
+    gnss_.setPositionAges(ages_);
     gnss_.setPositionCallback([this](const gnss::DT_positions_struct& position) {
       ara::log::LogInfo() << "Sending "
                           << "GNSS-DR"
                           << " input position as POS output DR position.";
-      service_.sendDR(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}));
+      if (service_.sendDR(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}))) {
+        ages_.sent(timeutils::instance().now());
+      }
       diagnosis_.dataReceived(0x83D104);
       diagnosis_.dataReceived(0x83D101);
     });
@@ -81,14 +86,18 @@ class Road {
   ~Road() { gnss_.stop(); }
 
   void drive(const binding::Buffer& payload, const char* element = "positions") {
+    const mw::com::Handled_arrival arrival(arrival_);
     runtime_.notify(element, payload);
   }
   [[nodiscard]] std::uint64_t published() const { return runtime_.published(); }
 
  private:
   Quiet_runtime runtime_;
+  binding::Position_ages ages_;
   diagnosisService::diagnosisServiceImpl diagnosis_;
   posServiceImpl service_{diagnosis_};
+  /// As old as a benchmark is long: the ages have to be positive.
+  const mw::com::Arrival_time arrival_ = std::chrono::system_clock::now();
   gnssClient::gnssClientImpl gnss_;
 };
 
