@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "ara/log/logger.h"
-#include "bench/Road.h"
+#include "bench/road.h"
 #include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 

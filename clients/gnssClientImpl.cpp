@@ -35,7 +35,7 @@ gnssClientImpl::gnssClientImpl(const timeutils& time)
       logger_{ara::log::CreateLogger("GNSS", "gnssClientImpl class own context")},
       client_{logger_} {}
 
-void gnssClientImpl::setDataFaultsCallback(
+void gnssClientImpl::set_data_faults_callback(
     const std::function<void(Field, const clients::Data_faults&)>& callback) {
   const auto about = [&](Field field) {
     return [callback, field](const auto& faults) { callback(field, faults); };

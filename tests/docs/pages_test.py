@@ -103,7 +103,7 @@ class Pages(unittest.TestCase):
         self.assertEqual(told, json.loads(text_of("config/initdata-POS_Key_Value_Port.json")))
         for key, entry in told.items():
             default = rf"\b{key} = {json.dumps(entry['value'])};"
-            self.assertRegex(text_of("app/Settings.h"), default)
+            self.assertRegex(text_of("app/settings.h"), default)
 
     def test_every_variable_of_the_environment_is_in_the_table(self):
         told = set(re.findall(r"^\| `(POS_\w+)` \|", text_of("docs/platform-linux.md"), re.MULTILINE))

@@ -13,10 +13,10 @@
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/discovery/discovery_types.h"
 #include "platform/someip/net/udp_socket.h"
-#include "tools/Command.h"
-#include "tools/Stop_signal.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Record_json.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/record_json.h"
+#include "tools/stop_signal.h"
 
 namespace posctl {
 namespace {

@@ -7,8 +7,8 @@
 
 #include "ara/core/initialization.h"
 #include "diagnosisService/DiagnosticMonitor.h"
-#include "tools/Command_line.h"
-#include "tools/posctl/Commands.h"
+#include "tools/command_line.h"
+#include "tools/posctl/commands.h"
 
 namespace {
 

@@ -7,9 +7,9 @@
 #include "mw/com/runtime.h"
 #include "mw/com/statistics.h"
 #include "platform/someip/base/hexadecimal.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Statistics_page.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/statistics_page.h"
 
 namespace posctl {
 namespace {

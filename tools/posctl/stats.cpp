@@ -2,9 +2,9 @@
 #include <cstdio>
 
 #include "mw/com/runtime.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Statistics_page.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/statistics_page.h"
 
 namespace posctl {
 

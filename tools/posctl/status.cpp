@@ -9,10 +9,10 @@
 #include "binding/timestamp.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Explain.h"
-#include "tools/posctl/Statistics_page.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/explain.h"
+#include "tools/posctl/statistics_page.h"
 
 namespace posctl {
 namespace {
@@ -33,7 +33,7 @@ class Data_identifier {
   }
 
  private:
-  Search<DataIdentifierProxy<Interface>> search_{Interface::name};
+  Search<Data_identifier_proxy<Interface>> search_{Interface::name};
 };
 
 /// Replaces each status byte by its text.
@@ -163,7 +163,7 @@ void print_members(Page& page, std::span<const Shown> members, const Json& recor
     page.item(one.name, decimal(record, one.member, one.digits, one.unit));
 }
 
-void print_faults(Page& page, std::string_view what, DataBusFault kind, const Json& faults) {
+void print_faults(Page& page, std::string_view what, Data_bus_fault kind, const Json& faults) {
   if (faults.empty()) page.line(std::string(what) + ": never");
   for (const auto& fault : faults)
     page.line(fault_text(kind, fault));
@@ -188,10 +188,10 @@ std::string page_of(const Json& json) {
   print_section(page, "System", worth_showing(json["system"]));
   page.section("Consumed services");
   const Json& faults = json["dataBus"];
-  print_faults(page, "not available", DataBusFault::notAvailable, faults["notAvailable"]);
-  print_faults(page, "error value received", DataBusFault::errorValueReceived,
+  print_faults(page, "not available", Data_bus_fault::not_available, faults["notAvailable"]);
+  print_faults(page, "error value received", Data_bus_fault::error_value_received,
                faults["errorValueReceived"]);
-  print_faults(page, "implausible", DataBusFault::implausible, faults["implausible"]);
+  print_faults(page, "implausible", Data_bus_fault::implausible, faults["implausible"]);
   print_counters(page, json["counters"]);
   return page.take();
 }

@@ -17,10 +17,10 @@ namespace mw::com::runtime {
 namespace {
 
 // Fields of /proc/self/stat, numbered as in proc(5).
-constexpr int kFirstAfterName = 3;
-constexpr int kThreads = 20;
-constexpr int kStartTime = 22;
-constexpr int kResidentPages = 24;
+constexpr int first_after_name = 3;
+constexpr int threads_field = 20;
+constexpr int start_time_field = 22;
+constexpr int resident_pages_field = 24;
 
 /// The fastest discipline in use slews the clock by 83 ms a second. A greater change between two
 /// looks is a step.
@@ -59,15 +59,15 @@ Process_usage process_usage() {
 
   Process_usage usage;
   std::string field;
-  for (int number = kFirstAfterName; number <= kResidentPages && fields >> field; ++number) {
-    if (number == kThreads) {
+  for (int number = first_after_name; number <= resident_pages_field && fields >> field; ++number) {
+    if (number == threads_field) {
       usage.threads = static_cast<std::uint32_t>(std::stoul(field));
-    } else if (number == kStartTime) {
+    } else if (number == start_time_field) {
       const auto ticks = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
       const auto now = milliseconds_since_boot();
       const auto start = std::stoull(field) * 1000 / ticks;
       usage.uptimeMs = now > start ? now - start : 0;
-    } else if (number == kResidentPages) {
+    } else if (number == resident_pages_field) {
       usage.residentBytes = std::stoull(field) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
     }
   }
