@@ -9,7 +9,7 @@ import time
 import unittest
 
 from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
-from network import ACKNOWLEDGE, SUBSCRIBE, Network, endpoint, offer, subscribe
+from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
 from scapy.utils import RawPcapReader
 
 GNSS = "lumo::services::gnss::GNSS"
@@ -172,6 +172,27 @@ class Insight(unittest.TestCase):
         self.assertEqual(logged(f"{network.discovery_port} refuses the subscription to event group"), 3)
         self.assertEqual(logged("is lost: it has withdrawn its offer"), 1)
         self.assertEqual(logged(f"{GNSS} instance 1 is back after "), 1)
+
+    def test_what_a_peer_sends_again_and_again_for_nothing_is_logged_once(self):
+        application = self.start(APPLICATION)
+        network = self.network()
+        peer = network.peer(self.desk.address(44))
+        source, service = peer.socket(), self.id_of(GNSS)
+        until(lambda: self.desk.is_bound("POS"), "the application takes its address")
+        peer.tell(offer(service), [endpoint(source)])
+        client = peer.entry(SUBSCRIBE, service).endpoints[0][:2]
+        port = self.desk.manifest["services"][POSITIONING]["instances"][0]["udpPort"]
+        texts = (f"notifications of {peer.address}:{source.port} are dropped: {GNSS} has no event 0x8099",
+                 f"requests of {peer.address} are refused: {POSITIONING} has no method 0x0666")
+
+        def logged():
+            source.send(someip(service, 0x8099, type=NOTIFICATION, client=0), client)
+            source.send(someip(self.id_of(POSITIONING), 0x0666), (self.desk.address(10), port))
+            return [application.log.read_text().count(text) for text in texts]
+
+        until(lambda: logged() == [1, 1], "both lines")
+        for _ in range(50):
+            self.assertEqual(logged(), [1, 1])
 
     def test_discover_lists_what_the_manifest_does_not_know(self):
         self.start(APPLICATION)
