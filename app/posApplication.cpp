@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -41,6 +42,15 @@ Data_bus_element element_of(gnssClient::gnssClientImpl::Field field) {
       break;
   }
   return Data_bus_element::gnss_pos_gnss_sat_infos;
+}
+
+/// The lead of the time base before the system clock.
+std::chrono::nanoseconds time_base_ahead() {
+  const auto before = std::chrono::system_clock::now().time_since_epoch();
+  const auto base = timeutils::instance().now();
+  const auto after = std::chrono::system_clock::now().time_since_epoch();
+  // The three readings take time: a time base that lies between them is the system clock.
+  return before <= base && base <= after ? std::chrono::nanoseconds{} : base - before;
 }
 
 }  // namespace
@@ -92,15 +102,16 @@ int posApplication::run() {
 
 void posApplication::each_second() {
   clock_.look();
-  const auto before = std::chrono::system_clock::now().time_since_epoch();
-  const auto base = timeutils::instance().now();
-  const auto after = std::chrono::system_clock::now().time_since_epoch();
-  // The three readings take time: a time base that lies between them is the system clock.
-  const bool same = before <= base && base <= after;
-  ages_.each_second(same ? std::chrono::nanoseconds{} : base - before);
+  ages_.each_second();
+  try {
+    ages_.set_base_ahead(time_base_ahead());
+  } catch (const std::runtime_error&) {
+    // The clock behind the time base is gone, which whoever uses it reports.
+  }
 }
 
 void posApplication::start() {
+  each_second();
   phm_client_.init();
   diagnosis_service_.init(data_timeout_ms);
   diagnosis_service_.start_monitors();

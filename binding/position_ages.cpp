@@ -47,8 +47,7 @@ void Position_ages::judge(Nanoseconds stamp, Nanoseconds arrival) {
   last_stamp_ = stamp;
 }
 
-void Position_ages::each_second(Nanoseconds base_ahead) {
-  base_ahead_.store(base_ahead, std::memory_order_relaxed);
+void Position_ages::each_second() {
   const std::lock_guard lock(mutex_);
   for (auto* histogram : {&stamp_to_arrival_, &arrival_to_handler_, &handler_to_sent_, &between_})
     histogram->end_second();

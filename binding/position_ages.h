@@ -26,8 +26,7 @@ struct Stamp_counts {
 
 /// The four ages of each notification: from the source's stamp to its arrival, from there to the
 /// handler, from there to the sent position, and since the notification before. One thread at a
-/// time calls received() and sent(), which take no lock and no memory; another one each_second();
-/// any thread ages() and stamps().
+/// time calls received() and sent(), which take no lock and no memory; any thread the others.
 class Position_ages {
  public:
   using Nanoseconds = std::chrono::nanoseconds;
@@ -39,8 +38,10 @@ class Position_ages {
   /// The position of the notification that was received last has been sent.
   void sent(Nanoseconds now) { add(handler_to_sent_, now - handler_); }
 
-  /// Ends a second of the windows. `base_ahead` is the time base's lead before the system clock.
-  void each_second(Nanoseconds base_ahead);
+  /// The lead of the time base before the system clock.
+  void set_base_ahead(Nanoseconds lead) { base_ahead_.store(lead, std::memory_order_relaxed); }
+  /// Ends a second of the windows.
+  void each_second();
 
   /// Of each histogram, since the start and over the window.
   [[nodiscard]] std::vector<Age> ages() const;

@@ -65,7 +65,7 @@ TEST(Age_histogram, the_window_forgets_what_is_older) {
 
 TEST(Position_ages, each_part_of_the_path_has_its_age_and_each_fault_of_a_stamp_its_count) {
   Position_ages ages;
-  ages.each_second(37s);  // the time base is TAI
+  ages.set_base_ahead(37s);  // the time base is TAI
   // Arrivals by the system clock, 100 ms apart; stamps by the time base, relative to the arrival.
   Nanoseconds arrival = 1'700'000'000s;
   const auto notify = [&](boost::optional<Nanoseconds> age) {
