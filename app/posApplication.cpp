@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <stdexcept>
 #include <thread>
 #include <utility>
 #include <vector>
@@ -43,6 +44,15 @@ Data_bus_element element_of(gnssClient::gnssClientImpl::Field field) {
   return Data_bus_element::gnss_pos_gnss_sat_infos;
 }
 
+/// The lead of the time base before the system clock.
+std::chrono::nanoseconds time_base_ahead() {
+  const auto before = std::chrono::system_clock::now().time_since_epoch();
+  const auto base = timeutils::instance().now();
+  const auto after = std::chrono::system_clock::now().time_since_epoch();
+  // The three readings take time: a time base that lies between them is the system clock.
+  return before <= base && base <= after ? std::chrono::nanoseconds{} : base - before;
+}
+
 }  // namespace
 
 posApplication::posApplication(Persistency persistency)
@@ -77,10 +87,12 @@ int posApplication::run() {
   diagnosis_service_.new_sensor_setup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
-  auto statistics = binding::offer_statistics();
+  auto statistics = binding::offer_statistics(ages_, clock_);
 
-  while (!shutdown_)
+  for (bool second_half = false; !shutdown_; second_half = !second_half) {
     std::this_thread::sleep_for(shutdown_poll);
+    if (second_half) each_second();
+  }
 
   stop();
   statistics.reset();
@@ -88,7 +100,18 @@ int posApplication::run() {
   return 0;
 }
 
+void posApplication::each_second() {
+  clock_.look();
+  ages_.each_second();
+  try {
+    ages_.set_base_ahead(time_base_ahead());
+  } catch (const std::runtime_error&) {
+    // The clock behind the time base is gone, which whoever uses it reports.
+  }
+}
+
 void posApplication::start() {
+  each_second();
   phm_client_.init();
   diagnosis_service_.init(data_timeout_ms);
   diagnosis_service_.start_monitors();
@@ -139,6 +162,7 @@ void posApplication::initGnssClient() {
     diagnosis_service_.set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::gnss,
                                           !available);
   });
+  gnss_client_.set_position_ages(ages_);
   gnss_client_.set_data_faults_callback(
       [this](auto field, const auto& faults) { report_faults(element_of(field), faults); });
   gnss_client_.set_positions_quality_callback(
@@ -153,7 +177,9 @@ void posApplication::initGnssClient() {
 void posApplication::sendDRPosition(const Gnss_position& position) {
   ara::log::LogInfo() << "Sending " << (settings_->useGNSSDR ? "GNSS-DR" : "GNSS")
                       << " input position as POS output DR position.";
-  pos_service_.send_dr(to_positioning(position, output_defaults_));
+  if (pos_service_.send_dr(to_positioning(position, output_defaults_))) {
+    ages_.sent(timeutils::instance().now());
+  }
   const auto now = diagnosisService::diagnosisServiceImpl::Clock::now();
   diagnosis_service_.data_received(monitor_output_dead_reckoning, now);
   diagnosis_service_.data_received(monitor_input_gnss, now);

@@ -9,9 +9,11 @@
 #include "app/application_instance.h"
 #include "app/conversion.h"
 #include "app/settings.h"
+#include "binding/position_ages.h"
 #include "clients/TimemasterClientImpl.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
+#include "mw/com/statistics.h"
 #include "persistency/Persistency.h"
 #include "phm/phmClientImpl.h"
 #include "posService/posServiceImpl.h"
@@ -42,6 +44,8 @@ class posApplication {
   void stop();
   void initGnssClient();
   void initTimemasterClient();
+  /// Looks at the machine's clock and ends a second of the ages.
+  void each_second();
 
   void report_faults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
 
@@ -50,6 +54,8 @@ class posApplication {
   void receive_times(const Times& times);
 
   Persistency persistency_;
+  binding::Position_ages ages_;
+  mw::com::runtime::Clock_watch clock_;
   gnssClient::gnssClientImpl gnss_client_;
   diagnosisService::diagnosisServiceImpl diagnosis_service_;
   posServiceImpl pos_service_;

@@ -2,6 +2,7 @@
 /// and what to send down that road.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <vector>
 
@@ -9,6 +10,7 @@
 #include "ara/log/logger.h"
 #include "bench/quiet_runtime.h"
 #include "binding/codec.h"
+#include "binding/position_ages.h"
 #include "clients/gnssClientImpl.h"
 #include "clients/gnss_records.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
@@ -64,11 +66,14 @@ class Road {
     gnss_.set_recieved_gnss_data_logging(log_received);
     gnss_.set_ignore_gnss_timestamps(true);
     gnss_.set_use_gnss_dr(true);
+    gnss_.set_position_ages(ages_);
     gnss_.set_position_callback([this](const gnss::DT_positions_struct& position) {
       ara::log::LogInfo() << "Sending "
                           << "GNSS-DR"
                           << " input position as POS output DR position.";
-      service_.send_dr(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}));
+      if (service_.send_dr(to_positioning(position, {2, 1, 2, 2, 2, 1, 0}))) {
+        ages_.sent(timeutils::instance().now());
+      }
       diagnosis_.data_received(0x83D104);
       diagnosis_.data_received(0x83D101);
     });
@@ -81,14 +86,18 @@ class Road {
   ~Road() { gnss_.stop(); }
 
   void drive(const binding::Buffer& payload, const char* element = "positions") {
+    const mw::com::Handled_arrival arrival(arrival_);
     runtime_.notify(element, payload);
   }
   [[nodiscard]] std::uint64_t published() const { return runtime_.published(); }
 
  private:
   Quiet_runtime runtime_;
+  binding::Position_ages ages_;
   diagnosisService::diagnosisServiceImpl diagnosis_;
   posServiceImpl service_{diagnosis_};
+  /// As old as a benchmark is long: the ages have to be positive.
+  const mw::com::Arrival_time arrival_ = std::chrono::system_clock::now();
   gnssClient::gnssClientImpl gnss_;
 };
 

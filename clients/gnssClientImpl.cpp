@@ -58,7 +58,8 @@ void gnssClientImpl::set_up(lumo::services::gnss::proxy::GNSSProxy& proxy) {
 }
 
 void gnssClientImpl::receive(const std::vector<Position>& samples) {
-  const auto now_us = time_.current_time_us();
+  const auto now = time_.now();
+  const auto now_us = timeutils::to_us(now);
   if (samples.empty()) return;
   if (log_received_) {
     for (const auto& sample : samples)
@@ -66,6 +67,10 @@ void gnssClientImpl::receive(const std::vector<Position>& samples) {
   }
   positions_faults_.look(samples);
   const auto [chosen, other] = select(samples, wanted_);
+  if (ages_ != nullptr) {
+    const Position& stamped = chosen != nullptr ? *chosen : samples.back();
+    ages_->received(binding::timestamp_of(stamped), mw::com::Handled_arrival::current(), now);
+  }
   if (chosen == nullptr || !on_position_) return;
   if (other == nullptr && !replace_timestamps_) {
     on_position_(*chosen);

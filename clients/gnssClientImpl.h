@@ -4,6 +4,7 @@
 #include <functional>
 #include <vector>
 
+#include "binding/position_ages.h"
 #include "clients/GNSS.h"
 #include "clients/GeneralClientImpl.h"
 #include "clients/data_faults.h"
@@ -35,6 +36,9 @@ class gnssClientImpl {
   void set_ignore_gnss_timestamps(bool on) { replace_timestamps_ = on; }
   /// True forwards GNSS-DR positions instead of GNSS ones. Off until set.
   void set_use_gnss_dr(bool on) { wanted_ = on ? Position_type::gnss_dr : Position_type::gnss; }
+
+  /// Receives the arrival of each notification of positions. None until set.
+  void set_position_ages(binding::Position_ages& ages) { ages_ = &ages; }
 
   /// Called with at most one position per notification: the last one of the wanted type, completed
   /// from the last one of the other type. A notification without positions changes nothing.
@@ -80,6 +84,7 @@ class gnssClientImpl {
   bool log_received_ = false;
   bool replace_timestamps_ = false;
   Position_type wanted_ = Position_type::gnss;
+  binding::Position_ages* ages_ = nullptr;
   std::function<void(const Position&)> on_position_;
   std::function<void(const Quality&)> on_quality_;
   std::function<void(const std::vector<Satellite>&)> on_satellites_;

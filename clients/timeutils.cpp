@@ -33,8 +33,8 @@ timeutils& timeutils::instance() {
 
 timeutils::timeutils() : resource_{find_time_base()}, time_base_{resource_.asSynchSlave()} {}
 
-std::uint64_t timeutils::current_time_us() const {
-  return static_cast<std::uint64_t>(time_base_.getCurrentTime().count()) / 1000;
+std::chrono::nanoseconds timeutils::now() const {
+  return time_base_.getCurrentTime();
 }
 
 std::uint64_t timeutils::current_time_ms() const {

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "ara/time/slave_time_base.h"
@@ -19,9 +20,15 @@ class timeutils {
   timeutils(const timeutils&) = delete;
   timeutils& operator=(const timeutils&) = delete;
 
-  /// Throws std::runtime_error if the clock behind the time base is gone.
-  [[nodiscard]] virtual std::uint64_t current_time_us() const;
+  /// Time since the epoch of the time base. Throws std::runtime_error if the clock behind it is
+  /// gone.
+  [[nodiscard]] virtual std::chrono::nanoseconds now() const;
+  [[nodiscard]] std::uint64_t current_time_us() const { return to_us(now()); }
   [[nodiscard]] std::uint64_t current_time_ms() const;
+
+  [[nodiscard]] static constexpr std::uint64_t to_us(std::chrono::nanoseconds time) {
+    return static_cast<std::uint64_t>(time.count()) / 1000;
+  }
 
   /// The current time in milliseconds without its upper bits, as exchanged by nodes with small
   /// counters. Remembers the full value for expand_31_bit_ms_to_us().

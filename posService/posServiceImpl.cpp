@@ -77,7 +77,7 @@ void posServiceImpl::stop() {
   if (skeleton_ != nullptr) skeleton_->StopOfferService();
 }
 
-void posServiceImpl::send_dr(Position position) {
+bool posServiceImpl::send_dr(Position position) {
   auto now_us = time_.current_time_us();
   // Unsigned, so that the 32-bit clock may wrap around.
   const std::uint32_t elapsed_ms = to_ms(now_us) - last_mm_sent_ms_;
@@ -92,11 +92,12 @@ void posServiceImpl::send_dr(Position position) {
   }
 
   const auto timestamp = binding::timestamp_of(position);
-  if (!timestamp) return;
-  if (!always_send_ && is_repeated(position)) return;
+  if (!timestamp) return false;
+  if (!always_send_ && is_repeated(position)) return false;
   position.age =
       static_cast<std::uint32_t>(timeutils::absolute_difference(timestamp->us(), now_us));
   publish(position);
+  return true;
 }
 
 void posServiceImpl::update_positions(const boost::optional<double>& latitude,

@@ -50,8 +50,9 @@ class posServiceImpl {
   // Before init() the following functions build and log their records but send nothing.
 
   /// Publishes a dead-reckoned position if it has a full timestamp, with its age in microseconds.
-  /// Also publishes a map-matched record made from it if the interval has passed.
-  void send_dr(Position position);
+  /// Also publishes a map-matched record made from it if the interval has passed. Returns true if
+  /// it has published the position.
+  bool send_dr(Position position);
   /// Publishes a position made of the coordinates in degrees, whatever their values, and a
   /// map-matched record. Without both coordinates it publishes only the time, as position.
   void update_positions(const boost::optional<double>& latitude,

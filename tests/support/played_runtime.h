@@ -27,6 +27,7 @@ class Played_runtime : public tq::com::Runtime {
                                          tq::com::Find_handler handler) override;
   void stop_find_service(tq::com::Find_token token) override;
   std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override { return {}; }
+  mw::com::runtime::Peers peers() override { return {}; }
 
  protected:
   /// Nobody answers its calls.

@@ -61,8 +61,19 @@ struct Look_options {
   double timeout = 5;  ///< seconds
   std::string node = "posctl";
 };
-/// Prints every counter of the application's runtime, its memory, threads and uptime.
+/// Prints every counter of the application's runtime, its memory, threads and uptime, the ages of
+/// its positions and the state of its clock.
 int stats(const Look_options& options);
+/// Prints to whom the application sends, what it uses, and why data does not flow.
+int peers(const Look_options& options);
+struct Discover_options {
+  bool json = false;
+  bool follow = false;  ///< prints each change as it comes
+  double seconds = 0;   ///< 0: until interrupted
+  std::string node = "posctl";
+};
+/// Prints everything that is offered on the network, also what the manifest does not have.
+int discover(const Discover_options& options);
 /// Prints all that the application tells about itself on one page. 1 when it does not answer.
 int status(const Look_options& options);
 

@@ -82,7 +82,8 @@ Json read_all(Deadline deadline) {
   const auto statistics_service = statistics_search.proxy(deadline);
   const Json statistics = read_statistics(*statistics_service, deadline);
   Json json;
-  json["process"] = statistics["process"];
+  for (const auto* part : {"process", "clock", "stamps", "ages"})
+    json[part] = statistics[part];
   json["position"] =
       last_of(result_of(positioning->positions.Get(), Positioning::positions.name, deadline));
   json["mapInfo"] =
@@ -127,8 +128,8 @@ std::string position_title(const Json& last) {
                                                           : "Sample without a position";
 }
 
-std::string with_age(std::string title, const Json& last) {
-  if (last.contains("ageS")) title += ", " + decimal(last, "ageS", 3, "s old");
+std::string with_age(std::string title, const Json& last, const Json& clock) {
+  if (last.contains("ageS")) title += ", " + decimal(last, "ageS", 3, "s old") + clock_mark(clock);
   return title;
 }
 
@@ -171,7 +172,7 @@ void print_faults(Page& page, std::string_view what, Data_bus_fault kind, const 
 std::string page_of(const Json& json) {
   Page page;
   print_process(page, json["process"]);
-  page.section(with_age(position_title(json["position"]), json["position"]));
+  page.section(with_age(position_title(json["position"]), json["position"], json["clock"]));
   print_members(page, position_members, json["position"]["record"]);
   page.section("Map-matched position");
   print_members(page, map_matched_members, json["mapMatched"]);
@@ -179,7 +180,9 @@ std::string page_of(const Json& json) {
   Json map_info = json["mapInfo"]["record"];
   map_info.erase("preciseLocalTimeSeconds");
   map_info.erase("preciseLocalTimeNanoseconds");
-  print_section(page, with_age("Map information", json["mapInfo"]), map_info);
+  print_section(page, with_age("Map information", json["mapInfo"], json["clock"]), map_info);
+  print_clock(page, json["clock"]);
+  print_ages(page, json);
   print_section(page, "Inputs", json["inputs"]);
   print_section(page, "Outputs", json["outputs"]);
   print_section(page, "System", worth_showing(json["system"]));
