@@ -8,11 +8,11 @@ import socket
 import struct
 import time
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, Positions
+from desk import APPLICATION, GATEWAY, POSCTL, SANITIZERS, Desk, Positions
 from network import NOTIFICATION, TP, discovery, endpoint, find, offer, someip, subscribe
 
 # A sanitizer multiplies what the process holds.
-RESIDENT_BOUND_KIB = (1024 if os.environ.get("POS_SANITIZE") else 48) * 1024
+RESIDENT_BOUND_KIB = (1024 if SANITIZERS else 48) * 1024
 GNSS, POSITIONING = 0x2A10, 0x2A20
 POSITIONING_PORT = 30511
 HEADER, ENTRY = 16, 16  # bytes
