@@ -51,7 +51,7 @@ void Searches::stop(std::shared_ptr<Search_sink> sink) {
 void Searches::deliver(const Running_search& search) {
   std::map<std::size_t, std::uint16_t> delivered;  // by their rank
   std::vector<std::uint16_t> others;
-  for (const auto& [key, offer] : known_.all()) {
+  for (const auto& [key, offer, since] : known_.all()) {
     if (!matches(search.wanted, key)) continue;
     if (const auto rank = subscriptions_.delivery_rank(key, offer.origin.sender)) {
       delivered.emplace(*rank, key.instance);
