@@ -8,36 +8,36 @@
 
 namespace {
 
-constexpr const char* kPrepareShutdown = "kPrepSD";
-constexpr const char* kOnState = "kOn";
+constexpr const char* prepare_shutdown = "kPrepSD";
+constexpr const char* on_state = "kOn";
 
-constexpr std::uint32_t kAccepted = 0;
-constexpr std::uint32_t kRefused = 1;
+constexpr std::uint32_t accepted = 0;
+constexpr std::uint32_t refused = 1;
 
 }  // namespace
 
-ComponentClientWrapper::ComponentClientWrapper(Persistency* persistency, PrepareCallback prepare)
+ComponentClientWrapper::ComponentClientWrapper(Persistency* persistency, Prepare_callback prepare)
     : logger_(ara::log::CreateLogger("CCSW", "ComponentClietWrapper class own context")),
       persistency_(persistency),
-      prepareCallback_(std::move(prepare)) {
+      prepare_callback_(std::move(prepare)) {
   // The first request may arrive before the client is set; it waits for the lock.
   const std::lock_guard lock(mutex_);
   client_ =
-      ara::stm::createComponentClient(ara::core::InstanceSpecifier(kApplicationInstance),
+      ara::stm::createComponentClient(ara::core::InstanceSpecifier(application_instance),
                                       [this](const std::string& newState, std::uint32_t seqNum) {
                                         componentStateChangeRequest(newState, seqNum);
                                       });
 }
 
 ComponentClientWrapper::~ComponentClientWrapper() {
-  waitForPreparation();
+  wait_for_preparation();
   std::unique_ptr<ara::stm::ComponentClient> client;
   {
     const std::lock_guard lock(mutex_);
     client = std::move(client_);
   }
-  client.reset();        // waits for a request under way, which needs the lock
-  waitForPreparation();  // started by such a request
+  client.reset();          // waits for a request under way, which needs the lock
+  wait_for_preparation();  // started by such a request
   persistency_->setCallback({});
 }
 
@@ -46,51 +46,51 @@ void ComponentClientWrapper::componentStateChangeRequest(const std::string& newS
   logger_.LogInfo() << "componentStateChangeRequest newState = " << newState
                     << " seqNum = " << seqNum;
   const std::lock_guard lock(mutex_);
-  if (newState != kPrepareShutdown) {
-    if (newState == kOnState && state_ == State::kOn) {
-      confirm(seqNum, newState, kAccepted);
+  if (newState != prepare_shutdown) {
+    if (newState == on_state && state_ == State::on) {
+      confirm(seqNum, newState, accepted);
       return;
     }
-    switchOn(seqNum, newState);
+    switch_on(seqNum, newState);
     return;
   }
   switch (state_) {
-    case State::kOn:
-      if (prepareCallback_ && isOwnerReady()) {
-        finishPreparation(seqNum);
+    case State::on:
+      if (prepare_callback_ && is_owner_ready()) {
+        finish_preparation(seqNum);
       } else {
-        startPreparation(seqNum);
+        start_preparation(seqNum);
       }
       break;
-    case State::kTransitionPending:
-      confirm(seqNum, newState, kRefused);
+    case State::transition_pending:
+      confirm(seqNum, newState, refused);
       break;
-    case State::kPreparedForShutdown:
-      confirm(seqNum, newState, kAccepted);
+    case State::prepared_for_shutdown:
+      confirm(seqNum, newState, accepted);
       break;
   }
 }
 
-void ComponentClientWrapper::switchOn(std::uint32_t seqNum, const std::string& newState) {
-  if (state_ == State::kTransitionPending) persistency_->setCallback({});
+void ComponentClientWrapper::switch_on(std::uint32_t seqNum, const std::string& newState) {
+  if (state_ == State::transition_pending) persistency_->setCallback({});
   persistency_->setStoringAllowed(true);
-  state_ = State::kOn;
-  wakePreparation();
-  confirm(seqNum, newState, kAccepted);
+  state_ = State::on;
+  wake_preparation();
+  confirm(seqNum, newState, accepted);
 }
 
-void ComponentClientWrapper::finishPreparation(std::uint32_t seqNum) {
+void ComponentClientWrapper::finish_preparation(std::uint32_t seqNum) {
   persistency_->setStoringAllowed(false);
-  state_ = State::kPreparedForShutdown;
-  confirm(seqNum, kPrepareShutdown, kAccepted);
+  state_ = State::prepared_for_shutdown;
+  confirm(seqNum, prepare_shutdown, accepted);
 }
 
-void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
-  persistency_->setCallback([this] { wakePreparation(); });
-  state_ = State::kTransitionPending;
-  preparedSeqNum_ = seqNum;
-  deadline_ = Clock::now() + kWaitLimit;
-  seenWakes_ = wakes();
+void ComponentClientWrapper::start_preparation(std::uint32_t seqNum) {
+  persistency_->setCallback([this] { wake_preparation(); });
+  state_ = State::transition_pending;
+  prepared_seq_num_ = seqNum;
+  deadline_ = Clock::now() + wait_limit;
+  seen_wakes_ = wakes();
   if (preparing_) return;
   try {
     preparation_ = std::async(std::launch::async, &ComponentClientWrapper::prepare, this);
@@ -99,31 +99,31 @@ void ComponentClientWrapper::startPreparation(std::uint32_t seqNum) {
     // No thread is available: the next request tries again.
     logger_.LogError() << "Error in the preparation for shutdown:" << error.what();
     persistency_->setCallback({});
-    state_ = State::kOn;
-    confirm(seqNum, kPrepareShutdown, kRefused);
+    state_ = State::on;
+    confirm(seqNum, prepare_shutdown, refused);
   }
 }
 
 void ComponentClientWrapper::prepare() {
   std::unique_lock lock(mutex_);
-  while (state_ == State::kTransitionPending) {
+  while (state_ == State::transition_pending) {
     const auto deadline = deadline_;
-    const auto seen = seenWakes_;
+    const auto seen = seen_wakes_;
     lock.unlock();
-    const auto wakes = waitForWake(seen, std::min(deadline, Clock::now() + kAskPeriod));
+    const auto wakes = wait_for_wake(seen, std::min(deadline, Clock::now() + ask_period));
     lock.lock();
-    if (state_ != State::kTransitionPending || deadline_ != deadline) continue;  // a newer request
-    seenWakes_ = wakes;
-    const bool ready = prepareCallback_ ? isOwnerReady() : wakes != seen;
-    if (ready || Clock::now() >= deadline) finishPreparation(preparedSeqNum_);
+    if (state_ != State::transition_pending || deadline_ != deadline) continue;  // a newer request
+    seen_wakes_ = wakes;
+    const bool ready = prepare_callback_ ? is_owner_ready() : wakes != seen;
+    if (ready || Clock::now() >= deadline) finish_preparation(prepared_seq_num_);
   }
   preparing_ = false;
 }
 
-bool ComponentClientWrapper::isOwnerReady() {
+bool ComponentClientWrapper::is_owner_ready() {
   std::string failure;
   try {
-    return prepareCallback_();
+    return prepare_callback_();
   } catch (const std::exception& error) {
     failure = error.what();
   } catch (...) {
@@ -134,25 +134,25 @@ bool ComponentClientWrapper::isOwnerReady() {
 }
 
 std::uint64_t ComponentClientWrapper::wakes() {
-  const std::lock_guard lock(wakeMutex_);
+  const std::lock_guard lock(wake_mutex_);
   return wakes_;
 }
 
-std::uint64_t ComponentClientWrapper::waitForWake(std::uint64_t seen, Clock::time_point time) {
-  std::unique_lock lock(wakeMutex_);
+std::uint64_t ComponentClientWrapper::wait_for_wake(std::uint64_t seen, Clock::time_point time) {
+  std::unique_lock lock(wake_mutex_);
   wake_.wait_until(lock, time, [&] { return wakes_ != seen; });
   return wakes_;
 }
 
-void ComponentClientWrapper::wakePreparation() {
+void ComponentClientWrapper::wake_preparation() {
   {
-    const std::lock_guard lock(wakeMutex_);
+    const std::lock_guard lock(wake_mutex_);
     ++wakes_;
   }
   wake_.notify_one();
 }
 
-void ComponentClientWrapper::waitForPreparation() {
+void ComponentClientWrapper::wait_for_preparation() {
   std::future<void> preparation;
   {
     const std::lock_guard lock(mutex_);

@@ -26,11 +26,11 @@ class ComponentClientWrapper {
   /// Returns true if the owner is ready for shutdown. Called under the lock of the requests, which
   /// also serialises the access to the persistency: the callback may store, but neither make a
   /// request nor wait for one. An exception is logged and counts as not ready.
-  using PrepareCallback = std::function<bool()>;
+  using Prepare_callback = std::function<bool()>;
 
   /// Connects to state management, whose requests may arrive from now on. `persistency` is not
   /// owned and must outlive this object; its owner callback belongs to this object.
-  ComponentClientWrapper(Persistency* persistency, PrepareCallback prepare);
+  ComponentClientWrapper(Persistency* persistency, Prepare_callback prepare);
   /// Waits for a preparation (up to 5 s) and for a request under way.
   ~ComponentClientWrapper();
   ComponentClientWrapper(const ComponentClientWrapper&) = delete;
@@ -42,27 +42,27 @@ class ComponentClientWrapper {
   void componentStateChangeRequest(const std::string& newState, std::uint32_t seqNum);
 
  private:
-  enum class State : std::uint32_t { kOn = 0, kTransitionPending = 1, kPreparedForShutdown = 2 };
+  enum class State : std::uint32_t { on = 0, transition_pending = 1, prepared_for_shutdown = 2 };
 
   using Clock = std::chrono::steady_clock;
 
-  static constexpr std::chrono::seconds kWaitLimit{5};
-  static constexpr std::chrono::seconds kAskPeriod{1};
+  static constexpr std::chrono::seconds wait_limit{5};
+  static constexpr std::chrono::seconds ask_period{1};
 
-  void switchOn(std::uint32_t seqNum, const std::string& newState);
-  void finishPreparation(std::uint32_t seqNum);
-  void startPreparation(std::uint32_t seqNum);
+  void switch_on(std::uint32_t seqNum, const std::string& newState);
+  void finish_preparation(std::uint32_t seqNum);
+  void start_preparation(std::uint32_t seqNum);
   void prepare();
-  [[nodiscard]] bool isOwnerReady();
+  [[nodiscard]] bool is_owner_ready();
   [[nodiscard]] std::uint64_t wakes();
-  [[nodiscard]] std::uint64_t waitForWake(std::uint64_t seen, Clock::time_point time);
-  void wakePreparation();
-  void waitForPreparation();
+  [[nodiscard]] std::uint64_t wait_for_wake(std::uint64_t seen, Clock::time_point time);
+  void wake_preparation();
+  void wait_for_preparation();
   void confirm(std::uint32_t seqNum, const std::string& newState, std::uint32_t result);
 
   std::unique_ptr<ara::stm::ComponentClient> client_;  ///< guarded by mutex_
   ara::log::Logger& logger_;
-  State state_ = State::kOn;  ///< guarded by mutex_
+  State state_ = State::on;  ///< guarded by mutex_
   /// Guards the state, every request to its end, and the data of the preparation. Unlike any other
   /// lock here it is held while the prepare callback, a log call and a confirmation run. The
   /// reasons: the persistency has no lock of its own, and state management must see switches and
@@ -71,19 +71,19 @@ class ComponentClientWrapper {
   /// handler.
   std::mutex mutex_;
   Persistency* persistency_;
-  PrepareCallback prepareCallback_;
+  Prepare_callback prepare_callback_;
   std::future<void> preparation_;  ///< guarded by mutex_
 
   // Guarded by mutex_: the request behind the running preparation. A running preparation continues
   // with the newest request, so that no request has to wait for its end.
   bool preparing_ = false;
-  std::uint32_t preparedSeqNum_ = 0;
+  std::uint32_t prepared_seq_num_ = 0;
   Clock::time_point deadline_;
-  std::uint64_t seenWakes_ = 0;  ///< those of wakes_ for which the request no longer waits
+  std::uint64_t seen_wakes_ = 0;  ///< those of wakes_ for which the request no longer waits
 
   /// Guards wakes_. Separate from mutex_, because a prepare callback that stores locks this one
   /// under mutex_.
-  std::mutex wakeMutex_;
+  std::mutex wake_mutex_;
   std::condition_variable wake_;
   /// A count instead of a flag, so that a wake for a new request reaches a thread that still waits
   /// for an old one.

@@ -3,4 +3,4 @@
 
 #include <string_view>
 
-inline constexpr std::string_view kApplicationInstance = "POS__ORVEL1_Sys_Adaptive_01_instance1";
+inline constexpr std::string_view application_instance = "POS__ORVEL1_Sys_Adaptive_01_instance1";

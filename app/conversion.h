@@ -4,8 +4,8 @@
 #include <array>
 #include <cstdint>
 
-#include "clients/GnssRecords.h"
-#include "posService/PositioningRecords.h"
+#include "clients/gnss_records.h"
+#include "posService/positioning_records.h"
 
 /// Values of the published position's status members, statusPosition to statusMapMatching in
 /// declaration order. GNSS positions have no such members.

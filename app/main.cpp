@@ -1,7 +1,7 @@
-#include "app/posMain.h"
+#include "app/pos_main.h"
 #include "ara/core/initialization.h"
 
 int main(int argc, char** argv) {
   ara::core::Initialize();
-  return posMain(argc, argv);
+  return pos_main(argc, argv);
 }

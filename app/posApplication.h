@@ -6,12 +6,14 @@
 #include <optional>
 
 #include "app/ComponentClientWrapper.h"
-#include "app/Settings.h"
 #include "app/application_instance.h"
 #include "app/conversion.h"
+#include "app/settings.h"
+#include "binding/position_ages.h"
 #include "clients/TimemasterClientImpl.h"
 #include "clients/gnssClientImpl.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
+#include "mw/com/statistics.h"
 #include "persistency/Persistency.h"
 #include "phm/phmClientImpl.h"
 #include "posService/posServiceImpl.h"
@@ -35,28 +37,32 @@ class posApplication {
   void signalHandler(int sigId);
 
  private:
-  using GnssPosition = lumo::services::gnss::datatypes::DT_positions_struct;
+  using Gnss_position = lumo::services::gnss::datatypes::DT_positions_struct;
   using Times = lumo::services::time::datatypes::DT_times_struct;
 
   void start();
   void stop();
   void initGnssClient();
   void initTimemasterClient();
+  /// Looks at the machine's clock and ends a second of the ages.
+  void each_second();
 
-  void reportFaults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
+  void report_faults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
 
-  // Called on threads of the middleware, after the last change of settings_ and outputDefaults_.
-  void sendDRPosition(const GnssPosition& position);
-  void receiveTimes(const Times& times);
+  // Called on threads of the middleware, after the last change of settings_ and output_defaults_.
+  void sendDRPosition(const Gnss_position& position);
+  void receive_times(const Times& times);
 
   Persistency persistency_;
-  gnssClient::gnssClientImpl gnssClient_;
-  diagnosisService::diagnosisServiceImpl diagnosisService_;
-  posServiceImpl posService_;
-  phmClient::phmClientImpl phmClient_{ara::core::InstanceSpecifier(kApplicationInstance)};
-  TimemasterClient::TimemasterClientImpl timemasterClient_;
-  Output_defaults outputDefaults_{};
+  binding::Position_ages ages_;
+  mw::com::runtime::Clock_watch clock_;
+  gnssClient::gnssClientImpl gnss_client_;
+  diagnosisService::diagnosisServiceImpl diagnosis_service_;
+  posServiceImpl pos_service_;
+  phmClient::phmClientImpl phm_client_{ara::core::InstanceSpecifier(application_instance)};
+  TimemasterClient::TimemasterClientImpl timemaster_client_;
+  Output_defaults output_defaults_{};
   std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()
   std::optional<Settings> settings_;
-  std::optional<ComponentClientWrapper> componentClient_;
+  std::optional<ComponentClientWrapper> component_client_;
 };

@@ -11,9 +11,9 @@
 #include <string>
 #include <vector>
 
-#include "bench/Discovery.h"
+#include "bench/discovery.h"
 #include "binding/codec.h"
-#include "clients/GnssRecords.h"
+#include "clients/gnss_records.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/someip/wire/stream_reader.h"
 #include "tests/com/test_network.h"

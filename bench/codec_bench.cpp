@@ -6,7 +6,7 @@
 
 #include "baseline.pb.h"
 #include "binding/codec.h"
-#include "clients/GnssRecords.h"
+#include "clients/gnss_records.h"
 
 namespace {
 

@@ -7,8 +7,8 @@
 #include <map>
 #include <memory>
 
-#include "bench/Discovery.h"
-#include "bench/Processes.h"
+#include "bench/discovery.h"
+#include "bench/processes.h"
 
 namespace {
 

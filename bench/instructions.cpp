@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/Road.h"
+#include "bench/road.h"
 #include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 

@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "ara/log/logger.h"
-#include "bench/Road.h"
+#include "bench/road.h"
 #include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 
@@ -51,6 +51,20 @@ void satellites_without_log(benchmark::State& state) {
   set_log(ara::log::LogLevel::kInfo);
 }
 BENCHMARK(satellites_without_log)->Arg(0)->Arg(1)->Arg(20)->Arg(60)->Arg(200);
+
+/// What the ages add to the path of a position: both calls, and the clock at the end.
+void ages_of_a_position(benchmark::State& state) {
+  const auto& time = timeutils::instance();
+  binding::Position_ages ages;
+  const auto now = time.now();
+  const mw::com::Arrival_time arrival{now - std::chrono::microseconds(20)};
+  const auto stamp = binding::Timestamp::of(now - std::chrono::milliseconds(1));
+  for ([[maybe_unused]] auto _ : state) {
+    ages.received(stamp, arrival, now);
+    ages.sent(time.now());
+  }
+}
+BENCHMARK(ages_of_a_position);
 
 /// The pipe to the DLT daemon, which a program that does nothing but log fills faster than the
 /// daemon empties it. The library then throws messages away and says so on standard error.

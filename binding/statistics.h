@@ -7,6 +7,7 @@
 
 #include "ara/core/future.h"
 #include "binding/codec.h"
+#include "binding/position_ages.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/cpp_binding/skeleton.h"
 #include "mw/com/statistics.h"
@@ -30,17 +31,141 @@ struct binding::Description<mw::com::runtime::Process_usage> {
                  plain("uptimeMs", &Record::uptimeMs, "ms", "since the start of the process")};
 };
 
+template <>
+struct binding::Description<mw::com::runtime::Clock_state> {
+  using Record = mw::com::runtime::Clock_state;
+  static constexpr std::string_view name = "mw::com::runtime::Clock_state";
+  static constexpr auto entries =
+      std::tuple{plain("synchronised", &Record::synchronised, "", "a daemon disciplines the clock"),
+                 plain("estimatedErrorUs", &Record::estimatedErrorUs, "us", "while synchronised"),
+                 plain("maximumErrorUs", &Record::maximumErrorUs, "us", "while synchronised"),
+                 plain("taiOffsetS", &Record::taiOffsetS, "s", "TAI minus UTC; 0: not known"),
+                 plain("steps", &Record::steps, "", "sudden changes since the start")};
+};
+
+template <>
+struct binding::Description<binding::Age> {
+  using Record = binding::Age;
+  static constexpr std::string_view name = "binding::Age";
+  static constexpr auto entries =
+      std::tuple{plain("name", &Record::name, "", "such as stampToArrival"),
+                 plain("windowS", &Record::windowS, "s", "the last seconds; 0: since the start"),
+                 plain("count", &Record::count, "", "positions"),
+                 plain("minNs", &Record::minNs, "ns", "0 without a count, as the following ones"),
+                 plain("p50Ns", &Record::p50Ns, "ns", "median"),
+                 plain("p99Ns", &Record::p99Ns, "ns", "99th percentile"),
+                 plain("p999Ns", &Record::p999Ns, "ns", "99.9th percentile"),
+                 plain("maxNs", &Record::maxNs, "ns", "")};
+};
+
+template <>
+struct binding::Description<binding::Stamp_counts> {
+  using Record = binding::Stamp_counts;
+  static constexpr std::string_view name = "binding::Stamp_counts";
+  static constexpr auto entries = std::tuple{
+      plain("notifications", &Record::notifications, "", "of positions, since the start"),
+      plain("missing", &Record::missing, "", "without a stamp"),
+      plain("inFuture", &Record::inFuture, "", "later than the arrival; not among the ages"),
+      plain("standingStill", &Record::standingStill, "", "the same stamp as before"),
+      plain("jumped", &Record::jumped, "", "backwards, or more than 1 s off")};
+};
+
+template <>
+struct binding::Description<mw::com::runtime::Offered_instance> {
+  using Record = mw::com::runtime::Offered_instance;
+  static constexpr std::string_view name = "mw::com::runtime::Offered_instance";
+  static constexpr auto entries = std::tuple{plain("service", &Record::service),
+                                             plain("serviceId", &Record::serviceId),
+                                             plain("instance", &Record::instance),
+                                             plain("majorVersion", &Record::majorVersion),
+                                             plain("minorVersion", &Record::minorVersion),
+                                             plain("address", &Record::address),
+                                             plain("udpPort", &Record::udpPort, "", "0: none"),
+                                             plain("tcpPort", &Record::tcpPort, "", "0: none")};
+};
+
+template <>
+struct binding::Description<mw::com::runtime::Subscriber> {
+  using Record = mw::com::runtime::Subscriber;
+  static constexpr std::string_view name = "mw::com::runtime::Subscriber";
+  static constexpr auto entries =
+      std::tuple{plain("serviceId", &Record::serviceId),
+                 plain("instance", &Record::instance),
+                 plain("eventGroup", &Record::eventGroup),
+                 plain("address", &Record::address),
+                 plain("udpPort", &Record::udpPort, "", "0: none"),
+                 plain("tcpPort", &Record::tcpPort, "", "0: none"),
+                 plain("subscribed", &Record::subscribed, "", "false: refused"),
+                 plain("sinceMs", &Record::sinceMs, "ms", "ago"),
+                 plain("ttlLeftMs", &Record::ttlLeftMs, "ms", "2^64 - 1: it does not end"),
+                 plain("sent", &Record::sent, "", "notifications"),
+                 plain("refused", &Record::refused, "", "attempts"),
+                 plain("cause", &Record::cause, "", "of the last refusal")};
+};
+
+template <>
+struct binding::Description<mw::com::runtime::Consumed_service> {
+  using Record = mw::com::runtime::Consumed_service;
+  static constexpr std::string_view name = "mw::com::runtime::Consumed_service";
+  static constexpr auto entries = std::tuple{
+      plain("service", &Record::service),
+      plain("serviceId", &Record::serviceId),
+      plain("instance", &Record::instance, "", "found or wanted; 0xFFFF: any"),
+      plain("majorVersion", &Record::majorVersion),
+      plain("found", &Record::found, "", "it is offered"),
+      plain("address", &Record::address),
+      plain("udpPort", &Record::udpPort, "", "0: none"),
+      plain("tcpPort", &Record::tcpPort, "", "0: none"),
+      plain("sinceMs", &Record::sinceMs, "ms", "ago: found, lost or searched for"),
+      plain("ttlLeftMs", &Record::ttlLeftMs, "ms", "of the offer; 2^64 - 1: it does not end"),
+      plain("cause", &Record::cause, "", "why it is not found, or cannot be used completely")};
+};
+
+template <>
+struct binding::Description<mw::com::runtime::Consumed_event_group> {
+  using Record = mw::com::runtime::Consumed_event_group;
+  static constexpr std::string_view name = "mw::com::runtime::Consumed_event_group";
+  static constexpr auto entries = std::tuple{
+      plain("serviceId", &Record::serviceId),
+      plain("instance", &Record::instance),
+      plain("eventGroup", &Record::eventGroup),
+      plain("connected", &Record::connected, "", "over TCP: the connection stands"),
+      plain("subscribed", &Record::subscribed, "", "acknowledged"),
+      plain("sinceMs", &Record::sinceMs, "ms", "ago: the last change of subscribed"),
+      plain("lastNotificationMs", &Record::lastNotificationMs, "ms", "ago; 2^64 - 1: none yet"),
+      plain("cause", &Record::cause, "", "why no data comes")};
+};
+
+template <>
+struct binding::Description<mw::com::runtime::Peers> {
+  using Record = mw::com::runtime::Peers;
+  static constexpr std::string_view name = "mw::com::runtime::Peers";
+  static constexpr auto entries =
+      std::tuple{plain("offered", &Record::offered, "", "by this process"),
+                 plain("subscribers", &Record::subscribers, "", "of these instances"),
+                 plain("services", &Record::services, "", "that this process looks for"),
+                 plain("eventGroups", &Record::eventGroups, "", "to which it subscribes")};
+};
+
 namespace binding {
 
 struct Statistics {
   using Counters_result = std::vector<mw::com::runtime::Counter>;
   using Process_result = mw::com::runtime::Process_usage;
+  using Ages_result = std::vector<Age>;
+  using Stamps_result = Stamp_counts;
+  using Clock_result = mw::com::runtime::Clock_state;
+  using Peers_result = mw::com::runtime::Peers;
 
   static constexpr std::string_view name = "mw::com::runtime::Statistics";
   static constexpr mw::com::cpp_binding::Version version{1, 0};
   static constexpr mw::com::cpp_binding::Method<Counters_result()> Counters{"Counters"};
   static constexpr mw::com::cpp_binding::Method<Process_result()> Process{"Process"};
-  static constexpr auto elements = std::tuple{Counters, Process};
+  static constexpr mw::com::cpp_binding::Method<Ages_result()> Ages{"Ages"};
+  static constexpr mw::com::cpp_binding::Method<Stamps_result()> Stamps{"Stamps"};
+  static constexpr mw::com::cpp_binding::Method<Clock_result()> Clock{"Clock"};
+  static constexpr mw::com::cpp_binding::Method<Peers_result()> Peers{"Peers"};
+  static constexpr auto elements = std::tuple{Counters, Process, Ages, Stamps, Clock, Peers};
 };
 
 class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statistics> {
@@ -49,22 +174,36 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
 
   mw::com::cpp_binding::proxy::Element<Statistics::Counters> Counters{core()};
   mw::com::cpp_binding::proxy::Element<Statistics::Process> Process{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Ages> Ages{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Stamps> Stamps{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Clock> Clock{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Peers> Peers{core()};
 };
 
-/// Answers with the counters and usage of this process.
+/// Answers with the counters, usage and peers of this process, the ages of its positions and the
+/// state of the machine's clock.
 class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Statistics> {
  public:
   /// The instance "Statistics_ProvidedSomeipServiceInstance". Throws std::runtime_error if the
-  /// manifest does not have it.
-  Statistics_skeleton();
+  /// manifest does not have it. The references outlive the skeleton.
+  Statistics_skeleton(const Position_ages& ages, const mw::com::runtime::Clock_watch& clock);
   ~Statistics_skeleton() { disconnect(); }
 
   [[nodiscard]] ara::core::Future<Statistics::Counters_result> Counters();
   [[nodiscard]] ara::core::Future<Statistics::Process_result> Process();
+  [[nodiscard]] ara::core::Future<Statistics::Ages_result> Ages();
+  [[nodiscard]] ara::core::Future<Statistics::Stamps_result> Stamps();
+  [[nodiscard]] ara::core::Future<Statistics::Clock_result> Clock();
+  [[nodiscard]] ara::core::Future<Statistics::Peers_result> Peers();
+
+ private:
+  const Position_ages& ages_;
+  const mw::com::runtime::Clock_watch& clock_;
 };
 
 /// Offers the service until the result is destroyed. Returns null if the manifest does not deploy
-/// it: a vehicle may leave it out.
-[[nodiscard]] std::unique_ptr<Statistics_skeleton> offer_statistics();
+/// it: a vehicle may leave it out. The references outlive the result.
+[[nodiscard]] std::unique_ptr<Statistics_skeleton> offer_statistics(
+    const Position_ages& ages, const mw::com::runtime::Clock_watch& clock);
 
 }  // namespace binding

@@ -28,7 +28,7 @@ class GeneralClientImpl {
   GeneralClientImpl& operator=(const GeneralClientImpl&) = delete;
 
   /// Called on a worker when the service becomes available or unavailable. Set it before init().
-  void setAvailabilityCallback(std::function<void(bool available)> callback) {
+  void set_availability_callback(std::function<void(bool available)> callback) {
     on_availability_ = std::move(callback);
   }
 
@@ -54,7 +54,7 @@ class GeneralClientImpl {
   }
 
   /// True if the last search result held an instance.
-  [[nodiscard]] bool isAvailable() const { return available_; }
+  [[nodiscard]] bool is_available() const { return available_; }
 
  private:
   void on_search_result(

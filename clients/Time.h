@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "binding/codec.h"
-#include "clients/TimeRecords.h"
+#include "clients/time_records.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/cpp_binding/skeleton.h"
 

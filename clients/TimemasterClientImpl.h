@@ -20,17 +20,17 @@ class TimemasterClientImpl {
 
   /// Called with each record of a `times` notification, one at a time, on a thread of the
   /// middleware.
-  void setTimesCallback(std::function<void(const Times&)> callback) {
+  void set_times_callback(std::function<void(const Times&)> callback) {
     on_times_ = std::move(callback);
   }
 
   /// Called when the faults in the content of `times` change.
-  void setDataFaultsCallback(std::function<void(const clients::Data_faults&)> callback) {
+  void set_data_faults_callback(std::function<void(const clients::Data_faults&)> callback) {
     times_faults_.set_callback(std::move(callback));
   }
   /// Called when the service becomes available or unavailable.
-  void setAvailabilityCallback(std::function<void(bool available)> callback) {
-    client_.setAvailabilityCallback(std::move(callback));
+  void set_availability_callback(std::function<void(bool available)> callback) {
+    client_.set_availability_callback(std::move(callback));
   }
 
   /// Starts the search for the service and returns at once. Throws std::runtime_error if the

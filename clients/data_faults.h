@@ -4,8 +4,8 @@
 #include <functional>
 #include <vector>
 
-#include "clients/GnssRecords.h"
-#include "clients/TimeRecords.h"
+#include "clients/gnss_records.h"
+#include "clients/time_records.h"
 
 namespace clients {
 

@@ -35,7 +35,7 @@ gnssClientImpl::gnssClientImpl(const timeutils& time)
       logger_{ara::log::CreateLogger("GNSS", "gnssClientImpl class own context")},
       client_{logger_} {}
 
-void gnssClientImpl::setDataFaultsCallback(
+void gnssClientImpl::set_data_faults_callback(
     const std::function<void(Field, const clients::Data_faults&)>& callback) {
   const auto about = [&](Field field) {
     return [callback, field](const auto& faults) { callback(field, faults); };
@@ -58,7 +58,8 @@ void gnssClientImpl::set_up(lumo::services::gnss::proxy::GNSSProxy& proxy) {
 }
 
 void gnssClientImpl::receive(const std::vector<Position>& samples) {
-  const auto now_us = time_.currentTimeUs();
+  const auto now = time_.now();
+  const auto now_us = timeutils::to_us(now);
   if (samples.empty()) return;
   if (log_received_) {
     for (const auto& sample : samples)
@@ -66,6 +67,10 @@ void gnssClientImpl::receive(const std::vector<Position>& samples) {
   }
   positions_faults_.look(samples);
   const auto [chosen, other] = select(samples, wanted_);
+  if (ages_ != nullptr) {
+    const Position& stamped = chosen != nullptr ? *chosen : samples.back();
+    ages_->received(binding::timestamp_of(stamped), mw::com::Handled_arrival::current(), now);
+  }
   if (chosen == nullptr || !on_position_) return;
   if (other == nullptr && !replace_timestamps_) {
     on_position_(*chosen);

@@ -4,6 +4,7 @@
 #include <functional>
 #include <vector>
 
+#include "binding/position_ages.h"
 #include "clients/GNSS.h"
 #include "clients/GeneralClientImpl.h"
 #include "clients/data_faults.h"
@@ -30,34 +31,37 @@ class gnssClientImpl {
   gnssClientImpl& operator=(const gnssClientImpl&) = delete;
 
   /// True logs each received position and quality record. Off until set.
-  void setRecievedGNSSDataLogging(bool on) { log_received_ = on; }
+  void set_recieved_gnss_data_logging(bool on) { log_received_ = on; }
   /// True replaces the timestamp of a forwarded position by the time of its arrival. Off until set.
-  void setIgnoreGNSSTimestamps(bool on) { replace_timestamps_ = on; }
+  void set_ignore_gnss_timestamps(bool on) { replace_timestamps_ = on; }
   /// True forwards GNSS-DR positions instead of GNSS ones. Off until set.
-  void setUseGNSSDR(bool on) { wanted_ = on ? Position_type::gnss_dr : Position_type::gnss; }
+  void set_use_gnss_dr(bool on) { wanted_ = on ? Position_type::gnss_dr : Position_type::gnss; }
+
+  /// Receives the arrival of each notification of positions. None until set.
+  void set_position_ages(binding::Position_ages& ages) { ages_ = &ages; }
 
   /// Called with at most one position per notification: the last one of the wanted type, completed
   /// from the last one of the other type. A notification without positions changes nothing.
-  void setPositionCallback(std::function<void(const Position&)> callback) {
+  void set_position_callback(std::function<void(const Position&)> callback) {
     on_position_ = std::move(callback);
   }
   /// Called with each record of a notification.
-  void setPositionsQualityCallback(std::function<void(const Quality&)> callback) {
+  void set_positions_quality_callback(std::function<void(const Quality&)> callback) {
     on_quality_ = std::move(callback);
   }
   /// Called with a whole notification.
-  void setSatInfosCallback(std::function<void(const std::vector<Satellite>&)> callback) {
+  void set_sat_infos_callback(std::function<void(const std::vector<Satellite>&)> callback) {
     on_satellites_ = std::move(callback);
   }
 
   enum class Field { positions, positionsQuality, posGnssSatInfos };
   /// Called when the faults of a field's content change, before the other callbacks see the
   /// content.
-  void setDataFaultsCallback(
+  void set_data_faults_callback(
       const std::function<void(Field, const clients::Data_faults&)>& callback);
   /// Called when the service becomes available or unavailable.
-  void setAvailabilityCallback(std::function<void(bool available)> callback) {
-    client_.setAvailabilityCallback(std::move(callback));
+  void set_availability_callback(std::function<void(bool available)> callback) {
+    client_.set_availability_callback(std::move(callback));
   }
 
   /// Starts the search for the service and returns at once. Throws std::runtime_error if the
@@ -80,6 +84,7 @@ class gnssClientImpl {
   bool log_received_ = false;
   bool replace_timestamps_ = false;
   Position_type wanted_ = Position_type::gnss;
+  binding::Position_ages* ages_ = nullptr;
   std::function<void(const Position&)> on_position_;
   std::function<void(const Quality&)> on_quality_;
   std::function<void(const std::vector<Satellite>&)> on_satellites_;

@@ -4,7 +4,7 @@
 
 #include <span>
 
-#include "clients/GnssRecords.h"
+#include "clients/gnss_records.h"
 
 namespace gnssClient {
 

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <string>
 
-#include "clients/GnssRecords.h"
+#include "clients/gnss_records.h"
 
 namespace gnssClient {
 

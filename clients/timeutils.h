@@ -3,6 +3,7 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 
 #include "ara/time/slave_time_base.h"
@@ -19,25 +20,31 @@ class timeutils {
   timeutils(const timeutils&) = delete;
   timeutils& operator=(const timeutils&) = delete;
 
-  /// Throws std::runtime_error if the clock behind the time base is gone.
-  [[nodiscard]] virtual std::uint64_t currentTimeUs() const;
-  [[nodiscard]] std::uint64_t currentTimeMs() const;
+  /// Time since the epoch of the time base. Throws std::runtime_error if the clock behind it is
+  /// gone.
+  [[nodiscard]] virtual std::chrono::nanoseconds now() const;
+  [[nodiscard]] std::uint64_t current_time_us() const { return to_us(now()); }
+  [[nodiscard]] std::uint64_t current_time_ms() const;
+
+  [[nodiscard]] static constexpr std::uint64_t to_us(std::chrono::nanoseconds time) {
+    return static_cast<std::uint64_t>(time.count()) / 1000;
+  }
 
   /// The current time in milliseconds without its upper bits, as exchanged by nodes with small
-  /// counters. Remembers the full value for expand31BitMsToUs().
-  [[nodiscard]] std::int32_t currentTime31BitMs();
+  /// counters. Remembers the full value for expand_31_bit_ms_to_us().
+  [[nodiscard]] std::int32_t current_time_31_bit_ms();
   /// Full microseconds of a 31-bit millisecond value (bit 31 is ignored). The result is in the
-  /// period of the last full time that currentTime31BitMs() read if it lies within 5 days of that
-  /// time, else one period earlier. A later period is never tried. In the first period of the time
-  /// base the earlier period is reached by unsigned wrap-around.
-  [[nodiscard]] std::uint64_t expand31BitMsToUs(std::int32_t milliseconds) const;
+  /// period of the last full time that current_time_31_bit_ms() read if it lies within 5 days of
+  /// that time, else one period earlier. A later period is never tried. In the first period of the
+  /// time base the earlier period is reached by unsigned wrap-around.
+  [[nodiscard]] std::uint64_t expand_31_bit_ms_to_us(std::int32_t milliseconds) const;
 
   /// The platform offset, as given by the time master; 0 until then.
-  void setOffset(std::uint64_t offset);
-  [[nodiscard]] std::uint64_t addOffset(std::uint64_t value) const;
+  void set_offset(std::uint64_t offset);
+  [[nodiscard]] std::uint64_t add_offset(std::uint64_t value) const;
 
-  [[nodiscard]] static constexpr std::uint64_t absoluteDifference(std::uint64_t a,
-                                                                  std::uint64_t b) {
+  [[nodiscard]] static constexpr std::uint64_t absolute_difference(std::uint64_t a,
+                                                                   std::uint64_t b) {
     return a > b ? a - b : b - a;
   }
 

@@ -20,12 +20,12 @@ void Data_bus_faults::require(Data_bus_element service, Clock::time_point since)
 void Data_bus_faults::enter_missing(Clock::time_point now) {
   for (const Required_service& service : required_) {
     if (service.found || now - service.since <= timeout_) continue;
-    enter(DataBusFault::notAvailable, service.element, true);
+    enter(Data_bus_fault::not_available, service.element, true);
   }
 }
 
-void Data_bus_faults::set(DataBusFault fault, Data_bus_element element, bool present) {
-  if (fault == DataBusFault::notAvailable) {
+void Data_bus_faults::set(Data_bus_fault fault, Data_bus_element element, bool present) {
+  if (fault == Data_bus_fault::not_available) {
     for (Required_service& service : required_) {
       if (service.element == element) service.found = !present;
     }
@@ -33,7 +33,7 @@ void Data_bus_faults::set(DataBusFault fault, Data_bus_element element, bool pre
   enter(fault, element, present);
 }
 
-void Data_bus_faults::enter(DataBusFault fault, Data_bus_element element, bool present) {
+void Data_bus_faults::enter(Data_bus_fault fault, Data_bus_element element, bool present) {
   constexpr std::size_t entry_size = 5;
   const auto number = static_cast<unsigned>(element);
   const auto service = static_cast<std::uint8_t>(number >> 8U);

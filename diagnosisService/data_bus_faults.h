@@ -7,22 +7,22 @@
 #include <cstdint>
 #include <vector>
 
-#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/data_identifiers.h"
 
 namespace diagnosisService {
 
-using lumo::services::diag::DataBusFault;
+using lumo::services::diag::Data_bus_fault;
 
 /// The subject of a data-bus fault: the consumed service in the high byte, its field in the low
 /// byte, 0 for the service as a whole.
 enum class Data_bus_element : std::uint16_t {
-  GNSS = 0x0100,
-  GNSS_positions = 0x0101,
-  GNSS_positionsQuality = 0x0102,
-  GNSS_posGnssSatInfos = 0x0103,
-  Time = 0x0200,
-  Time_times = 0x0201,
-  Time_timeSettings = 0x0202,
+  gnss = 0x0100,
+  gnss_positions = 0x0101,
+  gnss_positions_quality = 0x0102,
+  gnss_pos_gnss_sat_infos = 0x0103,
+  time = 0x0200,
+  time_times = 0x0201,
+  time_time_settings = 0x0202,
 };
 
 /// Not thread-safe.
@@ -39,12 +39,12 @@ class Data_bus_faults {
 
   /// Enters that a fault appeared or disappeared. Only a change counts; repeating the present state
   /// is cheap. Counters stop at their maximum.
-  void set(DataBusFault fault, Data_bus_element element, bool present);
+  void set(Data_bus_fault fault, Data_bus_element element, bool present);
   /// The number of times that faults of this kind appeared, over all elements.
-  [[nodiscard]] std::uint32_t count(DataBusFault fault) const { return record(fault).count; }
+  [[nodiscard]] std::uint32_t count(Data_bus_fault fault) const { return record(fault).count; }
   /// Five bytes for each element that ever had the fault: service, field, 1 while the fault is
   /// present, occurrences in two bytes, big-endian.
-  [[nodiscard]] const std::vector<std::uint8_t>& entries(DataBusFault fault) const {
+  [[nodiscard]] const std::vector<std::uint8_t>& entries(Data_bus_fault fault) const {
     return record(fault).entries;
   }
 
@@ -58,12 +58,12 @@ class Data_bus_faults {
     std::uint32_t count = 0;
     std::vector<std::uint8_t> entries;
   };
-  void enter(DataBusFault fault, Data_bus_element element, bool present);
-  [[nodiscard]] const Record& record(DataBusFault fault) const {
+  void enter(Data_bus_fault fault, Data_bus_element element, bool present);
+  [[nodiscard]] const Record& record(Data_bus_fault fault) const {
     return records_[static_cast<std::size_t>(fault)];
   }
 
-  std::array<Record, 3> records_;  ///< indexed by DataBusFault
+  std::array<Record, 3> records_;  ///< indexed by Data_bus_fault
   std::vector<Required_service> required_;
   std::chrono::microseconds timeout_{};
 };

@@ -10,7 +10,7 @@
 #include <type_traits>
 #include <utility>
 
-#include "diagnosisService/DataIdentifierSkeletonImpl.h"
+#include "diagnosisService/data_identifier_skeleton_impl.h"
 
 namespace diagnosisService {
 
@@ -19,20 +19,20 @@ namespace {
 using mw::dm::dem::MonitorActionType;
 
 /// Padded to one width, because the lines are read as a table.
-constexpr std::array<std::string_view, kInputCount> kSensorLabels{
+constexpr std::array<std::string_view, input_count> sensor_labels{
     "sensor GNSS               ", "sensor BD_Odometrie       ", "sensor Kamera_Position    ",
     "sensor Kamera_Landmarken  ", "sensor TopView_Landmarken ", "sensor Lidar_Landmarken   ",
     "sensor Radar_Landmarken   ", "sensor BD_Karte_PSD       ", "sensor Zeitmaster         ",
     "sensor Kamera_BV_Linien   ", "sensor Kamera_Odometrie   "};
 
-std::string_view actionName(MonitorActionType action) {
+std::string_view action_name(MonitorActionType action) {
   const auto name = binding::name_of(action);
   return name.empty() ? "unknonw" : name;
 }
 
 /// A record of unsigned members whose encoded form is `bytes`.
 template <class Record, std::size_t Size>
-Record recordOf(const std::array<std::uint8_t, Size>& bytes) {
+Record record_of(const std::array<std::uint8_t, Size>& bytes) {
   binding::Cursor cursor{std::as_bytes(std::span{bytes})};
   Record record;
   binding::decode(cursor, record);
@@ -49,7 +49,7 @@ struct Skeletons<std::tuple<Interfaces...>> {
   explicit Skeletons(const diagnosisServiceImpl& service)
       : all{for_interface<Interfaces>(service)...} {}
 
-  std::tuple<DataIdentifierSkeletonImpl<Interfaces>...> all;
+  std::tuple<Data_identifier_skeleton_impl<Interfaces>...> all;
 
  private:
   template <class Interface>
@@ -58,11 +58,11 @@ struct Skeletons<std::tuple<Interfaces...>> {
   }
 };
 
-struct diagnosisServiceImpl::DataIdentifiers : Skeletons<diag::Data_identifiers> {
+struct diagnosisServiceImpl::Data_identifiers : Skeletons<diag::Data_identifiers> {
   using Skeletons::Skeletons;
 
   template <class Visit>
-  void forEach(Visit visit) {
+  void for_each(Visit visit) {
     std::apply([&](auto&... one) { (visit(one), ...); }, all);
   }
 };
@@ -82,142 +82,142 @@ diagnosisServiceImpl::~diagnosisServiceImpl() {
   {
     // A call of InitMonitor may still be on its way to its skeleton, which is destroyed here. Later
     // calls find the monitors not offered.
-    std::unique_lock lock{offerMutex_};
+    std::unique_lock lock{offer_mutex_};
     sent_.wait(lock, [this] { return sending_ == 0; });
   }
   monitors_.clear();
   identifiers_.reset();
 }
 
-void diagnosisServiceImpl::init(std::uint64_t timeoutMs) {
+void diagnosisServiceImpl::init(std::uint64_t timeout_ms) {
   logger_.LogInfo()
       << "enter diagnosisServiceImpl::init(), set default values, start offering services";
-  if (timeoutMs == 0 || timeoutMs > kLongestTimeoutMs) {
+  if (timeout_ms == 0 || timeout_ms > longest_timeout_ms) {
     throw std::invalid_argument{"diagnosisServiceImpl::init: time-out of " +
-                                std::to_string(timeoutMs) + " ms, expected 1 to " +
-                                std::to_string(kLongestTimeoutMs)};
+                                std::to_string(timeout_ms) + " ms, expected 1 to " +
+                                std::to_string(longest_timeout_ms)};
   }
-  const std::chrono::microseconds timeout{timeoutMs * 1000};
+  const std::chrono::microseconds timeout{timeout_ms * 1000};
   {
     const std::lock_guard lock{mutex_};
     book_.reset(timeout);
     faults_.reset(timeout, Clock::now());
-    mapMatched_ = {};
+    map_matched_ = {};
   }
   timer_.start(
       std::max(std::chrono::milliseconds{timeout.count() / 10'000}, std::chrono::milliseconds{1}));
 
   // Only this function sets the member, so its thread may read it without the lock.
   if (identifiers_ == nullptr) {
-    auto identifiers = std::make_unique<DataIdentifiers>(*this);
-    const std::lock_guard lock{offerMutex_};
+    auto identifiers = std::make_unique<Data_identifiers>(*this);
+    const std::lock_guard lock{offer_mutex_};
     identifiers_ = std::move(identifiers);
   }
-  identifiers_->forEach([](auto& one) { one.OfferService(); });
+  identifiers_->for_each([](auto& one) { one.OfferService(); });
   // stop() on another thread may have preceded these offers.
-  if (isStopped()) withdraw();
+  if (is_stopped()) withdraw();
 }
 
-void diagnosisServiceImpl::startMonitors() {
+void diagnosisServiceImpl::start_monitors() {
   std::vector<std::unique_ptr<DiagnosticMonitorServiceSkelImpl>> monitors;
-  monitors.reserve(kMonitors.size());
-  for (const auto& monitor : kMonitors) {
+  monitors.reserve(monitor_table.size());
+  for (const auto& monitor : monitor_table) {
     monitors.push_back(std::make_unique<DiagnosticMonitorServiceSkelImpl>(
         ara::core::InstanceSpecifier{"DiagnosticMonitor_" + std::string{monitor.name}}, *this,
         monitor.identifier));
   }
   {
-    const std::lock_guard lock{offerMutex_};
+    const std::lock_guard lock{offer_mutex_};
     if (!monitors_.empty()) {
       throw std::logic_error{"diagnosisServiceImpl::startMonitors: called twice"};
     }
     monitors_ = std::move(monitors);
     // Set ahead of the offers, so that an InitMonitor after the first offer is answered.
-    monitorsOffered_ = !stopped_;
+    monitors_offered_ = !stopped_;
   }
   for (const auto& monitor : monitors_)
     monitor->OfferService();
-  if (isStopped()) withdraw();
+  if (is_stopped()) withdraw();
 }
 
-bool diagnosisServiceImpl::isStopped() {
-  const std::lock_guard lock{offerMutex_};
+bool diagnosisServiceImpl::is_stopped() {
+  const std::lock_guard lock{offer_mutex_};
   return stopped_;
 }
 
 void diagnosisServiceImpl::stop() {
   bool again = false;
   {
-    const std::lock_guard lock{offerMutex_};
+    const std::lock_guard lock{offer_mutex_};
     again = std::exchange(stopped_, true);
-    monitorsOffered_ = false;
+    monitors_offered_ = false;
   }
   timer_.stop();
   if (!again) withdraw();
 }
 
 void diagnosisServiceImpl::withdraw() {
-  DataIdentifiers* identifiers = nullptr;
+  Data_identifiers* identifiers = nullptr;
   std::span<const std::unique_ptr<DiagnosticMonitorServiceSkelImpl>> monitors;
   {
-    const std::lock_guard lock{offerMutex_};
+    const std::lock_guard lock{offer_mutex_};
     identifiers = identifiers_.get();
     monitors = monitors_;
   }
   if (identifiers != nullptr) {
-    identifiers->forEach([](auto& one) { one.StopOfferService(); });
+    identifiers->for_each([](auto& one) { one.StopOfferService(); });
   }
   for (const auto& monitor : monitors)
     monitor->StopOfferService();
 }
 
-void diagnosisServiceImpl::dataReceived(std::uint32_t identifier, Clock::time_point at) noexcept {
+void diagnosisServiceImpl::data_received(std::uint32_t identifier, Clock::time_point at) noexcept {
   book_.data_received(identifier, at);
 }
 
-void diagnosisServiceImpl::setSystemStatus(std::size_t byte, std::uint8_t status) {
+void diagnosisServiceImpl::set_system_status(std::size_t byte, std::uint8_t status) {
   const std::lock_guard lock{mutex_};
   book_.set_system_status(byte, status);
 }
 
-void diagnosisServiceImpl::newSensorSetup(const SensorSetup& setup) {
+void diagnosisServiceImpl::new_sensor_setup(const Sensor_setup& setup) {
   {
     const std::lock_guard lock{mutex_};
     book_.set_sensor_setup(setup);
   }
   logger_.LogInfo() << "diagnosisServiceImpl got new sensor setup";
   for (std::size_t sensor = 0; sensor < setup.size(); ++sensor) {
-    logger_.LogInfo() << kSensorLabels[sensor] << (setup[sensor] ? "ON" : "OFF");
+    logger_.LogInfo() << sensor_labels[sensor] << (setup[sensor] ? "ON" : "OFF");
   }
   // Of two simultaneous setups, the last one holds for both flags and statuses.
   const std::lock_guard lock{mutex_};
   book_.apply_sensor_setup();
 }
 
-void diagnosisServiceImpl::refreshMapMatchedPosition(const Map_matched_position& position) {
+void diagnosisServiceImpl::refresh_map_matched_position(const Map_matched_position& position) {
   const auto record = map_matched_record(position);
   const std::lock_guard lock{mutex_};
-  mapMatched_ = record;
+  map_matched_ = record;
 }
 
-Map_matched_record diagnosisServiceImpl::mapMatchedPosition() const {
+Map_matched_record diagnosisServiceImpl::map_matched_position() const {
   const std::lock_guard lock{mutex_};
-  return mapMatched_;
+  return map_matched_;
 }
 
-void diagnosisServiceImpl::setDataBusFault(DataBusFault fault,
-                                           Data_bus_element element,
-                                           bool present) {
+void diagnosisServiceImpl::set_data_bus_fault(Data_bus_fault fault,
+                                              Data_bus_element element,
+                                              bool present) {
   const std::lock_guard lock{mutex_};
   faults_.set(fault, element, present);
 }
 
-void diagnosisServiceImpl::requireService(Data_bus_element service, Clock::time_point since) {
+void diagnosisServiceImpl::require_service(Data_bus_element service, Clock::time_point since) {
   const std::lock_guard lock{mutex_};
   faults_.require(service, since);
 }
 
-std::uint32_t diagnosisServiceImpl::dataBusFaultCount(DataBusFault fault) const {
+std::uint32_t diagnosisServiceImpl::data_bus_fault_count(Data_bus_fault fault) const {
   const std::lock_guard lock{mutex_};
   return faults_.count(fault);
 }
@@ -241,9 +241,9 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
   }
   for (const auto& change : changes) {
     logger_.LogInfo() << "Changing of state, ID =" << change.monitor->name
-                      << ", prev status =" << statusName(change.before)
-                      << ", new status =" << statusName(change.after);
-    sendResult(change.monitor->identifier);
+                      << ", prev status =" << status_name(change.before)
+                      << ", new status =" << status_name(change.after);
+    send_result(change.monitor->identifier);
   }
 }
 
@@ -251,11 +251,11 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
 class diagnosisServiceImpl::Sending {
  public:
   explicit Sending(diagnosisServiceImpl& service) : service_{service} {
-    const std::lock_guard lock{service_.offerMutex_};
+    const std::lock_guard lock{service_.offer_mutex_};
     ++service_.sending_;
   }
   ~Sending() {
-    const std::lock_guard lock{service_.offerMutex_};
+    const std::lock_guard lock{service_.offer_mutex_};
     --service_.sending_;
     service_.sent_.notify_all();
   }
@@ -266,10 +266,11 @@ class diagnosisServiceImpl::Sending {
   diagnosisServiceImpl& service_;
 };
 
-void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
+void diagnosisServiceImpl::send_result(std::uint32_t identifier) {
   const Sending sending{*this};
   const auto result = [this, identifier] {
-    return status(identifier) == kError ? MonitorActionType::kFailed : MonitorActionType::kPassed;
+    return status(identifier) == Status::error ? MonitorActionType::kFailed
+                                               : MonitorActionType::kPassed;
   };
   try {
     // Two senders of one monitor may overtake each other, and the event manager keeps the last
@@ -290,11 +291,11 @@ void diagnosisServiceImpl::sendResult(std::uint32_t identifier) {
 
 void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType action) {
   const Sending sending{*this};
-  const auto index = monitorIndex(identifier);
+  const auto index = monitor_index(identifier);
   DiagnosticMonitorServiceSkelImpl* skeleton = nullptr;
   {
-    const std::lock_guard lock{offerMutex_};
-    if (monitorsOffered_ && index != kNoMonitor) skeleton = monitors_[index].get();
+    const std::lock_guard lock{offer_mutex_};
+    if (monitors_offered_ && index != no_monitor) skeleton = monitors_[index].get();
   }
   if (skeleton == nullptr) {
     logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(): ignore, skeleton not ready "
@@ -303,8 +304,8 @@ void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType
   }
   logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(), "
                     << "id " << identifier << " (0x" << ara::log::HexFormat(identifier) << ")"
-                    << " = " << kMonitors[index].name << ", action "
-                    << static_cast<std::uint8_t>(action) << " = " << actionName(action);
+                    << " = " << monitor_table[index].name << ", action "
+                    << static_cast<std::uint8_t>(action) << " = " << action_name(action);
   skeleton->MonitorAction.Send(action);
 }
 
@@ -312,13 +313,13 @@ template <class Output>
 Output diagnosisServiceImpl::read() const {
   const std::lock_guard lock{mutex_};
   if constexpr (std::is_same_v<Output, diag::PositioningStatusInputs>) {
-    return recordOf<Output>(book_.inputs());
+    return record_of<Output>(book_.inputs());
   } else if constexpr (std::is_same_v<Output, diag::PositioningStatusOutputs>) {
-    return recordOf<Output>(book_.outputs());
+    return record_of<Output>(book_.outputs());
   } else if constexpr (std::is_same_v<Output, diag::PositioningStatusSystem>) {
-    return recordOf<Output>(book_.system());
+    return record_of<Output>(book_.system());
   } else if constexpr (std::is_same_v<Output, diag::PositioningMMPos>) {
-    return mapMatched_.position;
+    return map_matched_.position;
   } else {
     return {faults_.entries(Output::fault)};
   }

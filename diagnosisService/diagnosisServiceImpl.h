@@ -13,23 +13,23 @@
 #include <vector>
 
 #include "ara/log/logger.h"
-#include "diagnosisService/DataIdentifiers.h"
 #include "diagnosisService/DiagnosticMonitorServiceSkelImpl.h"
-#include "diagnosisService/EvaluationTimer.h"
-#include "diagnosisService/MonitorTable.h"
 #include "diagnosisService/data_bus_faults.h"
+#include "diagnosisService/data_identifiers.h"
+#include "diagnosisService/evaluation_timer.h"
 #include "diagnosisService/map_matched_record.h"
+#include "diagnosisService/monitor_table.h"
 #include "diagnosisService/status_book.h"
 
 namespace diagnosisService {
 
-/// Any thread may call every function, but only one thread init and startMonitors.
+/// Any thread may call every function, but only one thread init and start_monitors.
 class diagnosisServiceImpl {
  public:
   using Clock = Status_book::Clock;
-  using SensorSetup = Status_book::Sensor_setup;
+  using Sensor_setup = Status_book::Sensor_setup;
 
-  static constexpr std::uint64_t kLongestTimeoutMs = 24ULL * 60 * 60 * 1000;
+  static constexpr std::uint64_t longest_timeout_ms = 24ULL * 60 * 60 * 1000;
 
   diagnosisServiceImpl();
   /// Waits for running calls of the data identifiers and monitors.
@@ -38,36 +38,36 @@ class diagnosisServiceImpl {
   diagnosisServiceImpl& operator=(const diagnosisServiceImpl&) = delete;
 
   /// Sets the initial statuses, starts the evaluation (ten times per time-out: every 500 ms for
-  /// 5000) and offers the seven data identifiers. `timeoutMs`, 1 to kLongestTimeoutMs, is the
+  /// 5000) and offers the seven data identifiers. `timeout_ms`, 1 to longest_timeout_ms, is the
   /// longest time without data before a status turns to Error. Throws std::invalid_argument for
   /// another time-out and std::runtime_error if the manifest lacks an instance. A second call
   /// resets every status, record and last-data time and evaluates with the new time-out.
-  void init(std::uint64_t timeoutMs);
+  void init(std::uint64_t timeout_ms);
   /// Offers one DiagnosticMonitor per monitor, under the instance specifier "DiagnosticMonitor_"
   /// and its name. Earlier results are dropped. Throws std::runtime_error if the manifest lacks an
   /// instance and std::logic_error for a second call.
-  void startMonitors();
+  void start_monitors();
   /// Ends the evaluation and the offers, for good. Waits for a running evaluation.
   void stop();
 
   /// Takes effect at the next evaluation. Unknown identifiers are ignored. Never blocks.
-  void dataReceived(std::uint32_t identifier, Clock::time_point at = Clock::now()) noexcept;
+  void data_received(std::uint32_t identifier, Clock::time_point at = Clock::now()) noexcept;
   /// Throws std::out_of_range for a byte above 13.
-  void setSystemStatus(std::size_t byte, std::uint8_t status);
+  void set_system_status(std::size_t byte, std::uint8_t status);
   /// `setup` is in the order of the input status bytes. A sensor that is off is NotAvailable from
   /// now on.
-  void newSensorSetup(const SensorSetup& setup);
+  void new_sensor_setup(const Sensor_setup& setup);
   /// Replaces the record of d_14a2.
-  void refreshMapMatchedPosition(const Map_matched_position& position);
-  [[nodiscard]] Map_matched_record mapMatchedPosition() const;
+  void refresh_map_matched_position(const Map_matched_position& position);
+  [[nodiscard]] Map_matched_record map_matched_position() const;
   /// Enters into the record of d_1190, d_1191 or d_1192 that a fault appeared or disappeared. Only
   /// a change counts; repeating the present state is cheap.
-  void setDataBusFault(DataBusFault fault, Data_bus_element element, bool present);
-  /// Makes this a required service. Until setDataBusFault() reports it as available, the first
+  void set_data_bus_fault(Data_bus_fault fault, Data_bus_element element, bool present);
+  /// Makes this a required service. Until set_data_bus_fault() reports it as available, the first
   /// evaluation later than `since` plus the time-out enters it as not available.
-  void requireService(Data_bus_element service, Clock::time_point since = Clock::now());
+  void require_service(Data_bus_element service, Clock::time_point since = Clock::now());
   /// The number of times that faults of this kind appeared since init, over all elements.
-  [[nodiscard]] std::uint32_t dataBusFaultCount(DataBusFault fault) const;
+  [[nodiscard]] std::uint32_t data_bus_fault_count(Data_bus_fault fault) const;
 
   /// An input, map-matched or dead-reckoning monitor in Error becomes Nominal as if data had been
   /// received at `at`.
@@ -79,7 +79,7 @@ class diagnosisServiceImpl {
 
   /// Sends the monitor's result, kFailed in Error and kPassed otherwise. Returns after it was sent.
   /// A result that changed meanwhile follows, so a monitor's last event is its last result.
-  void sendResult(std::uint32_t identifier);
+  void send_result(std::uint32_t identifier);
   /// Sends one event. Drops it, with a log line, while the monitors are not offered.
   void sendEvent(std::uint32_t identifier, mw::dm::dem::MonitorActionType action);
 
@@ -90,30 +90,30 @@ class diagnosisServiceImpl {
   [[nodiscard]] const ara::log::Logger& logger() const { return logger_; }
 
  private:
-  struct DataIdentifiers;
+  struct Data_identifiers;
   class Sending;
 
-  [[nodiscard]] bool isStopped();
+  [[nodiscard]] bool is_stopped();
   void withdraw();
 
   const ara::log::Logger& logger_;
 
   mutable std::mutex mutex_;  ///< guards the members down to the blank line; not data_received()
   Status_book book_;
-  Map_matched_record mapMatched_;
+  Map_matched_record map_matched_;
   Data_bus_faults faults_;
 
-  std::mutex offerMutex_;  ///< guards the members down to the blank line
+  std::mutex offer_mutex_;  ///< guards the members down to the blank line
   std::condition_variable sent_;
   bool stopped_ = false;
-  bool monitorsOffered_ = false;
-  std::size_t sending_ = 0;  ///< calls of sendResult and sendEvent
-  /// Filled once, under offerMutex_, and emptied in the destructor; in between the objects behind
+  bool monitors_offered_ = false;
+  std::size_t sending_ = 0;  ///< calls of send_result and sendEvent
+  /// Filled once, under offer_mutex_, and emptied in the destructor; in between the objects behind
   /// them are safe to use.
-  std::unique_ptr<DataIdentifiers> identifiers_;
+  std::unique_ptr<Data_identifiers> identifiers_;
   std::vector<std::unique_ptr<DiagnosticMonitorServiceSkelImpl>> monitors_;
 
-  EvaluationTimer timer_;
+  Evaluation_timer timer_;
 };
 
 }  // namespace diagnosisService

@@ -5,7 +5,7 @@
 #include <boost/optional.hpp>
 #include <cstdint>
 
-#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/data_identifiers.h"
 
 namespace diagnosisService {
 

@@ -14,7 +14,7 @@ struct Output_rule {
   std::size_t output;
   std::size_t system_byte;
 };
-constexpr std::array output_rules{Output_rule{0, kSystemMapMatching}, Output_rule{1, kSystemPgf}};
+constexpr std::array output_rules{Output_rule{0, system_map_matching}, Output_rule{1, system_pgf}};
 
 }  // namespace
 
@@ -34,17 +34,17 @@ void Status_book::reset(std::chrono::microseconds timeout) {
 }
 
 void Status_book::data_received(std::uint32_t identifier, Clock::time_point at) noexcept {
-  const auto index = monitorIndex(identifier);
-  if (index == kNoMonitor) return;
+  const auto index = monitor_index(identifier);
+  if (index == no_monitor) return;
   auto& last = last_data_[index];
   if (last.load(std::memory_order_relaxed) == not_in_table) return;
   last.store(std::max(at.time_since_epoch().count(), no_data + 1), std::memory_order_relaxed);
 }
 
 void Status_book::set_system_status(std::size_t byte, std::uint8_t status) {
-  if (byte >= kSystemCount) {
+  if (byte >= system_count) {
     throw std::out_of_range{"system status byte " + std::to_string(byte) + ", expected 0 to " +
-                            std::to_string(kSystemCount - 1)};
+                            std::to_string(system_count - 1)};
   }
   bytes_.system[byte] = status;
 }
@@ -53,45 +53,45 @@ void Status_book::apply_sensor_setup() {
   for (std::size_t sensor = 0; sensor < sensors_.size(); ++sensor) {
     auto& status = bytes_.input[sensor];
     if (!sensors_[sensor]) {
-      status = kNotAvailable;
-    } else if (status != kNominal) {
-      status = kInit;
+      status = Status::not_available;
+    } else if (status != Status::nominal) {
+      status = Status::init;
     }
   }
 }
 
 void Status_book::clear(std::uint32_t identifier, Clock::time_point at) {
-  const auto index = monitorIndex(identifier);
-  if (index == kNoMonitor) return;
-  const auto& monitor = kMonitors[index];
+  const auto index = monitor_index(identifier);
+  if (index == no_monitor) return;
+  const auto& monitor = monitor_table[index];
   // System functions and the static output are not evaluated, so a cleared Error would never
   // return.
   const bool clearable =
-      monitor.group == StatusGroup::input ||
-      (monitor.group == StatusGroup::output && monitor.byte < output_rules.size());
+      monitor.group == Status_group::input ||
+      (monitor.group == Status_group::output && monitor.byte < output_rules.size());
   if (!clearable) return;
-  auto& status = monitor.group == StatusGroup::input ? bytes_.input[monitor.byte]
-                                                     : bytes_.output[monitor.byte];
-  if (status != kError) return;
+  auto& status = monitor.group == Status_group::input ? bytes_.input[monitor.byte]
+                                                      : bytes_.output[monitor.byte];
+  if (status != Status::error) return;
   data_received(identifier, at);
-  status = kNominal;
+  status = Status::nominal;
 }
 
 std::uint8_t Status_book::status(std::uint32_t identifier) const {
-  const auto index = monitorIndex(identifier);
-  if (index == kNoMonitor) return kNominal;
-  const auto& monitor = kMonitors[index];
+  const auto index = monitor_index(identifier);
+  if (index == no_monitor) return Status::nominal;
+  const auto& monitor = monitor_table[index];
   switch (monitor.group) {
-    case StatusGroup::input:
+    case Status_group::input:
       return bytes_.input[monitor.byte];
-    case StatusGroup::output:
+    case Status_group::output:
       return bytes_.output[monitor.byte];
-    case StatusGroup::system:
+    case Status_group::system:
       return bytes_.system[monitor.byte];
-    case StatusGroup::none:
+    case Status_group::none:
       break;
   }
-  return kNominal;
+  return Status::nominal;
 }
 
 std::uint8_t Status_book::evaluated(std::size_t monitor,
@@ -101,11 +101,11 @@ std::uint8_t Status_book::evaluated(std::size_t monitor,
   if (last == not_in_table) return status;
   const bool late = last == no_data || now - Clock::time_point{Clock::duration{last}} > timeout_;
   switch (status) {
-    case kNominal:
-    case kError:
-      return late ? kError : kNominal;
-    case kInit:
-      return late ? kInit : kNominal;
+    case Status::nominal:
+    case Status::error:
+      return late ? Status::error : Status::nominal;
+    case Status::init:
+      return late ? Status::init : Status::nominal;
     default:
       return status;
   }
@@ -115,20 +115,20 @@ std::vector<Status_book::Change> Status_book::evaluate(Clock::time_point now) {
   std::vector<Change> changes;
   const auto take = [&](std::size_t monitor, std::uint8_t& status, std::uint8_t now_is) {
     if (status == now_is) return;
-    changes.push_back({&kMonitors[monitor], status, now_is});
+    changes.push_back({&monitor_table[monitor], status, now_is});
     status = now_is;
   };
-  for (std::size_t sensor = 0; sensor < kInputCount; ++sensor) {
+  for (std::size_t sensor = 0; sensor < input_count; ++sensor) {
     if (!sensors_[sensor]) continue;
-    const auto index = monitorIndex(StatusGroup::input, sensor);
+    const auto index = monitor_index(Status_group::input, sensor);
     auto& status = bytes_.input[sensor];
     take(index, status, evaluated(index, status, now));
   }
   for (const auto& rule : output_rules) {
-    const auto index = monitorIndex(StatusGroup::output, rule.output);
+    const auto index = monitor_index(Status_group::output, rule.output);
     const auto governing = bytes_.system[rule.system_byte];
     auto& status = bytes_.output[rule.output];
-    const bool governed = governing == kError || governing == kInit;
+    const bool governed = governing == Status::error || governing == Status::init;
     take(index, status, governed ? governing : evaluated(index, status, now));
   }
   return changes;

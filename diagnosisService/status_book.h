@@ -8,7 +8,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "diagnosisService/MonitorTable.h"
+#include "diagnosisService/monitor_table.h"
 
 namespace diagnosisService {
 
@@ -17,7 +17,7 @@ class Status_book {
  public:
   using Clock = std::chrono::steady_clock;
   /// In the order of the input status bytes; true: the sensor exists.
-  using Sensor_setup = std::array<bool, kInputCount>;
+  using Sensor_setup = std::array<bool, input_count>;
 
   struct Change {
     const Monitor* monitor;
@@ -49,22 +49,24 @@ class Status_book {
 
   /// The monitor's status byte, 0 for an identifier without one.
   [[nodiscard]] std::uint8_t status(std::uint32_t identifier) const;
-  [[nodiscard]] const std::array<std::uint8_t, kInputCount>& inputs() const { return bytes_.input; }
-  [[nodiscard]] const std::array<std::uint8_t, kOutputCount>& outputs() const {
+  [[nodiscard]] const std::array<std::uint8_t, input_count>& inputs() const { return bytes_.input; }
+  [[nodiscard]] const std::array<std::uint8_t, output_count>& outputs() const {
     return bytes_.output;
   }
-  [[nodiscard]] const std::array<std::uint8_t, kSystemCount>& system() const {
+  [[nodiscard]] const std::array<std::uint8_t, system_count>& system() const {
     return bytes_.system;
   }
 
  private:
   struct Bytes {
-    std::array<std::uint8_t, kInputCount> input{kInit, kInit, kInit, kInit, kInit, kInit,
-                                                kInit, kInit, kInit, kInit, kInit};
-    std::array<std::uint8_t, kOutputCount> output{kInit, kInit, kNominal};
-    std::array<std::uint8_t, kSystemCount> system{kNominal, kInit,    kNominal, kInit,    kNominal,
-                                                  kNominal, kNominal, kNominal, kNominal, kNominal,
-                                                  kNominal, kNominal, kInit,    kInit};
+    std::array<std::uint8_t, input_count> input{
+        Status::init, Status::init, Status::init, Status::init, Status::init, Status::init,
+        Status::init, Status::init, Status::init, Status::init, Status::init};
+    std::array<std::uint8_t, output_count> output{Status::init, Status::init, Status::nominal};
+    std::array<std::uint8_t, system_count> system{
+        Status::nominal, Status::init,    Status::nominal, Status::init,    Status::nominal,
+        Status::nominal, Status::nominal, Status::nominal, Status::nominal, Status::nominal,
+        Status::nominal, Status::nominal, Status::init,    Status::init};
   };
   /// Times of the last data are kept as counts of Clock.
   static constexpr Clock::rep not_in_table = -1;
@@ -75,9 +77,9 @@ class Status_book {
                                        std::uint8_t status,
                                        Clock::time_point now) const;
 
-  /// One per entry of kMonitors. Relaxed: each value is independent, and one evaluation earlier or
-  /// later makes no difference.
-  std::array<std::atomic<Clock::rep>, kMonitors.size()> last_data_;
+  /// One per entry of monitor_table. Relaxed: each value is independent, and one evaluation earlier
+  /// or later makes no difference.
+  std::array<std::atomic<Clock::rep>, monitor_table.size()> last_data_;
   Bytes bytes_;
   Sensor_setup sensors_{};
   std::chrono::microseconds timeout_{};

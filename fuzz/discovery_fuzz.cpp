@@ -221,13 +221,14 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     }
     subscribers_[{key, group}] = all;
   }
-  void values_wanted(const Instance_key& key,
-                     std::uint16_t group,
-                     const std::vector<someip::Subscriber>& fresh) override {
+  std::size_t values_wanted(const Instance_key& key,
+                            std::uint16_t group,
+                            const std::vector<someip::Subscriber>& fresh) override {
     const auto& all = subscribers_[{key, group}];
     for (const auto& one : fresh) {
       require(std::ranges::find(all, one) != all.end(), "new subscribers are subscribers");
     }
+    return 0;
   }
 
   /// Is everything that the offer names the one peer that may provide the guarded service?
@@ -245,7 +246,7 @@ class World final : someip::Discovery_server_host, someip::Discovery_client_host
     require(key.service != fuzz::guarded_service || allowed(offer),
             "only allowed peers provide a guarded service, from allowed endpoints");
   }
-  void instance_gone(const Instance_key& key) override {
+  void instance_gone(const Instance_key& key, const someip::Loss&) override {
     require(known_.erase(key) == 1, "only a known instance goes");
   }
   void subscription_changed(const Instance_key& key, std::uint16_t group, bool active) override {

@@ -29,19 +29,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string text(reinterpret_cast<const char*>(data), size);
   ara::per::Values values;
   try {
-    values = ara::per::ParseValues(text, "store.json");
+    values = ara::per::parse_values(text, "store.json");
   } catch (const ara::per::ExceptionValidation& error) {
     require(std::string_view(error.what()).find("store.json") != std::string_view::npos,
             "an error names the file");
     return 0;
   }
-  const std::string written = ara::per::ToText(values);
-  const ara::per::Values again = ara::per::ParseValues(written, "store.json");
+  const std::string written = ara::per::to_text(values);
+  const ara::per::Values again = ara::per::parse_values(written, "store.json");
   require(std::ranges::equal(values, again,
                              [](const auto& a, const auto& b) {
                                return a.first == b.first && same(a.second, b.second);
                              }),
           "what was read is what is read after writing");
-  require(ara::per::ToText(again) == written, "the text of a store depends on its values alone");
+  require(ara::per::to_text(again) == written, "the text of a store depends on its values alone");
   return 0;
 }

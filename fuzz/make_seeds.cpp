@@ -94,7 +94,7 @@ void write_store() {
       {"text", KvsType("Grüße, \"du\"\n")},
       {"binary", KvsType(std::vector<std::uint8_t>{0, 255, 16})},
   };
-  const std::string text = ara::per::ToText(values);
+  const std::string text = ara::per::to_text(values);
   write("key_value_storage", "all_types.json", std::as_bytes(std::span(text)));
 }
 

@@ -4,7 +4,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
-#include "tools/nmea/Reader.h"
+#include "tools/nmea/reader.h"
 
 namespace {
 

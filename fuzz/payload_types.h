@@ -7,12 +7,12 @@
 #include <string>
 #include <vector>
 
-#include "clients/GnssRecords.h"
-#include "clients/TimeRecords.h"
-#include "diagnosisService/DataIdentifiers.h"
+#include "clients/gnss_records.h"
+#include "clients/time_records.h"
 #include "diagnosisService/DiagnosticMonitor.h"
+#include "diagnosisService/data_identifiers.h"
 #include "fuzz/codec_promises.h"
-#include "posService/PositioningRecords.h"
+#include "posService/positioning_records.h"
 
 namespace fuzz {
 
@@ -72,7 +72,7 @@ using Record_types =
                 std::vector<Everything>>;
 
 using String_types =
-    Codec_types<lumo::services::diag::MetaInfo, std::string, std::vector<std::string>>;
+    Codec_types<lumo::services::diag::Meta_info, std::string, std::vector<std::string>>;
 
 template <class List>
 struct Outputs_of;

@@ -10,7 +10,7 @@ using ara::per::KvsType;
 namespace {
 
 /// No storage holds more. A larger size entry is damaged and must not cause an allocation.
-constexpr std::uint64_t kMaxBlobBytes = std::uint64_t{16} << 20;
+constexpr std::uint64_t max_blob_bytes = std::uint64_t{16} << 20;
 
 }  // namespace
 
@@ -50,13 +50,13 @@ void Persistency::KVSGateway::setValue(const std::string& key, const KvsType& va
   if (table_) {
     const auto entry = table_->find(key);
     if (entry == table_->end()) throw ara::per::ExceptionLogicError("No such entry");
-    entry->second = toTableValue(value);
+    entry->second = to_table_value(value);
   } else if (storage_) {
     storage_->SetValue(key, value);
   }
 }
 
-Persistency::KVSGateway::TableValue Persistency::KVSGateway::toTableValue(const KvsType& value) {
+Persistency::KVSGateway::Table_value Persistency::KVSGateway::to_table_value(const KvsType& value) {
   switch (value.GetType()) {
     case KvsType::Type::kBoolean:
       return value.GetBool();
@@ -112,12 +112,12 @@ bool Persistency::KVSGateway::isStorageUsable() const noexcept {
   }
 }
 
-void Persistency::KVSGateway::fillTable() {
+void Persistency::KVSGateway::fill_table() {
   auto table = std::make_unique<Table>();
   if (storage_) {
     for (const std::string& key : storage_->GetAllKeys()) {
       try {
-        table->emplace(key, toTableValue(storage_->GetValue(key)));
+        table->emplace(key, to_table_value(storage_->GetValue(key)));
       } catch (const std::out_of_range& error) {
         logger_.LogInfo() << "Left out of the table: " + key + "\n\t" + error.what();
       }
@@ -131,7 +131,7 @@ Persistency::Persistency(std::string_view port, ara::log::Logger& logger)
 
 void Persistency::setStoringAllowed(bool allowed) {
   logger_.LogInfo() << "Database: storing" << (allowed ? "allowed" : "forbidden");
-  storingAllowed_ = allowed;
+  storing_allowed_ = allowed;
 }
 
 void Persistency::setCallback(std::function<void()> callback) {
@@ -140,7 +140,7 @@ void Persistency::setCallback(std::function<void()> callback) {
 }
 
 void Persistency::remove(const std::string& key) {
-  if (!storingAllowed_) {
+  if (!storing_allowed_) {
     logger_.LogInfo() << "Modifications not allowed. Tried to remove key " + key;
     return;
   }
@@ -152,15 +152,15 @@ void Persistency::remove(const std::string& key) {
 
 bool Persistency::controlledSaveBinaryData(const std::vector<std::uint8_t>& data,
                                            const std::string& key) {
-  const bool saved = saveBinaryData(data, key);
+  const bool saved = save_binary_data(data, key);
   if (saved && callback_) callback_();
   return saved;
 }
 
-bool Persistency::saveBinaryData(const std::vector<std::uint8_t>& data, const std::string& key) {
+bool Persistency::save_binary_data(const std::vector<std::uint8_t>& data, const std::string& key) {
   logger_.LogInfo() << key + ", controlledSaveBinaryData will store " +
                            std::to_string(data.size()) + " bytes";
-  if (!storingAllowed_) {
+  if (!storing_allowed_) {
     logger_.LogInfo() << "Modifications not allowed. Tried to controlledSaveBinaryData with key " +
                              key;
     return false;
@@ -169,9 +169,9 @@ bool Persistency::saveBinaryData(const std::vector<std::uint8_t>& data, const st
   const std::string after = key + "afterRW";
   const KvsType size(std::uint64_t{data.size()});
   try {
-    writeEntry(before, size);
-    writeEntry(key, KvsType(data.data(), data.size()));
-    writeEntry(after, size);
+    write_entry(before, size);
+    write_entry(key, KvsType(data.data(), data.size()));
+    write_entry(after, size);
     return true;
   } catch (const std::exception& error) {
     logger_.LogError() << std::string("Unable to store to DB: ") + error.what();
@@ -188,8 +188,8 @@ bool Persistency::saveBinaryData(const std::vector<std::uint8_t>& data, const st
   return false;
 }
 
-void Persistency::writeEntry(const std::string& key, const KvsType& value) {
-  if (!storingAllowed_) {
+void Persistency::write_entry(const std::string& key, const KvsType& value) {
+  if (!storing_allowed_) {
     logger_.LogInfo() << "Modifications not allowed. Tried to set value for key " + key;
     throw std::runtime_error(key + ": storing became forbidden during the save");
   }
@@ -204,7 +204,7 @@ void Persistency::writeEntry(const std::string& key, const KvsType& value) {
 /// `extract` takes the value and returns its text for the log. If it throws, the entry is
 /// unreadable.
 template <typename Extract>
-bool Persistency::readEntry(const std::string& key, KvsType::Type type, Extract extract) const {
+bool Persistency::read_entry(const std::string& key, KvsType::Type type, Extract extract) const {
   const KvsType value = gateway_.getValue(key);
   if (value.GetStatus() != KvsType::Status::kSuccess || value.GetType() != type) {
     logger_.LogInfo() << "No such entry for " + key;
@@ -220,9 +220,9 @@ bool Persistency::readEntry(const std::string& key, KvsType::Type type, Extract 
   }
 }
 
-boost::optional<std::uint64_t> Persistency::readSize(const std::string& key) const {
+boost::optional<std::uint64_t> Persistency::read_size(const std::string& key) const {
   boost::optional<std::uint64_t> size;
-  static_cast<void>(readEntry(key, KvsType::Type::kUInt64, [&](const KvsType& value) {
+  static_cast<void>(read_entry(key, KvsType::Type::kUInt64, [&](const KvsType& value) {
     size = value.GetUInt64();
     return std::to_string(*size);
   }));
@@ -231,8 +231,8 @@ boost::optional<std::uint64_t> Persistency::readSize(const std::string& key) con
 
 boost::optional<std::vector<std::uint8_t>> Persistency::controlledReadBinaryData(
     const std::string& key) const {
-  const auto before = readSize(key + "beforeRW");
-  const auto after = readSize(key + "afterRW");
+  const auto before = read_size(key + "beforeRW");
+  const auto after = read_size(key + "afterRW");
   if (!before && !after) {
     logger_.LogInfo() << "controlledReadBinaryData no data size " + key;
     return boost::none;
@@ -240,11 +240,11 @@ boost::optional<std::vector<std::uint8_t>> Persistency::controlledReadBinaryData
 
   std::vector<std::uint8_t> data;
   const auto extract = [&](const KvsType& value) {
-    if (*after > kMaxBlobBytes) throw std::length_error("size is " + std::to_string(*after));
+    if (*after > max_blob_bytes) throw std::length_error("size is " + std::to_string(*after));
     data.resize(static_cast<std::size_t>(*after));
     return std::to_string(value.GetBinary(data.data(), data.size())) + " bytes";
   };
-  if (before == after && readEntry(key, KvsType::Type::kBinary, extract)) {
+  if (before == after && read_entry(key, KvsType::Type::kBinary, extract)) {
     logger_.LogInfo() << "controlledReadBinaryData loaded " + std::to_string(data.size()) +
                              " bytes";
     return data;

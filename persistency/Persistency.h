@@ -22,7 +22,7 @@
 /// one of another type is logged and returned empty.
 class Persistency {
  public:
-  /// The storage of one port or, after fillTable(), a table in memory that replaces it.
+  /// The storage of one port or, after fill_table(), a table in memory that replaces it.
   class KVSGateway {
    public:
     /// Opens the storage. If its folder is missing, tries a second time; that attempt's exception
@@ -51,21 +51,21 @@ class Persistency {
     /// later write outlives the process. For owners that may change settings only on trial; the
     /// application itself works on the storage. Entries of a type that the table cannot hold are
     /// skipped and logged. A further call starts over from the storage.
-    void fillTable();
+    void fill_table();
 
    private:
     /// The alternative is the type of the entry.
-    using TableValue = std::variant<bool,
-                                    std::uint8_t,
-                                    std::uint16_t,
-                                    std::uint32_t,
-                                    std::uint64_t,
-                                    double,
-                                    std::string,
-                                    std::vector<std::uint8_t>>;
-    using Table = std::map<std::string, TableValue>;
+    using Table_value = std::variant<bool,
+                                     std::uint8_t,
+                                     std::uint16_t,
+                                     std::uint32_t,
+                                     std::uint64_t,
+                                     double,
+                                     std::string,
+                                     std::vector<std::uint8_t>>;
+    using Table = std::map<std::string, Table_value>;
 
-    static TableValue toTableValue(const ara::per::KvsType& value);
+    static Table_value to_table_value(const ara::per::KvsType& value);
 
     std::unique_ptr<ara::per::KeyValueStorage> storage_;  ///< empty: opening it failed
     std::unique_ptr<Table> table_;                        ///< empty: the gateway uses the storage
@@ -83,7 +83,7 @@ class Persistency {
   [[nodiscard]] ara::log::Logger& logger() const { return logger_; }
 
   void setStoringAllowed(bool allowed);
-  [[nodiscard]] bool isStoringAllowed() const { return storingAllowed_; }
+  [[nodiscard]] bool isStoringAllowed() const { return storing_allowed_; }
 
   /// The owner callback is called after each successful controlled save, on the saving thread. It
   /// must not replace itself.
@@ -105,16 +105,17 @@ class Persistency {
       const std::string& key) const;
 
  private:
-  [[nodiscard]] bool saveBinaryData(const std::vector<std::uint8_t>& data, const std::string& key);
-  void writeEntry(const std::string& key, const ara::per::KvsType& value);
+  [[nodiscard]] bool save_binary_data(const std::vector<std::uint8_t>& data,
+                                      const std::string& key);
+  void write_entry(const std::string& key, const ara::per::KvsType& value);
   template <typename Extract>
-  [[nodiscard]] bool readEntry(const std::string& key,
-                               ara::per::KvsType::Type type,
-                               Extract extract) const;
-  [[nodiscard]] boost::optional<std::uint64_t> readSize(const std::string& key) const;
+  [[nodiscard]] bool read_entry(const std::string& key,
+                                ara::per::KvsType::Type type,
+                                Extract extract) const;
+  [[nodiscard]] boost::optional<std::uint64_t> read_size(const std::string& key) const;
 
   ara::log::Logger& logger_;
   KVSGateway gateway_;
-  bool storingAllowed_ = true;
+  bool storing_allowed_ = true;
   std::function<void()> callback_;
 };

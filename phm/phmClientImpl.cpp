@@ -7,8 +7,8 @@
 namespace phmClient {
 namespace {
 
-constexpr std::uint16_t kSupervisedEntity = 6000;
-constexpr std::uint16_t kAliveCheckpoint = 6000;
+constexpr std::uint16_t supervised_entity = 6000;
+constexpr std::uint16_t alive_checkpoint = 6000;
 
 }  // namespace
 
@@ -20,9 +20,9 @@ void phmClientImpl::init() {
   logger_.LogInfo() << "enter phmClientImpl::init()";
   // The timer is destroyed first: its calls must not meet an entity or a client being replaced.
   timer_.reset();
-  supervisionEntity_.reset();
+  supervision_entity_.reset();
   client_ = std::make_unique<ara::phm::Phm_client>(application_);
-  supervisionEntity_ = std::make_unique<ara::phm::SupervisionEntity>(*client_);
+  supervision_entity_ = std::make_unique<ara::phm::SupervisionEntity>(*client_);
   timer_ = std::make_unique<Phm_timer>([this] { alive(); });
   timer_->start(std::chrono::milliseconds(1000), std::chrono::milliseconds::zero());
 }
@@ -33,7 +33,7 @@ void phmClientImpl::stop() {
 
 void phmClientImpl::alive() const {
   logger_.LogVerbose() << "Alive checkpoint reached";
-  supervisionEntity_->CheckpointReached(kSupervisedEntity, kAliveCheckpoint);
+  supervision_entity_->CheckpointReached(supervised_entity, alive_checkpoint);
 }
 
 }  // namespace phmClient

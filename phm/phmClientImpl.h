@@ -7,7 +7,7 @@
 #include "ara/log/logger.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
-#include "phm/Phm_timer.h"
+#include "phm/phm_timer.h"
 
 namespace phmClient {
 
@@ -32,7 +32,7 @@ class phmClientImpl {
   const ara::core::InstanceSpecifier application_;
   ara::log::Logger& logger_;
   std::unique_ptr<ara::phm::Phm_client> client_;
-  std::unique_ptr<ara::phm::SupervisionEntity> supervisionEntity_;
+  std::unique_ptr<ara::phm::SupervisionEntity> supervision_entity_;
   std::unique_ptr<Phm_timer> timer_;  ///< last: its calls use the entity
 };
 

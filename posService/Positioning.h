@@ -6,7 +6,7 @@
 #include "binding/codec.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/cpp_binding/skeleton.h"
-#include "posService/PositioningRecords.h"
+#include "posService/positioning_records.h"
 
 namespace lumo::services::positioning {
 

@@ -68,8 +68,8 @@ posServiceImpl::~posServiceImpl() = default;
 void posServiceImpl::init() {
   logger_.LogInfo() << "enter posServiceImpl::init(), setting dummy values for all fields";
   skeleton_ = std::make_unique<posService::posServiceSkelImpl>();
-  updatePositions(boost::none, boost::none);
-  updateMapInfo(0);
+  update_positions(boost::none, boost::none);
+  update_map_info(0);
   skeleton_->OfferService();
 }
 
@@ -77,29 +77,31 @@ void posServiceImpl::stop() {
   if (skeleton_ != nullptr) skeleton_->StopOfferService();
 }
 
-void posServiceImpl::sendDR(Position position) {
-  auto now_us = time_.currentTimeUs();
+bool posServiceImpl::send_dr(Position position) {
+  auto now_us = time_.current_time_us();
   // Unsigned, so that the 32-bit clock may wrap around.
   const std::uint32_t elapsed_ms = to_ms(now_us) - last_mm_sent_ms_;
   if (elapsed_ms > mm_interval_ms_) {
     const auto map_info = map_matched(position, Position_source::forwarded_position);
-    diagnosis_.refreshMapMatchedPosition(as_map_matched(position, map_info));
-    sendMM(map_info);
+    diagnosis_.refresh_map_matched_position(as_map_matched(position, map_info));
+    send_mm(map_info);
     logger_.LogInfo() << "DR position is being sent as MM, time from last MM sent pos: "
                       << elapsed_ms << "ms";
-    now_us = time_.currentTimeUs();
+    now_us = time_.current_time_us();
     last_mm_sent_ms_ = to_ms(now_us);
   }
 
   const auto timestamp = binding::timestamp_of(position);
-  if (!timestamp) return;
-  if (!always_send_ && is_repeated(position)) return;
-  position.age = static_cast<std::uint32_t>(timeutils::absoluteDifference(timestamp->us(), now_us));
+  if (!timestamp) return false;
+  if (!always_send_ && is_repeated(position)) return false;
+  position.age =
+      static_cast<std::uint32_t>(timeutils::absolute_difference(timestamp->us(), now_us));
   publish(position);
+  return true;
 }
 
-void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
-                                     const boost::optional<double>& longitude) {
+void posServiceImpl::update_positions(const boost::optional<double>& latitude,
+                                      const boost::optional<double>& longitude) {
   Position position;
   const bool valid = latitude && longitude;
   if (!valid) {
@@ -128,19 +130,19 @@ void posServiceImpl::updatePositions(const boost::optional<double>& latitude,
     position.statusMapMatching = position_status::map_matching;
     message_counter_ = (message_counter_ + 1) % counter_period;
   }
-  binding::set_timestamp(position, binding::Timestamp::of_us(time_.currentTimeUs()));
+  binding::set_timestamp(position, binding::Timestamp::of_us(time_.current_time_us()));
   publish(position);
-  if (valid) sendMM(map_matched(position, Position_source::position_update));
+  if (valid) send_mm(map_matched(position, Position_source::position_update));
 }
 
-void posServiceImpl::updateMapInfo(std::uint32_t value) {
+void posServiceImpl::update_map_info(std::uint32_t value) {
   logger_.LogInfo() << "POS Service update map info";
   Map_info map_info;
   map_info.mapInfo = value;
-  sendMM(map_info);
+  send_mm(map_info);
 }
 
-void posServiceImpl::sendMM(const Map_info& map_info) {
+void posServiceImpl::send_mm(const Map_info& map_info) {
   if (skeleton_ != nullptr) skeleton_->publish(map_info);
 }
 

@@ -8,7 +8,7 @@
 
 #include "ara/log/logger.h"
 #include "clients/timeutils.h"
-#include "posService/PositioningRecords.h"
+#include "posService/positioning_records.h"
 
 namespace diagnosisService {
 class diagnosisServiceImpl;
@@ -24,20 +24,22 @@ class posServiceImpl {
   using Position = lumo::services::positioning::datatypes::DT_positions_struct;
   using Map_info = lumo::services::positioning::datatypes::DT_posMapInfo_struct;
 
-  /// `diagnosis` receives each position that sendDR() publishes as map-matched record.
+  /// `diagnosis` receives each position that send_dr() publishes as map-matched record.
   explicit posServiceImpl(diagnosisService::diagnosisServiceImpl& diagnosis,
                           const timeutils& time = timeutils::instance());
   ~posServiceImpl();
   posServiceImpl(const posServiceImpl&) = delete;
   posServiceImpl& operator=(const posServiceImpl&) = delete;
 
-  /// On (until set): sendDR() publishes every position with a full timestamp. Off: it publishes
+  /// On (until set): send_dr() publishes every position with a full timestamp. Off: it publishes
   /// only positions that differ from the previous one in a member other than messageCounter, time
   /// stamp and age. Absent equals absent. Set it before init().
-  void setAlwaysSendAllValidPositions(bool on) { always_send_ = on; }
+  void set_always_send_all_valid_positions(bool on) { always_send_ = on; }
   /// A position is also published as map-matched record if more than this time has passed since the
   /// last one; 1000 until set.
-  void setMmNewPositionCalculationIntervalMS(std::uint32_t interval) { mm_interval_ms_ = interval; }
+  void set_mm_new_position_calculation_interval_ms(std::uint32_t interval) {
+    mm_interval_ms_ = interval;
+  }
 
   /// Gives both fields their first values (a position with only the time, and map information 0)
   /// and offers the service. Throws std::runtime_error if the manifest does not have it.
@@ -48,15 +50,16 @@ class posServiceImpl {
   // Before init() the following functions build and log their records but send nothing.
 
   /// Publishes a dead-reckoned position if it has a full timestamp, with its age in microseconds.
-  /// Also publishes a map-matched record made from it if the interval has passed.
-  void sendDR(Position position);
+  /// Also publishes a map-matched record made from it if the interval has passed. Returns true if
+  /// it has published the position.
+  bool send_dr(Position position);
   /// Publishes a position made of the coordinates in degrees, whatever their values, and a
   /// map-matched record. Without both coordinates it publishes only the time, as position.
-  void updatePositions(const boost::optional<double>& latitude,
-                       const boost::optional<double>& longitude);
+  void update_positions(const boost::optional<double>& latitude,
+                        const boost::optional<double>& longitude);
   /// Publishes map information with only this value.
-  void updateMapInfo(std::uint32_t value);
-  void sendMM(const Map_info& map_info);
+  void update_map_info(std::uint32_t value);
+  void send_mm(const Map_info& map_info);
 
  private:
   void publish(const Position& position);

@@ -13,10 +13,10 @@
 #include <tuple>
 #include <vector>
 
-#include "tests/support/Capture.h"
-#include "tests/support/No_threads.h"
-#include "tests/support/Seen.h"
-#include "tests/support/Store.h"
+#include "tests/support/capture.h"
+#include "tests/support/no_threads.h"
+#include "tests/support/seen.h"
+#include "tests/support/store.h"
 
 namespace {
 
@@ -31,7 +31,7 @@ struct State_management {
   std::string instance;
   ara::stm::StateChangeHandler handler;
   std::thread early;  // a request made before the client is returned
-  bool requestEarly = false;
+  bool request_early = false;
   std::atomic<bool> connected{false};
 };
 State_management* management = nullptr;
@@ -40,10 +40,10 @@ class Client : public ara::stm::ComponentClient {
  public:
   Client() { management->connected = true; }
   ~Client() override { management->connected = false; }
-  void confirm(std::uint32_t sequenceNumber,
+  void confirm(std::uint32_t sequence_number,
                const std::string& newState,
                std::uint32_t result) override {
-    management->confirmations.add({sequenceNumber, newState, result});
+    management->confirmations.add({sequence_number, newState, result});
   }
 };
 
@@ -53,7 +53,7 @@ std::unique_ptr<ara::stm::ComponentClient> ara::stm::createComponentClient(
     const core::InstanceSpecifier& instance, StateChangeHandler handler) {
   management->instance = instance.ToString();
   management->handler = std::move(handler);
-  if (management->requestEarly) {
+  if (management->request_early) {
     management->early = std::thread([] { management->handler("kOn", 1); });
   }
   return std::make_unique<Client>();
@@ -61,9 +61,9 @@ std::unique_ptr<ara::stm::ComponentClient> ara::stm::createComponentClient(
 
 namespace {
 
-class ComponentClientWrapperTest : public testing::Test {
+class Component_client_wrapper : public testing::Test {
  public:
-  ComponentClientWrapperTest() { management = &management_; }
+  Component_client_wrapper() { management = &management_; }
 
  protected:
   void request(const std::string& state, std::uint32_t seqNum) {
@@ -82,12 +82,12 @@ class ComponentClientWrapperTest : public testing::Test {
   Persistency persistency_ = store_.open();
 };
 
-TEST_F(ComponentClientWrapperTest, an_owner_that_is_ready_is_prepared_within_the_request) {
+TEST_F(Component_client_wrapper, an_owner_that_is_ready_is_prepared_within_the_request) {
   const ComponentClientWrapper wrapper(&persistency_, [] { return true; });
   EXPECT_EQ(management_.instance, "POS__ORVEL1_Sys_Adaptive_01_instance1");
 
   request("kOn", 1);  // is on already: the persistency hears nothing
-  EXPECT_THAT(log_.Texts("DBAC"), IsEmpty());
+  EXPECT_THAT(log_.texts("DBAC"), IsEmpty());
   request("kPrepSD", 2);
   EXPECT_FALSE(persistency_.isStoringAllowed());
   request("kPrepSD", 3);
@@ -101,20 +101,20 @@ TEST_F(ComponentClientWrapperTest, an_owner_that_is_ready_is_prepared_within_the
                                         Confirmation{3, "kPrepSD", 0}, Confirmation{4, "kOn", 0},
                                         Confirmation{5, "kPrepSD", 0},
                                         Confirmation{6, "kUnknown", 0}, Confirmation{7, "", 0}));
-  EXPECT_THAT(log_.Texts("DBAC"),
+  EXPECT_THAT(log_.texts("DBAC"),
               ElementsAre("Database: storing forbidden", "Database: storing allowed",
                           "Database: storing forbidden", "Database: storing allowed",
                           "Database: storing allowed"));
 }
 
-TEST_F(ComponentClientWrapperTest, a_request_before_the_client_is_returned_is_confirmed) {
-  management_.requestEarly = true;
+TEST_F(Component_client_wrapper, a_request_before_the_client_is_returned_is_confirmed) {
+  management_.request_early = true;
   const ComponentClientWrapper wrapper(&persistency_, [] { return true; });
   management_.early.join();
   EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{1, "kOn", 0}));
 }
 
-TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_everything) {
+TEST_F(Component_client_wrapper, a_preparation_ends_when_the_owner_has_stored_everything) {
   // Each answer stores one of eight blobs, more than there are seconds: the
   // next question must follow the save.
   std::atomic<bool> busy{true};
@@ -135,7 +135,7 @@ TEST_F(ComponentClientWrapperTest, a_preparation_ends_when_the_owner_has_stored_
   EXPECT_FALSE(persistency_.isStoringAllowed());
 }
 
-TEST_F(ComponentClientWrapperTest, an_owner_that_throws_is_not_ready_and_stops_nothing) {
+TEST_F(Component_client_wrapper, an_owner_that_throws_is_not_ready_and_stops_nothing) {
   std::atomic<int> asked = 0;
   const ComponentClientWrapper wrapper(&persistency_, [&] {
     if (++asked == 1) throw std::runtime_error("disk on fire");
@@ -145,19 +145,19 @@ TEST_F(ComponentClientWrapperTest, an_owner_that_throws_is_not_ready_and_stops_n
   request("kPrepSD", 1);
   save();  // asks once more, in the preparation's thread
   EXPECT_THAT(confirmed(1), ElementsAre(Confirmation{1, "kPrepSD", 0}));
-  EXPECT_THAT(log_.Texts("CCSW"),
+  EXPECT_THAT(log_.texts("CCSW"),
               ElementsAre("componentStateChangeRequest newState =  kPrepSD  seqNum =  1",
                           "Error in the preparation for shutdown: disk on fire",
                           "Error in the preparation for shutdown: unknown exception"));
 }
 
-TEST_F(ComponentClientWrapperTest, a_preparation_without_a_thread_leaves_the_application_on) {
+TEST_F(Component_client_wrapper, a_preparation_without_a_thread_leaves_the_application_on) {
   const ComponentClientWrapper wrapper(&persistency_, {});
   {
     const test::No_threads none;
     request("kPrepSD", 1);
   }
-  EXPECT_TRUE(log_.Has("Error in the preparation for shutdown: Resource temporarily unavailable"));
+  EXPECT_TRUE(log_.has("Error in the preparation for shutdown: Resource temporarily unavailable"));
 
   request("kPrepSD", 2);  // tries again
   save();
@@ -166,7 +166,7 @@ TEST_F(ComponentClientWrapperTest, a_preparation_without_a_thread_leaves_the_app
 }
 
 /// Whether the preparation's thread, the only one beside this, sleeps.
-bool preparationWaits() {
+bool preparation_waits() {
   int others = 0;
   int sleeping = 0;
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -179,11 +179,11 @@ bool preparationWaits() {
   return others == 1 && sleeping == 1;
 }
 
-TEST_F(ComponentClientWrapperTest, a_save_wakes_the_newest_preparation_at_once) {
+TEST_F(Component_client_wrapper, a_save_wakes_the_newest_preparation_at_once) {
   const ComponentClientWrapper wrapper(&persistency_, {});
   for (std::uint32_t round = 0; round < 6; ++round) {
     request("kPrepSD", 10);
-    ASSERT_TRUE(test::eventually(preparationWaits));
+    ASSERT_TRUE(test::eventually(preparation_waits));
     request("kOn", 11);  // its wake and that of the save reach the same wait
     request("kPrepSD", 100 + round);
     const auto saved = std::chrono::steady_clock::now();
@@ -194,7 +194,7 @@ TEST_F(ComponentClientWrapperTest, a_save_wakes_the_newest_preparation_at_once) 
   }
 }
 
-TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {
+TEST_F(Component_client_wrapper, switching_on_during_a_preparation_wins) {
   const ComponentClientWrapper wrapper(&persistency_, {});
   request("kPrepSD", 1);
   request("kOn", 2);
@@ -220,7 +220,7 @@ TEST_F(ComponentClientWrapperTest, switching_on_during_a_preparation_wins) {
   EXPECT_FALSE(persistency_.isStoringAllowed());
 }
 
-TEST_F(ComponentClientWrapperTest, destruction_waits_for_a_preparation_at_most_five_seconds) {
+TEST_F(Component_client_wrapper, destruction_waits_for_a_preparation_at_most_five_seconds) {
   std::optional<ComponentClientWrapper> wrapper(std::in_place, &persistency_, [] { return false; });
   const auto start = std::chrono::steady_clock::now();
   request("kPrepSD", 1);

@@ -9,8 +9,8 @@
 
 #include "tests/app/wire.h"
 #include "tests/clients/printing.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Store.h"
+#include "tests/support/capture.h"
+#include "tests/support/store.h"
 
 namespace {
 
@@ -36,9 +36,9 @@ Gnss sample(std::uint32_t type, std::uint32_t counter) {
   return position;
 }
 
-class ApplicationTest : public testing::Test {
+class Pos_application : public testing::Test {
  public:
-  ~ApplicationTest() override {
+  ~Pos_application() override {
     if (result_.valid()) static_cast<void>(stop());
     application_.reset();
   }
@@ -50,7 +50,7 @@ class ApplicationTest : public testing::Test {
     store_.write(settings);
     application_.emplace(store_.open());
     result_ = std::async(std::launch::async, [this] { return application_->run(); });
-    ASSERT_TRUE(log_.WaitFor(
+    ASSERT_TRUE(log_.wait_for(
         "posApplication startup finished, waiting for shutdown signal, data will be processed in "
         "receiver threads."));
   }
@@ -60,13 +60,13 @@ class ApplicationTest : public testing::Test {
   }
 
   /// What `Read` of a data identifier answers.
-  std::vector<std::uint8_t> readIdentifier(std::string_view service) {
+  std::vector<std::uint8_t> read_identifier(std::string_view service) {
     const test::Finder finder(wire_.gateway(), service);
     const auto consumer = finder.connect();
     std::promise<std::vector<std::uint8_t>> answer;
-    std::vector<std::byte> noMetaInfo;
-    binding::encode(std::map<std::string, std::string>{}, noMetaInfo);
-    consumer->call(consumer->element("Read").method.value(), noMetaInfo,
+    std::vector<std::byte> no_meta_info;
+    binding::encode(std::map<std::string, std::string>{}, no_meta_info);
+    consumer->call(consumer->element("Read").method.value(), no_meta_info,
                    [&](tq::com::Return_code, tq::com::Payload payload) {
                      const auto* bytes = reinterpret_cast<const std::uint8_t*>(payload.data());
                      answer.set_value({bytes, bytes + payload.size()});
@@ -77,7 +77,7 @@ class ApplicationTest : public testing::Test {
   void become(const std::string& identifier, const std::vector<std::uint8_t>& bytes) {
     const auto service = "lumo::services::diag::" + identifier;
     std::vector<std::uint8_t> last;
-    EXPECT_TRUE(test::eventually([&] { return (last = readIdentifier(service)) == bytes; }))
+    EXPECT_TRUE(test::eventually([&] { return (last = read_identifier(service)) == bytes; }))
         << identifier << " is " << testing::PrintToString(last);
   }
 
@@ -90,7 +90,7 @@ class ApplicationTest : public testing::Test {
   std::future<int> result_;
 };
 
-TEST_F(ApplicationTest, a_gnss_position_becomes_a_dead_reckoning_position) {
+TEST_F(Pos_application, a_gnss_position_becomes_a_dead_reckoning_position) {
   run({{"ignoreGNSSTimestamps", KvsType(false)}, {"recievedGNSSDataLogging", KvsType(false)}});
   test::Seen<std::vector<Positioning>> published;
   const test::Finder finder(wire_.gateway(), "lumo::services::positioning::Positioning");
@@ -103,7 +103,7 @@ TEST_F(ApplicationTest, a_gnss_position_becomes_a_dead_reckoning_position) {
 
   update(*gnss_, "positions", std::vector{sample(1, 6)});  // not of the wanted type
   gnss_->offer();
-  ASSERT_TRUE(log_.WaitFor("generalClientImpl: connected to instance  1"));
+  ASSERT_TRUE(log_.wait_for("generalClientImpl: connected to instance  1"));
   update(*gnss_, "positions", std::vector{sample(2, 7)});
   ASSERT_TRUE(published.wait_count(2));
 
@@ -121,7 +121,7 @@ TEST_F(ApplicationTest, a_gnss_position_becomes_a_dead_reckoning_position) {
   EXPECT_EQ(stop(), 0);
 }
 
-TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_records_and_the_offset) {
+TEST_F(Pos_application, what_the_consumed_services_tell_is_in_the_data_bus_records_and_the_offset) {
   run({{"timeClientEnabled", KvsType(true)}});
   const std::string not_available = "d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable";
   const std::string error_value =
@@ -154,8 +154,8 @@ TEST_F(ApplicationTest, what_the_consumed_services_tell_is_in_the_data_bus_recor
   times->offer();
   become(implausible, {0, 0, 0, 15, 1, 2, 1, 0, 1, 1, 3, 1, 0, 1, 2, 1, 1, 0, 1});
   EXPECT_TRUE(
-      log_.WaitFor("Times struct received from Timemaster:  type missing,  pltOffset missing"));
-  EXPECT_EQ(timeutils::instance().addOffset(0), 1'234u);
+      log_.wait_for("Times struct received from Timemaster:  type missing,  pltOffset missing"));
+  EXPECT_EQ(timeutils::instance().add_offset(0), 1'234u);
 
   update(*gnss_, "positions", std::vector<Gnss>(1));
   become(error_value, {0, 0, 0, 5, 1, 1, 0, 0, 1});

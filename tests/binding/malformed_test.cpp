@@ -3,7 +3,7 @@
 #include <gmock/gmock.h>
 
 #include "binding/codec.h"
-#include "clients/GnssRecords.h"
+#include "clients/gnss_records.h"
 #include "tests/binding/bytes.h"
 #include "tests/support/error_of.h"
 

@@ -1,9 +1,9 @@
 #include <gmock/gmock.h>
 
 #include "binding/codec.h"
-#include "clients/GnssRecords.h"
-#include "clients/TimeRecords.h"
-#include "posService/PositioningRecords.h"
+#include "clients/gnss_records.h"
+#include "clients/time_records.h"
+#include "posService/positioning_records.h"
 #include "tests/binding/bytes.h"
 #include "tests/clients/printing.h"
 #include "tests/support/error_of.h"

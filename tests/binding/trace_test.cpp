@@ -9,8 +9,8 @@
 #include "clients/GNSS.h"
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "mw/com/cpp_binding/skeleton.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace {
 
@@ -36,8 +36,8 @@ class Trace : public testing::Test {
   Trace() { context_.SetLevel(LogLevel::kInfo); }
   /// What was told since the last call.
   std::vector<std::string> told() {
-    auto texts = capture_.Texts("TRCE");
-    capture_.Clear();
+    auto texts = capture_.texts("TRCE");
+    capture_.clear();
     return texts;
   }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <thread>
 
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace {
 
@@ -48,9 +48,9 @@ struct Proxy {
   static inline std::thread running_handler;
 };
 
-class GeneralClient : public ::testing::Test {
+class General_client : public ::testing::Test {
  protected:
-  GeneralClient() {
+  General_client() {
     Proxy::search = nullptr;
     Proxy::life.clear();
     Proxy::stop_requested = {};
@@ -64,18 +64,18 @@ class GeneralClient : public ::testing::Test {
   GeneralClientImpl<Proxy> client_{logger_};
 };
 
-TEST_F(GeneralClient, connects_to_the_first_instance_of_each_result_that_has_one) {
+TEST_F(General_client, connects_to_the_first_instance_of_each_result_that_has_one) {
   std::vector<bool> told;
-  client_.setAvailabilityCallback([&](bool available) { told.push_back(available); });
+  client_.set_availability_callback([&](bool available) { told.push_back(available); });
   start();
-  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_FALSE(client_.is_available());
   Proxy::result({});
   Proxy::result({{5}, {2}});
-  EXPECT_TRUE(client_.isAvailable());
-  EXPECT_EQ(capture_.Texts("TGCL").size(), 3U) << "both are available, one is connected to";
+  EXPECT_TRUE(client_.is_available());
+  EXPECT_EQ(capture_.texts("TGCL").size(), 3U) << "both are available, one is connected to";
   Proxy::result({});
   Proxy::result({});
-  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_FALSE(client_.is_available());
   EXPECT_THAT(Proxy::life, ElementsAre("+5", "set up 5")) << "keeps its proxy";
   Proxy::result({{5}});
   Proxy::result({{6}, {5}});
@@ -86,7 +86,7 @@ TEST_F(GeneralClient, connects_to_the_first_instance_of_each_result_that_has_one
   EXPECT_THAT(told, ElementsAre(true, false, true)) << "not that it was stopped";
 }
 
-TEST_F(GeneralClient, passes_a_failure_of_the_set_up_on_and_connects_again_later) {
+TEST_F(General_client, passes_a_failure_of_the_set_up_on_and_connects_again_later) {
   bool fails = true;
   client_.init([&](Proxy&) {
     if (fails) throw std::runtime_error{"no subscription"};
@@ -96,21 +96,21 @@ TEST_F(GeneralClient, passes_a_failure_of_the_set_up_on_and_connects_again_later
   EXPECT_NO_THROW(Proxy::result({{5}}));
 }
 
-TEST_F(GeneralClient, stop_ends_search_and_proxy_once_and_init_starts_over) {
+TEST_F(General_client, stop_ends_search_and_proxy_once_and_init_starts_over) {
   start();
   Proxy::result({{5}});
   client_.stop();
   EXPECT_EQ(Proxy::search, nullptr);
-  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_FALSE(client_.is_available());
   EXPECT_THAT(Proxy::life, ElementsAre("+5", "set up 5", "-5"));
   client_.stop();
   start();
   Proxy::result({{5}});
-  EXPECT_TRUE(client_.isAvailable());
+  EXPECT_TRUE(client_.is_available());
   Proxy::stop_requested = {};
 }
 
-TEST_F(GeneralClient, a_result_that_comes_in_during_stop_leaves_no_proxy_behind) {
+TEST_F(General_client, a_result_that_comes_in_during_stop_leaves_no_proxy_behind) {
   std::promise<void> in_set_up;
   client_.init([&](Proxy&) {
     in_set_up.set_value();
@@ -119,7 +119,7 @@ TEST_F(GeneralClient, a_result_that_comes_in_during_stop_leaves_no_proxy_behind)
   Proxy::running_handler = std::thread{[] { Proxy::result({{5}}); }};
   in_set_up.get_future().wait();
   client_.stop();
-  EXPECT_FALSE(client_.isAvailable());
+  EXPECT_FALSE(client_.is_available());
   EXPECT_THAT(Proxy::life, ElementsAre("+5", "-5"));
 }
 

@@ -7,8 +7,8 @@
 #include "clients/gnssClientImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace {
 
@@ -33,17 +33,17 @@ class Gnss_client : public ::testing::Test {
  protected:
   Gnss_client() {
     time_.now_us = 1'700'000'000'250'000;
-    client_.setPositionCallback([this](const Position& p) { positions_.push_back(p); });
-    client_.setSatInfosCallback(
+    client_.set_position_callback([this](const Position& p) { positions_.push_back(p); });
+    client_.set_sat_infos_callback(
         [this](const std::vector<Satellite>& s) { satellites_.push_back(s.size()); });
   }
   void connect() {
     client_.init();
     runtime_.find({1});
-    capture_.Clear();
+    capture_.clear();
   }
   std::vector<std::string> pipeline_lines() {
-    return capture_.Texts(ara::log::DefaultLogger().ContextId());
+    return capture_.texts(ara::log::DefaultLogger().ContextId());
   }
 
   Fake_runtime runtime_;
@@ -56,7 +56,7 @@ class Gnss_client : public ::testing::Test {
 
 TEST_F(Gnss_client, survives_a_callback_that_throws_and_stops) {
   connect();
-  client_.setPositionCallback([](const Position&) { throw std::runtime_error{"no"}; });
+  client_.set_position_callback([](const Position&) { throw std::runtime_error{"no"}; });
   runtime_.notify("positions", std::vector{sample(1, 1)});
   client_.stop();
   EXPECT_FALSE(runtime_.searches());
@@ -70,10 +70,10 @@ TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told
   last.preciseLocalTimeSeconds = 5;
   std::vector samples{sample(1, 1), last};
   runtime_.notify("positions", samples);
-  client_.setIgnoreGNSSTimestamps(true);
+  client_.set_ignore_gnss_timestamps(true);
   runtime_.notify("positions", samples);
   EXPECT_THAT(pipeline_lines(), SizeIs(1)) << "about the timestamp";
-  client_.setUseGNSSDR(true);
+  client_.set_use_gnss_dr(true);
   runtime_.notify("positions", samples);
   runtime_.notify("positions", std::vector{sample(boost::none, 3)});
   runtime_.notify("positions", std::vector<Position>{});
@@ -95,9 +95,9 @@ TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told
 }
 
 TEST_F(Gnss_client, passes_quality_records_on_one_by_one_once_logged_and_satellites_as_a_whole) {
-  client_.setRecievedGNSSDataLogging(true);
-  client_.setPositionsQualityCallback(
-      [this](const Quality&) { ara::log::LogInfo() << "passed on"; });
+  client_.set_recieved_gnss_data_logging(true);
+  client_.set_positions_quality_callback(
+      [](const Quality&) { ara::log::LogInfo() << "passed on"; });
   connect();
   runtime_.notify("positionsQuality", std::vector<Quality>(2));
   EXPECT_THAT(pipeline_lines(),
@@ -112,7 +112,7 @@ TEST_F(Gnss_client, tells_of_a_field_s_faults_when_they_come_and_when_they_go) {
   using Field = gnssClientImpl::Field;
   using clients::Data_faults;
   std::vector<std::pair<Field, Data_faults>> told;
-  client_.setDataFaultsCallback(
+  client_.set_data_faults_callback(
       [&](Field field, const Data_faults& faults) { told.emplace_back(field, faults); });
   connect();
   const auto expect = [&](const std::vector<Position>& samples,

@@ -5,5 +5,7 @@
 
 struct Fixed_time : timeutils {
   std::uint64_t now_us = 0;
-  [[nodiscard]] std::uint64_t currentTimeUs() const override { return now_us; }
+  [[nodiscard]] std::chrono::nanoseconds now() const override {
+    return std::chrono::microseconds{now_us};
+  }
 };

@@ -6,7 +6,7 @@
 #include <cstdlib>
 
 #include "tests/clients/fixed_time.h"
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace {
 
@@ -29,13 +29,13 @@ TEST(Timeutils, expands_31_bits_to_the_period_within_five_days_of_the_last_read_
         Case{2 * period_ms - 2, 3, 3}}) {
     Fixed_time time;
     time.now_us = last_ms * 1000 + 999;
-    EXPECT_EQ(time.currentTimeMs(), last_ms);
-    EXPECT_EQ(time.currentTime31BitMs(), static_cast<std::int32_t>(last_ms % period_ms));
+    EXPECT_EQ(time.current_time_ms(), last_ms);
+    EXPECT_EQ(time.current_time_31_bit_ms(), static_cast<std::int32_t>(last_ms % period_ms));
     time.now_us = 0;  // not the current time counts but the last read
-    EXPECT_EQ(time.expand31BitMsToUs(static_cast<std::int32_t>(value)), expanded_ms * 1000);
+    EXPECT_EQ(time.expand_31_bit_ms_to_us(static_cast<std::int32_t>(value)), expanded_ms * 1000);
   }
-  EXPECT_EQ(Fixed_time{}.expand31BitMsToUs(9), 9U * 1000);
-  EXPECT_EQ(timeutils::absoluteDifference(0, ~0ULL), ~0ULL);
+  EXPECT_EQ(Fixed_time{}.expand_31_bit_ms_to_us(9), 9U * 1000);
+  EXPECT_EQ(timeutils::absolute_difference(0, ~0ULL), ~0ULL);
 }
 
 TEST(Timeutils, throws_when_there_is_no_time_base_and_is_created_once_there_is) {
@@ -44,7 +44,7 @@ TEST(Timeutils, throws_when_there_is_no_time_base_and_is_created_once_there_is) 
   EXPECT_THROW(static_cast<void>(timeutils::instance()), std::runtime_error);
   ASSERT_EQ(setenv("POS_TIME_BASE", "CLOCK_REALTIME", 1), 0);
   const std::chrono::sys_time<std::chrono::microseconds> now{
-      std::chrono::microseconds{timeutils::instance().currentTimeUs()}};
+      std::chrono::microseconds{timeutils::instance().current_time_us()}};
   EXPECT_LT(std::chrono::abs(std::chrono::system_clock::now() - now), std::chrono::seconds{10});
 }
 

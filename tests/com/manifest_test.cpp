@@ -12,8 +12,8 @@
 #include <utility>
 
 #include "mw/com/runtime.h"
-#include "tests/support/Temporary_folder.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temporary_folder.h"
 #include "tq/com/runtime.h"
 
 namespace {

@@ -12,7 +12,7 @@
 
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
-#include "tests/support/Seen.h"
+#include "tests/support/seen.h"
 #include "tq/com/runtime.h"
 
 namespace test {

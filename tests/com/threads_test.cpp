@@ -11,14 +11,14 @@
 #include <thread>
 #include <utility>
 
-#include "mw/com/Strand.h"
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/static_thread_pool.h"
+#include "mw/com/strand.h"
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/notification_queue.h"
 #include "tests/com/test_network.h"
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace {
 
@@ -283,7 +283,7 @@ TEST(Log, of_what_peers_can_cause_is_limited_in_its_rate) {
     mw::com::cpp_binding::log_notify_without_value(0x8001);
   }
   // Ten a second of each; the hundred may take a little longer than one.
-  EXPECT_LE(capture.Records().size(), 60U);
+  EXPECT_LE(capture.records().size(), 60U);
 }
 
 TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_queue_waiting_for_it) {

@@ -10,8 +10,8 @@
 #include <utility>
 
 #include "diagnosisService/diagnosisServiceImpl.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace diagnosisService {
 namespace {
@@ -60,18 +60,18 @@ class Diagnosis : public ::testing::Test {
   /// All sensors off but GNSS, everything offered, log emptied.
   void run_with_gnss() {
     service->init(hour_ms);
-    service->startMonitors();
-    service->setSystemStatus(kSystemMapMatching, kNotAvailable);
-    service->setSystemStatus(kSystemPgf, kNotAvailable);
-    service->newSensorSetup({true});
-    log.Clear();
+    service->start_monitors();
+    service->set_system_status(system_map_matching, Status::not_available);
+    service->set_system_status(system_pgf, Status::not_available);
+    service->new_sensor_setup({true});
+    log.clear();
   }
   void bring_gnss_into_error() {
-    service->dataReceived(gnss, start);
+    service->data_received(gnss, start);
     service->evaluate(start);
     service->evaluate(start + 1h + 1ns);
-    ASSERT_EQ(service->status(gnss), kError);
-    log.Clear();
+    ASSERT_EQ(service->status(gnss), Status::error);
+    log.clear();
   }
 
   test::Capture log;
@@ -97,35 +97,35 @@ TEST_F(Diagnosis, init_offers_the_data_identifiers_with_the_initial_statuses) {
 TEST(Data_identifiers_page, lists_every_monitor_with_its_status_byte) {
   std::ifstream file{POS_DOCS "/data-identifiers.md"};
   const std::string page{std::istreambuf_iterator<char>{file}, {}};
-  const std::map<StatusGroup, std::string> places{{StatusGroup::input, "d_14a0 byte "},
-                                                  {StatusGroup::output, "d_14a1 byte "},
-                                                  {StatusGroup::system, "d_14a3 byte "},
-                                                  {StatusGroup::none, "none, always passed"}};
-  for (const auto& monitor : kMonitors) {
+  const std::map<Status_group, std::string> places{{Status_group::input, "d_14a0 byte "},
+                                                   {Status_group::output, "d_14a1 byte "},
+                                                   {Status_group::system, "d_14a3 byte "},
+                                                   {Status_group::none, "none, always passed"}};
+  for (const auto& monitor : monitor_table) {
     std::ostringstream line;
     line << "| 0x" << std::hex << std::uppercase << monitor.identifier << std::dec << " | "
          << monitor.name << " | " << places.at(monitor.group);
-    if (monitor.group != StatusGroup::none) line << int{monitor.byte};
+    if (monitor.group != Status_group::none) line << int{monitor.byte};
     EXPECT_THAT(page, ::testing::HasSubstr(line.str() + " |\n"));
   }
 }
 
 TEST_F(Diagnosis, the_sensor_setup_decides_what_is_available_and_evaluated) {
   service->init(hour_ms);
-  service->dataReceived(gnss, start);
-  service->dataReceived(0x83D10B, start);
+  service->data_received(gnss, start);
+  service->data_received(0x83D10B, start);
   service->evaluate(start);
   EXPECT_EQ(inputs(), Bytes(11, 2)) << "not known yet";
-  service->newSensorSetup({true});
+  service->new_sensor_setup({true});
   service->evaluate(start);
-  auto setup = diagnosisServiceImpl::SensorSetup{};
+  auto setup = diagnosisServiceImpl::Sensor_setup{};
   setup[0] = setup[8] = true;
-  service->newSensorSetup(setup);
+  service->new_sensor_setup(setup);
   EXPECT_EQ(inputs(), (Bytes{0, 3, 3, 3, 3, 3, 3, 3, 2, 3, 3})) << "Nominal stays";
 
   // Off means off, whatever arrives and however long it takes.
-  for (const auto& monitor : kMonitors)
-    service->dataReceived(monitor.identifier, start + 1h);
+  for (const auto& monitor : monitor_table)
+    service->data_received(monitor.identifier, start + 1h);
   service->evaluate(start + 1h);
   EXPECT_EQ(inputs(), (Bytes{0, 3, 3, 3, 3, 3, 3, 3, 0, 3, 3}));
   service->evaluate(start + 3h);
@@ -133,115 +133,115 @@ TEST_F(Diagnosis, the_sensor_setup_decides_what_is_available_and_evaluated) {
 
   // On again is a new start.
   setup = {true, true};
-  service->newSensorSetup(setup);
+  service->new_sensor_setup(setup);
   EXPECT_EQ(inputs(), (Bytes{2, 2, 3, 3, 3, 3, 3, 3, 3, 3, 3}));
 }
 
 TEST_F(Diagnosis, of_two_sensor_setups_at_once_one_holds_for_flags_and_statuses) {
   service->init(hour_ms);
-  service->dataReceived(0x83D102, start);
-  log.OnRecord([&, nested = false](const auto& record) mutable {
-    if (record.Text() != "sensor GNSS                ON" || std::exchange(nested, true)) return;
-    service->newSensorSetup({false, true});
+  service->data_received(0x83D102, start);
+  log.on_record([&, nested = false](const auto& record) mutable {
+    if (record.text() != "sensor GNSS                ON" || std::exchange(nested, true)) return;
+    service->new_sensor_setup({false, true});
   });
-  service->newSensorSetup({true});
+  service->new_sensor_setup({true});
   service->evaluate(start);
   EXPECT_EQ(inputs(), (Bytes{3, 0, 3, 3, 3, 3, 3, 3, 3, 3, 3}));
 }
 
 TEST_F(Diagnosis, every_monitor_reports_its_own_status_byte) {
   service->init(hour_ms);
-  diagnosisServiceImpl::SensorSetup all;
+  diagnosisServiceImpl::Sensor_setup all;
   all.fill(true);
-  service->newSensorSetup(all);
+  service->new_sensor_setup(all);
   auto expected = Bytes(11, 2);
   std::size_t sensor = 0;
   for (const auto monitor : {0x83D101U, 0x83D102U, 0x83D10EU, 0x83D106U, 0x83D107U, 0x83D108U,
                              0x83D109U, 0x83D10AU, 0x83D10BU, 0x83D10CU, 0x83D10DU}) {
-    service->dataReceived(monitor, start);
+    service->data_received(monitor, start);
     service->evaluate(start);
     expected[sensor++] = 0;
     EXPECT_EQ(inputs(), expected);
-    EXPECT_EQ(service->status(monitor), kNominal);
+    EXPECT_EQ(service->status(monitor), Status::nominal);
   }
   for (const auto& [monitor, byte] : std::vector<std::pair<std::uint32_t, std::size_t>>{
            {0x83D100, 0}, {0x83D121, 1}, {0x83D120, 3}, {0x83D122, 12}, {0x83D123, 0}}) {
-    service->setSystemStatus(byte, 3);
-    EXPECT_EQ(service->status(monitor), 3) << monitorName(monitor);
-    service->setSystemStatus(byte, 0);
+    service->set_system_status(byte, 3);
+    EXPECT_EQ(service->status(monitor), 3) << monitor_name(monitor);
+    service->set_system_status(byte, 0);
   }
-  EXPECT_THROW(service->setSystemStatus(14, 0), std::out_of_range);
+  EXPECT_THROW(service->set_system_status(14, 0), std::out_of_range);
   EXPECT_EQ(service->status(0x83D501), 0);
   EXPECT_EQ(service->status(1), 0);
 }
 
 TEST_F(Diagnosis, data_that_stays_away_is_an_error_until_it_comes_back) {
   run_with_gnss();
-  service->dataReceived(gnss, start);
-  EXPECT_EQ(service->status(gnss), kInit) << "only an evaluation changes a status";
+  service->data_received(gnss, start);
+  EXPECT_EQ(service->status(gnss), Status::init) << "only an evaluation changes a status";
   service->evaluate(start);
   service->evaluate(start + 1h);
-  EXPECT_EQ(service->status(gnss), kNominal) << "exactly the time-out is not late yet";
+  EXPECT_EQ(service->status(gnss), Status::nominal) << "exactly the time-out is not late yet";
   service->evaluate(start + 1h + 1ns);
   service->evaluate(start + 2h);
-  EXPECT_EQ(service->status(gnss), kError);
-  service->dataReceived(gnss, start + 2h);
+  EXPECT_EQ(service->status(gnss), Status::error);
+  service->data_received(gnss, start + 2h);
   service->evaluate(start + 2h);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   EXPECT_THAT(actions("POS_Input_GNSS"), ElementsAre(Bytes{0}, Bytes{1}, Bytes{0}));
 }
 
 TEST_F(Diagnosis, what_never_received_data_stays_init_even_right_after_boot) {
-  service->dataReceived(gnss, start);  // before init, which is not data
+  service->data_received(gnss, start);  // before init, which is not data
   run_with_gnss();
   for (const auto now : {Clock::time_point{1s}, start, start + 5h}) {
     service->evaluate(now);
-    EXPECT_EQ(service->status(gnss), kInit);
+    EXPECT_EQ(service->status(gnss), Status::init);
     EXPECT_EQ(outputs(), (Bytes{2, 2, 0}));
   }
-  service->dataReceived(1, start);
-  service->dataReceived(0xFFFFFFFF, start);
-  EXPECT_THAT(log.Texts("DSRV"), IsEmpty());
+  service->data_received(1, start);
+  service->data_received(0xFFFFFFFF, start);
+  EXPECT_THAT(log.texts("DSRV"), IsEmpty());
 }
 
 TEST_F(Diagnosis, an_output_follows_its_system_function_before_its_own_data) {
   run_with_gnss();
   for (const auto& [system, monitor, output] :
-       {std::tuple{kSystemMapMatching, map_matched, 0U}, {kSystemPgf, dead_reckoning, 1U}}) {
-    service->dataReceived(monitor, start);
+       {std::tuple{system_map_matching, map_matched, 0U}, {system_pgf, dead_reckoning, 1U}}) {
+    service->data_received(monitor, start);
     service->evaluate(start);
-    EXPECT_EQ(outputs()[output], kNominal);
-    for (const std::uint8_t governing : {kError, kInit}) {
-      service->setSystemStatus(system, governing);
+    EXPECT_EQ(outputs()[output], Status::nominal);
+    for (const std::uint8_t governing : {Status::error, Status::init}) {
+      service->set_system_status(system, governing);
       service->evaluate(start);
       EXPECT_EQ(outputs()[output], governing);
     }
-    service->setSystemStatus(system, kNominal);
+    service->set_system_status(system, Status::nominal);
     service->evaluate(start + 1h + 1ns);
-    EXPECT_EQ(outputs()[output], kInit) << "late data does not lead out of Init";
-    service->dataReceived(monitor, start + 1h);
+    EXPECT_EQ(outputs()[output], Status::init) << "late data does not lead out of Init";
+    service->data_received(monitor, start + 1h);
     service->evaluate(start + 1h);
     service->evaluate(start + 3h);
-    EXPECT_EQ(outputs()[output], kError);
+    EXPECT_EQ(outputs()[output], Status::error);
   }
-  EXPECT_EQ(outputs()[2], kNominal) << "nothing evaluates the static output";
+  EXPECT_EQ(outputs()[2], Status::nominal) << "nothing evaluates the static output";
 }
 
 TEST_F(Diagnosis, clearing_turns_an_error_nominal_and_gives_it_a_fresh_start) {
   run_with_gnss();
   bring_gnss_into_error();
   service->clear(gnss, start + 2h);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   service->evaluate(start + 3h);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   service->evaluate(start + 3h + 1ns);
-  EXPECT_EQ(service->status(gnss), kError);
+  EXPECT_EQ(service->status(gnss), Status::error);
 
   service->clear(dead_reckoning, start);
-  EXPECT_EQ(service->status(dead_reckoning), kInit) << "only an Error is cleared";
-  service->setSystemStatus(0, kError);
+  EXPECT_EQ(service->status(dead_reckoning), Status::init) << "only an Error is cleared";
+  service->set_system_status(0, Status::error);
   service->clear(0x83D100, start);
-  EXPECT_EQ(service->status(0x83D100), kError) << "system functions are not cleared";
+  EXPECT_EQ(service->status(0x83D100), Status::error) << "system functions are not cleared";
 }
 
 TEST_F(Diagnosis, the_event_manager_clears_and_restarts_a_monitor_whose_error_is_a_failed_test) {
@@ -249,11 +249,11 @@ TEST_F(Diagnosis, the_event_manager_clears_and_restarts_a_monitor_whose_error_is
   bring_gnss_into_error();
   for (const auto reason : Bytes{1, 2, 3, 255, 0})  // of which 3 and 255 are none
     init_monitor("POS_Input_GNSS", reason);
-  EXPECT_EQ(service->status(gnss), kNominal);
+  EXPECT_EQ(service->status(gnss), Status::nominal);
   EXPECT_THAT(actions("POS_Input_GNSS"),
               ElementsAre(Bytes{0}, Bytes{1}, Bytes{1}, Bytes{1}, Bytes{0}));
 
-  service->setSystemStatus(0, kError);
+  service->set_system_status(0, Status::error);
   for (const auto& [monitor, action] :
        std::vector<std::pair<std::string, std::uint8_t>>{{"POS_Output_DeadReckoning", 0},  // Init
                                                          {"POS_Input_Odometry", 0},  // NotAvailable
@@ -271,20 +271,20 @@ TEST_F(Diagnosis, the_last_event_tells_the_last_result_also_when_senders_overtak
     if (std::exchange(sending, true)) return;
     init_monitor("POS_Input_GNSS", 0);  // its kPassed leaves before the kFailed under way
   };
-  service->sendResult(gnss);
+  service->send_result(gnss);
   EXPECT_THAT(actions("POS_Input_GNSS"),
               ElementsAre(Bytes{0}, Bytes{1}, Bytes{0}, Bytes{1}, Bytes{0}));
 }
 
 TEST_F(Diagnosis, results_before_the_monitors_are_offered_and_after_the_stop_are_dropped) {
   service->init(hour_ms);
-  service->sendResult(gnss);
-  service->startMonitors();
+  service->send_result(gnss);
+  service->start_monitors();
   service->sendEvent(7, mw::dm::dem::MonitorActionType::kPassed);
   service->stop();
-  service->sendResult(gnss);
+  service->send_result(gnss);
   EXPECT_THAT(actions("POS_Input_GNSS"), IsEmpty());
-  EXPECT_THAT(log.Texts("DSRV"),
+  EXPECT_THAT(log.texts("DSRV"),
               ::testing::Contains("diagnosticMonitorServiceImpl::sendEvent(): ignore, skeleton not "
                                   "ready yet!")
                   .Times(3));
@@ -292,17 +292,17 @@ TEST_F(Diagnosis, results_before_the_monitors_are_offered_and_after_the_stop_are
 
 TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
   service->init(hour_ms);
-  service->refreshMapMatchedPosition({.latitude = 48.137154,
-                                      .longitude = -11.576124,
-                                      .altitude = 519.25F,
-                                      .heading = -90.0F,
-                                      .speed = 13.5F,
-                                      .message_counter = 99,
-                                      .seconds = 1'700'000'000,  // 2023-11-14, 22:13:20
-                                      .nanoseconds = 250'000'000,
-                                      .status_map = 3,
-                                      .status_map_matching = 2,
-                                      .position_source = 4});
+  service->refresh_map_matched_position({.latitude = 48.137154,
+                                         .longitude = -11.576124,
+                                         .altitude = 519.25F,
+                                         .heading = -90.0F,
+                                         .speed = 13.5F,
+                                         .message_counter = 99,
+                                         .seconds = 1'700'000'000,  // 2023-11-14, 22:13:20
+                                         .nanoseconds = 250'000'000,
+                                         .status_map = 3,
+                                         .status_map_matching = 2,
+                                         .position_source = 4});
 
   EXPECT_EQ(read("PositioningMMPos"),
             (Bytes{0, 0, 0, 5, 0x0B, 0x35, 0x32, 0xAD, 0xD0,  // 48 137 154 000
@@ -310,7 +310,7 @@ TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
                    0, 0, 0, 3, 0x00, 0xCA, 0xD5,              // 51 925 cm
                    0, 0, 0, 3, 0x7A, 0x12, 0x19,              // 8 000 025 times 10 ms
                    0, 0, 0, 2, 0x3F, 0x42}));
-  const auto record = service->mapMatchedPosition();
+  const auto record = service->map_matched_position();
   EXPECT_THAT(record.heading, ElementsAre(0x69, 0x78));  // 270.00 deg
   EXPECT_THAT(record.speed, ElementsAre(0x05, 0x46));    // 13.50 m/s
   EXPECT_THAT(record.day, ElementsAre(0x4C, 0xDB));      // 19 675
@@ -324,7 +324,7 @@ TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
   position.longitude = 1000.0;  // more than 40 bits hold
   position.altitude = -1e9F;
   position.position_source = 16;
-  service->refreshMapMatchedPosition(position);
+  service->refresh_map_matched_position(position);
   EXPECT_EQ(read("PositioningMMPos"),
             (Bytes{0, 0, 0, 5,    0, 0, 0, 0, 0, 0, 0, 0, 5, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0,
                    0, 0, 3, 0x80, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0,    0,    0,    2,    0xF6, 0xFF}));
@@ -332,24 +332,24 @@ TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
 
 TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_the_end) {
   service->init(hour_ms);
-  using enum DataBusFault;
+  using enum Data_bus_fault;
   const auto read_not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
-  service->setDataBusFault(notAvailable, Data_bus_element::Time, false);
+  service->set_data_bus_fault(not_available, Data_bus_element::time, false);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 0})) << "an absent fault leaves no entry";
 
   for (int repeated = 0; repeated < 2; ++repeated)
-    service->setDataBusFault(notAvailable, Data_bus_element::GNSS, true);
+    service->set_data_bus_fault(not_available, Data_bus_element::gnss, true);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1}));
   const auto come_and_go = [&](int times) {
     for (int i = 0; i < times; ++i) {
-      service->setDataBusFault(notAvailable, Data_bus_element::Time_times, true);
-      service->setDataBusFault(notAvailable, Data_bus_element::Time_times, false);
+      service->set_data_bus_fault(not_available, Data_bus_element::time_times, true);
+      service->set_data_bus_fault(not_available, Data_bus_element::time_times, false);
     }
   };
   come_and_go(0x103);
-  service->setDataBusFault(notAvailable, Data_bus_element::GNSS, false);
+  service->set_data_bus_fault(not_available, Data_bus_element::gnss, false);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 1, 0, 1, 3}));
-  EXPECT_EQ(service->dataBusFaultCount(notAvailable), 0x104U);
+  EXPECT_EQ(service->data_bus_fault_count(not_available), 0x104U);
   come_and_go(0x1'0000);
   EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 1, 0, 0xFF, 0xFF}))
       << "does not start anew";
@@ -360,15 +360,15 @@ TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_th
 TEST_F(Diagnosis, a_required_service_that_is_not_found_within_the_time_out_is_not_available) {
   service->init(hour_ms);
   const auto not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
-  service->requireService(Data_bus_element::GNSS, start);
-  service->requireService(Data_bus_element::Time, start);
-  service->setDataBusFault(DataBusFault::notAvailable, Data_bus_element::Time, false);
+  service->require_service(Data_bus_element::gnss, start);
+  service->require_service(Data_bus_element::time, start);
+  service->set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::time, false);
   service->evaluate(start + 1h);
   EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 0})) << "exactly the time-out is not late yet";
   service->evaluate(start + 1h + 1ns);
   service->evaluate(start + 2h);
   EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1})) << "once, and not the found one";
-  service->setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS, false);
+  service->set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::gnss, false);
   service->evaluate(start + 3h);
   EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 5, 1, 0, 0, 0, 1}));
 }
@@ -376,32 +376,32 @@ TEST_F(Diagnosis, a_required_service_that_is_not_found_within_the_time_out_is_no
 TEST_F(Diagnosis, a_second_init_resets_what_the_first_one_and_the_data_made) {
   run_with_gnss();
   bring_gnss_into_error();
-  service->setDataBusFault(DataBusFault::notAvailable, Data_bus_element::GNSS, true);
+  service->set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::gnss, true);
   service->init(20);  // evaluated every 2 ms, in place of every 360 s
   EXPECT_EQ(inputs(), Bytes(11, 2));
   EXPECT_EQ(read("BDPSomeipDataBusServiceNotAvailable"), (Bytes{0, 0, 0, 0}));
-  EXPECT_THAT(runtime.offered(), SizeIs(7 + kMonitors.size()));
+  EXPECT_THAT(runtime.offered(), SizeIs(7 + monitor_table.size()));
   service->evaluate(start);
-  EXPECT_EQ(service->status(gnss), kInit) << "the data of before is forgotten";
-  service->dataReceived(gnss);
+  EXPECT_EQ(service->status(gnss), Status::init) << "the data of before is forgotten";
+  service->data_received(gnss);
   const std::string changing = "Changing of state, ID = POS_Input_GNSS , prev status = ";
-  EXPECT_TRUE(log.WaitFor(changing + "Init , new status = Nominal"));
-  EXPECT_TRUE(log.WaitFor(changing + "Nominal , new status = Error"));
+  EXPECT_TRUE(log.wait_for(changing + "Init , new status = Nominal"));
+  EXPECT_TRUE(log.wait_for(changing + "Nominal , new status = Error"));
 }
 
 TEST_F(Diagnosis, evaluation_runs_by_itself_until_the_stop_which_does_not_wait_for_the_next) {
   service->init(200);  // evaluated every 20 ms
-  service->newSensorSetup({true});
-  service->dataReceived(gnss);
+  service->new_sensor_setup({true});
+  service->data_received(gnss);
   const std::string changing = "Changing of state, ID = POS_Input_GNSS , prev status = ";
-  EXPECT_TRUE(log.WaitFor(changing + "Init , new status = Nominal"));
-  EXPECT_TRUE(log.WaitFor(changing + "Nominal , new status = Error"));
+  EXPECT_TRUE(log.wait_for(changing + "Init , new status = Nominal"));
+  EXPECT_TRUE(log.wait_for(changing + "Nominal , new status = Error"));
   service->stop();
   service->stop();
   EXPECT_THAT(runtime.offered(), IsEmpty());
 
   service = std::make_unique<diagnosisServiceImpl>();
-  service->init(diagnosisServiceImpl::kLongestTimeoutMs);  // evaluated every 144 min
+  service->init(diagnosisServiceImpl::longest_timeout_ms);  // evaluated every 144 min
   auto stopped = std::async(std::launch::async, [&] { service->stop(); });
   EXPECT_EQ(stopped.wait_for(30s), std::future_status::ready);
 }
@@ -413,7 +413,7 @@ TEST_F(Diagnosis, a_stop_in_the_middle_of_the_start_leaves_nothing_offered) {
     {
       const std::jthread signal{[&] { service->stop(); }};
       service->init(1);
-      service->startMonitors();
+      service->start_monitors();
     }
     EXPECT_THAT(runtime.offered(), IsEmpty());
   }
@@ -421,8 +421,8 @@ TEST_F(Diagnosis, a_stop_in_the_middle_of_the_start_leaves_nothing_offered) {
 
 TEST_F(Diagnosis, a_read_beside_updates_and_evaluations_is_never_torn) {
   service->init(1);
-  service->startMonitors();
-  service->newSensorSetup({true});
+  service->start_monitors();
+  service->new_sensor_setup({true});
   std::vector<std::jthread> threads;
   const auto repeat = [&](auto work) {
     threads.emplace_back([work](const std::stop_token& stop) mutable {
@@ -434,9 +434,9 @@ TEST_F(Diagnosis, a_read_beside_updates_and_evaluations_is_never_torn) {
     Map_matched_position position;
     position.latitude = position.longitude = degrees;
     degrees = 3.0 - degrees;
-    service->refreshMapMatchedPosition(position);
+    service->refresh_map_matched_position(position);
   });
-  repeat([&] { service->dataReceived(gnss); });
+  repeat([&] { service->data_received(gnss); });
   repeat([&] { init_monitor("POS_Input_GNSS", 0); });
   // The evaluations, every millisecond, find data and the lack of it in turns.
   for (int i = 0; i < 2000; ++i) {
@@ -453,7 +453,7 @@ TEST_F(Diagnosis, the_end_waits_for_an_event_that_is_being_sent) {
     may_go_on.get_future().wait();
   };
   run_with_gnss();
-  std::thread sender{[&] { service->sendResult(gnss); }};
+  std::thread sender{[&] { service->send_result(gnss); }};
   in_send.get_future().wait();
   auto ended = std::async(std::launch::async, [&] { service = nullptr; });
   EXPECT_EQ(ended.wait_for(50ms), std::future_status::timeout);

@@ -103,7 +103,7 @@ class Pages(unittest.TestCase):
         self.assertEqual(told, json.loads(text_of("config/initdata-POS_Key_Value_Port.json")))
         for key, entry in told.items():
             default = rf"\b{key} = {json.dumps(entry['value'])};"
-            self.assertRegex(text_of("app/Settings.h"), default)
+            self.assertRegex(text_of("app/settings.h"), default)
 
     def test_every_variable_of_the_environment_is_in_the_table(self):
         told = set(re.findall(r"^\| `(POS_\w+)` \|", text_of("docs/platform-linux.md"), re.MULTILINE))
@@ -111,7 +111,7 @@ class Pages(unittest.TestCase):
         for folder in ("app", "persistency", "platform", "tools"):
             for source in (SOURCE / folder).rglob("*.[hc]*"):
                 text = source.read_text(encoding="utf-8")
-                asked_for |= set(re.findall(r'(?:getenv|Environment)\("(POS_\w+)"', text))
+                asked_for |= set(re.findall(r'(?:getenv|environment)\("(POS_\w+)"', text))
         self.assertEqual(told, asked_for)
 
     def test_links_lead_to_a_page_and_to_a_heading_of_it(self):

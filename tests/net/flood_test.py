@@ -11,13 +11,13 @@ import socket
 import struct
 import time
 
-from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk, Positions, until
+from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, SANITIZERS, Desk, Positions, until
 from network import (NOTIFICATION, SUBSCRIBE, TP, Network, discovery, endpoint, find, offer, segments, someip,
                      subscribe)
 import payload
 
 # A sanitizer multiplies what the process holds.
-RESIDENT_BOUND_KIB = (1024 if os.environ.get("POS_SANITIZE") else 48) * 1024
+RESIDENT_BOUND_KIB = (1024 if SANITIZERS else 48) * 1024
 GNSS, TIME, POSITIONING, INPUTS = 0x2A10, 0x2A11, 0x2A20, 0x34A0
 POSITIONING_PORT, INPUTS_PORT = 30511, 30512
 FIELDS = ((GNSS, 1), (GNSS, 2), (GNSS, 3), (TIME, 1), (TIME, 2))  # service; event group, and notifier from 0x8000 on

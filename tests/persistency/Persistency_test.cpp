@@ -7,8 +7,8 @@
 #include <optional>
 #include <span>
 
-#include "tests/support/Capture.h"
-#include "tests/support/Store.h"
+#include "tests/support/capture.h"
+#include "tests/support/store.h"
 
 namespace {
 
@@ -21,13 +21,13 @@ std::optional<Bytes> read(const Persistency& persistency, const std::string& key
   return blob ? std::optional(*blob) : std::nullopt;
 }
 
-class PersistencyTest : public testing::Test {
+class Persistency_test : public testing::Test {
  protected:
   Store store_;
   test::Capture log_;
 };
 
-TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {
+TEST_F(Persistency_test, with_a_broken_storage_file_everything_reads_as_empty) {
   std::ofstream(store_.file()) << "{ \"a\": ";
   Persistency persistency = store_.open();
   EXPECT_FALSE(persistency.gateway().isStorageUsable());
@@ -39,7 +39,7 @@ TEST_F(PersistencyTest, with_a_broken_storage_file_everything_reads_as_empty) {
   EXPECT_EQ(read(persistency, "blob"), std::nullopt);
 }
 
-TEST_F(PersistencyTest, storing_can_be_forbidden_and_allowed_again) {
+TEST_F(Persistency_test, storing_can_be_forbidden_and_allowed_again) {
   Persistency persistency = store_.open();
   EXPECT_TRUE(persistency.gateway().isStorageUsable());
   persistency.gateway().setValue("x", KvsType(std::uint32_t{7}));
@@ -54,7 +54,7 @@ TEST_F(PersistencyTest, storing_can_be_forbidden_and_allowed_again) {
   EXPECT_FALSE(persistency.gateway().hasKey("x"));
 }
 
-TEST_F(PersistencyTest, a_blob_outlives_the_process) {
+TEST_F(Persistency_test, a_blob_outlives_the_process) {
   const Bytes blob{0, 255, 10, 13, 34};
   {
     Persistency persistency = store_.open();
@@ -66,7 +66,7 @@ TEST_F(PersistencyTest, a_blob_outlives_the_process) {
   EXPECT_EQ(read(persistency, "empty"), Bytes());
 }
 
-TEST_F(PersistencyTest, interrupted_writes_and_damaged_blobs_read_as_nothing) {
+TEST_F(Persistency_test, interrupted_writes_and_damaged_blobs_read_as_nothing) {
   Persistency persistency = store_.open();
   auto& store = persistency.gateway();
   EXPECT_EQ(read(persistency, "b"), std::nullopt);
@@ -85,23 +85,24 @@ TEST_F(PersistencyTest, interrupted_writes_and_damaged_blobs_read_as_nothing) {
   EXPECT_EQ(read_with(2, KvsType("no bytes")), std::nullopt);
   EXPECT_EQ(read_with(2, KvsType(Bytes{1, 2, 3})), std::nullopt);
   EXPECT_EQ(read_with(std::uint64_t{1} << 40, KvsType(Bytes{1})), std::nullopt);
-  EXPECT_TRUE(log_.Has("Unable to extract value for key bsize is 1099511627776"))
+  EXPECT_TRUE(log_.has("Unable to extract value for key bsize is 1099511627776"))
       << "must fail before it becomes an allocation";
   EXPECT_EQ(read_with(3, KvsType(Bytes{1})), Bytes({1, 0, 0}));
 }
 
-TEST_F(PersistencyTest, a_save_that_fails_half_way_leaves_no_entry_now_and_at_the_next_start) {
+TEST_F(Persistency_test, a_save_that_fails_half_way_leaves_no_entry_now_and_at_the_next_start) {
   for (const auto* when : {"now", "at the next start"}) {
     Persistency persistency = store_.open();
     EXPECT_FALSE(persistency.gateway().hasKey("bbeforeRW")) << when;
-    const Bytes tooLarge(std::size_t{9} << 20);  // twice the size as text; its size can be stored
-    EXPECT_FALSE(persistency.controlledSaveBinaryData(tooLarge, "b"));
-    EXPECT_TRUE(log_.Has("controlledSaveBinaryData failed"));
+    const Bytes too_large(std::size_t{9} << 20);  // twice the size as text; its size can be stored
+    EXPECT_FALSE(persistency.controlledSaveBinaryData(too_large, "b"));
+    EXPECT_TRUE(log_.has("controlledSaveBinaryData failed"));
     EXPECT_FALSE(persistency.gateway().hasKey("bbeforeRW")) << when;
   }
 }
 
-TEST_F(PersistencyTest, the_owner_hears_of_each_save_that_succeeded_until_another_callback_is_set) {
+TEST_F(Persistency_test,
+       the_owner_hears_of_each_save_that_succeeded_until_another_callback_is_set) {
   Persistency persistency = store_.open();
   const auto save = [&] { static_cast<void>(persistency.controlledSaveBinaryData({1}, "b")); };
   std::string heard;
@@ -120,7 +121,7 @@ TEST_F(PersistencyTest, the_owner_hears_of_each_save_that_succeeded_until_anothe
   EXPECT_EQ(heard, "first second ");
 }
 
-TEST_F(PersistencyTest, the_table_takes_the_place_of_the_storage) {
+TEST_F(Persistency_test, the_table_takes_the_place_of_the_storage) {
   const std::vector<std::pair<std::string, KvsType>> entries{{"binary", KvsType(Bytes{1, 2})},
                                                              {"bool", KvsType(true)},
                                                              {"double", KvsType(1.5)},
@@ -134,8 +135,8 @@ TEST_F(PersistencyTest, the_table_takes_the_place_of_the_storage) {
   {
     Persistency persistency = store_.open();
     auto& gateway = persistency.gateway();
-    gateway.fillTable();
-    EXPECT_THAT(log_.Texts("DBAC"),
+    gateway.fill_table();
+    EXPECT_THAT(log_.texts("DBAC"),
                 ElementsAre("Left out of the table: signed\n\tNot supported KVS type"));
     EXPECT_FALSE(gateway.hasKey("signed"));
     EXPECT_EQ(persistency.getValue("signed").GetStatus(), KvsType::Status::kGeneralError);

@@ -9,8 +9,8 @@
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "tests/clients/fixed_time.h"
 #include "tests/clients/printing.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Fake_runtime.h"
+#include "tests/support/capture.h"
+#include "tests/support/fake_runtime.h"
 
 namespace lumo::services::positioning::datatypes {
 /// Records are the same when what travels is.
@@ -55,9 +55,9 @@ class Pos_service : public ::testing::Test {
   /// With a map-matched record just sent, so that the next one is one interval away.
   void start() {
     service_.init();
-    service_.sendDR(at(start_us));
+    service_.send_dr(at(start_us));
     runtime_.clear_updates();
-    capture_.Clear();
+    capture_.clear();
   }
   void pass_ms(std::uint64_t milliseconds) { time_.now_us += milliseconds * 1000; }
   std::vector<Position> positions() { return runtime_.published<Position>("positions"); }
@@ -84,17 +84,17 @@ TEST_F(Pos_service, sets_both_fields_before_it_is_offered_and_takes_the_offer_ba
 
 TEST_F(Pos_service, sends_nothing_before_it_is_initialised) {
   service_.stop();
-  service_.updatePositions(48.0, 11.0);
-  service_.updateMapInfo(1);
-  service_.sendDR(at(start_us));
-  EXPECT_THAT(capture_.Texts("PSRV"), SizeIs(3));
+  service_.update_positions(48.0, 11.0);
+  service_.update_map_info(1);
+  service_.send_dr(at(start_us));
+  EXPECT_THAT(capture_.texts("PSRV"), SizeIs(3));
   service_.init();
   EXPECT_THAT(positions(), SizeIs(1));
 }
 
 TEST_F(Pos_service, publishes_any_pair_of_coordinates_with_fixed_values_and_a_map_matched_record) {
   start();
-  service_.updatePositions(1000.0, -11.25);
+  service_.update_positions(1000.0, -11.25);
   Position expected = at(start_us, 1000.0, -11.25);
   expected.positionType = lumo::services::Position_type::gnss_dr;
   expected.messageCounter = 0;
@@ -118,9 +118,9 @@ TEST_F(Pos_service, publishes_any_pair_of_coordinates_with_fixed_values_and_a_ma
 TEST_F(Pos_service, a_coordinate_alone_publishes_only_the_time_and_is_not_counted) {
   start();
   for (int i = 0; i < 101; ++i) {
-    service_.updatePositions(48.0, 11.0);
-    service_.updatePositions(48.0, boost::none);
-    service_.updatePositions(boost::none, 11.0);
+    service_.update_positions(48.0, 11.0);
+    service_.update_positions(48.0, boost::none);
+    service_.update_positions(boost::none, 11.0);
   }
   const auto all = positions();
   for (std::uint32_t i = 0; i < 101; ++i) {
@@ -144,23 +144,23 @@ TEST_F(Pos_service, a_position_goes_out_as_map_matched_when_more_than_the_interv
   std::uint8_t counter = 0;
   for (const auto last_us : {start_us + 10'000'000, end_of_32_bit_ms}) {
     time_.now_us = last_us;
-    service_.sendDR(at(start_us));
+    service_.send_dr(at(start_us));
     runtime_.clear_updates();
-    capture_.Clear();
+    capture_.clear();
     pass_ms(1000);
-    service_.sendDR(position);
+    service_.send_dr(position);
     EXPECT_THAT(map_infos(), IsEmpty());
-    EXPECT_THAT(capture_.Records(), IsEmpty());
-    EXPECT_EQ(diagnosis_.mapMatchedPosition().message_counter, 0) << "told each of these only";
+    EXPECT_THAT(capture_.records(), IsEmpty());
+    EXPECT_EQ(diagnosis_.map_matched_position().message_counter, 0) << "told each of these only";
     pass_ms(1);
     position.messageCounter = ++counter;
-    service_.sendDR(position);
+    service_.send_dr(position);
     EXPECT_THAT(map_infos(), ElementsAre(expected));
-    EXPECT_EQ(diagnosis_.mapMatchedPosition().message_counter, counter);
+    EXPECT_EQ(diagnosis_.map_matched_position().message_counter, counter);
   }
-  service_.setMmNewPositionCalculationIntervalMS(5);
+  service_.set_mm_new_position_calculation_interval_ms(5);
   pass_ms(6);
-  service_.sendDR(at(start_us));
+  service_.send_dr(at(start_us));
   EXPECT_THAT(map_infos(), SizeIs(2));
 }
 
@@ -168,13 +168,13 @@ TEST_F(Pos_service, publishes_a_position_with_its_age_only_when_its_timestamp_is
   start();
   auto position = at(start_us - 2'500);
   position.speed2D = 3.5F;
-  service_.sendDR(position);
+  service_.send_dr(position);
   position.age = 2'500;
   auto future = at(start_us + 700);
-  service_.sendDR(future);
+  service_.send_dr(future);
   future.age = 700;
   auto ancient = at(start_us - (1ULL << 32U) - 5);
-  service_.sendDR(ancient);
+  service_.send_dr(ancient);
   ancient.age = 5;
   EXPECT_THAT(positions(), ElementsAre(position, future, ancient));
 
@@ -183,18 +183,18 @@ TEST_F(Pos_service, publishes_a_position_with_its_age_only_when_its_timestamp_is
        {&Position::preciseLocalTimeSeconds, &Position::preciseLocalTimeNanoseconds}) {
     auto incomplete = at(start_us);
     incomplete.*part = boost::none;
-    service_.sendDR(incomplete);
+    service_.send_dr(incomplete);
   }
   EXPECT_THAT(positions(), IsEmpty());
 }
 
 TEST_F(Pos_service, repeats_the_same_position_only_when_told_to_send_all) {
-  service_.setAlwaysSendAllValidPositions(false);
+  service_.set_always_send_all_valid_positions(false);
   start();
   // Whether each is sent after the one before it.
   const auto sent = [&](const Position& position) {
     runtime_.clear_updates();
-    service_.sendDR(position);
+    service_.send_dr(position);
     return positions().size() == 1;
   };
   auto standing = at(start_us + 1);

@@ -8,9 +8,10 @@
 namespace someip {
 namespace {
 
-class ClosedPorts : public testing::TestWithParam<const char*> {};
+class Closed_ports_test : public testing::TestWithParam<const char*> {};
 
-TEST_P(ClosedPorts, come_back_with_the_destination_and_the_message_and_disturb_no_other_send) {
+TEST_P(Closed_ports_test,
+       come_back_with_the_destination_and_the_message_and_disturb_no_other_send) {
   const Address loopback = boost::asio::ip::make_address(GetParam());
   Udp_socket sender(loopback), open(loopback);
   if (sender.bind({loopback, 0})) GTEST_SKIP() << "no " << loopback;
@@ -41,7 +42,7 @@ TEST_P(ClosedPorts, come_back_with_the_destination_and_the_message_and_disturb_n
   EXPECT_FALSE(next_error(sender.descriptor()));
 }
 
-INSTANTIATE_TEST_SUITE_P(BothFamilies, ClosedPorts, testing::Values("127.0.0.1", "::1"));
+INSTANTIATE_TEST_SUITE_P(Both_families, Closed_ports_test, testing::Values("127.0.0.1", "::1"));
 
 }  // namespace
 }  // namespace someip

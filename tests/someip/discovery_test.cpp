@@ -223,15 +223,16 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
                            const std::vector<Subscriber>& all) override {
     note(std::to_string(all.size()) + " use", key, group);
   }
-  void values_wanted(const Instance_key& key,
-                     std::uint16_t group,
-                     const std::vector<Subscriber>& fresh) override {
+  std::size_t values_wanted(const Instance_key& key,
+                            std::uint16_t group,
+                            const std::vector<Subscriber>& fresh) override {
     note("values for " + std::to_string(fresh.size()), key, group);
+    return 1;
   }
   void instance_available(const Instance_key& key, const Remote_offer&) override {
     note("found", key);
   }
-  void instance_gone(const Instance_key& key) override { note("lost", key); }
+  void instance_gone(const Instance_key& key, const Loss&) override { note("lost", key); }
   bool has_delivered(const Instance_key&, const Address&) override { return false; }
   void subscription_changed(const Instance_key& key, std::uint16_t group, bool on) override {
     note(on ? "on" : "off", key, group);

@@ -16,7 +16,7 @@
 #include <utility>
 
 #include "platform/someip/node/node.h"
-#include "tests/support/Seen.h"
+#include "tests/support/seen.h"
 
 /// As the system answers when a connection has broken before anybody asks.
 extern "C" int getpeername(int, sockaddr*, socklen_t*) noexcept {
@@ -125,7 +125,7 @@ Header request(std::uint16_t session) {
   return header;
 }
 
-TEST(TcpClient, connects_again_after_a_connection_that_could_not_name_its_peer) {
+TEST(Tcp_client, connects_again_after_a_connection_that_could_not_name_its_peer) {
   Server server;
   server.listen();
   Client client;
@@ -139,7 +139,7 @@ TEST(TcpClient, connects_again_after_a_connection_that_could_not_name_its_peer) 
   client.tcp.close();
 }
 
-TEST(TcpClient, does_not_send_what_has_been_given_up_meanwhile) {
+TEST(Tcp_client, does_not_send_what_has_been_given_up_meanwhile) {
   Server server;
   Client client;
   client.limits.tcp_send_queue_bytes = 3 * header_size;
@@ -158,7 +158,7 @@ TEST(TcpClient, does_not_send_what_has_been_given_up_meanwhile) {
   client.tcp.close();
 }
 
-TEST(TcpClient, sends_more_in_total_than_its_queue_holds_before_and_after_a_reconnect) {
+TEST(Tcp_client, sends_more_in_total_than_its_queue_holds_before_and_after_a_reconnect) {
   Server server;
   server.listen();
   Client client;

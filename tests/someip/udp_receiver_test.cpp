@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "tests/support/Seen.h"
+#include "tests/support/seen.h"
 
 namespace someip {
 namespace {
@@ -53,9 +53,9 @@ class Thread_workers final : public Workers {
 constexpr std::uint16_t stuck = 1;
 
 /// A receiver whose handler of the method `stuck` waits until release().
-class UdpReceiver : public testing::Test, public Message_receiver {
+class Udp_receiver_test : public testing::Test, public Message_receiver {
  protected:
-  ~UdpReceiver() override {
+  ~Udp_receiver_test() override {
     release();
     receiver_->close();
   }
@@ -91,12 +91,12 @@ class UdpReceiver : public testing::Test, public Message_receiver {
   }
 
   struct Call final : Task {
-    Call(UdpReceiver& test, std::uint16_t method) : test_(test), method_(method) {}
+    Call(Udp_receiver_test& test, std::uint16_t method) : test_(test), method_(method) {}
     void run() override {
       test_.seen_.add(method_);
       if (method_ == stuck) test_.released_.wait(false);
     }
-    UdpReceiver& test_;
+    Udp_receiver_test& test_;
     const std::uint16_t method_;
   };
 
@@ -114,7 +114,7 @@ class UdpReceiver : public testing::Test, public Message_receiver {
       std::make_shared<Udp_receiver>(socket_, *this, workers_, reassembler_, counters_, log_);
 };
 
-TEST_F(UdpReceiver, stuck_handlers_hold_up_no_other_message) {
+TEST_F(Udp_receiver_test, stuck_handlers_hold_up_no_other_message) {
   receiver_->open_with_threads();
   for (std::uint16_t method = 2; method < 6; ++method) {
     ASSERT_TRUE(sticks_again());
@@ -129,7 +129,7 @@ TEST_F(UdpReceiver, stuck_handlers_hold_up_no_other_message) {
   EXPECT_TRUE(passes(6)) << "as before, after a thousand datagrams";
 }
 
-TEST_F(UdpReceiver, a_worker_that_looks_late_changes_nothing) {
+TEST_F(Udp_receiver_test, a_worker_that_looks_late_changes_nothing) {
   send(2);
   send(stuck);
   receiver_->open_with_threads();
@@ -139,7 +139,7 @@ TEST_F(UdpReceiver, a_worker_that_looks_late_changes_nothing) {
   EXPECT_TRUE(passes(3));
 }
 
-TEST_F(UdpReceiver, refused_sends_do_not_end_receiving) {
+TEST_F(Udp_receiver_test, refused_sends_do_not_end_receiving) {
   socket_->keep_errors();
   receiver_->open_with_threads();
   Endpoint nobody;
@@ -281,7 +281,7 @@ class Exploration {
   std::set<State> seen_;
 };
 
-TEST(UdpReceiverStates, keep_the_order_and_always_leave_a_thread_that_receives) {
+TEST(Udp_receiver_states, keep_the_order_and_always_leave_a_thread_that_receives) {
   using Rule = Exploration::Rule;
   const Exploration as_built(Rule::as_built);
   EXPECT_GT(as_built.states(), 100U);

@@ -5,8 +5,8 @@
 #include <filesystem>
 #include <iostream>
 
-#include "app/posMain.h"
-#include "tests/support/Seen.h"
+#include "app/pos_main.h"
+#include "tests/support/seen.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
   std::size_t first = 0;
   for (long cycle = 0; cycle < cycles; ++cycle) {
     std::cout << "start " << cycle << std::endl;
-    const int code = posMain(argc, argv);
+    const int code = pos_main(argc, argv);
     std::size_t threads = count("/proc/self/task");
     if (cycle == 0) first = threads;
     // The kernel still lists a thread for a moment after it has been joined.

@@ -9,14 +9,14 @@
 #include <iostream>
 #include <string>
 
-#include "app/Settings.h"
 #include "app/posApplication.h"
-#include "app/posMain.h"
+#include "app/pos_main.h"
+#include "app/settings.h"
 #include "binding/trace_records.h"
 #include "diagnosisService/diagnosisServiceImpl.h"
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/runtime.h"
-#include "phm/Phm_timer.h"
+#include "phm/phm_timer.h"
 #include "posService/Positioning.h"
 #include "posService/posServiceImpl.h"
 
@@ -58,7 +58,7 @@ void settings() {
   Persistency persistency("POS_Key_Value_Port",
                           ara::log::CreateLogger("DBAC", "Persistency access"));
   extraction_fails = true;
-  static_cast<void>(readSettings(persistency));
+  static_cast<void>(read_settings(persistency));
   extraction_fails = false;
 }
 
@@ -92,16 +92,17 @@ void storing() {
   forbidden_meanwhile = nullptr;
   persistency.setStoringAllowed(true);
   store.setValue("signed", KvsType(std::int32_t{-1}));
-  store.fillTable();
+  store.fill_table();
   save("d");
 }
 
 void timers() {
   std::atomic<int> calls{0};
   Phm_timer failing([&] {
-    ++calls;
-    calls.notify_all();
-    throw std::runtime_error("no checkpoint");
+    if (calls++ == 0) {
+      calls.notify_all();
+      throw std::runtime_error("no checkpoint");
+    }
   });
   failing.start(std::chrono::milliseconds{1}, std::chrono::milliseconds{0});
   calls.wait(0);
@@ -121,23 +122,23 @@ void timers() {
 
 void positions() {
   diagnosisService::diagnosisServiceImpl diagnosis;
-  posServiceImpl(diagnosis).updatePositions(1000.0, -11.25);
+  posServiceImpl(diagnosis).update_positions(1000.0, -11.25);
 }
 
 void monitors() {
-  constexpr std::uint32_t kDeadReckoning = 0x83D104;
+  constexpr std::uint32_t dead_reckoning = 0x83D104;
   diagnosisService::diagnosisServiceImpl service;
-  service.sendResult(kDeadReckoning);  // too early
-  service.init(diagnosisService::diagnosisServiceImpl::kLongestTimeoutMs);
-  service.startMonitors();
+  service.send_result(dead_reckoning);  // too early
+  service.init(diagnosisService::diagnosisServiceImpl::longest_timeout_ms);
+  service.start_monitors();
   for (unsigned action = 2; action <= 10; ++action) {
-    service.sendEvent(kDeadReckoning, static_cast<mw::dm::dem::MonitorActionType>(action));
+    service.sendEvent(dead_reckoning, static_cast<mw::dm::dem::MonitorActionType>(action));
   }
   const auto now = std::chrono::steady_clock::now();
-  service.setSystemStatus(diagnosisService::kSystemPgf, diagnosisService::kNotAvailable);
-  service.dataReceived(kDeadReckoning, now);
+  service.set_system_status(diagnosisService::system_pgf, diagnosisService::Status::not_available);
+  service.data_received(dead_reckoning, now);
   service.evaluate(now);
-  service.setSystemStatus(diagnosisService::kSystemPgf, diagnosisService::kInit);
+  service.set_system_status(diagnosisService::system_pgf, diagnosisService::Status::init);
   service.evaluate(now);
   service.stop();
   diagnosisService::DiagnosticMonitorServiceSkelImpl unknown(
@@ -156,7 +157,7 @@ void payloads() {
     }
   };
   const binding::Serialization_settings unequal{.string_length_field_size = 2};
-  constexpr auto kMax = std::numeric_limits<std::uint64_t>::max();
+  constexpr auto largest = std::numeric_limits<std::uint64_t>::max();
   binding::Buffer buffer;
   binding::Cursor cursor{{}};
   malformed([&] { binding::write_length_field(1, 300, buffer, unequal); });
@@ -164,11 +165,11 @@ void payloads() {
   malformed([&] {
     static_cast<void>(binding::length_field_size(binding::Wire_type::configured_length, unequal));
   });
-  malformed([&] { static_cast<void>(binding::end_position(2, 2, kMax - 1)); });
+  malformed([&] { static_cast<void>(binding::end_position(2, 2, largest - 1)); });
   malformed([&] { cursor.seek(1); });
   malformed([&] { cursor.read(nullptr, 0); });
-  constexpr std::array<std::byte, 2> kTag{};
-  binding::Cursor member{kTag};
+  constexpr std::array<std::byte, 2> tag{};
+  binding::Cursor member{tag};
   malformed([&] { binding::read_members_in_any_order(member, 2, {}, nullptr, unequal); });
   const binding::Serialization_settings none{.array_length_field_size = 0};
   malformed([&] { binding::encode(std::vector<std::uint8_t>{1}, buffer, none); });
@@ -219,11 +220,11 @@ void peers() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && argv[1] == std::string_view("exit-code")) return posMain(argc, argv);
+  if (argc == 2 && argv[1] == std::string_view("exit-code")) return pos_main(argc, argv);
   ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                         ara::log::LogMode::kRemote, "");
-  binding::Platform_trace_logger traceLogger(ara::log::CreateLogger("TRCE", "Binding trace"));
-  const binding::Trace_records traceRecords(traceLogger);
+  binding::Platform_trace_logger trace_logger(ara::log::CreateLogger("TRCE", "Binding trace"));
+  const binding::Trace_records trace_records(trace_logger);
   const mw::com::runtime::Component_singleton runtime("", false);
   settings();
   storing();

@@ -13,7 +13,7 @@ import signal
 import subprocess
 import sys
 
-from desk import APPLICATION, BUILD, SOURCE, Desk, until
+from desk import APPLICATION, BUILD, SANITIZERS, SOURCE, Desk, until
 from dlt import Log
 from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
 from payload import block, f32, f64, records, u8, u32, u64
@@ -22,7 +22,6 @@ from tester import CLEAR, D_14A0, MONITOR, NO_TEXTS, REENABLED, RESTART, Tester
 HOST = BUILD / "tests/system/log_texts_host"
 APPROVED = SOURCE / "tests/system/log_texts.approved"
 APPROVE = "--approve" in sys.argv
-THREAD_SANITIZER = re.search(r"^POS_SANITIZE:.*thread", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)
 GNSS, TIME = "lumo::services::gnss::GNSS", "lumo::services::time::Time"
 POSITIONING = "lumo::services::positioning::Positioning"
 MANIFEST = json.loads((SOURCE / "config/manifest.json").read_text(encoding="utf-8"))
@@ -75,7 +74,7 @@ def transcript(messages):
 def approved(name):
     rows = APPROVED.read_text(encoding="utf-8").partition(f"== {name}\n")[2].partition("\n== ")[0].splitlines()
     # A join that fails counts as a join for the thread sanitizer, so the host leaves it out.
-    return [one for one in rows if not (THREAD_SANITIZER and "joining the timer thread" in one)]
+    return [one for one in rows if not ("thread" in SANITIZERS and "joining the timer thread" in one)]
 
 
 DESCRIPTIONS = {

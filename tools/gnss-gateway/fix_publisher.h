@@ -7,7 +7,7 @@
 
 #include "tools/gnss-gateway/output.h"
 #include "tools/gnss-gateway/sources.h"
-#include "tools/nmea/Fix.h"
+#include "tools/nmea/fix.h"
 
 namespace gateway {
 

@@ -12,7 +12,7 @@
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
 #include "tools/gnss-gateway/sources.h"
-#include "tools/nmea/Reader.h"
+#include "tools/nmea/reader.h"
 
 namespace gateway {
 

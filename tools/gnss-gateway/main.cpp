@@ -11,10 +11,10 @@
 
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
-#include "tools/Command_line.h"
-#include "tools/Stop_signal.h"
+#include "tools/command_line.h"
 #include "tools/gnss-gateway/output.h"
 #include "tools/gnss-gateway/sources.h"
+#include "tools/stop_signal.h"
 
 namespace {
 

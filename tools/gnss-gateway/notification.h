@@ -11,9 +11,9 @@
 #include <optional>
 #include <vector>
 
-#include "clients/GnssRecords.h"
-#include "tools/drive/Drive.h"
-#include "tools/nmea/Fix.h"
+#include "clients/gnss_records.h"
+#include "tools/drive/drive.h"
+#include "tools/nmea/fix.h"
 
 namespace gateway {
 

@@ -8,8 +8,8 @@
 #include <optional>
 
 #include "ara/time/slave_time_base.h"
-#include "tools/Stop_signal.h"
 #include "tools/gnss-gateway/notification.h"
+#include "tools/stop_signal.h"
 
 namespace gateway {
 

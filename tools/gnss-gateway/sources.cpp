@@ -4,11 +4,11 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "tools/drive/Drive.h"
+#include "tools/drive/drive.h"
 #include "tools/gnss-gateway/fix_publisher.h"
 #include "tools/gnss-gateway/live.h"
 #include "tools/gnss-gateway/notification.h"
-#include "tools/nmea/Reader.h"
+#include "tools/nmea/reader.h"
 
 namespace gateway {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
-#include "tools/nmea/Framer.h"
+#include "tools/nmea/framer.h"
 
 namespace gateway {
 

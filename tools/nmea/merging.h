@@ -1,9 +1,9 @@
-/// Puts together what several sentences tell of one instant, for Epoch_builder.cpp.
+/// Puts together what several sentences tell of one instant, for epoch_builder.cpp.
 #pragma once
 
 #include <optional>
 
-#include "tools/nmea/Epoch_builder.h"
+#include "tools/nmea/epoch_builder.h"
 
 namespace nmea::detail {
 

@@ -1,11 +1,11 @@
-/// One function for each sentence type, for Sentence.cpp.
+/// One function for each sentence type, for sentence.cpp.
 ///
 /// Each returns nothing for a sentence that cannot be used. It has marked `fields` as malformed
 /// then, unless the sentence is sound and of a form that the reader does not know.
 #pragma once
 
-#include "tools/nmea/Fields.h"
-#include "tools/nmea/Sentence.h"
+#include "tools/nmea/fields.h"
+#include "tools/nmea/sentence.h"
 
 namespace nmea::detail {
 

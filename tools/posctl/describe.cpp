@@ -6,16 +6,16 @@
 #include "binding/statistics.h"
 #include "clients/GNSS.h"
 #include "clients/Time.h"
-#include "diagnosisService/DataIdentifiers.h"
 #include "diagnosisService/DiagnosticMonitor.h"
+#include "diagnosisService/data_identifiers.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
 #include "platform/someip/base/hexadecimal.h"
 #include "posService/Positioning.h"
-#include "tools/Command.h"
+#include "tools/command.h"
 #include "tools/describe/record_table.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Record_json.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/record_json.h"
 
 namespace posctl {
 namespace {

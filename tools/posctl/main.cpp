@@ -2,12 +2,13 @@
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "ara/core/initialization.h"
 #include "diagnosisService/DiagnosticMonitor.h"
-#include "tools/Command_line.h"
-#include "tools/posctl/Commands.h"
+#include "tools/command_line.h"
+#include "tools/posctl/commands.h"
 
 namespace {
 
@@ -101,8 +102,24 @@ int main(int argc, char** argv) try {
 
   posctl::Look_options stats;
   auto* stats_command =
-      app.add_subcommand("stats", "Print the application's counters, memory and threads");
+      app.add_subcommand("stats", "Print the application's counters, ages, memory and clock");
   add_look_options(*stats_command, stats);
+
+  posctl::Look_options peers;
+  auto* peers_command =
+      app.add_subcommand("peers", "Print subscribers, used services, and why no data flows");
+  add_look_options(*peers_command, peers);
+
+  posctl::Discover_options discover;
+  std::optional<double> discover_seconds;
+  auto* discover_command =
+      app.add_subcommand("discover", "Print everything that is offered on the network");
+  discover_command
+      ->add_option("--for", discover_seconds, "Seconds to listen; 3, with --follow no end")
+      ->transform(tools::number(0.0, 1e6));
+  discover_command->add_flag("--follow", discover.follow, "A line for each change");
+  discover_command->add_flag("--json", discover.json, "As JSON");
+  add_node(*discover_command, discover.node);
 
   posctl::Look_options status;
   auto* status_command = app.add_subcommand("status", "Print the application's state on one page");
@@ -116,6 +133,11 @@ int main(int argc, char** argv) try {
   if (init_monitor_command->parsed()) return posctl::init_monitor(init_monitor);
   if (state_command->parsed()) return posctl::request_state(state);
   if (stats_command->parsed()) return posctl::stats(stats);
+  if (peers_command->parsed()) return posctl::peers(peers);
+  if (discover_command->parsed()) {
+    discover.seconds = discover_seconds.value_or(discover.follow ? 0 : 3);
+    return posctl::discover(discover);
+  }
   if (status_command->parsed()) return posctl::status(status);
   return 0;
 } catch (...) {

@@ -6,22 +6,22 @@
 #include <string>
 
 #include "diagnosisService/DiagnosticMonitor.h"
-#include "diagnosisService/MonitorTable.h"
+#include "diagnosisService/monitor_table.h"
 #include "mw/com/runtime.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/hexadecimal.h"
-#include "tools/Command.h"
-#include "tools/Stop_signal.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Connect.h"
-#include "tools/posctl/Printer.h"
-#include "tools/posctl/Record_json.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
+#include "tools/posctl/printer.h"
+#include "tools/posctl/record_json.h"
+#include "tools/stop_signal.h"
 
 namespace posctl {
 namespace {
 
-using diagnosisService::kMonitors;
 using diagnosisService::Monitor;
+using diagnosisService::monitor_table;
 using mw::dm::dem::DiagnosticMonitor;
 using mw::dm::dem::InitMonitorReason;
 using mw::dm::dem::MonitorActionType;
@@ -40,10 +40,10 @@ std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
     if (service.name != DiagnosticMonitor::name) continue;
     for (const auto& instance : service.instances) {
       const auto* monitor =
-          std::find_if(kMonitors.begin(), kMonitors.end(), [&](const Monitor& one) {
+          std::find_if(monitor_table.begin(), monitor_table.end(), [&](const Monitor& one) {
             return instance.specifier == "DiagnosticMonitor_" + std::string(one.name);
           });
-      if (monitor != kMonitors.end()) result.emplace(instance.id, monitor);
+      if (monitor != monitor_table.end()) result.emplace(instance.id, monitor);
     }
   }
   return result;

@@ -5,12 +5,12 @@
 #include <type_traits>
 #include <vector>
 
-#include "diagnosisService/DataIdentifiers.h"
+#include "diagnosisService/data_identifiers.h"
 #include "mw/com/runtime.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Connect.h"
-#include "tools/posctl/Explain.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
+#include "tools/posctl/explain.h"
 
 namespace posctl {
 namespace {
@@ -19,7 +19,7 @@ using namespace lumo::services::diag;
 
 template <class Interface>
 Json read(Deadline deadline) {
-  const auto proxy = connect<DataIdentifierProxy<Interface>>(Interface::name, deadline);
+  const auto proxy = connect<Data_identifier_proxy<Interface>>(Interface::name, deadline);
   return explain(result_of(proxy->Read({}), Interface::Read.name, deadline));
 }
 
@@ -27,7 +27,7 @@ struct Entry {
   std::string_view did;  ///< such as "d_14a0"
   Json (*read)(Deadline);
   bool status_bytes;
-  std::optional<DataBusFault> faults = std::nullopt;
+  std::optional<Data_bus_fault> faults = std::nullopt;
 };
 
 std::vector<Entry> entries() {

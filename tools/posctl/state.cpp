@@ -10,21 +10,21 @@
 
 #include "app/application_instance.h"
 #include "platform/linux/stm/state_bus.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Connect.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
 
 namespace posctl {
 namespace {
 
 /// The bus that the application chooses from the same environment.
 std::unique_ptr<sdbus::IConnection> bus() {
-  switch (ara::stm::ChosenBus()) {
-    case ara::stm::Bus::kSession:
+  switch (ara::stm::chosen_bus()) {
+    case ara::stm::Bus::session:
       return sdbus::createSessionBusConnection();
-    case ara::stm::Bus::kSystem:
+    case ara::stm::Bus::system:
       return sdbus::createSystemBusConnection();
-    case ara::stm::Bus::kNone:
+    case ara::stm::Bus::none:
       break;
   }
   throw std::runtime_error("POS_STATE_BUS is \"none\": there is no bus to ask on");
@@ -34,10 +34,10 @@ std::uint32_t ask(const State_options& options) {
   std::uint32_t result = 0;
   try {
     const auto connection = bus();
-    const auto application = sdbus::createProxy(*connection, ara::stm::kBusName,
-                                                ara::stm::ObjectPath(kApplicationInstance));
+    const auto application = sdbus::createProxy(*connection, ara::stm::bus_name,
+                                                ara::stm::object_path(application_instance));
     application->callMethod("RequestState")
-        .onInterface(ara::stm::kInterface)
+        .onInterface(ara::stm::interface)
         .withTimeout(std::chrono::microseconds(static_cast<std::int64_t>(options.timeout * 1e6)))
         .withArguments(options.state, options.sequence_number)
         .storeResultsTo(result);

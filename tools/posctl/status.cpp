@@ -9,10 +9,10 @@
 #include "binding/timestamp.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
-#include "tools/Command.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Explain.h"
-#include "tools/posctl/Statistics_page.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/explain.h"
+#include "tools/posctl/statistics_page.h"
 
 namespace posctl {
 namespace {
@@ -33,7 +33,7 @@ class Data_identifier {
   }
 
  private:
-  Search<DataIdentifierProxy<Interface>> search_{Interface::name};
+  Search<Data_identifier_proxy<Interface>> search_{Interface::name};
 };
 
 /// Replaces each status byte by its text.
@@ -82,7 +82,8 @@ Json read_all(Deadline deadline) {
   const auto statistics_service = statistics_search.proxy(deadline);
   const Json statistics = read_statistics(*statistics_service, deadline);
   Json json;
-  json["process"] = statistics["process"];
+  for (const auto* part : {"process", "clock", "stamps", "ages"})
+    json[part] = statistics[part];
   json["position"] =
       last_of(result_of(positioning->positions.Get(), Positioning::positions.name, deadline));
   json["mapInfo"] =
@@ -127,8 +128,8 @@ std::string position_title(const Json& last) {
                                                           : "Sample without a position";
 }
 
-std::string with_age(std::string title, const Json& last) {
-  if (last.contains("ageS")) title += ", " + decimal(last, "ageS", 3, "s old");
+std::string with_age(std::string title, const Json& last, const Json& clock) {
+  if (last.contains("ageS")) title += ", " + decimal(last, "ageS", 3, "s old") + clock_mark(clock);
   return title;
 }
 
@@ -162,7 +163,7 @@ void print_members(Page& page, std::span<const Shown> members, const Json& recor
     page.item(one.name, decimal(record, one.member, one.digits, one.unit));
 }
 
-void print_faults(Page& page, std::string_view what, DataBusFault kind, const Json& faults) {
+void print_faults(Page& page, std::string_view what, Data_bus_fault kind, const Json& faults) {
   if (faults.empty()) page.line(std::string(what) + ": never");
   for (const auto& fault : faults)
     page.line(fault_text(kind, fault));
@@ -171,7 +172,7 @@ void print_faults(Page& page, std::string_view what, DataBusFault kind, const Js
 std::string page_of(const Json& json) {
   Page page;
   print_process(page, json["process"]);
-  page.section(with_age(position_title(json["position"]), json["position"]));
+  page.section(with_age(position_title(json["position"]), json["position"], json["clock"]));
   print_members(page, position_members, json["position"]["record"]);
   page.section("Map-matched position");
   print_members(page, map_matched_members, json["mapMatched"]);
@@ -179,16 +180,18 @@ std::string page_of(const Json& json) {
   Json map_info = json["mapInfo"]["record"];
   map_info.erase("preciseLocalTimeSeconds");
   map_info.erase("preciseLocalTimeNanoseconds");
-  print_section(page, with_age("Map information", json["mapInfo"]), map_info);
+  print_section(page, with_age("Map information", json["mapInfo"], json["clock"]), map_info);
+  print_clock(page, json["clock"]);
+  print_ages(page, json);
   print_section(page, "Inputs", json["inputs"]);
   print_section(page, "Outputs", json["outputs"]);
   print_section(page, "System", worth_showing(json["system"]));
   page.section("Consumed services");
   const Json& faults = json["dataBus"];
-  print_faults(page, "not available", DataBusFault::notAvailable, faults["notAvailable"]);
-  print_faults(page, "error value received", DataBusFault::errorValueReceived,
+  print_faults(page, "not available", Data_bus_fault::not_available, faults["notAvailable"]);
+  print_faults(page, "error value received", Data_bus_fault::error_value_received,
                faults["errorValueReceived"]);
-  print_faults(page, "implausible", DataBusFault::implausible, faults["implausible"]);
+  print_faults(page, "implausible", Data_bus_fault::implausible, faults["implausible"]);
   print_counters(page, json["counters"]);
   return page.take();
 }

@@ -9,10 +9,10 @@
 #include "binding/codec.h"
 #include "mw/com/runtime.h"
 #include "posService/Positioning.h"
-#include "tools/Stop_signal.h"
-#include "tools/posctl/Commands.h"
-#include "tools/posctl/Printer.h"
-#include "tools/posctl/Record_json.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/printer.h"
+#include "tools/posctl/record_json.h"
+#include "tools/stop_signal.h"
 
 namespace posctl {
 namespace {

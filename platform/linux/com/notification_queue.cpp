@@ -4,6 +4,8 @@
 #include <utility>
 #include <vector>
 
+#include "mw/com/arrival.h"
+
 namespace tq::com {
 
 namespace {
@@ -77,6 +79,7 @@ void Notification_queue::take_waiting() {
 
 void Notification_queue::deliver(const someip::Received& notification) {
   if (someip::is_older_than(notification.arrival, late)) counters_.notifications_late.add();
+  const mw::com::Handled_arrival handled(notification.arrival);
   handler_(notification.payload);
 }
 

@@ -8,7 +8,7 @@
 #include <memory>
 #include <mutex>
 
-#include "mw/com/Strand.h"
+#include "mw/com/strand.h"
 #include "platform/someip/base/counters.h"
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/workers.h"

@@ -122,6 +122,8 @@ class Someip_runtime final : public Runtime {
     return result;
   }
 
+  mw::com::runtime::Peers peers() override { return node_.peers(); }
+
  private:
   static const someip::Node_deployment& find_node(const someip::Deployment& deployment,
                                                   const std::string& name) {
@@ -164,6 +166,7 @@ class Passive_runtime final : public Runtime {
   std::unique_ptr<Consumer> connect(const Found_instance&) override { refuse(); }
   std::unique_ptr<Provider> provide(std::string_view, std::string_view) override { refuse(); }
   std::vector<std::pair<std::string_view, std::uint64_t>> counters() const override { return {}; }
+  mw::com::runtime::Peers peers() override { return {}; }
 
  private:
   [[noreturn]] static void refuse() {

@@ -6,7 +6,7 @@
 #include <mutex>
 #include <vector>
 
-#include "mw/com/Strand.h"
+#include "mw/com/strand.h"
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/workers.h"
 #include "platform/someip/node/searches.h"

@@ -1,5 +1,6 @@
 #include "mw/com/statistics.h"
 
+#include <sys/timex.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -16,17 +17,25 @@ namespace mw::com::runtime {
 namespace {
 
 // Fields of /proc/self/stat, numbered as in proc(5).
-constexpr int kFirstAfterName = 3;
-constexpr int kThreads = 20;
-constexpr int kStartTime = 22;
-constexpr int kResidentPages = 24;
+constexpr int first_after_name = 3;
+constexpr int threads_field = 20;
+constexpr int start_time_field = 22;
+constexpr int resident_pages_field = 24;
+
+/// The fastest discipline in use slews the clock by 83 ms a second. A greater change between two
+/// looks is a step.
+constexpr std::chrono::milliseconds smallest_step{100};
+
+std::chrono::nanoseconds now_of(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
 
 std::uint64_t milliseconds_since_boot() {
-  timespec now{};
-  clock_gettime(CLOCK_BOOTTIME, &now);
-  const auto time = std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+  using std::chrono::milliseconds;
   return static_cast<std::uint64_t>(
-      std::chrono::duration_cast<std::chrono::milliseconds>(time).count());
+      std::chrono::duration_cast<milliseconds>(now_of(CLOCK_BOOTTIME)).count());
 }
 
 }  // namespace
@@ -50,19 +59,43 @@ Process_usage process_usage() {
 
   Process_usage usage;
   std::string field;
-  for (int number = kFirstAfterName; number <= kResidentPages && fields >> field; ++number) {
-    if (number == kThreads) {
+  for (int number = first_after_name; number <= resident_pages_field && fields >> field; ++number) {
+    if (number == threads_field) {
       usage.threads = static_cast<std::uint32_t>(std::stoul(field));
-    } else if (number == kStartTime) {
+    } else if (number == start_time_field) {
       const auto ticks = static_cast<std::uint64_t>(sysconf(_SC_CLK_TCK));
       const auto now = milliseconds_since_boot();
       const auto start = std::stoull(field) * 1000 / ticks;
       usage.uptimeMs = now > start ? now - start : 0;
-    } else if (number == kResidentPages) {
+    } else if (number == resident_pages_field) {
       usage.residentBytes = std::stoull(field) * static_cast<std::uint64_t>(sysconf(_SC_PAGESIZE));
     }
   }
   return usage;
+}
+
+void Clock_watch::look() {
+  timex kernel{};
+  const int state = ::adjtimex(&kernel);
+  const auto ahead = now_of(CLOCK_REALTIME) - now_of(CLOCK_BOOTTIME);
+  const bool known = ahead_of_boot_ != std::chrono::nanoseconds{};
+  const bool stepped = known && std::chrono::abs(ahead - ahead_of_boot_) > smallest_step;
+  ahead_of_boot_ = ahead;
+  const std::lock_guard lock(mutex_);
+  if (stepped) ++state_.steps;
+  state_.synchronised = state >= 0 && state != TIME_ERROR && (kernel.status & STA_UNSYNC) == 0;
+  state_.estimatedErrorUs = static_cast<std::uint64_t>(kernel.esterror);
+  state_.maximumErrorUs = static_cast<std::uint64_t>(kernel.maxerror);
+  state_.taiOffsetS = kernel.tai;
+}
+
+Clock_state Clock_watch::state() const {
+  const std::lock_guard lock(mutex_);
+  return state_;
+}
+
+Peers peers() {
+  return tq::com::Runtime::instance().peers();
 }
 
 }  // namespace mw::com::runtime

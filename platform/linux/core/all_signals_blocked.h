@@ -9,16 +9,16 @@ namespace ara::core {
 
 /// During its life the calling thread blocks every signal. Each thread started meanwhile blocks
 /// them for good.
-class AllSignalsBlocked {
+class All_signals_blocked {
  public:
-  AllSignalsBlocked() {
+  All_signals_blocked() {
     sigset_t all;
     sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &before_);
   }
-  ~AllSignalsBlocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
-  AllSignalsBlocked(const AllSignalsBlocked&) = delete;
-  AllSignalsBlocked& operator=(const AllSignalsBlocked&) = delete;
+  ~All_signals_blocked() { ::pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+  All_signals_blocked(const All_signals_blocked&) = delete;
+  All_signals_blocked& operator=(const All_signals_blocked&) = delete;
 
  private:
   sigset_t before_{};

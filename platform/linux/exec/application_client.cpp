@@ -24,11 +24,11 @@ using Clock = std::chrono::steady_clock;
 
 /// Equals the unit's TimeoutStartSec: a service manager that has not read READY by then has given
 /// up the start.
-constexpr std::chrono::seconds kRetryLimit{30};
+constexpr std::chrono::seconds retry_limit{30};
 /// For STOPPING, the last report: the end of the process says the same.
-constexpr std::chrono::milliseconds kLastWait{250};
+constexpr std::chrono::milliseconds last_wait{250};
 
-const char* MessageFor(ApplicationState state) {
+const char* message_for(ApplicationState state) {
   switch (state) {
     case ApplicationState::kInitializing:
       return "STATUS=initializing";
@@ -40,7 +40,7 @@ const char* MessageFor(ApplicationState state) {
   return "STATUS=unknown state";
 }
 
-void Warn(const std::string& reason) {
+void warn(const std::string& reason) {
   log::LogWarn() << "The application state could not be reported to the service manager:" << reason;
 }
 
@@ -53,34 +53,34 @@ class ApplicationClient::Reporter {
   Reporter() = default;
   ~Reporter() {
     const std::lock_guard lock(mutex_);
-    if (retry_.valid()) (void)retry_.wait_for(kLastWait);
-    if (EndRetry() == EAGAIN) Warn(std::generic_category().message(EAGAIN));
+    if (retry_.valid()) (void)retry_.wait_for(last_wait);
+    if (end_retry() == EAGAIN) warn(std::generic_category().message(EAGAIN));
     if (wake_ >= 0) ::close(wake_);
   }
   Reporter(const Reporter&) = delete;
   Reporter& operator=(const Reporter&) = delete;
 
-  void Report(const char* message) {
+  void report(const char* message) {
     const std::lock_guard lock(mutex_);
-    (void)EndRetry();
-    const int error = NotifySocket().Send(message);
+    (void)end_retry();
+    const int error = Notify_socket().send(message);
     if (error == EAGAIN) {
-      StartRetry(message);
+      start_retry(message);
     } else if (error != 0) {
-      Warn(std::generic_category().message(error));
+      warn(std::generic_category().message(error));
     }
   }
 
  private:
-  void StartRetry(const char* message) {
+  void start_retry(const char* message) {
     if (wake_ < 0) wake_ = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (wake_ < 0) throw std::system_error(errno, std::generic_category(), "eventfd");
-    const core::AllSignalsBlocked blocked;
-    retry_ = std::async(std::launch::async, &Reporter::Retry, this, message);
+    const core::All_signals_blocked blocked;
+    retry_ = std::async(std::launch::async, &Reporter::retry, this, message);
   }
 
   /// Returns the error of a retry that was still waiting, else 0.
-  int EndRetry() {
+  int end_retry() {
     if (!retry_.valid()) return 0;
     ::eventfd_write(wake_, 1);
     const int error = retry_.get();
@@ -90,14 +90,14 @@ class ApplicationClient::Reporter {
   }
 
   /// Returns EAGAIN if woken before there was room, else 0.
-  [[nodiscard]] int Retry(const char* message) const {
-    const auto end = Clock::now() + kRetryLimit;
+  [[nodiscard]] int retry(const char* message) const {
+    const auto end = Clock::now() + retry_limit;
     for (;;) {
-      const NotifySocket socket;
-      const int error = socket.Send(message);
+      const Notify_socket socket;
+      const int error = socket.send(message);
       const auto left = std::chrono::ceil<std::chrono::milliseconds>(end - Clock::now());
       if (error != EAGAIN || left.count() <= 0) {
-        if (error != 0) Warn(std::generic_category().message(error));
+        if (error != 0) warn(std::generic_category().message(error));
         return 0;
       }
       std::array<pollfd, 2> events{{{socket.descriptor(), POLLOUT, 0}, {wake_, POLLIN, 0}}};
@@ -116,10 +116,10 @@ ApplicationClient::~ApplicationClient() = default;
 
 void ApplicationClient::ReportApplicationState(ApplicationState state) const noexcept {
   try {
-    reporter_->Report(MessageFor(state));
+    reporter_->report(message_for(state));
   } catch (const std::exception& error) {
     try {
-      Warn(error.what());
+      warn(error.what());
     } catch (const std::exception&) {  // NOLINT(bugprone-empty-catch): no memory for a warning
     }
   }

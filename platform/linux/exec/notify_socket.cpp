@@ -11,7 +11,7 @@
 
 namespace ara::exec {
 
-NotifySocket::NotifySocket() noexcept {
+Notify_socket::Notify_socket() noexcept {
   const char* const variable = std::getenv("NOTIFY_SOCKET");
   const std::string_view name = variable != nullptr ? variable : "";
   if (name.empty()) return;
@@ -34,11 +34,11 @@ NotifySocket::NotifySocket() noexcept {
     error_ = errno;
 }
 
-NotifySocket::~NotifySocket() {
+Notify_socket::~Notify_socket() {
   if (descriptor_ >= 0) ::close(descriptor_);
 }
 
-int NotifySocket::Send(std::string_view message) const noexcept {
+int Notify_socket::send(std::string_view message) const noexcept {
   if (descriptor_ < 0 || error_ != 0) return error_;
   const ssize_t sent =
       ::send(descriptor_, message.data(), message.size(), MSG_DONTWAIT | MSG_NOSIGNAL);

@@ -10,9 +10,9 @@ namespace ara::log {
 namespace {
 
 /// The id of the default context until InitLogging names the application.
-constexpr std::string_view kUnnamed = "DFLT";
+constexpr std::string_view unnamed = "DFLT";
 
-void CheckId(std::string_view what, std::string_view id) {
+void check_id(std::string_view what, std::string_view id) {
   const auto printable = [](char c) { return c > 0x20 && c < 0x7f; };
   if (id.empty() || id.size() > 4 || !std::all_of(id.begin(), id.end(), printable)) {
     throw std::invalid_argument(std::string(what) + " \"" + std::string(id.substr(0, 64)) +
@@ -20,100 +20,101 @@ void CheckId(std::string_view what, std::string_view id) {
   }
 }
 
-std::string_view EnvironmentLevels() {
+std::string_view environment_levels() {
   const char* levels = std::getenv("POS_LOG_LEVEL");
   return levels != nullptr ? levels : "";
 }
 
 }  // namespace
 
-Backend& Backend::Instance() {
+Backend& Backend::instance() {
   static auto* instance = new Backend;  // NOLINT(cppcoreguidelines-owning-memory): lives to the end
   return *instance;
 }
 
 Backend::Backend()
-    : settings_(LevelSettings::Parse(EnvironmentLevels())),
-      dlt_(*new DltSink),
-      text_(*new TextSink) {
-  default_.store(&Add(std::string(kUnnamed), "default context", std::nullopt));
+    : settings_(Level_settings::parse(environment_levels())),
+      dlt_(*new Dlt_sink),
+      text_(*new Text_sink) {
+  default_.store(&add(std::string(unnamed), "default context", std::nullopt));
 }
 
-void Backend::Init(std::string_view app_id,
+void Backend::init(std::string_view app_id,
                    std::string_view description,
                    LogLevel default_level,
                    LogMode mode) {
-  CheckId("application id", app_id);
+  check_id("application id", app_id);
   {
     const std::lock_guard lock(mutex_);
     if (!std::exchange(initialised_, true)) {
       application_ = app_id;
       default_level_ = default_level;
-      if (auto* named = Find(app_id); named != nullptr) {
+      if (auto* named = find(app_id); named != nullptr) {
         default_.store(named, std::memory_order_release);
       } else {
-        Find(kUnnamed)->id = app_id;
+        find(unnamed)->id = app_id;
       }
       for (auto* context = contexts(); context != nullptr; context = context->next) {
-        context->logger.SetLevel(LevelFor(*context));
+        context->logger.SetLevel(level_for(*context));
       }
-      dlt_.Configure(app_id, description);
-      text_.Configure(app_id);
+      dlt_.configure(app_id, description);
+      text_.configure(app_id);
       mode_ = mode;
-      SetModes();
+      set_modes();
       // Connects now if there is a daemon, so that the first message need not.
-      if (Has(mode, LogMode::kRemote)) (void)dlt_.Ready(contexts());
+      if (Has(mode, LogMode::kRemote)) (void)dlt_.ready(contexts());
       if (settings_.complaint.empty()) return;
     }
   }
   if (settings_.complaint.empty()) {
-    Default().LogWarn() << "InitLogging was called again and ignored";
+    default_logger().LogWarn() << "InitLogging was called again and ignored";
   } else {
-    Default().LogWarn() << "environment variable POS_LOG_LEVEL: ignored" << settings_.complaint
-                        << "- expected a level or CTXT=level, separated by commas; levels are"
-                        << "off, fatal, error, warn, info, debug, verbose";
+    default_logger().LogWarn()
+        << "environment variable POS_LOG_LEVEL: ignored" << settings_.complaint
+        << "- expected a level or CTXT=level, separated by commas; levels are"
+        << "off, fatal, error, warn, info, debug, verbose";
   }
 }
 
-Logger& Backend::Create(std::string_view id,
+Logger& Backend::create(std::string_view id,
                         std::string_view description,
                         std::optional<LogLevel> level) {
-  CheckId("log context id", id);
+  check_id("log context id", id);
   const std::lock_guard lock(mutex_);
-  if (auto* known = Find(id); known != nullptr) return known->logger;
-  auto& context = Add(std::string(id), std::string(description), level);
-  dlt_.Register(context);
+  if (auto* known = find(id); known != nullptr) return known->logger;
+  auto& context = add(std::string(id), std::string(description), level);
+  dlt_.register_context(context);
   return context.logger;
 }
 
-Context* Backend::Find(std::string_view id) const {
+Context* Backend::find(std::string_view id) const {
   auto* context = contexts();
   while (context != nullptr && context->id != id)
     context = context->next;
   return context;
 }
 
-Context& Backend::Add(std::string id, std::string description, std::optional<LogLevel> level) {
+Context& Backend::add(std::string id, std::string description, std::optional<LogLevel> level) {
   auto* context = new Context(std::move(id), std::move(description), level);
-  context->logger.SetLevel(LevelFor(*context));
+  context->logger.SetLevel(level_for(*context));
   context->next = contexts_.load(std::memory_order_relaxed);
   contexts_.store(context, std::memory_order_release);
   return *context;
 }
 
-LogLevel Backend::LevelFor(const Context& context) const {
+LogLevel Backend::level_for(const Context& context) const {
   const auto entry = settings_.contexts.find(context.id);
   if (entry != settings_.contexts.end()) return entry->second;
   return context.own_level.value_or(settings_.general.value_or(default_level_));
 }
 
-void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noexcept {
+void Backend::submit(Context& context, LogLevel level, Arguments arguments) noexcept {
   try {
     const LogMode modes = modes_.load(std::memory_order_acquire);
     const bool remote = Has(modes, LogMode::kRemote);
-    const bool sent = remote && SendToDaemon(context, level, arguments);
+    const bool sent = remote && send_to_daemon(context, level, arguments);
     if (Has(modes, LogMode::kConsole) || (remote && !sent)) {
-      text_.Write(FormatLine(level, application_, context.id, arguments.Text()));
+      text_.write(format_line(level, application_, context.id, arguments.text()));
     } else if (!remote) {
       std::shared_ptr<const Diversion> diversion;
       {
@@ -127,36 +128,36 @@ void Backend::Submit(Context& context, LogLevel level, Arguments arguments) noex
   }
 }
 
-bool Backend::SendToDaemon(Context& context, LogLevel level, Arguments arguments) {
-  const auto [ready, change] = dlt_.Ready(contexts());
-  if (change == DltSink::Change::kLost) {
-    text_.Write(FormatLine(LogLevel::kWarn, application_, Default().ContextId(),
-                           "The DLT daemon is gone, log messages follow here."));
-  } else if (change == DltSink::Change::kReturned) {
-    constexpr std::string_view kNotice =
+bool Backend::send_to_daemon(Context& context, LogLevel level, Arguments arguments) {
+  const auto [ready, change] = dlt_.ready(contexts());
+  if (change == Dlt_sink::Change::lost) {
+    text_.write(format_line(LogLevel::kWarn, application_, default_logger().ContextId(),
+                            "The DLT daemon is gone, log messages follow here."));
+  } else if (change == Dlt_sink::Change::returned) {
+    constexpr std::string_view notice_text =
         "The DLT daemon is back, log messages went to standard error meanwhile.";
-    std::array<char, kTextOverhead + kNotice.size()> notice;
-    EncodeText(notice.data(), kNotice);
-    dlt_.Send(*default_.load(std::memory_order_acquire), LogLevel::kWarn,
+    std::array<char, text_overhead + notice_text.size()> notice;
+    encode_text(notice.data(), notice_text);
+    dlt_.send(*default_.load(std::memory_order_acquire), LogLevel::kWarn,
               Arguments({notice.data(), notice.size()}, 1));
   }
-  return ready && dlt_.Send(context, level, arguments);
+  return ready && dlt_.send(context, level, arguments);
 }
 
-void Backend::Divert(std::shared_ptr<const Diversion> diversion) {
+void Backend::divert(std::shared_ptr<const Diversion> diversion) {
   const std::lock_guard lock(mutex_);
   if (diversion != nullptr && diversion_ != nullptr)
     throw std::logic_error("the log is diverted already");
   diversion_ = std::move(diversion);
-  SetModes();
+  set_modes();
 }
 
-void Backend::SetModes() {
+void Backend::set_modes() {
   modes_.store(diversion_ == nullptr ? mode_ : LogMode{}, std::memory_order_release);
 }
 
-void Divert(std::shared_ptr<const Diversion> diversion) {
-  Backend::Instance().Divert(std::move(diversion));
+void divert(std::shared_ptr<const Diversion> diversion) {
+  Backend::instance().divert(std::move(diversion));
 }
 
 }  // namespace ara::log

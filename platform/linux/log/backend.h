@@ -20,34 +20,34 @@ namespace ara::log {
 /// Never destroyed: code that runs late in the process may still log.
 class Backend {
  public:
-  static Backend& Instance();
+  static Backend& instance();
   Backend(const Backend&) = delete;
   Backend& operator=(const Backend&) = delete;
 
-  void Init(std::string_view app_id,
+  void init(std::string_view app_id,
             std::string_view description,
             LogLevel default_level,
             LogMode mode);
-  Logger& Create(std::string_view id, std::string_view description, std::optional<LogLevel> level);
-  Logger& Default() { return default_.load(std::memory_order_acquire)->logger; }
+  Logger& create(std::string_view id, std::string_view description, std::optional<LogLevel> level);
+  Logger& default_logger() { return default_.load(std::memory_order_acquire)->logger; }
   /// Gives one message to the sinks.
-  void Submit(Context& context, LogLevel level, Arguments arguments) noexcept;
-  void Divert(std::shared_ptr<const Diversion> diversion);
+  void submit(Context& context, LogLevel level, Arguments arguments) noexcept;
+  void divert(std::shared_ptr<const Diversion> diversion);
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
   // At exit: each runs before the library or the thread behind the sink ends.
-  void CloseDlt() { dlt_.Close(); }
-  void CloseText() { text_.Close(); }
+  void close_dlt() { dlt_.close(); }
+  void close_text() { text_.close(); }
 
  private:
   Backend();
   ~Backend() = delete;
-  Context* Find(std::string_view id) const;
-  Context& Add(std::string id, std::string description, std::optional<LogLevel> level);
-  [[nodiscard]] LogLevel LevelFor(const Context& context) const;
-  void SetModes();
-  bool SendToDaemon(Context& context, LogLevel level, Arguments arguments);
+  Context* find(std::string_view id) const;
+  Context& add(std::string id, std::string description, std::optional<LogLevel> level);
+  [[nodiscard]] LogLevel level_for(const Context& context) const;
+  void set_modes();
+  bool send_to_daemon(Context& context, LogLevel level, Arguments arguments);
 
-  const LevelSettings settings_;
+  const Level_settings settings_;
   std::mutex mutex_;  ///< guards creation of contexts and the members up to diversion_
   bool initialised_ = false;
   LogLevel default_level_ = LogLevel::kInfo;
@@ -60,8 +60,8 @@ class Backend {
   std::string application_ = "-";
   /// No bits while messages are diverted, so that only messages without a sink check diversion_.
   std::atomic<LogMode> modes_ = LogMode::kConsole;
-  DltSink& dlt_;
-  TextSink& text_;
+  Dlt_sink& dlt_;
+  Text_sink& text_;
 };
 
 }  // namespace ara::log

@@ -30,7 +30,7 @@ struct Context {
   /// library calls back to change a level.
   Context* next = nullptr;
 
-  DltContext dlt{};                     ///< filled and first used under DltSink's mutex
+  DltContext dlt{};                     ///< filled and first used under Dlt_sink's mutex
   std::atomic<bool> dlt_ready = false;  ///< released after `dlt` was filled
 };
 

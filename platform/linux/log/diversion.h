@@ -16,6 +16,6 @@ using Diversion = std::function<void(LogLevel level, std::string_view context, A
 /// From now on every enabled message reaches `diversion` and nothing else; null ends that. A thread
 /// that is logging at this moment may still use the previous diversion. Throws std::logic_error if
 /// another diversion is active.
-void Divert(std::shared_ptr<const Diversion> diversion);
+void divert(std::shared_ptr<const Diversion> diversion);
 
 }  // namespace ara::log

@@ -18,60 +18,60 @@ namespace ara::log {
 /// The check costs one system call a message (a tenth of a microsecond; the library itself takes
 /// nearly one). When a daemon dies, the next daemon receives the messages that the library still
 /// holds.
-class DltSink {
+class Dlt_sink {
  public:
-  /// A change that the caller of Ready() has to log.
+  /// A change that the caller of ready() has to log.
   enum class Change : std::uint8_t {
-    kNone,
-    kLost,
+    none,
+    lost,
     /// The library has not noticed yet: it needs one message (which it keeps for the new daemon) to
-    /// find its end of the pipe dead. Ready() says no until the library has had time to connect
+    /// find its end of the pipe dead. ready() says no until the library has had time to connect
     /// again.
-    kReturned,
+    returned,
   };
   struct Readiness {
     bool ready;
     Change change;
   };
 
-  DltSink() = default;
-  ~DltSink() = delete;
-  DltSink(const DltSink&) = delete;
-  DltSink& operator=(const DltSink&) = delete;
+  Dlt_sink() = default;
+  ~Dlt_sink() = delete;
+  Dlt_sink(const Dlt_sink&) = delete;
+  Dlt_sink& operator=(const Dlt_sink&) = delete;
 
   /// Call it before every other member.
-  void Configure(std::string_view application, std::string_view description);
+  void configure(std::string_view application, std::string_view description);
   /// Checks whether a daemon can take a message now. Without a daemon it looks for one, at most
   /// twice a second, and registers `contexts` when it finds one. Never waits.
-  Readiness Ready(Context* contexts);
+  Readiness ready(Context* contexts);
   /// Registers a context that was created later.
-  void Register(Context& context);
-  /// Call it only after Ready(). Returns false if the daemon receives nothing of the message,
+  void register_context(Context& context);
+  /// Call it only after ready(). Returns false if the daemon receives nothing of the message,
   /// because the context is not yet registered or the library refuses the message.
-  bool Send(Context& context, LogLevel level, Arguments arguments);
-  /// At exit: from now on Ready() says no. Lets the library wait for a slow daemon, but not without
+  bool send(Context& context, LogLevel level, Arguments arguments);
+  /// At exit: from now on ready() says no. Lets the library wait for a slow daemon, but not without
   /// a daemon.
-  void Close();
+  void close();
 
  private:
-  enum class State : std::uint8_t { kNeverSeen, kConnected, kLost, kReturning, kClosed };
+  enum class State : std::uint8_t { never_seen, connected, lost, returning, closed };
 
-  bool OpenPipe();
-  void ClosePipe();
+  bool open_pipe();
+  void close_pipe();
   /// The one system call of a message beside the library's own. Without the lock, the answer counts
-  /// only if state_ was kConnected before and still is afterwards.
-  [[nodiscard]] bool ReaderLives() const;
-  void StartLibrary();
-  void RegisterLocked(Context& context);
+  /// only if state_ was connected before and still is afterwards.
+  [[nodiscard]] bool reader_lives() const;
+  void start_library();
+  void register_locked(Context& context);
 
   std::string application_;
   std::string description_;
-  std::atomic<State> state_ = State::kNeverSeen;
+  std::atomic<State> state_ = State::never_seen;
   std::atomic<std::int64_t> next_look_ =
       0;              ///< coarse clock, ns; relaxed: it only spaces the look-ups
   std::mutex mutex_;  ///< guards the members below and registration; only tried while logging
   int pipe_ = -1;     ///< our own end of the daemon's pipe, which reports the reader's death
-  int watch_ = -1;    ///< epoll of pipe_, cheaper to query; set before kConnected, then kept
+  int watch_ = -1;    ///< epoll of pipe_, cheaper to query; set before connected, then kept
   bool library_started_ = false;
   std::size_t max_payload_ = 0;  ///< of a message; set before any context is registered, then kept
 };

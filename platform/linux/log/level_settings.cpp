@@ -6,24 +6,24 @@
 namespace ara::log {
 namespace {
 
-constexpr std::array<std::string_view, 7> kNames{"off",  "fatal", "error",  "warn",
-                                                 "info", "debug", "verbose"};
+constexpr std::array<std::string_view, 7> names{"off",  "fatal", "error",  "warn",
+                                                "info", "debug", "verbose"};
 
-std::optional<LogLevel> LevelNamed(std::string_view name) {
-  const auto found = std::find(kNames.begin(), kNames.end(), name);
-  if (found == kNames.end()) return std::nullopt;
-  return static_cast<LogLevel>(found - kNames.begin());
+std::optional<LogLevel> level_named(std::string_view name) {
+  const auto found = std::find(names.begin(), names.end(), name);
+  if (found == names.end()) return std::nullopt;
+  return static_cast<LogLevel>(found - names.begin());
 }
 
 }  // namespace
 
 std::string_view NameOf(LogLevel level) {
   const auto index = static_cast<std::size_t>(level);
-  return index < kNames.size() ? kNames[index] : std::string_view("unknown");
+  return index < names.size() ? names[index] : std::string_view("unknown");
 }
 
-LevelSettings LevelSettings::Parse(std::string_view text) {
-  LevelSettings settings;
+Level_settings Level_settings::parse(std::string_view text) {
+  Level_settings settings;
   while (!text.empty()) {
     const std::string_view entry = text.substr(0, text.find(','));
     text.remove_prefix(std::min(entry.size() + 1, text.size()));
@@ -32,7 +32,7 @@ LevelSettings LevelSettings::Parse(std::string_view text) {
     const std::string_view context =
         equals == std::string_view::npos ? std::string_view() : entry.substr(0, equals);
     const auto level =
-        LevelNamed(equals == std::string_view::npos ? entry : entry.substr(equals + 1));
+        level_named(equals == std::string_view::npos ? entry : entry.substr(equals + 1));
     if (!level || (equals != std::string_view::npos && (context.empty() || context.size() > 4))) {
       settings.complaint += settings.complaint.empty() ? "\"" : ", \"";
       settings.complaint += entry;

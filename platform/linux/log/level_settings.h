@@ -10,13 +10,13 @@
 
 namespace ara::log {
 
-struct LevelSettings {
+struct Level_settings {
   std::optional<LogLevel> general;
   std::map<std::string, LogLevel, std::less<>> contexts;
   /// The parts that are not valid, for one warning. The other parts hold.
   std::string complaint;
 
-  static LevelSettings Parse(std::string_view text);
+  static Level_settings parse(std::string_view text);
 };
 
 }  // namespace ara::log

@@ -9,29 +9,29 @@
 namespace ara::log {
 namespace {
 
-constexpr std::size_t kMaxMessage = std::size_t{64} << 10;
-constexpr std::string_view kTruncated = "[truncated]";
+constexpr std::size_t max_message = std::size_t{64} << 10;
+constexpr std::string_view truncated = "[truncated]";
 /// The bytes beyond this limit are reserved for the mark.
-constexpr std::size_t kLimit = kMaxMessage - kTextOverhead - kTruncated.size();
+constexpr std::size_t limit = max_message - text_overhead - truncated.size();
 
 }  // namespace
 
-void InitLogging(std::string_view appId,
+void InitLogging(std::string_view app_id,
                  std::string_view description,
-                 LogLevel defaultLevel,
+                 LogLevel default_level,
                  LogMode mode,
-                 std::string_view /*directoryPath*/) {
-  Backend::Instance().Init(appId, description, defaultLevel, mode);
+                 std::string_view /*directory_path*/) {
+  Backend::instance().init(app_id, description, default_level, mode);
 }
 
-Logger& CreateLogger(std::string_view ctxId,
+Logger& CreateLogger(std::string_view ctx_id,
                      std::string_view description,
                      std::optional<LogLevel> level) {
-  return Backend::Instance().Create(ctxId, description, level);
+  return Backend::instance().create(ctx_id, description, level);
 }
 
 Logger& DefaultLogger() {
-  return Backend::Instance().Default();
+  return Backend::instance().default_logger();
 }
 
 void Logger::SetLevel(LogLevel level) noexcept {
@@ -44,16 +44,17 @@ const std::string& Logger::ContextId() const noexcept {
 
 void LogStream::AddBool(bool value) noexcept {
   const std::uint8_t byte = value ? 1 : 0;
-  AddNumber(static_cast<std::uint32_t>(ArgumentType::kBool), &byte, 1);
+  AddNumber(static_cast<std::uint32_t>(Argument_type::boolean), &byte, 1);
 }
 
 void LogStream::AddSigned(std::int64_t value, std::size_t size) noexcept {
-  AddInteger(static_cast<std::uint32_t>(OfSize(ArgumentType::kSigned, size)),
+  AddInteger(static_cast<std::uint32_t>(of_size(Argument_type::signed_integer, size)),
              static_cast<std::uint64_t>(value), size);
 }
 
 void LogStream::AddUnsigned(std::uint64_t value, std::size_t size) noexcept {
-  AddInteger(static_cast<std::uint32_t>(OfSize(ArgumentType::kUnsigned, size)), value, size);
+  AddInteger(static_cast<std::uint32_t>(of_size(Argument_type::unsigned_integer, size)), value,
+             size);
 }
 
 void LogStream::AddInteger(std::uint32_t type, std::uint64_t value, std::size_t size) noexcept {
@@ -71,11 +72,11 @@ void LogStream::AddInteger(std::uint32_t type, std::uint64_t value, std::size_t 
 }
 
 void LogStream::AddFloat(float value) noexcept {
-  AddNumber(static_cast<std::uint32_t>(ArgumentType::kFloat), &value, sizeof value);
+  AddNumber(static_cast<std::uint32_t>(Argument_type::float32), &value, sizeof value);
 }
 
 void LogStream::AddDouble(double value) noexcept {
-  AddNumber(static_cast<std::uint32_t>(ArgumentType::kDouble), &value, sizeof value);
+  AddNumber(static_cast<std::uint32_t>(Argument_type::float64), &value, sizeof value);
 }
 
 void LogStream::AddHex(std::uint64_t value) noexcept {
@@ -86,21 +87,21 @@ void LogStream::AddHex(std::uint64_t value) noexcept {
 
 void LogStream::AddNumber(std::uint32_t type, const void* value, std::size_t size) noexcept {
   if (truncated_) return;
-  if (used_ + kNumberOverhead + size > kLimit) {
+  if (used_ + number_overhead + size > limit) {
     truncated_ = true;
-  } else if (char* out = Extend(kNumberOverhead + size); out != nullptr) {
-    EncodeNumber(out, static_cast<ArgumentType>(type), value, size);
+  } else if (char* out = Extend(number_overhead + size); out != nullptr) {
+    encode_number(out, static_cast<Argument_type>(type), value, size);
   }
 }
 
 void LogStream::AddText(std::string_view value) noexcept {
   if (truncated_) return;
-  if (used_ + kTextOverhead + value.size() > kLimit) {
+  if (used_ + text_overhead + value.size() > limit) {
     truncated_ = true;
-    if (used_ + kTextOverhead >= kLimit) return;
-    value = value.substr(0, kLimit - used_ - kTextOverhead);
+    if (used_ + text_overhead >= limit) return;
+    value = value.substr(0, limit - used_ - text_overhead);
   }
-  if (char* out = Extend(kTextOverhead + value.size()); out != nullptr) EncodeText(out, value);
+  if (char* out = Extend(text_overhead + value.size()); out != nullptr) encode_text(out, value);
 }
 
 char* LogStream::Extend(std::size_t size) noexcept {
@@ -122,11 +123,11 @@ char* LogStream::Extend(std::size_t size) noexcept {
 
 void LogStream::Send() noexcept {
   if (truncated_) {
-    if (char* out = Extend(kTextOverhead + kTruncated.size()); out != nullptr)
-      EncodeText(out, kTruncated);
+    if (char* out = Extend(text_overhead + truncated.size()); out != nullptr)
+      encode_text(out, truncated);
   }
   const char* encoded = overflow_ != nullptr ? overflow_->data() : inline_.data();
-  Backend::Instance().Submit(logger_->context_, level_, Arguments({encoded, used_}, count_));
+  Backend::instance().submit(logger_->context_, level_, Arguments({encoded, used_}, count_));
 }
 
 }  // namespace ara::log

@@ -24,17 +24,17 @@ namespace ara::log {
 namespace {
 
 /// Holds the lines of a busy process for some seconds.
-constexpr std::size_t kMaxQueuedBytes = std::size_t{256} << 10;
+constexpr std::size_t max_queued_bytes = std::size_t{256} << 10;
 /// At exit, the longest waits for the reader to take the next line, and to take all lines.
-constexpr std::chrono::milliseconds kPatience{100};
-constexpr std::chrono::seconds kLongestExit{1};
+constexpr std::chrono::milliseconds patience{100};
+constexpr std::chrono::seconds longest_exit{1};
 
 }  // namespace
 
-std::string FormatLine(LogLevel level,
-                       std::string_view application,
-                       std::string_view context,
-                       std::string_view text) {
+std::string format_line(LogLevel level,
+                        std::string_view application,
+                        std::string_view context,
+                        std::string_view text) {
   timespec now{};
   ::clock_gettime(CLOCK_REALTIME, &now);
   tm parts{};
@@ -59,7 +59,7 @@ std::string FormatLine(LogLevel level,
   return line;
 }
 
-StandardError::StandardError() : descriptor_(STDERR_FILENO) {
+Standard_error::Standard_error() : descriptor_(STDERR_FILENO) {
   struct stat status {};
   if (::fstat(STDERR_FILENO, &status) != 0) return;  // closed: each write fails at once
   socket_ = S_ISSOCK(status.st_mode);
@@ -70,7 +70,7 @@ StandardError::StandardError() : descriptor_(STDERR_FILENO) {
   may_wait_ = own < 0;
 }
 
-int StandardError::Write(std::string_view& line) const noexcept {
+int Standard_error::write(std::string_view& line) const noexcept {
   while (!line.empty()) {
     const ssize_t written =
         socket_ ? ::send(descriptor_, line.data(), line.size(), MSG_DONTWAIT | MSG_NOSIGNAL)
@@ -84,41 +84,41 @@ int StandardError::Write(std::string_view& line) const noexcept {
   return 0;
 }
 
-void StandardError::WaitForReader() const noexcept {
+void Standard_error::wait_for_reader() const noexcept {
   pollfd ready{descriptor_, POLLOUT, 0};
   (void)::poll(&ready, 1, -1);
 }
 
-void TextSink::Configure(std::string_view application) {
+void Text_sink::configure(std::string_view application) {
   const std::lock_guard lock(mutex_);
   application_ = application;
 }
 
-void TextSink::Write(std::string line) noexcept {
+void Text_sink::write(std::string line) noexcept {
   try {
     std::unique_lock lock(mutex_);
-    if (queuing_ && (dropped_ > 0 || queued_bytes_ + line.size() > kMaxQueuedBytes)) {
+    if (queuing_ && (dropped_ > 0 || queued_bytes_ + line.size() > max_queued_bytes)) {
       ++dropped_;
-      StartThread();
+      start_thread();
     } else {
       const auto missing = std::exchange(dropped_, 0);
-      if (missing > 0) Add(NoticeOf(missing));
+      if (missing > 0) add(notice_of(missing));
       if (dropped_ > 0) {  // the notice did not get through either
         dropped_ = missing + 1;
       } else {
-        Add(std::move(line));
+        add(std::move(line));
       }
     }
-    if (closed_) WaitForQueue(lock);
+    if (closed_) wait_for_queue(lock);
   } catch (
       ...) {  // NOLINT(bugprone-empty-catch): no memory for a log line; the application goes on
   }
 }
 
-void TextSink::Add(std::string line) {
+void Text_sink::add(std::string line) {
   if (!queuing_ && !output_.may_wait()) {
     std::string_view rest = line;
-    const int error = output_.Write(rest);
+    const int error = output_.write(rest);
     if (error == 0) return;
     if (error != EAGAIN) {
       ++dropped_;
@@ -129,23 +129,23 @@ void TextSink::Add(std::string line) {
   queued_bytes_ += line.size();
   queue_.push_back(std::move(line));
   queuing_ = true;
-  StartThread();
+  start_thread();
   enqueued_.notify_one();
 }
 
-void TextSink::StartThread() {
+void Text_sink::start_thread() {
   if (thread_runs_) return;
   try {
-    const core::AllSignalsBlocked blocked;
-    std::thread([this] { WriteQueue(); }).detach();
+    const core::All_signals_blocked blocked;
+    std::thread([this] { write_queue(); }).detach();
     thread_runs_ = true;
   } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the next line tries again
   }
-  static const int at_exit = std::atexit([] { Backend::Instance().CloseText(); });
+  static const int at_exit = std::atexit([] { Backend::instance().close_text(); });
   (void)at_exit;
 }
 
-void TextSink::WriteQueue() noexcept {
+void Text_sink::write_queue() noexcept {
   std::uint64_t lines = 1;  // the number of missing lines if the next line cannot be written
   std::unique_lock lock(mutex_);
   for (;;) {
@@ -156,8 +156,8 @@ void TextSink::WriteQueue() noexcept {
     lock.unlock();
     std::string_view rest = line;
     int error = 0;
-    while ((error = output_.Write(rest)) == EAGAIN)
-      output_.WaitForReader();
+    while ((error = output_.write(rest)) == EAGAIN)
+      output_.wait_for_reader();
     lock.lock();
     if (error == 0) {
       ++written_;
@@ -166,7 +166,7 @@ void TextSink::WriteQueue() noexcept {
     }
     lines = 1;
     if (!queue_.empty()) continue;
-    if (error == 0 && dropped_ > 0 && EnqueueNotice()) {
+    if (error == 0 && dropped_ > 0 && enqueue_notice()) {
       lines = std::exchange(dropped_, 0);
       continue;
     }
@@ -175,9 +175,9 @@ void TextSink::WriteQueue() noexcept {
   }
 }
 
-bool TextSink::EnqueueNotice() noexcept {
+bool Text_sink::enqueue_notice() noexcept {
   try {
-    queue_.push_back(NoticeOf(dropped_));
+    queue_.push_back(notice_of(dropped_));
     queued_bytes_ += queue_.back().size();
     return true;
   } catch (const std::exception&) {  // no memory: write it before the next line
@@ -185,23 +185,23 @@ bool TextSink::EnqueueNotice() noexcept {
   }
 }
 
-std::string TextSink::NoticeOf(std::uint64_t lines) const {
-  return FormatLine(
+std::string Text_sink::notice_of(std::uint64_t lines) const {
+  return format_line(
       LogLevel::kWarn, application_, application_,
       "Standard error was not read, log lines missing here: " + std::to_string(lines));
 }
 
-void TextSink::Close() {
+void Text_sink::close() {
   std::unique_lock lock(mutex_);
   closed_ = true;
-  WaitForQueue(lock);
+  wait_for_queue(lock);
 }
 
-void TextSink::WaitForQueue(std::unique_lock<std::mutex>& lock) {
-  const auto end = std::chrono::steady_clock::now() + kLongestExit;
+void Text_sink::wait_for_queue(std::unique_lock<std::mutex>& lock) {
+  const auto end = std::chrono::steady_clock::now() + longest_exit;
   while (queuing_ && !given_up_) {
     const auto before = written_;
-    (void)drained_.wait_for(lock, kPatience, [this] { return !queuing_; });
+    (void)drained_.wait_for(lock, patience, [this] { return !queuing_; });
     given_up_ = written_ == before || std::chrono::steady_clock::now() > end;
   }
 }

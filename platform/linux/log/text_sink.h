@@ -15,28 +15,28 @@ namespace ara::log {
 
 /// Returns "2026/11/24 20:32:00.459871 info POS GNSS text\n", in local time. Control characters in
 /// `text` become blanks, so that no text of a peer can forge a line.
-[[nodiscard]] std::string FormatLine(LogLevel level,
-                                     std::string_view application,
-                                     std::string_view context,
-                                     std::string_view text);
+[[nodiscard]] std::string format_line(LogLevel level,
+                                      std::string_view application,
+                                      std::string_view context,
+                                      std::string_view text);
 
 /// Standard error, written to without waiting. Setting O_NONBLOCK would not do: the flag belongs to
 /// the open file description, which other programs share.
-class StandardError {
+class Standard_error {
  public:
-  StandardError();
-  ~StandardError() = default;  // its descriptor lives until the process ends
-  StandardError(const StandardError&) = delete;
-  StandardError& operator=(const StandardError&) = delete;
+  Standard_error();
+  ~Standard_error() = default;  // its descriptor lives until the process ends
+  Standard_error(const Standard_error&) = delete;
+  Standard_error& operator=(const Standard_error&) = delete;
 
-  /// True if Write() may wait for the reader: standard error is neither a socket nor a file and
+  /// True if write() may wait for the reader: standard error is neither a socket nor a file and
   /// cannot be opened a second time (a pipe of another user).
   [[nodiscard]] bool may_wait() const { return may_wait_; }
   /// Removes the written bytes from `line`. Returns 0 if nothing remains, else an error number;
   /// EAGAIN means that the reader does not read.
-  int Write(std::string_view& line) const noexcept;
+  int write(std::string_view& line) const noexcept;
   /// Returns when the reader reads again or is gone.
-  void WaitForReader() const noexcept;
+  void wait_for_reader() const noexcept;
 
  private:
   int descriptor_;
@@ -48,30 +48,30 @@ class StandardError {
 /// caller's thread writes a line if standard error accepts it at once. Otherwise the line waits in
 /// a queue, and a dedicated thread writes the queue. While the queue is full, lines are dropped;
 /// one line with their number follows the queue.
-class TextSink {
+class Text_sink {
  public:
-  TextSink() = default;
-  ~TextSink() = delete;
-  TextSink(const TextSink&) = delete;
-  TextSink& operator=(const TextSink&) = delete;
+  Text_sink() = default;
+  ~Text_sink() = delete;
+  Text_sink(const Text_sink&) = delete;
+  Text_sink& operator=(const Text_sink&) = delete;
 
   /// `application` is the id of the lines that report dropped lines.
-  void Configure(std::string_view application);
-  /// Any thread may call. Never waits before Close().
-  void Write(std::string line) noexcept;
+  void configure(std::string_view application);
+  /// Any thread may call. Never waits before close().
+  void write(std::string line) noexcept;
   /// At exit: waits for the queue as long as the reader reads, else for a tenth of a second. Later
   /// lines wait in the same way, until one has waited in vain.
-  void Close();
+  void close();
 
  private:
-  void Add(std::string line);
-  void StartThread();
-  void WriteQueue() noexcept;
-  [[nodiscard]] bool EnqueueNotice() noexcept;
-  [[nodiscard]] std::string NoticeOf(std::uint64_t lines) const;
-  void WaitForQueue(std::unique_lock<std::mutex>& lock);
+  void add(std::string line);
+  void start_thread();
+  void write_queue() noexcept;
+  [[nodiscard]] bool enqueue_notice() noexcept;
+  [[nodiscard]] std::string notice_of(std::uint64_t lines) const;
+  void wait_for_queue(std::unique_lock<std::mutex>& lock);
 
-  const StandardError output_;
+  const Standard_error output_;
   std::mutex mutex_;  ///< guards the members below; never held while a write may wait
   std::string application_ = "-";
   std::deque<std::string> queue_;

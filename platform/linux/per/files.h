@@ -17,16 +17,16 @@ class Files {
   Files(const Files&) = delete;
   Files& operator=(const Files&) = delete;
 
-  virtual int Open(const std::string& path, int flags, mode_t mode);
-  virtual ssize_t Read(int fd, char* buffer, std::size_t size);
-  virtual ssize_t Write(int fd, const char* data, std::size_t size);
-  virtual int Fstat(int fd, struct stat& status);
-  virtual int Fsync(int fd);
-  virtual int Close(int fd);
-  virtual int Rename(const std::string& from, const std::string& to);
-  virtual int Unlink(const std::string& path);
+  virtual int open(const std::string& path, int flags, mode_t mode);
+  virtual ssize_t read(int fd, char* buffer, std::size_t size);
+  virtual ssize_t write(int fd, const char* data, std::size_t size);
+  virtual int fstat(int fd, struct stat& status);
+  virtual int fsync(int fd);
+  virtual int close(int fd);
+  virtual int rename(const std::string& from, const std::string& to);
+  virtual int unlink(const std::string& path);
 
-  static Files& OfTheSystem();
+  static Files& of_the_system();
 };
 
 }  // namespace ara::per

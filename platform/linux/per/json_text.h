@@ -23,11 +23,11 @@ using Values = std::map<std::string, KvsType, std::less<>>;
 /// Throws ExceptionValidation, which begins with `path` and names line and column of broken JSON,
 /// else the key and the expected content. The memory used grows with the accepted text, not with
 /// the refused text.
-[[nodiscard]] Values ParseValues(std::string_view text, const std::string& path);
+[[nodiscard]] Values parse_values(std::string_view text, const std::string& path);
 
 /// Every key and text must be UTF-8.
-[[nodiscard]] std::string ToText(const Values& values);
+[[nodiscard]] std::string to_text(const Values& values);
 
-[[nodiscard]] bool IsUtf8(const std::string& text);
+[[nodiscard]] bool is_utf8(const std::string& text);
 
 }  // namespace ara::per

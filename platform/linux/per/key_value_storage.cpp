@@ -11,20 +11,20 @@
 namespace ara::per {
 namespace {
 
-std::string CheckedPort(std::string_view port) {
-  constexpr std::size_t kMaxLength = 128;
-  if (port.empty() || port.size() > kMaxLength || port.front() == '.' ||
+std::string checked_port(std::string_view port) {
+  constexpr std::size_t max_length = 128;
+  if (port.empty() || port.size() > max_length || port.front() == '.' ||
       port.find_first_of(std::string_view("/\0", 2)) != std::string_view::npos) {
     throw ExceptionLogicError(
-        "storage port \"" + std::string(port.substr(0, kMaxLength)) +
+        "storage port \"" + std::string(port.substr(0, max_length)) +
         "\": expected a file name of 1 to 128 characters that does not start with a dot");
   }
   return std::string(port);
 }
 
-std::string ReadyFolder() {
-  std::string folder = StorageFolder();
-  RequireFolder(folder);
+std::string ready_folder() {
+  std::string folder = storage_folder();
+  require_folder(folder);
   return folder;
 }
 
@@ -33,42 +33,42 @@ std::string ReadyFolder() {
 class KeyValueStorage::Store {
  public:
   explicit Store(const std::string& port)
-      : file_(ReadyFolder(), port + ".json", Files::OfTheSystem()) {
-    if (const auto text = file_.Read()) {
-      values_ = ParseValues(*text, file_.path());
-    } else if (const auto folder = InitialDataFolder(); !folder.empty()) {
-      const StoreFile initial(folder, "initdata-" + port + ".json", Files::OfTheSystem());
-      if (const auto first = initial.Read()) {
-        values_ = ParseValues(*first, initial.path());
+      : file_(ready_folder(), port + ".json", Files::of_the_system()) {
+    if (const auto text = file_.read()) {
+      values_ = parse_values(*text, file_.path());
+    } else if (const auto folder = initial_data_folder(); !folder.empty()) {
+      const Store_file initial(folder, "initdata-" + port + ".json", Files::of_the_system());
+      if (const auto first = initial.read()) {
+        values_ = parse_values(*first, initial.path());
         changes_ = 1;
       }
     }
-    file_.RemoveLeftover();
+    file_.remove_leftover();
   }
 
-  bool Has(const std::string& key) const {
+  bool has(const std::string& key) const {
     const std::lock_guard lock(mutex_);
     return values_.contains(key);
   }
 
-  KvsType Get(const std::string& key) const {
+  KvsType get(const std::string& key) const {
     const std::lock_guard lock(mutex_);
     const auto found = values_.find(key);
     return found != values_.end() ? found->second : KvsType(KvsType::Status::kNotFound);
   }
 
-  void Set(const std::string& key, const KvsType& value) {
+  void set(const std::string& key, const KvsType& value) {
     const std::lock_guard lock(mutex_);
     values_.insert_or_assign(key, value);
     ++changes_;
   }
 
-  void Remove(const std::string& key) {
+  void remove(const std::string& key) {
     const std::lock_guard lock(mutex_);
     if (values_.erase(key) != 0) ++changes_;
   }
 
-  std::vector<std::string> Keys() const {
+  std::vector<std::string> keys() const {
     const std::lock_guard lock(mutex_);
     std::vector<std::string> keys;
     keys.reserve(values_.size());
@@ -77,7 +77,7 @@ class KeyValueStorage::Store {
     return keys;
   }
 
-  void Sync() {
+  void sync() {
     const std::lock_guard writing(write_mutex_);
     std::string text;
     std::uint64_t changes = 0;
@@ -85,14 +85,14 @@ class KeyValueStorage::Store {
       const std::lock_guard lock(mutex_);
       if (changes_ == stored_changes_) return;
       changes = changes_;
-      text = ToText(values_);
+      text = to_text(values_);
     }
-    file_.Replace(text);
+    file_.replace(text);
     stored_changes_ = changes;
   }
 
  private:
-  const StoreFile file_;
+  const Store_file file_;
   std::mutex write_mutex_;  ///< one writer at a time; guards stored_changes_, taken before mutex_
   std::uint64_t stored_changes_ = 0;  ///< the value of changes_ for the file's content
   mutable std::mutex mutex_;          ///< guards the members below, never held while writing
@@ -101,36 +101,36 @@ class KeyValueStorage::Store {
 };
 
 KeyValueStorage::KeyValueStorage(std::string_view port)
-    : store_(std::make_unique<Store>(CheckedPort(port))) {}
+    : store_(std::make_unique<Store>(checked_port(port))) {}
 KeyValueStorage::~KeyValueStorage() = default;
 
 bool KeyValueStorage::HasKey(const std::string& key) const {
-  return store_->Has(key);
+  return store_->has(key);
 }
 KvsType KeyValueStorage::GetValue(const std::string& key) const {
-  return store_->Get(key);
+  return store_->get(key);
 }
 
 void KeyValueStorage::SetValue(const std::string& key, const KvsType& value) {
   if (key.empty()) throw ExceptionLogicError("storage: a value needs a key");
-  if (!IsUtf8(key)) throw ExceptionLogicError("storage: a key is not UTF-8");
+  if (!is_utf8(key)) throw ExceptionLogicError("storage: a key is not UTF-8");
   if (value.GetType() == KvsType::Type::kNotSupported) {
     throw ExceptionLogicError("storage: key \"" + key + "\" cannot be set to nothing");
   }
-  if (value.GetType() == KvsType::Type::kString && !IsUtf8(value.GetString())) {
+  if (value.GetType() == KvsType::Type::kString && !is_utf8(value.GetString())) {
     throw ExceptionLogicError("storage: the text for key \"" + key + "\" is not UTF-8");
   }
-  store_->Set(key, value);
+  store_->set(key, value);
 }
 
 void KeyValueStorage::RemoveKey(const std::string& key) {
-  store_->Remove(key);
+  store_->remove(key);
 }
 std::vector<std::string> KeyValueStorage::GetAllKeys() const {
-  return store_->Keys();
+  return store_->keys();
 }
 void KeyValueStorage::SyncToStorage() {
-  store_->Sync();
+  store_->sync();
 }
 
 }  // namespace ara::per

@@ -7,15 +7,15 @@ namespace ara::per {
 
 namespace {
 
-constexpr std::array<std::string_view, 14> kNames{"none",   "Float",  "Double", "SInt8",  "SInt16",
-                                                  "SInt32", "SInt64", "UInt8",  "UInt16", "UInt32",
-                                                  "UInt64", "String", "Binary", "Boolean"};
+constexpr std::array<std::string_view, 14> names{"none",   "Float",  "Double", "SInt8",  "SInt16",
+                                                 "SInt32", "SInt64", "UInt8",  "UInt16", "UInt32",
+                                                 "UInt64", "String", "Binary", "Boolean"};
 
 }  // namespace
 
 std::string_view NameOf(KvsType::Type type) {
   const auto index = static_cast<std::size_t>(type);
-  return index < kNames.size() ? kNames[index] : std::string_view("unknown");
+  return index < names.size() ? names[index] : std::string_view("unknown");
 }
 
 KvsType::KvsType(const std::uint8_t* data, std::size_t size)
@@ -23,7 +23,7 @@ KvsType::KvsType(const std::uint8_t* data, std::size_t size)
                         : std::vector<std::uint8_t>()) {}
 
 KvsType::Type KvsType::GetType() const noexcept {
-  static_assert(std::variant_size_v<Value> == kNames.size());
+  static_assert(std::variant_size_v<Value> == names.size());
   return static_cast<Type>(value_.index());
 }
 

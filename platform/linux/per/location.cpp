@@ -15,18 +15,18 @@
 namespace ara::per {
 namespace {
 
-std::string Environment(const char* name) {
+std::string environment(const char* name) {
   const char* value = std::getenv(name);
   return value != nullptr ? value : "";
 }
 
 /// Returns 0 or errno. Syncs the new entry too, because a store is only as permanent as its folder.
-int CreateFolder(const std::filesystem::path& folder) {
+int create_folder(const std::filesystem::path& folder) {
   const std::filesystem::path parent = folder.has_parent_path() ? folder.parent_path() : ".";
   if (::mkdir(folder.c_str(), 0750) != 0) {
     if (errno == EEXIST) return 0;
     if (errno != ENOENT || parent == folder) return errno;
-    if (const int error = CreateFolder(parent); error != 0) return error;
+    if (const int error = create_folder(parent); error != 0) return error;
     if (::mkdir(folder.c_str(), 0750) != 0 && errno != EEXIST) return errno;
   }
   const int fd = ::open(parent.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
@@ -39,27 +39,27 @@ int CreateFolder(const std::filesystem::path& folder) {
 
 }  // namespace
 
-std::string StorageFolder() {
-  if (auto folder = Environment("POS_STORAGE_DIR"); !folder.empty()) return folder;
+std::string storage_folder() {
+  if (auto folder = environment("POS_STORAGE_DIR"); !folder.empty()) return folder;
   // systemd joins several folders by colons. The unit's first folder holds the stores.
-  if (auto folders = Environment("STATE_DIRECTORY"); !folders.empty())
+  if (auto folders = environment("STATE_DIRECTORY"); !folders.empty())
     return folders.substr(0, folders.find(':'));
-  if (auto folder = Environment("XDG_STATE_HOME"); folder.starts_with('/')) return folder + "/pos";
-  if (auto folder = Environment("HOME"); !folder.empty()) return folder + "/.local/state/pos";
+  if (auto folder = environment("XDG_STATE_HOME"); folder.starts_with('/')) return folder + "/pos";
+  if (auto folder = environment("HOME"); !folder.empty()) return folder + "/.local/state/pos";
   throw ExceptionStorageLocationNotFound(
       "no folder for the key-value storage: none of POS_STORAGE_DIR, STATE_DIRECTORY, "
       "XDG_STATE_HOME and HOME is set");
 }
 
-void RequireFolder(const std::string& folder) {
+void require_folder(const std::string& folder) {
   struct stat status {};
   if (::stat(folder.c_str(), &status) == 0 && S_ISDIR(status.st_mode)) return;
   // Without a trailing slash the last component has a parent of its own.
   std::string_view trimmed = folder;
   while (trimmed.size() > 1 && trimmed.ends_with('/'))
     trimmed.remove_suffix(1);
-  int error = CreateFolder(trimmed);
-  // CreateFolder() reports no error if a file has the folder's name.
+  int error = create_folder(trimmed);
+  // create_folder() reports no error if a file has the folder's name.
   if (error == 0 && (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)))
     error = ENOTDIR;
   if (error != 0) {
@@ -71,8 +71,8 @@ void RequireFolder(const std::string& folder) {
                                          "\" was not there; it has been created");
 }
 
-std::string InitialDataFolder() {
-  if (auto folder = Environment("POS_INITDATA_DIR"); !folder.empty()) return folder;
+std::string initial_data_folder() {
+  if (auto folder = environment("POS_INITDATA_DIR"); !folder.empty()) return folder;
   std::error_code error;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
   if (error) return {};

@@ -7,14 +7,14 @@ namespace ara::per {
 
 /// The folder of all stores, from the environment. Throws ExceptionStorageLocationNotFound if the
 /// environment names none.
-[[nodiscard]] std::string StorageFolder();
+[[nodiscard]] std::string storage_folder();
 
 /// Returns if `folder` exists. Otherwise creates it and throws ExceptionStorageLocationNotFound,
 /// with the reason if that failed.
-void RequireFolder(const std::string& folder);
+void require_folder(const std::string& folder);
 
 /// The folder of the first values; it need not exist. Without the environment variable it follows
 /// from the program's own path; empty if that path is unknown.
-[[nodiscard]] std::string InitialDataFolder();
+[[nodiscard]] std::string initial_data_folder();
 
 }  // namespace ara::per

@@ -13,17 +13,17 @@
 namespace ara::per {
 namespace {
 
-constexpr mode_t kFileMode = 0640;
+constexpr mode_t file_mode = 0640;
 
 template <typename Call>
-auto Retry(Call call) {
+auto retry(Call call) {
   auto result = call();
   while (result < 0 && errno == EINTR)
     result = call();
   return result;
 }
 
-[[noreturn]] void Fail(const std::string& what, const std::string& path, int error) {
+[[noreturn]] void fail(const std::string& what, const std::string& path, int error) {
   throw ExceptionPhysicalStorageError("storage: cannot " + what + " \"" + path +
                                       "\": " + std::generic_category().message(error));
 }
@@ -34,14 +34,14 @@ class Descriptor {
  public:
   Descriptor(Files& files, int fd) : files_(files), fd_(fd) {}
   ~Descriptor() {
-    if (fd_ >= 0) files_.Close(fd_);
+    if (fd_ >= 0) files_.close(fd_);
   }
   Descriptor(const Descriptor&) = delete;
   Descriptor& operator=(const Descriptor&) = delete;
 
   [[nodiscard]] int get() const { return fd_; }
   /// Linux closes the descriptor in any case, so there is no second try.
-  [[nodiscard]] int Close() { return files_.Close(std::exchange(fd_, -1)); }
+  [[nodiscard]] int close() { return files_.close(std::exchange(fd_, -1)); }
 
  private:
   Files& files_;
@@ -50,89 +50,89 @@ class Descriptor {
 
 }  // namespace
 
-StoreFile::StoreFile(std::string folder, const std::string& name, Files& files)
+Store_file::Store_file(std::string folder, const std::string& name, Files& files)
     : folder_(std::move(folder)),
       path_(folder_ + "/" + name),
       aside_(path_ + ".new"),
       files_(files) {}
 
-std::optional<std::string> StoreFile::Read() const {
+std::optional<std::string> Store_file::read() const {
   // O_NONBLOCK: a pipe under the file's name must not delay the start.
   Descriptor file(files_,
-                  Retry([&] { return files_.Open(path_, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0); }));
+                  retry([&] { return files_.open(path_, O_RDONLY | O_CLOEXEC | O_NONBLOCK, 0); }));
   if (file.get() < 0) {
     if (errno == ENOENT) return std::nullopt;
-    Fail("open", path_, errno);
+    fail("open", path_, errno);
   }
   struct stat status {};
-  if (files_.Fstat(file.get(), status) != 0) Fail("examine", path_, errno);
+  if (files_.fstat(file.get(), status) != 0) fail("examine", path_, errno);
   if (!S_ISREG(status.st_mode)) {
     throw ExceptionValidation("storage file \"" + path_ + "\": expected a regular file, found " +
                               (S_ISDIR(status.st_mode) ? "a folder" : "something else"));
   }
   const auto too_large = [&](std::size_t size) {
     return ExceptionValidation("storage file \"" + path_ + "\": expected at most " +
-                               std::to_string(kMaxFileSize) + " bytes, found " +
+                               std::to_string(max_file_size) + " bytes, found " +
                                std::to_string(size) + " or more");
   };
   const auto size = static_cast<std::size_t>(std::max<off_t>(status.st_size, 0));
-  if (size > kMaxFileSize) throw too_large(size);
+  if (size > max_file_size) throw too_large(size);
   std::string text;
   text.reserve(size);
   std::array<char, 16384> block;
   for (;;) {
     const ssize_t count =
-        Retry([&] { return files_.Read(file.get(), block.data(), block.size()); });
-    if (count < 0) Fail("read", path_, errno);
+        retry([&] { return files_.read(file.get(), block.data(), block.size()); });
+    if (count < 0) fail("read", path_, errno);
     if (count == 0) break;
     text.append(block.data(), static_cast<std::size_t>(count));
-    if (text.size() > kMaxFileSize) throw too_large(text.size());
+    if (text.size() > max_file_size) throw too_large(text.size());
   }
   return text;
 }
 
-void StoreFile::Replace(std::string_view text) const {
-  if (text.size() > kMaxFileSize) {
+void Store_file::replace(std::string_view text) const {
+  if (text.size() > max_file_size) {
     throw ExceptionPhysicalStorageError("storage file \"" + path_ + "\": can hold at most " +
-                                        std::to_string(kMaxFileSize) + " bytes, not " +
+                                        std::to_string(max_file_size) + " bytes, not " +
                                         std::to_string(text.size()));
   }
   try {
-    WriteAside(text);
-    if (Retry([&] { return files_.Rename(aside_, path_); }) != 0) Fail("replace", path_, errno);
+    write_aside(text);
+    if (retry([&] { return files_.rename(aside_, path_); }) != 0) fail("replace", path_, errno);
   } catch (const ExceptionPhysicalStorageError&) {
-    RemoveLeftover();
+    remove_leftover();
     throw;
   }
-  SyncFolder();
+  sync_folder();
 }
 
-void StoreFile::WriteAside(std::string_view text) const {
-  Descriptor file(files_, Retry([&] {
-                    return files_.Open(
-                        aside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, kFileMode);
+void Store_file::write_aside(std::string_view text) const {
+  Descriptor file(files_, retry([&] {
+                    return files_.open(
+                        aside_, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, file_mode);
                   }));
-  if (file.get() < 0) Fail("create", aside_, errno);
+  if (file.get() < 0) fail("create", aside_, errno);
   while (!text.empty()) {
-    const ssize_t count = Retry([&] { return files_.Write(file.get(), text.data(), text.size()); });
-    if (count <= 0) Fail("write", aside_, count < 0 ? errno : ENOSPC);
+    const ssize_t count = retry([&] { return files_.write(file.get(), text.data(), text.size()); });
+    if (count <= 0) fail("write", aside_, count < 0 ? errno : ENOSPC);
     text.remove_prefix(static_cast<std::size_t>(count));
   }
   // Syncs the content before the name: otherwise a file system may keep the rename and lose the
   // content.
-  if (Retry([&] { return files_.Fsync(file.get()); }) != 0) Fail("write", aside_, errno);
-  if (file.Close() != 0 && errno != EINTR) Fail("close", aside_, errno);
+  if (retry([&] { return files_.fsync(file.get()); }) != 0) fail("write", aside_, errno);
+  if (file.close() != 0 && errno != EINTR) fail("close", aside_, errno);
 }
 
-void StoreFile::SyncFolder() const {
+void Store_file::sync_folder() const {
   Descriptor folder(
-      files_, Retry([&] { return files_.Open(folder_, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0); }));
-  if (folder.get() < 0) Fail("open", folder_, errno);
-  if (Retry([&] { return files_.Fsync(folder.get()); }) != 0) Fail("write", folder_, errno);
+      files_, retry([&] { return files_.open(folder_, O_RDONLY | O_DIRECTORY | O_CLOEXEC, 0); }));
+  if (folder.get() < 0) fail("open", folder_, errno);
+  if (retry([&] { return files_.fsync(folder.get()); }) != 0) fail("write", folder_, errno);
 }
 
-void StoreFile::RemoveLeftover() const noexcept {
-  files_.Unlink(aside_);
+void Store_file::remove_leftover() const noexcept {
+  files_.unlink(aside_);
 }
 
 }  // namespace ara::per

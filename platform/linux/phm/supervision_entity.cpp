@@ -10,12 +10,12 @@ namespace ara::phm {
 
 // The service manager supervises the process as a whole. Every checkpoint of every entity feeds its
 // one watchdog; the limit is the unit's WatchdogSec.
-void SupervisionEntity::CheckpointReached(std::uint16_t entityId,
-                                          std::uint16_t checkpointId) const {
-  const int error = exec::NotifySocket().Send("WATCHDOG=1");
+void SupervisionEntity::CheckpointReached(std::uint16_t entity_id,
+                                          std::uint16_t checkpoint_id) const {
+  const int error = exec::Notify_socket().send("WATCHDOG=1");
   if (error == 0) return;
   throw std::runtime_error(
-      "checkpoint " + std::to_string(checkpointId) + " of entity " + std::to_string(entityId) +
+      "checkpoint " + std::to_string(checkpoint_id) + " of entity " + std::to_string(entity_id) +
       " of \"" + client_.instance().ToString() +
       "\" could not be reported to the service manager: " + std::generic_category().message(error));
 }

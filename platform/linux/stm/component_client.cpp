@@ -24,25 +24,25 @@
 namespace ara::stm {
 namespace {
 
-constexpr std::size_t kMaxPending = 32;
-constexpr std::size_t kMaxStateName = 128;
+constexpr std::size_t max_pending = 32;
+constexpr std::size_t max_state_name = 128;
 
 /// Time for the last answers to leave. Then the process no longer waits for a daemon that does not
 /// answer: it leaves the bus thread behind, which ends by itself.
-constexpr std::chrono::milliseconds kFarewell{250};
+constexpr std::chrono::milliseconds farewell{250};
 
-constexpr const char* kInvalidArgs = "org.freedesktop.DBus.Error.InvalidArgs";
-constexpr const char* kLimitsExceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
-constexpr const char* kFailed = "org.freedesktop.DBus.Error.Failed";
+constexpr const char* invalid_args = "org.freedesktop.DBus.Error.InvalidArgs";
+constexpr const char* limits_exceeded = "org.freedesktop.DBus.Error.LimitsExceeded";
+constexpr const char* failed = "org.freedesktop.DBus.Error.Failed";
 
-void WarnNotOnBus(const char* reason) {
+void warn_not_on_bus(const char* reason) {
   log::LogWarn() << "Component state: not on the bus, state management cannot reach this component:"
                  << reason;
 }
 
-class WithoutBus final : public ComponentClient {
+class Without_bus final : public ComponentClient {
  public:
-  void confirm(std::uint32_t /*sequenceNumber*/,
+  void confirm(std::uint32_t /*sequence_number*/,
                const std::string& /*newState*/,
                std::uint32_t /*result*/) override {}
 };
@@ -56,40 +56,40 @@ class WithoutBus final : public ComponentClient {
 ///
 /// The bus thread shares the ownership, because the bus library waits up to 90 s for a daemon that
 /// does not answer, and cannot be interrupted.
-class BusObject {
+class Bus_object {
  public:
-  BusObject(std::string path, StateChangeHandler handler)
+  Bus_object(std::string path, StateChangeHandler handler)
       : path_(std::move(path)), handler_(std::move(handler)) {}
-  ~BusObject() = default;
-  BusObject(const BusObject&) = delete;
-  BusObject& operator=(const BusObject&) = delete;
+  ~Bus_object() = default;
+  Bus_object(const Bus_object&) = delete;
+  Bus_object& operator=(const Bus_object&) = delete;
 
-  /// The bus thread: returns after Leave(), or if there is no bus. All objects of the bus library
+  /// The bus thread: returns after leave(), or if there is no bus. All objects of the bus library
   /// are made and destroyed here.
-  void Serve(Bus bus) {
+  void serve(Bus bus) {
     try {
-      const auto connection = bus == Bus::kSession ? sdbus::createSessionBusConnection()
-                                                   : sdbus::createSystemBusConnection();
+      const auto connection = bus == Bus::session ? sdbus::createSessionBusConnection()
+                                                  : sdbus::createSystemBusConnection();
       const auto object = sdbus::createObject(*connection, path_);
-      Register(*object);
-      if (!StartHandlerThread()) return;
-      connection->requestName(kBusName);
-      if (!Publish(connection.get(), object.get())) return;
+      register_on(*object);
+      if (!start_handler_thread()) return;
+      connection->requestName(bus_name);
+      if (!publish(connection.get(), object.get())) return;
       try {
         connection->enterEventLoop();
       } catch (const std::exception& error) {
-        WarnOnce(error.what());
+        warn_once(error.what());
       }
-      WaitForLeave();
+      wait_for_leave();
       for (auto& pending : std::exchange(pending_, {}))
-        Refuse(pending.reply, kFailed, "the component ended without a decision");
+        refuse(pending.reply, failed, "the component ended without a decision");
     } catch (const std::exception& error) {
-      if (!IsLeaving()) WarnNotOnBus(error.what());
+      if (!is_leaving()) warn_not_on_bus(error.what());
     }
   }
 
   /// Returns after a handler call under way; no further call follows.
-  void Stop() {
+  void stop() {
     std::thread handler_thread;
     {
       const std::lock_guard lock(mutex_);
@@ -100,36 +100,36 @@ class BusObject {
     if (handler_thread.joinable()) handler_thread.join();
   }
 
-  /// Makes Serve() return. Call it after Stop(), when no thread confirms any longer.
-  void Leave() {
+  /// Makes serve() return. Call it after stop(), when no thread confirms any longer.
+  void leave() {
     const std::lock_guard lock(mutex_);
     leaving_ = true;
     changed_.notify_all();
     try {
       if (connection_ != nullptr) connection_->leaveEventLoop();
     } catch (const std::exception& error) {
-      WarnOnce(error.what());
+      warn_once(error.what());
     }
   }
 
-  void Confirm(std::uint32_t sequenceNumber, const std::string& newState, std::uint32_t result) {
+  void confirm(std::uint32_t sequence_number, const std::string& newState, std::uint32_t result) {
     try {
       std::list<Pending> confirmed;
       sdbus::IObject* object = nullptr;
       {
         const std::lock_guard lock(mutex_);
         object = object_;
-        confirmed = Take([sequenceNumber](const Pending& pending) {
-          return pending.sequence_number == sequenceNumber;
+        confirmed = take([sequence_number](const Pending& pending) {
+          return pending.sequence_number == sequence_number;
         });
       }
       if (!confirmed.empty()) confirmed.front().reply.returnResults(result);
       if (object == nullptr) return;
       object->emitSignal("StateConfirmed")
-          .onInterface(kInterface)
-          .withArguments(sequenceNumber, newState, result);
+          .onInterface(interface)
+          .withArguments(sequence_number, newState, result);
     } catch (const std::exception& error) {
-      WarnOnce(error.what());
+      warn_once(error.what());
     }
   }
 
@@ -147,32 +147,32 @@ class BusObject {
     std::uint32_t sequence_number;
   };
 
-  void Register(sdbus::IObject& object) {
+  void register_on(sdbus::IObject& object) {
     object.registerMethod("RequestState")
-        .onInterface(kInterface)
+        .onInterface(interface)
         .withInputParamNames("state", "sequenceNumber")
         .withOutputParamNames("result")
         .implementedAs(
             [this](Reply&& reply, const std::string& state, const std::uint32_t& sequence_number) {
-              Request(std::move(reply), state, sequence_number);
+              request(std::move(reply), state, sequence_number);
             });
     object.registerSignal("StateConfirmed")
-        .onInterface(kInterface)
+        .onInterface(interface)
         .withParameters<std::uint32_t, std::string, std::uint32_t>("sequenceNumber", "state",
                                                                    "result");
     object.finishRegistration();
   }
 
-  /// Call it before the first request can arrive. Returns false if Stop() was already called.
-  bool StartHandlerThread() {
+  /// Call it before the first request can arrive. Returns false if stop() was already called.
+  bool start_handler_thread() {
     const std::lock_guard lock(mutex_);
     if (stopping_) return false;
-    handler_thread_ = std::thread([this] { CallHandler(); });
+    handler_thread_ = std::thread([this] { call_handler(); });
     return true;
   }
 
-  /// Confirmations find the bus from now on. Returns false if Leave() was already called.
-  bool Publish(sdbus::IConnection* connection, sdbus::IObject* object) {
+  /// Confirmations find the bus from now on. Returns false if leave() was already called.
+  bool publish(sdbus::IConnection* connection, sdbus::IObject* object) {
     const std::lock_guard lock(mutex_);
     if (leaving_) return false;
     connection_ = connection;
@@ -180,63 +180,63 @@ class BusObject {
     return true;
   }
 
-  bool IsLeaving() {
+  bool is_leaving() {
     const std::lock_guard lock(mutex_);
     return leaving_;
   }
 
-  void WaitForLeave() {
+  void wait_for_leave() {
     std::unique_lock lock(mutex_);
     changed_.wait(lock, [this] { return leaving_; });
     connection_ = nullptr;
     object_ = nullptr;
   }
 
-  void Refuse(Reply& reply, const char* error, const std::string& reason) {
+  void refuse(Reply& reply, const char* error, const std::string& reason) {
     try {
       reply.returnError(sdbus::Error(error, reason));
     } catch (const std::exception& exception) {
-      WarnOnce(exception.what());
+      warn_once(exception.what());
     }
   }
 
-  void Request(Reply&& reply, const std::string& state, std::uint32_t sequence_number) {
-    if (state.empty() || state.size() > kMaxStateName) {
-      Refuse(reply, kInvalidArgs, "expected a state name of 1 to 128 bytes");
+  void request(Reply&& reply, const std::string& state, std::uint32_t sequence_number) {
+    if (state.empty() || state.size() > max_state_name) {
+      refuse(reply, invalid_args, "expected a state name of 1 to 128 bytes");
     } else if (sequence_number == 0) {
-      Refuse(reply, kInvalidArgs,
+      refuse(reply, invalid_args,
              "sequence number 0 marks the component's own changes, expected 1 or more");
-    } else if (!Enqueue(reply, state, sequence_number)) {
-      Refuse(reply, kLimitsExceeded, "too many requests are waiting for their confirmation");
+    } else if (!enqueue(reply, state, sequence_number)) {
+      refuse(reply, limits_exceeded, "too many requests are waiting for their confirmation");
     }
   }
 
-  bool Enqueue(Reply& reply, const std::string& state, std::uint32_t sequence_number) {
+  bool enqueue(Reply& reply, const std::string& state, std::uint32_t sequence_number) {
     std::list<Pending> oldest;
     {
       const std::lock_guard lock(mutex_);
       if (stopping_) return false;
-      if (pending_.size() >= kMaxPending) {
+      if (pending_.size() >= max_pending) {
         // The other requests wait for the handler or are being handled: a decision will follow.
-        oldest = Take([](const Pending& pending) { return pending.handled; });
+        oldest = take([](const Pending& pending) { return pending.handled; });
         if (oldest.empty()) return false;
       }
       pending_.push_back(Pending{++arrivals_, sequence_number, std::move(reply)});
       calls_.push_back(Call{arrivals_, state, sequence_number});
     }
     changed_.notify_all();
-    RefuseOvertaken(std::move(oldest));
+    refuse_overtaken(std::move(oldest));
     return true;
   }
 
   /// Call it without mutex_: sending a reply and ending one take the bus library's lock, which is
-  /// held around Request().
-  void RefuseOvertaken(std::list<Pending> requests) {
+  /// held around request().
+  void refuse_overtaken(std::list<Pending> requests) {
     for (auto& request : requests)
-      Refuse(request.reply, kFailed, "later requests came before its decision");
+      refuse(request.reply, failed, "later requests came before its decision");
   }
 
-  void CallHandler() {
+  void call_handler() {
     std::unique_lock lock(mutex_);
     for (;;) {
       changed_.wait(lock, [this] { return stopping_ || !calls_.empty(); });
@@ -244,11 +244,11 @@ class BusObject {
       const Call call = std::move(calls_.front());
       calls_.pop_front();
       // From now on a confirmation of this number is the new request's.
-      auto overtaken = Take([&call](const Pending& pending) {
+      auto overtaken = take([&call](const Pending& pending) {
         return pending.handled && pending.sequence_number == call.sequence_number;
       });
       lock.unlock();
-      RefuseOvertaken(std::move(overtaken));
+      refuse_overtaken(std::move(overtaken));
       handler_(call.state, call.sequence_number);
       lock.lock();
       for (auto& pending : pending_)
@@ -258,14 +258,14 @@ class BusObject {
 
   /// The oldest request that fulfils the condition, or none. Call it under mutex_.
   template <class Condition>
-  std::list<Pending> Take(Condition condition) {
+  std::list<Pending> take(Condition condition) {
     std::list<Pending> taken;
     const auto found = std::find_if(pending_.begin(), pending_.end(), condition);
     if (found != pending_.end()) taken.splice(taken.end(), pending_, found);
     return taken;
   }
 
-  void WarnOnce(const char* reason) {
+  void warn_once(const char* reason) {
     if (warned_.exchange(true)) return;
     log::LogWarn() << "Component state: the bus is gone, state management cannot reach this "
                       "component any more:"
@@ -284,41 +284,42 @@ class BusObject {
   bool stopping_ = false;
   bool leaving_ = false;
   std::thread handler_thread_;
-  // Owned by the bus thread, which destroys them after Leave(); callable from any thread. Null
+  // Owned by the bus thread, which destroys them after leave(); callable from any thread. Null
   // while the component is not on the bus.
   sdbus::IConnection* connection_ = nullptr;
   sdbus::IObject* object_ = nullptr;
 };
 
 /// A client whose bus object lives on a thread of its own, beside the application's start.
-class OnBus final : public ComponentClient {
+class On_bus final : public ComponentClient {
  public:
-  OnBus(Bus bus, const core::InstanceSpecifier& instance, StateChangeHandler handler)
-      : object_(std::make_shared<BusObject>(ObjectPath(instance.ToString()), std::move(handler))) {
-    std::packaged_task<void()> serve([object = object_, bus] { object->Serve(bus); });
+  On_bus(Bus bus, const core::InstanceSpecifier& instance, StateChangeHandler handler)
+      : object_(
+            std::make_shared<Bus_object>(object_path(instance.ToString()), std::move(handler))) {
+    std::packaged_task<void()> serve([object = object_, bus] { object->serve(bus); });
     served_ = serve.get_future();
-    const core::AllSignalsBlocked blocked;
+    const core::All_signals_blocked blocked;
     thread_ = std::thread(std::move(serve));
   }
 
-  ~OnBus() override {
-    object_->Stop();
-    object_->Leave();
-    if (served_.wait_for(kFarewell) == std::future_status::ready) {
+  ~On_bus() override {
+    object_->stop();
+    object_->leave();
+    if (served_.wait_for(farewell) == std::future_status::ready) {
       thread_.join();
     } else {
       thread_.detach();
     }
   }
 
-  void confirm(std::uint32_t sequenceNumber,
+  void confirm(std::uint32_t sequence_number,
                const std::string& newState,
                std::uint32_t result) override {
-    object_->Confirm(sequenceNumber, newState, result);
+    object_->confirm(sequence_number, newState, result);
   }
 
  private:
-  const std::shared_ptr<BusObject> object_;
+  const std::shared_ptr<Bus_object> object_;
   std::future<void> served_;  ///< ready when the thread is about to end
   std::thread thread_;
 };
@@ -331,12 +332,12 @@ std::unique_ptr<ComponentClient> createComponentClient(const core::InstanceSpeci
     throw std::invalid_argument("component client \"" + instance.ToString() +
                                 "\": the handler is empty");
   try {
-    if (const Bus bus = ChosenBus(); bus != Bus::kNone)
-      return std::make_unique<OnBus>(bus, instance, std::move(handler));
+    if (const Bus bus = chosen_bus(); bus != Bus::none)
+      return std::make_unique<On_bus>(bus, instance, std::move(handler));
   } catch (const std::exception& error) {
-    WarnNotOnBus(error.what());
+    warn_not_on_bus(error.what());
   }
-  return std::make_unique<WithoutBus>();
+  return std::make_unique<Without_bus>();
 }
 
 }  // namespace ara::stm

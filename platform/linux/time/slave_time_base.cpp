@@ -12,9 +12,9 @@
 namespace ara::time {
 namespace {
 
-constexpr std::string_view kResource = "synchronized";
+constexpr std::string_view resource_name = "synchronized";
 
-std::string TextOf(int error) {
+std::string text_of(int error) {
   return std::generic_category().message(error);
 }
 
@@ -30,7 +30,7 @@ class detail::Clock {
     } else {
       fd_ = ::open(name.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
       if (fd_ < 0)
-        throw std::runtime_error("time base \"" + name + "\" cannot be opened: " + TextOf(errno));
+        throw std::runtime_error("time base \"" + name + "\" cannot be opened: " + text_of(errno));
       // The kernel's rule for the clock id of an open clock device: the complement of the
       // descriptor, then 3.
       id_ = static_cast<clockid_t>((~static_cast<unsigned>(fd_) << 3U) | 3U);
@@ -40,7 +40,7 @@ class detail::Clock {
       const int error = errno;
       if (fd_ >= 0) ::close(fd_);
       throw std::runtime_error("time base \"" + name +
-                               "\" is not a readable clock: " + TextOf(error));
+                               "\" is not a readable clock: " + text_of(error));
     }
   }
   ~Clock() {
@@ -49,11 +49,11 @@ class detail::Clock {
   Clock(const Clock&) = delete;
   Clock& operator=(const Clock&) = delete;
 
-  [[nodiscard]] std::chrono::nanoseconds Now() const {
+  [[nodiscard]] std::chrono::nanoseconds now() const {
     timespec now{};
     if (::clock_gettime(id_, &now) != 0) {
       throw std::runtime_error("time base \"" + name_ +
-                               "\" cannot be read any more: " + TextOf(errno));
+                               "\" cannot be read any more: " + text_of(errno));
     }
     return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
   }
@@ -65,14 +65,14 @@ class detail::Clock {
 };
 
 std::chrono::nanoseconds SynchSlaveTimeBase::getCurrentTime() const {
-  return clock_->Now();
+  return clock_->now();
 }
 
 SlaveTimeBaseResourceProxy::Resource SlaveTimeBaseResourceProxy::FindResource(
     std::string_view name) {
-  if (name != kResource) {
+  if (name != resource_name) {
     throw std::runtime_error("time base resource \"" + std::string(name) +
-                             "\" is unknown, there is \"" + std::string(kResource) + "\"");
+                             "\" is unknown, there is \"" + std::string(resource_name) + "\"");
   }
   const char* configured = std::getenv("POS_TIME_BASE");
   std::string clock = configured != nullptr && *configured != '\0' ? configured : "CLOCK_REALTIME";

@@ -1,13 +1,18 @@
 /// Lines for the operator of the node. The owner of the node provides the sink.
 #pragma once
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <string_view>
+#include <type_traits>
+#include <utility>
 
 namespace someip {
 
@@ -22,34 +27,84 @@ class Log {
   void write(Log_level level, const std::string& text) const {
     if (sink_) sink_(level, text);
   }
-  /// Writes at most one line of a `kind` (a literal) in five seconds. The next line gives the
-  /// number of suppressed lines.
-  void limited(Log_level level, std::string_view kind, const std::string& text) {
+  /// Writes at most `lines` lines of a `kind` (a literal) in five seconds. The next line gives the
+  /// number of suppressed lines. `text` is a string, or a callable that makes it if it is written.
+  template <class Text>
+  void limited(Log_level level, std::string_view kind, Text&& text, std::uint64_t lines = 1) {
     if (!sink_) return;
-    std::string line = text;
-    {
-      const std::lock_guard lock(mutex_);
-      Kind& known = kinds_[kind];
-      const auto now = std::chrono::steady_clock::now();
-      if (known.lines > 0 && now - known.last < std::chrono::seconds(5)) {
-        ++known.suppressed;
-        return;
-      }
-      if (known.suppressed > 0) line += " (" + std::to_string(known.suppressed) + " more before)";
-      known = {now, known.lines + 1, 0};
+    const auto suppressed = admit(kind, lines);
+    if (!suppressed) return;
+    std::string line;
+    if constexpr (std::is_invocable_v<Text>) {
+      line = text();
+    } else {
+      line = std::forward<Text>(text);
     }
+    if (*suppressed > 0) line += " (" + std::to_string(*suppressed) + " more before)";
     sink_(level, line);
   }
 
+  /// For what a peer does again and again, identified by `kind` (a literal) and `who`: writes
+  /// text(), unless that is empty, when it has gone on for a while, and not again before it has
+  /// paused. Cheap enough for each message, and never waits.
+  template <class Text>
+  void repeated(std::string_view kind, std::size_t who, Text&& text) {
+    if (sink_ && goes_on(kind, who)) {
+      if (const std::string line = text(); !line.empty()) limited(Log_level::warning, kind, line);
+    }
+  }
+
  private:
+  struct Repetition {
+    std::string_view kind;
+    std::size_t who = 0;
+    std::chrono::steady_clock::time_point first{}, last{};
+    std::uint64_t count = 0;
+    bool told = false;
+  };
+
+  bool goes_on(std::string_view kind, std::size_t who) {
+    constexpr std::chrono::seconds pause{30};
+    constexpr std::chrono::seconds a_while{2};
+    constexpr std::uint64_t several = 3;
+    const auto now = std::chrono::steady_clock::now();
+    const std::unique_lock lock(repetitions_mutex_, std::try_to_lock);
+    if (!lock) return false;
+    // A newcomer takes the place of another one: their number has a bound.
+    Repetition& known =
+        repetitions_[(who ^ std::hash<std::string_view>{}(kind)) % repetitions_.size()];
+    if (known.kind != kind || known.who != who || now - known.last > pause) {
+      known = {kind, who, now, now, 0, false};
+    }
+    known.last = now;
+    if (++known.count < several || now - known.first < a_while) return false;
+    return !std::exchange(known.told, true);
+  }
+
+  /// Empty if the line is suppressed, else the number of those before it.
+  std::optional<std::uint64_t> admit(std::string_view kind, std::uint64_t lines) {
+    const std::lock_guard lock(mutex_);
+    Kind& known = kinds_[kind];
+    const auto now = std::chrono::steady_clock::now();
+    if (now - known.begin >= std::chrono::seconds(5)) known = {now, 0, known.suppressed};
+    if (known.lines >= lines) {
+      ++known.suppressed;
+      return std::nullopt;
+    }
+    ++known.lines;
+    return std::exchange(known.suppressed, 0);
+  }
+
   struct Kind {
-    std::chrono::steady_clock::time_point last{};
-    std::uint64_t lines = 0;
+    std::chrono::steady_clock::time_point begin{};  ///< of the five seconds
+    std::uint64_t lines = 0;                        ///< in them
     std::uint64_t suppressed = 0;
   };
   const Log_sink sink_;
   std::mutex mutex_;  ///< guards kinds_
   std::map<std::string_view, Kind> kinds_;
+  std::mutex repetitions_mutex_;  ///< guards repetitions_
+  std::array<Repetition, 64> repetitions_;
 };
 
 }  // namespace someip

@@ -13,6 +13,15 @@ std::string text_of(const Origin& origin) {
   return origin.direct() ? peer : peer + " (says " + origin.sender.to_string() + ")";
 }
 
+/// Does one of the service's elements travel so?
+bool needs(const Service_deployment& service, Transport transport) {
+  const auto any = [&](const auto& elements) {
+    return std::ranges::any_of(elements,
+                               [&](const auto& one) { return one.transport == transport; });
+  };
+  return any(service.methods) || any(service.events) || any(service.fields);
+}
+
 }  // namespace
 
 Discovery::Discovery(const Deployment& deployment,
@@ -37,7 +46,8 @@ Discovery::Discovery(const Deployment& deployment,
       server_(deployment.discovery, deployment.limits, delays_, outbox_, counters, host_.server),
       client_(deployment.discovery, deployment.limits, delays_, outbox_, counters, host_.client) {
   for (const Service_deployment& service : deployment.services) {
-    services_[{service.id, service.major_version}] = &service;
+    services_[{service.id, service.major_version}] = {&service, needs(service, Transport::udp),
+                                                      needs(service, Transport::tcp)};
   }
 }
 
@@ -70,6 +80,13 @@ void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, T
   if (!link_up_) return;  // still in the socket when the link was lost
   if (!acceptable(from)) {
     counters_.dropped_foreign_peer.add();
+    if (!reachable_peer(from.address, own_, node_.prefix_length)) {
+      log_.repeated("subnet", Endpoint_hash{}({from.address, 0}), [&] {
+        return "service discovery messages of " + to_string(from) +
+               " are dropped: its address is outside the subnet of " + own_.to_string() + "/" +
+               std::to_string(node_.prefix_length);
+      });
+    }
     return;
   }
   if (!welcome({from.address, from})) {
@@ -179,8 +196,13 @@ void Discovery::offer_entry(const Discovery_message& message,
                             bool multicast,
                             Time now) {
   const auto service = services_.find({entry.service, entry.major_version});
-  if (service == services_.end()) return;  // nothing that we know how to use
-  const auto& allowed = service->second->allowed_peers;
+  if (service == services_.end()) {
+    const auto other = services_.lower_bound({entry.service, 0});
+    const bool known = other != services_.end() && other->first.first == entry.service;
+    if (known && entry.ttl != 0) misfit(Misfit::Cause::version, entry, from, now);
+    return;  // nothing that we know how to use
+  }
+  const auto& allowed = service->second.deployment->allowed_peers;
   const Entry_options options = message.options_of(entry, own_.is_v4());
   const Instance_endpoints endpoints{options.udp, options.tcp};
   const bool foreign = !allows(allowed, from) || !endpoints.all([&](const Endpoint& one) {
@@ -191,12 +213,25 @@ void Discovery::offer_entry(const Discovery_message& message,
                       entry.instance != 0 && entry.instance != any_instance;
   if (foreign || (entry.ttl != 0 && !usable)) {
     (foreign ? counters_.dropped_foreign_peer : counters_.dropped_entries).add();
-    log_.limited(Log_level::warning, "offer",
-                 "offer of " + service->second->name + " from " + text_of(from) + " ignored: " +
-                     (foreign ? "not an allowed peer" : "its endpoints cannot be used"));
+    log_.limited(
+        Log_level::warning, "offer",
+        "offer of " + service->second.deployment->name + " from " + text_of(from) +
+            " ignored: " + (foreign ? "not an allowed peer" : "its endpoints cannot be used"));
+    misfit(foreign ? Misfit::Cause::not_allowed : Misfit::Cause::unusable_endpoint, entry, from,
+           now);
     return;
   }
+  if (entry.ttl != 0) {
+    const auto& [_, needs_udp, needs_tcp] = service->second;
+    if (needs_udp && !options.udp) misfit(Misfit::Cause::no_udp, entry, from, now);
+    if (needs_tcp && !options.tcp) misfit(Misfit::Cause::no_tcp, entry, from, now);
+  }
   client_.offered(entry, endpoints, from, multicast, message.explicit_initial_data, now);
+}
+
+void Discovery::misfit(Misfit::Cause cause, const Entry& entry, const Origin& from, Time now) {
+  const Instance_key key{entry.service, entry.instance, entry.major_version};
+  host_.client.misfit_offered({cause, key, from}, now);
 }
 
 void Discovery::on_time(Time now) {

@@ -80,6 +80,8 @@ class Discovery {
   [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const {
     return client_.active(key, event_group);
   }
+  [[nodiscard]] const Discovery_client& client() const { return client_; }
+  [[nodiscard]] const Discovery_server& server() const { return server_; }
   /// The TCP connection to `server` stands, or broke.
   void connected(const Endpoint& server, Time now);
   void connection_lost(const Endpoint& server, Time now);
@@ -96,6 +98,7 @@ class Discovery {
                    const Origin& from,
                    bool multicast,
                    Time now);
+  void misfit(Misfit::Cause cause, const Entry& entry, const Origin& from, Time now);
   [[nodiscard]] bool acceptable(const Endpoint& endpoint) const;
   /// Does any service allow it? Nothing is kept or answered otherwise.
   [[nodiscard]] bool welcome(const Origin& origin) const;
@@ -110,7 +113,11 @@ class Discovery {
   Counters& counters_;
   Log& log_;
   Host host_;
-  std::map<std::pair<std::uint16_t, std::uint8_t>, const Service_deployment*> services_;
+  struct Known_service {
+    const Service_deployment* deployment;
+    bool needs_udp, needs_tcp;  ///< for one of its elements at least
+  };
+  std::map<std::pair<std::uint16_t, std::uint8_t>, Known_service> services_;
   Discovery_delays delays_;
   Discovery_peers peers_;
   Discovery_outbox outbox_;

@@ -1,6 +1,7 @@
 #include "platform/someip/discovery/discovery_client.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace someip {
 
@@ -129,6 +130,11 @@ bool Discovery_client::active(const Instance_key& key, std::uint16_t event_group
   return found != subscriptions_.end() && found->second.state == State::active;
 }
 
+std::optional<Time> Discovery_client::end_of_offer(const Instance_key& key) const {
+  const auto found = remotes_.find(key);
+  return found == remotes_.end() ? std::nullopt : std::optional(found->second.expires);
+}
+
 void Discovery_client::unsubscribe_all() {
   while (!subscriptions_.empty()) {
     const Group_key key = subscriptions_.begin()->first;
@@ -138,10 +144,12 @@ void Discovery_client::unsubscribe_all() {
 }
 
 Discovery_client::Remotes::iterator Discovery_client::remove(Remotes::iterator remote,
+                                                             Loss::Cause cause,
                                                              bool restart,
                                                              Time now) {
   const Instance_key key = remote->first;
   const Origin origin = remote->second.offer.origin;
+  const Loss loss{cause, origin, now - remote->second.renewed};
   const auto next = remotes_.erase(remote);
   const auto offered = offered_by_.find(origin.sender);
   if (--offered->second == 0) offered_by_.erase(offered);
@@ -149,9 +157,11 @@ Discovery_client::Remotes::iterator Discovery_client::remove(Remotes::iterator r
     waiting->second.instances.erase(key);
   }
   for (auto& [group, subscription] : subscriptions_) {
-    if (group.first == key) set_state(group, subscription, State::none);
+    if (group.first != key) continue;
+    set_state(group, subscription, State::none);
+    subscription.refused = false;
   }
-  host_.instance_gone(key);
+  host_.instance_gone(key, loss);
   if (restart) {
     for (auto& [search_key, search] : searches_) {
       if (matches(search_key, key) && !satisfied(search_key)) begin_search(search, now);
@@ -185,17 +195,17 @@ void Discovery_client::offered(const Entry& entry,
       counters_.refused_instances.add();
       return;
     }
-    remove(known, false, now);
+    remove(known, Loss::Cause::replaced, false, now);
     known = remotes_.end();
   }
   if (entry.ttl == 0) {
     // No find follows: the provider will say when it is back (someipsd_834).
-    if (known != remotes_.end()) remove(known, false, now);
+    if (known != remotes_.end()) remove(known, Loss::Cause::stop_offer, false, now);
     return;
   }
   if (known != remotes_.end() &&
       (known->second.offer.origin != from || !(known->second.offer.endpoints == endpoints))) {
-    remove(known, false, now);
+    remove(known, Loss::Cause::moved, false, now);
     known = remotes_.end();
   }
   if (known == remotes_.end()) {
@@ -206,7 +216,7 @@ void Discovery_client::offered(const Entry& entry,
       return;
     }
     const Remote_offer offer{from, entry.minor_version, endpoints};
-    known = remotes_.emplace(key, Remote{offer, false, {}}).first;
+    known = remotes_.emplace(key, Remote{offer, false, now, {}}).first;
     ++offered_by_[from.sender];
     for (auto& [search_key, search] : searches_) {
       // The first find of a search for any instance still has to go out.
@@ -217,6 +227,7 @@ void Discovery_client::offered(const Entry& entry,
     host_.instance_available(key, offer);
   }
   known->second.explicit_initial_data = explicit_initial_data;
+  known->second.renewed = now;
   known->second.expires = end_of_life(now, entry.ttl, timing_.longest_offer_ttl);
   const bool wanted = std::ranges::any_of(
       subscriptions_, [&](const auto& subscription) { return subscription.first.first == key; });
@@ -239,18 +250,22 @@ void Discovery_client::acknowledged(const Entry& entry,
   }
   if (entry.ttl == 0) {
     set_state(found->first, found->second, State::none);
+    if (!std::exchange(found->second.refused, true)) host_.refused_by(from, key, entry.event_group);
     const auto& tcp = remote->second.offer.endpoints.tcp;
     if (found->second.transport.tcp && tcp) host_.doubt_connection(*tcp);  // someipsd_869
     return;
   }
   if (options.multicast) host_.listen_to(key, entry.event_group, *options.multicast);
   set_state(found->first, found->second, State::active);
+  found->second.refused = false;
   found->second.expires = end_of_life(now, timing_.subscribe_ttl, endless_ttl);
 }
 
 void Discovery_client::forget_peer(const Origin& peer, Time now) {
   for (auto remote = remotes_.begin(); remote != remotes_.end();) {
-    remote = remote->second.offer.origin == peer ? remove(remote, true, now) : std::next(remote);
+    remote = remote->second.offer.origin == peer
+                 ? remove(remote, Loss::Cause::peer_restarted, true, now)
+                 : std::next(remote);
   }
 }
 
@@ -279,7 +294,7 @@ void Discovery_client::connection_lost(const Endpoint& server) {
 void Discovery_client::link_down(Time now) {
   link_up_ = false;
   while (!remotes_.empty())
-    remove(remotes_.begin(), false, now);
+    remove(remotes_.begin(), Loss::Cause::link_down, false, now);
   triggers_.clear();
   for (auto& [key, search] : searches_)
     begin_search(search, now);
@@ -302,7 +317,7 @@ void Discovery_client::on_time(Time now) {
       continue;
     }
     counters_.offers_expired.add();
-    remote = remove(remote, true, now);
+    remote = remove(remote, Loss::Cause::not_renewed, true, now);
   }
   for (auto& [key, subscription] : subscriptions_) {
     if (subscription.expires <= now) set_state(key, subscription, State::none);

@@ -21,13 +21,41 @@ struct Remote_offer {
   Instance_endpoints endpoints;
 };
 
+/// Why an offer is no longer in force.
+struct Loss {
+  enum class Cause : std::uint8_t {
+    stop_offer,
+    not_renewed,
+    peer_restarted,
+    link_down,
+    moved,    ///< to another endpoint
+    replaced  ///< by the provider that had delivered before
+  };
+  Cause cause;
+  Origin origin;               ///< of the offer
+  Time::duration since_offer;  ///< the last one
+};
+
+/// An offer of a service that the deployment has, which does not fit.
+struct Misfit {
+  enum class Cause : std::uint8_t { version, no_udp, no_tcp, not_allowed, unusable_endpoint };
+  Cause cause;
+  Instance_key key;  ///< as it is offered
+  Origin origin;
+};
+
 /// The node as the using side of discovery sees it: receives changes and answers questions. No
 /// member calls discovery.
 class Discovery_client_host {
  public:
   virtual ~Discovery_client_host() = default;
   virtual void instance_available(const Instance_key& key, const Remote_offer& offer) = 0;
-  virtual void instance_gone(const Instance_key& key) = 0;
+  virtual void instance_gone(const Instance_key& key, const Loss& loss) = 0;
+  /// Called with each such offer, repetitions included.
+  virtual void misfit_offered(const Misfit&, Time /*now*/) {}
+  /// The provider has refused a subscription for the first time since it was acknowledged or
+  /// offered.
+  virtual void refused_by(const Origin& /*provider*/, const Instance_key&, std::uint16_t) {}
   /// Is `provider` the address that was the first to deliver events of the instance?
   [[nodiscard]] virtual bool has_delivered(const Instance_key& key, const Address& provider) = 0;
   /// A subscription was acknowledged for the first time, or has ended.
@@ -102,6 +130,26 @@ class Discovery_client {
   void on_time(Time now);
   [[nodiscard]] Time next_deadline() const;
 
+  enum class State : std::uint8_t { none, requested, active };
+  struct Subscription {
+    std::size_t users = 0;
+    Group_transport transport;
+    State state = State::none;
+    bool refused = false;     ///< by the provider, and not acknowledged since
+    bool supervised = false;  ///< requested because of a multicast offer, not acknowledged yet
+    bool refresh = false;     ///< the values are wanted again although the subscription is active
+    bool initial_data =
+        false;  ///< asked for by the last entry, which a stop repeats (someipsd_333)
+    Time expires = Time::max();  ///< while active: when it ends unless acknowledged again
+  };
+  using Group_key = std::pair<Instance_key, std::uint16_t>;
+
+  [[nodiscard]] const std::map<Group_key, Subscription>& subscriptions() const {
+    return subscriptions_;
+  }
+  /// When a known offer ends unless it is renewed.
+  [[nodiscard]] std::optional<Time> end_of_offer(const Instance_key& key) const;
+
  private:
   enum class Phase : std::uint8_t { initial_wait, repetition, silent };
   struct Search {
@@ -113,20 +161,9 @@ class Discovery_client {
   struct Remote {
     Remote_offer offer;
     bool explicit_initial_data = false;
+    Time renewed;
     Time expires;
   };
-  enum class State : std::uint8_t { none, requested, active };
-  struct Subscription {
-    std::size_t users = 0;
-    Group_transport transport;
-    State state = State::none;
-    bool supervised = false;  ///< requested because of a multicast offer, not acknowledged yet
-    bool refresh = false;     ///< the values are wanted again although the subscription is active
-    bool initial_data =
-        false;  ///< asked for by the last entry, which a stop repeats (someipsd_333)
-    Time expires = Time::max();  ///< while active: when it ends unless acknowledged again
-  };
-  using Group_key = std::pair<Instance_key, std::uint16_t>;
   /// What an offer triggers, after the delay that its transport asks for.
   struct Trigger {
     Time due;
@@ -137,7 +174,7 @@ class Discovery_client {
   [[nodiscard]] bool satisfied(const Instance_key& wanted) const;
   void begin_search(Search& search, Time now);
   /// `restart`: searches that nothing satisfies any more begin again.
-  Remotes::iterator remove(Remotes::iterator remote, bool restart, Time now);
+  Remotes::iterator remove(Remotes::iterator remote, Loss::Cause cause, bool restart, Time now);
   void trigger(const Instance_key& key, const Endpoint& peer, bool multicast, Time now);
   void request(const Group_key& key,
                Subscription& subscription,

@@ -25,6 +25,9 @@ std::vector<Option> endpoint_options(const Instance_endpoints& endpoints) {
   return options;
 }
 
+/// Peers decide how many they cause, and each one compares with all of them.
+constexpr std::size_t max_refusals = 32;
+
 }  // namespace
 
 void Discovery_server::send_offer(const Local& local,
@@ -113,8 +116,47 @@ void Discovery_server::find(
   }
 }
 
-void Discovery_server::refuse(Entry entry, const Origin& to) {
+void Discovery_server::note_refusal(const Entry& entry,
+                                    const Origin& from,
+                                    const Instance_endpoints& endpoints,
+                                    std::string_view cause,
+                                    Time now) {
+  const Instance_key key{entry.service, entry.instance, entry.major_version};
+  const auto known = std::ranges::find_if(refusals_, [&](const Refusal& one) {
+    return one.key == key && one.event_group == entry.event_group && one.from == from;
+  });
+  if (known != refusals_.end()) {
+    known->endpoints = endpoints;
+    known->cause = cause;
+    known->last = now;
+    ++known->count;
+    return;
+  }
+  if (refusals_.size() >= max_refusals) {
+    refusals_.erase(std::ranges::min_element(refusals_, {}, &Refusal::last));
+  }
+  refusals_.push_back({key, entry.event_group, from, endpoints, cause, now, now, 1});
+  host_.subscription_refused(refusals_.back());
+}
+
+std::uint64_t Discovery_server::forget_refusal(const Entry& entry, const Origin& from) {
+  const Instance_key key{entry.service, entry.instance, entry.major_version};
+  const auto known = std::ranges::find_if(refusals_, [&](const Refusal& one) {
+    return one.key == key && one.event_group == entry.event_group && one.from == from;
+  });
+  if (known == refusals_.end()) return 0;
+  const std::uint64_t count = known->count;
+  refusals_.erase(known);
+  return count;
+}
+
+void Discovery_server::refuse(Entry entry,
+                              const Origin& to,
+                              const Instance_endpoints& endpoints,
+                              std::string_view cause,
+                              Time now) {
   counters_.subscriptions_refused.add();
+  note_refusal(entry, to, endpoints, cause, now);
   // The peer in whose name a subscription came would take its refusal for the end of its own.
   if (!to.direct()) return;
   entry.type = Entry_type::subscribe_ack;
@@ -144,9 +186,16 @@ void Discovery_server::subscribe(const Entry& entry,
     return allows(found->second.offer.allowed_peers, one);
   };
   const auto endpoint_on_list = [&](const Endpoint& one) { return on_list(one.address); };
-  if (!known || options.fault || !acceptable(endpoints) || !on_list(from) ||
-      !endpoints.all(endpoint_on_list)) {
-    if (!stop) refuse(entry, from);
+  const auto fault = [&]() -> std::string_view {
+    if (found == offers_.end()) return cause_of_missing(entry);
+    if (!known) return "there is no such event group";
+    if (options.fault) return "its options are malformed";
+    if (!acceptable(endpoints)) return "its endpoint is of another address or subnet";
+    if (!on_list(from) || !endpoints.all(endpoint_on_list)) return "it is not an allowed peer";
+    return {};
+  }();
+  if (!fault.empty()) {
+    if (!stop) refuse(entry, from, {options.udp, options.tcp}, fault, now);
     return;
   }
 
@@ -160,13 +209,30 @@ void Discovery_server::subscribe(const Entry& entry,
   }
 
   const bool needs_udp = transport.udp && transport.multicast_threshold != 1;
-  if ((needs_udp && !endpoints.udp) || (transport.tcp && !endpoints.tcp) ||
-      (transport.tcp && !host_.has_connection(found->second.offer, *endpoints.tcp)) ||
-      !keep(group->second, subscriber, entry, explicit_initial_data, now)) {
-    refuse(entry, from);
+  const auto obstacle = [&]() -> std::string_view {
+    if (needs_udp && !endpoints.udp) return "it names no UDP endpoint";
+    if (transport.tcp && !endpoints.tcp) return "it names no TCP endpoint";
+    if (transport.tcp && !host_.has_connection(found->second.offer, *endpoints.tcp)) {
+      return "its TCP connection does not stand";
+    }
+    if (!keep(group->second, subscriber, entry, explicit_initial_data, now)) {
+      return "there are too many subscribers";
+    }
+    return {};
+  }();
+  if (!obstacle.empty()) {
+    refuse(entry, from, endpoints, obstacle, now);
     return;
   }
   acknowledge(entry, transport, from);
+}
+
+std::string_view Discovery_server::cause_of_missing(const Entry& entry) const {
+  const auto other = std::ranges::find_if(offers_, [&](const auto& offered) {
+    return offered.first.service == entry.service && offered.first.instance == entry.instance;
+  });
+  return other == offers_.end() ? "there is no such instance"
+                                : "the instance is offered in another version";
 }
 
 bool Discovery_server::keep(Group& group,
@@ -192,7 +258,8 @@ bool Discovery_server::keep(Group& group,
       return false;
     }
     const bool fresh = !explicit_initial_data || entry.initial_data_requested();
-    subscriptions.push_back({subscriber, expires, fresh});
+    const auto refused = forget_refusal(entry, subscriber.origin);
+    subscriptions.push_back({subscriber, now, expires, fresh, refused, 0, {}});
     group.changed = true;
     group.values_wanted |= fresh;
   }
@@ -259,14 +326,17 @@ void Discovery_server::link_up(Time now) {
 }
 
 void Discovery_server::deliver_subscribers() {
-  for (const auto& [key, local] : offers_) {
-    for (const auto& [group, state] : local.groups) {
+  for (auto& [key, local] : offers_) {
+    for (auto& [group, state] : local.groups) {
       if (!state.changed) continue;
       std::vector<Subscriber> all;
       all.reserve(state.subscriptions.size());
       for (const Subscription& subscription : state.subscriptions)
         all.push_back(subscription.subscriber);
       host_.subscribers_changed(key, group, all);
+      for (Subscription& subscription : state.subscriptions) {
+        if (!subscription.sent_before) subscription.sent_before = host_.sent_to_all(key, group);
+      }
     }
   }
 }
@@ -277,10 +347,13 @@ void Discovery_server::deliver_initial_values() {
       if (!state.changed && !state.values_wanted) continue;
       if (std::exchange(state.values_wanted, false)) {
         std::vector<Subscriber> fresh;
-        for (Subscription& subscription : state.subscriptions) {
-          if (std::exchange(subscription.fresh, false)) fresh.push_back(subscription.subscriber);
+        for (const Subscription& subscription : state.subscriptions) {
+          if (subscription.fresh) fresh.push_back(subscription.subscriber);
         }
-        if (!fresh.empty()) host_.values_wanted(key, group, fresh);
+        const std::size_t values = fresh.empty() ? 0 : host_.values_wanted(key, group, fresh);
+        for (Subscription& subscription : state.subscriptions) {
+          if (std::exchange(subscription.fresh, false)) subscription.values += values;
+        }
       }
       state.changed = false;
       host_.subscribers_settled(key, group);

@@ -2,11 +2,13 @@
 /// subscriptions.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -36,12 +38,18 @@ class Discovery_server_host {
                                    std::uint16_t event_group,
                                    const std::vector<Subscriber>& all) = 0;
   /// These subscribers of the group shall get the present value of its fields. Their
-  /// acknowledgements are on their way.
-  virtual void values_wanted(const Instance_key& key,
-                             std::uint16_t event_group,
-                             const std::vector<Subscriber>& fresh) = 0;
+  /// acknowledgements are on their way. Returns the number of values that each of them gets.
+  virtual std::size_t values_wanted(const Instance_key& key,
+                                    std::uint16_t event_group,
+                                    const std::vector<Subscriber>& fresh) = 0;
+  /// The number of notifications that went to all subscribers of the group since the start.
+  [[nodiscard]] virtual std::uint64_t sent_to_all(const Instance_key&, std::uint16_t) const {
+    return 0;
+  }
   /// Follows either of the two: the change is complete.
   virtual void subscribers_settled(const Instance_key&, std::uint16_t) {}
+  /// The first of a client's subscriptions to a group was refused.
+  virtual void subscription_refused(const Refusal&) {}
 };
 
 /// Lives on one thread. Entries go to the outbox. After each change the caller calls
@@ -94,13 +102,31 @@ class Discovery_server {
   void on_time(Time now);
   [[nodiscard]] Time next_deadline() const;
 
- private:
-  enum class Phase : std::uint8_t { initial_wait, repetition, main };
   struct Subscription {
     Subscriber subscriber;
+    Time since;
     Time expires;
-    bool fresh = false;  ///< initial values not yet sent
+    bool fresh = false;         ///< initial values not yet sent
+    std::uint64_t refused = 0;  ///< attempts before it
+    std::uint64_t values = 0;   ///< initial values sent
+    /// What Discovery_server_host::sent_to_all() was when the host first knew of it.
+    std::optional<std::uint64_t> sent_before;
   };
+  /// Calls `visit(key, event_group, subscription)` for each subscription.
+  template <class Visit>
+  void for_each_subscription(Visit&& visit) const {
+    for (const auto& [key, local] : offers_) {
+      for (const auto& [group, state] : local.groups) {
+        for (const Subscription& subscription : state.subscriptions)
+          visit(key, group, subscription);
+      }
+    }
+  }
+  /// The clients that have been refused and not accepted since, the last ones.
+  [[nodiscard]] const std::vector<Refusal>& refusals() const { return refusals_; }
+
+ private:
+  enum class Phase : std::uint8_t { initial_wait, repetition, main };
   struct Group {
     std::vector<Subscription> subscriptions;
     bool changed = false;        ///< since deliver_subscribers()
@@ -124,7 +150,19 @@ class Discovery_server {
   void begin_offer(Local& local, Time now);
   void end_all_subscriptions(Local& local);
   [[nodiscard]] Answer* answer_to(const Discovery_outbox::Destination& to, Time now);
-  void refuse(Entry entry, const Origin& to);
+  void refuse(Entry entry,
+              const Origin& to,
+              const Instance_endpoints& endpoints,
+              std::string_view cause,
+              Time now);
+  [[nodiscard]] std::string_view cause_of_missing(const Entry& entry) const;
+  void note_refusal(const Entry& entry,
+                    const Origin& from,
+                    const Instance_endpoints& endpoints,
+                    std::string_view cause,
+                    Time now);
+  /// Returns the number of attempts that were refused before.
+  std::uint64_t forget_refusal(const Entry& entry, const Origin& from);
   void acknowledge(Entry entry, const Group_transport& transport, const Origin& to);
   /// Adds the subscription or renews it. False when a bound refuses the newcomer.
   [[nodiscard]] bool keep(Group& group,
@@ -145,6 +183,7 @@ class Discovery_server {
   std::map<Instance_key, Local> offers_;
   Time next_expiry_ = Time::max();                           ///< no subscription expires before it
   std::map<Discovery_outbox::Destination, Answer> answers_;  ///< waiting for their delay
+  std::vector<Refusal> refusals_;                            ///< at most max_refusals
 };
 
 }  // namespace someip

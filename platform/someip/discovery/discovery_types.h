@@ -7,6 +7,7 @@
 #include <map>
 #include <optional>
 #include <random>
+#include <string_view>
 #include <vector>
 
 #include "platform/someip/base/deployment.h"
@@ -79,6 +80,17 @@ struct Subscriber {
   Instance_endpoints endpoints;
   std::uint8_t counter = 0;
   friend bool operator==(const Subscriber&, const Subscriber&) = default;
+};
+
+/// A subscription that was refused, with its repetitions.
+struct Refusal {
+  Instance_key key;  ///< as the client named it
+  std::uint16_t event_group = 0;
+  Origin from;
+  Instance_endpoints endpoints;
+  std::string_view cause;  ///< of the last one; a literal
+  Time first, last;
+  std::uint64_t count = 0;
 };
 
 /// Random delays. Entries that begin to wait while others wait in their first phase share the

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <utility>
 
+#include "mw/com/arrival.h"
 #include "platform/someip/wire/message.h"
 
 namespace someip {
@@ -58,7 +59,7 @@ class Buffer {
 };
 
 /// The time at which the kernel received the datagram; its epoch if the kernel gave none.
-using Arrival_time = std::chrono::sys_time<std::chrono::nanoseconds>;
+using mw::com::Arrival_time;
 
 /// True if more than `limit` has passed since `arrival`, exact to a tick of the kernel. False for
 /// an unknown arrival.

@@ -69,6 +69,8 @@ void Event_channel::notify(Bytes payload) {
   }
   if (!targets_) return;
   lock.unlock();
+  // Only the thread whose turn it is writes.
+  sent_to_all_.store(sent_to_all() + 1, std::memory_order_relaxed);
   send(payload, *targets_);
 }
 
@@ -82,16 +84,17 @@ void Event_channel::begin_discovery_turn(std::unique_lock<std::mutex>& lock) {
   if (!std::exchange(held_, true)) begin_turn(lock);
 }
 
-void Event_channel::send_initial(const Targets& fresh) {
+bool Event_channel::send_initial(const Targets& fresh) {
   {
     std::unique_lock lock(mutex_);
     begin_discovery_turn(lock);
   }
-  if (value_) {
-    send(*value_, *fresh);
-  } else {
+  if (!value_) {
     value_was_missing_ = field_;
+    return false;
   }
+  send(*value_, *fresh);
+  return true;
 }
 
 void Event_channel::release() {

@@ -1,6 +1,7 @@
 /// One event or field notifier of a provided instance, on its way to the subscribers.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -52,8 +53,14 @@ class Event_channel {
   // release(), so a new subscriber sees the acknowledgement, then the value of that moment, then
   // every later one, once. Without a change, the turn begins with send_initial().
   void hold(Targets targets);
-  void send_initial(const Targets& fresh);
+  /// Returns true if there was a value to send.
+  bool send_initial(const Targets& fresh);
   void release();
+
+  /// Number of calls of notify() that have sent.
+  [[nodiscard]] std::uint64_t sent_to_all() const {
+    return sent_to_all_.load(std::memory_order_relaxed);
+  }
 
   /// The value that was notified last, for a field that has one.
   [[nodiscard]] std::optional<std::vector<std::byte>> value() const;
@@ -82,6 +89,7 @@ class Event_channel {
   Targets targets_;
   Session_counter sessions_;
   std::optional<std::vector<std::byte>> value_;  ///< written under mutex_ too: value() reads it
+  std::atomic<std::uint64_t> sent_to_all_{0};    ///< read by any thread
 
   // Belong to the thread of discovery.
   bool held_ = false;

@@ -29,10 +29,18 @@ class Event_sink : public Task {
   /// Has a notification arrived since the subscription became active?
   [[nodiscard]] bool value_seen() const { return value_seen_.load(std::memory_order_relaxed); }
   void set_value_seen(bool seen) { value_seen_.store(seen, std::memory_order_relaxed); }
+  /// When the last notification arrived, unless the kernel did not tell; its epoch without one.
+  [[nodiscard]] Arrival_time last_arrival() const {
+    return last_arrival_.load(std::memory_order_relaxed);
+  }
+  void set_last_arrival(Arrival_time arrival) {
+    last_arrival_.store(arrival, std::memory_order_relaxed);
+  }
 
  private:
   const std::uint8_t interface_version_;
   std::atomic<bool> value_seen_{false};
+  std::atomic<Arrival_time> last_arrival_{Arrival_time{}};
 };
 
 /// Finds the sinks of an event. A route includes the endpoint that sends the event, so two

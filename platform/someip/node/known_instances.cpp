@@ -5,9 +5,9 @@
 
 namespace someip {
 
-void Known_instances::add(const Instance_key& key, const Remote_offer& offer) {
+void Known_instances::add(const Instance_key& key, const Remote_offer& offer, Time now) {
   const std::lock_guard lock(mutex_);
-  places_[key] = instances_.insert(instances_.end(), {key, offer});
+  places_[key] = instances_.insert(instances_.end(), {key, offer, now});
 }
 
 std::optional<Remote_offer> Known_instances::remove(const Instance_key& key) {

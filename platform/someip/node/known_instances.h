@@ -21,9 +21,10 @@ class Known_instances {
   struct Instance {
     Instance_key key;
     Remote_offer offer;
+    Time since;  ///< of the first offer
   };
 
-  void add(const Instance_key& key, const Remote_offer& offer);
+  void add(const Instance_key& key, const Remote_offer& offer, Time now);
   /// Returns the offer that was in force, if any.
   std::optional<Remote_offer> remove(const Instance_key& key);
 

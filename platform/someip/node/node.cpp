@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <boost/asio/post.hpp>
+#include <chrono>
 #include <future>
 #include <stdexcept>
 #include <string>
@@ -132,6 +133,24 @@ void Node::stop() {
     server_.close_ports();
     client_.calls().cancel_all();
   });
+}
+
+mw::com::runtime::Peers Node::peers() {
+  constexpr std::chrono::seconds patience{1};
+  auto promise = std::make_shared<std::promise<mw::com::runtime::Peers>>();
+  auto future = promise->get_future();
+  control_.post([this, promise = std::move(promise)] {
+    mw::com::runtime::Peers peers;
+    const Time now = Time::clock::now();
+    server_.list(peers, now);
+    client_.list(peers, now);
+    promise->set_value(std::move(peers));
+  });
+  // A stopped control thread neither runs the work nor drops it.
+  if (future.wait_for(patience) != std::future_status::ready) {
+    throw std::runtime_error("the thread of service discovery does not answer");
+  }
+  return future.get();
 }
 
 void Node::datagram_received(Bytes datagram, const Endpoint& from, bool multicast) {

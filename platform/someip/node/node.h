@@ -5,6 +5,7 @@
 #include <memory>
 #include <mutex>
 
+#include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/discovery_channel.h"
 #include "platform/someip/net/link_watch.h"
@@ -34,6 +35,9 @@ class Node final {
   [[nodiscard]] Node_client& client() { return client_; }
   [[nodiscard]] Node_server& server() { return server_; }
   [[nodiscard]] const Address& address() const { return channel_->own(); }
+  /// Who talks to whom. Waits for the control thread, so not from that one. Throws
+  /// std::runtime_error if that has ended or does not answer in time.
+  [[nodiscard]] mw::com::runtime::Peers peers();
   [[nodiscard]] const Counters& counters() const { return counters_; }
   [[nodiscard]] Counters& counters() { return counters_; }
 

@@ -14,7 +14,8 @@ Node_client::Node_client(const Node_context& context, Discovery& discovery)
       listeners_(context, *this),
       subscriptions_(context, discovery, known_, connections_, listeners_),
       searches_(context, discovery, known_, subscriptions_),
-      calls_(context, known_, connections_, *port_) {}
+      calls_(context, known_, connections_, *port_),
+      causes_(context) {}
 
 std::shared_ptr<Udp_port> Node_client::open_port() {
   const Node_deployment& node = context_.node;
@@ -47,17 +48,35 @@ void Node_client::stop() {
 }
 
 void Node_client::instance_available(const Instance_key& key, const Remote_offer& offer) {
-  known_.add(key, offer);
+  const Time now = Time::clock::now();
+  known_.add(key, offer, now);
+  causes_.available(key, offer.origin, now);
   subscriptions_.instance_available(key, offer);
   searches_.instances_changed(key.service);
 }
 
-void Node_client::instance_gone(const Instance_key& key) {
+void Node_client::instance_gone(const Instance_key& key, const Loss& loss) {
+  if (searches_.want(key.service)) causes_.lost(key, loss, Time::clock::now());
   subscriptions_.instance_gone(key);
   const auto gone = known_.remove(key);
   if (!gone) return;
   if (gone->endpoints.tcp) connections_.release_if_unused(*gone->endpoints.tcp);
   searches_.instances_changed(key.service);
+}
+
+void Node_client::misfit_offered(const Misfit& misfit, Time now) {
+  if (searches_.want(misfit.key.service)) causes_.misfit_offered(misfit, now);
+}
+
+void Node_client::refused_by(const Origin& provider,
+                             const Instance_key& key,
+                             std::uint16_t event_group) {
+  causes_.refused_by(provider, key, event_group);
+}
+
+void Node_client::list(mw::com::runtime::Peers& peers, Time now) const {
+  searches_.list(peers.services, causes_, now);
+  subscriptions_.list(peers.eventGroups, now);
 }
 
 bool Node_client::has_delivered(const Instance_key& key, const Address& provider) {

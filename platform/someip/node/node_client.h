@@ -6,8 +6,10 @@
 #include <memory>
 #include <optional>
 
+#include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
 #include "platform/someip/node/calls.h"
+#include "platform/someip/node/causes.h"
 #include "platform/someip/node/client_connections.h"
 #include "platform/someip/node/known_instances.h"
 #include "platform/someip/node/multicast_listeners.h"
@@ -30,6 +32,8 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
 
   // For the node
 
+  /// Control thread: appends what the node consumes.
+  void list(mw::com::runtime::Peers& peers, Time now) const;
   /// The port receives from now on.
   void open() { port_->open_with_threads(); }
   /// Control thread: connects anew to what was connected before `last_contact`.
@@ -44,7 +48,11 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
  private:
   // Discovery_client_host
   void instance_available(const Instance_key& key, const Remote_offer& offer) override;
-  void instance_gone(const Instance_key& key) override;
+  void instance_gone(const Instance_key& key, const Loss& loss) override;
+  void misfit_offered(const Misfit& misfit, Time now) override;
+  void refused_by(const Origin& provider,
+                  const Instance_key& key,
+                  std::uint16_t event_group) override;
   bool has_delivered(const Instance_key& key, const Address& provider) override;
   void subscription_changed(const Instance_key& key,
                             std::uint16_t event_group,
@@ -74,6 +82,7 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   Subscriptions subscriptions_;
   Searches searches_;
   Calls calls_;
+  Causes causes_;
 };
 
 }  // namespace someip

@@ -6,6 +6,9 @@
 #include <unordered_set>
 #include <utility>
 
+#include "platform/someip/base/hexadecimal.h"
+#include "platform/someip/node/causes.h"
+
 namespace someip {
 
 /// A port with services behind it.
@@ -14,11 +17,12 @@ class Node_server::Service_port final : public Message_receiver {
   Service_port(std::unique_ptr<Udp_socket> socket, Node_server& server)
       : port(server.context_.udp_port(std::move(socket), *this)),
         requests_(server.requests_),
-        counters_(server.context_.counters) {}
+        counters_(server.context_.counters),
+        log_(server.context_.log) {}
 
   void received(Received message, const Endpoint& from, Tasks& tasks) override {
     table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
-                   requests_, counters_);
+                   requests_, counters_, log_);
   }
 
   Service_table table;
@@ -27,6 +31,7 @@ class Node_server::Service_port final : public Message_receiver {
  private:
   Request_budget& requests_;
   Counters& counters_;
+  Log& log_;
 };
 
 /// The same for the connections of clients.
@@ -51,7 +56,7 @@ class Node_server::Tcp_service_port final {
             [this, &server](Received message, const Endpoint& client,
                             const std::shared_ptr<Stream>& connection, Tasks& tasks) {
               table.dispatch(std::move(message), client, {nullptr, connection, {}}, tasks,
-                             server.requests_, server.context_.counters);
+                             server.requests_, server.context_.counters, server.context_.log);
             }};
   }
 };
@@ -286,14 +291,86 @@ void Node_server::subscribers_changed(const Instance_key& key,
     channel->hold(targets);
 }
 
-void Node_server::values_wanted(const Instance_key& key,
-                                std::uint16_t event_group,
-                                const std::vector<Subscriber>& fresh) {
+std::size_t Node_server::values_wanted(const Instance_key& key,
+                                       std::uint16_t event_group,
+                                       const std::vector<Subscriber>& fresh) {
   const auto instance = offered_.find(key);
-  if (instance == offered_.end()) return;
+  if (instance == offered_.end()) return 0;
   const auto targets = targets_of(*instance->second, fresh);
-  for (Event_channel* channel : instance->second->group(event_group))
-    channel->send_initial(targets);
+  std::size_t values = 0;
+  for (Event_channel* channel : instance->second->group(event_group)) {
+    if (channel->send_initial(targets)) ++values;
+  }
+  return values;
+}
+
+std::uint64_t Node_server::sent_to_all(const Instance_key& key, std::uint16_t event_group) const {
+  const auto instance = offered_.find(key);
+  if (instance == offered_.end()) return 0;
+  std::uint64_t sent = 0;
+  for (const Event_channel* channel : instance->second->group(event_group))
+    sent += channel->sent_to_all();
+  return sent;
+}
+
+void Node_server::subscription_refused(const Refusal& refusal) {
+  constexpr std::uint64_t lines = 8;
+  context_.log.limited(
+      Log_level::warning, "refused",
+      [&] {
+        return "subscription of " + to_string(refusal.from.peer) + " to event group " +
+               hexadecimal(refusal.event_group) + " of " +
+               text_of(context_.deployment, refusal.key) +
+               " refused: " + std::string(refusal.cause);
+      },
+      lines);
+}
+
+void Node_server::list(mw::com::runtime::Peers& peers, Time now) const {
+  using mw::com::runtime::Peers;
+  using mw::com::runtime::Subscriber;
+  for (const auto& [key, instance] : offered_) {
+    if (peers.offered.size() >= Peers::max_rows) break;
+    const Instance_deployment& deployment = instance->deployment();
+    peers.offered.push_back({.service = instance->service().name,
+                             .serviceId = key.service,
+                             .instance = key.instance,
+                             .majorVersion = key.major_version,
+                             .minorVersion = instance->service().minor_version,
+                             .address = context_.own.to_string(),
+                             .udpPort = deployment.udp_port.value_or(0),
+                             .tcpPort = deployment.tcp_port.value_or(0)});
+  }
+  const auto add = [&](const Instance_key& key, std::uint16_t event_group, const Origin& from,
+                       const Instance_endpoints& endpoints) -> Subscriber& {
+    const auto& endpoint = endpoints.udp ? endpoints.udp : endpoints.tcp;
+    Subscriber& row = peers.subscribers.emplace_back();
+    row.serviceId = key.service;
+    row.instance = key.instance;
+    row.eventGroup = event_group;
+    row.address = (endpoint ? *endpoint : from.peer).address.to_string();
+    if (endpoints.udp) row.udpPort = endpoints.udp->port;
+    if (endpoints.tcp) row.tcpPort = endpoints.tcp->port;
+    return row;
+  };
+  // First: they are few and what an integrator looks for.
+  for (const Refusal& refusal : discovery_.server().refusals()) {
+    Subscriber& row = add(refusal.key, refusal.event_group, refusal.from, refusal.endpoints);
+    row.sinceMs = milliseconds_between(refusal.first, now);
+    row.refused = refusal.count;
+    row.cause = refusal.cause;
+  }
+  discovery_.server().for_each_subscription([&](const Instance_key& key, std::uint16_t event_group,
+                                                const Discovery_server::Subscription& one) {
+    if (peers.subscribers.size() >= Peers::max_rows) return;
+    Subscriber& row = add(key, event_group, one.subscriber.origin, one.subscriber.endpoints);
+    row.subscribed = true;
+    row.sinceMs = milliseconds_between(one.since, now);
+    row.ttlLeftMs = milliseconds_between(now, one.expires);
+    const std::uint64_t sent = sent_to_all(key, event_group);
+    row.sent = one.values + sent - one.sent_before.value_or(sent);
+    row.refused = one.refused;
+  });
 }
 
 void Node_server::subscribers_settled(const Instance_key& key, std::uint16_t event_group) {

@@ -7,6 +7,7 @@
 #include <mutex>
 #include <vector>
 
+#include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/closed_ports.h"
 #include "platform/someip/net/tcp_server.h"
@@ -36,6 +37,8 @@ class Node_server final : public Discovery_server_host {
 
   // For the node
 
+  /// Control thread: appends what the node offers, and to whom.
+  void list(mw::com::runtime::Peers& peers, Time now) const;
   /// Watches for clients that have closed their ports.
   void start_watching();
   void stop_watching() { closed_ports_.stop(); }
@@ -53,9 +56,12 @@ class Node_server final : public Discovery_server_host {
   void subscribers_changed(const Instance_key& key,
                            std::uint16_t event_group,
                            const std::vector<Subscriber>& all) override;
-  void values_wanted(const Instance_key& key,
-                     std::uint16_t event_group,
-                     const std::vector<Subscriber>& fresh) override;
+  std::size_t values_wanted(const Instance_key& key,
+                            std::uint16_t event_group,
+                            const std::vector<Subscriber>& fresh) override;
+  [[nodiscard]] std::uint64_t sent_to_all(const Instance_key& key,
+                                          std::uint16_t event_group) const override;
+  void subscription_refused(const Refusal& refusal) override;
   void subscribers_settled(const Instance_key& key, std::uint16_t event_group) override;
 
  private:

@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/someip/base/hexadecimal.h"
+
 namespace someip {
 
 namespace {
@@ -33,6 +35,10 @@ void refuse(const Header& request,
   header.type = static_cast<std::uint8_t>(Message_type::response);
   header.code = static_cast<std::uint8_t>(code);
   tasks.push_back(std::make_shared<Refusal>(header, std::move(reply), std::move(place)));
+}
+
+std::size_t key_of(const Header& header, const Address& from) {
+  return Endpoint_hash{}({from, 0}) ^ (std::size_t{header.service} << 16U | header.method);
 }
 
 bool is_request(const Header& header) {
@@ -162,10 +168,15 @@ void Provided_instance::request(Received message,
                                 const Address& from,
                                 Reply_path reply,
                                 Request_budget::Place place,
-                                Tasks& tasks) {
+                                Tasks& tasks,
+                                Log& log) {
   const Header& header = message.header;
   if (!allows(service_.allowed_peers, from)) {
     counters_.dropped_foreign_peer.add();
+    log.repeated("foreign request", key_of(header, from), [&] {
+      return "requests of " + from.to_string() + " to " + service_.name +
+             " are dropped: it is not an allowed peer";
+    });
     return;
   }
   if (header.interface_version != service_.major_version) {
@@ -182,6 +193,10 @@ void Provided_instance::request(Received message,
   }
   if (!method || !method->handler) {
     counters_.dropped_unknown_method.add();
+    log.repeated("method", key_of(header, from), [&] {
+      return "requests of " + from.to_string() + " are refused: " + service_.name +
+             " has no method " + hexadecimal(header.method);
+    });
     refuse(header, Return_code::unknown_method, std::move(reply), std::move(place), tasks);
     return;
   }
@@ -214,7 +229,8 @@ void Service_table::dispatch(Received message,
                              Reply_path reply,
                              Tasks& tasks,
                              Request_budget& budget,
-                             Counters& counters) const {
+                             Counters& counters,
+                             Log& log) const {
   const Header& header = message.header;
   if (!is_request(header)) {
     // Notifications and responses do not belong here and are never answered.
@@ -241,10 +257,15 @@ void Service_table::dispatch(Received message,
   }
   if (!instance) {
     counters.dropped_unknown_service.add();
+    log.repeated("service", key_of(header, from.address), [&] {
+      return "requests of " + to_string(from) + " are refused: service " +
+             hexadecimal(header.service) + " is not offered at this port";
+    });
     refuse(header, Return_code::unknown_service, std::move(reply), std::move(place), tasks);
     return;
   }
-  instance->request(std::move(message), from.address, std::move(reply), std::move(place), tasks);
+  instance->request(std::move(message), from.address, std::move(reply), std::move(place), tasks,
+                    log);
 }
 
 }  // namespace someip

@@ -108,7 +108,8 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
                const Address& from,
                Reply_path reply,
                Request_budget::Place place,
-               Tasks& tasks);
+               Tasks& tasks,
+               Log& log);
 
  private:
   struct Method {
@@ -145,7 +146,8 @@ class Service_table {
                 Reply_path reply,
                 Tasks& tasks,
                 Request_budget& budget,
-                Counters& counters) const;
+                Counters& counters,
+                Log& log) const;
 
  private:
   mutable std::mutex mutex_;  ///< guards instances_

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <map>
+#include <set>
 #include <utility>
 
 namespace someip {
@@ -29,9 +30,10 @@ void Searches::start(const Service_deployment& service,
                      std::shared_ptr<Search_sink> sink) {
   const Instance_key wanted{service.id, instance, service.major_version};
   context_.control.post([this, wanted, sink = std::move(sink)] {
-    const Running_search search{wanted, sink};
+    const Time now = Time::clock::now();
+    const Running_search search{wanted, sink, now};
     searches_.push_back(search);
-    discovery_.start_search(wanted, Time::clock::now());
+    discovery_.start_search(wanted, now);
     deliver(search);
   });
 }
@@ -73,6 +75,47 @@ void Searches::instances_changed(std::uint16_t service) {
   if (!changed || std::exchange(delivery_due_, true)) return;
   const auto known = static_cast<std::int64_t>(known_.all().size());
   timer_.run_at(delivered_ + pause_per_instance * known, [this] { deliver_changed(); });
+}
+
+bool Searches::want(std::uint16_t service) const {
+  return std::ranges::any_of(
+      searches_, [&](const Running_search& one) { return one.wanted.service == service; });
+}
+
+void Searches::list(std::vector<mw::com::runtime::Consumed_service>& rows,
+                    const Causes& causes,
+                    Time now) const {
+  std::set<Instance_key> listed;
+  for (const Running_search& search : searches_) {
+    mw::com::runtime::Consumed_service row;
+    row.service = name_of(context_.deployment, search.wanted.service);
+    row.serviceId = search.wanted.service;
+    row.instance = search.wanted.instance;
+    row.majorVersion = search.wanted.major_version;
+    bool found = false;
+    for (const auto& [key, offer, since] : known_.all()) {
+      if (!matches(search.wanted, key)) continue;
+      found = true;
+      if (rows.size() >= mw::com::runtime::Peers::max_rows) return;
+      if (!listed.insert(key).second) continue;
+      row.instance = key.instance;
+      row.found = true;
+      row.address = offer.origin.peer.address.to_string();
+      if (offer.endpoints.udp) row.udpPort = offer.endpoints.udp->port;
+      if (offer.endpoints.tcp) row.tcpPort = offer.endpoints.tcp->port;
+      row.sinceMs = milliseconds_between(since, now);
+      row.ttlLeftMs =
+          milliseconds_between(now, discovery_.client().end_of_offer(key).value_or(now));
+      row.cause = causes.why_incomplete(key, now);
+      rows.push_back(row);
+    }
+    if (found || !listed.insert(search.wanted).second) continue;
+    if (rows.size() >= mw::com::runtime::Peers::max_rows) return;
+    const Time since = std::max(search.since, causes.lost_since(search.wanted));
+    row.sinceMs = milliseconds_between(since, now);
+    row.cause = causes.why_missing(search.wanted, since, now);
+    rows.push_back(row);
+  }
 }
 
 void Searches::deliver_changed() {

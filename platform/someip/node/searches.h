@@ -5,7 +5,9 @@
 #include <memory>
 #include <vector>
 
+#include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
+#include "platform/someip/node/causes.h"
 #include "platform/someip/node/known_instances.h"
 #include "platform/someip/node/node_context.h"
 #include "platform/someip/node/subscriptions.h"
@@ -41,6 +43,12 @@ class Searches {
 
   /// An instance of the service has come or gone: the result of each of its searches follows.
   void instances_changed(std::uint16_t service);
+  /// Does a search want an instance of the service?
+  [[nodiscard]] bool want(std::uint16_t service) const;
+  /// Appends what each search wants and what it has found.
+  void list(std::vector<mw::com::runtime::Consumed_service>& rows,
+            const Causes& causes,
+            Time now) const;
   /// No further result follows a change.
   void stop_results() { timer_.cancel(); }
 
@@ -48,6 +56,7 @@ class Searches {
   struct Running_search {
     Instance_key wanted;  ///< any_instance: all instances
     std::shared_ptr<Search_sink> sink;
+    Time since{};
     bool changed = false;  ///< since its result was delivered last
   };
 

@@ -1,9 +1,65 @@
 #include "platform/someip/node/subscriptions.h"
 
 #include <algorithm>
+#include <optional>
+#include <string>
 #include <utility>
 
+#include "platform/someip/base/hexadecimal.h"
+
 namespace someip {
+
+namespace {
+
+/// A group without a notification for this long is said to be silent.
+constexpr std::uint64_t silent_ms = 5000;
+
+std::uint64_t milliseconds_since(Arrival_time arrival) {
+  if (arrival == Arrival_time{}) return mw::com::runtime::never;
+  const auto age = std::chrono::system_clock::now() - arrival;
+  return static_cast<std::uint64_t>(
+      std::max<std::int64_t>(0, std::chrono::duration_cast<Milliseconds>(age).count()));
+}
+
+std::size_t key_of(const Header& header, const Endpoint& from) {
+  return Endpoint_hash{}(from) ^ (std::size_t{header.service} << 16U | header.method);
+}
+
+/// Empty for an event that the deployment has: a group may bring more events than are selected.
+std::string text_of_unknown(const Deployment& deployment,
+                            const Header& header,
+                            const Endpoint& from) {
+  for (const Service_deployment& service : deployment.services) {
+    if (service.id != header.service) continue;
+    const bool known = std::ranges::find(service.events, header.method, &Event_deployment::id) !=
+                           service.events.end() ||
+                       std::ranges::find(service.fields, std::optional(header.method),
+                                         &Field_deployment::notifier) != service.fields.end();
+    if (known) return {};
+  }
+  return "notifications of " + to_string(from) +
+         " are dropped: " + name_of(deployment, header.service) + " has no event " +
+         hexadecimal(header.method);
+}
+
+std::string for_seconds(std::uint64_t milliseconds) {
+  return " for " + std::to_string(milliseconds / 1000) + " s";
+}
+
+std::string why_no_data(const mw::com::runtime::Consumed_event_group& row,
+                        const Remote_offer* offer,
+                        const Discovery_client::Subscription& subscription) {
+  if (offer == nullptr) return "the instance is not offered";
+  const std::string peer = to_string(offer->origin.peer);
+  if (subscription.refused) return "refused by " + peer;
+  if (!row.connected) return "no TCP connection to " + peer;
+  if (!row.subscribed) return "not acknowledged by " + peer + for_seconds(row.sinceMs);
+  const auto silence = std::min(row.lastNotificationMs, row.sinceMs);
+  if (silence < silent_ms) return {};
+  return "acknowledged, no data" + for_seconds(silence);
+}
+
+}  // namespace
 
 Subscriptions::Subscriptions(const Node_context& context,
                              Discovery& discovery,
@@ -18,12 +74,14 @@ Subscriptions::Subscriptions(const Node_context& context,
 
 void Subscriptions::subscribe(const Event_selection& selection, std::shared_ptr<Event_sink> sink) {
   context_.control.post([this, selection, sink = std::move(sink)] {
-    Selected_event& event = events_.emplace_back(Selected_event{selection, sink, {}, {}});
+    Selected_event& event =
+        events_.emplace_back(Selected_event{selection, sink, Time::clock::now(), false, {}, {}});
     if (const auto* offer = known_.find(selection.instance)) connect_route(event, *offer);
     discovery_.subscribe(selection.instance, selection.event_group, selection.group,
                          Time::clock::now());
     // A further sink of an active group is notified at once.
     if (discovery_.active(selection.instance, selection.event_group)) {
+      event.active = true;
       sink->subscription_changed(true);
     }
   });
@@ -59,6 +117,8 @@ void Subscriptions::notification(Received message,
   auto sinks = routes_.find({header.service, header.method, transport, from});
   if (sinks.empty() || header.code != 0) {
     counters.dropped_unexpected.add();
+    context_.log.repeated("event", key_of(header, from),
+                          [&] { return text_of_unknown(context_.deployment, header, from); });
     return;
   }
   const auto hand_to = [&](std::shared_ptr<Event_sink>& sink, Received notification) {
@@ -68,6 +128,7 @@ void Subscriptions::notification(Received message,
     }
     counters.notifications_received.add();
     sink->set_value_seen(true);
+    sink->set_last_arrival(notification.arrival);
     if (sink->enqueue(std::move(notification))) tasks.push_back(std::move(sink));
   };
   for (std::size_t i = 0; i + 1 < sinks.size(); ++i)
@@ -113,9 +174,45 @@ void Subscriptions::state_changed(const Instance_key& key, std::uint16_t event_g
   for (Selected_event& event : events_) {
     if (event.selection.instance != key || event.selection.event_group != event_group) continue;
     if (!active) event.sink->set_value_seen(false);
+    event.active = active;
+    event.since = Time::clock::now();
     event.sink->subscription_changed(active);
   }
   if (!active) listeners_.leave({key, event_group});
+}
+
+void Subscriptions::list(std::vector<mw::com::runtime::Consumed_event_group>& rows,
+                         Time now) const {
+  std::map<std::pair<Instance_key, std::uint16_t>, std::size_t> row_of;
+  for (const Selected_event& event : events_) {
+    const Event_selection& selection = event.selection;
+    const auto [place, first] =
+        row_of.try_emplace({selection.instance, selection.event_group}, rows.size());
+    if (first) {
+      if (rows.size() >= mw::com::runtime::Peers::max_rows) return;
+      auto& row = rows.emplace_back();
+      row.serviceId = selection.instance.service;
+      row.instance = selection.instance.instance;
+      row.eventGroup = selection.event_group;
+      row.subscribed = event.active;
+      row.sinceMs = milliseconds_between(event.since, now);
+      row.lastNotificationMs = mw::com::runtime::never;
+    }
+    auto& row = rows[place->second];
+    row.lastNotificationMs =
+        std::min(row.lastNotificationMs, milliseconds_since(event.sink->last_arrival()));
+  }
+  for (const auto& [group, number] : row_of) {
+    const auto subscription = discovery_.client().subscriptions().find(group);
+    if (subscription == discovery_.client().subscriptions().end()) continue;
+    auto& row = rows[number];
+    const Remote_offer* const offer = known_.find(group.first);
+    const auto& [_, state] = *subscription;
+    row.connected =
+        offer != nullptr &&
+        (!state.transport.tcp || state.state != Discovery_client::State::none || state.refused);
+    row.cause = why_no_data(row, offer, state);
+  }
 }
 
 bool Subscriptions::initial_value_missing(const Instance_key& key,

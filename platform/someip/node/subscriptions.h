@@ -9,7 +9,9 @@
 #include <optional>
 #include <vector>
 
+#include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
+#include "platform/someip/node/causes.h"
 #include "platform/someip/node/client_connections.h"
 #include "platform/someip/node/event_routes.h"
 #include "platform/someip/node/known_instances.h"
@@ -54,6 +56,8 @@ class Subscriptions {
   /// Call it while the instance is still known.
   void instance_gone(const Instance_key& key);
   void state_changed(const Instance_key& key, std::uint16_t event_group, bool active);
+  /// Appends the event groups of all selected events.
+  void list(std::vector<mw::com::runtime::Consumed_event_group>& rows, Time now) const;
   /// Did an active subscription to fields of the group bring no value yet?
   [[nodiscard]] bool initial_value_missing(const Instance_key& key,
                                            std::uint16_t event_group) const;
@@ -66,6 +70,8 @@ class Subscriptions {
   struct Selected_event {
     Event_selection selection;
     std::shared_ptr<Event_sink> sink;
+    Time since;   ///< of the last change of `active`
+    bool active;  ///< acknowledged
     // While the instance is offered:
     std::optional<Event_routes::Key> route;
     std::optional<Endpoint> connection;  ///< the server that a group over TCP needs one to

@@ -15,14 +15,14 @@
 #include "ara/exec/application_client.h"
 #include "ara/phm/phm_client.h"
 #include "ara/phm/supervision_entity.h"
-#include "tests/support/Capture.h"
-#include "tests/support/Temporary_folder.h"
+#include "tests/support/capture.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temporary_folder.h"
 
 namespace ara {
 namespace {
 
-TEST(ServiceManager, is_not_needed_but_reported_when_it_has_gone) {
+TEST(Service_manager, is_not_needed_but_reported_when_it_has_gone) {
   const test::Capture capture;
   const exec::ApplicationClient application;
   phm::Phm_client client(core::InstanceSpecifier("Instance"));
@@ -30,9 +30,9 @@ TEST(ServiceManager, is_not_needed_but_reported_when_it_has_gone) {
   const Temporary_folder folder;
   ::setenv("NOTIFY_SOCKET", (folder / "socket").c_str(), 1);
   application.ReportApplicationState(exec::ApplicationState::kRunning);
-  ASSERT_EQ(capture.Records().size(), 1U);
-  EXPECT_EQ(capture.Records()[0].level, log::LogLevel::kWarn);
-  EXPECT_THAT(capture.Records()[0].Text(), ::testing::HasSubstr("No such file or directory"));
+  ASSERT_EQ(capture.records().size(), 1U);
+  EXPECT_EQ(capture.records()[0].level, log::LogLevel::kWarn);
+  EXPECT_THAT(capture.records()[0].text(), ::testing::HasSubstr("No such file or directory"));
   EXPECT_EQ(
       test::error_of<std::runtime_error>([&] { entity.CheckpointReached(7, 8); }),
       "checkpoint 8 of entity 7 of \"Instance\" could not be reported to the service manager: "
@@ -41,7 +41,7 @@ TEST(ServiceManager, is_not_needed_but_reported_when_it_has_gone) {
   ::unsetenv("NOTIFY_SOCKET");
   application.ReportApplicationState(exec::ApplicationState::kRunning);
   EXPECT_NO_THROW(entity.CheckpointReached(1, 2));
-  EXPECT_EQ(capture.Records().size(), 1U);
+  EXPECT_EQ(capture.records().size(), 1U);
 }
 
 /// A notify socket in the abstract namespace, whose queue is full.
@@ -68,7 +68,7 @@ class Full_socket {
   Full_socket& operator=(const Full_socket&) = delete;
 
   /// Reads until something else comes.
-  [[nodiscard]] std::string First() const {
+  [[nodiscard]] std::string first() const {
     for (std::array<char, 256> text{};;) {
       const auto size = ::recv(receiver_, text.data(), text.size(), 0);
       std::string message(text.data(), size > 0 ? static_cast<std::size_t>(size) : 0);
@@ -82,7 +82,7 @@ class Full_socket {
   const int sender_ = ::socket(AF_UNIX, SOCK_DGRAM, 0);
 };
 
-TEST(ServiceManager, that_does_not_read_delays_nothing_and_gets_the_newest_state_when_it_does) {
+TEST(Service_manager, that_does_not_read_delays_nothing_and_gets_the_newest_state_when_it_does) {
   using std::chrono::steady_clock;
   const test::Capture capture;
   phm::Phm_client client(core::InstanceSpecifier("Instance"));
@@ -95,8 +95,8 @@ TEST(ServiceManager, that_does_not_read_delays_nothing_and_gets_the_newest_state
   EXPECT_THAT(test::error_of<std::runtime_error>([&] { entity.CheckpointReached(7, 8); }),
               ::testing::HasSubstr("Resource temporarily unavailable"));
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1));
-  EXPECT_EQ(manager->First(), "READY=1\nSTATUS=running");
-  EXPECT_TRUE(capture.Records().empty());
+  EXPECT_EQ(manager->first(), "READY=1\nSTATUS=running");
+  EXPECT_TRUE(capture.records().empty());
 
   manager.reset();
   manager.emplace();
@@ -104,8 +104,8 @@ TEST(ServiceManager, that_does_not_read_delays_nothing_and_gets_the_newest_state
   application->ReportApplicationState(exec::ApplicationState::kTerminating);
   application.reset();
   EXPECT_LT(steady_clock::now() - end, std::chrono::seconds(2));
-  ASSERT_EQ(capture.Records().size(), 1U);
-  EXPECT_THAT(capture.Records()[0].Text(),
+  ASSERT_EQ(capture.records().size(), 1U);
+  EXPECT_THAT(capture.records()[0].text(),
               ::testing::HasSubstr("Resource temporarily unavailable"));
 }
 

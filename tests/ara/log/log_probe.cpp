@@ -18,7 +18,7 @@ namespace {
 using namespace ara::log;  // NOLINT(google-build-using-namespace)
 
 /// Threads of this process that would handle SIGUSR1, other than this one.
-std::size_t ThreadsOpenForSignals() {
+std::size_t threads_open_for_signals() {
   std::size_t open = 0;
   const auto self = std::to_string(::getpid());
   for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -34,14 +34,14 @@ std::size_t ThreadsOpenForSignals() {
   return open;
 }
 
-struct LogsInItsDestructor {
-  ~LogsInItsDestructor() { CreateLogger("LAST", "at exit").LogInfo() << "logged after main"; }
+struct Logs_in_its_destructor {
+  ~Logs_in_its_destructor() { CreateLogger("LAST", "at exit").LogInfo() << "logged after main"; }
 };
 
 }  // namespace
 
 int main() {
-  static const LogsInItsDestructor late;
+  static const Logs_in_its_destructor late;
   for (std::string line; std::getline(std::cin, line);) {
     std::istringstream words(line);
     std::string command;
@@ -100,7 +100,7 @@ int main() {
       words >> context;
       std::cout << static_cast<int>(CreateLogger(context, "level").Level()) << ' ';
     } else if (command == "signals") {
-      std::cout << ThreadsOpenForSignals() << ' ';
+      std::cout << threads_open_for_signals() << ' ';
     } else if (command == "exit") {
       DefaultLogger().LogInfo() << "last line";
       return 0;

@@ -9,7 +9,7 @@
 #include "ara/log/logger.h"
 #include "platform/linux/log/level_settings.h"
 #include "platform/linux/log/text_sink.h"
-#include "tests/support/Capture.h"
+#include "tests/support/capture.h"
 
 namespace ara::log {
 namespace {
@@ -36,11 +36,11 @@ TEST(Logging, each_stream_argument_is_an_argument_of_the_message) {
   const char* nothing = nullptr;
   logger.LogInfo() << "label " << std::int8_t{-1} << std::numeric_limits<std::int64_t>::min() << 1.5
                    << HexFormat(std::int8_t{-1}) << "" << nothing;
-  ASSERT_EQ(capture.Records().size(), 1U);
-  const auto record = capture.Records().front();
+  ASSERT_EQ(capture.records().size(), 1U);
+  const auto record = capture.records().front();
   EXPECT_THAT(record.arguments,
               ElementsAre("label ", "-1", "-9223372036854775808", "1.5", "ff", "", "(null)"));
-  EXPECT_EQ(record.Text(), "label  -1 -9223372036854775808 1.5 ff  (null)");
+  EXPECT_EQ(record.text(), "label  -1 -9223372036854775808 1.5 ff  (null)");
 }
 
 TEST(Logging, a_context_has_four_letters_and_one_logger_whose_level_decides_what_is_written) {
@@ -58,7 +58,7 @@ TEST(Logging, a_context_has_four_letters_and_one_logger_whose_level_decides_what
   logger.SetLevel(LogLevel::kVerbose);
   logger.LogVerbose() << "verbose";
   logger.Log(LogLevel::kDebug, "debug");
-  EXPECT_THAT(capture.Texts("LVLS"), ElementsAre("warn", "verbose", "debug"));
+  EXPECT_THAT(capture.texts("LVLS"), ElementsAre("warn", "verbose", "debug"));
 }
 
 TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark) {
@@ -69,7 +69,7 @@ TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark)
   logger.LogInfo() << 1 << text << 2;
   logger.LogInfo() << text << text << text << 3;
 
-  const auto records = capture.Records();
+  const auto records = capture.records();
   ASSERT_EQ(records.size(), 2U);
   EXPECT_THAT(records[0].arguments, ElementsAre("1", text, "2"));
   ASSERT_EQ(records[1].arguments.size(), 3U);
@@ -78,9 +78,9 @@ TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark)
   EXPECT_EQ(records[1].arguments[2], "[truncated]");
 }
 
-TEST(LevelSettings, take_a_general_level_and_contexts_and_name_what_they_cannot_read) {
+TEST(Level_settings, take_a_general_level_and_contexts_and_name_what_they_cannot_read) {
   const auto settings =
-      LevelSettings::Parse("info,GNSS=warn,,TRCE=verbose,loud,=info,TOOLONG=info,A=,B=5");
+      Level_settings::parse("info,GNSS=warn,,TRCE=verbose,loud,=info,TOOLONG=info,A=,B=5");
   EXPECT_EQ(settings.general, LogLevel::kInfo);
   EXPECT_EQ(settings.contexts.size(), 2U);
   EXPECT_EQ(settings.contexts.at("GNSS"), LogLevel::kWarn);
@@ -88,9 +88,9 @@ TEST(LevelSettings, take_a_general_level_and_contexts_and_name_what_they_cannot_
   EXPECT_EQ(settings.complaint, R"("loud", "=info", "TOOLONG=info", "A=", "B=5")");
 }
 
-TEST(TextSink, a_line_cannot_be_forged_by_what_is_logged) {
+TEST(Text_sink, a_line_cannot_be_forged_by_what_is_logged) {
   const auto line =
-      FormatLine(LogLevel::kWarn, "POS", "GNSS", "a\n2026/11/24 fatal POS GNSS b\x1b[31m");
+      format_line(LogLevel::kWarn, "POS", "GNSS", "a\n2026/11/24 fatal POS GNSS b\x1b[31m");
   EXPECT_THAT(
       line, MatchesRegex(
                 "[0-9]{4}/[0-9]{2}/[0-9]{2} [0-9:]{8}\\.[0-9]{6} warn POS GNSS a 2026/11/24 fatal "

@@ -15,7 +15,7 @@ namespace {
 using ::testing::AllOf;
 using ::testing::HasSubstr;
 
-TEST(JsonText, every_type_and_its_extremes_come_back) {
+TEST(Json_text, every_type_and_its_extremes_come_back) {
   const Values values{{"bool", KvsType(true)},
                       {"u8", KvsType(std::uint8_t{255})},
                       {"u16", KvsType(std::uint16_t{65535})},
@@ -34,19 +34,19 @@ TEST(JsonText, every_type_and_its_extremes_come_back) {
                       {"empty text", KvsType("")},
                       {"binary", KvsType(std::vector<std::uint8_t>{0, 255, 16, 1})},
                       {"empty binary", KvsType(nullptr, 0)}};
-  EXPECT_EQ(ParseValues(ToText(values), "file"), values);
-  const auto nan = ParseValues(ToText({{"nan", KvsType(std::nan(""))}}), "file");
+  EXPECT_EQ(parse_values(to_text(values), "file"), values);
+  const auto nan = parse_values(to_text({{"nan", KvsType(std::nan(""))}}), "file");
   EXPECT_TRUE(std::isnan(nan.at("nan").GetDouble()));
-  EXPECT_TRUE(ParseValues(ToText({}), "file").empty());
-  EXPECT_EQ(ToText({{"b", KvsType(std::uint32_t{1000})},
-                    {"a", KvsType(std::vector<std::uint8_t>{0xAB, 0})}}),
+  EXPECT_TRUE(parse_values(to_text({}), "file").empty());
+  EXPECT_EQ(to_text({{"b", KvsType(std::uint32_t{1000})},
+                     {"a", KvsType(std::vector<std::uint8_t>{0xAB, 0})}}),
             "{\n"
             "  \"a\": {\"type\": \"Binary\", \"value\": \"ab00\"},\n"
             "  \"b\": {\"type\": \"UInt32\", \"value\": 1000}\n"
             "}\n");
 }
 
-TEST(JsonText, what_is_not_a_store_is_refused_with_the_place_and_what_was_expected) {
+TEST(Json_text, what_is_not_a_store_is_refused_with_the_place_and_what_was_expected) {
   const std::string deep(1'000'000, '[');
   const struct {
     std::string text;
@@ -86,7 +86,7 @@ TEST(JsonText, what_is_not_a_store_is_refused_with_the_place_and_what_was_expect
   };
   for (const auto& [text, expected] : cases) {
     EXPECT_THAT(test::error_of<ExceptionValidation>(
-                    [&text = text] { (void)ParseValues(text, "/store/POS.json"); }),
+                    [&text = text] { (void)parse_values(text, "/store/POS.json"); }),
                 AllOf(HasSubstr("storage file \"/store/POS.json\": "), HasSubstr(expected)))
         << text.substr(0, 100);
   }

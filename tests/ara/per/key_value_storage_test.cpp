@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "tests/support/Temporary_folder.h"
 #include "tests/support/error_of.h"
+#include "tests/support/temporary_folder.h"
 
 namespace ara::per {
 namespace {
@@ -22,13 +22,13 @@ namespace fs = std::filesystem;
 
 /// What opening a store throws.
 template <typename Error>
-std::string ErrorOfOpening() {
+std::string error_of_opening() {
   return test::error_of<Error>([] { KeyValueStorage("Port"); });
 }
 
-class KeyValueStorageTest : public ::testing::Test {
+class Key_value_storage : public ::testing::Test {
  public:
-  KeyValueStorageTest() {
+  Key_value_storage() {
     fs::create_directory(folder_);
     fs::create_directory(root_ / "initdata");
     ::setenv("POS_STORAGE_DIR", folder_.c_str(), 1);
@@ -36,7 +36,7 @@ class KeyValueStorageTest : public ::testing::Test {
   }
 
  protected:
-  static void Write(const fs::path& path, std::string_view text) {
+  static void write(const fs::path& path, std::string_view text) {
     std::ofstream(path, std::ios::binary) << text;
   }
 
@@ -44,7 +44,7 @@ class KeyValueStorageTest : public ::testing::Test {
   const fs::path folder_ = root_ / "store";
 };
 
-TEST_F(KeyValueStorageTest, values_last_after_sync_only) {
+TEST_F(Key_value_storage, values_last_after_sync_only) {
   {
     KeyValueStorage storage("Port");
     EXPECT_FALSE(storage.HasKey("a"));
@@ -66,7 +66,7 @@ TEST_F(KeyValueStorageTest, values_last_after_sync_only) {
   EXPECT_TRUE(KeyValueStorage("Other_Port").GetAllKeys().empty());
 }
 
-TEST_F(KeyValueStorageTest, sync_writes_when_something_changed_and_leaves_one_file) {
+TEST_F(Key_value_storage, sync_writes_when_something_changed_and_leaves_one_file) {
   KeyValueStorage storage("Port");
   storage.SyncToStorage();
   EXPECT_FALSE(fs::exists(folder_ / "Port.json"));
@@ -78,7 +78,7 @@ TEST_F(KeyValueStorageTest, sync_writes_when_something_changed_and_leaves_one_fi
   EXPECT_EQ(std::distance(fs::directory_iterator(folder_), fs::directory_iterator()), 1);
 }
 
-TEST_F(KeyValueStorageTest, what_a_failed_sync_left_is_written_by_the_next_one) {
+TEST_F(Key_value_storage, what_a_failed_sync_left_is_written_by_the_next_one) {
   KeyValueStorage storage("Port");
   storage.SetValue("a", KvsType(true));
   fs::rename(folder_, root_ / "away");
@@ -88,10 +88,10 @@ TEST_F(KeyValueStorageTest, what_a_failed_sync_left_is_written_by_the_next_one) 
   EXPECT_TRUE(KeyValueStorage("Port").HasKey("a"));
 }
 
-TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fails) {
+TEST_F(Key_value_storage, a_missing_folder_is_created_by_the_attempt_that_fails) {
   const fs::path deep = root_ / "a" / "b" / "c";
   ::setenv("POS_STORAGE_DIR", (deep.string() + "/").c_str(), 1);
-  EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
+  EXPECT_THAT(error_of_opening<ExceptionStorageLocationNotFound>(),
               HasSubstr("was not there; it has been created"));
   KeyValueStorage storage("Port");
   storage.SetValue("a", KvsType(true));
@@ -100,17 +100,17 @@ TEST_F(KeyValueStorageTest, a_missing_folder_is_created_by_the_attempt_that_fail
   for (const auto& made : {deep, root_ / "a"})
     EXPECT_EQ(fs::status(made).permissions(), fs::perms{0750}) << made;
 
-  Write(root_ / "file", "");
+  write(root_ / "file", "");
   for (const auto& folder : {root_ / "file", root_ / "file" / "below"}) {
     ::setenv("POS_STORAGE_DIR", folder.c_str(), 1);
     for (int attempt = 0; attempt < 2; ++attempt) {
-      EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
+      EXPECT_THAT(error_of_opening<ExceptionStorageLocationNotFound>(),
                   HasSubstr("cannot be created: Not a directory"));
     }
   }
 }
 
-TEST_F(KeyValueStorageTest, the_folder_comes_from_the_environment_in_order) {
+TEST_F(Key_value_storage, the_folder_comes_from_the_environment_in_order) {
   const char* const set = std::getenv("HOME");
   const std::string home = set != nullptr ? set : "";
   ::setenv("STATE_DIRECTORY", (root_ / "systemd:/elsewhere").c_str(), 1);
@@ -120,55 +120,55 @@ TEST_F(KeyValueStorageTest, the_folder_comes_from_the_environment_in_order) {
   for (const auto& [variable, below] : {std::pair{"STATE_DIRECTORY", "systemd"},
                                         {"XDG_STATE_HOME", "xdg/pos"},
                                         {"HOME", "home/.local/state/pos"}}) {
-    EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
+    EXPECT_THAT(error_of_opening<ExceptionStorageLocationNotFound>(),
                 HasSubstr("\"" + (root_ / below).string() + "\" was not there"));
     ::unsetenv(variable);
   }
-  EXPECT_THAT(ErrorOfOpening<ExceptionStorageLocationNotFound>(),
+  EXPECT_THAT(error_of_opening<ExceptionStorageLocationNotFound>(),
               HasSubstr("none of POS_STORAGE_DIR"));
   ::setenv("HOME", home.c_str(), 1);
 }
 
-TEST_F(KeyValueStorageTest, first_values_fill_a_missing_store_only) {
+TEST_F(Key_value_storage, first_values_fill_a_missing_store_only) {
   const fs::path seed = root_ / "initdata" / "initdata-Port.json";
-  Write(seed, R"({"a": {"type": "UInt8", "value": 1}})");
+  write(seed, R"({"a": {"type": "UInt8", "value": 1}})");
   {
     KeyValueStorage storage("Port");
     EXPECT_EQ(storage.GetValue("a").GetUInt(), 1U);
     storage.SyncToStorage();
   }
-  Write(seed, R"({"a": {"type": "UInt8", "value": 2}})");
+  write(seed, R"({"a": {"type": "UInt8", "value": 2}})");
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetUInt(), 1U);
   fs::remove(folder_ / "Port.json");
-  Write(seed, "{");
-  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(),
+  write(seed, "{");
+  EXPECT_THAT(error_of_opening<ExceptionValidation>(),
               HasSubstr(seed.string() + "\": parse error at line 1"));
 }
 
-TEST_F(KeyValueStorageTest, a_file_that_is_not_a_store_is_refused_and_left_as_it_is) {
+TEST_F(Key_value_storage, a_file_that_is_not_a_store_is_refused_and_left_as_it_is) {
   const fs::path file = folder_ / "Port.json";
-  Write(file, "{");
-  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(), HasSubstr(file.string()));
+  write(file, "{");
+  EXPECT_THAT(error_of_opening<ExceptionValidation>(), HasSubstr(file.string()));
   EXPECT_EQ(fs::file_size(file), 1U);
-  Write(file, "");
+  write(file, "");
   fs::resize_file(file, 100'000'000);
-  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(),
+  EXPECT_THAT(error_of_opening<ExceptionValidation>(),
               HasSubstr("expected at most 16777216 bytes, found 100000000"));
   EXPECT_EQ(fs::file_size(file), 100'000'000U);
 
   fs::remove(file);
   fs::create_directory(file);
-  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(),
+  EXPECT_THAT(error_of_opening<ExceptionValidation>(),
               HasSubstr("expected a regular file, found a folder"));
   fs::remove(file);
   ASSERT_EQ(::mkfifo(file.c_str(), 0600), 0);
-  EXPECT_THAT(ErrorOfOpening<ExceptionValidation>(), HasSubstr("expected a regular file"));
+  EXPECT_THAT(error_of_opening<ExceptionValidation>(), HasSubstr("expected a regular file"));
   fs::remove(file);
   fs::create_symlink("Port.json", file);
-  EXPECT_THAT(ErrorOfOpening<ExceptionPhysicalStorageError>(), HasSubstr("cannot open"));
+  EXPECT_THAT(error_of_opening<ExceptionPhysicalStorageError>(), HasSubstr("cannot open"));
 }
 
-TEST_F(KeyValueStorageTest, what_could_not_be_read_back_is_not_taken_or_written) {
+TEST_F(Key_value_storage, what_could_not_be_read_back_is_not_taken_or_written) {
   KeyValueStorage storage("Port");
   EXPECT_THROW(storage.SetValue("", KvsType(true)), ExceptionLogicError);
   EXPECT_THROW(storage.SetValue("a", KvsType()), ExceptionLogicError);
@@ -185,12 +185,12 @@ TEST_F(KeyValueStorageTest, what_could_not_be_read_back_is_not_taken_or_written)
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString(), "old");
 }
 
-TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
+TEST_F(Key_value_storage, threads_may_write_and_sync_at_once) {
   KeyValueStorage storage("Port");
-  constexpr std::size_t kThreads = 4;
+  constexpr std::size_t thread_count = 4;
   {
     std::vector<std::jthread> threads;
-    for (std::size_t thread = 0; thread < kThreads; ++thread) {
+    for (std::size_t thread = 0; thread < thread_count; ++thread) {
       threads.emplace_back([&storage, thread] {
         for (std::uint32_t i = 0; i < 20; ++i) {
           storage.SetValue("key" + std::to_string(thread), KvsType(i));
@@ -200,7 +200,7 @@ TEST_F(KeyValueStorageTest, threads_may_write_and_sync_at_once) {
     }
   }
   KeyValueStorage again("Port");
-  EXPECT_EQ(again.GetAllKeys().size(), kThreads);
+  EXPECT_EQ(again.GetAllKeys().size(), thread_count);
   for (const auto& key : again.GetAllKeys())
     EXPECT_EQ(again.GetValue(key).GetUInt(), 19U);
 }

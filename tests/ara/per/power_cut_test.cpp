@@ -20,64 +20,65 @@ using ::testing::AnyOf;
 using ::testing::Eq;
 using ::testing::HasSubstr;
 
-const std::string kPath = "/store/Port.json";
-const std::string kAside = "/store/Port.json.new";
+const std::string store_path = "/store/Port.json";
+const std::string aside = "/store/Port.json.new";
 
-std::string TextWith(std::uint32_t number) {
-  return ToText({{"number", KvsType(number)}, {"text", KvsType(std::string(5000, 'x'))}});
+std::string text_with(std::uint32_t number) {
+  return to_text({{"number", KvsType(number)}, {"text", KvsType(std::string(5000, 'x'))}});
 }
-const std::string kOld = TextWith(1);
-const std::string kNew = TextWith(2);
+const std::string old_content = text_with(1);
+const std::string new_content = text_with(2);
 
-SimulatedDisk::Image OldStore() {
-  return {{kPath, kOld}};
+Simulated_disk::Image old_store() {
+  return {{store_path, old_content}};
 }
 
 /// What a start after the crash reads, as the application does it.
-std::string ReadAfter(const SimulatedDisk::Image& image) {
-  SimulatedDisk disk(image);
-  const StoreFile store("/store", "Port.json", disk);
-  const auto text = store.Read();
+std::string read_after(const Simulated_disk::Image& image) {
+  Simulated_disk disk(image);
+  const Store_file store("/store", "Port.json", disk);
+  const auto text = store.read();
   if (!text) return "";
-  (void)ParseValues(*text, store.path());
-  store.RemoveLeftover();
-  EXPECT_FALSE(disk.Now().contains(kAside));
+  (void)parse_values(*text, store.path());
+  store.remove_leftover();
+  EXPECT_FALSE(disk.now().contains(aside));
   return *text;
 }
 
-SimulatedDisk FailingAt(int call, int error) {
-  return SimulatedDisk(OldStore(), [=](int number, std::string_view /*name*/) {
+Simulated_disk failing_at(int call, int error) {
+  return Simulated_disk(old_store(), [=](int number, std::string_view /*name*/) {
     return number == call ? error : 0;
   });
 }
 
 /// The calls that one replacement makes.
-int CallsOfReplace() {
-  SimulatedDisk disk(OldStore());
-  StoreFile("/store", "Port.json", disk).Replace(kNew);
+int calls_of_replace() {
+  Simulated_disk disk(old_store());
+  Store_file("/store", "Port.json", disk).replace(new_content);
   return disk.calls();
 }
 
-TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
+TEST(Power_cut, at_any_call_leaves_the_old_or_the_new_store_whole) {
   std::size_t states = 0;
   for (const auto& before :
-       {SimulatedDisk::Image{{kPath, kOld}},
-        SimulatedDisk::Image{{kPath, kOld}, {kAside, "{\"left over"}}, SimulatedDisk::Image{}}) {
-    const std::string old = before.contains(kPath) ? kOld : "";
-    for (int cut = 0; cut <= CallsOfReplace(); ++cut) {
+       {Simulated_disk::Image{{store_path, old_content}},
+        Simulated_disk::Image{{store_path, old_content}, {aside, "{\"left over"}},
+        Simulated_disk::Image{}}) {
+    const std::string old = before.contains(store_path) ? old_content : "";
+    for (int cut = 0; cut <= calls_of_replace(); ++cut) {
       // Short writes, so that the cut also comes between two of them.
-      SimulatedDisk disk(before, [cut](int number, std::string_view name) {
-        if (number == cut) return SimulatedDisk::kPowerCut;
-        return name == "write" && number < 4 ? SimulatedDisk::kShort : 0;
+      Simulated_disk disk(before, [cut](int number, std::string_view name) {
+        if (number == cut) return Simulated_disk::power_cut;
+        return name == "write" && number < 4 ? Simulated_disk::short_write : 0;
       });
       try {
-        StoreFile("/store", "Port.json", disk).Replace(kNew);
-      } catch (const SimulatedDisk::PowerCut&) {        // NOLINT(bugprone-empty-catch)
+        Store_file("/store", "Port.json", disk).replace(new_content);
+      } catch (const Simulated_disk::Power_cut&) {      // NOLINT(bugprone-empty-catch)
       } catch (const ExceptionPhysicalStorageError&) {  // NOLINT(bugprone-empty-catch)
         // The process is gone: nobody is left to be told.
       }
-      for (const auto& image : disk.AfterPowerCut()) {
-        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(old), Eq(kNew))) << "cut at call " << cut;
+      for (const auto& image : disk.after_power_cut()) {
+        EXPECT_THAT(read_after(image), AnyOf(Eq(old), Eq(new_content))) << "cut at call " << cut;
         ++states;
       }
     }
@@ -86,57 +87,60 @@ TEST(PowerCut, at_any_call_leaves_the_old_or_the_new_store_whole) {
 }
 
 /// Replaces the store, after which no power cut brings the old one back.
-void ReplaceForGood(SimulatedDisk& disk) {
-  StoreFile("/store", "Port.json", disk).Replace(kNew);
-  for (const auto& image : disk.AfterPowerCut())
-    EXPECT_EQ(ReadAfter(image), kNew);
-  EXPECT_EQ(disk.Now(), (SimulatedDisk::Image{{kPath, kNew}}));
+void replace_for_good(Simulated_disk& disk) {
+  Store_file("/store", "Port.json", disk).replace(new_content);
+  for (const auto& image : disk.after_power_cut())
+    EXPECT_EQ(read_after(image), new_content);
+  EXPECT_EQ(disk.now(), (Simulated_disk::Image{{store_path, new_content}}));
   EXPECT_EQ(disk.open_descriptors(), 0U);
 }
 
-TEST(FailingDisk,
+TEST(Failing_disk,
      a_call_that_fails_is_reported_and_leaves_a_whole_store_now_and_after_a_power_cut) {
   for (const int error : {EIO, ENOSPC, EROFS}) {
-    for (int failing = 0; failing < CallsOfReplace(); ++failing) {
-      SimulatedDisk disk = FailingAt(failing, error);
-      const StoreFile store("/store", "Port.json", disk);
-      const auto text = test::error_of<ExceptionPhysicalStorageError>([&] { store.Replace(kNew); });
+    for (int failing = 0; failing < calls_of_replace(); ++failing) {
+      Simulated_disk disk = failing_at(failing, error);
+      const Store_file store("/store", "Port.json", disk);
+      const auto text =
+          test::error_of<ExceptionPhysicalStorageError>([&] { store.replace(new_content); });
       // Only closing the folder can fail without harm.
-      const bool failed = failing + 1 < CallsOfReplace();
+      const bool failed = failing + 1 < calls_of_replace();
       EXPECT_THAT(text, AllOf(HasSubstr(failed ? std::strerror(error) : "no exception"),
                               HasSubstr(failed ? "/store" : "")))
           << "call " << failing;
       EXPECT_EQ(disk.open_descriptors(), 0U) << "call " << failing;
-      EXPECT_FALSE(disk.Now().contains(kAside)) << "call " << failing;
-      for (const auto& image : disk.AfterPowerCut()) {
-        EXPECT_THAT(ReadAfter(image), AnyOf(Eq(failed ? kOld : kNew), Eq(kNew)));
+      EXPECT_FALSE(disk.now().contains(aside)) << "call " << failing;
+      for (const auto& image : disk.after_power_cut()) {
+        EXPECT_THAT(read_after(image),
+                    AnyOf(Eq(failed ? old_content : new_content), Eq(new_content)));
       }
-      ReplaceForGood(disk);
+      replace_for_good(disk);
     }
   }
 }
 
-TEST(FailingDisk, interruptions_and_short_writes_are_taken_up_again) {
-  SimulatedDisk disk({{kPath, kOld}, {kAside, "left over"}}, [](int number, std::string_view name) {
-    if (name == "write") return SimulatedDisk::kShort;
-    return number % 2 == 0 ? EINTR : 0;
-  });
-  ReplaceForGood(disk);
+TEST(Failing_disk, interruptions_and_short_writes_are_taken_up_again) {
+  Simulated_disk disk({{store_path, old_content}, {aside, "left over"}},
+                      [](int number, std::string_view name) {
+                        if (name == "write") return Simulated_disk::short_write;
+                        return number % 2 == 0 ? EINTR : 0;
+                      });
+  replace_for_good(disk);
 
-  SimulatedDisk stutter(OldStore(), [](int number, std::string_view name) {
-    if (name == "read") return number % 2 == 0 ? EINTR : SimulatedDisk::kShort;
+  Simulated_disk stutter(old_store(), [](int number, std::string_view name) {
+    if (name == "read") return number % 2 == 0 ? EINTR : Simulated_disk::short_write;
     return 0;
   });
-  EXPECT_EQ(StoreFile("/store", "Port.json", stutter).Read(), kOld);
+  EXPECT_EQ(Store_file("/store", "Port.json", stutter).read(), old_content);
 }
 
-TEST(FailingDisk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
+TEST(Failing_disk, a_file_that_cannot_be_read_is_reported_with_the_reason) {
   for (const int error : {EACCES, EIO}) {
     for (int failing = 0; failing < 3; ++failing) {
-      SimulatedDisk disk = FailingAt(failing, error);
+      Simulated_disk disk = failing_at(failing, error);
       EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>(
-                      [&] { (void)StoreFile("/store", "Port.json", disk).Read(); }),
-                  HasSubstr("\"" + kPath + "\": " + std::strerror(error)));
+                      [&] { (void)Store_file("/store", "Port.json", disk).read(); }),
+                  HasSubstr("\"" + store_path + "\": " + std::strerror(error)));
       EXPECT_EQ(disk.open_descriptors(), 0U);
     }
   }

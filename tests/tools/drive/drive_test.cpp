@@ -1,4 +1,4 @@
-#include "tools/drive/Drive.h"
+#include "tools/drive/drive.h"
 
 #include <gtest/gtest.h>
 

@@ -7,7 +7,7 @@
 #include <iterator>
 #include <string>
 
-#include "tools/nmea/Reader.h"
+#include "tools/nmea/reader.h"
 
 namespace nmea {
 namespace {

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/nmea/Reader.h"
+#include "tools/nmea/reader.h"
 
 namespace nmea {
 namespace {

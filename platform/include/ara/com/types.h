@@ -49,7 +49,7 @@ struct SampleSlot {
   /// A list keeps at most this much memory for the next notification and gives the rest back. This
   /// is many times the usual need of any list here, and little beside the bound of a single
   /// message: an empty record of four bytes on the wire takes hundreds in memory.
-  static constexpr std::size_t kMostKeptBytes = std::size_t{64} * 1024;
+  static constexpr std::size_t most_kept_bytes = std::size_t{64} * 1024;
 
   Sample value{};
   std::atomic<bool> taken{false};  ///< the sample waits, or the application holds it
@@ -61,7 +61,7 @@ struct SampleSlot {
   }
   void trim() noexcept {
     if constexpr (requires { value.capacity() * sizeof(typename Sample::value_type); }) {
-      if (value.capacity() > kMostKeptBytes / sizeof(typename Sample::value_type)) give_back();
+      if (value.capacity() > most_kept_bytes / sizeof(typename Sample::value_type)) give_back();
     }
   }
 

@@ -25,15 +25,15 @@ class InstanceSpecifier {
 
  private:
   static void Check(std::string_view text) {
-    constexpr std::size_t kMaxLength = 255;
+    constexpr std::size_t max_length = 255;
     const auto letter = [](char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); };
     const auto rest = [&](char c) { return letter(c) || (c >= '0' && c <= '9') || c == '_'; };
     const auto fail = [&](const char* reason) {
       throw std::invalid_argument("instance specifier \"" +
-                                  std::string(text.substr(0, kMaxLength)) + "\": " + reason);
+                                  std::string(text.substr(0, max_length)) + "\": " + reason);
     };
     if (text.empty()) fail("is empty");
-    if (text.size() > kMaxLength) fail("has more than 255 characters");
+    if (text.size() > max_length) fail("has more than 255 characters");
     for (std::size_t begin = 0; begin <= text.size();) {
       const std::size_t end = std::min(text.find('/', begin), text.size());
       const std::string_view name = text.substr(begin, end - begin);

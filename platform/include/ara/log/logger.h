@@ -14,21 +14,21 @@ namespace ara::log {
 
 struct Context;  // defined in platform/linux/log
 
-/// Names the application (1 to 4 characters) and opens the destinations of `mode`. `directoryPath`
+/// Names the application (1 to 4 characters) and opens the destinations of `mode`. `directory_path`
 /// is for platforms that write log files; this platform ignores it.
 ///
 /// With kRemote, messages reach the DLT daemon if there is one, else standard error, never both.
 /// The log notices a daemon that starts or ends later. Neither start nor exit waits for a daemon.
-/// The environment variable POS_LOG_LEVEL replaces `defaultLevel` and sets single contexts: "debug"
-/// or "info,GNSS=warn,TRCE=verbose". A DLT daemon can change levels at run time.
+/// The environment variable POS_LOG_LEVEL replaces `default_level` and sets single contexts:
+/// "debug" or "info,GNSS=warn,TRCE=verbose". A DLT daemon can change levels at run time.
 ///
 /// Loggers created earlier stay valid and use these settings from now on. A second call is ignored
-/// with a warning. Throws std::invalid_argument for a bad `appId`.
-void InitLogging(std::string_view appId,
+/// with a warning. Throws std::invalid_argument for a bad `app_id`.
+void InitLogging(std::string_view app_id,
                  std::string_view description,
-                 LogLevel defaultLevel,
+                 LogLevel default_level,
                  LogMode mode,
-                 std::string_view directoryPath);
+                 std::string_view directory_path);
 
 /// A log context. Any number of threads may log through one logger.
 class Logger {
@@ -73,11 +73,11 @@ class Logger {
   Context& context_;
 };
 
-/// The logger of the context `ctxId` (1 to 4 printable characters). It lives until the process
+/// The logger of the context `ctx_id` (1 to 4 printable characters). It lives until the process
 /// ends. The same id gives the same logger, with the description and level of the first call.
 /// `level` replaces the default level for this context; an entry of POS_LOG_LEVEL for the context
 /// replaces both. Throws std::invalid_argument for a bad id.
-Logger& CreateLogger(std::string_view ctxId,
+Logger& CreateLogger(std::string_view ctx_id,
                      std::string_view description,
                      std::optional<LogLevel> level = std::nullopt);
 

@@ -14,10 +14,10 @@ class SupervisionEntity {
   SupervisionEntity(const SupervisionEntity&) = delete;
   SupervisionEntity& operator=(const SupervisionEntity&) = delete;
 
-  /// Reports the alive checkpoint `checkpointId` of the supervised entity `entityId`. Any thread
+  /// Reports the alive checkpoint `checkpoint_id` of the supervised entity `entity_id`. Any thread
   /// may call; the call does not wait. Without supervision nothing happens. Throws
   /// std::runtime_error with the reason if the report cannot be sent.
-  void CheckpointReached(std::uint16_t entityId, std::uint16_t checkpointId) const;
+  void CheckpointReached(std::uint16_t entity_id, std::uint16_t checkpoint_id) const;
 
  private:
   Phm_client& client_;

@@ -14,7 +14,7 @@ namespace ara::stm {
 /// may confirm later. A request without a confirmation is answered with an error when a later
 /// request has the same number or needs its place. The handler must not throw.
 using StateChangeHandler =
-    std::function<void(const std::string& newState, std::uint32_t sequenceNumber)>;
+    std::function<void(const std::string& newState, std::uint32_t sequence_number)>;
 
 class ComponentClient {
  public:
@@ -25,10 +25,10 @@ class ComponentClient {
   ComponentClient(const ComponentClient&) = delete;
   ComponentClient& operator=(const ComponentClient&) = delete;
 
-  /// Answers the request `sequenceNumber`; `result` 0 means accepted. A confirmation without a
+  /// Answers the request `sequence_number`; `result` 0 means accepted. A confirmation without a
   /// request is only published: it informs state management of a state change that it did not
   /// request. Any thread may call, the handler too. Does not wait, does not throw.
-  virtual void confirm(std::uint32_t sequenceNumber,
+  virtual void confirm(std::uint32_t sequence_number,
                        const std::string& newState,
                        std::uint32_t result) = 0;
 

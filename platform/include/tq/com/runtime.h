@@ -15,6 +15,7 @@
 #include <utility>
 #include <vector>
 
+#include "mw/com/statistics.h"
 #include "tq/com/types.h"
 
 namespace tq::com {
@@ -143,6 +144,8 @@ class Runtime {
   /// Messages received, sent, dropped and refused since the start, by name.
   [[nodiscard]] virtual std::vector<std::pair<std::string_view, std::uint64_t>> counters()
       const = 0;
+  /// Who talks to whom at present. Not from the control thread.
+  [[nodiscard]] virtual mw::com::runtime::Peers peers() = 0;
 };
 
 }  // namespace tq::com

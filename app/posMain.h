@@ -1,7 +1,0 @@
-/// The process from its first line to its exit code.
-#pragma once
-
-/// Runs the application until SIGINT or SIGTERM. Returns 0, or 104 after an exception that nothing
-/// else has handled; it is logged. The process must not yet have another thread. SIGINT, SIGTERM,
-/// SIGUSR1 and SIGUSR2 stay blocked afterwards.
-int posMain(int argc, char** argv);

@@ -1,0 +1,219 @@
+"""What an integrator learns without looking into the network: who talks to whom, why data does not flow, how
+old positions are. Other nodes are made of scapy."""
+
+import json
+import math
+import pathlib
+import struct
+import time
+import unittest
+
+from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
+from scapy.utils import RawPcapReader
+
+GNSS = "lumo::services::gnss::GNSS"
+POSITIONING = "lumo::services::positioning::Positioning"
+TCPDUMP = pathlib.Path("/usr/bin/tcpdump")
+
+
+def percentile(values, share):
+    return sorted(values)[max(math.ceil(share * len(values)), 1) - 1]
+
+
+def stamp_of(payload, ids):
+    """Of the first record of a list: nanoseconds since the epoch."""
+    length = struct.unpack_from("!I", payload, 4)[0]
+    record, values = payload[8:8 + length], {}
+    while record:
+        tag = struct.unpack_from("!H", record)[0]
+        size = 1 << (tag >> 12)
+        values[tag & 0xFFF] = int.from_bytes(record[2:2 + size], "big")
+        record = record[2 + size:]
+    return values[ids["preciseLocalTimeSeconds"]] * 10**9 + values[ids["preciseLocalTimeNanoseconds"]]
+
+
+class Insight(unittest.TestCase):
+    def setUp(self):
+        self.desk = self.enterContext(Desk())
+
+    def start(self, program, *arguments):
+        process = self.desk.start(program, *arguments)
+        self.addCleanup(lambda: self.assertEqual(self.desk.stop(process)[0], 0))
+        return process
+
+    def posctl(self, *arguments):
+        code, output, errors = self.desk.run(POSCTL, *arguments)
+        self.assertEqual(code, 0, errors)
+        return output
+
+    def network(self):
+        network = Network(desk=self.desk)
+        self.addCleanup(network.close)
+        return network
+
+    def id_of(self, service):
+        return int(self.desk.manifest["services"][service]["id"], 0)
+
+    def peers(self):
+        return json.loads(self.posctl("peers", "--json", "--timeout", 20))
+
+    def test_ages_are_those_of_a_packet_capture(self):
+        records = json.loads(self.posctl("describe", "--json"))["records"]
+        members = next(one["members"] for one in records if one["name"].endswith("gnss::datatypes::DT_positions_struct"))
+        ids = {member["name"]: member["dataId"] for member in members}
+        self.start(APPLICATION)
+        path = self.desk.path / "run.pcap"
+        capture = self.desk.start(TCPDUMP, "-i", "lo", "--time-stamp-precision", "nano", "--immediate-mode", "-U", "-w",
+                                  path, f"udp and dst host {self.desk.address(10)} and src host {self.desk.address(20)}")
+        until(lambda: "listening on" in capture.log.read_text() or capture.poll() is not None, "tcpdump listens")
+        if capture.poll() is not None:
+            self.skipTest("the right to capture packets is needed")
+        gateway = self.desk.start(GATEWAY, "--rate", 200, "--count", 1200)
+        self.assertEqual(gateway.wait(60), 0)
+        self.desk.stop(capture)
+
+        arrivals, ages = [], []
+        for frame, meta in RawPcapReader(str(path)):
+            message = frame[42:]
+            if message[:4] != struct.pack("!HH", self.id_of(GNSS), 0x8001):
+                continue
+            arrivals.append(meta.sec * 10**9 + meta.usec)
+            ages.append(arrivals[-1] - stamp_of(message[16:], ids))
+        self.assertGreater(len(ages), 1000)
+        told = json.loads(self.posctl("stats", "--json", "--timeout", 20))
+        self.assertEqual(told["stamps"]["notifications"], len(ages))
+        self.assertEqual(told["stamps"]["inFuture"], sum(age < 0 for age in ages))
+        for name, values in (("stampToArrival", [age for age in ages if age >= 0]),
+                             ("betweenArrivals", [b - a for a, b in zip(arrivals, arrivals[1:])])):
+            of_program = told["ages"][name]["sinceStart"]
+            self.assertEqual(of_program["count"], len(values), name)
+            for share, member in ((0, "minNs"), (0.5, "p50Ns"), (0.99, "p99Ns"), (0.999, "p999Ns"), (1, "maxNs")):
+                right = percentile(values, share)
+                self.assertAlmostEqual(of_program[member], right, delta=0.02 * right, msg=f"{name} {member}")
+        self.assertLess(told["ages"]["handlerToSent"]["sinceStart"]["p50Ns"], 10**8)
+
+    def test_subscribers_are_named_and_a_refused_one_is_told_why(self):
+        self.desk.manifest["limits"]["subscribersPerEventGroup"] = 3
+        self.desk.write_manifest()
+        application = self.start(APPLICATION)
+        for _ in range(2):
+            self.start(POSCTL, "watch", "--field", "positions")
+        node, service = self.desk.address(10), self.id_of(POSITIONING)
+
+        def subscribers():
+            instance = next(one for one in self.peers()["offered"] if one["service"] == POSITIONING)
+            return [one for one in instance["subscribers"] if one["eventGroup"] == "0x0001"]
+
+        until(lambda: len(subscribers()) == 2, "two subscribers")
+        network = self.network()
+        third, fourth = network.peer(self.desk.address(40)), network.peer(self.desk.address(41))
+        self.assertGreater(third.subscribed(node, service, 1, third.caller()).ttl, 0)
+        self.assertEqual(fourth.subscribed(node, service, 1, fourth.caller()).ttl, 0)
+
+        told = subscribers()
+        named = {one["address"]: one for one in told if one["subscribed"]}
+        self.assertEqual(set(named), {self.desk.address(30), self.desk.address(31), third.address})
+        self.assertTrue(all(one["sent"] >= 1 and one["sinceMs"] < 60_000 for one in told if one["subscribed"]), told)
+        self.assertEqual(named[third.address]["udpPort"], third.caller().port)
+        self.assertIsNone(named[third.address]["ttlLeftMs"])
+        self.assertTrue(0 < named[self.desk.address(30)]["ttlLeftMs"] <= 3000)
+        refused, = (one for one in told if not one["subscribed"])
+        self.assertEqual((refused["address"], refused["refused"], refused["cause"]),
+                         (fourth.address, 1, "there are too many subscribers"))
+        self.assertRegex(self.posctl("peers"),
+                         rf"group 0x0001  {fourth.address} udp \d+  REFUSED since .*, refused 1: there are too many")
+        self.assertIn(f"event group 0x0001 of {POSITIONING} instance 1 refused: there are too many subscribers",
+                      application.log.read_text())
+
+    def test_each_fault_of_a_source_has_its_cause_in_words(self):
+        application = self.start(APPLICATION)
+        network = self.network()
+        provider = network.peer(self.desk.address(42))
+        source, service = provider.socket(), self.id_of(GNSS)
+
+        def used():
+            return next(one for one in self.peers()["consumed"] if one["service"] == GNSS)
+
+        def tell(**fields):
+            provider.tell(offer(service, **fields), [endpoint(source)])
+
+        def causes():
+            told = used()
+            return told["cause"], {one["cause"] for one in told["eventGroups"]}
+
+        def logged(text):
+            return application.log.read_text().count(text)
+
+        until(lambda: causes()[0].startswith("no offer seen for "), "no offer")
+        tell(major=2, ttl=3)
+        in_another_version = f"is offered by {provider.address}:{network.discovery_port} in version 2, version 3 is needed"
+        until(lambda: causes()[0] == "it " + in_another_version, "another version")
+        tell(major=2, ttl=3)
+        discovered = json.loads(self.posctl("discover", "--for", 0.1, "--json"))
+        self.assertEqual(discovered["schema"], 1)
+
+        answers = [0]  # the time to live of the acknowledgements; 0 refuses
+        provider.unicast.on_entry = lambda entry: entry.type == SUBSCRIBE and entry.ttl and provider.acknowledge(
+            entry, ttl=answers[0])
+        tell()
+        refused = {f"refused by {provider.address}:{network.discovery_port}"}
+        until(lambda: causes() == ("", refused), "refused")
+        answers[0] = 0xFFFFFF
+        tell()
+        until(lambda: causes()[1] == {""}, "acknowledged")
+        until(lambda: all(one.startswith("acknowledged, no data for ") for one in causes()[1]), "no data")
+        tell(ttl=0)
+        until(lambda: causes()[0] == "lost: it has withdrawn its offer", "withdrawn")
+        tell()
+        until(lambda: used()["found"], "back")
+
+        self.assertEqual(logged(in_another_version), 1)
+        self.assertEqual(logged(f"{network.discovery_port} refuses the subscription to event group"), 3)
+        self.assertEqual(logged("is lost: it has withdrawn its offer"), 1)
+        self.assertEqual(logged(f"{GNSS} instance 1 is back after "), 1)
+
+    def test_what_a_peer_sends_again_and_again_for_nothing_is_logged_once(self):
+        application = self.start(APPLICATION)
+        network = self.network()
+        peer = network.peer(self.desk.address(44))
+        source, service = peer.socket(), self.id_of(GNSS)
+        until(lambda: self.desk.is_bound("POS"), "the application takes its address")
+        peer.tell(offer(service), [endpoint(source)])
+        client = peer.entry(SUBSCRIBE, service).endpoints[0][:2]
+        port = self.desk.manifest["services"][POSITIONING]["instances"][0]["udpPort"]
+        texts = (f"notifications of {peer.address}:{source.port} are dropped: {GNSS} has no event 0x8099",
+                 f"requests of {peer.address} are refused: {POSITIONING} has no method 0x0666")
+
+        def logged():
+            source.send(someip(service, 0x8099, type=NOTIFICATION, client=0), client)
+            source.send(someip(self.id_of(POSITIONING), 0x0666), (self.desk.address(10), port))
+            return [application.log.read_text().count(text) for text in texts]
+
+        until(lambda: logged() == [1, 1], "both lines")
+        for _ in range(50):
+            self.assertEqual(logged(), [1, 1])
+
+    def test_discover_lists_what_the_manifest_does_not_know(self):
+        self.start(APPLICATION)
+        peer = self.network().peer(self.desk.address(43))
+        source = peer.socket()
+        until(lambda: self.desk.is_bound("POS"), "the application takes its address")
+        listener = self.desk.start(POSCTL, "discover", "--follow", "--json")
+        self.addCleanup(lambda: self.assertEqual(self.desk.stop(listener)[0], 0))
+        events = {}
+        while len(events) < 3:
+            # Until the listener has joined the group, nobody hears them.
+            peer.tell([offer(0x7777, major=9, ttl=3), offer(self.id_of(GNSS), major=2, ttl=3)], [endpoint(source)])
+            line = json.loads(listener.stdout.readline())
+            if line["serviceId"] in ("0x7777", "0x2A10", "0x2A20"):
+                events[line["serviceId"]] = line
+        unknown = events["0x7777"]
+        self.assertEqual((unknown["event"], unknown["service"], unknown["majorVersion"], unknown["ttlS"], unknown["udp"]),
+                         ("offered", None, 9, 3, f"{peer.address}:{source.port}"))
+        self.assertEqual(events["0x2A10"]["manifestMajorVersion"], 3)
+        self.assertEqual(events["0x2A20"]["service"], POSITIONING)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,132 @@
+/// Groups sentences of one instant into a Fix.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <vector>
+
+#include "tools/nmea/fix.h"
+#include "tools/nmea/framer.h"
+#include "tools/nmea/sentence.h"
+
+namespace nmea {
+
+namespace detail {
+
+struct View {
+  Talker talker{};
+  std::uint8_t signal = 0;  ///< of the group's first sentence
+  bool several_signals = false;
+  unsigned in_view = 0;
+  std::vector<Satellite> satellites;
+};
+
+/// A GSV group that is coming in.
+struct Pending_view {
+  View view;
+  unsigned total = 0;
+  unsigned next = 0;    ///< number of the sentence that must come now; 0: none is coming in
+  bool broken = false;  ///< a sentence is missing: the rest is only followed to its end
+};
+
+/// What GSA and GSV told.
+struct Sky {
+  std::vector<Satellite_number> used;
+  bool used_told = false;
+  std::optional<Fix_dimension> dimension;
+  std::optional<double> pdop;
+  std::optional<double> hdop;
+  std::optional<double> vdop;
+  std::vector<View> views;
+};
+
+struct Told_navigation {
+  Navigation sentence;
+  Talker talker{};
+};
+
+struct Epoch {
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::array<std::optional<Told_navigation>, navigation_type_count> navigation;
+  Sky sky;
+
+  // Once its position has been returned, in a pause of the receiver:
+  bool returned = false;
+  bool used_returned = false;   ///< with the satellites in use
+  bool views_returned = false;  ///< with the satellites in view
+  bool grown = false;           ///< satellites have come since
+
+  /// Whether a sentence says if the receiver has a position. Without one there is nothing to send.
+  [[nodiscard]] bool speaks_of_validity() const;
+  /// Bit set of the navigation sentences.
+  [[nodiscard]] unsigned types() const;
+};
+
+}  // namespace detail
+
+/// How long the receiver has been silent: usually its instant is complete, or certainly.
+enum class Silence : std::uint8_t { brief, lasting };
+
+/// An instant lasts from its first navigation sentence with a time until the first with another
+/// one, pauses or not. Sentences without a time (GSA, GSV, VTG; GGA and RMC before the receiver
+/// knows the time) belong to the instant that is being told. A second sentence of a type for the
+/// same time is a duplicate: the first stands, unless the second tells the combined solution (GN)
+/// where the first told one system's.
+///
+/// ZDA, GST, HDT, THS and PASHR neither begin nor end an instant: they add to it.
+///
+/// While a receiver (GP, GN, …) tells positions, those of a device that passes them on (IN, EC, II,
+/// …) are duplicates.
+class Epoch_builder {
+ public:
+  explicit Epoch_builder(Counters& counters) : counters_(counters) {}
+
+  /// Returns the fix that `sentence` has ended by beginning the next one.
+  [[nodiscard]] std::optional<Fix> add(const Sentence& sentence);
+
+  /// Returns the fix of the instant being told, once. After a brief silence it waits for the
+  /// navigation sentences that the last instant had; after a lasting one it does not. The instant
+  /// goes on: satellites that follow return a supplement at the next pause.
+  [[nodiscard]] std::optional<Fix> pause(Silence silence);
+
+  /// Ends the instant being told, at the end of the input.
+  [[nodiscard]] std::optional<Fix> finish();
+
+ private:
+  // A peer cannot make one instant larger than this.
+  static constexpr std::size_t max_views = 32;
+  static constexpr std::size_t max_used = 128;
+
+  [[nodiscard]] bool is_overshadowed(const Sentence& sentence);
+  [[nodiscard]] bool begins_instant(const Navigation& sentence, Talker talker) const;
+  std::optional<Fix> add_navigation(const Navigation& sentence, Talker talker);
+  void add_clock(const Clock& sentence);
+  void add_accuracy(const Accuracy& sentence);
+  void add_attitude(const Attitude& sentence);
+  void add_active(const Active_satellites& sentence);
+  void add_view(const Satellites_in_view& sentence, Talker talker);
+  [[nodiscard]] detail::Sky& sky_for(bool kind_returned);
+
+  std::optional<Fix> end_instant();
+  [[nodiscard]] Fix make_fix();
+  void take_supplements(Fix& fix);
+  void resolve_date(Fix& fix, std::optional<std::chrono::year_month_day> date);
+
+  Counters& counters_;
+  std::optional<detail::Epoch> epoch_;
+  detail::Pending_view pending_;
+  detail::Sky next_sky_;      ///< satellites of the instant that has not begun yet
+  Attitude attitude_;         ///< the newest since the last fix
+  unsigned usual_types_ = 0;  ///< bit set of the last instant's navigation sentences
+  /// The last two: one of the next instant may come before this instant's end.
+  std::array<std::optional<Accuracy>, 2> accuracies_;
+  /// Positions that were passed on since the last of a receiver itself.
+  unsigned passed_on_ = receiver_gone;
+  static constexpr unsigned receiver_gone = 64;
+  /// The newest instant whose date is known.
+  std::optional<Utc_time> last_utc_;
+};
+
+}  // namespace nmea

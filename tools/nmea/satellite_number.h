@@ -1,0 +1,39 @@
+/// The number of a satellite within its system, from the numbers that receivers print.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+
+#include "tools/nmea/fix.h"
+
+namespace nmea {
+
+/// The device that speaks: one system's receiver, `combined` (GN) for a solution over several
+/// systems, `indoor` (IM) for indoor transmitters, `integrated` for a device that passes on what a
+/// receiver said.
+enum class Talker : std::uint8_t {
+  gps,
+  glonass,
+  galileo,
+  beidou,
+  qzss,
+  navic,
+  indoor,
+  combined,
+  integrated
+};
+inline constexpr std::size_t talker_count = 9;
+
+/// The system that the last field of GSA names since NMEA 4.1, as its receiver's talker.
+[[nodiscard]] std::optional<Talker> talker_of_system_id(unsigned system_id);
+
+struct Satellite_number {
+  Gnss_system system{};
+  std::uint16_t id = 0;
+  friend bool operator==(const Satellite_number&, const Satellite_number&) = default;
+};
+
+/// `printed` as `talker` prints it. docs/receivers.md has the table.
+[[nodiscard]] Satellite_number satellite_number(Talker talker, unsigned printed);
+
+}  // namespace nmea

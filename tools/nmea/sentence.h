@@ -1,0 +1,95 @@
+/// The NMEA 0183 sentences that the reader understands, as values.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string_view>
+#include <variant>
+
+#include "tools/nmea/fix.h"
+#include "tools/nmea/framer.h"
+#include "tools/nmea/satellite_number.h"
+
+namespace nmea {
+
+/// In the order in which they are believed when two of one instant say the same thing.
+enum class Navigation_type : std::uint8_t { gga, gns, rmc, gll, vtg };
+inline constexpr std::size_t navigation_type_count = 5;
+
+/// GGA, GNS, RMC, GLL or VTG; what the sentence does not say is absent.
+struct Navigation {
+  Navigation_type type{};
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::optional<std::chrono::year_month_day> date;
+  std::optional<bool> valid;
+  std::optional<Coordinates> position;
+  std::optional<Fix_quality> quality;
+  std::optional<unsigned> satellites_in_use;
+  std::optional<double> hdop;
+  std::optional<double> altitude_msl;
+  std::optional<double> geoid_separation;
+  std::optional<double> age_of_corrections;  ///< seconds
+  std::optional<double> speed;               ///< metres per second
+  std::optional<double> course;              ///< degrees true
+};
+
+/// ZDA: time and date, which a receiver also tells without a position.
+struct Clock {
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::optional<std::chrono::year_month_day> date;
+};
+
+/// GST: the accuracy of a position.
+struct Accuracy {
+  std::optional<std::chrono::nanoseconds> time_of_day;
+  std::optional<double> horizontal;  ///< metres, one sigma
+  std::optional<double> vertical;    ///< metres, one sigma
+};
+
+/// HDT, THS or PASHR.
+struct Attitude {
+  std::optional<double> heading;           ///< degrees true
+  std::optional<double> heading_accuracy;  ///< degrees, one sigma
+  std::optional<double> pitch;             ///< degrees, nose up positive
+  std::optional<double> roll;              ///< degrees, right side down positive
+};
+
+/// GSA: satellites in use and dilution of precision.
+struct Active_satellites {
+  static constexpr std::size_t max_used = 24;
+  std::optional<Fix_dimension> dimension;
+  std::array<Satellite_number, max_used> used{};
+  std::size_t used_count = 0;
+  std::optional<double> pdop;
+  std::optional<double> hdop;
+  std::optional<double> vdop;
+};
+
+/// GSV: one sentence of a group that lists the satellites in view.
+struct Satellites_in_view {
+  std::uint8_t signal = 0;  ///< 0 when the sentence does not say
+  unsigned total = 0;       ///< sentences of the group
+  unsigned number = 0;      ///< this one, 1..total
+  unsigned in_view = 0;
+  std::array<Satellite, 4> satellites{};
+  std::size_t satellite_count = 0;
+};
+
+using Content =
+    std::variant<Navigation, Clock, Accuracy, Attitude, Active_satellites, Satellites_in_view>;
+
+struct Sentence {
+  Talker talker{};
+  Content content;
+};
+
+/// Verifies the checksum of `line` (as Framer::next() returns it) and reads its fields. Nothing
+/// when it is faulty or not one of ours: then the reason is counted. A bad field is absent and
+/// counted; only one that says where the sentence belongs (its time, its number in a group) costs
+/// the whole sentence.
+[[nodiscard]] std::optional<Sentence> parse(std::string_view line, Counters& counters);
+
+}  // namespace nmea

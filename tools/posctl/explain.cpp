@@ -1,0 +1,159 @@
+#include "tools/posctl/explain.h"
+
+#include <array>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+
+#include "clients/GNSS.h"
+#include "clients/Time.h"
+#include "diagnosisService/monitor_table.h"
+
+namespace posctl {
+namespace {
+
+using namespace lumo::services;
+
+/// A big-endian number.
+std::int64_t number(std::span<const std::uint8_t> bytes, bool is_signed) {
+  std::int64_t value = is_signed && (bytes[0] & 0x80U) != 0 ? -1 : 0;
+  for (const std::uint8_t byte : bytes)
+    value = value * 256 + byte;
+  return value;
+}
+
+/// Of the system status bytes, in order.
+constexpr std::array<std::string_view, diagnosisService::system_count> system_functions{
+    "overall", "pgf",     "system2", "lbl",      "system4",  "system5",     "system6",
+    "system7", "system8", "system9", "system10", "system11", "mapMatching", "system13"};
+
+/// Service and element of an entry, by their numbers: the place in the interface's description,
+/// counted from 1.
+template <class Service>
+void name_element(Json& fault, std::uint8_t element) {
+  fault["service"] = mw::com::cpp_binding::short_name(Service::name);
+  if (element == 0) return;
+  fault["element"] = element;  // stays for one that the interface does not have
+  std::apply(
+      [&, place = std::uint8_t{0}](const auto&... elements) mutable {
+        ((++place == element ? void(fault["element"] = elements.name) : void()), ...);
+      },
+      Service::elements);
+}
+
+constexpr std::size_t entry_size = 5;
+/// At this number of occurrences the application stops counting.
+constexpr std::uint64_t most_occurrences = 0xFFFF;
+
+/// What a fault of a kind means, while it is present and when it has gone.
+struct Fault_words {
+  const char* present;
+  const char* gone;
+};
+/// In the order of Data_bus_fault.
+constexpr std::array<Fault_words, 3> fault_words{{
+    {"is missing now", "is available again, it was missing"},
+    {"sends error values now", "no longer sends error values, it did so"},
+    {"sends implausible values now", "no longer sends implausible values, it did so"},
+}};
+
+std::string ordinal(std::uint64_t number) {
+  constexpr std::array<const char*, 4> endings{"th", "st", "nd", "rd"};
+  const std::uint64_t last = number % 100 / 10 == 1 ? 0 : number % 10;
+  return std::to_string(number) + endings[last < endings.size() ? last : 0];
+}
+
+}  // namespace
+
+Json explain(const diag::PositioningStatusInputs& statuses) {
+  return to_json(statuses);
+}
+
+Json explain(const diag::PositioningStatusOutputs& statuses) {
+  return to_json(statuses);
+}
+
+Json explain(const diag::PositioningStatusSystem& statuses) {
+  Json json;
+  std::size_t place = 0;
+  const auto add = [&](unsigned byte) { json[std::string(system_functions.at(place++))] = byte; };
+  binding::for_each_member<diag::PositioningStatusSystem>([&]<class M>(const M& member) {
+    const unsigned value = statuses.*member.pointer;
+    if constexpr (sizeof(typename M::value_type) == 2) add(value >> 8U);
+    add(value & 0xFFU);
+  });
+  return json;
+}
+
+Json explain(const diag::PositioningMMPos& position) {
+  const unsigned validity = position.state.validity;
+  const unsigned matching = position.state.matching;
+  Json json;
+  const auto add = [&](std::string_view name, std::span<const std::uint8_t> bytes, bool is_signed,
+                       double divisor, unsigned valid_bit) {
+    Json& value = json[std::string(name)];
+    if ((validity >> valid_bit & 1U) != 0) {
+      value = static_cast<double>(number(bytes, is_signed)) / divisor;
+    }
+  };
+  add("latitude", position.latitude, true, 1e9, 0);
+  add("longitude", position.longitude, true, 1e9, 1);
+  add("altitude", position.altitude, true, 100, 2);
+  add("timeOfDay", position.timeOfDay, false, 100, 3);
+  json["statusMap"] = validity >> 4U;
+  json["statusMapMatching"] = matching & 0xFU;
+  json["positionSource"] = matching >> 4U;
+  return json;
+}
+
+Json explain_faults(std::span<const std::uint8_t> entries) {
+  if (entries.size() % entry_size != 0) {
+    throw std::runtime_error("a record of data-bus faults has " + std::to_string(entries.size()) +
+                             " bytes, a multiple of 5 is expected");
+  }
+  Json faults = Json::array();
+  for (; !entries.empty(); entries = entries.subspan(entry_size)) {
+    Json fault;
+    switch (entries[0]) {
+      case 1:
+        name_element<gnss::GNSS>(fault, entries[1]);
+        break;
+      case 2:
+        name_element<time::Time>(fault, entries[1]);
+        break;
+      default:
+        fault["service"] = entries[0];
+        fault["element"] = entries[1];
+        break;
+    }
+    fault["present"] = entries[2] != 0;
+    fault["occurrences"] = number(entries.subspan(3, 2), false);
+    faults.push_back(std::move(fault));
+  }
+  return faults;
+}
+
+std::string status_name(std::uint8_t status) {
+  return status <= diagnosisService::Status::not_available
+             ? std::string(diagnosisService::status_name(status))
+             : std::to_string(status);
+}
+
+std::string fault_text(diag::Data_bus_fault kind, const Json& fault) {
+  const auto plain = [](const Json& name) {
+    return name.is_string() ? name.get<std::string>() : name.dump();
+  };
+  std::string text = plain(fault["service"]);
+  if (fault.contains("element")) text += "." + plain(fault["element"]);
+  const auto& words = fault_words.at(static_cast<std::size_t>(kind));
+  const auto occurrences = fault["occurrences"].get<std::uint64_t>();
+  if (fault["present"].get<bool>()) {
+    text.append(" ").append(words.present) += ", for the " + ordinal(occurrences) + " time";
+  } else {
+    text.append(" ").append(words.gone) +=
+        occurrences == 1 ? " once" : " " + std::to_string(occurrences) + " times";
+  }
+  return occurrences < most_occurrences ? text : text + " or more";
+}
+
+}  // namespace posctl

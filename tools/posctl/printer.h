@@ -1,0 +1,42 @@
+/// Lines on standard output from several threads, until enough have come or one cannot be written.
+#pragma once
+
+#include <cstdint>
+#include <exception>
+#include <mutex>
+#include <string>
+
+#include "tools/stop_signal.h"
+
+namespace posctl {
+
+class Printer {
+ public:
+  /// `count` lines are enough; 0: never. Throws std::system_error.
+  explicit Printer(std::uint64_t count);
+  ~Printer();
+  Printer(const Printer&) = delete;
+  Printer& operator=(const Printer&) = delete;
+
+  /// Prints no longer once enough have come or a line could not be written. Any thread.
+  void print(const std::string& line);
+  [[nodiscard]] std::uint64_t printed() const;
+
+  /// Throws what kept print() from writing a line.
+  void check() const;
+
+  /// Returns true when the time is over before enough lines have come, a line could not be written
+  /// or a stop signal came. 0 seconds: no bound. A reader of standard output that has stopped
+  /// reading holds print() up no longer then.
+  [[nodiscard]] bool wait(tools::Stop_signal& stop_signal, double seconds) const;
+
+ private:
+  const std::uint64_t enough_;
+  const int finished_;        ///< readable when no more lines are printed
+  const int cancelled_;       ///< readable when wait() has returned
+  mutable std::mutex mutex_;  ///< guards the members below and standard output
+  std::uint64_t printed_ = 0;
+  std::exception_ptr failure_;
+};
+
+}  // namespace posctl
