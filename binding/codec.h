@@ -162,6 +162,10 @@ struct Codec<std::string> {
   }
 };
 
+/// Memory of the longest list of records or texts that is decoded. A list of more elements than
+/// that holds next to nothing in each: the longest message has fewer positions with coordinates.
+inline constexpr std::size_t max_list_bytes = std::size_t{4} << 20U;
+
 template <class T>
 void trace_elements(const T& values, Trace_json& json, unsigned position, std::string_view kind) {
   json.begin(position, kind);
@@ -218,13 +222,15 @@ struct Codec<std::vector<T>> {
 
  private:
   /// An element of a few bytes on the wire may take hundreds in memory, so a list reserves only the
-  /// memory that its elements need.
+  /// memory that its elements need, and is refused if they need more than a list may have.
   [[gnu::cold, gnu::noinline]] static void reserve_rest(const Cursor& cursor,
                                                         std::size_t end,
                                                         std::vector<T>& values,
                                                         const Serialization_settings& settings) {
     const auto rest =
         Scalar<T> ? (end - cursor.position()) / sizeof(T) : count_nested<T>(cursor, end, settings);
+    if (!Scalar<T> && values.size() + rest > max_list_bytes / sizeof(T))
+      throw_list_takes_too_much();
     values.reserve(values.size() + rest);
   }
 };

@@ -66,6 +66,7 @@ inline constexpr std::uint16_t tag_mask = 0x7FFF;
 [[noreturn]] void throw_invalid_wire_type();            ///< std::runtime_error
 [[noreturn]] void throw_no_tag_list();                  ///< std::runtime_error
 [[noreturn]] void throw_vector_without_length_field();  ///< std::invalid_argument
+[[noreturn]] void throw_list_takes_too_much();          ///< std::length_error
 /// std::runtime_error, which names the array, string and structure length field sizes.
 [[noreturn]] void throw_unequal_length_field_sizes(const Serialization_settings& settings);
 

@@ -58,8 +58,10 @@ struct Limits {
   std::size_t remote_instances_per_address = 128;  ///< of these instances, offered by one sender
   std::size_t discovery_peers = 256;               ///< session counters and reboot flags remembered
   std::size_t discovery_peers_per_address = 8;     ///< of these, belonging to one sender
-  std::size_t queued_requests = 256;               ///< received, waiting for a worker
-  std::size_t queued_notifications = 64;           ///< per event, waiting for a slow handler
+  std::size_t queued_requests = 256;               ///< received, without an answer yet
+  std::size_t queued_request_bytes = std::size_t{4} << 20U;  ///< of these requests
+  std::size_t queued_notifications = 64;  ///< per event, waiting for a slow handler
+  std::size_t queued_notification_bytes = std::size_t{512} * 1024;  ///< of these notifications
   std::size_t queued_segment_bytes = std::size_t{4} << 20U;  ///< long messages whose segments wait
 };
 

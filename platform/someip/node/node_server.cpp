@@ -91,7 +91,7 @@ std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& 
 Node_server::Node_server(const Node_context& context, Discovery& discovery)
     : context_(context),
       discovery_(discovery),
-      requests_(context.deployment.limits.queued_requests),
+      requests_(context.deployment.limits),
       closed_ports_(context.control.loop()) {}
 
 void Node_server::start_watching() {
