@@ -277,7 +277,7 @@ class Tools(unittest.TestCase):
         self.assertNotIn(0, moving["counters"].values())
 
         page = self.output(POSCTL, "status")
-        for line in (r"^Position, \d\.\d{3} s old$", r"^  latitude +46\.\d{7} deg$",
+        for line in (r"^Position, \d\.\d{3} s old( \(clock not synchronised\))?$", r"^  latitude +46\.\d{7} deg$",
                      r" time of day +\d\d:\d\d:\d\d\.\d\d$", r"^  gnss +Nominal +odometry +NotAvailable$",
                      r"^  lbl +Init +mapMatching +NotAvailable$", r"^  datagramsReceived +\d+ "):
             self.assertRegex(page, re.compile(line, re.MULTILINE))
