@@ -183,7 +183,7 @@ def lost_links(cable, desk):
 
     def lost(*programs, times):
         for program in programs:
-            until(lambda: program.log.read_text().count("the link of ") == times, f"{times} in {program.log}")
+            until(lambda: program.log.read_text().count(" is down") == times, f"{times} in {program.log}")
     cable.link("down", VEHICLE, BENCH)
     lost(machines.application, machines.gateway, machines.watch, times=1)
     cable.link("up", VEHICLE, BENCH)

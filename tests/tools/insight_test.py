@@ -86,8 +86,9 @@ class Insight(unittest.TestCase):
         self.assertGreater(notifications, 1000)
         until(lambda: len(captured()) >= notifications, "tcpdump has written all")
         self.desk.stop(capture)
-        arrivals, ages = zip(*((arrival, arrival - stamp) for arrival, stamp in captured()))
-        self.assertEqual(len(arrivals), notifications)
+        # The end of the offer may overtake the last notifications inside the application.
+        self.assertLess(len(captured()), notifications + 5)
+        arrivals, ages = zip(*((arrival, arrival - stamp) for arrival, stamp in captured()[:notifications]))
         self.assertEqual(told["stamps"]["inFuture"], sum(age < 0 for age in ages))
         for name, values in (("stampToArrival", [age for age in ages if age >= 0]),
                              ("betweenArrivals", [b - a for a, b in zip(arrivals, arrivals[1:])])):
