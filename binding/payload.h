@@ -17,8 +17,8 @@ namespace binding {
 
 enum class Byte_order : std::uint32_t { big_endian = 4321, little_endian = 1234 };
 
-/// One set per encoded type, see settings_of in codec.h. Sizes of length fields are 0 (none), 1, 2
-/// or 4 bytes.
+/// One set per encoded type, see settings_of in value_codec.h. Sizes of length fields are 0 (none),
+/// 1, 2 or 4 bytes.
 struct Serialization_settings {
   std::uint64_t first = 0;
   Byte_order byte_order = Byte_order::big_endian;
