@@ -86,8 +86,9 @@ class Insight(unittest.TestCase):
         self.assertGreater(notifications, 1000)
         until(lambda: len(captured()) >= notifications, "tcpdump has written all")
         self.desk.stop(capture)
-        arrivals, ages = zip(*((arrival, arrival - stamp) for arrival, stamp in captured()))
-        self.assertEqual(len(arrivals), notifications)
+        # The end of the offer may overtake the last notifications inside the application.
+        self.assertLess(len(captured()), notifications + 5)
+        arrivals, ages = zip(*((arrival, arrival - stamp) for arrival, stamp in captured()[:notifications]))
         self.assertEqual(told["stamps"]["inFuture"], sum(age < 0 for age in ages))
         for name, values in (("stampToArrival", [age for age in ages if age >= 0]),
                              ("betweenArrivals", [b - a for a, b in zip(arrivals, arrivals[1:])])):
@@ -111,6 +112,7 @@ class Insight(unittest.TestCase):
             return [one for one in instance["subscribers"] if one["eventGroup"] == "0x0001"]
 
         until(lambda: len(subscribers()) == 2, "two subscribers")
+        watchers = {one["address"] for one in subscribers()}
         network = self.network()
         third, fourth = network.peer(self.desk.address(40)), network.peer(self.desk.address(41))
         self.assertGreater(third.subscribed(node, service, 1, third.caller()).ttl, 0)
@@ -118,11 +120,11 @@ class Insight(unittest.TestCase):
 
         told = subscribers()
         named = {one["address"]: one for one in told if one["subscribed"]}
-        self.assertEqual(set(named), {self.desk.address(30), self.desk.address(31), third.address})
+        self.assertEqual(set(named), {*watchers, third.address})
         self.assertTrue(all(one["sent"] >= 1 and one["sinceMs"] < 60_000 for one in told if one["subscribed"]), told)
         self.assertEqual(named[third.address]["udpPort"], third.caller().port)
         self.assertIsNone(named[third.address]["ttlLeftMs"])
-        self.assertTrue(0 < named[self.desk.address(30)]["ttlLeftMs"] <= 3000)
+        self.assertTrue(all(0 < named[one]["ttlLeftMs"] <= 3000 for one in watchers), told)
         refused, = (one for one in told if not one["subscribed"])
         self.assertEqual((refused["address"], refused["refused"], refused["cause"]),
                          (fourth.address, 1, "there are too many subscribers"))
