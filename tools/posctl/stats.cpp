@@ -1,7 +1,6 @@
 #include <array>
 #include <cstdio>
 
-#include "mw/com/runtime.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/statistics_page.h"
@@ -31,7 +30,7 @@ std::string count_of(const Json& stamps, const char* member, const char* text) {
 }  // namespace
 
 Json read_statistics(Statistics_proxy& service, Deadline deadline) {
-  Json json;
+  Json json{{"schema", 1}};
   json["process"] = to_json(result_of(service.Process(), Statistics::Process.name, deadline));
   json["clock"] = to_json(result_of(service.Clock(), Statistics::Clock.name, deadline));
   json["stamps"] = to_json(result_of(service.Stamps(), Statistics::Stamps.name, deadline));
@@ -104,10 +103,11 @@ void print_counters(Page& page, const Json& counters) {
 }
 
 int stats(const Look_options& options) {
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
-  const auto deadline = deadline_in(options.timeout);
-  const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
-  const Json json = read_statistics(*service, deadline);
+  const Json json = on_the_way(options.way, [&] {
+    const auto deadline = deadline_in(options.timeout);
+    const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
+    return read_statistics(*service, deadline);
+  });
   if (options.json) {
     tools::write_output(json.dump() + "\n");
     return 0;
