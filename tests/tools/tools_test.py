@@ -99,9 +99,9 @@ class Tools(unittest.TestCase):
             (POSCTL, ("watch", "--count", 1, "--timeout", 0.3), 2,
              "posctl: after 0.3 s: no Positioning service was offered"),
             (POSCTL, ("status", "--timeout", 0.3), 2, "posctl: the application does not answer: no instance of "
-             "lumo::services::positioning::Positioning is offered\n"),
+             "lumo::services::positioning::Positioning is offered (over the network as node posctl)\n"),
             (POSCTL, ("stats", "--timeout", 0.3), 2,
-             "posctl: no instance of mw::com::runtime::Statistics is offered\n"),
+             "posctl: no instance of mw::com::runtime::Statistics is offered (over the network as node posctl)\n"),
             (POSCTL, ("log", "--timeout", 0.3), 2, "no instance of mw::com::runtime::Statistics"),
             (GATEWAY, ("--nmea", missing), 1, f'gnss-gateway: cannot read "{missing}": No such file'),
             (GATEWAY, ("--nmea", empty, "--loop"), 1, "holds no NMEA 0183 sentence"),

@@ -12,9 +12,12 @@ namespace posctl {
 namespace {
 
 void add_way(CLI::App& command, Way_options& way) {
-  command.add_option("--node", way.node, "Node of the manifest to be")
-      ->type_name("NAME")
-      ->capture_default_str();
+  command
+      .add_option("--connect", way.connect,
+                  "The application's Unix socket or, over the network, its IP address")
+      ->type_name("ADDRESS");
+  command.add_option("--node", way.node, "Use the network, as this node of the manifest")
+      ->type_name("NAME");
 }
 
 CLI::Option* add_seconds(CLI::App& command,
