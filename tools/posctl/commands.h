@@ -19,6 +19,8 @@ int watch(const Watch_options& options);
 
 /// Prints the manifest in force and every record.
 int describe_deployment(bool as_json);
+/// Writes a Wireshark profile for the manifest in force into a folder: names, payloads, ports.
+int describe_for_wireshark(const std::string& folder);
 
 struct Read_options {
   std::string data_identifier;
@@ -76,5 +78,13 @@ struct Discover_options {
 int discover(const Discover_options& options);
 /// Prints all that the application tells about itself on one page. 1 when it does not answer.
 int status(const Look_options& options);
+
+struct Exporter_options {
+  std::string listen = "127.0.0.1:9464";
+  bool list = false;  ///< prints the table of metrics instead
+  std::string node = "posctl";
+};
+/// Answers Prometheus over HTTP until it is interrupted.
+int exporter(const Exporter_options& options);
 
 }  // namespace posctl

@@ -65,6 +65,9 @@ int main(int argc, char** argv) try {
   auto* describe_command =
       app.add_subcommand("describe", "Print what is in force: the manifest and the records");
   describe_command->add_flag("--json", describe_as_json, "As a JSON object");
+  std::string wireshark_profile;
+  describe_command->add_option("--wireshark", wireshark_profile,
+                               "Write a Wireshark profile into this folder instead");
 
   posctl::Read_options read;
   auto* read_command = app.add_subcommand("read", "Read a diagnostic data identifier");
@@ -125,9 +128,20 @@ int main(int argc, char** argv) try {
   auto* status_command = app.add_subcommand("status", "Print the application's state on one page");
   add_look_options(*status_command, status);
 
+  posctl::Exporter_options exporter;
+  auto* exporter_command =
+      app.add_subcommand("exporter", "Answer Prometheus with the application's metrics");
+  exporter_command->add_option("--listen", exporter.listen, "IP address and port")
+      ->capture_default_str();
+  exporter_command->add_flag("--list", exporter.list, "Print the table of metrics instead");
+  add_node(*exporter_command, exporter.node);
+
   if (const auto code = tools::parse(app, argc, argv)) return *code;
   if (watch_command->parsed()) return posctl::watch(watch);
-  if (describe_command->parsed()) return posctl::describe_deployment(describe_as_json);
+  if (describe_command->parsed()) {
+    if (!wireshark_profile.empty()) return posctl::describe_for_wireshark(wireshark_profile);
+    return posctl::describe_deployment(describe_as_json);
+  }
   if (read_command->parsed()) return posctl::read(read);
   if (monitors_command->parsed()) return posctl::monitors(monitors);
   if (init_monitor_command->parsed()) return posctl::init_monitor(init_monitor);
@@ -139,6 +153,7 @@ int main(int argc, char** argv) try {
     return posctl::discover(discover);
   }
   if (status_command->parsed()) return posctl::status(status);
+  if (exporter_command->parsed()) return posctl::exporter(exporter);
   return 0;
 } catch (...) {
   return tools::report_exception("posctl");
