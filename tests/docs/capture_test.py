@@ -49,8 +49,8 @@ class Capture(unittest.TestCase):
         watched = [json.loads(line)["records"][0]
                    for line in self.posctl("watch", "--json", "--field", "positions", "--count", 8, "--timeout", 30).splitlines()]
         monitors = self.desk.start(POSCTL, "monitors", "--count", 1, "--timeout", 30, "--node", "posctl")
-        until(lambda: '"POS_Input_GNSS"' and self.posctl("init-monitor", "POS_Input_GNSS", "kRestart") == ""
-              and monitors.poll() is not None, "an action of the monitor")
+        until(lambda: (self.posctl("init-monitor", "POS_Input_GNSS", "kRestart"), monitors.poll() is not None)[1],
+              "an action of the monitor")
         for identifier in ("d_14a0", "d_14a1", "d_14a2", "d_14a3", "d_1190", "d_1191", "d_1192"):
             self.posctl("read", identifier)
         for command in ("stats", "peers"):
