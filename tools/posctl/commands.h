@@ -74,6 +74,14 @@ struct Discover_options {
 };
 /// Prints everything that is offered on the network, also what the manifest does not have.
 int discover(const Discover_options& options);
+struct Doctor_options {
+  bool json = false;
+  bool list = false;  ///< prints the table of checks instead
+  std::string node = "posctl";
+};
+/// Looks for three seconds at most for the reason why positions are missing or wrong. Returns 1 if
+/// it finds one, 2 if it could not look.
+int examine(const Doctor_options& options);
 /// Prints all that the application tells about itself on one page. 1 when it does not answer.
 int status(const Look_options& options);
 

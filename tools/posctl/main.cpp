@@ -125,7 +125,15 @@ int main(int argc, char** argv) try {
   auto* status_command = app.add_subcommand("status", "Print the application's state on one page");
   add_look_options(*status_command, status);
 
+  posctl::Doctor_options doctor;
+  auto* doctor_command =
+      app.add_subcommand("doctor", "Say why positions are missing or wrong, and what mends it");
+  doctor_command->add_flag("--json", doctor.json, "As a JSON object");
+  doctor_command->add_flag("--list", doctor.list, "Print the table of checks instead");
+  add_node(*doctor_command, doctor.node);
+
   if (const auto code = tools::parse(app, argc, argv)) return *code;
+  if (doctor_command->parsed()) return posctl::examine(doctor);
   if (watch_command->parsed()) return posctl::watch(watch);
   if (describe_command->parsed()) return posctl::describe_deployment(describe_as_json);
   if (read_command->parsed()) return posctl::read(read);
