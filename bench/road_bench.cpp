@@ -66,6 +66,14 @@ void ages_of_a_position(benchmark::State& state) {
 }
 BENCHMARK(ages_of_a_position);
 
+/// The part of it that no histogram can save.
+void reading_of_the_clock_for_ages(benchmark::State& state) {
+  const auto& time = timeutils::instance();
+  for ([[maybe_unused]] auto _ : state)
+    benchmark::DoNotOptimize(time.now());
+}
+BENCHMARK(reading_of_the_clock_for_ages);
+
 /// The pipe to the DLT daemon, which a program that does nothing but log fills faster than the
 /// daemon empties it. The library then throws messages away and says so on standard error.
 class Daemon_pipe {

@@ -50,8 +50,8 @@ class Age_histogram {
   /// A duration of up to 127 ns has a bucket of its own. Above, each doubling has 64 buckets.
   [[nodiscard]] static constexpr std::size_t index_of(std::uint64_t duration) {
     duration = std::min(duration, longest);
-    const auto shift =
-        std::max(static_cast<int>(std::bit_width(duration)), sub_bits + 1) - (sub_bits + 1);
+    constexpr std::uint64_t own_bucket = (2U << sub_bits) - 1;
+    const auto shift = static_cast<int>(std::bit_width(duration | own_bucket)) - (sub_bits + 1);
     return (static_cast<std::size_t>(shift) << sub_bits) + (duration >> shift);
   }
   /// The middle of a bucket.

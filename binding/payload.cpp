@@ -45,6 +45,9 @@ void throw_vector_without_length_field() {
       "Vectors must have a length field that deserializer can also deserialize it. Violation of "
       "PRS_SOMEIP_00376 & PRS_SOMEIP_00107!"};
 }
+void throw_list_takes_too_much() {
+  throw std::length_error{"The elements of a list take more memory than a list may have"};
+}
 void throw_unequal_length_field_sizes(const Serialization_settings& settings) {
   throw std::runtime_error{
       "Violation of COM.PRS_SOMEIP_00215: All length fields must have same size and not be 0 when "

@@ -17,8 +17,8 @@ namespace binding {
 
 enum class Byte_order : std::uint32_t { big_endian = 4321, little_endian = 1234 };
 
-/// One set per encoded type, see settings_of in codec.h. Sizes of length fields are 0 (none), 1, 2
-/// or 4 bytes.
+/// One set per encoded type, see settings_of in value_codec.h. Sizes of length fields are 0 (none),
+/// 1, 2 or 4 bytes.
 struct Serialization_settings {
   std::uint64_t first = 0;
   Byte_order byte_order = Byte_order::big_endian;
@@ -66,6 +66,7 @@ inline constexpr std::uint16_t tag_mask = 0x7FFF;
 [[noreturn]] void throw_invalid_wire_type();            ///< std::runtime_error
 [[noreturn]] void throw_no_tag_list();                  ///< std::runtime_error
 [[noreturn]] void throw_vector_without_length_field();  ///< std::invalid_argument
+[[noreturn]] void throw_list_takes_too_much();          ///< std::length_error
 /// std::runtime_error, which names the array, string and structure length field sizes.
 [[noreturn]] void throw_unequal_length_field_sizes(const Serialization_settings& settings);
 

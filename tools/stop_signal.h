@@ -21,6 +21,8 @@ class Stop_signal {
   /// Returns `stopped` once a signal has come (and from then on always), `readable` when `input` (a
   /// file descriptor, none below 0) has data or has ended, `due` when the time has come.
   [[nodiscard]] Wake wait_until(std::chrono::steady_clock::time_point due, int input = -1);
+  /// Readable once a signal has come, and from then on always.
+  [[nodiscard]] int descriptor() const { return descriptor_; }
 
  private:
   int descriptor_ = -1;

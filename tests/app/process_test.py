@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SOURCE, Desk, Positions, until
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SOURCE, Desk, Positions, fill, until
 
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGUSR2)
 # The poll of the shutdown flag, the stop of the alive timer and the delay before the runtime goes.
@@ -100,15 +100,6 @@ class ProcessTest(unittest.TestCase):
         self.assertIn('build_time = "1970-01-01 23:59:59 UTC"', output.read_text(encoding="utf-8"))
 
 
-def fill(sender):
-    """Writes until there is no room left."""
-    os.set_blocking(sender, False)
-    with contextlib.suppress(BlockingIOError):
-        while True:
-            os.write(sender, b"-" * 4096)
-    os.set_blocking(sender, True)
-
-
 def close_standard_descriptors():
     for number in range(3):
         os.close(number)
@@ -157,7 +148,7 @@ class OutputsTest(unittest.TestCase):
             with self.subTest(what), contextlib.ExitStack() as row:
                 application = self.desk.start(APPLICATION, **options())
                 row.callback(application.kill)  # has no effect unless the row has failed
-                positions.flow(what, count=5, seconds=10)
+                positions.flow(what, count=5)
                 if what == "no descriptors 0 to 2":
                     opened = {os.readlink(f"/proc/{application.pid}/fd/{number}") for number in range(3)}
                     self.assertEqual(opened, {"/dev/null"})

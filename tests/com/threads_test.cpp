@@ -36,7 +36,7 @@ class Barrier {
     released_.get_future().wait();
   }
   [[nodiscard]] bool entered() {
-    return entered_.get_future().wait_for(10s) == std::future_status::ready;
+    return entered_.get_future().wait_for(30s) == std::future_status::ready;
   }
   void release() { released_.set_value(); }
 
@@ -291,7 +291,8 @@ TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_queue_waiting_for_it) {
   static_thread_pool pool(1);
   someip::Counters counters;
   auto queue = std::make_shared<tq::com::Notification_queue>(
-      std::uint8_t{1}, 1, [](tq::com::Payload) {}, [](bool) {}, pool.loop(), counters);
+      std::uint8_t{1}, someip::Limits{}, [](tq::com::Payload) {}, [](bool) {}, pool.loop(),
+      counters);
   Barrier barrier;
   pool.loop().post([&] { barrier.wait(); });
   ASSERT_TRUE(barrier.entered());
@@ -306,6 +307,31 @@ TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_queue_waiting_for_it) {
   stopped.get();
   pool.stop();
   EXPECT_FALSE(ran);
+}
+
+TEST(Notifications, that_wait_are_the_newest_within_the_bounds_on_their_number_and_bytes) {
+  static_thread_pool pool(1);
+  someip::Counters counters;
+  someip::Limits limits;
+  limits.queued_notifications = 4;
+  limits.queued_notification_bytes = 10'000;
+  std::vector<std::size_t> sizes;
+  const auto queue = std::make_shared<tq::com::Notification_queue>(
+      std::uint8_t{1}, limits, [&](tq::com::Payload payload) { sizes.push_back(payload.size()); },
+      nullptr, pool.loop(), counters);
+  const auto arrives = [&](std::size_t size) {
+    someip::Received one;
+    one.buffer = someip::Buffer(size);
+    one.payload = {one.buffer.data(), size};
+    return queue->enqueue(std::move(one));
+  };
+  EXPECT_TRUE(arrives(1)) << "this thread is to run it";
+  for (int round = 0; round < 100; ++round) {
+    for (const auto size : {10'000U, 20'000U, 2100U, 2200U, 2300U, 2400U, 5000U})
+      EXPECT_FALSE(arrives(size));
+  }
+  queue->run();
+  EXPECT_THAT(sizes, testing::ElementsAre(1, 2300, 2400, 5000));
 }
 
 struct Reader final : someip::Readable {

@@ -403,7 +403,7 @@ TEST_F(Diagnosis, evaluation_runs_by_itself_until_the_stop_which_does_not_wait_f
   service = std::make_unique<diagnosisServiceImpl>();
   service->init(diagnosisServiceImpl::longest_timeout_ms);  // evaluated every 144 min
   auto stopped = std::async(std::launch::async, [&] { service->stop(); });
-  EXPECT_EQ(stopped.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(stopped.wait_for(30s), std::future_status::ready);
 }
 
 TEST_F(Diagnosis, a_stop_in_the_middle_of_the_start_leaves_nothing_offered) {
@@ -459,7 +459,7 @@ TEST_F(Diagnosis, the_end_waits_for_an_event_that_is_being_sent) {
   EXPECT_EQ(ended.wait_for(50ms), std::future_status::timeout);
   may_go_on.set_value();
   sender.join();
-  EXPECT_EQ(ended.wait_for(10s), std::future_status::ready);
+  EXPECT_EQ(ended.wait_for(30s), std::future_status::ready);
 }
 
 }  // namespace

@@ -1,6 +1,9 @@
 """Floods from an attacker on the network segment: whatever is thrown at the application, its memory stays
-within the bound that docs/robustness.md states and the honest source's positions keep coming out."""
+within the bound that docs/robustness.md states and the honest source's positions keep coming out. The same holds for
+the worst payloads of a provider and of clients."""
 
+import contextlib
+import json
 import os
 import pathlib
 import re
@@ -8,14 +11,18 @@ import socket
 import struct
 import time
 
-from desk import APPLICATION, GATEWAY, POSCTL, SANITIZERS, Desk, Positions
-from network import NOTIFICATION, TP, discovery, endpoint, find, offer, someip, subscribe
+from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, SANITIZERS, Desk, Positions, until
+from network import (NOTIFICATION, SUBSCRIBE, TP, Network, discovery, endpoint, find, offer, segments, someip,
+                     subscribe)
+import payload
 
 # A sanitizer multiplies what the process holds.
 RESIDENT_BOUND_KIB = (1024 if SANITIZERS else 48) * 1024
-GNSS, POSITIONING = 0x2A10, 0x2A20
-POSITIONING_PORT = 30511
-HEADER, ENTRY = 16, 16  # bytes
+GNSS, TIME, POSITIONING, INPUTS = 0x2A10, 0x2A11, 0x2A20, 0x34A0
+POSITIONING_PORT, INPUTS_PORT = 30511, 30512
+FIELDS = ((GNSS, 1), (GNSS, 2), (GNSS, 3), (TIME, 1), (TIME, 2))  # service; event group, and notifier from 0x8000 on
+ROUNDS = 16
+HEADER, ENTRY, SEGMENT = 16, 16, 16_384  # bytes
 CLIENT_AND_SESSION, FIRST_ENTRY = 8, HEADER + 8  # where they begin
 
 
@@ -92,8 +99,8 @@ class Attacker:
         return held
 
 
-def resident_kib(pid):
-    return int(re.search(r"VmRSS:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
+def resident_kib(pid, which="VmRSS"):
+    return int(re.search(rf"{which}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
 
 
 def client_port(pos):
@@ -101,6 +108,51 @@ def client_port(pos):
     address = socket.inet_aton(pos)[::-1].hex().upper()
     ports = re.findall(f" {address}:([0-9A-F]{{4}}) ", pathlib.Path("/proc/net/udp").read_text())
     return next(port for port in (int(one, 16) for one in ports) if port > 32767)
+
+
+def worst_payloads():
+    """The peak of the application's memory in KiB. In each round the longest messages end at the same moment: lists of
+    empty records in all fields that the application uses, and maps of short texts in requests of other addresses. The
+    rounds follow faster than its handlers, beside segment trains that never end."""
+    with Desk() as desk, contextlib.ExitStack() as stack:
+        (desk.path / "initdata-POS_Key_Value_Port.json").write_text(
+            json.dumps({"timeClientEnabled": {"type": "Boolean", "value": True}}))
+        application = desk.start(APPLICATION, environment={"POS_INITDATA_DIR": str(desk.path)})
+        network = Network(desk)
+        stack.callback(network.close)
+        provider, *strangers = (network.peer(desk.address(host), listen=host == 20) for host in (20, 51, 52, 53))
+        server = provider.socket()
+        until(lambda: desk.is_bound("POS"), "start of the application")
+        provider.tell([offer(GNSS), offer(TIME)], [endpoint(server)])
+        wanted = [provider.entry(SUBSCRIBE, service, group=event, seconds=DEADLINE) for service, event in FIELDS]
+        room = desk.manifest["limits"]["messageBytes"] - HEADER - 4
+        texts = payload.block(b"".join(payload.block(struct.pack("!H", number)) + payload.block(b"")
+                                       for number in range(room // 10)))
+
+        def send(source, data, to):
+            until(lambda: desk.bytes_waiting("POS") < 100_000, "room in the application's sockets")
+            source.send(data, to)
+
+        for number in range(ROUNDS):
+            # The first length is the longest that fits, the others are the longest that the records' sizes allow.
+            lists = payload.block(bytes(4 * (room // 4, 50_000, 20_000, 11_000)[number % 4]))
+            trains = [(server, one.endpoints[0][:2], segments(someip(service, 0x8000 + event, lists, type=NOTIFICATION,
+                                                                     session=number + 1), SEGMENT))
+                      for (service, event), one in zip(FIELDS, wanted)]
+            trains += [(stranger.caller(), (desk.address(10), INPUTS_PORT),
+                        segments(someip(INPUTS, 1, texts, session=session), SEGMENT))
+                       for stranger in strangers for session in (2 * number + 1, 2 * number + 2)]
+            for source, to, parts in trains:
+                for part in parts[:-1]:
+                    send(source, part, to)
+            if number % 4 == 3:  # their trains never end
+                trains = trains[:len(FIELDS)]
+            for source, to, parts in trains:
+                send(source, parts[-1], to)
+        strangers[0].call((desk.address(10), INPUTS_PORT), INPUTS, 1, bytes(4), session=0x7777)
+        peak = resident_kib(application.pid, "VmHWM")
+        assert desk.stop(application)[0] == 0
+        return peak
 
 
 def main():
@@ -128,6 +180,9 @@ def main():
         code, _ = desk.stop(application)
         assert code == 0, code
         print(f"KiB resident {resident}; {positions.count} positions; {len(held)} connections held")
+    peak = worst_payloads()
+    assert peak < RESIDENT_BOUND_KIB, f"KiB resident at most, with the worst payloads: {peak}"
+    print(f"KiB resident at most, with the worst payloads: {peak}")
 
 
 if __name__ == "__main__":

@@ -1,5 +1,6 @@
 """Starts the application and the tools on a loopback network of the test's own, and ends them."""
 
+import contextlib
 import json
 import os
 import pathlib
@@ -51,6 +52,8 @@ class Desk:
         manifest = manifest.replace('"127.0.0.', f'"127.{network}.0.')
         self.manifest = json.loads(manifest)
         self.manifest["serviceDiscovery"]["multicastAddress"] = f"239.192.{network}.77"
+        for node in self.manifest["nodes"].values():
+            node["requestTimeoutMs"] = 20_000  # on a busy machine
         self.write_manifest()
         self.environment = {
             **os.environ,
@@ -144,6 +147,15 @@ def until(condition, what):
         if time.monotonic() > end:
             raise AssertionError(f"not within {DEADLINE:g} s: {what}")
         while_waiting[-1](0.01)
+
+
+def fill(sender):
+    """Writes until there is no room left."""
+    os.set_blocking(sender, False)
+    with contextlib.suppress(BlockingIOError):
+        while True:
+            os.write(sender, b"-" * 4096)
+    os.set_blocking(sender, True)
 
 
 class Positions:

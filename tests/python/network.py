@@ -20,7 +20,7 @@ from scapy.utils import wrpcap
 
 from desk import free_network, while_waiting
 
-PATIENCE = float(os.environ.get("POS_PATIENCE", 10))  # seconds; for what must come
+PATIENCE = float(os.environ.get("POS_PATIENCE", 30))  # seconds; for what must come
 SO_TIMESTAMPNS = 35
 BARRIER = 0x6FFF  # a service that nobody has
 FIND, OFFER, SUBSCRIBE, ACKNOWLEDGE = 0x00, 0x01, 0x06, 0x07

@@ -104,8 +104,8 @@ class Udp_receiver_test : public testing::Test, public Message_receiver {
   test::Seen<std::uint16_t> seen_;
   std::uint16_t sent_ = 0, last_session_ = 0;
   std::ptrdiff_t stuck_ = 0;
-  Limits limits_;
-  Shared_reassembler reassembler_{limits_};
+  Deployment deployment_;
+  Shared_reassembler reassembler_{deployment_};
   Counters counters_;
   Log log_{nullptr};
   Thread_workers workers_;

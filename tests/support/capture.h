@@ -66,14 +66,14 @@ class Capture {
   }
   /// Waits until a message fulfils `condition`; false when none did within `limit`.
   [[nodiscard]] bool wait_for(const std::function<bool(const Record&)>& condition,
-                              std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+                              std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
     std::unique_lock lock(store_->mutex);
     return store_->added.wait_for(lock, limit,
                                   [&] { return std::ranges::any_of(store_->records, condition); });
   }
   /// Waits for a message with exactly this joined text.
   [[nodiscard]] bool wait_for(std::string_view text,
-                              std::chrono::milliseconds limit = std::chrono::seconds(5)) const {
+                              std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
     return wait_for([text](const Record& record) { return record.text() == text; }, limit);
   }
   void clear() {

@@ -28,7 +28,7 @@ class Seen {
   }
   /// False when the condition is not fulfilled in time.
   [[nodiscard]] bool wait(const std::function<bool(const std::vector<Value>&)>& condition,
-                          std::chrono::milliseconds limit = std::chrono::seconds(10)) const {
+                          std::chrono::milliseconds limit = std::chrono::seconds(30)) const {
     std::unique_lock lock(mutex_);
     return changed_.wait_for(lock, limit, [&] { return condition(values_); });
   }
@@ -48,7 +48,7 @@ class Seen {
 /// For what nobody signals, such as counters: asked again and again until it is true or time is
 /// over.
 [[nodiscard]] inline bool eventually(const std::function<bool()>& condition) {
-  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(30);
   while (!condition()) {
     if (std::chrono::steady_clock::now() > end) return false;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));

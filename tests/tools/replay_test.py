@@ -86,22 +86,20 @@ class Replay(unittest.TestCase):
             self.assertEqual(code, 0)
             self.assertEqual(desk.stop(consumer)[0], 0)
             self.assertEqual(desk.stop(application)[0], 0)
-        self.assertGreaterEqual(json.loads(statistics)["fixes"], len(expected))
-        self.compare(positions, expected)
+        fixes = json.loads(statistics)["fixes"]
+        self.assertGreaterEqual(fixes, len(expected))
+        self.assertLessEqual(self.instants_passed(positions, expected), fixes + len(expected), "out of order")
 
-    def compare(self, positions, expected):
-        """The consumer may have come in anywhere in the recording."""
-
-        def mismatch(offset):
-            for index, record in enumerate(positions):
-                instant = expected[(offset + index) % len(expected)]
-                if not self.same(record, instant):
-                    return index, record, instant
-            return None
-
-        mismatches = [mismatch(offset) for offset in range(len(expected))]
-        if None not in mismatches:
-            self.fail(f"best attempt: {max(mismatches, key=lambda one: one[0])}")
+    def instants_passed(self, positions, expected):
+        """Each position is the next instant of the recording, or a later one: the consumer may come in anywhere, and
+        a busy machine may lose positions."""
+        passed = 0
+        for record in positions:
+            later = (n for n in range(len(expected)) if self.same(record, expected[(passed + n) % len(expected)]))
+            lost = next(later, None)
+            self.assertIsNotNone(lost, f"no instant says {record}; the next one: {expected[passed % len(expected)]}")
+            passed += lost + 1
+        return passed
 
     @staticmethod
     def same(record, instant):

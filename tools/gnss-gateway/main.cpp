@@ -41,7 +41,8 @@ constexpr Reason reasons[] = {
 void print(const gateway::Source_result& result,
            std::uint64_t notifications,
            bool nmea,
-           bool as_json) {
+           bool as_json,
+           const tools::Stop_signal& stop_signal) {
   nlohmann::ordered_json json;
   json["notifications"] = notifications;
   json["fixes"] = result.fixes;
@@ -57,7 +58,7 @@ void print(const gateway::Source_result& result,
     }
   }
   if (as_json) {
-    tools::write_output(json.dump() + "\n");
+    tools::write_output(json.dump() + "\n", stop_signal.descriptor());
     return;
   }
   std::ostringstream out;
@@ -72,7 +73,7 @@ void print(const gateway::Source_result& result,
       }
     }
   }
-  tools::write_output(out.str());
+  tools::write_output(out.str(), stop_signal.descriptor());
 }
 
 /// The options of the command line.
@@ -201,7 +202,7 @@ int run(int argc, char** argv) {
   gateway::Output services(stop_signal, options.output);
   const auto result = input ? gateway::run_nmea(options.nmea, *input, services)
                             : gateway::run_drive(options.drive, services);
-  print(result, services.notifications(), input.has_value(), options.json);
+  print(result, services.notifications(), input.has_value(), options.json, stop_signal);
   return 0;
 }
 

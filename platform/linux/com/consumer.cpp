@@ -93,9 +93,9 @@ void Someip_consumer::subscribe(std::string_view element,
   }
   selection.group = someip::event_groups(service, nullptr).at(selection.event_group);
 
-  auto queue = std::make_shared<Notification_queue>(
-      service.major_version, limits_.queued_notifications, std::move(handler), std::move(on_state),
-      workers_, node_.counters());
+  auto queue =
+      std::make_shared<Notification_queue>(service.major_version, limits_, std::move(handler),
+                                           std::move(on_state), workers_, node_.counters());
   // The new one first: the provider then keeps the subscription and sends the values again.
   node_.client().subscriptions().subscribe(selection, queue);
   std::shared_ptr<Notification_queue> replaced;

@@ -88,7 +88,9 @@ constexpr auto manifest_keys(const someip::Limits* /*section*/) {
       Manifest_key{"discoveryPeers", &Limits::discovery_peers, 1, many},
       Manifest_key{"discoveryPeersPerAddress", &Limits::discovery_peers_per_address, 1, many},
       Manifest_key{"queuedRequests", &Limits::queued_requests, 1, many},
+      Manifest_key{"queuedRequestBytes", &Limits::queued_request_bytes, 1500, most_bytes},
       Manifest_key{"queuedNotifications", &Limits::queued_notifications, 1, many},
+      Manifest_key{"queuedNotificationBytes", &Limits::queued_notification_bytes, 1500, most_bytes},
       Manifest_key{"queuedSegmentBytes", &Limits::queued_segment_bytes, 1500, most_bytes},
   };
 }

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <utility>
+#include <vector>
 
 #include "mw/com/arrival.h"
 
@@ -15,13 +16,14 @@ constexpr std::chrono::milliseconds late{100};
 }  // namespace
 
 Notification_queue::Notification_queue(std::uint8_t interface_version,
-                                       std::size_t max_queued,
+                                       const someip::Limits& limits,
                                        Notification_handler handler,
                                        Subscription_state_handler on_state,
                                        someip::Workers& workers,
                                        someip::Counters& counters)
     : Event_sink(interface_version),
-      max_queued_(max_queued),
+      max_queued_(limits.queued_notifications),
+      max_queued_bytes_(limits.queued_notification_bytes),
       handler_(std::move(handler)),
       on_state_(std::move(on_state)),
       workers_(workers),
@@ -43,23 +45,34 @@ bool Notification_queue::enqueue(someip::Received notification) {
 }
 
 bool Notification_queue::add_waiting(someip::Received notification) {
-  someip::Received displaced;  // goes after the lock
+  std::vector<someip::Received> displaced;  // go after the lock
   const std::lock_guard lock(waiting_mutex_);
+  waiting_bytes_ += notification.buffer.size();
   waiting_.push_back(std::move(notification));
-  if (waiting_.size() <= max_queued_) return true;
-  displaced = std::move(waiting_.front());
+  while (waiting_.size() > max_queued_ ||
+         (waiting_bytes_ > max_queued_bytes_ && waiting_.size() > 1)) {
+    displaced.push_back(oldest_waiting());
+    counters_.notifications_displaced.add();
+  }
+  if (asked_ >= waiting_.size()) return false;
+  ++asked_;
+  return true;
+}
+
+someip::Received Notification_queue::oldest_waiting() {
+  someip::Received oldest = std::move(waiting_.front());
   waiting_.pop_front();
-  counters_.notifications_displaced.add();
-  return false;
+  waiting_bytes_ -= oldest.buffer.size();
+  return oldest;
 }
 
 void Notification_queue::take_waiting() {
   someip::Received oldest;
   {
     const std::lock_guard lock(waiting_mutex_);
-    if (waiting_.empty()) return;  // closed since
-    oldest = std::move(waiting_.front());
-    waiting_.pop_front();
+    --asked_;
+    if (waiting_.empty()) return;  // a large one displaced several, or closed since
+    oldest = oldest_waiting();
   }
   deliver(oldest);
 }
@@ -74,6 +87,7 @@ void Notification_queue::close() {
   strand_.close();
   const std::lock_guard lock(waiting_mutex_);
   waiting_.clear();
+  waiting_bytes_ = 0;
 }
 
 void Notification_queue::run() {

@@ -10,6 +10,7 @@
 
 #include "mw/com/strand.h"
 #include "platform/someip/base/counters.h"
+#include "platform/someip/base/deployment.h"
 #include "platform/someip/base/workers.h"
 #include "platform/someip/node/event_routes.h"
 #include "tq/com/runtime.h"
@@ -17,12 +18,12 @@
 namespace tq::com {
 
 /// Calls the handler for one notification at a time, in order of arrival. While the handler runs,
-/// the newest notifications wait, at most `max_queued`.
+/// the newest notifications wait, within the bounds of `limits`.
 class Notification_queue final : public someip::Event_sink,
                                  public std::enable_shared_from_this<Notification_queue> {
  public:
   Notification_queue(std::uint8_t interface_version,
-                     std::size_t max_queued,
+                     const someip::Limits& limits,
                      Notification_handler handler,
                      Subscription_state_handler on_state,
                      someip::Workers& workers,
@@ -39,21 +40,26 @@ class Notification_queue final : public someip::Event_sink,
   [[nodiscard]] bool running_here() const { return strand_.running_in_this_thread(); }
 
  private:
-  /// Displaces the oldest one when there is no room. True when it did not, so that the strand has
-  /// to be asked for one more.
+  /// Displaces the oldest ones when there is no room. True if the strand has to be asked for one
+  /// more.
   [[nodiscard]] bool add_waiting(someip::Received notification);
+  /// Takes it out of waiting_, which has one.
+  [[nodiscard]] someip::Received oldest_waiting();
   void take_waiting();
   void deliver(const someip::Received& notification);
 
   const std::size_t max_queued_;
+  const std::size_t max_queued_bytes_;
   const Notification_handler handler_;
   const Subscription_state_handler on_state_;
   someip::Workers& workers_;
   someip::Counters& counters_;
   someip::Received first_;    ///< belongs to the thread that has claimed the strand
-  std::mutex waiting_mutex_;  ///< guards waiting_
-  /// The strand has been asked for each of them.
+  std::mutex waiting_mutex_;  ///< guards the next three
   std::deque<someip::Received> waiting_;
+  std::size_t waiting_bytes_ = 0;  ///< of the buffers in waiting_
+  /// The number of take_waiting() that the strand still runs, at least one for each in waiting_.
+  std::size_t asked_ = 0;
   bool active_ = false;  ///< the state that the handler saw last; touched on the strand only
   std::atomic<bool> latest_active_{false};
   std::atomic<bool> state_pending_{false};  ///< the strand has been asked to report it

@@ -3,6 +3,7 @@
 /// these values.
 #pragma once
 
+#include <algorithm>
 #include <boost/asio/ip/address.hpp>
 #include <chrono>
 #include <cstddef>
@@ -10,6 +11,8 @@
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "platform/someip/base/endpoint.h"
 
 namespace someip {
 
@@ -55,8 +58,10 @@ struct Limits {
   std::size_t remote_instances_per_address = 128;  ///< of these instances, offered by one sender
   std::size_t discovery_peers = 256;               ///< session counters and reboot flags remembered
   std::size_t discovery_peers_per_address = 8;     ///< of these, belonging to one sender
-  std::size_t queued_requests = 256;               ///< received, waiting for a worker
-  std::size_t queued_notifications = 64;           ///< per event, waiting for a slow handler
+  std::size_t queued_requests = 256;               ///< received, without an answer yet
+  std::size_t queued_request_bytes = std::size_t{4} << 20U;  ///< of these requests
+  std::size_t queued_notifications = 64;  ///< per event, waiting for a slow handler
+  std::size_t queued_notification_bytes = std::size_t{512} * 1024;  ///< of these notifications
   std::size_t queued_segment_bytes = std::size_t{4} << 20U;  ///< long messages whose segments wait
 };
 
@@ -144,6 +149,13 @@ struct Deployment {
   Limits limits;
   Segment_shaping segments;
   std::vector<Service_deployment> services;
+
+  /// True if at least one service allows `peer`. Every other peer is a stranger to the node.
+  [[nodiscard]] bool allows_peer(const boost::asio::ip::address& peer) const {
+    return std::ranges::any_of(services, [&](const Service_deployment& service) {
+      return allows(service.allowed_peers, peer);
+    });
+  }
 };
 
 }  // namespace someip

@@ -1,6 +1,7 @@
 /// Lines for the operator of the node. The owner of the node provides the sink.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <cstddef>
@@ -50,7 +51,10 @@ class Log {
   template <class Text>
   void repeated(std::string_view kind, std::size_t who, Text&& text) {
     if (sink_ && goes_on(kind, who)) {
-      if (const std::string line = text(); !line.empty()) limited(Log_level::warning, kind, line);
+      constexpr std::uint64_t peers = 8;  // that may begin at the same time
+      if (const std::string line = text(); !line.empty()) {
+        limited(Log_level::warning, kind, line, peers);
+      }
     }
   }
 
@@ -70,10 +74,15 @@ class Log {
     const auto now = std::chrono::steady_clock::now();
     const std::unique_lock lock(repetitions_mutex_, std::try_to_lock);
     if (!lock) return false;
-    // A newcomer takes the place of another one: their number has a bound.
-    Repetition& known =
-        repetitions_[(who ^ std::hash<std::string_view>{}(kind)) % repetitions_.size()];
-    if (known.kind != kind || known.who != who || now - known.last > pause) {
+    auto place = std::ranges::find_if(
+        repetitions_, [&](const Repetition& one) { return one.who == who && one.kind == kind; });
+    if (place == repetitions_.end()) {
+      // A newcomer takes the place of the one that is silent for the longest time.
+      place = std::ranges::min_element(repetitions_, {}, &Repetition::last);
+      place->kind = {};
+    }
+    Repetition& known = *place;
+    if (known.kind != kind || now - known.last > pause) {
       known = {kind, who, now, now, 0, false};
     }
     known.last = now;
@@ -104,7 +113,7 @@ class Log {
   std::mutex mutex_;  ///< guards kinds_
   std::map<std::string_view, Kind> kinds_;
   std::mutex repetitions_mutex_;  ///< guards repetitions_
-  std::array<Repetition, 64> repetitions_;
+  std::array<Repetition, 32> repetitions_;
 };
 
 }  // namespace someip

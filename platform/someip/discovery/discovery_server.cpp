@@ -204,7 +204,7 @@ void Discovery_server::subscribe(const Entry& entry,
     const auto ended = std::erase_if(group->second.subscriptions, [&](const Subscription& one) {
       return one.subscriber == subscriber;
     });
-    group->second.changed |= ended > 0;
+    if (ended > 0) unsettled_ = group->second.changed = true;
     return;
   }
 
@@ -246,7 +246,7 @@ bool Discovery_server::keep(Group& group,
   if (present != subscriptions.end()) {
     present->expires = expires;
     if (explicit_initial_data && entry.initial_data_requested()) {
-      present->fresh = group.values_wanted = true;
+      present->fresh = group.values_wanted = unsettled_ = true;
     }
   } else {
     const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
@@ -260,7 +260,7 @@ bool Discovery_server::keep(Group& group,
     const bool fresh = !explicit_initial_data || entry.initial_data_requested();
     const auto refused = forget_refusal(entry, subscriber.origin);
     subscriptions.push_back({subscriber, now, expires, fresh, refused, 0, {}});
-    group.changed = true;
+    group.changed = unsettled_ = true;
     group.values_wanted |= fresh;
   }
   next_expiry_ = std::min(next_expiry_, expires);
@@ -289,6 +289,7 @@ std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
       ended += count;
     }
   }
+  unsettled_ |= ended > 0;
   return ended;
 }
 
@@ -326,6 +327,7 @@ void Discovery_server::link_up(Time now) {
 }
 
 void Discovery_server::deliver_subscribers() {
+  if (!unsettled_) return;
   for (auto& [key, local] : offers_) {
     for (auto& [group, state] : local.groups) {
       if (!state.changed) continue;
@@ -342,6 +344,7 @@ void Discovery_server::deliver_subscribers() {
 }
 
 void Discovery_server::deliver_initial_values() {
+  if (!std::exchange(unsettled_, false)) return;
   for (auto& [key, local] : offers_) {
     for (auto& [group, state] : local.groups) {
       if (!state.changed && !state.values_wanted) continue;

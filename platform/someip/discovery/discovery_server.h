@@ -181,6 +181,9 @@ class Discovery_server {
   Discovery_server_host& host_;
   bool link_up_ = true;
   std::map<Instance_key, Local> offers_;
+  /// A group has changed or wants values. Most messages touch no group: they must not cost a look
+  /// at every offer.
+  bool unsettled_ = false;
   Time next_expiry_ = Time::max();                           ///< no subscription expires before it
   std::map<Discovery_outbox::Destination, Answer> answers_;  ///< waiting for their delay
   std::vector<Refusal> refusals_;                            ///< at most max_refusals

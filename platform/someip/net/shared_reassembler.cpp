@@ -9,6 +9,10 @@ bool Shared_reassembler::add(const Endpoint& peer,
                              Bytes payload,
                              Counters& counters,
                              Reassembler::Message& message) {
+  if (!deployment_.allows_peer(peer.address)) {
+    counters.dropped_foreign_peer.add();
+    return false;
+  }
   const std::lock_guard lock(mutex_);
   const auto result = reassembler_.add(peer, header, payload, std::chrono::steady_clock::now());
   counters.dropped_segments.add(reassembler_.take_abandoned());

@@ -12,10 +12,13 @@ namespace someip {
 /// A Reassembler behind a lock, so that its bounds hold over all ports. Thread-safe.
 class Shared_reassembler {
  public:
-  explicit Shared_reassembler(const Limits& limits) : reassembler_(limits) {}
+  /// `deployment` outlives this object.
+  explicit Shared_reassembler(const Deployment& deployment)
+      : deployment_(deployment), reassembler_(deployment.limits) {}
 
   /// Adds a segment, given by its header and payload. Returns true if that completes a message, and
-  /// stores it in `message`. Counts dropped segments and refused reassemblies.
+  /// stores it in `message`. Drops the segments of a peer that no service allows: its trains would
+  /// take the room of others. Counts dropped segments and refused reassemblies.
   [[nodiscard]] bool add(const Endpoint& peer,
                          const Header& header,
                          Bytes payload,
@@ -25,6 +28,7 @@ class Shared_reassembler {
   void forget(const Address& peer);
 
  private:
+  const Deployment& deployment_;
   std::mutex mutex_;  ///< guards reassembler_
   Reassembler reassembler_;
 };

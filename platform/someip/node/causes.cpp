@@ -42,7 +42,7 @@ std::string text_of(const Loss& loss) {
     case Loss::Cause::peer_restarted:
       return "it has restarted";
     case Loss::Cause::link_down:
-      return "the link is down";
+      return "the node has lost its link";
     case Loss::Cause::moved:
       return "it has moved to another endpoint";
     case Loss::Cause::replaced:
@@ -114,12 +114,15 @@ void Causes::misfit_offered(const Misfit& misfit, Time now) {
 }
 
 void Causes::lost(const Instance_key& key, const Loss& loss, Time now) {
-  const std::string why = text_of(loss);
+  // A peer decides how often: the text is made only if it is written.
   context_.log.limited(
       Log_level::warning, "lost",
-      text_of(context_.deployment, key) + " of " + to_string(loss.origin.peer) + " is lost: " + why,
+      [&] {
+        return text_of(context_.deployment, key) + " of " + to_string(loss.origin.peer) +
+               " is lost: " + text_of(loss);
+      },
       burst);
-  losses_[key] = {why, now};
+  losses_.insert_or_assign(key, Known_loss{loss, now});
   if (losses_.size() <= max_losses) return;
   losses_.erase(
       std::ranges::min_element(losses_, {}, [](const auto& one) { return one.second.when; }));
@@ -128,10 +131,13 @@ void Causes::lost(const Instance_key& key, const Loss& loss, Time now) {
 void Causes::available(const Instance_key& key, const Origin& from, Time now) {
   const auto loss = losses_.find(key);
   if (loss == losses_.end()) return;
-  context_.log.limited(Log_level::info, "back",
-                       text_of(context_.deployment, key) + " is back after " +
-                           seconds_of(now - loss->second.when) + ", from " + to_string(from.peer),
-                       burst);
+  context_.log.limited(
+      Log_level::info, "back",
+      [&] {
+        return text_of(context_.deployment, key) + " is back after " +
+               seconds_of(now - loss->second.when) + ", from " + to_string(from.peer);
+      },
+      burst);
   losses_.erase(loss);
 }
 
@@ -156,7 +162,8 @@ std::string Causes::why_missing(const Instance_key& wanted, Time since, Time now
       return "it " + text_of_misfit(latest->misfit);
     }
   }
-  return loss != nullptr ? "lost: " + loss->text : "no offer seen for " + seconds_of(now - since);
+  return loss != nullptr ? "lost: " + text_of(loss->loss)
+                         : "no offer seen for " + seconds_of(now - since);
 }
 
 std::string Causes::why_incomplete(const Instance_key& found, Time now) const {

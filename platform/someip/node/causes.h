@@ -43,7 +43,7 @@ class Causes {
     Time last;
   };
   struct Known_loss {
-    std::string text;
+    Loss loss;
     Time when;
   };
 

@@ -50,7 +50,7 @@ Node::Node(const Deployment& deployment,
            Log_sink log)
     : log_(std::move(log)),
       control_(workers),
-      reassembler_(deployment.limits),
+      reassembler_(deployment),
       shaper_(deployment, control_.loop(), counters_),
       channel_(take_address(deployment, node, control_, counters_, log_)),
       context_{deployment, node,      channel_->own(), workers, control_,

@@ -16,11 +16,16 @@ class Node_server::Service_port final : public Message_receiver {
  public:
   Service_port(std::unique_ptr<Udp_socket> socket, Node_server& server)
       : port(server.context_.udp_port(std::move(socket), *this)),
+        deployment_(server.context_.deployment),
         requests_(server.requests_),
         counters_(server.context_.counters),
         log_(server.context_.log) {}
 
   void received(Received message, const Endpoint& from, Tasks& tasks) override {
+    if (!deployment_.allows_peer(from.address)) {
+      counters_.dropped_foreign_peer.add();
+      return;
+    }
     table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
                    requests_, counters_, log_);
   }
@@ -29,6 +34,7 @@ class Node_server::Service_port final : public Message_receiver {
   const std::shared_ptr<Udp_port> port;
 
  private:
+  const Deployment& deployment_;
   Request_budget& requests_;
   Counters& counters_;
   Log& log_;
@@ -85,7 +91,7 @@ std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& 
 Node_server::Node_server(const Node_context& context, Discovery& discovery)
     : context_(context),
       discovery_(discovery),
-      requests_(context.deployment.limits.queued_requests),
+      requests_(context.deployment.limits),
       closed_ports_(context.control.loop()) {}
 
 void Node_server::start_watching() {
@@ -188,10 +194,7 @@ std::shared_ptr<Node_server::Tcp_service_port> Node_server::tcp_port(
 
 bool Node_server::admit_connection(const Address& peer) {
   const Deployment& deployment = context_.deployment;
-  const bool allowed = std::ranges::any_of(deployment.services, [&](const auto& service) {
-    return allows(service.allowed_peers, peer);
-  });
-  if (!allowed) return false;
+  if (!deployment.allows_peer(peer)) return false;
   const std::lock_guard lock(ports_mutex_);
   std::size_t count = 0, of_peer = 0;
   for (const auto& [number, port] : tcp_ports_) {

@@ -238,7 +238,7 @@ void Service_table::dispatch(Received message,
     return;
   }
   counters.requests_received.add();
-  Request_budget::Place place(budget);
+  Request_budget::Place place(budget, message.payload.size());
   if (!place) {
     counters.refused_requests.add();
     return;

@@ -1,4 +1,4 @@
-#include "binding/codec.h"
+#include "binding/tlv_codec.h"
 
 namespace binding {
 
