@@ -130,7 +130,7 @@ int main(int argc, char** argv) try {
       app.add_subcommand("doctor", "Say why positions are missing or wrong, and what mends it");
   doctor_command->add_flag("--json", doctor.json, "As a JSON object");
   doctor_command->add_flag("--list", doctor.list, "Print the table of checks instead");
-  add_node(*doctor_command, doctor.node);
+  doctor_command->add_option("--node", doctor.node, "Node of the manifest")->capture_default_str();
 
   if (const auto code = tools::parse(app, argc, argv)) return *code;
   if (doctor_command->parsed()) return posctl::examine(doctor);
