@@ -1,9 +1,9 @@
 /// Manifest and programs.
 #include <algorithm>
 #include <fstream>
-#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 #include "platform/linux/com/manifest.h"
@@ -37,8 +37,10 @@ std::map<std::string, Json> shared_values(const std::string& text) {
 
 std::string manifest_text(const std::string& file) {
   if (file.empty()) return std::string(tq::com::built_in_manifest());
-  std::ifstream stream(file);
-  return {std::istreambuf_iterator<char>(stream), {}};
+  const std::ifstream stream(file);
+  std::ostringstream text;
+  text << stream.rdbuf();
+  return text.str();
 }
 
 std::string file_name(const std::string& manifest) {

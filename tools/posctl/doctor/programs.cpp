@@ -35,9 +35,13 @@ constexpr std::array known_programs{
 /// The kernel cuts the name of a command.
 constexpr std::size_t longest_command = 15;
 
+/// Empty if it cannot be read: a process may end at any moment.
 std::string text_of(const fs::path& file) {
-  std::ifstream stream(file, std::ios::binary);
-  return {std::istreambuf_iterator<char>(stream), {}};
+  const std::ifstream stream(file, std::ios::binary);
+  std::ostringstream text;
+  // Unlike an iterator of the buffer, this keeps the error in the stream and does not throw.
+  text << stream.rdbuf();
+  return text.str();
 }
 
 std::string target_of(const fs::path& link) {
