@@ -215,11 +215,25 @@ Run add_exporter(CLI::App& command) {
   return with(std::move(options), exporter);
 }
 
+Run add_doctor(CLI::App& command) {
+  auto options = std::make_shared<Doctor_options>();
+  command.add_flag("--json", options->json, "As a JSON object");
+  command.add_flag("--list", options->list, "Print the table of checks instead");
+  command.add_option("--node", options->node, "Node of the manifest")
+      ->type_name("NAME")
+      ->capture_default_str();
+  return with(std::move(options), examine);
+}
+
 constexpr std::array table{
     Command{"status", "Say whether the application is healthy, and why not",
             "The first line is the verdict: healthy, degraded or failed, with the reason.\n"
             "The exit code is 0 if the application is healthy, 1 if it is degraded or failed.",
             "posctl status --watch", add_status},
+    Command{"doctor", "Say why positions are missing or wrong, and what mends it",
+            "Looks for three seconds at machine, manifest, network and application.\n"
+            "The exit code is 1 if something is wrong, 2 if it could not look.",
+            "posctl doctor", add_doctor},
     Command{"watch", "Print each position as it comes",
             "Says also when nothing comes, and why. rate: over the last 32 positions.",
             "posctl watch -o wide", add_watch},

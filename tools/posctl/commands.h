@@ -151,4 +151,13 @@ struct Exporter_options {
 /// Answers Prometheus over HTTP until it is interrupted.
 int exporter(const Exporter_options& options);
 
+struct Doctor_options {
+  bool json = false;
+  bool list = false;  ///< prints the table of checks instead
+  std::string node = "posctl";
+};
+/// Looks for three seconds at most for the reason why positions are missing or wrong. Returns 1 if
+/// it finds one, 2 if it could not look.
+int examine(const Doctor_options& options);
+
 }  // namespace posctl
