@@ -18,7 +18,6 @@ import unittest
 
 from desk import BUILD, DEADLINE, SOURCE
 
-MARK = "end-of-command"
 # Their output depends on what has arrived, so they are repeated until it is that of the page.
 REPEATED = re.compile(r"posctl (peers|doctor|discover)|grep ")
 
@@ -50,33 +49,32 @@ class Machine:
         self.shell = None
 
     def start(self):
-        (self.folder / "scripts").mkdir(parents=True)
-        (self.folder / "build").mkdir()
         for link, target in (("build/release", BUILD), ("config", SOURCE / "config"), ("docs", SOURCE / "docs")):
+            (self.folder / link).parent.mkdir(parents=True, exist_ok=True)
             (self.folder / link).symlink_to(target)
         run = self.folder / "scripts/run"  # installs and builds nothing
+        run.parent.mkdir()
         run.write_text(f'#!/bin/sh\nexec python3 {SOURCE}/scripts/run_on_loopback.py --build build/release "$@"\n')
         run.chmod(0o755)
         programs = [str(BUILD / part) for part in ("app", "tools/posctl", "tools/gnss-gateway")]
         self.shell = subprocess.Popen(
             ["ip", "netns", "exec", self.name, "bash"], cwd=self.folder, bufsize=0,
             env={**os.environ, "HOME": str(self.folder), "POS_STATE_BUS": "none", "DLT_PIPE_DIR": str(self.folder),
-                 "PATH": ":".join([*programs, os.environ["PATH"]])},
+                 "POS_RUNTIME_DIR": str(self.folder), "PATH": ":".join([*programs, os.environ["PATH"]])},
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.run('sudo() { "$@"; }')
 
     def run(self, command):
         """Returns the exit code and the lines of output."""
-        self.shell.stdin.write(f"{command}\necho {MARK} $?\n".encode())
-        output = ""
-        while not (end := re.search(rf"{MARK} (\d+)\n$", output)):
-            if not select.select([self.shell.stdout], [], [], DEADLINE)[0]:
-                raise AssertionError(f"no end within {DEADLINE:g} s: {command}\n{output}")
-            read = os.read(self.shell.stdout.fileno(), 65536)
-            if not read:
-                raise AssertionError(f"the shell has ended: {command}\n{output}")
-            output += read.decode()
-        return int(end[1]), output[: end.start()].splitlines()
+        self.shell.stdin.write(f"{command}\necho end-of-command $?\n".encode())
+        output = b""
+        while not (end := re.search(rb"end-of-command (\d+)\n$", output)):
+            ready = select.select([self.shell.stdout], [], [], DEADLINE)[0]
+            read = os.read(self.shell.stdout.fileno(), 65536) if ready else b""
+            if not read:  # too slow, or the shell has ended
+                raise AssertionError(f"no end: {command}\n{output.decode(errors='replace')}")
+            output += read
+        return int(end[1]), output[: end.start()].decode().splitlines()
 
     def close(self):
         for pid in ip("netns", "pids", self.name).split():
@@ -119,7 +117,7 @@ class Commands(unittest.TestCase):
     def test_tutorial(self):
         self.play("tutorial.md")
 
-    def test_network(self):
+    def test_two_machines(self):
         self.play("network.md")
 
     def test_receivers(self):
