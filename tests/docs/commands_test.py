@@ -110,6 +110,7 @@ class Commands(unittest.TestCase):
                 told = "".join(masked(line) + "\n" for line in output)
                 if re.fullmatch("".join(lines), told) and (shown or code == 0):
                     break
+                time.sleep(0.05)
                 if not REPEATED.match(command) or time.monotonic() > end:
                     self.fail(f"{page}, {machine}: {command} (exit code {code})\n" + "\n".join(output)
                               + "\n--- the page shows\n" + "\n".join(shown))
