@@ -97,6 +97,10 @@ def wire_seeds():
     write("stream_reader", "cookie_and_messages", b"\x04\x00\x05\x30\x00" + cookie + request + event)
     write("stream_reader", "resynchronised", b"\x04\x00\x07\x00" + request + b"noise" * 5 + cookie + event)
     write("stream_reader", "too_long", b"\x00\x10\x00" + event + cookie + request)
+    # Bound of a message, length of the pieces less one, the stream.
+    frames = b"\x00\x00\x00\x00" + messages["offer"] + b"\x02\x00\x77\x10" + request + b"\x03\x00\x77\x10" + event
+    write("local_frame", "frames", b"\x04\x00\x06" + frames)
+    write("local_frame", "broken", b"\x04\x00\x06" + frames + b"\x04" + frames)
 
 
 # Steps of the sequences; each mirrors what the target reads

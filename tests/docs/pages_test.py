@@ -111,7 +111,7 @@ class Pages(unittest.TestCase):
         for folder in ("app", "persistency", "platform", "tools"):
             for source in (SOURCE / folder).rglob("*.[hc]*"):
                 text = source.read_text(encoding="utf-8")
-                asked_for |= set(re.findall(r'(?:getenv|environment)\("(POS_\w+)"', text))
+                asked_for |= set(re.findall(r'(?:getenv|environment|variable)\("(POS_\w+)"', text))
         self.assertEqual(told, asked_for)
 
     def test_links_lead_to_a_page_and_to_a_heading_of_it(self):

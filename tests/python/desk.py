@@ -52,6 +52,7 @@ class Desk:
         manifest = manifest.replace('"127.0.0.', f'"127.{network}.0.')
         self.manifest = json.loads(manifest)
         self.manifest["serviceDiscovery"]["multicastAddress"] = f"239.192.{network}.77"
+        self.manifest["nodes"]["POS"]["localSocket"] = False  # what is tested is the network
         for node in self.manifest["nodes"].values():
             node["requestTimeoutMs"] = 20_000  # on a busy machine
         self.write_manifest()
@@ -59,6 +60,7 @@ class Desk:
             **os.environ,
             "POS_MANIFEST": str(self.path / "manifest.json"),
             "POS_STORAGE_DIR": str(self.path / "storage"),
+            "POS_RUNTIME_DIR": str(self.path),
             "POS_STATE_BUS": "none",
             "DLT_PIPE_DIR": str(self.path),  # no daemon there: the log goes to standard error
         }

@@ -88,6 +88,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
     one.key = {vehicle, instance, 1};
     one.endpoints.udp = endpoint(1, 1000);
     one.groups = {{tick, by_udp()}, {value, by_udp()}};
+    one.allowed_peers = deployment.services.front().allowed_peers;
     discovery().offer(one, now);
   }
   void stop_offer() { discovery().stop_offer({vehicle, 1, 1}, now); }
@@ -144,6 +145,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
     says(wish(0));
     return offer_used;
   }
+  void local_client_lost(int peer) { discovery().local_client_lost(endpoint(peer, 1), now); }
   void link(bool up) { discovery().link_changed(up, now); }
 
   /// What happens in the first N milliseconds after the start.
@@ -162,6 +164,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
     search();
     says(offered(), to_all);
     subscribe();
+    until(100);
     says(answer());
     until(300);
   }
@@ -173,7 +176,9 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
   Counters counters;
 
  private:
+  /// A negative host is a client of the Unix socket.
   static Endpoint endpoint(int host, std::uint16_t port) {
+    if (host < 0) return {local_address(static_cast<std::uint32_t>(-host), true), 1};
     return {boost::asio::ip::make_address("10.0.0." + std::to_string(host)), port};
   }
   Discovery& discovery() {
@@ -267,7 +272,7 @@ TEST_F(Discovery_test, offers_wait_repeat_with_a_delay_that_doubles_and_go_on_cy
   stop_offer();
   offer();
   timing.repetitions_max = 0;
-  EXPECT_EQ(until(1400), "1000 all: stop-offer v1 | 1080 all: offer v1 | 1330 all: offer v1");
+  EXPECT_EQ(until(1400), "1010 all: stop-offer v1 | 1080 all: offer v1 | 1330 all: offer v1");
   timing.cyclic_offer_delay = Milliseconds(0);
   EXPECT_EQ(until(9000), "1580 all: offer v1");
 }
@@ -278,7 +283,7 @@ TEST_F(Discovery_test, initial_delays_are_drawn_from_their_range_each_time) {
   std::set<int> delays;
   for (int begin = 0; begin < 20'000; begin += 1000) {
     offer();
-    delays.insert(std::stoi(until(begin + 999)) - begin);
+    delays.insert(std::stoi(until(begin + 900)) - begin);
     stop_offer();
     until(begin + 1000);
   }
@@ -301,6 +306,42 @@ TEST_F(Discovery_test, what_begins_together_travels_together_and_an_offer_ends_i
             "offer v1 offer v2 find o*");
 }
 
+TEST_F(Discovery_test, what_the_process_does_in_a_row_travels_together_in_its_order) {
+  offer();
+  offer(2);
+  search();
+  until(1000);
+  says({offered(), offered(forever, 2)});
+  subscribe();
+  subscribe(unknown);
+  until(1008);
+  EXPECT_EQ(happened(), "");
+  unsubscribe(unknown);  // has not left yet
+  subscribe(value);
+  EXPECT_EQ(until(1100), "1010 to 2: subscribe r1/7! subscribe r1/8!");
+  unsubscribe(value);
+  unsubscribe();
+  stop_offer();
+  subscribe(value);
+  EXPECT_EQ(until(1200),
+            "1110 to 2: stop r1/8 stop r1/7 subscribe r1/8! | 1110 all: stop-offer v1");
+  subscribe();
+  EXPECT_EQ(says(offered()), "1200 to 2: subscribe r1/7! subscribe r1/8!")
+      << "the offer comes first";
+  unsubscribe();
+  EXPECT_EQ(says(find()), "1200 to 2: stop r1/7 offer v2") << "as much as fits into a datagram";
+  unsubscribe(value);
+  link(false);
+  EXPECT_EQ(until(1300).find("to 2"), std::string::npos);
+  link(true);
+  says(offered());
+  for (std::uint16_t group = 100; group < 300; ++group)
+    subscribe(group);
+  const auto entries = until(1350);
+  EXPECT_EQ(std::ranges::count(entries, '!'), 200);
+  EXPECT_EQ(std::ranges::count(entries, ':'), 3) << "datagrams of at most 1400 bytes";
+}
+
 TEST_F(Discovery_test, a_search_sends_one_find_even_for_a_known_offer) {
   EXPECT_EQ(says(offered(), to_all), "0 found r1");
   search();
@@ -320,7 +361,7 @@ TEST_F(Discovery_test, multicast_finds_are_answered_after_a_delay_and_others_at_
   EXPECT_EQ(until(1200), "1110 all: offer v1");
   says(find(), to_all);
   stop_offer();
-  EXPECT_EQ(until(9000), "1200 all: stop-offer v1");  // no late offer
+  EXPECT_EQ(until(9000), "1210 all: stop-offer v1");  // no late offer
 }
 
 TEST_F(Discovery_test, delays_of_answers_are_drawn_from_their_range) {
@@ -362,13 +403,13 @@ TEST_F(Discovery_test, each_offer_brings_one_renewal_without_initial_data) {
   EXPECT_EQ(until(2000), "1010 to 2: subscribe r1/7");
   says(answer());
   subscribe();  // a second user wants the values again
-  EXPECT_EQ(happened(), "2000 to 2: stop r1/7 subscribe r1/7!");
+  EXPECT_EQ(until(2100), "2010 to 2: stop r1/7 subscribe r1/7!");
   says(answer());
-  EXPECT_EQ(says(offered()), "2000 to 2: subscribe r1/7");  // wants them once
+  EXPECT_EQ(says(offered()), "2100 to 2: subscribe r1/7");  // wants them once
   unsubscribe();
-  EXPECT_EQ(happened(), "");
+  EXPECT_EQ(until(2200), "");
   unsubscribe();
-  EXPECT_EQ(happened(), "2000 to 2: stop r1/7");
+  EXPECT_EQ(until(2300), "2210 to 2: stop r1/7");
   EXPECT_EQ(says(offered()), "");
 }
 
@@ -511,8 +552,8 @@ TEST_F(Discovery_test,
   EXPECT_EQ(until(7000), "6000 0 use v1/8");  // the others are endless
   EXPECT_EQ(says(wish(0)), "7000 1 use v1/7");
   stop_offer();
-  EXPECT_EQ(happened(), "7000 0 use v1/7 | 7000 all: stop-offer v1");
-  EXPECT_EQ(says(wish()), "7000 to 2: refuse v1/7");
+  EXPECT_EQ(until(7100), "7000 0 use v1/7 | 7010 all: stop-offer v1");
+  EXPECT_EQ(says(wish()), "7100 to 2: refuse v1/7");
 }
 
 TEST_F(Discovery_test, an_instance_stays_with_its_provider_and_newcomers_past_a_bound_are_refused) {
@@ -547,6 +588,28 @@ TEST_F(Discovery_test,
   link(true);
   EXPECT_EQ(until(9200), "9080 all: offer v1 find r* | 9130 all: offer v1 find r*");
   EXPECT_EQ(says(offered()), "9200 found r1 | 9200 to 2: subscribe r1/7!");
+}
+
+TEST_F(Discovery_test, clients_of_the_unix_socket_need_no_place_on_a_list_no_link_and_no_renewal) {
+  for (auto& service : deployment.services)
+    service.allowed_peers = {boost::asio::ip::make_address("10.0.0.9")};
+  timing.longest_subscribe_ttl = 5;
+  offer();
+  const By local{.peer = -7};
+  EXPECT_EQ(says(find(), local), "") << "in the initial wait";
+  until(1000);
+  EXPECT_EQ(says(wish()), "");
+  says(find(), {.peer = -7, .multicast = true});
+  EXPECT_EQ(until(1100), "1010 to 7: offer v1");
+  EXPECT_EQ(says(wish(3), local),
+            "1100 1 use v1/7 | 1100 to 7: accept v1/7 | 1100 values for 1 v1/7");
+  link(false);
+  EXPECT_EQ(until(100'000), "");
+  EXPECT_EQ(says({find(), wish(3, value)}, {.peer = -8, .session = 1}),
+            "100000 1 use v1/8 | 100000 to 8: offer v1 accept v1/8 | 100000 values for 1 v1/8");
+  EXPECT_EQ(says(offered(), {.peer = -8, .session = 1}), "") << "clients provide nothing";
+  local_client_lost(-7);
+  EXPECT_EQ(happened(), "100000 0 use v1/7");
 }
 
 TEST_F(Discovery_test, a_find_costs_no_more_when_many_answers_wait) {
@@ -602,7 +665,7 @@ TEST_F(Discovery_test, options_that_name_no_usable_endpoint_refuse_the_entry) {
     EXPECT_FALSE(usable(own, beyond)) << beyond;
   EXPECT_FALSE(usable("", all_of(1)));
   node.prefix_length = 0;
-  for (const auto& option : {at("00000000"), at("ef010203"), at("0a000001")})
+  for (const auto& option : {at("00000000"), at("ef010203"), at("0a000001"), at("00000007")})
     EXPECT_FALSE(usable(option, all_of(1))) << option;
 }
 

@@ -93,9 +93,9 @@ class Tools(unittest.TestCase):
             (POSCTL, ("watch", "--count", 1, "--timeout", 0.3),
              "posctl: after 0.3 s: no Positioning service was offered"),
             (POSCTL, ("status", "--timeout", 0.3), "posctl: the application does not answer: no instance of "
-             "lumo::services::positioning::Positioning is offered\n"),
+             "lumo::services::positioning::Positioning is offered (over the network as node posctl)\n"),
             (POSCTL, ("stats", "--timeout", 0.3),
-             "posctl: no instance of mw::com::runtime::Statistics is offered\n"),
+             "posctl: no instance of mw::com::runtime::Statistics is offered (over the network as node posctl)\n"),
             (GATEWAY, ("--nmea", missing), f'gnss-gateway: cannot read "{missing}": No such file'),
             (GATEWAY, ("--nmea", empty, "--loop"), "holds no NMEA 0183 sentence"),
         ):

@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <string>
 
+#include "tools/posctl/way.h"
+
 namespace posctl {
 
 struct Watch_options {
@@ -12,7 +14,7 @@ struct Watch_options {
   std::uint64_t count = 0;  ///< lines; 0: until interrupted
   double timeout = 0;       ///< seconds; 0: none
   std::string field;        ///< "positions" or "posMapInfo"; empty: both
-  std::string node = "posctl";
+  Way_options way;
 };
 /// Prints each notification of the Positioning service on a line.
 int watch(const Watch_options& options);
@@ -24,7 +26,7 @@ struct Read_options {
   std::string data_identifier;
   bool json = false;
   double timeout = 5;  ///< seconds
-  std::string node = "posctl";
+  Way_options way;
 };
 /// Reads a diagnostic data identifier. Throws tools::Usage_error for an unknown one.
 int read(const Read_options& options);
@@ -33,7 +35,7 @@ struct Monitor_options {
   bool json = false;
   std::uint64_t count = 0;  ///< lines; 0: until interrupted
   double timeout = 0;       ///< seconds; 0: none
-  std::string node = "posctl";
+  Way_options way;
 };
 /// Prints each action that a diagnostic monitor reports on a line.
 int monitors(const Monitor_options& options);
@@ -42,7 +44,7 @@ struct Init_monitor_options {
   std::string monitor;  ///< name or identifier
   unsigned reason = 0;  ///< number of mw::dm::dem::InitMonitorReason
   double timeout = 5;   ///< seconds
-  std::string node = "posctl";
+  Way_options way;
 };
 /// Does what the diagnostic event manager does when it initialises a monitor. Throws
 /// tools::Usage_error for an unknown monitor.
@@ -59,7 +61,7 @@ int request_state(const State_options& options);
 struct Look_options {
   bool json = false;
   double timeout = 5;  ///< seconds
-  std::string node = "posctl";
+  Way_options way;
 };
 /// Prints every counter of the application's runtime, its memory, threads and uptime, the ages of
 /// its positions and the state of its clock.

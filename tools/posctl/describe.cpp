@@ -130,6 +130,7 @@ Json to_json(const someip::Node_deployment& node) {
   add_numbers(json, node);
   json["clientId"] = hexadecimal(node.client_id);
   json["watchLink"] = node.watch_link;
+  json["localSocket"] = node.local_socket;
   return json;
 }
 

@@ -70,6 +70,12 @@ class Group_listener {
       error = socket_.join(discovery.multicast_address, address);
       if (!error) return;
     }
+    // A listener needs no address of its own: that of another node of this machine serves too.
+    for (const someip::Node_deployment& other : deployment.nodes) {
+      for (const Address& address : other.addresses) {
+        if (!socket_.join(discovery.multicast_address, address)) return;
+      }
+    }
     throw std::runtime_error("cannot join " + discovery.multicast_address.to_string() +
                              " on an address of node \"" + node + "\": " + error.message());
   }

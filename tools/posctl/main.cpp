@@ -12,8 +12,10 @@
 
 namespace {
 
-void add_node(CLI::App& command, std::string& node) {
-  command.add_option("--node", node, "Node of the manifest")->capture_default_str();
+void add_way(CLI::App& command, posctl::Way_options& way) {
+  command.add_option("--connect", way.connect,
+                     "The application's Unix socket or, over the network, its IP address");
+  command.add_option("--node", way.node, "Use the network, as this node of the manifest");
 }
 void add_answer_timeout(CLI::App& command, double& timeout) {
   command.add_option("--timeout", timeout, "Seconds to wait for service and answer")
@@ -28,13 +30,13 @@ void add_stream_options(CLI::App& command, Options& options) {
   command
       .add_option("--timeout", options.timeout, "Seconds after which to give up with exit code 1")
       ->transform(tools::number(0.0, 1e9));
-  add_node(command, options.node);
+  add_way(command, options.way);
 }
 
 void add_look_options(CLI::App& command, posctl::Look_options& options) {
   command.add_flag("--json", options.json, "As a JSON object");
   add_answer_timeout(command, options.timeout);
-  add_node(command, options.node);
+  add_way(command, options.way);
 }
 
 /// The values of an enumeration, for an option that takes names.
@@ -71,7 +73,7 @@ int main(int argc, char** argv) try {
   read_command->add_option("did", read.data_identifier, "Such as d_14a0")->required();
   read_command->add_flag("--json", read.json, "As a JSON object");
   add_answer_timeout(*read_command, read.timeout);
-  add_node(*read_command, read.node);
+  add_way(*read_command, read.way);
 
   posctl::Monitor_options monitors;
   auto* monitors_command =
@@ -88,7 +90,7 @@ int main(int argc, char** argv) try {
       ->required()
       ->transform(CLI::CheckedTransformer(numbers_by_name<mw::dm::dem::InitMonitorReason>()));
   add_answer_timeout(*init_monitor_command, init_monitor.timeout);
-  add_node(*init_monitor_command, init_monitor.node);
+  add_way(*init_monitor_command, init_monitor.way);
 
   posctl::State_options state;
   auto* state_command = app.add_subcommand("state", "Ask for a component state over D-Bus");
@@ -119,7 +121,8 @@ int main(int argc, char** argv) try {
       ->transform(tools::number(0.0, 1e6));
   discover_command->add_flag("--follow", discover.follow, "A line for each change");
   discover_command->add_flag("--json", discover.json, "As JSON");
-  add_node(*discover_command, discover.node);
+  discover_command->add_option("--node", discover.node, "Node of the manifest")
+      ->capture_default_str();
 
   posctl::Look_options status;
   auto* status_command = app.add_subcommand("status", "Print the application's state on one page");

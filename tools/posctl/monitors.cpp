@@ -1,13 +1,11 @@
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <map>
 #include <memory>
 #include <string>
 
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "diagnosisService/monitor_table.h"
-#include "mw/com/runtime.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/command.h"
@@ -77,12 +75,9 @@ std::uint16_t instance_of(const std::string& text) {
                            "\"; one such as POS_Input_GNSS or 0x83D101 is expected");
 }
 
-}  // namespace
-
-int monitors(const Monitor_options& options) {
-  tools::Stop_signal stop_signal;
+/// Until it is interrupted, or `options` are fulfilled or exceeded.
+void print_monitors(const Monitor_options& options, tools::Stop_signal& stop_signal) {
   const auto names = monitors_by_instance();
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
   Printer printer(options.count);
   // Only the handler of the search uses it until the search has ended.
   std::map<std::uint16_t, std::unique_ptr<DiagnosticMonitorProxy>> proxies;
@@ -114,24 +109,29 @@ int monitors(const Monitor_options& options) {
   proxies.clear();
   printer.check();
 
-  if (!timed_out || (options.count == 0 && found)) return 0;
-  if (!found) {
-    std::fprintf(stderr, "posctl: after %g s: no monitor was offered\n", options.timeout);
-  } else {
-    std::fprintf(stderr, "posctl: after %g s: %ju of %ju monitor actions came\n", options.timeout,
-                 static_cast<std::uintmax_t>(printer.printed()),
-                 static_cast<std::uintmax_t>(options.count));
-  }
-  return 1;
+  if (!timed_out || (options.count == 0 && found)) return;
+  throw std::runtime_error(text_after(options.timeout) +
+                           (!found ? std::string("no monitor was offered")
+                                   : std::to_string(printer.printed()) + " of " +
+                                         std::to_string(options.count) + " monitor actions came"));
+}
+
+}  // namespace
+
+int monitors(const Monitor_options& options) {
+  tools::Stop_signal stop_signal;  // before the runtime has threads
+  on_the_way(options.way, [&] { print_monitors(options, stop_signal); });
+  return 0;
 }
 
 int init_monitor(const Init_monitor_options& options) {
   const auto instance = instance_of(options.monitor);
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
-  const auto deadline = deadline_in(options.timeout);
-  const auto proxy = connect<DiagnosticMonitorProxy>(DiagnosticMonitor::name, deadline, instance);
-  result_of(proxy->InitMonitor(static_cast<InitMonitorReason>(options.reason)),
-            DiagnosticMonitor::InitMonitor.name, deadline);
+  on_the_way(options.way, [&] {
+    const auto deadline = deadline_in(options.timeout);
+    const auto proxy = connect<DiagnosticMonitorProxy>(DiagnosticMonitor::name, deadline, instance);
+    result_of(proxy->InitMonitor(static_cast<InitMonitorReason>(options.reason)),
+              DiagnosticMonitor::InitMonitor.name, deadline);
+  });
   return 0;
 }
 

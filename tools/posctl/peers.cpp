@@ -4,7 +4,6 @@
 #include <ctime>
 #include <string>
 
-#include "mw/com/runtime.h"
 #include "mw/com/statistics.h"
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/command.h"
@@ -166,10 +165,11 @@ void print_consumed(Page& page, const Json& json) {
 }  // namespace
 
 int peers(const Look_options& options) {
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
-  const auto deadline = deadline_in(options.timeout);
-  const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
-  const Json json = json_of(result_of(service->Peers(), Statistics::Peers.name, deadline));
+  const Json json = on_the_way(options.way, [&] {
+    const auto deadline = deadline_in(options.timeout);
+    const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
+    return json_of(result_of(service->Peers(), Statistics::Peers.name, deadline));
+  });
   if (options.json) {
     tools::write_output(json.dump() + "\n");
     return 0;

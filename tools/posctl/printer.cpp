@@ -3,8 +3,10 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <system_error>
 
 #include "tools/command.h"
@@ -62,6 +64,12 @@ bool Printer::wait(tools::Stop_signal& stop_signal, double seconds) const {
   const auto wake = stop_signal.wait_until(end, finished_);
   eventfd_write(cancelled_, 1);
   return wake == tools::Stop_signal::Wake::due;
+}
+
+std::string text_after(double seconds) {
+  std::array<char, 48> text{};
+  std::snprintf(text.data(), text.size(), "after %g s: ", seconds);
+  return text.data();
 }
 
 }  // namespace posctl

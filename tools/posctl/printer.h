@@ -39,4 +39,7 @@ class Printer {
   std::exception_ptr failure_;
 };
 
+/// "after 5 s: ", for the message of a command that gives up.
+[[nodiscard]] std::string text_after(double seconds);
+
 }  // namespace posctl

@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "diagnosisService/data_identifiers.h"
-#include "mw/com/runtime.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
@@ -68,8 +67,8 @@ int read(const Read_options& options) {
     throw tools::Usage_error("there is no data identifier \"" + options.data_identifier +
                              "\"; expected one of " + known);
   }
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
-  const Json json = entry->read(deadline_in(options.timeout));
+  const Json json =
+      on_the_way(options.way, [&] { return entry->read(deadline_in(options.timeout)); });
   if (options.json) {
     tools::write_output(json.dump() + "\n");
     return 0;

@@ -1,7 +1,6 @@
 #include <array>
 #include <cstdio>
 
-#include "mw/com/runtime.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/statistics_page.h"
@@ -104,10 +103,11 @@ void print_counters(Page& page, const Json& counters) {
 }
 
 int stats(const Look_options& options) {
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
-  const auto deadline = deadline_in(options.timeout);
-  const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
-  const Json json = read_statistics(*service, deadline);
+  const Json json = on_the_way(options.way, [&] {
+    const auto deadline = deadline_in(options.timeout);
+    const auto service = connect<Statistics_proxy>(Statistics::name, deadline);
+    return read_statistics(*service, deadline);
+  });
   if (options.json) {
     tools::write_output(json.dump() + "\n");
     return 0;

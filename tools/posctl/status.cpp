@@ -7,7 +7,6 @@
 
 #include "ara/time/slave_time_base.h"
 #include "binding/timestamp.h"
-#include "mw/com/runtime.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
@@ -199,13 +198,13 @@ std::string page_of(const Json& json) {
 }  // namespace
 
 int status(const Look_options& options) {
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
-  Json json;
-  try {
-    json = read_all(deadline_in(options.timeout));
-  } catch (const std::exception& error) {
-    throw std::runtime_error(std::string("the application does not answer: ") + error.what());
-  }
+  const Json json = on_the_way(options.way, [&] {
+    try {
+      return read_all(deadline_in(options.timeout));
+    } catch (const std::exception& error) {
+      throw std::runtime_error(std::string("the application does not answer: ") + error.what());
+    }
+  });
   tools::write_output(options.json ? json.dump() + "\n" : page_of(json));
   return 0;
 }

@@ -1,13 +1,12 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstdio>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "binding/codec.h"
-#include "mw/com/runtime.h"
 #include "posService/Positioning.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/printer.h"
@@ -46,11 +45,7 @@ std::string missing(const Watch_options& options, bool found, std::uint64_t prin
   return printed == 0 ? "the Positioning service sent no " + what : "";
 }
 
-}  // namespace
-
-int watch(const Watch_options& options) {
-  tools::Stop_signal stop_signal;
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
+void print_notifications(const Watch_options& options, tools::Stop_signal& stop_signal) {
   Printer printer(options.count);
   std::atomic<bool> found = false;
   // Touched by the search's handler only, until that has ended.
@@ -81,11 +76,17 @@ int watch(const Watch_options& options) {
   proxy.reset();
   printer.check();
 
-  if (!timed_out) return 0;
+  if (!timed_out) return;
   const auto text = missing(options, found, printer.printed());
-  if (text.empty()) return 0;
-  std::fprintf(stderr, "posctl: after %g s: %s\n", options.timeout, text.c_str());
-  return 1;
+  if (!text.empty()) throw std::runtime_error(text_after(options.timeout) + text);
+}
+
+}  // namespace
+
+int watch(const Watch_options& options) {
+  tools::Stop_signal stop_signal;  // before the runtime has threads
+  on_the_way(options.way, [&] { print_notifications(options, stop_signal); });
+  return 0;
 }
 
 }  // namespace posctl

@@ -15,4 +15,11 @@ namespace tq::com {
 [[nodiscard]] std::unique_ptr<Runtime> make_runtime(someip::Deployment deployment,
                                                     const std::string& node);
 
+/// The same without an address: the node reaches the services of the process that listens at the
+/// Unix socket `path`, and no others. It provides none. It waits for the socket and connects again
+/// after a loss.
+[[nodiscard]] std::unique_ptr<Runtime> make_local_runtime(someip::Deployment deployment,
+                                                          const std::string& node,
+                                                          const std::string& path);
+
 }  // namespace tq::com

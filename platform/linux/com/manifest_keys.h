@@ -80,6 +80,7 @@ constexpr auto manifest_keys(const someip::Limits* /*section*/) {
       Manifest_key{"messageBytes", &Limits::message_bytes, 1500, most_bytes},
       Manifest_key{"tcpConnections", &Limits::tcp_connections, 1, many},
       Manifest_key{"tcpConnectionsPerAddress", &Limits::tcp_connections_per_address, 1, many},
+      Manifest_key{"localConnections", &Limits::local_connections, 1, many},
       Manifest_key{"tcpSendQueueBytes", &Limits::tcp_send_queue_bytes, 1500, most_bytes},
       Manifest_key{"pendingCalls", &Limits::pending_calls, 1, 0xFFFE},
       Manifest_key{"entriesPerDiscoveryMessage", &Limits::entries_per_discovery_message, 1, 4096},

@@ -125,6 +125,7 @@ class Nodes {
     const auto client_id = members.find("clientId");
     if (client_id) client_ids_.add(node.client_id, *client_id);
     if (const auto watch = members.find("watchLink")) node.watch_link = watch->boolean();
+    if (const auto local = members.find("localSocket")) node.local_socket = local->boolean();
     members.done();
     return client_id.has_value();
   }

@@ -14,6 +14,7 @@
 #include "mw/com/static_thread_pool.h"
 #include "platform/linux/com/consumer.h"
 #include "platform/linux/com/element_ids.h"
+#include "platform/linux/com/local_socket.h"
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
@@ -105,6 +106,10 @@ class Someip_runtime final : public Runtime {
                                ".instances: none has the specifier \"" + std::string(specifier) +
                                "\"");
     }
+    if (!node_deployment_.through.empty()) {
+      throw std::runtime_error("a node that uses the Unix socket " + node_deployment_.through +
+                               " provides no service");
+    }
     if (found->node != node_deployment_.name) {
       throw std::runtime_error(deployment_.source + ": services." + deployed.name +
                                ".instances: \"" + found->specifier + "\" belongs to node \"" +
@@ -180,6 +185,24 @@ std::atomic<Runtime*> the_runtime{nullptr};
 }  // namespace
 
 std::unique_ptr<Runtime> make_runtime(someip::Deployment deployment, const std::string& node) {
+  const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
+  if (found != deployment.nodes.end() && found->local_socket && found->socket_path.empty()) {
+    found->socket_path = own_socket_path(node);
+  }
+  return std::make_unique<Someip_runtime>(std::move(deployment), node);
+}
+
+std::unique_ptr<Runtime> make_local_runtime(someip::Deployment deployment,
+                                            const std::string& node,
+                                            const std::string& path) {
+  const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
+  if (found != deployment.nodes.end()) {
+    found->through = path;
+    found->addresses = {someip::local_address(1, deployment.discovery.multicast_address.is_v4())};
+  }
+  // The connection ends what it carries, no time does.
+  deployment.discovery.subscribe_ttl = someip::endless_ttl;
+  deployment.discovery.longest_offer_ttl = someip::endless_ttl;
   return std::make_unique<Someip_runtime>(std::move(deployment), node);
 }
 
@@ -218,6 +241,14 @@ Component_singleton::Component_singleton(const std::string& name, bool passive) 
   } else {
     runtime_ = tq::com::make_runtime(std::move(deployment), node);
   }
+  tq::com::Runtime* none = nullptr;
+  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
+    throw std::logic_error("there is a Component_singleton already");
+  }
+}
+
+Component_singleton::Component_singleton(std::unique_ptr<tq::com::Runtime> runtime)
+    : runtime_(std::move(runtime)) {
   tq::com::Runtime* none = nullptr;
   if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
     throw std::logic_error("there is a Component_singleton already");

@@ -27,7 +27,7 @@ struct Counters {
   Counter requests_received, requests_sent;
   Counter responses_received, responses_sent;
   Counter segments_received, segments_sent;
-  Counter tcp_accepted, tcp_connected, tcp_lost, tcp_resynchronised;
+  Counter tcp_accepted, tcp_connected, tcp_lost, tcp_resynchronised, local_accepted;
   Counter peer_restarts, offers_expired, subscriptions_expired, subscriptions_closed, links_lost;
   Counter subscriptions_accepted, subscriptions_refused;
   Counter calls_timed_out;
@@ -63,6 +63,7 @@ inline constexpr std::array counter_names = {
     Counter_name{"tcpConnected", &Counters::tcp_connected},
     Counter_name{"tcpLost", &Counters::tcp_lost},
     Counter_name{"tcpResynchronised", &Counters::tcp_resynchronised},
+    Counter_name{"localAccepted", &Counters::local_accepted},
     Counter_name{"peerRestarts", &Counters::peer_restarts},
     Counter_name{"offersExpired", &Counters::offers_expired},
     Counter_name{"subscriptionsExpired", &Counters::subscriptions_expired},

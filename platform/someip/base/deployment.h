@@ -50,6 +50,7 @@ struct Limits {
   std::size_t message_bytes = std::size_t{256} * 1024;  ///< one SOME/IP message, header included
   std::size_t tcp_connections = 64;              ///< accepted ones; also bounds outgoing ones
   std::size_t tcp_connections_per_address = 16;  ///< of the accepted connections
+  std::size_t local_connections = 16;            ///< accepted ones of the Unix socket
   std::size_t tcp_send_queue_bytes =
       std::size_t{512} * 1024;  ///< per connection; a slower reader is disconnected
   std::size_t pending_calls = 256;
@@ -140,6 +141,15 @@ struct Node_deployment {
   Milliseconds request_timeout{2000};
   /// If false, the link of the node's interface always counts as up.
   bool watch_link = true;
+  /// Does the node accept clients of its own machine through a Unix socket?
+  bool local_socket = false;
+
+  // The manifest does not name these.
+  std::string socket_path;  ///< of that socket; empty: none
+  /// Path of another node's socket, which this node uses in place of an address of its own; empty:
+  /// it uses the network.
+  std::string through;
+  std::optional<boost::asio::ip::address> only_peer;  ///< ignores the discovery of all others
 };
 
 struct Deployment {

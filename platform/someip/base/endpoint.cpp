@@ -27,8 +27,26 @@ bool is_broadcast(const boost::asio::ip::address_v4& address,
 
 }  // namespace
 
+Address local_address(std::uint32_t number, bool v4) {
+  using namespace boost::asio::ip;
+  const address_v4 address(number);
+  return v4 ? Address(address) : Address(make_address_v6(v4_mapped, address));
+}
+
+bool is_local_address(const Address& address) {
+  constexpr std::uint32_t numbers = 0xFFFFFF;
+  if (address.is_v4()) {
+    const std::uint32_t number = address.to_v4().to_uint();
+    return number != 0 && number <= numbers;
+  }
+  const boost::asio::ip::address_v6 v6 = address.to_v6();
+  return v6.is_v4_mapped() &&
+         is_local_address(boost::asio::ip::make_address_v4(boost::asio::ip::v4_mapped, v6));
+}
+
 bool reachable_peer(const Address& address, const Address& own, unsigned prefix_length) {
-  if (address.is_v4() != own.is_v4() || address.is_unspecified() || address.is_multicast()) {
+  if (address.is_v4() != own.is_v4() || address.is_unspecified() || address.is_multicast() ||
+      is_local_address(address)) {
     return false;
   }
   if (address.is_v4()) {

@@ -39,21 +39,30 @@ struct Endpoint_hash {
   }
 };
 
+/// The address under which a node knows the other end of a Unix socket; `number` is from 1 to
+/// 0xFFFFFF. It is in 0.0.0.0/8, or for IPv6 in the same part of the mapped addresses. The kernel
+/// accepts no datagram and no connection from there.
+[[nodiscard]] Address local_address(std::uint32_t number, bool v4);
+[[nodiscard]] bool is_local_address(const Address& address);
+
 [[nodiscard]] inline std::string to_string(const Endpoint& endpoint) {
+  if (is_local_address(endpoint.address)) return "the Unix socket";
   const std::string address = endpoint.address.to_string();
   return (endpoint.address.is_v6() ? "[" + address + "]" : address) + ":" +
          std::to_string(endpoint.port);
 }
 
-/// True if `address` can be a peer on our link: unicast, specified, in the subnet of `own`. A
-/// prefix length of 0 turns the subnet check off (someipsd_1149).
+/// True if `address` can be a peer on our link: unicast, specified, in the subnet of `own`, not
+/// local. A prefix length of 0 turns the subnet check off (someipsd_1149).
 [[nodiscard]] bool reachable_peer(const Address& address,
                                   const Address& own,
                                   unsigned prefix_length);
 
-/// True if a service's list of peers allows `address`. An empty list allows every address.
+/// True if a service's list of peers allows `address`. An empty list allows every address. The mode
+/// of the Unix socket decides about local addresses, not the list.
 [[nodiscard]] inline bool allows(const std::vector<Address>& list, const Address& address) {
-  return list.empty() || std::ranges::find(list, address) != list.end();
+  return list.empty() || std::ranges::find(list, address) != list.end() ||
+         is_local_address(address);
 }
 
 }  // namespace someip

@@ -77,8 +77,10 @@ bool Discovery::welcome(const Origin& origin) const {
 
 void Discovery::received(Bytes datagram, const Endpoint& from, bool multicast, Time now) {
   counters_.discovery_received.add();
-  if (!link_up_) return;  // still in the socket when the link was lost
-  if (!acceptable(from)) {
+  const bool local = is_local_address(from.address);
+  if (!link_up_ && !local) return;  // still in the socket when the link was lost
+  if (node_.only_peer && !local && from.address != *node_.only_peer) return;
+  if (!local && !acceptable(from)) {
     counters_.dropped_foreign_peer.add();
     if (!reachable_peer(from.address, own_, node_.prefix_length)) {
       log_.repeated("subnet", Endpoint_hash{}({from.address, 0}), [&] {
@@ -117,6 +119,10 @@ void Discovery::message(const Message_view& view, const Endpoint& from, bool mul
     return;
   }
   Origin origin{from.address, from};
+  if (is_local_address(from.address)) {
+    entries(*message, origin, multicast, now);
+    return;
+  }
   if (const auto told = message->discovery_endpoint(own_.is_v4())) {
     if (!acceptable(*told)) {
       drop(from, "its discovery endpoint is not on this link");
@@ -146,8 +152,17 @@ void Discovery::message(const Message_view& view, const Endpoint& from, bool mul
       if (origin.direct()) host_.peer_restarted(origin.sender, last_contact);
       break;
   }
-  for (const Entry& one : message->entries)
-    entry(*message, one, origin, multicast, now);
+  entries(*message, origin, multicast, now);
+}
+
+void Discovery::entries(const Discovery_message& message,
+                        const Origin& from,
+                        bool multicast,
+                        Time now) {
+  for (Entry one : message.entries) {
+    if (from.local() && one.ttl != 0) one.ttl = endless_ttl;
+    entry(message, one, from, multicast, now);
+  }
 }
 
 void Discovery::entry(const Discovery_message& message,
@@ -175,11 +190,14 @@ void Discovery::entry(const Discovery_message& message,
     counters_.dropped_entries.add();
     return;
   }
-  const Entry_options options = message.options_of(entry, own_.is_v4());
+  Entry_options options = message.options_of(entry, own_.is_v4());
   if (entry.type == Entry_type::subscribe) {
+    // The events take the connection, whatever the options say.
+    if (from.local()) options = {false, from.peer, from.peer, {}};
     const bool for_others = deployment_.discovery.subscriptions_for_others;
     const auto deliverable = [&](const Endpoint& endpoint) {
-      return acceptable(endpoint) && (for_others || endpoint.address == from.sender);
+      return from.local() ||
+             (acceptable(endpoint) && (for_others || endpoint.address == from.sender));
     };
     server_.subscribe(
         entry, options,
@@ -204,12 +222,24 @@ void Discovery::offer_entry(const Discovery_message& message,
   }
   const auto& allowed = service->second.deployment->allowed_peers;
   const Entry_options options = message.options_of(entry, own_.is_v4());
-  const Instance_endpoints endpoints{options.udp, options.tcp};
+  Instance_endpoints endpoints{options.udp, options.tcp};
+  if (from.local()) {
+    // Only the node at the listening end of a Unix socket offers through it.
+    if (!is_local_address(own_)) {
+      counters_.dropped_foreign_peer.add();
+      return;
+    }
+    for (auto* endpoint : {&endpoints.udp, &endpoints.tcp}) {
+      if (*endpoint) (*endpoint)->address = from.sender;
+    }
+  }
   const bool foreign = !allows(allowed, from) || !endpoints.all([&](const Endpoint& one) {
     return allows(allowed, one.address);
   });
   const bool usable = !options.fault && (options.udp || options.tcp) &&
-                      endpoints.all([this](const Endpoint& one) { return acceptable(one); }) &&
+                      endpoints.all([&](const Endpoint& one) {
+                        return from.local() ? one.port != 0 : acceptable(one);
+                      }) &&
                       entry.instance != 0 && entry.instance != any_instance;
   if (foreign || (entry.ttl != 0 && !usable)) {
     (foreign ? counters_.dropped_foreign_peer : counters_.dropped_entries).add();
@@ -248,13 +278,15 @@ void Discovery::link_changed(bool up, Time now) {
   } else {
     server_.link_down();
     client_.link_down(now);
+    outbox_.drop_all();
   }
   settle(now);
 }
 
 void Discovery::withdraw_all(Time now) {
-  client_.unsubscribe_all();
-  server_.stop_all();
+  client_.unsubscribe_all(now);
+  server_.stop_all(now);
+  outbox_.flush_all(now);
   settle(now);
 }
 
@@ -264,12 +296,18 @@ void Discovery::offer(Offer offer, Time now) {
 }
 
 void Discovery::stop_offer(const Instance_key& key, Time now) {
-  server_.stop_offer(key);
+  server_.stop_offer(key, now);
   settle(now);
 }
 
 void Discovery::client_lost(const Endpoint& client, Time now) {
   server_.connection_lost(client);
+  settle(now);
+}
+
+void Discovery::local_client_lost(const Endpoint& client, Time now) {
+  server_.forget_peer({client.address, client});
+  peers_.forget(client);
   settle(now);
 }
 
@@ -293,17 +331,17 @@ void Discovery::subscribe(const Instance_key& key,
                           std::uint16_t event_group,
                           const Group_transport& transport,
                           Time now) {
-  client_.subscribe(key, event_group, transport);
+  client_.subscribe(key, event_group, transport, now);
   settle(now);
 }
 
 void Discovery::unsubscribe(const Instance_key& key, std::uint16_t event_group, Time now) {
-  client_.unsubscribe(key, event_group);
+  client_.unsubscribe(key, event_group, now);
   settle(now);
 }
 
 void Discovery::connected(const Endpoint& server, Time now) {
-  client_.connected(server);
+  client_.connected(server, now);
   settle(now);
 }
 
@@ -318,7 +356,8 @@ void Discovery::settle(Time now) {
   server_.deliver_subscribers();
   outbox_.flush(now);
   server_.deliver_initial_values();
-  host_.deadline(std::min(server_.next_deadline(), client_.next_deadline()));
+  host_.deadline(
+      std::min({server_.next_deadline(), client_.next_deadline(), outbox_.next_deadline()}));
 }
 
 }  // namespace someip

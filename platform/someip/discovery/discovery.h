@@ -44,7 +44,10 @@ class Discovery {
             Log& log,
             Host host);
 
-  /// A datagram that came to the group or to the own unicast endpoint.
+  /// A datagram that came to the group or to the own unicast endpoint, or a message of a Unix
+  /// socket. The latter comes from an address of local_address() and is subject to other rules: no
+  /// list of peers, no link and no session counter concerns it, because the connection stands for
+  /// its sender. What it asks for lasts as long as the connection.
   void received(Bytes datagram, const Endpoint& from, bool multicast, Time now);
   void on_time(Time now);
   /// Without link, offers and subscriptions of peers are void, nothing is sent, and received
@@ -64,13 +67,16 @@ class Discovery {
   /// Returns their number.
   std::size_t port_closed(const Endpoint& client, Time now);
 
+  /// A client of the Unix socket has gone, and with it its subscriptions.
+  void local_client_lost(const Endpoint& client, Time now);
+
   // The using side
 
   /// The instance may be any_instance. Searches are counted: each needs its stop.
   void start_search(const Instance_key& wanted, Time now);
   void stop_search(const Instance_key& wanted, Time now);
   /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for
-  /// the present values again.
+  /// the present values again. The entries of several calls in a row leave together.
   void subscribe(const Instance_key& key,
                  std::uint16_t event_group,
                  const Group_transport& transport,
@@ -88,6 +94,7 @@ class Discovery {
 
  private:
   void message(const Message_view& view, const Endpoint& from, bool multicast, Time now);
+  void entries(const Discovery_message& message, const Origin& from, bool multicast, Time now);
   void entry(const Discovery_message& message,
              const Entry& entry,
              const Origin& from,
@@ -104,7 +111,7 @@ class Discovery {
   [[nodiscard]] bool welcome(const Origin& origin) const;
   void drop(const Endpoint& from, const char* why);
   void refuse_stranger(const Endpoint& stranger);
-  /// Sends what the change before it has left in the outbox, and passes on the next deadline.
+  /// Sends what the change before it has made due, and passes on the next deadline.
   void settle(Time now);
 
   const Deployment& deployment_;

@@ -92,6 +92,7 @@ void Discovery_client::request(const Group_key& key,
   if (!active) subscription.state = State::requested;
   subscription.supervised = by_multicast;
   subscription.refresh = false;
+  subscription.gathered = false;
 }
 
 void Discovery_client::request_all(const Instance_key& key, bool by_multicast) {
@@ -104,22 +105,31 @@ void Discovery_client::request_all(const Instance_key& key, bool by_multicast) {
 
 void Discovery_client::subscribe(const Instance_key& key,
                                  std::uint16_t event_group,
-                                 const Group_transport& transport) {
+                                 const Group_transport& transport,
+                                 Time now) {
   Subscription& subscription = subscriptions_[{key, event_group}];
   subscription.transport = transport;
-  if (subscription.users++ > 0) subscription.refresh = true;
+  if (subscription.users++ > 0 && subscription.state != State::none) subscription.refresh = true;
   const auto remote = remotes_.find(key);
-  if (remote != remotes_.end()) request({key, event_group}, subscription, remote->second, false);
+  if (remote == remotes_.end()) return;
+  // Begins to connect now if the group needs a connection: connected() follows then.
+  if (own_endpoints(transport, remote->second)) request_with_others(subscription, now);
 }
 
-void Discovery_client::unsubscribe(const Instance_key& key, std::uint16_t event_group) {
+void Discovery_client::request_with_others(Subscription& subscription, Time now) {
+  subscription.gathered = true;
+  gathering_end_ = delays_.end_of_gathering(now);
+}
+
+void Discovery_client::unsubscribe(const Instance_key& key, std::uint16_t event_group, Time now) {
   const auto found = subscriptions_.find({key, event_group});
   if (found == subscriptions_.end() || --found->second.users > 0) return;
   const auto remote = remotes_.find(key);
   if (remote != remotes_.end() && found->second.state != State::none) {
     if (const auto options = own_endpoints(found->second.transport, remote->second)) {
       outbox_.add(remote->second.offer.origin.peer,
-                  {subscribe_entry(found->first, found->second, 0)}, *options);
+                  {subscribe_entry(found->first, found->second, 0)}, *options,
+                  delays_.end_of_gathering(now));
     }
   }
   subscriptions_.erase(found);
@@ -135,11 +145,11 @@ std::optional<Time> Discovery_client::end_of_offer(const Instance_key& key) cons
   return found == remotes_.end() ? std::nullopt : std::optional(found->second.expires);
 }
 
-void Discovery_client::unsubscribe_all() {
+void Discovery_client::unsubscribe_all(Time now) {
   while (!subscriptions_.empty()) {
     const Group_key key = subscriptions_.begin()->first;
     subscriptions_.begin()->second.users = 1;
-    unsubscribe(key.first, key.second);
+    unsubscribe(key.first, key.second, now);
   }
 }
 
@@ -269,12 +279,12 @@ void Discovery_client::forget_peer(const Origin& peer, Time now) {
   }
 }
 
-void Discovery_client::connected(const Endpoint& server) {
-  for (auto& [key, remote] : remotes_) {
+void Discovery_client::connected(const Endpoint& server, Time now) {
+  for (const auto& [key, remote] : remotes_) {
     if (!(remote.offer.endpoints.tcp == server)) continue;
     for (auto& [group, subscription] : subscriptions_) {
       if (group.first == key && subscription.transport.tcp && subscription.state == State::none) {
-        request(group, subscription, remote, false);
+        request_with_others(subscription, now);
       }
     }
   }
@@ -338,6 +348,14 @@ void Discovery_client::on_time(Time now) {
                        : Phase::repetition;
     search.next = now + delays_.repetition(search.repetitions);
   }
+  if (gathering_end_ <= now) {
+    gathering_end_ = Time::max();
+    for (auto& [key, subscription] : subscriptions_) {
+      if (!std::exchange(subscription.gathered, false)) continue;
+      const auto remote = remotes_.find(key.first);
+      if (remote != remotes_.end()) request(key, subscription, remote->second, false);
+    }
+  }
   for (auto& [peer, trigger] : triggers_) {
     if (trigger.due > now) continue;
     for (const auto& [key, multicast] : std::exchange(trigger.instances, {})) {
@@ -348,7 +366,7 @@ void Discovery_client::on_time(Time now) {
 }
 
 Time Discovery_client::next_deadline() const {
-  Time next = next_expiry_;
+  Time next = std::min(next_expiry_, gathering_end_);
   for (const auto& [key, search] : searches_) {
     if (search.phase != Phase::silent) next = std::min(next, search.next);
   }

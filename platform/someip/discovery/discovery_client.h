@@ -100,11 +100,12 @@ class Discovery_client {
 
   void subscribe(const Instance_key& key,
                  std::uint16_t event_group,
-                 const Group_transport& transport);
-  void unsubscribe(const Instance_key& key, std::uint16_t event_group);
+                 const Group_transport& transport,
+                 Time now);
+  void unsubscribe(const Instance_key& key, std::uint16_t event_group, Time now);
   [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const;
   /// Sends a stop for every subscription.
-  void unsubscribe_all();
+  void unsubscribe_all(Time now);
 
   /// An offer or, with time to live 0, a stop offer whose options and peer have been found
   /// acceptable.
@@ -118,7 +119,7 @@ class Discovery_client {
   /// The peer has restarted, so all its offers are void.
   void forget_peer(const Origin& peer, Time now);
   /// The TCP connection to `server` stands: subscribes the groups that waited for it.
-  void connected(const Endpoint& server);
+  void connected(const Endpoint& server, Time now);
   /// The connection broke: the subscriptions over it are void until it stands again.
   void connection_lost(const Endpoint& server);
 
@@ -138,6 +139,7 @@ class Discovery_client {
     bool refused = false;     ///< by the provider, and not acknowledged since
     bool supervised = false;  ///< requested because of a multicast offer, not acknowledged yet
     bool refresh = false;     ///< the values are wanted again although the subscription is active
+    bool gathered = false;    ///< its entry leaves at gathering_end_
     bool initial_data =
         false;  ///< asked for by the last entry, which a stop repeats (someipsd_333)
     Time expires = Time::max();  ///< while active: when it ends unless acknowledged again
@@ -181,6 +183,7 @@ class Discovery_client {
                const Remote& remote,
                bool by_multicast);
   void request_all(const Instance_key& key, bool by_multicast);
+  void request_with_others(Subscription& subscription, Time now);
   void set_state(const Group_key& key, Subscription& subscription, State state);
   [[nodiscard]] static Entry subscribe_entry(const Group_key& key,
                                              const Subscription& subscription,
@@ -200,6 +203,7 @@ class Discovery_client {
   std::map<Address, std::size_t> offered_by_;  ///< number of remotes_ by their sender
   Time next_expiry_ = Time::max();             ///< none of remotes_ expires before it
   std::map<Group_key, Subscription> subscriptions_;
+  Time gathering_end_ = Time::max();      ///< of the gathered subscriptions
   std::map<Endpoint, Trigger> triggers_;  ///< by peer
 };
 

@@ -85,10 +85,12 @@ Session_counter& Discovery_peers::towards(const Endpoint& peer, Time now) {
 
 void Discovery_outbox::add(const Destination& to,
                            std::vector<Entry> entries,
-                           std::vector<Option> options) {
+                           std::vector<Option> options,
+                           Time due) {
   const auto [known, added] = parcel_of_.emplace(to, parcels_.size());
-  if (added) parcels_.push_back({to, {}, {}});
+  if (added) parcels_.push_back({to, {}, {}, due});
   Parcel& parcel = parcels_[known->second];
+  parcel.due = std::min(parcel.due, due);
   const Entry& first = entries.front();
   if (first.type == Entry_type::offer_service &&
       !parcel.offers.insert({{first.service, first.instance, first.major_version}, first.ttl})
@@ -107,15 +109,42 @@ bool Discovery_outbox::holds_offer(const Destination& to,
 
 void Discovery_outbox::flush(Time now) {
   parcel_of_.clear();
-  for (const Parcel& parcel : std::exchange(parcels_, {})) {
-    Discovery_writer writer;
-    for (const Item& item : parcel.items) {
-      if (writer.add_all(item.entries, item.options)) continue;
-      send(std::exchange(writer, Discovery_writer{}), parcel.to, now);
-      static_cast<void>(writer.add_all(item.entries, item.options));
+  for (Parcel& parcel : std::exchange(parcels_, {})) {
+    if (parcel.due <= now) {
+      send(parcel, now);
+    } else {
+      parcel_of_.emplace(parcel.to, parcels_.size());
+      parcels_.push_back(std::move(parcel));
     }
-    send(writer, parcel.to, now);
   }
+}
+
+void Discovery_outbox::flush_all(Time now) {
+  for (const Parcel& parcel : parcels_)
+    send(parcel, now);
+  drop_all();
+}
+
+void Discovery_outbox::drop_all() {
+  parcels_.clear();
+  parcel_of_.clear();
+}
+
+Time Discovery_outbox::next_deadline() const {
+  Time next = Time::max();
+  for (const Parcel& parcel : parcels_)
+    next = std::min(next, parcel.due);
+  return next;
+}
+
+void Discovery_outbox::send(const Parcel& parcel, Time now) {
+  Discovery_writer writer;
+  for (const Item& item : parcel.items) {
+    if (writer.add_all(item.entries, item.options)) continue;
+    send(std::exchange(writer, Discovery_writer{}), parcel.to, now);
+    static_cast<void>(writer.add_all(item.entries, item.options));
+  }
+  send(writer, parcel.to, now);
 }
 
 void Discovery_outbox::send(const Discovery_writer& writer, const Destination& to, Time now) {

@@ -33,6 +33,8 @@ class Discovery_peers {
   /// The counter of unicast messages to `peer`.
   [[nodiscard]] Session_counter& towards(const Endpoint& peer, Time now);
   [[nodiscard]] Session_counter& towards_group() { return group_; }
+  /// Nothing is sent to `peer` any more.
+  void forget(const Endpoint& peer) { outgoing_.erase(peer); }
 
  private:
   /// What one address says for one service discovery endpoint.
@@ -60,8 +62,8 @@ class Discovery_peers {
   Session_counter group_;
 };
 
-/// Entries wait here until flush(), which sends one message to each destination (someipsd_836),
-/// more only when they do not fit.
+/// Entries wait here until flush() sends one message to each destination (someipsd_836), more only
+/// when they do not fit. Entries to one destination leave in the order in which they were added.
 class Discovery_outbox {
  public:
   /// No endpoint: the multicast group.
@@ -70,14 +72,23 @@ class Discovery_outbox {
 
   Discovery_outbox(Discovery_peers& peers, Send send) : peers_(peers), send_(std::move(send)) {}
 
-  /// The entries have the same options and leave side by side. An offer that waits already is not
-  /// added again: it may have been asked for many times at once.
-  void add(const Destination& to, std::vector<Entry> entries, std::vector<Option> options);
+  /// The entries have the same options and leave side by side. They leave at `due`, or earlier with
+  /// others to the same destination. An offer that waits already is not added again: it may have
+  /// been asked for many times at once.
+  void add(const Destination& to,
+           std::vector<Entry> entries,
+           std::vector<Option> options,
+           Time due = {});
   /// Does this offer wait already?
   [[nodiscard]] bool holds_offer(const Destination& to,
                                  const Instance_key& key,
                                  std::uint32_t ttl) const;
+  /// Sends what is due.
   void flush(Time now);
+  /// Sends what is due and what is not.
+  void flush_all(Time now);
+  void drop_all();
+  [[nodiscard]] Time next_deadline() const;
 
  private:
   struct Item {
@@ -88,7 +99,9 @@ class Discovery_outbox {
     Destination to;
     std::vector<Item> items;
     std::set<std::pair<Instance_key, std::uint32_t>> offers;  ///< among the items, with their ttl
+    Time due;
   };
+  void send(const Parcel& parcel, Time now);
   void send(const Discovery_writer& writer, const Destination& to, Time now);
 
   Discovery_peers& peers_;

@@ -32,8 +32,9 @@ constexpr std::size_t max_refusals = 32;
 
 void Discovery_server::send_offer(const Local& local,
                                   std::uint32_t ttl,
-                                  const Discovery_outbox::Destination& to) {
-  outbox_.add(to, {offer_entry(local.offer, ttl)}, endpoint_options(local.offer.endpoints));
+                                  const Discovery_outbox::Destination& to,
+                                  Time due) {
+  outbox_.add(to, {offer_entry(local.offer, ttl)}, endpoint_options(local.offer.endpoints), due);
 }
 
 void Discovery_server::offer(Offer offer, Time now) {
@@ -53,19 +54,21 @@ void Discovery_server::begin_offer(Local& local, Time now) {
   local.next = link_up_ ? delays_.end_of_initial_wait(now) : Time::max();
 }
 
-void Discovery_server::stop_offer(const Instance_key& key) {
+void Discovery_server::stop_offer(const Instance_key& key, Time now) {
   const auto found = offers_.find(key);
   if (found == offers_.end()) return;
-  if (found->second.phase != Phase::initial_wait) send_offer(found->second, 0, std::nullopt);
+  if (found->second.phase != Phase::initial_wait) {
+    send_offer(found->second, 0, std::nullopt, delays_.end_of_gathering(now));
+  }
   end_all_subscriptions(found->second);
   offers_.erase(found);
   for (auto& [to, answer] : answers_)
     answer.instances.erase(key);
 }
 
-void Discovery_server::stop_all() {
+void Discovery_server::stop_all(Time now) {
   while (!offers_.empty())
-    stop_offer(Instance_key(offers_.begin()->first));
+    stop_offer(Instance_key(offers_.begin()->first), now);
 }
 
 void Discovery_server::end_all_subscriptions(Local& local) {
@@ -98,7 +101,9 @@ void Discovery_server::find(
         entry.minor_version != local.offer.minor_version) {
       continue;
     }
-    if (local.phase == Phase::initial_wait || !allows(local.offer.allowed_peers, from)) continue;
+    // Clients of this machine do not need the link that the offer waits for.
+    const bool waits = local.phase == Phase::initial_wait && (link_up_ || !from.local());
+    if (waits || !allows(local.offer.allowed_peers, from)) continue;
     // The answers to finds in another's name wait, too, and leave together: such finds cannot flood
     // a third party.
     if (!multicast && from.direct()) {
@@ -224,7 +229,7 @@ void Discovery_server::subscribe(const Entry& entry,
     refuse(entry, from, endpoints, obstacle, now);
     return;
   }
-  acknowledge(entry, transport, from);
+  acknowledge(entry, from.local() ? Group_transport{} : transport, from);
 }
 
 std::string_view Discovery_server::cause_of_missing(const Entry& entry) const {
@@ -241,7 +246,9 @@ bool Discovery_server::keep(Group& group,
                             bool explicit_initial_data,
                             Time now) {
   auto& subscriptions = group.subscriptions;
-  const Time expires = end_of_life(now, entry.ttl, timing_.longest_subscribe_ttl);
+  const Time expires = subscriber.origin.local()
+                           ? Time::max()
+                           : end_of_life(now, entry.ttl, timing_.longest_subscribe_ttl);
   const auto present = std::ranges::find(subscriptions, subscriber, &Subscription::subscriber);
   if (present != subscriptions.end()) {
     present->expires = expires;
@@ -314,8 +321,10 @@ std::size_t Discovery_server::port_closed(const Endpoint& client) {
 
 void Discovery_server::link_down() {
   link_up_ = false;
-  end_subscriptions([](const Subscription&) { return true; });
-  answers_.clear();
+  end_subscriptions([](const Subscription& one) { return !one.subscriber.origin.local(); });
+  std::erase_if(answers_, [](const auto& answer) {
+    return !answer.first || !is_local_address(answer.first->address);
+  });
   for (auto& [key, local] : offers_)
     begin_offer(local, {});
 }

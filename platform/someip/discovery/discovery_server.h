@@ -70,8 +70,8 @@ class Discovery_server {
         host_(host) {}
 
   void offer(Offer offer, Time now);
-  void stop_offer(const Instance_key& key);
-  void stop_all();
+  void stop_offer(const Instance_key& key, Time now);
+  void stop_all(Time now);
 
   void find(const Entry& entry, const Origin& from, bool multicast, bool unicast_flag, Time now);
   /// May events be sent there?
@@ -145,7 +145,10 @@ class Discovery_server {
     std::set<Instance_key> instances;
   };
 
-  void send_offer(const Local& local, std::uint32_t ttl, const Discovery_outbox::Destination& to);
+  void send_offer(const Local& local,
+                  std::uint32_t ttl,
+                  const Discovery_outbox::Destination& to,
+                  Time due = {});
   void advance(Local& local, Time now);
   void begin_offer(Local& local, Time now);
   void end_all_subscriptions(Local& local);

@@ -53,6 +53,8 @@ struct Origin {
   /// one (someipsd_1084).
   Endpoint peer;
 
+  /// Is it the other end of a Unix socket?
+  [[nodiscard]] bool local() const { return is_local_address(sender); }
   /// Does the sender speak for itself?
   [[nodiscard]] bool direct() const { return sender == peer.address; }
   /// May it renew or end what `other` has said? An address outranks those who spoke in its name.
@@ -93,8 +95,8 @@ struct Refusal {
   std::uint64_t count = 0;
 };
 
-/// Random delays. Entries that begin to wait while others wait in their first phase share the
-/// moment of those, so that they leave in one message (someipsd_65).
+/// The delays of entries. Entries that begin to wait while others wait in their first phase or in
+/// the gathering share the moment of those, so that they leave in one message (someipsd_65).
 class Discovery_delays {
  public:
   explicit Discovery_delays(const Discovery_timing& timing)
@@ -108,6 +110,12 @@ class Discovery_delays {
   }
   [[nodiscard]] Milliseconds repetition(std::uint32_t sent) const {
     return timing_.repetitions_base_delay * (1u << std::min(sent, 16u));
+  }
+  /// When entries leave that nothing received has caused: subscriptions, their ends and stop
+  /// offers. The process often causes several in a row, and all of them leave together.
+  [[nodiscard]] Time end_of_gathering(Time now) {
+    if (gathering_end_ <= now) gathering_end_ = now + timing_.request_response_delay_max;
+    return gathering_end_;
   }
   [[nodiscard]] Time answer_to_multicast(Time now) {
     return now + between(timing_.request_response_delay_min, timing_.request_response_delay_max);
@@ -124,6 +132,7 @@ class Discovery_delays {
   const Discovery_timing& timing_;
   std::mt19937 random_;
   Time initial_wait_end_{};
+  Time gathering_end_{};
 };
 
 /// When an entry with this time to live ends, of which `longest` is accepted.

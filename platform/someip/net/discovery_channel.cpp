@@ -110,7 +110,8 @@ void Discovery_channel::drain(Socket& socket, bool multicast) {
     }
     counters_.datagrams_received.add();
     const Endpoint sender = from.endpoint();
-    if (sender.address == own_) continue;  // our own multicast, looped back
+    if (sender.address == own_) continue;            // our own multicast, looped back
+    if (is_local_address(sender.address)) continue;  // forged: these have a Unix socket
     receive_(Bytes(buffer_.data(), static_cast<std::size_t>(size)), sender, multicast);
   }
 }

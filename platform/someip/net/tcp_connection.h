@@ -1,20 +1,17 @@
 /// A TCP connection that carries SOME/IP messages, accepted or opened by this node.
 #pragma once
 
-#include <array>
 #include <boost/asio/ip/tcp.hpp>
 #include <cstddef>
 #include <memory>
 #include <mutex>
 #include <vector>
 
-#include "platform/someip/base/counters.h"
-#include "platform/someip/base/deployment.h"
 #include "platform/someip/base/endpoint.h"
 #include "platform/someip/base/log.h"
 #include "platform/someip/base/task.h"
 #include "platform/someip/base/time.h"
-#include "platform/someip/base/workers.h"
+#include "platform/someip/net/byte_stream.h"
 #include "platform/someip/net/received.h"
 #include "platform/someip/net/stream.h"
 #include "platform/someip/wire/stream_reader.h"
@@ -28,14 +25,9 @@ namespace someip {
   return {endpoint.address, endpoint.port};
 }
 
-/// Keeps child processes from inheriting the socket, and with it the address. Asio's sockets are
-/// otherwise inherited.
-void close_in_children(int descriptor);
-
 /// Lives on the control thread, except send().
-class Tcp_connection final : public Stream, public std::enable_shared_from_this<Tcp_connection> {
+class Tcp_connection final : public Stream, public Byte_stream {
  public:
-  using Socket = boost::asio::ip::tcp::socket;
   /// Events of a connection. Called on the control thread.
   class Handler {
    public:
@@ -49,7 +41,7 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
 
   /// `socket` is connected with `peer`; a socket whose connection is already broken can no longer
   /// name its peer. `opened_here`: this node is the client of the connection.
-  Tcp_connection(Socket socket,
+  Tcp_connection(boost::asio::ip::tcp::socket socket,
                  const Endpoint& peer,
                  bool opened_here,
                  const Limits& limits,
@@ -58,11 +50,6 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
                  Counters& counters,
                  Log& log);
 
-  void start();
-  void close();
-  /// Sends the queued messages, then the end of the stream, and receives nothing more. The end of
-  /// the peer's stream is reported as a loss.
-  void finish();
   void send(const Header& header, Bytes payload) override;
   /// Sends a magic cookie: a peer that has forgotten the connection answers it with a reset.
   void probe();
@@ -72,34 +59,23 @@ class Tcp_connection final : public Stream, public std::enable_shared_from_this<
   [[nodiscard]] Time established() const { return established_; }
 
  private:
-  void receive();
-  void enqueue(std::vector<std::byte> bytes);
-  void write();
-  void end_stream();
-  void fail(const char* why);
-  void deliver();
+  void take(Bytes received) override;
+  void ended(const char* why, End end) override;
+  /// Puts a cookie in front when it is time for one.
+  void enqueue_with_cookie(std::vector<std::byte> bytes);
+  [[nodiscard]] std::shared_ptr<Tcp_connection> self() {
+    return std::static_pointer_cast<Tcp_connection>(shared_from_this());
+  }
 
-  Socket socket_;
   const bool opened_here_;
-  const Limits& limits_;
   Handler& handler_;
-  Workers& workers_;
-  Counters& counters_;
   Log& log_;
   const Endpoint local_;
   const Endpoint peer_;
   const Time established_;
   Stream_reader reader_;
-  std::array<std::byte, std::size_t{16} * 1024> buffer_;
-  std::vector<std::vector<std::byte>> writing_;  ///< being written; used by the control thread only
-  bool open_ = true;                             ///< used by the control thread only
-  bool finishing_ = false;                       ///< used by the control thread only
 
-  std::mutex mutex_;  ///< guards the members below
-  std::vector<std::vector<std::byte>> queue_;
-  std::size_t queued_bytes_ = 0;  ///< in queue_ and writing_
-  bool busy_ = false;             ///< a write runs or is requested
-  bool dead_ = false;             ///< no message is queued any longer
+  std::mutex cookie_mutex_;  ///< guards last_cookie_ and the place of a cookie in the queue
   Time last_cookie_{};
 };
 

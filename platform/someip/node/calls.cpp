@@ -24,7 +24,7 @@ class Calls::Answer final : public Task {
 Calls::Calls(const Node_context& context,
              const Known_instances& known,
              Client_connections& connections,
-             Udp_port& port)
+             Udp_port* port)
     : context_(context),
       known_(known),
       connections_(connections),
@@ -96,13 +96,17 @@ void Calls::send(const Header& header,
                  const void* owner,
                  Time deadline) {
   context_.counters.requests_sent.add();
-  if (transport == Transport::udp) {
+  if (transport == Transport::udp && context_.local == nullptr) {
     const Socket_address address(to);
-    port_.send(header, arguments, std::span(&address, 1));
+    port_->send(header, arguments, std::span(&address, 1));
     return;
   }
-  context_.control.post([this, header, to, owner, deadline,
+  context_.control.post([this, header, transport, to, owner, deadline,
                          copy = std::vector<std::byte>(arguments.begin(), arguments.end())] {
+    if (context_.local != nullptr) {
+      context_.local->send(local_head(transport, to.port), header, copy);
+      return;
+    }
     connections_.send(to, header, copy, owner, deadline);
   });
 }
@@ -143,6 +147,10 @@ void Calls::connection_lost(const Endpoint& server) {
   // No response will come for requests sent over it (someip_326).
   time_out(pending_.take_if(
       [&](const auto& call) { return call.transport == Transport::tcp && call.server == server; }));
+}
+
+void Calls::local_connection_lost() {
+  time_out(pending_.take_if([](const auto&) { return true; }));
 }
 
 void Calls::schedule() {

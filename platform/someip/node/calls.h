@@ -17,11 +17,11 @@ namespace someip {
 /// Each section of members says which thread calls it.
 class Calls {
  public:
-  /// Requests over UDP leave through `port`.
+  /// Requests over UDP leave through `port`, unless the context has a local client.
   Calls(const Node_context& context,
         const Known_instances& known,
         Client_connections& connections,
-        Udp_port& port);
+        Udp_port* port);
 
   // Any thread
 
@@ -53,6 +53,8 @@ class Calls {
 
   /// The calls over this connection time out.
   void connection_lost(const Endpoint& server);
+  /// All calls time out.
+  void local_connection_lost();
   /// No call times out after it.
   void stop_time_outs() { timer_.cancel(); }
 
@@ -72,7 +74,7 @@ class Calls {
   const Node_context& context_;
   const Known_instances& known_;
   Client_connections& connections_;
-  Udp_port& port_;
+  Udp_port* const port_;
   Pending_calls pending_;
   std::atomic<bool> watched_{false};  ///< the control thread will look at the deadlines
   std::atomic<std::uint16_t> fire_and_forget_sessions_{0};

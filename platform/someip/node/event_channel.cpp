@@ -109,14 +109,12 @@ void Event_channel::send(Bytes payload, const Event_targets& targets) {
   Header header = header_;
   // Drawn within the turn, so that sessions never go backwards for a subscriber.
   header.session = sessions_.next();
+  const bool by_udp = transport_ == Transport::udp;
+  const auto& streams = by_udp ? targets.udp_streams : targets.streams;
   // Counted first: a receiver of a notification finds it counted.
-  if (transport_ == Transport::udp) {
-    counters_.notifications_sent.add(targets.udp.size());
-    if (udp_) udp_->send(header, payload, targets.udp);
-    return;
-  }
-  counters_.notifications_sent.add(targets.streams.size());
-  for (const auto& stream : targets.streams)
+  counters_.notifications_sent.add(streams.size() + (by_udp ? targets.udp.size() : 0));
+  if (by_udp && udp_ && !targets.udp.empty()) udp_->send(header, payload, targets.udp);
+  for (const auto& stream : streams)
     stream->send(header, payload);
 }
 

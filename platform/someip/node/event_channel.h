@@ -24,7 +24,8 @@ using Value_missing_handler = std::function<void(std::uint16_t)>;
 /// Where the notifications of an event go. Immutable once shared: sending needs no lock.
 struct Event_targets {
   std::vector<Socket_address> udp;
-  std::vector<std::shared_ptr<Stream>> streams;
+  std::vector<std::shared_ptr<Stream>> udp_streams;  ///< of local clients, for events over UDP
+  std::vector<std::shared_ptr<Stream>> streams;      ///< for events over TCP
 };
 
 /// Thread-safe. Publishers and discovery take turns, in the order in which they ask: each sends its

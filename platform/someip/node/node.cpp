@@ -42,6 +42,15 @@ std::unique_ptr<Discovery_channel> take_address(const Deployment& deployment,
                            std::to_string(deployment.discovery.port) + " free)");
 }
 
+/// The way through a Unix socket. The other end gets the address beside the node's own.
+std::unique_ptr<Local_client> client_of(const Deployment& deployment,
+                                        const Node_deployment& node,
+                                        Workers& workers,
+                                        Counters& counters) {
+  const Endpoint server{local_address(2, node.addresses.front().is_v4()), 1};
+  return std::make_unique<Local_client>(node.through, server, deployment.limits, workers, counters);
+}
+
 }  // namespace
 
 Node::Node(const Deployment& deployment,
@@ -52,9 +61,12 @@ Node::Node(const Deployment& deployment,
       control_(workers),
       reassembler_(deployment),
       shaper_(deployment, control_.loop(), counters_),
-      channel_(take_address(deployment, node, control_, counters_, log_)),
-      context_{deployment, node,      channel_->own(), workers, control_,
-               log_,       counters_, reassembler_,    shaper_},
+      channel_(node.through.empty() ? take_address(deployment, node, control_, counters_, log_)
+                                    : nullptr),
+      local_(node.through.empty() ? nullptr : client_of(deployment, node, workers, counters_)),
+      own_(channel_ ? channel_->own() : node.addresses.front()),
+      context_{deployment, node, own_,      local_.get(), workers,
+               control_,   log_, counters_, reassembler_, shaper_},
       client_(context_, discovery_),
       server_(context_, discovery_),
       discovery_(
@@ -65,12 +77,13 @@ Node::Node(const Deployment& deployment,
           log_,
           {server_, client_,
            [this](const std::vector<std::byte>& message, const Discovery_outbox::Destination& to) {
-             channel_->send(message, to);
+             send_discovery(message, to);
            },
            [this](Time next) { schedule(next); },
            [this](const Address& peer, Time last_contact) { peer_restarted(peer, last_contact); }}),
-      link_(node.watch_link ? std::make_unique<Link_watch>(control_.loop(), context_.own, log_)
-                            : std::make_unique<Link_watch>(control_.loop(), context_.own)),
+      link_(channel_ && node.watch_link
+                ? std::make_unique<Link_watch>(control_.loop(), context_.own, log_)
+                : std::make_unique<Link_watch>(control_.loop(), context_.own)),
       timer_(control_) {
   client_.open();
   control_.post([this] { start(); });
@@ -80,9 +93,42 @@ Node::~Node() {
   stop();
 }
 
+void Node::start_locally() {
+  discovery_.link_changed(false, Time::clock::now());
+  local_->start({[this](bool up) {
+                   if (!up) client_.calls().local_connection_lost();
+                   discovery_.link_changed(up, Time::clock::now());
+                 },
+                 [this](const Local_frame& frame) {
+                   const auto kind = frame.head.kind;
+                   if (kind == Local_kind::udp || kind == Local_kind::tcp) {
+                     client_.received(frame);
+                   } else {
+                     discovery_.received(frame.message, local_->server(),
+                                         kind == Local_kind::discovery_to_all, Time::clock::now());
+                   }
+                 }});
+}
+
+void Node::send_discovery(const std::vector<std::byte>& message,
+                          const Discovery_outbox::Destination& to) {
+  if (local_) {
+    local_->send_discovery(message, !to);
+    return;
+  }
+  if (!to || !is_local_address(to->address)) channel_->send(message, to);
+  if (!to || is_local_address(to->address)) {
+    server_.send_local_discovery(message, to ? std::optional(to->address) : std::nullopt);
+  }
+}
+
 void Node::start() {
+  if (local_) {
+    start_locally();
+    return;
+  }
   warn_of_open_services();
-  server_.start_watching();
+  server_.start();
   channel_->start([this](Bytes datagram, const Endpoint& from,
                          bool multicast) { datagram_received(datagram, from, multicast); },
                   link_->watching());
@@ -119,12 +165,13 @@ void Node::stop() {
     boost::asio::post(control_.loop(), [this, &done] {
       discovery_.withdraw_all(Time::clock::now());
       control_.stop();
-      channel_->stop();
+      if (channel_) channel_->stop();
       server_.stop_watching();
       link_->stop();
       shaper_.stop();
       timer_.cancel();
       client_.stop();
+      if (local_) local_->close();
       server_.close_connections();
       done.set_value();
     });

@@ -9,6 +9,7 @@
 #include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/discovery_channel.h"
 #include "platform/someip/net/link_watch.h"
+#include "platform/someip/net/local_client.h"
 #include "platform/someip/node/control.h"
 #include "platform/someip/node/node_client.h"
 #include "platform/someip/node/node_context.h"
@@ -19,9 +20,10 @@ namespace someip {
 /// All public members may be called from any thread.
 class Node final {
  public:
-  /// Takes the first free one of the node's addresses and begins to listen. The references outlive
-  /// the node, the workers run. Throws std::runtime_error naming the manifest, the key and the
-  /// address when none of the addresses is free.
+  /// Takes the first free one of the node's addresses and begins to listen, or connects to the Unix
+  /// socket that the node goes through. The references outlive the node, the workers run. Throws
+  /// std::runtime_error naming the manifest, the key and the address when none of the addresses is
+  /// free.
   Node(const Deployment& deployment, const Node_deployment& node, Workers& workers, Log_sink log);
   /// Same as stop(). The workers must have been joined between the two.
   ~Node();
@@ -34,7 +36,7 @@ class Node final {
 
   [[nodiscard]] Node_client& client() { return client_; }
   [[nodiscard]] Node_server& server() { return server_; }
-  [[nodiscard]] const Address& address() const { return channel_->own(); }
+  [[nodiscard]] const Address& address() const { return own_; }
   /// Who talks to whom. Waits for the control thread, so not from that one. Throws
   /// std::runtime_error if that has ended or does not answer in time.
   [[nodiscard]] mw::com::runtime::Peers peers();
@@ -43,6 +45,9 @@ class Node final {
 
  private:
   void start();
+  void start_locally();
+  void send_discovery(const std::vector<std::byte>& message,
+                      const Discovery_outbox::Destination& to);
   /// Logs a warning when the node provides services and no list restricts any service.
   void warn_of_open_services();
   void datagram_received(Bytes datagram, const Endpoint& from, bool multicast);
@@ -55,7 +60,9 @@ class Node final {
   Control control_;
   Shared_reassembler reassembler_;
   Segment_shaper shaper_;
-  const std::unique_ptr<Discovery_channel> channel_;
+  const std::unique_ptr<Discovery_channel> channel_;  ///< one of these two is null
+  const std::unique_ptr<Local_client> local_;
+  const Address own_;
   const Node_context context_;
   // Both sides take a reference to discovery_ and use it on the control thread only.
   Node_client client_;

@@ -14,11 +14,12 @@ Node_client::Node_client(const Node_context& context, Discovery& discovery)
       listeners_(context, *this),
       subscriptions_(context, discovery, known_, connections_, listeners_),
       searches_(context, discovery, known_, subscriptions_),
-      calls_(context, known_, connections_, *port_),
+      calls_(context, known_, connections_, port_.get()),
       causes_(context) {}
 
 std::shared_ptr<Udp_port> Node_client::open_port() {
   const Node_deployment& node = context_.node;
+  if (context_.local != nullptr) return nullptr;
   auto socket = std::make_unique<Udp_socket>(context_.own);
   socket->allow_missing_address();
   if (const auto error = socket->bind({context_.own, node.client_port})) {
@@ -92,7 +93,7 @@ void Node_client::subscription_changed(const Instance_key& key,
 void Node_client::listen_to(const Instance_key& key,
                             std::uint16_t event_group,
                             const Endpoint& group) {
-  listeners_.listen({key, event_group}, group);
+  if (port_) listeners_.listen({key, event_group}, group);
 }
 
 bool Node_client::initial_value_missing(const Instance_key& key, std::uint16_t event_group) const {
@@ -101,6 +102,16 @@ bool Node_client::initial_value_missing(const Instance_key& key, std::uint16_t e
 
 void Node_client::received(Received message, const Endpoint& from, Tasks& tasks) {
   dispatch(std::move(message), from, Transport::udp, tasks);
+}
+
+void Node_client::received(const Local_frame& frame) {
+  auto message = received_from(frame, context_.counters);
+  if (!message) return;
+  const Transport transport = frame.head.kind == Local_kind::tcp ? Transport::tcp : Transport::udp;
+  Tasks tasks;
+  dispatch(std::move(*message), {context_.local->server().address, frame.head.port}, transport,
+           tasks);
+  post_all(std::move(tasks), context_.workers);
 }
 
 void Node_client::dispatch(Received message,

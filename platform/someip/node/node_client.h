@@ -22,8 +22,8 @@ namespace someip {
 /// Passes on to its parts what discovery reports and what arrives from servers.
 class Node_client final : public Message_receiver, public Discovery_client_host {
  public:
-  /// Opens the port of the node's client. Throws std::runtime_error naming the key. Does not use
-  /// `discovery` before the control thread calls.
+  /// Opens the port of the node's client, if the node uses the network. Throws std::runtime_error
+  /// naming the key. Does not use `discovery` before the control thread calls.
   Node_client(const Node_context& context, Discovery& discovery);
 
   [[nodiscard]] Searches& searches() { return searches_; }
@@ -35,15 +35,21 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   /// Control thread: appends what the node consumes.
   void list(mw::com::runtime::Peers& peers, Time now) const;
   /// The port receives from now on.
-  void open() { port_->open_with_threads(); }
+  void open() {
+    if (port_) port_->open_with_threads();
+  }
   /// Control thread: connects anew to what was connected before `last_contact`.
   void peer_restarted(const Address& peer, Time last_contact) {
     connections_.restart(peer, last_contact);
   }
+  /// Control thread: a message of an instance has come through the Unix socket.
+  void received(const Local_frame& frame);
   /// Control thread: closes what lives there.
   void stop();
   /// Any other thread, after stop().
-  void close_port() { port_->close(); }
+  void close_port() {
+    if (port_) port_->close();
+  }
 
  private:
   // Discovery_client_host
@@ -61,11 +67,13 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
                  std::uint16_t event_group,
                  const Endpoint& group) override;
   bool initial_value_missing(const Instance_key& key, std::uint16_t event_group) const override;
-  Endpoint udp_endpoint() const override { return port_->local(); }
+  Endpoint udp_endpoint() const override { return port_ ? port_->local() : local_end(); }
   void doubt_connection(const Endpoint& server) override { connections_.probe(server); }
   std::optional<Endpoint> tcp_endpoint(const Endpoint& server) override {
-    return connections_.local_end(server);
+    return port_ ? connections_.local_end(server) : local_end();
   }
+  /// The connection of the Unix socket receives, whatever endpoint is named.
+  [[nodiscard]] Endpoint local_end() const { return {context_.own, 1}; }
   // Message_receiver: what comes to the client's port and to the multicast ports
   void received(Received message, const Endpoint& from, Tasks& tasks) override;
 
@@ -75,7 +83,7 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
 
   const Node_context& context_;
   Discovery& discovery_;
-  const std::shared_ptr<Udp_port> port_;
+  const std::shared_ptr<Udp_port> port_;  ///< null: the node uses a Unix socket
   Known_instances known_;
   Client_connections connections_;
   Multicast_listeners listeners_;

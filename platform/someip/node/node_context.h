@@ -8,6 +8,7 @@
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/log.h"
 #include "platform/someip/base/workers.h"
+#include "platform/someip/net/local_client.h"
 #include "platform/someip/net/segment_shaper.h"
 #include "platform/someip/net/udp_port.h"
 #include "platform/someip/node/control.h"
@@ -26,6 +27,7 @@ struct Node_context {
   const Deployment& deployment;
   const Node_deployment& node;
   const Address& own;
+  Local_client* local;  ///< the way to servers instead of the network; null: the network
   Workers& workers;
   Control& control;
   Log& log;

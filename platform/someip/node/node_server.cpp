@@ -92,9 +92,73 @@ Node_server::Node_server(const Node_context& context, Discovery& discovery)
     : context_(context),
       discovery_(discovery),
       requests_(context.deployment.limits),
+      local_(listen_locally()),
       closed_ports_(context.control.loop()) {}
 
-void Node_server::start_watching() {
+std::shared_ptr<Local_server> Node_server::listen_locally() {
+  const std::string& path = context_.node.socket_path;
+  if (path.empty()) return nullptr;
+  try {
+    return std::make_shared<Local_server>(
+        path, context_.own.is_v4(), context_.deployment.limits, context_.workers, context_.counters,
+        context_.log,
+        Local_server::Events{
+            [this](const Local_frame& frame, const std::shared_ptr<Local_connection>& client) {
+              received(frame, client);
+            },
+            [this](const Endpoint& client) {
+              discovery_.local_client_lost(client, Time::clock::now());
+            }});
+  } catch (const std::exception& error) {
+    context_.log.write(Log_level::warning,
+                       std::string("no Unix socket for clients of this machine: ") + error.what());
+    return nullptr;
+  }
+}
+
+void Node_server::received(const Local_frame& frame,
+                           const std::shared_ptr<Local_connection>& client) {
+  const auto kind = frame.head.kind;
+  if (kind == Local_kind::discovery || kind == Local_kind::discovery_to_all) {
+    discovery_.received(frame.message, client->peer(), kind == Local_kind::discovery_to_all,
+                        Time::clock::now());
+    return;
+  }
+  auto message = received_from(frame, context_.counters);
+  if (!message) return;
+  const auto serve = [&](const auto& ports) {
+    std::unique_lock lock(ports_mutex_);
+    const auto found = ports.find(frame.head.port);
+    if (found == ports.end()) {
+      context_.counters.dropped_unknown_service.add();
+      return;
+    }
+    const auto port = found->second;
+    lock.unlock();
+    Tasks tasks;
+    port->table.dispatch(std::move(*message), client->peer(),
+                         {nullptr, std::make_shared<Local_stream>(client, frame.head), {}}, tasks,
+                         requests_, context_.counters, context_.log);
+    post_all(std::move(tasks), context_.workers);
+  };
+  if (kind == Local_kind::tcp) {
+    serve(tcp_ports_);
+  } else {
+    serve(udp_ports_);
+  }
+}
+
+void Node_server::send_local_discovery(Bytes message, const std::optional<Address>& to) {
+  if (!local_) return;
+  if (!to) {
+    local_->send_discovery_to_all(message);
+  } else if (const auto client = local_->connection_of(*to)) {
+    client->send_discovery(message, false);
+  }
+}
+
+void Node_server::start() {
+  if (local_) local_->start();
   closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
 }
 
@@ -117,6 +181,7 @@ void Node_server::link_down() {
 }
 
 void Node_server::close_connections() {
+  if (local_) local_->close();
   const std::lock_guard lock(ports_mutex_);
   for (const auto& [number, port] : tcp_ports_)
     port->connections->close();
@@ -210,6 +275,7 @@ void Node_server::connection_lost(const Endpoint& client) {
 }
 
 bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
+  if (is_local_address(client.address)) return true;
   const auto instance = offered_.find(offer.key);
   if (instance == offered_.end()) return false;
   const auto port = tcp_port(instance->second->deployment());
@@ -264,7 +330,22 @@ std::shared_ptr<Event_targets> Node_server::targets_of(const Provided_instance& 
   // A client in two subscriptions gets each event once.
   std::unordered_set<Endpoint, Endpoint_hash> udp_known(subscribers.size());
   std::unordered_set<Endpoint, Endpoint_hash> tcp_known;
+  const Instance_deployment& deployment = instance.deployment();
+  const auto add_local = [&](const Endpoint& client) {
+    const auto connection = local_ ? local_->connection_of(client.address) : nullptr;
+    if (!connection || !udp_known.insert(client).second) return;
+    const auto add = [&](auto& streams, Transport transport, const auto& port) {
+      if (!port) return;
+      streams.push_back(std::make_shared<Local_stream>(connection, local_head(transport, *port)));
+    };
+    add(targets->udp_streams, Transport::udp, deployment.udp_port);
+    add(targets->streams, Transport::tcp, deployment.tcp_port);
+  };
   for (const Subscriber& subscriber : subscribers) {
+    if (subscriber.origin.local()) {
+      add_local(subscriber.origin.peer);
+      continue;
+    }
     const Instance_endpoints& endpoints = subscriber.endpoints;
     if (endpoints.udp && udp_known.insert(*endpoints.udp).second) {
       targets->udp.emplace_back(*endpoints.udp);
@@ -286,7 +367,8 @@ void Node_server::subscribers_changed(const Instance_key& key,
   for (const Multicast_deployment& multicast : instance->second->deployment().multicast) {
     if (multicast.event_group != event_group || multicast.threshold == 0) continue;
     // Where all is multicast, a subscriber need not say where it listens.
-    const auto receivers = multicast.threshold == 1 ? all.size() : targets->udp.size();
+    const auto receivers =
+        multicast.threshold == 1 ? all.size() - targets->udp_streams.size() : targets->udp.size();
     if (receivers < multicast.threshold) continue;
     targets->udp = {Socket_address(Endpoint{multicast.address, multicast.port})};
   }
@@ -351,6 +433,10 @@ void Node_server::list(mw::com::runtime::Peers& peers, Time now) const {
     row.serviceId = key.service;
     row.instance = key.instance;
     row.eventGroup = event_group;
+    if (from.local()) {
+      row.address = "Unix socket";
+      return row;
+    }
     row.address = (endpoint ? *endpoint : from.peer).address.to_string();
     if (endpoints.udp) row.udpPort = endpoints.udp->port;
     if (endpoints.tcp) row.tcpPort = endpoints.tcp->port;

@@ -5,11 +5,13 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <vector>
 
 #include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
 #include "platform/someip/net/closed_ports.h"
+#include "platform/someip/net/local_server.h"
 #include "platform/someip/net/tcp_server.h"
 #include "platform/someip/node/node_context.h"
 #include "platform/someip/node/provided_instance.h"
@@ -23,6 +25,7 @@ namespace someip {
 /// Lives on the control thread, except provide(), offer(), stop_offer() and close_ports().
 class Node_server final : public Discovery_server_host {
  public:
+  /// Listens at the Unix socket of the node, if it has one; that is impossible: a line of the log.
   /// Does not use `discovery` before the control thread calls.
   Node_server(const Node_context& context, Discovery& discovery);
 
@@ -39,8 +42,8 @@ class Node_server final : public Discovery_server_host {
 
   /// Control thread: appends what the node offers, and to whom.
   void list(mw::com::runtime::Peers& peers, Time now) const;
-  /// Watches for clients that have closed their ports.
-  void start_watching();
+  /// Accepts clients of the Unix socket, and watches for others that have closed their ports.
+  void start();
   void stop_watching() { closed_ports_.stop(); }
   /// Ends the subscriptions of clients that have closed their ports.
   void look_for_closed_ports() { closed_ports_.look(); }
@@ -50,6 +53,9 @@ class Node_server final : public Discovery_server_host {
   /// Closes every connection and accepts no new one.
   void close_connections();
   void close_ports();
+  /// Sends a discovery message to the client of the Unix socket with this address, or to all of
+  /// them.
+  void send_local_discovery(Bytes message, const std::optional<Address>& to);
 
   // Discovery_server_host
   bool has_connection(const Offer& offer, const Endpoint& client) override;
@@ -72,6 +78,8 @@ class Node_server final : public Discovery_server_host {
   [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Event_targets> targets_of(
       const Provided_instance& instance, const std::vector<Subscriber>& subscribers);
+  [[nodiscard]] std::shared_ptr<Local_server> listen_locally();
+  void received(const Local_frame& frame, const std::shared_ptr<Local_connection>& client);
   [[nodiscard]] bool admit_connection(const Address& peer);
   void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
@@ -84,6 +92,7 @@ class Node_server final : public Discovery_server_host {
   std::map<std::uint16_t, std::shared_ptr<Service_port>> udp_ports_;
   std::map<std::uint16_t, std::shared_ptr<Tcp_service_port>> tcp_ports_;
 
+  const std::shared_ptr<Local_server> local_;  ///< null: no Unix socket
   Closed_ports closed_ports_;
   std::map<Instance_key, std::shared_ptr<Provided_instance>>
       offered_;  ///< the control thread's own

@@ -24,6 +24,8 @@ class Component_singleton {
   /// and the address if the address is taken or unusable. Throws std::logic_error if a
   /// Component_singleton already exists.
   Component_singleton(const std::string& name, bool passive);
+  /// With a runtime that the platform has made otherwise.
+  explicit Component_singleton(std::unique_ptr<tq::com::Runtime> runtime);
   ~Component_singleton();
   Component_singleton(const Component_singleton&) = delete;
   Component_singleton& operator=(const Component_singleton&) = delete;

@@ -1,0 +1,104 @@
+#include "tools/posctl/way.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <boost/asio/ip/address.hpp>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+
+#include "platform/linux/com/local_socket.h"
+#include "platform/linux/com/make_runtime.h"
+#include "platform/linux/com/manifest.h"
+#include "platform/someip/base/endpoint.h"
+#include "platform/someip/net/local_socket.h"
+#include "tools/command.h"
+
+namespace posctl {
+
+namespace {
+
+constexpr const char* application = "POS";
+constexpr const char* usual_node = "posctl";
+
+/// Does a process listen there that takes our connection?
+std::error_code listens(const std::string& path) {
+  std::error_code error;
+  const int descriptor = someip::connect_local(path, error);
+  if (descriptor >= 0) ::close(descriptor);
+  return error;
+}
+
+bool is_missing(const std::error_code& error) {
+  return error == std::errc::no_such_file_or_directory || error == std::errc::not_a_directory;
+}
+
+bool environment_names_an_address() {
+  const char* const address = std::getenv("POS_NODE_ADDRESS");
+  return address != nullptr && *address != '\0';
+}
+
+someip::Address address_of(const std::string& text) {
+  boost::system::error_code error;
+  const auto address = boost::asio::ip::make_address(text, error);
+  if (error) {
+    throw tools::Usage_error(
+        "--connect: expected the path of a socket, with a /, or an IP address, "
+        "found \"" +
+        text + "\"");
+  }
+  return address;
+}
+
+std::unique_ptr<tq::com::Runtime> through(const std::string& path) {
+  return tq::com::make_local_runtime(tq::com::load_deployment(), usual_node, path);
+}
+
+std::unique_ptr<tq::com::Runtime> over_the_network(const std::string& node,
+                                                   const std::optional<someip::Address>& only) {
+  auto deployment = tq::com::load_deployment(node);
+  const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
+  if (found != deployment.nodes.end()) found->only_peer = only;
+  return tq::com::make_runtime(std::move(deployment), node);
+}
+
+}  // namespace
+
+Way::Way(const Way_options& options) {
+  const bool names_socket = options.connect.find('/') != std::string::npos;
+  if (names_socket && !options.node.empty()) {
+    throw tools::Usage_error("--node is for the network, --connect names a socket");
+  }
+  if (names_socket) {
+    if (const auto error = listens(options.connect)) {
+      throw std::runtime_error(options.connect + ": " + error.message());
+    }
+    text_ = "through " + options.connect;
+    runtime_.emplace(through(options.connect));
+    return;
+  }
+  std::optional<someip::Address> only;
+  if (!options.connect.empty()) only = address_of(options.connect);
+  std::string unusable;
+  if (!only && options.node.empty() && !environment_names_an_address()) {
+    for (const auto& path : tq::com::socket_paths_of(application)) {
+      const auto error = listens(path);
+      if (!error) {
+        text_ = "through " + path;
+        runtime_.emplace(through(path));
+        return;
+      }
+      if (!is_missing(error)) unusable += "; not through " + path + ": " + error.message();
+    }
+  }
+  const std::string node = options.node.empty() ? usual_node : options.node;
+  text_ = "over the network as node " + node + unusable;
+  try {
+    runtime_.emplace(over_the_network(node, only));
+  } catch (const std::exception& error) {
+    throw std::runtime_error(error.what() + unusable);
+  }
+}
+
+}  // namespace posctl
