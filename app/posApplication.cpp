@@ -87,7 +87,11 @@ int posApplication::run() {
   diagnosis_service_.new_sensor_setup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
-  auto statistics = binding::offer_statistics(ages_, clock_);
+  auto statistics =
+      binding::offer_statistics({.ages = ages_,
+                                 .clock = clock_,
+                                 .diagnosis = [this] { return diagnosis_service_.state(); },
+                                 .settings = settings_->in_force});
 
   for (bool second_half = false; !shutdown_; second_half = !second_half) {
     std::this_thread::sleep_for(shutdown_poll);

@@ -1,12 +1,14 @@
 #include "app/pos_main.h"
 
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <future>
 #include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -22,6 +24,7 @@
 namespace {
 
 constexpr int exit_unhandled_exception = 104;
+constexpr int exit_usage = 2;
 /// Time for messages still under way to leave before the middleware ends.
 constexpr std::chrono::seconds runtime_delay{1};
 
@@ -109,6 +112,31 @@ void log_banner() {
             << build_info::middleware_release;
 }
 
+constexpr const char* help =
+    "Usage: POS__ORVEL1_Sys_Adaptive_01_Exe [--help | --version]\n"
+    "\n"
+    "The positioning application. It takes the positions of the GNSS service and provides the\n"
+    "Positioning service. Without an argument it runs until SIGTERM or SIGINT.\n"
+    "\n"
+    "The environment configures it: POS_MANIFEST names the deployment manifest, POS_STORAGE_DIR\n"
+    "the folder of its settings, POS_LOG_LEVEL the levels of its log.\n"
+    "posctl status says how it is.\n";
+
+/// Returns the exit code. Nothing else of the application starts.
+int answer_to_arguments(int argc, char** argv) {
+  const std::string_view argument = argv[1];
+  if (argc == 2 && (argument == "--help" || argument == "-h" || argument == "--version")) {
+    const std::string text = argument == "--version"
+                                 ? "POS application " + std::string(build_info::version) + "\n"
+                                 : help;
+    const bool written = std::fputs(text.c_str(), stdout) >= 0 && std::fflush(stdout) == 0;
+    return written ? 0 : 1;
+  }
+  std::fprintf(stderr, "%s: the argument \"%s\" is not known, --help and --version are\n", argv[0],
+               argc > 2 && (argument == "--help" || argument == "--version") ? argv[2] : argv[1]);
+  return exit_usage;
+}
+
 int exit_after(const char* exception) {
   ara::log::LogError() << "Fatal error in application, not handled exception caught: " << exception
                        << " Exiting application with return value " << exit_unhandled_exception
@@ -118,7 +146,8 @@ int exit_after(const char* exception) {
 
 }  // namespace
 
-int pos_main(int /*argc*/, char** /*argv*/) {
+int pos_main(int argc, char** argv) {
+  if (argc > 1) return answer_to_arguments(argc, argv);
   // Before logging, which starts threads of its own: only one thread may receive the signals.
   Signal_thread::block_signals();
   // Outlives every object that a signal could reach or end.

@@ -2,7 +2,9 @@
 #pragma once
 
 #include <cstdint>
+#include <vector>
 
+#include "binding/application_state.h"
 #include "persistency/Persistency.h"
 
 /// Field names are the keys in the storage.
@@ -14,6 +16,7 @@ struct Settings {
   std::uint32_t mmNewPositionCalculationIntervalMS = 1000;  ///< between two map-matched positions
   Persistency& persistency;                                 ///< source of the values
   bool timeClientEnabled = false;  ///< monitor and log the Time service, keep its offset
+  std::vector<binding::Setting_in_force> in_force{};  ///< each of the above, for tools
 };
 
 /// Reads every setting separately. A missing or unreadable setting, or one of another type, keeps

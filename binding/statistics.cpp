@@ -3,6 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "ara/log/levels.h"
+
 namespace binding {
 namespace {
 
@@ -15,11 +17,9 @@ ara::core::Future<Value> ready(Value value) {
 
 }  // namespace
 
-Statistics_skeleton::Statistics_skeleton(const Position_ages& ages,
-                                         const mw::com::runtime::Clock_watch& clock)
+Statistics_skeleton::Statistics_skeleton(Statistics_sources sources)
     : Skeleton_impl{ara::core::InstanceSpecifier("Statistics_ProvidedSomeipServiceInstance")},
-      ages_{ages},
-      clock_{clock} {
+      sources_{std::move(sources)} {
   using mw::com::cpp_binding::skeleton::provide;
   provide(core(), Statistics::Counters, [this] { return Counters(); });
   provide(core(), Statistics::Process, [this] { return Process(); });
@@ -27,6 +27,11 @@ Statistics_skeleton::Statistics_skeleton(const Position_ages& ages,
   provide(core(), Statistics::Stamps, [this] { return Stamps(); });
   provide(core(), Statistics::Clock, [this] { return Clock(); });
   provide(core(), Statistics::Peers, [this] { return Peers(); });
+  provide(core(), Statistics::Diagnosis, [this] { return Diagnosis(); });
+  provide(core(), Statistics::Settings, [this] { return Settings(); });
+  provide(core(), Statistics::LogLevels, [this] { return LogLevels(); });
+  provide(core(), Statistics::SetLogLevel,
+          [this](const Log_context_level& wanted) { return SetLogLevel(wanted); });
 }
 
 ara::core::Future<Statistics::Counters_result> Statistics_skeleton::Counters() {
@@ -38,25 +43,47 @@ ara::core::Future<Statistics::Process_result> Statistics_skeleton::Process() {
 }
 
 ara::core::Future<Statistics::Ages_result> Statistics_skeleton::Ages() {
-  return ready(ages_.ages());
+  return ready(sources_.ages.ages());
 }
 
 ara::core::Future<Statistics::Stamps_result> Statistics_skeleton::Stamps() {
-  return ready(ages_.stamps());
+  return ready(sources_.ages.stamps());
 }
 
 ara::core::Future<Statistics::Clock_result> Statistics_skeleton::Clock() {
-  return ready(clock_.state());
+  return ready(sources_.clock.state());
 }
 
 ara::core::Future<Statistics::Peers_result> Statistics_skeleton::Peers() {
   return ready(mw::com::runtime::peers());
 }
 
-std::unique_ptr<Statistics_skeleton> offer_statistics(const Position_ages& ages,
-                                                      const mw::com::runtime::Clock_watch& clock) {
+ara::core::Future<Diagnosis_state> Statistics_skeleton::Diagnosis() {
+  return ready(sources_.diagnosis());
+}
+
+ara::core::Future<Statistics::Settings_result> Statistics_skeleton::Settings() {
+  return ready(sources_.settings);
+}
+
+ara::core::Future<Statistics::Log_levels_result> Statistics_skeleton::LogLevels() {
+  Statistics::Log_levels_result levels;
+  for (const auto& [context, level] : ara::log::LevelsInForce())
+    levels.push_back({context, std::string(ara::log::NameOf(level))});
+  return ready(std::move(levels));
+}
+
+ara::core::Future<Statistics::Log_levels_result> Statistics_skeleton::SetLogLevel(
+    const Log_context_level& wanted) {
+  Statistics::Log_levels_result set;
+  const auto level = ara::log::LevelNamed(wanted.level);
+  if (level && ara::log::SetLevelOf(wanted.context, *level)) set.push_back(wanted);
+  return ready(std::move(set));
+}
+
+std::unique_ptr<Statistics_skeleton> offer_statistics(Statistics_sources sources) {
   try {
-    auto statistics = std::make_unique<Statistics_skeleton>(ages, clock);
+    auto statistics = std::make_unique<Statistics_skeleton>(std::move(sources));
     statistics->OfferService();
     return statistics;
   } catch (const std::runtime_error&) {

@@ -2,10 +2,13 @@
 /// skeleton and proxy. It is not a function of the vehicle.
 #pragma once
 
+#include <functional>
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "ara/core/future.h"
+#include "binding/application_state.h"
 #include "binding/codec.h"
 #include "binding/position_ages.h"
 #include "mw/com/cpp_binding/proxy.h"
@@ -147,6 +150,57 @@ struct binding::Description<mw::com::runtime::Peers> {
                  plain("eventGroups", &Record::eventGroups, "", "to which it subscribes")};
 };
 
+template <>
+struct binding::Description<binding::Status_age> {
+  using Record = binding::Status_age;
+  static constexpr std::string_view name = "binding::Status_age";
+  static constexpr auto entries =
+      std::tuple{plain("group", &Record::group, "", "0 input, 1 output, 2 system function"),
+                 plain("byte", &Record::byte, "", "within the group"),
+                 plain("status", &Record::status, "", "0 Nominal, 1 Error, 2 Init, 3 NotAvailable"),
+                 plain("sinceMs", &Record::sinceMs, "ms", "ago: the last change")};
+};
+
+template <>
+struct binding::Description<binding::Fault_age> {
+  using Record = binding::Fault_age;
+  static constexpr std::string_view name = "binding::Fault_age";
+  static constexpr auto entries = std::tuple{
+      plain("fault", &Record::fault, "", "0 not available, 1 error value, 2 implausible"),
+      plain("service", &Record::service, "", "1 GNSS, 2 Time"),
+      plain("element", &Record::element, "", "place in the interface from 1; 0: the service"),
+      plain("present", &Record::present, "", "now"),
+      plain("occurrences", &Record::occurrences, "", "since the start"),
+      plain("sinceMs", &Record::sinceMs, "ms", "ago: it appeared or disappeared")};
+};
+
+template <>
+struct binding::Description<binding::Diagnosis_state> {
+  using Record = binding::Diagnosis_state;
+  static constexpr std::string_view name = "binding::Diagnosis_state";
+  static constexpr auto entries =
+      std::tuple{plain("statuses", &Record::statuses, "", "of inputs, outputs and functions"),
+                 plain("faults", &Record::faults, "", "of the consumed services")};
+};
+
+template <>
+struct binding::Description<binding::Setting_in_force> {
+  using Record = binding::Setting_in_force;
+  static constexpr std::string_view name = "binding::Setting_in_force";
+  static constexpr auto entries =
+      std::tuple{plain("key", &Record::key), plain("value", &Record::value, "", "as JSON"),
+                 plain("stored", &Record::stored, "", "false: the default holds")};
+};
+
+template <>
+struct binding::Description<binding::Log_context_level> {
+  using Record = binding::Log_context_level;
+  static constexpr std::string_view name = "binding::Log_context_level";
+  static constexpr auto entries = std::tuple{
+      plain("context", &Record::context, "", "such as GNSS"),
+      plain("level", &Record::level, "", "off, fatal, error, warn, info, debug, verbose")};
+};
+
 namespace binding {
 
 struct Statistics {
@@ -156,6 +210,8 @@ struct Statistics {
   using Stamps_result = Stamp_counts;
   using Clock_result = mw::com::runtime::Clock_state;
   using Peers_result = mw::com::runtime::Peers;
+  using Settings_result = std::vector<Setting_in_force>;
+  using Log_levels_result = std::vector<Log_context_level>;
 
   static constexpr std::string_view name = "mw::com::runtime::Statistics";
   static constexpr mw::com::cpp_binding::Version version{1, 0};
@@ -165,7 +221,14 @@ struct Statistics {
   static constexpr mw::com::cpp_binding::Method<Stamps_result()> Stamps{"Stamps"};
   static constexpr mw::com::cpp_binding::Method<Clock_result()> Clock{"Clock"};
   static constexpr mw::com::cpp_binding::Method<Peers_result()> Peers{"Peers"};
-  static constexpr auto elements = std::tuple{Counters, Process, Ages, Stamps, Clock, Peers};
+  static constexpr mw::com::cpp_binding::Method<Diagnosis_state()> Diagnosis{"Diagnosis"};
+  static constexpr mw::com::cpp_binding::Method<Settings_result()> Settings{"Settings"};
+  static constexpr mw::com::cpp_binding::Method<Log_levels_result()> LogLevels{"LogLevels"};
+  /// Returns the levels of the contexts that it set: none for an unknown context or level.
+  static constexpr mw::com::cpp_binding::Method<Log_levels_result(Log_context_level)> SetLogLevel{
+      "SetLogLevel"};
+  static constexpr auto elements = std::tuple{
+      Counters, Process, Ages, Stamps, Clock, Peers, Diagnosis, Settings, LogLevels, SetLogLevel};
 };
 
 class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statistics> {
@@ -178,15 +241,26 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
   mw::com::cpp_binding::proxy::Element<Statistics::Stamps> Stamps{core()};
   mw::com::cpp_binding::proxy::Element<Statistics::Clock> Clock{core()};
   mw::com::cpp_binding::proxy::Element<Statistics::Peers> Peers{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Diagnosis> Diagnosis{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::Settings> Settings{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::LogLevels> LogLevels{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::SetLogLevel> SetLogLevel{core()};
 };
 
-/// Answers with the counters, usage and peers of this process, the ages of its positions and the
-/// state of the machine's clock.
+/// Where the service finds what it tells. The references, and what the function uses, outlive it.
+struct Statistics_sources {
+  const Position_ages& ages;
+  const mw::com::runtime::Clock_watch& clock;
+  std::function<Diagnosis_state()> diagnosis;
+  std::vector<Setting_in_force> settings;
+};
+
+/// Answers with the counters, usage, peers and log levels of this process, and with its sources.
 class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Statistics> {
  public:
   /// The instance "Statistics_ProvidedSomeipServiceInstance". Throws std::runtime_error if the
-  /// manifest does not have it. The references outlive the skeleton.
-  Statistics_skeleton(const Position_ages& ages, const mw::com::runtime::Clock_watch& clock);
+  /// manifest does not have it.
+  explicit Statistics_skeleton(Statistics_sources sources);
   ~Statistics_skeleton() { disconnect(); }
 
   [[nodiscard]] ara::core::Future<Statistics::Counters_result> Counters();
@@ -195,15 +269,18 @@ class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl
   [[nodiscard]] ara::core::Future<Statistics::Stamps_result> Stamps();
   [[nodiscard]] ara::core::Future<Statistics::Clock_result> Clock();
   [[nodiscard]] ara::core::Future<Statistics::Peers_result> Peers();
+  [[nodiscard]] ara::core::Future<Diagnosis_state> Diagnosis();
+  [[nodiscard]] ara::core::Future<Statistics::Settings_result> Settings();
+  [[nodiscard]] ara::core::Future<Statistics::Log_levels_result> LogLevels();
+  [[nodiscard]] ara::core::Future<Statistics::Log_levels_result> SetLogLevel(
+      const Log_context_level& wanted);
 
  private:
-  const Position_ages& ages_;
-  const mw::com::runtime::Clock_watch& clock_;
+  const Statistics_sources sources_;
 };
 
 /// Offers the service until the result is destroyed. Returns null if the manifest does not deploy
-/// it: a vehicle may leave it out. The references outlive the result.
-[[nodiscard]] std::unique_ptr<Statistics_skeleton> offer_statistics(
-    const Position_ages& ages, const mw::com::runtime::Clock_watch& clock);
+/// it: a vehicle may leave it out.
+[[nodiscard]] std::unique_ptr<Statistics_skeleton> offer_statistics(Statistics_sources sources);
 
 }  // namespace binding

@@ -34,7 +34,6 @@ void Data_bus_faults::set(Data_bus_fault fault, Data_bus_element element, bool p
 }
 
 void Data_bus_faults::enter(Data_bus_fault fault, Data_bus_element element, bool present) {
-  constexpr std::size_t entry_size = 5;
   const auto number = static_cast<unsigned>(element);
   const auto service = static_cast<std::uint8_t>(number >> 8U);
   const auto field = static_cast<std::uint8_t>(number & 0xFFU);
@@ -47,10 +46,12 @@ void Data_bus_faults::enter(Data_bus_fault fault, Data_bus_element element, bool
   if (at == bytes.size()) {
     if (!present) return;
     bytes.insert(bytes.end(), {service, field, 0, 0, 0});
+    record.since.emplace_back();
   }
   auto& state = bytes[at + 2];
   if ((state != 0) == present) return;
   state = present ? 1 : 0;
+  record.since[at / entry_size] = Clock::now();
   if (!present) return;
   auto* const occurrences = std::as_writable_bytes(std::span{bytes}).data() + at + 3;
   const auto before = binding::load<std::uint16_t>(occurrences, binding::Byte_order::big_endian);

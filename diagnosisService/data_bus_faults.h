@@ -29,6 +29,7 @@ enum class Data_bus_element : std::uint16_t {
 class Data_bus_faults {
  public:
   using Clock = std::chrono::steady_clock;
+  static constexpr std::size_t entry_size = 5;
 
   /// Empties the records. A required service may be missing for at most `timeout` from `now` on.
   void reset(std::chrono::microseconds timeout, Clock::time_point now);
@@ -47,6 +48,10 @@ class Data_bus_faults {
   [[nodiscard]] const std::vector<std::uint8_t>& entries(Data_bus_fault fault) const {
     return record(fault).entries;
   }
+  /// For each of these entries the time when the fault last appeared or disappeared.
+  [[nodiscard]] const std::vector<Clock::time_point>& since(Data_bus_fault fault) const {
+    return record(fault).since;
+  }
 
  private:
   struct Required_service {
@@ -57,6 +62,7 @@ class Data_bus_faults {
   struct Record {
     std::uint32_t count = 0;
     std::vector<std::uint8_t> entries;
+    std::vector<Clock::time_point> since;  ///< one for each entry
   };
   void enter(Data_bus_fault fault, Data_bus_element element, bool present);
   [[nodiscard]] const Record& record(Data_bus_fault fault) const {

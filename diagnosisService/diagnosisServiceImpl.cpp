@@ -309,6 +309,33 @@ void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType
   skeleton->MonitorAction.Send(action);
 }
 
+binding::Diagnosis_state diagnosisServiceImpl::state(Clock::time_point now) const {
+  const auto ago = [now](Clock::time_point since) {
+    const auto passed = std::chrono::duration_cast<std::chrono::milliseconds>(now - since).count();
+    return static_cast<std::uint64_t>(std::max<std::int64_t>(passed, 0));
+  };
+  binding::Diagnosis_state state;
+  const std::lock_guard lock{mutex_};
+  const auto add = [&](std::uint8_t number, Status_group group, const auto& bytes) {
+    for (std::uint8_t byte = 0; byte < bytes.size(); ++byte)
+      state.statuses.push_back({number, byte, bytes[byte], ago(book_.since(group, byte))});
+  };
+  add(0, Status_group::input, book_.inputs());
+  add(1, Status_group::output, book_.outputs());
+  add(2, Status_group::system, book_.system());
+  for (const auto kind : {Data_bus_fault::not_available, Data_bus_fault::error_value_received,
+                          Data_bus_fault::implausible}) {
+    const auto& since = faults_.since(kind);
+    for (std::size_t i = 0; i < since.size(); ++i) {
+      const auto* const entry = &faults_.entries(kind)[i * Data_bus_faults::entry_size];
+      state.faults.push_back({static_cast<std::uint8_t>(kind), entry[0], entry[1], entry[2] != 0,
+                              static_cast<std::uint16_t>(entry[3] << 8U | entry[4]),
+                              ago(since[i])});
+    }
+  }
+  return state;
+}
+
 template <class Output>
 Output diagnosisServiceImpl::read() const {
   const std::lock_guard lock{mutex_};

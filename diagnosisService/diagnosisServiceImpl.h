@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "ara/log/logger.h"
+#include "binding/application_state.h"
 #include "diagnosisService/DiagnosticMonitorServiceSkelImpl.h"
 #include "diagnosisService/data_bus_faults.h"
 #include "diagnosisService/data_identifiers.h"
@@ -86,6 +87,9 @@ class diagnosisServiceImpl {
   /// The output for Read of its data identifier.
   template <class Output>
   [[nodiscard]] Output read() const;
+
+  /// Every status and fault with the time since its last change.
+  [[nodiscard]] binding::Diagnosis_state state(Clock::time_point now = Clock::now()) const;
 
   [[nodiscard]] const ara::log::Logger& logger() const { return logger_; }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 namespace diagnosisService {
 
@@ -27,8 +28,40 @@ void Status_book::forget_data(Clock::rep as) {
     last.store(as, std::memory_order_relaxed);
 }
 
-void Status_book::reset(std::chrono::microseconds timeout) {
+std::size_t Status_book::place(Status_group group, std::size_t byte) {
+  switch (group) {
+    case Status_group::output:
+      return input_count + byte;
+    case Status_group::system:
+      return input_count + output_count + byte;
+    default:
+      return byte;
+  }
+}
+
+std::uint8_t& Status_book::byte_of(Status_group group, std::size_t byte) {
+  switch (group) {
+    case Status_group::output:
+      return bytes_.output[byte];
+    case Status_group::system:
+      return bytes_.system[byte];
+    default:
+      return bytes_.input[byte];
+  }
+}
+
+std::uint8_t Status_book::become(Status_group group,
+                                 std::size_t byte,
+                                 std::uint8_t status,
+                                 Clock::time_point at) {
+  const auto before = std::exchange(byte_of(group, byte), status);
+  if (before != status) since_[place(group, byte)] = at;
+  return before;
+}
+
+void Status_book::reset(std::chrono::microseconds timeout, Clock::time_point now) {
   bytes_ = {};
+  since_.fill(now);
   timeout_ = timeout;
   forget_data(no_data);
 }
@@ -41,21 +74,20 @@ void Status_book::data_received(std::uint32_t identifier, Clock::time_point at) 
   last.store(std::max(at.time_since_epoch().count(), no_data + 1), std::memory_order_relaxed);
 }
 
-void Status_book::set_system_status(std::size_t byte, std::uint8_t status) {
+void Status_book::set_system_status(std::size_t byte, std::uint8_t status, Clock::time_point now) {
   if (byte >= system_count) {
     throw std::out_of_range{"system status byte " + std::to_string(byte) + ", expected 0 to " +
                             std::to_string(system_count - 1)};
   }
-  bytes_.system[byte] = status;
+  become(Status_group::system, byte, status, now);
 }
 
-void Status_book::apply_sensor_setup() {
+void Status_book::apply_sensor_setup(Clock::time_point now) {
   for (std::size_t sensor = 0; sensor < sensors_.size(); ++sensor) {
-    auto& status = bytes_.input[sensor];
     if (!sensors_[sensor]) {
-      status = Status::not_available;
-    } else if (status != Status::nominal) {
-      status = Status::init;
+      become(Status_group::input, sensor, Status::not_available, now);
+    } else if (bytes_.input[sensor] != Status::nominal) {
+      become(Status_group::input, sensor, Status::init, now);
     }
   }
 }
@@ -70,11 +102,9 @@ void Status_book::clear(std::uint32_t identifier, Clock::time_point at) {
       monitor.group == Status_group::input ||
       (monitor.group == Status_group::output && monitor.byte < output_rules.size());
   if (!clearable) return;
-  auto& status = monitor.group == Status_group::input ? bytes_.input[monitor.byte]
-                                                      : bytes_.output[monitor.byte];
-  if (status != Status::error) return;
+  if (byte_of(monitor.group, monitor.byte) != Status::error) return;
   data_received(identifier, at);
-  status = Status::nominal;
+  become(monitor.group, monitor.byte, Status::nominal, at);
 }
 
 std::uint8_t Status_book::status(std::uint32_t identifier) const {
@@ -113,23 +143,21 @@ std::uint8_t Status_book::evaluated(std::size_t monitor,
 
 std::vector<Status_book::Change> Status_book::evaluate(Clock::time_point now) {
   std::vector<Change> changes;
-  const auto take = [&](std::size_t monitor, std::uint8_t& status, std::uint8_t now_is) {
-    if (status == now_is) return;
-    changes.push_back({&monitor_table[monitor], status, now_is});
-    status = now_is;
+  const auto take = [&](std::size_t index, std::uint8_t status) {
+    const auto& monitor = monitor_table[index];
+    const auto before = become(monitor.group, monitor.byte, status, now);
+    if (before != status) changes.push_back({&monitor, before, status});
   };
   for (std::size_t sensor = 0; sensor < input_count; ++sensor) {
     if (!sensors_[sensor]) continue;
     const auto index = monitor_index(Status_group::input, sensor);
-    auto& status = bytes_.input[sensor];
-    take(index, status, evaluated(index, status, now));
+    take(index, evaluated(index, bytes_.input[sensor], now));
   }
   for (const auto& rule : output_rules) {
     const auto index = monitor_index(Status_group::output, rule.output);
     const auto governing = bytes_.system[rule.system_byte];
-    auto& status = bytes_.output[rule.output];
     const bool governed = governing == Status::error || governing == Status::init;
-    take(index, status, governed ? governing : evaluated(index, status, now));
+    take(index, governed ? governing : evaluated(index, bytes_.output[rule.output], now));
   }
   return changes;
 }

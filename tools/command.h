@@ -6,10 +6,18 @@
 
 namespace tools {
 
-/// Exit code of a command that could not do its work, or not write its output.
+/// Exit code of a command that could not do its work, not write its output, or has found a fault.
 inline constexpr int exit_failed = 1;
+/// Exit code of a command that got no answer from the application.
+inline constexpr int exit_no_answer = 2;
 /// Exit code of a command line that makes no sense.
-inline constexpr int exit_usage = 2;
+inline constexpr int exit_usage = 3;
+
+/// The application, or what a command needs of it, does not answer.
+class No_answer : public std::runtime_error {
+ public:
+  using std::runtime_error::runtime_error;
+};
 
 /// An argument that the command refuses after the command line was parsed.
 class Usage_error : public std::invalid_argument {

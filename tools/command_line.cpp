@@ -15,9 +15,10 @@
 namespace tools {
 
 std::optional<int> parse(CLI::App& app, int argc, char** argv) {
-  app.set_version_flag("--version",
-                       std::filesystem::path(argv[0]).filename().string() + " " POS_VERSION,
-                       "Print the version and exit");
+  const std::string version = std::filesystem::path(argv[0]).filename().string() + " " POS_VERSION;
+  app.set_version_flag("--version", version, "Print the version and exit");
+  for (auto* command : app.get_subcommands({}))
+    command->set_version_flag("--version", version, "Print the version and exit");
   try {
     app.parse(argc, argv);
     return std::nullopt;
@@ -56,6 +57,9 @@ int report_exception(const char* program) {
   } catch (const Usage_error& error) {
     std::fprintf(stderr, "%s: %s\n", program, error.what());
     return exit_usage;
+  } catch (const No_answer& error) {
+    std::fprintf(stderr, "%s: %s\n", program, error.what());
+    return exit_no_answer;
   } catch (const std::exception& error) {
     std::fprintf(stderr, "%s: %s\n", program, error.what());
   }

@@ -48,6 +48,18 @@ class ProcessTest(unittest.TestCase):
         self.assertLess(time.monotonic() - start, SHUTDOWN_LIMIT_S + 3.0)
         self.assertEqual(self.count(application, "posApplication::signalHandler"), handled)
 
+    def test_arguments_are_answered_or_refused_before_anything_starts(self):
+        for arguments, code, output, errors in (
+            (("--version",), 0, r"POS application \d+\.\d+\.\d+\n", ""),
+            (("--help",), 0, r"Usage: POS__ORVEL1_Sys_Adaptive_01_Exe (.|\n)*", ""),
+            (("--verbose",), 2, "", r".*: the argument \"--verbose\" is not known, --help and --version are\n"),
+            (("--help", "me"), 2, "", r".*: the argument \"me\" is not known, .*\n"),
+        ):
+            told = self.desk.run(APPLICATION, *arguments)
+            self.assertEqual(told[0], code, arguments)
+            self.assertRegex(told[1], rf"\A{output}\Z")
+            self.assertRegex(told[2], rf"\A{errors}\Z")
+
     def test_signals_before_the_application_exists_are_ignored(self):
         def send_to_myself():
             signal.pthread_sigmask(signal.SIG_BLOCK, SIGNALS)  # they wait for the program

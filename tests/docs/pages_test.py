@@ -105,6 +105,20 @@ class Pages(unittest.TestCase):
             default = rf"\b{key} = {json.dumps(entry['value'])};"
             self.assertRegex(text_of("app/settings.h"), default)
 
+    def test_the_names_of_the_status_page_are_those_of_the_program(self):
+        told = subprocess.run([POSCTL, "explain", "--markdown"], capture_output=True, text=True, check=True).stdout
+        self.assertEqual(text_of("docs/status.md").split("## Names\n\n")[1], told)
+        for key, kind, default in re.findall(r'Setting\{"(\w+)", "(\w+)", "(\w+)"', text_of("tools/posctl/setting_table.h")):
+            self.assertIn(f"| `{key}` | {kind} | {default} |", text_of("docs/settings.md"))
+
+    def test_the_commands_of_posctl_are_on_its_page(self):
+        told = subprocess.run([POSCTL, "--help"], capture_output=True, text=True, check=True).stdout
+        names = re.findall(r"^  ([a-z-]+) ", told.split("Commands:")[1], re.MULTILINE)
+        page = text_of("docs/posctl.md")
+        self.assertGreater(len(names), 10)
+        for name in names:
+            self.assertRegex(page, rf"(?m)^\|.*`{name}[` ]", name)
+
     def test_every_variable_of_the_environment_is_in_the_table(self):
         told = set(re.findall(r"^\| `(POS_\w+)` \|", text_of("docs/platform-linux.md"), re.MULTILINE))
         asked_for = set()

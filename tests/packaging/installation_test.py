@@ -22,6 +22,9 @@ class Installation(unittest.TestCase):
         described = run(root / "bin/posctl", "describe", "--json")
         self.assertEqual(json.loads(described.stdout)["manifest"], str(root / "share/pos/manifest.json"))
         self.assertEqual(run(root / "bin/gnss-gateway", "--help").returncode, 0)
+        for file in ("man/man1/posctl-status.1", "bash-completion/completions/posctl",
+                     "zsh/vendor-completions/_posctl", "fish/vendor_completions.d/posctl.fish"):
+            self.assertIn("status", (root / "share" / file).read_text(encoding="utf-8"), file)
 
 
 if __name__ == "__main__":

@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
   std::size_t first = 0;
   for (long cycle = 0; cycle < cycles; ++cycle) {
     std::cout << "start " << cycle << std::endl;
-    const int code = pos_main(argc, argv);
+    const int code = pos_main(1, argv);
     std::size_t threads = count("/proc/self/task");
     if (cycle == 0) first = threads;
     // The kernel still lists a thread for a moment after it has been joined.

@@ -220,7 +220,7 @@ void peers() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc == 2 && argv[1] == std::string_view("exit-code")) return pos_main(argc, argv);
+  if (argc == 2 && argv[1] == std::string_view("exit-code")) return pos_main(1, argv);
   ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                         ara::log::LogMode::kRemote, "");
   binding::Platform_trace_logger trace_logger(ara::log::CreateLogger("TRCE", "Binding trace"));

@@ -42,6 +42,7 @@ class Run(unittest.TestCase):
         run.send_signal(signal.SIGINT)
         output = self.end(run)
         self.assertRegex(output, r"(^|\n)\nProcess\n  uptime +\d")
+        self.assertNotIn("error values", output)
         self.assertRegex(output, r"\n  gnss +(Init|Nominal) ")
         self.assertRegex(output, r"GNSS notifications in .*\n.*positions and .* out, 0 lost;")
 

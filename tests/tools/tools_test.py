@@ -52,6 +52,12 @@ class Tools(unittest.TestCase):
         self.assertEqual((told, output), (code, ""), arguments)
         return errors
 
+    def status(self, *arguments):
+        """What posctl status tells, and its exit code."""
+        code, output, errors = self.desk.run(POSCTL, "status", "--timeout", 20, "--json", *arguments)
+        self.assertIn(code, (0, 1), errors)
+        return json.loads(output), code
+
     # Without the application
 
     def test_describe_tells_ids_and_records_of_every_service(self):
@@ -89,28 +95,39 @@ class Tools(unittest.TestCase):
         empty = self.desk.path / "empty.log"
         empty.write_text("# nothing\n$GPGGA,broken*00\n")
         missing = self.desk.path / "none.log"
-        for program, arguments, text in (
-            (POSCTL, ("watch", "--count", 1, "--timeout", 0.3),
+        for program, arguments, code, text in (
+            (POSCTL, ("watch", "--count", 1, "--timeout", 0.3), 2,
              "posctl: after 0.3 s: no Positioning service was offered"),
-            (POSCTL, ("status", "--timeout", 0.3), "posctl: the application does not answer: no instance of "
+            (POSCTL, ("status", "--timeout", 0.3), 2, "posctl: the application does not answer: no instance of "
              "lumo::services::positioning::Positioning is offered (over the network as node posctl)\n"),
-            (POSCTL, ("stats", "--timeout", 0.3),
+            (POSCTL, ("stats", "--timeout", 0.3), 2,
              "posctl: no instance of mw::com::runtime::Statistics is offered (over the network as node posctl)\n"),
-            (GATEWAY, ("--nmea", missing), f'gnss-gateway: cannot read "{missing}": No such file'),
-            (GATEWAY, ("--nmea", empty, "--loop"), "holds no NMEA 0183 sentence"),
+            (POSCTL, ("log", "--timeout", 0.3), 2, "no instance of mw::com::runtime::Statistics"),
+            (GATEWAY, ("--nmea", missing), 1, f'gnss-gateway: cannot read "{missing}": No such file'),
+            (GATEWAY, ("--nmea", empty, "--loop"), 1, "holds no NMEA 0183 sentence"),
         ):
-            self.assertIn(text, self.fails(program, *arguments))
+            self.assertIn(text, self.fails(program, *arguments, code=code))
 
     def test_a_command_line_that_makes_no_sense_is_refused_with_one_exit_code(self):
         for program, arguments, text in (
             (POSCTL, (), "A subcommand is required"),
             (POSCTL, ("watch", "--colour", "red"), "--colour"),
             (POSCTL, ("state", "kOff"), "kOn,kPrepSD"),
+            (POSCTL, ("stauts",), 'posctl: there is no command "stauts"; did you mean "status"?'),
             (POSCTL, ("read", "d_9999"), 'posctl: there is no data identifier "d_9999"'),
+            (POSCTL, ("explain", "notificationLate"), 'did you mean "notificationsLate"?'),
+            (POSCTL, ("set", "useGNSSDr", "true"), 'no setting "useGNSSDr"; did you mean "useGNSSDR"?'),
+            (POSCTL, ("set", "useGNSSDR", "1"), 'useGNSSDR: expected true or false, found "1"'),
+            (POSCTL, ("log", "GNSS=loud"), 'there is no log level "loud"; expected off, fatal'),
+            (POSCTL, ("log", "GNSS"), "expected CONTEXT=LEVEL"),
+            (POSCTL, ("call", "Statistic.Clock"), 'did you mean "Statistics.Clock"?'),
+            (POSCTL, ("call", "Statistics.Clock", "1"), "takes no argument"),
+            (POSCTL, ("call", "DiagnosticMonitor.InitMonitor", '"kGone"'), "expected one of kClear, kRestart"),
+            (POSCTL, ("validate", "/none"), 'cannot read "/none"'),
             (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
             (GATEWAY, ("--speed-up", 2), "--nmea"),
         ):
-            self.assertIn(text, self.fails(program, *arguments, code=2))
+            self.assertIn(text, self.fails(program, *arguments, code=3))
         options = ((POSCTL, ("watch",), "--count"), (POSCTL, ("watch",), "--timeout"),
                    (POSCTL, ("monitors",), "--count"), (POSCTL, ("status",), "--timeout"),
                    (POSCTL, ("state", "kOn"), "--timeout"), (POSCTL, ("state", "kOn"), "--sequence"),
@@ -119,13 +136,13 @@ class Tools(unittest.TestCase):
                    (GATEWAY, (), "--count"), (GATEWAY, (), "--seconds"))
         for program, arguments, option in options:
             for value in ("nan", "inf", "-inf", "-1", "-0", "+1", "1e999", "0x10", "1 ", ""):
-                self.assertRegex(self.fails(program, *arguments, f"{option}={value}", code=2),
+                self.assertRegex(self.fails(program, *arguments, f"{option}={value}", code=3),
                                  rf"{option}: .*(expected a number|required)", value)
-        self.assertIn("expected a number", self.fails(GATEWAY, "--plt-offset=nan", code=2))
+        self.assertIn("expected a number", self.fails(GATEWAY, "--plt-offset=nan", code=3))
 
     def test_output_that_cannot_be_written_is_an_error(self):
         self.runs_to_the_end(APPLICATION)
-        self.output(POSCTL, "status", "--timeout", 20)  # it answers
+        self.output(POSCTL, "stats", "--timeout", 20)  # it answers
         for program, arguments in (
             (POSCTL, ("--help",)), (POSCTL, ("--version",)), (POSCTL, ("watch", "--help")), (GATEWAY, ("--help",)),
             (GATEWAY, ("--version",)), (POSCTL, ("describe",)), (POSCTL, ("describe", "--json")),
@@ -230,7 +247,7 @@ class Tools(unittest.TestCase):
         self.assertEqual(second["process"]["threads"], int(re.search(r"Threads:\s+(\d+)", kernel)[1]))
 
         for part in ("clock", "stamps", "ages"):
-            self.assertEqual(second[part].keys(), self.posctl("status")[part].keys(), part)
+            self.assertEqual(second[part].keys(), self.status()[0][part].keys(), part)
         text = self.output(POSCTL, "stats")
         self.assertRegex(text, r"uptime +\d+\.\d s +resident memory +\d+\.\d MiB\n")
         self.assertRegex(text, r"tcpAccepted +0 +tcpConnected +0\n")
@@ -250,19 +267,25 @@ class Tools(unittest.TestCase):
 
     def test_one_page_tells_the_whole_state(self):
         self.runs_to_the_end(APPLICATION)
-        quiet = self.posctl("status", "--timeout", 20)
+        quiet, code = self.status()
+        self.assertEqual(code, 1)
+        self.assertIn("no offer seen", quiet["reason"])
         self.assertNotIn("LAT", quiet["position"]["record"])
         self.assertIsNone(quiet["mapMatched"]["latitude"])
         self.assertEqual(quiet["inputs"]["gnss"], "Init")
         self.assertNotIn("ageS", quiet["position"])
-        self.assertIn("\nPosition: none yet\n", self.output(POSCTL, "status"))
+        self.assertRegex(self.desk.run(POSCTL, "status")[1],
+                         r"^(degraded|failed): .*no offer seen for .*\n\nPosition: none yet\n")
         watched = ("watch", "--field", "positions", "--count", 1, "--timeout", 20)
         self.assertEqual(self.output(POSCTL, *watched), "positions (no position yet)\n")
         self.assertTrue(self.posctl(*watched)["initial"])
 
-        self.runs_to_the_end(GATEWAY, "--rate", 20)
-        until(lambda: self.posctl("status")["inputs"]["gnss"] == "Nominal", "the GNSS input is nominal")
-        moving = self.posctl("status")
+        gateway = self.desk.start(GATEWAY, "--rate", 20)
+        until(lambda: self.status()[1] == 0, "the application is healthy")
+        moving, _ = self.status()
+        self.assertEqual((moving["schema"], moving["verdict"], moving["findings"]), (1, "healthy", []))
+        self.assertEqual(moving["inputs"]["gnss"], "Nominal")
+        self.assertAlmostEqual(moving["ratePerS"], 20, delta=5)
         self.assertAlmostEqual(moving["position"]["record"]["LAT"], LATITUDE, delta=0.1)
         self.assertTrue(0 <= moving["position"]["ageS"] < 5, moving["position"]["ageS"])
         self.assertTrue(0 <= moving["mapInfo"]["ageS"] < 10, moving["mapInfo"]["ageS"])
@@ -277,19 +300,84 @@ class Tools(unittest.TestCase):
         self.assertNotIn(0, moving["counters"].values())
 
         page = self.output(POSCTL, "status")
-        for line in (r"^Position, \d\.\d{3} s old( \(clock not synchronised\))?$", r"^  latitude +46\.\d{7} deg$",
-                     r" time of day +\d\d:\d\d:\d\d\.\d\d$", r"^  gnss +Nominal +odometry +NotAvailable$",
-                     r"^  lbl +Init +mapMatching +NotAvailable$", r"^  datagramsReceived +\d+ "):
+        since = r"since \d\d:\d\d:\d\d"
+        for line in (r"\Ahealthy: \d+\.\d positions a second, \d+\.\d ms old on arrival$",
+                     r"^Position, \d\.\d{3} s old( \(clock not synchronised\))?$", r"^  latitude +46\.\d{7} deg$",
+                     r" time of day +\d\d:\d\d:\d\d\.\d\d$", rf"^  gnss +Nominal +{since}  data arrives in time$",
+                     rf"^  mapMatched +Init +{since}  stays: no map matching here$",
+                     rf"^  lbl +Init +{since}  stays: no LBL system here$",
+                     r"^  no fault since the start$", r"^  datagramsReceived +\d+ "):
             self.assertRegex(page, re.compile(line, re.MULTILINE))
         self.assertLessEqual(max(map(len, page.splitlines())), 80)
+
+        table = self.output(POSCTL, "watch", "-o", "table", "--count", 2, "--timeout", 20)
+        self.assertRegex(table, r"^time +rate/s +age ms +latitude .*\n(no position yet\n)?(\d\d:[\d:.]+ .* 46\.9\d+ .*\n){2}$")
+        watch = self.desk.start(POSCTL, "watch", "-o", "table", "--count", 20)
+        while "46.9" not in watch.stdout.readline():
+            pass
+        self.assertEqual(self.desk.stop(gateway)[0], 0)
+        silence = until(lambda: (line := watch.stdout.readline()) and "nothing" in line and line, "a line on the silence")
+        self.assertRegex(silence, r"nothing for [23]\.\d s; still offered by 127\.\S+ udp \d+: posctl status says why$")
+        until(lambda: self.status()[0]["verdict"] == "failed", "a verdict on the lost source")
+        failed = self.desk.run(POSCTL, "status")[1]
+        self.assertRegex(failed, rf"\Afailed: GNSS missing {since}, 1st time; last cause: it has withdrawn its offer\n")
+        gateway = self.desk.start(GATEWAY, "--rate", 20)
+        until(lambda: "back after" in watch.stdout.readline(), "the return")
+        self.assertEqual(watch.wait(DEADLINE), 0)
+        until(lambda: self.status()[1] == 0, "the application is healthy again")
+        self.assertRegex(self.output(POSCTL, "status"), rf"\n  GNSS there {since}, before that missing once\n")
+
+    def test_settings_log_levels_and_methods_are_reached_by_name(self):
+        set_it = ("set", "mmNewPositionCalculationIntervalMS")
+        self.assertIn("is stored. No application answered", self.output(POSCTL, *set_it, "500", "--timeout", 0.3))
+        self.runs_to_the_end(APPLICATION)
+        until(lambda: self.desk.run(POSCTL, "stats", "--timeout", 1)[0] == 0, "the application answers")
+        rows = {row["key"]: row for row in self.posctl("settings")["settings"]}
+        self.assertEqual((rows[set_it[1]]["value"], rows[set_it[1]]["from"]), (500, "store"))
+        self.assertEqual((rows["useGNSSDR"]["value"], rows["useGNSSDR"]["needsRestart"]), (True, False))
+        self.assertIn("the application is running", self.fails(POSCTL, *set_it, "600"))
+
+        self.assertEqual(self.output(POSCTL, "log", "DSRV=debug"), "DSRV=debug\n")
+        self.assertEqual(self.posctl("log")["levels"]["DSRV"], "debug")
+        self.assertIn('no log context "DSRW"; did you mean "DSRV"?', self.fails(POSCTL, "log", "DSRW=debug"))
+
+        counters = json.loads(self.output(POSCTL, "call", "Statistics.Counters"))["result"]
+        explained = {term["name"] for term in self.posctl("explain")["terms"] if term["kind"] == "counter"}
+        self.assertEqual({counter["name"] for counter in counters}, explained)
+        monitor = ("call", "DiagnosticMonitor.InitMonitor", '"kRestart"', "--instance", 0xD101)
+        self.assertEqual(json.loads(self.output(POSCTL, *monitor))["result"], None)
+        self.assertIn("(counter): ", self.output(POSCTL, "explain", "notificationslate"))
+
+    def test_manifests_are_validated_and_the_shells_complete_every_command(self):
+        self.assertRegex(self.output(POSCTL, "validate", self.desk.path / "manifest.json"), "is valid: 3 nodes, 12 services")
+        self.desk.manifest["nodes"]["POS"]["adress"] = 1
+        self.desk.write_manifest()
+        code, output, _ = self.desk.run(POSCTL, "validate", self.desk.path / "manifest.json")
+        self.assertEqual(code, 1)
+        self.assertRegex(output, r'^not valid: .*manifest\.json.*"adress"')
+        names = re.findall(r"^  ([a-z-]+) ", self.output(POSCTL, "--help").split("Commands:")[1], re.MULTILINE)
+        self.assertIn("status", names)
+        self.output(POSCTL, "describe", "--man", self.desk.path / "man")
+        pages = {page.name for page in (self.desk.path / "man").iterdir()}
+        self.assertEqual(pages, {"posctl.1", *(f"posctl-{name}.1" for name in names)})
+        script = self.output(POSCTL, "describe", "--completion", "bash")
+        ask = f"{script}\nCOMP_WORDS=(posctl watch -o ''); COMP_CWORD=3; _posctl; echo ${{COMPREPLY[@]}}"
+        told = subprocess.run(["bash", "-c", ask], capture_output=True, text=True, check=True).stdout
+        self.assertEqual(told, "table wide json lines\n")
+        for shell in ("zsh", "fish"):
+            text = self.output(POSCTL, "describe", "--completion", shell)
+            self.assertTrue(all(name in text for name in names), shell)
+        for name in names:
+            self.assertIn(f"Example: posctl {name}", self.output(POSCTL, name, "--help"))
 
     def test_a_vehicle_may_leave_the_statistics_out(self):
         del self.desk.manifest["services"]["mw::com::runtime::Statistics"]
         self.desk.write_manifest()
         self.runs_to_the_end(APPLICATION)
         self.output(POSCTL, "watch", "--count", 2, "--timeout", 20)
-        for command in ("stats", "status"):
-            self.assertIn('services: "mw::com::runtime::Statistics" is not deployed', self.fails(POSCTL, command))
+        for command, code in (("stats", 1), ("status", 2)):
+            self.assertIn('services: "mw::com::runtime::Statistics" is not deployed',
+                          self.fails(POSCTL, command, code=code))
 
     def test_a_program_whose_output_has_lost_its_reader_ends_quietly(self):
         self.desk.start(APPLICATION)
@@ -341,14 +429,17 @@ class Tools(unittest.TestCase):
             bus.listen()
             self.desk.environment |= {"POS_STATE_BUS": "session",
                                       "DBUS_SESSION_BUS_ADDRESS": f"unix:path={self.desk.path / 'bus'}"}
-            self.assertEqual(self.fails(POSCTL, "state", "kOn", "--timeout", 0.2), NO_BUS)
+            self.assertEqual(self.fails(POSCTL, "state", "kOn", "--timeout", 0.2, code=2), NO_BUS)
 
     def test_positions_data_identifiers_and_monitors_of_a_running_application(self):
         self.runs_to_the_end(APPLICATION)
         self.output(POSCTL, "watch", "--count", 2, "--timeout", 20)
-        self.assertIn("gnss: 2 Init\n", self.output(POSCTL, "read", "d_14a0"))
+        self.assertIn("  raw: 02 03 03 03 03 03 03 03 03 03 03\n  gnss: Init\n", self.output(POSCTL, "read", "d_14a0"))
+        self.assertEqual(self.output(POSCTL, "read", "all").count("  raw: "), 7)
 
         monitors = self.runs_to_the_end(POSCTL, "monitors", "--json")
+        states = [json.loads(monitors.stdout.readline()) for _ in range(23)]
+        self.assertEqual([one["status"] for one in states[:3]], ["Nominal", "Init", "NotAvailable"])
         gateway = self.desk.start(GATEWAY, "--rate", 20, "--satellites", 60)
         lines = self.output(POSCTL, "watch", "--json", "--count", 30, "--timeout", 20, "--field", "positions")
         records = [json.loads(line)["records"][0] for line in lines.splitlines()]
@@ -358,17 +449,18 @@ class Tools(unittest.TestCase):
         self.assertLessEqual(wanted, records[-1].keys())
 
         # The evaluation runs twice a second.
-        until(lambda: self.posctl("read", "14A0")["gnss"] == 0, "the GNSS input is nominal")
-        position = self.posctl("read", "0x14a2")
+        until(lambda: self.posctl("read", "14A0")["values"]["gnss"] == "Nominal", "the GNSS input is nominal")
+        position = self.posctl("read", "0x14a2")["values"]
         self.assertAlmostEqual(position["latitude"], LATITUDE, delta=0.1)
         self.assertAlmostEqual(position["altitude"], 545, delta=60)
 
         told = json.loads(monitors.stdout.readline())
-        self.assertEqual(told["actionName"], "kPassed")
-        self.assertEqual(self.output(POSCTL, "init-monitor", "POS_Input_Map", "kRestart"), "")
+        self.assertEqual(told["action"], "kPassed")
+        self.assertEqual(self.output(POSCTL, "init-monitor", "POS_Input_Map", "kRestart"),
+                         "POS_Input_Map initialised with kRestart: it reports its result again\n")
         while told["name"] != "POS_Input_Map":
             told = json.loads(monitors.stdout.readline())
-        self.assertEqual((told["monitor"], told["action"]), ("0x83D10A", 0))
+        self.assertEqual((told["monitor"], told["action"]), ("0x83D10A", "kPassed"))
 
         # Nobody moves any more, but the last value is still there.
         self.assertEqual(self.desk.stop(gateway)[0], 0)

@@ -100,7 +100,7 @@ constexpr const char* footer =
     "records.\n"
     "\n"
     "Exit code 0 at the end of a recording or stream, after --count or --seconds, on SIGINT and\n"
-    "SIGTERM; 1 when the input cannot be read, holds no sentence or is a device that has gone; 2 "
+    "SIGTERM; 1 when the input cannot be read, holds no sentence or is a device that has gone; 3 "
     "for\n"
     "a wrong command line.";
 

@@ -38,9 +38,9 @@ std::optional<Talker> talker_of(std::string_view address) {
 
 using Parse = std::optional<Content> (*)(Fields&, Talker&);
 
-template <std::optional<Content> (*parse)(Fields&)>
+template <std::optional<Content> (*Parse_sentence)(Fields&)>
 std::optional<Content> whoever_speaks(Fields& fields, Talker& /*talker*/) {
-  return parse(fields);
+  return Parse_sentence(fields);
 }
 
 struct Type {

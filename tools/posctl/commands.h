@@ -4,23 +4,33 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 #include "tools/posctl/way.h"
 
 namespace posctl {
 
 struct Watch_options {
-  bool json = false;
-  std::uint64_t count = 0;  ///< lines; 0: until interrupted
+  /// "table", "wide", "json" or "lines"; empty: a table on a terminal, else lines
+  std::string output;
+  std::uint64_t count = 0;  ///< notifications; 0: until interrupted
   double timeout = 0;       ///< seconds; 0: none
   std::string field;        ///< "positions" or "posMapInfo"; empty: both
   Way_options way;
 };
-/// Prints each notification of the Positioning service on a line.
+/// Prints each notification of the Positioning service on a line. A table has positions only, and
+/// lines that say when nothing comes and when the positions are back.
 int watch(const Watch_options& options);
 
+struct Describe_options {
+  bool json = false;
+  std::string man;         ///< a folder: write the manual pages there
+  std::string completion;  ///< "bash", "zsh" or "fish": print its completion
+};
 /// Prints the manifest in force and every record.
 int describe_deployment(bool as_json);
+/// The same, or what `options` asks for instead.
+int describe(const Describe_options& options);
 
 struct Read_options {
   std::string data_identifier;
@@ -28,21 +38,22 @@ struct Read_options {
   double timeout = 5;  ///< seconds
   Way_options way;
 };
-/// Reads a diagnostic data identifier. Throws tools::Usage_error for an unknown one.
+/// Reads one diagnostic data identifier or "all". Throws tools::Usage_error for an unknown one.
 int read(const Read_options& options);
 
 struct Monitor_options {
   bool json = false;
-  std::uint64_t count = 0;  ///< lines; 0: until interrupted
-  double timeout = 0;       ///< seconds; 0: none
+  bool reports_only = false;  ///< does not begin with the present states
+  std::uint64_t count = 0;    ///< lines; 0: until interrupted
+  double timeout = 0;         ///< seconds; 0: none
   Way_options way;
 };
-/// Prints each action that a diagnostic monitor reports on a line.
+/// Prints the present state of each diagnostic monitor, then each action that one reports.
 int monitors(const Monitor_options& options);
 
 struct Init_monitor_options {
   std::string monitor;  ///< name or identifier
-  unsigned reason = 0;  ///< number of mw::dm::dem::InitMonitorReason
+  std::string reason;   ///< name of a mw::dm::dem::InitMonitorReason
   double timeout = 5;   ///< seconds
   Way_options way;
 };
@@ -76,7 +87,57 @@ struct Discover_options {
 };
 /// Prints everything that is offered on the network, also what the manifest does not have.
 int discover(const Discover_options& options);
-/// Prints all that the application tells about itself on one page. 1 when it does not answer.
-int status(const Look_options& options);
+struct Status_options : Look_options {
+  bool watch = false;  ///< looks again each second
+};
+/// Prints a verdict and all that the application tells about itself on one page. Returns 0 if the
+/// application is healthy, tools::exit_failed if it is not.
+int status(const Status_options& options);
+
+/// Prints each setting: value, origin, and whether a restart would change it.
+int settings(const Look_options& options);
+struct Set_options {
+  std::string key;
+  std::string value;
+  double timeout = 1;  ///< seconds to wait for a running application
+  Way_options way;
+};
+/// Stores a setting for the next start. Throws tools::Usage_error for an unknown key or another
+/// type, and std::runtime_error while the application runs.
+int set_setting(const Set_options& options);
+
+struct Log_options {
+  std::vector<std::string> levels;  ///< "GNSS=debug"; empty: print those in force
+  bool json = false;
+  double timeout = 5;  ///< seconds
+  Way_options way;
+};
+/// Sets levels of the application's log contexts, or prints them.
+int log(const Log_options& options);
+
+struct Call_options {
+  std::string method;          ///< "Statistics.Counters"; empty: list all
+  std::string argument;        ///< JSON
+  std::uint16_t instance = 0;  ///< 0: the first that is found
+  double timeout = 5;          ///< seconds
+  Way_options way;
+};
+/// Calls a method, or reads a field, and prints the result as JSON.
+int call(const Call_options& options);
+
+struct Validate_options {
+  std::string manifest;
+  bool json = false;
+};
+/// Says whether a file is a valid deployment manifest. Returns tools::exit_failed if it is not.
+int validate(const Validate_options& options);
+
+struct Explain_options {
+  std::string name;  ///< empty: all
+  bool json = false;
+  bool markdown = false;
+};
+/// Prints the meaning of a counter, status, setting, identifier, member or abbreviation.
+int explain_name(const Explain_options& options);
 
 }  // namespace posctl

@@ -5,10 +5,10 @@
 #include <future>
 #include <memory>
 #include <optional>
-#include <stdexcept>
 #include <string>
 
 #include "mw/com/cpp_binding/proxy.h"
+#include "tools/command.h"
 
 namespace posctl {
 
@@ -39,10 +39,10 @@ class Search {
   Search(const Search&) = delete;
   Search& operator=(const Search&) = delete;
 
-  /// Once. Throws std::runtime_error when no instance is offered in time.
+  /// Once. Throws tools::No_answer when no instance is offered in time.
   [[nodiscard]] std::unique_ptr<Proxy> proxy(Deadline deadline) {
     if (future_.wait_until(deadline) != std::future_status::ready) {
-      throw std::runtime_error("no instance of " + std::string(service_) + " is offered");
+      throw tools::No_answer("no instance of " + std::string(service_) + " is offered");
     }
     return std::make_unique<Proxy>(future_.get());
   }
@@ -57,7 +57,7 @@ class Search {
   ara::com::FindServiceHandle search_{};
 };
 
-/// A proxy of the first instance that is found, or of one. Throws std::runtime_error when none is
+/// A proxy of the first instance that is found, or of one. Throws tools::No_answer when none is
 /// offered in time.
 template <class Proxy>
 [[nodiscard]] std::unique_ptr<Proxy> connect(std::string_view service,
@@ -66,12 +66,12 @@ template <class Proxy>
   return Search<Proxy>(service, instance).proxy(deadline);
 }
 
-/// The result of a method call. Throws std::runtime_error when none comes in time, and
+/// The result of a method call. Throws tools::No_answer when none comes in time, and
 /// ara::com::ServiceError when the provider answered with an error.
 template <class Future>
 auto result_of(Future future, std::string_view method, Deadline deadline) {
   if (future.wait_until(deadline) != ara::core::future_status::ready) {
-    throw std::runtime_error("no answer to " + std::string(method));
+    throw tools::No_answer("no answer to " + std::string(method));
   }
   return future.get();
 }

@@ -184,6 +184,7 @@ class Discovery_view {
     if (options_.json) {
       Json json = json_of(key, offer);
       json["event"] = event;
+      json["schema"] = 1;
       tools::write_output(json.dump() + "\n");
     } else {
       std::array<char, 16> column{};

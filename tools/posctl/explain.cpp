@@ -57,13 +57,13 @@ constexpr std::array<Fault_words, 3> fault_words{{
     {"sends implausible values now", "no longer sends implausible values, it did so"},
 }};
 
+}  // namespace
+
 std::string ordinal(std::uint64_t number) {
   constexpr std::array<const char*, 4> endings{"th", "st", "nd", "rd"};
   const std::uint64_t last = number % 100 / 10 == 1 ? 0 : number % 10;
   return std::to_string(number) + endings[last < endings.size() ? last : 0];
 }
-
-}  // namespace
 
 Json explain(const diag::PositioningStatusInputs& statuses) {
   return to_json(statuses);
@@ -139,12 +139,16 @@ std::string status_name(std::uint8_t status) {
              : std::to_string(status);
 }
 
-std::string fault_text(diag::Data_bus_fault kind, const Json& fault) {
+std::string fault_subject(const Json& fault) {
   const auto plain = [](const Json& name) {
     return name.is_string() ? name.get<std::string>() : name.dump();
   };
-  std::string text = plain(fault["service"]);
-  if (fault.contains("element")) text += "." + plain(fault["element"]);
+  const std::string service = plain(fault["service"]);
+  return fault.contains("element") ? service + "." + plain(fault["element"]) : service;
+}
+
+std::string fault_text(diag::Data_bus_fault kind, const Json& fault) {
+  std::string text = fault_subject(fault);
   const auto& words = fault_words.at(static_cast<std::size_t>(kind));
   const auto occurrences = fault["occurrences"].get<std::uint64_t>();
   if (fault["present"].get<bool>()) {

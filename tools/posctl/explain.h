@@ -30,6 +30,12 @@ template <lumo::services::diag::Data_bus_fault Fault>
 /// "Nominal", "Error", "Init", "NotAvailable", or the number of another value.
 [[nodiscard]] std::string status_name(std::uint8_t status);
 
+/// "8th".
+[[nodiscard]] std::string ordinal(std::uint64_t number);
+
+/// "GNSS" or "GNSS.positions" of a fault of explain_faults().
+[[nodiscard]] std::string fault_subject(const Json& fault);
+
 /// A fault of explain_faults() as a sentence: "GNSS is missing now, for the 3rd time".
 [[nodiscard]] std::string fault_text(lumo::services::diag::Data_bus_fault kind, const Json& fault);
 

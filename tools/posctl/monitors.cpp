@@ -1,9 +1,16 @@
 #include <algorithm>
+#include <array>
 #include <atomic>
+#include <chrono>
+#include <cstdio>
 #include <map>
 #include <memory>
+#include <optional>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "binding/statistics.h"
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "diagnosisService/monitor_table.h"
 #include "platform/linux/com/manifest.h"
@@ -11,8 +18,11 @@
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
+#include "tools/posctl/explain.h"
+#include "tools/posctl/near_name.h"
 #include "tools/posctl/printer.h"
 #include "tools/posctl/record_json.h"
+#include "tools/posctl/verdict.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
@@ -54,13 +64,61 @@ std::string identifier_of(const Monitor& monitor) {
 
 std::string line_of(const Monitor& monitor, MonitorActionType action, bool as_json) {
   if (as_json) {
-    return Json{{"monitor", identifier_of(monitor)},
+    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
+    return Json{{"schema", 1},
+                {"received", now.count()},
+                {"monitor", identifier_of(monitor)},
                 {"name", monitor.name},
-                {"action", static_cast<unsigned>(action)},
-                {"actionName", text_of(action)}}
+                {"action", text_of(action)}}
         .dump();
   }
-  return identifier_of(monitor) + " " + std::string(monitor.name) + " " + text_of(action);
+  return clock_time(0) + " " + identifier_of(monitor) + " " + std::string(monitor.name) + " " +
+         text_of(action);
+}
+
+/// Which of d_14a0, d_14a1 and d_14a3 has the status of a monitor; no number for none.
+std::optional<std::uint8_t> group_number(const Monitor& monitor) {
+  using diagnosisService::Status_group;
+  if (monitor.group == Status_group::none) return std::nullopt;
+  return static_cast<std::uint8_t>(static_cast<unsigned>(monitor.group) -
+                                   static_cast<unsigned>(Status_group::input));
+}
+
+std::string state_line(const Monitor& monitor,
+                       const binding::Diagnosis_state& state,
+                       bool as_json) {
+  const auto group = group_number(monitor);
+  const auto found = std::ranges::find_if(state.statuses, [&](const auto& one) {
+    return group && one.group == *group && one.byte == monitor.byte;
+  });
+  const bool known = found != state.statuses.end();
+  const std::string status = known ? status_name(found->status) : "";
+  if (as_json) {
+    Json json{{"schema", 1}, {"monitor", identifier_of(monitor)}, {"name", monitor.name}};
+    json["status"] = known ? Json(status) : Json();
+    if (known) json["sinceS"] = static_cast<double>(found->sinceMs) / 1000;
+    return json.dump();
+  }
+  std::string line = identifier_of(monitor) + " " + std::string(monitor.name);
+  line.resize(std::max<std::size_t>(line.size() + 1, 52), ' ');
+  if (!known) return line + "no status of its own: see posctl read all";
+  return line + status + " since " + clock_time(static_cast<double>(found->sinceMs) / 1000);
+}
+
+/// A line for each monitor as it is now. Returns without one if the application has no statistics.
+void print_states(Printer& printer, const Monitor_options& options) {
+  std::unique_ptr<binding::Statistics_proxy> service;
+  const double seconds = options.timeout == 0 ? 2 : options.timeout;
+  try {
+    const auto deadline = deadline_in(seconds);
+    service = connect<binding::Statistics_proxy>(binding::Statistics::name, deadline);
+    const auto state =
+        result_of(service->Diagnosis(), binding::Statistics::Diagnosis.name, deadline);
+    for (const auto& monitor : monitor_table)
+      printer.remark(state_line(monitor, state, options.json));
+  } catch (const std::runtime_error&) {
+    // A vehicle may leave the statistics out. The reports still may come.
+  }
 }
 
 /// The instance of a monitor, given by name or identifier.
@@ -71,14 +129,19 @@ std::uint16_t instance_of(const std::string& text) {
       return instance;
     }
   }
+  std::vector<std::string_view> names;
+  for (const auto& monitor : monitor_table)
+    names.push_back(monitor.name);
   throw tools::Usage_error("there is no monitor \"" + text +
-                           "\"; one such as POS_Input_GNSS or 0x83D101 is expected");
+                           "\"; one such as POS_Input_GNSS or 0x83D101 is expected" +
+                           did_you_mean(text, names));
 }
 
 /// Until it is interrupted, or `options` are fulfilled or exceeded.
 void print_monitors(const Monitor_options& options, tools::Stop_signal& stop_signal) {
   const auto names = monitors_by_instance();
   Printer printer(options.count);
+  if (!options.reports_only) print_states(printer, options);
   // Only the handler of the search uses it until the search has ended.
   std::map<std::uint16_t, std::unique_ptr<DiagnosticMonitorProxy>> proxies;
   std::atomic<bool> found = false;
@@ -110,10 +173,11 @@ void print_monitors(const Monitor_options& options, tools::Stop_signal& stop_sig
   printer.check();
 
   if (!timed_out || (options.count == 0 && found)) return;
-  throw std::runtime_error(text_after(options.timeout) +
-                           (!found ? std::string("no monitor was offered")
-                                   : std::to_string(printer.printed()) + " of " +
-                                         std::to_string(options.count) + " monitor actions came"));
+  std::array<char, 48> after{};
+  std::snprintf(after.data(), after.size(), "after %g s: ", options.timeout);
+  if (!found) throw tools::No_answer(after.data() + std::string("no monitor was offered"));
+  throw std::runtime_error(after.data() + std::to_string(printer.printed()) + " of " +
+                           std::to_string(options.count) + " monitor actions came");
 }
 
 }  // namespace
@@ -129,9 +193,15 @@ int init_monitor(const Init_monitor_options& options) {
   on_the_way(options.way, [&] {
     const auto deadline = deadline_in(options.timeout);
     const auto proxy = connect<DiagnosticMonitorProxy>(DiagnosticMonitor::name, deadline, instance);
-    result_of(proxy->InitMonitor(static_cast<InitMonitorReason>(options.reason)),
-              DiagnosticMonitor::InitMonitor.name, deadline);
+    const auto reason = *std::ranges::find(binding::enumerators<InitMonitorReason>, options.reason,
+                                           &binding::Enumerator<InitMonitorReason>::name);
+    result_of(proxy->InitMonitor(reason.value), DiagnosticMonitor::InitMonitor.name, deadline);
   });
+  const std::string effect = options.reason == "kClear"
+                                 ? "an Error becomes Nominal, and it reports its result"
+                                 : "it reports its result again";
+  tools::write_output(options.monitor + " initialised with " + options.reason + ": " + effect +
+                      "\n");
   return 0;
 }
 

@@ -1,7 +1,5 @@
 #include <algorithm>
-#include <chrono>
 #include <cstdio>
-#include <ctime>
 #include <string>
 
 #include "mw/com/statistics.h"
@@ -9,6 +7,7 @@
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/statistics_page.h"
+#include "tools/posctl/verdict.h"
 
 namespace posctl {
 namespace {
@@ -41,6 +40,8 @@ Json row_of(const Record& record) {
   return json;
 }
 
+}  // namespace
+
 Json json_of(const Peers& peers) {
   Json json{{"schema", 1}, {"offered", Json::array()}, {"consumed", Json::array()}};
   for (const Offered_instance& instance : peers.offered) {
@@ -70,15 +71,10 @@ Json json_of(const Peers& peers) {
   return json;
 }
 
-/// The local time of something that happened `ago_ms` before now.
-std::string clock_time(const Json& ago_ms) {
-  using std::chrono::system_clock;
-  const auto ago = std::chrono::milliseconds(ago_ms.get<std::int64_t>());
-  const std::time_t then = system_clock::to_time_t(system_clock::now() - ago);
-  std::tm local{};
-  localtime_r(&then, &local);
-  char text[16];
-  return {text, std::strftime(text, sizeof text, "%H:%M:%S", &local)};
+namespace {
+
+std::string clock_time_of(const Json& ago_ms) {
+  return clock_time(ago_ms.get<double>() / 1000);
 }
 
 std::string seconds(const Json& ms) {
@@ -103,7 +99,7 @@ std::string endpoint_of(const Json& row) {
 std::string subscriber_line(const Json& row) {
   const bool subscribed = row["subscribed"].get<bool>();
   std::string line = "group " + text(row, "eventGroup") + "  " + endpoint_of(row);
-  line += (subscribed ? "  since " : "  REFUSED since ") + clock_time(row["sinceMs"]);
+  line += (subscribed ? "  since " : "  REFUSED since ") + clock_time_of(row["sinceMs"]);
   if (subscribed) {
     line += ", time to live left " + seconds(row["ttlLeftMs"]) + ", sent " + row["sent"].dump();
   }
@@ -114,7 +110,7 @@ std::string subscriber_line(const Json& row) {
 
 std::string group_line(const Json& row) {
   std::string line = "group " + text(row, "eventGroup");
-  if (row["subscribed"].get<bool>()) line += "  subscribed since " + clock_time(row["sinceMs"]);
+  if (row["subscribed"].get<bool>()) line += "  subscribed since " + clock_time_of(row["sinceMs"]);
   if (!row["lastNotificationMs"].is_null()) {
     line += "  last notification " + seconds(row["lastNotificationMs"]) + " ago";
   }
@@ -151,11 +147,11 @@ void print_consumed(Page& page, const Json& json) {
     page.section("Uses " + title_of(service));
     const std::string cause = text(service, "cause");
     if (service["found"].get<bool>()) {
-      page.line("found at " + endpoint_of(service) + " since " + clock_time(service["sinceMs"]) +
+      page.line("found at " + endpoint_of(service) + " since " + clock_time_of(service["sinceMs"]) +
                 ", time to live left " + seconds(service["ttlLeftMs"]));
       if (!cause.empty()) page.line(cause);
     } else {
-      page.line("NOT FOUND since " + clock_time(service["sinceMs"]) + ": " + cause);
+      page.line("NOT FOUND since " + clock_time_of(service["sinceMs"]) + ": " + cause);
     }
     for (const auto& row : service["eventGroups"])
       page.line(group_line(row));

@@ -33,15 +33,23 @@ Printer::~Printer() {
 }
 
 void Printer::print(const std::string& line) {
+  print(line, true);
+}
+
+void Printer::remark(const std::string& line) {
+  print(line, false);
+}
+
+void Printer::print(const std::string& line, bool counts) {
   const std::lock_guard lock(mutex_);
   if (failure_ || (enough_ != 0 && printed_ >= enough_)) return;
   try {
     tools::write_output(line + "\n", cancelled_);
-    ++printed_;
+    if (counts) ++printed_;
   } catch (...) {
     failure_ = std::current_exception();
   }
-  if (failure_ || printed_ == enough_) eventfd_write(finished_, 1);
+  if (failure_ || (enough_ != 0 && printed_ == enough_)) eventfd_write(finished_, 1);
 }
 
 void Printer::check() const {
@@ -54,14 +62,24 @@ std::uint64_t Printer::printed() const {
   return printed_;
 }
 
-bool Printer::wait(tools::Stop_signal& stop_signal, double seconds) const {
+bool Printer::wait(tools::Stop_signal& stop_signal,
+                   double seconds,
+                   const std::function<void()>& tick) const {
   using std::chrono::steady_clock;
   auto end = steady_clock::time_point::max();
   if (seconds > 0) {
     end = steady_clock::now() + std::chrono::duration_cast<steady_clock::duration>(
                                     std::chrono::duration<double>(seconds));
   }
-  const auto wake = stop_signal.wait_until(end, finished_);
+  constexpr std::chrono::milliseconds between_ticks{100};
+  auto wake = tools::Stop_signal::Wake::due;
+  for (bool over = false; !over;) {
+    const auto now = steady_clock::now();
+    const auto due = tick && end - now > between_ticks ? now + between_ticks : end;
+    wake = stop_signal.wait_until(due, finished_);
+    over = wake != tools::Stop_signal::Wake::due || due == end;
+    if (!over) tick();
+  }
   eventfd_write(cancelled_, 1);
   return wake == tools::Stop_signal::Wake::due;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <exception>
+#include <functional>
 #include <mutex>
 #include <string>
 
@@ -20,6 +21,8 @@ class Printer {
 
   /// Prints no longer once enough have come or a line could not be written. Any thread.
   void print(const std::string& line);
+  /// A line that does not count.
+  void remark(const std::string& line);
   [[nodiscard]] std::uint64_t printed() const;
 
   /// Throws what kept print() from writing a line.
@@ -28,9 +31,14 @@ class Printer {
   /// Returns true when the time is over before enough lines have come, a line could not be written
   /// or a stop signal came. 0 seconds: no bound. A reader of standard output that has stopped
   /// reading holds print() up no longer then.
-  [[nodiscard]] bool wait(tools::Stop_signal& stop_signal, double seconds) const;
+  /// Calls `tick` ten times a second meanwhile.
+  [[nodiscard]] bool wait(tools::Stop_signal& stop_signal,
+                          double seconds,
+                          const std::function<void()>& tick = {}) const;
 
  private:
+  void print(const std::string& line, bool counts);
+
   const std::uint64_t enough_;
   const int finished_;        ///< readable when no more lines are printed
   const int cancelled_;       ///< readable when wait() has returned

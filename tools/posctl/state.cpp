@@ -72,7 +72,7 @@ int request_state(const State_options& options) {
   const auto deadline = deadline_in(options.timeout);
   auto answer = ask_beside(options);
   if (answer.wait_until(deadline) != std::future_status::ready) {
-    throw std::runtime_error("component state: the bus gave no answer in time");
+    throw tools::No_answer("component state: the bus gave no answer in time");
   }
   const std::uint32_t result = answer.get();
   tools::write_output(options.state + " confirmed with result " + std::to_string(result) + "\n");

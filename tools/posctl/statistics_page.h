@@ -13,6 +13,9 @@ namespace posctl {
 /// {…}}}, "counters": {…}}. Throws what the functions of connect.h throw.
 [[nodiscard]] Json read_statistics(binding::Statistics_proxy& service, Deadline deadline);
 
+/// {"schema": 1, "offered": […], "consumed": […], "otherSubscribers": […]}.
+[[nodiscard]] Json json_of(const mw::com::runtime::Peers& peers);
+
 /// For behind an age: " (clock not synchronised)", or nothing.
 [[nodiscard]] std::string clock_mark(const Json& clock);
 

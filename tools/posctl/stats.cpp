@@ -30,7 +30,7 @@ std::string count_of(const Json& stamps, const char* member, const char* text) {
 }  // namespace
 
 Json read_statistics(Statistics_proxy& service, Deadline deadline) {
-  Json json;
+  Json json{{"schema", 1}};
   json["process"] = to_json(result_of(service.Process(), Statistics::Process.name, deadline));
   json["clock"] = to_json(result_of(service.Clock(), Statistics::Clock.name, deadline));
   json["stamps"] = to_json(result_of(service.Stamps(), Statistics::Stamps.name, deadline));

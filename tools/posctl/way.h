@@ -9,6 +9,7 @@
 #include <system_error>
 
 #include "mw/com/runtime.h"
+#include "tools/command.h"
 
 namespace posctl {
 
@@ -42,6 +43,10 @@ auto on_the_way(const Way_options& options, Command&& command) {
     return command();
   } catch (const std::system_error&) {
     throw;  // of standard output
+  } catch (const tools::Usage_error&) {
+    throw;
+  } catch (const tools::No_answer& error) {
+    throw tools::No_answer(error.what() + (" (" + way.text() + ")"));
   } catch (const std::exception& error) {
     throw std::runtime_error(error.what() + (" (" + way.text() + ")"));
   }

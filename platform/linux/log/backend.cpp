@@ -6,6 +6,8 @@
 #include <stdexcept>
 #include <utility>
 
+#include "ara/log/levels.h"
+
 namespace ara::log {
 namespace {
 
@@ -154,6 +156,25 @@ void Backend::divert(std::shared_ptr<const Diversion> diversion) {
 
 void Backend::set_modes() {
   modes_.store(diversion_ == nullptr ? mode_ : LogMode{}, std::memory_order_release);
+}
+
+std::vector<std::pair<std::string, LogLevel>> LevelsInForce() {
+  std::vector<std::pair<std::string, LogLevel>> levels;
+  for (auto* context = Backend::instance().contexts(); context != nullptr; context = context->next)
+    levels.emplace_back(context->id, context->logger.Level());
+  std::ranges::sort(levels);
+  return levels;
+}
+
+bool SetLevelOf(std::string_view ctx_id, LogLevel level) {
+  bool set = false;
+  for (auto* context = Backend::instance().contexts(); context != nullptr;
+       context = context->next) {
+    if (context->id != ctx_id) continue;
+    context->logger.SetLevel(level);
+    set = true;
+  }
+  return set;
 }
 
 void divert(std::shared_ptr<const Diversion> diversion) {

@@ -11,6 +11,7 @@
 #include <ctime>
 #include <utility>
 
+#include "ara/log/levels.h"
 #include "platform/linux/core/all_signals_blocked.h"
 #include "platform/linux/log/backend.h"
 
@@ -64,10 +65,7 @@ void level_changed(char* context_id, std::uint8_t level, std::uint8_t /*trace_st
   if (level > static_cast<std::uint8_t>(LogLevel::kVerbose)) return;
   std::string_view id(context_id, 4);
   id = id.substr(0, id.find('\0'));
-  for (auto* context = Backend::instance().contexts(); context != nullptr;
-       context = context->next) {
-    if (context->id == id) context->logger.SetLevel(static_cast<LogLevel>(level));
-  }
+  SetLevelOf(id, static_cast<LogLevel>(level));
 }
 
 /// The longest front of `text` with at most `size` bytes (never the whole text) that ends between

@@ -3,19 +3,21 @@
 #include <algorithm>
 #include <array>
 
+#include "ara/log/levels.h"
+
 namespace ara::log {
 namespace {
 
 constexpr std::array<std::string_view, 7> names{"off",  "fatal", "error",  "warn",
                                                 "info", "debug", "verbose"};
 
-std::optional<LogLevel> level_named(std::string_view name) {
+}  // namespace
+
+std::optional<LogLevel> LevelNamed(std::string_view name) {
   const auto found = std::find(names.begin(), names.end(), name);
   if (found == names.end()) return std::nullopt;
   return static_cast<LogLevel>(found - names.begin());
 }
-
-}  // namespace
 
 std::string_view NameOf(LogLevel level) {
   const auto index = static_cast<std::size_t>(level);
@@ -32,7 +34,7 @@ Level_settings Level_settings::parse(std::string_view text) {
     const std::string_view context =
         equals == std::string_view::npos ? std::string_view() : entry.substr(0, equals);
     const auto level =
-        level_named(equals == std::string_view::npos ? entry : entry.substr(equals + 1));
+        LevelNamed(equals == std::string_view::npos ? entry : entry.substr(equals + 1));
     if (!level || (equals != std::string_view::npos && (context.empty() || context.size() > 4))) {
       settings.complaint += settings.complaint.empty() ? "\"" : ", \"";
       settings.complaint += entry;

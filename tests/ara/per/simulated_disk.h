@@ -34,10 +34,10 @@ class Simulated_disk : public Files {
   /// power_cut cuts the power.
   static constexpr int short_write = -1;
   static constexpr int power_cut = -2;
-  using BeforeCall = std::function<int(int number, std::string_view name)>;
+  using Before_call = std::function<int(int number, std::string_view name)>;
 
   explicit Simulated_disk(
-      const Image& image, BeforeCall before_call = [](int, std::string_view) { return 0; })
+      const Image& image, Before_call before_call = [](int, std::string_view) { return 0; })
       : before_call_(std::move(before_call)) {
     for (const auto& [path, text] : image)
       names_[path] = std::make_shared<Content>(Content{text, text, {}});
@@ -84,7 +84,7 @@ class Simulated_disk : public Files {
       content = names_[path];
       if ((flags & O_TRUNC) != 0 && !content->now.empty()) content->become("");
     }
-    open_[next_fd_] = OpenFile{std::move(content)};
+    open_[next_fd_] = Open_file{std::move(content)};
     return next_fd_++;
   }
   ssize_t read(int fd, char* buffer, std::size_t size) override {
@@ -162,7 +162,7 @@ class Simulated_disk : public Files {
     std::vector<std::string> steps;  ///< contents between the two
   };
   using Names = std::map<std::string, std::shared_ptr<Content>>;
-  struct OpenFile {
+  struct Open_file {
     std::shared_ptr<Content> content;
     std::size_t position = 0;
   };
@@ -181,12 +181,12 @@ class Simulated_disk : public Files {
     return answer == short_write ? 1 : 0;
   }
 
-  BeforeCall before_call_;
+  Before_call before_call_;
   int calls_ = 0;
   bool dead_ = false;
   Names names_;
   std::vector<Names> name_steps_;  ///< what lasts, and after each change that was not synced
-  std::map<int, OpenFile> open_;
+  std::map<int, Open_file> open_;
   int next_fd_ = 100;
 };
 

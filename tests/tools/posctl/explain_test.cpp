@@ -4,6 +4,9 @@
 
 #include <stdexcept>
 
+#include "tools/posctl/near_name.h"
+#include "tools/posctl/verdict.h"
+
 namespace {
 
 using namespace lumo::services::diag;
@@ -65,6 +68,61 @@ TEST(Explain, faults_of_consumed_services_by_name) {
             "GNSS no longer sends implausible values, it did so 65535 times or more");
   const BDPSomeipDataBusServiceImplausible half{.entries = {1, 0, 1}};
   EXPECT_THROW(static_cast<void>(explain(half)), std::runtime_error);
+}
+
+/// The state of an application to which positions flow, with no fault.
+Json healthy() {
+  Json status = Json::parse(R"({"position": {"none": false}, "process": {"uptimeMs": 60000},
+      "clock": {"synchronised": true}, "ages": {
+        "stampToArrival": {"last10S": {"count": 100, "p50Ns": 400000}},
+        "handlerToSent": {"last10S": {"count": 100}},
+        "betweenArrivals": {"last10S": {"count": 100, "p50Ns": 100000000}, "sinceStart": {"count": 500}}}})");
+  status["services"] = Json::parse(
+      R"([{"service": "lumo::services::gnss::GNSS", "found": true, "cause": "", "eventGroups": []}])");
+  binding::Diagnosis_state state;
+  for (std::uint8_t byte = 0; byte < 11; ++byte)
+    state.statuses.push_back({0, byte, static_cast<std::uint8_t>(byte == 0 ? 0 : 3), 5000});
+  state.faults.push_back({0, 1, 0, false, 2, 60000});
+  status["outputs"] = Json::object();
+  status["system"] = Json::object();
+  posctl::add_diagnosis(status, state, status["services"]);
+  return status;
+}
+
+TEST(Verdict, is_the_worst_finding_and_names_the_cause) {
+  const auto first = [](const Json& status) {
+    const auto findings = posctl::findings_of(status);
+    return findings.empty()
+               ? "healthy: " + posctl::healthy_text(status)
+               : std::string(name_of(findings.front().health)) + ": " + findings.front().text;
+  };
+  Json status = healthy();
+  EXPECT_EQ(first(status), "healthy: 10.0 positions a second, 0.4 ms old on arrival");
+  EXPECT_EQ(status["inputs"]["odometry"], "NotAvailable");
+  EXPECT_THAT(
+      posctl::fault_sentence(Data_bus_fault::not_available, status["dataBus"]["notAvailable"][0]),
+      testing::MatchesRegex("GNSS there since .*, before that missing 2 times"));
+
+  status["clock"]["synchronised"] = false;
+  status["ages"]["stampToArrival"]["last10S"]["p50Ns"] = 3600e9;
+  EXPECT_EQ(first(status),
+            "degraded: positions are 3600.0 s old when they arrive, or a clock is "
+            "wrong: ours is not synchronised");
+  status["ages"]["handlerToSent"]["last10S"]["count"] = 0;
+  status["services"][0]["eventGroups"].push_back(
+      {{"eventGroup", "0x0001"}, {"cause", "refused by 10.0.0.2"}});
+  EXPECT_EQ(first(status),
+            "failed: no position for 10 s; GNSS event group 0x0001: refused by 10.0.0.2");
+  status["dataBus"]["notAvailable"][0].update(
+      {{"present", true}, {"occurrences", 8}, {"cause", "the link is down"}});
+  EXPECT_THAT(first(status), testing::MatchesRegex("failed: GNSS missing since .*, 8th time; last "
+                                                   "cause: the link is down"));
+}
+
+TEST(Near_name, is_guessed_for_a_slip_only) {
+  constexpr std::array names{"status", "stats", "state"};
+  EXPECT_EQ(posctl::did_you_mean("stauts", names), "; did you mean \"status\"?");
+  EXPECT_EQ(posctl::did_you_mean("weather", names), "");
 }
 
 }  // namespace

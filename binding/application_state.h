@@ -1,0 +1,46 @@
+/// What the Statistics service tells about the application: its statuses, the faults of the
+/// services that it uses, its settings, the levels of its log.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace binding {
+
+/// A byte of d_14a0 (group 0), d_14a1 (1) or d_14a3 (2).
+struct Status_age {
+  std::uint8_t group = 0;
+  std::uint8_t byte = 0;
+  std::uint8_t status = 0;
+  std::uint64_t sinceMs = 0;
+};
+
+/// An entry of d_1190 (fault 0), d_1191 (1) or d_1192 (2).
+struct Fault_age {
+  std::uint8_t fault = 0;
+  std::uint8_t service = 0;
+  std::uint8_t element = 0;
+  bool present = false;
+  std::uint16_t occurrences = 0;
+  std::uint64_t sinceMs = 0;
+};
+
+struct Diagnosis_state {
+  std::vector<Status_age> statuses;
+  std::vector<Fault_age> faults;
+};
+
+/// A setting as the application read it at its start.
+struct Setting_in_force {
+  std::string key;
+  std::string value;    ///< as JSON
+  bool stored = false;  ///< false: nothing usable is stored, the default holds
+};
+
+struct Log_context_level {
+  std::string context;
+  std::string level;  ///< "off", "fatal", "error", "warn", "info", "debug", "verbose"
+};
+
+}  // namespace binding
