@@ -211,7 +211,8 @@ class Run:
 
     def summary(self):
         # The source counts its notifications; the application forwards the number.
-        counters = self.consumer.counters
+        # One may arrive twice: as initial value of the subscription and as notification.
+        counters = list(dict.fromkeys(self.consumer.counters))
         lost = counters[-1] - counters[0] + 1 - len(counters) if counters else 0
         if not counters:
             self.problems.append("no position came out")
