@@ -28,46 +28,46 @@ KvsType::Type KvsType::GetType() const noexcept {
 }
 
 template <typename T>
-const T& KvsType::as(std::string_view wanted) const {
+const T& KvsType::As(std::string_view wanted) const {
   if (const T* value = std::get_if<T>(&value_)) return *value;
   throw ExceptionLogicError("value of type " + std::string(NameOf(GetType())) + " was read as " +
                             std::string(wanted));
 }
 
 bool KvsType::GetBool() const {
-  return as<bool>("Boolean");
+  return As<bool>("Boolean");
 }
 
 std::int32_t KvsType::GetSInt() const {
   if (const auto* value = std::get_if<std::int8_t>(&value_)) return *value;
   if (const auto* value = std::get_if<std::int16_t>(&value_)) return *value;
-  return as<std::int32_t>("SInt8, SInt16 or SInt32");
+  return As<std::int32_t>("SInt8, SInt16 or SInt32");
 }
 
 std::int64_t KvsType::GetSInt64() const {
-  return as<std::int64_t>("SInt64");
+  return As<std::int64_t>("SInt64");
 }
 
 std::uint32_t KvsType::GetUInt() const {
   if (const auto* value = std::get_if<std::uint8_t>(&value_)) return *value;
   if (const auto* value = std::get_if<std::uint16_t>(&value_)) return *value;
-  return as<std::uint32_t>("UInt8, UInt16 or UInt32");
+  return As<std::uint32_t>("UInt8, UInt16 or UInt32");
 }
 
 std::uint64_t KvsType::GetUInt64() const {
-  return as<std::uint64_t>("UInt64");
+  return As<std::uint64_t>("UInt64");
 }
 float KvsType::GetFloat() const {
-  return as<float>("Float");
+  return As<float>("Float");
 }
 double KvsType::GetDouble() const {
-  return as<double>("Double");
+  return As<double>("Double");
 }
 const std::string& KvsType::GetString() const {
-  return as<std::string>("String");
+  return As<std::string>("String");
 }
 const std::vector<std::uint8_t>& KvsType::GetBinary() const {
-  return as<std::vector<std::uint8_t>>("Binary");
+  return As<std::vector<std::uint8_t>>("Binary");
 }
 
 std::size_t KvsType::GetBinary(std::uint8_t* buffer, std::size_t size) const {
