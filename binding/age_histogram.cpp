@@ -40,8 +40,10 @@ Age Age_histogram::of_window(std::string name) const {
 
 Age Age_histogram::age_of(std::string name, std::uint32_t seconds, const Counts& counts) {
   Age age{.name = std::move(name), .windowS = seconds};
-  for (const Count count : counts)
-    age.count += count;
+  for (std::size_t i = 0; i < counts.size(); ++i) {
+    age.count += counts[i];
+    age.sumNs += counts[i] * duration_of(i);
+  }
   if (age.count == 0) return age;
   /// The duration that this share of all durations does not exceed.
   const auto percentile = [&](double share) {

@@ -25,6 +25,7 @@ struct Age {
   std::uint64_t p99Ns = 0;
   std::uint64_t p999Ns = 0;
   std::uint64_t maxNs = 0;
+  std::uint64_t sumNs = 0;
 };
 
 /// From 0 ns to 4.8 hours; a longer duration counts as that. Adding takes a few nanoseconds, no

@@ -58,7 +58,8 @@ struct binding::Description<binding::Age> {
                  plain("p50Ns", &Record::p50Ns, "ns", "median"),
                  plain("p99Ns", &Record::p99Ns, "ns", "99th percentile"),
                  plain("p999Ns", &Record::p999Ns, "ns", "99.9th percentile"),
-                 plain("maxNs", &Record::maxNs, "ns", "")};
+                 plain("maxNs", &Record::maxNs, "ns", ""),
+                 plain("sumNs", &Record::sumNs, "ns", "of all ages")};
 };
 
 template <>

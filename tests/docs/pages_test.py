@@ -128,6 +128,14 @@ class Pages(unittest.TestCase):
                 asked_for |= set(re.findall(r'(?:getenv|environment|variable)\("(POS_\w+)"', text))
         self.assertEqual(told, asked_for)
 
+    def test_the_checks_of_doctor_are_those_of_the_program(self):
+        table = subprocess.run([POSCTL, "doctor", "--list"], capture_output=True, text=True, timeout=30, check=True).stdout
+        page = text_of("docs/troubleshooting.md")
+        self.assertTrue(page.endswith(table), table)
+        known = set(re.findall(r"^\| `([\w-]+)` \|", table, re.MULTILINE))
+        for row in re.findall(r"^\|.*\|.*\|.*\|.*\|$", page.removesuffix(table), re.MULTILINE):
+            self.assertLessEqual(set(re.findall(r"`([\w-]+)`", "".join(row.split(" | ")[1:2]))), known, row)
+
     def test_links_lead_to_a_page_and_to_a_heading_of_it(self):
         for page in [*SOURCE.glob("*.md"), *(SOURCE / "docs").rglob("*.md")]:
             for link, heading in re.findall(r"\]\(([^)#:]*)#?([^)]*)\)", page.read_text(encoding="utf-8")):

@@ -93,6 +93,10 @@ Run add_describe(CLI::App& command) {
   command
       .add_option("--completion", options->completion, "Print the completion of a shell instead")
       ->check(CLI::IsMember({"bash", "zsh", "fish"}));
+  command
+      .add_option("--wireshark", options->wireshark,
+                  "Write a Wireshark profile into this folder instead")
+      ->type_name("FOLDER");
   return with(std::move(options), describe);
 }
 
@@ -201,11 +205,35 @@ Run add_explain(CLI::App& command) {
   return with(std::move(options), explain_name);
 }
 
+Run add_exporter(CLI::App& command) {
+  auto options = std::make_shared<Exporter_options>();
+  command.add_option("--listen", options->listen, "IP address and port")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str();
+  command.add_flag("--list", options->list, "Print the table of metrics instead");
+  add_way(command, options->way);
+  return with(std::move(options), exporter);
+}
+
+Run add_doctor(CLI::App& command) {
+  auto options = std::make_shared<Doctor_options>();
+  command.add_flag("--json", options->json, "As a JSON object");
+  command.add_flag("--list", options->list, "Print the table of checks instead");
+  command.add_option("--node", options->node, "Node of the manifest")
+      ->type_name("NAME")
+      ->capture_default_str();
+  return with(std::move(options), examine);
+}
+
 constexpr std::array table{
     Command{"status", "Say whether the application is healthy, and why not",
             "The first line is the verdict: healthy, degraded or failed, with the reason.\n"
             "The exit code is 0 if the application is healthy, 1 if it is degraded or failed.",
             "posctl status --watch", add_status},
+    Command{"doctor", "Say why positions are missing or wrong, and what mends it",
+            "Looks for three seconds at machine, manifest, network and application.\n"
+            "The exit code is 1 if something is wrong, 2 if it could not look.",
+            "posctl doctor", add_doctor},
     Command{"watch", "Print each position as it comes",
             "Says also when nothing comes, and why. rate: over the last 32 positions.",
             "posctl watch -o wide", add_watch},
@@ -244,6 +272,9 @@ constexpr std::array table{
             "Does what the diagnostic event manager does when a fault memory was cleared.",
             "posctl init-monitor POS_Input_GNSS kClear", add_init_monitor},
     Command{"state", "Ask for a component state over D-Bus", "", "posctl state kPrepSD", add_state},
+    Command{"exporter", "Answer Prometheus with the application's metrics",
+            "Runs until it is interrupted. pos_up is 0 while the application gives no answer.",
+            "posctl exporter --listen 127.0.0.1:9464", add_exporter},
     Command{"describe", "Print what is in force: the manifest and the records", "",
             "posctl describe --json", add_describe},
 };

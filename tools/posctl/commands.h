@@ -26,11 +26,14 @@ struct Describe_options {
   bool json = false;
   std::string man;         ///< a folder: write the manual pages there
   std::string completion;  ///< "bash", "zsh" or "fish": print its completion
+  std::string wireshark;   ///< a folder: write a Wireshark profile there
 };
 /// Prints the manifest in force and every record.
 int describe_deployment(bool as_json);
 /// The same, or what `options` asks for instead.
 int describe(const Describe_options& options);
+/// Writes a Wireshark profile for the manifest in force into a folder: names, payloads, ports.
+int describe_for_wireshark(const std::string& folder);
 
 struct Read_options {
   std::string data_identifier;
@@ -139,5 +142,22 @@ struct Explain_options {
 };
 /// Prints the meaning of a counter, status, setting, identifier, member or abbreviation.
 int explain_name(const Explain_options& options);
+
+struct Exporter_options {
+  std::string listen = "127.0.0.1:9464";
+  bool list = false;  ///< prints the table of metrics instead
+  Way_options way;
+};
+/// Answers Prometheus over HTTP until it is interrupted.
+int exporter(const Exporter_options& options);
+
+struct Doctor_options {
+  bool json = false;
+  bool list = false;  ///< prints the table of checks instead
+  std::string node = "posctl";
+};
+/// Looks for three seconds at most for the reason why positions are missing or wrong. Returns 1 if
+/// it finds one, 2 if it could not look.
+int examine(const Doctor_options& options);
 
 }  // namespace posctl

@@ -3,19 +3,14 @@
 #include <string>
 #include <vector>
 
-#include "binding/statistics.h"
-#include "clients/GNSS.h"
-#include "clients/Time.h"
-#include "diagnosisService/DiagnosticMonitor.h"
-#include "diagnosisService/data_identifiers.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/manifest_keys.h"
 #include "platform/someip/base/hexadecimal.h"
-#include "posService/Positioning.h"
 #include "tools/command.h"
 #include "tools/describe/record_table.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/record_json.h"
+#include "tools/posctl/services.h"
 
 namespace posctl {
 namespace {
@@ -35,14 +30,7 @@ struct Interface {
 class Catalogue {
  public:
   Catalogue() {
-    using namespace lumo::services;
-    add<gnss::GNSS>();
-    add<time::Time>();
-    add<positioning::Positioning>();
-    diag::for_each_interface<diag::Data_identifiers>(
-        [this]<class Interface>() { add<Interface>(); });
-    add<mw::dm::dem::DiagnosticMonitor>();
-    add<binding::Statistics>();
+    for_each_service([this]<class Interface>() { add<Interface>(); });
   }
 
   /// Empty for an unknown element.

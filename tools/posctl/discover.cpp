@@ -3,25 +3,19 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
-#include <optional>
-#include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/hexadecimal.h"
-#include "platform/someip/discovery/discovery_message.h"
-#include "platform/someip/discovery/discovery_types.h"
-#include "platform/someip/net/udp_socket.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/offers.h"
 #include "tools/posctl/record_json.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
 namespace {
 
-using someip::Address;
 using someip::Deployment;
 using someip::Endpoint;
 using someip::hexadecimal;
@@ -30,90 +24,6 @@ using someip::Time;
 
 /// More are not kept: a peer decides how many it offers.
 constexpr std::size_t max_offers = 4096;
-
-struct Seen_offer {
-  Endpoint from;  ///< the service discovery of the provider
-  std::uint32_t minor_version = 0;
-  std::uint32_t ttl = 0;
-  std::optional<Endpoint> udp, tcp;
-  Time expires;
-
-  [[nodiscard]] bool same(const Seen_offer& other) const {
-    return from == other.from && minor_version == other.minor_version && ttl == other.ttl &&
-           udp == other.udp && tcp == other.tcp;
-  }
-};
-
-/// The multicast group of service discovery, joined on the interface of the first address of the
-/// node that an interface has. It needs no free address of its own.
-class Group_listener {
- public:
-  /// Throws std::runtime_error.
-  Group_listener(const Deployment& deployment, const std::string& node)
-      : limit_(deployment.limits.entries_per_discovery_message),
-        ipv4_(deployment.discovery.multicast_address.is_v4()),
-        socket_(deployment.discovery.multicast_address),
-        buffer_(max_datagram) {
-    const auto& discovery = deployment.discovery;
-    socket_.reuse_address();
-    if (const auto error = socket_.bind({discovery.multicast_address, discovery.port})) {
-      throw std::runtime_error("cannot bind " +
-                               to_string(Endpoint{discovery.multicast_address, discovery.port}) +
-                               ": " + error.message());
-    }
-    const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
-    if (found == deployment.nodes.end()) {
-      throw std::runtime_error(deployment.source + ": nodes: expected a node \"" + node + "\"");
-    }
-    std::error_code error = std::make_error_code(std::errc::address_not_available);
-    for (const Address& address : found->addresses) {
-      error = socket_.join(discovery.multicast_address, address);
-      if (!error) return;
-    }
-    // A listener needs no address of its own: that of another node of this machine serves too.
-    for (const someip::Node_deployment& other : deployment.nodes) {
-      for (const Address& address : other.addresses) {
-        if (!socket_.join(discovery.multicast_address, address)) return;
-      }
-    }
-    throw std::runtime_error("cannot join " + discovery.multicast_address.to_string() +
-                             " on an address of node \"" + node + "\": " + error.message());
-  }
-
-  [[nodiscard]] int descriptor() const { return socket_.descriptor(); }
-
-  /// Calls `take(key, offer)` for each offer and stop offer (with time to live 0) that waits.
-  template <class Take>
-  void read(Take&& take) {
-    someip::Udp_socket::Arrival arrival;
-    arrival.begin = buffer_;
-    while (socket_.receive(arrival)) {
-      someip::Datagram_reader reader(someip::Bytes(buffer_.data(), arrival.size));
-      while (const auto view = reader.next()) {
-        if (view->header.service != someip::discovery_service) continue;
-        const auto message = someip::read_discovery_message(view->payload, limit_);
-        if (!message) continue;
-        for (const auto& entry : message->entries) {
-          if (entry.type != someip::Entry_type::offer_service) continue;
-          const auto options = message->options_of(entry, ipv4_);
-          const Endpoint from =
-              message->discovery_endpoint(ipv4_).value_or(arrival.from.endpoint());
-          take(Instance_key{entry.service, entry.instance, entry.major_version},
-               Seen_offer{from, entry.minor_version, entry.ttl, options.udp, options.tcp,
-                          someip::end_of_life(Time::clock::now(), entry.ttl, someip::endless_ttl)});
-        }
-      }
-    }
-  }
-
- private:
-  static constexpr std::size_t max_datagram = 65536;
-
-  const std::size_t limit_;
-  const bool ipv4_;
-  someip::Udp_socket socket_;
-  std::vector<std::byte> buffer_;
-};
 
 class Discovery_view {
  public:

@@ -41,7 +41,6 @@ void name_element(Json& fault, std::uint8_t element) {
       Service::elements);
 }
 
-constexpr std::size_t entry_size = 5;
 /// At this number of occurrences the application stops counting.
 constexpr std::uint64_t most_occurrences = 0xFFFF;
 
@@ -107,12 +106,12 @@ Json explain(const diag::PositioningMMPos& position) {
 }
 
 Json explain_faults(std::span<const std::uint8_t> entries) {
-  if (entries.size() % entry_size != 0) {
+  if (entries.size() % fault_entry_size != 0) {
     throw std::runtime_error("a record of data-bus faults has " + std::to_string(entries.size()) +
                              " bytes, a multiple of 5 is expected");
   }
   Json faults = Json::array();
-  for (; !entries.empty(); entries = entries.subspan(entry_size)) {
+  for (; !entries.empty(); entries = entries.subspan(fault_entry_size)) {
     Json fault;
     switch (entries[0]) {
       case 1:

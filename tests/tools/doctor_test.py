@@ -1,0 +1,423 @@
+"""Faults made for real on two machines, which are network namespaces joined by a cable. `posctl doctor` names
+the cause of each in three seconds, and finds nothing where nothing is wrong. Needs the rights to make
+namespaces and to mount; without them the test is skipped."""
+
+import concurrent.futures
+import contextlib
+import itertools
+import json
+import os
+import pathlib
+import shutil
+import signal
+import statistics
+import subprocess
+import sys
+import time
+import traceback
+import types
+
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SANITIZERS, Desk, until
+
+SKIPPED = 77
+LONGEST = 6.0 if SANITIZERS else 3.0  # seconds that doctor may take, by its own figure
+AT_ONCE = 3
+GNSS = "lumo::services::gnss::GNSS"
+ENV = pathlib.Path("/usr/bin/env")
+CLOCK = BUILD / "tests/tools/shifted_clock.so"
+PHYSICAL = 4  # a valueType
+numbers = itertools.count()
+
+
+def run(*words, check=True, **options):
+    return subprocess.run([str(word) for word in words], check=check, capture_output=True, text=True, **options)
+
+
+class Lab:
+    """A vehicle computer with the application and posctl, and a bench with the source."""
+
+    def __init__(self):
+        self.tag = f"d{os.getpid()}-{next(numbers)}"
+        self.vehicle, self.bench = f"{self.tag}v", f"{self.tag}b"
+        self.mounts, self.files = [], contextlib.ExitStack()
+
+    def __enter__(self):
+        self.desk = self.files.enter_context(Desk())
+        for space in (self.vehicle, self.bench):
+            run("ip", "netns", "add", space)
+            run("ip", "-n", space, "link", "set", "lo", "up")
+        run("ip", "-n", self.vehicle, "link", "add", "cable", "type", "veth", "peer", "name", "cable", "netns", self.bench)
+        for space, hosts in ((self.vehicle, ("77.0.1", "77.0.3", "77.0.30", "77.0.31")), (self.bench, ("77.0.2", "78.0.2"))):
+            for host in hosts:
+                run("ip", "-n", space, "addr", "add", f"10.{host}/8", "dev", "cable")
+            run("ip", "-n", space, "link", "set", "cable", "up")
+        for node, addresses in (("POS", ["10.77.0.1"]), ("gnss-gateway", ["10.77.0.2"]),
+                                ("posctl", ["10.77.0.30", "10.77.0.31"])):
+            told = self.desk.manifest["nodes"][node]
+            told |= {"addresses": addresses, "prefixLength": 24}
+            told.pop("address", None)
+        (self.desk.path / "storage").mkdir()
+        self.desk.write_manifest()
+        return self
+
+    def __exit__(self, *failure):
+        for path in self.mounts:
+            run("umount", "-l", path, check=False)
+        self.files.__exit__(*failure)
+        for space in (self.vehicle, self.bench):
+            run("ip", "netns", "del", space, check=False)
+
+    def start(self, space, *command, **environment):
+        return self.desk.start(ENV, "ip", "netns", "exec", space, *command, environment=environment)
+
+    def start_application(self, *before, **environment):
+        self.application = self.start(self.vehicle, *before, APPLICATION, **environment)
+        return self.application
+
+    def start_source(self, *arguments, space=None, **environment):
+        self.source = self.start(space or self.bench, GATEWAY, *arguments, **environment)
+
+    def manifest(self, change):
+        """The environment for a program with a manifest of its own."""
+        other = json.loads(json.dumps(self.desk.manifest))
+        change(other)
+        path = self.desk.path / "other.json"
+        path.write_text(json.dumps(other), encoding="utf-8")
+        return {"POS_MANIFEST": str(path)}
+
+    def healthy(self):
+        self.start_application()
+        self.start_source()
+        self.until_positions()
+
+    def until_positions(self):
+        until(lambda: "input position as POS output DR position" in self.application.log.read_text(errors="replace"), "positions")
+
+    def doctor(self, **environment):
+        """Exit code, findings, and the seconds that it took by its own figure."""
+        process = self.start(self.vehicle, POSCTL, "doctor", "--json", **environment)
+        output, _ = process.communicate(timeout=60)
+        errors = process.log.read_text(errors="replace")
+        if not output:
+            raise AssertionError(f"doctor ended with {process.returncode}: {errors}")
+        told = json.loads(output)
+        assert told["schema"] == 1, told
+        return process.returncode, told["findings"], told["seconds"]
+
+    def mount(self, options):
+        path = self.desk.path / "storage"
+        run("mount", "-t", "tmpfs", "-o", options, "tmpfs", path)
+        self.mounts.append(path)
+        return path
+
+    def filter(self, rule):
+        rules = "table inet faults {\nchain input {\ntype filter hook input priority 0;\n" + rule + "\n}\n}\n"
+        run("ip", "netns", "exec", self.vehicle, "nft", "-f", "-", input=rules)
+
+
+# Each fault, by the check that has to name it.
+
+
+def source_killed(lab):
+    lab.healthy()
+    lab.source.kill()
+    lab.source.wait()
+
+
+def source_frozen(lab):
+    lab.healthy()
+    lab.source.send_signal(signal.SIGSTOP)
+
+
+def data_dropped(lab):
+    lab.healthy()
+    lab.filter("udp sport 30501 counter drop")
+
+
+def discovery_dropped(lab):
+    lab.healthy()
+    lab.filter("udp dport 30490 drop")
+
+
+def other_manifest(change, space="bench"):
+    """The source has another manifest than the application."""
+    def make(lab):
+        lab.start_application()
+        lab.start_source(space=getattr(lab, space), **lab.manifest(change))
+    return make
+
+
+def of_positions(**values):
+    return lambda manifest: manifest["services"][GNSS]["fields"]["positions"].update(values)
+
+
+def of_gnss(**values):
+    return lambda manifest: manifest["services"][GNSS].update(values)
+
+
+def other_group(manifest):
+    manifest["serviceDiscovery"]["multicastAddress"] = "239.192.99.99"
+
+
+def over_tcp(manifest):
+    service = manifest["services"][GNSS]
+    for field in service["fields"].values():
+        field["transport"] = "tcp"
+    service["instances"][0] = {**service["instances"][0], "tcpPort": 30501}
+    del service["instances"][0]["udpPort"]
+
+
+def outside_the_subnet(manifest):
+    manifest["nodes"]["gnss-gateway"]["addresses"] = ["10.78.0.2"]
+
+
+def peer_not_allowed(lab):
+    lab.start_source()
+    lab.desk.manifest["services"][GNSS]["allowedPeers"] = ["10.77.0.1", "10.77.0.30", "10.77.0.31"]
+    lab.desk.write_manifest()
+    lab.start_application()
+
+
+def clock_off(lab):
+    lab.start_application()
+    lab.start_source(LD_PRELOAD=str(CLOCK), POS_TEST_CLOCK_SHIFT="3600")
+    lab.until_positions()
+
+
+def manifest_invalid(lab):
+    lab.healthy()
+    lab.desk.manifest["services"][GNSS]["id"] = "0x1FFFF"
+    lab.desk.write_manifest()
+
+
+def address_missing(lab):
+    lab.healthy()
+    run("ip", "-n", lab.vehicle, "addr", "del", "10.77.0.1/8", "dev", "cable")
+
+
+def address_taken(lab):
+    script = "import socket, time; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('10.77.0.1', 30490)); time.sleep(99)"
+    lab.start(lab.vehicle, sys.executable, "-c", script)
+    until(lambda: "10.77.0.1:30490" in run("ip", "netns", "exec", lab.vehicle, "ss", "-lun").stdout, "the port is taken")
+    assert lab.start_application().wait(30) != 0
+
+
+def interface_down(lab):
+    lab.healthy()
+    run("ip", "-n", lab.vehicle, "link", "set", "cable", "down")
+
+
+def join_refused(lab):
+    run("ip", "netns", "exec", lab.vehicle, "sysctl", "net.ipv4.igmp_max_memberships=0")
+    lab.start_source()
+    lab.start_application()
+
+
+def storage_missing(lab):
+    lab.healthy()
+    shutil.rmtree(lab.desk.path / "storage")
+
+
+def storage_read_only(lab):
+    path = lab.mount("size=1m")
+    lab.healthy()
+    run("mount", "-o", "remount,ro", path)
+
+
+def storage_full(lab):
+    path = lab.mount("size=128k")
+    lab.healthy()
+    with contextlib.suppress(OSError), open(path / "other", "wb", buffering=0) as file:
+        while file.write(b"\0" * 4096):
+            pass
+
+
+def storage_damaged(lab):
+    lab.healthy()
+    (lab.desk.path / "storage/POS_Key_Value_Port.json").write_text('{"useGNSSDR": {"type": "Bool')
+
+
+def storage_shared(lab):
+    lab.healthy()
+    lab.start(lab.vehicle, APPLICATION, POS_NODE_ADDRESS="10.77.0.3")
+
+
+def log_daemon_ended(lab):
+    os.mkfifo(lab.desk.path / "dlt")
+    lab.healthy()
+
+
+def bus_ended(lab):
+    bus = lab.desk.start_bus()
+    lab.healthy()
+    bus.kill()
+    bus.wait()
+
+
+def no_watchdog(lab):
+    lab.start_application(NOTIFY_SOCKET=f"@{lab.tag}")
+    lab.start_source()
+    lab.until_positions()
+
+
+def restarting(lab):
+    lab.start_source()
+    lab.start_application("sh", "-c", 'while :; do timeout 1 "$0"; done')
+
+
+def application_frozen(lab):
+    lab.healthy()
+    lab.application.send_signal(signal.SIGSTOP)
+
+
+def no_application(lab):
+    lab.start_source()
+
+
+def few_descriptors(lab):
+    lab.healthy()
+    run("prlimit", "--pid", lab.application.pid, "--nofile=64:64")
+
+
+def no_fix(lab):
+    recording = lab.desk.path / "no-fix.nmea"
+    lines = []
+    for tenth in range(600):
+        text = f"GPGGA,1200{tenth // 10:02}.{tenth % 10}0,,,,,0,00,99.9,,M,,M,,"
+        sum_ = 0
+        for byte in text.encode():
+            sum_ ^= byte
+        lines.append(f"${text}*{sum_:02X}\r\n")
+    recording.write_text("".join(lines))
+    lab.start_application()
+    lab.start_source("--nmea", recording, "--loop")
+
+
+def odd_source(kind):
+    def make(lab):
+        lab.start_application()
+        lab.start(lab.bench, sys.executable, __file__, "source", kind)
+    return make
+
+
+FAULTS = (
+    ("source-missing", source_killed), ("source-frozen", source_frozen), ("packet-filter", data_dropped),
+    ("packet-filter", discovery_dropped), ("event-group", other_manifest(of_positions(eventGroup=9))),
+    ("event-id", other_manifest(of_positions(notifier="0x8099"))), ("service-id", other_manifest(of_gnss(id="0x2A99"))),
+    ("service-version", other_manifest(of_gnss(majorVersion=2))), ("multicast-group", other_manifest(other_group)),
+    ("allowed-peers", peer_not_allowed), ("subnet", other_manifest(outside_the_subnet)), ("stamps", clock_off),
+    ("transport", other_manifest(over_tcp)), ("manifest", manifest_invalid),
+    ("same-manifest", other_manifest(of_gnss(id="0x2A99"), "vehicle")),
+    ("address", address_missing), ("address-taken", address_taken), ("interface", interface_down),
+    ("multicast-join", join_refused), ("storage-folder", storage_missing),
+    ("storage-writable", storage_read_only), ("storage-space", storage_full), ("storage-content", storage_damaged),
+    ("storage-shared", storage_shared), ("log-daemon", log_daemon_ended), ("bus", bus_ended), ("watchdog", no_watchdog),
+    ("restarting", restarting), ("application", application_frozen), ("application", no_application),
+    ("limits", few_descriptors), ("physical-values", no_fix), ("position-type", odd_source("type")),
+    ("standing-values", odd_source("values")), ("standing-stamps", odd_source("stamps")),
+)
+
+
+def play(check, make):
+    """The fault may need a moment until it shows, such as a time to live; then doctor names it first, in time
+    unless the machine is busy just then."""
+    with Lab() as lab:
+        make(lab)
+        end = time.monotonic() + 30
+        while True:
+            code, findings, seconds = lab.doctor()
+            faults = [one for one in findings if one["severity"] == "fault"]
+            if code == 1 and faults and faults[0]["check"] == check and seconds <= LONGEST:
+                assert all(faults[0][part] for part in ("text", "evidence", "cure")), faults
+                return
+            if time.monotonic() > end:
+                raise AssertionError(f"{check}: doctor ended with {code} after {seconds} s and found {json.dumps(findings, indent=1)}")
+
+
+def healthy(count):
+    """What a developer's machine has: no DLT daemon, no bus, no synchronised clock."""
+    with Lab() as lab:
+        lab.healthy()
+        taken = []
+        for number in range(count):
+            code, findings, seconds = lab.doctor()
+            faults = [one for one in findings if one["severity"] == "fault"]
+            assert code == 0 and not faults, (number, code, faults)
+            taken.append(seconds)
+        assert statistics.median(taken) <= LONGEST, taken
+        print(f"{count} healthy runs, at most {max(taken):.1f} s")
+
+
+def source(kind):
+    """Offers the GNSS service as a program of its own, and sends what the real gateway never does."""
+    from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
+    from payload import f32, f64, records, u32
+
+    manifest = json.loads(pathlib.Path(os.environ["POS_MANIFEST"]).read_text(encoding="utf-8"))
+    network = Network(desk=types.SimpleNamespace(manifest={**manifest, "nodes": {"POS": {"address": "10.77.0.1"}}}))
+    network.under_test |= {"10.77.0.30", "10.77.0.31"}
+    peer = network.peer("10.77.0.2")
+    sender, service = peer.socket(port=30501), int(manifest["services"][GNSS]["id"], 0)
+    clients = {}
+
+    def subscribed(entry):
+        if entry.type != SUBSCRIBE:
+            return
+        if entry.ttl:
+            peer.acknowledge(entry)
+            clients[entry.message.source[0], entry.group] = entry.endpoints[0][:2]
+
+    peer.unicast.on_entry = subscribed
+    began, offered = time.time(), 0
+    for counter in itertools.count():
+        if time.monotonic() - offered > 1:
+            peer.tell([offer(service, major=3, ttl=3)], [endpoint(sender)])
+            offered = time.monotonic()
+        stamp = began if kind == "stamps" else time.time()
+        number = 7 if kind == "values" else counter
+        sample = [u32(0, 1 if kind == "type" else 2), u32(1, number), f64(2, 48.0 + counter * 1e-5), u32(3, PHYSICAL), f64(4, 11.0),
+                  u32(5, PHYSICAL), f32(14, 10.0), u32(15, PHYSICAL)]
+        ids = stamp_ids()
+        sample += [u32(ids[0], int(stamp)), u32(ids[0] + 1, PHYSICAL), u32(ids[1], int(stamp % 1 * 1e9)), u32(ids[1] + 1, PHYSICAL)]
+        for (_, group), client in list(clients.items()):
+            if group == 1:
+                sender.send(someip(service, 0x8001, records(sample), type=NOTIFICATION, client=0, interface=3), client)
+        network.quiet(0.1)
+
+
+def stamp_ids():
+    told = json.loads(run(POSCTL, "describe", "--json").stdout)["records"]
+    members = next(one["members"] for one in told if one["name"].endswith("gnss::datatypes::DT_positions_struct"))
+    ids = {member["name"]: member["dataId"] for member in members}
+    return ids["preciseLocalTimeSeconds"], ids["preciseLocalTimeNanoseconds"]
+
+
+def main():
+    if sys.argv[1:2] == ["source"]:
+        source(sys.argv[2])
+    if sys.argv[1:2] == ["healthy"]:
+        return healthy(int(sys.argv[2]))
+    wanted = sys.argv[1:]
+    try:
+        with Lab() as lab:
+            run("ip", "netns", "exec", lab.vehicle, "nft", "list", "ruleset")
+    except (subprocess.CalledProcessError, OSError) as error:
+        print(f"skipped: no network namespaces, veth or nft here ({error})")
+        return SKIPPED
+    failures = 0
+    with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
+        parts = [] if wanted else [("healthy runs", pool.submit(healthy, 5))]
+        parts += [(f"{make.__name__}: {check}", pool.submit(play, check, make)) for check, make in FAULTS
+                  if not wanted or check in wanted]
+        for name, part in parts:
+            try:
+                part.result()
+                print("ok", name, flush=True)
+            except Exception:
+                failures += 1
+                print("FAILED", name, traceback.format_exc(), flush=True)
+    return 1 if failures else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,158 @@
+"""posctl exporter: what Prometheus makes of it, and what clients can cost it."""
+
+import http.client
+import json
+import pathlib
+import re
+import socket
+import subprocess
+import time
+import unittest
+import urllib.parse
+import urllib.request
+
+from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
+
+PROMTOOL, PROMETHEUS = pathlib.Path("/usr/bin/promtool"), pathlib.Path("/usr/bin/prometheus")
+RULES = SOURCE / "packaging/prometheus/alerts.yml"
+DASHBOARD = SOURCE / "packaging/grafana/pos.json"
+
+
+class Exporter(unittest.TestCase):
+    def setUp(self):
+        self.desk = self.enterContext(Desk())
+
+    def start(self, program, *arguments):
+        process = self.desk.start(program, *arguments)
+        self.addCleanup(lambda: process.poll() is not None or self.assertEqual(self.desk.stop(process)[0], 0))
+        return process
+
+    def start_exporter(self):
+        self.exporter = self.start(POSCTL, "exporter", "--listen", "127.0.0.1:0")
+        self.host = urllib.parse.urlsplit(self.exporter.stdout.readline()).netloc
+
+    def start_all(self):
+        self.application = self.start(APPLICATION)
+        self.start(GATEWAY, "--rate", 20)
+        self.start_exporter()
+        until(lambda: self.samples().get("pos_position_latitude_degrees"), "a position")
+
+    def request(self, method="GET", path="/metrics", **headers):
+        connection = http.client.HTTPConnection(self.host, timeout=20)
+        connection.request(method, path, headers=headers)
+        response = connection.getresponse()
+        return response, response.read().decode()
+
+    def samples(self):
+        """Values by metric with labels."""
+        lines = (line for line in self.request()[1].splitlines() if not line.startswith("#"))
+        return {name: float(value) for name, value in (line.rsplit(" ", 1) for line in lines)}
+
+    def test_metrics_are_those_of_the_page_and_of_the_application(self):
+        self.start_all()
+        response, text = self.request()
+        self.assertEqual(response.headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
+        checked = subprocess.run([PROMTOOL, "check", "metrics"], input=text, capture_output=True, text=True, check=False)
+        self.assertEqual((checked.returncode, checked.stdout, checked.stderr), (0, "", ""))
+        page = (SOURCE / "docs/metrics.md").read_text(encoding="utf-8")
+        table = self.desk.run(POSCTL, "exporter", "--list")[1]
+        self.assertIn(table, page)
+        told = {(name, kind) for name, kind in re.findall(r"^# TYPE (\w+) (\w+)$", text, re.MULTILINE)}
+        self.assertLessEqual(told, set(re.findall(r"^\| `(\w+)` \| (\w+) \|", table, re.MULTILINE)))
+
+        samples = self.samples()
+        stats = json.loads(self.desk.run(POSCTL, "stats", "--json")[1])
+        for name, value in {
+            "pos_up": 1, 'pos_input_status{name="gnss",status="Nominal"}': 1,
+            'pos_monitor_failed{monitor="POS_Input_GNSS",id="0x83D101"}': 0,
+            'pos_subscribers{service="lumo::services::positioning::Positioning",instance="0x0001"}': 0,
+            'pos_consumed_service_found{service="lumo::services::gnss::GNSS",instance="0x0001"}': 1,
+            'pos_data_bus_fault_present{fault="not_available",service="GNSS",element=""}': 0,
+            "pos_clock_synchronised": stats["clock"]["synchronised"],
+        }.items():
+            self.assertEqual(samples[name], value, name)
+        for name, value, share in (
+            ("pos_process_resident_memory_bytes", stats["process"]["residentBytes"], 0.2),
+            ("pos_someip_datagrams_received_total", stats["counters"]["datagramsReceived"], 0.5),
+            ('pos_position_age_seconds_count{age="stampToArrival"}',
+             stats["ages"]["stampToArrival"]["sinceStart"]["count"], 0.5),
+            ('pos_position_age_seconds_sum{age="betweenArrivals"}', stats["process"]["uptimeMs"] / 1000, 0.9),
+        ):
+            self.assertAlmostEqual(samples[name], value, delta=share * value, msg=name)
+
+        self.desk.stop(self.application)
+        self.assertEqual(until(lambda: not (gone := self.samples())["pos_up"] and gone, "the application is away")
+                         .keys() & {"pos_process_threads", "pos_position_latitude_degrees"}, set())
+
+    def test_slow_clients_cost_nothing(self):
+        self.start_exporter()
+        address = self.host.rsplit(":", 1)
+        threads = pathlib.Path(f"/proc/{self.exporter.pid}/task")
+        before = len(list(threads.iterdir()))
+        slow = [socket.create_connection(address) for _ in range(200)]
+        for one in slow:
+            self.addCleanup(one.close)
+        for one in slow[::2]:
+            one.sendall(b"GET /metrics HTTP/1.1\r\nHost:")
+        start = time.monotonic()
+        self.assertIn("pos_up 0", self.request()[1])
+        self.assertLess(time.monotonic() - start, 3)
+        self.assertEqual(len(list(threads.iterdir())), before + 1)  # the one that makes the page
+        self.assertLessEqual(len(list(pathlib.Path(f"/proc/{self.exporter.pid}/fd").iterdir())), 100)
+        until(lambda: slow[-1].recv(1) == b"", "the time for a request is over")
+        for expected, arguments in {404: {"path": "/"}, 405: {"method": "DELETE"}, 431: {"Cookie": "x" * 10_000},
+                                    413: {"method": "GET", "Content-Length": "9"}}.items():
+            self.assertEqual(self.request(**arguments)[0].status, expected)
+        head = self.request("HEAD")
+        self.assertEqual((head[0].status, head[1]), (200, ""))
+        self.assertGreaterEqual(self.samples()["pos_exporter_refused_total"], 204)
+        for wrong in ("127.0.0.1", "localhost:1", "127.0.0.1:65536", "::1:9464", "[::1]:", "[127.0.0.1]:1"):
+            self.assertEqual(self.desk.run(POSCTL, "exporter", "--listen", wrong)[0], 2, wrong)
+        self.assertEqual(self.desk.run(POSCTL, "exporter", "--listen", self.host)[0], 1)
+
+    def test_a_prometheus_server_scrapes_it_and_knows_the_rules_and_the_dashboard(self):
+        checked = subprocess.run([PROMTOOL, "check", "rules", RULES], capture_output=True, text=True, check=False)
+        self.assertEqual(checked.returncode, 0, checked.stdout + checked.stderr)
+        self.start_all()
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            server = "127.0.0.1:" + str(free.getsockname()[1])
+        settings = self.desk.path / "prometheus.yml"
+        settings.write_text(json.dumps({
+            "global": {"scrape_interval": "1s", "evaluation_interval": "1s"}, "rule_files": [str(RULES)],
+            "scrape_configs": [{"job_name": "pos", "static_configs": [{"targets": [self.host]}]}]}), encoding="utf-8")
+        self.start(PROMETHEUS, f"--config.file={settings}", f"--storage.tsdb.path={self.desk.path / 'tsdb'}",
+                   f"--web.listen-address={server}")
+
+        def ask(what, **arguments):
+            try:
+                with urllib.request.urlopen(f"http://{server}/api/v1/{what}?" + urllib.parse.urlencode(arguments)) as answer:
+                    return json.load(answer)["data"]
+            except urllib.error.HTTPError as error:
+                self.fail(f"{arguments}: {error.read()}")
+            except urllib.error.URLError:
+                return None  # it has just started
+
+        def value(expression):
+            found = ask("query", query=expression)
+            return found and [float(one["value"][1]) for one in found["result"]]
+
+        until(lambda: value("pos_up") == [1], "a scrape")
+        until(lambda: (value("rate(pos_position_notifications_total[10s])") or [0])[0] > 1, "positions flow")
+        target, = ask("targets")["activeTargets"]
+        self.assertEqual((target["health"], target["lastError"]), ("up", ""))
+        queries = [target["expr"].replace("$instance", ".*")
+                   for panel in json.loads(DASHBOARD.read_text(encoding="utf-8"))["panels"] for target in panel["targets"]]
+        self.assertGreater(len(queries), 20)
+        missing = [query for query in queries if "== 1" not in query and "> 0" not in query
+                   and "clock_" not in query and not value(query.replace("[1m]", "[10s]"))]
+        self.assertEqual(missing, [])  # each panel has something to show
+
+        self.desk.stop(self.application)
+        until(lambda: any(alert["labels"]["alertname"] == "PosDown" for alert in ask("alerts")["alerts"]), "an alert")
+        rules = [rule for group in ask("rules")["groups"] for rule in group["rules"]]
+        self.assertEqual({rule["health"] for rule in rules}, {"ok"})
+
+
+if __name__ == "__main__":
+    unittest.main()

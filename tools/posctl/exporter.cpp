@@ -1,0 +1,209 @@
+#include <charconv>
+#include <exception>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <system_error>
+#include <utility>
+#include <vector>
+
+#include "binding/statistics.h"
+#include "mw/com/runtime.h"
+#include "posService/Positioning.h"
+#include "tools/command.h"
+#include "tools/posctl/commands.h"
+#include "tools/posctl/connect.h"
+#include "tools/posctl/explain.h"
+#include "tools/posctl/http_server.h"
+#include "tools/posctl/metrics.h"
+#include "tools/stop_signal.h"
+
+namespace posctl {
+namespace {
+
+using namespace lumo::services::diag;
+using lumo::services::positioning::proxy::PositioningProxy;
+using tcp = boost::asio::ip::tcp;
+
+/// In seconds, for all answers of the application to one scrape.
+constexpr double answer_time = 2;
+
+/// The present instance of a service, from one offer to the next.
+template <class Proxy>
+class Present {
+ public:
+  Present() {
+    search_ = Proxy::StartFindService([this](const auto& handles, auto) {
+      const std::lock_guard lock(mutex_);
+      changed_ = true;
+      handle_.reset();
+      if (!handles.empty()) handle_.emplace(handles.front());
+    });
+  }
+  ~Present() { Proxy::StopFindService(search_); }
+  Present(const Present&) = delete;
+  Present& operator=(const Present&) = delete;
+
+  /// Null if the service is not offered. One thread calls.
+  [[nodiscard]] Proxy* proxy() {
+    std::optional<Handle> handle;
+    {
+      const std::lock_guard lock(mutex_);
+      if (!std::exchange(changed_, false)) return proxy_.get();
+      handle = handle_;
+    }
+    proxy_.reset();
+    if (handle) proxy_ = std::make_unique<Proxy>(*handle);
+    return proxy_.get();
+  }
+
+ private:
+  using Handle = typename Proxy::HandleType;
+
+  std::mutex mutex_;  ///< guards the two members below
+  std::optional<Handle> handle_;
+  bool changed_ = false;
+  std::unique_ptr<Proxy> proxy_;  ///< the calling thread's own
+  ara::com::FindServiceHandle search_{};
+};
+
+/// Nothing if the service is not offered.
+template <class Proxy, class Call>
+auto ask(Present<Proxy>& service, Call call) -> std::optional<decltype(call(*service.proxy()))> {
+  Proxy* const proxy = service.proxy();
+  if (proxy == nullptr) return std::nullopt;
+  return call(*proxy);
+}
+
+/// Nothing if no answer, or an error, has come in time.
+template <class Future>
+auto answer(std::optional<Future> future, Deadline deadline)
+    -> std::optional<decltype(future->get())> {
+  try {
+    if (future) return result_of(std::move(*future), "", deadline);
+  } catch (const std::exception&) {
+    // The metrics of this part are missing in this scrape.
+  }
+  return std::nullopt;
+}
+
+template <class Interface>
+auto read(Present<Data_identifier_proxy<Interface>>& identifier) {
+  return ask(identifier, [](auto& proxy) { return proxy.Read({}); });
+}
+
+/// Only whole entries.
+template <class Faults>
+std::optional<std::vector<std::uint8_t>> entries(const std::optional<Faults>& faults) {
+  if (!faults || faults->entries.size() % fault_entry_size != 0) return std::nullopt;
+  return faults->entries;
+}
+
+/// Looks at the application for one scrape after the other.
+class Onlooker {
+ public:
+  [[nodiscard]] Look look() {
+    const auto start = std::chrono::steady_clock::now();
+    const auto deadline = deadline_in(answer_time);
+    // All calls begin before the first wait.
+    auto process = ask(statistics_, [](auto& proxy) { return proxy.Process(); });
+    auto clock = ask(statistics_, [](auto& proxy) { return proxy.Clock(); });
+    auto stamps = ask(statistics_, [](auto& proxy) { return proxy.Stamps(); });
+    auto ages = ask(statistics_, [](auto& proxy) { return proxy.Ages(); });
+    auto counters = ask(statistics_, [](auto& proxy) { return proxy.Counters(); });
+    auto peers = ask(statistics_, [](auto& proxy) { return proxy.Peers(); });
+    auto positions = ask(positioning_, [](auto& proxy) { return proxy.positions.Get(); });
+    auto inputs = read(inputs_);
+    auto outputs = read(outputs_);
+    auto system = read(system_);
+    auto not_available = read(not_available_);
+    auto error_value = read(error_value_);
+    auto implausible = read(implausible_);
+
+    Look look;
+    look.process = answer(std::move(process), deadline);
+    look.clock = answer(std::move(clock), deadline);
+    look.stamps = answer(std::move(stamps), deadline);
+    look.ages = answer(std::move(ages), deadline);
+    look.counters = answer(std::move(counters), deadline);
+    look.peers = answer(std::move(peers), deadline);
+    look.positions = answer(std::move(positions), deadline);
+    look.inputs = answer(std::move(inputs), deadline);
+    look.outputs = answer(std::move(outputs), deadline);
+    look.system = answer(std::move(system), deadline);
+    look.faults = {entries(answer(std::move(not_available), deadline)),
+                   entries(answer(std::move(error_value), deadline)),
+                   entries(answer(std::move(implausible), deadline))};
+    look.duration = std::chrono::steady_clock::now() - start;
+    return look;
+  }
+
+ private:
+  template <class Interface>
+  using Identifier = Present<Data_identifier_proxy<Interface>>;
+
+  Present<binding::Statistics_proxy> statistics_;
+  Present<PositioningProxy> positioning_;
+  Identifier<d_14a0::DataIdentifier_PositioningStatusInputs> inputs_;
+  Identifier<d_14a1::DataIdentifier_PositioningStatusOutputs> outputs_;
+  Identifier<d_14a3::DataIdentifier_PositioningStatusSystem> system_;
+  Identifier<d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable> not_available_;
+  Identifier<d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived> error_value_;
+  Identifier<d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible> implausible_;
+};
+
+/// Of "127.0.0.1:9464" or "[::1]:9464".
+tcp::endpoint endpoint_of(const std::string& text) {
+  const auto colon = text.rfind(':');
+  const bool bracketed = text.starts_with('[') && colon != 0 && text[colon - 1] == ']';
+  boost::system::error_code error;
+  std::uint16_t port = 0;
+  if (colon != std::string::npos) {
+    const auto address = boost::asio::ip::make_address(
+        bracketed ? text.substr(1, colon - 2) : text.substr(0, colon), error);
+    const auto* const end = text.data() + text.size();
+    const auto [parsed, wrong] = std::from_chars(text.data() + colon + 1, end, port);
+    if (!error && wrong == std::errc{} && parsed == end && address.is_v6() == bracketed)
+      return {address, port};
+  }
+  throw tools::Usage_error("--listen " + text +
+                           ": an IP address and a port such as 127.0.0.1:9464 are expected");
+}
+
+std::string text_of(const tcp::endpoint& endpoint) {
+  const std::string address = endpoint.address().to_string();
+  return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
+         std::to_string(endpoint.port());
+}
+
+}  // namespace
+
+int exporter(const Exporter_options& options) {
+  if (options.list) {
+    tools::write_output(metric_table());
+    return 0;
+  }
+  const tcp::endpoint endpoint = endpoint_of(options.listen);
+  tools::Stop_signal stop_signal;
+  const Way way(options.way);
+  Onlooker onlooker;
+  const auto page = [&](const Http_counts& counts) {
+    Look look = onlooker.look();
+    look.http = counts;
+    return exposition(look);
+  };
+  std::optional<Http_server> server;
+  try {
+    server.emplace(endpoint, "/metrics", page);
+  } catch (const boost::system::system_error& error) {
+    throw std::runtime_error("cannot listen at " + options.listen + ": " + error.code().message());
+  }
+  tools::write_output("http://" + text_of(server->endpoint()) + "/metrics\n",
+                      stop_signal.descriptor());
+  while (stop_signal.wait_until(Deadline::max()) != tools::Stop_signal::Wake::stopped)
+    continue;
+  return 0;
+}
+
+}  // namespace posctl

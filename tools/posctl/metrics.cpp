@@ -1,0 +1,463 @@
+#include "tools/posctl/metrics.h"
+
+#include <charconv>
+#include <cmath>
+#include <initializer_list>
+#include <limits>
+#include <map>
+#include <string_view>
+#include <type_traits>
+#include <utility>
+
+#include "binding/statistics.h"
+#include "diagnosisService/monitor_table.h"
+#include "platform/someip/base/counters.h"
+#include "platform/someip/base/hexadecimal.h"
+#include "tools/posctl/explain.h"
+
+namespace posctl {
+namespace {
+
+using binding::Age;
+using binding::Stamp_counts;
+using lumo::services::diag::Data_bus_fault;
+using lumo::services::positioning::datatypes::DT_positions_struct;
+using mw::com::runtime::Clock_state;
+using mw::com::runtime::Process_usage;
+
+/// The samples of one metric.
+class Samples {
+ public:
+  using Labels = std::initializer_list<std::pair<std::string_view, std::string_view>>;
+
+  explicit Samples(std::string_view metric) : metric_(metric) {}
+
+  /// `suffix` is that of a summary's sum and count.
+  template <class Number>
+  void add(Number value, Labels labels = {}, std::string_view suffix = {}) {
+    text_.append(metric_).append(suffix);
+    char separator = '{';
+    for (const auto& [name, text] : labels) {
+      text_ += std::exchange(separator, ',');
+      text_.append(name).append("=\"");
+      append_escaped(text);
+      text_ += '"';
+    }
+    if (separator == ',') text_ += '}';
+    text_ += ' ';
+    append(value);
+    text_ += '\n';
+  }
+
+  [[nodiscard]] const std::string& text() const { return text_; }
+
+ private:
+  void append_escaped(std::string_view text) {
+    for (const char one : text) {
+      if (one == '\n') {
+        text_ += "\\n";
+        continue;
+      }
+      if (one == '\\' || one == '"') text_ += '\\';
+      text_ += one;
+    }
+  }
+  template <class Number>
+  void append(Number value) {
+    if constexpr (std::is_same_v<Number, bool>) {
+      text_ += value ? '1' : '0';
+    } else {
+      if constexpr (std::is_floating_point_v<Number>) {
+        if (std::isnan(value)) {
+          text_ += "NaN";
+          return;
+        }
+        if (std::isinf(value)) {
+          text_ += value < 0 ? "-Inf" : "+Inf";
+          return;
+        }
+      }
+      std::array<char, 32> text{};
+      text_.append(text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr);
+    }
+  }
+
+  const std::string_view metric_;
+  std::string text_;
+};
+
+struct Metric {
+  std::string_view name;
+  std::string_view type;
+  std::string_view labels;
+  std::string_view help;
+  void (*samples)(const Look& look, Samples& samples);
+};
+
+/// A member of a part of the look, divided to the base unit.
+template <auto part, auto member, std::uint64_t divisor = 1>
+void value(const Look& look, Samples& samples) {
+  if (!(look.*part)) return;
+  const auto number = (*(look.*part)).*member;
+  if constexpr (divisor == 1) {
+    samples.add(number);
+  } else {
+    samples.add(static_cast<double>(number) / divisor);
+  }
+}
+
+/// The state of the clock while it is synchronised.
+template <auto member, std::uint64_t divisor = 1>
+void clock_value(const Look& look, Samples& samples) {
+  if (look.clock && look.clock->synchronised) value<&Look::clock, member, divisor>(look, samples);
+}
+
+/// A member of the last position.
+template <auto member>
+void of_position(const Look& look, Samples& samples) {
+  if (!look.positions || look.positions->empty()) return;
+  if (const auto& value = look.positions->back().*member) samples.add(*value);
+}
+
+void position_time(const Look& look, Samples& samples) {
+  if (!look.positions || look.positions->empty()) return;
+  const DT_positions_struct& position = look.positions->back();
+  if (!position.LAT || !position.preciseLocalTimeSeconds) return;
+  samples.add(*position.preciseLocalTimeSeconds +
+              position.preciseLocalTimeNanoseconds.value_or(0) / 1e9);
+}
+
+void ages(const Look& look, Samples& samples) {
+  if (!look.ages) return;
+  const auto seconds = [](std::uint64_t ns) { return static_cast<double>(ns) / 1e9; };
+  for (const Age& age : *look.ages) {
+    if (age.windowS == 0) {
+      samples.add(seconds(age.sumNs), {{"age", age.name}}, "_sum");
+      samples.add(age.count, {{"age", age.name}}, "_count");
+      continue;
+    }
+    const auto quantile = [&](std::string_view share, std::uint64_t ns) {
+      const auto nothing = std::numeric_limits<double>::quiet_NaN();
+      samples.add(age.count == 0 ? nothing : seconds(ns), {{"age", age.name}, {"quantile", share}});
+    };
+    quantile("0", age.minNs);
+    quantile("0.5", age.p50Ns);
+    quantile("0.99", age.p99Ns);
+    quantile("0.999", age.p999Ns);
+    quantile("1", age.maxNs);
+  }
+}
+
+void rate(const Look& look, Samples& samples) {
+  if (!look.ages) return;
+  for (const Age& age : *look.ages) {
+    if (age.name == "arrivalToHandler" && age.windowS != 0)
+      samples.add(static_cast<double>(age.count) / age.windowS);
+  }
+}
+
+void stamp_faults(const Look& look, Samples& samples) {
+  if (!look.stamps) return;
+  samples.add(look.stamps->missing, {{"fault", "missing"}});
+  samples.add(look.stamps->inFuture, {{"fault", "in_future"}});
+  samples.add(look.stamps->standingStill, {{"fault", "standing_still"}});
+  samples.add(look.stamps->jumped, {{"fault", "jumped"}});
+}
+
+/// One series for each status: 1 for the present one.
+template <auto part>
+void statuses(const Look& look, Samples& samples) {
+  if (!(look.*part)) return;
+  const Json bytes = explain(*(look.*part));
+  for (const auto& [name, byte] : bytes.items()) {
+    const auto present = byte.template get<std::uint8_t>();
+    for (std::uint8_t status = 0; status <= diagnosisService::Status::not_available; ++status)
+      samples.add(status == present, {{"name", name}, {"status", status_name(status)}});
+    if (present > diagnosisService::Status::not_available)
+      samples.add(true, {{"name", name}, {"status", status_name(present)}});
+  }
+}
+
+/// The status bytes of a group of monitors, in order.
+template <class Statuses>
+void add_bytes(const std::optional<Statuses>& statuses,
+               diagnosisService::Status_group group,
+               std::map<std::pair<diagnosisService::Status_group, unsigned>, unsigned>& bytes) {
+  if (!statuses) return;
+  unsigned byte = 0;
+  for (const auto& status : explain(*statuses))
+    bytes[{group, byte++}] = status.template get<unsigned>();
+}
+
+void monitors(const Look& look, Samples& samples) {
+  using diagnosisService::Status_group;
+  std::map<std::pair<Status_group, unsigned>, unsigned> bytes;
+  add_bytes(look.inputs, Status_group::input, bytes);
+  add_bytes(look.outputs, Status_group::output, bytes);
+  add_bytes(look.system, Status_group::system, bytes);
+  for (const auto& monitor : diagnosisService::monitor_table) {
+    const auto byte = bytes.find({monitor.group, monitor.byte});
+    if (byte == bytes.end()) continue;
+    samples.add(byte->second == diagnosisService::Status::error,
+                {{"monitor", monitor.name}, {"id", someip::hexadecimal(monitor.identifier, 6)}});
+  }
+}
+
+constexpr std::array<std::string_view, 3> fault_names{"not_available", "error_value_received",
+                                                      "implausible"};
+
+/// `member` of each fault of the consumed services.
+void faults(const Look& look, Samples& samples, const char* member) {
+  const auto plain = [](const Json& name) {
+    return name.is_string() ? name.get<std::string>() : name.dump();
+  };
+  for (std::size_t kind = 0; kind < fault_names.size(); ++kind) {
+    if (!look.faults[kind]) continue;
+    for (const auto& fault : explain_faults(*look.faults[kind])) {
+      const Json& value = fault[member];
+      const auto number =
+          value.is_boolean() ? std::uint64_t{value.get<bool>()} : value.get<std::uint64_t>();
+      samples.add(number, {{"fault", fault_names[kind]},
+                           {"service", plain(fault["service"])},
+                           {"element", fault.contains("element") ? plain(fault["element"]) : ""}});
+    }
+  }
+}
+
+std::string id(std::uint16_t number) {
+  return someip::hexadecimal(number);
+}
+
+/// The number of clients of each offered instance that have subscribed, or were refused.
+template <bool subscribed>
+void subscribers(const Look& look, Samples& samples) {
+  if (!look.peers) return;
+  for (const auto& offered : look.peers->offered) {
+    std::uint64_t count = 0;
+    for (const auto& one : look.peers->subscribers) {
+      count += one.serviceId == offered.serviceId && one.instance == offered.instance &&
+               one.subscribed == subscribed;
+    }
+    samples.add(count, {{"service", offered.service}, {"instance", id(offered.instance)}});
+  }
+}
+
+void found(const Look& look, Samples& samples) {
+  if (!look.peers) return;
+  for (const auto& service : look.peers->services)
+    samples.add(service.found, {{"service", service.service}, {"instance", id(service.instance)}});
+}
+
+template <class Add>
+void for_each_group(const Look& look, Add add) {
+  if (!look.peers) return;
+  for (const auto& group : look.peers->eventGroups) {
+    for (const auto& service : look.peers->services) {
+      if (service.serviceId != group.serviceId || service.instance != group.instance) continue;
+      add(group, service.service, id(group.instance), id(group.eventGroup));
+      break;
+    }
+  }
+}
+
+void subscribed(const Look& look, Samples& samples) {
+  for_each_group(look, [&](const auto& group, const auto& service, const auto& instance,
+                           const auto& event_group) {
+    samples.add(group.subscribed,
+                {{"service", service}, {"instance", instance}, {"event_group", event_group}});
+  });
+}
+
+void silence(const Look& look, Samples& samples) {
+  for_each_group(look, [&](const auto& group, const auto& service, const auto& instance,
+                           const auto& event_group) {
+    if (group.lastNotificationMs == mw::com::runtime::never) return;
+    samples.add(static_cast<double>(group.lastNotificationMs) / 1000,
+                {{"service", service}, {"instance", instance}, {"event_group", event_group}});
+  });
+}
+
+/// "unknown_method" for "UnknownMethod".
+std::string snake_case(std::string_view name) {
+  std::string text;
+  for (const char one : name) {
+    const bool capital = one >= 'A' && one <= 'Z';
+    if (capital && !text.empty()) text += '_';
+    text += capital ? static_cast<char>(one - 'A' + 'a') : one;
+  }
+  return text;
+}
+
+constexpr std::array<std::string_view, 2> prefixes_with_cause{"dropped", "refused"};
+
+/// The counters with a prefix, by their cause.
+template <std::size_t prefix>
+void with_cause(const Look& look, Samples& samples) {
+  if (!look.counters) return;
+  constexpr auto text = prefixes_with_cause[prefix];
+  for (const auto& [name, value] : *look.counters) {
+    if (name.starts_with(text))
+      samples.add(value, {{"cause", snake_case(std::string_view(name).substr(text.size()))}});
+  }
+}
+
+/// The metric of a counter that has one of its own; empty for the others.
+std::string counter_metric(std::string_view counter) {
+  for (const auto prefix : prefixes_with_cause) {
+    if (counter.starts_with(prefix)) return {};
+  }
+  return "pos_someip_" + snake_case(counter) + "_total";
+}
+
+std::string counter_help(std::string_view counter) {
+  return "the counter " + std::string(counter) + " of the SOME/IP runtime";
+}
+
+constexpr std::string_view gauge = "gauge";
+constexpr std::string_view counter = "counter";
+
+constexpr std::array metrics{
+    Metric{"pos_up", gauge, "", "1 if the application has answered this scrape",
+           [](const Look& look, Samples& samples) { samples.add(look.up()); }},
+    Metric{"pos_scrape_duration_seconds", gauge, "", "time that the application took to answer",
+           [](const Look& look, Samples& samples) { samples.add(look.duration.count()); }},
+
+    Metric{"pos_position_latitude_degrees", gauge, "", "of the last position, WGS 84",
+           of_position<&DT_positions_struct::LAT>},
+    Metric{"pos_position_longitude_degrees", gauge, "", "of the last position, WGS 84",
+           of_position<&DT_positions_struct::LON>},
+    Metric{"pos_position_altitude_meters", gauge, "", "of the last position, above mean sea level",
+           of_position<&DT_positions_struct::altitudeMeanSeaLevel>},
+    Metric{"pos_position_accuracy_meters", gauge, "", "horizontal, of the last position, one sigma",
+           of_position<&DT_positions_struct::accuracyHorizontal>},
+    Metric{"pos_position_speed_meters_per_second", gauge, "", "over ground, of the last position",
+           of_position<&DT_positions_struct::speed2D>},
+    Metric{"pos_position_heading_degrees", gauge, "",
+           "of the last position, clockwise from true north",
+           of_position<&DT_positions_struct::yawAngle>},
+    Metric{"pos_position_timestamp_seconds", gauge, "",
+           "time stamp of the last position on the time base", position_time},
+    Metric{"pos_positions_per_second", gauge, "",
+           "notifications of GNSS positions, mean of the last 10 s", rate},
+    Metric{"pos_position_notifications_total", counter, "",
+           "notifications of GNSS positions since the start",
+           value<&Look::stamps, &Stamp_counts::notifications>},
+    Metric{"pos_position_stamp_faults_total", counter, "fault",
+           "time stamps of GNSS positions that make no sense: missing, in_future, standing_still, "
+           "jumped",
+           stamp_faults},
+    Metric{"pos_position_age_seconds", "summary", "age, quantile",
+           "ages of positions: stampToArrival, arrivalToHandler, handlerToSent, betweenArrivals. "
+           "Quantiles over the last 10 s; sum and count since the start",
+           ages},
+
+    Metric{"pos_input_status", gauge, "name, status", "1 for the present status of an input",
+           statuses<&Look::inputs>},
+    Metric{"pos_output_status", gauge, "name, status", "1 for the present status of an output",
+           statuses<&Look::outputs>},
+    Metric{"pos_system_status", gauge, "name, status",
+           "1 for the present status of a system function", statuses<&Look::system>},
+    Metric{"pos_monitor_failed", gauge, "monitor, id",
+           "1 if the diagnostic monitor reports a failure", monitors},
+    Metric{"pos_data_bus_fault_present", gauge, "fault, service, element",
+           "1 while a consumed service has the fault: not_available, error_value_received, "
+           "implausible",
+           [](const Look& look, Samples& samples) { faults(look, samples, "present"); }},
+    Metric{"pos_data_bus_fault_occurrences_total", counter, "fault, service, element",
+           "appearances of the fault since the start; 65535 at most",
+           [](const Look& look, Samples& samples) { faults(look, samples, "occurrences"); }},
+
+    Metric{"pos_subscribers", gauge, "service, instance", "subscriptions to an offered instance",
+           subscribers<true>},
+    Metric{"pos_subscribers_refused", gauge, "service, instance",
+           "clients whose last subscription was refused", subscribers<false>},
+    Metric{"pos_consumed_service_found", gauge, "service, instance",
+           "1 if a service that the application uses is offered", found},
+    Metric{"pos_consumed_event_group_subscribed", gauge, "service, instance, event_group",
+           "1 if the provider has acknowledged the subscription", subscribed},
+    Metric{"pos_consumed_event_group_silence_seconds", gauge, "service, instance, event_group",
+           "time since the last notification", silence},
+
+    Metric{"pos_clock_synchronised", gauge, "", "1 if a daemon disciplines the clock",
+           value<&Look::clock, &Clock_state::synchronised>},
+    Metric{"pos_clock_estimated_error_seconds", gauge, "", "while the clock is synchronised",
+           clock_value<&Clock_state::estimatedErrorUs, 1'000'000>},
+    Metric{"pos_clock_maximum_error_seconds", gauge, "", "while the clock is synchronised",
+           clock_value<&Clock_state::maximumErrorUs, 1'000'000>},
+    Metric{"pos_clock_tai_offset_seconds", gauge, "",
+           "TAI minus UTC, while the clock is synchronised; 0 if it is not known",
+           clock_value<&Clock_state::taiOffsetS>},
+    Metric{"pos_clock_steps_total", counter, "", "sudden changes of the clock since the start",
+           value<&Look::clock, &Clock_state::steps>},
+
+    Metric{"pos_process_resident_memory_bytes", gauge, "", "memory in use",
+           value<&Look::process, &Process_usage::residentBytes>},
+    Metric{"pos_process_threads", gauge, "", "threads of the application",
+           value<&Look::process, &Process_usage::threads>},
+    Metric{"pos_process_uptime_seconds", gauge, "", "time since the start of the application",
+           value<&Look::process, &Process_usage::uptimeMs, 1000>},
+
+    Metric{"pos_someip_dropped_total", counter, "cause",
+           "messages that the SOME/IP runtime has dropped", with_cause<0>},
+    Metric{"pos_someip_refused_total", counter, "cause",
+           "requests past a bound that the SOME/IP runtime has refused", with_cause<1>},
+
+    Metric{"pos_exporter_requests_total", counter, "", "scrapes since the start of the exporter",
+           [](const Look& look, Samples& samples) { samples.add(look.http.requests); }},
+    Metric{"pos_exporter_refused_total", counter, "",
+           "HTTP requests that the exporter has refused or that did not come in time",
+           [](const Look& look, Samples& samples) { samples.add(look.http.refused); }},
+};
+
+void append_family(std::string& text,
+                   std::string_view name,
+                   std::string_view type,
+                   std::string_view help,
+                   const Samples& samples) {
+  if (samples.text().empty()) return;
+  text.append("# HELP ").append(name).append(" ").append(help).append("\n");
+  text.append("# TYPE ").append(name).append(" ").append(type).append("\n");
+  text += samples.text();
+}
+
+void append_row(std::string& text,
+                std::string_view name,
+                std::string_view type,
+                std::string_view labels,
+                std::string_view help) {
+  text.append("| `").append(name).append("` | ").append(type).append(" | ").append(labels);
+  text.append(labels.empty() ? "| " : " | ").append(help).append(" |\n");
+}
+
+}  // namespace
+
+std::string exposition(const Look& look) {
+  std::string text;
+  for (const Metric& metric : metrics) {
+    Samples samples(metric.name);
+    metric.samples(look, samples);
+    append_family(text, metric.name, metric.type, metric.help, samples);
+  }
+  if (!look.counters) return text;
+  for (const auto& one : *look.counters) {
+    const std::string name = counter_metric(one.name);
+    if (name.empty()) continue;
+    Samples samples(name);
+    samples.add(one.value);
+    append_family(text, name, counter, counter_help(one.name), samples);
+  }
+  return text;
+}
+
+std::string metric_table() {
+  std::string text = "| Metric | Type | Labels | Meaning |\n|---|---|---|---|\n";
+  for (const Metric& metric : metrics)
+    append_row(text, metric.name, metric.type, metric.labels, metric.help);
+  for (const auto& one : someip::counter_names) {
+    const std::string name = counter_metric(one.name);
+    if (!name.empty()) append_row(text, name, counter, "", counter_help(one.name));
+  }
+  return text;
+}
+
+}  // namespace posctl

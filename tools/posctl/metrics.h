@@ -1,0 +1,48 @@
+/// What the exporter tells Prometheus: one table of metrics, filled from one look at the
+/// application.
+#pragma once
+
+#include <array>
+#include <chrono>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "binding/age_histogram.h"
+#include "binding/position_ages.h"
+#include "diagnosisService/data_identifiers.h"
+#include "mw/com/statistics.h"
+#include "posService/positioning_records.h"
+#include "tools/posctl/http_server.h"
+
+namespace posctl {
+
+/// What the application has answered. A part that did not come in time is missing.
+struct Look {
+  std::optional<mw::com::runtime::Process_usage> process;
+  std::optional<mw::com::runtime::Clock_state> clock;
+  std::optional<binding::Stamp_counts> stamps;
+  std::optional<std::vector<binding::Age>> ages;
+  std::optional<std::vector<mw::com::runtime::Counter>> counters;
+  std::optional<mw::com::runtime::Peers> peers;
+  std::optional<std::vector<lumo::services::positioning::datatypes::DT_positions_struct>> positions;
+  std::optional<lumo::services::diag::PositioningStatusInputs> inputs;
+  std::optional<lumo::services::diag::PositioningStatusOutputs> outputs;
+  std::optional<lumo::services::diag::PositioningStatusSystem> system;
+  /// In the order of Data_bus_fault.
+  std::array<std::optional<std::vector<std::uint8_t>>, 3> faults;
+
+  std::chrono::duration<double> duration{};
+  Http_counts http;
+
+  [[nodiscard]] bool up() const { return process.has_value(); }
+};
+
+/// In Prometheus' text format 0.0.4.
+[[nodiscard]] std::string exposition(const Look& look);
+
+/// Every metric, as a table in Markdown.
+[[nodiscard]] std::string metric_table();
+
+}  // namespace posctl
