@@ -45,6 +45,7 @@ constexpr std::array counters{
     Entry{"tcpResynchronised",
           "times that a damaged TCP stream was taken up again at the next "
           "magic cookie"},
+    Entry{"localAccepted", "connections of posctl through the Unix socket"},
     Entry{"peerRestarts", "restarts of peers, by their session and reboot flag"},
     Entry{"offersExpired", "offers of others whose time to live ended"},
     Entry{"subscriptionsExpired", "subscriptions of others whose time to live ended"},
