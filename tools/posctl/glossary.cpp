@@ -46,6 +46,7 @@ constexpr std::array counters{
     Entry{"tcpResynchronised",
           "times that a damaged TCP stream was taken up again at the next "
           "magic cookie"},
+    Entry{"localAccepted", "connections of posctl through the Unix socket"},
     Entry{"peerRestarts", "restarts of peers, by their session and reboot flag"},
     Entry{"offersExpired", "offers of others whose time to live ended"},
     Entry{"subscriptionsExpired", "subscriptions of others whose time to live ended"},
@@ -125,8 +126,11 @@ constexpr std::array abbreviations{
     Entry{"GNSS-DR", "a GNSS position that the source has completed by dead reckoning"},
     Entry{"DR", "dead reckoning: a position extrapolated from motion"},
     Entry{"MM", "map matching: a position placed on a road of the map"},
-    Entry{"PGF", "the position and attitude fusion; not part of this application"},
-    Entry{"LBL", "landmark-based localisation; not part of this application"},
+    Entry{"PGF",
+          "a function that governs the status of the dead-reckoning output; not part of this "
+          "application"},
+    Entry{"LBL",
+          "a function with a status of its own (POS_LBL_System); not part of this application"},
     Entry{"PLT", "precise local time, the time base of all stamps"},
     Entry{"DID", "data identifier: an output that a tester reads, such as d_14a0"},
     Entry{"TTL", "time to live: an offer or subscription ends unless it is renewed in time"},
