@@ -48,6 +48,7 @@ class Capture(unittest.TestCase):
         gateway = self.desk.start(GATEWAY, "--rate", 20)
         watched = [json.loads(line)["records"][0]
                    for line in self.posctl("watch", "--json", "--field", "positions", "--count", 8, "--timeout", 30).splitlines()]
+        until(lambda: json.loads(self.posctl("read", "d_14a0", "--json"))["values"]["gnss"] == "Nominal", "Nominal")
         monitors = self.desk.start(POSCTL, "monitors", "--count", 1, "--timeout", 30, "--node", "posctl")
         until(lambda: (self.posctl("init-monitor", "POS_Input_GNSS", "kRestart"), monitors.poll() is not None)[1],
               "an action of the monitor")
@@ -55,7 +56,9 @@ class Capture(unittest.TestCase):
             self.posctl("read", identifier)
         for command in ("stats", "peers"):
             self.posctl(command)
-        for process in (gateway, application, capture):
+        self.desk.stop(gateway)
+        until(lambda: "GNSS" in self.posctl("read", "d_1190"), "the source is missed")
+        for process in (application, capture):
             self.desk.stop(process)
 
         text = self.tshark(path, "-V")
@@ -64,7 +67,7 @@ class Capture(unittest.TestCase):
             r"struct posGnssSatInfos \[DT_posGnssSatInfos_struct\]", r"gnssSystem \[uint32\]: 2 \(Galileo\)",
             r"MonitorAction \[uint8\]: 0 \(kPassed\)", r"input \[uint8\]: 1 \(kRestart\)",
             r"Service ID: 0x34a0 \(d_14a0\)", r"gnss \[uint8\]: 0 \(Nominal\)", r"staticOutput \[uint8\]: \d",
-            r"array timeOfDay", r"mapMatchingAnd13 \[uint16\]: \d", r"service \[uint8\]: 2 \(Time\)",
+            r"array timeOfDay", r"mapMatchingAnd13 \[uint16\]: \d", r"service \[uint8\]: \d \(GNSS\)",
             r"occurrences \[uint16\]: 1", r"name \[string\]: datagramsReceived", r"residentBytes \[B\] \[uint64\]: \d{6}",
             r"Client ID: 0x003\d \(posctl\)", r"Method ID: 0x8003 \(posGnssSatInfos\)",
             r"Eventgroup ID: 0x0001 \(MonitorAction\)",

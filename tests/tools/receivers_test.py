@@ -162,7 +162,7 @@ class Receivers(unittest.TestCase):
             (pipe, "--baud=9600"), (pipe, "--reconnect"), (device, "--loop"), (device, "--baud=9601"),
         ):
             code, output, errors = self.desk.run(GATEWAY, *(("--nmea", path) if path else ()), option)
-            self.assertEqual((code, output), (2, ""), (path, option))
+            self.assertEqual((code, output), (3, ""), (path, option))
             self.assertIn(option.partition("=")[0], errors)
 
 

@@ -40,7 +40,6 @@ constexpr std::array counters{
     Entry{"segmentsReceived", "parts of long messages that arrived over UDP"},
     Entry{"segmentsSent", "parts of long messages that left over UDP"},
     Entry{"tcpAccepted", "TCP connections that peers opened"},
-    Entry{"localAccepted", "connections that clients of the Unix socket opened"},
     Entry{"tcpConnected", "TCP connections that this process opened"},
     Entry{"tcpLost", "TCP connections that ended"},
     Entry{"tcpResynchronised",

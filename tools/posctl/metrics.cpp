@@ -151,8 +151,10 @@ void ages(const Look& look, Samples& samples) {
 void rate(const Look& look, Samples& samples) {
   if (!look.ages) return;
   for (const Age& age : *look.ages) {
-    if (age.name == "arrivalToHandler" && age.windowS != 0)
-      samples.add(static_cast<double>(age.count) / age.windowS);
+    if (age.name == "betweenArrivals" && age.windowS != 0)
+      samples.add(age.sumNs == 0
+                      ? 0
+                      : static_cast<double>(age.count) / (static_cast<double>(age.sumNs) / 1e9));
   }
 }
 

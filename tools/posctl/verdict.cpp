@@ -151,10 +151,8 @@ std::string healthy_text(const Json& status) {
 
 double position_rate(const Json& ages) {
   const auto& window = last_10_s(ages, "betweenArrivals");
-  const auto count = window["count"].get<double>();
-  if (count == 0) return 0;
-  const bool is_full = ages.at("betweenArrivals").at("sinceStart")["count"].get<double>() > count;
-  return is_full ? count / 10 : 1e9 / std::max(window["p50Ns"].get<double>(), 1.0);
+  const auto sum = window["sumNs"].get<double>();
+  return sum == 0 ? 0 : 1e9 * window["count"].get<double>() / sum;
 }
 
 std::string meaning_of_status(std::string_view name, std::string_view status) {

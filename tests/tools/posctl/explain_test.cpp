@@ -76,7 +76,7 @@ Json healthy() {
       "clock": {"synchronised": true}, "ages": {
         "stampToArrival": {"last10S": {"count": 100, "p50Ns": 400000}},
         "handlerToSent": {"last10S": {"count": 100}},
-        "betweenArrivals": {"last10S": {"count": 100, "p50Ns": 100000000}, "sinceStart": {"count": 500}}}})");
+        "betweenArrivals": {"last10S": {"count": 100, "sumNs": 10000000000}}}})");
   status["services"] = Json::parse(
       R"([{"service": "lumo::services::gnss::GNSS", "found": true, "cause": "", "eventGroups": []}])");
   binding::Diagnosis_state state;
