@@ -88,9 +88,15 @@ const mw::com::runtime::Consumed_event_group* Facts::positions_row() const {
       std::ranges::find(wanted->fields, GNSS::positions.name, &someip::Field_deployment::name);
   if (field == wanted->fields.end()) return nullptr;
   const auto& rows = after->peers.eventGroups;
-  const auto found = std::ranges::find_if(rows, [&](const auto& row) {
+  auto found = std::ranges::find_if(rows, [&](const auto& row) {
     return row.serviceId == wanted->id && row.eventGroup == field->event_group;
   });
+  // The file may have been edited since the application read it: then a refused group is the one.
+  if (found == rows.end()) {
+    found = std::ranges::find_if(rows, [&](const auto& row) {
+      return row.serviceId == wanted->id && row.cause.starts_with("refused by");
+    });
+  }
   return found == rows.end() ? nullptr : &*found;
 }
 
