@@ -191,9 +191,11 @@ std::vector<Program> find_programs() {
     if (pid == ::getpid()) return;
     const auto* const known = known_program(folder);
     if (known == nullptr) return;
-    // The namespace of another user's process cannot be read. It counts as this one.
-    const std::string network = target_of(folder / "ns/net");
-    if (!network.empty() && network != own_network) return;
+    // The namespace of another user's process may not be read. It counts as this one. A process
+    // that ends has none any more.
+    std::error_code error;
+    const std::string network = fs::read_symlink(folder / "ns/net", error).string();
+    if (error != std::errc::permission_denied && network != own_network) return;
     programs.push_back(read_program(pid, folder, *known));
     if (programs.back().state == 'Z') programs.pop_back();
   });
