@@ -3,7 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <ranges>
+#include <sstream>
+#include <string>
+#include <vector>
 
 #include "tools/posctl/command_table.h"
 #include "tools/posctl/near_name.h"
@@ -54,7 +56,9 @@ class Formatter : public CLI::Formatter {
 std::string unknown_command(int argc, char** argv) {
   if (argc < 2 || argv[1][0] == '-') return {};
   const std::string_view name = argv[1];
-  const auto names = std::views::transform(commands(), &Command::name);
+  std::vector<std::string_view> names;
+  for (const Command& one : commands())
+    names.push_back(one.name);
   if (std::ranges::find(names, name) != names.end()) return {};
   return "there is no command \"" + std::string(name) + "\"" + did_you_mean(name, names);
 }
@@ -72,8 +76,9 @@ std::vector<Option_text> options_of(const CLI::App& command) {
       text.value = option->get_name(true);
       std::ranges::transform(text.value, text.value.begin(), ::toupper);
     } else if (text.value.find('|') != std::string::npos) {
-      for (const auto& choice : std::views::split(text.value, '|'))
-        text.choices.emplace_back(choice.begin(), choice.end());
+      std::istringstream choices(text.value);
+      for (std::string choice; std::getline(choices, choice, '|');)
+        text.choices.push_back(choice);
     }
     text.meaning = option->get_description();
     text.usual = option->get_default_str();
