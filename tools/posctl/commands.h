@@ -80,7 +80,7 @@ struct Look_options {
 /// Prints every counter of the application's runtime, its memory, threads and uptime, the ages of
 /// its positions and the state of its clock.
 int stats(const Look_options& options);
-/// Prints to whom the application sends, what it uses, and why data does not flow.
+/// Prints subscribers, providers, and the cause of missing data.
 int peers(const Look_options& options);
 struct Discover_options {
   bool json = false;

@@ -1,6 +1,10 @@
 #include <algorithm>
 #include <array>
-#include <ranges>
+#include <sstream>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "tools/posctl/command_table.h"
 #include "tools/posctl/glossary.h"
@@ -21,8 +25,9 @@ std::string joined(const Words& words) {
 /// The names of an option, one by one.
 Words names_of(const Option_text& option) {
   Words names;
-  for (const auto& part : std::views::split(option.names, ','))
-    names.emplace_back(part.begin(), part.end());
+  std::istringstream all(option.names);
+  for (std::string name; std::getline(all, name, ',');)
+    names.push_back(name);
   return names;
 }
 
