@@ -22,23 +22,6 @@ class DiscoveryBehaviour(suite.Group):
 
     # Subscribing, as client
 
-    def test_renewals(self):
-        host, peer, server = self.remote()
-        entry = self.active(host, peer)
-        self.assertTrue(entry.initial_data)
-        self.reaches(host, server, entry, 1)
-        for _ in range(3):
-            renewal, = self.renewed(peer, server)
-            self.assertFalse(renewal.initial_data)
-            peer.acknowledge(renewal)
-        self.network.quiet(0.3)
-        self.assertEqual(len(peer.entries(SUBSCRIBE, REMOTE)), 4)
-        host.do("unsubscribe Remote 1 value")
-        peer.entry(SUBSCRIBE, REMOTE, ttl=0)
-        self.offer(peer, server)
-        self.network.quiet(0.05)
-        self.assertEqual(len(peer.entries(SUBSCRIBE, REMOTE)), 5)
-
     def test_connection_stays(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", service="RemoteStream")
         for number in (1, 2):
@@ -47,15 +30,6 @@ class DiscoveryBehaviour(suite.Group):
         peer.entry(SUBSCRIBE, REMOTE_STREAM, ttl=0)
         peer.entry(SUBSCRIBE, REMOTE_STREAM, count=4)
         self.assertEqual([one.ended for one in server.connections], [False])
-
-    def test_missing_initial_value(self):
-        host, peer, server = self.remote()
-        entry = self.active(host, peer)
-        stop, again = self.renewed(peer, server)
-        self.assertEqual((stop.ttl, again.ttl, again.initial_data), (0, 2, True))
-        peer.acknowledge(again)
-        self.reaches(host, server, entry, 1)
-        self.assertEqual([one.ttl for one in self.renewed(peer, server)], [2])
 
     def test_refused_stream(self):
         host, peer, server = self.remote("subscribe RemoteStream 1 value", service="RemoteStream")
