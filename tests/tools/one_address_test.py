@@ -50,6 +50,8 @@ class One_address(unittest.TestCase):
         until(lambda: json.loads(self.output("stats", "--json"))["counters"]["subscriptionsAccepted"] >= 23,
               "the monitors' events are subscribed")
         self.assertIn("Unix socket", self.output("peers"))
+        checks = {one["check"] for one in json.loads(self.output("doctor", "--json", ends=1))["findings"]}
+        self.assertTrue({"tool", "source-frozen"} <= checks, checks)
         self.output("init-monitor", "POS_Input_GNSS", "kClear")
         self.assertIn("POS_Input_GNSS", watch.stdout.readline())
         self.assertEqual(self.desk.stop(watch, signal.SIGINT)[0], 0)

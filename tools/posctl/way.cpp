@@ -19,7 +19,6 @@ namespace posctl {
 
 namespace {
 
-constexpr const char* application = "POS";
 constexpr const char* usual_node = "posctl";
 
 /// Does a process listen there that takes our connection?
@@ -82,7 +81,7 @@ Way::Way(const Way_options& options) {
   if (!options.connect.empty()) only = address_of(options.connect);
   std::string unusable;
   if (!only && options.node.empty() && !environment_names_an_address()) {
-    for (const auto& path : tq::com::socket_paths_of(application)) {
+    for (const auto& path : tq::com::socket_paths_of(application_node)) {
       const auto error = listens(path);
       if (!error) {
         text_ = "through " + path;

@@ -9,16 +9,20 @@
 #include <chrono>
 #include <cstdlib>
 #include <future>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "ara/time/slave_time_base.h"
 #include "clients/GNSS.h"
 #include "mw/com/runtime.h"
+#include "platform/linux/com/local_socket.h"
 #include "platform/linux/com/manifest.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/doctor/bus.h"
+#include "tools/posctl/way.h"
 
 namespace posctl::doctor {
 
@@ -160,18 +164,31 @@ void keep(std::vector<Heard_offer>& offers,
   if (known == offers.end()) offers.push_back({key, offer});
 }
 
-/// The first address of the node that this machine has.
-std::optional<someip::Address> own_address(const someip::Deployment& deployment,
-                                           const std::string& node) {
-  const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
-  if (found == deployment.nodes.end()) {
-    throw std::runtime_error(deployment.source + ": nodes: expected a node \"" + node + "\"");
-  }
-  for (const auto& address : found->addresses) {
+/// The first of the addresses that this machine has.
+std::optional<someip::Address> own_address(const std::vector<someip::Address>& addresses) {
+  for (const auto& address : addresses) {
     someip::Udp_socket probe(address);
     if (!probe.bind({address, 0})) return address;
   }
   return std::nullopt;
+}
+
+const std::vector<someip::Address>& addresses_of(const someip::Deployment& deployment,
+                                                 const std::string& node) {
+  const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
+  if (found == deployment.nodes.end()) {
+    throw std::runtime_error(deployment.source + ": nodes: expected a node \"" + node + "\"");
+  }
+  return found->addresses;
+}
+
+/// To listen and to ask for offers, the address of another node serves too.
+std::optional<someip::Address> any_address(const someip::Deployment& deployment,
+                                           const std::string& node) {
+  auto addresses = addresses_of(deployment, node);
+  for (const auto& other : deployment.nodes)
+    addresses.insert(addresses.end(), other.addresses.begin(), other.addresses.end());
+  return own_address(addresses);
 }
 
 std::optional<someip::Address> address_of_source(const Facts& facts) {
@@ -199,7 +216,7 @@ std::uint64_t drops_of(const Facts& facts) {
 /// Listens to service discovery until the observation ends.
 void listen(Facts& facts, const std::string& node, Deadline start) try {
   const auto& deployment = *facts.deployment;
-  const auto own = own_address(deployment, node);
+  const auto own = any_address(deployment, node);
   std::optional<Probing> probing;
   if (own && facts.source_address && facts.gnss() != nullptr)
     probing.emplace(deployment, *own, *facts.source_address, facts.gnss()->id);
@@ -217,6 +234,18 @@ void listen(Facts& facts, const std::string& node, Deadline start) try {
   if (probing) facts.source_probe = probing->result();
 } catch (const std::runtime_error& error) {
   facts.listen_error = error.what();
+}
+
+/// To the application on this machine, for a program without an address of its own.
+std::unique_ptr<Way> way_through_socket() {
+  for (const auto& path : tq::com::socket_paths_of(application_node)) {
+    try {
+      return std::make_unique<Way>(Way_options{.node = {}, .connect = path});
+    } catch (const std::runtime_error&) {
+      // Nobody listens there; the note about the missing address says the rest.
+    }
+  }
+  return nullptr;
 }
 
 std::uint64_t restarts_of_service() {
@@ -245,18 +274,24 @@ Facts look(const std::string& node) {
     facts.restarts = restarts_of_service();
   });
   if (facts.deployment) {
-    static_cast<void>(own_address(*facts.deployment, node));  // throws for an unknown node
+    const auto& addresses = addresses_of(*facts.deployment, node);
     facts.source_address = address_of_source(facts);
     facts.dropped_before = drops_of(facts);
     std::optional<mw::com::runtime::Component_singleton> runtime;
+    std::unique_ptr<Way> socket;
     std::vector<std::future<void>> watchers;
     try {
+      if (!own_address(addresses)) {
+        throw std::runtime_error("this machine has no address of the node \"" + node + "\"");
+      }
       runtime.emplace(node, false);
-      watchers.push_back(std::async(std::launch::async, [&] { ask_twice(facts, start); }));
       watchers.push_back(std::async(std::launch::async, [&] { watch_positions(facts, start); }));
     } catch (const std::runtime_error& error) {
       facts.node_error = error.what();
+      socket = way_through_socket();
     }
+    if (runtime || socket)
+      watchers.push_back(std::async(std::launch::async, [&] { ask_twice(facts, start); }));
     listen(facts, node, start);
     for (auto& watcher : watchers)
       watcher.wait();

@@ -163,7 +163,11 @@ void check_limits(const Facts& facts, Findings& findings) {
 }
 
 void check_tool(const Facts& facts, Findings& findings) {
-  if (!facts.node_error.empty()) {
+  if (!facts.node_error.empty() && facts.after) {
+    findings.note("posctl has no address for itself, so it receives no positions of the source",
+                  facts.node_error + "; it asked the application through its Unix socket",
+                  "give the node posctl an address of this machine in the manifest");
+  } else if (!facts.node_error.empty()) {
     findings.note("posctl has no address for itself, so it could not ask the application",
                   facts.node_error,
                   "give the node posctl an address of this machine in the manifest");
