@@ -1,6 +1,7 @@
 #include "binding/age_histogram.h"
 
 #include <cmath>
+#include <limits>
 
 namespace binding {
 
@@ -42,7 +43,9 @@ Age Age_histogram::age_of(std::string name, std::uint32_t seconds, const Counts&
   Age age{.name = std::move(name), .windowS = seconds};
   for (std::size_t i = 0; i < counts.size(); ++i) {
     age.count += counts[i];
-    age.sumNs += counts[i] * duration_of(i);
+    const std::uint64_t each = duration_of(i);
+    const std::uint64_t room = std::numeric_limits<std::uint64_t>::max() - age.sumNs;
+    age.sumNs += each != 0 && counts[i] > room / each ? room : counts[i] * each;
   }
   if (age.count == 0) return age;
   /// The duration that this share of all durations does not exceed.

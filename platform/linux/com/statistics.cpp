@@ -77,10 +77,13 @@ Process_usage process_usage() {
 void Clock_watch::look() {
   timex kernel{};
   const int state = ::adjtimex(&kernel);
-  const auto ahead = now_of(CLOCK_REALTIME) - now_of(CLOCK_BOOTTIME);
+  const auto before = now_of(CLOCK_BOOTTIME);
+  const auto ahead = now_of(CLOCK_REALTIME) - before;
+  // A thread that lost the processor between the readings has read no step.
+  const bool precise = now_of(CLOCK_BOOTTIME) - before < smallest_step / 10;
   const bool known = ahead_of_boot_ != std::chrono::nanoseconds{};
-  const bool stepped = known && std::chrono::abs(ahead - ahead_of_boot_) > smallest_step;
-  ahead_of_boot_ = ahead;
+  const bool stepped = precise && known && std::chrono::abs(ahead - ahead_of_boot_) > smallest_step;
+  if (precise) ahead_of_boot_ = ahead;
   const std::lock_guard lock(mutex_);
   if (stepped) ++state_.steps;
   state_.synchronised = state >= 0 && state != TIME_ERROR && (kernel.status & STA_UNSYNC) == 0;

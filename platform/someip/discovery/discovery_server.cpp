@@ -43,6 +43,8 @@ void Discovery_server::offer(Offer offer, Time now) {
   Local local;
   local.offer = std::move(offer);
   begin_offer(local, now);
+  // Clients of this machine receive it although the link is down.
+  if (!link_up_) send_offer(local, timing_.offer_ttl, std::nullopt);
   for (const auto& [group, transport] : local.offer.groups)
     local.groups[group];
   offers_.emplace(key, std::move(local));
@@ -57,7 +59,7 @@ void Discovery_server::begin_offer(Local& local, Time now) {
 void Discovery_server::stop_offer(const Instance_key& key, Time now) {
   const auto found = offers_.find(key);
   if (found == offers_.end()) return;
-  if (found->second.phase != Phase::initial_wait) {
+  if (found->second.phase != Phase::initial_wait || !link_up_) {
     send_offer(found->second, 0, std::nullopt, delays_.end_of_gathering(now));
   }
   end_all_subscriptions(found->second);

@@ -29,7 +29,7 @@ class Event_sink : public Task {
   /// Has a notification arrived since the subscription became active?
   [[nodiscard]] bool value_seen() const { return value_seen_.load(std::memory_order_relaxed); }
   void set_value_seen(bool seen) { value_seen_.store(seen, std::memory_order_relaxed); }
-  /// When the last notification arrived, unless the kernel did not tell; its epoch without one.
+  /// When the last notification arrived; its epoch without one.
   [[nodiscard]] Arrival_time last_arrival() const {
     return last_arrival_.load(std::memory_order_relaxed);
   }

@@ -116,7 +116,7 @@ void Node::send_discovery(const std::vector<std::byte>& message,
     local_->send_discovery(message, !to);
     return;
   }
-  if (!to || !is_local_address(to->address)) channel_->send(message, to);
+  if (link_->up() && (!to || !is_local_address(to->address))) channel_->send(message, to);
   if (!to || is_local_address(to->address)) {
     server_.send_local_discovery(message, to ? std::optional(to->address) : std::nullopt);
   }

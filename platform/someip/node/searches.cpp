@@ -101,8 +101,8 @@ void Searches::list(std::vector<mw::com::runtime::Consumed_service>& rows,
       row.instance = key.instance;
       row.found = true;
       row.address = offer.origin.peer.address.to_string();
-      if (offer.endpoints.udp) row.udpPort = offer.endpoints.udp->port;
-      if (offer.endpoints.tcp) row.tcpPort = offer.endpoints.tcp->port;
+      row.udpPort = offer.endpoints.udp ? offer.endpoints.udp->port : std::uint16_t{0};
+      row.tcpPort = offer.endpoints.tcp ? offer.endpoints.tcp->port : std::uint16_t{0};
       row.sinceMs = milliseconds_between(since, now);
       row.ttlLeftMs =
           milliseconds_between(now, discovery_.client().end_of_offer(key).value_or(now));

@@ -1,6 +1,7 @@
 #include "platform/someip/node/subscriptions.h"
 
 #include <algorithm>
+#include <chrono>
 #include <optional>
 #include <string>
 #include <utility>
@@ -128,7 +129,10 @@ void Subscriptions::notification(Received message,
     }
     counters.notifications_received.add();
     sink->set_value_seen(true);
-    sink->set_last_arrival(notification.arrival);
+    // The kernel tells the arrival of datagrams only.
+    sink->set_last_arrival(notification.arrival != Arrival_time{}
+                               ? notification.arrival
+                               : std::chrono::system_clock::now());
     if (sink->enqueue(std::move(notification))) tasks.push_back(std::move(sink));
   };
   for (std::size_t i = 0; i + 1 < sinks.size(); ++i)
