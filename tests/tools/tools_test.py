@@ -329,7 +329,7 @@ class Tools(unittest.TestCase):
 
     def test_settings_log_levels_and_methods_are_reached_by_name(self):
         set_it = ("set", "mmNewPositionCalculationIntervalMS")
-        self.assertIn("is stored. No application answered", self.output(POSCTL, *set_it, "500", "--timeout", 0.3))
+        self.assertIn(". No application answered", self.output(POSCTL, *set_it, "500", "--timeout", 0.3))
         self.runs_to_the_end(APPLICATION)
         until(lambda: self.desk.run(POSCTL, "stats", "--timeout", 1)[0] == 0, "the application answers")
         rows = {row["key"]: row for row in self.posctl("settings")["settings"]}

@@ -66,14 +66,20 @@ template <class Proxy>
   return Search<Proxy>(service, instance).proxy(deadline);
 }
 
-/// The result of a method call. Throws tools::No_answer when none comes in time, and
-/// ara::com::ServiceError when the provider answered with an error.
+/// The result of a method call. Throws tools::No_answer when none comes in time or the provider
+/// goes meanwhile, and ara::com::ServiceError when the provider answered with an error.
 template <class Future>
 auto result_of(Future future, std::string_view method, Deadline deadline) {
   if (future.wait_until(deadline) != ara::core::future_status::ready) {
     throw tools::No_answer("no answer to " + std::string(method));
   }
-  return future.get();
+  try {
+    return future.get();
+  } catch (const ara::com::ServiceError& error) {
+    using tq::com::Return_code;
+    if (error.Code() != Return_code::timeout && error.Code() != Return_code::not_reachable) throw;
+    throw tools::No_answer("no answer to " + std::string(method) + ": " + error.what());
+  }
 }
 
 }  // namespace posctl

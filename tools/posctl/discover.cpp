@@ -27,8 +27,8 @@ constexpr std::size_t max_offers = 4096;
 
 class Discovery_view {
  public:
-  Discovery_view(const Deployment& deployment, const Discover_options& options)
-      : deployment_(deployment), options_(options) {}
+  Discovery_view(const Deployment& deployment, const Discover_options& options, int cancel)
+      : deployment_(deployment), options_(options), cancel_(cancel) {}
 
   void take(const Instance_key& key, const Seen_offer& offer) {
     const Key place{key, offer.from};
@@ -62,14 +62,14 @@ class Discovery_view {
       Json json{{"schema", 1}, {"offers", Json::array()}};
       for (const auto& [key, offer] : offers_)
         json["offers"].push_back(json_of(key, offer));
-      tools::write_output(json.dump() + "\n");
+      tools::write_output(json.dump() + "\n", cancel_);
       return;
     }
     std::string text = offers_.empty() ? "nothing is offered\n"
                                        : "service instance version  TTL  endpoints, name\n";
     for (const auto& [key, offer] : offers_)
       text += line_of(key, offer) + "\n";
-    tools::write_output(text);
+    tools::write_output(text, cancel_);
   }
 
  private:
@@ -95,11 +95,11 @@ class Discovery_view {
       Json json = json_of(key, offer);
       json["event"] = event;
       json["schema"] = 1;
-      tools::write_output(json.dump() + "\n");
+      tools::write_output(json.dump() + "\n", cancel_);
     } else {
       std::array<char, 16> column{};
       std::snprintf(column.data(), column.size(), "%-9s ", event);
-      tools::write_output(column.data() + line_of(key, offer) + "\n");
+      tools::write_output(column.data() + line_of(key, offer) + "\n", cancel_);
     }
   }
 
@@ -141,6 +141,7 @@ class Discovery_view {
 
   const Deployment& deployment_;
   const Discover_options& options_;
+  const int cancel_;  ///< readable when nothing more is to be written
   std::map<Key, Seen_offer> offers_;
 };
 
@@ -150,7 +151,7 @@ int discover(const Discover_options& options) {
   tools::Stop_signal stop_signal;
   const Deployment deployment = tq::com::load_deployment(options.node);
   Group_listener listener(deployment, options.node);
-  Discovery_view view(deployment, options);
+  Discovery_view view(deployment, options, stop_signal.descriptor());
   constexpr std::chrono::milliseconds period{100};  // between two looks for expired offers
   const auto end = options.seconds == 0
                        ? Time::max()

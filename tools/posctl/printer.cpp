@@ -1,5 +1,6 @@
 #include "tools/posctl/printer.h"
 
+#include <poll.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -42,6 +43,16 @@ void Printer::remark(const std::string& line) {
 
 void Printer::print(const std::string& line, bool counts) {
   const std::lock_guard lock(mutex_);
+  write(line, counts);
+}
+
+void Printer::remark_at_once(const std::string& line) {
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  pollfd output{STDOUT_FILENO, POLLOUT, 0};
+  if (lock && ::poll(&output, 1, 0) == 1) write(line, false);
+}
+
+void Printer::write(const std::string& line, bool counts) {
   if (failure_ || (enough_ != 0 && printed_ >= enough_)) return;
   try {
     tools::write_output(line + "\n", cancelled_);

@@ -23,6 +23,8 @@ class Printer {
   void print(const std::string& line);
   /// A line that does not count.
   void remark(const std::string& line);
+  /// The same, unless it would have to wait. For the thread that calls wait().
+  void remark_at_once(const std::string& line);
   [[nodiscard]] std::uint64_t printed() const;
 
   /// Throws what kept print() from writing a line.
@@ -38,6 +40,7 @@ class Printer {
 
  private:
   void print(const std::string& line, bool counts);
+  void write(const std::string& line, bool counts);  ///< with the mutex held
 
   const std::uint64_t enough_;
   const int finished_;        ///< readable when no more lines are printed

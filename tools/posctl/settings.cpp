@@ -155,8 +155,9 @@ int set_setting(const Set_options& options) {
   const auto store = open_store();
   store->SetValue(options.key, value);
   store->SyncToStorage();
-  tools::write_output(options.key + " = " + options.value +
-                      " is stored. No application answered; the next one that starts with this "
+  tools::write_output(options.key + " = " + options.value + " is stored in " +
+                      ara::per::storage_folder() +
+                      ". No application answered; the next one that starts with this "
                       "store takes it.\n");
   return 0;
 }

@@ -84,8 +84,8 @@ Json read_all(Deadline deadline) {
   return json;
 }
 
-int print(const Json& json, bool as_json) {
-  tools::write_output(as_json ? json.dump() + "\n" : status_page(json, has_colours()));
+int print(const Json& json, bool as_json, int cancel = -1) {
+  tools::write_output(as_json ? json.dump() + "\n" : status_page(json, has_colours()), cancel);
   return json["verdict"] == "healthy" ? 0 : tools::exit_failed;
 }
 
@@ -96,15 +96,16 @@ int print_again_and_again(const Status_options& options, tools::Stop_signal& sto
     int code = 0;
     try {
       const Json json = read_all(deadline_in(options.timeout));
-      tools::write_output(before);
-      code = print(json, options.json);
+      tools::write_output(before, stop_signal.descriptor());
+      code = print(json, options.json, stop_signal.descriptor());
     } catch (const tools::No_answer& error) {
       code = tools::exit_no_answer;
       const Json json{{"schema", 1},
                       {"verdict", "no answer"},
                       {"reason", std::string("the application does not answer: ") + error.what()}};
-      tools::write_output(options.json ? json.dump() + "\n"
-                                       : before + "no answer: " + error.what() + "\n");
+      tools::write_output(
+          options.json ? json.dump() + "\n" : before + "no answer: " + error.what() + "\n",
+          stop_signal.descriptor());
     }
     const auto due = std::chrono::steady_clock::now() + between_looks;
     if (stop_signal.wait_until(due) == tools::Stop_signal::Wake::stopped) return code;

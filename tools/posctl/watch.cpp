@@ -86,7 +86,7 @@ class View {
   /// Says when nothing comes, and what is known about the service.
   void tick() {
     const auto silence = table_->silence(std::chrono::steady_clock::now());
-    if (silence) printer.remark(*silence + "; " + state_of_the_service());
+    if (silence) printer.remark_at_once(*silence + "; " + state_of_the_service());
   }
   [[nodiscard]] bool is_table() const { return table_.has_value(); }
 

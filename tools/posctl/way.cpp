@@ -71,7 +71,9 @@ Way::Way(const Way_options& options) {
   }
   if (names_socket) {
     if (const auto error = listens(options.connect)) {
-      throw std::runtime_error(options.connect + ": " + error.message());
+      const std::string text = options.connect + ": " + error.message();
+      if (is_missing(error) || error == std::errc::connection_refused) throw tools::No_answer(text);
+      throw std::runtime_error(text);
     }
     text_ = "through " + options.connect;
     runtime_.emplace(through(options.connect));

@@ -51,35 +51,9 @@ const char* kind_of(mode_t mode) {
   return "another kind of file";
 }
 
-/// Returns nothing when there is no such file. Accepts regular files only, because others can wait
-/// for their writer or have no end.
-std::optional<std::string> read_file(const std::string& path) {
-  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
-  if (file.number() < 0 && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
-  if (file.number() < 0) refuse(path, errno);
-  struct stat status {};
-  if (::fstat(file.number(), &status) != 0) refuse(path, errno);
-  if (!S_ISREG(status.st_mode)) {
-    refuse(path, std::string("expected a regular file, found ") + kind_of(status.st_mode));
-  }
-  std::string text;
-  std::array<char, 16384> block;
-  for (;;) {
-    const ssize_t count = ::read(file.number(), block.data(), block.size());
-    if (count == 0) return text;
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) refuse(path, errno);
-    text.append(block.data(), static_cast<std::size_t>(count));
-    if (text.size() > most_bytes_of_a_manifest) {
-      refuse(path,
-             "expected at most " + std::to_string(most_bytes_of_a_manifest) + " bytes, found more");
-    }
-  }
-}
-
 someip::Deployment read() {
   if (const char* named = std::getenv("POS_MANIFEST"); named != nullptr && *named != '\0') {
-    const auto text = read_file(named);
+    const auto text = read_manifest(named);
     if (!text) refuse(named, ENOENT);
     return parse_deployment(*text, named);
   }
@@ -88,7 +62,7 @@ someip::Deployment read() {
   if (!error) {
     const auto installed =
         executable.parent_path().parent_path() / "share" / "pos" / "manifest.json";
-    if (const auto text = read_file(installed)) return parse_deployment(*text, installed);
+    if (const auto text = read_manifest(installed)) return parse_deployment(*text, installed);
   }
   return parse_deployment(built_in_manifest(), "built-in manifest");
 }
@@ -116,6 +90,30 @@ void replace_address(const someip::Deployment& deployment,
 }
 
 }  // namespace
+
+std::optional<std::string> read_manifest(const std::string& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY));
+  if (file.number() < 0 && (errno == ENOENT || errno == ENOTDIR)) return std::nullopt;
+  if (file.number() < 0) refuse(path, errno);
+  struct stat status {};
+  if (::fstat(file.number(), &status) != 0) refuse(path, errno);
+  if (!S_ISREG(status.st_mode)) {
+    refuse(path, std::string("expected a regular file, found ") + kind_of(status.st_mode));
+  }
+  std::string text;
+  std::array<char, 16384> block;
+  for (;;) {
+    const ssize_t count = ::read(file.number(), block.data(), block.size());
+    if (count == 0) return text;
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) refuse(path, errno);
+    text.append(block.data(), static_cast<std::size_t>(count));
+    if (text.size() > most_bytes_of_a_manifest) {
+      refuse(path,
+             "expected at most " + std::to_string(most_bytes_of_a_manifest) + " bytes, found more");
+    }
+  }
+}
 
 someip::Deployment load_deployment(std::string_view node_in_use) {
   auto deployment = read();

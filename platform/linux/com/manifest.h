@@ -1,6 +1,7 @@
 /// The deployment manifest: which file is in force, and its contents as plain values.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -16,6 +17,11 @@ namespace tq::com {
 
 /// `source` names the text in errors.
 [[nodiscard]] someip::Deployment parse_deployment(std::string_view text, const std::string& source);
+
+/// The text of a file that may be a manifest; nothing if there is no such file. Throws
+/// std::runtime_error for anything but a regular file of at most 1 MiB, because others can wait for
+/// their writer or have no end.
+[[nodiscard]] std::optional<std::string> read_manifest(const std::string& path);
 
 /// config/manifest.json as it was when this was built.
 [[nodiscard]] std::string_view built_in_manifest();

@@ -93,7 +93,9 @@ int examine(const Doctor_options& options) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const bool could_look = facts.after.has_value() && facts.listen_error.empty();
-  tools::write_output(options.json ? json_of(findings.all(), could_look, seconds).dump() + "\n"
+  tools::write_output(options.json ? json_of(findings.all(), could_look, seconds)
+                                             .dump(-1, ' ', false, Json::error_handler_t::replace) +
+                                         "\n"
                                    : page_of(findings.all(), could_look, seconds));
   if (std::ranges::find(findings.all(), Severity::fault, &Finding::severity) !=
       findings.all().end())

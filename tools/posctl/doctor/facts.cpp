@@ -35,6 +35,7 @@ const someip::Service_deployment* Facts::gnss() const {
 }
 
 std::optional<someip::Address> Facts::application_address() const {
+  if (!deployment) return std::nullopt;
   if (const auto* application = program(Role::application)) {
     if (const auto* replaced = application->variable("POS_NODE_ADDRESS")) {
       boost::system::error_code error;

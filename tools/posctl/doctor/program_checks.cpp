@@ -1,9 +1,7 @@
 /// Manifest and programs.
 #include <algorithm>
-#include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
-#include <sstream>
 #include <string>
 
 #include "platform/linux/com/manifest.h"
@@ -35,12 +33,12 @@ std::map<std::string, Json> shared_values(const std::string& text) {
   return values;
 }
 
-std::string manifest_text(const std::string& file) {
+/// Empty for a file that is no manifest.
+std::string manifest_text(const std::string& file) try {
   if (file.empty()) return std::string(tq::com::built_in_manifest());
-  const std::ifstream stream(file);
-  std::ostringstream text;
-  text << stream.rdbuf();
-  return text.str();
+  return tq::com::read_manifest(file).value_or(std::string());
+} catch (const std::runtime_error&) {
+  return {};
 }
 
 std::string file_name(const std::string& manifest) {
