@@ -76,10 +76,9 @@ class Synthetic_source implements Source {
 
 declare global {
   interface Window {
-    drive: (end: number, ms: number) => number;
+    source: Synthetic_source;
   }
 }
 
-const source = new Synthetic_source(Number(new URLSearchParams(location.search).get("rate") ?? 20));
-show(source);
-window.drive = (end, ms) => source.drive(end, ms);
+window.source = new Synthetic_source(Number(new URLSearchParams(location.search).get("rate") ?? 20));
+show(window.source);

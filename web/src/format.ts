@@ -74,5 +74,11 @@ export function spaced(name: string): string {
   return name.replace(/([a-z0-9])([A-Z])/g, (_, a: string, b: string) => `${a} ${b.toLowerCase()}`);
 }
 
+/** A capital first, a full stop last. */
+export function sentence(text: string): string {
+  const first = text.charAt(0).toUpperCase() + text.slice(1);
+  return text === "" || /[.!?]$/.test(text) ? first : `${first}.`;
+}
+
 export const fix_types = ["no fix", "dead reckoning", "2D", "3D", "differential", "RTK float", "RTK fixed"];
 export const position_types: { [type: number]: string } = { 1: "GNSS", 2: "GNSS-DR" };

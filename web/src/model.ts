@@ -2,7 +2,7 @@
 
 import type { Answer, Application, Change, Component, Hello, Log_lines, Monitor_state, Notification, Offer, Peers, Record_json } from "./feed";
 import type { Statistics, Status, Topics } from "./feed";
-import { is_number, position_types, spaced } from "./format";
+import { is_number, position_types, sentence, spaced } from "./format";
 import { Link, Series, type Curve, type Values } from "./series";
 import type { Any_frame, Connection, Sink } from "./source";
 
@@ -58,10 +58,9 @@ export interface Counter {
   /** Server time of the last growth. */
   changed: number;
 }
-/** The last frame of a topic, and when it came on this page's monotonic clock. */
+/** The last data of a topic, and the server time in ms at which the server received it. */
 export interface Latest<T> {
   at: number;
-  arrived: number;
   data: T;
 }
 
@@ -72,6 +71,8 @@ export class Model implements Sink {
   hello: Hello | undefined;
   application: Application | undefined;
   status: Status | undefined;
+  /** Server time in ms of that status. */
+  status_at = 0;
   statistics: Statistics | undefined;
   peers: Peers | undefined;
   component: Component | undefined;
@@ -148,7 +149,7 @@ export class Model implements Sink {
   }
 
   private take(frame: Any_frame): void {
-    const latest = <T>(data: T): Latest<T> => ({ at: frame.at, arrived: performance.now(), data });
+    const latest = <T>(data: T): Latest<T> => ({ at: frame.at, data });
     switch (frame.topic) {
       case "hello":
         if (this.hello && this.hello.server !== frame.data.server) this.reset();
@@ -186,6 +187,7 @@ export class Model implements Sink {
         break;
       case "status":
         this.status = frame.data;
+        this.status_at = frame.at;
         break;
       case "statistics":
         this.take_statistics(frame.data, frame.at);
@@ -253,7 +255,7 @@ export class Model implements Sink {
       case "change": {
         const { name, group, status, meaning } = frame.data;
         const tone = status === "Nominal" ? "good" : status === "Error" ? "bad" : "off";
-        this.add_event(at, "status", tone, `${label_of(name)} (${group_word(group)}): ${status_word(status)}. ${meaning}`);
+        this.add_event(at, "status", tone, `${label_of(name)} (${group_word(group)}): ${status_word(status)}. ${sentence(meaning)}`);
         return true;
       }
       case "fault":

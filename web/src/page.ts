@@ -212,7 +212,7 @@ export function show(source: Source): Model {
     set_text(reason, now.text);
     retry.hidden = model.connection.state !== "lost";
     set_text(time, clock_time(model.now()));
-    set_text(link, model.connection.state === "open" ? (model.hello?.source === "recording" ? "Recording" : "Live") : "Not connected");
+    set_text(link, model.connection.state === "open" ? (model.hello?.source === "recording" ? "Recording" : now.stale ? "Connected" : "Live") : "Not connected");
     set_attribute(link, "title", model.hello?.way ?? null);
     set_text(rights, model.hello?.control ? "Control on" : "Read only");
     const title = `${now.word} · Positioning`;

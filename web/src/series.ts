@@ -145,7 +145,7 @@ export class Series {
     let last_t = 0;
     const flush = () => {
       if (rows === 0) return;
-      const two = rows > 1 || extremes.some((one) => one.low !== one.high);
+      const two = rows > 1 || extremes.some((one) => one.low < one.high);
       xs[n] = first_t / 1000;
       if (two) xs[n + 1] = last_t / 1000;
       extremes.forEach((one, k) => one.write(out[k + 1]!, n, two));

@@ -2,7 +2,7 @@
 
 import type { Component, Group, Status_name } from "../feed";
 import { button, h, keep_list, select, set_attribute, set_text } from "../dom";
-import { clock_time, duration } from "../format";
+import { clock_time, duration, sentence } from "../format";
 import { glyph, set_glyph, tone_of } from "../glyph";
 import { group_word, label_of, status_word, type Event_line, type Lane, type Tone } from "../model";
 import { Palette, Surface, type Context, type Panel } from "../panel";
@@ -69,7 +69,13 @@ export function health_panel(context: Context): Panel {
 
   function explain(): void {
     const status = model.status;
-    if (!looked_at || !status) return set_text(explanation, "Point at a light, or focus it, to read what it means.");
+    if (!status) return set_text(explanation, "The application has not said its state yet.");
+    if (!looked_at) {
+      const old = document.body.hasAttribute("data-stale");
+      return set_text(explanation, old
+        ? `These states are of ${clock_time(model.status_at)}: nothing newer has come.`
+        : "Point at a light, or focus it, to read what it means.");
+    }
     const { group, name } = looked_at;
     const words = status.words[group]?.[name];
     const since = status.sinceS[group]?.[name];
@@ -237,9 +243,4 @@ function update_light(element: Element, one: Light): void {
 
 function make_event(event: Event_line): Element {
   return h("li", {}, h("time", {}, clock_time(event.at)), glyph(event.tone), h("span", {}, event.text));
-}
-
-function sentence(text: string): string {
-  const first = text.charAt(0).toUpperCase() + text.slice(1);
-  return text === "" || /[.!?]$/.test(text) ? first : `${first}.`;
 }

@@ -46,7 +46,7 @@ export function now_panel(context: Context): Panel {
   function problem(record: Record_json | undefined): { tone: Tone; text: string } | undefined {
     const output = model.output;
     if (!output || !record) return { tone: "off", text: model.application?.present === false ? "No application" : "No position yet" };
-    const silent = performance.now() - output.arrived;
+    const silent = model.now() - output.at;
     if (model.connection.state !== "open") return { tone: "warn", text: `As of ${clock_time(output.at)}` };
     if (silent > old_after_ms) return { tone: "bad", text: `Last position ${duration(silent / 1000)} ago` };
     if (!is_number(record["LAT"]) || !is_number(record["LON"])) return { tone: "bad", text: "No fix: the sample has no coordinates" };
@@ -80,16 +80,17 @@ export function now_panel(context: Context): Panel {
   }
 
   function list(record: Record_json | undefined): Row[] {
+    const now = model.now();
     const clock = model.statistics?.clock;
+    const unsure = clock !== undefined && !clock.synchronised;
     const age = model.output?.data.ageS;
     // The forwarded position does not say its type; the source's is the one that comes.
-    const type = [1, 2].filter((one) => model.input.has(one) && performance.now() - model.input.get(one)!.arrived < 5000);
-    const quality = [...model.quality.values()].sort((a, b) => b.arrived - a.arrived)[0];
-    const fix = quality && performance.now() - quality.arrived < 5000 ? quality.data["statusFixType"] : undefined;
+    const type = [1, 2].filter((one) => now - (model.input.get(one)?.at ?? 0) < 5000);
+    const quality = [...model.quality.values()].sort((a, b) => b.at - a.at)[0];
+    const fix = quality && now - quality.at < 5000 ? quality.data["statusFixType"] : undefined;
     const used = quality?.data["satsInUse"];
     const seen = quality?.data["satsInView"];
     const gnss = model.peers?.consumed.find((one) => short_service(one.service) === "GNSS");
-    const now = model.now();
     const rate = (value: number) => (Number.isNaN(value) ? no_value : decimal(value, 1));
     const accuracy = (name: string) => (record && is_number(record[name]) ? rough(record[name]) : no_value);
     return [
@@ -98,15 +99,15 @@ export function now_panel(context: Context): Panel {
       {
         name: "Age",
         value: is_number(age) ? rough(Math.abs(age) * 1000) : no_value,
-        unit: "ms on arrival",
-        mark: clock && !clock.synchronised ? { tone: "warn", text: "clock not synchronised" } : undefined,
+        unit: unsure ? "ms" : "ms on arrival",
+        mark: unsure ? { tone: "warn", text: "clock not synchronised" } : undefined,
       },
       { name: "Rate in", value: rate(model.rates.input.value(now)), unit: "a second" },
       { name: "Rate out", value: rate(model.rates.output.value(now)), unit: "a second" },
       {
         name: "Fix",
         value: is_number(fix) ? (fix_types[fix] ?? String(fix)) : no_value,
-        mark: fix === 0 ? { tone: "bad", text: "no position from the satellites" } : undefined,
+        mark: fix === 0 ? { tone: "bad", text: "" } : undefined,
       },
       { name: "Satellites", value: is_number(used) ? `${used}${is_number(seen) ? ` of ${seen}` : ""}` : no_value, unit: "used" },
       {

@@ -49,13 +49,13 @@ export function sky_panel(context: Context): Panel {
   const { model } = context;
   const palette = new Palette(context.redraw);
   const dots = svg("g");
-  const radius = 88;
-  const plot = svg("svg", { class: "sky-plot", viewBox: "-110 -106 220 212", role: "img", "aria-labelledby": "sky-words" },
+  const radius = 90;
+  const plot = svg("svg", { class: "sky-plot", viewBox: "-112 -104 224 208", role: "img", "aria-labelledby": "sky-words" },
     ...[90, 60, 30].map((distance) => svg("circle", { r: (radius * distance) / 90, class: "ring" })),
     svg("path", { d: `M0-${radius}V${radius}M-${radius} 0H${radius}`, class: "ring" }),
     ...[["N", 0], ["E", 90], ["S", 180], ["W", 270]].map(([text, angle]) => {
       const turn = (Number(angle) * Math.PI) / 180;
-      return svg("text", { x: 98 * Math.sin(turn), y: -98 * Math.cos(turn), class: "rim" }, String(text));
+      return svg("text", { x: 99 * Math.sin(turn), y: -98 * Math.cos(turn), class: "rim" }, String(text));
     }),
     ...[30, 60].map((elevation) => svg("text", { x: 2, y: -(radius * (90 - elevation)) / 90 + 8, class: "elevation" }, `${elevation}°`)),
     dots);
@@ -77,7 +77,7 @@ export function sky_panel(context: Context): Panel {
 
   function draw(): void {
     const latest = model.satellites;
-    const silent = latest ? performance.now() - latest.arrived : 0;
+    const silent = latest ? model.now() - latest.at : 0;
     const old = !latest || silent > old_after_ms;
     set_attribute(body, "data-old", old ? "" : null);
     const list = (latest?.data.records ?? []).slice(0, most_satellites).map(satellite).sort(order);
@@ -97,7 +97,7 @@ export function sky_panel(context: Context): Panel {
   }
 
   function make_dot(one: Satellite): Element {
-    return svg("g", { class: "satellite" }, svg("path", { d: one.system.shape }), svg("text", { x: 8, y: 3 }, one.key));
+    return svg("g", { class: "satellite" }, svg("path", { d: one.system.shape }), svg("text", { x: 8, y: 3.5 }, one.key));
   }
 
   function update_dot(element: Element, one: Satellite): void {
