@@ -35,6 +35,9 @@ const statistics_curves: readonly Curve[] = [
   "ratePerS", "stampToArrivalP50Ms", "stampToArrivalP99Ms", "handlerToSentP50Ms", "handlerToSentP99Ms",
 ].map((name) => ({ name, range: true }));
 
+/** Topics of which the server keeps the past. */
+const event_topics = new Set<keyof Topics>(["application", "log", "change", "fault", "monitor", "component", "offer"]);
+
 export type Tone = "good" | "warn" | "bad" | "note" | "off";
 export type Lane = "status" | "monitor" | "fault" | "component" | "application" | "offer";
 export interface Event_line {
@@ -103,6 +106,8 @@ export class Model implements Sink {
   readonly log: Log_line[] = [];
   log_lost = 0;
 
+  /** The application as the last event has it; a snapshot repeats it. */
+  private known_application: Application | undefined;
   private readonly listeners = new Map<Channel, (() => void)[]>();
   private readonly spacing = new Map<Series, number>();
   private readonly seen = new Map<string, number>();
@@ -156,7 +161,8 @@ export class Model implements Sink {
         this.hello = frame.data;
         break;
       case "application":
-        this.take_application(frame.data, frame.at);
+        this.application = frame.data;
+        if (!frame.data.present) this.interrupt();
         break;
       case "output":
         if (frame.data.initial) break;
@@ -224,27 +230,24 @@ export class Model implements Sink {
     }
   }
 
-  private take_application(application: Application, at: number): void {
-    const before = this.application;
-    this.application = application;
-    if (!application.present) this.interrupt();
-    const restarted = before?.started !== undefined && application.started !== undefined && before.started !== application.started;
-    if (!before || (before.present === application.present && !restarted)) return;
-    if (application.present) this.interrupt();
-    const text = application.present ? (restarted ? "The application has restarted" : "The application is back") : "The application is gone";
-    this.add_event(at, "application", application.present ? "good" : "bad", application.text && !application.present ? `${text}: ${application.text}` : text);
-    this.tell("events");
-  }
-
   /** Lines and reports that are kept, live ones and those of the history. Returns whether there was a new one. */
   private take_event(frame: Any_frame): boolean {
     const { topic, at } = frame;
-    if (topic === "log" || topic === "change" || topic === "fault" || topic === "monitor" || topic === "component" || topic === "offer") {
-      // After a reconnection the history repeats what is known.
-      if (at <= (this.seen.get(topic) ?? -Infinity)) return false;
-      this.seen.set(topic, at);
-    }
+    if (!event_topics.has(topic)) return false;
+    // After a reconnection the history repeats what is known.
+    if (at <= (this.seen.get(topic) ?? -Infinity)) return false;
+    this.seen.set(topic, at);
     switch (topic) {
+      case "application": {
+        const before = this.known_application;
+        const { present, started, text } = frame.data;
+        this.known_application = frame.data;
+        const restarted = present && before?.started !== undefined && started !== undefined && before.started !== started;
+        if (!before || (before.present === present && !restarted)) return false;
+        const words = present ? (restarted ? "The application has restarted" : "The application is there") : "The application is gone";
+        this.add_event(at, "application", present ? "good" : "bad", sentence(present || !text ? words : `${words}: ${text}`));
+        return true;
+      }
       case "log":
         this.log_lost += frame.data.lost;
         for (const line of frame.data.lines) {
@@ -373,7 +376,7 @@ export class Model implements Sink {
     for (const map of [this.spacing, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
     this.events.length = this.log.length = this.log_lost = 0;
     this.output = this.map = this.satellites = undefined;
-    this.application = this.status = this.statistics = this.peers = this.component = this.services = undefined;
+    this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = undefined;
     this.skew = undefined;
     this.tell("reset");
   }

@@ -62,10 +62,11 @@ export function sky_panel(context: Context): Panel {
   const words = h("p", { class: "caption", id: "sky-words" });
   const bars = h("ol", { class: "bars", "aria-hidden": "true" });
   const rows = h("tbody");
-  const table = h("table", { class: "unseen" },
-    h("caption", {}, "Satellites"),
-    h("thead", {}, h("tr", {}, ...["Satellite", "System", "Azimuth", "Elevation", "Signal", "Use"].map((text) => h("th", { scope: "col" }, text)))),
-    rows);
+  const table = h("div", { class: "unseen" },
+    h("table", {},
+      h("caption", {}, "Satellites"),
+      h("thead", {}, h("tr", {}, ...["Satellite", "System", "Azimuth", "Elevation", "Signal", "Use"].map((text) => h("th", { scope: "col" }, text)))),
+      rows));
   const key = h("ul", { class: "key" }, ...systems.slice(0, 5).map((one) =>
     h("li", {}, svg("svg", { viewBox: "-8 -8 16 16", class: "symbol", "aria-hidden": "true" }, svg("path", { d: one.shape })), one.name)));
   const use_key = h("ul", { class: "key" }, ...[2, 1, 0].map((use) =>

@@ -26,6 +26,8 @@ const strips: readonly Strip[] = [
 ];
 /** Longer spans move less than a pixel in the time. */
 const quick_span_ms = 120_000;
+/** Between two drawings of the same curves. */
+const least_ms = 200;
 
 function longest(list: Series[]): Series | undefined {
   return list.reduce<Series | undefined>((best, one) => (best && best.last_time >= one.last_time ? best : one), undefined);
@@ -37,6 +39,8 @@ class Plot {
   readonly holder = h("div", { class: "plot" });
   private readonly data: (number | null)[][];
   chart: uPlot | undefined;
+  private drawn_span = 0;
+  private drawn_to = 0;
 
   constructor(readonly strip: Strip, private readonly context: Context, private readonly palette: Palette, private readonly last: boolean) {
     this.data = [[], ...strip.curves.map((): (number | null)[] => [])];
@@ -51,6 +55,7 @@ class Plot {
 
   build(): void {
     this.chart?.destroy();
+    this.forget();
     const { palette } = this;
     const font = palette.font(0.75);
     const axis = { stroke: palette.get("ink-2"), font, ticks: { show: false }, grid: { stroke: palette.get("grid"), width: 1 } };
@@ -96,9 +101,22 @@ class Plot {
     if (this.chart.width !== width || this.chart.height !== height) this.chart.setSize({ width, height });
   }
 
+  /** The past is another one. */
+  forget(): void {
+    this.drawn_span = 0;
+  }
+
+  /** Whether the curves have moved by a pixel, or show another time. */
+  is_due(from: number, to: number): boolean {
+    const moved = to - this.drawn_to;
+    return this.chart !== undefined && (to - from !== this.drawn_span || moved < 0 || moved >= Math.max(least_ms, (to - from) / this.chart.width));
+  }
+
   draw(from: number, to: number): void {
     const { chart, strip } = this;
     if (!chart) return;
+    this.drawn_span = to - from;
+    this.drawn_to = to;
     const series = strip.series(this.context.model);
     const columns = Math.max(50, chart.bbox.width / (devicePixelRatio || 1));
     if (series) series.reduce(strip.curves.map(([name]) => name), from, to, (to - from) / columns, this.data);
@@ -167,7 +185,11 @@ export function time_panel(context: Context): Panel {
     context.redraw();
   }).observe(stack);
   cursor.follow(context.redraw);
-  model.follow(["statistics", "history", "reset"], context.redraw);
+  model.follow(["statistics"], context.redraw);
+  model.follow(["history", "reset"], () => {
+    for (const plot of plots) plot.forget();
+    context.redraw();
+  });
   model.follow(["output"], () => {
     const { from, to, live } = context.time_window();
     if (live && to - from <= quick_span_ms) context.redraw();
@@ -188,20 +210,12 @@ export function time_panel(context: Context): Panel {
     cursor.set(t);
   });
 
-  let drawn_cursor = NaN;
-  let drawn_at = 0;
-  let drawn_window = "";
   function draw(): void {
     const { from, to, live } = context.time_window();
-    // The cursor alone needs no new curves.
-    const now = performance.now();
-    const window = `${to - from} ${live ? "" : to}`;
-    if (Object.is(drawn_cursor, cursor.t) || now - drawn_at > 500 || window !== drawn_window) {
-      for (const plot of plots) plot.draw(from, to);
-      drawn_at = now;
-      drawn_window = window;
-    }
-    drawn_cursor = cursor.t;
+    // One plot a frame, so that no frame takes long.
+    const due = plots.filter((plot) => plot.is_due(from, to));
+    due[0]?.draw(from, to);
+    if (due.length > 1) context.redraw();
     for (const plot of plots) plot.show_cursor();
     const words = plots.map((plot) => plot.read(from, to));
     const pointed = !Number.isNaN(cursor.t);

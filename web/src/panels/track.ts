@@ -7,6 +7,7 @@ import { metres_between, metres_of_degree } from "../model";
 import { Palette, Surface, type Context, type Panel } from "../panel";
 import { Link, type Series } from "../series";
 import { beside } from "../source";
+import { Trail, type Line } from "./trail";
 
 const closest = 0.02; // metres a CSS pixel
 const farthest = 20_000;
@@ -15,17 +16,18 @@ const ramp = [0, 1, 2, 3, 4, 5];
 const age_steps_ms = [0.1, 1, 10, 100, 1000];
 /** An arrow key moves by this part of the view. */
 const pan_step = 0.15;
+const summary_ms = 300;
+const jumps_shown = 50;
 
 interface Place {
   lat: number;
   lon: number;
 }
-/** What the drawn rows have shown. */
+/** What the track is made of. */
 interface Summary {
   pieces: number;
   gaps: number;
-  jumps: number;
-  longest_jump: number;
+  jumps: [from: Place, to: Place][];
   length: number;
 }
 
@@ -40,6 +42,10 @@ export function track_panel(context: Context): Panel {
   let marks_asked = "";
   /** Grid lines stand still on the ground, whatever the view does. */
   let origin: Place | undefined;
+  const trail = new Trail();
+  let generation = 0;
+  let summary: Summary = { pieces: 0, gaps: 0, jumps: [], length: 0 };
+  let summary_due = 0;
 
   const follows = () => address.get("center") === "";
   const scale = () => {
@@ -173,6 +179,11 @@ export function track_panel(context: Context): Panel {
       context.redraw();
     }, () => undefined);
   });
+  // Rows that come in an old time, and those of another server, are not on the layer.
+  model.follow(["reset", "history"], () => {
+    ++generation;
+    summary_due = 0;
+  });
   model.follow(["reset"], () => (origin = undefined));
 
   // Drawing
@@ -210,21 +221,26 @@ export function track_panel(context: Context): Panel {
     const step = grid(to, kx, ky);
     draw_marks(to);
     const window = context.time_window();
-    for (const [type, series] of model.input_tracks) {
-      paint.strokeStyle = palette.get(type === 2 ? "track-in-dr" : "track-in");
-      paint.lineWidth = 0.45 * palette.rem;
-      paint.lineCap = "butt";
-      line(series, to, window.from, window.to, undefined);
+    const colors = coloring(window);
+    const lines: Line[] = [
+      { series: model.output_track, width: 0.14 * palette.rem, color: palette.get("accent"), below: false, step: colors?.of },
+      ...[...model.input_tracks].map(([type, series]) => (
+        { series, width: 0.45 * palette.rem, color: palette.get(type === 2 ? "track-in-dr" : "track-in"), below: true, step: undefined })),
+    ];
+    // The first word says what cannot be shown in place of the other.
+    const style = `${generation}${palette.get("accent")} ${colors ? colors.name + colors.high : ""}`;
+    if (trail.draw(paint, { ...middle, scale: scale(), width, height }, lines, palette, window.from, window.to, style)) context.redraw();
+    if (performance.now() > summary_due) {
+      summary = summarise(window.from, window.to);
+      summary_due = performance.now() + summary_ms;
+      describe(summary, window);
     }
-    paint.lineWidth = 0.14 * palette.rem;
-    paint.lineCap = "round";
-    const summary = line(model.output_track, to, window.from, window.to, coloring(window));
+    draw_jumps(to);
     draw_cursor(to);
     draw_vehicle(to, window);
     scale_bar(step);
     north_arrow();
-    legend();
-    describe(summary, window);
+    if (colors) legend(colors);
   }
 
   function nothing_text(): string {
@@ -317,85 +333,46 @@ export function track_panel(context: Context): Panel {
     }
   }
 
-  function line(series: Series, to: Projection, from: number, until: number, colors: Coloring | undefined): Summary {
-    const paint = surface.context;
-    const summary: Summary = { pieces: 0, gaps: 0, jumps: 0, longest_jump: 0, length: 0 };
-    const lats = series.array("LAT");
-    const lons = series.array("LON");
-    const jumps: [number, number, number, number][] = [];
-    const is_output = series === model.output_track;
-    let [x, y, lat, lon] = [NaN, NaN, NaN, NaN];
-    let [pen_x, pen_y] = [NaN, NaN];
-    let color = -1;
-    let inside = false;
-    if (is_output && !colors) paint.strokeStyle = palette.get("accent");
-    paint.beginPath();
-    const end = series.at_or_after(until + 1);
-    for (let i = series.at_or_after(from); i < end; ++i) {
-      const slot = series.slot(i);
+  function summarise(from: number, until: number): Summary {
+    const found: Summary = { pieces: 0, gaps: 0, jumps: [], length: 0 };
+    const track = model.output_track;
+    const lats = track.array("LAT");
+    const lons = track.array("LON");
+    let [lat, lon, open] = [NaN, NaN, false];
+    let m = { lat: 0, lon: 0 };
+    const end = track.at_or_after(until + 1);
+    for (let i = track.at_or_after(from); i < end; ++i) {
+      const slot = track.slot(i);
       const next_lat = lats[slot]!;
       const next_lon = lons[slot]!;
-      if (!(Math.abs(next_lat) <= 90 && Math.abs(next_lon) <= 180)) {
-        x = NaN;
-        continue;
+      const link = track.link(i);
+      if (!(Math.abs(next_lat) <= 90 && Math.abs(next_lon) <= 180)) open = false;
+      else {
+        if (!open || link !== Link.continues) {
+          if (open && link === Link.jump) found.jumps.push([{ lat, lon }, { lat: next_lat, lon: next_lon }]);
+          else if (found.pieces) ++found.gaps;
+          ++found.pieces;
+          m = metres_of_degree(next_lat);
+        } else found.length += Math.hypot((next_lat - lat) * m.lat, (next_lon - lon) * m.lon);
+        [lat, lon, open] = [next_lat, next_lon, true];
       }
-      const next_x = to.x(next_lon);
-      const next_y = to.y(next_lat);
-      const link = series.link(i);
-      const starts = x !== x || link !== Link.continues;
-      if (starts) {
-        if (link === Link.jump && lat === lat) {
-          jumps.push([to.x(lon), to.y(lat), next_x, next_y]);
-          summary.longest_jump = Math.max(summary.longest_jump, metres_between(lat, lon, next_lat, next_lon));
-        } else if (summary.pieces) ++summary.gaps;
-        ++summary.pieces;
-      } else if (is_output) {
-        // Near enough at the distance of two samples, and much cheaper than the formula.
-        summary.length += Math.hypot(next_x - x, next_y - y);
-      }
-      if (colors) {
-        const step = colors.of(i);
-        if (step !== color) {
-          if (color >= 0) paint.stroke();
-          paint.strokeStyle = palette.get(`ramp-${step}`);
-          paint.beginPath();
-          if (!starts) paint.moveTo(pen_x, pen_y);
-          color = step;
-        }
-      }
-      const visible = next_x > -50 && next_x < surface.width + 50 && next_y > -50 && next_y < surface.height + 50;
-      if (starts) {
-        paint.moveTo(next_x, next_y);
-        // A piece of one position is a dot.
-        paint.lineTo(next_x + 0.01, next_y);
-        [pen_x, pen_y] = [next_x, next_y];
-      } else if (Math.abs(next_x - pen_x) > 0.7 || Math.abs(next_y - pen_y) > 0.7 || i === end - 1) {
-        if (visible || inside) paint.lineTo(next_x, next_y);
-        else paint.moveTo(next_x, next_y);
-        [pen_x, pen_y] = [next_x, next_y];
-        inside = visible;
-      }
-      [x, y, lat, lon] = [next_x, next_y, next_lat, next_lon];
     }
-    paint.stroke();
-    summary.jumps = jumps.length;
-    summary.length *= scale();
-    if (is_output) draw_jumps(jumps);
-    return summary;
+    return found;
   }
 
-  function draw_jumps(jumps: [number, number, number, number][]): void {
+  function draw_jumps(to: Projection): void {
     const paint = surface.context;
     paint.strokeStyle = palette.get("warn");
     paint.lineWidth = 1.5;
-    for (const [from_x, from_y, to_x, to_y] of jumps.slice(-50)) {
+    for (const places of summary.jumps.slice(-jumps_shown)) {
+      const [from, until] = places.map(({ lat, lon }) => [to.x(lon), to.y(lat)] as const) as [[number, number], [number, number]];
       paint.setLineDash([2, 5]);
       paint.beginPath();
-      paint.moveTo(from_x, from_y);
-      paint.lineTo(to_x, to_y);
+      paint.moveTo(...from);
+      paint.lineTo(...until);
       paint.stroke();
       paint.setLineDash([]);
-      for (const [x, y] of [[from_x, from_y], [to_x, to_y]] as const) {
+      for (const [x, y] of [from, until]) {
         paint.beginPath();
         paint.arc(x, y, 5, 0, 2 * Math.PI);
         paint.stroke();
@@ -488,9 +465,7 @@ export function track_panel(context: Context): Panel {
     paint.fillText("N", x, y - 0.8 * rem);
   }
 
-  function legend(): void {
-    const colors = coloring(context.time_window());
-    if (!colors) return;
+  function legend(colors: Coloring): void {
     const paint = surface.context;
     const rem = palette.rem;
     const width = 1.1 * rem;
@@ -512,7 +487,8 @@ export function track_panel(context: Context): Panel {
   function describe(summary: Summary, window: { from: number; to: number }): void {
     const words = [summary.pieces === 1 ? "1 piece" : `${summary.pieces} pieces`];
     if (summary.gaps) words.push(summary.gaps === 1 ? "1 gap" : `${summary.gaps} gaps`);
-    if (summary.jumps) words.push(`${summary.jumps === 1 ? "1 jump" : `${summary.jumps} jumps, longest`} of ${distance(summary.longest_jump)}`);
+    const jumps = summary.jumps.map(([a, b]) => metres_between(a.lat, a.lon, b.lat, b.lon));
+    if (jumps.length) words.push(`${jumps.length === 1 ? "1 jump" : `${jumps.length} jumps, longest`} of ${distance(Math.max(...jumps))}`);
     const text = `${distance(summary.length)} in ${duration((window.to - window.from) / 1000)}: ${words.join(", ")}`;
     set_text(caption, text);
     const place = last_place();
