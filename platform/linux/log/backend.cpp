@@ -37,7 +37,8 @@ Backend& Backend::instance() {
 Backend::Backend()
     : settings_(Level_settings::parse(environment_levels())),
       dlt_(*new Dlt_sink),
-      text_(*new Text_sink) {
+      text_(*new Text_sink),
+      recent_(*new Recent_ring) {
   default_.store(&add(std::string(unnamed), "default context", std::nullopt));
 }
 
@@ -112,6 +113,7 @@ LogLevel Backend::level_for(const Context& context) const {
 
 void Backend::submit(Context& context, LogLevel level, Arguments arguments) noexcept {
   try {
+    if (recent_.wants(level)) recent_.add(level, context.id, arguments.text());
     const LogMode modes = modes_.load(std::memory_order_acquire);
     const bool remote = Has(modes, LogMode::kRemote);
     const bool sent = remote && send_to_daemon(context, level, arguments);
@@ -175,6 +177,10 @@ bool SetLevelOf(std::string_view ctx_id, LogLevel level) {
     set = true;
   }
   return set;
+}
+
+Recent_lines LinesFrom(std::uint64_t from) {
+  return Backend::instance().recent().from(from);
 }
 
 void divert(std::shared_ptr<const Diversion> diversion) {
