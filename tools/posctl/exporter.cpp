@@ -1,8 +1,10 @@
 #include <charconv>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -100,9 +102,11 @@ std::optional<std::vector<std::uint8_t>> entries(const std::optional<Faults>& fa
   return faults->entries;
 }
 
-/// Looks at the application for one scrape after the other.
-class Onlooker {
+/// The services of the application. The search for them goes on until they are there.
+class Services {
  public:
+  [[nodiscard]] bool is_there() { return statistics_.proxy() != nullptr; }
+
   [[nodiscard]] Look look() {
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = deadline_in(answer_time);
@@ -153,6 +157,39 @@ class Onlooker {
   Identifier<d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible> implausible_;
 };
 
+/// Looks at the application for one scrape after the other. While it is away, each look chooses the
+/// way anew: the application may have made its socket meanwhile, or the machine got its address.
+class Onlooker {
+ public:
+  explicit Onlooker(Way_options options) : options_{std::move(options)} { take_way(); }
+
+  /// One thread calls.
+  [[nodiscard]] Look look() {
+    if (!services_ || !services_->is_there()) take_way();
+    return services_ ? services_->look() : Look{};
+  }
+
+ private:
+  void take_way() try {
+    const auto possible = choose_way(options_);
+    if (way_ && way_->text() == possible.text) return;
+    services_.reset();
+    way_.reset();
+    way_.emplace(possible);
+    services_.emplace();
+  } catch (const tools::Usage_error&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    if (std::exchange(told_, error.what()) != error.what())
+      std::fprintf(stderr, "posctl: no way to the application: %s\n", error.what());
+  }
+
+  const Way_options options_;
+  std::string told_;
+  std::optional<Way> way_;
+  std::optional<Services> services_;
+};
+
 /// Of "127.0.0.1:9464" or "[::1]:9464".
 tcp::endpoint endpoint_of(const std::string& text) {
   const auto colon = text.rfind(':');
@@ -186,8 +223,7 @@ int exporter(const Exporter_options& options) {
   }
   const tcp::endpoint endpoint = endpoint_of(options.listen);
   tools::Stop_signal stop_signal;
-  const Way way(options.way);
-  Onlooker onlooker;
+  Onlooker onlooker(options.way);
   const auto page = [&](const Http_counts& counts) {
     Look look = onlooker.look();
     look.http = counts;

@@ -7,6 +7,7 @@
 #include <boost/asio/thread_pool.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <exception>
 #include <list>
 #include <optional>
 #include <string_view>
@@ -53,7 +54,7 @@ class Http_server::Implementation {
   void accept();
   void make_room();
   void make_page();
-  void answer_waiting(std::string text);
+  void answer_waiting(std::string text, http::status status = http::status::ok);
   /// Answers now or when the page has been made.
   void ask_for_page(const std::shared_ptr<Connection>& connection);
 
@@ -201,18 +202,25 @@ void Http_server::Implementation::ask_for_page(const std::shared_ptr<Connection>
 
 void Http_server::Implementation::make_page() {
   asio::post(maker_, [this, counts = counts_] {
-    std::string text = page_(counts);
-    asio::post(context_, [this, text = std::move(text)]() mutable {
-      made_ = std::chrono::steady_clock::now();
-      answer_waiting(std::move(text));
+    std::string text;
+    auto status = http::status::ok;
+    try {
+      text = page_(counts);
+    } catch (const std::exception& error) {
+      status = http::status::internal_server_error;
+      text = error.what() + std::string("\n");
+    }
+    asio::post(context_, [this, status, text = std::move(text)]() mutable {
+      if (status == http::status::ok) made_ = std::chrono::steady_clock::now();
+      answer_waiting(std::move(text), status);
     });
   });
 }
 
-void Http_server::Implementation::answer_waiting(std::string text) {
+void Http_server::Implementation::answer_waiting(std::string text, http::status status) {
   text_ = std::move(text);
   for (const auto& connection : std::exchange(waiting_, {}))
-    connection->respond(http::status::ok, text_, "text/plain; version=0.0.4; charset=utf-8");
+    connection->respond(status, text_, "text/plain; version=0.0.4; charset=utf-8");
 }
 
 Http_server::Http_server(const tcp::endpoint& endpoint,

@@ -1,10 +1,13 @@
 #include <sdbus-c++/sdbus-c++.h>
 
+#include <algorithm>
+#include <array>
 #include <chrono>
 #include <exception>
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <thread>
 
@@ -16,6 +19,11 @@
 
 namespace posctl {
 namespace {
+
+/// The errors of a bus without an application that answers.
+constexpr std::array<std::string_view, 4> no_application{
+    "org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
+    "org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Timeout"};
 
 /// The bus that the application chooses from the same environment.
 std::unique_ptr<sdbus::IConnection> bus() {
@@ -42,7 +50,10 @@ std::uint32_t ask(const State_options& options) {
         .withArguments(options.state, options.sequence_number)
         .storeResultsTo(result);
   } catch (const sdbus::Error& error) {
-    throw std::runtime_error("component state: " + error.getMessage());
+    const std::string text = "component state: " + error.getMessage();
+    if (std::ranges::find(no_application, error.getName()) != no_application.end())
+      throw tools::No_answer(text);
+    throw std::runtime_error(text);
   }
   return result;
 }
