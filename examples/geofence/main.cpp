@@ -41,7 +41,7 @@ struct Fence {
   explicit Fence(ara::per::KeyValueStorage& store)
       : latitude(setting(store, "latitude", 46.948)),
         longitude(setting(store, "longitude", 7.4474)),
-        radius(setting(store, "radius", 100.0)) {
+        radius(setting(store, "radius", 2000.0)) {
     store.SyncToStorage();
   }
 
