@@ -1,6 +1,6 @@
 // Chromium for a Python test: reads a JSON line for each command, writes a JSON line with the answer.
 import { createRequire } from "node:module";
-import { readFileSync } from "node:fs";
+import { readFileSync, writeFileSync } from "node:fs";
 import { createInterface } from "node:readline";
 
 const require = createRequire(new URL("../../web/", import.meta.url));
@@ -42,7 +42,11 @@ const commands = {
   hover: ({ selector }) => page.hover(selector),
   click: ({ selector }) => page.click(selector),
   fill: ({ selector, text }) => page.fill(selector, text),
-  screenshot: async ({ path, full = false }) => void (await page.screenshot({ path, fullPage: full })),
+  /** A .webp or a .png. */
+  screenshot: async ({ path }) => {
+    const picture = await inspector.send("Page.captureScreenshot", path.endsWith(".webp") ? { format: "webp", quality: 85 } : {});
+    writeFileSync(path, Buffer.from(picture.data, "base64"));
+  },
   problems: () => problems.splice(0),
   without_server: ({ expected }) => void (expect_no_server = expected),
   accessibility: async () => {

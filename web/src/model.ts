@@ -92,6 +92,7 @@ export class Model implements Sink {
   output: Latest<Notification> | undefined;
   map: Latest<Notification> | undefined;
   satellites: Latest<Notification> | undefined;
+  times: Latest<Notification> | undefined;
   /** The last record of each position type. */
   readonly input = new Map<number, Latest<Record_json>>();
   readonly quality = new Map<number, Latest<Record_json>>();
@@ -112,6 +113,7 @@ export class Model implements Sink {
   private readonly spacing = new Map<Series, number>();
   private readonly seen = new Map<string, number>();
   private skew: number | undefined;
+  private old_frames = 0;
   private numbers = 0;
 
   /** The server's Unix time in ms, which all times of frames are on. */
@@ -145,12 +147,22 @@ export class Model implements Sink {
       this.tell("events");
       this.tell("log");
     } else {
-      const skew = Date.now() - frame.at;
-      this.skew = this.skew === undefined || skew < this.skew ? skew : this.skew + (skew - this.skew) / 1000;
       this.take(frame);
+      this.take_clock(frame);
       if (this.take_event(frame)) this.tell("events");
     }
     this.tell(frame.topic);
+  }
+
+  /** Compares the clocks: the least delay of a frame is the best measure of their difference. */
+  private take_clock(frame: Any_frame): void {
+    const skew = Date.now() - frame.at;
+    const more = skew - (this.skew ?? Infinity);
+    // What a snapshot repeats is old; only if everything is, the server's clock was set back.
+    this.old_frames = more > 2000 ? this.old_frames + 1 : 0;
+    if (frame.topic === "hello" || this.old_frames > 50) this.skew = skew;
+    else if (more < 0) this.skew = skew;
+    else if (more < 2000) this.skew! += more / 1000;
   }
 
   private take(frame: Any_frame): void {
@@ -188,12 +200,21 @@ export class Model implements Sink {
       case "satellites":
         this.satellites = latest(frame.data);
         break;
+      case "time":
+        if (frame.data.field === "times") this.times = latest(frame.data);
+        break;
       case "services":
         this.services = frame.data;
         break;
       case "status":
-        this.status = frame.data;
-        this.status_at = frame.at;
+        if (frame.data.verdict === "no answer" && this.status) {
+          // The lights stay as they were, and the page says of when they are.
+          const { verdict, reason, findings, ratePerS } = frame.data;
+          this.status = { ...this.status, verdict, reason, findings, ratePerS };
+        } else {
+          this.status = frame.data;
+          this.status_at = frame.at;
+        }
         break;
       case "statistics":
         this.take_statistics(frame.data, frame.at);
@@ -375,7 +396,7 @@ export class Model implements Sink {
     for (const series of this.all_series()) series.clear();
     for (const map of [this.spacing, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
     this.events.length = this.log.length = this.log_lost = 0;
-    this.output = this.map = this.satellites = undefined;
+    this.output = this.map = this.satellites = this.times = undefined;
     this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = undefined;
     this.skew = undefined;
     this.tell("reset");

@@ -92,6 +92,8 @@ export function now_panel(context: Context): Panel {
     const seen = quality?.data["satsInView"];
     const gnss = model.peers?.consumed.find((one) => short_service(one.service) === "GNSS");
     const rate = (value: number) => (Number.isNaN(value) ? no_value : decimal(value, 1));
+    // Only where a Time service is offered.
+    const utc = model.times && now - model.times.at < 5000 ? model.times.data.records.find((one) => is_number(one["utcSeconds"])) : undefined;
     const accuracy = (name: string) => (record && is_number(record[name]) ? rough(record[name]) : no_value);
     return [
       { name: "Altitude", value: decimal(record?.["altitudeMeanSeaLevel"], 1), unit: "m" },
@@ -116,6 +118,12 @@ export function now_panel(context: Context): Panel {
         unit: gnss?.found ? `from ${gnss.address}` : "",
         mark: gnss && !gnss.found ? { tone: "bad", text: gnss.cause || "not found" } : undefined,
       },
+      ...(utc ? [{
+        name: "Time service",
+        value: new Date(1000 * Number(utc["utcSeconds"])).toISOString().slice(11, 19),
+        unit: "UTC",
+        mark: utc["syncState"] === 0 ? { tone: "warn" as const, text: "free running" } : undefined,
+      }] : []),
     ];
   }
 

@@ -104,7 +104,12 @@ export function sky_panel(context: Context): Panel {
   function update_dot(element: Element, one: Satellite): void {
     const turn = (one.azimuth! * Math.PI) / 180;
     const away = (radius * (90 - Math.max(0, Math.min(90, one.elevation!)))) / 90;
-    set_attribute(element, "transform", `translate(${(away * Math.sin(turn)).toFixed(2)} ${(-away * Math.cos(turn)).toFixed(2)})`);
+    const east = away * Math.sin(turn);
+    set_attribute(element, "transform", `translate(${east.toFixed(2)} ${(-away * Math.cos(turn)).toFixed(2)})`);
+    // Near the eastern rim the name stands on the inner side.
+    const outer = east > 0.6 * radius;
+    set_attribute(element, "data-east", outer ? "" : null);
+    set_attribute(element.lastElementChild!, "x", outer ? "-8" : "8");
     set_attribute(element, "data-use", String(one.use));
   }
 

@@ -25,9 +25,11 @@ export function wire_panel(context: Context): Panel {
   const network = table("Offers on the network", ["Service", "Instance", "Version", "From"]);
   const counters = table("Counters that have changed", ["Counter", "Value", "Growth", "Last"]);
   const discovery = h("ol", { class: "events", tabindex: 0, "aria-label": "Discovery as it happens, the newest first" });
+  const seen = table("Services that this page looks at", ["Service", "State"]);
+  const way = h("p", { class: "caption" });
   const rest = h("p", { class: "caption" });
 
-  model.follow(["peers", "offers", "offer", "statistics", "events", "reset"], context.redraw);
+  model.follow(["peers", "offers", "offer", "statistics", "services", "events", "reset"], context.redraw);
 
   function draw(): void {
     fill(used, used_rows(), "The application uses no service, or has not said so yet.");
@@ -36,6 +38,9 @@ export function wire_panel(context: Context): Panel {
     set_text(rest, others ? `and ${others} offered instances without a subscriber: data identifiers and monitors` : "");
     fill(network, network_rows(), "No offers seen.");
     fill(counters, counter_rows(), "None since this page was opened.");
+    fill(seen, Object.entries(model.services ?? {}).map(([name, { present, text }]): Row =>
+      ({ key: name, tone: present ? "good" : "off", cells: [name, present ? text || "there" : text || "not there"] })), "None yet.");
+    set_text(way, model.hello ? `The server looks at the application ${model.hello.way}.` : "");
     const lines = model.events.filter((one) => one.lane === "offer").slice(-discovery_shown).reverse();
     keep_list(discovery, lines, (one) => String(one.number), (one) =>
       h("li", {}, h("time", {}, clock_time(one.at)), glyph(one.tone), h("span", {}, one.text)), () => undefined);
@@ -134,6 +139,7 @@ export function wire_panel(context: Context): Panel {
     block("offers", "Offers", provided.element, rest),
     block("counters", "Counters that have changed", counters.element),
     block("network", "On the network", network.element),
+    block("seen", "Seen by this page", seen.element, way),
     block("discovery", "Discovery", discovery));
   return { id: "wire", title: "Wire", body, draw };
 }
