@@ -197,7 +197,9 @@ class Environment : public testing::Test {
 };
 
 TEST_F(Environment, names_the_manifest_and_replaces_the_address) {
-  EXPECT_EQ(tq::com::load_deployment().source, "built-in manifest");
+  const std::string configured = "/etc/pos/manifest.json";  // of this machine
+  EXPECT_EQ(tq::com::load_deployment().source,
+            std::filesystem::exists(configured) ? configured : "built-in manifest");
   write(good().dump());
   EXPECT_EQ(tq::com::load_deployment("two").source, path_.string());
   EXPECT_EQ(addresses(), "127.43.0.1 127.43.0.2 127.43.0.3 ");

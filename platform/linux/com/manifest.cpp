@@ -57,6 +57,8 @@ someip::Deployment read() {
     if (!text) refuse(named, ENOENT);
     return parse_deployment(*text, named);
   }
+  const std::string configured = "/etc/pos/manifest.json";
+  if (const auto text = read_manifest(configured)) return parse_deployment(*text, configured);
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
   if (!error) {

@@ -10,9 +10,10 @@
 namespace tq::com {
 
 /// The manifest in force: the file that the environment variable POS_MANIFEST names, else
-/// share/pos/manifest.json of the installation that the executable belongs to, else the built-in
-/// copy for the loopback network. POS_NODE_ADDRESS, when set, replaces the addresses of the node
-/// `node_in_use`. Throws std::runtime_error that names file, key and what was expected.
+/// /etc/pos/manifest.json, else share/pos/manifest.json of the installation that the executable
+/// belongs to, else the built-in copy for the loopback network. POS_NODE_ADDRESS, when set,
+/// replaces the addresses of the node `node_in_use`. Throws std::runtime_error that names file, key
+/// and what was expected.
 [[nodiscard]] someip::Deployment load_deployment(std::string_view node_in_use = {});
 
 /// `source` names the text in errors.

@@ -36,7 +36,7 @@ class KeyValueStorage::Store {
       : file_(ready_folder(), port + ".json", Files::of_the_system()) {
     if (const auto text = file_.read()) {
       values_ = parse_values(*text, file_.path());
-    } else if (const auto folder = initial_data_folder(); !folder.empty()) {
+    } else if (const auto folder = initial_data_folder(port); !folder.empty()) {
       const Store_file initial(folder, "initdata-" + port + ".json", Files::of_the_system());
       if (const auto first = initial.read()) {
         values_ = parse_values(*first, initial.path());

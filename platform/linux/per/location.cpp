@@ -71,9 +71,11 @@ void require_folder(const std::string& folder) {
                                          "\" was not there; it has been created");
 }
 
-std::string initial_data_folder() {
+std::string initial_data_folder(const std::string& port) {
   if (auto folder = environment("POS_INITDATA_DIR"); !folder.empty()) return folder;
   std::error_code error;
+  const std::string configured = "/etc/pos";
+  if (std::filesystem::exists(configured + "/initdata-" + port + ".json", error)) return configured;
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
   if (error) return {};
   return (program.parent_path().parent_path() / "share" / "pos").string();

@@ -26,7 +26,7 @@ std::string store_path() {
 }
 
 bool store_setting(const std::string& key, bool otherwise) try {
-  const std::string initial = ara::per::initial_data_folder() + "/initdata-" + port + ".json";
+  const std::string initial = ara::per::initial_data_folder(port) + "/initdata-" + port + ".json";
   for (const auto& path : {store_path(), initial}) {
     std::ifstream stream(path);
     if (!stream) continue;
