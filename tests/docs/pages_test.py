@@ -126,7 +126,9 @@ class Pages(unittest.TestCase):
         for folder in ("app", "persistency", "platform", "tools"):
             for source in (SOURCE / folder).rglob("*.[hc]*"):
                 text = source.read_text(encoding="utf-8")
-                asked_for |= set(re.findall(r'(?:getenv|environment|variable)\("(POS_\w+)"', text))
+                asked_for |= set(re.findall(r'getenv\("(POS_\w+)"', text))
+                names = re.findall(r'variable(?:_name)?(?:\(| = )"([A-Z_]+)"', text)
+                asked_for |= {f"POS_{name}" for name in names}
         self.assertEqual(told, asked_for)
 
     def test_the_checks_of_doctor_are_those_of_the_program(self):

@@ -9,6 +9,7 @@
 #include <sstream>
 #include <string>
 
+#include "app/identity.h"
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tools/command_line.h"
@@ -209,7 +210,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ara::core::Initialize();
+  ara::core::Initialize(positioning_application());
   return run(argc, argv);
 } catch (...) {
   return tools::report_exception("gnss-gateway");

@@ -34,10 +34,10 @@ std::uint32_t ask(const State_options& options) {
   std::uint32_t result = 0;
   try {
     const auto connection = bus();
-    const auto application = sdbus::createProxy(*connection, ara::stm::bus_name,
+    const auto application = sdbus::createProxy(*connection, ara::stm::bus_name(),
                                                 ara::stm::object_path(application_instance));
     application->callMethod("RequestState")
-        .onInterface(ara::stm::interface)
+        .onInterface(ara::stm::interface_name())
         .withTimeout(std::chrono::microseconds(static_cast<std::int64_t>(options.timeout * 1e6)))
         .withArguments(options.state, options.sequence_number)
         .storeResultsTo(result);
