@@ -18,6 +18,22 @@ if(POS_SANITIZE)
   endif()
 endif()
 
+# What an attacker with a faulty length or pointer cannot do then: overwrite a return address unnoticed, write past an
+# array of known size, write to the tables of the dynamic linker, know the program's addresses, jump into the middle of a
+# function. docs/trust.md has the price.
+option(POS_HARDEN "Compile and link the programs with the compiler's defences, as the Debian packages do" OFF)
+if(POS_HARDEN)
+  include(CheckPIESupported)
+  check_pie_supported()
+  add_compile_options(-fstack-protector-strong -fstack-clash-protection -U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=3)
+  if(CMAKE_SYSTEM_PROCESSOR STREQUAL "x86_64")
+    add_compile_options(-fcf-protection=full)
+  elseif(CMAKE_SYSTEM_PROCESSOR STREQUAL "aarch64")
+    add_compile_options(-mbranch-protection=standard)
+  endif()
+  add_link_options(LINKER:-z,relro,-z,now)
+endif()
+
 find_program(CCACHE ccache)
 if(CCACHE)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE})

@@ -60,6 +60,8 @@ someip::Deployment read() {
     if (!text) refuse(named, ENOENT);
     return parse_deployment(*text, named);
   }
+  const auto configured = std::filesystem::path("/etc") / application.name / "manifest.json";
+  if (const auto text = read_manifest(configured)) return parse_deployment(*text, configured);
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
   std::filesystem::path installed;
@@ -72,7 +74,8 @@ someip::Deployment read() {
     return parse_deployment(application.manifest, "built-in manifest");
   throw std::runtime_error("no deployment manifest: the environment variable " +
                            ara::core::variable_name(manifest_variable) +
-                           " names none, and there is no file \"" + installed.string() + "\"");
+                           " names none, and there is neither \"" + configured.string() +
+                           "\" nor \"" + installed.string() + "\"");
 }
 
 /// Gives a node the address that the environment names, if the manifest could say so too.

@@ -75,12 +75,16 @@ void require_folder(const std::string& folder) {
                                          "\" was not there; it has been created");
 }
 
-std::string initial_data_folder() {
+std::string initial_data_folder(const std::string& port) {
+  const auto name = core::application().name;
   if (auto folder = core::variable("INITDATA_DIR"); !folder.empty()) return folder;
   std::error_code error;
+  const std::filesystem::path configured = std::filesystem::path("/etc") / name;
+  if (std::filesystem::exists(configured / ("initdata-" + port + ".json"), error))
+    return configured.string();
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
   if (error) return {};
-  return (program.parent_path().parent_path() / "share" / core::application().name).string();
+  return (program.parent_path().parent_path() / "share" / name).string();
 }
 
 }  // namespace ara::per

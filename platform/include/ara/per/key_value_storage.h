@@ -45,7 +45,8 @@ class KeyValueStorageBase {
 /// ~/.local/state/pos. Only one process at a time may use a store.
 ///
 /// While this file does not exist, the first values are those of initdata-<port>.json in
-/// $POS_INITDATA_DIR, else in ../share/pos beside the program's folder, else the store is empty.
+/// $POS_INITDATA_DIR, else in /etc/pos, else in ../share/pos beside the program's folder, else the
+/// store is empty.
 /// SyncToStorage first writes them to the file.
 class KeyValueStorage : public KeyValueStorageBase {
  public:
