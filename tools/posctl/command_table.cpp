@@ -97,6 +97,12 @@ Run add_describe(CLI::App& command) {
       .add_option("--wireshark", options->wireshark,
                   "Write a Wireshark profile into this folder instead")
       ->type_name("FOLDER");
+  command
+      .add_option("--interfaces", options->interfaces,
+                  "With --wireshark: a description that another application prints of its services")
+      ->type_name("FILE")
+      ->allow_extra_args(false)
+      ->needs("--wireshark");
   return with(std::move(options), describe);
 }
 

@@ -24,16 +24,18 @@ int watch(const Watch_options& options);
 
 struct Describe_options {
   bool json = false;
-  std::string man;         ///< a folder: write the manual pages there
-  std::string completion;  ///< "bash", "zsh" or "fish": print its completion
-  std::string wireshark;   ///< a folder: write a Wireshark profile there
+  std::string man;                      ///< a folder: write the manual pages there
+  std::string completion;               ///< "bash", "zsh" or "fish": print its completion
+  std::string wireshark;                ///< a folder: write a Wireshark profile there
+  std::vector<std::string> interfaces;  ///< files: descriptions of more services, for the profile
 };
 /// Prints the manifest in force and every record.
 int describe_deployment(bool as_json);
 /// The same, or what `options` asks for instead.
 int describe(const Describe_options& options);
-/// Writes a Wireshark profile for the manifest in force into a folder: names, payloads, ports.
-int describe_for_wireshark(const std::string& folder);
+/// Writes a Wireshark profile for the manifest in force into a folder: names, payloads, ports. The
+/// files describe the interfaces of other applications (binding/interface_description.h).
+int describe_for_wireshark(const std::string& folder, const std::vector<std::string>& interfaces);
 
 struct Read_options {
   std::string data_identifier;

@@ -3,11 +3,13 @@
 #include <sdbus-c++/sdbus-c++.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <exception>
 #include <future>
 #include <memory>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -18,6 +20,11 @@
 
 namespace posctl {
 namespace {
+
+/// The errors of a bus without an application that answers.
+constexpr std::array<std::string_view, 4> no_application{
+    "org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
+    "org.freedesktop.DBus.Error.NoReply", "org.freedesktop.DBus.Error.Timeout"};
 
 /// The bus that the application chooses from the same environment.
 std::unique_ptr<sdbus::IConnection> bus() {
@@ -33,7 +40,7 @@ std::unique_ptr<sdbus::IConnection> bus() {
 }
 
 std::unique_ptr<sdbus::IProxy> application_on(sdbus::IConnection& connection) {
-  return sdbus::createProxy(connection, ara::stm::bus_name,
+  return sdbus::createProxy(connection, ara::stm::bus_name(),
                             ara::stm::object_path(application_instance));
 }
 
@@ -45,12 +52,15 @@ std::uint32_t ask(const std::string& state, std::uint32_t sequence_number, Deadl
     const auto left = std::chrono::duration_cast<std::chrono::microseconds>(
         deadline - std::chrono::steady_clock::now());
     application->callMethod("RequestState")
-        .onInterface(ara::stm::interface)
+        .onInterface(ara::stm::interface_name())
         .withTimeout(std::max(left, std::chrono::microseconds(1)))
         .withArguments(state, sequence_number)
         .storeResultsTo(result);
   } catch (const sdbus::Error& error) {
-    throw std::runtime_error("component state: " + error.getMessage());
+    const std::string text = "component state: " + error.getMessage();
+    if (std::ranges::find(no_application, error.getName()) != no_application.end())
+      throw tools::No_answer(text);
+    throw std::runtime_error(text);
   }
   return result;
 }
@@ -93,7 +103,7 @@ void follow_component_states(std::function<void(bool available, const std::strin
       const auto connection = bus();
       const auto application = application_on(*connection);
       application->uponSignal("StateConfirmed")
-          .onInterface(ara::stm::interface)
+          .onInterface(ara::stm::interface_name())
           .call([&](std::uint32_t sequence_number, const std::string& state, std::uint32_t result) {
             confirmed({state, sequence_number, result});
           });

@@ -1,10 +1,12 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <chrono>
+#include <cstdio>
 #include <exception>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <utility>
 #include <vector>
@@ -63,9 +65,11 @@ std::optional<std::vector<std::uint8_t>> entries(const std::optional<Faults>& fa
   return faults->entries;
 }
 
-/// Looks at the application for one scrape after the other.
-class Onlooker {
+/// The services of the application. The search for them goes on until they are there.
+class Services {
  public:
+  [[nodiscard]] bool is_there() { return statistics_.proxy() != nullptr; }
+
   [[nodiscard]] Look look() {
     const auto start = std::chrono::steady_clock::now();
     const auto deadline = deadline_in(answer_time);
@@ -116,10 +120,44 @@ class Onlooker {
   Identifier<d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible> implausible_;
 };
 
+/// Looks at the application for one scrape after the other. While it is away, each look chooses the
+/// way anew: the application may have made its socket meanwhile, or the machine got its address.
+class Onlooker {
+ public:
+  explicit Onlooker(Way_options options) : options_{std::move(options)} { take_way(); }
+
+  /// One thread calls.
+  [[nodiscard]] Look look() {
+    if (!services_ || !services_->is_there()) take_way();
+    return services_ ? services_->look() : Look{};
+  }
+
+ private:
+  void take_way() try {
+    const auto possible = choose_way(options_);
+    if (way_ && way_->text() == possible.text) return;
+    services_.reset();
+    way_.reset();
+    way_.emplace(possible);
+    services_.emplace();
+  } catch (const tools::Usage_error&) {
+    throw;
+  } catch (const std::runtime_error& error) {
+    if (std::exchange(told_, error.what()) != error.what())
+      std::fprintf(stderr, "posctl: no way to the application: %s\n", error.what());
+  }
+
+  const Way_options options_;
+  std::string told_;
+  std::optional<Way> way_;
+  std::optional<Services> services_;
+};
+
 /// The text that answers Prometheus. One thread makes it; requests that come meanwhile, or soon
 /// after, get the same text.
 class Metrics_page {
  public:
+  explicit Metrics_page(const Way_options& way) : onlooker_{way} {}
   ~Metrics_page() { maker_.join(); }
 
   /// Answers now or when the text has been made. The thread of the server calls.
@@ -138,18 +176,27 @@ class Metrics_page {
   static constexpr std::chrono::milliseconds life{250};
 
   void make(Http_counts counts) {
-    Look look = onlooker_.look();
-    ++counts.requests;  // the one that this text answers
-    look.http = counts;
-    auto text = std::make_shared<const std::string>(exposition(look));
+    auto status = boost::beast::http::status::ok;
+    std::string text;
+    try {
+      Look look = onlooker_.look();
+      ++counts.requests;  // the one that this text answers
+      look.http = counts;
+      text = exposition(look);
+    } catch (const std::exception& error) {
+      status = boost::beast::http::status::internal_server_error;
+      text = error.what() + std::string("\n");
+    }
     const std::lock_guard lock(mutex_);
-    text_ = std::move(text);
-    made_ = std::chrono::steady_clock::now();
-    answer_waiting();
+    text_ = std::make_shared<const std::string>(std::move(text));
+    made_.reset();
+    if (status == boost::beast::http::status::ok) made_ = std::chrono::steady_clock::now();
+    answer_waiting(status);
   }
-  void answer_waiting() {
+  void answer_waiting(boost::beast::http::status status = boost::beast::http::status::ok) {
     for (const auto& later : std::exchange(waiting_, {})) {
       Http_answer answer;
+      answer.status = status;
       answer.type = "text/plain; version=0.0.4; charset=utf-8";
       answer.text = text_;
       later(std::move(answer));
@@ -173,8 +220,7 @@ int exporter(const Exporter_options& options) {
   }
   const auto endpoint = listen_endpoint(options.listen);
   tools::Stop_signal stop_signal;
-  const Way way(options.way);
-  Metrics_page page;
+  Metrics_page page(options.way);
   const auto handle = [&](const Http_request& request,
                           Http_server::Later later) -> std::optional<Http_answer> {
     if (request.path() != "/metrics") return refusal(boost::beast::http::status::not_found);
