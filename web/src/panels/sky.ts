@@ -2,7 +2,8 @@
 
 import type { Record_json } from "../feed";
 import { h, keep_list, set_attribute, set_text, svg } from "../dom";
-import { decimal, duration, is_number } from "../format";
+import { decimal, duration } from "../format";
+import { numbers_of } from "../model";
 import { Palette, type Context, type Panel } from "../panel";
 
 /** As the records count them, with the letter that receivers print. */
@@ -31,18 +32,9 @@ interface Satellite {
 }
 
 function satellite(record: Record_json): Satellite {
-  const number = (name: string) => (is_number(record[name]) ? (record[name] as number) : undefined);
-  const system = systems[number("gnssSystem") ?? 5] ?? systems[5]!;
-  const id = number("satelliteId") ?? 0;
-  return {
-    key: system.letter + id,
-    system,
-    number: id,
-    azimuth: number("azimuth"),
-    elevation: number("elevation"),
-    strength: number("carrierToNoise"),
-    use: Math.min(2, number("usage") ?? 0),
-  };
+  const { gnssSystem = 5, satelliteId = 0, azimuth, elevation, carrierToNoise, usage = 0 } = numbers_of(record);
+  const system = systems[gnssSystem] ?? systems[5]!;
+  return { key: system.letter + satelliteId, system, number: satelliteId, azimuth, elevation, strength: carrierToNoise, use: Math.min(2, usage) };
 }
 
 export function sky_panel(context: Context): Panel {
