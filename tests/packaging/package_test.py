@@ -131,7 +131,7 @@ class Package(unittest.TestCase):
 
         edited = {}
         for name, old, new in (("manifest.json", '"cyclicOfferDelayMs": 1000', '"cyclicOfferDelayMs": 900'),
-                               ("pos.env", "POS_LOG_LEVEL=info,POS=warn", "POS_LOG_LEVEL=warn"),
+                               ("pos.env", "POS_LOG_LEVEL=info,", "POS_LOG_LEVEL=warn,"),
                                ("gnss-gateway/drive.env", "--rate 10", "--rate 5")):
             file = self.root / "etc/pos" / name
             edited[file] = file.read_text().replace(old, new)
