@@ -153,6 +153,17 @@ struct Exporter_options {
 /// Answers Prometheus over HTTP until it is interrupted.
 int exporter(const Exporter_options& options);
 
+struct Serve_options {
+  std::string listen = "127.0.0.1:8030";
+  bool open = false;     ///< shows the page in the browser of the desktop
+  bool control = false;  ///< lets clients act
+  std::string token;     ///< that each request needs; empty: none
+  std::string marks;     ///< a file with land marks; empty: none
+  Way_options way;       ///< empty: the network, else the socket
+};
+/// Serves the page until it is interrupted.
+int serve_page(const Serve_options& options);
+
 struct Doctor_options {
   bool json = false;
   bool list = false;  ///< prints the table of checks instead

@@ -34,7 +34,8 @@ Backend& Backend::instance() {
 Backend::Backend()
     : settings_(Level_settings::parse(core::variable(levels_variable))),
       dlt_(*new Dlt_sink),
-      text_(*new Text_sink) {
+      text_(*new Text_sink),
+      recent_(*new Recent_ring) {
   default_.store(&add(std::string(unnamed), "default context", std::nullopt));
 }
 
@@ -110,6 +111,7 @@ LogLevel Backend::level_for(const Context& context) const {
 
 void Backend::submit(Context& context, LogLevel level, Arguments arguments) noexcept {
   try {
+    if (recent_.wants(level)) recent_.add(level, context.id, arguments.text());
     const LogMode modes = modes_.load(std::memory_order_acquire);
     const bool remote = Has(modes, LogMode::kRemote);
     const bool sent = remote && send_to_daemon(context, level, arguments);
@@ -173,6 +175,10 @@ bool SetLevelOf(std::string_view ctx_id, LogLevel level) {
     set = true;
   }
   return set;
+}
+
+Recent_lines LinesFrom(std::uint64_t from) {
+  return Backend::instance().recent().from(from);
 }
 
 void divert(std::shared_ptr<const Diversion> diversion) {

@@ -84,7 +84,9 @@ void check_same_manifest(const Facts& facts, Findings& findings) {
     findings.fault(one.label() + " uses another manifest than " + reference->label(),
                    file_name(reference->manifest) + " and " + file_name(one.manifest) +
                        " differ: " + different,
-                   "start " + one.name + " with POS_MANIFEST=" + reference->manifest);
+                   "start " + one.name +
+                       (reference->manifest.empty() ? " without POS_MANIFEST"
+                                                    : " with POS_MANIFEST=" + reference->manifest));
   }
 }
 
