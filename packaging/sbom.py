@@ -57,6 +57,15 @@ def installed():
     return found
 
 
+def from_npm(name, version):
+    """A package of the page of posctl serve."""
+    return {
+        "SPDXID": identifier(f"npm-{name}"), "name": name, "versionInfo": version, "downloadLocation": "NOASSERTION",
+        "filesAnalyzed": False, "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                                                  "referenceLocator": f"pkg:npm/{name}@{version}"}],
+    }
+
+
 def main(source, buildinfo):
     text = buildinfo.read_text(encoding="utf-8")
     building, architecture = (field(text, name).split()[0] for name in ("Build-Architecture", "Architecture"))
@@ -93,6 +102,10 @@ def main(source, buildinfo):
         for depended in re.findall(r"([a-z0-9][a-z0-9+.-]+)(?: \([^)]*\))?", field(control, "Depends")):
             if other := find(depended, architecture):
                 relate(ours, "DEPENDS_ON", other)
+        if package == "pos-tools":
+            for place, of_page in json.loads((source / "web/package-lock.json").read_text())["packages"].items():
+                if place and not of_page.get("dev"):
+                    relate(ours, "CONTAINS", from_npm(place.removeprefix("node_modules/"), of_page["version"]))
     for name in re.findall(r"^ ([a-z0-9][a-z0-9+.:-]+) \(= \S+\),?$", field(text, "Installed-Build-Depends"), re.MULTILINE):
         other = find(name, building)
         packages.setdefault(other["SPDXID"], other)
