@@ -356,7 +356,7 @@ class Tools(unittest.TestCase):
         self.assertIn("(counter): ", self.output(POSCTL, "explain", "notificationslate"))
 
     def test_manifests_are_validated_and_the_shells_complete_every_command(self):
-        self.assertRegex(self.output(POSCTL, "validate", self.desk.path / "manifest.json"), "is valid: 3 nodes, 12 services")
+        self.assertRegex(self.output(POSCTL, "validate", self.desk.path / "manifest.json"), "is valid: 3 nodes, 13 services")
         self.desk.manifest["nodes"]["POS"]["adress"] = 1
         self.desk.write_manifest()
         code, output, _ = self.desk.run(POSCTL, "validate", self.desk.path / "manifest.json")
