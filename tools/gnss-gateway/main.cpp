@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "app/identity.h"
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tools/command_line.h"
@@ -280,7 +281,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ara::core::Initialize();
+  ara::core::Initialize(positioning_application());
   return run(argc, argv);
 } catch (...) {
   return tools::report_exception("gnss-gateway");
