@@ -248,7 +248,13 @@ void Gpsd_reader::take_position(std::optional<nmea::Antenna> antenna, const Sink
     ++counters_.repeated;
     return;
   }
-  if (unsent_) send(sink);
+  // Of several TPV of one instant in a burst, the last one knows most.
+  const bool same_instant = unsent_ && position_->utc == fix.utc;
+  if (same_instant && (fix.valid || !position_->valid)) {
+    ++counters_.repeated;
+  } else if (unsent_) {
+    send(sink);
+  }
   position_ = fix;
   unsent_ = true;
 }

@@ -21,12 +21,13 @@ namespace gateway {
 struct Gpsd_counters {
   std::uint64_t reports = 0;        ///< of the receiver: TPV, SKY, GST, ATT, IMU
   std::uint64_t other_reports = 0;  ///< other classes, other devices
-  std::uint64_t repeated = 0;       ///< TPV that adds nothing to the one before
+  std::uint64_t repeated = 0;       ///< TPV of an instant that others tell better
   std::uint64_t malformed = 0;      ///< no JSON object, or longer than Gpsd_reader::max_line
 };
 
-/// A TPV gives one fix. SKY, GST, ATT and IMU of the same burst add to it; a SKY without a TPV
-/// gives a supplement. The reader holds the last SKY for the fixes that follow.
+/// A TPV gives one fix, several TPV of one instant in a burst give one as well. SKY, GST, ATT and
+/// IMU of the same burst add to it; a SKY without a TPV gives a supplement. The reader holds the
+/// last SKY for the fixes that follow.
 ///
 /// Without a wanted device the reader follows the device of the first TPV until forget(). ATT and
 /// IMU then count from every device, since a compass is a device of its own.
