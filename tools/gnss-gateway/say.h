@@ -1,4 +1,4 @@
-/// Messages to the user while the gateway runs.
+/// The gateway's lines on standard error.
 #pragma once
 
 #include <string>
