@@ -1,11 +1,16 @@
 #include "binding/age_histogram.h"
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 
 namespace binding {
 
-static_assert(Age_histogram::index_of(~std::uint64_t{0}) == (39U << 6U) - 1);
+static_assert(Age_histogram::index_of(Age_histogram::longest) == (39U << 6U) - 1);
+
+void Age_histogram::add_out_of_range(std::chrono::nanoseconds duration) {
+  if (duration.count() > 0) count(index_of(longest));
+}
 
 Age_histogram::Counts Age_histogram::counts() const {
   Counts counts;

@@ -11,30 +11,14 @@ constexpr std::chrono::seconds jump{1};
 
 }  // namespace
 
-void Position_ages::received(const boost::optional<Timestamp>& stamp,
-                             mw::com::Arrival_time arrival,
-                             Nanoseconds now) {
-  notifications_.add();
-  handler_ = now;
-  Nanoseconds arrived = now;
-  if (arrival != mw::com::Arrival_time{}) {
-    arrived = arrival.time_since_epoch() + base_ahead_.load(std::memory_order_relaxed);
-    add(arrival_to_handler_, now - arrived);
-  }
-  if (last_arrival_.count() != 0) add(between_, arrived - last_arrival_);
-  if (stamp) {
-    judge(stamp->since_epoch(), arrived);
-  } else {
-    missing_.add();
-  }
-  last_arrival_ = arrived;
-}
-
-void Position_ages::judge(Nanoseconds stamp, Nanoseconds arrival) {
+// A call would cost as much as a histogram.
+[[gnu::always_inline]] inline void Position_ages::judge(Nanoseconds stamp, Nanoseconds arrival) {
   if (stamp > arrival) {
     in_future_.add();
+    usable_stamp_ = Nanoseconds::max();
   } else {
     stamp_to_arrival_.add(arrival - stamp);
+    usable_stamp_ = stamp;
   }
   if (last_stamp_.count() != 0) {
     const Nanoseconds step = stamp - last_stamp_;
@@ -47,9 +31,30 @@ void Position_ages::judge(Nanoseconds stamp, Nanoseconds arrival) {
   last_stamp_ = stamp;
 }
 
+void Position_ages::received(const boost::optional<Timestamp>& stamp,
+                             mw::com::Arrival_time arrival,
+                             Nanoseconds now) {
+  notifications_.add();
+  handler_ = now;
+  Nanoseconds arrived = now;
+  if (arrival != mw::com::Arrival_time{}) {
+    arrived = arrival.time_since_epoch() + base_ahead_.load(std::memory_order_relaxed);
+    arrival_to_handler_.add(now - arrived);
+  }
+  if (last_arrival_.count() != 0) between_.add(arrived - last_arrival_);
+  if (stamp) {
+    judge(stamp->since_epoch(), arrived);
+  } else {
+    missing_.add();
+    usable_stamp_ = Nanoseconds::max();
+  }
+  last_arrival_ = arrived;
+}
+
 void Position_ages::each_second() {
   const std::lock_guard lock(mutex_);
-  for (auto* histogram : {&stamp_to_arrival_, &arrival_to_handler_, &handler_to_sent_, &between_})
+  for (auto* histogram :
+       {&stamp_to_arrival_, &arrival_to_handler_, &handler_to_sent_, &stamp_to_sent_, &between_})
     histogram->end_second();
 }
 
@@ -62,7 +67,8 @@ std::vector<Age> Position_ages::ages() const {
   std::vector<Age> ages;
   for (const auto& [name, histogram] :
        {Named{"stampToArrival", stamp_to_arrival_}, Named{"arrivalToHandler", arrival_to_handler_},
-        Named{"handlerToSent", handler_to_sent_}, Named{"betweenArrivals", between_}}) {
+        Named{"handlerToSent", handler_to_sent_}, Named{"stampToSent", stamp_to_sent_},
+        Named{"betweenArrivals", between_}}) {
     ages.push_back(histogram.since_start(name));
     ages.push_back(histogram.of_window(name));
   }

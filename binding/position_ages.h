@@ -24,9 +24,10 @@ struct Stamp_counts {
   std::uint64_t jumped = 0;  ///< backwards, or over a second off the time since the one before
 };
 
-/// The four ages of each notification: from the source's stamp to its arrival, from there to the
-/// handler, from there to the sent position, and since the notification before. One thread at a
-/// time calls received() and sent(), which take no lock and no memory; any thread the others.
+/// The five ages of each notification: from the source's stamp to its arrival, from there to the
+/// handler, from there to the sent position, the whole of it, and since the notification before.
+/// One thread at a time calls received() and sent(), which take no lock and no memory; any thread
+/// the others.
 class Position_ages {
  public:
   using Nanoseconds = std::chrono::nanoseconds;
@@ -36,7 +37,10 @@ class Position_ages {
                 mw::com::Arrival_time arrival,
                 Nanoseconds now);
   /// The position of the notification that was received last has been sent.
-  void sent(Nanoseconds now) { add(handler_to_sent_, now - handler_); }
+  void sent(Nanoseconds now) {
+    handler_to_sent_.add(now - handler_);
+    stamp_to_sent_.add(now - usable_stamp_);
+  }
 
   /// The lead of the time base before the system clock.
   void set_base_ahead(Nanoseconds lead) { base_ahead_.store(lead, std::memory_order_relaxed); }
@@ -58,14 +62,10 @@ class Position_ages {
     std::atomic<std::uint64_t> value_{0};
   };
 
-  static void add(Age_histogram& histogram, Nanoseconds duration) {
-    // A step of the clock may have made it negative.
-    if (duration.count() >= 0) histogram.add(duration);
-  }
   void judge(Nanoseconds stamp, Nanoseconds arrival);
 
   std::atomic<Nanoseconds> base_ahead_{Nanoseconds{}};
-  Age_histogram stamp_to_arrival_, arrival_to_handler_, handler_to_sent_, between_;
+  Age_histogram stamp_to_arrival_, arrival_to_handler_, handler_to_sent_, stamp_to_sent_, between_;
   Count notifications_, missing_, in_future_, standing_still_, jumped_;
   mutable std::mutex mutex_;  ///< guards the windows of the histograms
 
@@ -73,6 +73,9 @@ class Position_ages {
   Nanoseconds handler_{};
   Nanoseconds last_arrival_{};  ///< 0: none
   Nanoseconds last_stamp_{};    ///< 0: none
+  /// Of the last notification. Without one, or with one in the future, its age is negative, which
+  /// no histogram counts.
+  Nanoseconds usable_stamp_ = Nanoseconds::max();
 };
 
 }  // namespace binding

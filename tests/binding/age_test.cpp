@@ -37,6 +37,7 @@ TEST(Age_histogram, percentiles_are_right_from_nanoseconds_to_hours) {
       value = static_cast<std::int64_t>(std::min(distribution(random), 1.7e13));
       histogram.add(Nanoseconds{value});
     }
+    histogram.add(Nanoseconds{-1});  // counts nowhere
     const Age age = histogram.since_start("x");
     EXPECT_EQ(age.count, values.size());
     expect_near(age.minNs, exact(values, 0));
@@ -45,6 +46,12 @@ TEST(Age_histogram, percentiles_are_right_from_nanoseconds_to_hours) {
     expect_near(age.p999Ns, exact(values, 0.999));
     expect_near(age.maxNs, exact(values, 1));
   }
+}
+
+TEST(Age_histogram, what_is_longer_than_the_last_bucket_counts_there) {
+  Age_histogram histogram;
+  histogram.add(24h);
+  expect_near(histogram.since_start("x").maxNs, 1.75e13);
 }
 
 TEST(Age_histogram, the_window_forgets_what_is_older) {
@@ -98,6 +105,9 @@ TEST(Position_ages, each_part_of_the_path_has_its_age_and_each_fault_of_a_stamp_
   expect_near(since_start("stampToArrival").p50Ns, 20e6);
   expect_near(since_start("arrivalToHandler").p99Ns, 2e6);
   expect_near(since_start("handlerToSent").p99Ns, 3e6);
+  // The whole: of each notification with a stamp that is not in the future.
+  EXPECT_EQ(since_start("stampToSent").count, 5u);
+  expect_near(since_start("stampToSent").p50Ns, 25e6);
   EXPECT_EQ(since_start("betweenArrivals").count, 6u);
   expect_near(since_start("betweenArrivals").maxNs, 100e6);
 }

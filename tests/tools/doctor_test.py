@@ -10,6 +10,7 @@ import os
 import pathlib
 import shutil
 import signal
+import socket
 import statistics
 import subprocess
 import sys
@@ -26,6 +27,7 @@ GNSS = "lumo::services::gnss::GNSS"
 ENV = pathlib.Path("/usr/bin/env")
 CLOCK = BUILD / "tests/tools/shifted_clock.so"
 PHYSICAL = 4  # a valueType
+OTHER_USER = 54321
 numbers = itertools.count()
 
 
@@ -279,6 +281,37 @@ def few_descriptors(lab):
     run("prlimit", "--pid", lab.application.pid, "--nofile=64:64")
 
 
+def few_threads(lab):
+    lab.healthy()
+    run("prlimit", "--pid", lab.application.pid, "--nproc=32:32")
+
+
+def no_right_to_the_log(lab):
+    """The application has a user of its own, as its unit gives it; the pipe belongs to another one."""
+    lab.desk.path.chmod(0o755)
+    shutil.chown(lab.desk.path / "storage", OTHER_USER, OTHER_USER)
+    os.mkfifo(lab.desk.path / "dlt", 0o600)
+    lab.start_application("setpriv", f"--reuid={OTHER_USER}", f"--regid={OTHER_USER}", "--clear-groups")
+    lab.start_source()
+    lab.until_positions()
+
+
+def client_refused(lab):
+    """The second of two clients, which asks again with each offer."""
+    lab.desk.manifest["limits"]["subscribersPerEventGroup"] = 1
+    lab.desk.write_manifest()
+    lab.healthy()
+    for address in ("10.77.0.3", "10.77.0.31"):
+        lab.start(lab.vehicle, POSCTL, "watch", "--field", "positions", POS_NODE_ADDRESS=address)
+
+
+def buffer_full(lab):
+    """A flood of datagrams, each time that the application gets no processor for a moment."""
+    lab.healthy()
+    port = lab.desk.manifest["services"]["lumo::services::positioning::Positioning"]["instances"][0]["udpPort"]
+    lab.start(lab.bench, sys.executable, __file__, "flood", lab.application.pid, port)
+
+
 def no_fix(lab):
     recording = lab.desk.path / "no-fix.nmea"
     lines = []
@@ -313,12 +346,15 @@ FAULTS = (
     ("storage-writable", storage_read_only), ("storage-space", storage_full), ("storage-content", storage_damaged),
     ("storage-shared", storage_shared), ("log-daemon", log_daemon_ended), ("bus", bus_ended), ("watchdog", no_watchdog),
     ("restarting", restarting), ("application", application_frozen), ("application", no_application),
-    ("limits", few_descriptors), ("physical-values", no_fix), ("position-type", odd_source("type")),
-    ("standing-values", odd_source("values")), ("standing-stamps", odd_source("stamps")),
+    ("limits", few_descriptors), ("limits", few_threads, "too few threads"), ("physical-values", no_fix),
+    ("position-type", odd_source("type")), ("standing-values", odd_source("values")),
+    ("standing-stamps", odd_source("stamps")), ("source-silent", odd_source("silence")),
+    ("refused-clients", client_refused), ("receive-buffer", buffer_full),
+    ("log-daemon", no_right_to_the_log, "no right to the pipe"),
 )
 
 
-def play(check, make):
+def play(check, make, text=""):
     """The fault may need a moment until it shows, such as a time to live; then doctor names it first, in time
     unless the machine is busy just then."""
     with Lab() as lab:
@@ -328,6 +364,7 @@ def play(check, make):
             code, findings, seconds = lab.doctor()
             faults = [one for one in findings if one["severity"] == "fault"]
             if code == 1 and faults and faults[0]["check"] == check and seconds <= LONGEST:
+                assert text in faults[0]["text"], faults
                 assert all(faults[0][part] for part in ("text", "evidence", "cure")), faults
                 return
             if time.monotonic() > end:
@@ -380,7 +417,7 @@ def source(kind):
         ids = stamp_ids()
         sample += [u32(ids[0], int(stamp)), u32(ids[0] + 1, PHYSICAL), u32(ids[1], int(stamp % 1 * 1e9)), u32(ids[1] + 1, PHYSICAL)]
         for (_, group), client in list(clients.items()):
-            if group == 1:
+            if group == 1 and kind != "silence":
                 sender.send(someip(service, 0x8001, records(sample), type=NOTIFICATION, client=0, interface=3), client)
         network.quiet(0.1)
 
@@ -392,9 +429,21 @@ def stamp_ids():
     return ids["preciseLocalTimeSeconds"], ids["preciseLocalTimeNanoseconds"]
 
 
+def flood(pid, port):
+    with socket.socket(type=socket.SOCK_DGRAM) as sender:
+        while True:
+            os.kill(pid, signal.SIGSTOP)
+            for _ in range(10_000):
+                sender.sendto(bytes(1000), ("10.77.0.1", port))
+            os.kill(pid, signal.SIGCONT)
+            time.sleep(0.5)
+
+
 def main():
     if sys.argv[1:2] == ["source"]:
         source(sys.argv[2])
+    if sys.argv[1:2] == ["flood"]:
+        flood(*map(int, sys.argv[2:]))
     if sys.argv[1:2] == ["healthy"]:
         return healthy(int(sys.argv[2]))
     wanted = sys.argv[1:]
@@ -407,7 +456,7 @@ def main():
     failures = 0
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         parts = [] if wanted else [("healthy runs", pool.submit(healthy, 5))]
-        parts += [(f"{make.__name__}: {check}", pool.submit(play, check, make)) for check, make in FAULTS
+        parts += [(f"{make.__name__}: {check}", pool.submit(play, check, make, *text)) for check, make, *text in FAULTS
                   if not wanted or check in wanted]
         for name, part in parts:
             try:

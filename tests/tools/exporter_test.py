@@ -87,6 +87,21 @@ class Exporter(unittest.TestCase):
         until(lambda: self.samples()["pos_up"], "the application is back")
         until(lambda: self.request()[1] == self.request()[1], "two requests that a page answers")
 
+    def test_it_may_start_before_an_application_that_only_its_socket_reaches(self):
+        self.desk.manifest["nodes"]["POS"]["localSocket"] = True
+        for place, key, value in (("serviceDiscovery", "multicastAddress", "239.192.99.99"),  # it meets no one there
+                                  ("nodes", "posctl", {"address": "10.9.8.30", "prefixLength": 24})):  # not of this machine
+            usual, self.desk.manifest[place][key] = self.desk.manifest[place][key], value
+            self.desk.write_manifest()
+            self.start_exporter()
+            self.assertEqual(self.samples()["pos_up"], 0)
+            self.desk.manifest[place][key] = usual
+            self.desk.write_manifest()
+            application = self.start(APPLICATION)
+            until(lambda: self.samples()["pos_up"], "the application is found")
+            self.desk.stop(application)
+            self.desk.stop(self.exporter)
+
     def test_slow_clients_cost_nothing(self):
         self.start_exporter()
         address = self.host.rsplit(":", 1)

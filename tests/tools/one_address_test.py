@@ -72,7 +72,9 @@ class One_address(unittest.TestCase):
         self.assertTrue(self.socket.exists(), "left by a process that could not remove it")
         code, _, errors = self.desk.run(POSCTL, "status", "--timeout", 0.3)
         self.assertEqual(code, 2)
-        self.assertIn(f"over the network as node posctl; not through {self.socket}: Connection refused", errors)
+        self.assertIn(f"no application listens at {self.socket}, and this machine has no address of the node posctl", errors)
+        self.assertIn("No application answers.", self.output("settings", "--timeout", 0.3))
+        self.output("set", "useGNSSDR", "true", "--timeout", 0.3)
         code, _, errors = self.desk.run(POSCTL, "status", "--connect", self.socket)
         self.assertEqual((code, errors), (2, f"posctl: the application does not answer: {self.socket}: Connection refused\n"))
 

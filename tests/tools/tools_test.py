@@ -1,5 +1,6 @@
 """posctl and gnss-gateway as their users see them."""
 
+import contextlib
 import fcntl
 import json
 import os
@@ -68,7 +69,7 @@ class Tools(unittest.TestCase):
         self.desk.manifest["nodes"]["POS"] |= {"clientPort": 40000, "watchLink": False}
         self.desk.write_manifest()
         told = self.posctl("describe")
-        self.assertEqual(told["manifest"], self.desk.environment["POS_MANIFEST"])
+        self.assertEqual((told["schema"], told["manifest"]), (1, self.desk.environment["POS_MANIFEST"]))
         for section in ("serviceDiscovery", "limits", "segments"):
             self.assertEqual(told[section], self.desk.manifest[section])
         for node in told["nodes"]:
@@ -290,9 +291,9 @@ class Tools(unittest.TestCase):
         self.assertAlmostEqual(moving["position"]["record"]["LAT"], LATITUDE, delta=0.1)
         self.assertTrue(0 <= moving["position"]["ageS"] < 5, moving["position"]["ageS"])
         self.assertTrue(0 <= moving["mapInfo"]["ageS"] < 10, moving["mapInfo"]["ageS"])
-        self.assertEqual(moving["mapInfo"]["record"]["positionSource"], 4)
+        self.assertEqual(moving["mapInfo"]["record"]["positionSource"], "forwarded position")
         self.assertAlmostEqual(moving["mapMatched"]["latitude"], LATITUDE, delta=0.1)
-        self.assertEqual(moving["mapMatched"]["positionSource"], 4)
+        self.assertEqual(moving["mapMatched"]["positionSource"], "forwarded position")
         self.assertEqual(moving["inputs"]["odometry"], "NotAvailable")
         self.assertEqual(moving["outputs"]["deadReckoning"], "Nominal")
         self.assertEqual(moving["system"]["mapMatching"], "NotAvailable")
@@ -365,11 +366,38 @@ class Tools(unittest.TestCase):
         ask = f"{script}\nCOMP_WORDS=(posctl watch -o ''); COMP_CWORD=3; _posctl; echo ${{COMPREPLY[@]}}"
         told = subprocess.run(["bash", "-c", ask], capture_output=True, text=True, check=True).stdout
         self.assertEqual(told, "table wide json lines\n")
-        for shell in ("zsh", "fish"):
-            text = self.output(POSCTL, "describe", "--completion", shell)
-            self.assertTrue(all(name in text for name in names), shell)
+        fish = self.output(POSCTL, "describe", "--completion", "fish")
+        for typed, words in (("watch -o ", ("table", "wide", "json", "lines")), ("", names), ("set useG", ("useGNSSDR",))):
+            ask = f"{fish}\ncomplete -C 'posctl {typed}'"
+            told = subprocess.run(["fish", "--no-config", "-c", ask], capture_output=True, text=True, check=True).stdout
+            self.assertLessEqual(set(words), {line.split("\t")[0] for line in told.splitlines()})
+            self.offered_by_zsh(typed, words)
         for name in names:
             self.assertIn(f"Example: posctl {name}", self.output(POSCTL, name, "--help"))
+
+    def offered_by_zsh(self, typed, words):
+        """A tab in a real zsh lists the words, or completes the only one."""
+        folder = self.desk.path / "zsh"
+        folder.mkdir(exist_ok=True)
+        (folder / "_posctl").write_text(self.output(POSCTL, "describe", "--completion", "zsh"))
+        (folder / ".zshrc").write_text("fpath=($ZDOTDIR $fpath); autoload -U compinit; compinit -u -D; LISTMAX=0; PS1=ready\n")
+        terminal, inside = os.openpty()
+        self.desk.start(pathlib.Path("/usr/bin/zsh"), "-i", stdin=inside, stdout=inside, stderr=inside, start_new_session=True,
+                        environment={"ZDOTDIR": str(folder), "TERM": "dumb"})
+        os.set_blocking(terminal, False)
+        shown = ""
+
+        def shows(*texts):
+            nonlocal shown
+            with contextlib.suppress(BlockingIOError):
+                shown += os.read(terminal, 65536).decode()
+            return all(re.search(rf"\b{text}\b", shown) for text in texts)
+        until(lambda: shows("ready"), "a prompt")
+        shown = ""
+        os.write(terminal, f"posctl {typed}\t".encode())
+        until(lambda: shows(*words), f"{words} after \"posctl {typed}\": {shown}")
+        os.close(inside)
+        os.close(terminal)
 
     def test_a_vehicle_may_leave_the_statistics_out(self):
         del self.desk.manifest["services"]["mw::com::runtime::Statistics"]
@@ -422,7 +450,7 @@ class Tools(unittest.TestCase):
         self.assertIn("componentStateChangeRequest newState =  kPrepSD  seqNum =  7", application.log.read_text())
         self.assertEqual(self.output(POSCTL, "state", "kOn"), "kOn confirmed with result 0\n")
         self.assertEqual(self.desk.stop(application)[0], 0)
-        self.fails(POSCTL, "state", "kOn")
+        self.fails(POSCTL, "state", "kOn", code=2)  # it has left the bus
 
     def test_a_bus_that_accepts_and_does_not_answer_is_waited_for_until_the_timeout(self):
         with socket.socket(socket.AF_UNIX) as bus:

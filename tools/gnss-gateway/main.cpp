@@ -1,14 +1,17 @@
 /// gnss-gateway: a GNSS receiver as an ECU of the vehicle network. Offers the GNSS service (and,
-/// asked to, the Time service) with positions of a synthetic drive or of an NMEA 0183 receiver or
-/// recording.
+/// asked to, the Time service) with positions of a synthetic drive, of an NMEA 0183 receiver or
+/// recording, or of a script. On request it sends what a faulty receiver would send.
 #include <CLI/CLI.hpp>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "app/identity.h"
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tools/command_line.h"
@@ -80,8 +83,13 @@ void print(const gateway::Source_result& result,
 struct Options {
   gateway::Drive_options drive;
   gateway::Nmea_options nmea;
+  std::string script;
+  double speed_up = 1;
+  bool loop = false;
   gateway::Output_options output;
-  std::string node = "gnss-gateway";
+  std::vector<std::string> faults;
+  std::string scenario;
+  bool list_faults = false;
   double start_at = 0;
   double max_gap = 2;
   double seconds = 0;
@@ -97,7 +105,8 @@ constexpr const char* footer =
     "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). The dead-reckoning "
     "sample\n"
     "of an NMEA receiver repeats its GNSS sample. docs/receivers.md describes sentences and "
-    "records.\n"
+    "records,\n"
+    "docs/faults.md the faults and what the application does with each.\n"
     "\n"
     "Exit code 0 at the end of a recording or stream, after --count or --seconds, on SIGINT and\n"
     "SIGTERM; 1 when the input cannot be read, holds no sentence or is a device that has gone; 3 "
@@ -120,9 +129,13 @@ void add_source_options(CLI::App& app, Options& options) {
   app.add_option("--start-at", options.start_at, "Second of the synthetic drive to begin with")
       ->transform(tools::number(0.0, 1e6))
       ->excludes(file);
-  app.add_option("--speed-up", options.nmea.speed_up, "How much faster than recorded")
+  auto* script = app.add_option("--script", options.script,
+                                "JSON lines to send, such as posctl watch --json prints them")
+                     ->excludes(file);
+  for (const char* name : {"--rate", "--satellites", "--start-at"})
+    app.get_option(name)->excludes(script);
+  app.add_option("--speed-up", options.speed_up, "How much faster than recorded")
       ->transform(tools::number(0.001, 1e6))
-      ->needs(file)
       ->capture_default_str();
   app.add_option("--max-gap", options.max_gap,
                  "Longest wait in the recording's own time, in seconds")
@@ -130,7 +143,7 @@ void add_source_options(CLI::App& app, Options& options) {
       ->needs(file)
       ->capture_default_str();
   auto* loop =
-      app.add_flag("--loop", options.nmea.loop, "Begin again at the recording's end")->needs(file);
+      app.add_flag("--loop", options.loop, "Begin again at the end of a recording or script");
   app.add_flag("--once", options.once, "End at the recording's end (default)")
       ->needs(file)
       ->excludes(loop);
@@ -155,9 +168,47 @@ void add_output_options(CLI::App& app, Options& options) {
       ->transform(tools::number<std::uint64_t>());
   app.add_option("--seconds", options.seconds, "End after N seconds; 0: never")
       ->transform(tools::number(0.0, 1e9));
-  app.add_option("--node", options.node, "Node of the manifest")->capture_default_str();
+  app.add_option("--node", options.output.node, "Node of the manifest")->capture_default_str();
   app.add_flag("--json", options.json, "Print the statistics at the end as JSON");
   app.footer(footer);
+}
+
+void add_fault_options(CLI::App& app, Options& options) {
+  app.add_option("--fault", options.faults,
+                 "NAME[=VALUE][@START[+DURATION]], times in seconds; as often as you like")
+      ->type_name("FAULT")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--scenario", options.scenario, "File with a fault on each line")
+      ->type_name("FILE");
+  app.add_flag("--control", options.output.offer_fault_control,
+               "Offer the service with which posctl fault makes faults");
+  app.add_flag("--list-faults", options.list_faults, "Print the table of faults instead");
+}
+
+/// Throws tools::Usage_error.
+std::vector<gateway::Fault_request> requested_faults(const Options& options) try {
+  std::vector<gateway::Fault_request> requests;
+  if (!options.scenario.empty()) requests = gateway::read_scenario(options.scenario);
+  for (const auto& text : options.faults)
+    requests.push_back(gateway::parse_fault(text));
+  if (requests.size() > gateway::Fault_plan::max_faults) {
+    throw std::invalid_argument("expected at most " +
+                                std::to_string(gateway::Fault_plan::max_faults) + " faults");
+  }
+  return requests;
+} catch (const std::invalid_argument& error) {
+  throw tools::Usage_error(error.what());
+}
+
+/// Refuses options of a recording or script that have none.
+void check_options(const CLI::App& app) {
+  if (app.count("--nmea") + app.count("--script") > 0) return;
+  for (const char* name : {"--speed-up", "--loop"}) {
+    if (app.count(name) > 0) {
+      throw tools::Usage_error(std::string(name) + " requires --nmea or --script");
+    }
+  }
 }
 
 /// Refuses options that do not apply to `input`.
@@ -181,27 +232,48 @@ void check_options(const CLI::App& app, const gateway::Input& input) {
 
 int run(int argc, char** argv) {
   CLI::App app{
-      "Offers the GNSS service with positions of a synthetic drive or of an NMEA 0183 receiver."};
+      "Offers the GNSS service with positions of a synthetic drive, of an NMEA 0183 receiver or of "
+      "a "
+      "script, and with faults on request."};
   Options options;
   add_source_options(app, options);
   add_output_options(app, options);
+  add_fault_options(app, options);
   // Opens the input before it offers a service: a path that cannot be opened must not look like a
   // silent receiver.
   std::optional<gateway::Input> input;
+  std::optional<gateway::Script> script;
   if (const auto code = tools::parse(app, argc, argv)) return *code;
+  if (options.list_faults) {
+    tools::write_output(gateway::fault_table());
+    return 0;
+  }
+  check_options(app);
+  options.output.faults = requested_faults(options);
   if (!options.nmea.path.empty()) {
     input.emplace(options.nmea.path, options.nmea.reconnect);
     check_options(app, *input);
   }
+  if (!options.script.empty()) script.emplace(options.script).check();
+  options.nmea.speed_up = options.speed_up;
+  options.nmea.loop = options.loop;
   options.drive.start = from_seconds(options.start_at);
   options.nmea.max_gap = from_seconds(options.max_gap);
   options.output.max_duration = from_seconds(options.seconds);
 
   tools::Stop_signal stop_signal;
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
+  const mw::com::runtime::Component_singleton runtime(options.output.node, false);
   gateway::Output services(stop_signal, options.output);
-  const auto result = input ? gateway::run_nmea(options.nmea, *input, services)
-                            : gateway::run_drive(options.drive, services);
+  const auto run_source = [&] {
+    if (input) return gateway::run_nmea(options.nmea, *input, services);
+    if (script) {
+      return gateway::run_script({.speed_up = options.speed_up, .loop = options.loop}, *script,
+                                 services);
+    }
+    return gateway::run_drive(options.drive, services);
+  };
+  const auto result = run_source();
+  services.drain();
   print(result, services.notifications(), input.has_value(), options.json, stop_signal);
   return 0;
 }
@@ -209,7 +281,7 @@ int run(int argc, char** argv) {
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ara::core::Initialize();
+  ara::core::Initialize(positioning_application());
   return run(argc, argv);
 } catch (...) {
   return tools::report_exception("gnss-gateway");

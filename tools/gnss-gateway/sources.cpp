@@ -21,6 +21,17 @@ using tools::Stop_signal;
 /// Interval between two instants that carry no time.
 constexpr auto usual_interval = 1s;
 
+nanoseconds divided(nanoseconds time, double divisor) {
+  return nanoseconds(std::llround(static_cast<double>(time.count()) / divisor));
+}
+
+/// Whether a record has coordinates that count.
+bool has_fix(const std::vector<lumo::services::gnss::datatypes::DT_positions_struct>& records) {
+  return std::ranges::any_of(records, [](const auto& record) {
+    return record.LAT && record.LAT_valueType == binding::Value_type::physical_value;
+  });
+}
+
 Source_result run_recording(const Nmea_options& options, Input& input, Output& output) {
   Fix_publisher publisher(output);
   auto due = steady_clock::now();
@@ -30,14 +41,15 @@ Source_result run_recording(const Nmea_options& options, Input& input, Output& o
     const auto gap = std::clamp<nanoseconds>(publisher.since_last(fix).value_or(usual_interval), 0s,
                                              options.max_gap);
     if (publisher.result().fixes + publisher.result().without_fix > 0) {
-      due += nanoseconds(std::llround(static_cast<double>(gap.count()) / options.speed_up));
+      due += divided(gap, options.speed_up);
     }
     stopped = output.wait_until(due) == Stop_signal::Wake::stopped;
     if (!stopped) publisher.publish(fix);
   };
   do {
     nmea::Reader reader;
-    std::uint64_t before = output.notifications();
+    const auto& counts = publisher.result();
+    const auto before = counts.fixes + counts.without_fix;
     while (!stopped) {
       const auto bytes = input.read();
       if (!bytes || bytes->empty()) break;
@@ -45,7 +57,7 @@ Source_result run_recording(const Nmea_options& options, Input& input, Output& o
     }
     if (!stopped) reader.finish(send);
     publisher.result().nmea += reader.counters();
-    if (!stopped && output.notifications() == before) {
+    if (!stopped && counts.fixes + counts.without_fix == before) {
       throw std::runtime_error("\"" + options.path +
                                "\" holds no NMEA 0183 sentence of a GNSS receiver");
     }
@@ -75,6 +87,36 @@ Source_result run_drive(const Drive_options& options, Output& output) {
     });
     ++(sample.fix != drive::Fix_type::none ? result.fixes : result.without_fix);
   }
+}
+
+Source_result run_script(const Script_options& options, Script& script, Output& output) {
+  Source_result result;
+  auto begin = steady_clock::now();
+  do {
+    nanoseconds last{};
+    nanoseconds gap{};
+    for (auto lines = script.next_instant(); !lines.empty(); lines = script.next_instant()) {
+      if (lines.front().time > last) gap = lines.front().time - last;
+      last = lines.front().time;
+      if (output.wait_until(begin + divided(last, options.speed_up)) ==
+          Stop_signal::Wake::stopped) {
+        return result;
+      }
+      output.publish([&](const Context& context) {
+        Notification all;
+        for (const auto& [time, line] : lines)
+          line.add_to(all, context);
+        if (!all.positions.empty()) {
+          ++(has_fix(all.positions) ? result.fixes : result.without_fix);
+        }
+        return all;
+      });
+    }
+    // The next pass follows after the last gap.
+    begin += divided(last + (gap > 0s ? gap : usual_interval), options.speed_up);
+    script.rewind();
+  } while (options.loop);
+  return result;
 }
 
 Source_result run_nmea(const Nmea_options& options, Input& input, Output& output) {

@@ -9,6 +9,7 @@
 
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/script.h"
 #include "tools/nmea/framer.h"
 
 namespace gateway {
@@ -38,6 +39,16 @@ struct Nmea_options {
   std::optional<unsigned> baud;  ///< absent: found by trying
   bool reconnect = false;        ///< wait for a device that has gone
 };
+
+struct Script_options {
+  double speed_up = 1;
+  bool loop = false;
+};
+
+/// Sends a checked script in its own time, divided by the speed-up.
+[[nodiscard]] Source_result run_script(const Script_options& options,
+                                       Script& script,
+                                       Output& output);
 
 /// `input` is that of `options.path`. A recording is sent in its own time, divided by the speed-up;
 /// a gap in it takes at most `max_gap`. Throws std::runtime_error with the path when it cannot be

@@ -97,6 +97,7 @@ void add_statistics(Callables& all) {
   all.add<Proxy, Statistics>("LogLevels", &Proxy::LogLevels);
   all.add_with<binding::Log_context_level, Proxy, Statistics>(
       "SetLogLevel", &Proxy::SetLogLevel, R"({"context": "GNSS", "level": "debug"})");
+  all.add_with<std::uint64_t, Proxy, Statistics>("LogLines", &Proxy::LogLines, "0");
 }
 
 std::vector<Callable> callables() {

@@ -97,6 +97,12 @@ Run add_describe(CLI::App& command) {
       .add_option("--wireshark", options->wireshark,
                   "Write a Wireshark profile into this folder instead")
       ->type_name("FOLDER");
+  command
+      .add_option("--interfaces", options->interfaces,
+                  "With --wireshark: a description that another application prints of its services")
+      ->type_name("FILE")
+      ->allow_extra_args(false)
+      ->needs("--wireshark");
   return with(std::move(options), describe);
 }
 
@@ -215,6 +221,23 @@ Run add_exporter(CLI::App& command) {
   return with(std::move(options), exporter);
 }
 
+Run add_serve(CLI::App& command) {
+  auto options = std::make_shared<Serve_options>();
+  command.add_option("--listen", options->listen, "IP address and port")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str();
+  command.add_flag("--open", options->open, "Show the page in the browser of this desktop");
+  command.add_flag("--control", options->control,
+                   "Let the page initialise monitors and ask for component states");
+  command.add_option("--token", options->token, "A word that each request needs")
+      ->type_name("WORD")
+      ->envname("POSCTL_TOKEN");
+  command.add_option("--marks", options->marks, "Land marks: a GPX or GeoJSON file")
+      ->type_name("FILE");
+  add_way(command, options->way);
+  return with(std::move(options), serve_page);
+}
+
 Run add_doctor(CLI::App& command) {
   auto options = std::make_shared<Doctor_options>();
   command.add_flag("--json", options->json, "As a JSON object");
@@ -275,6 +298,12 @@ constexpr std::array table{
     Command{"exporter", "Answer Prometheus with the application's metrics",
             "Runs until it is interrupted. pos_up is 0 while the application gives no answer.",
             "posctl exporter --listen 127.0.0.1:9464", add_exporter},
+    Command{
+        "serve", "Show drive, sky, health and network on a page in the browser",
+        "Runs until it is interrupted. Only this machine sees the page, unless --listen names an\n"
+        "address of the network. The token may also stand in POSCTL_TOKEN, where no other user\n"
+        "of the machine reads it.",
+        "posctl serve --open", add_serve},
     Command{"describe", "Print what is in force: the manifest and the records", "",
             "posctl describe --json", add_describe},
 };

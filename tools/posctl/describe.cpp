@@ -191,7 +191,7 @@ Json to_json(const describe::Table& table) {
 }
 
 Json to_json(const someip::Deployment& deployment, const Catalogue& catalogue) {
-  Json json{{"manifest", deployment.source}};
+  Json json{{"schema", 1}, {"manifest", deployment.source}};
   for (const auto& node : deployment.nodes)
     json["nodes"].push_back(to_json(node));
   Json& discovery = json["serviceDiscovery"];

@@ -8,6 +8,7 @@
 #include "clients/GNSS.h"
 #include "clients/Time.h"
 #include "diagnosisService/monitor_table.h"
+#include "posService/positioning_records.h"
 
 namespace posctl {
 namespace {
@@ -101,7 +102,7 @@ Json explain(const diag::PositioningMMPos& position) {
   add("timeOfDay", position.timeOfDay, false, 100, 3);
   json["statusMap"] = validity >> 4U;
   json["statusMapMatching"] = matching & 0xFU;
-  json["positionSource"] = matching >> 4U;
+  json["positionSource"] = to_json(positioning::datatypes::Position_source{matching >> 4U});
   return json;
 }
 

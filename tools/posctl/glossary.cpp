@@ -117,6 +117,7 @@ constexpr std::array ages{
     Entry{"stampToArrival", "from the time stamp of the source to the arrival of the datagram"},
     Entry{"arrivalToHandler", "from the arrival to the beginning of the GNSS client's handler"},
     Entry{"handlerToSent", "from there until the Positioning service has sent the position"},
+    Entry{"stampToSent", "the whole: from the time stamp of the source to the sent position"},
     Entry{"betweenArrivals", "between two notifications of positions"},
 };
 

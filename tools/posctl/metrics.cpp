@@ -349,7 +349,8 @@ constexpr std::array metrics{
            "jumped",
            stamp_faults},
     Metric{"pos_position_age_seconds", "summary", "age, quantile",
-           "ages of positions: stampToArrival, arrivalToHandler, handlerToSent, betweenArrivals. "
+           "ages of positions: stampToArrival, arrivalToHandler, handlerToSent, stampToSent, "
+           "betweenArrivals. "
            "Quantiles over the last 10 s; sum and count since the start",
            ages},
 

@@ -50,6 +50,7 @@ std::string decimal(const Json& object,
                     int digits,
                     std::string_view unit) {
   const auto found = object.find(name);
+  if (found != object.end() && found->is_string()) return found->get<std::string>();
   if (found == object.end() || !found->is_number()) return "-";
   std::array<char, 64> text{};
   std::snprintf(text.data(), text.size(), "%.*f", digits, found->get<double>());

@@ -80,7 +80,8 @@ std::vector<std::string> Position_table::rows(const Json& record,
                                               Time now) {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> lines;
-  if (told_.count() != 0) lines.push_back(local_time() + " back after " + text_of(now - *last_));
+  if (told_.count() != 0 && count_ != 0)
+    lines.push_back(local_time() + " back after " + text_of(now - *last_));
   told_ = {};
   last_ = now;
   arrivals_[count_++ % arrivals_.size()] = now;

@@ -54,12 +54,15 @@ Json record_to_json(const Record& record) {
 
 }  // namespace detail
 
-/// Absent members are left out; enumerations are numbers.
+/// Absent members are left out. An enumeration is its name, or a number that has none.
 template <class T>
 Json to_json(const T& value) {
   if constexpr (binding::Described<T>) {
     return detail::record_to_json(value);
   } else if constexpr (std::is_enum_v<T>) {
+    if constexpr (binding::Named_enumeration<T>) {
+      if (const auto name = binding::name_of(value); !name.empty()) return name;
+    }
     return static_cast<std::underlying_type_t<T>>(value);
   } else if constexpr (std::is_same_v<T, float>) {
     return detail::widen(value);

@@ -1,13 +1,14 @@
 #include <algorithm>
 #include <charconv>
-#include <filesystem>
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 
 #include "ara/per/key_value_storage.h"
 #include "binding/statistics.h"
 #include "platform/linux/per/location.h"
+#include "platform/linux/per/stored_values.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
@@ -23,7 +24,7 @@ using ara::per::KvsType;
 using binding::Statistics;
 using binding::Statistics_proxy;
 
-constexpr std::string_view port = "POS_Key_Value_Port";
+constexpr const char* port = "POS_Key_Value_Port";
 
 std::unique_ptr<KeyValueStorage> open_store() {
   try {
@@ -34,8 +35,10 @@ std::unique_ptr<KeyValueStorage> open_store() {
 }
 
 /// As JSON; null for what is not stored or has another type.
-Json stored_value(const KeyValueStorage& store, const Setting& setting) {
-  const KvsType value = store.GetValue(std::string(setting.key));
+Json stored_value(const ara::per::Values& store, const Setting& setting) {
+  const auto found = store.find(setting.key);
+  if (found == store.end()) return {};
+  const KvsType& value = found->second;
   const bool is_flag = setting.type == "Boolean";
   if (value.GetType() != (is_flag ? KvsType::Type::kBoolean : KvsType::Type::kUInt32)) return {};
   return is_flag ? Json(value.GetBool()) : Json(value.GetUInt());
@@ -57,9 +60,9 @@ std::optional<Statistics::Settings_result> running_settings(const Look_options& 
 /// A row: the value in force, its origin, and the stored one if a restart would change it.
 Json row_of(const Setting& setting,
             const std::optional<Statistics::Settings_result>& running,
-            const KeyValueStorage* store) {
+            const std::optional<ara::per::Values>& store) {
   Json row{{"key", setting.key}, {"value", nullptr}, {"default", Json::parse(setting.usual)}};
-  const Json stored = store != nullptr ? stored_value(*store, setting) : Json();
+  const Json stored = store ? stored_value(*store, setting) : Json();
   if (running) {
     const auto found = std::ranges::find(*running, setting.key, &binding::Setting_in_force::key);
     if (found == running->end()) return row;
@@ -70,7 +73,7 @@ Json row_of(const Setting& setting,
     row["from"] = stored.is_null() ? "default" : "store";
   }
   const Json next = stored.is_null() ? row["default"] : stored;
-  row["needsRestart"] = store != nullptr && next != row["value"];
+  row["needsRestart"] = store && next != row["value"];
   if (row["needsRestart"].get<bool>()) row["afterRestart"] = next;
   row["meaning"] = setting.meaning;
   return row;
@@ -124,19 +127,19 @@ KvsType value_of(const Setting& setting, const std::string& text) {
 
 int settings(const Look_options& options) {
   const auto running = running_settings(options);
-  std::unique_ptr<KeyValueStorage> store;
+  std::optional<ara::per::Values> store;
   Json json{{"schema", 1}, {"running", running.has_value()}, {"settings", Json::array()}};
   try {
-    const std::filesystem::path folder = ara::per::storage_folder();
-    const auto path = folder / (std::string(port) + ".json");
-    json["store"] = "Store: " + path.string();
-    if (std::filesystem::exists(folder)) store = open_store();
-    if (!std::filesystem::exists(path)) json["store"] = "No store yet: " + path.string();
+    const auto file = ara::per::file_of_store(port);
+    auto stored = ara::per::stored_values(file, port);
+    const bool is_there = stored.origin == ara::per::Stored_values::Origin::file;
+    json["store"] = (is_there ? "Store: " : "No store yet: ") + file.path();
+    store = std::move(stored.values);
   } catch (const std::exception& error) {
     json["store"] = std::string("The store cannot be read: ") + error.what();
   }
   for (const auto& setting : setting_table)
-    json["settings"].push_back(row_of(setting, running, store.get()));
+    json["settings"].push_back(row_of(setting, running, store));
   tools::write_output(options.json ? json.dump() + "\n" : text_of(json));
   return 0;
 }

@@ -84,6 +84,7 @@ void print_ages(Page& page, const Json& statistics) {
     page.line(age_row("stamp to arrival", ages["stampToArrival"][window]));
     page.line(age_row("arrival to handler", ages["arrivalToHandler"][window]));
     page.line(age_row("handler to sent", ages["handlerToSent"][window]));
+    page.line(age_row("stamp to sent", ages["stampToSent"][window]));
     page.line(age_row("between arrivals", ages["betweenArrivals"][window]));
   };
   table("Ages of positions over the last 10 s", "last10S");

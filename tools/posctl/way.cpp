@@ -13,6 +13,7 @@
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/endpoint.h"
 #include "platform/someip/net/local_socket.h"
+#include "platform/someip/net/udp_socket.h"
 #include "tools/command.h"
 
 namespace posctl {
@@ -54,6 +55,13 @@ std::unique_ptr<tq::com::Runtime> through(const std::string& path) {
   return tq::com::make_local_runtime(tq::com::load_deployment(), usual_node, path);
 }
 
+bool has_address(const std::string& node) {
+  const auto deployment = tq::com::load_deployment(node);
+  const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
+  // A missing node is for the runtime to refuse.
+  return found == deployment.nodes.end() || own_address(found->addresses);
+}
+
 std::unique_ptr<tq::com::Runtime> over_the_network(const std::string& node,
                                                    const std::optional<someip::Address>& only) {
   auto deployment = tq::com::load_deployment(node);
@@ -64,7 +72,15 @@ std::unique_ptr<tq::com::Runtime> over_the_network(const std::string& node,
 
 }  // namespace
 
-Way::Way(const Way_options& options) {
+std::optional<someip::Address> own_address(const std::vector<someip::Address>& addresses) {
+  for (const auto& address : addresses) {
+    someip::Udp_socket probe(address);
+    if (!probe.bind({address, 0})) return address;
+  }
+  return std::nullopt;
+}
+
+Possible_way choose_way(const Way_options& options) {
   const bool names_socket = options.connect.find('/') != std::string::npos;
   if (names_socket && !options.node.empty()) {
     throw tools::Usage_error("--node is for the network, --connect names a socket");
@@ -75,30 +91,43 @@ Way::Way(const Way_options& options) {
       if (is_missing(error) || error == std::errc::connection_refused) throw tools::No_answer(text);
       throw std::runtime_error(text);
     }
-    text_ = "through " + options.connect;
-    runtime_.emplace(through(options.connect));
-    return;
+    return {options.connect, usual_node, std::nullopt, "through " + options.connect};
   }
-  std::optional<someip::Address> only;
-  if (!options.connect.empty()) only = address_of(options.connect);
-  std::string unusable;
-  if (!only && options.node.empty() && !environment_names_an_address()) {
-    for (const auto& path : tq::com::socket_paths_of(application_node)) {
-      const auto error = listens(path);
-      if (!error) {
-        text_ = "through " + path;
-        runtime_.emplace(through(path));
-        return;
-      }
-      if (!is_missing(error)) unusable += "; not through " + path + ": " + error.message();
+  Possible_way network{{}, options.node.empty() ? usual_node : options.node, std::nullopt, {}};
+  network.text = "over the network as node " + network.node;
+  if (!options.connect.empty()) network.only = address_of(options.connect);
+  if (network.only || !options.node.empty() || environment_names_an_address()) return network;
+
+  const auto paths = tq::com::socket_paths_of(application_node);
+  std::string left_behind;  // by an application that has ended
+  bool is_denied = false;
+  for (const auto& path : paths) {
+    const auto error = listens(path);
+    if (!error) return {path, usual_node, std::nullopt, "through " + path};
+    if (is_missing(error)) continue;
+    network.text += "; not through " + path + ": " + error.message();
+    if (error == std::errc::connection_refused) {
+      left_behind = path;
+    } else {
+      is_denied = true;
     }
   }
-  const std::string node = options.node.empty() ? usual_node : options.node;
-  text_ = "over the network as node " + node + unusable;
+  if (is_denied || has_address(usual_node)) return network;
+  const std::string& path = left_behind.empty() ? paths.front() : left_behind;
+  return {path, usual_node, std::nullopt,
+          "no application listens at " + path + ", and this machine has no address of the node " +
+              usual_node};
+}
+
+Way::Way(const Possible_way& way) : text_{way.text} {
+  if (!way.socket.empty()) {
+    runtime_.emplace(through(way.socket));
+    return;
+  }
   try {
-    runtime_.emplace(over_the_network(node, only));
+    runtime_.emplace(over_the_network(way.node, way.only));
   } catch (const std::exception& error) {
-    throw std::runtime_error(error.what() + unusable);
+    throw std::runtime_error(error.what() + (" (" + way.text + ")"));
   }
 }
 

@@ -7,8 +7,10 @@
 #include <stdexcept>
 #include <string>
 #include <system_error>
+#include <vector>
 
 #include "mw/com/runtime.h"
+#include "platform/someip/base/endpoint.h"
 #include "tools/command.h"
 
 namespace posctl {
@@ -21,15 +23,31 @@ struct Way_options {
   std::string connect;  ///< path of a socket, or IP address of the application; empty: either way
 };
 
-/// The runtime of a command. Prefers the socket if it is there and the options and the environment
-/// ask for nothing else.
+/// The first of the addresses that this machine has.
+[[nodiscard]] std::optional<someip::Address> own_address(
+    const std::vector<someip::Address>& addresses);
+
+/// A way that could be taken at this moment.
+struct Possible_way {
+  std::string socket;  ///< its path; empty: over the network
+  std::string node;
+  std::optional<someip::Address> only;  ///< the application's
+  std::string text;                     ///< for messages: which way, and why not the other one
+};
+
+/// Prefers the socket if a process listens there and the options and the environment ask for
+/// nothing else. On a machine without an address for posctl the socket is the only way: the runtime
+/// waits for it. Throws tools::Usage_error for options that make no sense, and std::runtime_error
+/// if there is no way.
+[[nodiscard]] Possible_way choose_way(const Way_options& options);
+
+/// The runtime of a command.
 class Way {
  public:
-  /// Throws tools::Usage_error for options that make no sense, and std::runtime_error if the way
-  /// cannot be taken.
-  explicit Way(const Way_options& options);
+  /// Throws std::runtime_error if the way cannot be taken.
+  explicit Way(const Possible_way& way);
+  explicit Way(const Way_options& options) : Way(choose_way(options)) {}
 
-  /// For messages: which way, and why not the other one.
   [[nodiscard]] const std::string& text() const { return text_; }
 
  private:

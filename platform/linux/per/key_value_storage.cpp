@@ -6,7 +6,7 @@
 
 #include "platform/linux/per/json_text.h"
 #include "platform/linux/per/location.h"
-#include "platform/linux/per/store_file.h"
+#include "platform/linux/per/stored_values.h"
 
 namespace ara::per {
 namespace {
@@ -22,27 +22,19 @@ std::string checked_port(std::string_view port) {
   return std::string(port);
 }
 
-std::string ready_folder() {
-  std::string folder = storage_folder();
-  require_folder(folder);
-  return folder;
+Store_file ready_file(const std::string& port) {
+  require_folder(storage_folder());
+  return file_of_store(port);
 }
 
 }  // namespace
 
 class KeyValueStorage::Store {
  public:
-  explicit Store(const std::string& port)
-      : file_(ready_folder(), port + ".json", Files::of_the_system()) {
-    if (const auto text = file_.read()) {
-      values_ = parse_values(*text, file_.path());
-    } else if (const auto folder = initial_data_folder(); !folder.empty()) {
-      const Store_file initial(folder, "initdata-" + port + ".json", Files::of_the_system());
-      if (const auto first = initial.read()) {
-        values_ = parse_values(*first, initial.path());
-        changes_ = 1;
-      }
-    }
+  explicit Store(const std::string& port) : file_(ready_file(port)) {
+    auto stored = stored_values(file_, port);
+    values_ = std::move(stored.values);
+    if (stored.origin == Stored_values::Origin::first_values) changes_ = 1;
     file_.remove_leftover();
   }
 

@@ -52,7 +52,7 @@ class Service_ports::Tcp final {
 
  private:
   [[nodiscard]] Tcp_server::Events events(Service_ports& all) {
-    return {[&all](const Address& peer) { return all.admits(peer); },
+    return {[&all](const Address& peer) { return all.obstacle(peer); },
             [&all](const Endpoint& client) { all.connection_lost_(client); },
             [this, &all](Received message, const Endpoint& client,
                          const std::shared_ptr<Stream>& connection, Tasks& tasks) {
@@ -162,17 +162,18 @@ void Service_ports::serve(const Local_frame& frame,
   }
 }
 
-bool Service_ports::admits(const Address& peer) {
+std::string_view Service_ports::obstacle(const Address& peer) {
   const Deployment& deployment = context_.deployment;
-  if (!deployment.allows_peer(peer)) return false;
+  if (!deployment.allows_peer(peer)) return "it is not an allowed peer";
   const std::lock_guard lock(mutex_);
   std::size_t count = 0, of_peer = 0;
   for (const auto& [number, port] : tcp_) {
     count += port->connections->connections();
     of_peer += port->connections->connections_from(peer);
   }
-  return count < deployment.limits.tcp_connections &&
-         of_peer < deployment.limits.tcp_connections_per_address;
+  if (count >= deployment.limits.tcp_connections) return "there are too many";
+  if (of_peer >= deployment.limits.tcp_connections_per_address) return "it has too many";
+  return {};
 }
 
 void Service_ports::peer_restarted(const Address& peer, Time last_contact) {

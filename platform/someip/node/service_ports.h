@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string_view>
 
 #include "platform/someip/net/closed_ports.h"
 #include "platform/someip/net/local_server.h"
@@ -57,7 +58,8 @@ class Service_ports {
 
   [[nodiscard]] std::shared_ptr<Udp> udp(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp> tcp(const Instance_deployment& instance);
-  [[nodiscard]] bool admits(const Address& peer);
+  /// Why it may not connect; empty: it may.
+  [[nodiscard]] std::string_view obstacle(const Address& peer);
 
   const Node_context& context_;
   const Connection_lost connection_lost_;

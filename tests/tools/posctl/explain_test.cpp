@@ -20,9 +20,13 @@ TEST(Explain, a_map_matched_position_in_degrees_metres_and_seconds_where_it_is_v
   position.altitude = {0xff, 0xff, 0x38};
   position.timeOfDay = {0x7a, 0x12, 0x19};
   position.state = {.validity = 0x3f, .matching = 0x42};
-  Json expected{{"latitude", 48.137154}, {"longitude", -11.576124}, {"altitude", -2.0},
-                {"timeOfDay", 80000.25}, {"statusMap", 3},          {"statusMapMatching", 2},
-                {"positionSource", 4}};
+  Json expected{{"latitude", 48.137154},
+                {"longitude", -11.576124},
+                {"altitude", -2.0},
+                {"timeOfDay", 80000.25},
+                {"statusMap", 3},
+                {"statusMapMatching", 2},
+                {"positionSource", "forwarded position"}};
   EXPECT_EQ(explain(position), expected);
   position.state.validity = 0x3d;
   expected["longitude"] = nullptr;

@@ -166,15 +166,6 @@ void keep(std::vector<Heard_offer>& offers,
   if (known == offers.end()) offers.push_back({key, offer});
 }
 
-/// The first of the addresses that this machine has.
-std::optional<someip::Address> own_address(const std::vector<someip::Address>& addresses) {
-  for (const auto& address : addresses) {
-    someip::Udp_socket probe(address);
-    if (!probe.bind({address, 0})) return address;
-  }
-  return std::nullopt;
-}
-
 const std::vector<someip::Address>& addresses_of(const someip::Deployment& deployment,
                                                  const std::string& node) {
   const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);

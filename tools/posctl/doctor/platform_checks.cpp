@@ -80,8 +80,9 @@ void check_storage_writable(const Facts& facts, Findings& findings) {
 }
 
 void check_storage_content(const Facts& facts, Findings& findings) {
-  if (!folder(facts)) return;
-  const std::string path = store_path();
+  const auto file = store_path();
+  if (!folder(facts) || !file) return;
+  const std::string& path = *file;
   try {
     std::ifstream stream(path, std::ios::binary);
     if (!stream) return;

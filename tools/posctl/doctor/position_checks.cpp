@@ -68,7 +68,8 @@ void check_position_type(const Facts& facts, Findings& findings) {
                  std::to_string(facts.positions.size()) + " notifications have no sample of type " +
                      std::string(binding::name_of(wanted)),
                  std::string("set useGNSSDR to ") +
-                     (wanted == Position_type::gnss_dr ? "false" : "true") + " in " + store_path() +
+                     (wanted == Position_type::gnss_dr ? "false" : "true") + " in " +
+                     store_path().value_or("the key-value storage") +
                      ", restart the application; or let the source send this type");
 }
 

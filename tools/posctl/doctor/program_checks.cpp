@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "app/identity.h"
 #include "platform/linux/com/manifest.h"
 #include "tools/posctl/doctor/checks.h"
 
@@ -35,7 +36,7 @@ std::map<std::string, Json> shared_values(const std::string& text) {
 
 /// Empty for a file that is no manifest.
 std::string manifest_text(const std::string& file) try {
-  if (file.empty()) return std::string(tq::com::built_in_manifest());
+  if (file.empty()) return std::string(positioning_application().manifest);
   return tq::com::read_manifest(file).value_or(std::string());
 } catch (const std::runtime_error&) {
   return {};
@@ -83,7 +84,9 @@ void check_same_manifest(const Facts& facts, Findings& findings) {
     findings.fault(one.label() + " uses another manifest than " + reference->label(),
                    file_name(reference->manifest) + " and " + file_name(one.manifest) +
                        " differ: " + different,
-                   "start " + one.name + " with POS_MANIFEST=" + reference->manifest);
+                   "start " + one.name +
+                       (reference->manifest.empty() ? " without POS_MANIFEST"
+                                                    : " with POS_MANIFEST=" + reference->manifest));
   }
 }
 

@@ -1,10 +1,9 @@
 #include "tools/posctl/doctor/store.h"
 
-#include <fstream>
-#include <iterator>
-#include <nlohmann/json.hpp>
+#include <exception>
 
-#include "platform/linux/per/location.h"
+#include "ara/per/exceptions.h"
+#include "platform/linux/per/stored_values.h"
 
 namespace posctl::doctor {
 
@@ -12,29 +11,20 @@ namespace {
 
 constexpr const char* port = "POS_Key_Value_Port";
 
-const nlohmann::json* entry_of(const nlohmann::json& store, const std::string& key) {
-  if (!store.is_object()) return nullptr;
-  const auto entry = store.find(key);
-  if (entry == store.end() || !entry->is_object() || !entry->contains("value")) return nullptr;
-  return (*entry)["value"].is_boolean() ? &(*entry)["value"] : nullptr;
-}
-
 }  // namespace
 
-std::string store_path() {
-  return ara::per::storage_folder() + "/" + port + ".json";
+std::optional<std::string> store_path() try {
+  return ara::per::file_of_store(port).path();
+} catch (const ara::per::ExceptionStorageLocationNotFound&) {
+  return std::nullopt;
 }
 
 bool store_setting(const std::string& key, bool otherwise) try {
-  const std::string initial = ara::per::initial_data_folder() + "/initdata-" + port + ".json";
-  for (const auto& path : {store_path(), initial}) {
-    std::ifstream stream(path);
-    if (!stream) continue;
-    const auto store = nlohmann::json::parse(stream, nullptr, false);
-    const auto* const value = entry_of(store, key);
-    return value != nullptr ? value->get<bool>() : otherwise;
-  }
-  return otherwise;
+  const auto values = ara::per::stored_values(ara::per::file_of_store(port), port).values;
+  const auto found = values.find(key);
+  const bool known =
+      found != values.end() && found->second.GetType() == ara::per::KvsType::Type::kBoolean;
+  return known ? found->second.GetBool() : otherwise;
 } catch (const std::exception&) {
   return otherwise;
 }
