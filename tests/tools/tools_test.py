@@ -122,6 +122,7 @@ class Tools(unittest.TestCase):
             (POSCTL, ("explain", "notificationLate"), 'did you mean "notificationsLate"?'),
             (POSCTL, ("set", "useGNSSDr", "true"), 'no setting "useGNSSDr"; did you mean "useGNSSDR"?'),
             (POSCTL, ("set", "useGNSSDR", "1"), 'useGNSSDR: expected true or false, found "1"'),
+            (POSCTL, ("set", "mmNewPositionCalculationIntervalMS", "12x"), 'expected a number from 0 to 4294967295, found "12x"'),
             (POSCTL, ("log", "GNSS=loud"), 'there is no log level "loud"; expected off, fatal'),
             (POSCTL, ("log", "GNSS"), "expected CONTEXT=LEVEL"),
             (POSCTL, ("call", "Statistic.Clock"), 'did you mean "Statistics.Clock"?'),
@@ -342,10 +343,10 @@ class Tools(unittest.TestCase):
         until(lambda: self.desk.run(POSCTL, "stats", "--timeout", 1)[0] == 0, "the application answers")
         rows = {row["key"]: row for row in self.posctl("settings")["settings"]}
         self.assertEqual((rows[set_it[1]]["value"], rows[set_it[1]]["from"]), (500, "store"))
-        self.assertEqual((rows["useGNSSDR"]["value"], rows["useGNSSDR"]["needsRestart"]), (True, False))
+        self.assertEqual([rows["useGNSSDR"][key] for key in ("value", "from", "needsRestart")], [True, "default", False])
         self.assertIn("the application is running", self.fails(POSCTL, *set_it, "600"))
 
-        self.assertEqual(self.output(POSCTL, "log", "DSRV=debug"), "DSRV=debug\n")
+        self.assertEqual(self.output(POSCTL, "log", "GNSS=warn", "DSRV=debug"), "GNSS=warn\nDSRV=debug\n")
         self.assertEqual(self.posctl("log")["levels"]["DSRV"], "debug")
         self.assertIn('no log context "DSRW"; did you mean "DSRV"?', self.fails(POSCTL, "log", "DSRW=debug"))
 
