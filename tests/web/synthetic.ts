@@ -43,8 +43,8 @@ class Synthetic_source implements Source {
       const counter = Math.round(t / step);
       const common = { schema: 1 as const, received: t / 1000, ageS: 0.0004 + 0.0002 * Math.random() };
       this.send("output", { ...common, field: "positions", records: [position(t, counter)] }, t);
-      this.send("input", { ...common, field: "positions", records: [{ ...position(t, counter), positionType: 1 }] }, t);
-      this.send("quality", { ...common, field: "positionsQuality", records: [{ positionType: 1, satsInUse: 14 + (counter % 3), satsInView: 20, statusFixType: 3 }] }, t);
+      this.send("input", { ...common, field: "positions", records: [{ ...position(t, counter), positionType: "GNSS" }] }, t);
+      this.send("quality", { ...common, field: "positionsQuality", records: [{ positionType: "GNSS", satsInUse: 14 + (counter % 3), satsInView: 20, statusFixType: "3D" }] }, t);
       frames += 3;
       if (Math.floor(t / 1000) !== Math.floor((t - step) / 1000)) frames += this.second(t);
     }
@@ -66,7 +66,7 @@ class Synthetic_source implements Source {
     }, t);
     this.send("satellites", {
       schema: 1, field: "posGnssSatInfos", received: t / 1000,
-      records: Array.from({ length: 24 }, (_, i) => ({ satelliteId: i + 1, gnssSystem: i % 4, azimuth: (15 * i + t / 60_000) % 360, elevation: (i * 37) % 90, carrierToNoise: 25 + ((i * 7 + t / 1000) % 25), usage: i % 3 })),
+      records: Array.from({ length: 24 }, (_, i) => ({ satelliteId: i + 1, gnssSystem: ["GPS", "GLONASS", "Galileo", "BeiDou"][i % 4]!, azimuth: (15 * i + t / 60_000) % 360, elevation: (i * 37) % 90, carrierToNoise: 25 + ((i * 7 + t / 1000) % 25), usage: ["in view", "tracked", "in the solution"][i % 3]! })),
     }, t);
     this.send("log", { lines: [{ at: t, level: "info", context: "POS", text: `line of the second ${Math.round(t / 1000)}` }], lost: 0 }, t);
     this.send("offer", { schema: 1, event: "offered", serviceId: "0x2A10", instance: "0x0001", majorVersion: 3, minorVersion: 0, from: "127.0.0.20:30490", ttlS: 3, service: "GNSS" }, t);

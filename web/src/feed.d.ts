@@ -4,7 +4,7 @@
  * beside it prints with --json: one shape for one thing. New members and new topics may come at any time: ignore them.
  */
 
-/** Members of a record, by name; absent ones are left out, enumerations are numbers (`posctl describe --json` has the names). */
+/** Members of a record, by name; absent ones are left out, enumerations are names, or numbers that have none. */
 export type Record_json = { [member: string]: number | string | boolean | object };
 export type Schema = { schema: 1 };
 

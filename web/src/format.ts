@@ -80,5 +80,5 @@ export function sentence(text: string): string {
   return text === "" || /[.!?]$/.test(text) ? first : `${first}.`;
 }
 
-export const fix_types = ["no fix", "dead reckoning", "2D", "3D", "differential", "RTK float", "RTK fixed"];
-export const position_types: { [type: number]: string } = { 1: "GNSS", 2: "GNSS-DR" };
+/** Names of the positionType of a record, by the number that the history has. */
+export const position_types = ["", "GNSS", "GNSS-DR"];

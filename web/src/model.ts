@@ -12,7 +12,7 @@ const rows_each_second = 4_000;
 const events_kept = 500;
 const log_kept = 3000;
 const offers_kept = 256;
-const physical_value = 4;
+const physical_value = "PhysicalValue";
 
 const output_curves: readonly Curve[] = [
   { name: "LAT", precise: true },
@@ -95,8 +95,8 @@ export class Model implements Sink {
   satellites: Latest<Notification> | undefined;
   times: Latest<Notification> | undefined;
   /** The last record of each position type. */
-  readonly input = new Map<number, Latest<{ [member: string]: number }>>();
-  readonly quality = new Map<number, Latest<{ [member: string]: number }>>();
+  readonly input = new Map<number, Latest<Record_json>>();
+  readonly quality = new Map<number, Latest<Record_json>>();
   readonly rates = { input: new Rate(), output: new Rate() };
 
   readonly output_track = new Series(rows, output_curves);
@@ -189,13 +189,13 @@ export class Model implements Sink {
         break;
       case "input":
         if (frame.data.initial) break;
-        for (const record of frame.data.records) this.input.set(type_of(record), latest(numbers_of(record)));
+        for (const record of frame.data.records) this.input.set(type_of(record), latest(record));
         this.rates.input.take(frame.data);
         this.take_positions(frame.data, (type) => this.input_track(type));
         break;
       case "quality":
         for (const record of frame.data.records) {
-          this.quality.set(type_of(record), latest(numbers_of(record)));
+          this.quality.set(type_of(record), latest(record));
           this.push(this.quality_series(type_of(record)), frame.data.received * 1000, numbers_of(record));
         }
         break;
@@ -479,8 +479,7 @@ function series_of(map: Map<number, Series>, type: number, capacity: number, cur
 }
 
 function type_of(record: Record_json): number {
-  const type = record["positionType"];
-  return is_number(type) && type in position_types ? type : 0;
+  return Math.max(0, position_types.indexOf(String(record["positionType"])));
 }
 
 /** The numbers of a record, without those that the source itself does not call physical values. */

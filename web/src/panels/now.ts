@@ -1,9 +1,9 @@
 /** This moment in numbers, large enough to be read from the back seat. */
 
 import { button, h, keep_list, set_attribute, set_text, svg } from "../dom";
-import { clock_time, compass_point, decimal, duration, fix_types, is_number, latitude, longitude, no_value, position_types, rough } from "../format";
+import { clock_time, compass_point, decimal, duration, is_number, latitude, longitude, no_value, position_types, rough } from "../format";
 import { glyph, set_glyph } from "../glyph";
-import { short_service, type Tone } from "../model";
+import { numbers_of, short_service, type Tone } from "../model";
 import type { Context, Panel } from "../panel";
 import type { Record_json } from "../feed";
 
@@ -88,8 +88,7 @@ export function now_panel(context: Context): Panel {
     const type = [1, 2].filter((one) => now - (model.input.get(one)?.at ?? 0) < 5000);
     const quality = [...model.quality.values()].sort((a, b) => b.at - a.at)[0];
     const fix = quality && now - quality.at < 5000 ? quality.data["statusFixType"] : undefined;
-    const used = quality?.data["satsInUse"];
-    const seen = quality?.data["satsInView"];
+    const { satsInUse: used, satsInView: seen } = quality ? numbers_of(quality.data) : {};
     const gnss = model.peers?.consumed.find((one) => short_service(one.service) === "GNSS");
     const rate = (value: number) => (Number.isNaN(value) ? no_value : decimal(value, 1));
     // Only where a Time service is offered.
@@ -108,8 +107,8 @@ export function now_panel(context: Context): Panel {
       { name: "Rate out", value: rate(model.rates.output.value(now)), unit: "a second" },
       {
         name: "Fix",
-        value: is_number(fix) ? (fix_types[fix] ?? String(fix)) : no_value,
-        mark: fix === 0 ? { tone: "bad", text: "" } : undefined,
+        value: fix === "none" ? "no fix" : String(fix ?? no_value),
+        mark: fix === "none" ? { tone: "bad", text: "" } : undefined,
       },
       { name: "Satellites", value: is_number(used) ? `${used}${is_number(seen) ? ` of ${seen}` : ""}` : no_value, unit: "used" },
       {
@@ -122,7 +121,7 @@ export function now_panel(context: Context): Panel {
         name: "Time service",
         value: new Date(1000 * Number(utc["utcSeconds"])).toISOString().slice(11, 19),
         unit: "UTC",
-        mark: utc["syncState"] === 0 ? { tone: "warn" as const, text: "free running" } : undefined,
+        mark: utc["syncState"] === "free running" ? { tone: "warn" as const, text: "free running" } : undefined,
       }] : []),
     ];
   }

@@ -6,7 +6,7 @@ import { decimal, duration } from "../format";
 import { numbers_of } from "../model";
 import { Palette, type Context, type Panel } from "../panel";
 
-/** As the records count them, with the letter that receivers print. */
+/** As the records name them, with the letter that receivers print. */
 const systems = [
   { name: "GPS", letter: "G", shape: "M0-5.2A5.2 5.2 0 1 1 0 5.2A5.2 5.2 0 1 1 0-5.2Z" },
   { name: "GLONASS", letter: "R", shape: "M-4.8-4.8H4.8V4.8H-4.8Z" },
@@ -15,6 +15,8 @@ const systems = [
   { name: "SBAS", letter: "S", shape: "M0-6 5.7-1.9 3.5 4.9H-3.5L-5.7-1.9Z" },
   { name: "other", letter: "X", shape: "M-2-6H2V-2H6V2H2V6H-2V2H-6V-2H-2Z" },
 ];
+/** As the records name them, and as the page does. */
+const usage_names = ["in view", "tracked", "in the solution"];
 const uses = ["in view", "tracked", "used"];
 const most_satellites = 128;
 /** dBHz of a bar that fills its column. */
@@ -35,9 +37,10 @@ interface Satellite {
 }
 
 function satellite(record: Record_json): Satellite {
-  const { gnssSystem = 5, satelliteId = 0, azimuth, elevation, carrierToNoise, usage = 0 } = numbers_of(record);
-  const system = systems[gnssSystem] ?? systems[5]!;
-  return { key: system.letter + satelliteId, system, number: satelliteId, azimuth, elevation, strength: carrierToNoise, use: Math.min(2, usage) };
+  const { satelliteId = 0, azimuth, elevation, carrierToNoise } = numbers_of(record);
+  const system = systems.find((one) => one.name === record["gnssSystem"]) ?? systems[systems.length - 1]!;
+  const use = Math.max(0, usage_names.indexOf(String(record["usage"])));
+  return { key: system.letter + satelliteId, system, number: satelliteId, azimuth, elevation, strength: carrierToNoise, use };
 }
 
 export function sky_panel(context: Context): Panel {
