@@ -10,6 +10,7 @@ const browser = await chromium.launchPersistentContext(process.argv[2], {
   args: ["--no-sandbox", "--disable-gpu", "--disable-quic", "--no-first-run", "--disable-background-networking",
     "--disable-component-update", "--disable-sync"],
   viewport: null,
+  timeout: 120_000,
 });
 let page, inspector;
 let problems = [];

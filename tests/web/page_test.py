@@ -122,7 +122,7 @@ class Page(unittest.TestCase):
         page.open(url=url, height=4000)
         page.shows(".verdict .word", "Healthy")
         until(lambda: page.texts(".strip .curve-0 .number")[0].startswith(("9.", "10.")), "the rate")
-        self.assertRegex(page.text(".now .rows"), r"Rate out\s+(9|10)\.\d")
+        until(lambda: re.search(r"Rate out\s+(9|10)\.\d", page.text(".now .rows")), "the rate of this moment")
         self.assertRegex(page.text(".now .rows"), r"Fix\s+3D(.|\n)*Source\s+GNSS and GNSS-DR")
         until(lambda: re.search(r"[1-9]\d* used of \d+ in view", page.text(".sky .caption")), "the sky")
 
