@@ -5,7 +5,6 @@ that the counter of a position tells where it should be, and when it should have
 
 import dataclasses
 import json
-import pathlib
 import re
 import subprocess
 import sys
@@ -23,7 +22,6 @@ AT_ONCE, TIMED_OUT = (0, 0.2), (5, 5.6)  # seconds until an identifier changes
 SLACK = 2.0  # seconds, on a busy machine
 LANES = 5  # applications at the same time
 PAGE = SOURCE / "docs/faults.md"
-BEGIN = "<!-- printed by tests/tools/faults_test.py --print -->\n"
 
 
 @dataclasses.dataclass
