@@ -5,6 +5,9 @@ import json
 import os
 import socket
 import struct
+import time
+
+from desk import DEADLINE
 
 
 def request(address, path="/", method="GET", timeout=20, **headers):
@@ -26,7 +29,7 @@ class WebSocket:
         self.socket = socket.socket()
         if receive_buffer:
             self.socket.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, receive_buffer)
-        self.socket.settimeout(30)
+        self.socket.settimeout(DEADLINE)
         self.socket.connect(address)
         headers = {"Host": f"{address[0]}:{address[1]}", "Upgrade": "websocket", "Connection": "Upgrade",
                    "Sec-WebSocket-Version": "13", "Sec-WebSocket-Key": base64.b64encode(os.urandom(16)).decode(), **headers}
@@ -50,15 +53,21 @@ class WebSocket:
         self.socket.sendall(head + b"\0" * 4 * masked + payload)
 
     def receive(self):
-        """Opcode and payload of the next frame; pings are answered. Empty: the connection has ended."""
+        """Opcode and payload of the next message; pings are answered. None: the connection has ended."""
+        message, kind = b"", None
         while head := self.stream.read(2):
             length = head[1]
             if length > 125:
                 length = int.from_bytes(self.stream.read(2 if length == 126 else 8), "big")
-            payload = self.stream.read(length)
-            if head[0] & 0xF != 9:
-                return head[0] & 0xF, payload
-            self.send(payload, opcode=10)
+            payload, opcode = self.stream.read(length), head[0] & 0xF
+            if opcode == 9:
+                self.send(payload, opcode=10)
+            elif opcode == 8:
+                return opcode, payload
+            else:
+                message, kind = message + payload, opcode or kind
+                if head[0] & 0x80:
+                    return kind, message
         return None, b""
 
     def frame(self):
@@ -68,10 +77,16 @@ class WebSocket:
 
     def until(self, topic, condition=lambda data: True):
         """The next frame of the topic whose data fulfils the condition."""
-        while True:
+        end = time.monotonic() + DEADLINE
+        last = None
+        while time.monotonic() < end:
             frame = self.frame()
-            if frame["topic"] == topic and condition(frame["data"]):
+            if frame["topic"] != topic:
+                continue
+            if condition(frame["data"]):
                 return frame
+            last = frame
+        raise AssertionError(f"not within {DEADLINE:g} s: {topic}; the last one: {last}")
 
     def closed_with(self):
         """The code with which the server closes."""

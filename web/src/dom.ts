@@ -42,7 +42,7 @@ export function set_attribute(element: Element, name: string, value: string | nu
   else element.setAttribute(name, value);
 }
 
-/** Keeps a child for each item, in order: made once, then updated. */
+/** Keeps a child for each item, in order: made once, then updated. Of items with the same key only the first has a child. */
 export function keep_list<T>(
   parent: Element,
   items: readonly T[],
@@ -53,8 +53,11 @@ export function keep_list<T>(
   const known = new Map<string, Element>();
   for (const child of parent.children) known.set((child as HTMLElement | SVGElement).dataset["key"] ?? "", child);
   let at: Element | null = parent.firstElementChild;
+  const done = new Set<string>();
   for (const item of items) {
     const name = key(item);
+    if (done.has(name)) continue;
+    done.add(name);
     let element = known.get(name);
     if (!element) {
       element = make(item);

@@ -12,6 +12,7 @@ const rows_each_second = 4_000;
 const events_kept = 500;
 const log_kept = 3000;
 const offers_kept = 256;
+const physical_value = 4;
 
 const output_curves: readonly Curve[] = [
   { name: "LAT", precise: true },
@@ -94,8 +95,8 @@ export class Model implements Sink {
   satellites: Latest<Notification> | undefined;
   times: Latest<Notification> | undefined;
   /** The last record of each position type. */
-  readonly input = new Map<number, Latest<Record_json>>();
-  readonly quality = new Map<number, Latest<Record_json>>();
+  readonly input = new Map<number, Latest<{ [member: string]: number }>>();
+  readonly quality = new Map<number, Latest<{ [member: string]: number }>>();
   readonly rates = { input: new Rate(), output: new Rate() };
 
   readonly output_track = new Series(rows, output_curves);
@@ -187,14 +188,14 @@ export class Model implements Sink {
         break;
       case "input":
         if (frame.data.initial) break;
-        for (const record of frame.data.records) this.input.set(type_of(record), latest(record));
+        for (const record of frame.data.records) this.input.set(type_of(record), latest(numbers_of(record)));
         this.rates.input.take(frame.data);
         this.take_positions(frame.data, (type) => this.input_track(type));
         break;
       case "quality":
         for (const record of frame.data.records) {
-          this.quality.set(type_of(record), latest(record));
-          this.push(this.quality_series(type_of(record)), frame.data.received * 1000, record);
+          this.quality.set(type_of(record), latest(numbers_of(record)));
+          this.push(this.quality_series(type_of(record)), frame.data.received * 1000, numbers_of(record));
         }
         break;
       case "satellites":
@@ -207,10 +208,10 @@ export class Model implements Sink {
         this.services = frame.data;
         break;
       case "status":
-        if (frame.data.verdict === "no answer" && this.status) {
+        if (frame.data.verdict === "no answer") {
           // The lights stay as they were, and the page says of when they are.
           const { verdict, reason, findings, ratePerS } = frame.data;
-          this.status = { ...this.status, verdict, reason, findings, ratePerS };
+          if (this.status) this.status = { ...this.status, verdict, reason, findings, ratePerS };
         } else {
           this.status = frame.data;
           this.status_at = frame.at;
@@ -361,8 +362,7 @@ export class Model implements Sink {
   }
 
   /** Appends a row and decides how it follows the last one. */
-  private push(series: Series, t: number, record: Values | Record_json, min?: Values, max?: Values, bucket_ms = 0): void {
-    const last = record as Values;
+  private push(series: Series, t: number, last: Values, min?: Values, max?: Values, bucket_ms = 0): void {
     const dt = t - series.last_time;
     let link = Link.continues;
     if (series.length > 0) {
@@ -477,9 +477,12 @@ function type_of(record: Record_json): number {
   return is_number(type) && type in position_types ? type : 0;
 }
 
-function numbers_of(record: Record_json): Values {
-  const values: Values = {};
-  for (const [name, value] of Object.entries(record)) if (is_number(value)) values[name] = value;
+/** The numbers of a record, without those that the source itself does not call physical values. */
+export function numbers_of(record: Record_json): { [member: string]: number } {
+  const values: { [member: string]: number } = {};
+  for (const [name, value] of Object.entries(record)) {
+    if (is_number(value) && (record[`${name}_valueType`] ?? physical_value) === physical_value) values[name] = value;
+  }
   return values;
 }
 

@@ -2,7 +2,7 @@
 
 import { Address } from "./address";
 import { button, choice, h, set_attribute, set_text } from "./dom";
-import { clock_time, duration } from "./format";
+import { clock_time, duration, sentence } from "./format";
 import { glyph, set_glyph } from "./glyph";
 import { group_word, label_of, Model, status_word, type Tone } from "./model";
 import { Cursor, type Context, type Panel } from "./panel";
@@ -18,6 +18,7 @@ import type { Source } from "./source";
 const panels = [track_panel, now_panel, sky_panel, health_panel, time_panel, wire_panel, log_panel];
 /** A little under 1/30 s: the display's own frames decide. */
 const frame_ms = 30;
+const announcements_kept = 6;
 const spans = [["60", "1 min"], ["600", "10 min"], ["3600", "1 h"]] as const;
 
 /** Draws panels that asked for it and that are on the screen. */
@@ -107,10 +108,11 @@ export function show(source: Source): Model {
   const cursor = new Cursor();
   const stage = new Stage();
 
-  const announcer = h("p", { class: "unseen", role: "status", "aria-live": "polite" });
-  let announced = "";
+  const announcer = h("div", { class: "unseen", role: "status", "aria-live": "polite" });
   const announce = (text: string) => {
-    if (text !== announced) announcer.textContent = announced = text;
+    // A sentence that comes soon after another must not take its place.
+    announcer.append(h("p", {}, text));
+    while (announcer.childElementCount > announcements_kept) announcer.firstElementChild!.remove();
   };
 
   const time_window = () => {
@@ -234,7 +236,7 @@ export function show(source: Source): Model {
   });
   model.follow(["change"], () => {
     const last = model.last_change;
-    if (last) announce(`${label_of(last.name)}, ${group_word(last.group)}: ${status_word(last.status)}. ${last.meaning}`);
+    if (last) announce(`${label_of(last.name)}, ${group_word(last.group)}: ${status_word(last.status)}. ${sentence(last.meaning)}`);
   });
 
   source.start(model);

@@ -43,12 +43,14 @@ using lumo::services::time::proxy::TimeProxy;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
-/// Between two looks at what is due.
-constexpr milliseconds tick{50};
-/// A change of a status is on the page within 200 ms: this, the tick and the way there.
-constexpr milliseconds status_period{100};
-constexpr milliseconds log_period{250};
+/// Between two looks at the status, while a browser shows it: a change is on the page within 200
+/// ms.
+constexpr milliseconds tick{100};
+constexpr milliseconds unwatched_tick{250};
+constexpr milliseconds log_period{500};
 constexpr milliseconds second{1000};
+/// Of 200 lines each. More lines than that in half a second are nothing to read.
+constexpr int most_answers = 2;
 /// The application answers in a millisecond. Longer waits would hold up the rest of the page.
 constexpr double answer_time = 1;
 /// A peer decides how many it offers.
@@ -63,12 +65,11 @@ constexpr std::array<const char*, 3> faults{"notAvailable", "errorValueReceived"
 class Period {
  public:
   explicit Period(milliseconds length) : length_(length) {}
-  [[nodiscard]] bool is_due(Clock::time_point now, milliseconds length) {
-    if (now < last_ + length) return false;
+  [[nodiscard]] bool is_due(Clock::time_point now) {
+    if (now < last_ + length_) return false;
     last_ = now;
     return true;
   }
-  [[nodiscard]] bool is_due(Clock::time_point now) { return is_due(now, length_); }
 
  private:
   const milliseconds length_;
@@ -194,14 +195,16 @@ class Live_source::Implementation {
       listener_->read([this](const auto& key, const auto& offer) { offers_.take(key, offer); });
       offers_.expire(someip::Time::clock::now());
     }
+    // Without an application nothing else comes, and a page could not tell that the server is
+    // alive.
+    if (!present_ && services_period_.is_due(now)) tell_services();
     if (statistics_.proxy() == nullptr) return;
     try {
       const bool watched = feed_.has_clients();
       // The status has the figures of the statistics in its verdict, so they come first.
       if (statistics_period_.is_due(now)) look_at_statistics();
-      if (status_period_.is_due(now, watched ? status_period : second)) look_at_status(now);
-      if (watched && peers_period_.is_due(now)) look_at_peers();
-      if (has_log_ && log_period_.is_due(now, watched ? log_period : second)) look_at_log();
+      if (watched || status_period_.is_due(now)) look_at_status(now);
+      if (has_log_ && log_period_.is_due(now)) look_at_log();
       if (!present_) tell_application(true, "");
     } catch (const std::exception& error) {
       // It has ended, or it stands still: either is told once.
@@ -304,11 +307,12 @@ class Live_source::Implementation {
     if (!verdict_period_.is_due(now) && same) return;
     Json status{{"schema", 1}, {"verdict", ""}, {"reason", ""}, {"findings", Json::array()}};
     status["ratePerS"] = position_rate(figures_["ages"]);
-    Json services = json_of(result_of(statistics_.proxy()->Peers(), Statistics::Peers.name,
-                                      deadline_in(answer_time)))["consumed"];
-    add_diagnosis(status, state, services);
-    add_verdict(status, std::move(services));
-    status["words"] = words_of(status);
+    const Json peers = json_of(
+        result_of(statistics_.proxy()->Peers(), Statistics::Peers.name, deadline_in(answer_time)));
+    feed_.state(Topic::peers, peers);
+    add_diagnosis(status, state, peers["consumed"]);
+    add_verdict(status, peers["consumed"]);
+    status["words"] = same ? last_status_["words"] : words_of(status);
     for (const auto* kind : faults)
       for (auto& fault : status["dataBus"][kind])
         fault["text"] = fault_sentence(kind_of(kind), fault);
@@ -385,14 +389,9 @@ class Live_source::Implementation {
     feed_.keep(Topic::monitors, json);
   }
 
-  void look_at_peers() {
-    feed_.state(Topic::peers, json_of(result_of(statistics_.proxy()->Peers(),
-                                                Statistics::Peers.name, deadline_in(answer_time))));
-  }
   void look_at_log() {
     try {
-      // One answer does not hold all lines of a busy second.
-      for (int answers = 0; answers < 8; ++answers) {
+      for (int answers = 0; answers < most_answers; ++answers) {
         const auto answer = result_of(statistics_.proxy()->LogLines(next_line_),
                                       Statistics::LogLines.name, deadline_in(answer_time));
         next_line_ = answer.next;
@@ -458,8 +457,8 @@ class Live_source::Implementation {
   Service<TimeProxy> time_;
   Service<Statistics_proxy> statistics_;
   std::optional<Monitor_reports> monitors_;
-  Period statistics_period_{second}, status_period_{status_period}, verdict_period_{second},
-      peers_period_{second}, log_period_{log_period};
+  Period services_period_{second}, statistics_period_{second}, status_period_{second},
+      verdict_period_{second}, log_period_{log_period};
   bool present_ = true;  ///< so that the first word is that it is not
   double started_ = 0;   ///< milliseconds since 1970; 0: not known
   Json figures_ = Json::object();

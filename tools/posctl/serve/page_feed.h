@@ -80,7 +80,7 @@ class Page_feed {
     entry.stream.add(records, received);
     send_due(entry);
   }
-  /// Sends notifications that were held back. Call it some twenty times a second.
+  /// Sends notifications that were held back. Call it some ten times a second.
   void flush();
   /// A state: it is sent now and to each client that comes, who gets `whole` if that is given.
   void state(Topic topic, const Json& data, const Json* whole = nullptr);
