@@ -2,7 +2,6 @@
 #include <stdexcept>
 #include <string>
 
-#include "ara/time/slave_time_base.h"
 #include "binding/timestamp.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
@@ -11,6 +10,7 @@
 #include "tools/posctl/statistics_page.h"
 #include "tools/posctl/status_page.h"
 #include "tools/posctl/terminal.h"
+#include "tools/posctl/time_base.h"
 #include "tools/posctl/verdict.h"
 #include "tools/stop_signal.h"
 
@@ -36,9 +36,7 @@ Json last_of(const Records& records) {
   if (is_stamp_only(json["record"])) return json;
   json["none"] = false;
   if (const auto timestamp = binding::timestamp_of(record)) {
-    using Proxy = ara::time::SlaveTimeBaseResourceProxy;
-    const auto now = Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime();
-    json["ageS"] = static_cast<double>((now - timestamp->since_epoch()).count()) / 1e9;
+    json["ageS"] = static_cast<double>((time_base_now() - timestamp->since_epoch()).count()) / 1e9;
   }
   return json;
 }

@@ -7,7 +7,6 @@
 #include <string>
 #include <string_view>
 
-#include "ara/time/slave_time_base.h"
 #include "binding/codec.h"
 #include "binding/timestamp.h"
 #include "mw/com/statistics.h"
@@ -18,6 +17,7 @@
 #include "tools/posctl/printer.h"
 #include "tools/posctl/record_json.h"
 #include "tools/posctl/terminal.h"
+#include "tools/posctl/time_base.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
@@ -47,9 +47,7 @@ template <class Record>
 std::optional<double> age_ms(const Record& record) {
   const auto stamp = binding::timestamp_of(record);
   if (!stamp) return std::nullopt;
-  using Proxy = ara::time::SlaveTimeBaseResourceProxy;
-  const auto now = Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime();
-  return static_cast<double>((now - stamp->since_epoch()).count()) / 1e6;
+  return static_cast<double>((time_base_now() - stamp->since_epoch()).count()) / 1e6;
 }
 
 /// Prints notifications in one of the forms.
