@@ -1,5 +1,5 @@
 /// What the Statistics service tells about the application: its statuses, the faults of the
-/// services that it uses, its settings, the levels of its log.
+/// services that it uses, its settings, its log.
 #pragma once
 
 #include <cstdint>
@@ -41,6 +41,20 @@ struct Setting_in_force {
 struct Log_context_level {
   std::string context;
   std::string level;  ///< "off", "fatal", "error", "warn", "info", "debug", "verbose"
+};
+
+/// A line of the application's log.
+struct Log_line {
+  std::uint64_t timeUs = 0;  ///< since 1970
+  std::string level;
+  std::string context;
+  std::string text;
+};
+
+struct Log_lines {
+  std::uint64_t next = 0;  ///< number of the line to ask for next
+  std::uint64_t lost = 0;
+  std::vector<Log_line> lines;
 };
 
 }  // namespace binding

@@ -4,6 +4,7 @@
 #include <utility>
 
 #include "ara/log/levels.h"
+#include "ara/log/recent.h"
 
 namespace binding {
 namespace {
@@ -32,6 +33,7 @@ Statistics_skeleton::Statistics_skeleton(Statistics_sources sources)
   provide(core(), Statistics::LogLevels, [this] { return LogLevels(); });
   provide(core(), Statistics::SetLogLevel,
           [this](const Log_context_level& wanted) { return SetLogLevel(wanted); });
+  provide(core(), Statistics::LogLines, [this](std::uint64_t from) { return LogLines(from); });
 }
 
 ara::core::Future<Statistics::Counters_result> Statistics_skeleton::Counters() {
@@ -79,6 +81,16 @@ ara::core::Future<Statistics::Log_levels_result> Statistics_skeleton::SetLogLeve
   const auto level = ara::log::LevelNamed(wanted.level);
   if (level && ara::log::SetLevelOf(wanted.context, *level)) set.push_back(wanted);
   return ready(std::move(set));
+}
+
+ara::core::Future<Log_lines> Statistics_skeleton::LogLines(std::uint64_t from) {
+  auto recent = ara::log::LinesFrom(from);
+  Log_lines answer{recent.next, recent.lost, {}};
+  for (auto& line : recent.lines) {
+    answer.lines.push_back({line.timeUs, std::string(ara::log::NameOf(line.level)),
+                            std::move(line.context), std::move(line.text)});
+  }
+  return ready(std::move(answer));
 }
 
 std::unique_ptr<Statistics_skeleton> offer_statistics(Statistics_sources sources) {

@@ -2,6 +2,7 @@
 /// skeleton and proxy. It is not a function of the vehicle.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -202,6 +203,27 @@ struct binding::Description<binding::Log_context_level> {
       plain("level", &Record::level, "", "off, fatal, error, warn, info, debug, verbose")};
 };
 
+template <>
+struct binding::Description<binding::Log_line> {
+  using Record = binding::Log_line;
+  static constexpr std::string_view name = "binding::Log_line";
+  static constexpr auto entries =
+      std::tuple{plain("timeUs", &Record::timeUs, "us", "since 1970, on the system clock"),
+                 plain("level", &Record::level, "", "fatal, error, warn, info, debug, verbose"),
+                 plain("context", &Record::context, "", "such as GNSS"),
+                 plain("text", &Record::text, "", "at most 1024 bytes")};
+};
+
+template <>
+struct binding::Description<binding::Log_lines> {
+  using Record = binding::Log_lines;
+  static constexpr std::string_view name = "binding::Log_lines";
+  static constexpr auto entries = std::tuple{
+      plain("next", &Record::next, "", "number of the line to ask for next"),
+      plain("lost", &Record::lost, "", "lines before the first one here, no longer kept"),
+      plain("lines", &Record::lines, "", "the oldest first; more may follow")};
+};
+
 namespace binding {
 
 struct Statistics {
@@ -228,8 +250,12 @@ struct Statistics {
   /// Returns the levels of the contexts that it set: none for an unknown context or level.
   static constexpr mw::com::cpp_binding::Method<Log_levels_result(Log_context_level)> SetLogLevel{
       "SetLogLevel"};
-  static constexpr auto elements = std::tuple{
-      Counters, Process, Ages, Stamps, Clock, Peers, Diagnosis, Settings, LogLevels, SetLogLevel};
+  /// Returns the lines from a number on. For ten seconds after each call every line is kept, else
+  /// only those of level warn and above, and the first ones.
+  static constexpr mw::com::cpp_binding::Method<Log_lines(std::uint64_t)> LogLines{"LogLines"};
+  static constexpr auto elements =
+      std::tuple{Counters,  Process,  Ages,      Stamps,      Clock,   Peers,
+                 Diagnosis, Settings, LogLevels, SetLogLevel, LogLines};
 };
 
 class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statistics> {
@@ -246,6 +272,7 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
   mw::com::cpp_binding::proxy::Element<Statistics::Settings> Settings{core()};
   mw::com::cpp_binding::proxy::Element<Statistics::LogLevels> LogLevels{core()};
   mw::com::cpp_binding::proxy::Element<Statistics::SetLogLevel> SetLogLevel{core()};
+  mw::com::cpp_binding::proxy::Element<Statistics::LogLines> LogLines{core()};
 };
 
 /// Where the service finds what it tells. The references, and what the function uses, outlive it.
@@ -256,7 +283,7 @@ struct Statistics_sources {
   std::vector<Setting_in_force> settings;
 };
 
-/// Answers with the counters, usage, peers and log levels of this process, and with its sources.
+/// Answers with the counters, usage, peers and log of this process, and with its sources.
 class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl<Statistics> {
  public:
   /// The instance "Statistics_ProvidedSomeipServiceInstance". Throws std::runtime_error if the
@@ -275,6 +302,7 @@ class Statistics_skeleton : public mw::com::cpp_binding::skeleton::Skeleton_impl
   [[nodiscard]] ara::core::Future<Statistics::Log_levels_result> LogLevels();
   [[nodiscard]] ara::core::Future<Statistics::Log_levels_result> SetLogLevel(
       const Log_context_level& wanted);
+  [[nodiscard]] ara::core::Future<Log_lines> LogLines(std::uint64_t from);
 
  private:
   const Statistics_sources sources_;

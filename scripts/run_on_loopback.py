@@ -10,6 +10,7 @@ import math
 import os
 import pathlib
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -19,6 +20,7 @@ import time
 FIRST_POSITION_TIMEOUT = 20.0
 STATUS_TIMEOUT = 5.0
 END_TIMEOUT = 15.0
+PAGE_PORT = 8030
 
 
 class Program:
@@ -125,6 +127,16 @@ def read_status(posctl, as_json):
     return answer.stdout, None if healthy_or_not else answer.stderr.strip()
 
 
+def is_free(port):
+    with socket.socket() as trial:
+        trial.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+        try:
+            trial.bind(("127.0.0.1", port))
+        except OSError:
+            return False
+    return True
+
+
 def percentile(values, part):
     """Nearest rank."""
     if not values:
@@ -134,7 +146,7 @@ def percentile(values, part):
 
 
 class Run:
-    """The three programs, from their start to the summary."""
+    """The three programs and the page, from their start to the summary."""
 
     def __init__(self, options, stop):
         self.options = options
@@ -143,6 +155,7 @@ class Run:
         self.statistics = self.logs / "gnss-gateway.json"
         self.programs = []
         self.application = self.gateway = self.consumer = None
+        self.page = None  # not among the programs: a run does not need it
         self.status = ""
         self.sent = 0
         self.problems = []  # with a None for each success
@@ -157,11 +170,27 @@ class Run:
                 "POS_INITDATA_DIR": os.environ.get("POS_INITDATA_DIR", str(pathlib.Path("config").resolve())),
             },
         )
+        if not self.options.no_page:
+            self._start_page()
         watch = self._start("posctl", ["tools/posctl/posctl", "watch", "--json"], stdout=subprocess.PIPE)
         self.consumer = Consumer(watch.process.stdout, self.options.json)
         with open(self.statistics, "wb") as file:
             command = ["tools/gnss-gateway/gnss-gateway", "--json", *self.options.gateway]
             self.gateway = self._start("gnss-gateway", command, stdout=file)
+
+    def _start_page(self):
+        listen = f"127.0.0.1:{PAGE_PORT if is_free(PAGE_PORT) else 0}"  # 0: another one that is free
+        command = [self.options.build / "tools/posctl/posctl", "serve", "--listen", listen]
+        if self.options.open:
+            command.append("--open")
+        self.page = Program("page", command, self.logs / "page.log", stdout=subprocess.PIPE)
+        address = self.page.process.stdout.readline().decode().strip()
+        if not address:
+            print(f"run: there is no page, see {self.page.log_path}", file=sys.stderr)
+        elif self.options.json:
+            print(json.dumps({"page": address}), flush=True)
+        else:
+            print(f"page: {address}", flush=True)
 
     def _start(self, name, command, **arguments):
         program = Program(name, [self.options.build / command[0], *command[1:]], self.logs / f"{name}.log", **arguments)
@@ -172,7 +201,7 @@ class Run:
         return next((program for program in self.programs if program.ended()), None)
 
     def kill(self):
-        for program in self.programs:
+        for program in [*self.programs, *([self.page] if self.page else [])]:
             program.kill()
 
     def watch(self):
@@ -207,6 +236,8 @@ class Run:
         for program in reversed(self.programs):
             if program is not self.gateway:
                 self.problems.append(program.stop())
+        if self.page and not self.page.ended():
+            self.problems.append(self.page.stop())
         self.consumer.thread.join(END_TIMEOUT)
 
     def summary(self):
@@ -254,6 +285,8 @@ def main():
     parser = argparse.ArgumentParser(prog="scripts/run", description=__doc__.splitlines()[0])
     parser.add_argument("--seconds", type=float, help="end after so many seconds of positions")
     parser.add_argument("--json", action="store_true", help="print notifications and summary as JSON lines")
+    parser.add_argument("--no-page", action="store_true", help="do not serve the page")
+    parser.add_argument("--open", action="store_true", help="show the page in the browser of this desktop")
     parser.add_argument("--build", type=pathlib.Path, required=True, help=argparse.SUPPRESS)
     parser.add_argument("gateway", nargs="*", help="arguments for gnss-gateway, after --")
     options = parser.parse_args()

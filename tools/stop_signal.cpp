@@ -41,9 +41,12 @@ Stop_signal::~Stop_signal() {
   close(descriptor_);
 }
 
-Stop_signal::Wake Stop_signal::wait_until(std::chrono::steady_clock::time_point due, int input) {
+Stop_signal::Wake Stop_signal::wait_until(std::chrono::steady_clock::time_point due,
+                                          int input,
+                                          int alarm) {
   using namespace std::chrono;
-  std::array<pollfd, 2> descriptors{{{descriptor_, POLLIN, 0}, {input, POLLIN, 0}}};
+  std::array<pollfd, 3> descriptors{
+      {{descriptor_, POLLIN, 0}, {input, POLLIN, 0}, {alarm, POLLIN, 0}}};
   while (!stopped_) {
     const auto left = time_left(due);
     const auto whole = floor<seconds>(left);
@@ -53,7 +56,7 @@ Stop_signal::Wake Stop_signal::wait_until(std::chrono::steady_clock::time_point 
       throw std::system_error(errno, std::generic_category(),
                               "cannot wait for input and stop signals");
     if (ready > 0 && descriptors[0].revents != 0) stopped_ = true;
-    if (ready > 0 && !stopped_) return Wake::readable;
+    if (ready > 0 && !stopped_) return descriptors[1].revents != 0 ? Wake::readable : Wake::due;
     if (ready == 0 && steady_clock::now() >= due) return Wake::due;
   }
   return Wake::stopped;

@@ -19,8 +19,11 @@ class Stop_signal {
   Stop_signal& operator=(const Stop_signal&) = delete;
 
   /// Returns `stopped` once a signal has come (and from then on always), `readable` when `input` (a
-  /// file descriptor, none below 0) has data or has ended, `due` when the time has come.
-  [[nodiscard]] Wake wait_until(std::chrono::steady_clock::time_point due, int input = -1);
+  /// file descriptor, none below 0) has data or has ended, `due` when the time has come. When
+  /// `alarm`, another descriptor, is readable it returns `due` early.
+  [[nodiscard]] Wake wait_until(std::chrono::steady_clock::time_point due,
+                                int input = -1,
+                                int alarm = -1);
   /// Readable once a signal has come, and from then on always.
   [[nodiscard]] int descriptor() const { return descriptor_; }
 

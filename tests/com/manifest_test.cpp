@@ -11,6 +11,7 @@
 #include <set>
 #include <utility>
 
+#include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tests/support/error_of.h"
 #include "tests/support/temporary_folder.h"
@@ -196,8 +197,20 @@ class Environment : public testing::Test {
   const std::filesystem::path path_ = folder_ / "manifest.json";
 };
 
-TEST_F(Environment, names_the_manifest_and_replaces_the_address) {
+TEST_F(Environment, of_the_application_decides_and_not_that_of_another_one) {
+  write(good().dump());
+  ara::core::Initialize({.name = "other"});
+  EXPECT_THAT(error_of([] { static_cast<void>(tq::com::load_deployment()); }),
+              AllOf(HasSubstr("variable OTHER_MANIFEST names none"),
+                    HasSubstr("/share/other/manifest.json\"")));
+  const std::string brought = good().dump();
+  ara::core::Initialize({.name = "other", .manifest = brought});
   EXPECT_EQ(tq::com::load_deployment().source, "built-in manifest");
+  ara::core::Initialize({.name = "pos", .node = "POS"});
+  EXPECT_EQ(tq::com::load_deployment().source, path_.string());
+}
+
+TEST_F(Environment, names_the_manifest_and_replaces_the_address) {
   write(good().dump());
   EXPECT_EQ(tq::com::load_deployment("two").source, path_.string());
   EXPECT_EQ(addresses(), "127.43.0.1 127.43.0.2 127.43.0.3 ");
@@ -235,8 +248,9 @@ TEST_F(Environment, what_is_no_readable_manifest_is_named_and_does_not_hang) {
     EXPECT_EQ(error_of(addresses),
               path.string() + ": the deployment manifest cannot be read: " + found);
   }
+  write(good().dump() + std::string((1U << 20U) - good().dump().size(), ' '));
+  EXPECT_NO_THROW(static_cast<void>(addresses())) << "the largest";
   if (::geteuid() == 0) return;  // may read everything
-  write(good().dump());
   ::chmod(path_.c_str(), 0);
   EXPECT_THAT(error_of(addresses), HasSubstr("cannot be read: Permission denied"));
 }

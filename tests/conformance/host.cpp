@@ -34,6 +34,7 @@
 #include <tuple>
 #include <vector>
 
+#include "ara/core/initialization.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/byte_order.h"
@@ -236,6 +237,7 @@ class Host {
 }  // namespace
 
 int main() try {
+  ara::core::Initialize({.name = "pos", .node = "host"});
   const someip::Deployment deployment = tq::com::load_deployment("host");
   Host host(deployment);
   print("ready");

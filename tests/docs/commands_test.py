@@ -18,8 +18,12 @@ import unittest
 
 from desk import BUILD, DEADLINE, SOURCE
 
+PATIENCE = 4 * DEADLINE  # of a command that prints nothing: a compiler on a busy machine
 # Their output depends on what has arrived, so they are repeated until it is that of the page.
-REPEATED = re.compile(r"posctl (peers|doctor|discover)|grep ")
+REPEATED = re.compile(r"(\w+=\S+ )?posctl (peers|doctor|discover)|grep ")
+# For the compiler of a page.
+TOOLCHAIN = {"CMAKE_TOOLCHAIN_FILE": found[1] for found in [
+    re.search(r"^CMAKE_TOOLCHAIN_FILE:\w+=(.+)", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)] if found}
 
 
 def ip(*words):
@@ -28,6 +32,14 @@ def ip(*words):
 
 def masked(line):
     return " ".join(re.sub(r"\b(?!0x)\d[\d.:]*", "N", line).split())
+
+
+def files_of(page):
+    """The files that a page shows, each in one or several blocks, by the name behind the language."""
+    files = {}
+    for name, block in re.findall(r"^```\w+ (\S+[./]\S+)\n(.*?)^```", page, re.DOTALL | re.MULTILINE):
+        files[name] = files[name] + "\n" + block if name in files else block
+    return files
 
 
 def commands_of(page):
@@ -49,7 +61,7 @@ class Machine:
         self.shell = None
 
     def start(self):
-        for link, target in (("build/release", BUILD), ("config", SOURCE / "config"), ("docs", SOURCE / "docs")):
+        for link, target in (("build/release", BUILD), *((name, SOURCE / name) for name in ("config", "docs", "examples"))):
             (self.folder / link).parent.mkdir(parents=True, exist_ok=True)
             (self.folder / link).symlink_to(target)
         run = self.folder / "scripts/run"  # installs and builds nothing
@@ -59,8 +71,9 @@ class Machine:
         programs = [str(BUILD / part) for part in ("app", "tools/posctl", "tools/gnss-gateway")]
         self.shell = subprocess.Popen(
             ["ip", "netns", "exec", self.name, "bash"], cwd=self.folder, bufsize=0,
-            env={**os.environ, "HOME": str(self.folder), "POS_STATE_BUS": "none", "DLT_PIPE_DIR": str(self.folder),
-                 "POS_RUNTIME_DIR": str(self.folder), "PATH": ":".join([*programs, os.environ["PATH"]])},
+            env={**os.environ, "HOME": str(self.folder), "XDG_STATE_HOME": "", "XDG_CONFIG_HOME": "",
+                 "POS_STATE_BUS": "none", "DLT_PIPE_DIR": str(self.folder), "POS_RUNTIME_DIR": str(self.folder),
+                 "PATH": ":".join([*programs, os.environ["PATH"]]), **TOOLCHAIN},
             stdin=subprocess.PIPE, stdout=subprocess.PIPE, stderr=subprocess.STDOUT)
         self.run('sudo() { "$@"; }')
 
@@ -69,7 +82,7 @@ class Machine:
         self.shell.stdin.write(f"{command}\necho end-of-command $?\n".encode())
         output = b""
         while not (end := re.search(rb"end-of-command (\d+)\n$", output)):
-            ready = select.select([self.shell.stdout], [], [], DEADLINE)[0]
+            ready = select.select([self.shell.stdout], [], [], PATIENCE)[0]
             read = os.read(self.shell.stdout.fileno(), 65536) if ready else b""
             if not read:  # too slow, or the shell has ended
                 raise AssertionError(f"no end: {command}\n{output.decode(errors='replace')}")
@@ -123,6 +136,17 @@ class Commands(unittest.TestCase):
 
     def test_receivers(self):
         self.play("receivers.md")
+
+    def test_second_application(self):
+        files = files_of((SOURCE / "docs/second-application.md").read_text(encoding="utf-8"))
+        example = {f"geofence/{file.name}": file.read_text(encoding="utf-8")
+                   for file in (SOURCE / "examples/geofence").iterdir()}
+        self.assertEqual(files, example)
+        for name, text in files.items():
+            file = self.machines["vehicle"].folder / name
+            file.parent.mkdir(exist_ok=True)
+            file.write_text(text, encoding="utf-8")
+        self.play("second-application.md")
 
 
 if __name__ == "__main__":

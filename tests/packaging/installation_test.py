@@ -17,10 +17,13 @@ class Installation(unittest.TestCase):
         root = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory(prefix="pos-installed-")))
         done = run("cmake", "--install", os.environ["POS_BUILD_DIR"], "--prefix", root)
         self.assertEqual(done.returncode, 0, done.stderr)
-        verified = run("systemd-analyze", "verify", "--man=no", root / "lib/systemd/system/pos.service")
-        self.assertNotIn("pos.service", verified.stderr)
+        for unit in ("pos.service", "gnss-gateway@drive.service"):
+            verified = run("systemd-analyze", "verify", "--man=no", root / "lib/systemd/system" / unit)
+            self.assertNotIn(unit, verified.stderr)
         described = run(root / "bin/posctl", "describe", "--json")
-        self.assertEqual(json.loads(described.stdout)["manifest"], str(root / "share/pos/manifest.json"))
+        of_machine = pathlib.Path("/etc/pos/manifest.json")
+        self.assertEqual(json.loads(described.stdout)["manifest"],
+                         str(of_machine if of_machine.exists() else root / "share/pos/manifest.json"))
         self.assertEqual(run(root / "bin/gnss-gateway", "--help").returncode, 0)
         for file in ("man/man1/posctl-status.1", "bash-completion/completions/posctl",
                      "zsh/vendor-completions/_posctl", "fish/vendor_completions.d/posctl.fish"):

@@ -1,6 +1,7 @@
-"""The installed unit below a systemd of its own: a machine in namespaces, whose files are this one's with the
+"""The installed units below a systemd of their own: a machine in namespaces, whose files are this one's with the
 installation on top."""
 
+import json
 import os
 import pathlib
 import subprocess
@@ -8,6 +9,7 @@ import tempfile
 import unittest
 
 from desk import BUILD, until
+from machine import Machine
 
 # What the test needs beside sysinit.target, so that nothing of the machine itself is set up anew.
 TARGET = """[Unit]
@@ -15,91 +17,74 @@ Requires=dbus.service pos.service
 After=dbus.service pos.service
 AllowIsolate=yes
 """
-BOOT = """set -e
-mount --make-rprivate /
-mount -t tmpfs tmpfs "$MOUNTS"
-cd "$MOUNTS"
-mkdir upper work root
-mount -t overlay overlay -o lowerdir=/,upperdir=upper,workdir=work root
-cd root
-mount -t proc proc proc
-mount -o bind,ro proc/sys proc/sys
-mount -t sysfs -o ro sysfs sys
-mount -t tmpfs tmpfs sys/fs/cgroup
-mkdir sys/fs/cgroup/systemd
-mount -t cgroup -o none,name=systemd cgroup sys/fs/cgroup/systemd 2>/dev/null ||
-  { umount sys/fs/cgroup; mount -t cgroup2 cgroup2 sys/fs/cgroup; }
-mount -t tmpfs tmpfs run
-mount -t tmpfs tmpfs dev
-for device in null zero full random urandom tty; do cp -a /dev/$device dev; done
-mkdir dev/shm dev/pts
-mount -t devpts -o newinstance,ptmxmode=666 devpts dev/pts
-ln -s pts/ptmx dev/ptmx
-ip link set lo up multicast on
-ip route add 224.0.0.0/4 dev lo
-echo mounted
-cp -r "$INSTALLED/usr" .
-echo "$TARGET" > etc/systemd/system/test.target
-chroot . systemd-sysusers
-ln -sf /dev/null etc/systemd/system/systemd-udevd.service
-mkdir old
-pivot_root . old
-exec env -i container=test PATH=/usr/sbin:/usr/bin /lib/systemd/systemd systemd.unit=test.target systemd.log_target=null
+UNITS = {"pos": "POS__ORVEL1_Sys_Adaptive_01_Exe", "gnss-gateway@drive": "gnss-gateway $GNSS_GATEWAY_ARGUMENTS"}
+# Without SystemCallErrorNumber= a call that the filter forbids kills its process.
+DEADLY = """[Service]
+SystemCallErrorNumber=
+Restart=no
 """
-
-
-class Machine:
-    def __init__(self):
-        self.folder = tempfile.TemporaryDirectory(prefix="pos-machine-")
-        installed, mounts, self.log = (pathlib.Path(self.folder.name, name) for name in ("installed", "mounts", "log"))
-        mounts.mkdir()
-        subprocess.run(["cmake", "--install", BUILD, "--prefix", "/usr"], check=True, capture_output=True,
-                       env={**os.environ, "DESTDIR": str(installed)})
-        with self.log.open("w") as log:
-            self.namespaces = subprocess.Popen(
-                ["unshare", "--mount", "--pid", "--uts", "--ipc", "--net", "--cgroup", "--fork", "--kill-child",
-                 "bash", "-c", BOOT],
-                stdin=subprocess.DEVNULL, stdout=log, stderr=subprocess.STDOUT,
-                env={**os.environ, "INSTALLED": str(installed), "MOUNTS": str(mounts), "TARGET": TARGET},
-            )
-
-    def lacks_rights(self):
-        return self.namespaces.poll() is not None and "mounted" not in self.log.read_text()
-
-    def booted(self):
-        return self.do("systemctl", "is-active", "test.target") == "active"
-
-    def do(self, *command):
-        """What it prints."""
-        pid = self.namespaces.pid
-        inside = pathlib.Path(f"/proc/{pid}/task/{pid}/children").read_text().split()
-        done = subprocess.run(["nsenter", "--all", "--target", *inside, *command], check=False, capture_output=True,
-                              text=True, stdin=subprocess.DEVNULL, timeout=60)
-        return done.stdout.strip()
-
-    def unit(self, name):
-        return self.do("systemctl", "show", "--value", "--property", name, "pos")
-
-    def end(self):
-        self.namespaces.kill()  # and with it everything in it
-        self.namespaces.wait()
-        self.folder.cleanup()
+TRACED = """[Service]
+Type=exec
+WatchdogSec=0
+Restart=no
+SystemCallFilter=
+SystemCallErrorNumber=
+StateDirectory=traced-{name}
+ExecStart=
+ExecStart=/usr/bin/strace --interruptible=never --follow-forks --summary-only --output /var/lib/traced-{name}/calls /usr/bin/{program}
+"""
+FORBIDDEN = set("""bpf chown chroot clock_settime delete_module execveat fchown finit_module init_module io_uring_setup
+    kexec_load keyctl kill link linkat memfd_create mount open_by_handle_at perf_event_open personality pidfd_getfd
+    pivot_root process_vm_readv process_vm_writev ptrace reboot setgid setns settimeofday setuid symlink swapon truncate
+    umount2 unshare userfaultfd""".split())
 
 
 class Unit(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.machine = Machine()
+        installed = cls.enterClassContext(tempfile.TemporaryDirectory(prefix="pos-installed-"))
+        subprocess.run(["cmake", "--install", BUILD, "--prefix", "/usr"], check=True, capture_output=True,
+                       env={**os.environ, "DESTDIR": installed})
+        pathlib.Path(installed, "test.target").write_text(TARGET, encoding="utf-8")
+        cls.machine = Machine("test.target", f"""
+            cp -r {installed}/usr .
+            rm -rf etc/pos && cp -r {installed}/usr/share/pos etc/pos
+            cp {installed}/test.target etc/systemd/system
+            chroot . systemd-sysusers
+            ln -sf /dev/null etc/systemd/system/systemd-udevd.service""")
         cls.addClassCleanup(cls.machine.end)
-        until(lambda: cls.machine.lacks_rights() or cls.machine.booted(), "booted")
-        if cls.machine.lacks_rights():
+        if not cls.machine.wait():
             raise unittest.SkipTest(cls.machine.log.read_text())
+
+    def restart(self, drop_in):
+        """Both units with a drop-in, while all that a user does with them goes on; then stops them."""
+        machine, units = self.machine, [*UNITS]
+        for name, program in UNITS.items():
+            folder = f"/run/systemd/system/{name}.service.d"
+            machine.do("mkdir", "-p", folder)
+            machine.do("sh", "-c", f"cat > {folder}/test.conf << 'E'\n{drop_in.format(name=name, program=program)}\nE")
+        machine.do("systemctl", "daemon-reload")
+        machine.do("systemctl", "restart", *units)
+        self.assertEqual(machine.do("posctl", "watch", "--field", "positions", "--count", "3").count("positions "), 3)
+        for command in (["status"], ["stats"], ["peers"], ["discover"], ["settings"], ["doctor"], ["read", "all"],
+                        ["log", "GNSS=debug"], ["state", "kPrepSD"]):
+            machine.do("posctl", *command)
+        machine.do("systemctl", "stop", *units)
+        return {name: machine.unit("Result", name) for name in units}
 
     def test_1_runs_in_its_sandbox(self):
         self.assertEqual(self.machine.unit("StatusText"), "running")
         main = self.machine.unit("MainPID")
         self.assertEqual(self.machine.do("ps", "-o", "user=", "-p", main), "pos")
         self.assertEqual(self.machine.do("stat", "-c", "%U %a", "/var/lib/pos"), "pos 750")
+        self.assertEqual(self.machine.do("stat", "-c", "%U %a", "/run/pos/POS.sock"), "pos 660")
+        self.assertEqual(json.loads(self.machine.do("posctl", "describe", "--json"))["manifest"], "/etc/pos/manifest.json")
+        self.assertIn("synchronised", self.machine.do("posctl", "stats"), "the filter lets the clock's state be read")
+        self.machine.do("systemctl", "start", "gnss-gateway@drive")
+        for name in UNITS:
+            exposure = self.machine.run("systemd-analyze", "security", "--threshold=15", f"{name}.service",
+                                        capture_output=True)
+            self.assertEqual(exposure.returncode, 0, exposure.stdout)
 
     def test_2_state_management_reaches_it(self):
         self.assertEqual(self.machine.do("posctl", "state", "kPrepSD"), "kPrepSD confirmed with result 0")
@@ -114,6 +99,18 @@ class Unit(unittest.TestCase):
         self.machine.do("systemctl", "stop", "pos")
         self.assertEqual(self.machine.unit("Result"), "success")
         self.assertEqual(self.machine.unit("ExecMainStatus"), "0")
+
+    def test_5_makes_only_the_system_calls_that_its_filter_allows(self):
+        self.assertEqual(self.restart(DEADLY), dict.fromkeys(UNITS, "success"))
+        allowed = {name: set(self.machine.unit("SystemCallFilter", name).split()) for name in UNITS}
+        self.assertEqual(self.restart(TRACED), dict.fromkeys(UNITS, "success"))
+        for name, calls in allowed.items():
+            table = self.machine.do("cat", f"/var/lib/traced-{name}/calls").splitlines()[2:-2]
+            called = {line.split()[-1] for line in table}
+            self.assertGreater(len(called), 30, table)
+            self.assertEqual(called - calls, set())
+            self.assertEqual(calls & FORBIDDEN, set())
+            self.assertLess(len(calls), 200, "of about 360 that a processor has; the names of all processors count here")
 
 
 if __name__ == "__main__":

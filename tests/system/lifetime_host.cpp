@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <iostream>
 
+#include "app/identity.h"
 #include "app/pos_main.h"
 #include "tests/support/seen.h"
 
@@ -20,6 +21,7 @@ std::size_t count(const char* folder) {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ara::core::Initialize(positioning_application());
   const long cycles = argc == 2 ? std::strtol(argv[1], nullptr, 10) : 1;
   std::size_t first = 0;
   for (long cycle = 0; cycle < cycles; ++cycle) {

@@ -9,6 +9,7 @@
 #include <iostream>
 #include <string>
 
+#include "app/identity.h"
 #include "app/posApplication.h"
 #include "app/pos_main.h"
 #include "app/settings.h"
@@ -220,6 +221,7 @@ void peers() {
 }  // namespace
 
 int main(int argc, char** argv) {
+  ara::core::Initialize(positioning_application());
   if (argc == 2 && argv[1] == std::string_view("exit-code")) return pos_main(1, argv);
   ara::log::InitLogging("POS", "POS application", ara::log::LogLevel::kInfo,
                         ara::log::LogMode::kRemote, "");

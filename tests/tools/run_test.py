@@ -3,10 +3,13 @@
 import json
 import pathlib
 import signal
+import socket
 import sys
 import unittest
+import urllib.parse
 
 from desk import BUILD, SOURCE, Desk
+from web import request
 
 
 class Run(unittest.TestCase):
@@ -27,7 +30,8 @@ class Run(unittest.TestCase):
 
     def test_a_timed_run_loses_nothing_and_tells_the_age(self):
         output = self.end(self.start("--seconds", "2", "--json", "--", "--rate", "50"))
-        *_, status, summary = map(json.loads, output.splitlines())
+        page, *_, status, summary = map(json.loads, output.splitlines())
+        self.assertRegex(page["page"], r"^http://127\.0\.0\.1:\d+/$")
         self.assertEqual(summary["problems"], [])
         self.assertIn("LAT", status["status"]["position"]["record"])
         self.assertGreater(summary["positionsOut"], 50)
@@ -37,7 +41,14 @@ class Run(unittest.TestCase):
         self.assertLessEqual(summary["ageMedianUs"], summary["age99thPercentileUs"])
 
     def test_ctrl_c_ends_it_well(self):
-        run = self.start()
+        with socket.socket() as taken:  # then the page has another port
+            taken.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            taken.bind(("127.0.0.1", 8030))
+            taken.listen()
+            run = self.start()
+            page = urllib.parse.urlsplit(run.stdout.readline().removeprefix("page: "))
+        self.assertNotEqual(page.port, 8030)
+        self.assertEqual(request((page.hostname, page.port))[0], 200)
         self.assertRegex(run.stdout.readline(), r"46\.9\d+ +7\.4\d+ .* us old$")
         run.send_signal(signal.SIGINT)
         output = self.end(run)
@@ -47,7 +58,7 @@ class Run(unittest.TestCase):
         self.assertRegex(output, r"GNSS notifications in .*\n.*positions and .* out, 0 lost;")
 
     def test_a_program_that_fails_is_named(self):
-        run = self.start("--", "--nmea", "/nothing/there")
+        run = self.start("--no-page", "--", "--nmea", "/nothing/there")
         self.end(run, 1, "run: gnss-gateway ended by itself")
 
 

@@ -4,17 +4,12 @@
 #include <array>
 #include <cmath>
 #include <numbers>
+#include <stdexcept>
 
 namespace drive {
 namespace {
 
-constexpr double pi = std::numbers::pi;
-constexpr double radians(double degrees) {
-  return degrees * pi / 180;
-}
-constexpr double degrees(double radians) {
-  return radians * 180 / pi;
-}
+using std::numbers::pi;
 
 double wrapped(double value, double period) {
   const double rest = std::fmod(value, period);
@@ -65,31 +60,6 @@ constexpr double start_latitude = 46.9480;
 constexpr double start_longitude = 7.4474;
 constexpr double start_altitude = 541.0;
 constexpr double geoid = 49.6;
-
-// WGS84: metres of one radian to the north and to the east at the start. The course is small enough
-// for one tangent plane.
-constexpr double semi_major = 6378137.0;
-constexpr double eccentricity_squared = 6.69437999014e-3;
-
-struct Radii {
-  double north;
-  double east;
-};
-Radii radii() {
-  const double sine = std::sin(radians(start_latitude));
-  const double w = std::sqrt(1 - eccentricity_squared * sine * sine);
-  return {semi_major * (1 - eccentricity_squared) / (w * w * w),
-          semi_major / w * std::cos(radians(start_latitude))};
-}
-
-/// Part of a bend's turn that is done after part `u` of its length. The curvature rises and falls
-/// smoothly, as a driver steers.
-double turned(double u) {
-  return u - std::sin(2 * pi * u) / (2 * pi);
-}
-double steering(double u) {
-  return 1 - std::cos(2 * pi * u);
-}
 
 using Matrix = std::array<std::array<double, 4>, 4>;
 
@@ -151,24 +121,38 @@ Satellite satellite_at(std::size_t index, double seconds, bool in_sight) {
 
 constexpr double fix_delay_2d = 1.0;  ///< seconds from the tunnel's end to a fix in two dimensions
 constexpr double fix_delay_3d = 3.0;  ///< and in three
+/// Seconds in which a fix corrects the error of dead reckoning.
+constexpr double correction_time = 5;
+constexpr double street_speed = kmh(50);  ///< up to this speed a road of a route is a street
+constexpr double max_cut = 4;             ///< metres from a corner to the middle of its bend
+constexpr double least_turn = 0.02;       ///< degrees
+constexpr double max_slope = 0.3;
 
 }  // namespace
 
 Course::Course() {
-  const auto lay_out = [this](double closing_1, double closing_2) {
+  geoid_separation_ = geoid;
+  const auto earth = Radii::at(start_latitude);
+  // Returns the way from the beginning to the end.
+  const auto lay_out = [this, &earth](double closing_1, double closing_2) {
     legs_.clear();
     Leg leg{};
     leg.heading = start_heading;
     leg.speed_in = plan.back().speed_out;
+    leg.place = {start_latitude, start_longitude};
+    leg.earth = earth;
+    Offset end;
     const auto add = [&](double length, double turn, double speed_out, double duration,
-                         bool tunnel) {
+                         Surroundings surroundings) {
       leg.length = length;
       leg.turn = turn;
       leg.speed_out = speed_out;
       leg.duration = duration;
-      leg.tunnel = tunnel;
+      leg.surroundings = surroundings;
       legs_.push_back(leg);
-      leg.origin = leg.point_at(length);
+      const auto way = leg.way(length);
+      end = {end.east + way.east, end.north + way.north};
+      leg.place = Place{start_latitude, start_longitude}.moved(end, earth);
       leg.start += length;
       leg.heading += turn;
       leg.speed_in = speed_out;
@@ -180,32 +164,201 @@ Course::Course() {
       if (index == closing_leg_1) length = closing_1;
       if (index == closing_leg_2) length = closing_2;
       const double mean = (leg.speed_in + part.speed_out) / 2;
-      add(length, part.turn, part.speed_out, length / mean, part.tunnel);
-      if (part.dwell > 0) add(0, 0, 0, part.dwell, false);
+      const auto surroundings = part.tunnel                      ? Surroundings::tunnel
+                                : part.speed_out <= street_speed ? Surroundings::street
+                                                                 : Surroundings::open;
+      add(length, part.turn, part.speed_out, length / mean, surroundings);
+      if (part.dwell > 0) add(0, 0, 0, part.dwell, surroundings);
     }
-    end_ = leg.origin;
     length_ = leg.start;
     lap_seconds_ = leg.start_time;
+    return end;
   };
 
   // Laid out without the two closing straights, the round ends beside its beginning; their
   // directions are at right angles, so each takes its part of the gap.
-  lay_out(0, 0);
-  const Point gap = end_;
+  const Offset gap = lay_out(0, 0);
   const auto along = [&](double heading) {
     return -(gap.east * std::sin(radians(heading)) + gap.north * std::cos(radians(heading)));
   };
   lay_out(along(legs_[closing_leg_1].heading), along(legs_[closing_leg_2].heading));
+  find_tunnels();
+}
 
+struct Course::Stretch {
+  Leg leg;           ///< its speeds and times are open
+  double limit = 0;  ///< metres per second
+  double dwell = 0;  ///< seconds, at its beginning
+};
+
+/// The vehicle drives straight to the bend before each point. A corner that is too sharp becomes a
+/// turn behind its point.
+std::vector<Course::Stretch> Course::lay_out(const std::vector<Route_point>& points, double speed) {
+  std::vector<Stretch> stretches;
+  const auto place_of = [&](std::size_t index) {
+    return Place{points[index].latitude, points[index].longitude};
+  };
+  Leg leg{};
+  leg.place = place_of(0);
+  const auto add = [&](double heading, double length, double turn, double limit, double dwell) {
+    leg.earth = Radii::at(leg.place.latitude);
+    leg.heading = heading;
+    leg.length = length;
+    leg.turn = turn;
+    stretches.push_back({leg, limit, dwell});
+    leg.place = leg.place.moved(leg.way(length), leg.earth);
+    leg.start += length;
+  };
+  double dwell = points[0].dwell;
+  knots_.push_back({0, points[0].altitude.value_or(0), 0});
+  for (std::size_t index = 1; index < points.size(); ++index) {
+    const double limit = points[index - 1].speed.value_or(speed);
+    leg.surroundings = points[index - 1].tunnel ? Surroundings::tunnel
+                       : limit <= street_speed  ? Surroundings::street
+                                                : Surroundings::open;
+    const auto in = leg.place.to(place_of(index), Radii::at(leg.place.latitude));
+    const double heading = in.direction();
+    if (index + 1 == points.size()) {
+      add(heading, in.length(), 0, limit, dwell);
+      knots_.push_back({leg.start, points[index].altitude.value_or(knots_.back().altitude), 0});
+      break;
+    }
+    const auto earth = Radii::at(points[index].latitude);
+    const auto out = place_of(index).to(place_of(index + 1), earth);
+    double turn = turn_between(heading, out.direction());
+    const double limit_behind = std::min(limit, points[index].speed.value_or(speed));
+    double bend = 0;
+    double corner = 0;
+    if (std::abs(turn) > max_corner) {
+      // Which direction leads to the next point depends on where the turn ends.
+      bend = 1.2 * min_bend_length(turn);
+      for (int trial = 0; trial < 8; ++trial) {
+        const auto way = Unit_bend::way(heading, turn, 1);
+        const auto end = place_of(index).moved({way.east * bend, way.north * bend}, earth);
+        const auto change =
+            turn_between(heading + turn, end.to(place_of(index + 1), earth).direction());
+        turn += change;
+      }
+    } else if (std::abs(turn) >= least_turn) {
+      const double share = Unit_bend::corner_distance(turn);
+      const double wanted =
+          2 * std::abs(radians(turn)) * limit_behind * limit_behind / lateral_limit;
+      const double least = min_bend_length(turn);
+      const double most = std::max(least, max_cut / std::tan(std::abs(radians(turn)) / 4) / share);
+      const double room = 0.98 * std::min(in.length(), out.length() / 2) / share;
+      bend = std::min(std::clamp(wanted, least, most), room);
+      corner = bend * share;
+    }
+    add(heading, in.length() - corner, 0, limit, dwell);
+    dwell = points[index].dwell;
+    knots_.push_back(
+        {leg.start + bend / 2, points[index].altitude.value_or(knots_.back().altitude), 0});
+    if (bend > 0) {
+      const double bend_limit = std::sqrt(lateral_limit * bend / (2 * std::abs(radians(turn))));
+      add(heading, bend, turn, std::min(limit_behind, bend_limit), dwell);
+      dwell = 0;
+    }
+  }
+  return stretches;
+}
+
+Course::Course(const Route& route, double speed) : closed_(false) {
+  const auto points = drivable(route.points);
+  if (points.size() < 2) {
+    throw std::invalid_argument("the route has no two points that a vehicle can drive between");
+  }
+  geoid_separation_ = route.geoid_separation;
+  const auto stretches = lay_out(points, speed);
+
+  // Speeds between the stretches: what both allow, from standstill to standstill.
+  std::vector<double> nodes(stretches.size() + 1, 0);
+  for (std::size_t index = 1; index < stretches.size(); ++index) {
+    if (stretches[index].dwell == 0) {
+      nodes[index] = std::min(stretches[index - 1].limit, stretches[index].limit);
+    }
+  }
+  const auto reachable = [](double from, double acceleration, double length) {
+    return std::sqrt(from * from + 2 * acceleration * length);
+  };
+  for (std::size_t index = 0; index < stretches.size(); ++index) {
+    nodes[index + 1] = std::min(
+        nodes[index + 1], reachable(nodes[index], acceleration_limit, stretches[index].leg.length));
+  }
+  for (std::size_t index = stretches.size(); index-- > 0;) {
+    nodes[index] = std::min(
+        nodes[index], reachable(nodes[index + 1], braking_limit, stretches[index].leg.length));
+  }
+
+  for (std::size_t index = 0; index < stretches.size(); ++index) {
+    const auto& [leg, limit, dwell] = stretches[index];
+    const double in = nodes[index];
+    const double out = nodes[index + 1];
+    if (dwell > 0) {
+      add_leg(leg, 0, 0, 0);
+      legs_.back().duration = dwell;
+      lap_seconds_ += dwell;
+    }
+    if (leg.turn != 0) {
+      add_leg(leg, leg.length, in, out);
+      continue;
+    }
+    // Speeds up, keeps the speed, brakes.
+    const double peak =
+        std::min(limit, std::sqrt((2 * acceleration_limit * braking_limit * leg.length +
+                                   braking_limit * in * in + acceleration_limit * out * out) /
+                                  (acceleration_limit + braking_limit)));
+    const double up = std::max(0.0, (peak * peak - in * in) / (2 * acceleration_limit));
+    const double down = std::max(0.0, (peak * peak - out * out) / (2 * braking_limit));
+    add_leg(leg, up, in, peak);
+    add_leg(leg, leg.length - up - down, peak, peak);
+    add_leg(leg, down, peak, out);
+  }
+  for (std::size_t index = 1; index + 1 < knots_.size(); ++index) {
+    const auto& before = knots_[index - 1];
+    const auto& behind = knots_[index + 1];
+    knots_[index].slope = std::clamp(
+        (behind.altitude - before.altitude) / std::max(behind.distance - before.distance, 1.0),
+        -max_slope, max_slope);
+  }
+  find_tunnels();
+}
+
+/// Appends `leg`, or a part of a straight one that begins where the last part has ended.
+void Course::add_leg(Leg leg, double length, double speed_in, double speed_out) {
+  constexpr double least_length = 1e-6;
+  const bool stands = length < least_length;
+  if (stands && leg.length > 0 && speed_in + speed_out > 0) return;
+  if (leg.turn == 0 && length_ > leg.start) {
+    leg.place = leg.place.moved(leg.way(length_ - leg.start), leg.earth);
+  }
+  leg.start = length_;
+  leg.length = stands ? 0 : length;
+  if (stands) leg.turn = 0;
+  leg.speed_in = speed_in;
+  leg.speed_out = speed_out;
+  leg.start_time = lap_seconds_;
+  leg.duration = stands ? 0 : 2 * length / (speed_in + speed_out);
+  legs_.push_back(leg);
+  length_ += leg.length;
+  lap_seconds_ += leg.duration;
+}
+
+void Course::find_tunnels() {
   for (const auto& leg : legs_) {
-    if (!leg.tunnel) continue;
-    tunnel_in_ = leg.start_time;
-    tunnel_out_ = leg.start_time + leg.duration;
+    if (leg.surroundings != Surroundings::tunnel) continue;
+    if (tunnels_.empty() || tunnels_.back().out < leg.start_time) {
+      tunnels_.push_back({leg.start_time, leg.start_time});
+    }
+    tunnels_.back().out = leg.start_time + leg.duration;
   }
 }
 
 std::chrono::nanoseconds Course::lap_time() const {
   return std::chrono::nanoseconds(std::llround(lap_seconds_ * 1e9));
+}
+
+double Course::lap_seconds_of(double seconds) const {
+  return closed_ ? wrapped(seconds, lap_seconds_) : std::clamp(seconds, 0.0, lap_seconds_);
 }
 
 const Course::Leg& Course::leg_at(double lap_seconds) const {
@@ -215,68 +368,102 @@ const Course::Leg& Course::leg_at(double lap_seconds) const {
   return *std::prev(behind);
 }
 
-Course::Point Course::Leg::point_at(double along) const {
+Offset Course::Leg::way(double along) const {
   if (turn == 0) {
-    return {origin.east + along * std::sin(radians(heading)),
-            origin.north + along * std::cos(radians(heading))};
+    return {along * std::sin(radians(heading)), along * std::cos(radians(heading))};
   }
-  // Simpson's rule over the bend so far.
-  constexpr int steps = 64;
-  const double step = along / steps;
-  double east = 0;
-  double north = 0;
-  for (int index = 0; index <= steps; ++index) {
-    const double weight = index == 0 || index == steps ? 1 : (index % 2 == 1 ? 4 : 2);
-    const double direction = radians(heading + turn * turned(index * step / length));
-    east += weight * std::sin(direction);
-    north += weight * std::cos(direction);
-  }
-  return {origin.east + east * step / 3, origin.north + north * step / 3};
+  const auto unit = Unit_bend::way(heading, turn, along / length);
+  return {unit.east * length, unit.north * length};
 }
 
-double Course::altitude_at(double distance) const {
-  const double phase = 2 * pi * distance / length_;
-  return start_altitude + 18 * (1 - std::cos(phase)) + 4 * std::sin(3 * phase);
+double Course::Leg::distance(double seconds) const {
+  if (duration <= 0) return 0;
+  const double time = std::min(seconds, duration);
+  return speed_in * time + (speed_out - speed_in) / duration * time * time / 2;
 }
 
-double Course::slope_at(double distance) const {
-  const double phase = 2 * pi * distance / length_;
-  return (18 * std::sin(phase) + 12 * std::cos(3 * phase)) * 2 * pi / length_;
+double Course::distance_at(double lap_seconds) const {
+  const Leg& leg = leg_at(lap_seconds);
+  return leg.start + leg.distance(lap_seconds - leg.start_time);
+}
+
+Course::Height Course::height_at(double distance) const {
+  if (knots_.empty()) {
+    const double phase = 2 * pi * distance / length_;
+    return {start_altitude + 18 * (1 - std::cos(phase)) + 4 * std::sin(3 * phase),
+            (18 * std::sin(phase) + 12 * std::cos(3 * phase)) * 2 * pi / length_};
+  }
+  const auto behind =
+      std::upper_bound(knots_.begin(), knots_.end(), distance,
+                       [](double at, const Knot& knot) { return at < knot.distance; });
+  if (behind == knots_.end()) return {knots_.back().altitude, 0};
+  if (behind == knots_.begin()) return {knots_.front().altitude, 0};
+  const auto& from = *std::prev(behind);
+  const auto& to = *behind;
+  // Hermite's cubic: altitude and slope are continuous.
+  const double span = to.distance - from.distance;
+  const double u = (distance - from.distance) / span;
+  const double rise = to.altitude - from.altitude;
+  const double a = from.slope * span;
+  const double b = to.slope * span;
+  return {from.altitude + u * (a + u * (3 * rise - 2 * a - b + u * (a + b - 2 * rise))),
+          (a + u * (2 * (3 * rise - 2 * a - b) + 3 * u * (a + b - 2 * rise))) / span};
 }
 
 Fix_type Course::fix_at(double lap_seconds) const {
-  if (lap_seconds < tunnel_in_ || lap_seconds >= tunnel_out_ + fix_delay_3d) {
-    return Fix_type::three_dimensional;
+  for (const auto& tunnel : tunnels_) {
+    if (lap_seconds < tunnel.in || lap_seconds >= tunnel.out + fix_delay_3d) continue;
+    if (lap_seconds < tunnel.out + fix_delay_2d) return Fix_type::none;
+    return Fix_type::two_dimensional;
   }
-  return lap_seconds < tunnel_out_ + fix_delay_2d ? Fix_type::none : Fix_type::two_dimensional;
+  return Fix_type::three_dimensional;
+}
+
+Sample::Blind Course::blind_at(double lap_seconds, double seconds) const {
+  for (std::size_t index = 0; index < tunnels_.size(); ++index) {
+    const auto& tunnel = tunnels_[index];
+    const double end = std::min(tunnel.out + fix_delay_2d, lap_seconds_);
+    if (lap_seconds < tunnel.in || lap_seconds >= end + correction_time) continue;
+    const double until = std::min(lap_seconds, end);
+    const double corrected = std::max(lap_seconds - end, 0.0) / correction_time;
+    const auto lap = static_cast<std::int64_t>(std::floor(seconds / lap_seconds_));
+    return {.seconds = until - tunnel.in,
+            .metres = distance_at(until) - distance_at(tunnel.in),
+            .share = (1 + std::cos(pi * corrected)) / 2,
+            .index = static_cast<std::uint64_t>(lap) * tunnels_.size() + index};
+  }
+  return {};
 }
 
 Sample Course::sample(std::chrono::nanoseconds time) const {
-  const double lap_seconds = wrapped(std::chrono::duration<double>(time).count(), lap_seconds_);
+  const double total = std::chrono::duration<double>(time).count();
+  const double lap_seconds = lap_seconds_of(total);
   const Leg& leg = leg_at(lap_seconds);
-  const double seconds = lap_seconds - leg.start_time;
-  const double acceleration = (leg.speed_out - leg.speed_in) / leg.duration;
-  const double along = leg.speed_in * seconds + acceleration * seconds * seconds / 2;
+  const double seconds = std::min(lap_seconds - leg.start_time, leg.duration);
+  const double acceleration = leg.duration > 0 ? (leg.speed_out - leg.speed_in) / leg.duration : 0;
+  const double along = leg.distance(seconds);
 
   Sample sample;
   sample.fix = fix_at(lap_seconds);
+  sample.surroundings = leg.surroundings;
+  sample.blind = blind_at(lap_seconds, total);
   sample.speed = leg.speed_in + acceleration * seconds;
   const double part = leg.length > 0 ? along / leg.length : 0;
-  sample.heading = wrapped(leg.heading + leg.turn * turned(part), 360);
-  sample.yaw_rate = leg.length > 0 ? leg.turn / leg.length * steering(part) * sample.speed : 0;
+  sample.heading = wrapped(leg.heading + leg.turn * Unit_bend::turned(part), 360);
+  sample.yaw_rate =
+      leg.length > 0 ? leg.turn / leg.length * Unit_bend::steering(part) * sample.speed : 0;
 
-  const Point point = leg.point_at(along);
-  const Radii earth = radii();
-  sample.latitude = start_latitude + degrees(point.north / earth.north);
-  sample.longitude = start_longitude + degrees(point.east / earth.east);
-  sample.altitude_msl = altitude_at(leg.start + along);
-  const double slope = slope_at(leg.start + along);
-  sample.climb = slope * sample.speed;
-  sample.pitch = degrees(std::atan(slope));
-  sample.geoid_separation = geoid;
+  const auto place = leg.place.moved(leg.way(along), leg.earth);
+  sample.latitude = place.latitude;
+  sample.longitude = place.longitude;
+  const auto height = height_at(leg.start + along);
+  sample.altitude_msl = height.altitude;
+  sample.climb = height.slope * sample.speed;
+  sample.pitch = degrees(std::atan(height.slope));
+  sample.geoid_separation = geoid_separation_;
 
   // Dead reckoning drifts while nothing corrects it.
-  const double blind = sample.fix == Fix_type::none ? lap_seconds - tunnel_in_ : 0;
+  const double blind = sample.fix == Fix_type::none ? sample.blind.seconds : 0;
   sample.dr_accuracy = 0.8 + 0.08 * blind;
   sample.dr_heading_accuracy = 0.3 + 0.02 * blind;
   return sample;
@@ -284,7 +471,7 @@ Sample Course::sample(std::chrono::nanoseconds time) const {
 
 Sky Course::sky(std::chrono::nanoseconds time, std::size_t count) const {
   const double seconds = std::chrono::duration<double>(time).count();
-  const Fix_type fix = fix_at(wrapped(seconds, lap_seconds_));
+  const Fix_type fix = fix_at(lap_seconds_of(seconds));
   count = std::min(count, max_satellites);
 
   Sky sky;

@@ -1,11 +1,15 @@
-/// A synthetic drive for desks without a receiver: a closed course with straights, bends both ways,
-/// hills, a tunnel and a stop, the same at every run, that can be asked for any instant.
+/// A synthetic drive for desks without a receiver, the same at every run, that can be asked for any
+/// instant: a closed course with straights, bends both ways, hills, a tunnel and a stop, or a
+/// route.
 #pragma once
 
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include "tools/drive/geometry.h"
+#include "tools/drive/route.h"
 
 namespace drive {
 
@@ -26,6 +30,15 @@ struct Sample {
   double pitch = 0;                ///< degrees, nose up positive
   double dr_accuracy = 0;          ///< metres, one sigma, horizontal: grows in the tunnel
   double dr_heading_accuracy = 0;  ///< degrees, one sigma
+  Surroundings surroundings = Surroundings::open;
+
+  /// What dead reckoning has gone through without satellites, until it is corrected.
+  struct Blind {
+    double seconds = 0;
+    double metres = 0;
+    double share = 0;         ///< of the error that is still there: 0 to 1
+    std::uint64_t index = 0;  ///< of the tunnel, counted from the start of the drive
+  } blind;
 };
 
 enum class Gnss_system : std::uint8_t { gps, glonass, galileo, beidou };
@@ -54,13 +67,18 @@ struct Sky {
 
 class Course {
  public:
+  /// The closed course.
   Course();
+  /// Follows the points of `route` at their speeds, or at `speed` in m/s, from standstill to
+  /// standstill. It slows down for bends. Throws std::invalid_argument for a route without a way.
+  Course(const Route& route, double speed);
 
-  /// How long one round takes.
+  /// How long one round or the route takes.
   [[nodiscard]] std::chrono::nanoseconds lap_time() const;
 
-  /// The vehicle at `time` since the start of the drive, which repeats after lap_time(). Negative
-  /// times lie in earlier rounds.
+  /// The vehicle at `time` since the start of the drive. The closed course repeats after
+  /// lap_time(), and negative times lie in earlier rounds. At the end of a route, the vehicle
+  /// stands.
   [[nodiscard]] Sample sample(std::chrono::nanoseconds time) const;
 
   /// The sky at `time` with `count` satellites in view, 0 to max_satellites.
@@ -68,10 +86,6 @@ class Course {
   static constexpr std::size_t max_satellites = 60;
 
  private:
-  struct Point {
-    double east = 0;   ///< metres from the start
-    double north = 0;  ///< metres from the start
-  };
   /// A part of the course with one turn and one acceleration.
   struct Leg {
     double start = 0;       ///< metres from the start of the round
@@ -82,24 +96,49 @@ class Course {
     double speed_out = 0;   ///< metres per second
     double start_time = 0;  ///< seconds from the start of the round
     double duration = 0;    ///< seconds
-    bool tunnel = false;
-    Point origin;  ///< its beginning
+    Surroundings surroundings = Surroundings::open;
+    Place place;  ///< its beginning
+    Radii earth;
 
-    /// The point `along` metres from its beginning.
-    [[nodiscard]] Point point_at(double along) const;
+    /// The way to the point `along` metres from its beginning.
+    [[nodiscard]] Offset way(double along) const;
+    /// Metres from its beginning after `seconds`.
+    [[nodiscard]] double distance(double seconds) const;
+  };
+  /// A leg of a route before its speeds are known.
+  struct Stretch;
+  /// An altitude of a route.
+  struct Knot {
+    double distance = 0;  ///< metres from the start
+    double altitude = 0;
+    double slope = 0;  ///< metres per metre
+  };
+  struct Tunnel {
+    double in = 0;   ///< seconds from the start of the round
+    double out = 0;  ///< seconds from the start of the round
+  };
+  struct Height {
+    double altitude = 0;
+    double slope = 0;
   };
 
+  [[nodiscard]] double lap_seconds_of(double seconds) const;
   [[nodiscard]] const Leg& leg_at(double lap_seconds) const;
+  [[nodiscard]] double distance_at(double lap_seconds) const;
   [[nodiscard]] Fix_type fix_at(double lap_seconds) const;
-  [[nodiscard]] double altitude_at(double distance) const;
-  [[nodiscard]] double slope_at(double distance) const;
+  [[nodiscard]] Sample::Blind blind_at(double lap_seconds, double seconds) const;
+  [[nodiscard]] Height height_at(double distance) const;
+  [[nodiscard]] std::vector<Stretch> lay_out(const std::vector<Route_point>& points, double speed);
+  void add_leg(Leg leg, double length, double speed_in, double speed_out);
+  void find_tunnels();
 
+  bool closed_ = true;
   std::vector<Leg> legs_;
-  Point end_;
+  std::vector<Knot> knots_;  ///< empty: hills of the closed course
+  std::vector<Tunnel> tunnels_;
+  double geoid_separation_ = 0;
   double length_ = 0;
   double lap_seconds_ = 0;
-  double tunnel_in_ = 0;   ///< seconds from the start of the round
-  double tunnel_out_ = 0;  ///< seconds from the start of the round
 };
 
 }  // namespace drive

@@ -28,11 +28,13 @@ void Fix_publisher::publish(const nmea::Fix& fix) {
           static_cast<std::uint32_t>(std::llround(1e9 / static_cast<double>(interval->count())));
     }
     last_ = {fix.utc, fix.time_of_day};
-    ++(fix.valid ? result_.fixes : result_.without_fix);
+    if (fix.present) ++(fix.valid ? result_.fixes : result_.without_fix);
   }
   output_.publish([&](Context context) {
     context.update_rate_hz = rate_;
-    return to_notification(fix, context);
+    auto notification = to_notification(fix, context);
+    known_.complete(notification, fix);
+    return notification;
   });
 }
 

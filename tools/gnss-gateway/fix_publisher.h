@@ -35,6 +35,7 @@ class Fix_publisher {
   Output& output_;
   Source_result result_;
   Time last_;
+  Known_quantities known_;
   std::optional<std::uint32_t> rate_;
 };
 

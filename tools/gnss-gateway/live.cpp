@@ -1,10 +1,9 @@
 #include "tools/gnss-gateway/live.h"
 
-#include <poll.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <stdexcept>
+
+#include "tools/gnss-gateway/say.h"
 
 namespace gateway {
 namespace {
@@ -23,15 +22,6 @@ constexpr auto rate_trial = 2200ms;
 /// Two sentences: one can be noise with a matching checksum.
 constexpr std::uint64_t enough_sentences = 2;
 constexpr auto device_interval = 500ms;
-
-/// Writes one line to standard error. Drops it when the pipe is full, so that positions continue.
-void say(const std::string& text) {
-  const std::string line = "gnss-gateway: " + text + "\n";
-  pollfd error{STDERR_FILENO, POLLOUT, 0};
-  if (poll(&error, 1, 0) == 1 && (error.revents & POLLOUT) != 0) {
-    [[maybe_unused]] const auto written = write(STDERR_FILENO, line.data(), line.size());
-  }
-}
 
 }  // namespace
 

@@ -1,18 +1,26 @@
 /// gnss-gateway: a GNSS receiver as an ECU of the vehicle network. Offers the GNSS service (and,
-/// asked to, the Time service) with positions of a synthetic drive or of an NMEA 0183 receiver or
-/// recording.
+/// asked to, the Time service) with positions of a synthetic drive, of an NMEA 0183 receiver or
+/// recording, of any receiver that gpsd knows, or of a script. On request it sends what a faulty
+/// receiver would send.
 #include <CLI/CLI.hpp>
+#include <chrono>
 #include <cstdint>
 #include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <sstream>
+#include <stdexcept>
 #include <string>
+#include <vector>
 
+#include "app/identity.h"
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tools/command_line.h"
+#include "tools/gnss-gateway/explanation.h"
+#include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
+#include "tools/gnss-gateway/reasons.h"
 #include "tools/gnss-gateway/sources.h"
 #include "tools/stop_signal.h"
 
@@ -24,36 +32,30 @@ Nanoseconds from_seconds(double seconds) {
   return std::chrono::duration_cast<Nanoseconds>(std::chrono::duration<double>(seconds));
 }
 
-struct Reason {
-  const char* name;
-  std::uint64_t nmea::Counters::*counter;
-};
-constexpr Reason reasons[] = {
-    {"tooLong", &nmea::Counters::too_long},
-    {"badCharacter", &nmea::Counters::bad_character},
-    {"incomplete", &nmea::Counters::incomplete},
-    {"checksumMissing", &nmea::Counters::checksum_missing},
-    {"checksumMismatch", &nmea::Counters::checksum_mismatch},
-    {"malformedField", &nmea::Counters::malformed_field},
-    {"incompleteGroups", &nmea::Counters::incomplete_groups},
-};
+enum class Source : std::uint8_t { nmea, gpsd, other };
 
 void print(const gateway::Source_result& result,
            std::uint64_t notifications,
-           bool nmea,
+           Source source,
            bool as_json,
            const tools::Stop_signal& stop_signal) {
   nlohmann::ordered_json json;
   json["notifications"] = notifications;
   json["fixes"] = result.fixes;
   json["withoutFix"] = result.without_fix;
-  if (nmea) {
+  if (source == Source::gpsd) {
+    json["reports"] = result.gpsd.reports;
+    json["otherReports"] = result.gpsd.other_reports;
+    json["repeated"] = result.gpsd.repeated;
+    json["malformed"] = result.gpsd.malformed;
+  }
+  if (source == Source::nmea) {
     json["sentences"] = result.nmea.sentences;
     json["otherSentences"] = result.nmea.other_sentences;
     json["duplicates"] = result.nmea.duplicates;
     json["noiseBytes"] = result.nmea.noise_bytes;
     json["errors"] = result.nmea.errors();
-    for (const auto& reason : reasons) {
+    for (const auto& reason : gateway::reasons) {
       json["errorsByReason"][reason.name] = result.nmea.*reason.counter;
     }
   }
@@ -64,10 +66,14 @@ void print(const gateway::Source_result& result,
   std::ostringstream out;
   out << notifications << " notifications, " << result.fixes << " with a fix, "
       << result.without_fix << " without\n";
-  if (nmea) {
+  if (source == Source::gpsd) {
+    out << result.gpsd.reports << " reports of gpsd, " << result.gpsd.other_reports
+        << " of other kinds, " << result.gpsd.malformed << " faulty\n";
+  }
+  if (source == Source::nmea) {
     out << result.nmea.sentences << " sentences, " << result.nmea.other_sentences
         << " of other kinds, " << result.nmea.errors() << " faulty\n";
-    for (const auto& reason : reasons) {
+    for (const auto& reason : gateway::reasons) {
       if (const auto count = result.nmea.*reason.counter; count > 0) {
         out << "  " << reason.name << ": " << count << "\n";
       }
@@ -80,8 +86,15 @@ void print(const gateway::Source_result& result,
 struct Options {
   gateway::Drive_options drive;
   gateway::Nmea_options nmea;
+  std::string gpsd;
+  std::string explain;
+  std::string script;
+  double speed_up = 1;
+  bool loop = false;
   gateway::Output_options output;
-  std::string node = "gnss-gateway";
+  std::vector<std::string> faults;
+  std::string scenario;
+  bool list_faults = false;
   double start_at = 0;
   double max_gap = 2;
   double seconds = 0;
@@ -97,7 +110,8 @@ constexpr const char* footer =
     "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). The dead-reckoning "
     "sample\n"
     "of an NMEA receiver repeats its GNSS sample. docs/receivers.md describes sentences and "
-    "records.\n"
+    "records,\n"
+    "docs/faults.md the faults and what the application does with each.\n"
     "\n"
     "Exit code 0 at the end of a recording or stream, after --count or --seconds, on SIGINT and\n"
     "SIGTERM; 1 when the input cannot be read, holds no sentence or is a device that has gone; 3 "
@@ -108,29 +122,64 @@ void add_source_options(CLI::App& app, Options& options) {
   auto* file =
       app.add_option("--nmea", options.nmea.path,
                      "Recording to replay; a serial device, a pipe or - is read as it comes");
+  auto* explain = app.add_option("--explain", options.explain,
+                                 "Print what a recording (or a pipe, or -) says and what it never "
+                                 "says, offer nothing")
+                      ->type_name("FILE")
+                      ->excludes(file);
+  auto* gpsd = app.add_option("--gpsd", options.gpsd,
+                              "Receiver of a gpsd, HOST[:PORT[:DEVICE]]; here without a value")
+                   ->expected(0, 1)
+                   ->type_name("PLACE")
+                   ->excludes(file)
+                   ->excludes(explain);
   app.add_option("--rate", options.drive.rate_hz, "Notifications per second of the synthetic drive")
       ->transform(tools::number(0.1, 1000.0))
       ->excludes(file)
+      ->excludes(gpsd)
       ->capture_default_str();
   app.add_option("--satellites", options.drive.satellites,
                  "Satellites in view in the synthetic drive")
       ->transform(tools::number<std::size_t>(0, 60))
       ->excludes(file)
+      ->excludes(gpsd)
       ->capture_default_str();
   app.add_option("--start-at", options.start_at, "Second of the synthetic drive to begin with")
       ->transform(tools::number(0.0, 1e6))
-      ->excludes(file);
-  app.add_option("--speed-up", options.nmea.speed_up, "How much faster than recorded")
+      ->excludes(file)
+      ->excludes(gpsd);
+  auto* script = app.add_option("--script", options.script,
+                                "JSON lines to send, such as posctl watch --json prints them")
+                     ->excludes(file)
+                     ->excludes(gpsd);
+  for (const char* name : {"--rate", "--satellites", "--start-at"})
+    app.get_option(name)->excludes(script);
+  app.add_option("--speed-up", options.speed_up, "How much faster than recorded")
       ->transform(tools::number(0.001, 1e6))
-      ->needs(file)
       ->capture_default_str();
   app.add_option("--max-gap", options.max_gap,
                  "Longest wait in the recording's own time, in seconds")
       ->transform(tools::number(0.0, 86400.0))
       ->needs(file)
       ->capture_default_str();
-  auto* loop =
-      app.add_flag("--loop", options.nmea.loop, "Begin again at the recording's end")->needs(file);
+  auto* route = app.add_option("--route", options.drive.route,
+                               "GPX file whose points the synthetic drive follows")
+                    ->excludes(file)
+                    ->excludes(gpsd)
+                    ->excludes(script);
+  app.add_option("--route-speed", options.drive.route_speed,
+                 "Speed in km/h where the route has no speeds or times")
+      ->transform(tools::number(5.0, 250.0))
+      ->needs(route)
+      ->capture_default_str();
+  app.add_option("--seed", options.drive.seed,
+                 "Adds the errors of real sensors to the synthetic drive, from this number")
+      ->transform(tools::number<std::uint64_t>())
+      ->excludes(file)
+      ->excludes(gpsd)
+      ->excludes(script);
+  auto* loop = app.add_flag("--loop", options.loop,
+                            "Begin again at the end of a recording, script or route");
   app.add_flag("--once", options.once, "End at the recording's end (default)")
       ->needs(file)
       ->excludes(loop);
@@ -155,9 +204,73 @@ void add_output_options(CLI::App& app, Options& options) {
       ->transform(tools::number<std::uint64_t>());
   app.add_option("--seconds", options.seconds, "End after N seconds; 0: never")
       ->transform(tools::number(0.0, 1e9));
-  app.add_option("--node", options.node, "Node of the manifest")->capture_default_str();
+  app.add_option("--node", options.output.node, "Node of the manifest")->capture_default_str();
   app.add_flag("--json", options.json, "Print the statistics at the end as JSON");
   app.footer(footer);
+}
+
+/// Reads to the end of the input or to a stop signal.
+int explain(const Options& options) {
+  tools::Stop_signal stop_signal;
+  gateway::Input input(options.explain);
+  gateway::Explanation explanation;
+  using std::chrono::steady_clock;
+  while (stop_signal.wait_until(steady_clock::time_point::max(), input.descriptor()) !=
+         tools::Stop_signal::Wake::stopped) {
+    const auto bytes = input.read();
+    if (bytes && bytes->empty()) break;
+    if (bytes) explanation.feed(*bytes);
+  }
+  explanation.finish();
+  tools::write_output(options.json ? explanation.json().dump() + "\n" : explanation.text(),
+                      stop_signal.descriptor());
+  return 0;
+}
+
+/// Throws tools::Usage_error.
+gateway::Gpsd_options gpsd_options(const std::string& place) try {
+  return gateway::to_gpsd_options(place);
+} catch (const std::invalid_argument& error) {
+  throw tools::Usage_error(std::string("--gpsd: ") + error.what());
+}
+
+void add_fault_options(CLI::App& app, Options& options) {
+  app.add_option("--fault", options.faults,
+                 "NAME[=VALUE][@START[+DURATION]], times in seconds; as often as you like")
+      ->type_name("FAULT")
+      ->expected(1)
+      ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);
+  app.add_option("--scenario", options.scenario, "File with a fault on each line")
+      ->type_name("FILE");
+  app.add_flag("--control", options.output.offer_fault_control,
+               "Offer the service with which posctl fault makes faults");
+  app.add_flag("--list-faults", options.list_faults, "Print the table of faults instead");
+}
+
+/// Throws tools::Usage_error.
+std::vector<gateway::Fault_request> requested_faults(const Options& options) try {
+  std::vector<gateway::Fault_request> requests;
+  if (!options.scenario.empty()) requests = gateway::read_scenario(options.scenario);
+  for (const auto& text : options.faults)
+    requests.push_back(gateway::parse_fault(text));
+  if (requests.size() > gateway::Fault_plan::max_faults) {
+    throw std::invalid_argument("expected at most " +
+                                std::to_string(gateway::Fault_plan::max_faults) + " faults");
+  }
+  return requests;
+} catch (const std::invalid_argument& error) {
+  throw tools::Usage_error(error.what());
+}
+
+/// Refuses options whose source is missing.
+void check_options(const CLI::App& app) {
+  const bool timed = app.count("--nmea") + app.count("--script") > 0;
+  if (!timed && app.count("--speed-up") > 0) {
+    throw tools::Usage_error("--speed-up requires --nmea or --script");
+  }
+  if (!timed && app.count("--route") == 0 && app.count("--loop") > 0) {
+    throw tools::Usage_error("--loop requires --nmea, --script or --route");
+  }
 }
 
 /// Refuses options that do not apply to `input`.
@@ -181,35 +294,61 @@ void check_options(const CLI::App& app, const gateway::Input& input) {
 
 int run(int argc, char** argv) {
   CLI::App app{
-      "Offers the GNSS service with positions of a synthetic drive or of an NMEA 0183 receiver."};
+      "Offers the GNSS service with positions of a synthetic drive, of a receiver or of a script, "
+      "and with faults on request."};
   Options options;
   add_source_options(app, options);
   add_output_options(app, options);
+  add_fault_options(app, options);
   // Opens the input before it offers a service: a path that cannot be opened must not look like a
   // silent receiver.
   std::optional<gateway::Input> input;
+  std::optional<gateway::Script> script;
   if (const auto code = tools::parse(app, argc, argv)) return *code;
+  if (options.list_faults) {
+    tools::write_output(gateway::fault_table());
+    return 0;
+  }
+  if (!options.explain.empty()) return explain(options);
+  check_options(app);
+  options.output.faults = requested_faults(options);
   if (!options.nmea.path.empty()) {
     input.emplace(options.nmea.path, options.nmea.reconnect);
     check_options(app, *input);
   }
+  if (!options.script.empty()) script.emplace(options.script).check();
+  std::optional<gateway::Gpsd_options> gpsd;
+  if (app.count("--gpsd") > 0) gpsd = gpsd_options(options.gpsd);
+  options.nmea.speed_up = options.speed_up;
+  options.nmea.loop = options.drive.loop = options.loop;
   options.drive.start = from_seconds(options.start_at);
   options.nmea.max_gap = from_seconds(options.max_gap);
   options.output.max_duration = from_seconds(options.seconds);
 
+  const auto course = gateway::course_of(options.drive);
   tools::Stop_signal stop_signal;
-  const mw::com::runtime::Component_singleton runtime(options.node, false);
+  const mw::com::runtime::Component_singleton runtime(options.output.node, false);
   gateway::Output services(stop_signal, options.output);
-  const auto result = input ? gateway::run_nmea(options.nmea, *input, services)
-                            : gateway::run_drive(options.drive, services);
-  print(result, services.notifications(), input.has_value(), options.json, stop_signal);
+  const auto run_source = [&] {
+    if (input) return gateway::run_nmea(options.nmea, *input, services);
+    if (gpsd) return gateway::run_gpsd(*gpsd, services);
+    if (script) {
+      return gateway::run_script({.speed_up = options.speed_up, .loop = options.loop}, *script,
+                                 services);
+    }
+    return gateway::run_drive(options.drive, course, services);
+  };
+  const auto result = run_source();
+  services.drain();
+  const Source source = input ? Source::nmea : gpsd ? Source::gpsd : Source::other;
+  print(result, services.notifications(), source, options.json, stop_signal);
   return 0;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) try {
-  ara::core::Initialize();
+  ara::core::Initialize(positioning_application());
   return run(argc, argv);
 } catch (...) {
   return tools::report_exception("gnss-gateway");

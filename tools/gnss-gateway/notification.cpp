@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
-#include <numbers>
+#include <type_traits>
 
 #include "binding/timestamp.h"
 
@@ -48,18 +48,22 @@ constexpr double min_heading_speed = 3;
 
 /// Course over ground and heading, by one rule for every source: a measured heading has priority,
 /// and the course replaces a missing one where it can. `good`: the source knows its course now.
-void fill_direction(DT_positions_struct& record,
-                    const std::optional<double>& course,
-                    const std::optional<double>& speed,
-                    const std::optional<double>& heading,
-                    bool good) {
-  told(record.courseOverGround, record.courseOverGround_valueType, course, good);
-  if (heading) {
-    physical(record.yawAngle, record.yawAngle_valueType, *heading);
-  } else if (good && course && speed.value_or(0) >= min_heading_speed) {
-    physical(record.yawAngle, record.yawAngle_valueType, *course);
-  } else if (!good || course || speed) {
+/// The accuracy is that of the heading or of the course, whichever yawAngle is.
+void fill_direction(DT_positions_struct& record, const nmea::Fix& fix, bool good) {
+  told(record.courseOverGround, record.courseOverGround_valueType, fix.course, good);
+  if (fix.heading) {
+    physical(record.yawAngle, record.yawAngle_valueType, *fix.heading);
+    told(record.accuracyYawAngle, record.accuracyYawAngle_valueType, fix.heading_accuracy, true);
+    return;
+  }
+  const bool serves = good && fix.course && fix.speed.value_or(0) >= min_heading_speed;
+  if (serves) {
+    physical(record.yawAngle, record.yawAngle_valueType, *fix.course);
+  } else if (!good || fix.course || fix.speed) {
     missing(record.yawAngle, record.yawAngle_valueType);
+  }
+  if (fix.accuracy_course) {
+    told(record.accuracyYawAngle, record.accuracyYawAngle_valueType, fix.accuracy_course, serves);
   }
 }
 
@@ -231,7 +235,7 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
     missing(record.altitudeWGS84, record.altitudeWGS84_valueType);
     missing(record.speed2D, record.speed2D_valueType);
     missing(record.speedVertical, record.speedVertical_valueType);
-    fill_direction(record, std::nullopt, std::nullopt, std::nullopt, false);
+    fill_direction(record, {}, false);
     missing(record.accuracyHorizontal, record.accuracyHorizontal_valueType);
     missing(record.accuracyVertical, record.accuracyVertical_valueType);
     missing(record.accuracySpeed2D, record.accuracySpeed2D_valueType);
@@ -239,7 +243,10 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
   }
   const bool spatial = sample.fix == drive::Fix_type::three_dimensional;
   fill(record, sample, spatial);
-  fill_direction(record, sample.heading, sample.speed, std::nullopt, true);
+  nmea::Fix direction;
+  direction.course = sample.heading;
+  direction.speed = sample.speed;
+  fill_direction(record, direction, true);
   told(record.accuracyHorizontal, record.accuracyHorizontal_valueType,
        std::optional(sky.horizontal_accuracy), true);
   told(record.accuracyVertical, record.accuracyVertical_valueType,
@@ -251,7 +258,7 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
 DT_positions_struct dead_reckoned_position(const drive::Sample& sample, const Context& context) {
   auto record = new_position(Position_type::gnss_dr, context);
   fill(record, sample, true);
-  fill_direction(record, std::nullopt, sample.speed, sample.heading, true);
+  physical(record.yawAngle, record.yawAngle_valueType, sample.heading);
   physical(record.yawRate, record.yawRate_valueType, sample.yaw_rate);
   physical(record.pitchAngle, record.pitchAngle_valueType, sample.pitch);
   physical(record.accuracyHorizontal, record.accuracyHorizontal_valueType, sample.dr_accuracy);
@@ -259,58 +266,114 @@ DT_positions_struct dead_reckoned_position(const drive::Sample& sample, const Co
   return record;
 }
 
-/// Quantities from sentences that only some receivers send: an absent one is no error.
-void fill_supplements(DT_positions_struct& record, const nmea::Fix& fix) {
-  if (fix.accuracy_horizontal) {
-    told(record.accuracyHorizontal, record.accuracyHorizontal_valueType, fix.accuracy_horizontal,
-         fix.valid);
-  }
-  if (fix.accuracy_vertical) {
-    told(record.accuracyVertical, record.accuracyVertical_valueType, fix.accuracy_vertical,
-         fix.valid);
-  }
+/// Quantities that only some receivers tell: an absent one is no error.
+void fill_supplements(DT_positions_struct& record, const nmea::Fix& fix, bool good) {
+  const auto add = [&](auto& value, Quality& quality, const auto& source) {
+    if (source) told(value, quality, source, good);
+  };
+  add(record.speedVertical, record.speedVertical_valueType, fix.climb);
+  add(record.accuracyHorizontal, record.accuracyHorizontal_valueType, fix.accuracy_horizontal);
+  add(record.accuracyVertical, record.accuracyVertical_valueType, fix.accuracy_vertical);
+  add(record.accuracySpeed2D, record.accuracySpeed2D_valueType, fix.accuracy_speed);
+  add(record.accuracySpeedVertical, record.accuracySpeedVertical_valueType, fix.accuracy_climb);
   if (fix.age_of_corrections) {
     told(record.ageOfDifferentialData, record.ageOfDifferentialData_valueType,
-         std::optional(std::llround(*fix.age_of_corrections * 1000)), fix.valid);
+         std::optional(std::llround(*fix.age_of_corrections * 1000)), good);
   }
-  if (fix.heading) {
-    told(record.accuracyYawAngle, record.accuracyYawAngle_valueType, fix.heading_accuracy, true);
-  }
+  // Measured without a position too.
   told(record.pitchAngle, record.pitchAngle_valueType, fix.pitch, true);
   told(record.rollAngle, record.rollAngle_valueType, fix.roll, true);
+  told(record.yawRate, record.yawRate_valueType, fix.yaw_rate, true);
+  told(record.pitchRate, record.pitchRate_valueType, fix.pitch_rate, true);
+  told(record.rollRate, record.rollRate_valueType, fix.roll_rate, true);
 }
 
-}  // namespace
-
-Notification to_notification(const nmea::Fix& fix, const Context& context) {
-  Notification result;
-  auto position = new_position(Position_type::gnss, context);
+DT_positions_struct position_of(const nmea::Fix& fix,
+                                Position_type type,
+                                bool good,
+                                const Context& context) {
+  auto record = new_position(type, context);
   std::optional<double> latitude;
   std::optional<double> longitude;
   if (fix.position) {
     latitude = fix.position->latitude;
     longitude = fix.position->longitude;
   }
-  told(position.LAT, position.LAT_valueType, latitude, fix.valid);
-  told(position.LON, position.LON_valueType, longitude, fix.valid);
-  told(position.altitudeMeanSeaLevel, position.altitudeMeanSeaLevel_valueType, fix.altitude_msl,
-       fix.valid);
-  told(position.altitudeWGS84, position.altitudeWGS84_valueType, fix.altitude_wgs84(), fix.valid);
-  told(position.speed2D, position.speed2D_valueType, fix.speed, fix.valid);
-  fill_direction(position, fix.course, fix.speed, fix.heading, fix.valid);
-  fill_supplements(position, fix);
+  told(record.LAT, record.LAT_valueType, latitude, good);
+  told(record.LON, record.LON_valueType, longitude, good);
+  told(record.altitudeMeanSeaLevel, record.altitudeMeanSeaLevel_valueType, fix.altitude_msl, good);
+  told(record.altitudeWGS84, record.altitudeWGS84_valueType, fix.altitude_wgs84(), good);
+  told(record.speed2D, record.speed2D_valueType, fix.speed, good);
+  fill_direction(record, fix, good);
+  fill_supplements(record, fix, good);
+  return record;
+}
+
+Antenna_status status_of(nmea::Antenna antenna) {
+  switch (antenna) {
+    case nmea::Antenna::unknown:
+      break;
+    case nmea::Antenna::ok:
+      return Antenna_status::ok;
+    case nmea::Antenna::open:
+      return Antenna_status::open;
+    case nmea::Antenna::short_circuit:
+      return Antenna_status::short_circuit;
+  }
+  return Antenna_status::unknown;
+}
+
+void complete(Known_quantities::Mask& known, auto& record, bool valid, bool present) {
+  using Record = std::decay_t<decltype(record)>;
+  std::size_t index = 0;
+  binding::for_each_quantity<Record>([&](const auto& quantity) {
+    auto& quality = record.*quantity.quality.pointer;
+    if (quality) known.set(index);
+    if (!valid && !quality && known.test(index)) quality = binding::Value_type::error;
+    ++index;
+  });
+  if (present) return;
+  const Record told = record;
+  binding::for_each_quantity<Record>([&](const auto& quantity) {
+    if (record.*quantity.quality.pointer) {
+      missing(record.*quantity.value.pointer, record.*quantity.quality.pointer);
+    }
+  });
+  if constexpr (std::is_same_v<Record, DT_positions_struct>) {
+    binding::set_timestamp(record, binding::Timestamp{*told.preciseLocalTimeSeconds,
+                                                      *told.preciseLocalTimeNanoseconds});
+  }
+}
+
+}  // namespace
+
+void Known_quantities::complete(Notification& notification, const nmea::Fix& fix) {
+  for (auto& record : notification.positions)
+    gateway::complete(positions_, record, fix.valid, fix.present);
+  for (auto& record : notification.quality)
+    gateway::complete(quality_, record, fix.valid, fix.present);
+}
+
+Notification to_notification(const nmea::Fix& fix, const Context& context) {
+  Notification result;
+  // Dead reckoning goes on where the satellites give no position.
+  const Fix_type status = status_of(fix);
+  const bool reckoned = status == Fix_type::dead_reckoning;
   if (!fix.supplement) {
-    result.positions = {position, position};
-    result.positions[1].positionType = Position_type::gnss_dr;
+    result.positions = {position_of(fix, Position_type::gnss, fix.valid && !reckoned, context),
+                        position_of(fix, Position_type::gnss_dr, fix.valid, context)};
   }
 
-  auto quality = new_quality(Position_type::gnss, status_of(fix), context);
+  auto quality = new_quality(Position_type::gnss, status, context);
+  if (!fix.present) quality.statusReceiverMode = Receiver_mode::off;
+  told(quality.gDOP, quality.gDOP_valueType, fix.gdop, true);
   told(quality.hDOP, quality.hDOP_valueType, fix.hdop, true);
   told(quality.pDOP, quality.pDOP_valueType, fix.pdop, true);
   told(quality.vDOP, quality.vDOP_valueType, fix.vdop, true);
   told(quality.satsInView, quality.satsInView_valueType, fix.satellites_in_view, true);
   told(quality.satsInUse, quality.satsInUse_valueType, fix.satellites_in_use, true);
   told(quality.satsTracked, quality.satsTracked_valueType, fix.satellites_tracked, true);
+  if (fix.antenna) quality.statusGNSSAntenna = status_of(*fix.antenna);
   if (fix.satellites) {
     Sky_count count;
     auto& list = result.satellites.emplace();
@@ -326,14 +389,19 @@ Notification to_notification(const nmea::Fix& fix, const Context& context) {
   }
   result.quality = {quality, quality};
   result.quality[1].positionType = Position_type::gnss_dr;
+  if (reckoned) {
+    result.quality[0].statusFixType = Fix_type::none;
+    result.quality[0].statusReceiverMode = Receiver_mode::acquiring;
+  }
   return result;
 }
 
-Notification to_notification(const drive::Sample& sample,
+Notification to_notification(const drive::Sample& gnss,
+                             const drive::Sample& reckoned,
                              const drive::Sky& sky,
                              const Context& context) {
   Notification result;
-  result.positions = {gnss_position(sample, sky, context), dead_reckoned_position(sample, context)};
+  result.positions = {gnss_position(gnss, sky, context), dead_reckoned_position(reckoned, context)};
 
   Sky_count count;
   auto& list = result.satellites.emplace();
@@ -348,7 +416,7 @@ Notification to_notification(const drive::Sample& sample,
     list.push_back(record);
   }
 
-  const Fix_type status = status_of(sample.fix);
+  const Fix_type status = status_of(gnss.fix);
   auto quality = new_quality(Position_type::gnss, status, context);
   quality.isActivatedAssistedGNSS = false;
   quality.statusGNSSAntenna = Antenna_status::ok;

@@ -6,6 +6,7 @@
 /// PhysicalValue. docs/receivers.md describes each member.
 #pragma once
 
+#include <bitset>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -33,11 +34,30 @@ struct Context {
   std::optional<std::uint32_t> update_rate_hz;
 };
 
-/// A receiver without sensors: its dead-reckoning sample repeats the GNSS sample.
+/// The dead-reckoning sample repeats the GNSS sample, except while the receiver says that it only
+/// reckons: then the GNSS sample carries Error.
 [[nodiscard]] Notification to_notification(const nmea::Fix& fix, const Context& context);
 
-/// A receiver with dead reckoning, which continues in the tunnel.
-[[nodiscard]] Notification to_notification(const drive::Sample& sample,
+/// The quantities that a source has ever told. Without a valid position, a source often leaves them
+/// out of its report.
+class Known_quantities {
+ public:
+  using Mask = std::bitset<64>;
+
+  /// Learns from the notification of `fix`. Without a valid position, it adds valueType Error for
+  /// each known quantity that is absent. Without a receiver, it also removes every value except the
+  /// time stamp.
+  void complete(Notification& notification, const nmea::Fix& fix);
+
+ private:
+  Mask positions_;
+  Mask quality_;
+};
+
+/// A receiver with dead reckoning, which continues in the tunnel. `gnss` and `reckoned` are the
+/// same instant, each with the errors of its sensors.
+[[nodiscard]] Notification to_notification(const drive::Sample& gnss,
+                                           const drive::Sample& reckoned,
                                            const drive::Sky& sky,
                                            const Context& context);
 

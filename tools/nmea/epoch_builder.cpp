@@ -23,6 +23,7 @@ unsigned detail::Epoch::types() const {
 std::optional<Fix> Epoch_builder::add(const Sentence& sentence) {
   if (is_overshadowed(sentence)) {
     ++counters_.duplicates;
+    ++counters_.of(sentence.type).ignored;
     return std::nullopt;
   }
   if (const auto* navigation = std::get_if<Navigation>(&sentence.content)) {
@@ -34,13 +35,15 @@ std::optional<Fix> Epoch_builder::add(const Sentence& sentence) {
         if constexpr (std::is_same_v<Type, Clock>) {
           add_clock(content);
         } else if constexpr (std::is_same_v<Type, Accuracy>) {
-          add_accuracy(content);
+          add_accuracy(content, sentence.type);
         } else if constexpr (std::is_same_v<Type, Attitude>) {
           add_attitude(content);
         } else if constexpr (std::is_same_v<Type, Active_satellites>) {
           add_active(content);
         } else if constexpr (std::is_same_v<Type, Satellites_in_view>) {
           add_view(content, sentence.talker);
+        } else if constexpr (std::is_same_v<Type, Text>) {
+          antenna_ = content.antenna;
         }
       },
       sentence.content);
@@ -87,7 +90,10 @@ std::optional<Fix> Epoch_builder::add_navigation(const Navigation& sentence, Tal
   detail::complete(epoch_->time_of_day, sentence.time_of_day);
 
   auto& place = epoch_->navigation.at(static_cast<std::size_t>(sentence.type));
-  if (place) ++counters_.duplicates;
+  if (place) {
+    ++counters_.duplicates;
+    ++counters_.of(static_cast<Sentence_type>(sentence.type)).ignored;
+  }
   if (!place || (talker == Talker::combined && place->talker != Talker::combined)) {
     place = {sentence, talker};
   }
@@ -97,11 +103,13 @@ std::optional<Fix> Epoch_builder::add_navigation(const Navigation& sentence, Tal
 void Epoch_builder::add_clock(const Clock& sentence) {
   if (sentence.time_of_day && sentence.date) {
     last_utc_ = Utc_time(std::chrono::sys_days(*sentence.date)) + *sentence.time_of_day;
+    clock_ = sentence;
   }
 }
 
-void Epoch_builder::add_accuracy(const Accuracy& sentence) {
-  accuracies_[0] = std::exchange(accuracies_[1], sentence);
+void Epoch_builder::add_accuracy(const Accuracy& sentence, Sentence_type type) {
+  auto& accuracies = type == Sentence_type::gst ? accuracies_ : expected_accuracies_;
+  accuracies[0] = std::exchange(accuracies[1], sentence);
 }
 
 void Epoch_builder::add_attitude(const Attitude& sentence) {
@@ -214,13 +222,42 @@ std::optional<Fix> Epoch_builder::finish() {
   return end_instant();
 }
 
+void Epoch_builder::count_contradiction(Sentence_type type) {
+  ++counters_.contradictions;
+  ++counters_.of(type).ignored;
+}
+
+/// Looks for contradictions between sentences of different kinds.
+void Epoch_builder::judge(const std::optional<std::chrono::year_month_day>& date, const Fix& fix) {
+  if (date && clock_ && clock_->time_of_day == fix.time_of_day && clock_->date != date) {
+    count_contradiction(Sentence_type::zda);
+  }
+  clock_.reset();
+  if (fix.valid && epoch_->sky.dimension == Fix_dimension::none) {
+    count_contradiction(Sentence_type::gsa);
+    auto& sky = epoch_->sky;
+    sky.dimension = std::nullopt;
+    sky.pdop = sky.hdop = sky.vdop = std::nullopt;
+    sky.used.clear();
+    sky.used_told = false;
+  }
+}
+
 Fix Epoch_builder::make_fix() {
   Fix fix;
   fix.time_of_day = epoch_->time_of_day;
   std::optional<bool> valid;
   std::optional<std::chrono::year_month_day> date;
+  if (!epoch_->returned) {
+    detail::judge(epoch_->navigation);
+    for (const auto& told : epoch_->navigation) {
+      if (told && !told->believed) {
+        count_contradiction(static_cast<Sentence_type>(told->sentence.type));
+      }
+    }
+  }
   for (const auto& told : epoch_->navigation) {
-    if (!told) continue;
+    if (!told || !told->believed) continue;
     const Navigation& navigation = told->sentence;
     if (navigation.valid) valid = valid.value_or(false) || *navigation.valid;
     detail::complete(date, navigation.date);
@@ -228,9 +265,11 @@ Fix Epoch_builder::make_fix() {
   }
   // RMC's status is the receiver's own verdict; a GGA beside it may speak for one system only.
   const auto& recommended = epoch_->navigation[static_cast<std::size_t>(Navigation_type::rmc)];
-  fix.valid = recommended && recommended->sentence.valid ? *recommended->sentence.valid
-                                                         : valid.value_or(false);
+  fix.valid = recommended && recommended->believed && recommended->sentence.valid
+                  ? *recommended->sentence.valid
+                  : valid.value_or(false);
   if (!fix.position) fix.valid = false;
+  if (!epoch_->returned) judge(date, fix);
 
   resolve_date(fix, date);
   take_supplements(fix);
@@ -239,10 +278,13 @@ Fix Epoch_builder::make_fix() {
 }
 
 void Epoch_builder::take_supplements(Fix& fix) {
-  for (const auto& accuracy : accuracies_) {
-    if (!accuracy || !accuracy->time_of_day || accuracy->time_of_day != fix.time_of_day) continue;
-    fix.accuracy_horizontal = accuracy->horizontal;
-    fix.accuracy_vertical = accuracy->vertical;
+  fix.antenna = antenna_;
+  for (const auto* accuracies : {&expected_accuracies_, &accuracies_}) {
+    for (const auto& accuracy : *accuracies) {
+      if (!accuracy || !accuracy->time_of_day || accuracy->time_of_day != fix.time_of_day) continue;
+      if (accuracy->horizontal) fix.accuracy_horizontal = accuracy->horizontal;
+      if (accuracy->vertical) fix.accuracy_vertical = accuracy->vertical;
+    }
   }
   if (epoch_->returned) return;  // a supplement has no position: the next one takes the attitude
   fix.heading = attitude_.heading;

@@ -45,11 +45,13 @@ struct Sky {
 struct Told_navigation {
   Navigation sentence;
   Talker talker{};
+  bool believed = true;  ///< false: the others of the instant contradict it
 };
+using Navigation_sentences = std::array<std::optional<Told_navigation>, navigation_type_count>;
 
 struct Epoch {
   std::optional<std::chrono::nanoseconds> time_of_day;
-  std::array<std::optional<Told_navigation>, navigation_type_count> navigation;
+  Navigation_sentences navigation;
   Sky sky;
 
   // Once its position has been returned, in a pause of the receiver:
@@ -75,7 +77,9 @@ enum class Silence : std::uint8_t { brief, lasting };
 /// same time is a duplicate: the first stands, unless the second tells the combined solution (GN)
 /// where the first told one system's.
 ///
-/// ZDA, GST, HDT, THS and PASHR neither begin nor end an instant: they add to it.
+/// ZDA, GST, GBS, HDT, THS, PASHR and TXT neither begin nor end an instant: they add to it.
+///
+/// A sentence that contradicts the others of its instant is counted and adds nothing.
 ///
 /// While a receiver (GP, GN, …) tells positions, those of a device that passes them on (IN, EC, II,
 /// …) are duplicates.
@@ -103,7 +107,7 @@ class Epoch_builder {
   [[nodiscard]] bool begins_instant(const Navigation& sentence, Talker talker) const;
   std::optional<Fix> add_navigation(const Navigation& sentence, Talker talker);
   void add_clock(const Clock& sentence);
-  void add_accuracy(const Accuracy& sentence);
+  void add_accuracy(const Accuracy& sentence, Sentence_type type);
   void add_attitude(const Attitude& sentence);
   void add_active(const Active_satellites& sentence);
   void add_view(const Satellites_in_view& sentence, Talker talker);
@@ -111,6 +115,8 @@ class Epoch_builder {
 
   std::optional<Fix> end_instant();
   [[nodiscard]] Fix make_fix();
+  void judge(const std::optional<std::chrono::year_month_day>& date, const Fix& fix);
+  void count_contradiction(Sentence_type type);
   void take_supplements(Fix& fix);
   void resolve_date(Fix& fix, std::optional<std::chrono::year_month_day> date);
 
@@ -121,7 +127,10 @@ class Epoch_builder {
   Attitude attitude_;         ///< the newest since the last fix
   unsigned usual_types_ = 0;  ///< bit set of the last instant's navigation sentences
   /// The last two: one of the next instant may come before this instant's end.
-  std::array<std::optional<Accuracy>, 2> accuracies_;
+  std::array<std::optional<Accuracy>, 2> accuracies_;           ///< of GST
+  std::array<std::optional<Accuracy>, 2> expected_accuracies_;  ///< of GBS
+  std::optional<Clock> clock_;                                  ///< the last ZDA
+  std::optional<Antenna> antenna_;
   /// Positions that were passed on since the last of a receiver itself.
   unsigned passed_on_ = receiver_gone;
   static constexpr unsigned receiver_gone = 64;

@@ -168,12 +168,6 @@ std::optional<double> number(Fields& fields, std::size_t index, double min, doub
   return result;
 }
 
-std::optional<int> integer(Fields& fields, std::size_t index, int min, int max) {
-  const auto result = number(fields, index, min, max);
-  if (!result) return std::nullopt;
-  return static_cast<int>(std::lround(*result));
-}
-
 std::optional<double> dilution(Fields& fields, std::size_t index) {
   const auto result = decimal(fields, index);
   if (!result || result->numerator == 0) return std::nullopt;

@@ -44,8 +44,6 @@ class Fields {
 
 std::optional<double> number(Fields& fields, std::size_t index);
 std::optional<double> number(Fields& fields, std::size_t index, double min, double max);
-/// Rounded to the nearest integer, for the receivers that print decimals where others print none.
-std::optional<int> integer(Fields& fields, std::size_t index, int min, int max);
 /// 0 stands for "unknown": no geometry has a dilution of 0.
 std::optional<double> dilution(Fields& fields, std::size_t index);
 /// A length; its unit stands in the field behind it.

@@ -1,4 +1,4 @@
-/// What a receiver said about one instant: the result of the NMEA reader.
+/// What a receiver said about one instant, in whatever protocol: the result of every reader.
 #pragma once
 
 #include <chrono>
@@ -12,7 +12,7 @@ using Utc_time = std::chrono::sys_time<std::chrono::nanoseconds>;
 
 struct Coordinates {
   double latitude =
-      0;  ///< degrees, north positive; the double nearest to the sentence's decimal value
+      0;  ///< degrees, north positive; the double nearest to the printed decimal value
   double longitude = 0;  ///< degrees, east positive
   friend bool operator==(const Coordinates&, const Coordinates&) = default;
 };
@@ -37,20 +37,29 @@ enum class Gnss_system : std::uint8_t { unknown, gps, glonass, galileo, beidou, 
 
 struct Satellite {
   Gnss_system system = Gnss_system::unknown;
-  std::uint16_t id = 0;          ///< within its system
-  std::optional<int> elevation;  ///< degrees, -90..90
-  std::optional<int> azimuth;    ///< degrees from north, 0..359
-  std::optional<int> signal;     ///< carrier to noise density, dBHz; absent: not tracked
+  std::uint16_t id = 0;             ///< within its system
+  std::optional<double> elevation;  ///< degrees, -90..90
+  std::optional<double> azimuth;    ///< degrees from north, [0, 360)
+  std::optional<double> signal;     ///< carrier to noise density, dBHz; absent: not tracked
   bool in_use = false;
   friend bool operator==(const Satellite&, const Satellite&) = default;
 };
 
-/// What no sentence of the instant says is absent.
+/// Adds one signal of a satellite to a list that holds each satellite once, with its strongest
+/// signal.
+void add_signal(std::vector<Satellite>& satellites, const Satellite& satellite);
+
+enum class Antenna : std::uint8_t { unknown, ok, open, short_circuit };
+
+/// A quantity that the receiver does not tell for the instant is absent.
 struct Fix {
+  /// False: there is no receiver at this instant.
+  bool present = true;
+
   /// The instant's position has been returned before: only satellites and quality are new.
   bool supplement = false;
 
-  /// Time of day when no sentence has told the date yet; the date is carried on from earlier fixes.
+  /// Known without `utc` until a sentence has told the date; later fixes keep that date.
   std::optional<std::chrono::nanoseconds> time_of_day;
   std::optional<Utc_time> utc;
 
@@ -58,11 +67,16 @@ struct Fix {
   bool valid = false;
   std::optional<Coordinates> position;
   std::optional<double> altitude_msl;         ///< metres
+  std::optional<double> altitude_ellipsoid;   ///< metres, WGS84; absent: see altitude_wgs84()
   std::optional<double> geoid_separation;     ///< metres, WGS84 ellipsoid to mean sea level
   std::optional<double> speed;                ///< metres per second over ground
+  std::optional<double> climb;                ///< metres per second, up positive
   std::optional<double> course;               ///< degrees from true north
   std::optional<double> accuracy_horizontal;  ///< metres, one sigma
   std::optional<double> accuracy_vertical;    ///< metres, one sigma
+  std::optional<double> accuracy_speed;       ///< metres per second, one sigma
+  std::optional<double> accuracy_climb;       ///< metres per second, one sigma
+  std::optional<double> accuracy_course;      ///< degrees, one sigma
   std::optional<double> age_of_corrections;   ///< seconds; absent when none are in use
 
   // Measured without a position too.
@@ -70,9 +84,14 @@ struct Fix {
   std::optional<double> heading_accuracy;  ///< degrees, one sigma
   std::optional<double> pitch;             ///< degrees, nose up positive
   std::optional<double> roll;              ///< degrees, right side down positive
+  std::optional<double> yaw_rate;          ///< degrees per second, to the right positive
+  std::optional<double> pitch_rate;        ///< degrees per second, nose up positive
+  std::optional<double> roll_rate;         ///< degrees per second, right side down positive
+  std::optional<Antenna> antenna;
 
   std::optional<Fix_quality> quality;
   std::optional<Fix_dimension> dimension;
+  std::optional<double> gdop;
   std::optional<double> pdop;
   std::optional<double> hdop;
   std::optional<double> vdop;
@@ -88,9 +107,12 @@ struct Fix {
 
   /// Metres above the WGS84 ellipsoid.
   [[nodiscard]] std::optional<double> altitude_wgs84() const {
+    if (altitude_ellipsoid) return altitude_ellipsoid;
     if (!altitude_msl || !geoid_separation) return std::nullopt;
     return *altitude_msl + *geoid_separation;
   }
+
+  friend bool operator==(const Fix&, const Fix&) = default;
 };
 
 }  // namespace nmea

@@ -14,7 +14,13 @@ Counters& Counters::operator+=(const Counters& other) {
   checksum_mismatch += other.checksum_mismatch;
   malformed_field += other.malformed_field;
   duplicates += other.duplicates;
+  contradictions += other.contradictions;
   incomplete_groups += other.incomplete_groups;
+  for (std::size_t index = 0; index < types.size(); ++index) {
+    types.at(index).understood += other.types.at(index).understood;
+    types.at(index).ignored += other.types.at(index).ignored;
+    types.at(index).broken += other.types.at(index).broken;
+  }
   return *this;
 }
 

@@ -9,7 +9,16 @@
 #include <span>
 #include <string_view>
 
+#include "tools/nmea/sentence_type.h"
+
 namespace nmea {
+
+/// Sentences of one type.
+struct Type_counters {
+  std::uint64_t understood = 0;  ///< without a bad field
+  std::uint64_t ignored = 0;     ///< of those: duplicates, contradictions, positions passed on
+  std::uint64_t broken = 0;      ///< with a bad field or checksum
+};
 
 /// What was passed over, by reason. Only ever grows.
 struct Counters {
@@ -23,9 +32,11 @@ struct Counters {
   std::uint64_t checksum_missing = 0;
   std::uint64_t checksum_mismatch = 0;
   std::uint64_t malformed_field =
-      0;                         ///< right checksum, but a field is not what its place asks for
-  std::uint64_t duplicates = 0;  ///< same type and time as one that is there already
+      0;                             ///< right checksum, but a field is not what its place asks for
+  std::uint64_t duplicates = 0;      ///< same type and time as one that is there already
+  std::uint64_t contradictions = 0;  ///< sentences that the others of the same instant contradict
   std::uint64_t incomplete_groups = 0;  ///< GSV groups of which a sentence is missing
+  std::array<Type_counters, sentence_type_names.size()> types{};
 
   Counters& operator+=(const Counters& other);
 
@@ -35,7 +46,11 @@ struct Counters {
   /// Everything that a healthy receiver on a healthy line would not have sent.
   [[nodiscard]] std::uint64_t errors() const {
     return too_long + bad_character + incomplete + checksum_missing + checksum_mismatch +
-           malformed_field + incomplete_groups;
+           malformed_field + incomplete_groups + contradictions;
+  }
+
+  [[nodiscard]] Type_counters& of(Sentence_type type) {
+    return types.at(static_cast<std::size_t>(type));
   }
 };
 

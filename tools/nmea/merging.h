@@ -13,6 +13,10 @@ void complete(std::optional<T>& target, const std::optional<T>& source) {
   if (!target) target = source;
 }
 
+/// Marks the sentences whose position, speed, course or altitude the majority of the others of the
+/// instant contradicts. With two against one another, the order of Navigation_type decides.
+void judge(Navigation_sentences& sentences);
+
 /// Call it in the order in which the sentences are believed.
 void take(const Navigation& navigation, Fix& fix);
 

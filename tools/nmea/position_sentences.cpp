@@ -1,4 +1,8 @@
-// GGA, GNS, RMC, GLL, VTG. In all of them field 0 is the address.
+// GGA, GNS, RMC, GLL, VTG, PUBX,00. In all of them field 0 is the address.
+#include <algorithm>
+#include <array>
+#include <string_view>
+
 #include "tools/nmea/sentence_parsers.h"
 
 namespace nmea::detail {
@@ -20,6 +24,23 @@ std::optional<Content> finished(Fields& fields, Navigation& result) {
   }
   return result;
 }
+
+struct Pubx_status {
+  std::string_view letters;
+  Fix_quality quality;
+  std::optional<Fix_dimension> dimension;
+};
+/// RK is dead reckoning together with satellites, TT a time without a position.
+constexpr std::array<Pubx_status, 8> pubx_statuses{{
+    {"NF", Fix_quality::none, std::nullopt},
+    {"TT", Fix_quality::none, std::nullopt},
+    {"DR", Fix_quality::estimated, std::nullopt},
+    {"G2", Fix_quality::autonomous, Fix_dimension::two},
+    {"G3", Fix_quality::autonomous, Fix_dimension::three},
+    {"D2", Fix_quality::differential, Fix_dimension::two},
+    {"D3", Fix_quality::differential, Fix_dimension::three},
+    {"RK", Fix_quality::autonomous, Fix_dimension::three},
+}};
 
 }  // namespace
 
@@ -106,6 +127,34 @@ std::optional<Content> parse_vtg(Fields& fields) {
     result.speed.reset();
   }
   return result;
+}
+
+std::optional<Content> parse_pubx(Fields& fields) {
+  Navigation result;
+  result.type = Navigation_type::pubx;
+  if (!take_time(fields, 2, result)) return std::nullopt;
+  result.position = coordinates(fields, 3);
+  result.altitude_ellipsoid = number(fields, 7);
+  const auto* status =
+      std::find_if(pubx_statuses.begin(), pubx_statuses.end(),
+                   [&](const Pubx_status& candidate) { return candidate.letters == fields[8]; });
+  if (status != pubx_statuses.end()) {
+    result.quality = status->quality;
+    result.dimension = status->dimension;
+    result.valid = status->quality != Fix_quality::none;
+  } else if (!fields[8].empty()) {
+    fields.reject();
+  }
+  result.accuracy_horizontal = number(fields, 9, 0, 999'999'999);
+  result.accuracy_vertical = number(fields, 10, 0, 999'999'999);
+  result.speed = kilometres_per_hour(fields, 11);
+  result.course = direction(fields, 12);
+  if (const auto down = number(fields, 13)) result.climb = -*down;
+  result.age_of_corrections = number(fields, 14, 0, 999'999);
+  result.hdop = dilution(fields, 15);
+  result.vdop = dilution(fields, 16);
+  result.satellites_in_use = fields.unsigned_number(18, 999);
+  return finished(fields, result);
 }
 
 }  // namespace nmea::detail

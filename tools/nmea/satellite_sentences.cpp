@@ -78,9 +78,9 @@ std::optional<Content> parse_gsv(Fields& fields, Talker& talker) {
   }
   for (std::size_t index = first; index < end; index += 4) {
     const auto id = fields.unsigned_number(index, max_printed_number);
-    const auto elevation = integer(fields, index + 1, -90, 90);
-    const auto azimuth = integer(fields, index + 2, 0, 360);
-    const auto signal = integer(fields, index + 3, 0, 99);
+    const auto elevation = number(fields, index + 1, -90, 90);
+    const auto azimuth = number(fields, index + 2, 0, 360);
+    const auto signal = number(fields, index + 3, 0, 99);
     if (id.value_or(0) == 0) continue;  // padding
     if (result.satellite_count == result.satellites.size()) {
       fields.reject();

@@ -44,20 +44,26 @@ std::optional<Content> whoever_speaks(Fields& fields, Talker& /*talker*/) {
 }
 
 struct Type {
-  std::string_view letters;
+  Sentence_type type;
   Parse parse;
 };
-constexpr std::array<Type, 11> types{{{"GGA", whoever_speaks<detail::parse_gga>},
-                                      {"GNS", whoever_speaks<detail::parse_gns>},
-                                      {"RMC", whoever_speaks<detail::parse_rmc>},
-                                      {"GLL", whoever_speaks<detail::parse_gll>},
-                                      {"VTG", whoever_speaks<detail::parse_vtg>},
-                                      {"ZDA", whoever_speaks<detail::parse_zda>},
-                                      {"GST", whoever_speaks<detail::parse_gst>},
-                                      {"HDT", whoever_speaks<detail::parse_hdt>},
-                                      {"THS", whoever_speaks<detail::parse_ths>},
-                                      {"GSA", detail::parse_gsa},
-                                      {"GSV", detail::parse_gsv}}};
+constexpr std::array<Type, 13> types{{{Sentence_type::gga, whoever_speaks<detail::parse_gga>},
+                                      {Sentence_type::gns, whoever_speaks<detail::parse_gns>},
+                                      {Sentence_type::rmc, whoever_speaks<detail::parse_rmc>},
+                                      {Sentence_type::gll, whoever_speaks<detail::parse_gll>},
+                                      {Sentence_type::vtg, whoever_speaks<detail::parse_vtg>},
+                                      {Sentence_type::zda, whoever_speaks<detail::parse_zda>},
+                                      {Sentence_type::gst, whoever_speaks<detail::parse_gst>},
+                                      {Sentence_type::gbs, whoever_speaks<detail::parse_gbs>},
+                                      {Sentence_type::hdt, whoever_speaks<detail::parse_hdt>},
+                                      {Sentence_type::ths, whoever_speaks<detail::parse_ths>},
+                                      {Sentence_type::gsa, detail::parse_gsa},
+                                      {Sentence_type::gsv, detail::parse_gsv},
+                                      {Sentence_type::txt, whoever_speaks<detail::parse_txt>}}};
+
+constexpr std::string_view name_of(Sentence_type type) {
+  return sentence_type_names.at(static_cast<std::size_t>(type));
+}
 
 /// The part before '*', when the checksum behind it is right.
 std::optional<std::string_view> verified(std::string_view line, Counters& counters) {
@@ -83,39 +89,54 @@ std::optional<std::string_view> verified(std::string_view line, Counters& counte
   return body;
 }
 
-/// The reader of the sentence that begins with `address`, and its talker.
-std::optional<std::pair<Parse, Talker>> reader_of(std::string_view address) {
-  if (address == "PASHR") return {{whoever_speaks<detail::parse_attitude>, Talker::integrated}};
+struct Known {
+  Sentence_type type;
+  Parse parse;
+  Talker talker;
+};
+
+std::optional<Known> known(const Fields& fields) {
+  const std::string_view address = fields[0];
+  if (address == "PASHR") {
+    return Known{Sentence_type::pashr, whoever_speaks<detail::parse_attitude>, Talker::integrated};
+  }
+  if (address == "PUBX" && fields[1] == "00") {
+    return Known{Sentence_type::pubx, whoever_speaks<detail::parse_pubx>, Talker::combined};
+  }
   const auto talker = talker_of(address);
   const auto* type = std::find_if(types.begin(), types.end(), [&](const Type& candidate) {
-    return address.size() == 5 && address.substr(2) == candidate.letters;
+    return address.size() == 5 && address.substr(2) == name_of(candidate.type);
   });
   if (!talker || type == types.end()) return std::nullopt;
-  return {{type->parse, *talker}};
+  return Known{type->type, type->parse, *talker};
 }
 
 }  // namespace
 
 std::optional<Sentence> parse(std::string_view line, Counters& counters) {
   const auto body = verified(line, counters);
-  if (!body) return std::nullopt;
-
-  Fields fields(*body);
-  const auto reader = reader_of(fields[0]);
+  Fields fields(body ? *body : line.substr(0, line.rfind('*')));
+  auto reader = known(fields);
+  if (!body) {
+    if (reader) ++counters.of(reader->type).broken;
+    return std::nullopt;
+  }
   if (!reader) {
     ++counters.other_sentences;
     return std::nullopt;
   }
-  auto [parse_fields, talker] = *reader;
-  auto content = parse_fields(fields, talker);
+  auto content = reader->parse(fields, reader->talker);
   if (fields.malformed()) {
     ++counters.malformed_field;
+    ++counters.of(reader->type).broken;
   } else if (!content) {
     ++counters.other_sentences;
+  } else {
+    ++counters.of(reader->type).understood;
   }
   if (!content) return std::nullopt;
   ++counters.sentences;
-  return Sentence{talker, std::move(*content)};
+  return Sentence{reader->type, reader->talker, std::move(*content)};
 }
 
 }  // namespace nmea

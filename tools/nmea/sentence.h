@@ -16,10 +16,10 @@
 namespace nmea {
 
 /// In the order in which they are believed when two of one instant say the same thing.
-enum class Navigation_type : std::uint8_t { gga, gns, rmc, gll, vtg };
-inline constexpr std::size_t navigation_type_count = 5;
+enum class Navigation_type : std::uint8_t { gga, gns, rmc, gll, vtg, pubx };
+inline constexpr std::size_t navigation_type_count = 6;
 
-/// GGA, GNS, RMC, GLL or VTG; what the sentence does not say is absent.
+/// GGA, GNS, RMC, GLL, VTG or PUBX,00; a quantity that the sentence does not tell is absent.
 struct Navigation {
   Navigation_type type{};
   std::optional<std::chrono::nanoseconds> time_of_day;
@@ -30,10 +30,16 @@ struct Navigation {
   std::optional<unsigned> satellites_in_use;
   std::optional<double> hdop;
   std::optional<double> altitude_msl;
+  std::optional<double> altitude_ellipsoid;
   std::optional<double> geoid_separation;
-  std::optional<double> age_of_corrections;  ///< seconds
-  std::optional<double> speed;               ///< metres per second
-  std::optional<double> course;              ///< degrees true
+  std::optional<double> age_of_corrections;   ///< seconds
+  std::optional<double> speed;                ///< metres per second
+  std::optional<double> course;               ///< degrees true
+  std::optional<double> climb;                ///< metres per second, up positive
+  std::optional<double> accuracy_horizontal;  ///< metres, one sigma
+  std::optional<double> accuracy_vertical;    ///< metres, one sigma
+  std::optional<double> vdop;
+  std::optional<Fix_dimension> dimension;
 };
 
 /// ZDA: time and date, which a receiver also tells without a position.
@@ -42,7 +48,7 @@ struct Clock {
   std::optional<std::chrono::year_month_day> date;
 };
 
-/// GST: the accuracy of a position.
+/// GST or GBS: the accuracy of a position.
 struct Accuracy {
   std::optional<std::chrono::nanoseconds> time_of_day;
   std::optional<double> horizontal;  ///< metres, one sigma
@@ -78,10 +84,16 @@ struct Satellites_in_view {
   std::size_t satellite_count = 0;
 };
 
-using Content =
-    std::variant<Navigation, Clock, Accuracy, Attitude, Active_satellites, Satellites_in_view>;
+/// TXT: a message of the receiver about its antenna.
+struct Text {
+  Antenna antenna{};
+};
+
+using Content = std::
+    variant<Navigation, Clock, Accuracy, Attitude, Active_satellites, Satellites_in_view, Text>;
 
 struct Sentence {
+  Sentence_type type{};
   Talker talker{};
   Content content;
 };

@@ -14,12 +14,15 @@ std::optional<Content> parse_gns(Fields& fields);
 std::optional<Content> parse_rmc(Fields& fields);
 std::optional<Content> parse_gll(Fields& fields);
 std::optional<Content> parse_vtg(Fields& fields);
+std::optional<Content> parse_pubx(Fields& fields);
 
 std::optional<Content> parse_zda(Fields& fields);
 std::optional<Content> parse_gst(Fields& fields);
+std::optional<Content> parse_gbs(Fields& fields);
 std::optional<Content> parse_hdt(Fields& fields);
 std::optional<Content> parse_ths(Fields& fields);
 std::optional<Content> parse_attitude(Fields& fields);
+std::optional<Content> parse_txt(Fields& fields);
 
 /// `talker` becomes that of the system which the sentence names.
 std::optional<Content> parse_gsa(Fields& fields, Talker& talker);

@@ -1,5 +1,10 @@
-// ZDA, GST, HDT, THS, PASHR: what a receiver tells beside its position. Field 0 is the address.
+// ZDA, GST, GBS, HDT, THS, PASHR, TXT: what a receiver tells beside its position. Field 0 is the
+// address.
+#include <algorithm>
+#include <array>
 #include <cmath>
+#include <string_view>
+#include <utility>
 
 #include "tools/nmea/sentence_parsers.h"
 
@@ -35,6 +40,15 @@ std::optional<Content> parse_gst(Fields& fields) {
   return result;
 }
 
+std::optional<Content> parse_gbs(Fields& fields) {
+  Accuracy result;
+  result.time_of_day = time_of_day(fields, 1);
+  if (!result.time_of_day && !fields[1].empty()) return std::nullopt;
+  result.horizontal = hypotenuse(fields, 2);
+  result.vertical = number(fields, 4, 0, max_error);
+  return result;
+}
+
 std::optional<Content> parse_hdt(Fields& fields) {
   Attitude result;
   result.heading = direction(fields, 1);
@@ -64,6 +78,19 @@ std::optional<Content> parse_attitude(Fields& fields) {
   result.pitch = number(fields, 5, -90, 90);
   result.heading_accuracy = number(fields, 9, 0, 360);
   return result;
+}
+
+std::optional<Content> parse_txt(Fields& fields) {
+  using Status = std::pair<std::string_view, Antenna>;
+  constexpr std::array<Status, 5> statuses{{{"ANTSTATUS=OK", Antenna::ok},
+                                            {"ANTSTATUS=OPEN", Antenna::open},
+                                            {"ANTSTATUS=SHORT", Antenna::short_circuit},
+                                            {"ANTSTATUS=INIT", Antenna::unknown},
+                                            {"ANTSTATUS=DONTKNOW", Antenna::unknown}}};
+  const auto* found = std::find_if(statuses.begin(), statuses.end(),
+                                   [&](const Status& status) { return fields[4] == status.first; });
+  if (found == statuses.end()) return std::nullopt;
+  return Text{found->second};
 }
 
 }  // namespace nmea::detail

@@ -7,6 +7,7 @@
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "tools/command_line.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/fault.h"
 
 namespace posctl {
 namespace {
@@ -97,6 +98,12 @@ Run add_describe(CLI::App& command) {
       .add_option("--wireshark", options->wireshark,
                   "Write a Wireshark profile into this folder instead")
       ->type_name("FOLDER");
+  command
+      .add_option("--interfaces", options->interfaces,
+                  "With --wireshark: a description that another application prints of its services")
+      ->type_name("FILE")
+      ->allow_extra_args(false)
+      ->needs("--wireshark");
   return with(std::move(options), describe);
 }
 
@@ -190,6 +197,19 @@ Run add_call(CLI::App& command) {
   return with(std::move(options), call);
 }
 
+Run add_fault(CLI::App& command) {
+  auto options = std::make_shared<Fault_options>();
+  command
+      .add_option("fault", options->what,
+                  "NAME[=VALUE][@START[+DURATION]] with times in seconds, list, or clear")
+      ->capture_default_str();
+  command.add_option("name", options->name, "The fault to clear; none: all");
+  command.add_flag("--json", options->json, "As a JSON object");
+  add_answer_timeout(command, options->timeout);
+  add_way(command, options->way);
+  return with(std::move(options), fault);
+}
+
 Run add_validate(CLI::App& command) {
   auto options = std::make_shared<Validate_options>();
   command.add_option("manifest", options->manifest, "The file")->required();
@@ -250,6 +270,23 @@ Run add_nmea(CLI::App& command) {
   return with(std::move(options), nmea);
 }
 
+Run add_serve(CLI::App& command) {
+  auto options = std::make_shared<Serve_options>();
+  command.add_option("--listen", options->listen, "IP address and port")
+      ->type_name("ADDRESS:PORT")
+      ->capture_default_str();
+  command.add_flag("--open", options->open, "Show the page in the browser of this desktop");
+  command.add_flag("--control", options->control,
+                   "Let the page initialise monitors and ask for component states");
+  command.add_option("--token", options->token, "A word that each request needs")
+      ->type_name("WORD")
+      ->envname("POSCTL_TOKEN");
+  command.add_option("--marks", options->marks, "Land marks: a GPX or GeoJSON file")
+      ->type_name("FILE");
+  add_way(command, options->way);
+  return with(std::move(options), serve_page);
+}
+
 Run add_doctor(CLI::App& command) {
   auto options = std::make_shared<Doctor_options>();
   command.add_flag("--json", options->json, "As a JSON object");
@@ -296,6 +333,11 @@ constexpr std::array table{
             "posctl log GNSS=debug", add_log},
     Command{"call", "Call any method of a service and print its result as JSON", "",
             "posctl call Statistics.Clock", add_call},
+    Command{
+        "fault", "Make the GNSS source faulty: jump, freeze, fall silent, lie",
+        "Needs gnss-gateway --control. docs/faults.md says what the application does with each.\n"
+        "list prints the faults that there are, and those in force.",
+        "posctl fault jump=1000@5+10", add_fault},
     Command{"validate", "Say whether a file is a valid manifest",
             "The exit code is 1 if it is not.", "posctl validate config/manifest.json",
             add_validate},
@@ -321,6 +363,12 @@ constexpr std::array table{
         "Serves this machine unless an address is given; 16 clients, of which a slow one loses\n"
         "sentences.",
         "posctl nmea --listen tcp:10110", add_nmea},
+    Command{
+        "serve", "Show drive, sky, health and network on a page in the browser",
+        "Runs until it is interrupted. Only this machine sees the page, unless --listen names an\n"
+        "address of the network. The token may also stand in POSCTL_TOKEN, where no other user\n"
+        "of the machine reads it.",
+        "posctl serve --open", add_serve},
     Command{"describe", "Print what is in force: the manifest and the records", "",
             "posctl describe --json", add_describe},
 };

@@ -24,16 +24,18 @@ int watch(const Watch_options& options);
 
 struct Describe_options {
   bool json = false;
-  std::string man;         ///< a folder: write the manual pages there
-  std::string completion;  ///< "bash", "zsh" or "fish": print its completion
-  std::string wireshark;   ///< a folder: write a Wireshark profile there
+  std::string man;                      ///< a folder: write the manual pages there
+  std::string completion;               ///< "bash", "zsh" or "fish": print its completion
+  std::string wireshark;                ///< a folder: write a Wireshark profile there
+  std::vector<std::string> interfaces;  ///< files: descriptions of more services, for the profile
 };
 /// Prints the manifest in force and every record.
 int describe_deployment(bool as_json);
 /// The same, or what `options` asks for instead.
 int describe(const Describe_options& options);
-/// Writes a Wireshark profile for the manifest in force into a folder: names, payloads, ports.
-int describe_for_wireshark(const std::string& folder);
+/// Writes a Wireshark profile for the manifest in force into a folder: names, payloads, ports. The
+/// files describe the interfaces of other applications (binding/interface_description.h).
+int describe_for_wireshark(const std::string& folder, const std::vector<std::string>& interfaces);
 
 struct Read_options {
   std::string data_identifier;
@@ -172,6 +174,17 @@ struct Nmea_options {
 };
 /// Sends positions as NMEA sentences.
 int nmea(const Nmea_options& options);
+
+struct Serve_options {
+  std::string listen = "127.0.0.1:8030";
+  bool open = false;     ///< shows the page in the browser of the desktop
+  bool control = false;  ///< lets clients act
+  std::string token;     ///< that each request needs; empty: none
+  std::string marks;     ///< a file with land marks; empty: none
+  Way_options way;       ///< empty: the network, else the socket
+};
+/// Serves the page until it is interrupted.
+int serve_page(const Serve_options& options);
 
 struct Doctor_options {
   bool json = false;

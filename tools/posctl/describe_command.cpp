@@ -12,7 +12,8 @@ int describe(const Describe_options& options) {
     tools::write_output(completion(options.completion));
     return 0;
   }
-  if (!options.wireshark.empty()) return describe_for_wireshark(options.wireshark);
+  if (!options.wireshark.empty())
+    return describe_for_wireshark(options.wireshark, options.interfaces);
   if (options.man.empty()) return describe_deployment(options.json);
   std::filesystem::create_directories(options.man);
   for (const auto& [name, text] : manual_pages()) {

@@ -2,7 +2,6 @@
 #include <array>
 #include <chrono>
 #include <cstdio>
-#include <map>
 #include <string>
 
 #include "platform/linux/com/manifest.h"
@@ -10,89 +9,49 @@
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/offers.h"
-#include "tools/posctl/record_json.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
 namespace {
 
 using someip::Deployment;
-using someip::Endpoint;
 using someip::hexadecimal;
-using someip::Instance_key;
 using someip::Time;
 
-/// More are not kept: a peer decides how many it offers.
+/// More are not kept.
 constexpr std::size_t max_offers = 4096;
 
 class Discovery_view {
  public:
   Discovery_view(const Deployment& deployment, const Discover_options& options, int cancel)
-      : deployment_(deployment), options_(options), cancel_(cancel) {}
+      : options_(options),
+        cancel_(cancel),
+        table_(
+            deployment, max_offers, [this](const char* event, const Key& key, const auto& offer) {
+              tell(event, key, offer);
+            }) {}
 
-  void take(const Instance_key& key, const Seen_offer& offer) {
-    const Key place{key, offer.from};
-    const auto known = offers_.find(place);
-    if (offer.ttl == 0) {
-      if (known == offers_.end()) return;
-      tell("withdrawn", place, known->second);
-      offers_.erase(known);
-      return;
-    }
-    if (known == offers_.end()) {
-      if (offers_.size() >= max_offers) return;
-      tell("offered", place, offer);
-      offers_.emplace(place, offer);
-      return;
-    }
-    if (!known->second.same(offer)) tell("changed", place, offer);
-    known->second = offer;
-  }
-
-  void expire(Time now) {
-    std::erase_if(offers_, [&](const auto& known) {
-      if (known.second.expires > now) return false;
-      tell("expired", known.first, known.second);
-      return true;
-    });
-  }
+  [[nodiscard]] Offer_table& table() { return table_; }
 
   void print_all() const {
     if (options_.json) {
-      Json json{{"schema", 1}, {"offers", Json::array()}};
-      for (const auto& [key, offer] : offers_)
-        json["offers"].push_back(json_of(key, offer));
-      tools::write_output(json.dump() + "\n", cancel_);
+      tools::write_output(table_.json().dump() + "\n", cancel_);
       return;
     }
-    std::string text = offers_.empty() ? "nothing is offered\n"
-                                       : "service instance version  TTL  endpoints, name\n";
-    for (const auto& [key, offer] : offers_)
+    std::string text = table_.offers().empty() ? "nothing is offered\n"
+                                               : "service instance version  TTL  endpoints, name\n";
+    for (const auto& [key, offer] : table_.offers())
       text += line_of(key, offer) + "\n";
     tools::write_output(text, cancel_);
   }
 
  private:
-  struct Key {
-    Instance_key instance;
-    Endpoint from;
-    friend bool operator<(const Key& a, const Key& b) {
-      return a.instance != b.instance ? a.instance < b.instance : a.from < b.from;
-    }
-  };
-
-  /// The service of the manifest; another version has the name too.
-  [[nodiscard]] const someip::Service_deployment* service_of(const Key& key) const {
-    const auto& services = deployment_.services;
-    const auto found =
-        std::ranges::find(services, key.instance.service, &someip::Service_deployment::id);
-    return found == services.end() ? nullptr : &*found;
-  }
+  using Key = Offer_table::Key;
 
   void tell(const char* event, const Key& key, const Seen_offer& offer) const {
     if (!options_.follow) return;
     if (options_.json) {
-      Json json = json_of(key, offer);
+      Json json = table_.json_of(key, offer);
       json["event"] = event;
       json["schema"] = 1;
       tools::write_output(json.dump() + "\n", cancel_);
@@ -101,23 +60,6 @@ class Discovery_view {
       std::snprintf(column.data(), column.size(), "%-9s ", event);
       tools::write_output(column.data() + line_of(key, offer) + "\n", cancel_);
     }
-  }
-
-  [[nodiscard]] Json json_of(const Key& key, const Seen_offer& offer) const {
-    Json json{{"serviceId", hexadecimal(key.instance.service)},
-              {"instance", hexadecimal(key.instance.instance)},
-              {"majorVersion", key.instance.major_version},
-              {"minorVersion", offer.minor_version},
-              {"from", to_string(offer.from)}};
-    if (offer.udp) json["udp"] = to_string(*offer.udp);
-    if (offer.tcp) json["tcp"] = to_string(*offer.tcp);
-    json["ttlS"] = offer.ttl == someip::endless_ttl ? Json() : Json(offer.ttl);
-    const auto* const service = service_of(key);
-    json["service"] = service == nullptr ? Json() : Json(service->name);
-    if (service != nullptr && service->major_version != key.instance.major_version) {
-      json["manifestMajorVersion"] = service->major_version;
-    }
-    return json;
   }
 
   [[nodiscard]] std::string line_of(const Key& key, const Seen_offer& offer) const {
@@ -132,17 +74,16 @@ class Discovery_view {
     std::string line = text.data();
     if (offer.udp) line += to_string(*offer.udp) + " udp  ";
     if (offer.tcp) line += to_string(*offer.tcp) + " tcp  ";
-    const auto* const service = service_of(key);
+    const auto* const service = table_.service_of(key);
     if (service == nullptr) return line + "(not in the manifest)";
     line += service->name;
     if (service->major_version == key.instance.major_version) return line;
     return line + " (version " + std::to_string(service->major_version) + " in the manifest)";
   }
 
-  const Deployment& deployment_;
   const Discover_options& options_;
   const int cancel_;  ///< readable when nothing more is to be written
-  std::map<Key, Seen_offer> offers_;
+  Offer_table table_;
 };
 
 }  // namespace
@@ -161,8 +102,8 @@ int discover(const Discover_options& options) {
     const auto due = std::min(end, now + period);
     const auto wake = stop_signal.wait_until(due, listener.descriptor());
     if (wake == tools::Stop_signal::Wake::stopped) break;
-    listener.read([&](const auto& key, const auto& offer) { view.take(key, offer); });
-    view.expire(Time::clock::now());
+    listener.read([&](const auto& key, const auto& offer) { view.table().take(key, offer); });
+    view.table().expire(Time::clock::now());
   }
   if (!options.follow) view.print_all();
   return 0;

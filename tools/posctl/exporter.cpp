@@ -1,4 +1,6 @@
-#include <charconv>
+#include <boost/asio/post.hpp>
+#include <boost/asio/thread_pool.hpp>
+#include <chrono>
 #include <cstdio>
 #include <exception>
 #include <memory>
@@ -6,7 +8,6 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,7 @@
 #include "tools/posctl/explain.h"
 #include "tools/posctl/http_server.h"
 #include "tools/posctl/metrics.h"
+#include "tools/posctl/present.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
@@ -26,53 +28,14 @@ namespace {
 
 using namespace lumo::services::diag;
 using lumo::services::positioning::proxy::PositioningProxy;
-using tcp = boost::asio::ip::tcp;
 
 /// In seconds, for all answers of the application to one scrape.
 constexpr double answer_time = 2;
 
-/// The present instance of a service, from one offer to the next.
-template <class Proxy>
-class Present {
- public:
-  Present() {
-    search_ = Proxy::StartFindService([this](const auto& handles, auto) {
-      const std::lock_guard lock(mutex_);
-      changed_ = true;
-      handle_.reset();
-      if (!handles.empty()) handle_.emplace(handles.front());
-    });
-  }
-  ~Present() { Proxy::StopFindService(search_); }
-  Present(const Present&) = delete;
-  Present& operator=(const Present&) = delete;
-
-  /// Null if the service is not offered. One thread calls.
-  [[nodiscard]] Proxy* proxy() {
-    std::optional<Handle> handle;
-    {
-      const std::lock_guard lock(mutex_);
-      if (!std::exchange(changed_, false)) return proxy_.get();
-      handle = handle_;
-    }
-    proxy_.reset();
-    if (handle) proxy_ = std::make_unique<Proxy>(*handle);
-    return proxy_.get();
-  }
-
- private:
-  using Handle = typename Proxy::HandleType;
-
-  std::mutex mutex_;  ///< guards the two members below
-  std::optional<Handle> handle_;
-  bool changed_ = false;
-  std::unique_ptr<Proxy> proxy_;  ///< the calling thread's own
-  ara::com::FindServiceHandle search_{};
-};
-
 /// Nothing if the service is not offered.
 template <class Proxy, class Call>
 auto ask(Present<Proxy>& service, Call call) -> std::optional<decltype(call(*service.proxy()))> {
+  service.update();
   Proxy* const proxy = service.proxy();
   if (proxy == nullptr) return std::nullopt;
   return call(*proxy);
@@ -190,29 +153,63 @@ class Onlooker {
   std::optional<Services> services_;
 };
 
-/// Of "127.0.0.1:9464" or "[::1]:9464".
-tcp::endpoint endpoint_of(const std::string& text) {
-  const auto colon = text.rfind(':');
-  const bool bracketed = text.starts_with('[') && colon != 0 && text[colon - 1] == ']';
-  boost::system::error_code error;
-  std::uint16_t port = 0;
-  if (colon != std::string::npos) {
-    const auto address = boost::asio::ip::make_address(
-        bracketed ? text.substr(1, colon - 2) : text.substr(0, colon), error);
-    const auto* const end = text.data() + text.size();
-    const auto [parsed, wrong] = std::from_chars(text.data() + colon + 1, end, port);
-    if (!error && wrong == std::errc{} && parsed == end && address.is_v6() == bracketed)
-      return {address, port};
-  }
-  throw tools::Usage_error("--listen " + text +
-                           ": an IP address and a port such as 127.0.0.1:9464 are expected");
-}
+/// The text that answers Prometheus. One thread makes it; requests that come meanwhile, or soon
+/// after, get the same text.
+class Metrics_page {
+ public:
+  explicit Metrics_page(const Way_options& way) : onlooker_{way} {}
+  ~Metrics_page() { maker_.join(); }
 
-std::string text_of(const tcp::endpoint& endpoint) {
-  const std::string address = endpoint.address().to_string();
-  return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
-         std::to_string(endpoint.port());
-}
+  /// Answers now or when the text has been made. The thread of the server calls.
+  void answer(const Http_counts& counts, Http_server::Later later) {
+    std::unique_lock lock(mutex_);
+    waiting_.push_back(std::move(later));
+    if (made_ && std::chrono::steady_clock::now() - *made_ < life) {
+      answer_waiting();
+    } else if (waiting_.size() == 1) {
+      lock.unlock();
+      boost::asio::post(maker_, [this, counts] { make(counts); });
+    }
+  }
+
+ private:
+  static constexpr std::chrono::milliseconds life{250};
+
+  void make(Http_counts counts) {
+    auto status = boost::beast::http::status::ok;
+    std::string text;
+    try {
+      Look look = onlooker_.look();
+      ++counts.requests;  // the one that this text answers
+      look.http = counts;
+      text = exposition(look);
+    } catch (const std::exception& error) {
+      status = boost::beast::http::status::internal_server_error;
+      text = error.what() + std::string("\n");
+    }
+    const std::lock_guard lock(mutex_);
+    text_ = std::make_shared<const std::string>(std::move(text));
+    made_.reset();
+    if (status == boost::beast::http::status::ok) made_ = std::chrono::steady_clock::now();
+    answer_waiting(status);
+  }
+  void answer_waiting(boost::beast::http::status status = boost::beast::http::status::ok) {
+    for (const auto& later : std::exchange(waiting_, {})) {
+      Http_answer answer;
+      answer.status = status;
+      answer.type = "text/plain; version=0.0.4; charset=utf-8";
+      answer.text = text_;
+      later(std::move(answer));
+    }
+  }
+
+  Onlooker onlooker_;  ///< of the thread below
+  std::mutex mutex_;   ///< guards the members below
+  std::shared_ptr<const std::string> text_;
+  std::optional<std::chrono::steady_clock::time_point> made_;
+  std::vector<Http_server::Later> waiting_;
+  boost::asio::thread_pool maker_{1};
+};
 
 }  // namespace
 
@@ -221,17 +218,18 @@ int exporter(const Exporter_options& options) {
     tools::write_output(metric_table());
     return 0;
   }
-  const tcp::endpoint endpoint = endpoint_of(options.listen);
+  const auto endpoint = listen_endpoint(options.listen);
   tools::Stop_signal stop_signal;
-  Onlooker onlooker(options.way);
-  const auto page = [&](const Http_counts& counts) {
-    Look look = onlooker.look();
-    look.http = counts;
-    return exposition(look);
+  Metrics_page page(options.way);
+  const auto handle = [&](const Http_request& request,
+                          Http_server::Later later) -> std::optional<Http_answer> {
+    if (request.path() != "/metrics") return refusal(boost::beast::http::status::not_found);
+    page.answer(request.counts, std::move(later));
+    return std::nullopt;
   };
   std::optional<Http_server> server;
   try {
-    server.emplace(endpoint, "/metrics", page);
+    server.emplace(endpoint, handle);
   } catch (const boost::system::system_error& error) {
     throw std::runtime_error("cannot listen at " + options.listen + ": " + error.code().message());
   }

@@ -4,16 +4,15 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
 #include <boost/asio/steady_timer.hpp>
-#include <boost/asio/thread_pool.hpp>
 #include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
-#include <exception>
+#include <charconv>
 #include <list>
-#include <optional>
-#include <string_view>
+#include <mutex>
+#include <system_error>
 #include <thread>
-#include <utility>
-#include <vector>
+
+#include "tools/command.h"
 
 namespace posctl {
 namespace {
@@ -24,52 +23,77 @@ namespace http = beast::http;
 using asio::ip::tcp;
 using boost::system::error_code;
 
+std::string_view target_of(const Http_message& message) {
+  return {message.target().data(), message.target().size()};
+}
+
 }  // namespace
 
-/// Everything except the page is made in one thread.
+std::string_view Http_request::path() const {
+  const auto target = target_of(message);
+  return target.substr(0, target.find('?'));
+}
+
+std::string_view Http_request::query() const {
+  const auto target = target_of(message);
+  const auto mark = target.find('?');
+  return mark == std::string_view::npos ? std::string_view{} : target.substr(mark + 1);
+}
+
+Http_answer refusal(http::status status) {
+  Http_answer answer;
+  answer.status = status;
+  answer.text = std::make_shared<std::string>(std::string(http::obsolete_reason(status)) + "\n");
+  return answer;
+}
+
+/// What late answers may still use.
+struct Http_server::Gate {
+  std::mutex mutex;  ///< guards the member below
+  asio::io_context* context = nullptr;
+};
+
+/// Everything runs in one thread.
 class Http_server::Implementation {
  public:
-  Implementation(const tcp::endpoint& endpoint, std::string path, Page page, Http_limits limits)
+  Implementation(const tcp::endpoint& endpoint, Handler handler, Http_limits limits)
       : limits_(limits),
-        path_(std::move(path)),
-        page_(std::move(page)),
+        handler_(std::move(handler)),
         acceptor_(context_, endpoint),
         retry_(context_) {
+    gate_->context = &context_;
     accept();
     thread_ = std::jthread([this] { context_.run(); });
   }
-  ~Implementation() {
-    context_.stop();
-    thread_.join();
-    maker_.join();
-  }
+  ~Implementation() { stop(); }
   Implementation(const Implementation&) = delete;
   Implementation& operator=(const Implementation&) = delete;
 
+  void stop() {
+    {
+      const std::lock_guard lock(gate_->mutex);
+      gate_->context = nullptr;
+    }
+    context_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
   [[nodiscard]] tcp::endpoint endpoint() const { return acceptor_.local_endpoint(); }
+  [[nodiscard]] asio::any_io_executor executor() { return context_.get_executor(); }
 
- private:
   class Connection;
 
+ private:
   void accept();
   void make_room();
-  void make_page();
-  void answer_waiting(std::string text, http::status status = http::status::ok);
-  /// Answers now or when the page has been made.
-  void ask_for_page(const std::shared_ptr<Connection>& connection);
 
   const Http_limits limits_;
-  const std::string path_;
-  const Page page_;
+  const Handler handler_;
+  const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
   Http_counts counts_;
-  std::string text_;  ///< the last page
-  std::optional<std::chrono::steady_clock::time_point> made_;
   asio::io_context context_{1};
   tcp::acceptor acceptor_;
   asio::steady_timer retry_;
   std::list<std::shared_ptr<Connection>> connections_;  ///< the oldest first
-  std::vector<std::shared_ptr<Connection>> waiting_;    ///< for the page that is made
-  asio::thread_pool maker_{1};
   std::jthread thread_;
 };
 
@@ -95,17 +119,31 @@ class Http_server::Implementation::Connection : public std::enable_shared_from_t
     error_code ignored;
     stream_.socket().close(ignored);
   }
-  void respond(http::status status, const std::string& text, std::string_view type) {
+  void respond(Http_answer answer) {
+    if (answer.status == http::status::ok || answer.take_over) {
+      ++server_.counts_.requests;
+    } else if (http::to_status_class(answer.status) != http::status_class::redirection) {
+      ++server_.counts_.refused;
+    }
+    if (answer.take_over) {
+      answer.take_over(std::move(stream_), parser_.release());
+      end();
+      return;
+    }
+    answer_ = std::move(answer);
     response_.version(11);
-    response_.result(status);
-    response_.set(http::field::content_type, type);
-    if (status == http::status::method_not_allowed) response_.set(http::field::allow, "GET, HEAD");
+    response_.result(answer_.status);
+    response_.set(http::field::content_type,
+                  beast::string_view(answer_.type.data(), answer_.type.size()));
+    for (const auto& [name, value] : answer_.fields)
+      response_.set(beast::string_view(name.data(), name.size()), value);
     response_.keep_alive(false);
-    response_.content_length(text.size());
+    const std::string_view body = answer_.body();
+    response_.content_length(body.size());
     if (parser_.is_header_done() && parser_.get().method() == http::verb::head) {
       serializer_.split(true);
     } else {
-      response_.body() = text;
+      response_.body() = {body.data(), body.size()};
     }
     stream_.expires_after(server_.limits_.response_time);
     const auto finish = [self = shared_from_this()](error_code, std::size_t) {
@@ -123,34 +161,35 @@ class Http_server::Implementation::Connection : public std::enable_shared_from_t
  private:
   void handle(error_code code) {
     using http::error;
-    const auto refuse = [this](http::status status) {
-      ++server_.counts_.refused;
-      respond(status, std::string(http::obsolete_reason(status)) + "\n", "text/plain");
-    };
     if (code == error::header_limit || code == error::buffer_overflow) {
-      refuse(http::status::request_header_fields_too_large);
+      respond(refusal(http::status::request_header_fields_too_large));
     } else if (code == error::body_limit) {
-      refuse(http::status::payload_too_large);
+      respond(refusal(http::status::payload_too_large));
     } else if (code.category() == http::make_error_code(error::bad_method).category() &&
                code != error::end_of_stream && code != error::partial_message) {
-      refuse(http::status::bad_request);
+      respond(refusal(http::status::bad_request));
     } else if (code) {
       ++server_.counts_.refused;
       end();
     } else if (parser_.get().method() != http::verb::get &&
                parser_.get().method() != http::verb::head) {
-      refuse(http::status::method_not_allowed);
-    } else if (path() != server_.path_) {
-      refuse(http::status::not_found);
+      auto answer = refusal(http::status::method_not_allowed);
+      answer.fields.emplace_back("Allow", "GET, HEAD");
+      respond(std::move(answer));
     } else {
-      server_.ask_for_page(shared_from_this());
+      ask();
     }
   }
-  /// The target without its query.
-  [[nodiscard]] std::string_view path() const {
-    const auto target = parser_.get().target();
-    const std::string_view text(target.data(), target.size());
-    return text.substr(0, text.find('?'));
+  void ask() {
+    error_code error;
+    const auto local = stream_.socket().local_endpoint(error);
+    if (error) return end();  // the client has gone
+    Later later;
+    later.gate_ = server_.gate_;
+    later.connection_ = weak_from_this();
+    auto answer =
+        server_.handler_({parser_.get(), local.address(), server_.counts_}, std::move(later));
+    if (answer) respond(std::move(*answer));
   }
   void end() { std::erase(server_.connections_, shared_from_this()); }
 
@@ -158,8 +197,9 @@ class Http_server::Implementation::Connection : public std::enable_shared_from_t
   beast::tcp_stream stream_;
   beast::flat_buffer buffer_;
   http::request_parser<http::empty_body> parser_;
-  http::response<http::string_body> response_;
-  http::response_serializer<http::string_body> serializer_{response_};
+  Http_answer answer_;
+  http::response<http::span_body<const char>> response_;
+  http::response_serializer<http::span_body<const char>> serializer_{response_};
   bool reads_ = true;  ///< the whole request has not come yet
 };
 
@@ -190,50 +230,53 @@ void Http_server::Implementation::make_room() {
   connections_.erase(slowest);
 }
 
-void Http_server::Implementation::ask_for_page(const std::shared_ptr<Connection>& connection) {
-  ++counts_.requests;
-  waiting_.push_back(connection);
-  if (made_ && std::chrono::steady_clock::now() - *made_ < limits_.page_life) {
-    answer_waiting(std::move(text_));
-  } else if (waiting_.size() == 1) {
-    make_page();
-  }
-}
-
-void Http_server::Implementation::make_page() {
-  asio::post(maker_, [this, counts = counts_] {
-    std::string text;
-    auto status = http::status::ok;
-    try {
-      text = page_(counts);
-    } catch (const std::exception& error) {
-      status = http::status::internal_server_error;
-      text = error.what() + std::string("\n");
-    }
-    asio::post(context_, [this, status, text = std::move(text)]() mutable {
-      if (status == http::status::ok) made_ = std::chrono::steady_clock::now();
-      answer_waiting(std::move(text), status);
-    });
+void Http_server::Later::operator()(Http_answer answer) const {
+  const std::lock_guard lock(gate_->mutex);
+  if (gate_->context == nullptr) return;
+  asio::post(*gate_->context, [connection = connection_, answer = std::move(answer)]() mutable {
+    if (const auto one = std::static_pointer_cast<Implementation::Connection>(connection.lock()))
+      one->respond(std::move(answer));
   });
 }
 
-void Http_server::Implementation::answer_waiting(std::string text, http::status status) {
-  text_ = std::move(text);
-  for (const auto& connection : std::exchange(waiting_, {}))
-    connection->respond(status, text_, "text/plain; version=0.0.4; charset=utf-8");
-}
-
-Http_server::Http_server(const tcp::endpoint& endpoint,
-                         std::string path,
-                         Page page,
-                         Http_limits limits)
-    : implementation_(
-          std::make_unique<Implementation>(endpoint, std::move(path), std::move(page), limits)) {}
+Http_server::Http_server(const tcp::endpoint& endpoint, Handler handler, Http_limits limits)
+    : implementation_(std::make_unique<Implementation>(endpoint, std::move(handler), limits)) {}
 
 Http_server::~Http_server() = default;
 
+void Http_server::stop() {
+  implementation_->stop();
+}
+
 tcp::endpoint Http_server::endpoint() const {
   return implementation_->endpoint();
+}
+
+asio::any_io_executor Http_server::executor() {
+  return implementation_->executor();
+}
+
+tcp::endpoint listen_endpoint(const std::string& text) {
+  const auto colon = text.rfind(':');
+  const bool bracketed = text.starts_with('[') && colon != 0 && text[colon - 1] == ']';
+  error_code error;
+  std::uint16_t port = 0;
+  if (colon != std::string::npos) {
+    const auto address = asio::ip::make_address(
+        bracketed ? text.substr(1, colon - 2) : text.substr(0, colon), error);
+    const auto* const end = text.data() + text.size();
+    const auto [parsed, wrong] = std::from_chars(text.data() + colon + 1, end, port);
+    if (!error && wrong == std::errc{} && parsed == end && address.is_v6() == bracketed)
+      return {address, port};
+  }
+  throw tools::Usage_error("--listen " + text +
+                           ": an IP address and a port such as 127.0.0.1:9464 are expected");
+}
+
+std::string text_of(const tcp::endpoint& endpoint) {
+  const std::string address = endpoint.address().to_string();
+  return (endpoint.address().is_v6() ? "[" + address + "]" : address) + ":" +
+         std::to_string(endpoint.port());
 }
 
 }  // namespace posctl

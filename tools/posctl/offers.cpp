@@ -4,10 +4,13 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "platform/someip/base/hexadecimal.h"
+
 namespace posctl {
 
 using someip::Address;
 using someip::Endpoint;
+using someip::hexadecimal;
 
 void read_offers(const someip::Udp_socket& socket,
                  std::size_t max_entries,
@@ -63,6 +66,70 @@ Group_listener::Group_listener(const someip::Deployment& deployment, const std::
   }
   throw std::runtime_error("cannot join " + discovery.multicast_address.to_string() +
                            " on an address of node \"" + node + "\": " + error.message());
+}
+
+void Offer_table::take(const someip::Instance_key& key, const Seen_offer& offer) {
+  const Key place{key, offer.from};
+  const auto known = offers_.find(place);
+  if (offer.ttl == 0) {
+    if (known == offers_.end()) return;
+    const Seen_offer last = known->second;
+    offers_.erase(known);
+    tell_("withdrawn", place, last);
+    return;
+  }
+  if (known == offers_.end()) {
+    if (offers_.size() >= most_) return;
+    offers_.emplace(place, offer);
+    tell_("offered", place, offer);
+    return;
+  }
+  const bool same = known->second.same(offer);
+  known->second = offer;
+  if (!same) tell_("changed", place, offer);
+}
+
+void Offer_table::expire(someip::Time now) {
+  for (auto known = offers_.begin(); known != offers_.end();) {
+    if (known->second.expires > now) {
+      ++known;
+      continue;
+    }
+    const auto gone = *known;
+    known = offers_.erase(known);
+    tell_("expired", gone.first, gone.second);
+  }
+}
+
+const someip::Service_deployment* Offer_table::service_of(const Key& key) const {
+  const auto& services = deployment_.services;
+  const auto found =
+      std::ranges::find(services, key.instance.service, &someip::Service_deployment::id);
+  return found == services.end() ? nullptr : &*found;
+}
+
+Json Offer_table::json_of(const Key& key, const Seen_offer& offer) const {
+  Json json{{"serviceId", hexadecimal(key.instance.service)},
+            {"instance", hexadecimal(key.instance.instance)},
+            {"majorVersion", key.instance.major_version},
+            {"minorVersion", offer.minor_version},
+            {"from", to_string(offer.from)}};
+  if (offer.udp) json["udp"] = to_string(*offer.udp);
+  if (offer.tcp) json["tcp"] = to_string(*offer.tcp);
+  json["ttlS"] = offer.ttl == someip::endless_ttl ? Json() : Json(offer.ttl);
+  const auto* const service = service_of(key);
+  json["service"] = service == nullptr ? Json() : Json(service->name);
+  if (service != nullptr && service->major_version != key.instance.major_version) {
+    json["manifestMajorVersion"] = service->major_version;
+  }
+  return json;
+}
+
+Json Offer_table::json() const {
+  Json json{{"schema", 1}, {"offers", Json::array()}};
+  for (const auto& [key, offer] : offers_)
+    json["offers"].push_back(json_of(key, offer));
+  return json;
 }
 
 }  // namespace posctl

@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <string>
 #include <vector>
@@ -12,6 +13,7 @@
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/discovery/discovery_types.h"
 #include "platform/someip/net/udp_socket.h"
+#include "tools/posctl/record_json.h"
 
 namespace posctl {
 
@@ -50,6 +52,42 @@ class Group_listener {
   const std::size_t limit_;
   const bool ipv4_;
   someip::Udp_socket socket_;
+};
+
+/// The offers in force, by what a listener has seen.
+class Offer_table {
+ public:
+  struct Key {
+    someip::Instance_key instance;
+    someip::Endpoint from;
+    friend bool operator<(const Key& a, const Key& b) {
+      return a.instance != b.instance ? a.instance < b.instance : a.from < b.from;
+    }
+  };
+  /// `event` is "offered", "changed", "withdrawn" or "expired". Of the two last ones the table has
+  /// no entry any longer; of the others it has the new one.
+  using Tell = std::function<void(const char* event, const Key&, const Seen_offer&)>;
+
+  /// `deployment` outlives the table. More than `most` offers are not kept: a peer decides how many
+  /// it offers.
+  Offer_table(const someip::Deployment& deployment, std::size_t most, Tell tell)
+      : deployment_(deployment), most_(most), tell_(std::move(tell)) {}
+
+  void take(const someip::Instance_key& key, const Seen_offer& offer);
+  void expire(someip::Time now);
+  [[nodiscard]] const std::map<Key, Seen_offer>& offers() const { return offers_; }
+
+  /// The service of the manifest, whatever its version; null if the manifest does not have it.
+  [[nodiscard]] const someip::Service_deployment* service_of(const Key& key) const;
+  [[nodiscard]] Json json_of(const Key& key, const Seen_offer& offer) const;
+  /// {"schema": 1, "offers": […]}.
+  [[nodiscard]] Json json() const;
+
+ private:
+  const someip::Deployment& deployment_;
+  const std::size_t most_;
+  const Tell tell_;
+  std::map<Key, Seen_offer> offers_;
 };
 
 }  // namespace posctl

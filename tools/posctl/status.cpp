@@ -2,15 +2,14 @@
 #include <stdexcept>
 #include <string>
 
-#include "binding/timestamp.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/explain.h"
+#include "tools/posctl/notification_json.h"
 #include "tools/posctl/statistics_page.h"
 #include "tools/posctl/status_page.h"
 #include "tools/posctl/terminal.h"
-#include "tools/posctl/time_base.h"
 #include "tools/posctl/verdict.h"
 #include "tools/stop_signal.h"
 
@@ -35,9 +34,7 @@ Json last_of(const Records& records) {
   json["record"] = to_json(record);
   if (is_stamp_only(json["record"])) return json;
   json["none"] = false;
-  if (const auto timestamp = binding::timestamp_of(record)) {
-    json["ageS"] = static_cast<double>((time_base_now() - timestamp->since_epoch()).count()) / 1e9;
-  }
+  if (const auto age = age_s(record)) json["ageS"] = *age;
   return json;
 }
 

@@ -8,16 +8,15 @@
 #include <string_view>
 
 #include "binding/codec.h"
-#include "binding/timestamp.h"
 #include "mw/com/statistics.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/notification_json.h"
 #include "tools/posctl/position_table.h"
 #include "tools/posctl/printer.h"
 #include "tools/posctl/record_json.h"
 #include "tools/posctl/terminal.h"
-#include "tools/posctl/time_base.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
@@ -28,26 +27,15 @@ using lumo::services::positioning::proxy::PositioningProxy;
 
 template <class Records>
 std::string line_of(std::string_view field, const Records& records, bool as_json) {
-  const Json list = to_json(records);
-  const bool initial = std::ranges::all_of(list, is_stamp_only);
-  if (as_json) {
-    const std::chrono::duration<double> now = std::chrono::system_clock::now().time_since_epoch();
-    Json json{{"schema", 1}, {"field", field}, {"received", now.count()}, {"records", list}};
-    if (initial) json["initial"] = true;
-    return json.dump();
-  }
+  const auto age = records.empty() ? std::nullopt : age_s(records.back());
+  const Json json = notification_json(field, records, seconds_since_1970(), age);
+  if (as_json) return json.dump();
   std::string line{field};
-  if (initial) return line + (field == "positions" ? " (no position yet)" : " (nothing yet)");
-  for (const auto& record : list)
+  if (json.contains("initial"))
+    return line + (field == "positions" ? " (no position yet)" : " (nothing yet)");
+  for (const auto& record : json["records"])
     line += ' ' + to_text(record);
   return line;
-}
-
-template <class Record>
-std::optional<double> age_ms(const Record& record) {
-  const auto stamp = binding::timestamp_of(record);
-  if (!stamp) return std::nullopt;
-  return static_cast<double>((time_base_now() - stamp->since_epoch()).count()) / 1e6;
 }
 
 /// Prints notifications in one of the forms.
@@ -72,7 +60,9 @@ class View {
         printer.remark("no position yet");
         continue;
       }
-      auto rows = table_->rows(json, age_ms(record), std::chrono::steady_clock::now());
+      auto age_ms = age_s(record);
+      if (age_ms) *age_ms *= 1000;
+      auto rows = table_->rows(json, age_ms, std::chrono::steady_clock::now());
       const std::string row = std::move(rows.back());
       rows.pop_back();
       for (const auto& line : rows)

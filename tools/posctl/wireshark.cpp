@@ -7,8 +7,10 @@
 #include <filesystem>
 #include <fstream>
 #include <initializer_list>
+#include <iterator>
 #include <map>
 #include <set>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <system_error>
@@ -18,6 +20,7 @@
 #include <vector>
 
 #include "binding/codec.h"
+#include "binding/interface_description.h"
 #include "diagnosisService/monitor_table.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/deployment.h"
@@ -64,11 +67,38 @@ template <>
 inline constexpr binding::Serialization_settings
     binding::settings_of<posctl::wireshark::Fault_entry>{.structure_length_field_size = 0};
 
+namespace posctl::wireshark {
+
+/// Whether the bytes of a record are status bytes. Its 16-bit members hold two of them each.
+template <class Record>
+inline constexpr bool has_statuses =
+    std::is_same_v<Record, lumo::services::diag::PositioningStatusInputs> ||
+    std::is_same_v<Record, lumo::services::diag::PositioningStatusOutputs> ||
+    std::is_same_v<Record, lumo::services::diag::PositioningStatusSystem>;
+template <class Record>
+inline constexpr bool has_faults = false;
+template <lumo::services::diag::Data_bus_fault Fault>
+inline constexpr bool has_faults<lumo::services::diag::Data_bus_fault_records<Fault>> = true;
+
+}  // namespace posctl::wireshark
+
+template <class Record, class Value>
+requires(posctl::wireshark::has_statuses<Record> &&
+         sizeof(Value) == 1) struct binding::Described_as<Record, Value> {
+  using type = posctl::wireshark::Status;
+};
+template <class Record, class Value>
+requires(posctl::wireshark::has_faults<Record>) struct binding::Described_as<Record, Value> {
+  using type = std::vector<posctl::wireshark::Fault_entry>;
+};
+
 namespace posctl {
 namespace {
 
 namespace fs = std::filesystem;
-using binding::Serialization_settings;
+using binding::Interface_description;
+using binding::Type_description;
+using Description_kind = Type_description::Kind;
 
 /// The tables of a Wireshark profile as text, by file name.
 class Tables {
@@ -84,8 +114,8 @@ class Tables {
     std::string text;
   };
   /// As the tables have ids.
-  static std::string hexadecimal(unsigned id) {
-    std::array<char, 16> text{};
+  static std::string hexadecimal(std::uint64_t id) {
+    std::array<char, 20> text{};
     const auto end = std::to_chars(text.data(), text.data() + text.size(), id, 16).ptr;
     return {text.data(), end};
   }
@@ -127,33 +157,49 @@ struct Type {
   unsigned id;
 };
 
-struct Limits {
-  unsigned least;
-  unsigned most;
-};
-/// Elements of a list. The analyser shows the limits, and takes more.
-template <class T>
-inline constexpr Limits limits_of{.least = 0, .most = 65535};
-template <class T, unsigned long count>
-inline constexpr Limits limits_of<std::array<T, count>>{.least = count, .most = count};
+/// Throws for a name that is none.
+unsigned bits_of_number(const std::string& name) {
+  constexpr auto names = std::to_array<std::pair<std::string_view, unsigned>>({{"uint8", 8},
+                                                                               {"uint16", 16},
+                                                                               {"uint32", 32},
+                                                                               {"uint64", 64},
+                                                                               {"int8", 8},
+                                                                               {"int16", 16},
+                                                                               {"int32", 32},
+                                                                               {"int64", 64},
+                                                                               {"float32", 32},
+                                                                               {"float64", 64}});
+  for (const auto& [known, bits] : names)
+    if (known == name) return bits;
+  throw std::runtime_error("the number type \"" + name + "\" is unknown");
+}
 
-/// Whether the bytes of a record are status bytes. Its 16-bit members hold two of them each.
-template <class Record>
-inline constexpr bool has_statuses =
-    std::is_same_v<Record, lumo::services::diag::PositioningStatusInputs> ||
-    std::is_same_v<Record, lumo::services::diag::PositioningStatusOutputs> ||
-    std::is_same_v<Record, lumo::services::diag::PositioningStatusSystem>;
-template <class Record>
-inline constexpr bool has_faults = false;
-template <lumo::services::diag::Data_bus_fault Fault>
-inline constexpr bool has_faults<lumo::services::diag::Data_bus_fault_records<Fault>> = true;
+/// "GNSS"; "d_14a0" for a data identifier.
+std::string short_name_of(const std::string& interface) {
+  const auto name = mw::com::cpp_binding::short_name(interface);
+  return std::string(
+      name.starts_with("DataIdentifier_") ? lumo::services::diag::identifier_of(interface) : name);
+}
 
-/// The type that the analyser shows for a member.
-template <class Record, class Value>
-using Shown_type = std::conditional_t<
-    has_statuses<Record> && sizeof(Value) == 1,
-    wireshark::Status,
-    std::conditional_t<has_faults<Record>, std::vector<wireshark::Fault_entry>, Value>>;
+/// Those in posctl, and those of `files`, which replace them.
+std::map<std::string, Interface_description> interfaces_of(const std::vector<std::string>& files) {
+  std::map<std::string, Interface_description> interfaces;
+  for_each_service([&]<class Interface>() {
+    interfaces.emplace(Interface::name, binding::interface_description<Interface>());
+  });
+  for (const auto& file : files) {
+    std::ifstream stream(file, std::ios::binary);
+    const std::string text{std::istreambuf_iterator<char>(stream), {}};
+    if (!stream) throw std::runtime_error("cannot read " + file);
+    try {
+      for (auto& interface : binding::interfaces_of_json(text))
+        interfaces.insert_or_assign(interface.name, interface);
+    } catch (const std::exception& error) {
+      throw std::runtime_error(file + ": " + error.what());
+    }
+  }
+  return interfaces;
+}
 
 /// Adds the type of each payload. A filter has the place of the member in its name, so every place
 /// has records and lists of its own.
@@ -161,175 +207,108 @@ class Types {
  public:
   explicit Types(Tables& tables) : tables_(tables) {}
 
-  /// Of an item inside another one.
-  template <class T>
-  Type add(const std::string& place,
-           const Serialization_settings& around = binding::settings_of<T>) {
-    const auto& settings = binding::settings_within<T>(around);
-    return add_with<T>(place, settings, bits(binding::Codec<T>::length_field(settings)));
-  }
-  /// Of a whole payload.
-  template <class T>
-  Type add_payload(const std::string& place) {
-    const Serialization_settings& settings = binding::settings_of<T>;
-    const auto field = binding::Codec<T>::length_field(settings);
-    return add_with<T>(place, settings,
-                       binding::Codec<T>::top_level_length_field ? bits(field) : 0);
+  Type add(const std::string& place, const Type_description& type) {
+    switch (type.kind) {
+      case Description_kind::enumeration:
+        return enumeration(type);
+      case Description_kind::text:
+        return string(type);
+      case Description_kind::list:
+        return array(place, add(place, type.members.at(0).type), type);
+      case Description_kind::record:
+        return structure(place, type);
+      case Description_kind::number:
+        break;
+    }
+    return {Kind::base, base(type)};
   }
 
  private:
-  static unsigned bits(std::uint64_t bytes) { return static_cast<unsigned>(8 * bytes); }
+  static unsigned bits(const Type_description& type) { return 8 * type.length_bytes; }
   static std::string_view last_of(std::string_view place) {
     return place.substr(place.rfind('.') + 1);
   }
 
-  template <class T>
-  Type add_with(const std::string& place, const Serialization_settings& settings, unsigned length) {
-    if constexpr (binding::Named_enumeration<T> || std::is_same_v<T, bool>) {
-      return enumeration<T>(settings);
-    } else if constexpr (binding::Scalar<T>) {
-      return {Kind::base, base<T>(settings)};
-    } else if constexpr (std::is_same_v<T, std::string>) {
-      return string(settings, length);
-    } else if constexpr (binding::Described<T>) {
-      return record<T>(place, settings, length);
-    } else if constexpr (requires { typename T::mapped_type; }) {
-      return array(place, map_entry<T>(place, settings), limits_of<T>, length);
-    } else {
-      return array(place, add<typename T::value_type>(place, settings), limits_of<T>, length);
-    }
-  }
-
-  template <class T>
-  unsigned base(const Serialization_settings& settings) {
-    const bool big_endian = settings.byte_order == binding::Byte_order::big_endian;
-    constexpr unsigned size = 8 * sizeof(T);
-    std::string kind = std::is_floating_point_v<T> ? "float" : "uint";
-    if constexpr (std::is_integral_v<T> && std::is_signed_v<T>) kind = "int";
-    std::string name = kind + std::to_string(size);
-    if (!big_endian) name += "_little_endian";
+  unsigned base(const Type_description& type) {
+    const std::string name = type.name + (type.big_endian ? "" : "_little_endian");
     const auto [known, added] = scalars_.try_emplace(name, next_);
     if (added) {
       ++next_;
-      tables_.add("parameter_base_types", {Tables::hexadecimal(known->second), name,
-                                           kind + std::to_string(size), big_endian, size, size});
+      const unsigned size = bits_of_number(type.name);
+      tables_.add("parameter_base_types", {Tables::hexadecimal(known->second), name, type.name,
+                                           type.big_endian, size, size});
     }
     return known->second;
   }
 
-  template <class T>
-  Type enumeration(const Serialization_settings& settings) {
-    using Bits = binding::Bits_of<T>;
-    const unsigned number = base<Bits>(settings);
-    const auto values = [] {
-      if constexpr (std::is_same_v<T, bool>) {
-        return std::to_array<binding::Enumerator<bool>>({{false, "false"}, {true, "true"}});
-      } else {
-        return binding::enumerators<T>;
-      }
-    }();
+  Type enumeration(const Type_description& type) {
+    const unsigned number = base(type);
     std::string name = "values";
-    for (const auto& value : values)
+    for (const auto& value : type.values)
       name.append(" ").append(value.name);
     name += " " + std::to_string(number);
     const auto [known, added] = scalars_.try_emplace(name, next_);
     if (added) {
       ++next_;
-      for (const auto& value : values) {
+      for (const auto& value : type.values) {
         tables_.add("parameter_enums",
                     {Tables::hexadecimal(known->second), "enumeration",
-                     static_cast<unsigned>(Kind::base), Tables::hexadecimal(number), values.size(),
-                     Tables::hexadecimal(static_cast<Bits>(value.value)), value.name});
+                     static_cast<unsigned>(Kind::base), Tables::hexadecimal(number),
+                     type.values.size(), Tables::hexadecimal(value.value), value.name});
       }
     }
     return {Kind::enumeration, known->second};
   }
 
-  Type string(const Serialization_settings& settings, unsigned length) {
-    const bool big_endian = settings.byte_order == binding::Byte_order::big_endian;
+  Type string(const Type_description& type) {
     const auto [known, added] = scalars_.try_emplace(
-        "string " + std::to_string(length) + (big_endian ? "" : " little-endian"), next_);
+        "string " + std::to_string(bits(type)) + (type.big_endian ? "" : " little-endian"), next_);
     if (added) {
       ++next_;
       tables_.add("parameter_strings", {Tables::hexadecimal(known->second), "string", "utf-8", true,
-                                        0U, length, big_endian, 0U});
+                                        0U, bits(type), type.big_endian, 0U});
     }
     return {Kind::string, known->second};
   }
 
-  Type array(const std::string& place, Type element, Limits limits, unsigned length) {
+  Type array(const std::string& place, Type element, const Type_description& list) {
     const unsigned id = next_++;
     tables_.add(
         "parameter_arrays",
         {Tables::hexadecimal(id), last_of(place), static_cast<unsigned>(element.kind),
-         Tables::hexadecimal(element.id), 1U, place, 0U, limits.least, limits.most, length, 0U});
+         Tables::hexadecimal(element.id), 1U, place, 0U, list.least, list.most, bits(list), 0U});
     return {Kind::array, id};
   }
 
-  struct Member {
-    unsigned position;
-    std::string name;
-    std::string title;
-    Type type;
-  };
-  Type structure(const std::string& place,
-                 std::string_view name,
-                 unsigned length,
-                 bool tagged,
-                 const std::vector<Member>& members) {
-    const unsigned id = next_++;
+  Type structure(const std::string& place, const Type_description& record) {
+    std::vector<Type> types;
     unsigned count = 0;
-    for (const Member& member : members)
-      count = std::max(count, member.position + 1);
+    for (const auto& member : record.members) {
+      types.push_back(add(place + "." + member.name, member.type));
+      count = std::max(count, member.id + 1);
+    }
+    const unsigned id = next_++;
     std::vector<bool> listed(count);
     const auto row = [&](unsigned position, std::string_view title, Type type,
                          const std::string& filter) {
       listed[position] = true;
       tables_.add("parameter_structs",
-                  {Tables::hexadecimal(id), name, length, 0U, tagged, count, position, title,
+                  {Tables::hexadecimal(id), mw::com::cpp_binding::short_name(record.name),
+                   bits(record), 0U, record.tagged, count, position, title,
                    static_cast<unsigned>(type.kind), Tables::hexadecimal(type.id), filter});
     };
-    for (const Member& member : members)
-      row(member.position, member.title, member.type, place + "." + member.name);
+    for (std::size_t i = 0; i < types.size(); ++i) {
+      const auto& member = record.members[i];
+      const std::string unit = member.unit.empty() ? "" : " [" + member.unit + "]";
+      row(member.id, member.name + unit, types[i], place + "." + member.name);
+    }
     // The analyser calls a payload malformed if an ID below the highest one is not listed.
     for (unsigned gap = 0; gap < count; ++gap) {
       if (listed[gap]) continue;
       const auto title = "unknown" + std::to_string(gap);
-      row(gap, title, add<std::uint8_t>(place), place + "." + title);
+      row(gap, title, {Kind::base, base({.name = "uint8"})}, place + "." + title);
     }
     return {Kind::structure, id};
-  }
-
-  template <class Record>
-  Type record(const std::string& place, const Serialization_settings& settings, unsigned length) {
-    std::vector<Member> members;
-    std::string quantity;
-    binding::for_each_member<Record>([&]<class M>(const M& described) {
-      using Value = Shown_type<Record, typename M::value_type>;
-      std::string name{described.name};
-      if constexpr (std::is_same_v<Value, binding::Value_type>) {
-        name = quantity + "_valueType";
-      } else {
-        quantity = name;
-      }
-      Member member{.position = static_cast<unsigned>(members.size()),
-                    .name = name,
-                    .title = name,
-                    .type = add<Value>(place + "." + name, settings)};
-      if constexpr (binding::Tlv_record<Record>) member.position = described.id;
-      if (!described.unit.empty()) member.title.append(" [").append(described.unit).append("]");
-      members.push_back(std::move(member));
-    });
-    return structure(place, mw::com::cpp_binding::short_name(binding::Description<Record>::name),
-                     length, binding::Tlv_record<Record>, members);
-  }
-
-  template <class Map>
-  Type map_entry(const std::string& place, const Serialization_settings& settings) {
-    return structure(
-        place, "entry", 0, false,
-        {{0, "key", "key", add<typename Map::key_type>(place + ".key", settings)},
-         {1, "value", "value", add<typename Map::mapped_type>(place + ".value", settings)}});
   }
 
   Tables& tables_;
@@ -348,16 +327,6 @@ class Service_tables {
  public:
   Service_tables(Tables& tables, Types& types, const someip::Service_deployment& service)
       : tables_(tables), types_(types), service_(service), id_(Tables::hexadecimal(service.id)) {}
-
-  /// "GNSS"; "d_14a0" for a data identifier.
-  template <class Service>
-  static std::string short_name() {
-    std::string_view name = mw::com::cpp_binding::short_name(Service::name);
-    if (name.starts_with("DataIdentifier_")) {
-      name = lumo::services::diag::identifier_of(Service::name);
-    }
-    return std::string(name);
-  }
 
   void add_names(const std::string& name) {
     tables_.add("service_identifiers", {id_, name});
@@ -379,10 +348,9 @@ class Service_tables {
     tables_.add("client_identifiers", {id_, Tables::hexadecimal(client), name});
   }
 
-  template <class Service>
-  void add_payloads() {
-    const std::string place = short_name<Service>();
-    std::apply([&](const auto&... elements) { (add(elements, place), ...); }, Service::elements);
+  void add_payloads(const std::string& name, const Interface_description& interface) {
+    for (const auto& element : interface.elements)
+      add(element, name + "." + element.name);
   }
 
  private:
@@ -393,39 +361,39 @@ class Service_tables {
     tables_.add("eventgroup_identifiers", {id_, Tables::hexadecimal(group), name});
   }
 
-  template <class Output, class... Inputs>
-  void add(const mw::com::cpp_binding::Method<Output(Inputs...)>& element,
-           const std::string& service) {
-    const auto* method = find(service_.methods, element.name);
-    if (method == nullptr) return;
-    const std::string place = service + "." + method->name;
-    if constexpr (!std::is_void_v<Output>) {
-      payload(method->id, response, method->name, types_.add_payload<Output>(place), place);
+  void add(const Interface_description::Element& element, const std::string& place) {
+    switch (element.kind) {
+      case Interface_description::Kind::method:
+        if (const auto* method = find(service_.methods, element.name)) add(*method, element, place);
+        break;
+      case Interface_description::Kind::event:
+        if (const auto* event = find(service_.events, element.name); event && element.value) {
+          payload(event->id, notification, event->name, types_.add(place, *element.value), place);
+        }
+        break;
+      case Interface_description::Kind::field:
+        if (const auto* field = find(service_.fields, element.name); field && element.value)
+          add(*field, types_.add(place, *element.value), place);
+        break;
     }
-    static_assert(sizeof...(Inputs) <= 1, "one parameter has the whole payload");
-    [[maybe_unused]] const auto kind = method->fire_and_forget ? request_no_return : request;
-    (payload(method->id, kind, "input", types_.add_payload<Inputs>(place + ".input"),
-             place + ".input"),
-     ...);
   }
-  template <class Value>
-  void add(const mw::com::cpp_binding::Event<Value>& element, const std::string& service) {
-    const auto* event = find(service_.events, element.name);
-    if (event == nullptr) return;
-    const std::string place = service + "." + event->name;
-    payload(event->id, notification, event->name, types_.add_payload<Value>(place), place);
+  void add(const someip::Method_deployment& method,
+           const Interface_description::Element& element,
+           const std::string& place) {
+    if (element.value)
+      payload(method.id, response, method.name, types_.add(place, *element.value), place);
+    // Of several parameters the analyser would need the border between them.
+    if (element.inputs.size() != 1) return;
+    const std::string input = place + ".input";
+    payload(method.id, method.fire_and_forget ? request_no_return : request, "input",
+            types_.add(input, element.inputs.front()), input);
   }
-  template <class Value>
-  void add(const mw::com::cpp_binding::Field<Value>& element, const std::string& service) {
-    const auto* field = find(service_.fields, element.name);
-    if (field == nullptr) return;
-    const std::string place = service + "." + field->name;
-    const Type type = types_.add_payload<Value>(place);
-    if (field->notifier) payload(*field->notifier, notification, field->name, type, place);
-    if (field->getter) payload(*field->getter, response, field->name, type, place);
-    if (field->setter) {
-      payload(*field->setter, request, field->name, type, place);
-      payload(*field->setter, response, field->name, type, place);
+  void add(const someip::Field_deployment& field, Type type, const std::string& place) {
+    if (field.notifier) payload(*field.notifier, notification, field.name, type, place);
+    if (field.getter) payload(*field.getter, response, field.name, type, place);
+    if (field.setter) {
+      payload(*field.setter, request, field.name, type, place);
+      payload(*field.setter, response, field.name, type, place);
     }
   }
 
@@ -477,18 +445,18 @@ void add_ports(Tables& tables, const someip::Deployment& deployment) {
 
 }  // namespace
 
-int describe_for_wireshark(const std::string& folder) {
+int describe_for_wireshark(const std::string& folder, const std::vector<std::string>& files) {
   const someip::Deployment deployment = tq::com::load_deployment();
+  const auto interfaces = interfaces_of(files);
   Tables tables;
   Types types(tables);
   for (const auto& service : deployment.services) {
     Service_tables own(tables, types, service);
     std::string name = service.name;
-    for_each_service([&]<class Interface>() {
-      if (Interface::name != service.name) return;
-      name = Service_tables::short_name<Interface>();
-      own.add_payloads<Interface>();
-    });
+    if (const auto known = interfaces.find(name); known != interfaces.end()) {
+      name = short_name_of(name);
+      own.add_payloads(name, known->second);
+    }
     own.add_names(name);
     for (const auto& node : deployment.nodes)
       own.add_client(node.client_id, node.name);

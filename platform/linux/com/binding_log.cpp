@@ -1,12 +1,14 @@
 #include <array>
 #include <chrono>
+#include <cstdint>
 #include <exception>
 #include <mutex>
+#include <optional>
 #include <string_view>
-#include <utility>
 
 #include "ara/log/logger.h"
 #include "mw/com/cpp_binding/log.h"
+#include "platform/someip/base/rate_limit.h"
 
 namespace mw::com::cpp_binding {
 
@@ -19,67 +21,50 @@ ara::log::Logger& logger() {
   return instance;
 }
 
-/// Lets ten lines a second through and counts the others.
-class Rate_limit {
+/// Ten lines a second.
+class Line_limit {
  public:
-  struct Verdict {
-    bool write;
-    unsigned suppressed;  ///< since the last line that was written
-  };
-
-  Verdict ask() {
-    const auto now = std::chrono::steady_clock::now();
+  [[nodiscard]] std::optional<std::uint64_t> admit() {
     const std::lock_guard lock{mutex_};
-    if (now - window_ >= std::chrono::seconds{1}) {
-      window_ = now;
-      written_ = 0;
-    }
-    if (written_ == 10) {
-      ++suppressed_;
-      return {false, 0};
-    }
-    ++written_;
-    return {true, std::exchange(suppressed_, 0)};
+    return limit_.admit();
   }
 
  private:
-  std::mutex mutex_;  ///< guards the members below
-  std::chrono::steady_clock::time_point window_;
-  unsigned written_ = 0;
-  unsigned suppressed_ = 0;
+  std::mutex mutex_;  ///< guards the member below
+  someip::Rate_limit limit_{10, std::chrono::seconds{1}};
 };
 
 template <class... Arguments>
-void write_limited(Rate_limit& limit, ara::log::LogLevel level, const Arguments&... arguments) {
-  const auto verdict = limit.ask();
-  if (!verdict.write) return;
+void write_limited(Line_limit& limit, ara::log::LogLevel level, const Arguments&... arguments) {
+  const auto suppressed = limit.admit();
+  if (!suppressed) return;
   auto line = logger().Stream(level);
   (line << ... << arguments);
-  if (verdict.suppressed != 0) line << "; suppressed before:" << verdict.suppressed;
+  if (*suppressed != 0) line << "; suppressed before:" << *suppressed;
 }
 
 }  // namespace
 
 void log_get_without_value(std::uint16_t method) {
-  static Rate_limit limit;
+  static Line_limit limit;
   write_limited(limit, LogLevel::kWarn,
                 "Get handler enabled but not configured and Update not called; Method_id=", method);
 }
 
 void log_notify_without_value(std::uint16_t event) {
-  static Rate_limit limit;
+  static Line_limit limit;
   write_limited(limit, LogLevel::kWarn, "Notify enabled but Update not called; Event_id=", event);
 }
 
 void log_malformed_payload(std::string_view service,
                            std::string_view element,
                            std::string_view error) {
-  static Rate_limit limit;
+  static Line_limit limit;
   write_limited(limit, LogLevel::kError, "Dropped a malformed payload of", service, element, error);
 }
 
 void log_handler_exception(Handler handler, std::string_view service, std::string_view element) {
-  static Rate_limit limit;
+  static Line_limit limit;
   constexpr std::array<std::string_view, 4> texts{
       "An exception left the receive handler of", "An exception left the state handler of",
       "An exception left the find-service handler of", "An exception left the method handler of"};

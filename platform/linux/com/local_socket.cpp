@@ -3,18 +3,24 @@
 #include <sys/stat.h>
 
 #include <cstdlib>
-#include <optional>
+
+#include "platform/linux/core/application.h"
 
 namespace tq::com {
 
 namespace {
 
-std::optional<std::string> variable(const char* name) {
+std::string environment(const char* name) {
   const char* const value = std::getenv(name);
-  if (value == nullptr || *value == '\0') return std::nullopt;
-  return value;
+  return value != nullptr ? value : "";
 }
-
+std::string chosen_folder() {
+  return ara::core::variable("RUNTIME_DIR");
+}
+/// The application's folder in `parent`.
+std::string folder_in(const std::string& parent) {
+  return (parent + "/").append(ara::core::application().name);
+}
 std::string socket_in(const std::string& folder, const std::string& node) {
   return folder + "/" + node + ".sock";
 }
@@ -22,12 +28,12 @@ std::string socket_in(const std::string& folder, const std::string& node) {
 }  // namespace
 
 std::string own_socket_path(const std::string& node) {
-  if (const auto folder = variable("POS_RUNTIME_DIR")) return socket_in(*folder, node);
-  if (const auto folders = variable("RUNTIME_DIRECTORY")) {
-    return socket_in(folders->substr(0, folders->find(':')), node);
+  if (const auto folder = chosen_folder(); !folder.empty()) return socket_in(folder, node);
+  if (const auto folders = environment("RUNTIME_DIRECTORY"); !folders.empty()) {
+    return socket_in(folders.substr(0, folders.find(':')), node);
   }
-  if (const auto parent = variable("XDG_RUNTIME_DIR")) {
-    const std::string folder = *parent + "/pos";
+  if (const auto parent = environment("XDG_RUNTIME_DIR"); !parent.empty()) {
+    const std::string folder = folder_in(parent);
     ::mkdir(folder.c_str(), 0700);  // a failure shows at the socket
     return socket_in(folder, node);
   }
@@ -35,10 +41,10 @@ std::string own_socket_path(const std::string& node) {
 }
 
 std::vector<std::string> socket_paths_of(const std::string& node) {
-  if (const auto folder = variable("POS_RUNTIME_DIR")) return {socket_in(*folder, node)};
-  std::vector<std::string> paths{socket_in("/run/pos", node)};
-  if (const auto parent = variable("XDG_RUNTIME_DIR")) {
-    paths.push_back(socket_in(*parent + "/pos", node));
+  if (const auto folder = chosen_folder(); !folder.empty()) return {socket_in(folder, node)};
+  std::vector<std::string> paths{socket_in(folder_in("/run"), node)};
+  if (const auto parent = environment("XDG_RUNTIME_DIR"); !parent.empty()) {
+    paths.push_back(socket_in(folder_in(parent), node));
   }
   return paths;
 }

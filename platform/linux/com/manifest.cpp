@@ -8,19 +8,21 @@
 #include <array>
 #include <boost/asio/ip/address.hpp>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <optional>
 #include <stdexcept>
 #include <string>
 #include <system_error>
 
+#include "platform/linux/core/application.h"
 #include "platform/someip/base/endpoint.h"
 
 namespace tq::com {
 
 namespace {
 
+constexpr std::string_view manifest_variable = "MANIFEST";
+constexpr std::string_view address_variable = "NODE_ADDRESS";
 constexpr std::size_t most_bytes_of_a_manifest = std::size_t{1} << 20U;
 
 [[noreturn]] void refuse(const std::string& path, const std::string& why) {
@@ -52,28 +54,38 @@ const char* kind_of(mode_t mode) {
 }
 
 someip::Deployment read() {
-  if (const char* named = std::getenv("POS_MANIFEST"); named != nullptr && *named != '\0') {
+  const auto& application = ara::core::application();
+  if (const std::string named = ara::core::variable(manifest_variable); !named.empty()) {
     const auto text = read_manifest(named);
     if (!text) refuse(named, ENOENT);
     return parse_deployment(*text, named);
   }
+  const auto configured = std::filesystem::path("/etc") / application.name / "manifest.json";
+  if (const auto text = read_manifest(configured)) return parse_deployment(*text, configured);
   std::error_code error;
   const auto executable = std::filesystem::read_symlink("/proc/self/exe", error);
+  std::filesystem::path installed;
   if (!error) {
-    const auto installed =
-        executable.parent_path().parent_path() / "share" / "pos" / "manifest.json";
+    installed =
+        executable.parent_path().parent_path() / "share" / application.name / "manifest.json";
     if (const auto text = read_manifest(installed)) return parse_deployment(*text, installed);
   }
-  return parse_deployment(built_in_manifest(), "built-in manifest");
+  if (!application.manifest.empty())
+    return parse_deployment(application.manifest, "built-in manifest");
+  throw std::runtime_error("no deployment manifest: the environment variable " +
+                           ara::core::variable_name(manifest_variable) +
+                           " names none, and there is neither \"" + configured.string() +
+                           "\" nor \"" + installed.string() + "\"");
 }
 
-/// Gives a node the address that POS_NODE_ADDRESS names, if the manifest could say so too.
+/// Gives a node the address that the environment names, if the manifest could say so too.
 void replace_address(const someip::Deployment& deployment,
                      someip::Node_deployment& node,
-                     const char* text) {
+                     const std::string& text) {
   const auto require = [&](bool condition, const std::string& expected) {
     if (condition) return;
-    throw std::runtime_error("POS_NODE_ADDRESS: expected " + expected + ", found \"" + text + "\"");
+    throw std::runtime_error(ara::core::variable_name(address_variable) + ": expected " + expected +
+                             ", found \"" + text + "\"");
   };
   boost::system::error_code error;
   const auto address = boost::asio::ip::make_address(text, error);
@@ -117,8 +129,8 @@ std::optional<std::string> read_manifest(const std::string& path) {
 
 someip::Deployment load_deployment(std::string_view node_in_use) {
   auto deployment = read();
-  const char* replaced = std::getenv("POS_NODE_ADDRESS");
-  if (replaced == nullptr || *replaced == '\0') return deployment;
+  const std::string replaced = ara::core::variable(address_variable);
+  if (replaced.empty()) return deployment;
   const auto node =
       std::ranges::find(deployment.nodes, node_in_use, &someip::Node_deployment::name);
   if (node != deployment.nodes.end()) replace_address(deployment, *node, replaced);

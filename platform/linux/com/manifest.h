@@ -9,10 +9,11 @@
 
 namespace tq::com {
 
-/// The manifest in force: the file that the environment variable POS_MANIFEST names, else
-/// share/pos/manifest.json of the installation that the executable belongs to, else the built-in
-/// copy for the loopback network. POS_NODE_ADDRESS, when set, replaces the addresses of the node
-/// `node_in_use`. Throws std::runtime_error that names file, key and what was expected.
+/// The manifest in force. For the application "pos" it is the file that the environment variable
+/// POS_MANIFEST names, else /etc/pos/manifest.json, else share/pos/manifest.json of the
+/// installation that the executable belongs to, else the manifest that the application brings.
+/// POS_NODE_ADDRESS, when set, replaces the addresses of the node `node_in_use`. Throws
+/// std::runtime_error that names file, key and what was expected.
 [[nodiscard]] someip::Deployment load_deployment(std::string_view node_in_use = {});
 
 /// `source` names the text in errors.
@@ -22,8 +23,5 @@ namespace tq::com {
 /// std::runtime_error for anything but a regular file of at most 1 MiB, because others can wait for
 /// their writer or have no end.
 [[nodiscard]] std::optional<std::string> read_manifest(const std::string& path);
-
-/// config/manifest.json as it was when this was built.
-[[nodiscard]] std::string_view built_in_manifest();
 
 }  // namespace tq::com

@@ -102,13 +102,9 @@ void Notification_queue::run() {
 }
 
 void Notification_queue::subscription_changed(bool active) {
-  if (!on_state_) return;
-  // A peer controls the rate of changes, so a slow handler sees only the newest state.
-  latest_active_ = active;
-  if (state_pending_.exchange(true)) return;
+  if (!on_state_ || !newest_active_.put(active)) return;
   const bool free = strand_.enqueue([this] {
-    state_pending_ = false;  // first: a later change is reported by another piece
-    const bool latest = latest_active_;
+    const bool latest = newest_active_.take();
     if (std::exchange(active_, latest) != latest) on_state_(latest);
   });
   if (free) workers_.post([self = shared_from_this()] { self->strand_.run(); });

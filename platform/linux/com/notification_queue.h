@@ -1,7 +1,6 @@
 /// The notifications of one element between the receiving thread and their handler.
 #pragma once
 
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -9,6 +8,7 @@
 #include <mutex>
 
 #include "mw/com/strand.h"
+#include "platform/linux/com/newest.h"
 #include "platform/someip/base/counters.h"
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/workers.h"
@@ -61,8 +61,7 @@ class Notification_queue final : public someip::Event_sink,
   /// The number of take_waiting() that the strand still runs, at least one for each in waiting_.
   std::size_t asked_ = 0;
   bool active_ = false;  ///< the state that the handler saw last; touched on the strand only
-  std::atomic<bool> latest_active_{false};
-  std::atomic<bool> state_pending_{false};  ///< the strand has been asked to report it
+  Newest<bool> newest_active_;
   mw::com::Strand strand_;
 };
 

@@ -20,6 +20,7 @@
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/provider.h"
 #include "platform/linux/com/search.h"
+#include "platform/linux/core/application.h"
 #include "platform/someip/node/node.h"
 
 namespace tq::com {
@@ -231,7 +232,7 @@ Component_singleton::Component_singleton(const std::string& name, bool passive) 
   if (tq::com::the_runtime.load() != nullptr) {
     throw std::logic_error("there is a Component_singleton already");
   }
-  const std::string node = name.empty() ? "POS" : name;
+  const std::string node = name.empty() ? std::string(ara::core::application().node) : name;
   auto deployment = tq::com::load_deployment(node);
 #ifdef M_MMAP_THRESHOLD
   ::mallopt(M_MMAP_THRESHOLD, given_back_bytes);

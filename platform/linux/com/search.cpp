@@ -18,23 +18,14 @@ Search::~Search() {
 }
 
 void Search::found(const std::vector<std::uint16_t>& instances) {
-  {
-    const std::lock_guard lock(mutex_);
-    latest_ = instances;
-    if (std::exchange(pending_, true)) return;
-  }
+  if (!latest_.put(instances)) return;
   if (strand_.enqueue([this] { deliver(); })) {
     workers_.post([self = shared_from_this()] { self->strand_.run(); });
   }
 }
 
 void Search::deliver() {
-  std::vector<std::uint16_t> instances;
-  {
-    const std::lock_guard lock(mutex_);
-    instances.swap(latest_);
-    pending_ = false;
-  }
+  const std::vector<std::uint16_t> instances = latest_.take();
   std::vector<Found_instance> result;
   result.reserve(instances.size());
   for (const std::uint16_t instance : instances) {

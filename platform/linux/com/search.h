@@ -3,10 +3,10 @@
 
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "mw/com/strand.h"
+#include "platform/linux/com/newest.h"
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/workers.h"
 #include "platform/someip/node/searches.h"
@@ -14,8 +14,7 @@
 
 namespace tq::com {
 
-/// Calls the handler for one result at a time. Peers control the rate of changes, so a slow handler
-/// sees only the newest result.
+/// Calls the handler for one result at a time, the newest one.
 class Search final : public someip::Search_sink, public std::enable_shared_from_this<Search> {
  public:
   Search(const someip::Service_deployment& service, Find_handler handler, someip::Workers& workers);
@@ -33,9 +32,7 @@ class Search final : public someip::Search_sink, public std::enable_shared_from_
   const someip::Service_deployment& service_;
   const Find_handler handler_;
   someip::Workers& workers_;
-  std::mutex mutex_;  ///< guards the two members below
-  std::vector<std::uint16_t> latest_;
-  bool pending_ = false;  ///< the strand has been asked to deliver it
+  Newest<std::vector<std::uint16_t>> latest_;
   mw::com::Strand strand_;
 };
 

@@ -2,11 +2,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdlib>
 #include <stdexcept>
 #include <utility>
 
 #include "ara/log/levels.h"
+#include "platform/linux/core/application.h"
 
 namespace ara::log {
 namespace {
@@ -22,10 +22,7 @@ void check_id(std::string_view what, std::string_view id) {
   }
 }
 
-std::string_view environment_levels() {
-  const char* levels = std::getenv("POS_LOG_LEVEL");
-  return levels != nullptr ? levels : "";
-}
+constexpr std::string_view levels_variable = "LOG_LEVEL";
 
 }  // namespace
 
@@ -35,9 +32,10 @@ Backend& Backend::instance() {
 }
 
 Backend::Backend()
-    : settings_(Level_settings::parse(environment_levels())),
+    : settings_(Level_settings::parse(core::variable(levels_variable))),
       dlt_(*new Dlt_sink),
-      text_(*new Text_sink) {
+      text_(*new Text_sink),
+      recent_(*new Recent_ring) {
   default_.store(&add(std::string(unnamed), "default context", std::nullopt));
 }
 
@@ -72,7 +70,8 @@ void Backend::init(std::string_view app_id,
     default_logger().LogWarn() << "InitLogging was called again and ignored";
   } else {
     default_logger().LogWarn()
-        << "environment variable POS_LOG_LEVEL: ignored" << settings_.complaint
+        << "environment variable " + core::variable_name(levels_variable) + ": ignored"
+        << settings_.complaint
         << "- expected a level or CTXT=level, separated by commas; levels are"
         << "off, fatal, error, warn, info, debug, verbose";
   }
@@ -112,6 +111,7 @@ LogLevel Backend::level_for(const Context& context) const {
 
 void Backend::submit(Context& context, LogLevel level, Arguments arguments) noexcept {
   try {
+    if (recent_.wants(level)) recent_.add(level, context.id, arguments.text());
     const LogMode modes = modes_.load(std::memory_order_acquire);
     const bool remote = Has(modes, LogMode::kRemote);
     const bool sent = remote && send_to_daemon(context, level, arguments);
@@ -175,6 +175,10 @@ bool SetLevelOf(std::string_view ctx_id, LogLevel level) {
     set = true;
   }
   return set;
+}
+
+Recent_lines LinesFrom(std::uint64_t from) {
+  return Backend::instance().recent().from(from);
 }
 
 void divert(std::shared_ptr<const Diversion> diversion) {

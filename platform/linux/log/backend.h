@@ -13,6 +13,7 @@
 #include "platform/linux/log/diversion.h"
 #include "platform/linux/log/dlt_sink.h"
 #include "platform/linux/log/level_settings.h"
+#include "platform/linux/log/recent_ring.h"
 #include "platform/linux/log/text_sink.h"
 
 namespace ara::log {
@@ -33,6 +34,7 @@ class Backend {
   /// Gives one message to the sinks.
   void submit(Context& context, LogLevel level, Arguments arguments) noexcept;
   void divert(std::shared_ptr<const Diversion> diversion);
+  [[nodiscard]] Recent_ring& recent() { return recent_; }
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
   // At exit: each runs before the library or the thread behind the sink ends.
   void close_dlt() { dlt_.close(); }
@@ -62,6 +64,7 @@ class Backend {
   std::atomic<LogMode> modes_ = LogMode::kConsole;
   Dlt_sink& dlt_;
   Text_sink& text_;
+  Recent_ring& recent_;
 };
 
 }  // namespace ara::log

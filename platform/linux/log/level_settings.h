@@ -1,4 +1,5 @@
-/// The environment variable POS_LOG_LEVEL: "info" or "info,GNSS=warn,TRCE=verbose".
+/// The environment variable for levels, such as POS_LOG_LEVEL: "info" or
+/// "info,GNSS=warn,TRCE=verbose".
 #pragma once
 
 #include <map>

@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include "ara/per/exceptions.h"
+#include "platform/linux/core/application.h"
 
 namespace ara::per {
 namespace {
@@ -40,15 +41,18 @@ int create_folder(const std::filesystem::path& folder) {
 }  // namespace
 
 std::string storage_folder() {
-  if (auto folder = environment("POS_STORAGE_DIR"); !folder.empty()) return folder;
+  const auto name = core::application().name;
+  if (auto folder = core::variable("STORAGE_DIR"); !folder.empty()) return folder;
   // systemd joins several folders by colons. The unit's first folder holds the stores.
   if (auto folders = environment("STATE_DIRECTORY"); !folders.empty())
     return folders.substr(0, folders.find(':'));
-  if (auto folder = environment("XDG_STATE_HOME"); folder.starts_with('/')) return folder + "/pos";
-  if (auto folder = environment("HOME"); !folder.empty()) return folder + "/.local/state/pos";
-  throw ExceptionStorageLocationNotFound(
-      "no folder for the key-value storage: none of POS_STORAGE_DIR, STATE_DIRECTORY, "
-      "XDG_STATE_HOME and HOME is set");
+  if (auto folder = environment("XDG_STATE_HOME"); folder.starts_with('/'))
+    return folder.append("/").append(name);
+  if (auto folder = environment("HOME"); !folder.empty())
+    return folder.append("/.local/state/").append(name);
+  throw ExceptionStorageLocationNotFound("no folder for the key-value storage: none of " +
+                                         core::variable_name("STORAGE_DIR") +
+                                         ", STATE_DIRECTORY, XDG_STATE_HOME and HOME is set");
 }
 
 void require_folder(const std::string& folder) {
@@ -71,12 +75,16 @@ void require_folder(const std::string& folder) {
                                          "\" was not there; it has been created");
 }
 
-std::string initial_data_folder() {
-  if (auto folder = environment("POS_INITDATA_DIR"); !folder.empty()) return folder;
+std::string initial_data_folder(const std::string& port) {
+  const auto name = core::application().name;
+  if (auto folder = core::variable("INITDATA_DIR"); !folder.empty()) return folder;
   std::error_code error;
+  const std::filesystem::path configured = std::filesystem::path("/etc") / name;
+  if (std::filesystem::exists(configured / ("initdata-" + port + ".json"), error))
+    return configured.string();
   const auto program = std::filesystem::read_symlink("/proc/self/exe", error);
   if (error) return {};
-  return (program.parent_path().parent_path() / "share" / "pos").string();
+  return (program.parent_path().parent_path() / "share" / name).string();
 }
 
 }  // namespace ara::per

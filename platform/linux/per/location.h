@@ -13,8 +13,9 @@ namespace ara::per {
 /// with the reason if that failed.
 void require_folder(const std::string& folder);
 
-/// The folder of the first values; it need not exist. Without the environment variable it follows
-/// from the program's own path; empty if that path is unknown.
-[[nodiscard]] std::string initial_data_folder();
+/// The folder of a port's first values; it need not exist. Without the environment variable it is
+/// /etc/pos (in the application "pos") if that has the port's file. Otherwise it follows from the
+/// program's own path; empty if that path is unknown.
+[[nodiscard]] std::string initial_data_folder(const std::string& port);
 
 }  // namespace ara::per

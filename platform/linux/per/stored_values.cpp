@@ -7,7 +7,7 @@ namespace ara::per {
 Stored_values stored_values(const Store_file& file, const std::string& port) {
   using Origin = Stored_values::Origin;
   if (const auto text = file.read()) return {parse_values(*text, file.path()), Origin::file};
-  const auto folder = initial_data_folder();
+  const auto folder = initial_data_folder(port);
   if (folder.empty()) return {};
   const Store_file initial(folder, "initdata-" + port + ".json", Files::of_the_system());
   const auto text = initial.read();

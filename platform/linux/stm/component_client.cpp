@@ -73,7 +73,7 @@ class Bus_object {
       const auto object = sdbus::createObject(*connection, path_);
       register_on(*object);
       if (!start_handler_thread()) return;
-      connection->requestName(bus_name);
+      connection->requestName(bus_name());
       if (!publish(connection.get(), object.get())) return;
       try {
         connection->enterEventLoop();
@@ -126,7 +126,7 @@ class Bus_object {
       if (!confirmed.empty()) confirmed.front().reply.returnResults(result);
       if (object == nullptr) return;
       object->emitSignal("StateConfirmed")
-          .onInterface(interface)
+          .onInterface(interface_)
           .withArguments(sequence_number, newState, result);
     } catch (const std::exception& error) {
       warn_once(error.what());
@@ -149,7 +149,7 @@ class Bus_object {
 
   void register_on(sdbus::IObject& object) {
     object.registerMethod("RequestState")
-        .onInterface(interface)
+        .onInterface(interface_)
         .withInputParamNames("state", "sequenceNumber")
         .withOutputParamNames("result")
         .implementedAs(
@@ -157,7 +157,7 @@ class Bus_object {
               request(std::move(reply), state, sequence_number);
             });
     object.registerSignal("StateConfirmed")
-        .onInterface(interface)
+        .onInterface(interface_)
         .withParameters<std::uint32_t, std::string, std::uint32_t>("sequenceNumber", "state",
                                                                    "result");
     object.finishRegistration();
@@ -273,6 +273,7 @@ class Bus_object {
   }
 
   const std::string path_;
+  const std::string interface_ = interface_name();
   const StateChangeHandler handler_;
   std::atomic<bool> warned_ = false;
   std::mutex mutex_;  ///< guards the members below

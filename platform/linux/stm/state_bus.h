@@ -7,14 +7,23 @@
 #include <string>
 #include <string_view>
 
+#include "platform/linux/core/application.h"
+
 namespace ara::stm {
 
-inline constexpr const char* bus_name = "org.adaptive.pos";
-inline constexpr const char* interface = "org.adaptive.pos.ComponentState1";
-
+/// "org.adaptive.pos" for the application "pos".
+[[nodiscard]] inline std::string bus_name() {
+  return std::string("org.adaptive.").append(core::application().name);
+}
+[[nodiscard]] inline std::string interface_name() {
+  return bus_name() + ".ComponentState1";
+}
 /// `instance` is the instance specifier of the component.
 [[nodiscard]] inline std::string object_path(std::string_view instance) {
-  return "/org/adaptive/pos/" + std::string(instance);
+  return std::string("/org/adaptive/")
+      .append(core::application().name)
+      .append("/")
+      .append(instance);
 }
 
 enum class Bus { session, system, none };
@@ -22,17 +31,16 @@ enum class Bus { session, system, none };
 /// Chosen by the environment, see docs/component-state.md. Throws std::runtime_error for a value
 /// that is none of the three.
 [[nodiscard]] inline Bus chosen_bus() {
-  const char* chosen = std::getenv("POS_STATE_BUS");
-  if (chosen == nullptr || *chosen == '\0') {
+  constexpr std::string_view variable = "STATE_BUS";
+  const std::string name = core::variable(variable);
+  if (name.empty()) {
     return std::getenv("DBUS_SESSION_BUS_ADDRESS") != nullptr ? Bus::session : Bus::system;
   }
-  const std::string_view name = chosen;
   if (name == "session") return Bus::session;
   if (name == "system") return Bus::system;
   if (name == "none") return Bus::none;
-  throw std::runtime_error(
-      "environment variable POS_STATE_BUS: expected session, system or none, found \"" +
-      std::string(name) + "\"");
+  throw std::runtime_error("environment variable " + core::variable_name(variable) +
+                           ": expected session, system or none, found \"" + name + "\"");
 }
 
 }  // namespace ara::stm

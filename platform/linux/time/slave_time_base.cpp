@@ -4,10 +4,11 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdlib>
 #include <ctime>
 #include <stdexcept>
 #include <system_error>
+
+#include "platform/linux/core/application.h"
 
 namespace ara::time {
 namespace {
@@ -74,12 +75,13 @@ SlaveTimeBaseResourceProxy::Resource SlaveTimeBaseResourceProxy::FindResource(
     throw std::runtime_error("time base resource \"" + std::string(name) +
                              "\" is unknown, there is \"" + std::string(resource_name) + "\"");
   }
-  const char* configured = std::getenv("POS_TIME_BASE");
-  std::string clock = configured != nullptr && *configured != '\0' ? configured : "CLOCK_REALTIME";
+  constexpr std::string_view variable = "TIME_BASE";
+  std::string clock = core::variable(variable);
+  if (clock.empty()) clock = "CLOCK_REALTIME";
   if (clock != "CLOCK_REALTIME" && clock != "CLOCK_TAI" && !clock.starts_with("/dev/")) {
     throw std::runtime_error(
-        "environment variable POS_TIME_BASE: expected CLOCK_REALTIME, CLOCK_TAI or the path of "
-        "a clock such as /dev/ptp0, found \"" +
+        "environment variable " + core::variable_name(variable) +
+        ": expected CLOCK_REALTIME, CLOCK_TAI or the path of a clock such as /dev/ptp0, found \"" +
         clock + "\"");
   }
   return {std::string(name), std::move(clock)};

@@ -116,7 +116,7 @@ struct Instance_deployment {
 };
 
 struct Service_deployment {
-  std::string name;  ///< full interface name, such as "lumo::services::gnss::GNSS"
+  std::string name;  ///< full interface name, such as "example::Lamp"
   std::uint16_t id = 0;
   std::uint8_t major_version = 0;
   std::uint32_t minor_version = 0;

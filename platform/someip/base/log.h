@@ -15,6 +15,8 @@
 #include <type_traits>
 #include <utility>
 
+#include "platform/someip/base/rate_limit.h"
+
 namespace someip {
 
 enum class Log_level : std::uint8_t { warning, info };
@@ -90,28 +92,14 @@ class Log {
     return !std::exchange(known.told, true);
   }
 
-  /// Empty if the line is suppressed, else the number of those before it.
   std::optional<std::uint64_t> admit(std::string_view kind, std::uint64_t lines) {
     const std::lock_guard lock(mutex_);
-    Kind& known = kinds_[kind];
-    const auto now = std::chrono::steady_clock::now();
-    if (now - known.begin >= std::chrono::seconds(5)) known = {now, 0, known.suppressed};
-    if (known.lines >= lines) {
-      ++known.suppressed;
-      return std::nullopt;
-    }
-    ++known.lines;
-    return std::exchange(known.suppressed, 0);
+    return kinds_.try_emplace(kind, lines, std::chrono::seconds(5)).first->second.admit();
   }
 
-  struct Kind {
-    std::chrono::steady_clock::time_point begin{};  ///< of the five seconds
-    std::uint64_t lines = 0;                        ///< in them
-    std::uint64_t suppressed = 0;
-  };
   const Log_sink sink_;
   std::mutex mutex_;  ///< guards kinds_
-  std::map<std::string_view, Kind> kinds_;
+  std::map<std::string_view, Rate_limit> kinds_;
   std::mutex repetitions_mutex_;  ///< guards repetitions_
   std::array<Repetition, 32> repetitions_;
 };

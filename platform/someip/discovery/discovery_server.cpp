@@ -7,6 +7,10 @@ namespace someip {
 
 namespace {
 
+Instance_key key_of(const Entry& entry) {
+  return {entry.service, entry.instance, entry.major_version};
+}
+
 Entry offer_entry(const Offer& offer, std::uint32_t ttl) {
   Entry entry;
   entry.type = Entry_type::offer_service;
@@ -24,9 +28,6 @@ std::vector<Option> endpoint_options(const Instance_endpoints& endpoints) {
   if (endpoints.tcp) options.push_back(Option::unicast(*endpoints.tcp, tcp_protocol));
   return options;
 }
-
-/// Peers decide how many they cause, and each one compares with all of them.
-constexpr std::size_t max_refusals = 32;
 
 }  // namespace
 
@@ -123,47 +124,15 @@ void Discovery_server::find(
   }
 }
 
-void Discovery_server::note_refusal(const Entry& entry,
-                                    const Origin& from,
-                                    const Instance_endpoints& endpoints,
-                                    std::string_view cause,
-                                    Time now) {
-  const Instance_key key{entry.service, entry.instance, entry.major_version};
-  const auto known = std::ranges::find_if(refusals_, [&](const Refusal& one) {
-    return one.key == key && one.event_group == entry.event_group && one.from == from;
-  });
-  if (known != refusals_.end()) {
-    known->endpoints = endpoints;
-    known->cause = cause;
-    known->last = now;
-    ++known->count;
-    return;
-  }
-  if (refusals_.size() >= max_refusals) {
-    refusals_.erase(std::ranges::min_element(refusals_, {}, &Refusal::last));
-  }
-  refusals_.push_back({key, entry.event_group, from, endpoints, cause, now, now, 1});
-  host_.subscription_refused(refusals_.back());
-}
-
-std::uint64_t Discovery_server::forget_refusal(const Entry& entry, const Origin& from) {
-  const Instance_key key{entry.service, entry.instance, entry.major_version};
-  const auto known = std::ranges::find_if(refusals_, [&](const Refusal& one) {
-    return one.key == key && one.event_group == entry.event_group && one.from == from;
-  });
-  if (known == refusals_.end()) return 0;
-  const std::uint64_t count = known->count;
-  refusals_.erase(known);
-  return count;
-}
-
 void Discovery_server::refuse(Entry entry,
                               const Origin& to,
                               const Instance_endpoints& endpoints,
                               std::string_view cause,
                               Time now) {
   counters_.subscriptions_refused.add();
-  note_refusal(entry, to, endpoints, cause, now);
+  const Refusal& refusal =
+      refusals_.note(key_of(entry), entry.event_group, to, endpoints, cause, now);
+  if (refusal.count == 1) host_.subscription_refused(refusal);
   // The peer in whose name a subscription came would take its refusal for the end of its own.
   if (!to.direct()) return;
   entry.type = Entry_type::subscribe_ack;
@@ -178,7 +147,7 @@ void Discovery_server::subscribe(const Entry& entry,
                                  const Origin& from,
                                  bool explicit_initial_data,
                                  Time now) {
-  const auto found = offers_.find({entry.service, entry.instance, entry.major_version});
+  const auto found = offers_.find(key_of(entry));
   const auto group = found == offers_.end() ? decltype(found->second.groups.begin()){}
                                             : found->second.groups.find(entry.event_group);
   const bool known = found != offers_.end() && group != found->second.groups.end();
@@ -267,7 +236,7 @@ bool Discovery_server::keep(Group& group,
       return false;
     }
     const bool fresh = !explicit_initial_data || entry.initial_data_requested();
-    const auto refused = forget_refusal(entry, subscriber.origin);
+    const auto refused = refusals_.forget(key_of(entry), entry.event_group, subscriber.origin);
     subscriptions.push_back({subscriber, now, expires, fresh, refused, 0, {}});
     group.changed = unsettled_ = true;
     group.values_wanted |= fresh;
@@ -305,6 +274,8 @@ std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
 void Discovery_server::forget_peer(const Origin& peer) {
   end_subscriptions(
       [&](const Subscription& subscription) { return subscription.subscriber.origin == peer; });
+  // A later client of this machine may get the same address.
+  if (peer.local()) answers_.erase(peer.peer);
 }
 
 void Discovery_server::connection_lost(const Endpoint& client) {

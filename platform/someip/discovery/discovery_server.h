@@ -15,6 +15,7 @@
 #include "platform/someip/base/counters.h"
 #include "platform/someip/discovery/discovery_outbox.h"
 #include "platform/someip/discovery/discovery_types.h"
+#include "platform/someip/discovery/refusals.h"
 
 namespace someip {
 
@@ -123,7 +124,7 @@ class Discovery_server {
     }
   }
   /// The clients that have been refused and not accepted since, the last ones.
-  [[nodiscard]] const std::vector<Refusal>& refusals() const { return refusals_; }
+  [[nodiscard]] const std::vector<Refusal>& refusals() const { return refusals_.all(); }
 
  private:
   enum class Phase : std::uint8_t { initial_wait, repetition, main };
@@ -159,13 +160,6 @@ class Discovery_server {
               std::string_view cause,
               Time now);
   [[nodiscard]] std::string_view cause_of_missing(const Entry& entry) const;
-  void note_refusal(const Entry& entry,
-                    const Origin& from,
-                    const Instance_endpoints& endpoints,
-                    std::string_view cause,
-                    Time now);
-  /// Returns the number of attempts that were refused before.
-  std::uint64_t forget_refusal(const Entry& entry, const Origin& from);
   void acknowledge(Entry entry, const Group_transport& transport, const Origin& to);
   /// Adds the subscription or renews it. False when a bound refuses the newcomer.
   [[nodiscard]] bool keep(Group& group,
@@ -189,7 +183,7 @@ class Discovery_server {
   bool unsettled_ = false;
   Time next_expiry_ = Time::max();                           ///< no subscription expires before it
   std::map<Discovery_outbox::Destination, Answer> answers_;  ///< waiting for their delay
-  std::vector<Refusal> refusals_;                            ///< at most max_refusals
+  Refusals refusals_;
 };
 
 }  // namespace someip

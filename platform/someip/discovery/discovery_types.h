@@ -84,17 +84,6 @@ struct Subscriber {
   friend bool operator==(const Subscriber&, const Subscriber&) = default;
 };
 
-/// A subscription that was refused, with its repetitions.
-struct Refusal {
-  Instance_key key;  ///< as the client named it
-  std::uint16_t event_group = 0;
-  Origin from;
-  Instance_endpoints endpoints;
-  std::string_view cause;  ///< of the last one; a literal
-  Time first, last;
-  std::uint64_t count = 0;
-};
-
 /// The delays of entries. Entries that begin to wait while others wait in their first phase or in
 /// the gathering share the moment of those, so that they leave in one message (someipsd_65).
 class Discovery_delays {

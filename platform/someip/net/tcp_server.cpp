@@ -48,29 +48,32 @@ void Tcp_server::drop_connections() {
 }
 
 void Tcp_server::accept() {
-  acceptor_.async_accept(accepted_, [this, self = shared_from_this()](const error_code& error,
-                                                                      tcp::socket socket) {
-    if (!acceptor_.is_open()) return;
-    if (error) {
-      // Most likely there is no free descriptor: the next connection may succeed.
-      retry_.expires_after(std::chrono::milliseconds(100));
-      retry_.async_wait([this, self](const error_code& cancelled) {
-        if (!cancelled && acceptor_.is_open()) accept();
+  acceptor_.async_accept(
+      accepted_, [this, self = shared_from_this()](const error_code& error, tcp::socket socket) {
+        if (!acceptor_.is_open()) return;
+        if (error) {
+          // Most likely there is no free descriptor: the next connection may succeed.
+          retry_.expires_after(std::chrono::milliseconds(100));
+          retry_.async_wait([this, self](const error_code& cancelled) {
+            if (!cancelled && acceptor_.is_open()) accept();
+          });
+          return;
+        }
+        const Address peer = accepted_.address();
+        if (const auto obstacle = events_.obstacle(peer); obstacle.empty()) {
+          counters_.tcp_accepted.add();
+          connections_.push_back(std::make_shared<Tcp_connection>(
+              std::move(socket), endpoint_of(accepted_), false, limits_,
+              static_cast<Tcp_connection::Handler&>(*this), workers_, counters_, log_));
+          connections_.back()->start();
+        } else {
+          counters_.refused_connections.add();
+          log_.limited(
+              Log_level::warning, "connections",
+              "TCP connection from " + peer.to_string() + " refused: " + std::string(obstacle));
+        }
+        accept();
       });
-      return;
-    }
-    if (events_.admit(accepted_.address())) {
-      counters_.tcp_accepted.add();
-      connections_.push_back(std::make_shared<Tcp_connection>(
-          std::move(socket), endpoint_of(accepted_), false, limits_,
-          static_cast<Tcp_connection::Handler&>(*this), workers_, counters_, log_));
-      connections_.back()->start();
-    } else {
-      counters_.refused_connections.add();
-      log_.limited(Log_level::warning, "connections", "too many TCP connections: one more refused");
-    }
-    accept();
-  });
 }
 
 void Tcp_server::received(Received message,

@@ -5,6 +5,7 @@
 #include <boost/asio/steady_timer.hpp>
 #include <functional>
 #include <memory>
+#include <string_view>
 #include <vector>
 
 #include "platform/someip/net/tcp_connection.h"
@@ -17,8 +18,8 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
  public:
   /// Called on the control thread, from start() to close().
   struct Events {
-    /// True if another connection from `peer` may be accepted.
-    std::function<bool(const Address& peer)> admit;
+    /// Why no other connection from `peer` is accepted (a literal); empty: one is.
+    std::function<std::string_view(const Address& peer)> obstacle;
     std::function<void(const Endpoint& client)> lost;
     /// `connection` leads back to `client`.
     std::function<void(Received message,

@@ -14,7 +14,7 @@ namespace someip {
 
 /// The service's name, or its id if the deployment does not have it.
 [[nodiscard]] std::string name_of(const Deployment& deployment, std::uint16_t service);
-/// Such as "lumo::services::gnss::GNSS instance 1".
+/// Such as "example::Lamp instance 1".
 [[nodiscard]] std::string text_of(const Deployment& deployment, const Instance_key& key);
 
 /// 0 if `to` is earlier; mw::com::runtime::never if it is Time::max().

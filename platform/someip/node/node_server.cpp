@@ -1,7 +1,7 @@
 #include "platform/someip/node/node_server.h"
 
 #include <algorithm>
-#include <stdexcept>
+#include <exception>
 #include <string>
 #include <unordered_set>
 #include <utility>
@@ -10,62 +10,6 @@
 #include "platform/someip/node/causes.h"
 
 namespace someip {
-
-/// A port with services behind it.
-class Node_server::Service_port final : public Message_receiver {
- public:
-  Service_port(std::unique_ptr<Udp_socket> socket, Node_server& server)
-      : port(server.context_.udp_port(std::move(socket), *this)),
-        deployment_(server.context_.deployment),
-        requests_(server.requests_),
-        counters_(server.context_.counters),
-        log_(server.context_.log) {}
-
-  void received(Received message, const Endpoint& from, Tasks& tasks) override {
-    if (!deployment_.allows_peer(from.address)) {
-      counters_.dropped_foreign_peer.add();
-      return;
-    }
-    table.dispatch(std::move(message), from, {port, nullptr, Socket_address(from)}, tasks,
-                   requests_, counters_, log_);
-  }
-
-  Service_table table;
-  const std::shared_ptr<Udp_port> port;
-
- private:
-  const Deployment& deployment_;
-  Request_budget& requests_;
-  Counters& counters_;
-  Log& log_;
-};
-
-/// The same for the connections of clients.
-class Node_server::Tcp_service_port final {
- public:
-  /// Throws boost::system::system_error when the port cannot be listened on.
-  Tcp_service_port(const Endpoint& local, Node_server& server)
-      : connections(std::make_shared<Tcp_server>(local,
-                                                 server.context_.deployment.limits,
-                                                 server.context_.workers,
-                                                 server.context_.counters,
-                                                 server.context_.log,
-                                                 events(server))) {}
-
-  Service_table table;
-  const std::shared_ptr<Tcp_server> connections;
-
- private:
-  [[nodiscard]] Tcp_server::Events events(Node_server& server) {
-    return {[&server](const Address& peer) { return server.admit_connection(peer); },
-            [&server](const Endpoint& client) { server.connection_lost(client); },
-            [this, &server](Received message, const Endpoint& client,
-                            const std::shared_ptr<Stream>& connection, Tasks& tasks) {
-              table.dispatch(std::move(message), client, {nullptr, connection, {}}, tasks,
-                             server.requests_, server.context_.counters, server.context_.log);
-            }};
-  }
-};
 
 std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& service,
                                                       const Instance_deployment* instance) {
@@ -91,9 +35,11 @@ std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& 
 Node_server::Node_server(const Node_context& context, Discovery& discovery)
     : context_(context),
       discovery_(discovery),
-      requests_(context.deployment.limits),
-      local_(listen_locally()),
-      closed_ports_(context.control.loop()) {}
+      ports_(context,
+             [&discovery](const Endpoint& client) {
+               discovery.client_lost(client, Time::clock::now());
+             }),
+      local_(listen_locally()) {}
 
 std::shared_ptr<Local_server> Node_server::listen_locally() {
   const std::string& path = context_.node.socket_path;
@@ -124,28 +70,7 @@ void Node_server::received(const Local_frame& frame,
                         Time::clock::now());
     return;
   }
-  auto message = received_from(frame, context_.counters);
-  if (!message) return;
-  const auto serve = [&](const auto& ports) {
-    std::unique_lock lock(ports_mutex_);
-    const auto found = ports.find(frame.head.port);
-    if (found == ports.end()) {
-      context_.counters.dropped_unknown_service.add();
-      return;
-    }
-    const auto port = found->second;
-    lock.unlock();
-    Tasks tasks;
-    port->table.dispatch(std::move(*message), client->peer(),
-                         {nullptr, std::make_shared<Local_stream>(client, frame.head), {}}, tasks,
-                         requests_, context_.counters, context_.log);
-    post_all(std::move(tasks), context_.workers);
-  };
-  if (kind == Local_kind::tcp) {
-    serve(tcp_ports_);
-  } else {
-    serve(udp_ports_);
-  }
+  ports_.serve(frame, client);
 }
 
 void Node_server::send_local_discovery(Bytes message, const std::optional<Address>& to) {
@@ -159,38 +84,12 @@ void Node_server::send_local_discovery(Bytes message, const std::optional<Addres
 
 void Node_server::start() {
   if (local_) local_->start();
-  closed_ports_.start([this](const Returned_datagram& returned) { port_closed(returned); });
-}
-
-void Node_server::peer_restarted(const Address& peer, Time last_contact) {
-  const std::lock_guard lock(ports_mutex_);
-  for (const auto& [number, port] : tcp_ports_)
-    port->connections->forget(peer, last_contact);
-}
-
-void Node_server::link_up() {
-  const std::lock_guard lock(ports_mutex_);
-  for (const auto& [number, port] : udp_ports_)
-    static_cast<void>(port->port->socket().multicast_from(context_.own));
-}
-
-void Node_server::link_down() {
-  const std::lock_guard lock(ports_mutex_);
-  for (const auto& [number, port] : tcp_ports_)
-    port->connections->drop_connections();
+  ports_.watch([this](const Returned_datagram& returned) { port_closed(returned); });
 }
 
 void Node_server::close_connections() {
   if (local_) local_->close();
-  const std::lock_guard lock(ports_mutex_);
-  for (const auto& [number, port] : tcp_ports_)
-    port->connections->close();
-}
-
-void Node_server::close_ports() {
-  const std::lock_guard lock(ports_mutex_);
-  for (const auto& [number, port] : udp_ports_)
-    port->port->close();
+  ports_.close_connections();
 }
 
 void Node_server::port_closed(const Returned_datagram& returned) {
@@ -210,92 +109,25 @@ void Node_server::port_closed(const Returned_datagram& returned) {
                            std::to_string(ended) + ") have ended");
 }
 
-std::shared_ptr<Node_server::Service_port> Node_server::udp_port(
-    const Instance_deployment& instance) {
-  if (!instance.udp_port) return nullptr;
-  std::unique_lock lock(ports_mutex_);
-  const auto known = udp_ports_.find(*instance.udp_port);
-  if (known != udp_ports_.end()) return known->second;
-  auto socket = std::make_unique<Udp_socket>(context_.own);
-  socket->allow_missing_address();
-  if (const auto error = socket->bind({context_.own, *instance.udp_port})) {
-    throw std::runtime_error(context_.deployment.source + ": udpPort of instance \"" +
-                             instance.specifier + "\": port " + std::to_string(*instance.udp_port) +
-                             " of " + context_.own.to_string() +
-                             " cannot be used: " + error.message());
-  }
-  const auto no_multicast = socket->multicast_from(context_.own);
-  closed_ports_.add(*socket);
-  auto port = std::make_shared<Service_port>(std::move(socket), *this);
-  port->port->open();
-  udp_ports_.emplace(*instance.udp_port, port);
-  lock.unlock();
-  if (no_multicast) {
-    context_.log.limited(
-        Log_level::warning, "multicast",
-        "no multicast from " + context_.own.to_string() + ": " + no_multicast.message());
-  }
-  return port;
-}
-
-std::shared_ptr<Node_server::Tcp_service_port> Node_server::tcp_port(
-    const Instance_deployment& instance) {
-  if (!instance.tcp_port) return nullptr;
-  const std::lock_guard lock(ports_mutex_);
-  const auto known = tcp_ports_.find(*instance.tcp_port);
-  if (known != tcp_ports_.end()) return known->second;
-  std::shared_ptr<Tcp_service_port> port;
-  try {
-    port = std::make_shared<Tcp_service_port>(Endpoint{context_.own, *instance.tcp_port}, *this);
-  } catch (const boost::system::system_error& error) {
-    throw std::runtime_error(context_.deployment.source + ": tcpPort of instance \"" +
-                             instance.specifier + "\": port " + std::to_string(*instance.tcp_port) +
-                             " of " + context_.own.to_string() +
-                             " cannot be used: " + error.code().message());
-  }
-  context_.control.post([port] { port->connections->start(); });
-  return tcp_ports_.emplace(*instance.tcp_port, std::move(port)).first->second;
-}
-
-bool Node_server::admit_connection(const Address& peer) {
-  const Deployment& deployment = context_.deployment;
-  if (!deployment.allows_peer(peer)) return false;
-  const std::lock_guard lock(ports_mutex_);
-  std::size_t count = 0, of_peer = 0;
-  for (const auto& [number, port] : tcp_ports_) {
-    count += port->connections->connections();
-    of_peer += port->connections->connections_from(peer);
-  }
-  return count < deployment.limits.tcp_connections &&
-         of_peer < deployment.limits.tcp_connections_per_address;
-}
-
-void Node_server::connection_lost(const Endpoint& client) {
-  discovery_.client_lost(client, Time::clock::now());
-}
-
 bool Node_server::has_connection(const Offer& offer, const Endpoint& client) {
   if (is_local_address(client.address)) return true;
   const auto instance = offered_.find(offer.key);
   if (instance == offered_.end()) return false;
-  const auto port = tcp_port(instance->second->deployment());
-  return port && port->connections->connection_of(client) != nullptr;
+  const auto connections = ports_.connections(instance->second->deployment());
+  return connections && connections->connection_of(client) != nullptr;
 }
 
 std::shared_ptr<Provided_instance> Node_server::provide(
     const Service_deployment& service,
     const Instance_deployment& instance,
     const Value_missing_handler& value_missing) {
-  const auto udp = udp_port(instance);
-  static_cast<void>(tcp_port(instance));
-  return std::make_shared<Provided_instance>(service, instance, udp ? udp->port : nullptr,
+  return std::make_shared<Provided_instance>(service, instance, ports_.open(instance),
                                              context_.deployment.limits, context_.counters,
                                              value_missing);
 }
 
 void Node_server::offer(std::shared_ptr<Provided_instance> instance) {
-  if (const auto port = udp_port(instance->deployment())) port->table.add(instance);
-  if (const auto port = tcp_port(instance->deployment())) port->table.add(instance);
+  ports_.add(instance);
   context_.control.post([this, instance = std::move(instance)] {
     const Service_deployment& service = instance->service();
     const Instance_deployment& deployment = instance->deployment();
@@ -312,8 +144,7 @@ void Node_server::offer(std::shared_ptr<Provided_instance> instance) {
 }
 
 void Node_server::stop_offer(std::shared_ptr<Provided_instance> instance) {
-  if (const auto port = udp_port(instance->deployment())) port->table.remove(*instance);
-  if (const auto port = tcp_port(instance->deployment())) port->table.remove(*instance);
+  ports_.remove(*instance);
   context_.control.post([this, instance = std::move(instance)] {
     const auto found = offered_.find(instance->key());
     if (found == offered_.end() || found->second != instance) return;
@@ -324,7 +155,7 @@ void Node_server::stop_offer(std::shared_ptr<Provided_instance> instance) {
 
 std::shared_ptr<Event_targets> Node_server::targets_of(const Provided_instance& instance,
                                                        const std::vector<Subscriber>& subscribers) {
-  const auto tcp = tcp_port(instance.deployment());
+  const auto connections = ports_.connections(instance.deployment());
   auto targets = std::make_shared<Event_targets>();
   targets->udp.reserve(subscribers.size());
   // A client in two subscriptions gets each event once.
@@ -350,8 +181,8 @@ std::shared_ptr<Event_targets> Node_server::targets_of(const Provided_instance& 
     if (endpoints.udp && udp_known.insert(*endpoints.udp).second) {
       targets->udp.emplace_back(*endpoints.udp);
     }
-    if (!tcp || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
-    if (auto stream = tcp->connections->connection_of(*endpoints.tcp)) {
+    if (!connections || !endpoints.tcp || !tcp_known.insert(*endpoints.tcp).second) continue;
+    if (auto stream = connections->connection_of(*endpoints.tcp)) {
       targets->streams.push_back(std::move(stream));
     }
   }

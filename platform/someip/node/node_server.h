@@ -1,20 +1,18 @@
-/// The providing side of a node: its service ports, its offered instances and their subscribers.
+/// The providing side of a node: its offered instances and their subscribers.
 #pragma once
 
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
 #include "mw/com/statistics.h"
 #include "platform/someip/discovery/discovery.h"
-#include "platform/someip/net/closed_ports.h"
 #include "platform/someip/net/local_server.h"
-#include "platform/someip/net/tcp_server.h"
 #include "platform/someip/node/node_context.h"
 #include "platform/someip/node/provided_instance.h"
+#include "platform/someip/node/service_ports.h"
 
 namespace someip {
 
@@ -44,15 +42,17 @@ class Node_server final : public Discovery_server_host {
   void list(mw::com::runtime::Peers& peers, Time now) const;
   /// Accepts clients of the Unix socket, and watches for others that have closed their ports.
   void start();
-  void stop_watching() { closed_ports_.stop(); }
+  void stop_watching() { ports_.stop_watching(); }
   /// Ends the subscriptions of clients that have closed their ports.
-  void look_for_closed_ports() { closed_ports_.look(); }
-  void peer_restarted(const Address& peer, Time last_contact);
-  void link_up();
-  void link_down();
+  void look_for_closed_ports() { ports_.look_for_closed_ports(); }
+  void peer_restarted(const Address& peer, Time last_contact) {
+    ports_.peer_restarted(peer, last_contact);
+  }
+  void link_up() { ports_.link_up(); }
+  void link_down() { ports_.link_down(); }
   /// Closes every connection and accepts no new one.
   void close_connections();
-  void close_ports();
+  void close_ports() { ports_.close(); }
   /// Sends a discovery message to the client of the Unix socket with this address, or to all of
   /// them.
   void send_local_discovery(Bytes message, const std::optional<Address>& to);
@@ -71,29 +71,16 @@ class Node_server final : public Discovery_server_host {
   void subscribers_settled(const Instance_key& key, std::uint16_t event_group) override;
 
  private:
-  class Service_port;
-  class Tcp_service_port;
-
-  [[nodiscard]] std::shared_ptr<Service_port> udp_port(const Instance_deployment& instance);
-  [[nodiscard]] std::shared_ptr<Tcp_service_port> tcp_port(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Event_targets> targets_of(
       const Provided_instance& instance, const std::vector<Subscriber>& subscribers);
   [[nodiscard]] std::shared_ptr<Local_server> listen_locally();
   void received(const Local_frame& frame, const std::shared_ptr<Local_connection>& client);
-  [[nodiscard]] bool admit_connection(const Address& peer);
-  void connection_lost(const Endpoint& client);
   void port_closed(const Returned_datagram& returned);
 
   const Node_context& context_;
   Discovery& discovery_;
-  Request_budget requests_;
-
-  std::mutex ports_mutex_;  ///< guards the two members below
-  std::map<std::uint16_t, std::shared_ptr<Service_port>> udp_ports_;
-  std::map<std::uint16_t, std::shared_ptr<Tcp_service_port>> tcp_ports_;
-
+  Service_ports ports_;
   const std::shared_ptr<Local_server> local_;  ///< null: no Unix socket
-  Closed_ports closed_ports_;
   std::map<Instance_key, std::shared_ptr<Provided_instance>>
       offered_;  ///< the control thread's own
 };

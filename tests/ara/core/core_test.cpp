@@ -4,6 +4,7 @@
 #include <string>
 
 #include "ara/core/instance_specifier.h"
+#include "platform/linux/core/application.h"
 #include "tests/support/error_of.h"
 
 namespace ara::core {
@@ -32,6 +33,23 @@ TEST(InstanceSpecifier, takes_short_names_joined_by_slashes_and_refuses_others_w
     EXPECT_THAT(test::error_of<std::invalid_argument>([&text = text] { InstanceSpecifier{text}; }),
                 AllOf(HasSubstr(reason), HasSubstr('"' + text.substr(0, 255) + '"')));
   }
+}
+
+TEST(Initialize,
+     names_the_variables_after_the_application_and_refuses_what_a_bus_or_a_path_cannot_hold) {
+  EXPECT_EQ(variable_name("MANIFEST"), "POS_MANIFEST");
+  EXPECT_EQ(application().node, "POS");
+  const std::string longest(32, 'a');
+  for (const std::string& name :
+       {std::string(), longest + "a", std::string("1a"), std::string("a-b"), std::string("A"),
+        std::string("a/b"), std::string("a.b")}) {
+    EXPECT_THAT(test::error_of<std::invalid_argument>([&] { Initialize({.name = name}); }),
+                HasSubstr('"' + name + '"'));
+  }
+  Initialize({.name = longest});
+  EXPECT_EQ(application().node, longest);
+  EXPECT_EQ(variable_name("MANIFEST"), std::string(32, 'A') + "_MANIFEST");
+  Initialize({.name = "pos", .node = "POS"});
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <thread>
 #include <vector>
 
+#include "ara/core/initialization.h"
 #include "ara/log/logger.h"
 
 namespace {
@@ -41,6 +42,7 @@ struct Logs_in_its_destructor {
 }  // namespace
 
 int main() {
+  ara::core::Initialize({.name = "pos"});
   static const Logs_in_its_destructor late;
   for (std::string line; std::getline(std::cin, line);) {
     std::istringstream words(line);

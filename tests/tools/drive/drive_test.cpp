@@ -1,11 +1,18 @@
 #include "tools/drive/drive.h"
 
-#include <gtest/gtest.h>
+#include <gmock/gmock.h>
 
 #include <cmath>
+#include <cstdio>
+#include <fstream>
 #include <numbers>
 #include <set>
+#include <string>
 #include <utility>
+#include <vector>
+
+#include "tools/drive/errors.h"
+#include "tools/drive/route.h"
 
 namespace drive {
 namespace {
@@ -25,11 +32,9 @@ double turn(double from, double to) {
   return std::remainder(to - from, 360);
 }
 
-TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
-  const Course course;
+/// `right` and `left` become the sharpest turns, in degrees per second.
+void expect_consistency(const Course& course, double& right, double& left) {
   const auto step = 100ms;
-  double right = 0;
-  double left = 0;
   for (auto time = std::chrono::nanoseconds(0); time < course.lap_time() + 2 * step; time += step) {
     const Sample now = course.sample(time);
     const Sample middle = course.sample(time + step / 2);
@@ -53,8 +58,125 @@ TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
     right = std::max(right, now.yaw_rate);
     left = std::min(left, now.yaw_rate);
   }
+}
+
+TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
+  double right = 0;
+  double left = 0;
+  expect_consistency(Course(), right, left);
   EXPECT_GT(right, 5);
   EXPECT_LT(left, -3);
+}
+
+class Route_file : public testing::Test {
+ protected:
+  Route_file() : path(testing::TempDir() + "route.gpx") {}
+  ~Route_file() override { std::remove(path.c_str()); }
+  Route read(const std::string& points) const {
+    std::ofstream(path) << R"(<?xml version="1.0"?><gpx version="1.1"><trk><trkseg>)" << points
+                        << "</trkseg></trk></gpx>";
+    return read_gpx(path);
+  }
+  static std::string point(double latitude, double longitude, const std::string& content = "") {
+    return "<trkpt lat=\"" + std::to_string(latitude) + "\" lon=\"" + std::to_string(longitude) +
+           "\">" + content + "</trkpt>";
+  }
+  const std::string path;
+};
+
+TEST_F(Route_file, a_vehicle_passes_the_points_at_their_speeds_and_stands_where_it_stood) {
+  // Corners to both sides, one too narrow for any vehicle, a turn back, a tunnel, a stay.
+  const auto route =
+      read(point(48, 11, "<ele>500</ele><speed>20</speed>") +
+           point(48.004, 11, "<ele>510</ele><speed>20</speed><type>Tunnel</type>") +
+           point(48.004, 11.010, "<ele>490</ele><speed>12</speed>") + point(48.00401, 11.01001) +
+           point(48.008, 11.010, "<time>2024-01-05T15:40:00Z</time>") +
+           point(48.008, 11.010, "<time>2024-01-05T15:41:00Z</time>") + point(48.004, 11.0101));
+  const Course course(route, 10);
+  double right = 0;
+  double left = 0;
+  expect_consistency(course, right, left);
+  EXPECT_GT(right, 5);
+  EXPECT_LT(left, -5);
+  double fastest = 0;
+  auto standing = 0s;
+  std::set<Fix_type> fixes;
+  std::vector<double> nearest(route.points.size(), 1e9);
+  for (auto time = 0s; time <= course.lap_time() + 1s; ++time) {
+    for (auto part = 0ms; part < 1000ms; part += 100ms) {
+      const auto sample = course.sample(time + part);
+      for (std::size_t index = 0; index < nearest.size(); ++index) {
+        const auto& at = route.points[index];
+        nearest[index] = std::min(
+            nearest[index], Place{at.latitude, at.longitude}
+                                .to({sample.latitude, sample.longitude}, Radii::at(at.latitude))
+                                .length());
+      }
+      fastest = std::max(fastest, sample.speed);
+      fixes.insert(sample.fix);
+    }
+    if (course.sample(time).speed == 0) ++standing;
+  }
+  for (std::size_t index = 0; index < nearest.size(); ++index)
+    EXPECT_LT(nearest[index], 6) << index;
+  EXPECT_NEAR(fastest, 20, 1e-6);
+  EXPECT_GE(standing, 58s);
+  EXPECT_EQ(fixes.size(), 3U) << "the tunnel";
+  EXPECT_NEAR(course.sample(course.lap_time() + 1h).latitude, 48.004, 1e-6) << "the end";
+}
+
+TEST_F(Route_file, a_file_without_a_way_is_refused_with_its_name) {
+  const auto refused = [&](auto&& read) {
+    try {
+      read();
+    } catch (const std::exception& error) {
+      return std::string(error.what());
+    }
+    return std::string();
+  };
+  EXPECT_THAT(refused([&] { (void)read(point(91, 11)); }), testing::HasSubstr(path));
+  EXPECT_THAT(refused([&] { (void)read("<"); }), testing::HasSubstr(path));
+  EXPECT_THAT(refused([] { (void)read_gpx("/no/such/file"); }), testing::HasSubstr("No such file"));
+  EXPECT_THAT(refused([&] { (void)Course(read(point(48, 11) + point(48, 11)), 10); }),
+              testing::HasSubstr("two points"));
+}
+
+TEST(Drive, a_seed_gives_the_errors_of_sensors_and_the_same_again) {
+  const Course course;
+  const auto distance = [](const Sample& one, const Sample& other) {
+    return std::hypot(metres_north(one, other), metres_east(one, other));
+  };
+  double open = 0;
+  double street = 0;
+  double reckoned = 0;
+  double drift = 0;
+  int opens = 0;
+  int streets = 0;
+  for (std::uint64_t seed = 0; seed < 20; ++seed) {
+    const Errors errors(seed);
+    for (auto time = 0s; time < course.lap_time(); ++time) {
+      const auto truth = course.sample(time);
+      const auto sky = course.sky(time, 24);
+      const auto gnss = errors.gnss(truth, sky, time);
+      const auto dr = errors.reckoned(truth, sky, time);
+      ASSERT_EQ(distance(gnss, Errors(seed).gnss(truth, sky, time)), 0);
+      ASSERT_LT(std::abs(turn(truth.heading, dr.heading)), 5);
+      if (truth.fix == Fix_type::none) {
+        drift = std::max(drift, distance(truth, dr));
+      } else if (truth.surroundings == Surroundings::street) {
+        street += distance(truth, gnss);
+        ++streets;
+      } else {
+        open += distance(truth, gnss);
+        reckoned += distance(truth, dr);
+        ++opens;
+      }
+    }
+  }
+  EXPECT_NEAR(open / opens, 2, 1.2);
+  EXPECT_GT(street / streets, 1.5 * open / opens);
+  EXPECT_LT(reckoned / opens, open / opens);
+  EXPECT_NEAR(drift, 12, 8) << "behind 900 m of tunnel";
 }
 
 TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {

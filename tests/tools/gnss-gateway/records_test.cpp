@@ -172,7 +172,8 @@ TEST(Records, satellites_are_listed_and_counted_by_system) {
 TEST(Records, the_drive_begins_without_an_error) {
   const drive::Course course;
   for (const auto& record :
-       to_notification(course.sample(0s), course.sky(0s, 24), context).positions) {
+       to_notification(course.sample(0s), course.sample(0s), course.sky(0s, 24), context)
+           .positions) {
     binding::for_each_quantity<lumo::services::gnss::datatypes::DT_positions_struct>(
         [&](const auto& quantity) {
           EXPECT_NE(record.*quantity.quality.pointer, Value_type::error);
@@ -185,7 +186,7 @@ TEST(Records, in_the_tunnel_of_the_drive_only_dead_reckoning_has_a_position) {
   auto blind_time = 0s;
   for (auto time = 0s; time < course.lap_time(); ++time) {
     const auto sample = course.sample(time);
-    const auto notification = to_notification(sample, course.sky(time, 60), context);
+    const auto notification = to_notification(sample, sample, course.sky(time, 60), context);
     const bool blind = sample.fix == drive::Fix_type::none;
     if (blind) ++blind_time;
     const auto& gnss = notification.positions.at(0);

@@ -248,7 +248,7 @@ TEST(Nmea, satellites_are_numbered_within_their_system_and_found_again_in_every_
            {"PQGSV,1,1,01,08,40,083,46,0,4", beidou, 8, "PQGSA,A,3,08,,,,,,,,,,,,2.5,1.3,2.1,4"},
            {"PQGSV,1,1,01,193,40,083,46", qzss, 193, "GQGSA,A,3,01,,,,,,,,,,,,2.5,1.3,2.1,5"},
            {"GNGSV,1,1,01,308,40,083,46", galileo, 8, "GAGSA,A,3,08,,,,,,,,,,,,2.5,1.3,2.1,1.9,3"},
-           {"GAGSV,1,1,01,08,40.4,083,46.0,7", galileo, 8,
+           {"GAGSV,1,1,01,08,40.0,083,46.0,7", galileo, 8,
             "GAGSA,A,3,108,,,,,,,,,,,,2.5,1.3,2.1,1.9"},
            {"GIGSV,1,1,01,05,40,083,46", navic, 5, "GNGSA,A,3,05,,,,,,,,,,,,2.5,1.3,2.1,6"},
            {"IMGSV,1,1,01,05,40,083,46", unknown, 5, "IMGSA,A,3,05,2.5,1.3,2.1"},
@@ -395,6 +395,63 @@ TEST(Nmea, a_group_with_a_gap_counts_once_and_shows_no_satellites) {
                             part(2) + part(3) + part(4));
   EXPECT_EQ(cut_off.counters.incomplete_groups, 1U);
   EXPECT_TRUE(cut_off.fixes.at(0).satellites_in_view);
+}
+
+TEST(Nmea, a_sentence_that_its_neighbours_contradict_is_counted_and_adds_nothing) {
+  struct Case {
+    std::string sentences;
+    Sentence_type contradicted;
+  };
+  const auto gga = sentence("GPGGA,120000,4807.038,N,01131.000,E,1,08,0.9,545.4,M,,,,");
+  const auto rmc = sentence("GPRMC,120000,A,4807.038,N,01131.000,E,20.0,90.0,010224,,,A");
+  for (const auto& [sentences, contradicted] : std::initializer_list<Case>{
+           {gga + rmc + sentence("GPGLL,4807.138,N,01131.000,E,120000,A"), Sentence_type::gll},
+           {sentence("GPGGA,120000,4807.038,S,01131.000,E,1,08,0.9,9.0,M,,,,") + rmc +
+                sentence("GPGLL,4807.040,N,01131.000,E,120000,A"),
+            Sentence_type::gga},
+           {gga + sentence("GPRMC,120000,A,4807.038,N,01132.000,E,99.0,10.0,010224,,,A"),
+            Sentence_type::rmc},
+           {gga + rmc + sentence("GPVTG,90.0,T,,M,40.0,N,,K,A"), Sentence_type::vtg},
+           {gga + rmc + sentence("GPVTG,270.0,T,,M,20.0,N,,K,A"), Sentence_type::vtg},
+           {gga + rmc + sentence("GPZDA,120000,02,02,2024,00,00"), Sentence_type::zda},
+           {gga + rmc + sentence("GPGSA,A,1,04,,,,,,,,,,,,99.0,99.0,99.0"), Sentence_type::gsa},
+       }) {
+    auto result = read(sentences);
+    EXPECT_EQ(result.counters.contradictions, 1U) << sentences;
+    EXPECT_EQ(result.counters.of(contradicted).ignored, 1U) << sentences;
+    const auto& fix = result.fixes.at(0);
+    EXPECT_TRUE(fix.valid);
+    EXPECT_NEAR(fix.position->latitude, 48 + 7.04 / 60, 1e-4) << sentences;
+    EXPECT_FALSE(fix.speed && *fix.speed > 11) << sentences;
+    EXPECT_FALSE(fix.altitude_msl == 9.0 || fix.pdop);
+  }
+  const auto rounded = read(gga + rmc + sentence("GPGLL,4807.04,N,01131.00,E,120000,A") +
+                            sentence("GPVTG,91.0,T,,M,,N,37,K,A"));
+  EXPECT_EQ(rounded.counters.contradictions, 0U);
+}
+
+TEST(Nmea, accuracies_and_the_antenna_come_from_sentences_of_their_own) {
+  const auto result = read(
+      sentence(
+          "PUBX,00,120000.00,4807.03800,N,01131.00000,E,592.3,D3,2.1,3.2,36.0,90.0,-0.5,2.0,0.9,"
+          "1.5,0.7,12,0,0") +
+      sentence("GNGBS,120001.00,3.0,4.0,5.0,,,,") + sentence("GNTXT,01,01,02,ANTSTATUS=SHORT") +
+      sentence("GNGLL,4807.038,N,01131.000,E,120001,A"));
+  ASSERT_EQ(result.fixes.size(), 2U);
+  EXPECT_EQ(result.counters.errors() + result.counters.other_sentences, 0U);
+  const auto& fix = result.fixes[0];
+  EXPECT_TRUE(fix.valid && fix.dimension == Fix_dimension::three);
+  EXPECT_EQ(fix.quality, Fix_quality::differential);
+  EXPECT_THAT(fix.altitude_wgs84(), Optional(592.3));
+  EXPECT_THAT(fix.accuracy_horizontal, Optional(2.1));
+  EXPECT_THAT(fix.climb, Optional(0.5));
+  EXPECT_THAT(fix.speed, Optional(DoubleEq(10)));
+  EXPECT_EQ(fix.satellites_in_use, 12U);
+  EXPECT_THAT(result.fixes[1].accuracy_horizontal, Optional(DoubleEq(5)));
+  EXPECT_EQ(result.fixes[1].antenna, Antenna::short_circuit);
+  const auto none =
+      read(sentence("PUBX,00,120000.00,0000.00000,N,00000.00000,E,0.0,NF,9,9,0,0,0,,9,9,9,0,0,0"));
+  EXPECT_FALSE(none.fixes.at(0).valid || none.fixes.at(0).position);
 }
 
 }  // namespace

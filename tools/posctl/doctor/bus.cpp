@@ -21,7 +21,7 @@ bool name_is_owned(ara::stm::Bus bus) {
   bool owned = false;
   daemon->callMethod("NameHasOwner")
       .onInterface("org.freedesktop.DBus")
-      .withArguments(std::string(ara::stm::bus_name))
+      .withArguments(ara::stm::bus_name())
       .storeResultsTo(owned);
   return owned;
 }

@@ -4,6 +4,7 @@
 #include <nlohmann/json.hpp>
 #include <string>
 
+#include "app/identity.h"
 #include "platform/linux/com/manifest.h"
 #include "tools/posctl/doctor/checks.h"
 
@@ -35,7 +36,7 @@ std::map<std::string, Json> shared_values(const std::string& text) {
 
 /// Empty for a file that is no manifest.
 std::string manifest_text(const std::string& file) try {
-  if (file.empty()) return std::string(tq::com::built_in_manifest());
+  if (file.empty()) return std::string(positioning_application().manifest);
   return tq::com::read_manifest(file).value_or(std::string());
 } catch (const std::runtime_error&) {
   return {};

@@ -110,10 +110,13 @@ std::string manifest_of(const Program& program, const fs::path& folder) {
     const fs::path path(*named);
     return path.is_absolute() ? path : fs::path(target_of(folder / "cwd")) / path;
   }
-  const auto installed =
-      fs::path(target_of(folder / "exe")).parent_path().parent_path() / "share/pos/manifest.json";
-  std::error_code error;
-  return fs::is_regular_file(installed, error) ? installed.string() : std::string();
+  const auto prefix = fs::path(target_of(folder / "exe")).parent_path().parent_path();
+  for (const auto& file :
+       {fs::path("/etc/pos/manifest.json"), prefix / "share/pos/manifest.json"}) {
+    std::error_code error;
+    if (fs::is_regular_file(file, error)) return file;
+  }
+  return {};
 }
 
 Program read_program(pid_t pid, const fs::path& folder, const Known_program& known) {

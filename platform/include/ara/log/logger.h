@@ -19,8 +19,9 @@ struct Context;  // defined in platform/linux/log
 ///
 /// With kRemote, messages reach the DLT daemon if there is one, else standard error, never both.
 /// The log notices a daemon that starts or ends later. Neither start nor exit waits for a daemon.
-/// The environment variable POS_LOG_LEVEL replaces `default_level` and sets single contexts:
-/// "debug" or "info,GNSS=warn,TRCE=verbose". A DLT daemon can change levels at run time.
+/// In the application "pos" the environment variable POS_LOG_LEVEL replaces `default_level` and
+/// sets single contexts: "debug" or "info,GNSS=warn,TRCE=verbose". The first use of the log reads
+/// it. A DLT daemon can change levels at run time.
 ///
 /// Loggers created earlier stay valid and use these settings from now on. A second call is ignored
 /// with a warning. Throws std::invalid_argument for a bad `app_id`.
@@ -75,13 +76,13 @@ class Logger {
 
 /// The logger of the context `ctx_id` (1 to 4 printable characters). It lives until the process
 /// ends. The same id gives the same logger, with the description and level of the first call.
-/// `level` replaces the default level for this context; an entry of POS_LOG_LEVEL for the context
-/// replaces both. Throws std::invalid_argument for a bad id.
+/// `level` replaces the default level for this context; an entry of that environment variable for
+/// the context replaces both. Throws std::invalid_argument for a bad id.
 Logger& CreateLogger(std::string_view ctx_id,
                      std::string_view description,
                      std::optional<LogLevel> level = std::nullopt);
 
-/// The application's default context. Its id is the application id ("POS" for this application).
+/// The application's default context. Its id is the application id.
 Logger& DefaultLogger();
 
 [[nodiscard]] inline LogStream LogFatal() {

@@ -40,12 +40,13 @@ class KeyValueStorageBase {
   KeyValueStorageBase() = default;
 };
 
-/// The store of a port: the file <folder>/<port>.json. The folder is $POS_STORAGE_DIR, else
-/// $STATE_DIRECTORY (set by systemd), else $XDG_STATE_HOME/pos, else ~/.local/state/pos. Only one
-/// process at a time may use a store.
+/// The store of a port: the file <folder>/<port>.json. In the application "pos" the folder is
+/// $POS_STORAGE_DIR, else $STATE_DIRECTORY (set by systemd), else $XDG_STATE_HOME/pos, else
+/// ~/.local/state/pos. Only one process at a time may use a store.
 ///
 /// While this file does not exist, the first values are those of initdata-<port>.json in
-/// $POS_INITDATA_DIR, else in ../share/pos beside the program's folder, else the store is empty.
+/// $POS_INITDATA_DIR, else in /etc/pos, else in ../share/pos beside the program's folder, else the
+/// store is empty.
 /// SyncToStorage first writes them to the file.
 class KeyValueStorage : public KeyValueStorageBase {
  public:

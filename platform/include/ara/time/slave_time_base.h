@@ -43,10 +43,10 @@ class SlaveTimeBaseResourceProxy {
     std::string clock_;
   };
 
-  /// The one resource is "synchronized". The environment variable POS_TIME_BASE names its clock:
-  /// "CLOCK_REALTIME" (also if unset), "CLOCK_TAI", or the path of a PTP hardware clock,
-  /// "/dev/ptp0". Throws std::runtime_error for another resource name and for another value of the
-  /// variable.
+  /// The one resource is "synchronized". In the application "pos" the environment variable
+  /// POS_TIME_BASE names its clock: "CLOCK_REALTIME" (also if unset), "CLOCK_TAI", or the path of a
+  /// PTP hardware clock, "/dev/ptp0". Throws std::runtime_error for another resource name and for
+  /// another value of the variable.
   [[nodiscard]] static Resource FindResource(std::string_view name);
 
   /// Opens the clock and reads it once. Throws std::runtime_error with the clock's name and the

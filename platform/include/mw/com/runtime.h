@@ -15,10 +15,11 @@ class Component_singleton {
  public:
   /// Reads the deployment manifest, takes the node's address and starts the workers.
   ///
-  /// `name` is the node's key in the manifest ("nodes"); an empty name means the node "POS". The
-  /// environment variable POS_MANIFEST names the manifest file. Without it the file next to the
-  /// installation is used, else a built-in copy for the loopback network. With `passive` no worker
-  /// is started and nothing is sent: for tools that only read the manifest.
+  /// `name` is the node's key in the manifest ("nodes"); an empty name means the application's
+  /// node, see ara::core::Application. In the application "pos" the environment variable
+  /// POS_MANIFEST names the manifest file. Without it the file next to the installation is used,
+  /// else the manifest that the application brings. With `passive` no worker is started and nothing
+  /// is sent: for tools that only read the manifest.
   ///
   /// Throws std::runtime_error with file, key and expectation for a bad manifest, and with the key
   /// and the address if the address is taken or unusable. Throws std::logic_error if a

@@ -242,7 +242,7 @@ struct Side {
 };
 
 /// The proxy's side of an element of the interface, with the type and the name that the interface
-/// gives it: `Element<GNSS::positions> positions{core()};`
+/// gives it: `Element<Lamp::brightness> brightness{core()};`
 template <const auto& description>
 class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {
   using Base = typename std::remove_cvref_t<decltype(description)>::template Class_of_side<Side>;

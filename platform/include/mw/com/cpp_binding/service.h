@@ -1,11 +1,11 @@
 /// The description of a service interface: a struct with its name, its version and one line per
 /// element. The deployment manifest adds ids, ports and timing.
 ///
-///   struct GNSS {
-///     static constexpr std::string_view name = "lumo::services::gnss::GNSS";
-///     static constexpr mw::com::cpp_binding::Version version{3, 0};
-///     static constexpr mw::com::cpp_binding::Field<std::vector<Position>> positions{"positions"};
-///     static constexpr auto elements = std::tuple{positions};
+///   struct Lamp {
+///     static constexpr std::string_view name = "example::Lamp";
+///     static constexpr mw::com::cpp_binding::Version version{1, 0};
+///     static constexpr mw::com::cpp_binding::Field<Brightness> brightness{"brightness"};
+///     static constexpr auto elements = std::tuple{brightness};
 ///   };
 #pragma once
 
@@ -65,7 +65,7 @@ inline constexpr auto elements_of = std::apply(
     },
     Service::elements);
 
-/// Returns "GNSS" for "lumo::services::gnss::GNSS".
+/// Returns "Lamp" for "example::Lamp".
 [[nodiscard]] constexpr std::string_view short_name(std::string_view name) {
   const auto colon = name.rfind(':');
   return colon == std::string_view::npos ? name : name.substr(colon + 1);

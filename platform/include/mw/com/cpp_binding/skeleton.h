@@ -236,7 +236,7 @@ struct Side {
 };
 
 /// The skeleton's side of a field or an event of the interface, with the type and the name that the
-/// interface gives it: `Element<GNSS::positions> positions{core()};` For methods see
+/// interface gives it: `Element<Lamp::brightness> brightness{core()};` For methods see
 /// provide().
 template <const auto& description>
 class Element : public std::remove_cvref_t<decltype(description)>::template Class_of_side<Side> {

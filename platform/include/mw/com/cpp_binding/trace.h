@@ -154,7 +154,7 @@ inline void set_trace_sink(Trace_sink* sink) {
 
 /// True if records of this level may be wanted: the only check on the path of a message.
 [[nodiscard]] inline bool may_trace([[maybe_unused]] ara::log::LogLevel level) {
-#if POS_TRACE
+#if MW_COM_TRACE
   const auto* gate = detail::trace_gate.load(std::memory_order_acquire);
   return __builtin_expect(level <= gate->load(std::memory_order_relaxed), false);
 #else

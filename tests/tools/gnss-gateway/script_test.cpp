@@ -1,0 +1,122 @@
+#include "tools/gnss-gateway/script.h"
+
+#include <gmock/gmock.h>
+
+#include <fstream>
+#include <string>
+
+#include "binding/timestamp.h"
+#include "tests/clients/printing.h"
+#include "tests/support/error_of.h"
+#include "tests/support/temporary_folder.h"
+
+namespace gateway {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace lumo::services::gnss::datatypes;
+using binding::Value_type;
+using lumo::services::Position_type;
+using testing::HasSubstr;
+
+constexpr Context context{
+    .message_counter = 7, .precise_local_time = 2'000'000'000s + 500ms, .update_rate_hz = {}};
+
+Notification notification_of(const Script_line& line) {
+  Notification all;
+  line.add_to(all, context);
+  return all;
+}
+
+TEST(Script, a_line_written_by_hand_needs_only_what_it_is_about) {
+  const Script_line line(
+      R"({"t": 1.5, "field": "positions", "records": [{"LAT": 48.5, "speed2D": 3}]})");
+  EXPECT_EQ(line.time(), 1.5);
+  const auto positions = notification_of(line).positions;
+  ASSERT_EQ(positions.size(), 2U);
+  EXPECT_EQ(positions[0].positionType, Position_type::gnss);
+  EXPECT_EQ(positions[1].positionType, Position_type::gnss_dr);
+  for (const auto& record : positions) {
+    EXPECT_EQ(record.LAT, 48.5);
+    EXPECT_EQ(record.LAT_valueType, Value_type::physical_value);
+    EXPECT_EQ(record.speed2D, 3.0F);
+    EXPECT_FALSE(record.LON || record.LON_valueType);
+    EXPECT_EQ(record.messageCounter, 7U);
+    EXPECT_EQ(binding::timestamp_of(record)->since_epoch(), context.precise_local_time);
+  }
+}
+
+TEST(Script, every_member_can_be_said_or_left_out) {
+  const Script_line line(R"({"t": 0, "field": "positions", "records": [
+      {"positionType": "GNSS", "messageCounter": null, "LAT": 91, "LAT_valueType": 7, "LON": 11,
+       "LON_valueType": null, "preciseLocalTimeSeconds": 5, "preciseLocalTimeSeconds_valueType": 1}]})");
+  const auto positions = notification_of(line).positions;
+  ASSERT_EQ(positions.size(), 1U);
+  EXPECT_EQ(positions[0].positionType, Position_type::gnss);
+  EXPECT_FALSE(positions[0].messageCounter);
+  EXPECT_EQ(positions[0].LAT_valueType, Value_type{7});
+  EXPECT_EQ(positions[0].LON, 11.0);
+  EXPECT_FALSE(positions[0].LON_valueType);
+  EXPECT_EQ(positions[0].preciseLocalTimeSeconds, 5U);
+  EXPECT_EQ(positions[0].preciseLocalTimeSeconds_valueType, Value_type::init);
+  EXPECT_FALSE(positions[0].preciseLocalTimeNanoseconds);
+}
+
+TEST(Script, a_recording_of_the_application_is_sent_with_the_ages_that_it_had) {
+  const Temporary_folder folder;
+  std::ofstream(folder / "watch.json")
+      << R"({"schema":1,"field":"positions","received":99.5,"records":[{"preciseLocalTimeSeconds":99}],"initial":true})"
+      << "\n\n"
+      << R"({"schema":1,"field":"positions","received":100.25,"records":[{"LAT":48.5,"statusPosition":2,"preciseLocalTimeSeconds":100,"preciseLocalTimeNanoseconds":150000000,"age":12}]})"
+      << "\n"
+      << R"({"schema":1,"field":"posMapInfo","received":100.26,"records":[{"statusMap":3}]})"
+      << "\n"
+      << R"({"received":101,"field":"posGnssSatInfos","records":[]})"
+      << "\n"
+      << R"({"received":101,"field":"positionsQuality","records":[{"hDOP":2}]})";
+  Script script(folder / "watch.json");
+  script.check();
+  const auto first = script.next_instant();
+  ASSERT_EQ(first.size(), 1U);
+  EXPECT_EQ(first[0].time, 750ms);
+  const auto position = notification_of(first[0].line).positions.at(1);
+  EXPECT_EQ(position.LAT, 48.5);
+  EXPECT_EQ(binding::timestamp_of(position)->since_epoch(), context.precise_local_time - 100ms);
+  const auto second = script.next_instant();
+  ASSERT_EQ(second.size(), 2U) << "two fields at the same time";
+  EXPECT_EQ(second[1].time, 1500ms);
+  EXPECT_TRUE(script.next_instant().empty());
+}
+
+TEST(Script, a_wrong_line_says_where_and_what) {
+  const std::pair<const char*, const char*> cases[] = {
+      {"[]", "line 2: expected a JSON object"},
+      {R"({"field": "positions", "records": [{}]})", "line 2: expected a time"},
+      {R"({"t": 0, "field": "position", "records": [{}]})",
+       "positionsQuality or posGnssSatInfos, found \"position\""},
+      {R"({"t": 0, "field": "positions"})", "expected a list as \"records\", found null"},
+      {R"({"t": 0, "field": "positions", "records": []})", "expected a record"},
+      {R"({"t": 0, "field": "positions", "records": [{"LAT": "x"}]})",
+       "expected a number as \"LAT\", found \"x\""},
+      {R"({"t": 0, "field": "positions", "records": [{"LATT": 1}]})", "no member \"LATT\""},
+      {R"({"t": 0, "field": "positions", "records": [{"messageCounter": -1}]})",
+       "from 0 to 4294967295"},
+      {R"({"received": 0, "field": "positions", "records": [{}]})", "expected the time as \"t\""},
+      {R"({"t": -1, "field": "positions", "records": [{}]})",
+       "expected a time in seconds from 0, found -1"},
+  };
+  const Temporary_folder folder;
+  for (const auto& [line, problem] : cases) {
+    std::ofstream(folder / "script") << R"({"t": 0, "field": "positions", "records": [{}]})"
+                                     << "\n"
+                                     << line << "\n";
+    EXPECT_THAT(test::error_of<std::runtime_error>([&] { Script(folder / "script").check(); }),
+                HasSubstr(problem));
+  }
+  std::ofstream(folder / "script") << "\n";
+  EXPECT_THAT(test::error_of([&] { Script(folder / "script").check(); }),
+              HasSubstr("holds no notification"));
+}
+
+}  // namespace
+}  // namespace gateway

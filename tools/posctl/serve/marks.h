@@ -1,0 +1,30 @@
+/// Land marks from a file of the user.
+#pragma once
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "tools/posctl/record_json.h"
+
+namespace posctl::serve {
+
+struct Mark {
+  struct Point {
+    double longitude = 0, latitude = 0;
+  };
+  std::string name;
+  std::vector<Point> points;  ///< one, or a line
+};
+
+/// Of a GPX document or a GeoJSON text. Throws std::runtime_error for what is neither, for a point
+/// outside the Earth's degrees, and for more than 100000 points.
+[[nodiscard]] std::vector<Mark> marks_of(std::string_view text);
+
+/// Of a file of at most 16 MiB. Throws std::runtime_error that names it.
+[[nodiscard]] std::vector<Mark> read_marks(const std::string& path);
+
+/// {"schema": 1, "marks": [{"name": …, "points": [[longitude, latitude], …]}, …]}.
+[[nodiscard]] Json json_of(const std::vector<Mark>& marks);
+
+}  // namespace posctl::serve

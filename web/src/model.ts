@@ -1,0 +1,517 @@
+/** All that the page knows, in bounded memory. Panels read it and follow its topics; only frames of the source change it. */
+
+import type { Answer, Application, Change, Component, Hello, Log_lines, Monitor_state, Notification, Offer, Peers, Record_json } from "./feed";
+import type { Statistics, Status, Topics } from "./feed";
+import { is_number, position_types, sentence, spaced } from "./format";
+import { Link, Series, type Curve, type Values } from "./series";
+import type { Any_frame, Connection, Sink } from "./source";
+
+/** An hour at the 20 frames a second to which the server limits a topic. */
+const rows = 72_000;
+const rows_each_second = 4_000;
+const events_kept = 500;
+const log_kept = 3000;
+const offers_kept = 256;
+const physical_value = 4;
+
+const output_curves: readonly Curve[] = [
+  { name: "LAT", precise: true },
+  { name: "LON", precise: true },
+  { name: "yawAngle" },
+  { name: "ageMs" },
+  { name: "speed2D", range: true },
+  { name: "accuracyHorizontal", range: true },
+];
+const input_curves: readonly Curve[] = [
+  { name: "LAT", precise: true },
+  { name: "LON", precise: true },
+  { name: "speed2D" },
+  { name: "accuracyHorizontal" },
+];
+const quality_curves: readonly Curve[] = [
+  { name: "satsInUse", range: true },
+  { name: "satsInView", range: true },
+];
+const statistics_curves: readonly Curve[] = [
+  "ratePerS", "stampToArrivalP50Ms", "stampToArrivalP99Ms", "handlerToSentP50Ms", "handlerToSentP99Ms",
+].map((name) => ({ name, range: true }));
+
+/** Topics of which the server keeps the past. */
+const event_topics = new Set<keyof Topics>(["application", "log", "change", "fault", "monitor", "component", "offer"]);
+
+export type Tone = "good" | "warn" | "bad" | "note" | "off";
+export type Lane = "status" | "monitor" | "fault" | "component" | "application" | "offer";
+export interface Event_line {
+  number: number;
+  at: number;
+  lane: Lane;
+  tone: Tone;
+  text: string;
+}
+export interface Log_line {
+  number: number;
+  at: number;
+  level: Log_lines["lines"][number]["level"];
+  context: string;
+  text: string;
+}
+export interface Counter {
+  value: number;
+  /** What it has grown by since the page knows it. */
+  grown: number;
+  /** Server time of the last growth. */
+  changed: number;
+}
+/** The last data of a topic, and the server time in ms at which the server received it. */
+export interface Latest<T> {
+  at: number;
+  data: T;
+}
+
+export type Channel = keyof Topics | "connection" | "events" | "reset";
+
+export class Model implements Sink {
+  connection: Connection = { state: "connecting", since: Date.now() };
+  hello: Hello | undefined;
+  application: Application | undefined;
+  status: Status | undefined;
+  /** Server time in ms of that status. */
+  status_at = 0;
+  statistics: Statistics | undefined;
+  peers: Peers | undefined;
+  component: Component | undefined;
+  /** The last change of a status that came live. */
+  last_change: Change | undefined;
+  /** Local Unix time in ms since when the page has no server. */
+  lost_since = Date.now();
+  services: Topics["services"] | undefined;
+  readonly monitors = new Map<string, Monitor_state>();
+  readonly offers = new Map<string, Offer>();
+  readonly counters = new Map<string, Counter>();
+  readonly answers = new Map<number, Answer>();
+
+  output: Latest<Notification> | undefined;
+  map: Latest<Notification> | undefined;
+  satellites: Latest<Notification> | undefined;
+  times: Latest<Notification> | undefined;
+  /** The last record of each position type. */
+  readonly input = new Map<number, Latest<{ [member: string]: number }>>();
+  readonly quality = new Map<number, Latest<{ [member: string]: number }>>();
+  readonly rates = { input: new Rate(), output: new Rate() };
+
+  readonly output_track = new Series(rows, output_curves);
+  readonly input_tracks = new Map<number, Series>();
+  readonly quality_curves = new Map<number, Series>();
+  readonly statistics_curves = new Series(rows_each_second, statistics_curves);
+
+  readonly events: Event_line[] = [];
+  readonly log: Log_line[] = [];
+  log_lost = 0;
+
+  /** The application as the last event has it; a snapshot repeats it. */
+  private known_application: Application | undefined;
+  private readonly listeners = new Map<Channel, (() => void)[]>();
+  private readonly spacing = new Map<Series, number>();
+  private readonly seen = new Map<string, number>();
+  private skew: number | undefined;
+  private old_frames = 0;
+  private numbers = 0;
+
+  /** The server's Unix time in ms, which all times of frames are on. */
+  now(): number {
+    return Date.now() - (this.skew ?? 0);
+  }
+
+  follow(channels: readonly Channel[], listener: () => void): void {
+    for (const channel of channels) {
+      const list = this.listeners.get(channel) ?? [];
+      list.push(listener);
+      this.listeners.set(channel, list);
+    }
+  }
+
+  // Sink
+
+  connection_changed(connection: Connection): void {
+    if (connection.state === "lost" && this.connection.state === "open") {
+      this.lost_since = connection.since;
+      this.interrupt();
+    }
+    this.connection = connection;
+    this.tell("connection");
+  }
+
+  frame(frame: Any_frame): void {
+    if (frame.topic === "history") {
+      for (const series of frame.data.series) this.take_history(series);
+      for (const old of frame.data.frames) this.take_event(old as Any_frame);
+      this.tell("events");
+      this.tell("log");
+    } else {
+      this.take(frame);
+      this.take_clock(frame);
+      if (this.take_event(frame)) this.tell("events");
+    }
+    this.tell(frame.topic);
+  }
+
+  /** Compares the clocks: the least delay of a frame is the best measure of their difference. */
+  private take_clock(frame: Any_frame): void {
+    const skew = Date.now() - frame.at;
+    const more = skew - (this.skew ?? Infinity);
+    // What a snapshot repeats is old; only if everything is, the server's clock was set back.
+    this.old_frames = more > 2000 ? this.old_frames + 1 : 0;
+    if (frame.topic === "hello" || this.old_frames > 50) this.skew = skew;
+    else if (more < 0) this.skew = skew;
+    else if (more < 2000) this.skew! += more / 1000;
+  }
+
+  private take(frame: Any_frame): void {
+    const latest = <T>(data: T): Latest<T> => ({ at: frame.at, data });
+    switch (frame.topic) {
+      case "hello":
+        if (this.hello && this.hello.server !== frame.data.server) this.reset();
+        this.hello = frame.data;
+        break;
+      case "application":
+        this.application = frame.data;
+        if (!frame.data.present) this.interrupt();
+        break;
+      case "output":
+        if (frame.data.initial) break;
+        this.output = latest(frame.data);
+        this.rates.output.take(frame.data);
+        this.take_positions(frame.data, () => this.output_track);
+        break;
+      case "map":
+        if (!frame.data.initial) this.map = latest(frame.data);
+        break;
+      case "input":
+        if (frame.data.initial) break;
+        for (const record of frame.data.records) this.input.set(type_of(record), latest(numbers_of(record)));
+        this.rates.input.take(frame.data);
+        this.take_positions(frame.data, (type) => this.input_track(type));
+        break;
+      case "quality":
+        for (const record of frame.data.records) {
+          this.quality.set(type_of(record), latest(numbers_of(record)));
+          this.push(this.quality_series(type_of(record)), frame.data.received * 1000, numbers_of(record));
+        }
+        break;
+      case "satellites":
+        this.satellites = latest(frame.data);
+        break;
+      case "time":
+        if (frame.data.field === "times") this.times = latest(frame.data);
+        break;
+      case "services":
+        this.services = frame.data;
+        break;
+      case "status":
+        if (frame.data.verdict === "no answer") {
+          // The lights stay as they were, and the page says of when they are.
+          const { verdict, reason, findings, ratePerS } = frame.data;
+          if (this.status) this.status = { ...this.status, verdict, reason, findings, ratePerS };
+        } else {
+          this.status = frame.data;
+          this.status_at = frame.at;
+        }
+        break;
+      case "statistics":
+        this.take_statistics(frame.data, frame.at);
+        break;
+      case "change":
+        this.last_change = frame.data;
+        break;
+      case "peers":
+        this.peers = frame.data;
+        break;
+      case "offers":
+        this.offers.clear();
+        for (const offer of frame.data.offers.slice(0, offers_kept)) this.offers.set(offer_key(offer), offer);
+        break;
+      case "offer":
+        if (frame.data.event === "withdrawn" || frame.data.event === "expired") this.offers.delete(offer_key(frame.data));
+        else if (this.offers.size < offers_kept || this.offers.has(offer_key(frame.data))) {
+          this.offers.set(offer_key(frame.data), frame.data);
+        }
+        break;
+      case "monitors":
+        for (const monitor of frame.data.monitors) this.monitors.set(monitor.name, monitor);
+        break;
+      case "component":
+        this.component = frame.data;
+        break;
+      case "answer":
+        this.answers.clear();
+        this.answers.set(frame.data.id, frame.data);
+        break;
+      case "lost":
+        this.interrupt();
+        break;
+    }
+  }
+
+  /** Lines and reports that are kept, live ones and those of the history. Returns whether there was a new one. */
+  private take_event(frame: Any_frame): boolean {
+    const { topic, at } = frame;
+    if (!event_topics.has(topic)) return false;
+    // After a reconnection the history repeats what is known.
+    if (at <= (this.seen.get(topic) ?? -Infinity)) return false;
+    this.seen.set(topic, at);
+    switch (topic) {
+      case "application": {
+        const before = this.known_application;
+        const { present, started, text } = frame.data;
+        this.known_application = frame.data;
+        const restarted = present && before?.started !== undefined && started !== undefined && before.started !== started;
+        if (!before || (before.present === present && !restarted)) return false;
+        const words = present ? (restarted ? "The application has restarted" : "The application is there") : "The application is gone";
+        this.add_event(at, "application", present ? "good" : "bad", sentence(present || !text ? words : `${words}: ${text}`));
+        return true;
+      }
+      case "log":
+        this.log_lost += frame.data.lost;
+        for (const line of frame.data.lines) {
+          this.log.push({ number: ++this.numbers, at: line.at, level: line.level, context: line.context, text: line.text });
+        }
+        if (this.log.length > log_kept + 500) this.log.splice(0, this.log.length - log_kept);
+        return false;
+      case "change": {
+        const { name, group, status, meaning } = frame.data;
+        const tone = status === "Nominal" ? "good" : status === "Error" ? "bad" : "off";
+        this.add_event(at, "status", tone, `${label_of(name)} (${group_word(group)}): ${status_word(status)}. ${sentence(meaning)}`);
+        return true;
+      }
+      case "fault":
+        this.add_event(at, "fault", frame.data.present ? "bad" : "good", frame.data.text);
+        return true;
+      case "monitor":
+        this.add_event(at, "monitor", /fail/i.test(frame.data.action) ? "bad" : "good", `${frame.data.name}: ${frame.data.action}`);
+        return true;
+      case "component":
+        if (frame.data.state === undefined) return false;
+        this.add_event(at, "component", "note", `Component state ${frame.data.state}`);
+        return true;
+      case "offer": {
+        const { event, from, service, serviceId, instance } = frame.data;
+        const gone = event === "withdrawn" || event === "expired";
+        this.add_event(at, "offer", gone ? "off" : "note", `${short_service(service ?? serviceId)} ${instance} ${event} by ${from}`);
+        return true;
+      }
+      default:
+        return false;
+    }
+  }
+
+  private add_event(at: number, lane: Lane, tone: Tone, text: string): void {
+    this.events.push({ number: ++this.numbers, at, lane, tone, text });
+    if (this.events.length > events_kept + 100) this.events.splice(0, this.events.length - events_kept);
+  }
+
+  private take_statistics(data: Statistics, at: number): void {
+    const last = this.statistics;
+    // A smaller uptime is another process, whose counters begin anew.
+    if (last && data.process.uptimeMs < last.process.uptimeMs) this.counters.clear();
+    const first = this.counters.size === 0;
+    this.statistics = data;
+    for (const [name, value] of Object.entries(data.counters)) {
+      const known = this.counters.get(name);
+      const more = known ? value - known.value : first ? 0 : value;
+      this.counters.set(name, { value, grown: (known?.grown ?? 0) + more, changed: more ? at : (known?.changed ?? 0) });
+    }
+    const ms = (name: string, rank: "p50Ns" | "p99Ns") => {
+      const age = data.ages[name]?.last10S;
+      return age && age.count > 0 ? age[rank] / 1e6 : null;
+    };
+    this.push(this.statistics_curves, at, {
+      ratePerS: this.status?.ratePerS,
+      stampToArrivalP50Ms: ms("stampToArrival", "p50Ns"),
+      stampToArrivalP99Ms: ms("stampToArrival", "p99Ns"),
+      handlerToSentP50Ms: ms("handlerToSent", "p50Ns"),
+      handlerToSentP99Ms: ms("handlerToSent", "p99Ns"),
+    });
+  }
+
+  private take_positions(notification: Notification, series_of: (type: number) => Series): void {
+    notification.records.forEach((record, i) => {
+      const merged = notification.merged?.[i];
+      const values = { ...numbers_of(record), ageMs: notification.ageS === undefined ? null : 1000 * notification.ageS };
+      this.push(series_of(type_of(record)), 1000 * notification.received, values, merged?.min, merged?.max);
+    });
+  }
+
+  private take_history(old: Topics["history"]["series"][number]): void {
+    const type = old.positionType ?? 0;
+    const series =
+      old.topic === "output" ? this.output_track
+      : old.topic === "input" ? this.input_track(type)
+      : old.topic === "quality" ? this.quality_series(type)
+      : this.statistics_curves;
+    for (const tier of old.tiers) {
+      const row = (columns: { [curve: string]: (number | null)[] } | undefined, i: number): Values | undefined => {
+        if (!columns) return undefined;
+        const values: Values = {};
+        for (const name in columns) values[name] = columns[name]![i];
+        return values;
+      };
+      tier.t.forEach((t, i) => {
+        this.push(series, t, row(tier.last, i)!, row(tier.min, i), row(tier.max, i), tier.bucketMs);
+      });
+    }
+  }
+
+  /** Appends a row and decides how it follows the last one. */
+  private push(series: Series, t: number, last: Values, min?: Values, max?: Values, bucket_ms = 0): void {
+    const dt = t - series.last_time;
+    let link = Link.continues;
+    if (series.length > 0) {
+      const usual = this.spacing.get(series) ?? Math.min(dt, 5000);
+      if (dt > Math.max(1500, 3 * usual, 2.5 * bucket_ms)) link = Link.gap;
+      else if (is_jump(series, last, dt)) link = Link.jump;
+      this.spacing.set(series, usual + 0.2 * (Math.min(dt, 5000) - usual));
+    }
+    // Member by member, a merged row may lack what only some of its samples had.
+    series.push(t, last, link, min ? { ...last, ...min } : last, max ? { ...last, ...max } : last);
+  }
+
+  private input_track(type: number): Series {
+    return series_of(this.input_tracks, type, rows, input_curves);
+  }
+
+  private quality_series(type: number): Series {
+    return series_of(this.quality_curves, type, rows, quality_curves);
+  }
+
+  private interrupt(): void {
+    for (const series of this.all_series()) series.interrupt();
+  }
+
+  private all_series(): Series[] {
+    return [this.output_track, ...this.input_tracks.values(), ...this.quality_curves.values(), this.statistics_curves];
+  }
+
+  /** Another server has its own history. */
+  private reset(): void {
+    for (const series of this.all_series()) series.clear();
+    for (const map of [this.spacing, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
+    this.events.length = this.log.length = this.log_lost = 0;
+    this.output = this.map = this.satellites = this.times = undefined;
+    this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = undefined;
+    this.skew = undefined;
+    this.tell("reset");
+  }
+
+  private tell(channel: Channel): void {
+    for (const listener of this.listeners.get(channel) ?? []) listener();
+  }
+}
+
+/** Notifications a second over the last two seconds. */
+export class Rate {
+  private readonly times: number[] = [];
+  private readonly counts: number[] = [];
+
+  take(notification: Notification): void {
+    this.times.push(notification.received * 1000);
+    this.counts.push(Math.max(1, ...(notification.merged ?? []).map((one) => one.count)));
+    while (this.times.length > 60 || this.times[this.times.length - 1]! - this.times[0]! > 2500) {
+      this.times.shift();
+      this.counts.shift();
+    }
+  }
+
+  /** NaN until two notifications have come within the time. */
+  value(now: number): number {
+    const last = this.times[this.times.length - 1];
+    const first = this.times[0];
+    if (last === undefined || first === undefined || now - last > 2500) return 0;
+    if (last === first) return NaN;
+    const count = this.counts.reduce((sum, one) => sum + one, 0) - this.counts[0]!;
+    return (1000 * count) / (last - first);
+  }
+}
+
+const earth_radius = 6_371_008.8;
+const degree = Math.PI / 180;
+
+/** Metres of a degree north and of a degree east, at a latitude. */
+export function metres_of_degree(latitude: number): { lat: number; lon: number } {
+  return { lat: earth_radius * degree, lon: earth_radius * degree * Math.max(0.01, Math.cos(latitude * degree)) };
+}
+
+/** Metres between two places that are near each other. */
+export function metres_between(lat_a: number, lon_a: number, lat_b: number, lon_b: number): number {
+  const north = (lat_b - lat_a) * degree;
+  const east = (((lon_b - lon_a + 540) % 360) - 180) * degree * Math.cos(((lat_a + lat_b) / 2) * degree);
+  return earth_radius * Math.hypot(north, east);
+}
+
+/** Whether the vehicle cannot have come there from the last row: faster than three times its speed and 20 m/s. */
+function is_jump(series: Series, next: Values, dt: number): boolean {
+  if (!is_number(next["LAT"]) || !is_number(next["LON"])) return false;
+  const i = series.length - 1;
+  const lat = series.value("LAT", i);
+  const lon = series.value("LON", i);
+  if (!(Math.abs(lat) <= 90)) return false;
+  const or_zero = (value: number | null | undefined) => (is_number(value) ? value : 0);
+  const speed = Math.max(or_zero(next["speed2D"]), or_zero(series.value("speed2D", i)));
+  const accuracy = or_zero(next["accuracyHorizontal"]) + or_zero(series.value("accuracyHorizontal", i));
+  const reach = Math.max(30, 3 * accuracy) + ((3 * speed + 20) * dt) / 1000;
+  return metres_between(lat, lon, next["LAT"], next["LON"]) > reach;
+}
+
+function series_of(map: Map<number, Series>, type: number, capacity: number, curves: readonly Curve[]): Series {
+  let series = map.get(type);
+  if (!series) {
+    // A peer can send any number as type; the page keeps room for the two that exist and one more.
+    if (map.size >= 3) return [...map.values()][0]!;
+    series = new Series(capacity, curves);
+    map.set(type, series);
+  }
+  return series;
+}
+
+function type_of(record: Record_json): number {
+  const type = record["positionType"];
+  return is_number(type) && type in position_types ? type : 0;
+}
+
+/** The numbers of a record, without those that the source itself does not call physical values. */
+export function numbers_of(record: Record_json): { [member: string]: number } {
+  const values: { [member: string]: number } = {};
+  for (const [name, value] of Object.entries(record)) {
+    if (is_number(value) && (record[`${name}_valueType`] ?? physical_value) === physical_value) values[name] = value;
+  }
+  return values;
+}
+
+function offer_key(offer: Offer): string {
+  return `${offer.serviceId} ${offer.instance} ${offer.majorVersion} ${offer.from}`;
+}
+
+const labels: { [name: string]: string } = {
+  gnss: "GNSS",
+  lbl: "LBL",
+  pgf: "PGF",
+  bvLines: "camera lane lines",
+  staticOutput: "static",
+};
+
+/** The name of an input, output or function as it stands beside its light. */
+export function label_of(name: string): string {
+  return labels[name] ?? spaced(name);
+}
+
+export function group_word(group: string): string {
+  return { inputs: "input", outputs: "output", system: "system function" }[group] ?? group;
+}
+
+export function status_word(status: string): string {
+  return status === "NotAvailable" ? "not available" : status;
+}
+
+/** "lumo::services::gnss::GNSS" as "GNSS". */
+export function short_service(name: string): string {
+  return name.slice(name.lastIndexOf(":") + 1);
+}
