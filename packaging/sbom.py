@@ -13,6 +13,10 @@ import sys
 import uuid
 
 
+# Folders of the build whose objects are in no program or library of the package.
+OTHERS = {"pos": ("tools/",), "pos-tools": (), "adaptive-platform-linux-dev": ("tools/", "app/")}
+
+
 def output(*command):
     return subprocess.run(command, check=True, capture_output=True, text=True).stdout
 
@@ -22,10 +26,16 @@ def field(text, name):
     return found[1].strip() if found else ""
 
 
+def headers_of(build):
+    """The files that the compiler has read outside of the tree, for each object."""
+    objects = re.split(r"\n\n", output("ninja", "-C", str(build), "-t", "deps").strip())
+    return {text.split(":")[0]: set(re.findall(r"^ +(/\S+)$", text, re.MULTILINE)) for text in objects}
+
+
 def owners(files):
-    """The installed packages that the files belong to."""
+    """The names of the installed packages that the files belong to."""
     listed = subprocess.run(["dpkg", "--search", *sorted(files)], check=False, capture_output=True, text=True).stdout
-    return {owner for line in listed.splitlines() if not line.startswith("diversion ")
+    return {owner.partition(":")[0] for line in listed.splitlines() if not line.startswith("diversion ")
             for owner in line.rsplit(": ", 1)[0].split(", ")}
 
 
@@ -33,30 +43,45 @@ def identifier(name):
     return "SPDXRef-" + re.sub(r"[^A-Za-z0-9.-]", "-", name)
 
 
-def installed(name):
-    """A package of the distribution, as it is on this machine."""
-    shown = output("dpkg-query", "--show", "--showformat", "${Package}\t${Version}\t${Architecture}\t${source:Package}",
-                   name)
-    package, version, architecture, source = shown.split("\t")
+def installed():
+    """The packages of the distribution on this machine, by name and architecture. Those of all architectures are of each."""
+    found = {}
+    shown = output("dpkg-query", "--show", "--showformat", "${Package}\t${Version}\t${Architecture}\t${source:Package}\n")
+    for package, version, architecture, source in (line.split("\t") for line in shown.splitlines()):
+        found[package, architecture] = {
+            "SPDXID": identifier(f"{package}-{architecture}"), "name": package, "versionInfo": version,
+            "sourceInfo": f"built from {source}", "downloadLocation": "NOASSERTION", "filesAnalyzed": False,
+            "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator":
+                              f"pkg:deb/debian/{package}@{version.replace('+', '%2B')}?arch={architecture}"}],
+        }
+    return found
+
+
+def from_npm(name, version):
+    """A package of the page of posctl serve."""
     return {
-        "SPDXID": identifier(f"{package}-{architecture}"), "name": package, "versionInfo": version,
-        "sourceInfo": f"built from {source}", "downloadLocation": "NOASSERTION", "filesAnalyzed": False,
-        "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator":
-                          f"pkg:deb/debian/{package}@{version.replace('+', '%2B')}?arch={architecture}"}],
+        "SPDXID": identifier(f"npm-{name}"), "name": name, "versionInfo": version, "downloadLocation": "NOASSERTION",
+        "filesAnalyzed": False, "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl",
+                                                  "referenceLocator": f"pkg:npm/{name}@{version}"}],
     }
 
 
 def main(source, buildinfo):
     text = buildinfo.read_text(encoding="utf-8")
-    architecture = field(text, "Architecture").split()[0]
+    building, architecture = (field(text, name).split()[0] for name in ("Build-Architecture", "Architecture"))
+    machine = installed()
     documents, packages, relations = [], {}, []
+
+    def find(name, of):
+        """The package `name` or `name:architecture`; nothing if it is virtual or an alternative that is not installed."""
+        package, _, own = name.partition(":")
+        return machine.get((package, own or of)) or machine.get((package, "all"))
 
     def relate(one, kind, other):
         packages[other["SPDXID"]] = other
         relations.append({"spdxElementId": one["SPDXID"], "relationshipType": kind, "relatedSpdxElement": other["SPDXID"]})
 
-    headers = set(re.findall(r"^ +(/\S+)$", output("ninja", "-C", str(source / "build"), "-t", "deps"), re.MULTILINE))
-    contained = owners(headers)
+    headers = headers_of(source / "build")
     for digest, name in re.findall(r"^ ([0-9a-f]{64}) \d+ (\S+\.deb)$", text, re.MULTILINE):
         deb = buildinfo.with_name(name)
         assert hashlib.sha256(deb.read_bytes()).hexdigest() == digest, name
@@ -71,20 +96,21 @@ def main(source, buildinfo):
         }
         packages[ours["SPDXID"]] = ours
         documents.append(ours["SPDXID"])
-        for other in sorted(contained):
-            relate(ours, "CONTAINS", installed(other))
+        read = set().union(*(files for name, files in headers.items() if not name.startswith(OTHERS[package])))
+        for other in sorted(owners(read)):
+            relate(ours, "CONTAINS", find(other, architecture) or find(other, building))
         for depended in re.findall(r"([a-z0-9][a-z0-9+.-]+)(?: \([^)]*\))?", field(control, "Depends")):
-            known = [name for name in (f"{depended}:{architecture}", depended)
-                     if subprocess.run(["dpkg-query", "--show", name], check=False, capture_output=True).returncode == 0]
-            if known:
-                relate(ours, "DEPENDS_ON", installed(known[0]))
-    for built_with in re.findall(r"^ ([a-z0-9][a-z0-9+.:-]+) \(= \S+\),?$", field(text, "Installed-Build-Depends"),
-                                 re.MULTILINE):
-        other = installed(built_with)
+            if other := find(depended, architecture):
+                relate(ours, "DEPENDS_ON", other)
+        if package == "pos-tools":
+            for place, of_page in json.loads((source / "web/package-lock.json").read_text())["packages"].items():
+                if place and not of_page.get("dev"):
+                    relate(ours, "CONTAINS", from_npm(place.removeprefix("node_modules/"), of_page["version"]))
+    for name in re.findall(r"^ ([a-z0-9][a-z0-9+.:-]+) \(= \S+\),?$", field(text, "Installed-Build-Depends"), re.MULTILINE):
+        other = find(name, building)
         packages.setdefault(other["SPDXID"], other)
-        for ours in documents:
-            relations.append({"spdxElementId": other["SPDXID"], "relationshipType": "BUILD_DEPENDENCY_OF",
-                              "relatedSpdxElement": ours})
+        relations += [{"spdxElementId": other["SPDXID"], "relationshipType": "BUILD_DEPENDENCY_OF",
+                       "relatedSpdxElement": ours} for ours in documents]
     created = output("date", "--utc", "--date", field(text, "Build-Date"), "+%Y-%m-%dT%H:%M:%SZ").strip()
     name = buildinfo.stem
     sbom = {

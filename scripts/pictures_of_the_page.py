@@ -32,6 +32,7 @@ def main():
         picture("page-time", "span=60&only=time", height=640)
         picture("page-phone", "span=60", width=360, height=780, scheme="dark")
         gateway.kill()
+        page.look(width=1280, height=800, scheme="light")
         until(lambda: "Error" in page.text('[data-light="inputs.gnss"]'), "the loss of the source")
         picture("page-failed", "span=60")
     sizes = {file.name: file.stat().st_size for file in sorted(folder.glob("*.webp"))}

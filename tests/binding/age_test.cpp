@@ -32,7 +32,7 @@ TEST(Age_histogram, percentiles_are_right_from_nanoseconds_to_hours) {
   for (const double scale : {10.0, 1e3, 1e5, 1e9, 1e12}) {
     std::lognormal_distribution<double> distribution(std::log(scale), 1.0);
     Age_histogram histogram;
-    std::vector<std::int64_t> values(5000);
+    std::vector<std::int64_t> values(5001);
     for (auto& value : values) {
       value = static_cast<std::int64_t>(std::min(distribution(random), 1.7e13));
       histogram.add(Nanoseconds{value});
@@ -87,9 +87,10 @@ TEST(Position_ages, each_part_of_the_path_has_its_age_and_each_fault_of_a_stamp_
   notify(Nanoseconds{120ms});  // stands still
   notify(Nanoseconds{2s});     // backwards
   notify(Nanoseconds{-50ms});  // jumps, into the future
+  notify(Nanoseconds{0});
   notify(boost::none);
   const auto counts = ages.stamps();
-  EXPECT_EQ(counts.notifications, 6u);
+  EXPECT_EQ(counts.notifications, 7u);
   EXPECT_EQ(counts.missing, 1u);
   EXPECT_EQ(counts.inFuture, 1u);
   EXPECT_EQ(counts.standingStill, 1u);
@@ -100,14 +101,14 @@ TEST(Position_ages, each_part_of_the_path_has_its_age_and_each_fault_of_a_stamp_
     return *std::ranges::find_if(
         told, [&](const Age& one) { return one.name == name && one.windowS == 0; });
   };
-  EXPECT_EQ(since_start("stampToArrival").count, 4u);
+  EXPECT_EQ(since_start("stampToArrival").count, 5u);
   expect_near(since_start("stampToArrival").p50Ns, 20e6);
   expect_near(since_start("arrivalToHandler").p99Ns, 2e6);
   expect_near(since_start("handlerToSent").p99Ns, 3e6);
   // The whole: of each notification with a stamp that is not in the future.
-  EXPECT_EQ(since_start("stampToSent").count, 4u);
+  EXPECT_EQ(since_start("stampToSent").count, 5u);
   expect_near(since_start("stampToSent").p50Ns, 25e6);
-  EXPECT_EQ(since_start("betweenArrivals").count, 5u);
+  EXPECT_EQ(since_start("betweenArrivals").count, 6u);
   expect_near(since_start("betweenArrivals").maxNs, 100e6);
 }
 

@@ -92,6 +92,7 @@ TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told
   EXPECT_EQ(positions_[1].preciseLocalTimeNanoseconds, 250'000'000U);
   EXPECT_EQ(positions_[2].messageCounter, 4U);
   EXPECT_EQ(positions_[2].LAT, 48.5) << "completed from the other type";
+  EXPECT_EQ(positions_[2].preciseLocalTimeSeconds, 1'700'000'000U) << "restamped all the same";
 }
 
 TEST_F(Gnss_client, passes_quality_records_on_one_by_one_once_logged_and_satellites_as_a_whole) {

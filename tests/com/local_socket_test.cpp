@@ -135,15 +135,19 @@ TEST_F(Local_socket, a_client_is_there_again_when_the_provider_is) {
   start_server();
   auto consumer = finder.connect();
   values.start(*consumer, "value");
-  ASSERT_TRUE(values.received.wait_count(1));
-  stop_server();
-  ASSERT_TRUE(values.states.wait_for(false));
+  for (const std::size_t round : {1U, 2U}) {
+    ASSERT_TRUE(values.received.wait_count(round));
+    EXPECT_EQ(runtime->peers().services.at(0).ttlLeftMs, mw::com::runtime::never);
+    stop_server();
+    ASSERT_TRUE(values.states.wait_count(2 * round));
+    if (round == 1) start_server();
+  }
   // At once if the end of the connection has been seen, else after the time-out.
   EXPECT_THAT(call(*consumer, "lost"),
               testing::AnyOf(std::to_string(static_cast<int>(Return_code::not_reachable)),
                              std::to_string(static_cast<int>(Return_code::timeout))));
   start_server();
-  EXPECT_TRUE(values.received.wait_count(2));
+  EXPECT_TRUE(values.received.wait_count(3));
 }
 
 TEST_F(Local_socket, its_bounds_hold_and_what_stands_keeps_working) {

@@ -284,6 +284,10 @@ TEST(Log, of_what_peers_can_cause_is_limited_in_its_rate) {
   }
   // Ten a second of each; the hundred may take a little longer than one.
   EXPECT_LE(capture.records().size(), 60U);
+  EXPECT_TRUE(test::eventually([&] {
+    mw::com::cpp_binding::log_get_without_value(3);
+    return capture.records().back().text().find("; suppressed before: ") != std::string::npos;
+  })) << "a second later";
 }
 
 TEST(Pool, stop_drops_what_has_not_begun_and_leaves_no_queue_waiting_for_it) {

@@ -378,9 +378,12 @@ TEST_F(Diagnosis, a_second_init_resets_what_the_first_one_and_the_data_made) {
   run_with_gnss();
   bring_gnss_into_error();
   service->set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::gnss, true);
+  service->require_service(Data_bus_element::time, start);
   service->init(20);  // evaluated every 2 ms, in place of every 360 s
   EXPECT_EQ(inputs(), Bytes(11, 2));
-  EXPECT_EQ(read("BDPSomeipDataBusServiceNotAvailable"), (Bytes{0, 0, 0, 0}));
+  EXPECT_TRUE(test::eventually([this] {
+    return read("BDPSomeipDataBusServiceNotAvailable") == Bytes{0, 0, 0, 5, 2, 0, 1, 0, 1};
+  })) << "waits anew for the required one";
   EXPECT_THAT(runtime.offered(), SizeIs(7 + monitor_table.size()));
   service->evaluate(start);
   EXPECT_EQ(service->status(gnss), Status::init) << "the data of before is forgotten";

@@ -4,9 +4,18 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <boost/asio/io_context.hpp>
+
+#include "tests/support/seen.h"
 
 namespace someip {
 namespace {
+
+Endpoint closed_port(const Address& address) {
+  Udp_socket brief(address);
+  EXPECT_FALSE(brief.bind({address, 0}));
+  return brief.local();
+}
 
 class Closed_ports_test : public testing::TestWithParam<const char*> {};
 
@@ -16,12 +25,7 @@ TEST_P(Closed_ports_test,
   Udp_socket sender(loopback), open(loopback);
   if (sender.bind({loopback, 0})) GTEST_SKIP() << "no " << loopback;
   ASSERT_FALSE(open.bind({loopback, 0}));
-  Endpoint nobody;
-  {
-    Udp_socket brief(loopback);
-    ASSERT_FALSE(brief.bind({loopback, 0}));
-    nobody = brief.local();
-  }
+  const Endpoint nobody = closed_port(loopback);
   sender.keep_errors();
 
   Header header;
@@ -40,6 +44,22 @@ TEST_P(Closed_ports_test,
   EXPECT_EQ(error->returned->header.service, header.service);
   EXPECT_EQ(error->returned->header.method, header.method);
   EXPECT_FALSE(next_error(sender.descriptor()));
+}
+
+TEST(Closed_ports, are_all_noticed_when_more_come_at_once_than_fit_into_a_turn) {
+  const Address loopback = boost::asio::ip::make_address("127.0.0.1");
+  boost::asio::io_context control;
+  Closed_ports ports(control);
+  Udp_socket sender(loopback);
+  ASSERT_FALSE(sender.bind({loopback, 0}));
+  ports.add(sender);
+  const Socket_address nobody(closed_port(loopback));
+  for (int i = 0; i < 100; ++i)
+    ASSERT_FALSE(sender.send(header_bytes({}, 0), nobody));
+  int told = 0;
+  ports.start([&](const Returned_datagram&) { ++told; });
+  EXPECT_TRUE(test::eventually([&] { return control.poll(), told == 100; })) << told;
+  ports.stop();
 }
 
 INSTANTIATE_TEST_SUITE_P(Both_families, Closed_ports_test, testing::Values("127.0.0.1", "::1"));

@@ -6,6 +6,7 @@
 
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/wire/local_frame.h"
 #include "platform/someip/wire/stream_reader.h"
 
 namespace someip {
@@ -62,12 +63,21 @@ TEST(Stream, finds_the_next_message_behind_a_magic_cookie_someip_586) {
   }
 }
 
+TEST(Local_frame_reader, takes_the_longest_message_and_breaks_at_a_longer_one) {
+  Local_frame_reader reader(header_size + 4);
+  reader.append(local_frame_bytes({}, message(4)));
+  EXPECT_TRUE(reader.next());
+  reader.append(local_frame_bytes({}, message(5)));
+  EXPECT_FALSE(reader.next());
+  EXPECT_TRUE(reader.broken());
+}
+
 TEST(Discovery_message, ipv6_endpoints_travel_too) {
   const Endpoint v6{boost::asio::ip::make_address("fd00::1"), 30503};
   Discovery_writer writer;
   ASSERT_TRUE(writer.add({.type = Entry_type::offer_service}, {Option::unicast(v6, tcp_protocol)}));
   const auto bytes = writer.message(1, false);
-  const auto message = read_discovery_message(Bytes(bytes).subspan(header_size), 10);
+  const auto message = read_discovery_message(Bytes(bytes).subspan(header_size), 1);
   ASSERT_TRUE(message);
   EXPECT_EQ(message->options_of(message->entries[0], false).tcp, v6);
   EXPECT_FALSE(message->options_of(message->entries[0], true).tcp);
@@ -95,8 +105,10 @@ TEST(Discovery_outbox, keeps_what_belongs_together_in_one_message_and_sends_an_o
   for (std::size_t i = 0; i + 1 < most; ++i)
     outbox.add(peer, {{.type = Entry_type::subscribe}}, options);
   outbox.add(peer, {{.type = Entry_type::subscribe}, {.type = Entry_type::subscribe}}, options);
+  for (std::size_t i = 0; i + 2 < most; ++i)
+    outbox.add(peer, {{.type = Entry_type::subscribe}}, options);
   outbox.flush({});
-  EXPECT_THAT(sent, testing::ElementsAre(most - 1, 2));
+  EXPECT_THAT(sent, testing::ElementsAre(most - 1, most));
 }
 
 TEST(Discovery_peers, an_address_has_its_quota_and_no_session_goes_backwards) {

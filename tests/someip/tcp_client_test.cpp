@@ -182,6 +182,16 @@ TEST(Tcp_client, sends_more_in_total_than_its_queue_holds_before_and_after_a_rec
   client.tcp.close();
 }
 
+TEST(Tcp_client, opens_no_more_connections_than_its_bound) {
+  Server first, second;
+  Client client;
+  client.limits.tcp_connections = 1;
+  for (const auto* server : {&first, &second})
+    EXPECT_FALSE(client.tcp.local_end(server->endpoint()));
+  EXPECT_EQ(client.counters.refused_connections.value(), 1U);
+  client.tcp.close();
+}
+
 struct Found final : Search_sink {
   void found(const std::vector<std::uint16_t>& instances) override { count = instances.size(); }
   std::size_t count = 0;

@@ -80,8 +80,12 @@ class Exporter(unittest.TestCase):
             self.assertAlmostEqual(samples[name], value, delta=share * value, msg=name)
 
         self.desk.stop(self.application)
-        self.assertEqual(until(lambda: not (gone := self.samples())["pos_up"] and gone, "the application is away")
-                         .keys() & {"pos_process_threads", "pos_position_latitude_degrees"}, set())
+        gone = until(lambda: not (told := self.samples())["pos_up"] and told, "the application is away")
+        self.assertEqual(gone.keys() & {"pos_process_threads", "pos_position_latitude_degrees"}, set())
+        self.assertGreater(gone["pos_exporter_requests_total"], 2)
+        self.start(APPLICATION)
+        until(lambda: self.samples()["pos_up"], "the application is back")
+        until(lambda: self.request()[1] == self.request()[1], "two requests that a page answers")
 
     def test_it_may_start_before_an_application_that_only_its_socket_reaches(self):
         self.desk.manifest["nodes"]["POS"]["localSocket"] = True

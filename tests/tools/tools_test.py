@@ -104,7 +104,10 @@ class Tools(unittest.TestCase):
             (POSCTL, ("stats", "--timeout", 0.3), 2,
              "posctl: no instance of mw::com::runtime::Statistics is offered (over the network as node posctl)\n"),
             (POSCTL, ("log", "--timeout", 0.3), 2, "no instance of mw::com::runtime::Statistics"),
+            (POSCTL, ("fault", "--timeout", 0.3), 2, "no instance of gateway::FaultControl is offered; gnss-gateway --control "),
             (GATEWAY, ("--nmea", missing), 1, f'gnss-gateway: cannot read "{missing}": No such file'),
+            (GATEWAY, ("--script", missing), 1, f'gnss-gateway: cannot read "{missing}": No such file'),
+            (GATEWAY, ("--script", empty), 1, f'gnss-gateway: "{empty}", line 1: expected a JSON object'),
             (GATEWAY, ("--nmea", empty, "--loop"), 1, "holds no NMEA 0183 sentence"),
         ):
             self.assertIn(text, self.fails(program, *arguments, code=code))
@@ -119,6 +122,7 @@ class Tools(unittest.TestCase):
             (POSCTL, ("explain", "notificationLate"), 'did you mean "notificationsLate"?'),
             (POSCTL, ("set", "useGNSSDr", "true"), 'no setting "useGNSSDr"; did you mean "useGNSSDR"?'),
             (POSCTL, ("set", "useGNSSDR", "1"), 'useGNSSDR: expected true or false, found "1"'),
+            (POSCTL, ("set", "mmNewPositionCalculationIntervalMS", "12x"), 'expected a number from 0 to 4294967295, found "12x"'),
             (POSCTL, ("log", "GNSS=loud"), 'there is no log level "loud"; expected off, fatal'),
             (POSCTL, ("log", "GNSS"), "expected CONTEXT=LEVEL"),
             (POSCTL, ("call", "Statistic.Clock"), 'did you mean "Statistics.Clock"?'),
@@ -127,6 +131,10 @@ class Tools(unittest.TestCase):
             (POSCTL, ("validate", "/none"), 'cannot read "/none"'),
             (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
             (GATEWAY, ("--speed-up", 2), "--nmea"),
+            (GATEWAY, ("--loop",), "--loop requires --nmea or --script"),
+            (GATEWAY, ("--fault", "jmup=5"), 'gnss-gateway: fault "jmup=5": there is no fault "jmup"; did you mean "jump"?'),
+            (GATEWAY, ("--scenario", "/none"), 'gnss-gateway: cannot read "/none"'),
+            (POSCTL, ("fault", "jump", "off"), 'a name follows "clear" only, found "off"'),
         ):
             self.assertIn(text, self.fails(program, *arguments, code=3))
         options = ((POSCTL, ("watch",), "--count"), (POSCTL, ("watch",), "--timeout"),
@@ -335,10 +343,10 @@ class Tools(unittest.TestCase):
         until(lambda: self.desk.run(POSCTL, "stats", "--timeout", 1)[0] == 0, "the application answers")
         rows = {row["key"]: row for row in self.posctl("settings")["settings"]}
         self.assertEqual((rows[set_it[1]]["value"], rows[set_it[1]]["from"]), (500, "store"))
-        self.assertEqual((rows["useGNSSDR"]["value"], rows["useGNSSDR"]["needsRestart"]), (True, False))
+        self.assertEqual([rows["useGNSSDR"][key] for key in ("value", "from", "needsRestart")], [True, "default", False])
         self.assertIn("the application is running", self.fails(POSCTL, *set_it, "600"))
 
-        self.assertEqual(self.output(POSCTL, "log", "DSRV=debug"), "DSRV=debug\n")
+        self.assertEqual(self.output(POSCTL, "log", "GNSS=warn", "DSRV=debug"), "GNSS=warn\nDSRV=debug\n")
         self.assertEqual(self.posctl("log")["levels"]["DSRV"], "debug")
         self.assertIn('no log context "DSRW"; did you mean "DSRV"?', self.fails(POSCTL, "log", "DSRW=debug"))
 
@@ -350,7 +358,7 @@ class Tools(unittest.TestCase):
         self.assertIn("(counter): ", self.output(POSCTL, "explain", "notificationslate"))
 
     def test_manifests_are_validated_and_the_shells_complete_every_command(self):
-        self.assertRegex(self.output(POSCTL, "validate", self.desk.path / "manifest.json"), "is valid: 3 nodes, 12 services")
+        self.assertRegex(self.output(POSCTL, "validate", self.desk.path / "manifest.json"), "is valid: 3 nodes, 13 services")
         self.desk.manifest["nodes"]["POS"]["adress"] = 1
         self.desk.write_manifest()
         code, output, _ = self.desk.run(POSCTL, "validate", self.desk.path / "manifest.json")

@@ -11,25 +11,31 @@ const browser = await chromium.launchPersistentContext(process.argv[2], {
     "--disable-component-update", "--disable-sync"],
   viewport: null,
 });
-const page = browser.pages()[0] ?? (await browser.newPage());
-const inspector = await browser.newCDPSession(page);
-page.setDefaultTimeout(30_000);
+let page, inspector;
 let problems = [];
 let expect_no_server = false;
-page.on("pageerror", (error) => problems.push(String(error)));
-page.on("console", (message) => {
-  if (!["error", "warning"].includes(message.type())) return;
-  // The browser itself reports a connection that a server refuses; the page cannot prevent it.
-  if (expect_no_server && /WebSocket connection to|ERR_/.test(message.text())) return;
-  problems.push(message.text());
-});
+
+/** A page that has nothing of the one before. */
+async function new_page() {
+  const before = browser.pages();
+  page = await browser.newPage();
+  inspector = await browser.newCDPSession(page);
+  page.setDefaultTimeout(60_000);
+  page.on("pageerror", (error) => problems.push(String(error)));
+  page.on("console", (message) => {
+    if (!["error", "warning"].includes(message.type())) return;
+    // The browser itself reports a connection that a server refuses; the page cannot prevent it.
+    if (expect_no_server && /WebSocket connection to|ERR_/.test(message.text())) return;
+    problems.push(message.text());
+  });
+  await Promise.all(before.map((one) => one.close()));
+}
 
 const commands = {
   open: async ({ url, width = 1280, height = 800, scheme = "light" }) => {
+    await new_page();
     await page.emulateMedia({ colorScheme: scheme });
     await page.setViewportSize({ width, height });
-    // A change behind the # alone would load nothing.
-    await page.goto("about:blank");
     await page.goto(url);
   },
   look: async ({ width, height, scheme }) => {

@@ -22,7 +22,7 @@ namespace gateway {
 /// A point in time, counted from the start of the gateway.
 using Fault_time = std::chrono::nanoseconds;
 
-/// What happens to the payloads after they were encoded.
+/// Change of the payloads after their encoding.
 enum class Malformation : std::uint8_t { none, truncated, length, wire_type, noise };
 
 /// The notifications of one instant on their way to the subscribers.
@@ -31,7 +31,7 @@ struct Message {
   Malformation malformation = Malformation::none;
 };
 
-/// What a fault does to the service itself.
+/// Effect of a fault on the service itself.
 struct Service_fault {
   bool off = false;                      ///< the service is not offered
   std::optional<double> second_north_m;  ///< a second provider is so far north of the first one

@@ -89,8 +89,8 @@ struct binding::Description<gateway::Fault_answer> {
   using Record = gateway::Fault_answer;
   static constexpr std::string_view name = "gateway::Fault_answer";
   static constexpr auto entries =
-      std::tuple{plain("problem", &Record::problem, "", "why nothing was done; empty: it was"),
-                 plain("faults", &Record::faults, "", "added or cleared")};
+      std::tuple{plain("problem", &Record::problem, "", "reason of a refusal; empty: accepted"),
+                 plain("faults", &Record::faults, "", "number of those added or cleared")};
 };
 
 namespace gateway {

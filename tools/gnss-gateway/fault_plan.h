@@ -26,7 +26,7 @@ class Fault_plan {
     Fault_time end = Fault_time::max();  ///< greatest: it has none
   };
 
-  /// What happened up to a time.
+  /// Changes and messages since the previous call.
   struct Progress {
     std::vector<State> begun;
     std::vector<State> ended;
@@ -40,7 +40,7 @@ class Fault_plan {
   /// The faults in force and those that wait.
   [[nodiscard]] std::vector<State> list() const;
 
-  /// Sends a message through the chain. The result of the next advance() has what comes out.
+  /// Sends a message through the chain. The next advance() returns the messages that leave it.
   void pass(Fault_time now, Message message);
   /// Begins and ends faults, and takes the messages that are due.
   [[nodiscard]] Progress advance(Fault_time now);
@@ -64,7 +64,7 @@ class Fault_plan {
 
   /// For the places of the chain from `place` on.
   void feed(std::size_t place, Fault_time now, Message message);
-  /// Ends what is in force of the same kind as a fault that begins, which bounds the chain.
+  /// Ends each fault in force that a beginning one replaces. This bounds the chain.
   void replace_by_beginning(Fault_time now);
   [[nodiscard]] Fault::Sink behind(std::size_t place, Fault_time now);
 

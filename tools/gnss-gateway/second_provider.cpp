@@ -20,7 +20,7 @@ namespace {
 
 constexpr int addresses_to_try = 4;
 
-/// Every byte of an address, which counts up from the last one.
+/// The next address in numerical order.
 template <class Address>
 Address following(const Address& address) {
   auto bytes = address.to_bytes();

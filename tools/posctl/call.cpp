@@ -11,6 +11,7 @@
 #include "diagnosisService/data_identifiers.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
+#include "tools/gnss-gateway/fault_control.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/from_json.h"
@@ -100,6 +101,17 @@ void add_statistics(Callables& all) {
   all.add_with<std::uint64_t, Proxy, Statistics>("LogLines", &Proxy::LogLines, "0");
 }
 
+void add_fault_control(Callables& all) {
+  using gateway::Fault_control;
+  using Proxy = gateway::Fault_control_proxy;
+  all.add<Proxy, Fault_control>("Kinds", &Proxy::Kinds);
+  all.add<Proxy, Fault_control>("Faults", &Proxy::Faults);
+  constexpr std::string_view input = R"({"fault": "jump=1000@5+10"})";
+  all.add_with<gateway::Fault_order, Proxy, Fault_control>("Inject", &Proxy::Inject, input);
+  all.add_with<gateway::Fault_order, Proxy, Fault_control>("Clear", &Proxy::Clear,
+                                                           R"({"fault": "jump"})");
+}
+
 std::vector<Callable> callables() {
   using namespace lumo::services;
   using mw::dm::dem::DiagnosticMonitor;
@@ -107,6 +119,7 @@ std::vector<Callable> callables() {
   using mw::dm::dem::proxy::DiagnosticMonitorProxy;
   Callables all;
   add_statistics(all);
+  add_fault_control(all);
   using positioning::Positioning;
   using positioning::proxy::PositioningProxy;
   all.add_field<PositioningProxy, Positioning>("positions", &PositioningProxy::positions);

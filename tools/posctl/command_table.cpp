@@ -7,6 +7,7 @@
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "tools/command_line.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/fault.h"
 
 namespace posctl {
 namespace {
@@ -196,6 +197,19 @@ Run add_call(CLI::App& command) {
   return with(std::move(options), call);
 }
 
+Run add_fault(CLI::App& command) {
+  auto options = std::make_shared<Fault_options>();
+  command
+      .add_option("fault", options->what,
+                  "NAME[=VALUE][@START[+DURATION]] with times in seconds, list, or clear")
+      ->capture_default_str();
+  command.add_option("name", options->name, "The fault to clear; none: all");
+  command.add_flag("--json", options->json, "As a JSON object");
+  add_answer_timeout(command, options->timeout);
+  add_way(command, options->way);
+  return with(std::move(options), fault);
+}
+
 Run add_validate(CLI::App& command) {
   auto options = std::make_shared<Validate_options>();
   command.add_option("manifest", options->manifest, "The file")->required();
@@ -284,6 +298,11 @@ constexpr std::array table{
             "posctl log GNSS=debug", add_log},
     Command{"call", "Call any method of a service and print its result as JSON", "",
             "posctl call Statistics.Clock", add_call},
+    Command{
+        "fault", "Make the GNSS source faulty: jump, freeze, fall silent, lie",
+        "Needs gnss-gateway --control. docs/faults.md says what the application does with each.\n"
+        "list prints the faults that there are, and those in force.",
+        "posctl fault jump=1000@5+10", add_fault},
     Command{"validate", "Say whether a file is a valid manifest",
             "The exit code is 1 if it is not.", "posctl validate config/manifest.json",
             add_validate},

@@ -7,6 +7,7 @@
 #include "diagnosisService/DiagnosticMonitor.h"
 #include "diagnosisService/data_identifiers.h"
 #include "posService/Positioning.h"
+#include "tools/gnss-gateway/fault_control.h"
 
 namespace posctl {
 
@@ -20,6 +21,7 @@ void for_each_service(Visit&& visit) {
   diag::for_each_interface<diag::Data_identifiers>(visit);
   visit.template operator()<mw::dm::dem::DiagnosticMonitor>();
   visit.template operator()<binding::Statistics>();
+  visit.template operator()<gateway::Fault_control>();
 }
 
 }  // namespace posctl

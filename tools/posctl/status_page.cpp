@@ -30,8 +30,8 @@ constexpr std::array position_members{Shown{"LAT", "latitude", 7, "deg"},
 constexpr std::array map_matched_members{Shown{"latitude", "latitude", 7, "deg"},
                                          Shown{"longitude", "longitude", 7, "deg"},
                                          Shown{"altitude", "altitude", 1, "m"},
-                                         Shown{"positionSource", "position source", 0, ""},
                                          Shown{"statusMap", "map status", 0, ""},
+                                         Shown{"positionSource", "position source", 0, ""},
                                          Shown{"statusMapMatching", "map matching status", 0, ""}};
 
 std::string with_age(std::string title, const Json& last, const Json& clock) {

@@ -34,7 +34,7 @@ export interface Topics {
   satellites: Notification;
   /** Time service: field "times" or "timeSettings". Only where the service is offered. */
   time: Notification;
-  /** Whether the services that the page itself looks at are there: "GNSS", "Time", "Positioning", "Statistics". */
+  /** Whether the services that the server itself looks at are there: "GNSS", "Time", "Positioning", "Statistics". Each second while there is no application. */
   services: { [service: string]: { present: boolean; text: string } };
   /** Verdict and statuses. Within 200 ms of a change, and each second. */
   status: Status;

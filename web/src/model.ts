@@ -208,10 +208,10 @@ export class Model implements Sink {
         this.services = frame.data;
         break;
       case "status":
-        if (frame.data.verdict === "no answer" && this.status) {
+        if (frame.data.verdict === "no answer") {
           // The lights stay as they were, and the page says of when they are.
           const { verdict, reason, findings, ratePerS } = frame.data;
-          this.status = { ...this.status, verdict, reason, findings, ratePerS };
+          if (this.status) this.status = { ...this.status, verdict, reason, findings, ratePerS };
         } else {
           this.status = frame.data;
           this.status_at = frame.at;

@@ -28,7 +28,9 @@ TEST(Service_manager, is_not_needed_but_reported_when_it_has_gone) {
   phm::Phm_client client(core::InstanceSpecifier("Instance"));
   phm::SupervisionEntity entity(client);
   const Temporary_folder folder;
-  ::setenv("NOTIFY_SOCKET", (folder / "socket").c_str(), 1);
+  std::string longest = (folder / "").string();
+  longest.resize(sizeof sockaddr_un::sun_path - 1, 's');
+  ::setenv("NOTIFY_SOCKET", longest.c_str(), 1);
   application.ReportApplicationState(exec::ApplicationState::kRunning);
   ASSERT_EQ(capture.records().size(), 1U);
   EXPECT_EQ(capture.records()[0].level, log::LogLevel::kWarn);
@@ -55,6 +57,8 @@ class Full_socket {
     const auto length = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + name_.size());
     EXPECT_EQ(::bind(receiver_, generic, length), 0);
     EXPECT_EQ(::connect(sender_, generic, length), 0);
+    const timeval patience{.tv_sec = 30, .tv_usec = 0};
+    ::setsockopt(receiver_, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience);
     while (::send(sender_, "full", 4, MSG_DONTWAIT) == 4) {
     }
     ::setenv("NOTIFY_SOCKET", ("@" + name_).c_str(), 1);

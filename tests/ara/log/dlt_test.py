@@ -1,6 +1,7 @@
 """The log through the real DLT daemon and on standard error, seen from outside the process."""
 
 import os
+import pathlib
 import re
 import select
 import signal
@@ -13,6 +14,13 @@ from desk import BUILD, DEADLINE, Desk, until
 from dlt import Log
 
 PROBE = BUILD / "tests/ara/log/log_probe"
+
+
+def inherited(process):
+    """The descriptors that a child of the process would have beside the standard ones."""
+    told = {int(one.name): re.search(r"flags:\s+(\d+)", one.read_text())[1]
+            for one in pathlib.Path(f"/proc/{process.pid}/fdinfo").iterdir()}
+    return [number for number, flags in told.items() if number > 2 and not int(flags, 8) & os.O_CLOEXEC]
 
 
 class Probe:
@@ -108,6 +116,7 @@ class DltTest(unittest.TestCase):
                 os.close(writer)
                 self.addCleanup(os.close, reader)
                 probe.tell("init 1")
+                self.assertEqual(inherited(probe.process), [])
                 for _ in range(2):  # what has been read leaves as much room as before
                     probe.tell("lines 20000")
                     self.assertLess(time.monotonic() - begin, 10)

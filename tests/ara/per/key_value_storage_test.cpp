@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "platform/linux/per/store_file.h"
 #include "tests/support/error_of.h"
 #include "tests/support/temporary_folder.h"
 
@@ -81,9 +82,9 @@ TEST_F(Key_value_storage, sync_writes_when_something_changed_and_leaves_one_file
 TEST_F(Key_value_storage, what_a_failed_sync_left_is_written_by_the_next_one) {
   KeyValueStorage storage("Port");
   storage.SetValue("a", KvsType(true));
-  fs::rename(folder_, root_ / "away");
+  fs::create_symlink(root_ / "elsewhere", folder_ / "Port.json.new");
   EXPECT_THROW(storage.SyncToStorage(), ExceptionPhysicalStorageError);
-  fs::rename(root_ / "away", folder_);
+  EXPECT_FALSE(fs::exists(root_ / "elsewhere")) << "no link is followed";
   storage.SyncToStorage();
   EXPECT_TRUE(KeyValueStorage("Port").HasKey("a"));
 }
@@ -183,6 +184,9 @@ TEST_F(Key_value_storage, what_could_not_be_read_back_is_not_taken_or_written) {
   EXPECT_THAT(test::error_of<ExceptionPhysicalStorageError>([&] { storage.SyncToStorage(); }),
               HasSubstr("can hold at most"));
   EXPECT_EQ(KeyValueStorage("Port").GetValue("a").GetString(), "old");
+  const Store_file longest(folder_, "longest", Files::of_the_system());
+  longest.replace(std::string(max_file_size, ' '));
+  EXPECT_EQ(longest.read()->size(), max_file_size);
 }
 
 TEST_F(Key_value_storage, threads_may_write_and_sync_at_once) {

@@ -142,7 +142,7 @@ TEST_F(Component_client, answers_when_the_confirmation_comes_later_and_serves_ot
   });
   auto slow = request_in_background("slow", "1");
   ASSERT_EQ(asked.get_future().wait_for(deadline), std::future_status::ready);
-  EXPECT_EQ(request("kOn", "2"), "u 0");
+  EXPECT_EQ(request(std::string(128, 'x'), "2"), "u 0") << "the longest name";
   EXPECT_EQ(slow.wait_for(0s), std::future_status::timeout);
   client_->confirm(1, "slow", 5);
   EXPECT_EQ(slow.get(), "u 5");

@@ -195,6 +195,9 @@ class Live_source::Implementation {
       listener_->read([this](const auto& key, const auto& offer) { offers_.take(key, offer); });
       offers_.expire(someip::Time::clock::now());
     }
+    // Without an application nothing else comes, and a page could not tell that the server is
+    // alive.
+    if (!present_ && services_period_.is_due(now)) tell_services();
     if (statistics_.proxy() == nullptr) return;
     try {
       const bool watched = feed_.has_clients();
@@ -454,8 +457,8 @@ class Live_source::Implementation {
   Service<TimeProxy> time_;
   Service<Statistics_proxy> statistics_;
   std::optional<Monitor_reports> monitors_;
-  Period statistics_period_{second}, status_period_{second}, verdict_period_{second},
-      log_period_{log_period};
+  Period services_period_{second}, statistics_period_{second}, status_period_{second},
+      verdict_period_{second}, log_period_{log_period};
   bool present_ = true;  ///< so that the first word is that it is not
   double started_ = 0;   ///< milliseconds since 1970; 0: not known
   Json figures_ = Json::object();

@@ -222,9 +222,9 @@ export function health_panel(context: Context): Panel {
       h("h3", {}, "Findings and data bus faults"),
       findings,
       h("h3", {}, "Events"),
-      component,
       canvas,
-      events),
+      events,
+      component),
     controls,
     locked);
   return { id: "health", title: "Health", body, draw };

@@ -20,6 +20,9 @@ const most_satellites = 128;
 /** dBHz of a bar that fills its column. */
 const full_strength = 55;
 const old_after_ms = 5000;
+/** In units of the plot. */
+const name_width = 26;
+const name_height = 9;
 
 interface Satellite {
   key: string;
@@ -63,6 +66,8 @@ export function sky_panel(context: Context): Panel {
     h("li", {}, svg("svg", { viewBox: "-8 -8 16 16", class: "symbol", "aria-hidden": "true" }, svg("path", { d: one.shape })), one.name)));
   const use_key = h("ul", { class: "key" }, ...[2, 1, 0].map((use) =>
     h("li", {}, svg("svg", { viewBox: "-8 -8 16 16", class: "symbol", "data-use": use, "aria-hidden": "true" }, svg("path", { d: systems[0]!.shape })), uses[use]!)));
+  /** Of the satellites' names. */
+  const places = new WeakMap<Element, { x: number; y: number; use: number }>();
   let drawn: object | undefined;
   let table_due = 0;
 
@@ -80,12 +85,24 @@ export function sky_panel(context: Context): Panel {
     if (drawn === latest) return;
     drawn = latest;
     keep_list(dots, list.filter((one) => one.azimuth !== undefined && one.elevation !== undefined), (one) => one.key, make_dot, update_dot);
+    declutter();
     keep_list(bars, list, (one) => one.key, make_bar, update_bar);
     set_attribute(bars, "data-dense", bars.clientWidth < 1.6 * palette.rem * list.length ? "" : null);
     // A screen reader needs no ten tables a second.
     if (performance.now() >= table_due) {
       table_due = performance.now() + 1000;
       keep_list(rows, list, (one) => one.key, () => h("tr", {}, ...Array.from({ length: 6 }, () => h("td"))), update_row);
+    }
+  }
+
+  /** Where names would lie on each other, only one of them is written, a used one if there is one. The bars have all. */
+  function declutter(): void {
+    const written: { x: number; y: number }[] = [];
+    const elements = [...dots.children].map((element) => ({ element, ...places.get(element)! })).sort((a, b) => b.use - a.use);
+    for (const { element, x, y } of elements) {
+      const crowded = written.some((one) => Math.abs(one.x - x) < name_width && Math.abs(one.y - y) < name_height);
+      set_attribute(element, "data-crowded", crowded ? "" : null);
+      if (!crowded) written.push({ x, y });
     }
   }
 
@@ -96,12 +113,14 @@ export function sky_panel(context: Context): Panel {
   function update_dot(element: Element, one: Satellite): void {
     const turn = (one.azimuth! * Math.PI) / 180;
     const away = (radius * (90 - Math.max(0, Math.min(90, one.elevation!)))) / 90;
-    const east = away * Math.sin(turn);
-    set_attribute(element, "transform", `translate(${east.toFixed(2)} ${(-away * Math.cos(turn)).toFixed(2)})`);
+    const x = away * Math.sin(turn);
+    const y = -away * Math.cos(turn);
+    set_attribute(element, "transform", `translate(${x.toFixed(2)} ${y.toFixed(2)})`);
     // Near the eastern rim the name stands on the inner side.
-    const outer = east > 0.6 * radius;
+    const outer = x > 0.6 * radius;
     set_attribute(element, "data-east", outer ? "" : null);
     set_attribute(element.lastElementChild!, "x", outer ? "-8" : "8");
+    places.set(element, { x: outer ? x - name_width : x, y, use: one.use });
     set_attribute(element, "data-use", String(one.use));
   }
 

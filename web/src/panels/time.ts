@@ -41,6 +41,7 @@ class Plot {
   chart: uPlot | undefined;
   private drawn_span = 0;
   private drawn_to = 0;
+  private built_rem = 0;
 
   constructor(readonly strip: Strip, private readonly context: Context, private readonly palette: Palette, private readonly last: boolean) {
     this.data = [[], ...strip.curves.map((): (number | null)[] => [])];
@@ -51,12 +52,14 @@ class Plot {
         h("p", {}, ...strip.curves.map(([, word], i) =>
           h("span", { class: `curve curve-${i}` }, this.values[i]!, " ", h("span", { class: "word" }, word))))),
       this.holder);
+    this.holder.addEventListener("pointerleave", () => context.cursor.set(NaN));
   }
 
   build(): void {
     this.chart?.destroy();
     this.forget();
     const { palette } = this;
+    this.built_rem = palette.rem;
     const font = palette.font(0.75);
     const axis = { stroke: palette.get("ink-2"), font, ticks: { show: false }, grid: { stroke: palette.get("grid"), width: 1 } };
     const rem = palette.rem;
@@ -91,13 +94,13 @@ class Plot {
       },
     };
     this.chart = new uPlot(options, this.data as unknown as uPlot.AlignedData, this.holder);
-    this.holder.addEventListener("pointerleave", () => this.context.cursor.set(NaN));
   }
 
   resize(): void {
     const [width, height] = [this.holder.clientWidth, this.holder.clientHeight];
     if (!width || !height) return;
-    if (!this.chart) return this.build();
+    // Axes keep the type that they were made with.
+    if (!this.chart || this.built_rem !== this.palette.rem) return this.build();
     if (this.chart.width !== width || this.chart.height !== height) this.chart.setSize({ width, height });
   }
 

@@ -14,6 +14,7 @@ const margin = 0.3;
 const rows_each_frame = 2500;
 /** A layer that changes is copied as a whole by the browser, so rows come to it seldom. */
 const extend_ms = 4000;
+const overlap_rows = 40;
 /** Shorter moves are not drawn, in CSS pixels. */
 const least_move = 1;
 
@@ -172,7 +173,9 @@ export class Trail {
     if (width > 0 && height > 0) paint.drawImage(shown.canvas, x, y, width, height);
     if (shown.complete) {
       for (const line of [...lines].sort((a, b) => Number(b.below) - Number(a.below))) {
-        stroke(paint, view, line, palette, shown.next(line.series), line.series.at_or_after(until + 1));
+        // The wide lines below cover the end of what the layer has; the line above them begins a little earlier.
+        const start = shown.next(line.series) - (line.below ? 0 : overlap_rows);
+        stroke(paint, view, line, palette, Math.max(start, line.series.at_or_after(from)), line.series.at_or_after(until + 1));
       }
     }
     return this.building;

@@ -73,29 +73,37 @@ export function wire_panel(context: Context): Panel {
   }
 
   function provided_rows(): [Row[], number] {
+    // A peer that subscribes to every monitor has one row.
+    const groups = new Map<string, { name: string; first: Subscriber; instances: number; sent: number }>();
     const rows: Row[] = [];
     let others = 0;
+    const add = (name: string, one: Subscriber) => {
+      const key = `${name} ${one.eventGroup} ${one.address} ${one.udpPort} ${one.tcpPort} ${one.subscribed} ${one.cause}`;
+      const group = groups.get(key);
+      if (group) {
+        ++group.instances;
+        group.sent += one.sent;
+      } else groups.set(key, { name, first: one, instances: 1, sent: one.sent });
+    };
     for (const service of model.peers?.offered ?? []) {
       const name = short_service(service.service);
-      if (service.subscribers.length === 0 && name !== "Positioning") ++others;
-      else if (service.subscribers.length === 0) rows.push({ key: name, tone: "off", cells: [name, "none", ""] });
-      for (const one of service.subscribers) rows.push(subscriber_row(name, one));
+      if (service.subscribers.length > 0) for (const one of service.subscribers) add(name, one);
+      else if (name === "Positioning") rows.push({ key: name, tone: "off", cells: [name, "none", ""] });
+      else ++others;
     }
-    for (const one of model.peers?.otherSubscribers ?? []) rows.push(subscriber_row(one.serviceId, one));
+    for (const one of model.peers?.otherSubscribers ?? []) add(one.serviceId, one);
+    for (const [key, { name, first, instances, sent }] of groups) {
+      rows.push({
+        key,
+        tone: first.subscribed ? "good" : "bad",
+        cells: [
+          `${name} · ${instances > 1 ? `${instances} instances` : `event group ${Number(first.eventGroup)}`}`,
+          endpoint(first),
+          first.subscribed ? `for ${duration((first.sinceMs ?? NaN) / 1000)}, ${grouped(sent)} sent` : `refused ${first.refused} times: ${first.cause}`,
+        ],
+      });
+    }
     return [rows, others];
-  }
-
-  function subscriber_row(name: string, one: Subscriber): Row {
-    const sent = `${grouped(one.sent)} sent`;
-    return {
-      key: `${name} ${one.instance} ${one.eventGroup} ${one.address} ${one.udpPort} ${one.tcpPort} ${one.subscribed}`,
-      tone: one.subscribed ? "good" : "bad",
-      cells: [
-        `${name} · event group ${Number(one.eventGroup)}`,
-        endpoint(one),
-        one.subscribed ? `for ${duration((one.sinceMs ?? NaN) / 1000)}, ${sent}` : `refused ${one.refused} times: ${one.cause}`,
-      ],
-    };
   }
 
   function network_rows(): Row[] {
