@@ -112,6 +112,7 @@ export class Model implements Sink {
   private known_application: Application | undefined;
   private readonly listeners = new Map<Channel, (() => void)[]>();
   private readonly spacing = new Map<Series, number>();
+  private readonly message_counters = new Map<Series, number>();
   private readonly seen = new Map<string, number>();
   private skew: number | undefined;
   private old_frames = 0;
@@ -336,8 +337,13 @@ export class Model implements Sink {
   private take_positions(notification: Notification, series_of: (type: number) => Series): void {
     notification.records.forEach((record, i) => {
       const merged = notification.merged?.[i];
-      const values = { ...numbers_of(record), ageMs: notification.ageS === undefined ? null : 1000 * notification.ageS };
-      this.push(series_of(type_of(record)), 1000 * notification.received, values, merged?.min, merged?.max);
+      const values: Values = { ...numbers_of(record), ageMs: notification.ageS === undefined ? null : 1000 * notification.ageS };
+      const series = series_of(type_of(record));
+      const [before, counter] = [this.message_counters.get(series), values["messageCounter"]];
+      // Lost samples take time too, also where a busy machine received the others at once.
+      const missed = is_number(before) && is_number(counter) ? Math.max(0, Math.min(100, (counter - before) / (merged?.count ?? 1))) : 0;
+      if (is_number(counter)) this.message_counters.set(series, counter);
+      this.push(series, 1000 * notification.received, values, merged?.min, merged?.max, 0, missed);
     });
   }
 
@@ -362,13 +368,13 @@ export class Model implements Sink {
   }
 
   /** Appends a row and decides how it follows the last one. */
-  private push(series: Series, t: number, last: Values, min?: Values, max?: Values, bucket_ms = 0): void {
+  private push(series: Series, t: number, last: Values, min?: Values, max?: Values, bucket_ms = 0, missed = 0): void {
     const dt = t - series.last_time;
     let link = Link.continues;
     if (series.length > 0) {
       const usual = this.spacing.get(series) ?? Math.min(dt, 5000);
       if (dt > Math.max(1500, 3 * usual, 2.5 * bucket_ms)) link = Link.gap;
-      else if (is_jump(series, last, dt)) link = Link.jump;
+      else if (is_jump(series, last, Math.max(dt, missed * usual))) link = Link.jump;
       this.spacing.set(series, usual + 0.2 * (Math.min(dt, 5000) - usual));
     }
     // Member by member, a merged row may lack what only some of its samples had.
@@ -394,7 +400,7 @@ export class Model implements Sink {
   /** Another server has its own history. */
   private reset(): void {
     for (const series of this.all_series()) series.clear();
-    for (const map of [this.spacing, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
+    for (const map of [this.spacing, this.message_counters, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
     this.events.length = this.log.length = this.log_lost = 0;
     this.output = this.map = this.satellites = this.times = undefined;
     this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = undefined;

@@ -109,7 +109,8 @@ export function health_panel(context: Context): Panel {
       for (const fault of faults) items.push({ tone: fault.present ? "bad" : "off", text: fault.text });
     }
     if (status && items.length === 0) items.push({ tone: "good", text: "No fault on the data bus since the start." });
-    for (const finding of status?.findings ?? []) items.unshift({ tone: "warn", text: sentence(finding) });
+    const known = new Set(items.map((one) => sentence(one.text)));
+    for (const finding of status?.findings ?? []) if (!known.has(sentence(finding))) items.unshift({ tone: "warn", text: sentence(finding) });
     keep_list(findings, items.slice(0, 12), (one) => one.text, (one) => h("li", {}, glyph(one.tone), h("span", {}, one.text)),
       (element, one) => set_glyph(element.firstElementChild as SVGSVGElement, one.tone));
   }
