@@ -43,17 +43,17 @@ Time_fields time_fields(const std::optional<std::chrono::nanoseconds>& utc) {
           text.substr(8, 2) + text.substr(5, 2) + text.substr(2, 2)};
 }
 
-/// "4656.1234567" and "N": degrees and minutes, which keep 2e-9 degrees.
+/// "4656.123456" and "N": degrees and minutes, which keep 1e-8 degrees.
 struct Angle_fields {
   std::string angle, side;
 };
 Angle_fields angle_fields(double degrees, int width, const char* positive, const char* negative) {
-  constexpr std::int64_t parts_per_minute = 10'000'000;
+  constexpr std::int64_t parts_per_minute = 1'000'000;
   // Rounded before it is split: 59.99999999 minutes are a degree.
   const std::int64_t parts =
       std::llround(std::abs(degrees) * 60 * static_cast<double>(parts_per_minute));
   std::array<char, 32> text{};
-  std::snprintf(text.data(), text.size(), "%0*lld%02lld.%07lld", width,
+  std::snprintf(text.data(), text.size(), "%0*lld%02lld.%06lld", width,
                 static_cast<long long>(parts / (60 * parts_per_minute)),
                 static_cast<long long>(parts / parts_per_minute % 60),
                 static_cast<long long>(parts % parts_per_minute));
@@ -79,6 +79,7 @@ std::string sentences_of(const Point& point) {
   // Of a horizontal accuracy both directions have the same share.
   const std::string each = digits(scaled(point.accuracy_horizontal, 1 / std::numbers::sqrt2), 3);
 
+  // A sentence has at most 82 characters, so the last fields of GGA have few digits.
   // Programs take a GGA without a number for "no fix": the fewest that this fix takes.
   const bool has_altitude = point.altitude_msl.has_value();
   const std::string satellites = has_altitude ? "04" : "03";
@@ -86,8 +87,8 @@ std::string sentences_of(const Point& point) {
   return sentence("RMC", {time, "A", latitude, north, longitude, east, digits(knots, 3), course,
                           date, "", "", mode}) +
          sentence("GGA", {time, latitude, north, longitude, east, corrected ? "2" : "1", satellites,
-                          "", digits(point.altitude_msl, 3), "M", digits(separation, 3), "M",
-                          digits(point.correction_age, 1), ""}) +
+                          "", digits(point.altitude_msl, 3), "M", digits(separation, 1), "M",
+                          digits(point.correction_age, point.correction_age < 10 ? 1 : 0), ""}) +
          sentence("VTG", {course, "T", "", "M", digits(knots, 3), "N",
                           digits(scaled(point.speed, kmh_per_mps), 3), "K", mode}) +
          sentence("GSA", {"A", has_altitude ? "3" : "2", "", "", "", "", "", "", "", "", "", "", "",
