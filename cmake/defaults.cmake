@@ -19,8 +19,8 @@ if(POS_SANITIZE)
 endif()
 
 # What an attacker with a faulty length or pointer cannot do then: overwrite a return address unnoticed, write past an
-# array of known size, write to the tables of the dynamic linker, know the program's addresses, jump into the middle of a
-# function. docs/trust.md has the price.
+# array of known size, write to the tables of the dynamic linker, know the program's addresses, return to an address of
+# its choice. docs/trust.md says which of it depends on the machine.
 option(POS_HARDEN "Compile and link the programs with the compiler's defences, as the Debian packages do" OFF)
 if(POS_HARDEN)
   include(CheckPIESupported)

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <fstream>
 
+#include "platform/linux/com/local_socket.h"
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/wire/local_frame.h"
 #include "tests/com/test_network.h"
@@ -232,6 +233,16 @@ TEST_F(Local_socket, the_file_belongs_to_one_process_and_is_for_owner_and_group)
   EXPECT_TRUE(std::filesystem::is_regular_file(path));
   EXPECT_THAT(error_of([] { const someip::Local_path one(std::string(200, 'x')); }),
               HasSubstr("expected a path of 1 to 107 bytes"));
+}
+
+TEST(Own_socket_path, is_in_the_first_folder_that_the_environment_names) {
+  const Temporary_folder folder;
+  ::setenv("RUNTIME_DIRECTORY", "/run/first:/run/second", 1);
+  EXPECT_EQ(tq::com::own_socket_path("POS"), "/run/first/POS.sock");
+  ::unsetenv("RUNTIME_DIRECTORY");
+  ::setenv("XDG_RUNTIME_DIR", folder.path().c_str(), 1);
+  EXPECT_EQ(tq::com::own_socket_path("POS"), folder / "pos/POS.sock");
+  EXPECT_EQ(std::filesystem::status(folder / "pos").permissions(), std::filesystem::perms{0700});
 }
 
 }  // namespace

@@ -186,9 +186,14 @@ TEST_F(Diagnosis, data_that_stays_away_is_an_error_until_it_comes_back) {
   service->evaluate(start + 1h + 1ns);
   service->evaluate(start + 2h);
   EXPECT_EQ(service->status(gnss), Status::error);
+  const auto age = [&](Clock::time_point now) { return service->state(now).statuses[0].sinceMs; };
+  EXPECT_NEAR(static_cast<double>(age(start + 2h)), 3'600'000, 1)
+      << "since the first of the two evaluations";
   service->data_received(gnss, start + 2h);
   service->evaluate(start + 2h);
   EXPECT_EQ(service->status(gnss), Status::nominal);
+  EXPECT_EQ(age(start + 2h + 5s), 5000);
+  EXPECT_EQ(age(start), 0) << "not before the change";
   EXPECT_THAT(actions("POS_Input_GNSS"), ElementsAre(Bytes{0}, Bytes{1}, Bytes{0}));
 }
 

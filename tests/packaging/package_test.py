@@ -111,6 +111,23 @@ class Package(unittest.TestCase):
         make_root(self.root)
         make_newer(self.root)
 
+    def test_the_programs_have_the_defences_of_the_compiler(self):
+        unpacked = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        for package in packages_in(PACKAGES):
+            subprocess.run(["dpkg-deb", "--extract", package, unpacked], check=True)
+        gnu = {"amd64": "x86_64-linux-gnu", "arm64": "aarch64-linux-gnu"}[ARCHITECTURE]
+        branches = {"amd64": "endbr64", "arm64": "paciasp"}[ARCHITECTURE]
+        programs = sorted((unpacked / "usr/bin").iterdir())
+        self.assertEqual(len(programs), 3)
+        for program in programs:
+            told = subprocess.run([f"{gnu}-readelf", "--wide", "--all", program], check=True, capture_output=True,
+                                  text=True).stdout
+            for sign in ("DYN (Position-Independent", "GNU_RELRO", "BIND_NOW", "__stack_chk_fail", "__memcpy_chk"):
+                self.assertIn(sign, told, program.name)
+            code = subprocess.run([f"{gnu}-objdump", "--disassemble", "--section=.text", program], check=True,
+                                  capture_output=True, text=True).stdout
+            self.assertGreater(code.count(branches), 1000, program.name)
+
     @unittest.skipUnless(ARCHITECTURE == NATIVE, "needs a systemd of this processor")
     def test_on_a_bare_machine(self):
         self.make()

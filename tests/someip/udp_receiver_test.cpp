@@ -3,13 +3,10 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <functional>
-#include <set>
 #include <stdexcept>
 #include <thread>
-#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -152,143 +149,6 @@ TEST_F(Udp_receiver_test, refused_sends_do_not_end_receiving) {
   EXPECT_TRUE(passes(2));
   ASSERT_TRUE(sticks_again());
   EXPECT_TRUE(passes(3));
-}
-
-/// All states that two receiving threads, the kernel and the strands of two events can reach while
-/// up to four datagrams arrive. Each step is one that no other thread can divide.
-class Exploration {
- public:
-  enum class Rule { as_built, without_lock, handler_always_inline };
-  explicit Exploration(Rule rule) : rule_(rule) { visit({}); }
-
-  std::size_t states() const { return seen_.size(); }
-  bool order_violated = false;
-  bool socket_unread = false;  ///< a datagram waits, and no thread will take it
-
- private:
-  enum Doing : int { waiting, woken, placing, handling, returning };
-  struct Thread {
-    int doing = waiting, event = 0, datagram = 0;
-    auto operator<=>(const Thread&) const = default;
-  };
-  struct Strand {
-    bool owned = false, posted = false;  ///< posted: its owner is a worker
-    int current = 0, last = 0;
-    std::vector<int> queue;
-    auto operator<=>(const Strand&) const = default;
-  };
-  struct State {
-    int arrived = 0, receiving = 2;
-    std::vector<std::pair<int, int>> socket;  ///< datagram and event
-    std::array<Thread, 2> threads;
-    std::vector<int> wait_queue{0, 1};
-    std::array<Strand, 2> strands;
-    auto operator<=>(const State&) const = default;
-  };
-
-  void visit(State state) {
-    if (!seen_.insert(state).second) return;
-    const bool taken = std::ranges::any_of(state.threads, [](const auto& one) {
-      return one.doing == woken || one.doing == returning;
-    });
-    // Handlers need not return: a thread in one does not count.
-    if (!state.socket.empty() && !taken) socket_unread = true;
-    for (int event = 0; event < 2 && state.arrived < 4; ++event)
-      arrive(state, event);
-    for (std::size_t i = 0; i < state.threads.size(); ++i)
-      step(state, i);
-    for (std::size_t event = 0; event < 2; ++event) {
-      if (!state.strands[event].posted) continue;
-      State next = state;  // a worker ends the present handler
-      end_handler(next.strands[event]);
-      visit(next);
-    }
-  }
-  void arrive(State state, int event) {
-    state.socket.emplace_back(++state.arrived, event);
-    if (!state.wait_queue.empty()) {
-      state.threads[static_cast<std::size_t>(state.wait_queue.front())].doing = woken;
-      state.wait_queue.erase(state.wait_queue.begin());
-    }
-    visit(state);
-  }
-  void step(State state, std::size_t number) {
-    Thread& thread = state.threads[number];
-    if (thread.doing == woken) {
-      if (state.socket.empty()) {
-        wait(state, number);  // the other thread was faster
-      } else {
-        std::tie(thread.datagram, thread.event) = state.socket.front();
-        state.socket.erase(state.socket.begin());
-        if (rule_ == Rule::without_lock) {
-          thread.doing = placing;
-        } else {
-          place(state, number);
-        }
-      }
-    } else if (thread.doing == placing) {
-      place(state, number);
-    } else if (thread.doing == handling) {
-      Strand& strand = state.strands[static_cast<std::size_t>(thread.event)];
-      end_handler(strand);
-      if (!strand.owned) thread.doing = returning;
-    } else if (thread.doing == returning) {
-      ++state.receiving;
-      wait(state, number);
-    } else {
-      return;
-    }
-    visit(state);
-  }
-  /// wait() looks into the socket first.
-  static void wait(State& state, std::size_t number) {
-    state.threads[number].doing = state.socket.empty() ? waiting : woken;
-    if (state.socket.empty()) state.wait_queue.push_back(static_cast<int>(number));
-  }
-  void place(State& state, std::size_t number) {
-    Thread& thread = state.threads[number];
-    Strand& strand = state.strands[static_cast<std::size_t>(thread.event)];
-    if (strand.owned) {
-      strand.queue.push_back(thread.datagram);
-      wait(state, number);
-      return;
-    }
-    strand.owned = true;
-    begin_handler(strand, thread.datagram);
-    if (state.receiving >= 2 || rule_ == Rule::handler_always_inline) {
-      --state.receiving;
-      thread.doing = handling;
-    } else {
-      strand.posted = true;
-      wait(state, number);
-    }
-  }
-  void begin_handler(Strand& strand, int datagram) {
-    if (datagram < strand.last) order_violated = true;
-    strand.last = strand.current = datagram;
-  }
-  void end_handler(Strand& strand) {
-    if (strand.queue.empty()) {
-      strand.owned = strand.posted = false;
-      return;
-    }
-    const int next = strand.queue.front();
-    strand.queue.erase(strand.queue.begin());
-    begin_handler(strand, next);
-  }
-
-  const Rule rule_;
-  std::set<State> seen_;
-};
-
-TEST(Udp_receiver_states, keep_the_order_and_always_leave_a_thread_that_receives) {
-  using Rule = Exploration::Rule;
-  const Exploration as_built(Rule::as_built);
-  EXPECT_GT(as_built.states(), 100U);
-  EXPECT_FALSE(as_built.order_violated);
-  EXPECT_FALSE(as_built.socket_unread);
-  EXPECT_TRUE(Exploration(Rule::without_lock).order_violated) << "the lock is needed";
-  EXPECT_TRUE(Exploration(Rule::handler_always_inline).socket_unread) << "so is the worker";
 }
 
 }  // namespace

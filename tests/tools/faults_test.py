@@ -5,7 +5,6 @@ that the counter of a position tells where it should be, and when it should have
 
 import dataclasses
 import json
-import pathlib
 import re
 import subprocess
 import sys
@@ -17,13 +16,12 @@ from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
 
 STEP = 1e-5  # degrees of latitude between two messages
 INTERVAL = 0.1  # seconds between them
-METRE = 1 / 111_194.93  # in degrees of latitude
+METRE = 1 / 111_195.08  # in degrees of latitude
 IN_FORCE = 6.5  # seconds, longer than the time-out of inputs and outputs
 AT_ONCE, TIMED_OUT = (0, 0.2), (5, 5.6)  # seconds until an identifier changes
 SLACK = 2.0  # seconds, on a busy machine
 LANES = 5  # applications at the same time
 PAGE = SOURCE / "docs/faults.md"
-BEGIN = "<!-- printed by tests/tools/faults_test.py --print -->\n"
 
 
 @dataclasses.dataclass

@@ -7,7 +7,6 @@ import pathlib
 import socket
 import struct
 import threading
-import time
 import tty
 import unittest
 
@@ -101,9 +100,16 @@ class Gpsd(unittest.TestCase):
         return receiver
 
     def start_gpsd(self):
-        gpsd = self.desk.start(GPSD, "-N", "-n", "-S", self.port, self.path)
+        gpsd = self.desk.start(GPSD, "-N", "-n", "-F", self.desk.path / "control", "-S", self.port, self.path)
         until(self.listens, "gpsd listens")
         return gpsd
+
+    def hotplug(self, sign):
+        """As udev does it. gpsd forgets a device for good when it looks for one that is not there."""
+        with socket.socket(socket.AF_UNIX) as control:
+            control.connect(str(self.desk.path / "control"))
+            control.sendall(f"{sign}{self.path}\r\n".encode())
+            control.recv(100)
 
     def listens(self):
         with socket.socket() as probe:
@@ -160,8 +166,9 @@ class Gpsd(unittest.TestCase):
         until(lambda: len(self.log_of(gateway)) == 4, "found again")
         receiver.pull_out()
         until(lambda: len(self.log_of(gateway)) == 5, "the device has gone")
-        time.sleep(2)  # gpsd itself looks at its devices after some seconds of silence
+        self.hotplug("-")
         receiver.plug_in()
+        self.hotplug("+")
         until(lambda: len(self.log_of(gateway)) == 6, "the device is back")
         code, output = self.desk.stop(gateway)
         place, there = f"gpsd at 127.0.0.1:{self.port}", f'receiver "{self.path}" of gpsd at 127.0.0.1:{self.port}'

@@ -131,7 +131,7 @@ class Tools(unittest.TestCase):
             (POSCTL, ("validate", "/none"), 'cannot read "/none"'),
             (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
             (GATEWAY, ("--speed-up", 2), "--nmea"),
-            (GATEWAY, ("--loop",), "--loop requires --nmea or --script"),
+            (GATEWAY, ("--loop",), "--loop requires --nmea, --script or --route"),
             (GATEWAY, ("--fault", "jmup=5"), 'gnss-gateway: fault "jmup=5": there is no fault "jmup"; did you mean "jump"?'),
             (GATEWAY, ("--scenario", "/none"), 'gnss-gateway: cannot read "/none"'),
             (POSCTL, ("fault", "jump", "off"), 'a name follows "clear" only, found "off"'),

@@ -78,18 +78,18 @@ Fault_plan::Progress Fault_plan::advance(Fault_time now) {
   const std::lock_guard lock(mutex_);
   Progress progress;
   replace_by_beginning(now);
+  for (auto& planned : faults_) {
+    if (!planned.begins(now)) continue;
+    // The start is the present: a late call must not make up for the time before.
+    planned.state.start = now;
+    planned.state.in_force = true;
+    planned.fault = planned.kind->make(planned.value, now);
+    progress.begun.push_back(planned.state);
+  }
   for (std::size_t place = 0; place < faults_.size(); ++place) {
-    const bool begins = faults_[place].begins(now);
     auto& [state, kind, value, fault] = faults_[place];
-    const bool ends = state.end <= now;
-    if (begins) {
-      // The start is the present: a late call must not make up for the time before.
-      state.start = now;
-      state.in_force = true;
-      fault = kind->make(value, now);
-      progress.begun.push_back(state);
-    }
     if (!fault) continue;
+    const bool ends = state.end <= now;
     fault->release(ends ? Fault_time::max() : now, behind(place, now));
     if (ends) {
       progress.ended.push_back(state);

@@ -251,7 +251,7 @@ void Gpsd::handle_time(Time now) {
     }
   }
   if (now < next_call_) return;
-  connection_.watch();
+  if (exists(path_)) connection_.watch();
   next_call_ = --calls_left_ > 0 ? now + call_interval : Time::max();
 }
 

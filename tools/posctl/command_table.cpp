@@ -235,6 +235,41 @@ Run add_exporter(CLI::App& command) {
   return with(std::move(options), exporter);
 }
 
+void add_position(CLI::App& command, std::string& position) {
+  command.add_option("--position", position, "The application's output, or a type of its source's")
+      ->check(CLI::IsMember({"output", "GNSS", "GNSS-DR"}))
+      ->capture_default_str();
+}
+
+Run add_export(CLI::App& command) {
+  auto options = std::make_shared<Export_options>();
+  const auto add = [&](const char* name, std::string& file, const char* meaning) {
+    command.add_option(name, file, meaning)->type_name("FILE");
+  };
+  add("--gpx", options->gpx, "Write a GPX 1.1 track to this file; - is standard output");
+  add("--kml", options->kml, "Write a KML 2.2 track");
+  add("--csv", options->csv, "Write a table with all members of the positions");
+  add("--geojson", options->geojson, "Write a GeoJSON point for each position");
+  add("--from", options->from, "Read lines of posctl watch -o json instead; - is standard input");
+  add_position(command, options->position);
+  add_stream_options(command, *options);
+  return with(std::move(options), export_track);
+}
+
+Run add_nmea(CLI::App& command) {
+  auto options = std::make_shared<Nmea_options>();
+  command
+      .add_option("--listen", options->listen,
+                  "Serve tcp:[ADDRESS:]PORT, send to udp:HOST:PORT, or print")
+      ->type_name("PLACE")
+      ->capture_default_str();
+  add_seconds(command, "--max-age", options->max_age, "A position that is older is not valid")
+      ->capture_default_str();
+  add_position(command, options->position);
+  add_stream_options(command, *options);
+  return with(std::move(options), nmea);
+}
+
 Run add_serve(CLI::App& command) {
   auto options = std::make_shared<Serve_options>();
   command.add_option("--listen", options->listen, "IP address and port")
@@ -317,6 +352,17 @@ constexpr std::array table{
     Command{"exporter", "Answer Prometheus with the application's metrics",
             "Runs until it is interrupted. pos_up is 0 while the application gives no answer.",
             "posctl exporter --listen 127.0.0.1:9464", add_exporter},
+    Command{
+        "export", "Write positions to a GPX, KML, CSV or GeoJSON file",
+        "Until it is interrupted or has enough. The file is complete after every position; the\n"
+        "first one replaces an older file.",
+        "posctl export --gpx drive.gpx", add_export},
+    Command{
+        "nmea", "Send positions as NMEA 0183 sentences",
+        "RMC, GGA, VTG, GSA and GST. RMC says V while there is no position, or an old one only.\n"
+        "Serves this machine unless an address is given; 16 clients, of which a slow one loses\n"
+        "sentences.",
+        "posctl nmea --listen tcp:10110", add_nmea},
     Command{
         "serve", "Show drive, sky, health and network on a page in the browser",
         "Runs until it is interrupted. Only this machine sees the page, unless --listen names an\n"

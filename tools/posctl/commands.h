@@ -153,6 +153,28 @@ struct Exporter_options {
 /// Answers Prometheus over HTTP until it is interrupted.
 int exporter(const Exporter_options& options);
 
+struct Export_options {
+  std::string gpx, kml, csv, geojson;  ///< one of them is the file, "-" standard output
+  std::string from;                    ///< lines of posctl watch -o json; empty: live
+  std::string position = "output";     ///< or "GNSS", "GNSS-DR" of the source
+  std::uint64_t count = 0;             ///< positions; 0: until interrupted
+  double timeout = 0;                  ///< seconds; 0: none
+  Way_options way;
+};
+/// Writes positions to a file for other programs.
+int export_track(const Export_options& options);
+
+struct Nmea_options {
+  std::string listen = "-";         ///< "tcp:[ADDRESS:]PORT", "udp:HOST:PORT" or standard output
+  double max_age = 2;               ///< seconds; an older position is not valid
+  std::string position = "output";  ///< or "GNSS", "GNSS-DR" of the source
+  std::uint64_t count = 0;          ///< positions; 0: until interrupted
+  double timeout = 0;               ///< seconds; 0: none
+  Way_options way;
+};
+/// Sends positions as NMEA sentences.
+int nmea(const Nmea_options& options);
+
 struct Serve_options {
   std::string listen = "127.0.0.1:8030";
   bool open = false;     ///< shows the page in the browser of the desktop

@@ -31,6 +31,10 @@ Words names_of(const Option_text& option) {
   return names;
 }
 
+bool is_path(const Option_text& option) {
+  return option.value == "FILE" || option.value == "FOLDER";
+}
+
 /// The words that may stand at the place of a command's first argument.
 Words arguments_of(std::string_view command, const std::vector<Option_text>& options) {
   constexpr std::array<std::pair<std::string_view, std::string_view>, 4> kinds{
@@ -130,8 +134,9 @@ std::string zsh() {
       for (const auto& name : names_of(option)) {
         std::string text = name + "[" + zsh_text(option.meaning) + "]";
         if (!option.value.empty()) {
-          text += ":" + (option.choices.empty() ? option.value + ": "
-                                                : "value:(" + joined(option.choices) + ")");
+          text += is_path(option)          ? ":file:_files"
+                  : option.choices.empty() ? ":" + option.value + ": "
+                                           : ":value:(" + joined(option.choices) + ")";
         }
         cases += " " + quoted(text);
       }
@@ -172,7 +177,7 @@ std::string fish() {
       for (const auto& name : names_of(option)) {
         line += name.starts_with("--") ? " -l " + name.substr(2) : " -s " + name.substr(1);
       }
-      if (!option.value.empty()) line += " -x";
+      if (!option.value.empty()) line += is_path(option) ? " -r -F" : " -x";
       if (!option.choices.empty()) line += " -a " + quoted(joined(option.choices));
       text += line + " -d " + quoted(option.meaning) + "\n";
     }

@@ -7,9 +7,9 @@
 #include <string_view>
 #include <vector>
 
-#include "ara/time/slave_time_base.h"
 #include "binding/timestamp.h"
 #include "tools/posctl/record_json.h"
+#include "tools/posctl/time_base.h"
 
 namespace posctl {
 
@@ -19,9 +19,7 @@ template <class Record>
   if constexpr (requires { record.preciseLocalTimeSeconds; }) {
     const auto stamp = binding::timestamp_of(record);
     if (!stamp) return std::nullopt;
-    using Proxy = ara::time::SlaveTimeBaseResourceProxy;
-    const auto now = Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime();
-    return static_cast<double>((now - stamp->since_epoch()).count()) / 1e9;
+    return static_cast<double>((time_base_now() - stamp->since_epoch()).count()) / 1e9;
   } else {
     return std::nullopt;
   }

@@ -23,6 +23,10 @@ int make_event() {
                           "cannot create an event for the end of the output");
 }
 
+Printer::Write line_writer(const std::string& line) {
+  return [&line](int cancel) { tools::write_output(line + "\n", cancel); };
+}
+
 }  // namespace
 
 Printer::Printer(std::uint64_t count)
@@ -34,28 +38,37 @@ Printer::~Printer() {
 }
 
 void Printer::print(const std::string& line) {
-  print(line, true);
+  print(line_writer(line));
 }
 
 void Printer::remark(const std::string& line) {
-  print(line, false);
+  remark(line_writer(line));
 }
 
-void Printer::print(const std::string& line, bool counts) {
+void Printer::print(const Write& write) {
   const std::lock_guard lock(mutex_);
-  write(line, counts);
+  this->write(write, true);
+}
+
+void Printer::remark(const Write& write) {
+  const std::lock_guard lock(mutex_);
+  this->write(write, false);
 }
 
 void Printer::remark_at_once(const std::string& line) {
-  const std::unique_lock lock(mutex_, std::try_to_lock);
   pollfd output{STDOUT_FILENO, POLLOUT, 0};
-  if (lock && ::poll(&output, 1, 0) == 1) write(line, false);
+  if (::poll(&output, 1, 0) == 1) remark_at_once(line_writer(line));
 }
 
-void Printer::write(const std::string& line, bool counts) {
+void Printer::remark_at_once(const Write& write) {
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (lock) this->write(write, false);
+}
+
+void Printer::write(const Write& write, bool counts) {
   if (failure_ || (enough_ != 0 && printed_ >= enough_)) return;
   try {
-    tools::write_output(line + "\n", cancelled_);
+    write(cancelled_);
     if (counts) ++printed_;
   } catch (...) {
     failure_ = std::current_exception();

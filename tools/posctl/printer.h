@@ -1,4 +1,4 @@
-/// Lines on standard output from several threads, until enough have come or one cannot be written.
+/// Output of several threads, until enough has come or some cannot be written.
 #pragma once
 
 #include <cstdint>
@@ -23,6 +23,13 @@ class Printer {
   void print(const std::string& line);
   /// A line that does not count.
   void remark(const std::string& line);
+  /// Writes elsewhere; it must not wait once the descriptor `cancel` is readable.
+  using Write = std::function<void(int cancel)>;
+  /// The same with another output than a line.
+  void print(const Write& write);
+  void remark(const Write& write);
+  /// The same, unless another thread writes. `write` must not wait at all.
+  void remark_at_once(const Write& write);
   /// The same, unless it would have to wait. For the thread that calls wait().
   void remark_at_once(const std::string& line);
   [[nodiscard]] std::uint64_t printed() const;
@@ -39,13 +46,12 @@ class Printer {
                           const std::function<void()>& tick = {}) const;
 
  private:
-  void print(const std::string& line, bool counts);
-  void write(const std::string& line, bool counts);  ///< with the mutex held
+  void write(const Write& write, bool counts);  ///< with the mutex held
 
   const std::uint64_t enough_;
   const int finished_;        ///< readable when no more lines are printed
   const int cancelled_;       ///< readable when wait() has returned
-  mutable std::mutex mutex_;  ///< guards the members below and standard output
+  mutable std::mutex mutex_;  ///< guards the members below and the output
   std::uint64_t printed_ = 0;
   std::exception_ptr failure_;
 };

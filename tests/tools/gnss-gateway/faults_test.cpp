@@ -91,7 +91,7 @@ TEST(Faults, each_changes_what_it_says_while_it_is_in_force) {
   static const auto offset = [stamp](const Record& record) {
     return stamp(record) - base_stamp - 400ms;
   };
-  constexpr double metre = 1 / 111'194.93;
+  constexpr double metre = 1 / 111'195.08;
   const Case cases[] = {
       {"silence=positions",
        [](auto&, auto& all) { return all.positions.empty() && !all.quality.empty(); }},

@@ -5,6 +5,7 @@
 #include <stdexcept>
 
 #include "tools/posctl/near_name.h"
+#include "tools/posctl/position_table.h"
 #include "tools/posctl/verdict.h"
 
 namespace {
@@ -87,6 +88,7 @@ Json healthy() {
   for (std::uint8_t byte = 0; byte < 11; ++byte)
     state.statuses.push_back({0, byte, static_cast<std::uint8_t>(byte == 0 ? 0 : 3), 5000});
   state.faults.push_back({0, 1, 0, false, 2, 60000});
+  state.faults.push_back({2, 1, 1, false, 1, 60000});
   status["outputs"] = Json::object();
   status["system"] = Json::object();
   posctl::add_diagnosis(status, state, status["services"]);
@@ -112,6 +114,7 @@ TEST(Verdict, is_the_worst_finding_and_names_the_cause) {
   EXPECT_EQ(first(status),
             "degraded: positions are 3600.0 s old when they arrive, or a clock is "
             "wrong: ours is not synchronised");
+  status["dataBus"]["implausible"][0]["present"] = true;
   status["ages"]["handlerToSent"]["last10S"]["count"] = 0;
   status["services"][0]["eventGroups"].push_back(
       {{"eventGroup", "0x0001"}, {"cause", "refused by 10.0.0.2"}});
@@ -121,6 +124,26 @@ TEST(Verdict, is_the_worst_finding_and_names_the_cause) {
       {{"present", true}, {"occurrences", 8}, {"cause", "the link is down"}});
   EXPECT_THAT(first(status), testing::MatchesRegex("failed: GNSS missing since .*, 8th time; last "
                                                    "cause: the link is down"));
+}
+
+TEST(Position_table, tells_the_rate_of_the_last_arrivals_and_the_begin_and_end_of_a_silence) {
+  using namespace std::chrono_literals;
+  posctl::Position_table table(false);
+  posctl::Position_table::Time now{1h};
+  const auto arrives_after = [&](std::chrono::milliseconds pause) {
+    return table.rows(Json::object(), std::nullopt, now += pause);
+  };
+  for (int i = 0; i < 40; ++i)
+    arrives_after(1s);
+  for (int i = 0; i < 40; ++i)
+    arrives_after(100ms);
+  EXPECT_THAT(arrives_after(100ms), testing::ElementsAre(testing::HasSubstr("  10.0       -  no")));
+  EXPECT_FALSE(table.silence(now + 1900ms));
+  EXPECT_TRUE(table.silence(now + 2100ms));
+  EXPECT_FALSE(table.silence(now + 4100ms)) << "has not doubled yet";
+  EXPECT_THAT(arrives_after(5s),
+              testing::ElementsAre(testing::HasSubstr("back after 5.0 s"), testing::_));
+  EXPECT_EQ(arrives_after(100ms).size(), 1U);
 }
 
 TEST(Near_name, is_guessed_for_a_slip_only) {

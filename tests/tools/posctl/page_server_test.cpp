@@ -144,7 +144,7 @@ TEST(Page_feed, keeps_least_and_greatest_of_what_it_joins_and_of_the_past) {
 TEST(Page_feed, remembers_events_and_states_within_a_bound_and_text_stays_text) {
   Page_feed feed(Json{{"version", "1"}});
   const std::string hostile = "</script><img src=x onerror=alert(1)> \"}\xff\n";
-  for (int i = 0; i < 100'000; ++i)
+  for (int i = 0; i < 5000; ++i)
     feed.event(Topic::offer, {{"number", i}, {"service", hostile}});
   feed.state(Topic::status, {{"verdict", "old"}});
   feed.state(Topic::status, {{"verdict", "new"}});
@@ -154,7 +154,7 @@ TEST(Page_feed, remembers_events_and_states_within_a_bound_and_text_stays_text) 
     bytes += text->size();
   EXPECT_LT(bytes, 80'000U);
   const Json history = Json::parse(*all.frames.at(1))["data"]["frames"];
-  EXPECT_EQ(history.back()["data"]["number"], 99'999);
+  EXPECT_EQ(history.back()["data"]["number"], 4999);
   EXPECT_THAT(history.back()["data"]["service"].get<std::string>(),
               AllOf(HasSubstr("<img src=x onerror=alert(1)> \"}"), HasSubstr("\uFFFD\n")));
   EXPECT_EQ(Json::parse(*all.frames.back())["data"]["verdict"], "new");

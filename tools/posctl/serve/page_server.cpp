@@ -29,7 +29,7 @@ using asio::ip::tcp;
 using boost::system::error_code;
 
 /// The kernel keeps no more than this for a client that does not read.
-constexpr int socket_buffer = 256 * 1024;
+constexpr int socket_buffer = 64 * 1024;
 
 bool accepts_gzip(const Http_message& message) {
   const auto found = message.find(http::field::accept_encoding);

@@ -15,11 +15,11 @@ namespace posctl::serve {
 
 struct Page_limits {
   Http_limits http{.connections = 64};
-  std::size_t clients = 16;                          ///< WebSockets; further ones are refused
-  std::size_t waiting_bytes = std::size_t{1} << 20;  ///< for one client, beside the history
-  std::size_t message_bytes = 4096;                  ///< of a client
-  unsigned messages_per_second = 20;                 ///< of a client; more end its connection
-  std::chrono::seconds idle{20};                     ///< without a sign of life of the browser
+  std::size_t clients = 16;                            ///< WebSockets; further ones are refused
+  std::size_t waiting_bytes = std::size_t{512} << 10;  ///< for one client, beside the history
+  std::size_t message_bytes = 4096;                    ///< of a client
+  unsigned messages_per_second = 20;                   ///< of a client; more end its connection
+  std::chrono::seconds idle{20};                       ///< without a sign of life of the browser
 };
 
 struct Page_options {

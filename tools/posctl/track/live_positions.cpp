@@ -1,0 +1,94 @@
+#include "tools/posctl/track/live_positions.h"
+
+#include <optional>
+#include <stdexcept>
+#include <utility>
+
+#include "clients/GNSS.h"
+#include "posService/Positioning.h"
+#include "tools/command.h"
+#include "tools/posctl/printer.h"
+
+namespace posctl::track {
+
+namespace {
+
+using lumo::services::gnss::proxy::GNSSProxy;
+using lumo::services::positioning::proxy::PositioningProxy;
+
+}  // namespace
+
+class Live_positions::Subscription {
+ public:
+  Subscription() = default;
+  virtual ~Subscription() = default;
+  Subscription(const Subscription&) = delete;
+  Subscription& operator=(const Subscription&) = delete;
+};
+
+template <class Proxy>
+class Live_positions::Subscription_to final : public Subscription {
+ public:
+  Subscription_to(Take take, std::atomic<bool>& found) : take_{std::move(take)} {
+    search_ = Proxy::StartFindService([this, &found](const auto& handles, auto) {
+      if (handles.empty()) {
+        proxy_.reset();
+        return;
+      }
+      if (proxy_) return;
+      found = true;
+      proxy_.emplace(handles.front());
+      proxy_->positions.SetReceiveHandler([this] {
+        proxy_->positions.GetNewSamples([this](const auto& records) {
+          for (const auto& record : *records)
+            take_(to_json(record));
+        });
+      });
+      proxy_->positions.Subscribe(64);
+    });
+  }
+  ~Subscription_to() override { Proxy::StopFindService(search_); }
+  Subscription_to(const Subscription_to&) = delete;
+  Subscription_to& operator=(const Subscription_to&) = delete;
+
+ private:
+  const Take take_;
+  std::optional<Proxy> proxy_;  ///< the search's handler alone uses it until the search has ended
+  ara::com::FindServiceHandle search_{};
+};
+
+Live_positions::Live_positions(const std::string& position, Take take)
+    : is_output_{position == output_position} {
+  if (is_output_) {
+    subscription_ = std::make_unique<Subscription_to<PositioningProxy>>(std::move(take), found_);
+    return;
+  }
+  subscription_ = std::make_unique<Subscription_to<GNSSProxy>>(
+      [position, take = std::move(take)](const Json& record) {
+        if (record.value("positionType", "") == position) take(record);
+      },
+      found_);
+}
+
+Live_positions::~Live_positions() = default;
+
+void Live_positions::stop() {
+  subscription_.reset();
+}
+
+void check_positions(const Live_positions& positions,
+                     double timeout,
+                     std::uint64_t came,
+                     std::uint64_t enough) {
+  if (!positions.found()) {
+    throw tools::No_answer(text_after(timeout) + "no " + positions.service() +
+                           " service was offered");
+  }
+  if (came == 0 || came < enough) {
+    const std::string number =
+        enough == 0 ? "no" : std::to_string(came) + " of " + std::to_string(enough);
+    throw std::runtime_error(text_after(timeout) + number + " positions came");
+  }
+}
+
+}  // namespace posctl::track

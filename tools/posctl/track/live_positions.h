@@ -1,0 +1,55 @@
+/// The positions of the application or of its source as they come.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "tools/posctl/record_json.h"
+
+namespace posctl::track {
+
+/// The choices of an option --position: the application's output, or a type of the source's.
+inline constexpr const char* output_position = "output";
+inline constexpr const char* gnss_position = "GNSS";
+inline constexpr const char* gnss_dr_position = "GNSS-DR";
+
+/// From construction on, over every loss and return of the service.
+class Live_positions {
+ public:
+  /// Called in order, one call at a time, on a thread of the runtime.
+  using Take = std::function<void(const Json& record)>;
+
+  Live_positions(const std::string& position, Take take);
+  ~Live_positions();
+  Live_positions(const Live_positions&) = delete;
+  Live_positions& operator=(const Live_positions&) = delete;
+
+  /// Waits for a call of `take` that runs; no other follows.
+  void stop();
+  /// Has the service been offered at any time?
+  [[nodiscard]] bool found() const { return found_; }
+  /// For messages: "Positioning" or "GNSS".
+  [[nodiscard]] const char* service() const { return is_output_ ? "Positioning" : "GNSS"; }
+
+ private:
+  class Subscription;
+  template <class Proxy>
+  class Subscription_to;
+
+  const bool is_output_;
+  std::atomic<bool> found_ = false;
+  std::unique_ptr<Subscription> subscription_;
+};
+
+/// After a wait that has timed out: throws tools::No_answer if `timeout` seconds have passed
+/// without the service, and std::runtime_error if they have passed without enough positions; 0 is
+/// any number from 1.
+void check_positions(const Live_positions& positions,
+                     double timeout,
+                     std::uint64_t came,
+                     std::uint64_t enough);
+
+}  // namespace posctl::track
