@@ -176,7 +176,7 @@ class Export(unittest.TestCase):
                 fields = fields_of(nmea.stdout.readline().rstrip())
                 if fields[0] == "GNRMC" and fields[2] == status:
                     return fields
-        self.assertRegex(",".join(next_epoch("A")), r"^GNRMC,\d{6}\.\d{3},A,46\d\d\.\d{7},N,007\d\d\.\d{7},E,[\d.]+,[\d.]+,\d{6},,,A$")
+        self.assertRegex(",".join(next_epoch("A")), r"^GNRMC,\d{6}\.\d{3},A,46\d\d\.\d{6},N,007\d\d\.\d{6},E,[\d.]+,[\d.]+,\d{6},,,A$")
         gga, vtg, gsa, gst = (fields_of(nmea.stdout.readline().rstrip()) for _ in range(4))
         self.assertEqual((gga[0], gga[6], vtg[0], gsa[:3], gst[0]), ("GNGGA", "1", "GNVTG", ["GNGSA", "A", "3"], "GNGST"))
         self.desk.stop(source)
