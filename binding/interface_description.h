@@ -32,8 +32,8 @@ struct Type_description {
   std::vector<Named_value> values{};  ///< of an enumeration
   unsigned least = 0;                 ///< elements of a list
   unsigned most = 65535;
-  bool tagged = false;            ///< a record whose members stand behind tags
-  std::vector<Member> members{};  ///< of a record; of a list one, its element
+  bool tagged = false;          ///< a record whose members stand behind tags
+  std::vector<Member> members;  ///< of a record; of a list one, its element
 };
 
 struct Type_description::Member {
@@ -126,7 +126,7 @@ template <class T>
 void describe_list(Type_description& type, const Serialization_settings& settings) {
   type.kind = Type_description::Kind::list;
   if constexpr (requires { typename T::mapped_type; }) {
-    Type_description entry{.kind = Type_description::Kind::record, .name = "entry"};
+    Type_description entry{.kind = Type_description::Kind::record, .name = "entry", .members = {}};
     entry.members = {{0, "key", "", describe_inside<typename T::key_type>(settings)},
                      {1, "value", "", describe_inside<typename T::mapped_type>(settings)}};
     type.members = {{0, "", "", std::move(entry)}};
@@ -140,7 +140,8 @@ void describe_list(Type_description& type, const Serialization_settings& setting
 template <class T>
 Type_description describe_with(const Serialization_settings& settings, std::uint64_t length_field) {
   Type_description type{.big_endian = settings.byte_order == Byte_order::big_endian,
-                        .length_bytes = static_cast<unsigned>(length_field)};
+                        .length_bytes = static_cast<unsigned>(length_field),
+                        .members = {}};
   if constexpr (Named_enumeration<T> || std::is_same_v<T, bool>) {
     describe_enumeration<T>(type);
   } else if constexpr (Scalar<T>) {

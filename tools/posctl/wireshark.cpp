@@ -306,7 +306,7 @@ class Types {
     for (unsigned gap = 0; gap < count; ++gap) {
       if (listed[gap]) continue;
       const auto title = "unknown" + std::to_string(gap);
-      row(gap, title, {Kind::base, base({.name = "uint8"})}, place + "." + title);
+      row(gap, title, {Kind::base, base({.name = "uint8", .members = {}})}, place + "." + title);
     }
     return {Kind::structure, id};
   }
