@@ -142,7 +142,9 @@ LOG = {
 }
 CHANGE = "Changing of state, ID = {} , prev status = Nominal , new status = Error"
 MONITORS = {"GNSS": "POS_Input_GNSS", "DR": "POS_Output_DeadReckoning"}
-ROUTINE = re.compile(r"Sending |REPLACING|is being sent as MM|sendEvent\(\)|###### position|has restarted| TRCE ")
+# Also what ends the fault before, and a subscription that crosses a withdrawn offer.
+ROUTINE = re.compile(r"Sending |REPLACING|is being sent as MM|sendEvent\(\)|###### position|has restarted| TRCE |"
+                     r"prev status = Error , new status = Nominal|refuses the subscription")
 NO_COORDINATES = "positions without coordinates"
 ROWS = [
     Row("off", "nothing", "GNSS, DR", "stands still", "d_1190 GNSS", "GNSS … is lost: it has withdrawn its offer"),
@@ -268,8 +270,20 @@ class Lane:
         return output
 
     def call(self, method):
-        """The result, and the time of the answer."""
-        return json.loads(self.posctl("call", method))["result"], time.time()
+        return json.loads(self.posctl("call", method))["result"]
+
+    def moments(self, method, changes):
+        """When each of the changes came about, the last of its name. Every answer was made between
+        two times; some of them together say it well."""
+        first, last = {}, {}
+        for _ in range(4):
+            before = time.time()
+            ages = sorted(changes(self.call(method)), key=lambda one: -one[1])
+            after = time.time()
+            for name, age in dict(ages).items():
+                first[name] = max(first.get(name, 0), before - age / 1000)
+                last[name] = min(last.get(name, after), after - age / 1000)
+        return {name: (first[name] + last[name]) / 2 for name in first}
 
     def identifiers(self):
         return {one["did"]: one["values"] for one in map(json.loads, self.posctl("read", "all", "--json").splitlines())}
@@ -281,24 +295,24 @@ class Lane:
             latitude is not None and RECORDS["follows"](latitude, self.positions()[-1])
 
     def counters(self):
-        return self.call("Statistics.Stamps")[0]
+        return self.call("Statistics.Stamps")
 
     def log(self):
         return self.application.log.read_text(errors="replace")
 
     def times(self, began):
         """Seconds from the beginning of the fault until an identifier changed."""
-        state, now = self.call("Statistics.Diagnosis")
-        changes = [(f"d_119{one['fault']}", one["sinceMs"]) for one in state["faults"]]
-        changes += [(f"d_14a{one['group']}", one["sinceMs"]) for one in state["statuses"] if one["group"] < 2]
-        after = [(identifier, now - since / 1000 - began) for identifier, since in changes]
-        return {identifier: seconds for identifier, seconds in after if seconds > -0.3}
+        def changes(state):
+            return [(f"d_119{one['fault']}", one["sinceMs"]) for one in state["faults"]] + \
+                [(f"d_14a{one['group']}", one["sinceMs"]) for one in state["statuses"] if one["group"] < 2]
+
+        after = {name: moment - began for name, moment in self.moments("Statistics.Diagnosis", changes).items()}
+        return {name: seconds for name, seconds in after.items() if seconds > -0.3}
 
     def play(self, test, row):
         counters, log, reports = self.counters(), len(self.log()), len(self.monitors.lines)
         self.posctl("fault", row.fault)
-        (fault,), now = self.call("FaultControl.Faults")
-        began = now - fault["sinceMs"] / 1000
+        began = self.moments("FaultControl.Faults", lambda all: [("fault", one["sinceMs"]) for one in all])["fault"]
         until(lambda: time.time() > began + IN_FORCE, "the time that the fault is in force")
         positions, latest = self.positions(began + 0.5), self.positions()[-1]
         values, times, grown = self.identifiers(), self.times(began), self.counters()
