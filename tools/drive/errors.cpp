@@ -53,7 +53,8 @@ void turn(Sample& sample, double degrees) {
   sample.heading = std::fmod(sample.heading + degrees + 360, 360);
 }
 
-// One sigma, metres for a dilution of 1 where it says so.
+// Standard deviations, in metres unless a unit follows. The dilution of precision scales the slow,
+// the fast and the fused one.
 constexpr double slow_error = 0.9;
 constexpr double fast_error = 0.12;
 constexpr double street_error = 3.5;

@@ -68,7 +68,7 @@ const auto& table() {
                   "the service is offered, and a field, or all, is not notified"),
       with_number("loss", make_loss, {"%", 0, 100, "50"}, "this share of the instants is lost"),
       // What the positions are.
-      plain("no-fix", make_no_fix, "the receiver has lost its fix and says so"),
+      plain("no-fix", make_no_fix, "the receiver reports the loss of its fix"),
       plain("stuck", make_stuck, "the values stand still; counter and time stamps go on"),
       plain("stuck-with-counter", make_stuck_with_counter,
             "the same notification again and again, with its counter and time stamps"),

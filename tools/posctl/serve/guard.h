@@ -20,9 +20,9 @@ namespace posctl::serve {
 
 /// The status that refuses the request; nothing if it may pass. `token` is empty if none is needed.
 ///
-/// The Host has to be the address that the client has reached, or localhost for a loopback address:
-/// a page elsewhere whose name somebody has made to point here has another Host. The Origin, which
-/// browsers send, has to be the page itself.
+/// The Host has to be the address that the client has reached, or localhost for a loopback address.
+/// That refuses DNS rebinding: an attacker's name that points to this address is another Host. The
+/// Origin that browsers send has to be the page itself.
 [[nodiscard]] std::optional<boost::beast::http::status> refusal_of(const Http_request& request,
                                                                    std::string_view token);
 

@@ -96,7 +96,7 @@ class Page_feed {
 
   // The server calls these.
 
-  /// Whether somebody listens: sources may do less meanwhile.
+  /// Whether a browser is connected. Without one, sources may do less.
   [[nodiscard]] bool has_clients() const { return clients_ != 0; }
   void set_clients(std::size_t count) { clients_ = count; }
   /// An empty one ends it: the previous one no longer runs afterwards.
