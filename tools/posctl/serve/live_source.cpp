@@ -207,7 +207,7 @@ class Live_source::Implementation {
       if (has_log_ && log_period_.is_due(now)) look_at_log();
       if (!present_) tell_application(true, "");
     } catch (const std::exception& error) {
-      // It has ended, or it stands still: either is told once.
+      // The application has ended or does not answer: lose() reports both, once.
       lose(error.what());
     }
   }
