@@ -145,9 +145,10 @@ Script_line::Script_line(std::string_view text) {
   if (!json.is_object()) throw std::invalid_argument("expected a JSON object");
   for (const auto& [name, value] : json.items()) {
     if (name != "t" && name != "received" && name != "field" && name != "records" &&
-        name != "schema" && name != "initial") {
-      throw std::invalid_argument("no member \"" + name.substr(0, 40) +
-                                  "\" (known are t, received, field, records, schema, initial)");
+        name != "schema" && name != "initial" && name != "ageS") {
+      throw std::invalid_argument(
+          "no member \"" + name.substr(0, 40) +
+          "\" (known are t, received, field, records, schema, initial, ageS)");
     }
   }
   recorded_ = json.contains("received");

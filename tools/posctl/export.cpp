@@ -130,7 +130,7 @@ void export_lines(const Export_options& options, Export& track, tools::Stop_sign
     const Json notification = Json::parse(*line, nullptr, false);
     const bool has_records = notification.is_object() && notification.contains("records") &&
                              notification["records"].is_array();
-    if (!has_records || notification.value("field", "positions") != "positions") {
+    if (!has_records || notification.value("field", Json("positions")) != "positions") {
       track.skip_line();
       continue;
     }

@@ -65,7 +65,7 @@ Live_positions::Live_positions(const std::string& position, Take take)
   }
   subscription_ = std::make_unique<Subscription_to<GNSSProxy>>(
       [position, take = std::move(take)](const Json& record) {
-        if (record.value("positionType", "") == position) take(record);
+        if (record.value("positionType", Json()) == position) take(record);
       },
       found_);
 }
