@@ -20,7 +20,7 @@ namespace someip {
 /// close(). Any thread, unless said otherwise.
 class Service_ports {
  public:
-  /// A client's TCP connection has ended. Called on a worker.
+  /// A client's TCP connection has ended. Called on the control thread.
   using Connection_lost = std::function<void(const Endpoint& client)>;
 
   Service_ports(const Node_context& context, Connection_lost connection_lost);

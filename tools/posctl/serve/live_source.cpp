@@ -194,6 +194,8 @@ class Live_source::Implementation {
     if (listener_) {
       listener_->read([this](const auto& key, const auto& offer) { offers_.take(key, offer); });
       offers_.expire(someip::Time::clock::now());
+      // Once for all changes: a peer decides how many one datagram brings.
+      if (std::exchange(offers_changed_, false)) feed_.keep(Topic::offers, offers_.json());
     }
     // Without an application nothing else comes, and a page could not tell that the server is
     // alive.
@@ -279,12 +281,12 @@ class Live_source::Implementation {
   void look_at_statistics() {
     Json whole = read_statistics(*statistics_.proxy(), deadline_in(answer_time));
     const double now = seconds_since_1970() * 1000;
-    const double started = now - whole["process"]["uptimeMs"].get<double>();
-    // The uptime is exact to a few milliseconds.
-    if (std::abs(started - started_) > 500) {
-      if (present_) lose("the application has been started again");
-      started_ = started;
-    }
+    const double uptime = whole["process"]["uptimeMs"].get<double>();
+    // Uptimes, because a step of the system clock is no restart.
+    const bool again =
+        figures_.contains("process") && uptime < figures_["process"]["uptimeMs"].get<double>();
+    if (again && present_) lose("the application has been started again");
+    started_ = now - uptime;
     Json shown = whole;
     shown["counters"] = changed(whole["counters"], figures_.value("counters", Json::object()));
     feed_.state(Topic::statistics, shown, &whole);
@@ -414,7 +416,7 @@ class Live_source::Implementation {
   }
 
   void tell_offer(const char* event, const Offer_table::Key& key, const Seen_offer& offer) {
-    feed_.keep(Topic::offers, offers_.json());
+    offers_changed_ = true;
     Json json = offers_.json_of(key, offer);
     json["event"] = event;
     json["schema"] = 1;
@@ -466,6 +468,7 @@ class Live_source::Implementation {
   std::optional<binding::Diagnosis_state> last_state_;
   std::uint64_t next_line_ = 0;
   bool has_log_ = true;
+  bool offers_changed_ = false;  ///< since the feed has kept them
   std::jthread thread_;
 };
 

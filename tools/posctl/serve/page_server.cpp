@@ -179,7 +179,10 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
   }
   void send(std::uint64_t number, const Page_feed::Text& text) {
     if (!open_ || number <= contained_) return;
-    if (lost_ != 0 || waiting_bytes_ + text->size() > server_.limits_.waiting_bytes) {
+    // A frame above the bound leaves alone: only a write ends the loss.
+    const bool fits =
+        waiting_.empty() || waiting_bytes_ + text->size() <= server_.limits_.waiting_bytes;
+    if (lost_ != 0 || !fits) {
       ++lost_;
       return;
     }
@@ -247,9 +250,14 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
       const Json answer = self->server_.act(text);
       asio::post(self->server_.server_.executor(), [self, answer] {
         if (self->ended_) return;
-        self->push({std::make_shared<const std::string>(
-                        frame(Topic::answer, seconds_since_1970() * 1000, answer)),
-                    0});
+        auto line = std::make_shared<const std::string>(
+            frame(Topic::answer, seconds_since_1970() * 1000, answer));
+        // Frames stop at the bound; a browser that asks and does not read its answers is ended.
+        const std::size_t size = line->size();
+        if (self->waiting_bytes_ + size > 2 * self->server_.limits_.waiting_bytes)
+          return self->end();
+        self->waiting_bytes_ += size;
+        self->push({std::move(line), size});
         self->read();
       });
     });

@@ -98,7 +98,8 @@ int serve_page(const Serve_options& options) {
   Page_options page;
   page.token = options.token;
   if (!options.marks.empty())
-    page.marks = std::make_shared<const std::string>(json_of(read_marks(options.marks)).dump());
+    page.marks = std::make_shared<const std::string>(
+        json_of(read_marks(options.marks)).dump(-1, ' ', false, Json::error_handler_t::replace));
   tools::Stop_signal stop_signal;
   const Way_to_all way(options.way);
   Page_feed feed(hello_of(options, way.text()));
