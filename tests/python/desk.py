@@ -17,7 +17,6 @@ import time
 BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
 SANITIZERS = re.search(r"^POS_SANITIZE:\w+=(.*)", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)[1]
 SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
-RECORDINGS = SOURCE.parent / "shared" / "nmea"
 APPLICATION = BUILD / "app/POS__ORVEL1_Sys_Adaptive_01_Exe"
 GATEWAY = BUILD / "tools/gnss-gateway/gnss-gateway"
 POSCTL = BUILD / "tools/posctl/posctl"

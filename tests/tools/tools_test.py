@@ -6,7 +6,6 @@ import json
 import os
 import pathlib
 import re
-import resource
 import signal
 import socket
 import struct
@@ -15,7 +14,7 @@ import termios
 import time
 import unittest
 
-from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, SANITIZERS, Desk, fill, until
+from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk, fill, until
 
 LATITUDE = 46.948  # around which the gateway drives
 NO_BUS = "posctl: component state: the bus gave no answer in time\n"
@@ -179,15 +178,6 @@ class Tools(unittest.TestCase):
             self.assertEqual(code, 0)
             self.assertGreater(json.loads(output)["notifications"], 0)
 
-    def test_a_live_receiver_is_sent_when_it_pauses(self):
-        gateway = self.desk.start(GATEWAY, "--nmea", "-", "--json", "--count", 1, stdin=subprocess.PIPE)
-        gateway.stdin.write(SENTENCE + "$GPG")
-        gateway.stdin.flush()
-        # The stream stays open: only the silence can have ended the instant.
-        self.assertEqual(gateway.wait(30), 0)
-        told = json.loads(gateway.stdout.read())
-        self.assertEqual((told["notifications"], told["fixes"]), (1, 1))
-
     def test_a_pipe_may_be_opened_before_its_writer_and_left_without_one(self):
         pipe = self.desk.path / "receiver"
         os.mkfifo(pipe)
@@ -201,30 +191,6 @@ class Tools(unittest.TestCase):
             receiver.write(SENTENCE)
         self.assertEqual(gateway.wait(30), 0)
         self.assertEqual(json.loads(gateway.stdout.read())["fixes"], 1)
-
-    def test_a_machine_without_descriptors_or_threads_is_told_what_they_were_for(self):
-        if SANITIZERS:
-            self.skipTest("the sanitizers need descriptors and threads themselves")
-
-        def fails(limit, number, **options):
-            process = self.desk.start(GATEWAY, "--count", 1, "--rate", 100,
-                                      preexec_fn=lambda: resource.setrlimit(limit, (number, number)), **options)
-            code = process.wait(30)
-            return code != 0 and (code, process.log.read_text())
-
-        number = 4  # the dynamic linker needs one more than the three standard ones
-        while told := fails(resource.RLIMIT_NOFILE, number):
-            self.assertEqual(told[0], 1, told)
-            self.assertRegex(told[1], r"(?m)^gnss-gateway: .*cannot \w+ .+: Too many open files", number)
-            number += 1
-        self.assertGreater(number, 10)
-
-        if os.geteuid() != 0:
-            self.skipTest("a user without other threads is needed")
-        self.desk.path.chmod(0o755)
-        for number, name in enumerate(("someip-control", "someip-0", "someip-1"), 1):
-            self.assertEqual(fails(resource.RLIMIT_NPROC, number, user=54321),
-                             (1, f"gnss-gateway: cannot start a thread for {name}: Resource temporarily unavailable\n"))
 
     # With the application
 

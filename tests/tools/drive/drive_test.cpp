@@ -3,15 +3,12 @@
 #include <gmock/gmock.h>
 
 #include <cmath>
-#include <cstdio>
 #include <fstream>
 #include <numbers>
 #include <set>
 #include <string>
-#include <utility>
 #include <vector>
 
-#include "tools/drive/errors.h"
 #include "tools/drive/route.h"
 
 namespace drive {
@@ -139,65 +136,6 @@ TEST_F(Route_file, a_file_without_a_way_is_refused_with_its_name) {
   EXPECT_THAT(refused([] { (void)read_gpx("/no/such/file"); }), testing::HasSubstr("No such file"));
   EXPECT_THAT(refused([&] { (void)Course(read(point(48, 11) + point(48, 11)), 10); }),
               testing::HasSubstr("two points"));
-}
-
-TEST(Drive, a_seed_gives_the_errors_of_sensors_and_the_same_again) {
-  const Course course;
-  const auto distance = [](const Sample& one, const Sample& other) {
-    return std::hypot(metres_north(one, other), metres_east(one, other));
-  };
-  double open = 0;
-  double street = 0;
-  double reckoned = 0;
-  double drift = 0;
-  int opens = 0;
-  int streets = 0;
-  for (std::uint64_t seed = 0; seed < 20; ++seed) {
-    const Errors errors(seed);
-    for (auto time = 0s; time < course.lap_time(); ++time) {
-      const auto truth = course.sample(time);
-      const auto sky = course.sky(time, 24);
-      const auto gnss = errors.gnss(truth, sky, time);
-      const auto dr = errors.reckoned(truth, sky, time);
-      ASSERT_EQ(distance(gnss, Errors(seed).gnss(truth, sky, time)), 0);
-      ASSERT_LT(std::abs(turn(truth.heading, dr.heading)), 5);
-      if (truth.fix == Fix_type::none) {
-        drift = std::max(drift, distance(truth, dr));
-      } else if (truth.surroundings == Surroundings::street) {
-        street += distance(truth, gnss);
-        ++streets;
-      } else {
-        open += distance(truth, gnss);
-        reckoned += distance(truth, dr);
-        ++opens;
-      }
-    }
-  }
-  EXPECT_NEAR(open / opens, 2, 1.2);
-  EXPECT_GT(street / streets, 1.5 * open / opens);
-  EXPECT_LT(reckoned / opens, open / opens);
-  EXPECT_NEAR(drift, 12, 8) << "behind 900 m of tunnel";
-}
-
-TEST(Drive, satellites_move_slowly_and_give_the_dilution_of_their_geometry) {
-  const Course course;
-  for (const std::size_t count : {0U, 4U, 24U, 61U}) {
-    const Sky sky = course.sky(100s, count);
-    const Sky later = course.sky(101s, count);
-    ASSERT_EQ(sky.satellites.size(), std::min<std::size_t>(count, 60));
-    std::set<std::pair<Gnss_system, int>> names;
-    for (std::size_t index = 0; index < sky.satellites.size(); ++index) {
-      const auto& satellite = sky.satellites[index];
-      names.emplace(satellite.system, satellite.id);
-      EXPECT_NEAR(satellite.elevation, 45, 45);
-      EXPECT_NEAR(satellite.elevation, later.satellites[index].elevation, 0.05);
-    }
-    EXPECT_EQ(names.size(), sky.satellites.size());
-    if (count < 24) continue;
-    EXPECT_NEAR(sky.hdop, 2.15, 1.85);
-    EXPECT_NEAR(sky.pdop, std::hypot(sky.hdop, sky.vdop), 1e-9);
-    EXPECT_GT(sky.gdop, sky.pdop);
-  }
 }
 
 }  // namespace

@@ -126,21 +126,6 @@ TEST(Records, accuracies_corrections_and_attitude_have_their_members) {
   EXPECT_TRUE(to_notification(fix, context).positions.empty());
 }
 
-TEST(Records, the_fix_type_follows_quality_and_dimension) {
-  const auto status = [](auto member, auto value) {
-    auto fix = told_fix();
-    fix.*member = value;
-    return to_notification(fix, context).quality.at(1).statusFixType;
-  };
-  EXPECT_EQ(status(&nmea::Fix::dimension, nmea::Fix_dimension::two), Fix_type::two_dimensional);
-  EXPECT_EQ(status(&nmea::Fix::altitude_msl, std::nullopt), Fix_type::two_dimensional);
-  using enum nmea::Fix_quality;
-  EXPECT_EQ(status(&nmea::Fix::quality, differential), Fix_type::differential);
-  EXPECT_EQ(status(&nmea::Fix::quality, rtk_float), Fix_type::rtk_float);
-  EXPECT_EQ(status(&nmea::Fix::quality, rtk_fixed), Fix_type::rtk_fixed);
-  EXPECT_EQ(status(&nmea::Fix::quality, estimated), Fix_type::dead_reckoning);
-}
-
 TEST(Records, satellites_are_listed_and_counted_by_system) {
   auto fix = told_fix();
   fix.satellites = {{nmea::Gnss_system::gps, 4, 40, 83, 46, true},

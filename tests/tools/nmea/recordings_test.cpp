@@ -1,5 +1,4 @@
-/// Recordings of real receivers: that all of them is understood. That what comes out gives back the
-/// digits that went in is replay_test.py's to see.
+/// Every sentence of the recordings of real receivers is understood.
 #include <gtest/gtest.h>
 
 #include <filesystem>
