@@ -283,7 +283,7 @@ def print_text(status, summary):
 
 def main():
     parser = argparse.ArgumentParser(prog="scripts/run", description=__doc__.splitlines()[0])
-    parser.add_argument("--seconds", type=float, help="end after so many seconds of positions")
+    parser.add_argument("--seconds", type=float, help="end N seconds after the first position")
     parser.add_argument("--json", action="store_true", help="print notifications and summary as JSON lines")
     parser.add_argument("--no-page", action="store_true", help="do not serve the page")
     parser.add_argument("--open", action="store_true", help="show the page in the browser of this desktop")

@@ -34,7 +34,7 @@ struct Message {
 /// Effect of a fault on the service itself.
 struct Service_fault {
   bool off = false;                      ///< the service is not offered
-  std::optional<double> second_north_m;  ///< a second provider is so far north of the first one
+  std::optional<double> second_north_m;  ///< metres from the first provider to a second one
 };
 
 class Fault {

@@ -72,8 +72,9 @@ const auto& table() {
       plain("stuck", make_stuck, "the values stand still; counter and time stamps go on"),
       plain("stuck-with-counter", make_stuck_with_counter,
             "the same notification again and again, with its counter and time stamps"),
-      with_number("accuracy", make_accuracy, {"m", 0.1, 1e5, "200"},
-                  "the positions scatter by this distance (one sigma), and the accuracies say so"),
+      with_number(
+          "accuracy", make_accuracy, {"m", 0.1, 1e5, "200"},
+          "the positions scatter by this distance (one sigma), and the accuracies have this value"),
       with_number("drift", make_drift, {"m/s", -1000, 1000, "5"},
                   "the positions move away to the north"),
       with_number("jump", make_jump, {"m", -1e7, 1e7, "1000"},

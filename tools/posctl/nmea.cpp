@@ -17,6 +17,7 @@
 
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/http_server.h"
 #include "tools/posctl/printer.h"
 #include "tools/posctl/time_base.h"
 #include "tools/posctl/track/live_positions.h"
@@ -82,10 +83,7 @@ class Tcp_output final : public Output {
   explicit Tcp_output(const asio::ip::tcp::endpoint& endpoint) : server_{endpoint} {}
 
   void send(const std::string& text, int) override { server_.send(text); }
-  std::string greeting() const override {
-    return "tcp://" + server_.endpoint().address().to_string() + ":" +
-           std::to_string(server_.endpoint().port()) + "\n";
-  }
+  std::string greeting() const override { return "tcp://" + text_of(server_.endpoint()) + "\n"; }
   std::string summary() const override {
     const auto counts = server_.counts();
     std::string text = std::to_string(counts.clients) + " clients";

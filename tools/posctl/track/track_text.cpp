@@ -129,9 +129,11 @@ std::string Track_text::kml(const Point& point, bool new_piece) const {
     if (point.utc) text += "<TimeSpan><begin>" + utc_text(*point.utc) + "</begin></TimeSpan>";
     text += "<LineString><tessellate>1</tessellate><coordinates>\n";
   }
-  text += plain(point.longitude) + "," + plain(point.latitude);
-  if (point.altitude_msl) text += "," + plain(*point.altitude_msl);
-  return text + "\n";
+  std::string place = plain(point.longitude) + "," + plain(point.latitude);
+  if (point.altitude_msl) place += "," + plain(*point.altitude_msl);
+  place += "\n";
+  // A line has two points at least, so the first one of a piece stands twice.
+  return text + (new_piece ? place + place : place);
 }
 
 std::string Track_text::geojson(const Point& point, const Json& record) const {
