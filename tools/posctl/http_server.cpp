@@ -12,6 +12,7 @@
 #include <system_error>
 #include <thread>
 
+#include "platform/someip/net/byte_stream.h"
 #include "tools/command.h"
 
 namespace posctl {
@@ -61,6 +62,7 @@ class Http_server::Implementation {
         handler_(std::move(handler)),
         acceptor_(context_, endpoint),
         retry_(context_) {
+    someip::close_in_children(acceptor_.native_handle());
     gate_->context = &context_;
     accept();
     thread_ = std::jthread([this] { context_.run(); });
@@ -211,6 +213,7 @@ void Http_server::Implementation::accept() {
       retry_.async_wait([this](error_code) { accept(); });
       return;
     }
+    someip::close_in_children(socket.native_handle());
     if (connections_.size() >= limits_.connections) make_room();
     if (connections_.size() < limits_.connections) {
       connections_.push_back(std::make_shared<Connection>(*this, std::move(socket)));

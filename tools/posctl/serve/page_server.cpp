@@ -1,6 +1,7 @@
 #include "tools/posctl/serve/page_server.h"
 
 #include <algorithm>
+#include <atomic>
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <boost/beast/core.hpp>
@@ -111,6 +112,7 @@ class Page_server::Implementation {
     });
   }
   ~Implementation() {
+    ending_ = true;
     feed_.listen({});
     server_.stop();
     actions_.join();
@@ -143,6 +145,7 @@ class Page_server::Implementation {
   const std::map<std::string_view, Page_file> files_ = files_by_name();
   const std::shared_ptr<const std::string> page_;  ///< with the token, if there is one
   std::set<std::shared_ptr<Client>> clients_;
+  std::atomic<bool> ending_{false};  ///< actions that wait are dropped
   asio::thread_pool actions_{1};
   Http_server server_;
 };
@@ -357,6 +360,7 @@ Json Page_server::Implementation::act(std::string_view text) const {
     answer["id"] = action.id;
     if (options_.actor == nullptr)
       throw std::runtime_error("this page only looks: posctl serve --control lets it act");
+    if (ending_) throw std::runtime_error("the server ends");
     answer["text"] = options_.actor->act(action);
     answer["ok"] = true;
   } catch (const std::exception& error) {

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <chrono>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
@@ -76,11 +77,22 @@ std::string address_of(const boost::asio::ip::tcp::endpoint& endpoint, const std
 /// Leaves a browser that does not come to its user.
 void open_in_browser(std::string address) {
   const auto is_set = [](const char* name) { return std::getenv(name) != nullptr; };
+  // Not with the blocked and ignored signals of this program.
+  sigset_t none{}, broken_pipe{};
+  sigemptyset(&none);
+  sigemptyset(&broken_pipe);
+  sigaddset(&broken_pipe, SIGPIPE);
+  posix_spawnattr_t attributes;
+  posix_spawnattr_init(&attributes);
+  posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
+  posix_spawnattr_setsigmask(&attributes, &none);
+  posix_spawnattr_setsigdefault(&attributes, &broken_pipe);
   pid_t child = -1;
   std::string program = "xdg-open";
   const std::array<char*, 3> arguments{program.data(), address.data(), nullptr};
   if ((!is_set("DISPLAY") && !is_set("WAYLAND_DISPLAY")) ||
-      ::posix_spawnp(&child, program.c_str(), nullptr, nullptr, arguments.data(), environ) != 0) {
+      ::posix_spawnp(&child, program.c_str(), nullptr, &attributes, arguments.data(), environ) !=
+          0) {
     std::fputs("posctl: there is no desktop to open the page on\n", stderr);
     return;
   }
