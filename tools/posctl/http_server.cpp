@@ -1,5 +1,7 @@
 #include "tools/posctl/http_server.h"
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/post.hpp>
@@ -12,11 +14,15 @@
 #include <system_error>
 #include <thread>
 
-#include "platform/someip/net/byte_stream.h"
 #include "tools/command.h"
 
 namespace posctl {
 namespace {
+
+/// A browser that posctl starts would otherwise keep the port. Asio's sockets are inherited.
+void close_in_children(int descriptor) {
+  static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
+}
 
 namespace asio = boost::asio;
 namespace beast = boost::beast;
@@ -62,7 +68,7 @@ class Http_server::Implementation {
         handler_(std::move(handler)),
         acceptor_(context_, endpoint),
         retry_(context_) {
-    someip::close_in_children(acceptor_.native_handle());
+    close_in_children(acceptor_.native_handle());
     gate_->context = &context_;
     accept();
     thread_ = std::jthread([this] { context_.run(); });
@@ -213,7 +219,7 @@ void Http_server::Implementation::accept() {
       retry_.async_wait([this](error_code) { accept(); });
       return;
     }
-    someip::close_in_children(socket.native_handle());
+    close_in_children(socket.native_handle());
     if (connections_.size() >= limits_.connections) make_room();
     if (connections_.size() < limits_.connections) {
       connections_.push_back(std::make_shared<Connection>(*this, std::move(socket)));
