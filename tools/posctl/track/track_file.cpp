@@ -34,7 +34,9 @@ void Track_file::add(const Point& point, const Json& record, int cancel) {
   const std::string piece = text_.next(point, record);
   if (descriptor_ < 0) return tools::write_output(piece, cancel);
   if (std::exchange(holds_another_, false)) {
-    static_cast<void>(::ftruncate(descriptor_, 0));
+    if (::ftruncate(descriptor_, 0) != 0) {
+      throw std::system_error(errno, std::generic_category(), "cannot empty \"" + path_ + "\"");
+    }
     write(text_.begin() + piece, "");
   } else {
     write(piece, old_end);
@@ -49,9 +51,12 @@ void Track_file::write(const std::string& piece, const std::string& old_end) try
   write_at(end_, piece + text_.end());
   end_ += static_cast<off_t>(piece.size());
 } catch (const std::system_error&) {
-  // The old end has its place on the medium already, also if that is full.
-  static_cast<void>(::pwrite(descriptor_, old_end.data(), old_end.size(), end_));
-  static_cast<void>(::ftruncate(descriptor_, end_ + static_cast<off_t>(old_end.size())));
+  // The old end has its place on the medium already, also if that is full. The failure that the
+  // caller sees is the first one.
+  const auto size = end_ + static_cast<off_t>(old_end.size());
+  [[maybe_unused]] const bool restored =
+      ::pwrite(descriptor_, old_end.data(), old_end.size(), end_) >= 0 &&
+      ::ftruncate(descriptor_, size) == 0;
   throw;
 }
 
