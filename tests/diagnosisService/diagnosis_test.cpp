@@ -229,6 +229,7 @@ TEST_F(Diagnosis, an_output_follows_its_system_function_before_its_own_data) {
     service->evaluate(start + 1h);
     service->evaluate(start + 3h);
     EXPECT_EQ(outputs()[output], Status::error);
+    EXPECT_EQ(service->state(start + 4h).statuses[11 + output].sinceMs, hour_ms);
   }
   EXPECT_EQ(outputs()[2], Status::nominal) << "nothing evaluates the static output";
 }
@@ -330,10 +331,12 @@ TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
   position.longitude = 1000.0;  // more than 40 bits hold
   position.altitude = -1e9F;
   position.position_source = 16;
+  position.seconds = 86'400;
+  position.nanoseconds = 1'500'000'000;  // more than a second has
   service->refresh_map_matched_position(position);
   EXPECT_EQ(read("PositioningMMPos"),
-            (Bytes{0, 0, 0, 5,    0, 0, 0, 0, 0, 0, 0, 0, 5, 0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0,
-                   0, 0, 3, 0x80, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0,    0,    0,    2,    0xF6, 0xFF}));
+            (Bytes{0, 0, 0, 5,    0, 0, 0, 0, 0, 0, 0, 0, 5,  0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0,
+                   0, 0, 3, 0x80, 0, 0, 0, 0, 0, 3, 0, 0, 99, 0,    0,    0,    2,    0xFE, 0xFF}));
 }
 
 TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_the_end) {
@@ -361,6 +364,13 @@ TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_th
       << "does not start anew";
   for (const auto* other : {"ErrorValueReceived", "Implausible"})
     EXPECT_EQ(read(std::string{"BDPSomeipDataBusService"} + other), (Bytes{0, 0, 0, 0}));
+
+  const auto begun = Clock::now();
+  service->set_data_bus_fault(not_available, Data_bus_element::gnss, true);
+  ASSERT_TRUE(test::eventually([&] { return Clock::now() > begun + 2ms; }));
+  const auto end = Clock::now();
+  service->set_data_bus_fault(not_available, Data_bus_element::gnss, false);
+  EXPECT_EQ(service->state(end).faults[0].sinceMs, 0U) << "since its end";
 }
 
 TEST_F(Diagnosis, a_required_service_that_is_not_found_within_the_time_out_is_not_available) {
@@ -412,6 +422,18 @@ TEST_F(Diagnosis, evaluation_runs_by_itself_until_the_stop_which_does_not_wait_f
   service->init(diagnosisServiceImpl::longest_timeout_ms);  // evaluated every 144 min
   auto stopped = std::async(std::launch::async, [&] { service->stop(); });
   EXPECT_EQ(stopped.wait_for(30s), std::future_status::ready);
+}
+
+TEST(Evaluation_timer, makes_up_for_no_evaluation_after_a_pause) {
+  test::Seen<Clock::time_point> calls;
+  Evaluation_timer timer{[&] {
+    calls.add(Clock::now());
+    if (calls.all().size() == 1) std::this_thread::sleep_for(200ms);
+  }};
+  timer.start(2ms);
+  ASSERT_TRUE(calls.wait_count(50));
+  timer.stop();
+  EXPECT_GT(calls.all()[49] - calls.all()[1], 50ms);
 }
 
 TEST_F(Diagnosis, a_stop_in_the_middle_of_the_start_leaves_nothing_offered) {
