@@ -100,6 +100,7 @@ class Local_socket : public testing::Test {
 TEST_F(Local_socket, calls_fields_events_and_long_messages_take_it_on_either_transport) {
   auto& service = deployment.services.front();
   service.allowed_peers = {boost::asio::ip::make_address("127.46.0.77")};
+  deployment.limits.message_bytes = someip::header_size + text_of_value.size();
   for (const auto transport : {someip::Transport::udp, someip::Transport::tcp}) {
     service.methods[0].transport = service.events[0].transport = transport;
     service.instances[0].tcp_port = 31001;
@@ -137,7 +138,7 @@ TEST_F(Local_socket, a_client_is_there_again_when_the_provider_is) {
   auto consumer = finder.connect();
   values.start(*consumer, "value");
   for (const std::size_t round : {1U, 2U}) {
-    ASSERT_TRUE(values.received.wait_count(round));
+    ASSERT_TRUE(values.states.wait_count(2 * round - 1) && values.received.wait_count(round));
     EXPECT_EQ(runtime->peers().services.at(0).ttlLeftMs, mw::com::runtime::never);
     stop_server();
     ASSERT_TRUE(values.states.wait_count(2 * round));

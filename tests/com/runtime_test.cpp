@@ -1,8 +1,12 @@
 #include <fcntl.h>
 #include <gmock/gmock.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
+#include <boost/asio/ip/tcp.hpp>
 #include <filesystem>
 #include <functional>
 #include <future>
@@ -58,6 +62,12 @@ struct Network {
     });
   }
 
+  /// The client has received this number of discovery messages more.
+  [[nodiscard]] bool heard_offers(std::uint64_t count) const {
+    const auto heard = [&] { return test::counter(*client, "discoveryReceived"); };
+    return test::eventually([&, end = heard() + count] { return heard() >= end; });
+  }
+
   std::promise<void> release;  ///< lets go what the test holds
   std::shared_future<void> released = release.get_future().share();
   std::unique_ptr<tq::com::Runtime> server;
@@ -100,6 +110,71 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
   other.reset();
   network.provider->update_field(value, bytes("next"));
   EXPECT_TRUE(first.received.wait_for("next"));
+}
+
+TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to_another) {
+  for (const auto transport : {someip::Transport::tcp, someip::Transport::udp}) {
+    Subscription ticks;
+    Subscription values;
+    auto deployed = deployment(net);
+    auto& service = deployed.services.front();
+    auto& instance = service.instances.front();
+    auto& field = service.fields.front();
+    service.events.front().transport = field.transport = transport;
+    instance.tcp_port = 31001;
+    if (transport == someip::Transport::udp) {
+      field.event_group = 1;
+      instance.multicast = {{1, boost::asio::ip::make_address("239.255.41.2"), 31002, 1}};
+    }
+    Network network(deployed);
+    network.connect();
+    ticks.start(*network.consumer, "tick");
+    values.start(*network.consumer, "value");
+    network.consumer->unsubscribe("tick");
+    ASSERT_TRUE(network.heard_offers(5));
+    network.provider->update_field(value, bytes("next"));
+    EXPECT_TRUE(values.received.wait_for("next"));
+    EXPECT_LE(test::counter(*network.client, "tcpConnected"), 1U);
+  }
+}
+
+TEST(Runtime, the_late_end_of_a_provider_does_not_end_its_successor) {
+  Seen<std::size_t> own;
+  Subscription values;
+  Network network;
+  network.connect();
+  const auto search = network.server->start_find_service(
+      "test::Service", 1, [&](const auto& instances) { own.add(instances.size()); });
+  const auto successor = network.server->provide("test::Service", "first");
+  successor->offer();
+  network.provider.reset();
+  ASSERT_TRUE(network.heard_offers(3));
+  values.start(*network.consumer, "value");
+  successor->update_field(value, bytes("new"));
+  EXPECT_TRUE(values.received.wait_for("new"));
+  network.server->stop_find_service(search);
+  EXPECT_THAT(own.all(), testing::Each(0U)) << "no node finds its own";
+}
+
+TEST(Runtime, accepts_connections_up_to_its_bound_and_one_more_when_one_has_ended) {
+  auto deployed = deployment(net, R"({"tcpConnections": 2})");
+  deployed.services.front().instances.front().tcp_port = 31001;
+  const Network network(deployed);
+  network.provider->offer();
+  const auto counted = [&](const char* name) { return test::counter(*network.server, name); };
+  boost::asio::io_context context;
+  const auto connect = [&] {
+    boost::asio::ip::tcp::socket client(context);
+    client.connect({boost::asio::ip::make_address("127.41.0.1"), 31001});
+    return client;
+  };
+  auto first = connect();
+  const auto second = connect();
+  const auto refused = connect();
+  ASSERT_TRUE(test::eventually([&] { return counted("refusedConnections") == 1; }));
+  EXPECT_EQ(counted("tcpAccepted"), 2U);
+  first.close();
+  EXPECT_TRUE(test::eventually([&] { return connect(), counted("tcpAccepted") == 3; }));
 }
 
 TEST(Runtime, a_stuck_handler_holds_up_its_own_event_only_and_gets_the_newest_of_it) {
@@ -160,11 +235,11 @@ TEST(Runtime, a_handler_that_sticks_soon_after_another_notification_holds_up_no_
 }
 
 TEST(Runtime, a_stuck_handler_is_told_the_newest_result_and_state_and_none_in_between) {
-  Seen<std::size_t> found, held_found;
+  Seen<std::size_t> found, held_found, ended_found;
   Seen<bool> held_states;
   auto deployed = deployment(net);
   for (auto& node : deployed.nodes)
-    node.workers = 4;  // two stuck in handlers
+    node.workers = 5;  // three stuck in handlers
   Network network(deployed);
   network.connect();
   const auto search = [&](const tq::com::Find_handler& handler) {
@@ -173,6 +248,12 @@ TEST(Runtime, a_stuck_handler_is_told_the_newest_result_and_state_and_none_in_be
   const auto held = search([&](const auto& instances) {
     held_found.add(instances.size());
     network.released.wait();
+  });
+  tq::com::Find_token ended{};
+  ended = search([&](const auto& instances) {
+    ended_found.add(instances.size());
+    network.released.wait();
+    network.client->stop_find_service(ended);
   });
   // Told after the ones that are held.
   const auto free = search([&](const auto& instances) { found.add(instances.size()); });
@@ -184,7 +265,7 @@ TEST(Runtime, a_stuck_handler_is_told_the_newest_result_and_state_and_none_in_be
         held_states.add(active);
         network.released.wait();
       });
-  ASSERT_TRUE(held_found.wait_count(1) && held_states.wait_count(1));
+  ASSERT_TRUE(held_found.wait_count(1) && ended_found.wait_count(1) && held_states.wait_count(1));
   for (int round = 0; round < 9; ++round) {
     const std::size_t results = found.all().size();
     const std::size_t states = values.states.all().size();
@@ -196,6 +277,7 @@ TEST(Runtime, a_stuck_handler_is_told_the_newest_result_and_state_and_none_in_be
   network.client->stop_find_service(free);
   network.client->stop_find_service(held);
   EXPECT_THAT(held_found.all(), ElementsAre(1, 0));
+  EXPECT_THAT(ended_found.all(), ElementsAre(1)) << "after a stop from inside";
   network.consumer.reset();
   EXPECT_THAT(held_states.all(), ElementsAre(true, false));
 }
@@ -274,6 +356,16 @@ TEST(Runtime, leaves_no_descriptor_to_child_processes) {
     }
     return paths;
   };
+  const auto of_silent_peers = [] {
+    std::size_t count = 0;
+    for (int descriptor = 3; descriptor < 200; ++descriptor) {
+      unsigned limit = 0;
+      socklen_t size = sizeof limit;
+      ::getsockopt(descriptor, IPPROTO_TCP, TCP_USER_TIMEOUT, &limit, &size);
+      count += limit != 0 ? 1 : 0;
+    }
+    return count;
+  };
   const auto before = inherited();
   auto deployed = deployment(net);
   auto& service = deployed.services.front();
@@ -285,6 +377,7 @@ TEST(Runtime, leaves_no_descriptor_to_child_processes) {
   network.consumer->call(echo, {}, [&](Return_code code, Payload) { ended.add(code); });
   ASSERT_TRUE(ended.wait_for(Return_code::ok)) << "with a connection at both ends";
   EXPECT_EQ(inherited(), before);
+  EXPECT_EQ(of_silent_peers(), 2U) << "connections that notice the end of their peer";
 }
 
 TEST(Runtime, every_call_ends_once_whatever_happens) {

@@ -276,6 +276,26 @@ TEST(Pool, that_cannot_have_another_thread_says_so) {
   barrier.release();
 }
 
+TEST(Pool, runs_posted_work_beside_a_long_piece) {
+  std::array<Barrier, 3> pieces;
+  Seen<bool> ran;
+  static_thread_pool pool(2);
+  const auto wait_at = [&](std::size_t piece) {
+    pool.loop().post([&, piece] { pieces[piece].wait(); });
+  };
+  for (const std::size_t busy : {0U, 1U}) {
+    wait_at(busy);
+    ASSERT_TRUE(pieces[busy].entered());
+  }
+  wait_at(2);
+  pool.loop().post([&] { ran.add(true); });
+  pieces[0].release();
+  EXPECT_TRUE(pieces[2].entered());
+  pieces[1].release();
+  EXPECT_TRUE(ran.wait_count(1));
+  pieces[2].release();
+}
+
 TEST(Log, of_what_peers_can_cause_is_limited_in_its_rate) {
   const test::Capture capture;
   for (int i = 0; i < 100; ++i) {
