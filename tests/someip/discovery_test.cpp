@@ -160,6 +160,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
     return happened();
   }
   std::string happened() { return std::exchange(events, {}); }
+  const Discovery_server& server() { return discovery().server(); }
   /// Known and found: a peer that offers to all, and a subscription it has acknowledged.
   void active() {
     search();
@@ -174,6 +175,7 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
   Discovery_timing& timing = deployment.discovery;
   Node_deployment node;
   bool value_missing = false;
+  std::uint64_t events_sent = 0;
   Counters counters;
 
  private:
@@ -234,6 +236,9 @@ class Discovery_test : public testing::Test, Discovery_server_host, Discovery_cl
                             const std::vector<Subscriber>& fresh) override {
     note("values for " + std::to_string(fresh.size()), key, group);
     return 1;
+  }
+  std::uint64_t sent_to_all(const Instance_key&, std::uint16_t) const override {
+    return events_sent;
   }
   void instance_available(const Instance_key& key, const Remote_offer&) override {
     note("found", key);
@@ -566,6 +571,22 @@ TEST_F(Discovery_test,
   stop_offer();
   EXPECT_EQ(until(9100), "9000 0 use v1/7 | 9010 all: stop-offer v1");
   EXPECT_EQ(says(wish()), "9100 to 2: refuse v1/7");
+}
+
+TEST_F(Discovery_test, a_subscription_counts_from_its_own_begin_and_ends_the_list_of_refusals) {
+  says(wish());
+  EXPECT_EQ(server().refusals().size(), 1U);
+  offer();
+  until(1000);
+  std::vector<std::uint64_t> begins;
+  for (const int peer : {2, 3, 4}) {
+    events_sent += 10;
+    says(wish(), {.peer = peer});
+  }
+  server().for_each_subscription(
+      [&](auto&, auto, const auto& one) { begins.push_back(one.sent_before.value()); });
+  EXPECT_THAT(begins, testing::ElementsAre(10, 20, 30));
+  EXPECT_TRUE(server().refusals().empty());
 }
 
 TEST_F(Discovery_test, an_instance_stays_with_its_provider_and_newcomers_past_a_bound_are_refused) {
