@@ -192,6 +192,9 @@ TEST_F(Component_client_wrapper, a_save_wakes_the_newest_preparation_at_once) {
     ASSERT_LT(std::chrono::steady_clock::now() - saved, 2s) << "without the wake it takes 5 s";
     request("kOn", 12);
   }
+  request("kPrepSD", 13);
+  EXPECT_TRUE(test::eventually(preparation_waits)) << "whatever woke earlier ones";
+  save();
 }
 
 TEST_F(Component_client_wrapper, switching_on_during_a_preparation_wins) {
