@@ -6,9 +6,11 @@
 #include <string>
 
 #include "binding/timestamp.h"
+#include "posService/positioning_records.h"
 #include "tests/clients/printing.h"
 #include "tests/support/error_of.h"
 #include "tests/support/temporary_folder.h"
+#include "tools/posctl/notification_json.h"
 
 namespace gateway {
 namespace {
@@ -64,11 +66,19 @@ TEST(Script, every_member_can_be_said_or_left_out) {
 
 TEST(Script, a_recording_of_the_application_is_sent_with_the_ages_that_it_had) {
   const Temporary_folder folder;
+  lumo::services::positioning::datatypes::DT_positions_struct published;
+  const auto watched = [&](double received, double age) {
+    return posctl::notification_json("positions", std::vector{published}, received, age).dump();
+  };
+  binding::set_timestamp(published, binding::Timestamp::of(99s));
+  const auto initial = watched(99.5, 0.5);
+  binding::set_timestamp(published, binding::Timestamp::of(100s + 150ms));
+  published.LAT = 48.5;
+  published.statusPosition = 2;
+  published.age = 12;
   std::ofstream(folder / "watch.json")
-      << R"({"schema":1,"field":"positions","received":99.5,"records":[{"preciseLocalTimeSeconds":99}],"initial":true})"
-      << "\n\n"
-      << R"({"schema":1,"field":"positions","received":100.25,"records":[{"LAT":48.5,"statusPosition":2,"preciseLocalTimeSeconds":100,"preciseLocalTimeNanoseconds":150000000,"age":12}]})"
-      << "\n"
+      << initial << "\n\n"
+      << watched(100.25, 0.1) << "\n"
       << R"({"schema":1,"field":"posMapInfo","received":100.26,"records":[{"statusMap":3}]})"
       << "\n"
       << R"({"received":101,"field":"posGnssSatInfos","records":[]})"
@@ -104,10 +114,11 @@ TEST(Script, a_wrong_line_says_where_and_what) {
       {R"({"received": 0, "field": "positions", "records": [{}]})", "expected the time as \"t\""},
       {R"({"t": -1, "field": "positions", "records": [{}]})",
        "expected a time in seconds from 0, found -1"},
+      {R"({"t": 0.5, "field": "positions", "records": [{}]})", "line 2: the time goes backwards"},
   };
   const Temporary_folder folder;
   for (const auto& [line, problem] : cases) {
-    std::ofstream(folder / "script") << R"({"t": 0, "field": "positions", "records": [{}]})"
+    std::ofstream(folder / "script") << R"({"t": 1, "field": "positions", "records": [{}]})"
                                      << "\n"
                                      << line << "\n";
     EXPECT_THAT(test::error_of<std::runtime_error>([&] { Script(folder / "script").check(); }),
