@@ -170,6 +170,10 @@ class Page_server(unittest.TestCase):
         answer = client.until("answer")["data"]
         self.assertEqual((answer["id"], answer["ok"]), (1, False))
         self.assertIn("--control", answer["text"])
+        for _ in range(24):  # more than the bound of a second, in two
+            client.send(b"{}")
+            client.until("answer")
+            time.sleep(0.08)
         for arguments in (("--token", "short"), ("--listen", "localhost:1"), ("--marks",)):
             self.assertEqual(self.desk.run(POSCTL, "serve", *arguments)[0], 3, arguments)
         self.assertEqual(self.desk.run(POSCTL, "serve", "--marks", "/nothing/there")[0], 1)

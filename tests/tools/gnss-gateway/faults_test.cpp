@@ -42,6 +42,15 @@ TEST(Faults, the_plan_tells_and_clears_what_is_in_force_and_what_waits) {
   EXPECT_TRUE(plan.list().empty());
 }
 
+TEST(Faults, the_end_of_a_fault_sends_what_it_holds) {
+  Fault_plan plan;
+  plan.add(parse_fault("reorder@0+1"), 0s);
+  EXPECT_EQ(plan.advance(0s).begun.size(), 1U);
+  for (int message = 0; message < 3; ++message)
+    plan.pass(0s, {});
+  EXPECT_EQ(plan.advance(1s).due.size(), 3U);
+}
+
 TEST(Faults, a_wrong_request_says_what_was_expected) {
   const std::pair<const char*, const char*> cases[] = {
       {"jmup=5", "fault \"jmup=5\": there is no fault \"jmup\"; did you mean \"jump\"?"},

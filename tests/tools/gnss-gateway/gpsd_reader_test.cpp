@@ -84,6 +84,8 @@ TEST_F(Reader, what_gpsd_knows_goes_where_the_records_have_a_member) {
   EXPECT_EQ(list[1].satelliteId, 9U);
   EXPECT_EQ(list[2].satelliteId, 194U);
   EXPECT_EQ(list[3].satelliteId, 2U);
+  says(tpv(R"("mode":1)"));
+  EXPECT_FALSE(fixes.back().heading) << "told once";
 }
 
 TEST_F(Reader, the_fix_type_goes_from_none_to_rtk_and_dead_reckoning_has_a_sample_of_its_own) {

@@ -131,11 +131,18 @@ TEST(Page_feed, keeps_least_and_greatest_of_what_it_joins_and_of_the_past) {
   EXPECT_EQ(total, count);
   EXPECT_LT(frames.size(), 20U);
   EXPECT_EQ(Json::array({least, greatest}), Json::array({-99.0, 99.0}));
+  const std::vector figures(statistics_curves.size(), 1.0);
+  for (int second = 0; second < 2000; ++second)
+    feed.curve(second * 1000, figures);
+  feed.curve(0, figures);  // the clock was set back
   const auto history = Json::parse(history_of(feed));
   const Json& series = history["data"]["series"][0];
   EXPECT_EQ(series["topic"], "output");
   const Json& fine = series["tiers"][2];
   EXPECT_EQ(fine["t"].size(), 4U) << "rows of 50 ms";
+  const Json& counts = history["data"]["series"].back()["tiers"][2]["n"];
+  EXPECT_EQ(counts.size(), 1200U) << "in bounded memory";
+  EXPECT_EQ(counts.back(), 1);
   EXPECT_EQ(fine["max"]["speed2D"][1], 99.0);
   EXPECT_EQ(fine["min"]["speed2D"][1], -99.0);
   EXPECT_EQ(fine["last"]["LAT"][0], nullptr);

@@ -7,8 +7,10 @@
 #include <iterator>
 #include <sstream>
 #include <system_error>
+#include <thread>
 
 #include "tools/nmea/sentence.h"
+#include "tools/posctl/track/sentence_server.h"
 #include "tools/posctl/track/sentences.h"
 #include "tools/posctl/track/track_file.h"
 
@@ -90,6 +92,22 @@ TEST(Sentences, keep_coordinates_everywhere_on_the_globe) {
       EXPECT_NEAR(position.latitude, latitude, 1e-8);
       EXPECT_NEAR(position.longitude, longitude, 1e-8);
     }
+  }
+}
+
+TEST(Sentence_server, sends_more_in_total_than_may_wait_for_a_client) {
+  using boost::asio::ip::tcp;
+  track::Sentence_server server({boost::asio::ip::make_address("127.0.0.1"), 0},
+                                {.clients = 1, .waiting_bytes = 1000});
+  tcp::iostream client(server.endpoint());
+  client.expires_after(30s);
+  while (client && server.counts().clients == 0)
+    std::this_thread::yield();
+  for (int i = 0; i < 30; ++i) {
+    server.send(std::string(100, 'x') + '\n');
+    std::string line;
+    std::getline(client, line);
+    ASSERT_EQ(line.size(), 100U) << i;
   }
 }
 
