@@ -44,7 +44,9 @@ class ProcessTest(unittest.TestCase):
         handled = self.count(application, "posApplication::signalHandler")
         for number in SIGNALS:
             application.send_signal(number)
+        delay = time.monotonic()
         self.assertEqual(self.ends(application), 0)
+        self.assertGreater(time.monotonic() - delay, 0.5, "messages under way leave first")
         self.assertLess(time.monotonic() - start, SHUTDOWN_LIMIT_S + 3.0)
         self.assertEqual(self.count(application, "posApplication::signalHandler"), handled)
 

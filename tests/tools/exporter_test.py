@@ -48,7 +48,13 @@ class Exporter(unittest.TestCase):
         return {name: float(value) for name, value in (line.rsplit(" ", 1) for line in lines)}
 
     def test_metrics_are_those_of_the_page_and_of_the_application(self):
+        self.desk.manifest["limits"]["subscribersPerEventGroup"] = 1
+        self.desk.write_manifest()
         self.start_all()
+        for _ in range(2):
+            self.start(POSCTL, "watch", "--field", "positions")
+        of_positioning = '{service="lumo::services::positioning::Positioning",instance="0x0001"}'
+        until(lambda: self.samples()["pos_subscribers_refused" + of_positioning], "a subscriber that is refused")
         response, text = self.request()
         self.assertEqual(response.headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
         checked = subprocess.run([PROMTOOL, "check", "metrics"], input=text, capture_output=True, text=True, check=False)
@@ -64,7 +70,7 @@ class Exporter(unittest.TestCase):
         for name, value in {
             "pos_up": 1, 'pos_input_status{name="gnss",status="Nominal"}': 1,
             'pos_monitor_failed{monitor="POS_Input_GNSS",id="0x83D101"}': 0,
-            'pos_subscribers{service="lumo::services::positioning::Positioning",instance="0x0001"}': 0,
+            "pos_subscribers" + of_positioning: 1, "pos_subscribers_refused" + of_positioning: 1,
             'pos_consumed_service_found{service="lumo::services::gnss::GNSS",instance="0x0001"}': 1,
             "pos_clock_synchronised": stats["clock"]["synchronised"],
         }.items():

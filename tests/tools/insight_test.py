@@ -5,11 +5,12 @@ import contextlib
 import json
 import math
 import pathlib
+import re
 import struct
 import time
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, Desk, until
 from network import NOTIFICATION, SUBSCRIBE, TCP_PROTOCOL, Network, endpoint, offer, someip
 from scapy.utils import RawPcapReader
 
@@ -94,10 +95,29 @@ class Insight(unittest.TestCase):
                              ("betweenArrivals", [b - a for a, b in zip(arrivals, arrivals[1:])])):
             of_program = told["ages"][name]["sinceStart"]
             self.assertEqual(of_program["count"], len(values), name)
-            for share, member in ((0, "minNs"), (0.5, "p50Ns"), (0.99, "p99Ns"), (0.999, "p999Ns"), (1, "maxNs")):
+            members = {"minNs": 0, "p50Ns": 0.5, "p99Ns": 0.99, "p999Ns": 0.999, "maxNs": 1}
+            for member, share in members.items():
                 right = percentile(values, share)
                 self.assertAlmostEqual(of_program[member], right, delta=0.02 * right, msg=f"{name} {member}")
         self.assertLess(told["ages"]["handlerToSent"]["sinceStart"]["p50Ns"], 10**8)
+        _, shown = re.findall(r"between arrivals +\d+ +(.*)", self.posctl("stats"))
+        self.assertEqual(shown.split(), [f"{of_program[member] / 1e6:.3f}" for member in members])
+
+    def test_ages_follow_the_time_base_and_end_with_a_position_that_is_sent(self):
+        script = self.desk.path / "script"
+        script.write_text("".join(json.dumps({"t": i / 10, "field": "positions", "records": [{"LAT": 48, "LON": 11}]}) + "\n"
+                                  for i in range(9)))
+        self.desk.start(APPLICATION, environment={"LD_PRELOAD": str(BUILD / "tests/tools/shifted_clock.so"),
+                                                  "POS_TEST_CLOCK_SHIFT": "-10", "POS_TIME_BASE": "CLOCK_TAI"})
+        self.start(GATEWAY, "--script", script, "--loop")
+
+        def counts():
+            self.ages = json.loads(self.posctl("stats", "--json", "--timeout", 20))["ages"]
+            return {name: age["sinceStart"]["count"] for name, age in self.ages.items()}
+
+        until(lambda: counts()["stampToArrival"] > 3, "positions")
+        self.assertGreaterEqual(self.ages["stampToArrival"]["sinceStart"]["minNs"], 9e9)
+        self.assertEqual(counts()["handlerToSent"], 1, "a repeated position is not sent")
 
     def test_subscribers_are_named_and_a_refused_one_is_told_why(self):
         self.desk.manifest["limits"]["subscribersPerEventGroup"] = 3

@@ -42,7 +42,10 @@ class Terminal:
         os.close(self.receiver)
 
     def is_raw(self):
-        return not termios.tcgetattr(self.device)[3] & (termios.ECHO | termios.ICANON | termios.ISIG)
+        """Breaks and bytes with a wrong parity are not read."""
+        input_flags, _, _, local_flags, *_ = termios.tcgetattr(self.device)
+        return input_flags & termios.IGNBRK and input_flags & termios.IGNPAR and not local_flags & (
+            termios.ECHO | termios.ICANON | termios.ISIG)
 
     def rate(self):
         return termios.tcgetattr(self.device)[4]
