@@ -2,6 +2,7 @@
 #include "platform/someip/net/local_socket.h"
 
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>
@@ -195,6 +196,24 @@ TEST_F(Local_socket, its_bounds_hold_and_what_stands_keeps_working) {
   EXPECT_TRUE(values.received.wait_for("last"));
   for (const int descriptor : {babbler, sluggard, surplus})
     ::close(descriptor);
+}
+
+TEST_F(Local_socket, a_client_that_came_when_no_descriptor_was_free_is_accepted_later) {
+  start_server();
+  rlimit usual{};
+  ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const int next = ::dup(0);
+  ::close(next);
+  // The client gets the last one.
+  const rlimit few{.rlim_cur = static_cast<rlim_t>(next) + 1, .rlim_max = usual.rlim_max};
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &few), 0);
+  const int client = connect();
+  const auto refused = std::chrono::steady_clock::now() + std::chrono::milliseconds(50);
+  EXPECT_TRUE(eventually([&] { return std::chrono::steady_clock::now() > refused; }));
+  EXPECT_EQ(counter(*server, "localAccepted"), 0U);
+  ASSERT_EQ(::setrlimit(RLIMIT_NOFILE, &usual), 0);
+  EXPECT_TRUE(eventually([&] { return counter(*server, "localAccepted") == 1; }));
+  ::close(client);
 }
 
 TEST_F(Local_socket, the_file_belongs_to_one_process_and_is_for_owner_and_group) {

@@ -65,17 +65,20 @@ TEST(Logging, a_long_message_is_complete_and_a_boundless_one_is_cut_with_a_mark)
   const Logger& logger = CreateLogger("LONG", "long messages", LogLevel::kInfo);
   const test::Capture capture;
   const std::string text(40'000, 'x');
+  const std::string longest((64 << 10) - 7 - 7 - 11, 'x');  // two headers, the mark
 
   logger.LogInfo() << 1 << text << 2;
   logger.LogInfo() << text << text << text << 3;
+  logger.LogInfo() << longest;
 
   const auto records = capture.records();
-  ASSERT_EQ(records.size(), 2U);
+  ASSERT_EQ(records.size(), 3U);
   EXPECT_THAT(records[0].arguments, ElementsAre("1", text, "2"));
   ASSERT_EQ(records[1].arguments.size(), 3U);
   EXPECT_EQ(records[1].arguments[0], text);
   EXPECT_LT(records[1].arguments[1].size(), text.size());
   EXPECT_EQ(records[1].arguments[2], "[truncated]");
+  EXPECT_THAT(records[2].arguments, ElementsAre(longest));
 }
 
 TEST(Level_settings, take_a_general_level_and_contexts_and_name_what_they_cannot_read) {
