@@ -1,12 +1,8 @@
 #include "app/ComponentClientWrapper.h"
 
 #include <gmock/gmock.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -15,6 +11,7 @@
 
 #include "tests/support/capture.h"
 #include "tests/support/no_threads.h"
+#include "tests/support/own_process.h"
 #include "tests/support/seen.h"
 #include "tests/support/store.h"
 
@@ -165,25 +162,11 @@ TEST_F(Component_client_wrapper, a_preparation_without_a_thread_leaves_the_appli
               ElementsAre(Confirmation{1, "kPrepSD", 1}, Confirmation{2, "kPrepSD", 0}));
 }
 
-/// Whether the preparation's thread, the only one beside this, sleeps.
-bool preparation_waits() {
-  int others = 0;
-  int sleeping = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (task.path().filename() == std::to_string(::getpid())) continue;
-    std::ifstream file(task.path() / "stat");
-    const std::string status(std::istreambuf_iterator<char>(file), {});
-    ++others;
-    sleeping += status.find(") S ") != std::string::npos ? 1 : 0;
-  }
-  return others == 1 && sleeping == 1;
-}
-
 TEST_F(Component_client_wrapper, a_save_wakes_the_newest_preparation_at_once) {
   const ComponentClientWrapper wrapper(&persistency_, {});
   for (std::uint32_t round = 0; round < 6; ++round) {
     request("kPrepSD", 10);
-    ASSERT_TRUE(test::eventually(preparation_waits));
+    ASSERT_TRUE(test::eventually(test::other_thread_waits));
     request("kOn", 11);  // its wake and that of the save reach the same wait
     request("kPrepSD", 100 + round);
     const auto saved = std::chrono::steady_clock::now();
@@ -193,7 +176,7 @@ TEST_F(Component_client_wrapper, a_save_wakes_the_newest_preparation_at_once) {
     request("kOn", 12);
   }
   request("kPrepSD", 13);
-  EXPECT_TRUE(test::eventually(preparation_waits)) << "whatever woke earlier ones";
+  EXPECT_TRUE(test::eventually(test::other_thread_waits)) << "whatever woke earlier ones";
   save();
 }
 

@@ -1,4 +1,3 @@
-#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -7,15 +6,14 @@
 #include <algorithm>
 #include <atomic>
 #include <boost/asio/ip/tcp.hpp>
-#include <filesystem>
 #include <functional>
 #include <future>
 #include <numeric>
-#include <set>
 #include <thread>
 
 #include "tests/com/test_network.h"
 #include "tests/support/error_of.h"
+#include "tests/support/own_process.h"
 
 namespace {
 
@@ -347,15 +345,6 @@ TEST(Runtime, a_handler_that_subscribes_anew_again_and_again_leaves_nothing_behi
 }
 
 TEST(Runtime, leaves_no_descriptor_to_child_processes) {
-  const auto inherited = [] {
-    std::set<std::string> paths;
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-      const int descriptor = std::stoi(entry.path().filename());
-      const int flags = ::fcntl(descriptor, F_GETFD);
-      if (flags >= 0 && (flags & FD_CLOEXEC) == 0) paths.insert(entry.path());
-    }
-    return paths;
-  };
   const auto of_silent_peers = [] {
     std::size_t count = 0;
     for (int descriptor = 3; descriptor < 200; ++descriptor) {
@@ -366,7 +355,7 @@ TEST(Runtime, leaves_no_descriptor_to_child_processes) {
     }
     return count;
   };
-  const auto before = inherited();
+  const auto before = test::inherited();
   auto deployed = deployment(net);
   auto& service = deployed.services.front();
   service.methods.front().transport = someip::Transport::tcp;
@@ -376,7 +365,7 @@ TEST(Runtime, leaves_no_descriptor_to_child_processes) {
   network.connect();
   network.consumer->call(echo, {}, [&](Return_code code, Payload) { ended.add(code); });
   ASSERT_TRUE(ended.wait_for(Return_code::ok)) << "with a connection at both ends";
-  EXPECT_EQ(inherited(), before);
+  EXPECT_EQ(test::inherited(), before);
   EXPECT_EQ(of_silent_peers(), 2U) << "connections that notice the end of their peer";
 }
 

@@ -17,6 +17,8 @@
 #include "ara/phm/supervision_entity.h"
 #include "tests/support/capture.h"
 #include "tests/support/error_of.h"
+#include "tests/support/own_process.h"
+#include "tests/support/seen.h"
 #include "tests/support/temporary_folder.h"
 
 namespace ara {
@@ -93,12 +95,15 @@ TEST(Service_manager, that_does_not_read_delays_nothing_and_gets_the_newest_stat
   phm::SupervisionEntity entity(client);
   std::optional<Full_socket> manager(std::in_place);
   std::optional<exec::ApplicationClient> application(std::in_place);
+  const auto inherited = test::inherited();
   const auto start = steady_clock::now();
   application->ReportApplicationState(exec::ApplicationState::kInitializing);
   application->ReportApplicationState(exec::ApplicationState::kRunning);
   EXPECT_THAT(test::error_of<std::runtime_error>([&] { entity.CheckpointReached(7, 8); }),
               ::testing::HasSubstr("Resource temporarily unavailable"));
   EXPECT_LT(steady_clock::now() - start, std::chrono::seconds(1));
+  EXPECT_TRUE(test::eventually(test::other_thread_waits)) << "for room";
+  EXPECT_EQ(test::inherited(), inherited);
   EXPECT_EQ(manager->first(), "READY=1\nSTATUS=running");
   EXPECT_TRUE(capture.records().empty());
 
