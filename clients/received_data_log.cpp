@@ -80,15 +80,12 @@ char* write_common_number(char* out, double value) {
     scaled = scale();
   }
   auto digits = static_cast<std::uint64_t>(scaled >> shift);
-  // Rounds to nearest, ties to even.
+  // Rounds to nearest, ties to even. The greatest double below a power of ten is more than half a
+  // digit away from it, so no rounding leads there.
   if (shift != 0) {
     const Wide half = Wide{1} << (shift - 1);
     const Wide rest = scaled & ((half << 1U) - 1);
     if (rest > half || (rest == half && digits % 2 != 0)) ++digits;
-    if (digits == least_digits * 10) {
-      digits = least_digits;
-      ++decimal_exponent;
-    }
   }
 
   if (value < 0) *out++ = '-';
