@@ -277,23 +277,29 @@ TEST(Pool, that_cannot_have_another_thread_says_so) {
 }
 
 TEST(Pool, runs_posted_work_beside_a_long_piece) {
-  std::array<Barrier, 3> pieces;
+  struct Busy final : someip::Readable {
+    void on_readable() override { barrier.wait(); }
+    const int descriptor = ::eventfd(1, EFD_NONBLOCK);
+    Barrier barrier;
+  };
+  const std::array busy{std::make_shared<Busy>(), std::make_shared<Busy>()};
+  Barrier long_piece;
   Seen<bool> ran;
   static_thread_pool pool(2);
-  const auto wait_at = [&](std::size_t piece) {
-    pool.loop().post([&, piece] { pieces[piece].wait(); });
-  };
-  for (const std::size_t busy : {0U, 1U}) {
-    wait_at(busy);
-    ASSERT_TRUE(pieces[busy].entered());
+  for (const auto& one : busy) {
+    static_cast<void>(pool.loop().watch(one->descriptor, one));
+    ASSERT_TRUE(one->barrier.entered());
   }
-  wait_at(2);
+  pool.loop().post([&] { long_piece.wait(); });
   pool.loop().post([&] { ran.add(true); });
-  pieces[0].release();
-  EXPECT_TRUE(pieces[2].entered());
-  pieces[1].release();
+  busy[0]->barrier.release();
+  EXPECT_TRUE(long_piece.entered());
+  busy[1]->barrier.release();
   EXPECT_TRUE(ran.wait_count(1));
-  pieces[2].release();
+  long_piece.release();
+  pool.stop();
+  for (const auto& one : busy)
+    ::close(one->descriptor);
 }
 
 TEST(Log, of_what_peers_can_cause_is_limited_in_its_rate) {
@@ -340,9 +346,10 @@ TEST(Notifications, that_wait_are_the_newest_within_the_bounds_on_their_number_a
   limits.queued_notifications = 4;
   limits.queued_notification_bytes = 10'000;
   std::vector<std::size_t> sizes;
+  std::vector<bool> states;
   const auto queue = std::make_shared<tq::com::Notification_queue>(
       std::uint8_t{1}, limits, [&](tq::com::Payload payload) { sizes.push_back(payload.size()); },
-      nullptr, pool.loop(), counters);
+      [&](bool active) { states.push_back(active); }, pool.loop(), counters);
   const auto arrives = [&](std::size_t size) {
     someip::Received one;
     one.buffer = someip::Buffer(size);
@@ -354,8 +361,15 @@ TEST(Notifications, that_wait_are_the_newest_within_the_bounds_on_their_number_a
     for (const auto size : {10'000U, 20'000U, 2100U, 2200U, 2300U, 2400U, 5000U})
       EXPECT_FALSE(arrives(size));
   }
+  for (const bool active : {true, false})
+    queue->subscription_changed(active);
   queue->run();
   EXPECT_THAT(sizes, testing::ElementsAre(1, 2300, 2400, 5000));
+  EXPECT_TRUE(states.empty()) << "back in the state that is known";
+  EXPECT_TRUE(arrives(2));
+  EXPECT_FALSE(arrives(3));
+  queue->run();
+  EXPECT_THAT(sizes, testing::ElementsAre(1, 2300, 2400, 5000, 2, 3)) << "as the first time";
 }
 
 struct Reader final : someip::Readable {

@@ -153,12 +153,12 @@ class DiscoveryBehaviour(suite.Group):
         event = events.wait(lambda one: one.method == TICK)
         answer = peer.call(host, VEHICLE, ECHO)
 
-        def closed(quote, port=events.port, says=peer.address):
+        def closed(quote, port=events.port, says=peer.address, code=3):
             """How many subscriptions it has cost that `says` calls a port closed."""
             returned = IP(src=host.address, dst=peer.address) / UDP(sport=VEHICLE_PORT, dport=port) / quote
             with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as icmp:
                 icmp.bind((says, 0))
-                icmp.sendto(bytes(ICMP(type=3, code=3) / returned), (host.address, 0))
+                icmp.sendto(bytes(ICMP(type=3, code=code) / returned), (host.address, 0))
             self.settled(host, peer)
             host.do("event first tick 01")
             self.settled(host, peer)
@@ -170,9 +170,10 @@ class DiscoveryBehaviour(suite.Group):
         self.assertEqual(closed(event.raw, port=events.port + 1), 0)
         self.assertEqual(closed(answer.raw), 0)
         self.assertEqual(closed(b""), 0)
-        self.assertEqual(len(events.messages), 5)
+        self.assertEqual(closed(event.raw, code=1), 0)  # the host cannot be reached
+        self.assertEqual(len(events.messages), 6)
         self.assertEqual(closed(event.raw), 1)
-        self.assertEqual(len(events.messages), 5)
+        self.assertEqual(len(events.messages), 6)
 
     # Restarts of peers
 

@@ -172,6 +172,7 @@ class Segmentation(suite.Group):
         self.sized(peer.caller(), 2900, session=2)
         self.send(host, peer.caller(), [rest])
         self.nothing_but(host, peer, 2)
+        self.assertEqual(host.count("droppedSegments"), 2)  # the old train, and its rest
 
     def test_broken_trains(self):
         host, peer = self.vehicle()

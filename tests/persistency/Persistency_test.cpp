@@ -56,6 +56,7 @@ TEST_F(Persistency_test, storing_can_be_forbidden_and_allowed_again) {
 
 TEST_F(Persistency_test, a_blob_outlives_the_process) {
   const Bytes blob{0, 255, 10, 13, 34};
+  std::filesystem::remove(store_.folder());  // it is made anew
   {
     Persistency persistency = store_.open();
     EXPECT_TRUE(persistency.controlledSaveBinaryData(blob, "b"));

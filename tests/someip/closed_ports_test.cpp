@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <algorithm>
+#include <array>
 #include <boost/asio/io_context.hpp>
 
 #include "tests/support/seen.h"
@@ -44,6 +45,13 @@ TEST_P(Closed_ports_test,
   EXPECT_EQ(error->returned->header.service, header.service);
   EXPECT_EQ(error->returned->header.method, header.method);
   EXPECT_FALSE(next_error(sender.descriptor()));
+
+  ASSERT_FALSE(sender.send(datagram, Socket_address(nobody)));
+  ASSERT_EQ(::poll(&wait, 1, 10'000), 1);
+  ASSERT_FALSE(open.send(datagram, Socket_address(sender.local())));
+  std::array<Udp_socket::Arrival, 1> arrivals{};
+  arrivals[0].begin = datagram;
+  EXPECT_EQ(sender.receive(arrivals), 1U) << "behind the error";
 }
 
 TEST(Closed_ports, are_all_noticed_when_more_come_at_once_than_fit_into_a_turn) {

@@ -292,6 +292,12 @@ TEST(Node, closes_a_connection_when_the_last_of_its_callers_ends_and_sends_first
   node.node->client().calls().cancel(&second);
   EXPECT_TRUE(node.workers.until(received(4))) << "on the same connection: the second kept it";
   EXPECT_TRUE(node.workers.until(ended));
+
+  node.call_no_return(&first);
+  ASSERT_TRUE(node.workers.until(accepted));
+  EXPECT_TRUE(node.workers.until(received(5)));
+  node.node->client().calls().cancel(&first);
+  EXPECT_TRUE(node.workers.until(ended)) << "with nothing to send";
 }
 
 }  // namespace
