@@ -150,6 +150,13 @@ def until(condition, what):
         while_waiting[-1](0.01)
 
 
+def inherited(process):
+    """The descriptors that a child of the process would have beside the standard ones."""
+    told = {int(one.name): re.search(r"flags:\s+(\d+)", one.read_text())[1]
+            for one in pathlib.Path(f"/proc/{process.pid}/fdinfo").iterdir()}
+    return [number for number, flags in told.items() if number > 2 and not int(flags, 8) & os.O_CLOEXEC]
+
+
 def fill(sender):
     """Writes until there is no room left."""
     os.set_blocking(sender, False)

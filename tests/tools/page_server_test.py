@@ -9,7 +9,7 @@ import time
 import unittest
 import urllib.parse
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, Desk, inherited, until
 from web import WebSocket, request
 
 
@@ -50,6 +50,7 @@ class Page_server(unittest.TestCase):
         self.serve("--control")
         client = self.open()
         hello, history = client.frame(), client.frame()
+        self.assertEqual(inherited(self.server), [])  # a browser that it opens has none of them
         self.assertEqual([hello["topic"], history["topic"]], ["hello", "history"])
         self.assertEqual((hello["schema"], hello["data"]["control"], hello["data"]["source"]), (1, True, "live"))
         application = start_application()

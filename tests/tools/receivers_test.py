@@ -139,10 +139,12 @@ class Receivers(unittest.TestCase):
 
     def test_an_input_without_sentences_says_so(self):
         gateway = self.start("-", stdin=subprocess.PIPE)
-        gateway.stdin.write("garbage\n")
-        gateway.stdin.flush()
-        until(lambda: 'no NMEA 0183 sentence from "-" for 5 s' in gateway.log.read_text(), "a message")
-        self.ends(gateway, 1, "held no NMEA 0183 sentence")
+        for silences, text in enumerate(("garbage\n", instant(0)), 1):
+            gateway.stdin.write(text)
+            gateway.stdin.flush()
+            until(lambda: gateway.log.read_text().count('no NMEA 0183 sentence from "-" for 5 s') == silences, "a message")
+        self.ends(gateway, 0)
+        self.ends(self.start("-", stdin=subprocess.DEVNULL), 1, "held no NMEA 0183 sentence")
 
     def test_bounds_hold_for_a_live_input(self):
         endless = self.desk.start(pathlib.Path("/usr/bin/yes"), "noise")

@@ -1,7 +1,6 @@
 """The log through the real DLT daemon and on standard error, seen from outside the process."""
 
 import os
-import pathlib
 import re
 import select
 import signal
@@ -10,17 +9,10 @@ import subprocess
 import time
 import unittest
 
-from desk import BUILD, DEADLINE, Desk, until
+from desk import BUILD, DEADLINE, Desk, inherited, until
 from dlt import Log
 
 PROBE = BUILD / "tests/ara/log/log_probe"
-
-
-def inherited(process):
-    """The descriptors that a child of the process would have beside the standard ones."""
-    told = {int(one.name): re.search(r"flags:\s+(\d+)", one.read_text())[1]
-            for one in pathlib.Path(f"/proc/{process.pid}/fdinfo").iterdir()}
-    return [number for number, flags in told.items() if number > 2 and not int(flags, 8) & os.O_CLOEXEC]
 
 
 class Probe:

@@ -91,6 +91,7 @@ TEST(Sentences, keep_coordinates_everywhere_on_the_globe) {
       const auto position = *std::get<nmea::Navigation>(read[place].content).position;
       EXPECT_NEAR(position.latitude, latitude, 1e-8);
       EXPECT_NEAR(position.longitude, longitude, 1e-8);
+      EXPECT_EQ(std::signbit(position.latitude), latitude < -1e-8) << "zero is north";
     }
   }
 }
