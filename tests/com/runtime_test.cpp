@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <boost/asio/ip/tcp.hpp>
 #include <functional>
 #include <future>
 #include <numeric>
@@ -112,7 +111,6 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
 
 TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to_another) {
   for (const auto transport : {someip::Transport::tcp, someip::Transport::udp}) {
-    Subscription ticks;
     Subscription values;
     auto deployed = deployment(net);
     auto& service = deployed.services.front();
@@ -126,11 +124,13 @@ TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to
     }
     Network network(deployed);
     network.connect();
-    ticks.start(*network.consumer, "tick");
     values.start(*network.consumer, "value");
-    network.consumer->unsubscribe("tick");
     int last = 0;
     EXPECT_TRUE(test::eventually([&] {
+      if (last % 50 == 0) {
+        network.consumer->subscribe("tick", [](Payload) {}, {});
+        network.consumer->unsubscribe("tick");
+      }
       network.provider->update_field(value, bytes(std::to_string(++last)));
       return last == 300;  // longer than a renewal takes
     }));
@@ -141,12 +141,9 @@ TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to
 }
 
 TEST(Runtime, the_late_end_of_a_provider_does_not_end_its_successor) {
-  Seen<std::size_t> own;
   Subscription values;
   Network network;
   network.connect();
-  const auto search = network.server->start_find_service(
-      "test::Service", 1, [&](const auto& instances) { own.add(instances.size()); });
   const auto successor = network.server->provide("test::Service", "first");
   successor->offer();
   network.provider.reset();
@@ -154,29 +151,6 @@ TEST(Runtime, the_late_end_of_a_provider_does_not_end_its_successor) {
   values.start(*network.consumer, "value");
   successor->update_field(value, bytes("new"));
   EXPECT_TRUE(values.received.wait_for("new"));
-  network.server->stop_find_service(search);
-  EXPECT_THAT(own.all(), testing::Each(0U)) << "no node finds its own";
-}
-
-TEST(Runtime, accepts_connections_up_to_its_bound_and_one_more_when_one_has_ended) {
-  auto deployed = deployment(net, R"({"tcpConnections": 2})");
-  deployed.services.front().instances.front().tcp_port = 31001;
-  const Network network(deployed);
-  network.provider->offer();
-  const auto counted = [&](const char* name) { return test::counter(*network.server, name); };
-  boost::asio::io_context context;
-  const auto connect = [&] {
-    boost::asio::ip::tcp::socket client(context);
-    client.connect({boost::asio::ip::make_address("127.41.0.1"), 31001});
-    return client;
-  };
-  auto first = connect();
-  const auto second = connect();
-  const auto refused = connect();
-  ASSERT_TRUE(test::eventually([&] { return counted("refusedConnections") == 1; }));
-  EXPECT_EQ(counted("tcpAccepted"), 2U);
-  first.close();
-  EXPECT_TRUE(test::eventually([&] { return connect(), counted("tcpAccepted") == 3; }));
 }
 
 TEST(Runtime, a_stuck_handler_holds_up_its_own_event_only_and_gets_the_newest_of_it) {

@@ -296,8 +296,10 @@ TEST(Node, closes_a_connection_when_the_last_of_its_callers_ends_and_sends_first
   node.call_no_return(&first);
   ASSERT_TRUE(node.workers.until(accepted));
   EXPECT_TRUE(node.workers.until(received(5)));
+  const auto begin = std::chrono::steady_clock::now();
   node.node->client().calls().cancel(&first);
-  EXPECT_TRUE(node.workers.until(ended)) << "with nothing to send";
+  EXPECT_TRUE(node.workers.until(ended));
+  EXPECT_LT(std::chrono::steady_clock::now() - begin, 5s) << "with nothing to send";
 }
 
 }  // namespace

@@ -107,8 +107,11 @@ class Insight(unittest.TestCase):
         script = self.desk.path / "script"
         script.write_text("".join(json.dumps({"t": i / 10, "field": "positions", "records": [{"LAT": 48, "LON": 11}]}) + "\n"
                                   for i in range(9)))
-        self.desk.start(APPLICATION, environment={"LD_PRELOAD": str(BUILD / "tests/tools/shifted_clock.so"),
-                                                  "POS_TEST_CLOCK_SHIFT": "-10", "POS_TIME_BASE": "CLOCK_TAI"})
+        (self.desk.path / "initdata-POS_Key_Value_Port.json").write_text(
+            json.dumps({"alwaysSendAllValidPositions": {"type": "Boolean", "value": False}}))
+        self.desk.start(APPLICATION, environment={
+            "LD_PRELOAD": str(BUILD / "tests/tools/shifted_clock.so"), "POS_TEST_CLOCK_SHIFT": "-10",
+            "POS_TIME_BASE": "CLOCK_TAI", "POS_INITDATA_DIR": str(self.desk.path)})
         self.start(GATEWAY, "--script", script, "--loop")
 
         def counts():

@@ -79,14 +79,16 @@ TEST(Marks, come_from_gpx_and_geojson) {
   for (
       const char* text :
       {R"(<?xml version="1.0"?><!-- <wpt> --><gpx><wpt lat="46.5" lon='7.25'><name>A &amp; <![CDATA[<b>]]></name></wpt>
-           <trk><name>way</name><trkseg><trkpt lon="1" lat="+2"/><trkpt lat="3" lon="4"><ele>5</ele></trkpt></trkseg></trk></gpx>)",
+           <trk><name>way</name><trkseg><trkpt lon="1" lat="+2"/><trkpt lat="3" lon="4"><ele>5</ele></trkpt></trkseg>
+           <trkseg><trkpt lat="6" lon="5"/></trkseg></trk></gpx>)",
        R"({"type":"FeatureCollection","features":[
            {"type":"Feature","properties":{"name":"A & <b>"},"geometry":{"type":"Point","coordinates":[7.25,46.5,9]}},
            {"type":"Feature","properties":null,"geometry":null},
-           {"type":"Feature","properties":{"name":"way"},"geometry":{"type":"LineString","coordinates":[[1,2],[4,3]]}}]})"}) {
+           {"type":"Feature","properties":{"name":"way"},"geometry":{"type":"MultiLineString","coordinates":[[[1,2],[4,3]],[[5,6]]]}}]})"}) {
     EXPECT_EQ(json_of(marks_of(text)),
               Json::parse(R"({"schema":1,"marks":[{"name":"A & <b>","points":[[7.25,46.5]]},
-                              {"name":"way","points":[[1.0,2.0],[4.0,3.0]]}]})"));
+                              {"name":"way","points":[[1.0,2.0],[4.0,3.0]]},
+                              {"name":"way","points":[[5.0,6.0]]}]})"));
   }
   for (const auto& [text, error] : std::vector<std::pair<std::string, std::string>>{
            {"", "neither GPX nor GeoJSON"},
