@@ -14,6 +14,7 @@
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/log.h"
 #include "platform/someip/discovery/discovery_client.h"
+#include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
 #include "platform/someip/discovery/discovery_server.h"
 

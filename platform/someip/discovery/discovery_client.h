@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/someip/base/counters.h"
+#include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
 #include "platform/someip/discovery/discovery_types.h"
 
