@@ -39,7 +39,7 @@ class diagnosisServiceImpl {
   diagnosisServiceImpl& operator=(const diagnosisServiceImpl&) = delete;
 
   /// Sets the initial statuses, starts the evaluation (ten times per time-out: every 500 ms for
-  /// 5000) and offers the seven data identifiers. `timeout_ms`, 1 to longest_timeout_ms, is the
+  /// 5000) and offers the data identifiers. `timeout_ms`, 1 to longest_timeout_ms, is the
   /// longest time without data before a status turns to Error. Throws std::invalid_argument for
   /// another time-out and std::runtime_error if the manifest lacks an instance. A second call
   /// resets every status, record and last-data time and evaluates with the new time-out.
