@@ -47,19 +47,22 @@ void add_direction(Matrix& normal, const Satellite& satellite) {
   }
 }
 
-/// A satellite's way over the sky takes some hours. Golden steps spread the ways evenly for any
-/// count of satellites.
+/// The two steps of the R2 sequence, which spreads points evenly over a square for any count.
+constexpr double time_step = 0.7548776662466927;
+constexpr double azimuth_step = 0.5698402909980532;
+
+/// A satellite's way over the sky takes some hours.
 Satellite satellite_at(std::size_t index, double seconds, bool in_sight) {
-  const double spread = wrapped(static_cast<double>(index + 1) * std::numbers::phi, 1);
+  const auto number = static_cast<double>(index + 1);
+  const double spread = wrapped(number * time_step, 1);
   const double period = 3600 * (5 + 3 * spread);
   const double wave = std::sin(std::numbers::pi * (seconds / period + spread));
   Satellite satellite;
   satellite.system = static_cast<Gnss_system>(index % 4);
   satellite.id = static_cast<std::uint16_t>(index / 4 + 1);
   satellite.elevation = 6 + 80 * wave * wave;
-  satellite.azimuth = wrapped(360 * (static_cast<double>(index) * 0.381966 + spread / 7) +
-                                  (index % 2 == 0 ? 1 : -1) * seconds / period * 180,
-                              360);
+  satellite.azimuth = wrapped(
+      360 * number * azimuth_step + (index % 2 == 0 ? 1 : -1) * seconds / period * 180, 360);
   if (in_sight && satellite.elevation >= 9) {
     satellite.signal = 24 + 24 * std::sin(radians(satellite.elevation)) +
                        std::sin(seconds / 7 + static_cast<double>(index));
