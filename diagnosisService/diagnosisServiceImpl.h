@@ -24,7 +24,8 @@
 
 namespace diagnosisService {
 
-/// Any thread may call every function, but only one thread init and start_monitors.
+/// Evaluates the statuses and serves testers and the event manager. Any thread may call every
+/// function, but only one thread calls init() and start_monitors().
 class diagnosisServiceImpl {
  public:
   using Clock = Status_book::Clock;

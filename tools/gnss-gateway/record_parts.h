@@ -24,8 +24,8 @@ void physical(boost::optional<Value>& value, Quality& quality, Source source) {
   quality = binding::Value_type::physical_value;
 }
 
-/// Takes a value that the source may have told. If the source knows it as not usable now, it keeps
-/// its place with quality Error.
+/// Takes a value that the source may have reported. If the source marks it as unusable, the value
+/// stays, with quality Error.
 template <class Value, class Source>
 void told(boost::optional<Value>& value,
           Quality& quality,

@@ -27,8 +27,8 @@ class Discovery_delays {
   [[nodiscard]] Milliseconds repetition(std::uint32_t sent) const {
     return timing_.repetitions_base_delay * (1u << std::min(sent, 16u));
   }
-  /// When entries leave that nothing received has caused: subscriptions, their ends and stop
-  /// offers. The process often causes several in a row, and all of them leave together.
+  /// The departure time of entries that the process itself causes: subscriptions, their ends and
+  /// stop offers. The process often causes several at once, and all of them leave together.
   [[nodiscard]] Time end_of_gathering(Time now) {
     if (gathering_end_ <= now) gathering_end_ = now + timing_.request_response_delay_max;
     return gathering_end_;

@@ -44,8 +44,8 @@ struct Instance_endpoints {
   friend bool operator==(const Instance_endpoints&, const Instance_endpoints&) = default;
 };
 
-/// Where a discovery message comes from. What it causes belongs to both members: an address cannot
-/// end, renew or restart what another one has said, whatever discovery endpoint it names.
+/// The origin of a discovery message. The effects of the message belong to both members: whatever
+/// discovery endpoint an address names, it cannot end, renew or restart the entries of another one.
 struct Origin {
   Address sender;  ///< of the datagram
   /// The service discovery that gets the answers: the sender's own unless the message names another
@@ -83,7 +83,7 @@ struct Subscriber {
   friend bool operator==(const Subscriber&, const Subscriber&) = default;
 };
 
-/// When an entry with this time to live ends, of which `longest` is accepted.
+/// The end of an entry with this time to live, of which at most `longest` seconds count.
 [[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds, std::uint32_t longest) {
   const std::uint32_t accepted = std::min(ttl_seconds, longest);
   return accepted == endless_ttl ? Time::max() : now + std::chrono::seconds(accepted);
