@@ -352,11 +352,10 @@ constexpr std::array table{
     Command{"exporter", "Answer Prometheus with the application's metrics",
             "Runs until it is interrupted. pos_up is 0 while the application gives no answer.",
             "posctl exporter --listen 127.0.0.1:9464", add_exporter},
-    Command{
-        "export", "Write positions to a GPX, KML, CSV or GeoJSON file",
-        "Runs until it is interrupted or done. The file is complete after every position; the\n"
-        "first one replaces an older file.",
-        "posctl export --gpx drive.gpx", add_export},
+    Command{"export", "Write positions to a GPX, KML, CSV or GeoJSON file",
+            "Runs until it is interrupted or done. The file is complete after every position; the\n"
+            "first one replaces an older file.",
+            "posctl export --gpx drive.gpx", add_export},
     Command{
         "nmea", "Send positions as NMEA 0183 sentences",
         "RMC, GGA, VTG, GSA and GST. RMC has status V while the last position is old or missing.\n"
