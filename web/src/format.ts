@@ -63,6 +63,11 @@ export function longitude(value: number): string {
   return `${Math.abs(value).toFixed(6)}° ${value < 0 ? "W" : "E"}`;
 }
 
+/** An angle from north: 359.6 is 0, not 360. */
+export function direction(degrees: number): string {
+  return `${((Math.round(degrees) % 360) + 360) % 360}°`;
+}
+
 const points = ["north", "north-east", "east", "south-east", "south", "south-west", "west", "north-west"];
 
 export function compass_point(degrees: number): string {
