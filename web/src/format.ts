@@ -19,6 +19,11 @@ export function grouped(value: number): string {
   return String(Math.round(value)).replace(/\B(?=(\d{3})+$)/g, thin);
 }
 
+/** As many digits as the number has. */
+export function plain_number(value: number): string {
+  return (Number.isInteger(value) ? grouped(value) : String(value)).replace("-", minus);
+}
+
 /** Three digits whatever the size: 0.42, 4.2, 42, 420. */
 export function rough(value: unknown): string {
   if (!is_number(value)) return no_value;
