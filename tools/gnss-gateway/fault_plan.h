@@ -36,8 +36,9 @@ class Fault_plan {
 
   /// Times in the request count from `now`. Throws std::invalid_argument when the plan is full.
   void add(const Fault_request& request, Fault_time now);
-  /// Ends, or never begins, the faults of this name; without a name all. Returns their number.
-  std::size_t clear(std::string_view name, Fault_time now);
+  /// Ends, or never begins, the faults of this name or of this request; without one all. Returns
+  /// their number.
+  std::size_t clear(std::string_view fault, Fault_time now);
   /// The faults in force and those that wait.
   [[nodiscard]] std::vector<State> list() const;
 

@@ -203,7 +203,8 @@ Run add_fault(CLI::App& command) {
       .add_option("fault", options->what,
                   "NAME[=VALUE][@START[+DURATION]] with times in seconds, list, or clear")
       ->capture_default_str();
-  command.add_option("name", options->name, "The fault to clear; none: all");
+  command.add_option("name", options->name,
+                     "The fault to clear, by its name or as it was ordered; none: all");
   command.add_flag("--json", options->json, "As a JSON object");
   add_answer_timeout(command, options->timeout);
   add_way(command, options->way);
@@ -276,8 +277,9 @@ Run add_serve(CLI::App& command) {
       ->type_name("ADDRESS:PORT")
       ->capture_default_str();
   command.add_flag("--open", options->open, "Show the page in the browser of this desktop");
-  command.add_flag("--control", options->control,
-                   "Let the page initialise monitors and ask for component states");
+  command.add_flag(
+      "--control", options->control,
+      "Let the page initialise monitors, ask for component states and make faults of the source");
   command.add_option("--token", options->token, "A word that each request needs")
       ->type_name("WORD")
       ->envname("POSCTL_TOKEN");

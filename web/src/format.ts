@@ -19,6 +19,11 @@ export function grouped(value: number): string {
   return String(Math.round(value)).replace(/\B(?=(\d{3})+$)/g, thin);
 }
 
+/** As many digits as the number has. */
+export function plain_number(value: number): string {
+  return (Number.isInteger(value) ? grouped(value) : String(value)).replace("-", minus);
+}
+
 /** Three digits whatever the size: 0.42, 4.2, 42, 420. */
 export function rough(value: unknown): string {
   if (!is_number(value)) return no_value;
@@ -61,6 +66,11 @@ export function latitude(value: number): string {
 
 export function longitude(value: number): string {
   return `${Math.abs(value).toFixed(6)}° ${value < 0 ? "W" : "E"}`;
+}
+
+/** An angle from north: 359.6 is 0, not 360. */
+export function direction(degrees: number): string {
+  return `${((Math.round(degrees) % 360) + 360) % 360}°`;
 }
 
 const points = ["north", "north-east", "east", "south-east", "south", "south-west", "west", "north-west"];

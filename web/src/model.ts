@@ -1,6 +1,6 @@
 /** All that the page knows, in bounded memory. Panels read it and follow its topics; only frames of the source change it. */
 
-import type { Answer, Application, Change, Component, Hello, Log_lines, Monitor_state, Notification, Offer, Peers, Record_json } from "./feed";
+import type { Answer, Application, Change, Component, Hello, Known_fault, Log_lines, Monitor_state, Notification, Offer, Peers, Record_json, Source_faults } from "./feed";
 import type { Statistics, Status, Topics } from "./feed";
 import { is_number, position_types, sentence, spaced } from "./format";
 import { Link, Series, type Curve, type Values } from "./series";
@@ -88,7 +88,10 @@ export class Model implements Sink {
   readonly monitors = new Map<string, Monitor_state>();
   readonly offers = new Map<string, Offer>();
   readonly counters = new Map<string, Counter>();
-  readonly answers = new Map<number, Answer>();
+  /** The last one. */
+  answer: Answer | undefined;
+  source_faults: Latest<Source_faults> | undefined;
+  fault_kinds: readonly Known_fault[] = [];
 
   output: Latest<Notification> | undefined;
   map: Latest<Notification> | undefined;
@@ -244,8 +247,11 @@ export class Model implements Sink {
         this.component = frame.data;
         break;
       case "answer":
-        this.answers.clear();
-        this.answers.set(frame.data.id, frame.data);
+        this.answer = frame.data;
+        break;
+      case "sourceFaults":
+        this.source_faults = latest(frame.data);
+        if (frame.data.kinds?.length) this.fault_kinds = frame.data.kinds;
         break;
       case "lost":
         this.interrupt();
@@ -403,7 +409,8 @@ export class Model implements Sink {
     for (const map of [this.spacing, this.message_counters, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
     this.events.length = this.log.length = this.log_lost = 0;
     this.output = this.map = this.satellites = this.times = undefined;
-    this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = undefined;
+    this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = this.source_faults = undefined;
+    this.fault_kinds = [];
     this.skew = undefined;
     this.tell("reset");
   }

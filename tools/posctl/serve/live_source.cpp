@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cmath>
 #include <condition_variable>
 #include <exception>
@@ -20,11 +21,13 @@
 #include "posService/Positioning.h"
 #include "tools/posctl/component_bus.h"
 #include "tools/posctl/connect.h"
+#include "tools/posctl/fault_orders.h"
 #include "tools/posctl/glossary.h"
 #include "tools/posctl/monitor_reports.h"
 #include "tools/posctl/notification_json.h"
 #include "tools/posctl/offers.h"
-#include "tools/posctl/present.h"
+#include "tools/posctl/serve/fault_watch.h"
+#include "tools/posctl/serve/source_parts.h"
 #include "tools/posctl/statistics_page.h"
 #include "tools/posctl/verdict.h"
 
@@ -61,47 +64,6 @@ constexpr std::size_t most_samples = 64;
 constexpr std::array<const char*, 3> groups{"inputs", "outputs", "system"};
 constexpr std::array<const char*, 3> faults{"notAvailable", "errorValueReceived", "implausible"};
 
-/// What comes round each period.
-class Period {
- public:
-  explicit Period(milliseconds length) : length_(length) {}
-  [[nodiscard]] bool is_due(Clock::time_point now) {
-    if (now < last_ + length_) return false;
-    last_ = now;
-    return true;
-  }
-
- private:
-  const milliseconds length_;
-  Clock::time_point last_;
-};
-
-/// A service that the manifest may lack.
-template <class Proxy>
-class Service {
- public:
-  Service() {
-    try {
-      present_.emplace();
-    } catch (const std::runtime_error& error) {
-      missing_ = error.what();
-    }
-  }
-  bool update() { return present_ && present_->update(); }
-  [[nodiscard]] Proxy* proxy() { return present_ ? present_->proxy() : nullptr; }
-  [[nodiscard]] Json row() {
-    const bool offered = proxy() != nullptr;
-    return {{"present", offered},
-            {"text", offered            ? "offered"
-                     : missing_.empty() ? "not offered"
-                                        : missing_}};
-  }
-
- private:
-  std::optional<Present<Proxy>> present_;
-  std::string missing_;  ///< what the manifest lacks
-};
-
 /// The meaning of each name that a status may have, by group and name.
 Json words_of(const Json& status) {
   static const std::vector<Term> terms = glossary();
@@ -128,6 +90,11 @@ Json changed(const Json& counters, const Json& before) {
   return json;
 }
 
+void tell_whether(Page_feed& feed, const Json& application) {
+  feed.keep(Topic::application, application);
+  feed.event(Topic::application, application);
+}
+
 /// Subscribes to a field that has just been found.
 template <class Field>
 void follow(Field& field, Page_feed& feed) {
@@ -141,21 +108,19 @@ void follow(Field& field, Page_feed& feed) {
 
 class Live_source::Implementation {
  public:
-  Implementation(Page_feed& feed, const std::string& node)
+  Implementation(Page_feed& feed, const Live_options& options)
       : feed_(feed),
-        deployment_(tq::com::load_deployment(node)),
+        deployment_(tq::com::load_deployment(options.node)),
         offers_(deployment_,
                 most_offers,
                 [this](const char* event, const auto& key, const auto& offer) {
                   tell_offer(event, key, offer);
                 }) {
     try {
-      listener_.emplace(deployment_, node);
+      listener_.emplace(deployment_, options.node);
     } catch (const std::exception& error) {
       feed_.keep(Topic::offers, {{"schema", 1}, {"offers", Json::array()}, {"text", error.what()}});
     }
-    gate_->feed = &feed_;
-    follow_component_states();
     tell_application(false, "the application has not been found yet");
     tell_services();
     try {
@@ -165,16 +130,17 @@ class Live_source::Implementation {
     } catch (const std::runtime_error& error) {  // the manifest has none
       feed_.keep(Topic::monitors, {{"monitors", Json::array()}, {"text", error.what()}});
     }
+    if (!options.faults_absence.empty()) faults_.emplace(feed_, options.faults_absence);
     thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
   }
   ~Implementation() {
     thread_.request_stop();
     thread_.join();
-    const std::lock_guard lock(gate_->mutex);
-    gate_->feed = nullptr;
   }
   Implementation(const Implementation&) = delete;
   Implementation& operator=(const Implementation&) = delete;
+
+  [[nodiscard]] bool has_application() const { return present_; }
 
  private:
   void run(const std::stop_token& stop) {
@@ -197,6 +163,7 @@ class Live_source::Implementation {
       // Once for all changes: a peer decides how many one datagram brings.
       if (std::exchange(offers_changed_, false)) feed_.keep(Topic::offers, offers_.json());
     }
+    if (faults_) faults_->look(now);
     // Without an application nothing else comes, and a page could not tell that the server is
     // alive.
     if (!present_ && services_period_.is_due(now)) tell_services();
@@ -258,24 +225,14 @@ class Live_source::Implementation {
   }
   void tell_application(bool present, const std::string& text) {
     present_ = present;
-    Json json{{"present", present}, {"since", seconds_since_1970() * 1000}, {"text", text}};
-    if (present) json["started"] = started_;
-    feed_.keep(Topic::application, json);
-    feed_.event(Topic::application, json);
-    if (present) return;
-    Json status{{"schema", 1},
-                {"verdict", "no answer"},
-                {"reason", text},
-                {"findings", Json::array()},
-                {"ratePerS", 0}};
-    for (const auto* group : groups) {
-      for (const auto* member : {"sinceS", "words"})
-        status[member][group] = Json::object();
-      status[group] = Json::object();
+    if (present) {
+      tell_whether(feed_, {{"present", true},
+                           {"since", seconds_since_1970() * 1000},
+                           {"text", text},
+                           {"started", started_}});
+    } else {
+      tell_no_application(feed_, text);
     }
-    for (const auto* kind : faults)
-      status["dataBus"][kind] = Json::array();
-    feed_.state(Topic::status, status);
   }
 
   void look_at_statistics() {
@@ -423,33 +380,7 @@ class Live_source::Implementation {
     feed_.event(Topic::offer, json);
   }
 
-  /// For the thread of the bus, which may outlive the source.
-  struct Gate {
-    std::mutex mutex;  ///< guards the member below
-    Page_feed* feed = nullptr;
-  };
-  void follow_component_states() {
-    const auto tell = [gate = gate_](const Json& json) {
-      const std::lock_guard lock(gate->mutex);
-      if (gate->feed == nullptr) return;
-      gate->feed->keep(Topic::component, json);
-      gate->feed->event(Topic::component, json);
-    };
-    posctl::follow_component_states(
-        [tell](bool available, const std::string& text) {
-          tell({{"available", available}, {"text", text}});
-        },
-        [tell](const Component_confirmation& confirmation) {
-          tell({{"available", true},
-                {"text", ""},
-                {"state", confirmation.state},
-                {"sequenceNumber", confirmation.sequence_number},
-                {"result", confirmation.result}});
-        });
-  }
-
   Page_feed& feed_;
-  const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
   // The members below are of the constructor, then of the thread.
   const someip::Deployment deployment_;
   Offer_table offers_;
@@ -459,10 +390,11 @@ class Live_source::Implementation {
   Service<TimeProxy> time_;
   Service<Statistics_proxy> statistics_;
   std::optional<Monitor_reports> monitors_;
+  std::optional<Fault_watch> faults_;
   Period services_period_{second}, statistics_period_{second}, status_period_{second},
       verdict_period_{second}, log_period_{log_period};
-  bool present_ = true;  ///< so that the first word is that it is not
-  double started_ = 0;   ///< milliseconds since 1970; 0: not known
+  std::atomic<bool> present_ = true;  ///< so that the first word is that it is not
+  double started_ = 0;                ///< milliseconds since 1970; 0: not known
   Json figures_ = Json::object();
   Json last_status_;
   std::optional<binding::Diagnosis_state> last_state_;
@@ -472,18 +404,49 @@ class Live_source::Implementation {
   std::jthread thread_;
 };
 
-Live_source::Live_source(Page_feed& feed, const std::string& node)
-    : implementation_(std::make_unique<Implementation>(feed, node)) {}
+Live_source::Live_source(Page_feed& feed, const Live_options& options)
+    : implementation_(std::make_unique<Implementation>(feed, options)) {}
 
 Live_source::~Live_source() = default;
 
+bool Live_source::has_application() const {
+  return implementation_->has_application();
+}
+
+void tell_no_application(Page_feed& feed, const std::string& text) {
+  tell_whether(feed, {{"present", false}, {"since", seconds_since_1970() * 1000}, {"text", text}});
+  Json status{{"schema", 1},
+              {"verdict", "no answer"},
+              {"reason", text},
+              {"findings", Json::array()},
+              {"ratePerS", 0}};
+  for (const auto* group : groups) {
+    for (const auto* member : {"sinceS", "words"})
+      status[member][group] = Json::object();
+    status[group] = Json::object();
+  }
+  for (const auto* kind : faults)
+    status["dataBus"][kind] = Json::array();
+  feed.state(Topic::status, status);
+}
+
 std::string Live_actor::act(const Action& action) {
   constexpr double time = 5;
+  const std::lock_guard lock(mutex_);
+  if (!problem_.empty() && action.kind != Action::Kind::component_state)
+    throw tools::No_answer("no way to the application: " + problem_);
   const auto deadline = deadline_in(time);
   switch (action.kind) {
     case Action::Kind::init_monitor:
       return initialise_monitor(monitor_instance(action.name), init_reason(action.reason),
                                 deadline);
+    case Action::Kind::make_fault:
+      make_fault(*connect_to_gateway(deadline), action.name, deadline);
+      return "the gateway makes the fault " + action.name;
+    case Action::Kind::end_faults: {
+      const auto count = end_faults(*connect_to_gateway(deadline), action.name, deadline);
+      return count == 1 ? "1 fault ended" : std::to_string(count) + " faults ended";
+    }
     case Action::Kind::component_state:
       break;
   }
@@ -491,6 +454,11 @@ std::string Live_actor::act(const Action& action) {
   if (result != 0)
     throw std::runtime_error(action.name + " was refused with " + std::to_string(result));
   return action.name + " is confirmed";
+}
+
+void Live_actor::change_way(const std::function<std::string()>& change) {
+  const std::unique_lock lock(mutex_, std::try_to_lock);
+  if (lock.owns_lock()) problem_ = change();
 }
 
 }  // namespace posctl::serve

@@ -47,6 +47,7 @@ enum class Topic : std::uint8_t {
   monitors,
   monitor,
   component,
+  source_faults,
   log,
   answer,
   lost,
@@ -82,6 +83,8 @@ class Page_feed {
   }
   /// Sends notifications that were held back. Call it some ten times a second.
   void flush();
+  /// Replaces the data of the first frame.
+  void greet(Json hello);
   /// A state: it is sent now and to each client that comes, who gets `whole` if that is given.
   void state(Topic topic, const Json& data, const Json* whole = nullptr);
   /// A state for clients that come; the others know it from events.
@@ -140,7 +143,7 @@ class Page_feed {
 
   std::atomic<std::size_t> clients_ = 0;
   std::mutex mutex_;  ///< guards the members below
-  const Json hello_;
+  Json hello_;
   Listener listener_;
   std::uint64_t number_ = 0;
   std::array<Text, topic_count> states_;

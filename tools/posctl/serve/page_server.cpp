@@ -131,8 +131,11 @@ class Page_server::Implementation {
   Http_answer answer_path(const Http_request& request);
   [[nodiscard]] Http_answer answer_file(const Http_request& request, const Page_file& file) const;
   Http_answer accept_client(const Http_request& request);
-  /// The data of the answer to what a client has sent. Runs in the thread of the actions.
-  [[nodiscard]] Json act(std::string_view text) const;
+  /// Takes a place among the actions under way. Throws std::runtime_error without one. `own` is the
+  /// client's number of them.
+  void admit(std::size_t own);
+  /// The data of the answer. Runs in the thread of the actions.
+  [[nodiscard]] Json act(const Action& action) const;
   void broadcast(std::uint64_t number, const Page_feed::Text& text);
   void remove(const std::shared_ptr<Client>& client) {
     clients_.erase(client);
@@ -145,6 +148,7 @@ class Page_server::Implementation {
   const std::map<std::string_view, Page_file> files_ = files_by_name();
   const std::shared_ptr<const std::string> page_;  ///< with the token, if there is one
   std::set<std::shared_ptr<Client>> clients_;
+  std::size_t actions_under_way_ = 0;
   std::atomic<bool> ending_{false};  ///< actions that wait are dropped
   asio::thread_pool actions_{1};
   Http_server server_;
@@ -247,23 +251,41 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
       close(websocket::close_code::policy_error);
       return;
     }
-    std::string text = beast::buffers_to_string(buffer_.data());
+    const std::string text = beast::buffers_to_string(buffer_.data());
     buffer_.consume(buffer_.size());
-    asio::post(server_.actions_, [self = shared_from_this(), text = std::move(text)] {
-      const Json answer = self->server_.act(text);
-      asio::post(self->server_.server_.executor(), [self, answer] {
-        if (self->ended_) return;
-        auto line = std::make_shared<const std::string>(
-            frame(Topic::answer, seconds_since_1970() * 1000, answer));
-        // Frames stop at the bound; a browser that asks and does not read its answers is ended.
-        const std::size_t size = line->size();
-        if (self->waiting_bytes_ + size > 2 * self->server_.limits_.waiting_bytes)
-          return self->end();
-        self->waiting_bytes_ += size;
-        self->push({std::move(line), size});
-        self->read();
+    begin(text);
+    // Also while an action runs: the answers to pings are the browser's sign of life.
+    if (!ended_) read();
+  }
+  void begin(std::string_view text) {
+    Json refusal{{"id", 0}, {"ok", false}};
+    try {
+      const Action action = action_of(text);
+      refusal["id"] = action.id;
+      server_.admit(actions_);
+      ++actions_;
+      asio::post(server_.actions_, [self = shared_from_this(), action] {
+        const Json answer = self->server_.act(action);
+        asio::post(self->server_.server_.executor(), [self, answer] {
+          --self->server_.actions_under_way_;
+          --self->actions_;
+          self->tell(answer);
+        });
       });
-    });
+    } catch (const std::exception& error) {
+      refusal["text"] = error.what();
+      tell(refusal);
+    }
+  }
+  void tell(const Json& answer) {
+    if (ended_) return;
+    auto line = std::make_shared<const std::string>(
+        frame(Topic::answer, seconds_since_1970() * 1000, answer));
+    // Frames stop at the bound; a browser that asks and does not read its answers is ended.
+    const std::size_t size = line->size();
+    if (waiting_bytes_ + size > 2 * server_.limits_.waiting_bytes) return end();
+    waiting_bytes_ += size;
+    push({std::move(line), size});
   }
   void close(websocket::close_code code) {
     socket_.async_close(code, [self = shared_from_this()](error_code) { self->end(); });
@@ -284,8 +306,9 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
   std::uint64_t contained_ = 0;  ///< frames up to this one are in the snapshot
   std::uint64_t lost_ = 0;       ///< frames since the queue was full
   std::chrono::steady_clock::time_point second_;
-  unsigned messages_ = 0;  ///< since second_
-  bool open_ = false;      ///< the handshake is done
+  unsigned messages_ = 0;    ///< since second_
+  std::size_t actions_ = 0;  ///< under way
+  bool open_ = false;        ///< the handshake is done
   bool ended_ = false;
 };
 
@@ -353,13 +376,17 @@ void Page_server::Implementation::broadcast(std::uint64_t number, const Page_fee
     client->send(number, text);
 }
 
-Json Page_server::Implementation::act(std::string_view text) const {
-  Json answer{{"id", 0}, {"ok", false}};
+void Page_server::Implementation::admit(std::size_t own) {
+  if (options_.actor == nullptr)
+    throw std::runtime_error("this page only looks: posctl serve --control lets it act");
+  if (own >= limits_.client_actions || actions_under_way_ >= limits_.actions)
+    throw std::runtime_error("other actions are under way: try again when they have their answers");
+  ++actions_under_way_;
+}
+
+Json Page_server::Implementation::act(const Action& action) const {
+  Json answer{{"id", action.id}, {"ok", false}};
   try {
-    const Action action = action_of(text);
-    answer["id"] = action.id;
-    if (options_.actor == nullptr)
-      throw std::runtime_error("this page only looks: posctl serve --control lets it act");
     if (ending_) throw std::runtime_error("the server ends");
     answer["text"] = options_.actor->act(action);
     answer["ok"] = true;

@@ -2,7 +2,7 @@
 
 import type { Marks } from "../feed";
 import { button, h, select, set_attribute, set_text } from "../dom";
-import { compass_point, decimal, distance, duration, is_number, latitude, longitude } from "../format";
+import { compass_point, direction, distance, duration, is_number, latitude, longitude } from "../format";
 import { metres_between, metres_of_degree } from "../model";
 import { Palette, Surface, type Context, type Panel } from "../panel";
 import { Link, type Series } from "../series";
@@ -494,7 +494,7 @@ export function track_panel(context: Context): Panel {
     const place = last_place();
     const heading = place ? place.series.value("yawAngle", place.row) : NaN;
     set_attribute(canvas, "aria-label", `Track, ${text}.` + (place
-      ? ` Last at ${latitude(place.lat)} ${longitude(place.lon)}${Number.isNaN(heading) ? "" : `, heading ${decimal(heading, 0)}°, ${compass_point(heading)}`}.`
+      ? ` Last at ${latitude(place.lat)} ${longitude(place.lon)}${Number.isNaN(heading) ? "" : `, heading ${direction(heading)}, ${compass_point(heading)}`}.`
       : ""));
   }
 

@@ -40,7 +40,7 @@ export function wire_panel(context: Context): Panel {
     fill(counters, counter_rows(), "None since this page was opened.");
     fill(seen, Object.entries(model.services ?? {}).map(([name, { present, text }]): Row =>
       ({ key: name, tone: present ? "good" : "off", cells: [name, present ? text || "there" : text || "not there"] })), "None yet.");
-    set_text(way, model.hello ? `The server looks at the application ${model.hello.way}.` : "");
+    set_text(way, model.hello ? `The server's way to the application: ${model.hello.way}.` : "");
     const lines = model.events.filter((one) => one.lane === "offer").slice(-discovery_shown).reverse();
     keep_list(discovery, lines, (one) => String(one.number), (one) =>
       h("li", {}, h("time", {}, clock_time(one.at)), glyph(one.tone), h("span", {}, one.text)), () => undefined);
