@@ -283,7 +283,7 @@ Run add_serve(CLI::App& command) {
   command.add_option("--token", options->token, "A word that each request needs")
       ->type_name("WORD")
       ->envname("POSCTL_TOKEN");
-  command.add_option("--marks", options->marks, "Land marks: a GPX or GeoJSON file")
+  command.add_option("--marks", options->marks, "Landmarks: a GPX or GeoJSON file")
       ->type_name("FILE");
   add_way(command, options->way);
   return with(std::move(options), serve_page);

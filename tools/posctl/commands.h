@@ -180,7 +180,7 @@ struct Serve_options {
   bool open = false;     ///< shows the page in the browser of the desktop
   bool control = false;  ///< lets clients act
   std::string token;     ///< that each request needs; empty: none
-  std::string marks;     ///< a file with land marks; empty: none
+  std::string marks;     ///< a file with landmarks; empty: none
   Way_options way;       ///< empty: the network, else the socket
 };
 /// Serves the page until it is interrupted.
