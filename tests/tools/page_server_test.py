@@ -120,7 +120,7 @@ class Page_server(unittest.TestCase):
         # A socket that --connect names and that comes later.
         path = self.desk.path / "elsewhere"
         path.mkdir()
-        self.serve("--connect", path / "pos.sock")
+        self.serve("--connect", path / "POS.sock")
         client = self.open()
         self.assertIn("No such file", client.until("application", lambda data: not data["present"])["data"]["text"])
         self.start(APPLICATION, environment={"POS_RUNTIME_DIR": str(path)})

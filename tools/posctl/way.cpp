@@ -51,6 +51,10 @@ someip::Address address_of(const std::string& text) {
   return address;
 }
 
+Possible_way network_as(const std::string& node) {
+  return {{}, node, std::nullopt, "over the network as node " + node};
+}
+
 std::unique_ptr<tq::com::Runtime> through(const std::string& path) {
   return tq::com::make_local_runtime(tq::com::load_deployment(), usual_node, path);
 }
@@ -81,7 +85,9 @@ std::optional<someip::Address> own_address(const std::vector<someip::Address>& a
 }
 
 Possible_way over_the_network(const std::string& node) {
-  return {{}, node, std::nullopt, "over the network as node " + node};
+  if (!has_address(node))
+    throw std::runtime_error("this machine has no address of the node " + node);
+  return network_as(node);
 }
 
 Possible_way choose_way(const Way_options& options) {
@@ -97,7 +103,7 @@ Possible_way choose_way(const Way_options& options) {
     }
     return {options.connect, usual_node, std::nullopt, "through " + options.connect};
   }
-  auto network = over_the_network(options.node.empty() ? usual_node : options.node);
+  auto network = network_as(options.node.empty() ? usual_node : options.node);
   if (!options.connect.empty()) network.only = address_of(options.connect);
   if (network.only || !options.node.empty() || environment_names_an_address()) return network;
 

@@ -47,7 +47,8 @@ struct Possible_way {
 /// if there is no way.
 [[nodiscard]] Possible_way choose_way(const Way_options& options);
 
-/// The network, for those who want to see the sources too.
+/// The network, for those who want to see the sources too. Throws std::runtime_error if this
+/// machine has no address of the node.
 [[nodiscard]] Possible_way over_the_network(const std::string& node);
 
 /// The runtime of a way, beside the one in force. Throws std::runtime_error if the way cannot be
