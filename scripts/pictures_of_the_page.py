@@ -14,13 +14,14 @@ def main():
     folder.mkdir(exist_ok=True)
     with Desk() as desk, Browser() as page:
         desk.start(APPLICATION)
-        gateway = desk.start(GATEWAY, "--rate", 10)
+        gateway = desk.start(GATEWAY, "--rate", 10, "--control")
         url = desk.start(POSCTL, "serve", "--listen", "127.0.0.1:0").stdout.readline().strip()
 
-        def picture(name, view="", **look):
+        def picture(name, view="", server=url, **look):
             look = {"width": 1280, "height": 800, "scheme": "light", **look}
-            page.open(url=f"{url}#{view}", **look)
-            page.until(script="() => document.querySelectorAll('[data-light]').length > 10 && document.querySelectorAll('.satellite').length > 5")
+            page.open(url=f"{server}#{view}", **look)
+            page.until(script="() => document.querySelectorAll('[data-light]').length > 10 && document.querySelectorAll('.satellite').length > 5"
+                              " || document.querySelectorAll('#control .planned li').length == 2")
             page.value("document.fonts.ready.then(() => new Promise(done => setTimeout(done, 1500)))")
             page.screenshot(path=str((folder / f"{name}.webp").resolve()))
 
@@ -30,6 +31,11 @@ def main():
         picture("page", "span=60&color=speed")
         picture("page-dark", "span=60&color=speed", scheme="dark")
         picture("page-time", "span=60&only=time", height=640)
+        control = desk.start(POSCTL, "serve", "--listen", "127.0.0.1:0", "--control").stdout.readline().strip()
+        for fault in ("accuracy=3@0+600", "off@300+10"):
+            desk.run(POSCTL, "fault", fault)
+        picture("page-control", "only=control", server=control, height=560)
+        desk.run(POSCTL, "fault", "clear")
         picture("page-phone", "span=60", width=360, height=780, scheme="dark")
         gateway.kill()
         page.look(width=1280, height=800, scheme="light")

@@ -99,6 +99,34 @@ class Page_server(unittest.TestCase):
         self.assertGreater(second["started"], first["started"])
         client.until("output", lambda data: "LAT" in data["records"][0])
 
+    def test_it_may_start_before_the_application_and_before_its_machine_has_an_address(self):
+        self.desk.manifest["nodes"]["POS"]["localSocket"] = True
+        nodes = self.desk.manifest["nodes"]
+        usual, nodes["posctl"] = nodes["posctl"], {"address": "10.9.8.30", "prefixLength": 24}  # not of this machine
+        self.desk.write_manifest()
+        self.serve()
+        client = self.open()
+        self.assertIn("no application listens", client.until("hello")["data"]["way"])
+        application = self.start(APPLICATION)
+        client.until("application", lambda data: data["present"])
+        client.until("hello", lambda data: data["way"].startswith("through /"))
+        nodes["posctl"] = usual  # the machine gets its address
+        self.desk.write_manifest()
+        client.until("hello", lambda data: data["way"].startswith("over the network"))
+        self.start(GATEWAY)
+        client.until("input", lambda data: "LAT" in data["records"][0])
+        client.until("output", lambda data: "LAT" in data["records"][0])
+        self.desk.stop(application)
+
+        # A socket that --connect names and that comes later.
+        path = self.desk.path / "elsewhere"
+        path.mkdir()
+        self.serve("--connect", path / "POS.sock")
+        client = self.open()
+        self.assertIn("No such file", client.until("application", lambda data: not data["present"])["data"]["text"])
+        self.start(APPLICATION, environment={"POS_RUNTIME_DIR": str(path)})
+        client.until("application", lambda data: data["present"])
+
     def test_a_fast_source_costs_a_browser_twenty_frames_a_second(self):
         self.serve()
         self.start(APPLICATION)
@@ -167,10 +195,11 @@ class Page_server(unittest.TestCase):
             self.assertEqual(client.closed_with(), code)
             client.close()
         client = self.open("/feed", **bearer)
-        client.send(json.dumps({"action": "componentState", "id": 1, "state": "kPrepSD"}).encode())
-        answer = client.until("answer")["data"]
-        self.assertEqual((answer["id"], answer["ok"]), (1, False))
-        self.assertIn("--control", answer["text"])
+        for number, action in enumerate(({"action": "componentState", "state": "kPrepSD"}, {"action": "makeFault", "fault": "off"})):
+            client.send(json.dumps({"id": number, **action}).encode())
+            answer = client.until("answer")["data"]
+            self.assertEqual((answer["id"], answer["ok"]), (number, False))
+            self.assertIn("--control", answer["text"])
         for _ in range(24):  # more than the bound of a second, in two
             client.send(b"{}")
             client.until("answer")

@@ -48,6 +48,7 @@ const commands = {
   press: ({ key }) => page.keyboard.press(key),
   hover: ({ selector }) => page.hover(selector),
   click: ({ selector }) => page.click(selector),
+  choose: ({ selector, value }) => page.selectOption(selector, value).then(() => undefined),
   fill: ({ selector, text }) => page.fill(selector, text),
   /** A .webp or a .png. */
   screenshot: async ({ path }) => {

@@ -103,8 +103,8 @@ class Page(unittest.TestCase):
         self.addCleanup(lambda: process.poll() is not None or self.assertEqual(self.desk.stop(process)[0], 0))
         return process
 
-    def serve(self, address="127.0.0.1:0"):
-        self.server = self.start(POSCTL, "serve", "--listen", address)
+    def serve(self, address="127.0.0.1:0", *arguments):
+        self.server = self.start(POSCTL, "serve", "--listen", address, *arguments)
         return self.server.stdout.readline().strip()
 
     def read(self, *arguments):
@@ -123,6 +123,8 @@ class Page(unittest.TestCase):
         page.shows(".verdict .word", "Healthy")
         until(lambda: page.texts(".strip .curve-0 .number")[0].startswith(("9.", "10.")), "the rate")
         until(lambda: re.search(r"Rate out\s+(9|10)\.\d", page.text(".now .rows")), "the rate of this moment")
+        self.assertEqual(page.value("document.querySelector('#control').offsetHeight"), 0)  # without --control
+        self.assertNotIn("Control", page.text("nav") + page.text(".rights"))
         self.assertRegex(page.text(".now .rows"), r"Fix\s+3D(.|\n)*Source\s+GNSS and GNSS-DR")
         until(lambda: re.search(r"[1-9]\d* used of \d+ in view", page.text(".sky .caption")), "the sky")
 
@@ -196,6 +198,65 @@ class Page(unittest.TestCase):
         self.serve(port)
         page.shows(".verdict .word", "Healthy")
         until(lambda: page.texts(".lines .text"), "the log")
+
+    def test_with_control_it_initialises_requests_and_makes_faults(self):
+        self.desk.start_bus()
+        self.start(APPLICATION)
+        page = self.browser
+        page.open(url=self.serve("127.0.0.1:0", "--control"), height=4000)
+        page.shows("#control .absence", "start gnss-gateway with --control")
+        self.start(GATEWAY, "--rate", 10, "--control")
+        page.shows(".verdict .word", "Healthy")
+        until(lambda: "second-provider" in page.texts("#fault-kind option"), "the faults that the gateway knows")
+
+        # A fault by keyboard alone.
+        for _ in range(PANELS.index("health") + 2):
+            page.press(key="F6")
+        for key in ("Tab", "Tab", "End", "Home", "Tab", "Enter"):  # to the list of faults, the last, off, the start
+            page.press(key=key)
+        page.shows("#control .planned", "off\nin force for")
+        page.shows('[data-light="inputs.gnss"] .word', "Error")
+        page.shows(".rights", "Control on, 1 fault made")
+        page.shows(".faults .answer", "Done: the gateway makes the fault off.")
+        for key in ("Tab", "Tab", "Tab", "Enter"):  # the duration, the form's button, the fault's
+            page.press(key=key)
+        page.shows('[data-light="inputs.gnss"] .word', "Nominal")
+        page.shows("#control .none", "No fault is in force.")
+        self.assertEqual(page.value("document.activeElement.closest('section')?.id"), "control")
+
+        # Texts that the page refuses, and one that the gateway refuses.
+        page.choose(selector="#fault-kind", value="jump")
+        for text in ("12 m", "10000001", "5@3"):
+            page.fill(selector="#fault-value", text=text)
+            page.press(key="Enter")
+            self.assertIn(f"Value: a number from −10\u202f000\u202f000 to 10\u202f000\u202f000 (m) is expected, found “{text}”.", page.text(".problem"))
+            self.assertEqual(page.value("document.activeElement.ariaInvalid + document.activeElement.id"), "truefault-value")
+        page.fill(selector="#fault-value", text="20")
+        page.fill(selector="#fault-start", text="9999999")
+        page.press(key="Enter")
+        page.shows(".faults .answer", 'Refused: fault "jump=20@9999999": expected a start in seconds from 0 to 1000000, found "9999999".')
+        self.assertEqual(page.accessibility(), [])
+
+        # Those of others, and those that wait.
+        page.fill(selector="#fault-start", text="600")
+        page.fill(selector="#fault-duration", text="1.5")
+        page.press(key="Enter")
+        page.shows("#control .planned", "jump=20@600+1.5\nbegins in")
+        self.assertEqual(self.desk.run(POSCTL, "fault", "value-type=2")[0], 0)
+        page.shows("#control .planned", "value-type=2\nin force for")
+        page.look(width=1280, height=4000, scheme="dark")
+        self.assertEqual(page.accessibility(), [])
+        page.click(selector=".now-planned > button")
+        page.shows("#control .none", "No fault is in force.")
+        self.assertEqual(self.read("fault")["faults"], [])
+
+        page.choose(selector=".requests select", value="POS_Input_GNSS")
+        page.click(selector=".requests .line button")
+        page.shows(".requests .answer", "Done: ")
+        page.shows(".events", "POS_Input_GNSS: ")
+        page.click(selector=".requests .states button")
+        page.shows(".requests .answer", "Done: kOn is confirmed.")
+        page.shows(".component", "Component state kOn")
 
     def test_a_jump_separates_the_track_and_satellites_stand_at_their_angles(self):
         self.start(APPLICATION)
@@ -281,7 +342,7 @@ class Synthetic_page(unittest.TestCase):
         page = self.browser
         for width, height, scheme in ((360, 780, "light"), (768, 1024, "light"), (1280, 800, "dark"), (1280, 800, "light"), (3840, 2160, "dark")):
             with self.subTest(width=width, scheme=scheme):
-                self.open(width=width, height=height, scheme=scheme)
+                self.open("?control", width=width, height=height, scheme=scheme)
                 self.drive(60)
                 page.value("source.send('application', {present: false, since: Date.now() - 5000, text: 'it has withdrawn its offer'}, Date.now())")
                 page.shows(".verdict .word", "No application")
@@ -291,9 +352,10 @@ class Synthetic_page(unittest.TestCase):
 
     def test_the_keyboard_reaches_everything_and_the_focus_is_seen(self):
         page = self.browser
-        self.open()
+        self.open("?control")
         self.drive(60)
-        for panel in [*PANELS, PANELS[0]]:
+        panels = [*PANELS[:4], "control", *PANELS[4:]]
+        for panel in [*panels, panels[0]]:
             page.press(key="F6")
             self.assertEqual(page.value("document.activeElement.closest('section')?.id"), panel)
         page.value("document.activeElement.blur()")
@@ -306,7 +368,7 @@ class Synthetic_page(unittest.TestCase):
                 break
             reached.add(here[0])
             self.assertTrue(here[1], f"focus is not seen: {page.value('document.activeElement.outerHTML')}")
-        self.assertLessEqual(set(PANELS), reached)
+        self.assertLessEqual(set(panels), reached)
         page.value("document.querySelector('[data-light]').focus()")
         page.press(key="ArrowDown")
         self.assertIn("odometry, input: not available", page.text(".explanation"))

@@ -18,12 +18,23 @@ function position(t: number, counter: number): Record_json {
 class Synthetic_source implements Source {
   private sink: Sink | undefined;
 
-  constructor(private readonly rate: number) {}
+  constructor(private readonly rate: number, private readonly control: boolean) {}
 
   start(sink: Sink): void {
     this.sink = sink;
     sink.connection_changed({ state: "open", since: Date.now() });
-    this.send("hello", { version: "1", server: "synthetic", source: "live", control: false, way: "made here", marks: false, monitorReasons: [], componentStates: [] }, Date.now());
+    this.send("hello", { version: "1", server: "synthetic", source: "live", control: this.control, way: "made here", marks: false, monitorReasons: ["kClear", "kRestart"], componentStates: ["kOn", "kPrepSD"] }, Date.now());
+    if (!this.control) return;
+    this.send("monitors", { monitors: [{ schema: 1, monitor: "0x83D101", name: "POS_Input_GNSS", status: "Nominal" }] }, Date.now());
+    this.send("sourceFaults", {
+      schema: 1, present: true, text: "",
+      faults: [{ fault: "jump=1000@0+600", inForce: true, sinceS: 4, endsInS: 596 }, { fault: "missing=accuracySpeedVertical@3600", inForce: false, startsInS: 3500, endsInS: null }],
+      kinds: [
+        { name: "jump", meaning: "the positions are this far north of the true ones", unit: "m", low: -1e7, high: 1e7, choices: [], usual: "1000" },
+        { name: "off", meaning: "the service is withdrawn", unit: "", low: 0, high: 0, choices: [], usual: "" },
+        { name: "missing", meaning: "a member of positions, or all, is not sent", unit: "", low: 0, high: 0, choices: ["LAT", "accuracySpeedVertical"], usual: "LAT" },
+      ],
+    }, Date.now());
   }
 
   retry(): void {}
@@ -80,5 +91,6 @@ declare global {
   }
 }
 
-window.source = new Synthetic_source(Number(new URLSearchParams(location.search).get("rate") ?? 20));
+const parameters = new URLSearchParams(location.search);
+window.source = new Synthetic_source(Number(parameters.get("rate") ?? 20), parameters.has("control"));
 show(window.source);

@@ -81,7 +81,8 @@ struct binding::Description<gateway::Fault_order> {
                                                    &Record::fault,
                                                    "",
                                                    "NAME[=VALUE][@START[+DURATION]], in seconds; "
-                                                   "to clear: NAME, or nothing for all")};
+                                                   "to clear: NAME, a whole order, or nothing for "
+                                                   "all")};
 };
 
 template <>

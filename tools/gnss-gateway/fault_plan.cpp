@@ -22,11 +22,11 @@ void Fault_plan::add(const Fault_request& request, Fault_time now) {
                      .fault = nullptr});
 }
 
-std::size_t Fault_plan::clear(std::string_view name, Fault_time now) {
+std::size_t Fault_plan::clear(std::string_view fault, Fault_time now) {
   const std::lock_guard lock(mutex_);
   std::size_t cleared = 0;
   for (auto& planned : faults_) {
-    if (!name.empty() && planned.kind->name != name) continue;
+    if (!fault.empty() && planned.kind->name != fault && planned.state.text != fault) continue;
     planned.state.end = std::min(planned.state.end, now);
     ++cleared;
   }

@@ -12,8 +12,9 @@
 
 namespace gateway {
 
-/// The order of the chain is the order of the requests. A fault that begins replaces one in force
-/// of the same kind and, where the value is a word, of the same value. Any thread may call all
+/// Begins, chains and ends the requested faults. The order of the chain is the order of the
+/// requests. A fault that begins replaces one in force of the same kind and, if the value is a
+/// word, of the same value. Any thread may call all
 /// members.
 class Fault_plan {
  public:
@@ -35,8 +36,9 @@ class Fault_plan {
 
   /// Times in the request count from `now`. Throws std::invalid_argument when the plan is full.
   void add(const Fault_request& request, Fault_time now);
-  /// Ends, or never begins, the faults of this name; without a name all. Returns their number.
-  std::size_t clear(std::string_view name, Fault_time now);
+  /// Ends, or never begins, the faults of this name or of this request; without one all. Returns
+  /// their number.
+  std::size_t clear(std::string_view fault, Fault_time now);
   /// The faults in force and those that wait.
   [[nodiscard]] std::vector<State> list() const;
 

@@ -12,13 +12,13 @@
 #include <vector>
 
 #include "binding/statistics.h"
-#include "mw/com/runtime.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/explain.h"
 #include "tools/posctl/http_server.h"
+#include "tools/posctl/lasting_way.h"
 #include "tools/posctl/metrics.h"
 #include "tools/posctl/present.h"
 #include "tools/stop_signal.h"
@@ -120,44 +120,16 @@ class Services {
   Identifier<d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible> implausible_;
 };
 
-/// Looks at the application for one scrape after the other. While it is away, each look chooses the
-/// way anew: the application may have made its socket meanwhile, or the machine got its address.
-class Onlooker {
- public:
-  explicit Onlooker(Way_options options) : options_{std::move(options)} { take_way(); }
-
-  /// One thread calls.
-  [[nodiscard]] Look look() {
-    if (!services_ || !services_->is_there()) take_way();
-    return services_ ? services_->look() : Look{};
-  }
-
- private:
-  void take_way() try {
-    const auto possible = choose_way(options_);
-    if (way_ && way_->text() == possible.text) return;
-    services_.reset();
-    way_.reset();
-    way_.emplace(possible);
-    services_.emplace();
-  } catch (const tools::Usage_error&) {
-    throw;
-  } catch (const std::runtime_error& error) {
-    if (std::exchange(told_, error.what()) != error.what())
-      std::fprintf(stderr, "posctl: no way to the application: %s\n", error.what());
-  }
-
-  const Way_options options_;
-  std::string told_;
-  std::optional<Way> way_;
-  std::optional<Services> services_;
-};
-
 /// The text that answers Prometheus. One thread makes it; requests that come meanwhile, or soon
 /// after, get the same text.
 class Metrics_page {
  public:
-  explicit Metrics_page(const Way_options& way) : onlooker_{way} {}
+  /// Throws tools::Usage_error.
+  explicit Metrics_page(const Way_options& way)
+      : way_{{[way] { return choose_way(way); }},
+             [](const Possible_way&) { return std::make_unique<Services>(); }} {
+    way_.renew();
+  }
   ~Metrics_page() { maker_.join(); }
 
   /// Answers now or when the text has been made. The thread of the server calls.
@@ -175,11 +147,15 @@ class Metrics_page {
  private:
   static constexpr std::chrono::milliseconds life{250};
 
+  [[nodiscard]] Look look_at_application() {
+    if (way_.look() == nullptr || !way_.look()->is_there()) way_.renew();
+    return way_.look() == nullptr ? Look{} : way_.look()->look();
+  }
   void make(Http_counts counts) {
     auto status = boost::beast::http::status::ok;
     std::string text;
     try {
-      Look look = onlooker_.look();
+      Look look = look_at_application();
       ++counts.requests;  // the one that this text answers
       look.http = counts;
       text = exposition(look);
@@ -203,8 +179,8 @@ class Metrics_page {
     }
   }
 
-  Onlooker onlooker_;  ///< of the thread below
-  std::mutex mutex_;   ///< guards the members below
+  Lasting_way<Services> way_;  ///< of the constructor, then of the thread below
+  std::mutex mutex_;           ///< guards the members below
   std::shared_ptr<const std::string> text_;
   std::optional<std::chrono::steady_clock::time_point> made_;
   std::vector<Http_server::Later> waiting_;

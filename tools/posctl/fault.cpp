@@ -4,16 +4,12 @@
 #include <array>
 #include <cstdio>
 #include <filesystem>
-#include <limits>
-#include <stdexcept>
 #include <string>
 #include <vector>
 
 #include "platform/linux/com/local_socket.h"
 #include "tools/command.h"
-#include "tools/gnss-gateway/fault_control.h"
-#include "tools/posctl/connect.h"
-#include "tools/posctl/record_json.h"
+#include "tools/posctl/fault_orders.h"
 
 namespace posctl {
 namespace {
@@ -21,28 +17,17 @@ namespace {
 using gateway::Fault_control;
 using gateway::Fault_control_proxy;
 
-constexpr auto endless = std::numeric_limits<std::uint64_t>::max();
-
 std::string seconds(std::uint64_t ms) {
   std::array<char, 32> text{};
   std::snprintf(text.data(), text.size(), "%.1f s", static_cast<double>(ms) / 1000);
   return text.data();
 }
 
-Json json_of(const gateway::Planned_fault& planned) {
-  Json json{{"fault", planned.fault}, {"inForce", planned.inForce}};
-  json[planned.inForce ? "sinceS" : "startsInS"] =
-      static_cast<double>(planned.inForce ? planned.sinceMs : planned.startsInMs) / 1000;
-  json["endsInS"] =
-      planned.endsInMs == endless ? Json() : Json(static_cast<double>(planned.endsInMs) / 1000);
-  return json;
-}
-
 std::string text_of(const gateway::Planned_fault& planned) {
   std::string text =
       planned.fault + (planned.inForce ? "  since " + seconds(planned.sinceMs)
                                        : "  begins in " + seconds(planned.startsInMs));
-  if (planned.endsInMs != endless) text += ", ends in " + seconds(planned.endsInMs);
+  if (planned.endsInMs != endless_ms) text += ", ends in " + seconds(planned.endsInMs);
   return text;
 }
 
@@ -67,12 +52,7 @@ std::string text_of(const gateway::Known_fault& kind) {
 std::string list(Fault_control_proxy& control, bool as_json, Deadline deadline) {
   const auto planned = result_of(control.Faults(), Fault_control::Faults.name, deadline);
   const auto kinds = result_of(control.Kinds(), Fault_control::Kinds.name, deadline);
-  if (as_json) {
-    Json json{{"schema", 1}, {"faults", Json::array()}, {"kinds", to_json(kinds)}};
-    for (const auto& one : planned)
-      json["faults"].push_back(json_of(one));
-    return json.dump() + "\n";
-  }
+  if (as_json) return json_of(planned, kinds).dump() + "\n";
   std::string text = planned.empty() ? "No fault is in force.\n" : "In force, or to come:\n";
   for (const auto& one : planned)
     text += "  " + text_of(one) + "\n";
@@ -83,17 +63,13 @@ std::string list(Fault_control_proxy& control, bool as_json, Deadline deadline) 
 }
 
 std::string clear(Fault_control_proxy& control, const Fault_options& options, Deadline deadline) {
-  const auto answer =
-      result_of(control.Clear({.fault = options.name}), Fault_control::Clear.name, deadline);
-  if (!answer.problem.empty()) throw std::runtime_error(answer.problem);
-  if (options.json) return Json{{"schema", 1}, {"cleared", answer.faults}}.dump() + "\n";
-  return "faults cleared: " + std::to_string(answer.faults) + "\n";
+  const auto cleared = end_faults(control, options.name, deadline);
+  if (options.json) return Json{{"schema", 1}, {"cleared", cleared}}.dump() + "\n";
+  return "faults cleared: " + std::to_string(cleared) + "\n";
 }
 
 std::string inject(Fault_control_proxy& control, const Fault_options& options, Deadline deadline) {
-  const auto answer =
-      result_of(control.Inject({.fault = options.what}), Fault_control::Inject.name, deadline);
-  if (!answer.problem.empty()) throw tools::Usage_error(answer.problem);
+  make_fault(control, options.what, deadline);
   if (options.json) return Json{{"schema", 1}, {"added", options.what}}.dump() + "\n";
   return "the gateway makes the fault " + options.what + "\n";
 }
@@ -119,12 +95,7 @@ int fault(const Fault_options& options) {
   }
   const auto text = on_the_way(way_to_gateway(options.way), [&] {
     const auto deadline = deadline_in(options.timeout);
-    std::unique_ptr<Fault_control_proxy> control;
-    try {
-      control = connect<Fault_control_proxy>(Fault_control::name, deadline);
-    } catch (const tools::No_answer& error) {
-      throw tools::No_answer(std::string(error.what()) + "; gnss-gateway --control offers it");
-    }
+    const auto control = connect_to_gateway(deadline);
     if (options.what == "list") return list(*control, options.json, deadline);
     if (options.what == "clear") return clear(*control, options, deadline);
     return inject(*control, options, deadline);

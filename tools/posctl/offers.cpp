@@ -17,10 +17,15 @@ void read_offers(const someip::Udp_socket& socket,
                  bool ipv4,
                  const Take_offer& take) {
   constexpr std::size_t max_datagram = 65536;
+  constexpr int most_datagrams = 32;
+  constexpr int most_offers = 256;
   std::vector<std::byte> buffer(max_datagram);
   someip::Udp_socket::Arrival arrival;
   arrival.begin = buffer;
-  while (socket.receive(arrival)) {
+  int datagrams = 0;
+  int offers = 0;
+  while (datagrams < most_datagrams && offers < most_offers && socket.receive(arrival)) {
+    ++datagrams;
     someip::Datagram_reader reader(someip::Bytes(buffer.data(), arrival.size));
     while (const auto view = reader.next()) {
       if (view->header.service != someip::discovery_service) continue;
@@ -28,6 +33,7 @@ void read_offers(const someip::Udp_socket& socket,
       if (!message) continue;
       for (const auto& entry : message->entries) {
         if (entry.type != someip::Entry_type::offer_service) continue;
+        ++offers;
         const auto options = message->options_of(entry, ipv4);
         const Endpoint from = message->discovery_endpoint(ipv4).value_or(arrival.from.endpoint());
         take({entry.service, entry.instance, entry.major_version},

@@ -51,6 +51,10 @@ someip::Address address_of(const std::string& text) {
   return address;
 }
 
+Possible_way network_as(const std::string& node) {
+  return {{}, node, std::nullopt, "over the network as node " + node};
+}
+
 std::unique_ptr<tq::com::Runtime> through(const std::string& path) {
   return tq::com::make_local_runtime(tq::com::load_deployment(), usual_node, path);
 }
@@ -62,8 +66,8 @@ bool has_address(const std::string& node) {
   return found == deployment.nodes.end() || own_address(found->addresses);
 }
 
-std::unique_ptr<tq::com::Runtime> over_the_network(const std::string& node,
-                                                   const std::optional<someip::Address>& only) {
+std::unique_ptr<tq::com::Runtime> as_node(const std::string& node,
+                                          const std::optional<someip::Address>& only) {
   auto deployment = tq::com::load_deployment(node);
   const auto found = std::ranges::find(deployment.nodes, node, &someip::Node_deployment::name);
   if (found != deployment.nodes.end()) found->only_peer = only;
@@ -80,6 +84,12 @@ std::optional<someip::Address> own_address(const std::vector<someip::Address>& a
   return std::nullopt;
 }
 
+Possible_way over_the_network(const std::string& node) {
+  if (!has_address(node))
+    throw std::runtime_error("this machine has no address of the node " + node);
+  return network_as(node);
+}
+
 Possible_way choose_way(const Way_options& options) {
   const bool names_socket = options.connect.find('/') != std::string::npos;
   if (names_socket && !options.node.empty()) {
@@ -93,8 +103,7 @@ Possible_way choose_way(const Way_options& options) {
     }
     return {options.connect, usual_node, std::nullopt, "through " + options.connect};
   }
-  Possible_way network{{}, options.node.empty() ? usual_node : options.node, std::nullopt, {}};
-  network.text = "over the network as node " + network.node;
+  auto network = network_as(options.node.empty() ? usual_node : options.node);
   if (!options.connect.empty()) network.only = address_of(options.connect);
   if (network.only || !options.node.empty() || environment_names_an_address()) return network;
 
@@ -119,16 +128,18 @@ Possible_way choose_way(const Way_options& options) {
               usual_node};
 }
 
-Way::Way(const Possible_way& way) : text_{way.text} {
-  if (!way.socket.empty()) {
-    runtime_.emplace(through(way.socket));
-    return;
-  }
+std::unique_ptr<tq::com::Runtime> open_way(const Possible_way& way) {
+  if (!way.socket.empty()) return through(way.socket);
   try {
-    runtime_.emplace(over_the_network(way.node, way.only));
+    return as_node(way.node, way.only);
   } catch (const std::exception& error) {
     throw std::runtime_error(error.what() + (" (" + way.text + ")"));
   }
 }
+
+Way::Way(const Possible_way& way) : Way(way.text, open_way(way)) {}
+
+Way::Way(std::string text, std::unique_ptr<tq::com::Runtime> runtime)
+    : text_{std::move(text)}, runtime_{std::in_place, std::move(runtime)} {}
 
 }  // namespace posctl

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <exception>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -33,6 +34,11 @@ struct Possible_way {
   std::string node;
   std::optional<someip::Address> only;  ///< the application's
   std::string text;                     ///< for messages: which way, and why not the other one
+
+  /// Whatever the texts say.
+  [[nodiscard]] bool is_same(const Possible_way& other) const {
+    return socket == other.socket && node == other.node && only == other.only;
+  }
 };
 
 /// Prefers the socket if a process listens there and the options and the environment ask for
@@ -41,11 +47,20 @@ struct Possible_way {
 /// if there is no way.
 [[nodiscard]] Possible_way choose_way(const Way_options& options);
 
-/// The runtime of a command.
+/// The network, for those who want to see the sources too. Throws std::runtime_error if this
+/// machine has no address of the node.
+[[nodiscard]] Possible_way over_the_network(const std::string& node);
+
+/// The runtime of a way, beside the one in force. Throws std::runtime_error if the way cannot be
+/// taken.
+[[nodiscard]] std::unique_ptr<tq::com::Runtime> open_way(const Possible_way& way);
+
+/// The runtime in force.
 class Way {
  public:
   /// Throws std::runtime_error if the way cannot be taken.
   explicit Way(const Possible_way& way);
+  Way(std::string text, std::unique_ptr<tq::com::Runtime> runtime);
   explicit Way(const Way_options& options) : Way(choose_way(options)) {}
 
   [[nodiscard]] const std::string& text() const { return text_; }

@@ -106,7 +106,7 @@ export function select<T extends string>(
   label: string,
   options: readonly (readonly [value: T, text: string])[],
   chosen: (value: T) => void,
-): { element: HTMLElement; set(value: T): void; fill(options: readonly (readonly [T, string])[]): void } {
+): { element: HTMLElement; list: HTMLSelectElement; set(value: T): void; fill(options: readonly (readonly [T, string])[]): void } {
   const list = h("select");
   const fill_list = (entries: readonly (readonly [T, string])[]) => {
     const value = list.value;
@@ -117,6 +117,7 @@ export function select<T extends string>(
   list.addEventListener("change", () => chosen(list.value as T));
   return {
     element: h("label", { class: "field" }, h("span", {}, label), list),
+    list,
     set(value) {
       list.value = value;
     },

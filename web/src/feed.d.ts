@@ -56,6 +56,8 @@ export interface Topics {
   monitor: Monitor_report;
   /** Component states over D-Bus. `available` false: `text` says why. An event: kept in history. */
   component: Component;
+  /** Faults that the source makes on request; `posctl fault list --json`. Twice a second, only with hello.control. */
+  sourceFaults: Source_faults;
   /** Lines of the application's log. An event: kept in history. */
   log: Log_lines;
   /** The answer to an Action. */
@@ -72,7 +74,7 @@ export interface Hello {
   control: boolean;             // actions are allowed
   /** How the server reaches the application, as posctl says it: "over the network as node posctl". */
   way: string;
-  /** GET marks.json has land marks. */
+  /** GET marks.json has landmarks. */
   marks: boolean;
   monitorReasons: string[];     // for initMonitor: "kClear", …
   componentStates: string[];    // "kOn", "kPrepSD"
@@ -199,6 +201,18 @@ export interface Monitor_report extends Schema { received: number; monitor: stri
 /** `state` and what follows are missing until the first confirmation. */
 export interface Component { available: boolean; text: string; state?: string; sequenceNumber?: number; result?: number }
 
+export interface Source_faults extends Schema {
+  /** Whether a gateway offers its faults; otherwise `text` says why not. */
+  present: boolean;
+  text: string;
+  faults: Planned_fault[];
+  /** Those that it knows: in a snapshot, and when they are others than before. */
+  kinds?: Known_fault[];
+}
+export interface Planned_fault { fault: string /* its order */; inForce: boolean; sinceS?: number; startsInS?: number; endsInS: number | null }
+/** A kind with `choices` has one of them as value; one with a `usual` value and no choices has a number; another one has none. */
+export interface Known_fault { name: string; meaning: string; unit: string; low: number; high: number; choices: string[]; usual: string }
+
 export interface Log_lines {
   /** Plain text: show it as text, never as markup. */
   lines: { at: number /* Unix ms */; level: "fatal" | "error" | "warn" | "info" | "debug" | "verbose"; context: string; text: string }[];
@@ -209,8 +223,12 @@ export interface Log_lines {
 /** From the page to the server: one JSON object a text frame, at most 4 KiB. Refused unless hello.control. */
 export type Action =
   | { action: "initMonitor"; id: number; monitor: string /* name or identifier */; reason: string }
-  | { action: "componentState"; id: number; state: string };
+  | { action: "componentState"; id: number; state: string }
+  | { action: "makeFault"; id: number; fault: string /* NAME[=VALUE][@START[+DURATION]] */ }
+  | { action: "endFaults"; id: number; fault: string /* a name or an order; empty: all */ };
+/** An action before it has its id. */
+export type Action_wish = Action extends infer A ? (A extends unknown ? Omit<A, "id"> : never) : never;
 export interface Answer { id: number; ok: boolean; text: string }
 
-/** GET marks.json: land marks from --marks, whichever format the file has. 404 without. */
+/** GET marks.json: landmarks from --marks, whichever format the file has. 404 without. */
 export interface Marks extends Schema { marks: { name: string; points: [lon: number, lat: number][] }[] }

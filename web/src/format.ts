@@ -19,6 +19,11 @@ export function grouped(value: number): string {
   return String(Math.round(value)).replace(/\B(?=(\d{3})+$)/g, thin);
 }
 
+/** As many digits as the number has. */
+export function plain_number(value: number): string {
+  return (Number.isInteger(value) ? grouped(value) : String(value)).replace("-", minus);
+}
+
 /** Three digits whatever the size: 0.42, 4.2, 42, 420. */
 export function rough(value: unknown): string {
   if (!is_number(value)) return no_value;
@@ -63,6 +68,11 @@ export function longitude(value: number): string {
   return `${Math.abs(value).toFixed(6)}° ${value < 0 ? "W" : "E"}`;
 }
 
+/** An angle from north: 359.6 is 0, not 360. */
+export function direction(degrees: number): string {
+  return `${((Math.round(degrees) % 360) + 360) % 360}°`;
+}
+
 const points = ["north", "north-east", "east", "south-east", "south", "south-west", "west", "north-west"];
 
 export function compass_point(degrees: number): string {
@@ -82,3 +92,29 @@ export function sentence(text: string): string {
 
 /** Names of the positionType of a record, by the number that the history has. */
 export const position_types = ["", "GNSS", "GNSS-DR"];
+
+const labels: { [name: string]: string } = {
+  gnss: "GNSS",
+  lbl: "LBL",
+  pgf: "PGF",
+  bvLines: "camera lane lines",
+  staticOutput: "static",
+};
+
+/** The name of an input, output or function as it stands beside its light. */
+export function label_of(name: string): string {
+  return labels[name] ?? spaced(name);
+}
+
+export function group_word(group: string): string {
+  return { inputs: "input", outputs: "output", system: "system function" }[group] ?? group;
+}
+
+export function status_word(status: string): string {
+  return status === "NotAvailable" ? "not available" : status;
+}
+
+/** "lumo::services::gnss::GNSS" as "GNSS". */
+export function short_service(name: string): string {
+  return name.slice(name.lastIndexOf(":") + 1);
+}

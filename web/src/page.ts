@@ -2,10 +2,12 @@
 
 import { Address } from "./address";
 import { button, choice, h, set_attribute, set_text } from "./dom";
-import { clock_time, duration, sentence } from "./format";
+import { clock_time, duration, group_word, label_of, sentence, status_word } from "./format";
 import { glyph, set_glyph } from "./glyph";
-import { group_word, label_of, Model, status_word, type Tone } from "./model";
+import type { Tone } from "./journal";
+import { Model } from "./model";
 import { Cursor, type Context, type Panel } from "./panel";
+import { control_panel } from "./panels/control";
 import { health_panel } from "./panels/health";
 import { log_panel } from "./panels/log";
 import { now_panel } from "./panels/now";
@@ -13,9 +15,10 @@ import { sky_panel } from "./panels/sky";
 import { time_panel } from "./panels/time";
 import { track_panel } from "./panels/track";
 import { wire_panel } from "./panels/wire";
+import type { Action } from "./feed";
 import type { Source } from "./source";
 
-const panels = [track_panel, now_panel, sky_panel, health_panel, time_panel, wire_panel, log_panel];
+const panels = [track_panel, now_panel, sky_panel, health_panel, control_panel, time_panel, wire_panel, log_panel];
 /** A little under 1/30 s: the display's own frames decide. */
 const frame_ms = 30;
 const announcements_kept = 6;
@@ -115,6 +118,24 @@ export function show(source: Source): Model {
     while (announcer.childElementCount > announcements_kept) announcer.firstElementChild!.remove();
   };
 
+  let actions = 0;
+  const waiting = new Map<number, Parameters<Context["act"]>[1]>();
+  const act: Context["act"] = (action, told) => {
+    const id = ++actions;
+    if (!source.act({ ...action, id } as Action)) return told("not sent: there is no connection", false);
+    waiting.set(id, told);
+  };
+  model.follow(["answer"], () => {
+    const { id, ok, text } = model.answer!;
+    waiting.get(id)?.(ok ? text : `refused: ${text}`, ok);
+    waiting.delete(id);
+  });
+  model.follow(["connection"], () => {
+    if (model.connection.state === "open") return;
+    for (const told of waiting.values()) told("no answer: the connection was lost. Look at what holds now before you ask again", false);
+    waiting.clear();
+  });
+
   const time_window = () => {
     const span = 1000 * address.number("span", 1, 3600);
     const end = address.number("end", 0, 1e15);
@@ -144,7 +165,7 @@ export function show(source: Source): Model {
 
   for (const make of panels) {
     let panel: Panel | undefined;
-    const context: Context = { model, address, cursor, time_window, announce, act: (action) => source.act(action), redraw: () => panel && stage.redraw(panel) };
+    const context: Context = { model, address, cursor, time_window, announce, act, redraw: () => panel && stage.redraw(panel) };
     const made = (panel = make(context));
     const heading = h("h2", { id: `${made.id}-title`, tabindex: -1 }, made.title);
     const enlarge = button("Enlarge", () => address.set({ only: address.get("only") === made.id ? "" : made.id }), { class: "enlarge", "aria-pressed": "false" });
@@ -163,7 +184,15 @@ export function show(source: Source): Model {
       section.scrollIntoView({ block: "nearest" });
       heading.focus();
     });
-    links.append(h("li", {}, go));
+    const item = h("li", {}, go);
+    links.append(item);
+    const find_place = () => {
+      const wanted = made.is_wanted?.() !== false;
+      section.hidden = item.hidden = !wanted;
+      if (made.is_wanted) set_attribute(main, `data-with-${made.id}`, wanted ? "" : null);
+    };
+    find_place();
+    model.follow(["hello"], find_place);
     address.follow((view) => {
       const alone = view.only === made.id;
       set_attribute(section, "data-alone", alone ? "" : null);
@@ -184,8 +213,13 @@ export function show(source: Source): Model {
     links.querySelector("a")?.click();
   });
 
+  const fill_window = () => {
+    const only = address.get("only");
+    set_attribute(document.body, "data-only", sections.some((one) => one.id === only && !one.hidden) ? only : null);
+  };
+  model.follow(["hello"], fill_window);
   address.follow((view) => {
-    set_attribute(document.body, "data-only", panels.some((_, i) => sections[i]!.id === view.only) ? view.only : null);
+    fill_window();
     span_choice.set(spans.find(([value]) => value === view.span)?.[0] ?? "600");
     set_attribute(hold, "aria-pressed", String(view.end !== ""));
     set_text(hold, view.end === "" ? "Hold" : `Held at ${clock_time(Number(view.end))}`);
@@ -198,10 +232,11 @@ export function show(source: Source): Model {
       address.set({ only: "" });
     } else if (event.key === "F6" && !event.ctrlKey && !event.altKey && !event.metaKey) {
       event.preventDefault();
-      const at = sections.findIndex((one) => one.contains(document.activeElement));
+      const shown = sections.filter((one) => !one.hidden);
+      const at = shown.findIndex((one) => one.contains(document.activeElement));
       const step = event.shiftKey ? -1 : 1;
-      const next = at < 0 ? (step > 0 ? 0 : sections.length - 1) : (at + step + sections.length) % sections.length;
-      links.querySelectorAll("a")[next]!.click();
+      const next = at < 0 ? (step > 0 ? 0 : shown.length - 1) : (at + step + shown.length) % shown.length;
+      links.querySelectorAll<HTMLElement>("li:not([hidden]) a")[next]!.click();
     }
   });
 
@@ -216,7 +251,9 @@ export function show(source: Source): Model {
     set_text(time, clock_time(model.now()));
     set_text(link, model.connection.state === "open" ? (model.hello?.source === "recording" ? "Recording" : now.stale ? "Connected" : "Live") : "Not connected");
     set_attribute(link, "title", model.hello?.way ?? null);
-    set_text(rights, model.hello?.control ? "Control on" : "Read only");
+    const faults = model.source_faults?.data.faults.filter((one) => one.inForce).length ?? 0;
+    set_text(rights, model.hello?.control ? `Control on${faults ? `, ${faults} ${faults === 1 ? "fault" : "faults"} made` : ""}` : "Read only");
+    set_attribute(rights, "data-tone", faults ? "warn" : null);
     const title = `${now.word} · Positioning`;
     if (document.title !== title) document.title = title;
   };

@@ -1,6 +1,6 @@
 /** What a panel is, and what all panels share: the model, the address, the window of time, the cursor. */
 
-import type { Action } from "./feed";
+import type { Action_wish } from "./feed";
 import type { Address } from "./address";
 import type { Model } from "./model";
 
@@ -12,6 +12,8 @@ export interface Panel {
   body: HTMLElement;
   /** Draws all that has changed. Called in an animation frame, while the panel is visible and after `redraw`. */
   draw(): void;
+  /** Whether the panel has a place on this server's page; without it, always. Asked again with each hello. */
+  is_wanted?(): boolean;
 }
 
 /** One moment that all plots point at. */
@@ -45,8 +47,8 @@ export interface Context {
   time_window(): Time_window;
   /** Asks for a call of `draw`. */
   redraw(): void;
-  /** Sends an action; returns whether there is a connection to send it on. */
-  act(action: Action): boolean;
+  /** Sends an action. Calls `told` once: with the answer, or with the reason why there is none. */
+  act(action: Action_wish, told: (text: string, ok: boolean) => void): void;
   /** Reads a sentence to users of a screen reader. */
   announce(text: string): void;
 }

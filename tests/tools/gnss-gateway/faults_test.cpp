@@ -32,6 +32,7 @@ TEST(Faults, the_plan_tells_and_clears_what_is_in_force_and_what_waits) {
     plan.add(parse_fault(fault), 13s);
   EXPECT_EQ(plan.advance(13s).begun.size(), 2U);
   EXPECT_EQ(plan.advance(14s).ended.size(), 1U) << "jump=1 is replaced";
+  EXPECT_EQ(plan.clear("missing=LON@1", 14s), 1U) << "and not missing=LAT";
   EXPECT_EQ(plan.clear("", 14s), 3U);
   EXPECT_EQ(plan.advance(14s).ended.size(), 3U);
   for (std::size_t i = 0; i < Fault_plan::max_faults; ++i)

@@ -1,10 +1,19 @@
+#include "tools/posctl/serve/page_server.h"
+
 #include <gmock/gmock.h>
 
+#include <boost/asio/connect.hpp>
+#include <boost/asio/io_context.hpp>
+#include <boost/beast/core.hpp>
 #include <boost/beast/http.hpp>
+#include <boost/beast/websocket.hpp>
+#include <future>
 #include <string>
 #include <vector>
 
+#include "platform/someip/discovery/discovery_message.h"
 #include "tests/support/error_of.h"
+#include "tools/posctl/offers.h"
 #include "tools/posctl/serve/action.h"
 #include "tools/posctl/serve/guard.h"
 #include "tools/posctl/serve/marks.h"
@@ -71,8 +80,75 @@ TEST(Action, is_an_object_with_an_id_and_known_members) {
            {R"({"id":1.5,"action":"componentState","state":"kOn"})", "\"id\""},
            {R"({"id":1,"action":["componentState"]})", "\"action\""},
            {R"({"id":1,"action":"componentState"})", "\"state\""},
+           {R"({"id":1,"action":"makeFault","fault":1})", "\"fault\""},
            {R"({"id":1,"action":"format"})", "no such action"}})
     EXPECT_THAT(test::error_of([&] { (void)action_of(text); }), HasSubstr(error)) << text;
+}
+
+TEST(Page_server, keeps_a_client_whose_action_takes_long_and_bounds_its_actions) {
+  namespace asio = boost::asio;
+  namespace beast = boost::beast;
+  struct Slow : Actor {
+    std::promise<void> end;
+    std::shared_future<void> ended = end.get_future().share();
+    std::string act(const Action& action) override {
+      ended.wait();
+      return action.name;
+    }
+  } actor;
+  Page_feed feed(Json{{"version", "1"}});
+  const Page_server server({asio::ip::address_v4::loopback(), 0}, feed,
+                           {.token = "", .marks = nullptr, .actor = &actor},
+                           {.idle = std::chrono::seconds(1), .client_actions = 2});
+  asio::io_context context;
+  beast::websocket::stream<beast::tcp_stream> client(context);
+  beast::get_lowest_layer(client).connect(server.endpoint());
+  int pings = 0;
+  client.control_callback([&](beast::websocket::frame_type kind, beast::string_view) {
+    // The server sends one each half of the idle time.
+    if (kind == beast::websocket::frame_type::ping && ++pings == 4) actor.end.set_value();
+  });
+  client.handshake("127.0.0.1:" + std::to_string(server.endpoint().port()), "/feed");
+  for (const char* action : {R"({"action":"makeFault","id":1,"fault":"off"})",
+                             R"({"action":"endFaults","id":2,"fault":""})",
+                             R"({"action":"makeFault","id":3,"fault":"off"})"})
+    client.write(asio::buffer(std::string_view(action)));
+  Json answers = Json::array();
+  while (answers.size() < 3) {
+    beast::flat_buffer buffer;
+    boost::system::error_code error;
+    client.read(buffer, error);
+    ASSERT_FALSE(error) << error.message() << " after " << pings << " pings";
+    const Json frame = Json::parse(beast::buffers_to_string(buffer.data()));
+    if (frame["topic"] == "answer") answers.push_back(frame["data"]);
+  }
+  EXPECT_EQ(answers[0]["id"], 3);
+  EXPECT_THAT(answers[0]["text"].get<std::string>(), HasSubstr("try again"));
+  EXPECT_EQ(answers[1], (Json{{"id", 1}, {"ok", true}, {"text", "off"}}));
+  EXPECT_EQ(answers[2], (Json{{"id", 2}, {"ok", true}, {"text", ""}}));
+}
+
+TEST(Offers, of_a_flood_come_in_several_passes) {
+  const someip::Address here = boost::asio::ip::address_v4::loopback();
+  someip::Udp_socket listener(here), sender(here);
+  ASSERT_FALSE(listener.bind({here, 0}));
+  someip::Entry entry;
+  entry.type = someip::Entry_type::offer_service;
+  entry.ttl = 3;
+  someip::Discovery_writer writer;
+  while (entry.instance < 10 && writer.add(entry, {}))
+    ++entry.instance;
+  const int datagrams = 50;
+  for (int i = 0; i < datagrams; ++i)
+    ASSERT_FALSE(sender.send(writer.message(1, true), someip::Socket_address(listener.local())));
+  const auto pass = [&] {
+    int offers = 0;
+    posctl::read_offers(listener, 256, true, [&](const auto&, const auto&) { ++offers; });
+    return offers;
+  };
+  EXPECT_EQ(pass(), 260);
+  EXPECT_EQ(pass(), 240);
+  EXPECT_EQ(pass(), 0);
 }
 
 TEST(Marks, come_from_gpx_and_geojson) {

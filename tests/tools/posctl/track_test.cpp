@@ -112,6 +112,24 @@ TEST(Sentence_server, sends_more_in_total_than_may_wait_for_a_client) {
   }
 }
 
+TEST(Directions, are_rounded_before_they_wrap) {
+  for (const auto& [degrees, nmea, gpx] : {std::tuple{359.996, "0.00", "359.996"},
+                                           {359.994, "359.99", "359.994"},
+                                           {359.999998, "0.00", "0"},
+                                           {360.0, "0.00", "0"},
+                                           {-0.001, "0.00", "359.999"},
+                                           {-90.0, "270.00", "270"}}) {
+    auto point = point_at(48, 11);
+    point.course = point.heading = degrees;
+    const auto sentences = track::sentences_of(point);
+    EXPECT_THAT(sentences, testing::HasSubstr(std::string("VTG,") + nmea + ",T"));
+    EXPECT_THAT(sentences, testing::HasSubstr(std::string(",,") + nmea + ",141123,"));
+    EXPECT_THAT(track::Track_text(track::Format::gpx).next(point, {}),
+                testing::HasSubstr(std::string("<tp:course>") + gpx + "</tp:course><tp:bearing>" +
+                                   gpx + "<"));
+  }
+}
+
 TEST(Point, has_only_what_is_physical) {
   Json record = record_at(48, 11);
   record.update({{"LAT_valueType", "PhysicalValue"},

@@ -31,6 +31,12 @@ Action action_of(std::string_view text) {
   } else if (kind == "componentState") {
     action.kind = Action::Kind::component_state;
     action.name = text_member(json, "state");
+  } else if (kind == "makeFault") {
+    action.kind = Action::Kind::make_fault;
+    action.name = text_member(json, "fault");
+  } else if (kind == "endFaults") {
+    action.kind = Action::Kind::end_faults;
+    action.name = text_member(json, "fault");
   } else {
     throw tools::Usage_error("there is no such action");
   }

@@ -8,12 +8,13 @@
 namespace posctl::serve {
 
 struct Action {
-  enum class Kind : std::uint8_t { init_monitor, component_state };
+  enum class Kind : std::uint8_t { init_monitor, component_state, make_fault, end_faults };
 
   Kind kind{};
   std::int64_t id = 0;  ///< comes back with the answer
-  std::string name;     ///< of the monitor, or of the component state
-  std::string reason;   ///< of the initialisation
+  /// Of the monitor, or of the component state; the order of a fault; the fault to end, empty: all.
+  std::string name;
+  std::string reason;  ///< of the initialisation
 };
 
 /// Of a text frame. Throws tools::Usage_error for what is no action.

@@ -2,14 +2,13 @@
 
 #include <algorithm>
 #include <array>
-#include <cmath>
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <stop_token>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -18,13 +17,13 @@
 #include "clients/Time.h"
 #include "platform/linux/com/manifest.h"
 #include "posService/Positioning.h"
-#include "tools/posctl/component_bus.h"
 #include "tools/posctl/connect.h"
-#include "tools/posctl/glossary.h"
 #include "tools/posctl/monitor_reports.h"
 #include "tools/posctl/notification_json.h"
 #include "tools/posctl/offers.h"
-#include "tools/posctl/present.h"
+#include "tools/posctl/serve/fault_watch.h"
+#include "tools/posctl/serve/source_parts.h"
+#include "tools/posctl/serve/status_watch.h"
 #include "tools/posctl/statistics_page.h"
 #include "tools/posctl/verdict.h"
 
@@ -33,7 +32,6 @@ namespace {
 
 using binding::Statistics;
 using binding::Statistics_proxy;
-using diagnosisService::monitor_table;
 using lumo::services::gnss::GNSS;
 using lumo::services::gnss::proxy::GNSSProxy;
 using lumo::services::positioning::Positioning;
@@ -51,74 +49,10 @@ constexpr milliseconds log_period{500};
 constexpr milliseconds second{1000};
 /// Of 200 lines each. More lines than that in half a second are nothing to read.
 constexpr int most_answers = 2;
-/// The application answers in a millisecond. Longer waits would hold up the rest of the page.
-constexpr double answer_time = 1;
 /// A peer decides how many it offers.
 constexpr std::size_t most_offers = 1024;
 /// Notifications of a field that wait for their handler.
 constexpr std::size_t most_samples = 64;
-
-constexpr std::array<const char*, 3> groups{"inputs", "outputs", "system"};
-constexpr std::array<const char*, 3> faults{"notAvailable", "errorValueReceived", "implausible"};
-
-/// What comes round each period.
-class Period {
- public:
-  explicit Period(milliseconds length) : length_(length) {}
-  [[nodiscard]] bool is_due(Clock::time_point now) {
-    if (now < last_ + length_) return false;
-    last_ = now;
-    return true;
-  }
-
- private:
-  const milliseconds length_;
-  Clock::time_point last_;
-};
-
-/// A service that the manifest may lack.
-template <class Proxy>
-class Service {
- public:
-  Service() {
-    try {
-      present_.emplace();
-    } catch (const std::runtime_error& error) {
-      missing_ = error.what();
-    }
-  }
-  bool update() { return present_ && present_->update(); }
-  [[nodiscard]] Proxy* proxy() { return present_ ? present_->proxy() : nullptr; }
-  [[nodiscard]] Json row() {
-    const bool offered = proxy() != nullptr;
-    return {{"present", offered},
-            {"text", offered            ? "offered"
-                     : missing_.empty() ? "not offered"
-                                        : missing_}};
-  }
-
- private:
-  std::optional<Present<Proxy>> present_;
-  std::string missing_;  ///< what the manifest lacks
-};
-
-/// The meaning of each name that a status may have, by group and name.
-Json words_of(const Json& status) {
-  static const std::vector<Term> terms = glossary();
-  constexpr std::array<std::string_view, 3> kinds{"input", "output", "system function"};
-  Json words = Json::object();
-  for (std::size_t i = 0; i < groups.size(); ++i) {
-    Json& of_group = words[groups.at(i)] = Json::object();
-    for (const auto& [name, value] : status[groups.at(i)].items()) {
-      const auto term = std::ranges::find_if(terms, [&, key = name](const Term& one) {
-        return one.kind == kinds.at(i) && one.name == key;
-      });
-      of_group[name] = {{"meaning", meaning_of_status(name, value.get<std::string>())},
-                        {"what", term == terms.end() ? "" : term->meaning}};
-    }
-  }
-  return words;
-}
 
 Json changed(const Json& counters, const Json& before) {
   Json json = Json::object();
@@ -141,21 +75,20 @@ void follow(Field& field, Page_feed& feed) {
 
 class Live_source::Implementation {
  public:
-  Implementation(Page_feed& feed, const std::string& node)
+  Implementation(Page_feed& feed, const Live_options& options)
       : feed_(feed),
-        deployment_(tq::com::load_deployment(node)),
+        deployment_(tq::com::load_deployment(options.node)),
         offers_(deployment_,
                 most_offers,
                 [this](const char* event, const auto& key, const auto& offer) {
                   tell_offer(event, key, offer);
-                }) {
+                }),
+        status_(feed) {
     try {
-      listener_.emplace(deployment_, node);
+      listener_.emplace(deployment_, options.node);
     } catch (const std::exception& error) {
       feed_.keep(Topic::offers, {{"schema", 1}, {"offers", Json::array()}, {"text", error.what()}});
     }
-    gate_->feed = &feed_;
-    follow_component_states();
     tell_application(false, "the application has not been found yet");
     tell_services();
     try {
@@ -165,16 +98,17 @@ class Live_source::Implementation {
     } catch (const std::runtime_error& error) {  // the manifest has none
       feed_.keep(Topic::monitors, {{"monitors", Json::array()}, {"text", error.what()}});
     }
+    if (!options.faults_absence.empty()) faults_.emplace(feed_, options.faults_absence);
     thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
   }
   ~Implementation() {
     thread_.request_stop();
     thread_.join();
-    const std::lock_guard lock(gate_->mutex);
-    gate_->feed = nullptr;
   }
   Implementation(const Implementation&) = delete;
   Implementation& operator=(const Implementation&) = delete;
+
+  [[nodiscard]] bool has_application() const { return present_; }
 
  private:
   void run(const std::stop_token& stop) {
@@ -197,6 +131,7 @@ class Live_source::Implementation {
       // Once for all changes: a peer decides how many one datagram brings.
       if (std::exchange(offers_changed_, false)) feed_.keep(Topic::offers, offers_.json());
     }
+    if (faults_) faults_->look(now);
     // Without an application nothing else comes, and a page could not tell that the server is
     // alive.
     if (!present_ && services_period_.is_due(now)) tell_services();
@@ -205,7 +140,7 @@ class Live_source::Implementation {
       const bool watched = feed_.has_clients();
       // The status has the figures of the statistics in its verdict, so they come first.
       if (statistics_period_.is_due(now)) look_at_statistics();
-      if (watched || status_period_.is_due(now)) look_at_status(now);
+      if (watched || status_period_.is_due(now)) status_.look(*statistics_.proxy(), figures_, now);
       if (has_log_ && log_period_.is_due(now)) look_at_log();
       if (!present_) tell_application(true, "");
     } catch (const std::exception& error) {
@@ -252,30 +187,17 @@ class Live_source::Implementation {
   void lose(const std::string& reason) {
     if (!present_) return;
     tell_application(false, reason);
-    last_state_ = {};
+    status_.forget();
     next_line_ = 0;
     has_log_ = true;
   }
   void tell_application(bool present, const std::string& text) {
     present_ = present;
-    Json json{{"present", present}, {"since", seconds_since_1970() * 1000}, {"text", text}};
-    if (present) json["started"] = started_;
-    feed_.keep(Topic::application, json);
-    feed_.event(Topic::application, json);
-    if (present) return;
-    Json status{{"schema", 1},
-                {"verdict", "no answer"},
-                {"reason", text},
-                {"findings", Json::array()},
-                {"ratePerS", 0}};
-    for (const auto* group : groups) {
-      for (const auto* member : {"sinceS", "words"})
-        status[member][group] = Json::object();
-      status[group] = Json::object();
+    if (present) {
+      serve::tell_application(feed_, started_);
+    } else {
+      tell_no_application(feed_, text);
     }
-    for (const auto* kind : faults)
-      status["dataBus"][kind] = Json::array();
-    feed_.state(Topic::status, status);
   }
 
   void look_at_statistics() {
@@ -300,95 +222,6 @@ class Live_source::Implementation {
     static_assert(values.size() == statistics_curves.size());
     feed_.curve(now, values);
     figures_ = std::move(whole);
-  }
-
-  void look_at_status(Clock::time_point now) {
-    const auto state = result_of(statistics_.proxy()->Diagnosis(), Statistics::Diagnosis.name,
-                                 deadline_in(answer_time));
-    const bool same = last_state_ && is_same(*last_state_, state);
-    if (!verdict_period_.is_due(now) && same) return;
-    Json status{{"schema", 1}, {"verdict", ""}, {"reason", ""}, {"findings", Json::array()}};
-    status["ratePerS"] = position_rate(figures_["ages"]);
-    const Json peers = json_of(
-        result_of(statistics_.proxy()->Peers(), Statistics::Peers.name, deadline_in(answer_time)));
-    feed_.state(Topic::peers, peers);
-    add_diagnosis(status, state, peers["consumed"]);
-    add_verdict(status, peers["consumed"]);
-    status["words"] = same ? last_status_["words"] : words_of(status);
-    for (const auto* kind : faults)
-      for (auto& fault : status["dataBus"][kind])
-        fault["text"] = fault_sentence(kind_of(kind), fault);
-    feed_.state(Topic::status, status);
-    if (!same) {
-      if (last_state_) tell_changes(status);
-      tell_monitors(state);
-    }
-    last_status_ = std::move(status);
-    last_state_ = state;
-  }
-  static bool is_same(const binding::Diagnosis_state& a, const binding::Diagnosis_state& b) {
-    return std::ranges::equal(a.statuses, b.statuses,
-                              [](const auto& one, const auto& other) {
-                                return one.group == other.group && one.byte == other.byte &&
-                                       one.status == other.status;
-                              }) &&
-           std::ranges::equal(a.faults, b.faults, [](const auto& one, const auto& other) {
-             return one.fault == other.fault && one.service == other.service &&
-                    one.element == other.element && one.present == other.present &&
-                    one.occurrences == other.occurrences;
-           });
-  }
-  static lumo::services::diag::Data_bus_fault kind_of(std::string_view name) {
-    return static_cast<lumo::services::diag::Data_bus_fault>(std::ranges::find(faults, name) -
-                                                             faults.begin());
-  }
-  /// The verdict of posctl status.
-  void add_verdict(Json& status, Json services) {
-    Json all = status;
-    for (const auto* part : {"process", "clock", "stamps", "ages"})
-      all[part] = figures_[part];
-    all["position"] = {{"none", !feed_.has_position()}};
-    all["services"] = std::move(services);
-    const auto findings = findings_of(all);
-    status["verdict"] = name_of(findings.empty() ? Health::healthy : findings.front().health);
-    status["reason"] = findings.empty() ? healthy_text(all) : findings.front().text;
-    for (const auto& finding : findings)
-      status["findings"].push_back(finding.text);
-  }
-  void tell_changes(const Json& status) {
-    for (const auto* group : groups) {
-      for (const auto& [name, value] : status[group].items()) {
-        const Json before = last_status_[group].value(name, Json());
-        if (before == value) continue;
-        feed_.event(Topic::change, {{"group", group},
-                                    {"name", name},
-                                    {"before", before},
-                                    {"status", value},
-                                    {"meaning", status["words"][group][name]["meaning"]}});
-      }
-    }
-    for (const auto* kind : faults) {
-      for (const auto& fault : status["dataBus"][kind]) {
-        const auto is_it = [&](const Json& one) {
-          return one["service"] == fault["service"] &&
-                 one.value("element", Json()) == fault.value("element", Json());
-        };
-        const Json& old = last_status_["dataBus"][kind];
-        const auto before = std::ranges::find_if(old, is_it);
-        if (before != old.end() && (*before)["present"] == fault["present"]) continue;
-        Json json{{"kind", kind}, {"service", fault["service"]}};
-        if (fault.contains("element")) json["element"] = fault["element"];
-        json["present"] = fault["present"];
-        json["text"] = fault["text"];
-        feed_.event(Topic::fault, json);
-      }
-    }
-  }
-  void tell_monitors(const binding::Diagnosis_state& state) {
-    Json json{{"monitors", Json::array()}};
-    for (const auto& monitor : monitor_table)
-      json["monitors"].push_back(state_json(monitor, state));
-    feed_.keep(Topic::monitors, json);
   }
 
   void look_at_log() {
@@ -423,33 +256,7 @@ class Live_source::Implementation {
     feed_.event(Topic::offer, json);
   }
 
-  /// For the thread of the bus, which may outlive the source.
-  struct Gate {
-    std::mutex mutex;  ///< guards the member below
-    Page_feed* feed = nullptr;
-  };
-  void follow_component_states() {
-    const auto tell = [gate = gate_](const Json& json) {
-      const std::lock_guard lock(gate->mutex);
-      if (gate->feed == nullptr) return;
-      gate->feed->keep(Topic::component, json);
-      gate->feed->event(Topic::component, json);
-    };
-    posctl::follow_component_states(
-        [tell](bool available, const std::string& text) {
-          tell({{"available", available}, {"text", text}});
-        },
-        [tell](const Component_confirmation& confirmation) {
-          tell({{"available", true},
-                {"text", ""},
-                {"state", confirmation.state},
-                {"sequenceNumber", confirmation.sequence_number},
-                {"result", confirmation.result}});
-        });
-  }
-
   Page_feed& feed_;
-  const std::shared_ptr<Gate> gate_ = std::make_shared<Gate>();
   // The members below are of the constructor, then of the thread.
   const someip::Deployment deployment_;
   Offer_table offers_;
@@ -459,38 +266,26 @@ class Live_source::Implementation {
   Service<TimeProxy> time_;
   Service<Statistics_proxy> statistics_;
   std::optional<Monitor_reports> monitors_;
+  std::optional<Fault_watch> faults_;
+  Status_watch status_;
   Period services_period_{second}, statistics_period_{second}, status_period_{second},
-      verdict_period_{second}, log_period_{log_period};
-  bool present_ = true;  ///< so that the first word is that it is not
-  double started_ = 0;   ///< milliseconds since 1970; 0: not known
+      log_period_{log_period};
+  std::atomic<bool> present_ = true;  ///< so that the first word is that it is not
+  double started_ = 0;                ///< milliseconds since 1970; 0: not known
   Json figures_ = Json::object();
-  Json last_status_;
-  std::optional<binding::Diagnosis_state> last_state_;
   std::uint64_t next_line_ = 0;
   bool has_log_ = true;
   bool offers_changed_ = false;  ///< since the feed has kept them
   std::jthread thread_;
 };
 
-Live_source::Live_source(Page_feed& feed, const std::string& node)
-    : implementation_(std::make_unique<Implementation>(feed, node)) {}
+Live_source::Live_source(Page_feed& feed, const Live_options& options)
+    : implementation_(std::make_unique<Implementation>(feed, options)) {}
 
 Live_source::~Live_source() = default;
 
-std::string Live_actor::act(const Action& action) {
-  constexpr double time = 5;
-  const auto deadline = deadline_in(time);
-  switch (action.kind) {
-    case Action::Kind::init_monitor:
-      return initialise_monitor(monitor_instance(action.name), init_reason(action.reason),
-                                deadline);
-    case Action::Kind::component_state:
-      break;
-  }
-  const auto result = request_component_state(action.name, 1, deadline);
-  if (result != 0)
-    throw std::runtime_error(action.name + " was refused with " + std::to_string(result));
-  return action.name + " is confirmed";
+bool Live_source::has_application() const {
+  return implementation_->has_application();
 }
 
 }  // namespace posctl::serve

@@ -7,9 +7,10 @@ namespace posctl::serve {
 namespace {
 
 constexpr std::array<std::string_view, topic_count> names{
-    "hello", "history",  "application", "output",    "map",   "input",      "quality", "satellites",
-    "time",  "services", "status",      "change",    "fault", "statistics", "peers",   "offers",
-    "offer", "monitors", "monitor",     "component", "log",   "answer",     "lost"};
+    "hello",   "history",    "application",  "output",   "map",    "input",
+    "quality", "satellites", "time",         "services", "status", "change",
+    "fault",   "statistics", "peers",        "offers",   "offer",  "monitors",
+    "monitor", "component",  "sourceFaults", "log",      "answer", "lost"};
 
 constexpr std::array position_curves{Curve{"LAT", 9},
                                      Curve{"LON", 9},
@@ -86,6 +87,12 @@ void Page_feed::flush() {
 void Page_feed::send(Topic topic, const Json& data) {
   if (!listener_ || clients_ == 0) return;
   listener_(++number_, std::make_shared<const std::string>(frame(topic, now_ms(), data)));
+}
+
+void Page_feed::greet(Json hello) {
+  const std::lock_guard lock(mutex_);
+  hello_ = std::move(hello);
+  send(Topic::hello, hello_);
 }
 
 void Page_feed::state(Topic topic, const Json& data, const Json* whole) {

@@ -1,5 +1,5 @@
-/// What the page shows: the one interface that a source of data fills, be it the running
-/// application or a recording, and that the server reads.
+/// The data of the page: the one interface between a source, be it the running application or a
+/// recording, and the server.
 #pragma once
 
 #include <array>
@@ -47,6 +47,7 @@ enum class Topic : std::uint8_t {
   monitors,
   monitor,
   component,
+  source_faults,
   log,
   answer,
   lost,
@@ -58,7 +59,7 @@ inline constexpr std::size_t topic_count = static_cast<std::size_t>(Topic::lost)
 /// UTF-8 is mended.
 [[nodiscard]] std::string frame(Topic topic, double at, const Json& data);
 
-/// Any thread may call.
+/// Turns data into frames, keeps their history, and passes them to the server. Any thread may call.
 class Page_feed {
  public:
   using Text = std::shared_ptr<const std::string>;
@@ -82,6 +83,8 @@ class Page_feed {
   }
   /// Sends notifications that were held back. Call it some ten times a second.
   void flush();
+  /// Replaces the data of the first frame.
+  void greet(Json hello);
   /// A state: it is sent now and to each client that comes, who gets `whole` if that is given.
   void state(Topic topic, const Json& data, const Json* whole = nullptr);
   /// A state for clients that come; the others know it from events.
@@ -140,7 +143,7 @@ class Page_feed {
 
   std::atomic<std::size_t> clients_ = 0;
   std::mutex mutex_;  ///< guards the members below
-  const Json hello_;
+  Json hello_;
   Listener listener_;
   std::uint64_t number_ = 0;
   std::array<Text, topic_count> states_;

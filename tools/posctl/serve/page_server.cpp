@@ -9,7 +9,6 @@
 #include <boost/beast/websocket.hpp>
 #include <deque>
 #include <exception>
-#include <map>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -17,7 +16,7 @@
 #include <utility>
 
 #include "tools/posctl/serve/guard.h"
-#include "tools/posctl/serve/page_files.h"
+#include "tools/posctl/serve/page_content.h"
 
 namespace posctl::serve {
 namespace {
@@ -32,62 +31,6 @@ using boost::system::error_code;
 /// The kernel keeps no more than this for a client that does not read.
 constexpr int socket_buffer = 64 * 1024;
 
-bool accepts_gzip(const Http_message& message) {
-  const auto found = message.find(http::field::accept_encoding);
-  return found != message.end() && found->value().find("gzip") != beast::string_view::npos;
-}
-
-/// Lets the page use nothing but this server, and no other page use this one.
-void add_security_fields(Http_answer& answer, const Http_request& request) {
-  const auto host = request.message.find(http::field::host);
-  const std::string here =
-      host == request.message.end() ? "" : " ws://" + std::string(host->value());
-  answer.fields.insert(
-      answer.fields.end(),
-      {{"Content-Security-Policy",
-        "default-src 'none'; script-src 'self'; style-src 'self'; "
-        "img-src 'self' data:; font-src 'self'; connect-src 'self'" +
-            here + "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-       {"X-Frame-Options", "DENY"},
-       {"X-Content-Type-Options", "nosniff"},
-       {"Referrer-Policy", "no-referrer"},
-       {"Cross-Origin-Resource-Policy", "same-origin"},
-       {"Cross-Origin-Opener-Policy", "same-origin"},
-       {"Cache-Control", "no-cache"}});
-}
-
-/// The page with the token behind the address of each of its files.
-std::string with_token(std::string html, std::string_view token) {
-  for (const Page_file& file : page_files()) {
-    for (const std::string_view attribute : {"src=\"", "href=\""}) {
-      for (const std::string_view prefix : {"", "./"}) {
-        const std::string before =
-            std::string(attribute) + std::string(prefix) + std::string(file.name) + '"';
-        for (auto at = html.find(before); at != std::string::npos; at = html.find(before, at + 1))
-          html.insert(at + before.size() - 1, "?token=" + std::string(token));
-      }
-    }
-  }
-  return html;
-}
-
-std::map<std::string_view, Page_file> files_by_name() {
-  std::map<std::string_view, Page_file> files;
-  for (const Page_file& file : page_files())
-    files.emplace(file.name, file);
-  return files;
-}
-
-constexpr std::string_view first_page = "index.html";
-
-/// Null if no token is needed.
-std::shared_ptr<const std::string> first_page_with(std::string_view token) {
-  const auto files = files_by_name();
-  const auto found = files.find(first_page);
-  if (token.empty() || found == files.end()) return nullptr;
-  return std::make_shared<const std::string>(with_token(std::string(found->second.plain), token));
-}
-
 }  // namespace
 
 /// Everything but actions runs in the thread of the HTTP server.
@@ -100,7 +43,7 @@ class Page_server::Implementation {
       : feed_(feed),
         options_(std::move(options)),
         limits_(limits),
-        page_(first_page_with(options_.token)),
+        content_(options_.token),
         server_(
             endpoint,
             [this](const Http_request& request, const Http_server::Later&) {
@@ -129,10 +72,12 @@ class Page_server::Implementation {
 
   Http_answer answer(const Http_request& request);
   Http_answer answer_path(const Http_request& request);
-  [[nodiscard]] Http_answer answer_file(const Http_request& request, const Page_file& file) const;
   Http_answer accept_client(const Http_request& request);
-  /// The data of the answer to what a client has sent. Runs in the thread of the actions.
-  [[nodiscard]] Json act(std::string_view text) const;
+  /// Takes a place among the actions under way. Throws std::runtime_error without one. `own` is the
+  /// client's number of them.
+  void admit(std::size_t own);
+  /// The data of the answer. Runs in the thread of the actions.
+  [[nodiscard]] Json act(const Action& action) const;
   void broadcast(std::uint64_t number, const Page_feed::Text& text);
   void remove(const std::shared_ptr<Client>& client) {
     clients_.erase(client);
@@ -142,9 +87,9 @@ class Page_server::Implementation {
   Page_feed& feed_;
   const Page_options options_;
   const Page_limits limits_;
-  const std::map<std::string_view, Page_file> files_ = files_by_name();
-  const std::shared_ptr<const std::string> page_;  ///< with the token, if there is one
+  const Page_content content_;
   std::set<std::shared_ptr<Client>> clients_;
+  std::size_t actions_under_way_ = 0;
   std::atomic<bool> ending_{false};  ///< actions that wait are dropped
   asio::thread_pool actions_{1};
   Http_server server_;
@@ -247,23 +192,41 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
       close(websocket::close_code::policy_error);
       return;
     }
-    std::string text = beast::buffers_to_string(buffer_.data());
+    const std::string text = beast::buffers_to_string(buffer_.data());
     buffer_.consume(buffer_.size());
-    asio::post(server_.actions_, [self = shared_from_this(), text = std::move(text)] {
-      const Json answer = self->server_.act(text);
-      asio::post(self->server_.server_.executor(), [self, answer] {
-        if (self->ended_) return;
-        auto line = std::make_shared<const std::string>(
-            frame(Topic::answer, seconds_since_1970() * 1000, answer));
-        // Frames stop at the bound; a browser that asks and does not read its answers is ended.
-        const std::size_t size = line->size();
-        if (self->waiting_bytes_ + size > 2 * self->server_.limits_.waiting_bytes)
-          return self->end();
-        self->waiting_bytes_ += size;
-        self->push({std::move(line), size});
-        self->read();
+    begin(text);
+    // Also while an action runs: the answers to pings are the browser's sign of life.
+    if (!ended_) read();
+  }
+  void begin(std::string_view text) {
+    Json refusal{{"id", 0}, {"ok", false}};
+    try {
+      const Action action = action_of(text);
+      refusal["id"] = action.id;
+      server_.admit(actions_);
+      ++actions_;
+      asio::post(server_.actions_, [self = shared_from_this(), action] {
+        const Json answer = self->server_.act(action);
+        asio::post(self->server_.server_.executor(), [self, answer] {
+          --self->server_.actions_under_way_;
+          --self->actions_;
+          self->tell(answer);
+        });
       });
-    });
+    } catch (const std::exception& error) {
+      refusal["text"] = error.what();
+      tell(refusal);
+    }
+  }
+  void tell(const Json& answer) {
+    if (ended_) return;
+    auto line = std::make_shared<const std::string>(
+        frame(Topic::answer, seconds_since_1970() * 1000, answer));
+    // Frames stop at the bound; a browser that asks and does not read its answers is ended.
+    const std::size_t size = line->size();
+    if (waiting_bytes_ + size > 2 * server_.limits_.waiting_bytes) return end();
+    waiting_bytes_ += size;
+    push({std::move(line), size});
   }
   void close(websocket::close_code code) {
     socket_.async_close(code, [self = shared_from_this()](error_code) { self->end(); });
@@ -284,8 +247,9 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
   std::uint64_t contained_ = 0;  ///< frames up to this one are in the snapshot
   std::uint64_t lost_ = 0;       ///< frames since the queue was full
   std::chrono::steady_clock::time_point second_;
-  unsigned messages_ = 0;  ///< since second_
-  bool open_ = false;      ///< the handshake is done
+  unsigned messages_ = 0;    ///< since second_
+  std::size_t actions_ = 0;  ///< under way
+  bool open_ = false;        ///< the handshake is done
   bool ended_ = false;
 };
 
@@ -307,32 +271,8 @@ Http_answer Page_server::Implementation::answer_path(const Http_request& request
     answer.text = options_.marks;
     return answer;
   }
-  const auto found =
-      path.starts_with('/') ? files_.find(path == "/" ? first_page : path.substr(1)) : files_.end();
-  return found == files_.end() ? refusal(http::status::not_found)
-                               : answer_file(request, found->second);
-}
-
-Http_answer Page_server::Implementation::answer_file(const Http_request& request,
-                                                     const Page_file& file) const {
-  Http_answer answer;
-  answer.type = file.type;
-  if (page_ && file.name == first_page) {
-    answer.text = page_;
-    return answer;
-  }
-  const std::string tag = '"' + std::string(file.tag) + '"';
-  answer.fields = {{"ETag", tag}, {"Vary", "Accept-Encoding"}};
-  const auto known = request.message.find(http::field::if_none_match);
-  if (known != request.message.end() && known->value() == tag) {
-    answer.status = http::status::not_modified;
-  } else if (!file.packed.empty() && accepts_gzip(request.message)) {
-    answer.fixed = file.packed;
-    answer.fields.emplace_back("Content-Encoding", "gzip");
-  } else {
-    answer.fixed = file.plain;
-  }
-  return answer;
+  if (auto answer = content_.answer(request)) return std::move(*answer);
+  return refusal(http::status::not_found);
 }
 
 Http_answer Page_server::Implementation::accept_client(const Http_request& request) {
@@ -353,13 +293,17 @@ void Page_server::Implementation::broadcast(std::uint64_t number, const Page_fee
     client->send(number, text);
 }
 
-Json Page_server::Implementation::act(std::string_view text) const {
-  Json answer{{"id", 0}, {"ok", false}};
+void Page_server::Implementation::admit(std::size_t own) {
+  if (options_.actor == nullptr)
+    throw std::runtime_error("this page only looks: posctl serve --control lets it act");
+  if (own >= limits_.client_actions || actions_under_way_ >= limits_.actions)
+    throw std::runtime_error("other actions are under way: try again when they have their answers");
+  ++actions_under_way_;
+}
+
+Json Page_server::Implementation::act(const Action& action) const {
+  Json answer{{"id", action.id}, {"ok", false}};
   try {
-    const Action action = action_of(text);
-    answer["id"] = action.id;
-    if (options_.actor == nullptr)
-      throw std::runtime_error("this page only looks: posctl serve --control lets it act");
     if (ending_) throw std::runtime_error("the server ends");
     answer["text"] = options_.actor->act(action);
     answer["ok"] = true;

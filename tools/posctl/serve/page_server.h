@@ -20,6 +20,8 @@ struct Page_limits {
   std::size_t message_bytes = 4096;                    ///< of a client
   unsigned messages_per_second = 20;                   ///< of a client; more end its connection
   std::chrono::seconds idle{20};                       ///< without a sign of life of the browser
+  std::size_t client_actions = 4;  ///< of a client, under way; further ones are refused
+  std::size_t actions = 16;        ///< of all clients
 };
 
 struct Page_options {

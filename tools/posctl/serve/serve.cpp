@@ -13,14 +13,19 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/lasting_way.h"
 #include "tools/posctl/monitor_reports.h"
+#include "tools/posctl/serve/component_watch.h"
 #include "tools/posctl/serve/guard.h"
+#include "tools/posctl/serve/live_actor.h"
 #include "tools/posctl/serve/live_source.h"
 #include "tools/posctl/serve/marks.h"
 #include "tools/posctl/serve/page_server.h"
+#include "tools/posctl/serve/status_watch.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {
@@ -29,28 +34,6 @@ namespace {
 using namespace serve;
 
 constexpr const char* node = "posctl";
-
-/// The network shows the sources too; the socket of the application is enough for the rest.
-class Way_to_all {
- public:
-  explicit Way_to_all(const Way_options& options) {
-    if (!options.node.empty() || !options.connect.empty()) {
-      way_.emplace(options);
-      return;
-    }
-    try {
-      way_.emplace(Way_options{.node = node, .connect = {}});
-    } catch (const std::exception& error) {
-      way_.emplace(options);
-      std::fprintf(stderr, "posctl: %s, so the page shows no input: %s\n", way_->text().c_str(),
-                   error.what());
-    }
-  }
-  [[nodiscard]] const std::string& text() const { return way_->text(); }
-
- private:
-  std::optional<Way> way_;
-};
 
 Json hello_of(const Serve_options& options, const std::string& way) {
   Json reasons = Json::array();
@@ -66,6 +49,75 @@ Json hello_of(const Serve_options& options, const std::string& way) {
           {"monitorReasons", std::move(reasons)},
           {"componentStates", Json::array({"kOn", "kPrepSD"})}};
 }
+
+/// The way of the page is looked at anew this often.
+constexpr std::chrono::seconds look_period{1};
+/// While another way than the best one serves, the best one is tried this often.
+constexpr int better_way_looks = 5;
+
+/// Fills the feed on the best way to the application, from its construction to its destruction.
+class Source_on_way {
+ public:
+  /// `feed` and `actor` outlive it. Throws tools::Usage_error.
+  Source_on_way(const Serve_options& options, Page_feed& feed, Live_actor& actor)
+      : options_(options),
+        feed_(feed),
+        actor_(actor),
+        way_(choices(options.way), [this](const Possible_way& way) { return make_source(way); }) {
+    renew();
+  }
+  /// Call it once each look_period.
+  void look() {
+    const auto* const source = way_.look();
+    const bool served = source != nullptr && source->has_application();
+    if (!served || (!way_.is_first_choice() && ++looks_ % better_way_looks == 0)) renew();
+    // A page that receives nothing takes the server for dead.
+    if (way_.look() == nullptr) feed_.state(Topic::services, Json::object());
+  }
+
+ private:
+  /// The network shows the sources too; the socket of the application is enough for the rest.
+  static Lasting_way<Live_source>::Choices choices(const Way_options& options) {
+    Lasting_way<Live_source>::Choices all;
+    if (options.node.empty() && options.connect.empty())
+      all.emplace_back([] { return over_the_network(node); });
+    all.emplace_back([options] { return choose_way(options); });
+    return all;
+  }
+  std::unique_ptr<Live_source> make_source(const Possible_way& way) {
+    Live_options live{.node = options_.way.node.empty() ? node : options_.way.node,
+                      .faults_absence = {}};
+    const bool is_local = !way.socket.empty();
+    if (is_local)
+      std::fprintf(stderr, "posctl: %s, so the page shows no input\n", way.text.c_str());
+    if (options_.control) live.faults_absence = is_local ? no_gateway_there : no_gateway;
+    return std::make_unique<Live_source>(feed_, live);
+  }
+  void renew() {
+    actor_.change_way([this] {
+      way_.renew();
+      return way_.look() == nullptr ? way_.problem() : "";
+    });
+    const bool has_way = way_.look() != nullptr;
+    const std::string text = has_way ? way_.text() : "none: " + way_.problem();
+    if (std::exchange(told_, text) == text) return;
+    feed_.greet(hello_of(options_, text));
+    if (!has_way) tell_no_application(feed_, "no way to it: " + way_.problem());
+  }
+
+  static constexpr const char* no_gateway =
+      "no gateway offers its faults: start gnss-gateway with --control";
+  static constexpr const char* no_gateway_there =
+      "the server reaches the application through its socket, and no gateway there: faults need "
+      "the network";
+
+  const Serve_options& options_;
+  Page_feed& feed_;
+  Live_actor& actor_;
+  Lasting_way<Live_source> way_;
+  std::string told_;
+  int looks_ = 0;
+};
 
 std::string address_of(const boost::asio::ip::tcp::endpoint& endpoint, const std::string& token) {
   const std::string host = endpoint.address().is_unspecified()
@@ -113,17 +165,17 @@ int serve_page(const Serve_options& options) {
     page.marks = std::make_shared<const std::string>(
         json_of(read_marks(options.marks)).dump(-1, ' ', false, Json::error_handler_t::replace));
   tools::Stop_signal stop_signal;
-  const Way_to_all way(options.way);
-  Page_feed feed(hello_of(options, way.text()));
+  Page_feed feed(Json::object());
   Live_actor actor;
   if (options.control) page.actor = &actor;
+  const Component_watch component(feed);
+  Source_on_way source(options, feed, actor);
   std::optional<Page_server> server;
   try {
     server.emplace(endpoint, feed, std::move(page));
   } catch (const boost::system::system_error& error) {
     throw std::runtime_error("cannot listen at " + options.listen + ": " + error.code().message());
   }
-  const Live_source source(feed, options.way.node.empty() ? node : options.way.node);
   const std::string address = address_of(server->endpoint(), options.token);
   if (!endpoint.address().is_loopback() && options.token.empty()) {
     std::fprintf(stderr,
@@ -133,8 +185,9 @@ int serve_page(const Serve_options& options) {
   }
   tools::write_output(address + "\n", stop_signal.descriptor());
   if (options.open) open_in_browser(address);
-  while (stop_signal.wait_until(Deadline::max()) != tools::Stop_signal::Wake::stopped)
-    continue;
+  while (stop_signal.wait_until(Deadline::clock::now() + look_period) !=
+         tools::Stop_signal::Wake::stopped)
+    source.look();
   return 0;
 }
 

@@ -71,7 +71,7 @@ std::string sentences_of(const Point& point) {
   const auto scaled = [](const std::optional<double>& value, double factor) {
     return value ? std::optional(*value * factor) : std::nullopt;
   };
-  const std::string course = digits(point.course, 2);
+  const std::string course = point.course ? plain(direction(*point.course, 2), 2) : "";
   const auto knots = scaled(point.speed, knots_per_mps);
   std::optional<double> separation;
   if (point.altitude_msl && point.altitude_wgs84)

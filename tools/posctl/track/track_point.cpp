@@ -75,4 +75,11 @@ std::string plain(double value, int digits) {
   return text.data();
 }
 
+double direction(double degrees, int digits) {
+  const double turn = std::fmod(degrees, 360);
+  const double scale = std::pow(10, digits);
+  const double rounded = std::round((turn < 0 ? turn + 360 : turn) * scale) / scale;
+  return rounded < 360 ? rounded + 0.0 : 0;  // no -0
+}
+
 }  // namespace posctl::track

@@ -35,4 +35,8 @@ struct Point {
 [[nodiscard]] std::string plain(double value);
 [[nodiscard]] std::string plain(double value, int digits);
 
+/// An angle from north in degrees with that many digits behind the point, from 0 to below 360 also
+/// after rounding.
+[[nodiscard]] double direction(double degrees, int digits);
+
 }  // namespace posctl::track

@@ -29,6 +29,11 @@ std::string element(const std::string& name, const std::optional<double>& value)
   return value ? "<" + name + ">" + plain(*value) + "</" + name + ">" : "";
 }
 
+/// With the digits that a float has.
+std::optional<double> direction_of(const std::optional<double>& degrees) {
+  return degrees ? std::optional(direction(*degrees, 5)) : std::nullopt;
+}
+
 std::string csv_head() {
   std::string line = "time";
   binding::for_each_member<Record>(
@@ -115,7 +120,8 @@ std::string Track_text::gpx(const Point& point, bool new_piece) const {
   text += element("ageofdgpsdata", point.correction_age);
   if (point.speed || point.course || point.heading) {
     text += "<extensions><tp:TrackPointExtension>" + element("tp:speed", point.speed) +
-            element("tp:course", point.course) + element("tp:bearing", point.heading) +
+            element("tp:course", direction_of(point.course)) +
+            element("tp:bearing", direction_of(point.heading)) +
             "</tp:TrackPointExtension></extensions>";
   }
   return text + "</trkpt>\n";

@@ -1,10 +1,10 @@
-/** Every input, output and system function as a light with its word; what has happened to them; the actions that are allowed. */
+/** Every input, output and system function as a light with its word; what has happened to them. */
 
 import type { Component, Group, Status_name } from "../feed";
-import { button, h, keep_list, select, set_attribute, set_text } from "../dom";
-import { clock_time, duration, sentence } from "../format";
+import { h, keep_list, set_attribute, set_text } from "../dom";
+import { clock_time, duration, group_word, label_of, sentence, status_word } from "../format";
 import { glyph, set_glyph, tone_of } from "../glyph";
-import { group_word, label_of, status_word, type Event_line, type Lane, type Tone } from "../model";
+import type { Event_line, Lane, Tone } from "../journal";
 import { Palette, Surface, type Context, type Panel } from "../panel";
 
 const groups: readonly (readonly [Group, string])[] = [["inputs", "Inputs"], ["outputs", "Outputs"], ["system", "System functions"]];
@@ -99,7 +99,7 @@ export function health_panel(context: Context): Panel {
     draw_strip();
     draw_events();
     draw_component(model.component);
-    draw_actions();
+    locked.hidden = model.hello?.control !== false;
   }
 
   function draw_findings(): void {
@@ -139,7 +139,7 @@ export function health_panel(context: Context): Panel {
       paint.lineTo(width, y);
       paint.stroke();
     });
-    for (const event of model.events) {
+    for (const event of model.journal.events) {
       const lane = lanes.findIndex(([name]) => name === event.lane);
       if (lane < 0 || event.at < from || event.at > to) continue;
       paint.fillStyle = palette.get(event.tone === "note" ? "accent" : event.tone === "off" ? "ink-3" : event.tone);
@@ -164,10 +164,10 @@ export function health_panel(context: Context): Panel {
   }
 
   function draw_events(): void {
-    const newest = model.events.at(-1)?.number ?? 0;
+    const newest = model.journal.events.at(-1)?.number ?? 0;
     if (newest === listed) return;
     listed = newest;
-    const shown = model.events.filter((one) => one.lane !== "offer").slice(-events_shown).sort((a, b) => b.at - a.at);
+    const shown = model.journal.events.filter((one) => one.lane !== "offer").slice(-events_shown).sort((a, b) => b.at - a.at);
     set_attribute(events, "data-none", shown.length ? null : "");
     keep_list(events, shown, (one) => String(one.number), make_event, () => undefined);
   }
@@ -177,44 +177,7 @@ export function health_panel(context: Context): Panel {
     set_text(component, text);
   }
 
-  // Actions
-
-  const monitor = select<string>("Monitor", [], () => undefined);
-  const reason = select<string>("Reason", [], () => undefined);
-  const answer = h("p", { class: "answer", role: "status" });
-  const init = button("Initialise", () => {
-    send({ action: "initMonitor", id: ++actions, monitor: list_of(monitor).value, reason: list_of(reason).value });
-  });
-  const states = h("div", { class: "states" });
-  const controls = h("div", { class: "controls" }, h("h3", {}, "Control"), h("div", { class: "line" }, monitor.element, reason.element, init), states, answer);
-  const locked = h("p", { class: "locked" }, "Read only. With posctl serve --control, buttons here initialise monitors and request component states.");
-  let actions = 0;
-  let offered = "";
-
-  function list_of(choice: { element: HTMLElement }): HTMLSelectElement {
-    return choice.element.querySelector("select")!;
-  }
-
-  function send(action: Parameters<Context["act"]>[0]): void {
-    set_text(answer, context.act(action) ? "Sent" : "Not sent: there is no connection");
-  }
-  model.follow(["answer"], () => {
-    const last = model.answers.get(actions);
-    if (last) set_text(answer, last.ok ? `Done: ${last.text}` : `Refused: ${last.text}`);
-  });
-
-  function draw_actions(): void {
-    const control = model.hello?.control === true;
-    controls.hidden = !control;
-    locked.hidden = control || !model.hello;
-    const wanted = control ? [...model.monitors.keys(), ...model.hello!.monitorReasons, ...model.hello!.componentStates].join() : "";
-    if (wanted === offered) return;
-    offered = wanted;
-    monitor.fill([...model.monitors.keys()].map((name) => [name, name] as const));
-    reason.fill((model.hello?.monitorReasons ?? []).map((name) => [name, name] as const));
-    states.replaceChildren(...(model.hello?.componentStates ?? []).map((state) =>
-      button(`Request ${state}`, () => send({ action: "componentState", id: ++actions, state }))));
-  }
+  const locked = h("p", { class: "locked" }, "Read only. posctl serve --control adds a panel that initialises monitors, requests component states and makes faults of the source.");
 
   const body = h("div", { class: "body" },
     lights,
@@ -226,7 +189,6 @@ export function health_panel(context: Context): Panel {
       canvas,
       events,
       component),
-    controls,
     locked);
   return { id: "health", title: "Health", body, draw };
 }

@@ -1,9 +1,10 @@
 /** This moment in numbers, large enough to be read from the back seat. */
 
 import { button, h, keep_list, set_attribute, set_text, svg } from "../dom";
-import { clock_time, compass_point, decimal, duration, is_number, latitude, longitude, no_value, position_types, rough } from "../format";
+import { clock_time, compass_point, decimal, direction, duration, is_number, latitude, longitude, no_value, position_types, rough, short_service } from "../format";
 import { glyph, set_glyph } from "../glyph";
-import { numbers_of, short_service, type Tone } from "../model";
+import type { Tone } from "../journal";
+import { numbers_of } from "../model";
 import type { Context, Panel } from "../panel";
 import type { Record_json } from "../feed";
 
@@ -66,7 +67,7 @@ export function now_panel(context: Context): Panel {
     const metres_a_second = value("speed2D");
     set_text(speed, metres_a_second === undefined ? no_value : decimal(metres_a_second * 3.6, metres_a_second < 27 ? 1 : 0));
     const yaw = value("yawAngle");
-    set_text(heading, yaw === undefined ? no_value : `${decimal(yaw, 0)}°`);
+    set_text(heading, yaw === undefined ? no_value : direction(yaw));
     set_text(point, yaw === undefined ? "" : compass_point(yaw));
     set_attribute(needle, "transform", `rotate(${yaw ?? 0})`);
     set_attribute(dial, "data-none", yaw === undefined ? "" : null);
