@@ -112,7 +112,7 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
 TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to_another) {
   for (const auto transport : {someip::Transport::tcp, someip::Transport::udp}) {
     Subscription values;
-    auto deployed = deployment(net);
+    auto deployed = deployment(net, R"({"queuedNotifications": 1000})");
     auto& service = deployed.services.front();
     auto& instance = service.instances.front();
     auto& field = service.fields.front();
