@@ -13,7 +13,7 @@
 
 namespace binding {
 
-/// What a histogram says. The times are at most 0.8 % beside the measured ones.
+/// The summary of a histogram. Its times deviate from the measured ones by at most 0.8 %.
 struct Age {
   std::string name;
   std::uint32_t windowS = 0;  ///< over the last seconds; 0: since the start
@@ -27,8 +27,9 @@ struct Age {
   std::uint64_t sumNs = 0;
 };
 
-/// From 0 ns to 4.8 hours. A longer duration counts as that; a negative one, after a step of the
-/// clock, does not count. Adding takes a few nanoseconds, no lock and no memory.
+/// A histogram of durations from 0 ns to 4.8 hours. A longer duration counts as 4.8 hours; a
+/// negative one, after a step of the clock, does not count. Adding takes a few nanoseconds, no lock
+/// and no memory.
 class Age_histogram {
  public:
   /// One thread at a time adds.

@@ -275,7 +275,8 @@ class Statistics_proxy : public mw::com::cpp_binding::proxy::Proxy_impl<Statisti
   mw::com::cpp_binding::proxy::Element<Statistics::LogLines> LogLines{core()};
 };
 
-/// Where the service finds what it tells. The references, and what the function uses, outlive it.
+/// The data of the application that the service returns. The references, and all objects that the
+/// function uses, outlive the service.
 struct Statistics_sources {
   const Position_ages& ages;
   const mw::com::runtime::Clock_watch& clock;

@@ -13,9 +13,10 @@
 
 namespace gnssClient {
 
-/// Set all callbacks and options before init(). One thread calls init() and stop(), never a
-/// callback. The callbacks run on threads of the middleware: those of one field one at a time,
-/// those of different fields possibly at once.
+/// Finds the GNSS service and passes at most one position per notification to the application. Set
+/// all callbacks and options before init(). One thread calls init() and stop(), never a callback.
+/// The callbacks run on threads of the middleware: those of one field one at a time, those of
+/// different fields possibly at once.
 ///
 /// Context "GNSS" has the lines of the client itself. Received records and replaced timestamps are
 /// logged in the application's default context, like "Sending …". So the path of a position reads
@@ -32,7 +33,8 @@ class gnssClientImpl {
 
   /// True logs each received position and quality record. Off until set.
   void set_recieved_gnss_data_logging(bool on) { log_received_ = on; }
-  /// True replaces the timestamp of a forwarded position by the time of its arrival. Off until set.
+  /// True replaces the timestamp of a forwarded position with the time at which its handler began.
+  /// Off until set.
   void set_ignore_gnss_timestamps(bool on) { replace_timestamps_ = on; }
   /// True forwards GNSS-DR positions instead of GNSS ones. Off until set.
   void set_use_gnss_dr(bool on) { wanted_ = on ? Position_type::gnss_dr : Position_type::gnss; }

@@ -8,8 +8,8 @@
 
 #include "ara/time/slave_time_base.h"
 
-/// All times are unsigned 64-bit counts since the epoch of the time base unless said otherwise. Any
-/// thread may call every function.
+/// The clock of the process and its offset. All times are unsigned 64-bit counts since the epoch of
+/// the time base unless said otherwise. Any thread may call every function.
 class timeutils {
  public:
   /// The one instance of the process, created on first use. Throws the exception of the time base

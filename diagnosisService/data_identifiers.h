@@ -1,4 +1,4 @@
-/// The seven data identifiers that a tester can read, each a service of two methods: interfaces,
+/// The data identifiers that a tester can read, each a service of two methods: interfaces,
 /// skeletons, proxies and the outputs of Read. docs/data-identifiers.md explains the bytes.
 #pragma once
 
@@ -220,7 +220,7 @@ using Fault_identifiers =
     std::tuple<d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable,
                d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived,
                d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible>;
-/// All seven. Everything that exists once per identifier is derived from this list.
+/// All of them. Everything that exists once per identifier is derived from this list.
 using Data_identifiers =
     decltype(std::tuple_cat(std::declval<Status_identifiers>(), std::declval<Fault_identifiers>()));
 

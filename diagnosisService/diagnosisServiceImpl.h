@@ -24,7 +24,8 @@
 
 namespace diagnosisService {
 
-/// Any thread may call every function, but only one thread init and start_monitors.
+/// Evaluates the statuses and serves testers and the event manager. Any thread may call every
+/// function, but only one thread calls init() and start_monitors().
 class diagnosisServiceImpl {
  public:
   using Clock = Status_book::Clock;
@@ -39,7 +40,7 @@ class diagnosisServiceImpl {
   diagnosisServiceImpl& operator=(const diagnosisServiceImpl&) = delete;
 
   /// Sets the initial statuses, starts the evaluation (ten times per time-out: every 500 ms for
-  /// 5000) and offers the seven data identifiers. `timeout_ms`, 1 to longest_timeout_ms, is the
+  /// 5000) and offers the data identifiers. `timeout_ms`, 1 to longest_timeout_ms, is the
   /// longest time without data before a status turns to Error. Throws std::invalid_argument for
   /// another time-out and std::runtime_error if the manifest lacks an instance. A second call
   /// resets every status, record and last-data time and evaluates with the new time-out.

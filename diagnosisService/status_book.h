@@ -12,7 +12,8 @@
 
 namespace diagnosisService {
 
-/// Not thread-safe, except data_received().
+/// Holds every status byte and turns it to Error when data is missing. Not thread-safe, except
+/// data_received().
 class Status_book {
  public:
   using Clock = std::chrono::steady_clock;

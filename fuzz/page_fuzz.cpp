@@ -1,4 +1,4 @@
-// What a client of the page can send, and a file of land marks: an error in words, or values that
+// What a client of the page can send, and a file of landmarks: an error in words, or values that
 // the server relies on.
 #include <boost/beast/http.hpp>
 #include <cmath>

@@ -10,6 +10,7 @@
 
 #include "tools/drive/geometry.h"
 #include "tools/drive/route.h"
+#include "tools/drive/sky.h"
 
 namespace drive {
 
@@ -39,30 +40,6 @@ struct Sample {
     double share = 0;         ///< of the error that is still there: 0 to 1
     std::uint64_t index = 0;  ///< of the tunnel, counted from the start of the drive
   } blind;
-};
-
-enum class Gnss_system : std::uint8_t { gps, glonass, galileo, beidou };
-
-struct Satellite {
-  Gnss_system system{};
-  std::uint16_t id = 0;  ///< within its system
-  double elevation = 0;  ///< degrees
-  double azimuth = 0;    ///< degrees, [0, 360)
-  double signal = 0;     ///< dBHz; 0: not tracked
-  bool in_use = false;
-};
-
-/// The sky at one instant and the quality that its geometry gives. Dilutions are 0 without a fix.
-struct Sky {
-  std::vector<Satellite> satellites;
-  unsigned tracked = 0;
-  unsigned in_use = 0;
-  double gdop = 0;
-  double pdop = 0;
-  double hdop = 0;
-  double vdop = 0;
-  double horizontal_accuracy = 0;  ///< metres, one sigma
-  double vertical_accuracy = 0;    ///< metres, one sigma
 };
 
 class Course {

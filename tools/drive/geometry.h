@@ -13,6 +13,17 @@ constexpr double degrees(double radians) {
   return radians * 180 / std::numbers::pi;
 }
 
+/// In metres per second.
+constexpr double kmh(double value) {
+  return value / 3.6;
+}
+
+/// Into [0, period).
+inline double wrapped(double value, double period) {
+  const double rest = std::fmod(value, period);
+  return rest < 0 ? rest + period : rest;
+}
+
 /// Metres.
 struct Offset {
   double east = 0;

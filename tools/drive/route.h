@@ -6,10 +6,18 @@
 #include <string>
 #include <vector>
 
+#include "tools/drive/geometry.h"
+
 namespace drive {
 
 /// What surrounds the vehicle, as far as the sky is concerned.
 enum class Surroundings : unsigned char { open, street, tunnel };
+
+/// Of a road with this speed limit in metres per second. Up to 50 km/h it is a street.
+[[nodiscard]] constexpr Surroundings surroundings_of(double limit, bool tunnel) {
+  if (tunnel) return Surroundings::tunnel;
+  return limit <= kmh(50) ? Surroundings::street : Surroundings::open;
+}
 
 struct Route_point {
   double latitude = 0;             ///< degrees

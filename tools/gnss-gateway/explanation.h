@@ -1,4 +1,4 @@
-/// What an NMEA 0183 stream says, sentence type by sentence type, and what it never says.
+/// Lists the sentence types of an NMEA 0183 stream and the record members that it never carries.
 #pragma once
 
 #include <cstddef>

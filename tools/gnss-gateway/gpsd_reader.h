@@ -21,7 +21,7 @@ namespace gateway {
 struct Gpsd_counters {
   std::uint64_t reports = 0;        ///< of the receiver: TPV, SKY, GST, ATT, IMU
   std::uint64_t other_reports = 0;  ///< other classes, other devices
-  std::uint64_t repeated = 0;       ///< TPV of an instant that others tell better
+  std::uint64_t repeated = 0;       ///< TPV of an instant that other TPV describe better
   std::uint64_t malformed = 0;      ///< no JSON object, or longer than Gpsd_reader::max_line
 };
 

@@ -107,7 +107,7 @@ constexpr const char* footer =
     "with\n"
     "the synchronized time base. A quantity that the source never has is absent; one that it "
     "cannot\n"
-    "tell now has valueType 2 (Error), everything else 4 (PhysicalValue). The dead-reckoning "
+    "give now has valueType 2 (Error), everything else 4 (PhysicalValue). The dead-reckoning "
     "sample\n"
     "of an NMEA receiver repeats its GNSS sample. docs/receivers.md describes sentences and "
     "records,\n"
@@ -128,7 +128,7 @@ void add_source_options(CLI::App& app, Options& options) {
                       ->type_name("FILE")
                       ->excludes(file);
   auto* gpsd = app.add_option("--gpsd", options.gpsd,
-                              "Receiver of a gpsd, HOST[:PORT[:DEVICE]]; here without a value")
+                              "Receiver of a gpsd, HOST[:PORT[:DEVICE]]; default: this machine")
                    ->expected(0, 1)
                    ->type_name("PLACE")
                    ->excludes(file)
@@ -173,7 +173,7 @@ void add_source_options(CLI::App& app, Options& options) {
       ->needs(route)
       ->capture_default_str();
   app.add_option("--seed", options.drive.seed,
-                 "Adds the errors of real sensors to the synthetic drive, from this number")
+                 "Add sensor errors to the synthetic drive; the same number, the same errors")
       ->transform(tools::number<std::uint64_t>())
       ->excludes(file)
       ->excludes(gpsd)
@@ -189,7 +189,7 @@ void add_source_options(CLI::App& app, Options& options) {
           std::set<unsigned>(gateway::serial_rates.begin(), gateway::serial_rates.end())))
       ->needs(file);
   app.add_flag("--reconnect", options.nmea.reconnect,
-               "Wait for a device that is not there or has gone, in place of ending with 1")
+               "Wait for a missing or lost device instead of ending with 1")
       ->needs(file);
 }
 

@@ -31,7 +31,7 @@ struct Pending_view {
   bool broken = false;  ///< a sentence is missing: the rest is only followed to its end
 };
 
-/// What GSA and GSV told.
+/// The satellites of the GSA and GSV sentences of one instant.
 struct Sky {
   std::vector<Satellite_number> used;
   bool used_told = false;
@@ -60,7 +60,7 @@ struct Epoch {
   bool views_returned = false;  ///< with the satellites in view
   bool grown = false;           ///< satellites have come since
 
-  /// Whether a sentence says if the receiver has a position. Without one there is nothing to send.
+  /// True if a sentence states the validity of the position. An instant without one is not sent.
   [[nodiscard]] bool speaks_of_validity() const;
   /// Bit set of the navigation sentences.
   [[nodiscard]] unsigned types() const;
@@ -68,7 +68,8 @@ struct Epoch {
 
 }  // namespace detail
 
-/// How long the receiver has been silent: usually its instant is complete, or certainly.
+/// The length of a receiver's silence. After a brief one its instant is usually complete, after a
+/// lasting one certainly.
 enum class Silence : std::uint8_t { brief, lasting };
 
 /// An instant lasts from its first navigation sentence with a time until the first with another

@@ -1,4 +1,4 @@
-/// What a receiver said about one instant, in whatever protocol: the result of every reader.
+/// The report of a receiver about one instant, in whatever protocol: the result of every reader.
 #pragma once
 
 #include <chrono>

@@ -157,7 +157,7 @@ Run add_discover(CLI::App& command) {
                               "How long to listen; 3, with --follow no end");
   command.add_flag("--follow", options->follow, "A line for each change");
   command.add_flag("--json", options->json, "As JSON");
-  command.add_option("--node", options->node, "Node of the manifest to be")
+  command.add_option("--node", options->node, "Act as this node of the manifest")
       ->type_name("NAME")
       ->capture_default_str();
   return [options, seconds] {
@@ -283,7 +283,7 @@ Run add_serve(CLI::App& command) {
   command.add_option("--token", options->token, "A word that each request needs")
       ->type_name("WORD")
       ->envname("POSCTL_TOKEN");
-  command.add_option("--marks", options->marks, "Land marks: a GPX or GeoJSON file")
+  command.add_option("--marks", options->marks, "Landmarks: a GPX or GeoJSON file")
       ->type_name("FILE");
   add_way(command, options->way);
   return with(std::move(options), serve_page);
@@ -305,16 +305,16 @@ constexpr std::array table{
             "The exit code is 0 if the application is healthy, 1 if it is degraded or failed.",
             "posctl status --watch", add_status},
     Command{"doctor", "Say why positions are missing or wrong, and what mends it",
-            "Looks for three seconds at machine, manifest, network and application.\n"
+            "Examines machine, manifest, network and application for at most three seconds.\n"
             "The exit code is 1 if something is wrong, 2 if it could not look.",
             "posctl doctor", add_doctor},
     Command{"watch", "Print each position as it comes",
-            "Says also when nothing comes, and why. rate: over the last 32 positions.",
+            "Also reports when no position comes, and why. rate: over the last 32 positions.",
             "posctl watch -o wide", add_watch},
     Command{"peers", "Print subscribers, providers, and the cause of missing data", "",
             "posctl peers", add_look<peers>},
     Command{"discover", "Print everything that is offered on the network",
-            "Needs no application, and finds also what the manifest does not know.",
+            "Needs no application, and also finds services that the manifest does not have.",
             "posctl discover --for 5", add_discover},
     Command{"stats", "Print the application's counters, ages, memory and clock", "",
             "posctl stats --json", add_look<stats>},
@@ -348,20 +348,19 @@ constexpr std::array table{
         "Begins with the present state of all monitors. --count counts the reports that follow.",
         "posctl monitors", add_monitors},
     Command{"init-monitor", "Initialise a diagnostic monitor",
-            "Does what the diagnostic event manager does when a fault memory was cleared.",
+            "Acts as the diagnostic event manager, for example after a fault memory was cleared.",
             "posctl init-monitor POS_Input_GNSS kClear", add_init_monitor},
     Command{"state", "Ask for a component state over D-Bus", "", "posctl state kPrepSD", add_state},
     Command{"exporter", "Answer Prometheus with the application's metrics",
             "Runs until it is interrupted. pos_up is 0 while the application gives no answer.",
             "posctl exporter --listen 127.0.0.1:9464", add_exporter},
-    Command{
-        "export", "Write positions to a GPX, KML, CSV or GeoJSON file",
-        "Until it is interrupted or has enough. The file is complete after every position; the\n"
-        "first one replaces an older file.",
-        "posctl export --gpx drive.gpx", add_export},
+    Command{"export", "Write positions to a GPX, KML, CSV or GeoJSON file",
+            "Runs until it is interrupted or done. The file is complete after every position; the\n"
+            "first one replaces an older file.",
+            "posctl export --gpx drive.gpx", add_export},
     Command{
         "nmea", "Send positions as NMEA 0183 sentences",
-        "RMC, GGA, VTG, GSA and GST. RMC says V while there is no position, or an old one only.\n"
+        "RMC, GGA, VTG, GSA and GST. RMC has status V while the last position is old or missing.\n"
         "Serves this machine unless an address is given; 16 clients, of which a slow one loses\n"
         "sentences.",
         "posctl nmea --listen tcp:10110", add_nmea},

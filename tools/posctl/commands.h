@@ -180,7 +180,7 @@ struct Serve_options {
   bool open = false;     ///< shows the page in the browser of the desktop
   bool control = false;  ///< lets clients act
   std::string token;     ///< that each request needs; empty: none
-  std::string marks;     ///< a file with land marks; empty: none
+  std::string marks;     ///< a file with landmarks; empty: none
   Way_options way;       ///< empty: the network, else the socket
 };
 /// Serves the page until it is interrupted.
@@ -191,8 +191,8 @@ struct Doctor_options {
   bool list = false;  ///< prints the table of checks instead
   std::string node = "posctl";
 };
-/// Looks for three seconds at most for the reason why positions are missing or wrong. Returns 1 if
-/// it finds one, 2 if it could not look.
+/// Finds the reason for missing or wrong positions, in at most three seconds. Returns 1 if it finds
+/// a fault, 2 if it could not look.
 int examine(const Doctor_options& options);
 
 }  // namespace posctl

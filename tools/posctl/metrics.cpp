@@ -1,8 +1,6 @@
 #include "tools/posctl/metrics.h"
 
-#include <charconv>
 #include <cmath>
-#include <initializer_list>
 #include <limits>
 #include <map>
 #include <string_view>
@@ -14,6 +12,7 @@
 #include "platform/someip/base/counters.h"
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/posctl/explain.h"
+#include "tools/posctl/metric_samples.h"
 
 namespace posctl {
 namespace {
@@ -24,67 +23,6 @@ using lumo::services::diag::Data_bus_fault;
 using lumo::services::positioning::datatypes::DT_positions_struct;
 using mw::com::runtime::Clock_state;
 using mw::com::runtime::Process_usage;
-
-/// The samples of one metric.
-class Samples {
- public:
-  using Labels = std::initializer_list<std::pair<std::string_view, std::string_view>>;
-
-  explicit Samples(std::string_view metric) : metric_(metric) {}
-
-  /// `suffix` is that of a summary's sum and count.
-  template <class Number>
-  void add(Number value, Labels labels = {}, std::string_view suffix = {}) {
-    text_.append(metric_).append(suffix);
-    char separator = '{';
-    for (const auto& [name, text] : labels) {
-      text_ += std::exchange(separator, ',');
-      text_.append(name).append("=\"");
-      append_escaped(text);
-      text_ += '"';
-    }
-    if (separator == ',') text_ += '}';
-    text_ += ' ';
-    append(value);
-    text_ += '\n';
-  }
-
-  [[nodiscard]] const std::string& text() const { return text_; }
-
- private:
-  void append_escaped(std::string_view text) {
-    for (const char one : text) {
-      if (one == '\n') {
-        text_ += "\\n";
-        continue;
-      }
-      if (one == '\\' || one == '"') text_ += '\\';
-      text_ += one;
-    }
-  }
-  template <class Number>
-  void append(Number value) {
-    if constexpr (std::is_same_v<Number, bool>) {
-      text_ += value ? '1' : '0';
-    } else {
-      if constexpr (std::is_floating_point_v<Number>) {
-        if (std::isnan(value)) {
-          text_ += "NaN";
-          return;
-        }
-        if (std::isinf(value)) {
-          text_ += value < 0 ? "-Inf" : "+Inf";
-          return;
-        }
-      }
-      std::array<char, 32> text{};
-      text_.append(text.data(), std::to_chars(text.data(), text.data() + text.size(), value).ptr);
-    }
-  }
-
-  const std::string_view metric_;
-  std::string text_;
-};
 
 struct Metric {
   std::string_view name;

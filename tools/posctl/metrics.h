@@ -1,5 +1,4 @@
-/// What the exporter tells Prometheus: one table of metrics, filled from one look at the
-/// application.
+/// The metrics of the exporter: one table, filled from one look at the application.
 #pragma once
 
 #include <array>

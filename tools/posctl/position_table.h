@@ -12,7 +12,7 @@
 
 namespace posctl {
 
-/// Any thread may call.
+/// Formats positions as rows and reports a silence between them. Any thread may call.
 class Position_table {
  public:
   using Time = std::chrono::steady_clock::time_point;

@@ -1,4 +1,4 @@
-/// Output of several threads, until enough has come or some cannot be written.
+/// Prints the lines of several threads until it has printed enough or cannot write.
 #pragma once
 
 #include <cstdint>
@@ -19,7 +19,8 @@ class Printer {
   Printer(const Printer&) = delete;
   Printer& operator=(const Printer&) = delete;
 
-  /// Prints no longer once enough have come or a line could not be written. Any thread.
+  /// Prints a line, unless enough lines were printed or one could not be written. Any thread may
+  /// call.
   void print(const std::string& line);
   /// A line that does not count.
   void remark(const std::string& line);

@@ -1,4 +1,4 @@
-/// Is a person looking?
+/// Whether standard output is a terminal, and whether that has colours.
 #pragma once
 
 #include <unistd.h>

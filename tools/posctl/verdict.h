@@ -1,4 +1,4 @@
-/// What the state of the application amounts to: the words of posctl status.
+/// The verdict on the state of the application, in the words of posctl status.
 #pragma once
 
 #include <cstdint>

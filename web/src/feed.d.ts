@@ -74,7 +74,7 @@ export interface Hello {
   control: boolean;             // actions are allowed
   /** How the server reaches the application, as posctl says it: "over the network as node posctl". */
   way: string;
-  /** GET marks.json has land marks. */
+  /** GET marks.json has landmarks. */
   marks: boolean;
   monitorReasons: string[];     // for initMonitor: "kClear", …
   componentStates: string[];    // "kOn", "kPrepSD"
@@ -230,5 +230,5 @@ export type Action =
 export type Action_wish = Action extends infer A ? (A extends unknown ? Omit<A, "id"> : never) : never;
 export interface Answer { id: number; ok: boolean; text: string }
 
-/** GET marks.json: land marks from --marks, whichever format the file has. 404 without. */
+/** GET marks.json: landmarks from --marks, whichever format the file has. 404 without. */
 export interface Marks extends Schema { marks: { name: string; points: [lon: number, lat: number][] }[] }

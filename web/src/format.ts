@@ -92,3 +92,29 @@ export function sentence(text: string): string {
 
 /** Names of the positionType of a record, by the number that the history has. */
 export const position_types = ["", "GNSS", "GNSS-DR"];
+
+const labels: { [name: string]: string } = {
+  gnss: "GNSS",
+  lbl: "LBL",
+  pgf: "PGF",
+  bvLines: "camera lane lines",
+  staticOutput: "static",
+};
+
+/** The name of an input, output or function as it stands beside its light. */
+export function label_of(name: string): string {
+  return labels[name] ?? spaced(name);
+}
+
+export function group_word(group: string): string {
+  return { inputs: "input", outputs: "output", system: "system function" }[group] ?? group;
+}
+
+export function status_word(status: string): string {
+  return status === "NotAvailable" ? "not available" : status;
+}
+
+/** "lumo::services::gnss::GNSS" as "GNSS". */
+export function short_service(name: string): string {
+  return name.slice(name.lastIndexOf(":") + 1);
+}

@@ -1,16 +1,17 @@
 /** All that the page knows, in bounded memory. Panels read it and follow its topics; only frames of the source change it. */
 
-import type { Answer, Application, Change, Component, Hello, Known_fault, Log_lines, Monitor_state, Notification, Offer, Peers, Record_json, Source_faults } from "./feed";
+import type { Answer, Application, Change, Component, Hello, Known_fault, Monitor_state, Notification, Offer, Peers, Record_json, Source_faults } from "./feed";
 import type { Statistics, Status, Topics } from "./feed";
-import { is_number, position_types, sentence, spaced } from "./format";
+import { is_number, position_types } from "./format";
+import { Journal } from "./journal";
+import { metres_between } from "./places";
+import { Rate } from "./rate";
 import { Link, Series, type Curve, type Values } from "./series";
 import type { Any_frame, Connection, Sink } from "./source";
 
 /** An hour at the 20 frames a second to which the server limits a topic. */
 const rows = 72_000;
 const rows_each_second = 4_000;
-const events_kept = 500;
-const log_kept = 3000;
 const offers_kept = 256;
 const physical_value = "PhysicalValue";
 
@@ -36,25 +37,6 @@ const statistics_curves: readonly Curve[] = [
   "ratePerS", "stampToArrivalP50Ms", "stampToArrivalP99Ms", "handlerToSentP50Ms", "handlerToSentP99Ms",
 ].map((name) => ({ name, range: true }));
 
-/** Topics of which the server keeps the past. */
-const event_topics = new Set<keyof Topics>(["application", "log", "change", "fault", "monitor", "component", "offer"]);
-
-export type Tone = "good" | "warn" | "bad" | "note" | "off";
-export type Lane = "status" | "monitor" | "fault" | "component" | "application" | "offer";
-export interface Event_line {
-  number: number;
-  at: number;
-  lane: Lane;
-  tone: Tone;
-  text: string;
-}
-export interface Log_line {
-  number: number;
-  at: number;
-  level: Log_lines["lines"][number]["level"];
-  context: string;
-  text: string;
-}
 export interface Counter {
   value: number;
   /** What it has grown by since the page knows it. */
@@ -107,19 +89,13 @@ export class Model implements Sink {
   readonly quality_curves = new Map<number, Series>();
   readonly statistics_curves = new Series(rows_each_second, statistics_curves);
 
-  readonly events: Event_line[] = [];
-  readonly log: Log_line[] = [];
-  log_lost = 0;
+  readonly journal = new Journal();
 
-  /** The application as the last event has it; a snapshot repeats it. */
-  private known_application: Application | undefined;
   private readonly listeners = new Map<Channel, (() => void)[]>();
   private readonly spacing = new Map<Series, number>();
   private readonly message_counters = new Map<Series, number>();
-  private readonly seen = new Map<string, number>();
   private skew: number | undefined;
   private old_frames = 0;
-  private numbers = 0;
 
   /** The server's Unix time in ms, which all times of frames are on. */
   now(): number {
@@ -148,13 +124,13 @@ export class Model implements Sink {
   frame(frame: Any_frame): void {
     if (frame.topic === "history") {
       for (const series of frame.data.series) this.take_history(series);
-      for (const old of frame.data.frames) this.take_event(old as Any_frame);
+      for (const old of frame.data.frames) this.journal.take(old as Any_frame);
       this.tell("events");
       this.tell("log");
     } else {
       this.take(frame);
       this.take_clock(frame);
-      if (this.take_event(frame)) this.tell("events");
+      if (this.journal.take(frame)) this.tell("events");
     }
     this.tell(frame.topic);
   }
@@ -259,63 +235,6 @@ export class Model implements Sink {
     }
   }
 
-  /** Lines and reports that are kept, live ones and those of the history. Returns whether there was a new one. */
-  private take_event(frame: Any_frame): boolean {
-    const { topic, at } = frame;
-    if (!event_topics.has(topic)) return false;
-    // After a reconnection the history repeats what is known.
-    if (at <= (this.seen.get(topic) ?? -Infinity)) return false;
-    this.seen.set(topic, at);
-    switch (topic) {
-      case "application": {
-        const before = this.known_application;
-        const { present, started, text } = frame.data;
-        this.known_application = frame.data;
-        const restarted = present && before?.started !== undefined && started !== undefined && before.started !== started;
-        if (!before || (before.present === present && !restarted)) return false;
-        const words = present ? (restarted ? "The application has restarted" : "The application is there") : "The application is gone";
-        this.add_event(at, "application", present ? "good" : "bad", sentence(present || !text ? words : `${words}: ${text}`));
-        return true;
-      }
-      case "log":
-        this.log_lost += frame.data.lost;
-        for (const line of frame.data.lines) {
-          this.log.push({ number: ++this.numbers, at: line.at, level: line.level, context: line.context, text: line.text });
-        }
-        if (this.log.length > log_kept + 500) this.log.splice(0, this.log.length - log_kept);
-        return false;
-      case "change": {
-        const { name, group, status, meaning } = frame.data;
-        const tone = status === "Nominal" ? "good" : status === "Error" ? "bad" : "off";
-        this.add_event(at, "status", tone, `${label_of(name)} (${group_word(group)}): ${status_word(status)}. ${sentence(meaning)}`);
-        return true;
-      }
-      case "fault":
-        this.add_event(at, "fault", frame.data.present ? "bad" : "good", frame.data.text);
-        return true;
-      case "monitor":
-        this.add_event(at, "monitor", /fail/i.test(frame.data.action) ? "bad" : "good", `${frame.data.name}: ${frame.data.action}`);
-        return true;
-      case "component":
-        if (frame.data.state === undefined) return false;
-        this.add_event(at, "component", "note", `Component state ${frame.data.state}`);
-        return true;
-      case "offer": {
-        const { event, from, service, serviceId, instance } = frame.data;
-        const gone = event === "withdrawn" || event === "expired";
-        this.add_event(at, "offer", gone ? "off" : "note", `${short_service(service ?? serviceId)} ${instance} ${event} by ${from}`);
-        return true;
-      }
-      default:
-        return false;
-    }
-  }
-
-  private add_event(at: number, lane: Lane, tone: Tone, text: string): void {
-    this.events.push({ number: ++this.numbers, at, lane, tone, text });
-    if (this.events.length > events_kept + 100) this.events.splice(0, this.events.length - events_kept);
-  }
-
   private take_statistics(data: Statistics, at: number): void {
     const last = this.statistics;
     // A smaller uptime is another process, whose counters begin anew.
@@ -406,10 +325,10 @@ export class Model implements Sink {
   /** Another server has its own history. */
   private reset(): void {
     for (const series of this.all_series()) series.clear();
-    for (const map of [this.spacing, this.message_counters, this.seen, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
-    this.events.length = this.log.length = this.log_lost = 0;
+    for (const map of [this.spacing, this.message_counters, this.counters, this.monitors, this.offers, this.input, this.quality]) map.clear();
+    this.journal.clear();
     this.output = this.map = this.satellites = this.times = undefined;
-    this.known_application = this.application = this.status = this.statistics = this.peers = this.component = this.services = this.source_faults = undefined;
+    this.application = this.status = this.statistics = this.peers = this.component = this.services = this.source_faults = undefined;
     this.fault_kinds = [];
     this.skew = undefined;
     this.tell("reset");
@@ -418,46 +337,6 @@ export class Model implements Sink {
   private tell(channel: Channel): void {
     for (const listener of this.listeners.get(channel) ?? []) listener();
   }
-}
-
-/** Notifications a second over the last two seconds. */
-export class Rate {
-  private readonly times: number[] = [];
-  private readonly counts: number[] = [];
-
-  take(notification: Notification): void {
-    this.times.push(notification.received * 1000);
-    this.counts.push(Math.max(1, ...(notification.merged ?? []).map((one) => one.count)));
-    while (this.times.length > 60 || this.times[this.times.length - 1]! - this.times[0]! > 2500) {
-      this.times.shift();
-      this.counts.shift();
-    }
-  }
-
-  /** NaN until two notifications have come within the time. */
-  value(now: number): number {
-    const last = this.times[this.times.length - 1];
-    const first = this.times[0];
-    if (last === undefined || first === undefined || now - last > 2500) return 0;
-    if (last === first) return NaN;
-    const count = this.counts.reduce((sum, one) => sum + one, 0) - this.counts[0]!;
-    return (1000 * count) / (last - first);
-  }
-}
-
-const earth_radius = 6_371_008.8;
-const degree = Math.PI / 180;
-
-/** Metres of a degree north and of a degree east, at a latitude. */
-export function metres_of_degree(latitude: number): { lat: number; lon: number } {
-  return { lat: earth_radius * degree, lon: earth_radius * degree * Math.max(0.01, Math.cos(latitude * degree)) };
-}
-
-/** Metres between two places that are near each other. */
-export function metres_between(lat_a: number, lon_a: number, lat_b: number, lon_b: number): number {
-  const north = (lat_b - lat_a) * degree;
-  const east = (((lon_b - lon_a + 540) % 360) - 180) * degree * Math.cos(((lat_a + lat_b) / 2) * degree);
-  return earth_radius * Math.hypot(north, east);
 }
 
 /** Whether the vehicle cannot have come there from the last row: faster than three times its speed and 20 m/s. */
@@ -500,30 +379,4 @@ export function numbers_of(record: Record_json): { [member: string]: number } {
 
 function offer_key(offer: Offer): string {
   return `${offer.serviceId} ${offer.instance} ${offer.majorVersion} ${offer.from}`;
-}
-
-const labels: { [name: string]: string } = {
-  gnss: "GNSS",
-  lbl: "LBL",
-  pgf: "PGF",
-  bvLines: "camera lane lines",
-  staticOutput: "static",
-};
-
-/** The name of an input, output or function as it stands beside its light. */
-export function label_of(name: string): string {
-  return labels[name] ?? spaced(name);
-}
-
-export function group_word(group: string): string {
-  return { inputs: "input", outputs: "output", system: "system function" }[group] ?? group;
-}
-
-export function status_word(status: string): string {
-  return status === "NotAvailable" ? "not available" : status;
-}
-
-/** "lumo::services::gnss::GNSS" as "GNSS". */
-export function short_service(name: string): string {
-  return name.slice(name.lastIndexOf(":") + 1);
 }

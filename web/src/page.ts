@@ -2,9 +2,10 @@
 
 import { Address } from "./address";
 import { button, choice, h, set_attribute, set_text } from "./dom";
-import { clock_time, duration, sentence } from "./format";
+import { clock_time, duration, group_word, label_of, sentence, status_word } from "./format";
 import { glyph, set_glyph } from "./glyph";
-import { group_word, label_of, Model, status_word, type Tone } from "./model";
+import type { Tone } from "./journal";
+import { Model } from "./model";
 import { Cursor, type Context, type Panel } from "./panel";
 import { control_panel } from "./panels/control";
 import { health_panel } from "./panels/health";

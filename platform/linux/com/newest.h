@@ -7,7 +7,8 @@
 
 namespace tq::com {
 
-/// Peers control the rate of changes: what waits for the handler is one value. Thread-safe.
+/// Holds the newest value until the handler takes it; a newer value replaces it. Peers control the
+/// rate of changes, so only one value waits. Thread-safe.
 template <class Value>
 class Newest {
  public:

@@ -13,7 +13,8 @@
 
 namespace ara::log {
 
-/// Any thread may call. Nothing waits for a reader while the mutex is held.
+/// Keeps the process's first lines, warnings and, while a reader asks, every line. Any thread may
+/// call. Nothing waits for a reader while the mutex is held.
 class Recent_ring {
  public:
   Recent_ring() = default;

@@ -28,7 +28,7 @@ class Store_file {
   /// or, if only the very last step failed, `text`.
   void replace(std::string_view text) const;
 
-  /// Removes the file that an interrupted Replace has left behind.
+  /// Removes the file that an interrupted replace() has left behind.
   void remove_leftover() const noexcept;
 
  private:

@@ -47,9 +47,10 @@ class Log {
     sink_(level, line);
   }
 
-  /// For what a peer does again and again, identified by `kind` (a literal) and `who`: writes
-  /// text(), unless that is empty, when it has gone on for a while, and not again before it has
-  /// paused. Cheap enough for each message, and never waits.
+  /// Reports a repeated action of a peer, identified by `kind` (a literal) and `who`: the third
+  /// time or later, once it has gone on for 2 s, and again only after a pause of 30 s. Writes
+  /// text(), unless that is empty. Cheap enough for each message: it skips the report if another
+  /// thread is here.
   template <class Text>
   void repeated(std::string_view kind, std::size_t who, Text&& text) {
     if (sink_ && goes_on(kind, who)) {

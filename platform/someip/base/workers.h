@@ -21,7 +21,7 @@ class Readable {
   virtual void on_readable() = 0;
 };
 
-/// Any thread may call all members.
+/// Runs the node's handlers and gives it a control thread. Any thread may call all members.
 ///
 /// There are two kinds of thread. The workers receive datagrams and run handlers; all of them wait
 /// for the same descriptors, so that an arrival wakes one of them and no other thread. The control

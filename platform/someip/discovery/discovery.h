@@ -14,13 +14,15 @@
 #include "platform/someip/base/deployment.h"
 #include "platform/someip/base/log.h"
 #include "platform/someip/discovery/discovery_client.h"
+#include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
 #include "platform/someip/discovery/discovery_server.h"
 
 namespace someip {
 
-/// Lives on one thread. Each member that takes the time also sends what follows from it and passes
-/// the next deadline to its host.
+/// Decides on every received discovery message and on the messages to send. Lives on one thread.
+/// Each member that takes the time also sends the messages that are due, and passes the next
+/// deadline to its host.
 class Discovery {
  public:
   struct Host {
@@ -51,8 +53,8 @@ class Discovery {
   void received(Bytes datagram, const Endpoint& from, bool multicast, Time now);
   void on_time(Time now);
   /// Without link, offers and subscriptions of peers are void, nothing is sent, and received
-  /// datagrams are ignored. When it comes back everything begins as after the start; it is up at
-  /// first.
+  /// datagrams are ignored. When the link returns, offers and searches begin as after the start.
+  /// The link counts as up at first.
   void link_changed(bool up, Time now);
   /// Withdraws every offer and subscription.
   void withdraw_all(Time now);
@@ -76,7 +78,7 @@ class Discovery {
   void start_search(const Instance_key& wanted, Time now);
   void stop_search(const Instance_key& wanted, Time now);
   /// Subscriptions are counted: each needs its unsubscribe(). A second one asks the provider for
-  /// the present values again. The entries of several calls in a row leave together.
+  /// the present values again. The entries of consecutive calls leave together.
   void subscribe(const Instance_key& key,
                  std::uint16_t event_group,
                  const Group_transport& transport,

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/someip/base/counters.h"
+#include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
 #include "platform/someip/discovery/discovery_types.h"
 
@@ -66,10 +67,10 @@ class Discovery_client_host {
   virtual void listen_to(const Instance_key& key,
                          std::uint16_t event_group,
                          const Endpoint& group) = 0;
-  /// Did an acknowledged subscription to fields bring no value yet?
+  /// True if an acknowledged subscription to fields has not brought a value yet.
   [[nodiscard]] virtual bool initial_value_missing(const Instance_key& key,
                                                    std::uint16_t event_group) const = 0;
-  /// Where events shall be sent to.
+  /// The endpoint to which providers send events over UDP.
   [[nodiscard]] virtual Endpoint udp_endpoint() const = 0;
   /// A subscription over the connection to `server` was refused: it may be open on our side only.
   virtual void doubt_connection(const Endpoint& server) = 0;
@@ -78,6 +79,7 @@ class Discovery_client_host {
   [[nodiscard]] virtual std::optional<Endpoint> tcp_endpoint(const Endpoint& server) = 0;
 };
 
+/// Runs the searches of the node, remembers the offers of peers and keeps subscriptions alive.
 /// Lives on one thread. Entries go to the outbox, which the caller flushes.
 class Discovery_client {
  public:
@@ -166,7 +168,7 @@ class Discovery_client {
     Time renewed;
     Time expires;
   };
-  /// What an offer triggers, after the delay that its transport asks for.
+  /// The subscriptions to one peer that wait for `due` after an offer.
   struct Trigger {
     Time due;
     std::map<Instance_key, bool> instances;  ///< with: came by multicast
@@ -175,7 +177,7 @@ class Discovery_client {
 
   [[nodiscard]] bool satisfied(const Instance_key& wanted) const;
   void begin_search(Search& search, Time now);
-  /// `restart`: searches that nothing satisfies any more begin again.
+  /// `restart`: searches that no remaining offer satisfies begin again.
   Remotes::iterator remove(Remotes::iterator remote, Loss::Cause cause, bool restart, Time now);
   void trigger(const Instance_key& key, const Endpoint& peer, bool multicast, Time now);
   void request(const Group_key& key,

@@ -104,7 +104,7 @@ struct Discovery_message {
   /// The options that `entry` refers to. Those of the other address family than `ipv4` says,
   /// unknown ones and those that no such entry needs are ignored.
   [[nodiscard]] Entry_options options_of(const Entry& entry, bool ipv4) const;
-  /// Where the sender's service discovery wants to be answered, when it says so itself
+  /// The endpoint to which answers go, if the message names one in place of the sender's
   /// (someipsd_1084).
   [[nodiscard]] std::optional<Endpoint> discovery_endpoint(bool ipv4) const;
 };

@@ -1,4 +1,4 @@
-/// The way out for discovery entries: packed by destination, with the session ids of each.
+/// Packs outgoing discovery entries by destination and counts the sessions of each destination.
 #pragma once
 
 #include <cstddef>
@@ -23,9 +23,10 @@ class Discovery_peers {
   explicit Discovery_peers(const Limits& limits) : limits_(limits) {}
 
   enum class Verdict { known, restarted, refused };
-  /// Takes note of a message. A newcomer without room takes the place of an origin that has been
-  /// silent for long: one of the same address if that has its quota. In a full table an address
-  /// with several places gives way at once. Refused: there is no such place.
+  /// Records a message. If the address of a new origin has used its quota, the origin takes the
+  /// place of the one of that address that has been silent longest, if for 10 s. In a full table it
+  /// takes a place of the address with the most places, at once; if every address has one, again
+  /// only after 10 s of silence. Refuses the origin if there is no such place.
   [[nodiscard]] Verdict heard(
       const Origin& origin, bool multicast, std::uint16_t session, bool reboot_flag, Time now);
   /// Time{} when nothing has been received.
@@ -37,7 +38,7 @@ class Discovery_peers {
   void forget(const Endpoint& peer) { outgoing_.erase(peer); }
 
  private:
-  /// What one address says for one service discovery endpoint.
+  /// The sessions of one address that speaks for one service discovery endpoint.
   struct Channel {
     Endpoint peer;
     Reboot_detector unicast, multicast;

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "platform/someip/base/counters.h"
+#include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
 #include "platform/someip/discovery/discovery_types.h"
 #include "platform/someip/discovery/refusals.h"
@@ -32,7 +33,7 @@ struct Offer {
 class Discovery_server_host {
  public:
   virtual ~Discovery_server_host() = default;
-  /// Has `client` an open TCP connection to the endpoint of the offer?
+  /// Does `client` have an open TCP connection to the endpoint of the offer?
   [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) = 0;
   /// The subscribers of a group have changed. Their acknowledgements have not been sent yet.
   virtual void subscribers_changed(const Instance_key& key,
@@ -47,14 +48,15 @@ class Discovery_server_host {
   [[nodiscard]] virtual std::uint64_t sent_to_all(const Instance_key&, std::uint16_t) const {
     return 0;
   }
-  /// Follows either of the two: the change is complete.
+  /// Follows subscribers_changed() and values_wanted(): the change is complete.
   virtual void subscribers_settled(const Instance_key&, std::uint16_t) {}
-  /// The first of a client's subscriptions to a group was refused.
+  /// A client's subscription to a group was refused, for the first time since the last acceptance.
   virtual void subscription_refused(const Refusal&) {}
 };
 
-/// Lives on one thread. Entries go to the outbox. After each change the caller calls
-/// deliver_subscribers(), flushes the outbox and calls deliver_initial_values().
+/// Offers the node's instances and decides on the subscriptions of clients. Lives on one thread.
+/// Entries go to the outbox. After each change the caller calls deliver_subscribers(), flushes the
+/// outbox and calls deliver_initial_values().
 class Discovery_server {
  public:
   Discovery_server(const Discovery_timing& timing,
@@ -110,7 +112,8 @@ class Discovery_server {
     bool fresh = false;         ///< initial values not yet sent
     std::uint64_t refused = 0;  ///< attempts before it
     std::uint64_t values = 0;   ///< initial values sent
-    /// What Discovery_server_host::sent_to_all() was when the host first knew of it.
+    /// Discovery_server_host::sent_to_all() at the time when the host first knew of the
+    /// subscription.
     std::optional<std::uint64_t> sent_before;
   };
   /// Calls `visit(key, event_group, subscription)` for each subscription.

@@ -6,7 +6,6 @@
 #include <cstdint>
 #include <map>
 #include <optional>
-#include <random>
 #include <string_view>
 #include <vector>
 
@@ -45,8 +44,8 @@ struct Instance_endpoints {
   friend bool operator==(const Instance_endpoints&, const Instance_endpoints&) = default;
 };
 
-/// Where a discovery message comes from. What it causes belongs to both members: an address cannot
-/// end, renew or restart what another one has said, whatever discovery endpoint it names.
+/// The origin of a discovery message. The effects of the message belong to both members: whatever
+/// discovery endpoint an address names, it cannot end, renew or restart the entries of another one.
 struct Origin {
   Address sender;  ///< of the datagram
   /// The service discovery that gets the answers: the sender's own unless the message names another
@@ -84,47 +83,7 @@ struct Subscriber {
   friend bool operator==(const Subscriber&, const Subscriber&) = default;
 };
 
-/// The delays of entries. Entries that begin to wait while others wait in their first phase or in
-/// the gathering share the moment of those, so that they leave in one message (someipsd_65).
-class Discovery_delays {
- public:
-  explicit Discovery_delays(const Discovery_timing& timing)
-      : timing_(timing), random_(std::random_device{}()) {}
-
-  [[nodiscard]] Time end_of_initial_wait(Time now) {
-    if (initial_wait_end_ <= now) {
-      initial_wait_end_ = now + between(timing_.initial_delay_min, timing_.initial_delay_max);
-    }
-    return initial_wait_end_;
-  }
-  [[nodiscard]] Milliseconds repetition(std::uint32_t sent) const {
-    return timing_.repetitions_base_delay * (1u << std::min(sent, 16u));
-  }
-  /// When entries leave that nothing received has caused: subscriptions, their ends and stop
-  /// offers. The process often causes several in a row, and all of them leave together.
-  [[nodiscard]] Time end_of_gathering(Time now) {
-    if (gathering_end_ <= now) gathering_end_ = now + timing_.request_response_delay_max;
-    return gathering_end_;
-  }
-  [[nodiscard]] Time answer_to_multicast(Time now) {
-    return now + between(timing_.request_response_delay_min, timing_.request_response_delay_max);
-  }
-
- private:
-  [[nodiscard]] std::chrono::microseconds between(Milliseconds low, Milliseconds high) {
-    using std::chrono::microseconds;
-    std::uniform_int_distribution<std::int64_t> distribution(microseconds(low).count(),
-                                                             microseconds(high).count());
-    return microseconds(distribution(random_));
-  }
-
-  const Discovery_timing& timing_;
-  std::mt19937 random_;
-  Time initial_wait_end_{};
-  Time gathering_end_{};
-};
-
-/// When an entry with this time to live ends, of which `longest` is accepted.
+/// The end of an entry with this time to live, of which at most `longest` seconds count.
 [[nodiscard]] inline Time end_of_life(Time now, std::uint32_t ttl_seconds, std::uint32_t longest) {
   const std::uint32_t accepted = std::min(ttl_seconds, longest);
   return accepted == endless_ttl ? Time::max() : now + std::chrono::seconds(accepted);

@@ -14,8 +14,8 @@
 
 namespace someip {
 
-/// Who may connect is a matter of the file's owner, group and mode. Lives on the control thread,
-/// except its constructor.
+/// Accepts clients of the same machine; owner, group and mode of the file decide which. Lives on
+/// the control thread, except its constructor.
 class Local_server final : public std::enable_shared_from_this<Local_server>,
                            private Local_connection::Handler {
  public:

@@ -14,7 +14,8 @@
 
 namespace someip {
 
-/// Each section of members says which thread calls it.
+/// Sends requests, matches their responses and ends them at their time-out. Each section of members
+/// names the thread that calls it.
 class Calls {
  public:
   /// Requests over UDP leave through `port`, unless the context has a local client.
@@ -41,7 +42,7 @@ class Calls {
   /// Ends the waiting calls of `owner` with Return_code::not_reachable, on the calling thread. The
   /// requests it has sent still leave; connections that nobody else uses are closed then.
   void cancel(const void* owner);
-  /// Ends all waiting calls so.
+  /// Does the same for the calls of all owners.
   void cancel_all();
 
   // The receiving threads

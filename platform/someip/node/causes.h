@@ -20,8 +20,8 @@ namespace someip {
 /// 0 if `to` is earlier; mw::com::runtime::never if it is Time::max().
 [[nodiscard]] std::uint64_t milliseconds_between(Time from, Time to);
 
-/// Lives on the control thread. Its owner reports only what concerns services that the process
-/// looks for.
+/// Remembers offers that do not fit and instances that were lost. Lives on the control thread. Its
+/// owner reports only events of services for which the process searches.
 class Causes {
  public:
   explicit Causes(const Node_context& context) : context_(context) {}

@@ -28,9 +28,10 @@ struct Event_targets {
   std::vector<std::shared_ptr<Stream>> streams;      ///< for events over TCP
 };
 
-/// Thread-safe. Publishers and discovery take turns, in the order in which they ask: each sends its
-/// own notifications, waits for at most one turn of every thread before it, and no mutex is held
-/// while it sends. So nothing queues up here, however fast several threads publish.
+/// Sends the notifications of one event to its subscribers. Thread-safe. Publishers and discovery
+/// take turns, in the order in which they ask. Each thread sends its own notifications, without
+/// holding a mutex, and waits for at most one turn of every thread before it. So nothing queues up
+/// here, however fast several threads publish.
 class Event_channel {
  public:
   using Targets = std::shared_ptr<const Event_targets>;
@@ -45,8 +46,8 @@ class Event_channel {
                 Counters& counters,
                 Value_missing_handler value_missing);
 
-  /// Sends to all present targets. A field's value is kept. Throws what sending throws; the turn
-  /// ends all the same.
+  /// Sends to all present targets and keeps the value of a field. Passes on an exception of the
+  /// sender, after the turn has ended.
   void notify(Bytes payload);
 
   // A change of the targets, on the thread of discovery: hold(), acknowledge, send_initial() to the

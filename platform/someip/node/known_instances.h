@@ -15,7 +15,8 @@
 
 namespace someip {
 
-/// Lives on the control thread; any thread may call endpoint_of().
+/// Keeps the offers in force, in the order in which they appeared. Lives on the control thread; any
+/// thread may call endpoint_of().
 class Known_instances {
  public:
   struct Instance {
@@ -41,8 +42,8 @@ class Known_instances {
  private:
   mutable std::mutex mutex_;  ///< guards the members below against readers on other threads
   std::list<Instance> instances_;
-  /// A peer decides how often one of many changes, so finding and removing must not cost their
-  /// number.
+  /// A peer controls the rate of changes, so the cost of finding and removing an instance must not
+  /// grow with the number of instances.
   std::map<Instance_key, std::list<Instance>::iterator> places_;
 };
 

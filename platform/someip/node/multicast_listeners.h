@@ -23,8 +23,8 @@ class Multicast_listeners {
   Multicast_listeners(const Node_context& context, Message_receiver& receiver)
       : context_(context), receiver_(receiver) {}
 
-  /// Receives the events of the group there, and no longer where an earlier call said. Logs a
-  /// warning when that is impossible.
+  /// Receives the events of `key` at the multicast endpoint `group`, and no longer at that of an
+  /// earlier call. Logs a warning if that is impossible.
   void listen(const Group_key& key, const Endpoint& group);
   void leave(const Group_key& key) { leave_all_but(std::nullopt, key); }
   void close();

@@ -17,7 +17,8 @@
 
 namespace someip {
 
-/// All public members may be called from any thread.
+/// Runs the process's node: on the network, or through the Unix socket of another node. Any thread
+/// may call all public members.
 class Node final {
  public:
   /// Takes the first free one of the node's addresses and begins to listen, or connects to the Unix
@@ -37,8 +38,9 @@ class Node final {
   [[nodiscard]] Node_client& client() { return client_; }
   [[nodiscard]] Node_server& server() { return server_; }
   [[nodiscard]] const Address& address() const { return own_; }
-  /// Who talks to whom. Waits for the control thread, so not from that one. Throws
-  /// std::runtime_error if that has ended or does not answer in time.
+  /// The subscribers and providers of this process. Waits for the control thread, which therefore
+  /// must not call it. Throws std::runtime_error if that thread has ended or does not answer in
+  /// time.
   [[nodiscard]] mw::com::runtime::Peers peers();
   [[nodiscard]] const Counters& counters() const { return counters_; }
   [[nodiscard]] Counters& counters() { return counters_; }

@@ -19,7 +19,7 @@
 
 namespace someip {
 
-/// Passes on to its parts what discovery reports and what arrives from servers.
+/// Distributes the reports of discovery and the messages of servers to its parts.
 class Node_client final : public Message_receiver, public Discovery_client_host {
  public:
   /// Opens the port of the node's client, if the node uses the network. Throws std::runtime_error

@@ -20,10 +20,11 @@ namespace someip {
 [[nodiscard]] std::map<std::uint16_t, Group_transport> event_groups(
     const Service_deployment& service, const Instance_deployment* instance);
 
-/// Lives on the control thread, except provide(), offer(), stop_offer() and close_ports().
+/// Opens the ports of provided instances, offers these and serves their subscribers. Lives on the
+/// control thread, except provide(), offer(), stop_offer() and close_ports().
 class Node_server final : public Discovery_server_host {
  public:
-  /// Listens at the Unix socket of the node, if it has one; that is impossible: a line of the log.
+  /// Listens at the Unix socket of the node, if it has one; logs a warning if that is impossible.
   /// Does not use `discovery` before the control thread calls.
   Node_server(const Node_context& context, Discovery& discovery);
 

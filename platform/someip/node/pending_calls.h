@@ -18,7 +18,8 @@ namespace someip {
 
 using tq::com::Response_handler;
 
-/// Thread-safe. The caller that takes a call out calls its handler.
+/// Holds sent requests, by session id, until their response or time-out. Thread-safe. The thread
+/// that takes a call out calls its handler.
 class Pending_calls {
  public:
   struct Call {

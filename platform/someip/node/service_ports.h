@@ -16,8 +16,9 @@
 
 namespace someip {
 
-/// The first instance that names a port opens it; every further one shares it. They stay open until
-/// close(). Any thread, unless said otherwise.
+/// Opens and shares the UDP and TCP ports of provided instances. The first instance that names a
+/// port opens it, and every further one shares it. Ports stay open until close(). Any thread may
+/// call all members, unless said otherwise.
 class Service_ports {
  public:
   /// A client's TCP connection has ended. Called on the control thread.

@@ -1,5 +1,5 @@
-/// The node's subscriptions: the events that the process has selected, and the way of a
-/// notification to those who selected it.
+/// The node's subscriptions: the events that the process has selected, and the path of a
+/// notification to its sinks.
 #pragma once
 
 #include <cstddef>
@@ -30,7 +30,8 @@ struct Event_selection {
   bool field = false;
 };
 
-/// Each section of members says which thread calls it.
+/// Subscribes to selected events and passes their notifications to sinks. Each section of members
+/// names the thread that calls it.
 class Subscriptions {
  public:
   Subscriptions(const Node_context& context,
@@ -58,7 +59,7 @@ class Subscriptions {
   void state_changed(const Instance_key& key, std::uint16_t event_group, bool active);
   /// Appends the event groups of all selected events.
   void list(std::vector<mw::com::runtime::Consumed_event_group>& rows, Time now) const;
-  /// Did an active subscription to fields of the group bring no value yet?
+  /// True if an active subscription to fields of the group has not brought a value yet.
   [[nodiscard]] bool initial_value_missing(const Instance_key& key,
                                            std::uint16_t event_group) const;
   /// The number of instances that delivered an event before this one, if `provider` was the first

@@ -3,14 +3,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cmath>
 #include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <optional>
 #include <stdexcept>
 #include <stop_token>
-#include <string_view>
 #include <thread>
 #include <utility>
 
@@ -19,15 +17,13 @@
 #include "clients/Time.h"
 #include "platform/linux/com/manifest.h"
 #include "posService/Positioning.h"
-#include "tools/posctl/component_bus.h"
 #include "tools/posctl/connect.h"
-#include "tools/posctl/fault_orders.h"
-#include "tools/posctl/glossary.h"
 #include "tools/posctl/monitor_reports.h"
 #include "tools/posctl/notification_json.h"
 #include "tools/posctl/offers.h"
 #include "tools/posctl/serve/fault_watch.h"
 #include "tools/posctl/serve/source_parts.h"
+#include "tools/posctl/serve/status_watch.h"
 #include "tools/posctl/statistics_page.h"
 #include "tools/posctl/verdict.h"
 
@@ -36,7 +32,6 @@ namespace {
 
 using binding::Statistics;
 using binding::Statistics_proxy;
-using diagnosisService::monitor_table;
 using lumo::services::gnss::GNSS;
 using lumo::services::gnss::proxy::GNSSProxy;
 using lumo::services::positioning::Positioning;
@@ -54,33 +49,10 @@ constexpr milliseconds log_period{500};
 constexpr milliseconds second{1000};
 /// Of 200 lines each. More lines than that in half a second are nothing to read.
 constexpr int most_answers = 2;
-/// The application answers in a millisecond. Longer waits would hold up the rest of the page.
-constexpr double answer_time = 1;
 /// A peer decides how many it offers.
 constexpr std::size_t most_offers = 1024;
 /// Notifications of a field that wait for their handler.
 constexpr std::size_t most_samples = 64;
-
-constexpr std::array<const char*, 3> groups{"inputs", "outputs", "system"};
-constexpr std::array<const char*, 3> faults{"notAvailable", "errorValueReceived", "implausible"};
-
-/// The meaning of each name that a status may have, by group and name.
-Json words_of(const Json& status) {
-  static const std::vector<Term> terms = glossary();
-  constexpr std::array<std::string_view, 3> kinds{"input", "output", "system function"};
-  Json words = Json::object();
-  for (std::size_t i = 0; i < groups.size(); ++i) {
-    Json& of_group = words[groups.at(i)] = Json::object();
-    for (const auto& [name, value] : status[groups.at(i)].items()) {
-      const auto term = std::ranges::find_if(terms, [&, key = name](const Term& one) {
-        return one.kind == kinds.at(i) && one.name == key;
-      });
-      of_group[name] = {{"meaning", meaning_of_status(name, value.get<std::string>())},
-                        {"what", term == terms.end() ? "" : term->meaning}};
-    }
-  }
-  return words;
-}
 
 Json changed(const Json& counters, const Json& before) {
   Json json = Json::object();
@@ -88,11 +60,6 @@ Json changed(const Json& counters, const Json& before) {
     if (before.value(name, Json()) != value) json[name] = value;
   }
   return json;
-}
-
-void tell_whether(Page_feed& feed, const Json& application) {
-  feed.keep(Topic::application, application);
-  feed.event(Topic::application, application);
 }
 
 /// Subscribes to a field that has just been found.
@@ -115,7 +82,8 @@ class Live_source::Implementation {
                 most_offers,
                 [this](const char* event, const auto& key, const auto& offer) {
                   tell_offer(event, key, offer);
-                }) {
+                }),
+        status_(feed) {
     try {
       listener_.emplace(deployment_, options.node);
     } catch (const std::exception& error) {
@@ -172,7 +140,7 @@ class Live_source::Implementation {
       const bool watched = feed_.has_clients();
       // The status has the figures of the statistics in its verdict, so they come first.
       if (statistics_period_.is_due(now)) look_at_statistics();
-      if (watched || status_period_.is_due(now)) look_at_status(now);
+      if (watched || status_period_.is_due(now)) status_.look(*statistics_.proxy(), figures_, now);
       if (has_log_ && log_period_.is_due(now)) look_at_log();
       if (!present_) tell_application(true, "");
     } catch (const std::exception& error) {
@@ -219,17 +187,14 @@ class Live_source::Implementation {
   void lose(const std::string& reason) {
     if (!present_) return;
     tell_application(false, reason);
-    last_state_ = {};
+    status_.forget();
     next_line_ = 0;
     has_log_ = true;
   }
   void tell_application(bool present, const std::string& text) {
     present_ = present;
     if (present) {
-      tell_whether(feed_, {{"present", true},
-                           {"since", seconds_since_1970() * 1000},
-                           {"text", text},
-                           {"started", started_}});
+      serve::tell_application(feed_, started_);
     } else {
       tell_no_application(feed_, text);
     }
@@ -257,95 +222,6 @@ class Live_source::Implementation {
     static_assert(values.size() == statistics_curves.size());
     feed_.curve(now, values);
     figures_ = std::move(whole);
-  }
-
-  void look_at_status(Clock::time_point now) {
-    const auto state = result_of(statistics_.proxy()->Diagnosis(), Statistics::Diagnosis.name,
-                                 deadline_in(answer_time));
-    const bool same = last_state_ && is_same(*last_state_, state);
-    if (!verdict_period_.is_due(now) && same) return;
-    Json status{{"schema", 1}, {"verdict", ""}, {"reason", ""}, {"findings", Json::array()}};
-    status["ratePerS"] = position_rate(figures_["ages"]);
-    const Json peers = json_of(
-        result_of(statistics_.proxy()->Peers(), Statistics::Peers.name, deadline_in(answer_time)));
-    feed_.state(Topic::peers, peers);
-    add_diagnosis(status, state, peers["consumed"]);
-    add_verdict(status, peers["consumed"]);
-    status["words"] = same ? last_status_["words"] : words_of(status);
-    for (const auto* kind : faults)
-      for (auto& fault : status["dataBus"][kind])
-        fault["text"] = fault_sentence(kind_of(kind), fault);
-    feed_.state(Topic::status, status);
-    if (!same) {
-      if (last_state_) tell_changes(status);
-      tell_monitors(state);
-    }
-    last_status_ = std::move(status);
-    last_state_ = state;
-  }
-  static bool is_same(const binding::Diagnosis_state& a, const binding::Diagnosis_state& b) {
-    return std::ranges::equal(a.statuses, b.statuses,
-                              [](const auto& one, const auto& other) {
-                                return one.group == other.group && one.byte == other.byte &&
-                                       one.status == other.status;
-                              }) &&
-           std::ranges::equal(a.faults, b.faults, [](const auto& one, const auto& other) {
-             return one.fault == other.fault && one.service == other.service &&
-                    one.element == other.element && one.present == other.present &&
-                    one.occurrences == other.occurrences;
-           });
-  }
-  static lumo::services::diag::Data_bus_fault kind_of(std::string_view name) {
-    return static_cast<lumo::services::diag::Data_bus_fault>(std::ranges::find(faults, name) -
-                                                             faults.begin());
-  }
-  /// The verdict of posctl status.
-  void add_verdict(Json& status, Json services) {
-    Json all = status;
-    for (const auto* part : {"process", "clock", "stamps", "ages"})
-      all[part] = figures_[part];
-    all["position"] = {{"none", !feed_.has_position()}};
-    all["services"] = std::move(services);
-    const auto findings = findings_of(all);
-    status["verdict"] = name_of(findings.empty() ? Health::healthy : findings.front().health);
-    status["reason"] = findings.empty() ? healthy_text(all) : findings.front().text;
-    for (const auto& finding : findings)
-      status["findings"].push_back(finding.text);
-  }
-  void tell_changes(const Json& status) {
-    for (const auto* group : groups) {
-      for (const auto& [name, value] : status[group].items()) {
-        const Json before = last_status_[group].value(name, Json());
-        if (before == value) continue;
-        feed_.event(Topic::change, {{"group", group},
-                                    {"name", name},
-                                    {"before", before},
-                                    {"status", value},
-                                    {"meaning", status["words"][group][name]["meaning"]}});
-      }
-    }
-    for (const auto* kind : faults) {
-      for (const auto& fault : status["dataBus"][kind]) {
-        const auto is_it = [&](const Json& one) {
-          return one["service"] == fault["service"] &&
-                 one.value("element", Json()) == fault.value("element", Json());
-        };
-        const Json& old = last_status_["dataBus"][kind];
-        const auto before = std::ranges::find_if(old, is_it);
-        if (before != old.end() && (*before)["present"] == fault["present"]) continue;
-        Json json{{"kind", kind}, {"service", fault["service"]}};
-        if (fault.contains("element")) json["element"] = fault["element"];
-        json["present"] = fault["present"];
-        json["text"] = fault["text"];
-        feed_.event(Topic::fault, json);
-      }
-    }
-  }
-  void tell_monitors(const binding::Diagnosis_state& state) {
-    Json json{{"monitors", Json::array()}};
-    for (const auto& monitor : monitor_table)
-      json["monitors"].push_back(state_json(monitor, state));
-    feed_.keep(Topic::monitors, json);
   }
 
   void look_at_log() {
@@ -391,13 +267,12 @@ class Live_source::Implementation {
   Service<Statistics_proxy> statistics_;
   std::optional<Monitor_reports> monitors_;
   std::optional<Fault_watch> faults_;
+  Status_watch status_;
   Period services_period_{second}, statistics_period_{second}, status_period_{second},
-      verdict_period_{second}, log_period_{log_period};
+      log_period_{log_period};
   std::atomic<bool> present_ = true;  ///< so that the first word is that it is not
   double started_ = 0;                ///< milliseconds since 1970; 0: not known
   Json figures_ = Json::object();
-  Json last_status_;
-  std::optional<binding::Diagnosis_state> last_state_;
   std::uint64_t next_line_ = 0;
   bool has_log_ = true;
   bool offers_changed_ = false;  ///< since the feed has kept them
@@ -411,54 +286,6 @@ Live_source::~Live_source() = default;
 
 bool Live_source::has_application() const {
   return implementation_->has_application();
-}
-
-void tell_no_application(Page_feed& feed, const std::string& text) {
-  tell_whether(feed, {{"present", false}, {"since", seconds_since_1970() * 1000}, {"text", text}});
-  Json status{{"schema", 1},
-              {"verdict", "no answer"},
-              {"reason", text},
-              {"findings", Json::array()},
-              {"ratePerS", 0}};
-  for (const auto* group : groups) {
-    for (const auto* member : {"sinceS", "words"})
-      status[member][group] = Json::object();
-    status[group] = Json::object();
-  }
-  for (const auto* kind : faults)
-    status["dataBus"][kind] = Json::array();
-  feed.state(Topic::status, status);
-}
-
-std::string Live_actor::act(const Action& action) {
-  constexpr double time = 5;
-  const std::lock_guard lock(mutex_);
-  if (!problem_.empty() && action.kind != Action::Kind::component_state)
-    throw tools::No_answer("no way to the application: " + problem_);
-  const auto deadline = deadline_in(time);
-  switch (action.kind) {
-    case Action::Kind::init_monitor:
-      return initialise_monitor(monitor_instance(action.name), init_reason(action.reason),
-                                deadline);
-    case Action::Kind::make_fault:
-      make_fault(*connect_to_gateway(deadline), action.name, deadline);
-      return "the gateway makes the fault " + action.name;
-    case Action::Kind::end_faults: {
-      const auto count = end_faults(*connect_to_gateway(deadline), action.name, deadline);
-      return count == 1 ? "1 fault ended" : std::to_string(count) + " faults ended";
-    }
-    case Action::Kind::component_state:
-      break;
-  }
-  const auto result = request_component_state(action.name, 1, deadline);
-  if (result != 0)
-    throw std::runtime_error(action.name + " was refused with " + std::to_string(result));
-  return action.name + " is confirmed";
-}
-
-void Live_actor::change_way(const std::function<std::string()>& change) {
-  const std::unique_lock lock(mutex_, std::try_to_lock);
-  if (lock.owns_lock()) problem_ = change();
 }
 
 }  // namespace posctl::serve

@@ -1,12 +1,9 @@
 /// The running application as the source of the page's data.
 #pragma once
 
-#include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 
-#include "tools/posctl/serve/action.h"
 #include "tools/posctl/serve/page_feed.h"
 
 namespace posctl::serve {
@@ -33,22 +30,6 @@ class Live_source {
  private:
   class Implementation;
   const std::unique_ptr<Implementation> implementation_;
-};
-
-/// Tells a feed that there is no application, and why.
-void tell_no_application(Page_feed& feed, const std::string& text);
-
-/// Acts on the running application and on the gateway.
-class Live_actor : public Actor {
- public:
-  [[nodiscard]] std::string act(const Action& action) override;
-  /// Calls `change`, which may replace the runtime, unless an action uses it. `change` returns why
-  /// there is no runtime; empty: there is one.
-  void change_way(const std::function<std::string()>& change);
-
- private:
-  std::mutex mutex_;  ///< guards the runtime and the member below
-  std::string problem_;
 };
 
 }  // namespace posctl::serve

@@ -1,4 +1,4 @@
-/// Land marks from a file of the user.
+/// Landmarks from a file of the user.
 #pragma once
 
 #include <string>

@@ -1,5 +1,5 @@
-/// What the page shows: the one interface that a source of data fills, be it the running
-/// application or a recording, and that the server reads.
+/// The data of the page: the one interface between a source, be it the running application or a
+/// recording, and the server.
 #pragma once
 
 #include <array>
@@ -59,7 +59,7 @@ inline constexpr std::size_t topic_count = static_cast<std::size_t>(Topic::lost)
 /// UTF-8 is mended.
 [[nodiscard]] std::string frame(Topic topic, double at, const Json& data);
 
-/// Any thread may call.
+/// Turns data into frames, keeps their history, and passes them to the server. Any thread may call.
 class Page_feed {
  public:
   using Text = std::shared_ptr<const std::string>;

@@ -9,7 +9,6 @@
 #include <boost/beast/websocket.hpp>
 #include <deque>
 #include <exception>
-#include <map>
 #include <optional>
 #include <set>
 #include <stdexcept>
@@ -17,7 +16,7 @@
 #include <utility>
 
 #include "tools/posctl/serve/guard.h"
-#include "tools/posctl/serve/page_files.h"
+#include "tools/posctl/serve/page_content.h"
 
 namespace posctl::serve {
 namespace {
@@ -32,62 +31,6 @@ using boost::system::error_code;
 /// The kernel keeps no more than this for a client that does not read.
 constexpr int socket_buffer = 64 * 1024;
 
-bool accepts_gzip(const Http_message& message) {
-  const auto found = message.find(http::field::accept_encoding);
-  return found != message.end() && found->value().find("gzip") != beast::string_view::npos;
-}
-
-/// Lets the page use nothing but this server, and no other page use this one.
-void add_security_fields(Http_answer& answer, const Http_request& request) {
-  const auto host = request.message.find(http::field::host);
-  const std::string here =
-      host == request.message.end() ? "" : " ws://" + std::string(host->value());
-  answer.fields.insert(
-      answer.fields.end(),
-      {{"Content-Security-Policy",
-        "default-src 'none'; script-src 'self'; style-src 'self'; "
-        "img-src 'self' data:; font-src 'self'; connect-src 'self'" +
-            here + "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-       {"X-Frame-Options", "DENY"},
-       {"X-Content-Type-Options", "nosniff"},
-       {"Referrer-Policy", "no-referrer"},
-       {"Cross-Origin-Resource-Policy", "same-origin"},
-       {"Cross-Origin-Opener-Policy", "same-origin"},
-       {"Cache-Control", "no-cache"}});
-}
-
-/// The page with the token behind the address of each of its files.
-std::string with_token(std::string html, std::string_view token) {
-  for (const Page_file& file : page_files()) {
-    for (const std::string_view attribute : {"src=\"", "href=\""}) {
-      for (const std::string_view prefix : {"", "./"}) {
-        const std::string before =
-            std::string(attribute) + std::string(prefix) + std::string(file.name) + '"';
-        for (auto at = html.find(before); at != std::string::npos; at = html.find(before, at + 1))
-          html.insert(at + before.size() - 1, "?token=" + std::string(token));
-      }
-    }
-  }
-  return html;
-}
-
-std::map<std::string_view, Page_file> files_by_name() {
-  std::map<std::string_view, Page_file> files;
-  for (const Page_file& file : page_files())
-    files.emplace(file.name, file);
-  return files;
-}
-
-constexpr std::string_view first_page = "index.html";
-
-/// Null if no token is needed.
-std::shared_ptr<const std::string> first_page_with(std::string_view token) {
-  const auto files = files_by_name();
-  const auto found = files.find(first_page);
-  if (token.empty() || found == files.end()) return nullptr;
-  return std::make_shared<const std::string>(with_token(std::string(found->second.plain), token));
-}
-
 }  // namespace
 
 /// Everything but actions runs in the thread of the HTTP server.
@@ -100,7 +43,7 @@ class Page_server::Implementation {
       : feed_(feed),
         options_(std::move(options)),
         limits_(limits),
-        page_(first_page_with(options_.token)),
+        content_(options_.token),
         server_(
             endpoint,
             [this](const Http_request& request, const Http_server::Later&) {
@@ -129,7 +72,6 @@ class Page_server::Implementation {
 
   Http_answer answer(const Http_request& request);
   Http_answer answer_path(const Http_request& request);
-  [[nodiscard]] Http_answer answer_file(const Http_request& request, const Page_file& file) const;
   Http_answer accept_client(const Http_request& request);
   /// Takes a place among the actions under way. Throws std::runtime_error without one. `own` is the
   /// client's number of them.
@@ -145,8 +87,7 @@ class Page_server::Implementation {
   Page_feed& feed_;
   const Page_options options_;
   const Page_limits limits_;
-  const std::map<std::string_view, Page_file> files_ = files_by_name();
-  const std::shared_ptr<const std::string> page_;  ///< with the token, if there is one
+  const Page_content content_;
   std::set<std::shared_ptr<Client>> clients_;
   std::size_t actions_under_way_ = 0;
   std::atomic<bool> ending_{false};  ///< actions that wait are dropped
@@ -330,32 +271,8 @@ Http_answer Page_server::Implementation::answer_path(const Http_request& request
     answer.text = options_.marks;
     return answer;
   }
-  const auto found =
-      path.starts_with('/') ? files_.find(path == "/" ? first_page : path.substr(1)) : files_.end();
-  return found == files_.end() ? refusal(http::status::not_found)
-                               : answer_file(request, found->second);
-}
-
-Http_answer Page_server::Implementation::answer_file(const Http_request& request,
-                                                     const Page_file& file) const {
-  Http_answer answer;
-  answer.type = file.type;
-  if (page_ && file.name == first_page) {
-    answer.text = page_;
-    return answer;
-  }
-  const std::string tag = '"' + std::string(file.tag) + '"';
-  answer.fields = {{"ETag", tag}, {"Vary", "Accept-Encoding"}};
-  const auto known = request.message.find(http::field::if_none_match);
-  if (known != request.message.end() && known->value() == tag) {
-    answer.status = http::status::not_modified;
-  } else if (!file.packed.empty() && accepts_gzip(request.message)) {
-    answer.fixed = file.packed;
-    answer.fields.emplace_back("Content-Encoding", "gzip");
-  } else {
-    answer.fixed = file.plain;
-  }
-  return answer;
+  if (auto answer = content_.answer(request)) return std::move(*answer);
+  return refusal(http::status::not_found);
 }
 
 Http_answer Page_server::Implementation::accept_client(const Http_request& request) {

@@ -21,9 +21,11 @@
 #include "tools/posctl/monitor_reports.h"
 #include "tools/posctl/serve/component_watch.h"
 #include "tools/posctl/serve/guard.h"
+#include "tools/posctl/serve/live_actor.h"
 #include "tools/posctl/serve/live_source.h"
 #include "tools/posctl/serve/marks.h"
 #include "tools/posctl/serve/page_server.h"
+#include "tools/posctl/serve/status_watch.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {

@@ -11,7 +11,11 @@
 
 namespace posctl::serve {
 
-/// What comes round each period.
+/// Seconds. The application answers in a millisecond. Longer waits would hold up the rest of the
+/// page.
+constexpr double answer_time = 1;
+
+/// Is due once in each period.
 class Period {
  public:
   using Clock = std::chrono::steady_clock;

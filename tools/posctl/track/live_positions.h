@@ -16,7 +16,7 @@ inline constexpr const char* output_position = "output";
 inline constexpr const char* gnss_position = "GNSS";
 inline constexpr const char* gnss_dr_position = "GNSS-DR";
 
-/// From construction on, over every loss and return of the service.
+/// Passes on each position from its construction on, over every loss and return of the service.
 class Live_positions {
  public:
   /// Called in order, one call at a time, on a thread of the runtime.

@@ -2,9 +2,9 @@
 
 import type { Component, Group, Status_name } from "../feed";
 import { h, keep_list, set_attribute, set_text } from "../dom";
-import { clock_time, duration, sentence } from "../format";
+import { clock_time, duration, group_word, label_of, sentence, status_word } from "../format";
 import { glyph, set_glyph, tone_of } from "../glyph";
-import { group_word, label_of, status_word, type Event_line, type Lane, type Tone } from "../model";
+import type { Event_line, Lane, Tone } from "../journal";
 import { Palette, Surface, type Context, type Panel } from "../panel";
 
 const groups: readonly (readonly [Group, string])[] = [["inputs", "Inputs"], ["outputs", "Outputs"], ["system", "System functions"]];
@@ -139,7 +139,7 @@ export function health_panel(context: Context): Panel {
       paint.lineTo(width, y);
       paint.stroke();
     });
-    for (const event of model.events) {
+    for (const event of model.journal.events) {
       const lane = lanes.findIndex(([name]) => name === event.lane);
       if (lane < 0 || event.at < from || event.at > to) continue;
       paint.fillStyle = palette.get(event.tone === "note" ? "accent" : event.tone === "off" ? "ink-3" : event.tone);
@@ -164,10 +164,10 @@ export function health_panel(context: Context): Panel {
   }
 
   function draw_events(): void {
-    const newest = model.events.at(-1)?.number ?? 0;
+    const newest = model.journal.events.at(-1)?.number ?? 0;
     if (newest === listed) return;
     listed = newest;
-    const shown = model.events.filter((one) => one.lane !== "offer").slice(-events_shown).sort((a, b) => b.at - a.at);
+    const shown = model.journal.events.filter((one) => one.lane !== "offer").slice(-events_shown).sort((a, b) => b.at - a.at);
     set_attribute(events, "data-none", shown.length ? null : "");
     keep_list(events, shown, (one) => String(one.number), make_event, () => undefined);
   }

@@ -2,7 +2,7 @@
 
 import { button, h, select, set_attribute, set_text } from "../dom";
 import { clock_time } from "../format";
-import type { Log_line } from "../model";
+import type { Log_line } from "../journal";
 import type { Context, Panel } from "../panel";
 
 const levels = ["fatal", "error", "warn", "info", "debug", "verbose"] as const;
@@ -42,14 +42,14 @@ export function log_panel(context: Context): Panel {
   }
 
   function draw(): void {
-    const known = [...new Set([...model.log.map((line) => line.context), address.get("context")])].filter(Boolean).sort();
+    const known = [...new Set([...model.journal.log.map((line) => line.context), address.get("context")])].filter(Boolean).sort();
     if (known.join() !== contexts) {
       contexts = known.join();
       where.fill([["", "all"] as const, ...known.map((name) => [name, name] as const)]);
     }
     where.set(address.get("context"));
     const filter = `${address.get("level")} ${address.get("context")} ${address.get("find")}`;
-    const newest_number = model.log.at(-1)?.number ?? 0;
+    const newest_number = model.journal.log.at(-1)?.number ?? 0;
     if (filter !== made_with || newest_number < last) {
       list.replaceChildren();
       last = 0;
@@ -58,14 +58,14 @@ export function log_panel(context: Context): Panel {
     }
     if (newest_number > last) {
       const matches = wanted();
-      const added = model.log.filter((line) => line.number > last && matches(line)).slice(-lines_shown);
+      const added = model.journal.log.filter((line) => line.number > last && matches(line)).slice(-lines_shown);
       list.append(...added.map((line) => make_line(line, address.get("find"))));
       while (list.childElementCount > lines_shown) list.firstElementChild!.remove();
       last = newest_number;
     }
     if (at_end) list.scrollTop = list.scrollHeight;
     const shown = list.childElementCount;
-    set_text(count, `${shown === lines_shown ? `the last ${shown}` : shown} of ${model.log.length} lines${model.log_lost ? `, ${model.log_lost} lost before they came here` : ""}`);
+    set_text(count, `${shown === lines_shown ? `the last ${shown}` : shown} of ${model.journal.log.length} lines${model.journal.log_lost ? `, ${model.journal.log_lost} lost before they came here` : ""}`);
     set_attribute(list, "data-none", shown ? null : "");
   }
 

@@ -1,9 +1,10 @@
 /** This moment in numbers, large enough to be read from the back seat. */
 
 import { button, h, keep_list, set_attribute, set_text, svg } from "../dom";
-import { clock_time, compass_point, decimal, direction, duration, is_number, latitude, longitude, no_value, position_types, rough } from "../format";
+import { clock_time, compass_point, decimal, direction, duration, is_number, latitude, longitude, no_value, position_types, rough, short_service } from "../format";
 import { glyph, set_glyph } from "../glyph";
-import { numbers_of, short_service, type Tone } from "../model";
+import type { Tone } from "../journal";
+import { numbers_of } from "../model";
 import type { Context, Panel } from "../panel";
 import type { Record_json } from "../feed";
 

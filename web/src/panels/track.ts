@@ -3,33 +3,19 @@
 import type { Marks } from "../feed";
 import { button, h, select, set_attribute, set_text } from "../dom";
 import { compass_point, direction, distance, duration, is_number, latitude, longitude } from "../format";
-import { metres_between, metres_of_degree } from "../model";
+import { metres_between, metres_of_degree, type Place } from "../places";
 import { Palette, Surface, type Context, type Panel } from "../panel";
-import { Link, type Series } from "../series";
 import { beside } from "../source";
-import { Trail, type Line } from "./trail";
+import { Track_picture, type Row } from "./track_picture";
+import { coloring, summarise, type Summary } from "./track_summary";
+import { Trail, type Line, type View } from "./trail";
 
 const closest = 0.02; // metres a CSS pixel
 const farthest = 20_000;
 const first_scale = 0.6;
-const ramp = [0, 1, 2, 3, 4, 5];
-const age_steps_ms = [0.1, 1, 10, 100, 1000];
 /** An arrow key moves by this part of the view. */
 const pan_step = 0.15;
 const summary_ms = 300;
-const jumps_shown = 50;
-
-interface Place {
-  lat: number;
-  lon: number;
-}
-/** What the track is made of. */
-interface Summary {
-  pieces: number;
-  gaps: number;
-  jumps: [from: Place, to: Place][];
-  length: number;
-}
 
 export function track_panel(context: Context): Panel {
   const { model, address, cursor } = context;
@@ -53,7 +39,7 @@ export function track_panel(context: Context): Panel {
     return Number.isNaN(value) ? first_scale : value;
   };
 
-  function last_place(): (Place & { row: number; series: Series }) | undefined {
+  function last_place(): Row | undefined {
     for (const series of [model.output_track, ...model.input_tracks.values()]) {
       // Rows of samples without a fix have no place.
       for (let i = series.length - 1; i >= Math.max(0, series.length - 2000); --i) {
@@ -188,11 +174,6 @@ export function track_panel(context: Context): Panel {
 
   // Drawing
 
-  interface Projection {
-    x(lon: number): number;
-    y(lat: number): number;
-  }
-
   function draw(): void {
     const paint = surface.context;
     const { width, height } = surface;
@@ -208,20 +189,12 @@ export function track_panel(context: Context): Panel {
       return;
     }
     origin ??= { lat: middle.lat, lon: middle.lon };
-    const m = metres_of_degree(middle.lat);
-    const kx = m.lon / scale();
-    const ky = m.lat / scale();
-    const to: Projection = {
-      x: (lon) => {
-        const apart = lon - middle.lon;
-        return width / 2 + (apart > 180 ? apart - 360 : apart < -180 ? apart + 360 : apart) * kx;
-      },
-      y: (lat) => height / 2 - (lat - middle.lat) * ky,
-    };
-    const step = grid(to, kx, ky);
-    draw_marks(to);
+    const view: View = { ...middle, scale: scale(), width, height };
+    const picture = new Track_picture(surface, palette, view);
+    const step = picture.grid(origin);
+    picture.marks(marks);
     const window = context.time_window();
-    const colors = coloring(window);
+    const colors = coloring(model.output_track, address.get("color"), window);
     const lines: Line[] = [
       { series: model.output_track, width: 0.14 * palette.rem, color: palette.get("accent"), below: false, step: colors?.of },
       ...[...model.input_tracks].map(([type, series]) => (
@@ -229,259 +202,27 @@ export function track_panel(context: Context): Panel {
     ];
     // The first word says what cannot be shown in place of the other.
     const style = `${generation}${palette.get("accent")} ${colors ? colors.name + colors.high : ""}`;
-    if (trail.draw(paint, { ...middle, scale: scale(), width, height }, lines, palette, window.from, window.to, style)) context.redraw();
+    if (trail.draw(paint, view, lines, palette, window.from, window.to, style)) context.redraw();
     if (performance.now() > summary_due) {
-      summary = summarise(window.from, window.to);
+      summary = summarise(model.output_track, window.from, window.to);
       summary_due = performance.now() + summary_ms;
       describe(summary, window);
     }
-    draw_jumps(to);
-    draw_cursor(to);
-    draw_vehicle(to, window);
-    scale_bar(step);
-    north_arrow();
-    if (colors) legend(colors);
+    picture.jumps(summary.jumps);
+    if (!Number.isNaN(cursor.t)) picture.cursor(model.output_track, cursor.t);
+    const place = last_place();
+    if (place && window.live) {
+      const heading = place.series === model.output_track ? place.series.value("yawAngle", place.row) : NaN;
+      picture.vehicle(place, heading, window.to - place.series.time(place.row) > 2000);
+    }
+    picture.scale_bar(step);
+    picture.north_arrow();
+    if (colors) picture.legend(colors);
   }
 
   function nothing_text(): string {
     if (model.output) return "No position yet: the samples have no coordinates.";
     return model.application?.present === false ? "No application, so no positions." : "No position yet.";
-  }
-
-  /** Draws the grid and returns the metres between its lines. */
-  function grid(to: Projection, kx: number, ky: number): number {
-    const paint = surface.context;
-    const wanted = scale() * 5 * palette.rem;
-    const power = 10 ** Math.floor(Math.log10(wanted));
-    const step = [1, 2, 5, 10].map((one) => one * power).find((one) => one >= wanted)!;
-    const pixels = step / scale();
-    paint.strokeStyle = palette.get("grid");
-    paint.lineWidth = 1;
-    paint.beginPath();
-    for (let x = ((to.x(origin!.lon) % pixels) + pixels) % pixels; x < surface.width; x += pixels) {
-      paint.moveTo(Math.round(x) + 0.5, 0);
-      paint.lineTo(Math.round(x) + 0.5, surface.height);
-    }
-    for (let y = ((to.y(origin!.lat) % pixels) + pixels) % pixels; y < surface.height; y += pixels) {
-      paint.moveTo(0, Math.round(y) + 0.5);
-      paint.lineTo(surface.width, Math.round(y) + 0.5);
-    }
-    if (kx > 0 && ky > 0) paint.stroke();
-    return step;
-  }
-
-  function draw_marks(to: Projection): void {
-    const paint = surface.context;
-    paint.strokeStyle = paint.fillStyle = palette.get("ink-3");
-    paint.lineWidth = 1;
-    paint.font = palette.font(0.75);
-    paint.textAlign = "left";
-    paint.textBaseline = "middle";
-    for (const { name, points } of marks) {
-      const [first] = points;
-      if (!first) continue;
-      const [x, y] = [to.x(first[0]), to.y(first[1])];
-      paint.beginPath();
-      if (points.length === 1) paint.rect(x - 3, y - 3, 6, 6);
-      points.forEach(([lon, lat], i) => (i ? paint.lineTo(to.x(lon), to.y(lat)) : paint.moveTo(to.x(lon), to.y(lat))));
-      paint.stroke();
-      if (name && x > -200 && x < surface.width && y > 0 && y < surface.height) paint.fillText(name.slice(0, 40), x + 7, y);
-    }
-  }
-
-  type Coloring = { name: "ago" | "speed" | "age"; of(row: number): number; low: string; high: string };
-
-  /** The step of the ramp for a row of the output, and the words at the ends of the ramp; undefined: one colour. */
-  function coloring(window: { from: number; to: number }): Coloring | undefined {
-    const track = model.output_track;
-    switch (address.get("color")) {
-      case "ago": {
-        const span = window.to - window.from;
-        return {
-          name: "ago",
-          of: (i) => Math.max(0, Math.min(5, Math.floor((6 * (track.time(i) - window.from)) / span))),
-          low: `${duration(span / 1000)} ago`,
-          high: "now",
-        };
-      }
-      case "speed": {
-        let most = 0;
-        for (let i = track.at_or_after(window.from); i < track.length; i += 5) {
-          const speed = track.value("speed2D", i);
-          if (speed > most) most = speed;
-        }
-        const top = [10, 30, 60, 100, 150, 250, 400, 1000].find((one) => one >= most * 3.6) ?? 1000;
-        return {
-          name: "speed",
-          of: (i) => Math.max(0, Math.min(5, Math.floor((6 * 3.6 * track.value("speed2D", i)) / top) || 0)),
-          low: "0",
-          high: `${top} km/h`,
-        };
-      }
-      case "age":
-        return {
-          name: "age",
-          of: (i) => {
-            const age = track.value("ageMs", i);
-            return age >= 0 ? age_steps_ms.filter((step) => age >= step).length : 0;
-          },
-          low: "0.1 ms",
-          high: "1 s old",
-        };
-      default:
-        return undefined;
-    }
-  }
-
-  function summarise(from: number, until: number): Summary {
-    const found: Summary = { pieces: 0, gaps: 0, jumps: [], length: 0 };
-    const track = model.output_track;
-    const lats = track.array("LAT");
-    const lons = track.array("LON");
-    let [lat, lon, open] = [NaN, NaN, false];
-    let m = { lat: 0, lon: 0 };
-    const end = track.at_or_after(until + 1);
-    for (let i = track.at_or_after(from); i < end; ++i) {
-      const slot = track.slot(i);
-      const next_lat = lats[slot]!;
-      const next_lon = lons[slot]!;
-      const link = track.link(i);
-      if (!(Math.abs(next_lat) <= 90 && Math.abs(next_lon) <= 180)) open = false;
-      else {
-        if (!open || link !== Link.continues) {
-          if (open && link === Link.jump) found.jumps.push([{ lat, lon }, { lat: next_lat, lon: next_lon }]);
-          else if (found.pieces) ++found.gaps;
-          ++found.pieces;
-          m = metres_of_degree(next_lat);
-        } else found.length += Math.hypot((next_lat - lat) * m.lat, (next_lon - lon) * m.lon);
-        [lat, lon, open] = [next_lat, next_lon, true];
-      }
-    }
-    return found;
-  }
-
-  function draw_jumps(to: Projection): void {
-    const paint = surface.context;
-    paint.strokeStyle = palette.get("warn");
-    paint.lineWidth = 1.5;
-    for (const places of summary.jumps.slice(-jumps_shown)) {
-      const [from, until] = places.map(({ lat, lon }) => [to.x(lon), to.y(lat)] as const) as [[number, number], [number, number]];
-      paint.setLineDash([2, 5]);
-      paint.beginPath();
-      paint.moveTo(...from);
-      paint.lineTo(...until);
-      paint.stroke();
-      paint.setLineDash([]);
-      for (const [x, y] of [from, until]) {
-        paint.beginPath();
-        paint.arc(x, y, 5, 0, 2 * Math.PI);
-        paint.stroke();
-      }
-    }
-  }
-
-  function draw_cursor(to: Projection): void {
-    if (Number.isNaN(cursor.t)) return;
-    const i = model.output_track.nearest(cursor.t, 3000);
-    if (i < 0) return;
-    const paint = surface.context;
-    paint.strokeStyle = palette.get("ink");
-    paint.lineWidth = 2;
-    paint.beginPath();
-    paint.arc(to.x(model.output_track.value("LON", i)), to.y(model.output_track.value("LAT", i)), 0.45 * palette.rem, 0, 2 * Math.PI);
-    paint.stroke();
-  }
-
-  function draw_vehicle(to: Projection, window: { to: number; live: boolean }): void {
-    const place = last_place();
-    if (!place || !window.live) return;
-    const paint = surface.context;
-    const [x, y] = [to.x(place.lon), to.y(place.lat)];
-    const accuracy = place.series.value("accuracyHorizontal", place.row) / scale();
-    if (accuracy > 2) {
-      paint.beginPath();
-      paint.arc(x, y, accuracy, 0, 2 * Math.PI);
-      paint.fillStyle = palette.get("accent-faint");
-      paint.fill();
-      paint.strokeStyle = palette.get("accent");
-      paint.lineWidth = 1;
-      paint.stroke();
-    }
-    const heading = place.series === model.output_track ? place.series.value("yawAngle", place.row) : NaN;
-    const old = window.to - place.series.time(place.row) > 2000;
-    const size = 0.75 * palette.rem;
-    paint.save();
-    paint.translate(x, y);
-    paint.beginPath();
-    if (Number.isNaN(heading)) paint.arc(0, 0, size / 2, 0, 2 * Math.PI);
-    else {
-      paint.rotate((heading * Math.PI) / 180);
-      paint.moveTo(0, -size);
-      paint.lineTo(0.62 * size, 0.75 * size);
-      paint.lineTo(0, 0.4 * size);
-      paint.lineTo(-0.62 * size, 0.75 * size);
-      paint.closePath();
-    }
-    paint.fillStyle = palette.get(old ? "paper" : "ink");
-    paint.strokeStyle = palette.get(old ? "ink-3" : "paper");
-    paint.lineWidth = 2;
-    paint.fill();
-    paint.stroke();
-    paint.restore();
-  }
-
-  function scale_bar(step: number): void {
-    const paint = surface.context;
-    const rem = palette.rem;
-    const [x, y, length] = [rem, surface.height - rem, step / scale()];
-    paint.strokeStyle = paint.fillStyle = palette.get("ink-2");
-    paint.lineWidth = 1.5;
-    paint.beginPath();
-    paint.moveTo(x, y - 5);
-    paint.lineTo(x, y);
-    paint.lineTo(x + length, y);
-    paint.lineTo(x + length, y - 5);
-    paint.stroke();
-    paint.font = palette.font(0.8125);
-    paint.textAlign = "left";
-    paint.textBaseline = "bottom";
-    paint.fillText(distance(step), x + 6, y - 3);
-  }
-
-  function north_arrow(): void {
-    const paint = surface.context;
-    const rem = palette.rem;
-    const [x, y] = [surface.width - 1.4 * rem, 2.2 * rem];
-    paint.fillStyle = palette.get("ink-2");
-    paint.beginPath();
-    paint.moveTo(x, y - 0.75 * rem);
-    paint.lineTo(x + 0.35 * rem, y + 0.3 * rem);
-    paint.lineTo(x, y + 0.1 * rem);
-    paint.lineTo(x - 0.35 * rem, y + 0.3 * rem);
-    paint.fill();
-    paint.font = palette.font(0.8125, 600);
-    paint.textAlign = "center";
-    paint.textBaseline = "bottom";
-    paint.fillText("N", x, y - 0.8 * rem);
-  }
-
-  function legend(colors: Coloring): void {
-    const paint = surface.context;
-    const rem = palette.rem;
-    const width = 1.1 * rem;
-    const right = surface.width - rem;
-    const top = surface.height - 1.4 * rem;
-    ramp.forEach((step) => {
-      paint.fillStyle = palette.get(`ramp-${step}`);
-      paint.fillRect(right - (6 - step) * width, top, width, 0.4 * rem);
-    });
-    paint.fillStyle = palette.get("ink-2");
-    paint.font = palette.font(0.75);
-    paint.textBaseline = "bottom";
-    paint.textAlign = "left";
-    paint.fillText(colors.low, right - 6 * width, top - 2);
-    paint.textAlign = "right";
-    paint.fillText(colors.high, right, top - 2);
   }
 
   function describe(summary: Summary, window: { from: number; to: number }): void {

@@ -5,7 +5,7 @@
  * where needed.
  */
 
-import { metres_of_degree } from "../model";
+import { metres_of_degree } from "../places";
 import type { Palette } from "../panel";
 import { Link, type Series } from "../series";
 

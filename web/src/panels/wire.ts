@@ -2,9 +2,10 @@
 
 import type { Offer, Subscriber } from "../feed";
 import { h, keep_list, set_attribute, set_text, type Child } from "../dom";
-import { clock_time, duration, grouped, no_value } from "../format";
+import { clock_time, duration, grouped, no_value, short_service } from "../format";
 import { glyph, set_glyph } from "../glyph";
-import { short_service, type Counter, type Tone } from "../model";
+import type { Tone } from "../journal";
+import type { Counter } from "../model";
 import type { Context, Panel } from "../panel";
 
 const rows_shown = 60;
@@ -41,7 +42,7 @@ export function wire_panel(context: Context): Panel {
     fill(seen, Object.entries(model.services ?? {}).map(([name, { present, text }]): Row =>
       ({ key: name, tone: present ? "good" : "off", cells: [name, present ? text || "there" : text || "not there"] })), "None yet.");
     set_text(way, model.hello ? `The server's way to the application: ${model.hello.way}.` : "");
-    const lines = model.events.filter((one) => one.lane === "offer").slice(-discovery_shown).reverse();
+    const lines = model.journal.events.filter((one) => one.lane === "offer").slice(-discovery_shown).reverse();
     keep_list(discovery, lines, (one) => String(one.number), (one) =>
       h("li", {}, h("time", {}, clock_time(one.at)), glyph(one.tone), h("span", {}, one.text)), () => undefined);
     set_attribute(discovery, "data-none", lines.length ? null : "");

@@ -18,7 +18,8 @@ struct Context;  // defined in platform/linux/log
 /// is for platforms that write log files; this platform ignores it.
 ///
 /// With kRemote, messages reach the DLT daemon if there is one, else standard error, never both.
-/// The log notices a daemon that starts or ends later. Neither start nor exit waits for a daemon.
+/// The log notices a daemon that starts or ends later. Neither start nor exit waits for a missing
+/// daemon; a slow one can delay the exit by a second.
 /// In the application "pos" the environment variable POS_LOG_LEVEL replaces `default_level` and
 /// sets single contexts: "debug" or "info,GNSS=warn,TRCE=verbose". The first use of the log reads
 /// it. A DLT daemon can change levels at run time.

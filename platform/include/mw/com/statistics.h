@@ -115,7 +115,7 @@ struct Consumed_event_group {
   std::string cause;                     ///< why no data comes
 };
 
-/// Who talks to whom. At most `max_rows` of each kind.
+/// The subscribers and providers of the process, at most `max_rows` rows of each kind.
 struct Peers {
   static constexpr std::size_t max_rows = 256;
 

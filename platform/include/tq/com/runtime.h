@@ -144,7 +144,7 @@ class Runtime {
   /// Messages received, sent, dropped and refused since the start, by name.
   [[nodiscard]] virtual std::vector<std::pair<std::string_view, std::uint64_t>> counters()
       const = 0;
-  /// Who talks to whom at present. Not from the control thread.
+  /// The present subscribers and providers. The control thread must not call it.
   [[nodiscard]] virtual mw::com::runtime::Peers peers() = 0;
 };
 

@@ -1,0 +1,167 @@
+#include "tools/posctl/serve/status_watch.h"
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "tools/posctl/connect.h"
+#include "tools/posctl/glossary.h"
+#include "tools/posctl/monitor_reports.h"
+#include "tools/posctl/statistics_page.h"
+#include "tools/posctl/verdict.h"
+
+namespace posctl::serve {
+namespace {
+
+using binding::Statistics;
+using binding::Statistics_proxy;
+using diagnosisService::monitor_table;
+
+constexpr std::array<const char*, 3> groups{"inputs", "outputs", "system"};
+constexpr std::array<const char*, 3> faults{"notAvailable", "errorValueReceived", "implausible"};
+
+/// The meaning of each name that a status may have, by group and name.
+Json words_of(const Json& status) {
+  static const std::vector<Term> terms = glossary();
+  constexpr std::array<std::string_view, 3> kinds{"input", "output", "system function"};
+  Json words = Json::object();
+  for (std::size_t i = 0; i < groups.size(); ++i) {
+    Json& of_group = words[groups.at(i)] = Json::object();
+    for (const auto& [name, value] : status[groups.at(i)].items()) {
+      const auto term = std::ranges::find_if(terms, [&, key = name](const Term& one) {
+        return one.kind == kinds.at(i) && one.name == key;
+      });
+      of_group[name] = {{"meaning", meaning_of_status(name, value.get<std::string>())},
+                        {"what", term == terms.end() ? "" : term->meaning}};
+    }
+  }
+  return words;
+}
+
+bool is_same(const binding::Diagnosis_state& a, const binding::Diagnosis_state& b) {
+  return std::ranges::equal(a.statuses, b.statuses,
+                            [](const auto& one, const auto& other) {
+                              return one.group == other.group && one.byte == other.byte &&
+                                     one.status == other.status;
+                            }) &&
+         std::ranges::equal(a.faults, b.faults, [](const auto& one, const auto& other) {
+           return one.fault == other.fault && one.service == other.service &&
+                  one.element == other.element && one.present == other.present &&
+                  one.occurrences == other.occurrences;
+         });
+}
+
+lumo::services::diag::Data_bus_fault kind_of(std::string_view name) {
+  return static_cast<lumo::services::diag::Data_bus_fault>(std::ranges::find(faults, name) -
+                                                           faults.begin());
+}
+
+void tell_whether(Page_feed& feed, const Json& application) {
+  feed.keep(Topic::application, application);
+  feed.event(Topic::application, application);
+}
+
+}  // namespace
+
+void Status_watch::look(Statistics_proxy& service, const Json& figures, Clock::time_point now) {
+  const auto state =
+      result_of(service.Diagnosis(), Statistics::Diagnosis.name, deadline_in(answer_time));
+  const bool same = last_state_ && is_same(*last_state_, state);
+  if (!verdict_period_.is_due(now) && same) return;
+  Json status{{"schema", 1}, {"verdict", ""}, {"reason", ""}, {"findings", Json::array()}};
+  status["ratePerS"] = position_rate(figures["ages"]);
+  const Json peers =
+      json_of(result_of(service.Peers(), Statistics::Peers.name, deadline_in(answer_time)));
+  feed_.state(Topic::peers, peers);
+  add_diagnosis(status, state, peers["consumed"]);
+  add_verdict(status, peers["consumed"], figures);
+  status["words"] = same ? last_status_["words"] : words_of(status);
+  for (const auto* kind : faults)
+    for (auto& fault : status["dataBus"][kind])
+      fault["text"] = fault_sentence(kind_of(kind), fault);
+  feed_.state(Topic::status, status);
+  if (!same) {
+    if (last_state_) tell_changes(status);
+    tell_monitors(state);
+  }
+  last_status_ = std::move(status);
+  last_state_ = state;
+}
+
+void Status_watch::add_verdict(Json& status, Json services, const Json& figures) const {
+  Json all = status;
+  for (const auto* part : {"process", "clock", "stamps", "ages"})
+    all[part] = figures[part];
+  all["position"] = {{"none", !feed_.has_position()}};
+  all["services"] = std::move(services);
+  const auto findings = findings_of(all);
+  status["verdict"] = name_of(findings.empty() ? Health::healthy : findings.front().health);
+  status["reason"] = findings.empty() ? healthy_text(all) : findings.front().text;
+  for (const auto& finding : findings)
+    status["findings"].push_back(finding.text);
+}
+
+void Status_watch::tell_changes(const Json& status) {
+  for (const auto* group : groups) {
+    for (const auto& [name, value] : status[group].items()) {
+      const Json before = last_status_[group].value(name, Json());
+      if (before == value) continue;
+      feed_.event(Topic::change, {{"group", group},
+                                  {"name", name},
+                                  {"before", before},
+                                  {"status", value},
+                                  {"meaning", status["words"][group][name]["meaning"]}});
+    }
+  }
+  for (const auto* kind : faults) {
+    for (const auto& fault : status["dataBus"][kind]) {
+      const auto is_it = [&](const Json& one) {
+        return one["service"] == fault["service"] &&
+               one.value("element", Json()) == fault.value("element", Json());
+      };
+      const Json& old = last_status_["dataBus"][kind];
+      const auto before = std::ranges::find_if(old, is_it);
+      if (before != old.end() && (*before)["present"] == fault["present"]) continue;
+      Json json{{"kind", kind}, {"service", fault["service"]}};
+      if (fault.contains("element")) json["element"] = fault["element"];
+      json["present"] = fault["present"];
+      json["text"] = fault["text"];
+      feed_.event(Topic::fault, json);
+    }
+  }
+}
+
+void Status_watch::tell_monitors(const binding::Diagnosis_state& state) {
+  Json json{{"monitors", Json::array()}};
+  for (const auto& monitor : monitor_table)
+    json["monitors"].push_back(state_json(monitor, state));
+  feed_.keep(Topic::monitors, json);
+}
+
+void tell_application(Page_feed& feed, double started_ms) {
+  tell_whether(feed, {{"present", true},
+                      {"since", seconds_since_1970() * 1000},
+                      {"text", ""},
+                      {"started", started_ms}});
+}
+
+void tell_no_application(Page_feed& feed, const std::string& text) {
+  tell_whether(feed, {{"present", false}, {"since", seconds_since_1970() * 1000}, {"text", text}});
+  Json status{{"schema", 1},
+              {"verdict", "no answer"},
+              {"reason", text},
+              {"findings", Json::array()},
+              {"ratePerS", 0}};
+  for (const auto* group : groups) {
+    for (const auto* member : {"sinceS", "words"})
+      status[member][group] = Json::object();
+    status[group] = Json::object();
+  }
+  for (const auto* kind : faults)
+    status["dataBus"][kind] = Json::array();
+  feed.state(Topic::status, status);
+}
+
+}  // namespace posctl::serve
