@@ -29,6 +29,10 @@ def packages_in(folder):
     return [next(folder.glob(f"{name}_*_{ARCHITECTURE}.deb")) for name in ("pos", "pos-tools")]
 
 
+SDK = next(PACKAGES.glob(f"adaptive-platform-linux-dev_*_{ARCHITECTURE}.deb"))
+COMPILER = ("--no-install-recommends", "g++", "cmake", "make")
+
+
 def make_root(folder):
     """A bare installation with the package lists, and what the packages depend on in apt's cache."""
     kept = PACKAGES / f"bare-root-{ARCHITECTURE}.tar"
@@ -39,12 +43,14 @@ def make_root(folder):
     subprocess.run(["tar", "--extract", "--file", kept, "--directory", folder], check=True)
     shutil.copy("/etc/resolv.conf", folder / "etc/resolv.conf")
     (folder / "offered").mkdir()
-    for package in packages_in(PACKAGES):
+    for package in (*packages_in(PACKAGES), SDK):
         shutil.copy(package, folder / "offered")
     chroot = ["chroot", folder, *APT]
     subprocess.run([*chroot, "update"], check=True)
     subprocess.run([*chroot, "install", "--download-only", *(f"/offered/{file.name}" for file in packages_in(PACKAGES))],
                    check=True)
+    if ARCHITECTURE == NATIVE:
+        subprocess.run([*chroot, "install", "--download-only", *COMPILER, f"/offered/{SDK.name}"], check=True)
 
 
 def make_newer(folder):
@@ -94,6 +100,34 @@ class Package(unittest.TestCase):
 
     def install(self, folder):
         self.do(*APT, "install", *(f"/{folder}/{file.name}" for file in packages_in(PACKAGES)))
+
+    def build_the_example(self):
+        """With the installed SDK, and beside the installed application."""
+        self.do(*APT, "install", *COMPILER, f"/offered/{SDK.name}")
+        found = self.do("sh", "-ec", """
+            cp -r /usr/share/doc/adaptive-platform-linux-dev/examples/geofence /tmp/geofence
+            cmake -S /tmp/geofence -B /tmp/geofence/build > /dev/null
+            cmake --build /tmp/geofence/build
+            export GEOFENCE_MANIFEST=/tmp/geofence/manifest.json POS_MANIFEST=/tmp/geofence/manifest.json
+            export GEOFENCE_STORAGE_DIR=/tmp/geofence/store
+            /tmp/geofence/build/geofence 2> /tmp/geofence/log & geofence=$!
+            posctl discover --for 4
+            kill $geofence
+            wait $geofence
+            grep "The vehicle is" /tmp/geofence/log""")
+        self.assertRegex(found, r"0x2B10 .*example::geofence::Geofence")
+        self.do(*APT, "purge", "adaptive-platform-linux-dev")
+
+    def build_the_example_for_another_processor(self):
+        with tempfile.TemporaryDirectory() as folder:
+            subprocess.run(["dpkg-deb", "--extract", SDK, folder], check=True)
+            example = f"{folder}/usr/share/doc/adaptive-platform-linux-dev/examples/geofence"
+            toolchain = next(pathlib.Path(folder).glob("usr/lib/*/cmake/AdaptivePlatform/arm64.cmake"))
+            subprocess.run(["cmake", "-S", example, "-B", f"{folder}/build", f"-DCMAKE_PREFIX_PATH={folder}/usr",
+                            f"-DCMAKE_TOOLCHAIN_FILE={toolchain}"], check=True)
+            subprocess.run(["cmake", "--build", f"{folder}/build"], check=True)
+            shutil.copy(f"{folder}/build/geofence", self.root / "tmp")
+        self.assertIn('"example::geofence::State"', self.do("/tmp/geofence", "--describe"))
 
     def purge(self, bare):
         self.do(*APT, "remove", "pos", "pos-tools")
@@ -145,6 +179,7 @@ class Package(unittest.TestCase):
         self.assertEqual(json.loads(self.machine.do("posctl", "describe", "--json"))["manifest"], "/etc/pos/manifest.json")
         self.assertRegex(self.do("posctl", "settings"), r"recievedGNSSDataLogging +false")
         self.assertEqual(self.do("posctl", "state", "kPrepSD"), "kPrepSD confirmed with result 0")
+        self.build_the_example()
 
         edited = {}
         for name, old, new in (("manifest.json", '"cyclicOfferDelayMs": 1000', '"cyclicOfferDelayMs": 900'),
@@ -187,6 +222,7 @@ class Package(unittest.TestCase):
             kill $gateway $application
             wait $gateway
             wait $application""")
+        self.build_the_example_for_another_processor()
         self.install("newer")
         self.assertEqual([name for name in self.purge(bare) if "pos" in name or "gnss" in name], [])
 
