@@ -17,13 +17,15 @@ def main():
         gateway = desk.start(GATEWAY, "--rate", 10, "--control")
         url = desk.start(POSCTL, "serve", "--listen", "127.0.0.1:0").stdout.readline().strip()
 
-        def picture(name, view="", server=url, **look):
-            look = {"width": 1280, "height": 800, "scheme": "light", **look}
-            page.open(url=f"{server}#{view}", **look)
-            page.until(script="() => document.querySelectorAll('[data-light]').length > 10 && document.querySelectorAll('.satellite').length > 5"
-                              " || document.querySelectorAll('#control .planned li').length == 2")
+        def shoot(name):
             page.value("document.fonts.ready.then(() => new Promise(done => setTimeout(done, 1500)))")
             page.screenshot(path=str((folder / f"{name}.webp").resolve()))
+
+        def picture(name, view="", **look):
+            look = {"width": 1280, "height": 800, "scheme": "light", **look}
+            page.open(url=f"{url}#{view}", **look)
+            page.until(script="() => document.querySelectorAll('[data-light]').length > 10 && document.querySelectorAll('.satellite').length > 5")
+            shoot(name)
 
         page.open(url=url)
         print(f"{DRIVE_S} s of a drive …", file=sys.stderr)
@@ -32,9 +34,12 @@ def main():
         picture("page-dark", "span=60&color=speed", scheme="dark")
         picture("page-time", "span=60&only=time", height=640)
         control = desk.start(POSCTL, "serve", "--listen", "127.0.0.1:0", "--control").stdout.readline().strip()
-        for fault in ("accuracy=3@0+600", "off@300+10"):
+        for fault in ("duplicate@0+600", "off@300+10"):  # which change no other picture
             desk.run(POSCTL, "fault", fault)
-        picture("page-control", "only=control", server=control, height=560)
+        page.open(url=f"{control}#only=control", width=1280, height=420)
+        page.until(script="() => document.querySelectorAll('.planned li').length === 2")
+        page.choose(selector="#fault-kind", value="jump")
+        shoot("page-control")
         desk.run(POSCTL, "fault", "clear")
         picture("page-phone", "span=60", width=360, height=780, scheme="dark")
         gateway.kill()

@@ -41,7 +41,7 @@ bool environment_names_an_address() {
 
 someip::Address address_of(const std::string& text) {
   boost::system::error_code error;
-  const auto address = boost::asio::ip::make_address(text, error);
+  auto address = boost::asio::ip::make_address(text, error);
   if (error) {
     throw tools::Usage_error(
         "--connect: expected the path of a socket, with a /, or an IP address, "

@@ -82,7 +82,8 @@ TEST(Action, is_an_object_with_an_id_and_known_members) {
            {R"({"id":1,"action":"componentState"})", "\"state\""},
            {R"({"id":1,"action":"makeFault","fault":1})", "\"fault\""},
            {R"({"id":1,"action":"format"})", "no such action"}})
-    EXPECT_THAT(test::error_of([&] { (void)action_of(text); }), HasSubstr(error)) << text;
+    EXPECT_THAT(test::error_of([&text = text] { (void)action_of(text); }), HasSubstr(error))
+        << text;
 }
 
 TEST(Page_server, keeps_a_client_whose_action_takes_long_and_bounds_its_actions) {
@@ -174,7 +175,7 @@ TEST(Marks, come_from_gpx_and_geojson) {
            {R"({"type":"Point","coordinates":["7",8]})", "[longitude, latitude]"},
            {R"({"type":7})", "another type"},
            {R"({"type":"Circle"})", "no geometry \"Circle\""}})
-    EXPECT_THAT(test::error_of([&] { (void)marks_of(text); }), HasSubstr(error)) << text;
+    EXPECT_THAT(test::error_of([&text = text] { (void)marks_of(text); }), HasSubstr(error)) << text;
 }
 
 /// What a client gets that comes now.

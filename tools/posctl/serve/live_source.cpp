@@ -44,7 +44,6 @@ using std::chrono::milliseconds;
 /// Between two looks at the status, while a browser shows it: a change is on the page within 200
 /// ms.
 constexpr milliseconds tick{100};
-constexpr milliseconds unwatched_tick{250};
 constexpr milliseconds log_period{500};
 constexpr milliseconds second{1000};
 /// Of 200 lines each. More lines than that in half a second are nothing to read.
