@@ -112,6 +112,7 @@ TEST(Strand, claimed_and_queued_pieces_never_overlap_and_none_runs_after_close) 
       ++begun;
     };
     std::vector<std::jthread> threads;
+    threads.reserve(3);
     for (int i = 0; i < 3; ++i) {
       threads.emplace_back([&] {
         for (int n = 0; n < 3000; ++n) {
