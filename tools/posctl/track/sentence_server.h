@@ -11,7 +11,8 @@ namespace posctl::track {
 
 struct Server_limits {
   std::size_t clients = 16;
-  std::size_t waiting_bytes = 64 * 1024;  ///< for a client; past it the newest sentences are lost
+  std::size_t waiting_bytes =
+      std::size_t{64} * 1024;  ///< for a client; past it the newest sentences are lost
 };
 
 struct Server_counts {
