@@ -116,7 +116,7 @@ class Package(unittest.TestCase):
             wait $geofence
             grep "The vehicle is" /tmp/geofence/log""")
         self.assertRegex(found, r"0x2B10 .*example::geofence::Geofence")
-        self.do(*APT, "purge", "adaptive-platform-linux-dev")
+        self.do(*APT, "purge", "--auto-remove", "adaptive-platform-linux-dev", "g++", "cmake", "make")
 
     def build_the_example_for_another_processor(self):
         with tempfile.TemporaryDirectory() as folder:

@@ -10,6 +10,12 @@
 
 #include "tools/nmea/satellite_number.h"
 
+extern "C" {
+/// Reads one report; 0 if it has no error. libgps exports it and does not declare it. gps_unpack()
+/// calls it again and again for the same report after an error, without an end.
+int libgps_json_unpack(const char* report, gps_data_t* data, const char** end);
+}
+
 namespace gateway {
 namespace {
 
@@ -215,7 +221,6 @@ void Gpsd_reader::take_line(const Sink& sink) {
     ++counters_.other_reports;
     return;
   }
-  ++counters_.reports;
   const auto antenna = antenna_of(report);
   const auto yaw_rate = number_of<double>(report, "gyro_z");  // libgps has no member for it
   const bool has_satellites = report.contains("satellites");
@@ -227,7 +232,12 @@ void Gpsd_reader::take_line(const Sink& sink) {
     line_.replace(at, name.size(), "\"ATT\"");
   }
   data_->set = 0;
-  gps_unpack(line_.data(), data_.get());
+  const char* end = nullptr;
+  if (libgps_json_unpack(line_.c_str(), data_.get(), &end) != 0) {
+    ++counters_.malformed;
+    return;
+  }
+  ++counters_.reports;
   if (type == "TPV" && number_of<int>(report, "mode")) {
     if (!device.empty()) followed_ = device;
     take_position(antenna, sink);
