@@ -71,21 +71,15 @@ class Options(suite.Group):
         self.assertEqual([line.split()[-1] for line in host.lines if line.startswith("notification")],
                          ["01", "02", "77"])
 
-    def test_options_rule(self):
-        host, peer = self.vehicle("find Remote", subscriptionsForOthers=True)
-        elsewhere = self.peer(listen=False)
-        events = elsewhere.socket()
-        self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, events).ttl, 0)
-        self.event(host, events)
-        server = elsewhere.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE), [endpoint(server)])
-        host.said("found Remote 1")
-        host.do("call Remote 1 echo 01")
-        server.wait(lambda one: one.service == REMOTE)
-
     def test_multicast_of_acknowledgement(self):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         first, second = ((f"239.195.{self.network.number}.{last}", MULTICAST_PORT) for last in (8, 9))
+        entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
+        for wrong in ([multicast(peer.address, 40000)], [multicast(*second, TCP_PROTOCOL)],
+                      [multicast(second[0], 0)], [multicast(*second), multicast(second[0], 40001)]):
+            peer.acknowledge(entry, wrong)
+        peer.barrier(host)
+        self.assertNotIn("state RemoteGroup 1 tick on", host.lines)
         for number, group in enumerate((first, first, second), 1):
             entry = peer.entry(SUBSCRIBE, REMOTE_GROUP, count=number)
             peer.acknowledge(entry, [endpoint(peer.caller()), multicast(*group)])
@@ -98,29 +92,12 @@ class Options(suite.Group):
         joined = pathlib.Path("/proc/net/igmp").read_text(encoding="ascii")
         self.assertEqual([f"{last:02X}{self.network.number:02X}C3EF" in joined for last in (8, 9)], [False, True])
 
-    def test_wrong_multicast(self):
-        host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
-        entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
-        group = f"239.195.{self.network.number}.9"
-        for options in ([multicast(peer.address, 40000)], [multicast(group, 40000, TCP_PROTOCOL)],
-                        [multicast(group, 0)], [multicast(group, 40000), multicast(group, 40001)]):
-            peer.acknowledge(entry, options)
-        peer.barrier(host)
-        self.assertNotIn("state RemoteGroup 1 tick on", host.lines)
-        peer.acknowledge(entry)
-        host.said("state RemoteGroup 1 tick on")
-
     # Which addresses count
-
-    def outside(self, port=0):
-        """A socket outside of the subnet, which no other test touches."""
-        made = Socket(self.network, f"127.{self.network.number + 100}.0.1", port)
-        self.addCleanup(made.close)
-        return made
 
     def test_senders(self):
         host, peer = self.vehicle()
-        foreign = self.outside(self.network.discovery_port)
+        foreign = Socket(self.network, f"127.{self.network.number + 100}.0.1", self.network.discovery_port)
+        self.addCleanup(foreign.close)
         foreign.send(discovery([find(VEHICLE)]), (host.address, self.network.discovery_port))
         peer.barrier(host)
         self.assertEqual(foreign.messages, [])
