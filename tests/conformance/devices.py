@@ -36,7 +36,6 @@ SERVER_PORT = 30720  # and above: where the tester provides services
 # The application's services
 POSITIONING, INPUTS, SYSTEM_STATUS, MONITOR, GNSS = 0x2A20, 0x34A0, 0x34A3, 0x3D00, 0x2A10
 POSITIONING_PORT, IDENTIFIER_PORT, MONITOR_PORT = 30511, 30512, 30520
-POSITIONS_GROUP = 0x0001
 READ = 0x0001
 NO_TEXTS = bytes(4)  # the parameter of Read: an empty map
 

@@ -74,11 +74,8 @@ class MessageFormat(suite.Group):
 
     def test_strings(self):
         peer = self.peer()
-        key, value = block(b"key"), block(b"value")
-        for payload, code in (
-                (block(key + block(b"a longer value")), 0), (block(block(b"") * 2), 0),
-                (block(key + block(b"value", 6)), 9), (block(block(b"key", 0xFFFFFFFF) + value), 9),
-                (block(key), 9), (block(b"", 5), 9), (b"\0\0", 9), (NO_TEXTS + b"later versions", 0)):
+        for payload, code in ((NO_TEXTS + b"later versions", 0), (block(block(b"key") + block(b"a value", 8)), 9),
+                              (b"\0\0", 9)):
             answer = self.read(peer, payload=payload)
             self.assertEqual((answer.code, answer.type, answer.payload == b""), (code, RESPONSE, code != 0), payload)
         self.assertEqual(peer.call(self.pos, MONITOR, 1, b"\x01" + b"more").code, 0)

@@ -2,8 +2,6 @@
 
 import pathlib
 
-from scapy.contrib.automotive.someip import SDOption_IP4_SD_EndPoint
-
 from devices import *
 from network import *
 import suite
@@ -104,16 +102,12 @@ class Options(suite.Group):
 
     # The discovery endpoint
 
-    def behind(self, peer):
-        """The option that names the peer's discovery endpoint."""
-        return SDOption_IP4_SD_EndPoint(addr=peer.address, port=self.network.discovery_port)
-
     def test_discovery_endpoint(self):
         host, peer = self.vehicle("find Remote")
         behind = self.peer(listen=False)
         another = self.peer(listen=False)
-        option = self.behind(behind)
-        peer.tell(find(VEHICLE), [option, self.behind(another)], host)
+        option = discovery_endpoint(behind.address)
+        peer.tell(find(VEHICLE), [option, discovery_endpoint(another.address)], host)
         behind.entry(OFFER, VEHICLE)
         peer.tell(subscribe(VEHICLE, TICK_GROUP, options=(1, 1)), [option, endpoint(peer.caller())], host)
         behind.entry(ACKNOWLEDGE, VEHICLE)
@@ -126,7 +120,7 @@ class Options(suite.Group):
     def test_restarts_of_discovery_endpoint(self):
         host, peer = self.vehicle()
         behind = self.peer(listen=False)
-        option = self.behind(behind)
+        option = discovery_endpoint(behind.address)
         own, others, behinds = peer.socket(), peer.socket(), behind.socket()
         for events, options in ((own, []), (others, [option])):
             peer.tell(subscribe(VEHICLE, TICK_GROUP, options=(len(options), 1)), [*options, endpoint(events)], host,
@@ -152,19 +146,21 @@ class Options(suite.Group):
             """A find, a subscription and an offer: what they have led to."""
             events, known = at.socket(), len(behind.unicast.entries)
             wish = subscribe(CLOSED, TICK_GROUP, options=(1, 1))
-            options = [self.behind(behind), endpoint(sender.caller() if at is sender else events)]
+            options = [discovery_endpoint(behind.address), endpoint(sender.caller() if at is sender else events)]
             sender.tell([find(CLOSED), wish, offer(REMOTE_CLOSED, options=(1, 1))], options, host)
             friend.tell(offer(REMOTE_CLOSED, 9), [endpoint(friend.caller())], host)
             found = self.network.wait(lambda: host.lines[-1].endswith(" 9") and host.lines[-1], "the last offer")
             sender.tell(offer(REMOTE_CLOSED, ttl=0, options=(1, 1)), options, host)
             friend.tell(offer(REMOTE_CLOSED, 9, ttl=0), [endpoint(friend.caller())], host)
             self.network.wait(lambda: host.lines[-1] == "found RemoteClosed", "the end of all offers")
-            return sorted(one.type for one in behind.unicast.entries[known:]), "1" in found.split()
-        self.assertEqual(ask(friend, other, friend), ([OFFER, ACKNOWLEDGE], True))
+            return sorted((one.type, one.ttl > 0) for one in behind.unicast.entries[known:]), "1" in found.split()
+        offered, accepted, refused = (OFFER, True), (ACKNOWLEDGE, True), (ACKNOWLEDGE, False)
+        self.assertEqual(ask(friend, other, friend), ([offered, accepted], True))
+        self.assertEqual(ask(stranger, stranger, stranger), ([refused], False))
         self.assertEqual(ask(stranger, friend, stranger), ([], False))
         self.assertEqual(ask(stranger, friend, friend), ([], False))
         self.assertEqual(ask(friend, stranger, friend), ([], False))
-        self.assertEqual(ask(friend, other, stranger), ([OFFER], False))
+        self.assertEqual(ask(friend, other, stranger), ([offered], False))
 
 
 if __name__ == "__main__":

@@ -25,7 +25,8 @@ REMOTE_IDS = {"Remote": REMOTE, "RemoteGroup": REMOTE_GROUP, "RemoteStream": REM
 
 
 class Group(unittest.TestCase):
-    """A group of rules. `title` heads its table in docs/conformance.md, `application` starts the application once for all tests, `streams` carry several messages a packet."""
+    """A group of rules. `title` heads its table in docs/conformance.md, `application` starts the application once for
+    all tests, `streams` carry several messages a packet."""
 
     maxDiff = None
     title = None
