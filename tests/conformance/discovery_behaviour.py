@@ -48,6 +48,7 @@ class DiscoveryBehaviour(suite.Group):
         entry = self.active(host, peer)
         self.offer(peer, server, ttl=0)
         host.said("state Remote 1 value off")
+        peer.barrier(host)
         host.do("call Remote 1 echo 01")
         self.assertEqual(host.said("response"), "response 0x05 -")
         unexpected = host.count("droppedUnexpected")

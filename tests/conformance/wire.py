@@ -181,30 +181,24 @@ class Wire(suite.Group):
         peer.entry(OFFER, STREAM, ttl=0)
         peer.entry(OFFER, VEHICLE)
         peer.barrier(host)
+        self.network.quiet(0.1)
         self.assertFalse(stream.ended, "to close it is up to the client")
         host.kill()
 
-        host, peer, server = self.remote_stream(
-            "call RemoteStream 1 echo 01", "subscribe RemoteStream 1 tick", "subscribe RemoteStream 1 value")
-        entries = [peer.entry(SUBSCRIBE, REMOTE_STREAM, group=group) for group in (VALUE_GROUP, TICK_GROUP)]
-        host.do("call RemoteStream 1 echo 02")
-        used = self.requests(server, 2)
-        self.assertEqual(server.connections, [used])
-        for entry in entries:
-            self.assertEqual(entry.endpoints, [(*used.source, TCP_PROTOCOL)])
-
-    def test_connection_when_needed(self):
         host, peer, server = self.remote_stream()
         peer.barrier(host)
         self.network.quiet(0.05)
-        self.assertEqual(server.connections, [])
-        host.do("call RemoteStream 1 echo 01")
-        self.requests(server, 1)
-        host.kill()
-        host, peer, server = self.remote_stream("subscribe RemoteStream 1 value")
-        entry = peer.entry(SUBSCRIBE, REMOTE_STREAM)
+        self.assertEqual(server.connections, [], "it is not needed yet")
+        host.do("subscribe RemoteStream 1 tick")
+        entries = [peer.entry(SUBSCRIBE, REMOTE_STREAM)]
         self.network.pump(0)
-        self.assertEqual([(*one.source, TCP_PROTOCOL) for one in server.connections], entry.endpoints)
+        used, = server.connections
+        host.do("call RemoteStream 1 echo 01", "subscribe RemoteStream 1 value", "call RemoteStream 1 echo 02")
+        entries.append(peer.entry(SUBSCRIBE, REMOTE_STREAM, group=VALUE_GROUP))
+        self.requests(server, 2)
+        self.assertEqual(server.connections, [used])
+        for entry in entries:
+            self.assertEqual(entry.endpoints, [(*used.source, TCP_PROTOCOL)])
 
     def test_lost_connection(self):
         host, peer, server = self.remote_stream(requestTimeoutMs=600_000)
