@@ -2,13 +2,10 @@
 lists name a friend only. Each is a row of the table in docs/robustness.md."""
 
 import functools
-import pathlib
 import re
 import socket
 import sys
 import unittest
-
-from scapy.contrib.automotive.someip import SDOption_IP4_SD_EndPoint
 
 from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, Positions, until
 from devices import *
@@ -28,6 +25,7 @@ def with_and_without_lists(test):
         for listed in (False, True):
             with self.subTest(listed=listed):
                 self.listed, self.friend, self.attacker = listed, self.peer(), self.peer(listen=False)
+                self.claim = discovery_endpoint(self.friend.address)  # the attacker speaks in the friend's name
                 self.settings = LASTING | ({"everywhere": [self.friend.address]} if listed else {})
                 test(self)
             self.doCleanups()
@@ -36,10 +34,6 @@ def with_and_without_lists(test):
 
 class Attacks(suite.Group):
     application = False
-
-    def claim(self):
-        """The option by which the attacker speaks in the friend's name."""
-        return SDOption_IP4_SD_EndPoint(addr=self.friend.address, port=self.network.discovery_port)
 
     def consumer(self, *commands, **options):
         """The host uses an instance of the friend's, which it has found; returns also where that is."""
@@ -52,7 +46,7 @@ class Attacks(suite.Group):
 
     def provider(self):
         host = self.host("offer first", **self.settings)
-        self.friend.entry(OFFER, VEHICLE)
+        self.friend.entry(OFFER, VEHICLE, count=2)  # the first one has reached the host's own socket too
         return host
 
     def found(self, host):
@@ -67,7 +61,7 @@ class Attacks(suite.Group):
         host, server = self.consumer()
         entry = self.active(host, self.friend)
         own = self.attacker.socket(SERVER_PORT)
-        self.attacker.tell(offer(REMOTE, options=(1, 1)), [self.claim(), endpoint(own)], host)
+        self.attacker.tell(offer(REMOTE, options=(1, 1)), [self.claim, endpoint(own)], host)
         self.friend.barrier(host)
         self.notify(own, entry, b"\x66")
         self.reaches(host, server, entry, 1)
@@ -80,7 +74,7 @@ class Attacks(suite.Group):
         entry = self.active(host, self.friend)
         self.friend.entry(OFFER, VEHICLE)
         events = self.subscription(host, self.friend, TICK_GROUP)
-        claim, attack = [self.claim()], functools.partial(self.attacker.tell, to=host)
+        claim, attack = [self.claim], functools.partial(self.attacker.tell, to=host)
         attack(offer(REMOTE, ttl=0, options=(1, 1)), [*claim, endpoint(server)])
         attack(subscribe(VEHICLE, TICK_GROUP, ttl=0, options=(1, 1)), [*claim, endpoint(events)])
         attack(SDEntry_EventGroup(type=ACKNOWLEDGE, srv_id=REMOTE, inst_id=1, major_ver=MAJOR, ttl=0,
@@ -112,7 +106,7 @@ class Attacks(suite.Group):
     def test_subscription_for_another(self):
         host = self.provider()
         victim = self.friend.socket()
-        for options in ([endpoint(victim)], [self.claim(), endpoint(victim)]):
+        for options in ([endpoint(victim)], [self.claim, endpoint(victim)]):
             self.attacker.tell(subscribe(VEHICLE, TICK_GROUP, options=(len(options) - 1, 1)), options, host)
         self.friend.barrier(host)
         host.do("event first tick 01")
@@ -151,10 +145,11 @@ class Attacks(suite.Group):
         strangers = [self.attacker, *(self.peer(listen=False) for _ in range(4 if self.listed else 0))]
         for stranger in strangers:
             for client in range(20):
-                stranger.caller().send(segments(someip(VEHICLE, SIZE, bytes(2000), client=client), 1392)[0], host.at(VEHICLE))
+                train = segments(someip(VEHICLE, SIZE, bytes(2000), client=client), 1392)
+                stranger.caller().send(train[0], host.at(VEHICLE))
         for one in segments(someip(VEHICLE, SIZE, bytes(2000)), 1392):
             self.friend.caller().send(one, host.at(VEHICLE))
-        answer = self.friend.caller().wait(lambda one: one.service == VEHICLE, "the answer to the friend's long request")
+        answer = self.friend.caller().wait(lambda one: one.service == VEHICLE, "the answer to the friend")
         self.assertEqual((answer.code, answer.payload), (0, (2000).to_bytes(4, "big")))
         self.assertEqual(host.count("refusedReassemblies"), 0 if self.listed else 12)
 
@@ -208,10 +203,8 @@ class Attacks(suite.Group):
         positions = Positions(desk.start(POSCTL, "watch", "--json"))
         positions.flow("before the attack")
         pos, port = nodes["POS"]["address"], desk.manifest["serviceDiscovery"]["port"]
-        ports = re.findall(f" {socket.inet_aton(pos)[::-1].hex().upper()}:([0-9A-F]{{4}}) ",
-                           pathlib.Path("/proc/net/udp").read_text(encoding="ascii"))
-        client = next(one for one in (int(one, 16) for one in ports) if one > 32767)
-        claim = SDOption_IP4_SD_EndPoint(addr=nodes["gnss-gateway"]["address"], port=port)
+        client = desk.client_port("POS")
+        claim = discovery_endpoint(nodes["gnss-gateway"]["address"], port)
         seen = []
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as attacker:
             attacker.bind((desk.address(66), 0))

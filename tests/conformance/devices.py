@@ -36,12 +36,11 @@ SERVER_PORT = 30720  # and above: where the tester provides services
 # The application's services
 POSITIONING, INPUTS, SYSTEM_STATUS, MONITOR, GNSS = 0x2A20, 0x34A0, 0x34A3, 0x3D00, 0x2A10
 POSITIONING_PORT, IDENTIFIER_PORT, MONITOR_PORT = 30511, 30512, 30520
-POSITIONS_GROUP = 0x0001
 READ = 0x0001
 NO_TEXTS = bytes(4)  # the parameter of Read: an empty map
 
 
-def host_manifest(network, *, allowed=(), everywhere=(), threshold=2, limits=None, segments=None, prefix=16, **timing):
+def host_manifest(network, *, allowed=(), everywhere=(), limits=None, segments=None, requestTimeoutMs=1000, **timing):
     """`allowed` may talk to the service CLOSED and provide REMOTE_CLOSED, `everywhere` use and provide all services
     if it names addresses; `timing` may differ from TIMING."""
     def service(id, transport="udp", instances=(), **more):
@@ -64,11 +63,11 @@ def host_manifest(network, *, allowed=(), everywhere=(), threshold=2, limits=Non
     multicast = [
         {"eventGroup": group, "address": f"239.195.{network.number}.{last}",
          "port": MULTICAST_PORT, "threshold": wanted}
-        for group, last, wanted in ((TICK_GROUP, 1, 1), (VALUE_GROUP, 2, threshold), (BIG_GROUP, 3, 0))]
+        for group, last, wanted in ((TICK_GROUP, 1, 1), (VALUE_GROUP, 2, 2), (BIG_GROUP, 3, 0))]
     allowed = list(allowed) or [network.address(250)]
     return {
-        "nodes": {"host": {"address": network.address(1, 2), "prefixLength": prefix, "clientId": CLIENT_ID,
-                           "clientPort": CLIENT_PORT, "requestTimeoutMs": 1000}},
+        "nodes": {"host": {"address": network.address(1, 2), "prefixLength": 16, "clientId": CLIENT_ID,
+                           "clientPort": CLIENT_PORT, "requestTimeoutMs": requestTimeoutMs}},
         "serviceDiscovery": {"multicastAddress": network.group, "port": network.discovery_port,
                              **TIMING, **timing},
         "limits": limits or {}, "segments": segments or {},

@@ -34,11 +34,6 @@ class DiscoveryMessages(suite.Group):
         self.assertEqual([one.session for one in groups], list(range(1, len(groups) + 1)))
         self.assertTrue(all(one.payload[0] & REBOOT for one in (answer.message, *groups)))
 
-    def test_unknown_flags(self):
-        host, peer = self.vehicle()
-        answers = peer.ask(host, find(VEHICLE), flags=REBOOT | UNICAST | 0x1F, reserved=0xABCDEF)
-        self.assertEqual([one.type for one in answers], [OFFER])
-
     def test_initial_data_control(self):
         host, _ = self.vehicle("update first value 0a")
         for flags, initial, expected in ((EXPLICIT, False, 0), (EXPLICIT, True, 1), (0, False, 1), (0, True, 1)):
@@ -121,6 +116,7 @@ class DiscoveryMessages(suite.Group):
             offered = peer.entry(OFFER, service)
             host.do(f"stop {specifier}")
             stopped = peer.entry(OFFER, service, ttl=0)
+            self.assertEqual(peer.call(host, VEHICLE, ECHO).code, 0x02, "like an unknown service")
             for field in ("instance", "major", "minor", "endpoints", "multicast"):
                 self.assertEqual(getattr(stopped, field), getattr(offered, field), field)
 
@@ -143,6 +139,9 @@ class DiscoveryMessages(suite.Group):
             sent = subscribe(VEHICLE, TICK_GROUP, ttl=ttl, counter=counter, res=reserved)
             answer, = peer.ask(host, sent, [endpoint(peer.caller())])
             self.assertEqual(bytes(answer.raw).hex(), "07000000" + bytes(sent).hex()[8:])
+        self.event(host, peer.caller())
+        self.settled(host, peer)
+        self.assertEqual(sum(one.method == TICK for one in peer.caller().messages), 1, "one for all counters")
 
     def test_refusal(self):
         host, peer = self.vehicle()
@@ -169,12 +168,13 @@ class DiscoveryMessages(suite.Group):
         peer.subscribed(host, VEHICLE, VALUE_GROUP, events)
         self.assertEqual([(one.group, one.multicast) for one in peer.entries(ACKNOWLEDGE)], [(VALUE_GROUP, False)])
 
-    def test_unknown_entries(self):
+    def test_what_is_unknown(self):
         host, peer = self.vehicle()
         unknown = [find(VEHICLE) for _ in range(4)]
         for entry, type in zip(unknown, (0x02, 0x03, 0x08, 0xFF)):
             entry.type = type
-        self.assertEqual([one.type for one in peer.ask(host, [*unknown, find(VEHICLE)])], [OFFER])
+        answers = peer.ask(host, [*unknown, find(VEHICLE)], flags=REBOOT | UNICAST | 0x1F, reserved=0xABCDEF)
+        self.assertEqual([one.type for one in answers], [OFFER])
 
 
 if __name__ == "__main__":

@@ -7,7 +7,6 @@
 ///   update SPECIFIER NOTIFIER HEX                  a field's value
 ///   event SPECIFIER EVENT HEX
 ///   find SERVICE
-///   lose SERVICE                                   the end of find
 ///   subscribe SERVICE INSTANCE ELEMENT [CONSUMER]
 ///   unsubscribe SERVICE INSTANCE ELEMENT
 ///   call SERVICE INSTANCE METHOD HEX [COUNT]       COUNT calls, one after the other
@@ -114,7 +113,7 @@ class Host {
       what == "event" ? instance.send_event(id, value) : instance.update_field(id, value);
     } else if (what == "find") {
       const std::string service = word();
-      searches_[service] = runtime_->start_find_service(
+      static_cast<void>(runtime_->start_find_service(
           service, std::nullopt,
           [this, service](const std::vector<tq::com::Found_instance>& found) {
             std::string line = "found " + service;
@@ -126,9 +125,7 @@ class Host {
               }
             }
             print(line);
-          });
-    } else if (what == "lose") {
-      runtime_->stop_find_service(searches_.at(word()));
+          }));
     } else if (what == "subscribe" || what == "unsubscribe") {
       const std::string service = word();
       const std::uint16_t instance = number();
@@ -228,7 +225,6 @@ class Host {
   std::mutex found_mutex_;  ///< guards found_
   std::map<std::pair<std::string, std::uint16_t>, tq::com::Found_instance> found_;
   std::unique_ptr<tq::com::Runtime> runtime_;
-  std::map<std::string, tq::com::Find_token> searches_;
   std::map<std::string, std::unique_ptr<tq::com::Provider>> providers_;
   std::map<std::tuple<std::string, std::uint16_t, std::string>, std::unique_ptr<tq::com::Consumer>>
       consumers_;

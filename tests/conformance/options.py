@@ -2,8 +2,6 @@
 
 import pathlib
 
-from scapy.contrib.automotive.someip import SDOption_IP4_SD_EndPoint
-
 from devices import *
 from network import *
 import suite
@@ -71,21 +69,15 @@ class Options(suite.Group):
         self.assertEqual([line.split()[-1] for line in host.lines if line.startswith("notification")],
                          ["01", "02", "77"])
 
-    def test_options_rule(self):
-        host, peer = self.vehicle("find Remote", subscriptionsForOthers=True)
-        elsewhere = self.peer(listen=False)
-        events = elsewhere.socket()
-        self.assertGreater(peer.subscribed(host, VEHICLE, TICK_GROUP, events).ttl, 0)
-        self.event(host, events)
-        server = elsewhere.socket(SERVER_PORT)
-        peer.tell(offer(REMOTE), [endpoint(server)])
-        host.said("found Remote 1")
-        host.do("call Remote 1 echo 01")
-        server.wait(lambda one: one.service == REMOTE)
-
     def test_multicast_of_acknowledgement(self):
         host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
         first, second = ((f"239.195.{self.network.number}.{last}", MULTICAST_PORT) for last in (8, 9))
+        entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
+        for wrong in ([multicast(peer.address, 40000)], [multicast(*second, TCP_PROTOCOL)],
+                      [multicast(second[0], 0)], [multicast(*second), multicast(second[0], 40001)]):
+            peer.acknowledge(entry, wrong)
+        peer.barrier(host)
+        self.assertNotIn("state RemoteGroup 1 tick on", host.lines)
         for number, group in enumerate((first, first, second), 1):
             entry = peer.entry(SUBSCRIBE, REMOTE_GROUP, count=number)
             peer.acknowledge(entry, [endpoint(peer.caller()), multicast(*group)])
@@ -98,45 +90,24 @@ class Options(suite.Group):
         joined = pathlib.Path("/proc/net/igmp").read_text(encoding="ascii")
         self.assertEqual([f"{last:02X}{self.network.number:02X}C3EF" in joined for last in (8, 9)], [False, True])
 
-    def test_wrong_multicast(self):
-        host, peer, server = self.remote("subscribe RemoteGroup 1 tick", service="RemoteGroup")
-        entry = peer.entry(SUBSCRIBE, REMOTE_GROUP)
-        group = f"239.195.{self.network.number}.9"
-        for options in ([multicast(peer.address, 40000)], [multicast(group, 40000, TCP_PROTOCOL)],
-                        [multicast(group, 0)], [multicast(group, 40000), multicast(group, 40001)]):
-            peer.acknowledge(entry, options)
-        peer.barrier(host)
-        self.assertNotIn("state RemoteGroup 1 tick on", host.lines)
-        peer.acknowledge(entry)
-        host.said("state RemoteGroup 1 tick on")
-
     # Which addresses count
-
-    def outside(self, port=0):
-        """A socket outside of the subnet, which no other test touches."""
-        made = Socket(self.network, f"127.{self.network.number + 100}.0.1", port)
-        self.addCleanup(made.close)
-        return made
 
     def test_senders(self):
         host, peer = self.vehicle()
-        foreign = self.outside(self.network.discovery_port)
+        foreign = Socket(self.network, f"127.{self.network.number + 100}.0.1", self.network.discovery_port)
+        self.addCleanup(foreign.close)
         foreign.send(discovery([find(VEHICLE)]), (host.address, self.network.discovery_port))
         peer.barrier(host)
         self.assertEqual(foreign.messages, [])
 
     # The discovery endpoint
 
-    def behind(self, peer):
-        """The option that names the peer's discovery endpoint."""
-        return SDOption_IP4_SD_EndPoint(addr=peer.address, port=self.network.discovery_port)
-
     def test_discovery_endpoint(self):
         host, peer = self.vehicle("find Remote")
         behind = self.peer(listen=False)
         another = self.peer(listen=False)
-        option = self.behind(behind)
-        peer.tell(find(VEHICLE), [option, self.behind(another)], host)
+        option = discovery_endpoint(behind.address)
+        peer.tell(find(VEHICLE), [option, discovery_endpoint(another.address)], host)
         behind.entry(OFFER, VEHICLE)
         peer.tell(subscribe(VEHICLE, TICK_GROUP, options=(1, 1)), [option, endpoint(peer.caller())], host)
         behind.entry(ACKNOWLEDGE, VEHICLE)
@@ -149,7 +120,7 @@ class Options(suite.Group):
     def test_restarts_of_discovery_endpoint(self):
         host, peer = self.vehicle()
         behind = self.peer(listen=False)
-        option = self.behind(behind)
+        option = discovery_endpoint(behind.address)
         own, others, behinds = peer.socket(), peer.socket(), behind.socket()
         for events, options in ((own, []), (others, [option])):
             peer.tell(subscribe(VEHICLE, TICK_GROUP, options=(len(options), 1)), [*options, endpoint(events)], host,
@@ -175,19 +146,21 @@ class Options(suite.Group):
             """A find, a subscription and an offer: what they have led to."""
             events, known = at.socket(), len(behind.unicast.entries)
             wish = subscribe(CLOSED, TICK_GROUP, options=(1, 1))
-            options = [self.behind(behind), endpoint(sender.caller() if at is sender else events)]
+            options = [discovery_endpoint(behind.address), endpoint(sender.caller() if at is sender else events)]
             sender.tell([find(CLOSED), wish, offer(REMOTE_CLOSED, options=(1, 1))], options, host)
             friend.tell(offer(REMOTE_CLOSED, 9), [endpoint(friend.caller())], host)
             found = self.network.wait(lambda: host.lines[-1].endswith(" 9") and host.lines[-1], "the last offer")
             sender.tell(offer(REMOTE_CLOSED, ttl=0, options=(1, 1)), options, host)
             friend.tell(offer(REMOTE_CLOSED, 9, ttl=0), [endpoint(friend.caller())], host)
             self.network.wait(lambda: host.lines[-1] == "found RemoteClosed", "the end of all offers")
-            return sorted(one.type for one in behind.unicast.entries[known:]), "1" in found.split()
-        self.assertEqual(ask(friend, other, friend), ([OFFER, ACKNOWLEDGE], True))
+            return sorted((one.type, one.ttl > 0) for one in behind.unicast.entries[known:]), "1" in found.split()
+        offered, accepted, refused = (OFFER, True), (ACKNOWLEDGE, True), (ACKNOWLEDGE, False)
+        self.assertEqual(ask(friend, other, friend), ([offered, accepted], True))
+        self.assertEqual(ask(stranger, stranger, stranger), ([refused], False))
         self.assertEqual(ask(stranger, friend, stranger), ([], False))
         self.assertEqual(ask(stranger, friend, friend), ([], False))
         self.assertEqual(ask(friend, stranger, friend), ([], False))
-        self.assertEqual(ask(friend, other, stranger), ([OFFER], False))
+        self.assertEqual(ask(friend, other, stranger), ([offered], False))
 
 
 if __name__ == "__main__":

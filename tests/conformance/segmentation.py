@@ -100,14 +100,6 @@ class Segmentation(suite.Group):
             self.assertEqual({(one.client, one.session, one.type) for one in train},
                              {(CLIENT_ID, session, REQUEST | TP)})
 
-    def test_shaping(self):
-        host, peer = self.vehicle()
-        train = self.make(host, peer, 131_072)
-        self.assertEqual(len(train), 95)
-        busiest = max(sum(begin.time <= one.time < begin.time + 0.005 for one in train)
-                      for begin in train)
-        self.assertLess(busiest, 48, "segments within five milliseconds")
-
     def test_order_behind_shaping(self):
         host, peer = self.vehicle()
         events = self.subscription(host, peer, TICK_GROUP)

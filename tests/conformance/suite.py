@@ -1,7 +1,7 @@
 """A group of conformance tests: unittest cases, each named in a row of docs/conformance.md that says which
 requirements it looks at."""
 
-import functools
+import re
 import subprocess
 import sys
 import unittest
@@ -12,7 +12,6 @@ from desk import SOURCE, Desk
 from devices import ECHO, REMOTE, REMOTE_GROUP, REMOTE_STREAM, SERVER_PORT, TICK, VALUE, VALUE_GROUP, VEHICLE
 
 PAGE = SOURCE / "docs/conformance.md"
-FOLDER = SOURCE / "tests/conformance"
 # What tshark finds wrong with a message.
 COMPLAINTS = ("_ws.malformed", "someip.incomplete_headers", "someip.unknown_protocol_version",
               "someip.tp.fragment.error", "someipsd.message_truncated",
@@ -25,22 +24,9 @@ OPTIONS = {net.FIND: set(), net.OFFER: {0x04}, net.SUBSCRIBE: {0x04}, net.ACKNOW
 REMOTE_IDS = {"Remote": REMOTE, "RemoteGroup": REMOTE_GROUP, "RemoteStream": REMOTE_STREAM}
 
 
-def in_time(test):
-    """A test that measures delays, which a busy machine may spoil, has four attempts."""
-    @functools.wraps(test)
-    def attempts(self):
-        for left in (3, 2, 1, 0):
-            try:
-                return test(self)
-            except AssertionError:
-                if not left:
-                    raise
-                self.doCleanups()
-    return attempts
-
-
 class Group(unittest.TestCase):
-    """A group of rules. `title` heads its table in docs/conformance.md, `application` starts the application once for all tests, `streams` carry several messages a packet."""
+    """A group of rules. `title` heads its table in docs/conformance.md, `application` starts the application once for
+    all tests, `streams` carry several messages a packet."""
 
     maxDiff = None
     title = None
@@ -209,10 +195,8 @@ def main(group):
         assert verdict == "pass" if name else verdict.startswith("does not apply: "), (text, verdict)
         test, _, elsewhere = name.partition(" of ")
         if elsewhere:
-            file, text = FOLDER / f"{elsewhere}.py", f"def {test}(self)"
-            if not file.exists():
-                file, text = SOURCE / f"tests/someip/{elsewhere}.cpp", f"{test})"
-            assert text in file.read_text(encoding="utf-8"), name
+            files = (SOURCE / "tests").glob(f"*/{elsewhere}.*")
+            assert any(re.search(rf"\b{test}\b", file.read_text(encoding="utf-8")) for file in files), name
         elif test:
             tested.setdefault(test, []).append(text)
     names = {name for name in dir(group) if name.startswith("test_")}

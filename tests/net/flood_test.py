@@ -12,13 +12,12 @@ import struct
 import time
 
 from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, SANITIZERS, Desk, Positions, until
-from network import (NOTIFICATION, SUBSCRIBE, TP, Network, discovery, endpoint, find, offer, segments, someip,
-                     subscribe)
+from network import NOTIFICATION, SUBSCRIBE, TP, Network, discovery, endpoint, find, offer, segments, someip
 import payload
 
 # A sanitizer multiplies what the process holds.
 RESIDENT_BOUND_KIB = (1024 if SANITIZERS else 48) * 1024
-GNSS, TIME, POSITIONING, INPUTS = 0x2A10, 0x2A11, 0x2A20, 0x34A0
+GNSS, TIME, INPUTS = 0x2A10, 0x2A11, 0x34A0
 POSITIONING_PORT, INPUTS_PORT = 30511, 30512
 FIELDS = ((GNSS, 1), (GNSS, 2), (GNSS, 3), (TIME, 1), (TIME, 2))  # service; event group, and notifier from 0x8000 on
 ROUNDS = 16
@@ -63,13 +62,6 @@ class Attacker:
                 if ahead > 0:
                     time.sleep(ahead)  # the rate of the flood
 
-    def subscribers(self, _):
-        wish = subscribe(POSITIONING, group=1, major=3)
-        message = bytearray(discovery([wish], [endpoint(self.address, 1)]))
-        for port in range(10_000, 11_000):
-            struct.pack_into("!H", message, len(message) - 2, port)
-            self.send_next(message, self.sd)
-
     def segment_trains(self, client_port):
         more = struct.pack("!I", 1)
         message = bytearray(someip(GNSS, 0x8003, more + bytes(1392), type=NOTIFICATION | TP, interface=3))
@@ -85,29 +77,9 @@ class Attacker:
                 struct.pack_into("!HH", message, FIRST_ENTRY + ENTRY * entry + 4, service + 1, instance + 1)
             self.send_next(message, self.group)
 
-    def connections(self):
-        held = []
-        for _ in range(500):
-            one = socket.socket()
-            one.settimeout(0.2)
-            try:
-                one.bind((self.address, 0))
-                one.connect((self.pos, POSITIONING_PORT))
-                held.append(one)
-            except OSError:
-                one.close()
-        return held
-
 
 def resident_kib(pid, which="VmRSS"):
     return int(re.search(rf"{which}:\s+(\d+)", pathlib.Path(f"/proc/{pid}/status").read_text())[1])
-
-
-def client_port(pos):
-    """The application's port for its subscriptions: its one UDP port that is in no manifest."""
-    address = socket.inet_aton(pos)[::-1].hex().upper()
-    ports = re.findall(f" {address}:([0-9A-F]{{4}}) ", pathlib.Path("/proc/net/udp").read_text())
-    return next(port for port in (int(one, 16) for one in ports) if port > 32767)
 
 
 def worst_payloads():
@@ -157,29 +129,20 @@ def worst_payloads():
 
 def main():
     with Desk() as desk:
-        positioning = desk.manifest["services"]["lumo::services::positioning::Positioning"]
-        positioning["instances"][0]["tcpPort"] = POSITIONING_PORT
-        desk.write_manifest()
         application = desk.start(APPLICATION)
         desk.start(GATEWAY)
         positions = Positions(desk.start(POSCTL, "watch", "--json"))
         positions.flow("before the floods", 10)
         resident = [resident_kib(application.pid)]
         attacker = Attacker(desk)
-        port = client_port(attacker.pos)
-        for flood in (attacker.garbage, attacker.subscribers, attacker.segment_trains, attacker.offers):
-            flood(port)
+        for flood in (attacker.garbage, attacker.segment_trains, attacker.offers):
+            flood(desk.client_port("POS"))
             positions.flow(f"after {flood.__name__}", 10)
             resident.append(resident_kib(application.pid))
-        held = attacker.connections()
-        positions.flow(f"beside {len(held)} silent connections", 10)
-        resident.append(resident_kib(application.pid))
-        for one in held:
-            one.close()
         assert max(resident) < RESIDENT_BOUND_KIB, f"KiB resident, the first at rest: {resident}"
         code, _ = desk.stop(application)
         assert code == 0, code
-        print(f"KiB resident {resident}; {positions.count} positions; {len(held)} connections held")
+        print(f"KiB resident {resident}; {positions.count} positions")
     peak = worst_payloads()
     assert peak < RESIDENT_BOUND_KIB, f"KiB resident at most, with the worst payloads: {peak}"
     print(f"KiB resident at most, with the worst payloads: {peak}")

@@ -118,18 +118,24 @@ class Desk:
         self.environment |= {"DBUS_SESSION_BUS_ADDRESS": bus.stdout.readline().strip(), "POS_STATE_BUS": "session"}
         return bus
 
+    def udp_sockets(self, node):
+        """Port and memory of the waiting datagrams of each UDP socket of the node's address."""
+        address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()
+        sockets = re.findall(rf" {address}:(\w+) [\w:]+ \w+ \w+:(\w+)",
+                             pathlib.Path("/proc/net/udp").read_text(encoding="ascii"))
+        return [(int(port, 16), int(waiting, 16)) for port, waiting in sockets]
+
     def is_bound(self, node):
         """Whether a process has the service discovery port of the node's address."""
-        address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()
-        bound = f" {address}:{self.manifest['serviceDiscovery']['port']:04X} "
-        return bound in pathlib.Path("/proc/net/udp").read_text(encoding="ascii")
+        return self.manifest["serviceDiscovery"]["port"] in (port for port, _ in self.udp_sockets(node))
 
     def bytes_waiting(self, node):
         """Memory of the datagrams that wait in the fullest UDP socket of the node's address."""
-        address = socket.inet_aton(self.manifest["nodes"][node]["address"])[::-1].hex().upper()
-        sockets = re.findall(rf" {address}:\w+ [\w:]+ \w+ \w+:(\w+)",
-                             pathlib.Path("/proc/net/udp").read_text(encoding="ascii"))
-        return max(int(waiting, 16) for waiting in sockets)
+        return max(waiting for _, waiting in self.udp_sockets(node))
+
+    def client_port(self, node):
+        """The port of the node's subscriptions: its one UDP port that is in no manifest."""
+        return next(port for port, _ in self.udp_sockets(node) if port > 32767)
 
     @staticmethod
     def stop(process, number=signal.SIGTERM):

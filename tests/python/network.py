@@ -14,7 +14,7 @@ os.environ.setdefault("XDG_CONFIG_HOME", tempfile.gettempdir())  # scapy leaves 
 
 from scapy.contrib.automotive.someip import SD
 from scapy.contrib.automotive.someip import SDEntry_EventGroup, SDEntry_Service
-from scapy.contrib.automotive.someip import SDOption_IP4_EndPoint, SDOption_IP4_Multicast
+from scapy.contrib.automotive.someip import SDOption_IP4_EndPoint, SDOption_IP4_Multicast, SDOption_IP4_SD_EndPoint
 from scapy.layers.inet import IP, TCP, UDP
 from scapy.utils import wrpcap
 
@@ -382,6 +382,11 @@ def endpoint(address, port=None, protocol=UDP_PROTOCOL, **fields):
         protocol = UDP_PROTOCOL if isinstance(address, Socket) else TCP_PROTOCOL
         address, port = address.address
     return SDOption_IP4_EndPoint(addr=address, port=port, l4_proto=protocol, **fields)
+
+
+def discovery_endpoint(address, port=30690):
+    """The option that names where a peer's service discovery is."""
+    return SDOption_IP4_SD_EndPoint(addr=address, port=port)
 
 
 def find(service, instance=ANY_INSTANCE, major=ANY_MAJOR, minor=ANY_MINOR, ttl=3, **fields):
