@@ -51,11 +51,14 @@ void add_direction(Matrix& normal, const Satellite& satellite) {
 constexpr double time_step = 0.7548776662466927;
 constexpr double azimuth_step = 0.5698402909980532;
 
-/// A satellite's way over the sky takes some hours.
+/// The way of each satellite over the sky, in seconds. With one for all, they stay spread.
+constexpr double period = 6.5 * 3600;
+/// Few satellites may lie so that their geometry gives no position.
+constexpr double most_dilution = 99.9;
+
 Satellite satellite_at(std::size_t index, double seconds, bool in_sight) {
   const auto number = static_cast<double>(index + 1);
   const double spread = wrapped(number * time_step, 1);
-  const double period = 3600 * (5 + 3 * spread);
   const double wave = std::sin(std::numbers::pi * (seconds / period + spread));
   Satellite satellite;
   satellite.system = static_cast<Gnss_system>(index % 4);
@@ -88,13 +91,14 @@ Sky Sky::at(double seconds, std::size_t count, bool in_sight) {
   }
   if (sky.in_use < 4) return sky;
 
-  // Four satellites spread as above are never in one plane with the vehicle.
   const Matrix inverse = inverse_of(normal);
+  // Not more than the bound, also for no number.
+  const auto dilution = [](double square) { return std::min(most_dilution, std::sqrt(square)); };
   const double horizontal = inverse[0][0] + inverse[1][1];
-  sky.hdop = std::sqrt(horizontal);
-  sky.vdop = std::sqrt(inverse[2][2]);
-  sky.pdop = std::sqrt(horizontal + inverse[2][2]);
-  sky.gdop = std::sqrt(horizontal + inverse[2][2] + inverse[3][3]);
+  sky.hdop = dilution(horizontal);
+  sky.vdop = dilution(inverse[2][2]);
+  sky.pdop = dilution(horizontal + inverse[2][2]);
+  sky.gdop = dilution(horizontal + inverse[2][2] + inverse[3][3]);
   constexpr double range_error = 1.6;
   sky.horizontal_accuracy = sky.hdop * range_error;
   sky.vertical_accuracy = sky.vdop * range_error;

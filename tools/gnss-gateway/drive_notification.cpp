@@ -33,6 +33,12 @@ Fix_type status_of(drive::Fix_type fix) {
   return Fix_type::none;
 }
 
+void lose_height(DT_positions_struct& record) {
+  missing(record.altitudeMeanSeaLevel, record.altitudeMeanSeaLevel_valueType);
+  missing(record.altitudeWGS84, record.altitudeWGS84_valueType);
+  missing(record.speedVertical, record.speedVertical_valueType);
+}
+
 /// The members that a GNSS fix and dead reckoning have in common.
 void fill(DT_positions_struct& record, const drive::Sample& sample, bool altitude_known) {
   physical(record.LAT, record.LAT_valueType, sample.latitude);
@@ -42,11 +48,7 @@ void fill(DT_positions_struct& record, const drive::Sample& sample, bool altitud
            sample.altitude_msl + sample.geoid_separation);
   physical(record.speed2D, record.speed2D_valueType, sample.speed);
   physical(record.speedVertical, record.speedVertical_valueType, sample.climb);
-  if (!altitude_known) {
-    missing(record.altitudeMeanSeaLevel, record.altitudeMeanSeaLevel_valueType);
-    missing(record.altitudeWGS84, record.altitudeWGS84_valueType);
-    missing(record.speedVertical, record.speedVertical_valueType);
-  }
+  if (!altitude_known) lose_height(record);
 }
 
 DT_positions_struct gnss_position(const drive::Sample& sample,
@@ -57,10 +59,8 @@ DT_positions_struct gnss_position(const drive::Sample& sample,
   if (!solved) {
     missing(record.LAT, record.LAT_valueType);
     missing(record.LON, record.LON_valueType);
-    missing(record.altitudeMeanSeaLevel, record.altitudeMeanSeaLevel_valueType);
-    missing(record.altitudeWGS84, record.altitudeWGS84_valueType);
+    lose_height(record);
     missing(record.speed2D, record.speed2D_valueType);
-    missing(record.speedVertical, record.speedVertical_valueType);
     fill_direction(record, {}, false);
     missing(record.accuracyHorizontal, record.accuracyHorizontal_valueType);
     missing(record.accuracyVertical, record.accuracyVertical_valueType);

@@ -62,8 +62,7 @@ std::vector<Planned_fault> Fault_control_skeleton::faults() const {
                       .inForce = state.in_force,
                       .sinceMs = state.in_force ? ms_between(state.start, now) : 0,
                       .startsInMs = state.in_force ? 0 : ms_between(now, state.start),
-                      .endsInMs = endless ? std::numeric_limits<std::uint64_t>::max()
-                                          : ms_between(now, state.end)});
+                      .endsInMs = endless ? endless_ms : ms_between(now, state.end)});
   }
   return result;
 }

@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cstdint>
 #include <functional>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,9 @@ struct Known_fault {
   std::vector<std::string> choices;
   std::string usual;
 };
+
+/// The end of a fault that only a request ends.
+inline constexpr auto endless_ms = std::numeric_limits<std::uint64_t>::max();
 
 struct Planned_fault {
   std::string fault;

@@ -14,8 +14,7 @@ namespace gateway {
 
 /// Begins, chains and ends the requested faults. The order of the chain is the order of the
 /// requests. A fault that begins replaces one in force of the same kind and, if the value is a
-/// word, of the same value. Any thread may call all
-/// members.
+/// word, of the same value. Any thread may call all members.
 class Fault_plan {
  public:
   static constexpr std::size_t max_faults = 256;

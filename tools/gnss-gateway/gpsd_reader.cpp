@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <iterator>
 #include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
@@ -195,7 +196,7 @@ bool Gpsd_reader::follows(const std::string& device, bool any_device) const {
 
 void Gpsd_reader::take_line(const Sink& sink) {
   if (line_.find_first_not_of(" \t\r") == std::string::npos) return;
-  const auto report = nlohmann::json::parse(line_, nullptr, false);
+  auto report = nlohmann::json::parse(line_, nullptr, false);
   if (!report.is_object()) {
     ++counters_.malformed;
     return;
@@ -224,16 +225,20 @@ void Gpsd_reader::take_line(const Sink& sink) {
   const auto antenna = antenna_of(report);
   const auto yaw_rate = number_of<double>(report, "gyro_z");  // libgps has no member for it
   const bool has_satellites = report.contains("satellites");
+  // A newer gpsd may tell more, and libgps stops at a list or an object that it does not know.
+  bool is_changed = false;
+  for (auto member = report.begin(); member != report.end();) {
+    const bool unknown = member->is_structured() && member.key() != "satellites";
+    is_changed |= unknown;
+    member = unknown ? report.erase(member) : std::next(member);
+  }
   if (type == "IMU") {
     // libgps knows the same members under the other name.
-    constexpr std::string_view name = "\"IMU\"";
-    const auto at = line_.find(name);
-    if (at == std::string::npos) return;
-    line_.replace(at, name.size(), "\"ATT\"");
+    report["class"] = "ATT";
+    is_changed = true;
   }
-  data_->set = 0;
-  const char* end = nullptr;
-  if (libgps_json_unpack(line_.c_str(), data_.get(), &end) != 0) {
+  if (is_changed) line_ = report.dump();
+  if (!unpack()) {
     ++counters_.malformed;
     return;
   }
@@ -248,6 +253,14 @@ void Gpsd_reader::take_line(const Sink& sink) {
   } else if (attitude && (data_->set & ATTITUDE_SET) != 0) {
     take_attitude(yaw_rate);
   }
+}
+
+bool Gpsd_reader::unpack() {
+  data_->set = 0;
+  const char* end = nullptr;
+  if (libgps_json_unpack(line_.c_str(), data_.get(), &end) != 0) return false;
+  // libgps may stop within the report without an error.
+  return end != nullptr && std::string_view(end).find_first_not_of(" \t\r") == std::string::npos;
 }
 
 void Gpsd_reader::take_position(std::optional<nmea::Antenna> antenna, const Sink& sink) {

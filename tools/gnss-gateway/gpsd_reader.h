@@ -22,7 +22,7 @@ struct Gpsd_counters {
   std::uint64_t reports = 0;        ///< of the receiver: TPV, SKY, GST, ATT, IMU
   std::uint64_t other_reports = 0;  ///< other classes, other devices
   std::uint64_t repeated = 0;       ///< TPV of an instant that other TPV describe better
-  std::uint64_t malformed = 0;      ///< no JSON object, or longer than Gpsd_reader::max_line
+  std::uint64_t malformed = 0;      ///< no JSON object, not readable by libgps, or too long
 };
 
 /// A TPV gives one fix, several TPV of one instant in a burst give one as well. SKY, GST, ATT and
@@ -60,6 +60,8 @@ class Gpsd_reader {
 
  private:
   void take_line(const Sink& sink);
+  /// Reads the line into data_. False for one that libgps cannot read to its end.
+  bool unpack();
   void take_position(std::optional<nmea::Antenna> antenna, const Sink& sink);
   [[nodiscard]] bool is_repetition(const nmea::Fix& fix) const;
   void take_sky(bool has_satellites);

@@ -11,6 +11,7 @@ namespace {
 
 using namespace lumo::services::gnss::datatypes;
 using lumo::services::Position_type;
+
 Gnss_system system_of(nmea::Gnss_system system) {
   switch (system) {
     case nmea::Gnss_system::gps:

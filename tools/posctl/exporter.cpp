@@ -1,7 +1,6 @@
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
 #include <chrono>
-#include <cstdio>
 #include <exception>
 #include <memory>
 #include <mutex>

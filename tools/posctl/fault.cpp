@@ -27,7 +27,7 @@ std::string text_of(const gateway::Planned_fault& planned) {
   std::string text =
       planned.fault + (planned.inForce ? "  since " + seconds(planned.sinceMs)
                                        : "  begins in " + seconds(planned.startsInMs));
-  if (planned.endsInMs != endless_ms) text += ", ends in " + seconds(planned.endsInMs);
+  if (planned.endsInMs != gateway::endless_ms) text += ", ends in " + seconds(planned.endsInMs);
   return text;
 }
 

@@ -16,7 +16,8 @@ Json json_of(const gateway::Planned_fault& planned) {
   Json json{{"fault", planned.fault}, {"inForce", planned.inForce}};
   json[planned.inForce ? "sinceS" : "startsInS"] =
       seconds(planned.inForce ? planned.sinceMs : planned.startsInMs);
-  json["endsInS"] = planned.endsInMs == endless_ms ? Json() : Json(seconds(planned.endsInMs));
+  json["endsInS"] =
+      planned.endsInMs == gateway::endless_ms ? Json() : Json(seconds(planned.endsInMs));
   return json;
 }
 
@@ -24,9 +25,8 @@ Json json_of(const gateway::Planned_fault& planned) {
 
 std::unique_ptr<Fault_control_proxy> connect_to_gateway(Deadline deadline) try {
   return connect<Fault_control_proxy>(Fault_control::name, deadline);
-} catch (const tools::No_answer&) {
-  throw tools::No_answer(
-      "no instance of gateway::FaultControl is offered; gnss-gateway --control offers it");
+} catch (const tools::No_answer& error) {
+  throw tools::No_answer(error.what() + std::string("; gnss-gateway --control offers it"));
 }
 
 void make_fault(Fault_control_proxy& control, const std::string& order, Deadline deadline) {

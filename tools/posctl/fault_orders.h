@@ -28,7 +28,5 @@ std::uint32_t end_faults(gateway::Fault_control_proxy& control,
 /// {"schema": 1, "faults": […], "kinds": […]}.
 [[nodiscard]] Json json_of(const std::vector<gateway::Planned_fault>& faults,
                            const std::vector<gateway::Known_fault>& kinds);
-/// The time at which a fault without an end ends.
-inline constexpr auto endless_ms = static_cast<std::uint64_t>(-1);
 
 }  // namespace posctl

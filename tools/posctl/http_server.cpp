@@ -19,16 +19,16 @@
 namespace posctl {
 namespace {
 
-/// A browser that posctl starts would otherwise keep the port. Asio's sockets are inherited.
-void close_in_children(int descriptor) {
-  static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
-}
-
 namespace asio = boost::asio;
 namespace beast = boost::beast;
 namespace http = beast::http;
 using asio::ip::tcp;
 using boost::system::error_code;
+
+/// A browser that posctl starts would otherwise keep the port. Asio's sockets are inherited.
+void close_in_children(int descriptor) {
+  static_cast<void>(::fcntl(descriptor, F_SETFD, FD_CLOEXEC));
+}
 
 std::string_view target_of(const Http_message& message) {
   return {message.target().data(), message.target().size()};

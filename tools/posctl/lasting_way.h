@@ -3,7 +3,6 @@
 
 #include <cstddef>
 #include <cstdio>
-#include <exception>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -12,9 +11,9 @@
 #include <utility>
 #include <vector>
 
+#include "mw/com/runtime.h"
 #include "tools/command.h"
 #include "tools/posctl/way.h"
-#include "tq/com/runtime.h"
 
 namespace posctl {
 
@@ -33,8 +32,8 @@ class Lasting_way {
   Lasting_way(Choices choices, Make make) : choices_{std::move(choices)}, make_{std::move(make)} {}
 
   /// Takes the first way that can be taken. Keeps the present one, and its Look, if that is the
-  /// first, or if none can be taken. Reports each new problem on standard error. Throws
-  /// tools::Usage_error.
+  /// first, or if none can be opened. If the Look of an opened way cannot be made, there is none.
+  /// Reports each new problem on standard error. Throws tools::Usage_error.
   void renew() {
     std::string problem;
     for (std::size_t rank = 0; rank < choices_.size(); ++rank) {
@@ -57,23 +56,23 @@ class Lasting_way {
   [[nodiscard]] Look* look() { return look_.get(); }
   [[nodiscard]] bool is_first_choice() const { return look_ && rank_ == 0; }
   /// As Possible_way::text; empty until a way has been taken.
-  [[nodiscard]] std::string text() const { return look_ ? taken_->text : ""; }
+  [[nodiscard]] std::string text() const { return look_ ? taken_.text : ""; }
   /// Why the last renew() found no way; empty: it did.
   [[nodiscard]] const std::string& problem() const { return problem_; }
 
  private:
   void take(const Possible_way& possible) {
-    if (look_ && taken_->is_same(possible)) {
-      taken_->text = possible.text;
+    if (look_ && taken_.is_same(possible)) {
+      taken_.text = possible.text;
       return;
     }
     auto runtime = open_way(possible);
     look_.reset();
-    way_.emplace(possible.text, std::move(runtime));
+    runtime_.emplace(std::move(runtime));
     try {
       look_ = make_(possible);
     } catch (...) {
-      way_.reset();
+      runtime_.reset();
       throw;
     }
     taken_ = possible;
@@ -83,8 +82,8 @@ class Lasting_way {
   const Make make_;
   std::size_t rank_ = 0;
   std::string problem_;
-  std::optional<Possible_way> taken_;
-  std::optional<Way> way_;
+  Possible_way taken_;  ///< of look_
+  std::optional<mw::com::runtime::Component_singleton> runtime_;
   std::unique_ptr<Look> look_;
 };
 

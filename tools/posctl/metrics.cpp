@@ -1,10 +1,8 @@
 #include "tools/posctl/metrics.h"
 
-#include <cmath>
 #include <limits>
 #include <map>
 #include <string_view>
-#include <type_traits>
 #include <utility>
 
 #include "binding/statistics.h"

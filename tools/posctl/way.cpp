@@ -137,9 +137,6 @@ std::unique_ptr<tq::com::Runtime> open_way(const Possible_way& way) {
   }
 }
 
-Way::Way(const Possible_way& way) : Way(way.text, open_way(way)) {}
-
-Way::Way(std::string text, std::unique_ptr<tq::com::Runtime> runtime)
-    : text_{std::move(text)}, runtime_{std::in_place, std::move(runtime)} {}
+Way::Way(const Possible_way& way) : text_{way.text}, runtime_{std::in_place, open_way(way)} {}
 
 }  // namespace posctl

@@ -60,7 +60,6 @@ class Way {
  public:
   /// Throws std::runtime_error if the way cannot be taken.
   explicit Way(const Possible_way& way);
-  Way(std::string text, std::unique_ptr<tq::com::Runtime> runtime);
   explicit Way(const Way_options& options) : Way(choose_way(options)) {}
 
   [[nodiscard]] const std::string& text() const { return text_; }

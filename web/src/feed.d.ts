@@ -16,7 +16,7 @@ export interface Frame<T extends keyof Topics = keyof Topics> extends Schema {
 }
 
 export interface Topics {
-  /** The first frame of each connection. */
+  /** The first frame of each connection, and when `way` changes. Once in each snapshot. */
   hello: Hello;
   /** The second: what has been. Once a connection. */
   history: History;
@@ -62,7 +62,7 @@ export interface Topics {
   log: Log_lines;
   /** The answer to an Action. */
   answer: Answer;
-  /** The browser was too slow: `frames` frames were left out. A snapshot without hello and history follows. */
+  /** The browser was too slow: `frames` frames were left out. A snapshot without history follows. */
   lost: { frames: number };
 }
 

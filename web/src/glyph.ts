@@ -1,7 +1,8 @@
 /** Lights: a shape for each state, always beside its word. */
 
 import { set_attribute, svg } from "./dom";
-import type { Tone } from "./journal";
+
+export type Tone = "good" | "warn" | "bad" | "note" | "off";
 
 const shapes: { [tone in Tone]: string } = {
   good: "M8 2.5a5.5 5.5 0 1 0 0 11a5.5 5.5 0 1 0 0-11Z",

@@ -2,6 +2,7 @@
 
 import type { Application, Log_lines, Topics } from "./feed";
 import { group_word, label_of, sentence, short_service, status_word } from "./format";
+import type { Tone } from "./glyph";
 import type { Any_frame } from "./source";
 
 const events_kept = 500;
@@ -10,7 +11,6 @@ const log_kept = 3000;
 /** Topics of which the server keeps the past. */
 const event_topics = new Set<keyof Topics>(["application", "log", "change", "fault", "monitor", "component", "offer"]);
 
-export type Tone = "good" | "warn" | "bad" | "note" | "off";
 export type Lane = "status" | "monitor" | "fault" | "component" | "application" | "offer";
 export interface Event_line {
   number: number;

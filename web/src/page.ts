@@ -3,8 +3,7 @@
 import { Address } from "./address";
 import { button, choice, h, set_attribute, set_text } from "./dom";
 import { clock_time, duration, group_word, label_of, sentence, status_word } from "./format";
-import { glyph, set_glyph } from "./glyph";
-import type { Tone } from "./journal";
+import { glyph, set_glyph, type Tone } from "./glyph";
 import { Model } from "./model";
 import { Cursor, type Context, type Panel } from "./panel";
 import { control_panel } from "./panels/control";

@@ -1,3 +1,5 @@
+/** The rate of notifications. */
+
 import type { Notification } from "./feed";
 
 /** Notifications a second over the last two seconds. */

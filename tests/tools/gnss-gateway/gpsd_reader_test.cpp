@@ -148,10 +148,10 @@ TEST_F(Reader, a_device_that_gpsd_gives_up_is_missing) {
 TEST_F(Reader, what_is_no_report_costs_itself_only) {
   says("SSH-2.0\n" + std::string(2 * Gpsd_reader::max_line, '[') + "\n{}\n\n[]\n" +
        tpv(R"("mode":3,"lat":"x")") + tpv(R"("mode":"3")") +
-       // gps_unpack() of libgps 3.22 does not return from this one.
-       tpv(R"("mode":3,"devices":[{"class":"DEVICE"}])") +
+       "{\"class\":\"SKY\",\"satellites\":[{\"PRN\":5,\"later\":{\"a\":1}}]}\n" +
        tpv(R"("mode":3,"lat":91,"lon":0,"eph":-1,"speed":1e400)") + "{\"class\":\"\\u0049MU\"}\n" +
-       tpv(R"("mode":3,)" + position));
+       // gps_unpack() of libgps 3.22 does not return from this one.
+       tpv(R"("mode":3,"devices":[{"class":"DEVICE"}],"later":{"a":1},)" + position));
   EXPECT_EQ(reader.counters().malformed, 7U);
   for (const auto& fix : fixes)
     EXPECT_FALSE(fix.speed && !fix.valid);

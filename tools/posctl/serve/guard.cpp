@@ -119,4 +119,22 @@ std::optional<http::status> refusal_of(const Http_request& request, std::string_
   return std::nullopt;
 }
 
+void add_security_fields(Http_answer& answer, const Http_request& request) {
+  const auto host = request.message.find(http::field::host);
+  const std::string here =
+      host == request.message.end() ? "" : " ws://" + std::string(host->value());
+  answer.fields.insert(
+      answer.fields.end(),
+      {{"Content-Security-Policy",
+        "default-src 'none'; script-src 'self'; style-src 'self'; "
+        "img-src 'self' data:; font-src 'self'; connect-src 'self'" +
+            here + "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+       {"X-Frame-Options", "DENY"},
+       {"X-Content-Type-Options", "nosniff"},
+       {"Referrer-Policy", "no-referrer"},
+       {"Cross-Origin-Resource-Policy", "same-origin"},
+       {"Cross-Origin-Opener-Policy", "same-origin"},
+       {"Cache-Control", "no-cache"}});
+}
+
 }  // namespace posctl::serve

@@ -26,4 +26,7 @@ namespace posctl::serve {
 [[nodiscard]] std::optional<boost::beast::http::status> refusal_of(const Http_request& request,
                                                                    std::string_view token);
 
+/// Lets the page use nothing but this server, and no other page use this one.
+void add_security_fields(Http_answer& answer, const Http_request& request);
+
 }  // namespace posctl::serve

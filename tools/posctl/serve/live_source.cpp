@@ -269,8 +269,8 @@ class Live_source::Implementation {
   Status_watch status_;
   Period services_period_{second}, statistics_period_{second}, status_period_{second},
       log_period_{log_period};
-  std::atomic<bool> present_ = true;  ///< so that the first word is that it is not
-  double started_ = 0;                ///< milliseconds since 1970; 0: not known
+  std::atomic<bool> present_ = false;
+  double started_ = 0;  ///< milliseconds since 1970; 0: not known
   Json figures_ = Json::object();
   std::uint64_t next_line_ = 0;
   bool has_log_ = true;

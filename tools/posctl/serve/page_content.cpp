@@ -47,24 +47,6 @@ std::shared_ptr<const std::string> first_page_with(
 
 }  // namespace
 
-void add_security_fields(Http_answer& answer, const Http_request& request) {
-  const auto host = request.message.find(http::field::host);
-  const std::string here =
-      host == request.message.end() ? "" : " ws://" + std::string(host->value());
-  answer.fields.insert(
-      answer.fields.end(),
-      {{"Content-Security-Policy",
-        "default-src 'none'; script-src 'self'; style-src 'self'; "
-        "img-src 'self' data:; font-src 'self'; connect-src 'self'" +
-            here + "; base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
-       {"X-Frame-Options", "DENY"},
-       {"X-Content-Type-Options", "nosniff"},
-       {"Referrer-Policy", "no-referrer"},
-       {"Cross-Origin-Resource-Policy", "same-origin"},
-       {"Cross-Origin-Opener-Policy", "same-origin"},
-       {"Cache-Control", "no-cache"}});
-}
-
 Page_content::Page_content(std::string_view token)
     : files_(files_by_name()), page_(first_page_with(token, files_)) {}
 

@@ -28,7 +28,4 @@ class Page_content {
   const std::shared_ptr<const std::string> page_;  ///< with the token, if there is one
 };
 
-/// Lets the page use nothing but this server, and no other page use this one.
-void add_security_fields(Http_answer& answer, const Http_request& request);
-
 }  // namespace posctl::serve

@@ -142,18 +142,20 @@ void Page_feed::listen(Listener listener) {
 
 Page_feed::Snapshot Page_feed::all() {
   const std::lock_guard lock(mutex_);
-  Snapshot snapshot;
-  snapshot.frames.push_back(
-      std::make_shared<const std::string>(frame(Topic::hello, now_ms(), hello_)));
+  Snapshot snapshot = begin_snapshot();
   snapshot.frames.push_back(
       std::make_shared<const std::string>(frame_of(Topic::history, now_ms(), history())));
   add_states(snapshot);
   return snapshot;
 }
 
+Page_feed::Snapshot Page_feed::begin_snapshot() {
+  return {.frames = {std::make_shared<const std::string>(frame(Topic::hello, now_ms(), hello_))}};
+}
+
 Page_feed::Snapshot Page_feed::states() {
   const std::lock_guard lock(mutex_);
-  Snapshot snapshot;
+  Snapshot snapshot = begin_snapshot();
   add_states(snapshot);
   return snapshot;
 }

@@ -83,7 +83,7 @@ class Page_feed {
   }
   /// Sends notifications that were held back. Call it some ten times a second.
   void flush();
-  /// Replaces the data of the first frame.
+  /// Replaces the data of the first frame and sends it to present clients.
   void greet(Json hello);
   /// A state: it is sent now and to each client that comes, who gets `whole` if that is given.
   void state(Topic topic, const Json& data, const Json* whole = nullptr);
@@ -110,7 +110,7 @@ class Page_feed {
   };
   /// For a client that comes: hello, history and states.
   [[nodiscard]] Snapshot all();
-  /// For a client that has lost frames: the states.
+  /// For a client that has lost frames: hello and states.
   [[nodiscard]] Snapshot states();
 
  private:
@@ -138,6 +138,7 @@ class Page_feed {
     std::apply([&](auto&... entries) { (visit(entries), ...); }, streams_);
   }
   void send(Topic topic, const Json& data);
+  [[nodiscard]] Snapshot begin_snapshot();
   void add_states(Snapshot& snapshot);
   [[nodiscard]] std::string history();
 

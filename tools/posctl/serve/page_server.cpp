@@ -1,6 +1,5 @@
 #include "tools/posctl/serve/page_server.h"
 
-#include <algorithm>
 #include <atomic>
 #include <boost/asio/post.hpp>
 #include <boost/asio/thread_pool.hpp>
@@ -203,13 +202,13 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
     try {
       const Action action = action_of(text);
       refusal["id"] = action.id;
-      server_.admit(actions_);
-      ++actions_;
+      server_.admit(actions_under_way_);
+      ++actions_under_way_;
       asio::post(server_.actions_, [self = shared_from_this(), action] {
         const Json answer = self->server_.act(action);
         asio::post(self->server_.server_.executor(), [self, answer] {
           --self->server_.actions_under_way_;
-          --self->actions_;
+          --self->actions_under_way_;
           self->tell(answer);
         });
       });
@@ -247,9 +246,9 @@ class Page_server::Implementation::Client : public std::enable_shared_from_this<
   std::uint64_t contained_ = 0;  ///< frames up to this one are in the snapshot
   std::uint64_t lost_ = 0;       ///< frames since the queue was full
   std::chrono::steady_clock::time_point second_;
-  unsigned messages_ = 0;    ///< since second_
-  std::size_t actions_ = 0;  ///< under way
-  bool open_ = false;        ///< the handshake is done
+  unsigned messages_ = 0;  ///< since second_
+  std::size_t actions_under_way_ = 0;
+  bool open_ = false;  ///< the handshake is done
   bool ended_ = false;
 };
 

@@ -2,7 +2,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <array>
 #include <chrono>
 #include <csignal>
@@ -12,6 +11,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <utility>
 
@@ -35,13 +35,18 @@ using namespace serve;
 
 constexpr const char* node = "posctl";
 
-Json hello_of(const Serve_options& options, const std::string& way) {
+/// Another one after each start, by which the page knows a restart.
+std::string new_server_id() {
+  const auto now = std::chrono::system_clock::now().time_since_epoch();
+  return std::to_string(now.count()) + "-" + std::to_string(::getpid());
+}
+
+Json hello_of(const Serve_options& options, const std::string& server, const std::string& way) {
   Json reasons = Json::array();
   for (const auto& [value, name] : binding::enumerators<mw::dm::dem::InitMonitorReason>)
     reasons.push_back(name);
-  const auto now = std::chrono::system_clock::now().time_since_epoch();
   return {{"version", POS_VERSION},
-          {"server", std::to_string(now.count()) + "-" + std::to_string(::getpid())},
+          {"server", server},
           {"source", "live"},
           {"control", options.control},
           {"way", way},
@@ -101,7 +106,7 @@ class Source_on_way {
     const bool has_way = way_.look() != nullptr;
     const std::string text = has_way ? way_.text() : "none: " + way_.problem();
     if (std::exchange(told_, text) == text) return;
-    feed_.greet(hello_of(options_, text));
+    feed_.greet(hello_of(options_, server_, text));
     if (!has_way) tell_no_application(feed_, "no way to it: " + way_.problem());
   }
 
@@ -112,6 +117,7 @@ class Source_on_way {
       "the network";
 
   const Serve_options& options_;
+  const std::string server_ = new_server_id();
   Page_feed& feed_;
   Live_actor& actor_;
   Lasting_way<Live_source> way_;
@@ -129,6 +135,10 @@ std::string address_of(const boost::asio::ip::tcp::endpoint& endpoint, const std
 /// Leaves a browser that does not come to its user.
 void open_in_browser(std::string address) {
   const auto is_set = [](const char* name) { return std::getenv(name) != nullptr; };
+  if (!is_set("DISPLAY") && !is_set("WAYLAND_DISPLAY")) {
+    std::fputs("posctl: there is no desktop to open the page on\n", stderr);
+    return;
+  }
   // Not with the blocked and ignored signals of this program.
   sigset_t none{}, broken_pipe{};
   sigemptyset(&none);
@@ -142,10 +152,12 @@ void open_in_browser(std::string address) {
   pid_t child = -1;
   std::string program = "xdg-open";
   const std::array<char*, 3> arguments{program.data(), address.data(), nullptr};
-  if ((!is_set("DISPLAY") && !is_set("WAYLAND_DISPLAY")) ||
-      ::posix_spawnp(&child, program.c_str(), nullptr, &attributes, arguments.data(), environ) !=
-          0) {
-    std::fputs("posctl: there is no desktop to open the page on\n", stderr);
+  const int error =
+      ::posix_spawnp(&child, program.c_str(), nullptr, &attributes, arguments.data(), environ);
+  posix_spawnattr_destroy(&attributes);
+  if (error != 0) {
+    std::fprintf(stderr, "posctl: cannot start xdg-open: %s\n",
+                 std::generic_category().message(error).c_str());
     return;
   }
   std::thread([child] { (void)::waitpid(child, nullptr, 0); }).detach();

@@ -13,7 +13,7 @@ namespace posctl::serve {
 
 /// Seconds. The application answers in a millisecond. Longer waits would hold up the rest of the
 /// page.
-constexpr double answer_time = 1;
+inline constexpr double answer_time = 1;
 
 /// Is due once in each period.
 class Period {

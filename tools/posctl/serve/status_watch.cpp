@@ -58,7 +58,7 @@ lumo::services::diag::Data_bus_fault kind_of(std::string_view name) {
                                                            faults.begin());
 }
 
-void tell_whether(Page_feed& feed, const Json& application) {
+void send_application_state(Page_feed& feed, const Json& application) {
   feed.keep(Topic::application, application);
   feed.event(Topic::application, application);
 }
@@ -141,14 +141,15 @@ void Status_watch::tell_monitors(const binding::Diagnosis_state& state) {
 }
 
 void tell_application(Page_feed& feed, double started_ms) {
-  tell_whether(feed, {{"present", true},
-                      {"since", seconds_since_1970() * 1000},
-                      {"text", ""},
-                      {"started", started_ms}});
+  send_application_state(feed, {{"present", true},
+                                {"since", seconds_since_1970() * 1000},
+                                {"text", ""},
+                                {"started", started_ms}});
 }
 
 void tell_no_application(Page_feed& feed, const std::string& text) {
-  tell_whether(feed, {{"present", false}, {"since", seconds_since_1970() * 1000}, {"text", text}});
+  send_application_state(
+      feed, {{"present", false}, {"since", seconds_since_1970() * 1000}, {"text", text}});
   Json status{{"schema", 1},
               {"verdict", "no answer"},
               {"reason", text},

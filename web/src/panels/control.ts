@@ -57,14 +57,14 @@ function fault_part(context: Context): { element: HTMLElement; draw(): void } {
   kind_choice.list.id = "fault-kind";
   kind_choice.list.setAttribute("aria-describedby", meaning.id);
   const value = field("Value", "fault-value");
-  const word = select<string>("Value", [], () => show_order());
+  const word = select<string>("Value", [], () => undefined);
   const start = field("Start", "fault-start");
   const length = field("Duration", "fault-duration");
   set_text(start.hint, "s from now; empty: at once");
   set_text(length.hint, "s; empty: until it is ended");
   const problem = h("p", { class: "problem", id: "fault-problem", role: "alert" });
   const order_line = h("p", { class: "caption order" });
-  const submit = h("button", { type: "submit", }, "Start the fault");
+  const submit = h("button", { type: "submit" }, "Start the fault");
   const form = h("form", { novalidate: true, autocomplete: "off" },
     kind_choice.element, meaning,
     h("div", { class: "fields" }, value.element, word.element, start.element, length.element),
@@ -108,7 +108,7 @@ function fault_part(context: Context): { element: HTMLElement; draw(): void } {
     wrong?.input.focus();
   }
 
-  /** The number in a field; undefined: it is empty. Throws the field for a text that is no number within the bounds. */
+  /** The number in a field; undefined: it is empty. Throws Wrong for a text that is no number within the bounds. */
   function number_in(one: Field, low: number, high: number, unit: string, above = false): number | undefined {
     const text = one.input.value.trim().replace(/^\u2212/, "-");
     if (text === "") return undefined;
@@ -160,8 +160,12 @@ function fault_part(context: Context): { element: HTMLElement; draw(): void } {
   });
   model.follow(["reset"], () => (in_force = undefined));
   model.follow(["sourceFaults"], () => {
+    if (!model.source_faults?.data.present) {
+      in_force = undefined;
+      return;
+    }
     const known = in_force;
-    in_force = new Set(model.source_faults?.data.faults.filter((one) => one.inForce).map((one) => one.fault));
+    in_force = new Set(model.source_faults.data.faults.filter((one) => one.inForce).map((one) => one.fault));
     if (!known) return;
     for (const one of in_force) if (!known.has(one)) context.announce(`Fault in force: ${one}`);
     for (const one of known) if (!in_force.has(one)) context.announce(`Fault ended: ${one}`);

@@ -3,8 +3,8 @@
 import type { Component, Group, Status_name } from "../feed";
 import { h, keep_list, set_attribute, set_text } from "../dom";
 import { clock_time, duration, group_word, label_of, sentence, status_word } from "../format";
-import { glyph, set_glyph, tone_of } from "../glyph";
-import type { Event_line, Lane, Tone } from "../journal";
+import { glyph, set_glyph, tone_of, type Tone } from "../glyph";
+import type { Event_line, Lane } from "../journal";
 import { Palette, Surface, type Context, type Panel } from "../panel";
 
 const groups: readonly (readonly [Group, string])[] = [["inputs", "Inputs"], ["outputs", "Outputs"], ["system", "System functions"]];

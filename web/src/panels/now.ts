@@ -2,8 +2,7 @@
 
 import { button, h, keep_list, set_attribute, set_text, svg } from "../dom";
 import { clock_time, compass_point, decimal, direction, duration, is_number, latitude, longitude, no_value, position_types, rough, short_service } from "../format";
-import { glyph, set_glyph } from "../glyph";
-import type { Tone } from "../journal";
+import { glyph, set_glyph, type Tone } from "../glyph";
 import { numbers_of } from "../model";
 import type { Context, Panel } from "../panel";
 import type { Record_json } from "../feed";

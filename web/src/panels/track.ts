@@ -209,7 +209,7 @@ export function track_panel(context: Context): Panel {
       describe(summary, window);
     }
     picture.jumps(summary.jumps);
-    if (!Number.isNaN(cursor.t)) picture.cursor(model.output_track, cursor.t);
+    picture.cursor(model.output_track, cursor.t);
     const place = last_place();
     if (place && window.live) {
       const heading = place.series === model.output_track ? place.series.value("yawAngle", place.row) : NaN;

@@ -3,8 +3,7 @@
 import type { Offer, Subscriber } from "../feed";
 import { h, keep_list, set_attribute, set_text, type Child } from "../dom";
 import { clock_time, duration, grouped, no_value, short_service } from "../format";
-import { glyph, set_glyph } from "../glyph";
-import type { Tone } from "../journal";
+import { glyph, set_glyph, type Tone } from "../glyph";
 import type { Counter } from "../model";
 import type { Context, Panel } from "../panel";
 
