@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/clients/printing.h"
+#include "tests/tools/gnss-gateway/said.h"
 #include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
@@ -16,6 +17,10 @@ namespace {
 using namespace std::chrono_literals;
 using namespace lumo::services::gnss::datatypes;
 using binding::Value_type;
+using testing::AllOf;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
 using testing::Optional;
 
 const std::string position =
@@ -56,34 +61,29 @@ TEST_F(Reader, what_gpsd_knows_goes_where_the_records_have_a_member) {
   EXPECT_THAT(fixes[0].utc,
               Optional(std::chrono::sys_days(2024y / 1 / 5) + 15h + 40min + 7s + 125ms));
   const auto notification = to_notification(fixes[0], {});
-  const auto& record = notification.positions.at(0);
-  EXPECT_EQ(record.LAT, 48.123456789);
-  EXPECT_EQ(record.LON, -11.765432101);
-  EXPECT_EQ(record.altitudeWGS84, 545.1234F);
-  EXPECT_EQ(record.altitudeMeanSeaLevel, 497.6543F);
-  EXPECT_EQ(record.speedVertical, -0.25F);
-  EXPECT_EQ(record.courseOverGround, 11.3F);
-  EXPECT_EQ(record.yawAngle, 12.5F);
-  EXPECT_FALSE(record.accuracyYawAngle) << "the accuracy of the course is not that of the heading";
-  EXPECT_EQ(record.yawRate, 0.5F);
-  EXPECT_EQ(record.rollAngle, 3.0F);
-  EXPECT_EQ(record.accuracyHorizontal, 1.234F) << "GST only where TPV tells none";
-  EXPECT_EQ(record.accuracySpeedVertical, 4.69F);
-  EXPECT_EQ(record.ageOfDifferentialData, 2500U);
-  const auto& quality = notification.quality.at(0);
-  EXPECT_EQ(quality.statusFixType, Fix_type::differential);
-  EXPECT_EQ(quality.statusGNSSAntenna, Antenna_status::open);
-  EXPECT_EQ(quality.gDOP, 2.1F);
-  EXPECT_EQ(quality.satsInUse, 1U);
-  EXPECT_EQ(quality.satsInViewGalileo, std::uint8_t{1});
-  const auto& list = notification.satellites.value();
-  ASSERT_EQ(list.size(), 4U) << "two signals are one satellite";
-  EXPECT_EQ(list[0].carrierToNoise, 44.5F);
-  EXPECT_EQ(list[0].elevation, 60.5F);
-  EXPECT_EQ(list[1].gnssSystem, Gnss_system::glonass);
-  EXPECT_EQ(list[1].satelliteId, 9U);
-  EXPECT_EQ(list[2].satelliteId, 194U);
-  EXPECT_EQ(list[3].satelliteId, 2U);
+  // The accuracy of the course is not that of the heading; GST only where TPV tells none.
+  EXPECT_EQ(
+      said(notification.positions).at(0),
+      "positionType=GNSS messageCounter=0 LAT=48.123456789+ LON=-11.765432101+ "
+      "altitudeMeanSeaLevel=497.6543+ altitudeWGS84=545.1234+ "
+      "yawAngle=12.5+ yawRate=0.5+ speed2D=10.198+ speedVertical=-0.25+ courseOverGround=11.3+ "
+      "pitchAngle=-2.0+ rollAngle=3.0+ "
+      "accuracyHorizontal=1.234+ accuracyVertical=2.345+ accuracySpeed2D=0.32+ "
+      "accuracySpeedVertical=4.69+ "
+      "ageOfDifferentialData=2500+ preciseLocalTimeSeconds=0+ preciseLocalTimeNanoseconds=0+");
+  EXPECT_THAT(
+      said(notification.quality).at(0),
+      AllOf(HasSubstr("gDOP=2.1+ hDOP=0.95+ pDOP=1.8+ vDOP=1.5+ statusReceiverMode=navigating "
+                      "statusFixType=differential satsInView=4+ systemsInView=39 satsInUse=1+ "),
+            EndsWith(" statusGNSSAntenna=open")));
+  // Two signals are one satellite.
+  EXPECT_THAT(said(notification.satellites.value()),
+              ElementsAre("satelliteId=5 gnssSystem=GPS elevation=60.5+ azimuth=120.25+ "
+                          "carrierToNoise=44.5+ usage=in the solution",
+                          "satelliteId=9 gnssSystem=GLONASS elevation=30.0+ azimuth=250.0+ "
+                          "carrierToNoise=0.0+ usage=in view",
+                          "satelliteId=194 gnssSystem=other usage=in view",
+                          "satelliteId=2 gnssSystem=Galileo usage=in view"));
   says(tpv(R"("mode":1)"));
   EXPECT_FALSE(fixes.back().heading) << "told once";
 }
