@@ -124,19 +124,12 @@ def source_killed(lab):
     lab.source.wait()
 
 
-def source_frozen(lab):
-    lab.healthy()
-    lab.source.send_signal(signal.SIGSTOP)
-
-
-def data_dropped(lab):
-    lab.healthy()
-    lab.filter("udp sport 30501 counter drop")
-
-
-def discovery_dropped(lab):
-    lab.healthy()
-    lab.filter("udp dport 30490 drop")
+def then(break_it):
+    """What happens to a healthy system."""
+    def make(lab):
+        lab.healthy()
+        break_it(lab)
+    return make
 
 
 def other_manifest(change, space="bench"):
@@ -190,11 +183,6 @@ def manifest_invalid(lab):
     lab.desk.write_manifest()
 
 
-def address_missing(lab):
-    lab.healthy()
-    run("ip", "-n", lab.vehicle, "addr", "del", "10.77.0.1/8", "dev", "cable")
-
-
 def address_taken(lab):
     script = "import socket, time; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('10.77.0.1', 30490)); time.sleep(99)"
     lab.start(lab.vehicle, sys.executable, "-c", script)
@@ -202,20 +190,10 @@ def address_taken(lab):
     assert lab.start_application().wait(30) != 0
 
 
-def interface_down(lab):
-    lab.healthy()
-    run("ip", "-n", lab.vehicle, "link", "set", "cable", "down")
-
-
 def join_refused(lab):
     run("ip", "netns", "exec", lab.vehicle, "sysctl", "net.ipv4.igmp_max_memberships=0")
     lab.start_source()
     lab.start_application()
-
-
-def storage_missing(lab):
-    lab.healthy()
-    shutil.rmtree(lab.desk.path / "storage")
 
 
 def storage_read_only(lab):
@@ -230,16 +208,6 @@ def storage_full(lab):
     with contextlib.suppress(OSError), open(path / "other", "wb", buffering=0) as file:
         while file.write(b"\0" * 4096):
             pass
-
-
-def storage_damaged(lab):
-    lab.healthy()
-    (lab.desk.path / "storage/POS_Key_Value_Port.json").write_text('{"useGNSSDR": {"type": "Bool')
-
-
-def storage_shared(lab):
-    lab.healthy()
-    lab.start(lab.vehicle, APPLICATION, POS_NODE_ADDRESS="10.77.0.3")
 
 
 def log_daemon_ended(lab):
@@ -263,25 +231,6 @@ def no_watchdog(lab):
 def restarting(lab):
     lab.start_source()
     lab.start_application("sh", "-c", 'while :; do timeout 1 "$0"; done')
-
-
-def application_frozen(lab):
-    lab.healthy()
-    lab.application.send_signal(signal.SIGSTOP)
-
-
-def no_application(lab):
-    lab.start_source()
-
-
-def few_descriptors(lab):
-    lab.healthy()
-    run("prlimit", "--pid", lab.application.pid, "--nofile=64:64")
-
-
-def few_threads(lab):
-    lab.healthy()
-    run("prlimit", "--pid", lab.application.pid, "--nproc=32:32")
 
 
 def no_right_to_the_log(lab):
@@ -327,22 +276,28 @@ def standing_stamps(lab):
 
 
 FAULTS = (
-    ("source-missing", source_killed), ("source-frozen", source_frozen), ("packet-filter", data_dropped),
-    ("packet-filter", discovery_dropped), ("event-group", other_manifest(of_positions(eventGroup=9))),
-    ("event-id", other_manifest(of_positions(notifier="0x8099"))), ("service-id", other_manifest(of_gnss(id="0x2A99"))),
-    ("service-version", other_manifest(of_gnss(majorVersion=2))), ("multicast-group", other_manifest(other_group)),
-    ("allowed-peers", peer_not_allowed), ("subnet", other_manifest(outside_the_subnet)), ("stamps", clock_off),
-    ("transport", other_manifest(over_tcp)), ("manifest", manifest_invalid),
-    ("same-manifest", other_manifest(of_gnss(id="0x2A99"), "vehicle")),
-    ("address", address_missing), ("address-taken", address_taken), ("interface", interface_down),
-    ("multicast-join", join_refused), ("storage-folder", storage_missing),
-    ("storage-writable", storage_read_only), ("storage-space", storage_full), ("storage-content", storage_damaged),
-    ("storage-shared", storage_shared), ("log-daemon", log_daemon_ended), ("bus", bus_ended), ("watchdog", no_watchdog),
-    ("restarting", restarting), ("application", application_frozen), ("application", no_application),
-    ("limits", few_descriptors), ("limits", few_threads, "too few threads"), ("physical-values", faulty_source("no-fix")),
-    ("position-type", faulty_source("only-type=GNSS")), ("standing-values", faulty_source("stuck-with-counter")),
-    ("standing-stamps", standing_stamps), ("source-silent", faulty_source("silence")),
-    ("refused-clients", client_refused), ("receive-buffer", buffer_full),
+    ("source-missing", source_killed), ("source-frozen", then(lambda lab: lab.source.send_signal(signal.SIGSTOP))),
+    ("packet-filter", then(lambda lab: lab.filter("udp sport 30501 counter drop"))),
+    ("packet-filter", then(lambda lab: lab.filter("udp dport 30490 drop"))),
+    ("event-group", other_manifest(of_positions(eventGroup=9))), ("event-id", other_manifest(of_positions(notifier="0x8099"))),
+    ("service-id", other_manifest(of_gnss(id="0x2A99"))), ("service-version", other_manifest(of_gnss(majorVersion=2))),
+    ("multicast-group", other_manifest(other_group)), ("allowed-peers", peer_not_allowed),
+    ("subnet", other_manifest(outside_the_subnet)), ("stamps", clock_off), ("transport", other_manifest(over_tcp)),
+    ("manifest", manifest_invalid), ("same-manifest", other_manifest(of_gnss(id="0x2A99"), "vehicle")),
+    ("address", then(lambda lab: run("ip", "-n", lab.vehicle, "addr", "del", "10.77.0.1/8", "dev", "cable"))),
+    ("address-taken", address_taken), ("multicast-join", join_refused),
+    ("interface", then(lambda lab: run("ip", "-n", lab.vehicle, "link", "set", "cable", "down"))),
+    ("storage-folder", then(lambda lab: shutil.rmtree(lab.desk.path / "storage"))),
+    ("storage-content", then(lambda lab: (lab.desk.path / "storage/POS_Key_Value_Port.json").write_text('{"useGNSSDR": {"type": "Bool'))),
+    ("storage-shared", then(lambda lab: lab.start(lab.vehicle, APPLICATION, POS_NODE_ADDRESS="10.77.0.3"))),
+    ("storage-writable", storage_read_only), ("storage-space", storage_full), ("log-daemon", log_daemon_ended),
+    ("bus", bus_ended), ("watchdog", no_watchdog), ("restarting", restarting),
+    ("application", then(lambda lab: lab.application.send_signal(signal.SIGSTOP))), ("application", Lab.start_source),
+    ("limits", then(lambda lab: run("prlimit", "--pid", lab.application.pid, "--nofile=64:64"))),
+    ("limits", then(lambda lab: run("prlimit", "--pid", lab.application.pid, "--nproc=32:32")), "too few threads"),
+    ("physical-values", faulty_source("no-fix")), ("position-type", faulty_source("only-type=GNSS")),
+    ("standing-values", faulty_source("stuck-with-counter")), ("standing-stamps", standing_stamps),
+    ("source-silent", faulty_source("silence")), ("refused-clients", client_refused), ("receive-buffer", buffer_full),
     ("log-daemon", no_right_to_the_log, "no right to the pipe"),
 )
 
@@ -403,7 +358,7 @@ def main():
     failures = 0
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         parts = [] if wanted else [("healthy runs", pool.submit(healthy, 5))]
-        parts += [(f"{make.__name__}: {check}", pool.submit(play, check, make, *text)) for check, make, *text in FAULTS
+        parts += [(check, pool.submit(play, check, make, *text)) for check, make, *text in FAULTS
                   if not wanted or check in wanted]
         for name, part in parts:
             try:

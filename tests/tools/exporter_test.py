@@ -1,6 +1,5 @@
 """posctl exporter: what Prometheus makes of it, and what clients can cost it."""
 
-import http.client
 import json
 import pathlib
 import re
@@ -10,25 +9,19 @@ import unittest
 import urllib.parse
 import urllib.request
 
-from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk_test, until
+from web import request
 
 PROMTOOL, PROMETHEUS = pathlib.Path("/usr/bin/promtool"), pathlib.Path("/usr/bin/prometheus")
 RULES = SOURCE / "packaging/prometheus/alerts.yml"
 DASHBOARD = SOURCE / "packaging/grafana/pos.json"
 
 
-class Exporter(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
-    def start(self, program, *arguments):
-        process = self.desk.start(program, *arguments)
-        self.addCleanup(lambda: process.poll() is not None or self.assertEqual(self.desk.stop(process)[0], 0))
-        return process
-
+class Exporter(Desk_test):
     def start_exporter(self):
         self.exporter = self.start(POSCTL, "exporter", "--listen", "127.0.0.1:0")
-        self.host = urllib.parse.urlsplit(self.exporter.stdout.readline()).netloc
+        url = urllib.parse.urlsplit(self.exporter.stdout.readline())
+        self.address = (url.hostname, url.port)
 
     def start_all(self):
         self.application = self.start(APPLICATION)
@@ -36,15 +29,12 @@ class Exporter(unittest.TestCase):
         self.start_exporter()
         until(lambda: self.samples().get('pos_input_status{name="gnss",status="Nominal"}'), "positions")
 
-    def request(self, method="GET", path="/metrics", **headers):
-        connection = http.client.HTTPConnection(self.host, timeout=20)
-        connection.request(method, path, headers=headers)
-        response = connection.getresponse()
-        return response, response.read().decode()
+    def page(self):
+        return request(self.address, "/metrics")[2].decode()
 
     def samples(self):
         """Values by metric with labels."""
-        lines = (line for line in self.request()[1].splitlines() if not line.startswith("#"))
+        lines = (line for line in self.page().splitlines() if not line.startswith("#"))
         return {name: float(value) for name, value in (line.rsplit(" ", 1) for line in lines)}
 
     def test_metrics_are_those_of_the_page_and_of_the_application(self):
@@ -55,8 +45,8 @@ class Exporter(unittest.TestCase):
             self.start(POSCTL, "watch", "--field", "positions")
         of_positioning = '{service="lumo::services::positioning::Positioning",instance="0x0001"}'
         until(lambda: self.samples()["pos_subscribers_refused" + of_positioning], "a subscriber that is refused")
-        response, text = self.request()
-        self.assertEqual(response.headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
+        self.assertEqual(request(self.address, "/metrics")[1]["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
+        text = self.page()
         checked = subprocess.run([PROMTOOL, "check", "metrics"], input=text, capture_output=True, text=True, check=False)
         self.assertEqual((checked.returncode, checked.stdout, checked.stderr), (0, "", ""))
         page = (SOURCE / "docs/metrics.md").read_text(encoding="utf-8")
@@ -66,7 +56,7 @@ class Exporter(unittest.TestCase):
         self.assertLessEqual(told, set(re.findall(r"^\| `(\w+)` \| (\w+) \|", table, re.MULTILINE)))
 
         samples = self.samples()
-        stats = json.loads(self.desk.run(POSCTL, "stats", "--json")[1])
+        stats = self.posctl("stats")
         for name, value in {
             "pos_up": 1, 'pos_input_status{name="gnss",status="Nominal"}': 1,
             'pos_monitor_failed{monitor="POS_Input_GNSS",id="0x83D101"}': 0,
@@ -90,7 +80,7 @@ class Exporter(unittest.TestCase):
         self.assertGreater(gone["pos_exporter_requests_total"], 2)
         self.start(APPLICATION)
         until(lambda: self.samples()["pos_up"], "the application is back")
-        until(lambda: self.request()[1] == self.request()[1], "two requests that a page answers")
+        until(lambda: self.page() == self.page(), "two requests that a page answers")
 
     def test_it_may_start_before_an_application_that_only_its_socket_reaches(self):
         self.desk.manifest["nodes"]["POS"]["localSocket"] = True
@@ -114,7 +104,7 @@ class Exporter(unittest.TestCase):
         settings = self.desk.path / "prometheus.yml"
         settings.write_text(json.dumps({
             "global": {"scrape_interval": "1s", "evaluation_interval": "1s"}, "rule_files": [str(RULES)],
-            "scrape_configs": [{"job_name": "pos", "static_configs": [{"targets": [self.host]}]}]}), encoding="utf-8")
+            "scrape_configs": [{"job_name": "pos", "static_configs": [{"targets": ["%s:%s" % self.address]}]}]}), encoding="utf-8")
         self.start(PROMETHEUS, f"--config.file={settings}", f"--storage.tsdb.path={self.desk.path / 'tsdb'}",
                    f"--web.listen-address={server}")
 

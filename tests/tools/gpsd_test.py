@@ -10,7 +10,7 @@ import threading
 import tty
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, Desk_test, until
 
 GPSD = pathlib.Path("/usr/sbin/gpsd")
 # Member of the position, attribute of TPV.
@@ -62,33 +62,10 @@ class Receiver:
         os.close(self.device)
 
 
-class Reports:
-    """What gpsd says to another client."""
-
-    def __init__(self, port):
-        self.positions = []
-        self.socket = socket.create_connection(("127.0.0.1", port))
-        self.socket.sendall(b'?WATCH={"enable":true,"json":true};\n')
-        self.thread = threading.Thread(target=self.run)
-        self.thread.start()
-
-    def run(self):
-        with self.socket.makefile() as lines:
-            for line in lines:
-                report = json.loads(line)
-                if report["class"] == "TPV" and report["mode"] >= 2:
-                    self.positions.append(report)
-
-    def close(self):
-        self.socket.shutdown(socket.SHUT_RDWR)
-        self.thread.join()
-        self.socket.close()
-
-
 @unittest.skipUnless(GPSD.exists(), "gpsd is not installed")
-class Gpsd(unittest.TestCase):
+class Gpsd(Desk_test):
     def setUp(self):
-        self.desk = self.enterContext(Desk())
+        super().setUp()
         self.port = 20_000 + self.desk.network
         self.path = self.desk.path / "receiver"
         self.desk.path.chmod(0o755)
@@ -127,7 +104,8 @@ class Gpsd(unittest.TestCase):
             with self.subTest(instant.__name__):
                 receiver = self.plug_in(instant)
                 gpsd = self.start_gpsd()
-                reports = Reports(self.port)
+                client = self.enterContext(socket.create_connection(("127.0.0.1", self.port)))
+                client.sendall(b'?WATCH={"enable":true,"json":true};\n')
                 application = self.desk.start(APPLICATION)
                 consumer = self.desk.start(POSCTL, "watch", "--json", "--field", "positions")
                 gateway = self.start_gateway()
@@ -136,12 +114,12 @@ class Gpsd(unittest.TestCase):
                     record = json.loads(consumer.stdout.readline())["records"][0]
                     if "LAT" in record:
                         seen.append(record)
-                reports.close()
                 for process in (gateway, consumer, application):
                     self.assertEqual(self.desk.stop(process)[0], 0)
                 self.desk.stop(gpsd)
                 receiver.pull_out()
-                self.compare(seen, reports.positions)
+                reports = [json.loads(line) for line in client.makefile()]
+                self.compare(seen, [one for one in reports if one["class"] == "TPV" and one["mode"] >= 2])
 
     def compare(self, seen, told):
         distinct = set()

@@ -11,7 +11,7 @@ import termios
 import time
 import unittest
 
-from desk import GATEWAY, Desk, until
+from desk import GATEWAY, Desk_test, until
 
 POSITION = ",4807.038,N,01131.000,E,"
 
@@ -60,10 +60,7 @@ class Terminal:
             return b""
 
 
-class Receivers(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
+class Receivers(Desk_test):
     def start(self, path, *arguments, **options):
         return self.desk.start(GATEWAY, "--json", "--nmea", path, *arguments, **options)
 

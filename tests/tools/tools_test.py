@@ -13,7 +13,7 @@ import termios
 import time
 import unittest
 
-from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk, fill, until
+from desk import APPLICATION, DEADLINE, GATEWAY, POSCTL, Desk_test, fill, until
 
 LATITUDE = 46.948  # around which the gateway drives
 SENTENCE = "$GPGGA,235958.0,4807.038,N,01131.000,E,1,08,0.9,,,,,,*6F\r\n"
@@ -24,30 +24,11 @@ def errors_of(process):
     return "".join(line for line in process.log.read_text().splitlines(True) if " SIPR " not in line)
 
 
-class Tools(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
-    def runs_to_the_end(self, program, *arguments, **options):
-        """Starts a program that has to end well when the test is over."""
-        process = self.desk.start(program, *arguments, **options)
-        self.addCleanup(lambda: self.assertEqual(self.desk.stop(process)[0], 0))
-        return process
-
+class Tools(Desk_test):
     def bound_gateway(self, *arguments, **options):
         gateway = self.desk.start(GATEWAY, *arguments, **options)
         until(lambda: self.desk.is_bound("gnss-gateway"), "the gateway takes its address")
         return gateway
-
-    def output(self, program, *arguments):
-        """What a program prints that ends well."""
-        code, output, errors = self.desk.run(program, *arguments)
-        self.assertEqual(code, 0, errors)
-        return output
-
-    def posctl(self, *arguments):
-        """What it tells in JSON."""
-        return json.loads(self.output(POSCTL, *arguments, "--json"))
 
     def fails(self, program, *arguments, code=1):
         """What a program says that cannot do what it is told."""
@@ -120,6 +101,7 @@ class Tools(unittest.TestCase):
             (POSCTL, ("watch", "--colour", "red"), "--colour"),
             (POSCTL, ("state", "kOff"), "kOn,kPrepSD"),
             (POSCTL, ("stauts",), 'posctl: there is no command "stauts"; did you mean "status"?'),
+            (POSCTL, ("weather",), 'posctl: there is no command "weather"\n'),
             (POSCTL, ("read", "d_9999"), 'posctl: there is no data identifier "d_9999"'),
             (POSCTL, ("explain", "notificationLate"), 'did you mean "notificationsLate"?'),
             (POSCTL, ("set", "useGNSSDr", "true"), 'no setting "useGNSSDr"; did you mean "useGNSSDR"?'),
@@ -132,7 +114,9 @@ class Tools(unittest.TestCase):
             (POSCTL, ("call", "DiagnosticMonitor.InitMonitor", '"kGone"'), "expected one of kClear, kRestart"),
             (POSCTL, ("validate", "/none"), 'cannot read "/none"'),
             (POSCTL, ("init-monitor", "POS_Nothing", "kClear"), 'posctl: there is no monitor "POS_Nothing"'),
-            (GATEWAY, ("--speed-up", 2), "--nmea"),
+            (POSCTL, ("export",), "FILE is expected"), (POSCTL, ("export", "--csv", "a", "--kml", "b"), "one format at a time"),
+            (POSCTL, ("serve", "--token", "short"), "--token"), (POSCTL, ("serve", "--listen", "localhost:1"), "--listen"),
+            (POSCTL, ("serve", "--marks"), "--marks"), (GATEWAY, ("--speed-up", 2), "--nmea"),
             (GATEWAY, ("--loop",), "--loop requires --nmea, --script or --route"),
             (GATEWAY, ("--fault", "jmup=5"), 'gnss-gateway: fault "jmup=5": there is no fault "jmup"; did you mean "jump"?'),
             (GATEWAY, ("--scenario", "/none"), 'gnss-gateway: cannot read "/none"'),
@@ -152,7 +136,7 @@ class Tools(unittest.TestCase):
         self.assertIn("expected a number", self.fails(GATEWAY, "--plt-offset=nan", code=3))
 
     def test_output_that_cannot_be_written_is_an_error(self):
-        self.runs_to_the_end(APPLICATION)
+        self.start(APPLICATION)
         self.output(POSCTL, "stats", "--timeout", 20)  # it answers
         for program, arguments in (
             (POSCTL, ("--help",)), (POSCTL, ("--version",)), (POSCTL, ("watch", "--help")), (GATEWAY, ("--help",)),
@@ -195,15 +179,15 @@ class Tools(unittest.TestCase):
     def test_the_application_takes_the_platform_offset_of_the_time_service(self):
         (self.desk.path / "initdata-POS_Key_Value_Port.json").write_text(
             json.dumps({"timeClientEnabled": {"type": "Boolean", "value": True}}))
-        application = self.runs_to_the_end(APPLICATION, environment={"POS_INITDATA_DIR": str(self.desk.path)})
-        self.runs_to_the_end(GATEWAY, "--time", "--plt-offset", 123456789)
+        application = self.start(APPLICATION, environment={"POS_INITDATA_DIR": str(self.desk.path)})
+        self.start(GATEWAY, "--time", "--plt-offset", 123456789)
         for line in ("Times struct received from Timemaster:  1 pltOffset missing",
                      "Times struct received from Timemaster:  2 123456789"):
             until(lambda: line in application.log.read_text(), line)
 
     def test_counters_and_resources_of_the_application_are_told(self):
         started = time.monotonic()
-        application = self.runs_to_the_end(APPLICATION)
+        application = self.start(APPLICATION)
         first, second = self.posctl("stats", "--timeout", 20), self.posctl("stats")
         age = 1000 * (time.monotonic() - started)
         self.assertEqual(second["counters"]["requestsReceived"], first["counters"]["requestsReceived"] + 5)
@@ -218,7 +202,7 @@ class Tools(unittest.TestCase):
         self.assertRegex(self.output(POSCTL, "stats"), r"uptime +\d+\.\d s +resident memory +\d+\.\d MiB\n(.|\n)*tcpAccepted +0 ")
 
     def test_one_page_tells_the_whole_state(self):
-        self.runs_to_the_end(APPLICATION)
+        self.start(APPLICATION)
         quiet, code = self.status()
         self.assertEqual(code, 1)
         self.assertIn("no offer seen", quiet["reason"])
@@ -276,7 +260,7 @@ class Tools(unittest.TestCase):
     def test_settings_log_levels_and_methods_are_reached_by_name(self):
         set_it = ("set", "mmNewPositionCalculationIntervalMS")
         self.assertIn(". No application answered", self.output(POSCTL, *set_it, "500", "--timeout", 0.3))
-        self.runs_to_the_end(APPLICATION)
+        self.start(APPLICATION)
         until(lambda: self.desk.run(POSCTL, "stats", "--timeout", 1)[0] == 0, "the application answers")
         rows = {row["key"]: row for row in self.posctl("settings")["settings"]}
         self.assertEqual((rows[set_it[1]]["value"], rows[set_it[1]]["from"]), (500, "store"))
@@ -332,7 +316,7 @@ class Tools(unittest.TestCase):
     def test_a_vehicle_may_leave_the_statistics_out(self):
         del self.desk.manifest["services"]["mw::com::runtime::Statistics"]
         self.desk.write_manifest()
-        self.runs_to_the_end(APPLICATION)
+        self.start(APPLICATION)
         self.output(POSCTL, "watch", "--count", 2, "--timeout", 20)
         for command, code in (("stats", 1), ("status", 2)):
             self.assertIn('services: "mw::com::runtime::Statistics" is not deployed',
@@ -386,12 +370,12 @@ class Tools(unittest.TestCase):
         self.fails(POSCTL, "state", "kOn", code=2)  # it has left the bus
 
     def test_positions_data_identifiers_and_monitors_of_a_running_application(self):
-        self.runs_to_the_end(APPLICATION)
+        self.start(APPLICATION)
         self.output(POSCTL, "watch", "--count", 2, "--timeout", 20)
         self.assertIn("  raw: 02 03 03 03 03 03 03 03 03 03 03\n  gnss: Init\n", self.output(POSCTL, "read", "d_14a0"))
         self.assertEqual(self.output(POSCTL, "read", "all").count("  raw: "), 7)
 
-        monitors = self.runs_to_the_end(POSCTL, "monitors", "--json")
+        monitors = self.start(POSCTL, "monitors", "--json")
         states = [json.loads(monitors.stdout.readline()) for _ in range(23)]
         self.assertEqual([one["status"] for one in states[:3]], ["Nominal", "Init", "NotAvailable"])
         gateway = self.desk.start(GATEWAY, "--rate", 20, "--satellites", 60)

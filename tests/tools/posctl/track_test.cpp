@@ -1,8 +1,6 @@
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 
-#include <array>
-#include <boost/asio/io_context.hpp>
 #include <csignal>
 #include <filesystem>
 #include <fstream>
@@ -10,9 +8,7 @@
 #include <sstream>
 #include <system_error>
 
-#include "tests/support/seen.h"
 #include "tools/nmea/sentence.h"
-#include "tools/posctl/track/sentence_server.h"
 #include "tools/posctl/track/sentences.h"
 #include "tools/posctl/track/track_file.h"
 
@@ -95,22 +91,6 @@ TEST(Sentences, keep_coordinates_everywhere_on_the_globe) {
       EXPECT_NEAR(position.longitude, longitude, 1e-8);
       EXPECT_EQ(std::signbit(position.latitude), latitude < -1e-8) << "zero is north";
     }
-  }
-}
-
-TEST(Sentence_server, sends_more_in_total_than_may_wait_for_a_client) {
-  using boost::asio::ip::tcp;
-  track::Sentence_server server({boost::asio::ip::make_address("127.0.0.1"), 0},
-                                {.clients = 1, .waiting_bytes = 1000});
-  boost::asio::io_context context;
-  tcp::socket client(context);
-  client.connect(server.endpoint());
-  EXPECT_TRUE(test::eventually([&] { return server.counts().clients == 1; }));
-  for (std::size_t sent = 100; sent <= 3000; sent += 100) {
-    server.send(std::string(100, 'x'));
-    ASSERT_TRUE(test::eventually([&] { return client.available() == 100; })) << sent;
-    std::array<char, 100> text{};
-    client.receive(boost::asio::buffer(text));
   }
 }
 
