@@ -118,12 +118,6 @@ class Lab:
 # Each fault, by the check that has to name it.
 
 
-def source_killed(lab):
-    lab.healthy()
-    lab.source.kill()
-    lab.source.wait()
-
-
 def then(break_it):
     """What happens to a healthy system."""
     def make(lab):
@@ -276,7 +270,7 @@ def standing_stamps(lab):
 
 
 FAULTS = (
-    ("source-missing", source_killed), ("source-frozen", then(lambda lab: lab.source.send_signal(signal.SIGSTOP))),
+    ("source-missing", then(lambda lab: (lab.source.kill(), lab.source.wait()))), ("source-frozen", then(lambda lab: lab.source.send_signal(signal.SIGSTOP))),
     ("packet-filter", then(lambda lab: lab.filter("udp sport 30501 counter drop"))),
     ("packet-filter", then(lambda lab: lab.filter("udp dport 30490 drop"))),
     ("event-group", other_manifest(of_positions(eventGroup=9))), ("event-id", other_manifest(of_positions(notifier="0x8099"))),
@@ -358,7 +352,7 @@ def main():
     failures = 0
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         parts = [] if wanted else [("healthy runs", pool.submit(healthy, 5))]
-        parts += [(check, pool.submit(play, check, make, *text)) for check, make, *text in FAULTS
+        parts += [(f"{number} {check}", pool.submit(play, check, make, *text)) for number, (check, make, *text) in enumerate(FAULTS)
                   if not wanted or check in wanted]
         for name, part in parts:
             try:

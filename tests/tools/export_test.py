@@ -128,9 +128,7 @@ class Export(Desk_test):
     def test_gpsd_reads_the_positions(self):
         self.start_source()
         nmea, port = self.start_nmea("--listen", "tcp:0")
-        with socket.socket() as free:
-            free.bind(("127.0.0.1", 0))
-            own = free.getsockname()[1]
+        own = 20_000 + self.desk.network
         self.desk.start(GPSD, "-N", "-n", "-S", own, f"tcp://127.0.0.1:{port}")
 
         def connected():

@@ -3,7 +3,6 @@
 import json
 import pathlib
 import re
-import socket
 import subprocess
 import unittest
 import urllib.parse
@@ -98,9 +97,7 @@ class Exporter(Desk_test):
         checked = subprocess.run([PROMTOOL, "check", "rules", RULES], capture_output=True, text=True, check=False)
         self.assertEqual(checked.returncode, 0, checked.stdout + checked.stderr)
         self.start_all()
-        with socket.socket() as free:
-            free.bind(("127.0.0.1", 0))
-            server = "127.0.0.1:" + str(free.getsockname()[1])
+        server = f"127.0.0.1:{20_000 + self.desk.network}"
         settings = self.desk.path / "prometheus.yml"
         settings.write_text(json.dumps({
             "global": {"scrape_interval": "1s", "evaluation_interval": "1s"}, "rule_files": [str(RULES)],

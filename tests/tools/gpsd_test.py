@@ -1,6 +1,7 @@
 """gnss-gateway with a real gpsd, whose receivers are pseudo-terminals that speak binary protocols."""
 
 import binary_receivers
+import contextlib
 import json
 import os
 import pathlib
@@ -11,6 +12,7 @@ import tty
 import unittest
 
 from desk import APPLICATION, GATEWAY, POSCTL, Desk_test, until
+from terminal import Terminal
 
 GPSD = pathlib.Path("/usr/sbin/gpsd")
 # Member of the position, attribute of TPV.
@@ -32,11 +34,9 @@ class Receiver:
         self.end = None
 
     def plug_in(self):
-        self.receiver, self.device = os.openpty()
-        tty.setraw(self.device)
-        os.set_blocking(self.receiver, False)
-        os.chmod(os.ttyname(self.device), 0o666)  # gpsd gives up its rights
-        self.path.symlink_to(os.ttyname(self.device))
+        self.terminal = Terminal(self.path)
+        tty.setraw(self.terminal.device)
+        os.chmod(self.path, 0o666)  # gpsd gives up its rights
         self.end = threading.Event()
         self.thread = threading.Thread(target=self.run)
         self.thread.start()
@@ -44,12 +44,9 @@ class Receiver:
     def run(self):
         while not self.end.wait(0.2):
             self.second += 1
-            try:
-                os.write(self.receiver, self.instant(self.second))
-                while os.read(self.receiver, 4096):  # what gpsd asks for
-                    pass
-            except BlockingIOError:
-                pass
+            with contextlib.suppress(BlockingIOError):
+                self.terminal.send(self.instant(self.second))
+            self.terminal.echo()  # what gpsd asks for
 
     def pull_out(self):
         if self.end is None:
@@ -57,9 +54,7 @@ class Receiver:
         self.end.set()
         self.thread.join()
         self.end = None
-        self.path.unlink()
-        os.close(self.receiver)
-        os.close(self.device)
+        self.terminal.plug_out()
 
 
 @unittest.skipUnless(GPSD.exists(), "gpsd is not installed")

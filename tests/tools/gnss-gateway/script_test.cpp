@@ -17,7 +17,6 @@ namespace gateway {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace lumo::services::gnss::datatypes;
 using testing::ElementsAre;
 using testing::HasSubstr;
 
@@ -30,22 +29,19 @@ Notification notification_of(const Script_line& line) {
   return all;
 }
 
-TEST(Script, a_line_written_by_hand_needs_only_what_it_is_about) {
-  const Script_line line(
-      R"({"t": 1.5, "field": "positions", "records": [{"LAT": 48.5, "speed2D": 3}]})");
-  EXPECT_EQ(line.time(), 1.5);
+TEST(Script, a_line_needs_only_what_it_is_about_and_may_say_or_leave_out_every_member) {
+  const auto positions = [](const char* line) {
+    return said(notification_of(Script_line(line)).positions);
+  };
   const std::string told =
       " messageCounter=7 LAT=48.5+ speed2D=3.0+ preciseLocalTimeSeconds=2000000000+ "
       "preciseLocalTimeNanoseconds=500000000+";
-  EXPECT_THAT(said(notification_of(line).positions),
-              ElementsAre("positionType=GNSS" + told, "positionType=GNSS-DR" + told));
-}
-
-TEST(Script, every_member_can_be_said_or_left_out) {
-  const Script_line line(R"({"t": 0, "field": "positions", "records": [
+  EXPECT_THAT(
+      positions(R"({"t": 1.5, "field": "positions", "records": [{"LAT": 48.5, "speed2D": 3}]})"),
+      ElementsAre("positionType=GNSS" + told, "positionType=GNSS-DR" + told));
+  EXPECT_THAT(positions(R"({"t": 0, "field": "positions", "records": [
       {"positionType": "GNSS", "messageCounter": null, "LAT": 91, "LAT_valueType": 7, "LON": 11,
-       "LON_valueType": null, "preciseLocalTimeSeconds": 5, "preciseLocalTimeSeconds_valueType": 1}]})");
-  EXPECT_THAT(said(notification_of(line).positions),
+       "LON_valueType": null, "preciseLocalTimeSeconds": 5, "preciseLocalTimeSeconds_valueType": 1}]})"),
               ElementsAre("positionType=GNSS LAT=91.0 LAT_valueType=7 LON=11.0 "
                           "preciseLocalTimeSeconds=5 preciseLocalTimeSeconds_valueType=Init"));
 }
