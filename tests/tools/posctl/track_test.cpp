@@ -44,7 +44,7 @@ std::vector<nmea::Sentence> read_back(const std::string& text) {
   return sentences;
 }
 
-/// That gpsd reads time, place, speed and course is for export_test.py to see.
+/// That gpsd reads the time of day, place, speed and course is for export_test.py to see.
 TEST(Sentences, say_what_the_point_has) {
   auto point = point_at(-48.1371541234, 11.5);
   point.altitude_msl = 519.5;
@@ -54,6 +54,7 @@ TEST(Sentences, say_what_the_point_has) {
   point.correction_age = 1.5;
   const auto read = read_back(track::sentences_of(point));
   ASSERT_EQ(read.size(), 5U);
+  EXPECT_EQ(std::get<nmea::Navigation>(read[0].content).date, std::chrono::November / 14 / 2023);
   const auto& gga = std::get<nmea::Navigation>(read[1].content);
   EXPECT_EQ(gga.quality, nmea::Fix_quality::differential);
   EXPECT_NEAR(*gga.geoid_separation, 46.6, 1e-9);
