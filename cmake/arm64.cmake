@@ -1,5 +1,5 @@
 # 64-bit Arm, on a Debian machine of another kind with the packages g++-aarch64-linux-gnu, libdlt-dev:arm64,
-# libsdbus-c++-dev:arm64 and zlib1g-dev:arm64.
+# libsdbus-c++-dev:arm64 and zlib1g-dev:arm64. A build of the platform itself also needs libgps-dev:arm64.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR aarch64)
 set(CMAKE_C_COMPILER aarch64-linux-gnu-gcc)

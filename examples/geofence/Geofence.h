@@ -1,4 +1,4 @@
-/// The Geofence service: whether the vehicle is inside of a circle.
+/// The Geofence service: whether the vehicle is inside a circle.
 #pragma once
 
 #include <boost/optional.hpp>
