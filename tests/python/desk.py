@@ -13,6 +13,7 @@ import sys
 import tempfile
 import threading
 import time
+import unittest
 
 BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
 SANITIZERS = re.search(r"^POS_SANITIZE:\w+=(.*)", (BUILD / "CMakeCache.txt").read_text(), re.MULTILINE)[1]
@@ -142,6 +143,29 @@ class Desk:
         process.send_signal(number)
         output, _ = process.communicate(timeout=DEADLINE)
         return process.returncode, output
+
+
+class Desk_test(unittest.TestCase):
+    """Each test has a desk of its own."""
+
+    def setUp(self):
+        self.desk = self.enterContext(Desk())
+
+    def start(self, program, *arguments, **options):
+        """Starts a program that has to end well when the test is over, unless the test kills it."""
+        process = self.desk.start(program, *arguments, **options)
+        self.addCleanup(lambda: self.assertIn(self.desk.stop(process)[0], (0, -signal.SIGKILL)))
+        return process
+
+    def output(self, program, *arguments):
+        """What a program prints that ends well."""
+        code, output, errors = self.desk.run(program, *arguments)
+        self.assertEqual(code, 0, errors)
+        return output
+
+    def posctl(self, *arguments):
+        """What it tells in JSON."""
+        return json.loads(self.output(POSCTL, *arguments, "--json"))
 
 
 def until(condition, what):

@@ -16,7 +16,6 @@ import subprocess
 import sys
 import time
 import traceback
-import types
 
 from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SANITIZERS, Desk, until
 
@@ -26,7 +25,6 @@ AT_ONCE = 3
 GNSS = "lumo::services::gnss::GNSS"
 ENV = pathlib.Path("/usr/bin/env")
 CLOCK = BUILD / "tests/tools/shifted_clock.so"
-PHYSICAL = 4  # a valueType
 OTHER_USER = 54321
 numbers = itertools.count()
 
@@ -120,25 +118,12 @@ class Lab:
 # Each fault, by the check that has to name it.
 
 
-def source_killed(lab):
-    lab.healthy()
-    lab.source.kill()
-    lab.source.wait()
-
-
-def source_frozen(lab):
-    lab.healthy()
-    lab.source.send_signal(signal.SIGSTOP)
-
-
-def data_dropped(lab):
-    lab.healthy()
-    lab.filter("udp sport 30501 counter drop")
-
-
-def discovery_dropped(lab):
-    lab.healthy()
-    lab.filter("udp dport 30490 drop")
+def then(break_it):
+    """What happens to a healthy system."""
+    def make(lab):
+        lab.healthy()
+        break_it(lab)
+    return make
 
 
 def other_manifest(change, space="bench"):
@@ -192,11 +177,6 @@ def manifest_invalid(lab):
     lab.desk.write_manifest()
 
 
-def address_missing(lab):
-    lab.healthy()
-    run("ip", "-n", lab.vehicle, "addr", "del", "10.77.0.1/8", "dev", "cable")
-
-
 def address_taken(lab):
     script = "import socket, time; s = socket.socket(type=socket.SOCK_DGRAM); s.bind(('10.77.0.1', 30490)); time.sleep(99)"
     lab.start(lab.vehicle, sys.executable, "-c", script)
@@ -204,20 +184,10 @@ def address_taken(lab):
     assert lab.start_application().wait(30) != 0
 
 
-def interface_down(lab):
-    lab.healthy()
-    run("ip", "-n", lab.vehicle, "link", "set", "cable", "down")
-
-
 def join_refused(lab):
     run("ip", "netns", "exec", lab.vehicle, "sysctl", "net.ipv4.igmp_max_memberships=0")
     lab.start_source()
     lab.start_application()
-
-
-def storage_missing(lab):
-    lab.healthy()
-    shutil.rmtree(lab.desk.path / "storage")
 
 
 def storage_read_only(lab):
@@ -232,16 +202,6 @@ def storage_full(lab):
     with contextlib.suppress(OSError), open(path / "other", "wb", buffering=0) as file:
         while file.write(b"\0" * 4096):
             pass
-
-
-def storage_damaged(lab):
-    lab.healthy()
-    (lab.desk.path / "storage/POS_Key_Value_Port.json").write_text('{"useGNSSDR": {"type": "Bool')
-
-
-def storage_shared(lab):
-    lab.healthy()
-    lab.start(lab.vehicle, APPLICATION, POS_NODE_ADDRESS="10.77.0.3")
 
 
 def log_daemon_ended(lab):
@@ -265,25 +225,6 @@ def no_watchdog(lab):
 def restarting(lab):
     lab.start_source()
     lab.start_application("sh", "-c", 'while :; do timeout 1 "$0"; done')
-
-
-def application_frozen(lab):
-    lab.healthy()
-    lab.application.send_signal(signal.SIGSTOP)
-
-
-def no_application(lab):
-    lab.start_source()
-
-
-def few_descriptors(lab):
-    lab.healthy()
-    run("prlimit", "--pid", lab.application.pid, "--nofile=64:64")
-
-
-def few_threads(lab):
-    lab.healthy()
-    run("prlimit", "--pid", lab.application.pid, "--nproc=32:32")
 
 
 def no_right_to_the_log(lab):
@@ -312,44 +253,45 @@ def buffer_full(lab):
     lab.start(lab.bench, sys.executable, __file__, "flood", lab.application.pid, port)
 
 
-def no_fix(lab):
-    recording = lab.desk.path / "no-fix.nmea"
-    lines = []
-    for tenth in range(600):
-        text = f"GPGGA,1200{tenth // 10:02}.{tenth % 10}0,,,,,0,00,99.9,,M,,M,,"
-        sum_ = 0
-        for byte in text.encode():
-            sum_ ^= byte
-        lines.append(f"${text}*{sum_:02X}\r\n")
-    recording.write_text("".join(lines))
-    lab.start_application()
-    lab.start_source("--nmea", recording, "--loop")
-
-
-def odd_source(kind):
+def faulty_source(fault):
     def make(lab):
         lab.start_application()
-        lab.start(lab.bench, sys.executable, __file__, "source", kind)
+        lab.start_source("--fault", fault)
     return make
 
 
+def standing_stamps(lab):
+    stamp = {"preciseLocalTimeSeconds": int(time.time()), "preciseLocalTimeNanoseconds": 0}
+    script = lab.desk.path / "script"
+    script.write_text("".join(json.dumps({"t": i / 10, "field": "positions", "records": [{"LAT": 48, "LON": i, **stamp}]}) + "\n"
+                              for i in range(9)))
+    lab.start_application()
+    lab.start_source("--script", script, "--loop")
+
+
 FAULTS = (
-    ("source-missing", source_killed), ("source-frozen", source_frozen), ("packet-filter", data_dropped),
-    ("packet-filter", discovery_dropped), ("event-group", other_manifest(of_positions(eventGroup=9))),
-    ("event-id", other_manifest(of_positions(notifier="0x8099"))), ("service-id", other_manifest(of_gnss(id="0x2A99"))),
-    ("service-version", other_manifest(of_gnss(majorVersion=2))), ("multicast-group", other_manifest(other_group)),
-    ("allowed-peers", peer_not_allowed), ("subnet", other_manifest(outside_the_subnet)), ("stamps", clock_off),
-    ("transport", other_manifest(over_tcp)), ("manifest", manifest_invalid),
-    ("same-manifest", other_manifest(of_gnss(id="0x2A99"), "vehicle")),
-    ("address", address_missing), ("address-taken", address_taken), ("interface", interface_down),
-    ("multicast-join", join_refused), ("storage-folder", storage_missing),
-    ("storage-writable", storage_read_only), ("storage-space", storage_full), ("storage-content", storage_damaged),
-    ("storage-shared", storage_shared), ("log-daemon", log_daemon_ended), ("bus", bus_ended), ("watchdog", no_watchdog),
-    ("restarting", restarting), ("application", application_frozen), ("application", no_application),
-    ("limits", few_descriptors), ("limits", few_threads, "too few threads"), ("physical-values", no_fix),
-    ("position-type", odd_source("type")), ("standing-values", odd_source("values")),
-    ("standing-stamps", odd_source("stamps")), ("source-silent", odd_source("silence")),
-    ("refused-clients", client_refused), ("receive-buffer", buffer_full),
+    ("source-missing", then(lambda lab: (lab.source.kill(), lab.source.wait()))), ("source-frozen", then(lambda lab: lab.source.send_signal(signal.SIGSTOP))),
+    ("packet-filter", then(lambda lab: lab.filter("udp sport 30501 counter drop"))),
+    ("packet-filter", then(lambda lab: lab.filter("udp dport 30490 drop"))),
+    ("event-group", other_manifest(of_positions(eventGroup=9))), ("event-id", other_manifest(of_positions(notifier="0x8099"))),
+    ("service-id", other_manifest(of_gnss(id="0x2A99"))), ("service-version", other_manifest(of_gnss(majorVersion=2))),
+    ("multicast-group", other_manifest(other_group)), ("allowed-peers", peer_not_allowed),
+    ("subnet", other_manifest(outside_the_subnet)), ("stamps", clock_off), ("transport", other_manifest(over_tcp)),
+    ("manifest", manifest_invalid), ("same-manifest", other_manifest(of_gnss(id="0x2A99"), "vehicle")),
+    ("address", then(lambda lab: run("ip", "-n", lab.vehicle, "addr", "del", "10.77.0.1/8", "dev", "cable"))),
+    ("address-taken", address_taken), ("multicast-join", join_refused),
+    ("interface", then(lambda lab: run("ip", "-n", lab.vehicle, "link", "set", "cable", "down"))),
+    ("storage-folder", then(lambda lab: shutil.rmtree(lab.desk.path / "storage"))),
+    ("storage-content", then(lambda lab: (lab.desk.path / "storage/POS_Key_Value_Port.json").write_text('{"useGNSSDR": {"type": "Bool'))),
+    ("storage-shared", then(lambda lab: lab.start(lab.vehicle, APPLICATION, POS_NODE_ADDRESS="10.77.0.3"))),
+    ("storage-writable", storage_read_only), ("storage-space", storage_full), ("log-daemon", log_daemon_ended),
+    ("bus", bus_ended), ("watchdog", no_watchdog), ("restarting", restarting),
+    ("application", then(lambda lab: lab.application.send_signal(signal.SIGSTOP))), ("application", Lab.start_source),
+    ("limits", then(lambda lab: run("prlimit", "--pid", lab.application.pid, "--nofile=64:64"))),
+    ("limits", then(lambda lab: run("prlimit", "--pid", lab.application.pid, "--nproc=32:32")), "too few threads"),
+    ("physical-values", faulty_source("no-fix")), ("position-type", faulty_source("only-type=GNSS")),
+    ("standing-values", faulty_source("stuck-with-counter")), ("standing-stamps", standing_stamps),
+    ("source-silent", faulty_source("silence")), ("refused-clients", client_refused), ("receive-buffer", buffer_full),
     ("log-daemon", no_right_to_the_log, "no right to the pipe"),
 )
 
@@ -385,50 +327,6 @@ def healthy(count):
         print(f"{count} healthy runs, at most {max(taken):.1f} s")
 
 
-def source(kind):
-    """Offers the GNSS service as a program of its own, and sends what the real gateway never does."""
-    from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
-    from payload import f32, f64, records, u32
-
-    manifest = json.loads(pathlib.Path(os.environ["POS_MANIFEST"]).read_text(encoding="utf-8"))
-    network = Network(desk=types.SimpleNamespace(manifest={**manifest, "nodes": {"POS": {"address": "10.77.0.1"}}}))
-    network.under_test |= {"10.77.0.30", "10.77.0.31"}
-    peer = network.peer("10.77.0.2")
-    sender, service = peer.socket(port=30501), int(manifest["services"][GNSS]["id"], 0)
-    clients = {}
-
-    def subscribed(entry):
-        if entry.type != SUBSCRIBE:
-            return
-        if entry.ttl:
-            peer.acknowledge(entry)
-            clients[entry.message.source[0], entry.group] = entry.endpoints[0][:2]
-
-    peer.unicast.on_entry = subscribed
-    began, offered = time.time(), 0
-    for counter in itertools.count():
-        if time.monotonic() - offered > 1:
-            peer.tell([offer(service, major=3, ttl=3)], [endpoint(sender)])
-            offered = time.monotonic()
-        stamp = began if kind == "stamps" else time.time()
-        number = 7 if kind == "values" else counter
-        sample = [u32(0, 1 if kind == "type" else 2), u32(1, number), f64(2, 48.0 + counter * 1e-5), u32(3, PHYSICAL), f64(4, 11.0),
-                  u32(5, PHYSICAL), f32(14, 10.0), u32(15, PHYSICAL)]
-        ids = stamp_ids()
-        sample += [u32(ids[0], int(stamp)), u32(ids[0] + 1, PHYSICAL), u32(ids[1], int(stamp % 1 * 1e9)), u32(ids[1] + 1, PHYSICAL)]
-        for (_, group), client in list(clients.items()):
-            if group == 1 and kind != "silence":
-                sender.send(someip(service, 0x8001, records(sample), type=NOTIFICATION, client=0, interface=3), client)
-        network.quiet(0.1)
-
-
-def stamp_ids():
-    told = json.loads(run(POSCTL, "describe", "--json").stdout)["records"]
-    members = next(one["members"] for one in told if one["name"].endswith("gnss::datatypes::DT_positions_struct"))
-    ids = {member["name"]: member["dataId"] for member in members}
-    return ids["preciseLocalTimeSeconds"], ids["preciseLocalTimeNanoseconds"]
-
-
 def flood(pid, port):
     with socket.socket(type=socket.SOCK_DGRAM) as sender:
         while True:
@@ -440,8 +338,6 @@ def flood(pid, port):
 
 
 def main():
-    if sys.argv[1:2] == ["source"]:
-        source(sys.argv[2])
     if sys.argv[1:2] == ["flood"]:
         flood(*map(int, sys.argv[2:]))
     if sys.argv[1:2] == ["healthy"]:
@@ -456,7 +352,7 @@ def main():
     failures = 0
     with concurrent.futures.ThreadPoolExecutor(AT_ONCE) as pool:
         parts = [] if wanted else [("healthy runs", pool.submit(healthy, 5))]
-        parts += [(f"{make.__name__}: {check}", pool.submit(play, check, make, *text)) for check, make, *text in FAULTS
+        parts += [(f"{number} {check}", pool.submit(play, check, make, *text)) for number, (check, make, *text) in enumerate(FAULTS)
                   if not wanted or check in wanted]
         for name, part in parts:
             try:

@@ -1,34 +1,26 @@
 """posctl exporter: what Prometheus makes of it, and what clients can cost it."""
 
-import http.client
 import json
 import pathlib
 import re
-import socket
 import subprocess
 import unittest
 import urllib.parse
 import urllib.request
 
-from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk_test, until
+from web import request
 
 PROMTOOL, PROMETHEUS = pathlib.Path("/usr/bin/promtool"), pathlib.Path("/usr/bin/prometheus")
 RULES = SOURCE / "packaging/prometheus/alerts.yml"
 DASHBOARD = SOURCE / "packaging/grafana/pos.json"
 
 
-class Exporter(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
-    def start(self, program, *arguments):
-        process = self.desk.start(program, *arguments)
-        self.addCleanup(lambda: process.poll() is not None or self.assertEqual(self.desk.stop(process)[0], 0))
-        return process
-
+class Exporter(Desk_test):
     def start_exporter(self):
         self.exporter = self.start(POSCTL, "exporter", "--listen", "127.0.0.1:0")
-        self.host = urllib.parse.urlsplit(self.exporter.stdout.readline()).netloc
+        url = urllib.parse.urlsplit(self.exporter.stdout.readline())
+        self.address = (url.hostname, url.port)
 
     def start_all(self):
         self.application = self.start(APPLICATION)
@@ -36,15 +28,12 @@ class Exporter(unittest.TestCase):
         self.start_exporter()
         until(lambda: self.samples().get('pos_input_status{name="gnss",status="Nominal"}'), "positions")
 
-    def request(self, method="GET", path="/metrics", **headers):
-        connection = http.client.HTTPConnection(self.host, timeout=20)
-        connection.request(method, path, headers=headers)
-        response = connection.getresponse()
-        return response, response.read().decode()
+    def page(self):
+        return request(self.address, "/metrics")[2].decode()
 
     def samples(self):
         """Values by metric with labels."""
-        lines = (line for line in self.request()[1].splitlines() if not line.startswith("#"))
+        lines = (line for line in self.page().splitlines() if not line.startswith("#"))
         return {name: float(value) for name, value in (line.rsplit(" ", 1) for line in lines)}
 
     def test_metrics_are_those_of_the_page_and_of_the_application(self):
@@ -55,8 +44,8 @@ class Exporter(unittest.TestCase):
             self.start(POSCTL, "watch", "--field", "positions")
         of_positioning = '{service="lumo::services::positioning::Positioning",instance="0x0001"}'
         until(lambda: self.samples()["pos_subscribers_refused" + of_positioning], "a subscriber that is refused")
-        response, text = self.request()
-        self.assertEqual(response.headers["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
+        self.assertEqual(request(self.address, "/metrics")[1]["Content-Type"], "text/plain; version=0.0.4; charset=utf-8")
+        text = self.page()
         checked = subprocess.run([PROMTOOL, "check", "metrics"], input=text, capture_output=True, text=True, check=False)
         self.assertEqual((checked.returncode, checked.stdout, checked.stderr), (0, "", ""))
         page = (SOURCE / "docs/metrics.md").read_text(encoding="utf-8")
@@ -66,7 +55,7 @@ class Exporter(unittest.TestCase):
         self.assertLessEqual(told, set(re.findall(r"^\| `(\w+)` \| (\w+) \|", table, re.MULTILINE)))
 
         samples = self.samples()
-        stats = json.loads(self.desk.run(POSCTL, "stats", "--json")[1])
+        stats = self.posctl("stats")
         for name, value in {
             "pos_up": 1, 'pos_input_status{name="gnss",status="Nominal"}': 1,
             'pos_monitor_failed{monitor="POS_Input_GNSS",id="0x83D101"}': 0,
@@ -90,34 +79,29 @@ class Exporter(unittest.TestCase):
         self.assertGreater(gone["pos_exporter_requests_total"], 2)
         self.start(APPLICATION)
         until(lambda: self.samples()["pos_up"], "the application is back")
-        until(lambda: self.request()[1] == self.request()[1], "two requests that a page answers")
+        until(lambda: self.page() == self.page(), "two requests that a page answers")
 
     def test_it_may_start_before_an_application_that_only_its_socket_reaches(self):
         self.desk.manifest["nodes"]["POS"]["localSocket"] = True
-        for place, key, value in (("serviceDiscovery", "multicastAddress", "239.192.99.99"),  # it meets no one there
-                                  ("nodes", "posctl", {"address": "10.9.8.30", "prefixLength": 24})):  # not of this machine
-            usual, self.desk.manifest[place][key] = self.desk.manifest[place][key], value
-            self.desk.write_manifest()
-            self.start_exporter()
-            self.assertEqual(self.samples()["pos_up"], 0)
-            self.desk.manifest[place][key] = usual
-            self.desk.write_manifest()
-            application = self.start(APPLICATION)
-            until(lambda: self.samples()["pos_up"], "the application is found")
-            self.desk.stop(application)
-            self.desk.stop(self.exporter)
+        usual = self.desk.manifest["serviceDiscovery"].copy()
+        self.desk.manifest["serviceDiscovery"]["multicastAddress"] = "239.192.99.99"  # the exporter meets no one there
+        self.desk.write_manifest()
+        self.start_exporter()
+        self.assertEqual(self.samples()["pos_up"], 0)
+        self.desk.manifest["serviceDiscovery"] = usual
+        self.desk.write_manifest()
+        self.start(APPLICATION)
+        until(lambda: self.samples()["pos_up"], "the application is found")
 
     def test_a_prometheus_server_scrapes_it_and_knows_the_rules_and_the_dashboard(self):
         checked = subprocess.run([PROMTOOL, "check", "rules", RULES], capture_output=True, text=True, check=False)
         self.assertEqual(checked.returncode, 0, checked.stdout + checked.stderr)
         self.start_all()
-        with socket.socket() as free:
-            free.bind(("127.0.0.1", 0))
-            server = "127.0.0.1:" + str(free.getsockname()[1])
+        server = f"127.0.0.1:{20_000 + self.desk.network}"
         settings = self.desk.path / "prometheus.yml"
         settings.write_text(json.dumps({
             "global": {"scrape_interval": "1s", "evaluation_interval": "1s"}, "rule_files": [str(RULES)],
-            "scrape_configs": [{"job_name": "pos", "static_configs": [{"targets": [self.host]}]}]}), encoding="utf-8")
+            "scrape_configs": [{"job_name": "pos", "static_configs": [{"targets": ["%s:%s" % self.address]}]}]}), encoding="utf-8")
         self.start(PROMETHEUS, f"--config.file={settings}", f"--storage.tsdb.path={self.desk.path / 'tsdb'}",
                    f"--web.listen-address={server}")
 

@@ -114,18 +114,9 @@ RECORDS = {
     "`LAT` 90 and more": lambda latitude, one: latitude == 91,
     "scatters": lambda latitude, one: abs(latitude - one["LAT"]) < 2000 * METRE,
 }
+# Other texts of a log cell stand for themselves; "…" is anything.
 LOG = {
-    "valueType is Init": r"LAT=48\S* \(valueType is Init\)",
-    "valueType is Error": r"LAT[= ].* \(valueType is Error\)",
-    "valueType is LogicalValue": r"LAT=48\S* \(valueType is LogicalValue\)",
-    "valueType is unknown": r"LAT=48\S* \(valueType is unknown\)",
-    "valueType is not set": r"LAT=48\S* \(valueType is not set\)",
-    "LAT value is not set": "LAT value is not set",
-    "position type value is not set": "position type value is not set",
-    "preciseLocalTimeSeconds value is not set": "preciseLocalTimeSeconds value is not set",
-    "LAT=91": "LAT=91 ",
     "LAT=nan": "LAT=-?nan",
-    "LAT=inf": "LAT=inf",
     "sample is … old, 0.1 s": r"sample is 1\d{5} us old",
     "sample is … old, up to 0.5 s": r"sample is [3-9]\d{5} us old",
     "sample is … old, up to 3 s": r"sample is (2[5-9]|3)\d{5,6} us old",
@@ -135,10 +126,6 @@ LOG = {
     "sample is … old, 10 s": r"sample is 1[01]\d{6} us old",
     "sample is … old, 1024 weeks": r"sample is 61931520\d{7} us old",
     "sample is … into the future": r"sample is [56]\d{7} us into the future",
-    "GNSS … is lost: it has withdrawn its offer": r"gnss::GNSS instance 1 of \S+ is lost: it has withdrawn its offer",
-    "Dropped a malformed payload … invalid end position": "Dropped a malformed payload of lumo::services::gnss::GNSS .*Deserialization calculated invalid end position",
-    "Dropped a malformed payload … length given by sender is too small": "Dropped a malformed payload of .*Record length given by sender is too small",
-    "Dropped a malformed payload … Invalid source tag wire type": "Dropped a malformed payload of .*Invalid source tag wire type",
 }
 CHANGE = "Changing of state, ID = {} , prev status = Nominal , new status = Error"
 MONITORS = {"GNSS": "POS_Input_GNSS", "DR": "POS_Output_DeadReckoning"}
@@ -271,6 +258,7 @@ class Lane:
         self.posctl("fault", "clear", row.fault.split("=")[0])
 
         failed = MONITORS if row.errors == "GNSS, DR" else {row.errors: MONITORS.get(row.errors)} if row.errors else {}
+        text = LOG.get(row.log, re.escape(row.log).replace("…", ".*"))
         lines = [line for line in log.splitlines() if not ROUTINE.search(line)]
         told = f"{positions[:2]} {positions[-1:]} {times} {lines[:3]}"
         test.assertTrue(LEAVES[row.leaves](positions), told)
@@ -280,12 +268,12 @@ class Lane:
         test.assertEqual(values["d_14a3"], test.system.setdefault("d_14a3", values["d_14a3"]), "never changes")
         test.assertEqual(reports, set(failed.values()))
         if row.log:
-            test.assertRegex(log, LOG[row.log])
+            test.assertRegex(log, text)
         changes = [CHANGE.format(name) for name in failed.values()]
         for line in changes:
             test.assertIn(line, log)
         for line in lines:
-            test.assertTrue(any(one in line for one in changes) or row.log and re.search(LOG[row.log], line), line)
+            test.assertTrue(any(one in line for one in changes) or row.log and re.search(text, line), line)
         grows = {name for name, count in grown.items() if count > counters[name]} - {"notifications"}
         test.assertEqual(grows, set(re.findall(r"\w+", row.counter)))
         test.assertEqual(times.keys(), bounds(row).keys(), times)

@@ -1,6 +1,7 @@
 """gnss-gateway with a real gpsd, whose receivers are pseudo-terminals that speak binary protocols."""
 
 import binary_receivers
+import contextlib
 import json
 import os
 import pathlib
@@ -10,7 +11,8 @@ import threading
 import tty
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, Desk_test, until
+from terminal import Terminal
 
 GPSD = pathlib.Path("/usr/sbin/gpsd")
 # Member of the position, attribute of TPV.
@@ -32,11 +34,9 @@ class Receiver:
         self.end = None
 
     def plug_in(self):
-        self.receiver, self.device = os.openpty()
-        tty.setraw(self.device)
-        os.set_blocking(self.receiver, False)
-        os.chmod(os.ttyname(self.device), 0o666)  # gpsd gives up its rights
-        self.path.symlink_to(os.ttyname(self.device))
+        self.terminal = Terminal(self.path)
+        tty.setraw(self.terminal.device)
+        os.chmod(self.path, 0o666)  # gpsd gives up its rights
         self.end = threading.Event()
         self.thread = threading.Thread(target=self.run)
         self.thread.start()
@@ -44,12 +44,9 @@ class Receiver:
     def run(self):
         while not self.end.wait(0.2):
             self.second += 1
-            try:
-                os.write(self.receiver, self.instant(self.second))
-                while os.read(self.receiver, 4096):  # what gpsd asks for
-                    pass
-            except BlockingIOError:
-                pass
+            with contextlib.suppress(BlockingIOError):
+                self.terminal.send(self.instant(self.second))
+            self.terminal.echo()  # what gpsd asks for
 
     def pull_out(self):
         if self.end is None:
@@ -57,38 +54,13 @@ class Receiver:
         self.end.set()
         self.thread.join()
         self.end = None
-        self.path.unlink()
-        os.close(self.receiver)
-        os.close(self.device)
-
-
-class Reports:
-    """What gpsd says to another client."""
-
-    def __init__(self, port):
-        self.positions = []
-        self.socket = socket.create_connection(("127.0.0.1", port))
-        self.socket.sendall(b'?WATCH={"enable":true,"json":true};\n')
-        self.thread = threading.Thread(target=self.run)
-        self.thread.start()
-
-    def run(self):
-        with self.socket.makefile() as lines:
-            for line in lines:
-                report = json.loads(line)
-                if report["class"] == "TPV" and report["mode"] >= 2:
-                    self.positions.append(report)
-
-    def close(self):
-        self.socket.shutdown(socket.SHUT_RDWR)
-        self.thread.join()
-        self.socket.close()
+        self.terminal.plug_out()
 
 
 @unittest.skipUnless(GPSD.exists(), "gpsd is not installed")
-class Gpsd(unittest.TestCase):
+class Gpsd(Desk_test):
     def setUp(self):
-        self.desk = self.enterContext(Desk())
+        super().setUp()
         self.port = 20_000 + self.desk.network
         self.path = self.desk.path / "receiver"
         self.desk.path.chmod(0o755)
@@ -127,7 +99,8 @@ class Gpsd(unittest.TestCase):
             with self.subTest(instant.__name__):
                 receiver = self.plug_in(instant)
                 gpsd = self.start_gpsd()
-                reports = Reports(self.port)
+                client = self.enterContext(socket.create_connection(("127.0.0.1", self.port)))
+                client.sendall(b'?WATCH={"enable":true,"json":true};\n')
                 application = self.desk.start(APPLICATION)
                 consumer = self.desk.start(POSCTL, "watch", "--json", "--field", "positions")
                 gateway = self.start_gateway()
@@ -136,12 +109,12 @@ class Gpsd(unittest.TestCase):
                     record = json.loads(consumer.stdout.readline())["records"][0]
                     if "LAT" in record:
                         seen.append(record)
-                reports.close()
                 for process in (gateway, consumer, application):
                     self.assertEqual(self.desk.stop(process)[0], 0)
                 self.desk.stop(gpsd)
                 receiver.pull_out()
-                self.compare(seen, reports.positions)
+                reports = [json.loads(line) for line in client.makefile()]
+                self.compare(seen, [one for one in reports if one["class"] == "TPV" and one["mode"] >= 2])
 
     def compare(self, seen, told):
         distinct = set()

@@ -10,7 +10,7 @@ import struct
 import time
 import unittest
 
-from desk import APPLICATION, BUILD, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, Desk_test, until
 from network import NOTIFICATION, SUBSCRIBE, TCP_PROTOCOL, Network, endpoint, offer, someip
 from scapy.utils import RawPcapReader
 
@@ -35,20 +35,7 @@ def stamp_of(payload, ids):
     return values[ids["preciseLocalTimeSeconds"]] * 10**9 + values[ids["preciseLocalTimeNanoseconds"]]
 
 
-class Insight(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
-    def start(self, program, *arguments):
-        process = self.desk.start(program, *arguments)
-        self.addCleanup(lambda: self.assertEqual(self.desk.stop(process)[0], 0))
-        return process
-
-    def posctl(self, *arguments):
-        code, output, errors = self.desk.run(POSCTL, *arguments)
-        self.assertEqual(code, 0, errors)
-        return output
-
+class Insight(Desk_test):
     def network(self):
         network = Network(desk=self.desk)
         self.addCleanup(network.close)
@@ -58,10 +45,10 @@ class Insight(unittest.TestCase):
         return int(self.desk.manifest["services"][service]["id"], 0)
 
     def peers(self):
-        return json.loads(self.posctl("peers", "--json", "--timeout", 20))
+        return self.posctl("peers", "--timeout", 20)
 
     def test_ages_are_those_of_a_packet_capture(self):
-        records = json.loads(self.posctl("describe", "--json"))["records"]
+        records = self.posctl("describe")["records"]
         members = next(one["members"] for one in records if one["name"].endswith("gnss::datatypes::DT_positions_struct"))
         ids = {member["name"]: member["dataId"] for member in members}
         self.start(APPLICATION)
@@ -75,7 +62,7 @@ class Insight(unittest.TestCase):
             self.skipTest("the right to capture packets is needed")
         gateway = self.desk.start(GATEWAY, "--rate", 200, "--count", 1200)
         self.assertEqual(gateway.wait(60), 0)
-        told = json.loads(self.posctl("stats", "--json", "--timeout", 20))
+        told = self.posctl("stats", "--timeout", 20)
 
         def captured():
             """Arrival and stamp of each notification that the capture holds by now."""
@@ -100,7 +87,7 @@ class Insight(unittest.TestCase):
                 right = percentile(values, share)
                 self.assertAlmostEqual(of_program[member], right, delta=0.02 * right, msg=f"{name} {member}")
         self.assertLess(told["ages"]["handlerToSent"]["sinceStart"]["p50Ns"], 10**8)
-        _, shown = re.findall(r"between arrivals +\d+ +(.*)", self.posctl("stats"))
+        _, shown = re.findall(r"between arrivals +\d+ +(.*)", self.output(POSCTL, "stats"))
         self.assertEqual(shown.split(), [f"{of_program[member] / 1e6:.3f}" for member in members])
 
     def test_ages_follow_the_time_base_and_end_with_a_position_that_is_sent(self):
@@ -115,7 +102,7 @@ class Insight(unittest.TestCase):
         self.start(GATEWAY, "--script", script, "--loop")
 
         def counts():
-            self.ages = json.loads(self.posctl("stats", "--json", "--timeout", 20))["ages"]
+            self.ages = self.posctl("stats", "--timeout", 20)["ages"]
             return {name: age["sinceStart"]["count"] for name, age in self.ages.items()}
 
         until(lambda: counts()["stampToArrival"] > 3, "positions")
@@ -151,7 +138,7 @@ class Insight(unittest.TestCase):
         refused, = (one for one in told if not one["subscribed"])
         self.assertEqual((refused["address"], refused["refused"], refused["cause"]),
                          (fourth.address, 1, "there are too many subscribers"))
-        self.assertRegex(self.posctl("peers"),
+        self.assertRegex(self.output(POSCTL, "peers"),
                          rf"group 0x0001  {fourth.address} udp \d+  REFUSED since .*, refused 1: there are too many")
         self.assertIn(f"event group 0x0001 of {POSITIONING} instance 1 refused: there are too many subscribers",
                       application.log.read_text())
@@ -232,8 +219,7 @@ class Insight(unittest.TestCase):
         peer = self.network().peer(self.desk.address(43))
         source = peer.socket()
         until(lambda: self.desk.is_bound("POS"), "the application takes its address")
-        listener = self.desk.start(POSCTL, "discover", "--follow", "--json")
-        self.addCleanup(lambda: self.assertEqual(self.desk.stop(listener)[0], 0))
+        listener = self.start(POSCTL, "discover", "--follow", "--json")
         events = {}
         while len(events) < 3:
             # Until the listener has joined the group, nobody hears them.

@@ -9,19 +9,11 @@ import time
 import unittest
 import urllib.parse
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk, inherited, until
+from desk import APPLICATION, GATEWAY, POSCTL, Desk_test, inherited, until
 from web import WebSocket, request
 
 
-class Page_server(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
-    def start(self, program, *arguments, **options):
-        process = self.desk.start(program, *arguments, **options)
-        self.addCleanup(lambda: process.poll() is not None or self.assertEqual(self.desk.stop(process)[0], 0))
-        return process
-
+class Page_server(Desk_test):
     def serve(self, *arguments):
         self.server = self.start(POSCTL, "serve", "--listen", "127.0.0.1:0", *arguments)
         url = urllib.parse.urlsplit(self.server.stdout.readline())
@@ -59,12 +51,10 @@ class Page_server(unittest.TestCase):
         change = client.until("change", lambda data: data["name"] == "gnss")
         self.assertEqual((change["data"]["before"], change["data"]["status"]), ("Init", "Nominal"))
         status = client.until("status", lambda data: data["verdict"] == "healthy")["data"]
-        told = json.loads(self.desk.run(POSCTL, "status", "--json")[1])
+        told = self.posctl("status")
         for member in ("inputs", "outputs", "system", "dataBus"):
             self.assertEqual(status[member], told[member])
-        self.assertIn("LAT", client.until("output")["data"]["records"][0])
-        statistics = client.until("statistics")["data"]
-        self.assertLess(len(statistics["counters"]), 20)  # those that have changed
+        self.assertLess(len(client.until("statistics")["data"]["counters"]), 20)  # those that have changed
 
         # A client that comes later learns what has been.
         late = self.open()
@@ -133,16 +123,12 @@ class Page_server(unittest.TestCase):
         self.start(GATEWAY, "--rate", 500)
         client = self.open()
         client.until("output", lambda data: "merged" in data)
-        before, frames, count = time.monotonic(), 0, 0
-        first = last = client.until("output")["data"]["records"][0]["messageCounter"]
+        before, cost, frames = time.monotonic(), self.processor_time(), 0
         while time.monotonic() < before + 3:
-            data = client.until("output")["data"]
-            last = data["records"][0]["messageCounter"]
+            client.until("output")
             frames += 1
-            count += data["merged"][0]["count"] if "merged" in data else 1
         self.assertLess(frames, 70)
-        self.assertEqual(count, last - first)  # each notification is in one of them
-        self.assertLessEqual(data["merged"][0]["min"]["messageCounter"], last - data["merged"][0]["count"] + 1)
+        self.assertLess(self.processor_time() - cost, 0.5)  # 0.15 s without other work on the machine
 
         # A browser that does not read loses frames, and then learns what holds.
         memory = self.cost("VmRSS")
@@ -204,8 +190,6 @@ class Page_server(unittest.TestCase):
             client.send(b"{}")
             client.until("answer")
             time.sleep(0.08)
-        for arguments in (("--token", "short"), ("--listen", "localhost:1"), ("--marks",)):
-            self.assertEqual(self.desk.run(POSCTL, "serve", *arguments)[0], 3, arguments)
         self.assertEqual(self.desk.run(POSCTL, "serve", "--marks", "/nothing/there")[0], 1)
 
     def test_ten_thousand_idle_connections_keep_nobody_out(self):
@@ -231,23 +215,6 @@ class Page_server(unittest.TestCase):
         # WebSockets have a bound of their own.
         feeds = [self.open() for _ in range(16)]
         self.assertEqual([one.status for one in feeds], [101] * 15 + [503])
-
-    def test_three_browsers_cost_a_hundredth_of_a_processor(self):
-        self.serve()
-        self.start(APPLICATION)
-        self.start(GATEWAY, "--rate", 10)
-        clients = [self.open() for _ in range(3)]
-        for client in clients:
-            client.until("status", lambda data: data["verdict"] == "healthy")
-        begin, before, frames = time.monotonic(), self.processor_time(), 0
-        while time.monotonic() < begin + 10:
-            for client in clients:
-                client.frame()
-                frames += 1
-        cost = (self.processor_time() - before) / (time.monotonic() - begin)
-        print(f"{frames / 10:.0f} frames a second cost {100 * cost:.2f} % of a processor", flush=True)
-        self.assertLess(cost, 0.03)  # measured: see docs/page.md; other work on the machine makes it more
-
 
 if __name__ == "__main__":
     unittest.main()

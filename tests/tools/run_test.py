@@ -8,14 +8,11 @@ import sys
 import unittest
 import urllib.parse
 
-from desk import BUILD, SOURCE, Desk
+from desk import BUILD, SOURCE, Desk_test
 from web import request
 
 
-class Run(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
+class Run(Desk_test):
     def start(self, *arguments):
         return self.desk.start(pathlib.Path(sys.executable), SOURCE / "scripts/run_on_loopback.py", "--build", BUILD,
                                *arguments, cwd=self.desk.path)

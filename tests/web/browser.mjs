@@ -46,7 +46,6 @@ const commands = {
   evaluate: ({ script }) => page.evaluate(script),
   until: async ({ script }) => void (await page.waitForFunction(script, undefined, { polling: 50 })),
   press: ({ key }) => page.keyboard.press(key),
-  hover: ({ selector }) => page.hover(selector),
   click: ({ selector }) => page.click(selector),
   choose: ({ selector, value }) => page.selectOption(selector, value).then(() => undefined),
   fill: ({ selector, text }) => page.fill(selector, text),

@@ -12,7 +12,7 @@ import time
 import unittest
 
 from browser import Browser
-from desk import APPLICATION, BUILD, GATEWAY, POSCTL, Desk, until
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, Desk_test, until
 from network import NOTIFICATION, SUBSCRIBE, Network, endpoint, offer, someip
 from payload import f32, f64, records, u32
 
@@ -88,27 +88,19 @@ class Source:
         self.notify("positions", records([u32(0, 1), *common], [u32(0, 2), *common]))
 
 
-class Page(unittest.TestCase):
+class Page(Desk_test):
     """Tests beside the application."""
 
     def setUp(self):
-        self.desk = self.enterContext(Desk())
+        super().setUp()
         self.browser = self.enterContext(Browser())
 
     def tearDown(self):
         self.assertEqual(self.browser.problems(), [])
 
-    def start(self, program, *arguments, **options):
-        process = self.desk.start(program, *arguments, **options)
-        self.addCleanup(lambda: process.poll() is not None or self.assertEqual(self.desk.stop(process)[0], 0))
-        return process
-
     def serve(self, address="127.0.0.1:0", *arguments):
         self.server = self.start(POSCTL, "serve", "--listen", address, *arguments)
         return self.server.stdout.readline().strip()
-
-    def read(self, *arguments):
-        return json.loads(self.desk.run(POSCTL, *arguments, "--json")[1])
 
     def lights(self):
         return dict(self.browser.value("[...document.querySelectorAll('[data-light]')].map(one => [one.dataset.light, one.innerText.split('\\n').pop().trim()])"))
@@ -133,17 +125,17 @@ class Page(unittest.TestCase):
         page.shows('[data-light="inputs.gnss"] .word', "Error")
         page.shows(".verdict .word", "Failed")
         page.shows("[aria-live]", "GNSS, input: Error")
-        status = self.read("status")
+        status = json.loads(self.desk.run(POSCTL, "status", "--json")[1])
         self.assertIn(status["reason"][:12], page.text(".verdict .reason"))
         words = {"NotAvailable": "not available"}
         lights = self.lights()
         for group, did in (("inputs", "d_14a0"), ("outputs", "d_14a1"), ("system", "d_14a3")):
-            values = self.read("read", did)["values"]
+            values = self.posctl("read", did)["values"]
             for name, value in values.items():
                 if f"{group}.{name}" in lights or not re.fullmatch(r"system\d+", name):
                     self.assertEqual(lights.pop(f"{group}.{name}"), words.get(value, value), name)
         self.assertEqual(lights, {})
-        faults = self.read("read", "d_1190")["values"]
+        faults = self.posctl("read", "d_1190")["values"]
         self.assertIn("GNSS", page.text(".findings"), faults)
         position = status["position"]["record"]
         self.assertEqual(page.text(".now .place").split(), [f"{position['LAT']:.6f}°", "N", f"{position['LON']:.6f}°", "E"])
@@ -152,13 +144,13 @@ class Page(unittest.TestCase):
         unsynchronised = not status["clock"]["synchronised"]
         self.assertEqual("clock not synchronised" in page.text(".now .rows"), unsynchronised)
 
-        peers = self.read("peers")
+        peers = self.posctl("peers")
         subscribers = [one for service in peers["offered"] for one in service["subscribers"]]
         shown = page.text(".wire .offers table")
         for one in subscribers:
             self.assertIn(f"{one['address']} udp {one['udpPort']}", shown)
         self.assertIn(peers["consumed"][0]["cause"], page.text(".wire .uses"))
-        counters = self.read("stats")["counters"]
+        counters = self.posctl("stats")["counters"]
         kept = dict(page.value("[...document.querySelectorAll('.counters tr')].map(row => [row.cells[0].innerText.trim(), row.cells[1].innerText])"))
         number = int(re.sub(r"\D", "", kept["notificationsReceived"]))
         self.assertEqual(number, counters["notificationsReceived"])
@@ -248,7 +240,7 @@ class Page(unittest.TestCase):
         self.assertEqual(page.accessibility(), [])
         page.click(selector=".now-planned > button")
         page.shows("#control .none", "No fault is in force.")
-        self.assertEqual(self.read("fault")["faults"], [])
+        self.assertEqual(self.posctl("fault")["faults"], [])
 
         page.choose(selector=".requests select", value="POS_Input_GNSS")
         page.click(selector=".requests .line button")

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/error_of.h"
 #include "tools/drive/route.h"
 
 namespace drive {
@@ -123,18 +124,11 @@ TEST_F(Route_file, a_vehicle_passes_the_points_at_their_speeds_and_stands_where_
 }
 
 TEST_F(Route_file, a_file_without_a_way_is_refused_with_its_name) {
-  const auto refused = [&](auto&& read) {
-    try {
-      read();
-    } catch (const std::exception& error) {
-      return std::string(error.what());
-    }
-    return std::string();
-  };
-  EXPECT_THAT(refused([&] { (void)read(point(91, 11)); }), testing::HasSubstr(path));
-  EXPECT_THAT(refused([&] { (void)read("<"); }), testing::HasSubstr(path));
-  EXPECT_THAT(refused([] { (void)read_gpx("/no/such/file"); }), testing::HasSubstr("No such file"));
-  EXPECT_THAT(refused([&] { (void)Course(read(point(48, 11) + point(48, 11)), 10); }),
+  EXPECT_THAT(test::error_of([&] { (void)read(point(91, 11)); }), testing::HasSubstr(path));
+  EXPECT_THAT(test::error_of([&] { (void)read("<"); }), testing::HasSubstr(path));
+  EXPECT_THAT(test::error_of([] { (void)read_gpx("/no/such/file"); }),
+              testing::HasSubstr("No such file"));
+  EXPECT_THAT(test::error_of([&] { (void)Course(read(point(48, 11) + point(48, 11)), 10); }),
               testing::HasSubstr("two points"));
 }
 

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "tests/clients/printing.h"
+#include "tests/tools/gnss-gateway/said.h"
 #include "tools/gnss-gateway/notification.h"
 
 namespace gateway {
@@ -16,6 +17,12 @@ namespace {
 using namespace std::chrono_literals;
 using namespace lumo::services::gnss::datatypes;
 using binding::Value_type;
+using testing::AllOf;
+using testing::Each;
+using testing::ElementsAre;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
 using testing::Optional;
 
 const std::string position =
@@ -56,62 +63,52 @@ TEST_F(Reader, what_gpsd_knows_goes_where_the_records_have_a_member) {
   EXPECT_THAT(fixes[0].utc,
               Optional(std::chrono::sys_days(2024y / 1 / 5) + 15h + 40min + 7s + 125ms));
   const auto notification = to_notification(fixes[0], {});
-  const auto& record = notification.positions.at(0);
-  EXPECT_EQ(record.LAT, 48.123456789);
-  EXPECT_EQ(record.LON, -11.765432101);
-  EXPECT_EQ(record.altitudeWGS84, 545.1234F);
-  EXPECT_EQ(record.altitudeMeanSeaLevel, 497.6543F);
-  EXPECT_EQ(record.speedVertical, -0.25F);
-  EXPECT_EQ(record.courseOverGround, 11.3F);
-  EXPECT_EQ(record.yawAngle, 12.5F);
-  EXPECT_FALSE(record.accuracyYawAngle) << "the accuracy of the course is not that of the heading";
-  EXPECT_EQ(record.yawRate, 0.5F);
-  EXPECT_EQ(record.rollAngle, 3.0F);
-  EXPECT_EQ(record.accuracyHorizontal, 1.234F) << "GST only where TPV tells none";
-  EXPECT_EQ(record.accuracySpeedVertical, 4.69F);
-  EXPECT_EQ(record.ageOfDifferentialData, 2500U);
-  const auto& quality = notification.quality.at(0);
-  EXPECT_EQ(quality.statusFixType, Fix_type::differential);
-  EXPECT_EQ(quality.statusGNSSAntenna, Antenna_status::open);
-  EXPECT_EQ(quality.gDOP, 2.1F);
-  EXPECT_EQ(quality.satsInUse, 1U);
-  EXPECT_EQ(quality.satsInViewGalileo, std::uint8_t{1});
-  const auto& list = notification.satellites.value();
-  ASSERT_EQ(list.size(), 4U) << "two signals are one satellite";
-  EXPECT_EQ(list[0].carrierToNoise, 44.5F);
-  EXPECT_EQ(list[0].elevation, 60.5F);
-  EXPECT_EQ(list[1].gnssSystem, Gnss_system::glonass);
-  EXPECT_EQ(list[1].satelliteId, 9U);
-  EXPECT_EQ(list[2].satelliteId, 194U);
-  EXPECT_EQ(list[3].satelliteId, 2U);
+  // The accuracy of the course is not that of the heading; GST only where TPV tells none.
+  EXPECT_EQ(
+      said(notification.positions).at(0),
+      "positionType=GNSS messageCounter=0 LAT=48.123456789+ LON=-11.765432101+ "
+      "altitudeMeanSeaLevel=497.6543+ altitudeWGS84=545.1234+ "
+      "yawAngle=12.5+ yawRate=0.5+ speed2D=10.198+ speedVertical=-0.25+ courseOverGround=11.3+ "
+      "pitchAngle=-2.0+ rollAngle=3.0+ "
+      "accuracyHorizontal=1.234+ accuracyVertical=2.345+ accuracySpeed2D=0.32+ "
+      "accuracySpeedVertical=4.69+ "
+      "ageOfDifferentialData=2500+ preciseLocalTimeSeconds=0+ preciseLocalTimeNanoseconds=0+");
+  EXPECT_THAT(
+      said(notification.quality).at(0),
+      AllOf(HasSubstr("gDOP=2.1+ hDOP=0.95+ pDOP=1.8+ vDOP=1.5+ statusReceiverMode=navigating "
+                      "statusFixType=differential satsInView=4+ systemsInView=39 satsInUse=1+ "),
+            EndsWith(" statusGNSSAntenna=open")));
+  // Two signals are one satellite.
+  EXPECT_THAT(said(notification.satellites.value()),
+              ElementsAre("satelliteId=5 gnssSystem=GPS elevation=60.5+ azimuth=120.25+ "
+                          "carrierToNoise=44.5+ usage=in the solution",
+                          "satelliteId=9 gnssSystem=GLONASS elevation=30.0+ azimuth=250.0+ "
+                          "carrierToNoise=0.0+ usage=in view",
+                          "satelliteId=194 gnssSystem=other usage=in view",
+                          "satelliteId=2 gnssSystem=Galileo usage=in view"));
   says(tpv(R"("mode":1)"));
   EXPECT_FALSE(fixes.back().heading) << "told once";
 }
 
 TEST_F(Reader, the_fix_type_goes_from_none_to_rtk_and_dead_reckoning_has_a_sample_of_its_own) {
-  struct Case {
-    const char* mode;
-    Fix_type gnss;
-    Fix_type reckoned;
-    Value_type quality;
-  };
   using enum Fix_type;
-  for (const auto& [mode, gnss, reckoned, quality] : std::initializer_list<Case>{
-           {R"("mode":1,)", none, none, Value_type::error},
-           {R"("mode":2,)", two_dimensional, two_dimensional, Value_type::physical_value},
-           {R"("mode":3,"status":4,)", rtk_float, rtk_float, Value_type::physical_value},
-           {R"("mode":3,"status":3,)", rtk_fixed, rtk_fixed, Value_type::physical_value},
-           {R"("mode":3,"status":6,)", three_dimensional, three_dimensional,
-            Value_type::physical_value},
-           {R"("mode":3,"status":5,)", none, dead_reckoning, Value_type::error},
+  for (const auto& [mode, gnss, reckoned] :
+       std::initializer_list<std::tuple<const char*, Fix_type, Fix_type>>{
+           {R"("mode":1,)", none, none},
+           {R"("mode":2,)", two_dimensional, two_dimensional},
+           {R"("mode":3,"status":4,)", rtk_float, rtk_float},
+           {R"("mode":3,"status":3,)", rtk_fixed, rtk_fixed},
+           {R"("mode":3,"status":6,)", three_dimensional, three_dimensional},
+           {R"("mode":3,"status":5,)", none, dead_reckoning},
        }) {
     says(tpv(mode + position));
     const auto notification = to_notification(fixes.back(), {});
-    EXPECT_EQ(notification.quality.at(0).statusFixType, gnss) << mode;
-    EXPECT_EQ(notification.quality.at(1).statusFixType, reckoned) << mode;
-    EXPECT_EQ(notification.positions.at(0).LAT_valueType, quality) << mode;
-    EXPECT_EQ(notification.positions.at(1).LAT_valueType,
-              reckoned == none ? Value_type::error : Value_type::physical_value);
+    for (const auto& [type, index] : {std::pair{gnss, 0U}, {reckoned, 1U}}) {
+      EXPECT_EQ(notification.quality.at(index).statusFixType, type) << mode;
+      EXPECT_EQ(notification.positions.at(index).LAT_valueType,
+                type == none ? Value_type::error : Value_type::physical_value)
+          << mode;
+    }
   }
 }
 
@@ -167,17 +164,15 @@ TEST_F(Reader, without_a_position_every_known_quantity_carries_error) {
   };
   says(tpv(R"("mode":3,)" + position) + tpv(R"("mode":1)"));
   notify(fixes.at(0));
-  auto record = notify(fixes.at(1)).positions.at(1);
-  EXPECT_EQ(record.accuracyHorizontal_valueType, Value_type::error);
-  EXPECT_FALSE(record.rollAngle_valueType) << "never told";
+  EXPECT_THAT(said(notify(fixes.at(1)).positions),
+              Each(AllOf(HasSubstr(" accuracyHorizontal! "), Not(HasSubstr("rollAngle")))));
   nmea::Fix away;
   away.present = false;
   const auto notification = notify(away);
-  EXPECT_EQ(notification.positions.at(0).LAT_valueType, Value_type::error);
-  EXPECT_EQ(notification.positions.at(0).preciseLocalTimeSeconds_valueType,
-            Value_type::physical_value);
-  EXPECT_EQ(notification.quality.at(0).updateRateGNSS_valueType, Value_type::error);
-  EXPECT_EQ(notification.quality.at(0).statusReceiverMode, Receiver_mode::off);
+  EXPECT_THAT(said(notification.positions),
+              Each(AllOf(HasSubstr(" LAT! "), HasSubstr(" preciseLocalTimeSeconds=0+ "))));
+  EXPECT_THAT(said(notification.quality),
+              Each(AllOf(HasSubstr(" updateRateGNSS!"), HasSubstr(" statusReceiverMode=off "))));
 }
 
 }  // namespace

@@ -10,15 +10,14 @@
 #include "tests/clients/printing.h"
 #include "tests/support/error_of.h"
 #include "tests/support/temporary_folder.h"
+#include "tests/tools/gnss-gateway/said.h"
 #include "tools/posctl/notification_json.h"
 
 namespace gateway {
 namespace {
 
 using namespace std::chrono_literals;
-using namespace lumo::services::gnss::datatypes;
-using binding::Value_type;
-using lumo::services::Position_type;
+using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr Context context{
@@ -30,38 +29,21 @@ Notification notification_of(const Script_line& line) {
   return all;
 }
 
-TEST(Script, a_line_written_by_hand_needs_only_what_it_is_about) {
-  const Script_line line(
-      R"({"t": 1.5, "field": "positions", "records": [{"LAT": 48.5, "speed2D": 3}]})");
-  EXPECT_EQ(line.time(), 1.5);
-  const auto positions = notification_of(line).positions;
-  ASSERT_EQ(positions.size(), 2U);
-  EXPECT_EQ(positions[0].positionType, Position_type::gnss);
-  EXPECT_EQ(positions[1].positionType, Position_type::gnss_dr);
-  for (const auto& record : positions) {
-    EXPECT_EQ(record.LAT, 48.5);
-    EXPECT_EQ(record.LAT_valueType, Value_type::physical_value);
-    EXPECT_EQ(record.speed2D, 3.0F);
-    EXPECT_FALSE(record.LON || record.LON_valueType);
-    EXPECT_EQ(record.messageCounter, 7U);
-    EXPECT_EQ(binding::timestamp_of(record)->since_epoch(), context.precise_local_time);
-  }
-}
-
-TEST(Script, every_member_can_be_said_or_left_out) {
-  const Script_line line(R"({"t": 0, "field": "positions", "records": [
+TEST(Script, a_line_needs_only_what_it_is_about_and_may_say_or_leave_out_every_member) {
+  const auto positions = [](const char* line) {
+    return said(notification_of(Script_line(line)).positions);
+  };
+  const std::string told =
+      " messageCounter=7 LAT=48.5+ speed2D=3.0+ preciseLocalTimeSeconds=2000000000+ "
+      "preciseLocalTimeNanoseconds=500000000+";
+  EXPECT_THAT(
+      positions(R"({"t": 1.5, "field": "positions", "records": [{"LAT": 48.5, "speed2D": 3}]})"),
+      ElementsAre("positionType=GNSS" + told, "positionType=GNSS-DR" + told));
+  EXPECT_THAT(positions(R"({"t": 0, "field": "positions", "records": [
       {"positionType": "GNSS", "messageCounter": null, "LAT": 91, "LAT_valueType": 7, "LON": 11,
-       "LON_valueType": null, "preciseLocalTimeSeconds": 5, "preciseLocalTimeSeconds_valueType": 1}]})");
-  const auto positions = notification_of(line).positions;
-  ASSERT_EQ(positions.size(), 1U);
-  EXPECT_EQ(positions[0].positionType, Position_type::gnss);
-  EXPECT_FALSE(positions[0].messageCounter);
-  EXPECT_EQ(positions[0].LAT_valueType, Value_type{7});
-  EXPECT_EQ(positions[0].LON, 11.0);
-  EXPECT_FALSE(positions[0].LON_valueType);
-  EXPECT_EQ(positions[0].preciseLocalTimeSeconds, 5U);
-  EXPECT_EQ(positions[0].preciseLocalTimeSeconds_valueType, Value_type::init);
-  EXPECT_FALSE(positions[0].preciseLocalTimeNanoseconds);
+       "LON_valueType": null, "preciseLocalTimeSeconds": 5, "preciseLocalTimeSeconds_valueType": 1}]})"),
+              ElementsAre("positionType=GNSS LAT=91.0 LAT_valueType=7 LON=11.0 "
+                          "preciseLocalTimeSeconds=5 preciseLocalTimeSeconds_valueType=Init"));
 }
 
 TEST(Script, a_recording_of_the_application_is_sent_with_the_ages_that_it_had) {

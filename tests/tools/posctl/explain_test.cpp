@@ -4,7 +4,6 @@
 
 #include <stdexcept>
 
-#include "tools/posctl/near_name.h"
 #include "tools/posctl/position_table.h"
 #include "tools/posctl/verdict.h"
 
@@ -144,12 +143,6 @@ TEST(Position_table, tells_the_rate_of_the_last_arrivals_and_the_begin_and_end_o
   EXPECT_THAT(arrives_after(5s),
               testing::ElementsAre(testing::HasSubstr("back after 5.0 s"), testing::_));
   EXPECT_EQ(arrives_after(100ms).size(), 1U);
-}
-
-TEST(Near_name, is_guessed_for_a_slip_only) {
-  constexpr std::array names{"status", "stats", "state"};
-  EXPECT_EQ(posctl::did_you_mean("stauts", names), "; did you mean \"status\"?");
-  EXPECT_EQ(posctl::did_you_mean("weather", names), "");
 }
 
 }  // namespace

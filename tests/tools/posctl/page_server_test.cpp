@@ -178,11 +178,6 @@ TEST(Marks, come_from_gpx_and_geojson) {
     EXPECT_THAT(test::error_of([&text = text] { (void)marks_of(text); }), HasSubstr(error)) << text;
 }
 
-/// What a client gets that comes now.
-std::string history_of(Page_feed& feed) {
-  return *feed.all().frames.at(1);
-}
-
 TEST(Page_feed, keeps_least_and_greatest_of_what_it_joins_and_of_the_past) {
   using Record = lumo::services::positioning::datatypes::DT_positions_struct;
   Page_feed feed(Json{{"version", "1"}});
@@ -214,7 +209,7 @@ TEST(Page_feed, keeps_least_and_greatest_of_what_it_joins_and_of_the_past) {
   for (int second = 0; second < 2000; ++second)
     feed.curve(second * 1000, figures);
   feed.curve(0, figures);  // the clock was set back
-  const auto history = Json::parse(history_of(feed));
+  const auto history = Json::parse(*feed.all().frames.at(1));
   const Json& series = history["data"]["series"][0];
   EXPECT_EQ(series["topic"], "output");
   const Json& fine = series["tiers"][2];
