@@ -96,13 +96,15 @@ class Page_server(Desk_test):
         self.desk.write_manifest()
         self.serve()
         client = self.open()
-        self.assertIn("no application listens", client.until("hello")["data"]["way"])
+        first = client.until("hello")["data"]
+        self.assertIn("no application listens", first["way"])
         application = self.start(APPLICATION)
         client.until("application", lambda data: data["present"])
         client.until("hello", lambda data: data["way"].startswith("through /"))
         nodes["posctl"] = usual  # the machine gets its address
         self.desk.write_manifest()
-        client.until("hello", lambda data: data["way"].startswith("over the network"))
+        last = client.until("hello", lambda data: data["way"].startswith("over the network"))["data"]
+        self.assertEqual(last["server"], first["server"], "a page drops what it has for another server")
         self.start(GATEWAY)
         client.until("input", lambda data: "LAT" in data["records"][0])
         client.until("output", lambda data: "LAT" in data["records"][0])
