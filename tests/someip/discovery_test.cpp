@@ -278,12 +278,17 @@ TEST_F(Discovery_test, offers_wait_repeat_with_a_delay_that_doubles_and_go_on_cy
   EXPECT_EQ(until(1000),
             "80 all: offer v1 | 130 all: offer v1 | 230 all: offer v1 | 430 all: offer v1 | 680 "
             "all: offer v1 | 930 all: offer v1");
+  link(false);
+  EXPECT_EQ(until(2000), "");
+  link(true);
+  EXPECT_EQ(until(2400), "2080 all: offer v1 | 2130 all: offer v1 | 2230 all: offer v1")
+      << "as at the beginning";
   stop_offer();
   offer();
   timing.repetitions_max = 0;
-  EXPECT_EQ(until(1400), "1010 all: stop-offer v1 | 1080 all: offer v1 | 1330 all: offer v1");
+  EXPECT_EQ(until(2800), "2410 all: stop-offer v1 | 2480 all: offer v1 | 2730 all: offer v1");
   timing.cyclic_offer_delay = Milliseconds(0);
-  EXPECT_EQ(until(9000), "1580 all: offer v1");
+  EXPECT_EQ(until(9000), "2980 all: offer v1");
 }
 
 TEST_F(Discovery_test, initial_delays_and_those_of_answers_are_drawn_from_their_range_each_time) {
@@ -294,7 +299,7 @@ TEST_F(Discovery_test, initial_delays_and_those_of_answers_are_drawn_from_their_
     offer();
     initial.insert(std::stoi(until(begin + 1000)) - begin);
     says(find(), to_all);
-    of_answers.insert(std::stoi(until(begin + 1900)) - begin - 1000);
+    of_answers.insert(std::stoi(until(begin + 1500)) - begin - 1000);
     stop_offer();
     until(begin + 2000);
   }
