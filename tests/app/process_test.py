@@ -76,12 +76,10 @@ class ProcessTest(unittest.TestCase):
         application.send_signal(signal.SIGTERM)
         self.assertEqual(self.ends(application), 0)
 
-    def test_a_bad_manifest_ends_with_104_and_names_the_file(self):
+    def test_a_manifest_that_is_missing_or_lacks_an_element_of_an_interface_ends_with_104_and_says_so(self):
         application = self.desk.start(APPLICATION, environment={"POS_MANIFEST": "/nonexistent/manifest.json"})
         self.assertEqual(self.ends(application), 104)
         self.assertTrue(self.count(application, "/nonexistent/manifest.json"))
-
-    def test_a_manifest_without_an_element_of_an_interface_ends_with_104_and_names_it(self):
         services = self.desk.manifest["services"]
         for service, kind in (("lumo::services::gnss::GNSS", "fields"), ("mw::dm::dem::DiagnosticMonitor", "events")):
             elements = services[service][kind]

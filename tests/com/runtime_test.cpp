@@ -56,12 +56,6 @@ struct Network {
     });
   }
 
-  /// The client has received this number of discovery messages more.
-  [[nodiscard]] bool heard_offers(std::uint64_t count) const {
-    const auto heard = [&] { return test::counter(*client, "discoveryReceived"); };
-    return test::eventually([&, end = heard() + count] { return heard() >= end; });
-  }
-
   std::promise<void> release;  ///< lets go what the test holds
   std::shared_future<void> released = release.get_future().share();
   std::unique_ptr<tq::com::Runtime> server;
@@ -128,7 +122,8 @@ TEST(Runtime, the_late_end_of_a_provider_does_not_end_its_successor) {
   const auto successor = network.server->provide("test::Service", "first");
   successor->offer();
   network.provider.reset();
-  ASSERT_TRUE(network.heard_offers(3));
+  const auto heard = [&] { return test::counter(*network.client, "discoveryReceived"); };
+  ASSERT_TRUE(test::eventually([&, offers = heard() + 3] { return heard() >= offers; }));
   values.start(*network.consumer, "value");
   successor->update_field(value, bytes("new"));
   EXPECT_TRUE(values.received.wait_for("new"));
