@@ -35,10 +35,13 @@ class ProcessTest(unittest.TestCase):
         """The exit code of a program that has been told to end; it may not take longer than that needs."""
         return application.wait(timeout=SHUTDOWN_LIMIT_S + SLACK_S)
 
-    def test_shutdown_is_prompt_and_further_signals_change_nothing(self):
+    def test_shutdown_is_prompt_and_a_storm_of_signals_changes_nothing(self):
         application = self.started()
+        for number in (signal.SIGUSR1, signal.SIGUSR2) * 3000:
+            application.send_signal(number)
+        self.assertIsNone(application.poll())
         start = time.monotonic()
-        for number in (signal.SIGTERM, signal.SIGINT):
+        for number in SIGNALS * 3000:
             application.send_signal(number)
         until(lambda: self.count(application, "delay before destroying runtime."), "the end of the application")
         handled = self.count(application, "posApplication::signalHandler")
@@ -73,22 +76,10 @@ class ProcessTest(unittest.TestCase):
         application.send_signal(signal.SIGTERM)
         self.assertEqual(self.ends(application), 0)
 
-    def test_a_storm_of_signals_neither_blocks_nor_loses_the_shutdown(self):
-        application = self.started()
-        for _ in range(3000):
-            application.send_signal(signal.SIGUSR1)
-            application.send_signal(signal.SIGUSR2)
-        self.assertIsNone(application.poll())
-        for number in SIGNALS * 3000:
-            application.send_signal(number)
-        self.assertEqual(self.ends(application), 0)
-
-    def test_a_bad_manifest_ends_with_104_and_names_the_file(self):
+    def test_a_manifest_that_is_missing_or_lacks_an_element_of_an_interface_ends_with_104_and_says_so(self):
         application = self.desk.start(APPLICATION, environment={"POS_MANIFEST": "/nonexistent/manifest.json"})
         self.assertEqual(self.ends(application), 104)
         self.assertTrue(self.count(application, "/nonexistent/manifest.json"))
-
-    def test_a_manifest_without_an_element_of_an_interface_ends_with_104_and_names_it(self):
         services = self.desk.manifest["services"]
         for service, kind in (("lumo::services::gnss::GNSS", "fields"), ("mw::dm::dem::DiagnosticMonitor", "events")):
             elements = services[service][kind]
@@ -114,16 +105,7 @@ class ProcessTest(unittest.TestCase):
         self.assertIn('build_time = "1970-01-01 23:59:59 UTC"', output.read_text(encoding="utf-8"))
 
 
-def close_standard_descriptors():
-    for number in range(3):
-        os.close(number)
-
-
-class OutputsTest(unittest.TestCase):
-    """What the program writes to stops reading, goes away, or was never there."""
-
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
+    # What the program writes to stops reading, goes away, or was never there
 
     def unread(self, reader, writer):
         self.addCleanup(os.close, reader)
@@ -156,7 +138,7 @@ class OutputsTest(unittest.TestCase):
             "a pipe without a reader": lambda: self.without_reader(*os.pipe()),
             "a notify socket with a full queue": self.notify_socket,
             "a bus daemon that does not answer": self.bus,
-            "no descriptors 0 to 2": lambda: {"preexec_fn": close_standard_descriptors},
+            "no descriptors 0 to 2": lambda: {"preexec_fn": lambda: os.closerange(0, 3)},
         }
         for what, options in rows.items():
             with self.subTest(what), contextlib.ExitStack() as row:
@@ -168,7 +150,7 @@ class OutputsTest(unittest.TestCase):
                     self.assertEqual(opened, {"/dev/null"})
                 start = time.monotonic()
                 application.send_signal(signal.SIGTERM)
-                self.assertEqual(application.wait(timeout=SHUTDOWN_LIMIT_S + SLACK_S), 0)
+                self.assertEqual(self.ends(application), 0)
                 self.assertLess(time.monotonic() - start, SHUTDOWN_LIMIT_S + 3.0)
 
 

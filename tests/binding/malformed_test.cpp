@@ -138,13 +138,4 @@ TEST(A_surplus_behind_the_last_member, is_skipped_whatever_its_bytes_are) {
   }
 }
 
-TEST(Every_truncation_of_a_good_payload, is_refused) {
-  const auto good = notification({hex(std::string{counter} + latitude), hex(latitude)});
-  for (std::size_t size = 0; size < good.size(); ++size) {
-    binding::Cursor cursor{std::span{good}.first(size)};
-    std::vector<DT_positions_struct> records;
-    EXPECT_THROW(binding::decode(cursor, records), std::out_of_range) << size;
-  }
-}
-
 }  // namespace

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -63,6 +64,26 @@ inline std::uint64_t counter(const tq::com::Runtime& runtime, std::string_view n
   }
   throw std::logic_error("no counter " + std::string(name));
 }
+
+/// What a subscription gets; outlives the network.
+struct Subscription {
+  /// Waits until it is acknowledged.
+  void start(
+      tq::com::Consumer& consumer,
+      const std::string& element,
+      const std::function<void(const std::string&)>& then = [](const auto&) {}) {
+    consumer.subscribe(
+        element,
+        [this, then](tq::com::Payload payload) {
+          received.add(text(payload));
+          then(text(payload));
+        },
+        [this](bool active) { states.add(active); });
+    if (!states.wait_for(true)) throw std::runtime_error("no acknowledgement came");
+  }
+  Seen<std::string> received;
+  Seen<bool> states;
+};
 
 /// Searches for a service while it lives.
 class Finder {

@@ -1,15 +1,11 @@
 #include <gmock/gmock.h>
-#include <pthread.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <array>
 #include <atomic>
 #include <future>
-#include <mutex>
-#include <span>
 #include <thread>
-#include <utility>
 
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/proxy.h"
@@ -19,6 +15,7 @@
 #include "platform/linux/com/notification_queue.h"
 #include "tests/com/test_network.h"
 #include "tests/support/capture.h"
+#include "tests/support/no_threads.h"
 
 namespace {
 
@@ -201,76 +198,12 @@ TEST(Samples, are_whole_and_in_order_when_another_thread_fetches) {
   EXPECT_EQ(before, last);
 }
 
-}  // namespace
-
-/// A payload whose decoding takes as long as the test wants.
-struct Slow {};
-Barrier* decoding = nullptr;
-
-template <>
-struct mw::com::cpp_binding::Serialization<Slow> {
-  static void decode(std::span<const std::byte>&, Slow&) {
-    if (auto* const barrier = std::exchange(decoding, nullptr)) barrier->wait();
-  }
-};
-
-namespace {
-
-/// A consumer whose notifications the test makes.
-struct Played_consumer final : tq::com::Consumer {
-  tq::com::Element_ids element(std::string_view) const override { return {}; }
-  void subscribe(std::string_view,
-                 tq::com::Notification_handler handler,
-                 tq::com::Subscription_state_handler) override {
-    end();
-    notify = std::move(handler);
-  }
-  void unsubscribe(std::string_view) override { end(); }
-  void call(std::uint16_t, tq::com::Payload, tq::com::Response_handler) override {}
-  void call_no_return(std::uint16_t, tq::com::Payload) override {}
-  /// Waits for the running handler, as every consumer does.
-  void end() {
-    ending.add(true);
-    const std::lock_guard lock(handler_runs);
-  }
-
-  Seen<bool> ending;
-  std::mutex handler_runs;
-  tq::com::Notification_handler notify;
-};
-
-TEST(Event, subscribed_twice_ends_the_first_subscription_before_its_samples_go) {
-  auto consumer = std::make_unique<Played_consumer>();
-  auto& played = *consumer;
-  mw::com::cpp_binding::proxy::Proxy_core core{"a::S", "1", std::move(consumer)};
-  mw::com::cpp_binding::proxy::Event<Slow> event{core, "tick"};
-  event.Subscribe(1);
-  Barrier barrier;
-  decoding = &barrier;
-  std::jthread receiver([&, notify = played.notify] {
-    const std::lock_guard lock(played.handler_runs);
-    notify({});
-  });
-  ASSERT_TRUE(barrier.entered());
-  std::jthread application([&] { event.Subscribe(1); });
-  ASSERT_TRUE(played.ending.wait_count(2));
-  barrier.release();
-  application.join();
-  receiver.join();
-  EXPECT_EQ(event.GetNewSamples([](const auto&) {}), 0U) << "the sample was the first one's";
-}
-
 TEST(Pool, that_cannot_have_another_thread_says_so) {
   static_thread_pool pool(1);
-  pthread_attr_t usual, huge;
-  ASSERT_EQ(pthread_getattr_default_np(&usual), 0);
-  ASSERT_EQ(pthread_attr_init(&huge), 0);
-  ASSERT_EQ(pthread_attr_setstacksize(&huge, std::size_t{1} << 50U), 0);
-  ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
-  bool started = true;
-  EXPECT_NO_THROW(started = pool.loop().start_thread([] {}));
-  EXPECT_FALSE(started);
-  EXPECT_EQ(pthread_setattr_default_np(&usual), 0);
+  {
+    const test::No_threads none;
+    EXPECT_FALSE(pool.loop().start_thread([] {}));
+  }
   Barrier barrier;
   EXPECT_TRUE(pool.loop().start_thread([&] { barrier.wait(); }));
   EXPECT_TRUE(barrier.entered());

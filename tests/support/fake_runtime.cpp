@@ -25,6 +25,7 @@ class Fake_runtime::Consumer final : public Played_runtime::Consumer {
     place = std::move(handler);
   }
   void unsubscribe(std::string_view element) override {
+    if (const auto work = std::exchange(runtime_.on_unsubscribe, nullptr)) work();
     runtime_.notifications_.erase(std::string{element});
   }
 

@@ -45,6 +45,8 @@ class Fake_runtime final : public Played_runtime {
   [[nodiscard]] std::vector<Bytes> sent(std::string_view specifier) const;
   /// Called within each sending, on the sender's thread. Set it before there are senders.
   std::function<void()> on_send;
+  /// Called by the end of a subscription that comes next, while its handler still is.
+  std::function<void()> on_unsubscribe;
   /// Called by the provider that is closed next.
   std::function<void()> on_close;
 

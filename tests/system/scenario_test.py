@@ -1,11 +1,8 @@
 """The whole system through real processes and the real Linux component behind each interface: the
-application and a GNSS source, a dlt-daemon that receives the log, a dbus-daemon whose caller is busctl, a
-notify socket, a tester and an event manager made of scapy.
-
-The GNSS source dies and comes back, monitors are initialised, state management changes the state."""
+application and a GNSS source, a dlt-daemon that receives the log, a notify socket, a tester and an event
+manager made of scapy. The GNSS source dies and comes back."""
 
 import contextlib
-import pathlib
 import socket
 import statistics
 import threading
@@ -14,14 +11,11 @@ import time
 from desk import APPLICATION, GATEWAY, Desk, until
 from dlt import Log
 from network import ACKNOWLEDGE, NOTIFICATION, OFFER, Network
-from tester import CLEAR, D_1190, D_14A0, MONITOR, NO_TEXTS, RESTART, Tester
+from tester import D_1190, D_14A0, MONITOR, NO_TEXTS, Tester
 
 GNSS_MONITOR = "POS_Input_GNSS"
 CHANGE = f"Changing of state, ID = {GNSS_MONITOR} , prev status = {{}} , new status = {{}}"
 PASSED, FAILED = b"\0", b"\1"
-BUSCTL = pathlib.Path("/usr/bin/busctl")
-STATE_OBJECT = ("org.adaptive.pos", "/org/adaptive/pos/POS__ORVEL1_Sys_Adaptive_01_instance1",
-                "org.adaptive.pos.ComponentState1")
 
 
 class Notify(threading.Thread):
@@ -71,7 +65,6 @@ def main():
         notify = Notify(desk.path / "notify")
         log = Log(desk)
         stack.callback(log.end)
-        desk.start_bus()
         desk.environment["NOTIFY_SOCKET"] = str(desk.path / "notify")
         network = Network(desk=desk)
         stack.callback(network.close)
@@ -95,30 +88,11 @@ def main():
         until(lambda: log.texts("DSRV").count(to_error) == 1, "one line about the change")
 
         events = len(manager.actions())
-        manager.init_monitor(GNSS_MONITOR, RESTART)
-        until(lambda: manager.actions()[events:] == [FAILED], "kFailed after kRestart")
-        assert manager.inputs() == late
-        manager.init_monitor(GNSS_MONITOR, CLEAR)
-        until(lambda: manager.actions()[events:] == [FAILED, PASSED], "kPassed after kClear")
-        assert manager.inputs() == flowing
-        until(lambda: manager.actions()[events:] == [FAILED, PASSED, FAILED], "in error again, as nothing came")
-        assert manager.inputs() == late
-
-        events = len(manager.actions())
         gateway = desk.start(GATEWAY)
         until(lambda: manager.inputs() == flowing, "GNSS back")
         assert manager.lost_services() == bytes([0, 0, 0, 5, 1, 0, 0, 0, 1]), "GNSS lost once and back"
         until(lambda: manager.actions()[events:] == [PASSED], "kPassed")
         until(lambda: CHANGE.format("Error", "Nominal") in log.texts("DSRV"), "the change back in the log")
-
-        for number, state, words in ((7, "kPrepSD", "forbidden"), (8, "kPrepSD", None), (9, "kOn", "allowed")):
-            lines = log.texts("DBAC").count(f"Database: storing {words}")
-            answer = desk.run(BUSCTL, "--user", "call", *STATE_OBJECT, "RequestState", "su", state, number)
-            assert answer == (0, "u 0\n", ""), answer
-            if words:
-                until(lambda: log.texts("DBAC").count(f"Database: storing {words}") == lines + 1, words)
-            until(lambda: f"componentStateChangeRequest newState =  {state}  seqNum =  {number}" in log.texts("CCSW"),
-                  f"the request {number} in the log")
 
         assert desk.stop(gateway)[0] == 0
         assert desk.stop(application)[0] == 0

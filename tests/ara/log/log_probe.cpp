@@ -1,15 +1,8 @@
 // A program that logs as it is told on standard input, for dlt_test.py. Every command is answered
 // by one line on standard output, so the test knows that it is done.
-#include <unistd.h>
-
-#include <csignal>
-#include <filesystem>
-#include <fstream>
 #include <iostream>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "ara/core/initialization.h"
 #include "ara/log/logger.h"
@@ -17,23 +10,6 @@
 namespace {
 
 using namespace ara::log;  // NOLINT(google-build-using-namespace)
-
-/// Threads of this process that would handle SIGUSR1, other than this one.
-std::size_t threads_open_for_signals() {
-  std::size_t open = 0;
-  const auto self = std::to_string(::getpid());
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (task.path().filename() == self) continue;
-    std::ifstream status(task.path() / "status");
-    for (std::string line; std::getline(status, line);) {
-      if (line.starts_with("SigBlk:")) {
-        const auto blocked = std::stoull(line.substr(7), nullptr, 16);
-        open += (blocked >> (SIGUSR1 - 1) & 1U) == 0 ? 1 : 0;
-      }
-    }
-  }
-  return open;
-}
 
 struct Logs_in_its_destructor {
   ~Logs_in_its_destructor() { CreateLogger("LAST", "at exit").LogInfo() << "logged after main"; }
@@ -85,24 +61,10 @@ int main() {
       const Logger& logger = CreateLogger("LINE", "lines");
       for (int i = 0; i < count; ++i)
         logger.LogInfo() << "number" << i;
-    } else if (command == "threads") {
-      std::vector<std::thread> threads;
-      threads.reserve(4);
-      for (int thread = 0; thread < 4; ++thread) {
-        threads.emplace_back([thread] {
-          const Logger& logger = CreateLogger("THR" + std::to_string(thread), "thread");
-          for (int i = 0; i < 50; ++i)
-            logger.LogInfo() << "number" << i;
-        });
-      }
-      for (auto& thread : threads)
-        thread.join();
     } else if (command == "level") {
       std::string context;
       words >> context;
       std::cout << static_cast<int>(CreateLogger(context, "level").Level()) << ' ';
-    } else if (command == "signals") {
-      std::cout << threads_open_for_signals() << ' ';
     } else if (command == "exit") {
       DefaultLogger().LogInfo() << "last line";
       return 0;
