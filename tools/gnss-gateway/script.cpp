@@ -194,7 +194,7 @@ void Script_line::add_to(Notification& all, const Context& context) const {
     } else if (recorded_) {
       move_stamp(record, context.precise_local_time - from_seconds(time_));
     }
-    append(all.positions, std::move(record), json);
+    append(all.positions, record, json);
   }
 }
 

@@ -109,10 +109,11 @@ Type Types::array(const std::string& place, Type element, const Type_description
 }
 
 Type Types::structure(const std::string& place, const Type_description& record) {
+  const std::string inside = place + ".";
   std::vector<Type> types;
   unsigned count = 0;
   for (const auto& member : record.members) {
-    types.push_back(add(place + "." + member.name, member.type));
+    types.push_back(add(inside + member.name, member.type));
     count = std::max(count, member.id + 1);
   }
   const unsigned id = next_++;
@@ -128,13 +129,13 @@ Type Types::structure(const std::string& place, const Type_description& record) 
   for (std::size_t i = 0; i < types.size(); ++i) {
     const auto& member = record.members[i];
     const std::string unit = member.unit.empty() ? "" : " [" + member.unit + "]";
-    row(member.id, member.name + unit, types[i], place + "." + member.name);
+    row(member.id, member.name + unit, types[i], inside + member.name);
   }
   // The analyser calls a payload malformed if an ID below the highest one is not listed.
   for (unsigned gap = 0; gap < count; ++gap) {
     if (listed[gap]) continue;
     const auto title = "unknown" + std::to_string(gap);
-    row(gap, title, {Kind::base, base({.name = "uint8", .members = {}})}, place + "." + title);
+    row(gap, title, {Kind::base, base({.name = "uint8", .members = {}})}, inside + title);
   }
   return {Kind::structure, id};
 }
