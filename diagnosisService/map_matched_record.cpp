@@ -70,8 +70,9 @@ Map_matched_record map_matched_record(const Map_matched_position& position) {
   out.state.matching = static_cast<std::uint8_t>(nibble(position.position_source) << 4U |
                                                  nibble(position.status_map_matching));
   if (is_usable(position.heading)) {
-    const double heading = std::fmod(*position.heading, 360.0);
-    record.heading = unsigned_big_endian<2>((heading < 0 ? heading + 360.0 : heading) * 100.0);
+    // Rounded before it wraps: 359.996 degrees are 0.00, not 360.00.
+    const double heading = std::fmod(std::round(*position.heading * 100.0), 36'000.0);
+    record.heading = unsigned_big_endian<2>(heading < 0 ? heading + 36'000.0 : heading);
   }
   if (is_usable(position.speed)) record.speed = unsigned_big_endian<2>(*position.speed * 100.0);
   record.message_counter = static_cast<std::uint8_t>(position.message_counter.value_or(0) & 0xFFU);

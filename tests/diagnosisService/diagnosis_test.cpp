@@ -322,6 +322,11 @@ TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
   EXPECT_THAT(record.speed, ElementsAre(0x05, 0x46));    // 13.50 m/s
   EXPECT_THAT(record.day, ElementsAre(0x4C, 0xDB));      // 19 675
   EXPECT_EQ(record.message_counter, 99);
+
+  Map_matched_position position;
+  position.heading = 359.996F;
+  service->refresh_map_matched_position(position);
+  EXPECT_THAT(service->map_matched_position().heading, ElementsAre(0, 0));
 }
 
 TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
