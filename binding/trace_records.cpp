@@ -37,7 +37,7 @@ struct By_prefix {
 };
 template <class Key, class Value, class, class Allocator>
 using Prefix_map = std::map<Key, Value, By_prefix, Allocator>;
-using Json = nlohmann::basic_json<Prefix_map>;
+using Trace_json = nlohmann::basic_json<Prefix_map>;
 
 /// The members by which a record names its subject.
 enum class Subject : std::uint8_t {
@@ -106,11 +106,11 @@ class Json_builder final : public mw::com::cpp_binding::Trace_json {
   void undefined(unsigned position) override { put(position, "undefined_type", "undefined_type"); }
   void begin(unsigned position, std::string_view kind) override {
     auto& inner = (*open_.back())[key(position, kind)];
-    inner = Json::object();
+    inner = Trace_json::object();
     open_.push_back(&inner);
   }
   void end() override { open_.pop_back(); }
-  [[nodiscard]] Json take() { return std::move(root_); }
+  [[nodiscard]] Trace_json take() { return std::move(root_); }
 
  private:
   static std::string key(unsigned position, std::string_view kind) {
@@ -121,17 +121,19 @@ class Json_builder final : public mw::com::cpp_binding::Trace_json {
     (*open_.back())[key(position, kind)] = value;
   }
 
-  Json root_ = Json::object();
-  std::vector<Json*> open_{&root_};  ///< std::map keeps its values in place while others are added
+  Trace_json root_ = Trace_json::object();
+  std::vector<Trace_json*> open_{
+      &root_};  ///< std::map keeps its values in place while others are added
 };
 
-Json instance_object(std::string_view text) {
+Trace_json instance_object(std::string_view text) {
   return {{"1_id", "Instance_id"}, {"2_string", std::string{text}}};
 }
 
-void add_subject(Json& record, Subject subject, const Trace_event& event) {
+void add_subject(Trace_json& record, Subject subject, const Trace_event& event) {
   const auto service = [&](const char* text_key) {
-    record["2_service_id"] = Json{{"1_id", "Service_id"}, {text_key, std::string{event.service}}};
+    record["2_service_id"] =
+        Trace_json{{"1_id", "Service_id"}, {text_key, std::string{event.service}}};
   };
   switch (subject) {
     case Subject::service_and_instance:
@@ -168,9 +170,9 @@ std::string_view name_of(Trace_id id) {
   return kind_of(id).name;
 }
 
-std::string to_json(const Trace_event& event) {
+std::string line_of(const Trace_event& event) {
   const auto& kind = kind_of(event.id);
-  Json record = Json::object();
+  Trace_json record = Trace_json::object();
   record["1_id"] = std::string{kind.name};
   add_subject(record, kind.subject, event);
   if (!kind.element_key.empty()) record[std::string{kind.element_key}] = event.element;
@@ -182,7 +184,7 @@ std::string to_json(const Trace_event& event) {
   }
   if (!kind.time_key.empty()) record[std::string{kind.time_key}] = event.duration.count();
 
-  Json line = Json::object();
+  Trace_json line = Trace_json::object();
   line["1_incident"] = std::move(record);
   if (event.payload.describe != nullptr) {
     Json_builder payload;
@@ -207,7 +209,7 @@ bool Trace_records::is_enabled(Trace_id id) const noexcept {
 void Trace_records::write(const Trace_event& event) noexcept {
   std::string text;
   try {
-    text = to_json(event);
+    text = line_of(event);
   } catch (...) {
     // Tracing never lets the traced operation fail; the empty line shows that a record is missing.
     text.clear();

@@ -11,6 +11,10 @@
 
 namespace test {
 
+// What the decoder reports.
+inline constexpr auto beyond = "Read beyond the end of the data buffer";
+inline constexpr auto bad_end = "Deserialization calculated invalid end position.";
+
 /// "00 02 ff" as bytes; blanks are for the eye.
 inline binding::Buffer hex(std::string text) {
   std::erase(text, ' ');

@@ -10,14 +10,14 @@
 namespace {
 
 using lumo::services::gnss::datatypes::DT_positions_struct;
+using test::bad_end;
+using test::beyond;
 using test::hex;
 using test::notification;
 
 constexpr auto too_small =
     "Violation of [PRS_SOMEIP_00900]: Record length given by sender is too small. This is possibly "
     "due to a mismatch between the data models of sender and receiver.";
-constexpr auto beyond = "Read beyond the end of the data buffer";
-constexpr auto bad_end = "Deserialization calculated invalid end position.";
 constexpr auto bad_wire_type = "Invalid source tag wire type";
 constexpr auto accepted = "no exception";
 

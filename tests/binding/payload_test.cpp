@@ -12,14 +12,14 @@ namespace {
 using binding::Buffer;
 using binding::Cursor;
 using binding::Serialization_settings;
+using test::bad_end;
+using test::beyond;
 using test::error_of;
 using test::hex;
 
 constexpr Serialization_settings defaults{};
 constexpr Serialization_settings little_endian{.byte_order = binding::Byte_order::little_endian};
 
-constexpr auto beyond = "Read beyond the end of the data buffer";
-constexpr auto bad_end = "Deserialization calculated invalid end position.";
 constexpr auto bad_size = "Invalid value for length field size.";
 
 TEST(Length_field, travels_in_the_configured_size_and_byte_order) {

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "tools/gnss-gateway/fault.h"
+#include "tools/gnss-gateway/from_seconds.h"
 
 namespace gateway::faults {
 namespace {
@@ -13,10 +14,6 @@ constexpr std::array<std::string_view, 4> silent_words{"all", "positions", "posi
                                                        "posGnssSatInfos"};
 constexpr std::array<std::string_view, 4> malformation_words{"truncated", "length", "wire-type",
                                                              "noise"};
-
-Fault_time from_seconds(double value) {
-  return std::chrono::duration_cast<Fault_time>(std::chrono::duration<double>(value));
-}
 
 /// Withdraws the service. Its notifications reach nobody.
 class Off final : public Fault {

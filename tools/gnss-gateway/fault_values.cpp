@@ -9,6 +9,7 @@
 #include "binding/record.h"
 #include "binding/timestamp.h"
 #include "tools/gnss-gateway/fault.h"
+#include "tools/gnss-gateway/from_seconds.h"
 
 namespace gateway::faults {
 namespace {
@@ -72,10 +73,6 @@ std::unique_ptr<Fault> changing_stamps(Change change) {
 std::unique_ptr<Fault> shifting_stamps(std::chrono::nanoseconds shift) {
   return changing_stamps(
       [shift](Fault_time, std::chrono::nanoseconds stamp) { return stamp + shift; });
-}
-
-std::chrono::nanoseconds from_seconds(double value) {
-  return std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(value));
 }
 
 /// A physical value in each quantity that is a floating-point number.

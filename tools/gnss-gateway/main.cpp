@@ -18,6 +18,7 @@
 #include "mw/com/runtime.h"
 #include "tools/command_line.h"
 #include "tools/gnss-gateway/explanation.h"
+#include "tools/gnss-gateway/from_seconds.h"
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
 #include "tools/gnss-gateway/reasons.h"
@@ -27,10 +28,6 @@
 namespace {
 
 using Nanoseconds = std::chrono::nanoseconds;
-
-Nanoseconds from_seconds(double seconds) {
-  return std::chrono::duration_cast<Nanoseconds>(std::chrono::duration<double>(seconds));
-}
 
 enum class Source : std::uint8_t { nmea, gpsd, other };
 
@@ -321,9 +318,9 @@ int run(int argc, char** argv) {
   if (app.count("--gpsd") > 0) gpsd = gpsd_options(options.gpsd);
   options.nmea.speed_up = options.speed_up;
   options.nmea.loop = options.drive.loop = options.loop;
-  options.drive.start = from_seconds(options.start_at);
-  options.nmea.max_gap = from_seconds(options.max_gap);
-  options.output.max_duration = from_seconds(options.seconds);
+  options.drive.start = gateway::from_seconds(options.start_at);
+  options.nmea.max_gap = gateway::from_seconds(options.max_gap);
+  options.output.max_duration = gateway::from_seconds(options.seconds);
 
   const auto course = gateway::course_of(options.drive);
   tools::Stop_signal stop_signal;

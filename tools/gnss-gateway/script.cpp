@@ -13,6 +13,7 @@
 
 #include "binding/timestamp.h"
 #include "posService/positioning_records.h"
+#include "tools/gnss-gateway/from_seconds.h"
 
 namespace gateway {
 namespace {
@@ -126,10 +127,6 @@ void move_stamp(DT_positions_struct& record, std::chrono::nanoseconds shift) {
   const auto moved = binding::Timestamp::of(stamp->since_epoch() + shift);
   record.preciseLocalTimeSeconds = moved.seconds;
   record.preciseLocalTimeNanoseconds = moved.nanoseconds;
-}
-
-std::chrono::nanoseconds from_seconds(double seconds) {
-  return std::chrono::nanoseconds(std::llround(seconds * 1e9));
 }
 
 double time_in(const Json& json, const char* key) {

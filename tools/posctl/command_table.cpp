@@ -299,7 +299,7 @@ Run add_doctor(CLI::App& command) {
   return with(std::move(options), examine);
 }
 
-constexpr std::array table{
+constexpr std::array all_commands{
     Command{"status", "Say whether the application is healthy, and why not",
             "The first line is the verdict: healthy, degraded or failed, with the reason.\n"
             "The exit code is 0 if the application is healthy, 1 if it is degraded or failed.",
@@ -377,7 +377,7 @@ constexpr std::array table{
 }  // namespace
 
 std::span<const Command> commands() {
-  return table;
+  return all_commands;
 }
 
 }  // namespace posctl

@@ -79,7 +79,7 @@ Json row_of(const Setting& setting,
   return row;
 }
 
-std::string text_of(const Json& json) {
+std::string lines_of(const Json& json) {
   std::string text = json["running"].get<bool>()
                          ? "The application runs with these settings:\n"
                          : "No application answers. It would start with these settings:\n";
@@ -140,7 +140,7 @@ int settings(const Look_options& options) {
   }
   for (const auto& setting : setting_table)
     json["settings"].push_back(row_of(setting, running, store));
-  tools::write_output(options.json ? json.dump() + "\n" : text_of(json));
+  tools::write_output(options.json ? json.dump() + "\n" : lines_of(json));
   return 0;
 }
 

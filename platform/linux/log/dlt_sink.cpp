@@ -145,10 +145,11 @@ class Parts {
     if (argument.type == Argument_type::text) {
       put_text(argument.value);
     } else {
-      const bool integer = argument.type == Argument_type::signed_integer ||
-                           argument.type == Argument_type::unsigned_integer;
+      const bool is_integer = argument.type == Argument_type::signed_integer ||
+                              argument.type == Argument_type::unsigned_integer;
       const auto size = argument.value.size();
-      encode_number(payload_.data() + used_, integer ? of_size(argument.type, size) : argument.type,
+      encode_number(payload_.data() + used_,
+                    is_integer ? of_size(argument.type, size) : argument.type,
                     argument.value.data(), size);
       count(argument.encoded_size());
     }

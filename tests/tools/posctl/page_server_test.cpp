@@ -162,7 +162,7 @@ TEST(Marks, come_from_gpx_and_geojson) {
            {"type":"Feature","properties":{"name":"A & <b>"},"geometry":{"type":"Point","coordinates":[7.25,46.5,9]}},
            {"type":"Feature","properties":null,"geometry":null},
            {"type":"Feature","properties":{"name":"way"},"geometry":{"type":"MultiLineString","coordinates":[[[1,2],[4,3]],[[5,6]]]}}]})"}) {
-    EXPECT_EQ(json_of(marks_of(text)),
+    EXPECT_EQ(marks_json(marks_of(text)),
               Json::parse(R"({"schema":1,"marks":[{"name":"A & <b>","points":[[7.25,46.5]]},
                               {"name":"way","points":[[1.0,2.0],[4.0,3.0]]},
                               {"name":"way","points":[[5.0,6.0]]}]})"));

@@ -48,7 +48,7 @@ std::string page_of(const std::vector<Finding>& findings, bool could_look, doubl
   return page;
 }
 
-Json json_of(const std::vector<Finding>& findings, bool could_look, double seconds) {
+Json report_of(const std::vector<Finding>& findings, bool could_look, double seconds) {
   Json json{{"schema", 1}, {"seconds", seconds}, {"couldLook", could_look}};
   Json& rows = json["findings"] = Json::array();
   for (const Finding& one : findings) {
@@ -93,7 +93,7 @@ int examine(const Doctor_options& options) {
   const double seconds =
       std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
   const bool could_look = facts.after.has_value() && facts.listen_error.empty();
-  tools::write_output(options.json ? json_of(findings.all(), could_look, seconds)
+  tools::write_output(options.json ? report_of(findings.all(), could_look, seconds)
                                              .dump(-1, ' ', false, Json::error_handler_t::replace) +
                                          "\n"
                                    : page_of(findings.all(), could_look, seconds));

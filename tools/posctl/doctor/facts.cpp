@@ -10,7 +10,7 @@ using lumo::services::gnss::GNSS;
 
 namespace {
 
-const someip::Node_deployment* application_node(const std::optional<someip::Deployment>& manifest) {
+const someip::Node_deployment* node_of_application(const std::optional<someip::Deployment>& manifest) {
   if (!manifest) return nullptr;
   const auto found = std::ranges::find(manifest->nodes, "POS", &someip::Node_deployment::name);
   return found == manifest->nodes.end() ? nullptr : &*found;
@@ -43,13 +43,13 @@ std::optional<someip::Address> Facts::application_address() const {
       if (!error) return address;
     }
   }
-  const auto* const node = application_node(deployment);
+  const auto* const node = node_of_application(deployment);
   if (node == nullptr || node->addresses.empty()) return std::nullopt;
   return node->addresses.front();
 }
 
 unsigned Facts::application_prefix_length() const {
-  const auto* const node = application_node(deployment);
+  const auto* const node = node_of_application(deployment);
   return node != nullptr ? node->prefix_length : 0;
 }
 

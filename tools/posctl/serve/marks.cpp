@@ -11,7 +11,7 @@
 namespace posctl::serve {
 namespace {
 
-constexpr std::size_t most_bytes = std::size_t{16} << 20;
+constexpr std::size_t largest_file = std::size_t{16} << 20;
 constexpr std::size_t most_points = 100'000;
 
 /// Collects marks within the bound.
@@ -252,12 +252,12 @@ std::vector<Mark> marks_of(std::string_view text) {
 
 std::vector<Mark> read_marks(const std::string& path) {
   std::ifstream file(path, std::ios::binary);
-  std::string text(most_bytes + 1, '\0');
+  std::string text(largest_file + 1, '\0');
   file.read(text.data(), static_cast<std::streamsize>(text.size()));
   text.resize(static_cast<std::size_t>(file.gcount()));
   if (file.bad() || (text.empty() && !file.is_open()))
     throw std::runtime_error(path + ": cannot be read");
-  if (text.size() > most_bytes) throw std::runtime_error(path + ": more than 16 MiB");
+  if (text.size() > largest_file) throw std::runtime_error(path + ": more than 16 MiB");
   try {
     return marks_of(text);
   } catch (const std::runtime_error& error) {
@@ -265,7 +265,7 @@ std::vector<Mark> read_marks(const std::string& path) {
   }
 }
 
-Json json_of(const std::vector<Mark>& marks) {
+Json marks_json(const std::vector<Mark>& marks) {
   Json json{{"schema", 1}, {"marks", Json::array()}};
   for (const Mark& mark : marks) {
     Json points = Json::array();

@@ -25,6 +25,6 @@ struct Mark {
 [[nodiscard]] std::vector<Mark> read_marks(const std::string& path);
 
 /// {"schema": 1, "marks": [{"name": …, "points": [[longitude, latitude], …]}, …]}.
-[[nodiscard]] Json json_of(const std::vector<Mark>& marks);
+[[nodiscard]] Json marks_json(const std::vector<Mark>& marks);
 
 }  // namespace posctl::serve

@@ -175,7 +175,7 @@ int serve_page(const Serve_options& options) {
   page.token = options.token;
   if (!options.marks.empty())
     page.marks = std::make_shared<const std::string>(
-        json_of(read_marks(options.marks)).dump(-1, ' ', false, Json::error_handler_t::replace));
+        marks_json(read_marks(options.marks)).dump(-1, ' ', false, Json::error_handler_t::replace));
   tools::Stop_signal stop_signal;
   Page_feed feed(Json::object());
   Live_actor actor;
