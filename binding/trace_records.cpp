@@ -37,7 +37,7 @@ struct By_prefix {
 };
 template <class Key, class Value, class, class Allocator>
 using Prefix_map = std::map<Key, Value, By_prefix, Allocator>;
-using Trace_json = nlohmann::basic_json<Prefix_map>;
+using Record_json = nlohmann::basic_json<Prefix_map>;
 
 /// The members by which a record names its subject.
 enum class Subject : std::uint8_t {
@@ -99,18 +99,18 @@ const Record_kind& kind_of(Trace_id id) {
   return kinds.at(static_cast<std::size_t>(id));
 }
 
-class Json_builder final : public mw::com::cpp_binding::Trace_json {
+class Json_builder final : public mw::com::cpp_binding::Record_json {
  public:
   void uint8(unsigned position, std::uint8_t value) override { put(position, "uint8", value); }
   void uint16(unsigned position, std::uint16_t value) override { put(position, "uint16", value); }
   void undefined(unsigned position) override { put(position, "undefined_type", "undefined_type"); }
   void begin(unsigned position, std::string_view kind) override {
     auto& inner = (*open_.back())[key(position, kind)];
-    inner = Trace_json::object();
+    inner = Record_json::object();
     open_.push_back(&inner);
   }
   void end() override { open_.pop_back(); }
-  [[nodiscard]] Trace_json take() { return std::move(root_); }
+  [[nodiscard]] Record_json take() { return std::move(root_); }
 
  private:
   static std::string key(unsigned position, std::string_view kind) {
@@ -121,19 +121,19 @@ class Json_builder final : public mw::com::cpp_binding::Trace_json {
     (*open_.back())[key(position, kind)] = value;
   }
 
-  Trace_json root_ = Trace_json::object();
-  std::vector<Trace_json*> open_{
+  Record_json root_ = Record_json::object();
+  std::vector<Record_json*> open_{
       &root_};  ///< std::map keeps its values in place while others are added
 };
 
-Trace_json instance_object(std::string_view text) {
+Record_json instance_object(std::string_view text) {
   return {{"1_id", "Instance_id"}, {"2_string", std::string{text}}};
 }
 
-void add_subject(Trace_json& record, Subject subject, const Trace_event& event) {
+void add_subject(Record_json& record, Subject subject, const Trace_event& event) {
   const auto service = [&](const char* text_key) {
     record["2_service_id"] =
-        Trace_json{{"1_id", "Service_id"}, {text_key, std::string{event.service}}};
+        Record_json{{"1_id", "Service_id"}, {text_key, std::string{event.service}}};
   };
   switch (subject) {
     case Subject::service_and_instance:
@@ -172,7 +172,7 @@ std::string_view name_of(Trace_id id) {
 
 std::string line_of(const Trace_event& event) {
   const auto& kind = kind_of(event.id);
-  Trace_json record = Trace_json::object();
+  Record_json record = Record_json::object();
   record["1_id"] = std::string{kind.name};
   add_subject(record, kind.subject, event);
   if (!kind.element_key.empty()) record[std::string{kind.element_key}] = event.element;
@@ -184,7 +184,7 @@ std::string line_of(const Trace_event& event) {
   }
   if (!kind.time_key.empty()) record[std::string{kind.time_key}] = event.duration.count();
 
-  Trace_json line = Trace_json::object();
+  Record_json line = Record_json::object();
   line["1_incident"] = std::move(record);
   if (event.payload.describe != nullptr) {
     Json_builder payload;
