@@ -99,7 +99,7 @@ const Record_kind& kind_of(Trace_id id) {
   return kinds.at(static_cast<std::size_t>(id));
 }
 
-class Json_builder final : public mw::com::cpp_binding::Record_json {
+class Json_builder final : public mw::com::cpp_binding::Trace_json {
  public:
   void uint8(unsigned position, std::uint8_t value) override { put(position, "uint8", value); }
   void uint16(unsigned position, std::uint16_t value) override { put(position, "uint16", value); }

@@ -10,7 +10,8 @@ using lumo::services::gnss::GNSS;
 
 namespace {
 
-const someip::Node_deployment* node_of_application(const std::optional<someip::Deployment>& manifest) {
+const someip::Node_deployment* node_of_application(
+    const std::optional<someip::Deployment>& manifest) {
   if (!manifest) return nullptr;
   const auto found = std::ranges::find(manifest->nodes, "POS", &someip::Node_deployment::name);
   return found == manifest->nodes.end() ? nullptr : &*found;
