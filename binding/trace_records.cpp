@@ -170,7 +170,7 @@ std::string_view name_of(Trace_id id) {
   return kind_of(id).name;
 }
 
-std::string line_of(const Trace_event& event) {
+std::string to_json(const Trace_event& event) {
   const auto& kind = kind_of(event.id);
   Record_json record = Record_json::object();
   record["1_id"] = std::string{kind.name};
@@ -209,7 +209,7 @@ bool Trace_records::is_enabled(Trace_id id) const noexcept {
 void Trace_records::write(const Trace_event& event) noexcept {
   std::string text;
   try {
-    text = line_of(event);
+    text = to_json(event);
   } catch (...) {
     // Tracing never lets the traced operation fail; the empty line shows that a record is missing.
     text.clear();
