@@ -14,21 +14,20 @@ namespace posctl {
 
 namespace {
 
-using doctor::Finding;
 using doctor::Severity;
 
 constexpr int exit_findings = 1;
 constexpr int exit_could_not_look = 2;
 
-std::string paragraph(const Finding& one) {
+std::string paragraph(const doctor::Finding& one) {
   const bool fault = one.severity == Severity::fault;
   return (fault ? "FAULT " : "note ") + one.check + ": " + one.text +
          "\n  known by: " + one.evidence + "\n  " + (fault ? "mend: " : "if needed: ") + one.cure +
          "\n";
 }
 
-std::string page_of(const std::vector<Finding>& findings, bool could_look, double seconds) {
-  const auto faults = std::ranges::count(findings, Severity::fault, &Finding::severity);
+std::string page_of(const std::vector<doctor::Finding>& findings, bool could_look, double seconds) {
+  const auto faults = std::ranges::count(findings, Severity::fault, &doctor::Finding::severity);
   char head[96];
   if (faults == 0) {
     std::snprintf(
@@ -41,17 +40,17 @@ std::string page_of(const std::vector<Finding>& findings, bool could_look, doubl
   }
   std::string page = head;
   for (const auto severity : {Severity::fault, Severity::note}) {
-    for (const Finding& one : findings) {
+    for (const doctor::Finding& one : findings) {
       if (one.severity == severity) page += "\n" + paragraph(one);
     }
   }
   return page;
 }
 
-Json report_of(const std::vector<Finding>& findings, bool could_look, double seconds) {
+Json report_of(const std::vector<doctor::Finding>& findings, bool could_look, double seconds) {
   Json json{{"schema", 1}, {"seconds", seconds}, {"couldLook", could_look}};
   Json& rows = json["findings"] = Json::array();
-  for (const Finding& one : findings) {
+  for (const doctor::Finding& one : findings) {
     rows.push_back({{"check", one.check},
                     {"severity", one.severity == Severity::fault ? "fault" : "note"},
                     {"text", one.text},
@@ -97,7 +96,7 @@ int examine(const Doctor_options& options) {
                                              .dump(-1, ' ', false, Json::error_handler_t::replace) +
                                          "\n"
                                    : page_of(findings.all(), could_look, seconds));
-  if (std::ranges::find(findings.all(), Severity::fault, &Finding::severity) !=
+  if (std::ranges::find(findings.all(), Severity::fault, &doctor::Finding::severity) !=
       findings.all().end())
     return exit_findings;
   return could_look ? 0 : exit_could_not_look;
