@@ -136,7 +136,7 @@ std::optional<Sentence> parse(std::string_view line, Counters& counters) {
   }
   if (!content) return std::nullopt;
   ++counters.sentences;
-  return Sentence{reader->type, reader->talker, std::move(*content)};
+  return Sentence{reader->type, reader->talker, *content};
 }
 
 }  // namespace nmea

@@ -118,6 +118,7 @@ std::uint16_t monitor_instance(const std::string& text) {
     }
   }
   std::vector<std::string_view> names;
+  names.reserve(monitor_table.size());
   for (const auto& monitor : monitor_table)
     names.push_back(monitor.name);
   throw tools::Usage_error("there is no monitor \"" + text +

@@ -246,6 +246,7 @@ std::string output_of(const std::vector<std::string>& command) {
   posix_spawn_file_actions_adddup2(&actions, pipe[1], STDOUT_FILENO);
   posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
   std::vector<char*> arguments;
+  arguments.reserve(command.size() + 1);
   for (const std::string& one : command)
     arguments.push_back(const_cast<char*>(one.c_str()));  // posix_spawn() only reads them
   arguments.push_back(nullptr);

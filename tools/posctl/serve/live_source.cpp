@@ -32,11 +32,8 @@ namespace {
 
 using binding::Statistics;
 using binding::Statistics_proxy;
-using lumo::services::gnss::GNSS;
 using lumo::services::gnss::proxy::GNSSProxy;
-using lumo::services::positioning::Positioning;
 using lumo::services::positioning::proxy::PositioningProxy;
-using lumo::services::time::Time;
 using lumo::services::time::proxy::TimeProxy;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
