@@ -28,8 +28,8 @@ foreach(file IN LISTS files)
   endif()
   file(SHA256 ${FOLDER}/${file} hash)
   string(SUBSTRING ${hash} 0 16 hash)
-  file(ARCHIVE_CREATE OUTPUT ${OUTPUT}.gz PATHS ${FOLDER}/${file} FORMAT raw COMPRESSION GZip COMPRESSION_LEVEL 9
-       MTIME "1970-01-01 00:00:00")
+  # file(ARCHIVE_CREATE) writes the present time, and no build would equal the one before.
+  execute_process(COMMAND gzip -9 --no-name --stdout ${FOLDER}/${file} OUTPUT_FILE ${OUTPUT}.gz COMMAND_ERROR_IS_FATAL ANY)
   file(SIZE ${FOLDER}/${file} plain_size)
   file(SIZE ${OUTPUT}.gz packed_size)
   as_array(${FOLDER}/${file} plain_${number} array)
