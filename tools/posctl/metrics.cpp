@@ -31,28 +31,28 @@ struct Metric {
 };
 
 /// A member of a part of the look, divided to the base unit.
-template <auto part, auto member, std::uint64_t divisor = 1>
+template <auto Part, auto Member, std::uint64_t Divisor = 1>
 void value(const Look& look, Samples& samples) {
-  if (!(look.*part)) return;
-  const auto number = (*(look.*part)).*member;
-  if constexpr (divisor == 1) {
+  if (!(look.*Part)) return;
+  const auto number = (*(look.*Part)).*Member;
+  if constexpr (Divisor == 1) {
     samples.add(number);
   } else {
-    samples.add(static_cast<double>(number) / divisor);
+    samples.add(static_cast<double>(number) / Divisor);
   }
 }
 
 /// The state of the clock while it is synchronised.
-template <auto member, std::uint64_t divisor = 1>
+template <auto Member, std::uint64_t Divisor = 1>
 void clock_value(const Look& look, Samples& samples) {
-  if (look.clock && look.clock->synchronised) value<&Look::clock, member, divisor>(look, samples);
+  if (look.clock && look.clock->synchronised) value<&Look::clock, Member, Divisor>(look, samples);
 }
 
 /// A member of the last position.
-template <auto member>
+template <auto Member>
 void of_position(const Look& look, Samples& samples) {
   if (!look.positions || look.positions->empty()) return;
-  if (const auto& value = look.positions->back().*member) samples.add(*value);
+  if (const auto& value = look.positions->back().*Member) samples.add(*value);
 }
 
 void position_time(const Look& look, Samples& samples) {
@@ -103,10 +103,10 @@ void stamp_faults(const Look& look, Samples& samples) {
 }
 
 /// One series for each status: 1 for the present one.
-template <auto part>
+template <auto Part>
 void statuses(const Look& look, Samples& samples) {
-  if (!(look.*part)) return;
-  const Json bytes = explain(*(look.*part));
+  if (!(look.*Part)) return;
+  const Json bytes = explain(*(look.*Part));
   for (const auto& [name, byte] : bytes.items()) {
     const auto present = byte.template get<std::uint8_t>();
     for (std::uint8_t status = 0; status <= diagnosisService::Status::not_available; ++status)
@@ -167,14 +167,14 @@ std::string id(std::uint16_t number) {
 }
 
 /// The number of clients of each offered instance that have subscribed, or were refused.
-template <bool subscribed>
+template <bool Subscribed>
 void subscribers(const Look& look, Samples& samples) {
   if (!look.peers) return;
   for (const auto& offered : look.peers->offered) {
     std::uint64_t count = 0;
     for (const auto& one : look.peers->subscribers) {
       count += one.serviceId == offered.serviceId && one.instance == offered.instance &&
-               one.subscribed == subscribed;
+               one.subscribed == Subscribed;
     }
     samples.add(count, {{"service", offered.service}, {"instance", id(offered.instance)}});
   }
@@ -229,10 +229,10 @@ std::string snake_case(std::string_view name) {
 constexpr std::array<std::string_view, 2> prefixes_with_cause{"dropped", "refused"};
 
 /// The counters with a prefix, by their cause.
-template <std::size_t prefix>
+template <std::size_t Prefix>
 void with_cause(const Look& look, Samples& samples) {
   if (!look.counters) return;
-  constexpr auto text = prefixes_with_cause[prefix];
+  constexpr auto text = prefixes_with_cause[Prefix];
   for (const auto& [name, value] : *look.counters) {
     if (name.starts_with(text))
       samples.add(value, {{"cause", snake_case(std::string_view(name).substr(text.size()))}});
