@@ -80,13 +80,15 @@ def files_of(root):
 class Folder:
     """In place of a machine for programs that this processor cannot run as its first process."""
 
+    # Of each command alone, so that nothing of this machine lies in the folder when it is removed.
+    MOUNTED = 'for name in proc dev; do mount --rbind "/$name" "$0/$name"; done; exec chroot "$0" "$@"'
+
     def __init__(self, root):
         self.root = root
-        for name in ("proc", "dev"):
-            subprocess.run(["mount", "--rbind", f"/{name}", root / name], check=True)
 
     def run(self, *command, **options):
-        return subprocess.run(["chroot", self.root, *command], check=False, text=True, stdin=subprocess.DEVNULL, **options)
+        return subprocess.run(["unshare", "--mount", "sh", "-ec", self.MOUNTED, self.root, *command], check=False,
+                              text=True, stdin=subprocess.DEVNULL, **options)
 
 
 class Package(unittest.TestCase):
