@@ -102,6 +102,7 @@ const Setting& setting_named(const std::string& key) {
   const auto* const found = std::ranges::find(setting_table, key, &Setting::key);
   if (found != setting_table.end()) return *found;
   std::vector<std::string_view> names;
+  names.reserve(setting_table.size());
   for (const auto& one : setting_table)
     names.push_back(one.key);
   throw tools::Usage_error("there is no setting \"" + key + "\"" + did_you_mean(key, names) +
