@@ -37,7 +37,7 @@ struct By_prefix {
 };
 template <class Key, class Value, class, class Allocator>
 using Prefix_map = std::map<Key, Value, By_prefix, Allocator>;
-using Record_json = nlohmann::basic_json<Prefix_map>;
+using Json = nlohmann::basic_json<Prefix_map>;
 
 /// The members by which a record names its subject.
 enum class Subject : std::uint8_t {
@@ -106,11 +106,11 @@ class Json_builder final : public mw::com::cpp_binding::Trace_json {
   void undefined(unsigned position) override { put(position, "undefined_type", "undefined_type"); }
   void begin(unsigned position, std::string_view kind) override {
     auto& inner = (*open_.back())[key(position, kind)];
-    inner = Record_json::object();
+    inner = Json::object();
     open_.push_back(&inner);
   }
   void end() override { open_.pop_back(); }
-  [[nodiscard]] Record_json take() { return std::move(root_); }
+  [[nodiscard]] Json take() { return std::move(root_); }
 
  private:
   static std::string key(unsigned position, std::string_view kind) {
@@ -121,19 +121,17 @@ class Json_builder final : public mw::com::cpp_binding::Trace_json {
     (*open_.back())[key(position, kind)] = value;
   }
 
-  Record_json root_ = Record_json::object();
-  std::vector<Record_json*> open_{
-      &root_};  ///< std::map keeps its values in place while others are added
+  Json root_ = Json::object();
+  std::vector<Json*> open_{&root_};  ///< std::map keeps its values in place while others are added
 };
 
-Record_json instance_object(std::string_view text) {
+Json instance_object(std::string_view text) {
   return {{"1_id", "Instance_id"}, {"2_string", std::string{text}}};
 }
 
-void add_subject(Record_json& record, Subject subject, const Trace_event& event) {
+void add_subject(Json& record, Subject subject, const Trace_event& event) {
   const auto service = [&](const char* text_key) {
-    record["2_service_id"] =
-        Record_json{{"1_id", "Service_id"}, {text_key, std::string{event.service}}};
+    record["2_service_id"] = Json{{"1_id", "Service_id"}, {text_key, std::string{event.service}}};
   };
   switch (subject) {
     case Subject::service_and_instance:
@@ -172,7 +170,7 @@ std::string_view name_of(Trace_id id) {
 
 std::string to_json(const Trace_event& event) {
   const auto& kind = kind_of(event.id);
-  Record_json record = Record_json::object();
+  Json record = Json::object();
   record["1_id"] = std::string{kind.name};
   add_subject(record, kind.subject, event);
   if (!kind.element_key.empty()) record[std::string{kind.element_key}] = event.element;
@@ -184,7 +182,7 @@ std::string to_json(const Trace_event& event) {
   }
   if (!kind.time_key.empty()) record[std::string{kind.time_key}] = event.duration.count();
 
-  Record_json line = Record_json::object();
+  Json line = Json::object();
   line["1_incident"] = std::move(record);
   if (event.payload.describe != nullptr) {
     Json_builder payload;
