@@ -32,7 +32,8 @@ class Lasting_way {
   Lasting_way(Choices choices, Make make) : choices_{std::move(choices)}, make_{std::move(make)} {}
 
   /// Takes the first way that can be taken. Keeps the present one, and its Look, if that is the
-  /// first, or if none can be opened. If the Look of an opened way cannot be made, there is none.
+  /// first, or if none can be opened. If the Look of an opened way cannot be made, the present one
+  /// is gone and the next way is tried.
   /// Reports each new problem on standard error. Throws tools::Usage_error.
   void renew() {
     std::string problem;

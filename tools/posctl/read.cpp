@@ -71,13 +71,13 @@ Json read(Deadline deadline) {
   return json;
 }
 
-struct Entry {
+struct Readable_identifier {
   std::string_view did;  ///< such as "d_14a0"
   Json (*read)(Deadline);
 };
 
-std::vector<Entry> entries() {
-  std::vector<Entry> all;
+std::vector<Readable_identifier> entries() {
+  std::vector<Readable_identifier> all;
   for_each_interface<Data_identifiers>([&]<class Interface>() {
     all.push_back({identifier_of(Interface::name), read<Interface>});
   });
@@ -94,14 +94,14 @@ std::string normalized(std::string did) {
   return "d_" + did;
 }
 
-std::vector<Entry> wanted(const std::string& name) {
+std::vector<Readable_identifier> wanted(const std::string& name) {
   const auto all = entries();
   if (name == "all") return all;
-  const auto found = std::ranges::find(all, normalized(name), &Entry::did);
+  const auto found = std::ranges::find(all, normalized(name), &Readable_identifier::did);
   if (found != all.end()) return {*found};
   std::string known;
   std::vector<std::string_view> names;
-  for (const Entry& one : all) {
+  for (const Readable_identifier& one : all) {
     known.append(known.empty() ? "" : ", ").append(one.did);
     names.push_back(one.did);
   }
@@ -137,7 +137,7 @@ int read(const Read_options& options) {
   const Json answers = on_the_way(options.way, [&] {
     const auto deadline = deadline_in(options.timeout);
     Json all = Json::array();
-    for (const Entry& entry : which)
+    for (const Readable_identifier& entry : which)
       all.push_back(entry.read(deadline));
     return all;
   });

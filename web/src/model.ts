@@ -117,6 +117,7 @@ export class Model implements Sink {
       this.lost_since = connection.since;
       this.interrupt();
     }
+    if (connection.state === "open") this.skew = undefined;
     this.connection = connection;
     this.tell("connection");
   }
@@ -141,7 +142,7 @@ export class Model implements Sink {
     const more = skew - (this.skew ?? Infinity);
     // What a snapshot repeats is old; only if everything is, the server's clock was set back.
     this.old_frames = more > 2000 ? this.old_frames + 1 : 0;
-    if (frame.topic === "hello" || this.old_frames > 50) this.skew = skew;
+    if (this.old_frames > 50) this.skew = skew;
     else if (more < 0) this.skew = skew;
     else if (more < 2000) this.skew! += more / 1000;
   }
