@@ -153,15 +153,6 @@ TYPED_TEST(Every_record, round_trips_with_any_members_in_any_order_into_a_used_s
   EXPECT_TRUE(encoded(slot).empty());
 }
 
-TYPED_TEST(Every_record, travels_in_lists_of_any_length) {
-  for (std::size_t count = 0; count < 20; ++count) {
-    const auto bytes = encoded(std::vector(count, filled<TypeParam>()));
-    const auto back = decoded<std::vector<TypeParam>>(bytes);
-    EXPECT_EQ(back.size(), count);
-    EXPECT_EQ(encoded(back), bytes);
-  }
-}
-
 TYPED_TEST(Every_record, takes_the_memory_of_its_elements_in_the_longest_list_of_empty_ones) {
   constexpr std::size_t most = binding::max_list_bytes / sizeof(TypeParam);
   const auto decoded_into = [](std::vector<TypeParam>& records, std::size_t count, bool cut) {

@@ -54,16 +54,6 @@ class Gnss_client : public ::testing::Test {
   std::vector<std::size_t> satellites_;
 };
 
-TEST_F(Gnss_client, survives_a_callback_that_throws_and_stops) {
-  connect();
-  client_.set_position_callback([](const Position&) { throw std::runtime_error{"no"}; });
-  runtime_.notify("positions", std::vector{sample(1, 1)});
-  client_.stop();
-  EXPECT_FALSE(runtime_.searches());
-  for (const auto* field : {"positions", "positionsQuality", "posGnssSatInfos"})
-    EXPECT_FALSE(runtime_.subscribed(field)) << field;
-}
-
 TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told_to_restamp) {
   connect();
   auto last = sample(1, 2);

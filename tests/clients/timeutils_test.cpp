@@ -2,11 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include <chrono>
-#include <cstdlib>
-
 #include "tests/clients/fixed_time.h"
-#include "tests/support/capture.h"
 
 namespace {
 
@@ -36,16 +32,6 @@ TEST(Timeutils, expands_31_bits_to_the_period_within_five_days_of_the_last_read_
   }
   EXPECT_EQ(Fixed_time{}.expand_31_bit_ms_to_us(9), 9U * 1000);
   EXPECT_EQ(timeutils::absolute_difference(0, ~0ULL), ~0ULL);
-}
-
-TEST(Timeutils, throws_when_there_is_no_time_base_and_is_created_once_there_is) {
-  const test::Capture capture;
-  ASSERT_EQ(setenv("POS_TIME_BASE", "CLOCK_OF_NOBODY", 1), 0);
-  EXPECT_THROW(static_cast<void>(timeutils::instance()), std::runtime_error);
-  ASSERT_EQ(setenv("POS_TIME_BASE", "CLOCK_REALTIME", 1), 0);
-  const std::chrono::sys_time<std::chrono::microseconds> now{
-      std::chrono::microseconds{timeutils::instance().current_time_us()}};
-  EXPECT_LT(std::chrono::abs(std::chrono::system_clock::now() - now), std::chrono::seconds{10});
 }
 
 }  // namespace

@@ -1,7 +1,6 @@
 """Discovery behaviour on the wire: subscribing, restarts, the end, the loss of the link. What depends on time
 alone is in tests/someip/discovery_test.cpp."""
 
-import contextlib
 import ctypes
 import subprocess
 
@@ -91,15 +90,18 @@ class DiscoveryBehaviour(suite.Group):
                 host.do("event first tick 02")
                 self.settled(host, peer)
             return host.count("subscriptionsClosed")
+        may_forge = True
         for says, code, port, quote in (
                 (self.network.address(9, 99), 3, events.port, event), (peer.address, 3, events.port + 1, event),
                 (peer.address, 3, events.port, answer), (peer.address, 3, events.port, b""),
                 (peer.address, 1, events.port, event)):  # the host cannot be reached
             returned = IP(src=host.address, dst=peer.address) / UDP(sport=VEHICLE_PORT, dport=port) / quote
-            with (contextlib.suppress(PermissionError),  # to make raw sockets
-                  socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as icmp):
-                icmp.bind((says, 0))
-                icmp.sendto(bytes(ICMP(type=3, code=code) / returned), (host.address, 0))
+            try:
+                with socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP) as icmp:
+                    icmp.bind((says, 0))
+                    icmp.sendto(bytes(ICMP(type=3, code=code) / returned), (host.address, 0))
+            except PermissionError:
+                may_forge = False
             self.assertEqual(closed(), 0)
         self.assertEqual(len(events.messages), 1 + 5 * 2)
         events.close()
@@ -107,6 +109,8 @@ class DiscoveryBehaviour(suite.Group):
         self.assertEqual(closed(), 1)
         again = peer.socket(events.port)
         self.assertEqual((closed(), again.messages), (1, []))
+        if not may_forge:
+            self.skipTest("forged reports need raw sockets; true ones were believed")
 
     # Restarts of peers
 

@@ -19,7 +19,6 @@
 #include <boost/algorithm/hex.hpp>
 #include <cstdio>
 #include <exception>
-#include <functional>
 #include <iostream>
 #include <iterator>
 #include <map>

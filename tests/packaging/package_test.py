@@ -42,6 +42,7 @@ def make_root(folder):
                         "--skip=cleanup/apt", "bookworm", kept.with_suffix(".new.tar")], check=True)
         kept.with_suffix(".new.tar").rename(kept)
     subprocess.run(["tar", "--extract", "--file", kept, "--directory", folder], check=True)
+    (folder / "etc/resolv.conf").unlink(missing_ok=True)  # may be a link that leads out of the folder
     shutil.copy("/etc/resolv.conf", folder / "etc/resolv.conf")
     (folder / "offered").mkdir()
     for package in (*packages_in(PACKAGES), SDK):
@@ -80,14 +81,20 @@ def files_of(root):
 class Folder:
     """In place of a machine for programs that this processor cannot run as its first process."""
 
-    # Of each command alone, so that nothing of this machine lies in the folder when it is removed.
-    MOUNTED = 'for name in proc dev; do mount --rbind "/$name" "$0/$name"; done; exec chroot "$0" "$@"'
+    # Each command has its own mounts and processes: nothing of this machine lies in the folder when it is removed, and
+    # nothing that a command started outlives it.
+    MOUNTED = """
+        mount -t proc proc "$0/proc"
+        mount -t tmpfs tmpfs "$0/dev"
+        for device in null zero full random urandom tty; do cp -a "/dev/$device" "$0/dev"; done
+        mkdir "$0/dev/shm"
+        exec chroot "$0" "$@" """
 
     def __init__(self, root):
         self.root = root
 
     def run(self, *command, **options):
-        return subprocess.run(["unshare", "--mount", "sh", "-ec", self.MOUNTED, self.root, *command], check=False,
+        return subprocess.run(["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-ec", self.MOUNTED, self.root, *command], check=False,
                               text=True, stdin=subprocess.DEVNULL, **options)
 
 

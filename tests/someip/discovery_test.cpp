@@ -349,7 +349,10 @@ TEST_F(Discovery_test, what_the_process_does_in_a_row_travels_together_in_its_or
   unsubscribe();
   EXPECT_EQ(says(find()), "1200 to 2: stop r1/7 offer v2") << "as much as fits into a datagram";
   unsubscribe(value);
+  happened();
   link(false);
+  EXPECT_EQ(happened(), "1200 lost r1 | 1200 lost r2");
+  EXPECT_EQ(says(offered()) + happened(), "") << "nothing is heard without a link";
   EXPECT_EQ(until(1300).find("to 2"), std::string::npos);
   link(true);
   says(offered());

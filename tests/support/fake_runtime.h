@@ -20,9 +20,6 @@ class Fake_runtime final : public Played_runtime {
 
   // The consumed side: one service at a time, on the test's thread.
 
-  [[nodiscard]] bool subscribed(const std::string& element) const {
-    return notifications_.contains(element);
-  }
   void notify_bytes(const std::string& element, tq::com::Payload payload) {
     notifications_.at(element)(payload);
   }

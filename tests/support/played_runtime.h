@@ -19,7 +19,6 @@ class Played_runtime : public tq::com::Runtime {
 
   /// Gives the running search a result: these instances of the service that was asked for last.
   void find(std::initializer_list<std::uint16_t> instances);
-  [[nodiscard]] bool searches() const { return find_handler_ != nullptr; }
 
   void require(std::string_view, std::span<const tq::com::Element>) const override {}
   tq::com::Find_token start_find_service(std::string_view service,

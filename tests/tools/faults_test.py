@@ -132,7 +132,6 @@ MONITORS = {"GNSS": "POS_Input_GNSS", "DR": "POS_Output_DeadReckoning"}
 # Also what ends the fault before, and a subscription that crosses a withdrawn offer.
 ROUTINE = re.compile(r"Sending |REPLACING|is being sent as MM|sendEvent\(\)|###### position|has restarted| TRCE |"
                      r"prev status = Error , new status = Nominal|refuses the subscription")
-NO_COORDINATES = "positions without coordinates"
 
 
 def rows_of_the_page():
