@@ -35,9 +35,9 @@ def with_and_without_lists(test):
 class Attacks(suite.Group):
     application = False
 
-    def consumer(self, *commands, **options):
+    def consumer(self, *commands):
         """The host uses an instance of the friend's, which it has found; returns also where that is."""
-        host = self.host("find Remote", *commands, **self.settings, **options)
+        host = self.host("find Remote", *commands, **self.settings)
         server = self.friend.socket(SERVER_PORT)
         server.service = "Remote"
         self.offer(self.friend, server, host)

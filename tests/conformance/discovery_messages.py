@@ -116,9 +116,9 @@ class DiscoveryMessages(suite.Group):
             offered = peer.entry(OFFER, service)
             host.do(f"stop {specifier}")
             stopped = peer.entry(OFFER, service, ttl=0)
-            self.assertEqual(peer.call(host, VEHICLE, ECHO).code, 0x02, "like an unknown service")
             for field in ("instance", "major", "minor", "endpoints", "multicast"):
                 self.assertEqual(getattr(stopped, field), getattr(offered, field), field)
+        self.assertEqual(peer.call(host, VEHICLE, ECHO).code, 0x02, "like an unknown service")
 
     def test_subscribe(self):
         host, peer, server = self.remote()

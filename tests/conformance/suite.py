@@ -95,13 +95,13 @@ class Group(unittest.TestCase):
 
     # The host as client
 
-    def remote(self, *commands, service="Remote", flags=net.REBOOT | net.UNICAST, ttl=net.ENDLESS, **options):
+    def remote(self, *commands, service="Remote", **options):
         """The host knows a service of the peer's; returns also where its requests come."""
-        peer = self.peer(flags=flags)
+        peer = self.peer()
         host = self.host(f"find {service}", **options)
         server = (peer.listener if service == "RemoteStream" else peer.socket)(SERVER_PORT)
         server.service = service
-        self.offer(peer, server, ttl=ttl)
+        self.offer(peer, server)
         host.said(f"found {service} 1")
         host.do(*commands)
         return host, peer, server
@@ -110,10 +110,10 @@ class Group(unittest.TestCase):
         """The peer offers, or stops to offer, what remote() has made."""
         peer.tell(net.offer(REMOTE_IDS[server.service], **fields), [net.endpoint(server)], to)
 
-    def renewed(self, peer, server, to=None):
+    def renewed(self, peer, server):
         """Offers again; returns the entries of the message that the host subscribes with."""
         known = len(peer.unicast.entries)
-        self.offer(peer, server, to)
+        self.offer(peer, server)
         self.network.wait(lambda: len(peer.unicast.entries) > known, "subscription")
         return peer.unicast.entries[known:]
 
@@ -196,7 +196,8 @@ def main(group):
         test, _, elsewhere = name.partition(" of ")
         if elsewhere:
             files = (SOURCE / "tests").glob(f"*/{elsewhere}.*")
-            assert any(re.search(rf"\b{test}\b", file.read_text(encoding="utf-8")) for file in files), name
+            defined = rf"def {test}\(|TEST\w*\(\s*\w+,\s*{test}\)"
+            assert any(re.search(defined, file.read_text(encoding="utf-8")) for file in files), name
         elif test:
             tested.setdefault(test, []).append(text)
     names = {name for name in dir(group) if name.startswith("test_")}

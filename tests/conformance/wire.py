@@ -77,9 +77,9 @@ class Wire(suite.Group):
 
     # Unicast and multicast
 
-    def group_host(self, last, *commands, **options):
+    def group_host(self, last, *commands):
         """The host with its group service, two peers, and the group with that last number of its address."""
-        host = self.host("offer group", *commands, **options)
+        host = self.host("offer group", *commands)
         peers = [self.peer() for _ in range(2)]
         peers[0].entry(OFFER, GROUP)
         return host, peers, peers[0].socket(group=(f"239.195.{self.network.number}.{last}", MULTICAST_PORT))

@@ -48,7 +48,7 @@ std::vector<std::size_t> read(Stream_reader& reader, const Buffer& stream, std::
   return sizes;
 }
 
-TEST(Stream, finds_the_next_message_behind_a_magic_cookie_someip_586) {
+TEST(Stream, finds_the_next_message_behind_a_magic_cookie) {
   const auto cookie = magic_cookie(true);
   const Buffer torn_cookies = joined({{cookie.begin(), cookie.begin() + 9},
                                       {cookie.begin(), cookie.begin() + 12},
