@@ -100,7 +100,7 @@ def main(source, buildinfo):
         for other in sorted(owners(read)):
             relate(ours, "CONTAINS", find(other, architecture) or find(other, building))
         for depended in re.findall(r"([a-z0-9][a-z0-9+.-]+)(?: \([^)]*\))?", field(control, "Depends")):
-            if other := find(depended, architecture):
+            if other := find(depended, architecture) or find(depended, building):
                 relate(ours, "DEPENDS_ON", other)
         if package == "pos-tools":
             for place, of_page in json.loads((source / "web/package-lock.json").read_text())["packages"].items():

@@ -23,7 +23,7 @@ APT = ("env", "DEBIAN_FRONTEND=noninteractive", "LC_ALL=C.UTF-8", "apt-get", "--
        "--option=Dpkg::Options::=--force-confold", "--yes")
 # Grows with everything that apt and systemd do, whatever the package.
 OF_THE_MACHINE = ("dev", "old", "proc", "run", "sys", "tmp", "offered", "newer", "var/cache", "var/log", "var/lib/apt",
-                  "var/lib/dpkg", "var/lib/systemd", "var/tmp")
+                  "var/lib/dpkg", "var/tmp")
 
 
 def packages_in(folder):
@@ -31,6 +31,7 @@ def packages_in(folder):
 
 
 SDK = next(PACKAGES.glob(f"adaptive-platform-linux-dev_*_{ARCHITECTURE}.deb"))
+PAGE = pathlib.Path(__file__).resolve().parents[2] / "docs/installing.md"
 COMPILER = ("--no-install-recommends", "g++", "cmake", "make")
 
 
@@ -56,15 +57,15 @@ def make_root(folder):
 
 
 def make_newer(folder):
-    """The same packages as a later version, whose delivered environment differs."""
+    """The same packages as a later version, whose delivered configuration differs in each file."""
     (folder / "newer").mkdir()
     for package in packages_in(PACKAGES):
         with tempfile.TemporaryDirectory() as unpacked:
             subprocess.run(["dpkg-deb", "--raw-extract", package, unpacked], check=True)
             control = pathlib.Path(unpacked, "DEBIAN/control")
             control.write_text(control.read_text().replace("\nVersion: ", "\nVersion: 99."))
-            for environment in pathlib.Path(unpacked).glob("etc/pos/*.env"):
-                environment.write_text(environment.read_text() + "# Of the later version.\n")
+            for file in pathlib.Path(unpacked, "etc/pos").rglob("*.*"):
+                file.write_text(file.read_text() + ("# Of the later version.\n" if file.suffix == ".env" else "\n"))
             subprocess.run(["dpkg-deb", "--root-owner-group", "--build", unpacked, folder / "newer" / package.name],
                            check=True, stdout=subprocess.DEVNULL)
 
@@ -94,8 +95,8 @@ class Folder:
         self.root = root
 
     def run(self, *command, **options):
-        return subprocess.run(["unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-ec", self.MOUNTED, self.root, *command], check=False,
-                              text=True, stdin=subprocess.DEVNULL, **options)
+        own = ("unshare", "--mount", "--pid", "--fork", "--kill-child", "sh", "-ec", self.MOUNTED, self.root)
+        return subprocess.run([*own, *command], check=False, text=True, stdin=subprocess.DEVNULL, **options)
 
 
 class Package(unittest.TestCase):
@@ -110,6 +111,18 @@ class Package(unittest.TestCase):
 
     def install(self, folder):
         self.do(*APT, "install", *(f"/{folder}/{file.name}" for file in packages_in(PACKAGES)))
+
+    def journal(self):
+        return self.machine.do("journalctl", "--output", "cat", "--unit", "pos")
+
+    def move_to_another_network(self):
+        """By the page's line."""
+        for node in (10, 20, 30):
+            self.do("ip", "address", "add", f"192.168.7.{node}/24", "dev", "lo")
+        self.do("sh", "-ec", re.search("^sed -i .*/etc/pos/manifest.json.*$", PAGE.read_text(), re.MULTILINE)[0])
+        self.do("systemctl", "restart", "gnss-gateway@drive")
+        self.do("posctl", "watch", "--count", "3")
+        self.assertIn("192.168.7.20", self.do("posctl", "peers"))
 
     def build_the_example(self):
         """With the installed SDK, and beside the installed application."""
@@ -187,10 +200,15 @@ class Package(unittest.TestCase):
         self.do("systemctl", "start", "gnss-gateway@drive")
         self.do("posctl", "watch", "--count", "3")
         self.do("systemctl", "is-active", "gnss-gateway@drive")
+        before = self.journal()
+        self.assertIn("lumo::services::gnss::GNSS", before)
+        self.do("posctl", "watch", "--count", "20")
+        self.assertEqual(self.journal(), before, "nothing while positions flow")
         self.assertEqual(json.loads(self.machine.do("posctl", "describe", "--json"))["manifest"], "/etc/pos/manifest.json")
         self.assertRegex(self.do("posctl", "settings"), r"recievedGNSSDataLogging +false")
         self.assertEqual(self.do("posctl", "state", "kPrepSD"), "kPrepSD confirmed with result 0")
         self.build_the_example()
+        self.move_to_another_network()
 
         edited = {}
         for name, old, new in (("manifest.json", '"cyclicOfferDelayMs": 1000', '"cyclicOfferDelayMs": 900'),
