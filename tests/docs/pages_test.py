@@ -10,7 +10,8 @@ import tempfile
 import unittest
 
 SOURCE = pathlib.Path(os.environ["POS_SOURCE_DIR"])
-POSCTL = pathlib.Path(os.environ["POS_BUILD_DIR"]) / "tools/posctl/posctl"
+BUILD = pathlib.Path(os.environ["POS_BUILD_DIR"])
+POSCTL = BUILD / "tools/posctl/posctl"
 SERVICE = ("services", "example::Lamp")
 # Heading of the table → the place of such an object in the page's example, and in the output of posctl describe.
 PLACES = {
@@ -157,6 +158,19 @@ class Pages(unittest.TestCase):
             for path in re.findall(r"`((?!out/|build/)[\w.-]+(?:/[\w.-]*)+|[\w-]+\.(?:md|json|txt))`", prose):
                 with self.subTest(page=page, path=path):
                     self.assertTrue((SOURCE / path).exists())
+
+    def test_the_examples_of_the_guide_compile(self):
+        record, service, provider, command, source = re.findall(r"^```cpp\n(.*?)^```", text_of("CONTRIBUTING.md"),
+                                                                re.DOTALL | re.MULTILINE)[:5]
+        text = "".join(f'#include "{name}"\n' for name in (
+            "binding/codec.h", "mw/com/cpp_binding/proxy.h", "mw/com/cpp_binding/skeleton.h", "tools/posctl/commands.h"))
+        text += f"{record}\nnamespace lumo::services::time {{\n{service}\nvoid provide() {{\n{provider}}}\n}}\n"
+        text += f"namespace posctl {{\n{command}}}\n{source}"
+        compiler = next(one["command"].split() for one in json.loads((BUILD / "compile_commands.json").read_text())
+                        if "tools/posctl" in one["file"])
+        told = subprocess.run([*compiler[:compiler.index("-o")], "-fsyntax-only", "-x", "c++", "-"], input=text,
+                              cwd=BUILD, capture_output=True, text=True, timeout=120, check=False).stderr
+        self.assertEqual(told, "")
 
 
 if __name__ == "__main__":
