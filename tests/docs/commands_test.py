@@ -16,7 +16,7 @@ import tempfile
 import time
 import unittest
 
-from desk import BUILD, DEADLINE, SOURCE
+from desk import BUILD, DEADLINE, SANITIZERS, SOURCE
 
 PATIENCE = 4 * DEADLINE  # of a command that prints nothing: a compiler on a busy machine
 # Their output depends on what has arrived, so they are repeated until it is that of the page.
@@ -137,6 +137,7 @@ class Commands(unittest.TestCase):
     def test_receivers(self):
         self.play("receivers.md")
 
+    @unittest.skipIf(SANITIZERS, "the libraries of the SDK need the flags of the sanitizer")
     def test_second_application(self):
         files = files_of((SOURCE / "docs/second-application.md").read_text(encoding="utf-8"))
         example = {f"geofence/{file.name}": file.read_text(encoding="utf-8")

@@ -9,7 +9,7 @@ import time
 import unittest
 import urllib.parse
 
-from desk import APPLICATION, GATEWAY, POSCTL, Desk_test, inherited, until
+from desk import APPLICATION, GATEWAY, POSCTL, SANITIZERS, Desk_test, inherited, until
 from web import WebSocket, request
 
 
@@ -130,7 +130,8 @@ class Page_server(Desk_test):
             client.until("output")
             frames += 1
         self.assertLess(frames, 70)
-        self.assertLess(self.processor_time() - cost, 0.5)  # 0.15 s without other work on the machine
+        # 0.15 s without other work on the machine
+        self.assertLess(self.processor_time() - cost, 1.5 if SANITIZERS else 0.5)
 
         # A browser that does not read loses frames, and then learns what holds.
         memory = self.cost("VmRSS")
@@ -212,7 +213,7 @@ class Page_server(Desk_test):
         self.assertEqual(request(self.address)[0], 200)
         self.assertLess(time.monotonic() - start, 3)
         self.assertLessEqual(len(list(pathlib.Path(f"/proc/{self.server.pid}/fd").iterdir())), 150)
-        self.assertLess(self.cost("VmRSS"), memory + 10_000)
+        self.assertLess(self.cost("VmRSS"), memory + (100_000 if SANITIZERS else 10_000))
         client.until("services")  # it is still there
         # WebSockets have a bound of their own.
         feeds = [self.open() for _ in range(16)]
