@@ -24,7 +24,10 @@ class Service_ports {
   /// A client's TCP connection has ended. Called on the control thread.
   using Connection_lost = std::function<void(const Endpoint& client)>;
 
-  Service_ports(const Node_context& context, Connection_lost connection_lost);
+  /// `port_closed` is called on the control thread, from watch() to stop_watching().
+  Service_ports(const Node_context& context,
+                Connection_lost connection_lost,
+                Closed_ports::Callback port_closed);
   ~Service_ports();
   Service_ports(const Service_ports&) = delete;
   Service_ports& operator=(const Service_ports&) = delete;
@@ -42,7 +45,7 @@ class Service_ports {
 
   // Control thread: ports of subscribers that their owners have closed
 
-  void watch(Closed_ports::Tell closed) { closed_.start(std::move(closed)); }
+  void watch() { closed_.start(); }
   void stop_watching() { closed_.stop(); }
   void look_for_closed_ports() { closed_.look(); }
 
