@@ -6,6 +6,7 @@
 
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_peers.h"
 #include "platform/someip/wire/local_frame.h"
 #include "platform/someip/wire/stream_reader.h"
 

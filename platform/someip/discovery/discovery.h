@@ -16,6 +16,7 @@
 #include "platform/someip/discovery/discovery_client.h"
 #include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_peers.h"
 #include "platform/someip/discovery/discovery_server.h"
 
 namespace someip {

@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/someip/net/local_socket.h"
+#include "platform/someip/net/local_path.h"
 
 namespace someip {
 

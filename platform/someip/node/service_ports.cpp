@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/someip/node/service_table.h"
+
 namespace someip {
 
 /// A port with services behind it.

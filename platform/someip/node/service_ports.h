@@ -13,6 +13,7 @@
 #include "platform/someip/net/tcp_server.h"
 #include "platform/someip/node/node_context.h"
 #include "platform/someip/node/provided_instance.h"
+#include "platform/someip/node/request_budget.h"
 
 namespace someip {
 

@@ -1,4 +1,4 @@
-#include "platform/linux/com/provider.h"
+#include "platform/linux/com/someip_provider.h"
 
 #include <cstdio>
 #include <stdexcept>
