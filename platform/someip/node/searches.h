@@ -25,6 +25,8 @@ class Search_sink {
   virtual void found(const std::vector<std::uint16_t>& instances) = 0;
 };
 
+/// Starts and stops searches and delivers their results to the sinks. Each section of members names
+/// the thread that calls it.
 class Searches {
  public:
   Searches(const Node_context& context,

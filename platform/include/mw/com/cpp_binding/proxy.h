@@ -44,7 +44,7 @@ struct Proxy_core {
 template <class Value>
 class Event {
  public:
-  using SampleType = Value;
+  using SampleType = Value;  ///< the name that ara::com gives it
 
   Event(Proxy_core& core, std::string_view name)
       : core_{core}, name_{name}, id_{core.consumer->element(name).notifier.value_or(0)} {}
@@ -267,7 +267,6 @@ class Proxy_impl {
    private:
     tq::com::Found_instance found_;
   };
-  using HandleType = Handle_type;
 
   /// Searches for all instances, or for one instance, until StopFindService. The handler runs on a
   /// worker, one call at a time, at the start and on each change. Throws std::runtime_error if the
