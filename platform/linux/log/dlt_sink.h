@@ -34,7 +34,8 @@ class Dlt_sink {
     Change change;
   };
 
-  Dlt_sink() = default;
+  /// The sink registers `exit_handler`, which calls close(), when it starts the library.
+  explicit Dlt_sink(void (*exit_handler)()) : exit_handler_(exit_handler) {}
   ~Dlt_sink() = delete;
   Dlt_sink(const Dlt_sink&) = delete;
   Dlt_sink& operator=(const Dlt_sink&) = delete;
@@ -64,6 +65,7 @@ class Dlt_sink {
   void start_library();
   void register_locked(Context& context);
 
+  void (*const exit_handler_)();
   std::string application_;
   std::string description_;
   std::atomic<State> state_ = State::never_seen;
