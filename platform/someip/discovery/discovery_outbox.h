@@ -28,19 +28,19 @@ class Discovery_outbox {
   Discovery_outbox(Discovery_peers& peers, Send send) : peers_(peers), send_(std::move(send)) {}
 
   /// The entries have the same options and leave side by side. They leave at `due`, or earlier with
-  /// others to the same destination. An offer that waits already is not added again: it may have
-  /// been asked for many times at once.
+  /// others to the same destination. An offer that waits already is not added again: many finds
+  /// at once may ask for it.
   void add(const Destination& to,
            std::vector<Entry> entries,
            std::vector<Option> options,
            Time due = {});
-  /// Does this offer wait already?
+  /// True if this offer waits already.
   [[nodiscard]] bool holds_offer(const Destination& to,
                                  const Instance_key& key,
                                  std::uint32_t ttl) const;
-  /// Sends what is due.
+  /// Sends the entries that are due.
   void flush(Time now);
-  /// Sends what is due and what is not.
+  /// Sends every entry.
   void flush_all(Time now);
   void drop_all();
   [[nodiscard]] Time next_deadline() const;

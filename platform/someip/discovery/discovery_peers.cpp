@@ -7,7 +7,7 @@
 namespace someip {
 
 namespace {
-/// An origin that has said nothing for this long gives way to a newcomer that needs its place.
+/// An origin that has been silent for this long gives way to a newcomer that needs its place.
 constexpr std::chrono::seconds silence_to_forget{10};
 }  // namespace
 
@@ -35,7 +35,7 @@ bool Discovery_peers::make_room(Time now) {
   return true;
 }
 
-Discovery_peers::Verdict Discovery_peers::heard(
+Discovery_peers::Verdict Discovery_peers::received(
     const Origin& origin, bool multicast, std::uint16_t session, bool reboot_flag, Time now) {
   auto sender = senders_.find(origin.sender);
   Channel* channel = nullptr;

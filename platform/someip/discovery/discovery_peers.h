@@ -20,18 +20,20 @@ class Discovery_peers {
   explicit Discovery_peers(const Limits& limits) : limits_(limits) {}
 
   enum class Verdict { known, restarted, refused };
-  /// Records a message. If the address of a new origin has used its quota, the origin takes the
-  /// place of the one of that address that has been silent longest, if for 10 s. In a full table it
-  /// takes a place of the address with the most places, at once; if every address has one, again
-  /// only after 10 s of silence. Refuses the origin if there is no such place.
-  [[nodiscard]] Verdict heard(
+  /// Records a message. A new origin needs a place:
+  ///   If its address has used its quota, the origin replaces the longest silent origin of this
+  ///   address, provided that this one has been silent for 10 s.
+  ///   If the table is full, it replaces an origin of the address with the most places. If every
+  ///   address has one place, the replaced origin must have been silent for 10 s.
+  /// Refuses the origin if there is no such place.
+  [[nodiscard]] Verdict received(
       const Origin& origin, bool multicast, std::uint16_t session, bool reboot_flag, Time now);
   /// Time{} when nothing has been received.
   [[nodiscard]] Time last_contact(const Origin& origin) const;
   /// The counter of unicast messages to `peer`.
   [[nodiscard]] Session_counter& towards(const Endpoint& peer, Time now);
   [[nodiscard]] Session_counter& towards_group() { return group_; }
-  /// Nothing is sent to `peer` any more.
+  /// No message to `peer` follows.
   void forget(const Endpoint& peer) { outgoing_.erase(peer); }
 
  private:

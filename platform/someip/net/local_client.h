@@ -1,4 +1,4 @@
-/// The way of a node without an address to the node that listens at a Unix socket.
+/// The path of a node without an address to the node that listens at a Unix socket.
 #pragma once
 
 #include <boost/asio/local/stream_protocol.hpp>

@@ -1,4 +1,4 @@
-/// The ports behind which the services of a node stand.
+/// The UDP and TCP ports of the services of a node.
 #pragma once
 
 #include <cstdint>
@@ -63,7 +63,7 @@ class Service_ports {
 
   [[nodiscard]] std::shared_ptr<Udp> udp(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp> tcp(const Instance_deployment& instance);
-  /// Why it may not connect; empty: it may.
+  /// The reason for refusing a connection of `peer`; empty: it may connect.
   [[nodiscard]] std::string_view obstacle(const Address& peer);
 
   const Node_context& context_;
