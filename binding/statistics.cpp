@@ -87,7 +87,7 @@ ara::core::Future<Log_lines> Statistics_skeleton::LogLines(std::uint64_t from) {
   auto recent = ara::log::LinesFrom(from);
   Log_lines answer{recent.next, recent.lost, {}};
   for (auto& line : recent.lines) {
-    answer.lines.push_back({line.timeUs, std::string(ara::log::NameOf(line.level)),
+    answer.lines.push_back({line.time_us, std::string(ara::log::NameOf(line.level)),
                             std::move(line.context), std::move(line.text)});
   }
   return ready(std::move(answer));

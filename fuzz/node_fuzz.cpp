@@ -17,9 +17,10 @@
 
 #include "fuzz/network.h"
 #include "fuzz/world.h"
-#include "platform/linux/com/consumer.h"
-#include "platform/linux/com/provider.h"
+#include "platform/linux/com/someip_consumer.h"
+#include "platform/linux/com/someip_provider.h"
 #include "platform/someip/node/node.h"
+#include "platform/someip/wire/segmentation.h"
 
 namespace {
 

@@ -2,6 +2,7 @@
 #include <vector>
 
 #include "fuzz/input.h"
+#include "platform/someip/wire/reassembler.h"
 #include "platform/someip/wire/segmentation.h"
 
 namespace {

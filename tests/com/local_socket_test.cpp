@@ -1,6 +1,4 @@
 /// A client without an address, through the Unix socket of the provider's node.
-#include "platform/someip/net/local_socket.h"
-
 #include <gmock/gmock.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -11,8 +9,9 @@
 #include <algorithm>
 #include <fstream>
 
-#include "platform/linux/com/local_socket.h"
+#include "platform/linux/com/socket_paths.h"
 #include "platform/someip/discovery/discovery_message.h"
+#include "platform/someip/net/local_path.h"
 #include "platform/someip/wire/local_frame.h"
 #include "tests/com/test_network.h"
 #include "tests/support/error_of.h"

@@ -57,16 +57,16 @@ TEST_P(Closed_ports_test,
 TEST(Closed_ports, are_all_noticed_when_more_come_at_once_than_fit_into_a_turn) {
   const Address loopback = boost::asio::ip::make_address("127.0.0.1");
   boost::asio::io_context control;
-  Closed_ports ports(control);
+  int reported = 0;
+  Closed_ports ports(control, [&](const Returned_datagram&) { ++reported; });
   Udp_socket sender(loopback);
   ASSERT_FALSE(sender.bind({loopback, 0}));
   ports.add(sender);
   const Socket_address nobody(closed_port(loopback));
   for (int i = 0; i < 100; ++i)
     ASSERT_FALSE(sender.send(header_bytes({}, 0), nobody));
-  int told = 0;
-  ports.start([&](const Returned_datagram&) { ++told; });
-  EXPECT_TRUE(test::eventually([&] { return control.poll(), told == 100; })) << told;
+  ports.start();
+  EXPECT_TRUE(test::eventually([&] { return control.poll(), reported == 100; })) << reported;
   ports.stop();
 }
 

@@ -6,6 +6,7 @@
 
 #include "platform/someip/discovery/discovery_message.h"
 #include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_peers.h"
 #include "platform/someip/wire/local_frame.h"
 #include "platform/someip/wire/stream_reader.h"
 
@@ -122,18 +123,18 @@ TEST(Discovery_peers, an_address_has_its_quota_and_no_session_goes_backwards) {
     const Endpoint endpoint{boost::asio::ip::make_address(address), port};
     return Origin{endpoint.address, endpoint};
   };
-  const auto hear = [&](const Origin& from) {
-    return peers.heard(from, false, 1, true, now += std::chrono::milliseconds(1));
+  const auto receive = [&](const Origin& from) {
+    return peers.received(from, false, 1, true, now += std::chrono::milliseconds(1));
   };
   const Origin known_one = origin("10.0.0.1", 1);
-  EXPECT_EQ(hear(known_one), known);
+  EXPECT_EQ(receive(known_one), known);
   for (std::uint16_t port = 1; port <= 300; ++port)
-    EXPECT_EQ(hear(origin("10.0.0.2", port)), port <= 2 ? known : refused);
-  EXPECT_EQ(hear(origin("10.0.0.3", 1)), known);  // in the place of one of two
-  EXPECT_EQ(hear(origin("10.0.0.4", 1)), refused);
-  EXPECT_EQ(hear(known_one), restarted);
+    EXPECT_EQ(receive(origin("10.0.0.2", port)), port <= 2 ? known : refused);
+  EXPECT_EQ(receive(origin("10.0.0.3", 1)), known);  // in the place of one of two
+  EXPECT_EQ(receive(origin("10.0.0.4", 1)), refused);
+  EXPECT_EQ(receive(known_one), restarted);
   now += std::chrono::seconds(11);
-  EXPECT_EQ(hear(origin("10.0.0.4", 1)), known);
+  EXPECT_EQ(receive(origin("10.0.0.4", 1)), known);
 
   EXPECT_EQ(peers.towards(known_one.peer, now).next(), 1);
   EXPECT_EQ(peers.towards(known_one.peer, now).next(), 2);

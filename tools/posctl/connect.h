@@ -48,7 +48,7 @@ class Search {
   }
 
  private:
-  using Handle = typename Proxy::HandleType;
+  using Handle = typename Proxy::Handle_type;
 
   const std::string_view service_;
   /// Shared with the search's handler.

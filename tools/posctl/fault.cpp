@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/linux/com/local_socket.h"
+#include "platform/linux/com/socket_paths.h"
 #include "tools/command.h"
 #include "tools/posctl/fault_orders.h"
 

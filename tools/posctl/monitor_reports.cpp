@@ -97,7 +97,7 @@ Monitor_reports::~Monitor_reports() {
   Proxy::StopFindService(search_);
 }
 
-void Monitor_reports::follow(std::uint16_t instance, const Proxy::HandleType& handle) {
+void Monitor_reports::follow(std::uint16_t instance, const Proxy::Handle_type& handle) {
   const auto monitor = monitors_.find(instance);
   if (monitor == monitors_.end() || proxies_.contains(instance)) return;
   found_ = true;

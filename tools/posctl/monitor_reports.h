@@ -46,7 +46,7 @@ class Monitor_reports {
  private:
   using Proxy = mw::dm::dem::proxy::DiagnosticMonitorProxy;
 
-  void follow(std::uint16_t instance, const Proxy::HandleType& handle);
+  void follow(std::uint16_t instance, const Proxy::Handle_type& handle);
 
   const Take take_;
   const std::map<std::uint16_t, const diagnosisService::Monitor*> monitors_;  ///< by instance

@@ -42,7 +42,7 @@ class Present {
   [[nodiscard]] Proxy* proxy() { return proxy_.get(); }
 
  private:
-  using Handle = typename Proxy::HandleType;
+  using Handle = typename Proxy::Handle_type;
 
   std::mutex mutex_;  ///< guards the two members below
   std::optional<Handle> handle_;

@@ -8,11 +8,11 @@
 #include <memory>
 #include <utility>
 
-#include "platform/linux/com/local_socket.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
+#include "platform/linux/com/socket_paths.h"
 #include "platform/someip/base/endpoint.h"
-#include "platform/someip/net/local_socket.h"
+#include "platform/someip/net/local_path.h"
 #include "platform/someip/net/udp_socket.h"
 #include "tools/command.h"
 

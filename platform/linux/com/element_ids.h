@@ -1,4 +1,4 @@
-/// The elements of a deployed service: whether they are there, and from a name to its ids.
+/// The elements of a deployed service: their presence, and the ids of each name.
 #pragma once
 
 #include <span>

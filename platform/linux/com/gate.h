@@ -1,4 +1,4 @@
-/// Lets calls through until it is closed, and then knows when the last one has come back.
+/// Admits calls until it is closed, and waits then for the calls that it has admitted.
 #pragma once
 
 #include <algorithm>
@@ -27,7 +27,8 @@ class Gate {
     Gate* gate_;
   };
 
-  /// Nobody enters any more; returns once all have left, except those of the calling thread.
+  /// Refuses later calls. Returns once all admitted calls have ended, except those of the calling
+  /// thread.
   void close() {
     std::unique_lock lock(mutex_);
     closed_ = true;
@@ -46,7 +47,7 @@ class Gate {
   void leave() {
     const std::lock_guard lock(mutex_);
     inside_.erase(std::ranges::find(inside_, std::this_thread::get_id()));
-    // Under the lock: the one who waits may destroy the gate as soon as it gets the lock.
+    // Under the lock: the thread in close() may destroy the gate as soon as it gets the lock.
     left_.notify_all();
   }
 

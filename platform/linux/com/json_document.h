@@ -1,4 +1,4 @@
-/// Reading a JSON document that a person has written, and refusing what a parser would let pass.
+/// Reads a JSON document that a person has written, and refuses mistakes that a parser accepts.
 #pragma once
 
 #include <string>
@@ -8,8 +8,8 @@
 
 namespace tq::com {
 
-/// Throws std::runtime_error naming `source` and the place: for what is not JSON, for a key that an
-/// object has twice (a parser would lose the first one), and for a document that takes too long to
+/// Throws std::runtime_error naming `source` and the place in three cases: the text is not JSON; an
+/// object has a key twice (a parser would lose the first one); the document takes too long to
 /// visit.
 [[nodiscard]] Json_reader::Json parse_document(std::string_view text, const std::string& source);
 

@@ -1,5 +1,5 @@
-/// Reads a JSON document that a person wrote: every value is asked for by name, everything else is
-/// an error, and errors say where they are and what was expected there.
+/// Reads a JSON document that a person wrote. The caller asks for every value by name; every other
+/// value is an error. Errors name the place and the expected content.
 #pragma once
 
 #include <cstdint>
@@ -46,7 +46,7 @@ class Json_reader {
       if (!found) object_.fail("a member \"" + name + "\"");
       return *found;
     }
-    /// Throws for a member that nobody asked for.
+    /// Throws for a member that the caller has not asked for.
     void done() const {
       for (const auto& [name, value] : object_.value_->items()) {
         if (known_.contains(name)) continue;

@@ -18,10 +18,10 @@
 
 namespace mw::com {
 
-/// Every worker waits on one epoll descriptor: the kernel wakes exactly one of them for an arrival,
-/// the one that went idle last, and a worker that is busy in a handler simply does not wait. That
-/// saves the hand-over from a polling thread to a working one that a shared event loop pays for
-/// each datagram.
+/// Every worker waits on one epoll descriptor. For an arrival the kernel wakes exactly one of them,
+/// the one that went idle last. A worker that is busy in a handler does not wait. That saves the
+/// hand-over from a polling thread to a working one, which a shared event loop pays for each
+/// datagram.
 class static_thread_pool::Loop final : public someip::Workers {
  public:
   explicit Loop(std::size_t threads);

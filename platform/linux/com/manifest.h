@@ -9,11 +9,9 @@
 
 namespace tq::com {
 
-/// The manifest in force. For the application "pos" it is the file that the environment variable
-/// POS_MANIFEST names, else /etc/pos/manifest.json, else share/pos/manifest.json of the
-/// installation that the executable belongs to, else the manifest that the application brings.
-/// POS_NODE_ADDRESS, when set, replaces the addresses of the node `node_in_use`. Throws
-/// std::runtime_error that names file, key and what was expected.
+/// The manifest in force; mw::com::runtime::Component_singleton lists the places that are searched.
+/// The environment variable <NAME>_NODE_ADDRESS replaces the addresses of the node `node_in_use`.
+/// Throws std::runtime_error that names the file, the key and the expected content.
 [[nodiscard]] someip::Deployment load_deployment(std::string_view node_in_use = {});
 
 /// `source` names the text in errors.

@@ -1,5 +1,5 @@
-/// The numbers of the deployment manifest, each described once: its key, where its value is and
-/// what it may be. The parser reads by these tables, `posctl describe` prints by them.
+/// The numbers of the deployment manifest, each described once: its key, its member and its range.
+/// The parser reads by these tables, `posctl describe` prints by them.
 #pragma once
 
 #include <cstdint>

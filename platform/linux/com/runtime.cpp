@@ -12,14 +12,14 @@
 
 #include "ara/log/logger.h"
 #include "mw/com/static_thread_pool.h"
-#include "platform/linux/com/consumer.h"
 #include "platform/linux/com/element_ids.h"
-#include "platform/linux/com/local_socket.h"
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
-#include "platform/linux/com/provider.h"
 #include "platform/linux/com/search.h"
+#include "platform/linux/com/socket_paths.h"
+#include "platform/linux/com/someip_consumer.h"
+#include "platform/linux/com/someip_provider.h"
 #include "platform/linux/core/application.h"
 #include "platform/someip/node/node.h"
 

@@ -1,6 +1,6 @@
 /// The arguments of one message, between the LogStream that collects them and the sinks that write
 /// them. They follow each other as in a DLT message, so that sending needs no second copy. An
-/// argument is its type (4 bytes), followed by the bytes of a number, or by a text's length (2
+/// argument begins with its type (4 bytes). The bytes of a number follow; or a text's length (2
 /// bytes, closing zero included), the text and a closing zero. All numbers are in the machine's
 /// byte order.
 #pragma once

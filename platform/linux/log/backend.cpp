@@ -33,8 +33,9 @@ Backend& Backend::instance() {
 
 Backend::Backend()
     : settings_(Level_settings::parse(core::variable(levels_variable))),
-      dlt_(*new Dlt_sink),
-      text_(*new Text_sink),
+      // At exit, each sink closes before the library or the thread behind it ends.
+      dlt_(*new Dlt_sink([] { instance().dlt_.close(); })),
+      text_(*new Text_sink([] { instance().text_.close(); })),
       recent_(*new Recent_ring) {
   default_.store(&add(std::string(unnamed), "default context", std::nullopt));
 }

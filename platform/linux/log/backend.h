@@ -36,9 +36,6 @@ class Backend {
   void divert(std::shared_ptr<const Diversion> diversion);
   [[nodiscard]] Recent_ring& recent() { return recent_; }
   [[nodiscard]] Context* contexts() const { return contexts_.load(std::memory_order_acquire); }
-  // At exit: each runs before the library or the thread behind the sink ends.
-  void close_dlt() { dlt_.close(); }
-  void close_text() { text_.close(); }
 
  private:
   Backend();

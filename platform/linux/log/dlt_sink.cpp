@@ -13,7 +13,6 @@
 
 #include "ara/log/levels.h"
 #include "platform/linux/core/all_signals_blocked.h"
-#include "platform/linux/log/backend.h"
 
 namespace ara::log {
 namespace {
@@ -254,7 +253,7 @@ void Dlt_sink::start_library() {
   dlt_register_app(application_.c_str(), description_.c_str());
   library_started_ = true;
   // Runs before the library's own exit handler, which was installed earlier.
-  std::atexit([] { Backend::instance().close_dlt(); });
+  std::atexit(exit_handler_);
 }
 
 void Dlt_sink::register_context(Context& context) {

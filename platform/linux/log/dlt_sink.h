@@ -24,9 +24,9 @@ class Dlt_sink {
   enum class Change : std::uint8_t {
     none,
     lost,
-    /// The library has not noticed yet: it needs one message (which it keeps for the new daemon) to
-    /// find its end of the pipe dead. ready() says no until the library has had time to connect
-    /// again.
+    /// The library has not noticed yet. It needs one message to find its end of the pipe dead, and
+    /// keeps that message for the new daemon. ready() returns false until the library has had time
+    /// to connect again.
     returned,
   };
   struct Readiness {
@@ -34,7 +34,8 @@ class Dlt_sink {
     Change change;
   };
 
-  Dlt_sink() = default;
+  /// The sink registers `exit_handler`, which calls close(), when it starts the library.
+  explicit Dlt_sink(void (*exit_handler)()) : exit_handler_(exit_handler) {}
   ~Dlt_sink() = delete;
   Dlt_sink(const Dlt_sink&) = delete;
   Dlt_sink& operator=(const Dlt_sink&) = delete;
@@ -49,8 +50,8 @@ class Dlt_sink {
   /// Call it only after ready(). Returns false if the daemon receives nothing of the message,
   /// because the context is not yet registered or the library refuses the message.
   bool send(Context& context, LogLevel level, Arguments arguments);
-  /// At exit: from now on ready() says no. Lets the library wait for a slow daemon, but not without
-  /// a daemon.
+  /// At exit: from now on ready() returns false. Lets the library wait for a slow daemon, but not
+  /// without a daemon.
   void close();
 
  private:
@@ -64,6 +65,7 @@ class Dlt_sink {
   void start_library();
   void register_locked(Context& context);
 
+  void (*const exit_handler_)();
   std::string application_;
   std::string description_;
   std::atomic<State> state_ = State::never_seen;

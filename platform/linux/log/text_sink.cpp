@@ -18,7 +18,6 @@
 #include <utility>
 
 #include "platform/linux/core/all_signals_blocked.h"
-#include "platform/linux/log/backend.h"
 
 namespace ara::log {
 namespace {
@@ -141,7 +140,7 @@ void Text_sink::start_thread() {
     thread_runs_ = true;
   } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the next line tries again
   }
-  static const int at_exit = std::atexit([] { Backend::instance().close_text(); });
+  static const int at_exit = std::atexit(exit_handler_);
   (void)at_exit;
 }
 

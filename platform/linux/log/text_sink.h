@@ -50,7 +50,8 @@ class Standard_error {
 /// one line with their number follows the queue.
 class Text_sink {
  public:
-  Text_sink() = default;
+  /// The sink registers `exit_handler`, which calls close(), when it starts its thread.
+  explicit Text_sink(void (*exit_handler)()) : exit_handler_(exit_handler) {}
   ~Text_sink() = delete;
   Text_sink(const Text_sink&) = delete;
   Text_sink& operator=(const Text_sink&) = delete;
@@ -71,6 +72,7 @@ class Text_sink {
   [[nodiscard]] std::string notice_of(std::uint64_t lines) const;
   void wait_for_queue(std::unique_lock<std::mutex>& lock);
 
+  void (*const exit_handler_)();
   const Standard_error output_;
   std::mutex mutex_;  ///< guards the members below; never held while a write may wait
   std::string application_ = "-";

@@ -1,4 +1,4 @@
-/// The content of the deployment manifest as plain values: the node, its discovery timing, the
+/// The content of the deployment manifest as plain values: the nodes, the discovery timing, the
 /// services with their ids, the bounds. platform/linux/com reads the file, platform/someip uses
 /// these values.
 #pragma once
@@ -141,7 +141,7 @@ struct Node_deployment {
   Milliseconds request_timeout{2000};
   /// If false, the link of the node's interface always counts as up.
   bool watch_link = true;
-  /// Does the node accept clients of its own machine through a Unix socket?
+  /// True if the node accepts clients of its own machine through a Unix socket.
   bool local_socket = false;
 
   // The manifest does not name these.

@@ -47,10 +47,10 @@ class Log {
     sink_(level, line);
   }
 
-  /// Reports a repeated action of a peer, identified by `kind` (a literal) and `who`: the third
-  /// time or later, once it has gone on for 2 s, and again only after a pause of 30 s. Writes
-  /// text(), unless that is empty. Cheap enough for each message: it skips the report if another
-  /// thread is here.
+  /// Reports a repeated action of a peer, identified by `kind` (a literal) and `who`. The report
+  /// comes with the third time or later, once the action has gone on for 2 s. A second one needs a
+  /// pause of 30 s. Writes text(), unless that is empty. Cheap enough for each message: it skips
+  /// the report if another thread is here.
   template <class Text>
   void repeated(std::string_view kind, std::size_t who, Text&& text) {
     if (sink_ && goes_on(kind, who)) {
@@ -67,7 +67,7 @@ class Log {
     std::size_t who = 0;
     std::chrono::steady_clock::time_point first{}, last{};
     std::uint64_t count = 0;
-    bool told = false;
+    bool reported = false;
   };
 
   bool goes_on(std::string_view kind, std::size_t who) {
@@ -90,7 +90,7 @@ class Log {
     }
     known.last = now;
     if (++known.count < several || now - known.first < a_while) return false;
-    return !std::exchange(known.told, true);
+    return !std::exchange(known.reported, true);
   }
 
   std::optional<std::uint64_t> admit(std::string_view kind, std::uint64_t lines) {

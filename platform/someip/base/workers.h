@@ -23,9 +23,10 @@ class Readable {
 
 /// Runs the node's handlers and gives it a control thread. Any thread may call all members.
 ///
-/// There are two kinds of thread. The workers receive datagrams and run handlers; all of them wait
-/// for the same descriptors, so that an arrival wakes one of them and no other thread. The control
-/// thread runs discovery, timers and TCP streams; they need no locks, because it is one thread.
+/// There are three kinds of thread. The workers receive datagrams and run handlers; all of them
+/// wait for the same descriptors, so that an arrival wakes one of them and no other thread. The
+/// control thread runs discovery, timers and TCP streams; they need no locks, because it is one
+/// thread. A thread of start_thread() runs one piece of work, such as receiving from one socket.
 class Workers {
  public:
   enum class Watch : std::uint64_t {};

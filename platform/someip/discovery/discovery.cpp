@@ -123,20 +123,20 @@ void Discovery::message(const Message_view& view, const Endpoint& from, bool mul
     entries(*message, origin, multicast, now);
     return;
   }
-  if (const auto told = message->discovery_endpoint(own_.is_v4())) {
-    if (!acceptable(*told)) {
+  if (const auto named = message->discovery_endpoint(own_.is_v4())) {
+    if (!acceptable(*named)) {
       drop(from, "its discovery endpoint is not on this link");
       return;
     }
-    origin.peer = *told;
+    origin.peer = *named;
     if (!welcome(origin)) {
-      refuse_stranger(*told);
+      refuse_stranger(*named);
       return;
     }
   }
 
   const Time last_contact = peers_.last_contact(origin);
-  switch (peers_.heard(origin, multicast, header.session, message->reboot, now)) {
+  switch (peers_.received(origin, multicast, header.session, message->reboot, now)) {
     case Discovery_peers::Verdict::known:
       break;
     case Discovery_peers::Verdict::refused:

@@ -1,5 +1,5 @@
-/// Service discovery of one node: judges what peers send and drives both sides. It has no socket
-/// and no clock: its owner passes in time and datagrams and receives the messages to send.
+/// Service discovery of one node: judges the messages of peers and drives both sides. It has no
+/// socket and no clock: its owner passes in time and datagrams and receives the messages to send.
 #pragma once
 
 #include <cstddef>
@@ -16,6 +16,7 @@
 #include "platform/someip/discovery/discovery_client.h"
 #include "platform/someip/discovery/discovery_delays.h"
 #include "platform/someip/discovery/discovery_outbox.h"
+#include "platform/someip/discovery/discovery_peers.h"
 #include "platform/someip/discovery/discovery_server.h"
 
 namespace someip {
@@ -47,9 +48,9 @@ class Discovery {
             Host host);
 
   /// A datagram that came to the group or to the own unicast endpoint, or a message of a Unix
-  /// socket. The latter comes from an address of local_address() and is subject to other rules: no
-  /// list of peers, no link and no session counter concerns it, because the connection stands for
-  /// its sender. What it asks for lasts as long as the connection.
+  /// socket. The latter comes from an address of local_address(). No list of peers, no link and no
+  /// session counter concerns it, because the connection stands for its sender. Its subscriptions
+  /// last as long as the connection.
   void received(Bytes datagram, const Endpoint& from, bool multicast, Time now);
   void on_time(Time now);
   /// Without link, offers and subscriptions of peers are void, nothing is sent, and received
@@ -84,7 +85,7 @@ class Discovery {
                  const Group_transport& transport,
                  Time now);
   void unsubscribe(const Instance_key& key, std::uint16_t event_group, Time now);
-  /// Has the provider acknowledged the subscription?
+  /// True if the provider has acknowledged the subscription.
   [[nodiscard]] bool active(const Instance_key& key, std::uint16_t event_group) const {
     return client_.active(key, event_group);
   }
@@ -109,11 +110,11 @@ class Discovery {
                    Time now);
   void misfit(Misfit::Cause cause, const Entry& entry, const Origin& from, Time now);
   [[nodiscard]] bool acceptable(const Endpoint& endpoint) const;
-  /// Does any service allow it? Nothing is kept or answered otherwise.
+  /// True if a service allows it. Messages of every other origin are neither kept nor answered.
   [[nodiscard]] bool welcome(const Origin& origin) const;
   void drop(const Endpoint& from, const char* why);
   void refuse_stranger(const Endpoint& stranger);
-  /// Sends what the change before it has made due, and passes on the next deadline.
+  /// Sends the entries that the preceding change has made due, and passes on the next deadline.
   void settle(Time now);
 
   const Deployment& deployment_;

@@ -57,7 +57,7 @@ class Discovery_client_host {
   /// The provider has refused a subscription for the first time since it was acknowledged or
   /// offered.
   virtual void refused_by(const Origin& /*provider*/, const Instance_key&, std::uint16_t) {}
-  /// Is `provider` the address that was the first to deliver events of the instance?
+  /// True if `provider` was the first address to deliver events of the instance.
   [[nodiscard]] virtual bool has_delivered(const Instance_key& key, const Address& provider) = 0;
   /// A subscription was acknowledged for the first time, or has ended.
   virtual void subscription_changed(const Instance_key& key,

@@ -11,8 +11,8 @@
 
 namespace someip {
 
-/// The delays of entries. Entries that begin to wait while others wait in their first phase or in
-/// the gathering share the moment of those, so that they leave in one message (someipsd_65).
+/// The delays of entries. If entries already wait in their first phase or in the gathering, later
+/// ones get the same departure time. All of them then leave in one message (someipsd_65).
 class Discovery_delays {
  public:
   explicit Discovery_delays(const Discovery_timing& timing)

@@ -86,7 +86,7 @@ struct Option {
   [[nodiscard]] static Option multicast(const Endpoint& endpoint);
 };
 
-/// What the options of one entry say together.
+/// The content of all options of one entry.
 struct Entry_options {
   bool fault = false;  ///< a reference beyond the array, an invalid option, or two that contradict
   std::optional<Endpoint> udp;
@@ -114,7 +114,7 @@ struct Discovery_message {
 [[nodiscard]] std::optional<Discovery_message> read_discovery_message(Bytes payload,
                                                                       std::size_t max_entries);
 
-/// Is this the content of a configuration option: names, each with or without a value?
+/// True for the content of a configuration option: names, each with or without a value.
 [[nodiscard]] bool is_configuration(Bytes content);
 
 /// Packs entries into one message and stores each different option once.

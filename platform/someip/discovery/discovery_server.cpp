@@ -29,6 +29,22 @@ std::vector<Option> endpoint_options(const Instance_endpoints& endpoints) {
   return options;
 }
 
+/// The endpoints of a subscription that its group needs. The others are redundant and ignored
+/// (someipsd_1141).
+Instance_endpoints used_endpoints(const Group_transport& transport, const Entry_options& options) {
+  Instance_endpoints endpoints;
+  if (transport.udp) endpoints.udp = options.udp;
+  if (transport.tcp) endpoints.tcp = options.tcp;
+  return endpoints;
+}
+
+/// True if the offer's list allows the subscriber and each of its endpoints.
+bool is_allowed(const Offer& offer, const Origin& from, const Instance_endpoints& endpoints) {
+  return allows(offer.allowed_peers, from) && endpoints.all([&](const Endpoint& one) {
+    return allows(offer.allowed_peers, one.address);
+  });
+}
+
 }  // namespace
 
 void Discovery_server::send_offer(const Local& local,
@@ -154,20 +170,13 @@ void Discovery_server::subscribe(const Entry& entry,
   const bool stop = entry.ttl == 0;
   const Group_transport transport =
       known ? found->second.offer.groups.at(entry.event_group) : Group_transport{};
-  // Others are redundant (someipsd_1141): what becomes of them does not matter.
-  Instance_endpoints endpoints;
-  if (transport.udp) endpoints.udp = options.udp;
-  if (transport.tcp) endpoints.tcp = options.tcp;
-  const auto on_list = [&](const auto& one) {
-    return allows(found->second.offer.allowed_peers, one);
-  };
-  const auto endpoint_on_list = [&](const Endpoint& one) { return on_list(one.address); };
+  const Instance_endpoints endpoints = used_endpoints(transport, options);
   const auto fault = [&]() -> std::string_view {
     if (found == offers_.end()) return cause_of_missing(entry);
     if (!known) return "there is no such event group";
     if (options.fault) return "its options are malformed";
     if (!acceptable(endpoints)) return "its endpoint is of another address or subnet";
-    if (!on_list(from) || !endpoints.all(endpoint_on_list)) return "it is not an allowed peer";
+    if (!is_allowed(found->second.offer, from, endpoints)) return "it is not an allowed peer";
     return {};
   }();
   if (!fault.empty()) {

@@ -33,7 +33,7 @@ struct Offer {
 class Discovery_server_host {
  public:
   virtual ~Discovery_server_host() = default;
-  /// Does `client` have an open TCP connection to the endpoint of the offer?
+  /// True if `client` has an open TCP connection to the endpoint of the offer.
   [[nodiscard]] virtual bool has_connection(const Offer& offer, const Endpoint& client) = 0;
   /// The subscribers of a group have changed. Their acknowledgements have not been sent yet.
   virtual void subscribers_changed(const Instance_key& key,
@@ -77,7 +77,7 @@ class Discovery_server {
   void stop_all(Time now);
 
   void find(const Entry& entry, const Origin& from, bool multicast, bool unicast_flag, Time now);
-  /// May events be sent there?
+  /// True if events may be sent there.
   using Acceptable = std::function<bool(const Instance_endpoints&)>;
   /// `options` are those of the entry; `explicit_initial_data` is the flag of the message.
   void subscribe(const Entry& entry,

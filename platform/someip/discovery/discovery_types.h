@@ -25,7 +25,7 @@ struct Instance_key {
   friend auto operator<=>(const Instance_key&, const Instance_key&) = default;
 };
 
-/// Does a search for `wanted`, whose instance may be any_instance, want this one?
+/// True if a search for `wanted`, whose instance may be any_instance, wants this one.
 [[nodiscard]] inline bool matches(const Instance_key& wanted, const Instance_key& key) {
   return wanted.service == key.service && wanted.major_version == key.major_version &&
          (wanted.instance == any_instance || wanted.instance == key.instance);
@@ -36,7 +36,7 @@ struct Instance_endpoints {
   std::optional<Endpoint> udp;
   std::optional<Endpoint> tcp;
 
-  /// Does `predicate` hold for each of the endpoints?
+  /// True if `predicate` holds for each of the endpoints.
   template <class Predicate>
   [[nodiscard]] bool all(Predicate predicate) const {
     return (!udp || predicate(*udp)) && (!tcp || predicate(*tcp));
@@ -52,11 +52,12 @@ struct Origin {
   /// one (someipsd_1084).
   Endpoint peer;
 
-  /// Is it the other end of a Unix socket?
+  /// True for the other end of a Unix socket.
   [[nodiscard]] bool local() const { return is_local_address(sender); }
-  /// Does the sender speak for itself?
+  /// True if the sender speaks for itself.
   [[nodiscard]] bool direct() const { return sender == peer.address; }
-  /// May it renew or end what `other` has said? An address outranks those who spoke in its name.
+  /// True if it may renew or end the entries of `other`. An address outranks the origins that spoke
+  /// in its name.
   [[nodiscard]] bool speaks_for(const Origin& other) const {
     return peer == other.peer && (sender == other.sender || direct());
   }

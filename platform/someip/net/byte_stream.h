@@ -48,7 +48,7 @@ class Byte_stream : public std::enable_shared_from_this<Byte_stream> {
   /// Queues whole messages and returns at once. A reader that is too slow loses the connection. Any
   /// thread.
   void enqueue(std::vector<std::byte> bytes);
-  /// Ends the connection because of what the peer does.
+  /// Ends the connection because of the peer's conduct.
   void refuse(const char* why) { fail(why, End::refused); }
   [[nodiscard]] bool is_open() const { return open_; }
   [[nodiscard]] int descriptor() { return socket_.native_handle(); }

@@ -83,7 +83,8 @@ std::optional<Socket_error> next_error(int descriptor) {
   return error;
 }
 
-Closed_ports::Closed_ports(boost::asio::io_context& control) : errors_(control, new_epoll()) {}
+Closed_ports::Closed_ports(boost::asio::io_context& control, Callback returned)
+    : errors_(control, new_epoll()), returned_(std::move(returned)) {}
 
 void Closed_ports::add(Udp_socket& socket) {
   socket.keep_errors();
@@ -93,11 +94,6 @@ void Closed_ports::add(Udp_socket& socket) {
     throw std::system_error(error, std::generic_category(),
                             "cannot watch " + to_string(socket.local()) + " for errors");
   }
-}
-
-void Closed_ports::start(Tell tell) {
-  tell_ = std::move(tell);
-  wait();
 }
 
 void Closed_ports::stop() {
@@ -120,7 +116,7 @@ void Closed_ports::look() {
   while (!stopped_ && epoll_wait(errors_.native_handle(), &event, 1, 0) == 1) {
     event = on_errors(event.data.fd);
     while (const auto error = next_error(event.data.fd)) {
-      if (error->returned) tell_(*error->returned);
+      if (error->returned) returned_(*error->returned);
       if (--left > 0) continue;
       // Announces the remaining errors again.
       epoll_ctl(errors_.native_handle(), EPOLL_CTL_MOD, event.data.fd, &event);

@@ -30,14 +30,15 @@ struct Socket_error {
 /// on the control thread, except add().
 class Closed_ports {
  public:
-  using Tell = std::function<void(const Returned_datagram&)>;
+  /// Called on the control thread, from start() to stop().
+  using Callback = std::function<void(const Returned_datagram&)>;
 
   /// Throws std::system_error.
-  explicit Closed_ports(boost::asio::io_context& control);
+  Closed_ports(boost::asio::io_context& control, Callback returned);
 
   /// Any thread may call. The socket stays watched until it is closed.
   void add(Udp_socket& socket);
-  void start(Tell tell);
+  void start() { wait(); }
   void stop();
   /// Reports the errors that have arrived until now.
   void look();
@@ -46,7 +47,7 @@ class Closed_ports {
   void wait();
 
   boost::asio::posix::stream_descriptor errors_;  ///< an epoll descriptor
-  Tell tell_;
+  const Callback returned_;
   bool stopped_ = false;
 };
 

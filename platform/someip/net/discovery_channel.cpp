@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <string>
 #include <system_error>
+#include <utility>
 
 namespace someip {
 
@@ -32,11 +33,13 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
                                      const Discovery_timing& timing,
                                      const Address& own,
                                      Counters& counters,
-                                     Log& log)
+                                     Log& log,
+                                     Receive receive)
     : group_{timing.multicast_address, timing.port},
       own_(own),
       counters_(counters),
       log_(log),
+      receive_(std::move(receive)),
       multicast_(control, own),
       unicast_(control, own),
       rejoin_(control),
@@ -51,8 +54,7 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
   }
 }
 
-void Discovery_channel::start(Receive receive, bool link_watched) {
-  receive_ = std::move(receive);
+void Discovery_channel::start(bool link_watched) {
   link_watched_ = link_watched;
   wait(multicast_, true);
   wait(unicast_, false);

@@ -18,6 +18,7 @@ namespace someip {
 /// Lives on the control thread; only the constructor may run elsewhere.
 class Discovery_channel {
  public:
+  /// Called on the control thread, from start() to stop().
   using Receive = std::function<void(Bytes datagram, const Endpoint& from, bool multicast)>;
 
   /// Takes `own` and the discovery port. Throws std::system_error, with EADDRINUSE if another
@@ -26,14 +27,16 @@ class Discovery_channel {
                     const Discovery_timing& timing,
                     const Address& own,
                     Counters& counters,
-                    Log& log);
+                    Log& log,
+                    Receive receive);
 
   [[nodiscard]] const Address& own() const { return own_; }
 
   /// `link_watched`: the caller reports every loss of the link by link_changed(). Otherwise the
   /// channel renews its membership in the group regularly, because it may vanish unnoticed with the
-  /// interface.
-  void start(Receive receive, bool link_watched);
+  /// interface. Not a parameter of the constructor: the watch begins after the channel has chosen
+  /// the node's address.
+  void start(bool link_watched);
   void stop();
   /// The channel joins the group each time the link comes up. The link counts as down at first.
   void link_changed(bool up);
@@ -56,7 +59,7 @@ class Discovery_channel {
   const Address own_;
   Counters& counters_;
   Log& log_;
-  Receive receive_;
+  const Receive receive_;
   Socket multicast_;
   Socket unicast_;
   boost::asio::steady_timer rejoin_;

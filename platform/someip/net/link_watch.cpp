@@ -88,8 +88,11 @@ bool is_about(const Address& own, const std::byte* attributes, std::size_t size)
 Link_watch::Link_watch(boost::asio::io_context& control, const Address& own)
     : own_(own), events_(control) {}
 
-Link_watch::Link_watch(boost::asio::io_context& control, const Address& own, Log& log)
-    : Link_watch(control, own) {
+Link_watch::Link_watch(boost::asio::io_context& control,
+                       const Address& own,
+                       Log& log,
+                       Callback changed)
+    : own_(own), events_(control), changed_(std::move(changed)) {
   const int descriptor = open_events();
   if (descriptor < 0) {
     log.write(Log_level::warning, "the link of " + own.to_string() +
@@ -101,8 +104,7 @@ Link_watch::Link_watch(boost::asio::io_context& control, const Address& own, Log
   link_ = look();
 }
 
-void Link_watch::start(Tell tell) {
-  tell_ = std::move(tell);
+void Link_watch::start() {
   if (watching()) wait();
 }
 
@@ -147,7 +149,7 @@ Link_watch::Link Link_watch::look() const {
   return loopback;
 }
 
-bool Link_watch::tells_loss(const std::byte* message, std::size_t size) const {
+bool Link_watch::reports_loss(const std::byte* message, std::size_t size) const {
   const auto header = value_at<nlmsghdr>(message);
   const std::byte* const content = message + NLMSG_HDRLEN;
   const std::size_t length = size - NLMSG_HDRLEN;
@@ -198,7 +200,7 @@ void Link_watch::read_events() {
     while (left >= NLMSG_HDRLEN) {
       const std::size_t size = value_at<nlmsghdr>(at).nlmsg_len;
       if (size < NLMSG_HDRLEN || size > left) break;
-      lost |= tells_loss(at, size);
+      lost |= reports_loss(at, size);
       const std::size_t step = std::min<std::size_t>(NLMSG_ALIGN(size), left);
       at += step;
       left -= step;
@@ -211,7 +213,7 @@ void Link_watch::read_events() {
 void Link_watch::set(const Link& link) {
   const bool changed = link.up != link_.up;
   link_ = link;
-  if (changed) tell_(link.up);
+  if (changed) changed_(link.up);
 }
 
 }  // namespace someip

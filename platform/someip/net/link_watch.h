@@ -15,19 +15,20 @@ namespace someip {
 /// Lives on the control thread; only the constructor may run elsewhere.
 class Link_watch {
  public:
-  using Tell = std::function<void(bool up)>;
+  /// Called on the control thread, from start() to stop().
+  using Callback = std::function<void(bool up)>;
 
   /// Reads the present state of the link. If the kernel does not report links (no rtnetlink in this
   /// sandbox), logs that once; the link then counts as up for ever.
-  Link_watch(boost::asio::io_context& control, const Address& own, Log& log);
+  Link_watch(boost::asio::io_context& control, const Address& own, Log& log, Callback changed);
   /// A disabled watch: the link counts as up.
   Link_watch(boost::asio::io_context& control, const Address& own);
 
   [[nodiscard]] bool watching() const { return events_.is_open(); }
   [[nodiscard]] bool up() const { return link_.up; }
-  /// Calls `tell` for every change since the construction, even for a loss that was over when it
-  /// was noticed.
-  void start(Tell tell);
+  /// Reports every change since the construction, even a loss that was over when the kernel's event
+  /// was read.
+  void start();
   void stop();
 
  private:
@@ -40,13 +41,13 @@ class Link_watch {
   void wait();
   void read_events();
   /// True if a message of the kernel, of `size` bytes, reports a loss of the link.
-  [[nodiscard]] bool tells_loss(const std::byte* message, std::size_t size) const;
+  [[nodiscard]] bool reports_loss(const std::byte* message, std::size_t size) const;
   void set(const Link& link);
 
   const Address own_;
   boost::asio::posix::stream_descriptor events_;  ///< an rtnetlink socket
+  const Callback changed_;
   Link link_;
-  Tell tell_;
 };
 
 }  // namespace someip

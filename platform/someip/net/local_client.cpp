@@ -4,7 +4,7 @@
 #include <system_error>
 #include <utility>
 
-#include "platform/someip/net/local_socket.h"
+#include "platform/someip/net/local_path.h"
 
 namespace someip {
 
@@ -13,20 +13,20 @@ constexpr Milliseconds first_retry{50};
 constexpr Milliseconds longest_retry{1000};
 }  // namespace
 
-Local_client::Local_client(
-    std::string path, Endpoint server, const Limits& limits, Workers& workers, Counters& counters)
+Local_client::Local_client(std::string path,
+                           Endpoint server,
+                           const Limits& limits,
+                           Workers& workers,
+                           Counters& counters,
+                           Events events)
     : path_(std::move(path)),
       server_(std::move(server)),
       limits_(limits),
       workers_(workers),
       counters_(counters),
+      events_(std::move(events)),
       timer_(workers.control()),
       next_retry_(first_retry) {}
-
-void Local_client::start(Events events) {
-  events_ = std::move(events);
-  connect();
-}
 
 void Local_client::close() {
   closed_ = true;

@@ -1,4 +1,4 @@
-/// The way of a node without an address to the node that listens at a Unix socket.
+/// The path of a node without an address to the node that listens at a Unix socket.
 #pragma once
 
 #include <boost/asio/local/stream_protocol.hpp>
@@ -14,6 +14,7 @@ namespace someip {
 /// Connects, and connects again after a loss. Lives on the control thread.
 class Local_client final : private Local_connection::Handler {
  public:
+  /// Called on the control thread, from start() to close().
   struct Events {
     /// The connection stands, or broke. It is down at first.
     std::function<void(bool up)> changed;
@@ -25,9 +26,10 @@ class Local_client final : private Local_connection::Handler {
                Endpoint server,
                const Limits& limits,
                Workers& workers,
-               Counters& counters);
+               Counters& counters,
+               Events events);
 
-  void start(Events events);
+  void start() { connect(); }
   void close();
   [[nodiscard]] const Endpoint& server() const { return server_; }
 
@@ -47,7 +49,7 @@ class Local_client final : private Local_connection::Handler {
   const Limits& limits_;
   Workers& workers_;
   Counters& counters_;
-  Events events_;
+  const Events events_;
   boost::asio::steady_timer timer_;
   Milliseconds next_retry_;
   std::shared_ptr<Local_connection> connection_;

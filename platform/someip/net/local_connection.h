@@ -24,8 +24,8 @@ class Local_connection final : public Byte_stream {
     virtual ~Handler() = default;
     virtual void received(const Local_frame& frame,
                           const std::shared_ptr<Local_connection>& connection) = 0;
-    /// Called once, and not after close(). `refused` says why this side has ended the connection;
-    /// null when it did not.
+    /// Called once, and not after close(). `refused` is the reason of this side for ending the
+    /// connection; null when it did not end it.
     virtual void lost(const std::shared_ptr<Local_connection>& connection, const char* refused) = 0;
   };
 

@@ -10,7 +10,7 @@
 
 #include "platform/someip/base/log.h"
 #include "platform/someip/net/local_connection.h"
-#include "platform/someip/net/local_socket.h"
+#include "platform/someip/net/local_path.h"
 
 namespace someip {
 

@@ -5,7 +5,7 @@
 
 #include "platform/someip/base/counters.h"
 #include "platform/someip/base/deployment.h"
-#include "platform/someip/wire/segmentation.h"
+#include "platform/someip/wire/reassembler.h"
 
 namespace someip {
 

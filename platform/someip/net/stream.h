@@ -5,7 +5,7 @@
 
 namespace someip {
 
-/// A connection that takes whole messages.
+/// A connection that sends whole messages.
 class Stream {
  public:
   virtual ~Stream() = default;

@@ -18,7 +18,7 @@ class Tcp_server final : public std::enable_shared_from_this<Tcp_server>,
  public:
   /// Called on the control thread, from start() to close().
   struct Events {
-    /// Why no other connection from `peer` is accepted (a literal); empty: one is.
+    /// The reason for refusing one more connection of `peer` (a literal); empty: it is accepted.
     std::function<std::string_view(const Address& peer)> obstacle;
     std::function<void(const Endpoint& client)> lost;
     /// `connection` leads back to `client`.

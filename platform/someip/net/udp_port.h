@@ -10,6 +10,8 @@
 
 namespace someip {
 
+/// Joins the receiving and the sending half of one socket, and sends long messages through the
+/// shaper.
 class Udp_port final {
  public:
   /// `socket` is bound. Messages arrive after a call of one of the two open functions.

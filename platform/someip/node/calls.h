@@ -40,7 +40,7 @@ class Calls {
                       Bytes arguments,
                       const void* owner);
   /// Ends the waiting calls of `owner` with Return_code::not_reachable, on the calling thread. The
-  /// requests it has sent still leave; connections that nobody else uses are closed then.
+  /// requests it has sent still leave. Then connections without another user are closed.
   void cancel(const void* owner);
   /// Does the same for the calls of all owners.
   void cancel_all();

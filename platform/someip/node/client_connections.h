@@ -33,13 +33,13 @@ class Client_connections {
   void remove_subscription(const Endpoint& server);
 
   /// Sends for a caller, which uses the connection from now on. Drops the message when no instance
-  /// is offered at `server` any more: nobody would release a connection opened then.
+  /// is offered at `server`: a connection opened then would never be released.
   void send(const Endpoint& server,
             const Header& header,
             Bytes payload,
             const void* caller,
             Time deadline);
-  /// What the caller has sent still leaves.
+  /// Messages that the caller has sent still leave.
   void remove_caller(const void* caller);
 
   /// Closes the connection unless a subscription uses it or, while an instance is offered there, a

@@ -21,7 +21,7 @@ namespace someip {
 /// Called with the id of a field's event when a client subscribes to it before it has a value.
 using Value_missing_handler = std::function<void(std::uint16_t)>;
 
-/// Where the notifications of an event go. Immutable once shared: sending needs no lock.
+/// The receivers of the notifications of an event. Immutable once shared: sending needs no lock.
 struct Event_targets {
   std::vector<Socket_address> udp;
   std::vector<std::shared_ptr<Stream>> udp_streams;  ///< of local clients, for events over UDP

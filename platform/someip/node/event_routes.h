@@ -1,4 +1,4 @@
-/// The way of a received notification to its subscribers inside the process.
+/// The path of a received notification to its subscribers inside the process.
 #pragma once
 
 #include <atomic>
@@ -26,7 +26,7 @@ class Event_sink : public Task {
   /// The state of the subscription has changed. Called on the control thread; must not wait.
   virtual void subscription_changed(bool active) = 0;
 
-  /// Has a notification arrived since the subscription became active?
+  /// True if a notification has arrived since the subscription became active.
   [[nodiscard]] bool value_seen() const { return value_seen_.load(std::memory_order_relaxed); }
   void set_value_seen(bool seen) { value_seen_.store(seen, std::memory_order_relaxed); }
   /// When the last notification arrived; its epoch without one.

@@ -31,7 +31,7 @@ class Known_instances {
 
   /// In the order of their first offer.
   [[nodiscard]] const std::list<Instance>& all() const { return instances_; }
-  /// Null when nobody offers the instance.
+  /// Null when no peer offers the instance.
   [[nodiscard]] const Remote_offer* find(const Instance_key& key) const;
   [[nodiscard]] bool offered_over_tcp(const Endpoint& server) const;
 

@@ -18,17 +18,18 @@ std::string key_of(const Node_deployment& node) {
   return "nodes." + node.name + (node.addresses.size() > 1 ? ".addresses" : ".address");
 }
 
-/// The channel of the first address that is free.
-std::unique_ptr<Discovery_channel> take_address(const Deployment& deployment,
-                                                const Node_deployment& node,
-                                                Control& control,
-                                                Counters& counters,
-                                                Log& log) {
+}  // namespace
+
+std::unique_ptr<Discovery_channel> Node::take_address(const Deployment& deployment,
+                                                      const Node_deployment& node) {
   std::string tried;
   for (const Address& address : node.addresses) {
     try {
-      return std::make_unique<Discovery_channel>(control.loop(), deployment.discovery, address,
-                                                 counters, log);
+      return std::make_unique<Discovery_channel>(
+          control_.loop(), deployment.discovery, address, counters_, log_,
+          [this](Bytes datagram, const Endpoint& from, bool multicast) {
+            datagram_received(datagram, from, multicast);
+          });
     } catch (const std::system_error& error) {
       const bool taken = error.code() == std::errc::address_in_use;
       tried += (tried.empty() ? "" : "; ") + address.to_string() +
@@ -42,16 +43,28 @@ std::unique_ptr<Discovery_channel> take_address(const Deployment& deployment,
                            std::to_string(deployment.discovery.port) + " free)");
 }
 
-/// The way through a Unix socket. The other end gets the address beside the node's own.
-std::unique_ptr<Local_client> client_of(const Deployment& deployment,
-                                        const Node_deployment& node,
-                                        Workers& workers,
-                                        Counters& counters) {
+std::unique_ptr<Local_client> Node::make_local_client(const Deployment& deployment,
+                                                      const Node_deployment& node,
+                                                      Workers& workers) {
+  // The other end gets the address beside the node's own.
   const Endpoint server{local_address(2, node.addresses.front().is_v4()), 1};
-  return std::make_unique<Local_client>(node.through, server, deployment.limits, workers, counters);
+  Local_client::Events events{[this](bool up) {
+                                if (!up) client_.calls().local_connection_lost();
+                                discovery_.link_changed(up, Time::clock::now());
+                              },
+                              [this](const Local_frame& frame) {
+                                const auto kind = frame.head.kind;
+                                if (kind == Local_kind::udp || kind == Local_kind::tcp) {
+                                  client_.received(frame);
+                                } else {
+                                  discovery_.received(frame.message, local_->server(),
+                                                      kind == Local_kind::discovery_to_all,
+                                                      Time::clock::now());
+                                }
+                              }};
+  return std::make_unique<Local_client>(node.through, server, deployment.limits, workers, counters_,
+                                        std::move(events));
 }
-
-}  // namespace
 
 Node::Node(const Deployment& deployment,
            const Node_deployment& node,
@@ -61,9 +74,8 @@ Node::Node(const Deployment& deployment,
       control_(workers),
       reassembler_(deployment),
       shaper_(deployment, control_.loop(), counters_),
-      channel_(node.through.empty() ? take_address(deployment, node, control_, counters_, log_)
-                                    : nullptr),
-      local_(node.through.empty() ? nullptr : client_of(deployment, node, workers, counters_)),
+      channel_(node.through.empty() ? take_address(deployment, node) : nullptr),
+      local_(node.through.empty() ? nullptr : make_local_client(deployment, node, workers)),
       own_(channel_ ? channel_->own() : node.addresses.front()),
       context_{deployment, node, own_,      local_.get(), workers,
                control_,   log_, counters_, reassembler_, shaper_},
@@ -82,7 +94,8 @@ Node::Node(const Deployment& deployment,
            [this](Time next) { schedule(next); },
            [this](const Address& peer, Time last_contact) { peer_restarted(peer, last_contact); }}),
       link_(channel_ && node.watch_link
-                ? std::make_unique<Link_watch>(control_.loop(), context_.own, log_)
+                ? std::make_unique<Link_watch>(
+                      control_.loop(), context_.own, log_, [this](bool up) { link_changed(up); })
                 : std::make_unique<Link_watch>(control_.loop(), context_.own)),
       timer_(control_) {
   client_.open();
@@ -91,23 +104,6 @@ Node::Node(const Deployment& deployment,
 
 Node::~Node() {
   stop();
-}
-
-void Node::start_locally() {
-  discovery_.link_changed(false, Time::clock::now());
-  local_->start({[this](bool up) {
-                   if (!up) client_.calls().local_connection_lost();
-                   discovery_.link_changed(up, Time::clock::now());
-                 },
-                 [this](const Local_frame& frame) {
-                   const auto kind = frame.head.kind;
-                   if (kind == Local_kind::udp || kind == Local_kind::tcp) {
-                     client_.received(frame);
-                   } else {
-                     discovery_.received(frame.message, local_->server(),
-                                         kind == Local_kind::discovery_to_all, Time::clock::now());
-                   }
-                 }});
 }
 
 void Node::send_discovery(const std::vector<std::byte>& message,
@@ -124,15 +120,14 @@ void Node::send_discovery(const std::vector<std::byte>& message,
 
 void Node::start() {
   if (local_) {
-    start_locally();
+    discovery_.link_changed(false, Time::clock::now());
+    local_->start();
     return;
   }
   warn_of_open_services();
   server_.start();
-  channel_->start([this](Bytes datagram, const Endpoint& from,
-                         bool multicast) { datagram_received(datagram, from, multicast); },
-                  link_->watching());
-  link_->start([this](bool up) { link_changed(up); });
+  channel_->start(link_->watching());
+  link_->start();
   if (link_->up()) {
     channel_->link_changed(true);
   } else {

@@ -47,7 +47,13 @@ class Node final {
 
  private:
   void start();
-  void start_locally();
+  /// The channel of the first address that is free.
+  [[nodiscard]] std::unique_ptr<Discovery_channel> take_address(const Deployment& deployment,
+                                                                const Node_deployment& node);
+  /// The path through the Unix socket of another node.
+  [[nodiscard]] std::unique_ptr<Local_client> make_local_client(const Deployment& deployment,
+                                                                const Node_deployment& node,
+                                                                Workers& workers);
   void send_discovery(const std::vector<std::byte>& message,
                       const Discovery_outbox::Destination& to);
   /// Logs a warning when the node provides services and no list restricts any service.

@@ -32,19 +32,19 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
 
   // For the node
 
-  /// Control thread: appends what the node consumes.
+  /// Control thread: appends the consumed services and event groups.
   void list(mw::com::runtime::Peers& peers, Time now) const;
   /// The port receives from now on.
   void open() {
     if (port_) port_->open_with_threads();
   }
-  /// Control thread: connects anew to what was connected before `last_contact`.
+  /// Control thread: reconnects the connections to `peer` that were opened before `last_contact`.
   void peer_restarted(const Address& peer, Time last_contact) {
     connections_.restart(peer, last_contact);
   }
   /// Control thread: a message of an instance has come through the Unix socket.
   void received(const Local_frame& frame);
-  /// Control thread: closes what lives there.
+  /// Control thread: ends the timers, the multicast ports and the connections.
   void stop();
   /// Any other thread, after stop().
   void close_port() {
@@ -74,7 +74,7 @@ class Node_client final : public Message_receiver, public Discovery_client_host 
   }
   /// The connection of the Unix socket receives, whatever endpoint is named.
   [[nodiscard]] Endpoint local_end() const { return {context_.own, 1}; }
-  // Message_receiver: what comes to the client's port and to the multicast ports
+  // Message_receiver: messages of the client's port and of the multicast ports
   void received(Received message, const Endpoint& from, Tasks& tasks) override;
 
   [[nodiscard]] std::shared_ptr<Udp_port> open_port();

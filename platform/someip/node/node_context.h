@@ -1,4 +1,4 @@
-/// What the using and the providing side of a node share.
+/// References shared by the using and the providing side of a node.
 #pragma once
 
 #include <memory>
@@ -15,7 +15,9 @@
 
 namespace someip {
 
-/// References to what the node owns, which outlives both sides. Any thread may use the members.
+/// References to objects that outlive both sides. Any thread may read them. The header of each
+/// class names the threads that may call it: `local`, Control::stop() and Segment_shaper::clear()
+/// belong to the control thread.
 struct Node_context {
   /// `socket` is bound.
   [[nodiscard]] std::shared_ptr<Udp_port> udp_port(std::unique_ptr<Udp_socket> socket,
@@ -27,7 +29,7 @@ struct Node_context {
   const Deployment& deployment;
   const Node_deployment& node;
   const Address& own;
-  Local_client* local;  ///< the way to servers instead of the network; null: the network
+  Local_client* local;  ///< replaces the network as the path to servers; null: the network
   Workers& workers;
   Control& control;
   Log& log;

@@ -35,10 +35,12 @@ std::map<std::uint16_t, Group_transport> event_groups(const Service_deployment& 
 Node_server::Node_server(const Node_context& context, Discovery& discovery)
     : context_(context),
       discovery_(discovery),
-      ports_(context,
-             [&discovery](const Endpoint& client) {
-               discovery.client_lost(client, Time::clock::now());
-             }),
+      ports_(
+          context,
+          [&discovery](const Endpoint& client) {
+            discovery.client_lost(client, Time::clock::now());
+          },
+          [this](const Returned_datagram& returned) { port_closed(returned); }),
       local_(listen_locally()) {}
 
 std::shared_ptr<Local_server> Node_server::listen_locally() {
@@ -84,7 +86,7 @@ void Node_server::send_local_discovery(Bytes message, const std::optional<Addres
 
 void Node_server::start() {
   if (local_) local_->start();
-  ports_.watch([this](const Returned_datagram& returned) { port_closed(returned); });
+  ports_.watch();
 }
 
 void Node_server::close_connections() {

@@ -29,7 +29,7 @@ class Node_server final : public Discovery_server_host {
   Node_server(const Node_context& context, Discovery& discovery);
 
   /// Opens the ports of an instance. Throws std::runtime_error naming the key when another process
-  /// has one of them.
+  /// uses one of them.
   [[nodiscard]] std::shared_ptr<Provided_instance> provide(
       const Service_deployment& service,
       const Instance_deployment& instance,
@@ -39,7 +39,7 @@ class Node_server final : public Discovery_server_host {
 
   // For the node
 
-  /// Control thread: appends what the node offers, and to whom.
+  /// Control thread: appends the offered instances and their subscribers.
   void list(mw::com::runtime::Peers& peers, Time now) const;
   /// Accepts clients of the Unix socket, and watches for others that have closed their ports.
   void start();

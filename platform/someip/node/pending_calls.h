@@ -35,7 +35,7 @@ class Pending_calls {
 
   explicit Pending_calls(std::size_t limit) : limit_(limit) {}
 
-  /// The session id to send; nothing, and `call` untouched, when too many wait.
+  /// The session id to send; nothing, and `call` untouched, when the bound is reached.
   [[nodiscard]] std::optional<std::uint16_t> add(Call& call);
   /// The call that a response belongs to: same ids, same version, same endpoint.
   [[nodiscard]] std::optional<Call> take(const Header& response,

@@ -1,59 +1,11 @@
 #include "platform/someip/node/provided_instance.h"
 
-#include <stdexcept>
 #include <string>
 #include <utility>
 
 #include "platform/someip/base/hexadecimal.h"
 
 namespace someip {
-
-namespace {
-
-class Refusal final : public Task {
- public:
-  Refusal(const Header& header, Reply_path reply, Request_budget::Place place)
-      : header_(header), reply_(std::move(reply)), place_(std::move(place)) {}
-  void run() override { reply_.send(header_, {}); }
-
- private:
-  const Header header_;
-  const Reply_path reply_;
-  const Request_budget::Place place_;
-};
-
-/// Only requests that expect a response and carry no error themselves are answered with errors
-/// (someip_597, someip_654, someip_704).
-void refuse(const Header& request,
-            Return_code code,
-            Reply_path reply,
-            Request_budget::Place place,
-            Tasks& tasks) {
-  if (!request.is(Message_type::request) || request.code != 0) return;
-  Header header = request;
-  header.protocol = protocol_version;  // never one that we do not speak (someip_703)
-  header.type = static_cast<std::uint8_t>(Message_type::response);
-  header.code = static_cast<std::uint8_t>(code);
-  tasks.push_back(std::make_shared<Refusal>(header, std::move(reply), std::move(place)));
-}
-
-std::size_t key_of(const Header& header, const Address& from) {
-  return Endpoint_hash{}({from, 0}) ^ (std::size_t{header.service} << 16U | header.method);
-}
-
-bool is_request(const Header& header) {
-  return header.is(Message_type::request) || header.is(Message_type::request_no_return);
-}
-
-}  // namespace
-
-void Reply_path::send(const Header& header, Bytes payload) const {
-  if (stream) {
-    stream->send(header, payload);
-  } else {
-    udp->send(header, payload, std::span(&to, 1));
-  }
-}
 
 /// A request on its way to the handler.
 class Provided_instance::Request final : public Task {
@@ -173,7 +125,7 @@ void Provided_instance::request(Received message,
   const Header& header = message.header;
   if (!allows(service_.allowed_peers, from)) {
     counters_.dropped_foreign_peer.add();
-    log.repeated("foreign request", key_of(header, from), [&] {
+    log.repeated("foreign request", repetition_key(header, from), [&] {
       return "requests of " + from.to_string() + " to " + service_.name +
              " are dropped: it is not an allowed peer";
     });
@@ -193,7 +145,7 @@ void Provided_instance::request(Received message,
   }
   if (!method || !method->handler) {
     counters_.dropped_unknown_method.add();
-    log.repeated("method", key_of(header, from), [&] {
+    log.repeated("method", repetition_key(header, from), [&] {
       return "requests of " + from.to_string() + " are refused: " + service_.name +
              " has no method " + hexadecimal(header.method);
     });
@@ -208,64 +160,6 @@ void Provided_instance::request(Received message,
   tasks.push_back(std::make_shared<Request>(shared_from_this(), std::move(method),
                                             std::move(message), std::move(reply),
                                             std::move(place)));
-}
-
-void Service_table::add(std::shared_ptr<Provided_instance> instance) {
-  const std::lock_guard lock(mutex_);
-  instances_[instance->service().id] = std::move(instance);
-}
-
-void Service_table::remove(const Provided_instance& instance) {
-  std::shared_ptr<Provided_instance> removed;  // goes after the lock
-  const std::lock_guard lock(mutex_);
-  const auto found = instances_.find(instance.service().id);
-  if (found == instances_.end() || found->second.get() != &instance) return;
-  removed = std::move(found->second);
-  instances_.erase(found);
-}
-
-void Service_table::dispatch(Received message,
-                             const Endpoint& from,
-                             Reply_path reply,
-                             Tasks& tasks,
-                             Request_budget& budget,
-                             Counters& counters,
-                             Log& log) const {
-  const Header& header = message.header;
-  if (!is_request(header)) {
-    // Notifications and responses do not belong here and are never answered.
-    counters.dropped_wrong_type.add();
-    return;
-  }
-  counters.requests_received.add();
-  Request_budget::Place place(budget, message.payload.size());
-  if (!place) {
-    counters.refused_requests.add();
-    return;
-  }
-  if (header.protocol != protocol_version) {
-    counters.dropped_wrong_version.add();
-    refuse(header, Return_code::wrong_protocol_version, std::move(reply), std::move(place), tasks);
-    return;
-  }
-  std::shared_ptr<Provided_instance> instance;
-  {
-    const std::lock_guard lock(mutex_);
-    if (const auto found = instances_.find(header.service); found != instances_.end()) {
-      instance = found->second;
-    }
-  }
-  if (!instance) {
-    counters.dropped_unknown_service.add();
-    log.repeated("service", key_of(header, from.address), [&] {
-      return "requests of " + to_string(from) + " are refused: service " +
-             hexadecimal(header.service) + " is not offered at this port";
-    });
-    refuse(header, Return_code::unknown_service, std::move(reply), std::move(place), tasks);
-    return;
-  }
-  instance->request(std::move(message), from.address, std::move(reply), std::move(place), tasks,
-                    log);
 }
 
 }  // namespace someip

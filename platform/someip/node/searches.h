@@ -19,12 +19,14 @@ class Search_sink {
  public:
   virtual ~Search_sink() = default;
   /// The offered instances, at the start and on each change. In front are those whose present
-  /// provider was the first to deliver their events, in the order of these deliveries, so that a
-  /// stranger's instance does not displace them. The others follow in the order in which they were
-  /// first offered. Called on the control thread; must not wait.
+  /// provider was the first to deliver their events, in the order of these deliveries: a stranger's
+  /// instance cannot displace them. The others follow in the order of their first offers. Called on
+  /// the control thread; must not wait.
   virtual void found(const std::vector<std::uint16_t>& instances) = 0;
 };
 
+/// Starts and stops searches and delivers their results to the sinks. Each section of members names
+/// the thread that calls it.
 class Searches {
  public:
   Searches(const Node_context& context,
@@ -43,9 +45,9 @@ class Searches {
 
   /// An instance of the service has come or gone: the result of each of its searches follows.
   void instances_changed(std::uint16_t service);
-  /// Does a search want an instance of the service?
+  /// True if a search wants an instance of the service.
   [[nodiscard]] bool want(std::uint16_t service) const;
-  /// Appends what each search wants and what it has found.
+  /// Appends the wanted and the found instances of each search.
   void list(std::vector<mw::com::runtime::Consumed_service>& rows,
             const Causes& causes,
             Time now) const;

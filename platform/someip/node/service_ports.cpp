@@ -4,6 +4,8 @@
 #include <string>
 #include <utility>
 
+#include "platform/someip/node/service_table.h"
+
 namespace someip {
 
 /// A port with services behind it.
@@ -62,11 +64,13 @@ class Service_ports::Tcp final {
   }
 };
 
-Service_ports::Service_ports(const Node_context& context, Connection_lost connection_lost)
+Service_ports::Service_ports(const Node_context& context,
+                             Connection_lost connection_lost,
+                             Closed_ports::Callback port_closed)
     : context_(context),
       connection_lost_(std::move(connection_lost)),
       requests_(context.deployment.limits),
-      closed_(context.control.loop()) {}
+      closed_(context.control.loop(), std::move(port_closed)) {}
 
 Service_ports::~Service_ports() = default;
 

@@ -1,4 +1,4 @@
-/// The ports behind which the services of a node stand.
+/// The UDP and TCP ports of the services of a node.
 #pragma once
 
 #include <cstdint>
@@ -13,6 +13,7 @@
 #include "platform/someip/net/tcp_server.h"
 #include "platform/someip/node/node_context.h"
 #include "platform/someip/node/provided_instance.h"
+#include "platform/someip/node/request_budget.h"
 
 namespace someip {
 
@@ -24,7 +25,10 @@ class Service_ports {
   /// A client's TCP connection has ended. Called on the control thread.
   using Connection_lost = std::function<void(const Endpoint& client)>;
 
-  Service_ports(const Node_context& context, Connection_lost connection_lost);
+  /// `port_closed` is called on the control thread, from watch() to stop_watching().
+  Service_ports(const Node_context& context,
+                Connection_lost connection_lost,
+                Closed_ports::Callback port_closed);
   ~Service_ports();
   Service_ports(const Service_ports&) = delete;
   Service_ports& operator=(const Service_ports&) = delete;
@@ -42,7 +46,7 @@ class Service_ports {
 
   // Control thread: ports of subscribers that their owners have closed
 
-  void watch(Closed_ports::Tell closed) { closed_.start(std::move(closed)); }
+  void watch() { closed_.start(); }
   void stop_watching() { closed_.stop(); }
   void look_for_closed_ports() { closed_.look(); }
 
@@ -59,7 +63,7 @@ class Service_ports {
 
   [[nodiscard]] std::shared_ptr<Udp> udp(const Instance_deployment& instance);
   [[nodiscard]] std::shared_ptr<Tcp> tcp(const Instance_deployment& instance);
-  /// Why it may not connect; empty: it may.
+  /// The reason for refusing a connection of `peer`; empty: it may connect.
   [[nodiscard]] std::string_view obstacle(const Address& peer);
 
   const Node_context& context_;

@@ -48,7 +48,7 @@ class Subscriptions {
 
   // The receiving threads
 
-  /// Passes a notification to its sinks; drops and counts one that nobody subscribed to.
+  /// Passes a notification to its sinks; drops and counts a notification without a subscription.
   void notification(Received message, const Endpoint& from, Transport transport, Tasks& tasks);
 
   // The control thread

@@ -1,5 +1,5 @@
-/// SOME/IP through a Unix socket: each message stands behind a head that says what the addresses of
-/// a datagram say on the network.
+/// SOME/IP through a Unix socket: a head before each message replaces the addresses that a datagram
+/// has on the network.
 #pragma once
 
 #include <cstddef>

@@ -47,8 +47,8 @@ using SubscriptionStateChangeHandler = std::function<void(SubscriptionState)>;
 template <class Sample>
 struct SampleSlot {
   /// A list keeps at most this much memory for the next notification and gives the rest back. This
-  /// is many times the usual need of any list here, and little beside the bound of a single
-  /// message: an empty record of four bytes on the wire takes hundreds in memory.
+  /// is many times the usual need of any list here, and little beside the bound of one message. An
+  /// empty record of four bytes on the wire takes hundreds in memory.
   static constexpr std::size_t most_kept_bytes = std::size_t{64} * 1024;
 
   Sample value{};

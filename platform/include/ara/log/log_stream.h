@@ -38,7 +38,7 @@ template <std::signed_integral T>
 ///     logger.LogInfo() << "Got entry " << key << "=" << value;
 ///
 /// A stream of a disabled level ignores its arguments. A message longer than one DLT message can
-/// carry (1390 bytes with argument headers) is sent in parts: each part but the last ends with the
+/// carry (1390 bytes with argument headers) is sent in parts. Each part but the last ends with the
 /// argument "[continues]", each but the first begins with "[continued]". Past 64 KiB the rest is
 /// dropped and the message ends with the argument "[truncated]".
 ///

@@ -10,7 +10,7 @@
 namespace ara::log {
 
 struct Recent_line {
-  std::uint64_t timeUs = 0;  ///< since 1970, on the system clock
+  std::uint64_t time_us = 0;  ///< since 1970, on the system clock
   LogLevel level{};
   std::string context;
   std::string text;

@@ -11,15 +11,20 @@ class Runtime;
 
 namespace mw::com::runtime {
 
+/// Owns the process's runtime: its constructor starts the communication, its destructor ends it.
 class Component_singleton {
  public:
   /// Reads the deployment manifest, takes the node's address and starts the workers.
   ///
   /// `name` is the node's key in the manifest ("nodes"); an empty name means the application's
-  /// node, see ara::core::Application. In the application "pos" the environment variable
-  /// POS_MANIFEST names the manifest file. Without it the file next to the installation is used,
-  /// else the manifest that the application brings. With `passive` no worker is started and nothing
-  /// is sent: for tools that only read the manifest.
+  /// node, see ara::core::Application. With `passive` no worker is started and nothing is sent: for
+  /// tools that only read the manifest.
+  ///
+  /// The manifest is the first of these, where <name> is Application::name:
+  ///   the file that the environment variable <NAME>_MANIFEST names, if the variable is set
+  ///   /etc/<name>/manifest.json
+  ///   share/<name>/manifest.json beside the folder of the executable
+  ///   Application::manifest
   ///
   /// Throws std::runtime_error with file, key and expectation for a bad manifest, and with the key
   /// and the address if the address is taken or unusable. Throws std::logic_error if a

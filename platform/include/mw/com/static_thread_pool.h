@@ -1,6 +1,6 @@
-/// The threads that run everything from the network: workers, their number fixed at construction,
-/// and the threads of its loop: one for control (service discovery, timers, streams) and two that
-/// wait for notifications and responses.
+/// The threads that run everything from the network. The number of workers is fixed at
+/// construction. Beside them, one thread does control (service discovery, timers, streams), and two
+/// threads wait for notifications and responses.
 #pragma once
 
 #include <cstddef>

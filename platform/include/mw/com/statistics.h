@@ -1,5 +1,5 @@
-/// What the runtime knows about the running process: the counters of its communication, its peers,
-/// its resources, the machine's clock.
+/// The state of the running process: the counters of its communication, its peers, its resources,
+/// the machine's clock.
 #pragma once
 
 #include <chrono>
@@ -37,7 +37,7 @@ struct Clock_state {
   bool synchronised = false;           ///< a daemon disciplines the clock
   std::uint64_t estimatedErrorUs = 0;  ///< means something while synchronised
   std::uint64_t maximumErrorUs = 0;    ///< same
-  std::int32_t taiOffsetS = 0;         ///< TAI minus UTC; 0: nobody has told the kernel
+  std::int32_t taiOffsetS = 0;         ///< TAI minus UTC; 0: not set in the kernel
   std::uint32_t steps = 0;             ///< sudden changes since the start of the process
 };
 
@@ -92,7 +92,7 @@ struct Subscriber {
 struct Consumed_service {
   std::string service;
   std::uint16_t serviceId = 0;
-  std::uint16_t instance = 0;  ///< wanted; 0xFFFF: any. Of what was found, if something was found
+  std::uint16_t instance = 0;  ///< the found one; without one, the wanted one (0xFFFF: any)
   std::uint8_t majorVersion = 0;
   bool found = false;
   std::string address;

@@ -62,8 +62,8 @@ class Strand {
   [[nodiscard]] bool begin();
   void run_queue();
 
-  /// The state is one word, so that work which finds the strand free needs no lock: claim() takes
-  /// it from `idle` and the end of the run sets it back, with one atomic operation each. A thread
+  /// The state is one word, so that work for an idle strand needs no lock. claim() takes it from
+  /// `idle` and the end of the run sets it back, with one atomic operation each. A thread
   /// that wants more of the owner (queued work, close()) sets a bit. The operation at the end then
   /// fails and the owner looks under the mutex.
   std::atomic<unsigned> state_{idle};

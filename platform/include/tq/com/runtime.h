@@ -55,8 +55,8 @@ using Notification_handler = std::function<void(Payload)>;
 /// ends.
 using Subscription_state_handler = std::function<void(bool subscribed)>;
 
-/// Called with every offered instance that matches a search, in the order of their first offers: at
-/// the start and on each change, one call at a time, on a worker thread.
+/// Called with every offered instance that matches a search, in the order of their first offers.
+/// The calls come at the start and on each change, one at a time, on a worker thread.
 using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
 
 enum class Find_token : std::uint64_t {};
@@ -95,7 +95,7 @@ class Provider {
   [[nodiscard]] virtual std::uint16_t instance() const = 0;
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
-  /// Set handlers before offer().
+  /// Set handlers before offer(). A getter without a handler returns the value notified last.
   virtual void set_method_handler(std::uint16_t method, Method_handler handler) = 0;
 
   virtual void offer() = 0;

@@ -44,7 +44,7 @@ struct Proxy_core {
 template <class Value>
 class Event {
  public:
-  using SampleType = Value;
+  using SampleType = Value;  ///< the name that ara::com gives it
 
   Event(Proxy_core& core, std::string_view name)
       : core_{core}, name_{name}, id_{core.consumer->element(name).notifier.value_or(0)} {}
@@ -63,7 +63,7 @@ class Event {
   void Subscribe(std::size_t max_samples) {
     Unsubscribe();
     cache_ = std::make_shared<Sample_cache<Value>>(std::max<std::size_t>(max_samples, 1));
-    tell(Trace_id::Field_subscribe);
+    record(Trace_id::Field_subscribe);
     subscribed_ = true;
     state_ = ara::com::SubscriptionState::kSubscriptionPending;
     core_.consumer->subscribe(
@@ -75,7 +75,7 @@ class Event {
   void Unsubscribe() {
     if (!subscribed_) return;
     subscribed_ = false;
-    tell(Trace_id::Field_unsubscribe);
+    record(Trace_id::Field_unsubscribe);
     core_.consumer->unsubscribe(name_);
     state_ = ara::com::SubscriptionState::kNotSubscribed;
   }
@@ -105,16 +105,16 @@ class Event {
     }
   }
   [[gnu::cold, gnu::noinline]] void on_traced_notification(tq::com::Payload payload) {
-    tell(Trace_id::Event_update_rx);
+    record(Trace_id::Event_update_rx);
     if (state_ != ara::com::SubscriptionState::kSubscribed) {
       // The notification overtook the acknowledgement, or the subscription just ended. The value is
       // good.
-      tell(Trace_id::Event_update_when_not_subscribed);
+      record(Trace_id::Event_update_when_not_subscribed);
     }
     if (!take(payload)) return;
-    tell(Trace_id::Event_cache_update);
+    record(Trace_id::Event_cache_update);
     if (!receive_) return;
-    tell(Trace_id::Event_receive_handler);
+    record(Trace_id::Event_receive_handler);
     handle([this] {
       constexpr auto id = Trace_id::Event_receive_handler_performance;
       trace_duration(id, receive_, [&] { return core_.event(id, id_); });
@@ -128,7 +128,7 @@ class Event {
     } catch (const std::exception& error) {
       slot.trim();
       log_malformed_payload(core_.service, name_, error.what());
-      tell(Trace_id::Event_deserialize_exception);
+      record(Trace_id::Event_deserialize_exception);
       return false;
     }
     return cache_->push(slot);
@@ -138,15 +138,15 @@ class Event {
     try {
       call();
     } catch (...) {
-      tell_exception(Handler::receive, Trace_id::Event_receive_handler_exception);
+      record_exception(Handler::receive, Trace_id::Event_receive_handler_exception);
     }
   }
-  [[gnu::cold, gnu::noinline]] void tell(Trace_id id) const {
+  [[gnu::cold, gnu::noinline]] void record(Trace_id id) const {
     trace(id, [&] { return core_.event(id, id_); });
   }
-  [[gnu::cold, gnu::noinline]] void tell_exception(Handler handler, Trace_id id) const {
+  [[gnu::cold, gnu::noinline]] void record_exception(Handler handler, Trace_id id) const {
     log_handler_exception(handler, core_.service, name_);
-    tell(id);
+    record(id);
   }
 
   void on_state(bool acknowledged) {
@@ -156,7 +156,7 @@ class Event {
     try {
       state_changed_(state);
     } catch (...) {
-      tell_exception(Handler::subscription_state, Trace_id::Event_state_handler_exception);
+      record_exception(Handler::subscription_state, Trace_id::Event_state_handler_exception);
     }
   }
 
@@ -267,7 +267,6 @@ class Proxy_impl {
    private:
     tq::com::Found_instance found_;
   };
-  using HandleType = Handle_type;
 
   /// Searches for all instances, or for one instance, until StopFindService. The handler runs on a
   /// worker, one call at a time, at the start and on each change. Throws std::runtime_error if the

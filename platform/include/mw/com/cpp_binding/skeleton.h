@@ -35,7 +35,7 @@ struct Skeleton_core {
   [[nodiscard]] Trace_event event(Trace_id id, std::uint32_t element = 0) const {
     return {.id = id, .service = service, .instance = instance, .element = element};
   }
-  [[gnu::cold, gnu::noinline]] void tell_update(std::uint32_t element) const {
+  [[gnu::cold, gnu::noinline]] void record_update(std::uint32_t element) const {
     trace(Trace_id::Event_update_tx, [&] { return event(Trace_id::Event_update_tx, element); });
   }
 };
@@ -147,7 +147,7 @@ class Event {
   void Send(const Value& value) {
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
-    if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.tell_update(id_);
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.record_update(id_);
     core_.provider->send_event(id_, payload);
   }
 
@@ -179,7 +179,7 @@ class Field {
     // Kept per thread so that an update costs no allocation.
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
-    if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.tell_update(notifier_);
+    if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.record_update(notifier_);
     core_.provider->update_field(notifier_, payload);
   }
   void RegisterGetHandler(GetHandler handler) {
@@ -280,12 +280,12 @@ class Skeleton_impl {
 
   void OfferService() {
     core_.provider->offer();
-    if (!offered_.exchange(true)) tell(Trace_id::Offer_service);
+    if (!offered_.exchange(true)) record(Trace_id::Offer_service);
   }
   /// Returns at once. Calls in progress are still answered.
   void StopOfferService() {
     core_.provider->stop_offer();
-    tell_end_of_offer();
+    record_end_of_offer();
   }
 
  protected:
@@ -295,16 +295,16 @@ class Skeleton_impl {
   /// reaches the object. Events may still be sent.
   void disconnect() {
     core_.provider->close();
-    tell_end_of_offer();
+    record_end_of_offer();
   }
 
  private:
-  void tell(Trace_id id) const {
+  void record(Trace_id id) const {
     trace(id, [&] { return core_.event(id); });
   }
   /// Writes one trace record for each record of OfferService().
-  void tell_end_of_offer() {
-    if (offered_.exchange(false)) tell(Trace_id::Stop_offer_service);
+  void record_end_of_offer() {
+    if (offered_.exchange(false)) record(Trace_id::Stop_offer_service);
   }
 
   Skeleton_core core_;

@@ -1,4 +1,4 @@
-#include "platform/someip/net/local_socket.h"
+#include "platform/someip/net/local_path.h"
 
 #include <fcntl.h>
 #include <sys/file.h>

@@ -1,4 +1,4 @@
-#include "platform/linux/com/local_socket.h"
+#include "platform/linux/com/socket_paths.h"
 
 #include <sys/stat.h>
 

@@ -1,4 +1,4 @@
-/// tq::com::Consumer over SOME/IP: its subscribed elements, and its calls, each of which ends once.
+/// tq::com::Consumer over SOME/IP: its subscribed elements and its calls.
 #pragma once
 
 #include <atomic>

@@ -1,4 +1,4 @@
-#include "platform/linux/com/consumer.h"
+#include "platform/linux/com/someip_consumer.h"
 
 #include <stdexcept>
 #include <utility>

@@ -1,6 +1,5 @@
-#include "platform/linux/com/provider.h"
+#include "platform/linux/com/someip_provider.h"
 
-#include <cstdio>
 #include <stdexcept>
 #include <string>
 #include <utility>
@@ -8,18 +7,13 @@
 #include "mw/com/cpp_binding/log.h"
 #include "mw/com/cpp_binding/trace.h"
 #include "platform/linux/com/element_ids.h"
+#include "platform/someip/base/hexadecimal.h"
 
 namespace tq::com {
 
 namespace {
 
-std::string hexadecimal(std::uint16_t id) {
-  char text[8];
-  std::snprintf(text, sizeof text, "0x%04X", static_cast<unsigned>(id));
-  return text;
-}
-
-void tell_value_missing(const std::string& service, std::uint16_t instance, std::uint16_t event) {
+void report_value_missing(const std::string& service, std::uint16_t instance, std::uint16_t event) {
   using mw::com::cpp_binding::Trace_event;
   constexpr auto record = mw::com::cpp_binding::Trace_id::Event_request_update_err;
   mw::com::cpp_binding::log_notify_without_value(event);
@@ -38,7 +32,7 @@ Someip_provider::Someip_provider(const someip::Service_deployment& service,
           node.server().provide(service,
                                 instance,
                                 [&name = service.name, id = instance.id](std::uint16_t event) {
-                                  tell_value_missing(name, id, event);
+                                  report_value_missing(name, id, event);
                                 })),
       node_(node),
       manifest_(std::move(manifest)),
@@ -60,7 +54,7 @@ void Someip_provider::set_method_handler(std::uint16_t method, Method_handler ha
     });
   } catch (const std::out_of_range&) {
     throw std::runtime_error(manifest_ + ": services." + instance_->service().name +
-                             ": no method " + hexadecimal(method));
+                             ": no method " + someip::hexadecimal(method));
   }
 }
 
@@ -95,7 +89,7 @@ someip::Event_channel& Someip_provider::channel(std::uint16_t event) const {
     return instance_->event(event);
   } catch (const std::out_of_range&) {
     throw std::runtime_error(manifest_ + ": services." + instance_->service().name + ": no event " +
-                             hexadecimal(event));
+                             someip::hexadecimal(event));
   }
 }
 
