@@ -1,7 +1,6 @@
 #include "tools/posctl/monitor_reports.h"
 
 #include <algorithm>
-#include <optional>
 #include <string_view>
 #include <vector>
 
@@ -40,14 +39,6 @@ std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
   return result;
 }
 
-/// Which of d_14a0, d_14a1 and d_14a3 has the status of a monitor; no number for none.
-std::optional<std::uint8_t> group_number(const Monitor& monitor) {
-  using diagnosisService::Status_group;
-  if (monitor.group == Status_group::none) return std::nullopt;
-  return static_cast<std::uint8_t>(static_cast<unsigned>(monitor.group) -
-                                   static_cast<unsigned>(Status_group::input));
-}
-
 }  // namespace
 
 std::string identifier_of(const Monitor& monitor) {
@@ -55,9 +46,8 @@ std::string identifier_of(const Monitor& monitor) {
 }
 
 Json state_json(const Monitor& monitor, const binding::Diagnosis_state& state) {
-  const auto group = group_number(monitor);
   const auto found = std::ranges::find_if(state.statuses, [&](const auto& one) {
-    return group && one.group == *group && one.byte == monitor.byte;
+    return diagnosisService::Status_group{one.group} == monitor.group && one.byte == monitor.byte;
   });
   Json json{{"schema", 1}, {"monitor", identifier_of(monitor)}, {"name", monitor.name}};
   json["status"] = Json();

@@ -6,15 +6,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/posctl/record_json.h"
 
 namespace posctl::track {
 
-/// The choices of an option --position: the application's output, or a type of the source's.
 inline constexpr const char* output_position = "output";
-inline constexpr const char* gnss_position = "GNSS";
-inline constexpr const char* gnss_dr_position = "GNSS-DR";
+/// The choices of an option --position: the application's output, or a type of the source's.
+[[nodiscard]] std::vector<std::string> position_choices();
 
 /// Passes on each position from its construction on, over every loss and return of the service.
 class Live_positions {
