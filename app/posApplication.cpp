@@ -12,6 +12,7 @@
 #include "ara/exec/application_client.h"
 #include "ara/log/logger.h"
 #include "binding/statistics.h"
+#include "binding/time_base.h"
 #include "clients/timeutils.h"
 #include "diagnosisService/monitor_table.h"
 
@@ -42,15 +43,6 @@ Data_bus_element element_of(gnssClient::gnssClientImpl::Field field) {
       break;
   }
   return Data_bus_element::gnss_pos_gnss_sat_infos;
-}
-
-/// The lead of the time base before the system clock.
-std::chrono::nanoseconds time_base_ahead() {
-  const auto before = std::chrono::system_clock::now().time_since_epoch();
-  const auto base = timeutils::instance().now();
-  const auto after = std::chrono::system_clock::now().time_since_epoch();
-  // The three readings take time: a time base that lies between them is the system clock.
-  return before <= base && base <= after ? std::chrono::nanoseconds{} : base - before;
 }
 
 }  // namespace
@@ -108,7 +100,7 @@ void posApplication::each_second() {
   clock_.look();
   ages_.each_second();
   try {
-    ages_.set_base_ahead(time_base_ahead());
+    ages_.set_base_ahead(binding::lead_of([] { return timeutils::instance().now(); }));
   } catch (const std::runtime_error&) {
     // The clock behind the time base is gone, which whoever uses it reports.
   }

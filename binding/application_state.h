@@ -1,4 +1,4 @@
-/// What the Statistics service tells about the application: its statuses, the faults of the
+/// State of the application as the Statistics service returns it: its statuses, the faults of the
 /// services that it uses, its settings, its log.
 #pragma once
 
@@ -8,7 +8,7 @@
 
 namespace binding {
 
-/// A byte of d_14a0 (group 0), d_14a1 (1) or d_14a3 (2).
+/// A status byte. diagnosis_values.h has the values of `group` and `status`.
 struct Status_age {
   std::uint8_t group = 0;
   std::uint8_t byte = 0;
@@ -16,7 +16,7 @@ struct Status_age {
   std::uint64_t sinceMs = 0;
 };
 
-/// An entry of d_1190 (fault 0), d_1191 (1) or d_1192 (2).
+/// A fault of a consumed service. diagnosis_values.h has the values of `fault` and `service`.
 struct Fault_age {
   std::uint8_t fault = 0;
   std::uint8_t service = 0;

@@ -2,19 +2,52 @@
 /// skeleton and proxy. It is not a function of the vehicle.
 #pragma once
 
+#include <algorithm>
+#include <array>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "ara/core/future.h"
 #include "binding/application_state.h"
 #include "binding/codec.h"
+#include "binding/diagnosis_values.h"
 #include "binding/position_ages.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/cpp_binding/skeleton.h"
 #include "mw/com/statistics.h"
+
+namespace binding::detail {
+
+/// "0 input, 1 output, " for an enumeration whose values are below 10.
+template <Named_enumeration E>
+inline constexpr auto value_list = [] {
+  constexpr auto size = [] {
+    std::size_t sum = 0;
+    for (const auto& one : enumerators<E>)
+      sum += one.name.size() + 4;
+    return sum;
+  };
+  std::array<char, size()> text{};
+  auto end = text.begin();
+  for (const auto& one : enumerators<E>) {
+    *end++ = static_cast<char>('0' + static_cast<int>(one.value));
+    *end++ = ' ';
+    end = std::ranges::copy(one.name, end).out;
+    *end++ = ',';
+    *end++ = ' ';
+  }
+  return text;
+}();
+/// "0 input, 1 output", as the meaning of a member that carries such a value as a number.
+template <Named_enumeration E>
+inline constexpr std::string_view values_of{value_list<E>.data(), value_list<E>.size() - 2};
+
+}  // namespace binding::detail
 
 template <>
 struct binding::Description<mw::com::runtime::Counter> {
@@ -156,11 +189,11 @@ template <>
 struct binding::Description<binding::Status_age> {
   using Record = binding::Status_age;
   static constexpr std::string_view name = "binding::Status_age";
-  static constexpr auto entries =
-      std::tuple{plain("group", &Record::group, "", "0 input, 1 output, 2 system function"),
-                 plain("byte", &Record::byte, "", "within the group"),
-                 plain("status", &Record::status, "", "0 Nominal, 1 Error, 2 Init, 3 NotAvailable"),
-                 plain("sinceMs", &Record::sinceMs, "ms", "ago: the last change")};
+  static constexpr auto entries = std::tuple{
+      plain("group", &Record::group, "", detail::values_of<lumo::services::diag::Status_group>),
+      plain("byte", &Record::byte, "", "within the group"),
+      plain("status", &Record::status, "", detail::values_of<lumo::services::diag::Status>),
+      plain("sinceMs", &Record::sinceMs, "ms", "ago: the last change")};
 };
 
 template <>
@@ -168,8 +201,9 @@ struct binding::Description<binding::Fault_age> {
   using Record = binding::Fault_age;
   static constexpr std::string_view name = "binding::Fault_age";
   static constexpr auto entries = std::tuple{
-      plain("fault", &Record::fault, "", "0 not available, 1 error value, 2 implausible"),
-      plain("service", &Record::service, "", "1 GNSS, 2 Time"),
+      plain("fault", &Record::fault, "", detail::values_of<lumo::services::diag::Data_bus_fault>),
+      plain(
+          "service", &Record::service, "", detail::values_of<lumo::services::diag::Faulty_service>),
       plain("element", &Record::element, "", "place in the interface from 1; 0: the service"),
       plain("present", &Record::present, "", "now"),
       plain("occurrences", &Record::occurrences, "", "since the start"),

@@ -54,7 +54,7 @@ install(FILES cmake/arm64.cmake DESTINATION ${packages}/AdaptivePlatform COMPONE
 pos_export(pos ${pos_includes} pos
   pos_binding pos_consumed_interfaces pos_positioning_interface pos_diagnosis_interfaces)
 pos_install_headers(${pos_includes} binding
-  age_histogram application_state position_ages position_type statistics timestamp)
+  age_histogram application_state diagnosis_values position_ages position_type statistics timestamp)
 pos_install_headers(${pos_includes} clients GNSS Time gnss_records time_records)
 pos_install_headers(${pos_includes} posService Positioning positioning_records)
 pos_install_headers(${pos_includes} diagnosisService DiagnosticMonitor data_identifiers monitor_table)

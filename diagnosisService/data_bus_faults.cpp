@@ -42,7 +42,7 @@ void Data_bus_faults::enter(Data_bus_fault fault, Data_bus_element element, bool
   auto& bytes = record.entries;
   std::size_t at = 0;
   while (at < bytes.size() && (bytes[at] != service || bytes[at + 1] != field))
-    at += entry_size;
+    at += fault_entry_size;
   if (at == bytes.size()) {
     if (!present) return;
     bytes.insert(bytes.end(), {service, field, 0, 0, 0});
@@ -51,7 +51,7 @@ void Data_bus_faults::enter(Data_bus_fault fault, Data_bus_element element, bool
   auto& state = bytes[at + 2];
   if ((state != 0) == present) return;
   state = present ? 1 : 0;
-  record.since[at / entry_size] = Clock::now();
+  record.since[at / fault_entry_size] = Clock::now();
   if (!present) return;
   auto* const occurrences = std::as_writable_bytes(std::span{bytes}).data() + at + 3;
   const auto before = binding::load<std::uint16_t>(occurrences, binding::Byte_order::big_endian);

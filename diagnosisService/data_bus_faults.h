@@ -12,24 +12,28 @@
 namespace diagnosisService {
 
 using lumo::services::diag::Data_bus_fault;
+using lumo::services::diag::fault_entry_size;
+using lumo::services::diag::Faulty_service;
 
+constexpr std::uint16_t element_number(Faulty_service service, std::uint8_t field) {
+  return static_cast<std::uint16_t>(static_cast<unsigned>(service) << 8U | field);
+}
 /// The subject of a data-bus fault: the consumed service in the high byte, its field in the low
 /// byte, 0 for the service as a whole.
 enum class Data_bus_element : std::uint16_t {
-  gnss = 0x0100,
-  gnss_positions = 0x0101,
-  gnss_positions_quality = 0x0102,
-  gnss_pos_gnss_sat_infos = 0x0103,
-  time = 0x0200,
-  time_times = 0x0201,
-  time_time_settings = 0x0202,
+  gnss = element_number(Faulty_service::gnss, 0),
+  gnss_positions = element_number(Faulty_service::gnss, 1),
+  gnss_positions_quality = element_number(Faulty_service::gnss, 2),
+  gnss_pos_gnss_sat_infos = element_number(Faulty_service::gnss, 3),
+  time = element_number(Faulty_service::time, 0),
+  time_times = element_number(Faulty_service::time, 1),
+  time_time_settings = element_number(Faulty_service::time, 2),
 };
 
 /// Not thread-safe.
 class Data_bus_faults {
  public:
   using Clock = std::chrono::steady_clock;
-  static constexpr std::size_t entry_size = 5;
 
   /// Empties the records. A required service may be missing for at most `timeout` from `now` on.
   void reset(std::chrono::microseconds timeout, Clock::time_point now);
@@ -69,7 +73,8 @@ class Data_bus_faults {
     return records_[static_cast<std::size_t>(fault)];
   }
 
-  std::array<Record, 3> records_;  ///< indexed by Data_bus_fault
+  std::array<Record, binding::enumerators<Data_bus_fault>.size()>
+      records_;  ///< indexed by Data_bus_fault
   std::vector<Required_service> required_;
   std::chrono::microseconds timeout_{};
 };

@@ -14,6 +14,7 @@
 
 #include "ara/core/future.h"
 #include "binding/codec.h"
+#include "binding/diagnosis_values.h"
 #include "mw/com/cpp_binding/proxy.h"
 #include "mw/com/cpp_binding/skeleton.h"
 
@@ -73,10 +74,9 @@ struct PositioningStatusSystem {
   std::uint16_t mapMatchingAnd13 = 0;
 };
 
-/// Kinds of faults of a consumed service.
-enum class Data_bus_fault : std::uint8_t { not_available, error_value_received, implausible };
-
-/// Read outputs of d_1190, d_1191 and d_1192: five bytes for each affected element.
+/// Bytes of the entry of a fault: service, field, presence, and occurrences in two bytes.
+inline constexpr std::size_t fault_entry_size = 5;
+/// Read outputs of d_1190, d_1191 and d_1192: an entry for each affected element.
 template <Data_bus_fault Fault>
 struct Data_bus_fault_records {
   static constexpr Data_bus_fault fault = Fault;

@@ -25,8 +25,10 @@ constexpr std::array<std::string_view, input_count> sensor_labels{
     "sensor Radar_Landmarken   ", "sensor BD_Karte_PSD       ", "sensor Zeitmaster         ",
     "sensor Kamera_BV_Linien   ", "sensor Kamera_Odometrie   "};
 
-std::string_view action_name(MonitorActionType action) {
-  const auto name = binding::name_of(action);
+/// Tools that read this log look for this spelling of an unknown value.
+template <class Enumeration>
+std::string_view name_or_unknown(Enumeration value) {
+  const auto name = binding::name_of(value);
   return name.empty() ? "unknonw" : name;
 }
 
@@ -129,7 +131,7 @@ void diagnosisServiceImpl::start_monitors() {
   {
     const std::lock_guard lock{offer_mutex_};
     if (!monitors_.empty()) {
-      throw std::logic_error{"diagnosisServiceImpl::startMonitors: called twice"};
+      throw std::logic_error{"diagnosisServiceImpl::start_monitors: called twice"};
     }
     monitors_ = std::move(monitors);
     // Set ahead of the offers, so that an InitMonitor after the first offer is answered.
@@ -241,8 +243,8 @@ void diagnosisServiceImpl::evaluate(Clock::time_point now) {
   }
   for (const auto& change : changes) {
     logger_.LogInfo() << "Changing of state, ID =" << change.monitor->name
-                      << ", prev status =" << status_name(change.before)
-                      << ", new status =" << status_name(change.after);
+                      << ", prev status =" << name_or_unknown(Status{change.before})
+                      << ", new status =" << name_or_unknown(Status{change.after});
     send_result(change.monitor->identifier);
   }
 }
@@ -305,7 +307,7 @@ void diagnosisServiceImpl::sendEvent(std::uint32_t identifier, MonitorActionType
   logger_.LogInfo() << "diagnosticMonitorServiceImpl::sendEvent(), "
                     << "id " << identifier << " (0x" << ara::log::HexFormat(identifier) << ")"
                     << " = " << monitor_table[index].name << ", action "
-                    << static_cast<std::uint8_t>(action) << " = " << action_name(action);
+                    << static_cast<std::uint8_t>(action) << " = " << name_or_unknown(action);
   skeleton->MonitorAction.Send(action);
 }
 
@@ -316,18 +318,18 @@ binding::Diagnosis_state diagnosisServiceImpl::state(Clock::time_point now) cons
   };
   binding::Diagnosis_state state;
   const std::lock_guard lock{mutex_};
-  const auto add = [&](std::uint8_t number, Status_group group, const auto& bytes) {
+  const auto add = [&](Status_group group, const auto& bytes) {
     for (std::uint8_t byte = 0; byte < bytes.size(); ++byte)
-      state.statuses.push_back({number, byte, bytes[byte], ago(book_.since(group, byte))});
+      state.statuses.push_back(
+          {static_cast<std::uint8_t>(group), byte, bytes[byte], ago(book_.since(group, byte))});
   };
-  add(0, Status_group::input, book_.inputs());
-  add(1, Status_group::output, book_.outputs());
-  add(2, Status_group::system, book_.system());
-  for (const auto kind : {Data_bus_fault::not_available, Data_bus_fault::error_value_received,
-                          Data_bus_fault::implausible}) {
+  add(Status_group::input, book_.inputs());
+  add(Status_group::output, book_.outputs());
+  add(Status_group::system, book_.system());
+  for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
     const auto& since = faults_.since(kind);
     for (std::size_t i = 0; i < since.size(); ++i) {
-      const auto* const entry = &faults_.entries(kind)[i * Data_bus_faults::entry_size];
+      const auto* const entry = &faults_.entries(kind)[i * fault_entry_size];
       state.faults.push_back({static_cast<std::uint8_t>(kind), entry[0], entry[1], entry[2] != 0,
                               static_cast<std::uint16_t>(entry[3] << 8U | entry[4]),
                               ago(since[i])});

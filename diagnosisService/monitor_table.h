@@ -7,16 +7,12 @@
 #include <cstdint>
 #include <string_view>
 
+#include "binding/diagnosis_values.h"
+
 namespace diagnosisService {
 
-/// Values of a status byte.
-enum Status : std::uint8_t { nominal = 0, error = 1, init = 2, not_available = 3 };
-
-[[nodiscard]] constexpr std::string_view status_name(std::uint8_t status) {
-  constexpr std::array<std::string_view, 4> names{"Nominal", "Error", "Init", "NotAvailable"};
-  // Tools that read this log look for this spelling.
-  return status < names.size() ? names[status] : "unknonw";
-}
+using lumo::services::diag::Status;
+using lumo::services::diag::Status_group;
 
 inline constexpr std::size_t input_count = 11;
 inline constexpr std::size_t output_count = 3;
@@ -35,9 +31,6 @@ inline constexpr std::size_t system_reserved13 = 13;
 inline constexpr std::uint32_t monitor_input_gnss = 0x83D101;
 inline constexpr std::uint32_t monitor_output_dead_reckoning = 0x83D104;
 inline constexpr std::uint32_t monitor_input_time = 0x83D10B;
-
-/// The part of the status block to which a byte belongs.
-enum class Status_group : std::uint8_t { none, input, output, system };
 
 struct Monitor {
   std::uint32_t identifier;

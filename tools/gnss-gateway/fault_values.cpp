@@ -113,7 +113,12 @@ std::unique_ptr<Fault> standing_still(bool with_counter) {
 }
 
 constexpr std::array<std::string_view, 5> value_type_words{"1", "2", "3", "7", "absent"};
-constexpr std::array<std::string_view, 2> position_type_words{"GNSS", "GNSS-DR"};
+constexpr auto position_type_words = [] {
+  constexpr auto& types = binding::enumerators<Position_type>;
+  std::array<std::string_view, types.size()> words;
+  std::ranges::transform(types, words.begin(), [](const auto& type) { return type.name; });
+  return words;
+}();
 
 bool is_stamp(std::string_view member) {
   return member == "preciseLocalTimeSeconds" || member == "preciseLocalTimeNanoseconds";
@@ -283,7 +288,7 @@ std::unique_ptr<Fault> make_missing(const Fault_value& value, Fault_time) {
 }
 
 std::unique_ptr<Fault> make_only_type(const Fault_value& value, Fault_time) {
-  const auto only = value.choice == 0 ? Position_type::gnss : Position_type::gnss_dr;
+  const auto only = binding::enumerators<Position_type>.at(value.choice).value;
   return changing([only](Fault_time, Notification& notification) {
     std::erase_if(notification.positions,
                   [only](const auto& record) { return record.positionType != only; });

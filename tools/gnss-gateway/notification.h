@@ -1,19 +1,18 @@
 /// Makes the records of one GNSS notification from a fix of a receiver or a sample of a drive.
 ///
 /// A quantity that the source never measures is absent. A quantity that the source cannot measure
-/// at this instant (no fix, too slow for a heading) carries valueType Error: with the last value of
-/// the receiver when it sends one, else without a value. Every other quantity carries
+/// at this instant (no fix, too slow for a heading) carries valueType Error. It has the last value
+/// of the receiver if the receiver sends one, else no value. Every other quantity carries
 /// PhysicalValue. docs/receivers.md describes each member.
 #pragma once
 
 #include <bitset>
-#include <chrono>
-#include <cstdint>
 #include <optional>
 #include <vector>
 
 #include "clients/gnss_records.h"
 #include "tools/drive/drive.h"
+#include "tools/gnss-gateway/context.h"
 #include "tools/nmea/fix.h"
 
 namespace gateway {
@@ -25,13 +24,6 @@ struct Notification {
   std::vector<lumo::services::gnss::datatypes::DT_positionsQuality_struct> quality;
   /// Absent: the source has no new list, the field keeps its value.
   std::optional<std::vector<lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct>> satellites;
-};
-
-/// Inputs that do not come from the source.
-struct Context {
-  std::uint32_t message_counter = 0;
-  std::chrono::nanoseconds precise_local_time{};
-  std::optional<std::uint32_t> update_rate_hz;
 };
 
 /// The dead-reckoning sample repeats the GNSS sample, except while the receiver says that it only

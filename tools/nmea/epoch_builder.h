@@ -5,23 +5,15 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "tools/nmea/fix.h"
 #include "tools/nmea/framer.h"
+#include "tools/nmea/merging.h"
 #include "tools/nmea/sentence.h"
 
 namespace nmea {
 
 namespace detail {
-
-struct View {
-  Talker talker{};
-  std::uint8_t signal = 0;  ///< of the group's first sentence
-  bool several_signals = false;
-  unsigned in_view = 0;
-  std::vector<Satellite> satellites;
-};
 
 /// A GSV group that is coming in.
 struct Pending_view {
@@ -30,24 +22,6 @@ struct Pending_view {
   unsigned next = 0;    ///< number of the sentence that must come now; 0: none is coming in
   bool broken = false;  ///< a sentence is missing: the rest is only followed to its end
 };
-
-/// The satellites of the GSA and GSV sentences of one instant.
-struct Sky {
-  std::vector<Satellite_number> used;
-  bool used_told = false;
-  std::optional<Fix_dimension> dimension;
-  std::optional<double> pdop;
-  std::optional<double> hdop;
-  std::optional<double> vdop;
-  std::vector<View> views;
-};
-
-struct Told_navigation {
-  Navigation sentence;
-  Talker talker{};
-  bool believed = true;  ///< false: the others of the instant contradict it
-};
-using Navigation_sentences = std::array<std::optional<Told_navigation>, navigation_type_count>;
 
 struct Epoch {
   std::optional<std::chrono::nanoseconds> time_of_day;
@@ -74,15 +48,15 @@ enum class Silence : std::uint8_t { brief, lasting };
 
 /// An instant lasts from its first navigation sentence with a time until the first with another
 /// one, pauses or not. Sentences without a time (GSA, GSV, VTG; GGA and RMC before the receiver
-/// knows the time) belong to the instant that is being told. A second sentence of a type for the
-/// same time is a duplicate: the first stands, unless the second tells the combined solution (GN)
-/// where the first told one system's.
+/// knows the time) belong to the present instant. A second sentence of a type for the same time is
+/// a duplicate and the first stands, except that the combined solution (GN) replaces that of one
+/// system.
 ///
 /// ZDA, GST, GBS, HDT, THS, PASHR and TXT neither begin nor end an instant: they add to it.
 ///
 /// A sentence that contradicts the others of its instant is counted and adds nothing.
 ///
-/// While a receiver (GP, GN, …) tells positions, those of a device that passes them on (IN, EC, II,
+/// While a receiver (GP, GN, …) sends positions, those of a device that passes them on (IN, EC, II,
 /// …) are duplicates.
 class Epoch_builder {
  public:
@@ -91,12 +65,12 @@ class Epoch_builder {
   /// Returns the fix that `sentence` has ended by beginning the next one.
   [[nodiscard]] std::optional<Fix> add(const Sentence& sentence);
 
-  /// Returns the fix of the instant being told, once. After a brief silence it waits for the
+  /// Returns the fix of the present instant, once. After a brief silence it waits for the
   /// navigation sentences that the last instant had; after a lasting one it does not. The instant
   /// goes on: satellites that follow return a supplement at the next pause.
   [[nodiscard]] std::optional<Fix> pause(Silence silence);
 
-  /// Ends the instant being told, at the end of the input.
+  /// Ends the present instant, at the end of the input.
   [[nodiscard]] std::optional<Fix> finish();
 
  private:

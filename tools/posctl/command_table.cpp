@@ -238,7 +238,7 @@ Run add_exporter(CLI::App& command) {
 
 void add_position(CLI::App& command, std::string& position) {
   command.add_option("--position", position, "The application's output, or a type of its source's")
-      ->check(CLI::IsMember({"output", "GNSS", "GNSS-DR"}))
+      ->check(CLI::IsMember(track::position_choices()))
       ->capture_default_str();
 }
 

@@ -6,6 +6,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/posctl/track/live_positions.h"
 #include "tools/posctl/way.h"
 
 namespace posctl {
@@ -90,12 +91,12 @@ struct Discover_options {
   double seconds = 0;   ///< 0: until interrupted
   std::string node = "posctl";
 };
-/// Prints everything that is offered on the network, also what the manifest does not have.
+/// Prints every offer on the network, also those of services that the manifest does not have.
 int discover(const Discover_options& options);
 struct Status_options : Look_options {
   bool watch = false;  ///< looks again each second
 };
-/// Prints a verdict and all that the application tells about itself on one page. Returns 0 if the
+/// Prints a verdict and the state of the application on one page. Returns 0 if the
 /// application is healthy, tools::exit_failed if it is not.
 int status(const Status_options& options);
 
@@ -154,22 +155,22 @@ struct Exporter_options {
 int exporter(const Exporter_options& options);
 
 struct Export_options {
-  std::string gpx, kml, csv, geojson;  ///< one of them is the file, "-" standard output
-  std::string from;                    ///< lines of posctl watch -o json; empty: live
-  std::string position = "output";     ///< or "GNSS", "GNSS-DR" of the source
-  std::uint64_t count = 0;             ///< positions; 0: until interrupted
-  double timeout = 0;                  ///< seconds; 0: none
+  std::string gpx, kml, csv, geojson;             ///< one of them is the file, "-" standard output
+  std::string from;                               ///< lines of posctl watch -o json; empty: live
+  std::string position = track::output_position;  ///< or a type of the source's
+  std::uint64_t count = 0;                        ///< positions; 0: until interrupted
+  double timeout = 0;                             ///< seconds; 0: none
   Way_options way;
 };
 /// Writes positions to a file for other programs.
 int export_track(const Export_options& options);
 
 struct Nmea_options {
-  std::string listen = "-";         ///< "tcp:[ADDRESS:]PORT", "udp:HOST:PORT" or standard output
-  double max_age = 2;               ///< seconds; an older position is not valid
-  std::string position = "output";  ///< or "GNSS", "GNSS-DR" of the source
-  std::uint64_t count = 0;          ///< positions; 0: until interrupted
-  double timeout = 0;               ///< seconds; 0: none
+  std::string listen = "-";  ///< "tcp:[ADDRESS:]PORT", "udp:HOST:PORT" or standard output
+  double max_age = 2;        ///< seconds; an older position is not valid
+  std::string position = track::output_position;  ///< or a type of the source's
+  std::uint64_t count = 0;                        ///< positions; 0: until interrupted
+  double timeout = 0;                             ///< seconds; 0: none
   Way_options way;
 };
 /// Sends positions as NMEA sentences.

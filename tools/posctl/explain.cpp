@@ -109,16 +109,17 @@ Json explain(const diag::PositioningMMPos& position) {
 Json explain_faults(std::span<const std::uint8_t> entries) {
   if (entries.size() % fault_entry_size != 0) {
     throw std::runtime_error("a record of data-bus faults has " + std::to_string(entries.size()) +
-                             " bytes, a multiple of 5 is expected");
+                             " bytes, a multiple of " + std::to_string(fault_entry_size) +
+                             " is expected");
   }
   Json faults = Json::array();
   for (; !entries.empty(); entries = entries.subspan(fault_entry_size)) {
     Json fault;
-    switch (entries[0]) {
-      case 1:
+    switch (diag::Faulty_service{entries[0]}) {
+      case diag::Faulty_service::gnss:
         name_element<gnss::GNSS>(fault, entries[1]);
         break;
-      case 2:
+      case diag::Faulty_service::time:
         name_element<time::Time>(fault, entries[1]);
         break;
       default:
@@ -134,9 +135,8 @@ Json explain_faults(std::span<const std::uint8_t> entries) {
 }
 
 std::string status_name(std::uint8_t status) {
-  return status <= diagnosisService::Status::not_available
-             ? std::string(diagnosisService::status_name(status))
-             : std::to_string(status);
+  const auto name = binding::name_of(diag::Status{status});
+  return name.empty() ? std::to_string(status) : std::string(name);
 }
 
 std::string fault_subject(const Json& fault) {

@@ -19,8 +19,7 @@ namespace posctl {
 /// Degrees, metres and seconds, null for what is not valid; the map matching's members as numbers.
 [[nodiscard]] Json explain(const lumo::services::diag::PositioningMMPos& position);
 
-/// Bytes of the entry of a fault.
-inline constexpr std::size_t fault_entry_size = 5;
+using lumo::services::diag::fault_entry_size;
 /// One object for each affected element: service, element (none for the service as a whole),
 /// whether the fault is present, and how often it appeared. Throws std::runtime_error for bytes
 /// that are no such entries.

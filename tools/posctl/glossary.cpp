@@ -15,6 +15,9 @@
 namespace posctl {
 namespace {
 
+using binding::name_of;
+using lumo::services::diag::Status;
+
 struct Entry {
   std::string_view name;
   std::string_view meaning;
@@ -98,20 +101,21 @@ constexpr std::array verdicts{
 };
 
 constexpr std::array statuses{
-    Entry{"Nominal", "data arrives in time"},
-    Entry{"Error", "no data within the time-out of 5 s; at least one notification had come before"},
-    Entry{"Init",
+    Entry{name_of(Status::nominal), "data arrives in time"},
+    Entry{name_of(Status::error),
+          "no data within the time-out of 5 s; at least one notification had come before"},
+    Entry{name_of(Status::init),
           "no data yet since the start. mapMatched and lbl stay Init: this application "
           "has no map matching that reports data, and no LBL system"},
-    Entry{"NotAvailable",
+    Entry{name_of(Status::not_available),
           "the sensor is not part of this setup, or the function not part of this "
           "application"},
 };
 
 constexpr std::array faults{
-    Entry{"notAvailable", "a service that the application uses is missing (d_1190)"},
-    Entry{"errorValueReceived", "a service sends a value that it marks as an error (d_1191)"},
-    Entry{"implausible", "a service sends a value outside its physical range (d_1192)"},
+    Entry{fault_kinds[0], "a service that the application uses is missing (d_1190)"},
+    Entry{fault_kinds[1], "a service sends a value that it marks as an error (d_1191)"},
+    Entry{fault_kinds[2], "a service sends a value outside its physical range (d_1192)"},
 };
 
 constexpr std::array ages{
@@ -175,13 +179,12 @@ void add_settings(Terms& terms) {
 }
 
 void add_monitors(Terms& terms) {
-  constexpr std::array groups{"a fault of the data bus or the service registry", "input", "output",
-                              "system function"};
   for (const auto& monitor : diagnosisService::monitor_table) {
-    std::string meaning = "diagnostic monitor " + someip::hexadecimal(monitor.identifier, 6) +
-                          ": " + groups.at(static_cast<std::size_t>(monitor.group));
-    if (monitor.group != diagnosisService::Status_group::none) {
-      meaning += ", status byte " + std::to_string(monitor.byte);
+    std::string meaning = "diagnostic monitor " + someip::hexadecimal(monitor.identifier, 6) + ": ";
+    if (const auto group = name_of(monitor.group); !group.empty()) {
+      meaning.append(group) += ", status byte " + std::to_string(monitor.byte);
+    } else {
+      meaning += "a fault of the data bus or the service registry";
     }
     terms.add("monitor", monitor.name, meaning);
   }

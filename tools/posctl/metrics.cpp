@@ -18,6 +18,8 @@ namespace {
 using binding::Age;
 using binding::Stamp_counts;
 using lumo::services::diag::Data_bus_fault;
+using lumo::services::diag::Status;
+using lumo::services::diag::Status_group;
 using lumo::services::positioning::datatypes::DT_positions_struct;
 using mw::com::runtime::Clock_state;
 using mw::com::runtime::Process_usage;
@@ -109,9 +111,9 @@ void statuses(const Look& look, Samples& samples) {
   const Json bytes = explain(*(look.*Part));
   for (const auto& [name, byte] : bytes.items()) {
     const auto present = byte.template get<std::uint8_t>();
-    for (std::uint8_t status = 0; status <= diagnosisService::Status::not_available; ++status)
-      samples.add(status == present, {{"name", name}, {"status", status_name(status)}});
-    if (present > diagnosisService::Status::not_available)
+    for (const auto& [status, status_text] : binding::enumerators<Status>)
+      samples.add(status == present, {{"name", name}, {"status", status_text}});
+    if (binding::name_of(Status{present}).empty())
       samples.add(true, {{"name", name}, {"status", status_name(present)}});
   }
 }
@@ -119,8 +121,8 @@ void statuses(const Look& look, Samples& samples) {
 /// The status bytes of a group of monitors, in order.
 template <class Statuses>
 void add_bytes(const std::optional<Statuses>& statuses,
-               diagnosisService::Status_group group,
-               std::map<std::pair<diagnosisService::Status_group, unsigned>, unsigned>& bytes) {
+               Status_group group,
+               std::map<std::pair<Status_group, unsigned>, unsigned>& bytes) {
   if (!statuses) return;
   unsigned byte = 0;
   for (const auto& status : explain(*statuses))
@@ -128,7 +130,6 @@ void add_bytes(const std::optional<Statuses>& statuses,
 }
 
 void monitors(const Look& look, Samples& samples) {
-  using diagnosisService::Status_group;
   std::map<std::pair<Status_group, unsigned>, unsigned> bytes;
   add_bytes(look.inputs, Status_group::input, bytes);
   add_bytes(look.outputs, Status_group::output, bytes);
@@ -136,7 +137,7 @@ void monitors(const Look& look, Samples& samples) {
   for (const auto& monitor : diagnosisService::monitor_table) {
     const auto byte = bytes.find({monitor.group, monitor.byte});
     if (byte == bytes.end()) continue;
-    samples.add(byte->second == diagnosisService::Status::error,
+    samples.add(byte->second == Status::error,
                 {{"monitor", monitor.name}, {"id", someip::hexadecimal(monitor.identifier, 6)}});
   }
 }

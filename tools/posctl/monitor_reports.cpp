@@ -1,15 +1,14 @@
 #include "tools/posctl/monitor_reports.h"
 
 #include <algorithm>
-#include <optional>
 #include <string_view>
 #include <vector>
 
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/explain.h"
-#include "tools/posctl/near_name.h"
 #include "tools/posctl/notification_json.h"
 
 namespace posctl {
@@ -40,14 +39,6 @@ std::map<std::uint16_t, const Monitor*> monitors_by_instance() {
   return result;
 }
 
-/// Which of d_14a0, d_14a1 and d_14a3 has the status of a monitor; no number for none.
-std::optional<std::uint8_t> group_number(const Monitor& monitor) {
-  using diagnosisService::Status_group;
-  if (monitor.group == Status_group::none) return std::nullopt;
-  return static_cast<std::uint8_t>(static_cast<unsigned>(monitor.group) -
-                                   static_cast<unsigned>(Status_group::input));
-}
-
 }  // namespace
 
 std::string identifier_of(const Monitor& monitor) {
@@ -55,9 +46,8 @@ std::string identifier_of(const Monitor& monitor) {
 }
 
 Json state_json(const Monitor& monitor, const binding::Diagnosis_state& state) {
-  const auto group = group_number(monitor);
   const auto found = std::ranges::find_if(state.statuses, [&](const auto& one) {
-    return group && one.group == *group && one.byte == monitor.byte;
+    return diagnosisService::Status_group{one.group} == monitor.group && one.byte == monitor.byte;
   });
   Json json{{"schema", 1}, {"monitor", identifier_of(monitor)}, {"name", monitor.name}};
   json["status"] = Json();
@@ -123,7 +113,7 @@ std::uint16_t monitor_instance(const std::string& text) {
     names.push_back(monitor.name);
   throw tools::Usage_error("there is no monitor \"" + text +
                            "\"; one such as POS_Input_GNSS or 0x83D101 is expected" +
-                           did_you_mean(text, names));
+                           tools::did_you_mean(text, names));
 }
 
 InitMonitorReason init_reason(const std::string& name) {

@@ -8,10 +8,10 @@
 
 #include "diagnosisService/data_identifiers.h"
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/explain.h"
-#include "tools/posctl/near_name.h"
 
 namespace posctl {
 namespace {
@@ -106,7 +106,7 @@ std::vector<Readable_identifier> wanted(const std::string& name) {
     names.push_back(one.did);
   }
   throw tools::Usage_error("there is no data identifier \"" + name + "\"; expected all or one of " +
-                           known + did_you_mean(normalized(name), names));
+                           known + tools::did_you_mean(normalized(name), names));
 }
 
 std::string text_of(const Json& answer) {

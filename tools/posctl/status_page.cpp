@@ -100,7 +100,7 @@ void print_statuses(Page& page, const char* title, const char* group, const Json
   for (const auto& [name, value] : status[group].items()) {
     const auto state = value.get<std::string>();
     const bool reserved = name.starts_with("system");
-    if (reserved && state == "Nominal") continue;
+    if (reserved && state == binding::name_of(lumo::services::diag::Status::nominal)) continue;
     std::array<char, 128> line{};
     std::snprintf(line.data(), line.size(), "%-20s %-12s since %s  %s", name.c_str(), state.c_str(),
                   clock_time(status["sinceS"][group][name].get<double>()).c_str(),
@@ -112,10 +112,9 @@ void print_statuses(Page& page, const char* title, const char* group, const Json
 void print_services(Page& page, const Json& status) {
   page.section("Consumed services");
   bool faultless = true;
-  constexpr std::array<const char*, 3> kinds{"notAvailable", "errorValueReceived", "implausible"};
-  for (std::size_t kind = 0; kind < kinds.size(); ++kind) {
-    for (const auto& fault : status["dataBus"][kinds.at(kind)]) {
-      page.line(fault_sentence(static_cast<Data_bus_fault>(kind), fault));
+  for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
+    for (const auto& fault : status["dataBus"][fault_kinds.at(static_cast<std::size_t>(kind))]) {
+      page.line(fault_sentence(kind, fault));
       faultless = false;
     }
   }
@@ -130,9 +129,9 @@ std::string status_page(const Json& status, bool coloured) {
   print_position(page, status);
   print_map_matched(page, status);
   print_ages(page, status);
-  print_statuses(page, "Inputs", "inputs", status);
-  print_statuses(page, "Outputs", "outputs", status);
-  print_statuses(page, "System functions", "system", status);
+  constexpr std::array titles{"Inputs", "Outputs", "System functions"};
+  for (std::size_t group = 0; group < titles.size(); ++group)
+    print_statuses(page, titles.at(group), status_groups.at(group), status);
   print_services(page, status);
   print_clock(page, status["clock"]);
   print_process(page, status["process"]);

@@ -12,15 +12,15 @@
 namespace posctl {
 namespace {
 
+using binding::name_of;
 using lumo::services::diag::Data_bus_fault;
+using lumo::services::diag::Faulty_service;
+using lumo::services::diag::Status;
 
 /// Longer than a start takes; from then on an application without a position has failed.
 constexpr double start_s = 10;
 /// No source of positions is slower on its own machine's network.
 constexpr double old_s = 1;
-
-constexpr std::array<const char*, 3> fault_members{"notAvailable", "errorValueReceived",
-                                                   "implausible"};
 
 std::string number(double value, const char* format) {
   std::array<char, 48> text{};
@@ -52,11 +52,11 @@ std::string cause_of_silence(const Json& services) {
 }
 
 void add_fault_findings(const Json& status, std::vector<Finding>& findings) {
-  for (const auto kind : {Data_bus_fault::not_available, Data_bus_fault::error_value_received,
-                          Data_bus_fault::implausible}) {
-    for (const auto& fault : status["dataBus"][fault_members.at(static_cast<std::size_t>(kind))]) {
+  for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
+    for (const auto& fault : status["dataBus"][fault_kinds.at(static_cast<std::size_t>(kind))]) {
       if (!is_present(fault)) continue;
-      const bool fatal = kind == Data_bus_fault::not_available && fault["service"] == "GNSS";
+      const bool fatal = kind == Data_bus_fault::not_available &&
+                         fault["service"] == name_of(Faulty_service::gnss);
       findings.push_back({fatal ? Health::failed : Health::degraded, fault_sentence(kind, fault)});
     }
   }
@@ -82,13 +82,14 @@ void add_silence(const Json& status, std::vector<Finding>& findings) {
 
 void add_statuses(const Json& status, std::vector<Finding>& findings) {
   const bool known = !findings.empty();
-  for (const auto* group : {"inputs", "outputs", "system"}) {
+  for (const auto* group : status_groups) {
     for (const auto& [name, value] : status[group].items()) {
       // A fault that stands above has brought the status with it.
-      if (value != "Error" || (known && (name == "gnss" || name == "deadReckoning"))) continue;
+      if (value != name_of(Status::error) || (known && (name == "gnss" || name == "deadReckoning")))
+        continue;
       findings.push_back(
           {name == "deadReckoning" || name == "overall" ? Health::failed : Health::degraded,
-           name + " is in Error: " + meaning_of_status(name, "Error")});
+           name + " is in Error: " + meaning_of_status(name, name_of(Status::error))});
     }
   }
 }
@@ -156,12 +157,12 @@ double position_rate(const Json& ages) {
 }
 
 std::string meaning_of_status(std::string_view name, std::string_view status) {
-  if (status == "Nominal") {
+  if (status == name_of(Status::nominal)) {
     return name == "staticOutput" || name == "overall" ? "always" : "data arrives in time";
   }
-  if (status == "Error") return "no data for over 5 s";
-  if (status == "NotAvailable") return "not part of this setup";
-  if (status != "Init") return "reserved";
+  if (status == name_of(Status::error)) return "no data for over 5 s";
+  if (status == name_of(Status::not_available)) return "not part of this setup";
+  if (status != name_of(Status::init)) return "reserved";
   if (name == "mapMatched") return "stays: no map matching here";
   if (name == "lbl") return "stays: no LBL system here";
   return "no data yet";
@@ -169,25 +170,25 @@ std::string meaning_of_status(std::string_view name, std::string_view status) {
 
 void add_diagnosis(Json& status, const binding::Diagnosis_state& state, Json services) {
   const auto names = names_of_bytes();
-  constexpr std::array<const char*, 3> groups{"inputs", "outputs", "system"};
   for (const auto& one : state.statuses) {
-    if (one.group >= groups.size() || one.byte >= names.at(one.group).size()) continue;
+    if (one.group >= status_groups.size() || one.byte >= names.at(one.group).size()) continue;
     const auto name = std::next(names.at(one.group).begin(), one.byte).key();
-    status[groups.at(one.group)][name] = status_name(one.status);
-    status["sinceS"][groups.at(one.group)][name] = static_cast<double>(one.sinceMs) / 1000;
+    status[status_groups.at(one.group)][name] = status_name(one.status);
+    status["sinceS"][status_groups.at(one.group)][name] = static_cast<double>(one.sinceMs) / 1000;
   }
-  for (const auto* member : fault_members)
+  for (const auto* member : fault_kinds)
     status["dataBus"][member] = Json::array();
   for (const auto& one : state.faults) {
-    if (one.fault >= fault_members.size()) continue;
-    const std::array<std::uint8_t, 5> entry{one.service, one.element,
-                                            static_cast<std::uint8_t>(one.present ? 1 : 0),
-                                            static_cast<std::uint8_t>(one.occurrences >> 8U),
-                                            static_cast<std::uint8_t>(one.occurrences & 0xFFU)};
+    if (one.fault >= fault_kinds.size()) continue;
+    const std::array<std::uint8_t, fault_entry_size> entry{
+        one.service, one.element, static_cast<std::uint8_t>(one.present ? 1 : 0),
+        static_cast<std::uint8_t>(one.occurrences >> 8U),
+        static_cast<std::uint8_t>(one.occurrences & 0xFFU)};
     Json fault = explain_faults(entry).front();
     fault["sinceS"] = static_cast<double>(one.sinceMs) / 1000;
-    if (one.fault == 0 && one.present) fault["cause"] = cause_of(fault, services);
-    status["dataBus"][fault_members.at(one.fault)].push_back(std::move(fault));
+    if (Data_bus_fault{one.fault} == Data_bus_fault::not_available && one.present)
+      fault["cause"] = cause_of(fault, services);
+    status["dataBus"][fault_kinds.at(one.fault)].push_back(std::move(fault));
   }
 }
 

@@ -1,6 +1,7 @@
 /// The verdict on the state of the application, in the words of posctl status.
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -29,6 +30,11 @@ struct Finding {
 
 /// What a status means for this input, output or system function, in at most 28 letters.
 [[nodiscard]] std::string meaning_of_status(std::string_view name, std::string_view status);
+
+/// Members of the JSON form of posctl status, in the order of Status_group and of Data_bus_fault.
+inline constexpr std::array<const char*, 3> status_groups{"inputs", "outputs", "system"};
+inline constexpr std::array<const char*, 3> fault_kinds{"notAvailable", "errorValueReceived",
+                                                        "implausible"};
 
 /// Adds "inputs", "outputs" and "system", the name of each status by function; "sinceS" with the
 /// same members; and "dataBus", the faults by kind. `services` are the rows of posctl peers: a

@@ -1,8 +1,6 @@
 #include "tools/posctl/serve/status_watch.h"
 
 #include <algorithm>
-#include <array>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -18,20 +16,18 @@ namespace {
 using binding::Statistics;
 using binding::Statistics_proxy;
 using diagnosisService::monitor_table;
-
-constexpr std::array<const char*, 3> groups{"inputs", "outputs", "system"};
-constexpr std::array<const char*, 3> faults{"notAvailable", "errorValueReceived", "implausible"};
+namespace diag = lumo::services::diag;
 
 /// The meaning of each name that a status may have, by group and name.
 Json words_of(const Json& status) {
   static const std::vector<Term> terms = glossary();
-  constexpr std::array<std::string_view, 3> kinds{"input", "output", "system function"};
   Json words = Json::object();
-  for (std::size_t i = 0; i < groups.size(); ++i) {
-    Json& of_group = words[groups.at(i)] = Json::object();
-    for (const auto& [name, value] : status[groups.at(i)].items()) {
-      const auto term = std::ranges::find_if(terms, [&, key = name](const Term& one) {
-        return one.kind == kinds.at(i) && one.name == key;
+  for (const auto& [group, kind] : binding::enumerators<diag::Status_group>) {
+    const char* const member = status_groups.at(static_cast<std::size_t>(group));
+    Json& of_group = words[member] = Json::object();
+    for (const auto& [name, value] : status[member].items()) {
+      const auto term = std::ranges::find_if(terms, [&, key = name, kind = kind](const Term& one) {
+        return one.kind == kind && one.name == key;
       });
       of_group[name] = {{"meaning", meaning_of_status(name, value.get<std::string>())},
                         {"what", term == terms.end() ? "" : term->meaning}};
@@ -51,11 +47,6 @@ bool is_same(const binding::Diagnosis_state& a, const binding::Diagnosis_state& 
                   one.element == other.element && one.present == other.present &&
                   one.occurrences == other.occurrences;
          });
-}
-
-lumo::services::diag::Data_bus_fault kind_of(std::string_view name) {
-  return static_cast<lumo::services::diag::Data_bus_fault>(std::ranges::find(faults, name) -
-                                                           faults.begin());
 }
 
 void send_application_state(Page_feed& feed, const Json& application) {
@@ -78,9 +69,9 @@ void Status_watch::look(Statistics_proxy& service, const Json& figures, Clock::t
   add_diagnosis(status, state, peers["consumed"]);
   add_verdict(status, peers["consumed"], figures);
   status["words"] = same ? last_status_["words"] : words_of(status);
-  for (const auto* kind : faults)
-    for (auto& fault : status["dataBus"][kind])
-      fault["text"] = fault_sentence(kind_of(kind), fault);
+  for (const auto& [kind, name] : binding::enumerators<diag::Data_bus_fault>)
+    for (auto& fault : status["dataBus"][fault_kinds.at(static_cast<std::size_t>(kind))])
+      fault["text"] = fault_sentence(kind, fault);
   feed_.state(Topic::status, status);
   if (!same) {
     if (last_state_) tell_changes(status);
@@ -104,7 +95,7 @@ void Status_watch::add_verdict(Json& status, Json services, const Json& figures)
 }
 
 void Status_watch::tell_changes(const Json& status) {
-  for (const auto* group : groups) {
+  for (const auto* group : status_groups) {
     for (const auto& [name, value] : status[group].items()) {
       const Json before = last_status_[group].value(name, Json());
       if (before == value) continue;
@@ -115,7 +106,7 @@ void Status_watch::tell_changes(const Json& status) {
                                   {"meaning", status["words"][group][name]["meaning"]}});
     }
   }
-  for (const auto* kind : faults) {
+  for (const auto* kind : fault_kinds) {
     for (const auto& fault : status["dataBus"][kind]) {
       const auto is_it = [&](const Json& one) {
         return one["service"] == fault["service"] &&
@@ -155,12 +146,12 @@ void tell_no_application(Page_feed& feed, const std::string& text) {
               {"reason", text},
               {"findings", Json::array()},
               {"ratePerS", 0}};
-  for (const auto* group : groups) {
+  for (const auto* group : status_groups) {
     for (const auto* member : {"sinceS", "words"})
       status[member][group] = Json::object();
     status[group] = Json::object();
   }
-  for (const auto* kind : faults)
+  for (const auto* kind : fault_kinds)
     status["dataBus"][kind] = Json::array();
   feed.state(Topic::status, status);
 }

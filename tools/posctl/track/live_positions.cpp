@@ -18,6 +18,13 @@ using lumo::services::positioning::proxy::PositioningProxy;
 
 }  // namespace
 
+std::vector<std::string> position_choices() {
+  std::vector<std::string> choices{output_position};
+  for (const auto& type : binding::enumerators<lumo::services::Position_type>)
+    choices.emplace_back(type.name);
+  return choices;
+}
+
 class Live_positions::Subscription {
  public:
   Subscription() = default;

@@ -6,15 +6,15 @@
 #include <functional>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "tools/posctl/record_json.h"
 
 namespace posctl::track {
 
-/// The choices of an option --position: the application's output, or a type of the source's.
 inline constexpr const char* output_position = "output";
-inline constexpr const char* gnss_position = "GNSS";
-inline constexpr const char* gnss_dr_position = "GNSS-DR";
+/// The choices of an option --position: the application's output, or a type of the source's.
+[[nodiscard]] std::vector<std::string> position_choices();
 
 /// Passes on each position from its construction on, over every loss and return of the service.
 class Live_positions {
@@ -44,9 +44,9 @@ class Live_positions {
   std::unique_ptr<Subscription> subscription_;
 };
 
-/// After a wait that has timed out: throws tools::No_answer if `timeout` seconds have passed
-/// without the service, and std::runtime_error if they have passed without enough positions; 0 is
-/// any number from 1.
+/// Judges a wait that has ended after `timeout` seconds. Throws tools::No_answer if the service was
+/// not offered, and std::runtime_error if fewer than `enough` positions came; 0 is any number from
+/// 1.
 void check_positions(const Live_positions& positions,
                      double timeout,
                      std::uint64_t came,

@@ -2,42 +2,25 @@
 /// member.
 #pragma once
 
-#include <array>
 #include <cstdint>
-#include <string_view>
 #include <tuple>
 #include <type_traits>
 #include <vector>
 
 #include "binding/codec.h"
+#include "binding/diagnosis_values.h"
 #include "binding/interface_description.h"
-#include "diagnosisService/monitor_table.h"
 #include "tools/posctl/services.h"
 
 namespace posctl::wireshark {
 
-/// What the five bytes of a fault of a consumed service mean. Only the analyser reads them as a
-/// record.
-enum class Faulty_service : std::uint8_t { gnss = 1, time = 2 };
-constexpr auto enumerators_of(Faulty_service) {
-  return std::to_array<binding::Enumerator<Faulty_service>>(
-      {{Faulty_service::gnss, "GNSS"}, {Faulty_service::time, "Time"}});
-}
+/// The five bytes of a fault of a consumed service. Only the analyser reads them as a record.
 struct Fault_entry {
-  Faulty_service service{};
+  lumo::services::diag::Faulty_service service{};
   std::uint8_t element = 0;
   bool present = false;
   std::uint16_t occurrences = 0;
 };
-
-enum class Status : std::uint8_t {};
-constexpr auto enumerators_of(Status) {
-  using diagnosisService::status_name;
-  return std::to_array<binding::Enumerator<Status>>({{Status{0}, status_name(0)},
-                                                     {Status{1}, status_name(1)},
-                                                     {Status{2}, status_name(2)},
-                                                     {Status{3}, status_name(3)}});
-}
 
 }  // namespace posctl::wireshark
 
@@ -72,7 +55,7 @@ inline constexpr bool has_faults<lumo::services::diag::Data_bus_fault_records<Fa
 template <class Record, class Value>
 requires(posctl::wireshark::has_statuses<Record> &&
          sizeof(Value) == 1) struct binding::Described_as<Record, Value> {
-  using type = posctl::wireshark::Status;
+  using type = lumo::services::diag::Status;
 };
 template <class Record, class Value>
 requires(posctl::wireshark::has_faults<Record>) struct binding::Described_as<Record, Value> {

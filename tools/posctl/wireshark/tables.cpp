@@ -8,7 +8,7 @@
 
 namespace posctl::wireshark {
 
-std::string Tables::hexadecimal(std::uint64_t id) {
+std::string Tables::bare_hexadecimal(std::uint64_t id) {
   std::array<char, 20> text{};
   const auto end = std::to_chars(text.data(), text.data() + text.size(), id, 16).ptr;
   return {text.data(), end};

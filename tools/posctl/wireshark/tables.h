@@ -24,8 +24,9 @@ class Tables {
 
     std::string text;
   };
-  /// The form of the ids in the tables.
-  static std::string hexadecimal(std::uint64_t id);
+  /// "1f": the form of ids in the tables, without prefix and without leading zeros.
+  /// "1f": the form of the ids in the tables, without prefix and leading zeros.
+  static std::string bare_hexadecimal(std::uint64_t id);
 
   /// Adds a row to the user table "SOMEIP_<table>".
   void add(const std::string& table, std::initializer_list<Cell> cells);

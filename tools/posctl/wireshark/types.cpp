@@ -63,8 +63,8 @@ unsigned Types::base(const Type_description& type) {
   if (added) {
     ++next_;
     const unsigned size = bits_of_number(type.name);
-    tables_.add("parameter_base_types",
-                {Tables::hexadecimal(known->second), name, type.name, type.big_endian, size, size});
+    tables_.add("parameter_base_types", {Tables::bare_hexadecimal(known->second), name, type.name,
+                                         type.big_endian, size, size});
   }
   return known->second;
 }
@@ -80,9 +80,9 @@ Type Types::enumeration(const Type_description& type) {
     ++next_;
     for (const auto& value : type.values) {
       tables_.add("parameter_enums",
-                  {Tables::hexadecimal(known->second), "enumeration",
-                   static_cast<unsigned>(Kind::base), Tables::hexadecimal(number),
-                   type.values.size(), Tables::hexadecimal(value.value), value.name});
+                  {Tables::bare_hexadecimal(known->second), "enumeration",
+                   static_cast<unsigned>(Kind::base), Tables::bare_hexadecimal(number),
+                   type.values.size(), Tables::bare_hexadecimal(value.value), value.name});
     }
   }
   return {Kind::enumeration, known->second};
@@ -93,8 +93,8 @@ Type Types::string(const Type_description& type) {
       "string " + std::to_string(bits(type)) + (type.big_endian ? "" : " little-endian"), next_);
   if (added) {
     ++next_;
-    tables_.add("parameter_strings", {Tables::hexadecimal(known->second), "string", "utf-8", true,
-                                      0U, bits(type), type.big_endian, 0U});
+    tables_.add("parameter_strings", {Tables::bare_hexadecimal(known->second), "string", "utf-8",
+                                      true, 0U, bits(type), type.big_endian, 0U});
   }
   return {Kind::string, known->second};
 }
@@ -103,8 +103,8 @@ Type Types::array(const std::string& place, Type element, const Type_description
   const unsigned id = next_++;
   tables_.add(
       "parameter_arrays",
-      {Tables::hexadecimal(id), last_of(place), static_cast<unsigned>(element.kind),
-       Tables::hexadecimal(element.id), 1U, place, 0U, list.least, list.most, bits(list), 0U});
+      {Tables::bare_hexadecimal(id), last_of(place), static_cast<unsigned>(element.kind),
+       Tables::bare_hexadecimal(element.id), 1U, place, 0U, list.least, list.most, bits(list), 0U});
   return {Kind::array, id};
 }
 
@@ -122,9 +122,9 @@ Type Types::structure(const std::string& place, const Type_description& record) 
                        const std::string& filter) {
     listed[position] = true;
     tables_.add("parameter_structs",
-                {Tables::hexadecimal(id), mw::com::cpp_binding::short_name(record.name),
+                {Tables::bare_hexadecimal(id), mw::com::cpp_binding::short_name(record.name),
                  bits(record), 0U, record.tagged, count, position, title,
-                 static_cast<unsigned>(type.kind), Tables::hexadecimal(type.id), filter});
+                 static_cast<unsigned>(type.kind), Tables::bare_hexadecimal(type.id), filter});
   };
   for (std::size_t i = 0; i < types.size(); ++i) {
     const auto& member = record.members[i];

@@ -59,7 +59,10 @@ constexpr unsigned response = 0x80;
 class Service_tables {
  public:
   Service_tables(Tables& tables, Types& types, const someip::Service_deployment& service)
-      : tables_(tables), types_(types), service_(service), id_(Tables::hexadecimal(service.id)) {}
+      : tables_(tables),
+        types_(types),
+        service_(service),
+        id_(Tables::bare_hexadecimal(service.id)) {}
 
   void add_names(const std::string& name) {
     tables_.add("service_identifiers", {id_, name});
@@ -78,7 +81,7 @@ class Service_tables {
     }
   }
   void add_client(unsigned client, const std::string& name) {
-    tables_.add("client_identifiers", {id_, Tables::hexadecimal(client), name});
+    tables_.add("client_identifiers", {id_, Tables::bare_hexadecimal(client), name});
   }
 
   void add_payloads(const std::string& name, const Interface_description& interface) {
@@ -88,10 +91,10 @@ class Service_tables {
 
  private:
   void add_method(unsigned method, const std::string& name) {
-    tables_.add("method_event_identifiers", {id_, Tables::hexadecimal(method), name});
+    tables_.add("method_event_identifiers", {id_, Tables::bare_hexadecimal(method), name});
   }
   void add_group(unsigned group, const std::string& name) {
-    tables_.add("eventgroup_identifiers", {id_, Tables::hexadecimal(group), name});
+    tables_.add("eventgroup_identifiers", {id_, Tables::bare_hexadecimal(group), name});
   }
 
   void add(const Interface_description::Element& element, const std::string& place) {
@@ -136,9 +139,9 @@ class Service_tables {
                Type type,
                const std::string& place) {
     tables_.add("parameter_list",
-                {id_, Tables::hexadecimal(method), unsigned{service_.major_version},
-                 Tables::hexadecimal(message_type), false, 1U, 0U, name,
-                 static_cast<unsigned>(type.kind), Tables::hexadecimal(type.id), place});
+                {id_, Tables::bare_hexadecimal(method), unsigned{service_.major_version},
+                 Tables::bare_hexadecimal(message_type), false, 1U, 0U, name,
+                 static_cast<unsigned>(type.kind), Tables::bare_hexadecimal(type.id), place});
   }
 
   template <class Elements>
