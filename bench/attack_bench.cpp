@@ -45,8 +45,7 @@ void set_bytes(benchmark::State& state, std::size_t bytes) {
 
 // --- the victim --------------------------------------------------------------------------------
 
-constexpr int net = 67;
-const std::string victim_address = "127.67.0.1";
+const std::string victim_address = test::address(1);
 constexpr std::uint16_t discovery_port = 30490;
 constexpr std::uint16_t service_port = 31001;
 constexpr std::uint16_t event_port = 4000;
@@ -54,22 +53,22 @@ constexpr std::uint16_t service = 0x1111;
 
 /// One of those who talk to the victim, with an address of its own.
 struct Peer {
-  explicit Peer(std::size_t number)
-      : address{"127.67.1." + std::to_string(number)},
+  explicit Peer(int number)
+      : address{test::address(number, 1)},
         discovery{endpoint(address, discovery_port)},
         events{endpoint(address, event_port)} {}
   std::string address;
   Socket discovery;
   Socket events;  ///< nobody reads them
 };
-const std::string attacker_address = "127.67.1.1";
+const std::string attacker_address = test::address(1, 1);
 
 /// Provides an instance of the service, knows as many others and has as many subscribers as it
 /// takes, and has subscribed to the attacker's.
 class Victim {
  public:
   Victim() {
-    for (std::size_t number = 1; number < 128; ++number)
+    for (int number = 1; number < 128; ++number)
       peers_.push_back(std::make_unique<Peer>(number));
     provider_->set_method_handler(1, [](tq::com::Payload) { return tq::com::Response{}; });
     provider_->update_field(0x8002, test::bytes("value"));
@@ -127,7 +126,7 @@ class Victim {
     }
   }
   static someip::Deployment deployment() {
-    auto deployed = test::deployment(net);
+    auto deployed = test::deployment();
     deployed.services.front().instances.front().tcp_port = service_port;
     return deployed;
   }
@@ -203,7 +202,8 @@ Datagram ipv4_option(std::uint8_t type, std::uint32_t address, std::uint16_t por
   someip::store16(bytes.data() + 10, port);
   return bytes;
 }
-constexpr std::uint32_t attacker_number = 0x7F430101;
+const auto network_number = 0x7F000000U + (static_cast<std::uint32_t>(test::network()) << 16U);
+const std::uint32_t attacker_number = network_number + 0x101;
 
 someip::Entry entry_of(someip::Entry_type type,
                        std::uint16_t instance,
@@ -266,7 +266,7 @@ const Attack attacks[] = {
      }},
     {"finds from claimed addresses", discovery_port,
      [](Victim& victim, std::uint32_t number) {
-       std::uint32_t address = 0x7F430000 + number % 4 * 0x4000;
+       std::uint32_t address = network_number + number % 4 * 0x4000;
        return filled([&] {
          return discovery_message(victim.next_session(), {entry_of(Entry_type::find_service, 1)},
                                   {ipv4_option(0x24, ++address, discovery_port)});
@@ -316,7 +316,7 @@ const Attack attacks[] = {
      [](Victim& victim, std::uint32_t) { return victim.subscription(2); }},
     {"refused subscriptions from claimed addresses", discovery_port,
      [](Victim& victim, std::uint32_t) {
-       std::uint32_t address = 0x7F430000;
+       std::uint32_t address = network_number;
        auto entry = entry_of(Entry_type::subscribe, 9);
        return filled([&] {
          return discovery_message(victim.next_session(), {entry},

@@ -16,7 +16,7 @@ using namespace bench;
 using namespace std::chrono_literals;
 
 const Addresses at = loopback();
-const std::string attacker_address = "127.66.0.66";
+const std::string attacker_address = test::address(66);
 constexpr std::uint16_t attacker_port = 31500;
 constexpr std::uint16_t first_subscriber_port = 30700;
 constexpr std::uint16_t positioning_port = 30511;

@@ -24,6 +24,7 @@
 #include "binding/codec.h"
 #include "clients/gnss_records.h"
 #include "platform/someip/wire/message.h"
+#include "tests/support/network.h"
 
 namespace bench {
 
@@ -35,7 +36,7 @@ struct Addresses {
       : application{prefix + std::to_string(10 + number)},
         own{prefix + std::to_string(20 + number)},
         relay{prefix + std::to_string(40 + number)},
-        group{"239.192.66." + std::to_string(1 + number)},
+        group{"239.192." + std::to_string(test::network()) + "." + std::to_string(1 + number)},
         discovery_port{static_cast<std::uint16_t>(31490 + number)},
         prefix_length{bits} {}
 
@@ -49,7 +50,7 @@ struct Addresses {
 
 /// On the loopback device; `number` from 0 to 9.
 inline Addresses loopback(int number = 0) {
-  return {"127.66.0.", 8, number};
+  return {"127." + std::to_string(test::network()) + ".0.", 8, number};
 }
 
 inline constexpr std::uint16_t source_port = 30501;  ///< of the relay, too
