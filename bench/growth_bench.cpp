@@ -16,7 +16,7 @@ using namespace bench;
 using namespace std::chrono_literals;
 
 const Addresses at = loopback();
-const std::string attacker_address = "127.66.0.66";
+const std::string attacker_address = test::address(66);
 constexpr std::uint16_t attacker_port = 31500;
 constexpr std::uint16_t first_subscriber_port = 30700;
 constexpr std::uint16_t positioning_port = 30511;
@@ -25,18 +25,18 @@ constexpr std::uint16_t satellites_event = 0x8003;
 struct Setup {
   std::string program;
   Place place;
-  bool polls;  ///< see Road
+  bool polls;  ///< see Network_path
   int positions = 2000;
   int rounds = 5;
   int under_flood = 1500;  ///< positions in a round
 };
 
 /// Microseconds of processor time for each of `count` positions, one after the other.
-double cost_of_a_position(pid_t application, const Road& road, int count) {
+double cost_of_a_position(pid_t application, const Network_path& path, int count) {
   const auto datagram = gnss_datagram();
-  (void)one_way(road, datagram, 0us, count / 10);
+  (void)one_way(path, datagram, 0us, count / 10);
   const double before = cpu_seconds(application);
-  (void)one_way(road, datagram, 500us, count);
+  (void)one_way(path, datagram, 500us, count);
   return (cpu_seconds(application) - before) * 1e6 / count;
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "bench/road.h"
+#include "bench/position_path.h"
 #include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 
@@ -45,10 +45,10 @@ void drive(bool log, long count) {
   trace_context.SetLevel(ara::log::LogLevel::kOff);
   binding::Platform_trace_logger logger{trace_context};
   const binding::Trace_records trace{logger};
-  bench::Road road{true};
+  bench::Position_path path{true};
   const auto payload = bench::notification(2);
   for (; count > 0; --count)
-    road.drive(payload);
+    path.drive(payload);
 }
 void line(long count) {
   const auto position = bench::sample(2);
@@ -73,8 +73,8 @@ int main(int argc, char** argv) {
       {"decode_sparse", [&](long n) { decode(sparse, n); }},
       {"encode_satellites", [&](long n) { encode(satellites, n); }},
       {"decode_satellites", [&](long n) { decode(satellites, n); }},
-      {"road", [](long n) { drive(false, n); }},
-      {"road_with_log", [](long n) { drive(true, n); }},
+      {"path", [](long n) { drive(false, n); }},
+      {"path_with_log", [](long n) { drive(true, n); }},
       {"line", line}};
   const auto thing = argc == 3 ? things.find(argv[1]) : things.end();
   if (thing == things.end()) {

@@ -1,4 +1,4 @@
-/// The road of a position with the network: a GNSS datagram leaves the source's socket, the
+/// The path of a position with the network: a GNSS datagram leaves the source's socket, the
 /// Positioning datagram arrives at the subscriber's. The program plays the source and the
 /// subscriber with plain sockets; the application is the real executable. The baseline is relay.c
 /// over the same sockets.
@@ -74,38 +74,38 @@ class Bed {
         subscriber_{endpoint(at.own, subscriber_port)},
         discovery_{at},
         application_{programs.application, at, place},
-        roads_{
+        paths_{
             {{"application", {source_, subscriber_, discovery_.wait(), processor_each}},
              {"relay", {source_, subscriber_, endpoint(at.relay, source_port), processor_each}}}},
-        bytes_out_{first_position(source_, subscriber_, roads_[0].second.to, datagram)},
+        bytes_out_{first_position(source_, subscriber_, paths_[0].second.to, datagram)},
         relay_{{programs.relay, at.relay, std::to_string(source_port), at.own,
                 std::to_string(subscriber_port), std::to_string(bytes_out_)},
                {},
                place} {
-    (void)first_position(source_, subscriber_, roads_[1].second.to, datagram);
-    for (const auto& [name, road] : roads_)
-      (void)one_way(road, datagram, 0us, 1000);
+    (void)first_position(source_, subscriber_, paths_[1].second.to, datagram);
+    for (const auto& [name, path] : paths_)
+      (void)one_way(path, datagram, 0us, 1000);
   }
 
   [[nodiscard]] pid_t application() const { return application_.pid(); }
   [[nodiscard]] std::size_t bytes_out() const { return bytes_out_; }
-  [[nodiscard]] std::size_t roads() const { return roads_.size(); }
+  [[nodiscard]] std::size_t paths() const { return paths_.size(); }
 
   void round(const Plan& plan) {
     // Who comes second comes first the next time.
     first_ = 1 - first_;
     for (const auto index : {first_, 1 - first_}) {
-      const auto& [name, road] = roads_[index];
-      note(name, "1 kHz", one_way(road, datagram, 1ms, plan.at_1_khz));
-      note(name, "back to back", one_way(road, datagram, 0us, plan.back_to_back));
-      const auto rate = sustained(road, datagram, plan.sustained);
+      const auto& [name, path] = paths_[index];
+      note(name, "1 kHz", one_way(path, datagram, 1ms, plan.at_1_khz));
+      note(name, "back to back", one_way(path, datagram, 0us, plan.back_to_back));
+      const auto rate = sustained(path, datagram, plan.sustained);
       results_[name]["sustained"]["per_s"].push_back(rate.per_s);
       results_[name]["sustained"]["lost"].push_back(rate.lost);
     }
   }
-  void one_at_10_hz(std::size_t road) {
-    const auto& [name, way] = roads_[road];
-    at_10_hz_[name].add(travel(way, datagram));
+  void one_at_10_hz(std::size_t index) {
+    const auto& [name, path] = paths_[index];
+    at_10_hz_[name].add(travel(path, datagram));
   }
   /// Since the last time.
   [[nodiscard]] nlohmann::json take_results() {
@@ -137,7 +137,7 @@ class Bed {
   const Socket subscriber_;
   Discovery discovery_;
   const Application application_;
-  const std::array<std::pair<std::string, Road>, 2> roads_;
+  const std::array<std::pair<std::string, Network_path>, 2> paths_;
   std::size_t first_ = 1;
   const std::size_t bytes_out_;
   const Child relay_;
@@ -173,19 +173,19 @@ double percent(double seconds, Clock::duration time) {
   return 100 * seconds / std::chrono::duration<double>(time).count();
 }
 
-/// All roads of all beds at 10 Hz at the same time, one after the other.
+/// All paths of all beds at 10 Hz at the same time, one after the other.
 void at_10_hz(const std::vector<std::unique_ptr<Bed>>& beds, int times) {
   std::vector<std::pair<Bed*, std::size_t>> all;
   for (const auto& bed : beds) {
-    for (std::size_t road = 0; road < bed->roads(); ++road)
-      all.emplace_back(bed.get(), road);
+    for (std::size_t index = 0; index < bed->paths(); ++index)
+      all.emplace_back(bed.get(), index);
   }
   auto next = Clock::now();
   for (int i = 0; i < times; ++i) {
-    for (const auto& [bed, road] : all) {
+    for (const auto& [bed, index] : all) {
       std::this_thread::sleep_until(next);
       next += std::chrono::nanoseconds{100ms} / all.size();
-      bed->one_at_10_hz(road);
+      bed->one_at_10_hz(index);
     }
   }
 }
@@ -241,9 +241,9 @@ nlohmann::json run(const Plan& plan, const Programs& programs) {
         bed->round(plan);
     }
     for (const auto& bed : beds) {
-      auto road = bed->take_results();
-      road["awake"] = phase.awake;
-      result["roads"].push_back(std::move(road));
+      auto measured = bed->take_results();
+      measured["awake"] = phase.awake;
+      result["paths"].push_back(std::move(measured));
     }
   }
   result["after"]["resident_kib"] = resident_kib(one);

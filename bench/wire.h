@@ -24,6 +24,7 @@
 #include "binding/codec.h"
 #include "clients/gnss_records.h"
 #include "platform/someip/wire/message.h"
+#include "tests/support/network.h"
 
 namespace bench {
 
@@ -35,7 +36,7 @@ struct Addresses {
       : application{prefix + std::to_string(10 + number)},
         own{prefix + std::to_string(20 + number)},
         relay{prefix + std::to_string(40 + number)},
-        group{"239.192.66." + std::to_string(1 + number)},
+        group{"239.192." + std::to_string(test::network()) + "." + std::to_string(1 + number)},
         discovery_port{static_cast<std::uint16_t>(31490 + number)},
         prefix_length{bits} {}
 
@@ -49,7 +50,7 @@ struct Addresses {
 
 /// On the loopback device; `number` from 0 to 9.
 inline Addresses loopback(int number = 0) {
-  return {"127.66.0.", 8, number};
+  return {"127." + std::to_string(test::network()) + ".0.", 8, number};
 }
 
 inline constexpr std::uint16_t source_port = 30501;  ///< of the relay, too
@@ -142,7 +143,7 @@ inline std::vector<std::byte> gnss_datagram() {
 }
 
 /// From the source's socket over whoever listens at `to` to the subscriber's socket.
-struct Road {
+struct Network_path {
   const Socket& source;
   const Socket& subscriber;
   sockaddr_in to;
@@ -168,12 +169,12 @@ struct Road {
 };
 
 /// Microseconds that one datagram is on its way, nothing when it was lost.
-inline std::optional<double> travel(const Road& road, std::span<const std::byte> datagram) {
+inline std::optional<double> travel(const Network_path& path, std::span<const std::byte> datagram) {
   std::array<std::byte, 2048> buffer;
-  road.drain();
+  path.drain();
   const auto start = Clock::now();
-  road.source.send(datagram, road.to);
-  if (road.receive(buffer) == 0) return {};
+  path.source.send(datagram, path.to);
+  if (path.receive(buffer) == 0) return {};
   return std::chrono::duration<double, std::micro>(Clock::now() - start).count();
 }
 
@@ -192,7 +193,7 @@ struct Latencies {
 };
 
 /// One datagram at a time, every `period`, or as soon as the last one came.
-inline Latencies one_way(const Road& road,
+inline Latencies one_way(const Network_path& path,
                          std::span<const std::byte> datagram,
                          std::chrono::microseconds period,
                          int count) {
@@ -201,7 +202,7 @@ inline Latencies one_way(const Road& road,
   for (int i = 0; i < count; ++i) {
     std::this_thread::sleep_until(next);
     next += period;
-    result.add(travel(road, datagram));
+    result.add(travel(path, datagram));
   }
   result.sort();
   return result;
@@ -231,26 +232,26 @@ class Unobtrusive {
 };
 
 /// As fast as it goes without loss: a window of datagrams is on its way at any time.
-inline Rate sustained(const Road& road,
+inline Rate sustained(const Network_path& path,
                       std::span<const std::byte> datagram,
                       std::chrono::milliseconds time) {
   constexpr long window = 32;
   std::array<std::byte, 2048> buffer;
   const Unobtrusive measuring;
-  road.drain();
+  path.drain();
   const auto start = Clock::now();
   for (int i = 0; i < window; ++i)
-    road.source.send(datagram, road.to);
+    path.source.send(datagram, path.to);
   long sent = window;
   long received = 0;
-  while (Clock::now() - start < time && road.receive(buffer) != 0) {
+  while (Clock::now() - start < time && path.receive(buffer) != 0) {
     ++received;
-    road.source.send(datagram, road.to);
+    path.source.send(datagram, path.to);
     ++sent;
   }
   const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
   const double rate = static_cast<double>(received) / seconds;
-  while (received < sent && road.receive(buffer) != 0)
+  while (received < sent && path.receive(buffer) != 0)
     ++received;
   return {rate, sent - received};
 }

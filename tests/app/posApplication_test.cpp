@@ -81,7 +81,7 @@ class Pos_application : public testing::Test {
         << identifier << " is " << testing::PrintToString(last);
   }
 
-  Wire wire_{72};
+  Wire wire_;
   std::unique_ptr<tq::com::Provider> gnss_ =
       wire_.gateway().provide("lumo::services::gnss::GNSS", "GNSS_ProvidedSomeipServiceInstance");
   test::Capture log_;

@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SOURCE, Desk, Positions, fill, until
+from desk import APPLICATION, BUILD, GATEWAY, POSCTL, SOURCE, Desk_test, Positions, fill, until
 
 SIGNALS = (signal.SIGINT, signal.SIGTERM, signal.SIGUSR1, signal.SIGUSR2)
 # The poll of the shutdown flag, the stop of the alive timer and the delay before the runtime goes.
@@ -18,10 +18,7 @@ SHUTDOWN_LIMIT_S = 0.5 + 1.0 + 1.0
 SLACK_S = 8.0  # a loaded machine, sanitizers
 
 
-class ProcessTest(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
+class ProcessTest(Desk_test):
     def started(self, **options):
         application = self.desk.start(APPLICATION, **options)
         until(lambda: self.count(application, "posApplication startup finished, waiting"), "the start")

@@ -18,12 +18,12 @@
 
 class Wire {
  public:
-  /// `net`: second number of the addresses, 127.net.0.x, the test's own.
-  explicit Wire(int net) {
+  Wire() {
+    const auto net = std::to_string(test::network());
     std::ifstream shipped{POS_MANIFEST_FILE};
     std::string text{std::istreambuf_iterator<char>{shipped}, {}};
-    replace(text, "127.0.0.", "127." + std::to_string(net) + ".0.");
-    replace(text, "239.192.0.77", "239.192." + std::to_string(net) + ".77");
+    test::replace(text, "127.0.0.", "127." + net + ".0.");
+    test::replace(text, "239.192.0.77", "239.192." + net + ".77");
     std::ofstream{path_} << text;
     setenv("POS_MANIFEST", path_.c_str(), 1);
     node_ = std::make_unique<mw::com::runtime::Component_singleton>("POS", false);
@@ -36,11 +36,6 @@ class Wire {
   [[nodiscard]] tq::com::Runtime& gateway() { return *gateway_; }
 
  private:
-  static void replace(std::string& text, std::string_view from, const std::string& to) {
-    for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
-      text.replace(at, from.size(), to);
-  }
-
   const std::string path_ = "/tmp/pos_wire_" + std::to_string(getpid()) + ".json";
   std::unique_ptr<mw::com::runtime::Component_singleton> node_;
   std::unique_ptr<tq::com::Runtime> gateway_;

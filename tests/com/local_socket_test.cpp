@@ -78,7 +78,7 @@ class Local_socket : public testing::Test {
   const std::string path = folder / "server.sock";
   const std::string text_of_value = std::string(50'000, 'v');
   someip::Deployment deployment = [this] {
-    auto deployed = test::deployment(46);
+    auto deployed = test::deployment();
     const auto named_server = [](const auto& node) { return node.name == "server"; };
     std::ranges::find_if(deployed.nodes, named_server)->socket_path = path;
     return deployed;
@@ -89,7 +89,7 @@ class Local_socket : public testing::Test {
 
 TEST_F(Local_socket, calls_fields_events_and_long_messages_take_it_on_either_transport) {
   auto& service = deployment.services.front();
-  service.allowed_peers = {boost::asio::ip::make_address("127.46.0.77")};
+  service.allowed_peers = {boost::asio::ip::make_address(test::address(77))};
   deployment.limits.message_bytes = someip::header_size + text_of_value.size();
   for (const auto transport : {someip::Transport::udp, someip::Transport::tcp}) {
     service.methods[0].transport = service.events[0].transport = transport;

@@ -30,12 +30,11 @@ using tq::com::Payload;
 using tq::com::Response;
 using tq::com::Return_code;
 
-constexpr int net = 41;
 constexpr std::uint16_t echo = 1, set_value = 4, tick = 0x8001, value = 0x8002;
 
 /// A provider with an echo and a client that finds it, on a network of two nodes.
 struct Network {
-  explicit Network(const someip::Deployment& deployed = deployment(net))
+  explicit Network(const someip::Deployment& deployed = deployment())
       : server(make_runtime(deployed, "server")), client(make_runtime(deployed, "client")) {
     provider->set_method_handler(echo, [](Payload arguments) {
       return Response{Return_code::ok, {arguments.begin(), arguments.end()}};
@@ -87,7 +86,7 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
 TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to_another) {
   for (const auto transport : {someip::Transport::tcp, someip::Transport::udp}) {
     Subscription values;
-    auto deployed = deployment(net, R"({"queuedNotifications": 1000})");
+    auto deployed = deployment(R"({"queuedNotifications": 1000})");
     auto& service = deployed.services.front();
     auto& instance = service.instances.front();
     auto& field = service.fields.front();
@@ -95,7 +94,9 @@ TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to
     instance.tcp_port = 31001;
     if (transport == someip::Transport::udp) {
       field.event_group = 1;
-      instance.multicast = {{1, boost::asio::ip::make_address("239.255.41.2"), 31002, 1}};
+      instance.multicast = {
+          {1, boost::asio::ip::make_address("239.255." + std::to_string(test::network()) + ".2"),
+           31002, 1}};
     }
     Network network(deployed);
     network.connect();
@@ -168,7 +169,7 @@ TEST(Runtime, a_handler_that_sticks_holds_up_its_own_event_only_and_gets_the_new
 TEST(Runtime, a_stuck_handler_is_told_the_newest_result_and_state_and_none_in_between) {
   Seen<std::size_t> found, held_found, ended_found;
   Seen<bool> held_states;
-  auto deployed = deployment(net);
+  auto deployed = deployment();
   for (auto& node : deployed.nodes)
     node.workers = 5;  // three stuck in handlers
   Network network(deployed);
@@ -275,7 +276,7 @@ TEST(Runtime, leaves_no_descriptor_to_child_processes) {
     return count;
   };
   const auto before = test::inherited();
-  auto deployed = deployment(net);
+  auto deployed = deployment();
   auto& service = deployed.services.front();
   service.methods.front().transport = someip::Transport::tcp;
   service.instances.front().tcp_port = 31001;
@@ -309,7 +310,7 @@ TEST(Runtime, every_call_ends_once_whatever_happens) {
 
 TEST(Runtime, requests_past_the_bound_of_slow_handlers_are_refused_and_the_others_answered) {
   for (const char* bound : {R"("queuedRequests": 3)", R"("queuedRequestBytes": 1500)"}) {
-    auto limited = deployment(net, std::string("{") + bound + R"(, "pendingCalls": 20})");
+    auto limited = deployment(std::string("{") + bound + R"(, "pendingCalls": 20})");
     for (auto& node : limited.nodes)
       node.workers = 5;  // three stuck in handlers, two that receive
     Seen<Return_code> ended;
@@ -331,7 +332,7 @@ TEST(Runtime, requests_past_the_bound_of_slow_handlers_are_refused_and_the_other
 }
 
 TEST(Runtime, names_that_are_unknown_are_reported_with_the_manifest) {
-  const auto runtime = make_runtime(deployment(net), "server");
+  const auto runtime = make_runtime(deployment(), "server");
   const auto provide = [&](const char* service, const char* specifier) {
     return error_of([&] { static_cast<void>(runtime->provide(service, specifier)); });
   };
@@ -345,11 +346,11 @@ TEST(Runtime, names_that_are_unknown_are_reported_with_the_manifest) {
   using enum tq::com::Element_kind;
   EXPECT_THAT(require({method, "tick"}, *runtime),
               HasSubstr("test manifest: services.test::Service.methods: expected \"tick\""));
-  auto silent = deployment(net);
+  auto silent = deployment();
   silent.services.front().fields.front().notifier.reset();
   EXPECT_THAT(require({field, "value"}, *make_runtime(silent, "client")),
               HasSubstr(".fields.value: expected \"notifier\""));
-  EXPECT_THAT(error_of([] { static_cast<void>(make_runtime(deployment(net), "nobody")); }),
+  EXPECT_THAT(error_of([] { static_cast<void>(make_runtime(deployment(), "nobody")); }),
               HasSubstr("nodes: expected a node \"nobody\""));
 }
 

@@ -13,6 +13,7 @@
 
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
+#include "tests/support/network.h"
 #include "tests/support/seen.h"
 #include "tq/com/runtime.h"
 
@@ -28,10 +29,15 @@ inline std::string text(tq::com::Payload payload) {
   return {reinterpret_cast<const char*>(payload.data()), payload.size()};
 }
 
-/// The manifest of a network on 127.`net`.0.x: nodes "server" and "client"; a service
-/// "test::Service" with a method "echo", an event "tick" and a field "value"; timing short enough
-/// for tests.
-inline someip::Deployment deployment(int net, const std::string& limits = "{}") {
+inline void replace(std::string& text, std::string_view from, const std::string& to) {
+  for (auto at = text.find(from); at != std::string::npos; at = text.find(from, at + to.size()))
+    text.replace(at, from.size(), to);
+}
+
+/// The manifest of a network on the addresses of test::network(): nodes "server" and "client"; a
+/// service "test::Service" with a method "echo", an event "tick" and a field "value"; timing short
+/// enough for tests.
+inline someip::Deployment deployment(const std::string& limits = "{}") {
   std::string text = R"({
     "nodes": {
       "server": {"address": "127.NET.0.1", "clientId": 1, "requestTimeoutMs": 500},
@@ -49,12 +55,8 @@ inline someip::Deployment deployment(int net, const std::string& limits = "{}") 
         "fields": {"value": {"getter": 3, "setter": 4, "notifier": "0x8002", "eventGroup": 2}},
         "instances": [{"id": 1, "specifier": "first", "node": "server", "udpPort": 31001},
                       {"id": 2, "specifier": "second", "node": "client", "udpPort": 31001}]}}})";
-  const auto replace = [&](std::string_view what, const std::string& with) {
-    for (auto at = text.find(what); at != std::string::npos; at = text.find(what, at))
-      text.replace(at, what.size(), with);
-  };
-  replace("NET", std::to_string(net));
-  replace("LIMITS", limits);
+  replace(text, "NET", std::to_string(network()));
+  replace(text, "LIMITS", limits);
   return tq::com::parse_deployment(text, "test manifest");
 }
 

@@ -1,5 +1,5 @@
 """Discovery behaviour on the wire: subscribing, restarts, the end, the loss of the link. What depends on time
-alone is in tests/someip/discovery_test.cpp."""
+alone is in tests/someip/discovery_*_test.cpp."""
 
 import ctypes
 import subprocess

@@ -1,20 +1,8 @@
 /// A process that provides and uses the services of its manifest as its standard input says, one
-/// command a line, and prints one line for everything that happens. The conformance tests put it on
-/// the other end of the wire where the application does not have what they look at.
-///
-///   offer SPECIFIER
-///   stop SPECIFIER
-///   update SPECIFIER NOTIFIER HEX                  a field's value
-///   event SPECIFIER EVENT HEX
-///   find SERVICE
-///   subscribe SERVICE INSTANCE ELEMENT [CONSUMER]
-///   unsubscribe SERVICE INSTANCE ELEMENT
-///   call SERVICE INSTANCE METHOD HEX [COUNT]       COUNT calls, one after the other
-///   send SERVICE INSTANCE METHOD HEX               without a response
-///   count NAME                                     a counter of the runtime
-///
-/// A payload without bytes is written "-". "done" follows each command. The end of the input ends
-/// the process in good order.
+/// command a line (see Host::command), and prints one line for everything that happens. The
+/// conformance tests put it on the other end of the wire where the application does not have what
+/// they look at. A payload without bytes is written "-". "done" follows each command. The end of
+/// the input ends the process in good order.
 #include <algorithm>
 #include <boost/algorithm/hex.hpp>
 #include <cstdio>
@@ -41,6 +29,7 @@
 namespace {
 
 using tq::com::Payload;
+using tq::com::Provider;
 using tq::com::Response;
 using tq::com::Return_code;
 using Bytes = std::vector<std::byte>;
@@ -88,88 +77,93 @@ Response run(const std::string& method, Payload arguments) {
   return response;
 }
 
+std::string word(std::istringstream& words) {
+  std::string one;
+  words >> one;
+  return one;
+}
+
 class Host {
+  using Words = std::istringstream;
+
  public:
   explicit Host(const someip::Deployment& deployment)
       : deployment_(deployment), runtime_(tq::com::make_runtime(deployment, "host")) {}
 
-  void command(std::istringstream words) {
-    const auto word = [&] {
-      std::string text;
-      words >> text;
-      return text;
-    };
-    const auto number = [&] { return static_cast<std::uint16_t>(std::stoul(word(), nullptr, 0)); };
-    const std::string what = word();
-    if (what == "offer") {
-      provider(word()).offer();
-    } else if (what == "stop") {
-      provider(word()).stop_offer();
-    } else if (what == "update" || what == "event") {
-      tq::com::Provider& instance = provider(word());
-      const std::uint16_t id = *instance.element(word()).notifier;
-      const Bytes value = unhex(word());
-      what == "event" ? instance.send_event(id, value) : instance.update_field(id, value);
-    } else if (what == "find") {
-      const std::string service = word();
-      static_cast<void>(runtime_->start_find_service(
-          service, std::nullopt,
-          [this, service](const std::vector<tq::com::Found_instance>& found) {
-            std::string line = "found " + service;
-            {
-              const std::lock_guard lock(found_mutex_);
-              for (const auto& one : found) {
-                found_.insert_or_assign({service, one.instance}, one);
-                line += " " + std::to_string(one.instance);
-              }
-            }
-            print(line);
-          }));
-    } else if (what == "subscribe" || what == "unsubscribe") {
-      const std::string service = word();
-      const std::uint16_t instance = number();
-      const std::string element = word();
-      tq::com::Consumer& user = consumer(service, instance, word());
-      const std::string name = service + " " + std::to_string(instance) + " " + element;
-      if (what == "unsubscribe") {
-        user.unsubscribe(element);
-        return;
-      }
-      user.subscribe(
-          element, [name](Payload payload) { print("notification " + name + " " + hex(payload)); },
-          [name](bool on) { print("state " + name + (on ? " on" : " off")); });
-    } else if (what == "call" || what == "send") {
-      const std::string service = word();
-      tq::com::Consumer& user = consumer(service, number(), "");
-      const std::uint16_t method = *user.element(word()).method;
-      const Bytes arguments = unhex(word());
-      std::uint32_t count = 1;
-      words >> count;
-      if (what == "send") {
-        user.call_no_return(method, arguments);
-      } else {
-        call(user, method, arguments, count);
-      }
-    } else if (what == "count") {
-      const std::string name = word();
-      for (const auto& [known, value] : runtime_->counters()) {
-        if (known == name) print("count " + name + " " + std::to_string(value));
-      }
-    } else {
-      throw std::runtime_error("unknown command " + what);
-    }
+  void command(Words words) {
+    static const std::map<std::string, void (Host::*)(Words&)> commands{
+        {"offer", &Host::offer},                           // SPECIFIER
+        {"stop", &Host::stop},                             // SPECIFIER
+        {"update", &Host::send<&Provider::update_field>},  // SPECIFIER NOTIFIER HEX
+        {"event", &Host::send<&Provider::send_event>},     // SPECIFIER EVENT HEX
+        {"find", &Host::find},                             // SERVICE
+        {"subscribe", &Host::subscribe},                   // SERVICE INSTANCE ELEMENT [CONSUMER]
+        {"unsubscribe", &Host::unsubscribe},               // SERVICE INSTANCE ELEMENT
+        {"call", &Host::call},                             // SERVICE INSTANCE METHOD HEX [COUNT]
+        {"send", &Host::call_no_return},                   // SERVICE INSTANCE METHOD HEX
+        {"count", &Host::count}};                          // NAME, of the runtime's counter
+    (this->*commands.at(word(words)))(words);
   }
 
  private:
-  tq::com::Provider& provider(const std::string& specifier) {
+  void offer(Words& words) { provider(word(words)).offer(); }
+  void stop(Words& words) { provider(word(words)).stop_offer(); }
+  template <auto Send>
+  void send(Words& words) {
+    Provider& instance = provider(word(words));
+    const std::uint16_t id = *instance.element(word(words)).notifier;
+    (instance.*Send)(id, unhex(word(words)));
+  }
+  void find(Words& words) {
+    const std::string service = word(words);
+    static_cast<void>(runtime_->start_find_service(
+        service, std::nullopt, [this, service](const std::vector<tq::com::Found_instance>& found) {
+          std::string line = "found " + service;
+          {
+            const std::lock_guard lock(found_mutex_);
+            for (const auto& one : found) {
+              found_.insert_or_assign({service, std::to_string(one.instance)}, one);
+              line += " " + std::to_string(one.instance);
+            }
+          }
+          print(line);
+        }));
+  }
+  void subscribe(Words& words) {
+    const std::string service = word(words), instance = word(words), element = word(words);
+    const std::string name = service + " " + instance + " " + element;
+    consumer(service, instance, word(words))
+        .subscribe(
+            element,
+            [name](Payload payload) { print("notification " + name + " " + hex(payload)); },
+            [name](bool on) { print("state " + name + (on ? " on" : " off")); });
+  }
+  void unsubscribe(Words& words) { user(words).unsubscribe(word(words)); }
+  void call(Words& words) {
+    tq::com::Consumer& caller = user(words);
+    const std::uint16_t method = *caller.element(word(words)).method;
+    const Bytes arguments = unhex(word(words));
+    const std::string count = word(words);
+    repeat(caller, method, arguments, count.empty() ? 1 : std::stoul(count));
+  }
+  void call_no_return(Words& words) {
+    tq::com::Consumer& caller = user(words);
+    const std::uint16_t method = *caller.element(word(words)).method;
+    caller.call_no_return(method, unhex(word(words)));
+  }
+  void count(Words& words) {
+    const std::string name = word(words);
+    for (const auto& [known, value] : runtime_->counters()) {
+      if (known == name) print("count " + name + " " + std::to_string(value));
+    }
+  }
+
+  Provider& provider(const std::string& specifier) {
     auto& present = providers_[specifier];
     if (present) return *present;
     for (const auto& service : deployment_.services) {
-      if (std::ranges::none_of(service.instances, [&](const auto& instance) {
-            return instance.specifier == specifier;
-          })) {
-        continue;
-      }
+      const auto is_it = [&](const auto& instance) { return instance.specifier == specifier; };
+      if (std::ranges::none_of(service.instances, is_it)) continue;
       present = runtime_->provide(service.name, specifier);
       for (const auto& method : service.methods) {
         present->set_method_handler(
@@ -193,7 +187,7 @@ class Host {
   }
 
   tq::com::Consumer& consumer(const std::string& service,
-                              std::uint16_t instance,
+                              const std::string& instance,
                               const std::string& name) {
     auto& present = consumers_[{service, instance, name}];
     if (!present) {
@@ -207,11 +201,17 @@ class Host {
     return *present;
   }
 
-  void call(tq::com::Consumer& user, std::uint16_t method, Bytes arguments, std::uint32_t count) {
+  /// The consumer of the instance that comes next, without a name.
+  tq::com::Consumer& user(Words& words) {
+    const std::string service = word(words);
+    return consumer(service, word(words), "");
+  }
+
+  void repeat(tq::com::Consumer& user, std::uint16_t method, Bytes arguments, std::size_t count) {
     user.call(method, arguments,
               [this, &user, method, arguments, count](Return_code code, Payload payload) {
                 if (count > 1) {
-                  call(user, method, arguments, count - 1);
+                  repeat(user, method, arguments, count - 1);
                 } else {
                   char head[32];
                   std::snprintf(head, sizeof head, "response 0x%02x ", static_cast<unsigned>(code));
@@ -222,10 +222,10 @@ class Host {
 
   const someip::Deployment& deployment_;
   std::mutex found_mutex_;  ///< guards found_
-  std::map<std::pair<std::string, std::uint16_t>, tq::com::Found_instance> found_;
+  std::map<std::pair<std::string, std::string>, tq::com::Found_instance> found_;
   std::unique_ptr<tq::com::Runtime> runtime_;
-  std::map<std::string, std::unique_ptr<tq::com::Provider>> providers_;
-  std::map<std::tuple<std::string, std::uint16_t, std::string>, std::unique_ptr<tq::com::Consumer>>
+  std::map<std::string, std::unique_ptr<Provider>> providers_;
+  std::map<std::tuple<std::string, std::string, std::string>, std::unique_ptr<tq::com::Consumer>>
       consumers_;
 };
 

@@ -6,21 +6,16 @@ import re
 import subprocess
 import unittest
 
-from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk, until
+from desk import APPLICATION, GATEWAY, POSCTL, SOURCE, Desk_test, until
 
 TCPDUMP = pathlib.Path("/usr/bin/tcpdump")
 PAGE = (SOURCE / "docs/capture/README.md").read_text(encoding="utf-8")
 POSITION = "someip.payload.Positioning.positions."
 
 
-class Capture(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
+class Capture(Desk_test):
     def posctl(self, *arguments):
-        code, output, errors = self.desk.run(POSCTL, *arguments, "--node", "posctl")
-        self.assertEqual(code, 0, errors)
-        return output
+        return self.output(POSCTL, *arguments, "--node", "posctl")
 
     def tshark(self, *arguments):
         done = subprocess.run([SOURCE / "docs/capture/tshark", *map(str, arguments)], capture_output=True, text=True,

@@ -21,13 +21,13 @@ std::optional<Bytes> read(const Persistency& persistency, const std::string& key
   return blob ? std::optional(*blob) : std::nullopt;
 }
 
-class Persistency_test : public testing::Test {
+class Storage : public testing::Test {
  protected:
   Store store_;
   test::Capture log_;
 };
 
-TEST_F(Persistency_test, with_a_broken_storage_file_everything_reads_as_empty) {
+TEST_F(Storage, with_a_broken_storage_file_everything_reads_as_empty) {
   std::ofstream(store_.file()) << "{ \"a\": ";
   Persistency persistency = store_.open();
   EXPECT_FALSE(persistency.gateway().isStorageUsable());
@@ -39,7 +39,7 @@ TEST_F(Persistency_test, with_a_broken_storage_file_everything_reads_as_empty) {
   EXPECT_EQ(read(persistency, "blob"), std::nullopt);
 }
 
-TEST_F(Persistency_test, storing_can_be_forbidden_and_allowed_again) {
+TEST_F(Storage, storing_can_be_forbidden_and_allowed_again) {
   Persistency persistency = store_.open();
   EXPECT_TRUE(persistency.gateway().isStorageUsable());
   persistency.gateway().setValue("x", KvsType(std::uint32_t{7}));
@@ -54,7 +54,7 @@ TEST_F(Persistency_test, storing_can_be_forbidden_and_allowed_again) {
   EXPECT_FALSE(persistency.gateway().hasKey("x"));
 }
 
-TEST_F(Persistency_test, a_blob_outlives_the_process) {
+TEST_F(Storage, a_blob_outlives_the_process) {
   const Bytes blob{0, 255, 10, 13, 34};
   std::filesystem::remove(store_.folder());  // it is made anew
   {
@@ -67,7 +67,7 @@ TEST_F(Persistency_test, a_blob_outlives_the_process) {
   EXPECT_EQ(read(persistency, "empty"), Bytes());
 }
 
-TEST_F(Persistency_test, interrupted_writes_and_damaged_blobs_read_as_nothing) {
+TEST_F(Storage, interrupted_writes_and_damaged_blobs_read_as_nothing) {
   Persistency persistency = store_.open();
   auto& store = persistency.gateway();
   EXPECT_EQ(read(persistency, "b"), std::nullopt);
@@ -91,7 +91,7 @@ TEST_F(Persistency_test, interrupted_writes_and_damaged_blobs_read_as_nothing) {
   EXPECT_EQ(read_with(3, KvsType(Bytes{1})), Bytes({1, 0, 0}));
 }
 
-TEST_F(Persistency_test, a_save_that_fails_half_way_leaves_no_entry_now_and_at_the_next_start) {
+TEST_F(Storage, a_save_that_fails_half_way_leaves_no_entry_now_and_at_the_next_start) {
   for (const auto* when : {"now", "at the next start"}) {
     Persistency persistency = store_.open();
     EXPECT_FALSE(persistency.gateway().hasKey("bbeforeRW")) << when;
@@ -102,8 +102,7 @@ TEST_F(Persistency_test, a_save_that_fails_half_way_leaves_no_entry_now_and_at_t
   }
 }
 
-TEST_F(Persistency_test,
-       the_owner_hears_of_each_save_that_succeeded_until_another_callback_is_set) {
+TEST_F(Storage, the_owner_hears_of_each_save_that_succeeded_until_another_callback_is_set) {
   Persistency persistency = store_.open();
   const auto save = [&] { static_cast<void>(persistency.controlledSaveBinaryData({1}, "b")); };
   std::string heard;
@@ -122,7 +121,7 @@ TEST_F(Persistency_test,
   EXPECT_EQ(heard, "first second ");
 }
 
-TEST_F(Persistency_test, the_table_takes_the_place_of_the_storage) {
+TEST_F(Storage, the_table_takes_the_place_of_the_storage) {
   const std::vector<std::pair<std::string, KvsType>> entries{{"binary", KvsType(Bytes{1, 2})},
                                                              {"bool", KvsType(true)},
                                                              {"double", KvsType(1.5)},

@@ -27,7 +27,7 @@ while_waiting = [time.sleep]  # the last one is what until() does between two lo
 
 
 def free_network():
-    """The N of a loopback network 127.N.x.y that no other test uses, and the socket that claims it."""
+    """The N of a loopback network 127.N.x.y, and the socket that claims it, from other tests in C++ too (support/network.h)."""
     for number in range(100, 150):
         claim = socket.socket()
         try:

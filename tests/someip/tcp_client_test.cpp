@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "platform/someip/node/node.h"
+#include "tests/support/network.h"
 #include "tests/support/seen.h"
 
 /// As the system answers when a connection has broken before anybody asks.
@@ -32,8 +33,8 @@ using boost::asio::ip::tcp;
 using boost::asio::ip::udp;
 using namespace std::chrono_literals;
 
-const Address own = make_address("127.44.0.1");
-const Address peer = make_address("127.44.0.2");
+const Address own = make_address(test::address(1));
+const Address peer = make_address(test::address(2));
 
 class Played_workers final : public Workers {
  public:

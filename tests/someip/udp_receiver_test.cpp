@@ -10,12 +10,13 @@
 #include <utility>
 #include <vector>
 
+#include "tests/support/network.h"
 #include "tests/support/seen.h"
 
 namespace someip {
 namespace {
 
-const Address loopback = boost::asio::ip::make_address("127.45.0.1");
+const Address loopback = boost::asio::ip::make_address(test::address(1));
 
 /// A thread for each piece of work; descriptors are not watched.
 class Thread_workers final : public Workers {

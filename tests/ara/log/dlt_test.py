@@ -10,7 +10,7 @@ import subprocess
 import time
 import unittest
 
-from desk import BUILD, DEADLINE, Desk, inherited, until
+from desk import BUILD, DEADLINE, Desk_test, inherited, until
 from dlt import Log
 
 PROBE = BUILD / "tests/ara/log/log_probe"
@@ -47,10 +47,7 @@ class Probe:
         return [line.split(" ", 5)[5] for line in self.errors() if " POS " in line]
 
 
-class DltTest(unittest.TestCase):
-    def setUp(self):
-        self.desk = self.enterContext(Desk())
-
+class DltTest(Desk_test):
     def daemon(self):
         daemon = Log(self.desk)
         self.addCleanup(daemon.end)

@@ -1,5 +1,5 @@
-/// The application's parts on the road of a position, connected as the application connects them,
-/// and what to send down that road.
+/// The application's parts on the path of a position, connected as the application connects them,
+/// and what to send down that path.
 #pragma once
 
 #include <chrono>
@@ -59,10 +59,10 @@ inline binding::Buffer notification(std::size_t samples) {
   return payload;
 }
 
-/// The application's parts on that road, connected as it connects them.
-class Road {
+/// The application's parts on that path, connected as it connects them.
+class Position_path {
  public:
-  explicit Road(bool log_received) {
+  explicit Position_path(bool log_received) {
     gnss_.set_recieved_gnss_data_logging(log_received);
     gnss_.set_ignore_gnss_timestamps(true);
     gnss_.set_use_gnss_dr(true);
@@ -83,7 +83,7 @@ class Road {
     gnss_.init();
     runtime_.find({1});
   }
-  ~Road() { gnss_.stop(); }
+  ~Position_path() { gnss_.stop(); }
 
   void drive(const binding::Buffer& payload, const char* element = "positions") {
     const mw::com::Handled_arrival arrival(arrival_);

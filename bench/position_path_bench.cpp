@@ -1,4 +1,4 @@
-/// The road of a position without a network: a GNSS notification's payload goes in, the Positioning
+/// The path of a position without a network: a GNSS notification's payload goes in, the Positioning
 /// service's payload comes out. With the log off and on, by samples and by satellites.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
@@ -12,14 +12,14 @@
 #include <thread>
 
 #include "ara/log/logger.h"
-#include "bench/road.h"
+#include "bench/position_path.h"
 #include "binding/trace_records.h"
 #include "clients/received_data_log.h"
 
 namespace {
 
 using bench::notification;
-using bench::Road;
+using bench::Position_path;
 using bench::sample;
 
 void set_log(ara::log::LogLevel level) {
@@ -28,26 +28,26 @@ void set_log(ara::log::LogLevel level) {
   }
 }
 
-void road_without_log(benchmark::State& state) {
+void path_without_log(benchmark::State& state) {
   set_log(ara::log::LogLevel::kOff);
-  Road road{true};
+  Position_path path{true};
   const auto payload = notification(static_cast<std::size_t>(state.range(0)));
-  const auto before = road.published();
+  const auto before = path.published();
   for ([[maybe_unused]] auto _ : state)
-    road.drive(payload);
+    path.drive(payload);
   state.counters["published"] =
-      static_cast<double>(road.published() - before) / static_cast<double>(state.iterations());
+      static_cast<double>(path.published() - before) / static_cast<double>(state.iterations());
   set_log(ara::log::LogLevel::kInfo);
 }
-BENCHMARK(road_without_log)->Arg(2)->Arg(1)->Arg(10)->Arg(100);
+BENCHMARK(path_without_log)->Arg(2)->Arg(1)->Arg(10)->Arg(100);
 
 void satellites_without_log(benchmark::State& state) {
   set_log(ara::log::LogLevel::kOff);
-  Road road{true};
+  Position_path path{true};
   binding::Buffer payload;
   binding::encode(bench::satellites(static_cast<std::size_t>(state.range(0))), payload);
   for ([[maybe_unused]] auto _ : state)
-    road.drive(payload, "posGnssSatInfos");
+    path.drive(payload, "posGnssSatInfos");
   set_log(ara::log::LogLevel::kInfo);
 }
 BENCHMARK(satellites_without_log)->Arg(0)->Arg(1)->Arg(20)->Arg(60)->Arg(200);
@@ -104,15 +104,15 @@ class Daemon_pipe {
 
 /// Into the DLT daemon when one runs (bench/run starts one); else to standard error. After as many
 /// positions as fit into its pipe, the daemon gets the time to read them.
-void road_with_log(benchmark::State& state) {
+void path_with_log(benchmark::State& state) {
   constexpr std::size_t at_once = 16;
   set_log(ara::log::LogLevel::kInfo);
-  Road road{true};
+  Position_path path{true};
   const auto payload = notification(2);
   const Daemon_pipe pipe;
   std::size_t driven = 0;
   for ([[maybe_unused]] auto _ : state) {
-    road.drive(payload);
+    path.drive(payload);
     if (++driven % at_once == 0) {
       state.PauseTiming();
       pipe.wait_until_empty();
@@ -120,7 +120,7 @@ void road_with_log(benchmark::State& state) {
     }
   }
 }
-BENCHMARK(road_with_log);
+BENCHMARK(path_with_log);
 
 void log_line_of_a_position(benchmark::State& state) {
   const auto position = sample(2);
