@@ -1,4 +1,5 @@
 /// The notification of a synthetic drive.
+#include "tools/gnss-gateway/notification.h"
 #include "tools/gnss-gateway/record_parts.h"
 
 namespace gateway {

@@ -7,7 +7,7 @@
 
 #include "tools/gnss-gateway/fault.h"
 #include "tools/gnss-gateway/from_seconds.h"
-#include "tools/posctl/near_name.h"
+#include "tools/near_name.h"
 
 namespace gateway {
 namespace {
@@ -158,7 +158,7 @@ const Fault_kind& kind_named(std::string_view request, std::string_view name) {
     names.push_back(kind.name);
   }
   refuse(request,
-         "there is no fault \"" + std::string(name) + "\"" + posctl::did_you_mean(name, names));
+         "there is no fault \"" + std::string(name) + "\"" + tools::did_you_mean(name, names));
 }
 
 Fault_value value_in(std::string_view request, const Fault_kind& kind, std::string_view text) {

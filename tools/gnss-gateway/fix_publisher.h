@@ -6,7 +6,7 @@
 #include <optional>
 
 #include "tools/gnss-gateway/output.h"
-#include "tools/gnss-gateway/sources.h"
+#include "tools/gnss-gateway/source_options.h"
 #include "tools/nmea/fix.h"
 
 namespace gateway {

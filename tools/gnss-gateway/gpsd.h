@@ -15,7 +15,7 @@
 #include "tools/gnss-gateway/fix_publisher.h"
 #include "tools/gnss-gateway/gpsd_reader.h"
 #include "tools/gnss-gateway/output.h"
-#include "tools/gnss-gateway/sources.h"
+#include "tools/gnss-gateway/source_options.h"
 
 namespace gateway {
 

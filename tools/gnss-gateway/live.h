@@ -11,7 +11,7 @@
 #include "tools/gnss-gateway/fix_publisher.h"
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
-#include "tools/gnss-gateway/sources.h"
+#include "tools/gnss-gateway/source_options.h"
 #include "tools/nmea/reader.h"
 
 namespace gateway {

@@ -7,13 +7,12 @@
 #pragma once
 
 #include <bitset>
-#include <chrono>
-#include <cstdint>
 #include <optional>
 #include <vector>
 
 #include "clients/gnss_records.h"
 #include "tools/drive/drive.h"
+#include "tools/gnss-gateway/context.h"
 #include "tools/nmea/fix.h"
 
 namespace gateway {
@@ -25,13 +24,6 @@ struct Notification {
   std::vector<lumo::services::gnss::datatypes::DT_positionsQuality_struct> quality;
   /// Absent: the source has no new list, the field keeps its value.
   std::optional<std::vector<lumo::services::gnss::datatypes::DT_posGnssSatInfos_struct>> satellites;
-};
-
-/// Inputs that do not come from the source.
-struct Context {
-  std::uint32_t message_counter = 0;
-  std::chrono::nanoseconds precise_local_time{};
-  std::optional<std::uint32_t> update_rate_hz;
 };
 
 /// The dead-reckoning sample repeats the GNSS sample, except while the receiver says that it only

@@ -9,7 +9,7 @@
 #include <optional>
 
 #include "clients/gnss_records.h"
-#include "tools/gnss-gateway/notification.h"
+#include "tools/gnss-gateway/context.h"
 #include "tools/nmea/fix.h"
 
 namespace gateway {

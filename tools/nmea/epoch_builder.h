@@ -5,23 +5,15 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
-#include <vector>
 
 #include "tools/nmea/fix.h"
 #include "tools/nmea/framer.h"
+#include "tools/nmea/merging.h"
 #include "tools/nmea/sentence.h"
 
 namespace nmea {
 
 namespace detail {
-
-struct View {
-  Talker talker{};
-  std::uint8_t signal = 0;  ///< of the group's first sentence
-  bool several_signals = false;
-  unsigned in_view = 0;
-  std::vector<Satellite> satellites;
-};
 
 /// A GSV group that is coming in.
 struct Pending_view {
@@ -30,24 +22,6 @@ struct Pending_view {
   unsigned next = 0;    ///< number of the sentence that must come now; 0: none is coming in
   bool broken = false;  ///< a sentence is missing: the rest is only followed to its end
 };
-
-/// The satellites of the GSA and GSV sentences of one instant.
-struct Sky {
-  std::vector<Satellite_number> used;
-  bool used_told = false;
-  std::optional<Fix_dimension> dimension;
-  std::optional<double> pdop;
-  std::optional<double> hdop;
-  std::optional<double> vdop;
-  std::vector<View> views;
-};
-
-struct Told_navigation {
-  Navigation sentence;
-  Talker talker{};
-  bool believed = true;  ///< false: the others of the instant contradict it
-};
-using Navigation_sentences = std::array<std::optional<Told_navigation>, navigation_type_count>;
 
 struct Epoch {
   std::optional<std::chrono::nanoseconds> time_of_day;

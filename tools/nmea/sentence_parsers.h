@@ -4,8 +4,11 @@
 /// then, unless the sentence is sound and of a form that the reader does not know.
 #pragma once
 
+#include <optional>
+
 #include "tools/nmea/fields.h"
-#include "tools/nmea/sentence.h"
+#include "tools/nmea/satellite_number.h"
+#include "tools/nmea/sentence_content.h"
 
 namespace nmea::detail {
 

@@ -12,10 +12,10 @@
 #include "posService/Positioning.h"
 #include "tools/command.h"
 #include "tools/gnss-gateway/fault_control.h"
+#include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/from_json.h"
-#include "tools/posctl/near_name.h"
 
 namespace posctl {
 namespace {
@@ -149,7 +149,8 @@ const Callable& callable_named(const std::vector<Callable>& all, const std::stri
   std::vector<std::string> names;
   for (const auto& one : all)
     names.push_back(one.name);
-  throw tools::Usage_error("there is no method \"" + name + "\"" + did_you_mean(name, names) +
+  throw tools::Usage_error("there is no method \"" + name + "\"" +
+                           tools::did_you_mean(name, names) +
                            "\nposctl call without a name lists all.");
 }
 

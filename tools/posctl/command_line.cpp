@@ -7,8 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "tools/near_name.h"
 #include "tools/posctl/command_table.h"
-#include "tools/posctl/near_name.h"
 
 namespace posctl {
 namespace {
@@ -60,7 +60,7 @@ std::string unknown_command(int argc, char** argv) {
   for (const Command& one : commands())
     names.push_back(one.name);
   if (std::ranges::find(names, name) != names.end()) return {};
-  return "there is no command \"" + std::string(name) + "\"" + did_you_mean(name, names);
+  return "there is no command \"" + std::string(name) + "\"" + tools::did_you_mean(name, names);
 }
 
 }  // namespace

@@ -3,9 +3,9 @@
 #include <string>
 
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/glossary.h"
-#include "tools/posctl/near_name.h"
 #include "tools/posctl/record_json.h"
 
 namespace posctl {
@@ -29,7 +29,8 @@ std::vector<Term> terms_named(const std::string& name) {
   std::vector<std::string> names;
   for (const auto& term : all)
     names.push_back(term.name);
-  throw tools::Usage_error("nothing has the name \"" + name + "\"" + did_you_mean(name, names) +
+  throw tools::Usage_error("nothing has the name \"" + name + "\"" +
+                           tools::did_you_mean(name, names) +
                            "\nposctl explain without a name lists all.");
 }
 

@@ -4,9 +4,9 @@
 
 #include "binding/statistics.h"
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
-#include "tools/posctl/near_name.h"
 #include "tools/posctl/record_json.h"
 
 namespace posctl {
@@ -28,7 +28,7 @@ Log_context_level parse(const std::string& text) {
   if (std::ranges::find(levels, wanted.level) == levels.end()) {
     throw tools::Usage_error("there is no log level \"" + wanted.level +
                              "\"; expected off, fatal, error, warn, info, debug or verbose" +
-                             did_you_mean(wanted.level, levels));
+                             tools::did_you_mean(wanted.level, levels));
   }
   return wanted;
 }
@@ -38,7 +38,7 @@ std::string refusal(const Log_context_level& wanted, Statistics_proxy& service, 
   for (const auto& one : result_of(service.LogLevels(), Statistics::LogLevels.name, deadline))
     known.push_back(one.context);
   return "the application has no log context \"" + wanted.context + "\"" +
-         did_you_mean(wanted.context, known) + "\nposctl log lists them.";
+         tools::did_you_mean(wanted.context, known) + "\nposctl log lists them.";
 }
 
 }  // namespace

@@ -7,8 +7,8 @@
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/explain.h"
-#include "tools/posctl/near_name.h"
 #include "tools/posctl/notification_json.h"
 
 namespace posctl {
@@ -113,7 +113,7 @@ std::uint16_t monitor_instance(const std::string& text) {
     names.push_back(monitor.name);
   throw tools::Usage_error("there is no monitor \"" + text +
                            "\"; one such as POS_Input_GNSS or 0x83D101 is expected" +
-                           did_you_mean(text, names));
+                           tools::did_you_mean(text, names));
 }
 
 InitMonitorReason init_reason(const std::string& name) {

@@ -8,10 +8,10 @@
 
 #include "diagnosisService/data_identifiers.h"
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/explain.h"
-#include "tools/posctl/near_name.h"
 
 namespace posctl {
 namespace {
@@ -59,7 +59,7 @@ Json read(Deadline deadline) {
   const auto proxy = connect<Data_identifier_proxy<Interface>>(Interface::name, deadline);
   const auto output = result_of(proxy->Read({}), Interface::Read.name, deadline);
   Json json{{"schema", 1},
-            {"did", identifier_of(Interface::name)},
+            {"did", lumo::services::diag::identifier_of(Interface::name)},
             {"name", mw::com::cpp_binding::short_name(Interface::name)},
             {"raw", raw_bytes(output)},
             {"values", decoded(output)}};
@@ -79,7 +79,7 @@ struct Readable_identifier {
 std::vector<Readable_identifier> entries() {
   std::vector<Readable_identifier> all;
   for_each_interface<Data_identifiers>([&]<class Interface>() {
-    all.push_back({identifier_of(Interface::name), read<Interface>});
+    all.push_back({lumo::services::diag::identifier_of(Interface::name), read<Interface>});
   });
   return all;
 }
@@ -106,7 +106,7 @@ std::vector<Readable_identifier> wanted(const std::string& name) {
     names.push_back(one.did);
   }
   throw tools::Usage_error("there is no data identifier \"" + name + "\"; expected all or one of " +
-                           known + did_you_mean(normalized(name), names));
+                           known + tools::did_you_mean(normalized(name), names));
 }
 
 std::string text_of(const Json& answer) {

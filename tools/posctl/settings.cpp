@@ -10,9 +10,9 @@
 #include "platform/linux/per/location.h"
 #include "platform/linux/per/stored_values.h"
 #include "tools/command.h"
+#include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
-#include "tools/posctl/near_name.h"
 #include "tools/posctl/record_json.h"
 #include "tools/posctl/setting_table.h"
 
@@ -105,7 +105,7 @@ const Setting& setting_named(const std::string& key) {
   names.reserve(setting_table.size());
   for (const auto& one : setting_table)
     names.push_back(one.key);
-  throw tools::Usage_error("there is no setting \"" + key + "\"" + did_you_mean(key, names) +
+  throw tools::Usage_error("there is no setting \"" + key + "\"" + tools::did_you_mean(key, names) +
                            "\nposctl settings lists them.");
 }
 

@@ -1,4 +1,4 @@
-/// The name that was probably meant.
+/// A guess at the name that a mistyped one stands for.
 #pragma once
 
 #include <algorithm>
@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-namespace posctl {
+namespace tools {
 
 /// The number of letters to insert, remove or replace; two that changed places count once.
 [[nodiscard]] inline std::size_t distance(std::string_view a, std::string_view b) {
@@ -46,4 +46,4 @@ template <class Names>
   return nearest.empty() ? std::string() : "; did you mean \"" + std::string(nearest) + "\"?";
 }
 
-}  // namespace posctl
+}  // namespace tools
