@@ -12,6 +12,40 @@ constexpr double max_cut = 4;        ///< metres from a corner to the middle of 
 constexpr double least_turn = 0.02;  ///< degrees
 constexpr double max_slope = 0.3;
 
+struct Bend {
+  double turn = 0;    ///< degrees
+  double length = 0;  ///< metres; 0: the vehicle drives straight on
+  double ahead = 0;   ///< metres from its beginning to the corner
+};
+
+/// The bend at `corner`, from the way `in` that leads there to `next`. A corner that is too sharp
+/// becomes a turn behind its point.
+Bend bend_at(const Place& corner, const Place& next, const Offset& in, double limit) {
+  const double heading = in.direction();
+  const auto earth = Radii::at(corner.latitude);
+  const auto out = corner.to(next, earth);
+  Bend bend{.turn = turn_between(heading, out.direction())};
+  if (std::abs(bend.turn) > max_corner) {
+    // Which direction leads to the next point depends on where the turn ends.
+    bend.length = 1.2 * min_bend_length(bend.turn);
+    for (int trial = 0; trial < 8; ++trial) {
+      const auto way = Unit_bend::way(heading, bend.turn, 1);
+      const auto end = corner.moved({way.east * bend.length, way.north * bend.length}, earth);
+      bend.turn += turn_between(heading + bend.turn, end.to(next, earth).direction());
+    }
+  } else if (std::abs(bend.turn) >= least_turn) {
+    const double turn = std::abs(radians(bend.turn));
+    const double share = Unit_bend::corner_distance(bend.turn);
+    const double wanted = 2 * turn * limit * limit / lateral_limit;
+    const double least = min_bend_length(bend.turn);
+    const double most = std::max(least, max_cut / std::tan(turn / 4) / share);
+    const double room = 0.98 * std::min(in.length(), out.length() / 2) / share;
+    bend.length = std::min(std::clamp(wanted, least, most), room);
+    bend.ahead = bend.length * share;
+  }
+  return bend;
+}
+
 }  // namespace
 
 struct Course::Stretch {
@@ -20,8 +54,7 @@ struct Course::Stretch {
   double dwell = 0;  ///< seconds, at its beginning
 };
 
-/// The vehicle drives straight to the bend before each point. A corner that is too sharp becomes a
-/// turn behind its point.
+/// The vehicle drives straight to the bend before each point.
 std::vector<Course::Stretch> Course::lay_out(const std::vector<Route_point>& points, double speed) {
   std::vector<Stretch> stretches;
   const auto place_of = [&](std::size_t index) {
@@ -50,39 +83,16 @@ std::vector<Course::Stretch> Course::lay_out(const std::vector<Route_point>& poi
       knots_.push_back({leg.start, points[index].altitude.value_or(knots_.back().altitude), 0});
       break;
     }
-    const auto earth = Radii::at(points[index].latitude);
-    const auto out = place_of(index).to(place_of(index + 1), earth);
-    double turn = turn_between(heading, out.direction());
     const double limit_behind = std::min(limit, points[index].speed.value_or(speed));
-    double bend = 0;
-    double corner = 0;
-    if (std::abs(turn) > max_corner) {
-      // Which direction leads to the next point depends on where the turn ends.
-      bend = 1.2 * min_bend_length(turn);
-      for (int trial = 0; trial < 8; ++trial) {
-        const auto way = Unit_bend::way(heading, turn, 1);
-        const auto end = place_of(index).moved({way.east * bend, way.north * bend}, earth);
-        const auto change =
-            turn_between(heading + turn, end.to(place_of(index + 1), earth).direction());
-        turn += change;
-      }
-    } else if (std::abs(turn) >= least_turn) {
-      const double share = Unit_bend::corner_distance(turn);
-      const double wanted =
-          2 * std::abs(radians(turn)) * limit_behind * limit_behind / lateral_limit;
-      const double least = min_bend_length(turn);
-      const double most = std::max(least, max_cut / std::tan(std::abs(radians(turn)) / 4) / share);
-      const double room = 0.98 * std::min(in.length(), out.length() / 2) / share;
-      bend = std::min(std::clamp(wanted, least, most), room);
-      corner = bend * share;
-    }
-    add(heading, in.length() - corner, 0, limit, dwell);
+    const auto bend = bend_at(place_of(index), place_of(index + 1), in, limit_behind);
+    add(heading, in.length() - bend.ahead, 0, limit, dwell);
     dwell = points[index].dwell;
     knots_.push_back(
-        {leg.start + bend / 2, points[index].altitude.value_or(knots_.back().altitude), 0});
-    if (bend > 0) {
-      const double bend_limit = std::sqrt(lateral_limit * bend / (2 * std::abs(radians(turn))));
-      add(heading, bend, turn, std::min(limit_behind, bend_limit), dwell);
+        {leg.start + bend.length / 2, points[index].altitude.value_or(knots_.back().altitude), 0});
+    if (bend.length > 0) {
+      const double bend_limit =
+          std::sqrt(lateral_limit * bend.length / (2 * std::abs(radians(bend.turn))));
+      add(heading, bend.length, bend.turn, std::min(limit_behind, bend_limit), dwell);
       dwell = 0;
     }
   }

@@ -115,7 +115,14 @@ constexpr const char* footer =
     "for\n"
     "a wrong command line.";
 
-void add_source_options(CLI::App& app, Options& options) {
+/// The options that name a source, which exclude each other.
+struct Sources {
+  CLI::Option* file = nullptr;
+  CLI::Option* gpsd = nullptr;
+  CLI::Option* script = nullptr;
+};
+
+Sources add_receivers(CLI::App& app, Options& options) {
   auto* file =
       app.add_option("--nmea", options.nmea.path,
                      "Recording to replay; a serial device, a pipe or - is read as it comes");
@@ -130,6 +137,12 @@ void add_source_options(CLI::App& app, Options& options) {
                    ->type_name("PLACE")
                    ->excludes(file)
                    ->excludes(explain);
+  return {.file = file, .gpsd = gpsd};
+}
+
+void add_drive_options(CLI::App& app, Options& options, const Sources& sources) {
+  auto* const file = sources.file;
+  auto* const gpsd = sources.gpsd;
   app.add_option("--rate", options.drive.rate_hz, "Notifications per second of the synthetic drive")
       ->transform(tools::number(0.1, 1000.0))
       ->excludes(file)
@@ -145,12 +158,19 @@ void add_source_options(CLI::App& app, Options& options) {
       ->transform(tools::number(0.0, 1e6))
       ->excludes(file)
       ->excludes(gpsd);
+}
+
+CLI::Option* add_script(CLI::App& app, Options& options, const Sources& sources) {
   auto* script = app.add_option("--script", options.script,
                                 "JSON lines to send, such as posctl watch --json prints them")
-                     ->excludes(file)
-                     ->excludes(gpsd);
+                     ->excludes(sources.file)
+                     ->excludes(sources.gpsd);
   for (const char* name : {"--rate", "--satellites", "--start-at"})
     app.get_option(name)->excludes(script);
+  return script;
+}
+
+void add_pace_options(CLI::App& app, Options& options, CLI::Option* file) {
   app.add_option("--speed-up", options.speed_up, "How much faster than recorded")
       ->transform(tools::number(0.001, 1e6))
       ->capture_default_str();
@@ -159,6 +179,10 @@ void add_source_options(CLI::App& app, Options& options) {
       ->transform(tools::number(0.0, 86400.0))
       ->needs(file)
       ->capture_default_str();
+}
+
+void add_route_options(CLI::App& app, Options& options, const Sources& sources) {
+  const auto& [file, gpsd, script] = sources;
   auto* route = app.add_option("--route", options.drive.route,
                                "GPX file whose points the synthetic drive follows")
                     ->excludes(file)
@@ -175,6 +199,9 @@ void add_source_options(CLI::App& app, Options& options) {
       ->excludes(file)
       ->excludes(gpsd)
       ->excludes(script);
+}
+
+void add_receiver_options(CLI::App& app, Options& options, CLI::Option* file) {
   auto* loop = app.add_flag("--loop", options.loop,
                             "Begin again at the end of a recording, script or route");
   app.add_flag("--once", options.once, "End at the recording's end (default)")
@@ -188,6 +215,16 @@ void add_source_options(CLI::App& app, Options& options) {
   app.add_flag("--reconnect", options.nmea.reconnect,
                "Wait for a missing or lost device instead of ending with 1")
       ->needs(file);
+}
+
+/// The help prints the options in this order.
+void add_source_options(CLI::App& app, Options& options) {
+  Sources sources = add_receivers(app, options);
+  add_drive_options(app, options, sources);
+  sources.script = add_script(app, options, sources);
+  add_pace_options(app, options, sources.file);
+  add_route_options(app, options, sources);
+  add_receiver_options(app, options, sources.file);
 }
 
 void add_output_options(CLI::App& app, Options& options) {
