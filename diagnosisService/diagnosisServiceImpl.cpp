@@ -131,7 +131,7 @@ void diagnosisServiceImpl::start_monitors() {
   {
     const std::lock_guard lock{offer_mutex_};
     if (!monitors_.empty()) {
-      throw std::logic_error{"diagnosisServiceImpl::startMonitors: called twice"};
+      throw std::logic_error{"diagnosisServiceImpl::start_monitors: called twice"};
     }
     monitors_ = std::move(monitors);
     // Set ahead of the offers, so that an InitMonitor after the first offer is answered.
