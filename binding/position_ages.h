@@ -24,10 +24,10 @@ struct Stamp_counts {
   std::uint64_t jumped = 0;  ///< backwards, or over a second off the time since the one before
 };
 
-/// The five ages of each notification: from the source's stamp to its arrival, from there to the
-/// handler, from there to the sent position, the whole of it, and since the notification before.
+/// The five ages of each notification: stamp to arrival, arrival to handler, handler to sent
+/// position, stamp to sent position, and the time since the notification before.
 /// One thread at a time calls received() and sent(), which take no lock and no memory; any thread
-/// the others.
+/// calls the others.
 class Position_ages {
  public:
   using Nanoseconds = std::chrono::nanoseconds;

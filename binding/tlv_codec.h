@@ -48,8 +48,8 @@ struct Tag_entry {
 
 /// Decodes TLV members in any order from the current position to `end`. Skips unknown data IDs; of
 /// a member sent twice the last value holds. Skips surplus bytes, whatever their values. If every
-/// member is in declaration order, the surplus is everything behind the last one. Otherwise it
-/// begins at the first item that does not fit into the record or has the wrong wire type, behind
+/// member is in declaration order, the surplus begins behind the last one. Otherwise it begins at
+/// the first item that does not fit into the record or has the wrong wire type. That item is behind
 /// the last member of the list and behind the first member out of order.
 void read_members_in_any_order(Cursor& cursor,
                                std::size_t end,

@@ -223,8 +223,8 @@ struct Codec<std::vector<T>> {
   }
 
  private:
-  /// An element of a few bytes on the wire may take hundreds in memory, so a list reserves only the
-  /// memory that its elements need, and is refused if they need more than a list may have.
+  /// An element of a few bytes on the wire may take hundreds in memory. A list reserves only the
+  /// memory that its elements need; a list that needs more than max_list_bytes is refused.
   [[gnu::cold, gnu::noinline]] static void reserve_rest(const Cursor& cursor,
                                                         std::size_t end,
                                                         std::vector<T>& values,

@@ -21,9 +21,9 @@ struct Data_faults {
   friend bool operator==(const Data_faults&, const Data_faults&) = default;
 };
 
-/// Implausible are: a valueType outside its enumeration; a physical value that is absent or not a
-/// finite number; a latitude or longitude off the globe; a fraction of a second of one second or
-/// more.
+/// Implausible are a valueType outside its enumeration, and a physical value that is absent or not
+/// a finite number. So are a latitude or longitude off the globe, and a fraction of a second of one
+/// second or more.
 [[nodiscard]] Data_faults data_faults(
     const lumo::services::gnss::datatypes::DT_positions_struct& record);
 [[nodiscard]] Data_faults data_faults(

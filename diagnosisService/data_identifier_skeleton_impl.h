@@ -1,6 +1,6 @@
 /// The implementations of the data identifiers: Read copies the diagnosis service's output at the
-/// moment of the call. diagnosisServiceImpl owns these objects, and they call it: the two make one
-/// unit, hidden from its users in the .cpp file.
+/// moment of the call. diagnosisServiceImpl owns these objects, and they call it. Its .cpp file
+/// hides this circle from its users.
 #pragma once
 
 #include <string>

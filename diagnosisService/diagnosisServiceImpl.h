@@ -1,5 +1,5 @@
-/// The diagnosis service: keeps the status of every input, output and system function, sets it to
-/// Error if data is missing, and provides it through the data identifiers and the monitors.
+/// The diagnosis service: keeps the status of every input, output and system function and sets it
+/// to Error if data is missing. The data identifiers and the monitors provide it.
 #pragma once
 
 #include <array>

@@ -18,9 +18,9 @@ class Stop_signal {
   Stop_signal(const Stop_signal&) = delete;
   Stop_signal& operator=(const Stop_signal&) = delete;
 
-  /// Returns `stopped` once a signal has come (and from then on always), `readable` when `input` (a
-  /// file descriptor, none below 0) has data or has ended, `due` when the time has come. When
-  /// `alarm`, another descriptor, is readable it returns `due` early.
+  /// Returns `stopped` once a signal has come, and from then on always. Returns `readable` when the
+  /// file descriptor `input` has data or has ended; below 0 there is none. Returns `due` at that
+  /// time, or earlier when the file descriptor `alarm` is readable.
   [[nodiscard]] Wake wait_until(std::chrono::steady_clock::time_point due,
                                 int input = -1,
                                 int alarm = -1);

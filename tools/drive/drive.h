@@ -1,6 +1,5 @@
-/// A synthetic drive for desks without a receiver, the same at every run, that can be asked for any
-/// instant: a closed course with straights, bends both ways, hills, a tunnel and a stop, or a
-/// route.
+/// A synthetic drive for desks without a receiver, the same at every run. It returns any instant of
+/// a route or of a closed course with straights, bends both ways, hills, a tunnel and a stop.
 #pragma once
 
 #include <chrono>

@@ -40,7 +40,7 @@ class Explanation {
   };
   struct Silence {
     std::string_view member;
-    std::string_view sentences;  ///< those that could tell it
+    std::string_view sentences;  ///< the types that carry it
   };
 
   void take(const nmea::Fix& fix);

@@ -45,7 +45,7 @@ class Gpsd_reader {
 
   /// `sink` receives each fix that a following TPV has ended.
   void feed(std::span<const char> bytes, const Sink& sink);
-  /// Everything that gpsd has sent is fed: `sink` receives the last fix, or a supplement.
+  /// All bytes of gpsd so far are fed: `sink` receives the last fix, or a supplement.
   void pause(const Sink& sink);
   /// The receiver has gone: the next report is one of a new receiver.
   void forget();

@@ -1,8 +1,8 @@
 /// Makes the records of one GNSS notification from a fix of a receiver or a sample of a drive.
 ///
 /// A quantity that the source never measures is absent. A quantity that the source cannot measure
-/// at this instant (no fix, too slow for a heading) carries valueType Error: with the last value of
-/// the receiver when it sends one, else without a value. Every other quantity carries
+/// at this instant (no fix, too slow for a heading) carries valueType Error. It has the last value
+/// of the receiver if the receiver sends one, else no value. Every other quantity carries
 /// PhysicalValue. docs/receivers.md describes each member.
 #pragma once
 

@@ -48,15 +48,15 @@ enum class Silence : std::uint8_t { brief, lasting };
 
 /// An instant lasts from its first navigation sentence with a time until the first with another
 /// one, pauses or not. Sentences without a time (GSA, GSV, VTG; GGA and RMC before the receiver
-/// knows the time) belong to the instant that is being told. A second sentence of a type for the
-/// same time is a duplicate: the first stands, unless the second tells the combined solution (GN)
-/// where the first told one system's.
+/// knows the time) belong to the present instant. A second sentence of a type for the same time is
+/// a duplicate and the first stands, except that the combined solution (GN) replaces that of one
+/// system.
 ///
 /// ZDA, GST, GBS, HDT, THS, PASHR and TXT neither begin nor end an instant: they add to it.
 ///
 /// A sentence that contradicts the others of its instant is counted and adds nothing.
 ///
-/// While a receiver (GP, GN, …) tells positions, those of a device that passes them on (IN, EC, II,
+/// While a receiver (GP, GN, …) sends positions, those of a device that passes them on (IN, EC, II,
 /// …) are duplicates.
 class Epoch_builder {
  public:
@@ -65,12 +65,12 @@ class Epoch_builder {
   /// Returns the fix that `sentence` has ended by beginning the next one.
   [[nodiscard]] std::optional<Fix> add(const Sentence& sentence);
 
-  /// Returns the fix of the instant being told, once. After a brief silence it waits for the
+  /// Returns the fix of the present instant, once. After a brief silence it waits for the
   /// navigation sentences that the last instant had; after a lasting one it does not. The instant
   /// goes on: satellites that follow return a supplement at the next pause.
   [[nodiscard]] std::optional<Fix> pause(Silence silence);
 
-  /// Ends the instant being told, at the end of the input.
+  /// Ends the present instant, at the end of the input.
   [[nodiscard]] std::optional<Fix> finish();
 
  private:

@@ -1,7 +1,7 @@
 /// The fields of one NMEA 0183 sentence and the kinds of values in them.
 ///
-/// A field that is not what its place asks for reads as absent and marks the sentence as malformed:
-/// it costs itself, not the sentence.
+/// A field of the wrong form reads as absent and marks the sentence as malformed. The other fields
+/// of the sentence stay usable.
 #pragma once
 
 #include <array>
@@ -27,9 +27,9 @@ class Fields {
   }
 
   [[nodiscard]] bool malformed() const { return malformed_; }
-  /// A field is not what its place asks for.
+  /// A field has the wrong form.
   void reject() { malformed_ = true; }
-  /// The sentence says itself that its values mean nothing: placeholders are no faults.
+  /// The sentence marks its own values as void: placeholders are no faults.
   void forgive() { malformed_ = false; }
 
   std::optional<unsigned> unsigned_number(std::size_t index, unsigned max, int base = 10);

@@ -51,7 +51,7 @@ void add_signal(std::vector<Satellite>& satellites, const Satellite& satellite);
 
 enum class Antenna : std::uint8_t { unknown, ok, open, short_circuit };
 
-/// A quantity that the receiver does not tell for the instant is absent.
+/// A quantity that the receiver does not send for the instant is absent.
 struct Fix {
   /// False: there is no receiver at this instant.
   bool present = true;
@@ -59,7 +59,7 @@ struct Fix {
   /// The instant's position has been returned before: only satellites and quality are new.
   bool supplement = false;
 
-  /// Known without `utc` until a sentence has told the date; later fixes keep that date.
+  /// Known without `utc` until a sentence carries the date; later fixes keep that date.
   std::optional<std::chrono::nanoseconds> time_of_day;
   std::optional<Utc_time> utc;
 

@@ -31,10 +31,9 @@ struct Counters {
   std::uint64_t incomplete = 0;       ///< sentences cut by the next '$' or by the end of the input
   std::uint64_t checksum_missing = 0;
   std::uint64_t checksum_mismatch = 0;
-  std::uint64_t malformed_field =
-      0;                             ///< right checksum, but a field is not what its place asks for
-  std::uint64_t duplicates = 0;      ///< same type and time as one that is there already
-  std::uint64_t contradictions = 0;  ///< sentences that the others of the same instant contradict
+  std::uint64_t malformed_field = 0;  ///< right checksum, but a field of the wrong form
+  std::uint64_t duplicates = 0;       ///< same type and time as one that is there already
+  std::uint64_t contradictions = 0;   ///< sentences that the others of the same instant contradict
   std::uint64_t incomplete_groups = 0;  ///< GSV groups of which a sentence is missing
   std::array<Type_counters, sentence_type_names.size()> types{};
 
@@ -43,7 +42,7 @@ struct Counters {
   /// Sentences with a right checksum.
   [[nodiscard]] std::uint64_t sound() const { return sentences + other_sentences; }
 
-  /// Everything that a healthy receiver on a healthy line would not have sent.
+  /// Faults that a healthy receiver on a healthy line does not cause.
   [[nodiscard]] std::uint64_t errors() const {
     return too_long + bad_character + incomplete + checksum_missing + checksum_mismatch +
            malformed_field + incomplete_groups + contradictions;

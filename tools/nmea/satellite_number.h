@@ -8,9 +8,9 @@
 
 namespace nmea {
 
-/// The device that speaks: one system's receiver, `combined` (GN) for a solution over several
-/// systems, `indoor` (IM) for indoor transmitters, `integrated` for a device that passes on what a
-/// receiver said.
+/// The sender of a sentence: the receiver of one system, `combined` (GN) for a solution over
+/// several systems, or `indoor` (IM) for indoor transmitters. `integrated` is a device that passes
+/// on the data of a receiver.
 enum class Talker : std::uint8_t {
   gps,
   glonass,

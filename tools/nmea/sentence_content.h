@@ -17,7 +17,7 @@ namespace nmea {
 enum class Navigation_type : std::uint8_t { gga, gns, rmc, gll, vtg, pubx };
 inline constexpr std::size_t navigation_type_count = 6;
 
-/// GGA, GNS, RMC, GLL, VTG or PUBX,00; a quantity that the sentence does not tell is absent.
+/// GGA, GNS, RMC, GLL, VTG or PUBX,00; a quantity that the sentence does not carry is absent.
 struct Navigation {
   Navigation_type type{};
   std::optional<std::chrono::nanoseconds> time_of_day;
@@ -40,7 +40,7 @@ struct Navigation {
   std::optional<Fix_dimension> dimension;
 };
 
-/// ZDA: time and date, which a receiver also tells without a position.
+/// ZDA: time and date, which a receiver also sends without a position.
 struct Clock {
   std::optional<std::chrono::nanoseconds> time_of_day;
   std::optional<std::chrono::year_month_day> date;

@@ -91,12 +91,12 @@ struct Discover_options {
   double seconds = 0;   ///< 0: until interrupted
   std::string node = "posctl";
 };
-/// Prints everything that is offered on the network, also what the manifest does not have.
+/// Prints every offer on the network, also those of services that the manifest does not have.
 int discover(const Discover_options& options);
 struct Status_options : Look_options {
   bool watch = false;  ///< looks again each second
 };
-/// Prints a verdict and all that the application tells about itself on one page. Returns 0 if the
+/// Prints a verdict and the state of the application on one page. Returns 0 if the
 /// application is healthy, tools::exit_failed if it is not.
 int status(const Status_options& options);
 

@@ -21,9 +21,9 @@ struct Component_confirmation {
   std::uint32_t result = 0;
 };
 
-/// Calls `available` once when the bus is there, or with the reason why it is not, and `confirmed`
-/// for each decision of the application, on a thread that lives until the process ends. That is why
-/// both own what they use.
+/// Calls `available` once: when the bus is there, or with the reason why it is not. Calls
+/// `confirmed` for each decision of the application. Their thread lives until the process ends, so
+/// both own the objects that they use.
 void follow_component_states(std::function<void(bool available, const std::string& text)> available,
                              std::function<void(const Component_confirmation&)> confirmed);
 

@@ -17,9 +17,9 @@
 
 namespace posctl {
 
-/// A way and what looks along it, a Look. The program may start before the application: while that
-/// is away, each renew() chooses the way anew, because the application may have made its socket
-/// meanwhile, or the machine got its address. One thread calls.
+/// A way to the application and the Look along it. The program may start before the application.
+/// Until the application is there, each renew() chooses the way anew: its socket or the address of
+/// the machine may be new. One thread calls.
 template <class Look>
 class Lasting_way {
  public:

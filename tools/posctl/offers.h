@@ -33,8 +33,8 @@ struct Seen_offer {
 using Take_offer = std::function<void(const someip::Instance_key&, const Seen_offer&)>;
 
 /// Calls `take` for each offer and stop offer that waits in `socket`. Under a flood it returns
-/// after 32 datagrams or some hundred offers, so that the caller goes on with its other work; the
-/// kernel drops what its buffer cannot hold.
+/// after 32 datagrams or some hundred offers, so that the caller goes on with its other work. The
+/// kernel drops the datagrams that its buffer cannot hold.
 void read_offers(const someip::Udp_socket& socket,
                  std::size_t max_entries,
                  bool ipv4,

@@ -1,4 +1,4 @@
-/// Everything that posctl doctor observes before its checks judge it.
+/// The observations of posctl doctor, before its checks judge them.
 #pragma once
 
 #include <chrono>

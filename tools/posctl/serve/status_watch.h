@@ -37,10 +37,10 @@ class Status_watch {
   std::optional<binding::Diagnosis_state> last_state_;
 };
 
-/// Tells a feed that the application runs since `started_ms`, in milliseconds since 1970; 0: not
+/// Sends to a feed that the application runs since `started_ms`, in milliseconds since 1970; 0: not
 /// known.
 void tell_application(Page_feed& feed, double started_ms);
-/// Tells a feed that there is no application, and why.
+/// Sends to a feed that there is no application, and why.
 void tell_no_application(Page_feed& feed, const std::string& text);
 
 }  // namespace posctl::serve

@@ -44,9 +44,9 @@ class Live_positions {
   std::unique_ptr<Subscription> subscription_;
 };
 
-/// After a wait that has timed out: throws tools::No_answer if `timeout` seconds have passed
-/// without the service, and std::runtime_error if they have passed without enough positions; 0 is
-/// any number from 1.
+/// Judges a wait that has ended after `timeout` seconds. Throws tools::No_answer if the service was
+/// not offered, and std::runtime_error if fewer than `enough` positions came; 0 is any number from
+/// 1.
 void check_positions(const Live_positions& positions,
                      double timeout,
                      std::uint64_t came,
