@@ -59,7 +59,7 @@ Json read(Deadline deadline) {
   const auto proxy = connect<Data_identifier_proxy<Interface>>(Interface::name, deadline);
   const auto output = result_of(proxy->Read({}), Interface::Read.name, deadline);
   Json json{{"schema", 1},
-            {"did", identifier_of(Interface::name)},
+            {"did", lumo::services::diag::identifier_of(Interface::name)},
             {"name", mw::com::cpp_binding::short_name(Interface::name)},
             {"raw", raw_bytes(output)},
             {"values", decoded(output)}};
@@ -79,7 +79,7 @@ struct Readable_identifier {
 std::vector<Readable_identifier> entries() {
   std::vector<Readable_identifier> all;
   for_each_interface<Data_identifiers>([&]<class Interface>() {
-    all.push_back({identifier_of(Interface::name), read<Interface>});
+    all.push_back({lumo::services::diag::identifier_of(Interface::name), read<Interface>});
   });
   return all;
 }

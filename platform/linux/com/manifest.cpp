@@ -78,7 +78,7 @@ someip::Deployment read() {
                            "\" nor \"" + installed.string() + "\"");
 }
 
-/// Gives a node the address that the environment names, if the manifest could say so too.
+/// Gives a node the address that the environment names, if a manifest could name it too.
 void replace_address(const someip::Deployment& deployment,
                      someip::Node_deployment& node,
                      const std::string& text) {

@@ -311,7 +311,7 @@ someip::Service_deployment service(const std::string& name,
   read_elements(members, result);
   if (const auto found = members.find("instances")) {
     Unique_id ids("an instance id");
-    // Instance ids are not in the messages: what tells two instances apart is the port
+    // Instance ids are not in the messages: only the port distinguishes two instances
     // (someip_445).
     std::map<std::tuple<std::string, bool, std::uint16_t>, std::string> ports;
     for (const auto& element : found->elements()) {

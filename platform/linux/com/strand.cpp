@@ -34,7 +34,7 @@ void Strand::run() {
 }
 
 void Strand::run_queue() {
-  // The last touch when it succeeds: nobody waits, but the strand may be destroyed from here on.
+  // The last access if it succeeds: no thread waits, but another one may now destroy the strand.
   unsigned expected = owned | running;
   if (state_.compare_exchange_strong(expected, idle)) return;
   std::unique_lock lock(mutex_);

@@ -209,7 +209,7 @@ void Discovery_client::offered(const Entry& entry,
     known = remotes_.end();
   }
   if (entry.ttl == 0) {
-    // No find follows: the provider will say when it is back (someipsd_834).
+    // No find follows: a provider that returns sends an offer (someipsd_834).
     if (known != remotes_.end()) remove(known, Loss::Cause::stop_offer, false, now);
     return;
   }

@@ -199,7 +199,7 @@ void Node_server::subscribers_changed(const Instance_key& key,
   const auto targets = targets_of(*instance->second, all);
   for (const Multicast_deployment& multicast : instance->second->deployment().multicast) {
     if (multicast.event_group != event_group || multicast.threshold == 0) continue;
-    // Where all is multicast, a subscriber need not say where it listens.
+    // If every notification goes by multicast, a subscriber may name no UDP endpoint.
     const auto receivers =
         multicast.threshold == 1 ? all.size() - targets->udp_streams.size() : targets->udp.size();
     if (receivers < multicast.threshold) continue;

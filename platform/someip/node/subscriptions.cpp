@@ -129,7 +129,7 @@ void Subscriptions::notification(Received message,
     }
     counters.notifications_received.add();
     sink->set_value_seen(true);
-    // The kernel tells the arrival of datagrams only.
+    // The kernel gives the arrival time of datagrams only.
     sink->set_last_arrival(notification.arrival != Arrival_time{}
                                ? notification.arrival
                                : std::chrono::system_clock::now());
