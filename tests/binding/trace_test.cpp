@@ -24,7 +24,7 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-const GNSSProxy::HandleType played{{.service = "played", .instance = 1, .where = {}}};
+const GNSSProxy::Handle_type played{{.service = "played", .instance = 1, .where = {}}};
 const std::vector<std::byte> empty_vector(4);
 
 Trace_event event(Trace_id id, std::string_view instance = "1") {
