@@ -139,7 +139,7 @@ class Export(Desk_test):
         client = self.enterContext(until(connected, "gpsd listens"))
         client.sendall(b'?WATCH={"enable":true,"json":true};\n')
         watch = self.desk.start(POSCTL, "watch", "--json", "--field", "positions")
-        records, equal = {}, 0
+        records, epochs, equal = {}, 0, 0
         reports = (json.loads(line) for line in client.makefile(encoding="utf-8"))
         for report in (one for one in reports if one["class"] == "TPV" and one.get("mode", 0) >= 2):
             time = datetime.datetime.fromisoformat(report["time"]).timestamp()
@@ -150,7 +150,8 @@ class Export(Desk_test):
                         records[round(stamp, 3)] = one
             one = records.get(round(time, 3))
             # From before the watch, or before gpsd knows which sentence ends an epoch.
-            if one is None or "altMSL" not in report:
+            epochs += "altMSL" in report
+            if one is None or epochs <= 3:
                 continue
             for name, member, delta in (("lat", "LAT", 1e-7), ("lon", "LON", 1e-7), ("altMSL", "altitudeMeanSeaLevel", 1e-3),
                                         ("speed", "speed2D", 2e-3), ("track", "courseOverGround", 0.01)):
