@@ -1,4 +1,4 @@
-#include <gmock/gmock.h>
+#include "tests/diagnosisService/diagnosis.h"
 
 #include <fstream>
 #include <future>
@@ -9,76 +9,17 @@
 #include <thread>
 #include <utility>
 
-#include "diagnosisService/diagnosisServiceImpl.h"
-#include "tests/support/capture.h"
-#include "tests/support/fake_runtime.h"
 #include "tests/support/seen.h"
 
 namespace diagnosisService {
 namespace {
 
-using namespace std::chrono_literals;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 using ::testing::SizeIs;
-using Clock = diagnosisServiceImpl::Clock;
-using Bytes = Fake_runtime::Bytes;
 
-constexpr std::uint32_t gnss = 0x83D101;
 constexpr std::uint32_t dead_reckoning = 0x83D104;
 constexpr std::uint32_t map_matched = 0x83D103;
-constexpr std::uint64_t hour_ms = 3'600'000;
-
-/// Some time of this boot that no real clock disturbs: the service under test evaluates by itself
-/// every 360 s only.
-constexpr Clock::time_point start{100h};
-
-const std::string provided = "_ProvidedSomeipServiceInstance";
-const Bytes no_meta_info{0, 0, 0, 0};
-
-class Diagnosis : public ::testing::Test {
- protected:
-  Bytes read(const std::string& identifier) {
-    const auto response =
-        runtime.call("DataIdentifier_" + identifier + provided, "Read", no_meta_info);
-    EXPECT_EQ(response.code, tq::com::Return_code::ok);
-    Bytes bytes;
-    for (const auto byte : response.payload)
-      bytes.push_back(std::to_integer<std::uint8_t>(byte));
-    return bytes;
-  }
-  Bytes inputs() { return read("PositioningStatusInputs"); }
-  Bytes outputs() { return read("PositioningStatusOutputs"); }
-
-  void init_monitor(const std::string& monitor, std::uint8_t reason) {
-    const auto response = runtime.call("DiagnosticMonitor_" + monitor, "InitMonitor", {reason});
-    EXPECT_EQ(response.code, tq::com::Return_code::ok);
-  }
-  std::vector<Bytes> actions(const std::string& monitor) {
-    return runtime.sent("DiagnosticMonitor_" + monitor);
-  }
-
-  /// All sensors off but GNSS, everything offered, log emptied.
-  void run_with_gnss() {
-    service->init(hour_ms);
-    service->start_monitors();
-    service->set_system_status(system_map_matching, Status::not_available);
-    service->set_system_status(system_pgf, Status::not_available);
-    service->new_sensor_setup({true});
-    log.clear();
-  }
-  void bring_gnss_into_error() {
-    service->data_received(gnss, start);
-    service->evaluate(start);
-    service->evaluate(start + 1h + 1ns);
-    ASSERT_EQ(service->status(gnss), Status::error);
-    log.clear();
-  }
-
-  test::Capture log;
-  Fake_runtime runtime;
-  std::unique_ptr<diagnosisServiceImpl> service = std::make_unique<diagnosisServiceImpl>();
-};
 
 TEST_F(Diagnosis, init_offers_the_data_identifiers_with_the_initial_statuses) {
   EXPECT_THROW(service->init(0), std::invalid_argument);
@@ -295,103 +236,6 @@ TEST_F(Diagnosis, results_before_the_monitors_are_offered_and_after_the_stop_are
               ::testing::Contains("diagnosticMonitorServiceImpl::sendEvent(): ignore, skeleton not "
                                   "ready yet!")
                   .Times(3));
-}
-
-TEST_F(Diagnosis, the_map_matched_position_is_read_in_scaled_numbers) {
-  service->init(hour_ms);
-  service->refresh_map_matched_position({.latitude = 48.137154,
-                                         .longitude = -11.576124,
-                                         .altitude = 519.25F,
-                                         .heading = -90.0F,
-                                         .speed = 13.5F,
-                                         .message_counter = 99,
-                                         .seconds = 1'700'000'000,  // 2023-11-14, 22:13:20
-                                         .nanoseconds = 250'000'000,
-                                         .status_map = 3,
-                                         .status_map_matching = 2,
-                                         .position_source = 4});
-
-  EXPECT_EQ(read("PositioningMMPos"),
-            (Bytes{0, 0, 0, 5, 0x0B, 0x35, 0x32, 0xAD, 0xD0,  // 48 137 154 000
-                   0, 0, 0, 5, 0xFD, 0x4E, 0x02, 0x5D, 0xA0,  // -11 576 124 000
-                   0, 0, 0, 3, 0x00, 0xCA, 0xD5,              // 51 925 cm
-                   0, 0, 0, 3, 0x7A, 0x12, 0x19,              // 8 000 025 times 10 ms
-                   0, 0, 0, 2, 0x3F, 0x42}));
-  const auto record = service->map_matched_position();
-  EXPECT_THAT(record.heading, ElementsAre(0x69, 0x78));  // 270.00 deg
-  EXPECT_THAT(record.speed, ElementsAre(0x05, 0x46));    // 13.50 m/s
-  EXPECT_THAT(record.day, ElementsAre(0x4C, 0xDB));      // 19 675
-  EXPECT_EQ(record.message_counter, 99);
-
-  Map_matched_position position;
-  position.heading = 359.996F;
-  service->refresh_map_matched_position(position);
-  EXPECT_THAT(service->map_matched_position().heading, ElementsAre(0, 0));
-}
-
-TEST_F(Diagnosis, a_map_matched_position_with_gaps_says_so) {
-  service->init(hour_ms);
-  Map_matched_position position;
-  position.latitude = std::numeric_limits<double>::quiet_NaN();
-  position.longitude = 1000.0;  // more than 40 bits hold
-  position.altitude = -1e9F;
-  position.position_source = 16;
-  position.seconds = 86'400;
-  position.nanoseconds = 1'500'000'000;  // more than a second has
-  service->refresh_map_matched_position(position);
-  EXPECT_EQ(read("PositioningMMPos"),
-            (Bytes{0, 0, 0, 5,    0, 0, 0, 0, 0, 0, 0, 0, 5,  0x7F, 0xFF, 0xFF, 0xFF, 0xFF, 0,
-                   0, 0, 3, 0x80, 0, 0, 0, 0, 0, 3, 0, 0, 99, 0,    0,    0,    2,    0xFE, 0xFF}));
-}
-
-TEST_F(Diagnosis, data_bus_faults_are_entries_that_count_their_appearances_to_the_end) {
-  service->init(hour_ms);
-  using enum Data_bus_fault;
-  const auto read_not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
-  service->set_data_bus_fault(not_available, Data_bus_element::time, false);
-  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 0})) << "an absent fault leaves no entry";
-
-  for (int repeated = 0; repeated < 2; ++repeated)
-    service->set_data_bus_fault(not_available, Data_bus_element::gnss, true);
-  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1}));
-  const auto come_and_go = [&](int times) {
-    for (int i = 0; i < times; ++i) {
-      service->set_data_bus_fault(not_available, Data_bus_element::time_times, true);
-      service->set_data_bus_fault(not_available, Data_bus_element::time_times, false);
-    }
-  };
-  come_and_go(0x103);
-  service->set_data_bus_fault(not_available, Data_bus_element::gnss, false);
-  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 1, 0, 1, 3}));
-  EXPECT_EQ(service->data_bus_fault_count(not_available), 0x104U);
-  come_and_go(0x1'0000);
-  EXPECT_EQ(read_not_available(), (Bytes{0, 0, 0, 10, 1, 0, 0, 0, 1, 2, 1, 0, 0xFF, 0xFF}))
-      << "does not start anew";
-  for (const auto* other : {"ErrorValueReceived", "Implausible"})
-    EXPECT_EQ(read(std::string{"BDPSomeipDataBusService"} + other), (Bytes{0, 0, 0, 0}));
-
-  const auto begun = Clock::now();
-  service->set_data_bus_fault(not_available, Data_bus_element::gnss, true);
-  ASSERT_TRUE(test::eventually([&] { return Clock::now() > begun + 2ms; }));
-  const auto end = Clock::now();
-  service->set_data_bus_fault(not_available, Data_bus_element::gnss, false);
-  EXPECT_EQ(service->state(end).faults[0].sinceMs, 0U) << "since its end";
-}
-
-TEST_F(Diagnosis, a_required_service_that_is_not_found_within_the_time_out_is_not_available) {
-  service->init(hour_ms);
-  const auto not_available = [&] { return read("BDPSomeipDataBusServiceNotAvailable"); };
-  service->require_service(Data_bus_element::gnss, start);
-  service->require_service(Data_bus_element::time, start);
-  service->set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::time, false);
-  service->evaluate(start + 1h);
-  EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 0})) << "exactly the time-out is not late yet";
-  service->evaluate(start + 1h + 1ns);
-  service->evaluate(start + 2h);
-  EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 5, 1, 0, 1, 0, 1})) << "once, and not the found one";
-  service->set_data_bus_fault(Data_bus_fault::not_available, Data_bus_element::gnss, false);
-  service->evaluate(start + 3h);
-  EXPECT_EQ(not_available(), (Bytes{0, 0, 0, 5, 1, 0, 0, 0, 1}));
 }
 
 TEST_F(Diagnosis, a_second_init_resets_what_the_first_one_and_the_data_made) {
