@@ -9,6 +9,7 @@ from desk import DEADLINE, SOURCE, until
 
 DRIVER = SOURCE / "tests/web/browser.mjs"
 NODE = pathlib.Path("/usr/bin/node")
+PANELS = ["track", "now", "sky", "health", "time", "wire", "log"]  # of the page of posctl serve, in its order
 
 
 class Browser:
