@@ -233,9 +233,7 @@ void Discovery::offer_entry(const Discovery_message& message,
       if (*endpoint) (*endpoint)->address = from.sender;
     }
   }
-  const bool foreign = !allows(allowed, from) || !endpoints.all([&](const Endpoint& one) {
-    return allows(allowed, one.address);
-  });
+  const bool foreign = !allows(allowed, from, endpoints);
   const bool usable = !options.fault && (options.udp || options.tcp) &&
                       endpoints.all([&](const Endpoint& one) {
                         return from.local() ? one.port != 0 : acceptable(one);
@@ -260,7 +258,7 @@ void Discovery::offer_entry(const Discovery_message& message,
 }
 
 void Discovery::misfit(Misfit::Cause cause, const Entry& entry, const Origin& from, Time now) {
-  const Instance_key key{entry.service, entry.instance, entry.major_version};
+  const Instance_key key = key_of(entry);
   host_.client.misfit_offered({cause, key, from}, now);
 }
 

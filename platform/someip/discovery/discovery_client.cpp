@@ -196,7 +196,7 @@ void Discovery_client::offered(const Entry& entry,
                                bool multicast,
                                bool explicit_initial_data,
                                Time now) {
-  const Instance_key key{entry.service, entry.instance, entry.major_version};
+  const Instance_key key = key_of(entry);
   auto known = remotes_.find(key);
   if (known != remotes_.end() && !from.speaks_for(known->second.offer.origin)) {
     // An instance stays with its provider until that stops or its time is over, or until the one
@@ -249,7 +249,7 @@ void Discovery_client::acknowledged(const Entry& entry,
                                     const Entry_options& options,
                                     const Origin& from,
                                     Time now) {
-  const Instance_key key{entry.service, entry.instance, entry.major_version};
+  const Instance_key key = key_of(entry);
   const auto remote = remotes_.find(key);
   const auto found = subscriptions_.find({key, entry.event_group});
   if (remote == remotes_.end() || found == subscriptions_.end() ||

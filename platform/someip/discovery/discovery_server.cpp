@@ -7,10 +7,6 @@ namespace someip {
 
 namespace {
 
-Instance_key key_of(const Entry& entry) {
-  return {entry.service, entry.instance, entry.major_version};
-}
-
 Entry offer_entry(const Offer& offer, std::uint32_t ttl) {
   Entry entry;
   entry.type = Entry_type::offer_service;
@@ -36,13 +32,6 @@ Instance_endpoints used_endpoints(const Group_transport& transport, const Entry_
   if (transport.udp) endpoints.udp = options.udp;
   if (transport.tcp) endpoints.tcp = options.tcp;
   return endpoints;
-}
-
-/// True if the offer's list allows the subscriber and each of its endpoints.
-bool is_allowed(const Offer& offer, const Origin& from, const Instance_endpoints& endpoints) {
-  return allows(offer.allowed_peers, from) && endpoints.all([&](const Endpoint& one) {
-    return allows(offer.allowed_peers, one.address);
-  });
 }
 
 }  // namespace
@@ -176,7 +165,8 @@ void Discovery_server::subscribe(const Entry& entry,
     if (!known) return "there is no such event group";
     if (options.fault) return "its options are malformed";
     if (!acceptable(endpoints)) return "its endpoint is of another address or subnet";
-    if (!is_allowed(found->second.offer, from, endpoints)) return "it is not an allowed peer";
+    const auto& allowed = found->second.offer.allowed_peers;
+    if (!allows(allowed, from, endpoints)) return "it is not an allowed peer";
     return {};
   }();
   if (!fault.empty()) {

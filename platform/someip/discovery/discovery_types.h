@@ -25,6 +25,10 @@ struct Instance_key {
   friend auto operator<=>(const Instance_key&, const Instance_key&) = default;
 };
 
+[[nodiscard]] inline Instance_key key_of(const Entry& entry) {
+  return {entry.service, entry.instance, entry.major_version};
+}
+
 /// True if a search for `wanted`, whose instance may be any_instance, wants this one.
 [[nodiscard]] inline bool matches(const Instance_key& wanted, const Instance_key& key) {
   return wanted.service == key.service && wanted.major_version == key.major_version &&
@@ -66,6 +70,13 @@ struct Origin {
 
 [[nodiscard]] inline bool allows(const std::vector<Address>& list, const Origin& origin) {
   return allows(list, origin.sender) && allows(list, origin.peer.address);
+}
+/// True if the list allows the origin and the address of each endpoint.
+[[nodiscard]] inline bool allows(const std::vector<Address>& list,
+                                 const Origin& origin,
+                                 const Instance_endpoints& endpoints) {
+  return allows(list, origin) &&
+         endpoints.all([&](const Endpoint& one) { return allows(list, one.address); });
 }
 
 /// How the events of a group travel.
