@@ -199,12 +199,12 @@ TEST(Samples, are_whole_and_in_order_when_another_thread_fetches) {
 }
 
 TEST(Pool, that_cannot_have_another_thread_says_so) {
+  Barrier barrier;
   static_thread_pool pool(1);
   {
     const test::No_threads none;
     EXPECT_FALSE(pool.loop().start_thread([] {}));
   }
-  Barrier barrier;
   EXPECT_TRUE(pool.loop().start_thread([&] { barrier.wait(); }));
   EXPECT_TRUE(barrier.entered());
   barrier.release();
