@@ -319,9 +319,12 @@ binding::Diagnosis_state diagnosisServiceImpl::state(Clock::time_point now) cons
   binding::Diagnosis_state state;
   const std::lock_guard lock{mutex_};
   const auto add = [&](Status_group group, const auto& bytes) {
-    for (std::uint8_t byte = 0; byte < bytes.size(); ++byte)
+    std::uint8_t byte = 0;
+    for (const auto status : bytes) {
       state.statuses.push_back(
-          {static_cast<std::uint8_t>(group), byte, bytes[byte], ago(book_.since(group, byte))});
+          {static_cast<std::uint8_t>(group), byte, status, ago(book_.since(group, byte))});
+      ++byte;
+    }
   };
   add(Status_group::input, book_.inputs());
   add(Status_group::output, book_.outputs());

@@ -168,6 +168,7 @@ std::string meaning_of_status(std::string_view name, std::string_view status) {
   return "no data yet";
 }
 
+// NOLINTNEXTLINE(performance-unnecessary-value-param): members of `status` move
 void add_diagnosis(Json& status, const binding::Diagnosis_state& state, Json services) {
   const auto names = names_of_bytes();
   for (const auto& one : state.statuses) {
