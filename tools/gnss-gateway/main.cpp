@@ -122,7 +122,7 @@ struct Sources {
   CLI::Option* script = nullptr;
 };
 
-Sources add_receivers(CLI::App& app, Options& options) {
+Sources add_recording_and_gpsd(CLI::App& app, Options& options) {
   auto* file =
       app.add_option("--nmea", options.nmea.path,
                      "Recording to replay; a serial device, a pipe or - is read as it comes");
@@ -219,7 +219,7 @@ void add_receiver_options(CLI::App& app, Options& options, CLI::Option* file) {
 
 /// The help prints the options in this order.
 void add_source_options(CLI::App& app, Options& options) {
-  Sources sources = add_receivers(app, options);
+  Sources sources = add_recording_and_gpsd(app, options);
   add_drive_options(app, options, sources);
   sources.script = add_script(app, options, sources);
   add_pace_options(app, options, sources.file);
