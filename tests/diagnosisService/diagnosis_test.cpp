@@ -32,7 +32,7 @@ TEST_F(Diagnosis, init_offers_the_data_identifiers_with_the_initial_statuses) {
             (Bytes{0, 0, 0, 5, 0, 0, 0, 0, 0, 0, 0, 0, 5, 0, 0, 0, 0, 0, 0,
                    0, 0, 3, 0, 0, 0, 0, 0, 0, 3, 0, 0, 0, 0, 0, 0, 2, 0, 0}));
   EXPECT_EQ(read("PositioningStatusSystem"), (Bytes{0, 2, 0, 2, 0, 0, 0, 0, 0, 0, 0, 0, 2, 2}));
-  EXPECT_THAT(runtime.offered(), SizeIs(7));
+  EXPECT_THAT(runtime.offered(), SizeIs(std::tuple_size_v<lumo::services::diag::Data_identifiers>));
   EXPECT_THAT(runtime.call(runtime.offered().front(), "Cancel", no_meta_info).payload, IsEmpty());
 }
 
