@@ -150,6 +150,7 @@ class Child {
     for (const auto& [name, value] : environment)
       setenv(name.c_str(), value.c_str(), 1);
     std::vector<char*> arguments;
+    arguments.reserve(command.size() + 1);
     for (auto& part : command)
       arguments.push_back(part.data());
     arguments.push_back(nullptr);
