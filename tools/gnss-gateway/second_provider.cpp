@@ -52,20 +52,7 @@ class Someip_second_provider final : public Second_provider {
  public:
   explicit Someip_second_provider(const std::string& node)
       : runtime_(make_second_runtime(node)),
-        provider_(runtime_->provide(Encoded_gnss::name, "GNSS_ProvidedSomeipServiceInstance")) {
-    for (const auto& name : {Encoded_gnss::positions.name, Encoded_gnss::positionsQuality.name,
-                             Encoded_gnss::posGnssSatInfos.name}) {
-      const auto ids = provider_->element(name);
-      if (!ids.getter || !ids.notifier) continue;
-      provider_->set_method_handler(
-          *ids.getter, [this, notifier = *ids.notifier](tq::com::Payload) {
-            auto value = provider_->field_value(notifier);
-            if (!value)
-              return tq::com::Response{.code = tq::com::Return_code::not_ok, .payload = {}};
-            return tq::com::Response{.payload = std::move(*value)};
-          });
-    }
-  }
+        provider_(runtime_->provide(Encoded_gnss::name, "GNSS_ProvidedSomeipServiceInstance")) {}
   ~Someip_second_provider() override { provider_->close(); }
   Someip_second_provider(const Someip_second_provider&) = delete;
   Someip_second_provider& operator=(const Someip_second_provider&) = delete;
