@@ -8,6 +8,7 @@
 #include "tools/command_line.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/fault.h"
+#include "tools/posctl/position_choice.h"
 
 namespace posctl {
 namespace {
@@ -238,7 +239,7 @@ Run add_exporter(CLI::App& command) {
 
 void add_position(CLI::App& command, std::string& position) {
   command.add_option("--position", position, "The application's output, or a type of its source's")
-      ->check(CLI::IsMember(track::position_choices()))
+      ->check(CLI::IsMember(position_choices()))
       ->capture_default_str();
 }
 

@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "tools/posctl/track/live_positions.h"
+#include "tools/posctl/position_choice.h"
 #include "tools/posctl/way.h"
 
 namespace posctl {
@@ -155,11 +155,11 @@ struct Exporter_options {
 int exporter(const Exporter_options& options);
 
 struct Export_options {
-  std::string gpx, kml, csv, geojson;             ///< one of them is the file, "-" standard output
-  std::string from;                               ///< lines of posctl watch -o json; empty: live
-  std::string position = track::output_position;  ///< or a type of the source's
-  std::uint64_t count = 0;                        ///< positions; 0: until interrupted
-  double timeout = 0;                             ///< seconds; 0: none
+  std::string gpx, kml, csv, geojson;      ///< one of them is the file, "-" standard output
+  std::string from;                        ///< lines of posctl watch -o json; empty: live
+  std::string position = output_position;  ///< of position_choices()
+  std::uint64_t count = 0;                 ///< positions; 0: until interrupted
+  double timeout = 0;                      ///< seconds; 0: none
   Way_options way;
 };
 /// Writes positions to a file for other programs.
@@ -168,9 +168,9 @@ int export_track(const Export_options& options);
 struct Nmea_options {
   std::string listen = "-";  ///< "tcp:[ADDRESS:]PORT", "udp:HOST:PORT" or standard output
   double max_age = 2;        ///< seconds; an older position is not valid
-  std::string position = track::output_position;  ///< or a type of the source's
-  std::uint64_t count = 0;                        ///< positions; 0: until interrupted
-  double timeout = 0;                             ///< seconds; 0: none
+  std::string position = output_position;  ///< of position_choices()
+  std::uint64_t count = 0;                 ///< positions; 0: until interrupted
+  double timeout = 0;                      ///< seconds; 0: none
   Way_options way;
 };
 /// Sends positions as NMEA sentences.

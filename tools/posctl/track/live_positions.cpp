@@ -7,6 +7,7 @@
 #include "clients/GNSS.h"
 #include "posService/Positioning.h"
 #include "tools/command.h"
+#include "tools/posctl/position_choice.h"
 #include "tools/posctl/printer.h"
 
 namespace posctl::track {
@@ -17,13 +18,6 @@ using lumo::services::gnss::proxy::GNSSProxy;
 using lumo::services::positioning::proxy::PositioningProxy;
 
 }  // namespace
-
-std::vector<std::string> position_choices() {
-  std::vector<std::string> choices{output_position};
-  for (const auto& type : binding::enumerators<lumo::services::Position_type>)
-    choices.emplace_back(type.name);
-  return choices;
-}
 
 class Live_positions::Subscription {
  public:

@@ -6,15 +6,10 @@
 #include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "tools/posctl/record_json.h"
 
 namespace posctl::track {
-
-inline constexpr const char* output_position = "output";
-/// The choices of an option --position: the application's output, or a type of the source's.
-[[nodiscard]] std::vector<std::string> position_choices();
 
 /// Passes on each position from its construction on, over every loss and return of the service.
 class Live_positions {
@@ -22,6 +17,7 @@ class Live_positions {
   /// Called in order, one call at a time, on a thread of the runtime.
   using Take = std::function<void(const Json& record)>;
 
+  /// `position` is one of position_choices().
   Live_positions(const std::string& position, Take take);
   ~Live_positions();
   Live_positions(const Live_positions&) = delete;
