@@ -1,10 +1,18 @@
 #include "diagnosisService/data_bus_faults.h"
 
+#include <algorithm>
 #include <cstddef>
 #include <limits>
-#include <span>
 
 namespace diagnosisService {
+namespace {
+
+template <class Number>
+void count_up(Number& counter) {
+  if (counter != std::numeric_limits<Number>::max()) ++counter;
+}
+
+}  // namespace
 
 void Data_bus_faults::reset(std::chrono::microseconds timeout, Clock::time_point now) {
   records_ = {};
@@ -35,31 +43,24 @@ void Data_bus_faults::set(Data_bus_fault fault, Data_bus_element element, bool p
 
 void Data_bus_faults::enter(Data_bus_fault fault, Data_bus_element element, bool present) {
   const auto number = static_cast<unsigned>(element);
-  const auto service = static_cast<std::uint8_t>(number >> 8U);
+  const auto service = Faulty_service{static_cast<std::uint8_t>(number >> 8U)};
   const auto field = static_cast<std::uint8_t>(number & 0xFFU);
 
   Record& record = records_[static_cast<std::size_t>(fault)];
-  auto& bytes = record.entries;
-  std::size_t at = 0;
-  while (at < bytes.size() && (bytes[at] != service || bytes[at + 1] != field))
-    at += fault_entry_size;
-  if (at == bytes.size()) {
+  auto entry = std::ranges::find_if(record.entries, [&](const Fault_entry& one) {
+    return one.service == service && one.element == field;
+  });
+  if (entry == record.entries.end()) {
     if (!present) return;
-    bytes.insert(bytes.end(), {service, field, 0, 0, 0});
+    entry = record.entries.insert(entry, {service, field});
     record.since.emplace_back();
   }
-  auto& state = bytes[at + 2];
-  if ((state != 0) == present) return;
-  state = present ? 1 : 0;
-  record.since[at / fault_entry_size] = Clock::now();
+  if (entry->present == present) return;
+  entry->present = present;
+  record.since[static_cast<std::size_t>(entry - record.entries.begin())] = Clock::now();
   if (!present) return;
-  auto* const occurrences = std::as_writable_bytes(std::span{bytes}).data() + at + 3;
-  const auto before = binding::load<std::uint16_t>(occurrences, binding::Byte_order::big_endian);
-  if (before != std::numeric_limits<std::uint16_t>::max()) {
-    binding::store(occurrences, static_cast<std::uint16_t>(before + 1),
-                   binding::Byte_order::big_endian);
-  }
-  if (record.count != std::numeric_limits<std::uint32_t>::max()) ++record.count;
+  count_up(entry->occurrences);
+  count_up(record.count);
 }
 
 }  // namespace diagnosisService

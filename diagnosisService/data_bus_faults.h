@@ -12,7 +12,7 @@
 namespace diagnosisService {
 
 using lumo::services::diag::Data_bus_fault;
-using lumo::services::diag::fault_entry_size;
+using lumo::services::diag::Fault_entry;
 using lumo::services::diag::Faulty_service;
 
 constexpr std::uint16_t element_number(Faulty_service service, std::uint8_t field) {
@@ -47,9 +47,8 @@ class Data_bus_faults {
   void set(Data_bus_fault fault, Data_bus_element element, bool present);
   /// The number of times that faults of this kind appeared, over all elements.
   [[nodiscard]] std::uint32_t count(Data_bus_fault fault) const { return record(fault).count; }
-  /// Five bytes for each element that ever had the fault: service, field, 1 while the fault is
-  /// present, occurrences in two bytes, big-endian.
-  [[nodiscard]] const std::vector<std::uint8_t>& entries(Data_bus_fault fault) const {
+  /// Of each element that ever had the fault.
+  [[nodiscard]] const std::vector<Fault_entry>& entries(Data_bus_fault fault) const {
     return record(fault).entries;
   }
   /// For each of these entries the time when the fault last appeared or disappeared.
@@ -65,7 +64,7 @@ class Data_bus_faults {
   };
   struct Record {
     std::uint32_t count = 0;
-    std::vector<std::uint8_t> entries;
+    std::vector<Fault_entry> entries;
     std::vector<Clock::time_point> since;  ///< one for each entry
   };
   void enter(Data_bus_fault fault, Data_bus_element element, bool present);

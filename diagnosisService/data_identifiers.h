@@ -74,9 +74,14 @@ struct PositioningStatusSystem {
   std::uint16_t mapMatchingAnd13 = 0;
 };
 
-/// Bytes of the entry of a fault: service, field, presence, and occurrences in two bytes.
-inline constexpr std::size_t fault_entry_size = 5;
-/// Read outputs of d_1190, d_1191 and d_1192: an entry for each affected element.
+/// An element of a consumed service that has or had a fault.
+struct Fault_entry {
+  Faulty_service service{};
+  std::uint8_t element = 0;  ///< place in the interface from 1; 0: the service as a whole
+  bool present = false;
+  std::uint16_t occurrences = 0;  ///< since the start; stays at its maximum
+};
+/// Read outputs of d_1190, d_1191 and d_1192: the bytes of a Fault_entry for each affected element.
 template <Data_bus_fault Fault>
 struct Data_bus_fault_records {
   static constexpr Data_bus_fault fault = Fault;
@@ -331,6 +336,19 @@ struct binding::Description<lumo::services::diag::PositioningStatusSystem> {
             "",
             "status of POS_MapMatching_System (high byte), reserved system function 13")};
 };
+
+template <>
+struct binding::Description<lumo::services::diag::Fault_entry> {
+  using Record = lumo::services::diag::Fault_entry;
+  static constexpr std::string_view name = "fault";
+  static constexpr auto entries =
+      std::tuple{plain("service", &Record::service), plain("element", &Record::element),
+                 plain("present", &Record::present), plain("occurrences", &Record::occurrences)};
+};
+/// An entry has no length field of its own.
+template <>
+inline constexpr binding::Serialization_settings
+    binding::settings_of<lumo::services::diag::Fault_entry>{.structure_length_field_size = 0};
 
 template <lumo::services::diag::Data_bus_fault Fault>
 struct binding::Description<lumo::services::diag::Data_bus_fault_records<Fault>> {

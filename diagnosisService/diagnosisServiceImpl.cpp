@@ -41,6 +41,16 @@ Record record_of(const std::array<std::uint8_t, Size>& bytes) {
   return record;
 }
 
+/// The entries as a record carries them, one behind the other.
+std::vector<std::uint8_t> bytes_of(const std::vector<Fault_entry>& entries) {
+  binding::Buffer encoded;
+  for (const Fault_entry& entry : entries)
+    binding::encode(entry, encoded);
+  std::vector<std::uint8_t> bytes(encoded.size());
+  std::ranges::transform(encoded, bytes.begin(), std::to_integer<std::uint8_t>);
+  return bytes;
+}
+
 }  // namespace
 
 /// One skeleton for each interface of the list.
@@ -330,12 +340,11 @@ binding::Diagnosis_state diagnosisServiceImpl::state(Clock::time_point now) cons
   add(Status_group::output, book_.outputs());
   add(Status_group::system, book_.system());
   for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
-    const auto& since = faults_.since(kind);
-    for (std::size_t i = 0; i < since.size(); ++i) {
-      const auto* const entry = &faults_.entries(kind)[i * fault_entry_size];
-      state.faults.push_back({static_cast<std::uint8_t>(kind), entry[0], entry[1], entry[2] != 0,
-                              static_cast<std::uint16_t>(entry[3] << 8U | entry[4]),
-                              ago(since[i])});
+    auto since = faults_.since(kind).begin();
+    for (const Fault_entry& entry : faults_.entries(kind)) {
+      state.faults.push_back({static_cast<std::uint8_t>(kind),
+                              static_cast<std::uint8_t>(entry.service), entry.element,
+                              entry.present, entry.occurrences, ago(*since++)});
     }
   }
   return state;
@@ -353,7 +362,7 @@ Output diagnosisServiceImpl::read() const {
   } else if constexpr (std::is_same_v<Output, diag::PositioningMMPos>) {
     return map_matched_.position;
   } else {
-    return {faults_.entries(Output::fault)};
+    return {bytes_of(faults_.entries(Output::fault))};
   }
 }
 

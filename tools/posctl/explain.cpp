@@ -28,11 +28,9 @@ constexpr std::array<std::string_view, diagnosisService::system_count> system_fu
     "overall", "pgf",     "system2", "lbl",      "system4",  "system5",     "system6",
     "system7", "system8", "system9", "system10", "system11", "mapMatching", "system13"};
 
-/// Service and element of an entry, by their numbers: the place in the interface's description,
-/// counted from 1.
+/// Names the element at a place of the interface's description, counted from 1.
 template <class Service>
 void name_element(Json& fault, std::uint8_t element) {
-  fault["service"] = mw::com::cpp_binding::short_name(Service::name);
   if (element == 0) return;
   fault["element"] = element;  // stays for one that the interface does not have
   std::apply(
@@ -106,32 +104,37 @@ Json explain(const diag::PositioningMMPos& position) {
   return json;
 }
 
-Json explain_faults(std::span<const std::uint8_t> entries) {
-  if (entries.size() % fault_entry_size != 0) {
-    throw std::runtime_error("a record of data-bus faults has " + std::to_string(entries.size()) +
-                             " bytes, a multiple of " + std::to_string(fault_entry_size) +
+Json explain(const diag::Fault_entry& fault) {
+  Json json{{"service", to_json(fault.service)}};
+  switch (fault.service) {
+    case diag::Faulty_service::gnss:
+      name_element<gnss::GNSS>(json, fault.element);
+      break;
+    case diag::Faulty_service::time:
+      name_element<time::Time>(json, fault.element);
+      break;
+    default:
+      json["element"] = fault.element;
+      break;
+  }
+  json["present"] = fault.present;
+  json["occurrences"] = fault.occurrences;
+  return json;
+}
+
+std::vector<diag::Fault_entry> fault_entries(std::span<const std::uint8_t> bytes) {
+  using Codec = binding::Codec<diag::Fault_entry>;
+  const auto entry_size = Codec::size({}, binding::settings_of<diag::Fault_entry>);
+  if (bytes.size() % entry_size != 0) {
+    throw std::runtime_error("a record of data-bus faults has " + std::to_string(bytes.size()) +
+                             " bytes, a multiple of " + std::to_string(entry_size) +
                              " is expected");
   }
-  Json faults = Json::array();
-  for (; !entries.empty(); entries = entries.subspan(fault_entry_size)) {
-    Json fault;
-    switch (diag::Faulty_service{entries[0]}) {
-      case diag::Faulty_service::gnss:
-        name_element<gnss::GNSS>(fault, entries[1]);
-        break;
-      case diag::Faulty_service::time:
-        name_element<time::Time>(fault, entries[1]);
-        break;
-      default:
-        fault["service"] = entries[0];
-        fault["element"] = entries[1];
-        break;
-    }
-    fault["present"] = entries[2] != 0;
-    fault["occurrences"] = number(entries.subspan(3, 2), false);
-    faults.push_back(std::move(fault));
-  }
-  return faults;
+  std::vector<diag::Fault_entry> entries(bytes.size() / entry_size);
+  binding::Cursor cursor{std::as_bytes(bytes)};
+  for (auto& entry : entries)
+    binding::decode(cursor, entry);
+  return entries;
 }
 
 std::string status_name(std::uint8_t status) {

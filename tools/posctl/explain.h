@@ -5,6 +5,8 @@
 #include <cstdint>
 #include <span>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "diagnosisService/data_identifiers.h"
 #include "tools/posctl/record_json.h"
@@ -19,14 +21,19 @@ namespace posctl {
 /// Degrees, metres and seconds, null for what is not valid; the map matching's members as numbers.
 [[nodiscard]] Json explain(const lumo::services::diag::PositioningMMPos& position);
 
-using lumo::services::diag::fault_entry_size;
-/// One object for each affected element: service, element (none for the service as a whole),
-/// whether the fault is present, and how often it appeared. Throws std::runtime_error for bytes
-/// that are no such entries.
-[[nodiscard]] Json explain_faults(std::span<const std::uint8_t> entries);
+/// Service, element (none for the service as a whole), whether the fault is present, and how often
+/// it appeared.
+[[nodiscard]] Json explain(const lumo::services::diag::Fault_entry& fault);
+/// Throws std::runtime_error for bytes that are no whole entries.
+[[nodiscard]] std::vector<lumo::services::diag::Fault_entry> fault_entries(
+    std::span<const std::uint8_t> bytes);
+/// Its "faults" has an object for each affected element.
 template <lumo::services::diag::Data_bus_fault Fault>
 [[nodiscard]] Json explain(const lumo::services::diag::Data_bus_fault_records<Fault>& faults) {
-  return {{"faults", explain_faults(faults.entries)}};
+  Json explained = Json::array();
+  for (const auto& entry : fault_entries(faults.entries))
+    explained.push_back(explain(entry));
+  return {{"faults", std::move(explained)}};
 }
 
 /// "Nominal", "Error", "Init", "NotAvailable", or the number of another value.
@@ -35,10 +42,10 @@ template <lumo::services::diag::Data_bus_fault Fault>
 /// "8th".
 [[nodiscard]] std::string ordinal(std::uint64_t number);
 
-/// "GNSS" or "GNSS.positions" of a fault of explain_faults().
+/// "GNSS" or "GNSS.positions" of an explained fault.
 [[nodiscard]] std::string fault_subject(const Json& fault);
 
-/// A fault of explain_faults() as a sentence: "GNSS is missing now, for the 3rd time".
+/// An explained fault as a sentence: "GNSS is missing now, for the 3rd time".
 [[nodiscard]] std::string fault_text(lumo::services::diag::Data_bus_fault kind, const Json& fault);
 
 }  // namespace posctl

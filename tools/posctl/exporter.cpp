@@ -59,9 +59,13 @@ auto read(Present<Data_identifier_proxy<Interface>>& identifier) {
 
 /// Only whole entries.
 template <class Faults>
-std::optional<std::vector<std::uint8_t>> entries(const std::optional<Faults>& faults) {
-  if (!faults || faults->entries.size() % fault_entry_size != 0) return std::nullopt;
-  return faults->entries;
+std::optional<std::vector<Fault_entry>> entries(const std::optional<Faults>& faults) {
+  try {
+    if (faults) return fault_entries(faults->entries);
+  } catch (const std::exception&) {
+    // This part is missing too.
+  }
+  return std::nullopt;
 }
 
 /// The services of the application. The search for them goes on until they are there.

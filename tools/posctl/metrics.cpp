@@ -152,7 +152,8 @@ void faults(const Look& look, Samples& samples, const char* member) {
   };
   for (std::size_t kind = 0; kind < fault_names.size(); ++kind) {
     if (!look.faults[kind]) continue;
-    for (const auto& fault : explain_faults(*look.faults[kind])) {
+    for (const auto& entry : *look.faults[kind]) {
+      const Json fault = explain(entry);
       const Json& value = fault[member];
       const auto number =
           value.is_boolean() ? std::uint64_t{value.get<bool>()} : value.get<std::uint64_t>();

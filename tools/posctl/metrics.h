@@ -30,7 +30,7 @@ struct Look {
   std::optional<lumo::services::diag::PositioningStatusOutputs> outputs;
   std::optional<lumo::services::diag::PositioningStatusSystem> system;
   /// In the order of Data_bus_fault.
-  std::array<std::optional<std::vector<std::uint8_t>>, 3> faults;
+  std::array<std::optional<std::vector<lumo::services::diag::Fault_entry>>, 3> faults;
 
   std::chrono::duration<double> duration{};
   Http_counts http;

@@ -181,11 +181,8 @@ void add_diagnosis(Json& status, const binding::Diagnosis_state& state, Json ser
     status["dataBus"][member] = Json::array();
   for (const auto& one : state.faults) {
     if (one.fault >= fault_kinds.size()) continue;
-    const std::array<std::uint8_t, fault_entry_size> entry{
-        one.service, one.element, static_cast<std::uint8_t>(one.present ? 1 : 0),
-        static_cast<std::uint8_t>(one.occurrences >> 8U),
-        static_cast<std::uint8_t>(one.occurrences & 0xFFU)};
-    Json fault = explain_faults(entry).front();
+    Json fault = explain(lumo::services::diag::Fault_entry{Faulty_service{one.service}, one.element,
+                                                           one.present, one.occurrences});
     fault["sinceS"] = static_cast<double>(one.sinceMs) / 1000;
     if (Data_bus_fault{one.fault} == Data_bus_fault::not_available && one.present)
       fault["cause"] = cause_of(fault, services);

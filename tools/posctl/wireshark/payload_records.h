@@ -2,40 +2,11 @@
 /// member.
 #pragma once
 
-#include <cstdint>
-#include <tuple>
 #include <type_traits>
 #include <vector>
 
-#include "binding/codec.h"
-#include "binding/diagnosis_values.h"
 #include "binding/interface_description.h"
-#include "tools/posctl/services.h"
-
-namespace posctl::wireshark {
-
-/// The five bytes of a fault of a consumed service. Only the analyser reads them as a record.
-struct Fault_entry {
-  lumo::services::diag::Faulty_service service{};
-  std::uint8_t element = 0;
-  bool present = false;
-  std::uint16_t occurrences = 0;
-};
-
-}  // namespace posctl::wireshark
-
-template <>
-struct binding::Description<posctl::wireshark::Fault_entry> {
-  using Record = posctl::wireshark::Fault_entry;
-  static constexpr std::string_view name = "fault";
-  static constexpr auto entries =
-      std::tuple{plain("service", &Record::service), plain("element", &Record::element),
-                 plain("present", &Record::present), plain("occurrences", &Record::occurrences)};
-};
-/// The entries have no length field of their own.
-template <>
-inline constexpr binding::Serialization_settings
-    binding::settings_of<posctl::wireshark::Fault_entry>{.structure_length_field_size = 0};
+#include "diagnosisService/data_identifiers.h"
 
 namespace posctl::wireshark {
 
@@ -59,5 +30,5 @@ requires(posctl::wireshark::has_statuses<Record> &&
 };
 template <class Record, class Value>
 requires(posctl::wireshark::has_faults<Record>) struct binding::Described_as<Record, Value> {
-  using type = std::vector<posctl::wireshark::Fault_entry>;
+  using type = std::vector<lumo::services::diag::Fault_entry>;
 };

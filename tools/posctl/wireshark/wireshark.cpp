@@ -11,6 +11,7 @@
 #include "platform/linux/com/manifest.h"
 #include "platform/someip/base/deployment.h"
 #include "tools/posctl/commands.h"
+#include "tools/posctl/services.h"
 #include "tools/posctl/wireshark/payload_records.h"
 #include "tools/posctl/wireshark/types.h"
 
