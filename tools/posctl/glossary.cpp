@@ -16,7 +16,9 @@ namespace posctl {
 namespace {
 
 using binding::name_of;
+using lumo::services::diag::Data_bus_fault;
 using lumo::services::diag::Status;
+using lumo::services::diag::Status_group;
 
 struct Entry {
   std::string_view name;
@@ -113,9 +115,12 @@ constexpr std::array statuses{
 };
 
 constexpr std::array faults{
-    Entry{fault_kinds[0], "a service that the application uses is missing (d_1190)"},
-    Entry{fault_kinds[1], "a service sends a value that it marks as an error (d_1191)"},
-    Entry{fault_kinds[2], "a service sends a value outside its physical range (d_1192)"},
+    Entry{member_of(Data_bus_fault::not_available),
+          "a service that the application uses is missing (d_1190)"},
+    Entry{member_of(Data_bus_fault::error_value_received),
+          "a service sends a value that it marks as an error (d_1191)"},
+    Entry{member_of(Data_bus_fault::implausible),
+          "a service sends a value outside its physical range (d_1192)"},
 };
 
 constexpr std::array ages{
@@ -207,9 +212,9 @@ std::vector<Term> glossary() {
   Terms terms;
   terms.add_all("verdict", verdicts);
   terms.add_all("status", statuses);
-  terms.add_members<diag::PositioningStatusInputs>("input");
-  terms.add_members<diag::PositioningStatusOutputs>("output");
-  terms.add_members<diag::PositioningStatusSystem>("system function");
+  terms.add_members<diag::PositioningStatusInputs>(name_of(Status_group::input));
+  terms.add_members<diag::PositioningStatusOutputs>(name_of(Status_group::output));
+  terms.add_members<diag::PositioningStatusSystem>(name_of(Status_group::system));
   terms.add_all("fault", faults);
   terms.add_all("age", ages);
   terms.add_members<binding::Stamp_counts>("stamp");

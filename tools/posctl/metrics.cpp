@@ -11,6 +11,7 @@
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/posctl/explain.h"
 #include "tools/posctl/metric_samples.h"
+#include "tools/posctl/verdict.h"
 
 namespace posctl {
 namespace {
@@ -23,6 +24,7 @@ using lumo::services::diag::Status_group;
 using lumo::services::positioning::datatypes::DT_positions_struct;
 using mw::com::runtime::Clock_state;
 using mw::com::runtime::Process_usage;
+using someip::hexadecimal;
 
 struct Metric {
   std::string_view name;
@@ -31,6 +33,17 @@ struct Metric {
   std::string_view help;
   void (*samples)(const Look& look, Samples& samples);
 };
+
+/// "unknown_method" for "UnknownMethod".
+std::string snake_case(std::string_view name) {
+  std::string text;
+  for (const char one : name) {
+    const bool capital = one >= 'A' && one <= 'Z';
+    if (capital && !text.empty()) text += '_';
+    text += capital ? static_cast<char>(one - 'A' + 'a') : one;
+  }
+  return text;
+}
 
 /// A member of a part of the look, divided to the base unit.
 template <auto Part, auto Member, std::uint64_t Divisor = 1>
@@ -138,34 +151,28 @@ void monitors(const Look& look, Samples& samples) {
     const auto byte = bytes.find({monitor.group, monitor.byte});
     if (byte == bytes.end()) continue;
     samples.add(byte->second == Status::error,
-                {{"monitor", monitor.name}, {"id", someip::hexadecimal(monitor.identifier, 6)}});
+                {{"monitor", monitor.name}, {"id", hexadecimal(monitor.identifier, 6)}});
   }
 }
-
-constexpr std::array<std::string_view, 3> fault_names{"not_available", "error_value_received",
-                                                      "implausible"};
 
 /// `member` of each fault of the consumed services.
 void faults(const Look& look, Samples& samples, const char* member) {
   const auto plain = [](const Json& name) {
     return name.is_string() ? name.get<std::string>() : name.dump();
   };
-  for (std::size_t kind = 0; kind < fault_names.size(); ++kind) {
-    if (!look.faults[kind]) continue;
-    for (const auto& entry : *look.faults[kind]) {
+  for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
+    const auto& entries = look.faults.at(static_cast<std::size_t>(kind));
+    if (!entries) continue;
+    for (const auto& entry : *entries) {
       const Json fault = explain(entry);
       const Json& value = fault[member];
       const auto number =
           value.is_boolean() ? std::uint64_t{value.get<bool>()} : value.get<std::uint64_t>();
-      samples.add(number, {{"fault", fault_names[kind]},
+      samples.add(number, {{"fault", snake_case(member_of(kind))},
                            {"service", plain(fault["service"])},
                            {"element", fault.contains("element") ? plain(fault["element"]) : ""}});
     }
   }
-}
-
-std::string id(std::uint16_t number) {
-  return someip::hexadecimal(number);
 }
 
 /// The number of clients of each offered instance that have subscribed, or were refused.
@@ -178,14 +185,15 @@ void subscribers(const Look& look, Samples& samples) {
       count += one.serviceId == offered.serviceId && one.instance == offered.instance &&
                one.subscribed == Subscribed;
     }
-    samples.add(count, {{"service", offered.service}, {"instance", id(offered.instance)}});
+    samples.add(count, {{"service", offered.service}, {"instance", hexadecimal(offered.instance)}});
   }
 }
 
 void found(const Look& look, Samples& samples) {
   if (!look.peers) return;
   for (const auto& service : look.peers->services)
-    samples.add(service.found, {{"service", service.service}, {"instance", id(service.instance)}});
+    samples.add(service.found,
+                {{"service", service.service}, {"instance", hexadecimal(service.instance)}});
 }
 
 template <class Add>
@@ -194,7 +202,7 @@ void for_each_group(const Look& look, Add add) {
   for (const auto& group : look.peers->eventGroups) {
     for (const auto& service : look.peers->services) {
       if (service.serviceId != group.serviceId || service.instance != group.instance) continue;
-      add(group, service.service, id(group.instance), id(group.eventGroup));
+      add(group, service.service, hexadecimal(group.instance), hexadecimal(group.eventGroup));
       break;
     }
   }
@@ -215,17 +223,6 @@ void silence(const Look& look, Samples& samples) {
     samples.add(static_cast<double>(group.lastNotificationMs) / 1000,
                 {{"service", service}, {"instance", instance}, {"event_group", event_group}});
   });
-}
-
-/// "unknown_method" for "UnknownMethod".
-std::string snake_case(std::string_view name) {
-  std::string text;
-  for (const char one : name) {
-    const bool capital = one >= 'A' && one <= 'Z';
-    if (capital && !text.empty()) text += '_';
-    text += capital ? static_cast<char>(one - 'A' + 'a') : one;
-  }
-  return text;
 }
 
 constexpr std::array<std::string_view, 2> prefixes_with_cause{"dropped", "refused"};

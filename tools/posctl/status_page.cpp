@@ -12,6 +12,7 @@ namespace posctl {
 namespace {
 
 using lumo::services::diag::Data_bus_fault;
+using lumo::services::diag::Status_group;
 
 /// A member of a record on the page.
 struct Shown {
@@ -113,7 +114,7 @@ void print_services(Page& page, const Json& status) {
   page.section("Consumed services");
   bool faultless = true;
   for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
-    for (const auto& fault : status["dataBus"][fault_kinds.at(static_cast<std::size_t>(kind))]) {
+    for (const auto& fault : status["dataBus"][member_of(kind)]) {
       page.line(fault_sentence(kind, fault));
       faultless = false;
     }
@@ -129,9 +130,9 @@ std::string status_page(const Json& status, bool coloured) {
   print_position(page, status);
   print_map_matched(page, status);
   print_ages(page, status);
-  constexpr std::array titles{"Inputs", "Outputs", "System functions"};
-  for (std::size_t group = 0; group < titles.size(); ++group)
-    print_statuses(page, titles.at(group), status_groups.at(group), status);
+  print_statuses(page, "Inputs", member_of(Status_group::input), status);
+  print_statuses(page, "Outputs", member_of(Status_group::output), status);
+  print_statuses(page, "System functions", member_of(Status_group::system), status);
   print_services(page, status);
   print_clock(page, status["clock"]);
   print_process(page, status["process"]);

@@ -16,6 +16,7 @@ using binding::name_of;
 using lumo::services::diag::Data_bus_fault;
 using lumo::services::diag::Faulty_service;
 using lumo::services::diag::Status;
+using lumo::services::diag::Status_group;
 
 /// Longer than a start takes; from then on an application without a position has failed.
 constexpr double start_s = 10;
@@ -53,7 +54,7 @@ std::string cause_of_silence(const Json& services) {
 
 void add_fault_findings(const Json& status, std::vector<Finding>& findings) {
   for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
-    for (const auto& fault : status["dataBus"][fault_kinds.at(static_cast<std::size_t>(kind))]) {
+    for (const auto& fault : status["dataBus"][member_of(kind)]) {
       if (!is_present(fault)) continue;
       const bool fatal = kind == Data_bus_fault::not_available &&
                          fault["service"] == name_of(Faulty_service::gnss);
@@ -82,8 +83,8 @@ void add_silence(const Json& status, std::vector<Finding>& findings) {
 
 void add_statuses(const Json& status, std::vector<Finding>& findings) {
   const bool known = !findings.empty();
-  for (const auto* group : status_groups) {
-    for (const auto& [name, value] : status[group].items()) {
+  for (const auto& [group, group_name] : binding::enumerators<Status_group>) {
+    for (const auto& [name, value] : status[member_of(group)].items()) {
       // A fault that stands above has brought the status with it.
       if (value != name_of(Status::error) || (known && (name == "gnss" || name == "deadReckoning")))
         continue;
@@ -172,21 +173,23 @@ std::string meaning_of_status(std::string_view name, std::string_view status) {
 void add_diagnosis(Json& status, const binding::Diagnosis_state& state, Json services) {
   const auto names = names_of_bytes();
   for (const auto& one : state.statuses) {
-    if (one.group >= status_groups.size() || one.byte >= names.at(one.group).size()) continue;
+    if (one.group >= names.size() || one.byte >= names.at(one.group).size()) continue;
     const auto name = std::next(names.at(one.group).begin(), one.byte).key();
-    status[status_groups.at(one.group)][name] = status_name(one.status);
-    status["sinceS"][status_groups.at(one.group)][name] = static_cast<double>(one.sinceMs) / 1000;
+    const char* const member = member_of(Status_group{one.group});
+    status[member][name] = status_name(one.status);
+    status["sinceS"][member][name] = static_cast<double>(one.sinceMs) / 1000;
   }
-  for (const auto* member : fault_kinds)
-    status["dataBus"][member] = Json::array();
+  for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>)
+    status["dataBus"][member_of(kind)] = Json::array();
   for (const auto& one : state.faults) {
-    if (one.fault >= fault_kinds.size()) continue;
+    const Data_bus_fault kind{one.fault};
+    if (name_of(kind).empty()) continue;
     Json fault = explain(lumo::services::diag::Fault_entry{Faulty_service{one.service}, one.element,
                                                            one.present, one.occurrences});
     fault["sinceS"] = static_cast<double>(one.sinceMs) / 1000;
-    if (Data_bus_fault{one.fault} == Data_bus_fault::not_available && one.present)
+    if (kind == Data_bus_fault::not_available && one.present)
       fault["cause"] = cause_of(fault, services);
-    status["dataBus"][fault_kinds.at(one.fault)].push_back(std::move(fault));
+    status["dataBus"][member_of(kind)].push_back(std::move(fault));
   }
 }
 

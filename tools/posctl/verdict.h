@@ -2,6 +2,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -31,10 +32,15 @@ struct Finding {
 /// What a status means for this input, output or system function, in at most 28 letters.
 [[nodiscard]] std::string meaning_of_status(std::string_view name, std::string_view status);
 
-/// Members of the JSON form of posctl status, in the order of Status_group and of Data_bus_fault.
-inline constexpr std::array<const char*, 3> status_groups{"inputs", "outputs", "system"};
-inline constexpr std::array<const char*, 3> fault_kinds{"notAvailable", "errorValueReceived",
-                                                        "implausible"};
+/// The member of the JSON form of posctl status that has the statuses of a group, or in "dataBus"
+/// the faults of a kind. Not for values without a name.
+[[nodiscard]] constexpr const char* member_of(lumo::services::diag::Status_group group) {
+  return std::array{"inputs", "outputs", "system"}.at(static_cast<std::size_t>(group));
+}
+[[nodiscard]] constexpr const char* member_of(lumo::services::diag::Data_bus_fault kind) {
+  return std::array{"notAvailable", "errorValueReceived", "implausible"}.at(
+      static_cast<std::size_t>(kind));
+}
 
 /// Adds "inputs", "outputs" and "system", the name of each status by function; "sinceS" with the
 /// same members; and "dataBus", the faults by kind. `services` are the rows of posctl peers: a

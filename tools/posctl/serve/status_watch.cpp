@@ -23,7 +23,7 @@ Json words_of(const Json& status) {
   static const std::vector<Term> terms = glossary();
   Json words = Json::object();
   for (const auto& [group, kind] : binding::enumerators<diag::Status_group>) {
-    const char* const member = status_groups.at(static_cast<std::size_t>(group));
+    const char* const member = member_of(group);
     Json& of_group = words[member] = Json::object();
     for (const auto& [name, value] : status[member].items()) {
       const auto term = std::ranges::find_if(terms, [&, key = name, kind = kind](const Term& one) {
@@ -70,7 +70,7 @@ void Status_watch::look(Statistics_proxy& service, const Json& figures, Clock::t
   add_verdict(status, peers["consumed"], figures);
   status["words"] = same ? last_status_["words"] : words_of(status);
   for (const auto& [kind, name] : binding::enumerators<diag::Data_bus_fault>)
-    for (auto& fault : status["dataBus"][fault_kinds.at(static_cast<std::size_t>(kind))])
+    for (auto& fault : status["dataBus"][member_of(kind)])
       fault["text"] = fault_sentence(kind, fault);
   feed_.state(Topic::status, status);
   if (!same) {
@@ -95,7 +95,8 @@ void Status_watch::add_verdict(Json& status, Json services, const Json& figures)
 }
 
 void Status_watch::tell_changes(const Json& status) {
-  for (const auto* group : status_groups) {
+  for (const auto& [status_group, group_name] : binding::enumerators<diag::Status_group>) {
+    const char* const group = member_of(status_group);
     for (const auto& [name, value] : status[group].items()) {
       const Json before = last_status_[group].value(name, Json());
       if (before == value) continue;
@@ -106,7 +107,8 @@ void Status_watch::tell_changes(const Json& status) {
                                   {"meaning", status["words"][group][name]["meaning"]}});
     }
   }
-  for (const auto* kind : fault_kinds) {
+  for (const auto& [fault_kind, kind_name] : binding::enumerators<diag::Data_bus_fault>) {
+    const char* const kind = member_of(fault_kind);
     for (const auto& fault : status["dataBus"][kind]) {
       const auto is_it = [&](const Json& one) {
         return one["service"] == fault["service"] &&
@@ -146,13 +148,13 @@ void tell_no_application(Page_feed& feed, const std::string& text) {
               {"reason", text},
               {"findings", Json::array()},
               {"ratePerS", 0}};
-  for (const auto* group : status_groups) {
+  for (const auto& [group, name] : binding::enumerators<diag::Status_group>) {
     for (const auto* member : {"sinceS", "words"})
-      status[member][group] = Json::object();
-    status[group] = Json::object();
+      status[member][member_of(group)] = Json::object();
+    status[member_of(group)] = Json::object();
   }
-  for (const auto* kind : fault_kinds)
-    status["dataBus"][kind] = Json::array();
+  for (const auto& [kind, name] : binding::enumerators<diag::Data_bus_fault>)
+    status["dataBus"][member_of(kind)] = Json::array();
   feed.state(Topic::status, status);
 }
 
