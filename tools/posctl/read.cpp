@@ -16,7 +16,7 @@
 namespace posctl {
 namespace {
 
-using namespace lumo::services::diag;
+namespace diag = lumo::services::diag;
 
 /// "02 03 03", the payload of the answer.
 template <class Output>
@@ -47,7 +47,7 @@ Json decoded(const Output& output) {
   if constexpr (requires { Output::fault; }) {
     for (auto& fault : values["faults"])
       fault["text"] = fault_text(Output::fault, fault);
-  } else if constexpr (!std::is_same_v<Output, PositioningMMPos>) {
+  } else if constexpr (!std::is_same_v<Output, diag::PositioningMMPos>) {
     for (auto& value : values)
       value = status_name(value.template get<std::uint8_t>());
   }
@@ -56,10 +56,10 @@ Json decoded(const Output& output) {
 
 template <class Interface>
 Json read(Deadline deadline) {
-  const auto proxy = connect<Data_identifier_proxy<Interface>>(Interface::name, deadline);
+  const auto proxy = connect<diag::Data_identifier_proxy<Interface>>(Interface::name, deadline);
   const auto output = result_of(proxy->Read({}), Interface::Read.name, deadline);
   Json json{{"schema", 1},
-            {"did", lumo::services::diag::identifier_of(Interface::name)},
+            {"did", diag::identifier_of(Interface::name)},
             {"name", mw::com::cpp_binding::short_name(Interface::name)},
             {"raw", raw_bytes(output)},
             {"values", decoded(output)}};
@@ -78,8 +78,8 @@ struct Readable_identifier {
 
 std::vector<Readable_identifier> entries() {
   std::vector<Readable_identifier> all;
-  for_each_interface<Data_identifiers>([&]<class Interface>() {
-    all.push_back({lumo::services::diag::identifier_of(Interface::name), read<Interface>});
+  diag::for_each_interface<diag::Data_identifiers>([&]<class Interface>() {
+    all.push_back({diag::identifier_of(Interface::name), read<Interface>});
   });
   return all;
 }
