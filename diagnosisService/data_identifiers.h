@@ -25,6 +25,7 @@ using Meta_info = std::map<std::string, std::string>;
 
 /// Read output of d_14a0: one status byte per input sensor, in the order of the sensor setup.
 struct PositioningStatusInputs {
+  static constexpr Status_group group = Status_group::input;
   std::uint8_t gnss = 0;
   std::uint8_t odometry = 0;
   std::uint8_t frontCameraPosition = 0;
@@ -40,6 +41,7 @@ struct PositioningStatusInputs {
 
 /// Read output of d_14a1: one status byte per output.
 struct PositioningStatusOutputs {
+  static constexpr Status_group group = Status_group::output;
   std::uint8_t mapMatched = 0;
   std::uint8_t deadReckoning = 0;
   std::uint8_t staticOutput = 0;
@@ -62,6 +64,7 @@ struct PositioningMMPos {
 /// Read output of d_14a3: the 14 system status bytes in order. The last eight are sent as 16-bit
 /// values; the high byte is the one with the lower number.
 struct PositioningStatusSystem {
+  static constexpr Status_group group = Status_group::system;
   std::uint8_t overall = 0;
   std::uint8_t pgf = 0;
   std::uint8_t system2 = 0;

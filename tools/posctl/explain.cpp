@@ -1,13 +1,14 @@
 #include "tools/posctl/explain.h"
 
+#include <algorithm>
 #include <array>
+#include <map>
 #include <stdexcept>
 #include <string>
 #include <string_view>
 
 #include "clients/GNSS.h"
 #include "clients/Time.h"
-#include "diagnosisService/monitor_table.h"
 #include "posService/positioning_records.h"
 
 namespace posctl {
@@ -122,6 +123,11 @@ Json explain(const diag::Fault_entry& fault) {
   return json;
 }
 
+Json explain(const binding::Fault_age& fault) {
+  return explain(diag::Fault_entry{diag::Faulty_service{fault.service}, fault.element,
+                                   fault.present, fault.occurrences});
+}
+
 std::vector<diag::Fault_entry> fault_entries(std::span<const std::uint8_t> bytes) {
   using Codec = binding::Codec<diag::Fault_entry>;
   const auto entry_size = Codec::size({}, binding::settings_of<diag::Fault_entry>);
@@ -140,6 +146,34 @@ std::vector<diag::Fault_entry> fault_entries(std::span<const std::uint8_t> bytes
 std::string status_name(std::uint8_t status) {
   const auto name = binding::name_of(diag::Status{status});
   return name.empty() ? std::to_string(status) : std::string(name);
+}
+
+std::string function_of(const binding::Status_age& status) {
+  static const auto names = [] {
+    std::map<diag::Status_group, std::vector<std::string>> of_groups;
+    diag::for_each_interface<diag::Status_identifiers>([&]<class Interface>() {
+      using Output = typename Interface::Output;
+      if constexpr (requires { Output::group; }) {
+        const Json bytes = explain(Output{});
+        for (const auto& [name, byte] : bytes.items())
+          of_groups[Output::group].push_back(name);
+      }
+    });
+    return of_groups;
+  }();
+  const auto group = names.find(diag::Status_group{status.group});
+  return group == names.end() || status.byte >= group->second.size() ? ""
+                                                                     : group->second[status.byte];
+}
+
+const binding::Status_age* status_of(const diagnosisService::Monitor& monitor,
+                                     const binding::Diagnosis_state& state) {
+  // A peer may send any number as a group, also that of a monitor without a status byte.
+  if (monitor.group == diag::Status_group::none) return nullptr;
+  const auto found = std::ranges::find_if(state.statuses, [&](const auto& one) {
+    return diag::Status_group{one.group} == monitor.group && one.byte == monitor.byte;
+  });
+  return found == state.statuses.end() ? nullptr : &*found;
 }
 
 std::string fault_subject(const Json& fault) {

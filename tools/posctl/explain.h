@@ -8,7 +8,9 @@
 #include <utility>
 #include <vector>
 
+#include "binding/application_state.h"
 #include "diagnosisService/data_identifiers.h"
+#include "diagnosisService/monitor_table.h"
 #include "tools/posctl/record_json.h"
 
 namespace posctl {
@@ -24,6 +26,7 @@ namespace posctl {
 /// Service, element (none for the service as a whole), whether the fault is present, and how often
 /// it appeared.
 [[nodiscard]] Json explain(const lumo::services::diag::Fault_entry& fault);
+[[nodiscard]] Json explain(const binding::Fault_age& fault);
 /// Throws std::runtime_error for bytes that are no whole entries.
 [[nodiscard]] std::vector<lumo::services::diag::Fault_entry> fault_entries(
     std::span<const std::uint8_t> bytes);
@@ -38,6 +41,12 @@ template <lumo::services::diag::Data_bus_fault Fault>
 
 /// "Nominal", "Error", "Init", "NotAvailable", or the number of another value.
 [[nodiscard]] std::string status_name(std::uint8_t status);
+
+/// The input, output or system function of a status; empty if there is none.
+[[nodiscard]] std::string function_of(const binding::Status_age& status);
+/// The status that a monitor reports; null if the state has none.
+[[nodiscard]] const binding::Status_age* status_of(const diagnosisService::Monitor& monitor,
+                                                   const binding::Diagnosis_state& state);
 
 /// "8th".
 [[nodiscard]] std::string ordinal(std::uint64_t number);

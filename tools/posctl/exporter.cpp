@@ -15,7 +15,6 @@
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
-#include "tools/posctl/explain.h"
 #include "tools/posctl/http_server.h"
 #include "tools/posctl/lasting_way.h"
 #include "tools/posctl/metrics.h"
@@ -25,7 +24,6 @@
 namespace posctl {
 namespace {
 
-using namespace lumo::services::diag;
 using lumo::services::positioning::proxy::PositioningProxy;
 
 /// In seconds, for all answers of the application to one scrape.
@@ -52,22 +50,6 @@ auto answer(std::optional<Future> future, Deadline deadline)
   return std::nullopt;
 }
 
-template <class Interface>
-auto read(Present<Data_identifier_proxy<Interface>>& identifier) {
-  return ask(identifier, [](auto& proxy) { return proxy.Read({}); });
-}
-
-/// Only whole entries.
-template <class Faults>
-std::optional<std::vector<Fault_entry>> entries(const std::optional<Faults>& faults) {
-  try {
-    if (faults) return fault_entries(faults->entries);
-  } catch (const std::exception&) {
-    // This part is missing too.
-  }
-  return std::nullopt;
-}
-
 /// The services of the application. The search for them goes on until they are there.
 class Services {
  public:
@@ -84,12 +66,7 @@ class Services {
     auto counters = ask(statistics_, [](auto& proxy) { return proxy.Counters(); });
     auto peers = ask(statistics_, [](auto& proxy) { return proxy.Peers(); });
     auto positions = ask(positioning_, [](auto& proxy) { return proxy.positions.Get(); });
-    auto inputs = read(inputs_);
-    auto outputs = read(outputs_);
-    auto system = read(system_);
-    auto not_available = read(not_available_);
-    auto error_value = read(error_value_);
-    auto implausible = read(implausible_);
+    auto diagnosis = ask(statistics_, [](auto& proxy) { return proxy.Diagnosis(); });
 
     Look look;
     look.process = answer(std::move(process), deadline);
@@ -99,28 +76,14 @@ class Services {
     look.counters = answer(std::move(counters), deadline);
     look.peers = answer(std::move(peers), deadline);
     look.positions = answer(std::move(positions), deadline);
-    look.inputs = answer(std::move(inputs), deadline);
-    look.outputs = answer(std::move(outputs), deadline);
-    look.system = answer(std::move(system), deadline);
-    look.faults = {entries(answer(std::move(not_available), deadline)),
-                   entries(answer(std::move(error_value), deadline)),
-                   entries(answer(std::move(implausible), deadline))};
+    look.diagnosis = answer(std::move(diagnosis), deadline);
     look.duration = std::chrono::steady_clock::now() - start;
     return look;
   }
 
  private:
-  template <class Interface>
-  using Identifier = Present<Data_identifier_proxy<Interface>>;
-
   Present<binding::Statistics_proxy> statistics_;
   Present<PositioningProxy> positioning_;
-  Identifier<d_14a0::DataIdentifier_PositioningStatusInputs> inputs_;
-  Identifier<d_14a1::DataIdentifier_PositioningStatusOutputs> outputs_;
-  Identifier<d_14a3::DataIdentifier_PositioningStatusSystem> system_;
-  Identifier<d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable> not_available_;
-  Identifier<d_1191::DataIdentifier_BDPSomeipDataBusServiceErrorValueReceived> error_value_;
-  Identifier<d_1192::DataIdentifier_BDPSomeipDataBusServiceImplausible> implausible_;
 };
 
 /// The text that answers Prometheus. One thread makes it; requests that come meanwhile, or soon

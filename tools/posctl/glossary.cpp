@@ -18,7 +18,6 @@ namespace {
 using binding::name_of;
 using lumo::services::diag::Data_bus_fault;
 using lumo::services::diag::Status;
-using lumo::services::diag::Status_group;
 
 struct Entry {
   std::string_view name;
@@ -212,9 +211,10 @@ std::vector<Term> glossary() {
   Terms terms;
   terms.add_all("verdict", verdicts);
   terms.add_all("status", statuses);
-  terms.add_members<diag::PositioningStatusInputs>(name_of(Status_group::input));
-  terms.add_members<diag::PositioningStatusOutputs>(name_of(Status_group::output));
-  terms.add_members<diag::PositioningStatusSystem>(name_of(Status_group::system));
+  diag::for_each_interface<diag::Status_identifiers>([&]<class Interface>() {
+    using Output = typename Interface::Output;
+    if constexpr (requires { Output::group; }) terms.add_members<Output>(name_of(Output::group));
+  });
   terms.add_all("fault", faults);
   terms.add_all("age", ages);
   terms.add_members<binding::Stamp_counts>("stamp");

@@ -1,9 +1,7 @@
 #include "tools/posctl/metrics.h"
 
 #include <limits>
-#include <map>
 #include <string_view>
-#include <utility>
 
 #include "binding/statistics.h"
 #include "diagnosisService/monitor_table.h"
@@ -17,6 +15,7 @@ namespace posctl {
 namespace {
 
 using binding::Age;
+using binding::Fault_age;
 using binding::Stamp_counts;
 using lumo::services::diag::Data_bus_fault;
 using lumo::services::diag::Status;
@@ -118,60 +117,44 @@ void stamp_faults(const Look& look, Samples& samples) {
 }
 
 /// One series for each status: 1 for the present one.
-template <auto Part>
+template <Status_group Group>
 void statuses(const Look& look, Samples& samples) {
-  if (!(look.*Part)) return;
-  const Json bytes = explain(*(look.*Part));
-  for (const auto& [name, byte] : bytes.items()) {
-    const auto present = byte.template get<std::uint8_t>();
+  if (!look.diagnosis) return;
+  for (const auto& one : look.diagnosis->statuses) {
+    const auto name = function_of(one);
+    if (Status_group{one.group} != Group || name.empty()) continue;
     for (const auto& [status, status_text] : binding::enumerators<Status>)
-      samples.add(status == present, {{"name", name}, {"status", status_text}});
-    if (binding::name_of(Status{present}).empty())
-      samples.add(true, {{"name", name}, {"status", status_name(present)}});
+      samples.add(status == one.status, {{"name", name}, {"status", status_text}});
+    if (binding::name_of(Status{one.status}).empty())
+      samples.add(true, {{"name", name}, {"status", status_name(one.status)}});
   }
-}
-
-/// The status bytes of a group of monitors, in order.
-template <class Statuses>
-void add_bytes(const std::optional<Statuses>& statuses,
-               Status_group group,
-               std::map<std::pair<Status_group, unsigned>, unsigned>& bytes) {
-  if (!statuses) return;
-  unsigned byte = 0;
-  for (const auto& status : explain(*statuses))
-    bytes[{group, byte++}] = status.template get<unsigned>();
 }
 
 void monitors(const Look& look, Samples& samples) {
-  std::map<std::pair<Status_group, unsigned>, unsigned> bytes;
-  add_bytes(look.inputs, Status_group::input, bytes);
-  add_bytes(look.outputs, Status_group::output, bytes);
-  add_bytes(look.system, Status_group::system, bytes);
+  if (!look.diagnosis) return;
   for (const auto& monitor : diagnosisService::monitor_table) {
-    const auto byte = bytes.find({monitor.group, monitor.byte});
-    if (byte == bytes.end()) continue;
-    samples.add(byte->second == Status::error,
-                {{"monitor", monitor.name}, {"id", hexadecimal(monitor.identifier, 6)}});
+    if (const auto* found = status_of(monitor, *look.diagnosis)) {
+      samples.add(found->status == Status::error,
+                  {{"monitor", monitor.name}, {"id", hexadecimal(monitor.identifier, 6)}});
+    }
   }
 }
 
-/// `member` of each fault of the consumed services.
-void faults(const Look& look, Samples& samples, const char* member) {
+/// A member of each fault of the consumed services.
+template <auto Member>
+void faults(const Look& look, Samples& samples) {
+  if (!look.diagnosis) return;
   const auto plain = [](const Json& name) {
     return name.is_string() ? name.get<std::string>() : name.dump();
   };
-  for (const auto& [kind, name] : binding::enumerators<Data_bus_fault>) {
-    const auto& entries = look.faults.at(static_cast<std::size_t>(kind));
-    if (!entries) continue;
-    for (const auto& entry : *entries) {
-      const Json fault = explain(entry);
-      const Json& value = fault[member];
-      const auto number =
-          value.is_boolean() ? std::uint64_t{value.get<bool>()} : value.get<std::uint64_t>();
-      samples.add(number, {{"fault", snake_case(member_of(kind))},
-                           {"service", plain(fault["service"])},
-                           {"element", fault.contains("element") ? plain(fault["element"]) : ""}});
-    }
+  for (const auto& one : look.diagnosis->faults) {
+    const Data_bus_fault kind{one.fault};
+    if (binding::name_of(kind).empty()) continue;
+    const Json fault = explain(one);
+    samples.add(one.*Member,
+                {{"fault", snake_case(member_of(kind))},
+                 {"service", plain(fault["service"])},
+                 {"element", fault.contains("element") ? plain(fault["element"]) : ""}});
   }
 }
 
@@ -290,20 +273,20 @@ constexpr std::array metrics{
            ages},
 
     Metric{"pos_input_status", gauge, "name, status", "1 for the present status of an input",
-           statuses<&Look::inputs>},
+           statuses<Status_group::input>},
     Metric{"pos_output_status", gauge, "name, status", "1 for the present status of an output",
-           statuses<&Look::outputs>},
+           statuses<Status_group::output>},
     Metric{"pos_system_status", gauge, "name, status",
-           "1 for the present status of a system function", statuses<&Look::system>},
+           "1 for the present status of a system function", statuses<Status_group::system>},
     Metric{"pos_monitor_failed", gauge, "monitor, id",
            "1 if the diagnostic monitor reports a failure", monitors},
     Metric{"pos_data_bus_fault_present", gauge, "fault, service, element",
            "1 while a consumed service has the fault: not_available, error_value_received, "
            "implausible",
-           [](const Look& look, Samples& samples) { faults(look, samples, "present"); }},
+           faults<&Fault_age::present>},
     Metric{"pos_data_bus_fault_occurrences_total", counter, "fault, service, element",
            "appearances of the fault since the start; 65535 at most",
-           [](const Look& look, Samples& samples) { faults(look, samples, "occurrences"); }},
+           faults<&Fault_age::occurrences>},
 
     Metric{"pos_subscribers", gauge, "service, instance", "subscriptions to an offered instance",
            subscribers<true>},

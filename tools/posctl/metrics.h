@@ -1,7 +1,6 @@
 /// The metrics of the exporter: one table, filled from one look at the application.
 #pragma once
 
-#include <array>
 #include <chrono>
 #include <cstdint>
 #include <optional>
@@ -9,8 +8,8 @@
 #include <vector>
 
 #include "binding/age_histogram.h"
+#include "binding/application_state.h"
 #include "binding/position_ages.h"
-#include "diagnosisService/data_identifiers.h"
 #include "mw/com/statistics.h"
 #include "posService/positioning_records.h"
 #include "tools/posctl/http_server.h"
@@ -26,11 +25,7 @@ struct Look {
   std::optional<std::vector<mw::com::runtime::Counter>> counters;
   std::optional<mw::com::runtime::Peers> peers;
   std::optional<std::vector<lumo::services::positioning::datatypes::DT_positions_struct>> positions;
-  std::optional<lumo::services::diag::PositioningStatusInputs> inputs;
-  std::optional<lumo::services::diag::PositioningStatusOutputs> outputs;
-  std::optional<lumo::services::diag::PositioningStatusSystem> system;
-  /// In the order of Data_bus_fault.
-  std::array<std::optional<std::vector<lumo::services::diag::Fault_entry>>, 3> faults;
+  std::optional<binding::Diagnosis_state> diagnosis;
 
   std::chrono::duration<double> duration{};
   Http_counts http;

@@ -46,17 +46,12 @@ std::string identifier_of(const Monitor& monitor) {
 }
 
 Json state_json(const Monitor& monitor, const binding::Diagnosis_state& state) {
-  // A peer may send any number as a group, also that of a monitor without a status byte.
-  const bool has_byte = monitor.group != diagnosisService::Status_group::none;
-  const auto found = std::ranges::find_if(state.statuses, [&](const auto& one) {
-    return has_byte && diagnosisService::Status_group{one.group} == monitor.group &&
-           one.byte == monitor.byte;
-  });
   Json json{{"schema", 1}, {"monitor", identifier_of(monitor)}, {"name", monitor.name}};
   json["status"] = Json();
-  if (found == state.statuses.end()) return json;
-  json["status"] = status_name(found->status);
-  json["sinceS"] = static_cast<double>(found->sinceMs) / 1000;
+  if (const auto* found = status_of(monitor, state)) {
+    json["status"] = status_name(found->status);
+    json["sinceS"] = static_cast<double>(found->sinceMs) / 1000;
+  }
   return json;
 }
 

@@ -2,7 +2,6 @@
 #include <cctype>
 #include <optional>
 #include <string>
-#include <type_traits>
 #include <utility>
 #include <vector>
 
@@ -47,7 +46,7 @@ Json decoded(const Output& output) {
   if constexpr (requires { Output::fault; }) {
     for (auto& fault : values["faults"])
       fault["text"] = fault_text(Output::fault, fault);
-  } else if constexpr (!std::is_same_v<Output, diag::PositioningMMPos>) {
+  } else if constexpr (requires { Output::group; }) {
     for (auto& value : values)
       value = status_name(value.template get<std::uint8_t>());
   }

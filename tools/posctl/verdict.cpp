@@ -5,7 +5,6 @@
 #include <cstdio>
 #include <ctime>
 #include <functional>
-#include <iterator>
 
 #include "tools/posctl/explain.h"
 
@@ -105,13 +104,6 @@ void add_age(const Json& status, std::vector<Finding>& findings) {
                           (synchronised ? "" : ", or a clock is wrong: ours is not synchronised")});
 }
 
-/// The names of the bytes of d_14a0, d_14a1 and d_14a3.
-std::array<Json, 3> names_of_bytes() {
-  namespace diag = lumo::services::diag;
-  return {explain(diag::PositioningStatusInputs{}), explain(diag::PositioningStatusOutputs{}),
-          explain(diag::PositioningStatusSystem{})};
-}
-
 std::string cause_of(const Json& fault, const Json& services) {
   if (fault.contains("element")) return {};
   for (const auto& service : services) {
@@ -171,10 +163,9 @@ std::string meaning_of_status(std::string_view name, std::string_view status) {
 
 // NOLINTNEXTLINE(performance-unnecessary-value-param): members of `status` move
 void add_diagnosis(Json& status, const binding::Diagnosis_state& state, Json services) {
-  const auto names = names_of_bytes();
   for (const auto& one : state.statuses) {
-    if (one.group >= names.size() || one.byte >= names.at(one.group).size()) continue;
-    const auto name = std::next(names.at(one.group).begin(), one.byte).key();
+    const auto name = function_of(one);
+    if (name.empty()) continue;
     const char* const member = member_of(Status_group{one.group});
     status[member][name] = status_name(one.status);
     status["sinceS"][member][name] = static_cast<double>(one.sinceMs) / 1000;
@@ -184,8 +175,7 @@ void add_diagnosis(Json& status, const binding::Diagnosis_state& state, Json ser
   for (const auto& one : state.faults) {
     const Data_bus_fault kind{one.fault};
     if (name_of(kind).empty()) continue;
-    Json fault = explain(lumo::services::diag::Fault_entry{Faulty_service{one.service}, one.element,
-                                                           one.present, one.occurrences});
+    Json fault = explain(one);
     fault["sinceS"] = static_cast<double>(one.sinceMs) / 1000;
     if (kind == Data_bus_fault::not_available && one.present)
       fault["cause"] = cause_of(fault, services);

@@ -74,6 +74,16 @@ TEST(Explain, faults_of_consumed_services_by_name) {
   EXPECT_THROW(static_cast<void>(explain(half)), std::runtime_error);
 }
 
+TEST(Explain, a_status_of_no_group_belongs_to_no_monitor) {
+  binding::Diagnosis_state state;
+  state.statuses = {{3, 0, 1, 0}, {0, 0, 1, 0}};
+  using diagnosisService::Monitor;
+  EXPECT_EQ(posctl::status_of(Monitor{0, "", Status_group::none, 0}, state), nullptr);
+  EXPECT_EQ(posctl::status_of(Monitor{0, "", Status_group::input, 0}, state), &state.statuses[1]);
+  EXPECT_EQ(posctl::function_of(state.statuses[0]), "");
+  EXPECT_EQ(posctl::function_of(state.statuses[1]), "gnss");
+}
+
 /// The state of an application to which positions flow, with no fault.
 Json healthy() {
   Json status = Json::parse(R"({"position": {"none": false}, "process": {"uptimeMs": 60000},

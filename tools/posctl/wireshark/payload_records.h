@@ -2,7 +2,7 @@
 /// member.
 #pragma once
 
-#include <type_traits>
+#include <concepts>
 #include <vector>
 
 #include "binding/interface_description.h"
@@ -12,23 +12,22 @@ namespace posctl::wireshark {
 
 /// Whether the bytes of a record are status bytes. Its 16-bit members hold two of them each.
 template <class Record>
-inline constexpr bool has_statuses =
-    std::is_same_v<Record, lumo::services::diag::PositioningStatusInputs> ||
-    std::is_same_v<Record, lumo::services::diag::PositioningStatusOutputs> ||
-    std::is_same_v<Record, lumo::services::diag::PositioningStatusSystem>;
+concept Has_statuses = requires {
+  { &Record::group } -> std::same_as<const lumo::services::diag::Status_group*>;
+};
+/// Whether its bytes are entries of faults.
 template <class Record>
-inline constexpr bool has_faults = false;
-template <lumo::services::diag::Data_bus_fault Fault>
-inline constexpr bool has_faults<lumo::services::diag::Data_bus_fault_records<Fault>> = true;
+concept Has_faults = requires {
+  { &Record::fault } -> std::same_as<const lumo::services::diag::Data_bus_fault*>;
+};
 
 }  // namespace posctl::wireshark
 
-template <class Record, class Value>
-requires(posctl::wireshark::has_statuses<Record> &&
-         sizeof(Value) == 1) struct binding::Described_as<Record, Value> {
+template <posctl::wireshark::Has_statuses Record, class Value>
+requires(sizeof(Value) == 1) struct binding::Described_as<Record, Value> {
   using type = lumo::services::diag::Status;
 };
-template <class Record, class Value>
-requires(posctl::wireshark::has_faults<Record>) struct binding::Described_as<Record, Value> {
+template <posctl::wireshark::Has_faults Record, class Value>
+struct binding::Described_as<Record, Value> {
   using type = std::vector<lumo::services::diag::Fault_entry>;
 };
