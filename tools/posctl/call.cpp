@@ -1,21 +1,20 @@
 #include <algorithm>
+#include <array>
+#include <cstddef>
 #include <functional>
 #include <optional>
 #include <string>
+#include <tuple>
+#include <type_traits>
+#include <utility>
 #include <vector>
 
-#include "binding/statistics.h"
-#include "clients/GNSS.h"
-#include "clients/Time.h"
-#include "diagnosisService/DiagnosticMonitor.h"
-#include "diagnosisService/data_identifiers.h"
-#include "posService/Positioning.h"
 #include "tools/command.h"
-#include "tools/gnss-gateway/fault_control.h"
 #include "tools/near_name.h"
 #include "tools/posctl/commands.h"
 #include "tools/posctl/connect.h"
 #include "tools/posctl/from_json.h"
+#include "tools/posctl/services.h"
 
 namespace posctl {
 namespace {
@@ -39,107 +38,117 @@ Json answer(Future future, std::string_view name, Deadline deadline) {
   }
 }
 
+/// One element of an interface, at its place.
+template <class Service, std::size_t Place>
+struct Element_of {
+  using Description = std::tuple_element_t<Place, std::remove_const_t<decltype(Service::elements)>>;
+  static constexpr std::string_view name = std::get<Place>(Service::elements).name;
+
+  explicit Element_of(mw::com::cpp_binding::proxy::Proxy_core& core) : element{core, name} {}
+
+  typename Description::template Class_of_side<mw::com::cpp_binding::proxy::Side> element;
+};
+
+/// A proxy with every element of an interface.
+template <class Service, class Places>
+class Proxy_of_places;
+template <class Service, std::size_t... Places>
+class Proxy_of_places<Service, std::index_sequence<Places...>>
+    : public mw::com::cpp_binding::proxy::Proxy_impl<Service>,
+      public Element_of<Service, Places>... {
+  using Base = mw::com::cpp_binding::proxy::Proxy_impl<Service>;
+
+ public:
+  explicit Proxy_of_places(const typename Base::Handle_type& handle)
+      : Base{handle}, Element_of<Service, Places>{this->core()}... {}
+};
+template <class Service>
+using Places_of = std::make_index_sequence<std::tuple_size_v<decltype(Service::elements)>>;
+
+/// Examples of arguments, for the list and for messages.
+struct Example_argument {
+  std::string_view method;
+  std::string_view argument;
+};
+constexpr std::array example_arguments{
+    Example_argument{"Statistics.SetLogLevel", R"({"context": "GNSS", "level": "debug"})"},
+    Example_argument{"Statistics.LogLines", "0"},
+    Example_argument{"FaultControl.Inject", R"({"fault": "jump=1000@5+10"})"},
+    Example_argument{"FaultControl.Clear", R"({"fault": "jump"})"},
+    Example_argument{"DiagnosticMonitor.InitMonitor",
+                     R"("kClear", with --instance 0xD101 for POS_Input_GNSS)"},
+};
+
+template <class Input>
+std::string_view example_of(std::string_view method) {
+  if (std::is_same_v<Input, lumo::services::diag::Meta_info>)
+    return "an object of texts; without one {}";
+  const auto* const found = std::ranges::find(example_arguments, method, &Example_argument::method);
+  return found == example_arguments.end() ? "JSON" : found->argument;
+}
+
+/// A data identifier goes by its number: "d_14a0.Read".
+template <class Service>
+std::string callable_name(std::string_view element) {
+  const std::string_view full = Service::name;
+  const bool is_identifier = full.find("::diag::d_") != std::string_view::npos;
+  const auto service = is_identifier ? lumo::services::diag::identifier_of(full)
+                                     : mw::com::cpp_binding::short_name(full);
+  return std::string(service) + "." + std::string(element);
+}
+
+/// Every method, and the present value of every field.
 class Callables {
  public:
-  /// A method without an argument.
-  template <class Proxy, class Service, class Member>
-  void add(std::string_view method, Member Proxy::*member) {
-    const std::string name = name_of<Service>(method);
-    all_.push_back({name, "", [=](const Json&, Instance instance, Deadline deadline) {
-                      const auto proxy = connect<Proxy>(Service::name, deadline, instance);
-                      return answer(((*proxy).*member)(), name, deadline);
-                    }});
-  }
-  template <class Input, class Proxy, class Service, class Member>
-  void add_with(std::string_view method, Member Proxy::*member, std::string_view input) {
-    const std::string name = name_of<Service>(method);
-    all_.push_back({name, input, [=](const Json& argument, Instance instance, Deadline deadline) {
-                      const auto value = from_json<Input>(argument);
-                      const auto proxy = connect<Proxy>(Service::name, deadline, instance);
-                      return answer(((*proxy).*member)(value), name, deadline);
-                    }});
-  }
-  /// The present value of a field.
-  template <class Proxy, class Service, class Member>
-  void add_field(std::string_view field, Member Proxy::*member) {
-    const std::string name = name_of<Service>(field);
-    all_.push_back({name, "", [=](const Json&, Instance instance, Deadline deadline) {
-                      const auto proxy = connect<Proxy>(Service::name, deadline, instance);
-                      return answer(((*proxy).*member).Get(), name, deadline);
-                    }});
+  template <class Service>
+  void add_service() {
+    [this]<std::size_t... Places>(std::index_sequence<Places...>) {
+      (add<Element_of<Service, Places>, Service>(std::get<Places>(Service::elements)), ...);
+    }
+    (Places_of<Service>());
   }
   std::vector<Callable> take() { return std::move(all_); }
 
  private:
-  /// A data identifier goes by its number: "d_14a0.Read".
-  template <class Service>
-  static std::string name_of(std::string_view element) {
-    const std::string_view full = Service::name;
-    const bool is_identifier = full.find("::diag::d_") != std::string_view::npos;
-    const auto service = is_identifier ? lumo::services::diag::identifier_of(full)
-                                       : mw::com::cpp_binding::short_name(full);
-    return std::string(service) + "." + std::string(element);
+  template <class Element_of, class Service, class Output>
+  void add(const mw::com::cpp_binding::Method<Output()>&) {
+    add_call<Element_of, Service>(
+        "", [](const Json&) { return [](auto& method) { return method(); }; });
+  }
+  template <class Element_of, class Service, class Output, class Input>
+  void add(const mw::com::cpp_binding::Method<Output(Input)>&) {
+    add_call<Element_of, Service>(
+        example_of<Input>(callable_name<Service>(Element_of::name)), [](const Json& argument) {
+          return [value = from_json<Input>(argument)](auto& method) { return method(value); };
+        });
+  }
+  template <class Element_of, class Service, class Value>
+  void add(const mw::com::cpp_binding::Field<Value>&) {
+    add_call<Element_of, Service>(
+        "", [](const Json&) { return [](auto& field) { return field.Get(); }; });
+  }
+  template <class Element_of, class Service, class Value>
+  void add(const mw::com::cpp_binding::Event<Value>&) {}
+
+  /// `prepare` reads the argument before the search for the service, and returns the call.
+  template <class Element_of, class Service, class Prepare>
+  void add_call(std::string_view input, Prepare prepare) {
+    const std::string name = callable_name<Service>(Element_of::name);
+    all_.push_back({name, input, [=](const Json& argument, Instance instance, Deadline deadline) {
+                      using Proxy = Proxy_of_places<Service, Places_of<Service>>;
+                      const auto start = prepare(argument);
+                      const auto proxy = connect<Proxy>(Service::name, deadline, instance);
+                      return answer(start(static_cast<Element_of&>(*proxy).element), name,
+                                    deadline);
+                    }});
   }
 
   std::vector<Callable> all_;
 };
 
-void add_statistics(Callables& all) {
-  using binding::Statistics;
-  using Proxy = binding::Statistics_proxy;
-  all.add<Proxy, Statistics>("Counters", &Proxy::Counters);
-  all.add<Proxy, Statistics>("Process", &Proxy::Process);
-  all.add<Proxy, Statistics>("Ages", &Proxy::Ages);
-  all.add<Proxy, Statistics>("Stamps", &Proxy::Stamps);
-  all.add<Proxy, Statistics>("Clock", &Proxy::Clock);
-  all.add<Proxy, Statistics>("Peers", &Proxy::Peers);
-  all.add<Proxy, Statistics>("Diagnosis", &Proxy::Diagnosis);
-  all.add<Proxy, Statistics>("Settings", &Proxy::Settings);
-  all.add<Proxy, Statistics>("LogLevels", &Proxy::LogLevels);
-  all.add_with<binding::Log_context_level, Proxy, Statistics>(
-      "SetLogLevel", &Proxy::SetLogLevel, R"({"context": "GNSS", "level": "debug"})");
-  all.add_with<std::uint64_t, Proxy, Statistics>("LogLines", &Proxy::LogLines, "0");
-}
-
-void add_fault_control(Callables& all) {
-  using gateway::Fault_control;
-  using Proxy = gateway::Fault_control_proxy;
-  all.add<Proxy, Fault_control>("Kinds", &Proxy::Kinds);
-  all.add<Proxy, Fault_control>("Faults", &Proxy::Faults);
-  constexpr std::string_view input = R"({"fault": "jump=1000@5+10"})";
-  all.add_with<gateway::Fault_order, Proxy, Fault_control>("Inject", &Proxy::Inject, input);
-  all.add_with<gateway::Fault_order, Proxy, Fault_control>("Clear", &Proxy::Clear,
-                                                           R"({"fault": "jump"})");
-}
-
 std::vector<Callable> callables() {
-  using namespace lumo::services;
-  using mw::dm::dem::DiagnosticMonitor;
-  using mw::dm::dem::InitMonitorReason;
-  using mw::dm::dem::proxy::DiagnosticMonitorProxy;
   Callables all;
-  add_statistics(all);
-  add_fault_control(all);
-  using positioning::Positioning;
-  using positioning::proxy::PositioningProxy;
-  all.add_field<PositioningProxy, Positioning>("positions", &PositioningProxy::positions);
-  all.add_field<PositioningProxy, Positioning>("posMapInfo", &PositioningProxy::posMapInfo);
-  using gnss::proxy::GNSSProxy;
-  all.add_field<GNSSProxy, gnss::GNSS>("positions", &GNSSProxy::positions);
-  all.add_field<GNSSProxy, gnss::GNSS>("positionsQuality", &GNSSProxy::positionsQuality);
-  all.add_field<GNSSProxy, gnss::GNSS>("posGnssSatInfos", &GNSSProxy::posGnssSatInfos);
-  using time::proxy::TimeProxy;
-  all.add_field<TimeProxy, time::Time>("times", &TimeProxy::times);
-  all.add_field<TimeProxy, time::Time>("timeSettings", &TimeProxy::timeSettings);
-  diag::for_each_interface<diag::Data_identifiers>([&]<class Interface>() {
-    using Proxy = diag::Data_identifier_proxy<Interface>;
-    constexpr std::string_view input = "an object of texts; without one {}";
-    all.add_with<diag::Meta_info, Proxy, Interface>("Read", &Proxy::Read, input);
-    all.add_with<diag::Meta_info, Proxy, Interface>("Cancel", &Proxy::Cancel, input);
-  });
-  all.add_with<InitMonitorReason, DiagnosticMonitorProxy, DiagnosticMonitor>(
-      "InitMonitor", &DiagnosticMonitorProxy::InitMonitor,
-      R"("kClear", with --instance 0xD101 for POS_Input_GNSS)");
+  for_each_service([&]<class Service>() { all.add_service<Service>(); });
   return all.take();
 }
 
