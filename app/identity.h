@@ -3,5 +3,6 @@
 
 #include "ara/core/initialization.h"
 
-/// The name "pos", the node "POS", and config/manifest.json as it was when this was built.
+/// The name "pos", the node application_node, and config/manifest.json as it was when this was
+/// built.
 [[nodiscard]] ara::core::Application positioning_application();

@@ -12,6 +12,7 @@
 #include <thread>
 #include <utility>
 
+#include "app/application_instance.h"
 #include "app/build_info.h"
 #include "app/posApplication.h"
 #include "app/signal_thread.h"
@@ -162,8 +163,7 @@ int pos_main(int argc, char** argv) {
     const binding::Trace_records trace_records(trace_logger);
     auto runtime = std::make_unique<mw::com::runtime::Component_singleton>("", false);
     signal_thread.emplace(handle_signal);
-    Persistency persistency("POS_Key_Value_Port",
-                            ara::log::CreateLogger("DBAC", "Persistency access"));
+    Persistency persistency(settings_port, ara::log::CreateLogger("DBAC", "Persistency access"));
     auto owner = std::make_unique<Application_owner>(std::move(persistency));
     exit_code = (*owner)->run();
 

@@ -5,6 +5,7 @@
 #include <string>
 #include <utility>
 
+#include "app/application_instance.h"
 #include "ara/per/key_value_storage.h"
 #include "binding/statistics.h"
 #include "platform/linux/per/location.h"
@@ -24,13 +25,12 @@ using ara::per::KvsType;
 using binding::Statistics;
 using binding::Statistics_proxy;
 
-constexpr const char* port = "POS_Key_Value_Port";
-
 std::unique_ptr<KeyValueStorage> open_store() {
   try {
-    return std::make_unique<KeyValueStorage>(port);
+    return std::make_unique<KeyValueStorage>(settings_port);
   } catch (const ara::per::ExceptionStorageLocationNotFound&) {
-    return std::make_unique<KeyValueStorage>(port);  // the first attempt has made the folder
+    // The first attempt has made the folder.
+    return std::make_unique<KeyValueStorage>(settings_port);
   }
 }
 
@@ -131,8 +131,8 @@ int settings(const Look_options& options) {
   std::optional<ara::per::Values> store;
   Json json{{"schema", 1}, {"running", running.has_value()}, {"settings", Json::array()}};
   try {
-    const auto file = ara::per::file_of_store(port);
-    auto stored = ara::per::stored_values(file, port);
+    const auto file = ara::per::file_of_store(settings_port);
+    auto stored = ara::per::stored_values(file, settings_port);
     const bool is_there = stored.origin == ara::per::Stored_values::Origin::file;
     json["store"] = (is_there ? "Store: " : "No store yet: ") + file.path();
     store = std::move(stored.values);

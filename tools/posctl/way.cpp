@@ -8,6 +8,7 @@
 #include <memory>
 #include <utility>
 
+#include "app/application_instance.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
 #include "platform/linux/com/socket_paths.h"

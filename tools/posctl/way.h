@@ -16,9 +16,6 @@
 
 namespace posctl {
 
-/// The application's node of the manifest.
-inline constexpr const char* application_node = "POS";
-
 struct Way_options {
   std::string node;     ///< of the manifest, to use the network; empty: "posctl", if it is needed
   std::string connect;  ///< path of a socket, or IP address of the application; empty: either way

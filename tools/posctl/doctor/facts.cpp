@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "app/application_instance.h"
 #include "clients/GNSS.h"
 
 namespace posctl::doctor {
@@ -13,7 +14,8 @@ namespace {
 const someip::Node_deployment* node_of_application(
     const std::optional<someip::Deployment>& manifest) {
   if (!manifest) return nullptr;
-  const auto found = std::ranges::find(manifest->nodes, "POS", &someip::Node_deployment::name);
+  const auto found =
+      std::ranges::find(manifest->nodes, application_node, &someip::Node_deployment::name);
   return found == manifest->nodes.end() ? nullptr : &*found;
 }
 

@@ -15,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "app/application_instance.h"
 #include "ara/time/slave_time_base.h"
 #include "clients/GNSS.h"
 #include "mw/com/runtime.h"

@@ -11,6 +11,7 @@
 #include <string>
 #include <system_error>
 
+#include "app/application_instance.h"
 #include "platform/someip/net/udp_socket.h"
 #include "tools/posctl/doctor/checks.h"
 
@@ -88,8 +89,8 @@ void check_address_taken(const Facts& facts, Findings& findings) {
   look(facts.deployment->discovery.port);
   for (const auto& service : facts.deployment->services) {
     for (const auto& instance : service.instances) {
-      if (instance.node == "POS" && service.name.find("::Positioning") != std::string::npos &&
-          instance.udp_port) {
+      if (instance.node == application_node &&
+          service.name.find("::Positioning") != std::string::npos && instance.udp_port) {
         look(*instance.udp_port);
       }
     }

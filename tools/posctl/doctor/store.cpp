@@ -2,25 +2,21 @@
 
 #include <exception>
 
+#include "app/application_instance.h"
 #include "ara/per/exceptions.h"
 #include "platform/linux/per/stored_values.h"
 
 namespace posctl::doctor {
 
-namespace {
-
-constexpr const char* port = "POS_Key_Value_Port";
-
-}  // namespace
-
 std::optional<std::string> store_path() try {
-  return ara::per::file_of_store(port).path();
+  return ara::per::file_of_store(settings_port).path();
 } catch (const ara::per::ExceptionStorageLocationNotFound&) {
   return std::nullopt;
 }
 
 bool store_setting(const std::string& key, bool otherwise) try {
-  const auto values = ara::per::stored_values(ara::per::file_of_store(port), port).values;
+  const auto values =
+      ara::per::stored_values(ara::per::file_of_store(settings_port), settings_port).values;
   const auto found = values.find(key);
   const bool known =
       found != values.end() && found->second.GetType() == ara::per::KvsType::Type::kBoolean;
