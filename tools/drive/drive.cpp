@@ -5,6 +5,8 @@
 #include <cmath>
 #include <numbers>
 
+#include "tools/from_seconds.h"
+
 namespace drive {
 namespace {
 
@@ -122,7 +124,7 @@ void Course::find_tunnels() {
 }
 
 std::chrono::nanoseconds Course::lap_time() const {
-  return std::chrono::nanoseconds(std::llround(lap_seconds_ * 1e9));
+  return tools::from_seconds(lap_seconds_);
 }
 
 double Course::lap_seconds_of(double seconds) const {

@@ -5,7 +5,7 @@
 #include <utility>
 
 #include "tools/gnss-gateway/fault.h"
-#include "tools/gnss-gateway/from_seconds.h"
+#include "tools/from_seconds.h"
 
 namespace gateway::faults {
 namespace {
@@ -176,15 +176,15 @@ std::unique_ptr<Fault> make_loss(const Fault_value& value, Fault_time) {
 }
 
 std::unique_ptr<Fault> make_delay(const Fault_value& value, Fault_time) {
-  return std::make_unique<Delay>(from_seconds(value.number));
+  return std::make_unique<Delay>(tools::from_seconds(value.number));
 }
 
 std::unique_ptr<Fault> make_jitter(const Fault_value& value, Fault_time) {
-  return std::make_unique<Jitter>(from_seconds(value.number));
+  return std::make_unique<Jitter>(tools::from_seconds(value.number));
 }
 
 std::unique_ptr<Fault> make_burst(const Fault_value& value, Fault_time start) {
-  return std::make_unique<Burst>(from_seconds(value.number), start);
+  return std::make_unique<Burst>(tools::from_seconds(value.number), start);
 }
 
 std::unique_ptr<Fault> make_duplicate(const Fault_value&, Fault_time) {

@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "tools/gnss-gateway/fault.h"
-#include "tools/gnss-gateway/from_seconds.h"
+#include "tools/from_seconds.h"
 #include "tools/near_name.h"
 
 namespace gateway {
@@ -148,7 +148,7 @@ Fault_time time_in(std::string_view request,
   const double value =
       number_in(request, text, low, longest,
                 what + " in seconds from " + decimal(low) + " to " + decimal(longest));
-  return from_seconds(value);
+  return tools::from_seconds(value);
 }
 
 const Fault_kind& kind_named(std::string_view request, std::string_view name) {

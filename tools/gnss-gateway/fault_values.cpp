@@ -8,8 +8,8 @@
 
 #include "binding/record.h"
 #include "binding/timestamp.h"
+#include "tools/from_seconds.h"
 #include "tools/gnss-gateway/fault.h"
-#include "tools/gnss-gateway/from_seconds.h"
 
 namespace gateway::faults {
 namespace {
@@ -298,17 +298,17 @@ std::unique_ptr<Fault> make_only_type(const Fault_value& value, Fault_time) {
 }
 
 std::unique_ptr<Fault> make_stamp_jump(const Fault_value& value, Fault_time) {
-  return shifting_stamps(from_seconds(value.number));
+  return shifting_stamps(tools::from_seconds(value.number));
 }
 
 std::unique_ptr<Fault> make_future_stamps(const Fault_value& value, Fault_time) {
-  return shifting_stamps(from_seconds(value.number));
+  return shifting_stamps(tools::from_seconds(value.number));
 }
 
 std::unique_ptr<Fault> make_slow_clock(const Fault_value& value, Fault_time start) {
   return changing_stamps(
       [slowness = value.number / 1e6, start](Fault_time now, std::chrono::nanoseconds stamp) {
-        return stamp - from_seconds(slowness * seconds(now - start));
+        return stamp - tools::from_seconds(slowness * seconds(now - start));
       });
 }
 

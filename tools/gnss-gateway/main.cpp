@@ -17,8 +17,8 @@
 #include "ara/core/initialization.h"
 #include "mw/com/runtime.h"
 #include "tools/command_line.h"
+#include "tools/from_seconds.h"
 #include "tools/gnss-gateway/explanation.h"
-#include "tools/gnss-gateway/from_seconds.h"
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
 #include "tools/gnss-gateway/reasons.h"
@@ -355,9 +355,9 @@ int run(int argc, char** argv) {
   if (app.count("--gpsd") > 0) gpsd = gpsd_options(options.gpsd);
   options.nmea.speed_up = options.speed_up;
   options.nmea.loop = options.drive.loop = options.loop;
-  options.drive.start = gateway::from_seconds(options.start_at);
-  options.nmea.max_gap = gateway::from_seconds(options.max_gap);
-  options.output.max_duration = gateway::from_seconds(options.seconds);
+  options.drive.start = tools::from_seconds(options.start_at);
+  options.nmea.max_gap = tools::from_seconds(options.max_gap);
+  options.output.max_duration = tools::from_seconds(options.seconds);
 
   const auto course = gateway::course_of(options.drive);
   tools::Stop_signal stop_signal;

@@ -13,7 +13,7 @@
 
 #include "binding/timestamp.h"
 #include "posService/positioning_records.h"
-#include "tools/gnss-gateway/from_seconds.h"
+#include "tools/from_seconds.h"
 
 namespace gateway {
 namespace {
@@ -189,7 +189,7 @@ void Script_line::add_to(Notification& all, const Context& context) const {
         !json.contains("preciseLocalTimeNanoseconds")) {
       binding::set_timestamp(record, binding::Timestamp::of(context.precise_local_time));
     } else if (recorded_) {
-      move_stamp(record, context.precise_local_time - from_seconds(time_));
+      move_stamp(record, context.precise_local_time - tools::from_seconds(time_));
     }
     append(all.positions, record, json);
   }
@@ -236,7 +236,7 @@ std::optional<Script::Entry> Script::next() {
       }
       if (line.time() < last_) throw std::invalid_argument("the time goes backwards");
       last_ = line.time();
-      if (line.is_sent()) return Entry{from_seconds(last_ - *begin_), std::move(line)};
+      if (line.is_sent()) return Entry{tools::from_seconds(last_ - *begin_), std::move(line)};
     } catch (const std::invalid_argument& error) {
       fail(error.what());
     }

@@ -4,6 +4,8 @@
 #include <charconv>
 #include <cmath>
 
+#include "tools/from_seconds.h"
+
 namespace nmea {
 namespace {
 
@@ -212,7 +214,7 @@ std::optional<std::chrono::nanoseconds> time_of_day(Fields& fields, std::size_t 
   }
   const auto fraction =
       static_cast<double>(result->numerator % result->scale) / static_cast<double>(result->scale);
-  return h + m + s + nanoseconds{std::llround(fraction * 1e9)};
+  return h + m + s + tools::from_seconds(fraction);
 }
 
 std::optional<std::chrono::year_month_day> short_date(Fields& fields, std::size_t index) {

@@ -4,11 +4,11 @@
 #include <chrono>
 #include <cmath>
 
-namespace gateway {
+namespace tools {
 
 /// To the nearest nanosecond.
 [[nodiscard]] inline std::chrono::nanoseconds from_seconds(double seconds) {
   return std::chrono::nanoseconds(std::llround(seconds * 1e9));
 }
 
-}  // namespace gateway
+}  // namespace tools
