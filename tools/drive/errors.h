@@ -4,7 +4,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "tools/drive/drive.h"
+#include "tools/drive/course.h"
 
 namespace drive {
 

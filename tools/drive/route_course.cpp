@@ -3,7 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "tools/drive/drive.h"
+#include "tools/drive/course.h"
 
 namespace drive {
 namespace {

@@ -67,16 +67,16 @@ void Explanation::finish() {
 
 void Explanation::take(const nmea::Fix& fix) {
   ++(fix.valid ? fixes_ : without_fix_);
-  if (fix.utc) told_.insert("date");
+  if (fix.utc) reported_.insert("date");
   const auto notification = to_notification(fix, {});
   const auto note = [&]<class Record>(const Record& record) {
     binding::for_each_quantity<Record>([&](const auto& quantity) {
-      if (record.*quantity.value.pointer) told_.insert(quantity.value.name);
+      if (record.*quantity.value.pointer) reported_.insert(quantity.value.name);
     });
   };
   note(notification.positions.at(0));
   note(notification.quality.at(0));
-  if (fix.antenna) told_.insert("statusGNSSAntenna");
+  if (fix.antenna) reported_.insert("statusGNSSAntenna");
 }
 
 std::vector<Explanation::Row> Explanation::rows() const {
@@ -102,7 +102,7 @@ std::vector<Explanation::Row> Explanation::rows() const {
 std::vector<Explanation::Silence> Explanation::silences() const {
   std::vector<Silence> result;
   for (const auto& teller : tellers) {
-    if (!told_.contains(teller.member)) result.push_back({teller.member, teller.sentences});
+    if (!reported_.contains(teller.member)) result.push_back({teller.member, teller.sentences});
   }
   return result;
 }

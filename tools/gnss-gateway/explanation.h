@@ -56,7 +56,7 @@ class Explanation {
   std::map<std::string, std::uint64_t, std::less<>> others_;
   std::uint64_t fixes_ = 0;
   std::uint64_t without_fix_ = 0;
-  std::set<std::string_view> told_;  ///< names of the records' members
+  std::set<std::string_view> reported_;  ///< names of the records' members
 };
 
 }  // namespace gateway

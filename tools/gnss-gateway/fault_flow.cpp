@@ -4,8 +4,8 @@
 #include <random>
 #include <utility>
 
-#include "tools/gnss-gateway/fault.h"
 #include "tools/from_seconds.h"
+#include "tools/gnss-gateway/fault.h"
 
 namespace gateway::faults {
 namespace {

@@ -5,8 +5,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "tools/gnss-gateway/fault.h"
 #include "tools/from_seconds.h"
+#include "tools/gnss-gateway/fault.h"
 #include "tools/near_name.h"
 
 namespace gateway {

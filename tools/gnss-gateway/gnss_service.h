@@ -11,21 +11,21 @@
 namespace gateway {
 
 /// An encoded value of a field.
-struct Payload {
+struct Encoded_payload {
   std::vector<std::byte> bytes;
 };
 
 /// The notifications of one instant. What is absent is not sent.
 struct Encoded_instant {
-  std::optional<Payload> positions;
-  std::optional<Payload> quality;
-  std::optional<Payload> satellites;
+  std::optional<Encoded_payload> positions;
+  std::optional<Encoded_payload> quality;
+  std::optional<Encoded_payload> satellites;
 };
 
 /// lumo::services::gnss::GNSS as it travels.
 struct Encoded_gnss {
   using Described = lumo::services::gnss::GNSS;
-  using Field = mw::com::cpp_binding::Field<Payload>;
+  using Field = mw::com::cpp_binding::Field<Encoded_payload>;
 
   static constexpr std::string_view name = Described::name;
   static constexpr auto version = Described::version;
@@ -38,11 +38,11 @@ struct Encoded_gnss {
 }  // namespace gateway
 
 template <>
-struct mw::com::cpp_binding::Serialization<gateway::Payload> {
-  static void encode(const gateway::Payload& value, std::vector<std::byte>& out) {
+struct mw::com::cpp_binding::Serialization<gateway::Encoded_payload> {
+  static void encode(const gateway::Encoded_payload& value, std::vector<std::byte>& out) {
     out.insert(out.end(), value.bytes.begin(), value.bytes.end());
   }
-  static std::span<const std::byte> encode_into(const gateway::Payload& value,
+  static std::span<const std::byte> encode_into(const gateway::Encoded_payload& value,
                                                 std::vector<std::byte>& /*scratch*/) {
     return value.bytes;
   }

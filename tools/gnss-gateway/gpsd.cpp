@@ -183,13 +183,13 @@ bool Gpsd::connect() {
 
 /// Returns true when the connection has ended, false when the output is done.
 bool Gpsd::serve() {
-  heard_ = steady_clock::now();
+  received_ = steady_clock::now();
   was_connected_ = true;
   connection_.watch();
   while (true) {
     auto due = std::min(next_look_, next_call_);
     if (absence_ == Absence::nothing || absence_ == Absence::unknown) {
-      due = std::min(due, heard_ + patience_);
+      due = std::min(due, received_ + patience_);
     }
     const auto wake = wait_until(due, connection_.descriptor());
     if (wake == Wake::stopped) return false;
@@ -225,10 +225,10 @@ void Gpsd::publish(const nmea::Fix& fix) {
       absence_ = Absence::nothing;
       next_absence_report_ = Time::max();
     } else {
-      patience_ = std::clamp<std::chrono::nanoseconds>(intervals_of_patience * (now - heard_),
+      patience_ = std::clamp<std::chrono::nanoseconds>(intervals_of_patience * (now - received_),
                                                        min_patience, max_patience);
     }
-    heard_ = now;
+    received_ = now;
     calls_left_ = 0;
     next_call_ = Time::max();
     if (path_ != reader_.device()) {
@@ -243,7 +243,8 @@ void Gpsd::publish(const nmea::Fix& fix) {
 void Gpsd::handle_time(Time now) {
   if (reader_.device_is_missing()) lose(Absence::device);
   if (now >= next_look_) look_at_device(now);
-  if ((absence_ == Absence::nothing || absence_ == Absence::unknown) && now >= heard_ + patience_) {
+  if ((absence_ == Absence::nothing || absence_ == Absence::unknown) &&
+      now >= received_ + patience_) {
     lose(Absence::data);
     if (path_exists_) {
       calls_left_ = calls;

@@ -83,7 +83,7 @@ class Gpsd {
   Absence absence_ = Absence::unknown;
   Time next_absence_report_;
   bool was_connected_ = false;
-  Time heard_{};  ///< time of the newest fix, or of the connection
+  Time received_{};  ///< time of the newest fix, or of the connection
   std::chrono::nanoseconds patience_;
 
   /// The last device that sent positions, if its path exists on this machine.

@@ -79,14 +79,14 @@ Source_result Live::run() {
 }
 
 void Live::begin() {
-  heard_ = understood_ = steady_clock::now();
+  received_ = understood_ = steady_clock::now();
   silences_ = 2;
   warned_ = false;
   if (!input_.is_serial()) return;
   if (options_.baud) {
     input_.set_rate(*options_.baud);
   } else {
-    search_.begin(input_, reader_.counters().sound(), heard_);
+    search_.begin(input_, reader_.counters().sound(), received_);
   }
 }
 
@@ -95,7 +95,7 @@ bool Live::take_bytes() {
   const auto bytes = input_.read();
   if (!bytes) return true;
   if (!bytes->empty()) {
-    heard_ = steady_clock::now();
+    received_ = steady_clock::now();
     silences_ = 0;
     reader_.feed(*bytes, sink_);
     return true;
@@ -111,11 +111,11 @@ bool Live::take_bytes() {
 
 void Live::handle_time(Time now) {
   if (!input_.is_open()) return;
-  if (silences_ == 0 && now >= heard_ + brief_silence) {
+  if (silences_ == 0 && now >= received_ + brief_silence) {
     silences_ = 1;
     reader_.pause(nmea::Silence::brief, sink_);
   }
-  if (silences_ == 1 && now >= heard_ + lasting_silence) {
+  if (silences_ == 1 && now >= received_ + lasting_silence) {
     silences_ = 2;
     reader_.pause(nmea::Silence::lasting, sink_);
   }
@@ -135,8 +135,8 @@ void Live::handle_time(Time now) {
 
 Live::Time Live::next_due() const {
   auto due = search_.due();
-  if (silences_ == 0) due = std::min(due, heard_ + brief_silence);
-  if (silences_ == 1) due = std::min(due, heard_ + lasting_silence);
+  if (silences_ == 0) due = std::min(due, received_ + brief_silence);
+  if (silences_ == 1) due = std::min(due, received_ + lasting_silence);
   if (!warned_) due = std::min(due, understood_ + patience);
   return due;
 }

@@ -60,7 +60,7 @@ class Live {
   nmea::Reader reader_;
   const nmea::Reader::Sink sink_;
   Rate_search search_;
-  Time heard_{};       ///< time of the newest byte, or of the opening
+  Time received_{};    ///< time of the newest byte, or of the opening
   Time understood_{};  ///< the same for a sentence with a right checksum
   std::uint64_t sound_ = 0;
   int silences_ = 0;     ///< silences handled since the newest byte: brief, lasting

@@ -201,12 +201,15 @@ void add_route_options(CLI::App& app, Options& options, const Sources& sources) 
       ->excludes(script);
 }
 
-void add_receiver_options(CLI::App& app, Options& options, CLI::Option* file) {
+void add_end_options(CLI::App& app, Options& options, CLI::Option* file) {
   auto* loop = app.add_flag("--loop", options.loop,
                             "Begin again at the end of a recording, script or route");
   app.add_flag("--once", options.once, "End at the recording's end (default)")
       ->needs(file)
       ->excludes(loop);
+}
+
+void add_receiver_options(CLI::App& app, Options& options, CLI::Option* file) {
   app.add_option("--baud", options.nmea.baud,
                  "Rate of a serial device; without it the gateway tries until sentences come")
       ->check(CLI::IsMember(
@@ -224,6 +227,7 @@ void add_source_options(CLI::App& app, Options& options) {
   sources.script = add_script(app, options, sources);
   add_pace_options(app, options, sources.file);
   add_route_options(app, options, sources);
+  add_end_options(app, options, sources.file);
   add_receiver_options(app, options, sources.file);
 }
 

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "clients/gnss_records.h"
-#include "tools/drive/drive.h"
+#include "tools/drive/course.h"
 #include "tools/gnss-gateway/context.h"
 #include "tools/nmea/fix.h"
 

@@ -46,8 +46,8 @@ DT_timeSettings_struct default_time_settings() {
 constexpr std::int32_t leap_seconds = 37;
 
 template <class Record>
-Payload encoded(const std::vector<Record>& records, Malformation malformation) {
-  Payload payload;
+Encoded_payload encoded(const std::vector<Record>& records, Malformation malformation) {
+  Encoded_payload payload;
   binding::encode(records, payload.bytes);
   if (malformation != Malformation::none) payload.bytes = malformed(payload.bytes, malformation);
   return payload;

@@ -66,7 +66,7 @@ class Someip_second_provider final : public Second_provider {
   }
 
  private:
-  void update(std::string_view field, const std::optional<Payload>& value) {
+  void update(std::string_view field, const std::optional<Encoded_payload>& value) {
     const auto notifier = provider_->element(field).notifier;
     if (value && notifier) provider_->update_field(*notifier, value->bytes);
   }

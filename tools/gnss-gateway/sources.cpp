@@ -4,7 +4,7 @@
 #include <cmath>
 #include <stdexcept>
 
-#include "tools/drive/drive.h"
+#include "tools/drive/course.h"
 #include "tools/drive/errors.h"
 #include "tools/drive/route.h"
 #include "tools/gnss-gateway/fix_publisher.h"

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "tools/drive/drive.h"
+#include "tools/drive/course.h"
 #include "tools/gnss-gateway/input.h"
 #include "tools/gnss-gateway/output.h"
 #include "tools/gnss-gateway/script.h"

@@ -132,7 +132,7 @@ detail::Sky& Epoch_builder::sky_for(bool kind_returned) {
 
 void Epoch_builder::add_active(const Active_satellites& sentence) {
   auto& sky = sky_for(epoch_ && epoch_->used_returned);
-  sky.used_told = true;
+  sky.used_reported = true;
   for (std::size_t index = 0; index < sentence.used_count; ++index) {
     const auto& used = sentence.used.at(index);
     if (sky.used.size() < max_used &&
@@ -199,7 +199,7 @@ std::optional<Fix> Epoch_builder::pause(Silence silence) {
   if (silence == Silence::brief && (usual_types_ & ~epoch_->types()) != 0) return std::nullopt;
   auto fix = make_fix();
   epoch_->returned = true;
-  epoch_->used_returned = epoch_->sky.used_told;
+  epoch_->used_returned = epoch_->sky.used_reported;
   epoch_->views_returned = !epoch_->sky.views.empty();
   return fix;
 }
@@ -239,7 +239,7 @@ void Epoch_builder::judge(const std::optional<std::chrono::year_month_day>& date
     sky.dimension = std::nullopt;
     sky.pdop = sky.hdop = sky.vdop = std::nullopt;
     sky.used.clear();
-    sky.used_told = false;
+    sky.used_reported = false;
   }
 }
 

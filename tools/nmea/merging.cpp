@@ -63,10 +63,10 @@ bool agree(const Coordinates& one, const Coordinates& other) {
 
 /// `value` gives an optional of a sentence, `agree` compares two of them.
 void judge_by(Navigation_sentences& sentences, auto&& value, auto&& agree) {
-  const auto tells = [&](const std::optional<Told_navigation>& told) {
+  const auto tells = [&](const std::optional<Reported_navigation>& told) {
     return told && told->believed && told->sentence.valid != false && value(told->sentence);
   };
-  const std::optional<Told_navigation>* reference = nullptr;
+  const std::optional<Reported_navigation>* reference = nullptr;
   std::ptrdiff_t most = 0;
   for (const auto& candidate : sentences) {
     if (!tells(candidate)) continue;
@@ -140,7 +140,7 @@ void take(const Sky& sky, Fix& fix) {
   complete(fix.hdop, sky.hdop);
   complete(fix.vdop, sky.vdop);
   if (sky.dimension) fix.dimension = sky.dimension;
-  if (sky.used_told) {
+  if (sky.used_reported) {
     const auto listed = static_cast<unsigned>(sky.used.size());
     fix.satellites_in_use = std::max(fix.satellites_in_use.value_or(0), listed);
   }

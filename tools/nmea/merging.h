@@ -22,7 +22,7 @@ struct View {
 /// The satellites of the GSA and GSV sentences of one instant.
 struct Sky {
   std::vector<Satellite_number> used;
-  bool used_told = false;
+  bool used_reported = false;
   std::optional<Fix_dimension> dimension;
   std::optional<double> pdop;
   std::optional<double> hdop;
@@ -30,12 +30,12 @@ struct Sky {
   std::vector<View> views;
 };
 
-struct Told_navigation {
+struct Reported_navigation {
   Navigation sentence;
   Talker talker{};
   bool believed = true;  ///< false: the others of the instant contradict it
 };
-using Navigation_sentences = std::array<std::optional<Told_navigation>, navigation_type_count>;
+using Navigation_sentences = std::array<std::optional<Reported_navigation>, navigation_type_count>;
 
 /// Fills an absent value.
 template <typename T>

@@ -22,10 +22,11 @@ using Deadline = std::chrono::steady_clock::time_point;
 
 /// The search for one instance of a service. Several at once take no longer than one.
 template <class Proxy>
-class Search {
+class Instance_search {
  public:
   /// For the first instance that is found, or for one.
-  explicit Search(std::string_view service, std::optional<std::uint16_t> instance = std::nullopt)
+  explicit Instance_search(std::string_view service,
+                           std::optional<std::uint16_t> instance = std::nullopt)
       : service_{service}, future_{found_->get_future()} {
     search_ = Proxy::StartFindService(
         [found = found_, taken = false](const auto& handles, auto) mutable {
@@ -35,9 +36,9 @@ class Search {
         },
         instance);
   }
-  ~Search() { Proxy::StopFindService(search_); }
-  Search(const Search&) = delete;
-  Search& operator=(const Search&) = delete;
+  ~Instance_search() { Proxy::StopFindService(search_); }
+  Instance_search(const Instance_search&) = delete;
+  Instance_search& operator=(const Instance_search&) = delete;
 
   /// Once. Throws tools::No_answer when no instance is offered in time.
   [[nodiscard]] std::unique_ptr<Proxy> proxy(Deadline deadline) {
@@ -63,7 +64,7 @@ template <class Proxy>
 [[nodiscard]] std::unique_ptr<Proxy> connect(std::string_view service,
                                              Deadline deadline,
                                              std::optional<std::uint16_t> instance = std::nullopt) {
-  return Search<Proxy>(service, instance).proxy(deadline);
+  return Instance_search<Proxy>(service, instance).proxy(deadline);
 }
 
 /// The result of a method call. Throws tools::No_answer when none comes in time or the provider

@@ -8,7 +8,7 @@
 #include "platform/someip/base/hexadecimal.h"
 #include "tools/command.h"
 #include "tools/posctl/commands.h"
-#include "tools/posctl/offers.h"
+#include "tools/posctl/offer_table.h"
 #include "tools/stop_signal.h"
 
 namespace posctl {

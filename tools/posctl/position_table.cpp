@@ -80,9 +80,9 @@ std::vector<std::string> Position_table::rows(const Json& record,
                                               Time now) {
   const std::lock_guard lock(mutex_);
   std::vector<std::string> lines;
-  if (told_.count() != 0 && count_ != 0)
+  if (reported_.count() != 0 && count_ != 0)
     lines.push_back(local_time() + " back after " + text_of(now - *last_));
-  told_ = {};
+  reported_ = {};
   last_ = now;
   arrivals_[count_++ % arrivals_.size()] = now;
 
@@ -108,8 +108,8 @@ std::optional<std::string> Position_table::silence(Time now) {
   if (!last_) last_ = now;
   const std::chrono::duration<double> quiet = now - *last_;
   const double usual = rate() == 0 ? 0 : 3 / rate();
-  if (quiet.count() < std::max({2.0, usual, 2 * told_.count()})) return std::nullopt;
-  told_ = quiet;
+  if (quiet.count() < std::max({2.0, usual, 2 * reported_.count()})) return std::nullopt;
+  reported_ = quiet;
   return local_time() + " nothing for " + text_of(quiet);
 }
 

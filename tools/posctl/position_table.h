@@ -37,7 +37,7 @@ class Position_table {
   std::array<Time, 32> arrivals_;  ///< a ring
   std::size_t count_ = 0;          ///< of all arrivals
   std::optional<Time> last_;
-  std::chrono::duration<double> told_{};  ///< the silence of the last line; 0: none
+  std::chrono::duration<double> reported_{};  ///< the silence of the last line; 0: none
 };
 
 }  // namespace posctl

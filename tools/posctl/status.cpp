@@ -48,9 +48,9 @@ Json not_zero(const Json& counters) {
 
 Json read_all(Deadline deadline) {
   // All searches begin before the first wait.
-  Search<PositioningProxy> positioning_search(Positioning::name);
-  Search<Statistics_proxy> statistics_search(Statistics::name);
-  Search<Data_identifier_proxy<Map_matched>> map_matched_search(Map_matched::name);
+  Instance_search<PositioningProxy> positioning_search(Positioning::name);
+  Instance_search<Statistics_proxy> statistics_search(Statistics::name);
+  Instance_search<Data_identifier_proxy<Map_matched>> map_matched_search(Map_matched::name);
 
   const auto positioning = positioning_search.proxy(deadline);
   const auto service = statistics_search.proxy(deadline);

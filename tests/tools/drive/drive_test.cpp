@@ -1,5 +1,3 @@
-#include "tools/drive/drive.h"
-
 #include <gmock/gmock.h>
 
 #include <cmath>
@@ -10,6 +8,7 @@
 #include <vector>
 
 #include "tests/support/error_of.h"
+#include "tools/drive/course.h"
 #include "tools/drive/route.h"
 
 namespace drive {

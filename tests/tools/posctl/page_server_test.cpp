@@ -13,7 +13,7 @@
 
 #include "platform/someip/discovery/discovery_message.h"
 #include "tests/support/error_of.h"
-#include "tools/posctl/offers.h"
+#include "tools/posctl/offer_table.h"
 #include "tools/posctl/serve/action.h"
 #include "tools/posctl/serve/guard.h"
 #include "tools/posctl/serve/marks.h"

@@ -56,19 +56,19 @@ unsigned Facts::application_prefix_length() const {
   return node != nullptr ? node->prefix_length : 0;
 }
 
-const Heard_offer* Facts::any_gnss_offer() const {
+const Received_offer* Facts::any_gnss_offer() const {
   const auto* const wanted = gnss();
   if (wanted == nullptr) return nullptr;
   const auto found = std::ranges::find_if(
-      offers, [&](const Heard_offer& one) { return one.key.service == wanted->id; });
+      offers, [&](const Received_offer& one) { return one.key.service == wanted->id; });
   return found == offers.end() ? nullptr : &*found;
 }
 
-const Heard_offer* Facts::usable_gnss_offer() const {
+const Received_offer* Facts::usable_gnss_offer() const {
   const auto* const wanted = gnss();
   const auto own = application_address();
   if (wanted == nullptr || !own) return nullptr;
-  const auto found = std::ranges::find_if(offers, [&](const Heard_offer& one) {
+  const auto found = std::ranges::find_if(offers, [&](const Received_offer& one) {
     return one.key.service == wanted->id && one.key.major_version == wanted->major_version &&
            one.offer.udp &&
            someip::reachable_peer(one.offer.from.address, *own, application_prefix_length()) &&

@@ -13,7 +13,7 @@
 #include "platform/someip/base/deployment.h"
 #include "tools/posctl/doctor/packet_filter.h"
 #include "tools/posctl/doctor/programs.h"
-#include "tools/posctl/offers.h"
+#include "tools/posctl/offer_table.h"
 
 namespace posctl::doctor {
 
@@ -26,7 +26,7 @@ struct Answers {
   std::map<std::string, std::uint64_t> counters;
 };
 
-struct Heard_offer {
+struct Received_offer {
   someip::Instance_key key;
   Seen_offer offer;
 };
@@ -39,7 +39,7 @@ enum class Probe : std::uint8_t {
 };
 
 /// A notification of the GNSS service, as this program received it.
-struct Heard_positions {
+struct Received_positions {
   std::vector<lumo::services::gnss::datatypes::DT_positions_struct> samples;
   std::chrono::nanoseconds received{};  ///< on the time base
 };
@@ -64,7 +64,7 @@ struct Facts {
 
   // The network
   std::string listen_error;
-  std::vector<Heard_offer> offers;
+  std::vector<Received_offer> offers;
   std::optional<someip::Address> source_address;
   Probe source_probe = Probe::silent;
   std::string node_error;  ///< why this program has no node of its own
@@ -72,7 +72,7 @@ struct Facts {
   // The application
   std::optional<Answers> before, after;
   std::string answer_error;
-  std::vector<Heard_positions> positions;
+  std::vector<Received_positions> positions;
 
   /// Null if there is none.
   [[nodiscard]] const Program* program(Role role) const;
@@ -82,9 +82,9 @@ struct Facts {
   [[nodiscard]] std::optional<someip::Address> application_address() const;
   [[nodiscard]] unsigned application_prefix_length() const;
   /// The offer of the GNSS service that the application can use.
-  [[nodiscard]] const Heard_offer* usable_gnss_offer() const;
+  [[nodiscard]] const Received_offer* usable_gnss_offer() const;
   /// An offer with the id of the GNSS service, in any version.
-  [[nodiscard]] const Heard_offer* any_gnss_offer() const;
+  [[nodiscard]] const Received_offer* any_gnss_offer() const;
   /// The application's row of the GNSS service; null if it did not answer.
   [[nodiscard]] const mw::com::runtime::Consumed_service* gnss_row() const;
   /// That of the event group of its positions.

@@ -100,17 +100,17 @@ void watch_positions(Facts& facts, Deadline start) try {
   using Proxy = ara::time::SlaveTimeBaseResourceProxy;
   constexpr std::size_t most = 4096;
   const auto clock = Proxy(Proxy::FindResource("synchronized")).asSynchSlave();
-  std::vector<Heard_positions> heard;  // of the handler, until Unsubscribe() has returned
+  std::vector<Received_positions> received;  // of the handler, until Unsubscribe() has returned
   const auto source = connect<GNSSProxy>(GNSS::name, start + search_time);
   source->positions.SetReceiveHandler([&] {
     source->positions.GetNewSamples([&](const auto& sample) {
-      if (heard.size() < most) heard.push_back({*sample, clock.getCurrentTime()});
+      if (received.size() < most) received.push_back({*sample, clock.getCurrentTime()});
     });
   });
   source->positions.Subscribe(64);
   std::this_thread::sleep_until(start + observation);
   source->positions.Unsubscribe();
-  facts.positions = std::move(heard);
+  facts.positions = std::move(received);
 } catch (const std::exception&) {
   // The other facts say why there is no source.
 }
@@ -156,12 +156,12 @@ class Probing {
   Probe result_ = Probe::silent;
 };
 
-void keep(std::vector<Heard_offer>& offers,
+void keep(std::vector<Received_offer>& offers,
           const someip::Instance_key& key,
           const Seen_offer& offer) {
   constexpr std::size_t most = 4096;
   if (offer.ttl == 0 || offers.size() >= most) return;
-  const auto known = std::ranges::find_if(offers, [&](const Heard_offer& one) {
+  const auto known = std::ranges::find_if(offers, [&](const Received_offer& one) {
     return one.key == key && one.offer.from == offer.from;
   });
   if (known == offers.end()) offers.push_back({key, offer});

@@ -47,7 +47,7 @@ bool filtered(const Facts& facts) {
 void check_service_id(const Facts& facts, Findings& findings) {
   const auto* const wanted = facts.gnss();
   if (wanted == nullptr || facts.any_gnss_offer() != nullptr) return;
-  for (const Heard_offer& one : facts.offers) {
+  for (const Received_offer& one : facts.offers) {
     if (known_service(facts, one.key.service)) continue;
     const bool from_source =
         facts.source_address && one.offer.from.address == *facts.source_address;
@@ -69,7 +69,7 @@ void check_service_version(const Facts& facts, Findings& findings) {
   const auto* const wanted = facts.gnss();
   const auto* const offered = facts.any_gnss_offer();
   if (offered == nullptr) return;
-  const bool fits = std::ranges::any_of(facts.offers, [&](const Heard_offer& one) {
+  const bool fits = std::ranges::any_of(facts.offers, [&](const Received_offer& one) {
     return one.key.service == wanted->id && one.key.major_version == wanted->major_version;
   });
   if (fits) return;

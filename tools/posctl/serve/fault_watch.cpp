@@ -87,7 +87,7 @@ void Fault_watch::take_answers() {
   };
   if (kinds_answer_ && kinds_answer_->is_ready()) {
     kinds_ = taken(kinds_answer_);
-    told_kinds_ = false;
+    reported_kinds_ = false;
   }
   if (kinds_ && faults_answer_ && faults_answer_->is_ready()) tell(taken(faults_answer_));
 }
@@ -96,7 +96,7 @@ void Fault_watch::tell(const std::vector<gateway::Planned_fault>& faults) {
   Json whole = json_of(faults, *kinds_);
   whole["present"] = true;
   whole["text"] = "";
-  if (!std::exchange(told_kinds_, true)) {
+  if (!std::exchange(reported_kinds_, true)) {
     feed_.state(Topic::source_faults, whole);
     return;
   }

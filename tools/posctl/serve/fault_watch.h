@@ -32,7 +32,7 @@ class Fault_watch {
   Service<gateway::Fault_control_proxy> service_;
   Period period_;
   std::optional<std::vector<gateway::Known_fault>> kinds_;
-  bool told_kinds_ = false;
+  bool reported_kinds_ = false;
   std::optional<ara::core::Future<std::vector<gateway::Known_fault>>> kinds_answer_;
   std::optional<ara::core::Future<std::vector<gateway::Planned_fault>>> faults_answer_;
 };

@@ -20,7 +20,7 @@
 #include "tools/posctl/connect.h"
 #include "tools/posctl/monitor_reports.h"
 #include "tools/posctl/notification_json.h"
-#include "tools/posctl/offers.h"
+#include "tools/posctl/offer_table.h"
 #include "tools/posctl/serve/fault_watch.h"
 #include "tools/posctl/serve/source_parts.h"
 #include "tools/posctl/serve/status_watch.h"

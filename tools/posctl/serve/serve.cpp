@@ -105,7 +105,7 @@ class Source_on_way {
     });
     const bool has_way = way_.look() != nullptr;
     const std::string text = has_way ? way_.text() : "none: " + way_.problem();
-    if (std::exchange(told_, text) == text) return;
+    if (std::exchange(reported_, text) == text) return;
     feed_.greet(hello_of(options_, server_, text));
     if (!has_way) tell_no_application(feed_, "no way to it: " + way_.problem());
   }
@@ -121,7 +121,7 @@ class Source_on_way {
   Page_feed& feed_;
   Live_actor& actor_;
   Lasting_way<Live_source> way_;
-  std::string told_;
+  std::string reported_;
   int looks_ = 0;
 };
 

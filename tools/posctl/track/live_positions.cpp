@@ -19,18 +19,18 @@ using lumo::services::positioning::proxy::PositioningProxy;
 
 }  // namespace
 
-class Live_positions::Subscription {
+class Live_positions::Follower {
  public:
-  Subscription() = default;
-  virtual ~Subscription() = default;
-  Subscription(const Subscription&) = delete;
-  Subscription& operator=(const Subscription&) = delete;
+  Follower() = default;
+  virtual ~Follower() = default;
+  Follower(const Follower&) = delete;
+  Follower& operator=(const Follower&) = delete;
 };
 
 template <class Proxy>
-class Live_positions::Subscription_to final : public Subscription {
+class Live_positions::Follower_of final : public Follower {
  public:
-  Subscription_to(Take take, std::atomic<bool>& found) : take_{std::move(take)} {
+  Follower_of(Take take, std::atomic<bool>& found) : take_{std::move(take)} {
     search_ = Proxy::StartFindService([this, &found](const auto& handles, auto) {
       if (handles.empty()) {
         proxy_.reset();
@@ -48,9 +48,9 @@ class Live_positions::Subscription_to final : public Subscription {
       proxy_->positions.Subscribe(64);
     });
   }
-  ~Subscription_to() override { Proxy::StopFindService(search_); }
-  Subscription_to(const Subscription_to&) = delete;
-  Subscription_to& operator=(const Subscription_to&) = delete;
+  ~Follower_of() override { Proxy::StopFindService(search_); }
+  Follower_of(const Follower_of&) = delete;
+  Follower_of& operator=(const Follower_of&) = delete;
 
  private:
   const Take take_;
@@ -61,10 +61,10 @@ class Live_positions::Subscription_to final : public Subscription {
 Live_positions::Live_positions(const std::string& position, Take take)
     : is_output_{position == output_position} {
   if (is_output_) {
-    subscription_ = std::make_unique<Subscription_to<PositioningProxy>>(std::move(take), found_);
+    follower_ = std::make_unique<Follower_of<PositioningProxy>>(std::move(take), found_);
     return;
   }
-  subscription_ = std::make_unique<Subscription_to<GNSSProxy>>(
+  follower_ = std::make_unique<Follower_of<GNSSProxy>>(
       [position, take = std::move(take)](const Json& record) {
         if (record.value("positionType", Json()) == position) take(record);
       },
@@ -74,7 +74,7 @@ Live_positions::Live_positions(const std::string& position, Take take)
 Live_positions::~Live_positions() = default;
 
 void Live_positions::stop() {
-  subscription_.reset();
+  follower_.reset();
 }
 
 void check_positions(const Live_positions& positions,

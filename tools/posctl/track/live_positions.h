@@ -31,13 +31,13 @@ class Live_positions {
   [[nodiscard]] const char* service() const { return is_output_ ? "Positioning" : "GNSS"; }
 
  private:
-  class Subscription;
+  class Follower;
   template <class Proxy>
-  class Subscription_to;
+  class Follower_of;
 
   const bool is_output_;
   std::atomic<bool> found_ = false;
-  std::unique_ptr<Subscription> subscription_;
+  std::unique_ptr<Follower> follower_;
 };
 
 /// Judges a wait that has ended after `timeout` seconds. Throws tools::No_answer if the service was

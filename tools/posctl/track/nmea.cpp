@@ -165,9 +165,10 @@ class Sender {
   /// On the thread that waits.
   void tick() {
     const auto now = Steady::now();
-    if (now - last_valid_.load() < max_age_ || now - last_told_ < between || !output_.is_ready())
+    if (now - last_valid_.load() < max_age_ || now - last_reported_ < between ||
+        !output_.is_ready())
       return;
-    last_told_ = now;
+    last_reported_ = now;
     const auto utc = std::chrono::system_clock::now().time_since_epoch();
     printer.remark_at_once(
         [&](int cancel) { output_.send(track::sentences_without_position(utc), cancel); });
@@ -180,7 +181,7 @@ class Sender {
   const std::chrono::nanoseconds max_age_;
   const std::chrono::nanoseconds ahead_ = time_base_ahead();
   std::atomic<Steady::time_point> last_valid_{Steady::now()};  ///< or the start
-  Steady::time_point last_told_ = Steady::now();  ///< the waiting thread's own; or the start
+  Steady::time_point last_reported_ = Steady::now();  ///< the waiting thread's own; or the start
 };
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "tools/drive/drive.h"
+#include "tools/drive/course.h"
 
 #include <algorithm>
 #include <array>

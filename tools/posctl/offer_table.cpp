@@ -1,4 +1,4 @@
-#include "tools/posctl/offers.h"
+#include "tools/posctl/offer_table.h"
 
 #include <algorithm>
 #include <stdexcept>
