@@ -18,8 +18,8 @@ struct Bend {
   double ahead = 0;   ///< metres from its beginning to the corner
 };
 
-/// The bend at `corner`, from the way `in` that leads there to `next`. A corner that is too sharp
-/// becomes a turn behind its point.
+/// The bend at `corner`. The vehicle arrives along `in` and leaves towards `next`. A corner that is
+/// too sharp becomes a turn behind its point.
 Bend bend_at(const Place& corner, const Place& next, const Offset& in, double limit) {
   const double heading = in.direction();
   const auto earth = Radii::at(corner.latitude);

@@ -108,7 +108,7 @@ namespace faults {
 
 using Maker = std::unique_ptr<Fault>(const Fault_value&, Fault_time);
 
-// fault_values.cpp: what the records say.
+// fault_values.cpp: values in the records.
 Maker make_stuck, make_stuck_with_counter, make_accuracy, make_drift, make_jump, make_off_globe,
     make_not_a_number, make_infinity, make_no_fix, make_value_type, make_missing, make_only_type;
 Maker make_stamp_jump, make_future_stamps, make_slow_clock, make_week_rollover;

@@ -127,8 +127,8 @@ Sources add_recording_and_gpsd(CLI::App& app, Options& options) {
       app.add_option("--nmea", options.nmea.path,
                      "Recording to replay; a serial device, a pipe or - is read as it comes");
   auto* explain = app.add_option("--explain", options.explain,
-                                 "Print what a recording (or a pipe, or -) says and what it never "
-                                 "says, offer nothing")
+                                 "Print the sentences of a recording (or a pipe, or -) and the "
+                                 "values that it never has; offer nothing")
                       ->type_name("FILE")
                       ->excludes(file);
   auto* gpsd = app.add_option("--gpsd", options.gpsd,
@@ -274,7 +274,7 @@ gateway::Gpsd_options gpsd_options(const std::string& place) try {
 
 void add_fault_options(CLI::App& app, Options& options) {
   app.add_option("--fault", options.faults,
-                 "NAME[=VALUE][@START[+DURATION]], times in seconds; as often as you like")
+                 "NAME[=VALUE][@START[+DURATION]], times in seconds; may be repeated")
       ->type_name("FAULT")
       ->expected(1)
       ->multi_option_policy(CLI::MultiOptionPolicy::TakeAll);

@@ -30,8 +30,8 @@ struct Notification {
 /// reckons: then the GNSS sample carries Error.
 [[nodiscard]] Notification to_notification(const nmea::Fix& fix, const Context& context);
 
-/// The quantities that a source has ever told. Without a valid position, a source often leaves them
-/// out of its report.
+/// The quantities that a source has reported so far. Without a valid position, a source
+/// often leaves them out of its report.
 class Known_quantities {
  public:
   using Mask = std::bitset<64>;

@@ -46,11 +46,13 @@ struct Epoch {
 /// lasting one certainly.
 enum class Silence : std::uint8_t { brief, lasting };
 
-/// An instant lasts from its first navigation sentence with a time until the first with another
-/// one, pauses or not. Sentences without a time (GSA, GSV, VTG; GGA and RMC before the receiver
-/// knows the time) belong to the present instant. A second sentence of a type for the same time is
-/// a duplicate and the first stands, except that the combined solution (GN) replaces that of one
-/// system.
+/// Joins the sentences of one instant into a fix. An instant begins with its first navigation
+/// sentence with a time, and ends with the first one with another time; pauses do not end it.
+/// Sentences without a time (GSA, GSV, VTG; GGA and RMC before the receiver knows the time) belong
+/// to the present instant.
+///
+/// A second sentence of a type for the same time is a duplicate: the first one stands. Only the
+/// combined solution (GN) replaces that of one system.
 ///
 /// ZDA, GST, GBS, HDT, THS, PASHR and TXT neither begin nor end an instant: they add to it.
 ///

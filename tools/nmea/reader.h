@@ -24,8 +24,8 @@ class Reader {
   /// has ended.
   void feed(std::span<const std::byte> bytes, const Sink& sink);
 
-  /// A live receiver is silent: `sink` gets the position of the instant that is being told, or
-  /// the satellites that have come since. A sentence in the middle of its line goes on.
+  /// A live receiver is silent: `sink` gets the position of the present instant, or the satellites
+  /// that have arrived since. An unfinished line continues with the next bytes.
   void pause(Silence silence, const Sink& sink);
 
   /// The stream has ended.

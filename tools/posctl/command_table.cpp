@@ -305,7 +305,7 @@ constexpr std::array all_commands{
             "The first line is the verdict: healthy, degraded or failed, with the reason.\n"
             "The exit code is 0 if the application is healthy, 1 if it is degraded or failed.",
             "posctl status --watch", add_status},
-    Command{"doctor", "Say why positions are missing or wrong, and what mends it",
+    Command{"doctor", "Say why positions are missing or wrong, and how to mend it",
             "Examines machine, manifest, network and application for at most three seconds.\n"
             "The exit code is 1 if something is wrong, 2 if it could not look.",
             "posctl doctor", add_doctor},
@@ -337,9 +337,9 @@ constexpr std::array all_commands{
     Command{"call", "Call any method of a service and print its result as JSON", "",
             "posctl call Statistics.Clock", add_call},
     Command{
-        "fault", "Make the GNSS source faulty: jump, freeze, fall silent, lie",
+        "fault", "Make the GNSS source faulty: jumps, frozen or false values, silence",
         "Needs gnss-gateway --control. docs/faults.md says what the application does with each.\n"
-        "list prints the faults that there are, and those in force.",
+        "list prints the known faults, and those in force.",
         "posctl fault jump=1000@5+10", add_fault},
     Command{"validate", "Say whether a file is a valid manifest",
             "The exit code is 1 if it is not.", "posctl validate config/manifest.json",
@@ -362,7 +362,7 @@ constexpr std::array all_commands{
     Command{
         "nmea", "Send positions as NMEA 0183 sentences",
         "RMC, GGA, VTG, GSA and GST. RMC has status V while the last position is old or missing.\n"
-        "Serves this machine unless an address is given; 16 clients, of which a slow one loses\n"
+        "Serves up to 16 clients, on this machine unless an address is given. A slow client loses\n"
         "sentences.",
         "posctl nmea --listen tcp:10110", add_nmea},
     Command{

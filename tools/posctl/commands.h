@@ -1,5 +1,5 @@
-/// The commands of posctl. Each returns the process's exit code; what they throw is printed by
-/// main().
+/// The commands of posctl. Each returns the process's exit code. main() prints the exceptions that
+/// they throw.
 #pragma once
 
 #include <cstdint>

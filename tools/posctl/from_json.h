@@ -36,7 +36,7 @@ Number number_from(const Json& json) {
 
 }  // namespace detail
 
-/// Throws tools::Usage_error for what is no such value. Enumerations are names or numbers.
+/// Enumerations are names or numbers. Throws tools::Usage_error for JSON that is not a T.
 template <class T>
 T from_json(const Json& json) {
   if constexpr (binding::Plain_record<T>) {

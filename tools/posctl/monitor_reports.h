@@ -22,7 +22,7 @@ namespace posctl {
 /// The present state of a monitor: its status and since when, or a status of null.
 [[nodiscard]] Json state_json(const diagnosisService::Monitor& monitor,
                               const binding::Diagnosis_state& state);
-/// A report that has just come.
+/// A report at its arrival.
 [[nodiscard]] Json report_json(const diagnosisService::Monitor& monitor,
                                mw::dm::dem::MonitorActionType action);
 /// The name of an action, or its number.
@@ -60,8 +60,8 @@ class Monitor_reports {
 [[nodiscard]] std::uint16_t monitor_instance(const std::string& monitor);
 /// The reason of a name. Throws tools::Usage_error for an unknown one.
 [[nodiscard]] mw::dm::dem::InitMonitorReason init_reason(const std::string& name);
-/// Does what the event manager does, and returns the effect in words. Throws what the functions of
-/// connect.h throw.
+/// Initialises a monitor in the role of the event manager, and returns the effect in words. Throws
+/// like the functions of connect.h.
 [[nodiscard]] std::string initialise_monitor(std::uint16_t instance,
                                              mw::dm::dem::InitMonitorReason reason,
                                              Deadline deadline);

@@ -56,7 +56,7 @@ class Group_listener {
   someip::Udp_socket socket_;
 };
 
-/// The offers in force, by what a listener has seen.
+/// The offers in force, from the messages that a listener has received.
 class Offer_table {
  public:
   struct Key {
@@ -66,12 +66,12 @@ class Offer_table {
       return a.instance != b.instance ? a.instance < b.instance : a.from < b.from;
     }
   };
-  /// `event` is "offered", "changed", "withdrawn" or "expired". Of the two last ones the table has
-  /// no entry any longer; of the others it has the new one.
+  /// `event` is "offered", "changed", "withdrawn" or "expired". The table then
+  /// has the new entry; after "withdrawn" and "expired" it has none.
   using Tell = std::function<void(const char* event, const Key&, const Seen_offer&)>;
 
-  /// `deployment` outlives the table. More than `most` offers are not kept: a peer decides how many
-  /// it offers.
+  /// `deployment` outlives the table. It keeps at most `most` offers, because a peer controls their
+  /// number.
   Offer_table(const someip::Deployment& deployment, std::size_t most, Tell tell)
       : deployment_(deployment), most_(most), tell_(std::move(tell)) {}
 

@@ -26,7 +26,7 @@ class Page {
   std::string row_;  ///< the cell that has no neighbour yet
 };
 
-/// Such as "12.34 m", or a member's text; "-" for what is null or not there.
+/// A member as text, such as "12.34 m"; "-" if it is null or missing.
 [[nodiscard]] std::string decimal(const Json& object,
                                   const std::string& name,
                                   int digits,

@@ -35,13 +35,13 @@ class Printer {
   void remark_at_once(const std::string& line);
   [[nodiscard]] std::uint64_t printed() const;
 
-  /// Throws what kept print() from writing a line.
+  /// Throws the exception with which print() could not write a line.
   void check() const;
 
-  /// Returns true when the time is over before enough lines have come, a line could not be written
-  /// or a stop signal came. 0 seconds: no bound. A reader of standard output that has stopped
-  /// reading holds print() up no longer then.
-  /// Calls `tick` ten times a second meanwhile.
+  /// Waits until enough lines are printed, a line could not be written or a stop signal comes, for
+  /// at most `seconds`; 0: no bound. Returns true if the time ended first. Calls `tick` ten times a
+  /// second meanwhile. Afterwards a reader that has stopped reading standard output no longer
+  /// blocks print().
   [[nodiscard]] bool wait(tools::Stop_signal& stop_signal,
                           double seconds,
                           const std::function<void()>& tick = {}) const;

@@ -14,7 +14,7 @@ namespace posctl {
   return Proxy(Proxy::FindResource("synchronized")).asSynchSlave().getCurrentTime();
 }
 
-/// Its lead before the system clock. Throws as time_base_now() does.
+/// The lead of the time base over the system clock. Throws like time_base_now().
 [[nodiscard]] inline std::chrono::nanoseconds time_base_ahead() {
   return binding::lead_of(time_base_now);
 }

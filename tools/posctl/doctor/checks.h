@@ -11,8 +11,8 @@ namespace posctl::doctor {
 
 struct Check {
   std::string_view name;
-  std::string_view fault;     ///< what it finds
-  std::string_view evidence;  ///< how it knows
+  std::string_view fault;     ///< the fault that it finds
+  std::string_view evidence;  ///< the facts that show the fault
   std::string_view cure;
   void (*look)(const Facts& facts, Findings& findings);
 };

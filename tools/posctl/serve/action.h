@@ -1,4 +1,4 @@
-/// What a client may ask the server to do.
+/// Requests of the page: a client names an action, and the server does it.
 #pragma once
 
 #include <cstdint>
@@ -17,7 +17,7 @@ struct Action {
   std::string reason;  ///< of the initialisation
 };
 
-/// Of a text frame. Throws tools::Usage_error for what is no action.
+/// The action that a text frame holds. Throws tools::Usage_error if it holds none.
 [[nodiscard]] Action action_of(std::string_view text);
 
 /// Does what clients ask for. One thread calls.
@@ -28,8 +28,8 @@ class Actor {
   Actor(const Actor&) = delete;
   Actor& operator=(const Actor&) = delete;
 
-  /// Returns the effect in words. May wait for some seconds. Throws what a client did wrong, or why
-  /// it failed.
+  /// Returns the effect in words. May wait for some seconds. Throws an exception with the client's
+  /// mistake or the cause of the failure.
   [[nodiscard]] virtual std::string act(const Action& action) = 0;
 };
 

@@ -16,7 +16,7 @@ namespace posctl::serve {
 /// Follows the first gateway that offers gateway::FaultControl. One thread calls.
 class Fault_watch {
  public:
-  /// `feed` outlives the watch. `absence` is what the page says while no gateway offers its faults.
+  /// `feed` outlives the watch. The page shows `absence` while no gateway offers its faults.
   Fault_watch(Page_feed& feed, std::string absence);
   /// Call it some ten times a second. It never waits for the gateway.
   void look(std::chrono::steady_clock::time_point now);

@@ -17,11 +17,11 @@ struct Mark {
   std::vector<Point> points;  ///< one, or a line
 };
 
-/// Of a GPX document or a GeoJSON text. Throws std::runtime_error for what is neither, for a point
-/// outside the Earth's degrees, and for more than 100000 points.
+/// The landmarks of a GPX document or a GeoJSON text. Throws std::runtime_error for a text of
+/// another kind, for a point outside the Earth's degrees, and for more than 100000 points.
 [[nodiscard]] std::vector<Mark> marks_of(std::string_view text);
 
-/// Of a file of at most 16 MiB. Throws std::runtime_error that names it.
+/// The landmarks of a file of at most 16 MiB. Throws std::runtime_error with its path.
 [[nodiscard]] std::vector<Mark> read_marks(const std::string& path);
 
 /// {"schema": 1, "marks": [{"name": …, "points": [[longitude, latitude], …]}, …]}.

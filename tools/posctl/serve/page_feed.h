@@ -25,7 +25,7 @@
 
 namespace posctl::serve {
 
-/// docs/page.md says what the data of each is.
+/// docs/page.md describes the data of each topic.
 enum class Topic : std::uint8_t {
   hello,
   history,
@@ -55,8 +55,8 @@ enum class Topic : std::uint8_t {
 inline constexpr std::size_t topic_count = static_cast<std::size_t>(Topic::lost) + 1;
 [[nodiscard]] std::string_view name_of(Topic topic);
 
-/// {"schema": 1, "topic": …, "at": …, "data": …}. `at` in milliseconds since 1970. Text that is no
-/// UTF-8 is mended.
+/// {"schema": 1, "topic": …, "at": …, "data": …}. `at` in milliseconds since 1970. Replaces
+/// bytes that are not UTF-8.
 [[nodiscard]] std::string frame(Topic topic, double at, const Json& data);
 
 /// Turns data into frames, keeps their history, and passes them to the server. Any thread may call.
@@ -85,9 +85,9 @@ class Page_feed {
   void flush();
   /// Replaces the data of the first frame and sends it to present clients.
   void greet(Json hello);
-  /// A state: it is sent now and to each client that comes, who gets `whole` if that is given.
+  /// A state: sends `data` now, and `whole`, or else `data`, to each client that connects later.
   void state(Topic topic, const Json& data, const Json* whole = nullptr);
-  /// A state for clients that come; the others know it from events.
+  /// A state for clients that connect later; the present ones know it from events.
   void keep(Topic topic, const Json& data);
   /// An event: it is sent now, and remembered within a bound.
   void event(Topic topic, const Json& data);

@@ -21,8 +21,8 @@ struct Curve {
 /// Marks a value that a sample does not have.
 inline constexpr double no_value = std::numeric_limits<double>::quiet_NaN();
 
-/// Samples of several curves. The youngest are kept one by one, older ones joined in rows of a
-/// second, then of five seconds, each with its least and greatest value.
+/// Samples of several curves. It keeps the youngest samples one by one. It joins older ones in rows
+/// of a second, then of five seconds. A row has the least and the greatest value of each curve.
 class Series {
  public:
   explicit Series(std::span<const Curve> curves) : curves_(curves) {}

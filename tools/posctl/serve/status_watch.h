@@ -37,10 +37,10 @@ class Status_watch {
   std::optional<binding::Diagnosis_state> last_state_;
 };
 
-/// Sends to a feed that the application runs since `started_ms`, in milliseconds since 1970; 0: not
-/// known.
+/// Reports to a feed that the application has been running since `started_ms`, in milliseconds
+/// since 1970; 0: not known.
 void tell_application(Page_feed& feed, double started_ms);
-/// Sends to a feed that there is no application, and why.
+/// Reports to a feed that no application answers. `text` is the reason.
 void tell_no_application(Page_feed& feed, const std::string& text);
 
 }  // namespace posctl::serve

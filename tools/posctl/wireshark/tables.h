@@ -24,7 +24,6 @@ class Tables {
 
     std::string text;
   };
-  /// "1f": the form of ids in the tables, without prefix and without leading zeros.
   /// "1f": the form of the ids in the tables, without prefix and leading zeros.
   static std::string bare_hexadecimal(std::uint64_t id);
 
