@@ -190,7 +190,8 @@ struct Found final : Search_sink {
 /// A node that uses the server's service, which the test offers.
 struct Using_node {
   Using_node() {
-    deployment.discovery.multicast_address = make_address("239.255.44.1");
+    deployment.discovery.multicast_address =
+        make_address("239.255." + std::to_string(test::network()) + ".1");
     node_deployment.addresses = {own};
     node_deployment.watch_link = false;
     service.id = key.service;
