@@ -117,7 +117,7 @@ struct Client {
                  counters,
                  log,
                  {[](const Endpoint&) {}, [this](const Endpoint&) { ++lost; },
-                  [](Received, const Endpoint&, Tasks&) {}}};
+                  [](const Received&, const Endpoint&, Tasks&) {}}};
 };
 
 Header request(std::uint16_t session) {
