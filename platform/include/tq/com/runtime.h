@@ -55,8 +55,10 @@ using Notification_handler = std::function<void(Payload)>;
 /// ends.
 using Subscription_state_handler = std::function<void(bool subscribed)>;
 
-/// Called with every offered instance that matches a search, in the order of their first offers.
-/// The calls come at the start and on each change, one at a time, on a worker thread.
+/// Called with every offered instance that matches a search, at the start and on each change, one
+/// call at a time, on a worker thread. In front are those whose present provider was the first to
+/// deliver their events, in the order of these deliveries: a stranger's instance cannot displace
+/// them. The others follow in the order of their first offers.
 using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
 
 enum class Find_token : std::uint64_t {};
