@@ -54,14 +54,14 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
   }
 }
 
-void Discovery_channel::start(bool link_watched) {
-  link_watched_ = link_watched;
+void Discovery_channel::start() {
   wait(multicast_, true);
   wait(unicast_, false);
 }
 
 void Discovery_channel::stop() {
   stopped_ = true;
+  link_up_ = false;
   rejoin_.cancel();
   boost::system::error_code ignored;
   multicast_.events.close(ignored);
@@ -69,6 +69,7 @@ void Discovery_channel::stop() {
 }
 
 void Discovery_channel::link_changed(bool up) {
+  link_up_ = up;
   rejoin_.cancel();
   // If a membership outlives its link, the kernel does not announce the next one to the network.
   multicast_.udp.leave(group_.address, own_);
@@ -84,10 +85,9 @@ void Discovery_channel::join() {
                  "cannot join " + group_.address.to_string() + " on " + own_.to_string() +
                      " yet: " + (joined ? sender_error : error).message());
   }
-  if (link_watched_ && joined && !sender_error) return;
   rejoin_.expires_after(rejoin_period);
   rejoin_.async_wait([this](const boost::system::error_code& cancelled) {
-    if (!cancelled && !stopped_) join();
+    if (!cancelled && link_up_) join();
   });
 }
 

@@ -126,7 +126,7 @@ void Node::start() {
   }
   warn_of_open_services();
   server_.start();
-  channel_->start(link_->watching());
+  channel_->start();
   link_->start();
   if (link_->up()) {
     channel_->link_changed(true);
