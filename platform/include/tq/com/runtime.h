@@ -106,13 +106,12 @@ class Provider {
   /// still sends reaches no subscriber.
   virtual void close() = 0;
 
-  /// Sets the current value of a field, keeps it for new subscribers and notifies the present ones.
-  virtual void update_field(std::uint16_t notifier, Payload value) = 0;
-  /// The value of a field notified last; empty before its first update.
+  /// Notifies the present subscribers of an event or a field, and keeps the value of a field for
+  /// new subscribers.
+  virtual void notify(std::uint16_t notifier, Payload value) = 0;
+  /// The value of a field notified last; empty before its first notification.
   [[nodiscard]] virtual std::optional<std::vector<std::byte>> field_value(
       std::uint16_t notifier) const = 0;
-  /// Sends an event to the present subscribers and keeps nothing.
-  virtual void send_event(std::uint16_t event, Payload value) = 0;
 };
 
 /// The process's node on the network. mw::com::runtime::Component_singleton creates it.

@@ -148,7 +148,7 @@ class Event {
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
     if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.record_update(id_);
-    core_.provider->send_event(id_, payload);
+    core_.provider->notify(id_, payload);
   }
 
  private:
@@ -180,7 +180,7 @@ class Field {
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
     if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.record_update(notifier_);
-    core_.provider->update_field(notifier_, payload);
+    core_.provider->notify(notifier_, payload);
   }
   void RegisterGetHandler(GetHandler handler) {
     if (ids_.getter) answer_get_with<Value>(std::move(handler));
