@@ -50,7 +50,7 @@ Data_bus_element element_of(gnssClient::gnssClientImpl::Field field) {
 posApplication::posApplication(Persistency persistency)
     : persistency_(std::move(persistency)), pos_service_(diagnosis_service_) {
   settings_.emplace(read_settings(persistency_));
-  gnss_client_.set_recieved_gnss_data_logging(settings_->recievedGNSSDataLogging);
+  gnss_client_.set_received_gnss_data_logging(settings_->recievedGNSSDataLogging);
   gnss_client_.set_ignore_gnss_timestamps(settings_->ignoreGNSSTimestamps);
   gnss_client_.set_use_gnss_dr(settings_->useGNSSDR);
   pos_service_.set_always_send_all_valid_positions(settings_->alwaysSendAllValidPositions);

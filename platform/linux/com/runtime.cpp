@@ -16,7 +16,7 @@
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
-#include "platform/linux/com/search.h"
+#include "platform/linux/com/search_results.h"
 #include "platform/linux/com/socket_paths.h"
 #include "platform/linux/com/someip_consumer.h"
 #include "platform/linux/com/someip_provider.h"
@@ -48,7 +48,7 @@ class Someip_runtime final : public Runtime {
         node_(deployment_, node_deployment_, pool_.loop(), write_log) {}
 
   ~Someip_runtime() override {
-    std::map<Find_token, std::shared_ptr<Search>> searches;
+    std::map<Find_token, std::shared_ptr<Search_results>> searches;
     {
       const std::lock_guard lock(mutex_);
       searches.swap(searches_);
@@ -67,7 +67,7 @@ class Someip_runtime final : public Runtime {
                                 std::optional<std::uint16_t> instance,
                                 Find_handler handler) override {
     const auto& deployed = find_service(service);
-    auto search = std::make_shared<Search>(deployed, std::move(handler), pool_.loop());
+    auto search = std::make_shared<Search_results>(deployed, std::move(handler), pool_.loop());
     Find_token token{};
     {
       const std::lock_guard lock(mutex_);
@@ -80,7 +80,7 @@ class Someip_runtime final : public Runtime {
   }
 
   void stop_find_service(Find_token token) override {
-    std::shared_ptr<Search> search;
+    std::shared_ptr<Search_results> search;
     {
       const std::lock_guard lock(mutex_);
       const auto found = searches_.find(token);
@@ -156,7 +156,7 @@ class Someip_runtime final : public Runtime {
   someip::Node node_;
   std::mutex mutex_;  ///< guards the members below
   std::uint64_t last_token_ = 0;
-  std::map<Find_token, std::shared_ptr<Search>> searches_;
+  std::map<Find_token, std::shared_ptr<Search_results>> searches_;
 };
 
 /// What a passive process has: nothing that could be used.

@@ -15,7 +15,7 @@
 #include "platform/someip/net/received.h"
 #include "platform/someip/net/udp_port.h"
 #include "platform/someip/node/event_channel.h"
-#include "platform/someip/node/request.h"
+#include "platform/someip/node/reply_path.h"
 #include "platform/someip/node/request_budget.h"
 
 namespace someip {
@@ -23,8 +23,8 @@ namespace someip {
 using tq::com::Method_handler;
 using tq::com::Response;
 
-/// Holds the methods and the events of one instance. Any thread may call, except that the thread of
-/// discovery drives the changes of an event's targets, see Event_channel.
+/// Holds the methods and the events of one instance. Any thread may call, except that the control
+/// thread drives the changes of an event's targets, see Event_channel.
 class Provided_instance : public std::enable_shared_from_this<Provided_instance> {
  public:
   Provided_instance(const Service_deployment& service,
