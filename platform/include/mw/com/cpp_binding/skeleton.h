@@ -167,6 +167,8 @@ class Field {
 
   Field(Skeleton_core& core, std::string_view name)
       : core_{core}, ids_{core.provider->element(name)}, notifier_{ids_.notifier.value_or(0)} {
+    // The runtime would answer as well, but without trace records and the log line for a Get before
+    // the first Update.
     if (ids_.getter) answer_get_with<detail::Encoded>([this] { return latest(); });
   }
   Field(const Field&) = delete;
