@@ -138,10 +138,9 @@ void Text_sink::start_thread() {
     const core::All_signals_blocked blocked;
     std::thread([this] { write_queue(); }).detach();
     thread_runs_ = true;
+    (void)std::atexit(exit_handler_);
   } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the next line tries again
   }
-  static const int at_exit = std::atexit(exit_handler_);
-  (void)at_exit;
 }
 
 void Text_sink::write_queue() noexcept {
