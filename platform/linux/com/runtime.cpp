@@ -226,34 +226,31 @@ namespace {
 /// more of them will come, and keeps tens of megabytes for them.
 constexpr int given_back_bytes = 1 << 20;
 
-}  // namespace
+[[noreturn]] void refuse_second() {
+  throw std::logic_error("there is a Component_singleton already");
+}
 
-Component_singleton::Component_singleton(const std::string& name, bool passive) {
-  if (tq::com::the_runtime.load() != nullptr) {
-    throw std::logic_error("there is a Component_singleton already");
-  }
+std::unique_ptr<tq::com::Runtime> make_only_runtime(const std::string& name, bool passive) {
+  // Before the runtime finds its address taken.
+  if (tq::com::the_runtime.load() != nullptr) refuse_second();
   const std::string node = name.empty() ? std::string(ara::core::application().node) : name;
   auto deployment = tq::com::load_deployment(node);
 #ifdef M_MMAP_THRESHOLD
   ::mallopt(M_MMAP_THRESHOLD, given_back_bytes);
 #endif
-  if (passive) {
-    runtime_ = std::make_unique<tq::com::Passive_runtime>();
-  } else {
-    runtime_ = tq::com::make_runtime(std::move(deployment), node);
-  }
-  tq::com::Runtime* none = nullptr;
-  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
-    throw std::logic_error("there is a Component_singleton already");
-  }
+  if (passive) return std::make_unique<tq::com::Passive_runtime>();
+  return tq::com::make_runtime(std::move(deployment), node);
 }
+
+}  // namespace
+
+Component_singleton::Component_singleton(const std::string& name, bool passive)
+    : Component_singleton(make_only_runtime(name, passive)) {}
 
 Component_singleton::Component_singleton(std::unique_ptr<tq::com::Runtime> runtime)
     : runtime_(std::move(runtime)) {
   tq::com::Runtime* none = nullptr;
-  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
-    throw std::logic_error("there is a Component_singleton already");
-  }
+  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) refuse_second();
 }
 
 Component_singleton::~Component_singleton() {
