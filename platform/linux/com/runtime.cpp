@@ -159,7 +159,7 @@ class Someip_runtime final : public Runtime {
   std::map<Find_token, std::shared_ptr<Search_results>> searches_;
 };
 
-/// What a passive process has: nothing that could be used.
+/// The runtime of a passive process: it refuses every use.
 class Passive_runtime final : public Runtime {
  public:
   void require(std::string_view, std::span<const Element>) const override { refuse(); }
@@ -201,7 +201,7 @@ std::unique_ptr<Runtime> make_local_runtime(someip::Deployment deployment,
     found->through = path;
     found->addresses = {someip::local_address(1, deployment.discovery.multicast_address.is_v4())};
   }
-  // The connection ends what it carries, no time does.
+  // Offers and subscriptions end with the connection, not with a time to live.
   deployment.discovery.subscribe_ttl = someip::endless_ttl;
   deployment.discovery.longest_offer_ttl = someip::endless_ttl;
   return std::make_unique<Someip_runtime>(std::move(deployment), node);
@@ -222,8 +222,8 @@ namespace mw::com::runtime {
 namespace {
 
 /// Blocks from this size on go back to the system when they are freed: those that a single long
-/// message may need once. Left alone, glibc takes each such block that is freed for a sign that
-/// more of them will come, and keeps tens of megabytes for them.
+/// message may need once. Left alone, glibc takes each freed block of this size as a sign of more
+/// to come, and keeps tens of megabytes.
 constexpr int given_back_bytes = 1 << 20;
 
 [[noreturn]] void refuse_second() {

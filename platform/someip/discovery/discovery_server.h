@@ -88,7 +88,7 @@ class Discovery_server {
                  Time now);
   /// All subscriptions of a peer that has restarted end.
   void forget_peer(const Origin& peer);
-  /// A client's TCP connection is gone, its subscriptions over it too.
+  /// Ends the subscriptions over a client's TCP connection, which has ended.
   void connection_lost(const Endpoint& client);
   /// The client has closed the port that receives its events, which ends its subscriptions there.
   /// Returns their number.

@@ -38,10 +38,10 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   [[nodiscard]] const Instance_deployment& deployment() const { return instance_; }
   [[nodiscard]] Instance_key key() const;
 
-  /// Replaces the getter that a field has by itself. Throws std::out_of_range for an id that the
-  /// service does not have.
+  /// Replaces the default getter of a field. Throws std::out_of_range for an id that the service
+  /// does not have.
   void set_handler(std::uint16_t method, Method_handler handler);
-  /// The event or notifier; throws std::out_of_range when the service has none of that id.
+  /// The event or notifier. Throws std::out_of_range for an id that the service does not have.
   [[nodiscard]] Event_channel& event(std::uint16_t id);
   [[nodiscard]] bool has_event(std::uint16_t id) const { return events_.contains(id); }
   /// The events of a group.

@@ -74,8 +74,8 @@ class Consumer {
 
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
-  /// Requests the notifications of an event or field. The runtime subscribes to its event group,
-  /// renews the subscription with every offer and calls `handler` for each notification, the
+  /// Requests the notifications of an event or field. The runtime subscribes to its event group
+  /// and renews the subscription with every offer. It calls `handler` for each notification, the
   /// initial value of a field included. A second call for the same element replaces the handlers.
   virtual void subscribe(std::string_view element,
                          Notification_handler handler,
