@@ -53,7 +53,7 @@ posApplication::posApplication(Persistency persistency)
       pos_service_(diagnosis_service_),
       // This application needs no time before a shutdown.
       component_client_(&persistency_, [] { return true; }) {
-  gnss_client_.set_recieved_gnss_data_logging(settings_.recievedGNSSDataLogging);
+  gnss_client_.set_received_gnss_data_logging(settings_.recievedGNSSDataLogging);
   gnss_client_.set_ignore_gnss_timestamps(settings_.ignoreGNSSTimestamps);
   gnss_client_.set_use_gnss_dr(settings_.useGNSSDR);
   pos_service_.set_always_send_all_valid_positions(settings_.alwaysSendAllValidPositions);
