@@ -48,16 +48,17 @@ Data_bus_element element_of(gnssClient::gnssClientImpl::Field field) {
 }  // namespace
 
 posApplication::posApplication(Persistency persistency)
-    : persistency_(std::move(persistency)), pos_service_(diagnosis_service_) {
-  settings_.emplace(read_settings(persistency_));
-  gnss_client_.set_recieved_gnss_data_logging(settings_->recievedGNSSDataLogging);
-  gnss_client_.set_ignore_gnss_timestamps(settings_->ignoreGNSSTimestamps);
-  gnss_client_.set_use_gnss_dr(settings_->useGNSSDR);
-  pos_service_.set_always_send_all_valid_positions(settings_->alwaysSendAllValidPositions);
+    : persistency_(std::move(persistency)),
+      settings_(read_settings(persistency_)),
+      pos_service_(diagnosis_service_),
+      // This application needs no time before a shutdown.
+      component_client_(&persistency_, [] { return true; }) {
+  gnss_client_.set_received_gnss_data_logging(settings_.recievedGNSSDataLogging);
+  gnss_client_.set_ignore_gnss_timestamps(settings_.ignoreGNSSTimestamps);
+  gnss_client_.set_use_gnss_dr(settings_.useGNSSDR);
+  pos_service_.set_always_send_all_valid_positions(settings_.alwaysSendAllValidPositions);
   pos_service_.set_mm_new_position_calculation_interval_ms(
-      settings_->mmNewPositionCalculationIntervalMS);
-  // This application needs no time before a shutdown.
-  component_client_.emplace(&persistency_, [] { return true; });
+      settings_.mmNewPositionCalculationIntervalMS);
 }
 
 posApplication::~posApplication() {
@@ -75,7 +76,7 @@ int posApplication::run() {
   }
   diagnosisService::diagnosisServiceImpl::Sensor_setup sensors{};
   sensors[sensor_gnss] = true;
-  sensors[sensor_time_master] = settings_->timeClientEnabled;
+  sensors[sensor_time_master] = settings_.timeClientEnabled;
   diagnosis_service_.new_sensor_setup(sensors);
   ara::log::LogInfo() << "posApplication startup finished, waiting for shutdown signal, data will "
                          "be processed in receiver threads.";
@@ -83,7 +84,7 @@ int posApplication::run() {
       binding::offer_statistics({.ages = ages_,
                                  .clock = clock_,
                                  .diagnosis = [this] { return diagnosis_service_.state(); },
-                                 .settings = settings_->in_force});
+                                 .settings = settings_.in_force});
 
   for (bool second_half = false; !shutdown_; second_half = !second_half) {
     std::this_thread::sleep_for(shutdown_poll);
@@ -102,7 +103,7 @@ void posApplication::each_second() {
   try {
     ages_.set_base_ahead(binding::lead_of([] { return timeutils::instance().now(); }));
   } catch (const std::runtime_error&) {
-    // The clock behind the time base is gone, which whoever uses it reports.
+    // The clock behind the time base is gone. The next position that needs it reports that.
   }
 }
 
@@ -116,7 +117,7 @@ void posApplication::start() {
                       status::attitude, status::time,     status::map_matching};
   pos_service_.init();
   initGnssClient();
-  if (settings_->timeClientEnabled) initTimemasterClient();
+  if (settings_.timeClientEnabled) initTimemasterClient();
 }
 
 void posApplication::stop() {
@@ -132,11 +133,11 @@ void posApplication::signalHandler(int sigId) {
   switch (sigId) {
     case SIGUSR1:
       ara::log::LogInfo() << received << sigId << ", switching to state 'kPrepSD'";
-      component_client_->componentStateChangeRequest("kPrepSD", 0);
+      component_client_.componentStateChangeRequest("kPrepSD", 0);
       break;
     case SIGUSR2:
       ara::log::LogInfo() << received << sigId << ", switching to state 'kOn'";
-      component_client_->componentStateChangeRequest("kOn", 0);
+      component_client_.componentStateChangeRequest("kOn", 0);
       break;
     default:
       ara::log::LogInfo() << received << sigId << ", starting gracefull shutdown procedure";
@@ -171,7 +172,7 @@ void posApplication::initGnssClient() {
 }
 
 void posApplication::sendDRPosition(const Gnss_position& position) {
-  ara::log::LogInfo() << "Sending " << (settings_->useGNSSDR ? "GNSS-DR" : "GNSS")
+  ara::log::LogInfo() << "Sending " << (settings_.useGNSSDR ? "GNSS-DR" : "GNSS")
                       << " input position as POS output DR position.";
   if (pos_service_.send_dr(to_positioning(position, output_defaults_))) {
     ages_.sent(timeutils::instance().now());

@@ -3,7 +3,6 @@
 #pragma once
 
 #include <atomic>
-#include <optional>
 
 #include "app/ComponentClientWrapper.h"
 #include "app/application_instance.h"
@@ -49,11 +48,12 @@ class posApplication {
 
   void report_faults(diagnosisService::Data_bus_element field, const clients::Data_faults& faults);
 
-  // Called on threads of the middleware, after the last change of settings_ and output_defaults_.
+  // Called on threads of the middleware, after the last change of output_defaults_.
   void sendDRPosition(const Gnss_position& position);
   void receive_times(const Times& times);
 
   Persistency persistency_;
+  const Settings settings_;
   binding::Position_ages ages_;
   mw::com::runtime::Clock_watch clock_;
   gnssClient::gnssClientImpl gnss_client_;
@@ -63,6 +63,5 @@ class posApplication {
   TimemasterClient::TimemasterClientImpl timemaster_client_;
   Output_defaults output_defaults_{};
   std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()
-  std::optional<Settings> settings_;
-  std::optional<ComponentClientWrapper> component_client_;
+  ComponentClientWrapper component_client_;
 };

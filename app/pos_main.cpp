@@ -18,9 +18,12 @@
 #include "app/signal_thread.h"
 #include "ara/log/logger.h"
 #include "binding/trace_records.h"
+#include "clients/GNSS.h"
+#include "clients/Time.h"
 #include "diagnosisService/data_identifiers.h"
 #include "mw/com/runtime.h"
 #include "persistency/Persistency.h"
+#include "posService/Positioning.h"
 
 namespace {
 
@@ -96,12 +99,15 @@ void log_banner() {
             << build_info::build_time << "talvik version used:" << build_info::middleware_release;
   LogInfo() << "Used DFL version" << build_info::dfl_version;
   LogInfo() << "Used DM-Extensions version" << build_info::dm_extensions_version;
-  LogInfo() << "Required interface: GNSS. Version"
-            << "v3.0";
-  LogInfo() << "Required interface: Time. Version"
-            << "v4.1";
-  LogInfo() << "Provided interface: Positioning. Version"
-            << "v3.0";
+  const auto log_interface = []<class Interface>(Interface, std::string_view role) {
+    LogInfo() << std::string(role) + " interface: " +
+                     std::string(mw::com::cpp_binding::short_name(Interface::name)) + ". Version"
+              << "v" + std::to_string(Interface::version.major) + "." +
+                     std::to_string(Interface::version.minor);
+  };
+  log_interface(lumo::services::gnss::GNSS{}, "Required");
+  log_interface(lumo::services::time::Time{}, "Required");
+  log_interface(lumo::services::positioning::Positioning{}, "Provided");
   const auto log_identifier = []<class Interface>() {
     LogInfo() << "Provided interface diagnosis: " +
                      std::string(diag::identifier_of(Interface::name)) + " (" +
@@ -121,7 +127,7 @@ constexpr const char* help =
     "\n"
     "The environment configures it: POS_MANIFEST names the deployment manifest, POS_STORAGE_DIR\n"
     "the folder of its settings, POS_LOG_LEVEL the levels of its log.\n"
-    "posctl status says how it is.\n";
+    "posctl status shows its state.\n";
 
 /// Returns the exit code. Nothing else of the application starts.
 int answer_to_arguments(int argc, char** argv) {

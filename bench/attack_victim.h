@@ -39,7 +39,7 @@ class Victim {
     for (int number = 1; number < 128; ++number)
       peers_.push_back(std::make_unique<Peer>(number));
     provider_->set_method_handler(1, [](tq::com::Payload) { return tq::com::Response{}; });
-    provider_->update_field(0x8002, test::bytes("value"));
+    provider_->notify(0x8002, test::bytes("value"));
     provider_->offer();
     offer(2);
     consumer_ = finder_.connect();

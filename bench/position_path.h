@@ -63,7 +63,7 @@ inline binding::Buffer notification(std::size_t samples) {
 class Position_path {
  public:
   explicit Position_path(bool log_received) {
-    gnss_.set_recieved_gnss_data_logging(log_received);
+    gnss_.set_received_gnss_data_logging(log_received);
     gnss_.set_ignore_gnss_timestamps(true);
     gnss_.set_use_gnss_dr(true);
     gnss_.set_position_ages(ages_);

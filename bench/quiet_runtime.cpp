@@ -32,12 +32,11 @@ class Quiet_runtime::Provider final : public tq::com::Provider {
   void offer() override {}
   void stop_offer() override {}
   void close() override { stop_offer(); }
-  void update_field(std::uint16_t, tq::com::Payload value) override {
+  void notify(std::uint16_t, tq::com::Payload value) override {
     ++runtime_.published_;
     runtime_.published_bytes_ += value.size();
   }
   std::optional<std::vector<std::byte>> field_value(std::uint16_t) const override { return {}; }
-  void send_event(std::uint16_t, tq::com::Payload) override {}
 
  private:
   Quiet_runtime& runtime_;

@@ -1,6 +1,6 @@
 #include "clients/TimemasterClientImpl.h"
 
-#include "clients/subscription.h"
+#include "clients/subscribe.h"
 
 namespace TimemasterClient {
 

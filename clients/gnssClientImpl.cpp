@@ -6,7 +6,7 @@
 #include "ara/log/logger.h"
 #include "binding/timestamp.h"
 #include "clients/received_data_log.h"
-#include "clients/subscription.h"
+#include "clients/subscribe.h"
 
 namespace gnssClient {
 namespace {

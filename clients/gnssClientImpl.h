@@ -32,7 +32,7 @@ class gnssClientImpl {
   gnssClientImpl& operator=(const gnssClientImpl&) = delete;
 
   /// True logs each received position and quality record. Off until set.
-  void set_recieved_gnss_data_logging(bool on) { log_received_ = on; }
+  void set_received_gnss_data_logging(bool on) { log_received_ = on; }
   /// True replaces the timestamp of a forwarded position with the time at which its handler began.
   /// Off until set.
   void set_ignore_gnss_timestamps(bool on) { replace_timestamps_ = on; }

@@ -1,12 +1,12 @@
-/// The implementations of the data identifiers: Read copies the diagnosis service's output at the
-/// moment of the call. diagnosisServiceImpl owns these objects, and they call it. Its .cpp file
-/// hides this circle from its users.
+/// The implementations of the data identifiers: Read returns the diagnosis service's output at the
+/// moment of the call.
 #pragma once
 
+#include <functional>
 #include <string>
+#include <utility>
 
 #include "diagnosisService/data_identifiers.h"
-#include "diagnosisService/diagnosisServiceImpl.h"
 
 namespace diagnosisService {
 
@@ -17,17 +17,19 @@ class Data_identifier_skeleton_impl
   using Meta_info = lumo::services::diag::Meta_info;
 
  public:
-  /// `service` must outlive this object.
-  explicit Data_identifier_skeleton_impl(const diagnosisServiceImpl& service)
+  using Reader = std::function<typename Base::Output()>;
+
+  /// Calls of Read call `reader`, several at the same time.
+  explicit Data_identifier_skeleton_impl(Reader reader)
       : Base{ara::core::InstanceSpecifier{
             std::string{mw::com::cpp_binding::short_name(Interface::name)} +
             "_ProvidedSomeipServiceInstance"}},
-        service_{service} {}
+        reader_{std::move(reader)} {}
   ~Data_identifier_skeleton_impl() override { this->disconnect(); }
 
   ara::core::Future<typename Base::Output> Read(const Meta_info&) override {
     ara::core::Promise<typename Base::Output> promise;
-    promise.set_value(service_.template read<typename Base::Output>());
+    promise.set_value(reader_());
     return promise.get_future();
   }
   /// A Read is answered at once, so there is never one to cancel.
@@ -38,7 +40,7 @@ class Data_identifier_skeleton_impl
   }
 
  private:
-  const diagnosisServiceImpl& service_;
+  const Reader reader_;
 };
 
 namespace diag = lumo::services::diag;

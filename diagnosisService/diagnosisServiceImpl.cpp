@@ -58,20 +58,17 @@ template <class List>
 struct Skeletons;
 template <class... Interfaces>
 struct Skeletons<std::tuple<Interfaces...>> {
-  explicit Skeletons(const diagnosisServiceImpl& service)
-      : all{for_interface<Interfaces>(service)...} {}
+  /// `reader.operator()<Output>()` returns an output.
+  template <class Reader>
+  explicit Skeletons(Reader reader)
+      : all{[reader] { return reader.template operator()<typename Interfaces::Output>(); }...} {}
 
   std::tuple<Data_identifier_skeleton_impl<Interfaces>...> all;
-
- private:
-  template <class Interface>
-  static const diagnosisServiceImpl& for_interface(const diagnosisServiceImpl& service) {
-    return service;
-  }
 };
 
 struct diagnosisServiceImpl::Data_identifiers : Skeletons<diag::Data_identifiers> {
-  using Skeletons::Skeletons;
+  explicit Data_identifiers(const diagnosisServiceImpl& service)
+      : Skeletons{[&service]<class Output>() { return service.read<Output>(); }} {}
 
   template <class Visit>
   void for_each(Visit visit) {

@@ -85,10 +85,6 @@ class diagnosisServiceImpl {
   /// Sends one event. Drops it, with a log line, while the monitors are not offered.
   void sendEvent(std::uint32_t identifier, mw::dm::dem::MonitorActionType action);
 
-  /// The output for Read of its data identifier.
-  template <class Output>
-  [[nodiscard]] Output read() const;
-
   /// Every status and fault with the time since its last change.
   [[nodiscard]] binding::Diagnosis_state state(Clock::time_point now = Clock::now()) const;
 
@@ -98,6 +94,9 @@ class diagnosisServiceImpl {
   struct Data_identifiers;
   class Sending;
 
+  /// The output for Read of its data identifier.
+  template <class Output>
+  [[nodiscard]] Output read() const;
   [[nodiscard]] bool is_stopped();
   void withdraw();
 

@@ -16,7 +16,6 @@ int __real_close(int);
 int __real_getsockname(int, sockaddr*, socklen_t*);
 int __real_getpeername(int, sockaddr*, socklen_t*);
 ssize_t __real_sendto(int, const void*, std::size_t, int, const sockaddr*, socklen_t);
-ssize_t __real_recvfrom(int, void*, std::size_t, int, sockaddr*, socklen_t*);
 ssize_t __real_recvmsg(int, msghdr*, int);
 int __real_setsockopt(int, int, int, const void*, socklen_t);
 }
@@ -235,7 +234,7 @@ std::ptrdiff_t Network::receive(int descriptor,
   Socket& socket = sockets_.at(descriptor);
   if (socket.arrived.empty()) return fail(EAGAIN);
   std::byte knock;
-  __real_recvfrom(descriptor, &knock, 1, MSG_DONTWAIT, nullptr, nullptr);
+  ::recv(descriptor, &knock, 1, MSG_DONTWAIT);
   bytes = std::move(socket.arrived.front().bytes);
   from = socket.arrived.front().from;
   socket.arrived.pop_front();
@@ -332,19 +331,6 @@ ssize_t __wrap_sendto(int descriptor,
   const auto* const begin = static_cast<const std::byte*>(from);
   datagram.bytes.assign(begin, begin + size);
   return Network::instance().send(descriptor, std::move(datagram));
-}
-
-ssize_t __wrap_recvfrom(
-    int descriptor, void* to, std::size_t size, int flags, sockaddr* address, socklen_t* length) {
-  if (!Network::instance().datagrams(descriptor)) {
-    return __real_recvfrom(descriptor, to, size, flags, address, length);
-  }
-  std::vector<std::byte> bytes;
-  someip::Endpoint from;
-  if (Network::instance().receive(descriptor, bytes, from) < 0) return -1;
-  fuzz::store(from, address, length);
-  const iovec part{to, size};
-  return static_cast<ssize_t>(fuzz::scatter(bytes, &part, 1));
 }
 
 ssize_t __wrap_recvmsg(int descriptor, msghdr* message, int flags) {

@@ -139,7 +139,7 @@ class Application {
     provider.set_method_handler(
         3, [](tq::com::Payload) -> tq::com::Response { throw std::runtime_error("no"); });
     provider.set_method_handler(17, [&provider](tq::com::Payload payload) {
-      provider.update_field(0x8002, payload);
+      provider.notify(0x8002, payload);
       return tq::com::Response{};
     });
   }
@@ -220,7 +220,7 @@ class Application {
     constexpr std::array<std::uint16_t, 5> events{0x8001, 0x8002, 0x8003, 0x8004, 0x8005};
     const auto choice = input.u8();
     const std::vector<std::byte> value(input.u8() * std::size_t{(choice & 0x40U) != 0 ? 64U : 1U});
-    providers_[choice & 1U]->send_event(events[((choice >> 1U) & 0x1FU) % events.size()], value);
+    providers_[choice & 1U]->notify(events[((choice >> 1U) & 0x1FU) % events.size()], value);
     player_.settle();
   }
 

@@ -44,17 +44,21 @@ def identifier(name):
 
 
 def installed():
-    """The packages of the distribution on this machine, by name and architecture. Those of all architectures are of each."""
+    """Version and source of the distribution's packages on this machine, by name and architecture ("all" too)."""
     found = {}
     shown = output("dpkg-query", "--show", "--showformat", "${Package}\t${Version}\t${Architecture}\t${source:Package}\n")
     for package, version, architecture, source in (line.split("\t") for line in shown.splitlines()):
-        found[package, architecture] = {
-            "SPDXID": identifier(f"{package}-{architecture}"), "name": package, "versionInfo": version,
-            "sourceInfo": f"built from {source}", "downloadLocation": "NOASSERTION", "filesAnalyzed": False,
-            "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator":
-                              f"pkg:deb/debian/{package}@{version.replace('+', '%2B')}?arch={architecture}"}],
-        }
+        found[package, architecture] = version, source
     return found
+
+
+def from_debian(package, version, architecture, source):
+    return {
+        "SPDXID": identifier(f"{package}-{architecture}"), "name": package, "versionInfo": version,
+        "sourceInfo": f"built from {source}", "downloadLocation": "NOASSERTION", "filesAnalyzed": False,
+        "externalRefs": [{"referenceCategory": "PACKAGE-MANAGER", "referenceType": "purl", "referenceLocator":
+                          f"pkg:deb/debian/{package}@{version.replace('+', '%2B')}?arch={architecture}"}],
+    }
 
 
 def from_npm(name, version):
@@ -73,9 +77,14 @@ def main(source, buildinfo):
     documents, packages, relations = [], {}, []
 
     def find(name, of):
-        """The package `name` or `name:architecture`; nothing if it is virtual or an alternative that is not installed."""
+        """The package `name` or `name:architecture`; nothing if it is virtual or an alternative that is not installed. The
+        building machine's tells the version of one that it does not have for `of`."""
         package, _, own = name.partition(":")
-        return machine.get((package, own or of)) or machine.get((package, "all"))
+        for here, there in ((own or of, own or of), ("all", "all"), (building, own or of)):
+            if entry := machine.get((package, here)):
+                version, origin = entry
+                return from_debian(package, version, there, origin)
+        return None
 
     def relate(one, kind, other):
         packages[other["SPDXID"]] = other
@@ -98,9 +107,9 @@ def main(source, buildinfo):
         documents.append(ours["SPDXID"])
         read = set().union(*(files for name, files in headers.items() if not name.startswith(OTHERS[package])))
         for other in sorted(owners(read)):
-            relate(ours, "CONTAINS", find(other, architecture) or find(other, building))
+            relate(ours, "CONTAINS", find(other, architecture))
         for depended in re.findall(r"([a-z0-9][a-z0-9+.-]+)(?: \([^)]*\))?", field(control, "Depends")):
-            if other := find(depended, architecture) or find(depended, building):
+            if other := find(depended, architecture):
                 relate(ours, "DEPENDS_ON", other)
         if package == "pos-tools":
             for place, of_page in json.loads((source / "web/package-lock.json").read_text())["packages"].items():

@@ -50,8 +50,8 @@ class posServiceImpl {
   // Before init() the following functions build and log their records but send nothing.
 
   /// Publishes a dead-reckoned position if it has a full timestamp, with its age in microseconds.
-  /// Also publishes a map-matched record made from it if the interval has passed. Returns true if
-  /// it has published the position.
+  /// Also publishes a map-matched record made from it if the interval has passed. Returns false if
+  /// the position has no full timestamp, or repeats the last one and repetitions are off.
   bool send_dr(Position position);
   /// Publishes a position made of the coordinates in degrees, whatever their values, and a
   /// map-matched record. Without both coordinates it publishes only the time, as position.

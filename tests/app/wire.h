@@ -46,7 +46,7 @@ template <class Value>
 void update(tq::com::Provider& provider, std::string_view field, const Value& value) {
   std::vector<std::byte> payload;
   binding::encode(value, payload);
-  provider.update_field(provider.element(field).notifier.value(), payload);
+  provider.notify(provider.element(field).notifier.value(), payload);
 }
 
 template <class Value>

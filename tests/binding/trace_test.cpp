@@ -165,7 +165,7 @@ TEST(Field, get_answers_with_the_value_notified_last_even_one_that_takes_no_byte
   DT_positionsQuality_struct first, second;
   first.positionType = lumo::services::Position_type{1};
   second.positionType = lumo::services::Position_type{2};
-  runtime.on_update = [&, overtaken = false]() mutable {
+  runtime.on_send = [&, overtaken = false]() mutable {
     if (!std::exchange(overtaken, true)) std::thread([&] { field.Update(second); }).join();
   };
   field.Update(first);

@@ -86,7 +86,7 @@ TEST_F(Gnss_client, forwards_one_sample_of_the_wanted_type_unchanged_unless_told
 }
 
 TEST_F(Gnss_client, passes_quality_records_on_one_by_one_once_logged_and_satellites_as_a_whole) {
-  client_.set_recieved_gnss_data_logging(true);
+  client_.set_received_gnss_data_logging(true);
   client_.set_positions_quality_callback(
       [](const Quality&) { ara::log::LogInfo() << "passed on"; });
   connect();

@@ -40,7 +40,7 @@ class Local_socket : public testing::Test {
     provider->set_method_handler(echo, [](Payload arguments) {
       return Response{Return_code::ok, {arguments.begin(), arguments.end()}};
     });
-    provider->update_field(value, bytes(text_of_value));
+    provider->notify(value, bytes(text_of_value));
     provider->offer();
   }
   void stop_server() {
@@ -105,8 +105,8 @@ TEST_F(Local_socket, calls_fields_events_and_long_messages_take_it_on_either_tra
     ticks.start(*consumer, "tick");
     values.start(*consumer, "value");
     ASSERT_TRUE(values.received.wait_for(text_of_value));
-    provider->send_event(tick, bytes("one"));
-    provider->send_event(tick, bytes("two"));
+    provider->notify(tick, bytes("one"));
+    provider->notify(tick, bytes("two"));
     ASSERT_TRUE(ticks.received.wait_count(2));
     EXPECT_THAT(ticks.received.all(), testing::ElementsAre("one", "two"));
     consumer->unsubscribe("tick");
@@ -177,10 +177,10 @@ TEST_F(Local_socket, its_bounds_hold_and_what_stands_keeps_working) {
   ASSERT_EQ(::send(sluggard, frame.data(), frame.size(), MSG_NOSIGNAL), size);
   // It reads nothing of this; the other client gets it all.
   EXPECT_TRUE(eventually([&] {
-    provider->update_field(value, bytes(text_of_value));
+    provider->notify(value, bytes(text_of_value));
     return counter(*server, "slowReaders") == 1;
   }));
-  provider->update_field(value, bytes("last"));
+  provider->notify(value, bytes("last"));
   EXPECT_TRUE(values.received.wait_for("last"));
   for (const int descriptor : {babbler, sluggard, surplus})
     ::close(descriptor);

@@ -108,7 +108,7 @@ TEST(Manifest, errors_name_the_file_the_key_and_what_was_expected) {
        "\"udpPort\" or \"tcpPort\""},
       {"/services/test::B/instances/0",
        json::object({{"id", 1}, {"specifier", "b"}, {"node", "two"}, {"udpPort", 1}}),
-       "services.test::B.instances[0]", "\"tcpPort\" for what travels over TCP"},
+       "services.test::B.instances[0]", "\"tcpPort\" for the elements over TCP"},
       {"/services/test::B/methods/go/transport", "carrier pigeon",
        "services.test::B.methods.go.transport", "\"udp\" or \"tcp\""},
       {"/services/test::B/instances/0/specifier", "a", "services.test::B",

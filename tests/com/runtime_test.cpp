@@ -68,7 +68,7 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
   Subscription first;
   Subscription second;
   Network network;
-  network.provider->update_field(value, bytes("shared"));
+  network.provider->notify(value, bytes("shared"));
   network.connect();
   first.start(*network.consumer, "value");
   ASSERT_TRUE(first.received.wait_for("shared")) << "before the second comes";
@@ -77,7 +77,7 @@ TEST(Runtime, two_consumers_of_one_process_both_get_the_value) {
   EXPECT_TRUE(second.received.wait_for("shared"));
   other.reset();
   for (int n = 0; n < 100; ++n) {
-    network.provider->update_field(value, bytes(std::to_string(n)));
+    network.provider->notify(value, bytes(std::to_string(n)));
     ASSERT_TRUE(first.received.wait_for(std::to_string(n)))
         << "whenever the other's end is noticed";
   }
@@ -107,7 +107,7 @@ TEST(Runtime, the_end_of_a_subscription_leaves_connection_and_multicast_group_to
         network.consumer->subscribe("tick", [](Payload) {}, {});
         network.consumer->unsubscribe("tick");
       }
-      network.provider->update_field(value, bytes(std::to_string(++last)));
+      network.provider->notify(value, bytes(std::to_string(++last)));
       return last == 300;  // longer than a renewal takes
     }));
     EXPECT_TRUE(values.received.wait_for("300"));
@@ -126,7 +126,7 @@ TEST(Runtime, the_late_end_of_a_provider_does_not_end_its_successor) {
   const auto heard = [&] { return test::counter(*network.client, "discoveryReceived"); };
   ASSERT_TRUE(test::eventually([&, offers = heard() + 3] { return heard() >= offers; }));
   values.start(*network.consumer, "value");
-  successor->update_field(value, bytes("new"));
+  successor->notify(value, bytes("new"));
   EXPECT_TRUE(values.received.wait_for("new"));
 }
 
@@ -138,13 +138,13 @@ TEST(Runtime, a_handler_that_sticks_holds_up_its_own_event_only_and_gets_the_new
     if (payload == "0") network.released.wait();
   });
   values.start(*network.consumer, "value");
-  network.provider->send_event(tick, bytes("go on"));
+  network.provider->notify(tick, bytes("go on"));
   ASSERT_TRUE(ticks.received.wait_for("go on"));
-  network.provider->send_event(tick, bytes("0"));
+  network.provider->notify(tick, bytes("0"));
   ASSERT_TRUE(ticks.received.wait_for("0")) << "stuck before the others come";
   for (int n = 1; n < 200; ++n) {
-    network.provider->send_event(tick, bytes(std::to_string(n)));
-    if (n <= 3) network.provider->update_field(value, bytes(std::to_string(n)));
+    network.provider->notify(tick, bytes(std::to_string(n)));
+    if (n <= 3) network.provider->notify(value, bytes(std::to_string(n)));
   }
   EXPECT_TRUE(values.received.wait_for("3"));
   // On a machine so slow that the next offer comes before the acknowledgement, a client subscribes
@@ -221,7 +221,7 @@ TEST(Runtime, no_handler_runs_after_its_subscription_has_ended_or_been_replaced)
   network.connect();
   const std::jthread sender([&](const std::stop_token& stop) {
     while (!stop.stop_requested())
-      network.provider->send_event(tick, bytes("x"));
+      network.provider->notify(tick, bytes("x"));
   });
   for (int round = 0; round < 50; ++round) {
     auto alive = std::make_unique<std::atomic<int>>(0);
@@ -241,7 +241,7 @@ TEST(Runtime, handlers_may_call_back_subscribe_anew_and_end_it_all_and_leave_not
   Seen<std::string> answers;
   std::promise<void> asked;
   Network network;
-  network.provider->update_field(value, bytes("v"));
+  network.provider->notify(value, bytes("v"));
   network.connect();
   const auto end = [&](Return_code, Payload payload) {
     asked.get_future().wait();  // nobody may destroy the consumer while it is being asked

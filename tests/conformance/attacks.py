@@ -109,7 +109,7 @@ class Attacks(suite.Group):
         for options in ([endpoint(victim)], [self.claim, endpoint(victim)]):
             self.attacker.tell(subscribe(VEHICLE, TICK_GROUP, options=(len(options) - 1, 1)), options, host)
         self.friend.barrier(host)
-        host.do("event first tick 01")
+        host.do("notify first tick 01")
         self.settled(host, self.friend)
         self.assertEqual((victim.messages, self.friend.entries(ACKNOWLEDGE)), ([], []))
 

@@ -76,12 +76,12 @@ class DiscoveryBehaviour(suite.Group):
             start, since = time.time(), len(events.messages)
             peer.tell(subscribe(VEHICLE, TICK_GROUP), [endpoint(events)], host)
             peer.entry(ACKNOWLEDGE, VEHICLE, after=start)
-            host.do(f"event first tick {round:02x}")
+            host.do(f"notify first tick {round:02x}")
             self.settled(host, peer)
             start = time.time()
             peer.tell([subscribe(VEHICLE, TICK_GROUP, ttl=0), find(VEHICLE)], [endpoint(events)], host)
             peer.entry(OFFER, VEHICLE, after=start, multicast=False)
-            host.do("event first tick ff")
+            host.do("notify first tick ff")
             self.settled(host, peer)
             self.assertEqual([one.payload for one in events.messages[since:]], [bytes([round])])
         self.assertEqual(len(kept.messages), 2 * 40)
@@ -95,7 +95,7 @@ class DiscoveryBehaviour(suite.Group):
         def closed():
             """How many subscriptions the next event costs."""
             for _ in range(2):
-                host.do("event first tick 02")
+                host.do("notify first tick 02")
                 self.settled(host, peer)
             return host.count("subscriptionsClosed")
         may_forge = True
@@ -178,7 +178,7 @@ class DiscoveryBehaviour(suite.Group):
         self.link("up")
         for type, service in ((FIND, REMOTE), (OFFER, VEHICLE)):
             peer.entry(type, service, after=start, count=2, seconds=1.5)
-        host.do("event first tick 03")
+        host.do("notify first tick 03")
         self.settled(host, peer)
         self.assertEqual([one.payload for one in events.messages], [b"\x01"])
         self.network.wait(lambda: stream.ended, "end of the connection")

@@ -35,7 +35,7 @@ class DiscoveryMessages(suite.Group):
         self.assertTrue(all(one.payload[0] & REBOOT for one in (answer.message, *groups)))
 
     def test_initial_data_control(self):
-        host, _ = self.vehicle("update first value 0a")
+        host, _ = self.vehicle("notify first value 0a")
         for flags, initial, expected in ((EXPLICIT, False, 0), (EXPLICIT, True, 1), (0, False, 1), (0, True, 1)):
             peer = self.peer(flags=REBOOT | UNICAST | flags)
             events = self.subscription(host, peer, initial=initial)

@@ -92,27 +92,25 @@ class Host {
 
   void command(Words words) {
     static const std::map<std::string, void (Host::*)(Words&)> commands{
-        {"offer", &Host::offer},                           // SPECIFIER
-        {"stop", &Host::stop},                             // SPECIFIER
-        {"update", &Host::send<&Provider::update_field>},  // SPECIFIER NOTIFIER HEX
-        {"event", &Host::send<&Provider::send_event>},     // SPECIFIER EVENT HEX
-        {"find", &Host::find},                             // SERVICE
-        {"subscribe", &Host::subscribe},                   // SERVICE INSTANCE ELEMENT [CONSUMER]
-        {"unsubscribe", &Host::unsubscribe},               // SERVICE INSTANCE ELEMENT
-        {"call", &Host::call},                             // SERVICE INSTANCE METHOD HEX [COUNT]
-        {"send", &Host::call_no_return},                   // SERVICE INSTANCE METHOD HEX
-        {"count", &Host::count}};                          // NAME, of the runtime's counter
+        {"offer", &Host::offer},              // SPECIFIER
+        {"stop", &Host::stop},                // SPECIFIER
+        {"notify", &Host::notify},            // SPECIFIER ELEMENT HEX
+        {"find", &Host::find},                // SERVICE
+        {"subscribe", &Host::subscribe},      // SERVICE INSTANCE ELEMENT [CONSUMER]
+        {"unsubscribe", &Host::unsubscribe},  // SERVICE INSTANCE ELEMENT
+        {"call", &Host::call},                // SERVICE INSTANCE METHOD HEX [COUNT]
+        {"send", &Host::call_no_return},      // SERVICE INSTANCE METHOD HEX
+        {"count", &Host::count}};             // NAME, of the runtime's counter
     (this->*commands.at(word(words)))(words);
   }
 
  private:
   void offer(Words& words) { provider(word(words)).offer(); }
   void stop(Words& words) { provider(word(words)).stop_offer(); }
-  template <auto Send>
-  void send(Words& words) {
+  void notify(Words& words) {
     Provider& instance = provider(word(words));
     const std::uint16_t id = *instance.element(word(words)).notifier;
-    (instance.*Send)(id, unhex(word(words)));
+    instance.notify(id, unhex(word(words)));
   }
   void find(Words& words) {
     const std::string service = word(words);
@@ -177,7 +175,7 @@ class Host {
               Bytes value(arguments.begin(), arguments.end());
               for (std::byte& byte : value)
                 byte &= std::byte{0x7F};
-              if (notifier) instance.update_field(*notifier, value);
+              if (notifier) instance.notify(*notifier, value);
               return Response{Return_code::ok, std::move(value)};
             });
       }

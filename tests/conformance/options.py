@@ -34,7 +34,7 @@ class Options(suite.Group):
     # Endpoints of offers
 
     def test_source_of_events(self):
-        host, peer = self.vehicle("update first value 01", "update second value 02", "update stream value 01",
+        host, peer = self.vehicle("notify first value 01", "notify second value 02", "notify stream value 01",
                                   "offer second", "offer stream")
         for service, instance, specifier in ((VEHICLE, 1, "first"), (VEHICLE, 2, "second"), (STREAM, 1, "stream")):
             offered = peer.entry(OFFER, service, instance=instance).endpoints
@@ -42,7 +42,7 @@ class Options(suite.Group):
                       if protocol == TCP_PROTOCOL or service == VEHICLE)
             events = peer.connect(at) if service == STREAM else peer.socket()
             self.assertGreater(peer.subscribed(host, service, TICK_GROUP, events, instance=instance).ttl, 0)
-            host.do(f"event {specifier} tick 01")
+            host.do(f"notify {specifier} tick 01")
             self.assertEqual(events.wait(lambda one: one.method == TICK).source, at)
             answer = peer.call(events if service == STREAM else at, service, VALUE_GETTER)
             self.assertEqual(answer.payload, bytes([instance]))

@@ -97,7 +97,7 @@ class ProcedureCalls(suite.Group):
         stranger.call(host, VEHICLE, ECHO)
         events = self.subscription(host, peer, TICK_GROUP)
         other = self.subscription(host, peer, BIG_GROUP)
-        host.do("event first tick 0102", "event first tock 02")
+        host.do("notify first tick 0102", "notify first tock 02")
         events.wait(lambda one: one.method == TOCK)
         peer.barrier(host)
         self.assertEqual([one.raw.hex() for one in events.messages],
@@ -106,13 +106,13 @@ class ProcedureCalls(suite.Group):
         self.assertEqual((other.messages, len(stranger.caller().messages)), ([], 1))
 
     def test_field(self):
-        host, peer = self.vehicle("update first value 0a0b")
+        host, peer = self.vehicle("notify first value 0a0b")
         events = self.subscription(host, peer)
         for method, payload, expected in ((VALUE_GETTER, b"", b"\x0a\x0b"), (VALUE_SETTER, b"\x12", b"\x12"),
                                           (VALUE_SETTER, b"\x93", b"\x13"), (VALUE_GETTER, b"", b"\x13")):
             answer = peer.call(host, VEHICLE, method, payload)
             self.assertEqual((answer.code, answer.payload), (0, expected))
-        host.do("update first value 02")
+        host.do("notify first value 02")
         events.wait(lambda one: one.payload == b"\x02")
         self.assertEqual([one.payload for one in events.messages], [b"\x0a\x0b", b"\x12", b"\x13", b"\x02"])
         answer = peer.call(self.pos, POSITIONING, 1)
@@ -120,7 +120,7 @@ class ProcedureCalls(suite.Group):
         self.assertGreater(len(answer.payload), 4)
 
     def test_wrap_of_events(self):
-        host, peer = self.vehicle("update first value 00")
+        host, peer = self.vehicle("notify first value 00")
         events = self.subscription(host, peer)
         events.wait()
         request = someip(VEHICLE, VALUE_SETTER, b"\x01")

@@ -80,11 +80,11 @@ class Segmentation(suite.Group):
 
     def test_notifications(self):
         long = pattern(3000)
-        host, peer = self.vehicle(f"update first big {long.hex()}")
+        host, peer = self.vehicle(f"notify first big {long.hex()}")
         channels = [self.subscription(host, one, BIG_GROUP) for one in (peer, self.peer())]
         for events in channels:
             self.assertEqual(joined(self.train(events)), long)
-        host.do(f"update first big {long[::-1].hex()}")
+        host.do(f"notify first big {long[::-1].hex()}")
         for events in channels:
             self.assertEqual(joined(self.train(events, since=3)), long[::-1])
             self.assertEqual({one.type for one in events.messages}, {NOTIFICATION | TP})
@@ -104,8 +104,8 @@ class Segmentation(suite.Group):
         host, peer = self.vehicle()
         events = self.subscription(host, peer, TICK_GROUP)
         long = pattern(60_000)
-        host.do(f"event first tick {long.hex()}", "event first tick 01", "event first tock 02",
-                f"event first tick {long[::-1].hex()}")
+        host.do(f"notify first tick {long.hex()}", "notify first tick 01", "notify first tock 02",
+                f"notify first tick {long[::-1].hex()}")
         self.network.wait(lambda: len(events.messages) == 2 * 44 + 2, "all of it")
         ticks = [one for one in events.messages if one.method == TICK]
         self.assertEqual((joined(ticks[:44]), ticks[44].payload, joined(ticks[45:])),

@@ -76,7 +76,7 @@ class Group(unittest.TestCase):
 
     def event(self, host, *channels, value=1, of="first"):
         """An event of that instance of the host's reaches these channels."""
-        host.do(f"event {of} tick {value:02x}")
+        host.do(f"notify {of} tick {value:02x}")
         for channel in channels:
             channel.wait(lambda one: (one.method, one.payload) == (TICK, bytes([value])), f"event {value}")
 

@@ -95,22 +95,22 @@ class Wire(suite.Group):
         events = peer.socket()
         answer = peer.subscribed(host, GROUP, TICK_GROUP, events)
         self.assertEqual(answer.endpoints, [(*group.address, UDP_PROTOCOL)])
-        host.do("event group tick 0a", "event group tick 0b")
+        host.do("notify group tick 0a", "notify group tick 0b")
         self.assertEqual(group.wait(lambda one: one.payload == b"\x0b").source, host.at(GROUP))
         self.assertEqual(self.received(host, peer, group, events), [[b"\x0a", b"\x0b"], []])
         # Nobody needs to say where it listens.
         peer.ask(host, subscribe(GROUP, TICK_GROUP, ttl=0), [endpoint(events)])
         answer, = peer.ask(host, subscribe(GROUP, TICK_GROUP, options=(0, 0)))
         self.assertGreater(answer.ttl, 0)
-        host.do("event group tick 0c")
+        host.do("notify group tick 0c")
         group.wait(lambda one: one.payload == b"\x0c")
 
     def test_threshold(self):
-        host, (first, second), group = self.group_host(2, "update group value 01")
+        host, (first, second), group = self.group_host(2, "notify group value 01")
         one, two = first.socket(), second.socket()
 
         def update(value, channel, field="value"):
-            host.do(f"update group {field} {value:02x}")
+            host.do(f"notify group {field} {value:02x}")
             channel.wait(lambda message: message.payload == bytes([value]), f"value {value}")
         answer = first.subscribed(host, GROUP, VALUE_GROUP, one)
         self.assertEqual(answer.endpoints, [(*group.address, UDP_PROTOCOL)])
@@ -166,13 +166,13 @@ class Wire(suite.Group):
             for value in (number, number + 1):
                 stream.socket.setsockopt(socket.IPPROTO_TCP, socket.TCP_QUICKACK, 0)
                 start = time.time()
-                host.do(f"event stream tick {value:02x}")
+                host.do(f"notify stream tick {value:02x}")
                 message = stream.wait(lambda one: one.payload == bytes([value]))
             delays.append(message.time - start)
         self.assertLess(sorted(delays)[len(delays) // 2], 0.025, delays)
 
     def test_one_connection(self):
-        host, peer, stream = self.stream_host("update stream value 11", "find RemoteStream", group=TICK_GROUP)
+        host, peer, stream = self.stream_host("notify stream value 11", "find RemoteStream", group=TICK_GROUP)
         self.assertGreater(peer.subscribed(host, STREAM, VALUE_GROUP, stream).ttl, 0)
         stream.wait(lambda one: one.method == VALUE)
         self.assertEqual(peer.call(stream, STREAM, ECHO, b"x").code, 0)
@@ -250,7 +250,7 @@ class Wire(suite.Group):
         peer.parts.remove(stream)
         self.network.wait(lambda: host.count("tcpLost") > lost, "loss of the connection")
         again = peer.connect(host.at(STREAM), port)
-        host.do("event stream tick 02")
+        host.do("notify stream tick 02")
         for _ in range(2):
             peer.call(again, STREAM, ECHO, b"x")
         self.assertEqual([one for one in again.messages if one.method == TICK], [])
@@ -259,7 +259,7 @@ class Wire(suite.Group):
 
     def test_slow_reader(self):
         host, peer, stream = self.stream_host(group=TICK_GROUP)
-        events = ["event stream tick " + "00" * 50_000] * 20
+        events = ["notify stream tick " + "00" * 50_000] * 20
         with stream.unwatched():
             self.network.wait(lambda: host.do(*events) or host.count("slowReaders") == 1, "end of the connection", 60)
             other = peer.connect(host.at(STREAM))

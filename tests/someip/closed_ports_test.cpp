@@ -18,10 +18,9 @@ Endpoint closed_port(const Address& address) {
   return brief.local();
 }
 
-class Closed_ports_test : public testing::TestWithParam<const char*> {};
+class Closed_port : public testing::TestWithParam<const char*> {};
 
-TEST_P(Closed_ports_test,
-       come_back_with_the_destination_and_the_message_and_disturb_no_other_send) {
+TEST_P(Closed_port, come_back_with_the_destination_and_the_message_and_disturb_no_other_send) {
   const Address loopback = boost::asio::ip::make_address(GetParam());
   Udp_socket sender(loopback), open(loopback);
   if (sender.bind({loopback, 0})) GTEST_SKIP() << "no " << loopback;
@@ -70,7 +69,7 @@ TEST(Closed_ports, are_all_noticed_when_more_come_at_once_than_fit_into_a_turn) 
   ports.stop();
 }
 
-INSTANTIATE_TEST_SUITE_P(Both_families, Closed_ports_test, testing::Values("127.0.0.1", "::1"));
+INSTANTIATE_TEST_SUITE_P(Both_families, Closed_port, testing::Values("127.0.0.1", "::1"));
 
 }  // namespace
 }  // namespace someip

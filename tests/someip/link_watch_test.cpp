@@ -16,7 +16,7 @@ namespace {
 using testing::ElementsAre;
 
 /// A network of the test's own: an interface with the node's address, plugged into another one.
-class Link_watch_test : public testing::Test {
+class Watched_link : public testing::Test {
  protected:
   void SetUp() override {
     if (::unshare(CLONE_NEWNET) != 0 && ::unshare(CLONE_NEWUSER | CLONE_NEWNET) != 0) {
@@ -50,7 +50,7 @@ class Link_watch_test : public testing::Test {
   std::vector<bool> changes_;
 };
 
-TEST_F(Link_watch_test, reports_each_loss_of_the_own_link_and_no_other_event) {
+TEST_F(Watched_link, reports_each_loss_of_the_own_link_and_no_other_event) {
   Link_watch watch(control_, boost::asio::ip::make_address("10.0.0.1"), log_,
                    [this](bool up) { changes_.push_back(up); });
   ASSERT_TRUE(watch.watching() && watch.up());

@@ -117,7 +117,7 @@ struct Client {
                  counters,
                  log,
                  {[](const Endpoint&) {}, [this](const Endpoint&) { ++lost; },
-                  [](Received, const Endpoint&, Tasks&) {}}};
+                  [](const Received&, const Endpoint&, Tasks&) {}}};
 };
 
 Header request(std::uint16_t session) {
@@ -190,7 +190,8 @@ struct Found final : Search_sink {
 /// A node that uses the server's service, which the test offers.
 struct Using_node {
   Using_node() {
-    deployment.discovery.multicast_address = make_address("239.255.44.1");
+    deployment.discovery.multicast_address =
+        make_address("239.255." + std::to_string(test::network()) + ".1");
     node_deployment.addresses = {own};
     node_deployment.watch_link = false;
     service.id = key.service;

@@ -51,9 +51,9 @@ class Thread_workers final : public Workers {
 constexpr std::uint16_t stuck = 1;
 
 /// A receiver whose handler of the method `stuck` waits until release().
-class Udp_receiver_test : public testing::Test, public Message_receiver {
+class Udp_receiving : public testing::Test, public Message_receiver {
  protected:
-  ~Udp_receiver_test() override {
+  ~Udp_receiving() override {
     release();
     receiver_->close();
   }
@@ -89,12 +89,12 @@ class Udp_receiver_test : public testing::Test, public Message_receiver {
   }
 
   struct Call final : Task {
-    Call(Udp_receiver_test& test, std::uint16_t method) : test_(test), method_(method) {}
+    Call(Udp_receiving& test, std::uint16_t method) : test_(test), method_(method) {}
     void run() override {
       test_.seen_.add(method_);
       if (method_ == stuck) test_.released_.wait(false);
     }
-    Udp_receiver_test& test_;
+    Udp_receiving& test_;
     const std::uint16_t method_;
   };
 
@@ -112,7 +112,7 @@ class Udp_receiver_test : public testing::Test, public Message_receiver {
       std::make_shared<Udp_receiver>(socket_, *this, workers_, reassembler_, counters_, log_);
 };
 
-TEST_F(Udp_receiver_test, stuck_handlers_hold_up_no_other_message) {
+TEST_F(Udp_receiving, stuck_handlers_hold_up_no_other_message) {
   receiver_->open_with_threads();
   for (std::uint16_t method = 2; method < 6; ++method) {
     ASSERT_TRUE(sticks_again());
@@ -127,7 +127,7 @@ TEST_F(Udp_receiver_test, stuck_handlers_hold_up_no_other_message) {
   EXPECT_TRUE(passes(6)) << "as before, after a thousand datagrams";
 }
 
-TEST_F(Udp_receiver_test, a_worker_that_looks_late_changes_nothing) {
+TEST_F(Udp_receiving, a_worker_that_looks_late_changes_nothing) {
   send(2);
   send(stuck);
   receiver_->open_with_threads();
@@ -137,7 +137,7 @@ TEST_F(Udp_receiver_test, a_worker_that_looks_late_changes_nothing) {
   EXPECT_TRUE(passes(3));
 }
 
-TEST_F(Udp_receiver_test, refused_sends_do_not_end_receiving) {
+TEST_F(Udp_receiving, refused_sends_do_not_end_receiving) {
   socket_->keep_errors();
   receiver_->open_with_threads();
   Endpoint nobody;

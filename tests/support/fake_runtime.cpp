@@ -57,21 +57,19 @@ class Fake_runtime::Provider : public tq::com::Provider {
     std::unique_lock lock{runtime_.mutex_};
     runtime_.idle_.wait(lock, [this] { return runtime_.instances_[specifier_].running == 0; });
   }
-  void update_field(std::uint16_t notifier, tq::com::Payload value) override {
-    if (runtime_.on_update) runtime_.on_update();
-    runtime_.updates_[notifier].emplace_back(value.begin(), value.end());
-  }
-  std::optional<std::vector<std::byte>> field_value(std::uint16_t notifier) const override {
-    const auto& updates = runtime_.updates_[notifier];
-    return updates.empty() ? std::nullopt : std::optional{updates.back()};
-  }
-  void send_event(std::uint16_t, tq::com::Payload value) override {
+  void notify(std::uint16_t notifier, tq::com::Payload value) override {
     if (runtime_.on_send) runtime_.on_send();
     Bytes bytes(value.size());
     std::ranges::transform(value, bytes.begin(), std::to_integer<std::uint8_t>);
     const std::lock_guard lock{runtime_.mutex_};
+    runtime_.updates_[notifier].emplace_back(value.begin(), value.end());
     auto& instance = runtime_.instances_[specifier_];
     if (instance.is_offered) instance.sent.push_back(std::move(bytes));
+  }
+  std::optional<std::vector<std::byte>> field_value(std::uint16_t notifier) const override {
+    const std::lock_guard lock{runtime_.mutex_};
+    const auto& updates = runtime_.updates_[notifier];
+    return updates.empty() ? std::nullopt : std::optional{updates.back()};
   }
 
  private:

@@ -38,7 +38,7 @@ class Fake_runtime final : public Played_runtime {
   tq::com::Response call(std::string_view specifier,
                          const std::string& element,
                          const Bytes& arguments);
-  /// Payloads of the events that an instance sent while it was offered.
+  /// Payloads of the notifications that an instance sent while it was offered.
   [[nodiscard]] std::vector<Bytes> sent(std::string_view specifier) const;
   /// Called within each sending, on the sender's thread. Set it before there are senders.
   std::function<void()> on_send;
@@ -51,6 +51,7 @@ class Fake_runtime final : public Played_runtime {
   template <class Record>
   std::vector<Record> published(const std::string& element) {
     std::vector<Record> records;
+    const std::lock_guard lock{mutex_};
     for (const auto& payload : updates_[ids_of(element).notifier.value()]) {
       std::vector<Record> one;
       binding::Cursor cursor{payload};
@@ -62,9 +63,10 @@ class Fake_runtime final : public Played_runtime {
     }
     return records;
   }
-  /// Called within each update of a field, on the updating thread. Set it before the first one.
-  std::function<void()> on_update;
-  void clear_updates() { updates_.clear(); }
+  void clear_updates() {
+    const std::lock_guard lock{mutex_};
+    updates_.clear();
+  }
 
   std::unique_ptr<tq::com::Consumer> connect(const tq::com::Found_instance& instance) override;
   std::unique_ptr<tq::com::Provider> provide(std::string_view service,
@@ -84,7 +86,7 @@ class Fake_runtime final : public Played_runtime {
 
   std::map<std::string, tq::com::Notification_handler> notifications_;
   std::map<std::uint16_t, std::vector<std::vector<std::byte>>> updates_;  ///< by notifier
-  mutable std::mutex mutex_;                                              ///< guards instances_
+  mutable std::mutex mutex_;  ///< guards updates_ and instances_
   std::condition_variable idle_;
   std::map<std::string, Instance, std::less<>> instances_;
 };

@@ -1,6 +1,5 @@
 """The page by itself in a real browser, with frames that are made there: widths, keys, time, memory, size."""
 
-import contextlib
 import gzip
 import http.server
 import os
@@ -38,8 +37,6 @@ def is_busy():
 class Synthetic_page(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        cls.folder = contextlib.ExitStack()
-
         class Handler(http.server.SimpleHTTPRequestHandler):
             def translate_path(self, path):
                 name = path.split("?")[0].lstrip("/") or "index.html"

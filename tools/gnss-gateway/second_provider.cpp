@@ -68,7 +68,7 @@ class Someip_second_provider final : public Second_provider {
  private:
   void update(std::string_view field, const std::optional<Encoded_payload>& value) {
     const auto notifier = provider_->element(field).notifier;
-    if (value && notifier) provider_->update_field(*notifier, value->bytes);
+    if (value && notifier) provider_->notify(*notifier, value->bytes);
   }
 
   const std::unique_ptr<tq::com::Runtime> runtime_;

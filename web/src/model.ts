@@ -95,6 +95,7 @@ export class Model implements Sink {
   private readonly spacing = new Map<Series, number>();
   private readonly message_counters = new Map<Series, number>();
   private skew: number | undefined;
+  private clock_compared = false; // on this connection
   private old_frames = 0;
 
   /** The server's Unix time in ms, which all times of frames are on. */
@@ -117,7 +118,7 @@ export class Model implements Sink {
       this.lost_since = connection.since;
       this.interrupt();
     }
-    if (connection.state === "open") this.skew = undefined;
+    if (connection.state === "open") this.clock_compared = false;
     this.connection = connection;
     this.tell("connection");
   }
@@ -142,9 +143,9 @@ export class Model implements Sink {
     const more = skew - (this.skew ?? Infinity);
     // What a snapshot repeats is old; only if everything is, the server's clock was set back.
     this.old_frames = more > 2000 ? this.old_frames + 1 : 0;
-    if (this.old_frames > 50) this.skew = skew;
-    else if (more < 0) this.skew = skew;
+    if (!this.clock_compared || this.old_frames > 50 || more < 0) this.skew = skew;
     else if (more < 2000) this.skew! += more / 1000;
+    this.clock_compared = true;
   }
 
   private take(frame: Any_frame): void {

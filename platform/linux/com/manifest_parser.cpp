@@ -291,10 +291,10 @@ someip::Instance_deployment instance(const Json_reader& value,
   members.done();
   if (!result.udp_port && !result.tcp_port) value.fail("\"udpPort\" or \"tcpPort\"");
   if (uses(service, someip::Transport::udp) && !result.udp_port) {
-    value.fail("\"udpPort\" for what travels over UDP");
+    value.fail("\"udpPort\" for the elements over UDP");
   }
   if (uses(service, someip::Transport::tcp) && !result.tcp_port) {
-    value.fail("\"tcpPort\" for what travels over TCP");
+    value.fail("\"tcpPort\" for the elements over TCP");
   }
   return result;
 }

@@ -16,7 +16,7 @@
 #include "platform/linux/com/loop.h"
 #include "platform/linux/com/make_runtime.h"
 #include "platform/linux/com/manifest.h"
-#include "platform/linux/com/search.h"
+#include "platform/linux/com/search_results.h"
 #include "platform/linux/com/socket_paths.h"
 #include "platform/linux/com/someip_consumer.h"
 #include "platform/linux/com/someip_provider.h"
@@ -48,7 +48,7 @@ class Someip_runtime final : public Runtime {
         node_(deployment_, node_deployment_, pool_.loop(), write_log) {}
 
   ~Someip_runtime() override {
-    std::map<Find_token, std::shared_ptr<Search>> searches;
+    std::map<Find_token, std::shared_ptr<Search_results>> searches;
     {
       const std::lock_guard lock(mutex_);
       searches.swap(searches_);
@@ -67,7 +67,7 @@ class Someip_runtime final : public Runtime {
                                 std::optional<std::uint16_t> instance,
                                 Find_handler handler) override {
     const auto& deployed = find_service(service);
-    auto search = std::make_shared<Search>(deployed, std::move(handler), pool_.loop());
+    auto search = std::make_shared<Search_results>(deployed, std::move(handler), pool_.loop());
     Find_token token{};
     {
       const std::lock_guard lock(mutex_);
@@ -80,7 +80,7 @@ class Someip_runtime final : public Runtime {
   }
 
   void stop_find_service(Find_token token) override {
-    std::shared_ptr<Search> search;
+    std::shared_ptr<Search_results> search;
     {
       const std::lock_guard lock(mutex_);
       const auto found = searches_.find(token);
@@ -156,10 +156,10 @@ class Someip_runtime final : public Runtime {
   someip::Node node_;
   std::mutex mutex_;  ///< guards the members below
   std::uint64_t last_token_ = 0;
-  std::map<Find_token, std::shared_ptr<Search>> searches_;
+  std::map<Find_token, std::shared_ptr<Search_results>> searches_;
 };
 
-/// What a passive process has: nothing that could be used.
+/// The runtime of a passive process: it refuses every use.
 class Passive_runtime final : public Runtime {
  public:
   void require(std::string_view, std::span<const Element>) const override { refuse(); }
@@ -201,7 +201,7 @@ std::unique_ptr<Runtime> make_local_runtime(someip::Deployment deployment,
     found->through = path;
     found->addresses = {someip::local_address(1, deployment.discovery.multicast_address.is_v4())};
   }
-  // The connection ends what it carries, no time does.
+  // Offers and subscriptions end with the connection, not with a time to live.
   deployment.discovery.subscribe_ttl = someip::endless_ttl;
   deployment.discovery.longest_offer_ttl = someip::endless_ttl;
   return std::make_unique<Someip_runtime>(std::move(deployment), node);
@@ -222,38 +222,35 @@ namespace mw::com::runtime {
 namespace {
 
 /// Blocks from this size on go back to the system when they are freed: those that a single long
-/// message may need once. Left alone, glibc takes each such block that is freed for a sign that
-/// more of them will come, and keeps tens of megabytes for them.
+/// message may need once. Left alone, glibc takes each freed block of this size as a sign of more
+/// to come, and keeps tens of megabytes.
 constexpr int given_back_bytes = 1 << 20;
 
-}  // namespace
+[[noreturn]] void refuse_second() {
+  throw std::logic_error("there is a Component_singleton already");
+}
 
-Component_singleton::Component_singleton(const std::string& name, bool passive) {
-  if (tq::com::the_runtime.load() != nullptr) {
-    throw std::logic_error("there is a Component_singleton already");
-  }
+std::unique_ptr<tq::com::Runtime> make_only_runtime(const std::string& name, bool passive) {
+  // Before the runtime finds its address taken.
+  if (tq::com::the_runtime.load() != nullptr) refuse_second();
   const std::string node = name.empty() ? std::string(ara::core::application().node) : name;
   auto deployment = tq::com::load_deployment(node);
 #ifdef M_MMAP_THRESHOLD
   ::mallopt(M_MMAP_THRESHOLD, given_back_bytes);
 #endif
-  if (passive) {
-    runtime_ = std::make_unique<tq::com::Passive_runtime>();
-  } else {
-    runtime_ = tq::com::make_runtime(std::move(deployment), node);
-  }
-  tq::com::Runtime* none = nullptr;
-  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
-    throw std::logic_error("there is a Component_singleton already");
-  }
+  if (passive) return std::make_unique<tq::com::Passive_runtime>();
+  return tq::com::make_runtime(std::move(deployment), node);
 }
+
+}  // namespace
+
+Component_singleton::Component_singleton(const std::string& name, bool passive)
+    : Component_singleton(make_only_runtime(name, passive)) {}
 
 Component_singleton::Component_singleton(std::unique_ptr<tq::com::Runtime> runtime)
     : runtime_(std::move(runtime)) {
   tq::com::Runtime* none = nullptr;
-  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) {
-    throw std::logic_error("there is a Component_singleton already");
-  }
+  if (!tq::com::the_runtime.compare_exchange_strong(none, runtime_.get())) refuse_second();
 }
 
 Component_singleton::~Component_singleton() {

@@ -2,6 +2,7 @@
 #include <string_view>
 
 #include "ara/com/types.h"
+#include "platform/someip/base/hexadecimal.h"
 
 namespace ara::com {
 
@@ -39,10 +40,8 @@ std::string_view name_of(tq::com::Return_code code) {
 }  // namespace
 
 std::string ToString(tq::com::Return_code code) {
-  constexpr std::string_view digits = "0123456789ABCDEF";
-  const auto value = static_cast<unsigned>(code);
-  std::string text{name_of(code)};
-  return text.append(" (0x").append({digits[value >> 4U], digits[value & 0xFU]}).append(")");
+  return std::string{name_of(code)} + " (" +
+         someip::hexadecimal(static_cast<std::uint32_t>(code), 2) + ")";
 }
 
 ServiceError::ServiceError(tq::com::Return_code code)

@@ -71,13 +71,8 @@ void Someip_provider::close() {
   gate_->close();
 }
 
-// The channel knows that it is a field's, and keeps the value.
-void Someip_provider::update_field(std::uint16_t notifier, Payload value) {
-  send_event(notifier, value);
-}
-
-void Someip_provider::send_event(std::uint16_t event, Payload value) {
-  channel(event).notify(value);
+void Someip_provider::notify(std::uint16_t notifier, Payload value) {
+  channel(notifier).notify(value);
 }
 
 std::optional<std::vector<std::byte>> Someip_provider::field_value(std::uint16_t notifier) const {

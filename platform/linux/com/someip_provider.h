@@ -33,10 +33,9 @@ class Someip_provider final : public Provider {
   void offer() override;
   void stop_offer() override;
   void close() override;
-  void update_field(std::uint16_t notifier, Payload value) override;
+  void notify(std::uint16_t notifier, Payload value) override;
   [[nodiscard]] std::optional<std::vector<std::byte>> field_value(
       std::uint16_t notifier) const override;
-  void send_event(std::uint16_t event, Payload value) override;
 
  private:
   [[nodiscard]] someip::Event_channel& channel(std::uint16_t event) const;

@@ -196,8 +196,7 @@ void static_thread_pool::Loop::run_posted() {
       posted_.pop_front();
       more = !posted_.empty();
     }
-    // Several posts may have been seen as one edge: what is left must not wait for this piece of
-    // work.
+    // A worker may have seen several posts as one edge: the others must not wait for this one.
     if (more) signal(posted_event_);
     work();
   }

@@ -6,7 +6,7 @@ namespace mw::com {
 
 Strand::~Strand() {
   close();
-  // Whoever got true from enqueue() still has to come back from run().
+  // A thread that got true from enqueue() must return from run() first.
   std::unique_lock lock(mutex_);
   finished_.wait(lock, [this] { return (state_ & owned) == 0 || running_in_this_thread(); });
 }
@@ -43,11 +43,11 @@ void Strand::run_queue() {
     queue_.pop_front();
     lock.unlock();
     work();
-    work = nullptr;  // what it holds may call back when it goes
+    work = nullptr;  // its destructor may call this strand
     lock.lock();
   }
   state_ &= closed;
-  // Under the lock: the one who waits may destroy the strand as soon as it gets the lock.
+  // Under the lock: a waiting thread may destroy the strand as soon as it gets the lock.
   finished_.notify_all();
 }
 

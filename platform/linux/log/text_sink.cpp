@@ -25,7 +25,7 @@ namespace {
 /// Holds the lines of a busy process for some seconds.
 constexpr std::size_t max_queued_bytes = std::size_t{256} << 10;
 /// At exit, the longest waits for the reader to take the next line, and to take all lines.
-constexpr std::chrono::milliseconds longest_wait{100};
+constexpr std::chrono::milliseconds longest_wait_for_a_line{100};
 constexpr std::chrono::seconds longest_exit{1};
 
 }  // namespace
@@ -138,10 +138,9 @@ void Text_sink::start_thread() {
     const core::All_signals_blocked blocked;
     std::thread([this] { write_queue(); }).detach();
     thread_runs_ = true;
+    (void)std::atexit(exit_handler_);
   } catch (const std::system_error&) {  // NOLINT(bugprone-empty-catch): the next line tries again
   }
-  static const int at_exit = std::atexit(exit_handler_);
-  (void)at_exit;
 }
 
 void Text_sink::write_queue() noexcept {
@@ -200,7 +199,7 @@ void Text_sink::wait_for_queue(std::unique_lock<std::mutex>& lock) {
   const auto end = std::chrono::steady_clock::now() + longest_exit;
   while (queuing_ && !given_up_) {
     const auto before = written_;
-    (void)drained_.wait_for(lock, longest_wait, [this] { return !queuing_; });
+    (void)drained_.wait_for(lock, longest_wait_for_a_line, [this] { return !queuing_; });
     given_up_ = written_ == before || std::chrono::steady_clock::now() > end;
   }
 }

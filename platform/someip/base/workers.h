@@ -23,8 +23,8 @@ class Readable {
 
 /// Runs the node's handlers and gives it a control thread. Any thread may call all members.
 ///
-/// There are three kinds of thread. The workers receive datagrams and run handlers; all of them
-/// wait for the same descriptors, so that an arrival wakes one of them and no other thread. The
+/// There are three kinds of thread. The workers receive datagrams and run handlers. All of them
+/// wait for the same descriptors; an arrival wakes one of them and no other thread. The
 /// control thread runs discovery, timers and TCP streams; they need no locks, because it is one
 /// thread. A thread of start_thread() runs one piece of work, such as receiving from one socket.
 class Workers {

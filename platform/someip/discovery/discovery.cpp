@@ -7,13 +7,13 @@ namespace someip {
 
 namespace {
 
-/// For the log: who spoke, and in whose name.
+/// For the log: the peer, and the sender of its messages if that is another address.
 std::string text_of(const Origin& origin) {
   const std::string peer = to_string(origin.peer);
   return origin.direct() ? peer : peer + " (says " + origin.sender.to_string() + ")";
 }
 
-/// Does one of the service's elements travel so?
+/// True if an element of the service uses the transport.
 bool needs(const Service_deployment& service, Transport transport) {
   const auto any = [&](const auto& elements) {
     return std::ranges::any_of(elements,

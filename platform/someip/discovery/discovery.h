@@ -64,13 +64,13 @@ class Discovery {
 
   void offer(Offer offer, Time now);
   void stop_offer(const Instance_key& key, Time now);
-  /// A client's TCP connection is gone, and with it its subscriptions over it.
+  /// Ends the subscriptions over a client's TCP connection, which has ended.
   void client_lost(const Endpoint& client, Time now);
   /// A client has closed the port that receives its events, which ends its subscriptions there.
   /// Returns their number.
   std::size_t port_closed(const Endpoint& client, Time now);
 
-  /// A client of the Unix socket has gone, and with it its subscriptions.
+  /// Ends the subscriptions of a client of the Unix socket, which has disconnected.
   void local_client_lost(const Endpoint& client, Time now);
 
   // The using side

@@ -22,7 +22,7 @@ class Discovery_peers {
   enum class Verdict { known, restarted, refused };
   /// Records a message. A new origin needs a place:
   ///   If its address has used its quota, the origin replaces the longest silent origin of this
-  ///   address, provided that this one has been silent for 10 s.
+  ///   address, which must have been silent for 10 s.
   ///   If the table is full, it replaces an origin of the address with the most places. If every
   ///   address has one place, the replaced origin must have been silent for 10 s.
   /// Refuses the origin if there is no such place.

@@ -176,9 +176,9 @@ void Discovery_server::subscribe(const Entry& entry,
 
   const Subscriber subscriber{from, endpoints, entry.counter()};
   if (stop) {
-    const auto ended = std::erase_if(group->second.subscriptions, [&](const Subscription& one) {
-      return one.subscriber == subscriber;
-    });
+    const auto ended = std::erase_if(
+        group->second.subscriptions,
+        [&](const Accepted_subscription& one) { return one.subscriber == subscriber; });
     if (ended > 0) unsettled_ = group->second.changed = true;
     return;
   }
@@ -219,14 +219,15 @@ bool Discovery_server::keep(Group& group,
   const Time expires = subscriber.origin.local()
                            ? Time::max()
                            : end_of_life(now, entry.ttl, timing_.longest_subscribe_ttl);
-  const auto present = std::ranges::find(subscriptions, subscriber, &Subscription::subscriber);
+  const auto present =
+      std::ranges::find(subscriptions, subscriber, &Accepted_subscription::subscriber);
   if (present != subscriptions.end()) {
     present->expires = expires;
     if (explicit_initial_data && entry.initial_data_requested()) {
       present->fresh = group.values_wanted = unsettled_ = true;
     }
   } else {
-    const auto places = std::ranges::count_if(subscriptions, [&](const Subscription& one) {
+    const auto places = std::ranges::count_if(subscriptions, [&](const Accepted_subscription& one) {
       return one.subscriber.origin.sender == subscriber.origin.sender;
     });
     if (subscriptions.size() >= limits_.subscribers_per_event_group ||
@@ -271,20 +272,21 @@ std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
 }
 
 void Discovery_server::forget_peer(const Origin& peer) {
-  end_subscriptions(
-      [&](const Subscription& subscription) { return subscription.subscriber.origin == peer; });
+  end_subscriptions([&](const Accepted_subscription& subscription) {
+    return subscription.subscriber.origin == peer;
+  });
   // A later client of this machine may get the same address.
   if (peer.local()) answers_.erase(peer.peer);
 }
 
 void Discovery_server::connection_lost(const Endpoint& client) {
-  end_subscriptions([&](const Subscription& subscription) {
+  end_subscriptions([&](const Accepted_subscription& subscription) {
     return subscription.subscriber.endpoints.tcp == client;
   });
 }
 
 std::size_t Discovery_server::port_closed(const Endpoint& client) {
-  const std::size_t ended = end_subscriptions([&](const Subscription& subscription) {
+  const std::size_t ended = end_subscriptions([&](const Accepted_subscription& subscription) {
     return subscription.subscriber.endpoints.udp == client;
   });
   counters_.subscriptions_closed.add(ended);
@@ -293,7 +295,8 @@ std::size_t Discovery_server::port_closed(const Endpoint& client) {
 
 void Discovery_server::link_down() {
   link_up_ = false;
-  end_subscriptions([](const Subscription& one) { return !one.subscriber.origin.local(); });
+  end_subscriptions(
+      [](const Accepted_subscription& one) { return !one.subscriber.origin.local(); });
   std::erase_if(answers_, [](const auto& answer) {
     return !answer.first || !is_local_address(answer.first->address);
   });
@@ -314,10 +317,10 @@ void Discovery_server::deliver_subscribers() {
       if (!state.changed) continue;
       std::vector<Subscriber> all;
       all.reserve(state.subscriptions.size());
-      for (const Subscription& subscription : state.subscriptions)
+      for (const Accepted_subscription& subscription : state.subscriptions)
         all.push_back(subscription.subscriber);
       host_.subscribers_changed(key, group, all);
-      for (Subscription& subscription : state.subscriptions) {
+      for (Accepted_subscription& subscription : state.subscriptions) {
         if (!subscription.sent_before) subscription.sent_before = host_.sent_to_all(key, group);
       }
     }
@@ -331,11 +334,11 @@ void Discovery_server::deliver_initial_values() {
       if (!state.changed && !state.values_wanted) continue;
       if (std::exchange(state.values_wanted, false)) {
         std::vector<Subscriber> fresh;
-        for (const Subscription& subscription : state.subscriptions) {
+        for (const Accepted_subscription& subscription : state.subscriptions) {
           if (subscription.fresh) fresh.push_back(subscription.subscriber);
         }
         const std::size_t values = fresh.empty() ? 0 : host_.values_wanted(key, group, fresh);
-        for (Subscription& subscription : state.subscriptions) {
+        for (Accepted_subscription& subscription : state.subscriptions) {
           if (std::exchange(subscription.fresh, false)) subscription.values += values;
         }
       }
@@ -365,11 +368,12 @@ void Discovery_server::advance(Local& local, Time now) {
 void Discovery_server::on_time(Time now) {
   if (next_expiry_ <= now) {
     next_expiry_ = Time::max();
-    counters_.subscriptions_expired.add(end_subscriptions([&](const Subscription& subscription) {
-      if (subscription.expires <= now) return true;
-      next_expiry_ = std::min(next_expiry_, subscription.expires);
-      return false;
-    }));
+    counters_.subscriptions_expired.add(
+        end_subscriptions([&](const Accepted_subscription& subscription) {
+          if (subscription.expires <= now) return true;
+          next_expiry_ = std::min(next_expiry_, subscription.expires);
+          return false;
+        }));
   }
   for (auto& [key, local] : offers_) {
     if (local.next > now) continue;

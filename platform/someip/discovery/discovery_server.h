@@ -88,7 +88,7 @@ class Discovery_server {
                  Time now);
   /// All subscriptions of a peer that has restarted end.
   void forget_peer(const Origin& peer);
-  /// A client's TCP connection is gone, its subscriptions over it too.
+  /// Ends the subscriptions over a client's TCP connection, which has ended.
   void connection_lost(const Endpoint& client);
   /// The client has closed the port that receives its events, which ends its subscriptions there.
   /// Returns their number.
@@ -105,7 +105,7 @@ class Discovery_server {
   void on_time(Time now);
   [[nodiscard]] Time next_deadline() const;
 
-  struct Subscription {
+  struct Accepted_subscription {
     Subscriber subscriber;
     Time since;
     Time expires;
@@ -121,7 +121,7 @@ class Discovery_server {
   void for_each_subscription(Visit&& visit) const {
     for (const auto& [key, local] : offers_) {
       for (const auto& [group, state] : local.groups) {
-        for (const Subscription& subscription : state.subscriptions)
+        for (const Accepted_subscription& subscription : state.subscriptions)
           visit(key, group, subscription);
       }
     }
@@ -132,7 +132,7 @@ class Discovery_server {
  private:
   enum class Phase : std::uint8_t { initial_wait, repetition, main };
   struct Group {
-    std::vector<Subscription> subscriptions;
+    std::vector<Accepted_subscription> subscriptions;
     bool changed = false;        ///< since deliver_subscribers()
     bool values_wanted = false;  ///< by one of them at least
   };

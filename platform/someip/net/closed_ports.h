@@ -19,8 +19,7 @@ struct Returned_datagram {
 };
 
 /// The oldest error that waits at the socket; empty if none waits. `returned` is set if the error
-/// reports a closed port, was sent by the destination itself (no other host can report it) and
-/// quotes the message.
+/// reports a closed port and quotes the message. Only an error from the destination itself counts.
 struct Socket_error {
   std::optional<Returned_datagram> returned;
 };

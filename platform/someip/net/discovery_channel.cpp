@@ -1,9 +1,7 @@
 #include "platform/someip/net/discovery_channel.h"
 
-#include <fcntl.h>
-
 #include <boost/asio/error.hpp>
-#include <cerrno>
+#include <span>
 #include <string>
 #include <system_error>
 #include <utility>
@@ -15,19 +13,10 @@ constexpr std::chrono::seconds rejoin_period{1};
 constexpr std::size_t max_datagram = 65536;
 /// After this many datagrams, timers get their turn.
 constexpr int datagrams_per_turn = 64;
-
-/// A second descriptor of a socket. Child processes do not inherit it.
-int copy_of(const Udp_socket& socket, const Address& address) {
-  const int copy = ::fcntl(socket.descriptor(), F_DUPFD_CLOEXEC, 0);
-  if (copy >= 0) return copy;
-  const int error = errno;  // taken before the text, which may change it
-  throw std::system_error(error, std::generic_category(),
-                          "cannot duplicate the discovery socket of " + address.to_string());
-}
 }  // namespace
 
 Discovery_channel::Socket::Socket(boost::asio::io_context& control, const Address& like)
-    : udp(like), events(control, copy_of(udp, like)) {}
+    : udp(like), events(control, udp.duplicate()) {}
 
 Discovery_channel::Discovery_channel(boost::asio::io_context& control,
                                      const Discovery_timing& timing,
@@ -44,7 +33,7 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
       unicast_(control, own),
       rejoin_(control),
       buffer_(max_datagram) {
-  unicast_.udp.allow_missing_address();
+  allow_missing_address(unicast_.udp.descriptor());
   if (const auto error = unicast_.udp.bind({own, timing.port})) {
     throw std::system_error(error, "cannot bind " + to_string(Endpoint{own, timing.port}));
   }
@@ -54,14 +43,14 @@ Discovery_channel::Discovery_channel(boost::asio::io_context& control,
   }
 }
 
-void Discovery_channel::start(bool link_watched) {
-  link_watched_ = link_watched;
+void Discovery_channel::start() {
   wait(multicast_, true);
   wait(unicast_, false);
 }
 
 void Discovery_channel::stop() {
   stopped_ = true;
+  link_up_ = false;
   rejoin_.cancel();
   boost::system::error_code ignored;
   multicast_.events.close(ignored);
@@ -69,6 +58,7 @@ void Discovery_channel::stop() {
 }
 
 void Discovery_channel::link_changed(bool up) {
+  link_up_ = up;
   rejoin_.cancel();
   // If a membership outlives its link, the kernel does not announce the next one to the network.
   multicast_.udp.leave(group_.address, own_);
@@ -84,10 +74,9 @@ void Discovery_channel::join() {
                  "cannot join " + group_.address.to_string() + " on " + own_.to_string() +
                      " yet: " + (joined ? sender_error : error).message());
   }
-  if (link_watched_ && joined && !sender_error) return;
   rejoin_.expires_after(rejoin_period);
   rejoin_.async_wait([this](const boost::system::error_code& cancelled) {
-    if (!cancelled && !stopped_) join();
+    if (!cancelled && link_up_) join();
   });
 }
 
@@ -102,19 +91,14 @@ void Discovery_channel::wait(Socket& socket, bool multicast) {
 
 void Discovery_channel::drain(Socket& socket, bool multicast) {
   for (int i = 0; i < datagrams_per_turn && !stopped_; ++i) {
-    Socket_address from;
-    socklen_t from_size = Socket_address::capacity();
-    const auto size = ::recvfrom(socket.udp.descriptor(), buffer_.data(), buffer_.size(),
-                                 MSG_DONTWAIT, from.data(), &from_size);
-    if (size < 0) {
-      if (errno == EAGAIN || errno == EWOULDBLOCK) return;
-      continue;  // the error of an earlier send, reported once
-    }
+    Udp_socket::Arrival arrival;
+    arrival.begin = buffer_;
+    if (socket.udp.receive(std::span(&arrival, 1)) == 0) return;
     counters_.datagrams_received.add();
-    const Endpoint sender = from.endpoint();
+    const Endpoint sender = arrival.from.endpoint();
     if (sender.address == own_) continue;            // our own multicast, looped back
     if (is_local_address(sender.address)) continue;  // forged: these have a Unix socket
-    receive_(Bytes(buffer_.data(), static_cast<std::size_t>(size)), sender, multicast);
+    receive_(Bytes(buffer_.data(), arrival.size), sender, multicast);
   }
 }
 

@@ -32,13 +32,11 @@ class Discovery_channel {
 
   [[nodiscard]] const Address& own() const { return own_; }
 
-  /// `link_watched`: the caller reports every loss of the link by link_changed(). Otherwise the
-  /// channel renews its membership in the group regularly, because it may vanish unnoticed with the
-  /// interface. Not a parameter of the constructor: the watch begins after the channel has chosen
-  /// the node's address.
-  void start(bool link_watched);
+  void start();
   void stop();
-  /// The channel joins the group each time the link comes up. The link counts as down at first.
+  /// The channel joins the group each time the link comes up. While the link is up, it renews its
+  /// membership regularly: the membership may vanish unnoticed with the interface. The link counts
+  /// as down at first.
   void link_changed(bool up);
   /// Sends to `to`, or to the group without it. A message that cannot be sent is counted; discovery
   /// repeats itself.
@@ -64,7 +62,7 @@ class Discovery_channel {
   Socket unicast_;
   boost::asio::steady_timer rejoin_;
   std::vector<std::byte> buffer_;
-  bool link_watched_ = false;
+  bool link_up_ = false;
   bool stopped_ = false;
 };
 

@@ -18,8 +18,8 @@ class Link_watch {
   /// Called on the control thread, from start() to stop().
   using Callback = std::function<void(bool up)>;
 
-  /// Reads the present state of the link. If the kernel does not report links (no rtnetlink in this
-  /// sandbox), logs that once; the link then counts as up for ever.
+  /// Reads the present state of the link. If the kernel does not report links (a container may
+  /// forbid rtnetlink), logs that once; the link then counts as up for ever.
   Link_watch(boost::asio::io_context& control, const Address& own, Log& log, Callback changed);
   /// A disabled watch: the link counts as up.
   Link_watch(boost::asio::io_context& control, const Address& own);

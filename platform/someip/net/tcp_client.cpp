@@ -1,9 +1,9 @@
 #include "platform/someip/net/tcp_client.h"
 
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <string>
+
+#include "platform/someip/net/udp_socket.h"
 
 namespace someip {
 
@@ -175,11 +175,9 @@ void Tcp_client::connect(const std::shared_ptr<Link>& link) {
   error_code error;
   const tcp::endpoint server = tcp_endpoint_of(link->server);
   link->socket.open(server.protocol(), error);
-  const int on = 1;
   if (!error) {
     close_in_children(link->socket.native_handle());
-    static_cast<void>(
-        ::setsockopt(link->socket.native_handle(), SOL_IP, IP_FREEBIND, &on, sizeof on));
+    allow_missing_address(link->socket.native_handle());
     link->socket.bind(tcp::endpoint(own_, 0), error);
   }
   if (error) {

@@ -1,9 +1,9 @@
 #include "platform/someip/net/tcp_server.h"
 
-#include <netinet/in.h>
-
 #include <algorithm>
 #include <utility>
+
+#include "platform/someip/net/udp_socket.h"
 
 namespace someip {
 
@@ -29,8 +29,7 @@ Tcp_server::Tcp_server(const Endpoint& local,
   // Connections of an earlier process may still linger on the port. The kernel refuses two
   // listeners all the same.
   acceptor_.set_option(tcp::acceptor::reuse_address(true));
-  const int on = 1;
-  static_cast<void>(::setsockopt(acceptor_.native_handle(), SOL_IP, IP_FREEBIND, &on, sizeof on));
+  allow_missing_address(acceptor_.native_handle());
   acceptor_.bind(endpoint);
   acceptor_.listen();
 }

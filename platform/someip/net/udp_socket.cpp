@@ -150,6 +150,11 @@ socklen_t Socket_address::size() const {
   return storage_.any.sa_family == AF_INET ? sizeof storage_.v4 : sizeof storage_.v6;
 }
 
+void allow_missing_address(int descriptor) {
+  const int on = 1;
+  static_cast<void>(set(descriptor, SOL_IP, IP_FREEBIND, on));
+}
+
 Udp_socket::Udp_socket(const Address& like)
     : descriptor_(::socket(
           like.is_v4() ? AF_INET : AF_INET6, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
@@ -169,6 +174,12 @@ Udp_socket::~Udp_socket() {
   ::close(descriptor_);
 }
 
+int Udp_socket::duplicate() const {
+  const int copy = ::fcntl(descriptor_, F_DUPFD_CLOEXEC, 0);
+  if (copy < 0) throw std::system_error(last_error(), "cannot duplicate a UDP socket");
+  return copy;
+}
+
 void Udp_socket::reuse_address() {
   const int on = 1;
   static_cast<void>(set(descriptor_, SOL_SOCKET, SO_REUSEADDR, on));
@@ -181,11 +192,6 @@ void Udp_socket::set_blocking() {
 void Udp_socket::end_receiving() {
   // Reports that the socket is not connected, and still wakes the waiting threads.
   ::shutdown(descriptor_, SHUT_RD);
-}
-
-void Udp_socket::allow_missing_address() {
-  const int on = 1;
-  static_cast<void>(set(descriptor_, SOL_IP, IP_FREEBIND, on));
 }
 
 void Udp_socket::keep_errors() {

@@ -35,6 +35,10 @@ class Socket_address {
   } storage_{};
 };
 
+/// Allows binding a socket, UDP or TCP, to an address without an interface: the network may come up
+/// later.
+void allow_missing_address(int descriptor);
+
 /// Owns the descriptor. Sending, waiting and receiving are thread-safe; the rest is for one thread
 /// at a time.
 class Udp_socket {
@@ -46,13 +50,14 @@ class Udp_socket {
   Udp_socket& operator=(const Udp_socket&) = delete;
 
   [[nodiscard]] int descriptor() const { return descriptor_; }
+  /// A second descriptor of the socket, which the caller owns. Child processes do not inherit it.
+  /// Throws std::system_error.
+  [[nodiscard]] int duplicate() const;
   void reuse_address();
   /// Makes wait() wait.
   void set_blocking();
   /// Ends each wait(), present and future. Thread-safe.
   void end_receiving();
-  /// Allows binding an address without an interface: the network may come up later.
-  void allow_missing_address();
   /// Keeps errors from the network in the socket's error queue, each with its destination. Call it
   /// after binding.
   void keep_errors();

@@ -50,7 +50,7 @@ class Event_channel {
   /// sender, after the turn has ended.
   void notify(Bytes payload);
 
-  // A change of the targets, on the thread of discovery: hold(), acknowledge, send_initial() to the
+  // A change of the targets, on the control thread: hold(), acknowledge, send_initial() to the
   // targets that shall get the present value of a field, release(). The turn lasts from hold() to
   // release(), so a new subscriber sees the acknowledgement, then the value of that moment, then
   // every later one, once. Without a change, the turn begins with send_initial().
@@ -93,7 +93,7 @@ class Event_channel {
   std::optional<std::vector<std::byte>> value_;  ///< written under mutex_ too: value() reads it
   std::atomic<std::uint64_t> sent_to_all_{0};    ///< read by any thread
 
-  // Belong to the thread of discovery.
+  // Belong to the control thread.
   bool held_ = false;
   bool value_was_missing_ = false;
 };

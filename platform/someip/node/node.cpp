@@ -126,7 +126,7 @@ void Node::start() {
   }
   warn_of_open_services();
   server_.start();
-  channel_->start(link_->watching());
+  channel_->start();
   link_->start();
   if (link_->up()) {
     channel_->link_changed(true);
@@ -161,7 +161,7 @@ void Node::stop() {
       discovery_.withdraw_all(Time::clock::now());
       control_.stop();
       if (channel_) channel_->stop();
-      server_.stop_watching();
+      server_.ports().stop_watching();
       link_->stop();
       shaper_.stop();
       timer_.cancel();
@@ -172,7 +172,7 @@ void Node::stop() {
     });
     done.get_future().wait();
     client_.close_port();
-    server_.close_ports();
+    server_.ports().close();
     client_.calls().cancel_all();
   });
 }
@@ -197,14 +197,14 @@ mw::com::runtime::Peers Node::peers() {
 
 void Node::datagram_received(Bytes datagram, const Endpoint& from, bool multicast) {
   // A port that was closed before its owner subscribed again must not end the new subscription.
-  if (!multicast) server_.look_for_closed_ports();
+  if (!multicast) server_.ports().look_for_closed_ports();
   discovery_.received(datagram, from, multicast, Time::clock::now());
 }
 
 void Node::peer_restarted(const Address& peer, Time last_contact) {
   reassembler_.forget(peer);
   client_.peer_restarted(peer, last_contact);
-  server_.peer_restarted(peer, last_contact);
+  server_.ports().peer_restarted(peer, last_contact);
 }
 
 void Node::schedule(Time next) {
@@ -216,13 +216,13 @@ void Node::link_changed(bool up) {
   if (up) {
     log_.write(Log_level::info, "the link of " + context_.own.to_string() + " is up");
     channel_->link_changed(true);
-    server_.link_up();
+    server_.ports().link_up();
   } else {
     counters_.links_lost.add();
     log_.write(Log_level::warning, "the link of " + context_.own.to_string() + " is down");
     channel_->link_changed(false);
     shaper_.clear();
-    server_.link_down();
+    server_.ports().link_down();
   }
   discovery_.link_changed(up, Time::clock::now());
 }

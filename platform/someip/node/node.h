@@ -26,7 +26,7 @@ class Node final {
   /// std::runtime_error naming the manifest, the key and the address when none of the addresses is
   /// free.
   Node(const Deployment& deployment, const Node_deployment& node, Workers& workers, Log_sink log);
-  /// Same as stop(). The workers must have been joined between the two.
+  /// Call stop() and join the workers first.
   ~Node();
   Node(const Node&) = delete;
   Node& operator=(const Node&) = delete;

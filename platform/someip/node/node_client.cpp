@@ -21,7 +21,7 @@ std::shared_ptr<Udp_port> Node_client::open_port() {
   const Node_deployment& node = context_.node;
   if (context_.local != nullptr) return nullptr;
   auto socket = std::make_unique<Udp_socket>(context_.own);
-  socket->allow_missing_address();
+  allow_missing_address(socket->descriptor());
   if (const auto error = socket->bind({context_.own, node.client_port})) {
     throw std::runtime_error(context_.deployment.source + ": nodes." + node.name +
                              ".clientPort: port " + std::to_string(node.client_port) + " of " +

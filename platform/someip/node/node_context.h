@@ -16,8 +16,7 @@
 namespace someip {
 
 /// References to objects that outlive both sides. Any thread may read them. The header of each
-/// class names the threads that may call it: `local`, Control::stop() and Segment_shaper::clear()
-/// belong to the control thread.
+/// class names the threads that may call it. `local` belongs to the control thread.
 struct Node_context {
   /// `socket` is bound.
   [[nodiscard]] std::shared_ptr<Udp_port> udp_port(std::unique_ptr<Udp_socket> socket,

@@ -282,17 +282,18 @@ void Node_server::list(mw::com::runtime::Peers& peers, Time now) const {
     row.refused = refusal.count;
     row.cause = refusal.cause;
   }
-  discovery_.server().for_each_subscription([&](const Instance_key& key, std::uint16_t event_group,
-                                                const Discovery_server::Subscription& one) {
-    if (peers.subscribers.size() >= Peers::max_rows) return;
-    Subscriber& row = add(key, event_group, one.subscriber.origin, one.subscriber.endpoints);
-    row.subscribed = true;
-    row.sinceMs = milliseconds_between(one.since, now);
-    row.ttlLeftMs = milliseconds_between(now, one.expires);
-    const std::uint64_t sent = sent_to_all(key, event_group);
-    row.sent = one.values + sent - one.sent_before.value_or(sent);
-    row.refused = one.refused;
-  });
+  discovery_.server().for_each_subscription(
+      [&](const Instance_key& key, std::uint16_t event_group,
+          const Discovery_server::Accepted_subscription& one) {
+        if (peers.subscribers.size() >= Peers::max_rows) return;
+        Subscriber& row = add(key, event_group, one.subscriber.origin, one.subscriber.endpoints);
+        row.subscribed = true;
+        row.sinceMs = milliseconds_between(one.since, now);
+        row.ttlLeftMs = milliseconds_between(now, one.expires);
+        const std::uint64_t sent = sent_to_all(key, event_group);
+        row.sent = one.values + sent - one.sent_before.value_or(sent);
+        row.refused = one.refused;
+      });
 }
 
 void Node_server::subscribers_settled(const Instance_key& key, std::uint16_t event_group) {

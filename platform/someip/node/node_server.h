@@ -21,7 +21,7 @@ namespace someip {
     const Service_deployment& service, const Instance_deployment* instance);
 
 /// Opens the ports of provided instances, offers these and serves their subscribers. Lives on the
-/// control thread, except provide(), offer(), stop_offer() and close_ports().
+/// control thread, except provide(), offer(), stop_offer() and ports().
 class Node_server final : public Discovery_server_host {
  public:
   /// Listens at the Unix socket of the node, if it has one; logs a warning if that is impossible.
@@ -39,21 +39,13 @@ class Node_server final : public Discovery_server_host {
 
   // For the node
 
+  [[nodiscard]] Service_ports& ports() { return ports_; }
   /// Control thread: appends the offered instances and their subscribers.
   void list(mw::com::runtime::Peers& peers, Time now) const;
   /// Accepts clients of the Unix socket, and watches for others that have closed their ports.
   void start();
-  void stop_watching() { ports_.stop_watching(); }
-  /// Ends the subscriptions of clients that have closed their ports.
-  void look_for_closed_ports() { ports_.look_for_closed_ports(); }
-  void peer_restarted(const Address& peer, Time last_contact) {
-    ports_.peer_restarted(peer, last_contact);
-  }
-  void link_up() { ports_.link_up(); }
-  void link_down() { ports_.link_down(); }
   /// Closes every connection and accepts no new one.
   void close_connections();
-  void close_ports() { ports_.close(); }
   /// Sends a discovery message to the client of the Unix socket with this address, or to all of
   /// them.
   void send_local_discovery(Bytes message, const std::optional<Address>& to);

@@ -15,7 +15,7 @@
 #include "platform/someip/net/received.h"
 #include "platform/someip/net/udp_port.h"
 #include "platform/someip/node/event_channel.h"
-#include "platform/someip/node/request.h"
+#include "platform/someip/node/reply_path.h"
 #include "platform/someip/node/request_budget.h"
 
 namespace someip {
@@ -23,8 +23,8 @@ namespace someip {
 using tq::com::Method_handler;
 using tq::com::Response;
 
-/// Holds the methods and the events of one instance. Any thread may call, except that the thread of
-/// discovery drives the changes of an event's targets, see Event_channel.
+/// Holds the methods and the events of one instance. Any thread may call, except that the control
+/// thread drives the changes of an event's targets, see Event_channel.
 class Provided_instance : public std::enable_shared_from_this<Provided_instance> {
  public:
   Provided_instance(const Service_deployment& service,
@@ -38,10 +38,10 @@ class Provided_instance : public std::enable_shared_from_this<Provided_instance>
   [[nodiscard]] const Instance_deployment& deployment() const { return instance_; }
   [[nodiscard]] Instance_key key() const;
 
-  /// Replaces the getter that a field has by itself. Throws std::out_of_range for an id that the
-  /// service does not have.
+  /// Replaces the default getter of a field. Throws std::out_of_range for an id that the service
+  /// does not have.
   void set_handler(std::uint16_t method, Method_handler handler);
-  /// The event or notifier; throws std::out_of_range when the service has none of that id.
+  /// The event or notifier. Throws std::out_of_range for an id that the service does not have.
   [[nodiscard]] Event_channel& event(std::uint16_t id);
   [[nodiscard]] bool has_event(std::uint16_t id) const { return events_.contains(id); }
   /// The events of a group.

@@ -80,7 +80,7 @@ std::shared_ptr<Service_ports::Udp> Service_ports::udp(const Instance_deployment
   const auto known = udp_.find(*instance.udp_port);
   if (known != udp_.end()) return known->second;
   auto socket = std::make_unique<Udp_socket>(context_.own);
-  socket->allow_missing_address();
+  allow_missing_address(socket->descriptor());
   if (const auto error = socket->bind({context_.own, *instance.udp_port})) {
     throw std::runtime_error(context_.deployment.source + ": udpPort of instance \"" +
                              instance.specifier + "\": port " + std::to_string(*instance.udp_port) +

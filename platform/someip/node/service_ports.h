@@ -48,6 +48,7 @@ class Service_ports {
 
   void watch() { closed_.start(); }
   void stop_watching() { closed_.stop(); }
+  /// Reports the ports found closed until now.
   void look_for_closed_ports() { closed_.look(); }
 
   void peer_restarted(const Address& peer, Time last_contact);

@@ -12,7 +12,7 @@
 #include "platform/someip/base/task.h"
 #include "platform/someip/net/received.h"
 #include "platform/someip/node/provided_instance.h"
-#include "platform/someip/node/request.h"
+#include "platform/someip/node/reply_path.h"
 #include "platform/someip/node/request_budget.h"
 
 namespace someip {

@@ -66,9 +66,11 @@ TEST(Drive, the_quantities_of_neighbouring_instants_agree_with_each_other) {
 }
 
 class Route_file : public testing::Test {
- protected:
+ public:
   Route_file() : path(testing::TempDir() + "route.gpx") {}
   ~Route_file() override { std::remove(path.c_str()); }
+
+ protected:
   Route read(const std::string& points) const {
     std::ofstream(path) << R"(<?xml version="1.0"?><gpx version="1.1"><trk><trkseg>)" << points
                         << "</trkseg></trk></gpx>";

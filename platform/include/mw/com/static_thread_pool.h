@@ -1,6 +1,6 @@
 /// The threads that run everything from the network. The number of workers is fixed at
-/// construction. Beside them, one thread does control (service discovery, timers, streams), and two
-/// threads wait for notifications and responses.
+/// construction. Beside them, one thread does control (service discovery, timers, streams). A node
+/// starts two more threads, which receive its notifications and responses.
 #pragma once
 
 #include <cstddef>

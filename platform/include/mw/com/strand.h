@@ -13,9 +13,8 @@
 namespace mw::com {
 
 /// A queue of work that one thread at a time runs. A caller hands work over in two steps: enqueue()
-/// under the caller's own order, then run(). So a receiving thread fixes the order of two datagrams
-/// before another thread receives the next one, and still runs the first handler itself without a
-/// hop.
+/// under the caller's own order, then run(). So a receiving thread fixes the place of its datagram
+/// before another thread receives the next one. It still runs the handler itself, without a hop.
 class Strand {
  public:
   Strand() = default;

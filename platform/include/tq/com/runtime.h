@@ -55,8 +55,10 @@ using Notification_handler = std::function<void(Payload)>;
 /// ends.
 using Subscription_state_handler = std::function<void(bool subscribed)>;
 
-/// Called with every offered instance that matches a search, in the order of their first offers.
-/// The calls come at the start and on each change, one at a time, on a worker thread.
+/// Called with every offered instance that matches a search, at the start and on each change, one
+/// call at a time, on a worker thread. In front are those whose present provider was the first to
+/// deliver their events, in the order of these deliveries: a stranger's instance cannot displace
+/// them. The others follow in the order of their first offers.
 using Find_handler = std::function<void(const std::vector<Found_instance>&)>;
 
 enum class Find_token : std::uint64_t {};
@@ -72,8 +74,8 @@ class Consumer {
 
   [[nodiscard]] virtual Element_ids element(std::string_view name) const = 0;
 
-  /// Requests the notifications of an event or field. The runtime subscribes to its event group,
-  /// renews the subscription with every offer and calls `handler` for each notification, the
+  /// Requests the notifications of an event or field. The runtime subscribes to its event group
+  /// and renews the subscription with every offer. It calls `handler` for each notification, the
   /// initial value of a field included. A second call for the same element replaces the handlers.
   virtual void subscribe(std::string_view element,
                          Notification_handler handler,
@@ -104,13 +106,12 @@ class Provider {
   /// still sends reaches no subscriber.
   virtual void close() = 0;
 
-  /// Sets the current value of a field, keeps it for new subscribers and notifies the present ones.
-  virtual void update_field(std::uint16_t notifier, Payload value) = 0;
-  /// The value of a field notified last; empty before its first update.
+  /// Notifies the present subscribers of an event or a field, and keeps the value of a field for
+  /// new subscribers.
+  virtual void notify(std::uint16_t notifier, Payload value) = 0;
+  /// The value of a field notified last; empty before its first notification.
   [[nodiscard]] virtual std::optional<std::vector<std::byte>> field_value(
       std::uint16_t notifier) const = 0;
-  /// Sends an event to the present subscribers and keeps nothing.
-  virtual void send_event(std::uint16_t event, Payload value) = 0;
 };
 
 /// The process's node on the network. mw::com::runtime::Component_singleton creates it.

@@ -148,7 +148,7 @@ class Event {
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
     if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.record_update(id_);
-    core_.provider->send_event(id_, payload);
+    core_.provider->notify(id_, payload);
   }
 
  private:
@@ -167,6 +167,8 @@ class Field {
 
   Field(Skeleton_core& core, std::string_view name)
       : core_{core}, ids_{core.provider->element(name)}, notifier_{ids_.notifier.value_or(0)} {
+    // The runtime would answer as well, but without trace records and the log line for a Get before
+    // the first Update.
     if (ids_.getter) answer_get_with<detail::Encoded>([this] { return latest(); });
   }
   Field(const Field&) = delete;
@@ -180,7 +182,7 @@ class Field {
     thread_local std::vector<std::byte> scratch;
     const auto payload = Serialization<Value>::encode_into(value, scratch);
     if (may_trace(trace_level(Trace_id::Event_update_tx))) core_.record_update(notifier_);
-    core_.provider->update_field(notifier_, payload);
+    core_.provider->notify(notifier_, payload);
   }
   void RegisterGetHandler(GetHandler handler) {
     if (ids_.getter) answer_get_with<Value>(std::move(handler));

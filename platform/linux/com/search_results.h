@@ -15,12 +15,15 @@
 namespace tq::com {
 
 /// Calls the handler for one result at a time, the newest one.
-class Search final : public someip::Search_sink, public std::enable_shared_from_this<Search> {
+class Search_results final : public someip::Search_sink,
+                             public std::enable_shared_from_this<Search_results> {
  public:
-  Search(const someip::Service_deployment& service, Find_handler handler, someip::Workers& workers);
-  ~Search() override;
-  Search(const Search&) = delete;
-  Search& operator=(const Search&) = delete;
+  Search_results(const someip::Service_deployment& service,
+                 Find_handler handler,
+                 someip::Workers& workers);
+  ~Search_results() override;
+  Search_results(const Search_results&) = delete;
+  Search_results& operator=(const Search_results&) = delete;
 
   void found(const std::vector<std::uint16_t>& instances) override;
   /// Returns once the handler does not run, except inside the handler.

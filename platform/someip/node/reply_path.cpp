@@ -1,4 +1,4 @@
-#include "platform/someip/node/request.h"
+#include "platform/someip/node/reply_path.h"
 
 #include <cstdint>
 #include <memory>
