@@ -47,7 +47,8 @@ std::vector<std::uint8_t> bytes_of(const std::vector<Fault_entry>& entries) {
   for (const Fault_entry& entry : entries)
     binding::encode(entry, encoded);
   std::vector<std::uint8_t> bytes(encoded.size());
-  std::ranges::transform(encoded, bytes.begin(), std::to_integer<std::uint8_t>);
+  std::ranges::transform(encoded, bytes.begin(),
+                         [](std::byte one) { return std::to_integer<std::uint8_t>(one); });
   return bytes;
 }
 
