@@ -49,8 +49,8 @@ Data_bus_element element_of(gnssClient::gnssClientImpl::Field field) {
 
 posApplication::posApplication(Persistency persistency)
     : persistency_(std::move(persistency)),
-      settings_(read_settings(persistency_)),
       pos_service_(diagnosis_service_),
+      settings_(read_settings(persistency_)),
       // This application needs no time before a shutdown.
       component_client_(&persistency_, [] { return true; }) {
   gnss_client_.set_received_gnss_data_logging(settings_.recievedGNSSDataLogging);

@@ -53,7 +53,6 @@ class posApplication {
   void receive_times(const Times& times);
 
   Persistency persistency_;
-  const Settings settings_;
   binding::Position_ages ages_;
   mw::com::runtime::Clock_watch clock_;
   gnssClient::gnssClientImpl gnss_client_;
@@ -63,5 +62,6 @@ class posApplication {
   TimemasterClient::TimemasterClientImpl timemaster_client_;
   Output_defaults output_defaults_{};
   std::atomic<bool> shutdown_{false};  ///< set by signalHandler, polled by run()
+  const Settings settings_;
   ComponentClientWrapper component_client_;
 };
