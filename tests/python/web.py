@@ -44,13 +44,17 @@ class WebSocket:
         self.stream.close()
         self.socket.close()
 
-    def send(self, payload, opcode=1, final=True, masked=True, length=None):
+    @staticmethod
+    def framed(payload, opcode=1, final=True, masked=True, length=None):
         """`length` is what the frame says; that of the payload unless it is given."""
         length = len(payload) if length is None else length
         size = bytes([length]) if length < 126 else b"\x7e" + struct.pack(">H", length) if length < 65536 \
             else b"\x7f" + struct.pack(">Q", length)
         head = bytes([0x80 * final | opcode, 0x80 * masked | size[0]]) + size[1:]
-        self.socket.sendall(head + b"\0" * 4 * masked + payload)
+        return head + b"\0" * 4 * masked + payload
+
+    def send(self, payload, **frame):
+        self.socket.sendall(self.framed(payload, **frame))
 
     def receive(self):
         """Opcode and payload of the next message; pings are answered. None: the connection has ended."""

@@ -178,8 +178,8 @@ class Page_server(Desk_test):
         for send, code in (
             (lambda one: one.send(b"x" * 5000), 1009), (lambda one: one.send(b"x", length=1 << 40), 1009),
             (lambda one: one.send(b"x", opcode=2), 1008), (lambda one: one.send(b"x", masked=False), 1002),
-            (lambda one: [one.send(b"x" * 100, opcode=0 if index else 1, final=False) for index in range(50)], 1009),
-            (lambda one: [one.send(b"{}") for _ in range(40)], 1008), (lambda one: one.send(b"\xff\xfe"), 1007),
+            (lambda one: [one.send(b"x" * 100, opcode=0 if index else 1, final=False) for index in range(41)], 1009),
+            (lambda one: one.socket.sendall(one.framed(b"{}") * 40), 1008), (lambda one: one.send(b"\xff\xfe"), 1007),
         ):
             client = self.open("/feed", **bearer)
             send(client)
