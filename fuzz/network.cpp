@@ -9,7 +9,8 @@
 #include "platform/someip/net/udp_socket.h"
 
 // What the linker makes of the calls: __wrap_… is called instead of the system's, which is
-// __real_…. The names are the linker's. NOLINTBEGIN(bugprone-reserved-identifier)
+// __real_…. The names are the linker's.
+// NOLINTBEGIN(bugprone-reserved-identifier,readability-identifier-naming)
 extern "C" {
 int __real_bind(int, const sockaddr*, socklen_t);
 int __real_close(int);
@@ -367,4 +368,4 @@ std::chrono::steady_clock::time_point now() asm("__wrap__ZNSt6chrono3_V212steady
 std::chrono::steady_clock::time_point now() {
   return Network::instance().now();
 }
-// NOLINTEND(bugprone-reserved-identifier)
+// NOLINTEND(bugprone-reserved-identifier,readability-identifier-naming)

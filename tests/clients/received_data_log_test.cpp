@@ -11,7 +11,7 @@ namespace gnssClient {
 namespace {
 
 TEST(Append_number, writes_what_a_stream_of_precision_16_writes) {
-  using limits = std::numeric_limits<double>;
+  using Limits = std::numeric_limits<double>;
   // At the edge of being rounded to a power of ten, and half-way between two texts; extremes.
   std::vector<double> values{0.0,
                              123456789012345678.0,
@@ -21,10 +21,10 @@ TEST(Append_number, writes_what_a_stream_of_precision_16_writes) {
                              0.99999999999999994,
                              4503599627370497.5,
                              4503599627370498.5,
-                             limits::max(),
-                             limits::denorm_min(),
-                             limits::infinity(),
-                             limits::quiet_NaN()};
+                             Limits::max(),
+                             Limits::denorm_min(),
+                             Limits::infinity(),
+                             Limits::quiet_NaN()};
   std::mt19937_64 random{42};
   for (int i = 0; i < 20'000; ++i) {
     values.push_back(std::bit_cast<double>(random()));

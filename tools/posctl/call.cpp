@@ -156,6 +156,7 @@ const Callable& callable_named(const std::vector<Callable>& all, const std::stri
   const auto found = std::ranges::find(all, name, &Callable::name);
   if (found != all.end()) return *found;
   std::vector<std::string> names;
+  names.reserve(all.size());
   for (const auto& one : all)
     names.push_back(one.name);
   throw tools::Usage_error("there is no method \"" + name + "\"" +

@@ -129,7 +129,9 @@ Run add_init_monitor(CLI::App& command) {
   auto options = std::make_shared<Init_monitor_options>();
   command.add_option("monitor", options->monitor, "Such as POS_Input_GNSS or 0x83D101")->required();
   std::vector<std::string> reasons;
-  for (const auto& [value, name] : binding::enumerators<mw::dm::dem::InitMonitorReason>)
+  const auto& known = binding::enumerators<mw::dm::dem::InitMonitorReason>;
+  reasons.reserve(known.size());
+  for (const auto& [value, name] : known)
     reasons.emplace_back(name);
   command.add_option("reason", options->reason, "Why the event manager would do it")
       ->required()

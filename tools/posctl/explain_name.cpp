@@ -27,6 +27,7 @@ std::vector<Term> terms_named(const std::string& name) {
   });
   if (!found.empty()) return found;
   std::vector<std::string> names;
+  names.reserve(all.size());
   for (const auto& term : all)
     names.push_back(term.name);
   throw tools::Usage_error("nothing has the name \"" + name + "\"" +

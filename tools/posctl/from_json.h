@@ -51,9 +51,8 @@ T from_json(const Json& json) {
     return record;
   } else if constexpr (std::is_enum_v<T>) {
     for (const auto& [value, name] : binding::enumerators<T>) {
-      if (json == Json(name) || json == Json(static_cast<std::underlying_type_t<T>>(value))) {
-        return value;
-      }
+      if (json == Json(name)) return value;
+      if (json == Json(static_cast<std::underlying_type_t<T>>(value))) return value;
     }
     std::string names;
     for (const auto& known : binding::enumerators<T>)

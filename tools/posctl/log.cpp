@@ -24,7 +24,7 @@ Log_context_level parse(const std::string& text) {
   if (equals == std::string::npos) {
     throw tools::Usage_error("expected CONTEXT=LEVEL such as GNSS=debug, found \"" + text + "\"");
   }
-  const Log_context_level wanted{text.substr(0, equals), text.substr(equals + 1)};
+  Log_context_level wanted{text.substr(0, equals), text.substr(equals + 1)};
   if (std::ranges::find(levels, wanted.level) == levels.end()) {
     throw tools::Usage_error("there is no log level \"" + wanted.level +
                              "\"; expected off, fatal, error, warn, info, debug or verbose" +
@@ -61,7 +61,7 @@ int log(const Log_options& options) {
   std::string text;
   for (const auto& [context, level] : told) {
     json["levels"][context] = level;
-    text += context + "=" + level + "\n";
+    text.append(context).append("=").append(level).append("\n");
   }
   tools::write_output(options.json ? json.dump() + "\n" : text);
   return 0;
