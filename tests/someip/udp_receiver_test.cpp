@@ -52,11 +52,13 @@ constexpr std::uint16_t stuck = 1;
 
 /// A receiver whose handler of the method `stuck` waits until release().
 class Udp_receiving : public testing::Test, public Message_receiver {
- protected:
+ public:
   ~Udp_receiving() override {
     release();
     receiver_->close();
   }
+
+ protected:
   void release() {
     released_ = true;
     released_.notify_all();

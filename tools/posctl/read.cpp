@@ -94,12 +94,13 @@ std::string normalized(std::string did) {
 }
 
 std::vector<Readable_identifier> wanted(const std::string& name) {
-  const auto all = entries();
+  auto all = entries();
   if (name == "all") return all;
   const auto found = std::ranges::find(all, normalized(name), &Readable_identifier::did);
   if (found != all.end()) return {*found};
   std::string known;
   std::vector<std::string_view> names;
+  names.reserve(all.size());
   for (const Readable_identifier& one : all) {
     known.append(known.empty() ? "" : ", ").append(one.did);
     names.push_back(one.did);
