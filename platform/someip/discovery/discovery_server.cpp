@@ -176,9 +176,8 @@ void Discovery_server::subscribe(const Entry& entry,
 
   const Subscriber subscriber{from, endpoints, entry.counter()};
   if (stop) {
-    const auto ended = std::erase_if(
-        group->second.subscriptions,
-        [&](const Accepted_subscription& one) { return one.subscriber == subscriber; });
+    const auto ended = std::erase_if(group->second.subscriptions,
+                                     [&](const auto& one) { return one.subscriber == subscriber; });
     if (ended > 0) unsettled_ = group->second.changed = true;
     return;
   }
@@ -227,7 +226,7 @@ bool Discovery_server::keep(Group& group,
       present->fresh = group.values_wanted = unsettled_ = true;
     }
   } else {
-    const auto places = std::ranges::count_if(subscriptions, [&](const Accepted_subscription& one) {
+    const auto places = std::ranges::count_if(subscriptions, [&](const auto& one) {
       return one.subscriber.origin.sender == subscriber.origin.sender;
     });
     if (subscriptions.size() >= limits_.subscribers_per_event_group ||
@@ -272,31 +271,25 @@ std::size_t Discovery_server::end_subscriptions(Predicate&& ends) {
 }
 
 void Discovery_server::forget_peer(const Origin& peer) {
-  end_subscriptions([&](const Accepted_subscription& subscription) {
-    return subscription.subscriber.origin == peer;
-  });
+  end_subscriptions([&](const auto& one) { return one.subscriber.origin == peer; });
   // A later client of this machine may get the same address.
   if (peer.local()) answers_.erase(peer.peer);
 }
 
 void Discovery_server::connection_lost(const Endpoint& client) {
-  end_subscriptions([&](const Accepted_subscription& subscription) {
-    return subscription.subscriber.endpoints.tcp == client;
-  });
+  end_subscriptions([&](const auto& one) { return one.subscriber.endpoints.tcp == client; });
 }
 
 std::size_t Discovery_server::port_closed(const Endpoint& client) {
-  const std::size_t ended = end_subscriptions([&](const Accepted_subscription& subscription) {
-    return subscription.subscriber.endpoints.udp == client;
-  });
+  const std::size_t ended =
+      end_subscriptions([&](const auto& one) { return one.subscriber.endpoints.udp == client; });
   counters_.subscriptions_closed.add(ended);
   return ended;
 }
 
 void Discovery_server::link_down() {
   link_up_ = false;
-  end_subscriptions(
-      [](const Accepted_subscription& one) { return !one.subscriber.origin.local(); });
+  end_subscriptions([](const auto& one) { return !one.subscriber.origin.local(); });
   std::erase_if(answers_, [](const auto& answer) {
     return !answer.first || !is_local_address(answer.first->address);
   });
@@ -368,12 +361,11 @@ void Discovery_server::advance(Local& local, Time now) {
 void Discovery_server::on_time(Time now) {
   if (next_expiry_ <= now) {
     next_expiry_ = Time::max();
-    counters_.subscriptions_expired.add(
-        end_subscriptions([&](const Accepted_subscription& subscription) {
-          if (subscription.expires <= now) return true;
-          next_expiry_ = std::min(next_expiry_, subscription.expires);
-          return false;
-        }));
+    counters_.subscriptions_expired.add(end_subscriptions([&](const auto& subscription) {
+      if (subscription.expires <= now) return true;
+      next_expiry_ = std::min(next_expiry_, subscription.expires);
+      return false;
+    }));
   }
   for (auto& [key, local] : offers_) {
     if (local.next > now) continue;
