@@ -103,7 +103,9 @@ class Callables {
   template <class Service>
   void add_service() {
     [this]<std::size_t... Places>(std::index_sequence<Places...>) {
-      (add<Element_of<Service, Places>, Service>(std::get<Places>(Service::elements)), ...);
+      (this->template add<Element_of<Service, Places>, Service>(
+           std::get<Places>(Service::elements)),
+       ...);
     }
     (Places_of<Service>());
   }
