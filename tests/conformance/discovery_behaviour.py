@@ -59,14 +59,6 @@ class DiscoveryBehaviour(suite.Group):
         self.reaches(host, server, entry, 3)
         self.assertNotIn("notification Remote 1 value 02", host.lines)
 
-    def test_shutdown_of_host(self):
-        host, peer, server = self.remote("offer first", "offer stream")
-        self.active(host, peer)
-        peer.entry(OFFER, STREAM)
-        host.stop()
-        for type, service in ((OFFER, VEHICLE), (OFFER, STREAM), (SUBSCRIBE, REMOTE)):
-            peer.entry(type, service, ttl=0)
-
     # Subscribing, as server
 
     def test_in_force_at_once(self):

@@ -3,7 +3,6 @@
 from network import endpoint, subscribe
 
 MONITOR = "mw::dm::dem::DiagnosticMonitor"
-D_1190 = "lumo::services::diag::d_1190::DataIdentifier_BDPSomeipDataBusServiceNotAvailable"
 D_14A0 = "lumo::services::diag::d_14a0::DataIdentifier_PositioningStatusInputs"
 NO_TEXTS = bytes(4)  # the parameter of Read of a data identifier: an empty map
 CLEAR, RESTART, REENABLED = b"\0", b"\1", b"\2"
